@@ -1,0 +1,23 @@
+# The options that every target of this project is compiled with; nothing here reaches a consumer.
+
+add_library(kelto_compile_options INTERFACE)
+
+target_compile_features(kelto_compile_options INTERFACE cxx_std_17)
+target_compile_options(kelto_compile_options INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual -Wcast-align
+  -Wmissing-declarations
+  $<$<BOOL:${KELTO_WERROR}>:-Werror>
+  $<$<CXX_COMPILER_ID:Clang,AppleClang>:-Wthread-safety>
+  # File names in assertion lines and debug information are relative to the project's root.
+  "-ffile-prefix-map=${PROJECT_SOURCE_DIR}/=")
+
+if(KELTO_SANITIZE)
+  target_compile_options(kelto_compile_options INTERFACE
+    -fsanitize=${KELTO_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  target_link_options(kelto_compile_options INTERFACE -fsanitize=${KELTO_SANITIZE})
+endif()
+
+if(KELTO_COVERAGE)
+  target_compile_options(kelto_compile_options INTERFACE --coverage -fprofile-update=atomic)
+  target_link_options(kelto_compile_options INTERFACE --coverage)
+endif()

@@ -1,0 +1,6 @@
+#ifndef CM_CLOCK_H
+#define CM_CLOCK_H
+
+#include "CmBase.h"
+
+#endif  // CM_CLOCK_H

@@ -1,0 +1,109 @@
+// CCmTimeValue: an instant or a span of time in seconds and microseconds.
+#ifndef CM_TIME_VALUE_H
+#define CM_TIME_VALUE_H
+
+#include <sys/time.h>
+#include <time.h>
+
+#include "CmBase.h"
+
+namespace UTIL_NS {
+
+// A value type. Kept normalised: the microseconds' magnitude is below 1000000 and the two
+// fields never have opposite signs (-1.5 s is {-1, -500000}). Arithmetic saturates at s_tvMax
+// and at its negative; it never wraps. Any thread; no allocation.
+class CM_UTIL_EXPORT CCmTimeValue {
+  public:
+    static constexpr long ONE_SECOND_IN_USECS = 1000000;
+
+    // No time at all; what a default-constructed value is.
+    static const CCmTimeValue s_tvZero;
+    // The largest value; as a timeout it means no limit.
+    static const CCmTimeValue s_tvMax;
+
+    constexpr CCmTimeValue() = default;
+    // Seconds and microseconds of either sign; normalises.
+    explicit constexpr CCmTimeValue(long aSec, long aUsec = 0) : m_lSec(aSec), m_lUsec(aUsec) {
+        Normalize();
+    }
+    explicit constexpr CCmTimeValue(const timeval& aTv) : CCmTimeValue(aTv.tv_sec, aTv.tv_usec) {}
+
+    // The current wall-clock time (seconds since 1970, UTC).
+    static CCmTimeValue GetTimeOfDay();
+
+    constexpr long GetSec() const { return m_lSec; }
+    constexpr long GetUsec() const { return m_lUsec; }
+
+    // {seconds, microseconds * 1000}.
+    timespec ToTimeSpec() const { return timespec{m_lSec, m_lUsec * 1000}; }
+
+    // Restores the invariant after the fields were set freely. Values that carry beyond the
+    // range saturate.
+    constexpr void Normalize();
+
+    CCmTimeValue& operator+=(const CCmTimeValue& aRight);
+    CCmTimeValue& operator-=(const CCmTimeValue& aRight);
+
+    friend CCmTimeValue operator+(CCmTimeValue aLeft, const CCmTimeValue& aRight) {
+        return aLeft += aRight;
+    }
+    friend CCmTimeValue operator-(CCmTimeValue aLeft, const CCmTimeValue& aRight) {
+        return aLeft -= aRight;
+    }
+    friend constexpr bool operator==(const CCmTimeValue& aLeft, const CCmTimeValue& aRight) {
+        return aLeft.m_lSec == aRight.m_lSec && aLeft.m_lUsec == aRight.m_lUsec;
+    }
+    friend constexpr bool operator<(const CCmTimeValue& aLeft, const CCmTimeValue& aRight) {
+        return aLeft.m_lSec != aRight.m_lSec ? aLeft.m_lSec < aRight.m_lSec
+                                             : aLeft.m_lUsec < aRight.m_lUsec;
+    }
+    friend constexpr bool operator!=(const CCmTimeValue& aLeft, const CCmTimeValue& aRight) {
+        return !(aLeft == aRight);
+    }
+    friend constexpr bool operator>(const CCmTimeValue& aLeft, const CCmTimeValue& aRight) {
+        return aRight < aLeft;
+    }
+    friend constexpr bool operator<=(const CCmTimeValue& aLeft, const CCmTimeValue& aRight) {
+        return !(aRight < aLeft);
+    }
+    friend constexpr bool operator>=(const CCmTimeValue& aLeft, const CCmTimeValue& aRight) {
+        return !(aLeft < aRight);
+    }
+
+  private:
+    constexpr void Saturate(bool aNegative);
+
+    long m_lSec = 0;
+    long m_lUsec = 0;
+};
+
+// Copies of the two class constants.
+CM_UTIL_EXPORT CCmTimeValue get_tvZero();
+CM_UTIL_EXPORT CCmTimeValue get_tvMax();
+
+constexpr void CCmTimeValue::Normalize() {
+    if (m_lUsec >= ONE_SECOND_IN_USECS || m_lUsec <= -ONE_SECOND_IN_USECS) {
+        const long lCarry = m_lUsec / ONE_SECOND_IN_USECS;
+        m_lUsec %= ONE_SECOND_IN_USECS;
+        if (__builtin_add_overflow(m_lSec, lCarry, &m_lSec)) {
+            Saturate(lCarry < 0);
+            return;
+        }
+    }
+    if (m_lSec > 0 && m_lUsec < 0) {
+        m_lSec -= 1;
+        m_lUsec += ONE_SECOND_IN_USECS;
+    } else if (m_lSec < 0 && m_lUsec > 0) {
+        m_lSec += 1;
+        m_lUsec -= ONE_SECOND_IN_USECS;
+    }
+}
+
+constexpr void CCmTimeValue::Saturate(bool aNegative) {
+    m_lSec = aNegative ? -INT64_MAX : INT64_MAX;
+    m_lUsec = aNegative ? -(ONE_SECOND_IN_USECS - 1) : ONE_SECOND_IN_USECS - 1;
+}
+
+}  // namespace UTIL_NS
+
+#endif  // CM_TIME_VALUE_H

@@ -1,0 +1,66 @@
+// Small classes that others build on: thread binding, the stop flag, the clean-up registry.
+#ifndef CM_UTIL_CLASSES_H
+#define CM_UTIL_CLASSES_H
+
+#include <pthread.h>
+
+#include <atomic>
+
+#include "CmBase.h"
+
+namespace UTIL_NS {
+
+// Remembers the thread that an object belongs to: the constructing one until it is rebound.
+class CM_UTIL_EXPORT CCmEnsureSingleThread {
+  public:
+    CCmEnsureSingleThread();
+
+    // Where a check of the calling thread belongs; it does nothing.
+    void EnsureSingleThread() const {}
+    void Reset2CurrentThreadId();
+    void Reset2ThreadId(pthread_t aThreadId);
+
+  protected:
+    pthread_t m_ThreadId;
+};
+
+// A flag that is written by its owning thread and may be read by any.
+class CM_UTIL_EXPORT CCmStopFlag : public CCmEnsureSingleThread {
+  public:
+    CCmStopFlag();
+
+    void SetStartFlag();
+    void SetStopFlag();
+    // True: stopped. Any thread; a momentarily stale value is possible.
+    bool IsFlagStopped() const { return m_bStopFlag.load(std::memory_order_relaxed); }
+
+  protected:
+    std::atomic<bool> m_bStopFlag;
+};
+
+// Base of objects that CleanupAll destroys. Such an object lives on the heap, registers itself
+// when constructed and leaves the registry only through CleanupAll.
+class CM_UTIL_EXPORT CCmCleanUpBase {
+  public:
+    CCmCleanUpBase(const CCmCleanUpBase&) = delete;
+    CCmCleanUpBase& operator=(const CCmCleanUpBase&) = delete;
+    virtual ~CCmCleanUpBase();
+    // Deletes the object.
+    virtual void CleanUp();
+
+    // Destroys every registered object, the most recently registered first, under the singleton
+    // mutex: a destructor may create or look up singletons but must not wait for a thread that
+    // needs that mutex. For the host to call at shutdown.
+    static void CleanupAll();
+
+  protected:
+    CCmCleanUpBase();
+
+  private:
+    CCmCleanUpBase* m_pNext;
+    static CCmCleanUpBase* s_pHeader;
+};
+
+}  // namespace UTIL_NS
+
+#endif  // CM_UTIL_CLASSES_H

@@ -1,0 +1,183 @@
+// Reference counts, the smart pointer over them, singletons and trimming.
+#ifndef CM_UTIL_TEMPLATES_H
+#define CM_UTIL_TEMPLATES_H
+
+#include <new>
+
+#include "CmBase.h"
+#include "CmConditionVariable.h"
+#include "CmTrace.h"
+#include "CmUtilClasses.h"
+#include "CmUtilMisc.h"
+
+namespace UTIL_NS {
+
+// Selects the count without a lock, for objects that never leave their thread.
+class CCmMutexNullSingleThread {};
+
+// Base of objects that end when their last reference is released. The count starts at 0; the
+// caller must not touch the object after ReleaseReference returned 0. Releasing a count that is
+// 0 already makes it negative and destroys nothing.
+template <class MutexType>
+class CCmReferenceControlT;
+
+// The thread-safe count: any thread may add and release; the object is destroyed on the thread
+// that released the last reference, which then sees all that the others did before.
+template <>
+class CM_UTIL_EXPORT CCmReferenceControlT<CCmMutexThread> {
+  public:
+    CCmReferenceControlT() = default;
+    virtual ~CCmReferenceControlT();
+
+    // Both return the new count.
+    virtual uint32_t AddReference();
+    virtual uint32_t ReleaseReference();
+    virtual uint32_t GetReference();
+    // Called when the count reaches 0; deletes the object.
+    virtual void OnReferenceDestory();
+
+  private:
+    CCmAtomicOperationT<CCmMutexThread> m_lCount;
+};
+
+// The single-thread count: all calls on one thread.
+template <>
+class CM_UTIL_EXPORT CCmReferenceControlT<CCmMutexNullSingleThread> {
+  public:
+    CCmReferenceControlT() = default;
+    virtual ~CCmReferenceControlT();
+    CCmReferenceControlT(const CCmReferenceControlT&) = delete;
+    CCmReferenceControlT& operator=(const CCmReferenceControlT&) = delete;
+
+    virtual uint32_t AddReference();
+    virtual uint32_t ReleaseReference();
+    virtual uint32_t GetReference();
+    virtual void OnReferenceDestory();
+
+  private:
+    CCmEnsureSingleThread m_Guard;
+    long m_lCount = 0;
+};
+
+// Holds one reference on its object.
+template <class T>
+class CCmComAutoPtr {
+  public:
+    CCmComAutoPtr(T* aPtr = nullptr) : m_pRawPtr(aPtr) {
+        if (m_pRawPtr != nullptr) {
+            m_pRawPtr->AddReference();
+        }
+    }
+    CCmComAutoPtr(const CCmComAutoPtr& aRight) : CCmComAutoPtr(aRight.m_pRawPtr) {}
+    ~CCmComAutoPtr() {
+        if (m_pRawPtr != nullptr) {
+            m_pRawPtr->ReleaseReference();
+        }
+    }
+
+    // Takes the new reference before it drops the old one, so that a chain in which the old
+    // object owns the new one stays alive.
+    CCmComAutoPtr& operator=(T* aPtr) {
+        if (m_pRawPtr == aPtr) {
+            return *this;
+        }
+        if (aPtr != nullptr) {
+            aPtr->AddReference();
+        }
+        T* pOld = m_pRawPtr;
+        m_pRawPtr = aPtr;
+        if (pOld != nullptr) {
+            pOld->ReleaseReference();
+        }
+        return *this;
+    }
+    CCmComAutoPtr& operator=(const CCmComAutoPtr& aRight) { return *this = aRight.m_pRawPtr; }
+
+    operator T*() const { return m_pRawPtr; }
+    T* operator->() const { return m_pRawPtr; }
+    T& operator*() const { return *m_pRawPtr; }
+    T* ParaIn() const { return m_pRawPtr; }
+
+  private:
+    T* m_pRawPtr;
+};
+
+// A process-wide object created on first use and destroyed by CCmCleanUpBase::CleanupAll (never
+// at process exit). After CleanupAll, Instance creates a new one.
+template <class T>
+class CCmSingletonT : public CCmCleanUpBase {
+  public:
+    // The one T, created under the singleton mutex; null when memory ran out (an assertion line
+    // says so). Any thread; no lock once it exists.
+    static T* Instance();
+
+  private:
+    CCmSingletonT() = default;
+    ~CCmSingletonT() override;
+
+    T m_Instance;
+    // Published with release by the creator, read with acquire by Instance, which orders the
+    // construction of T before its use.
+    static std::atomic<CCmSingletonT*> m_psInstance;
+};
+
+// Writes the info line that a singleton leaves behind; for ~CCmSingletonT.
+CM_UTIL_EXPORT void CmTraceSingletonEnd(void* aInstance, void* aThis);
+
+template <class T>
+std::atomic<CCmSingletonT<T>*> CCmSingletonT<T>::m_psInstance{nullptr};
+
+template <class T>
+T* CCmSingletonT<T>::Instance() {
+    if (CCmSingletonT* pInstance = m_psInstance.load(std::memory_order_acquire)) {
+        return &pInstance->m_Instance;
+    }
+    void* pVoid = nullptr;
+    GetSingletonMutex(&pVoid);
+    CCmMutexThreadRecursive* pMutex = static_cast<CCmMutexThreadRecursive*>(pVoid);
+    const CmResult rv = pMutex->Lock();
+    if (m_psInstance.load(std::memory_order_relaxed) == nullptr) {
+        m_psInstance.store(new (std::nothrow) CCmSingletonT, std::memory_order_release);
+    }
+    if (CM_SUCCEEDED(rv)) {
+        pMutex->UnLock();
+    }
+    CM_ASSERTE_RETURN_AT(m_psInstance, nullptr, "include/CmUtilTemplates.h", 58);
+    return &m_psInstance.load(std::memory_order_acquire)->m_Instance;
+}
+
+template <class T>
+CCmSingletonT<T>::~CCmSingletonT() {
+    CmTraceSingletonEnd(m_psInstance.load(std::memory_order_relaxed), this);
+    m_psInstance.store(nullptr, std::memory_order_relaxed);
+}
+
+// The predicate of the trimming templates: the blank (0x20) only; tabs and line ends are kept.
+class CCmIsSpace {
+  public:
+    bool operator()(char aChar) const { return aChar == ' '; }
+};
+
+// Removes the leading (LTrimString) or trailing (RTrimString) characters for which aPredicate
+// holds.
+template <class Predicate>
+void LTrimString(CCmString& aText, Predicate aPredicate) {
+    size_t nStart = 0;
+    while (nStart < aText.size() && aPredicate(aText[nStart])) {
+        ++nStart;
+    }
+    aText.erase(0, nStart);
+}
+
+template <class Predicate>
+void RTrimString(CCmString& aText, Predicate aPredicate) {
+    size_t nEnd = aText.size();
+    while (nEnd > 0 && aPredicate(aText[nEnd - 1])) {
+        --nEnd;
+    }
+    aText.erase(nEnd);
+}
+
+}  // namespace UTIL_NS
+
+#endif  // CM_UTIL_TEMPLATES_H

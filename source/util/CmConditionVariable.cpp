@@ -1,0 +1,208 @@
+#include "CmConditionVariable.h"
+
+#include <errno.h>
+
+#include "CmScopedLock.h"
+#include "CmTraceLine.h"
+#include "port/CmSystem.h"
+
+namespace UTIL_NS {
+
+namespace {
+
+// The type number of CCmMutexThread; platforms that do not know it leave the default kind.
+constexpr int MUTEX_TYPE_DEFAULT = 3;
+
+}  // namespace
+
+CCmMutexThread s_ReferenceControlMutexThread{CCmStaticInit()};
+
+int CCmMutexThreadBase::Init(int aType) {
+    pthread_mutexattr_t attribute;
+    int rv = g_cmSystem.pthread_mutexattr_init(&attribute);
+    if (rv != 0) {
+        return rv;
+    }
+    g_cmSystem.pthread_mutexattr_settype(&attribute, aType);
+    rv = g_cmSystem.pthread_mutex_init(&m_Mutex, &attribute);
+    g_cmSystem.pthread_mutexattr_destroy(&attribute);
+    return rv;
+}
+
+CCmMutexThreadBase::~CCmMutexThreadBase() {
+    const int rv = g_cmSystem.pthread_mutex_destroy(&m_Mutex);
+    if (rv != 0) {
+        CM_ERROR_TRACE_THIS(
+            "CCmMutexThreadBase::~CCmMutexThreadBase, pthread_mutex_destroy() failed! err=" << rv);
+    }
+}
+
+CmResult CCmMutexThreadBase::Lock() CM_NO_THREAD_SAFETY_ANALYSIS {
+    return g_cmSystem.pthread_mutex_lock(&m_Mutex) == 0 ? CM_OK : CM_ERROR_FAILURE;
+}
+
+CmResult CCmMutexThreadBase::UnLock() CM_NO_THREAD_SAFETY_ANALYSIS {
+    const int rv = g_cmSystem.pthread_mutex_unlock(&m_Mutex);
+    if (CM_LIKELY(rv == 0)) {
+        return CM_OK;
+    }
+    CM_ERROR_TRACE_THIS("CCmMutexThreadBase::UnLock, pthread_mutex_unlock() failed! err=" << rv);
+    return CM_ERROR_FAILURE;
+}
+
+CmResult CCmMutexThreadBase::TryLock() CM_NO_THREAD_SAFETY_ANALYSIS {
+    return g_cmSystem.pthread_mutex_trylock(&m_Mutex) == 0 ? CM_OK : CM_ERROR_FAILURE;
+}
+
+CCmMutexThreadRecursive::CCmMutexThreadRecursive() {
+    const int rv = Init(PTHREAD_MUTEX_RECURSIVE);
+    if (rv != 0) {
+        CM_ERROR_TRACE_THIS(
+            "CCmMutexThreadRecursive::CCmMutexThreadRecursive, pthread_mutex_init() failed! err="
+            << rv);
+    }
+}
+
+CCmMutexThread::CCmMutexThread() {
+    const int rv = Init(MUTEX_TYPE_DEFAULT);
+    if (rv != 0) {
+        CM_ERROR_TRACE_THIS(
+            "CCmMutexThread::CCmMutexThread, pthread_mutex_init() failed! err=" << rv);
+    }
+}
+
+CCmConditionVariableThread::CCmConditionVariableThread(CCmMutexThread& aMutex) : m_Mutex(aMutex) {
+    const int rv = g_cmSystem.pthread_cond_init(&m_Condition, nullptr);
+    if (rv != 0) {
+        CM_WARNING_TRACE_THIS(
+            "CCmConditionVariableThread::CCmConditionVariableThread, pthread_cond_init() failed! "
+            "err="
+            << rv);
+    }
+}
+
+CCmConditionVariableThread::~CCmConditionVariableThread() {
+    const int rv = g_cmSystem.pthread_cond_destroy(&m_Condition);
+    if (rv != 0) {
+        CM_WARNING_TRACE_THIS(
+            "CCmConditionVariableThread::~CCmConditionVariableThread, pthread_cond_destroy() "
+            "failed! err="
+            << rv);
+    }
+}
+
+CmResult CCmConditionVariableThread::Signal() {
+    const int rv = g_cmSystem.pthread_cond_signal(&m_Condition);
+    if (CM_LIKELY(rv == 0)) {
+        return CM_OK;
+    }
+    CM_WARNING_TRACE_THIS(
+        "CCmConditionVariableThread::Signal, pthread_cond_signal() failed! err=" << rv);
+    return CM_ERROR_FAILURE;
+}
+
+CmResult CCmConditionVariableThread::Broadcast() {
+    const int rv = g_cmSystem.pthread_cond_broadcast(&m_Condition);
+    if (CM_LIKELY(rv == 0)) {
+        return CM_OK;
+    }
+    // The text names Signal.
+    CM_WARNING_TRACE_THIS(
+        "CCmConditionVariableThread::Signal, pthread_cond_broadcast() failed! err=" << rv);
+    return CM_ERROR_FAILURE;
+}
+
+CmResult CCmConditionVariableThread::Wait(CCmTimeValue* aTimeout) {
+    if (aTimeout == nullptr) {
+        const int rv = g_cmSystem.pthread_cond_wait(&m_Condition, &m_Mutex.m_Mutex);
+        if (rv != 0) {
+            CM_WARNING_TRACE_THIS(
+                "CCmConditionVariableThread::Wait, pthread_cond_wait() failed! err=" << rv);
+            return CM_ERROR_FAILURE;
+        }
+        return CM_OK;
+    }
+    timeval tvNow = {};
+    g_cmSystem.gettimeofday(&tvNow, nullptr);
+    const timespec tsDeadline = (CCmTimeValue(tvNow) + *aTimeout).ToTimeSpec();
+    const int rv = g_cmSystem.pthread_cond_timedwait(&m_Condition, &m_Mutex.m_Mutex, &tsDeadline);
+    if (rv == 0 || rv == EINTR) {
+        return CM_OK;
+    }
+    if (rv == ETIMEDOUT) {
+        return CM_ERROR_TIMEOUT;
+    }
+    CM_WARNING_TRACE_THIS(
+        "CCmConditionVariableThread::Wait, pthread_cond_timedwait() failed! err=" << rv);
+    return CM_ERROR_FAILURE;
+}
+
+CCmEventThread::CCmEventThread(signed char aManualReset, signed char aInitialState,
+                               const char* /*aName*/)
+    : m_Condition(m_Mutex),
+      m_bManualReset(aManualReset),
+      m_bSignaled(aInitialState),
+      m_nWaiters(0) {}
+
+CCmEventThread::~CCmEventThread() = default;
+
+CmResult CCmEventThread::Wait(CCmTimeValue* aTimeout) {
+    CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
+    const CmResult rv = lock.result();
+    CM_ASSERTE_RETURN(CM_SUCCEEDED(rv), rv);
+
+    if (m_bSignaled != 0) {
+        if (m_bManualReset == 0) {
+            m_bSignaled = 0;
+        }
+        return CM_OK;
+    }
+    ++m_nWaiters;
+    const CmResult rvWait = m_Condition.Wait(aTimeout);
+    --m_nWaiters;
+    return rvWait;
+}
+
+CmResult CCmEventThread::Signal() {
+    CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
+    const CmResult rv = lock.result();
+    CM_ASSERTE_RETURN(CM_SUCCEEDED(rv), rv);
+
+    if (m_bManualReset != 0) {
+        m_bSignaled = 1;
+        return m_Condition.Broadcast();
+    }
+    if (m_nWaiters == 0) {
+        m_bSignaled = 1;
+        return CM_OK;
+    }
+    return m_Condition.Signal();
+}
+
+CmResult CCmEventThread::Pulse() {
+    CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
+    const CmResult rv = lock.result();
+    CM_ASSERTE_RETURN(CM_SUCCEEDED(rv), rv);
+
+    const CmResult rvWake = m_bManualReset != 0 ? m_Condition.Broadcast() : m_Condition.Signal();
+    m_bSignaled = 0;
+    return rvWake;
+}
+
+CmResult CCmEventThread::Reset() {
+    return CM_ERROR_FAILURE;
+}
+
+pthread_t GetThreadSelfId() {
+    return pthread_self();
+}
+
+bool IsThreadEqual(pthread_t aLeft, pthread_t aRight) {
+    return pthread_equal(aLeft, aRight) != 0;
+}
+
+bool IsEqualCurrentThread(pthread_t aThread) {
+    return pthread_equal(aThread, pthread_self()) != 0;
+}
+
+}  // namespace UTIL_NS

@@ -1,0 +1,1 @@
+#include "CmT120Trace.h"

@@ -1,0 +1,1 @@
+#include "CmT120TraceFile.h"

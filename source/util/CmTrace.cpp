@@ -1,0 +1,42 @@
+#include "CmTrace.h"
+
+#include "CmTraceLine.h"
+
+namespace UTIL_NS {
+
+std::atomic<UtilTraceSink> g_util_trace_sink{nullptr};
+
+namespace {
+
+UtilTraceSink InstalledSink() {
+    return g_util_trace_sink.load(std::memory_order_relaxed);
+}
+
+}  // namespace
+
+bool CmTraceIsWanted(unsigned long /*aLevel*/) {
+    return InstalledSink() != nullptr;
+}
+
+void Assert_Log(const char* /*aFile*/, const char* /*aExpression*/, int /*aLine*/) {}
+
+void CmAssertFailed(const char* aFile, int aLine, const char* aExpression) {
+    CM_ERROR_TRACE(aFile << ":" << aLine << " Assert failed: " << aExpression);
+}
+
+}  // namespace UTIL_NS
+
+void set_util_external_trace_sink(UTIL_NS::UtilTraceSink aSink) {
+    UTIL_NS::g_util_trace_sink.store(aSink, std::memory_order_relaxed);
+}
+
+void util_adapter_trace(unsigned long aLevel, const char* aText, unsigned int aLength) {
+    if (UTIL_NS::UtilTraceSink pfnSink = UTIL_NS::InstalledSink()) {
+        pfnSink(aLevel, aText, aLength);
+    }
+}
+
+void util_adapter_trace_ex(unsigned long aLevel, const char* /*aModule*/, const char* aText,
+                           unsigned int aLength) {
+    util_adapter_trace(aLevel, aText, aLength);
+}

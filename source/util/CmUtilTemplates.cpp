@@ -1,0 +1,58 @@
+#include "CmUtilTemplates.h"
+
+#include "CmTraceLine.h"
+
+namespace UTIL_NS {
+
+CCmReferenceControlT<CCmMutexThread>::~CCmReferenceControlT() = default;
+
+uint32_t CCmReferenceControlT<CCmMutexThread>::AddReference() {
+    return static_cast<uint32_t>(++m_lCount);
+}
+
+uint32_t CCmReferenceControlT<CCmMutexThread>::ReleaseReference() {
+    const uint32_t dwCount = static_cast<uint32_t>(--m_lCount);
+    if (dwCount == 0) {
+        OnReferenceDestory();
+    }
+    return dwCount;
+}
+
+uint32_t CCmReferenceControlT<CCmMutexThread>::GetReference() {
+    return static_cast<uint32_t>(m_lCount.value());
+}
+
+void CCmReferenceControlT<CCmMutexThread>::OnReferenceDestory() {
+    delete this;
+}
+
+CCmReferenceControlT<CCmMutexNullSingleThread>::~CCmReferenceControlT() = default;
+
+uint32_t CCmReferenceControlT<CCmMutexNullSingleThread>::AddReference() {
+    m_Guard.EnsureSingleThread();
+    return static_cast<uint32_t>(++m_lCount);
+}
+
+uint32_t CCmReferenceControlT<CCmMutexNullSingleThread>::ReleaseReference() {
+    m_Guard.EnsureSingleThread();
+    const uint32_t dwCount = static_cast<uint32_t>(--m_lCount);
+    if (dwCount == 0) {
+        OnReferenceDestory();
+    }
+    return dwCount;
+}
+
+uint32_t CCmReferenceControlT<CCmMutexNullSingleThread>::GetReference() {
+    m_Guard.EnsureSingleThread();
+    return static_cast<uint32_t>(m_lCount);
+}
+
+void CCmReferenceControlT<CCmMutexNullSingleThread>::OnReferenceDestory() {
+    delete this;
+}
+
+void CmTraceSingletonEnd(void* aInstance, void* aThis) {
+    CM_INFO_TRACE("CCmSingletonT::~CCmSingletonT() instance = " << aInstance << " this=" << aThis);
+}
+
+}  // namespace UTIL_NS

@@ -1,0 +1,49 @@
+// The system calls that the library makes, as tables of pointers; internal.
+//
+// A unit calls g_cmSystem.pthread_mutex_lock(...) rather than the function itself; the cost is
+// that of a call into a shared library. Tests replace entries to make a chosen call fail, or to
+// steer the clock. The tables are constant-initialised, so they are valid before any static
+// object is constructed, and nothing in the library writes to them.
+#ifndef CM_SYSTEM_H
+#define CM_SYSTEM_H
+
+#include <pthread.h>
+#include <sys/time.h>
+#include <sys/times.h>
+#include <time.h>
+
+namespace UTIL_NS {
+
+// What the library reads as the current time. Waits never use it: they take the time from
+// g_cmSystem, so that a steered clock does not distort them.
+struct CCmClockTable {
+    int (*gettimeofday)(timeval*, void*);
+    clock_t (*times)(tms*);
+};
+extern CCmClockTable g_cmClock;
+
+struct CCmSystemTable {
+    int (*pthread_mutexattr_init)(pthread_mutexattr_t*);
+    int (*pthread_mutexattr_settype)(pthread_mutexattr_t*, int);
+    int (*pthread_mutexattr_destroy)(pthread_mutexattr_t*);
+    int (*pthread_mutex_init)(pthread_mutex_t*, const pthread_mutexattr_t*);
+    int (*pthread_mutex_destroy)(pthread_mutex_t*);
+    int (*pthread_mutex_lock)(pthread_mutex_t*);
+    int (*pthread_mutex_trylock)(pthread_mutex_t*);
+    int (*pthread_mutex_unlock)(pthread_mutex_t*);
+    int (*pthread_cond_init)(pthread_cond_t*, const pthread_condattr_t*);
+    int (*pthread_cond_destroy)(pthread_cond_t*);
+    int (*pthread_cond_signal)(pthread_cond_t*);
+    int (*pthread_cond_broadcast)(pthread_cond_t*);
+    int (*pthread_cond_wait)(pthread_cond_t*, pthread_mutex_t*);
+    int (*pthread_cond_timedwait)(pthread_cond_t*, pthread_mutex_t*, const timespec*);
+    int (*gettimeofday)(timeval*, void*);
+    int (*nanosleep)(const timespec*, timespec*);
+    long (*sysconf)(int);
+    tm* (*localtime_r)(const time_t*, tm*);
+};
+extern CCmSystemTable g_cmSystem;
+
+}  // namespace UTIL_NS
+
+#endif  // CM_SYSTEM_H
