@@ -164,6 +164,8 @@ class CCmAtomicOperationT<CCmMutexThread> {
     long operator++() { return m_lValue.fetch_add(1, std::memory_order_relaxed) + 1; }
     long operator--() { return m_lValue.fetch_sub(1, std::memory_order_acq_rel) - 1; }
     long value() const { return m_lValue.load(std::memory_order_relaxed); }
+    // The mutex that the counter names.
+    CCmMutexThread& mutex() const { return *m_pMutex; }
 
   private:
     CCmMutexThread* m_pMutex;  // not owned
