@@ -1,4 +1,79 @@
+// What every platform supplies to the library; internal.
+//
+// CmPortLinux.cpp and CmPortMac.cpp supply it and CMake compiles one of them, so that the units
+// carry no platform code. The types of public classes that differ are in include/CmPlatform.h.
+// Clocks, their tick rate (sysconf) and all other system calls are those of POSIX on every
+// platform; the tables of CmSystem.h hold them.
+//
+// Nothing here throws or traces. Unless it says otherwise a function may be called from any
+// thread, and a path is NUL-terminated bytes in the file system's encoding.
 #ifndef CM_PORT_H
 #define CM_PORT_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include "CmPlatform.h"
+
+namespace UTIL_NS {
+
+// The longest file name of a running executable, in 16-bit units.
+constexpr size_t CM_PORT_NAME_UNITS = 255;
+
+// Reads the running executable's file name, without its directory, as 16-bit units: UTF-16 in the
+// machine's byte order, not terminated. Returns their number, at most CM_PORT_NAME_UNITS (what
+// exceeds them is cut), or 0 when the platform cannot tell the name.
+size_t CmPortExecutableName(uint16_t (&aUnits)[CM_PORT_NAME_UNITS]);
+
+// Writes the path that MMP_GetCurrentModuleParentPath reports, derived from the running
+// executable's file. False, with aBuffer's content undefined, on any failure or when the path
+// and its terminator do not fit into aSize (at least 1) bytes.
+bool CmPortApplicationParentPath(char* aBuffer, size_t aSize);
+
+// Writes the path of the file that contains this library (the executable, when the library is
+// linked into it), as the dynamic loader knows it. False when the loader does not know it or the
+// path and its terminator do not fit into aSize bytes.
+bool CmPortModulePath(char* aBuffer, size_t aSize);
+
+// What the platform's item information says about a file.
+enum class CmPortItem {
+    UNKNOWN,            // could not be had: no such file, for one
+    WITH_EXTENSION,     // the file's name has an extension
+    WITHOUT_EXTENSION,  // it has none: the executable file inside a framework package
+};
+CmPortItem CmPortItemInformation(const char* aPath);
+
+// Opens the bundle at aPath. Null when nothing is there or it cannot be opened; otherwise a
+// handle to be given to CmPortBundleRelease once. A platform without bundles only looks whether
+// the path exists; its handle then holds nothing.
+void* CmPortBundleCreate(const char* aPath);
+
+// The function that a bundle exports under aName, null when it has none of that name.
+void* CmPortBundleFunction(void* aBundle, const char* aName);
+
+void CmPortBundleRelease(void* aBundle);
+
+// One record of the interface query (SIOCGIFCONF).
+constexpr size_t CM_PORT_INTERFACE_NAME_SIZE = 16;
+constexpr size_t CM_PORT_INTERFACE_ADDRESS_SIZE = 16;
+struct CmPortInterface {
+    char m_szName[CM_PORT_INTERFACE_NAME_SIZE + 1];              // terminated
+    int m_nFamily;                                               // AF_INET, ...
+    unsigned char m_abyAddress[CM_PORT_INTERFACE_ADDRESS_SIZE];  // the sockaddr's first bytes
+};
+
+// Reads the record at the start of aRecords, of which aLength bytes are left, and returns its
+// length, the distance to the next record. 0 when no whole record is left.
+size_t CmPortReadInterface(const char* aRecords, size_t aLength, CmPortInterface& aInterface);
+
+// A counting semaphore: as sem_init, sem_destroy, sem_wait and sem_post, 0 or -1 with errno set.
+// The units call them through g_cmSystem. CmConditionSemaphore.h serves where the system has no
+// unnamed semaphores.
+int CmPortSemaphoreInit(CmPlatformSemaphore* aSemaphore, int aShared, unsigned aCount);
+int CmPortSemaphoreDestroy(CmPlatformSemaphore* aSemaphore);
+int CmPortSemaphoreWait(CmPlatformSemaphore* aSemaphore);
+int CmPortSemaphorePost(CmPlatformSemaphore* aSemaphore);
+
+}  // namespace UTIL_NS
 
 #endif  // CM_PORT_H

@@ -1,1 +1,168 @@
 #include "CmPort.h"
+
+#include <dlfcn.h>
+#include <string.h>
+#include <unistd.h>
+
+#include "CmInterfaceRecord.h"
+#include "CmSystem.h"
+
+namespace UTIL_NS {
+
+namespace {
+
+constexpr size_t PATH_SIZE = 4096;
+
+// An object of the library's own, for the loader to look up.
+const char s_chOfThisModule = 0;
+// What a bundle handle points to: there are no bundles here, only their paths.
+char s_chBundle = 0;
+
+// False also when the path may have been cut.
+bool ExecutablePath(char (&aPath)[PATH_SIZE]) {
+    const ssize_t nLength = g_cmSystem.readlink("/proc/self/exe", aPath, sizeof(aPath));
+    if (nLength <= 0 || static_cast<size_t>(nLength) >= sizeof(aPath)) {
+        return false;
+    }
+    aPath[nLength] = '\0';
+    return true;
+}
+
+constexpr uint32_t REPLACEMENT_CHARACTER = 0xFFFD;
+
+// Takes one character off aText, which is not at its end. A byte that is not part of a well-formed
+// UTF-8 character is taken alone and counts as the replacement character.
+uint32_t TakeCharacter(const unsigned char*& aText) {
+    // By number of bytes behind the first: the least character that needs them.
+    constexpr uint32_t LEAST[] = {0, 0x80, 0x800, 0x10000};
+    const unsigned char byLead = *aText++;
+    if (byLead < 0x80) {
+        return byLead;
+    }
+    const int nMore = byLead >= 0xF0 ? 3 : byLead >= 0xE0 ? 2 : byLead >= 0xC0 ? 1 : 0;
+    if (nMore == 0 || byLead >= 0xF8) {
+        return REPLACEMENT_CHARACTER;
+    }
+    uint32_t dwCharacter = byLead & (0x3Fu >> nMore);
+    for (int i = 0; i < nMore; ++i) {
+        if ((aText[i] & 0xC0) != 0x80) {
+            return REPLACEMENT_CHARACTER;
+        }
+        dwCharacter = dwCharacter << 6 | (aText[i] & 0x3F);
+    }
+    const bool bSurrogate = dwCharacter >= 0xD800 && dwCharacter <= 0xDFFF;
+    if (dwCharacter < LEAST[nMore] || dwCharacter > 0x10FFFF || bSurrogate) {
+        return REPLACEMENT_CHARACTER;
+    }
+    aText += nMore;
+    return dwCharacter;
+}
+
+// Stores aText as UTF-16; what exceeds aUnits is cut in front of a whole character.
+size_t Utf16FromUtf8(const char* aText, uint16_t (&aUnits)[CM_PORT_NAME_UNITS]) {
+    const unsigned char* pText = reinterpret_cast<const unsigned char*>(aText);
+    size_t nUnits = 0;
+    while (*pText != '\0') {
+        const uint32_t dwCharacter = TakeCharacter(pText);
+        const bool bPair = dwCharacter > 0xFFFF;
+        if (nUnits + (bPair ? 2 : 1) > CM_PORT_NAME_UNITS) {
+            break;
+        }
+        if (bPair) {
+            aUnits[nUnits++] = static_cast<uint16_t>(0xD800 + ((dwCharacter - 0x10000) >> 10));
+            aUnits[nUnits++] = static_cast<uint16_t>(0xDC00 + (dwCharacter & 0x3FF));
+        } else {
+            aUnits[nUnits++] = static_cast<uint16_t>(dwCharacter);
+        }
+    }
+    return nUnits;
+}
+
+const char* LastComponent(const char* aPath) {
+    const char* const pSlash = strrchr(aPath, '/');
+    return pSlash == nullptr ? aPath : pSlash + 1;
+}
+
+}  // namespace
+
+int CmPortSemaphoreInit(CmPlatformSemaphore* aSemaphore, int aShared, unsigned aCount) {
+    return ::sem_init(aSemaphore, aShared, aCount);
+}
+
+int CmPortSemaphoreDestroy(CmPlatformSemaphore* aSemaphore) {
+    return ::sem_destroy(aSemaphore);
+}
+
+int CmPortSemaphoreWait(CmPlatformSemaphore* aSemaphore) {
+    return ::sem_wait(aSemaphore);
+}
+
+int CmPortSemaphorePost(CmPlatformSemaphore* aSemaphore) {
+    return ::sem_post(aSemaphore);
+}
+
+size_t CmPortExecutableName(uint16_t (&aUnits)[CM_PORT_NAME_UNITS]) {
+    char szPath[PATH_SIZE];
+    return ExecutablePath(szPath) ? Utf16FromUtf8(LastComponent(szPath), aUnits) : 0;
+}
+
+// Four directories up from the executable's file; "/" is its own parent.
+bool CmPortApplicationParentPath(char* aBuffer, size_t aSize) {
+    constexpr int LEVELS = 4;
+    char szPath[PATH_SIZE];
+    if (!ExecutablePath(szPath)) {
+        return false;
+    }
+    for (int i = 0; i < LEVELS; ++i) {
+        *strrchr(szPath, '/') = '\0';
+        if (szPath[0] == '\0') {
+            strcpy(szPath, "/");
+        }
+    }
+    const size_t nSize = strlen(szPath) + 1;
+    if (nSize > aSize) {
+        return false;
+    }
+    memcpy(aBuffer, szPath, nSize);
+    return true;
+}
+
+bool CmPortModulePath(char* aBuffer, size_t aSize) {
+    Dl_info info;
+    if (::dladdr(&s_chOfThisModule, &info) == 0 || info.dli_fname == nullptr) {
+        return false;
+    }
+    const size_t nSize = strlen(info.dli_fname) + 1;
+    if (nSize > aSize) {
+        return false;
+    }
+    memcpy(aBuffer, info.dli_fname, nSize);
+    return true;
+}
+
+CmPortItem CmPortItemInformation(const char* aPath) {
+    if (::access(aPath, F_OK) != 0) {
+        return CmPortItem::UNKNOWN;
+    }
+    const char* const pName = LastComponent(aPath);
+    const char* const pDot = strrchr(pName, '.');
+    // A dot at the start hides a file, one at the end has nothing behind it.
+    const bool bExtension = pDot != nullptr && pDot != pName && pDot[1] != '\0';
+    return bExtension ? CmPortItem::WITH_EXTENSION : CmPortItem::WITHOUT_EXTENSION;
+}
+
+void* CmPortBundleCreate(const char* aPath) {
+    return ::access(aPath, F_OK) == 0 ? &s_chBundle : nullptr;
+}
+
+void* CmPortBundleFunction(void* /*aBundle*/, const char* /*aName*/) {
+    return nullptr;
+}
+
+void CmPortBundleRelease(void* /*aBundle*/) {}
+
+size_t CmPortReadInterface(const char* aRecords, size_t aLength, CmPortInterface& aInterface) {
+    return CmReadInterface<CCmFixedInterfaceRecord>(aRecords, aLength, aInterface);
+}
+
+}  // namespace UTIL_NS

@@ -1,8 +1,20 @@
 #include "CmSystem.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
+#include "CmPort.h"
+
 namespace UTIL_NS {
+
+namespace {
+
+// The call itself takes a variable number of arguments.
+int Open(const char* aPath, int aFlags, mode_t aMode) {
+    return ::open(aPath, aFlags, aMode);
+}
+
+}  // namespace
 
 CCmClockTable g_cmClock = {
     ::gettimeofday,
@@ -28,6 +40,14 @@ CCmSystemTable g_cmSystem = {
     ::nanosleep,
     ::sysconf,
     ::localtime_r,
+    CmPortSemaphoreInit,
+    CmPortSemaphoreDestroy,
+    CmPortSemaphoreWait,
+    CmPortSemaphorePost,
+    Open,
+    ::read,
+    ::close,
+    ::readlink,
 };
 
 }  // namespace UTIL_NS

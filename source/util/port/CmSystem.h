@@ -8,9 +8,13 @@
 #define CM_SYSTEM_H
 
 #include <pthread.h>
+#include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/times.h>
 #include <time.h>
+#include <unistd.h>
+
+#include "CmPlatform.h"
 
 namespace UTIL_NS {
 
@@ -41,6 +45,14 @@ struct CCmSystemTable {
     int (*nanosleep)(const timespec*, timespec*);
     long (*sysconf)(int);
     tm* (*localtime_r)(const time_t*, tm*);
+    int (*sem_init)(CmPlatformSemaphore*, int, unsigned);
+    int (*sem_destroy)(CmPlatformSemaphore*);
+    int (*sem_wait)(CmPlatformSemaphore*);
+    int (*sem_post)(CmPlatformSemaphore*);
+    int (*open)(const char*, int, mode_t);
+    ssize_t (*read)(int, void*, size_t);
+    int (*close)(int);
+    ssize_t (*readlink)(const char*, char*, size_t);
 };
 extern CCmSystemTable g_cmSystem;
 
