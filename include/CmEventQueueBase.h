@@ -1,6 +1,229 @@
+// Events and the queues that carry them to the thread that is to run them.
+//
+// Any thread posts an event; from then on the queue owns it. The queue's consumer thread takes it
+// out, runs OnEventFire and ends it with OnDestorySelf, both with no lock held. Events run
+// strictly in the order of posting, whatever their priority. An event that is refused, or that is
+// still pending when its queue ends, is ended by OnDestorySelf without having been fired: every
+// event handed to a queue ends exactly once, also when PostEvent or SendEvent fails (a null event
+// apart). Nothing here throws.
 #ifndef CM_EVENT_QUEUE_BASE_H
 #define CM_EVENT_QUEUE_BASE_H
 
+#include <pthread.h>
+
+#include <atomic>
+#include <list>
+
 #include "CmBase.h"
+#include "CmConditionVariable.h"
+#include "CmThreadAnnotations.h"
+#include "CmTimeValue.h"
+
+namespace UTIL_NS {
+
+// One piece of work for another thread; to be created by new, unless OnDestorySelf says otherwise.
+class CM_UTIL_EXPORT ICmEvent {
+  public:
+    ICmEvent();
+    ICmEvent(const ICmEvent&) = delete;
+    ICmEvent& operator=(const ICmEvent&) = delete;
+
+    // The work, run on the queue's thread. A synchronous sender gets the result; for a posted
+    // event it is ignored.
+    virtual CmResult OnEventFire() = 0;
+    // Ends the event: called once, behind OnEventFire or instead of it; the queue does not touch
+    // the event afterwards. Deletes the object. Runs on the queue's thread, or on the posting one
+    // when the queue refuses. May post to the same queue.
+    virtual void OnDestorySelf();
+    virtual ~ICmEvent();
+
+  private:
+    uint64_t m_ullReserved;  // 0; kept for hosts, never read here
+
+  protected:
+    // The thread that constructed the event.
+    pthread_t m_CreatorTid;
+};
+
+// What posters and senders see of a queue. All operations may be called from any thread; a queue
+// must outlive the calls on it.
+class CM_UTIL_EXPORT ICmEventQueue {
+  public:
+    // Accepted and ignored: every event is appended at the tail.
+    enum EPriority {
+        EPRIORITY_HIGH = 0,
+        EPRIORITY_NORMAL = 1,  // what the library itself passes
+        EPRIORITY_LOW = 2,
+    };
+
+    // Hands aEvent over; does not wait. CM_OK, or with the event ended: CM_ERROR_NOT_INITIALIZED
+    // (the queue has been stopped), CM_ERROR_OUT_OF_MEMORY; CM_ERROR_INVALID_ARG: null event.
+    virtual CmResult PostEvent(ICmEvent* aEvent, EPriority aPri) = 0;
+    // Hands aEvent over, waits until it has run and returns the result of its OnEventFire. On the
+    // queue's own thread it runs at once, overtaking what is pending. Waits without limit on a
+    // queue that nobody runs. CM_ERROR_NOT_AVAILABLE: the event was ended without having run (its
+    // thread stopped first, or its queue ended). CM_ERROR_FAILURE: the wait failed; the event runs
+    // or ends later. Otherwise fails like PostEvent.
+    virtual CmResult SendEvent(ICmEvent* aEvent) = 0;
+    // How many events are pending; may be outdated when it is read.
+    virtual DWORD GetPendingEventsCount() = 0;
+    virtual ~ICmEventQueue();
+};
+
+class CCmEventSynchronous;
+
+// The queue without a lock; the two variants below add one. Callers of PostEvent and of the pop
+// functions of this class itself serialise them; the Process functions are for the consumer
+// thread, without a lock.
+//
+// A queue runs from its construction until SetStopped, for good; then every post and send is
+// refused. What is pending then is still to be taken out or destroyed by the owner.
+class CM_UTIL_EXPORT CCmEventQueueBase : public ICmEventQueue {
+  public:
+    // An event that runs longer than this (50 ms) is reported with a warning line.
+    static const CCmTimeValue s_tvReportInterval;
+
+    CCmEventQueueBase();
+    CCmEventQueueBase(const CCmEventQueueBase&) = delete;
+    CCmEventQueueBase& operator=(const CCmEventQueueBase&) = delete;
+    // Ends what is pending.
+    ~CCmEventQueueBase() override;
+
+    // A post that finds more than 100 events pending, and more than 3 s passed since the last
+    // such look (or the construction), writes a warning line.
+    CmResult PostEvent(ICmEvent* aEvent, EPriority aPri) override;
+    CmResult SendEvent(ICmEvent* aEvent) override;
+    DWORD GetPendingEventsCount() override;
+
+    // Moves the aMaxCount oldest events, or all if there are no more, to the tail of aEvents and
+    // stores how many remain through aRemainSize (may be null). The caller owns them from then on.
+    // CM_ERROR_NOT_FOUND, with nothing stored: the count is 0.
+    CmResult PopPendingEvents(std::list<ICmEvent*>& aEvents, DWORD aMaxCount = 0xFFFFFFFF,
+                              DWORD* aRemainSize = nullptr);
+    // The oldest event alone. CM_ERROR_NOT_FOUND: nothing is pending.
+    CmResult PopOnePendingEvent(ICmEvent*& aEvent, DWORD* aRemainSize = nullptr);
+    // Runs and ends each event in order. Always CM_OK.
+    CmResult ProcessEvents(const std::list<ICmEvent*>& aEvents);
+    // Runs and ends one event. CM_OK, or CM_ERROR_INVALID_ARG for null.
+    CmResult ProcessOneEvent(ICmEvent* aEvent);
+    // Ends every pending event without firing it, the oldest first. The count keeps its value.
+    void DestoryPendingEvents();
+
+    // For the owner: makes the calling thread the queue's own, or refuses posts from now on.
+    void BindToCurrentThread();
+    void SetStopped();
+
+  protected:
+    // One post, prepared before the lock is taken and concluded after it was released.
+    struct CPosting;
+    CmResult Prepare_i(CPosting& aPosting);
+    CmResult Append_l(CPosting& aPosting);
+    void Conclude_i(CPosting& aPosting, CmResult aResult);
+    // Ends all events of a list that was taken out of the queue, and empties it.
+    static void DestoryEvents_i(std::list<ICmEvent*>& aEvents);
+    // Waits until the senders whose events have run no longer touch this queue. The destructor of
+    // every class that overrides PostEvent calls it first.
+    void WaitForSenders_i();
+
+    std::list<ICmEvent*> m_Events;  // in posting order
+    std::atomic<DWORD> m_dwSize;    // written like m_Events, read without a lock
+    CCmTimeValue m_tvLastReport;
+    std::atomic<pthread_t> m_Tid;  // the consumer; 0 until it is bound
+    std::atomic<bool> m_bIsStopped;
+
+  private:
+    friend class CCmEventSynchronous;
+
+    CCmTimeValue RunAndEnd_i(ICmEvent* aEvent, const CCmTimeValue& aStart);
+
+    // Senders whose event has run and who have yet to post its wrapper back.
+    std::atomic<long> m_lReturningSenders;
+};
+
+// The wrapper that carries a synchronous send.
+//
+// Two ends hold it: the queue's, which fires and ends it once, and the sender's, which waits and
+// then posts it back, so that it is freed on the queue's own thread; a sender that cannot (the
+// queue refuses, or may be gone) lets go of it by itself. Whoever lets go last frees it.
+class CM_UTIL_EXPORT CCmEventSynchronous : public ICmEvent {
+  public:
+    // aEvent: owned. aQueue: the queue that is to run it; may be null.
+    CCmEventSynchronous(ICmEvent* aEvent, CCmEventQueueBase* aQueue);
+    ~CCmEventSynchronous() override;
+
+    // CM_ERROR_NULL_POINTER: there is no event. CM_OK, with nothing done, on the way back.
+    CmResult OnEventFire() override;
+    void OnDestorySelf() override;
+    // For the sender, once, behind a successful post: the result of the event's OnEventFire,
+    // CM_ERROR_NOT_AVAILABLE when it was ended without having run, or the result of a wait that
+    // failed. The caller must not touch the wrapper afterwards.
+    CmResult WaitResultAndDeleteThis();
+
+  private:
+    class CSenderEnd;
+    enum EOutcome : int { OUTCOME_NONE, OUTCOME_FIRED, OUTCOME_DISCARDED, OUTCOME_ABANDONED };
+
+    void LetGo_i();
+    void Abandon_i();
+    void EndEvent_i();
+
+    std::atomic<ICmEvent*> m_pEvent;
+    CmResult m_Result;
+    CCmEventQueueBase* m_pEventQueue;
+    std::atomic<bool> m_bHasDestoryed;
+    CCmEventThread m_SendEvent;
+    std::atomic<int> m_nOutcome;
+};
+
+// The queue of a consumer that polls.
+class CM_UTIL_EXPORT CCmEventQueueUsingMutex : public CCmEventQueueBase {
+  public:
+    CCmEventQueueUsingMutex();
+    ~CCmEventQueueUsingMutex() override;
+
+    CmResult PostEvent(ICmEvent* aEvent, EPriority aPri) override;
+    // Stores how many events were pending before this one through aOldSize (may be null).
+    CmResult PostEventWithOldSize(ICmEvent* aEvent, EPriority aPri, DWORD* aOldSize);
+    // PopPendingEvents and DestoryPendingEvents under the queue's mutex. Events are ended after
+    // it was released.
+    CmResult PopPendingEventsLocked(std::list<ICmEvent*>& aEvents, DWORD aMaxCount = 0xFFFFFFFF,
+                                    DWORD* aRemainSize = nullptr);
+    void DestoryPendingEvents();
+
+  private:
+    CCmMutexThread m_Mutex;
+};
+
+// The queue of a consumer that sleeps until an event arrives.
+class CM_UTIL_EXPORT CCmEventQueueUsingConditionVariable : public CCmEventQueueBase {
+  public:
+    CCmEventQueueUsingConditionVariable();
+    ~CCmEventQueueUsingConditionVariable() override;
+
+    // Wakes the consumer when it sleeps.
+    CmResult PostEvent(ICmEvent* aEvent, EPriority aPri) override;
+    // Consumer thread only. Waits once while nothing is pending, at most aTimeout (relative; null
+    // waits without limit), then takes at most aMaxCount events. CM_ERROR_NOT_FOUND: still empty,
+    // also when the wait ended early without an event. A cancellation point while it waits; a
+    // cancelled thread leaves the queue usable.
+    CmResult PopOrWaitPendingEvents(std::list<ICmEvent*>& aEvents, CCmTimeValue* aTimeout,
+                                    DWORD aMaxCount = 0xFFFFFFFF);
+    // DestoryPendingEvents of the base; the events are taken out under the queue's mutex and ended
+    // after it was released.
+    void DestoryPendingEvents();
+    // The same for a consumer that ends: refuses posts from then on, with nothing slipping in
+    // between, so that no sender is left waiting.
+    void StopAndDestoryPendingEvents();
+
+  private:
+    class CWaiting;
+
+    CCmMutexThread m_Mutex;
+    CCmConditionVariableThread m_Condition;
+    DWORD m_dwWaiters CM_GUARDED_BY(m_Mutex);    // consumers inside the wait
+    DWORD m_dwSignalled CM_GUARDED_BY(m_Mutex);  // of these, already being woken
+};
+
+}  // namespace UTIL_NS
 
 #endif  // CM_EVENT_QUEUE_BASE_H

@@ -1,6 +1,233 @@
+// Threads that own an event queue and, optionally, a timer queue; and the registry of them.
+//
+//   ACmThread* pThread = nullptr;
+//   CreateUserTaskThread(&pThread, TF_JOINABLE, true, 1);
+//   pThread->GetEventQueue()->PostEvent(new CMyEvent, ICmEventQueue::EPRIORITY_NORMAL);
+//   ...
+//   pThread->Stop(nullptr);   // what was posted before still runs
+//   pThread->Join();
+//   pThread->Destory(CM_OK);  // frees the object
 #ifndef CM_THREAD_H
 #define CM_THREAD_H
 
+#include <pthread.h>
+
+#include <atomic>
+#include <list>
+#include <new>
+
 #include "CmBase.h"
+#include "CmConditionVariable.h"
+#include "CmEventQueueBase.h"
+#include "CmThreadAnnotations.h"
+#include "CmUtilClasses.h"
+
+namespace UTIL_NS {
+
+class ICmTimerQueue;
+class CCmTimerQueueOrderedList;
+
+// The type of a thread. Every value but these two is chosen by the host, stored and reported back.
+constexpr int TT_UNKNOWN = -1;  // not created
+constexpr int TT_MAIN = 0;      // adopts the calling thread; starts none
+
+// How a thread ends; 0 is taken as TF_JOINABLE. Detached is a flag whose low two bits are 2.
+typedef int TFlag;
+constexpr TFlag TF_JOINABLE = 1;  // Join waits for it; the owner frees the object by Destory
+constexpr TFlag TF_DETACHED = 2;  // the object goes when its body has ended and Destory was called
+
+// Base of every thread object. Objects are created by new and end through Destory, never by
+// delete from outside; a thread object is created once.
+//
+// Create, Stop, Terminate, Join and Destory are for the owner, one at a time; the other
+// operations may be called from any thread, once Create has returned and until Destory.
+class CM_UTIL_EXPORT ACmThread {
+  public:
+    ACmThread();
+    ACmThread(const ACmThread&) = delete;
+    ACmThread& operator=(const ACmThread&) = delete;
+
+    // Starts a thread that runs OnThreadInit and then OnThreadRun, and waits until OnThreadInit
+    // has ended; with TT_MAIN adopts the calling thread and runs neither. aType TT_UNKNOWN starts
+    // one, too, with a warning. bRegister: whether getCurrentThread finds it. CM_OK,
+    // CM_ERROR_ALREADY_INITIALIZED (a second call), CM_ERROR_UNEXPECTED (a system call failed),
+    // CM_ERROR_OUT_OF_MEMORY. An object whose creation failed is freed by Destory.
+    virtual CmResult Create(int aType, TFlag aFlag = TF_JOINABLE, signed char bRegister = 1);
+    // Asks the body to end; does not wait for it. Here: CM_ERROR_NOT_IMPLEMENTED.
+    virtual CmResult Stop(CCmTimeValue* aTimeout = nullptr);
+    // On the new thread, before Create returns.
+    virtual void OnThreadInit();
+    // The thread's body.
+    virtual void OnThreadRun() = 0;
+    // Null: there are no reactors.
+    virtual void* GetReactor();
+    // Null when the thread has none. Owned by the object.
+    virtual ICmEventQueue* GetEventQueue();
+    // Null when the thread has none. Owned by the object; to be used on the thread itself only.
+    virtual ICmTimerQueue* GetTimerQueue();
+    virtual void SetStop();
+    // True once the body has ended, or SetStop or Terminate was called.
+    virtual bool GetStopFlag();
+    virtual ~ACmThread();
+
+    // 0 until created and again after a successful Join.
+    pthread_t GetThreadId() const { return m_Tid.load(std::memory_order_relaxed); }
+    // -1 (all bits set) until a thread was started.
+    pthread_t GetThreadHandle() const { return m_Handle.load(std::memory_order_relaxed); }
+    int GetThreadType() const { return m_Type; }
+
+    // Waits until a joinable thread has ended; does nothing for any other. CM_ERROR_FAILURE: it is
+    // the calling thread, or pthread_join failed.
+    CmResult Join();
+    // Frees the object, at once or (detached, and its body still runs) when the body has ended.
+    // To be called last; a joinable thread has been stopped and joined before. aReason is traced
+    // only. CM_OK.
+    CmResult Destory(int aReason);
+    // Cancels the thread at its next cancellation point and sets the stop flag. The result is that
+    // of pthread_cancel, or CM_ERROR_FAILURE when there is no thread.
+    CmResult Terminate();
+
+  protected:
+    // The start routine of the POSIX thread; pParam is the object.
+    static void* ThreadProc(void* pParam);
+
+    std::atomic<pthread_t> m_Tid;
+    std::atomic<pthread_t> m_Handle;
+    int m_Type;
+    TFlag m_Flag;
+    CCmEventThread* m_pEvent;  // start-up handshake, during Create only; owned
+    bool m_bRegistered;
+    bool m_bRegister;
+    // The two parties that end a detached thread's object count here; the second one deletes.
+    CCmAtomicOperationT<CCmMutexThread> m_nDestroyRef;
+    std::atomic<bool> m_bStopFlag;
+
+  private:
+    class CBodyEnd;
+
+    CmResult StartThread_i();
+    CmResult CreateThread_i(pthread_attr_t& aAttributes);
+    void SignalStarted_i();
+    void WaitUntilStarted_i();
+    void BodyHasEnded_i();
+    bool IsJoinable() const { return (m_Flag & TF_JOINABLE) != 0; }
+    bool IsCreatedDetached() const { return (m_Flag & (TF_JOINABLE | TF_DETACHED)) == TF_DETACHED; }
+
+    std::atomic<int> m_nStart;  // how far the start-up handshake is
+    bool m_bRuns;               // a POSIX thread was started for this object
+};
+
+// The registered thread objects in the order of registration.
+extern CM_UTIL_EXPORT CCmMutexThread g_thread_Mutex;
+extern CM_UTIL_EXPORT std::list<ACmThread*> g_threadList CM_GUARDED_BY(g_thread_Mutex);
+
+// Appends aThread (not owned). CM_OK, or CM_ERROR_OUT_OF_MEMORY. Create does this. Any thread.
+CM_UTIL_EXPORT CmResult RegisterThread(ACmThread* aThread);
+// CM_OK, or CM_ERROR_NOT_FOUND. Any thread.
+CM_UTIL_EXPORT CmResult UnRegisterThread(ACmThread* aThread);
+// The object of the calling thread, or null when none is registered. Any thread.
+CM_UTIL_EXPORT ACmThread* getCurrentThread();
+
+// A worker that sleeps on its event queue and runs what is posted to it.
+class CM_UTIL_EXPORT CCmThreadTaskWithEventQueueOnly : public ACmThread, public CCmStopFlag {
+  public:
+    CCmThreadTaskWithEventQueueOnly();
+    ~CCmThreadTaskWithEventQueueOnly() override;
+
+    // Any thread. Everything posted before still runs; later posts are refused. aTimeout is not
+    // used. CM_OK; CM_ERROR_OUT_OF_MEMORY: nothing has changed, try again;
+    // CM_ERROR_NOT_INITIALIZED: it has been stopped before.
+    CmResult Stop(CCmTimeValue* aTimeout = nullptr) override;
+    void OnThreadInit() override;
+    void OnThreadRun() override;
+    ICmEventQueue* GetEventQueue() override;
+
+  protected:
+    CCmEventQueueUsingConditionVariable m_EventQueue;
+};
+
+// The same with a timer queue, whose due timers it fires between the events.
+class CM_UTIL_EXPORT CCmThreadTask : public CCmThreadTaskWithEventQueueOnly {
+  public:
+    CCmThreadTask();
+    ~CCmThreadTask() override;
+
+    void OnThreadInit() override;
+    void OnThreadRun() override;
+    ICmTimerQueue* GetTimerQueue() override;
+
+  protected:
+    ICmTimerQueue* m_pTimerQueue;  // owned; null until OnThreadInit
+};
+
+// Queues for a thread that the library does not run: their owner calls DoHeartBeat regularly.
+// Typically created with TT_MAIN; the owner then calls OnThreadInit itself.
+class CM_UTIL_EXPORT CCmThreadHeartBeat : public ACmThread {
+  public:
+    CCmThreadHeartBeat();
+    ~CCmThreadHeartBeat() override;
+
+    // Does nothing; CM_OK.
+    CmResult Stop(CCmTimeValue* aTimeout = nullptr) override;
+    void OnThreadInit() override;
+    // One heartbeat.
+    void OnThreadRun() override;
+    ICmEventQueue* GetEventQueue() override;
+    ICmTimerQueue* GetTimerQueue() override;
+    // Owning thread only: fires the due timers, then runs the pending events. CM_OK.
+    CmResult DoHeartBeat();
+
+  protected:
+    CCmEventQueueUsingMutex m_EventQueue;
+    ICmTimerQueue* m_pTimerQueue;  // owned; null until OnThreadInit
+};
+
+// The event that stops a worker when it is its turn.
+template <class ThreadType>
+class CCmEventStopT : public ICmEvent {
+  public:
+    // aThread: not owned.
+    explicit CCmEventStopT(ThreadType* aThread) : m_pThread(aThread) {}
+
+    // Posts a stop event to aThread. The result is that of the post, or CM_ERROR_OUT_OF_MEMORY.
+    static CmResult PostStopEvent(ThreadType* aThread);
+    CmResult OnEventFire() override;
+
+  private:
+    ThreadType* m_pThread;
+};
+
+template <class ThreadType>
+CmResult CCmEventStopT<ThreadType>::PostStopEvent(ThreadType* aThread) {
+    CCmEventStopT* pEvent = new (std::nothrow) CCmEventStopT(aThread);
+    if (pEvent == nullptr) {
+        return CM_ERROR_OUT_OF_MEMORY;
+    }
+    return aThread->GetEventQueue()->PostEvent(pEvent, ICmEventQueue::EPRIORITY_NORMAL);
+}
+
+template <class ThreadType>
+CmResult CCmEventStopT<ThreadType>::OnEventFire() {
+    if (m_pThread != nullptr) {
+        m_pThread->SetStopFlag();
+    }
+    return CM_OK;
+}
+
+extern template class CM_UTIL_EXPORT CCmEventStopT<CCmThreadTaskWithEventQueueOnly>;
+
+}  // namespace UTIL_NS
+
+extern "C" {
+
+// Creates a registered worker, with a timer queue or without, and waits until it is ready. Its
+// object is stored through aThread and ends by Destory. Nothing is stored on failure:
+// CM_ERROR_INVALID_ARG (aThread is null, or aType is TT_MAIN, which would start no worker),
+// CM_ERROR_OUT_OF_MEMORY, CM_ERROR_UNEXPECTED (the thread could not be started). Any thread.
+CM_UTIL_EXPORT UTIL_NS::CmResult CreateUserTaskThread(UTIL_NS::ACmThread** aThread,
+                                                      UTIL_NS::TFlag aFlag, bool bWithTimerQueue,
+                                                      int aType);
+
+}  // extern "C"
 
 #endif  // CM_THREAD_H
