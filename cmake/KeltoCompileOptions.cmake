@@ -2,6 +2,9 @@
 
 add_library(kelto_compile_options INTERFACE)
 
+# Compiler caches may hand sources over relative to the build directory.
+file(RELATIVE_PATH KELTO_ROOT_FROM_BUILD ${CMAKE_BINARY_DIR} ${PROJECT_SOURCE_DIR})
+
 target_compile_features(kelto_compile_options INTERFACE cxx_std_17)
 target_compile_options(kelto_compile_options INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual -Wcast-align
@@ -9,7 +12,8 @@ target_compile_options(kelto_compile_options INTERFACE
   $<$<BOOL:${KELTO_WERROR}>:-Werror>
   $<$<CXX_COMPILER_ID:Clang,AppleClang>:-Wthread-safety>
   # File names in assertion lines and debug information are relative to the project's root.
-  "-ffile-prefix-map=${PROJECT_SOURCE_DIR}/=")
+  "-ffile-prefix-map=${PROJECT_SOURCE_DIR}/="
+  "-ffile-prefix-map=${KELTO_ROOT_FROM_BUILD}=")
 
 if(KELTO_SANITIZE)
   target_compile_options(kelto_compile_options INTERFACE

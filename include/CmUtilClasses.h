@@ -39,7 +39,7 @@ class CM_UTIL_EXPORT CCmStopFlag : public CCmEnsureSingleThread {
 };
 
 // Base of objects that CleanupAll destroys. Such an object lives on the heap, registers itself
-// when constructed and leaves the registry only through CleanupAll.
+// when constructed and is left to CleanupAll to destroy.
 class CM_UTIL_EXPORT CCmCleanUpBase {
   public:
     CCmCleanUpBase(const CCmCleanUpBase&) = delete;
@@ -50,7 +50,8 @@ class CM_UTIL_EXPORT CCmCleanUpBase {
 
     // Destroys every registered object, the most recently registered first, under the singleton
     // mutex: a destructor may create or look up singletons but must not wait for a thread that
-    // needs that mutex. For the host to call at shutdown.
+    // needs that mutex. What a destructor creates is destroyed in the same call, so two
+    // destructors must not go on creating each other's object. For the host to call at shutdown.
     static void CleanupAll();
 
   protected:
@@ -58,7 +59,7 @@ class CM_UTIL_EXPORT CCmCleanUpBase {
 
   private:
     CCmCleanUpBase* m_pNext;
-    static CCmCleanUpBase* s_pHeader;
+    static CCmCleanUpBase* s_pHeader;  // guarded by g_SingletonMutex
 };
 
 }  // namespace UTIL_NS

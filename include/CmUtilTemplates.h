@@ -105,21 +105,26 @@ class CCmComAutoPtr {
 // A process-wide object created on first use and destroyed by CCmCleanUpBase::CleanupAll (never
 // at process exit). After CleanupAll, Instance creates a new one.
 template <class T>
-class CCmSingletonT : public CCmCleanUpBase {
+class CM_UTIL_EXPORT CCmSingletonT : public CCmCleanUpBase {
   public:
-    // The one T, created under the singleton mutex; null when memory ran out (an assertion line
-    // says so). Any thread; no lock once it exists.
+    // The one T, created under the singleton mutex; null when memory ran out or the construction
+    // of T threw (an assertion line says so). Any thread; no lock once it exists.
     static T* Instance();
 
   private:
     CCmSingletonT() = default;
     ~CCmSingletonT() override;
 
+    static void Create();
+
     T m_Instance;
     // Published with release by the creator, read with acquire by Instance, which orders the
     // construction of T before its use.
     static std::atomic<CCmSingletonT*> m_psInstance;
 };
+
+// Calls aCreate with the singleton mutex held; an exception that it throws ends here.
+CM_UTIL_EXPORT void CmCreateSingleton(void (*aCreate)());
 
 // Writes the info line that a singleton leaves behind; for ~CCmSingletonT.
 CM_UTIL_EXPORT void CmTraceSingletonEnd(void* aInstance, void* aThis);
@@ -132,18 +137,16 @@ T* CCmSingletonT<T>::Instance() {
     if (CCmSingletonT* pInstance = m_psInstance.load(std::memory_order_acquire)) {
         return &pInstance->m_Instance;
     }
-    void* pVoid = nullptr;
-    GetSingletonMutex(&pVoid);
-    CCmMutexThreadRecursive* pMutex = static_cast<CCmMutexThreadRecursive*>(pVoid);
-    const CmResult rv = pMutex->Lock();
+    CmCreateSingleton(&Create);
+    CM_ASSERTE_RETURN_AT(m_psInstance, nullptr, "include/CmUtilTemplates.h", 58);
+    return &m_psInstance.load(std::memory_order_acquire)->m_Instance;
+}
+
+template <class T>
+void CCmSingletonT<T>::Create() {
     if (m_psInstance.load(std::memory_order_relaxed) == nullptr) {
         m_psInstance.store(new (std::nothrow) CCmSingletonT, std::memory_order_release);
     }
-    if (CM_SUCCEEDED(rv)) {
-        pMutex->UnLock();
-    }
-    CM_ASSERTE_RETURN_AT(m_psInstance, nullptr, "include/CmUtilTemplates.h", 58);
-    return &m_psInstance.load(std::memory_order_acquire)->m_Instance;
 }
 
 template <class T>

@@ -35,7 +35,18 @@ CCmCleanUpBase::CCmCleanUpBase() {
     s_pHeader = this;
 }
 
-CCmCleanUpBase::~CCmCleanUpBase() = default;
+CCmCleanUpBase::~CCmCleanUpBase() {
+    // CleanupAll has taken the object off the registry; one whose construction failed half-way,
+    // or that was deleted by others, is still in it.
+    CCmScopedLockT<CCmMutexThreadRecursive> lock(g_SingletonMutex);
+    CCmCleanUpBase** ppLink = &s_pHeader;
+    while (*ppLink != nullptr && *ppLink != this) {
+        ppLink = &(*ppLink)->m_pNext;
+    }
+    if (*ppLink == this) {
+        *ppLink = m_pNext;
+    }
+}
 
 void CCmCleanUpBase::CleanUp() {
     delete this;
@@ -44,10 +55,11 @@ void CCmCleanUpBase::CleanUp() {
 void CCmCleanUpBase::CleanupAll() {
     CCmScopedLockT<CCmMutexThreadRecursive> lock(g_SingletonMutex);
     while (s_pHeader != nullptr) {
+        // Off the registry first, so that whatever a destructor registers is not lost and a
+        // nested call does not meet this object again.
         CCmCleanUpBase* pCurrent = s_pHeader;
-        CCmCleanUpBase* pNext = pCurrent->m_pNext;
+        s_pHeader = pCurrent->m_pNext;
         pCurrent->CleanUp();
-        s_pHeader = pNext;
     }
 }
 

@@ -1,5 +1,8 @@
 #include "CmUtilTemplates.h"
 
+#include <exception>
+
+#include "CmScopedLock.h"
 #include "CmTraceLine.h"
 
 namespace UTIL_NS {
@@ -49,6 +52,17 @@ uint32_t CCmReferenceControlT<CCmMutexNullSingleThread>::GetReference() {
 
 void CCmReferenceControlT<CCmMutexNullSingleThread>::OnReferenceDestory() {
     delete this;
+}
+
+void CmCreateSingleton(void (*aCreate)()) {
+    void* pMutex = nullptr;
+    GetSingletonMutex(&pMutex);
+    CCmScopedLockT<CCmMutexThreadRecursive> lock(*static_cast<CCmMutexThreadRecursive*>(pMutex));
+    try {
+        aCreate();
+    } catch (const std::exception&) {
+        // Nothing was created, which Instance reports.
+    }
 }
 
 void CmTraceSingletonEnd(void* aInstance, void* aThis) {
