@@ -1,6 +1,36 @@
+// A timer queue kept as a list in the order of expiry; the queue of the library's task threads.
 #ifndef CM_TIMER_QUEUE_ORDERED_LIST_H
 #define CM_TIMER_QUEUE_ORDERED_LIST_H
 
-#include "CmBase.h"
+#include <list>
+
+#include "CmTimerQueueBase.h"
+
+namespace UTIL_NS {
+
+// Scheduling and cancelling are linear in the number of pending timers, firing the next one is
+// not. Of timers due at the same time, the one scheduled or re-armed last fires first. The
+// destructor drops what is pending and calls no handler.
+class CM_UTIL_EXPORT CCmTimerQueueOrderedList : public CCmTimerQueueBase {
+  public:
+    // Bound to the calling thread. aObserver: may be null, not owned.
+    explicit CCmTimerQueueOrderedList(ICmObserver* aObserver);
+    ~CCmTimerQueueOrderedList() override;
+
+  protected:
+    int PushNode_l(const CNode& aNode) override;
+    int EraseNode_l(ICmTimerHandler* aEh) override;
+    int RePushNode_l(const CNode& aNode) override;
+    // On an empty queue an assertion line is written.
+    int PopFirstNode_l(CNode& aNode) override;
+    int GetEarliestTime_l(CCmTimeValue& aTime) const override;
+
+  private:
+    typedef std::list<CNode, CCmRecyclingAllocatorT<CNode>> NodesType;
+
+    NodesType m_Nodes;  // ascending m_tvExpired, handlers unique
+};
+
+}  // namespace UTIL_NS
 
 #endif  // CM_TIMER_QUEUE_ORDERED_LIST_H

@@ -1,1 +1,133 @@
 #include "CmTimerQueueBase.h"
+
+#include "CmTrace.h"
+
+namespace UTIL_NS {
+
+namespace {
+
+__extension__ typedef __int128 WideUsec;
+
+WideUsec ToUsec(const CCmTimeValue& aTime) {
+    return WideUsec(aTime.GetSec()) * CCmTimeValue::ONE_SECOND_IN_USECS + aTime.GetUsec();
+}
+
+CCmTimeValue FromUsec(WideUsec aUsec) {
+    if (aUsec > ToUsec(CCmTimeValue::s_tvMax)) {
+        return CCmTimeValue::s_tvMax;
+    }
+    return CCmTimeValue(static_cast<long>(aUsec / CCmTimeValue::ONE_SECOND_IN_USECS),
+                        static_cast<long>(aUsec % CCmTimeValue::ONE_SECOND_IN_USECS));
+}
+
+// The first of aExpired + aInterval, aExpired + 2 * aInterval ... that is later than aNow, which
+// aExpired is not. The division serves a clock that jumped ahead by any number of periods.
+CCmTimeValue NextExpiry(const CCmTimeValue& aExpired, const CCmTimeValue& aInterval,
+                        const CCmTimeValue& aNow) {
+    const CCmTimeValue tvNext = aExpired + aInterval;
+    if (CM_LIKELY(tvNext > aNow)) {
+        return tvNext;
+    }
+    const WideUsec expired = ToUsec(aExpired);
+    const WideUsec interval = ToUsec(aInterval);
+    const WideUsec periods = (ToUsec(aNow) - expired) / interval + 1;
+    return FromUsec(expired + periods * interval);
+}
+
+}  // namespace
+
+CCmTimerQueueBase::CCmTimerQueueBase(ICmObserver* aObserver) : m_pObserver(aObserver) {}
+
+CCmTimerQueueBase::~CCmTimerQueueBase() = default;
+
+CmResult CCmTimerQueueBase::ScheduleTimer(ICmTimerHandler* aEh, void* aToken,
+                                          const CCmTimeValue& aInterval, unsigned int aCount) {
+    m_Est.EnsureSingleThread();
+    CM_ASSERTE_RETURN_LINE(aEh, CM_ERROR_INVALID_ARG, 78);
+    CM_ASSERTE_RETURN_LINE(aInterval > CCmTimeValue::s_tvZero || aCount == 1, CM_ERROR_INVALID_ARG,
+                           79);
+
+    CCmTimeValue tvEarliest;
+    const bool bWasEmpty = m_pObserver != nullptr && GetEarliestTime_l(tvEarliest) == -1;
+
+    CNode node;
+    node.m_pEh = aEh;
+    node.m_pToken = aToken;
+    node.m_tvExpired = CCmTimeValue::GetTimeOfDay() + aInterval;
+    node.m_tvInterval = aInterval;
+    node.m_dwCount = aCount == 0 ? UNLIMITED_COUNT : aCount;
+
+    int nPushed = -1;
+    try {
+        nPushed = PushNode_l(node);
+    } catch (const std::bad_alloc&) {
+        return CM_ERROR_OUT_OF_MEMORY;
+    }
+    if (bWasEmpty) {
+        m_pObserver->OnObserve("TimerQueue", nullptr);
+    }
+    switch (nPushed) {
+        case 0:
+            return CM_OK;
+        case 1:
+            return CM_ERROR_FOUND;
+        default:
+            return CM_ERROR_FAILURE;
+    }
+}
+
+CmResult CCmTimerQueueBase::CancelTimer(ICmTimerHandler* aEh) {
+    m_Est.EnsureSingleThread();
+    CM_ASSERTE_RETURN_LINE(aEh, CM_ERROR_INVALID_ARG, 121);
+    switch (EraseNode_l(aEh)) {
+        case 0:
+            return CM_OK;
+        case 1:
+            return CM_ERROR_NOT_FOUND;
+        default:
+            return CM_ERROR_FAILURE;
+    }
+}
+
+unsigned int CCmTimerQueueBase::CheckExpire(CCmTimeValue* aRemainTime) {
+    m_Est.EnsureSingleThread();
+    const CCmTimeValue tvNow = CCmTimeValue::GetTimeOfDay();
+    unsigned int dwFired = 0;
+    CCmTimeValue tvRemain = CCmTimeValue::s_tvMax;
+    // A handler may have changed the queue, so each round looks at it afresh.
+    CCmTimeValue tvEarliest;
+    while (GetEarliestTime_l(tvEarliest) == 0) {
+        if (tvEarliest > tvNow) {
+            tvRemain = tvEarliest - tvNow;
+            break;
+        }
+        FireFirst_i(tvNow);
+        ++dwFired;
+    }
+    if (aRemainTime != nullptr) {
+        *aRemainTime = tvRemain;
+    }
+    return dwFired;
+}
+
+void CCmTimerQueueBase::FireFirst_i(const CCmTimeValue& aNow) {
+    CNode node;
+    PopFirstNode_l(node);
+    if (node.m_dwCount != UNLIMITED_COUNT) {
+        --node.m_dwCount;
+    }
+    if (node.m_dwCount > 0 && node.m_tvInterval > CCmTimeValue::s_tvZero) {
+        node.m_tvExpired = NextExpiry(node.m_tvExpired, node.m_tvInterval, aNow);
+        RePushNode_l(node);
+    }
+    m_Est.EnsureSingleThread();
+    node.m_pEh->OnTimeout(aNow, node.m_pToken);
+}
+
+CCmTimeValue CCmTimerQueueBase::GetEarliestTime() const {
+    m_Est.EnsureSingleThread();
+    CCmTimeValue tvEarliest;
+    return GetEarliestTime_l(tvEarliest) == 0 ? tvEarliest : CCmTimeValue::s_tvMax;
+}
+
+}  // namespace UTIL_NS
