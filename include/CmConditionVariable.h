@@ -21,7 +21,8 @@ namespace UTIL_NS {
 // thereby usable before any other static object is constructed.
 struct CCmStaticInit {};
 
-// Common part of the two mutexes; its own constructor leaves the mutex uninitialised.
+// Common part of the two mutexes; its own constructor does not initialise the mutex, it only
+// fills it with zeros, which makes one whose initialisation failed harmless.
 // A mutex must not be destroyed while it is held.
 class CM_UTIL_EXPORT CM_CAPABILITY("mutex") CCmMutexThreadBase {
   public:
@@ -37,7 +38,7 @@ class CM_UTIL_EXPORT CM_CAPABILITY("mutex") CCmMutexThreadBase {
     CmResult TryLock() CM_TRY_ACQUIRE(false);
 
   protected:
-    CCmMutexThreadBase() = default;
+    CCmMutexThreadBase() : m_Mutex() {}
     explicit constexpr CCmMutexThreadBase(const pthread_mutex_t& aMutex) : m_Mutex(aMutex) {}
 
     // Initialises the mutex with a type number; the result is that of pthread_mutex_init.
@@ -78,7 +79,8 @@ class CM_UTIL_EXPORT CCmConditionVariableThread {
     CmResult Signal();
     // Wakes every waiter. CM_OK or CM_ERROR_FAILURE.
     CmResult Broadcast();
-    // The caller holds the bound mutex. aTimeout: relative, null waits without limit. CM_OK when
+    // The caller holds the bound mutex. aTimeout: relative to now, on the wall clock; null waits
+    // without limit, s_tvMax as good as that, zero or less not at all. CM_OK when
     // woken (or interrupted, or for no reason: the caller checks its own state),
     // CM_ERROR_TIMEOUT, or CM_ERROR_FAILURE. A cancellation point.
     CmResult Wait(CCmTimeValue* aTimeout);
@@ -123,7 +125,7 @@ class CM_UTIL_EXPORT CCmEventThread {
 // A counting semaphore within the process.
 class CM_UTIL_EXPORT CCmSemaphore {
   public:
-    // Only aInitialCount is used.
+    // Only aInitialCount is used: 0 to INT_MAX.
     explicit CCmSemaphore(long aInitialCount = 1, const char* aName = nullptr,
                           long aMaximumCount = 0x7FFFFFFF);
     ~CCmSemaphore();

@@ -4,14 +4,16 @@
 
 #include <pthread.h>
 
-#if defined(__APPLE__)
-
-// No unnamed POSIX semaphores here: a mutex and a condition stand in for them.
-struct CmPlatformSemaphore {
+// A counting semaphore made of a mutex and a condition, for platforms without unnamed ones.
+struct CmConditionSemaphore {
     pthread_mutex_t m_Mutex;
     pthread_cond_t m_Condition;
-    long m_lCount;
+    unsigned int m_dwCount;
 };
+
+#if defined(__APPLE__)
+
+typedef CmConditionSemaphore CmPlatformSemaphore;
 #define CM_RECURSIVE_MUTEX_INITIALIZER PTHREAD_RECURSIVE_MUTEX_INITIALIZER
 
 #else

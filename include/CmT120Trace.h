@@ -19,7 +19,7 @@ class CM_UTIL_EXPORT CCmT120Trace {
     class CM_UTIL_EXPORT Text_Formator {
       public:
         // aBuffer: of aSize bytes, zero-filled here; must outlive the formatter, which does not
-        // own it.
+        // own it. A null buffer takes nothing.
         Text_Formator(char* aBuffer, unsigned long aSize);
         virtual ~Text_Formator();
         Text_Formator(const Text_Formator&) = delete;

@@ -1,6 +1,7 @@
 #include "CmConditionVariable.h"
 
 #include <errno.h>
+#include <limits.h>
 
 #include "CmScopedLock.h"
 #include "CmTraceLine.h"
@@ -13,6 +14,32 @@ namespace {
 // The type number of CCmMutexThread; platforms that do not know it leave the default kind.
 constexpr int MUTEX_TYPE_DEFAULT = 3;
 
+// The latest deadline that every system can wait for: its nanoseconds fill 64 bits (year 2262).
+constexpr CCmTimeValue DEADLINE_MAX(INT64_MAX / 1000000000);
+
+// Now plus aTimeout, kept within what the system calls take.
+timespec DeadlineAfter(const CCmTimeValue& aTimeout) {
+    timeval tvNow = {};
+    g_cmSystem.gettimeofday(&tvNow, nullptr);
+    const CCmTimeValue tvDeadline = CCmTimeValue(tvNow) + aTimeout;
+    if (tvDeadline < CCmTimeValue::s_tvZero) {
+        return CCmTimeValue::s_tvZero.ToTimeSpec();
+    }
+    return (tvDeadline < DEADLINE_MAX ? tvDeadline : DEADLINE_MAX).ToTimeSpec();
+}
+
+// Counts one thread as waiting; also right when that thread is cancelled in its wait.
+class CCmWaiterCount {
+  public:
+    explicit CCmWaiterCount(long& aWaiters) : m_nWaiters(aWaiters) { ++m_nWaiters; }
+    ~CCmWaiterCount() { --m_nWaiters; }
+    CCmWaiterCount(const CCmWaiterCount&) = delete;
+    CCmWaiterCount& operator=(const CCmWaiterCount&) = delete;
+
+  private:
+    long& m_nWaiters;
+};
+
 }  // namespace
 
 CCmMutexThread s_ReferenceControlMutexThread{CCmStaticInit()};
@@ -23,8 +50,10 @@ int CCmMutexThreadBase::Init(int aType) {
     if (rv != 0) {
         return rv;
     }
-    g_cmSystem.pthread_mutexattr_settype(&attribute, aType);
-    rv = g_cmSystem.pthread_mutex_init(&m_Mutex, &attribute);
+    rv = g_cmSystem.pthread_mutexattr_settype(&attribute, aType);
+    if (rv == 0 || aType == MUTEX_TYPE_DEFAULT) {
+        rv = g_cmSystem.pthread_mutex_init(&m_Mutex, &attribute);
+    }
     g_cmSystem.pthread_mutexattr_destroy(&attribute);
     return rv;
 }
@@ -71,7 +100,8 @@ CCmMutexThread::CCmMutexThread() {
     }
 }
 
-CCmConditionVariableThread::CCmConditionVariableThread(CCmMutexThread& aMutex) : m_Mutex(aMutex) {
+CCmConditionVariableThread::CCmConditionVariableThread(CCmMutexThread& aMutex)
+    : m_Mutex(aMutex), m_Condition() {
     const int rv = g_cmSystem.pthread_cond_init(&m_Condition, nullptr);
     if (rv != 0) {
         CM_WARNING_TRACE_THIS(
@@ -122,9 +152,7 @@ CmResult CCmConditionVariableThread::Wait(CCmTimeValue* aTimeout) {
         }
         return CM_OK;
     }
-    timeval tvNow = {};
-    g_cmSystem.gettimeofday(&tvNow, nullptr);
-    const timespec tsDeadline = (CCmTimeValue(tvNow) + *aTimeout).ToTimeSpec();
+    const timespec tsDeadline = DeadlineAfter(*aTimeout);
     const int rv = g_cmSystem.pthread_cond_timedwait(&m_Condition, &m_Mutex.m_Mutex, &tsDeadline);
     if (rv == 0 || rv == EINTR) {
         return CM_OK;
@@ -157,10 +185,8 @@ CmResult CCmEventThread::Wait(CCmTimeValue* aTimeout) {
         }
         return CM_OK;
     }
-    ++m_nWaiters;
-    const CmResult rvWait = m_Condition.Wait(aTimeout);
-    --m_nWaiters;
-    return rvWait;
+    CCmWaiterCount count(m_nWaiters);
+    return m_Condition.Wait(aTimeout);
 }
 
 CmResult CCmEventThread::Signal() {
@@ -191,6 +217,49 @@ CmResult CCmEventThread::Pulse() {
 
 CmResult CCmEventThread::Reset() {
     return CM_ERROR_FAILURE;
+}
+
+CCmSemaphore::CCmSemaphore(long aInitialCount, const char* /*aName*/, long /*aMaximumCount*/)
+    : m_Semaphore() {
+    // A count out of range is handed on as one that the system refuses.
+    const bool bInRange = aInitialCount >= 0 && aInitialCount <= INT_MAX;
+    const unsigned int dwCount = bInRange ? static_cast<unsigned int>(aInitialCount) : UINT_MAX;
+    if (g_cmSystem.sem_init(&m_Semaphore, 0, dwCount) != 0) {
+        const int nError = errno;
+        CM_WARNING_TRACE_THIS("CCmSemaphore::CCmSemaphore, sem_init() failed! err=" << nError);
+    }
+}
+
+CCmSemaphore::~CCmSemaphore() {
+    if (g_cmSystem.sem_destroy(&m_Semaphore) != 0) {
+        const int nError = errno;
+        CM_WARNING_TRACE_THIS("CCmSemaphore::~CCmSemaphore, sem_destroy() failed! err=" << nError);
+    }
+}
+
+CmResult CCmSemaphore::Lock() {
+    if (g_cmSystem.sem_wait(&m_Semaphore) == 0) {
+        return CM_OK;
+    }
+    const int nError = errno;
+    CM_WARNING_TRACE_THIS("CCmSemaphore::Lock, sem_wait() failed! err=" << nError);
+    return CM_ERROR_FAILURE;
+}
+
+CmResult CCmSemaphore::UnLock() {
+    return PostN(1);
+}
+
+CmResult CCmSemaphore::PostN(long aCount) {
+    for (long i = 0; i < aCount; ++i) {
+        if (g_cmSystem.sem_post(&m_Semaphore) != 0) {
+            const int nError = errno;
+            // The text names UnLock.
+            CM_WARNING_TRACE_THIS("CCmSemaphore::UnLock, sem_post() failed! err=" << nError);
+            return CM_ERROR_FAILURE;
+        }
+    }
+    return CM_OK;
 }
 
 pthread_t GetThreadSelfId() {

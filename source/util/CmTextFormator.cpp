@@ -12,6 +12,19 @@ constexpr unsigned long RESERVED_TAIL = 96;  // bytes at the end of a buffer, ne
 constexpr unsigned long NUMBER_SIZE = 65;    // bytes: any integer, sign and terminator
 constexpr unsigned long DOUBLE_SIZE = 512;   // bytes: "%f" of the largest double is 317
 
+// "00" to "99".
+constexpr char DIGIT_PAIRS[] =
+    "00010203040506070809"
+    "10111213141516171819"
+    "20212223242526272829"
+    "30313233343536373839"
+    "40414243444546474849"
+    "50515253545556575859"
+    "60616263646566676869"
+    "70717273747576777879"
+    "80818283848586878889"
+    "90919293949596979899";
+
 template <typename T>
 unsigned long Magnitude(T aValue) {
     return aValue < 0 ? 0UL - static_cast<unsigned long>(aValue)
@@ -27,18 +40,26 @@ char* FormatHex(unsigned long aValue, char* aEnd) {
     return aEnd;
 }
 
+// Two digits per division.
 char* FormatDecimal(unsigned long aValue, char* aEnd) {
-    do {
-        *--aEnd = static_cast<char>('0' + aValue % 10);
-        aValue /= 10;
-    } while (aValue != 0);
+    while (aValue >= 100) {
+        aEnd -= 2;
+        std::memcpy(aEnd, &DIGIT_PAIRS[aValue % 100 * 2], 2);
+        aValue /= 100;
+    }
+    if (aValue >= 10) {
+        aEnd -= 2;
+        std::memcpy(aEnd, &DIGIT_PAIRS[aValue * 2], 2);
+    } else {
+        *--aEnd = static_cast<char>('0' + aValue);
+    }
     return aEnd;
 }
 
 }  // namespace
 
 CCmT120Trace::Text_Formator::Text_Formator(char* aBuffer, unsigned long aSize)
-    : m_pBuffer(aBuffer), m_ulSize(aSize), m_ulPosition(0), m_bHex(0) {
+    : m_pBuffer(aBuffer), m_ulSize(aBuffer != nullptr ? aSize : 0), m_ulPosition(0), m_bHex(0) {
     reset();
 }
 
@@ -47,7 +68,7 @@ CCmT120Trace::Text_Formator::~Text_Formator() = default;
 void CCmT120Trace::Text_Formator::reset() {
     m_ulPosition = 0;
     m_bHex = 0;
-    if (m_pBuffer != nullptr) {
+    if (m_ulSize != 0) {
         std::memset(m_pBuffer, 0, m_ulSize);
     }
 }

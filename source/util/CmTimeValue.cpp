@@ -15,9 +15,10 @@ CCmTimeValue CCmTimeValue::GetTimeOfDay() {
 
 CCmTimeValue& CCmTimeValue::operator+=(const CCmTimeValue& aRight) {
     // Both microsecond fields are below a million in magnitude, so their sum cannot overflow.
+    const long lSec = aRight.m_lSec;  // aRight may be this object
     m_lUsec += aRight.m_lUsec;
-    if (CM_UNLIKELY(__builtin_add_overflow(m_lSec, aRight.m_lSec, &m_lSec))) {
-        Saturate(aRight.m_lSec < 0);
+    if (CM_UNLIKELY(__builtin_add_overflow(m_lSec, lSec, &m_lSec))) {
+        Saturate(lSec < 0);
         return *this;
     }
     Normalize();
