@@ -116,9 +116,11 @@ class CM_UTIL_EXPORT CCmEventQueueBase : public ICmEventQueue {
   protected:
     // One post, prepared before the lock is taken and concluded after it was released.
     struct CPosting;
-    CmResult Prepare_i(CPosting& aPosting);
+    CmResult Prepare_i(CPosting& aPosting, bool aNeedsNode);
     CmResult Append_l(CPosting& aPosting);
     void Conclude_i(CPosting& aPosting, CmResult aResult);
+    // Runs and ends an event that starts at aStart; returns the time of its end.
+    CCmTimeValue RunAndEnd_i(ICmEvent* aEvent, const CCmTimeValue& aStart);
     // Ends all events of a list that was taken out of the queue, and empties it.
     static void DestoryEvents_i(std::list<ICmEvent*>& aEvents);
     // Waits until the senders whose events have run no longer touch this queue. The destructor of
@@ -133,8 +135,6 @@ class CM_UTIL_EXPORT CCmEventQueueBase : public ICmEventQueue {
 
   private:
     friend class CCmEventSynchronous;
-
-    CCmTimeValue RunAndEnd_i(ICmEvent* aEvent, const CCmTimeValue& aStart);
 
     // Senders whose event has run and who have yet to post its wrapper back.
     std::atomic<long> m_lReturningSenders;
@@ -160,12 +160,16 @@ class CM_UTIL_EXPORT CCmEventSynchronous : public ICmEvent {
     CmResult WaitResultAndDeleteThis();
 
   private:
+    friend class CCmEventQueueBase;
     class CSenderEnd;
     enum EOutcome : int { OUTCOME_NONE, OUTCOME_FIRED, OUTCOME_DISCARDED, OUTCOME_ABANDONED };
 
     void LetGo_i();
     void Abandon_i();
     void EndEvent_i();
+    void Wake_i();
+    void HoldQueue_i();
+    void ReleaseQueue_i();
 
     std::atomic<ICmEvent*> m_pEvent;
     CmResult m_Result;
@@ -173,6 +177,7 @@ class CM_UTIL_EXPORT CCmEventSynchronous : public ICmEvent {
     std::atomic<bool> m_bHasDestoryed;
     CCmEventThread m_SendEvent;
     std::atomic<int> m_nOutcome;
+    bool m_bHoldsQueue;  // set by SendEvent before it posts
 };
 
 // The queue of a consumer that polls.
@@ -208,6 +213,9 @@ class CM_UTIL_EXPORT CCmEventQueueUsingConditionVariable : public CCmEventQueueB
     // cancelled thread leaves the queue usable.
     CmResult PopOrWaitPendingEvents(std::list<ICmEvent*>& aEvents, CCmTimeValue* aTimeout,
                                     DWORD aMaxCount = 0xFFFFFFFF);
+    // Consumer thread only. ProcessEvents, whose list nodes serve coming posts; aEvents is empty
+    // afterwards. When the thread is cancelled, the events not yet started are pending again.
+    void ProcessAndRecycleEvents(std::list<ICmEvent*>& aEvents);
     // DestoryPendingEvents of the base; the events are taken out under the queue's mutex and ended
     // after it was released.
     void DestoryPendingEvents();
@@ -217,11 +225,20 @@ class CM_UTIL_EXPORT CCmEventQueueUsingConditionVariable : public CCmEventQueueB
 
   private:
     class CWaiting;
+    class CUnstarted;
+
+    CmResult UseSpare_l(CPosting& aPosting) CM_REQUIRES(m_Mutex);
+    void Wait_l(CCmTimeValue* aTimeout) CM_REQUIRES(m_Mutex);
+    void Wake_i();
+    void PutBack_i(std::list<ICmEvent*>& aEvents);
 
     CCmMutexThread m_Mutex;
     CCmConditionVariableThread m_Condition;
-    DWORD m_dwWaiters CM_GUARDED_BY(m_Mutex);    // consumers inside the wait
-    DWORD m_dwSignalled CM_GUARDED_BY(m_Mutex);  // of these, already being woken
+    DWORD m_dwWaiters CM_GUARDED_BY(m_Mutex);              // consumers inside the wait
+    DWORD m_dwSignalled CM_GUARDED_BY(m_Mutex);            // of these, already being woken
+    std::list<ICmEvent*> m_Spares CM_GUARDED_BY(m_Mutex);  // list nodes for coming posts
+    std::atomic<DWORD> m_dwSpares;                         // their number, as a hint
+    std::list<ICmEvent*> m_Spent;  // consumer thread only: nodes that are to become spare
 };
 
 }  // namespace UTIL_NS

@@ -1,1 +1,582 @@
 #include "CmEventQueueBase.h"
+
+#include <new>
+
+#include "CmScopedLock.h"
+#include "CmTraceLine.h"
+#include "port/CmSystem.h"
+
+namespace UTIL_NS {
+
+namespace {
+
+constexpr long WATCH_INTERVAL_SEC = 3;       // between two looks at the size
+constexpr DWORD LONG_QUEUE_SIZE = 101;       // reported from here on
+constexpr DWORD MAX_SPARES = 256;            // list nodes that a queue keeps
+constexpr int WAKE_TRIES = 3;                // a sender must not miss its wake-up
+constexpr long RETURN_NAP_NSEC = 50 * 1000;  // between two looks for returning senders
+
+// Ends an event whose thread is cancelled while it fires.
+class CUnwindEnd {
+  public:
+    explicit CUnwindEnd(ICmEvent* aEvent) : m_pEvent(aEvent) {}
+    ~CUnwindEnd() {
+        if (m_pEvent != nullptr) {
+            m_pEvent->OnDestorySelf();
+        }
+    }
+    CUnwindEnd(const CUnwindEnd&) = delete;
+    CUnwindEnd& operator=(const CUnwindEnd&) = delete;
+
+    void Release() { m_pEvent = nullptr; }
+
+  private:
+    ICmEvent* m_pEvent;
+};
+
+CmResult FireAndEnd(ICmEvent* aEvent) {
+    CUnwindEnd unwindEnd(aEvent);
+    const CmResult rv = aEvent->OnEventFire();
+    unwindEnd.Release();
+    aEvent->OnDestorySelf();
+    return rv;
+}
+
+// Gives aList one node. CM_OK or CM_ERROR_OUT_OF_MEMORY.
+CmResult AddNode(std::list<ICmEvent*>& aList, ICmEvent* aEvent) {
+    try {
+        aList.push_back(aEvent);
+    } catch (const std::bad_alloc&) {
+        return CM_ERROR_OUT_OF_MEMORY;
+    }
+    return CM_OK;
+}
+
+}  // namespace
+
+ICmEvent::ICmEvent() : m_ullReserved(0), m_CreatorTid(pthread_self()) {}
+
+ICmEvent::~ICmEvent() = default;
+
+void ICmEvent::OnDestorySelf() {
+    delete this;
+}
+
+ICmEventQueue::~ICmEventQueue() = default;
+
+const CCmTimeValue CCmEventQueueBase::s_tvReportInterval(0, 50000);
+
+struct CCmEventQueueBase::CPosting {
+    explicit CPosting(ICmEvent* aEvent) : m_pEvent(aEvent) {}
+
+    ICmEvent* m_pEvent;
+    std::list<ICmEvent*> m_Node;  // the node to append, unless a spare one is to be used
+    CCmTimeValue m_tvNow;
+    DWORD m_dwReportSize = 0;  // the size that is to be reported, if any
+};
+
+CCmEventQueueBase::CCmEventQueueBase()
+    : m_dwSize(0),
+      m_tvLastReport(CCmTimeValue::GetTimeOfDay()),
+      m_Tid(pthread_t()),
+      m_bIsStopped(false),
+      m_lReturningSenders(0) {}
+
+CCmEventQueueBase::~CCmEventQueueBase() {
+    WaitForSenders_i();
+    SetStopped();  // what an event posts while it is ended is refused
+    DestoryPendingEvents();
+}
+
+CmResult CCmEventQueueBase::PostEvent(ICmEvent* aEvent, EPriority /*aPri*/) {
+    CM_ASSERTE_RETURN(aEvent, CM_ERROR_INVALID_ARG);
+    CPosting posting(aEvent);
+    CmResult rv = Prepare_i(posting, true);
+    if (CM_SUCCEEDED(rv)) {
+        rv = Append_l(posting);
+    }
+    Conclude_i(posting, rv);
+    return rv;
+}
+
+CmResult CCmEventQueueBase::Prepare_i(CPosting& aPosting, bool aNeedsNode) {
+    if (CM_UNLIKELY(m_bIsStopped.load(std::memory_order_relaxed))) {
+        return CM_ERROR_NOT_INITIALIZED;
+    }
+    aPosting.m_tvNow = CCmTimeValue::GetTimeOfDay();
+    return aNeedsNode ? AddNode(aPosting.m_Node, aPosting.m_pEvent) : CM_OK;
+}
+
+CmResult CCmEventQueueBase::Append_l(CPosting& aPosting) {
+    // Looked at again: a consumer that ends closes the queue under the lock.
+    if (CM_UNLIKELY(m_bIsStopped.load(std::memory_order_relaxed))) {
+        return CM_ERROR_NOT_INITIALIZED;
+    }
+    m_Events.splice(m_Events.end(), aPosting.m_Node);
+    const DWORD dwSize = m_dwSize.load(std::memory_order_relaxed) + 1;
+    m_dwSize.store(dwSize, std::memory_order_relaxed);
+
+    if (CM_UNLIKELY(aPosting.m_tvNow - m_tvLastReport > CCmTimeValue(WATCH_INTERVAL_SEC))) {
+        m_tvLastReport = aPosting.m_tvNow;
+        aPosting.m_dwReportSize = dwSize >= LONG_QUEUE_SIZE ? dwSize : 0;
+    }
+    return CM_OK;
+}
+
+void CCmEventQueueBase::Conclude_i(CPosting& aPosting, CmResult aResult) {
+    if (CM_UNLIKELY(aPosting.m_dwReportSize != 0)) {
+        CM_WARNING_TRACE_THIS("CCmEventQueueBase::PostEvent, m_dwSize="
+                              << aPosting.m_dwReportSize
+                              << " m_Tid=" << (unsigned long)m_Tid.load(std::memory_order_relaxed));
+    }
+    if (CM_SUCCEEDED(aResult)) {
+        return;
+    }
+    if (aResult == CM_ERROR_NOT_INITIALIZED) {
+        CM_WARNING_TRACE_THIS("CCmEventQueueBase::PostEvent, has been stopped.");
+    }
+    aPosting.m_pEvent->OnDestorySelf();
+}
+
+CmResult CCmEventQueueBase::SendEvent(ICmEvent* aEvent) {
+    CM_ASSERTE_RETURN(aEvent, CM_ERROR_INVALID_ARG);
+    if (CM_UNLIKELY(m_bIsStopped.load(std::memory_order_relaxed))) {
+        CM_WARNING_TRACE_THIS("CCmEventQueueBase::SendEvent, has been stopped.");
+        aEvent->OnDestorySelf();
+        return CM_ERROR_NOT_INITIALIZED;
+    }
+    if (IsEqualCurrentThread(m_Tid.load(std::memory_order_relaxed))) {
+        return FireAndEnd(aEvent);
+    }
+    CCmEventSynchronous* pSynchronous = new (std::nothrow) CCmEventSynchronous(aEvent, this);
+    if (pSynchronous == nullptr) {
+        aEvent->OnDestorySelf();
+        return CM_ERROR_OUT_OF_MEMORY;
+    }
+    pSynchronous->m_bHoldsQueue = true;
+    const CmResult rv = PostEvent(pSynchronous, EPRIORITY_NORMAL);
+    if (CM_FAILED(rv)) {
+        pSynchronous->LetGo_i();  // behind the queue, which has ended the event
+        return rv;
+    }
+    return pSynchronous->WaitResultAndDeleteThis();
+}
+
+DWORD CCmEventQueueBase::GetPendingEventsCount() {
+    return m_dwSize.load(std::memory_order_relaxed);
+}
+
+// The list may be empty under a count above 0: DestoryPendingEvents leaves the count as it was.
+CmResult CCmEventQueueBase::PopPendingEvents(std::list<ICmEvent*>& aEvents, DWORD aMaxCount,
+                                             DWORD* aRemainSize) {
+    DWORD dwSize = m_dwSize.load(std::memory_order_relaxed);
+    if (dwSize == 0) {
+        return CM_ERROR_NOT_FOUND;
+    }
+    if (dwSize <= aMaxCount) {
+        aEvents.splice(aEvents.end(), m_Events);
+        dwSize = 0;
+    } else {
+        for (DWORD i = 0; i < aMaxCount && !m_Events.empty(); ++i) {
+            aEvents.splice(aEvents.end(), m_Events, m_Events.begin());
+            --dwSize;
+        }
+    }
+    m_dwSize.store(dwSize, std::memory_order_relaxed);
+    if (aRemainSize != nullptr) {
+        *aRemainSize = dwSize;
+    }
+    return CM_OK;
+}
+
+CmResult CCmEventQueueBase::PopOnePendingEvent(ICmEvent*& aEvent, DWORD* aRemainSize) {
+    if (m_Events.empty()) {
+        return CM_ERROR_NOT_FOUND;
+    }
+    aEvent = m_Events.front();
+    m_Events.pop_front();
+    const DWORD dwSize = m_dwSize.load(std::memory_order_relaxed) - 1;
+    m_dwSize.store(dwSize, std::memory_order_relaxed);
+    if (aRemainSize != nullptr) {
+        *aRemainSize = dwSize;
+    }
+    return CM_OK;
+}
+
+CmResult CCmEventQueueBase::ProcessEvents(const std::list<ICmEvent*>& aEvents) {
+    CCmTimeValue tvStart = CCmTimeValue::GetTimeOfDay();
+    for (ICmEvent* pEvent : aEvents) {
+        tvStart = RunAndEnd_i(pEvent, tvStart);
+    }
+    return CM_OK;
+}
+
+CmResult CCmEventQueueBase::ProcessOneEvent(ICmEvent* aEvent) {
+    CM_ASSERTE_RETURN(aEvent, CM_ERROR_INVALID_ARG);
+    RunAndEnd_i(aEvent, CCmTimeValue::GetTimeOfDay());
+    return CM_OK;
+}
+
+// Returns when the event ended, which is when the next one of a list starts.
+CCmTimeValue CCmEventQueueBase::RunAndEnd_i(ICmEvent* aEvent, const CCmTimeValue& aStart) {
+    CM_ASSERTE_RETURN(aEvent, aStart);
+    FireAndEnd(aEvent);
+    const CCmTimeValue tvEnd = CCmTimeValue::GetTimeOfDay();
+    const CCmTimeValue tvElapsed = tvEnd - aStart;
+    if (CM_UNLIKELY(tvElapsed > s_tvReportInterval)) {
+        CM_WARNING_TRACE_THIS("CCmEventQueueBase::ProcessOneEvent, report, sec="
+                              << tvElapsed.GetSec() << " usec=" << tvElapsed.GetUsec()
+                              << " aEvent=" << CmTraceAddress(aEvent)
+                              << " m_dwSize=" << m_dwSize.load(std::memory_order_relaxed));
+    }
+    return tvEnd;
+}
+
+void CCmEventQueueBase::DestoryPendingEvents() {
+    std::list<ICmEvent*> events;
+    events.swap(m_Events);
+    DestoryEvents_i(events);
+}
+
+void CCmEventQueueBase::DestoryEvents_i(std::list<ICmEvent*>& aEvents) {
+    for (ICmEvent* pEvent : aEvents) {
+        pEvent->OnDestorySelf();
+    }
+    aEvents.clear();
+}
+
+void CCmEventQueueBase::BindToCurrentThread() {
+    m_Tid.store(pthread_self(), std::memory_order_relaxed);
+}
+
+void CCmEventQueueBase::SetStopped() {
+    m_bIsStopped.store(true, std::memory_order_relaxed);
+}
+
+void CCmEventQueueBase::WaitForSenders_i() {
+    // Acquire: behind all that a returning sender did with this queue.
+    while (m_lReturningSenders.load(std::memory_order_acquire) != 0) {
+        const timespec tsNap = {0, RETURN_NAP_NSEC};
+        g_cmSystem.nanosleep(&tsNap, nullptr);
+    }
+}
+
+// Lets go of the wrapper for a sender whose thread is cancelled while it waits.
+class CCmEventSynchronous::CSenderEnd {
+  public:
+    explicit CSenderEnd(CCmEventSynchronous& aWrapper) : m_pWrapper(&aWrapper) {}
+    ~CSenderEnd() {
+        if (m_pWrapper != nullptr) {
+            m_pWrapper->Abandon_i();
+        }
+    }
+    CSenderEnd(const CSenderEnd&) = delete;
+    CSenderEnd& operator=(const CSenderEnd&) = delete;
+
+    void Release() { m_pWrapper = nullptr; }
+
+  private:
+    CCmEventSynchronous* m_pWrapper;
+};
+
+CCmEventSynchronous::CCmEventSynchronous(ICmEvent* aEvent, CCmEventQueueBase* aQueue)
+    : m_pEvent(aEvent),
+      m_Result(CM_ERROR_NOT_AVAILABLE),
+      m_pEventQueue(aQueue),
+      m_bHasDestoryed(false),
+      m_nOutcome(OUTCOME_NONE),
+      m_bHoldsQueue(false) {}
+
+CCmEventSynchronous::~CCmEventSynchronous() {
+    EndEvent_i();
+    if (!m_bHasDestoryed.load(std::memory_order_relaxed)) {
+        Wake_i();
+    }
+}
+
+CmResult CCmEventSynchronous::OnEventFire() {
+    if (m_bHasDestoryed.load(std::memory_order_acquire)) {
+        return CM_OK;
+    }
+    ICmEvent* pEvent = m_pEvent.load(std::memory_order_relaxed);
+    const CmResult rv = pEvent != nullptr ? pEvent->OnEventFire() : CM_ERROR_NULL_POINTER;
+    m_Result = rv;
+    HoldQueue_i();
+    // Release: the sender that reads the outcome reads the result behind it.
+    if (m_nOutcome.exchange(OUTCOME_FIRED, std::memory_order_acq_rel) == OUTCOME_ABANDONED) {
+        ReleaseQueue_i();
+    }
+    Wake_i();
+    return rv;
+}
+
+void CCmEventSynchronous::OnDestorySelf() {
+    EndEvent_i();
+    int nOutcome = OUTCOME_NONE;
+    if (m_nOutcome.compare_exchange_strong(nOutcome, OUTCOME_DISCARDED,
+                                           std::memory_order_acq_rel)) {
+        Wake_i();
+    }
+    LetGo_i();
+}
+
+CmResult CCmEventSynchronous::WaitResultAndDeleteThis() {
+    CSenderEnd senderEnd(*this);
+    while (m_nOutcome.load(std::memory_order_acquire) == OUTCOME_NONE) {
+        const CmResult rvWait = m_SendEvent.Wait(nullptr);
+        if (CM_FAILED(rvWait)) {
+            CM_WARNING_TRACE_THIS(
+                "CCmEventSynchronous::WaitResultAndDeleteThis, m_SendEvent.Wait() failed!");
+            return rvWait;
+        }
+    }
+    senderEnd.Release();
+    const CmResult rv = m_Result;
+    // Discarded: the queue may be gone.
+    if (m_nOutcome.load(std::memory_order_relaxed) == OUTCOME_DISCARDED ||
+        m_pEventQueue == nullptr) {
+        LetGo_i();
+        return rv;
+    }
+    CCmEventQueueBase* pQueue = m_pEventQueue;
+    const bool bHoldsQueue = m_bHoldsQueue;
+    pQueue->PostEvent(this, ICmEventQueue::EPRIORITY_NORMAL);  // may free this wrapper at once
+    if (bHoldsQueue) {
+        pQueue->m_lReturningSenders.fetch_sub(1, std::memory_order_release);
+    }
+    return rv;
+}
+
+// The first end to come leaves the wrapper to the other one.
+void CCmEventSynchronous::LetGo_i() {
+    if (m_bHasDestoryed.exchange(true, std::memory_order_acq_rel)) {
+        delete this;
+    }
+}
+
+void CCmEventSynchronous::Abandon_i() {
+    if (m_nOutcome.exchange(OUTCOME_ABANDONED, std::memory_order_acq_rel) == OUTCOME_FIRED) {
+        ReleaseQueue_i();
+    }
+    LetGo_i();
+}
+
+void CCmEventSynchronous::EndEvent_i() {
+    ICmEvent* pEvent = m_pEvent.exchange(nullptr, std::memory_order_acq_rel);
+    if (pEvent != nullptr) {
+        pEvent->OnDestorySelf();
+    }
+}
+
+void CCmEventSynchronous::Wake_i() {
+    for (int i = 0; i < WAKE_TRIES && CM_FAILED(m_SendEvent.Signal()); ++i) {
+    }
+}
+
+// From the firing until its sender has posted the wrapper back, the queue must not go.
+void CCmEventSynchronous::HoldQueue_i() {
+    if (m_bHoldsQueue) {
+        m_pEventQueue->m_lReturningSenders.fetch_add(1, std::memory_order_relaxed);
+    }
+}
+
+void CCmEventSynchronous::ReleaseQueue_i() {
+    if (m_bHoldsQueue) {
+        m_pEventQueue->m_lReturningSenders.fetch_sub(1, std::memory_order_release);
+    }
+}
+
+CCmEventQueueUsingMutex::CCmEventQueueUsingMutex() = default;
+
+CCmEventQueueUsingMutex::~CCmEventQueueUsingMutex() {
+    WaitForSenders_i();
+}
+
+CmResult CCmEventQueueUsingMutex::PostEvent(ICmEvent* aEvent, EPriority aPri) {
+    return PostEventWithOldSize(aEvent, aPri, nullptr);
+}
+
+CmResult CCmEventQueueUsingMutex::PostEventWithOldSize(ICmEvent* aEvent, EPriority /*aPri*/,
+                                                       DWORD* aOldSize) {
+    CPosting posting(aEvent);
+    CmResult rv = aEvent != nullptr ? Prepare_i(posting, true) : CM_ERROR_INVALID_ARG;
+    {
+        CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
+        if (aOldSize != nullptr) {
+            *aOldSize = m_dwSize.load(std::memory_order_relaxed);
+        }
+        if (CM_SUCCEEDED(rv)) {
+            rv = Append_l(posting);
+        }
+    }
+    CM_ASSERTE_RETURN(aEvent, rv);
+    Conclude_i(posting, rv);
+    return rv;
+}
+
+CmResult CCmEventQueueUsingMutex::PopPendingEventsLocked(std::list<ICmEvent*>& aEvents,
+                                                         DWORD aMaxCount, DWORD* aRemainSize) {
+    CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
+    return PopPendingEvents(aEvents, aMaxCount, aRemainSize);
+}
+
+void CCmEventQueueUsingMutex::DestoryPendingEvents() {
+    std::list<ICmEvent*> events;
+    {
+        CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
+        events.swap(m_Events);
+    }
+    DestoryEvents_i(events);
+}
+
+// Counts the consumer as waiting, also when it is cancelled there; to be destroyed under the lock.
+class CCmEventQueueUsingConditionVariable::CWaiting {
+  public:
+    explicit CWaiting(CCmEventQueueUsingConditionVariable& aQueue) CM_REQUIRES(aQueue.m_Mutex)
+        : m_Queue(aQueue) {
+        ++m_Queue.m_dwWaiters;
+    }
+    ~CWaiting() CM_NO_THREAD_SAFETY_ANALYSIS {
+        --m_Queue.m_dwWaiters;
+        if (m_Queue.m_dwSignalled > 0) {
+            --m_Queue.m_dwSignalled;
+        }
+    }
+    CWaiting(const CWaiting&) = delete;
+    CWaiting& operator=(const CWaiting&) = delete;
+
+  private:
+    CCmEventQueueUsingConditionVariable& m_Queue;
+};
+
+// Puts back what a cancelled consumer has taken out and not started.
+class CCmEventQueueUsingConditionVariable::CUnstarted {
+  public:
+    CUnstarted(CCmEventQueueUsingConditionVariable& aQueue, std::list<ICmEvent*>& aEvents)
+        : m_Queue(aQueue), m_Events(aEvents) {}
+    ~CUnstarted() {
+        if (!m_Events.empty()) {
+            m_Queue.PutBack_i(m_Events);
+        }
+    }
+    CUnstarted(const CUnstarted&) = delete;
+    CUnstarted& operator=(const CUnstarted&) = delete;
+
+  private:
+    CCmEventQueueUsingConditionVariable& m_Queue;
+    std::list<ICmEvent*>& m_Events;
+};
+
+CCmEventQueueUsingConditionVariable::CCmEventQueueUsingConditionVariable()
+    : m_Condition(m_Mutex), m_dwWaiters(0), m_dwSignalled(0), m_dwSpares(0) {}
+
+CCmEventQueueUsingConditionVariable::~CCmEventQueueUsingConditionVariable() {
+    WaitForSenders_i();
+}
+
+CmResult CCmEventQueueUsingConditionVariable::PostEvent(ICmEvent* aEvent, EPriority /*aPri*/) {
+    CM_ASSERTE_RETURN(aEvent, CM_ERROR_INVALID_ARG);
+    CPosting posting(aEvent);
+    bool bWake = false;
+    CmResult rv = Prepare_i(posting, m_dwSpares.load(std::memory_order_relaxed) == 0);
+    if (CM_SUCCEEDED(rv)) {
+        CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
+        rv = UseSpare_l(posting);
+        if (CM_SUCCEEDED(rv)) {
+            rv = Append_l(posting);
+        }
+        if (CM_SUCCEEDED(rv) && m_dwWaiters > m_dwSignalled) {
+            ++m_dwSignalled;
+            bWake = true;
+        }
+    }
+    if (bWake) {
+        Wake_i();
+    }
+    Conclude_i(posting, rv);
+    return rv;
+}
+
+CmResult CCmEventQueueUsingConditionVariable::UseSpare_l(CPosting& aPosting) {
+    if (!aPosting.m_Node.empty()) {
+        return CM_OK;
+    }
+    if (m_Spares.empty()) {  // another poster took the last one
+        return AddNode(aPosting.m_Node, aPosting.m_pEvent);
+    }
+    aPosting.m_Node.splice(aPosting.m_Node.end(), m_Spares, m_Spares.begin());
+    aPosting.m_Node.front() = aPosting.m_pEvent;
+    m_dwSpares.store(static_cast<DWORD>(m_Spares.size()), std::memory_order_relaxed);
+    return CM_OK;
+}
+
+void CCmEventQueueUsingConditionVariable::Wake_i() {
+    if (CM_FAILED(m_Condition.Signal())) {
+        CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
+        m_dwSignalled = 0;  // the next post tries again
+    }
+}
+
+CmResult CCmEventQueueUsingConditionVariable::PopOrWaitPendingEvents(std::list<ICmEvent*>& aEvents,
+                                                                     CCmTimeValue* aTimeout,
+                                                                     DWORD aMaxCount) {
+    CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
+    if (!m_Spent.empty()) {
+        m_Spares.splice(m_Spares.end(), m_Spent);
+        m_dwSpares.store(static_cast<DWORD>(m_Spares.size()), std::memory_order_relaxed);
+    }
+    if (m_Events.empty()) {
+        Wait_l(aTimeout);
+    }
+    return PopPendingEvents(aEvents, aMaxCount, nullptr);
+}
+
+void CCmEventQueueUsingConditionVariable::Wait_l(CCmTimeValue* aTimeout) {
+    CWaiting waiting(*this);
+    const CmResult rv = m_Condition.Wait(aTimeout);
+    if (CM_FAILED(rv) && rv != CM_ERROR_TIMEOUT) {
+        // The text says something else than what happened.
+        CM_ERROR_TRACE_THIS(
+            "CCmEventQueueUsingConditionVariable::PopOrWaitPendingEvents,m_Events is not empty. "
+            "nSize="
+            << m_dwSize.load(std::memory_order_relaxed) << " rv=" << rv);
+    }
+}
+
+void CCmEventQueueUsingConditionVariable::ProcessAndRecycleEvents(std::list<ICmEvent*>& aEvents) {
+    CUnstarted unstarted(*this, aEvents);
+    CCmTimeValue tvStart = CCmTimeValue::GetTimeOfDay();
+    while (!aEvents.empty()) {
+        ICmEvent* pEvent = aEvents.front();
+        m_Spent.splice(m_Spent.end(), aEvents, aEvents.begin());
+        tvStart = RunAndEnd_i(pEvent, tvStart);
+    }
+    while (m_Spent.size() + m_dwSpares.load(std::memory_order_relaxed) > MAX_SPARES) {
+        m_Spent.pop_front();
+    }
+}
+
+void CCmEventQueueUsingConditionVariable::PutBack_i(std::list<ICmEvent*>& aEvents) {
+    CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
+    m_dwSize.fetch_add(static_cast<DWORD>(aEvents.size()), std::memory_order_relaxed);
+    m_Events.splice(m_Events.begin(), aEvents);
+}
+
+void CCmEventQueueUsingConditionVariable::DestoryPendingEvents() {
+    std::list<ICmEvent*> events;
+    {
+        CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
+        events.swap(m_Events);
+    }
+    DestoryEvents_i(events);
+}
+
+void CCmEventQueueUsingConditionVariable::StopAndDestoryPendingEvents() {
+    {
+        CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
+        SetStopped();
+    }
+    DestoryPendingEvents();
+}
+
+}  // namespace UTIL_NS
