@@ -20,12 +20,10 @@
 #include "CmConditionVariable.h"
 #include "CmEventQueueBase.h"
 #include "CmThreadAnnotations.h"
+#include "CmTimerQueueBase.h"
 #include "CmUtilClasses.h"
 
 namespace UTIL_NS {
-
-class ICmTimerQueue;
-class CCmTimerQueueOrderedList;
 
 // The type of a thread. Every value but these two is chosen by the host, stored and reported back.
 constexpr int TT_UNKNOWN = -1;  // not created
@@ -87,9 +85,12 @@ class CM_UTIL_EXPORT ACmThread {
     // of pthread_cancel, or CM_ERROR_FAILURE when there is no thread.
     CmResult Terminate();
 
-  protected:
-    // The start routine of the POSIX thread; pParam is the object.
+    // The start routine of the POSIX thread; pParam is the object. Returns null.
     static void* ThreadProc(void* pParam);
+
+  protected:
+    // For OnThreadInit: makes Create fail with aResult; the body does not run then.
+    void SetInitResult(CmResult aResult) { m_InitResult = aResult; }
 
     std::atomic<pthread_t> m_Tid;
     std::atomic<pthread_t> m_Handle;
@@ -103,18 +104,19 @@ class CM_UTIL_EXPORT ACmThread {
     std::atomic<bool> m_bStopFlag;
 
   private:
-    class CBodyEnd;
+    class CBody;
 
     CmResult StartThread_i();
-    CmResult CreateThread_i(pthread_attr_t& aAttributes);
-    void SignalStarted_i();
+    CmResult CreateThread_i();
     void WaitUntilStarted_i();
+    void SignalStarted_i(CCmEventThread* aEvent);
     void BodyHasEnded_i();
+    long CountEnd_i();
     bool IsJoinable() const { return (m_Flag & TF_JOINABLE) != 0; }
-    bool IsCreatedDetached() const { return (m_Flag & (TF_JOINABLE | TF_DETACHED)) == TF_DETACHED; }
 
-    std::atomic<int> m_nStart;  // how far the start-up handshake is
-    bool m_bRuns;               // a POSIX thread was started for this object
+    std::atomic<int> m_nStartSteps;  // of the start-up handshake
+    CmResult m_InitResult;
+    bool m_bHasThread;  // a POSIX thread was started for this object
 };
 
 // The registered thread objects in the order of registration.
@@ -143,6 +145,9 @@ class CM_UTIL_EXPORT CCmThreadTaskWithEventQueueOnly : public ACmThread, public 
     ICmEventQueue* GetEventQueue() override;
 
   protected:
+    // Waits for events, at most aTimeout, and runs at most aMaxCount of them.
+    void RunEvents_i(CCmTimeValue* aTimeout, DWORD aMaxCount);
+
     CCmEventQueueUsingConditionVariable m_EventQueue;
 };
 

@@ -1,1 +1,463 @@
 #include "CmThread.h"
+
+#include "CmScopedLock.h"
+#include "CmTimerQueueOrderedList.h"
+#include "CmTraceLine.h"
+#include "port/CmSystem.h"
+
+namespace UTIL_NS {
+
+namespace {
+
+constexpr DWORD ALL_EVENTS = 0xFFFFFFFF;
+constexpr DWORD EVENTS_PER_PASS = 5;  // of a worker, between two looks at its timers
+
+// How long Create trusts its wait before it looks for itself, and how long it naps when it cannot
+// wait.
+constexpr long START_LOOK_USEC = 100 * 1000;
+constexpr long START_NAP_NSEC = 1000 * 1000;
+
+// Steps of the start-up handshake. INIT_ENDED is published by the new thread before it signals;
+// of the other two the second one frees the event.
+constexpr int STEP_INIT_ENDED = 1;
+constexpr int STEP_THREAD_DONE = 2;
+constexpr int STEP_CREATOR_DONE = 4;
+
+// What one more entry of the registry takes. CM_OK or CM_ERROR_OUT_OF_MEMORY.
+CmResult NewEntry(std::list<ACmThread*>& aEntry, ACmThread* aThread) {
+    try {
+        aEntry.push_back(aThread);
+    } catch (const std::bad_alloc&) {
+        return CM_ERROR_OUT_OF_MEMORY;
+    }
+    return CM_OK;
+}
+
+void RegisterEntry(std::list<ACmThread*>& aEntry) {
+    CCmScopedLockT<CCmMutexThread> lock(g_thread_Mutex);
+    g_threadList.splice(g_threadList.end(), aEntry);
+}
+
+}  // namespace
+
+CCmMutexThread g_thread_Mutex{CCmStaticInit()};
+std::list<ACmThread*> g_threadList;
+
+CmResult RegisterThread(ACmThread* aThread) {
+    std::list<ACmThread*> entry;
+    const CmResult rv = NewEntry(entry, aThread);
+    if (CM_SUCCEEDED(rv)) {
+        RegisterEntry(entry);
+    }
+    return rv;
+}
+
+CmResult UnRegisterThread(ACmThread* aThread) {
+    CCmScopedLockT<CCmMutexThread> lock(g_thread_Mutex);
+    for (auto it = g_threadList.begin(); it != g_threadList.end(); ++it) {
+        if (*it == aThread) {
+            g_threadList.erase(it);
+            return CM_OK;
+        }
+    }
+    return CM_ERROR_NOT_FOUND;
+}
+
+ACmThread* getCurrentThread() {
+    CCmScopedLockT<CCmMutexThread> lock(g_thread_Mutex);
+    for (ACmThread* pThread : g_threadList) {
+        if (IsEqualCurrentThread(pThread->GetThreadId())) {
+            return pThread;
+        }
+    }
+    return nullptr;
+}
+
+ACmThread::ACmThread()
+    : m_Tid(pthread_t()),
+      m_Handle((pthread_t)-1),
+      m_Type(TT_UNKNOWN),
+      m_Flag(0),
+      m_pEvent(nullptr),
+      m_bRegistered(false),
+      m_bRegister(true),
+      m_bStopFlag(false),
+      m_nStartSteps(0),
+      m_InitResult(CM_OK),
+      m_bHasThread(false) {}
+
+ACmThread::~ACmThread() {
+    if (m_bRegister && m_bRegistered) {
+        UnRegisterThread(this);
+        m_bRegistered = false;
+    }
+    delete m_pEvent;
+}
+
+CmResult ACmThread::Create(int aType, TFlag aFlag, signed char bRegister) {
+    CM_INFO_TRACE_THIS("ACmThread::Create, aType=" << aType << " aFlag=" << aFlag
+                                                   << " Register=" << static_cast<int>(bRegister));
+    CM_ASSERTE_RETURN(m_Type == TT_UNKNOWN, CM_ERROR_ALREADY_INITIALIZED);
+    if (aType == TT_UNKNOWN) {
+        CM_WARNING_TRACE("thread type is TT_UNKNOWN");
+    }
+    m_Type = aType;
+    m_Flag = aFlag != 0 ? aFlag : TF_JOINABLE;
+
+    // Taken first: once the thread runs, registering it must not fail.
+    std::list<ACmThread*> entry;
+    if (bRegister != 0 && CM_FAILED(NewEntry(entry, this))) {
+        return CM_ERROR_OUT_OF_MEMORY;
+    }
+    if (m_Type == TT_MAIN) {
+        m_Tid.store(pthread_self(), std::memory_order_relaxed);
+    } else {
+        const CmResult rv = StartThread_i();
+        if (CM_FAILED(rv)) {
+            return rv;
+        }
+    }
+    m_bRegister = bRegister != 0;
+    if (m_bRegister) {
+        RegisterEntry(entry);
+        m_bRegistered = true;
+    }
+    return CM_OK;
+}
+
+CmResult ACmThread::StartThread_i() {
+    delete m_pEvent;  // of an attempt that failed
+    m_pEvent = new (std::nothrow) CCmEventThread(0, 0);
+    if (m_pEvent == nullptr) {
+        return CM_ERROR_OUT_OF_MEMORY;
+    }
+    m_nStartSteps.store(0, std::memory_order_relaxed);
+    m_InitResult = CM_OK;
+    const CmResult rv = CreateThread_i();
+    if (CM_FAILED(rv)) {
+        return rv;
+    }
+    WaitUntilStarted_i();
+    if (CM_FAILED(m_InitResult)) {
+        Join();
+    }
+    return m_InitResult;
+}
+
+CmResult ACmThread::CreateThread_i() {
+    pthread_attr_t attributes;
+    int rv = g_cmSystem.pthread_attr_init(&attributes);
+    if (rv != 0) {
+        CM_ERROR_TRACE_THIS("ACmThread::Create, pthread_attr_init() failed! err=" << rv);
+        return CM_ERROR_UNEXPECTED;
+    }
+    const bool bDetached = (m_Flag & (TF_JOINABLE | TF_DETACHED)) == TF_DETACHED;
+    rv = g_cmSystem.pthread_attr_setdetachstate(
+        &attributes, bDetached ? PTHREAD_CREATE_DETACHED : PTHREAD_CREATE_JOINABLE);
+    if (rv != 0) {
+        CM_ERROR_TRACE_THIS("ACmThread::Create, pthread_attr_setdetachstate() failed! err=" << rv);
+        g_cmSystem.pthread_attr_destroy(&attributes);
+        return CM_ERROR_UNEXPECTED;
+    }
+    pthread_t tid = pthread_t();
+    rv = g_cmSystem.pthread_create(&tid, &attributes, &ACmThread::ThreadProc, this);
+    g_cmSystem.pthread_attr_destroy(&attributes);
+    if (rv != 0) {
+        CM_ERROR_TRACE_THIS("ACmThread::Create, pthread_create() failed! err=" << rv);
+        return CM_ERROR_UNEXPECTED;
+    }
+    m_bHasThread = true;
+    m_Tid.store(tid, std::memory_order_relaxed);
+    m_Handle.store(tid, std::memory_order_relaxed);
+    return CM_OK;
+}
+
+void ACmThread::WaitUntilStarted_i() {
+    CmResult rvWait = CM_OK;
+    // Acquire: behind all that OnThreadInit did.
+    while ((m_nStartSteps.load(std::memory_order_acquire) & STEP_INIT_ENDED) == 0) {
+        if (CM_SUCCEEDED(rvWait) || rvWait == CM_ERROR_TIMEOUT) {
+            CCmTimeValue tvLook(0, START_LOOK_USEC);
+            rvWait = m_pEvent->Wait(&tvLook);
+        } else {
+            const timespec tsNap = {0, START_NAP_NSEC};
+            g_cmSystem.nanosleep(&tsNap, nullptr);
+        }
+    }
+    CCmEventThread* pEvent = m_pEvent;
+    m_pEvent = nullptr;
+    const int nSteps = m_nStartSteps.fetch_or(STEP_CREATOR_DONE, std::memory_order_acq_rel);
+    if ((nSteps & STEP_THREAD_DONE) != 0) {
+        delete pEvent;
+    }
+}
+
+void ACmThread::SignalStarted_i(CCmEventThread* aEvent) {
+    m_nStartSteps.fetch_or(STEP_INIT_ENDED, std::memory_order_release);
+    aEvent->Signal();
+    const int nSteps = m_nStartSteps.fetch_or(STEP_THREAD_DONE, std::memory_order_acq_rel);
+    if ((nSteps & STEP_CREATOR_DONE) != 0) {
+        delete aEvent;
+    }
+}
+
+// What the two ends of a thread's life wait for is done here also when the thread is cancelled.
+class ACmThread::CBody {
+  public:
+    explicit CBody(ACmThread* aThread) : m_pThread(aThread), m_pEvent(aThread->m_pEvent) {}
+    ~CBody() {
+        HasStarted();
+        m_pThread->BodyHasEnded_i();
+    }
+    CBody(const CBody&) = delete;
+    CBody& operator=(const CBody&) = delete;
+
+    void HasStarted() {
+        if (m_pEvent != nullptr) {
+            m_pThread->SignalStarted_i(m_pEvent);
+            m_pEvent = nullptr;
+        }
+    }
+
+  private:
+    ACmThread* m_pThread;
+    CCmEventThread* m_pEvent;  // null once it was signalled
+};
+
+void* ACmThread::ThreadProc(void* pParam) {
+    ACmThread* pThread = static_cast<ACmThread*>(pParam);
+    CM_ASSERTE_RETURN(pThread, nullptr);
+    // The creator stores the same; either may come first.
+    pThread->m_Tid.store(pthread_self(), std::memory_order_relaxed);
+    pThread->m_Handle.store(pthread_self(), std::memory_order_relaxed);
+
+    CBody body(pThread);
+    pThread->OnThreadInit();
+    const bool bInitialized = CM_SUCCEEDED(pThread->m_InitResult);
+    body.HasStarted();
+    if (bInitialized) {
+        pThread->OnThreadRun();
+    }
+    pThread->SetStop();
+    return nullptr;
+}
+
+void ACmThread::BodyHasEnded_i() {
+    if (!IsJoinable() && CountEnd_i() >= 2) {
+        delete this;
+    }
+}
+
+// The mutex orders what the first end did before the deletion by the second.
+long ACmThread::CountEnd_i() {
+    CCmScopedLockT<CCmMutexThread> lock(m_nDestroyRef.mutex());
+    return ++m_nDestroyRef;
+}
+
+CmResult ACmThread::Join() {
+    const pthread_t tid = m_Tid.load(std::memory_order_relaxed);
+    if (IsEqualCurrentThread(tid)) {
+        return CM_ERROR_FAILURE;
+    }
+    if (tid == pthread_t() || !IsJoinable()) {
+        return CM_OK;
+    }
+    const int rv = g_cmSystem.pthread_join(tid, nullptr);
+    if (rv != 0) {
+        CM_ERROR_TRACE_THIS("ACmThread::Join, pthread_join() failed! err=" << rv);
+        return CM_ERROR_FAILURE;
+    }
+    m_Tid.store(pthread_t(), std::memory_order_relaxed);
+    return CM_OK;
+}
+
+CmResult ACmThread::Destory(int aReason) {
+    CM_INFO_TRACE_THIS("ACmThread::Destory, aReason=" << aReason);
+    if (m_bRegistered) {
+        UnRegisterThread(this);
+        m_bRegistered = false;
+    }
+    // Where no thread ever ran there is no second end.
+    if (IsJoinable() || !m_bHasThread || CountEnd_i() >= 2) {
+        delete this;
+    }
+    return CM_OK;
+}
+
+CmResult ACmThread::Terminate() {
+    const pthread_t tid = m_Tid.load(std::memory_order_relaxed);
+    const bool bIsGone = m_bHasThread && !IsJoinable() && m_nDestroyRef.value() > 0;
+    if (tid == pthread_t() || bIsGone) {
+        return CM_ERROR_FAILURE;
+    }
+    const int rv = g_cmSystem.pthread_cancel(tid);
+    m_bStopFlag.store(true, std::memory_order_relaxed);
+    return rv;
+}
+
+CmResult ACmThread::Stop(CCmTimeValue* /*aTimeout*/) {
+    return CM_ERROR_NOT_IMPLEMENTED;
+}
+
+void ACmThread::OnThreadInit() {}
+
+void* ACmThread::GetReactor() {
+    return nullptr;
+}
+
+ICmEventQueue* ACmThread::GetEventQueue() {
+    return nullptr;
+}
+
+ICmTimerQueue* ACmThread::GetTimerQueue() {
+    return nullptr;
+}
+
+void ACmThread::SetStop() {
+    m_bStopFlag.store(true, std::memory_order_relaxed);
+}
+
+bool ACmThread::GetStopFlag() {
+    return m_bStopFlag.load(std::memory_order_relaxed);
+}
+
+template class CCmEventStopT<CCmThreadTaskWithEventQueueOnly>;
+
+CCmThreadTaskWithEventQueueOnly::CCmThreadTaskWithEventQueueOnly() {
+    SetStopFlag();
+}
+
+CCmThreadTaskWithEventQueueOnly::~CCmThreadTaskWithEventQueueOnly() = default;
+
+CmResult CCmThreadTaskWithEventQueueOnly::Stop(CCmTimeValue* /*aTimeout*/) {
+    CM_INFO_TRACE_THIS("CCmThreadTaskWithEventQueueOnly::Stop");
+    const CmResult rv = CCmEventStopT<CCmThreadTaskWithEventQueueOnly>::PostStopEvent(this);
+    if (rv != CM_ERROR_OUT_OF_MEMORY) {
+        m_EventQueue.SetStopped();
+    }
+    return rv;
+}
+
+void CCmThreadTaskWithEventQueueOnly::OnThreadInit() {
+    m_EventQueue.BindToCurrentThread();
+    Reset2CurrentThreadId();
+    SetStartFlag();
+}
+
+void CCmThreadTaskWithEventQueueOnly::OnThreadRun() {
+    CM_INFO_TRACE_THIS("CCmThreadTaskWithEventQueueOnly::OnThreadRun");
+    while (!IsFlagStopped()) {
+        RunEvents_i(nullptr, ALL_EVENTS);
+    }
+    m_EventQueue.StopAndDestoryPendingEvents();
+}
+
+void CCmThreadTaskWithEventQueueOnly::RunEvents_i(CCmTimeValue* aTimeout, DWORD aMaxCount) {
+    std::list<ICmEvent*> events;
+    if (CM_SUCCEEDED(m_EventQueue.PopOrWaitPendingEvents(events, aTimeout, aMaxCount))) {
+        m_EventQueue.ProcessAndRecycleEvents(events);
+    }
+}
+
+ICmEventQueue* CCmThreadTaskWithEventQueueOnly::GetEventQueue() {
+    return &m_EventQueue;
+}
+
+CCmThreadTask::CCmThreadTask() : m_pTimerQueue(nullptr) {}
+
+CCmThreadTask::~CCmThreadTask() {
+    delete m_pTimerQueue;
+}
+
+void CCmThreadTask::OnThreadInit() {
+    m_pTimerQueue = new (std::nothrow) CCmTimerQueueOrderedList(nullptr);
+    if (m_pTimerQueue == nullptr) {
+        SetInitResult(CM_ERROR_OUT_OF_MEMORY);
+    }
+    CCmThreadTaskWithEventQueueOnly::OnThreadInit();
+}
+
+void CCmThreadTask::OnThreadRun() {
+    CM_INFO_TRACE_THIS("CCmThreadTask::OnThreadRun, Begin.");
+    while (!IsFlagStopped()) {
+        CCmTimeValue tvWait = CCmTimeValue::s_tvMax;
+        if (m_pTimerQueue != nullptr) {
+            static_cast<CCmTimerQueueBase*>(m_pTimerQueue)->CheckExpire(&tvWait);
+        }
+        RunEvents_i(tvWait == CCmTimeValue::s_tvMax ? nullptr : &tvWait, EVENTS_PER_PASS);
+    }
+    m_EventQueue.StopAndDestoryPendingEvents();
+}
+
+ICmTimerQueue* CCmThreadTask::GetTimerQueue() {
+    return m_pTimerQueue;
+}
+
+CCmThreadHeartBeat::CCmThreadHeartBeat() : m_pTimerQueue(nullptr) {}
+
+CCmThreadHeartBeat::~CCmThreadHeartBeat() {
+    delete m_pTimerQueue;
+}
+
+CmResult CCmThreadHeartBeat::Stop(CCmTimeValue* /*aTimeout*/) {
+    return CM_OK;
+}
+
+void CCmThreadHeartBeat::OnThreadInit() {
+    m_pTimerQueue = new (std::nothrow) CCmTimerQueueOrderedList(nullptr);
+    if (m_pTimerQueue == nullptr) {
+        SetInitResult(CM_ERROR_OUT_OF_MEMORY);
+    }
+    m_EventQueue.BindToCurrentThread();
+}
+
+void CCmThreadHeartBeat::OnThreadRun() {
+    DoHeartBeat();
+}
+
+ICmEventQueue* CCmThreadHeartBeat::GetEventQueue() {
+    return &m_EventQueue;
+}
+
+ICmTimerQueue* CCmThreadHeartBeat::GetTimerQueue() {
+    return m_pTimerQueue;
+}
+
+CmResult CCmThreadHeartBeat::DoHeartBeat() {
+    if (m_pTimerQueue != nullptr) {
+        static_cast<CCmTimerQueueBase*>(m_pTimerQueue)->CheckExpire(nullptr);
+    }
+    std::list<ICmEvent*> events;
+    if (CM_SUCCEEDED(m_EventQueue.PopPendingEventsLocked(events, ALL_EVENTS))) {
+        m_EventQueue.ProcessEvents(events);
+    }
+    return CM_OK;
+}
+
+}  // namespace UTIL_NS
+
+CM_UTIL_EXPORT UTIL_NS::CmResult CreateUserTaskThread(UTIL_NS::ACmThread** aThread,
+                                                      UTIL_NS::TFlag aFlag, bool bWithTimerQueue,
+                                                      int aType) {
+    using namespace UTIL_NS;
+    CM_ASSERTE_RETURN(aThread, CM_ERROR_INVALID_ARG);
+    if (aType == TT_MAIN) {
+        return CM_ERROR_INVALID_ARG;
+    }
+    ACmThread* pThread = nullptr;
+    if (bWithTimerQueue) {
+        pThread = new (std::nothrow) CCmThreadTask;
+    } else {
+        pThread = new (std::nothrow) CCmThreadTaskWithEventQueueOnly;
+    }
+    if (pThread == nullptr) {
+        return CM_ERROR_OUT_OF_MEMORY;
+    }
+    const CmResult rv = pThread->Create(aType, aFlag, 1);
+    if (CM_FAILED(rv)) {
+        pThread->Destory(rv);
+        return rv;
+    }
+    *aThread = pThread;
+    return CM_OK;
+}
