@@ -1,0 +1,30 @@
+# shellcheck shell=sh
+# Configures and builds. POSIX shell, to be sourced after packages.sh, from the project's root.
+
+kelto_need_build_tools() {
+    kelto_need_compiler
+    kelto_need cmake cmake cmake
+    kelto_need ninja ninja-build ninja
+    kelto_need python3 python3 python3
+    kelto_need_header gtest/gtest.h libgtest-dev googletest
+}
+
+kelto_jobs() {
+    getconf _NPROCESSORS_ONLN 2>/dev/null || echo 2
+}
+
+# kelto_build DIRECTORY [cmake option...]: needs no presets, since these ask for a newer CMake than
+# the project does. What it prints goes to a file unless it fails.
+kelto_build() {
+    kelto_dir=$1
+    shift
+    mkdir -p "$kelto_dir"
+    kelto_say "building in $kelto_dir"
+    if ! {
+        cmake -S . -B "$kelto_dir" -G Ninja "$@" &&
+            cmake --build "$kelto_dir" --parallel "$(kelto_jobs)"
+    } >"$kelto_dir/build.log" 2>&1 </dev/null; then
+        cat "$kelto_dir/build.log" >&2
+        kelto_give_up "the build in $kelto_dir failed."
+    fi
+}
