@@ -67,6 +67,9 @@ class CM_UTIL_EXPORT CCmT120Trace {
     };
 };
 
+// Makes the trace facility read its settings anew.
+CM_UTIL_EXPORT void refresh_trace_config();
+
 }  // namespace UTIL_NS
 
 #endif  // CM_T120_TRACE_H

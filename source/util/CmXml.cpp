@@ -1,1 +1,131 @@
 #include "CmXml.h"
+
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+namespace UTIL_NS {
+
+namespace {
+
+constexpr size_t NUMBER_MAX = 64;   // characters of an integer
+constexpr size_t DOUBLE_MAX = 256;  // characters of a double
+
+bool IsBlank(char aChar) {
+    return aChar == ' ' || aChar == '\t' || aChar == '\n' || aChar == '\r';
+}
+
+// Finds aOpening + aTag + ">"; aBehind is set to what follows it.
+const char* FindTag(const char* aText, const char* aOpening, const char* aTag,
+                    const char*& aBehind) {
+    const size_t nOpening = strlen(aOpening);
+    const size_t nTag = strlen(aTag);
+    for (const char* p = strstr(aText, aOpening); p != nullptr; p = strstr(p + 1, aOpening)) {
+        const char* const pName = p + nOpening;
+        if (strncmp(pName, aTag, nTag) == 0 && pName[nTag] == '>') {
+            aBehind = pName + nTag + 1;
+            return p;
+        }
+    }
+    return nullptr;
+}
+
+// Finds the element's value, without blanks at its ends.
+bool FindValue(const char* aXml, const char* aTag, const char*& aValue, size_t& aLength) {
+    const char* pValue = nullptr;
+    const char* pBehind = nullptr;
+    if (aXml == nullptr || aTag == nullptr || FindTag(aXml, "<", aTag, pValue) == nullptr) {
+        return false;
+    }
+    while (IsBlank(*pValue)) {
+        ++pValue;
+    }
+    const char* pEnd = FindTag(pValue, "</", aTag, pBehind);
+    if (pEnd == nullptr) {
+        return false;
+    }
+    while (pEnd > pValue && IsBlank(pEnd[-1])) {
+        --pEnd;
+    }
+    aValue = pValue;
+    aLength = static_cast<size_t>(pEnd - pValue);
+    return true;
+}
+
+bool CopyValue(const char* aXml, const char* aTag, size_t aMax, char* aOut) {
+    const char* pValue = nullptr;
+    size_t nLength = 0;
+    if (aOut == nullptr || !FindValue(aXml, aTag, pValue, nLength) || nLength > aMax) {
+        return false;
+    }
+    memcpy(aOut, pValue, nLength);
+    aOut[nLength] = '\0';
+    return true;
+}
+
+// The value of an integer element as aParse (strtol, strtoul) reads it, or aDefault.
+template <class Number>
+Number ReadNumber(const char* aXml, const char* aTag, Number aDefault,
+                  Number (*aParse)(const char*, char**, int)) {
+    char szValue[NUMBER_MAX + 1];
+    if (!CopyValue(aXml, aTag, NUMBER_MAX, szValue)) {
+        return aDefault;
+    }
+    char* pEnd = szValue;
+    const Number value = aParse(szValue, &pEnd, 10);
+    return pEnd == szValue ? aDefault : value;
+}
+
+long ReadLong(const char* aXml, const char* aTag, unsigned long aDefault) {
+    return ReadNumber(aXml, aTag, static_cast<long>(aDefault), strtol);
+}
+
+unsigned long ReadUnsignedLong(const char* aXml, const char* aTag, unsigned long aDefault) {
+    return ReadNumber(aXml, aTag, aDefault, strtoul);
+}
+
+}  // namespace
+
+char* get_string_from_XML(char* aXml, const char* aTag, int aMax, char* aOut, char* aDefault) {
+    const bool bRead = aMax >= 0 && CopyValue(aXml, aTag, static_cast<size_t>(aMax), aOut);
+    return bRead ? aOut : aDefault;
+}
+
+char* xml_get_string(char* aXml, const char* aTag, unsigned short aMax, char* aOut,
+                     char* aDefault) {
+    return CopyValue(aXml, aTag, aMax, aOut) ? aOut : aDefault;
+}
+
+uint32_t get_uint32_from_XML(char* aXml, const char* aTag, unsigned long aDefault) {
+    return static_cast<uint32_t>(ReadUnsignedLong(aXml, aTag, aDefault));
+}
+
+int32_t get_int32_from_XML(char* aXml, const char* aTag, unsigned long aDefault) {
+    return static_cast<int32_t>(ReadLong(aXml, aTag, aDefault));
+}
+
+unsigned long xml_get_uint32(char* aXml, const char* aTag, unsigned long aDefault) {
+    return ReadUnsignedLong(aXml, aTag, aDefault);
+}
+
+unsigned long xml_get_int32(char* aXml, const char* aTag, unsigned long aDefault) {
+    return static_cast<unsigned long>(ReadLong(aXml, aTag, aDefault));
+}
+
+unsigned short xml_get_uint16(char* aXml, const char* aTag, unsigned short aDefault) {
+    return static_cast<unsigned short>(ReadLong(aXml, aTag, aDefault));
+}
+
+unsigned short xml_get_int16(char* aXml, const char* aTag, unsigned short aDefault) {
+    return xml_get_uint16(aXml, aTag, aDefault);
+}
+
+double get_double_from_XML(char* aXml, const char* aTag, double aDefault) {
+    char szValue[DOUBLE_MAX + 1];
+    float fValue = 0;
+    const bool bRead =
+        CopyValue(aXml, aTag, DOUBLE_MAX, szValue) && sscanf(szValue, "%f", &fValue) == 1;
+    return bRead ? static_cast<double>(fValue) : aDefault;
+}
+
+}  // namespace UTIL_NS

@@ -1,0 +1,173 @@
+#include "CmProfileReader.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <string.h>
+
+#include "port/CmSystem.h"
+
+namespace UTIL_NS {
+
+namespace {
+
+char LowerCase(char aChar) {
+    return aChar >= 'A' && aChar <= 'Z' ? static_cast<char>(aChar - 'A' + 'a') : aChar;
+}
+
+std::string_view Unquoted(std::string_view aValue) {
+    const bool bQuoted = aValue.size() >= 2 && (aValue.front() == '"' || aValue.front() == '\'') &&
+                         aValue.back() == aValue.front();
+    return bQuoted ? CmTrimmed(aValue.substr(1, aValue.size() - 2)) : aValue;
+}
+
+int OpenForReading(const char* aPath) {
+    int nFile;
+    do {
+        nFile = g_cmSystem.open(aPath, O_RDONLY | O_CLOEXEC, 0);
+    } while (nFile < 0 && errno == EINTR);
+    return nFile;
+}
+
+}  // namespace
+
+bool CmIsProfileBlank(char aChar) {
+    return aChar == ' ' || aChar == '\t' || aChar == '\r' || aChar == '\n';
+}
+
+std::string_view CmTrimmed(std::string_view aText) {
+    while (!aText.empty() && CmIsProfileBlank(aText.front())) {
+        aText.remove_prefix(1);
+    }
+    while (!aText.empty() && CmIsProfileBlank(aText.back())) {
+        aText.remove_suffix(1);
+    }
+    return aText;
+}
+
+bool CmIsProfileComment(std::string_view aLine) {
+    for (const char ch : aLine) {
+        if (!CmIsProfileBlank(ch)) {
+            return ch == '#';
+        }
+    }
+    return false;
+}
+
+bool CmEqualsIgnoringCase(std::string_view aLeft, std::string_view aRight) {
+    if (aLeft.size() != aRight.size()) {
+        return false;
+    }
+    for (size_t i = 0; i < aLeft.size(); ++i) {
+        if (LowerCase(aLeft[i]) != LowerCase(aRight[i])) {
+            return false;
+        }
+    }
+    return true;
+}
+
+CCmProfileSearch::Step CCmProfileSearch::Examine(std::string_view aLine) {
+    const std::string_view line = aLine.substr(0, aLine.find('\0'));
+    if (CmIsProfileComment(line)) {
+        return Step::GO_ON;
+    }
+    const size_t nOpen = line.find('[');
+    const size_t nClose = nOpen == line.npos ? line.npos : line.find(']');
+    if (nClose != line.npos) {
+        return ExamineHeader(line, nOpen, nClose);
+    }
+    const size_t nEqual = m_bInside ? line.find('=') : line.npos;
+    if (nEqual == line.npos || !CmEqualsIgnoringCase(CmTrimmed(line.substr(0, nEqual)), m_key)) {
+        return Step::GO_ON;
+    }
+    m_value = Unquoted(CmTrimmed(line.substr(nEqual + 1)));
+    return Step::FOUND;
+}
+
+CCmProfileSearch::Step CCmProfileSearch::ExamineHeader(std::string_view aLine, size_t aOpen,
+                                                       size_t aClose) {
+    if (m_bInside) {
+        return Step::OUT_OF_REACH;
+    }
+    // The first "]" cuts the line; one ahead of the "[" leaves the name behind it whole.
+    const size_t nLength = aClose > aOpen ? aClose - aOpen - 1 : aLine.npos;
+    m_bInside = CmEqualsIgnoringCase(CmTrimmed(aLine.substr(aOpen + 1, nLength)), m_section);
+    return Step::GO_ON;
+}
+
+bool CCmStreamLines::Next(std::string_view& aLine) {
+    if (feof(m_pFile) || fgets(m_achLine, sizeof(m_achLine), m_pFile) == nullptr) {
+        return false;
+    }
+    aLine = m_achLine;
+    return true;
+}
+
+CCmFileLines::CCmFileLines(const char* aPath)
+    : m_nFile(OpenForReading(aPath)),
+      m_bEnd(m_nFile < 0),
+      m_pNext(m_achBuffer),
+      m_pEnd(m_achBuffer) {}
+
+CCmFileLines::~CCmFileLines() {
+    if (m_nFile >= 0) {
+        g_cmSystem.close(m_nFile);
+    }
+}
+
+bool CCmFileLines::Next(std::string_view& aLine) {
+    for (;;) {
+        const size_t nLeft = static_cast<size_t>(m_pEnd - m_pNext);
+        const size_t nMost = nLeft < CM_PROFILE_LINE_MAX ? nLeft : CM_PROFILE_LINE_MAX;
+        const char* const pLineEnd = static_cast<const char*>(memchr(m_pNext, '\n', nMost));
+        if (pLineEnd != nullptr || nMost == CM_PROFILE_LINE_MAX || m_bEnd) {
+            const char* const pBehind = pLineEnd != nullptr ? pLineEnd + 1 : m_pNext + nMost;
+            aLine = std::string_view(m_pNext, static_cast<size_t>(pBehind - m_pNext));
+            m_pNext = pBehind;
+            return !aLine.empty();
+        }
+        Refill();
+    }
+}
+
+bool CCmFileLines::SkipToBracket() {
+    for (;;) {
+        const size_t nLeft = static_cast<size_t>(m_pEnd - m_pNext);
+        const void* const pBracket = memchr(m_pNext, '[', nLeft);
+        if (pBracket != nullptr) {
+            m_pNext = LineOf(static_cast<const char*>(pBracket));
+            return true;
+        }
+        if (m_bEnd) {
+            return false;
+        }
+        m_pNext = LineOf(m_pEnd);
+        Refill();
+    }
+}
+
+// The start of the line that aPosition, at or behind m_pNext, lies in. A line that is too long
+// counts as several, all but the last of the greatest length.
+const char* CCmFileLines::LineOf(const char* aPosition) const {
+    const char* pLine = aPosition;
+    while (pLine > m_pNext && pLine[-1] != '\n') {
+        --pLine;
+    }
+    const size_t nOffset = static_cast<size_t>(aPosition - pLine);
+    return pLine + nOffset / CM_PROFILE_LINE_MAX * CM_PROFILE_LINE_MAX;
+}
+
+// Moves the unfinished line, shorter than the greatest length, to the front and reads behind it.
+// At the end of the file it stays as the last line; a read that fails loses it, as it may be cut.
+void CCmFileLines::Refill() {
+    const size_t nLeft = static_cast<size_t>(m_pEnd - m_pNext);
+    memmove(m_achBuffer, m_pNext, nLeft);
+    ssize_t nRead;
+    do {
+        nRead = g_cmSystem.read(m_nFile, m_achBuffer + nLeft, sizeof(m_achBuffer) - nLeft);
+    } while (nRead < 0 && errno == EINTR);
+    m_bEnd = nRead <= 0;
+    m_pNext = m_achBuffer;
+    m_pEnd = nRead < 0 ? m_achBuffer : m_achBuffer + nLeft + nRead;
+}
+
+}  // namespace UTIL_NS

@@ -1,0 +1,100 @@
+// How a profile file is searched for one key; internal. CmConfig.h describes the format.
+#ifndef CM_PROFILE_READER_H
+#define CM_PROFILE_READER_H
+
+#include <stddef.h>
+#include <stdio.h>
+
+#include <string_view>
+
+namespace UTIL_NS {
+
+// What a line holds at most, its line end included.
+constexpr size_t CM_PROFILE_LINE_MAX = 2047;
+
+bool CmIsProfileBlank(char aChar);
+std::string_view CmTrimmed(std::string_view aText);
+bool CmIsProfileComment(std::string_view aLine);
+// ASCII letters only, whatever the locale.
+bool CmEqualsIgnoringCase(std::string_view aLeft, std::string_view aRight);
+
+// Examines the lines of one profile, in order, until the key is found or out of reach.
+class CCmProfileSearch {
+  public:
+    CCmProfileSearch(const char* aSection, const char* aKey) : m_section(aSection), m_key(aKey) {}
+
+    enum class Step { GO_ON, FOUND, OUT_OF_REACH };
+    // aLine: with or without its line end; a NUL ends what is seen of it.
+    Step Examine(std::string_view aLine);
+
+    // While outside, only a section header changes anything.
+    bool inside() const { return m_bInside; }
+    // Behind FOUND: trimmed and without its quotes; a part of the line examined last.
+    std::string_view value() const { return m_value; }
+
+  private:
+    Step ExamineHeader(std::string_view aLine, size_t aOpen, size_t aClose);
+
+    const std::string_view m_section;
+    const std::string_view m_key;
+    bool m_bInside = false;
+    std::string_view m_value;
+};
+
+// The lines of a stdio stream.
+class CCmStreamLines {
+  public:
+    explicit CCmStreamLines(FILE* aFile) : m_pFile(aFile) {}
+
+    bool Next(std::string_view& aLine);
+    bool SkipToBracket() { return true; }
+
+  private:
+    FILE* const m_pFile;
+    char m_achLine[CM_PROFILE_LINE_MAX + 1];
+};
+
+// The lines of a file, the same as those of a stream over it, read in large pieces.
+class CCmFileLines {
+  public:
+    explicit CCmFileLines(const char* aPath);
+    ~CCmFileLines();
+    CCmFileLines(const CCmFileLines&) = delete;
+    CCmFileLines& operator=(const CCmFileLines&) = delete;
+
+    // aLine: valid until the next call. False when no line is left or the file cannot be read.
+    bool Next(std::string_view& aLine);
+    // Skips lines without a "[". False when only such lines are left.
+    bool SkipToBracket();
+
+  private:
+    const char* LineOf(const char* aPosition) const;
+    void Refill();
+
+    // Takes a usual file with one read; room for several lines of the greatest length.
+    static constexpr size_t BUFFER_SIZE = 8 * 1024;
+    static_assert(BUFFER_SIZE > 2 * CM_PROFILE_LINE_MAX, "a refill must make room for a line");
+
+    const int m_nFile;
+    bool m_bEnd;          // no more to be read
+    const char* m_pNext;  // start of the next line
+    const char* m_pEnd;   // end of what has been read
+    char m_achBuffer[BUFFER_SIZE];
+};
+
+// Runs a search over the lines; true when the key was found.
+template <class Lines>
+bool CmFindInProfile(Lines& aLines, CCmProfileSearch& aSearch) {
+    std::string_view line;
+    while ((aSearch.inside() || aLines.SkipToBracket()) && aLines.Next(line)) {
+        const CCmProfileSearch::Step step = aSearch.Examine(line);
+        if (step != CCmProfileSearch::Step::GO_ON) {
+            return step == CCmProfileSearch::Step::FOUND;
+        }
+    }
+    return false;
+}
+
+}  // namespace UTIL_NS
+
+#endif  // CM_PROFILE_READER_H
