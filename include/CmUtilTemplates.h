@@ -30,11 +30,21 @@ class CM_UTIL_EXPORT CCmReferenceControlT<CCmMutexThread> {
     virtual ~CCmReferenceControlT();
 
     // Both return the new count.
-    virtual uint32_t AddReference();
-    virtual uint32_t ReleaseReference();
-    virtual uint32_t GetReference();
+    virtual uint32_t AddReference() { return static_cast<uint32_t>(++m_lCount); }
+    virtual uint32_t ReleaseReference() {
+        const uint32_t dwCount = static_cast<uint32_t>(--m_lCount);
+        if (dwCount == 0) {
+            OnReferenceDestory();
+        }
+        return dwCount;
+    }
+    virtual uint32_t GetReference() { return static_cast<uint32_t>(m_lCount.value()); }
     // Called when the count reaches 0; deletes the object.
     virtual void OnReferenceDestory();
+
+  protected:
+    // For objects that are born with references.
+    explicit CCmReferenceControlT(long aCount) : m_lCount(aCount) {}
 
   private:
     CCmAtomicOperationT<CCmMutexThread> m_lCount;
@@ -92,6 +102,15 @@ class CCmComAutoPtr {
         return *this;
     }
     CCmComAutoPtr& operator=(const CCmComAutoPtr& aRight) { return *this = aRight.m_pRawPtr; }
+
+    // Holds aPtr by the reference that the caller took on it, instead of taking one more.
+    void Attach(T* aPtr) {
+        T* pOld = m_pRawPtr;
+        m_pRawPtr = aPtr;
+        if (pOld != nullptr) {
+            pOld->ReleaseReference();
+        }
+    }
 
     operator T*() const { return m_pRawPtr; }
     T* operator->() const { return m_pRawPtr; }

@@ -9,22 +9,6 @@ namespace UTIL_NS {
 
 CCmReferenceControlT<CCmMutexThread>::~CCmReferenceControlT() = default;
 
-uint32_t CCmReferenceControlT<CCmMutexThread>::AddReference() {
-    return static_cast<uint32_t>(++m_lCount);
-}
-
-uint32_t CCmReferenceControlT<CCmMutexThread>::ReleaseReference() {
-    const uint32_t dwCount = static_cast<uint32_t>(--m_lCount);
-    if (dwCount == 0) {
-        OnReferenceDestory();
-    }
-    return dwCount;
-}
-
-uint32_t CCmReferenceControlT<CCmMutexThread>::GetReference() {
-    return static_cast<uint32_t>(m_lCount.value());
-}
-
 void CCmReferenceControlT<CCmMutexThread>::OnReferenceDestory() {
     delete this;
 }
