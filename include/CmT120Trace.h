@@ -1,13 +1,49 @@
 // CCmT120Trace: the trace facility, and the formatter that composes trace lines.
+//
+// Every line that finds no external sink (CmTrace.h) comes here. The facility filters it by level
+// and passes levels 0, 10, 20 and 25 to the four level functions of CmLogStream.h, which deliver
+// to the trace library. Its switches are read from section [Trace] of the main configuration
+// file (CmConfig.h); P is the process name:
+//   Enable               FALSE silences everything; any value but TRUE counts as FALSE
+//   P.<level name>       TRUE or FALSE for one level
+//   P.Module             module names of up to 32 characters, separated by ","
+//   P.<module>.<level>   the level for one module, for enable_trace_print
+//   P                    size limit of the trace file in bytes; below 1025 means 20 MiB
+//   FlushPerLines        lines per flush of the trace file; below 1 means 1
+// Switches change only when the configuration is read: on load, and by refresh_trace_config.
 #ifndef CM_T120_TRACE_H
 #define CM_T120_TRACE_H
 
+#include <sys/types.h>
+
+#include <atomic>
+#include <functional>
+#include <set>
+
 #include "CmBase.h"
+#include "CmConditionVariable.h"
 
 namespace UTIL_NS {
 
+// Trace levels are numbered from 0 to 27.
+constexpr unsigned long CM_TRACE_LEVEL_COUNT = 28;
+
+// One level of a facility's table; its index in the table is its number.
+struct CCmT120TraceMapEntry {
+    unsigned long m_ulLevel;
+    const char* m_pszName;
+    std::atomic<unsigned char> m_bEnabled;  // rewritten by read_config, read without a lock
+    unsigned char m_bDefault;               // what holds when the configuration says nothing
+};
+
+// The facility. Any thread may trace; a text that is filtered out takes no lock and allocates
+// nothing. Nothing here fails towards its caller, throws, changes errno or lets a thread be
+// cancelled in the middle.
 class CM_UTIL_EXPORT CCmT120Trace {
   public:
+    // The form of the level functions: the text is built from aFormat as printf does.
+    typedef int (*LevelFunction)(const char* aModule, const char* aFormat, ...);
+
     // Manipulator of Text_Formator: 0 turns hexadecimal output of the next integer on, 1 turns
     // it off, any other value changes nothing.
     enum Ordix : int { ORDIX_HEX = 0, ORDIX_DEC = 1 };
@@ -65,6 +101,98 @@ class CM_UTIL_EXPORT CCmT120Trace {
         unsigned long m_ulPosition;
         unsigned char m_bHex;
     };
+
+    // The facility of the process, created and loaded on first use by whichever thread comes
+    // first (the others wait), never destroyed and never null.
+    static CCmT120Trace* instance();
+
+    // False when trace_string of instance() would drop every text of this level. True as long as
+    // that facility does not exist. No lock.
+    static bool is_wanted(unsigned long aLevel);
+
+    // aLevelTable: CM_TRACE_LEVEL_COUNT entries. aFileName: a trace file's name in the trace
+    // directory, null to name it after the process; a single file is shared between processes,
+    // otherwise the process id is appended. Nothing given is owned or copied. Looks for the
+    // bundle "yrktrace.bundle" beside the library; the level functions are the library's own
+    // whether it is there or not.
+    CCmT120Trace(const char* aName, CCmT120TraceMapEntry* aLevelTable, const char* aFileName,
+                 unsigned char aSingleFile);
+    // Releases the bundle; the trace file stays with the file manager.
+    virtual ~CCmT120Trace();
+    CCmT120Trace(const CCmT120Trace&) = delete;
+    CCmT120Trace& operator=(const CCmT120Trace&) = delete;
+
+    // Creates the trace directory, opens the record of the trace file and reads the
+    // configuration. aFile: null does nothing when a record is open already; otherwise the record
+    // to close, replaced by a new one if it was the facility's own. Returns 1. Until a record
+    // could be opened every text is dropped.
+    virtual unsigned char load(void* aFile);
+
+    // Reads all switches anew.
+    void read_config();
+    void refersh_trace_config();
+
+    // Passes aText, which is never taken as a format, to the level function of levels 0 (error),
+    // 10 (warn), 20 (info) and 25 (debug). Drops it at any other level, at a level that is
+    // switched off, and while tracing is disabled. aModule is not used.
+    void trace_string(unsigned long aLevel, const char* aText);
+    void trace_string(unsigned long aLevel, const char* aModule, const char* aText);
+
+    // 1 when the level is on and not switched off for the module (null: any), else 0.
+    unsigned char enable_trace_print(unsigned long aLevel, const char* aModule);
+
+    // Both do nothing.
+    void log_string(const char* aText);
+    void Assert_Log(const char* aFile, const char* aExpression, int aLine);
+
+    // If there is a bundle, releases it and takes the level functions away: every text is
+    // dropped from then on.
+    void Close();
+
+    // home + "/logs", in a static buffer that the next call after a change of the home directory
+    // rewrites.
+    static const char* get_trace_dir();
+
+    // As get_process_name() of CmConfig.h, but "attrace" when there is no name.
+    static const char* get_process_name();
+
+  protected:
+    // load, which also stores the path of a file that is named after the process in aLogPath
+    // unless that is null.
+    unsigned char load_file(void* aFile, CCmString* aLogPath);
+
+    CCmMutexThreadRecursive& mutex() { return m_Mutex; }
+
+  private:
+    LevelFunction passing_function(unsigned long aLevel) const;
+    bool is_level_on(unsigned long aLevel) const;
+    void open_bundle();
+    bool build_file_path(char* aPath, size_t aSize, CCmString* aLogPath) const;
+    void read_levels(const char* aProcess);
+    void read_modules(const char* aProcess);
+    void read_module(const char* aProcess, const char* aModule);
+    void record_disabled_key(const char* aKey);
+
+    static std::atomic<CCmT120Trace*> t120_trace;
+
+    const char* m_pszName;
+    const unsigned long m_ulLevelCount;
+    CCmT120TraceMapEntry* const m_pLevelTable;
+    const char* const m_pszFileName;
+    const unsigned char m_bSingleFile;
+    std::atomic<unsigned char> m_bEnabled;
+    std::atomic<void*> m_hTraceFiles[3];  // only the first is ever opened
+    int m_nDayOfMonth;
+    int m_nMonth;  // 1 to 12
+    const pid_t m_ProcessId;
+    CCmMutexThreadRecursive m_Mutex;  // configuration and loading
+    std::set<CCmString, std::less<>> m_DisabledKeys
+        CM_GUARDED_BY(m_Mutex);  // "process.module.level name"
+    void* m_hBundle CM_GUARDED_BY(m_Mutex);
+    std::atomic<LevelFunction> m_pfnDebug;
+    std::atomic<LevelFunction> m_pfnInfo;
+    std::atomic<LevelFunction> m_pfnWarn;
+    std::atomic<LevelFunction> m_pfnError;
 };
 
 // Makes the trace facility read its settings anew.

@@ -1,1 +1,337 @@
 #include "CmLogStream.h"
+
+#include <unistd.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+#include "CmConfig.h"
+#include "CmScopedLock.h"
+#include "CmTraceFacility.h"
+#include "CmTraceGuard.h"
+#include "CmTraceLine.h"
+#include "port/CmSystem.h"
+#include "qtrace.h"
+
+namespace UTIL_NS {
+
+namespace {
+
+constexpr unsigned long DELIVERY_LEVEL = 2;  // of all four level functions
+constexpr size_t TEXT_LIMIT = 0x20000;       // bytes that a level function delivers at most
+constexpr size_t STACK_TEXT_SIZE = 1024;     // bytes; what is longer goes to the heap
+constexpr unsigned long CHUNK_SIZE = 2048;   // bytes of one piece, the terminator included
+constexpr unsigned long PREFIX_SIZE = 256;   // bytes
+constexpr size_t MACHINE_SIZE = 256;         // bytes
+constexpr size_t HOST_NAME_SIZE = 512;       // bytes
+constexpr size_t LEADING_ID_SIZE = 1024;     // bytes
+constexpr char FILE_NAME_TAG[] = "##**FILE_NAME_TAG**##";
+
+CCmT120TraceMapEntry s_levelTable2[CM_TRACE_LEVEL_COUNT] = {
+    {0, "Error", {0}, 0},    {1, "Server", {1}, 1},   {2, "NA", {0}, 0},
+    {3, "NA", {0}, 0},       {4, "NA", {0}, 0},       {5, "NA", {0}, 0},
+    {6, "NA", {0}, 0},       {7, "NA", {0}, 0},       {8, "NA", {0}, 0},
+    {9, "NA", {0}, 0},       {10, "Warning", {0}, 0}, {11, "Meeting", {1}, 1},
+    {12, "Session", {1}, 1}, {13, "User", {1}, 1},    {14, "Statistic", {1}, 1},
+    {15, "NA", {0}, 0},      {16, "NA", {0}, 0},      {17, "NA", {0}, 0},
+    {18, "NA", {0}, 0},      {19, "NA", {0}, 0},      {20, "Info", {1}, 1},
+    {21, "State", {1}, 1},   {22, "PDU", {0}, 0},     {23, "Func", {0}, 0},
+    {24, "Tick", {0}, 0},    {25, "Detail", {0}, 0},  {26, "WDMS", {0}, 0},
+    {27, "Debug", {0}, 0},
+};
+
+CCmFacilityHolderT<CCmT120Trace2> s_facility2;
+
+bool IsDelivered(unsigned long aLevel) {
+    return aLevel >= _getTraceLevel();
+}
+
+// The pieces of aText, whose aLength includes the terminator. A length that ends right behind a
+// piece yields no further one.
+void DeliverPieces(unsigned long aLevel, const char* aModule, const char* aText,
+                   unsigned long aLength) {
+    constexpr unsigned long PIECE_LENGTH = CHUNK_SIZE - 1;
+    for (unsigned long ulStart = 0; ulStart < aLength; ulStart += PIECE_LENGTH) {
+        const unsigned long ulRest = aLength - ulStart;
+        char achPiece[CHUNK_SIZE] = {};
+        std::memcpy(achPiece, aText + ulStart, ulRest < PIECE_LENGTH ? ulRest : PIECE_LENGTH);
+        char achPrefix[PREFIX_SIZE] = {};
+        YRKTRACERAWA(aLevel, aModule, achPrefix, achPiece);
+    }
+}
+
+// aLength includes the terminator. False when the trace library threw. The thread cannot be
+// cancelled meanwhile, so only its own exceptions are caught.
+bool Deliver(unsigned long aLevel, const char* aModule, const char* aText, unsigned long aLength) {
+    try {
+        if (CHUNK_SIZE < aLength) {
+            DeliverPieces(aLevel, aModule, aText, aLength);
+        } else {
+            YRKTRACERAWA(aLevel, aModule, nullptr, aText);
+        }
+    } catch (...) {
+        return false;
+    }
+    return true;
+}
+
+// What a log stream of this level would ask and deliver for the text of a level function, without
+// the stream: the threshold is asked for on insertion and again at the end.
+void DeliverAsStream(const char* aModule, const char* aText, size_t aLength) {
+    const bool bInserted = IsDelivered(DELIVERY_LEVEL);
+    if (IsDelivered(DELIVERY_LEVEL)) {
+        Deliver(DELIVERY_LEVEL, aModule, bInserted ? aText : "", bInserted ? aLength + 1 : 1);
+    }
+}
+
+// A text that does not fit the stack buffer.
+void DeliverLong(const char* aModule, const char* aFormat, va_list aArguments, size_t aLength) {
+    const size_t nSize = aLength < TEXT_LIMIT ? aLength + 1 : TEXT_LIMIT;
+    char* pchText = static_cast<char*>(std::malloc(nSize));
+    if (pchText == nullptr) {
+        return;
+    }
+    std::vsnprintf(pchText, nSize, aFormat, aArguments);
+    DeliverAsStream(aModule, pchText, nSize - 1);
+    std::free(pchText);
+}
+
+void DeliverFormatted(const char* aModule, const char* aFormat, va_list aArguments) {
+    va_list arguments;
+    va_copy(arguments, aArguments);
+    char achText[STACK_TEXT_SIZE];
+    const int nLength = std::vsnprintf(achText, sizeof(achText), aFormat, arguments);
+    va_end(arguments);
+    if (nLength < 0) {
+        DeliverAsStream(aModule, "", 0);
+    } else if (static_cast<size_t>(nLength) < sizeof(achText)) {
+        DeliverAsStream(aModule, achText, static_cast<size_t>(nLength));
+    } else {
+        DeliverLong(aModule, aFormat, aArguments, static_cast<size_t>(nLength));
+    }
+}
+
+// A text that is its own format's only argument needs no formatting and, unless it is cut, no
+// copy. False when it is to be formatted after all.
+bool DeliverPlain(const char* aModule, const char* aFormat, va_list aArguments) {
+    if (std::strcmp(aFormat, "%s") != 0) {
+        return false;
+    }
+    va_list arguments;
+    va_copy(arguments, aArguments);
+    const char* pszText = va_arg(arguments, const char*);
+    va_end(arguments);
+    if (pszText == nullptr) {
+        return false;
+    }
+    const size_t nLength = std::strlen(pszText);
+    if (nLength >= TEXT_LIMIT) {
+        return false;
+    }
+    DeliverAsStream(aModule, pszText, nLength);
+    return true;
+}
+
+int TraceToLibrary(const char* aModule, const char* aFormat, va_list aArguments) {
+    if (aModule == nullptr || aFormat == nullptr) {
+        return 0;
+    }
+    CCmTraceGuard guard;
+    if (IsDelivered(DELIVERY_LEVEL)) {
+        if (!DeliverPlain(aModule, aFormat, aArguments)) {
+            DeliverFormatted(aModule, aFormat, aArguments);
+        }
+    } else if (IsDelivered(DELIVERY_LEVEL)) {
+        // The threshold fell between the two questions: an empty stream is delivered.
+        Deliver(DELIVERY_LEVEL, aModule, "", 1);
+    }
+    return 1;
+}
+
+}  // namespace
+
+int ccu_trace_debug(const char* aModule, const char* aFormat, ...) {
+    va_list arguments;
+    va_start(arguments, aFormat);
+    const int nResult = TraceToLibrary(aModule, aFormat, arguments);
+    va_end(arguments);
+    return nResult;
+}
+
+int ccu_trace_info(const char* aModule, const char* aFormat, ...) {
+    va_list arguments;
+    va_start(arguments, aFormat);
+    const int nResult = TraceToLibrary(aModule, aFormat, arguments);
+    va_end(arguments);
+    return nResult;
+}
+
+int ccu_trace_warn(const char* aModule, const char* aFormat, ...) {
+    va_list arguments;
+    va_start(arguments, aFormat);
+    const int nResult = TraceToLibrary(aModule, aFormat, arguments);
+    va_end(arguments);
+    return nResult;
+}
+
+int ccu_trace_error(const char* aModule, const char* aFormat, ...) {
+    va_list arguments;
+    va_start(arguments, aFormat);
+    const int nResult = TraceToLibrary(aModule, aFormat, arguments);
+    va_end(arguments);
+    return nResult;
+}
+
+namespace ccu {
+
+YrktraStreamA::YrktraStreamA(unsigned long aLevel)
+    : m_ulLevel(aLevel), m_ulLength(0), m_ulChunkSize(CHUNK_SIZE), m_pchBuffer(nullptr) {}
+
+void YrktraStreamA::writestringa(const char* aText) {
+    if (aText == nullptr) {
+        return;
+    }
+    const unsigned long ulKept = m_pchBuffer != nullptr ? m_ulLength - 1 : 0;
+    const unsigned long ulAdded = std::strlen(aText) + 1;
+    // aText may lie in the old buffer, which therefore stays until both are copied.
+    char* pchNew = static_cast<char*>(std::malloc(ulKept + ulAdded));
+    if (pchNew != nullptr) {
+        if (ulKept > 0) {
+            std::memcpy(pchNew, m_pchBuffer, ulKept);
+        }
+        std::memcpy(pchNew + ulKept, aText, ulAdded);
+    }
+    std::free(m_pchBuffer);
+    m_pchBuffer = pchNew;
+    m_ulLength = pchNew != nullptr ? ulKept + ulAdded : 0;
+}
+
+void YrktraStreamA::flusha(const char* aModule) {
+    if (m_pchBuffer == nullptr) {
+        return;
+    }
+    CCmTraceGuard guard;
+    if (Deliver(m_ulLevel, aModule, m_pchBuffer, m_ulLength)) {
+        std::free(m_pchBuffer);
+    }
+    m_pchBuffer = nullptr;
+}
+
+logstream<char>::logstream(unsigned long aLevel, const char* aModule)
+    : m_ulLevel(aLevel), m_pszModule(aModule) {}
+
+logstream<char>::~logstream() {
+    CCmTraceGuard guard;
+    if (!IsDelivered(m_ulLevel)) {
+        return;
+    }
+    std::string sText;
+    const char* pszText = "null";
+    try {
+        put('\0');
+        sText = str();
+        pszText = sText.c_str();
+    } catch (const std::exception&) {
+        // Out of memory, or a stream that was told to throw: its text has no storage.
+    }
+    YrktraStreamA stream(m_ulLevel);
+    stream.writestringa(pszText);
+    stream.flusha(m_pszModule);
+}
+
+}  // namespace ccu
+
+const std::locale ccuLoc(std::locale::classic());
+const std::codecvt<wchar_t, char, std::mbstate_t>& ccuCvter =
+    std::use_facet<std::codecvt<wchar_t, char, std::mbstate_t>>(ccuLoc);
+
+std::atomic<CCmT120Trace2*> CCmT120Trace2::t120_trace{nullptr};
+
+CCmT120Trace2* CCmT120Trace2::instance() {
+    CCmT120Trace2* pFacility = t120_trace.load(std::memory_order_acquire);
+    return CM_LIKELY(pFacility != nullptr) ? pFacility
+                                           : s_facility2.Create(t120_trace, s_levelTable2);
+}
+
+CCmT120Trace2::CCmT120Trace2(const char* aName, CCmT120TraceMapEntry* aLevelTable,
+                             const char* aFileName, unsigned char aSingleFile)
+    : CCmT120Trace(aName, aLevelTable, aFileName, aSingleFile) {}
+
+CCmT120Trace2::~CCmT120Trace2() = default;
+
+unsigned char CCmT120Trace2::load(void* aFile) {
+    return load_file(aFile, &m_sLogPath);
+}
+
+std::string CCmT120Trace2::GetLogFilePathAndName(const std::string& aName) {
+    CCmScopedLockT<CCmMutexThreadRecursive> lock(mutex());
+    const size_t nTag = m_sLogPath.find(FILE_NAME_TAG);
+    if (nTag == std::string::npos) {
+        return std::string();
+    }
+    try {
+        std::string sPath(m_sLogPath);
+        return sPath.replace(nTag, sizeof(FILE_NAME_TAG) - 1, aName);
+    } catch (const std::bad_alloc&) {
+        return std::string();
+    }
+}
+
+std::atomic<const char*> g_LeadingId{nullptr};
+
+namespace {
+
+char s_achLeadingId[LEADING_ID_SIZE];
+
+// The machine part of the identity: the setting, else the host name, else nothing.
+void ReadMachine(char (&aMachine)[HOST_NAME_SIZE]) {
+    get_string_param("Trace", "MachineID", aMachine, MACHINE_SIZE);
+    char achHost[HOST_NAME_SIZE] = {};
+    if (g_cmSystem.gethostname(achHost, sizeof(achHost)) != 0) {
+        const int nError = errno;
+        CM_WARNING_TRACE("CCmDnsManager::GetLocalIps, gethostname() failed! err=" << nError);
+        return;
+    }
+    if (aMachine[0] == '\0') {
+        // A name that was cut need not be terminated.
+        achHost[sizeof(achHost) - 1] = '\0';
+        std::memcpy(aMachine, achHost, sizeof(achHost));
+    }
+}
+
+int LengthWithoutExtension(const char* aProcess) {
+    constexpr char EXTENSION[] = ".exe";
+    constexpr size_t EXTENSION_LENGTH = sizeof(EXTENSION) - 1;
+    const size_t nLength = std::strlen(aProcess);
+    const bool bHasIt = nLength >= EXTENSION_LENGTH &&
+                        std::strcmp(aProcess + nLength - EXTENSION_LENGTH, EXTENSION) == 0;
+    return static_cast<int>(bHasIt ? nLength - EXTENSION_LENGTH : nLength);
+}
+
+}  // namespace
+
+}  // namespace UTIL_NS
+
+const char* get_leading_id() {
+    using namespace UTIL_NS;
+    if (const char* pszId = g_LeadingId.load(std::memory_order_acquire)) {
+        return pszId;
+    }
+    static CCmEternalLockT<CCmMutexThreadRecursive> s_mutex;
+    CCmTraceGuard guard;
+    CCmScopedLockT<CCmMutexThreadRecursive> lock(s_mutex.m_Lock);
+    if (const char* pszId = g_LeadingId.load(std::memory_order_acquire)) {
+        return pszId;
+    }
+    char achMachine[HOST_NAME_SIZE] = {};
+    ReadMachine(achMachine);
+    const char* pszProcess = CCmT120Trace::get_process_name();
+    std::snprintf(s_achLeadingId, sizeof(s_achLeadingId), "%.*s.%s.",
+                  LengthWithoutExtension(pszProcess), pszProcess, achMachine);
+    // Orders the text before the pointer for the unlocked read above.
+    g_LeadingId.store(s_achLeadingId, std::memory_order_release);
+    return s_achLeadingId;
+}

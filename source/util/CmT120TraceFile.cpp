@@ -1,1 +1,507 @@
 #include "CmT120TraceFile.h"
+
+#include <limits.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+#include "CmClock.h"
+#include "CmConfig.h"
+#include "CmScopedLock.h"
+#include "CmTimeValue.h"
+#include "CmTraceGuard.h"
+#include "port/CmSystem.h"
+
+namespace UTIL_NS {
+
+namespace {
+
+constexpr char MARKER[] =
+    "************************* Current Trace Point *************************\n\n";
+constexpr size_t MARKER_LENGTH = sizeof(MARKER) - 1;
+static_assert(MARKER_LENGTH == 73, "71 characters and two line ends");
+
+constexpr size_t HEADER_LENGTH = 32;         // bytes, the line end included
+constexpr long POSITION_MAX = LONG_MAX / 2;  // beyond it a header is no position
+constexpr size_t LINE_SIZE = 2048;           // bytes of the line buffer for each line of a flush
+constexpr int FLUSH_COUNT_MAX = (INT_MAX - 1) / static_cast<int>(LINE_SIZE);
+constexpr int VALID = 20050704;
+constexpr unsigned long EXIT_WAIT = 200;  // ms
+
+constexpr char FILTER_FILE[] = "conf/keltoexp.filter";
+constexpr size_t FILTER_PATH_SIZE = 64;    // bytes; the home directory has at most 15
+constexpr size_t FILTER_LINE_SIZE = 1024;  // bytes
+
+// Held from taking a file's lock to releasing it, and while a file is opened or closed. Threads of
+// one process share their record locks: they must not hold two of them at once (the system would
+// take two processes that do for a deadlock) nor close the file of a record that holds one.
+CCmEternalLockT<CCmMutexThread> s_fileLockMutex;
+
+CCmEternalLockT<CCmMutexThread> s_filterMutex;
+int s_nCompiled = 0;  // entries of re in use, guarded by s_filterMutex
+
+struct flock WholeFile(short aType) {
+    struct flock request = {};
+    request.l_type = aType;
+    request.l_whence = SEEK_SET;
+    return request;
+}
+
+int BoundedFlushCount(int aFlushCount) {
+    if (aFlushCount < 1) {
+        return 1;
+    }
+    return aFlushCount < FLUSH_COUNT_MAX ? aFlushCount : FLUSH_COUNT_MAX;
+}
+
+int ThreadIdentity() {
+    return static_cast<int>(reinterpret_cast<uintptr_t>(reinterpret_cast<void*>(pthread_self())));
+}
+
+// Writes the line into aBuffer as snprintf does and returns its whole length. The paths differ in
+// how they print the process: signed (buffered) or unsigned (shared).
+int FormatLine(char* aBuffer, size_t aSize, bool aShared, const char* aTag, const char* aModule,
+               const char* aText) {
+    const CCmTimeValue tvNow = CCmTimeValue::GetTimeOfDay();
+    const time_t now = tvNow.GetSec();
+    tm date = {};
+    g_cmSystem.localtime_r(&now, &date);
+    char achStamp[128];
+    std::snprintf(achStamp, sizeof(achStamp),
+                  aShared ? "[%02d/%02d/%04d %02d:%02d:%02d.%03d pid=%u tid=%d]"
+                          : "[%02d/%02d/%04d %02d:%02d:%02d.%03d pid=%d tid=%d]",
+                  date.tm_mon + 1, date.tm_mday, date.tm_year + 1900, date.tm_hour, date.tm_min,
+                  date.tm_sec, static_cast<int>(tvNow.GetUsec() / 1000), getpid(),
+                  ThreadIdentity());
+    if (aModule == nullptr) {
+        return std::snprintf(aBuffer, aSize, "%s %s\n", achStamp, aText);
+    }
+    if (aTag == nullptr) {
+        return std::snprintf(aBuffer, aSize, "%s %s:%s\n", achStamp, aModule, aText);
+    }
+    return std::snprintf(aBuffer, aSize, "%s [%s] %s:%s\n", achStamp, aTag, aModule, aText);
+}
+
+// Whole transfers, however many calls they take; false when one fails or nothing more can be had.
+bool WriteFully(int aDescriptor, const char* aText, size_t aLength, off_t aOffset) {
+    while (aLength > 0) {
+        const ssize_t nWritten = g_cmSystem.pwrite(aDescriptor, aText, aLength, aOffset);
+        if (nWritten < 0 && errno == EINTR) {
+            continue;
+        }
+        if (nWritten <= 0) {
+            return false;
+        }
+        aText += nWritten;
+        aLength -= static_cast<size_t>(nWritten);
+        aOffset += nWritten;
+    }
+    return true;
+}
+
+ssize_t ReadRetrying(int aDescriptor, char* aBuffer, size_t aLength) {
+    ssize_t nRead;
+    do {
+        nRead = g_cmSystem.pread(aDescriptor, aBuffer, aLength, 0);
+    } while (nRead < 0 && errno == EINTR);
+    return nRead;
+}
+
+}  // namespace
+
+CCmT120TraceFile::CCmT120TraceFile(const char* aName, unsigned long aSizeLimit,
+                                   unsigned char aShared, unsigned char /*aIgnored*/)
+    : m_pNext(nullptr),
+      m_bWrapped(0),
+      m_pStream(nullptr),
+      m_pszName(aName != nullptr ? ::strdup(aName) : nullptr),
+      m_ulSizeLimit(aSizeLimit),
+      m_nFlushCount(1),
+      m_bShared(aShared),
+      m_LockRequest(WholeFile(F_WRLCK)),
+      m_UnlockRequest(WholeFile(F_UNLCK)),
+      m_pchLines(static_cast<char*>(std::malloc(LINE_SIZE + 1))),
+      m_ulBufferedBytes(0),
+      m_nBufferedLines(0),
+      m_nValidity(VALID),
+      m_nDescriptor(0) {}
+
+CCmT120TraceFile::~CCmT120TraceFile() {
+    flush_buffer();
+    std::free(m_pchLines);
+    if (m_pStream != nullptr) {
+        CCmScopedLockT<CCmMutexThread> lock(s_fileLockMutex.m_Lock);
+        std::fclose(m_pStream);
+    }
+    m_nValidity = 0;
+    std::free(m_pszName);
+}
+
+CmResult CCmT120TraceFile::attach(const char* aPath) {
+    CCmTraceGuard guard;
+    CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
+    if (m_pStream != nullptr) {
+        return CM_ERROR_ALREADY_INITIALIZED;
+    }
+    const char* pszPath = aPath != nullptr ? aPath : m_pszName;
+    if (pszPath == nullptr) {
+        return CM_ERROR_INVALID_ARG;
+    }
+    CCmScopedLockT<CCmMutexThread> fileLock(s_fileLockMutex.m_Lock);
+    const int nDescriptor = ::open(pszPath, O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+    if (nDescriptor < 0) {
+        return CM_ERROR_FAILURE;
+    }
+    m_pStream = ::fdopen(nDescriptor, "r+");
+    if (m_pStream == nullptr) {
+        ::close(nDescriptor);
+        return CM_ERROR_FAILURE;
+    }
+    m_nDescriptor = nDescriptor;
+    return CM_OK;
+}
+
+void CCmT120TraceFile::write(const char* aTag, const char* aModule, const char* aText) {
+    CCmTraceGuard guard;
+    CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
+    if (m_pchLines == nullptr) {
+        return;
+    }
+    if (m_bShared) {
+        write_shared_l(aTag, aModule, aText);
+        return;
+    }
+    if (regex_match(aModule) != 0) {
+        collect_line_l(aTag, aModule, aText);
+    }
+    if (m_nBufferedLines >= m_nFlushCount) {
+        flush_buffer_l();
+    }
+}
+
+void CCmT120TraceFile::collect_line_l(const char* aTag, const char* aModule, const char* aText) {
+    const size_t nRoom = static_cast<size_t>(m_nFlushCount) * LINE_SIZE - m_ulBufferedBytes;
+    char* pchLine = m_pchLines + m_ulBufferedBytes;
+    const int nLength =
+        FormatLine(pchLine, nRoom, false, aTag, aModule, aText != nullptr ? aText : "(null)");
+    if (nLength <= 0 || m_pStream == nullptr) {
+        return;
+    }
+    size_t nStored = static_cast<size_t>(nLength);
+    if (nStored >= nRoom) {
+        nStored = nRoom - 1;
+        if (nStored > 0) {
+            pchLine[nStored - 1] = '\n';
+        }
+    }
+    m_ulBufferedBytes += nStored;
+    ++m_nBufferedLines;
+}
+
+void CCmT120TraceFile::flush_buffer() {
+    CCmTraceGuard guard;
+    CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
+    flush_buffer_l();
+}
+
+// Lines that cannot be written are lost, rather than filling the buffer for good.
+void CCmT120TraceFile::flush_buffer_l() {
+    if (m_pStream == nullptr || m_ulBufferedBytes == 0) {
+        return;
+    }
+    long lPosition = 0;
+    if (read_position_l(lPosition)) {
+        // The position stays where it is; only the shared path starts at the top again.
+        if (is_at_limit_l(lPosition)) {
+            truncate_l(lPosition);
+            m_bWrapped = 1;
+        }
+        write_at_l(lPosition, m_pchLines, m_ulBufferedBytes);
+    }
+    m_ulBufferedBytes = 0;
+    m_nBufferedLines = 0;
+}
+
+void CCmT120TraceFile::write_shared(const char* aTag, const char* aModule, const char* aText) {
+    CCmTraceGuard guard;
+    CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
+    write_shared_l(aTag, aModule, aText);
+}
+
+void CCmT120TraceFile::write_shared_l(const char* aTag, const char* aModule, const char* aText) {
+    if (aText == nullptr || m_pStream == nullptr) {
+        return;
+    }
+    CCmScopedLockT<CCmMutexThread> fileLock(s_fileLockMutex.m_Lock);
+    request_file_lock_l(m_LockRequest);
+    long lPosition = 0;
+    if (read_position_l(lPosition)) {
+        if (is_at_limit_l(lPosition)) {
+            truncate_l(lPosition);
+            lPosition = HEADER_LENGTH;
+        }
+        write_line_l(lPosition, aTag, aModule, aText);
+    }
+    request_file_lock_l(m_UnlockRequest);
+}
+
+// A line of any length; one that needs more memory than there is goes out cut.
+void CCmT120TraceFile::write_line_l(long aPosition, const char* aTag, const char* aModule,
+                                    const char* aText) {
+    if (regex_match(aModule) == 0) {
+        write_at_l(aPosition, "", 0);
+        return;
+    }
+    char achLine[LINE_SIZE];
+    const int nLength = FormatLine(achLine, sizeof(achLine), true, aTag, aModule, aText);
+    if (nLength <= 0) {
+        return;
+    }
+    size_t nStored = static_cast<size_t>(nLength);
+    if (nStored < sizeof(achLine)) {
+        write_at_l(aPosition, achLine, nStored);
+        return;
+    }
+    char* pchLong = static_cast<char*>(std::malloc(nStored + 1));
+    if (pchLong == nullptr) {
+        achLine[sizeof(achLine) - 2] = '\n';
+        write_at_l(aPosition, achLine, sizeof(achLine) - 1);
+        return;
+    }
+    FormatLine(pchLong, nStored + 1, true, aTag, aModule, aText);
+    pchLong[nStored - 1] = '\n';
+    write_at_l(aPosition, pchLong, nStored);
+    std::free(pchLong);
+}
+
+void CCmT120TraceFile::request_file_lock_l(struct flock& aRequest) {
+    int rv;
+    do {
+        rv = g_cmSystem.fcntl(m_nDescriptor, F_SETLKW, &aRequest);
+    } while (rv < 0 && (errno == EINTR || errno == EAGAIN));
+}
+
+// The position in the header; 0 where there is none. False when it cannot be read: then nothing
+// may be written, since it could go over lines that are there.
+//
+// Files are read and written past the stream's buffer, in which another process's changes would
+// not show; the stream owns the descriptor.
+bool CCmT120TraceFile::read_position_l(long& aPosition) {
+    char achHeader[HEADER_LENGTH + 1] = {};
+    if (ReadRetrying(m_nDescriptor, achHeader, HEADER_LENGTH) < 0) {
+        return false;
+    }
+    aPosition = std::strtol(achHeader, nullptr, 10);
+    return aPosition >= 0 && aPosition <= POSITION_MAX;
+}
+
+bool CCmT120TraceFile::is_at_limit_l(long aPosition) const {
+    return m_ulSizeLimit != 0 && static_cast<unsigned long>(aPosition) >= m_ulSizeLimit;
+}
+
+void CCmT120TraceFile::truncate_l(long aPosition) {
+    while (g_cmSystem.ftruncate(m_nDescriptor, aPosition) < 0 && errno == EINTR) {
+    }
+}
+
+// The header moves only when the lines are on disk; until then it leaves them to be overwritten.
+void CCmT120TraceFile::write_at_l(long aPosition, const char* aText, size_t aLength) {
+    const long lEnd = aPosition + static_cast<long>(aLength);
+    if (!WriteFully(m_nDescriptor, aText, aLength, aPosition) ||
+        !WriteFully(m_nDescriptor, MARKER, MARKER_LENGTH, lEnd)) {
+        return;
+    }
+    char achHeader[HEADER_LENGTH + 1];
+    std::snprintf(achHeader, sizeof(achHeader), "%-31ld\n", lEnd);
+    WriteFully(m_nDescriptor, achHeader, HEADER_LENGTH, 0);
+}
+
+unsigned char CCmT120TraceFile::refresh_settings(unsigned long aSizeLimit, int aFlushCount) {
+    CCmTraceGuard guard;
+    CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
+    flush_buffer_l();
+    m_ulSizeLimit = aSizeLimit;
+    const int nFlushCount = BoundedFlushCount(aFlushCount);
+    if (nFlushCount == m_nFlushCount) {
+        return 1;
+    }
+    m_nFlushCount = nFlushCount;
+    std::free(m_pchLines);
+    m_pchLines = static_cast<char*>(std::malloc(static_cast<size_t>(nFlushCount) * LINE_SIZE + 1));
+    m_ulBufferedBytes = 0;
+    m_nBufferedLines = 0;
+    return 1;
+}
+
+unsigned char CCmT120TraceFile::is_same_file(const char* aName) const {
+    return aName != nullptr && m_pszName != nullptr && std::strcmp(aName, m_pszName) == 0 ? 1 : 0;
+}
+
+CCmT120TraceFileMgr g_trace_mgr;
+
+CCmT120TraceFileMgr::~CCmT120TraceFileMgr() {
+    ms_sleep(EXIT_WAIT);
+    CCmT120TraceFile* pFile = m_pHeader.exchange(nullptr, std::memory_order_relaxed);
+    while (pFile != nullptr) {
+        CCmT120TraceFile* pNext = pFile->m_pNext.load(std::memory_order_relaxed);
+        delete pFile;
+        pFile = pNext;
+    }
+}
+
+void* CCmT120TraceFileMgr::open(const char* aName, unsigned long aSizeLimit, unsigned char aShared,
+                                unsigned char aIgnored) {
+    CCmTraceGuard guard;
+    CCmScopedLockT<CCmMutexThreadRecursive> lock(m_Mutex);
+    CCmT120TraceFile* pHeader = m_pHeader.load(std::memory_order_relaxed);
+    for (CCmT120TraceFile* pFile = pHeader; pFile != nullptr;
+         pFile = pFile->m_pNext.load(std::memory_order_relaxed)) {
+        if (pFile->is_same_file(aName)) {
+            return pFile;
+        }
+    }
+    CCmT120TraceFile* pNew =
+        new (std::nothrow) CCmT120TraceFile(aName, aSizeLimit, aShared, aIgnored);
+    if (pNew == nullptr || (aName != nullptr && pNew->m_pszName == nullptr)) {
+        delete pNew;
+        return nullptr;
+    }
+    pNew->m_pNext.store(pHeader, std::memory_order_relaxed);
+    // Orders the record before its visibility to refresh_settings, which takes no lock.
+    m_pHeader.store(pNew, std::memory_order_release);
+    ++m_dwCount;
+    return pNew;
+}
+
+void CCmT120TraceFileMgr::close(void* aRecord) {
+    CCmTraceGuard guard;
+    CCmScopedLockT<CCmMutexThreadRecursive> lock(m_Mutex);
+    std::atomic<CCmT120TraceFile*>* pLink = &m_pHeader;
+    while (CCmT120TraceFile* pFile = pLink->load(std::memory_order_relaxed)) {
+        if (pFile == aRecord) {
+            pLink->store(pFile->m_pNext.load(std::memory_order_relaxed), std::memory_order_release);
+            delete pFile;
+            return;
+        }
+        pLink = &pFile->m_pNext;
+    }
+}
+
+void CCmT120TraceFileMgr::write(void* aRecord, const char* aTag, const char* aModule,
+                                const char* aText) {
+    if (aRecord != nullptr) {
+        static_cast<CCmT120TraceFile*>(aRecord)->write(aTag, aModule, aText);
+    }
+}
+
+void CCmT120TraceFileMgr::refresh_settings(unsigned long aSizeLimit, int aFlushCount) {
+    for (CCmT120TraceFile* pFile = m_pHeader.load(std::memory_order_acquire); pFile != nullptr;
+         pFile = pFile->m_pNext.load(std::memory_order_acquire)) {
+        pFile->refresh_settings(aSizeLimit, aFlushCount);
+    }
+}
+
+void* T120_Open_Trace_Dev(const char* aName, unsigned long aSizeLimit, unsigned char aShared,
+                          unsigned char aIgnored) {
+    return g_trace_mgr.open(aName, aSizeLimit, aShared, aIgnored);
+}
+
+void T120_Close_Trace_Dev(void* aRecord) {
+    g_trace_mgr.close(aRecord);
+}
+
+void T120_Write_Trace_Dev(void* aRecord, const char* aTag, const char* aModule, const char* aText) {
+    g_trace_mgr.write(aRecord, aTag, aModule, aText);
+}
+
+void T120_Refresh_Settings(unsigned long aSizeLimit, int aFlushCount) {
+    g_trace_mgr.refresh_settings(aSizeLimit, aFlushCount);
+}
+
+regex_t re[CM_TRACE_FILTER_COUNT];
+std::atomic<int> regex_cnt{0};
+
+int regex_match(const char* aText) {
+    if (aText == nullptr || regex_cnt.load(std::memory_order_relaxed) == 0) {
+        return -1;
+    }
+    CCmScopedLockT<CCmMutexThread> lock(s_filterMutex.m_Lock);
+    for (int i = 0; i < s_nCompiled; ++i) {
+        if (::regexec(&re[i], aText, 0, nullptr, 0) == 0) {
+            return 0;
+        }
+    }
+    return -1;
+}
+
+namespace {
+
+using FilterLines = char[CM_TRACE_FILTER_COUNT][FILTER_LINE_SIZE];
+
+FILE* OpenFilterFile() {
+    const size_t nHome = std::strlen(g_def_kelto_home_dir);
+    const bool bSlash = nHome > 0 && g_def_kelto_home_dir[nHome - 1] == '/';
+    char achPath[FILTER_PATH_SIZE];
+    std::snprintf(achPath, sizeof(achPath), "%s%s%s", g_def_kelto_home_dir, bSlash ? "" : "/",
+                  FILTER_FILE);
+    return std::fopen(achPath, "rt");
+}
+
+int ReadFilterLines(FilterLines& aLines) {
+    FILE* pFile = OpenFilterFile();
+    if (pFile == nullptr) {
+        return 0;
+    }
+    int nLines = 0;
+    while (nLines < CM_TRACE_FILTER_COUNT &&
+           std::fgets(aLines[nLines], sizeof(aLines[nLines]), pFile) != nullptr) {
+        ++nLines;
+    }
+    std::fclose(pFile);
+    return nLines;
+}
+
+void FreeFilters() {
+    for (int i = 0; i < s_nCompiled; ++i) {
+        ::regfree(&re[i]);
+    }
+    s_nCompiled = 0;
+    std::memset(re, 0, sizeof(re));
+}
+
+// Each line read and each line compiled counts, so that success ends at twice the lines.
+void CompileFilters(const FilterLines& aLines, int aCount) {
+    int nFilters = aCount;
+    for (int i = 0; i < aCount; ++i) {
+        if (::regcomp(&re[i], aLines[i], REG_EXTENDED | REG_NOSUB) != 0) {
+            FreeFilters();
+            nFilters = 0;
+            break;
+        }
+        ++s_nCompiled;
+        ++nFilters;
+    }
+    regex_cnt.store(nFilters, std::memory_order_relaxed);
+}
+
+}  // namespace
+
+void CCmT120TraceFileMgr::init_reg_filter() {
+    CCmTraceGuard guard;
+    FilterLines* pLines = static_cast<FilterLines*>(std::malloc(sizeof(FilterLines)));
+    if (pLines == nullptr) {
+        return;
+    }
+    const int nLines = ReadFilterLines(*pLines);
+    if (nLines > 0) {
+        CCmScopedLockT<CCmMutexThread> lock(s_filterMutex.m_Lock);
+        FreeFilters();
+        CompileFilters(*pLines, nLines);
+    }
+    std::free(pLines);
+}
+
+}  // namespace UTIL_NS

@@ -14,8 +14,8 @@ UtilTraceSink InstalledSink() {
 
 }  // namespace
 
-bool CmTraceIsWanted(unsigned long /*aLevel*/) {
-    return InstalledSink() != nullptr;
+bool CmTraceIsWanted(unsigned long aLevel) {
+    return InstalledSink() != nullptr || CCmT120Trace::is_wanted(aLevel);
 }
 
 void Assert_Log(const char* /*aFile*/, const char* /*aExpression*/, int /*aLine*/) {}
@@ -33,10 +33,16 @@ void set_util_external_trace_sink(UTIL_NS::UtilTraceSink aSink) {
 void util_adapter_trace(unsigned long aLevel, const char* aText, unsigned int aLength) {
     if (UTIL_NS::UtilTraceSink pfnSink = UTIL_NS::InstalledSink()) {
         pfnSink(aLevel, aText, aLength);
+    } else {
+        UTIL_NS::CCmT120Trace::instance()->trace_string(aLevel, aText);
     }
 }
 
-void util_adapter_trace_ex(unsigned long aLevel, const char* /*aModule*/, const char* aText,
+void util_adapter_trace_ex(unsigned long aLevel, const char* aModule, const char* aText,
                            unsigned int aLength) {
-    util_adapter_trace(aLevel, aText, aLength);
+    if (UTIL_NS::UtilTraceSink pfnSink = UTIL_NS::InstalledSink()) {
+        pfnSink(aLevel, aText, aLength);
+    } else {
+        UTIL_NS::CCmT120Trace::instance()->trace_string(aLevel, aModule, aText);
+    }
 }

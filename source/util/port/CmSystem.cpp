@@ -9,7 +9,11 @@ namespace UTIL_NS {
 
 namespace {
 
-// The call itself takes a variable number of arguments.
+// The calls themselves take a variable number of arguments.
+int Fcntl(int aFile, int aCommand, struct flock* aLock) {
+    return ::fcntl(aFile, aCommand, aLock);
+}
+
 int Open(const char* aPath, int aFlags, mode_t aMode) {
     return ::open(aPath, aFlags, aMode);
 }
@@ -54,6 +58,11 @@ CCmSystemTable g_cmSystem = {
     ::read,
     ::close,
     ::readlink,
+    Fcntl,
+    ::ftruncate,
+    ::pread,
+    ::pwrite,
+    ::gethostname,
 };
 
 }  // namespace UTIL_NS

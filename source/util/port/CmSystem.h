@@ -7,6 +7,7 @@
 #ifndef CM_SYSTEM_H
 #define CM_SYSTEM_H
 
+#include <fcntl.h>
 #include <pthread.h>
 #include <sys/stat.h>
 #include <sys/time.h>
@@ -59,6 +60,11 @@ struct CCmSystemTable {
     ssize_t (*read)(int, void*, size_t);
     int (*close)(int);
     ssize_t (*readlink)(const char*, char*, size_t);
+    int (*fcntl)(int, int, struct flock*);
+    int (*ftruncate)(int, off_t);
+    ssize_t (*pread)(int, void*, size_t, off_t);
+    ssize_t (*pwrite)(int, const void*, size_t, off_t);
+    int (*gethostname)(char*, size_t);
 };
 extern CCmSystemTable g_cmSystem;
 

@@ -1,0 +1,43 @@
+// What tracing leaves as it found it; internal.
+#ifndef CM_TRACE_GUARD_H
+#define CM_TRACE_GUARD_H
+
+#include <errno.h>
+#include <pthread.h>
+
+#include "CmConditionVariable.h"
+
+namespace UTIL_NS {
+
+// While it lives the thread is not cancelled: a trace line may leave through a destructor, and
+// may hold locks. Afterwards errno is as it was.
+class CCmTraceGuard {
+  public:
+    CCmTraceGuard() : m_nErrno(errno), m_nCancelState(PTHREAD_CANCEL_ENABLE) {
+        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &m_nCancelState);
+    }
+    ~CCmTraceGuard() {
+        pthread_setcancelstate(m_nCancelState, nullptr);
+        errno = m_nErrno;
+    }
+    CCmTraceGuard(const CCmTraceGuard&) = delete;
+    CCmTraceGuard& operator=(const CCmTraceGuard&) = delete;
+
+  private:
+    const int m_nErrno;
+    int m_nCancelState;
+};
+
+// A lock of tracing's own: usable before any static object is constructed and never destroyed, so
+// that lines written while the program starts or ends find it.
+template <class LockType>
+union CCmEternalLockT {
+    constexpr CCmEternalLockT() : m_Lock(CCmStaticInit()) {}
+    ~CCmEternalLockT() {}
+
+    LockType m_Lock;
+};
+
+}  // namespace UTIL_NS
+
+#endif  // CM_TRACE_GUARD_H
