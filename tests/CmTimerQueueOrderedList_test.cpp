@@ -1,0 +1,459 @@
+#include "CmTimerQueueOrderedList.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <random>
+#include <vector>
+
+#include "support/Clock.h"
+#include "support/Faults.h"
+#include "support/Timers.h"
+#include "support/TraceSink.h"
+
+namespace UTIL_NS {
+namespace {
+
+using kelto_test::AllocationsOfThisThread;
+using kelto_test::CountingHandler;
+using kelto_test::Firings;
+using kelto_test::Ids;
+using kelto_test::Ms;
+using kelto_test::RecordingHandler;
+using kelto_test::ScopedAllocationFault;
+using kelto_test::ScopedClock;
+using kelto_test::ScopedTraceSink;
+
+constexpr long START = 1000000000;  // seconds
+
+class CmTimerQueueOrderedList : public testing::Test {
+  protected:
+    CmTimerQueueOrderedList() {
+        for (int nId = 0; nId < 5; ++nId) {
+            m_handlers.push_back(std::make_unique<RecordingHandler>(nId, m_log));
+        }
+    }
+    CmResult Schedule(int aId, long aMs, unsigned int aCount = 1) {
+        return m_queue.ScheduleTimer(m_handlers[aId].get(), nullptr, Ms(aMs), aCount);
+    }
+    std::vector<int> FiredAfterMs(long aMs) {
+        m_log.clear();
+        m_clock.AdvanceMs(aMs);
+        m_queue.CheckExpire();
+        return Ids(m_log);
+    }
+
+    ScopedClock m_clock{START};
+    Firings m_log;
+    std::vector<std::unique_ptr<RecordingHandler>> m_handlers;
+    CCmTimerQueueOrderedList m_queue{nullptr};
+};
+
+TEST_F(CmTimerQueueOrderedList, FiresInOrderOfExpiry) {
+    Schedule(0, 30);
+    Schedule(1, 10);
+    Schedule(2, 40);
+    Schedule(3, 20);
+    EXPECT_EQ((std::vector<int>{1, 3, 0, 2}), FiredAfterMs(100));
+}
+
+TEST_F(CmTimerQueueOrderedList, FiresNewestFirst_WhenExpiryIsEqual) {
+    Schedule(0, 10);
+    Schedule(1, 10);
+    Schedule(2, 10);
+    EXPECT_EQ((std::vector<int>{2, 1, 0}), FiredAfterMs(10));
+}
+
+TEST_F(CmTimerQueueOrderedList, RearmedTimerIsTheNewest) {
+    Schedule(0, 10, 0);
+    Schedule(1, 20);
+    // Re-armed for 20 ms as well, behind the schedule of timer 1.
+    EXPECT_EQ(std::vector<int>{0}, FiredAfterMs(10));
+    EXPECT_EQ((std::vector<int>{0, 1}), FiredAfterMs(10));
+}
+
+TEST_F(CmTimerQueueOrderedList, PeriodicTimersSwapOrder_OnEveryFiring) {
+    Schedule(0, 10, 0);
+    Schedule(1, 10, 0);
+    EXPECT_EQ((std::vector<int>{1, 0}), FiredAfterMs(10));
+    EXPECT_EQ((std::vector<int>{0, 1}), FiredAfterMs(10));
+}
+
+TEST_F(CmTimerQueueOrderedList, RescheduledTimerMovesForward) {
+    Schedule(0, 10);
+    Schedule(1, 20);
+    Schedule(2, 30);
+    EXPECT_EQ(CM_ERROR_FOUND, Schedule(2, 5));
+    EXPECT_EQ((std::vector<int>{2, 0, 1}), FiredAfterMs(100));
+}
+
+TEST_F(CmTimerQueueOrderedList, RescheduledTimerMovesBack) {
+    Schedule(0, 10);
+    Schedule(1, 20);
+    Schedule(2, 30);
+    EXPECT_EQ(CM_ERROR_FOUND, Schedule(0, 25));
+    EXPECT_EQ((std::vector<int>{1, 0, 2}), FiredAfterMs(100));
+}
+
+TEST_F(CmTimerQueueOrderedList, RescheduledTimerMovesToTheEnd) {
+    Schedule(0, 10);
+    Schedule(1, 20);
+    EXPECT_EQ(CM_ERROR_FOUND, Schedule(0, 50));
+    EXPECT_EQ((std::vector<int>{1, 0}), FiredAfterMs(100));
+}
+
+TEST_F(CmTimerQueueOrderedList, RescheduledTimerIsTheNewestOfItsExpiry) {
+    Schedule(0, 10);
+    Schedule(1, 10);
+    EXPECT_EQ(CM_ERROR_FOUND, Schedule(0, 10));
+    EXPECT_EQ(CM_ERROR_FOUND, Schedule(0, 10));
+    EXPECT_EQ((std::vector<int>{0, 1}), FiredAfterMs(10));
+}
+
+TEST_F(CmTimerQueueOrderedList, RescheduledTimerStaysAlone) {
+    Schedule(0, 10);
+    EXPECT_EQ(CM_ERROR_FOUND, Schedule(0, 10));
+    EXPECT_EQ(CM_ERROR_FOUND, Schedule(0, 40));
+    EXPECT_EQ(CM_OK, m_queue.CancelTimer(m_handlers[0].get()));
+    EXPECT_EQ(CM_ERROR_NOT_FOUND, m_queue.CancelTimer(m_handlers[0].get()));
+}
+
+TEST_F(CmTimerQueueOrderedList, CancelTakesTheHandlersTimerOnly) {
+    Schedule(0, 10);
+    Schedule(1, 20);
+    Schedule(2, 30);
+    EXPECT_EQ(CM_OK, m_queue.CancelTimer(m_handlers[1].get()));
+    EXPECT_EQ((std::vector<int>{0, 2}), FiredAfterMs(100));
+}
+
+TEST_F(CmTimerQueueOrderedList, DestructorDropsTimersSilently) {
+    const long lLive = kelto_test::LiveAllocations();
+    {
+        CCmTimerQueueOrderedList queue(nullptr);
+        queue.ScheduleTimer(m_handlers[0].get(), nullptr, Ms(-1), 1);
+        queue.ScheduleTimer(m_handlers[1].get(), nullptr, Ms(10), 0);
+        queue.CancelTimer(m_handlers[1].get());
+    }
+    EXPECT_EQ(lLive, kelto_test::LiveAllocations());
+    EXPECT_TRUE(m_log.empty());
+}
+
+// Reaches the primitives.
+class OpenList : public CCmTimerQueueOrderedList {
+  public:
+    OpenList() : CCmTimerQueueOrderedList(nullptr) {}
+    using CCmTimerQueueBase::CNode;
+    using CCmTimerQueueOrderedList::EraseNode_l;
+    using CCmTimerQueueOrderedList::GetEarliestTime_l;
+    using CCmTimerQueueOrderedList::PopFirstNode_l;
+    using CCmTimerQueueOrderedList::PushNode_l;
+    using CCmTimerQueueOrderedList::RePushNode_l;
+
+    static CNode Node(ICmTimerHandler* aEh, long aExpired) {
+        CNode node;
+        node.m_pEh = aEh;
+        node.m_tvExpired = CCmTimeValue(aExpired);
+        return node;
+    }
+};
+
+TEST_F(CmTimerQueueOrderedList, PopOfEmptyList_WritesAssertion) {
+    ScopedTraceSink sink;
+    OpenList list;
+    OpenList::CNode node;
+    EXPECT_EQ(-1, list.PopFirstNode_l(node));
+    ASSERT_EQ(1U, sink.lines().size());
+    EXPECT_EQ(0U, sink.lines()[0].level);
+    EXPECT_EQ(
+        "UTIL ERROR: source/util/CmTimerQueueOrderedList.cpp:35 Assert failed: !m_Nodes.empty()",
+        sink.lines()[0].text);
+    EXPECT_EQ(nullptr, node.m_pEh);
+}
+
+TEST_F(CmTimerQueueOrderedList, Primitives_ReturnWhatTheyDid) {
+    OpenList list;
+    CCmTimeValue tvEarliest(7);
+    EXPECT_EQ(-1, list.GetEarliestTime_l(tvEarliest));
+    EXPECT_EQ(CCmTimeValue(7), tvEarliest);
+    EXPECT_EQ(0, list.PushNode_l(OpenList::Node(m_handlers[0].get(), 20)));
+    EXPECT_EQ(1, list.PushNode_l(OpenList::Node(m_handlers[0].get(), 30)));
+    EXPECT_EQ(0, list.RePushNode_l(OpenList::Node(m_handlers[1].get(), 10)));
+    EXPECT_EQ(0, list.GetEarliestTime_l(tvEarliest));
+    EXPECT_EQ(CCmTimeValue(10), tvEarliest);
+    OpenList::CNode node;
+    EXPECT_EQ(0, list.PopFirstNode_l(node));
+    EXPECT_EQ(m_handlers[1].get(), node.m_pEh);
+    EXPECT_EQ(0, list.EraseNode_l(m_handlers[0].get()));
+    EXPECT_EQ(1, list.EraseNode_l(m_handlers[0].get()));
+}
+
+TEST_F(CmTimerQueueOrderedList, Allocation_FailureChangesNothing) {
+    Schedule(0, 10);
+    {
+        ScopedAllocationFault fault(1);
+        EXPECT_EQ(CM_ERROR_OUT_OF_MEMORY, Schedule(1, 5));
+        EXPECT_TRUE(fault.hit());
+    }
+    EXPECT_EQ(CM_ERROR_NOT_FOUND, m_queue.CancelTimer(m_handlers[1].get()));
+    EXPECT_EQ(std::vector<int>{0}, FiredAfterMs(10));
+}
+
+TEST_F(CmTimerQueueOrderedList, Allocation_FailureOnEmptyQueueIsNotObserved) {
+    class Observer : public ICmObserver {
+      public:
+        virtual ~Observer() = default;
+        int OnObserve(const char* /*aTopic*/, void* /*aData*/) override { return ++m_nCalls; }
+        int m_nCalls = 0;
+    } observer;
+    CCmTimerQueueOrderedList queue(&observer);
+    {
+        ScopedAllocationFault fault(1);
+        EXPECT_EQ(CM_ERROR_OUT_OF_MEMORY,
+                  queue.ScheduleTimer(m_handlers[0].get(), nullptr, Ms(10), 1));
+    }
+    EXPECT_EQ(0, observer.m_nCalls);
+    EXPECT_EQ(CM_OK, queue.ScheduleTimer(m_handlers[0].get(), nullptr, Ms(10), 1));
+    EXPECT_EQ(1, observer.m_nCalls);
+}
+
+TEST_F(CmTimerQueueOrderedList, Allocation_IsNotNeededToReschedule) {
+    Schedule(0, 10);
+    Schedule(1, 20);
+    ScopedAllocationFault fault(1, kelto_test::Failing::FROM_THERE_ON);
+    EXPECT_EQ(CM_ERROR_FOUND, Schedule(0, 30));
+    EXPECT_EQ(CM_ERROR_FOUND, Schedule(1, 5));
+    EXPECT_FALSE(fault.hit());
+}
+
+TEST_F(CmTimerQueueOrderedList, Allocation_IsNotNeededInSteadyState) {
+    std::vector<CountingHandler> handlers(50);
+    for (CountingHandler& handler : handlers) {
+        m_queue.ScheduleTimer(&handler, nullptr, Ms(10), 0);
+    }
+    Schedule(0, 1000000);
+    m_queue.CancelTimer(m_handlers[0].get());
+    const unsigned long ulBefore = AllocationsOfThisThread();
+    for (int i = 0; i < 100; ++i) {
+        m_clock.AdvanceMs(10);
+        ASSERT_EQ(50U, m_queue.CheckExpire());
+        ASSERT_EQ(CM_OK, Schedule(0, 1000000));
+        ASSERT_EQ(CM_OK, m_queue.CancelTimer(m_handlers[0].get()));
+    }
+    EXPECT_EQ(ulBefore, AllocationsOfThisThread());
+}
+
+// A plain model of the queue: timers in firing order, re-arming by repeated addition.
+struct ModelTimer {
+    int id;
+    long token;
+    long long expired;
+    long long interval;
+    unsigned int left;  // 0xFFFFFFFF: without limit
+};
+
+class Model {
+  public:
+    long long m_llNow = 0;
+
+    CmResult Schedule(int aId, long aToken, long long aInterval, unsigned int aCount) {
+        if (aInterval <= 0 && aCount != 1) {
+            return CM_ERROR_INVALID_ARG;
+        }
+        const bool bFound = Remove(aId);
+        Insert(ModelTimer{aId, aToken, m_llNow + aInterval, aInterval,
+                          aCount == 0 ? 0xFFFFFFFF : aCount});
+        return bFound ? CM_ERROR_FOUND : CM_OK;
+    }
+    CmResult Cancel(int aId) { return Remove(aId) ? CM_OK : CM_ERROR_NOT_FOUND; }
+    // Takes the next due timer out, re-armed already; false when there is none.
+    bool NextDue(long long aNow, ModelTimer& aTimer) {
+        if (m_timers.empty() || m_timers.front().expired > aNow) {
+            return false;
+        }
+        aTimer = m_timers.front();
+        m_timers.erase(m_timers.begin());
+        ModelTimer next = aTimer;
+        if (next.left != 0xFFFFFFFF) {
+            --next.left;
+        }
+        if (next.left > 0) {
+            while (next.expired <= aNow) {
+                next.expired += next.interval;
+            }
+            Insert(next);
+        }
+        return true;
+    }
+    // -1: empty.
+    long long Earliest() const { return m_timers.empty() ? -1 : m_timers.front().expired; }
+
+  private:
+    bool Remove(int aId) {
+        for (size_t i = 0; i < m_timers.size(); ++i) {
+            if (m_timers[i].id == aId) {
+                m_timers.erase(m_timers.begin() + static_cast<long>(i));
+                return true;
+            }
+        }
+        return false;
+    }
+    void Insert(const ModelTimer& aTimer) {
+        size_t i = 0;
+        while (i < m_timers.size() && m_timers[i].expired < aTimer.expired) {
+            ++i;
+        }
+        m_timers.insert(m_timers.begin() + static_cast<long>(i), aTimer);
+    }
+
+    std::vector<ModelTimer> m_timers;
+};
+
+// One random run of queue and model side by side; handlers operate on the queue as they fire.
+class RandomRun {
+  public:
+    static constexpr int HANDLERS = 12;
+
+    explicit RandomRun(unsigned int aSeed) : m_random(aSeed) {
+        m_model.m_llNow = START * 1000000LL;
+        for (int nId = 0; nId < HANDLERS; ++nId) {
+            m_handlers.push_back(std::make_unique<Handler>(*this, nId));
+        }
+    }
+
+    void Step() {
+        switch (Pick(4)) {
+            case 0:
+                m_model.m_llNow += Pick(10) == 0 ? Pick(2000000) - 1000000 : Pick(30) * 500;
+                m_clock.Set(m_model.m_llNow / 1000000, m_model.m_llNow % 1000000);
+                break;
+            case 1:
+                Check();
+                break;
+            default:
+                Operate();
+        }
+        const long long llEarliest = m_model.Earliest();
+        ASSERT_EQ(llEarliest < 0 ? CCmTimeValue::s_tvMax : CCmTimeValue(0, llEarliest),
+                  m_queue.GetEarliestTime());
+    }
+
+  private:
+    class Handler : public ICmTimerHandler {
+      public:
+        Handler(RandomRun& aRun, int aId) : m_run(aRun), m_nId(aId) {}
+        virtual ~Handler() = default;
+        void OnTimeout(const CCmTimeValue& aNow, void* aArg) override {
+            m_run.Fired(m_nId, aNow, reinterpret_cast<long>(aArg));
+        }
+
+      private:
+        RandomRun& m_run;
+        const int m_nId;
+    };
+
+    long Pick(long aBelow) { return static_cast<long>(m_random() % static_cast<unsigned>(aBelow)); }
+
+    void Operate() {
+        const int nId = static_cast<int>(Pick(HANDLERS));
+        if (Pick(3) == 0) {
+            ASSERT_EQ(m_model.Cancel(nId), m_queue.CancelTimer(m_handlers[nId].get()));
+            return;
+        }
+        // Few distinct intervals, so that equal expiries are frequent.
+        const long lInterval = Pick(12) * 500 - 500;
+        const unsigned int dwCount = static_cast<unsigned int>(Pick(4));
+        const long lToken = Pick(1000000);
+        ASSERT_EQ(m_model.Schedule(nId, lToken, lInterval, dwCount),
+                  m_queue.ScheduleTimer(m_handlers[nId].get(), reinterpret_cast<void*>(lToken),
+                                        CCmTimeValue(0, lInterval), dwCount));
+    }
+    void Check() {
+        m_llPass = m_model.m_llNow;
+        m_nOperations = 20;  // bounds what handlers add to the same pass
+        m_dwFired = 0;
+        CCmTimeValue tvRemain;
+        const unsigned int dwFired = m_queue.CheckExpire(&tvRemain);
+        ASSERT_EQ(m_dwFired, dwFired);
+        ModelTimer timer;
+        ASSERT_FALSE(m_model.NextDue(m_llPass, timer));
+        const long long llEarliest = m_model.Earliest();
+        ASSERT_EQ(llEarliest < 0 ? CCmTimeValue::s_tvMax : CCmTimeValue(0, llEarliest - m_llPass),
+                  tvRemain);
+    }
+    void Fired(int aId, const CCmTimeValue& aNow, long aToken) {
+        ++m_dwFired;
+        ModelTimer timer{};
+        ASSERT_TRUE(m_model.NextDue(m_llPass, timer));
+        ASSERT_EQ(timer.id, aId);
+        ASSERT_EQ(timer.token, aToken);
+        ASSERT_EQ(CCmTimeValue(0, m_llPass), aNow);
+        while (m_nOperations > 0 && Pick(2) == 0) {
+            --m_nOperations;
+            Operate();
+        }
+    }
+
+    ScopedClock m_clock{START};
+    std::minstd_rand m_random;
+    std::vector<std::unique_ptr<Handler>> m_handlers;
+    Model m_model;
+    CCmTimerQueueOrderedList m_queue{nullptr};
+    long long m_llPass = 0;
+    int m_nOperations = 0;
+    unsigned int m_dwFired = 0;
+};
+
+TEST(CmTimerQueueOrderedListModel, BehavesLikeTheModel_OnRandomOperations) {
+    kelto_test::ScopedTraceSink sink;  // refused schedules write lines
+    for (unsigned int dwSeed = 1; dwSeed <= 3000; ++dwSeed) {
+        SCOPED_TRACE(dwSeed);
+        RandomRun run(dwSeed);
+        for (int nStep = 0; nStep < 100; ++nStep) {
+            ASSERT_NO_FATAL_FAILURE(run.Step());
+            if (testing::Test::HasFailure()) {
+                return;
+            }
+        }
+    }
+}
+
+TEST(CmRecyclingAllocatorT, HandsOutWhatWasGivenBack) {
+    CCmRecyclingAllocatorT<CCmTimeValue> allocator;
+    CCmTimeValue* pFirst = allocator.allocate(1);
+    allocator.deallocate(pFirst, 1);
+    CCmTimeValue* pSecond = allocator.allocate(1);
+    EXPECT_EQ(pFirst, pSecond);
+    allocator.deallocate(pSecond, 1);
+}
+
+TEST(CmRecyclingAllocatorT, FreesArraysAtOnceAndTheRestAtItsEnd) {
+    const long lLive = kelto_test::LiveAllocations();
+    {
+        CCmRecyclingAllocatorT<CCmTimeValue> allocator;
+        CCmTimeValue* pOne = allocator.allocate(1);
+        CCmTimeValue* pMany = allocator.allocate(3);
+        allocator.deallocate(pMany, 3);
+        EXPECT_EQ(lLive + 1, kelto_test::LiveAllocations());
+        allocator.deallocate(pOne, 1);
+        EXPECT_EQ(lLive + 1, kelto_test::LiveAllocations());
+    }
+    EXPECT_EQ(lLive, kelto_test::LiveAllocations());
+}
+
+TEST(CmRecyclingAllocatorT, CopyStartsEmpty) {
+    CCmRecyclingAllocatorT<CCmTimeValue> allocator;
+    CCmTimeValue* pFirst = allocator.allocate(1);
+    allocator.deallocate(pFirst, 1);
+    CCmRecyclingAllocatorT<CCmTimeValue> copy(allocator);
+    CCmTimeValue* pSecond = copy.allocate(1);
+    EXPECT_NE(pFirst, pSecond);
+    copy.deallocate(pSecond, 1);
+}
+
+TEST(CmRecyclingAllocatorT, RefusesSizesThatOverflow) {
+    CCmRecyclingAllocatorT<CCmTimeValue> allocator;
+    EXPECT_THROW(allocator.allocate(SIZE_MAX / 2), std::bad_alloc);
+}
+
+}  // namespace
+}  // namespace UTIL_NS
