@@ -1,0 +1,46 @@
+#include "support/Home.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "CmConfig.h"
+
+namespace kelto_test {
+
+using UTIL_NS::g_def_kelto_home_dir;
+
+ScopedHome::ScopedHome() : m_sPrevious(g_def_kelto_home_dir) {
+    char szPath[] = "/tmp/kXXXXXX";
+    if (mkdtemp(szPath) == nullptr) {
+        ADD_FAILURE() << "no temporary directory";
+        return;
+    }
+    m_sPath = std::string(szPath) + "/";
+    std::filesystem::create_directory(m_sPath + "conf");
+    static_assert(sizeof("/tmp/kXXXXXX/") <= sizeof(g_def_kelto_home_dir), "the home must fit");
+    strcpy(g_def_kelto_home_dir, m_sPath.c_str());
+}
+
+ScopedHome::~ScopedHome() {
+    strcpy(g_def_kelto_home_dir, m_sPrevious.c_str());
+    if (!m_sPath.empty()) {
+        std::error_code ignored;
+        std::filesystem::remove_all(m_sPath, ignored);
+    }
+}
+
+void ScopedHome::WriteConfig(const std::string& aContent) const {
+    WriteFile(m_sPath + "conf/kelto.cfg", aContent);
+}
+
+void WriteFile(const std::string& aPath, const std::string& aContent) {
+    std::ofstream file(aPath, std::ios::binary | std::ios::trunc);
+    file.write(aContent.data(), static_cast<std::streamsize>(aContent.size()));
+    EXPECT_TRUE(file.flush().good()) << aPath;
+}
+
+}  // namespace kelto_test
