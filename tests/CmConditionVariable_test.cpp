@@ -2,24 +2,683 @@
 
 #include <errno.h>
 #include <gtest/gtest.h>
+#include <limits.h>
 
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <type_traits>
+#include <vector>
+
+#include "CmScopedLock.h"
 #include "support/Faults.h"
 #include "support/TraceSink.h"
 
 namespace UTIL_NS {
 namespace {
 
-TEST(CmConditionVariable, Signal_FailureIsTraced) {
-    kelto_test::ScopedTraceSink sink;
+using kelto_test::FailingCall;
+using kelto_test::MaskAddresses;
+using kelto_test::ScopedTraceSink;
+
+typedef std::chrono::steady_clock Clock;
+
+constexpr long SHORT_WAIT_USEC = 30000;
+
+long MsSince(Clock::time_point aStart) {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - aStart).count();
+}
+
+void SleepAMoment() {
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+}
+
+// The one line that was traced, without addresses.
+std::string OnlyLine(const ScopedTraceSink& aSink, unsigned long aLevel) {
+    const auto lines = aSink.lines();
+    if (lines.size() != 1) {
+        return std::to_string(lines.size()) + " lines";
+    }
+    EXPECT_EQ(aLevel, lines[0].level);
+    EXPECT_EQ(lines[0].text.size(), lines[0].length);
+    return MaskAddresses(lines[0].text);
+}
+
+CmResult WaitShortly(CCmEventThread& aEvent) {
+    CCmTimeValue tvTimeout(0, SHORT_WAIT_USEC);
+    return aEvent.Wait(&tvTimeout);
+}
+
+// Runs on a thread of its own and waits for its end.
+void OnAnotherThread(const std::function<void()>& aStep) {
+    std::thread(aStep).join();
+}
+
+// Threads that wait on one event; counts those that came through.
+class Waiters {
+  public:
+    Waiters(CCmEventThread& aEvent, int aCount) {
+        for (int i = 0; i < aCount; ++i) {
+            m_threads.emplace_back([this, &aEvent] {
+                ++m_nEntered;
+                if (aEvent.Wait(nullptr) == CM_OK) {
+                    ++m_nPassed;
+                }
+            });
+        }
+        while (m_nEntered != aCount) {
+            std::this_thread::yield();
+        }
+        SleepAMoment();  // until they are inside the wait
+    }
+    ~Waiters() {
+        for (std::thread& thread : m_threads) {
+            thread.join();
+        }
+    }
+    void ExpectPassed(int aCount) {
+        for (int i = 0; i < 1000 && m_nPassed < aCount; ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        SleepAMoment();
+        EXPECT_EQ(aCount, m_nPassed);
+    }
+
+  private:
+    std::atomic<int> m_nEntered{0};
+    std::atomic<int> m_nPassed{0};
+    std::vector<std::thread> m_threads;
+};
+
+// ---- Mutexes ----
+
+TEST(CmMutex, TryLock_FailsSilentlyWhenBusy) {
+    ScopedTraceSink sink;
     CCmMutexThread mutex;
-    CCmConditionVariableThread condition(mutex);
-    kelto_test::FailingCall<&CCmSystemTable::pthread_cond_signal> fault(EINVAL, EINVAL);
-    EXPECT_EQ(CM_ERROR_FAILURE, condition.Signal());
-    ASSERT_EQ(1u, sink.lines().size());
+    ASSERT_EQ(CM_OK, mutex.Lock());
+    OnAnotherThread(
+        [&mutex]() CM_NO_THREAD_SAFETY_ANALYSIS { EXPECT_EQ(CM_ERROR_FAILURE, mutex.TryLock()); });
+    EXPECT_EQ(CM_OK, mutex.UnLock());
+    EXPECT_EQ(0u, sink.lines().size());
+}
+
+TEST(CmMutex, TryLock_TakesAFreeMutex) {
+    CCmMutexThread mutex;
+    ASSERT_EQ(CM_OK, mutex.TryLock());
+    EXPECT_EQ(CM_OK, mutex.UnLock());
+}
+
+TEST(CmMutex, TryLock_IsNotRecursive) {
+    CCmMutexThread mutex;
+    CCmScopedLockT<CCmMutexThread> lock(mutex);
+    EXPECT_EQ(CM_ERROR_FAILURE,
+              [&mutex]() CM_NO_THREAD_SAFETY_ANALYSIS { return mutex.TryLock(); }());
+}
+
+void TakeTwice(CCmMutexThreadRecursive& aMutex) CM_NO_THREAD_SAFETY_ANALYSIS {
+    ASSERT_EQ(CM_OK, aMutex.Lock());
+    ASSERT_EQ(CM_OK, aMutex.Lock());
+    ASSERT_EQ(CM_OK, aMutex.TryLock());
+    EXPECT_EQ(CM_OK, aMutex.UnLock());
+    EXPECT_EQ(CM_OK, aMutex.UnLock());
+    OnAnotherThread([&aMutex] { EXPECT_EQ(CM_ERROR_FAILURE, aMutex.TryLock()); });
+    EXPECT_EQ(CM_OK, aMutex.UnLock());
+    OnAnotherThread([&aMutex] {
+        EXPECT_EQ(CM_OK, aMutex.TryLock());
+        EXPECT_EQ(CM_OK, aMutex.UnLock());
+    });
+}
+
+TEST(CmMutex, Recursive_IsFreeAfterAsManyUnlocks) {
+    CCmMutexThreadRecursive mutex;
+    TakeTwice(mutex);
+}
+
+TEST(CmMutex, Recursive_OfStaticStorageIsRecursiveToo) {
+    static CCmMutexThreadRecursive s_Mutex{CCmStaticInit()};
+    TakeTwice(s_Mutex);
+}
+
+TEST(CmMutex, Lock_FailureIsSilent) {
+    ScopedTraceSink sink;
+    CCmMutexThread mutex;
+    FailingCall<&CCmSystemTable::pthread_mutex_lock> fault(EINVAL, EINVAL);
+    CCmScopedLockT<CCmMutexThread> lock(mutex);
+    EXPECT_EQ(CM_ERROR_FAILURE, lock.result());
+    EXPECT_EQ(0u, sink.lines().size());
+}
+
+TEST(CmMutex, TryLock_FailureIsSilent) {
+    ScopedTraceSink sink;
+    CCmMutexThread mutex;
+    FailingCall<&CCmSystemTable::pthread_mutex_trylock> fault(EINVAL, EINVAL);
+    EXPECT_EQ(CM_ERROR_FAILURE, mutex.TryLock());
+    EXPECT_EQ(0u, sink.lines().size());
+}
+
+TEST(CmMutex, UnLock_FailureIsTraced) {
+    ScopedTraceSink sink;
+    CCmMutexThread mutex;
+    {
+        CCmScopedLockT<CCmMutexThread> lock(mutex);
+        FailingCall<&CCmSystemTable::pthread_mutex_unlock> fault(EPERM, EPERM);
+        EXPECT_EQ(CM_ERROR_FAILURE,
+                  [&mutex]() CM_NO_THREAD_SAFETY_ANALYSIS { return mutex.UnLock(); }());
+    }
+    EXPECT_EQ(
+        "UTIL ERROR: CCmMutexThreadBase::UnLock, pthread_mutex_unlock() failed! err=1 this=0x#",
+        OnlyLine(sink, 0));
+}
+
+TEST(CmMutex, Lines_EndInTheAddressOfTheObject) {
+    ScopedTraceSink sink;
+    CCmMutexThread mutex;
+    FailingCall<&CCmSystemTable::pthread_mutex_unlock> fault(EPERM, EPERM);
+    [&mutex]() CM_NO_THREAD_SAFETY_ANALYSIS { mutex.UnLock(); }();
+    char szAddress[32];
+    std::snprintf(szAddress, sizeof(szAddress), " this=0x%lx",
+                  reinterpret_cast<unsigned long>(&mutex));
+    EXPECT_EQ(1u, sink.count(szAddress));
+}
+
+TEST(CmMutex, Destructor_FailureIsTraced) {
+    ScopedTraceSink sink;
+    auto pMutex = std::make_unique<CCmMutexThread>();
+    FailingCall<&CCmSystemTable::pthread_mutex_destroy> fault(EBUSY, EBUSY);
+    pMutex.reset();
+    EXPECT_EQ(
+        "UTIL ERROR: CCmMutexThreadBase::~CCmMutexThreadBase, pthread_mutex_destroy() failed! "
+        "err=16 this=0x#",
+        OnlyLine(sink, 0));
+}
+
+constexpr char RECURSIVE_FAILED[] =
+    "UTIL ERROR: CCmMutexThreadRecursive::CCmMutexThreadRecursive, pthread_mutex_init() failed! ";
+
+TEST(CmMutex, Recursive_FailedInitIsTraced) {
+    ScopedTraceSink sink;
+    FailingCall<&CCmSystemTable::pthread_mutex_init> fault(ENOMEM, ENOMEM);
+    CCmMutexThreadRecursive mutex;
+    EXPECT_EQ(std::string(RECURSIVE_FAILED) + "err=12 this=0x#", OnlyLine(sink, 0));
+}
+
+TEST(CmMutex, Recursive_FailedAttributeIsTraced) {
+    ScopedTraceSink sink;
+    FailingCall<&CCmSystemTable::pthread_mutexattr_init> fault(ENOMEM, ENOMEM);
+    CCmMutexThreadRecursive mutex;
+    EXPECT_EQ(std::string(RECURSIVE_FAILED) + "err=12 this=0x#", OnlyLine(sink, 0));
+}
+
+TEST(CmMutex, Recursive_RefusedTypeIsTraced) {
+    ScopedTraceSink sink;
+    FailingCall<&CCmSystemTable::pthread_mutexattr_settype> fault(EINVAL, EINVAL);
+    CCmMutexThreadRecursive mutex;
+    EXPECT_EQ(std::string(RECURSIVE_FAILED) + "err=22 this=0x#", OnlyLine(sink, 0));
+}
+
+TEST(CmMutex, Plain_FailedInitIsTraced) {
+    ScopedTraceSink sink;
+    FailingCall<&CCmSystemTable::pthread_mutex_init> fault(ENOMEM, ENOMEM);
+    CCmMutexThread mutex;
+    EXPECT_EQ(
+        "UTIL ERROR: CCmMutexThread::CCmMutexThread, pthread_mutex_init() failed! err=12 this=0x#",
+        OnlyLine(sink, 0));
+}
+
+TEST(CmMutex, Plain_RefusedTypeLeavesTheDefaultKind) {
+    ScopedTraceSink sink;
+    FailingCall<&CCmSystemTable::pthread_mutexattr_settype> fault(EINVAL, EINVAL);
+    CCmMutexThread mutex;
+    EXPECT_EQ(CM_OK, mutex.TryLock());
+    EXPECT_EQ(CM_OK, mutex.UnLock());
+    EXPECT_EQ(1u, fault.calls());
+    EXPECT_EQ(0u, sink.lines().size());
+}
+
+int g_nType = 0;
+
+int RememberType(pthread_mutexattr_t* /*aAttribute*/, int aType) {
+    g_nType = aType;
+    return 0;
+}
+
+TEST(CmMutex, Types_AreThreeAndRecursive) {
+    kelto_test::ScopedEntry<int (*)(pthread_mutexattr_t*, int)> entry(
+        g_cmSystem.pthread_mutexattr_settype, RememberType);
+    CCmMutexThread plain;
+    EXPECT_EQ(3, g_nType);
+    CCmMutexThreadRecursive recursive;
+    EXPECT_EQ(PTHREAD_MUTEX_RECURSIVE, g_nType);
+}
+
+// ---- Condition ----
+
+class CmCondition : public testing::Test {
+  protected:
+    CmResult WaitFor(CCmTimeValue aTimeout) {
+        CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
+        return m_Condition.Wait(&aTimeout);
+    }
+
+    CCmMutexThread m_Mutex;
+    CCmConditionVariableThread m_Condition{m_Mutex};
+    ScopedTraceSink m_sink;
+};
+
+TEST_F(CmCondition, Constructor_FailureIsTraced) {
+    FailingCall<&CCmSystemTable::pthread_cond_init> fault(EAGAIN, EAGAIN);
+    CCmConditionVariableThread condition(m_Mutex);
+    EXPECT_EQ(
+        "UTIL WARNING: CCmConditionVariableThread::CCmConditionVariableThread, "
+        "pthread_cond_init() failed! err=11 this=0x#",
+        OnlyLine(m_sink, 10));
+}
+
+TEST_F(CmCondition, Destructor_FailureIsTraced) {
+    auto pCondition = std::make_unique<CCmConditionVariableThread>(m_Mutex);
+    FailingCall<&CCmSystemTable::pthread_cond_destroy> fault(EBUSY, EBUSY);
+    pCondition.reset();
+    EXPECT_EQ(
+        "UTIL WARNING: CCmConditionVariableThread::~CCmConditionVariableThread, "
+        "pthread_cond_destroy() failed! err=16 this=0x#",
+        OnlyLine(m_sink, 10));
+}
+
+TEST_F(CmCondition, Signal_FailureIsTraced) {
+    FailingCall<&CCmSystemTable::pthread_cond_signal> fault(EINVAL, EINVAL);
+    EXPECT_EQ(CM_ERROR_FAILURE, m_Condition.Signal());
     EXPECT_EQ(
         "UTIL WARNING: CCmConditionVariableThread::Signal, pthread_cond_signal() failed! err=22 "
         "this=0x#",
-        kelto_test::MaskAddresses(sink.lines()[0].text));
+        OnlyLine(m_sink, 10));
+}
+
+TEST_F(CmCondition, Broadcast_FailureIsTracedAsSignal) {
+    FailingCall<&CCmSystemTable::pthread_cond_broadcast> fault(EINVAL, EINVAL);
+    EXPECT_EQ(CM_ERROR_FAILURE, m_Condition.Broadcast());
+    EXPECT_EQ(
+        "UTIL WARNING: CCmConditionVariableThread::Signal, pthread_cond_broadcast() failed! "
+        "err=22 this=0x#",
+        OnlyLine(m_sink, 10));
+}
+
+TEST_F(CmCondition, Wait_FailureIsTraced) {
+    FailingCall<&CCmSystemTable::pthread_cond_wait> fault(EINVAL, EINVAL);
+    CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
+    EXPECT_EQ(CM_ERROR_FAILURE, m_Condition.Wait(nullptr));
+    EXPECT_EQ(
+        "UTIL WARNING: CCmConditionVariableThread::Wait, pthread_cond_wait() failed! err=22 "
+        "this=0x#",
+        OnlyLine(m_sink, 10));
+}
+
+TEST_F(CmCondition, Wait_TimedFailureIsTraced) {
+    FailingCall<&CCmSystemTable::pthread_cond_timedwait> fault(EINVAL, EINVAL);
+    EXPECT_EQ(CM_ERROR_FAILURE, WaitFor(CCmTimeValue(1)));
+    EXPECT_EQ(
+        "UTIL WARNING: CCmConditionVariableThread::Wait, pthread_cond_timedwait() failed! err=22 "
+        "this=0x#",
+        OnlyLine(m_sink, 10));
+}
+
+TEST_F(CmCondition, Wait_InterruptedCountsAsWoken) {
+    FailingCall<&CCmSystemTable::pthread_cond_timedwait> fault(EINTR, EINTR);
+    EXPECT_EQ(CM_OK, WaitFor(CCmTimeValue(1)));
+    EXPECT_EQ(0u, m_sink.lines().size());
+}
+
+TEST_F(CmCondition, Wait_TimesOutNotBeforeItsTime) {
+    const Clock::time_point start = Clock::now();
+    EXPECT_EQ(CM_ERROR_TIMEOUT, WaitFor(CCmTimeValue(0, 50000)));
+    EXPECT_GE(MsSince(start), 49);
+    EXPECT_EQ(0u, m_sink.lines().size());
+}
+
+TEST_F(CmCondition, Wait_EndsAtOnceForZeroAndLess) {
+    const Clock::time_point start = Clock::now();
+    EXPECT_EQ(CM_ERROR_TIMEOUT, WaitFor(CCmTimeValue::s_tvZero));
+    EXPECT_EQ(CM_ERROR_TIMEOUT, WaitFor(CCmTimeValue(-1, -500000)));
+    EXPECT_EQ(CM_ERROR_TIMEOUT, WaitFor(CCmTimeValue(-5000000000, -1)));  // before 1970
+    EXPECT_EQ(CM_ERROR_TIMEOUT, WaitFor(CCmTimeValue(LONG_MIN, 0)));
+    EXPECT_LT(MsSince(start), 5000);
+    EXPECT_EQ(0u, m_sink.lines().size());
+}
+
+TEST_F(CmCondition, Wait_HasNoLimitForHugeTimeouts) {
+    const CCmTimeValue atvHuge[] = {
+        CCmTimeValue::s_tvMax,
+        CCmTimeValue::s_tvMax - CCmTimeValue(1700000000),
+        CCmTimeValue(10000000000),
+        CCmTimeValue(1000000000000000),
+    };
+    for (const CCmTimeValue& tvTimeout : atvHuge) {
+        std::atomic<bool> bWoken{false};
+        CmResult rv = CM_ERROR_UNEXPECTED;
+        std::thread waiter([&] {
+            CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
+            CCmTimeValue tvCopy = tvTimeout;
+            rv = m_Condition.Wait(&tvCopy);
+            bWoken = true;
+        });
+        SleepAMoment();
+        EXPECT_FALSE(bWoken);
+        while (!bWoken) {
+            CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
+            m_Condition.Broadcast();
+        }
+        waiter.join();
+        EXPECT_EQ(CM_OK, rv);
+    }
+    EXPECT_EQ(0u, m_sink.lines().size());
+}
+
+timespec g_tsDeadline;
+
+int RememberDeadline(pthread_cond_t*, pthread_mutex_t*, const timespec* aDeadline) {
+    g_tsDeadline = *aDeadline;
+    return 0;
+}
+
+int TimeOfDay(timeval* aTv, void* /*aZone*/) {
+    *aTv = timeval{1000000000, 700000};
+    return 0;
+}
+
+TEST_F(CmCondition, Wait_DeadlineIsWallClockPlusTimeout) {
+    kelto_test::ScopedEntry<int (*)(timeval*, void*)> clock(g_cmSystem.gettimeofday, TimeOfDay);
+    kelto_test::ScopedEntry<int (*)(pthread_cond_t*, pthread_mutex_t*, const timespec*)> wait(
+        g_cmSystem.pthread_cond_timedwait, RememberDeadline);
+    EXPECT_EQ(CM_OK, WaitFor(CCmTimeValue(2, 600000)));
+    EXPECT_EQ(1000000003, g_tsDeadline.tv_sec);
+    EXPECT_EQ(300000000, g_tsDeadline.tv_nsec);
+}
+
+TEST_F(CmCondition, Wait_DeadlineIsAlwaysAValidRecord) {
+    kelto_test::ScopedEntry<int (*)(pthread_cond_t*, pthread_mutex_t*, const timespec*)> wait(
+        g_cmSystem.pthread_cond_timedwait, RememberDeadline);
+    for (const CCmTimeValue& tvTimeout :
+         {CCmTimeValue(-9000000000, -1), CCmTimeValue(LONG_MIN, -999999), CCmTimeValue::s_tvMax}) {
+        EXPECT_EQ(CM_OK, WaitFor(tvTimeout));
+        EXPECT_GE(g_tsDeadline.tv_sec, 0);
+        EXPECT_GE(g_tsDeadline.tv_nsec, 0);
+        EXPECT_LT(g_tsDeadline.tv_nsec, 1000000000);
+    }
+}
+
+// ---- Event ----
+
+constexpr signed char MANUAL = 1;
+constexpr signed char AUTO = 0;
+
+TEST(CmEvent, Manual_LetsEveryWaitThroughUntilPulse) {
+    CCmEventThread event(MANUAL, 0, "name");
+    EXPECT_EQ(CM_OK, event.Signal());
+    EXPECT_EQ(CM_OK, event.Wait(nullptr));
+    EXPECT_EQ(CM_OK, event.Wait(nullptr));
+    EXPECT_EQ(CM_OK, WaitShortly(event));
+    EXPECT_EQ(CM_OK, event.Pulse());
+    EXPECT_EQ(CM_ERROR_TIMEOUT, WaitShortly(event));
+}
+
+TEST(CmEvent, Manual_SignalWakesEveryWaiter) {
+    CCmEventThread event(MANUAL, 0, nullptr);
+    Waiters waiters(event, 3);
+    EXPECT_EQ(CM_OK, event.Signal());
+    waiters.ExpectPassed(3);
+}
+
+TEST(CmEvent, Manual_PulseWakesEveryWaiterAndStaysUnsignalled) {
+    CCmEventThread event(MANUAL, 0, nullptr);
+    Waiters waiters(event, 3);
+    EXPECT_EQ(CM_OK, event.Pulse());
+    waiters.ExpectPassed(3);
+    EXPECT_EQ(CM_ERROR_TIMEOUT, WaitShortly(event));
+}
+
+TEST(CmEvent, Auto_SignalLetsOneLaterWaitThrough) {
+    CCmEventThread event(AUTO, 0, nullptr);
+    EXPECT_EQ(CM_OK, event.Signal());
+    EXPECT_EQ(CM_OK, event.Wait(nullptr));
+    EXPECT_EQ(CM_ERROR_TIMEOUT, WaitShortly(event));
+}
+
+TEST(CmEvent, Auto_SignalsDoNotAddUp) {
+    CCmEventThread event(AUTO, 0, nullptr);
+    EXPECT_EQ(CM_OK, event.Signal());
+    EXPECT_EQ(CM_OK, event.Signal());
+    EXPECT_EQ(CM_OK, WaitShortly(event));
+    EXPECT_EQ(CM_ERROR_TIMEOUT, WaitShortly(event));
+}
+
+TEST(CmEvent, Auto_SignalWakesOneOfTwoWaiters) {
+    CCmEventThread event(AUTO, 0, nullptr);
+    Waiters waiters(event, 2);
+    EXPECT_EQ(CM_OK, event.Signal());
+    waiters.ExpectPassed(1);
+    EXPECT_EQ(CM_OK, event.Signal());
+    waiters.ExpectPassed(2);
+    // The signals went to waiters and left nothing behind.
+    EXPECT_EQ(CM_ERROR_TIMEOUT, WaitShortly(event));
+}
+
+TEST(CmEvent, Auto_PulseClearsAndWakesNobodyLater) {
+    CCmEventThread event(AUTO, 1, nullptr);
+    EXPECT_EQ(CM_OK, event.Pulse());
+    EXPECT_EQ(CM_ERROR_TIMEOUT, WaitShortly(event));
+}
+
+TEST(CmEvent, Auto_PulseWakesOneWaiter) {
+    CCmEventThread event(AUTO, 0, nullptr);
+    Waiters waiters(event, 2);
+    EXPECT_EQ(CM_OK, event.Pulse());
+    waiters.ExpectPassed(1);
+    EXPECT_EQ(CM_OK, event.Pulse());
+    waiters.ExpectPassed(2);
+}
+
+TEST(CmEvent, Constructor_TakesTheInitialState) {
+    CCmEventThread automatic(AUTO, 1, nullptr);
+    EXPECT_EQ(CM_OK, WaitShortly(automatic));
+    EXPECT_EQ(CM_ERROR_TIMEOUT, WaitShortly(automatic));
+    CCmEventThread manual(MANUAL, 1, nullptr);
+    EXPECT_EQ(CM_OK, WaitShortly(manual));
+    EXPECT_EQ(CM_OK, WaitShortly(manual));
+}
+
+TEST(CmEvent, Reset_FailsAndChangesNothing) {
+    CCmEventThread signalled(MANUAL, 1, nullptr);
+    EXPECT_EQ(CM_ERROR_FAILURE, signalled.Reset());
+    EXPECT_EQ(CM_OK, WaitShortly(signalled));
+    CCmEventThread unsignalled(AUTO, 0, nullptr);
+    EXPECT_EQ(CM_ERROR_FAILURE, unsignalled.Reset());
+    EXPECT_EQ(CM_ERROR_TIMEOUT, WaitShortly(unsignalled));
+}
+
+TEST(CmEvent, Wait_WithZeroTimeoutEndsAtOnce) {
+    ScopedTraceSink sink;
+    CCmEventThread event(AUTO, 0, nullptr);
+    CCmTimeValue tvZero;
+    const Clock::time_point start = Clock::now();
+    EXPECT_EQ(CM_ERROR_TIMEOUT, event.Wait(&tvZero));
+    EXPECT_LT(MsSince(start), 2000);
+    EXPECT_EQ(0u, sink.lines().size());
+}
+
+TEST(CmEvent, Wait_AfterATimeoutIsNoWaiterAnyMore) {
+    CCmEventThread event(AUTO, 0, nullptr);
+    EXPECT_EQ(CM_ERROR_TIMEOUT, WaitShortly(event));
+    EXPECT_EQ(CM_OK, event.Signal());
+    EXPECT_EQ(CM_OK, WaitShortly(event));
+}
+
+TEST(CmEvent, Wait_WokenThreadLeavesTheStateAlone) {
+    // A broadcast reaches the waiter of a manual event; the event stays open for others.
+    CCmEventThread event(MANUAL, 0, nullptr);
+    Waiters waiters(event, 1);
+    EXPECT_EQ(CM_OK, event.Signal());
+    waiters.ExpectPassed(1);
+    EXPECT_EQ(CM_OK, WaitShortly(event));
+}
+
+TEST(CmEvent, Wait_ReturnsTheFailureOfTheCondition) {
+    ScopedTraceSink sink;
+    CCmEventThread event(AUTO, 0, nullptr);
+    FailingCall<&CCmSystemTable::pthread_cond_wait> fault(EINVAL, EINVAL);
+    EXPECT_EQ(CM_ERROR_FAILURE, event.Wait(nullptr));
+    EXPECT_EQ(1u, sink.count("CCmConditionVariableThread::Wait, pthread_cond_wait() failed!"));
+}
+
+TEST(CmEvent, Signal_ReturnsTheFailureOfTheCondition) {
+    ScopedTraceSink sink;
+    CCmEventThread event(MANUAL, 0, nullptr);
+    FailingCall<&CCmSystemTable::pthread_cond_broadcast> fault(EINVAL, EINVAL);
+    EXPECT_EQ(CM_ERROR_FAILURE, event.Signal());
+    EXPECT_EQ(CM_OK, WaitShortly(event));  // the state was set before
+}
+
+void ExpectLockAssertion(const ScopedTraceSink& aSink) {
+    ASSERT_EQ(1u, aSink.lines().size());
+    const std::string sLine = aSink.lines()[0].text;
+    EXPECT_EQ(0u, aSink.lines()[0].level);
+    const std::string sStart = "UTIL ERROR: source/util/CmConditionVariable.cpp:";
+    const std::string sEnd = " Assert failed: CM_SUCCEEDED(rv)";
+    EXPECT_EQ(sStart, sLine.substr(0, sStart.size()));
+    EXPECT_EQ(sEnd, sLine.substr(sLine.size() - sEnd.size()));
+}
+
+TEST(CmEvent, Wait_WithoutItsMutexFails) {
+    ScopedTraceSink sink;
+    CCmEventThread event(AUTO, 1, nullptr);
+    {
+        FailingCall<&CCmSystemTable::pthread_mutex_lock> fault(EINVAL, EINVAL);
+        EXPECT_EQ(CM_ERROR_FAILURE, event.Wait(nullptr));
+    }
+    ExpectLockAssertion(sink);
+    EXPECT_EQ(CM_OK, WaitShortly(event));  // the signal is still there
+}
+
+TEST(CmEvent, Signal_WithoutItsMutexFails) {
+    ScopedTraceSink sink;
+    CCmEventThread event(AUTO, 0, nullptr);
+    {
+        FailingCall<&CCmSystemTable::pthread_mutex_lock> fault(EINVAL, EINVAL);
+        EXPECT_EQ(CM_ERROR_FAILURE, event.Signal());
+    }
+    ExpectLockAssertion(sink);
+    EXPECT_EQ(CM_ERROR_TIMEOUT, WaitShortly(event));
+}
+
+TEST(CmEvent, Pulse_WithoutItsMutexFails) {
+    ScopedTraceSink sink;
+    CCmEventThread event(MANUAL, 1, nullptr);
+    {
+        FailingCall<&CCmSystemTable::pthread_mutex_lock> fault(EINVAL, EINVAL);
+        EXPECT_EQ(CM_ERROR_FAILURE, event.Pulse());
+    }
+    ExpectLockAssertion(sink);
+    EXPECT_EQ(CM_OK, WaitShortly(event));
+}
+
+void* WaitOnEvent(void* aEvent) {
+    static_cast<CCmEventThread*>(aEvent)->Wait(nullptr);
+    return nullptr;
+}
+
+TEST(CmEvent, Wait_CancelledThreadIsNoWaiterAnyMore) {
+    CCmEventThread event(AUTO, 0, nullptr);
+    pthread_t thread;
+    ASSERT_EQ(0, pthread_create(&thread, nullptr, WaitOnEvent, &event));
+    SleepAMoment();
+    ASSERT_EQ(0, pthread_cancel(thread));
+    void* pResult = nullptr;
+    ASSERT_EQ(0, pthread_join(thread, &pResult));
+    EXPECT_EQ(PTHREAD_CANCELED, pResult);
+    // The mutex is free, and the signal is kept for the next wait as nobody waits.
+    EXPECT_EQ(CM_OK, event.Signal());
+    EXPECT_EQ(CM_OK, WaitShortly(event));
+}
+
+TEST(CmEvent, Stress_HandsOverEverySignal) {
+    constexpr int ROUNDS = 2000;
+    CCmEventThread ping(AUTO, 0, nullptr);
+    CCmEventThread pong(AUTO, 0, nullptr);
+    std::atomic<int> nTurn{0};
+    std::thread other([&] {
+        for (int i = 0; i < ROUNDS; ++i) {
+            while (nTurn != 2 * i + 1) {
+                WaitShortly(ping);
+            }
+            nTurn = 2 * i + 2;
+            pong.Signal();
+        }
+    });
+    for (int i = 0; i < ROUNDS; ++i) {
+        nTurn = 2 * i + 1;
+        ping.Signal();
+        while (nTurn != 2 * i + 2) {
+            WaitShortly(pong);
+        }
+    }
+    other.join();
+    EXPECT_EQ(2 * ROUNDS, nTurn);
+}
+
+// ---- Counter ----
+
+TEST(CmAtomicOperation, Operators_ReturnTheNewValue) {
+    CCmAtomicOperationT<CCmMutexThread> counter;
+    EXPECT_EQ(0, counter.value());
+    EXPECT_EQ(1, ++counter);
+    EXPECT_EQ(2, ++counter);
+    EXPECT_EQ(1, --counter);
+    EXPECT_EQ(0, --counter);
+    EXPECT_EQ(-1, --counter);
+    static_assert(std::is_same_v<long, decltype(++counter)>);
+}
+
+TEST(CmAtomicOperation, Counters_NameOneMutexByDefault) {
+    CCmAtomicOperationT<CCmMutexThread> first;
+    CCmAtomicOperationT<CCmMutexThread> second(5);
+    EXPECT_EQ(&s_ReferenceControlMutexThread, &first.mutex());
+    EXPECT_EQ(&s_ReferenceControlMutexThread, &second.mutex());
+    EXPECT_EQ(5, second.value());
+    CCmMutexThread mutex;
+    CCmAtomicOperationT<CCmMutexThread> third(0, mutex);
+    EXPECT_EQ(&mutex, &third.mutex());
+}
+
+TEST(CmAtomicOperation, Count_IsExactFromEightThreads) {
+    constexpr int ROUNDS = 20000;
+    CCmAtomicOperationT<CCmMutexThread> counter;
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 8; ++i) {
+        threads.emplace_back([&counter] {
+            for (int n = 0; n < ROUNDS; ++n) {
+                ++counter;
+                ++counter;
+                --counter;
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(8 * ROUNDS, counter.value());
+}
+
+// ---- Threads ----
+
+TEST(CmThreadIdentity, Functions_TellThreadsApart) {
+    const pthread_t self = GetThreadSelfId();
+    EXPECT_TRUE(IsThreadEqual(self, pthread_self()));
+    EXPECT_TRUE(IsEqualCurrentThread(self));
+    OnAnotherThread([self] {
+        EXPECT_FALSE(IsEqualCurrentThread(self));
+        EXPECT_FALSE(IsThreadEqual(self, GetThreadSelfId()));
+    });
 }
 
 }  // namespace

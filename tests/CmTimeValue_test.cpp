@@ -1,12 +1,163 @@
 #include "CmTimeValue.h"
 
 #include <gtest/gtest.h>
+#include <sys/time.h>
+
+#include <climits>
+#include <type_traits>
+
+#include "support/Clock.h"
 
 namespace UTIL_NS {
 namespace {
 
+constexpr long MAX_SEC = 9223372036854775807;
+
+void ExpectFields(long aSec, long aUsec, const CCmTimeValue& aValue) {
+    EXPECT_EQ(aSec, aValue.GetSec());
+    EXPECT_EQ(aUsec, aValue.GetUsec());
+}
+
 TEST(CmTimeValue, Normalize_CarriesWholeSeconds) {
-    EXPECT_EQ(CCmTimeValue(2, 500000), CCmTimeValue(0, 2500000));
+    ExpectFields(2, 500000, CCmTimeValue(0, 2500000));
+}
+
+TEST(CmTimeValue, Normalize_CarriesWholeSecondsTowardsNegative) {
+    ExpectFields(-2, -500000, CCmTimeValue(0, -2500000));
+}
+
+TEST(CmTimeValue, Normalize_BorrowsFromPositiveSeconds) {
+    ExpectFields(0, 999999, CCmTimeValue(1, -1));
+}
+
+TEST(CmTimeValue, Normalize_BorrowsFromNegativeSeconds) {
+    ExpectFields(0, -999999, CCmTimeValue(-1, 1));
+}
+
+TEST(CmTimeValue, Normalize_LeavesNormalisedAlone) {
+    ExpectFields(5, 999999, CCmTimeValue(5, 999999));
+    ExpectFields(-1, -500000, CCmTimeValue(-1, -500000));
+    ExpectFields(0, -999999, CCmTimeValue(0, -999999));
+}
+
+TEST(CmTimeValue, Normalize_CarriesExactlyOneSecond) {
+    ExpectFields(1, 0, CCmTimeValue(0, 1000000));
+    ExpectFields(-1, 0, CCmTimeValue(0, -1000000));
+}
+
+TEST(CmTimeValue, Normalize_CarriesAndThenFixesTheSign) {
+    ExpectFields(2, 500000, CCmTimeValue(5, -2500000));
+    ExpectFields(-2, -500000, CCmTimeValue(-5, 2500000));
+    ExpectFields(-1, -500000, CCmTimeValue(1, -2500000));
+}
+
+TEST(CmTimeValue, Normalize_TakesTheLargestMicroseconds) {
+    ExpectFields(9223372036854, 775807, CCmTimeValue(0, LONG_MAX));
+    ExpectFields(-9223372036854, -775808, CCmTimeValue(0, LONG_MIN));
+}
+
+TEST(CmTimeValue, Normalize_SaturatesAtBothEnds) {
+    ExpectFields(MAX_SEC, 999999, CCmTimeValue(MAX_SEC, 1000000));
+    ExpectFields(-MAX_SEC, -999999, CCmTimeValue(LONG_MIN, -1000000));
+}
+
+TEST(CmTimeValue, Constants_AreZeroAndTheLargestValue) {
+    ExpectFields(0, 0, CCmTimeValue::s_tvZero);
+    ExpectFields(9223372036854775807, 999999, CCmTimeValue::s_tvMax);
+    EXPECT_EQ(CCmTimeValue(), CCmTimeValue::s_tvZero);
+    EXPECT_EQ(CCmTimeValue::s_tvZero, get_tvZero());
+    EXPECT_EQ(CCmTimeValue::s_tvMax, get_tvMax());
+}
+
+TEST(CmTimeValue, Max_IsGreaterThanEveryOther) {
+    EXPECT_GT(CCmTimeValue::s_tvMax, CCmTimeValue(MAX_SEC, 999998));
+    EXPECT_GT(CCmTimeValue::s_tvMax, CCmTimeValue(MAX_SEC - 1, 999999));
+    EXPECT_GT(CCmTimeValue::s_tvMax, CCmTimeValue::s_tvZero);
+    EXPECT_GT(CCmTimeValue::s_tvMax, CCmTimeValue(LONG_MIN, 0));
+}
+
+TEST(CmTimeValue, Fields_AreTwoLongs) {
+    static_assert(std::is_same_v<long, decltype(CCmTimeValue().GetSec())>);
+    static_assert(std::is_same_v<long, decltype(CCmTimeValue().GetUsec())>);
+    EXPECT_EQ(16u, sizeof(CCmTimeValue));
+}
+
+TEST(CmTimeValue, Add_NormalisesTheSum) {
+    ExpectFields(4, 200000, CCmTimeValue(1, 600000) + CCmTimeValue(2, 600000));
+    ExpectFields(0, 900000, CCmTimeValue(1, 500000) + CCmTimeValue(0, -600000));
+    CCmTimeValue tvSum(1, 999999);
+    tvSum += CCmTimeValue(0, 1);
+    ExpectFields(2, 0, tvSum);
+}
+
+TEST(CmTimeValue, Subtract_NormalisesTheDifference) {
+    ExpectFields(0, 900000, CCmTimeValue(3, 500000) - CCmTimeValue(2, 600000));
+    ExpectFields(0, -900000, CCmTimeValue(2, 600000) - CCmTimeValue(3, 500000));
+    CCmTimeValue tvDifference(2, 0);
+    tvDifference -= CCmTimeValue(0, 1);
+    ExpectFields(1, 999999, tvDifference);
+}
+
+TEST(CmTimeValue, Add_SaturatesAtBothEnds) {
+    EXPECT_EQ(CCmTimeValue::s_tvMax, CCmTimeValue(1700000000, 5) + CCmTimeValue::s_tvMax);
+    EXPECT_EQ(CCmTimeValue::s_tvMax, CCmTimeValue(MAX_SEC, 600000) + CCmTimeValue(0, 600000));
+    ExpectFields(-MAX_SEC, -999999, CCmTimeValue(-MAX_SEC, 0) + CCmTimeValue(-MAX_SEC, 0));
+}
+
+TEST(CmTimeValue, Add_OfItselfSaturatesInItsOwnDirection) {
+    CCmTimeValue tvLarge = CCmTimeValue::s_tvMax;
+    tvLarge += tvLarge;
+    EXPECT_EQ(CCmTimeValue::s_tvMax, tvLarge);
+    CCmTimeValue tvSmall(-MAX_SEC, -1);
+    tvSmall += tvSmall;
+    ExpectFields(-MAX_SEC, -999999, tvSmall);
+}
+
+TEST(CmTimeValue, Subtract_SaturatesAtBothEnds) {
+    EXPECT_EQ(CCmTimeValue::s_tvMax, CCmTimeValue(1, 0) - CCmTimeValue(-MAX_SEC, 0));
+    ExpectFields(-MAX_SEC, -999999, CCmTimeValue(-5, 0) - CCmTimeValue::s_tvMax);
+}
+
+TEST(CmTimeValue, Subtract_OfItselfIsZero) {
+    CCmTimeValue tvValue(-3, -700000);
+    tvValue -= tvValue;
+    EXPECT_EQ(CCmTimeValue::s_tvZero, tvValue);
+}
+
+TEST(CmTimeValue, Compare_IsLexicographic) {
+    const CCmTimeValue tvSmall(1, 999999);
+    const CCmTimeValue tvLarge(2, 0);
+    EXPECT_TRUE(tvSmall < tvLarge);
+    EXPECT_TRUE(tvSmall <= tvLarge);
+    EXPECT_TRUE(tvSmall != tvLarge);
+    EXPECT_FALSE(tvSmall > tvLarge);
+    EXPECT_FALSE(tvSmall >= tvLarge);
+    EXPECT_FALSE(tvSmall == tvLarge);
+    EXPECT_TRUE(CCmTimeValue(1, 1) > CCmTimeValue(1, 0));
+    EXPECT_TRUE(CCmTimeValue(1, 1) >= CCmTimeValue(1, 1));
+    EXPECT_TRUE(CCmTimeValue(1, 1) <= CCmTimeValue(1, 1));
+    EXPECT_TRUE(CCmTimeValue(-1, -1) < CCmTimeValue(-1, 0));
+}
+
+TEST(CmTimeValue, ToTimeSpec_MultipliesTheMicroseconds) {
+    const timespec ts = CCmTimeValue(3, 250001).ToTimeSpec();
+    EXPECT_EQ(3, ts.tv_sec);
+    EXPECT_EQ(250001000, ts.tv_nsec);
+}
+
+TEST(CmTimeValue, GetTimeOfDay_ReadsTheClock) {
+    kelto_test::ScopedClock clock(1234567890, 987654);
+    ExpectFields(1234567890, 987654, CCmTimeValue::GetTimeOfDay());
+}
+
+TEST(CmTimeValue, GetTimeOfDay_IsTheSystemsTime) {
+    timeval tvBefore = {};
+    gettimeofday(&tvBefore, nullptr);
+    const CCmTimeValue tvNow = CCmTimeValue::GetTimeOfDay();
+    timeval tvAfter = {};
+    gettimeofday(&tvAfter, nullptr);
+    EXPECT_LE(CCmTimeValue(tvBefore), tvNow);
+    EXPECT_LE(tvNow, CCmTimeValue(tvAfter));
 }
 
 }  // namespace

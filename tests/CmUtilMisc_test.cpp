@@ -1,0 +1,91 @@
+#include "CmUtilMisc.h"
+
+#include <errno.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+
+#include "support/Faults.h"
+#include "support/SignalStorm.h"
+#include "support/TraceSink.h"
+
+namespace UTIL_NS {
+namespace {
+
+using kelto_test::FailingCall;
+
+TEST(CmUtilMisc, InitAndCleanup_ChangeNothing) {
+    kelto_test::ScopedTraceSink sink;
+    const long lLive = kelto_test::LiveAllocations();
+    CmUtilInit();
+    CmUtilInit();
+    CmUtilCleanup();
+    CmUtilCleanup();
+    CmUtilCleanup();
+    EXPECT_EQ(lLive, kelto_test::LiveAllocations());
+    EXPECT_EQ(0u, sink.lines().size());
+}
+
+TEST(CmUtilMisc, GetSingletonMutex_GivesTheRecursiveOne) {
+    void* pMutex = nullptr;
+    GetSingletonMutex(&pMutex);
+    EXPECT_EQ(&g_SingletonMutex, pMutex);
+}
+
+TEST(CmUtilMisc, GetSingletonMutex_IgnoresNull) {
+    GetSingletonMutex(nullptr);
+}
+
+TEST(CmUtilMisc, SleepMs_SleepsItsTime) {
+    const auto start = std::chrono::steady_clock::now();
+    SleepMs(50);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(50));
+}
+
+TEST(CmUtilMisc, SleepMs_SleepsItsTimeUnderASignalStorm) {
+    kelto_test::ScopedTraceSink sink;
+    kelto_test::SignalStorm storm;
+    const auto start = std::chrono::steady_clock::now();
+    SleepMs(1500);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1500));
+    EXPECT_GT(storm.delivered(), 10u);
+    EXPECT_EQ(0u, sink.lines().size());
+}
+
+timespec g_tsRequest;
+
+int RememberRequest(const timespec* aRequest, timespec* /*aRemain*/) {
+    g_tsRequest = *aRequest;
+    return 0;
+}
+
+TEST(CmUtilMisc, SleepMs_SplitsItsTimeIntoSecondsAndNanoseconds) {
+    kelto_test::ScopedEntry<int (*)(const timespec*, timespec*)> entry(g_cmSystem.nanosleep,
+                                                                       RememberRequest);
+    SleepMs(4294967295u);
+    EXPECT_EQ(4294967, g_tsRequest.tv_sec);
+    EXPECT_EQ(295000000, g_tsRequest.tv_nsec);
+}
+
+TEST(CmUtilMisc, SleepMs_OtherFailureIsTracedAndEndsTheSleep) {
+    kelto_test::ScopedTraceSink sink;
+    FailingCall<&CCmSystemTable::nanosleep> fault(EINVAL);
+    SleepMs(100000);
+    EXPECT_EQ(1u, fault.calls());
+    ASSERT_EQ(1u, sink.lines().size());
+    EXPECT_EQ(10u, sink.lines()[0].level);
+    EXPECT_EQ("UTIL WARNING: ::SleepMs,nanosleep() failed! err=22", sink.lines()[0].text);
+}
+
+TEST(CmUtilMisc, SleepMs_GoesOnAfterAnInterruption) {
+    kelto_test::ScopedTraceSink sink;
+    FailingCall<&CCmSystemTable::nanosleep> interruption(EINTR);
+    const auto start = std::chrono::steady_clock::now();
+    SleepMs(30);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(30));
+    EXPECT_EQ(2u, interruption.calls());
+    EXPECT_EQ(0u, sink.lines().size());
+}
+
+}  // namespace
+}  // namespace UTIL_NS
