@@ -11,6 +11,14 @@
 // Marks what the shared library exports; everything else is hidden.
 #define CM_UTIL_EXPORT __attribute__((visibility("default")))
 
+// Marks a static object that the compiler must initialise, so that it may be used before any other
+// static object is constructed.
+#if defined(__clang__)
+#define CM_CONSTANT_INIT [[clang::require_constant_initialization]]
+#else
+#define CM_CONSTANT_INIT __constinit
+#endif
+
 #define CM_LIKELY(x) __builtin_expect(!!(x), 1)
 #define CM_UNLIKELY(x) __builtin_expect(!!(x), 0)
 

@@ -42,7 +42,7 @@ class CCmWaiterCount {
 
 }  // namespace
 
-CCmMutexThread s_ReferenceControlMutexThread{CCmStaticInit()};
+CM_CONSTANT_INIT CCmMutexThread s_ReferenceControlMutexThread{CCmStaticInit()};
 
 int CCmMutexThreadBase::Init(int aType) {
     pthread_mutexattr_t attribute;

@@ -4,8 +4,8 @@
 
 namespace UTIL_NS {
 
-const CCmTimeValue CCmTimeValue::s_tvZero;
-const CCmTimeValue CCmTimeValue::s_tvMax(INT64_MAX, ONE_SECOND_IN_USECS - 1);
+CM_CONSTANT_INIT const CCmTimeValue CCmTimeValue::s_tvZero;
+CM_CONSTANT_INIT const CCmTimeValue CCmTimeValue::s_tvMax(INT64_MAX, ONE_SECOND_IN_USECS - 1);
 
 CCmTimeValue CCmTimeValue::GetTimeOfDay() {
     timeval tvNow = {};

@@ -4,7 +4,7 @@
 
 namespace UTIL_NS {
 
-std::atomic<UtilTraceSink> g_util_trace_sink{nullptr};
+CM_CONSTANT_INIT std::atomic<UtilTraceSink> g_util_trace_sink{nullptr};
 
 namespace {
 

@@ -27,7 +27,7 @@ void CCmStopFlag::SetStopFlag() {
     m_bStopFlag.store(true, std::memory_order_relaxed);
 }
 
-CCmCleanUpBase* CCmCleanUpBase::s_pHeader = nullptr;
+CM_CONSTANT_INIT CCmCleanUpBase* CCmCleanUpBase::s_pHeader = nullptr;
 
 CCmCleanUpBase::CCmCleanUpBase() {
     CCmScopedLockT<CCmMutexThreadRecursive> lock(g_SingletonMutex);

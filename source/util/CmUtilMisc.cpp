@@ -7,7 +7,7 @@
 
 namespace UTIL_NS {
 
-CCmMutexThreadRecursive g_SingletonMutex{CCmStaticInit()};
+CM_CONSTANT_INIT CCmMutexThreadRecursive g_SingletonMutex{CCmStaticInit()};
 
 }  // namespace UTIL_NS
 
