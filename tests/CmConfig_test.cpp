@@ -7,9 +7,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <filesystem>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "CmProcessName.h"
@@ -642,6 +644,24 @@ TEST(CmConfigParam, ChangedFile_TakesEffectAtOnce) {
     EXPECT_EQ(0, get_int_param("s", "k"));
 }
 
+TEST(CmConfigParam, ManyThreads_MayLookUp) {
+    ScopedHome home;
+    home.WriteConfig("[s]\nk=12\n");
+    std::vector<std::thread> threads;
+    std::atomic<int> nSum{0};
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([&] {
+            for (int j = 0; j < 100; ++j) {
+                nSum += get_int_param("s", "k") + static_cast<int>(strlen(get_exec_name()));
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(4 * 100 * 13, nSum.load());
+}
+
 // ---- CCmConfigInitFile
 
 TEST(CmConfigInitFile, Getters_Parse) {
@@ -754,9 +774,9 @@ class CmConfigHome : public testing::Test {
     CmConfigHome() { memcpy(m_achHome, g_def_kelto_home_dir, sizeof(m_achHome)); }
     ~CmConfigHome() override { memcpy(g_def_kelto_home_dir, m_achHome, sizeof(m_achHome)); }
 
-    std::string PathWithHome(const char* aHome) {
+    std::string PathWithHome(const std::string& aHome) {
         memset(g_def_kelto_home_dir, 0, sizeof(g_def_kelto_home_dir));
-        memcpy(g_def_kelto_home_dir, aHome, strnlen(aHome, sizeof(g_def_kelto_home_dir)));
+        aHome.copy(g_def_kelto_home_dir, sizeof(g_def_kelto_home_dir));
         char szPath[CM_CONFIG_PATH_SIZE];
         memset(szPath, 'x', sizeof(szPath));
         get_config_file_name(szPath);
