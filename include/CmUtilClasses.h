@@ -1,4 +1,5 @@
-// Small classes that others build on: thread binding, the stop flag, the clean-up registry.
+// Small classes that others build on: thread binding, the stop flag, the clean-up registry, the
+// cursor over memory.
 #ifndef CM_UTIL_CLASSES_H
 #define CM_UTIL_CLASSES_H
 
@@ -60,6 +61,26 @@ class CM_UTIL_EXPORT CCmCleanUpBase {
   private:
     CCmCleanUpBase* m_pNext;
     static CCmCleanUpBase* s_pHeader;  // guarded by g_SingletonMutex
+};
+
+// A cursor over memory of the caller's, which it neither owns nor copies. Reading and writing
+// advance independently, both up to the end of the memory: what is read need not have been
+// written through the cursor. One thread at a time.
+//
+// CM_OK, or CM_ERROR_PARTIAL_DATA when fewer than aCount bytes were left. CM_ERROR_INVALID_ARG:
+// aDst or aSrc is null. CM_ERROR_NOT_INITIALIZED: the cursor has no memory. Out-counts may be null.
+class CM_UTIL_EXPORT CCmDataBlockNoMalloc {
+  public:
+    CCmDataBlockNoMalloc(const char* aData, unsigned int aLen);
+
+    CmResult Read(void* aDst, unsigned int aCount, unsigned int* aBytesRead);
+    CmResult Write(const void* aSrc, unsigned int aCount, unsigned int* aBytesWritten);
+
+  private:
+    [[maybe_unused]] const char* m_pBegin;
+    const char* m_pEnd;  // one past the last byte
+    const char* m_pCurrentRead;
+    char* m_pCurrentWrite;
 };
 
 }  // namespace UTIL_NS

@@ -1,4 +1,4 @@
-// The library's entry points, the singleton mutex and sleeping.
+// The library's entry points, the singleton mutex, sleeping and CRC-16.
 #ifndef CM_UTIL_MISC_H
 #define CM_UTIL_MISC_H
 
@@ -9,6 +9,32 @@ namespace UTIL_NS {
 
 // Serialises the creation of singletons and the clean-up registry.
 extern CM_UTIL_EXPORT CCmMutexThreadRecursive g_SingletonMutex;
+
+class CCmMessageBlock;
+
+// CRC-16, reflected, polynomial 0x8005: from 0 on it is CRC-16/ARC, from 0xFFFF on CRC-16/MODBUS.
+//
+// The table of the reflected polynomial, in two halves: the low bytes of its entries and the high
+// bytes. Filled before the first calculation.
+extern CM_UTIL_EXPORT unsigned char CRC16_H_TABLE[256];
+extern CM_UTIL_EXPORT unsigned char CRC16_L_TABLE[256];
+CM_UTIL_EXPORT void GenerateCRCTable();
+
+// Its construction fills the tables. Held by CCmSingletonT<CRCTAbleInit>.
+class CM_UTIL_EXPORT CRCTAbleInit {
+  public:
+    CRCTAbleInit();
+};
+
+// Carries aCrc over aLen bytes, so that a checksum may span several calls, and returns it. A
+// null pData returns 0 after an assertion and leaves aCrc. Any thread.
+CM_UTIL_EXPORT unsigned short CalcCRC16(unsigned short& aCrc, unsigned char* pData,
+                                        unsigned int aLen);
+// The same over the readable bytes of a chain, at most aLen; nothing is consumed. Of each block
+// it takes the length modulo 65536. A read-locked block adds nothing to aCrc, though its bytes
+// count.
+CM_UTIL_EXPORT unsigned short CalcCRC16_m(unsigned short& aCrc, CCmMessageBlock& aMb,
+                                          unsigned int aLen);
 
 }  // namespace UTIL_NS
 

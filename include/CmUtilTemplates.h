@@ -174,6 +174,8 @@ CCmSingletonT<T>::~CCmSingletonT() {
     m_psInstance.store(nullptr, std::memory_order_relaxed);
 }
 
+extern template class CCmSingletonT<CRCTAbleInit>;
+
 // The predicate of the trimming templates: the blank (0x20) only; tabs and line ends are kept.
 class CCmIsSpace {
   public:

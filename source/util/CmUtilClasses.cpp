@@ -1,6 +1,10 @@
 #include "CmUtilClasses.h"
 
+#include <algorithm>
+#include <cstring>
+
 #include "CmScopedLock.h"
+#include "CmTrace.h"
 #include "CmUtilMisc.h"
 
 namespace UTIL_NS {
@@ -61,6 +65,41 @@ void CCmCleanUpBase::CleanupAll() {
         s_pHeader = pCurrent->m_pNext;
         pCurrent->CleanUp();
     }
+}
+
+CCmDataBlockNoMalloc::CCmDataBlockNoMalloc(const char* aData, unsigned int aLen)
+    : m_pBegin(aData),
+      m_pEnd(aData != nullptr ? aData + aLen : nullptr),
+      m_pCurrentRead(aData),
+      m_pCurrentWrite(const_cast<char*>(aData)) {}
+
+CmResult CCmDataBlockNoMalloc::Read(void* aDst, unsigned int aCount, unsigned int* aBytesRead) {
+    CM_ASSERTE_RETURN_LINE(aDst, CM_ERROR_INVALID_ARG, 77);
+    CM_ASSERTE_RETURN_LINE(m_pCurrentRead, CM_ERROR_NOT_INITIALIZED, 78);
+    CM_ASSERTE_RETURN_LINE(m_pCurrentRead <= m_pEnd, CM_ERROR_NOT_INITIALIZED, 79);
+    const unsigned int dwRead =
+        std::min(static_cast<unsigned int>(m_pEnd - m_pCurrentRead), aCount);
+    std::memmove(aDst, m_pCurrentRead, dwRead);
+    m_pCurrentRead += dwRead;
+    if (aBytesRead != nullptr) {
+        *aBytesRead = dwRead;
+    }
+    return dwRead == aCount ? CM_OK : CM_ERROR_PARTIAL_DATA;
+}
+
+CmResult CCmDataBlockNoMalloc::Write(const void* aSrc, unsigned int aCount,
+                                     unsigned int* aBytesWritten) {
+    CM_ASSERTE_RETURN_LINE(aSrc, CM_ERROR_INVALID_ARG, 97);
+    CM_ASSERTE_RETURN_LINE(m_pCurrentWrite, CM_ERROR_NOT_INITIALIZED, 98);
+    CM_ASSERTE_RETURN_LINE(m_pCurrentWrite <= m_pEnd, CM_ERROR_NOT_INITIALIZED, 99);
+    const unsigned int dwWritten =
+        std::min(static_cast<unsigned int>(m_pEnd - m_pCurrentWrite), aCount);
+    std::memmove(m_pCurrentWrite, aSrc, dwWritten);
+    m_pCurrentWrite += dwWritten;
+    if (aBytesWritten != nullptr) {
+        *aBytesWritten = dwWritten;
+    }
+    return dwWritten == aCount ? CM_OK : CM_ERROR_PARTIAL_DATA;
 }
 
 }  // namespace UTIL_NS

@@ -1,0 +1,220 @@
+// CRC-16 by carry-less multiplication, on x86-64 processors that have the instruction.
+//
+// The data is a polynomial over one bit, so a block that lies n bits in front of another may be
+// added to it after multiplication by x^n modulo the CRC's polynomial. A long buffer is folded
+// eight blocks at a time, side by side, for the multiplier is pipelined. What is left is carried
+// to the end block by block, again side by side, as a sum of 80 bits, whose remainder is found by
+// multiplication with the reciprocal of the polynomial.
+#include "CmCrc16.h"
+
+#if defined(__x86_64__)
+
+#include <immintrin.h>
+
+#include <cstring>
+
+namespace UTIL_NS {
+
+namespace {
+
+#define CM_TARGET __attribute__((target("pclmul,ssse3")))
+#define CM_TARGET_WIDE __attribute__((target("pclmul,ssse3,avx2,vpclmulqdq")))
+#define CM_INLINE __attribute__((always_inline)) inline
+
+constexpr size_t BLOCK_SIZE = 16;  // bytes
+constexpr size_t FOLDED = 8;       // blocks side by side
+constexpr unsigned int BLOCK_BITS = 128;
+
+// In a reflected number the highest bit is x^0.
+constexpr uint64_t Reflect(uint64_t aValue) {
+    uint64_t ullReflected = 0;
+    for (unsigned int i = 0; i < 64; ++i) {
+        ullReflected |= ((aValue >> i) & 1) << (63 - i);
+    }
+    return ullReflected;
+}
+
+constexpr uint32_t POLYNOMIAL = 0x18005;
+
+// x^aPower modulo the polynomial, reflected.
+constexpr uint64_t PowerOfX(unsigned int aPower) {
+    uint32_t dwRemainder = 1;
+    for (unsigned int i = 0; i < aPower; ++i) {
+        dwRemainder <<= 1;
+        dwRemainder ^= (dwRemainder & 0x10000) != 0 ? POLYNOMIAL : 0;
+    }
+    return Reflect(dwRemainder);
+}
+
+// x^80 divided by the polynomial, without its highest term x^64, reflected.
+constexpr uint64_t Reciprocal() {
+    uint64_t ullQuotient = 0;
+    uint32_t dwRemainder = 0x10000;
+    for (unsigned int i = 0; i <= 64; ++i) {
+        const bool bFits = (dwRemainder & 0x10000) != 0;
+        ullQuotient = (ullQuotient << 1) | (bFits ? 1 : 0);
+        dwRemainder = (bFits ? dwRemainder ^ POLYNOMIAL : dwRemainder) << 1;
+    }
+    return Reflect(ullQuotient);
+}
+
+// What carries the two halves of a block over aBits bits. The first half lies 64 bits further in
+// front; a product of reflected factors comes out multiplied by x, hence one power less.
+struct Factors {
+    uint64_t first;
+    uint64_t second;
+};
+
+constexpr Factors FactorsFor(unsigned int aBits) {
+    return {PowerOfX(aBits + 63), PowerOfX(aBits - 1)};
+}
+
+// [n]: over n blocks and the 16 bits of the register.
+struct CarryTable {
+    Factors factors[2 * FOLDED];
+};
+
+constexpr CarryTable MakeCarryTable() {
+    CarryTable table = {};
+    for (unsigned int n = 0; n < 2 * FOLDED; ++n) {
+        table.factors[n] = FactorsFor(BLOCK_BITS * n + 16);
+    }
+    return table;
+}
+
+alignas(16) constexpr CarryTable CARRY = MakeCarryTable();
+alignas(16) constexpr Factors FOLD = FactorsFor(BLOCK_BITS * FOLDED);
+
+CM_TARGET CM_INLINE __m128i Load(const void* aData) {
+    return _mm_loadu_si128(static_cast<const __m128i*>(aData));
+}
+
+CM_TARGET CM_INLINE __m128i Multiply(__m128i aBlock, __m128i aFactors) {
+    return _mm_xor_si128(_mm_clmulepi64_si128(aBlock, aFactors, 0x00),
+                         _mm_clmulepi64_si128(aBlock, aFactors, 0x11));
+}
+
+// The sum of aCount blocks, carried to the end of the data; aBehind blocks follow them.
+CM_TARGET CM_INLINE __m128i Carry(const unsigned char* aData, size_t aCount, size_t aBehind) {
+    __m128i sum = _mm_setzero_si128();
+    for (size_t i = 0; i < aCount; ++i) {
+        const Factors& factors = CARRY.factors[aBehind + aCount - 1 - i];
+        sum = _mm_xor_si128(sum, Multiply(Load(aData + BLOCK_SIZE * i), Load(&factors)));
+    }
+    return sum;
+}
+
+// Folds eight blocks onto the next eight; aBlocks: where they are, and come to be.
+CM_TARGET void FoldGroups(unsigned char* aBlocks, const unsigned char* aData, size_t aGroups) {
+    const __m128i factors = Load(&FOLD);
+    __m128i r[FOLDED];
+    std::memcpy(r, aBlocks, sizeof(r));
+    for (; aGroups != 0; --aGroups, aData += BLOCK_SIZE * FOLDED) {
+        r[0] = _mm_xor_si128(Multiply(r[0], factors), Load(aData));
+        r[1] = _mm_xor_si128(Multiply(r[1], factors), Load(aData + 16));
+        r[2] = _mm_xor_si128(Multiply(r[2], factors), Load(aData + 32));
+        r[3] = _mm_xor_si128(Multiply(r[3], factors), Load(aData + 48));
+        r[4] = _mm_xor_si128(Multiply(r[4], factors), Load(aData + 64));
+        r[5] = _mm_xor_si128(Multiply(r[5], factors), Load(aData + 80));
+        r[6] = _mm_xor_si128(Multiply(r[6], factors), Load(aData + 96));
+        r[7] = _mm_xor_si128(Multiply(r[7], factors), Load(aData + 112));
+    }
+    std::memcpy(aBlocks, r, sizeof(r));
+}
+
+CM_TARGET_WIDE CM_INLINE __m256i FoldPair(__m256i aPair, __m256i aFactors, const void* aOnto) {
+    const __m256i onto = _mm256_loadu_si256(static_cast<const __m256i*>(aOnto));
+    return _mm256_xor_si256(onto,
+                            _mm256_xor_si256(_mm256_clmulepi64_epi128(aPair, aFactors, 0x00),
+                                             _mm256_clmulepi64_epi128(aPair, aFactors, 0x11)));
+}
+
+// The same with two blocks in a register.
+CM_TARGET_WIDE void FoldGroupsWide(unsigned char* aBlocks, const unsigned char* aData,
+                                   size_t aGroups) {
+    const __m256i factors = _mm256_broadcastsi128_si256(Load(&FOLD));
+    __m256i r[FOLDED / 2];
+    std::memcpy(r, aBlocks, sizeof(r));
+    for (; aGroups != 0; --aGroups, aData += BLOCK_SIZE * FOLDED) {
+        r[0] = FoldPair(r[0], factors, aData);
+        r[1] = FoldPair(r[1], factors, aData + 32);
+        r[2] = FoldPair(r[2], factors, aData + 64);
+        r[3] = FoldPair(r[3], factors, aData + 96);
+    }
+    std::memcpy(aBlocks, r, sizeof(r));
+}
+
+// The remainder of a sum that Carry gave. Its upper 64 bits (of 80) times the reciprocal give the
+// quotient; the sum and the quotient times the polynomial agree but for the remainder.
+CM_TARGET CM_INLINE uint16_t Remainder(__m128i aSum) {
+    const __m128i factors = _mm_set_epi64x(static_cast<long long>(Reflect(POLYNOMIAL & 0xFFFF)),
+                                           static_cast<long long>(Reciprocal()));
+    const __m128i upper = _mm_srli_si128(aSum, 6);
+    const __m128i product = _mm_clmulepi64_si128(upper, factors, 0x00);
+    const __m128i quotient = _mm_xor_si128(upper, _mm_slli_epi64(product, 1));
+    const __m128i multiple = _mm_clmulepi64_si128(quotient, factors, 0x10);
+    const __m128i remainder = _mm_xor_si128(_mm_slli_epi64(multiple, 1), aSum);
+    return static_cast<uint16_t>(_mm_extract_epi16(remainder, 7));
+}
+
+bool HasWideMultiply() {
+    return __builtin_cpu_supports("vpclmulqdq") && __builtin_cpu_supports("avx2");
+}
+
+// The 16 bytes from n on, as a shuffle, move the first n bytes of a block to its end and put zeros
+// in front of them.
+alignas(16) constexpr unsigned char SHUFFLES[32] = {
+    0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80,
+    0,    1,    2,    3,    4,    5,    6,    7,    8,    9,    10,   11,   12,   13,   14,   15};
+
+}  // namespace
+
+bool CmHasCarrylessMultiply() {
+    return __builtin_cpu_supports("pclmul") && __builtin_cpu_supports("ssse3");
+}
+
+CM_TARGET uint16_t CmCrc16ByMultiply(uint16_t aCrc, const unsigned char* aData, size_t aLength) {
+    if (aLength % BLOCK_SIZE == 1) {
+        aCrc = CmCrc16Byte(aCrc, *aData++);
+        --aLength;
+    }
+    // The register is added to the first two bytes; zeros in front of those change nothing, so
+    // an odd length is made up there.
+    const size_t nFirst = aLength % BLOCK_SIZE != 0 ? aLength % BLOCK_SIZE : BLOCK_SIZE;
+    const __m128i front = _mm_shuffle_epi8(_mm_xor_si128(Load(aData), _mm_cvtsi32_si128(aCrc)),
+                                           Load(SHUFFLES + nFirst));
+    aData += nFirst;
+    size_t nBlocks = (aLength - nFirst) / BLOCK_SIZE;
+    if (nBlocks < 2 * FOLDED - 1) {
+        const __m128i first = Multiply(front, Load(&CARRY.factors[nBlocks]));
+        return Remainder(_mm_xor_si128(first, Carry(aData, nBlocks, 0)));
+    }
+    alignas(32) unsigned char blocks[BLOCK_SIZE * FOLDED];
+    std::memcpy(blocks, &front, BLOCK_SIZE);
+    std::memcpy(blocks + BLOCK_SIZE, aData, sizeof(blocks) - BLOCK_SIZE);
+    aData += sizeof(blocks) - BLOCK_SIZE;
+    nBlocks -= FOLDED - 1;
+    const auto pfnFold = HasWideMultiply() ? FoldGroupsWide : FoldGroups;
+    pfnFold(blocks, aData, nBlocks / FOLDED);
+    aData += nBlocks / FOLDED * sizeof(blocks);
+    nBlocks %= FOLDED;
+    return Remainder(_mm_xor_si128(Carry(blocks, FOLDED, nBlocks), Carry(aData, nBlocks, 0)));
+}
+
+}  // namespace UTIL_NS
+
+#else
+
+namespace UTIL_NS {
+
+bool CmHasCarrylessMultiply() {
+    return false;
+}
+
+uint16_t CmCrc16ByMultiply(uint16_t aCrc, const unsigned char* aData, size_t aLength) {
+    return CmCrc16ByTable(aCrc, aData, aLength);
+}
+
+}  // namespace UTIL_NS
+
+#endif
