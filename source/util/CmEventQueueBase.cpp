@@ -295,7 +295,9 @@ CCmEventSynchronous::~CCmEventSynchronous() {
 }
 
 CmResult CCmEventSynchronous::OnEventFire() {
-    if (m_bHasDestoryed.load(std::memory_order_acquire)) {
+    // A sender that gave up has let go, too; its event still runs.
+    if (m_bHasDestoryed.load(std::memory_order_acquire) &&
+        m_nOutcome.load(std::memory_order_relaxed) != OUTCOME_ABANDONED) {
         return CM_OK;
     }
     ICmEvent* pEvent = m_pEvent.load(std::memory_order_relaxed);
