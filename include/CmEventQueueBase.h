@@ -45,8 +45,8 @@ class CM_UTIL_EXPORT ICmEvent {
     pthread_t m_CreatorTid;
 };
 
-// What posters and senders see of a queue. All operations may be called from any thread; a queue
-// must outlive the calls on it.
+// What posters and senders see of a queue. All operations may be called from any thread. A queue
+// must outlive the calls on it, except that it may end while senders wait: they are woken.
 class CM_UTIL_EXPORT ICmEventQueue {
   public:
     // Accepted and ignored: every event is appended at the tail.
@@ -123,8 +123,8 @@ class CM_UTIL_EXPORT CCmEventQueueBase : public ICmEventQueue {
     CCmTimeValue RunAndEnd_i(ICmEvent* aEvent, const CCmTimeValue& aStart);
     // Ends all events of a list that was taken out of the queue, and empties it.
     static void DestoryEvents_i(std::list<ICmEvent*>& aEvents);
-    // Waits until the senders whose events have run no longer touch this queue. The destructor of
-    // every class that overrides PostEvent calls it first.
+    // Waits until no sender touches this queue any more but those that wait for their event, whom
+    // its end wakes. The destructor of every class that overrides PostEvent calls it first.
     void WaitForSenders_i();
 
     std::list<ICmEvent*> m_Events;  // in posting order
@@ -136,8 +136,9 @@ class CM_UTIL_EXPORT CCmEventQueueBase : public ICmEventQueue {
   private:
     friend class CCmEventSynchronous;
 
-    // Senders whose event has run and who have yet to post its wrapper back.
-    std::atomic<long> m_lReturningSenders;
+    // Senders that are posting, and those whose event has run and who have yet to post its wrapper
+    // back; not those that wait.
+    std::atomic<long> m_lBusySenders;
 };
 
 // The wrapper that carries a synchronous send.

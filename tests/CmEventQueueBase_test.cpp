@@ -9,6 +9,7 @@
 
 #include "support/Clock.h"
 #include "support/Events.h"
+#include "support/Eventually.h"
 #include "support/Faults.h"
 #include "support/TraceSink.h"
 
@@ -17,6 +18,7 @@ namespace {
 
 using kelto_test::EndingEvent;
 using kelto_test::EventLog;
+using kelto_test::Eventually;
 using kelto_test::LoggedEvent;
 using kelto_test::MaskAddresses;
 
@@ -39,18 +41,6 @@ void Post(ICmEventQueue& aQueue, EventLog& aLog, int aFirst, int aLast) {
     for (int i = aFirst; i <= aLast; ++i) {
         ASSERT_EQ(CM_OK, aQueue.PostEvent(new LoggedEvent(aLog, i), NORMAL));
     }
-}
-
-template <class Condition>
-bool Eventually(Condition aCondition) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (!aCondition()) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
 }
 
 double MsSince(std::chrono::steady_clock::time_point aStart) {

@@ -10,11 +10,11 @@ namespace UTIL_NS {
 
 namespace {
 
-constexpr long WATCH_INTERVAL_SEC = 3;       // between two looks at the size
-constexpr DWORD LONG_QUEUE_SIZE = 101;       // reported from here on
-constexpr DWORD MAX_SPARES = 256;            // list nodes that a queue keeps
-constexpr int WAKE_TRIES = 3;                // a sender must not miss its wake-up
-constexpr long RETURN_NAP_NSEC = 50 * 1000;  // between two looks for returning senders
+constexpr long WATCH_INTERVAL_SEC = 3;        // between two looks at the size
+constexpr DWORD LONG_QUEUE_SIZE = 101;        // reported from here on
+constexpr DWORD MAX_SPARES = 256;             // list nodes that a queue keeps
+constexpr int WAKE_TRIES = 3;                 // a sender must not miss its wake-up
+constexpr long SENDERS_NAP_NSEC = 50 * 1000;  // between two looks for busy senders
 
 // Ends an event whose thread is cancelled while it fires.
 class CUnwindEnd {
@@ -32,6 +32,22 @@ class CUnwindEnd {
 
   private:
     ICmEvent* m_pEvent;
+};
+
+// Counts a busy sender out; release: whoever finds none left is behind all that it did.
+class CBusyEnd {
+  public:
+    explicit CBusyEnd(std::atomic<long>* aCount) : m_pCount(aCount) {}
+    ~CBusyEnd() {
+        if (m_pCount != nullptr) {
+            m_pCount->fetch_sub(1, std::memory_order_release);
+        }
+    }
+    CBusyEnd(const CBusyEnd&) = delete;
+    CBusyEnd& operator=(const CBusyEnd&) = delete;
+
+  private:
+    std::atomic<long>* m_pCount;
 };
 
 CmResult FireAndEnd(ICmEvent* aEvent) {
@@ -80,7 +96,7 @@ CCmEventQueueBase::CCmEventQueueBase()
       m_tvLastReport(CCmTimeValue::GetTimeOfDay()),
       m_Tid(pthread_t()),
       m_bIsStopped(false),
-      m_lReturningSenders(0) {}
+      m_lBusySenders(0) {}
 
 CCmEventQueueBase::~CCmEventQueueBase() {
     WaitForSenders_i();
@@ -154,7 +170,12 @@ CmResult CCmEventQueueBase::SendEvent(ICmEvent* aEvent) {
         return CM_ERROR_OUT_OF_MEMORY;
     }
     pSynchronous->m_bHoldsQueue = true;
-    const CmResult rv = PostEvent(pSynchronous, EPRIORITY_NORMAL);
+    CmResult rv = CM_OK;
+    {
+        m_lBusySenders.fetch_add(1, std::memory_order_relaxed);
+        CBusyEnd busyEnd(&m_lBusySenders);
+        rv = PostEvent(pSynchronous, EPRIORITY_NORMAL);
+    }
     if (CM_FAILED(rv)) {
         pSynchronous->LetGo_i();  // behind the queue, which has ended the event
         return rv;
@@ -254,9 +275,9 @@ void CCmEventQueueBase::SetStopped() {
 }
 
 void CCmEventQueueBase::WaitForSenders_i() {
-    // Acquire: behind all that a returning sender did with this queue.
-    while (m_lReturningSenders.load(std::memory_order_acquire) != 0) {
-        const timespec tsNap = {0, RETURN_NAP_NSEC};
+    // Acquire: behind all that the senders did with this queue.
+    while (m_lBusySenders.load(std::memory_order_acquire) != 0) {
+        const timespec tsNap = {0, SENDERS_NAP_NSEC};
         g_cmSystem.nanosleep(&tsNap, nullptr);
     }
 }
@@ -340,12 +361,8 @@ CmResult CCmEventSynchronous::WaitResultAndDeleteThis() {
         LetGo_i();
         return rv;
     }
-    CCmEventQueueBase* pQueue = m_pEventQueue;
-    const bool bHoldsQueue = m_bHoldsQueue;
-    pQueue->PostEvent(this, ICmEventQueue::EPRIORITY_NORMAL);  // may free this wrapper at once
-    if (bHoldsQueue) {
-        pQueue->m_lReturningSenders.fetch_sub(1, std::memory_order_release);
-    }
+    CBusyEnd busyEnd(m_bHoldsQueue ? &m_pEventQueue->m_lBusySenders : nullptr);
+    m_pEventQueue->PostEvent(this, ICmEventQueue::EPRIORITY_NORMAL);  // may free this at once
     return rv;
 }
 
@@ -378,13 +395,13 @@ void CCmEventSynchronous::Wake_i() {
 // From the firing until its sender has posted the wrapper back, the queue must not go.
 void CCmEventSynchronous::HoldQueue_i() {
     if (m_bHoldsQueue) {
-        m_pEventQueue->m_lReturningSenders.fetch_add(1, std::memory_order_relaxed);
+        m_pEventQueue->m_lBusySenders.fetch_add(1, std::memory_order_relaxed);
     }
 }
 
 void CCmEventSynchronous::ReleaseQueue_i() {
     if (m_bHoldsQueue) {
-        m_pEventQueue->m_lReturningSenders.fetch_sub(1, std::memory_order_release);
+        m_pEventQueue->m_lBusySenders.fetch_sub(1, std::memory_order_release);
     }
 }
 

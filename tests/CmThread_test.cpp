@@ -1,0 +1,1022 @@
+#include "CmThread.h"
+
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "support/Events.h"
+#include "support/Eventually.h"
+#include "support/Faults.h"
+#include "support/TraceSink.h"
+
+namespace UTIL_NS {
+namespace {
+
+using kelto_test::EndingEvent;
+using kelto_test::EventLog;
+using kelto_test::Eventually;
+using kelto_test::LoggedEvent;
+using kelto_test::MaskAddresses;
+
+typedef std::vector<int> Ids;
+
+constexpr ICmEventQueue::EPriority NORMAL = ICmEventQueue::EPRIORITY_NORMAL;
+constexpr int TYPE = 7;
+constexpr CmResult RESULT = 4711;
+
+size_t RegisteredThreads() {
+    EXPECT_EQ(CM_OK, g_thread_Mutex.Lock());
+    const size_t nThreads = g_threadList.size();
+    g_thread_Mutex.UnLock();
+    return nThreads;
+}
+
+// What a BodyThread did; outlives it.
+struct Life {
+    std::atomic<bool> initialized{false};
+    std::atomic<bool> ran{false};
+    std::atomic<bool> released{false};  // set by the test: the body may end
+    std::atomic<bool> deleted{false};
+};
+
+// Its body waits until it is released.
+class BodyThread : public ACmThread {
+  public:
+    explicit BodyThread(Life& aLife) : m_life(aLife) {}
+    ~BodyThread() override { m_life.deleted = true; }
+    void OnThreadInit() override {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        m_life.initialized = true;
+    }
+    void OnThreadRun() override {
+        m_life.ran = true;
+        Eventually([this] { return m_life.released.load(); });
+    }
+    CCmEventThread* startEvent() const { return m_pEvent; }
+
+  private:
+    Life& m_life;
+};
+
+void EndJoinable(ACmThread* aThread) {
+    aThread->Stop(nullptr);
+    EXPECT_EQ(CM_OK, aThread->Join());
+    EXPECT_EQ(CM_OK, aThread->Destory(0));
+}
+
+TEST(CmThread, HasNoIdentity_BeforeCreate) {
+    Life life;
+    BodyThread thread(life);
+    EXPECT_EQ(pthread_t(0), thread.GetThreadId());
+    EXPECT_EQ((pthread_t)-1, thread.GetThreadHandle());
+    EXPECT_EQ(-1, thread.GetThreadType());
+    EXPECT_FALSE(thread.GetStopFlag());
+    EXPECT_EQ(nullptr, thread.GetReactor());
+    EXPECT_EQ(nullptr, thread.GetEventQueue());
+    EXPECT_EQ(nullptr, thread.GetTimerQueue());
+    EXPECT_EQ(nullptr, thread.startEvent());
+    EXPECT_EQ(CM_ERROR_NOT_IMPLEMENTED, thread.Stop(nullptr));
+}
+
+TEST(CmThread, HasRunItsInit_WhenCreateReturns) {
+    Life life;
+    BodyThread* pThread = new BodyThread(life);
+    ASSERT_EQ(CM_OK, pThread->Create(TYPE, TF_JOINABLE, 1));
+    EXPECT_TRUE(life.initialized);
+    EXPECT_NE(pthread_t(0), pThread->GetThreadId());
+    EXPECT_EQ(pThread->GetThreadId(), pThread->GetThreadHandle());
+    EXPECT_EQ(TYPE, pThread->GetThreadType());
+    EXPECT_EQ(nullptr, pThread->startEvent());
+    EXPECT_FALSE(pThread->GetStopFlag());
+    life.released = true;
+    EXPECT_EQ(CM_OK, pThread->Join());
+    EXPECT_TRUE(life.ran);
+    EXPECT_TRUE(pThread->GetStopFlag());
+    EXPECT_EQ(pthread_t(0), pThread->GetThreadId());
+    EXPECT_FALSE(life.deleted);
+    EXPECT_EQ(CM_OK, pThread->Destory(0));
+    EXPECT_TRUE(life.deleted);
+}
+
+TEST(CmThread, TracesItsLife_ToTheCharacter) {
+    kelto_test::ScopedTraceSink sink;
+    Life life;
+    life.released = true;
+    BodyThread* pThread = new BodyThread(life);
+    pThread->Create(TYPE, 0, 1);
+    pThread->Join();
+    pThread->Destory(42);
+    ASSERT_EQ(2u, sink.lines().size());
+    EXPECT_EQ(20u, sink.lines()[0].level);
+    EXPECT_EQ("UTIL INFO: ACmThread::Create, aType=7 aFlag=0 Register=1 this=0x#",
+              MaskAddresses(sink.lines()[0].text));
+    EXPECT_EQ(20u, sink.lines()[1].level);
+    EXPECT_EQ("UTIL INFO: ACmThread::Destory, aReason=42 this=0x#",
+              MaskAddresses(sink.lines()[1].text));
+}
+
+TEST(CmThread, RefusesASecondCreate) {
+    kelto_test::ScopedTraceSink sink;
+    Life life;
+    life.released = true;
+    BodyThread* pThread = new BodyThread(life);
+    ASSERT_EQ(CM_OK, pThread->Create(TYPE, TF_JOINABLE, 1));
+    EXPECT_EQ(CM_ERROR_ALREADY_INITIALIZED, pThread->Create(TYPE, TF_JOINABLE, 1));
+    ASSERT_EQ(3u, sink.lines().size());
+    EXPECT_EQ(0u, sink.lines()[2].level);
+    EXPECT_EQ(0u, sink.lines()[2].text.find("UTIL ERROR: source/util/CmThread.cpp:"));
+    EXPECT_NE(std::string::npos, sink.lines()[2].text.find(" Assert failed: m_Type == TT_UNKNOWN"));
+    pThread->Join();
+    pThread->Destory(0);
+}
+
+TEST(CmThread, WarnsAndCarriesOn_WhenTheTypeIsUnknown) {
+    kelto_test::ScopedTraceSink sink;
+    Life life;
+    life.released = true;
+    BodyThread* pThread = new BodyThread(life);
+    EXPECT_EQ(CM_OK, pThread->Create(TT_UNKNOWN, TF_JOINABLE, 0));
+    EXPECT_EQ(TT_UNKNOWN, pThread->GetThreadType());
+    ASSERT_EQ(2u, sink.lines().size());
+    EXPECT_EQ(10u, sink.lines()[1].level);
+    EXPECT_EQ("UTIL WARNING: thread type is TT_UNKNOWN", sink.lines()[1].text);
+    pThread->Join();
+    pThread->Destory(0);
+    EXPECT_TRUE(life.ran);
+}
+
+TEST(CmThread, StartsNoThread_WhenTheTypeIsMain) {
+    Life life;
+    BodyThread* pThread = new BodyThread(life);
+    EXPECT_EQ(nullptr, getCurrentThread());
+    EXPECT_EQ(CM_OK, pThread->Create(TT_MAIN, TF_JOINABLE, 1));
+    EXPECT_TRUE(pthread_equal(pthread_self(), pThread->GetThreadId()));
+    EXPECT_EQ((pthread_t)-1, pThread->GetThreadHandle());
+    EXPECT_EQ(TT_MAIN, pThread->GetThreadType());
+    EXPECT_EQ(pThread, getCurrentThread());
+    EXPECT_FALSE(life.initialized);
+    EXPECT_FALSE(life.ran);
+    pThread->Destory(0);
+    EXPECT_TRUE(life.deleted);
+    EXPECT_EQ(nullptr, getCurrentThread());
+}
+
+TEST(CmThread, IsDeletedAtOnce_WhenItAdoptedADetachedThread) {
+    Life life;
+    BodyThread* pThread = new BodyThread(life);
+    EXPECT_EQ(CM_OK, pThread->Create(TT_MAIN, TF_DETACHED, 1));
+    pThread->Destory(0);
+    EXPECT_TRUE(life.deleted);
+}
+
+TEST(CmThread, IsDeletedAtOnce_WhenItWasNeverCreated) {
+    Life life;
+    (new BodyThread(life))->Destory(0);
+    EXPECT_TRUE(life.deleted);
+}
+
+TEST(CmThread, IsNotFound_WhenItIsNotRegistered) {
+    Life life;
+    BodyThread* pThread = new BodyThread(life);
+    const size_t nBefore = RegisteredThreads();
+    EXPECT_EQ(CM_OK, pThread->Create(TT_MAIN, TF_JOINABLE, 0));
+    EXPECT_EQ(nBefore, RegisteredThreads());
+    EXPECT_EQ(nullptr, getCurrentThread());
+    EXPECT_EQ(CM_ERROR_NOT_FOUND, UnRegisterThread(pThread));
+    pThread->Destory(0);
+}
+
+TEST(CmThread, FindsTheFirstRegistered_WhenOneThreadHasTwoObjects) {
+    Life life;
+    BodyThread* pFirst = new BodyThread(life);
+    BodyThread* pSecond = new BodyThread(life);
+    pFirst->Create(TT_MAIN, TF_JOINABLE, 1);
+    pSecond->Create(TT_MAIN, TF_JOINABLE, 1);
+    EXPECT_EQ(pFirst, getCurrentThread());
+    pFirst->Destory(0);
+    EXPECT_EQ(pSecond, getCurrentThread());
+    pSecond->Destory(0);
+    EXPECT_EQ(nullptr, getCurrentThread());
+}
+
+TEST(CmThread, RegistersTwice_WhenAskedTwice) {
+    Life life;
+    BodyThread thread(life);
+    const size_t nBefore = RegisteredThreads();
+    EXPECT_EQ(CM_OK, RegisterThread(&thread));
+    EXPECT_EQ(CM_OK, RegisterThread(&thread));
+    EXPECT_EQ(nBefore + 2, RegisteredThreads());
+    EXPECT_EQ(CM_OK, UnRegisterThread(&thread));
+    EXPECT_EQ(CM_OK, UnRegisterThread(&thread));
+    EXPECT_EQ(CM_ERROR_NOT_FOUND, UnRegisterThread(&thread));
+    EXPECT_EQ(nBefore, RegisteredThreads());
+}
+
+TEST(CmThread, FindsItself_OnItsOwnThread) {
+    ACmThread* pThread = nullptr;
+    ASSERT_EQ(CM_OK, CreateUserTaskThread(&pThread, TF_JOINABLE, false, TYPE));
+    ACmThread* pFound = nullptr;
+    EventLog log;
+    pThread->GetEventQueue()->SendEvent(new LoggedEvent(log, 1, [&] {
+        pFound = getCurrentThread();
+        return CM_OK;
+    }));
+    EXPECT_EQ(pThread, pFound);
+    EXPECT_EQ(nullptr, getCurrentThread());
+    EndJoinable(pThread);
+}
+
+TEST(CmThread, UnregistersItself_WhenItIsDestroyed) {
+    Life life;
+    const size_t nBefore = RegisteredThreads();
+    {
+        BodyThread thread(life);
+        thread.Create(TT_MAIN, TF_JOINABLE, 1);
+        EXPECT_EQ(nBefore + 1, RegisteredThreads());
+    }
+    EXPECT_EQ(nBefore, RegisteredThreads());
+}
+
+TEST(CmThread, CannotJoinItself) {
+    kelto_test::ScopedTraceSink sink;
+    ACmThread* pThread = nullptr;
+    ASSERT_EQ(CM_OK, CreateUserTaskThread(&pThread, TF_JOINABLE, false, TYPE));
+    EventLog log;
+    EXPECT_EQ(CM_ERROR_FAILURE, pThread->GetEventQueue()->SendEvent(
+                                    new LoggedEvent(log, 1, [&] { return pThread->Join(); })));
+    EXPECT_EQ(0u, sink.count("Join"));
+    EndJoinable(pThread);
+}
+
+TEST(CmThread, JoinsNothing_WhenThereIsNoThread) {
+    Life life;
+    BodyThread thread(life);
+    EXPECT_EQ(CM_OK, thread.Join());
+}
+
+TEST(CmThread, JoinReturnsAtOnce_WhenTheThreadIsDetached) {
+    Life life;
+    BodyThread* pThread = new BodyThread(life);
+    ASSERT_EQ(CM_OK, pThread->Create(TYPE, TF_DETACHED, 1));
+    EXPECT_EQ(CM_OK, pThread->Join());
+    EXPECT_FALSE(life.released);
+    EXPECT_NE(pthread_t(0), pThread->GetThreadId());
+    life.released = true;
+    pThread->Destory(0);
+    EXPECT_TRUE(Eventually([&] { return life.deleted.load(); }));
+}
+
+TEST(CmThread, TracesAndFails_WhenTheJoinFails) {
+    Life life;
+    life.released = true;
+    BodyThread* pThread = new BodyThread(life);
+    ASSERT_EQ(CM_OK, pThread->Create(TYPE, TF_JOINABLE, 1));
+    kelto_test::ScopedTraceSink sink;
+    {
+        kelto_test::FailingCall<&CCmSystemTable::pthread_join> fault(ESRCH, ESRCH);
+        EXPECT_EQ(CM_ERROR_FAILURE, pThread->Join());
+    }
+    ASSERT_EQ(1u, sink.lines().size());
+    EXPECT_EQ(0u, sink.lines()[0].level);
+    EXPECT_EQ("UTIL ERROR: ACmThread::Join, pthread_join() failed! err=3 this=0x#",
+              MaskAddresses(sink.lines()[0].text));
+    EXPECT_EQ(CM_OK, pThread->Join());
+    pThread->Destory(0);
+}
+
+TEST(CmThread, LivesUntilItsBodyEnds_WhenADetachedOneIsDestroyedBefore) {
+    Life life;
+    BodyThread* pThread = new BodyThread(life);
+    ASSERT_EQ(CM_OK, pThread->Create(TYPE, TF_DETACHED, 1));
+    EXPECT_EQ(CM_OK, pThread->Destory(0));
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_FALSE(life.deleted);
+    life.released = true;
+    EXPECT_TRUE(Eventually([&] { return life.deleted.load(); }));
+}
+
+TEST(CmThread, IsDeletedAtOnce_WhenADetachedOneIsDestroyedBehindItsBody) {
+    Life life;
+    life.released = true;
+    BodyThread* pThread = new BodyThread(life);
+    ASSERT_EQ(CM_OK, pThread->Create(TYPE, TF_DETACHED, 1));
+    ASSERT_TRUE(Eventually([&] { return pThread->GetStopFlag(); }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));  // behind its last step
+    EXPECT_FALSE(life.deleted);
+    pThread->Destory(0);
+    EXPECT_TRUE(life.deleted);
+}
+
+TEST(CmThread, IsDetached_WhenTheLowBitsOfTheFlagAreTwo) {
+    const struct {
+        TFlag flag;
+        bool detached;
+    } rows[] = {{0, false}, {1, false}, {2, true}, {3, false}, {4, false}, {5, false}, {6, true}};
+    for (const auto& row : rows) {
+        Life life;
+        BodyThread* pThread = new BodyThread(life);
+        ASSERT_EQ(CM_OK, pThread->Create(TYPE, row.flag, 1));
+        pthread_attr_t attributes;
+        int nState = -1;
+        ASSERT_EQ(0, pthread_getattr_np(pThread->GetThreadId(), &attributes));
+        pthread_attr_getdetachstate(&attributes, &nState);
+        pthread_attr_destroy(&attributes);
+        EXPECT_EQ(row.detached ? PTHREAD_CREATE_DETACHED : PTHREAD_CREATE_JOINABLE, nState)
+            << row.flag;
+        const pthread_t tid = pThread->GetThreadId();
+        life.released = true;
+        pThread->Join();
+        if (row.flag == 4) {
+            pthread_join(tid, nullptr);  // joinable for the system, not for Join
+        }
+        pThread->Destory(0);
+        EXPECT_TRUE(Eventually([&] { return life.deleted.load(); })) << row.flag;
+    }
+}
+
+TEST(CmThread, EndsWithNull_WhenTheStartRoutineGetsNoObject) {
+    kelto_test::ScopedTraceSink sink;
+    EXPECT_EQ(nullptr, ACmThread::ThreadProc(nullptr));
+    EXPECT_EQ(1u, sink.count(" Assert failed: pThread"));
+}
+
+template <auto Call>
+void ExpectCreateFails(int aError, const std::string& aLine) {
+    for (TFlag flag : {TF_JOINABLE, TF_DETACHED}) {
+        const size_t nBefore = RegisteredThreads();
+        const long lLive = kelto_test::LiveAllocations();
+        {
+            kelto_test::ScopedTraceSink sink;
+            Life life;
+            BodyThread* pThread = new BodyThread(life);
+            kelto_test::FailingCall<Call> fault(aError, aError);
+            EXPECT_EQ(CM_ERROR_UNEXPECTED, pThread->Create(TYPE, flag, 1));
+            EXPECT_EQ(TYPE, pThread->GetThreadType());
+            EXPECT_NE(nullptr, pThread->startEvent());
+            ASSERT_EQ(2u, sink.lines().size());
+            EXPECT_EQ(0u, sink.lines()[1].level);
+            EXPECT_EQ(aLine, MaskAddresses(sink.lines()[1].text));
+            EXPECT_EQ(CM_ERROR_FAILURE, pThread->Terminate());
+            EXPECT_EQ(CM_OK, pThread->Join());
+            pThread->Destory(CM_ERROR_UNEXPECTED);
+            EXPECT_TRUE(life.deleted);
+            EXPECT_FALSE(life.initialized);
+        }
+        EXPECT_EQ(nBefore, RegisteredThreads());
+        EXPECT_LE(kelto_test::LiveAllocations(), lLive + 3);  // kept by the sink
+    }
+}
+
+TEST(CmThread, CreateFails_WhenTheAttributesCannotBeInitialised) {
+    ExpectCreateFails<&CCmSystemTable::pthread_attr_init>(
+        ENOMEM, "UTIL ERROR: ACmThread::Create, pthread_attr_init() failed! err=12 this=0x#");
+}
+
+TEST(CmThread, CreateFails_WhenTheDetachStateCannotBeSet) {
+    ExpectCreateFails<&CCmSystemTable::pthread_attr_setdetachstate>(
+        EINVAL,
+        "UTIL ERROR: ACmThread::Create, pthread_attr_setdetachstate() failed! err=22 this=0x#");
+}
+
+TEST(CmThread, CreateFails_WhenTheThreadCannotBeCreated) {
+    ExpectCreateFails<&CCmSystemTable::pthread_create>(
+        EAGAIN, "UTIL ERROR: ACmThread::Create, pthread_create() failed! err=11 this=0x#");
+}
+
+std::atomic<int> g_nAttributes{0};
+int CountedAttrInit(pthread_attr_t* aAttributes) {
+    ++g_nAttributes;
+    return pthread_attr_init(aAttributes);
+}
+int CountedAttrDestroy(pthread_attr_t* aAttributes) {
+    --g_nAttributes;
+    return pthread_attr_destroy(aAttributes);
+}
+
+TEST(CmThread, DestroysTheAttributes_WhetherItFailsOrNot) {
+    kelto_test::ScopedEntry<decltype(g_cmSystem.pthread_attr_init)> init(
+        g_cmSystem.pthread_attr_init, &CountedAttrInit);
+    kelto_test::ScopedEntry<decltype(g_cmSystem.pthread_attr_destroy)> destroy(
+        g_cmSystem.pthread_attr_destroy, &CountedAttrDestroy);
+    g_nAttributes = 0;
+    Life life;
+    life.released = true;
+    BodyThread* pThread = new BodyThread(life);
+    EXPECT_EQ(CM_OK, pThread->Create(TYPE, TF_JOINABLE, 1));
+    EXPECT_EQ(0, g_nAttributes.load());
+    pThread->Join();
+    pThread->Destory(0);
+    {
+        BodyThread failing(life);
+        kelto_test::FailingCall<&CCmSystemTable::pthread_create> fault(EAGAIN, EAGAIN);
+        failing.Create(TYPE, TF_JOINABLE, 1);
+    }
+    EXPECT_EQ(0, g_nAttributes.load());
+    {
+        BodyThread failing(life);
+        kelto_test::FailingCall<&CCmSystemTable::pthread_attr_setdetachstate> fault(EINVAL, EINVAL);
+        failing.Create(TYPE, TF_JOINABLE, 1);
+    }
+    EXPECT_EQ(0, g_nAttributes.load());
+}
+
+int SpuriousTimedWait(pthread_cond_t*, pthread_mutex_t*, const timespec*) {
+    return 0;
+}
+
+TEST(CmThread, CreateWaitsForTheInit_WhenItsWaitEndsForNoReason) {
+    kelto_test::ScopedEntry<decltype(g_cmSystem.pthread_cond_timedwait)> entry(
+        g_cmSystem.pthread_cond_timedwait, &SpuriousTimedWait);
+    Life life;
+    life.released = true;
+    BodyThread* pThread = new BodyThread(life);
+    EXPECT_EQ(CM_OK, pThread->Create(TYPE, TF_JOINABLE, 1));
+    EXPECT_TRUE(life.initialized);
+    pThread->Join();
+    pThread->Destory(0);
+}
+
+TEST(CmThread, CreateWaitsForTheInit_WhenTheHandshakeFails) {
+    Life life;
+    life.released = true;
+    const long lLive = kelto_test::LiveAllocations();
+    {
+        kelto_test::FailingCall<&CCmSystemTable::pthread_cond_timedwait> wait(
+            EINVAL, EINVAL, 1, kelto_test::Failing::FROM_THERE_ON);
+        kelto_test::FailingCall<&CCmSystemTable::pthread_cond_signal> signal(
+            EINVAL, EINVAL, 1, kelto_test::Failing::FROM_THERE_ON);
+        BodyThread* pThread = new BodyThread(life);
+        EXPECT_EQ(CM_OK, pThread->Create(TYPE, TF_JOINABLE, 1));
+        EXPECT_TRUE(life.initialized);
+        pThread->Join();
+        pThread->Destory(0);
+    }
+    EXPECT_EQ(lLive, kelto_test::LiveAllocations());
+}
+
+TEST(CmThread, TerminateFails_WhenThereIsNoThread) {
+    Life life;
+    BodyThread thread(life);
+    EXPECT_EQ(CM_ERROR_FAILURE, thread.Terminate());
+    EXPECT_FALSE(thread.GetStopFlag());
+}
+
+TEST(CmThread, TerminateReturnsTheResultOfTheCall_WhenItFails) {
+    Life life;
+    BodyThread* pThread = new BodyThread(life);
+    ASSERT_EQ(CM_OK, pThread->Create(TYPE, TF_JOINABLE, 1));
+    {
+        kelto_test::FailingCall<&CCmSystemTable::pthread_cancel> fault(ESRCH, ESRCH);
+        EXPECT_EQ(ESRCH, pThread->Terminate());
+    }
+    EXPECT_TRUE(pThread->GetStopFlag());
+    life.released = true;
+    pThread->Join();
+    pThread->Destory(0);
+}
+
+// The workers.
+
+TEST(CmThreadTask, IsRefused_WhenTheTypeIsMain) {
+    ACmThread* pThread = nullptr;
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, CreateUserTaskThread(&pThread, TF_JOINABLE, true, TT_MAIN));
+    EXPECT_EQ(nullptr, pThread);
+}
+
+TEST(CmThreadTask, IsRefused_WhenThereIsNowhereToStoreIt) {
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, CreateUserTaskThread(nullptr, TF_JOINABLE, true, TYPE));
+}
+
+TEST(CmThreadTask, HasATimerQueue_WhenAskedFor) {
+    for (bool bWithTimerQueue : {false, true}) {
+        ACmThread* pThread = nullptr;
+        ASSERT_EQ(CM_OK, CreateUserTaskThread(&pThread, TF_JOINABLE, bWithTimerQueue, TYPE));
+        EXPECT_EQ(bWithTimerQueue, pThread->GetTimerQueue() != nullptr);
+        EXPECT_NE(nullptr, pThread->GetEventQueue());
+        EXPECT_EQ(TYPE, pThread->GetThreadType());
+        EndJoinable(pThread);
+    }
+}
+
+TEST(CmThreadTask, TracesItsLife_ToTheCharacter) {
+    const char* apRunLines[] = {
+        "UTIL INFO: CCmThreadTaskWithEventQueueOnly::OnThreadRun this=0x#",
+        "UTIL INFO: CCmThreadTask::OnThreadRun, Begin. this=0x#",
+    };
+    for (bool bWithTimerQueue : {false, true}) {
+        kelto_test::ScopedTraceSink sink;
+        ACmThread* pThread = nullptr;
+        CreateUserTaskThread(&pThread, TF_JOINABLE, bWithTimerQueue, TYPE);
+        EventLog log;
+        pThread->GetEventQueue()->SendEvent(new LoggedEvent(log, 1));
+        EndJoinable(pThread);
+        ASSERT_EQ(4u, sink.lines().size());
+        EXPECT_EQ("UTIL INFO: ACmThread::Create, aType=7 aFlag=1 Register=1 this=0x#",
+                  MaskAddresses(sink.lines()[0].text));
+        EXPECT_EQ(apRunLines[bWithTimerQueue ? 1 : 0], MaskAddresses(sink.lines()[1].text));
+        EXPECT_EQ("UTIL INFO: CCmThreadTaskWithEventQueueOnly::Stop this=0x#",
+                  MaskAddresses(sink.lines()[2].text));
+        EXPECT_EQ("UTIL INFO: ACmThread::Destory, aReason=0 this=0x#",
+                  MaskAddresses(sink.lines()[3].text));
+    }
+}
+
+TEST(CmThreadTask, RunsWhatWasPostedBeforeStop_AndRefusesTheRest) {
+    for (bool bWithTimerQueue : {false, true}) {
+        EventLog log;
+        Ids expected;
+        ACmThread* pThread = nullptr;
+        ASSERT_EQ(CM_OK, CreateUserTaskThread(&pThread, TF_JOINABLE, bWithTimerQueue, TYPE));
+        for (int i = 0; i < 100; ++i) {
+            pThread->GetEventQueue()->PostEvent(new LoggedEvent(log, i), NORMAL);
+            expected.push_back(i);
+        }
+        EXPECT_EQ(CM_OK, pThread->Stop(nullptr));
+        EXPECT_EQ(CM_ERROR_NOT_INITIALIZED,
+                  pThread->GetEventQueue()->PostEvent(new LoggedEvent(log, 100), NORMAL));
+        EXPECT_EQ(CM_ERROR_NOT_INITIALIZED,
+                  pThread->GetEventQueue()->SendEvent(new LoggedEvent(log, 101)));
+        EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, pThread->Stop(nullptr));
+        EXPECT_EQ(CM_OK, pThread->Join());
+        EXPECT_EQ(expected, log.fired());
+        EXPECT_EQ(102u, log.ended().size());
+        pThread->Destory(0);
+    }
+}
+
+TEST(CmThreadTask, EndsUnfired_WhatIsPendingWhenItsLoopEnds) {
+    EventLog log;
+    ACmThread* pThread = nullptr;
+    ASSERT_EQ(CM_OK, CreateUserTaskThread(&pThread, TF_JOINABLE, true, TYPE));
+    CCmThreadTaskWithEventQueueOnly* pTask = static_cast<CCmThreadTaskWithEventQueueOnly*>(pThread);
+    std::atomic<bool> bBusy{false};
+    std::atomic<bool> bGo{false};
+    pThread->GetEventQueue()->PostEvent(new LoggedEvent(log, 0,
+                                                        [&] {
+                                                            bBusy = true;
+                                                            Eventually([&] { return bGo.load(); });
+                                                            return CM_OK;
+                                                        }),
+                                        NORMAL);
+    ASSERT_TRUE(Eventually([&] { return bBusy.load(); }));
+    EXPECT_EQ(CM_OK, CCmEventStopT<CCmThreadTaskWithEventQueueOnly>::PostStopEvent(pTask));
+    for (int i = 1; i <= 20; ++i) {
+        EXPECT_EQ(CM_OK, pThread->GetEventQueue()->PostEvent(new LoggedEvent(log, i), NORMAL));
+    }
+    bGo = true;
+    EXPECT_EQ(CM_OK, pThread->Join());
+    // The stop event is the first of a batch of five, which still runs as a whole.
+    EXPECT_EQ((Ids{0, 1, 2, 3, 4}), log.fired());
+    EXPECT_EQ(21u, log.ended().size());
+    pThread->Destory(0);
+}
+
+TEST(CmThreadTask, WakesASenderUnserved_WhenItStopsFirst) {
+    EventLog log;
+    ACmThread* pThread = nullptr;
+    ASSERT_EQ(CM_OK, CreateUserTaskThread(&pThread, TF_JOINABLE, true, TYPE));
+    ICmEventQueue* pQueue = pThread->GetEventQueue();
+    CCmThreadTaskWithEventQueueOnly* pTask = static_cast<CCmThreadTaskWithEventQueueOnly*>(pThread);
+    std::atomic<bool> bGo{false};
+    std::atomic<bool> bBusy{false};
+    pQueue->PostEvent(new LoggedEvent(log, 0,
+                                      [&] {
+                                          bBusy = true;
+                                          Eventually([&] { return bGo.load(); });
+                                          return CM_OK;
+                                      }),
+                      NORMAL);
+    ASSERT_TRUE(Eventually([&] { return bBusy.load(); }));
+    CCmEventStopT<CCmThreadTaskWithEventQueueOnly>::PostStopEvent(pTask);
+    for (int i = 1; i <= 10; ++i) {
+        pQueue->PostEvent(new LoggedEvent(log, i), NORMAL);
+    }
+    CmResult rv = CM_OK;
+    std::thread sender([&] { rv = pQueue->SendEvent(new LoggedEvent(log, 99)); });
+    ASSERT_TRUE(Eventually([&] { return pQueue->GetPendingEventsCount() >= 12; }));
+    bGo = true;
+    sender.join();
+    EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, rv);
+    pThread->Join();
+    pThread->Destory(0);
+}
+
+TEST(CmThreadTask, RefusesASender_WhenTheWorkerHasEnded) {
+    EventLog log;
+    ACmThread* pThread = nullptr;
+    ASSERT_EQ(CM_OK, CreateUserTaskThread(&pThread, TF_JOINABLE, false, TYPE));
+    CCmEventStopT<CCmThreadTaskWithEventQueueOnly>::PostStopEvent(
+        static_cast<CCmThreadTaskWithEventQueueOnly*>(pThread));
+    pThread->Join();
+    EXPECT_EQ(CM_ERROR_NOT_INITIALIZED,
+              pThread->GetEventQueue()->SendEvent(new LoggedEvent(log, 1)));
+    pThread->Destory(0);
+}
+
+TEST(CmThreadTask, StaysOpen_WhenTheStopEventCannotBeAllocated) {
+    for (unsigned long ulNth : {1ul, 2ul}) {
+        EventLog log;
+        ACmThread* pThread = nullptr;
+        ASSERT_EQ(CM_OK, CreateUserTaskThread(&pThread, TF_JOINABLE, false, TYPE));
+        {
+            kelto_test::ScopedAllocationFault fault(ulNth);
+            EXPECT_EQ(CM_ERROR_OUT_OF_MEMORY, pThread->Stop(nullptr));
+            EXPECT_TRUE(fault.hit());
+        }
+        EXPECT_EQ(RESULT, pThread->GetEventQueue()->SendEvent(
+                              new LoggedEvent(log, 1, [] { return RESULT; })));
+        EXPECT_EQ(CM_OK, pThread->Stop(nullptr));
+        pThread->Join();
+        pThread->Destory(0);
+    }
+}
+
+// Logs -1 when it fires.
+class NotingHandler final : public ICmTimerHandler {
+  public:
+    explicit NotingHandler(EventLog& aLog) : m_log(aLog) {}
+    void OnTimeout(const CCmTimeValue&, void*) override { m_log.Fired(-1); }
+
+  private:
+    EventLog& m_log;
+};
+
+// Records when it fired.
+class RecordingHandler final : public ICmTimerHandler {
+  public:
+    void OnTimeout(const CCmTimeValue&, void*) override {
+        m_firedAt = std::chrono::steady_clock::now();
+        ++m_nFired;
+    }
+    std::chrono::steady_clock::time_point firedAt() const { return m_firedAt; }
+    int fired() const { return m_nFired; }
+
+  private:
+    std::chrono::steady_clock::time_point m_firedAt;
+    std::atomic<int> m_nFired{0};
+};
+
+TEST(CmThreadTask, FiresATimer_WhenItIsDue) {
+    ACmThread* pThread = nullptr;
+    ASSERT_EQ(CM_OK, CreateUserTaskThread(&pThread, TF_JOINABLE, true, TYPE));
+    RecordingHandler handler;
+    EventLog log;
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(CM_OK, pThread->GetEventQueue()->SendEvent(new LoggedEvent(log, 1, [&] {
+        return pThread->GetTimerQueue()->ScheduleTimer(&handler, nullptr, CCmTimeValue(0, 20000),
+                                                       1);
+    })));
+    EXPECT_TRUE(Eventually([&] { return handler.fired() == 1; }));
+    const double dMs = std::chrono::duration<double, std::milli>(handler.firedAt() - start).count();
+    EXPECT_GE(dMs, 19.0);
+    EXPECT_LE(dMs, 5000.0);
+    EndJoinable(pThread);
+    EXPECT_EQ(1, handler.fired());
+}
+
+std::atomic<int> g_nUnlimitedWaits{0};
+std::atomic<int> g_nTimedWaits{0};
+int CountedWait(pthread_cond_t* aCondition, pthread_mutex_t* aMutex) {
+    ++g_nUnlimitedWaits;
+    return pthread_cond_wait(aCondition, aMutex);
+}
+int CountedTimedWait(pthread_cond_t* aCondition, pthread_mutex_t* aMutex, const timespec* aTime) {
+    ++g_nTimedWaits;
+    return pthread_cond_timedwait(aCondition, aMutex, aTime);
+}
+
+TEST(CmThreadTask, SleepsWithoutLimit_WhenThereAreNoTimers) {
+    ACmThread* pThread = nullptr;
+    kelto_test::ScopedEntry<decltype(g_cmSystem.pthread_cond_wait)> wait(
+        g_cmSystem.pthread_cond_wait, &CountedWait);
+    kelto_test::ScopedEntry<decltype(g_cmSystem.pthread_cond_timedwait)> timedWait(
+        g_cmSystem.pthread_cond_timedwait, &CountedTimedWait);
+    ASSERT_EQ(CM_OK, CreateUserTaskThread(&pThread, TF_JOINABLE, true, TYPE));
+    g_nUnlimitedWaits = g_nTimedWaits = 0;
+    EventLog log;
+    for (int i = 0; i < 3; ++i) {
+        pThread->GetEventQueue()->PostEvent(new LoggedEvent(log, i), NORMAL);
+        ASSERT_TRUE(Eventually([&] { return log.ended().size() == static_cast<size_t>(i) + 1; }));
+    }
+    EXPECT_GE(g_nUnlimitedWaits.load(), 1);
+    EXPECT_EQ(0, g_nTimedWaits.load());
+    EndJoinable(pThread);
+}
+
+TEST(CmThreadTask, LooksAtItsTimersEveryFiveEvents_WhenManyArePending) {
+    ACmThread* pThread = nullptr;
+    ASSERT_EQ(CM_OK, CreateUserTaskThread(&pThread, TF_JOINABLE, true, TYPE));
+    EventLog log;
+    // Each look at the timers fires the due one, whose place in the log is between two batches.
+    NotingHandler handler(log);
+    auto schedule = [&] {
+        return pThread->GetTimerQueue()->ScheduleTimer(&handler, nullptr, CCmTimeValue(), 1);
+    };
+    std::atomic<bool> bGo{false};
+    std::atomic<bool> bBusy{false};
+    pThread->GetEventQueue()->PostEvent(new LoggedEvent(log, 0,
+                                                        [&] {
+                                                            bBusy = true;
+                                                            Eventually([&] { return bGo.load(); });
+                                                            return schedule();
+                                                        }),
+                                        NORMAL);
+    ASSERT_TRUE(Eventually([&] { return bBusy.load(); }));
+    for (int i = 1; i <= 12; ++i) {
+        const bool bEndsABatch = i == 5 || i == 10;
+        pThread->GetEventQueue()->PostEvent(
+            new LoggedEvent(log, i, [=] { return bEndsABatch ? schedule() : CM_OK; }), NORMAL);
+    }
+    bGo = true;
+    ASSERT_TRUE(Eventually([&] { return log.ended().size() == 13; }));
+    EXPECT_EQ((Ids{0, -1, 1, 2, 3, 4, 5, -1, 6, 7, 8, 9, 10, -1, 11, 12}), log.fired());
+    EndJoinable(pThread);
+}
+
+TEST(CmThreadTask, TakesEverythingAtOnce_WhenItHasNoTimerQueue) {
+    ACmThread* pThread = nullptr;
+    ASSERT_EQ(CM_OK, CreateUserTaskThread(&pThread, TF_JOINABLE, false, TYPE));
+    EventLog log;
+    std::atomic<bool> bGo{false};
+    std::atomic<bool> bBusy{false};
+    DWORD dwPending = 77;
+    pThread->GetEventQueue()->PostEvent(new LoggedEvent(log, 0,
+                                                        [&] {
+                                                            bBusy = true;
+                                                            Eventually([&] { return bGo.load(); });
+                                                            return CM_OK;
+                                                        }),
+                                        NORMAL);
+    ASSERT_TRUE(Eventually([&] { return bBusy.load(); }));
+    pThread->GetEventQueue()->PostEvent(
+        new LoggedEvent(log, 1,
+                        [&] {
+                            dwPending = pThread->GetEventQueue()->GetPendingEventsCount();
+                            return CM_OK;
+                        }),
+        NORMAL);
+    for (int i = 2; i <= 30; ++i) {
+        pThread->GetEventQueue()->PostEvent(new LoggedEvent(log, i), NORMAL);
+    }
+    bGo = true;
+    EndJoinable(pThread);
+    EXPECT_EQ(0u, dwPending);
+    EXPECT_EQ(31u, log.fired().size());
+}
+
+TEST(CmThreadTask, StopFlagStartsStopped_AndStartsWithTheThread) {
+    CCmStopFlag plain;
+    EXPECT_FALSE(plain.IsFlagStopped());
+    CCmThreadTaskWithEventQueueOnly* pTask = new CCmThreadTaskWithEventQueueOnly;
+    EXPECT_TRUE(pTask->IsFlagStopped());
+    ASSERT_EQ(CM_OK, pTask->Create(TYPE, TF_JOINABLE, 1));
+    EXPECT_FALSE(pTask->IsFlagStopped());
+    pTask->Stop(nullptr);
+    pTask->Join();
+    EXPECT_TRUE(pTask->IsFlagStopped());
+    pTask->Destory(0);
+}
+
+TEST(CmThreadTask, EndsWhatIsPending_WhenItRunsStopped) {
+    EventLog log;
+    for (int i = 0; i < 2; ++i) {
+        CCmThreadTaskWithEventQueueOnly* pTask =
+            i == 0 ? new CCmThreadTaskWithEventQueueOnly : new CCmThreadTask;
+        pTask->GetEventQueue()->PostEvent(new LoggedEvent(log, i), NORMAL);
+        pTask->OnThreadRun();
+        EXPECT_EQ(static_cast<size_t>(i) + 1, log.ended().size());
+        pTask->Destory(0);
+    }
+    EXPECT_EQ(Ids(), log.fired());
+}
+
+TEST(CmThreadTask, FailsAndFreesAll_WhenAnyAllocationFails) {
+    for (TFlag flag : {TF_JOINABLE, TF_DETACHED}) {
+        for (bool bWithTimerQueue : {false, true}) {
+            for (auto failing : {kelto_test::Failing::ONCE, kelto_test::Failing::FROM_THERE_ON}) {
+                for (unsigned long ulNth = 1;; ++ulNth) {
+                    const size_t nBefore = RegisteredThreads();
+                    const long lLive = kelto_test::LiveAllocations();
+                    ACmThread* pThread = nullptr;
+                    CmResult rv = CM_OK;
+                    bool bHit = false;
+                    {
+                        kelto_test::ScopedAllocationFault fault(
+                            ulNth, failing, kelto_test::AllocationsOf::ALL_THREADS);
+                        rv = CreateUserTaskThread(&pThread, flag, bWithTimerQueue, TYPE);
+                        bHit = fault.hit();
+                    }
+                    if (!bHit) {
+                        ASSERT_EQ(CM_OK, rv);
+                        EXPECT_GT(ulNth, 3u);
+                        pThread->Stop(nullptr);
+                        pThread->Join();
+                        pThread->Destory(0);
+                    } else {
+                        EXPECT_EQ(CM_ERROR_OUT_OF_MEMORY, rv);
+                        EXPECT_EQ(nullptr, pThread);
+                    }
+                    EXPECT_EQ(nBefore, RegisteredThreads());
+                    EXPECT_TRUE(Eventually([&] { return kelto_test::LiveAllocations() == lLive; }));
+                    if (!bHit) {
+                        break;
+                    }
+                }
+            }
+        }
+    }
+}
+
+// Cancellation.
+
+bool CanBeLocked(ICmEventQueue* aQueue) {
+    EventLog log;
+    std::atomic<bool> bPosted{false};
+    std::thread poster([&] {
+        aQueue->PostEvent(new EndingEvent([] {}), NORMAL);
+        bPosted = true;
+    });
+    const bool bResult = Eventually([&] { return bPosted.load(); });
+    poster.join();
+    return bResult;
+}
+
+TEST(CmThreadTask, LeavesItsQueueUnlocked_WhenTerminatedInItsWait) {
+    for (bool bWithTimerQueue : {false, true}) {
+        const long lLive = kelto_test::LiveAllocations();
+        ACmThread* pThread = nullptr;
+        ASSERT_EQ(CM_OK, CreateUserTaskThread(&pThread, TF_JOINABLE, bWithTimerQueue, TYPE));
+        EXPECT_EQ(0, pThread->Terminate());
+        EXPECT_TRUE(pThread->GetStopFlag());
+        EXPECT_EQ(CM_OK, pThread->Join());
+        EXPECT_TRUE(CanBeLocked(pThread->GetEventQueue()));
+        EXPECT_EQ(1u, pThread->GetEventQueue()->GetPendingEventsCount());
+        pThread->Destory(0);
+        EXPECT_EQ(lLive, kelto_test::LiveAllocations());
+    }
+}
+
+TEST(CmThreadTask, LosesNoEvent_WhenTerminatedInAHandler) {
+    EventLog log;
+    ACmThread* pThread = nullptr;
+    ASSERT_EQ(CM_OK, CreateUserTaskThread(&pThread, TF_JOINABLE, true, TYPE));
+    ICmEventQueue* pQueue = pThread->GetEventQueue();
+    std::atomic<bool> bBusy{false};
+    std::atomic<bool> bGo{false};
+    pQueue->PostEvent(new LoggedEvent(log, 0,
+                                      [&] {
+                                          Eventually([&] { return bGo.load(); });
+                                          return CM_OK;
+                                      }),
+                      NORMAL);
+    pQueue->PostEvent(new LoggedEvent(log, 1,
+                                      [&]() -> CmResult {
+                                          bBusy = true;
+                                          for (;;) {
+                                              ::usleep(1000);  // a cancellation point
+                                          }
+                                      }),
+                      NORMAL);
+    for (int i = 2; i <= 8; ++i) {
+        pQueue->PostEvent(new LoggedEvent(log, i), NORMAL);
+    }
+    bGo = true;
+    ASSERT_TRUE(Eventually([&] { return bBusy.load(); }));
+    EXPECT_EQ(0, pThread->Terminate());
+    EXPECT_EQ(CM_OK, pThread->Join());
+    EXPECT_EQ((Ids{0, 1}), log.fired());
+    EXPECT_EQ((Ids{0, 1}), log.ended());
+    EXPECT_EQ(7u, pQueue->GetPendingEventsCount());
+    pThread->Destory(0);
+    EXPECT_EQ((Ids{0, 1, 2, 3, 4, 5, 6, 7, 8}), log.ended());
+    EXPECT_EQ((Ids{0, 1}), log.fired());
+}
+
+TEST(CmThreadTask, WakesTheSender_WhenTerminatedInItsEvent) {
+    EventLog log;
+    ACmThread* pThread = nullptr;
+    ASSERT_EQ(CM_OK, CreateUserTaskThread(&pThread, TF_JOINABLE, false, TYPE));
+    std::atomic<bool> bBusy{false};
+    CmResult rv = CM_OK;
+    std::thread sender([&] {
+        rv = pThread->GetEventQueue()->SendEvent(new LoggedEvent(log, 1, [&]() -> CmResult {
+            bBusy = true;
+            for (;;) {
+                ::usleep(1000);
+            }
+        }));
+    });
+    ASSERT_TRUE(Eventually([&] { return bBusy.load(); }));
+    EXPECT_EQ(0, pThread->Terminate());
+    sender.join();
+    EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, rv);
+    EXPECT_EQ(Ids{1}, log.ended());
+    pThread->Join();
+    pThread->Destory(0);
+}
+
+TEST(CmThreadTask, FreesTheWrapper_WhenTheSenderIsTerminated) {
+    const long lLive = kelto_test::LiveAllocations();
+    {
+        EventLog log;
+        CCmEventQueueUsingMutex queue;  // that nobody runs, at first
+        ACmThread* pSender = nullptr;
+        ASSERT_EQ(CM_OK, CreateUserTaskThread(&pSender, TF_JOINABLE, false, TYPE));
+        pSender->GetEventQueue()->PostEvent(
+            new LoggedEvent(log, 1, [&] { return queue.SendEvent(new LoggedEvent(log, 2)); }),
+            NORMAL);
+        ASSERT_TRUE(Eventually([&] { return queue.GetPendingEventsCount() == 1; }));
+        EXPECT_EQ(0, pSender->Terminate());
+        EXPECT_EQ(CM_OK, pSender->Join());
+        pSender->Destory(0);
+        EXPECT_EQ(Ids{1}, log.ended());
+        std::list<ICmEvent*> events;
+        queue.PopPendingEventsLocked(events);
+        queue.ProcessEvents(events);
+        EXPECT_EQ((Ids{1, 2}), log.fired());
+        EXPECT_EQ((Ids{1, 2}), log.ended());
+    }
+    EXPECT_EQ(lLive, kelto_test::LiveAllocations());
+}
+
+TEST(CmThreadTask, IsFreed_WhenADetachedOneIsTerminatedAndDestroyed) {
+    const long lLive = kelto_test::LiveAllocations();
+    ACmThread* pThread = nullptr;
+    ASSERT_EQ(CM_OK, CreateUserTaskThread(&pThread, TF_DETACHED, true, TYPE));
+    EXPECT_EQ(0, pThread->Terminate());
+    pThread->Destory(0);
+    EXPECT_TRUE(Eventually([&] { return kelto_test::LiveAllocations() == lLive; }));
+}
+
+// The heartbeat.
+
+TEST(CmThreadHeartBeat, RunsNothing_WhenNothingIsPending) {
+    CCmThreadHeartBeat* pThread = new CCmThreadHeartBeat;
+    EXPECT_EQ(CM_OK, pThread->DoHeartBeat());
+    ASSERT_EQ(CM_OK, pThread->Create(TT_MAIN, TF_JOINABLE, 1));
+    EXPECT_EQ(nullptr, pThread->GetTimerQueue());
+    pThread->OnThreadInit();
+    EXPECT_NE(nullptr, pThread->GetTimerQueue());
+    EXPECT_EQ(CM_OK, pThread->DoHeartBeat());
+    EXPECT_EQ(CM_OK, pThread->Stop(nullptr));
+    pThread->Destory(0);
+}
+
+TEST(CmThreadHeartBeat, FiresTimersThenEvents_WhenItBeats) {
+    CCmThreadHeartBeat* pThread = new CCmThreadHeartBeat;
+    pThread->Create(TT_MAIN, TF_JOINABLE, 1);
+    pThread->OnThreadInit();
+    EventLog log;
+    NotingHandler handler(log);
+    for (int i = 1; i <= 12; ++i) {
+        pThread->GetEventQueue()->PostEvent(new LoggedEvent(log, i), NORMAL);
+    }
+    pThread->GetTimerQueue()->ScheduleTimer(&handler, nullptr, CCmTimeValue(), 1);
+    EXPECT_EQ(CM_OK, pThread->DoHeartBeat());
+    EXPECT_EQ((Ids{-1, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12}), log.fired());
+    EXPECT_EQ(12u, log.ended().size());
+    pThread->Destory(0);
+}
+
+TEST(CmThreadHeartBeat, RunsASendInline_WhenItIsFromItsOwnThread) {
+    CCmThreadHeartBeat* pThread = new CCmThreadHeartBeat;
+    pThread->Create(TT_MAIN, TF_JOINABLE, 1);
+    pThread->OnThreadInit();
+    EventLog log;
+    EXPECT_EQ(RESULT,
+              pThread->GetEventQueue()->SendEvent(new LoggedEvent(log, 1, [] { return RESULT; })));
+    pThread->Destory(0);
+}
+
+TEST(CmThreadHeartBeat, BeatsOnce_WhenItRunsOnAThreadOfItsOwn) {
+    CCmThreadHeartBeat* pThread = new CCmThreadHeartBeat;
+    EventLog log;
+    pThread->GetEventQueue()->PostEvent(new LoggedEvent(log, 1), NORMAL);
+    ASSERT_EQ(CM_OK, pThread->Create(TYPE, TF_JOINABLE, 1));
+    EXPECT_EQ(CM_OK, pThread->Join());
+    EXPECT_EQ(Ids{1}, log.fired());
+    pThread->Destory(0);
+}
+
+TEST(CmThreadHeartBeat, KeepsForTheNextBeat_WhatAnEventPosts) {
+    CCmThreadHeartBeat* pThread = new CCmThreadHeartBeat;
+    EventLog log;
+    pThread->GetEventQueue()->PostEvent(
+        new LoggedEvent(
+            log, 1,
+            [&] { return pThread->GetEventQueue()->PostEvent(new LoggedEvent(log, 2), NORMAL); }),
+        NORMAL);
+    pThread->DoHeartBeat();
+    EXPECT_EQ(Ids{1}, log.fired());
+    pThread->DoHeartBeat();
+    EXPECT_EQ((Ids{1, 2}), log.fired());
+    pThread->Destory(0);
+}
+
+}  // namespace
+}  // namespace UTIL_NS
