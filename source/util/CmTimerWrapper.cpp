@@ -1,1 +1,98 @@
 #include "CmTimerWrapper.h"
+
+#include "CmScopedLock.h"
+#include "CmThread.h"
+#include "CmTraceLine.h"
+
+namespace UTIL_NS {
+
+namespace {
+
+constexpr long GENERATOR_INTERVAL_IN_USECS = 10000;
+
+ICmTimerQueue* TimerQueueOfThisThread() {
+    ACmThread* pThread = getCurrentThread();
+    return pThread != nullptr ? pThread->GetTimerQueue() : nullptr;
+}
+
+}  // namespace
+
+CCmTimerWrapperIDSink::~CCmTimerWrapperIDSink() = default;
+
+CCmTimerWrapperID::CCmTimerWrapperID() : m_bScheduled(false), m_pTimerQueue(nullptr) {}
+
+CCmTimerWrapperID::~CCmTimerWrapperID() {
+    Cancel();
+}
+
+CmResult CCmTimerWrapperID::Schedule(CCmTimerWrapperIDSink* aSink, const CCmTimeValue& aInterval,
+                                     unsigned int aCount) {
+    if (m_pTimerQueue == nullptr) {
+        m_pTimerQueue = TimerQueueOfThisThread();
+    }
+    if (m_pTimerQueue == nullptr) {
+        CM_ERROR_TRACE_THIS(
+            "CCmTimerWrapperID::Schedule, this thread doesn't suppport TimerQueue!");
+        return CM_ERROR_NULL_POINTER;
+    }
+    m_bScheduled = true;
+    return m_pTimerQueue->ScheduleTimer(this, aSink, aInterval, aCount);
+}
+
+CmResult CCmTimerWrapperID::Cancel() {
+    if (!m_bScheduled) {
+        return CM_OK;
+    }
+    m_bScheduled = false;
+    return m_pTimerQueue != nullptr ? m_pTimerQueue->CancelTimer(this) : CM_ERROR_NULL_POINTER;
+}
+
+void CCmTimerWrapperID::OnTimeout(const CCmTimeValue& /*aCurTime*/, void* aArg) {
+    CCmTimerWrapperIDSink* pSink = static_cast<CCmTimerWrapperIDSink*>(aArg);
+    if (pSink != nullptr) {
+        pSink->OnTimer(this);
+    }
+}
+
+std::atomic<int> low_tick_policy::low_tick_generator::m_InitTimerSucc{1};
+std::atomic<low_tick_policy::low_tick_generator*> low_tick_policy::low_tick_generator::pInstance{
+    nullptr};
+CCmMutexThread low_tick_policy::low_tick_generator::mutex{CCmStaticInit()};
+
+low_tick_policy::low_tick_generator::low_tick_generator() : m_llLastTick(now()) {
+    const CmResult rv = m_Timer.Schedule(this, CCmTimeValue(0, GENERATOR_INTERVAL_IN_USECS), 0);
+    if (CM_FAILED(rv)) {
+        m_InitTimerSucc.store(0, std::memory_order_relaxed);
+    }
+}
+
+low_tick_policy::low_tick_generator::~low_tick_generator() = default;
+
+low_tick_policy::low_tick_generator* low_tick_policy::low_tick_generator::instance() {
+    low_tick_generator* pGenerator = pInstance.load(std::memory_order_acquire);
+    if (CM_LIKELY(pGenerator != nullptr)) {
+        return pGenerator;
+    }
+    CCmScopedLockT<CCmMutexThread> lock(mutex);
+    pGenerator = pInstance.load(std::memory_order_acquire);
+    if (pGenerator == nullptr) {
+        pGenerator = new (std::nothrow) low_tick_generator;
+        pInstance.store(pGenerator, std::memory_order_release);
+    }
+    return pGenerator;
+}
+
+void low_tick_policy::low_tick_generator::OnTimer(CCmTimerWrapperID* /*aId*/) {
+    m_llLastTick = now();
+}
+
+long long low_tick_policy::low_tick_generator::now() {
+    return tick_policy::now();
+}
+
+long long low_tick_policy::now() {
+    low_tick_generator::instance();
+    return low_tick_generator::now();
+}
+
+}  // namespace UTIL_NS

@@ -1,0 +1,872 @@
+#include "CmTimerQueueCalendar.h"
+
+#include <gtest/gtest.h>
+
+#include <deque>
+#include <map>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "CmThread.h"
+#include "support/Clock.h"
+#include "support/Faults.h"
+#include "support/Timers.h"
+#include "support/TraceSink.h"
+
+namespace UTIL_NS {
+namespace {
+
+using kelto_test::CountingHandler;
+using kelto_test::Failing;
+using kelto_test::Firings;
+using kelto_test::Ids;
+using kelto_test::Ms;
+using kelto_test::RecordingHandler;
+using kelto_test::ScopedAllocationFault;
+using kelto_test::ScopedClock;
+using kelto_test::ScopedTraceSink;
+
+constexpr long START = 1000000000;  // seconds
+
+// Keeps what is posted until the test runs it.
+class FakeEventQueue : public ICmEventQueue {
+  public:
+    CmResult PostEvent(ICmEvent* aEvent, EPriority aPri) override {
+        m_priorities.push_back(aPri);
+        if (CM_FAILED(m_rvNext)) {
+            aEvent->OnDestorySelf();
+            return m_rvNext;
+        }
+        m_events.push_back(aEvent);
+        return CM_OK;
+    }
+    CmResult SendEvent(ICmEvent* /*aEvent*/) override { return CM_ERROR_NOT_IMPLEMENTED; }
+    DWORD GetPendingEventsCount() override { return static_cast<DWORD>(m_events.size()); }
+
+    void RunAll() {
+        while (!m_events.empty()) {
+            ICmEvent* pEvent = m_events.front();
+            m_events.pop_front();
+            EXPECT_EQ(CM_OK, pEvent->OnEventFire());
+            pEvent->OnDestorySelf();
+        }
+    }
+
+    CmResult m_rvNext = CM_OK;
+    std::deque<ICmEvent*> m_events;
+    std::vector<EPriority> m_priorities;
+};
+
+// A wheel of 11 slots of 10 ms.
+class CmTimerQueueCalendar : public testing::Test {
+  protected:
+    CmTimerQueueCalendar() {
+        for (int nId = 0; nId < 5; ++nId) {
+            m_handlers.push_back(std::make_unique<RecordingHandler>(nId, m_log));
+        }
+    }
+    RecordingHandler* Handler(int aId) { return m_handlers[static_cast<size_t>(aId)].get(); }
+    CmResult Schedule(int aId, long aMs, unsigned int aCount = 1) {
+        return m_queue.ScheduleTimer(Handler(aId), nullptr, Ms(aMs), aCount);
+    }
+    CmResult Cancel(int aId) { return m_queue.CancelTimer(Handler(aId)); }
+    void Tick(int aTimes = 1) {
+        for (int i = 0; i < aTimes; ++i) {
+            m_queue.TimerTick();
+        }
+    }
+    // The tick, counted from 1, that fires something; 0 when none of aMost does.
+    int TicksToFiring(int aMost = 30) {
+        const size_t nBefore = m_log.size();
+        for (int nTick = 1; nTick <= aMost; ++nTick) {
+            m_queue.TimerTick();
+            if (m_log.size() > nBefore) {
+                return nTick;
+            }
+        }
+        return 0;
+    }
+
+    ScopedClock m_clock{START};
+    ScopedTraceSink m_sink;
+    Firings m_log;
+    std::vector<std::unique_ptr<RecordingHandler>> m_handlers;
+    FakeEventQueue m_events;
+    CCmTimerQueueCalendar m_queue{10, 110, &m_events};
+};
+
+struct Wheel {
+    unsigned int slotInterval;
+    unsigned int maxTime;
+    const char* distanceOfAMillionSeconds;  // tells the slot interval
+    const char* maxSlotNumber;
+    const char* reason;
+};
+
+TEST_F(CmTimerQueueCalendar, Constructor_SizesTheWheel) {
+    const Wheel rows[] = {
+        {5, 30, "100000000", "10", "both raised"},
+        {9, 60000, "100000000", "5999", "interval raised to 10"},
+        {10, 60000, "100000000", "5999", "as asked"},
+        {11, 60000, "90909091", "5453", "not a multiple"},
+        {10, 110, "100000000", "10", "the smallest wheel, exactly"},
+        {10, 120, "100000000", "11", "one slot more"},
+        {10, 9, "100000000", "10", "span below one slot"},
+        {100, 100, "10000000", "10", "span of one slot"},
+        {0, 0, "100000000", "10", "nothing asked"},
+    };
+    for (const Wheel& row : rows) {
+        SCOPED_TRACE(row.reason);
+        m_sink.clear();
+        CCmTimerQueueCalendar queue(row.slotInterval, row.maxTime, &m_events);
+        EXPECT_EQ(CM_OK, queue.ScheduleTimer(Handler(0), nullptr, CCmTimeValue(1000000), 1));
+        ASSERT_EQ(1U, m_sink.lines().size());
+        EXPECT_EQ(0U, m_sink.lines()[0].level);
+        EXPECT_EQ(
+            std::string("UTIL ERROR: CCmTimerQueueCalendar::InsertUnique_i, exceed max interval. "
+                        "interval_s=1000000 interval_us=0 dwDistance=") +
+                row.distanceOfAMillionSeconds + " m_dwMaxSlotNumber=" + row.maxSlotNumber +
+                " this=0x#",
+            kelto_test::MaskAddresses(m_sink.lines()[0].text));
+    }
+}
+
+TEST_F(CmTimerQueueCalendar, Schedule_RefusesNullHandler) {
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, m_queue.ScheduleTimer(nullptr, nullptr, Ms(10), 1));
+    ASSERT_EQ(1U, m_sink.lines().size());
+    EXPECT_EQ(0U, m_sink.lines()[0].level);
+    EXPECT_EQ("UTIL ERROR: source/util/CmTimerQueueCalendar.cpp:78 Assert failed: aEh",
+              m_sink.lines()[0].text);
+}
+
+TEST_F(CmTimerQueueCalendar, Cancel_RefusesNullHandler) {
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, m_queue.CancelTimer(nullptr));
+    ASSERT_EQ(1U, m_sink.lines().size());
+    EXPECT_EQ("UTIL ERROR: source/util/CmTimerQueueCalendar.cpp:157 Assert failed: aEh",
+              m_sink.lines()[0].text);
+}
+
+struct DistanceRow {
+    CCmTimeValue interval;
+    int tick;  // the slot that the next tick fires is 0 slots away
+    const char* reason;
+};
+
+TEST_F(CmTimerQueueCalendar, Distance_IsRoundedUp) {
+    const DistanceRow rows[] = {
+        {CCmTimeValue(0, 1000), 2, "1 ms: distance 1"},
+        {CCmTimeValue(0, 10000), 2, "10 ms: distance 1"},
+        {CCmTimeValue(0, 10999), 2, "microseconds are cut"},
+        {CCmTimeValue(0, 11000), 3, "11 ms: distance 2"},
+        {CCmTimeValue(0, 90000), 10, "the longest that fits"},
+        {CCmTimeValue(0, 999), 1, "below 1 ms: the current slot"},
+        {CCmTimeValue(4294967, 296000), 1, "2^32 ms count as none"},
+        {CCmTimeValue(4294967, 316000), 3, "2^32 + 20 ms count as 20"},
+    };
+    for (const DistanceRow& row : rows) {
+        SCOPED_TRACE(row.reason);
+        CCmTimerQueueCalendar queue(10, 110, &m_events);
+        CountingHandler handler;
+        EXPECT_EQ(CM_OK, queue.ScheduleTimer(&handler, nullptr, row.interval, 1));
+        int nTick = 0;
+        while (handler.count() == 0 && nTick < 30) {
+            queue.TimerTick();
+            ++nTick;
+        }
+        EXPECT_EQ(row.tick, nTick);
+    }
+    EXPECT_TRUE(m_sink.lines().empty());
+}
+
+struct ClampRow {
+    CCmTimeValue interval;
+    const char* fields;
+    const char* reason;
+};
+
+TEST_F(CmTimerQueueCalendar, Clamp_TracesAndShortens) {
+    const ClampRow rows[] = {
+        {CCmTimeValue(0, 90001), nullptr, "90 ms and a microsecond fit"},
+        {CCmTimeValue(0, 91000), "interval_s=0 interval_us=91000 dwDistance=10", "91 ms"},
+        {CCmTimeValue(3, 500000), "interval_s=3 interval_us=500000 dwDistance=350", "seconds"},
+        {CCmTimeValue(0, -1000), "interval_s=0 interval_us=-1000 dwDistance=429496730",
+         "-1 ms: 2^32 - 1"},
+        {CCmTimeValue(-1, -500000), "interval_s=-1 interval_us=-500000 dwDistance=429496580",
+         "-1500 ms: 2^32 - 1500"},
+        {CCmTimeValue::s_tvMax,
+         "interval_s=9223372036854775807 interval_us=999999 "
+         "dwDistance=429496730",
+         "2^32 - 1000 + 999 ms"},
+    };
+    for (const ClampRow& row : rows) {
+        SCOPED_TRACE(row.reason);
+        m_sink.clear();
+        CCmTimerQueueCalendar queue(10, 110, &m_events);
+        EXPECT_EQ(CM_OK, queue.ScheduleTimer(Handler(0), nullptr, row.interval, 1));
+        if (row.fields == nullptr) {
+            EXPECT_TRUE(m_sink.lines().empty());
+            continue;
+        }
+        ASSERT_EQ(1U, m_sink.lines().size());
+        EXPECT_EQ("UTIL ERROR: CCmTimerQueueCalendar::InsertUnique_i, exceed max interval. " +
+                      std::string(row.fields) + " m_dwMaxSlotNumber=10 this=0x#",
+                  kelto_test::MaskAddresses(m_sink.lines()[0].text));
+    }
+}
+
+TEST_F(CmTimerQueueCalendar, Clamp_GoesToLastSlot_WhenWheelStandsAtZero) {
+    Schedule(0, 5000);
+    EXPECT_EQ(11, TicksToFiring());
+}
+
+TEST_F(CmTimerQueueCalendar, Clamp_GoesToNextTick_WhenWheelStandsElsewhere) {
+    Tick(3);
+    Schedule(0, 5000);
+    EXPECT_EQ(1, TicksToFiring());
+}
+
+TEST_F(CmTimerQueueCalendar, Wrap_LandsOneSlotFurther) {
+    Tick(5);
+    Schedule(0, 60);  // slot 1: ticks of slots 5 to 10, 0 and 1
+    EXPECT_EQ(8, TicksToFiring());
+}
+
+TEST_F(CmTimerQueueCalendar, Wrap_DoesNotHappenAtTheLastSlot) {
+    Tick(5);
+    Schedule(0, 50);  // slot 10
+    EXPECT_EQ(6, TicksToFiring());
+}
+
+TEST_F(CmTimerQueueCalendar, Tick_GoesRound) {
+    Tick(10);
+    Schedule(0, 10);  // from slot 10 to slot 1, by way of slot 0
+    EXPECT_EQ(3, TicksToFiring());
+}
+
+TEST_F(CmTimerQueueCalendar, Tick_HandsOverTimeAndToken) {
+    int nToken = 0;
+    m_queue.ScheduleTimer(Handler(0), &nToken, Ms(10), 1);
+    m_clock.AdvanceUsec(1234567);
+    Tick(2);
+    ASSERT_EQ(1U, m_log.size());
+    EXPECT_EQ(CCmTimeValue(START + 1, 234567), m_log[0].now);
+    EXPECT_EQ(&nToken, m_log[0].token);
+}
+
+TEST_F(CmTimerQueueCalendar, Tick_ReadsTheClockOncePerSlot) {
+    Schedule(0, 10);
+    Schedule(1, 10);
+    Handler(1)->SetAction([this] { m_clock.AdvanceMs(7); });
+    Tick(2);
+    ASSERT_EQ(2U, m_log.size());
+    EXPECT_EQ(m_log[0].now, m_log[1].now);
+    EXPECT_EQ(1U, m_clock.reads());
+}
+
+TEST_F(CmTimerQueueCalendar, Tick_FiresNewestFirst) {
+    Schedule(0, 10);
+    Schedule(1, 10);
+    Schedule(2, 10);
+    Tick(2);
+    EXPECT_EQ((std::vector<int>{2, 1, 0}), Ids(m_log));
+}
+
+TEST_F(CmTimerQueueCalendar, Tick_IgnoresTheClock) {
+    Schedule(0, 50);
+    m_clock.Set(START + 1000000);
+    Tick(5);
+    EXPECT_TRUE(m_log.empty());
+    m_clock.Set(START - 1000000);
+    Tick();
+    EXPECT_EQ(1U, m_log.size());
+}
+
+TEST_F(CmTimerQueueCalendar, Tick_FiresLimitedTimerAsOftenAsAsked) {
+    Schedule(0, 10, 2);
+    Tick(20);
+    EXPECT_EQ(2U, m_log.size());
+    EXPECT_EQ(CM_ERROR_NOT_FOUND, Cancel(0));
+    EXPECT_EQ(CM_OK, Schedule(0, 10));
+}
+
+TEST_F(CmTimerQueueCalendar, Tick_RearmsFromTheTickThatFired) {
+    Schedule(0, 30, 0);
+    EXPECT_EQ(4, TicksToFiring());
+    EXPECT_EQ(3, TicksToFiring());
+    EXPECT_EQ(3, TicksToFiring());
+}
+
+TEST_F(CmTimerQueueCalendar, Tick_FiresAgainInTheSameTick_WhenDistanceIsZero) {
+    m_queue.ScheduleTimer(Handler(0), nullptr, CCmTimeValue(0, 500), 4);
+    Tick();
+    EXPECT_EQ(4U, m_log.size());
+}
+
+TEST_F(CmTimerQueueCalendar, Tick_FiresAgainInTheSameTick_WhenClampedOffSlotZero) {
+    Tick(1);
+    Schedule(0, 5000, 3);
+    Tick();
+    EXPECT_EQ(3U, m_log.size());
+    EXPECT_EQ(3U, m_sink.lines().size());  // one per insertion: scheduled, re-armed twice
+}
+
+TEST_F(CmTimerQueueCalendar, Schedule_TakesAnyIntervalWithAnyCount) {
+    EXPECT_EQ(CM_OK, Schedule(0, 0, 0));
+    EXPECT_EQ(CM_OK, Schedule(1, -10, 0));
+    EXPECT_EQ(CM_ERROR_FOUND, Schedule(1, -10, 1));
+}
+
+TEST_F(CmTimerQueueCalendar, Schedule_FindsPendingTimerAndReplacesIt) {
+    int nToken = 0;
+    EXPECT_EQ(CM_OK, Schedule(0, 10, 0));
+    EXPECT_EQ(CM_ERROR_FOUND, m_queue.ScheduleTimer(Handler(0), &nToken, Ms(40), 1));
+    EXPECT_EQ(5, TicksToFiring());
+    EXPECT_EQ(0, TicksToFiring());
+    EXPECT_EQ(&nToken, m_log[0].token);
+}
+
+TEST_F(CmTimerQueueCalendar, Schedule_UnlinksFromTheMiddleOfASlot) {
+    Schedule(0, 10);
+    Schedule(1, 10);
+    Schedule(2, 10);
+    EXPECT_EQ(CM_ERROR_FOUND, Schedule(1, 20));
+    Tick(3);
+    EXPECT_EQ((std::vector<int>{2, 0, 1}), Ids(m_log));
+}
+
+TEST_F(CmTimerQueueCalendar, Cancel_DropsTimerWithoutCallingIt) {
+    Schedule(0, 10, 0);
+    EXPECT_EQ(CM_OK, Cancel(0));
+    EXPECT_EQ(CM_ERROR_NOT_FOUND, Cancel(0));
+    EXPECT_EQ(0, TicksToFiring());
+}
+
+TEST_F(CmTimerQueueCalendar, Zero_FiresOnceThroughTheEventQueue) {
+    int nToken = 0;
+    EXPECT_EQ(CM_OK, m_queue.ScheduleTimer(Handler(0), &nToken, Ms(0), 5));
+    EXPECT_EQ(1U, m_events.m_events.size());
+    EXPECT_EQ(std::vector<ICmEventQueue::EPriority>{static_cast<ICmEventQueue::EPriority>(1)},
+              m_events.m_priorities);
+    Tick(20);
+    EXPECT_TRUE(m_log.empty());
+    m_clock.AdvanceMs(3);
+    m_events.RunAll();
+    ASSERT_EQ(1U, m_log.size());
+    EXPECT_EQ(CCmTimeValue(START, 3000), m_log[0].now);
+    EXPECT_EQ(&nToken, m_log[0].token);
+    EXPECT_EQ(CM_ERROR_NOT_FOUND, Cancel(0));
+}
+
+TEST_F(CmTimerQueueCalendar, Zero_TimersShareOneEventAndFireNewestFirst) {
+    EXPECT_EQ(CM_OK, Schedule(0, 0));
+    EXPECT_EQ(CM_OK, Schedule(1, 0));
+    EXPECT_EQ(1U, m_events.m_events.size());
+    m_events.RunAll();
+    EXPECT_EQ((std::vector<int>{1, 0}), Ids(m_log));
+    EXPECT_EQ(CM_OK, Schedule(0, 0));
+    EXPECT_EQ(1U, m_events.m_events.size());
+}
+
+TEST_F(CmTimerQueueCalendar, Zero_PassReadsTheClockOnce) {
+    Schedule(0, 0);
+    Schedule(1, 0);
+    m_events.RunAll();
+    EXPECT_EQ(1U, m_clock.reads());
+}
+
+TEST_F(CmTimerQueueCalendar, Zero_RescheduleReplacesAndIsNotFound) {
+    int nToken = 0;
+    EXPECT_EQ(CM_OK, Schedule(0, 0));
+    EXPECT_EQ(CM_OK, m_queue.ScheduleTimer(Handler(0), &nToken, Ms(0), 1));
+    m_events.RunAll();
+    ASSERT_EQ(1U, m_log.size());
+    EXPECT_EQ(&nToken, m_log[0].token);
+}
+
+TEST_F(CmTimerQueueCalendar, Zero_RescheduledToAnIntervalIsNotFound) {
+    EXPECT_EQ(CM_OK, Schedule(0, 0));
+    EXPECT_EQ(CM_OK, Schedule(0, 10));
+    m_events.RunAll();
+    EXPECT_TRUE(m_log.empty());
+    EXPECT_EQ(2, TicksToFiring());
+}
+
+TEST_F(CmTimerQueueCalendar, Zero_CancelDropsTheTimerAndReportsNotFound) {
+    Schedule(0, 0);
+    EXPECT_EQ(CM_ERROR_NOT_FOUND, Cancel(0));
+    m_events.RunAll();
+    EXPECT_TRUE(m_log.empty());
+}
+
+TEST_F(CmTimerQueueCalendar, Zero_RefusedPostEndsTheTimer) {
+    m_events.m_rvNext = CM_ERROR_NOT_INITIALIZED;
+    EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, Schedule(0, 0));
+    m_events.m_rvNext = CM_OK;
+    EXPECT_EQ(CM_OK, Schedule(1, 0));
+    m_events.RunAll();
+    EXPECT_EQ(std::vector<int>{1}, Ids(m_log));
+}
+
+TEST_F(CmTimerQueueCalendar, Zero_RefusedPostEndsTheWheelTimerBefore) {
+    Schedule(0, 10, 0);
+    m_events.m_rvNext = CM_ERROR_NOT_INITIALIZED;
+    EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, Schedule(0, 0));
+    EXPECT_EQ(0, TicksToFiring());
+}
+
+TEST_F(CmTimerQueueCalendar, Zero_WithoutEventQueueIsRefused) {
+    CCmTimerQueueCalendar queue(10, 110, nullptr);
+    EXPECT_EQ(CM_ERROR_NULL_POINTER, queue.ScheduleTimer(Handler(0), nullptr, Ms(0), 1));
+    EXPECT_EQ(CM_OK, queue.ScheduleTimer(Handler(0), nullptr, Ms(10), 1));
+}
+
+TEST_F(CmTimerQueueCalendar, ToZero_ReturnsOk_WhenItPostsTheEvent) {
+    Schedule(0, 10);
+    EXPECT_EQ(CM_OK, Schedule(0, 0));
+}
+
+TEST_F(CmTimerQueueCalendar, ToZero_ReturnsFound_WhenTheEventIsPending) {
+    Schedule(0, 10);
+    Schedule(1, 0);
+    EXPECT_EQ(CM_ERROR_FOUND, Schedule(0, 0));
+    EXPECT_EQ(1U, m_events.m_events.size());
+}
+
+TEST_F(CmTimerQueueCalendar, ToZero_KeepsItsEntry_SoThatCancelMissesIt) {
+    Schedule(0, 10);
+    Schedule(0, 0);
+    EXPECT_EQ(CM_ERROR_NOT_FOUND, Cancel(0));
+    m_events.RunAll();
+    EXPECT_EQ(std::vector<int>{0}, Ids(m_log));
+    EXPECT_EQ(0, TicksToFiring());
+}
+
+TEST_F(CmTimerQueueCalendar, ToZero_KeepsItsEntry_SoThatZeroTimersAddUp) {
+    Schedule(0, 10);
+    EXPECT_EQ(CM_OK, Schedule(0, 0));
+    EXPECT_EQ(CM_OK, Schedule(0, 0));
+    m_events.RunAll();
+    EXPECT_EQ((std::vector<int>{0, 0}), Ids(m_log));
+}
+
+TEST_F(CmTimerQueueCalendar, ToZero_AndBackToAnInterval_FiresBoth) {
+    Schedule(0, 10);
+    EXPECT_EQ(CM_OK, Schedule(0, 0));
+    EXPECT_EQ(CM_OK, Schedule(0, 10));
+    m_events.RunAll();
+    Tick(2);
+    EXPECT_EQ((std::vector<int>{0, 0}), Ids(m_log));
+}
+
+TEST_F(CmTimerQueueCalendar, ToZero_DuplicatesAreDroppedFromTheHead) {
+    int nTokens[2];
+    Schedule(0, 10);
+    m_queue.ScheduleTimer(Handler(0), &nTokens[0], Ms(0), 1);
+    m_queue.ScheduleTimer(Handler(0), &nTokens[1], Ms(0), 1);
+    // A wheel timer again, whose cancelling ends the entry.
+    Schedule(0, 10);
+    EXPECT_EQ(CM_OK, Cancel(0));
+    EXPECT_EQ(CM_ERROR_NOT_FOUND, Cancel(0));
+    m_events.RunAll();
+    ASSERT_EQ(1U, m_log.size());
+    EXPECT_EQ(&nTokens[0], m_log[0].token);
+}
+
+TEST_F(CmTimerQueueCalendar, ToZero_StaleEntryTouchesNoOneElsesTimer) {
+    Schedule(0, 10);
+    Schedule(0, 0);
+    m_events.RunAll();
+    Schedule(1, 10);  // in the slot that the stale entry names, in the recycled node
+    EXPECT_EQ(CM_ERROR_NOT_FOUND, Cancel(0));
+    EXPECT_EQ(2, TicksToFiring());
+    EXPECT_EQ((std::vector<int>{0, 1}), Ids(m_log));
+}
+
+TEST_F(CmTimerQueueCalendar, Handler_CancelsItsPeriodicTimer) {
+    CmResult rv = CM_ERROR_FAILURE;
+    Handler(0)->SetAction([&] { rv = Cancel(0); });
+    Schedule(0, 10, 0);
+    EXPECT_EQ(2, TicksToFiring());
+    EXPECT_EQ(CM_OK, rv);
+    EXPECT_EQ(0, TicksToFiring());
+}
+
+TEST_F(CmTimerQueueCalendar, Handler_FindsItsLastFiringGone) {
+    CmResult rv = CM_OK;
+    Handler(0)->SetAction([&] { rv = Cancel(0); });
+    Schedule(0, 10, 1);
+    Tick(2);
+    EXPECT_EQ(CM_ERROR_NOT_FOUND, rv);
+}
+
+TEST_F(CmTimerQueueCalendar, Handler_ReschedulesItself) {
+    std::vector<CmResult> results;
+    Handler(0)->SetAction([&] { results.push_back(Schedule(0, 20, 1)); });
+    Schedule(0, 10, 0);
+    EXPECT_EQ(2, TicksToFiring());
+    EXPECT_EQ(2, TicksToFiring());
+    EXPECT_EQ((std::vector<CmResult>{CM_ERROR_FOUND, CM_OK}), results);
+}
+
+TEST_F(CmTimerQueueCalendar, Handler_CancelsTheRestOfItsSlot) {
+    Schedule(0, 10, 0);
+    Schedule(1, 10, 0);
+    Schedule(2, 10, 0);
+    Handler(2)->SetAction([this] {
+        EXPECT_EQ(CM_OK, Cancel(0));
+        EXPECT_EQ(CM_OK, Cancel(1));
+        EXPECT_EQ(CM_OK, Cancel(2));
+    });
+    EXPECT_EQ(2, TicksToFiring());
+    EXPECT_EQ(0, TicksToFiring());
+    EXPECT_EQ(std::vector<int>{2}, Ids(m_log));
+}
+
+TEST_F(CmTimerQueueCalendar, Handler_AddsZeroTimerWhileTheyFire) {
+    Handler(0)->SetAction([this] {
+        if (m_log.size() < 3) {
+            EXPECT_EQ(CM_OK, Schedule(1, 0));
+            EXPECT_EQ(CM_ERROR_NOT_FOUND, Cancel(0));
+        }
+    });
+    Schedule(0, 0);
+    ICmEvent* pEvent = m_events.m_events.front();
+    m_events.m_events.pop_front();
+    EXPECT_EQ(CM_OK, pEvent->OnEventFire());
+    EXPECT_EQ((std::vector<int>{0, 1}), Ids(m_log));
+    // The event posted meanwhile finds nothing left.
+    EXPECT_EQ(1U, m_events.m_events.size());
+    m_events.RunAll();
+    EXPECT_EQ(2U, m_log.size());
+}
+
+TEST_F(CmTimerQueueCalendar, Handler_CancelsAnotherZeroTimerWhileTheyFire) {
+    Schedule(0, 0);
+    Schedule(1, 0);
+    Handler(1)->SetAction([this] { EXPECT_EQ(CM_ERROR_NOT_FOUND, Cancel(0)); });
+    m_events.RunAll();
+    EXPECT_EQ(std::vector<int>{1}, Ids(m_log));
+}
+
+TEST_F(CmTimerQueueCalendar, EndOfEvent_LeavesTheQueueAlive) {
+    static_cast<ICmEvent&>(m_queue).OnDestorySelf();
+    EXPECT_EQ(CM_OK, Schedule(0, 10));
+    EXPECT_EQ(2, TicksToFiring());
+}
+
+TEST_F(CmTimerQueueCalendar, DestructorDropsTimersSilently) {
+    const long lLive = kelto_test::LiveAllocations();
+    {
+        CCmTimerQueueCalendar queue(10, 110, &m_events);
+        queue.ScheduleTimer(Handler(0), nullptr, Ms(10), 1);
+        queue.ScheduleTimer(Handler(1), nullptr, Ms(90), 0);
+        queue.ScheduleTimer(Handler(2), nullptr, Ms(0), 1);
+        queue.ScheduleTimer(Handler(3), nullptr, Ms(5000), 0);
+        queue.CancelTimer(Handler(0));
+        m_events.m_events.clear();
+    }
+    m_events.m_events.shrink_to_fit();
+    m_events.m_priorities.clear();
+    m_events.m_priorities.shrink_to_fit();
+    m_sink.clear();
+    EXPECT_TRUE(m_log.empty());
+    EXPECT_GE(lLive + 1, kelto_test::LiveAllocations());  // the sink's vector may keep its memory
+}
+
+TEST_F(CmTimerQueueCalendar, Constructor_TakesTheThreadsEventQueue) {
+    CCmThreadHeartBeat* pThread = new CCmThreadHeartBeat;
+    ASSERT_EQ(CM_OK, pThread->Create(TT_MAIN, TF_JOINABLE, 1));
+    pThread->OnThreadInit();
+    {
+        CCmTimerQueueCalendar queue(10, 110, nullptr);
+        EXPECT_EQ(CM_OK, queue.ScheduleTimer(Handler(0), nullptr, Ms(0), 1));
+        EXPECT_EQ(1U, pThread->GetEventQueue()->GetPendingEventsCount());
+        EXPECT_EQ(CM_OK, pThread->DoHeartBeat());
+        EXPECT_EQ(std::vector<int>{0}, Ids(m_log));
+    }
+    pThread->Destory(CM_OK);
+}
+
+TEST_F(CmTimerQueueCalendar, Allocation_FailureOfTheWheelRefusesTimers) {
+    std::unique_ptr<CCmTimerQueueCalendar> pQueue;
+    void* pMemory = ::operator new(sizeof(CCmTimerQueueCalendar));
+    {
+        ScopedAllocationFault fault(1);
+        pQueue.reset(new (pMemory) CCmTimerQueueCalendar(10, 110, &m_events));
+        EXPECT_TRUE(fault.hit());
+    }
+    EXPECT_EQ(CM_ERROR_OUT_OF_MEMORY, pQueue->ScheduleTimer(Handler(0), nullptr, Ms(10), 1));
+    EXPECT_EQ(CM_ERROR_OUT_OF_MEMORY, pQueue->ScheduleTimer(Handler(0), nullptr, Ms(0), 1));
+    EXPECT_EQ(CM_ERROR_NOT_FOUND, pQueue->CancelTimer(Handler(0)));
+    pQueue->TimerTick();
+    EXPECT_EQ(CM_OK, pQueue->OnEventFire());
+}
+
+TEST_F(CmTimerQueueCalendar, Allocation_FailureOfAnyStepChangesNothing) {
+    Schedule(0, 10);
+    for (unsigned long ulNth = 1;; ++ulNth) {
+        ScopedAllocationFault fault(ulNth, Failing::FROM_THERE_ON);
+        const CmResult rv = Schedule(1, 10);
+        if (!fault.hit()) {
+            EXPECT_EQ(CM_OK, rv);
+            EXPECT_EQ(3U, ulNth);  // the node and the entry
+            break;
+        }
+        EXPECT_EQ(CM_ERROR_OUT_OF_MEMORY, rv);
+        EXPECT_EQ(CM_ERROR_NOT_FOUND, Cancel(1));
+    }
+    Tick(2);
+    EXPECT_EQ((std::vector<int>{1, 0}), Ids(m_log));
+}
+
+TEST_F(CmTimerQueueCalendar, Allocation_FailureKeepsTheZeroTimerBefore) {
+    Schedule(0, 0);
+    {
+        ScopedAllocationFault fault(1);
+        EXPECT_EQ(CM_ERROR_OUT_OF_MEMORY, Schedule(0, 10));
+    }
+    {
+        ScopedAllocationFault fault(1);
+        EXPECT_EQ(CM_ERROR_OUT_OF_MEMORY, Schedule(0, 0));
+    }
+    m_events.RunAll();
+    EXPECT_EQ(std::vector<int>{0}, Ids(m_log));
+}
+
+TEST_F(CmTimerQueueCalendar, Allocation_IsNotNeededToReschedule) {
+    Schedule(0, 10);
+    ScopedAllocationFault fault(1, Failing::FROM_THERE_ON);
+    EXPECT_EQ(CM_ERROR_FOUND, Schedule(0, 30));
+    EXPECT_EQ(CM_ERROR_FOUND, Schedule(0, 70));
+    EXPECT_FALSE(fault.hit());
+}
+
+TEST_F(CmTimerQueueCalendar, Allocation_IsNotNeededInSteadyState) {
+    std::vector<CountingHandler> handlers(50);
+    for (CountingHandler& handler : handlers) {
+        m_queue.ScheduleTimer(&handler, nullptr, Ms(20), 0);
+    }
+    Schedule(0, 50);
+    Cancel(0);
+    const unsigned long ulBefore = kelto_test::AllocationsOfThisThread();
+    for (int i = 0; i < 100; ++i) {
+        Tick();
+        ASSERT_EQ(CM_OK, Schedule(0, 50));
+        ASSERT_EQ(CM_OK, Cancel(0));
+    }
+    EXPECT_EQ(ulBefore, kelto_test::AllocationsOfThisThread());
+    EXPECT_LE(40U, handlers[0].count());
+}
+
+// A plain model of the calendar: every timer is a row; the wheel is a number.
+class Model {
+  public:
+    static constexpr int MAX_SLOT = 12;
+
+    struct Timer {
+        int id;
+        long token;
+        int distance;
+        long left;
+        int slot;  // -1: interval zero
+    };
+
+    int m_nCurrent = 0;
+    int m_nPosted = 0;
+    int m_nClamped = 0;
+
+    // aMs: from 0; the wheel has slots of 10 ms.
+    CmResult Schedule(int aId, long aToken, int aMs, long aCount) {
+        bool bReused = false;
+        if (m_entries.count(aId) != 0) {
+            bReused = Remove(aId, m_entries[aId]);
+        } else {
+            Remove(aId, -1);
+        }
+        const Timer timer{aId, aToken, (aMs + 9) / 10, aCount == 0 ? 0xFFFFFFFF : aCount, -1};
+        if (aMs == 0) {
+            bool bPending = false;
+            for (const Timer& other : m_newestFirst) {
+                bPending = bPending || other.slot == -1;
+            }
+            m_newestFirst.push_front(timer);
+            m_nPosted += bPending ? 0 : 1;
+            return bPending && bReused ? CM_ERROR_FOUND : CM_OK;
+        }
+        Insert(timer);
+        return bReused ? CM_ERROR_FOUND : CM_OK;
+    }
+    CmResult Cancel(int aId) {
+        if (m_entries.count(aId) == 0) {
+            Remove(aId, -1);
+            return CM_ERROR_NOT_FOUND;
+        }
+        if (!Remove(aId, m_entries[aId])) {
+            return CM_ERROR_NOT_FOUND;
+        }
+        m_entries.erase(aId);
+        return CM_OK;
+    }
+    // The next timer of a slot (-1: of interval zero), re-armed already; false: none left.
+    bool Next(int aSlot, Timer& aTimer) {
+        for (auto it = m_newestFirst.begin(); it != m_newestFirst.end(); ++it) {
+            if (it->slot != aSlot) {
+                continue;
+            }
+            aTimer = *it;
+            m_newestFirst.erase(it);
+            if (aSlot == -1) {
+                return true;
+            }
+            Timer next = aTimer;
+            if (--next.left == 0) {
+                m_entries.erase(next.id);
+            } else {
+                Insert(next);
+            }
+            return true;
+        }
+        return false;
+    }
+    void Advance() { m_nCurrent = m_nCurrent == MAX_SLOT ? 0 : m_nCurrent + 1; }
+
+  private:
+    void Insert(Timer aTimer) {
+        int nDistance = aTimer.distance;
+        if (nDistance > MAX_SLOT - 1) {
+            ++m_nClamped;
+            nDistance = MAX_SLOT;
+        }
+        aTimer.slot = m_nCurrent + nDistance;
+        if (aTimer.slot > MAX_SLOT) {
+            aTimer.slot -= MAX_SLOT;
+        }
+        m_entries[aTimer.id] = aTimer.slot;
+        m_newestFirst.push_front(aTimer);
+    }
+    bool Remove(int aId, int aSlot) {
+        for (auto it = m_newestFirst.begin(); it != m_newestFirst.end(); ++it) {
+            if (it->id == aId && it->slot == aSlot) {
+                m_newestFirst.erase(it);
+                return true;
+            }
+        }
+        return false;
+    }
+
+    std::deque<Timer> m_newestFirst;
+    std::map<int, int> m_entries;
+};
+
+// One random run of queue and model side by side; handlers operate on the queue as they fire.
+class RandomRun {
+  public:
+    static constexpr int HANDLERS = 10;
+
+    explicit RandomRun(unsigned int aSeed) : m_random(aSeed) {
+        for (int nId = 0; nId < HANDLERS; ++nId) {
+            m_handlers.push_back(std::make_unique<Handler>(*this, nId));
+        }
+    }
+
+    void Step() {
+        m_nOperations = 8;
+        switch (Pick(5)) {
+            case 0:
+            case 1:
+                m_nFiring = m_model.m_nCurrent;
+                m_queue.TimerTick();
+                ExpectNoneLeft();
+                m_model.Advance();
+                break;
+            case 2:
+                m_nFiring = -1;
+                m_events.RunAll();
+                ExpectNoneLeft();
+                m_model.m_nPosted = 0;
+                break;
+            default:
+                Operate(true);
+        }
+        m_nOperations = 0;
+        ASSERT_EQ(m_model.m_nPosted, static_cast<int>(m_events.m_events.size()));
+    }
+    int clamped() const { return m_model.m_nClamped; }
+
+  private:
+    class Handler : public ICmTimerHandler {
+      public:
+        Handler(RandomRun& aRun, int aId) : m_run(aRun), m_nId(aId) {}
+        virtual ~Handler() = default;
+        void OnTimeout(const CCmTimeValue& /*aNow*/, void* aArg) override {
+            m_run.Fired(m_nId, reinterpret_cast<long>(aArg));
+        }
+
+      private:
+        RandomRun& m_run;
+        const int m_nId;
+    };
+
+    int Pick(int aBelow) { return static_cast<int>(m_random() % static_cast<unsigned>(aBelow)); }
+
+    void Operate(bool aMayClamp) {
+        const int nId = Pick(HANDLERS);
+        Handler* pHandler = m_handlers[static_cast<size_t>(nId)].get();
+        if (Pick(3) == 0) {
+            ASSERT_EQ(m_model.Cancel(nId), m_queue.CancelTimer(pHandler));
+            return;
+        }
+        const long lToken = Pick(1000000);
+        // What is clamped fires again and again within a tick, so it must end.
+        const bool bClamped = aMayClamp && Pick(10) == 0;
+        const int nMs = bClamped ? 111 + Pick(500) : Pick(5) == 0 ? 0 : 1 + Pick(110);
+        const int nCount = bClamped ? 1 + Pick(3) : Pick(4);
+        ASSERT_EQ(m_model.Schedule(nId, lToken, nMs, nCount),
+                  m_queue.ScheduleTimer(pHandler, reinterpret_cast<void*>(lToken), Ms(nMs),
+                                        static_cast<unsigned int>(nCount)));
+    }
+    void ExpectNoneLeft() {
+        Model::Timer timer{};
+        ASSERT_FALSE(m_model.Next(m_nFiring, timer));
+    }
+    void Fired(int aId, long aToken) {
+        Model::Timer timer{};
+        ASSERT_TRUE(m_model.Next(m_nFiring, timer));
+        ASSERT_EQ(timer.id, aId);
+        ASSERT_EQ(timer.token, aToken);
+        while (m_nOperations > 0 && Pick(2) == 0) {
+            --m_nOperations;
+            Operate(false);
+        }
+    }
+
+    std::minstd_rand m_random;
+    std::vector<std::unique_ptr<Handler>> m_handlers;
+    Model m_model;
+    FakeEventQueue m_events;
+    CCmTimerQueueCalendar m_queue{10, 130, &m_events};
+    int m_nFiring = -1;
+    int m_nOperations = 0;
+};
+
+TEST(CmTimerQueueCalendarModel, BehavesLikeTheModel_OnRandomOperations) {
+    ScopedTraceSink sink;
+    int nClamped = 0;
+    for (unsigned int dwSeed = 1; dwSeed <= 3000; ++dwSeed) {
+        SCOPED_TRACE(dwSeed);
+        RandomRun run(dwSeed);
+        for (int nStep = 0; nStep < 100; ++nStep) {
+            ASSERT_NO_FATAL_FAILURE(run.Step());
+            if (testing::Test::HasFailure()) {
+                return;
+            }
+        }
+        nClamped += run.clamped();
+    }
+    EXPECT_EQ(static_cast<size_t>(nClamped), sink.lines().size());
+}
+
+}  // namespace
+}  // namespace UTIL_NS

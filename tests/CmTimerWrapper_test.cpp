@@ -1,0 +1,317 @@
+#include "CmTimerWrapper.h"
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "CmThread.h"
+#include "support/Clock.h"
+#include "support/Faults.h"
+#include "support/Timers.h"
+#include "support/TraceSink.h"
+
+namespace UTIL_NS {
+namespace {
+
+using kelto_test::Ms;
+using kelto_test::ScopedClock;
+using kelto_test::ScopedTraceSink;
+
+typedef low_tick_policy::low_tick_generator Generator;
+
+class RecordingSink : public CCmTimerWrapperIDSink {
+  public:
+    void OnTimer(CCmTimerWrapperID* aId) override {
+        m_ids.push_back(aId);
+        if (m_action) {
+            m_action();
+        }
+    }
+    std::vector<CCmTimerWrapperID*> m_ids;
+    std::function<void()> m_action;
+};
+
+// Adopts the test's thread and gives it queues.
+class CmTimerWrapperID : public testing::Test {
+  protected:
+    CmTimerWrapperID() {
+        m_pThread->Create(TT_MAIN, TF_JOINABLE, 1);
+        m_pThread->OnThreadInit();
+    }
+    ~CmTimerWrapperID() override { m_pThread->Destory(CM_OK); }
+    size_t FiredAfterMs(long aMs) {
+        m_clock.AdvanceMs(aMs);
+        m_pThread->DoHeartBeat();
+        return m_recorder.m_ids.size();
+    }
+
+    ScopedClock m_clock;
+    ScopedTraceSink m_sink;
+    RecordingSink m_recorder;
+    CCmThreadHeartBeat* m_pThread = new CCmThreadHeartBeat;
+};
+
+TEST(CmTimerWrapperIDAlone, ScheduleFails_OnThreadWithoutLibraryThread) {
+    ScopedTraceSink sink;
+    CmResult rvSchedule = CM_OK;
+    CmResult rvCancel = CM_ERROR_FAILURE;
+    std::thread([&] {
+        CCmTimerWrapperID timer;
+        rvSchedule = timer.Schedule(nullptr, Ms(10), 1);
+        rvCancel = timer.Cancel();
+    }).join();
+    EXPECT_EQ(CM_ERROR_NULL_POINTER, rvSchedule);
+    EXPECT_EQ(CM_OK, rvCancel);
+    ASSERT_EQ(1U, sink.lines().size());
+    EXPECT_EQ(0U, sink.lines()[0].level);
+    EXPECT_EQ(
+        "UTIL ERROR: CCmTimerWrapperID::Schedule, this thread doesn't suppport TimerQueue! "
+        "this=0x#",
+        kelto_test::MaskAddresses(sink.lines()[0].text));
+}
+
+TEST(CmTimerWrapperIDAlone, ScheduleFails_OnThreadWithoutTimerQueue) {
+    ScopedTraceSink sink;
+    CCmThreadTaskWithEventQueueOnly* pThread = new CCmThreadTaskWithEventQueueOnly;
+    ASSERT_EQ(CM_OK, pThread->Create(TT_MAIN, TF_JOINABLE, 1));
+    CCmTimerWrapperID timer;
+    EXPECT_EQ(CM_ERROR_NULL_POINTER, timer.Schedule(nullptr, Ms(10), 1));
+    EXPECT_EQ(1U, sink.count("doesn't suppport TimerQueue!"));
+    pThread->Destory(CM_OK);
+}
+
+TEST_F(CmTimerWrapperID, CancelOfNeverScheduledTimer_IsOk) {
+    CCmTimerWrapperID timer;
+    EXPECT_EQ(CM_OK, timer.Cancel());
+}
+
+TEST_F(CmTimerWrapperID, TellsItsSink) {
+    CCmTimerWrapperID timer;
+    EXPECT_EQ(CM_OK, timer.Schedule(&m_recorder, Ms(10), 2));
+    EXPECT_EQ(0U, FiredAfterMs(9));
+    EXPECT_EQ(1U, FiredAfterMs(1));
+    EXPECT_EQ(2U, FiredAfterMs(10));
+    EXPECT_EQ(2U, FiredAfterMs(100));
+    EXPECT_EQ((std::vector<CCmTimerWrapperID*>{&timer, &timer}), m_recorder.m_ids);
+}
+
+TEST_F(CmTimerWrapperID, ScheduleWithNullSink_FiresSilently) {
+    CCmTimerWrapperID timer;
+    EXPECT_EQ(CM_OK, timer.Schedule(nullptr, Ms(10), 1));
+    EXPECT_EQ(0U, FiredAfterMs(10));
+    EXPECT_EQ(CM_ERROR_NOT_FOUND, timer.Cancel());
+}
+
+TEST_F(CmTimerWrapperID, SecondSchedule_Reschedules) {
+    RecordingSink other;
+    CCmTimerWrapperID timer;
+    EXPECT_EQ(CM_OK, timer.Schedule(&other, Ms(10), 0));
+    EXPECT_EQ(CM_ERROR_FOUND, timer.Schedule(&m_recorder, Ms(20), 1));
+    EXPECT_EQ(1U, FiredAfterMs(20));
+    EXPECT_TRUE(other.m_ids.empty());
+}
+
+TEST_F(CmTimerWrapperID, Cancel_StopsTheTimer) {
+    CCmTimerWrapperID timer;
+    timer.Schedule(&m_recorder, Ms(10), 0);
+    EXPECT_EQ(CM_OK, timer.Cancel());
+    EXPECT_EQ(CM_OK, timer.Cancel());
+    EXPECT_EQ(0U, FiredAfterMs(100));
+}
+
+TEST_F(CmTimerWrapperID, CancelAfterLastFiring_IsNotFoundOnce) {
+    CCmTimerWrapperID timer;
+    timer.Schedule(&m_recorder, Ms(10), 1);
+    EXPECT_EQ(1U, FiredAfterMs(10));
+    EXPECT_EQ(CM_ERROR_NOT_FOUND, timer.Cancel());
+    EXPECT_EQ(CM_OK, timer.Cancel());
+}
+
+TEST_F(CmTimerWrapperID, RefusedSchedule_CountsAsScheduled) {
+    CCmTimerWrapperID timer;
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, timer.Schedule(&m_recorder, Ms(0), 0));
+    EXPECT_EQ(CM_ERROR_NOT_FOUND, timer.Cancel());
+}
+
+TEST_F(CmTimerWrapperID, ScheduleWithoutMemory_CountsAsScheduled) {
+    CCmTimerWrapperID timer;
+    {
+        kelto_test::ScopedAllocationFault fault(1);
+        EXPECT_EQ(CM_ERROR_OUT_OF_MEMORY, timer.Schedule(&m_recorder, Ms(10), 0));
+        EXPECT_TRUE(fault.hit());
+    }
+    EXPECT_EQ(CM_ERROR_NOT_FOUND, timer.Cancel());
+    EXPECT_EQ(0U, FiredAfterMs(100));
+}
+
+TEST_F(CmTimerWrapperID, Destructor_CancelsTheTimer) {
+    {
+        CCmTimerWrapperID timer;
+        timer.Schedule(&m_recorder, Ms(10), 0);
+    }
+    EXPECT_EQ(0U, FiredAfterMs(100));
+}
+
+TEST_F(CmTimerWrapperID, Sink_MayDestroyTheTimer) {
+    std::unique_ptr<CCmTimerWrapperID> pTimer = std::make_unique<CCmTimerWrapperID>();
+    m_recorder.m_action = [&] { pTimer.reset(); };
+    pTimer->Schedule(&m_recorder, Ms(10), 0);
+    EXPECT_EQ(1U, FiredAfterMs(10));
+    EXPECT_EQ(1U, FiredAfterMs(100));
+}
+
+TEST_F(CmTimerWrapperID, StaysBoundToItsFirstQueue) {
+    CCmTimerWrapperID timer;
+    timer.Schedule(&m_recorder, Ms(10), 1);
+    CmResult rv = CM_ERROR_FAILURE;
+    // From a thread that has no queue of its own, while the owner waits.
+    std::thread([&] { rv = timer.Schedule(&m_recorder, Ms(30), 1); }).join();
+    EXPECT_EQ(CM_ERROR_FOUND, rv);
+    EXPECT_EQ(0U, FiredAfterMs(20));
+    EXPECT_EQ(1U, FiredAfterMs(10));
+}
+
+// Runs on a worker and tells the test what came of it.
+class ScheduleEvent : public ICmEvent {
+  public:
+    explicit ScheduleEvent(std::function<CmResult()> aWork) : m_work(std::move(aWork)) {}
+    CmResult OnEventFire() override { return m_work(); }
+
+  private:
+    std::function<CmResult()> m_work;
+};
+
+class CountingSink : public CCmTimerWrapperIDSink {
+  public:
+    void OnTimer(CCmTimerWrapperID* /*aId*/) override { m_nCount.fetch_add(1); }
+    std::atomic<int> m_nCount{0};
+};
+
+TEST(CmTimerWrapperIDOnWorker, FiresOnTheWorkersThread) {
+    ScopedTraceSink sink;
+    ACmThread* pThread = nullptr;
+    ASSERT_EQ(CM_OK, CreateUserTaskThread(&pThread, TF_JOINABLE, true, 1));
+    ICmEventQueue* pQueue = pThread->GetEventQueue();
+    CountingSink counter;
+    CCmTimerWrapperID timer;
+    EXPECT_EQ(CM_OK, pQueue->SendEvent(new ScheduleEvent(
+                         [&] { return timer.Schedule(&counter, CCmTimeValue(0, 1000), 3); })));
+    for (int i = 0; i < 20000 && counter.m_nCount.load() < 3; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    EXPECT_EQ(3, counter.m_nCount.load());
+    EXPECT_EQ(CM_ERROR_NOT_FOUND,
+              pQueue->SendEvent(new ScheduleEvent([&] { return timer.Cancel(); })));
+    pThread->Stop(nullptr);
+    pThread->Join();
+    pThread->Destory(CM_OK);
+}
+
+// Runs a case in a child, since the generator is created once per process; the result is the
+// child's exit status.
+int InChild(const std::function<bool()>& aCase) {
+    const pid_t pid = fork();
+    if (pid == 0) {
+        _exit(aCase() ? 0 : 1);
+    }
+    int nStatus = -1;
+    waitpid(pid, &nStatus, 0);
+    return WIFEXITED(nStatus) ? WEXITSTATUS(nStatus) : -1;
+}
+
+TEST(CmLowTick, NowReadsTheClock_AndRecordsMissingTimerQueue) {
+    EXPECT_EQ(0, InChild([] {
+                  ScopedTraceSink sink;
+                  ScopedClock clock;
+                  const bool bWasOne = Generator::m_InitTimerSucc == 1;
+                  clock.SetTicks(4711);
+                  const long long llTick = low_tick_policy::now();
+                  return bWasOne && llTick == 47110000 && Generator::m_InitTimerSucc == 0 &&
+                         sink.lines().size() == 1 &&
+                         sink.count(
+                             "CCmTimerWrapperID::Schedule, this thread doesn't suppport "
+                             "TimerQueue!") == 1;
+              }));
+}
+
+TEST(CmLowTick, NowIsReadAfresh) {
+    EXPECT_EQ(0, InChild([] {
+                  ScopedTraceSink sink;
+                  ScopedClock clock;
+                  clock.SetTicks(100);
+                  const long long llFirst = low_tick_policy::now();
+                  clock.SetTicks(101);
+                  return llFirst == 1000000 && low_tick_policy::now() == 1010000 &&
+                         Generator::now() == 1010000;
+              }));
+}
+
+TEST(CmLowTick, InstanceIsTheSame_AndHasItsTimer_OnThreadWithTimerQueue) {
+    EXPECT_EQ(
+        0, InChild([] {
+            ScopedTraceSink sink;
+            ScopedClock clock;
+            CCmThreadHeartBeat* pThread = new CCmThreadHeartBeat;
+            pThread->Create(TT_MAIN, TF_JOINABLE, 1);
+            pThread->OnThreadInit();
+            Generator* pGenerator = Generator::instance();
+            CCmTimerQueueBase* pQueue = static_cast<CCmTimerQueueBase*>(pThread->GetTimerQueue());
+            const CCmTimeValue tvDue = pQueue->GetEarliestTime();
+            clock.AdvanceMs(35);
+            const unsigned int dwFired = pQueue->CheckExpire();
+            return pGenerator != nullptr && pGenerator == Generator::instance() &&
+                   Generator::m_InitTimerSucc == 1 && tvDue == CCmTimeValue(1000000000, 10000) &&
+                   dwFired == 1 && pQueue->GetEarliestTime() == CCmTimeValue(1000000000, 40000);
+        }));
+}
+
+TEST(CmLowTick, InstanceWithoutMemory_IsTriedAgain) {
+    EXPECT_EQ(0, InChild([] {
+                  ScopedTraceSink sink;
+                  tick_policy::now();  // its singleton is there
+                  Generator* pFirst = nullptr;
+                  long long llTick = -1;
+                  {
+                      kelto_test::ScopedAllocationFault fault(1,
+                                                              kelto_test::Failing::FROM_THERE_ON);
+                      pFirst = Generator::instance();
+                      llTick = low_tick_policy::now();
+                  }
+                  return pFirst == nullptr && llTick >= 0 && Generator::instance() != nullptr;
+              }));
+}
+
+TEST(CmLowTick, ThreadsMeetOneInstance) {
+    EXPECT_EQ(0, InChild([] {
+                  ScopedTraceSink sink;
+                  std::vector<Generator*> generators(8);
+                  std::vector<std::thread> threads;
+                  for (Generator*& pGenerator : generators) {
+                      threads.emplace_back([&pGenerator] { pGenerator = Generator::instance(); });
+                  }
+                  for (std::thread& thread : threads) {
+                      thread.join();
+                  }
+                  for (Generator* pGenerator : generators) {
+                      if (pGenerator == nullptr || pGenerator != generators[0]) {
+                          return false;
+                      }
+                  }
+                  return sink.lines().size() == 1;
+              }));
+}
+
+TEST(CmLowTick, LargestValueIsThatOfSixtyFourBits) {
+    EXPECT_EQ(0x7FFFFFFFFFFFFFFF, low_tick_policy::max_time_value());
+}
+
+}  // namespace
+}  // namespace UTIL_NS
