@@ -4,6 +4,7 @@ add_library(kelto_compile_options INTERFACE)
 
 # Compiler caches may hand sources over relative to the build directory.
 file(RELATIVE_PATH KELTO_ROOT_FROM_BUILD ${CMAKE_BINARY_DIR} ${PROJECT_SOURCE_DIR})
+string(REGEX REPLACE "([^/])$" "\\1/" KELTO_ROOT_FROM_BUILD "${KELTO_ROOT_FROM_BUILD}")
 
 target_compile_features(kelto_compile_options INTERFACE cxx_std_17)
 
@@ -19,9 +20,11 @@ target_compile_options(kelto_compile_options INTERFACE
   -Wmissing-declarations
   ${KELTO_WERROR_FLAG}
   $<$<CXX_COMPILER_ID:Clang,AppleClang>:-Wthread-safety>
-  # File names in assertion lines and debug information are relative to the project's root.
+  # File names in assertion lines and debug information are relative to the project's root, and no
+  # path of the build stays behind, so that two builds in two directories are alike.
   "-ffile-prefix-map=${PROJECT_SOURCE_DIR}/="
-  "-ffile-prefix-map=${KELTO_ROOT_FROM_BUILD}=")
+  "-ffile-prefix-map=${KELTO_ROOT_FROM_BUILD}="
+  "-ffile-prefix-map=${CMAKE_BINARY_DIR}=.")
 
 if(KELTO_SANITIZE)
   target_compile_options(kelto_compile_options INTERFACE

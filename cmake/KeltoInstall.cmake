@@ -1,0 +1,59 @@
+# What `cmake --install` puts where. Everything is relocatable: paths are relative to the file that
+# holds them. Install components: Runtime, Qtrace (our stand-in for the trace library, left out
+# where the real one is installed), Development, Documentation.
+
+include(CMakePackageConfigHelpers)
+
+set(KELTO_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/kelto_util)
+
+# kelto_install_library(target component export-set): a library and its entry in a file of targets.
+function(kelto_install_library target component export)
+  install(TARGETS ${target} EXPORT ${export}
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+      COMPONENT ${component} NAMELINK_COMPONENT Development
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT Development)
+  install(EXPORT ${export} NAMESPACE kelto:: DESTINATION ${KELTO_CMAKE_DIR} COMPONENT Development)
+endfunction()
+
+kelto_install_library(kelto_util Runtime kelto_util-shared)
+if(TARGET kelto_util_static)
+  kelto_install_library(kelto_util_static Runtime kelto_util-static)
+endif()
+if(KELTO_OWN_QTRACE)
+  kelto_install_library(qtrace Qtrace kelto_util-qtrace)
+  if(TARGET qtrace_static)
+    kelto_install_library(qtrace_static Qtrace kelto_util-qtrace_static)
+  endif()
+  install(FILES source/qtrace/qtrace.h
+    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kelto_util COMPONENT Development)
+endif()
+
+install(DIRECTORY include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kelto_util
+  COMPONENT Development FILES_MATCHING PATTERN "*.h")
+
+configure_package_config_file(cmake/kelto_utilConfig.cmake.in
+  ${CMAKE_CURRENT_BINARY_DIR}/kelto_utilConfig.cmake
+  INSTALL_DESTINATION ${KELTO_CMAKE_DIR}
+  NO_SET_AND_CHECK_MACRO)
+write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/kelto_utilConfigVersion.cmake
+  COMPATIBILITY SameMajorVersion)
+install(FILES
+  ${CMAKE_CURRENT_BINARY_DIR}/kelto_utilConfig.cmake
+  ${CMAKE_CURRENT_BINARY_DIR}/kelto_utilConfigVersion.cmake
+  DESTINATION ${KELTO_CMAKE_DIR} COMPONENT Development)
+
+# From lib/pkgconfig or lib/<machine>/pkgconfig up to the prefix.
+file(RELATIVE_PATH KELTO_PC_TO_PREFIX
+  ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
+string(REGEX REPLACE "/$" "" KELTO_PC_TO_PREFIX "${KELTO_PC_TO_PREFIX}")
+set(KELTO_PC_DL_LIBS "")
+if(CMAKE_DL_LIBS)
+  set(KELTO_PC_DL_LIBS "-l${CMAKE_DL_LIBS}")
+endif()
+configure_file(cmake/kelto_util.pc.in ${CMAKE_CURRENT_BINARY_DIR}/kelto_util.pc @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/kelto_util.pc
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT Development)
+
+install(FILES README.md CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT Documentation)
+install(DIRECTORY docs/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/docs COMPONENT Documentation
+  FILES_MATCHING PATTERN "*.md" PATTERN "*.svg")
