@@ -1,8 +1,211 @@
 #include "CmEncoding.h"
 
+#include <algorithm>
+#include <array>
 #include <cstring>
+#include <functional>
+#include <new>
+
+#include "CmBase64.h"
 
 namespace UTIL_NS {
+
+namespace {
+
+// Strings grow by this much at a time: the zeros that resize() writes are still in the nearest
+// cache when the text replaces them.
+constexpr size_t CHUNK_BYTES = 3 * 1024;
+constexpr size_t CHUNK_TEXT = CHUNK_BYTES / 3 * 4;
+
+bool LiesIn(const void* aBytes, const CCmString& aText) {
+    const std::less_equal<const void*> notBehind;
+    return notBehind(aText.data(), aBytes) && notBehind(aBytes, aText.data() + aText.capacity());
+}
+
+// Makes room for aLength characters; what the string holds is kept only if it need not move.
+void Prepare(CCmString& aText, size_t aLength) {
+    if (aText.capacity() < aLength) {
+        aText.clear();
+        aText.reserve(aLength);
+    }
+}
+
+void GrowTo(CCmString& aText, size_t aLength) {
+    if (aText.size() < aLength) {
+        aText.resize(aLength);
+    }
+}
+
+void Encode(const unsigned char* aIn, size_t aLen, CCmString& aOut) {
+    if (aLen > aOut.max_size() / 4 * 3 - 3) {
+        throw std::bad_alloc();
+    }
+    const size_t nLength = CmBase64EncodedLength(aLen);
+    Prepare(aOut, nLength);
+    size_t nText = 0;
+    for (size_t nDone = 0; nDone < aLen; nDone += CHUNK_BYTES) {
+        const size_t nChunk = std::min(CHUNK_BYTES, aLen - nDone);
+        GrowTo(aOut, nText + CmBase64EncodedLength(nChunk));
+        CmBase64Encode(aIn + nDone, nChunk, &aOut[nText]);
+        nText += CmBase64EncodedLength(nChunk);
+    }
+    aOut.resize(nLength);
+}
+
+// The last group of a run, of one to three characters, at aGroup; aIn ends at aEnd, where the
+// terminator is. Nothing behind it is looked at: it counts as outside the alphabet.
+void DecodeRest(const unsigned char* aGroup, const unsigned char* aEnd, CCmString& aOut) {
+    uint32_t adwValue[3] = {CM_BASE64_INVALID, CM_BASE64_INVALID, CM_BASE64_INVALID};
+    for (size_t i = 0; i < 3 && aGroup + i < aEnd; ++i) {
+        adwValue[i] = pr2six[aGroup[i]];
+    }
+    aOut += static_cast<char>(adwValue[0] << 2 | adwValue[1] >> 4);
+    if (adwValue[2] < CM_BASE64_INVALID) {
+        aOut += static_cast<char>(adwValue[1] << 4 | adwValue[2] >> 2);
+    }
+}
+
+void Decode(const unsigned char* aIn, size_t aLen, CCmString& aOut) {
+    Prepare(aOut, aLen / 4 * 3 + 3);
+    size_t nText = 0;
+    size_t nBytes = 0;
+    size_t nChunk = 0;
+    do {
+        nChunk = std::min(CHUNK_TEXT, (aLen - nText) / 4 * 4);
+        GrowTo(aOut, nBytes + nChunk / 4 * 3);
+        const size_t nDone =
+            CmBase64Decode(aIn + nText, nChunk, reinterpret_cast<unsigned char*>(&aOut[nBytes]));
+        nText += nDone;
+        nBytes += nDone / 4 * 3;
+        if (nDone < nChunk) {
+            break;
+        }
+    } while (nChunk == CHUNK_TEXT);
+    aOut.resize(nBytes);
+    if (nText < aLen && pr2six[aIn[nText]] < CM_BASE64_INVALID) {
+        DecodeRest(aIn + nText, aIn + aLen, aOut);
+    }
+}
+
+// Writes the group's bytes through the table, as many as its padding leaves; returns how many.
+size_t DecodePaddedGroup(const unsigned char* aIn, unsigned char* aOut) {
+    const unsigned nFirst = s_base64_decode_table[aIn[0]];
+    const unsigned nSecond = s_base64_decode_table[aIn[1]];
+    const unsigned nThird = s_base64_decode_table[aIn[2]];
+    const unsigned nFourth = s_base64_decode_table[aIn[3]];
+    aOut[0] = static_cast<unsigned char>(nFirst << 2 | nSecond >> 4);
+    if (aIn[2] == '=') {
+        return 1;
+    }
+    aOut[1] = static_cast<unsigned char>(nSecond << 4 | nThird >> 2);
+    if (aIn[3] == '=') {
+        return 2;
+    }
+    aOut[2] = static_cast<unsigned char>(nThird << 6 | nFourth);
+    return 3;
+}
+
+// What url_string_encode writes for a byte.
+struct Escape {
+    char text[3];
+    unsigned char length;
+};
+
+constexpr bool IsLetterOrDigit(unsigned aByte) {
+    return (aByte >= 'a' && aByte <= 'z') || (aByte >= 'A' && aByte <= 'Z') ||
+           (aByte >= '0' && aByte <= '9');
+}
+
+constexpr Escape MakeEscape(unsigned aByte) {
+    if (IsLetterOrDigit(aByte)) {
+        return {{static_cast<char>(aByte), 0, 0}, 1};
+    }
+    if (aByte == ' ') {
+        return {{'+', 0, 0}, 1};
+    }
+    constexpr char HEX[] = "0123456789abcdef";
+    if (aByte < 0x10) {
+        return {{'%', HEX[aByte], '\0'}, 3};
+    }
+    return {{'%', HEX[aByte >> 4], HEX[aByte & 0xF]}, 3};
+}
+
+constexpr std::array<Escape, 256> MakeEscapes() {
+    std::array<Escape, 256> escapes{};
+    for (unsigned i = 0; i < 256; ++i) {
+        escapes[i] = MakeEscape(i);
+    }
+    return escapes;
+}
+
+constexpr std::array<Escape, 256> ESCAPES = MakeEscapes();
+constexpr ptrdiff_t STORED = sizeof(Escape);
+
+constexpr char ToLower(char aChar) {
+    return aChar >= 'A' && aChar <= 'Z' ? static_cast<char>(aChar - 'A' + 'a') : aChar;
+}
+
+bool EqualNoCase(const char* aLeft, const char* aRight, size_t aLength) {
+    for (size_t i = 0; i < aLength; ++i) {
+        if (ToLower(aLeft[i]) != ToLower(aRight[i])) {
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace
+
+unsigned char* xbase64_init_decode_table() {
+    return s_base64_decode_table.data();
+}
+
+unsigned long xbase64_calc_encode_buf_size(unsigned char* /*aIn*/, unsigned long aLen) {
+    return aLen / 3 * 4 + 4;
+}
+
+long xbase64_encode(unsigned char* aIn, unsigned long aLen, unsigned char* aOut,
+                    unsigned long /*aOutSize*/) {
+    char* pText = reinterpret_cast<char*>(aOut);
+    return CmBase64Encode(aIn, aLen, pText) - pText;
+}
+
+unsigned long xbase64_decode(unsigned char* aIn, unsigned long aLen, unsigned char* aOut,
+                             unsigned long /*aOutSize*/) {
+    const unsigned char* const pEnd = aIn + aLen / 4 * 4;
+    unsigned char* pOut = aOut;
+    while (aIn != pEnd) {
+        const size_t nDone = CmBase64Decode(aIn, static_cast<size_t>(pEnd - aIn), pOut);
+        aIn += nDone;
+        pOut += nDone / 4 * 3;
+        if (aIn != pEnd) {
+            pOut += DecodePaddedGroup(aIn, pOut);
+            aIn += 4;
+        }
+    }
+    return static_cast<unsigned long>(pOut - aOut);
+}
+
+char* url_string_encode(char* aIn, char* aOut, int aOutSize) {
+    if (aOut == nullptr) {
+        return nullptr;
+    }
+    char* pOut = aOut;
+    const char* const pLimit = aOut + std::max(aOutSize, 0);
+    // All four bytes of an entry are stored where they fit; the next ones overwrite the excess.
+    for (; aIn != nullptr && *aIn != '\0' && pLimit - pOut >= STORED; ++aIn) {
+        const Escape& escape = ESCAPES[static_cast<unsigned char>(*aIn)];
+        std::memcpy(pOut, &escape, sizeof(escape));
+        pOut += escape.length;
+    }
+    for (; aIn != nullptr && *aIn != '\0' && pOut < pLimit; ++aIn) {
+        const Escape& escape = ESCAPES[static_cast<unsigned char>(*aIn)];
+        std::memcpy(pOut, escape.text, escape.length);
+        pOut += escape.length;
+    }
+    *pOut = '\0';
+    return aOut;
+}
 
 template <>
 CmResult xtoa_yrk<long long>(long long aValue, char* aBuf, int aSize) {
@@ -33,3 +236,59 @@ CmResult xtoa_yrk<long long>(long long aValue, char* aBuf, int aSize) {
 }
 
 }  // namespace UTIL_NS
+
+void CM_Base64Encode(const void* aIn, unsigned long aLen, UTIL_NS::CCmString& aOut) {
+    using namespace UTIL_NS;
+    try {
+        if (aIn == nullptr || !LiesIn(aIn, aOut)) {
+            Encode(static_cast<const unsigned char*>(aIn), aIn == nullptr ? 0 : aLen, aOut);
+            return;
+        }
+        CCmString strText;
+        Encode(static_cast<const unsigned char*>(aIn), aLen, strText);
+        aOut.swap(strText);
+    } catch (const std::bad_alloc&) {
+        aOut.clear();
+    }
+}
+
+void CM_Base64Decode(const char* aIn, UTIL_NS::CCmString& aOut) {
+    using namespace UTIL_NS;
+    if (aIn == nullptr) {
+        aOut.clear();
+        return;
+    }
+    while (*aIn == ' ' || *aIn == '\t') {
+        ++aIn;
+    }
+    const unsigned char* pText = reinterpret_cast<const unsigned char*>(aIn);
+    const size_t nLength = std::strlen(aIn);
+    try {
+        if (!LiesIn(aIn, aOut)) {
+            Decode(pText, nLength, aOut);
+            return;
+        }
+        CCmString strBytes;
+        Decode(pText, nLength, strBytes);
+        aOut.swap(strBytes);
+    } catch (const std::bad_alloc&) {
+        aOut.clear();
+    }
+}
+
+char* CM_strcaserstr(char* aStr, const char* aSub) {
+    if (aStr == nullptr || aSub == nullptr || *aSub == '\0') {
+        return nullptr;
+    }
+    const size_t nStr = std::strlen(aStr);
+    const size_t nSub = std::strlen(aSub);
+    for (size_t nAt = nStr + 1; nAt > nSub; --nAt) {
+        char* pFound = aStr + (nAt - 1 - nSub);
+        if (UTIL_NS::EqualNoCase(pFound, aSub, nSub)) {
+            return pFound;
+        }
+    }
+    return nullptr;
+}
+
+void yrk::ObjectTracer() {}

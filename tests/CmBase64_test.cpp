@@ -1,0 +1,206 @@
+#include "CmBase64.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace UTIL_NS {
+namespace {
+
+constexpr char ALPHABET[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+constexpr unsigned char GUARD = 0xA5;
+
+struct EncodeRoad {
+    const char* name;
+    size_t (*run)(const unsigned char*, size_t, char*);
+    bool available;
+    size_t leastLeft;  // fewer bytes than this may be left over
+};
+
+struct DecodeRoad {
+    const char* name;
+    size_t (*run)(const unsigned char*, size_t, unsigned char*);
+    bool available;
+    size_t step;  // characters
+};
+
+std::vector<EncodeRoad> EncodeRoads() {
+    return {{"scalar", CmBase64EncodeScalar, true, 3},
+            {"ssse3", CmBase64EncodeSsse3, __builtin_cpu_supports("ssse3") != 0, 16},
+            {"avx2", CmBase64EncodeAvx2, __builtin_cpu_supports("avx2") != 0, 16}};
+}
+
+std::vector<DecodeRoad> DecodeRoads() {
+    return {{"scalar", CmBase64DecodeScalar, true, 4},
+            {"ssse3", CmBase64DecodeSsse3, __builtin_cpu_supports("ssse3") != 0, 16},
+            {"avx2", CmBase64DecodeAvx2, __builtin_cpu_supports("avx2") != 0, 32}};
+}
+
+std::vector<unsigned char> RandomBytes(size_t aLength, unsigned aSeed) {
+    std::mt19937 random(aSeed);
+    std::vector<unsigned char> bytes(aLength);
+    for (unsigned char& byte : bytes) {
+        byte = static_cast<unsigned char>(random());
+    }
+    return bytes;
+}
+
+std::vector<unsigned char> RandomText(size_t aLength, unsigned aSeed) {
+    std::vector<unsigned char> text = RandomBytes(aLength, aSeed);
+    for (unsigned char& ch : text) {
+        ch = static_cast<unsigned char>(ALPHABET[ch & 63]);
+    }
+    return text;
+}
+
+// One group at a time, bit by bit.
+std::string ReferenceEncode(const unsigned char* aIn, size_t aGroups) {
+    std::string text;
+    for (size_t i = 0; i < aGroups * 24; i += 6) {
+        unsigned nValue = 0;
+        for (size_t nBit = i; nBit < i + 6; ++nBit) {
+            nValue = nValue << 1 | ((aIn[nBit / 8] >> (7 - nBit % 8)) & 1U);
+        }
+        text += ALPHABET[nValue];
+    }
+    return text;
+}
+
+std::string ReferenceDecode(const unsigned char* aIn, size_t aGroups) {
+    std::string bytes(aGroups * 3, '\0');
+    for (size_t i = 0; i < aGroups * 24; ++i) {
+        const unsigned nValue = static_cast<unsigned>(std::strchr(ALPHABET, aIn[i / 6]) - ALPHABET);
+        const unsigned nBit = (nValue >> (5 - i % 6)) & 1U;
+        bytes[i / 8] = static_cast<char>(static_cast<unsigned char>(bytes[i / 8]) << 1 | nBit);
+    }
+    return bytes;
+}
+
+TEST(CmBase64, AlphabetIsTheStandardOne) {
+    EXPECT_EQ(std::string(six2pr), ALPHABET);
+    EXPECT_EQ(std::string(s_base64), ALPHABET);
+}
+
+TEST(CmBase64, ValuesAreThoseOfTheAlphabet) {
+    for (unsigned i = 0; i < 256; ++i) {
+        const char* pFound = i == 0 ? nullptr : std::strchr(ALPHABET, static_cast<int>(i));
+        const unsigned nValue = pFound == nullptr ? 64 : static_cast<unsigned>(pFound - ALPHABET);
+        EXPECT_EQ(pr2six[i], nValue) << i;
+        EXPECT_EQ(s_base64_decode_table[i], nValue == 64 ? 0 : nValue) << i;
+    }
+}
+
+TEST(CmBase64, EncodeRoadsGiveTheBits_OfEveryLength) {
+    const std::vector<unsigned char> bytes = RandomBytes(300, 1);
+    for (const EncodeRoad& road : EncodeRoads()) {
+        if (!road.available) {
+            continue;
+        }
+        for (size_t nLength = 0; nLength <= bytes.size(); ++nLength) {
+            // On the heap and of exactly this size, so that a read outside is noticed.
+            const std::vector<unsigned char> in(bytes.end() - static_cast<long>(nLength),
+                                                bytes.end());
+            std::vector<char> out(nLength / 3 * 4 + 64, static_cast<char>(GUARD));
+            const size_t nDone = road.run(in.data(), nLength, out.data());
+            ASSERT_EQ(nDone % 3, 0u);
+            ASSERT_LE(nDone, nLength);
+            ASSERT_LT(nLength - nDone, road.leastLeft) << road.name;
+            const size_t nText = nDone / 3 * 4;
+            ASSERT_EQ(std::string(out.data(), nText), ReferenceEncode(in.data(), nDone / 3))
+                << road.name << ' ' << nLength;
+            ASSERT_EQ(std::count(out.begin() + static_cast<long>(nText), out.end(),
+                                 static_cast<char>(GUARD)),
+                      64 + static_cast<long>((nLength / 3 - nDone / 3) * 4))
+                << road.name << ' ' << nLength;
+        }
+    }
+}
+
+TEST(CmBase64, EncodeRoadsGiveTheBits_OfEveryByteInEveryPlace) {
+    for (const EncodeRoad& road : EncodeRoads()) {
+        for (size_t nPlace = 0; road.available && nPlace < 48; ++nPlace) {
+            for (unsigned nByte = 0; nByte < 256; ++nByte) {
+                std::vector<unsigned char> in(48, 0x5A);
+                in[nPlace] = static_cast<unsigned char>(nByte);
+                char achOut[64];
+                const size_t nDone = road.run(in.data(), in.size(), achOut);
+                ASSERT_EQ(std::string(achOut, nDone / 3 * 4), ReferenceEncode(in.data(), nDone / 3))
+                    << road.name << ' ' << nPlace << ' ' << nByte;
+            }
+        }
+    }
+}
+
+TEST(CmBase64, DecodeRoadsGiveTheBits_OfEveryLength) {
+    const std::vector<unsigned char> text = RandomText(400, 2);
+    for (const DecodeRoad& road : DecodeRoads()) {
+        if (!road.available) {
+            continue;
+        }
+        for (size_t nLength = 0; nLength <= text.size(); ++nLength) {
+            const std::vector<unsigned char> in(text.end() - static_cast<long>(nLength),
+                                                text.end());
+            const size_t nWhole = nLength / road.step * road.step;
+            std::vector<unsigned char> out(nWhole / 4 * 3 + 64, GUARD);
+            ASSERT_EQ(road.run(in.data(), nLength, out.data()), nWhole) << road.name;
+            ASSERT_EQ(std::string(out.begin(), out.end() - 64),
+                      ReferenceDecode(in.data(), nWhole / 4))
+                << road.name << ' ' << nLength;
+            ASSERT_EQ(std::count(out.end() - 64, out.end(), GUARD), 64) << road.name << nLength;
+        }
+    }
+}
+
+TEST(CmBase64, DecodeRoadsStopAtEveryInvalidByte_InEveryPlace) {
+    constexpr size_t LENGTH = 96;
+    for (const DecodeRoad& road : DecodeRoads()) {
+        for (size_t nPlace = 0; road.available && nPlace < LENGTH; ++nPlace) {
+            for (unsigned nByte = 0; nByte < 256; ++nByte) {
+                std::vector<unsigned char> in = RandomText(LENGTH, 3);
+                in[nPlace] = static_cast<unsigned char>(nByte);
+                const size_t nWhole = pr2six[nByte] < 64 ? LENGTH : nPlace / road.step * road.step;
+                std::vector<unsigned char> out(LENGTH / 4 * 3, GUARD);
+                ASSERT_EQ(road.run(in.data(), LENGTH, out.data()), nWhole)
+                    << road.name << ' ' << nPlace << ' ' << nByte;
+                ASSERT_EQ(std::string(out.begin(), out.begin() + static_cast<long>(nWhole / 4 * 3)),
+                          ReferenceDecode(in.data(), nWhole / 4));
+                ASSERT_EQ(
+                    std::count(out.begin() + static_cast<long>(nWhole / 4 * 3), out.end(), GUARD),
+                    static_cast<long>((LENGTH - nWhole) / 4 * 3));
+            }
+        }
+    }
+}
+
+TEST(CmBase64, RoadsAgree_OnLongInputs) {
+    for (unsigned nSeed = 0; nSeed < 20; ++nSeed) {
+        const std::vector<unsigned char> bytes = RandomBytes(3 * (5000 + 7 * nSeed), nSeed);
+        std::string expected(bytes.size() / 3 * 4, '\0');
+        CmBase64EncodeScalar(bytes.data(), bytes.size(), &expected[0]);
+        std::string text(expected.size(), '\0');
+        EXPECT_EQ(CmBase64Encode(bytes.data(), bytes.size(), &text[0]), text.data() + text.size());
+        ASSERT_EQ(text, expected);
+        std::vector<unsigned char> back(bytes.size());
+        EXPECT_EQ(CmBase64Decode(reinterpret_cast<const unsigned char*>(text.data()), text.size(),
+                                 back.data()),
+                  text.size());
+        ASSERT_EQ(back, bytes);
+    }
+}
+
+TEST(CmBase64, StopsAtTheGroupOfTheInvalidByte) {
+    const std::vector<unsigned char> text = RandomText(200, 5);
+    for (size_t nPlace = 0; nPlace < text.size(); ++nPlace) {
+        std::vector<unsigned char> in = text;
+        in[nPlace] = '=';
+        std::vector<unsigned char> out(150);
+        ASSERT_EQ(CmBase64Decode(in.data(), in.size(), out.data()), nPlace / 4 * 4);
+    }
+}
+
+}  // namespace
+}  // namespace UTIL_NS
