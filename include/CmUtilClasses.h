@@ -1,5 +1,5 @@
 // Small classes that others build on: thread binding, the stop flag, the clean-up registry, the
-// cursor over memory.
+// cursor over memory, the probes of address families.
 #ifndef CM_UTIL_CLASSES_H
 #define CM_UTIL_CLASSES_H
 
@@ -82,6 +82,17 @@ class CM_UTIL_EXPORT CCmDataBlockNoMalloc {
     const char* m_pCurrentRead;
     char* m_pCurrentWrite;
 };
+
+// Whether IPv4 and IPv6 sockets can be opened: -1 until probed, then 1 or 0. Several threads may
+// probe at once; they find the same.
+extern CM_UTIL_EXPORT int cm_ipv4_enabled;
+extern CM_UTIL_EXPORT int cm_ipv6_enabled;
+
+// Returns aFlag; when it is -1, sets it first, to 1 when a datagram socket of aFamily (AF_INET,
+// ...) can be opened and to 0 when not. Any thread.
+CM_UTIL_EXPORT int ip_check(int& aFlag, int aFamily);
+CM_UTIL_EXPORT int ipv4_enabled();
+CM_UTIL_EXPORT int ipv6_enabled();
 
 }  // namespace UTIL_NS
 

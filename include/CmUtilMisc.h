@@ -1,6 +1,9 @@
-// The library's entry points, the singleton mutex, sleeping and CRC-16.
+// The library's entry points, the singleton mutex, sleeping, CRC-16 and the local address
+// list.
 #ifndef CM_UTIL_MISC_H
 #define CM_UTIL_MISC_H
+
+#include <sys/socket.h>
 
 #include "CmBase.h"
 #include "CmConditionVariable.h"
@@ -35,6 +38,21 @@ CM_UTIL_EXPORT unsigned short CalcCRC16(unsigned short& aCrc, unsigned char* pDa
 // count.
 CM_UTIL_EXPORT unsigned short CalcCRC16_m(unsigned short& aCrc, CCmMessageBlock& aMb,
                                           unsigned int aLen);
+
+// The IPv4 address of one local interface.
+struct local_addr {
+    sockaddr_storage addr;  // its first 16 bytes are the interface's sockaddr_in
+    int32_t len;            // 16
+    local_addr* next;       // null at the end
+};
+
+// Sets *aList to the first IPv4 address of every interface that is up, in the reverse of the
+// order in which the system lists them, and traces each; free_local_addr frees the list. 0 on
+// success, also with an empty (null) list; -1 with a null list when the socket, the query or an
+// allocation fails or aList is null. Any thread.
+CM_UTIL_EXPORT int get_local_addr(local_addr** aList);
+// Null is accepted.
+CM_UTIL_EXPORT void free_local_addr(local_addr* aList);
 
 }  // namespace UTIL_NS
 

@@ -1,11 +1,14 @@
 #include "CmUtilClasses.h"
 
+#include <sys/socket.h>
+
 #include <algorithm>
 #include <cstring>
 
 #include "CmScopedLock.h"
 #include "CmTrace.h"
 #include "CmUtilMisc.h"
+#include "port/CmSystem.h"
 
 namespace UTIL_NS {
 
@@ -100,6 +103,40 @@ CmResult CCmDataBlockNoMalloc::Write(const void* aSrc, unsigned int aCount,
         *aBytesWritten = dwWritten;
     }
     return dwWritten == aCount ? CM_OK : CM_ERROR_PARTIAL_DATA;
+}
+
+int cm_ipv4_enabled = -1;
+int cm_ipv6_enabled = -1;
+
+namespace {
+
+int ProbeFamily(int aFamily) {
+    const int nSocket = g_cmSystem.socket(aFamily, SOCK_DGRAM, 0);
+    if (nSocket < 0) {
+        return 0;
+    }
+    g_cmSystem.close(nSocket);
+    return 1;
+}
+
+}  // namespace
+
+// Relaxed: the flag stands for itself, and all that probe find the same.
+int ip_check(int& aFlag, int aFamily) {
+    int nFlag = __atomic_load_n(&aFlag, __ATOMIC_RELAXED);
+    if (nFlag == -1) {
+        nFlag = ProbeFamily(aFamily);
+        __atomic_store_n(&aFlag, nFlag, __ATOMIC_RELAXED);
+    }
+    return nFlag;
+}
+
+int ipv4_enabled() {
+    return ip_check(cm_ipv4_enabled, AF_INET);
+}
+
+int ipv6_enabled() {
+    return ip_check(cm_ipv6_enabled, AF_INET6);
 }
 
 }  // namespace UTIL_NS

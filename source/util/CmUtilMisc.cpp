@@ -1,13 +1,20 @@
 #include "CmUtilMisc.h"
 
+#include <arpa/inet.h>
 #include <errno.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <sys/ioctl.h>
 
 #include <algorithm>
+#include <cstring>
+#include <new>
 
 #include "CmCrc16.h"
 #include "CmMessageBlock.h"
 #include "CmTraceLine.h"
 #include "CmUtilTemplates.h"
+#include "port/CmPort.h"
 #include "port/CmSystem.h"
 
 namespace UTIL_NS {
@@ -79,6 +86,102 @@ unsigned short CalcCRC16_m(unsigned short& aCrc, CCmMessageBlock& aMb, unsigned 
         }
     }
     return aCrc;
+}
+
+namespace {
+
+constexpr size_t INTERFACE_TABLE_SIZE = 4000;  // bytes
+constexpr int32_t LOCAL_ADDR_LENGTH = sizeof(sockaddr_in);
+static_assert(LOCAL_ADDR_LENGTH == CM_PORT_INTERFACE_ADDRESS_SIZE,
+              "an IPv4 address fills a record");
+
+bool IsInterfaceUp(int aSocket, const char* aName) {
+    ifreq request = {};
+    std::memcpy(request.ifr_name, aName,
+                std::min(std::strlen(aName) + 1, sizeof(request.ifr_name)));
+    return g_cmSystem.ioctl(aSocket, SIOCGIFFLAGS, &request) >= 0 &&
+           (request.ifr_flags & IFF_UP) != 0;
+}
+
+bool PushLocalAddr(const CmPortInterface& aInterface, local_addr** aList) {
+    local_addr* pNode = new (std::nothrow) local_addr();
+    if (pNode == nullptr) {
+        return false;
+    }
+    std::memcpy(&pNode->addr, aInterface.m_abyAddress, LOCAL_ADDR_LENGTH);
+    pNode->len = LOCAL_ADDR_LENGTH;
+    pNode->next = *aList;
+    *aList = pNode;
+    char szAddress[INET_ADDRSTRLEN] = "";
+    ::inet_ntop(AF_INET, aInterface.m_abyAddress + offsetof(sockaddr_in, sin_addr), szAddress,
+                sizeof(szAddress));
+    CM_INFO_TRACE("addr is: " << szAddress);
+    return true;
+}
+
+// False when memory ran out.
+bool PushLocalAddrs(int aSocket, const char* aRecords, size_t aLength, local_addr** aList) {
+    CmPortInterface interface;
+    char szPrevious[sizeof(interface.m_szName)] = "";
+    while (const size_t nRecord = CmPortReadInterface(aRecords, aLength, interface)) {
+        aRecords += nRecord;
+        aLength -= nRecord;
+        if (interface.m_nFamily != AF_INET) {
+            continue;
+        }
+        // An alias counts as its interface, of which only the first address is taken.
+        interface.m_szName[std::strcspn(interface.m_szName, ":")] = '\0';
+        if (std::strcmp(interface.m_szName, szPrevious) == 0) {
+            continue;
+        }
+        std::memcpy(szPrevious, interface.m_szName, sizeof(szPrevious));
+        if (IsInterfaceUp(aSocket, interface.m_szName) && !PushLocalAddr(interface, aList)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool ListLocalAddrs(int aSocket, local_addr** aList) {
+    alignas(ifreq) char achRecords[INTERFACE_TABLE_SIZE];
+    ifconf query = {};
+    query.ifc_len = sizeof(achRecords);
+    query.ifc_buf = achRecords;
+    if (g_cmSystem.ioctl(aSocket, SIOCGIFCONF, &query) < 0) {
+        return false;
+    }
+    const size_t nLength =
+        std::min(static_cast<size_t>(std::max(query.ifc_len, 0)), sizeof(achRecords));
+    return PushLocalAddrs(aSocket, achRecords, nLength, aList);
+}
+
+}  // namespace
+
+int get_local_addr(local_addr** aList) {
+    if (aList == nullptr) {
+        return -1;
+    }
+    *aList = nullptr;
+    const int nSocket = g_cmSystem.socket(AF_INET, SOCK_DGRAM, 0);
+    if (nSocket < 0) {
+        return -1;
+    }
+    const bool bListed = ListLocalAddrs(nSocket, aList);
+    g_cmSystem.close(nSocket);
+    if (!bListed) {
+        free_local_addr(*aList);
+        *aList = nullptr;
+        return -1;
+    }
+    return 0;
+}
+
+void free_local_addr(local_addr* aList) {
+    while (aList != nullptr) {
+        local_addr* pNext = aList->next;
+        delete aList;
+        aList = pNext;
+    }
 }
 
 }  // namespace UTIL_NS

@@ -1,6 +1,8 @@
 #include "CmSystem.h"
 
 #include <fcntl.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include "CmPort.h"
@@ -12,6 +14,10 @@ namespace {
 // The calls themselves take a variable number of arguments.
 int Fcntl(int aFile, int aCommand, struct flock* aLock) {
     return ::fcntl(aFile, aCommand, aLock);
+}
+
+int Ioctl(int aFile, unsigned long aRequest, void* aArgument) {
+    return ::ioctl(aFile, aRequest, aArgument);
 }
 
 int Open(const char* aPath, int aFlags, mode_t aMode) {
@@ -63,6 +69,9 @@ CCmSystemTable g_cmSystem = {
     ::pread,
     ::pwrite,
     ::gethostname,
+    ::socket,
+    Ioctl,
+    ::gethostbyname,
 };
 
 }  // namespace UTIL_NS

@@ -8,6 +8,7 @@
 #define CM_SYSTEM_H
 
 #include <fcntl.h>
+#include <netdb.h>
 #include <pthread.h>
 #include <sys/stat.h>
 #include <sys/time.h>
@@ -65,6 +66,9 @@ struct CCmSystemTable {
     ssize_t (*pread)(int, void*, size_t, off_t);
     ssize_t (*pwrite)(int, const void*, size_t, off_t);
     int (*gethostname)(char*, size_t);
+    int (*socket)(int, int, int);
+    int (*ioctl)(int, unsigned long, void*);
+    hostent* (*gethostbyname)(const char*);
 };
 extern CCmSystemTable g_cmSystem;
 
