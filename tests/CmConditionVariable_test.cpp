@@ -95,40 +95,49 @@ class Waiters {
 
 // ---- Mutexes ----
 
+// Unbalanced calls, which the compiler's analysis would refuse.
+CmResult Take(CCmMutexThreadBase& aMutex) CM_NO_THREAD_SAFETY_ANALYSIS {
+    return aMutex.Lock();
+}
+CmResult TryTake(CCmMutexThreadBase& aMutex) CM_NO_THREAD_SAFETY_ANALYSIS {
+    return aMutex.TryLock();
+}
+CmResult Free(CCmMutexThreadBase& aMutex) CM_NO_THREAD_SAFETY_ANALYSIS {
+    return aMutex.UnLock();
+}
+
 TEST(CmMutex, TryLock_FailsSilentlyWhenBusy) {
     ScopedTraceSink sink;
     CCmMutexThread mutex;
-    ASSERT_EQ(CM_OK, mutex.Lock());
-    OnAnotherThread(
-        [&mutex]() CM_NO_THREAD_SAFETY_ANALYSIS { EXPECT_EQ(CM_ERROR_FAILURE, mutex.TryLock()); });
-    EXPECT_EQ(CM_OK, mutex.UnLock());
+    ASSERT_EQ(CM_OK, Take(mutex));
+    OnAnotherThread([&mutex] { EXPECT_EQ(CM_ERROR_FAILURE, TryTake(mutex)); });
+    EXPECT_EQ(CM_OK, Free(mutex));
     EXPECT_EQ(0u, sink.lines().size());
 }
 
 TEST(CmMutex, TryLock_TakesAFreeMutex) {
     CCmMutexThread mutex;
-    ASSERT_EQ(CM_OK, mutex.TryLock());
-    EXPECT_EQ(CM_OK, mutex.UnLock());
+    ASSERT_EQ(CM_OK, TryTake(mutex));
+    EXPECT_EQ(CM_OK, Free(mutex));
 }
 
 TEST(CmMutex, TryLock_IsNotRecursive) {
     CCmMutexThread mutex;
     CCmScopedLockT<CCmMutexThread> lock(mutex);
-    EXPECT_EQ(CM_ERROR_FAILURE,
-              [&mutex]() CM_NO_THREAD_SAFETY_ANALYSIS { return mutex.TryLock(); }());
+    EXPECT_EQ(CM_ERROR_FAILURE, TryTake(mutex));
 }
 
-void TakeTwice(CCmMutexThreadRecursive& aMutex) CM_NO_THREAD_SAFETY_ANALYSIS {
-    ASSERT_EQ(CM_OK, aMutex.Lock());
-    ASSERT_EQ(CM_OK, aMutex.Lock());
-    ASSERT_EQ(CM_OK, aMutex.TryLock());
-    EXPECT_EQ(CM_OK, aMutex.UnLock());
-    EXPECT_EQ(CM_OK, aMutex.UnLock());
-    OnAnotherThread([&aMutex] { EXPECT_EQ(CM_ERROR_FAILURE, aMutex.TryLock()); });
-    EXPECT_EQ(CM_OK, aMutex.UnLock());
+void TakeTwice(CCmMutexThreadRecursive& aMutex) {
+    ASSERT_EQ(CM_OK, Take(aMutex));
+    ASSERT_EQ(CM_OK, Take(aMutex));
+    ASSERT_EQ(CM_OK, TryTake(aMutex));
+    EXPECT_EQ(CM_OK, Free(aMutex));
+    EXPECT_EQ(CM_OK, Free(aMutex));
+    OnAnotherThread([&aMutex] { EXPECT_EQ(CM_ERROR_FAILURE, TryTake(aMutex)); });
+    EXPECT_EQ(CM_OK, Free(aMutex));
     OnAnotherThread([&aMutex] {
-        EXPECT_EQ(CM_OK, aMutex.TryLock());
-        EXPECT_EQ(CM_OK, aMutex.UnLock());
+        EXPECT_EQ(CM_OK, TryTake(aMutex));
+        EXPECT_EQ(CM_OK, Free(aMutex));
     });
 }
 
@@ -155,7 +164,7 @@ TEST(CmMutex, TryLock_FailureIsSilent) {
     ScopedTraceSink sink;
     CCmMutexThread mutex;
     FailingCall<&CCmSystemTable::pthread_mutex_trylock> fault(EINVAL, EINVAL);
-    EXPECT_EQ(CM_ERROR_FAILURE, mutex.TryLock());
+    EXPECT_EQ(CM_ERROR_FAILURE, TryTake(mutex));
     EXPECT_EQ(0u, sink.lines().size());
 }
 
@@ -165,8 +174,7 @@ TEST(CmMutex, UnLock_FailureIsTraced) {
     {
         CCmScopedLockT<CCmMutexThread> lock(mutex);
         FailingCall<&CCmSystemTable::pthread_mutex_unlock> fault(EPERM, EPERM);
-        EXPECT_EQ(CM_ERROR_FAILURE,
-                  [&mutex]() CM_NO_THREAD_SAFETY_ANALYSIS { return mutex.UnLock(); }());
+        EXPECT_EQ(CM_ERROR_FAILURE, Free(mutex));
     }
     EXPECT_EQ(
         "UTIL ERROR: CCmMutexThreadBase::UnLock, pthread_mutex_unlock() failed! err=1 this=0x#",
@@ -177,7 +185,7 @@ TEST(CmMutex, Lines_EndInTheAddressOfTheObject) {
     ScopedTraceSink sink;
     CCmMutexThread mutex;
     FailingCall<&CCmSystemTable::pthread_mutex_unlock> fault(EPERM, EPERM);
-    [&mutex]() CM_NO_THREAD_SAFETY_ANALYSIS { mutex.UnLock(); }();
+    Free(mutex);
     char szAddress[32];
     std::snprintf(szAddress, sizeof(szAddress), " this=0x%lx",
                   reinterpret_cast<unsigned long>(&mutex));
@@ -232,8 +240,8 @@ TEST(CmMutex, Plain_RefusedTypeLeavesTheDefaultKind) {
     ScopedTraceSink sink;
     FailingCall<&CCmSystemTable::pthread_mutexattr_settype> fault(EINVAL, EINVAL);
     CCmMutexThread mutex;
-    EXPECT_EQ(CM_OK, mutex.TryLock());
-    EXPECT_EQ(CM_OK, mutex.UnLock());
+    EXPECT_EQ(CM_OK, TryTake(mutex));
+    EXPECT_EQ(CM_OK, Free(mutex));
     EXPECT_EQ(1u, fault.calls());
     EXPECT_EQ(0u, sink.lines().size());
 }

@@ -221,7 +221,7 @@ TEST_F(CmTextFormator, Append_TakesNothingIn96BytesOrFewer) {
         char achBuffer[97];
         std::fill(std::begin(achBuffer), std::end(achBuffer), 'z');
         CCmT120Trace::Text_Formator formator(achBuffer, ulSize);
-        formator << "text" << 5 << 1.5 << achBuffer;
+        formator << "text" << 5 << 1.5 << 6LL;
         EXPECT_EQ(0u, formator.tell());
         EXPECT_EQ(std::string(ulSize, '\0') + std::string(97 - ulSize, 'z'),
                   std::string(achBuffer, sizeof(achBuffer)));

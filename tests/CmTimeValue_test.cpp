@@ -120,7 +120,8 @@ TEST(CmTimeValue, Subtract_SaturatesAtBothEnds) {
 
 TEST(CmTimeValue, Subtract_OfItselfIsZero) {
     CCmTimeValue tvValue(-3, -700000);
-    tvValue -= tvValue;
+    const CCmTimeValue& tvSame = tvValue;
+    tvValue -= tvSame;
     EXPECT_EQ(CCmTimeValue::s_tvZero, tvValue);
 }
 

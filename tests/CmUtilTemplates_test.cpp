@@ -286,7 +286,7 @@ TEST_F(CmSingleton, Instance_FreesTheMutexWhenItsConstructionThrows) {
     ScopedTraceSink sink;
     Throwing::s_bThrows = true;
     EXPECT_EQ(nullptr, CCmSingletonT<Throwing>::Instance());
-    std::thread([] {
+    std::thread([]() CM_NO_THREAD_SAFETY_ANALYSIS {
         EXPECT_EQ(CM_OK, g_SingletonMutex.TryLock());
         EXPECT_EQ(CM_OK, g_SingletonMutex.UnLock());
     }).join();

@@ -29,8 +29,9 @@ POINTER_SIZE = 8
 ENTRY = re.compile(r"^ *<(\d+)><([0-9a-f]+)>: Abbrev Number: \d+ \((DW_TAG_\w+)\)")
 ATTRIBUTE = re.compile(r"^ *<[0-9a-f]+> +(DW_AT_\w+) *: ?(.*)$")
 # What stands before a value: its form and its place in a table, depending on the version.
-VALUE_PREFIX = re.compile(r"^(\((data\d*|udata|sdata|implicit_const|ref\d*|strp|string|strx\d*|"
-                          r"exprloc|block\d*|flag_present|(indirect|indexed) string[^)]*|offset:[^)]*)\):? *)+")
+VALUE_PREFIX = re.compile(
+    r"^(\((data\d*|udata|sdata|implicit_const|ref\d*|strp|string|strx\d*|exprloc|block\d*|"
+    r"flag_present|(indirect|indexed) string[^)]*|offset:[^)]*)\):? *)+")
 
 
 class Entry:
@@ -88,7 +89,8 @@ class Layouts:
                     self.classes[name[len(NAMESPACE):]] = entry
 
     def type_of(self, entry):
-        return self.entries[int(re.search("<0x([0-9a-f]+)>", entry.attributes["DW_AT_type"]).group(1), 16)]
+        reference = re.search("<0x([0-9a-f]+)>", entry.attributes["DW_AT_type"])
+        return self.entries[int(reference.group(1), 16)]
 
     def size_of(self, entry):
         size = entry.number("DW_AT_byte_size")
@@ -115,7 +117,8 @@ class Layouts:
     def told_slots(self, entry):
         slots = {slot for slot, _ in self.own_virtuals(entry) if slot is not None}
         for child in entry.children:
-            if child.tag == "DW_TAG_inheritance" and child.number("DW_AT_data_member_location", 0) == 0:
+            is_base = child.tag == "DW_TAG_inheritance"
+            if is_base and child.number("DW_AT_data_member_location", 0) == 0:
                 slots |= self.told_slots(self.type_of(child))
         return slots
 
@@ -129,7 +132,8 @@ class Layouts:
     def fields(self, entry):
         for child in entry.children:
             is_static = "DW_AT_external" in child.attributes
-            if child.tag == "DW_TAG_member" and not is_static and not child.name().startswith("_vptr"):
+            is_table = child.name().startswith("_vptr")
+            if child.tag == "DW_TAG_member" and not is_static and not is_table:
                 size = self.size_of(self.type_of(child))
                 yield child.number("DW_AT_data_member_location", 0), f"field {child.name()} {size}"
 
