@@ -111,12 +111,13 @@ class CM_UTIL_EXPORT ACmThread {
     void WaitUntilStarted_i();
     void SignalStarted_i(CCmEventThread* aEvent);
     void BodyHasEnded_i();
-    long CountEnd_i();
+    bool IsSecondEnd_i();
     bool IsJoinable() const { return (m_Flag & TF_JOINABLE) != 0; }
 
     std::atomic<int> m_nStartSteps;  // of the start-up handshake
     CmResult m_InitResult;
-    bool m_bHasThread;  // a POSIX thread was started for this object
+    bool m_bHasThread;                // a POSIX thread was started for this object
+    std::atomic<bool> m_bOneEndCame;  // of a detached thread's object
 };
 
 // The registered thread objects in the order of registration.

@@ -543,7 +543,7 @@ TEST(CmEventSend, KeepsItsPlaceAmongThePosted_WhenSentFromAnotherThread) {
 }
 
 TEST(CmEventSend, BringsTheWrapperBackToTheQueue_WhenTheEventHasRun) {
-    const long lLive = kelto_test::LiveAllocations();
+    const long lLive = kelto_test::LiveAllocationsBefore();
     {
         EventLog log;
         CCmEventQueueUsingMutex queue;
@@ -589,7 +589,7 @@ TEST(CmEventSend, EndsTheEventAndFreesTheWrapper_WhenThePostIsRefused) {
     EventLog log;
     RefusingQueue queue(0);
     const unsigned long ulBefore = kelto_test::AllocationsOfThisThread();
-    const long lLive = kelto_test::LiveAllocations();
+    const long lLive = kelto_test::LiveAllocationsBefore();
     struct CSilent : ICmEvent {
         explicit CSilent(int& aEnded) : m_nEnded(aEnded) {}
         CmResult OnEventFire() override { return CM_OK; }
@@ -607,7 +607,7 @@ TEST(CmEventSend, EndsTheEventAndFreesTheWrapper_WhenThePostIsRefused) {
 }
 
 TEST(CmEventSend, FreesTheWrapperOnce_WhenTheSecondPostIsRefused) {
-    const long lLive = kelto_test::LiveAllocations();
+    const long lLive = kelto_test::LiveAllocationsBefore();
     {
         EventLog log;
         RefusingQueue queue(1);
@@ -627,7 +627,7 @@ TEST(CmEventSend, FreesTheWrapperOnce_WhenTheSecondPostIsRefused) {
 }
 
 TEST(CmEventSend, WakesTheSender_WhenPendingEventsAreDestroyed) {
-    const long lLive = kelto_test::LiveAllocations();
+    const long lLive = kelto_test::LiveAllocationsBefore();
     {
         EventLog log;
         CCmEventQueueUsingConditionVariable queue;
@@ -687,7 +687,7 @@ TEST(CmEventSend, EndsTheEvent_WhenAnAllocationFails) {
         EventLog log;
         CCmEventQueueUsingConditionVariable queue;
         ICmEvent* pEvent = new LoggedEvent(log, 1);
-        const long lLive = kelto_test::LiveAllocations();
+        const long lLive = kelto_test::LiveAllocationsBefore();
         CmResult rv = CM_OK;
         {
             kelto_test::ScopedAllocationFault fault(ulNth);
@@ -717,7 +717,7 @@ TEST(CmEventSend, SaysSoAndReturns_WhenTheWaitFails) {
 }
 
 TEST(CmEventSend, RunsTheEventOnceAndFreesTheWrapper_WhenTheWaitFailed) {
-    const long lLive = kelto_test::LiveAllocations();
+    const long lLive = kelto_test::LiveAllocationsBefore();
     {
         EventLog log;
         CCmEventQueueUsingMutex queue;
@@ -1071,7 +1071,7 @@ TEST(CmEventQueueUsingConditionVariable, AllocatesNothing_WhenListNodesAreRecycl
 }
 
 TEST(CmEventQueueUsingConditionVariable, KeepsFewListNodes_WhenManyEventsWereRun) {
-    const long lLive = kelto_test::LiveAllocations();
+    const long lLive = kelto_test::LiveAllocationsBefore();
     CCmEventQueueUsingConditionVariable queue;
     for (int i = 0; i < 3; ++i) {
         for (int n = 0; n < 1000; ++n) {

@@ -2,7 +2,6 @@
 
 #include <errno.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <memory>
@@ -349,7 +348,7 @@ template <auto Call>
 void ExpectCreateFails(int aError, const std::string& aLine) {
     for (TFlag flag : {TF_JOINABLE, TF_DETACHED}) {
         const size_t nBefore = RegisteredThreads();
-        const long lLive = kelto_test::LiveAllocations();
+        const long lLive = kelto_test::LiveAllocationsBefore();
         {
             kelto_test::ScopedTraceSink sink;
             Life life;
@@ -444,7 +443,7 @@ TEST(CmThread, CreateWaitsForTheInit_WhenItsWaitEndsForNoReason) {
 TEST(CmThread, CreateWaitsForTheInit_WhenTheHandshakeFails) {
     Life life;
     life.released = true;
-    const long lLive = kelto_test::LiveAllocations();
+    const long lLive = kelto_test::LiveAllocationsBefore();
     {
         kelto_test::FailingCall<&CCmSystemTable::pthread_cond_timedwait> wait(
             EINVAL, EINVAL, 1, kelto_test::Failing::FROM_THERE_ON);
@@ -801,7 +800,7 @@ TEST(CmThreadTask, FailsAndFreesAll_WhenAnyAllocationFails) {
             for (auto failing : {kelto_test::Failing::ONCE, kelto_test::Failing::FROM_THERE_ON}) {
                 for (unsigned long ulNth = 1;; ++ulNth) {
                     const size_t nBefore = RegisteredThreads();
-                    const long lLive = kelto_test::LiveAllocations();
+                    const long lLive = kelto_test::LiveAllocationsBefore();
                     ACmThread* pThread = nullptr;
                     CmResult rv = CM_OK;
                     bool bHit = false;
@@ -834,6 +833,14 @@ TEST(CmThreadTask, FailsAndFreesAll_WhenAnyAllocationFails) {
 
 // Cancellation.
 
+// Not within a sleep, out of which the thread sanitizer cannot follow a cancelled thread.
+CmResult SpinUntilCancelled() {
+    for (;;) {
+        pthread_testcancel();
+        std::this_thread::yield();
+    }
+}
+
 bool CanBeLocked(ICmEventQueue* aQueue) {
     EventLog log;
     std::atomic<bool> bPosted{false};
@@ -848,7 +855,7 @@ bool CanBeLocked(ICmEventQueue* aQueue) {
 
 TEST(CmThreadTask, LeavesItsQueueUnlocked_WhenTerminatedInItsWait) {
     for (bool bWithTimerQueue : {false, true}) {
-        const long lLive = kelto_test::LiveAllocations();
+        const long lLive = kelto_test::LiveAllocationsBefore();
         ACmThread* pThread = nullptr;
         ASSERT_EQ(CM_OK, CreateUserTaskThread(&pThread, TF_JOINABLE, bWithTimerQueue, TYPE));
         EXPECT_EQ(0, pThread->Terminate());
@@ -875,11 +882,9 @@ TEST(CmThreadTask, LosesNoEvent_WhenTerminatedInAHandler) {
                                       }),
                       NORMAL);
     pQueue->PostEvent(new LoggedEvent(log, 1,
-                                      [&]() -> CmResult {
+                                      [&] {
                                           bBusy = true;
-                                          for (;;) {
-                                              ::usleep(1000);  // a cancellation point
-                                          }
+                                          return SpinUntilCancelled();
                                       }),
                       NORMAL);
     for (int i = 2; i <= 8; ++i) {
@@ -904,11 +909,9 @@ TEST(CmThreadTask, WakesTheSender_WhenTerminatedInItsEvent) {
     std::atomic<bool> bBusy{false};
     CmResult rv = CM_OK;
     std::thread sender([&] {
-        rv = pThread->GetEventQueue()->SendEvent(new LoggedEvent(log, 1, [&]() -> CmResult {
+        rv = pThread->GetEventQueue()->SendEvent(new LoggedEvent(log, 1, [&] {
             bBusy = true;
-            for (;;) {
-                ::usleep(1000);
-            }
+            return SpinUntilCancelled();
         }));
     });
     ASSERT_TRUE(Eventually([&] { return bBusy.load(); }));
@@ -921,7 +924,7 @@ TEST(CmThreadTask, WakesTheSender_WhenTerminatedInItsEvent) {
 }
 
 TEST(CmThreadTask, FreesTheWrapper_WhenTheSenderIsTerminated) {
-    const long lLive = kelto_test::LiveAllocations();
+    const long lLive = kelto_test::LiveAllocationsBefore();
     {
         EventLog log;
         CCmEventQueueUsingMutex queue;  // that nobody runs, at first
@@ -945,7 +948,7 @@ TEST(CmThreadTask, FreesTheWrapper_WhenTheSenderIsTerminated) {
 }
 
 TEST(CmThreadTask, IsFreed_WhenADetachedOneIsTerminatedAndDestroyed) {
-    const long lLive = kelto_test::LiveAllocations();
+    const long lLive = kelto_test::LiveAllocationsBefore();
     ACmThread* pThread = nullptr;
     ASSERT_EQ(CM_OK, CreateUserTaskThread(&pThread, TF_DETACHED, true, TYPE));
     EXPECT_EQ(0, pThread->Terminate());

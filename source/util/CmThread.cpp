@@ -84,7 +84,8 @@ ACmThread::ACmThread()
       m_bStopFlag(false),
       m_nStartSteps(0),
       m_InitResult(CM_OK),
-      m_bHasThread(false) {}
+      m_bHasThread(false),
+      m_bOneEndCame(false) {}
 
 ACmThread::~ACmThread() {
     if (m_bRegister && m_bRegistered) {
@@ -243,15 +244,16 @@ void* ACmThread::ThreadProc(void* pParam) {
 }
 
 void ACmThread::BodyHasEnded_i() {
-    if (!IsJoinable() && CountEnd_i() >= 2) {
+    if (!IsJoinable() && IsSecondEnd_i()) {
         delete this;
     }
 }
 
-// The mutex orders what the first end did before the deletion by the second.
-long ACmThread::CountEnd_i() {
-    CCmScopedLockT<CCmMutexThread> lock(m_nDestroyRef.mutex());
-    return ++m_nDestroyRef;
+// The exchange orders what the first end did before the deletion by the second. No mutex of the
+// process: a detached thread may end while the process exits.
+bool ACmThread::IsSecondEnd_i() {
+    ++m_nDestroyRef;
+    return m_bOneEndCame.exchange(true, std::memory_order_acq_rel);
 }
 
 CmResult ACmThread::Join() {
@@ -278,7 +280,7 @@ CmResult ACmThread::Destory(int aReason) {
         m_bRegistered = false;
     }
     // Where no thread ever ran there is no second end.
-    if (IsJoinable() || !m_bHasThread || CountEnd_i() >= 2) {
+    if (IsJoinable() || !m_bHasThread || IsSecondEnd_i()) {
         delete this;
     }
     return CM_OK;

@@ -9,8 +9,16 @@
 #include <vector>
 
 #include "CmEventQueueBase.h"
+#include "CmTrace.h"
+#include "support/Faults.h"
 
 namespace kelto_test {
+
+// LiveAllocations behind the first trace line, which creates the trace facility for good.
+inline long LiveAllocationsBefore() {
+    util_adapter_trace(UTIL_NS::CM_TRACE_LEVEL_INFO, "", 0);
+    return LiveAllocations();
+}
 
 // What became of the events that belong to it; outlives them. Any thread.
 class EventLog {
