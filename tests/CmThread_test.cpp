@@ -347,28 +347,32 @@ TEST(CmThread, EndsWithNull_WhenTheStartRoutineGetsNoObject) {
 template <auto Call>
 void ExpectCreateFails(int aError, const std::string& aLine) {
     for (TFlag flag : {TF_JOINABLE, TF_DETACHED}) {
-        const size_t nBefore = RegisteredThreads();
-        const long lLive = kelto_test::LiveAllocationsBefore();
-        {
-            kelto_test::ScopedTraceSink sink;
-            Life life;
-            BodyThread* pThread = new BodyThread(life);
-            kelto_test::FailingCall<Call> fault(aError, aError);
-            EXPECT_EQ(CM_ERROR_UNEXPECTED, pThread->Create(TYPE, flag, 1));
-            EXPECT_EQ(TYPE, pThread->GetThreadType());
-            EXPECT_NE(nullptr, pThread->startEvent());
-            ASSERT_EQ(2u, sink.lines().size());
-            EXPECT_EQ(0u, sink.lines()[1].level);
-            EXPECT_EQ(aLine, MaskAddresses(sink.lines()[1].text));
-            EXPECT_EQ(CM_ERROR_FAILURE, pThread->Terminate());
-            EXPECT_EQ(CM_OK, pThread->Join());
-            pThread->Destory(CM_ERROR_UNEXPECTED);
-            EXPECT_TRUE(life.deleted);
-            EXPECT_FALSE(life.initialized);
-        }
-        EXPECT_EQ(nBefore, RegisteredThreads());
-        EXPECT_LE(kelto_test::LiveAllocations(), lLive + 3);  // kept by the sink
+        kelto_test::ScopedTraceSink sink;
+        Life life;
+        BodyThread* pThread = new BodyThread(life);
+        kelto_test::FailingCall<Call> fault(aError, aError);
+        EXPECT_EQ(CM_ERROR_UNEXPECTED, pThread->Create(TYPE, flag, 1));
+        EXPECT_EQ(TYPE, pThread->GetThreadType());
+        EXPECT_NE(nullptr, pThread->startEvent());
+        ASSERT_EQ(2u, sink.lines().size());
+        EXPECT_EQ(0u, sink.lines()[1].level);
+        EXPECT_EQ(aLine, MaskAddresses(sink.lines()[1].text));
+        EXPECT_EQ(CM_ERROR_FAILURE, pThread->Terminate());
+        EXPECT_EQ(CM_OK, pThread->Join());
+        pThread->Destory(CM_ERROR_UNEXPECTED);
+        EXPECT_TRUE(life.deleted);
+        EXPECT_FALSE(life.initialized);
     }
+    const size_t nBefore = RegisteredThreads();
+    const long lLive = kelto_test::LiveAllocationsBefore();
+    for (TFlag flag : {TF_JOINABLE, TF_DETACHED}) {
+        kelto_test::FailingCall<Call> fault(aError, aError);
+        ACmThread* pThread = nullptr;
+        EXPECT_EQ(CM_ERROR_UNEXPECTED, CreateUserTaskThread(&pThread, flag, true, TYPE));
+        EXPECT_EQ(nullptr, pThread);
+    }
+    EXPECT_EQ(nBefore, RegisteredThreads());
+    EXPECT_EQ(lLive, kelto_test::LiveAllocations());
 }
 
 TEST(CmThread, CreateFails_WhenTheAttributesCannotBeInitialised) {
