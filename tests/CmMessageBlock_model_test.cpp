@@ -1,0 +1,36 @@
+#include <gtest/gtest.h>
+
+#include <random>
+#include <vector>
+
+#include "CmTrace.h"
+#include "CmUtilMisc.h"
+#include "support/ChainModel.h"
+#include "support/Faults.h"
+
+namespace UTIL_NS {
+namespace {
+
+void DropLine(unsigned long, const char*, unsigned int) {}
+
+TEST(CmMessageBlockModel, RandomSequences_AgreeWithTheModel) {
+    const UtilTraceSink pfnBefore = g_util_trace_sink.load();
+    set_util_external_trace_sink(DropLine);
+    unsigned short wCrc = 0;
+    unsigned char byData = 0;
+    CalcCRC16(wCrc, &byData, 1);  // creates a singleton that stays
+    const long lBefore = kelto_test::LiveAllocations();
+    for (unsigned int dwSeed = 0; dwSeed < 4000 && !testing::Test::HasFailure(); ++dwSeed) {
+        std::mt19937 random(dwSeed);
+        std::vector<uint8_t> bytes(400);
+        for (uint8_t& byte : bytes) {
+            byte = static_cast<uint8_t>(random());
+        }
+        EXPECT_EQ("", kelto_test::RunChainModel(bytes.data(), bytes.size())) << "seed " << dwSeed;
+    }
+    EXPECT_EQ(lBefore, kelto_test::LiveAllocations());
+    set_util_external_trace_sink(pfnBefore);
+}
+
+}  // namespace
+}  // namespace UTIL_NS
