@@ -1,8 +1,364 @@
 #include "qtrace.h"
 
-unsigned long _getTraceLevel() {
-    return 0;
+#include <errno.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <pthread.h>
+#include <signal.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/time.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+
+namespace {
+
+constexpr size_t PIECE_LENGTH = 2047;        // characters of every piece but the last
+constexpr size_t STACK_LINE_SIZE = 4096;     // bytes; a longer line is built on the heap
+constexpr size_t HEAD_SIZE = 256;            // bytes, the module included
+constexpr int MODULE_LENGTH = 128;           // characters of a module's name that are printed
+constexpr size_t HELD_LENGTH_MAX = 1 << 20;  // characters; more than any text that comes in pieces
+
+// ---- Threshold
+
+constexpr unsigned long LEVEL_UNKNOWN = ULONG_MAX;  // the environment has not been read
+std::atomic<unsigned long> g_ulLevel{LEVEL_UNKNOWN};
+
+unsigned long LevelFromEnvironment() {
+    const char* pszLevel = getenv("QTRACE_LEVEL");
+    if (pszLevel == nullptr || *pszLevel < '0' || *pszLevel > '9') {
+        return 0;
+    }
+    char* pchEnd = nullptr;
+    const unsigned long ulLevel = strtoul(pszLevel, &pchEnd, 10);
+    if (*pchEnd != '\0') {
+        return 0;
+    }
+    return ulLevel < LEVEL_UNKNOWN ? ulLevel : LEVEL_UNKNOWN - 1;
 }
 
-void YRKTRACERAWA(unsigned long /*aLevel*/, const char* /*aModule*/, char* /*aPrefix*/,
-                  const char* /*aText*/) {}
+// ---- Destination
+
+constexpr int NOT_OPENED = -1;
+std::atomic<int> g_nDestination{NOT_OPENED};
+
+// Moves a descriptor out of the range of the standard streams, which the host may use for
+// something else once it closed them.
+int AboveStandardStreams(int aFile) {
+    if (aFile > STDERR_FILENO) {
+        return aFile;
+    }
+    const int nMoved = fcntl(aFile, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    close(aFile);
+    return nMoved;
+}
+
+int OpenDestination() {
+    const char* pszPath = getenv("QTRACE_FILE");
+    if (pszPath == nullptr || *pszPath == '\0') {
+        return STDERR_FILENO;
+    }
+    // Not blocking: a named pipe without a reader must not hold the host up.
+    const int nFile =
+        open(pszPath, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0666);
+    const int nMoved = nFile < 0 ? nFile : AboveStandardStreams(nFile);
+    return nMoved < 0 ? STDERR_FILENO : nMoved;
+}
+
+// Threads that come first at once all open the file; one keeps it.
+int Destination() {
+    int nDestination = g_nDestination.load(std::memory_order_relaxed);
+    if (nDestination != NOT_OPENED) {
+        return nDestination;
+    }
+    const int nOpened = OpenDestination();
+    if (g_nDestination.compare_exchange_strong(nDestination, nOpened)) {
+        return nOpened;
+    }
+    if (nOpened != STDERR_FILENO) {
+        close(nOpened);
+    }
+    return nDestination;
+}
+
+// ---- Writing
+
+// Blocks, in the calling thread, the signals that a write may raise, and takes back one that it
+// did raise: a closed pipe or a file at its size limit must not kill the host.
+class WriteSignals {
+  public:
+    WriteSignals() {
+        sigemptyset(&m_Raised);
+        sigaddset(&m_Raised, SIGPIPE);
+        sigaddset(&m_Raised, SIGXFSZ);
+        pthread_sigmask(SIG_BLOCK, &m_Raised, &m_Before);
+        KeepPending(SIGPIPE);
+        KeepPending(SIGXFSZ);
+    }
+    ~WriteSignals() { pthread_sigmask(SIG_SETMASK, &m_Before, nullptr); }
+    WriteSignals(const WriteSignals&) = delete;
+    WriteSignals& operator=(const WriteSignals&) = delete;
+
+    void TakeBack(int aSignal) {
+        sigset_t pending;
+        if (sigismember(&m_Raised, aSignal) == 1 && sigpending(&pending) == 0 &&
+            sigismember(&pending, aSignal) == 1) {
+            sigset_t one;
+            sigemptyset(&one);
+            sigaddset(&one, aSignal);
+            int nTaken = 0;
+            sigwait(&one, &nTaken);
+        }
+    }
+
+  private:
+    // A signal that the host had blocked may be pending on its own account.
+    void KeepPending(int aSignal) {
+        sigset_t pending;
+        if (sigismember(&m_Before, aSignal) == 1 && sigpending(&pending) == 0 &&
+            sigismember(&pending, aSignal) == 1) {
+            sigdelset(&m_Raised, aSignal);
+        }
+    }
+
+    sigset_t m_Raised;
+    sigset_t m_Before;
+};
+
+// Part of a line reached the destination, and the rest did not.
+std::atomic<bool> g_bTorn{false};
+
+// A short write is that of a disk which is filling up: the rest gets one chance more.
+void WriteFully(WriteSignals& aSignals, int aFile, const char* aText, size_t aLength) {
+    size_t nDone = 0;
+    while (nDone < aLength) {
+        const ssize_t nWritten = write(aFile, aText + nDone, aLength - nDone);
+        if (nWritten < 0 && errno == EINTR) {
+            continue;
+        }
+        if (nWritten <= 0) {
+            aSignals.TakeBack(errno == EPIPE ? SIGPIPE : SIGXFSZ);
+            g_bTorn.store(nDone > 0, std::memory_order_relaxed);
+            return;
+        }
+        nDone += static_cast<size_t>(nWritten);
+    }
+}
+
+void WriteLine(const char* aLine, size_t aLength) {
+    const int nFile = Destination();
+    WriteSignals signals;
+    if (g_bTorn.load(std::memory_order_relaxed) && g_bTorn.exchange(false)) {
+        WriteFully(signals, nFile, "\n", 1);
+    }
+    WriteFully(signals, nFile, aLine, aLength);
+}
+
+// ---- Lines
+
+// The local time of one second, kept by each thread for the lines of that second.
+struct SecondText {
+    time_t m_Second;
+    char m_szText[32];  // "2026-11-21 09:30:00"; empty before the first line
+};
+thread_local SecondText t_second;
+
+const char* TextOfSecond(time_t aSecond) {
+    if (t_second.m_Second != aSecond || t_second.m_szText[0] == '\0') {
+        tm date = {};
+        localtime_r(&aSecond, &date);
+        strftime(t_second.m_szText, sizeof(t_second.m_szText), "%Y-%m-%d %H:%M:%S", &date);
+        t_second.m_Second = aSecond;
+    }
+    return t_second.m_szText;
+}
+
+size_t FormatHead(char (&aHead)[HEAD_SIZE], const char* aModule) {
+    timeval tvNow = {};
+    gettimeofday(&tvNow, nullptr);
+    snprintf(aHead, sizeof(aHead), "%s.%03d pid=%d tid=%d [%.*s] ", TextOfSecond(tvNow.tv_sec),
+             static_cast<int>(tvNow.tv_usec / 1000), static_cast<int>(getpid()),
+             static_cast<int>(reinterpret_cast<uintptr_t>(reinterpret_cast<void*>(pthread_self()))),
+             MODULE_LENGTH, aModule != nullptr ? aModule : "");
+    // The module is the host's: it must not break the line either.
+    for (char* pchEnd = strchr(aHead, '\n'); pchEnd != nullptr; pchEnd = strchr(pchEnd, '\n')) {
+        *pchEnd = ' ';
+    }
+    return strlen(aHead);
+}
+
+size_t LengthWithoutLineEnds(const char* aText, size_t aLength) {
+    while (aLength > 0 && (aText[aLength - 1] == '\n' || aText[aLength - 1] == '\r')) {
+        --aLength;
+    }
+    return aLength;
+}
+
+// Copies what fits into aRoom, with a tab behind each line end; returns the bytes written.
+size_t CopyIndented(char* aOut, size_t aRoom, const char* aText, size_t aLength) {
+    size_t nOut = 0;
+    for (size_t i = 0; i < aLength && nOut < aRoom; ++i) {
+        aOut[nOut++] = aText[i];
+        if (aText[i] == '\n' && nOut < aRoom) {
+            aOut[nOut++] = '\t';
+        }
+    }
+    return nOut;
+}
+
+size_t CountLineEnds(const char* aText, size_t aLength) {
+    size_t nCount = 0;
+    for (size_t i = 0; i < aLength; ++i) {
+        nCount += aText[i] == '\n' ? 1 : 0;
+    }
+    return nCount;
+}
+
+// Without memory for a long line it goes out cut.
+void WriteText(const char* aModule, const char* aText, size_t aLength) {
+    char achHead[HEAD_SIZE];
+    const size_t nHead = FormatHead(achHead, aModule);
+    const size_t nLength = LengthWithoutLineEnds(aText, aLength);
+    const size_t nWanted = nHead + nLength + CountLineEnds(aText, nLength) + 1;
+
+    char achLine[STACK_LINE_SIZE];
+    char* pchHeap = nWanted > sizeof(achLine) ? static_cast<char*>(malloc(nWanted)) : nullptr;
+    char* pchLine = pchHeap != nullptr ? pchHeap : achLine;
+    const size_t nSize = pchHeap != nullptr ? nWanted : sizeof(achLine);
+    memcpy(pchLine, achHead, nHead);
+    size_t nLine = nHead + CopyIndented(pchLine + nHead, nSize - nHead - 1, aText, nLength);
+    pchLine[nLine++] = '\n';
+    WriteLine(pchLine, nLine);
+    free(pchHeap);
+}
+
+// ---- Pieces
+
+// The pieces of one text that a thread has handed over so far.
+struct HeldText {
+    char* m_pchText;
+    size_t m_nLength;
+    size_t m_nSize;
+    char m_szModule[MODULE_LENGTH + 1];
+};
+
+void WriteHeld(HeldText& aHeld) {
+    if (aHeld.m_nLength > 0) {
+        WriteText(aHeld.m_szModule, aHeld.m_pchText, aHeld.m_nLength);
+    }
+    free(aHeld.m_pchText);
+    aHeld = HeldText();
+}
+
+// At the end of a thread.
+void EndHeld(void* aHeld) {
+    HeldText* pHeld = static_cast<HeldText*>(aHeld);
+    WriteHeld(*pHeld);
+    free(pHeld);
+}
+
+struct HeldKey {
+    HeldKey() : m_bValid(pthread_key_create(&m_Key, EndHeld) == 0) {}
+
+    pthread_key_t m_Key;
+    bool m_bValid;
+};
+
+// Of the calling thread; null when there is none and, with aCreate, no memory for one.
+HeldText* HeldOfThread(bool aCreate) {
+    static const HeldKey s_key;
+    if (!s_key.m_bValid) {
+        return nullptr;
+    }
+    HeldText* pHeld = static_cast<HeldText*>(pthread_getspecific(s_key.m_Key));
+    if (pHeld != nullptr || !aCreate) {
+        return pHeld;
+    }
+    pHeld = static_cast<HeldText*>(calloc(1, sizeof(HeldText)));
+    if (pHeld != nullptr && pthread_setspecific(s_key.m_Key, pHeld) != 0) {
+        free(pHeld);
+        pHeld = nullptr;
+    }
+    return pHeld;
+}
+
+bool Append(HeldText& aHeld, const char* aText, size_t aLength) {
+    const size_t nNeeded = aHeld.m_nLength + aLength;
+    if (nNeeded > HELD_LENGTH_MAX) {
+        return false;
+    }
+    if (nNeeded > aHeld.m_nSize) {
+        char* pchGrown = static_cast<char*>(realloc(aHeld.m_pchText, 2 * nNeeded));
+        if (pchGrown == nullptr) {
+            return false;
+        }
+        aHeld.m_pchText = pchGrown;
+        aHeld.m_nSize = 2 * nNeeded;
+    }
+    memcpy(aHeld.m_pchText + aHeld.m_nLength, aText, aLength);
+    aHeld.m_nLength = nNeeded;
+    return true;
+}
+
+void TakePiece(const char* aModule, const char* aText, size_t aLength) {
+    HeldText* pHeld = HeldOfThread(true);
+    if (pHeld == nullptr) {
+        WriteText(aModule, aText, aLength);
+        return;
+    }
+    if (pHeld->m_nLength == 0) {
+        snprintf(pHeld->m_szModule, sizeof(pHeld->m_szModule), "%s",
+                 aModule != nullptr ? aModule : "");
+    }
+    if (!Append(*pHeld, aText, aLength)) {
+        WriteHeld(*pHeld);
+        WriteText(aModule, aText, aLength);
+        return;
+    }
+    if (aLength < PIECE_LENGTH) {
+        WriteHeld(*pHeld);
+    }
+}
+
+void TakeWhole(const char* aModule, const char* aText, size_t aLength) {
+    if (HeldText* pHeld = HeldOfThread(false)) {
+        WriteHeld(*pHeld);
+    }
+    WriteText(aModule, aText, aLength);
+}
+
+}  // namespace
+
+unsigned long _getTraceLevel() {
+    const unsigned long ulLevel = g_ulLevel.load(std::memory_order_relaxed);
+    if (__builtin_expect(ulLevel != LEVEL_UNKNOWN, 1)) {
+        return ulLevel;
+    }
+    unsigned long ulKnown = LEVEL_UNKNOWN;
+    const unsigned long ulFirst = LevelFromEnvironment();
+    return g_ulLevel.compare_exchange_strong(ulKnown, ulFirst) ? ulFirst : ulKnown;
+}
+
+void qtrace_set_level(unsigned long aLevel) {
+    g_ulLevel.store(aLevel < LEVEL_UNKNOWN ? aLevel : LEVEL_UNKNOWN - 1, std::memory_order_relaxed);
+}
+
+void YRKTRACERAWA(unsigned long /*aLevel*/, const char* aModule, char* aPrefix, const char* aText) {
+    if (aText == nullptr) {
+        return;
+    }
+    const int nError = errno;
+    int nCancelState = PTHREAD_CANCEL_ENABLE;
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &nCancelState);
+    if (aPrefix != nullptr) {
+        TakePiece(aModule, aText, strlen(aText));
+    } else {
+        TakeWhole(aModule, aText, strlen(aText));
+    }
+    pthread_setcancelstate(nCancelState, nullptr);
+    errno = nError;
+}

@@ -1,4 +1,23 @@
-// qtrace: the trace library that kelto_util delivers its text to.
+// qtrace: the trace library that kelto_util delivers its text to. A host that brings a trace
+// library of its own links that instead; it supplies _getTraceLevel and YRKTRACERAWA.
+//
+// Each text becomes one line, written by one write call, so that lines stay whole between threads
+// and, in a file, between processes:
+//
+//   2026-11-21 09:30:00.125 pid=4711 tid=-1208 [MAC] UTIL ERROR: ...
+//
+// Local time with milliseconds, the process, the thread (the low 32 bits of its handle, signed,
+// as in kelto_util's trace files), the module and the text. A line end within a text is followed
+// by a tab, so that no text can pass for a line of its own; those at its end are dropped.
+//
+// Environment, read on first use:
+//   QTRACE_LEVEL  the threshold, a decimal number; 0, everything, when missing or no number
+//   QTRACE_FILE   the file to append to, created if missing; standard error when missing or when
+//                 the file cannot be opened
+//
+// Any thread may call any function. None throws, changes errno, raises a signal or reports a
+// failure: a line that cannot be written (full disk, closed pipe) is lost, and one for which a
+// non-blocking destination has no room now, too.
 #ifndef QTRACE_H
 #define QTRACE_H
 
@@ -9,8 +28,14 @@ extern "C" {
 // The delivery threshold: a text is delivered only when its level is at least this value.
 QTRACE_EXPORT unsigned long _getTraceLevel();
 
-// Takes one piece of trace text. aPrefix: null when the text comes whole, otherwise 256 zeroed
-// bytes, and aText is one piece, of at most 2047 characters, of a longer text.
+// Changes the threshold at run time, from the next text on, for all threads.
+QTRACE_EXPORT void qtrace_set_level(unsigned long aLevel);
+
+// Takes a text, or one piece of a longer one. aPrefix: null when the text comes whole; for a
+// piece 256 zeroed bytes, not used here. A thread's pieces come one after the other; every piece
+// but the last has 2047 characters, the last has fewer, perhaps none. They are held until the
+// last one, and then written as one line. When memory runs out, when a whole text comes in
+// between or when the thread ends, what is held is written as it stands.
 QTRACE_EXPORT void YRKTRACERAWA(unsigned long aLevel, const char* aModule, char* aPrefix,
                                 const char* aText);
 

@@ -1,0 +1,606 @@
+#include "CmLogStream.h"
+
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <memory>
+#include <thread>
+
+#include "CmConfig.h"
+#include "support/ChildProcess.h"
+#include "support/Faults.h"
+#include "support/Home.h"
+#include "support/TraceLibrary.h"
+#include "support/TraceSink.h"
+
+namespace UTIL_NS {
+namespace {
+
+using kelto_test::FailingCall;
+using kelto_test::ScopedAllocationFault;
+using kelto_test::ScopedHome;
+using kelto_test::ScopedTraceLibrary;
+using kelto_test::ScopedTraceSink;
+using kelto_test::StatusOfChild;
+using kelto_test::TraceCall;
+using Texts = std::vector<std::string>;
+
+// A text whose characters differ from one position to the next, so that a piece that starts in
+// the wrong place shows.
+std::string TextOfLength(size_t aLength) {
+    std::string sText(aLength, ' ');
+    for (size_t i = 0; i < aLength; ++i) {
+        sText[i] = static_cast<char>('a' + i % 23);
+    }
+    return sText;
+}
+
+struct LevelFunctionCase {
+    const char* name;
+    CCmT120Trace::LevelFunction function;
+};
+
+class CmLogStreamLevelFunction : public testing::TestWithParam<LevelFunctionCase> {
+  protected:
+    ScopedTraceLibrary m_library;
+};
+
+INSTANTIATE_TEST_SUITE_P(All, CmLogStreamLevelFunction,
+                         testing::Values(LevelFunctionCase{"debug", ccu_trace_debug},
+                                         LevelFunctionCase{"info", ccu_trace_info},
+                                         LevelFunctionCase{"warn", ccu_trace_warn},
+                                         LevelFunctionCase{"error", ccu_trace_error}),
+                         [](const auto& aInfo) { return std::string(aInfo.param.name); });
+
+TEST_P(CmLogStreamLevelFunction, DeliversTheFormattedText_AtLevel2) {
+    EXPECT_EQ(1, GetParam().function("net", "fd=%d name=%s", 7, "eth0"));
+    const std::vector<TraceCall> calls = m_library.calls();
+    ASSERT_EQ(1u, calls.size());
+    EXPECT_EQ(2u, calls[0].level);
+    EXPECT_EQ("net", calls[0].module);
+    EXPECT_FALSE(calls[0].prefixed);
+    EXPECT_EQ("fd=7 name=eth0", calls[0].text);
+}
+
+TEST_P(CmLogStreamLevelFunction, Returns0AndDeliversNothing_WithoutModule) {
+    EXPECT_EQ(0, GetParam().function(nullptr, "text"));
+    EXPECT_TRUE(m_library.calls().empty());
+    EXPECT_EQ(0u, m_library.thresholdReads());
+}
+
+TEST_P(CmLogStreamLevelFunction, Returns0AndDeliversNothing_WithoutFormat) {
+    EXPECT_EQ(0, GetParam().function("net", nullptr));
+    EXPECT_TRUE(m_library.calls().empty());
+    EXPECT_EQ(0u, m_library.thresholdReads());
+}
+
+TEST_P(CmLogStreamLevelFunction, DeliversNothing_WhenTheThresholdIs3) {
+    m_library.SetThreshold(3);
+    EXPECT_EQ(1, GetParam().function("net", "text"));
+    EXPECT_TRUE(m_library.calls().empty());
+}
+
+TEST_P(CmLogStreamLevelFunction, Delivers_WhenTheThresholdIs2) {
+    m_library.SetThreshold(2);
+    EXPECT_EQ(1, GetParam().function("net", "text"));
+    EXPECT_EQ(Texts{"text"}, m_library.texts());
+}
+
+TEST_P(CmLogStreamLevelFunction, AsksForTheThresholdThreeTimes_WhenItDelivers) {
+    GetParam().function("net", "text");
+    EXPECT_EQ(3u, m_library.thresholdReads());
+}
+
+TEST_P(CmLogStreamLevelFunction, AsksForTheThresholdTwice_WhenItDrops) {
+    m_library.SetThreshold(3);
+    GetParam().function("net", "text");
+    EXPECT_EQ(2u, m_library.thresholdReads());
+}
+
+TEST_P(CmLogStreamLevelFunction, DeliversAnEmptyText_WhenTheThresholdFallsAfterTheFirstQuestion) {
+    m_library.SetThresholds({3, 0});
+    EXPECT_EQ(1, GetParam().function("net", "text"));
+    EXPECT_EQ(Texts{""}, m_library.texts());
+}
+
+TEST_P(CmLogStreamLevelFunction, DeliversAnEmptyText_WhenTheThresholdIsHighDuringInsertion) {
+    m_library.SetThresholds({0, 3, 0});
+    GetParam().function("net", "text");
+    EXPECT_EQ(Texts{""}, m_library.texts());
+}
+
+TEST_P(CmLogStreamLevelFunction, DeliversNothing_WhenTheThresholdRisesBeforeTheEnd) {
+    m_library.SetThresholds({0, 0, 3});
+    EXPECT_EQ(1, GetParam().function("net", "text"));
+    EXPECT_TRUE(m_library.calls().empty());
+}
+
+TEST_P(CmLogStreamLevelFunction, CutsATextAt131071Characters) {
+    const std::string sText = TextOfLength(131072);
+    GetParam().function("net", "%s", sText.c_str());
+    std::string sDelivered;
+    for (const std::string& sPiece : m_library.texts()) {
+        sDelivered += sPiece;
+    }
+    EXPECT_EQ(131071u, sDelivered.size());
+    EXPECT_EQ(sText.substr(0, 131071), sDelivered);
+}
+
+TEST_P(CmLogStreamLevelFunction, KeepsErrno) {
+    m_library.SetErrno(EIO);
+    errno = ENOENT;
+    GetParam().function("net", "%s %d", "text", 1);
+    EXPECT_EQ(ENOENT, errno);
+    EXPECT_EQ(1u, m_library.calls().size());
+}
+
+TEST_P(CmLogStreamLevelFunction, SwallowsAnException) {
+    m_library.ThrowOnCall(1);
+    EXPECT_EQ(1, GetParam().function("net", "text"));
+    EXPECT_EQ(1, GetParam().function("net", "next"));
+    EXPECT_EQ((Texts{"text", "next"}), m_library.texts());
+}
+
+TEST(CmLogStream, LevelFunction_PrintsAPlainTextAsItIs) {
+    ScopedTraceLibrary library;
+    ccu_trace_info("net", "%s", "100%s %n %d");
+    EXPECT_EQ(Texts{"100%s %n %d"}, library.texts());
+}
+
+TEST(CmLogStream, LevelFunction_PrintsANullTextAsPrintfDoes) {
+    ScopedTraceLibrary library;
+    const char* volatile pszNull = nullptr;
+    ccu_trace_info("net", "%s", pszNull);
+    EXPECT_EQ(Texts{"(null)"}, library.texts());
+}
+
+TEST(CmLogStream, LevelFunction_DeliversAnEmptyText) {
+    ScopedTraceLibrary library;
+    ccu_trace_info("net", "%s", "");
+    EXPECT_EQ(Texts{""}, library.texts());
+}
+
+TEST(CmLogStream, LevelFunction_FormatsWhole_AroundTheStackBuffer) {
+    for (size_t nLength : {1022u, 1023u, 1024u, 1025u, 2047u}) {
+        ScopedTraceLibrary library;
+        const std::string sText = TextOfLength(nLength - 1);
+        ccu_trace_info("net", "%s%c", sText.c_str(), '!');
+        EXPECT_EQ(Texts{sText + "!"}, library.texts()) << nLength;
+    }
+}
+
+TEST(CmLogStream, LevelFunction_AllocatesNothingForAUsualLine) {
+    ScopedTraceLibrary library;
+    library.SetThreshold(3);
+    const unsigned long ulBefore = kelto_test::AllocationsOfThisThread();
+    ccu_trace_info("net", "%d", 7);
+    EXPECT_EQ(ulBefore, kelto_test::AllocationsOfThisThread());
+}
+
+// The lengths of the pieces that a text is delivered in; the bytes of each are checked too.
+std::vector<size_t> PieceLengths(size_t aLength) {
+    ScopedTraceLibrary library;
+    const std::string sText = TextOfLength(aLength);
+    ccu_trace_error("net", "%s", sText.c_str());
+    std::vector<size_t> lengths;
+    std::string sJoined;
+    for (const TraceCall& call : library.calls()) {
+        EXPECT_EQ(2u, call.level);
+        EXPECT_EQ("net", call.module);
+        EXPECT_EQ(aLength > 2047, call.prefixed);
+        EXPECT_EQ(aLength > 2047, call.zeroPrefix);
+        lengths.push_back(call.text.size());
+        sJoined += call.text;
+    }
+    EXPECT_EQ(sText, sJoined);
+    return lengths;
+}
+
+TEST(CmLogStream, Pieces_OneWithNullPrefix_For2046Characters) {
+    EXPECT_EQ((std::vector<size_t>{2046}), PieceLengths(2046));
+}
+
+TEST(CmLogStream, Pieces_OneWithNullPrefix_For2047Characters) {
+    EXPECT_EQ((std::vector<size_t>{2047}), PieceLengths(2047));
+}
+
+TEST(CmLogStream, Pieces_Two_For2048Characters) {
+    EXPECT_EQ((std::vector<size_t>{2047, 1}), PieceLengths(2048));
+}
+
+// Length 4094 with its terminator: a multiple of 2047.
+TEST(CmLogStream, Pieces_Two_For4093Characters) {
+    EXPECT_EQ((std::vector<size_t>{2047, 2046}), PieceLengths(4093));
+}
+
+// The terminator alone makes the third piece.
+TEST(CmLogStream, Pieces_TwoAndAnEmptyOne_For4094Characters) {
+    EXPECT_EQ((std::vector<size_t>{2047, 2047, 0}), PieceLengths(4094));
+}
+
+TEST(CmLogStream, Pieces_Three_For4095Characters) {
+    EXPECT_EQ((std::vector<size_t>{2047, 2047, 1}), PieceLengths(4095));
+}
+
+// 100001 bytes: 48 times 2047 and 1744, without the terminator.
+TEST(CmLogStream, Pieces_FortyNine_For100000Characters) {
+    std::vector<size_t> expected(48, 2047);
+    expected.push_back(1744);
+    EXPECT_EQ(expected, PieceLengths(100000));
+}
+
+TEST(CmLogStream, Pieces_StopAtAnException) {
+    ScopedTraceLibrary library;
+    library.ThrowOnCall(2);
+    ccu_trace_error("net", "%s", TextOfLength(10000).c_str());
+    EXPECT_EQ(2u, library.calls().size());
+}
+
+TEST(CmLogStream, Stream_DeliversWhatWasInserted_AtItsEnd) {
+    ScopedTraceLibrary library;
+    {
+        ccu::logstream<char> stream(9, "media");
+        stream << "rate=" << 48000 << ' ' << std::hex << 255;
+        EXPECT_TRUE(library.calls().empty());
+    }
+    const std::vector<TraceCall> calls = library.calls();
+    ASSERT_EQ(1u, calls.size());
+    EXPECT_EQ(9u, calls[0].level);
+    EXPECT_EQ("media", calls[0].module);
+    EXPECT_FALSE(calls[0].prefixed);
+    EXPECT_EQ("rate=48000 ff", calls[0].text);
+}
+
+TEST(CmLogStream, Stream_AsksForTheThresholdOnce) {
+    ScopedTraceLibrary library;
+    ccu::logstream<char>(9, "media") << "text";
+    EXPECT_EQ(1u, library.thresholdReads());
+}
+
+TEST(CmLogStream, Stream_DeliversNothing_BelowTheThreshold) {
+    ScopedTraceLibrary library;
+    library.SetThreshold(10);
+    ccu::logstream<char>(9, "media") << "text";
+    EXPECT_TRUE(library.calls().empty());
+    ccu::logstream<char>(10, "media") << "text";
+    EXPECT_EQ(1u, library.calls().size());
+}
+
+TEST(CmLogStream, Stream_DeliversAnEmptyText_WhenNothingWasInserted) {
+    ScopedTraceLibrary library;
+    { ccu::logstream<char> stream(9, "media"); }
+    EXPECT_EQ(Texts{""}, library.texts());
+}
+
+TEST(CmLogStream, Stream_DeliversUpToTheFirstNul) {
+    ScopedTraceLibrary library;
+    ccu::logstream<char>(9, "media") << std::string("ab\0cd", 5);
+    EXPECT_EQ(Texts{"ab"}, library.texts());
+}
+
+TEST(CmLogStream, Stream_DeliversALongTextInPieces) {
+    ScopedTraceLibrary library;
+    const std::string sText = TextOfLength(2048);
+    ccu::logstream<char>(9, "media") << sText;
+    EXPECT_EQ((Texts{sText.substr(0, 2047), sText.substr(2047)}), library.texts());
+}
+
+TEST(CmLogStream, Stream_SwallowsAnExceptionAndKeepsErrno) {
+    ScopedTraceLibrary library;
+    library.ThrowOnCall(1);
+    library.SetErrno(EIO);
+    errno = ENOENT;
+    { ccu::logstream<char> stream(9, "media"); }
+    EXPECT_EQ(ENOENT, errno);
+    EXPECT_EQ(1u, library.calls().size());
+}
+
+TEST(CmLogStream, Stream_DeliversNull_WhenItsTextHasNoStorage) {
+    ScopedTraceLibrary library;
+    auto pStream = std::make_unique<ccu::logstream<char>>(9, "media");
+    *pStream << TextOfLength(600);
+    {
+        // The only allocation of the end is that of the text.
+        ScopedAllocationFault fault(1);
+        pStream.reset();
+        EXPECT_TRUE(fault.hit());
+    }
+    EXPECT_EQ(Texts{"null"}, library.texts());
+}
+
+TEST(CmLogStream, Stream_FinishesDeliveryBeforeItsThreadIsCancelled) {
+    ScopedTraceLibrary library;
+    library.TestCancel();
+    pthread_t thread;
+    ASSERT_EQ(0, pthread_create(
+                     &thread, nullptr,
+                     [](void*) -> void* {
+                         pthread_cancel(pthread_self());
+                         { ccu::logstream<char>(9, "media") << TextOfLength(5000); }
+                         ccu_trace_info("media", "%s", "second");
+                         pthread_testcancel();
+                         return nullptr;
+                     },
+                     nullptr));
+    void* pResult = nullptr;
+    ASSERT_EQ(0, pthread_join(thread, &pResult));
+    EXPECT_EQ(PTHREAD_CANCELED, pResult);
+    EXPECT_EQ(4u, library.calls().size());
+}
+
+TEST(CmLogStream, Streams_OnManyThreadsAtOnce) {
+    ScopedTraceLibrary library;
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([] {
+            for (int n = 0; n < 200; ++n) {
+                ccu::logstream<char>(9, "media") << "line " << n;
+                ccu_trace_warn("media", "line %d", n);
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(1600u, library.calls().size());
+}
+
+TEST(CmLogStream, YrktraStream_JoinsWhatWasWritten) {
+    ScopedTraceLibrary library;
+    ccu::YrktraStreamA stream(5);
+    stream.writestringa("one ");
+    stream.writestringa("");
+    stream.writestringa("two ");
+    stream.writestringa("three");
+    stream.flusha("net");
+    ASSERT_EQ(1u, library.calls().size());
+    EXPECT_EQ("one two three", library.calls()[0].text);
+    EXPECT_EQ(5u, library.calls()[0].level);
+}
+
+TEST(CmLogStream, YrktraStream_IgnoresNull) {
+    ScopedTraceLibrary library;
+    ccu::YrktraStreamA stream(5);
+    stream.writestringa(nullptr);
+    stream.flusha("net");
+    EXPECT_TRUE(library.calls().empty());
+    stream.writestringa("text");
+    stream.writestringa(nullptr);
+    stream.flusha("net");
+    EXPECT_EQ(Texts{"text"}, library.texts());
+}
+
+TEST(CmLogStream, YrktraStream_DeliversNothing_OnceFlushed) {
+    ScopedTraceLibrary library;
+    ccu::YrktraStreamA stream(5);
+    stream.writestringa("text");
+    stream.flusha("net");
+    stream.flusha("net");
+    EXPECT_EQ(Texts{"text"}, library.texts());
+    stream.writestringa("again");
+    stream.flusha("net");
+    EXPECT_EQ((Texts{"text", "again"}), library.texts());
+}
+
+TEST(CmLogStream, YrktraStream_DeliversNothingAgain_AfterAnException) {
+    ScopedTraceLibrary library;
+    library.ThrowOnCall(1);
+    ccu::YrktraStreamA stream(5);
+    stream.writestringa("text");
+    stream.flusha("net");
+    stream.flusha("net");
+    EXPECT_EQ(Texts{"text"}, library.texts());
+}
+
+TEST(CmLogStream, Locale_IsTheClassicOneWithItsConversion) {
+    EXPECT_EQ("C", ccuLoc.name());
+    EXPECT_EQ(1, ccuCvter.max_length());
+}
+
+// ---- The second facility
+
+TEST(CmLogStream, Facility2_HasDefaultsOfItsOwn) {
+    EXPECT_EQ(0, StatusOfChild([] {
+                  ScopedHome home;
+                  CCmT120Trace2* pFacility = CCmT120Trace2::instance();
+                  const unsigned char EXPECTED[28] = {
+                      0, 1, 0, 0, 0, 0, 0, 0, 0, 0,  // Error off, Server on
+                      0, 1, 1, 1, 1, 0, 0, 0, 0, 0,  // Warning off; Meeting to Statistic on
+                      1, 1, 0, 0, 0, 0, 0, 0,        // Info and State on
+                  };
+                  for (unsigned long i = 0; i < 28; ++i) {
+                      EXPECT_EQ(EXPECTED[i], pFacility->enable_trace_print(i, nullptr)) << i;
+                  }
+              }));
+}
+
+TEST(CmLogStream, Facility2_IsOneOfItsOwn) {
+    EXPECT_EQ(0, StatusOfChild([] {
+                  ScopedHome home;
+                  CCmT120Trace2* pFacility = CCmT120Trace2::instance();
+                  EXPECT_EQ(pFacility, CCmT120Trace2::instance());
+                  EXPECT_NE(static_cast<CCmT120Trace*>(pFacility), CCmT120Trace::instance());
+              }));
+}
+
+TEST(CmLogStream, Facility2_DeliversInfoButNoErrorByDefault) {
+    EXPECT_EQ(0, StatusOfChild([] {
+                  ScopedHome home;
+                  ScopedTraceLibrary library;
+                  CCmT120Trace2::instance()->trace_string(0, "error");
+                  CCmT120Trace2::instance()->trace_string(20, "info");
+                  EXPECT_EQ(Texts{"info"}, library.texts());
+              }));
+}
+
+CCmT120TraceMapEntry g_table[CM_TRACE_LEVEL_COUNT];
+
+class TaggedTrace : public CCmT120Trace2 {
+  public:
+    explicit TaggedTrace(const char* aFileName = nullptr)
+        : CCmT120Trace2("Log", g_table, aFileName, 0) {}
+    std::string& logPath() { return m_sLogPath; }
+};
+
+TEST(CmLogStream, Facility2_RemembersTheLogPath_WithoutAFileName) {
+    ScopedHome home;
+    TaggedTrace trace;
+    EXPECT_EQ("", trace.logPath());
+    EXPECT_EQ(1, trace.load(nullptr));
+    EXPECT_EQ(home.path() + "/logs/C_Trace.txt", trace.logPath());
+}
+
+TEST(CmLogStream, Facility2_RemembersNoLogPath_WithAFileName) {
+    ScopedHome home;
+    TaggedTrace trace("own.txt");
+    EXPECT_EQ(1, trace.load(nullptr));
+    EXPECT_EQ("", trace.logPath());
+}
+
+TEST(CmLogStream, LogFileName_IsEmpty_OnAFreshFacility) {
+    TaggedTrace trace;
+    EXPECT_EQ("", trace.GetLogFilePathAndName("a"));
+}
+
+TEST(CmLogStream, LogFileName_IsEmpty_WithoutTheTag) {
+    ScopedHome home;
+    TaggedTrace trace;
+    trace.load(nullptr);
+    EXPECT_EQ("", trace.GetLogFilePathAndName("a"));
+}
+
+TEST(CmLogStream, LogFileName_ReplacesTheFirstTagAndKeepsTheStoredPath) {
+    TaggedTrace trace;
+    trace.logPath() = "/x/##**FILE_NAME_TAG**##.##**FILE_NAME_TAG**##";
+    EXPECT_EQ("/x/call.##**FILE_NAME_TAG**##", trace.GetLogFilePathAndName("call"));
+    EXPECT_EQ("/x/##**FILE_NAME_TAG**##.##**FILE_NAME_TAG**##", trace.logPath());
+}
+
+TEST(CmLogStream, LogFileName_IsEmpty_WhenMemoryRunsOut) {
+    TaggedTrace trace;
+    trace.logPath() = "/a/path/that/is/long/enough/##**FILE_NAME_TAG**##";
+    const std::string sName("name");
+    ScopedAllocationFault fault(1);
+    EXPECT_EQ("", trace.GetLogFilePathAndName(sName));
+    EXPECT_TRUE(fault.hit());
+}
+
+// ---- Identity. The process of this executable is named "C", the first character of its file.
+
+int HostNameH1(char* aName, size_t aSize) {
+    std::snprintf(aName, aSize, "h1");
+    return 0;
+}
+
+int HostNameOf512Characters(char* aName, size_t aSize) {
+    std::memset(aName, 'h', aSize);
+    return 0;
+}
+
+using HostNameEntry = kelto_test::ScopedEntry<int (*)(char*, size_t)>;
+
+TEST(CmLogStream, LeadingId_NamesProcessAndHost) {
+    EXPECT_EQ(0, StatusOfChild([] {
+                  ScopedHome home;
+                  HostNameEntry entry(g_cmSystem.gethostname, HostNameH1);
+                  EXPECT_EQ(nullptr, g_LeadingId.load());
+                  EXPECT_STREQ("C.h1.", get_leading_id());
+                  EXPECT_EQ(get_leading_id(), g_LeadingId.load());
+              }));
+}
+
+// Stands in for an executable of that name; the buffer is the library's, and writable.
+void RenameProcess(const char* aName) {
+    std::strcpy(const_cast<char*>(get_exec_name()), aName);
+}
+
+TEST(CmLogStream, LeadingId_DropsTheExtensionExe) {
+    EXPECT_EQ(0, StatusOfChild([] {
+                  ScopedHome home;
+                  RenameProcess("agent.exe");
+                  HostNameEntry entry(g_cmSystem.gethostname, HostNameH1);
+                  EXPECT_STREQ("agent.h1.", get_leading_id());
+              }));
+}
+
+TEST(CmLogStream, LeadingId_KeepsAnyOtherExtension) {
+    EXPECT_EQ(0, StatusOfChild([] {
+                  ScopedHome home;
+                  RenameProcess("a.exe.bin");
+                  HostNameEntry entry(g_cmSystem.gethostname, HostNameH1);
+                  EXPECT_STREQ("a.exe.bin.h1.", get_leading_id());
+              }));
+}
+
+TEST(CmLogStream, LeadingId_PrefersTheConfiguredMachine) {
+    EXPECT_EQ(0, StatusOfChild([] {
+                  ScopedHome home;
+                  home.WriteConfig("[Trace]\nMachineID=m7\n");
+                  HostNameEntry entry(g_cmSystem.gethostname, HostNameH1);
+                  EXPECT_STREQ("C.m7.", get_leading_id());
+              }));
+}
+
+TEST(CmLogStream, LeadingId_KeepsTheConfiguredMachineAndTraces_WhenTheHostNameFails) {
+    EXPECT_EQ(0, StatusOfChild([] {
+                  ScopedHome home;
+                  home.WriteConfig("[Trace]\nMachineID=m7\n");
+                  ScopedTraceSink sink;
+                  FailingCall<&CCmSystemTable::gethostname> fault(ENAMETOOLONG);
+                  EXPECT_STREQ("C.m7.", get_leading_id());
+                  ASSERT_EQ(1u, sink.lines().size());
+                  EXPECT_EQ(10u, sink.lines()[0].level);
+                  EXPECT_EQ(
+                      "UTIL WARNING: CCmDnsManager::GetLocalIps, gethostname() failed! err=36",
+                      sink.lines()[0].text);
+              }));
+}
+
+TEST(CmLogStream, LeadingId_HasNoMachine_WhenTheHostNameFailsAndNoneIsConfigured) {
+    EXPECT_EQ(0, StatusOfChild([] {
+                  ScopedHome home;
+                  FailingCall<&CCmSystemTable::gethostname> fault(EPERM);
+                  EXPECT_STREQ("C..", get_leading_id());
+              }));
+}
+
+TEST(CmLogStream, LeadingId_BoundsAHostNameWithoutTerminator) {
+    EXPECT_EQ(0, StatusOfChild([] {
+                  ScopedHome home;
+                  HostNameEntry entry(g_cmSystem.gethostname, HostNameOf512Characters);
+                  EXPECT_EQ("C." + std::string(511, 'h') + ".", get_leading_id());
+              }));
+}
+
+TEST(CmLogStream, LeadingId_IsBuiltOnce) {
+    EXPECT_EQ(0, StatusOfChild([] {
+                  ScopedHome home;
+                  home.WriteConfig("[Trace]\nMachineID=m7\n");
+                  const char* pszFirst = get_leading_id();
+                  home.WriteConfig("[Trace]\nMachineID=m8\n");
+                  EXPECT_EQ(pszFirst, get_leading_id());
+                  EXPECT_STREQ("C.m7.", pszFirst);
+              }));
+}
+
+TEST(CmLogStream, LeadingId_IsOne_WhenManyThreadsAskFirst) {
+    EXPECT_EQ(0, StatusOfChild([] {
+                  ScopedHome home;
+                  std::vector<std::thread> threads;
+                  std::atomic<int> nSame{0};
+                  for (int i = 0; i < 8; ++i) {
+                      threads.emplace_back(
+                          [&nSame] { nSame += get_leading_id() == g_LeadingId.load() ? 1 : 0; });
+                  }
+                  for (std::thread& thread : threads) {
+                      thread.join();
+                  }
+                  EXPECT_EQ(8, nSame.load());
+              }));
+}
+
+}  // namespace
+}  // namespace UTIL_NS

@@ -1,0 +1,764 @@
+#include "CmT120TraceFile.h"
+
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <thread>
+
+#include "CmConfig.h"
+#include "support/Clock.h"
+#include "support/Faults.h"
+#include "support/Home.h"
+
+namespace UTIL_NS {
+namespace {
+
+using kelto_test::Failing;
+using kelto_test::FailingCall;
+using kelto_test::ScopedClock;
+using kelto_test::ScopedHome;
+using kelto_test::WriteFile;
+
+constexpr char MARKER[] =
+    "************************* Current Trace Point *************************\n\n";
+
+std::string ReadFile(const std::string& aPath) {
+    std::ifstream file(aPath, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+}
+
+std::string Header(long aPosition) {
+    std::string sHeader = std::to_string(aPosition);
+    sHeader.resize(31, ' ');
+    return sHeader + "\n";
+}
+
+int ThreadIdentity() {
+    return static_cast<int>(reinterpret_cast<uintptr_t>(reinterpret_cast<void*>(pthread_self())));
+}
+
+// What stands in front of a line written at the clock's start in UTC, 2001-09-09 01:46:40.
+std::string Stamp() {
+    return "[09/09/2001 01:46:40.123 pid=" + std::to_string(getpid()) +
+           " tid=" + std::to_string(ThreadIdentity()) + "]";
+}
+
+class CmT120TraceFile : public testing::Test {
+  protected:
+    CmT120TraceFile() : m_Clock(1000000000, 123999), m_sPath(m_Home.path() + "t.txt") {
+        setenv("TZ", "UTC", 1);
+        tzset();
+    }
+    ~CmT120TraceFile() override { ClearFilters(); }
+
+    // A file whose header says that lines start right behind it.
+    void WriteEmptyTraceFile() { WriteFile(m_sPath, Header(32)); }
+    std::string Content() const { return ReadFile(m_sPath); }
+    void WriteFilters(const std::string& aContent) {
+        WriteFile(m_Home.path() + "conf/keltoexp.filter", aContent);
+    }
+    void SetFilters(const std::string& aContent) {
+        WriteFilters(aContent);
+        CCmT120TraceFileMgr::init_reg_filter();
+    }
+    void ClearFilters() { SetFilters("("); }
+
+    ScopedHome m_Home;
+    ScopedClock m_Clock;
+    std::string m_sPath;
+};
+
+TEST_F(CmT120TraceFile, Attach_CreatesTheRecordsOwnFile) {
+    CCmT120TraceFile file(m_sPath.c_str(), 0, 0, 0);
+    EXPECT_FALSE(std::filesystem::exists(m_sPath));
+    EXPECT_EQ(CM_OK, file.attach());
+    EXPECT_EQ("", Content());
+    EXPECT_TRUE(std::filesystem::exists(m_sPath));
+}
+
+TEST_F(CmT120TraceFile, Attach_KeepsWhatTheFileHolds) {
+    WriteFile(m_sPath, "kept");
+    CCmT120TraceFile file(nullptr, 0, 0, 0);
+    EXPECT_EQ(CM_OK, file.attach(m_sPath.c_str()));
+    EXPECT_EQ("kept", Content());
+}
+
+TEST_F(CmT120TraceFile, Attach_NeedsAName) {
+    CCmT120TraceFile file(nullptr, 0, 0, 0);
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, file.attach());
+}
+
+TEST_F(CmT120TraceFile, Attach_FailsForADirectory) {
+    CCmT120TraceFile file(m_Home.path().c_str(), 0, 0, 0);
+    EXPECT_EQ(CM_ERROR_FAILURE, file.attach());
+}
+
+TEST_F(CmT120TraceFile, Attach_IsDoneOnce) {
+    CCmT120TraceFile file(m_sPath.c_str(), 0, 0, 0);
+    EXPECT_EQ(CM_OK, file.attach());
+    EXPECT_EQ(CM_ERROR_ALREADY_INITIALIZED, file.attach());
+}
+
+TEST_F(CmT120TraceFile, Record_WritesNowhere_WithoutAttach) {
+    for (unsigned char bShared : {0, 1}) {
+        CCmT120TraceFile file(m_sPath.c_str(), 0, bShared, 0);
+        file.write("tag", "net", "text");
+        file.write_shared("tag", "net", "text");
+        file.flush_buffer();
+    }
+    EXPECT_FALSE(std::filesystem::exists(m_sPath));
+}
+
+TEST_F(CmT120TraceFile, Write_FormatsTagAndModule) {
+    WriteEmptyTraceFile();
+    CCmT120TraceFile file(m_sPath.c_str(), 0, 0, 0);
+    file.attach();
+    file.write("TAG", "net", "text");
+    const std::string sLine = Stamp() + " [TAG] net:text\n";
+    EXPECT_EQ(Header(32 + static_cast<long>(sLine.size())) + sLine + MARKER, Content());
+}
+
+TEST_F(CmT120TraceFile, Write_FormatsModuleWithoutTag) {
+    WriteEmptyTraceFile();
+    CCmT120TraceFile file(m_sPath.c_str(), 0, 0, 0);
+    file.attach();
+    file.write(nullptr, "net", "text");
+    const std::string sLine = Stamp() + " net:text\n";
+    EXPECT_EQ(Header(32 + static_cast<long>(sLine.size())) + sLine + MARKER, Content());
+}
+
+TEST_F(CmT120TraceFile, Write_FormatsTextOnly_WithoutModule) {
+    WriteEmptyTraceFile();
+    CCmT120TraceFile file(m_sPath.c_str(), 0, 0, 0);
+    file.attach();
+    file.write("TAG", nullptr, "text");
+    const std::string sLine = Stamp() + " text\n";
+    EXPECT_EQ(Header(32 + static_cast<long>(sLine.size())) + sLine + MARKER, Content());
+}
+
+TEST_F(CmT120TraceFile, WriteShared_FormatsTheSameThreeWays) {
+    WriteEmptyTraceFile();
+    CCmT120TraceFile file(m_sPath.c_str(), 0, 1, 0);
+    file.attach();
+    file.write("TAG", "net", "one");
+    file.write(nullptr, "net", "two");
+    file.write("TAG", nullptr, "three");
+    const std::string sLines =
+        Stamp() + " [TAG] net:one\n" + Stamp() + " net:two\n" + Stamp() + " three\n";
+    EXPECT_EQ(Header(32 + static_cast<long>(sLines.size())) + sLines + MARKER, Content());
+}
+
+TEST_F(CmT120TraceFile, Write_TakesNoTextAsAFormat) {
+    WriteEmptyTraceFile();
+    CCmT120TraceFile file(m_sPath.c_str(), 0, 0, 0);
+    file.attach();
+    file.write("%s", "%n", "%d%%");
+    EXPECT_NE(std::string::npos, Content().find(" [%s] %n:%d%%\n"));
+}
+
+TEST_F(CmT120TraceFile, Write_LosesTheFirst32BytesOfANewFileToTheHeader) {
+    for (unsigned char bShared : {0, 1}) {
+        std::filesystem::remove(m_sPath);
+        CCmT120TraceFile file(m_sPath.c_str(), 0, bShared, 0);
+        file.attach();
+        file.write(nullptr, "net", "text");
+        const std::string sLine = Stamp() + " net:text\n";
+        EXPECT_EQ(Header(static_cast<long>(sLine.size())) + sLine.substr(32) + MARKER, Content());
+    }
+}
+
+TEST_F(CmT120TraceFile, Write_WritesOncePerFlushCount) {
+    WriteEmptyTraceFile();
+    CCmT120TraceFile file(m_sPath.c_str(), 0, 0, 0);
+    file.attach();
+    EXPECT_EQ(1, file.refresh_settings(0, 3));
+    file.write(nullptr, nullptr, "1");
+    file.write(nullptr, nullptr, "2");
+    EXPECT_EQ(Header(32), Content());
+    file.write(nullptr, nullptr, "3");
+    const std::string sLines = Stamp() + " 1\n" + Stamp() + " 2\n" + Stamp() + " 3\n";
+    EXPECT_EQ(Header(32 + static_cast<long>(sLines.size())) + sLines + MARKER, Content());
+}
+
+TEST_F(CmT120TraceFile, Flush_WritesWhatWasCollected) {
+    WriteEmptyTraceFile();
+    CCmT120TraceFile file(m_sPath.c_str(), 0, 0, 0);
+    file.attach();
+    file.refresh_settings(0, 3);
+    file.write(nullptr, nullptr, "1");
+    file.flush_buffer();
+    EXPECT_NE(std::string::npos, Content().find(" 1\n"));
+    const std::string sContent = Content();
+    file.flush_buffer();
+    EXPECT_EQ(sContent, Content());
+}
+
+TEST_F(CmT120TraceFile, Destructor_Flushes) {
+    WriteEmptyTraceFile();
+    {
+        CCmT120TraceFile file(m_sPath.c_str(), 0, 0, 0);
+        file.attach();
+        file.refresh_settings(0, 100);
+        file.write(nullptr, nullptr, "last");
+    }
+    EXPECT_NE(std::string::npos, Content().find(" last\n"));
+}
+
+TEST_F(CmT120TraceFile, RefreshSettings_FlushesFirst_WithANewCount) {
+    WriteEmptyTraceFile();
+    CCmT120TraceFile file(m_sPath.c_str(), 0, 0, 0);
+    file.attach();
+    file.refresh_settings(0, 3);
+    file.write(nullptr, nullptr, "kept");
+    EXPECT_EQ(1, file.refresh_settings(0, 5));
+    EXPECT_NE(std::string::npos, Content().find(" kept\n"));
+    for (int i = 0; i < 4; ++i) {
+        file.write(nullptr, nullptr, "later");
+    }
+    EXPECT_EQ(std::string::npos, Content().find("later"));
+    file.write(nullptr, nullptr, "later");
+    EXPECT_NE(std::string::npos, Content().find("later"));
+}
+
+TEST_F(CmT120TraceFile, RefreshSettings_FlushesToo_WithTheSameCount) {
+    WriteEmptyTraceFile();
+    CCmT120TraceFile file(m_sPath.c_str(), 0, 0, 0);
+    file.attach();
+    file.refresh_settings(0, 3);
+    file.write(nullptr, nullptr, "kept");
+    EXPECT_EQ(1, file.refresh_settings(0, 3));
+    EXPECT_NE(std::string::npos, Content().find(" kept\n"));
+}
+
+TEST_F(CmT120TraceFile, RefreshSettings_BoundsTheFlushCount) {
+    WriteEmptyTraceFile();
+    CCmT120TraceFile file(m_sPath.c_str(), 0, 0, 0);
+    file.attach();
+    for (int nCount : {0, -1, INT32_MIN}) {
+        EXPECT_EQ(1, file.refresh_settings(0, nCount));
+        file.write(nullptr, nullptr, "at once");
+        EXPECT_NE(std::string::npos, Content().find(" at once\n")) << nCount;
+        WriteEmptyTraceFile();
+    }
+}
+
+TEST_F(CmT120TraceFile, Write_CutsALineAtTheBufferAndCountsWhatWasStored) {
+    WriteEmptyTraceFile();
+    CCmT120TraceFile file(m_sPath.c_str(), 0, 0, 0);
+    file.attach();
+    file.write(nullptr, nullptr, std::string(5000, 'x').c_str());
+    const std::string sContent = Content();
+    EXPECT_EQ(Header(32 + 2047), sContent.substr(0, 32));
+    EXPECT_EQ(32u + 2047 + 73, sContent.size());
+    EXPECT_EQ("xxx\n", sContent.substr(32 + 2043, 4));
+    EXPECT_EQ(MARKER, sContent.substr(32 + 2047));
+}
+
+TEST_F(CmT120TraceFile, Write_StillFlushes_WhenACutLineFilledTheBuffer) {
+    WriteEmptyTraceFile();
+    CCmT120TraceFile file(m_sPath.c_str(), 0, 0, 0);
+    file.attach();
+    file.refresh_settings(0, 2);
+    file.write(nullptr, nullptr, std::string(9000, 'x').c_str());
+    file.write(nullptr, nullptr, "no room");
+    EXPECT_EQ(Header(32 + 4095), Content().substr(0, 32));
+}
+
+TEST_F(CmT120TraceFile, WriteShared_CutsNothing) {
+    for (size_t nLength : {1900u, 2000u, 2048u, 100000u}) {
+        WriteEmptyTraceFile();
+        CCmT120TraceFile file(m_sPath.c_str(), 0, 1, 0);
+        file.attach();
+        file.write(nullptr, nullptr, std::string(nLength, 'x').c_str());
+        EXPECT_NE(std::string::npos,
+                  Content().find(" " + std::string(nLength, 'x') + "\n" + MARKER));
+    }
+}
+
+TEST_F(CmT120TraceFile, WriteShared_IgnoresANullText) {
+    WriteEmptyTraceFile();
+    CCmT120TraceFile file(m_sPath.c_str(), 0, 1, 0);
+    file.attach();
+    file.write(nullptr, "net", nullptr);
+    EXPECT_EQ(Header(32), Content());
+}
+
+TEST_F(CmT120TraceFile, Write_OverwritesTheMarker) {
+    WriteEmptyTraceFile();
+    CCmT120TraceFile file(m_sPath.c_str(), 0, 0, 0);
+    file.attach();
+    file.write(nullptr, nullptr, "1");
+    file.write(nullptr, nullptr, "2");
+    const std::string sLines = Stamp() + " 1\n" + Stamp() + " 2\n";
+    EXPECT_EQ(Header(32 + static_cast<long>(sLines.size())) + sLines + MARKER, Content());
+}
+
+TEST_F(CmT120TraceFile, WriteShared_StartsAgainAt32_AtTheSizeLimit) {
+    WriteFile(m_sPath, Header(100) + std::string(68, 'o') + MARKER);
+    CCmT120TraceFile file(m_sPath.c_str(), 100, 1, 0);
+    file.attach();
+    file.write(nullptr, nullptr, "top");
+    const std::string sLine = Stamp() + " top\n";
+    const std::string sContent = Content();
+    EXPECT_EQ(Header(32 + static_cast<long>(sLine.size())) + sLine + MARKER,
+              sContent.substr(0, 32 + sLine.size() + 73));
+}
+
+// The line is short enough for the cut end to show.
+TEST_F(CmT120TraceFile, WriteShared_CutsTheFileAtThePosition_AtTheSizeLimit) {
+    WriteFile(m_sPath, Header(1000) + std::string(968, 'o') + MARKER);
+    CCmT120TraceFile file(m_sPath.c_str(), 1000, 1, 0);
+    file.attach();
+    file.write(nullptr, nullptr, "top");
+    EXPECT_EQ(1000u, Content().size());
+    EXPECT_EQ("ooo", Content().substr(997));
+}
+
+TEST_F(CmT120TraceFile, WriteShared_GoesOn_BelowTheSizeLimit) {
+    WriteFile(m_sPath, Header(99) + std::string(67, 'o'));
+    CCmT120TraceFile file(m_sPath.c_str(), 100, 1, 0);
+    file.attach();
+    file.write(nullptr, nullptr, "x");
+    const std::string sLine = Stamp() + " x\n";
+    EXPECT_EQ(Header(99 + static_cast<long>(sLine.size())), Content().substr(0, 32));
+}
+
+TEST_F(CmT120TraceFile, Flush_CutsTheFileButKeepsThePosition_AtTheSizeLimit) {
+    WriteFile(m_sPath, Header(100) + std::string(68, 'o') + std::string(1000, 'r'));
+    CCmT120TraceFile file(m_sPath.c_str(), 100, 0, 0);
+    file.attach();
+    file.write(nullptr, nullptr, "on");
+    const std::string sLine = Stamp() + " on\n";
+    EXPECT_EQ(Header(100 + static_cast<long>(sLine.size())) + std::string(68, 'o') + sLine + MARKER,
+              Content());
+}
+
+TEST_F(CmT120TraceFile, Write_DestroysNothing_WhenTheHeaderIsNoPosition) {
+    for (const char* pszHeader : {"-5", "9223372036854775807", "99999999999999999999"}) {
+        std::string sContent(pszHeader);
+        sContent.resize(31, ' ');
+        sContent += "\nold line\n";
+        WriteFile(m_sPath, sContent);
+        for (unsigned char bShared : {0, 1}) {
+            CCmT120TraceFile file(m_sPath.c_str(), 0, bShared, 0);
+            file.attach();
+            file.write(nullptr, nullptr, "lost");
+        }
+        EXPECT_EQ(sContent, Content()) << pszHeader;
+    }
+}
+
+TEST_F(CmT120TraceFile, Write_DestroysNothing_WhenTheHeaderCannotBeRead) {
+    WriteFile(m_sPath, Header(41) + "old line\n");
+    CCmT120TraceFile file(m_sPath.c_str(), 0, 1, 0);
+    file.attach();
+    {
+        FailingCall<&CCmSystemTable::pread> fault(EIO);
+        file.write(nullptr, nullptr, "lost");
+    }
+    EXPECT_EQ(Header(41) + "old line\n", Content());
+    file.write(nullptr, nullptr, "next");
+    EXPECT_NE(std::string::npos, Content().find("old line\n" + Stamp() + " next\n"));
+}
+
+TEST_F(CmT120TraceFile, Write_KeepsThePosition_WhenTheDiskIsFull) {
+    for (unsigned char bShared : {0, 1}) {
+        WriteFile(m_sPath, Header(41) + "old line\n");
+        CCmT120TraceFile file(m_sPath.c_str(), 0, bShared, 0);
+        file.attach();
+        {
+            FailingCall<&CCmSystemTable::pwrite> fault(ENOSPC, -1, 1, Failing::FROM_THERE_ON);
+            file.write(nullptr, nullptr, "lost");
+        }
+        EXPECT_EQ(Header(41) + "old line\n", Content());
+        file.write(nullptr, nullptr, "next");
+        EXPECT_NE(std::string::npos, Content().find("old line\n" + Stamp() + " next\n"));
+        EXPECT_EQ(std::string::npos, Content().find("lost"));
+    }
+}
+
+TEST_F(CmT120TraceFile, Write_TriesAgain_WhenACallIsInterrupted) {
+    WriteEmptyTraceFile();
+    CCmT120TraceFile file(m_sPath.c_str(), 0, 1, 0);
+    file.attach();
+    FailingCall<&CCmSystemTable::pread> readFault(EINTR);
+    FailingCall<&CCmSystemTable::pwrite> writeFault(EINTR);
+    file.write(nullptr, nullptr, "text");
+    EXPECT_NE(std::string::npos, Content().find(" text\n"));
+}
+
+TEST_F(CmT120TraceFile, Write_GoesOn_WhenTruncationFails) {
+    WriteFile(m_sPath, Header(100) + std::string(68, 'o'));
+    CCmT120TraceFile file(m_sPath.c_str(), 100, 1, 0);
+    file.attach();
+    FailingCall<&CCmSystemTable::ftruncate> fault(EIO);
+    file.write(nullptr, nullptr, "top");
+    EXPECT_EQ(Stamp() + " top\n", Content().substr(32, Stamp().size() + 5));
+}
+
+TEST_F(CmT120TraceFile, WriteShared_AsksForTheLockAgain_WhenInterruptedOrUnavailable) {
+    for (int nError : {EINTR, EAGAIN}) {
+        WriteEmptyTraceFile();
+        CCmT120TraceFile file(m_sPath.c_str(), 0, 1, 0);
+        file.attach();
+        FailingCall<&CCmSystemTable::fcntl> fault(nError);
+        file.write(nullptr, nullptr, "text");
+        // Twice for the lock, once to release it.
+        EXPECT_EQ(3u, fault.calls());
+        EXPECT_NE(std::string::npos, Content().find(" text\n"));
+    }
+}
+
+TEST_F(CmT120TraceFile, WriteShared_WritesUnlocked_WhenTheLockFails) {
+    WriteEmptyTraceFile();
+    CCmT120TraceFile file(m_sPath.c_str(), 0, 1, 0);
+    file.attach();
+    FailingCall<&CCmSystemTable::fcntl> fault(ENOLCK);
+    file.write(nullptr, nullptr, "text");
+    EXPECT_EQ(2u, fault.calls());
+    EXPECT_NE(std::string::npos, Content().find(" text\n"));
+}
+
+TEST_F(CmT120TraceFile, WriteShared_AsksForTheReleaseAgain_WhenInterrupted) {
+    WriteEmptyTraceFile();
+    CCmT120TraceFile file(m_sPath.c_str(), 0, 1, 0);
+    file.attach();
+    FailingCall<&CCmSystemTable::fcntl> fault(EINTR, -1, 2);
+    file.write(nullptr, nullptr, "text");
+    EXPECT_EQ(3u, fault.calls());
+}
+
+TEST_F(CmT120TraceFile, Write_KeepsErrno) {
+    CCmT120TraceFile file(m_sPath.c_str(), 0, 1, 0);
+    file.attach();
+    FailingCall<&CCmSystemTable::fcntl> fault(ENOLCK);
+    errno = ENOENT;
+    file.write(nullptr, nullptr, "text");
+    EXPECT_EQ(ENOENT, errno);
+}
+
+TEST_F(CmT120TraceFile, IsSameFile_ComparesNamesWithCase) {
+    CCmT120TraceFile file("name", 0, 0, 0);
+    EXPECT_EQ(1, file.is_same_file("name"));
+    EXPECT_EQ(0, file.is_same_file("Name"));
+    EXPECT_EQ(0, file.is_same_file(nullptr));
+    CCmT120TraceFile unnamed(nullptr, 0, 0, 0);
+    EXPECT_EQ(0, unnamed.is_same_file("name"));
+    EXPECT_EQ(0, unnamed.is_same_file(nullptr));
+}
+
+// ---- Filters
+
+TEST_F(CmT120TraceFile, Filter_MatchesAPatternOnALastLineWithoutLineEnd) {
+    SetFilters("^med.*[0-9]$");
+    EXPECT_EQ(0, regex_match("media7"));
+    EXPECT_EQ(-1, regex_match("media"));
+}
+
+TEST_F(CmT120TraceFile, Filter_KeepsTheLineEndInThePattern) {
+    SetFilters("net\n");
+    EXPECT_EQ(-1, regex_match("net"));
+    EXPECT_EQ(0, regex_match("a net\n"));
+}
+
+TEST_F(CmT120TraceFile, Filter_CountsEachLineTwice) {
+    SetFilters("a\nb\nc");
+    EXPECT_EQ(6, regex_cnt.load());
+    EXPECT_EQ(0, regex_match("c"));
+    EXPECT_EQ(-1, regex_match("d"));
+}
+
+TEST_F(CmT120TraceFile, Filter_ReadsUpTo100Lines) {
+    std::string sLines;
+    for (int i = 0; i < 120; ++i) {
+        sLines += "x" + std::to_string(i) + "x|y" + std::to_string(i) + "y\n";
+    }
+    SetFilters(sLines);
+    EXPECT_EQ(200, regex_cnt.load());
+    EXPECT_EQ(0, regex_match("x99x"));
+    EXPECT_EQ(-1, regex_match("x100x"));
+    EXPECT_EQ(-1, regex_match("none"));
+}
+
+TEST_F(CmT120TraceFile, Filter_IsNone_WhenALineDoesNotCompile) {
+    SetFilters("a\n(\nb");
+    EXPECT_EQ(0, regex_cnt.load());
+    EXPECT_EQ(-1, regex_match("a|"));
+    EXPECT_EQ(-1, regex_match("b"));
+}
+
+TEST_F(CmT120TraceFile, Filter_Stays_WhenTheFileIsMissingOrEmpty) {
+    SetFilters("net");
+    std::filesystem::remove(m_Home.path() + "conf/keltoexp.filter");
+    CCmT120TraceFileMgr::init_reg_filter();
+    EXPECT_EQ(0, regex_match("net"));
+    SetFilters("");
+    EXPECT_EQ(0, regex_match("net"));
+}
+
+TEST_F(CmT120TraceFile, Filter_IsReplaced) {
+    SetFilters("net");
+    SetFilters("media");
+    EXPECT_EQ(-1, regex_match("net"));
+    EXPECT_EQ(0, regex_match("media"));
+    EXPECT_EQ(2, regex_cnt.load());
+}
+
+TEST_F(CmT120TraceFile, Filter_ReadsALongLineAsSeveral) {
+    SetFilters(std::string(1023, 'a') + "b");
+    EXPECT_EQ(4, regex_cnt.load());
+    EXPECT_EQ(0, regex_match("b"));
+}
+
+TEST_F(CmT120TraceFile, Filter_MatchesNoNullModule) {
+    SetFilters(".*");
+    EXPECT_EQ(0, regex_match(""));
+    EXPECT_EQ(-1, regex_match(nullptr));
+}
+
+TEST_F(CmT120TraceFile, Filter_FindsItsFile_WhenTheHomeHasNoSlashAtItsEnd) {
+    WriteFilters("net");
+    g_def_kelto_home_dir[std::strlen(g_def_kelto_home_dir) - 1] = '\0';
+    CCmT120TraceFileMgr::init_reg_filter();
+    std::strcat(g_def_kelto_home_dir, "/");
+    EXPECT_EQ(0, regex_match("net"));
+}
+
+TEST_F(CmT120TraceFile, Write_LeavesOutAFilteredModule) {
+    SetFilters("net");
+    WriteEmptyTraceFile();
+    CCmT120TraceFile file(m_sPath.c_str(), 0, 0, 0);
+    file.attach();
+    file.write(nullptr, "net", "hidden");
+    EXPECT_EQ(Header(32), Content());
+    file.write(nullptr, "media", "shown");
+    EXPECT_NE(std::string::npos, Content().find(" media:shown\n"));
+    EXPECT_EQ(std::string::npos, Content().find("hidden"));
+}
+
+TEST_F(CmT120TraceFile, WriteShared_WritesOnlyTheMarker_ForAFilteredModule) {
+    SetFilters("net");
+    WriteEmptyTraceFile();
+    CCmT120TraceFile file(m_sPath.c_str(), 0, 1, 0);
+    file.attach();
+    file.write(nullptr, "net", "hidden");
+    EXPECT_EQ(Header(32) + MARKER, Content());
+}
+
+TEST_F(CmT120TraceFile, Write_IsNotFiltered_WithoutModule) {
+    SetFilters(".*");
+    WriteEmptyTraceFile();
+    CCmT120TraceFile file(m_sPath.c_str(), 0, 0, 0);
+    file.attach();
+    file.write("TAG", nullptr, "shown");
+    EXPECT_NE(std::string::npos, Content().find(" shown\n"));
+}
+
+// ---- Manager
+
+TEST_F(CmT120TraceFile, Manager_ReturnsTheSameRecordForAName) {
+    void* pFirst = T120_Open_Trace_Dev("a", 0, 0, 0);
+    ASSERT_NE(nullptr, pFirst);
+    EXPECT_EQ(pFirst, T120_Open_Trace_Dev("a", 99, 1, 0));
+    void* pOther = T120_Open_Trace_Dev("A", 0, 0, 0);
+    EXPECT_NE(pFirst, pOther);
+    T120_Close_Trace_Dev(pOther);
+    T120_Close_Trace_Dev(pFirst);
+}
+
+TEST_F(CmT120TraceFile, Manager_AlwaysCreatesARecordWithoutAName) {
+    void* pFirst = T120_Open_Trace_Dev(nullptr, 0, 0, 0);
+    void* pSecond = T120_Open_Trace_Dev(nullptr, 0, 0, 0);
+    EXPECT_NE(pFirst, pSecond);
+    T120_Close_Trace_Dev(pFirst);
+    T120_Close_Trace_Dev(pSecond);
+}
+
+TEST_F(CmT120TraceFile, Manager_ClosesARecordAnywhereInTheList) {
+    void* apRecords[3];
+    for (void*& pRecord : apRecords) {
+        pRecord = T120_Open_Trace_Dev(nullptr, 0, 0, 0);
+    }
+    T120_Close_Trace_Dev(apRecords[1]);
+    T120_Close_Trace_Dev(apRecords[2]);
+    T120_Close_Trace_Dev(apRecords[0]);
+    void* pAgain = T120_Open_Trace_Dev("a", 0, 0, 0);
+    EXPECT_EQ(pAgain, T120_Open_Trace_Dev("a", 0, 0, 0));
+    T120_Close_Trace_Dev(pAgain);
+}
+
+TEST_F(CmT120TraceFile, Manager_ClosesNothingElse) {
+    void* pRecord = T120_Open_Trace_Dev("a", 0, 0, 0);
+    CCmT120TraceFile foreign("a", 0, 0, 0);
+    T120_Close_Trace_Dev(&foreign);
+    T120_Close_Trace_Dev(nullptr);
+    EXPECT_EQ(1, foreign.is_same_file("a"));
+    EXPECT_EQ(pRecord, T120_Open_Trace_Dev("a", 0, 0, 0));
+    T120_Close_Trace_Dev(pRecord);
+}
+
+TEST_F(CmT120TraceFile, Manager_WritesToARecordAndIgnoresNull) {
+    WriteEmptyTraceFile();
+    void* pRecord = T120_Open_Trace_Dev(m_sPath.c_str(), 0, 0, 0);
+    static_cast<CCmT120TraceFile*>(pRecord)->attach();
+    T120_Write_Trace_Dev(pRecord, nullptr, "net", "one");
+    g_trace_mgr.write(pRecord, nullptr, "net", "two");
+    T120_Write_Trace_Dev(nullptr, nullptr, "net", "three");
+    g_trace_mgr.write(nullptr, nullptr, "net", "three");
+    EXPECT_NE(std::string::npos, Content().find(" net:one\n" + Stamp() + " net:two\n" + MARKER));
+    EXPECT_EQ(std::string::npos, Content().find("three"));
+    T120_Close_Trace_Dev(pRecord);
+}
+
+TEST_F(CmT120TraceFile, Manager_RefreshesEveryRecord) {
+    void* apRecords[2];
+    for (int i = 0; i < 2; ++i) {
+        const std::string sPath = m_sPath + std::to_string(i);
+        WriteFile(sPath, Header(32));
+        apRecords[i] = T120_Open_Trace_Dev(sPath.c_str(), 0, 0, 0);
+        static_cast<CCmT120TraceFile*>(apRecords[i])->attach();
+    }
+    T120_Refresh_Settings(0, 2);
+    for (int i = 0; i < 2; ++i) {
+        T120_Write_Trace_Dev(apRecords[i], nullptr, nullptr, "held");
+        EXPECT_EQ(Header(32), ReadFile(m_sPath + std::to_string(i)));
+        T120_Close_Trace_Dev(apRecords[i]);
+        EXPECT_NE(std::string::npos, ReadFile(m_sPath + std::to_string(i)).find(" held\n"));
+    }
+}
+
+TEST_F(CmT120TraceFile, Manager_ReturnsNull_WhenMemoryRunsOut) {
+    kelto_test::ScopedAllocationFault fault(1);
+    EXPECT_EQ(nullptr, T120_Open_Trace_Dev("a", 0, 0, 0));
+    EXPECT_TRUE(fault.hit());
+}
+
+TEST_F(CmT120TraceFile, Manager_WaitsAndFlushesAtItsEnd) {
+    WriteEmptyTraceFile();
+    const auto start = std::chrono::steady_clock::now();
+    {
+        CCmT120TraceFileMgr manager;
+        void* pRecord = manager.open(m_sPath.c_str(), 0, 0, 0);
+        static_cast<CCmT120TraceFile*>(pRecord)->attach();
+        manager.open("other", 0, 0, 0);
+        manager.refresh_settings(0, 10);
+        manager.write(pRecord, nullptr, nullptr, "last");
+    }
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(200));
+    EXPECT_NE(std::string::npos, Content().find(" last\n"));
+}
+
+// ---- Sharing
+
+constexpr int WRITERS = 8;
+
+// Writes lines "writer <aWriter> line <n>" of varying length, aLines of them.
+void WriteLines(CCmT120TraceFile& aFile, int aWriter, int aLines) {
+    for (int n = 0; n < aLines; ++n) {
+        const std::string sText = "writer " + std::to_string(aWriter) + " line " +
+                                  std::to_string(n) + " " + std::string(n % 50, '.') + "!";
+        aFile.write(nullptr, nullptr, sText.c_str());
+    }
+}
+
+// Every line whole, in the order of its writer, none twice; the marker behind the last.
+void ExpectAllLines(const std::string& aContent, int aLinesEach) {
+    const long lPosition = std::stol(aContent.substr(0, 31));
+    ASSERT_EQ(Header(lPosition), aContent.substr(0, 32));
+    ASSERT_EQ(MARKER, aContent.substr(static_cast<size_t>(lPosition)));
+    std::map<int, int> next;
+    size_t nStart = 32;
+    while (nStart < static_cast<size_t>(lPosition)) {
+        const size_t nEnd = aContent.find('\n', nStart);
+        const std::string sLine = aContent.substr(nStart, nEnd - nStart);
+        int nWriter = -1;
+        int nLine = -1;
+        const size_t nText = sLine.find("] writer ");
+        ASSERT_NE(std::string::npos, nText) << sLine;
+        ASSERT_EQ(2, sscanf(sLine.c_str() + nText, "] writer %d line %d", &nWriter, &nLine));
+        ASSERT_EQ(next[nWriter], nLine) << sLine;
+        ASSERT_EQ("line " + std::to_string(nLine) + " " + std::string(nLine % 50, '.') + "!",
+                  sLine.substr(sLine.find("line ")));
+        ++next[nWriter];
+        nStart = nEnd + 1;
+    }
+    ASSERT_EQ(static_cast<size_t>(WRITERS), next.size());
+    for (const auto& [nWriter, nCount] : next) {
+        EXPECT_EQ(aLinesEach, nCount) << nWriter;
+    }
+}
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr int LINES_EACH = 1000;
+#else
+constexpr int LINES_EACH = 10000;
+#endif
+
+TEST_F(CmT120TraceFile, Sharing_LosesAndTearsNoLineOfEightProcesses) {
+    WriteEmptyTraceFile();
+    pid_t apChildren[WRITERS];
+    for (int i = 0; i < WRITERS; ++i) {
+        apChildren[i] = fork();
+        if (apChildren[i] == 0) {
+            CCmT120TraceFile file(m_sPath.c_str(), 0, 1, 0);
+            file.attach();
+            WriteLines(file, i, LINES_EACH);
+            _exit(0);
+        }
+    }
+    for (pid_t child : apChildren) {
+        int nStatus = -1;
+        waitpid(child, &nStatus, 0);
+        EXPECT_EQ(0, nStatus);
+    }
+    ExpectAllLines(Content(), LINES_EACH);
+}
+
+TEST_F(CmT120TraceFile, Sharing_LosesAndTearsNoLineOfEightThreads_WithOneRecord) {
+    WriteEmptyTraceFile();
+    for (unsigned char bShared : {0, 1}) {
+        WriteEmptyTraceFile();
+        CCmT120TraceFile file(m_sPath.c_str(), 0, bShared, 0);
+        file.attach();
+        std::vector<std::thread> threads;
+        for (int i = 0; i < WRITERS; ++i) {
+            threads.emplace_back([&file, i] { WriteLines(file, i, 500); });
+        }
+        for (std::thread& thread : threads) {
+            thread.join();
+        }
+        ExpectAllLines(Content(), 500);
+    }
+}
+
+// Each thread has a record of its own and closes it while the others still write.
+TEST_F(CmT120TraceFile, Sharing_SurvivesRecordsThatClose) {
+    WriteEmptyTraceFile();
+    std::vector<std::thread> threads;
+    for (int i = 0; i < WRITERS; ++i) {
+        threads.emplace_back([this, i] {
+            for (int n = 0; n < 20; ++n) {
+                CCmT120TraceFile other(m_sPath.c_str(), 0, 1, 0);
+                other.attach();
+            }
+            CCmT120TraceFile file(m_sPath.c_str(), 0, 1, 0);
+            file.attach();
+            WriteLines(file, i, 200);
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    ExpectAllLines(Content(), 200);
+}
+
+}  // namespace
+}  // namespace UTIL_NS

@@ -1,0 +1,719 @@
+#include "CmT120Trace.h"
+
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cstring>
+#include <filesystem>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include "CmConfig.h"
+#include "CmT120TraceFile.h"
+#include "CmTrace.h"
+#include "CmTraceLine.h"
+#include "CmUtilClasses.h"
+#include "port/CmPort.h"
+#include "support/ChildProcess.h"
+#include "support/Faults.h"
+#include "support/Home.h"
+#include "support/TraceLibrary.h"
+#include "support/TraceSink.h"
+
+namespace UTIL_NS {
+namespace {
+
+using kelto_test::ScopedAllocationFault;
+using kelto_test::ScopedHome;
+using kelto_test::ScopedTraceLibrary;
+using kelto_test::ScopedTraceSink;
+using kelto_test::StatusOfChild;
+using kelto_test::TraceCall;
+using Texts = std::vector<std::string>;
+
+struct Level {
+    const char* name;
+    unsigned char byDefault;
+};
+
+constexpr Level LEVELS[28] = {
+    {"Error", 1},   {"Server", 1}, {"NA", 0},        {"NA", 0},    {"NA", 0},      {"NA", 0},
+    {"NA", 0},      {"NA", 0},     {"NA", 0},        {"NA", 0},    {"Warning", 1}, {"Meeting", 1},
+    {"Session", 1}, {"User", 1},   {"Statistic", 0}, {"NA", 0},    {"NA", 0},      {"NA", 0},
+    {"NA", 0},      {"NA", 0},     {"Info", 1},      {"State", 0}, {"PDU", 0},     {"Func", 0},
+    {"Tick", 0},    {"Detail", 0}, {"WDMS", 0},      {"Debug", 0},
+};
+
+// Facilities of its own, in a home of its own. The process of this executable is named "C", the
+// first character of its file.
+class CmT120Trace : public testing::Test {
+  protected:
+    CmT120Trace() {
+        for (unsigned long i = 0; i < CM_TRACE_LEVEL_COUNT; ++i) {
+            m_aTable[i].m_ulLevel = i;
+            m_aTable[i].m_pszName = LEVELS[i].name;
+            m_aTable[i].m_bEnabled.store(LEVELS[i].byDefault);
+            m_aTable[i].m_bDefault = LEVELS[i].byDefault;
+        }
+    }
+
+    std::unique_ptr<CCmT120Trace> Create(const char* aFileName = nullptr,
+                                         unsigned char aSingleFile = 0) {
+        return std::make_unique<CCmT120Trace>("test", m_aTable, aFileName, aSingleFile);
+    }
+    std::unique_ptr<CCmT120Trace> Load(const std::string& aTraceSection) {
+        m_Home.WriteConfig("[Trace]\n" + aTraceSection);
+        std::unique_ptr<CCmT120Trace> pTrace = Create();
+        EXPECT_EQ(1, pTrace->load(nullptr));
+        return pTrace;
+    }
+    // The levels whose switch is on.
+    std::vector<int> LevelsOn(CCmT120Trace& aTrace, const char* aModule = nullptr) {
+        std::vector<int> levels;
+        for (unsigned long i = 0; i < CM_TRACE_LEVEL_COUNT; ++i) {
+            if (aTrace.enable_trace_print(i, aModule) != 0) {
+                levels.push_back(static_cast<int>(i));
+            }
+        }
+        return levels;
+    }
+
+    ScopedHome m_Home;
+    ScopedTraceLibrary m_Library;
+    CCmT120TraceMapEntry m_aTable[CM_TRACE_LEVEL_COUNT];
+};
+
+TEST_F(CmT120Trace, Trace_ReachesTheLibraryForFourLevelsOnly) {
+    std::unique_ptr<CCmT120Trace> pTrace = Load(
+        "C.Statistic=TRUE\nC.State=TRUE\nC.PDU=TRUE\nC.Func=TRUE\nC.Tick=TRUE\n"
+        "C.Detail=TRUE\nC.WDMS=TRUE\nC.Debug=TRUE\nC.NA=TRUE\n");
+    EXPECT_EQ(28u, LevelsOn(*pTrace).size());
+    for (unsigned long i = 0; i < CM_TRACE_LEVEL_COUNT; ++i) {
+        pTrace->trace_string(i, ("level " + std::to_string(i)).c_str());
+    }
+    EXPECT_EQ((Texts{"level 0", "level 10", "level 20", "level 25"}), m_Library.texts());
+}
+
+TEST_F(CmT120Trace, Trace_DeliversAtLevel2WithModuleMac) {
+    std::unique_ptr<CCmT120Trace> pTrace = Load("");
+    pTrace->trace_string(0, "text");
+    pTrace->trace_string(10, "net", "text");
+    ASSERT_EQ(2u, m_Library.calls().size());
+    for (const TraceCall& call : m_Library.calls()) {
+        EXPECT_EQ(2u, call.level);
+        EXPECT_EQ("MAC", call.module);
+        EXPECT_EQ("text", call.text);
+        EXPECT_FALSE(call.prefixed);
+    }
+}
+
+TEST_F(CmT120Trace, Trace_TakesNoTextAsAFormat) {
+    std::unique_ptr<CCmT120Trace> pTrace = Load("");
+    pTrace->trace_string(0, "%s%n%d %%");
+    EXPECT_EQ(Texts{"%s%n%d %%"}, m_Library.texts());
+}
+
+TEST_F(CmT120Trace, Trace_DropsLevel1_WhichIsOnByDefault) {
+    std::unique_ptr<CCmT120Trace> pTrace = Load("");
+    EXPECT_EQ(1, pTrace->enable_trace_print(1, nullptr));
+    pTrace->trace_string(1, "text");
+    EXPECT_TRUE(m_Library.calls().empty());
+}
+
+TEST_F(CmT120Trace, Trace_DropsALevelThatDoesNotExist) {
+    std::unique_ptr<CCmT120Trace> pTrace = Load("");
+    for (unsigned long ulLevel : {28ul, 29ul, 1000000ul, ~0ul}) {
+        pTrace->trace_string(ulLevel, "text");
+        EXPECT_EQ(0, pTrace->enable_trace_print(ulLevel, nullptr));
+        EXPECT_EQ(0, pTrace->enable_trace_print(ulLevel, "net"));
+    }
+    EXPECT_TRUE(m_Library.calls().empty());
+}
+
+TEST_F(CmT120Trace, Trace_DropsEverything_BeforeLoad) {
+    std::unique_ptr<CCmT120Trace> pTrace = Create();
+    pTrace->trace_string(0, "text");
+    EXPECT_TRUE(m_Library.calls().empty());
+}
+
+TEST_F(CmT120Trace, Trace_DropsEverything_WhenTheRecordCannotBeOpened) {
+    std::unique_ptr<CCmT120Trace> pTrace = Create();
+    {
+        ScopedAllocationFault fault(1);
+        EXPECT_EQ(1, pTrace->load(nullptr));
+        EXPECT_TRUE(fault.hit());
+    }
+    pTrace->trace_string(0, "lost");
+    pTrace->load(nullptr);
+    pTrace->trace_string(0, "text");
+    EXPECT_EQ(Texts{"text"}, m_Library.texts());
+}
+
+TEST_F(CmT120Trace, Trace_DropsALevelThatIsOff) {
+    std::unique_ptr<CCmT120Trace> pTrace = Load("C.Info=FALSE\n");
+    pTrace->trace_string(20, "off");
+    pTrace->trace_string(10, "on");
+    EXPECT_EQ(Texts{"on"}, m_Library.texts());
+}
+
+TEST_F(CmT120Trace, Trace_AllocatesNothing_WhenTheLineIsFilteredOut) {
+    std::unique_ptr<CCmT120Trace> pTrace = Load("");
+    const unsigned long ulBefore = kelto_test::AllocationsOfThisThread();
+    pTrace->trace_string(25, "net", "off");
+    EXPECT_EQ(ulBefore, kelto_test::AllocationsOfThisThread());
+    EXPECT_EQ(0u, m_Library.thresholdReads());
+}
+
+TEST_F(CmT120Trace, Trace_KeepsErrno) {
+    std::unique_ptr<CCmT120Trace> pTrace = Load("");
+    m_Library.SetErrno(EIO);
+    errno = ENOENT;
+    pTrace->trace_string(0, "text");
+    EXPECT_EQ(ENOENT, errno);
+    EXPECT_EQ(1u, m_Library.calls().size());
+}
+
+TEST_F(CmT120Trace, Hooks_DoNothing) {
+    std::unique_ptr<CCmT120Trace> pTrace = Load("");
+    pTrace->log_string("text");
+    pTrace->Assert_Log("file", "expression", 1);
+    EXPECT_TRUE(m_Library.calls().empty());
+}
+
+// ---- Configuration
+
+TEST_F(CmT120Trace, Config_HasTheDefaultsOfTheTable_WithoutAFile) {
+    std::unique_ptr<CCmT120Trace> pTrace = Create();
+    pTrace->load(nullptr);
+    EXPECT_EQ((std::vector<int>{0, 1, 10, 11, 12, 13, 20}), LevelsOn(*pTrace));
+}
+
+TEST_F(CmT120Trace, Config_SwitchesEveryLevelByName) {
+    for (const Level& level : LEVELS) {
+        const bool bOn = level.byDefault == 0;
+        std::unique_ptr<CCmT120Trace> pTrace =
+            Load(std::string("C.") + level.name + (bOn ? "=TRUE\n" : "=FALSE\n"));
+        for (unsigned long i = 0; i < CM_TRACE_LEVEL_COUNT; ++i) {
+            const bool bThis = std::strcmp(level.name, LEVELS[i].name) == 0;
+            EXPECT_EQ(bThis ? bOn : LEVELS[i].byDefault != 0,
+                      pTrace->enable_trace_print(i, nullptr) != 0)
+                << level.name << " " << i;
+        }
+    }
+}
+
+TEST_F(CmT120Trace, Config_EnableFalse_SilencesEveryLevel) {
+    for (const char* pszValue : {"FALSE", "false", "0", "1", "yes", "on", "TRUE!"}) {
+        std::unique_ptr<CCmT120Trace> pTrace = Load(std::string("Enable=") + pszValue + "\n");
+        EXPECT_TRUE(LevelsOn(*pTrace).empty()) << pszValue;
+        pTrace->trace_string(0, "text");
+        EXPECT_TRUE(m_Library.calls().empty()) << pszValue;
+    }
+}
+
+TEST_F(CmT120Trace, Config_EnableTrue_InAnyCase) {
+    for (const char* pszValue : {"TRUE", "true", "True"}) {
+        std::unique_ptr<CCmT120Trace> pTrace = Load(std::string("Enable=") + pszValue + "\n");
+        EXPECT_EQ(1, pTrace->enable_trace_print(0, nullptr)) << pszValue;
+    }
+}
+
+TEST_F(CmT120Trace, Config_IsReadAgainOnRefresh) {
+    std::unique_ptr<CCmT120Trace> pTrace = Load("C.Info=FALSE\n");
+    m_Home.WriteConfig("[Trace]\nC.Debug=TRUE\n");
+    EXPECT_EQ(0, pTrace->enable_trace_print(20, nullptr));
+    pTrace->refersh_trace_config();
+    EXPECT_EQ(1, pTrace->enable_trace_print(20, nullptr));
+    EXPECT_EQ(1, pTrace->enable_trace_print(27, nullptr));
+}
+
+TEST_F(CmT120Trace, Config_TurnsLevelsOffPerModule) {
+    std::unique_ptr<CCmT120Trace> pTrace = Load(
+        "Enable=TRUE\nC.Debug=TRUE\nC.Detail=TRUE\nC.Statistic=TRUE\nC.State=TRUE\n"
+        "C.Func=TRUE\nC.PDU=TRUE\nC.Module=net,ui\nC.net.Info=FALSE\nC.ui.Debug=TRUE\n");
+    // 14, 21, 23, 25 and 27 are off for a listed module unless it says TRUE; 22 has no switch.
+    EXPECT_EQ((std::vector<int>{0, 1, 10, 11, 12, 13, 22}), LevelsOn(*pTrace, "net"));
+    EXPECT_EQ((std::vector<int>{0, 1, 10, 11, 12, 13, 20, 22, 27}), LevelsOn(*pTrace, "ui"));
+    EXPECT_EQ((std::vector<int>{0, 1, 10, 11, 12, 13, 14, 20, 21, 22, 23, 25, 27}),
+              LevelsOn(*pTrace, "other"));
+}
+
+TEST_F(CmT120Trace, Config_TurnsDefaultOnLevelsOffPerModule) {
+    std::unique_ptr<CCmT120Trace> pTrace = Load(
+        "C.Module=net\nC.net.Error=FALSE\nC.net.Warning=FALSE\nC.net.Info=FALSE\n"
+        "C.net.Server=FALSE\n");
+    EXPECT_EQ((std::vector<int>{1, 11, 12, 13}), LevelsOn(*pTrace, "net"));
+}
+
+TEST_F(CmT120Trace, Config_ModuleDoesNotAffectTracing) {
+    std::unique_ptr<CCmT120Trace> pTrace = Load("C.Module=net\nC.net.Error=FALSE\n");
+    pTrace->trace_string(0, "net", "text");
+    EXPECT_EQ(Texts{"text"}, m_Library.texts());
+}
+
+TEST_F(CmT120Trace, Config_ForgetsModules_OnRefresh) {
+    std::unique_ptr<CCmT120Trace> pTrace = Load("C.Module=net\nC.net.Error=FALSE\n");
+    EXPECT_EQ(0, pTrace->enable_trace_print(0, "net"));
+    m_Home.WriteConfig("[Trace]\n");
+    pTrace->read_config();
+    EXPECT_EQ(1, pTrace->enable_trace_print(0, "net"));
+}
+
+TEST_F(CmT120Trace, Config_ReadsTheEmptyModuleName) {
+    std::unique_ptr<CCmT120Trace> pTrace =
+        Load("C.Module=a,,b\nC.a.Info=FALSE\nC..Info=FALSE\nC.b.Info=FALSE\n");
+    for (const char* pszModule : {"a", "", "b"}) {
+        EXPECT_EQ(0, pTrace->enable_trace_print(20, pszModule)) << pszModule;
+    }
+    EXPECT_EQ(1, pTrace->enable_trace_print(20, "c"));
+}
+
+TEST_F(CmT120Trace, Config_ReadsTheEmptyNameBehindALastComma) {
+    std::unique_ptr<CCmT120Trace> pTrace = Load("C.Module=a,\nC..Info=FALSE\n");
+    EXPECT_EQ(0, pTrace->enable_trace_print(20, ""));
+}
+
+TEST_F(CmT120Trace, Config_TrimsNoModuleName) {
+    std::unique_ptr<CCmT120Trace> pTrace = Load("C.Module=a, b\nC. b.Info=FALSE\nC.b.Info=FALSE\n");
+    EXPECT_EQ(0, pTrace->enable_trace_print(20, " b"));
+    EXPECT_EQ(1, pTrace->enable_trace_print(20, "b"));
+}
+
+TEST_F(CmT120Trace, Config_HonoursAModuleNameOf32Characters) {
+    const std::string sName(32, 'm');
+    std::unique_ptr<CCmT120Trace> pTrace =
+        Load("C.Module=" + sName + ",z\nC." + sName + ".Info=FALSE\nC.z.Info=FALSE\n");
+    EXPECT_EQ(0, pTrace->enable_trace_print(20, sName.c_str()));
+    EXPECT_EQ(0, pTrace->enable_trace_print(20, "z"));
+}
+
+TEST_F(CmT120Trace, Config_EndsAtAModuleNameOf33Characters) {
+    const std::string sName(33, 'm');
+    std::unique_ptr<CCmT120Trace> pTrace = Load("C.Module=a," + sName + ",z\nC.a.Info=FALSE\nC." +
+                                                sName + ".Info=FALSE\nC.z.Info=FALSE\n");
+    EXPECT_EQ(0, pTrace->enable_trace_print(20, "a"));
+    EXPECT_EQ(1, pTrace->enable_trace_print(20, sName.c_str()));
+    EXPECT_EQ(1, pTrace->enable_trace_print(20, "z"));
+}
+
+TEST_F(CmT120Trace, Config_ReadsAModuleListOf1024Characters) {
+    std::string sList;
+    for (int i = 0; i < 512; ++i) {
+        sList += i == 511 ? ",z" : ",y";
+    }
+    std::unique_ptr<CCmT120Trace> pTrace =
+        Load("C.Module=x" + sList.substr(1) + "\nC.z.Info=FALSE\n");
+    EXPECT_EQ(0, pTrace->enable_trace_print(20, "z"));
+}
+
+TEST_F(CmT120Trace, Config_LeavesALevelOn_WhenMemoryRunsOut) {
+    std::unique_ptr<CCmT120Trace> pTrace = Load("");
+    m_Home.WriteConfig("[Trace]\nC.Module=net\nC.net.Info=FALSE\n");
+    {
+        ScopedAllocationFault fault(1, kelto_test::Failing::FROM_THERE_ON);
+        pTrace->read_config();
+        EXPECT_TRUE(fault.hit());
+    }
+    EXPECT_EQ(1, pTrace->enable_trace_print(20, "net"));
+    pTrace->read_config();
+    EXPECT_EQ(0, pTrace->enable_trace_print(20, "net"));
+}
+
+// ---- Trace file
+
+// The record that the facility opened, by its path.
+CCmT120TraceFile* RecordOf(const std::string& aPath) {
+    return static_cast<CCmT120TraceFile*>(T120_Open_Trace_Dev(aPath.c_str(), 0, 0, 0));
+}
+
+std::string ReadFile(const std::string& aPath) {
+    FILE* pFile = std::fopen(aPath.c_str(), "rb");
+    if (pFile == nullptr) {
+        return "no file";
+    }
+    char achContent[70000];
+    const size_t nLength = std::fread(achContent, 1, sizeof(achContent), pFile);
+    std::fclose(pFile);
+    return std::string(achContent, nLength);
+}
+
+std::string Header(long aPosition) {
+    std::string sHeader = std::to_string(aPosition);
+    sHeader.resize(31, ' ');
+    return sHeader + "\n";
+}
+
+// Whether a shared-path write at aPosition starts at the top again, which it does at the limit.
+bool IsAtLimit(CCmT120TraceFile& aRecord, const std::string& aPath, long aPosition) {
+    kelto_test::WriteFile(aPath, Header(aPosition));
+    aRecord.write_shared(nullptr, nullptr, "text");
+    return std::stol(ReadFile(aPath).substr(0, 31)) < aPosition;
+}
+
+struct SizeCase {
+    const char* value;
+    long limit;
+};
+
+TEST_F(CmT120Trace, File_TakesItsSizeLimitFromTheConfiguration) {
+    const SizeCase CASES[] = {
+        {"C=1024\n", 20971520},  // too small
+        {"C=1025\n", 1025},      // the smallest
+        {"C=65536\n", 65536},    // the usual
+        {"C=-1\n", 20971520},    // negative
+        {"C=abc\n", 20971520},   // no number
+        {"", 20971520},          // missing
+    };
+    const std::string sPath = m_Home.path() + "/logs/C_Trace.txt";
+    for (const SizeCase& size : CASES) {
+        std::unique_ptr<CCmT120Trace> pTrace = Load(size.value);
+        CCmT120TraceFile* pRecord = RecordOf(sPath);
+        ASSERT_EQ(CM_OK, pRecord->attach());
+        EXPECT_FALSE(IsAtLimit(*pRecord, sPath, size.limit - 1)) << size.value;
+        EXPECT_TRUE(IsAtLimit(*pRecord, sPath, size.limit)) << size.value;
+        T120_Close_Trace_Dev(pRecord);
+    }
+}
+
+TEST_F(CmT120Trace, File_IsLimitedByTheProcessName_EvenWithAFileNameOfItsOwn) {
+    m_Home.WriteConfig("[Trace]\nown.txt=2000\nC=3000\n");
+    std::unique_ptr<CCmT120Trace> pTrace = Create("own.txt", 1);
+    pTrace->load(nullptr);
+    const std::string sPath = m_Home.path() + "/logs/own.txt";
+    CCmT120TraceFile* pRecord = RecordOf(sPath);
+    ASSERT_EQ(CM_OK, pRecord->attach());
+    EXPECT_FALSE(IsAtLimit(*pRecord, sPath, 2999));
+    EXPECT_TRUE(IsAtLimit(*pRecord, sPath, 3000));
+    T120_Close_Trace_Dev(pRecord);
+}
+
+struct FlushCase {
+    const char* value;
+    int lines;
+};
+
+TEST_F(CmT120Trace, File_TakesItsFlushCountFromTheConfiguration) {
+    const FlushCase CASES[] = {
+        {"FlushPerLines=3\n", 3},
+        {"FlushPerLines=0\n", 1},
+        {"FlushPerLines=-5\n", 1},
+        {"FlushPerLines=x\n", 1},
+        {"", 1},
+    };
+    const std::string sPath = m_Home.path() + "/logs/C_Trace.txt";
+    for (const FlushCase& flush : CASES) {
+        std::unique_ptr<CCmT120Trace> pTrace = Load(flush.value);
+        CCmT120TraceFile* pRecord = RecordOf(sPath);
+        kelto_test::WriteFile(sPath, Header(32));
+        ASSERT_EQ(CM_OK, pRecord->attach());
+        for (int i = 1; i < flush.lines; ++i) {
+            pRecord->write(nullptr, nullptr, "held");
+            EXPECT_EQ(Header(32), ReadFile(sPath)) << flush.value;
+        }
+        pRecord->write(nullptr, nullptr, "last");
+        EXPECT_NE(Header(32), ReadFile(sPath)) << flush.value;
+        T120_Close_Trace_Dev(pRecord);
+    }
+}
+
+TEST_F(CmT120Trace, File_TakesAnEnormousFlushCount) {
+    std::unique_ptr<CCmT120Trace> pTrace = Load("FlushPerLines=2147483647\n");
+    pTrace->trace_string(0, "text");
+    EXPECT_EQ(Texts{"text"}, m_Library.texts());
+    T120_Refresh_Settings(0, 1);
+}
+
+TEST_F(CmT120Trace, File_IsNamedAfterTheProcessOrAsGiven) {
+    const std::string sLogs = m_Home.path() + "/logs/";
+    const std::string sPid = std::to_string(getpid());
+    struct {
+        const char* fileName;
+        unsigned char single;
+        std::string path;
+    } const CASES[] = {
+        {nullptr, 0, sLogs + "C_Trace.txt"},
+        {nullptr, 1, sLogs + "C_Trace.txt"},
+        {"own.txt", 1, sLogs + "own.txt"},
+        {"own.txt", 0, sLogs + "own.txt." + sPid},
+    };
+    for (const auto& file : CASES) {
+        std::unique_ptr<CCmT120Trace> pTrace = Create(file.fileName, file.single);
+        pTrace->load(nullptr);
+        CCmT120TraceFile* pRecord = RecordOf(file.path);
+        // A record that had not been there would be the newest, and not shared.
+        EXPECT_EQ(1, pRecord->is_same_file(file.path.c_str()));
+        ASSERT_EQ(CM_OK, pRecord->attach());
+        kelto_test::WriteFile(file.path, Header(32));
+        pRecord->refresh_settings(0, 2);
+        pRecord->write(nullptr, nullptr, "text");
+        EXPECT_EQ(file.single == 1, ReadFile(file.path) != Header(32)) << file.path;
+        T120_Close_Trace_Dev(pRecord);
+    }
+}
+
+TEST_F(CmT120Trace, Load_CreatesTheTraceDirectory) {
+    umask(022);
+    std::unique_ptr<CCmT120Trace> pTrace = Create();
+    EXPECT_FALSE(std::filesystem::exists(m_Home.path() + "logs"));
+    EXPECT_EQ(1, pTrace->load(nullptr));
+    struct stat status = {};
+    ASSERT_EQ(0, stat((m_Home.path() + "logs").c_str(), &status));
+    EXPECT_EQ(0755u, status.st_mode & 0777u);
+    EXPECT_EQ(1, Create()->load(nullptr));
+}
+
+TEST_F(CmT120Trace, Load_DoesNothing_WhenLoadedAlready) {
+    std::unique_ptr<CCmT120Trace> pTrace = Load("");
+    m_Home.WriteConfig("[Trace]\nEnable=FALSE\n");
+    EXPECT_EQ(1, pTrace->load(nullptr));
+    EXPECT_EQ(1, pTrace->enable_trace_print(0, nullptr));
+}
+
+TEST_F(CmT120Trace, Load_OfItsOwnRecord_OpensItAgainAndReadsTheConfiguration) {
+    std::unique_ptr<CCmT120Trace> pTrace = Load("");
+    CCmT120TraceFile* pRecord = RecordOf(m_Home.path() + "/logs/C_Trace.txt");
+    ASSERT_EQ(CM_OK, pRecord->attach());
+    m_Home.WriteConfig("[Trace]\nC.Info=FALSE\n");
+    EXPECT_EQ(1, pTrace->load(pRecord));
+    EXPECT_EQ(0, pTrace->enable_trace_print(20, nullptr));
+    pTrace->trace_string(0, "text");
+    EXPECT_EQ(Texts{"text"}, m_Library.texts());
+    // The new record has no file attached.
+    pRecord = RecordOf(m_Home.path() + "/logs/C_Trace.txt");
+    EXPECT_EQ(CM_OK, pRecord->attach());
+    T120_Close_Trace_Dev(pRecord);
+}
+
+TEST_F(CmT120Trace, Load_OfAnotherRecord_ClosesItOnly) {
+    std::unique_ptr<CCmT120Trace> pTrace = Load("");
+    const std::string sOther = m_Home.path() + "other";
+    CCmT120TraceFile* pOther = RecordOf(sOther);
+    ASSERT_EQ(CM_OK, pOther->attach());
+    EXPECT_EQ(1, pTrace->load(pOther));
+    CCmT120TraceFile* pAgain = RecordOf(sOther);
+    EXPECT_EQ(CM_OK, pAgain->attach());
+    T120_Close_Trace_Dev(pAgain);
+    pTrace->trace_string(0, "text");
+    EXPECT_EQ(Texts{"text"}, m_Library.texts());
+}
+
+TEST_F(CmT120Trace, TraceDir_KeepsTheDoubledSlash) {
+    EXPECT_EQ(m_Home.path() + "/logs", CCmT120Trace::get_trace_dir());
+    EXPECT_EQ("//logs", std::string(CCmT120Trace::get_trace_dir()).substr(12));
+}
+
+TEST_F(CmT120Trace, ProcessName_IsTheFirstCharacterOfTheExecutable) {
+    EXPECT_STREQ("C", CCmT120Trace::get_process_name());
+}
+
+// ---- Bundle
+
+// Puts an empty bundle where the facility looks for it.
+class ScopedBundle {
+  public:
+    ScopedBundle() {
+        char achPath[1024];
+        EXPECT_TRUE(CmPortModulePath(achPath, sizeof(achPath)));
+        m_Path = achPath;
+        const bool bFramework = CmPortItemInformation(achPath) == CmPortItem::WITHOUT_EXTENSION;
+        for (int i = 0; i < (bFramework ? 4 : 1); ++i) {
+            m_Path = m_Path.parent_path();
+        }
+        m_Path /= "yrktrace.bundle";
+        m_bCreated = std::filesystem::create_directory(m_Path);
+    }
+    ~ScopedBundle() { std::filesystem::remove(m_Path); }
+    bool created() const { return m_bCreated; }
+
+  private:
+    std::filesystem::path m_Path;
+    bool m_bCreated = false;
+};
+
+TEST_F(CmT120Trace, Close_TakesTheLevelFunctionsAway_WithABundle) {
+    ScopedBundle bundle;
+    ASSERT_TRUE(bundle.created());
+    std::unique_ptr<CCmT120Trace> pTrace = Load("C.Detail=TRUE\n");
+    pTrace->trace_string(0, "before");
+    pTrace->Close();
+    for (unsigned long ulLevel : {0ul, 10ul, 20ul, 25ul}) {
+        pTrace->trace_string(ulLevel, "after");
+    }
+    pTrace->Close();
+    EXPECT_EQ(Texts{"before"}, m_Library.texts());
+}
+
+TEST_F(CmT120Trace, Close_ChangesNothing_WithoutABundle) {
+    std::unique_ptr<CCmT120Trace> pTrace = Load("");
+    pTrace->Close();
+    pTrace->trace_string(0, "text");
+    EXPECT_EQ(Texts{"text"}, m_Library.texts());
+}
+
+// ---- The facility of the process, in a process of its own each
+
+TEST(CmT120TraceInstance, Instance_IsOneAndDeliversALineWithoutSink) {
+    EXPECT_EQ(0, StatusOfChild([] {
+                  ScopedHome home;
+                  ScopedTraceLibrary library;
+                  util_adapter_trace(10, "UTIL WARNING: text", 18);
+                  util_adapter_trace_ex(0, "net", "UTIL ERROR: text", 16);
+                  EXPECT_EQ((Texts{"UTIL WARNING: text", "UTIL ERROR: text"}), library.texts());
+                  EXPECT_EQ(CCmT120Trace::instance(), CCmT120Trace::instance());
+              }));
+}
+
+TEST(CmT120TraceInstance, Instance_SeesNothing_WhileASinkIsInstalled) {
+    EXPECT_EQ(0, StatusOfChild([] {
+                  ScopedHome home;
+                  ScopedTraceLibrary library;
+                  {
+                      ScopedTraceSink sink;
+                      util_adapter_trace(10, "to the sink", 11);
+                      EXPECT_EQ(1u, sink.lines().size());
+                  }
+                  util_adapter_trace(10, "to the facility", 15);
+                  EXPECT_EQ(Texts{"to the facility"}, library.texts());
+              }));
+}
+
+TEST(CmT120TraceInstance, Instance_IsLoadedOnce_WhenManyThreadsComeFirst) {
+    EXPECT_EQ(0, StatusOfChild([] {
+                  ScopedHome home;
+                  ScopedTraceLibrary library;
+                  std::vector<std::thread> threads;
+                  std::vector<CCmT120Trace*> seen(8);
+                  for (size_t i = 0; i < seen.size(); ++i) {
+                      threads.emplace_back([&seen, i] {
+                          util_adapter_trace(0, "line", 4);
+                          seen[i] = CCmT120Trace::instance();
+                      });
+                  }
+                  for (std::thread& thread : threads) {
+                      thread.join();
+                  }
+                  EXPECT_EQ(std::vector<CCmT120Trace*>(8, seen[0]), seen);
+                  // None was dropped for coming while another thread was loading.
+                  EXPECT_EQ(Texts(8, "line"), library.texts());
+              }));
+}
+
+TEST(CmT120TraceInstance, Instance_NeedsNoMemory) {
+    EXPECT_EQ(0, StatusOfChild([] {
+                  ScopedHome home;
+                  ScopedTraceLibrary library;
+                  {
+                      ScopedAllocationFault fault(1, kelto_test::Failing::FROM_THERE_ON);
+                      util_adapter_trace(0, "lost", 4);
+                      EXPECT_NE(nullptr, CCmT120Trace::instance());
+                      EXPECT_TRUE(fault.hit());
+                  }
+                  EXPECT_TRUE(library.calls().empty());
+              }));
+}
+
+TEST(CmT120TraceInstance, Instance_IsRefreshed) {
+    EXPECT_EQ(0, StatusOfChild([] {
+                  ScopedHome home;
+                  EXPECT_EQ(1, CCmT120Trace::instance()->enable_trace_print(20, nullptr));
+                  home.WriteConfig("[Trace]\nC.Info=FALSE\n");
+                  refresh_trace_config();
+                  EXPECT_EQ(0, CCmT120Trace::instance()->enable_trace_print(20, nullptr));
+              }));
+}
+
+TEST(CmT120TraceInstance, Instance_TracesAfterCleanupAll) {
+    EXPECT_EQ(0, StatusOfChild([] {
+                  ScopedHome home;
+                  ScopedTraceLibrary library;
+                  util_adapter_trace(0, "before", 6);
+                  CCmCleanUpBase::CleanupAll();
+                  util_adapter_trace(0, "after", 5);
+                  EXPECT_EQ((Texts{"before", "after"}), library.texts());
+              }));
+}
+
+// Traces first when every static object of the program is gone already.
+struct TracesLast {
+    ~TracesLast() {
+        if (armed) {
+            util_adapter_trace(0, "last", 4);
+            refresh_trace_config();
+            util_adapter_trace(0, "last", 4);
+            _exit(library->texts() == Texts{"last", "last"} ? 7 : 1);
+        }
+    }
+    bool armed = false;
+    ScopedTraceLibrary* library = nullptr;
+};
+
+TEST(CmT120TraceInstance, Instance_TracesWhileTheProgramEnds) {
+    EXPECT_EXIT(
+        {
+            static TracesLast s_last;
+            new ScopedHome;
+            s_last.library = new ScopedTraceLibrary;
+            s_last.armed = true;
+            exit(0);
+        },
+        testing::ExitedWithCode(7), "");
+}
+
+TEST(CmT120TraceInstance, IsWanted_UntilTheFacilityExists) {
+    EXPECT_EQ(0, StatusOfChild([] {
+                  ScopedHome home;
+                  EXPECT_TRUE(CmTraceIsWanted(25));
+                  CCmT120Trace::instance();
+                  EXPECT_FALSE(CmTraceIsWanted(25));
+                  EXPECT_TRUE(CmTraceIsWanted(0));
+                  EXPECT_TRUE(CmTraceIsWanted(10));
+                  EXPECT_TRUE(CmTraceIsWanted(20));
+                  EXPECT_FALSE(CmTraceIsWanted(1));
+                  EXPECT_FALSE(CmTraceIsWanted(28));
+                  ScopedTraceSink sink;
+                  EXPECT_TRUE(CmTraceIsWanted(25));
+              }));
+}
+
+TEST(CmT120TraceInstance, IsWanted_FollowsTheConfiguration) {
+    EXPECT_EQ(0, StatusOfChild([] {
+                  ScopedHome home;
+                  home.WriteConfig("[Trace]\nC.Info=FALSE\n");
+                  CCmT120Trace::instance();
+                  EXPECT_FALSE(CmTraceIsWanted(20));
+                  home.WriteConfig("[Trace]\nEnable=FALSE\n");
+                  refresh_trace_config();
+                  EXPECT_FALSE(CmTraceIsWanted(0));
+              }));
+}
+
+TEST(CmT120TraceInstance, Switches_ChangeWhileThreadsTrace) {
+    EXPECT_EQ(0, StatusOfChild([] {
+                  ScopedHome home;
+                  ScopedTraceLibrary library;
+                  home.WriteConfig("[Trace]\nC.Module=net\nC.net.Error=FALSE\n");
+                  std::atomic<bool> bStop{false};
+                  std::vector<std::thread> threads;
+                  for (int i = 0; i < 2; ++i) {
+                      threads.emplace_back([&bStop] {
+                          while (!bStop) {
+                              CM_ERROR_TRACE("line " << 1);
+                              CCmT120Trace::instance()->enable_trace_print(0, "net");
+                          }
+                      });
+                  }
+                  for (int i = 0; i < 50; ++i) {
+                      refresh_trace_config();
+                  }
+                  bStop = true;
+                  for (std::thread& thread : threads) {
+                      thread.join();
+                  }
+                  EXPECT_EQ(0, CCmT120Trace::instance()->enable_trace_print(0, "net"));
+              }));
+}
+
+}  // namespace
+}  // namespace UTIL_NS
