@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <memory>
@@ -15,7 +16,6 @@
 #include "CmTrace.h"
 #include "CmTraceLine.h"
 #include "CmUtilClasses.h"
-#include "port/CmPort.h"
 #include "support/ChildProcess.h"
 #include "support/Faults.h"
 #include "support/Home.h"
@@ -510,31 +510,31 @@ TEST_F(CmT120Trace, ProcessName_IsTheFirstCharacterOfTheExecutable) {
 
 // ---- Bundle
 
-// Puts an empty bundle where the facility looks for it.
-class ScopedBundle {
-  public:
-    ScopedBundle() {
-        char achPath[1024];
-        EXPECT_TRUE(CmPortModulePath(achPath, sizeof(achPath)));
-        m_Path = achPath;
-        const bool bFramework = CmPortItemInformation(achPath) == CmPortItem::WITHOUT_EXTENSION;
-        for (int i = 0; i < (bFramework ? 4 : 1); ++i) {
-            m_Path = m_Path.parent_path();
-        }
-        m_Path /= "yrktrace.bundle";
-        m_bCreated = std::filesystem::create_directory(m_Path);
+// Runs the calling test in a copy of this executable, which has no extension, four directories
+// below one with the bundle. True in the copy; elsewhere the copy's result is checked.
+bool RunsBesideABundle(const ScopedHome& aHome) {
+    constexpr char IN_COPY[] = "KELTO_TEST_BESIDE_A_BUNDLE";
+    if (getenv(IN_COPY) != nullptr) {
+        return true;
     }
-    ~ScopedBundle() { std::filesystem::remove(m_Path); }
-    bool created() const { return m_bCreated; }
-
-  private:
-    std::filesystem::path m_Path;
-    bool m_bCreated = false;
-};
+    const std::string sCopy = aHome.path() + "a/b/c/d/CmT120Trace_test";
+    std::filesystem::create_directories(aHome.path() + "a/b/c/d");
+    std::filesystem::create_directory(aHome.path() + "a/yrktrace.bundle");
+    std::filesystem::copy_file("/proc/self/exe", sCopy);
+    const std::string sFilter = std::string("--gtest_filter=CmT120Trace.") +
+                                testing::UnitTest::GetInstance()->current_test_info()->name();
+    EXPECT_EQ(0, StatusOfChild([&] {
+                  setenv(IN_COPY, "1", 1);
+                  execl(sCopy.c_str(), sCopy.c_str(), sFilter.c_str(), nullptr);
+                  ADD_FAILURE() << "cannot run " << sCopy;
+              }));
+    return false;
+}
 
 TEST_F(CmT120Trace, Close_TakesTheLevelFunctionsAway_WithABundle) {
-    ScopedBundle bundle;
-    ASSERT_TRUE(bundle.created());
+    if (!RunsBesideABundle(m_Home)) {
+        return;
+    }
     std::unique_ptr<CCmT120Trace> pTrace = Load("C.Detail=TRUE\n");
     pTrace->trace_string(0, "before");
     pTrace->Close();

@@ -133,7 +133,7 @@ class WriteSignals {
 std::atomic<bool> g_bTorn{false};
 
 // A short write is that of a disk which is filling up: the rest gets one chance more.
-void WriteFully(WriteSignals& aSignals, int aFile, const char* aText, size_t aLength) {
+bool WriteFully(WriteSignals& aSignals, int aFile, const char* aText, size_t aLength) {
     size_t nDone = 0;
     while (nDone < aLength) {
         const ssize_t nWritten = write(aFile, aText + nDone, aLength - nDone);
@@ -142,18 +142,25 @@ void WriteFully(WriteSignals& aSignals, int aFile, const char* aText, size_t aLe
         }
         if (nWritten <= 0) {
             aSignals.TakeBack(errno == EPIPE ? SIGPIPE : SIGXFSZ);
-            g_bTorn.store(nDone > 0, std::memory_order_relaxed);
-            return;
+            if (nDone > 0) {
+                g_bTorn.store(true, std::memory_order_relaxed);
+            }
+            return false;
         }
         nDone += static_cast<size_t>(nWritten);
     }
+    return true;
 }
 
+// Behind a torn line, the next starts afresh.
 void WriteLine(const char* aLine, size_t aLength) {
     const int nFile = Destination();
     WriteSignals signals;
-    if (g_bTorn.load(std::memory_order_relaxed) && g_bTorn.exchange(false)) {
-        WriteFully(signals, nFile, "\n", 1);
+    if (g_bTorn.load(std::memory_order_relaxed)) {
+        if (!WriteFully(signals, nFile, "\n", 1)) {
+            return;
+        }
+        g_bTorn.store(false, std::memory_order_relaxed);
     }
     WriteFully(signals, nFile, aLine, aLength);
 }

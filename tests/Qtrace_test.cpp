@@ -1,0 +1,450 @@
+#include "qtrace.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <regex>
+#include <sstream>
+#include <thread>
+#include <vector>
+
+#include "support/ChildProcess.h"
+
+namespace {
+
+using kelto_test::StatusOfChild;
+
+// The library reads its environment once, so every case runs in a child process.
+class Qtrace : public testing::Test {
+  protected:
+    Qtrace() {
+        char szDir[] = "/tmp/qXXXXXX";
+        m_sDir = mkdtemp(szDir);
+        m_sFile = m_sDir + "/trace.txt";
+        setenv("QTRACE_FILE", m_sFile.c_str(), 1);
+        unsetenv("QTRACE_LEVEL");
+    }
+    ~Qtrace() override {
+        unsetenv("QTRACE_FILE");
+        std::filesystem::remove_all(m_sDir);
+    }
+
+    std::string Content() const {
+        std::ifstream file(m_sFile, std::ios::binary);
+        return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+    }
+    std::vector<std::string> Lines() const {
+        std::istringstream content(Content());
+        std::vector<std::string> lines;
+        for (std::string sLine; std::getline(content, sLine);) {
+            lines.push_back(sLine);
+        }
+        return lines;
+    }
+    // The texts of the lines, without what stands in front.
+    std::vector<std::string> Texts() const {
+        std::vector<std::string> texts;
+        for (const std::string& sLine : Lines()) {
+            const size_t nEnd = sLine.find("] ");
+            texts.push_back(nEnd == std::string::npos ? "no line: " + sLine
+                                                      : sLine.substr(nEnd + 2));
+        }
+        return texts;
+    }
+
+    std::string m_sDir;
+    std::string m_sFile;
+};
+
+using Strings = std::vector<std::string>;
+
+void Write(const std::string& aText) {
+    YRKTRACERAWA(2, "MAC", nullptr, aText.c_str());
+}
+
+// Delivers a text in pieces of 2047 characters, the last of fewer.
+void WriteInPieces(const std::string& aText, const char* aModule = "MAC") {
+    for (size_t nStart = 0; nStart <= aText.size(); nStart += 2047) {
+        char achPrefix[256] = {};
+        YRKTRACERAWA(2, aModule, achPrefix, aText.substr(nStart, 2047).c_str());
+    }
+}
+
+struct LevelCase {
+    const char* value;
+    unsigned long level;
+};
+
+TEST_F(Qtrace, Level_ComesFromTheEnvironment) {
+    const LevelCase CASES[] = {
+        {nullptr, 0},                                // missing: everything
+        {"", 0},                                     // empty
+        {"3", 3},                                    //
+        {"0", 0},                                    //
+        {"25", 25},                                  //
+        {"x", 0},                                    // no number
+        {"3x", 0},                                   // trailing characters
+        {"-1", 0},                                   // negative
+        {" 3", 0},                                   // leading blank
+        {"99999999999999999999999", ULONG_MAX - 1},  // beyond the range
+    };
+    for (const LevelCase& level : CASES) {
+        level.value != nullptr ? setenv("QTRACE_LEVEL", level.value, 1) : unsetenv("QTRACE_LEVEL");
+        EXPECT_EQ(0, StatusOfChild([&] { EXPECT_EQ(level.level, _getTraceLevel()); }));
+    }
+    unsetenv("QTRACE_LEVEL");
+}
+
+TEST_F(Qtrace, Level_ChangesAtRunTime) {
+    setenv("QTRACE_LEVEL", "3", 1);
+    EXPECT_EQ(0, StatusOfChild([] {
+                  EXPECT_EQ(3u, _getTraceLevel());
+                  qtrace_set_level(7);
+                  EXPECT_EQ(7u, _getTraceLevel());
+                  qtrace_set_level(0);
+                  EXPECT_EQ(0u, _getTraceLevel());
+              }));
+    unsetenv("QTRACE_LEVEL");
+}
+
+TEST_F(Qtrace, Level_SetFirstWinsOverTheEnvironment) {
+    setenv("QTRACE_LEVEL", "3", 1);
+    EXPECT_EQ(0, StatusOfChild([] {
+                  qtrace_set_level(7);
+                  EXPECT_EQ(7u, _getTraceLevel());
+              }));
+    unsetenv("QTRACE_LEVEL");
+}
+
+TEST_F(Qtrace, Line_HasTimeProcessThreadAndModuleInFront) {
+    const time_t before = time(nullptr);
+    EXPECT_EQ(0, StatusOfChild([] { Write("UTIL INFO: text"); }));
+    const time_t after = time(nullptr);
+    ASSERT_EQ(1u, Lines().size());
+    const std::regex pattern(
+        R"((\d{4}-\d\d-\d\d \d\d:\d\d:\d\d)\.\d{3} pid=(\d+) tid=(-?\d+) \[MAC\] UTIL INFO: text)");
+    std::smatch match;
+    const std::string sLine = Lines()[0];
+    ASSERT_TRUE(std::regex_match(sLine, match, pattern)) << sLine;
+    EXPECT_NE(std::to_string(getpid()), match[2]);
+    tm date = {};
+    ASSERT_NE(nullptr, strptime(match[1].str().c_str(), "%Y-%m-%d %H:%M:%S", &date));
+    date.tm_isdst = -1;
+    const time_t written = mktime(&date);
+    EXPECT_LE(before, written);
+    EXPECT_GE(after, written);
+}
+
+TEST_F(Qtrace, Line_IsAppended) {
+    { std::ofstream(m_sFile) << "old\n"; }
+    EXPECT_EQ(0, StatusOfChild([] {
+                  Write("one");
+                  Write("two");
+              }));
+    EXPECT_EQ("old", Lines()[0]);
+    EXPECT_EQ("one", Texts()[1]);
+    EXPECT_EQ("two", Texts()[2]);
+}
+
+TEST_F(Qtrace, Line_IsOneWrite) {
+    int anPipe[2];
+    ASSERT_EQ(0, pipe2(anPipe, O_DIRECT));  // a read returns one write
+    unsetenv("QTRACE_FILE");
+    EXPECT_EQ(0, StatusOfChild([&] {
+                  dup2(anPipe[1], STDERR_FILENO);
+                  Write("one");
+                  Write(std::string(3000, 'x'));
+              }));
+    char achRead[8192];
+    ssize_t nRead = read(anPipe[0], achRead, sizeof(achRead));
+    ASSERT_GT(nRead, 4);
+    EXPECT_EQ("one\n", std::string(achRead + nRead - 4, 4));
+    nRead = read(anPipe[0], achRead, sizeof(achRead));
+    ASSERT_GT(nRead, 3001);
+    EXPECT_EQ("xx\n", std::string(achRead + nRead - 3, 3));
+    close(anPipe[0]);
+    close(anPipe[1]);
+}
+
+TEST_F(Qtrace, Line_IndentsWhatFollowsALineEnd) {
+    EXPECT_EQ(0, StatusOfChild([] { Write("one\n2026-01-01 two\nthree\r\n\n"); }));
+    EXPECT_NE(std::string::npos, Content().find("[MAC] one\n\t2026-01-01 two\n\tthree\n"));
+    EXPECT_EQ(3u, Lines().size());
+}
+
+TEST_F(Qtrace, Line_MayBeEmpty) {
+    EXPECT_EQ(0, StatusOfChild([] {
+                  Write("");
+                  Write("\n");
+              }));
+    EXPECT_EQ((Strings{"", ""}), Texts());
+}
+
+TEST_F(Qtrace, Line_BoundsItsModule) {
+    EXPECT_EQ(0, StatusOfChild([] {
+                  YRKTRACERAWA(2, std::string(5000, 'm').c_str(), nullptr, "text");
+                  YRKTRACERAWA(2, nullptr, nullptr, "text");
+                  YRKTRACERAWA(2, "a\nb", nullptr, "text");
+                  YRKTRACERAWA(2, "MAC", nullptr, nullptr);
+              }));
+    ASSERT_EQ(3u, Lines().size());
+    EXPECT_NE(std::string::npos, Lines()[0].find(" [" + std::string(128, 'm') + "] text"));
+    EXPECT_NE(std::string::npos, Lines()[1].find(" [] text"));
+    EXPECT_NE(std::string::npos, Lines()[2].find(" [a b] text"));
+}
+
+TEST_F(Qtrace, Line_TakesNoTextAsAFormat) {
+    EXPECT_EQ(0, StatusOfChild([] { Write("%s%n%d"); }));
+    EXPECT_EQ(Strings{"%s%n%d"}, Texts());
+}
+
+TEST_F(Qtrace, Line_MayHaveAnyLength) {
+    for (size_t nLength : {4000u, 4030u, 4040u, 4090u, 4096u, 4100u, 131071u}) {
+        std::filesystem::remove(m_sFile);
+        EXPECT_EQ(0, StatusOfChild([&] { Write(std::string(nLength, 'x')); }));
+        EXPECT_EQ(Strings{std::string(nLength, 'x')}, Texts()) << nLength;
+    }
+}
+
+TEST_F(Qtrace, Pieces_BecomeOneLine) {
+    for (size_t nLength : {2048u, 4093u, 4094u, 4095u, 100000u}) {
+        std::filesystem::remove(m_sFile);
+        const std::string sText = std::string(nLength - 1, 'x') + "!";
+        EXPECT_EQ(0, StatusOfChild([&] { WriteInPieces(sText); }));
+        EXPECT_EQ(Strings{sText}, Texts()) << nLength;
+    }
+}
+
+TEST_F(Qtrace, Pieces_StayTogether_BetweenThreads) {
+    EXPECT_EQ(0, StatusOfChild([] {
+                  std::vector<std::thread> threads;
+                  for (int i = 0; i < 4; ++i) {
+                      threads.emplace_back([i] {
+                          for (int n = 0; n < 50; ++n) {
+                              WriteInPieces(std::string(5000, static_cast<char>('a' + i)));
+                          }
+                      });
+                  }
+                  for (std::thread& thread : threads) {
+                      thread.join();
+                  }
+              }));
+    ASSERT_EQ(200u, Texts().size());
+    for (const std::string& sText : Texts()) {
+        ASSERT_EQ(std::string(5000, sText[0]), sText);
+    }
+}
+
+TEST_F(Qtrace, Pieces_ThatNeverEnd_AreWrittenBeforeTheNextText) {
+    EXPECT_EQ(0, StatusOfChild([] {
+                  char achPrefix[256] = {};
+                  YRKTRACERAWA(2, "MAC", achPrefix, std::string(2047, 'x').c_str());
+                  Write("next");
+              }));
+    EXPECT_EQ((Strings{std::string(2047, 'x'), "next"}), Texts());
+}
+
+TEST_F(Qtrace, Pieces_ThatNeverEnd_AreWrittenWhenTheThreadEnds) {
+    EXPECT_EQ(0, StatusOfChild([] {
+                  std::thread([] {
+                      char achPrefix[256] = {};
+                      YRKTRACERAWA(2, "MAC", achPrefix, std::string(2047, 'x').c_str());
+                  }).join();
+              }));
+    EXPECT_EQ(Strings{std::string(2047, 'x')}, Texts());
+}
+
+TEST_F(Qtrace, Lines_StayWhole_BetweenProcessesAndThreads) {
+    std::vector<pid_t> children;
+    for (int i = 0; i < 4; ++i) {
+        const pid_t child = fork();
+        if (child == 0) {
+            std::vector<std::thread> threads;
+            for (int t = 0; t < 2; ++t) {
+                threads.emplace_back([i, t] {
+                    for (int n = 0; n < 500; ++n) {
+                        Write(std::string(n % 200 + 1, static_cast<char>('a' + 2 * i + t)) + "!");
+                    }
+                });
+            }
+            for (std::thread& thread : threads) {
+                thread.join();
+            }
+            _exit(0);
+        }
+        children.push_back(child);
+    }
+    for (pid_t child : children) {
+        int nStatus = -1;
+        waitpid(child, &nStatus, 0);
+        EXPECT_EQ(0, nStatus);
+    }
+    ASSERT_EQ(4000u, Texts().size());
+    for (const std::string& sText : Texts()) {
+        ASSERT_EQ(std::string(sText.size() - 1, sText[0]) + "!", sText);
+    }
+}
+
+TEST_F(Qtrace, Line_NamesTheChild_AfterAFork) {
+    EXPECT_EQ(0, StatusOfChild([] {
+                  Write("parent");
+                  EXPECT_EQ(0, StatusOfChild([] { Write("child"); }));
+              }));
+    ASSERT_EQ((Strings{"parent", "child"}), Texts());
+    const std::regex pid("pid=(\\d+)");
+    std::smatch parent;
+    std::smatch child;
+    const Strings lines = Lines();
+    ASSERT_TRUE(std::regex_search(lines[0], parent, pid));
+    ASSERT_TRUE(std::regex_search(lines[1], child, pid));
+    EXPECT_NE(parent[1], child[1]);
+}
+
+// ---- Destinations that fail
+
+TEST_F(Qtrace, Failure_FallsBackToStandardError_WhenTheFileCannotBeOpened) {
+    setenv("QTRACE_FILE", "/nowhere/trace.txt", 1);
+    EXPECT_EQ(0, StatusOfChild([this] {
+                  const int nFile = open(m_sFile.c_str(), O_WRONLY | O_CREAT, 0666);
+                  dup2(nFile, STDERR_FILENO);
+                  Write("text");
+              }));
+    EXPECT_EQ(Strings{"text"}, Texts());
+}
+
+TEST_F(Qtrace, Failure_OfAFullDisk_IsIgnored) {
+    setenv("QTRACE_FILE", "/dev/full", 1);
+    EXPECT_EQ(0, StatusOfChild([] {
+                  errno = ENOENT;
+                  Write("text");
+                  WriteInPieces(std::string(5000, 'x'));
+                  EXPECT_EQ(ENOENT, errno);
+              }));
+}
+
+TEST_F(Qtrace, Failure_OfAVanishedFile_IsIgnored) {
+    EXPECT_EQ(0, StatusOfChild([this] {
+                  Write("one");
+                  std::filesystem::remove_all(m_sDir);
+                  Write("two");
+              }));
+}
+
+TEST_F(Qtrace, Failure_OfAClosedPipe_RaisesNoSignal) {
+    unsetenv("QTRACE_FILE");
+    EXPECT_EQ(0, StatusOfChild([] {
+                  int anPipe[2];
+                  ASSERT_EQ(0, pipe(anPipe));
+                  dup2(anPipe[1], STDERR_FILENO);
+                  close(anPipe[0]);
+                  close(anPipe[1]);
+                  signal(SIGPIPE, SIG_DFL);
+                  Write("text");
+                  sigset_t pending;
+                  sigpending(&pending);
+                  EXPECT_EQ(0, sigismember(&pending, SIGPIPE));
+                  sigset_t mask;
+                  pthread_sigmask(SIG_BLOCK, nullptr, &mask);
+                  EXPECT_EQ(0, sigismember(&mask, SIGPIPE));
+              }));
+}
+
+TEST_F(Qtrace, Failure_OfAClosedPipe_KeepsASignalThatWasPending) {
+    unsetenv("QTRACE_FILE");
+    EXPECT_EQ(0, StatusOfChild([] {
+                  int anPipe[2];
+                  ASSERT_EQ(0, pipe(anPipe));
+                  dup2(anPipe[1], STDERR_FILENO);
+                  close(anPipe[0]);
+                  close(anPipe[1]);
+                  sigset_t set;
+                  sigemptyset(&set);
+                  sigaddset(&set, SIGPIPE);
+                  pthread_sigmask(SIG_BLOCK, &set, nullptr);
+                  raise(SIGPIPE);
+                  Write("text");
+                  sigset_t pending;
+                  sigpending(&pending);
+                  EXPECT_EQ(1, sigismember(&pending, SIGPIPE));
+              }));
+}
+
+TEST_F(Qtrace, Failure_OfAFileAtItsSizeLimit_RaisesNoSignalAndTheNextLineStartsAfresh) {
+    EXPECT_EQ(0, StatusOfChild([] {
+                  rlimit limit = {};
+                  getrlimit(RLIMIT_FSIZE, &limit);
+                  const rlim_t before = limit.rlim_cur;
+                  limit.rlim_cur = 100;
+                  setrlimit(RLIMIT_FSIZE, &limit);
+                  Write(std::string(500, 'x'));
+                  Write("lost");
+                  limit.rlim_cur = before;
+                  setrlimit(RLIMIT_FSIZE, &limit);
+                  Write("whole");
+              }));
+    ASSERT_EQ(2u, Lines().size());
+    EXPECT_EQ(100u, Lines()[0].size());
+    EXPECT_EQ("whole", Texts()[1]);
+}
+
+TEST_F(Qtrace, Failure_OfAFullPipe_DoesNotBlock) {
+    ASSERT_EQ(0, mkfifo(m_sFile.c_str(), 0600));
+    const int nReader = open(m_sFile.c_str(), O_RDONLY | O_NONBLOCK);
+    EXPECT_EQ(0, StatusOfChild([] {
+                  for (int i = 0; i < 100; ++i) {
+                      Write(std::string(2000, 'x'));
+                  }
+              }));
+    close(nReader);
+}
+
+TEST_F(Qtrace, Failure_OfAPipeWithoutReader_DoesNotBlock) {
+    ASSERT_EQ(0, mkfifo(m_sFile.c_str(), 0600));
+    EXPECT_EQ(0, StatusOfChild([] {
+                  dup2(open("/dev/null", O_WRONLY), STDERR_FILENO);
+                  Write("text");
+              }));
+}
+
+TEST_F(Qtrace, File_StaysOffTheStandardStreams) {
+    EXPECT_EQ(0, StatusOfChild([] {
+                  close(STDERR_FILENO);
+                  Write("text");
+                  EXPECT_EQ(-1, fcntl(STDERR_FILENO, F_GETFD));
+              }));
+    EXPECT_EQ(Strings{"text"}, Texts());
+}
+
+TEST_F(Qtrace, Line_IsWritten_BeforeItsThreadIsCancelled) {
+    EXPECT_EQ(0, StatusOfChild([] {
+                  pthread_t thread;
+                  ASSERT_EQ(0, pthread_create(
+                                   &thread, nullptr,
+                                   [](void*) -> void* {
+                                       pthread_cancel(pthread_self());
+                                       Write("text");
+                                       pthread_testcancel();
+                                       return nullptr;
+                                   },
+                                   nullptr));
+                  void* pResult = nullptr;
+                  pthread_join(thread, &pResult);
+                  EXPECT_EQ(PTHREAD_CANCELED, pResult);
+              }));
+    EXPECT_EQ(Strings{"text"}, Texts());
+}
+
+}  // namespace
