@@ -37,12 +37,9 @@ class CM_UTIL_EXPORT ICmEvent {
     virtual void OnDestorySelf();
     virtual ~ICmEvent();
 
-  private:
-    uint64_t m_ullReserved;  // 0; kept for hosts, never read here
-
   protected:
-    // The thread that constructed the event.
-    pthread_t m_CreatorTid;
+    uint64_t m_ullReserved;  // 0; kept for hosts, never read here
+    pthread_t m_CreatorTid;  // the thread that constructed the event
 };
 
 // What posters and senders see of a queue. All operations may be called from any thread. A queue
