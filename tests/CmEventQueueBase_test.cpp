@@ -977,7 +977,30 @@ TEST(CmEventQueueUsingConditionVariable, DoesNotSignal_WhenItRefuses) {
     consumer.join();
 }
 
-TEST(CmEventQueueUsingConditionVariable, SignalsAgain_WhenASignalFailed) {
+TEST(CmEventQueueUsingConditionVariable, TriesAgainAtOnce_WhenOneSignalFails) {
+    EventLog log;
+    CCmEventQueueUsingConditionVariable queue;
+    WaitCounter counter;
+    std::atomic<bool> bTook{false};
+    std::thread consumer([&] {
+        Events events;
+        EXPECT_EQ(CM_OK, queue.PopOrWaitPendingEvents(events, nullptr));
+        EXPECT_EQ(1u, events.size());
+        queue.ProcessEvents(events);
+        bTook = true;
+    });
+    ASSERT_TRUE(Eventually([] { return g_nWaits == 1; }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    {
+        kelto_test::FailingCall<&CCmSystemTable::pthread_cond_signal> fault(EINVAL, EINVAL);
+        EXPECT_EQ(CM_OK, queue.PostEvent(new LoggedEvent(log, 1), NORMAL));
+        EXPECT_EQ(2u, fault.calls());
+    }
+    consumer.join();
+    EXPECT_TRUE(bTook);
+}
+
+TEST(CmEventQueueUsingConditionVariable, SignalsWithTheNextPost_WhenEverySignalFailed) {
     EventLog log;
     CCmEventQueueUsingConditionVariable queue;
     WaitCounter counter;
@@ -992,13 +1015,27 @@ TEST(CmEventQueueUsingConditionVariable, SignalsAgain_WhenASignalFailed) {
     ASSERT_TRUE(Eventually([] { return g_nWaits == 1; }));
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
     {
-        kelto_test::FailingCall<&CCmSystemTable::pthread_cond_signal> fault(EINVAL, EINVAL);
+        kelto_test::FailingCall<&CCmSystemTable::pthread_cond_signal> fault(
+            EINVAL, EINVAL, 1, kelto_test::Failing::FROM_THERE_ON);
         EXPECT_EQ(CM_OK, queue.PostEvent(new LoggedEvent(log, 1), NORMAL));
-        EXPECT_EQ(1u, fault.calls());
-        EXPECT_EQ(CM_OK, queue.PostEvent(new LoggedEvent(log, 2), NORMAL));
+        EXPECT_EQ(3u, fault.calls());
     }
+    EXPECT_EQ(CM_OK, queue.PostEvent(new LoggedEvent(log, 2), NORMAL));
     consumer.join();
     EXPECT_TRUE(bTook);
+}
+
+TEST(CmEventQueueUsingConditionVariable, DoesNotWait_WhenTheLockCannotBeTaken) {
+    EventLog log;
+    CCmEventQueueUsingConditionVariable queue;
+    Events events;
+    {
+        kelto_test::FailingCall<&CCmSystemTable::pthread_mutex_lock> fault(EINVAL, EINVAL);
+        EXPECT_EQ(CM_ERROR_NOT_FOUND, queue.PopOrWaitPendingEvents(events, nullptr));
+    }
+    Post(queue, log, 1, 1);  // and it is not left taken
+    EXPECT_EQ(CM_OK, queue.PopOrWaitPendingEvents(events, nullptr));
+    queue.ProcessEvents(events);
 }
 
 TEST(CmEventQueueUsingConditionVariable, TracesAndTakes_WhenTheWaitFails) {

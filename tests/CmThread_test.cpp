@@ -835,6 +835,48 @@ TEST(CmThreadTask, FailsAndFreesAll_WhenAnyAllocationFails) {
     }
 }
 
+// A whole life of a worker during which the call fails, once or from there on, at every place in
+// turn. Whatever the results: nothing hangs, no event is lost and nothing leaks.
+template <auto Call>
+void ExpectLifeGoesOn(kelto_test::Failing aFailing) {
+    for (unsigned long ulNth = 1; ulNth <= 12; ++ulNth) {
+        const long lLive = kelto_test::LiveAllocationsBefore();
+        {
+            EventLog log;
+            ACmThread* pThread = nullptr;
+            kelto_test::FailingCall<Call> fault(EAGAIN, EAGAIN, ulNth, aFailing);
+            ASSERT_EQ(CM_OK, CreateUserTaskThread(&pThread, TF_JOINABLE, true, TYPE));
+            pThread->GetEventQueue()->PostEvent(new LoggedEvent(log, 1), NORMAL);
+            pThread->GetEventQueue()->SendEvent(new LoggedEvent(log, 2));
+            EXPECT_EQ(CM_OK, pThread->Stop(nullptr));
+            EXPECT_EQ(CM_OK, pThread->Join());
+            pThread->Destory(0);
+            EXPECT_EQ((Ids{1, 2}), log.fired());
+            EXPECT_EQ((Ids{1, 2}), log.ended());
+        }
+        EXPECT_EQ(lLive, kelto_test::LiveAllocations());
+    }
+}
+
+TEST(CmThreadTask, LifeGoesOn_WhenMutexesCannotBeInitialised) {
+    ExpectLifeGoesOn<&CCmSystemTable::pthread_mutex_init>(kelto_test::Failing::ONCE);
+    ExpectLifeGoesOn<&CCmSystemTable::pthread_mutex_init>(kelto_test::Failing::FROM_THERE_ON);
+}
+
+TEST(CmThreadTask, LifeGoesOn_WhenConditionsCannotBeInitialised) {
+    ExpectLifeGoesOn<&CCmSystemTable::pthread_cond_init>(kelto_test::Failing::ONCE);
+    ExpectLifeGoesOn<&CCmSystemTable::pthread_cond_init>(kelto_test::Failing::FROM_THERE_ON);
+}
+
+TEST(CmThreadTask, LifeGoesOn_WhenOneSignalFails) {
+    ExpectLifeGoesOn<&CCmSystemTable::pthread_cond_signal>(kelto_test::Failing::ONCE);
+}
+
+TEST(CmThreadTask, LifeGoesOn_WhenOneWaitFails) {
+    ExpectLifeGoesOn<&CCmSystemTable::pthread_cond_wait>(kelto_test::Failing::ONCE);
+    ExpectLifeGoesOn<&CCmSystemTable::pthread_cond_timedwait>(kelto_test::Failing::ONCE);
+}
+
 // Cancellation.
 
 // Not within a sleep, out of which the thread sanitizer cannot follow a cancelled thread.

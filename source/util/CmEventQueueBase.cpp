@@ -530,10 +530,13 @@ CmResult CCmEventQueueUsingConditionVariable::UseSpare_l(CPosting& aPosting) {
 }
 
 void CCmEventQueueUsingConditionVariable::Wake_i() {
-    if (CM_FAILED(m_Condition.Signal())) {
-        CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
-        m_dwSignalled = 0;  // the next post tries again
+    for (int i = 0; i < WAKE_TRIES; ++i) {
+        if (CM_SUCCEEDED(m_Condition.Signal())) {
+            return;
+        }
     }
+    CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
+    m_dwSignalled = 0;  // the next post tries again
 }
 
 CmResult CCmEventQueueUsingConditionVariable::PopOrWaitPendingEvents(std::list<ICmEvent*>& aEvents,
@@ -544,7 +547,8 @@ CmResult CCmEventQueueUsingConditionVariable::PopOrWaitPendingEvents(std::list<I
         m_Spares.splice(m_Spares.end(), m_Spent);
         m_dwSpares.store(static_cast<DWORD>(m_Spares.size()), std::memory_order_relaxed);
     }
-    if (m_Events.empty()) {
+    // A wait without the lock would leave it taken.
+    if (m_Events.empty() && CM_SUCCEEDED(lock.result())) {
         Wait_l(aTimeout);
     }
     return PopPendingEvents(aEvents, aMaxCount, nullptr);
