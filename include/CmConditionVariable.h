@@ -165,6 +165,16 @@ class CCmAtomicOperationT<CCmMutexThread> {
     // Both return the new value.
     long operator++() { return m_lValue.fetch_add(1, std::memory_order_relaxed) + 1; }
     long operator--() { return m_lValue.fetch_sub(1, std::memory_order_acq_rel) - 1; }
+    // For reference counts: true, and the value 0, when the caller's reference is the only one.
+    // Nobody else counts then, so no locked instruction is needed; the acquire orders what the
+    // other threads did before they released.
+    bool ReleaseOnly() {
+        if (m_lValue.load(std::memory_order_acquire) != 1) {
+            return false;
+        }
+        m_lValue.store(0, std::memory_order_relaxed);
+        return true;
+    }
     long value() const { return m_lValue.load(std::memory_order_relaxed); }
     // The mutex that the counter names.
     CCmMutexThread& mutex() const { return *m_pMutex; }

@@ -32,7 +32,7 @@ class CM_UTIL_EXPORT CCmReferenceControlT<CCmMutexThread> {
     // Both return the new count.
     virtual uint32_t AddReference() { return static_cast<uint32_t>(++m_lCount); }
     virtual uint32_t ReleaseReference() {
-        const uint32_t dwCount = static_cast<uint32_t>(--m_lCount);
+        const uint32_t dwCount = m_lCount.ReleaseOnly() ? 0 : static_cast<uint32_t>(--m_lCount);
         if (dwCount == 0) {
             OnReferenceDestory();
         }

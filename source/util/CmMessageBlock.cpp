@@ -51,6 +51,14 @@ DWORD LowBits(const char* aPtr) {
     return static_cast<DWORD>(reinterpret_cast<uintptr_t>(aPtr));
 }
 
+// The pointer that lies to aNewBegin as aPtr lies to aBegin. A write pointer that a rewind took
+// from another area stays out of reach thereby.
+char* AtSameDistance(char* aNewBegin, const char* aBegin, const char* aPtr) {
+    return reinterpret_cast<char*>(reinterpret_cast<uintptr_t>(aNewBegin) +
+                                   reinterpret_cast<uintptr_t>(aPtr) -
+                                   reinterpret_cast<uintptr_t>(aBegin));
+}
+
 // Calls aPiece(block, offset, length) for each piece of the aCount readable bytes that start
 // aOffset bytes into the chain, until one fails. aLine: of the assertion that the chain goes on.
 template <class Block, class Piece>
@@ -326,8 +334,8 @@ CCmMessageBlock* CCmMessageBlock::DuplicateExternal_i() const {
         return nullptr;
     }
     std::memcpy(pArea, m_pBeginPtr, nSize);
-    pCopy->m_pReadPtr = pArea + (m_pReadPtr - m_pBeginPtr);
-    pCopy->m_pWritePtr = pArea + (m_pWritePtr - m_pBeginPtr);
+    pCopy->m_pReadPtr = AtSameDistance(pArea, m_pBeginPtr, m_pReadPtr);
+    pCopy->m_pWritePtr = AtSameDistance(pArea, m_pBeginPtr, m_pWritePtr);
     return pCopy;
 }
 
