@@ -1,0 +1,23 @@
+// A host's own trace library in place of qtrace: prints each call.
+#include <cstdio>
+#include <cstring>
+
+extern "C" {
+
+__attribute__((visibility("default"))) unsigned long _getTraceLevel();
+__attribute__((visibility("default"))) void YRKTRACERAWA(unsigned long aLevel, const char* aModule,
+                                                         char* aPrefix, const char* aText);
+
+unsigned long _getTraceLevel() {
+    return 1;
+}
+
+void YRKTRACERAWA(unsigned long aLevel, const char* aModule, char* aPrefix, const char* aText) {
+    if (aPrefix != nullptr) {
+        std::printf("%lu %s piece %zu\n", aLevel, aModule, std::strlen(aText));
+    } else {
+        std::printf("%lu %s %s\n", aLevel, aModule, aText);
+    }
+}
+
+}  // extern "C"

@@ -1,0 +1,100 @@
+// The road of a trace line through the shared libraries, in host programs of their own.
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+Lines LinesOf(std::istream& aStream) {
+    Lines lines;
+    for (std::string sLine; std::getline(aStream, sLine);) {
+        lines.push_back(sLine);
+    }
+    return lines;
+}
+
+class TraceEndToEnd : public testing::Test {
+  protected:
+    TraceEndToEnd() {
+        char szHome[] = "/tmp/eXXXXXX";
+        m_sHome = mkdtemp(szHome);
+        std::filesystem::create_directory(m_sHome + "/conf");
+    }
+    ~TraceEndToEnd() override { std::filesystem::remove_all(m_sHome); }
+
+    void WriteConfig(const std::string& aContent) {
+        std::ofstream(m_sHome + "/conf/kelto.cfg") << aContent;
+    }
+    // Runs aHost with the variables in front, and returns what it printed.
+    Lines Run(const std::string& aVariables, const std::string& aHost) {
+        const std::string sOutput = m_sHome + "/output";
+        const std::string sCommand = aVariables + " '" + aHost + "' " + m_sHome + "/ >" + sOutput;
+        EXPECT_EQ(0, std::system(sCommand.c_str()));
+        std::ifstream output(sOutput);
+        return LinesOf(output);
+    }
+    // What the stand-in wrote, from the module on.
+    Lines RunWithFile(const std::string& aVariables = "") {
+        const std::string sFile = m_sHome + "/trace.txt";
+        EXPECT_EQ(Lines{}, Run(aVariables + " QTRACE_FILE=" + sFile, TRACE_HOST));
+        std::ifstream file(sFile);
+        Lines lines = LinesOf(file);
+        for (std::string& sLine : lines) {
+            sLine.erase(0, sLine.find('['));
+        }
+        return lines;
+    }
+
+    std::string m_sHome;
+};
+
+const std::string LONG_LINE = "[net] " + std::string(5000, 'x');
+
+TEST_F(TraceEndToEnd, Lines_ReachTheFile_OutOfTheBox) {
+    EXPECT_EQ((Lines{"[MAC] UTIL ERROR: error line", "[MAC] UTIL WARNING: warning line",
+                     "[MAC] UTIL INFO: info line, 100%s",
+                     "[MAC] UTIL ERROR: TraceHost.cpp:7 Assert failed: bFine", LONG_LINE,
+                     "[media] rate=48000"}),
+              RunWithFile());
+}
+
+// The process is named "T", the first character of its file.
+TEST_F(TraceEndToEnd, Lines_AreFilteredByTheConfiguration) {
+    WriteConfig("[Trace]\nT.Info=FALSE\nT.Warning=FALSE\nT.Detail=TRUE\n");
+    EXPECT_EQ((Lines{"[MAC] UTIL ERROR: error line", "[MAC] UTIL detail line",
+                     "[MAC] UTIL ERROR: TraceHost.cpp:7 Assert failed: bFine", LONG_LINE,
+                     "[media] rate=48000"}),
+              RunWithFile());
+}
+
+TEST_F(TraceEndToEnd, Lines_AreSilenced_ByEnableFalse) {
+    WriteConfig("[Trace]\nEnable=FALSE\n");
+    EXPECT_EQ((Lines{LONG_LINE, "[media] rate=48000"}), RunWithFile());
+}
+
+TEST_F(TraceEndToEnd, Lines_BelowTheThreshold_AreNotDelivered) {
+    EXPECT_EQ(Lines{"[media] rate=48000"}, RunWithFile("QTRACE_LEVEL=3"));
+}
+
+TEST_F(TraceEndToEnd, Host_CreatesTheTraceDirectory) {
+    RunWithFile();
+    EXPECT_TRUE(std::filesystem::is_directory(m_sHome + "/logs"));
+}
+
+TEST_F(TraceEndToEnd, Host_MayBringItsOwnTraceLibrary) {
+    EXPECT_EQ((Lines{"2 MAC UTIL ERROR: error line", "2 MAC UTIL WARNING: warning line",
+                     "2 MAC UTIL INFO: info line, 100%s",
+                     "2 MAC UTIL ERROR: TraceHost.cpp:7 Assert failed: bFine", "2 net piece 2047",
+                     "2 net piece 2047", "2 net piece 906", "9 media rate=48000"}),
+              Run("", TRACE_HOST_WITH_OTHER_LIBRARY));
+}
+
+}  // namespace
