@@ -510,23 +510,23 @@ TEST_F(CmT120Trace, ProcessName_IsTheFirstCharacterOfTheExecutable) {
 
 // ---- Bundle
 
-// Runs the calling test in a copy of this executable, which has no extension, four directories
-// below one with the bundle. True in the copy; elsewhere the copy's result is checked.
+// Runs the calling test in this executable under another path, without extension and four
+// directories below one with the bundle. True there; elsewhere the result of that run is checked.
 bool RunsBesideABundle(const ScopedHome& aHome) {
-    constexpr char IN_COPY[] = "KELTO_TEST_BESIDE_A_BUNDLE";
-    if (getenv(IN_COPY) != nullptr) {
+    constexpr char BESIDE[] = "KELTO_TEST_BESIDE_A_BUNDLE";
+    if (getenv(BESIDE) != nullptr) {
         return true;
     }
-    const std::string sCopy = aHome.path() + "a/b/c/d/CmT120Trace_test";
+    const std::string sPath = aHome.path() + "a/b/c/d/CmT120Trace_test";
     std::filesystem::create_directories(aHome.path() + "a/b/c/d");
     std::filesystem::create_directory(aHome.path() + "a/yrktrace.bundle");
-    std::filesystem::copy_file("/proc/self/exe", sCopy);
+    std::filesystem::create_symlink(std::filesystem::read_symlink("/proc/self/exe"), sPath);
     const std::string sFilter = std::string("--gtest_filter=CmT120Trace.") +
                                 testing::UnitTest::GetInstance()->current_test_info()->name();
     EXPECT_EQ(0, StatusOfChild([&] {
-                  setenv(IN_COPY, "1", 1);
-                  execl(sCopy.c_str(), sCopy.c_str(), sFilter.c_str(), nullptr);
-                  ADD_FAILURE() << "cannot run " << sCopy;
+                  setenv(BESIDE, "1", 1);
+                  execl(sPath.c_str(), sPath.c_str(), sFilter.c_str(), nullptr);
+                  ADD_FAILURE() << "cannot run " << sPath;
               }));
     return false;
 }

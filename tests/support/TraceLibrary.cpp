@@ -16,6 +16,7 @@ namespace {
 struct State {
     std::vector<TraceCall> calls;
     std::vector<unsigned long> thresholds{0};
+    const char* lastText = nullptr;
     unsigned long thresholdReads = 0;
     unsigned long throwIn = 0;
     int error = 0;
@@ -48,6 +49,11 @@ std::vector<std::string> ScopedTraceLibrary::texts() const {
         texts.push_back(call.text);
     }
     return texts;
+}
+
+char* ScopedTraceLibrary::lastText() const {
+    std::lock_guard<std::mutex> lock(g_mutex);
+    return const_cast<char*>(g_state.lastText);
 }
 
 unsigned long ScopedTraceLibrary::thresholdReads() const {
@@ -100,6 +106,7 @@ void YRKTRACERAWA(unsigned long aLevel, const char* aModule, char* aPrefix, cons
                            std::all_of(aPrefix, aPrefix + 256, [](char c) { return c == '\0'; });
         g_state.calls.push_back(
             {aLevel, aModule != nullptr ? aModule : "(null)", aPrefix != nullptr, bZero, aText});
+        g_state.lastText = aText;
         if (g_state.error != 0) {
             errno = g_state.error;
         }

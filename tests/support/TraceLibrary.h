@@ -29,6 +29,8 @@ class ScopedTraceLibrary {
     std::vector<TraceCall> calls() const;
     // The texts of all calls, in order.
     std::vector<std::string> texts() const;
+    // Where the text of the last call stood.
+    char* lastText() const;
     // How often the threshold was asked for.
     unsigned long thresholdReads() const;
 
