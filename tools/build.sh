@@ -13,6 +13,11 @@ kelto_jobs() {
     getconf _NPROCESSORS_ONLN 2>/dev/null || echo 2
 }
 
+# Tests mostly wait, the end of each process alone 200 ms, so more of them than processors run.
+kelto_test_jobs() {
+    echo $((4 * $(kelto_jobs)))
+}
+
 # kelto_build DIRECTORY [cmake option...]: needs no presets, since these ask for a newer CMake than
 # the project does. What it prints goes to a file unless it fails.
 kelto_build() {
