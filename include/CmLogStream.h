@@ -59,7 +59,7 @@ class logstream;
 //   ccu::logstream<char>(2, "net") << "connected, fd=" << fd;
 // One thread at a time.
 template <>
-class CM_UTIL_EXPORT logstream<char> : public std::ostringstream {
+class CM_UTIL_EXPORT logstream<char> : public std::basic_ostringstream<char> {
   public:
     // aModule: not copied; must outlive the stream.
     logstream(unsigned long aLevel, const char* aModule);

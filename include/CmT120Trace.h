@@ -169,9 +169,9 @@ class CM_UTIL_EXPORT CCmT120Trace {
     void open_bundle();
     bool build_file_path(char* aPath, size_t aSize, CCmString* aLogPath) const;
     void read_levels(const char* aProcess);
-    void read_modules(const char* aProcess);
-    void read_module(const char* aProcess, const char* aModule);
-    void record_disabled_key(const char* aKey);
+    void read_modules(const char* aProcess) CM_REQUIRES(m_Mutex);
+    void read_module(const char* aProcess, const char* aModule) CM_REQUIRES(m_Mutex);
+    void record_disabled_key(const char* aKey) CM_REQUIRES(m_Mutex);
 
     static std::atomic<CCmT120Trace*> t120_trace;
 

@@ -71,7 +71,8 @@ int OpenDestination() {
 
 // Threads that come first at once all open the file; one keeps it.
 int Destination() {
-    int nDestination = g_nDestination.load(std::memory_order_relaxed);
+    // Orders the opening, on whichever thread, before each use.
+    int nDestination = g_nDestination.load(std::memory_order_acquire);
     if (nDestination != NOT_OPENED) {
         return nDestination;
     }

@@ -63,11 +63,12 @@ void DeliverPieces(unsigned long aLevel, const char* aModule, const char* aText,
     }
 }
 
-// aLength includes the terminator. False when the trace library threw. The thread cannot be
-// cancelled meanwhile, so only its own exceptions are caught.
-bool Deliver(unsigned long aLevel, const char* aModule, const char* aText, unsigned long aLength) {
+// aLength includes the terminator; more than aChunkSize goes out in pieces. False when the trace
+// library threw. The thread cannot be cancelled meanwhile, so only its own exceptions are caught.
+bool Deliver(unsigned long aLevel, const char* aModule, const char* aText, unsigned long aLength,
+             unsigned long aChunkSize = CHUNK_SIZE) {
     try {
-        if (CHUNK_SIZE < aLength) {
+        if (aChunkSize < aLength) {
             DeliverPieces(aLevel, aModule, aText, aLength);
         } else {
             YRKTRACERAWA(aLevel, aModule, nullptr, aText);
@@ -214,7 +215,7 @@ void YrktraStreamA::flusha(const char* aModule) {
         return;
     }
     CCmTraceGuard guard;
-    if (Deliver(m_ulLevel, aModule, m_pchBuffer, m_ulLength)) {
+    if (Deliver(m_ulLevel, aModule, m_pchBuffer, m_ulLength, m_ulChunkSize)) {
         std::free(m_pchBuffer);
     }
     m_pchBuffer = nullptr;
