@@ -1,0 +1,33 @@
+// What the user asked for: the configuration file, overridden by the command line.
+#ifndef RTP_MONITOR_OPTIONS_H
+#define RTP_MONITOR_OPTIONS_H
+
+#include <string>
+
+#include "Worker.h"
+
+namespace rtp_monitor {
+
+struct Options {
+    std::string input;
+    bool fast = false;
+    bool json = false;
+    bool help = false;
+    unsigned int workers = 2;
+    unsigned int intervalMs = 1000;
+    unsigned long traceLevel = 20;  // the monitor's own lines above it are not written
+    std::string traceFile;
+    ClockRates clockRates;
+
+    bool IsLive() const;
+};
+
+extern const char HELP_TEXT[];
+
+// False, with a whole sentence in aError, when the arguments make no sense. Sets the home directory
+// first (--home), then reads section RtpMonitor of its conf/kelto.cfg, then applies the rest.
+bool ReadOptions(int aArgCount, char** aArgs, Options* aOptions, std::string* aError);
+
+}  // namespace rtp_monitor
+
+#endif  // RTP_MONITOR_OPTIONS_H
