@@ -11,14 +11,16 @@
 // Marks what the shared library exports; everything else is hidden.
 #define CM_UTIL_EXPORT __attribute__((visibility("default")))
 
-// Marks a static object that the compiler must initialise, so that it may be used before any other
-// static object is constructed.
+// CM_CONSTANT_INIT: marks a static object that the compiler must initialise, so that it may be used
+// before any other static object is constructed.
 #if defined(__clang__)
 #define CM_CONSTANT_INIT [[clang::require_constant_initialization]]
 #else
+// Before a static object: the compiler must initialise it.
 #define CM_CONSTANT_INIT __constinit
 #endif
 
+// Tell the compiler which way a condition mostly goes.
 #define CM_LIKELY(x) __builtin_expect(!!(x), 1)
 #define CM_UNLIKELY(x) __builtin_expect(!!(x), 0)
 
@@ -27,12 +29,15 @@ namespace UTIL_NS {
 // The library's string type: a byte string, no encoding implied.
 typedef std::string CCmString;
 
+// A 32-bit unsigned number.
 typedef uint32_t DWORD;
 
 // Result of every operation that can fail: 0 or one of the codes below. No operation throws.
 typedef int32_t CmResult;
 
+// Success.
 constexpr CmResult CM_OK = 0;
+// What every error code counts from; not a result itself.
 constexpr CmResult CM_ERROR_BASE = 0x42004000;
 // A system call failed, a locked block refused, a bounds check failed.
 constexpr CmResult CM_ERROR_FAILURE = CM_ERROR_BASE + 1;
@@ -62,6 +67,7 @@ constexpr CmResult CM_ERROR_PARTIAL_DATA = CM_ERROR_BASE + 13;
 // A timed wait expired.
 constexpr CmResult CM_ERROR_TIMEOUT = CM_ERROR_BASE + 14;
 
+// Whether a CmResult is success or any of the errors.
 #define CM_SUCCEEDED(rv) ((rv) == 0)
 #define CM_FAILED(rv) ((rv) != 0)
 

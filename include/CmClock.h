@@ -35,6 +35,7 @@ CM_UTIL_EXPORT unsigned long calculate_tick_interval(unsigned long aStart, unsig
 
 // The wall clock: microseconds since 1970.
 struct CM_UTIL_EXPORT timer_policy {
+    // Microseconds, and the largest number of them.
     static long long now();
     static long long max_time_value();
 };
@@ -42,6 +43,7 @@ struct CM_UTIL_EXPORT timer_policy {
 // The process clock: microseconds in steps of one clock tick; it always reads 0 when a tick
 // lasts less than a millisecond.
 struct CM_UTIL_EXPORT tick_policy {
+    // Microseconds, and the largest number of them.
     static long long now();
     static long long max_time_value();
 };
@@ -51,6 +53,7 @@ struct CM_UTIL_EXPORT tick_policy {
 struct CM_UTIL_EXPORT low_tick_policy {
     class low_tick_generator;
 
+    // Microseconds, and the largest number of them.
     static long long now();
     static long long max_time_value();
 };
@@ -60,14 +63,15 @@ struct CM_UTIL_EXPORT low_tick_policy {
 struct CM_UTIL_EXPORT tick_type {
     // The process clock of now.
     tick_type();
+    // aMicroseconds: of either sign.
     explicit tick_type(long long aMicroseconds);
     void reset(long long aMicroseconds);
 
-    uint32_t hours;  // in total, not reduced to a day
-    uint32_t minutes;
-    uint32_t seconds;
-    uint32_t milliseconds;
-    uint32_t microseconds;
+    uint32_t hours;         // in total, not reduced to a day
+    uint32_t minutes;       // 0 to 59
+    uint32_t seconds;       // 0 to 59
+    uint32_t milliseconds;  // 0 to 999
+    uint32_t microseconds;  // 0 to 999
 };
 
 // A local time. The fields of the base are those of the system's record, except that tm_mon
@@ -80,15 +84,19 @@ struct CM_UTIL_EXPORT time_type : tm {
     explicit time_type(long long aMicroseconds);
     void reset(long long aMicroseconds);
 
-    uint32_t milliseconds;
-    uint32_t microseconds;
+    uint32_t milliseconds;  // 0 to 999
+    uint32_t microseconds;  // 0 to 999
 };
 
+// The process clock, split.
 struct CM_UTIL_EXPORT formatted_ticker {
+    // What it reads at this moment.
     static tick_type now();
 };
 
+// The wall clock, split.
 struct CM_UTIL_EXPORT formatted_timer {
+    // What it reads at this moment.
     static time_type now();
 };
 

@@ -39,6 +39,7 @@ class CM_UTIL_EXPORT CM_CAPABILITY("mutex") CCmMutexThreadBase {
 
   protected:
     CCmMutexThreadBase() : m_Mutex() {}
+    // For static objects.
     explicit constexpr CCmMutexThreadBase(const pthread_mutex_t& aMutex) : m_Mutex(aMutex) {}
 
     // Initialises the mutex with a type number; the result is that of pthread_mutex_init.
@@ -54,6 +55,7 @@ class CM_UTIL_EXPORT CM_CAPABILITY("mutex") CCmMutexThreadBase {
 class CM_UTIL_EXPORT CCmMutexThreadRecursive : public CCmMutexThreadBase {
   public:
     CCmMutexThreadRecursive();
+    // For static objects.
     explicit constexpr CCmMutexThreadRecursive(CCmStaticInit)
         : CCmMutexThreadBase(pthread_mutex_t CM_RECURSIVE_MUTEX_INITIALIZER) {}
 };
@@ -62,6 +64,7 @@ class CM_UTIL_EXPORT CCmMutexThreadRecursive : public CCmMutexThreadBase {
 class CM_UTIL_EXPORT CCmMutexThread : public CCmMutexThreadBase {
   public:
     CCmMutexThread();
+    // For static objects.
     explicit constexpr CCmMutexThread(CCmStaticInit)
         : CCmMutexThreadBase(pthread_mutex_t PTHREAD_MUTEX_INITIALIZER) {}
 };
@@ -153,9 +156,11 @@ class CCmAtomicOperationT;
 // The mutex that counters name; one for the process.
 extern CM_UTIL_EXPORT CCmMutexThread s_ReferenceControlMutexThread;
 
+// The counter of several threads; it names a mutex and needs none.
 template <>
 class CCmAtomicOperationT<CCmMutexThread> {
   public:
+    // aMutex: not owned.
     explicit CCmAtomicOperationT(long aValue = 0,
                                  CCmMutexThread& aMutex = s_ReferenceControlMutexThread)
         : m_pMutex(&aMutex), m_lValue(aValue) {}
@@ -175,6 +180,7 @@ class CCmAtomicOperationT<CCmMutexThread> {
         m_lValue.store(0, std::memory_order_relaxed);
         return true;
     }
+    // May be outdated when it is read.
     long value() const { return m_lValue.load(std::memory_order_relaxed); }
     // The mutex that the counter names.
     CCmMutexThread& mutex() const { return *m_pMutex; }

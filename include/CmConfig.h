@@ -81,6 +81,7 @@ CM_UTIL_EXPORT unsigned char get_bool_param(const char* aSection, const char* aK
 
 // ---- Locations
 
+// g_def_kelto_home_dir itself.
 CM_UTIL_EXPORT char* get_kelto_home_dir();
 
 // Copies at most 512 characters of aDir into g_cur_env; exactly 512 leave it unterminated.
@@ -89,6 +90,7 @@ CM_UTIL_EXPORT void set_kelto_home_env(const char* aDir);
 // Copies aDir into g_cur_env; does nothing when it is null or longer than 510 characters.
 CM_UTIL_EXPORT void init_config(const char* aDir);
 
+// Sets g_kelto_config_file_name.
 CM_UTIL_EXPORT void set_kelto_config_file_name(CCmString const& aName);
 
 // Writes the main configuration file's path, home + "conf/" + file name, into aBuffer, of
@@ -105,6 +107,7 @@ class CM_UTIL_EXPORT CCmConfigInitFile {
     // Ignores aName and returns CM_OK; SetKeltoConfigFileName changes the file.
     CmResult InitWithFileName(CCmString const& aName);
 
+    // The value, or aDefault without one.
     int GetIntParam(CCmString const& aSection, CCmString const& aKey, int aDefault);
     unsigned int GetDwordParam(CCmString const& aSection, CCmString const& aKey,
                                unsigned int aDefault);
@@ -115,6 +118,7 @@ class CM_UTIL_EXPORT CCmConfigInitFile {
     signed char GetBoolParam(CCmString const& aSection, CCmString const& aKey,
                              signed char aDefault);
 
+    // As the functions of the same names.
     CCmString GetKeltoHomeDir();
     void SetKeltoHomeEnv(CCmString const& aDir);
     // Takes effect on every later look-up, and makes the trace facility read its settings anew.

@@ -66,6 +66,7 @@ CM_UTIL_EXPORT char* url_string_encode(char* aIn, char* aOut, int aOutSize);
 template <typename T>
 CmResult xtoa_yrk(T aValue, char* aBuf, int aSize);
 
+// The one that the library holds.
 template <>
 CM_UTIL_EXPORT CmResult xtoa_yrk<long long>(long long aValue, char* aBuf, int aSize);
 

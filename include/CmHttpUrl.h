@@ -18,6 +18,7 @@ namespace UTIL_NS {
 // boolean operation returns false, a setter changes nothing and a getter returns an empty text.
 class CM_UTIL_EXPORT CCmHttpUrl : public CCmReferenceControlT<CCmMutexNullSingleThread> {
   public:
+    // "http", "https", "file", "ws", "wss".
     static const char* const s_pszSchemeHttp;
     static const char* const s_pszSchemeHttps;
     static const char* const s_pszSchemeFile;
@@ -46,6 +47,7 @@ class CM_UTIL_EXPORT CCmHttpUrl : public CCmReferenceControlT<CCmMutexNullSingle
     // Empty: "/". Any other text is kept as it is, with or without a leading '/'.
     void SetPath(const CCmString& aPath);
 
+    // The parts as they are kept; the default port is that of the scheme, 0 without one.
     CCmString GetScheme() const;
     CCmString GetHostName() const;
     CCmString GetPath() const;
@@ -58,6 +60,7 @@ class CM_UTIL_EXPORT CCmHttpUrl : public CCmReferenceControlT<CCmMutexNullSingle
     // "host" when aAlwaysPort is 0 and the port is the default, "host:port" otherwise.
     CCmString GetNameAndPort(signed char aAlwaysPort) const;
 
+    // The names of the schemes again.
     static const char* get_pszSchemeHttp() { return s_pszSchemeHttp; }
     static const char* get_pszSchemeHttps() { return s_pszSchemeHttps; }
     static const char* get_pszSchemeFile() { return s_pszSchemeFile; }

@@ -33,6 +33,7 @@ namespace ccu {
 // Collects one text and delivers it. One thread at a time.
 class CM_UTIL_EXPORT YrktraStreamA {
   public:
+    // aLevel: of the text when it is delivered.
     explicit YrktraStreamA(unsigned long aLevel);
     // Frees nothing: flusha does.
     ~YrktraStreamA() = default;
@@ -80,8 +81,8 @@ extern CM_UTIL_EXPORT const std::codecvt<wchar_t, char, std::mbstate_t>& ccuCvte
 // "Statistic" and "State" on. As CCmT120Trace in all else.
 class CM_UTIL_EXPORT CCmT120Trace2 : public CCmT120Trace {
   public:
+    // As those of CCmT120Trace.
     static CCmT120Trace2* instance();
-
     CCmT120Trace2(const char* aName, CCmT120TraceMapEntry* aLevelTable, const char* aFileName,
                   unsigned char aSingleFile);
     ~CCmT120Trace2() override;

@@ -13,12 +13,14 @@ struct CmConditionSemaphore {
 
 #if defined(__APPLE__)
 
+// What a semaphore of this platform is made of, and how a static recursive mutex begins.
 typedef CmConditionSemaphore CmPlatformSemaphore;
 #define CM_RECURSIVE_MUTEX_INITIALIZER PTHREAD_RECURSIVE_MUTEX_INITIALIZER
 
 #else
 
 #include <semaphore.h>
+// What a semaphore of this platform is made of, and how a static recursive mutex begins.
 typedef sem_t CmPlatformSemaphore;
 #define CM_RECURSIVE_MUTEX_INITIALIZER PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP
 

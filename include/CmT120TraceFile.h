@@ -133,6 +133,7 @@ class CM_UTIL_EXPORT CCmT120TraceFileMgr {
     CCmMutexThreadRecursive m_Mutex;
 };
 
+// The one manager of the process.
 extern CM_UTIL_EXPORT CCmT120TraceFileMgr g_trace_mgr;
 
 // The module filters: re holds the compiled ones. regex_cnt is twice their number, since both

@@ -11,6 +11,7 @@
 #define CM_THREAD_ANNOTATION_(x)
 #endif
 
+// Each stands for the attribute of the same name.
 #define CM_CAPABILITY(x) CM_THREAD_ANNOTATION_(capability(x))
 #define CM_SCOPED_CAPABILITY CM_THREAD_ANNOTATION_(scoped_lockable)
 #define CM_GUARDED_BY(x) CM_THREAD_ANNOTATION_(guarded_by(x))

@@ -14,6 +14,7 @@ namespace UTIL_NS {
 // and at its negative; it never wraps. Any thread; no allocation.
 class CM_UTIL_EXPORT CCmTimeValue {
   public:
+    // Microseconds in a second.
     static constexpr long ONE_SECOND_IN_USECS = 1000000;
 
     // No time at all; what a default-constructed value is.
@@ -26,11 +27,13 @@ class CM_UTIL_EXPORT CCmTimeValue {
     explicit constexpr CCmTimeValue(long aSec, long aUsec = 0) : m_lSec(aSec), m_lUsec(aUsec) {
         Normalize();
     }
+    // The same from the system's record.
     explicit constexpr CCmTimeValue(const timeval& aTv) : CCmTimeValue(aTv.tv_sec, aTv.tv_usec) {}
 
     // The current wall-clock time (seconds since 1970, UTC).
     static CCmTimeValue GetTimeOfDay();
 
+    // Whole seconds, and the microseconds beyond them; both have the sign of the value.
     constexpr long GetSec() const { return m_lSec; }
     constexpr long GetUsec() const { return m_lUsec; }
 
@@ -41,6 +44,7 @@ class CM_UTIL_EXPORT CCmTimeValue {
     // range saturate.
     constexpr void Normalize();
 
+    // Saturate at s_tvMax and its negative.
     CCmTimeValue& operator+=(const CCmTimeValue& aRight);
     CCmTimeValue& operator-=(const CCmTimeValue& aRight);
 

@@ -81,6 +81,7 @@ class CM_UTIL_EXPORT CCmTimerQueueBase : public ICmTimerQueue {
     CCmTimeValue GetEarliestTime() const;
 
   protected:
+    // A timer that repeats without limit.
     static constexpr DWORD UNLIMITED_COUNT = 0xFFFFFFFF;
 
     // One pending timer.
@@ -120,6 +121,7 @@ class CM_UTIL_EXPORT CCmTimerQueueBase : public ICmTimerQueue {
 template <class T>
 class CCmRecyclingAllocatorT {
   public:
+    // What a container asks for.
     typedef T value_type;
 
     CCmRecyclingAllocatorT() = default;
@@ -146,6 +148,7 @@ class CCmRecyclingAllocatorT {
         }
         return static_cast<T*>(::operator new(aCount * sizeof(T)));
     }
+    // A single block is kept for the next allocation.
     void deallocate(T* aMemory, size_t aCount) noexcept {
         if (CM_LIKELY(aCount == 1)) {
             m_pFree = new (static_cast<void*>(aMemory)) FreeBlock{m_pFree};

@@ -30,6 +30,7 @@ class CM_UTIL_EXPORT CCmStopFlag : public CCmEnsureSingleThread {
   public:
     CCmStopFlag();
 
+    // Any thread.
     void SetStartFlag();
     void SetStopFlag();
     // True: stopped. Any thread; a momentarily stale value is possible.
@@ -71,8 +72,10 @@ class CM_UTIL_EXPORT CCmCleanUpBase {
 // aDst or aSrc is null. CM_ERROR_NOT_INITIALIZED: the cursor has no memory. Out-counts may be null.
 class CM_UTIL_EXPORT CCmDataBlockNoMalloc {
   public:
+    // The aLen bytes at aData; null: no memory.
     CCmDataBlockNoMalloc(const char* aData, unsigned int aLen);
 
+    // Copy up to aCount bytes out of the memory or into it, and tell how many they were.
     CmResult Read(void* aDst, unsigned int aCount, unsigned int* aBytesRead);
     CmResult Write(const void* aSrc, unsigned int aCount, unsigned int* aBytesWritten);
 

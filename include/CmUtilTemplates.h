@@ -38,6 +38,7 @@ class CM_UTIL_EXPORT CCmReferenceControlT<CCmMutexThread> {
         }
         return dwCount;
     }
+    // The count; may be outdated when it is read.
     virtual uint32_t GetReference() { return static_cast<uint32_t>(m_lCount.value()); }
     // Called when the count reaches 0; deletes the object.
     virtual void OnReferenceDestory();
@@ -59,6 +60,7 @@ class CM_UTIL_EXPORT CCmReferenceControlT<CCmMutexNullSingleThread> {
     CCmReferenceControlT(const CCmReferenceControlT&) = delete;
     CCmReferenceControlT& operator=(const CCmReferenceControlT&) = delete;
 
+    // As those of the thread-safe count.
     virtual uint32_t AddReference();
     virtual uint32_t ReleaseReference();
     virtual uint32_t GetReference();
@@ -73,11 +75,13 @@ class CM_UTIL_EXPORT CCmReferenceControlT<CCmMutexNullSingleThread> {
 template <class T>
 class CCmComAutoPtr {
   public:
+    // Takes a reference on aPtr, which may be null.
     CCmComAutoPtr(T* aPtr = nullptr) : m_pRawPtr(aPtr) {
         if (m_pRawPtr != nullptr) {
             m_pRawPtr->AddReference();
         }
     }
+    // Takes a reference on the same object.
     CCmComAutoPtr(const CCmComAutoPtr& aRight) : CCmComAutoPtr(aRight.m_pRawPtr) {}
     ~CCmComAutoPtr() {
         if (m_pRawPtr != nullptr) {
@@ -101,6 +105,7 @@ class CCmComAutoPtr {
         }
         return *this;
     }
+    // The same with the object of aRight.
     CCmComAutoPtr& operator=(const CCmComAutoPtr& aRight) { return *this = aRight.m_pRawPtr; }
 
     // Holds aPtr by the reference that the caller took on it, instead of taking one more.
@@ -112,6 +117,7 @@ class CCmComAutoPtr {
         }
     }
 
+    // The object, null without one; no reference is taken.
     operator T*() const { return m_pRawPtr; }
     T* operator->() const { return m_pRawPtr; }
     T& operator*() const { return *m_pRawPtr; }
@@ -179,6 +185,7 @@ extern template class CCmSingletonT<CRCTAbleInit>;
 // The predicate of the trimming templates: the blank (0x20) only; tabs and line ends are kept.
 class CCmIsSpace {
   public:
+    // True for a blank and nothing else.
     bool operator()(char aChar) const { return aChar == ' '; }
 };
 
@@ -193,6 +200,7 @@ void LTrimString(CCmString& aText, Predicate aPredicate) {
     aText.erase(0, nStart);
 }
 
+// Removes the characters at the end for which aPredicate holds.
 template <class Predicate>
 void RTrimString(CCmString& aText, Predicate aPredicate) {
     size_t nEnd = aText.size();
