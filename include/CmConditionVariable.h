@@ -55,6 +55,7 @@ class CM_UTIL_EXPORT CM_CAPABILITY("mutex") CCmMutexThreadBase {
 class CM_UTIL_EXPORT CCmMutexThreadRecursive : public CCmMutexThreadBase {
   public:
     CCmMutexThreadRecursive();
+    ~CCmMutexThreadRecursive() override;
     // For static objects.
     explicit constexpr CCmMutexThreadRecursive(CCmStaticInit)
         : CCmMutexThreadBase(pthread_mutex_t CM_RECURSIVE_MUTEX_INITIALIZER) {}
@@ -64,6 +65,7 @@ class CM_UTIL_EXPORT CCmMutexThreadRecursive : public CCmMutexThreadBase {
 class CM_UTIL_EXPORT CCmMutexThread : public CCmMutexThreadBase {
   public:
     CCmMutexThread();
+    ~CCmMutexThread() override;
     // For static objects.
     explicit constexpr CCmMutexThread(CCmStaticInit)
         : CCmMutexThreadBase(pthread_mutex_t PTHREAD_MUTEX_INITIALIZER) {}

@@ -4,11 +4,11 @@
 
 #include <pthread.h>
 
-// A counting semaphore made of a mutex and a condition, for platforms without unnamed ones.
+// A semaphore made of a mutex and a condition, where there are no unnamed POSIX semaphores.
 struct CmConditionSemaphore {
     pthread_mutex_t m_Mutex;
     pthread_cond_t m_Condition;
-    unsigned int m_dwCount;
+    long m_lCount;
 };
 
 #if defined(__APPLE__)

@@ -7,7 +7,6 @@
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -80,13 +79,6 @@ struct Head {
     std::string rest;
 };
 
-// time() may lag behind the clock that the lines are stamped with.
-time_t Now() {
-    timeval tvNow = {};
-    gettimeofday(&tvNow, nullptr);
-    return tvNow.tv_sec;
-}
-
 Head Parse(const std::string& aLine) {
     Head head;
     int nTimeEnd = 0;
@@ -157,9 +149,9 @@ TEST_F(Qtrace, Level_SetFirstWinsOverTheEnvironment) {
 }
 
 TEST_F(Qtrace, Line_HasTimeProcessThreadAndModuleInFront) {
-    const time_t before = Now();
+    const time_t before = time(nullptr);
     EXPECT_EQ(0, StatusOfChild([] { Write("UTIL INFO: text"); }));
-    const time_t after = Now();
+    const time_t after = time(nullptr);
     ASSERT_EQ(1u, Lines().size());
     const Head head = Parse(Lines()[0]);
     EXPECT_EQ(" [MAC] UTIL INFO: text", head.rest);

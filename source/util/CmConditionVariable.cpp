@@ -92,6 +92,8 @@ CCmMutexThreadRecursive::CCmMutexThreadRecursive() {
     }
 }
 
+CCmMutexThreadRecursive::~CCmMutexThreadRecursive() = default;
+
 CCmMutexThread::CCmMutexThread() {
     const int rv = Init(MUTEX_TYPE_DEFAULT);
     if (rv != 0) {
@@ -99,6 +101,8 @@ CCmMutexThread::CCmMutexThread() {
             "CCmMutexThread::CCmMutexThread, pthread_mutex_init() failed! err=" << rv);
     }
 }
+
+CCmMutexThread::~CCmMutexThread() = default;
 
 CCmConditionVariableThread::CCmConditionVariableThread(CCmMutexThread& aMutex)
     : m_Mutex(aMutex), m_Condition() {

@@ -1,6 +1,5 @@
 #include "CmPort.h"
 
-#include <dlfcn.h>
 #include <string.h>
 #include <unistd.h>
 
@@ -129,7 +128,7 @@ bool CmPortApplicationParentPath(char* aBuffer, size_t aSize) {
 
 bool CmPortModulePath(char* aBuffer, size_t aSize) {
     Dl_info info;
-    if (::dladdr(&s_chOfThisModule, &info) == 0 || info.dli_fname == nullptr) {
+    if (g_cmSystem.dladdr(&s_chOfThisModule, &info) == 0 || info.dli_fname == nullptr) {
         return false;
     }
     const size_t nSize = strlen(info.dli_fname) + 1;

@@ -63,6 +63,7 @@ CCmSystemTable g_cmSystem = {
     Open,
     ::read,
     ::close,
+    ::dladdr,
     ::readlink,
     Fcntl,
     ::ftruncate,

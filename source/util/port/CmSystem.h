@@ -7,6 +7,7 @@
 #ifndef CM_SYSTEM_H
 #define CM_SYSTEM_H
 
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <netdb.h>
 #include <pthread.h>
@@ -60,6 +61,7 @@ struct CCmSystemTable {
     int (*open)(const char*, int, mode_t);
     ssize_t (*read)(int, void*, size_t);
     int (*close)(int);
+    int (*dladdr)(const void*, Dl_info*);
     ssize_t (*readlink)(const char*, char*, size_t);
     int (*fcntl)(int, int, struct flock*);
     int (*ftruncate)(int, off_t);

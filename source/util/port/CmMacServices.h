@@ -1,0 +1,114 @@
+// The macOS desktop services that CmPortMac.cpp calls; internal.
+//
+// Where the system's headers are missing (a cross build), this declares just what is called, with
+// the layout that the 64-bit system defines.
+#ifndef CM_MAC_SERVICES_H
+#define CM_MAC_SERVICES_H
+
+#if __has_include(<ApplicationServices/ApplicationServices.h>)
+
+#include <ApplicationServices/ApplicationServices.h>
+#include <CoreFoundation/CoreFoundation.h>
+#include <CoreServices/CoreServices.h>
+
+#else
+
+#include <stdint.h>
+
+extern "C" {
+
+// ---- CoreFoundation
+
+typedef unsigned char Boolean;
+typedef const void* CFTypeRef;
+typedef const struct __CFAllocator* CFAllocatorRef;
+typedef const struct __CFString* CFStringRef;
+typedef const struct __CFURL* CFURLRef;
+typedef struct __CFBundle* CFBundleRef;
+typedef uint8_t UInt8;
+typedef uint32_t UInt32;
+typedef uint32_t CFStringEncoding;
+struct FSRef;
+
+void CFRelease(CFTypeRef aObject);
+CFStringEncoding CFStringGetSystemEncoding();
+CFStringRef CFStringCreateWithCString(CFAllocatorRef aAllocator, const char* aText,
+                                      CFStringEncoding aEncoding);
+CFURLRef CFURLCreateFromFSRef(CFAllocatorRef aAllocator, const FSRef* aRef);
+CFBundleRef CFBundleCreate(CFAllocatorRef aAllocator, CFURLRef aUrl);
+void* CFBundleGetFunctionPointerForName(CFBundleRef aBundle, CFStringRef aName);
+
+// ---- CoreServices: file references and item information
+
+typedef int16_t OSErr;
+typedef int32_t OSStatus;
+typedef uint16_t UniChar;
+typedef unsigned long UniCharCount;
+typedef uint32_t TextEncoding;
+typedef uint32_t FSCatalogInfoBitmap;
+typedef uint32_t LSRequestedInfo;
+struct FSCatalogInfo;
+struct FSSpec;
+
+constexpr OSErr noErr = 0;
+constexpr TextEncoding kTextEncodingUnknown = 0xFFFF;
+constexpr FSCatalogInfoBitmap kFSCatInfoNone = 0;
+constexpr LSRequestedInfo kLSRequestExtension = 1;
+
+#pragma pack(push, 2)
+struct FSRef {
+    uint8_t hidden[80];
+};
+struct HFSUniStr255 {
+    uint16_t length;
+    UniChar unicode[255];
+};
+struct LSItemInfoRecord {
+    uint32_t flags;
+    uint32_t filetype;
+    uint32_t creator;
+    CFStringRef extension;
+};
+#pragma pack(pop)
+
+OSStatus FSPathMakeRef(const uint8_t* aPath, FSRef* aRef, Boolean* aIsDirectory);
+OSStatus FSRefMakePath(const FSRef* aRef, uint8_t* aPath, uint32_t aPathSize);
+OSErr FSMakeFSRefUnicode(const FSRef* aParent, UniCharCount aNameLength, const UniChar* aName,
+                         TextEncoding aEncodingHint, FSRef* aRef);
+OSErr FSGetCatalogInfo(const FSRef* aRef, FSCatalogInfoBitmap aWhich, FSCatalogInfo* aInfo,
+                       HFSUniStr255* aName, FSSpec* aSpec, FSRef* aParent);
+OSStatus LSCopyItemInfoForRef(const FSRef* aRef, LSRequestedInfo aWhich, LSItemInfoRecord* aInfo);
+
+// ---- ApplicationServices: the process-information call
+
+struct ProcessSerialNumber {
+    uint32_t highLongOfPSN;
+    uint32_t lowLongOfPSN;
+};
+constexpr uint32_t kCurrentProcess = 2;
+
+#pragma pack(push, 2)
+struct ProcessInfoRec {
+    uint32_t processInfoLength;
+    unsigned char* processName;
+    ProcessSerialNumber processNumber;
+    uint32_t processType;
+    uint32_t processSignature;
+    uint32_t processMode;
+    char* processLocation;
+    uint32_t processSize;
+    uint32_t processFreeMem;
+    ProcessSerialNumber processLauncher;
+    uint32_t processLaunchDate;
+    uint32_t processActiveTime;
+    FSRef* processAppRef;
+};
+#pragma pack(pop)
+
+OSErr GetProcessInformation(const ProcessSerialNumber* aProcess, ProcessInfoRec* aInfo);
+
+}  // extern "C"
+
+#endif
+
+#endif  // CM_MAC_SERVICES_H

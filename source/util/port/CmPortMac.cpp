@@ -1,0 +1,149 @@
+#include "CmPort.h"
+
+#include <string.h>
+
+#include <memory>
+#include <new>
+
+#include "CmInterfaceRecord.h"
+#include "CmMacServices.h"
+#include "CmSystem.h"
+
+#if defined(__clang__)
+// The file reference services are deprecated; their successors know no item information.
+#pragma clang diagnostic ignored "-Wdeprecated-declarations"
+#endif
+
+namespace UTIL_NS {
+
+namespace {
+
+static_assert(sizeof(ProcessInfoRec) == 72, "the record length that the service expects");
+static_assert(CM_PORT_NAME_UNITS == sizeof(HFSUniStr255::unicode) / sizeof(UniChar),
+              "a catalog name must fit");
+
+// An object of the library's own, for the loader to look up.
+const char s_chOfThisModule = 0;
+
+// Holds what a Create or Copy function returned, possibly null, and releases it.
+template <class Reference>
+class ScopedReference {
+  public:
+    explicit ScopedReference(Reference aReference) : m_reference(aReference) {}
+    ~ScopedReference() {
+        if (m_reference != nullptr) {
+            CFRelease(m_reference);
+        }
+    }
+    ScopedReference(const ScopedReference&) = delete;
+    ScopedReference& operator=(const ScopedReference&) = delete;
+
+    Reference get() const { return m_reference; }
+
+  private:
+    const Reference m_reference;
+};
+
+// The file of the running application.
+bool ApplicationReference(FSRef& aApplication) {
+    const ProcessSerialNumber current = {0, kCurrentProcess};
+    ProcessInfoRec info;
+    memset(&info, 0, sizeof(info));
+    info.processInfoLength = sizeof(info);
+    info.processAppRef = &aApplication;
+    return GetProcessInformation(&current, &info) == noErr;
+}
+
+bool PathReference(const char* aPath, FSRef& aReference) {
+    return FSPathMakeRef(reinterpret_cast<const UInt8*>(aPath), &aReference, nullptr) == noErr;
+}
+
+}  // namespace
+
+size_t CmPortExecutableName(uint16_t (&aUnits)[CM_PORT_NAME_UNITS]) {
+    FSRef application;
+    HFSUniStr255 name;
+    if (!ApplicationReference(application) ||
+        FSGetCatalogInfo(&application, kFSCatInfoNone, nullptr, &name, nullptr, nullptr) != noErr) {
+        return 0;
+    }
+    const size_t nUnits = name.length < CM_PORT_NAME_UNITS ? name.length : CM_PORT_NAME_UNITS;
+    memcpy(aUnits, name.unicode, nUnits * sizeof(uint16_t));
+    return nUnits;
+}
+
+// Four references, each made from the one before as its parent and a name of NULs.
+bool CmPortApplicationParentPath(char* aBuffer, size_t aSize) {
+    constexpr int LEVELS = 4;
+    FSRef reference;
+    if (!ApplicationReference(reference)) {
+        return false;
+    }
+    {
+        const std::unique_ptr<UniChar[]> pName(new (std::nothrow) UniChar[aSize]);
+        if (pName == nullptr) {
+            return false;
+        }
+        for (int i = 0; i < LEVELS; ++i) {
+            memset(pName.get(), 0, aSize * sizeof(UniChar));
+            if (FSMakeFSRefUnicode(&reference, aSize, pName.get(), kTextEncodingUnknown,
+                                   &reference) != noErr) {
+                return false;
+            }
+        }
+    }
+    return FSRefMakePath(&reference, reinterpret_cast<UInt8*>(aBuffer),
+                         static_cast<UInt32>(aSize)) == noErr;
+}
+
+bool CmPortModulePath(char* aBuffer, size_t aSize) {
+    Dl_info info;
+    if (g_cmSystem.dladdr(&s_chOfThisModule, &info) == 0 || info.dli_fname == nullptr) {
+        return false;
+    }
+    const size_t nSize = strlen(info.dli_fname) + 1;
+    if (nSize > aSize) {
+        return false;
+    }
+    memcpy(aBuffer, info.dli_fname, nSize);
+    return true;
+}
+
+CmPortItem CmPortItemInformation(const char* aPath) {
+    FSRef reference;
+    LSItemInfoRecord info;
+    memset(&info, 0, sizeof(info));
+    if (!PathReference(aPath, reference) ||
+        LSCopyItemInfoForRef(&reference, kLSRequestExtension, &info) != noErr) {
+        return CmPortItem::UNKNOWN;
+    }
+    const ScopedReference<CFStringRef> extension(info.extension);
+    return extension.get() != nullptr ? CmPortItem::WITH_EXTENSION : CmPortItem::WITHOUT_EXTENSION;
+}
+
+void* CmPortBundleCreate(const char* aPath) {
+    FSRef reference;
+    if (!PathReference(aPath, reference)) {
+        return nullptr;
+    }
+    const ScopedReference<CFURLRef> url(CFURLCreateFromFSRef(nullptr, &reference));
+    return url.get() != nullptr ? CFBundleCreate(nullptr, url.get()) : nullptr;
+}
+
+void* CmPortBundleFunction(void* aBundle, const char* aName) {
+    const ScopedReference<CFStringRef> name(
+        CFStringCreateWithCString(nullptr, aName, CFStringGetSystemEncoding()));
+    return name.get() != nullptr
+               ? CFBundleGetFunctionPointerForName(static_cast<CFBundleRef>(aBundle), name.get())
+               : nullptr;
+}
+
+void CmPortBundleRelease(void* aBundle) {
+    CFRelease(static_cast<CFBundleRef>(aBundle));
+}
+
+size_t CmPortReadInterface(const char* aRecords, size_t aLength, CmPortInterface& aInterface) {
+    return CmReadInterface<CCmVariableInterfaceRecord>(aRecords, aLength, aInterface);
+}
+
+}  // namespace UTIL_NS

@@ -1,0 +1,283 @@
+// The library with its macOS platform file, over fakes of the services that this file calls.
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <string.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include "CmAddress.h"
+#include "CmConfig.h"
+#include "CmT120Trace.h"
+#include "CmUtilMisc.h"
+#include "port/CmPort.h"
+#include "support/Faults.h"
+#include "support/MacServices.h"
+#include "support/TraceSink.h"
+
+namespace UTIL_NS {
+
+// The platform's semaphores have a suite of their own; here the system's serve.
+int CmPortSemaphoreInit(CmPlatformSemaphore* aSemaphore, int aShared, unsigned aCount) {
+    return ::sem_init(aSemaphore, aShared, aCount);
+}
+int CmPortSemaphoreDestroy(CmPlatformSemaphore* aSemaphore) {
+    return ::sem_destroy(aSemaphore);
+}
+int CmPortSemaphoreWait(CmPlatformSemaphore* aSemaphore) {
+    return ::sem_wait(aSemaphore);
+}
+int CmPortSemaphorePost(CmPlatformSemaphore* aSemaphore) {
+    return ::sem_post(aSemaphore);
+}
+
+namespace {
+
+using kelto_test::MacService;
+using kelto_test::ScopedEntry;
+using kelto_test::ScopedMacServices;
+
+constexpr char APPLICATION[] = "/Applications/Host.app/Contents/MacOS/Host";
+constexpr char FRAMEWORK[] = "/Apps/util.framework/Versions/A/util";
+constexpr char PLAIN[] = "/Apps/lib/util.dylib";
+constexpr char BUNDLE[] = "/Apps/lib/yrktrace.bundle";
+
+// ---- The executable's name
+
+std::u16string ExecutableName() {
+    uint16_t awUnits[CM_PORT_NAME_UNITS];
+    const size_t nUnits = CmPortExecutableName(awUnits);
+    return std::u16string(awUnits, awUnits + nUnits);
+}
+
+TEST(CmPortMacName, Name_ComesFromTheCatalog) {
+    ScopedMacServices services;
+    services.SetApplication(APPLICATION, u"Host");
+    EXPECT_EQ(u"Host", ExecutableName());
+}
+
+TEST(CmPortMacName, NonAsciiName_IsKeptUnitByUnit) {
+    ScopedMacServices services;
+    services.SetApplication(APPLICATION, u"\u4E2D\u00E9\U0001F600");
+    EXPECT_EQ(u"\u4E2D\u00E9\U0001F600", ExecutableName());
+}
+
+TEST(CmPortMacName, LongestName_Fits) {
+    ScopedMacServices services;
+    services.SetApplication(APPLICATION, std::u16string(255, u'n'));
+    EXPECT_EQ(std::u16string(255, u'n'), ExecutableName());
+}
+
+TEST(CmPortMacName, EachFailingService_GivesNoName) {
+    for (const MacService service :
+         {MacService::GET_PROCESS_INFORMATION, MacService::FS_GET_CATALOG_INFO}) {
+        ScopedMacServices services;
+        services.SetApplication(APPLICATION, u"Host");
+        services.Fail(service);
+        EXPECT_EQ(u"", ExecutableName());
+    }
+}
+
+// Runs aCheck in a new process, in which the name has not been read yet.
+#define EXPECT_NAMED(aName, aService, aCheck)           \
+    do {                                                \
+        GTEST_FLAG_SET(death_test_style, "threadsafe"); \
+        EXPECT_EXIT(                                    \
+            {                                           \
+                ScopedMacServices services;             \
+                services.SetApplication("/a", aName);   \
+                services.Fail(aService);                \
+                _exit((aCheck) ? 0 : 1);                \
+            },                                          \
+            testing::ExitedWithCode(0), "");            \
+    } while (0)
+
+TEST(CmPortMacName, AsciiName_ReadsAsItsFirstCharacter) {
+    EXPECT_NAMED(u"agent", MacService::NONE, strcmp(get_exec_name(), "a") == 0);
+}
+
+TEST(CmPortMacName, NonAsciiName_ReadsAsItsBytes) {
+    EXPECT_NAMED(u"\u4E2D\u6587", MacService::NONE,
+                 strcmp(get_exec_name(), "\x2D\x4E\x87\x65") == 0);
+}
+
+TEST(CmPortMacName, UnknownName_ReadsAsEmpty) {
+    EXPECT_NAMED(u"agent", MacService::FS_GET_CATALOG_INFO, strcmp(get_exec_name(), "") == 0);
+}
+
+// ---- The application's parent path
+
+TEST(CmPortMacParentPath, Path_IsMadeInFourSteps) {
+    ScopedMacServices services;
+    services.SetApplication(APPLICATION, u"Host");
+    char szPath[64];
+    EXPECT_EQ(13, MMP_GetCurrentModuleParentPath(szPath, sizeof(szPath)));
+    EXPECT_STREQ("/Applications", szPath);
+    EXPECT_EQ((std::vector<unsigned long>{64, 64, 64, 64}), services.name_lengths());
+}
+
+TEST(CmPortMacParentPath, PathThatDoesNotFit_IsAFailure) {
+    ScopedMacServices services;
+    services.SetApplication(APPLICATION, u"Host");
+    char szPath[14];
+    EXPECT_EQ(13, MMP_GetCurrentModuleParentPath(szPath, 14));
+    EXPECT_EQ(0, MMP_GetCurrentModuleParentPath(szPath, 13));
+}
+
+TEST(CmPortMacParentPath, EachFailingService_IsAFailure) {
+    struct {
+        MacService service;
+        int nth;
+    } const rows[] = {
+        {MacService::GET_PROCESS_INFORMATION, 1},
+        {MacService::FS_MAKE_FSREF_UNICODE, 1},
+        {MacService::FS_MAKE_FSREF_UNICODE, 4},
+        {MacService::FS_REF_MAKE_PATH, 1},
+    };
+    for (const auto& row : rows) {
+        const long lBefore = kelto_test::LiveAllocations();
+        {
+            ScopedMacServices services;
+            services.SetApplication(APPLICATION, u"Host");
+            services.Fail(row.service, row.nth);
+            char szPath[64];
+            EXPECT_EQ(0, MMP_GetCurrentModuleParentPath(szPath, sizeof(szPath)));
+        }
+        EXPECT_EQ(lBefore, kelto_test::LiveAllocations());
+    }
+}
+
+TEST(CmPortMacParentPath, NoMemory_IsAFailure) {
+    ScopedMacServices services;
+    services.SetApplication(APPLICATION, u"Host");
+    char szPath[8];
+    kelto_test::ScopedAllocationFault fault(1, kelto_test::Failing::FROM_THERE_ON);
+    EXPECT_FALSE(CmPortApplicationParentPath(szPath, sizeof(szPath)));
+}
+
+// ---- The module's path and its item information
+
+const char* s_pModule = nullptr;
+int FakeDladdr(const void* /*aAddress*/, Dl_info* aInfo) {
+    aInfo->dli_fname = s_pModule;
+    return s_pModule != nullptr ? 1 : 0;
+}
+
+class CmPortMacModule : public testing::Test {
+  protected:
+    CmPortMacModule() : m_entry(g_cmSystem.dladdr, FakeDladdr) { s_pModule = PLAIN; }
+
+    ScopedMacServices m_services;
+
+  private:
+    ScopedEntry<decltype(g_cmSystem.dladdr)> m_entry;
+};
+
+TEST_F(CmPortMacModule, Path_ComesFromTheLoader) {
+    char szPath[sizeof(PLAIN)];
+    EXPECT_TRUE(CmPortModulePath(szPath, sizeof(szPath)));
+    EXPECT_STREQ(PLAIN, szPath);
+    EXPECT_FALSE(CmPortModulePath(szPath, sizeof(szPath) - 1));
+    s_pModule = nullptr;
+    EXPECT_FALSE(CmPortModulePath(szPath, sizeof(szPath)));
+}
+
+TEST_F(CmPortMacModule, ItemInformation_TellsTheExtension) {
+    m_services.AddFile(PLAIN);
+    m_services.AddFile(FRAMEWORK);
+    EXPECT_EQ(CmPortItem::WITH_EXTENSION, CmPortItemInformation(PLAIN));
+    EXPECT_EQ(CmPortItem::WITHOUT_EXTENSION, CmPortItemInformation(FRAMEWORK));
+    EXPECT_EQ(CmPortItem::UNKNOWN, CmPortItemInformation("/Apps/missing.dylib"));
+    m_services.Fail(MacService::LS_COPY_ITEM_INFO);
+    EXPECT_EQ(CmPortItem::UNKNOWN, CmPortItemInformation(PLAIN));
+}
+
+// The trace facility looks for its bundle as it is constructed.
+class CmPortMacBundle : public CmPortMacModule {
+  protected:
+    // The last path of which a reference was wanted.
+    std::string SearchedFrom(const char* aModule) {
+        s_pModule = aModule;
+        CCmT120TraceMapEntry table[28] = {};
+        { CCmT120Trace facility("Test", table, nullptr, 0); }
+        EXPECT_EQ(0u, m_services.objects());
+        return m_services.wanted().empty() ? "" : m_services.wanted().back();
+    }
+};
+
+TEST_F(CmPortMacBundle, PlainLibrary_HasItBesideItself) {
+    m_services.AddFile(PLAIN);
+    EXPECT_EQ(BUNDLE, SearchedFrom(PLAIN));
+}
+
+TEST_F(CmPortMacBundle, Framework_HasItBesideThePackage) {
+    m_services.AddFile(FRAMEWORK);
+    EXPECT_EQ("/Apps/yrktrace.bundle", SearchedFrom(FRAMEWORK));
+}
+
+TEST_F(CmPortMacBundle, UnknownItem_IsTakenForAPlainLibrary) {
+    EXPECT_EQ("/Apps/util.framework/Versions/A/yrktrace.bundle", SearchedFrom(FRAMEWORK));
+}
+
+TEST_F(CmPortMacBundle, TooShortAPath_HasNone) {
+    m_services.AddFile("/A/util");
+    EXPECT_EQ("/A/util", SearchedFrom("/A/util")) << "only the item itself was looked at";
+}
+
+TEST_F(CmPortMacBundle, NonAsciiDirectory_IsKept) {
+    EXPECT_EQ("/\xE4\xB8\xAD/yrktrace.bundle", SearchedFrom("/\xE4\xB8\xAD/util.dylib"));
+}
+
+TEST_F(CmPortMacBundle, MissingBundle_IsNull) {
+    EXPECT_EQ(nullptr, CmPortBundleCreate(BUNDLE));
+}
+
+TEST_F(CmPortMacBundle, PathThatIsNoBundle_IsNull) {
+    m_services.AddFile(BUNDLE);
+    EXPECT_EQ(nullptr, CmPortBundleCreate(BUNDLE));
+    EXPECT_EQ(0u, m_services.objects());
+}
+
+TEST_F(CmPortMacBundle, Function_IsFoundByName) {
+    m_services.AddBundle(BUNDLE, {"YRKINFO2"});
+    void* const hBundle = CmPortBundleCreate(BUNDLE);
+    ASSERT_NE(nullptr, hBundle);
+    EXPECT_EQ(1u, m_services.objects()) << "the bundle alone";
+    EXPECT_NE(nullptr, CmPortBundleFunction(hBundle, "YRKINFO2"));
+    EXPECT_EQ(nullptr, CmPortBundleFunction(hBundle, "YRKWARN2"));
+    EXPECT_EQ(1u, m_services.objects());
+    m_services.Fail(MacService::CF_STRING_CREATE);
+    EXPECT_EQ(nullptr, CmPortBundleFunction(hBundle, "YRKINFO2"));
+    CmPortBundleRelease(hBundle);
+    EXPECT_EQ(0u, m_services.objects());
+}
+
+TEST_F(CmPortMacBundle, EachFailingService_GivesNone) {
+    m_services.AddBundle(BUNDLE, {});
+    for (const MacService service :
+         {MacService::FS_PATH_MAKE_REF, MacService::CF_URL_CREATE, MacService::CF_BUNDLE_CREATE}) {
+        m_services.Fail(service);
+        EXPECT_EQ(nullptr, CmPortBundleCreate(BUNDLE));
+        EXPECT_EQ(0u, m_services.objects());
+    }
+}
+
+TEST_F(CmPortMacBundle, Facility_KeepsItUntilClose) {
+    m_services.AddFile(PLAIN);
+    m_services.AddBundle(BUNDLE, {"YRKDEBUG2", "YRKINFO2", "YRKWARN2", "YRKERROR2"});
+    CCmT120TraceMapEntry table[28] = {};
+    CCmT120Trace facility("Test", table, nullptr, 0);
+    EXPECT_EQ(1u, m_services.objects());
+    facility.Close();
+    EXPECT_EQ(0u, m_services.objects());
+}
+
+TEST_F(CmPortMacBundle, Facility_ReleasesItAtItsEnd) {
+    m_services.AddFile(PLAIN);
+    m_services.AddBundle(BUNDLE, {});
+    EXPECT_EQ(BUNDLE, SearchedFrom(PLAIN));
+}
+
+}  // namespace
+}  // namespace UTIL_NS
