@@ -1,0 +1,16 @@
+# Toolchain for building for macOS on Linux x86-64. build/mac/get-tools gets the compiler; the
+# frameworks are linked through the text stubs in build/mac/stubs.
+set(CMAKE_SYSTEM_NAME Darwin)
+set(CMAKE_SYSTEM_PROCESSOR x86_64)
+set(CMAKE_CXX_COMPILER "${CMAKE_CURRENT_LIST_DIR}/mac-c++")
+set(CMAKE_AR "${CMAKE_CURRENT_LIST_DIR}/mac-ar")
+set(CMAKE_RANLIB "${CMAKE_CURRENT_LIST_DIR}/mac-ranlib")
+set(CMAKE_INSTALL_NAME_TOOL llvm-install-name-tool CACHE STRING "")
+set(CMAKE_USER_MAKE_RULES_OVERRIDE "${CMAKE_CURRENT_LIST_DIR}/cross-rules.cmake")
+set(CMAKE_OSX_SYSROOT "" CACHE STRING "")
+set(CMAKE_OSX_DEPLOYMENT_TARGET 10.13 CACHE STRING "")
+set(CMAKE_CXX_FLAGS_INIT "-fno-sanitize=undefined")
+set(CMAKE_SHARED_LINKER_FLAGS_INIT
+  "-F${CMAKE_CURRENT_LIST_DIR}/stubs -nostdlib++ ${CMAKE_CURRENT_LIST_DIR}/../../out/mac-tools/libc++.tbd")
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(KELTO_TOOLCHAIN_SOURCES "${CMAKE_CURRENT_LIST_DIR}/cpu_model.cpp")
