@@ -4,11 +4,11 @@
 
 #include <pthread.h>
 
-// A semaphore made of a mutex and a condition, where there are no unnamed POSIX semaphores.
+// A counting semaphore made of a mutex and a condition, for platforms without unnamed ones.
 struct CmConditionSemaphore {
     pthread_mutex_t m_Mutex;
     pthread_cond_t m_Condition;
-    long m_lCount;
+    unsigned int m_dwCount;
 };
 
 #if defined(__APPLE__)

@@ -11,6 +11,7 @@
 #include "CmConfig.h"
 #include "CmT120Trace.h"
 #include "CmUtilMisc.h"
+#include "port/CmConditionSemaphore.h"
 #include "port/CmPort.h"
 #include "support/Faults.h"
 #include "support/MacServices.h"
@@ -18,7 +19,7 @@
 
 namespace UTIL_NS {
 
-// The platform's semaphores have a suite of their own; here the system's serve.
+// What the rest of the library uses here.
 int CmPortSemaphoreInit(CmPlatformSemaphore* aSemaphore, int aShared, unsigned aCount) {
     return ::sem_init(aSemaphore, aShared, aCount);
 }
@@ -42,6 +43,19 @@ constexpr char APPLICATION[] = "/Applications/Host.app/Contents/MacOS/Host";
 constexpr char FRAMEWORK[] = "/Apps/util.framework/Versions/A/util";
 constexpr char PLAIN[] = "/Apps/lib/util.dylib";
 constexpr char BUNDLE[] = "/Apps/lib/yrktrace.bundle";
+
+// ---- Semaphores
+
+TEST(CmPortMacSemaphore, Calls_CountAMutexAndAConditionUpAndDown) {
+    CmConditionSemaphore semaphore;
+    EXPECT_EQ(0, CmPortSemaphoreInit(&semaphore, 0, 1));
+    EXPECT_EQ(1u, semaphore.m_dwCount);
+    EXPECT_EQ(0, CmPortSemaphoreWait(&semaphore));
+    EXPECT_EQ(0u, semaphore.m_dwCount);
+    EXPECT_EQ(0, CmPortSemaphorePost(&semaphore));
+    EXPECT_EQ(1u, semaphore.m_dwCount);
+    EXPECT_EQ(0, CmPortSemaphoreDestroy(&semaphore));
+}
 
 // ---- The executable's name
 

@@ -7,6 +7,7 @@
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -79,6 +80,13 @@ struct Head {
     std::string rest;
 };
 
+// time() may lag behind the clock that the lines are stamped with.
+time_t Now() {
+    timeval tvNow = {};
+    gettimeofday(&tvNow, nullptr);
+    return tvNow.tv_sec;
+}
+
 Head Parse(const std::string& aLine) {
     Head head;
     int nTimeEnd = 0;
@@ -149,9 +157,9 @@ TEST_F(Qtrace, Level_SetFirstWinsOverTheEnvironment) {
 }
 
 TEST_F(Qtrace, Line_HasTimeProcessThreadAndModuleInFront) {
-    const time_t before = time(nullptr);
+    const time_t before = Now();
     EXPECT_EQ(0, StatusOfChild([] { Write("UTIL INFO: text"); }));
-    const time_t after = time(nullptr);
+    const time_t after = Now();
     ASSERT_EQ(1u, Lines().size());
     const Head head = Parse(Lines()[0]);
     EXPECT_EQ(" [MAC] UTIL INFO: text", head.rest);

@@ -1,14 +1,106 @@
-// A counting semaphore made of a mutex and a condition, for platforms without unnamed POSIX
-// semaphores; internal. Those list CmConditionSemaphore.cpp beside their CmPort file.
+// The semaphore of platforms that have no unnamed ones, made of a mutex and a condition; internal.
+//
+// The four functions behave as sem_init, sem_destroy, sem_wait and sem_post: 0, or -1 with errno
+// set. A wait is a cancellation point and never ends for a signal.
 #ifndef CM_CONDITION_SEMAPHORE_H
 #define CM_CONDITION_SEMAPHORE_H
 
+#include <errno.h>
+#include <limits.h>
+
 #include "CmPlatform.h"
+#include "CmSystem.h"
 
 namespace UTIL_NS {
 
-// As sem_init and its kind: 0, or -1 with errno set. A wait is not interrupted by signals, and is
-// a cancellation point. aShared: must be 0 (ENOSYS).
+// The mutex of a semaphore, held.
+class CCmConditionSemaphoreLock {
+  public:
+    explicit CCmConditionSemaphoreLock(pthread_mutex_t& aMutex)
+        : m_Mutex(aMutex), m_nError(g_cmSystem.pthread_mutex_lock(&aMutex)) {}
+    ~CCmConditionSemaphoreLock() {
+        if (m_nError == 0) {
+            g_cmSystem.pthread_mutex_unlock(&m_Mutex);
+        }
+    }
+    CCmConditionSemaphoreLock(const CCmConditionSemaphoreLock&) = delete;
+    CCmConditionSemaphoreLock& operator=(const CCmConditionSemaphoreLock&) = delete;
+
+    int error() const { return m_nError; }
+
+  private:
+    pthread_mutex_t& m_Mutex;
+    const int m_nError;
+};
+
+// What the calls of POSIX threads return, in the form of the semaphore calls.
+inline int CmResultToErrno(int aError) {
+    if (aError == 0) {
+        return 0;
+    }
+    errno = aError;
+    return -1;
+}
+
+inline int CmConditionSemaphoreInit(CmConditionSemaphore* aSemaphore, unsigned int aCount) {
+    if (aCount > INT_MAX) {
+        return CmResultToErrno(EINVAL);
+    }
+    int rv = g_cmSystem.pthread_mutex_init(&aSemaphore->m_Mutex, nullptr);
+    if (rv != 0) {
+        return CmResultToErrno(rv);
+    }
+    rv = g_cmSystem.pthread_cond_init(&aSemaphore->m_Condition, nullptr);
+    if (rv != 0) {
+        g_cmSystem.pthread_mutex_destroy(&aSemaphore->m_Mutex);
+        return CmResultToErrno(rv);
+    }
+    aSemaphore->m_dwCount = aCount;
+    return 0;
+}
+
+inline int CmConditionSemaphoreDestroy(CmConditionSemaphore* aSemaphore) {
+    const int rvCondition = g_cmSystem.pthread_cond_destroy(&aSemaphore->m_Condition);
+    const int rvMutex = g_cmSystem.pthread_mutex_destroy(&aSemaphore->m_Mutex);
+    return CmResultToErrno(rvCondition != 0 ? rvCondition : rvMutex);
+}
+
+inline void CmUnlockSemaphore(void* aMutex) {
+    g_cmSystem.pthread_mutex_unlock(static_cast<pthread_mutex_t*>(aMutex));
+}
+
+inline int CmConditionSemaphoreWait(CmConditionSemaphore* aSemaphore) {
+    int rv = g_cmSystem.pthread_mutex_lock(&aSemaphore->m_Mutex);
+    if (rv != 0) {
+        return CmResultToErrno(rv);
+    }
+    // A thread that is cancelled while it waits holds the mutex and gives it back here: not every
+    // platform runs destructors then.
+    pthread_cleanup_push(CmUnlockSemaphore, &aSemaphore->m_Mutex);
+    while (rv == 0 && aSemaphore->m_dwCount == 0) {
+        rv = g_cmSystem.pthread_cond_wait(&aSemaphore->m_Condition, &aSemaphore->m_Mutex);
+    }
+    if (rv == 0) {
+        --aSemaphore->m_dwCount;
+    }
+    pthread_cleanup_pop(1);
+    return CmResultToErrno(rv);
+}
+
+inline int CmConditionSemaphorePost(CmConditionSemaphore* aSemaphore) {
+    CCmConditionSemaphoreLock lock(aSemaphore->m_Mutex);
+    if (lock.error() != 0) {
+        return CmResultToErrno(lock.error());
+    }
+    if (aSemaphore->m_dwCount == INT_MAX) {
+        return CmResultToErrno(EOVERFLOW);
+    }
+    ++aSemaphore->m_dwCount;
+    return CmResultToErrno(g_cmSystem.pthread_cond_signal(&aSemaphore->m_Condition));
+}
+
+// The platform's semaphores (CmPort.h) by these; where they are the ones in use, the platform file
+// defines them.
 int CmPortSemaphoreInit(CmConditionSemaphore* aSemaphore, int aShared, unsigned aCount);
 int CmPortSemaphoreDestroy(CmConditionSemaphore* aSemaphore);
 int CmPortSemaphoreWait(CmConditionSemaphore* aSemaphore);

@@ -67,8 +67,8 @@ struct CmPortInterface {
 size_t CmPortReadInterface(const char* aRecords, size_t aLength, CmPortInterface& aInterface);
 
 // A counting semaphore: as sem_init, sem_destroy, sem_wait and sem_post, 0 or -1 with errno set.
-// The units call them through g_cmSystem. CmConditionSemaphore.cpp supplies them where the system
-// has no unnamed semaphores.
+// The units call them through g_cmSystem. CmConditionSemaphore.h serves where the system has no
+// unnamed semaphores.
 int CmPortSemaphoreInit(CmPlatformSemaphore* aSemaphore, int aShared, unsigned aCount);
 int CmPortSemaphoreDestroy(CmPlatformSemaphore* aSemaphore);
 int CmPortSemaphoreWait(CmPlatformSemaphore* aSemaphore);

@@ -5,6 +5,7 @@
 #include <memory>
 #include <new>
 
+#include "CmConditionSemaphore.h"
 #include "CmInterfaceRecord.h"
 #include "CmMacServices.h"
 #include "CmSystem.h"
@@ -144,6 +145,22 @@ void CmPortBundleRelease(void* aBundle) {
 
 size_t CmPortReadInterface(const char* aRecords, size_t aLength, CmPortInterface& aInterface) {
     return CmReadInterface<CCmVariableInterfaceRecord>(aRecords, aLength, aInterface);
+}
+
+int CmPortSemaphoreInit(CmConditionSemaphore* aSemaphore, int /*aShared*/, unsigned aCount) {
+    return CmConditionSemaphoreInit(aSemaphore, aCount);
+}
+
+int CmPortSemaphoreDestroy(CmConditionSemaphore* aSemaphore) {
+    return CmConditionSemaphoreDestroy(aSemaphore);
+}
+
+int CmPortSemaphoreWait(CmConditionSemaphore* aSemaphore) {
+    return CmConditionSemaphoreWait(aSemaphore);
+}
+
+int CmPortSemaphorePost(CmConditionSemaphore* aSemaphore) {
+    return CmConditionSemaphorePost(aSemaphore);
 }
 
 }  // namespace UTIL_NS
