@@ -57,3 +57,10 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/kelto_util.pc
 install(FILES README.md CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT Documentation)
 install(DIRECTORY docs/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/docs COMPONENT Documentation
   FILES_MATCHING PATTERN "*.md" PATTERN "*.svg")
+
+# gdb loads what lies beside a library under the library's name, if it trusts the directory.
+set(KELTO_GDB_DIR ${CMAKE_INSTALL_LIBDIR} CACHE STRING "Where the gdb printers go")
+if(NOT APPLE)
+  install(FILES tools/gdb/kelto_util-gdb.py DESTINATION ${KELTO_GDB_DIR}
+    RENAME libkelto_util.so.${PROJECT_VERSION}-gdb.py COMPONENT Development)
+endif()
