@@ -57,6 +57,46 @@ TEST(CmPortMacSemaphore, Calls_CountAMutexAndAConditionUpAndDown) {
     EXPECT_EQ(0, CmPortSemaphoreDestroy(&semaphore));
 }
 
+// ---- Interfaces
+
+// Two interfaces as macOS reports them: one with a longer address ahead of its IPv4 one.
+int MadeUpIoctl(int /*aFile*/, unsigned long aRequest, void* aArgument) {
+    if (aRequest == SIOCGIFFLAGS) {
+        static_cast<ifreq*>(aArgument)->ifr_flags = IFF_UP;
+        return 0;
+    }
+    const struct {
+        const char* name;
+        unsigned char length;
+        unsigned char family;
+        unsigned char last;
+    } rows[] = {{"lo0", 28, 30, 9}, {"lo0", 16, AF_INET, 1}, {"en0", 16, AF_INET, 2}};
+    ifconf* const pQuery = static_cast<ifconf*>(aArgument);
+    char* p = pQuery->ifc_buf;
+    for (const auto& row : rows) {
+        memset(p, 0, 16u + row.length);
+        strcpy(p, row.name);
+        p[16] = static_cast<char>(row.length);
+        p[17] = static_cast<char>(row.family);
+        p[20] = 10;
+        p[23] = static_cast<char>(row.last);
+        p += 16 + row.length;
+    }
+    pQuery->ifc_len = static_cast<int>(p - pQuery->ifc_buf);
+    return 0;
+}
+
+TEST(CmPortMacInterfaces, List_IsReadFromRecordsOfTheirOwnLengths) {
+    ScopedEntry<decltype(g_cmSystem.ioctl)> entry(g_cmSystem.ioctl, MadeUpIoctl);
+    kelto_test::ScopedTraceSink sink;
+    local_addr* pList = nullptr;
+    EXPECT_EQ(0, get_local_addr(&pList));
+    free_local_addr(pList);
+    ASSERT_EQ(2u, sink.lines().size());
+    EXPECT_EQ("UTIL INFO: addr is: 10.0.0.1", sink.lines()[0].text);
+    EXPECT_EQ("UTIL INFO: addr is: 10.0.0.2", sink.lines()[1].text);
+}
+
 // ---- The executable's name
 
 std::u16string ExecutableName() {
