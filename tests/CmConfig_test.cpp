@@ -846,82 +846,6 @@ TEST(CmConfigLocation, ConfigFileName_IsReplaced) {
 
 // ---- Names
 
-// What readlink("/proc/self/exe") gives.
-std::string s_sExecutable;
-ssize_t FakeReadlink(const char* /*aPath*/, char* aBuffer, size_t aSize) {
-    const size_t nLength = std::min(aSize, s_sExecutable.size());
-    memcpy(aBuffer, s_sExecutable.data(), nLength);
-    return static_cast<ssize_t>(nLength);
-}
-
-// Runs aCheck in a new process in which the name has not been read yet.
-#define EXPECT_WITH_EXECUTABLE(aPath, aCheck)           \
-    do {                                                \
-        GTEST_FLAG_SET(death_test_style, "threadsafe"); \
-        EXPECT_EXIT(                                    \
-            {                                           \
-                s_sExecutable = (aPath);                \
-                g_cmSystem.readlink = FakeReadlink;     \
-                _exit((aCheck) ? 0 : 1);                \
-            },                                          \
-            testing::ExitedWithCode(0), "");            \
-    } while (0)
-
-bool IsText(const char* aExpected, const char* aActual) {
-    if (strcmp(aExpected, aActual) != 0) {
-        fprintf(stderr, "got \"%s\"\n", aActual);
-    }
-    return strcmp(aExpected, aActual) == 0;
-}
-
-TEST(CmConfigExecName, AsciiName_ReadsAsItsFirstCharacter) {
-    EXPECT_WITH_EXECUTABLE("/opt/bin/agent", IsText("a", get_exec_name()));
-    EXPECT_WITH_EXECUTABLE("/opt/bin/agent",
-                           memcmp(get_exec_name(), "a\0g\0e\0n\0t\0\0\0", 12) == 0);
-    EXPECT_WITH_EXECUTABLE("/opt/bin/agent", IsText("a", get_process_name()));
-}
-
-TEST(CmConfigExecName, OtherNames_AreConvertedFirst) {
-    // U+4E2D, U+6587 and U+E9: the bytes 2D 4E 87 65 E9 00.
-    EXPECT_WITH_EXECUTABLE("/opt/\xE4\xB8\xAD\xE6\x96\x87\xC3\xA9",
-                           IsText("\x2D\x4E\x87\x65\xE9", get_exec_name()));
-    // U+1F600 is the pair D83D DE00.
-    EXPECT_WITH_EXECUTABLE("/opt/\xF0\x9F\x98\x80",
-                           memcmp(get_exec_name(), "\x3D\xD8\x00\xDE\x00", 6) == 0);
-}
-
-TEST(CmConfigExecName, BytesThatAreNoText_AreReplaced) {
-    // Each such byte is U+FFFD.
-    for (const char* pBad : {"\xFF", "\x80", "\xC3", "\xC0\xAF", "\xE4\xB8", "\xED\xA0\x80",
-                             "\xF4\x90\x80\x80", "\xE0\x80\x80", "\xF8\x80"}) {
-        SCOPED_TRACE(testing::PrintToString(pBad));
-        EXPECT_WITH_EXECUTABLE(std::string("/opt/") + pBad,
-                               strncmp(get_exec_name(), "\xFD\xFF", 2) == 0 &&
-                                   strlen(get_exec_name()) == 2 * strlen(pBad));
-    }
-}
-
-TEST(CmConfigExecName, LongestName_IsTerminated) {
-    std::string sName = "/opt/";
-    std::string sBytes;
-    for (int i = 0; i < 300; ++i) {
-        sName += "\xE4\xB8\xAD";
-        sBytes += i < 255 ? "\x2D\x4E" : "";
-    }
-    EXPECT_WITH_EXECUTABLE(sName, IsText(sBytes.c_str(), get_exec_name()));
-}
-
-TEST(CmConfigExecName, UnknownName_IsEmpty) {
-    EXPECT_WITH_EXECUTABLE("", IsText("", get_exec_name()));
-    EXPECT_WITH_EXECUTABLE("", IsText("", get_process_name()));
-    EXPECT_WITH_EXECUTABLE("/" + std::string(5000, 'x'), IsText("", get_exec_name()));
-}
-
-TEST(CmConfigExecName, Name_IsReadOnce) {
-    EXPECT_WITH_EXECUTABLE("/opt/bin/agent", (get_exec_name(), s_sExecutable = "/opt/bin/other",
-                                              IsText("a", get_exec_name())));
-}
-
 TEST(CmConfigExecName, RunningExecutable_IsKnown) {
     EXPECT_EQ(1u, strlen(get_exec_name()));
     EXPECT_STREQ(get_exec_name(), get_process_name());
@@ -941,36 +865,10 @@ TEST(CmConfigModule, CallerModuleName_IsFixed) {
     EXPECT_EQ("util.dll", getCallerModuleName(nullptr));
 }
 
-class CmConfigParentPath : public testing::Test {
-  protected:
-    static int Get(const char* aExecutable, int aSize) {
-        s_sExecutable = aExecutable;
-        kelto_test::ScopedEntry<decltype(g_cmSystem.readlink)> entry(g_cmSystem.readlink,
-                                                                     FakeReadlink);
-        return MMP_GetCurrentModuleParentPath(s_achPath, aSize);
-    }
-    static char s_achPath[64];
-};
-char CmConfigParentPath::s_achPath[64];
-
-TEST_F(CmConfigParentPath, Path_IsFourDirectoriesUp) {
-    EXPECT_EQ(4, Get("/opt/App/Contents/bin/agent", 64));
-    EXPECT_STREQ("/opt", s_achPath);
-    EXPECT_EQ(1, Get("/a/b/c/agent", 64));
-    EXPECT_STREQ("/", s_achPath);
-    EXPECT_EQ(1, Get("/agent", 64));
-    EXPECT_STREQ("/", s_achPath);
-}
-
-TEST_F(CmConfigParentPath, PathThatDoesNotFit_IsAFailure) {
-    EXPECT_EQ(4, Get("/opt/a/b/c/d", 5));
-    EXPECT_EQ(0, Get("/opt/a/b/c/d", 4));
-}
-
-TEST_F(CmConfigParentPath, BadArguments_AreAFailure) {
-    EXPECT_EQ(0, Get("", 64));
-    EXPECT_EQ(0, Get("/opt/a/b/c/d", 0));
-    EXPECT_EQ(0, Get("/opt/a/b/c/d", -1));
+TEST(CmConfigParentPath, BadArguments_AreAFailure) {
+    char szPath[64];
+    EXPECT_EQ(0, MMP_GetCurrentModuleParentPath(szPath, 0));
+    EXPECT_EQ(0, MMP_GetCurrentModuleParentPath(szPath, -1));
     EXPECT_EQ(0, MMP_GetCurrentModuleParentPath(nullptr, 64));
 }
 

@@ -192,6 +192,7 @@ CFStringRef CFStringCreateWithCString(CFAllocatorRef aAllocator, const char* aTe
 CFURLRef CFURLCreateFromFSRef(CFAllocatorRef aAllocator, const FSRef* aRef) {
     EXPECT_EQ(nullptr, aAllocator);
     ScopedMacServices& services = ScopedMacServices::Current();
+    EXPECT_EQ(1u, services.m_files.count(PathOf(*aRef))) << "not a reference";
     return services.FailsNow(MacService::CF_URL_CREATE)
                ? nullptr
                : static_cast<CFURLRef>(services.Create(PathOf(*aRef)));
