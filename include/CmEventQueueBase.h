@@ -116,7 +116,7 @@ class CM_UTIL_EXPORT CCmEventQueueBase : public ICmEventQueue {
     CmResult Prepare_i(CPosting& aPosting, bool aNeedsNode);
     CmResult Append_l(CPosting& aPosting);
     void Conclude_i(CPosting& aPosting, CmResult aResult);
-    // Runs and ends an event that starts at aStart; returns the time of its end.
+    // Runs and ends an event that starts at aStart; returns the start of the next one.
     CCmTimeValue RunAndEnd_i(ICmEvent* aEvent, const CCmTimeValue& aStart);
     // Ends all events of a list that was taken out of the queue, and empties it.
     static void DestoryEvents_i(std::list<ICmEvent*>& aEvents);

@@ -387,6 +387,32 @@ TEST(CmEventQueueBase, TimesEachEventByItself_WhenItProcessesAList) {
     EXPECT_EQ(1u, sink.count("usec=70000 "));
 }
 
+kelto_test::ScopedClock* g_pSlowSinkClock = nullptr;
+int g_nSlowSinkLines = 0;
+void SlowSink(unsigned long, const char*, unsigned int) {
+    g_pSlowSinkClock->AdvanceUsec(100000);
+    ++g_nSlowSinkLines;
+}
+
+TEST(CmEventQueueBase, NotReported_WhenOnlyTheLineBeforeWasSlow) {
+    kelto_test::ScopedClock clock;
+    kelto_test::ScopedTraceSink saved;
+    g_pSlowSinkClock = &clock;
+    g_nSlowSinkLines = 0;
+    set_util_external_trace_sink(SlowSink);
+    EventLog log;
+    CCmEventQueueBase queue;
+    Events events;
+    events.push_back(new LoggedEvent(log, 1, [&] {
+        clock.AdvanceUsec(60000);
+        return CM_OK;
+    }));
+    events.push_back(new LoggedEvent(log, 2));
+    EXPECT_EQ(CM_OK, queue.ProcessEvents(events));
+    EXPECT_EQ((Ids{1, 2}), log.ended());
+    EXPECT_EQ(1, g_nSlowSinkLines);
+}
+
 TEST(CmEventQueueBase, ReadsTheClockAtMostTwice_PerEvent) {
     kelto_test::ScopedClock clock;
     EventLog log;

@@ -238,7 +238,7 @@ CmResult CCmEventQueueBase::ProcessOneEvent(ICmEvent* aEvent) {
     return CM_OK;
 }
 
-// Returns when the event ended, which is when the next one of a list starts.
+// Returns when the next event of a list starts: when this one ended.
 CCmTimeValue CCmEventQueueBase::RunAndEnd_i(ICmEvent* aEvent, const CCmTimeValue& aStart) {
     CM_ASSERTE_RETURN(aEvent, aStart);
     FireAndEnd(aEvent);
@@ -249,6 +249,7 @@ CCmTimeValue CCmEventQueueBase::RunAndEnd_i(ICmEvent* aEvent, const CCmTimeValue
                               << tvElapsed.GetSec() << " usec=" << tvElapsed.GetUsec()
                               << " aEvent=" << CmTraceAddress(aEvent)
                               << " m_dwSize=" << m_dwSize.load(std::memory_order_relaxed));
+        return CCmTimeValue::GetTimeOfDay();  // the next event does not pay for the line
     }
     return tvEnd;
 }
