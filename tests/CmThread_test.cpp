@@ -344,6 +344,20 @@ TEST(CmThread, EndsWithNull_WhenTheStartRoutineGetsNoObject) {
     EXPECT_EQ(1u, sink.count(" Assert failed: pThread"));
 }
 
+TEST(CmThread, KeepsNoHandle_WhenTheStartRoutineRunsAnAdoptedThread) {
+    Life life;
+    life.released = true;
+    BodyThread* pThread = new BodyThread(life);
+    ASSERT_EQ(CM_OK, pThread->Create(TT_MAIN, TF_JOINABLE, 0));
+    EXPECT_EQ(nullptr, ACmThread::ThreadProc(pThread));
+    EXPECT_TRUE(life.initialized);
+    EXPECT_TRUE(life.ran);
+    EXPECT_TRUE(pThread->GetStopFlag());
+    EXPECT_EQ((pthread_t)-1, pThread->GetThreadHandle());
+    pThread->Destory(0);
+    EXPECT_TRUE(life.deleted);
+}
+
 template <auto Call>
 void ExpectCreateFails(int aError, const std::string& aLine) {
     for (TFlag flag : {TF_JOINABLE, TF_DETACHED}) {
@@ -785,6 +799,20 @@ TEST(CmThreadTask, StopFlagStartsStopped_AndStartsWithTheThread) {
     pTask->Destory(0);
 }
 
+TEST(CmThreadTask, KeepsItsTimerQueue_WhenAnUnknownTypeIsCreatedAgain) {
+    const long lLive = kelto_test::LiveAllocationsBefore();
+    CCmThreadTask* pTask = new CCmThreadTask;
+    ASSERT_EQ(CM_OK, pTask->Create(TT_UNKNOWN, TF_JOINABLE, 0));
+    ICmTimerQueue* const pTimerQueue = pTask->GetTimerQueue();
+    EXPECT_NE(nullptr, pTimerQueue);
+    pTask->Terminate();
+    EXPECT_EQ(CM_OK, pTask->Join());
+    ASSERT_EQ(CM_OK, pTask->Create(TYPE, TF_JOINABLE, 0));
+    EXPECT_EQ(pTimerQueue, pTask->GetTimerQueue());
+    EndJoinable(pTask);
+    EXPECT_EQ(lLive, kelto_test::LiveAllocations());
+}
+
 TEST(CmThreadTask, EndsWhatIsPending_WhenItRunsStopped) {
     EventLog log;
     for (int i = 0; i < 2; ++i) {
@@ -1014,6 +1042,17 @@ TEST(CmThreadHeartBeat, RunsNothing_WhenNothingIsPending) {
     EXPECT_EQ(CM_OK, pThread->DoHeartBeat());
     EXPECT_EQ(CM_OK, pThread->Stop(nullptr));
     pThread->Destory(0);
+}
+
+TEST(CmThreadHeartBeat, KeepsItsTimerQueue_WhenItIsInitialisedAgain) {
+    const long lLive = kelto_test::LiveAllocationsBefore();
+    CCmThreadHeartBeat* pThread = new CCmThreadHeartBeat;
+    pThread->OnThreadInit();
+    ICmTimerQueue* const pTimerQueue = pThread->GetTimerQueue();
+    pThread->OnThreadInit();
+    EXPECT_EQ(pTimerQueue, pThread->GetTimerQueue());
+    pThread->Destory(0);
+    EXPECT_EQ(lLive, kelto_test::LiveAllocations());
 }
 
 TEST(CmThreadHeartBeat, FiresTimersThenEvents_WhenItBeats) {

@@ -23,6 +23,14 @@ constexpr int STEP_INIT_ENDED = 1;
 constexpr int STEP_THREAD_DONE = 2;
 constexpr int STEP_CREATOR_DONE = 4;
 
+// Creates aQueue unless an earlier thread of the object did. False when memory ran out.
+bool MakeTimerQueue(ICmTimerQueue*& aQueue) {
+    if (aQueue == nullptr) {
+        aQueue = new (std::nothrow) CCmTimerQueueOrderedList(nullptr);
+    }
+    return aQueue != nullptr;
+}
+
 // What one more entry of the registry takes. CM_OK or CM_ERROR_OUT_OF_MEMORY.
 CmResult NewEntry(std::list<ACmThread*>& aEntry, ACmThread* aThread) {
     try {
@@ -230,7 +238,9 @@ void* ACmThread::ThreadProc(void* pParam) {
     CM_ASSERTE_RETURN(pThread, nullptr);
     // The creator stores the same; either may come first.
     pThread->m_Tid.store(pthread_self(), std::memory_order_relaxed);
-    pThread->m_Handle.store(pthread_self(), std::memory_order_relaxed);
+    if (pThread->m_Type != TT_MAIN) {
+        pThread->m_Handle.store(pthread_self(), std::memory_order_relaxed);
+    }
 
     CBody body(pThread);
     pThread->OnThreadInit();
@@ -372,8 +382,7 @@ CCmThreadTask::~CCmThreadTask() {
 }
 
 void CCmThreadTask::OnThreadInit() {
-    m_pTimerQueue = new (std::nothrow) CCmTimerQueueOrderedList(nullptr);
-    if (m_pTimerQueue == nullptr) {
+    if (!MakeTimerQueue(m_pTimerQueue)) {
         SetInitResult(CM_ERROR_OUT_OF_MEMORY);
     }
     CCmThreadTaskWithEventQueueOnly::OnThreadInit();
@@ -406,8 +415,7 @@ CmResult CCmThreadHeartBeat::Stop(CCmTimeValue* /*aTimeout*/) {
 }
 
 void CCmThreadHeartBeat::OnThreadInit() {
-    m_pTimerQueue = new (std::nothrow) CCmTimerQueueOrderedList(nullptr);
-    if (m_pTimerQueue == nullptr) {
+    if (!MakeTimerQueue(m_pTimerQueue)) {
         SetInitResult(CM_ERROR_OUT_OF_MEMORY);
     }
     m_EventQueue.BindToCurrentThread();
