@@ -168,6 +168,19 @@ TEST(CmCrc16, CalcCRC16M_CoversTheChain) {
     EXPECT_EQ(9u, first.GetChainedLength());
 }
 
+TEST(CmCrc16, Tables_AreFilledByAnyCall) {
+    unsigned short wCrc = 0;
+    CCmMessageBlock empty;
+    CCmCleanUpBase::CleanupAll();
+    std::memset(CRC16_H_TABLE, 0x55, sizeof(CRC16_H_TABLE));
+    EXPECT_EQ(0, CalcCRC16_m(wCrc, empty, 0));
+    EXPECT_EQ(0xC1, CRC16_H_TABLE[1]);
+    CCmCleanUpBase::CleanupAll();
+    std::memset(CRC16_H_TABLE, 0x55, sizeof(CRC16_H_TABLE));
+    EXPECT_EQ(0, CalcCRC16(wCrc, nullptr, 0));
+    EXPECT_EQ(0xC1, CRC16_H_TABLE[1]);
+}
+
 TEST(CmCrc16, CalcCRC16M_StopsAtTheLength) {
     CCmMessageBlock first(4, "1234", 0, 4);
     CCmMessageBlock second(5, "56789", 0, 5);

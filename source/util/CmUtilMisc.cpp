@@ -77,6 +77,7 @@ unsigned short CalcCRC16(unsigned short& aCrc, unsigned char* pData, unsigned in
 }
 
 unsigned short CalcCRC16_m(unsigned short& aCrc, CCmMessageBlock& aMb, unsigned int aLen) {
+    CCmSingletonT<CRCTAbleInit>::Instance();  // the tables exist after any call
     unsigned int dwRemain = aLen;
     for (const CCmMessageBlock* pMb = &aMb; pMb != nullptr && dwRemain != 0; pMb = pMb->GetNext()) {
         const unsigned int dwLength = std::min(dwRemain, pMb->GetTopLevelLength() % 65536);
