@@ -134,6 +134,19 @@ TEST_F(CmMessageBlock, SetData_NullDataBlockLeavesTheBlockEmpty) {
     EXPECT_EQ(0u, block.GetTopLevelSpace());
 }
 
+TEST_F(CmMessageBlock, SetData_WithoutAnAreaDropsARewoundWritePointer) {
+    CCmMessageBlock first(4);
+    CCmMessageBlock second;
+    first.Append(&second);
+    first.RewindChained();
+    EXPECT_NE(nullptr, second.GetTopLevelWritePtr());
+    EXPECT_EQ(CM_OK, second.SetData(0, nullptr, 0, 0));
+    EXPECT_EQ(nullptr, second.GetTopLevelWritePtr());
+    first.RewindChained();
+    EXPECT_EQ(CM_OK, second.SetData(nullptr, 0, 0));
+    EXPECT_EQ(nullptr, second.GetTopLevelWritePtr());
+}
+
 // --- locks and accessors
 
 TEST_F(CmMessageBlock, Locks_AreSetAndClearedOneByOne) {
@@ -674,6 +687,18 @@ TEST_F(CmMessageBlockDisjoint, EmptyBlocksBehindTheCutBelongToTheTail) {
     pTail->DestroyChained();
 }
 
+TEST_F(CmMessageBlockDisjoint, EmptyBlocksBehindTheLastByteAreTheTail) {
+    CCmMessageBlock* pEmpty = HeapBlock("");
+    CCmMessageBlock* pHead = HeapBlock("ab");
+    pHead->Append(pEmpty);
+    EXPECT_EQ(nullptr, pHead->Disjoint(3));
+    EXPECT_EQ(pEmpty, pHead->GetNext());
+    EXPECT_EQ(pEmpty, pHead->Disjoint(2));
+    EXPECT_EQ(nullptr, pHead->GetNext());
+    pHead->DestroyChained();
+    pEmpty->DestroyChained();
+}
+
 TEST_F(CmMessageBlockDisjoint, EmptyBlocksInFrontOfTheCutAreSkipped) {
     CCmMessageBlock* pHead = HeapBlock("");
     pHead->Append(HeapBlock("ab"));
@@ -711,6 +736,21 @@ TEST_F(CmMessageBlock, ReclaimGarbage_PassesOverOthersBlocks) {
     own.Append(HeapBlock(""));
     EXPECT_EQ(nullptr, own.ReclaimGarbage());
     EXPECT_EQ(nullptr, own.GetNext());
+}
+
+TEST_F(CmMessageBlock, ReclaimGarbage_ComparesTheLowBitsOfThePointers) {
+    // Never accessed: only the numbers of the pointers matter.
+    const char* const pFirst = reinterpret_cast<const char*>(uintptr_t{0x100001000});
+    const char* const pSameLowBits = reinterpret_cast<const char*>(uintptr_t{0x200001000});
+    const char* const pOther = reinterpret_cast<const char*>(uintptr_t{0x200002000});
+    CCmMessageBlock first(4, pFirst, 0, 0);
+    CCmMessageBlock second(4, pSameLowBits, 0, 0);
+    CCmMessageBlock third(4, pOther, 0, 0);
+    first.Append(&second);
+    first.Append(&third);
+    first.RewindChained();
+    EXPECT_EQ(&third, first.ReclaimGarbage());
+    EXPECT_EQ(0u, third.GetTopLevelLength());
 }
 
 TEST_F(CmMessageBlock, ReclaimGarbage_IsRefusedForOwnedChains) {

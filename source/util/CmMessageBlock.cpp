@@ -131,6 +131,8 @@ CmResult CCmMessageBlock::SetData(unsigned int aSize, const char* aData, unsigne
             }
             m_pDataBlock.Attach(pDb);
             SetArea_i(pDb->m_pPayload, pDb->m_dwSize);
+        } else {
+            SetArea_i(nullptr, 0);  // a rewind may have set the write pointer
         }
         aFlag &= ~EXTERNAL_DATA;
     } else {
@@ -152,6 +154,8 @@ CmResult CCmMessageBlock::SetData(CCmDataBlock* aDb, unsigned long aFlag,
     m_pDataBlock = aDb;
     if (aDb != nullptr) {
         SetArea_i(aDb->m_pPayload, aDb->m_dwSize);
+    } else {
+        SetArea_i(nullptr, 0);
     }
     if (aAdvanceWritePtr != 0) {
         AdvanceTopLevelWritePtr(aAdvanceWritePtr);
