@@ -8,6 +8,7 @@
 #include <signal.h>
 
 #include <cstdlib>
+#include <list>
 #include <memory>
 #include <string>
 #include <thread>
@@ -186,6 +187,62 @@ TEST(CmThreadStress, WakesEverySender_WhenTheWorkerIsDestroyed) {
         EXPECT_EQ(SENDERS + 1, balance.ended.load());
     }
     EXPECT_EQ(lLive, kelto_test::LiveAllocations());
+}
+
+TEST(CmThreadStress, WakesServedAndUnservedSenders_WhenTheirQueueGoesAtOnce) {
+    const int nRounds = Scaled(300);
+    const long lLive = kelto_test::LiveAllocationsBefore();
+    for (int nRound = 0; nRound < nRounds; ++nRound) {
+        constexpr int SENDERS = 4;
+        constexpr DWORD SERVED = 2;
+        Balance balance;
+        std::atomic<int> nServed{0};
+        std::atomic<int> nUnserved{0};
+        std::vector<std::thread> senders;
+        {
+            CCmEventQueueUsingConditionVariable queue;
+            for (int i = 0; i < SENDERS; ++i) {
+                senders.emplace_back([&] {
+                    const CmResult rv = queue.SendEvent(new CountedEvent(balance));
+                    nServed += rv == RESULT ? 1 : 0;
+                    nUnserved += rv == CM_ERROR_NOT_AVAILABLE ? 1 : 0;
+                });
+            }
+            while (queue.GetPendingEventsCount() < SENDERS) {
+                std::this_thread::yield();
+            }
+            std::list<ICmEvent*> events;
+            EXPECT_EQ(CM_OK, queue.PopOrWaitPendingEvents(events, nullptr, SERVED));
+            queue.ProcessAndRecycleEvents(events);
+        }
+        for (std::thread& sender : senders) {
+            sender.join();
+        }
+        EXPECT_EQ(2, nServed.load());
+        EXPECT_EQ(2, nUnserved.load());
+        EXPECT_EQ(2, balance.fired.load());
+        EXPECT_EQ(SENDERS, balance.ended.load());
+    }
+    EXPECT_EQ(lLive, kelto_test::LiveAllocations());
+}
+
+TEST(CmThreadStress, LeavesNothing_WhenDetachedWorkersAreDestroyedRightBehindStop) {
+    const int nLives = Scaled(1000);
+    const long lLive = kelto_test::LiveAllocationsBefore();
+    Balance balance;
+    for (int i = 0; i < nLives; ++i) {
+        ACmThread* pThread = nullptr;
+        ASSERT_EQ(CM_OK, CreateUserTaskThread(&pThread, TF_DETACHED, i % 2 == 0, TYPE));
+        pThread->GetEventQueue()->PostEvent(new CountedEvent(balance), NORMAL);
+        EXPECT_EQ(CM_OK, pThread->Stop(nullptr));
+        if (i % 3 == 0) {
+            std::this_thread::yield();  // the body may end before
+        }
+        EXPECT_EQ(CM_OK, pThread->Destory(0));
+    }
+    EXPECT_TRUE(Eventually([&] { return kelto_test::LiveAllocations() == lLive; }));
+    EXPECT_EQ(nLives, balance.fired.load());
+    EXPECT_EQ(nLives, balance.ended.load());
 }
 
 // Sends back and forth, from event to event.
