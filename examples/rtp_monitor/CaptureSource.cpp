@@ -14,6 +14,8 @@ constexpr uint32_t ETHERTYPE_VLAN = 0x8100;
 constexpr uint32_t ETHERTYPE_QINQ = 0x88A8;
 constexpr uint32_t ETHERNET_HEADER_SIZE = 14;
 constexpr uint32_t VLAN_TAG_SIZE = 4;
+constexpr uint32_t NULL_HEADER_SIZE = 4;  // BSD loopback
+constexpr unsigned char FAMILY_IPV4 = 2;
 constexpr uint32_t SLL_HEADER_SIZE = 16;   // Linux cooked capture
 constexpr uint32_t SLL2_HEADER_SIZE = 20;  // its second version
 constexpr uint32_t IP_HEADER_SIZE = 20;
@@ -42,6 +44,10 @@ uint32_t FindIpv4(int aLinkType, const unsigned char* aData, uint32_t aSize) {
             const bool bIpv4 = dwType + 2 <= aSize && Read16(aData + dwType) == ETHERTYPE_IPV4;
             return bIpv4 ? dwType + 2 : UINT32_MAX;
         }
+        case DLT_NULL:  // the address family in the byte order of the host that captured
+            return aSize >= NULL_HEADER_SIZE && (aData[0] == FAMILY_IPV4 || aData[3] == FAMILY_IPV4)
+                       ? NULL_HEADER_SIZE
+                       : UINT32_MAX;
         case DLT_LINUX_SLL:
             return aSize >= SLL_HEADER_SIZE && Read16(aData + 14) == ETHERTYPE_IPV4
                        ? SLL_HEADER_SIZE
@@ -55,8 +61,8 @@ uint32_t FindIpv4(int aLinkType, const unsigned char* aData, uint32_t aSize) {
 }
 
 bool IsKnownLinkType(int aLinkType) {
-    return aLinkType == DLT_EN10MB || aLinkType == DLT_LINUX_SLL || aLinkType == DLT_LINUX_SLL2 ||
-           aLinkType == DLT_RAW || aLinkType == DLT_IPV4;
+    return aLinkType == DLT_EN10MB || aLinkType == DLT_NULL || aLinkType == DLT_LINUX_SLL ||
+           aLinkType == DLT_LINUX_SLL2 || aLinkType == DLT_RAW || aLinkType == DLT_IPV4;
 }
 
 // False when the frame is not one whole UDP packet over IPv4.

@@ -13,7 +13,7 @@ const char HELP_TEXT[] =
     R"(rtp_monitor: shows what the RTP streams of a capture or of a UDP port do
 
 Usage:
-  rtp_monitor [OPTION...] CAPTURE               a pcap or pcapng file
+  rtp_monitor [OPTION...] CAPTURE               a pcap or pcapng file; -: standard input
   rtp_monitor [OPTION...] udp://ADDRESS:PORT    a local address to receive on
 
 Options:
@@ -27,7 +27,7 @@ Options:
   --trace FILE        where trace lines go (default: $QTRACE_FILE, else rtp_monitor.log in the
                       directory "logs" of the home directory)
   --home DIR          home directory of the configuration file conf/kelto.cfg, at most 15
-                      characters (default /tmp/)
+                      characters with the last / (default /tmp/)
   --help              this text
 
 Settings are read from section RtpMonitor of conf/kelto.cfg (keys Workers, Interval, Level, and
@@ -35,10 +35,10 @@ Clock.TYPE for each payload type); options override them. Section Trace of the s
 the library itself traces.
 
 Columns: packets and bytes (of payload) that arrived; lost, of those expected by sequence number;
-dup, arrived again; late, arrived out of order; jitter as in RFC 3550; kbit/s over the whole stream
-and over the last interval; the longest gap between two packets. A source counts as a stream once
-two packets have come in sequence. RTCP, UDP packets that are not RTP, and packets that are not UDP
-over IPv4 are counted and otherwise left alone.
+dup, arrived again; late, arrived out of order; jitter as in RFC 3550, in milliseconds; kbit/s over
+the whole stream and over the last interval (not with --fast); the longest gap between two packets.
+A source counts as a stream once two packets have come in sequence. RTCP, UDP packets that are not
+RTP, and packets that are not whole UDP packets over IPv4 are counted and otherwise left alone.
 
 Ctrl-C ends a run in order: what was received is shown in a last table.
 Exit code: 0; or 2 with one sentence on standard error when something was wrong with the arguments
@@ -95,7 +95,10 @@ bool ParseClock(const std::string& aText, ClockRates* aClockRates) {
     return true;
 }
 
-bool SetHome(const std::string& aHome) {
+bool SetHome(std::string aHome) {
+    if (!aHome.empty() && aHome.back() != '/') {
+        aHome += '/';
+    }
     if (aHome.empty() || aHome.size() >= sizeof(UTIL_NS::g_def_kelto_home_dir)) {
         return false;
     }
@@ -163,8 +166,7 @@ void ChooseTraceFile(Options* aOptions) {
         aOptions->traceFile = pszFromEnvironment;
     }
     if (aOptions->traceFile.empty()) {
-        aOptions->traceFile =
-            std::string(UTIL_NS::CCmT120Trace::get_trace_dir()) + "/rtp_monitor.log";
+        aOptions->traceFile = std::string(UTIL_NS::g_def_kelto_home_dir) + "logs/rtp_monitor.log";
     }
 }
 
@@ -176,7 +178,9 @@ bool Options::IsLive() const {
 
 bool ReadOptions(int aArgCount, char** aArgs, Options* aOptions, std::string* aError) {
     if (!ApplyHome(aArgCount, aArgs)) {
-        *aError = "the home directory given with --home must have 1 to 15 characters";
+        *aError =
+            "the home directory given with --home must have 1 to 15 characters, the last '/' among "
+            "them";
         return false;
     }
     ReadConfiguration(aOptions);

@@ -17,7 +17,9 @@ using UTIL_NS::CmResult;
 namespace {
 
 constexpr uint32_t DATA_BLOCK_SIZE = 256 * 1024;  // bytes, several packets long
-constexpr uint32_t MAX_BACKLOG = 2000;  // packets that may wait for one worker; bounds the memory
+// What may wait for the workers; the two bound the memory.
+constexpr size_t MAX_DATA_BLOCKS = 64;
+constexpr uint32_t MAX_BACKLOG = 8000;  // packets of all workers together
 constexpr unsigned int BACKLOG_SLEEP_MS = 1;
 constexpr int64_t MAX_PACE_SLEEP_MS = 50;
 constexpr int64_t USEC_PER_SEC = 1000000;
@@ -81,7 +83,7 @@ void Receiver::HandOn(const Packet& aPacket) {
     key.ssrc = header.ssrc;
     // A stream always goes to the same worker, which thereby sees its packets in order.
     Worker& worker = *m_workers[key.Hash() % m_workers.size()];
-    while (worker.backlog() > MAX_BACKLOG && !IsStopAsked()) {
+    while (worker.backlog() > MAX_BACKLOG / m_workers.size() && !IsStopAsked()) {
         SleepMs(BACKLOG_SLEEP_MS);
     }
     const uint32_t dwPayload = aPacket.size - header.headerSize - header.paddingSize;
@@ -105,19 +107,41 @@ void Receiver::WaitForPace(int64_t aArrivalUsec) {
 }
 
 bool Receiver::StorePayload(const unsigned char* aData, uint32_t aSize, uint32_t* aOffset) {
-    if (m_pData == nullptr || aSize > DATA_BLOCK_SIZE - m_dwUsed) {
-        CCmDataBlock* pData = nullptr;
-        if (CM_FAILED(CCmDataBlock::CreateInstance(pData, DATA_BLOCK_SIZE, nullptr))) {
-            return false;
-        }
-        m_pData = pData;
-        pData->ReleaseReference();  // m_pData holds it now
-        m_dwUsed = 0;
+    if ((m_pData == nullptr || aSize > DATA_BLOCK_SIZE - m_dwUsed) && !TakeFreeBlock()) {
+        return false;
     }
     std::memcpy(m_pData->m_pPayload + m_dwUsed, aData, aSize);
     *aOffset = m_dwUsed;
     m_dwUsed += aSize;
     return true;
+}
+
+// Waits for the workers when they still hold all blocks.
+bool Receiver::TakeFreeBlock() {
+    m_pData = nullptr;
+    m_dwUsed = 0;
+    for (m_pData = FindFreeBlock(); m_pData == nullptr && !IsStopAsked();
+         m_pData = FindFreeBlock()) {
+        SleepMs(BACKLOG_SLEEP_MS);
+    }
+    return m_pData != nullptr;
+}
+
+Receiver::DataBlockPtr Receiver::FindFreeBlock() {
+    for (DataBlockPtr& block : m_blocks) {
+        // Alone again after the release: it orders what the workers read before what is written.
+        block->AddReference();
+        if (block->ReleaseReference() == 1) {
+            return block;
+        }
+    }
+    CCmDataBlock* pNew = nullptr;
+    if (m_blocks.size() < MAX_DATA_BLOCKS &&
+        CM_SUCCEEDED(CCmDataBlock::CreateInstance(pNew, DATA_BLOCK_SIZE, nullptr))) {
+        m_blocks.emplace_back().Attach(pNew);
+        return m_blocks.back();
+    }
+    return nullptr;
 }
 
 }  // namespace rtp_monitor

@@ -42,11 +42,15 @@ class Receiver : public UTIL_NS::ACmThread {
     const std::string& error() const { return m_sError; }
 
   private:
+    typedef UTIL_NS::CCmComAutoPtr<UTIL_NS::CCmDataBlock> DataBlockPtr;
+
     bool IsStopAsked() const { return m_bStopAsked.load(std::memory_order_relaxed); }
     void HandOn(const Packet& aPacket);
     void WaitForPace(int64_t aArrivalUsec);
-    // The offset of the copy within m_pData; false when memory ran out.
+    // The offset of the copy within m_pData; false when memory ran out or a stop was asked for.
     bool StorePayload(const unsigned char* aData, uint32_t aSize, uint32_t* aOffset);
+    bool TakeFreeBlock();
+    DataBlockPtr FindFreeBlock();
 
     std::unique_ptr<PacketSource> m_pSource;
     std::vector<std::unique_ptr<Worker>>& m_workers;
@@ -55,8 +59,9 @@ class Receiver : public UTIL_NS::ACmThread {
     std::atomic<int> m_nProgress{-1};
     ReceiverCounters m_counters;
     std::string m_sError;
-    UTIL_NS::CCmComAutoPtr<UTIL_NS::CCmDataBlock> m_pData;  // shared by the packets copied into it
-    uint32_t m_dwUsed = 0;                                  // bytes of m_pData
+    std::vector<DataBlockPtr> m_blocks;  // all there are; one that no packet shares is free
+    DataBlockPtr m_pData;                // the one that is being filled
+    uint32_t m_dwUsed = 0;               // bytes of it
     int64_t m_firstArrivalUsec = -1;
     int64_t m_firstHandOnUsec = 0;
 };

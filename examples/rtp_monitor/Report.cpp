@@ -1,6 +1,9 @@
 #include "Report.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <cstring>
+#include <vector>
 
 #include "CmAddress.h"
 
@@ -9,6 +12,7 @@ namespace rtp_monitor {
 namespace {
 
 constexpr double BITS_PER_KBIT = 1000;
+constexpr char ROUTE_TITLE[] = "source > destination";
 
 template <typename... Args>
 std::string Format(const char* aFormat, Args... aArgs) {
@@ -29,20 +33,39 @@ unsigned long long Number(uint64_t aNumber) {
     return aNumber;
 }
 
-std::string TableRow(const StreamReport& aStream) {
-    const double dLostPercent = aStream.expected > 0 ? 100.0 * static_cast<double>(aStream.lost) /
-                                                           static_cast<double>(aStream.expected)
-                                                     : 0;
-    const std::string sJitter =
-        aStream.clockRate != 0 ? Format("%.2f", aStream.jitterMs) : std::string("-");
+std::string FormatRoute(const StreamKey& aKey) {
+    return FormatEndpoint(aKey.sourceAddress, aKey.sourcePort) + " > " +
+           FormatEndpoint(aKey.destinationAddress, aKey.destinationPort);
+}
+
+double LostPercent(const StreamReport& aStream) {
+    return aStream.expected > 0
+               ? 100.0 * static_cast<double>(aStream.lost) / static_cast<double>(aStream.expected)
+               : 0;
+}
+
+std::string FigureOrDash(const char* aFormat, double aFigure, bool aIsKnown) {
+    return aIsKnown ? Format(aFormat, aFigure) : std::string("-");
+}
+
+std::string TableRow(const StreamReport& aStream, int aRouteWidth, bool aHasIntervals) {
     return Format(
-        "%-21s > %-21s %08x %3u %8llu %10llu %6llu %5.1f%% %5llu %5llu %9s %9.1f %9.1f %9.1f\n",
-        FormatEndpoint(aStream.key.sourceAddress, aStream.key.sourcePort).c_str(),
-        FormatEndpoint(aStream.key.destinationAddress, aStream.key.destinationPort).c_str(),
-        aStream.key.ssrc, aStream.payloadType, Number(aStream.packets), Number(aStream.bytes),
-        Number(aStream.lost), dLostPercent, Number(aStream.duplicates), Number(aStream.outOfOrder),
-        sJitter.c_str(), aStream.bitRate / BITS_PER_KBIT, aStream.intervalBitRate / BITS_PER_KBIT,
+        "%-*s %08x %3u %8llu %10llu %6llu %5.1f%% %5llu %5llu %7s %8.1f %8s %8.1f\n", aRouteWidth,
+        FormatRoute(aStream.key).c_str(), aStream.key.ssrc, aStream.payloadType,
+        Number(aStream.packets), Number(aStream.bytes), Number(aStream.lost), LostPercent(aStream),
+        Number(aStream.duplicates), Number(aStream.outOfOrder),
+        FigureOrDash("%.2f", aStream.jitterMs, aStream.clockRate != 0).c_str(),
+        aStream.bitRate / BITS_PER_KBIT,
+        FigureOrDash("%.1f", aStream.intervalBitRate / BITS_PER_KBIT, aHasIntervals).c_str(),
         aStream.longestGapMs);
+}
+
+int RouteWidth(const std::vector<StreamReport>& aStreams) {
+    size_t nWidth = std::strlen(ROUTE_TITLE);
+    for (const StreamReport& stream : aStreams) {
+        nWidth = std::max(nWidth, FormatRoute(stream.key).size());
+    }
+    return static_cast<int>(nWidth);
 }
 
 std::string JsonStream(const StreamReport& aStream) {
@@ -69,12 +92,18 @@ std::string JsonStream(const StreamReport& aStream) {
 
 }  // namespace
 
-std::string FormatTable(const Totals& aTotals) {
-    std::string sTable = Format("%-21s   %-21s %8s %3s %8s %10s %6s %6s %5s %5s %9s %9s %9s %9s\n",
-                                "source", "destination", "ssrc", "pt", "packets", "bytes", "lost",
-                                "", "dup", "late", "jitter ms", "kbit/s", "now", "gap ms");
-    for (const StreamReport& stream : aTotals.snapshot.streams) {
-        sTable += TableRow(stream);
+std::string FormatTable(const Totals& aTotals, size_t aMaxStreams) {
+    const std::vector<StreamReport>& streams = aTotals.snapshot.streams;
+    const int nRouteWidth = RouteWidth(streams);
+    std::string sTable = Format("%-*s %8s %3s %8s %10s %6s %6s %5s %5s %7s %8s %8s %8s\n",
+                                nRouteWidth, ROUTE_TITLE, "ssrc", "pt", "packets", "bytes", "lost",
+                                "", "dup", "late", "jitter", "kbit/s", "now", "gap ms");
+    const size_t nShown = std::min(streams.size(), aMaxStreams);
+    for (size_t i = 0; i < nShown; ++i) {
+        sTable += TableRow(streams[i], nRouteWidth, aTotals.hasIntervals);
+    }
+    if (nShown < streams.size()) {
+        sTable += Format("and %llu more streams\n", Number(streams.size() - nShown));
     }
     sTable += Format("RTP %llu, RTCP %llu, other UDP %llu, skipped %llu", Number(aTotals.rtp),
                      Number(aTotals.rtcp), Number(aTotals.notRtp), Number(aTotals.skipped));

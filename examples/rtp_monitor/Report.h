@@ -2,6 +2,7 @@
 #ifndef RTP_MONITOR_REPORT_H
 #define RTP_MONITOR_REPORT_H
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -18,10 +19,12 @@ struct Totals {
     uint64_t skipped = 0;
     double packetsPerSecond = 0;  // handled, of all kinds
     bool complete = true;         // the whole input was read
+    bool hasIntervals = true;     // intervals passed at the stream's own pace
 };
 
-// Both end in a line end. Streams come in the order of their addresses.
-std::string FormatTable(const Totals& aTotals);
+// Both end in a line end. Streams come in the order of the snapshot. A table shows at most
+// aMaxStreams of them and says how many more there are.
+std::string FormatTable(const Totals& aTotals, size_t aMaxStreams = SIZE_MAX);
 std::string FormatJson(const Totals& aTotals);
 
 }  // namespace rtp_monitor

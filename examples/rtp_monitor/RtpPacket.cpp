@@ -9,10 +9,10 @@ constexpr size_t EXTENSION_HEADER_SIZE = 4;
 constexpr size_t WORD_SIZE = 4;
 constexpr unsigned RTP_VERSION = 2;
 
-// The second byte of RTCP reports; as RTP it would be payload types 72 to 76 with the marker set,
-// which RFC 3550 keeps free for that reason.
-constexpr unsigned FIRST_RTCP_TYPE = 200;
-constexpr unsigned LAST_RTCP_TYPE = 204;
+// The second byte of RTCP packets (RFC 5761, section 4); as RTP it would be payload types 64 to 95
+// with the marker set, which senders keep free for that reason.
+constexpr unsigned FIRST_RTCP_TYPE = 192;
+constexpr unsigned LAST_RTCP_TYPE = 223;
 
 uint16_t Read16(const unsigned char* aData) {
     return static_cast<uint16_t>(aData[0] << 8 | aData[1]);

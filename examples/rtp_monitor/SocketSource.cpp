@@ -16,6 +16,7 @@ namespace rtp_monitor {
 
 namespace {
 
+constexpr char EMPTY_HOST[] = "udp://:";
 constexpr int IDLE_MS = 100;
 constexpr size_t MAX_UDP_SIZE = 65536;
 constexpr int RECEIVE_BUFFER_SIZE = 4 << 20;  // bytes; absorbs bursts, a wish only
@@ -65,16 +66,30 @@ class SocketSource : public PacketSource {
     std::string m_sError;
 };
 
+// Fills aLocal from udp://ADDRESS:PORT. The library takes more than that for an address: no host,
+// and ports of which it keeps the low 16 bits.
+bool ParseAddress(std::string aAddress, sockaddr_in* aLocal) {
+    const std::string sPort = aAddress.substr(aAddress.rfind(':') + 1);
+    char achScheme[8] = "";
+    char achIp[UTIL_NS::CM_IP_TEXT_SIZE] = "";
+    unsigned short wPort = 0;
+    if (aAddress.rfind(EMPTY_HOST, 0) == 0 ||
+        UTIL_NS::transport_address_parse(&aAddress[0], achScheme, sizeof(achScheme), achIp,
+                                         sizeof(achIp), &wPort) == 0 ||
+        std::strcmp(achScheme, "udp") != 0 || wPort == 0 || sPort != std::to_string(wPort)) {
+        return false;
+    }
+    aLocal->sin_family = AF_INET;
+    aLocal->sin_port = htons(wPort);
+    aLocal->sin_addr.s_addr = htonl(static_cast<uint32_t>(UTIL_NS::ip_2_id(achIp)));
+    return true;
+}
+
 }  // namespace
 
 std::unique_ptr<PacketSource> OpenSocket(const std::string& aAddress, std::string* aError) {
-    char achScheme[8] = "";
-    char achIp[16] = "";
-    unsigned short wPort = 0;
-    std::string sAddress(aAddress);
-    if (UTIL_NS::transport_address_parse(&sAddress[0], achScheme, sizeof(achScheme), achIp,
-                                         sizeof(achIp), &wPort) == 0 ||
-        std::strcmp(achScheme, "udp") != 0 || wPort == 0) {
+    sockaddr_in local = {};
+    if (!ParseAddress(aAddress, &local)) {
         *aError = "it is not of the form udp://ADDRESS:PORT";
         return nullptr;
     }
@@ -84,10 +99,6 @@ std::unique_ptr<PacketSource> OpenSocket(const std::string& aAddress, std::strin
         return nullptr;
     }
     setsockopt(nSocket, SOL_SOCKET, SO_RCVBUF, &RECEIVE_BUFFER_SIZE, sizeof(RECEIVE_BUFFER_SIZE));
-    sockaddr_in local = {};
-    local.sin_family = AF_INET;
-    local.sin_port = htons(wPort);
-    local.sin_addr.s_addr = htonl(static_cast<uint32_t>(UTIL_NS::ip_2_id(achIp)));
     if (bind(nSocket, reinterpret_cast<const sockaddr*>(&local), sizeof(local)) != 0) {
         *aError = std::strerror(errno);
         close(nSocket);

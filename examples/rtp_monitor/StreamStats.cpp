@@ -12,6 +12,7 @@ constexpr double USEC_PER_SEC = 1e6;
 constexpr double USEC_PER_MS = 1e3;
 constexpr double BITS_PER_BYTE = 8;
 constexpr double JITTER_GAIN = 1.0 / 16;  // RFC 3550, appendix A.8
+constexpr double TIMESTAMP_CIRCLE = 4294967296.0;
 
 auto AsTuple(const StreamKey& aKey) {
     return std::tie(aKey.sourceAddress, aKey.sourcePort, aKey.destinationAddress,
@@ -39,49 +40,46 @@ void StreamStats::OnPacket(const RtpHeader& aHeader, uint32_t aPayloadSize, int6
     } else {
         m_longestGapUsec = std::max(m_longestGapUsec, aArrivalUsec - m_lastArrivalUsec);
     }
-    CountJitter(aHeader, aArrivalUsec);
+    const Place place = CountSequence(aHeader.sequence);
+    CountJitter(place, aHeader.timestamp, aArrivalUsec);
     m_lastArrivalUsec = aArrivalUsec;
     ++m_packets;
     m_bytes += aPayloadSize;
     m_intervalBytes += aPayloadSize;
-    CountSequence(aHeader.sequence);
+}
+
+StreamStats::Place StreamStats::CountSequence(uint16_t aSequence) {
+    if (m_packets == 0) {
+        Start(aSequence);
+        return Place::FIRST;
+    }
+    // The distance from the highest number, in the half of the circle that it lies in.
+    const int32_t nDistance =
+        static_cast<int16_t>(static_cast<uint16_t>(aSequence - m_highestSequence));
+    if (nDistance >= MAX_DROPOUT || nDistance <= -MAX_MISORDER) {
+        return CountJump(aSequence);
+    }
+    m_nextAfterJump = -1;
+    if (nDistance > 0) {
+        m_bConfirmed = m_bConfirmed || nDistance == 1;
+        Advance(nDistance);
+    } else {
+        CountLate(-nDistance);
+    }
+    return Place::IN_STREAM;
 }
 
 void StreamStats::Start(uint16_t aSequence) {
-    m_bStarted = true;
     m_baseSequence = aSequence;
     m_highestSequence = aSequence;
-    m_badSequence = -1;
+    m_nextAfterJump = -1;
     m_window.reset();
     m_window.set(0);
     ++m_unique;
 }
 
-void StreamStats::CountSequence(uint16_t aSequence) {
-    if (!m_bStarted) {
-        Start(aSequence);
-        return;
-    }
-    // The distance from the highest number, in the half of the circle that it lies in.
-    const int32_t nDistance =
-        static_cast<int16_t>(static_cast<uint16_t>(aSequence - m_highestSequence));
-    if (nDistance > 0 && nDistance < MAX_DROPOUT) {
-        m_bConfirmed = m_bConfirmed || nDistance == 1;
-        m_badSequence = -1;
-        Advance(nDistance);
-    } else if (nDistance <= 0 && -nDistance < MAX_MISORDER) {
-        CountLate(-nDistance);
-    } else {
-        CountJump(aSequence);
-    }
-}
-
 void StreamStats::Advance(int32_t aStep) {
-    if (aStep < WINDOW_SIZE) {
-        m_window <<= static_cast<size_t>(aStep);
-    } else {
-        m_window.reset();
-    }
+    m_window <<= static_cast<size_t>(aStep);
     m_window.set(0);
     m_highestSequence += aStep;
     ++m_unique;
@@ -99,28 +97,30 @@ void StreamStats::CountLate(int32_t aDistance) {
 }
 
 // A number far away: the sender has started anew if the next one follows it; a lone one is counted
-// as a packet that belongs to no place.
-void StreamStats::CountJump(uint16_t aSequence) {
-    if (aSequence != m_badSequence) {
-        m_badSequence = static_cast<uint16_t>(aSequence + 1);
-        return;
+// as a packet that belongs nowhere.
+StreamStats::Place StreamStats::CountJump(uint16_t aSequence) {
+    if (aSequence != m_nextAfterJump) {
+        m_nextAfterJump = static_cast<uint16_t>(aSequence + 1);
+        return Place::NOWHERE;
     }
+    m_bConfirmed = true;
     ++m_restarts;
     m_expected += static_cast<uint64_t>(m_highestSequence - m_baseSequence + 1);
     Start(static_cast<uint16_t>(aSequence - 1));
     Advance(1);
+    return Place::FIRST;
 }
 
-void StreamStats::CountJitter(const RtpHeader& aHeader, int64_t aArrivalUsec) {
-    if (m_clockRate == 0) {
+void StreamStats::CountJitter(Place aPlace, uint32_t aTimestamp, int64_t aArrivalUsec) {
+    if (m_clockRate == 0 || aPlace == Place::NOWHERE) {
         return;
     }
     const double dArrival =
         static_cast<double>(aArrivalUsec - m_firstArrivalUsec) * m_clockRate / USEC_PER_SEC;
-    const double dTransit = dArrival - aHeader.timestamp;
-    if (m_packets > 0) {
+    const double dTransit = dArrival - aTimestamp;
+    if (aPlace == Place::IN_STREAM) {
         // The timestamp wraps at 2^32; a difference is taken in the half of the circle it lies in.
-        const double dDifference = std::remainder(dTransit - m_lastTransit, 4294967296.0);
+        const double dDifference = std::remainder(dTransit - m_lastTransit, TIMESTAMP_CIRCLE);
         m_jitter += (std::abs(dDifference) - m_jitter) * JITTER_GAIN;
     }
     m_lastTransit = dTransit;

@@ -27,7 +27,7 @@ struct StreamReport {
     StreamKey key;
     uint8_t payloadType = 0;
     uint32_t clockRate = 0;      // Hz; 0: unknown, and then there is no jitter
-    uint64_t packets = 0;        // all that arrived, duplicates included
+    uint64_t packets = 0;        // all that arrived, also twice
     uint64_t bytes = 0;          // of payload, without headers and padding
     uint64_t expected = 0;       // by sequence numbers
     uint64_t lost = 0;           // expected and not arrived
@@ -59,19 +59,21 @@ class StreamStats {
     StreamReport Report() const;
 
   private:
-    // Packets further back than this are not told from a restart.
-    static constexpr int32_t WINDOW_SIZE = 1024;
+    // Where a packet belongs by its sequence number.
+    enum class Place { FIRST, IN_STREAM, NOWHERE };
+
+    // RFC 3550, appendix A.1: a step forward of MAX_DROPOUT or more, and one back of MAX_MISORDER
+    // or more, is a jump.
     static constexpr int32_t MAX_DROPOUT = 3000;
     static constexpr int32_t MAX_MISORDER = 100;
 
+    Place CountSequence(uint16_t aSequence);
     void Start(uint16_t aSequence);
-    void CountSequence(uint16_t aSequence);
     void Advance(int32_t aStep);
     void CountLate(int32_t aDistance);
-    void CountJump(uint16_t aSequence);
-    void CountJitter(const RtpHeader& aHeader, int64_t aArrivalUsec);
+    Place CountJump(uint16_t aSequence);
+    void CountJitter(Place aPlace, uint32_t aTimestamp, int64_t aArrivalUsec);
 
-    bool m_bStarted = false;
     bool m_bConfirmed = false;
     uint8_t m_payloadType = 0;
     uint32_t m_clockRate;
@@ -82,12 +84,12 @@ class StreamStats {
     uint64_t m_duplicates = 0;
     uint64_t m_outOfOrder = 0;
     uint64_t m_restarts = 0;
-    int64_t m_baseSequence = 0;         // extended: the first of the span
-    int64_t m_highestSequence = 0;      // extended
-    int32_t m_badSequence = -1;         // the number that would prove a restart
-    std::bitset<WINDOW_SIZE> m_window;  // which of the last sequence numbers have arrived
-    double m_jitter = 0;                // in clock units
-    double m_lastTransit = 0;           // in clock units
+    int64_t m_baseSequence = 0;          // extended: the first of the span
+    int64_t m_highestSequence = 0;       // extended
+    int32_t m_nextAfterJump = -1;        // the number that would prove a restart
+    std::bitset<MAX_MISORDER> m_window;  // which of the last sequence numbers have arrived
+    double m_jitter = 0;                 // in clock units
+    double m_lastTransit = 0;            // in clock units
     int64_t m_firstArrivalUsec = 0;
     int64_t m_lastArrivalUsec = 0;
     int64_t m_longestGapUsec = 0;

@@ -2,9 +2,11 @@
 // blocks, tracing, configuration and address helpers.
 
 #include <signal.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -29,6 +31,7 @@ using UTIL_NS::CCmTimeValue;
 constexpr int RECEIVER_THREAD_TYPE = 1;
 constexpr unsigned int POLL_MS = 20;
 constexpr int EXIT_TROUBLE = 2;
+constexpr unsigned short OTHER_ROWS = 7;  // of a screen: titles, totals, closing lines
 constexpr char CLEAR_SCREEN[] = "\033[H\033[2J";
 
 volatile sig_atomic_t g_bInterrupted = 0;
@@ -65,7 +68,8 @@ class Monitor {
     bool StartWorkers();
     void Watch(Receiver* aReceiver);
     void ShowTable(const Receiver& aReceiver);
-    void ShowProgress(const Receiver& aReceiver);
+    size_t MaxStreamsShown() const;
+    std::string ProgressLine(const Receiver& aReceiver) const;
     int Finish(const Receiver& aReceiver);
     Totals Collect(const Receiver& aReceiver);
     void Trace(unsigned long aLevel, const std::string& aText) const;
@@ -121,6 +125,7 @@ int Monitor::Run() {
     Watch(pReceiver);
     pReceiver->Stop(nullptr);
     pReceiver->Join();
+    Trace(UTIL_NS::CM_TRACE_LEVEL_INFO, "the receiver has ended");
     const int nExitCode = Finish(*pReceiver);
     pReceiver->Destory(UTIL_NS::CM_OK);
     return nExitCode;
@@ -133,24 +138,37 @@ void Monitor::Watch(Receiver* aReceiver) {
         SleepMs(POLL_MS);
         if (SecondsSince(tvTable) * 1000 >= m_options.intervalMs) {
             tvTable = CCmTimeValue::GetTimeOfDay();
-            if (!m_options.json) {
+            // The one JSON document is for a program: whoever watches it sees standard error.
+            if (m_options.json) {
+                std::fputs(ProgressLine(*aReceiver).c_str(), stderr);
+            } else {
                 ShowTable(*aReceiver);
             }
-            ShowProgress(*aReceiver);
         }
     }
 }
 
+// On a terminal one screen with the progress at its end; elsewhere table after table.
 void Monitor::ShowTable(const Receiver& aReceiver) {
-    const std::string sTable = FormatTable(Collect(aReceiver));
-    std::printf("%s%s", m_bTerminal ? CLEAR_SCREEN : "", sTable.c_str());
+    const std::string sTable = FormatTable(Collect(aReceiver), MaxStreamsShown());
+    std::printf("%s%s%s", m_bTerminal ? CLEAR_SCREEN : "", sTable.c_str(),
+                ProgressLine(aReceiver).c_str());
     std::fflush(stdout);
 }
 
-void Monitor::ShowProgress(const Receiver& aReceiver) {
-    if (aReceiver.progress() >= 0) {
-        std::fprintf(stderr, "%d%% of %s read\n", aReceiver.progress(), m_options.input.c_str());
+// As many rows as the terminal has, but for the lines around them.
+size_t Monitor::MaxStreamsShown() const {
+    winsize size = {};
+    if (!m_bTerminal || ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_row == 0) {
+        return SIZE_MAX;
     }
+    return size.ws_row > OTHER_ROWS ? size.ws_row - OTHER_ROWS : 1;
+}
+
+std::string Monitor::ProgressLine(const Receiver& aReceiver) const {
+    return aReceiver.progress() < 0
+               ? std::string()
+               : std::to_string(aReceiver.progress()) + "% of " + m_options.input + " read\n";
 }
 
 // The receiver has ended: every packet it posted is handled before the snapshots are taken.
@@ -159,6 +177,7 @@ int Monitor::Finish(const Receiver& aReceiver) {
     for (const std::unique_ptr<Worker>& worker : m_workers) {
         worker->Stop();
     }
+    Trace(UTIL_NS::CM_TRACE_LEVEL_INFO, "the workers have ended");
     totals.complete = aReceiver.error().empty() && (m_options.IsLive() || g_bInterrupted == 0);
     const double dSeconds = SecondsSince(m_tvStart);
     const uint64_t ullHandled = totals.rtp + totals.rtcp + totals.notRtp + totals.skipped;
@@ -194,6 +213,7 @@ Totals Monitor::Collect(const Receiver& aReceiver) {
     totals.rtcp = aReceiver.counters().rtcp;
     totals.notRtp = aReceiver.counters().notRtp;
     totals.skipped = aReceiver.counters().skipped;
+    totals.hasIntervals = m_options.IsLive() || !m_options.fast;
     return totals;
 }
 

@@ -1,0 +1,453 @@
+#!/usr/bin/env python3
+"""Runs the monitor as its users do.
+
+    run_test.py path/to/rtp_monitor test_Name
+"""
+
+import json
+import os
+import pty
+import re
+import shutil
+import signal
+import socket
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+
+import captures
+import load
+from captures import ethernet, ipv4, ipv6, pcap, pcapng, rtp, sll, sll2, udp
+
+TESTS = os.path.dirname(os.path.abspath(__file__))
+CALL = os.path.join(TESTS, "..", "data", "call.pcap")
+CALL_CLOCKS = ("--clock", "96=90000", "--clock", "97=48000")
+LIMIT = 60  # seconds; a run that takes longer hangs
+MONITOR = ""
+
+# Worked out by figures.py, which knows nothing of the monitor.
+VIDEO = {"source": "127.0.0.1:32987", "destination": "127.0.0.1:5006", "ssrc": "0x55667788",
+         "payloadType": 96, "clockRate": 90000, "packets": 508, "bytes": 362774, "expected": 509,
+         "lost": 4, "duplicates": 3, "outOfOrder": 1, "restarts": 0, "jitterMs": 2.283,
+         "bitRate": 182158, "longestGapMs": 134.648}
+AUDIO = {"source": "127.0.0.1:49893", "destination": "127.0.0.1:5004", "ssrc": "0x11223344",
+         "payloadType": 97, "clockRate": 48000, "packets": 798, "bytes": 70781, "expected": 801,
+         "lost": 5, "duplicates": 2, "outOfOrder": 2, "restarts": 0, "jitterMs": 15.782,
+         "bitRate": 35394, "longestGapMs": 73.148}
+
+
+def frames(count, first=100):
+    return [ethernet(ipv4(udp(rtp(first + i, 160 * i)))) for i in range(count)]
+
+
+class RtpMonitor(unittest.TestCase):
+    def setUp(self):
+        self.home = tempfile.mkdtemp(prefix="m", dir="/tmp")  # a home directory is short
+        self.addCleanup(shutil.rmtree, self.home)
+        self.trace = os.path.join(self.home, "trace.log")
+        self.environment = dict(os.environ, QTRACE_FILE=self.trace)
+
+    def write(self, data, name="capture file.pcap"):
+        path = os.path.join(self.home, name)
+        with open(path, "wb") as file:
+            file.write(data)
+        return path
+
+    def command(self, *arguments):
+        return [MONITOR, "--home", self.home, *arguments]
+
+    def run_monitor(self, *arguments, **keywords):
+        return subprocess.run(self.command(*arguments), env=self.environment, text=True,
+                              stdout=subprocess.PIPE, stderr=subprocess.PIPE, timeout=LIMIT,
+                              **keywords)
+
+    def start(self, *arguments, **keywords):
+        process = subprocess.Popen(self.command(*arguments), env=self.environment, text=True,
+                                   stdout=subprocess.PIPE, stderr=subprocess.PIPE, **keywords)
+        self.addCleanup(process.stdout.close)
+        self.addCleanup(process.stderr.close)
+        self.addCleanup(process.wait)
+        self.addCleanup(process.kill)
+        return process
+
+    def json_of(self, data, *arguments):
+        done = self.run_monitor("--fast", "--json", *arguments, self.write(data))
+        self.assertEqual((done.stderr, done.returncode), ("", 0))
+        return json.loads(done.stdout)
+
+    def trace_text(self):
+        with open(self.trace) as file:
+            return file.read()
+
+    def wait_for_trace(self, text):
+        deadline = time.monotonic() + LIMIT
+        while not os.path.exists(self.trace) or text not in self.trace_text():
+            self.assertLess(time.monotonic(), deadline, f"no trace line with '{text}'")
+            time.sleep(0.02)
+
+    def assert_complains(self, arguments, sentence):
+        done = self.run_monitor(*arguments)
+        self.assertEqual(done.stderr, f"rtp_monitor: {sentence}.\n")
+        self.assertEqual(done.returncode, 2)
+        return done
+
+    # The bundled capture
+
+    def test_PrintsKnownFigures_OfTheBundledCapture(self):
+        done = self.run_monitor("--fast", "--json", *CALL_CLOCKS, CALL)
+        self.assertEqual((done.stderr, done.returncode), ("", 0))
+        document = json.loads(done.stdout)
+        self.assertGreater(document.pop("packetsPerSecond"), 0)
+        self.assertEqual(document, {
+            "streams": [VIDEO, AUDIO], "rtp": 1306, "rtcp": 8, "notRtp": 0, "skipped": 0,
+            "unconfirmedSources": 0, "unconfirmedPackets": 0, "complete": True})
+
+    def test_KnownFigures_AreThoseOfTheScript(self):
+        done = subprocess.run(
+            [sys.executable, os.path.join(TESTS, "figures.py"), CALL, "96=90000", "97=48000"],
+            stdout=subprocess.PIPE, text=True, check=True)
+        self.assertEqual(json.loads(done.stdout), [VIDEO, AUDIO])
+
+    def test_PrintsSameFigures_WithAnyNumberOfWorkers(self):
+        for workers in ("1", "3", "64"):
+            done = self.run_monitor("--fast", "--json", "--workers", workers, *CALL_CLOCKS, CALL)
+            self.assertEqual(json.loads(done.stdout)["streams"], [VIDEO, AUDIO])
+
+    def test_PrintsTable(self):
+        done = self.run_monitor("--fast", *CALL_CLOCKS, CALL)
+        self.assertEqual((done.stderr, done.returncode), ("", 0))
+        lines = [" ".join(line.split()) for line in done.stdout.splitlines()[-6:]]
+        self.assertEqual(lines[:4], [
+            "source > destination ssrc pt packets bytes lost dup late jitter kbit/s now gap ms",
+            "127.0.0.1:32987 > 127.0.0.1:5006 55667788 96 508 362774 4 0.8% 3 1 2.28 182.2 - 134.6",
+            "127.0.0.1:49893 > 127.0.0.1:5004 11223344 97 798 70781 5 0.6% 2 2 15.78 35.4 - 73.1",
+            "RTP 1306, RTCP 8, other UDP 0, skipped 0"])
+        self.assertRegex(lines[4], r"^1314 packets in \d+\.\d\d s, \d+ packets per second$")
+        self.assertEqual(lines[5], f"Trace lines are in {self.trace}")
+
+    def test_AgreesWithTshark(self):
+        done = subprocess.run(
+            ["tshark", "-r", CALL, "-d", "udp.port==5004,rtp", "-d", "udp.port==5006,rtp", "-q",
+             "-z", "rtp,streams"], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True,
+            check=True)
+        rows = re.findall(r"(\d[\d.]+) +(\d+) +(\d[\d.]+) +(\d+) +(0x[0-9A-Fa-f]+) +\S+ +(\d+) +"
+                          r"(-?\d+) \(.*?%\) +\S+ +\S+ +(\S+)", done.stdout)
+        # Its lost are those of RFC 3550, from which duplicates are subtracted; a largest distance
+        # of packets that did not all come in order it does not always tell.
+        seen = sorted((f"{row[0]}:{row[1]}", f"{row[2]}:{row[3]}", row[4].lower(), int(row[5]),
+                       int(row[6])) for row in rows)
+        streams = json.loads(self.run_monitor("--fast", "--json", CALL).stdout)["streams"]
+        self.assertEqual(len(seen), 2)
+        self.assertEqual(seen, [
+            (stream["source"], stream["destination"], stream["ssrc"], stream["packets"],
+             stream["expected"] - stream["packets"]) for stream in streams])
+
+    # Captures of every kind
+
+    def test_ReadsPcapng(self):
+        document = self.json_of(pcapng(frames(50)))
+        self.assertEqual((document["rtp"], document["skipped"]), (50, 0))
+        self.assertEqual(document["streams"][0]["longestGapMs"], 20)
+
+    def test_ReadsEveryLinkType(self):
+        packet = [ipv4(udp(rtp(i))) for i in range(3)]
+        for name, link_type, wrap in (
+                ("Ethernet", captures.ETHERNET, ethernet),
+                ("VLAN", captures.ETHERNET, lambda data: ethernet(data, tags=[0x8100])),
+                ("two tags", captures.ETHERNET, lambda data: ethernet(data, tags=[0x88A8, 0x8100])),
+                ("Linux cooked", captures.SLL, sll),
+                ("Linux cooked, version 2", captures.SLL2, sll2),
+                ("raw IP", captures.RAW, bytes),
+                ("raw IPv4", captures.IPV4, bytes),
+                ("BSD loopback", captures.NULL, lambda data: b"\2\0\0\0" + data),
+                ("BSD loopback, big-endian", captures.NULL, lambda data: b"\0\0\0\2" + data)):
+            with self.subTest(name):
+                document = self.json_of(pcap([wrap(data) for data in packet], link_type))
+                self.assertEqual((document["rtp"], document["skipped"]), (3, 0))
+                self.assertEqual(document["streams"][0]["source"], "10.0.0.1:4000")
+                self.assertEqual(document["streams"][0]["destination"], "10.0.0.2:5004")
+
+    def test_SkipsAndCounts_WhatIsNoWholeUdpOverIpv4(self):
+        whole = ipv4(udp(rtp(1)))
+        for name, frame in (
+                ("IPv6", ethernet(ipv6(udp(rtp(1))), 0x86DD)),
+                ("IPv6 announced as IPv4", ethernet(ipv6(udp(rtp(1))))),
+                ("ARP", ethernet(bytes(28), 0x0806)),
+                ("TCP", ethernet(ipv4(bytes(40), protocol=6))),
+                ("first fragment", ethernet(ipv4(udp(rtp(1)), fragment=0x2000))),
+                ("later fragment", ethernet(ipv4(rtp(1), fragment=0x0010))),
+                ("frame cut off", (ethernet(whole)[:-1], len(ethernet(whole)))),
+                ("no room for UDP", ethernet(ipv4(b"1234567"))),
+                ("IP header too short", ethernet(b"\x44" + whole[1:])),
+                ("IP header beyond the packet", ethernet(b"\x4f" + whole[1:30])),
+                ("IP shorter than its header", ethernet(ipv4(udp(rtp(1)), size=19))),
+                ("UDP longer than IP", ethernet(ipv4(udp(rtp(1), length=100)))),
+                ("UDP shorter than its header", ethernet(ipv4(udp(rtp(1), length=7)))),
+                ("tags without end", ethernet(b"", 0x8100, tags=[0x8100])),
+                ("half an Ethernet header", bytes(13)),
+                ("empty frame", b"")):
+            with self.subTest(name):
+                document = self.json_of(pcap([frame]))
+                self.assertEqual((document["skipped"], document["rtp"], document["notRtp"]),
+                                 (1, 0, 0))
+
+    def test_TakesIpOptionsAndEthernetPadding(self):
+        document = self.json_of(pcap([ethernet(ipv4(udp(rtp(1)), options=bytes(8)) + bytes(6)),
+                                      ethernet(ipv4(udp(rtp(2))) + bytes(6))]))
+        self.assertEqual((document["rtp"], document["streams"][0]["bytes"]), (2, 40))
+
+    def test_CountsRtcpAndOtherUdp(self):
+        rtcp = bytes([0x80, 200, 0, 6]) + bytes(24)
+        document = self.json_of(pcap(
+            [ethernet(ipv4(udp(data))) for data in (rtcp, rtcp, b"", b"GET /", rtp(1)[:11])]))
+        self.assertEqual((document["rtcp"], document["notRtp"], document["rtp"]), (2, 3, 0))
+
+    def test_ReportsSourcesThatAreNoStreams(self):
+        document = self.json_of(pcap([ethernet(ipv4(udp(rtp(1, ssrc=i)))) for i in range(5)]))
+        self.assertEqual(document["streams"], [])
+        self.assertEqual((document["unconfirmedSources"], document["unconfirmedPackets"]), (5, 5))
+
+    def test_KnowsClockOfFixedTypes(self):
+        stream = self.json_of(pcap(frames(3)))["streams"][0]
+        self.assertEqual((stream["clockRate"], stream["jitterMs"]), (8000, 0))
+
+    def test_HasNoJitter_WhenTheClockIsUnknown(self):
+        data = pcap([ethernet(ipv4(udp(rtp(i, payload_type=100)))) for i in range(3)])
+        stream = self.json_of(data)["streams"][0]
+        self.assertEqual((stream["clockRate"], stream["jitterMs"]), (None, None))
+
+    def test_TakesCaptureWithoutPackets(self):
+        self.assertEqual(self.json_of(pcap([]))["streams"], [])
+
+    def test_ReadsStandardInput(self):
+        with open(CALL, "rb") as file:
+            done = self.run_monitor("--fast", "--json", "-", stdin=file)
+        self.assertEqual((done.returncode, json.loads(done.stdout)["rtp"]), (0, 1306))
+
+    def test_KeepsPaceOfTheCapture(self):
+        path = self.write(pcap(frames(26)))
+        start = time.monotonic()
+        done = self.run_monitor("--json", path)
+        self.assertGreaterEqual(time.monotonic() - start, 0.495)  # 25 times 20 ms, whole ms slept
+        self.assertEqual(json.loads(done.stdout)["rtp"], 26)
+
+    # What goes wrong
+
+    def test_ShowsWhatWasRead_WhenTheCaptureIsTruncated(self):
+        path = self.write(pcap(frames(10))[:-5])
+        done = self.run_monitor("--fast", "--json", path)
+        document = json.loads(done.stdout)
+        self.assertEqual((document["rtp"], document["complete"]), (9, False))
+        self.assertRegex(done.stderr, rf"^rtp_monitor: stopped reading {path}: truncated .*\.\n$")
+        self.assertEqual(done.returncode, 2)
+
+    def test_Complains_AboutFilesThatAreNoCaptures(self):
+        self.assert_complains(["/no/such/file"], "cannot read from /no/such/file: "
+                              "/no/such/file: No such file or directory")
+        self.assert_complains(["/"], "cannot read from /: it is a directory")
+        path = self.write(b"this is no capture, but it is long enough to be one")
+        self.assert_complains([path], f"cannot read from {path}: unknown file format")
+        path = self.write(pcap([], captures.WIFI))
+        self.assert_complains([path], f"cannot read from {path}: it holds frames of a kind that is "
+                              "not understood (IEEE802_11)")
+
+    def test_Complains_AboutBadArguments(self):
+        for arguments, sentence in (
+                ([], "a capture file or an address udp://ADDRESS:PORT is missing, see --help"),
+                (["a", "b"], "only one capture or address can be given, see --help"),
+                (["--what", "a"], "there is no option --what, see --help"),
+                (["--workers"], "the option --workers needs a value that makes sense, see --help"),
+                (["--workers", "0", "a"],
+                 "the option --workers needs a value that makes sense, see --help"),
+                (["--workers", "65", "a"],
+                 "the option --workers needs a value that makes sense, see --help"),
+                (["--workers", "2x", "a"],
+                 "the option --workers needs a value that makes sense, see --help"),
+                (["--interval", "99", "a"],
+                 "the option --interval needs a value that makes sense, see --help"),
+                (["--clock", "96", "a"],
+                 "the option --clock needs a value that makes sense, see --help"),
+                (["--clock", "128=8000", "a"],
+                 "the option --clock needs a value that makes sense, see --help"),
+                (["--level", "loud", "a"],
+                 "the option --level needs a value that makes sense, see --help"),
+                (["--trace", "", "a"],
+                 "the option --trace needs a value that makes sense, see --help"),
+                (["--home", "/tmp/much/too/long", "a"],
+                 "the home directory given with --home must have 1 to 15 characters, "
+                 "the last '/' among them")):
+            with self.subTest(arguments):
+                self.assertEqual(self.assert_complains(arguments, sentence).stdout, "")
+
+    def test_Complains_AboutBadAddresses(self):
+        for address in ("tcp://127.0.0.1:5004", "udp://127.0.0.1", "udp://127.0.0.1:0",
+                        "udp://127.0.0.1:65537", "udp://127.0.0.1:port", "udp://:5004", "udp://"):
+            with self.subTest(address):
+                self.assert_complains([address], f"cannot read from {address}: it is not of the "
+                                      "form udp://ADDRESS:PORT")
+
+    def test_Complains_WhenThePortIsInUse(self):
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as taken:
+            taken.bind(("127.0.0.1", 0))
+            address = f"udp://127.0.0.1:{taken.getsockname()[1]}"
+            self.assert_complains([address], f"cannot read from {address}: Address already in use")
+
+    def test_Complains_WhenTheAddressIsNotOfThisHost(self):
+        self.assert_complains(["udp://192.0.2.1:5004"], "cannot read from udp://192.0.2.1:5004: "
+                              "Cannot assign requested address")
+
+    # Live, and the end of a run
+
+    def start_live(self, *arguments):
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as probe:
+            probe.bind(("127.0.0.1", 0))
+            port = probe.getsockname()[1]
+        process = self.start(*arguments, f"udp://127.0.0.1:{port}")
+        self.wait_for_trace("rtp_monitor: reading from")
+        return process, port
+
+    def receive_live(self, a_signal):
+        process, port = self.start_live("--json")
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sender:
+            sender.bind(("127.0.0.1", 0))
+            source = f"127.0.0.1:{sender.getsockname()[1]}"
+            for i in range(100):
+                if i != 50:
+                    sender.sendto(rtp(i, 160 * i), ("127.0.0.1", port))
+            sender.sendto(b"no RTP", ("127.0.0.1", port))
+        time.sleep(0.5)
+        process.send_signal(a_signal)
+        output, errors = process.communicate(timeout=LIMIT)
+        self.assertEqual((errors, process.returncode), ("", 0))
+        document = json.loads(output)
+        stream = document["streams"][0]
+        self.assertEqual((stream["source"], stream["destination"]),
+                         (source, f"127.0.0.1:{port}"))
+        self.assertEqual((stream["packets"], stream["lost"], document["notRtp"]), (99, 1, 1))
+        self.assertTrue(document["complete"])
+
+    def test_ReceivesLive_UntilInterrupted(self):
+        self.receive_live(signal.SIGINT)
+
+    def test_ReceivesLive_UntilTerminated(self):
+        self.receive_live(signal.SIGTERM)
+
+    def test_PrintsTablesWhileReceiving(self):
+        process, port = self.start_live("--interval", "100")
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sender:
+            for i in range(60):
+                sender.sendto(rtp(i, 160 * i), ("127.0.0.1", port))
+                time.sleep(0.01)
+        process.send_signal(signal.SIGINT)
+        output, errors = process.communicate(timeout=LIMIT)
+        self.assertEqual((errors, process.returncode), ("", 0))
+        self.assertGreaterEqual(output.count("source > destination"), 3)
+        rates = [float(line.split()[-2]) for line in output.splitlines() if "01020304" in line]
+        self.assertGreater(max(rates), 0)  # kbit/s of an interval that was closed
+
+    def test_EndsInOrder_WhenInterrupted(self):
+        process = self.start(CALL)
+        self.wait_for_trace("rtp_monitor: reading from")
+        time.sleep(0.5)
+        process.send_signal(signal.SIGINT)
+        output, errors = process.communicate(timeout=LIMIT)
+        self.assertEqual((errors, process.returncode), ("", 0))
+        self.assertIn("source > destination", output)
+        self.assertIn(f"Trace lines are in {self.trace}\n", output)
+        ends = re.findall(r"rtp_monitor: (the \w+ ha\w+ ended|handled \d+ packets)",
+                          self.trace_text())
+        self.assertEqual(ends[:2], ["the receiver has ended", "the workers have ended"])
+        handled = int(re.fullmatch(r"handled (\d+) packets", ends[2]).group(1))
+        self.assertTrue(0 < handled < 1314)
+
+    def test_SaysThatItIsNotComplete_WhenAReplayIsInterrupted(self):
+        process = self.start("--json", CALL)
+        self.wait_for_trace("rtp_monitor: reading from")
+        process.send_signal(signal.SIGINT)
+        output, _ = process.communicate(timeout=LIMIT)
+        self.assertEqual((process.returncode, json.loads(output)["complete"]), (0, False))
+
+    # Settings and views
+
+    def test_TakesSettingsFromTheConfiguration_UnlessOverridden(self):
+        os.mkdir(os.path.join(self.home, "conf"))
+        with open(os.path.join(self.home, "conf", "kelto.cfg"), "w") as file:
+            file.write("[RtpMonitor]\nWorkers=3\nLevel=error\nClock.96=90000\nClock.97=1000\n")
+        done = self.run_monitor("--fast", "--json", "--clock", "97=48000", CALL)
+        self.assertEqual(json.loads(done.stdout)["streams"], [VIDEO, AUDIO])
+        text = self.trace_text()
+        self.assertEqual(len(re.findall("CCmThreadTask::OnThreadRun, Begin", text)), 3)
+        self.assertNotIn("rtp_monitor: ", text)
+
+    def test_WritesTraceLinesWhereToldTo(self):
+        path = os.path.join(self.home, "own.log")
+        done = self.run_monitor("--fast", "--trace", path, CALL)
+        self.assertTrue(done.stdout.endswith(f"\nTrace lines are in {path}\n"))
+        with open(path) as file:
+            self.assertIn(f"rtp_monitor: reading from {CALL}\n", file.read())
+
+    def test_WritesTraceLinesBelowTheHome_WhenToldNothing(self):
+        del self.environment["QTRACE_FILE"]
+        done = self.run_monitor("--fast", CALL)
+        path = os.path.join(self.home, "logs", "rtp_monitor.log")
+        self.assertTrue(done.stdout.endswith(f"\nTrace lines are in {path}\n"))
+        with open(path) as file:
+            self.assertIn("rtp_monitor: handled 1314 packets\n", file.read())
+
+    def test_PrintsHelp(self):
+        done = self.run_monitor("--help")
+        self.assertEqual((done.stderr, done.returncode), ("", 0))
+        for word in ("--fast", "--json", "--workers N", "--interval MS", "--clock TYPE=HZ",
+                     "--level LEVEL", "--trace FILE", "--home DIR", "Ctrl-C", "Exit code: 0; or 2"):
+            self.assertIn(word, done.stdout)
+        self.assertLessEqual(max(map(len, done.stdout.splitlines())), 100)
+
+    def test_PrintsProgressBelowEachTable(self):
+        path = self.write(pcap(frames(30)))
+        done = self.run_monitor("--interval", "100", path)
+        self.assertRegex(done.stdout, rf"skipped 0\n\d+% of {path} read\nsource")
+        self.assertEqual(done.stderr, "")
+
+    def test_PrintsProgressToStandardError_WithJson(self):
+        path = self.write(pcap(frames(30)))
+        done = self.run_monitor("--json", "--interval", "100", path)
+        self.assertEqual(json.loads(done.stdout)["rtp"], 30)
+        self.assertRegex(done.stderr, rf"\A(\d+% of {path} read\n)+\Z")
+
+    def test_KeepsOneScreen_OnATerminal(self):
+        path = self.write(pcap(frames(30)))
+        master, slave = pty.openpty()
+        process = subprocess.Popen(self.command("--interval", "100", path), env=self.environment,
+                                   stdout=slave, stderr=slave)
+        os.close(slave)
+        output = b""
+        try:
+            while chunk := os.read(master, 65536):
+                output += chunk
+        except OSError:
+            pass  # the end of a terminal
+        os.close(master)
+        self.assertEqual(process.wait(timeout=LIMIT), 0)
+        screens = output.decode().split("\x1b[H\x1b[2J")
+        self.assertEqual(screens[0], "")
+        self.assertGreater(len(screens), 3)
+        for screen in screens[1:]:
+            self.assertEqual(screen.count("source > destination"), 1)
+        self.assertRegex(screens[1], rf"\d+% of {path} read\r\n\Z")
+
+    # A long capture
+
+    def test_KeepsMemoryBounded(self):
+        path = self.write(b"")
+        load.write_capture(path, 200000)
+        figures = load.measure(self.command("--fast", "--json", path), self.environment)
+        self.assertEqual(figures.exit_code, 0)
+        self.assertEqual(sum(stream["packets"] for stream in figures.document["streams"]), 200000)
+        self.assertTrue(0 < figures.peak_mib < 64, figures.peak_mib)
+
+
+if __name__ == "__main__":
+    MONITOR = os.path.abspath(sys.argv.pop(1))
+    unittest.main(argv=[sys.argv[0]] + [f"RtpMonitor.{name}" for name in sys.argv[1:]])
