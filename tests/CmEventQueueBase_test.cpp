@@ -511,6 +511,33 @@ TEST(CmEventQueueBase, EndsTheEvent_WhenTheNodeCannotBeAllocated) {
     EXPECT_EQ(Ids(), log.fired());
 }
 
+CCmEventQueueBase* g_pQueueToStop = nullptr;
+int StopThenLock(pthread_mutex_t* aMutex) {
+    if (g_pQueueToStop != nullptr) {
+        g_pQueueToStop->SetStopped();
+    }
+    return pthread_mutex_lock(aMutex);
+}
+
+TEST(CmEventQueueBase, EndsTheEvent_WhenItsConsumerEndsJustBeforeThePost) {
+    EventLog log;
+    CCmEventQueueUsingMutex polled;
+    CCmEventQueueUsingConditionVariable waited;
+    for (CCmEventQueueBase* pQueue :
+         {static_cast<CCmEventQueueBase*>(&polled), static_cast<CCmEventQueueBase*>(&waited)}) {
+        ICmEvent* pEvent = new LoggedEvent(log, 1);
+        g_pQueueToStop = pQueue;
+        {
+            kelto_test::ScopedEntry<decltype(g_cmSystem.pthread_mutex_lock)> entry(
+                g_cmSystem.pthread_mutex_lock, &StopThenLock);
+            EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, pQueue->PostEvent(pEvent, NORMAL));
+        }
+        EXPECT_EQ(0u, pQueue->GetPendingEventsCount());
+    }
+    EXPECT_EQ((Ids{1, 1}), log.ended());
+    EXPECT_EQ(Ids(), log.fired());
+}
+
 // Synchronous sends.
 
 TEST(CmEventSend, SendsNothing_WhenTheEventIsNull) {

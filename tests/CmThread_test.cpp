@@ -483,6 +483,19 @@ TEST(CmThread, TerminateFails_WhenThereIsNoThread) {
     EXPECT_FALSE(thread.GetStopFlag());
 }
 
+TEST(CmThread, TerminateFails_WhenADetachedBodyHasEnded) {
+    Life life;
+    life.released = true;
+    BodyThread* pThread = new BodyThread(life);
+    ASSERT_EQ(CM_OK, pThread->Create(TYPE, TF_DETACHED, 0));
+    ASSERT_TRUE(Eventually([&] { return pThread->GetStopFlag(); }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));  // behind its last step
+    kelto_test::FailingCall<&CCmSystemTable::pthread_cancel> fault(ESRCH, ESRCH);
+    EXPECT_EQ(CM_ERROR_FAILURE, pThread->Terminate());
+    EXPECT_EQ(0u, fault.calls());  // the thread's number may be another one's by now
+    pThread->Destory(0);
+}
+
 TEST(CmThread, TerminateReturnsTheResultOfTheCall_WhenItFails) {
     Life life;
     BodyThread* pThread = new BodyThread(life);
