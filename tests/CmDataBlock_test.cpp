@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -44,6 +45,17 @@ TEST(CmDataBlock, CreateInstance_WithoutSourceHasOneReference) {
     EXPECT_EQ(1u, pDb->GetReference());
     std::memset(pDb->m_pPayload, 'x', 16);
     EXPECT_EQ(0u, pDb->ReleaseReference());
+}
+
+TEST(CmDataBlock, CreateInstance_WithoutSourceDoesNotClearThePayload) {
+    const std::string sStale(64, 'x');
+    CCmDataBlock* pDb = nullptr;
+    // The second block takes the memory that the first one left, or what a sanitizer marked.
+    for (const char* pSource : {sStale.data(), static_cast<const char*>(nullptr)}) {
+        ASSERT_EQ(CM_OK, CCmDataBlock::CreateInstance(pDb, 64, pSource));
+        EXPECT_NE(std::string(64, '\0'), std::string(pDb->m_pPayload, 64));
+        pDb->ReleaseReference();
+    }
 }
 
 TEST(CmDataBlock, CreateInstance_IsOneAllocationWithThePayloadBehindTheHeader) {

@@ -60,12 +60,14 @@ TEST_F(CmMessageBlock, SetData_WrapsTheCallersMemory) {
 }
 
 TEST_F(CmMessageBlock, SetData_AllocateDataDoesNotCopyTheSource) {
-    char achMemory[4] = "abc";
+    const char achMemory[] = "bytes that are not taken over";
     CCmMessageBlock block;
-    EXPECT_EQ(CM_OK, block.SetData(4, achMemory, CCmMessageBlock::ALLOCATE_DATA, 0));
+    EXPECT_EQ(CM_OK,
+              block.SetData(sizeof(achMemory), achMemory, CCmMessageBlock::ALLOCATE_DATA, 0));
     EXPECT_NE(achMemory, block.GetTopLevelReadPtr());
+    EXPECT_NE(0, std::memcmp(achMemory, block.GetTopLevelReadPtr(), sizeof(achMemory)));
     EXPECT_EQ(0u, block.GetTopLevelLength());
-    EXPECT_EQ(4u, block.GetTopLevelSpace());
+    EXPECT_EQ(sizeof(achMemory), block.GetTopLevelSpace());
     EXPECT_EQ(0u, block.GetFlag());
 }
 
