@@ -91,9 +91,9 @@ class CM_UTIL_EXPORT CCmT120Trace2 : public CCmT120Trace {
     unsigned char load(void* aFile) override;
 
     // The log path with the first "##**FILE_NAME_TAG**##" in it replaced by aName; empty when it
-    // has none. The library's own log paths have none: a host that wants a name here sets
-    // m_sLogPath in a derived class.
-    std::string GetLogFilePathAndName(const std::string& aName);
+    // has none; aName is left as it is. The library's own log paths have none: a host that wants a
+    // name here sets m_sLogPath in a derived class.
+    std::string GetLogFilePathAndName(std::string& aName);
 
   protected:
     std::string m_sLogPath;

@@ -134,16 +134,16 @@ class CM_UTIL_EXPORT CCmT120Trace {
 
     // Passes aText, which is never taken as a format, to the level function of levels 0 (error),
     // 10 (warn), 20 (info) and 25 (debug). Drops it at any other level, at a level that is
-    // switched off, and while tracing is disabled. aModule is not used.
-    void trace_string(unsigned long aLevel, const char* aText);
-    void trace_string(unsigned long aLevel, const char* aModule, const char* aText);
+    // switched off, and while tracing is disabled. aModule is not used; aText is not written to.
+    void trace_string(unsigned long aLevel, char* aText);
+    void trace_string(unsigned long aLevel, const char* aModule, char* aText);
 
     // 1 when the level is on and not switched off for the module (null: any), else 0.
     unsigned char enable_trace_print(unsigned long aLevel, const char* aModule);
 
     // Both do nothing.
-    void log_string(const char* aText);
-    void Assert_Log(const char* aFile, const char* aExpression, int aLine);
+    void log_string(char* aText);
+    void Assert_Log(char* aFile, char* aExpression, int aLine);
 
     // If there is a bundle, releases it and takes the level functions away: every text is
     // dropped from then on.

@@ -173,12 +173,44 @@ TEST(CmLogStream, LevelFunction_FormatsWhole_AroundTheStackBuffer) {
     }
 }
 
-TEST(CmLogStream, LevelFunction_AllocatesNothingForAUsualLine) {
+TEST(CmLogStream, LevelFunction_AllocatesNothingForADroppedLine) {
     ScopedTraceLibrary library;
     library.SetThreshold(3);
     const unsigned long ulBefore = kelto_test::AllocationsOfThisThread();
     ccu_trace_info("net", "%d", 7);
     EXPECT_EQ(ulBefore, kelto_test::AllocationsOfThisThread());
+}
+
+bool IsOnStack(const void* aAddress) {
+    pthread_attr_t attributes;
+    void* pStack = nullptr;
+    size_t nSize = 0;
+    EXPECT_EQ(0, pthread_getattr_np(pthread_self(), &attributes));
+    pthread_attr_getstack(&attributes, &pStack, &nSize);
+    pthread_attr_destroy(&attributes);
+    return aAddress >= pStack && aAddress < static_cast<char*>(pStack) + nSize;
+}
+
+TEST(CmLogStream, LevelFunction_DeliversAPlainTextFromWhereItStands) {
+    ScopedTraceLibrary library;
+    const std::string sText = TextOfLength(2047);
+    const unsigned long ulBefore = kelto_test::AllocationsOfThisThread();
+    ccu_trace_info("net", "%s", sText.c_str());
+    EXPECT_EQ(sText.c_str(), library.lastText());
+    EXPECT_EQ(ulBefore, library.lastAllocations());
+}
+
+TEST(CmLogStream, LevelFunction_FormatsAUsualLineOnTheStack) {
+    ScopedTraceLibrary library;
+    const std::string sText = TextOfLength(1022);
+    const unsigned long ulBefore = kelto_test::AllocationsOfThisThread();
+    ccu_trace_info("net", "%s%d", sText.c_str(), 7);
+    EXPECT_EQ(ulBefore, library.lastAllocations());
+#if !defined(__SANITIZE_ADDRESS__)  // which moves locals off the stack
+    EXPECT_TRUE(IsOnStack(library.lastText()));
+#endif
+    ccu_trace_info("net", "%s%d", TextOfLength(1023).c_str(), 7);
+    EXPECT_FALSE(IsOnStack(library.lastText()));
 }
 
 // The lengths of the pieces that a text is delivered in; the bytes of each are checked too.
@@ -436,8 +468,8 @@ TEST(CmLogStream, Facility2_DeliversInfoButNoErrorByDefault) {
     EXPECT_EQ(0, StatusOfChild([] {
                   ScopedHome home;
                   ScopedTraceLibrary library;
-                  CCmT120Trace2::instance()->trace_string(0, "error");
-                  CCmT120Trace2::instance()->trace_string(20, "info");
+                  CCmT120Trace2::instance()->trace_string(0, const_cast<char*>("error"));
+                  CCmT120Trace2::instance()->trace_string(20, const_cast<char*>("info"));
                   EXPECT_EQ(Texts{"info"}, library.texts());
               }));
 }
@@ -449,6 +481,7 @@ class TaggedTrace : public CCmT120Trace2 {
     explicit TaggedTrace(const char* aFileName = nullptr)
         : CCmT120Trace2("Log", g_table, aFileName, 0) {}
     std::string& logPath() { return m_sLogPath; }
+    std::string Named(std::string aName) { return GetLogFilePathAndName(aName); }
 };
 
 TEST(CmLogStream, Facility2_RemembersTheLogPath_WithoutAFileName) {
@@ -468,27 +501,27 @@ TEST(CmLogStream, Facility2_RemembersNoLogPath_WithAFileName) {
 
 TEST(CmLogStream, LogFileName_IsEmpty_OnAFreshFacility) {
     TaggedTrace trace;
-    EXPECT_EQ("", trace.GetLogFilePathAndName("a"));
+    EXPECT_EQ("", trace.Named("a"));
 }
 
 TEST(CmLogStream, LogFileName_IsEmpty_WithoutTheTag) {
     ScopedHome home;
     TaggedTrace trace;
     trace.load(nullptr);
-    EXPECT_EQ("", trace.GetLogFilePathAndName("a"));
+    EXPECT_EQ("", trace.Named("a"));
 }
 
 TEST(CmLogStream, LogFileName_ReplacesTheFirstTagAndKeepsTheStoredPath) {
     TaggedTrace trace;
     trace.logPath() = "/x/##**FILE_NAME_TAG**##.##**FILE_NAME_TAG**##";
-    EXPECT_EQ("/x/call.##**FILE_NAME_TAG**##", trace.GetLogFilePathAndName("call"));
+    EXPECT_EQ("/x/call.##**FILE_NAME_TAG**##", trace.Named("call"));
     EXPECT_EQ("/x/##**FILE_NAME_TAG**##.##**FILE_NAME_TAG**##", trace.logPath());
 }
 
 TEST(CmLogStream, LogFileName_IsEmpty_WhenMemoryRunsOut) {
     TaggedTrace trace;
     trace.logPath() = "/a/path/that/is/long/enough/##**FILE_NAME_TAG**##";
-    const std::string sName("name");
+    std::string sName("name");
     ScopedAllocationFault fault(1);
     EXPECT_EQ("", trace.GetLogFilePathAndName(sName));
     EXPECT_TRUE(fault.hit());

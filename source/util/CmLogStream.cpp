@@ -195,6 +195,7 @@ void YrktraStreamA::writestringa(const char* aText) {
     if (aText == nullptr) {
         return;
     }
+    CCmTraceGuard guard;
     const unsigned long ulKept = m_pchBuffer != nullptr ? m_ulLength - 1 : 0;
     const unsigned long ulAdded = std::strlen(aText) + 1;
     // aText may lie in the old buffer, which therefore stays until both are copied.
@@ -267,7 +268,8 @@ unsigned char CCmT120Trace2::load(void* aFile) {
     return load_file(aFile, &m_sLogPath);
 }
 
-std::string CCmT120Trace2::GetLogFilePathAndName(const std::string& aName) {
+std::string CCmT120Trace2::GetLogFilePathAndName(std::string& aName) {
+    CCmTraceGuard guard;
     CCmScopedLockT<CCmMutexThreadRecursive> lock(mutex());
     const size_t nTag = m_sLogPath.find(FILE_NAME_TAG);
     if (nTag == std::string::npos) {

@@ -334,11 +334,11 @@ bool CCmT120Trace::is_level_on(unsigned long aLevel) const {
            m_pLevelTable[aLevel].m_bEnabled.load(std::memory_order_relaxed) != 0;
 }
 
-void CCmT120Trace::trace_string(unsigned long aLevel, const char* aText) {
+void CCmT120Trace::trace_string(unsigned long aLevel, char* aText) {
     trace_string(aLevel, DEFAULT_MODULE, aText);
 }
 
-void CCmT120Trace::trace_string(unsigned long aLevel, const char* /*aModule*/, const char* aText) {
+void CCmT120Trace::trace_string(unsigned long aLevel, const char* /*aModule*/, char* aText) {
     if (LevelFunction pfnLevel = passing_function(aLevel)) {
         pfnLevel(DELIVERED_MODULE, "%s", aText);
     }
@@ -361,9 +361,9 @@ unsigned char CCmT120Trace::enable_trace_print(unsigned long aLevel, const char*
     return m_DisabledKeys.find(achKey) == m_DisabledKeys.end() ? 1 : 0;
 }
 
-void CCmT120Trace::log_string(const char* /*aText*/) {}
+void CCmT120Trace::log_string(char* /*aText*/) {}
 
-void CCmT120Trace::Assert_Log(const char* /*aFile*/, const char* /*aExpression*/, int /*aLine*/) {}
+void CCmT120Trace::Assert_Log(char* /*aFile*/, char* /*aExpression*/, int /*aLine*/) {}
 
 const char* CCmT120Trace::get_process_name() {
     return CmProcessNameOf(get_exec_name(), "attrace");
@@ -372,7 +372,7 @@ const char* CCmT120Trace::get_process_name() {
 const char* CCmT120Trace::get_trace_dir() {
     static char s_achTraceDir[TRACE_DIR_SIZE];
     char achDir[TRACE_DIR_SIZE];
-    std::snprintf(achDir, sizeof(achDir), "%s/logs", g_def_kelto_home_dir);
+    std::snprintf(achDir, sizeof(achDir), "%.*s/logs", CM_HOME_DIR_SIZE, g_def_kelto_home_dir);
     CCmScopedLockT<CCmMutexThread> lock(s_traceDirMutex.m_Lock);
     if (std::strcmp(s_achTraceDir, achDir) != 0) {
         std::memcpy(s_achTraceDir, achDir, sizeof(achDir));

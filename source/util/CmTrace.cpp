@@ -12,6 +12,11 @@ UtilTraceSink InstalledSink() {
     return g_util_trace_sink.load(std::memory_order_relaxed);
 }
 
+// The facility takes text that is not const and leaves it as it is.
+char* TextForFacility(const char* aText) {
+    return const_cast<char*>(aText);
+}
+
 }  // namespace
 
 bool CmTraceIsWanted(unsigned long aLevel) {
@@ -34,7 +39,7 @@ void util_adapter_trace(unsigned long aLevel, const char* aText, unsigned int aL
     if (UTIL_NS::UtilTraceSink pfnSink = UTIL_NS::InstalledSink()) {
         pfnSink(aLevel, aText, aLength);
     } else {
-        UTIL_NS::CCmT120Trace::instance()->trace_string(aLevel, aText);
+        UTIL_NS::CCmT120Trace::instance()->trace_string(aLevel, UTIL_NS::TextForFacility(aText));
     }
 }
 
@@ -43,6 +48,7 @@ void util_adapter_trace_ex(unsigned long aLevel, const char* aModule, const char
     if (UTIL_NS::UtilTraceSink pfnSink = UTIL_NS::InstalledSink()) {
         pfnSink(aLevel, aText, aLength);
     } else {
-        UTIL_NS::CCmT120Trace::instance()->trace_string(aLevel, aModule, aText);
+        UTIL_NS::CCmT120Trace::instance()->trace_string(aLevel, aModule,
+                                                        UTIL_NS::TextForFacility(aText));
     }
 }

@@ -8,6 +8,7 @@
 #include <stdexcept>
 
 #include "qtrace.h"
+#include "support/Faults.h"
 
 namespace kelto_test {
 
@@ -17,6 +18,7 @@ struct State {
     std::vector<TraceCall> calls;
     std::vector<unsigned long> thresholds{0};
     const char* lastText = nullptr;
+    unsigned long lastAllocations = 0;
     unsigned long thresholdReads = 0;
     unsigned long throwIn = 0;
     int error = 0;
@@ -24,7 +26,8 @@ struct State {
 };
 
 std::mutex g_mutex;
-State g_state;
+// Never destroyed: lines may come while the program ends.
+State& g_state = *new State;
 
 }  // namespace
 
@@ -54,6 +57,11 @@ std::vector<std::string> ScopedTraceLibrary::texts() const {
 char* ScopedTraceLibrary::lastText() const {
     std::lock_guard<std::mutex> lock(g_mutex);
     return const_cast<char*>(g_state.lastText);
+}
+
+unsigned long ScopedTraceLibrary::lastAllocations() const {
+    std::lock_guard<std::mutex> lock(g_mutex);
+    return g_state.lastAllocations;
 }
 
 unsigned long ScopedTraceLibrary::thresholdReads() const {
@@ -100,6 +108,7 @@ unsigned long _getTraceLevel() {
 
 void YRKTRACERAWA(unsigned long aLevel, const char* aModule, char* aPrefix, const char* aText) {
     using namespace kelto_test;
+    const unsigned long ulAllocations = AllocationsOfThisThread();
     {
         std::lock_guard<std::mutex> lock(g_mutex);
         const bool bZero = aPrefix != nullptr &&
@@ -107,6 +116,7 @@ void YRKTRACERAWA(unsigned long aLevel, const char* aModule, char* aPrefix, cons
         g_state.calls.push_back(
             {aLevel, aModule != nullptr ? aModule : "(null)", aPrefix != nullptr, bZero, aText});
         g_state.lastText = aText;
+        g_state.lastAllocations = ulAllocations;
         if (g_state.error != 0) {
             errno = g_state.error;
         }

@@ -31,6 +31,8 @@ class ScopedTraceLibrary {
     std::vector<std::string> texts() const;
     // Where the text of the last call stood.
     char* lastText() const;
+    // The allocations that its thread had made by then.
+    unsigned long lastAllocations() const;
     // How often the threshold was asked for.
     unsigned long thresholdReads() const;
 
