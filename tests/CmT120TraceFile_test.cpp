@@ -5,12 +5,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <map>
+#include <memory>
 #include <thread>
 
 #include "CmConfig.h"
@@ -532,6 +534,19 @@ TEST_F(CmT120TraceFile, Filter_FindsItsFile_WhenTheHomeHasNoSlashAtItsEnd) {
     EXPECT_EQ(0, regex_match("net"));
 }
 
+TEST_F(CmT120TraceFile, Filter_FindsItsFile_WhenTheHomeFillsItsArray) {
+    const std::string sHome(g_def_kelto_home_dir);
+    const std::string sLink = sHome.substr(0, sHome.size() - 1) + "_lk";
+    std::filesystem::create_directory_symlink(sHome, sLink);
+    WriteFilters("net");
+    ASSERT_EQ(15u, sLink.size());
+    std::memcpy(g_def_kelto_home_dir, (sLink + "/").c_str(), CM_HOME_DIR_SIZE);
+    CCmT120TraceFileMgr::init_reg_filter();
+    std::strcpy(g_def_kelto_home_dir, sHome.c_str());
+    std::filesystem::remove(sLink);
+    EXPECT_EQ(0, regex_match("net"));
+}
+
 TEST_F(CmT120TraceFile, Write_LeavesOutAFilteredModule) {
     SetFilters("net");
     WriteEmptyTraceFile();
@@ -654,6 +669,76 @@ TEST_F(CmT120TraceFile, Manager_WaitsAndFlushesAtItsEnd) {
     }
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(200));
     EXPECT_NE(std::string::npos, Content().find(" last\n"));
+}
+
+// What host code sees of a record and of the manager: their first fields.
+template <typename Field>
+Field FieldAt(const void* aObject, size_t aOffset) {
+    Field field;
+    std::memcpy(&field, static_cast<const char*>(aObject) + aOffset, sizeof(field));
+    return field;
+}
+
+TEST_F(CmT120TraceFile, Manager_PutsTheNewestFirstAndCountsAllThatWereEverCreated) {
+    const uint32_t dwBefore = FieldAt<uint32_t>(&g_trace_mgr, 8);
+    void* pHeader = FieldAt<void*>(&g_trace_mgr, 0);
+    void* pFirst = T120_Open_Trace_Dev("a", 0, 0, 0);
+    void* pSecond = T120_Open_Trace_Dev("b", 0, 0, 0);
+    T120_Open_Trace_Dev("a", 0, 0, 0);
+    EXPECT_EQ(dwBefore + 2, FieldAt<uint32_t>(&g_trace_mgr, 8));
+    EXPECT_EQ(pSecond, FieldAt<void*>(&g_trace_mgr, 0));
+    EXPECT_EQ(pFirst, FieldAt<void*>(pSecond, 0));
+    EXPECT_EQ(pHeader, FieldAt<void*>(pFirst, 0));
+    T120_Close_Trace_Dev(pSecond);
+    T120_Close_Trace_Dev(pFirst);
+    EXPECT_EQ(dwBefore + 2, FieldAt<uint32_t>(&g_trace_mgr, 8));
+    EXPECT_EQ(pHeader, FieldAt<void*>(&g_trace_mgr, 0));
+}
+
+TEST_F(CmT120TraceFile, Flush_MarksTheRecordAsWrapped_AtTheSizeLimit) {
+    WriteFile(m_sPath, Header(99) + std::string(68, 'o'));
+    CCmT120TraceFile file(m_sPath.c_str(), 100, 0, 0);
+    file.attach();
+    file.write(nullptr, nullptr, "below");
+    EXPECT_EQ(0, FieldAt<unsigned char>(&file, 8));
+    file.write(nullptr, nullptr, "at the limit");
+    EXPECT_EQ(1, FieldAt<unsigned char>(&file, 8));
+}
+
+TEST_F(CmT120TraceFile, Record_IsMarkedAsValid_WhileItLives) {
+    alignas(CCmT120TraceFile) char achMemory[sizeof(CCmT120TraceFile)] = {};
+    CCmT120TraceFile* pFile = new (achMemory) CCmT120TraceFile("a", 0, 0, 0);
+    const int nMark = 20050704;
+    const char* pchMark =
+        std::search(achMemory, achMemory + sizeof(achMemory), reinterpret_cast<const char*>(&nMark),
+                    reinterpret_cast<const char*>(&nMark + 1));
+    ASSERT_NE(achMemory + sizeof(achMemory), pchMark);
+    pFile->~CCmT120TraceFile();
+    EXPECT_EQ(0, FieldAt<int>(pchMark, 0));
+}
+
+// Ends a record in a thread that is being cancelled, which a destructor would not survive.
+TEST_F(CmT120TraceFile, Destructor_EndsBeforeItsThreadIsCancelled) {
+    auto pFile = std::make_unique<CCmT120TraceFile>(m_sPath.c_str(), 0, 0, 0);
+    ASSERT_EQ(CM_OK, pFile->attach());
+    std::pair<CCmT120TraceFile*, bool> state(pFile.release(), false);
+    pthread_t thread;
+    ASSERT_EQ(0, pthread_create(
+                     &thread, nullptr,
+                     [](void* aState) -> void* {
+                         auto* pState = static_cast<std::pair<CCmT120TraceFile*, bool>*>(aState);
+                         pthread_cancel(pthread_self());
+                         errno = ENOENT;
+                         delete pState->first;
+                         pState->second = errno == ENOENT;
+                         pthread_testcancel();
+                         return nullptr;
+                     },
+                     &state));
+    void* pResult = nullptr;
+    ASSERT_EQ(0, pthread_join(thread, &pResult));
+    EXPECT_EQ(PTHREAD_CANCELED, pResult);
+    EXPECT_TRUE(state.second);
 }
 
 // ---- Sharing

@@ -32,7 +32,7 @@ constexpr int VALID = 20050704;
 constexpr unsigned long EXIT_WAIT = 200;  // ms
 
 constexpr char FILTER_FILE[] = "conf/keltoexp.filter";
-constexpr size_t FILTER_PATH_SIZE = 64;    // bytes; the home directory has at most 15
+constexpr size_t FILTER_PATH_SIZE = 64;    // bytes; the home directory has at most 16
 constexpr size_t FILTER_LINE_SIZE = 1024;  // bytes
 
 // Held from taking a file's lock to releasing it, and while a file is opened or closed. Threads of
@@ -130,13 +130,15 @@ CCmT120TraceFile::CCmT120TraceFile(const char* aName, unsigned long aSizeLimit,
       m_nDescriptor(0) {}
 
 CCmT120TraceFile::~CCmT120TraceFile() {
+    CCmTraceGuard guard;
     flush_buffer();
     std::free(m_pchLines);
     if (m_pStream != nullptr) {
         CCmScopedLockT<CCmMutexThread> lock(s_fileLockMutex.m_Lock);
         std::fclose(m_pStream);
     }
-    m_nValidity = 0;
+    // Volatile, so that the mark of a record that is gone reaches its memory.
+    *const_cast<volatile int*>(&m_nValidity) = 0;
     std::free(m_pszName);
 }
 
@@ -343,6 +345,7 @@ unsigned char CCmT120TraceFile::is_same_file(const char* aName) const {
 CCmT120TraceFileMgr g_trace_mgr;
 
 CCmT120TraceFileMgr::~CCmT120TraceFileMgr() {
+    CCmTraceGuard guard;
     ms_sleep(EXIT_WAIT);
     CCmT120TraceFile* pFile = m_pHeader.exchange(nullptr, std::memory_order_relaxed);
     while (pFile != nullptr) {
@@ -428,6 +431,7 @@ int regex_match(const char* aText) {
     if (aText == nullptr || regex_cnt.load(std::memory_order_relaxed) == 0) {
         return -1;
     }
+    CCmTraceGuard guard;
     CCmScopedLockT<CCmMutexThread> lock(s_filterMutex.m_Lock);
     for (int i = 0; i < s_nCompiled; ++i) {
         if (::regexec(&re[i], aText, 0, nullptr, 0) == 0) {
@@ -442,11 +446,11 @@ namespace {
 using FilterLines = char[CM_TRACE_FILTER_COUNT][FILTER_LINE_SIZE];
 
 FILE* OpenFilterFile() {
-    const size_t nHome = std::strlen(g_def_kelto_home_dir);
+    const size_t nHome = ::strnlen(g_def_kelto_home_dir, CM_HOME_DIR_SIZE);
     const bool bSlash = nHome > 0 && g_def_kelto_home_dir[nHome - 1] == '/';
     char achPath[FILTER_PATH_SIZE];
-    std::snprintf(achPath, sizeof(achPath), "%s%s%s", g_def_kelto_home_dir, bSlash ? "" : "/",
-                  FILTER_FILE);
+    std::snprintf(achPath, sizeof(achPath), "%.*s%s%s", static_cast<int>(nHome),
+                  g_def_kelto_home_dir, bSlash ? "" : "/", FILTER_FILE);
     return std::fopen(achPath, "rt");
 }
 
