@@ -581,7 +581,18 @@ TEST(CmConfigParam, MissingBuffer_IsNotFound) {
     char szOut[4] = "x";
     EXPECT_EQ(0, get_string_param("s", "k", nullptr, 4));
     EXPECT_EQ(0, get_string_param("s", "k", szOut, 0));
+    EXPECT_EQ(0, get_string_param("s", "k", szOut, -1));
     EXPECT_STREQ("x", szOut);
+}
+
+TEST(CmConfigParam, BufferOfOneCharacter_HoldsTheTerminatorOnly) {
+    ScopedHome home;
+    home.WriteConfig("[s]\nk=v\n");
+    char achOut[2] = {'x', 'y'};
+    EXPECT_EQ(0, get_string_param("s", "k", achOut, 1));
+    EXPECT_EQ(0, memcmp("\0y", achOut, 2));
+    EXPECT_EQ(1, get_string_param("s", "k", achOut, 2));
+    EXPECT_EQ(0, memcmp("v\0", achOut, 2));
 }
 
 TEST(CmConfigParam, Numbers_AreParsed) {

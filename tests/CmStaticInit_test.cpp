@@ -1,6 +1,5 @@
 // A host's own static objects use the library's mutexes and singletons, before main and after it.
-// Built twice: against the library's objects, whose static objects the linker places behind these,
-// and against the shared library.
+// Built twice: against the library's objects and against the shared library.
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
@@ -58,7 +57,13 @@ class HostStatic {
     uint32_t m_dwCount = 0;
 };
 
+// Constructed before the static objects of a library that is linked into the program, and
+// destroyed behind them.
+#if defined(__APPLE__)
 HostStatic g_HostStatic;
+#else
+__attribute__((init_priority(101))) HostStatic g_HostStatic;
+#endif
 
 TEST(CmStaticInit, Mutexes_AreUsableBeforeMain) {
     EXPECT_TRUE(g_HostStatic.m_bRecursive);

@@ -46,6 +46,14 @@ constexpr Level LEVELS[28] = {
     {"Tick", 0},    {"Detail", 0}, {"WDMS", 0},      {"Debug", 0},
 };
 
+// The facility takes text that is not const, and leaves it alone.
+void Trace(CCmT120Trace& aTrace, unsigned long aLevel, const char* aText) {
+    aTrace.trace_string(aLevel, const_cast<char*>(aText));
+}
+void Trace(CCmT120Trace& aTrace, unsigned long aLevel, const char* aModule, const char* aText) {
+    aTrace.trace_string(aLevel, aModule, const_cast<char*>(aText));
+}
+
 // Facilities of its own, in a home of its own. The process of this executable is named "C", the
 // first character of its file.
 class CmT120Trace : public testing::Test {
@@ -91,15 +99,15 @@ TEST_F(CmT120Trace, Trace_ReachesTheLibraryForFourLevelsOnly) {
         "C.Detail=TRUE\nC.WDMS=TRUE\nC.Debug=TRUE\nC.NA=TRUE\n");
     EXPECT_EQ(28u, LevelsOn(*pTrace).size());
     for (unsigned long i = 0; i < CM_TRACE_LEVEL_COUNT; ++i) {
-        pTrace->trace_string(i, ("level " + std::to_string(i)).c_str());
+        Trace(*pTrace, i, ("level " + std::to_string(i)).c_str());
     }
     EXPECT_EQ((Texts{"level 0", "level 10", "level 20", "level 25"}), m_Library.texts());
 }
 
 TEST_F(CmT120Trace, Trace_DeliversAtLevel2WithModuleMac) {
     std::unique_ptr<CCmT120Trace> pTrace = Load("");
-    pTrace->trace_string(0, "text");
-    pTrace->trace_string(10, "net", "text");
+    Trace(*pTrace, 0, "text");
+    Trace(*pTrace, 10, "net", "text");
     ASSERT_EQ(2u, m_Library.calls().size());
     for (const TraceCall& call : m_Library.calls()) {
         EXPECT_EQ(2u, call.level);
@@ -111,21 +119,21 @@ TEST_F(CmT120Trace, Trace_DeliversAtLevel2WithModuleMac) {
 
 TEST_F(CmT120Trace, Trace_TakesNoTextAsAFormat) {
     std::unique_ptr<CCmT120Trace> pTrace = Load("");
-    pTrace->trace_string(0, "%s%n%d %%");
+    Trace(*pTrace, 0, "%s%n%d %%");
     EXPECT_EQ(Texts{"%s%n%d %%"}, m_Library.texts());
 }
 
 TEST_F(CmT120Trace, Trace_DropsLevel1_WhichIsOnByDefault) {
     std::unique_ptr<CCmT120Trace> pTrace = Load("");
     EXPECT_EQ(1, pTrace->enable_trace_print(1, nullptr));
-    pTrace->trace_string(1, "text");
+    Trace(*pTrace, 1, "text");
     EXPECT_TRUE(m_Library.calls().empty());
 }
 
 TEST_F(CmT120Trace, Trace_DropsALevelThatDoesNotExist) {
     std::unique_ptr<CCmT120Trace> pTrace = Load("");
     for (unsigned long ulLevel : {28ul, 29ul, 1000000ul, ~0ul}) {
-        pTrace->trace_string(ulLevel, "text");
+        Trace(*pTrace, ulLevel, "text");
         EXPECT_EQ(0, pTrace->enable_trace_print(ulLevel, nullptr));
         EXPECT_EQ(0, pTrace->enable_trace_print(ulLevel, "net"));
     }
@@ -134,7 +142,7 @@ TEST_F(CmT120Trace, Trace_DropsALevelThatDoesNotExist) {
 
 TEST_F(CmT120Trace, Trace_DropsEverything_BeforeLoad) {
     std::unique_ptr<CCmT120Trace> pTrace = Create();
-    pTrace->trace_string(0, "text");
+    Trace(*pTrace, 0, "text");
     EXPECT_TRUE(m_Library.calls().empty());
 }
 
@@ -145,23 +153,23 @@ TEST_F(CmT120Trace, Trace_DropsEverything_WhenTheRecordCannotBeOpened) {
         EXPECT_EQ(1, pTrace->load(nullptr));
         EXPECT_TRUE(fault.hit());
     }
-    pTrace->trace_string(0, "lost");
+    Trace(*pTrace, 0, "lost");
     pTrace->load(nullptr);
-    pTrace->trace_string(0, "text");
+    Trace(*pTrace, 0, "text");
     EXPECT_EQ(Texts{"text"}, m_Library.texts());
 }
 
 TEST_F(CmT120Trace, Trace_DropsALevelThatIsOff) {
     std::unique_ptr<CCmT120Trace> pTrace = Load("C.Info=FALSE\n");
-    pTrace->trace_string(20, "off");
-    pTrace->trace_string(10, "on");
+    Trace(*pTrace, 20, "off");
+    Trace(*pTrace, 10, "on");
     EXPECT_EQ(Texts{"on"}, m_Library.texts());
 }
 
 TEST_F(CmT120Trace, Trace_AllocatesNothing_WhenTheLineIsFilteredOut) {
     std::unique_ptr<CCmT120Trace> pTrace = Load("");
     const unsigned long ulBefore = kelto_test::AllocationsOfThisThread();
-    pTrace->trace_string(25, "net", "off");
+    Trace(*pTrace, 25, "net", "off");
     EXPECT_EQ(ulBefore, kelto_test::AllocationsOfThisThread());
     EXPECT_EQ(0u, m_Library.thresholdReads());
 }
@@ -170,15 +178,19 @@ TEST_F(CmT120Trace, Trace_KeepsErrno) {
     std::unique_ptr<CCmT120Trace> pTrace = Load("");
     m_Library.SetErrno(EIO);
     errno = ENOENT;
-    pTrace->trace_string(0, "text");
+    Trace(*pTrace, 0, "text");
     EXPECT_EQ(ENOENT, errno);
     EXPECT_EQ(1u, m_Library.calls().size());
 }
 
 TEST_F(CmT120Trace, Hooks_DoNothing) {
     std::unique_ptr<CCmT120Trace> pTrace = Load("");
-    pTrace->log_string("text");
-    pTrace->Assert_Log("file", "expression", 1);
+    char achText[] = "text";
+    char achFile[] = "file";
+    pTrace->log_string(achText);
+    pTrace->Assert_Log(achFile, achText, 1);
+    EXPECT_STREQ("text", achText);
+    EXPECT_STREQ("file", achFile);
     EXPECT_TRUE(m_Library.calls().empty());
 }
 
@@ -208,7 +220,7 @@ TEST_F(CmT120Trace, Config_EnableFalse_SilencesEveryLevel) {
     for (const char* pszValue : {"FALSE", "false", "0", "1", "yes", "on", "TRUE!"}) {
         std::unique_ptr<CCmT120Trace> pTrace = Load(std::string("Enable=") + pszValue + "\n");
         EXPECT_TRUE(LevelsOn(*pTrace).empty()) << pszValue;
-        pTrace->trace_string(0, "text");
+        Trace(*pTrace, 0, "text");
         EXPECT_TRUE(m_Library.calls().empty()) << pszValue;
     }
 }
@@ -249,7 +261,7 @@ TEST_F(CmT120Trace, Config_TurnsDefaultOnLevelsOffPerModule) {
 
 TEST_F(CmT120Trace, Config_ModuleDoesNotAffectTracing) {
     std::unique_ptr<CCmT120Trace> pTrace = Load("C.Module=net\nC.net.Error=FALSE\n");
-    pTrace->trace_string(0, "net", "text");
+    Trace(*pTrace, 0, "net", "text");
     EXPECT_EQ(Texts{"text"}, m_Library.texts());
 }
 
@@ -319,6 +331,19 @@ TEST_F(CmT120Trace, Config_LeavesALevelOn_WhenMemoryRunsOut) {
     EXPECT_EQ(1, pTrace->enable_trace_print(20, "net"));
     pTrace->read_config();
     EXPECT_EQ(0, pTrace->enable_trace_print(20, "net"));
+}
+
+// Stands in for an executable of that name; the buffer is the library's, and writable.
+TEST_F(CmT120Trace, Config_OfAProcessNamedAgent) {
+    EXPECT_EQ(0, StatusOfChild([this] {
+                  std::strcpy(const_cast<char*>(get_exec_name()), "agent");
+                  std::unique_ptr<CCmT120Trace> pTrace = Load(
+                      "Enable=TRUE\nFlushPerLines=10\nagent=65536\nagent.Debug=TRUE\n"
+                      "agent.Module=net,ui\nagent.net.Info=FALSE\n");
+                  EXPECT_EQ((std::vector<int>{0, 1, 10, 11, 12, 13, 20, 27}), LevelsOn(*pTrace));
+                  EXPECT_EQ((std::vector<int>{0, 1, 10, 11, 12, 13}), LevelsOn(*pTrace, "net"));
+                  EXPECT_EQ((std::vector<int>{0, 1, 10, 11, 12, 13, 20}), LevelsOn(*pTrace, "ui"));
+              }));
 }
 
 // ---- Trace file
@@ -418,9 +443,15 @@ TEST_F(CmT120Trace, File_TakesItsFlushCountFromTheConfiguration) {
     }
 }
 
+#if defined(__SANITIZE_THREAD__)
+constexpr char ENORMOUS[] = "100000";  // there, reserving 2 GiB takes seconds
+#else
+constexpr char ENORMOUS[] = "2147483647";
+#endif
+
 TEST_F(CmT120Trace, File_TakesAnEnormousFlushCount) {
-    std::unique_ptr<CCmT120Trace> pTrace = Load("FlushPerLines=2147483647\n");
-    pTrace->trace_string(0, "text");
+    std::unique_ptr<CCmT120Trace> pTrace = Load(std::string("FlushPerLines=") + ENORMOUS + "\n");
+    Trace(*pTrace, 0, "text");
     EXPECT_EQ(Texts{"text"}, m_Library.texts());
     T120_Refresh_Settings(0, 1);
 }
@@ -478,7 +509,7 @@ TEST_F(CmT120Trace, Load_OfItsOwnRecord_OpensItAgainAndReadsTheConfiguration) {
     m_Home.WriteConfig("[Trace]\nC.Info=FALSE\n");
     EXPECT_EQ(1, pTrace->load(pRecord));
     EXPECT_EQ(0, pTrace->enable_trace_print(20, nullptr));
-    pTrace->trace_string(0, "text");
+    Trace(*pTrace, 0, "text");
     EXPECT_EQ(Texts{"text"}, m_Library.texts());
     // The new record has no file attached.
     pRecord = RecordOf(m_Home.path() + "/logs/C_Trace.txt");
@@ -495,8 +526,16 @@ TEST_F(CmT120Trace, Load_OfAnotherRecord_ClosesItOnly) {
     CCmT120TraceFile* pAgain = RecordOf(sOther);
     EXPECT_EQ(CM_OK, pAgain->attach());
     T120_Close_Trace_Dev(pAgain);
-    pTrace->trace_string(0, "text");
+    Trace(*pTrace, 0, "text");
     EXPECT_EQ(Texts{"text"}, m_Library.texts());
+}
+
+TEST_F(CmT120Trace, TraceDir_EndsWithTheArrayOfTheHome) {
+    const std::string sHome(g_def_kelto_home_dir);
+    std::memcpy(g_def_kelto_home_dir, "/0123456789abcde", CM_HOME_DIR_SIZE);
+    EXPECT_STREQ("/0123456789abcde/logs", CCmT120Trace::get_trace_dir());
+    std::strcpy(g_def_kelto_home_dir, sHome.c_str());
+    EXPECT_EQ(sHome + "/logs", CCmT120Trace::get_trace_dir());
 }
 
 TEST_F(CmT120Trace, TraceDir_KeepsTheDoubledSlash) {
@@ -536,10 +575,10 @@ TEST_F(CmT120Trace, Close_TakesTheLevelFunctionsAway_WithABundle) {
         return;
     }
     std::unique_ptr<CCmT120Trace> pTrace = Load("C.Detail=TRUE\n");
-    pTrace->trace_string(0, "before");
+    Trace(*pTrace, 0, "before");
     pTrace->Close();
     for (unsigned long ulLevel : {0ul, 10ul, 20ul, 25ul}) {
-        pTrace->trace_string(ulLevel, "after");
+        Trace(*pTrace, ulLevel, "after");
     }
     pTrace->Close();
     EXPECT_EQ(Texts{"before"}, m_Library.texts());
@@ -548,7 +587,7 @@ TEST_F(CmT120Trace, Close_TakesTheLevelFunctionsAway_WithABundle) {
 TEST_F(CmT120Trace, Close_ChangesNothing_WithoutABundle) {
     std::unique_ptr<CCmT120Trace> pTrace = Load("");
     pTrace->Close();
-    pTrace->trace_string(0, "text");
+    Trace(*pTrace, 0, "text");
     EXPECT_EQ(Texts{"text"}, m_Library.texts());
 }
 
@@ -635,27 +674,43 @@ TEST(CmT120TraceInstance, Instance_TracesAfterCleanupAll) {
               }));
 }
 
-// Traces first when every static object of the program is gone already.
-struct TracesLast {
-    ~TracesLast() {
-        if (armed) {
-            util_adapter_trace(0, "last", 4);
-            refresh_trace_config();
-            util_adapter_trace(0, "last", 4);
-            _exit(library->texts() == Texts{"last", "last"} ? 7 : 1);
-        }
+// What TraceLast is to find delivered; without it, it does nothing.
+const Texts* g_pExpectedLast = nullptr;
+
+// Traces first when the static objects of the library are gone already.
+void TraceLast() {
+    if (g_pExpectedLast != nullptr) {
+        ScopedTraceLibrary library;
+        util_adapter_trace(0, "last", 4);
+        refresh_trace_config();
+        util_adapter_trace(0, "last", 4);
+        _exit(library.texts() == *g_pExpectedLast ? 7 : 1);
     }
-    bool armed = false;
-    ScopedTraceLibrary* library = nullptr;
-};
+}
+
+// Before any static object is constructed, so that the handler runs when they are destroyed.
+__attribute__((constructor(101))) void RegisterTraceLast() {
+    std::atexit(TraceLast);
+}
 
 TEST(CmT120TraceInstance, Instance_TracesWhileTheProgramEnds) {
     EXPECT_EXIT(
         {
-            static TracesLast s_last;
             new ScopedHome;
-            s_last.library = new ScopedTraceLibrary;
-            s_last.armed = true;
+            g_pExpectedLast = new Texts(2, "last");
+            exit(0);
+        },
+        testing::ExitedWithCode(7), "");
+}
+
+TEST(CmT120TraceInstance, Instance_ReadsTheChosenFile_WhileTheProgramEnds) {
+    EXPECT_EXIT(
+        {
+            ScopedHome* pHome = new ScopedHome;
+            kelto_test::WriteFile(pHome->path() + "conf/a-file-name-that-is-long.cfg",
+                                  "[Trace]\nC.Error=FALSE\n");
+            set_kelto_config_file_name("a-file-name-that-is-long.cfg");
+            g_pExpectedLast = new Texts;
             exit(0);
         },
         testing::ExitedWithCode(7), "");

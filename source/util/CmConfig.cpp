@@ -4,6 +4,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <atomic>
 #include <new>
 #include <string_view>
 
@@ -19,18 +20,6 @@ namespace {
 
 constexpr int VALUE_SIZE = 256;           // of a value of the main configuration file
 constexpr size_t CUR_ENV_TEXT_MAX = 510;  // what init_config takes
-
-// A text that is constructed while the library loads and lives as long as the process. Until
-// then its bytes are zero, which is an empty text to whoever only reads its size.
-union ImmortalString {
-    explicit ImmortalString(const char* aText) : m_sText(aText) {}
-    ~ImmortalString() {}
-
-    CCmString m_sText;
-};
-
-ImmortalString s_configFileName("kelto.cfg");
-ImmortalString s_rabbitmqConfigFileName("rabbitmq-config.xml");
 
 // The bytes of the executable's name in 16-bit units, and a terminating one.
 char s_achExecName[(CM_PORT_NAME_UNITS + 1) * sizeof(uint16_t)];
@@ -95,8 +84,33 @@ bool FillExecName() {
 
 char g_def_kelto_home_dir[CM_HOME_DIR_SIZE] = "/tmp/";
 char g_cur_env[CM_CUR_ENV_SIZE] = "KELTO_MMP_HOME";
-CCmString& g_kelto_config_file_name = s_configFileName.m_sText;
-CCmString& g_rabbitmq_config_file_name = s_rabbitmqConfigFileName.m_sText;
+CCmString g_kelto_config_file_name("kelto.cfg");
+CCmString g_rabbitmq_config_file_name("rabbitmq-config.xml");
+
+namespace {
+
+// The configuration file's name once its string is destroyed, for look-ups made while the program
+// ends. A name that fits no path is kept as one that fits none.
+char s_achLastFileName[CM_CONFIG_PATH_SIZE];
+std::atomic<bool> s_bNameIsGone{false};
+
+struct FileNameKeeper {
+    ~FileNameKeeper() {
+        CopyTerminated(s_achLastFileName, sizeof(s_achLastFileName), g_kelto_config_file_name);
+        s_bNameIsGone.store(true, std::memory_order_release);
+    }
+};
+// Defined behind the string, so destroyed first.
+FileNameKeeper s_fileNameKeeper;
+
+// Before the string is constructed its bytes are zero, which reads as an empty name.
+std::string_view ConfigFileName() {
+    return s_bNameIsGone.load(std::memory_order_acquire)
+               ? std::string_view(s_achLastFileName)
+               : std::string_view(g_kelto_config_file_name);
+}
+
+}  // namespace
 
 char* trim_string(char* aStr) {
     if (aStr == nullptr) {
@@ -211,6 +225,9 @@ void init_config(const char* aDir) {
 }
 
 void set_kelto_config_file_name(CCmString const& aName) {
+    if (s_bNameIsGone.load(std::memory_order_relaxed)) {
+        return;
+    }
     try {
         g_kelto_config_file_name = aName;
     } catch (const std::bad_alloc&) {
@@ -225,7 +242,7 @@ void get_config_file_name(char* aBuffer) {
     }
     const std::string_view home(g_def_kelto_home_dir,
                                 strnlen(g_def_kelto_home_dir, sizeof(g_def_kelto_home_dir)));
-    const std::string_view name(g_kelto_config_file_name);
+    const std::string_view name = ConfigFileName();
     aBuffer[0] = '\0';
     if (home.size() + 1 + DIRECTORY.size() + name.size() >= CM_CONFIG_PATH_SIZE) {
         return;
