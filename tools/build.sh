@@ -7,6 +7,7 @@ kelto_need_build_tools() {
     kelto_need ninja ninja-build ninja
     kelto_need python3 python3 python3
     kelto_need_header gtest/gtest.h libgtest-dev googletest
+    kelto_need_header pcap/pcap.h libpcap-dev libpcap
 }
 
 kelto_jobs() {
@@ -19,7 +20,7 @@ kelto_test_jobs() {
 }
 
 # kelto_build DIRECTORY [cmake option...]: needs no presets, since these ask for a newer CMake than
-# the project does. What it prints goes to a file unless it fails.
+# the project does. What it prints goes to a file unless it fails. Builds $kelto_target alone if set.
 kelto_build() {
     kelto_dir=$1
     shift
@@ -27,7 +28,7 @@ kelto_build() {
     kelto_say "building in $kelto_dir"
     if ! {
         cmake -S . -B "$kelto_dir" -G Ninja "$@" &&
-            cmake --build "$kelto_dir" --parallel "$(kelto_jobs)"
+            cmake --build "$kelto_dir" --parallel "$(kelto_jobs)" --target "${kelto_target:-all}"
     } >"$kelto_dir/build.log" 2>&1 </dev/null; then
         cat "$kelto_dir/build.log" >&2
         kelto_give_up "the build in $kelto_dir failed."
