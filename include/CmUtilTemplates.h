@@ -90,7 +90,8 @@ class CCmComAutoPtr {
     }
 
     // Takes the new reference before it drops the old one, so that a chain in which the old
-    // object owns the new one stays alive.
+    // object owns the new one stays alive. By then it holds the new object: the old one, when it
+    // ends, may look at this pointer or assign to it.
     CCmComAutoPtr& operator=(T* aPtr) {
         if (m_pRawPtr == aPtr) {
             return *this;

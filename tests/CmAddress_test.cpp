@@ -20,6 +20,7 @@ using kelto_test::ScopedTraceSink;
 // A resolver that knows these names only.
 constexpr char KNOWN_NAME[] = "known.test";        // 192.0.2.7, then 192.0.2.8
 constexpr char IPV6_NAME[] = "six.test";           // an IPv6 address
+constexpr char ALIEN_NAME[] = "alien.test";        // four bytes of another family
 constexpr char EMPTY_NAME[] = "empty.test";        // no address at all
 constexpr char LISTLESS_NAME[] = "listless.test";  // not even a list
 constexpr char SHORT_NAME[] = "short.test";        // an address that is too short
@@ -41,6 +42,8 @@ hostent* FakeGetHostByName(const char* aName) {
     if (strName == IPV6_NAME) {
         s_host.h_addrtype = AF_INET6;
         s_host.h_length = 16;
+    } else if (strName == ALIEN_NAME) {
+        s_host.h_addrtype = AF_UNIX;
     } else if (strName == EMPTY_NAME) {
         s_apList[0] = nullptr;
     } else if (strName == LISTLESS_NAME) {
@@ -235,7 +238,8 @@ TEST_F(CmAddressFake, ResolvesToTheFirstAddress) {
 }
 
 TEST_F(CmAddressFake, CountsAsNotResolved_WithoutIpv4Address) {
-    for (const char* pName : {"unknown.test", IPV6_NAME, EMPTY_NAME, LISTLESS_NAME, SHORT_NAME}) {
+    for (const char* pName :
+         {"unknown.test", IPV6_NAME, ALIEN_NAME, EMPTY_NAME, LISTLESS_NAME, SHORT_NAME}) {
         char achIp[CM_IP_TEXT_SIZE] = "kept";
         ScopedTraceSink sink;
         EXPECT_EQ(resolve_to_ip(Text(pName), achIp), nullptr) << pName;
@@ -342,6 +346,22 @@ TEST(CmId2Ip, OverwritesItsBuffer) {
     char* pFirst = id_2_ip(1);
     EXPECT_EQ(id_2_ip(2), pFirst);
     EXPECT_STREQ(pFirst, "0.0.0.2");
+}
+
+// The system cuts a long name without a terminator.
+int FillWithHostName(char* aName, size_t aSize) {
+    std::memset(aName, 'x', aSize);
+    return 0;
+}
+
+TEST_F(CmAddressFake, TerminatesTheHostName_WhenItIsCut) {
+    ScopedEntry<decltype(g_cmSystem.gethostname)> name(g_cmSystem.gethostname, FillWithHostName);
+    ScopedEntry<decltype(g_cmSystem.gethostbyname)> resolver(
+        g_cmSystem.gethostbyname, [](const char* aName) -> hostent* {
+            EXPECT_EQ(std::string(aName), std::string(255, 'x'));
+            return nullptr;
+        });
+    EXPECT_STREQ(get_local_ip_address(), "127.0.0.1");
 }
 
 TEST_F(CmAddressFake, RemembersLocalIp) {

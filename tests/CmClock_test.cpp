@@ -171,6 +171,13 @@ TEST(CmClock, TimeType_HoldsALocalTime) {
     EXPECT_EQ(456u, time.microseconds);
 }
 
+TEST(CmClock, TimeType_HoldsTheDaylightSavingFlag) {
+    ScopedZone zone("XYZ-3XYS,0,364");       // daylight saving all the year
+    const time_type time(1705278896123456);  // 2024-01-15 00:34:56 UTC
+    EXPECT_EQ(1, time.tm_isdst);
+    EXPECT_EQ(4, time.tm_hour);
+}
+
 TEST(CmClock, TimeType_HoldsMonthTwelve) {
     ScopedZone zone("UTC0");
     const time_type time(1735689599999999);  // 2024-12-31 23:59:59

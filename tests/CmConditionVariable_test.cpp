@@ -411,6 +411,7 @@ TEST_F(CmCondition, Wait_DeadlineIsAlwaysAValidRecord) {
          {CCmTimeValue(-9000000000, -1), CCmTimeValue(LONG_MIN, -999999), CCmTimeValue::s_tvMax}) {
         EXPECT_EQ(CM_OK, WaitFor(tvTimeout));
         EXPECT_GE(g_tsDeadline.tv_sec, 0);
+        EXPECT_LE(g_tsDeadline.tv_sec, 9223372036);  // as nanoseconds they fit in 64 bits
         EXPECT_GE(g_tsDeadline.tv_nsec, 0);
         EXPECT_LT(g_tsDeadline.tv_nsec, 1000000000);
     }

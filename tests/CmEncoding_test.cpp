@@ -167,6 +167,15 @@ TEST(CmBase64String, WorksInPlace) {
     EXPECT_EQ(strText, strBytes);
 }
 
+TEST(CmBase64String, WorksOnAPartOfItsOutput) {
+    CCmString strText = RandomBytes(200, 1);
+    const CCmString strBytes = strText;
+    CM_Base64Encode(strText.data() + 50, 150, strText);
+    EXPECT_EQ(strText, Encoded(strBytes.substr(50)));
+    CM_Base64Decode(strText.c_str() + 100, strText);
+    EXPECT_EQ(strText, strBytes.substr(125));
+}
+
 TEST(CmBase64String, GivesEmptyText_WhenMemoryRunsOut) {
     const CCmString strBytes = RandomBytes(1000, 1);
     const CCmString strText = Encoded(strBytes);

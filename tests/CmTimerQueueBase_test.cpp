@@ -379,7 +379,7 @@ TEST_F(CmTimerQueueBase, Observer_IsNotToldOfRefusedTimer) {
 // A queue whose primitives return what the test says.
 class ScriptedQueue : public CCmTimerQueueBase {
   public:
-    ScriptedQueue() : CCmTimerQueueBase(nullptr) {}
+    explicit ScriptedQueue(ICmObserver* aObserver = nullptr) : CCmTimerQueueBase(aObserver) {}
 
     int m_nPush = 0;
     int m_nErase = 0;
@@ -430,6 +430,14 @@ TEST_F(CmTimerQueueBase, Schedule_MapsResultsOfThePrimitive) {
     EXPECT_EQ(CM_ERROR_FAILURE, queue.ScheduleTimer(&m_handler, nullptr, Ms(10), 1));
     queue.m_nPush = 2;
     EXPECT_EQ(CM_ERROR_FAILURE, queue.ScheduleTimer(&m_handler, nullptr, Ms(10), 1));
+}
+
+TEST_F(CmTimerQueueBase, Observer_IsToldEvenIfThePrimitiveFailed) {
+    CountingObserver observer;
+    ScriptedQueue queue(&observer);
+    queue.m_nPush = -1;
+    EXPECT_EQ(CM_ERROR_FAILURE, queue.ScheduleTimer(&m_handler, nullptr, Ms(10), 1));
+    EXPECT_EQ(std::vector<std::string>{"TimerQueue"}, observer.m_topics);
 }
 
 TEST_F(CmTimerQueueBase, Cancel_MapsResultsOfThePrimitive) {

@@ -409,6 +409,22 @@ TEST_F(CmTimerQueueCalendar, Zero_RefusedPostEndsTheTimer) {
     EXPECT_EQ(std::vector<int>{1}, Ids(m_log));
 }
 
+// Runs what it is given on the spot and refuses it all the same.
+class HastyEventQueue : public FakeEventQueue {
+  public:
+    CmResult PostEvent(ICmEvent* aEvent, EPriority /*aPri*/) override {
+        aEvent->OnEventFire();
+        return CM_ERROR_FAILURE;
+    }
+};
+
+TEST_F(CmTimerQueueCalendar, Zero_RefusedPostEndsOnlyAPendingTimer) {
+    HastyEventQueue events;
+    CCmTimerQueueCalendar queue(10, 110, &events);
+    EXPECT_EQ(CM_ERROR_FAILURE, queue.ScheduleTimer(Handler(0), nullptr, Ms(0), 1));
+    EXPECT_EQ(std::vector<int>{0}, Ids(m_log));
+}
+
 TEST_F(CmTimerQueueCalendar, Zero_RefusedPostEndsTheWheelTimerBefore) {
     Schedule(0, 10, 0);
     m_events.m_rvNext = CM_ERROR_NOT_INITIALIZED;

@@ -144,6 +144,22 @@ TEST_F(CmComAutoPtr, Assign_OfItsOwnPointerChangesNothing) {
     EXPECT_EQ(0, g_nDestroyed);
 }
 
+// Counts the references that are taken on it.
+class Watched : public Counted<CCmMutexThread> {
+  public:
+    uint32_t AddReference() override {
+        ++m_nAdded;
+        return Counted<CCmMutexThread>::AddReference();
+    }
+    int m_nAdded = 0;
+};
+
+TEST_F(CmComAutoPtr, Assign_OfItsOwnPointerTakesNoReference) {
+    CCmComAutoPtr<Watched> ptr(new Watched);
+    ptr = ptr.ParaIn();
+    EXPECT_EQ(1, ptr->m_nAdded);
+}
+
 TEST_F(CmComAutoPtr, Assign_ReleasesTheOldObject) {
     CCmComAutoPtr<Object> ptr(new Object);
     Object* pNew = new Object;
@@ -175,6 +191,33 @@ TEST_F(CmComAutoPtr, Assign_KeepsAChainThatTheOldObjectOwns) {
     EXPECT_EQ(1, g_nDestroyed);
     EXPECT_EQ(1u, ptr->GetReference());
     EXPECT_EQ(nullptr, ptr->m_Next.ParaIn());
+}
+
+// Assigns another object to the pointer that held it, when it ends.
+class Reassigning : public Counted<CCmMutexThread> {
+  public:
+    ~Reassigning() override {
+        if (m_pHolder != nullptr) {
+            m_pHeldAtEnd = m_pHolder->ParaIn();
+            *m_pHolder = m_pNext;
+        }
+    }
+    CCmComAutoPtr<Reassigning>* m_pHolder = nullptr;
+    Reassigning* m_pNext = nullptr;
+    inline static Reassigning* m_pHeldAtEnd = nullptr;
+};
+
+TEST_F(CmComAutoPtr, Assign_HoldsTheNewObjectWhenTheOldOneEnds) {
+    CCmComAutoPtr<Reassigning> ptr(new Reassigning);
+    Reassigning* pSecond = new Reassigning;
+    Reassigning* pThird = new Reassigning;
+    ptr->m_pHolder = &ptr;
+    ptr->m_pNext = pThird;
+    ptr = pSecond;
+    EXPECT_EQ(pSecond, Reassigning::m_pHeldAtEnd);
+    EXPECT_EQ(2, g_nDestroyed);  // the first, and the second that the third replaced
+    EXPECT_EQ(pThird, ptr.ParaIn());
+    EXPECT_EQ(1u, pThird->GetReference());
 }
 
 // ---- Singletons ----
