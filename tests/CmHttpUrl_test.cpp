@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "CmT120Trace.h"
 #include "support/Faults.h"
 #include "support/TraceSink.h"
 
@@ -356,6 +357,8 @@ TEST(CmHttpUrl, PrintsPort_WhenAskedOrNotDefault) {
 }
 
 TEST(CmHttpUrl, AllocatesOnlyResultStrings_OnInit) {
+    // The first line of a process makes the trace facility, which allocates.
+    CCmT120Trace::instance();
     CCmHttpUrl url;
     const CCmString strSpec = CCmString(" http://") + LONG_HOST + ":81/a/path/longer/than/inline ";
     const unsigned long ulBefore = kelto_test::AllocationsOfThisThread();
@@ -365,6 +368,8 @@ TEST(CmHttpUrl, AllocatesOnlyResultStrings_OnInit) {
 }
 
 TEST(CmHttpUrl, InitFails_WhenMemoryRunsOut) {
+    // The first line of a process makes the trace facility, which allocates.
+    CCmT120Trace::instance();
     const CCmString strSpec = CCmString("http://") + LONG_HOST + "/a/path/longer/than/inline";
     for (unsigned long ulNth = 1; ulNth <= 2; ++ulNth) {
         CCmHttpUrl url;

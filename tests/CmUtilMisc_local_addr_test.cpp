@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "CmT120Trace.h"
 #include "CmUtilMisc.h"
 #include "port/CmInterfaceRecord.h"
 #include "support/Faults.h"
@@ -232,6 +233,8 @@ TEST_F(CmLocalAddr, ClosesItsSocket) {
 }
 
 TEST_F(CmLocalAddr, FreesTheList_WhenMemoryRunsOut) {
+    // The first line of a process makes the trace facility, which allocates.
+    UTIL_NS::CCmT120Trace::instance();
     g_records = {Record("lo", "127.0.0.1"), Record("eth0", "192.0.2.1"),
                  Record("eth1", "192.0.2.2")};
     g_askedNames.reserve(10);
