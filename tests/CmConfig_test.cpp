@@ -17,12 +17,16 @@
 #include "CmProcessName.h"
 #include "support/Faults.h"
 #include "support/Home.h"
+#include "support/ProfileModel.h"
 #include "support/TraceSink.h"
 
 namespace UTIL_NS {
 namespace {
 
 using kelto_test::FailingCall;
+using kelto_test::ModelFind;
+using kelto_test::ModelRecord;
+using kelto_test::ModelRecords;
 using kelto_test::ScopedHome;
 using kelto_test::WriteFile;
 
@@ -226,81 +230,7 @@ TEST(CmConfigProfile, File_OfManyBuffers) {
     EXPECT_EQ("(none)", Read(std::string(100000, '\n'), "s", "k"));
 }
 
-// ---- The model: the whole profile is taken apart first, and asked afterwards.
-
-struct ModelRecord {
-    bool header;
-    std::string name;  // lower case
-    std::string value;
-};
-
-std::string ModelTrim(const std::string& aText) {
-    const size_t nFirst = aText.find_first_not_of(" \t\r\n");
-    return nFirst == std::string::npos
-               ? ""
-               : aText.substr(nFirst, aText.find_last_not_of(" \t\r\n") - nFirst + 1);
-}
-
-std::string ModelLower(std::string aText) {
-    std::transform(aText.begin(), aText.end(), aText.begin(),
-                   [](char ch) { return 'A' <= ch && ch <= 'Z' ? char(ch | 0x20) : ch; });
-    return aText;
-}
-
-std::vector<std::string> ModelLines(const std::string& aContent) {
-    std::vector<std::string> lines(1);
-    for (const char ch : aContent) {
-        if (lines.back().size() == 2047 || (!lines.back().empty() && lines.back().back() == '\n')) {
-            lines.emplace_back();
-        }
-        lines.back() += ch;
-    }
-    for (std::string& sLine : lines) {
-        sLine = sLine.c_str();
-    }
-    return lines;
-}
-
-std::vector<ModelRecord> ModelRecords(const std::string& aContent) {
-    std::vector<ModelRecord> records;
-    for (const std::string& sLine : ModelLines(aContent)) {
-        const size_t nOpen = sLine.find('[');
-        const size_t nClose = sLine.find(']');
-        const size_t nEqual = sLine.find('=');
-        if (ModelTrim(sLine).substr(0, 1) == "#") {
-            continue;
-        }
-        if (nOpen != std::string::npos && nClose != std::string::npos) {
-            std::string sName = sLine.substr(nOpen + 1);
-            if (nClose > nOpen) {
-                sName = sName.substr(0, sName.find(']'));
-            }
-            records.push_back({true, ModelLower(ModelTrim(sName)), ""});
-        } else if (nEqual != std::string::npos) {
-            std::string sValue = ModelTrim(sLine.substr(nEqual + 1));
-            const char chFirst = sValue.empty() ? ' ' : sValue[0];
-            if ((chFirst == '"' || chFirst == '\'') && sValue.size() > 1 &&
-                sValue[sValue.size() - 1] == chFirst) {
-                sValue = ModelTrim(sValue.substr(1, sValue.size() - 2));
-            }
-            records.push_back({false, ModelLower(ModelTrim(sLine.substr(0, nEqual))), sValue});
-        }
-    }
-    return records;
-}
-
-std::string ModelFind(const std::vector<ModelRecord>& aRecords, const std::string& aSection,
-                      const std::string& aKey) {
-    auto it = std::find_if(aRecords.begin(), aRecords.end(), [&](const ModelRecord& record) {
-        return record.header && record.name == ModelLower(aSection);
-    });
-    while (it != aRecords.end() && ++it != aRecords.end() && !it->header) {
-        if (it->name == ModelLower(aKey)) {
-            return it->value;
-        }
-    }
-    return "(none)";
-}
+// ---- Generated files against the model
 
 // Profiles made of fragments that matter to the format; the same for the same seed.
 class ProfileMaker {
