@@ -37,10 +37,15 @@ void ScopedHome::WriteConfig(const std::string& aContent) const {
     WriteFile(m_sPath + "conf/kelto.cfg", aContent);
 }
 
+// Written over rather than anew: some file systems flush a file that was emptied when it is closed.
 void WriteFile(const std::string& aPath, const std::string& aContent) {
-    std::ofstream file(aPath, std::ios::binary | std::ios::trunc);
+    std::ofstream(aPath, std::ios::app).flush();
+    std::fstream file(aPath, std::ios::binary | std::ios::in | std::ios::out);
     file.write(aContent.data(), static_cast<std::streamsize>(aContent.size()));
     EXPECT_TRUE(file.flush().good()) << aPath;
+    std::error_code error;
+    std::filesystem::resize_file(aPath, aContent.size(), error);
+    EXPECT_FALSE(error) << aPath;
 }
 
 }  // namespace kelto_test
