@@ -125,7 +125,8 @@ TEST(CmPortMacName, LongestName_Fits) {
 
 TEST(CmPortMacName, EachFailingService_GivesNoName) {
     for (const MacService service :
-         {MacService::GET_PROCESS_INFORMATION, MacService::FS_GET_CATALOG_INFO}) {
+         {MacService::LOAD_PROCESS_SERVICES, MacService::FIND_GET_PROCESS_INFORMATION,
+          MacService::GET_PROCESS_INFORMATION, MacService::FS_GET_CATALOG_INFO}) {
         ScopedMacServices services;
         services.SetApplication(APPLICATION, u"Host");
         services.Fail(service);
@@ -184,10 +185,9 @@ TEST(CmPortMacParentPath, EachFailingService_IsAFailure) {
         MacService service;
         int nth;
     } const rows[] = {
-        {MacService::GET_PROCESS_INFORMATION, 1},
-        {MacService::FS_MAKE_FSREF_UNICODE, 1},
-        {MacService::FS_MAKE_FSREF_UNICODE, 4},
-        {MacService::FS_REF_MAKE_PATH, 1},
+        {MacService::LOAD_PROCESS_SERVICES, 1},   {MacService::FIND_GET_PROCESS_INFORMATION, 1},
+        {MacService::GET_PROCESS_INFORMATION, 1}, {MacService::FS_MAKE_FSREF_UNICODE, 1},
+        {MacService::FS_MAKE_FSREF_UNICODE, 4},   {MacService::FS_REF_MAKE_PATH, 1},
     };
     for (const auto& row : rows) {
         const long lBefore = kelto_test::LiveAllocations();

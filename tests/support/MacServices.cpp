@@ -27,8 +27,23 @@ std::string PathOf(const FSRef& aRef) {
 
 }  // namespace
 
-ScopedMacServices::ScopedMacServices() {
+ScopedMacServices::ScopedMacServices()
+    : m_dlopen(UTIL_NS::g_cmSystem.dlopen, &Dlopen), m_dlsym(UTIL_NS::g_cmSystem.dlsym, &Dlsym) {
     s_pCurrent = this;
+}
+
+void* ScopedMacServices::Dlopen(const char* aPath, int /*aMode*/) {
+    EXPECT_STREQ("/System/Library/Frameworks/ApplicationServices.framework/ApplicationServices",
+                 aPath);
+    return Current().FailsNow(MacService::LOAD_PROCESS_SERVICES) ? nullptr : &Current();
+}
+
+void* ScopedMacServices::Dlsym(void* aLibrary, const char* aName) {
+    EXPECT_EQ(&Current(), aLibrary);
+    EXPECT_STREQ("GetProcessInformation", aName);
+    return Current().FailsNow(MacService::FIND_GET_PROCESS_INFORMATION)
+               ? nullptr
+               : reinterpret_cast<void*>(&GetProcessInformation);
 }
 
 ScopedMacServices::~ScopedMacServices() {

@@ -8,12 +8,15 @@
 #include <vector>
 
 #include "port/CmMacServices.h"
+#include "support/Faults.h"
 
 namespace kelto_test {
 
 // The services, by name, that can be made to fail.
 enum class MacService {
     NONE,
+    LOAD_PROCESS_SERVICES,
+    FIND_GET_PROCESS_INFORMATION,
     GET_PROCESS_INFORMATION,
     FS_GET_CATALOG_INFO,
     FS_MAKE_FSREF_UNICODE,
@@ -65,6 +68,12 @@ class ScopedMacServices {
     std::vector<unsigned long> m_nameLengths;
 
   private:
+    static void* Dlopen(const char* aPath, int aMode);
+    static void* Dlsym(void* aLibrary, const char* aName);
+
+    // The framework of the process-information call is loaded when it is needed.
+    ScopedEntry<void* (*)(const char*, int)> m_dlopen;
+    ScopedEntry<void* (*)(void*, const char*)> m_dlsym;
     std::map<const void*, std::string*> m_objects;
     MacService m_failing = MacService::NONE;
     int m_nUntilFailure = 0;

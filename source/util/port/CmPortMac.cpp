@@ -1,5 +1,6 @@
 #include "CmPort.h"
 
+#include <dlfcn.h>
 #include <string.h>
 
 #include <memory>
@@ -45,14 +46,33 @@ class ScopedReference {
     const Reference m_reference;
 };
 
+// The process-information call is looked up when it is needed: its framework is the desktop's,
+// which a process that never asks for its own name need not load.
+constexpr char PROCESS_SERVICES[] =
+    "/System/Library/Frameworks/ApplicationServices.framework/ApplicationServices";
+
+using GetProcessInformationCall = decltype(&GetProcessInformation);
+
+GetProcessInformationCall FindGetProcessInformation() {
+    // Never closed: a framework stays loaded.
+    void* const pServices = g_cmSystem.dlopen(PROCESS_SERVICES, RTLD_LAZY);
+    return pServices == nullptr ? nullptr
+                                : reinterpret_cast<GetProcessInformationCall>(
+                                      g_cmSystem.dlsym(pServices, "GetProcessInformation"));
+}
+
 // The file of the running application.
 bool ApplicationReference(FSRef& aApplication) {
+    const GetProcessInformationCall pfnGetProcessInformation = FindGetProcessInformation();
+    if (pfnGetProcessInformation == nullptr) {
+        return false;
+    }
     const ProcessSerialNumber current = {0, kCurrentProcess};
     ProcessInfoRec info;
     memset(&info, 0, sizeof(info));
     info.processInfoLength = sizeof(info);
     info.processAppRef = &aApplication;
-    return GetProcessInformation(&current, &info) == noErr;
+    return pfnGetProcessInformation(&current, &info) == noErr;
 }
 
 bool PathReference(const char* aPath, FSRef& aReference) {

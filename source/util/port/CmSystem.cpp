@@ -64,6 +64,8 @@ CCmSystemTable g_cmSystem = {
     ::read,
     ::close,
     ::dladdr,
+    ::dlopen,
+    ::dlsym,
     ::readlink,
     Fcntl,
     ::ftruncate,

@@ -62,6 +62,8 @@ struct CCmSystemTable {
     ssize_t (*read)(int, void*, size_t);
     int (*close)(int);
     int (*dladdr)(const void*, Dl_info*);
+    void* (*dlopen)(const char*, int);
+    void* (*dlsym)(void*, const char*);
     ssize_t (*readlink)(const char*, char*, size_t);
     int (*fcntl)(int, int, struct flock*);
     int (*ftruncate)(int, off_t);
