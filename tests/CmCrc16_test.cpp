@@ -112,6 +112,7 @@ TEST(CmCrc16, EveryRoad_MatchesTheDefinitionForEveryLength) {
         ASSERT_EQ(wExpected, CmCrc16ByTable(wStart, pData, nLength)) << nLength;
         if (nLength >= CRC16_STEP && CmHasCarrylessMultiply()) {
             ASSERT_EQ(wExpected, CmCrc16ByMultiply(wStart, pData, nLength)) << nLength;
+            ASSERT_EQ(wExpected, CmCrc16ByNarrowMultiply(wStart, pData, nLength)) << nLength;
         }
         unsigned short wCrc = wStart;
         ASSERT_EQ(wExpected, CalcCRC16(wCrc, const_cast<unsigned char*>(pData),

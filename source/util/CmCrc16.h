@@ -36,6 +36,8 @@ uint16_t CmCrc16ByTable(uint16_t aCrc, const unsigned char* aData, size_t aLengt
 // By carry-less multiplication, where the processor has it; at least CRC16_STEP bytes.
 bool CmHasCarrylessMultiply();
 uint16_t CmCrc16ByMultiply(uint16_t aCrc, const unsigned char* aData, size_t aLength);
+// As on a processor without the wide form of the instruction, for tests on one that has it.
+uint16_t CmCrc16ByNarrowMultiply(uint16_t aCrc, const unsigned char* aData, size_t aLength);
 
 }  // namespace UTIL_NS
 

@@ -167,13 +167,9 @@ alignas(16) constexpr unsigned char SHUFFLES[32] = {
     0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80,
     0,    1,    2,    3,    4,    5,    6,    7,    8,    9,    10,   11,   12,   13,   14,   15};
 
-}  // namespace
-
-bool CmHasCarrylessMultiply() {
-    return __builtin_cpu_supports("pclmul") && __builtin_cpu_supports("ssse3");
-}
-
-CM_TARGET uint16_t CmCrc16ByMultiply(uint16_t aCrc, const unsigned char* aData, size_t aLength) {
+// aMayBeWide: whether the wide form of the instruction may be used where it is there.
+CM_TARGET CM_INLINE uint16_t ByMultiply(uint16_t aCrc, const unsigned char* aData, size_t aLength,
+                                        bool aMayBeWide) {
     if (aLength % BLOCK_SIZE == 1) {
         aCrc = CmCrc16Byte(aCrc, *aData++);
         --aLength;
@@ -194,11 +190,26 @@ CM_TARGET uint16_t CmCrc16ByMultiply(uint16_t aCrc, const unsigned char* aData, 
     std::memcpy(blocks + BLOCK_SIZE, aData, sizeof(blocks) - BLOCK_SIZE);
     aData += sizeof(blocks) - BLOCK_SIZE;
     nBlocks -= FOLDED - 1;
-    const auto pfnFold = HasWideMultiply() ? FoldGroupsWide : FoldGroups;
+    const auto pfnFold = aMayBeWide && HasWideMultiply() ? FoldGroupsWide : FoldGroups;
     pfnFold(blocks, aData, nBlocks / FOLDED);
     aData += nBlocks / FOLDED * sizeof(blocks);
     nBlocks %= FOLDED;
     return Remainder(_mm_xor_si128(Carry(blocks, FOLDED, nBlocks), Carry(aData, nBlocks, 0)));
+}
+
+}  // namespace
+
+bool CmHasCarrylessMultiply() {
+    return __builtin_cpu_supports("pclmul") && __builtin_cpu_supports("ssse3");
+}
+
+CM_TARGET uint16_t CmCrc16ByMultiply(uint16_t aCrc, const unsigned char* aData, size_t aLength) {
+    return ByMultiply(aCrc, aData, aLength, true);
+}
+
+CM_TARGET uint16_t CmCrc16ByNarrowMultiply(uint16_t aCrc, const unsigned char* aData,
+                                           size_t aLength) {
+    return ByMultiply(aCrc, aData, aLength, false);
 }
 
 }  // namespace UTIL_NS
@@ -212,6 +223,10 @@ bool CmHasCarrylessMultiply() {
 }
 
 uint16_t CmCrc16ByMultiply(uint16_t aCrc, const unsigned char* aData, size_t aLength) {
+    return CmCrc16ByTable(aCrc, aData, aLength);
+}
+
+uint16_t CmCrc16ByNarrowMultiply(uint16_t aCrc, const unsigned char* aData, size_t aLength) {
     return CmCrc16ByTable(aCrc, aData, aLength);
 }
 
