@@ -184,6 +184,18 @@ TEST(CmEventQueueBase, ReportsALongQueueOnce_WhenMoreThanThreeSecondsHavePassed)
               MaskAddresses(sink.lines()[0].text));
 }
 
+TEST(CmEventQueueBase, CountsThreeSecondsFromTheLastLook_WhenThatFoundTheQueueShort) {
+    kelto_test::ScopedClock clock(1000);
+    kelto_test::ScopedTraceSink sink;
+    EventLog log;
+    CCmEventQueueBase queue;
+    clock.Set(1003, 1);
+    Post(queue, log, 1, 1);
+    clock.Set(1006, 1);
+    Post(queue, log, 2, 150);
+    EXPECT_EQ(0u, sink.lines().size());
+}
+
 TEST(CmEventQueueBase, ReportsAgain_WhenTheQueueIsStillLongThreeSecondsLater) {
     kelto_test::ScopedClock clock(1000);
     kelto_test::ScopedTraceSink sink;
@@ -493,6 +505,7 @@ TEST(CmEventQueueBase, RefusesWhatAnEndingEventPosts_WhenItIsDestroyed) {
 }
 
 TEST(CmEventQueueBase, EndsTheEvent_WhenTheNodeCannotBeAllocated) {
+    kelto_test::ScopedTraceSink sink;
     EventLog log;
     CCmEventQueueBase base;
     CCmEventQueueUsingMutex polled;
@@ -509,6 +522,7 @@ TEST(CmEventQueueBase, EndsTheEvent_WhenTheNodeCannotBeAllocated) {
     }
     EXPECT_EQ((Ids{1, 1, 1}), log.ended());
     EXPECT_EQ(Ids(), log.fired());
+    EXPECT_EQ(0u, sink.lines().size());
 }
 
 CCmEventQueueBase* g_pQueueToStop = nullptr;
@@ -685,10 +699,16 @@ TEST(CmEventSend, WakesTheSender_WhenPendingEventsAreDestroyed) {
         EventLog log;
         CCmEventQueueUsingConditionVariable queue;
         CmResult rv = CM_OK;
-        std::thread sender([&] { rv = queue.SendEvent(new LoggedEvent(log, 1)); });
+        std::atomic<bool> bReturned{false};
+        std::thread sender([&] {
+            rv = queue.SendEvent(new LoggedEvent(log, 1));
+            bReturned = true;
+        });
         ASSERT_TRUE(Eventually([&] { return queue.GetPendingEventsCount() == 1; }));
         queue.DestoryPendingEvents();
+        EXPECT_TRUE(Eventually([&] { return bReturned.load(); }));
         sender.join();
+        EXPECT_EQ(1u, queue.GetPendingEventsCount());  // nothing was posted back
         EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, rv);
         EXPECT_EQ(Ids(), log.fired());
         EXPECT_EQ(Ids{1}, log.ended());

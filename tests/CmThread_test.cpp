@@ -291,8 +291,10 @@ TEST(CmThread, TracesAndFails_WhenTheJoinFails) {
 TEST(CmThread, LivesUntilItsBodyEnds_WhenADetachedOneIsDestroyedBefore) {
     Life life;
     BodyThread* pThread = new BodyThread(life);
+    const size_t nBefore = RegisteredThreads();
     ASSERT_EQ(CM_OK, pThread->Create(TYPE, TF_DETACHED, 1));
     EXPECT_EQ(CM_OK, pThread->Destory(0));
+    EXPECT_EQ(nBefore, RegisteredThreads());
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
     EXPECT_FALSE(life.deleted);
     life.released = true;
@@ -315,7 +317,9 @@ TEST(CmThread, IsDetached_WhenTheLowBitsOfTheFlagAreTwo) {
     const struct {
         TFlag flag;
         bool detached;
-    } rows[] = {{0, false}, {1, false}, {2, true}, {3, false}, {4, false}, {5, false}, {6, true}};
+        bool joined;  // by Join
+    } rows[] = {{0, false, true},  {1, false, true}, {2, true, false}, {3, false, true},
+                {4, false, false}, {5, false, true}, {6, true, false}};
     for (const auto& row : rows) {
         Life life;
         BodyThread* pThread = new BodyThread(life);
@@ -330,6 +334,7 @@ TEST(CmThread, IsDetached_WhenTheLowBitsOfTheFlagAreTwo) {
         const pthread_t tid = pThread->GetThreadId();
         life.released = true;
         pThread->Join();
+        EXPECT_EQ(row.joined ? pthread_t(0) : tid, pThread->GetThreadId()) << row.flag;
         if (row.flag == 4) {
             pthread_join(tid, nullptr);  // joinable for the system, not for Join
         }
@@ -474,6 +479,25 @@ TEST(CmThread, CreateWaitsForTheInit_WhenTheHandshakeFails) {
         pThread->Destory(0);
     }
     EXPECT_EQ(lLive, kelto_test::LiveAllocations());
+}
+
+TEST(CmThread, IsJoinedAndNotRun_WhenItsInitFails) {
+    class CFailing : public BodyThread {
+      public:
+        using BodyThread::BodyThread;
+        void OnThreadInit() override { SetInitResult(CM_ERROR_NOT_AVAILABLE); }
+    };
+    for (TFlag flag : {TF_JOINABLE, TF_DETACHED}) {
+        Life life;
+        const size_t nBefore = RegisteredThreads();
+        BodyThread* pThread = new CFailing(life);
+        EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, pThread->Create(TYPE, flag, 1));
+        EXPECT_EQ(flag == TF_JOINABLE, pThread->GetThreadId() == pthread_t(0));
+        EXPECT_EQ(nBefore, RegisteredThreads());
+        pThread->Destory(0);
+        EXPECT_TRUE(Eventually([&] { return life.deleted.load(); }));
+        EXPECT_FALSE(life.ran);
+    }
 }
 
 TEST(CmThread, TerminateFails_WhenThereIsNoThread) {
