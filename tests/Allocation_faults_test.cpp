@@ -7,7 +7,6 @@
 #include <string>
 #include <vector>
 
-#include "CmConfig.h"
 #include "CmEncoding.h"
 #include "CmEventQueueBase.h"
 #include "CmHttpUrl.h"
@@ -230,11 +229,6 @@ std::vector<Operation> Operations() {
              EXPECT_TRUE(rv == CM_ERROR_NOT_INITIALIZED || rv == CM_ERROR_OUT_OF_MEMORY) << rv;
              EXPECT_EQ(1, s_event.m_nEnded);
              return rv == CM_ERROR_NOT_INITIALIZED;
-         }},
-        {"configuration",
-         [] {
-             CCmConfigInitFile config;
-             return config.GetStringParam("section", "key", CCmString()).empty();
          }},
         {"replace",
          [] {
