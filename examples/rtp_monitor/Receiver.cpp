@@ -56,7 +56,10 @@ void Receiver::OnThreadRun() {
         }
         const ReadResult result = m_pSource->Read(&packet);
         if (result == ReadResult::PACKET) {
-            HandOn(packet);
+            if (!HandOn(packet)) {
+                m_sError = "there is too little memory";
+                break;
+            }
         } else if (result == ReadResult::SKIPPED) {
             Count(m_counters.skipped);
         } else if (result == ReadResult::END) {
@@ -69,7 +72,7 @@ void Receiver::OnThreadRun() {
     }
 }
 
-void Receiver::HandOn(const Packet& aPacket) {
+bool Receiver::HandOn(const Packet& aPacket) {
     if (m_bKeepPace) {
         WaitForPace(aPacket.arrivalUsec);
     }
@@ -77,7 +80,7 @@ void Receiver::HandOn(const Packet& aPacket) {
     const PacketKind kind = ParsePacket(aPacket.data, aPacket.size, &header);
     if (kind != PacketKind::RTP) {
         Count(kind == PacketKind::RTCP ? m_counters.rtcp : m_counters.notRtp);
-        return;
+        return true;
     }
     StreamKey key = aPacket.key;
     key.ssrc = header.ssrc;
@@ -88,10 +91,12 @@ void Receiver::HandOn(const Packet& aPacket) {
     }
     const uint32_t dwPayload = aPacket.size - header.headerSize - header.paddingSize;
     uint32_t dwOffset = 0;
-    if (StorePayload(aPacket.data + header.headerSize, dwPayload, &dwOffset) &&
-        worker.Post(key, header, aPacket.arrivalUsec, m_pData, dwOffset, dwPayload)) {
-        Count(m_counters.rtp);
+    if (!StorePayload(aPacket.data + header.headerSize, dwPayload, &dwOffset) ||
+        !worker.Post(key, header, aPacket.arrivalUsec, m_pData, dwOffset, dwPayload)) {
+        return false;
     }
+    Count(m_counters.rtp);
+    return true;
 }
 
 void Receiver::WaitForPace(int64_t aArrivalUsec) {
@@ -116,13 +121,15 @@ bool Receiver::StorePayload(const unsigned char* aData, uint32_t aSize, uint32_t
     return true;
 }
 
-// Waits for the workers when they still hold all blocks.
+// Waits for the workers when packets still hold all blocks, also when a stop was asked for: what
+// was read is handed on.
 bool Receiver::TakeFreeBlock() {
     m_pData = nullptr;
     m_dwUsed = 0;
-    for (m_pData = FindFreeBlock(); m_pData == nullptr && !IsStopAsked();
-         m_pData = FindFreeBlock()) {
+    m_pData = FindFreeBlock();
+    while (m_pData == nullptr && !m_blocks.empty()) {
         SleepMs(BACKLOG_SLEEP_MS);
+        m_pData = FindFreeBlock();
     }
     return m_pData != nullptr;
 }

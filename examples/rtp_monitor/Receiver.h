@@ -45,9 +45,10 @@ class Receiver : public UTIL_NS::ACmThread {
     typedef UTIL_NS::CCmComAutoPtr<UTIL_NS::CCmDataBlock> DataBlockPtr;
 
     bool IsStopAsked() const { return m_bStopAsked.load(std::memory_order_relaxed); }
-    void HandOn(const Packet& aPacket);
+    // False when memory ran out.
+    bool HandOn(const Packet& aPacket);
     void WaitForPace(int64_t aArrivalUsec);
-    // The offset of the copy within m_pData; false when memory ran out or a stop was asked for.
+    // The offset of the copy within m_pData; false when memory ran out.
     bool StorePayload(const unsigned char* aData, uint32_t aSize, uint32_t* aOffset);
     bool TakeFreeBlock();
     DataBlockPtr FindFreeBlock();

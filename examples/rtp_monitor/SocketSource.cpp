@@ -1,8 +1,8 @@
 #include <arpa/inet.h>
 #include <errno.h>
 #include <netinet/in.h>
-#include <poll.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -17,7 +17,7 @@ namespace rtp_monitor {
 namespace {
 
 constexpr char EMPTY_HOST[] = "udp://:";
-constexpr int IDLE_MS = 100;
+constexpr suseconds_t IDLE_USEC = 100000;
 constexpr size_t MAX_UDP_SIZE = 65536;
 constexpr int RECEIVE_BUFFER_SIZE = 4 << 20;  // bytes; absorbs bursts, a wish only
 constexpr int64_t USEC_PER_SEC = 1000000;
@@ -29,10 +29,6 @@ class SocketSource : public PacketSource {
     ~SocketSource() override { close(m_nSocket); }
 
     ReadResult Read(Packet* aPacket) override {
-        pollfd waited = {m_nSocket, POLLIN, 0};
-        if (poll(&waited, 1, IDLE_MS) <= 0) {
-            return ReadResult::IDLE;
-        }
         sockaddr_in from = {};
         socklen_t nFromSize = sizeof(from);
         const ssize_t nSize = recvfrom(m_nSocket, m_buffer.data(), m_buffer.size(), 0,
@@ -98,6 +94,8 @@ std::unique_ptr<PacketSource> OpenSocket(const std::string& aAddress, std::strin
         *aError = std::strerror(errno);
         return nullptr;
     }
+    const timeval idle = {0, IDLE_USEC};
+    setsockopt(nSocket, SOL_SOCKET, SO_RCVTIMEO, &idle, sizeof(idle));
     setsockopt(nSocket, SOL_SOCKET, SO_RCVBUF, &RECEIVE_BUFFER_SIZE, sizeof(RECEIVE_BUFFER_SIZE));
     if (bind(nSocket, reinterpret_cast<const sockaddr*>(&local), sizeof(local)) != 0) {
         *aError = std::strerror(errno);

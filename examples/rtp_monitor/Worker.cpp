@@ -1,5 +1,6 @@
 #include "Worker.h"
 
+#include <new>
 #include <utility>
 
 namespace rtp_monitor {
@@ -57,8 +58,8 @@ class Worker::CallEvent : public UTIL_NS::ICmEvent {
 
 template <typename Function>
 bool Worker::RunOnThread(Function aFunction) {
-    return CM_SUCCEEDED(
-        m_pThread->GetEventQueue()->SendEvent(new CallEvent<Function>(std::move(aFunction))));
+    return CM_SUCCEEDED(m_pThread->GetEventQueue()->SendEvent(
+        new (std::nothrow) CallEvent<Function>(std::move(aFunction))));
 }
 
 Worker::Worker(const ClockRates& aClockRates) : m_clockRates(aClockRates) {}
@@ -84,7 +85,7 @@ bool Worker::Start(unsigned int aIntervalMs) {
 bool Worker::Post(const StreamKey& aKey, const RtpHeader& aHeader, int64_t aArrivalUsec,
                   UTIL_NS::CCmDataBlock* aData, uint32_t aOffset, uint32_t aSize) {
     return CM_SUCCEEDED(m_pThread->GetEventQueue()->PostEvent(
-        new PacketEvent(this, aKey, aHeader, aArrivalUsec, aData, aOffset, aSize),
+        new (std::nothrow) PacketEvent(this, aKey, aHeader, aArrivalUsec, aData, aOffset, aSize),
         ICmEventQueue::EPRIORITY_NORMAL));
 }
 
@@ -122,10 +123,26 @@ void Worker::OnTimer(UTIL_NS::CCmTimerWrapperID* /*aId*/) {
 
 void Worker::OnPacket(const StreamKey& aKey, const RtpHeader& aHeader, int64_t aArrivalUsec,
                       const CCmMessageBlock& aPayload) {
-    const uint32_t dwClockRate = ClockRateOf(aHeader.payloadType);
-    auto entry = m_streams.try_emplace(aKey, dwClockRate).first;
+    if (m_streams.size() >= m_nMostSources) {
+        ForgetUnconfirmed();
+    }
+    auto entry = m_streams.try_emplace(aKey, ClockRateOf(aHeader.payloadType)).first;
     entry->second.OnPacket(aHeader, aPayload.GetChainedLength(), aArrivalUsec);
-    ++m_packets;
+}
+
+// A packet of something else passes for RTP now and then; such sources must not add up. They stay
+// counted.
+void Worker::ForgetUnconfirmed() {
+    for (auto entry = m_streams.begin(); entry != m_streams.end();) {
+        if (entry->second.IsConfirmed()) {
+            ++entry;
+            continue;
+        }
+        ++m_forgottenSources;
+        m_forgottenPackets += entry->second.packets();
+        entry = m_streams.erase(entry);
+    }
+    m_nMostSources = m_streams.size() + MAX_UNCONFIRMED;
 }
 
 uint32_t Worker::ClockRateOf(uint8_t aPayloadType) const {
@@ -134,7 +151,8 @@ uint32_t Worker::ClockRateOf(uint8_t aPayloadType) const {
 }
 
 void Worker::AddTo(Snapshot* aSnapshot) const {
-    aSnapshot->packets += m_packets;
+    aSnapshot->unconfirmedStreams += m_forgottenSources;
+    aSnapshot->unconfirmedPackets += m_forgottenPackets;
     for (const auto& entry : m_streams) {
         if (!entry.second.IsConfirmed()) {
             ++aSnapshot->unconfirmedStreams;

@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <set>
 #include <vector>
 
 #include "CmMessageBlock.h"
@@ -22,7 +21,6 @@ typedef std::map<uint8_t, uint32_t> ClockRates;
 // What a worker knows at one moment.
 struct Snapshot {
     std::vector<StreamReport> streams;
-    uint64_t packets = 0;             // of all streams, confirmed or not
     uint64_t unconfirmedStreams = 0;  // too few packets in sequence to be called a stream
     uint64_t unconfirmedPackets = 0;
 };
@@ -45,10 +43,12 @@ class Worker : private UTIL_NS::CCmTimerWrapperIDSink {
     uint32_t backlog() { return m_pThread->GetEventQueue()->GetPendingEventsCount(); }
     // Adds what the worker knows, all packets posted before included, to aSnapshot.
     bool Take(Snapshot* aSnapshot);
-    // Ends the thread; packets still waiting are dropped only if Take was not called before.
+    // Ends the thread behind the packets that were posted before.
     void Stop();
 
   private:
+    static constexpr size_t MAX_UNCONFIRMED = 4096;  // sources remembered that are no streams yet
+
     class PacketEvent;
     template <typename Function>
     class CallEvent;
@@ -58,6 +58,7 @@ class Worker : private UTIL_NS::CCmTimerWrapperIDSink {
     void OnTimer(UTIL_NS::CCmTimerWrapperID* aId) override;
     void OnPacket(const StreamKey& aKey, const RtpHeader& aHeader, int64_t aArrivalUsec,
                   const UTIL_NS::CCmMessageBlock& aPayload);
+    void ForgetUnconfirmed();
     uint32_t ClockRateOf(uint8_t aPayloadType) const;
     void AddTo(Snapshot* aSnapshot) const;
 
@@ -66,7 +67,9 @@ class Worker : private UTIL_NS::CCmTimerWrapperIDSink {
     std::unique_ptr<UTIL_NS::CCmTimerWrapperID> m_pTimer;
     UTIL_NS::CCmTimeValue m_tvIntervalStart;
     std::map<StreamKey, StreamStats> m_streams;
-    uint64_t m_packets = 0;
+    size_t m_nMostSources = MAX_UNCONFIRMED;  // that m_streams may hold before it is tidied
+    uint64_t m_forgottenSources = 0;
+    uint64_t m_forgottenPackets = 0;
 };
 
 }  // namespace rtp_monitor

@@ -47,12 +47,12 @@ def record(data, seconds, microseconds, length=None):
 
 def pcap(frames, link_type=ETHERNET, step_usec=20000):
     """frames: bytes, or pairs of bytes and the length on the wire."""
-    result = struct.pack("<IHHiIII", 0xA1B2C3D4, 2, 4, 0, 0, 262144, link_type)
+    result = bytearray(struct.pack("<IHHiIII", 0xA1B2C3D4, 2, 4, 0, 0, 262144, link_type))
     for i, frame in enumerate(frames):
         data, length = frame if isinstance(frame, tuple) else (frame, None)
         seconds, microseconds = divmod(i * step_usec, 1000000)
         result += record(data, START_SECONDS + seconds, microseconds, length)
-    return result
+    return bytes(result)
 
 
 def pcapng(frames, link_type=ETHERNET, step_usec=20000):

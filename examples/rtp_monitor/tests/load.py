@@ -22,12 +22,12 @@ PAYLOAD = bytes(200)
 Figures = collections.namedtuple("Figures", "exit_code document seconds_of_cpu peak_mib")
 
 
-def write_capture(path, packets):
+def write_capture(path, packets, streams=STREAMS):
     """Packet by packet: a child's peak starts from this process's memory."""
     with open(path, "wb") as file:
         file.write(captures.pcap([]))
         for i in range(packets):
-            turn, ssrc = divmod(i, STREAMS)
+            turn, ssrc = divmod(i, streams)
             body = captures.rtp(turn, 160 * turn % 2**32, ssrc, payload=PAYLOAD)
             seconds, tenths = divmod(i, 10000)  # 100 microseconds apart
             file.write(captures.record(captures.ethernet(captures.ipv4(captures.udp(body))),

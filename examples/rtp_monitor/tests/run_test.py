@@ -209,6 +209,16 @@ class RtpMonitor(unittest.TestCase):
         self.assertEqual(document["streams"], [])
         self.assertEqual((document["unconfirmedSources"], document["unconfirmedPackets"]), (5, 5))
 
+    def test_ForgetsNoCountOfSourcesThatAreNoStreams(self):
+        lone = [rtp(i, ssrc=i) for i in range(10000)]
+        stream = [rtp(i, ssrc=0xFFFFFFFF) for i in range(10000)]
+        mixed = [ethernet(ipv4(udp(data))) for pair in zip(lone, stream) for data in pair]
+        document = self.json_of(pcap(mixed), "--workers", "1")
+        self.assertEqual([(entry["packets"], entry["lost"]) for entry in document["streams"]],
+                         [(10000, 0)])
+        self.assertEqual((document["unconfirmedSources"], document["unconfirmedPackets"]),
+                         (10000, 10000))
+
     def test_KnowsClockOfFixedTypes(self):
         stream = self.json_of(pcap(frames(3)))["streams"][0]
         self.assertEqual((stream["clockRate"], stream["jitterMs"]), (8000, 0))
@@ -445,6 +455,13 @@ class RtpMonitor(unittest.TestCase):
         figures = load.measure(self.command("--fast", "--json", path), self.environment)
         self.assertEqual(figures.exit_code, 0)
         self.assertEqual(sum(stream["packets"] for stream in figures.document["streams"]), 200000)
+        self.assertTrue(0 < figures.peak_mib < 64, figures.peak_mib)
+
+    def test_KeepsMemoryBounded_WhenEveryPacketIsASourceOfItsOwn(self):
+        path = self.write(b"")
+        load.write_capture(path, 300000, streams=300000)
+        figures = load.measure(self.command("--fast", "--json", path), self.environment)
+        self.assertEqual(figures.document["unconfirmedPackets"], 300000)
         self.assertTrue(0 < figures.peak_mib < 64, figures.peak_mib)
 
 
