@@ -6,6 +6,7 @@
 #include <functional>
 #include <new>
 
+#include "CmAscii.h"
 #include "CmBase64.h"
 
 namespace UTIL_NS {
@@ -141,13 +142,9 @@ constexpr std::array<Escape, 256> MakeEscapes() {
 constexpr std::array<Escape, 256> ESCAPES = MakeEscapes();
 constexpr ptrdiff_t STORED = sizeof(Escape);
 
-constexpr char ToLower(char aChar) {
-    return aChar >= 'A' && aChar <= 'Z' ? static_cast<char>(aChar - 'A' + 'a') : aChar;
-}
-
 bool EqualNoCase(const char* aLeft, const char* aRight, size_t aLength) {
     for (size_t i = 0; i < aLength; ++i) {
-        if (ToLower(aLeft[i]) != ToLower(aRight[i])) {
+        if (CmToLower(aLeft[i]) != CmToLower(aRight[i])) {
             return false;
         }
     }

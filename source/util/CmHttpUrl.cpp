@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 
+#include "CmAscii.h"
 #include "CmTraceLine.h"
 
 namespace UTIL_NS {
@@ -33,17 +34,13 @@ constexpr Scheme SCHEMES[] = {
     {"ws", PORT_HTTP},   {"wss", PORT_HTTPS},
 };
 
-constexpr char ToLower(char aChar) {
-    return aChar >= 'A' && aChar <= 'Z' ? static_cast<char>(aChar - 'A' + 'a') : aChar;
-}
-
 // aPrefix is in lower case.
 bool StartsWithNoCase(std::string_view aText, std::string_view aPrefix) {
     if (aText.size() < aPrefix.size()) {
         return false;
     }
     for (size_t i = 0; i < aPrefix.size(); ++i) {
-        if (ToLower(aText[i]) != aPrefix[i]) {
+        if (CmToLower(aText[i]) != aPrefix[i]) {
             return false;
         }
     }
