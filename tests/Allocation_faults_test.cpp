@@ -219,17 +219,6 @@ std::vector<Operation> Operations() {
              queue.PopPendingEventsLocked(events);
              return queue.ProcessEvents(events) == CM_OK && !events.empty();
          }},
-        {"send",
-         [] {
-             static OwnedEvent s_event;
-             s_event.m_nEnded = 0;
-             CCmEventQueueUsingConditionVariable queue;
-             queue.SetStopped();
-             const CmResult rv = queue.SendEvent(&s_event);
-             EXPECT_TRUE(rv == CM_ERROR_NOT_INITIALIZED || rv == CM_ERROR_OUT_OF_MEMORY) << rv;
-             EXPECT_EQ(1, s_event.m_nEnded);
-             return rv == CM_ERROR_NOT_INITIALIZED;
-         }},
         {"replace",
          [] {
              CCmString strResult;
