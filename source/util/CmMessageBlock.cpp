@@ -247,12 +247,10 @@ uint32_t CCmMessageBlock::GetChainedSpace() const {
 
 void CCmMessageBlock::Append(CCmMessageBlock* aMb) {
     CCmMessageBlock* pMbMove = this;
-    CM_ASSERTE_RETURN_LINE(aMb != pMbMove, , 311);
     while (pMbMove->m_pNext != nullptr) {
         pMbMove = pMbMove->m_pNext;
-        CM_ASSERTE_RETURN_LINE(aMb != pMbMove, , 311);
     }
-    // This chain in aMb's would end in the same last block.
+    // Chains that share a block end in the same one.
     for (const CCmMessageBlock* pMb = aMb; pMb != nullptr; pMb = pMb->m_pNext) {
         CM_ASSERTE_RETURN_(pMb != pMbMove, "aMb != pMbMove", , __FILE__, 311);
     }
