@@ -70,7 +70,8 @@ class BookedEvent : public ICmEvent {
         if (!m_bFired) {
             m_books.endedUnfired.fetch_add(1, std::memory_order_relaxed);
         }
-        m_books.ended.fetch_add(1, std::memory_order_relaxed);
+        // Orders the books before their end, which follows a look at this count.
+        m_books.ended.fetch_add(1, std::memory_order_acq_rel);
         delete this;
     }
 
