@@ -210,6 +210,15 @@ TEST(StreamStats, RestartWithAnotherTimestamp_IsNoJitter) {
     EXPECT_EQ(stats.Report().jitterMs, 0);
 }
 
+TEST(StreamStats, PacketThatBelongsNowhere_IsNoJitter) {
+    StreamStats stats(CLOCK_RATE);
+    stats.OnPacket(Header(1, 0), 1, 0);
+    stats.OnPacket(Header(2, PACKET_UNITS), 1, 20000);
+    stats.OnPacket(Header(30000, 0x70000000), 1, 30000);
+    stats.OnPacket(Header(3, 2 * PACKET_UNITS), 1, 40000);
+    EXPECT_EQ(stats.Report().jitterMs, 0);
+}
+
 TEST(StreamStats, TakesBitRateOverTheStreamsLife) {
     // 5 * 100 bytes in 80 ms
     EXPECT_DOUBLE_EQ(ReportOf({1, 2, 3, 4, 5}).bitRate, 50000);
