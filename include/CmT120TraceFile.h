@@ -105,7 +105,8 @@ class CM_UTIL_EXPORT CCmT120TraceFile {
 class CM_UTIL_EXPORT CCmT120TraceFileMgr {
   public:
     constexpr CCmT120TraceFileMgr() : m_Mutex(CCmStaticInit()) {}
-    // Waits 200 ms for threads that still write, then ends every record.
+    // Waits 200 ms for threads that still write, then ends every record. A manager with static
+    // storage opens no more records after that.
     ~CCmT120TraceFileMgr();
     CCmT120TraceFileMgr(const CCmT120TraceFileMgr&) = delete;
     CCmT120TraceFileMgr& operator=(const CCmT120TraceFileMgr&) = delete;
@@ -131,6 +132,7 @@ class CM_UTIL_EXPORT CCmT120TraceFileMgr {
     std::atomic<CCmT120TraceFile*> m_pHeader{nullptr};  // newest first
     uint32_t m_dwCount = 0;                             // of all records ever created
     CCmMutexThreadRecursive m_Mutex;
+    std::atomic<bool> m_bEnded{false};
 };
 
 // The one manager of the process.

@@ -26,7 +26,7 @@ typedef void (*UtilTraceSink)(unsigned long aLevel, const char* aText, unsigned 
 extern CM_UTIL_EXPORT std::atomic<UtilTraceSink> g_util_trace_sink;
 
 // A hook that does nothing; builds may divert assertion failures to it. Any thread.
-CM_UTIL_EXPORT void Assert_Log(const char* aFile, const char* aExpression, int aLine);
+CM_UTIL_EXPORT void Assert_Log(char* aFile, char* aExpression, int aLine);
 
 // Writes the error line of a failed assertion: file, line and the expression as it was written.
 // The macros below call it; it never stops the program. Any thread.

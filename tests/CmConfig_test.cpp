@@ -15,6 +15,8 @@
 #include <vector>
 
 #include "CmProcessName.h"
+#include "CmT120Trace.h"
+#include "support/ChildProcess.h"
 #include "support/Faults.h"
 #include "support/Home.h"
 #include "support/ProfileModel.h"
@@ -656,6 +658,17 @@ TEST(CmConfigInitFile, SetKeltoConfigFileName_ChangesTheFileAndIsTraced) {
     EXPECT_EQ(CM_TRACE_LEVEL_INFO, sink.lines().back().level);
     EXPECT_EQ("UTIL INFO: CCmConfigInitFile::SetKeltoConfigFileName, file name other.cfg",
               sink.lines().back().text);
+}
+
+TEST(CmConfigInitFile, SetKeltoConfigFileName_RefreshesTheTraceFacility) {
+    EXPECT_EQ(0, kelto_test::StatusOfChild([] {
+                  ScopedLocations locations;
+                  ScopedHome home;
+                  WriteFile(home.path() + "conf/other.cfg", "[Trace]\nC.Info=FALSE\n");
+                  EXPECT_EQ(1, CCmT120Trace::instance()->enable_trace_print(20, nullptr));
+                  CCmConfigInitFile().SetKeltoConfigFileName("other.cfg");
+                  EXPECT_EQ(0, CCmT120Trace::instance()->enable_trace_print(20, nullptr));
+              }));
 }
 
 TEST(CmConfigInitFile, HomeDir_IsCopied) {

@@ -583,6 +583,25 @@ TEST(CmLogStream, LeadingId_PrefersTheConfiguredMachine) {
               }));
 }
 
+TEST(CmLogStream, LeadingId_CutsTheConfiguredMachineAt255Characters) {
+    for (size_t nLength : {255u, 256u}) {
+        EXPECT_EQ(0, StatusOfChild([nLength] {
+                      ScopedHome home;
+                      home.WriteConfig("[Trace]\nMachineID=" + std::string(nLength, 'm') + "\n");
+                      EXPECT_EQ("C." + std::string(255, 'm') + ".", get_leading_id());
+                  }));
+    }
+}
+
+TEST(CmLogStream, LeadingId_IsCutAt1023Characters) {
+    EXPECT_EQ(0, StatusOfChild([] {
+                  ScopedHome home;
+                  RenameProcess(std::string(511, 'p').c_str());
+                  HostNameEntry entry(g_cmSystem.gethostname, HostNameOf512Characters);
+                  EXPECT_EQ(std::string(511, 'p') + "." + std::string(511, 'h'), get_leading_id());
+              }));
+}
+
 TEST(CmLogStream, LeadingId_KeepsTheConfiguredMachineAndTraces_WhenTheHostNameFails) {
     EXPECT_EQ(0, StatusOfChild([] {
                   ScopedHome home;

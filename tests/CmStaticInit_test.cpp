@@ -25,22 +25,38 @@ struct HostSingleton {
     int m_nValue = 42;
 };
 
-class HostStatic {
-  public:
-    HostStatic() CM_NO_THREAD_SAFETY_ANALYSIS {
-        set_util_external_trace_sink(CountLine);
-        m_bRecursive = g_SingletonMutex.Lock() == CM_OK && g_SingletonMutex.Lock() == CM_OK &&
-                       g_SingletonMutex.UnLock() == CM_OK && g_SingletonMutex.UnLock() == CM_OK;
-        m_bSharedMutex = s_ReferenceControlMutexThread.Lock() == CM_OK &&
-                         s_ReferenceControlMutexThread.UnLock() == CM_OK;
-        HostSingleton* pSingleton = CCmSingletonT<HostSingleton>::Instance();
-        m_nValue = pSingleton != nullptr ? pSingleton->m_nValue : 0;
-        m_llTicks = tick_policy::now();
-        m_tvMax = CCmTimeValue::s_tvMax;
-        CCmComAutoPtr<HostObject> ptr(new HostObject);
-        m_dwCount = ptr->GetReference();
-        set_util_external_trace_sink(nullptr);
-    }
+// What UseBeforeMain found.
+struct Found {
+    bool bRecursive;
+    bool bSharedMutex;
+    int nValue;
+    long long llTicks;
+    long long llSeconds;
+    long long llMicroseconds;
+    uint32_t dwCount;
+};
+Found g_Found;
+
+// Runs before any static object is constructed, those of a library that is linked into the
+// program included.
+__attribute__((constructor(101))) void UseBeforeMain() CM_NO_THREAD_SAFETY_ANALYSIS {
+    set_util_external_trace_sink(CountLine);
+    g_Found.bRecursive = g_SingletonMutex.Lock() == CM_OK && g_SingletonMutex.Lock() == CM_OK &&
+                         g_SingletonMutex.UnLock() == CM_OK && g_SingletonMutex.UnLock() == CM_OK;
+    g_Found.bSharedMutex = s_ReferenceControlMutexThread.Lock() == CM_OK &&
+                           s_ReferenceControlMutexThread.UnLock() == CM_OK;
+    HostSingleton* pSingleton = CCmSingletonT<HostSingleton>::Instance();
+    g_Found.nValue = pSingleton != nullptr ? pSingleton->m_nValue : 0;
+    g_Found.llTicks = tick_policy::now();
+    g_Found.llSeconds = CCmTimeValue::s_tvMax.GetSec();
+    g_Found.llMicroseconds = CCmTimeValue::s_tvMax.GetUsec();
+    CCmComAutoPtr<HostObject> ptr(new HostObject);
+    g_Found.dwCount = ptr->GetReference();
+    set_util_external_trace_sink(nullptr);
+}
+
+// A host's own object, which goes before those of the library.
+struct HostStatic {
     ~HostStatic() {
         CCmCleanUpBase::CleanupAll();
         if (CCmSingletonT<HostSingleton>::Instance()->m_nValue != 42) {
@@ -48,37 +64,23 @@ class HostStatic {
         }
         CCmCleanUpBase::CleanupAll();
     }
-
-    bool m_bRecursive = false;
-    bool m_bSharedMutex = false;
-    int m_nValue = 0;
-    long long m_llTicks = 0;
-    CCmTimeValue m_tvMax;
-    uint32_t m_dwCount = 0;
 };
-
-// Constructed before the static objects of a library that is linked into the program, and
-// destroyed behind them.
-#if defined(__APPLE__)
 HostStatic g_HostStatic;
-#else
-__attribute__((init_priority(101))) HostStatic g_HostStatic;
-#endif
 
 TEST(CmStaticInit, Mutexes_AreUsableBeforeMain) {
-    EXPECT_TRUE(g_HostStatic.m_bRecursive);
-    EXPECT_TRUE(g_HostStatic.m_bSharedMutex);
+    EXPECT_TRUE(g_Found.bRecursive);
+    EXPECT_TRUE(g_Found.bSharedMutex);
 }
 
 TEST(CmStaticInit, Singletons_AreUsableBeforeMain) {
-    EXPECT_EQ(42, g_HostStatic.m_nValue);
-    EXPECT_GT(g_HostStatic.m_llTicks, 0);
+    EXPECT_EQ(42, g_Found.nValue);
+    EXPECT_GT(g_Found.llTicks, 0);
 }
 
 TEST(CmStaticInit, Values_AreReadyBeforeMain) {
-    EXPECT_EQ(9223372036854775807, g_HostStatic.m_tvMax.GetSec());
-    EXPECT_EQ(999999, g_HostStatic.m_tvMax.GetUsec());
-    EXPECT_EQ(1u, g_HostStatic.m_dwCount);
+    EXPECT_EQ(9223372036854775807, g_Found.llSeconds);
+    EXPECT_EQ(999999, g_Found.llMicroseconds);
+    EXPECT_EQ(1u, g_Found.dwCount);
 }
 
 TEST(CmStaticInit, Start_TracesNothing) {

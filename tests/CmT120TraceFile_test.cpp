@@ -47,16 +47,17 @@ int ThreadIdentity() {
     return static_cast<int>(reinterpret_cast<uintptr_t>(reinterpret_cast<void*>(pthread_self())));
 }
 
-// What stands in front of a line written at the clock's start in UTC, 2001-09-09 01:46:40.
+// What stands in front of a line written at the clock's start, 2004-11-09 11:33:20 in UTC, in a
+// zone five hours west of it.
 std::string Stamp() {
-    return "[09/09/2001 01:46:40.123 pid=" + std::to_string(getpid()) +
+    return "[11/09/2004 06:33:20.123 pid=" + std::to_string(getpid()) +
            " tid=" + std::to_string(ThreadIdentity()) + "]";
 }
 
 class CmT120TraceFile : public testing::Test {
   protected:
-    CmT120TraceFile() : m_Clock(1000000000, 123999), m_sPath(m_Home.path() + "t.txt") {
-        setenv("TZ", "UTC", 1);
+    CmT120TraceFile() : m_Clock(1100000000, 123999), m_sPath(m_Home.path() + "t.txt") {
+        setenv("TZ", "TST5", 1);
         tzset();
     }
     ~CmT120TraceFile() override { ClearFilters(); }
@@ -250,6 +251,19 @@ TEST_F(CmT120TraceFile, RefreshSettings_BoundsTheFlushCount) {
         EXPECT_NE(std::string::npos, Content().find(" at once\n")) << nCount;
         WriteEmptyTraceFile();
     }
+}
+
+TEST_F(CmT120TraceFile, RefreshSettings_TakesManyLinesPerFlush) {
+    WriteEmptyTraceFile();
+    CCmT120TraceFile file(m_sPath.c_str(), 0, 0, 0);
+    file.attach();
+    file.refresh_settings(0, 3000);
+    for (int i = 1; i < 3000; ++i) {
+        file.write(nullptr, nullptr, "line");
+    }
+    EXPECT_EQ(Header(32), Content());
+    file.write(nullptr, nullptr, "line");
+    EXPECT_NE(Header(32), Content());
 }
 
 TEST_F(CmT120TraceFile, Write_CutsALineAtTheBufferAndCountsWhatWasStored) {

@@ -530,6 +530,13 @@ TEST_F(CmT120Trace, Load_OfAnotherRecord_ClosesItOnly) {
     EXPECT_EQ(Texts{"text"}, m_Library.texts());
 }
 
+TEST_F(CmT120Trace, Load_OfAnotherRecord_OpensNothing_WhenNothingWasOpen) {
+    std::unique_ptr<CCmT120Trace> pTrace = Create();
+    EXPECT_EQ(1, pTrace->load(RecordOf(m_Home.path() + "other")));
+    Trace(*pTrace, 0, "lost");
+    EXPECT_TRUE(m_Library.calls().empty());
+}
+
 TEST_F(CmT120Trace, TraceDir_EndsWithTheArrayOfTheHome) {
     const std::string sHome(g_def_kelto_home_dir);
     std::memcpy(g_def_kelto_home_dir, "/0123456789abcde", CM_HOME_DIR_SIZE);
@@ -677,13 +684,13 @@ TEST(CmT120TraceInstance, Instance_TracesAfterCleanupAll) {
 // What TraceLast is to find delivered; without it, it does nothing.
 const Texts* g_pExpectedLast = nullptr;
 
-// Traces first when the static objects of the library are gone already.
+// Traces when the static objects of the library are gone already.
 void TraceLast() {
     if (g_pExpectedLast != nullptr) {
         ScopedTraceLibrary library;
-        util_adapter_trace(0, "last", 4);
+        util_adapter_trace(0, "one", 3);
         refresh_trace_config();
-        util_adapter_trace(0, "last", 4);
+        util_adapter_trace(0, "two", 3);
         _exit(library.texts() == *g_pExpectedLast ? 7 : 1);
     }
 }
@@ -696,8 +703,11 @@ __attribute__((constructor(101))) void RegisterTraceLast() {
 TEST(CmT120TraceInstance, Instance_TracesWhileTheProgramEnds) {
     EXPECT_EXIT(
         {
+            Texts expected(1, "one");
+            expected.push_back("two");
+            g_pExpectedLast = &expected;
             new ScopedHome;
-            g_pExpectedLast = new Texts(2, "last");
+            CCmT120Trace::instance();
             exit(0);
         },
         testing::ExitedWithCode(7), "");
@@ -706,11 +716,25 @@ TEST(CmT120TraceInstance, Instance_TracesWhileTheProgramEnds) {
 TEST(CmT120TraceInstance, Instance_ReadsTheChosenFile_WhileTheProgramEnds) {
     EXPECT_EXIT(
         {
+            const Texts expected(1, "one");
+            g_pExpectedLast = &expected;
             ScopedHome* pHome = new ScopedHome;
+            set_kelto_config_file_name("a-file-name-that-is-long.cfg");
+            CCmT120Trace::instance();
             kelto_test::WriteFile(pHome->path() + "conf/a-file-name-that-is-long.cfg",
                                   "[Trace]\nC.Error=FALSE\n");
-            set_kelto_config_file_name("a-file-name-that-is-long.cfg");
-            g_pExpectedLast = new Texts;
+            exit(0);
+        },
+        testing::ExitedWithCode(7), "");
+}
+
+// No record can be opened any more.
+TEST(CmT120TraceInstance, Instance_IsSilent_WhenTheFirstLineComesAfterTheEnd) {
+    EXPECT_EXIT(
+        {
+            const Texts expected;
+            g_pExpectedLast = &expected;
+            new ScopedHome;
             exit(0);
         },
         testing::ExitedWithCode(7), "");

@@ -353,10 +353,15 @@ CCmT120TraceFileMgr::~CCmT120TraceFileMgr() {
         delete pFile;
         pFile = pNext;
     }
+    // Lines that come while the program ends must not take a mutex that is gone.
+    m_bEnded.store(true, std::memory_order_relaxed);
 }
 
 void* CCmT120TraceFileMgr::open(const char* aName, unsigned long aSizeLimit, unsigned char aShared,
                                 unsigned char aIgnored) {
+    if (m_bEnded.load(std::memory_order_relaxed)) {
+        return nullptr;
+    }
     CCmTraceGuard guard;
     CCmScopedLockT<CCmMutexThreadRecursive> lock(m_Mutex);
     CCmT120TraceFile* pHeader = m_pHeader.load(std::memory_order_relaxed);
@@ -380,6 +385,9 @@ void* CCmT120TraceFileMgr::open(const char* aName, unsigned long aSizeLimit, uns
 }
 
 void CCmT120TraceFileMgr::close(void* aRecord) {
+    if (m_bEnded.load(std::memory_order_relaxed)) {
+        return;
+    }
     CCmTraceGuard guard;
     CCmScopedLockT<CCmMutexThreadRecursive> lock(m_Mutex);
     std::atomic<CCmT120TraceFile*>* pLink = &m_pHeader;

@@ -23,7 +23,7 @@ bool CmTraceIsWanted(unsigned long aLevel) {
     return InstalledSink() != nullptr || CCmT120Trace::is_wanted(aLevel);
 }
 
-void Assert_Log(const char* /*aFile*/, const char* /*aExpression*/, int /*aLine*/) {}
+void Assert_Log(char* /*aFile*/, char* /*aExpression*/, int /*aLine*/) {}
 
 void CmAssertFailed(const char* aFile, int aLine, const char* aExpression) {
     CM_ERROR_TRACE(aFile << ":" << aLine << " Assert failed: " << aExpression);
