@@ -755,6 +755,44 @@ TEST(CmEventSend, OutlivesTheReturningSender_WhenTheQueueIsDestroyedBehindTheEve
     }
 }
 
+// Its posters linger until they are released.
+class LingeringQueue : public CCmEventQueueUsingMutex {
+  public:
+    explicit LingeringQueue(const std::atomic<bool>& aReleased) : m_bReleased(aReleased) {}
+    ~LingeringQueue() override { WaitForSenders_i(); }
+    CmResult PostEvent(ICmEvent* aEvent, EPriority aPri) override {
+        const std::atomic<bool>& bReleased = m_bReleased;
+        const CmResult rv = CCmEventQueueUsingMutex::PostEvent(aEvent, aPri);
+        Eventually([&] { return bReleased.load(); });
+        return rv;
+    }
+
+  private:
+    const std::atomic<bool>& m_bReleased;
+};
+
+TEST(CmEventSend, KeepsTheQueue_WhileTheSenderIsStillPosting) {
+    EventLog log;
+    std::atomic<bool> bReleased{false};
+    std::atomic<bool> bDeleted{false};
+    LingeringQueue* pQueue = new LingeringQueue(bReleased);
+    CmResult rv = CM_OK;
+    std::thread sender([&] { rv = pQueue->SendEvent(new LoggedEvent(log, 1)); });
+    ASSERT_TRUE(Eventually([&] { return pQueue->GetPendingEventsCount() == 1; }));
+    pQueue->CCmEventQueueUsingMutex::DestoryPendingEvents();
+    std::thread owner([&] {
+        delete pQueue;
+        bDeleted = true;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_FALSE(bDeleted);
+    bReleased = true;
+    sender.join();
+    owner.join();
+    EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, rv);
+    EXPECT_EQ(Ids{1}, log.ended());
+}
+
 TEST(CmEventSend, EndsTheEvent_WhenAnAllocationFails) {
     for (unsigned long ulNth : {1ul, 2ul}) {
         EventLog log;
