@@ -101,7 +101,7 @@ long TryLockAndUnlock() {
 }
 
 // A recursive one, which its thread may lock again where unlocking failed.
-long Unlock() {
+long Unlock() CM_NO_THREAD_SAFETY_ANALYSIS {
     static CCmMutexThreadRecursive& s_mutex = *new CCmMutexThreadRecursive;
     s_mutex.Lock();
     return s_mutex.UnLock();
