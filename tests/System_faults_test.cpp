@@ -82,7 +82,7 @@ void Check(const Row& aRow) {
 
 // ---- Operations
 
-long LockAndUnlock() {
+long LockAndUnlock() CM_NO_THREAD_SAFETY_ANALYSIS {
     static CCmMutexThread s_mutex;
     const CmResult rv = s_mutex.Lock();
     if (CM_SUCCEEDED(rv)) {
@@ -91,7 +91,7 @@ long LockAndUnlock() {
     return rv;
 }
 
-long TryLockAndUnlock() {
+long TryLockAndUnlock() CM_NO_THREAD_SAFETY_ANALYSIS {
     static CCmMutexThread s_mutex;
     const CmResult rv = s_mutex.TryLock();
     if (CM_SUCCEEDED(rv)) {
