@@ -683,6 +683,7 @@ TEST(CmT120TraceInstance, Instance_TracesAfterCleanupAll) {
 
 // What TraceLast is to find delivered; without it, it does nothing.
 const Texts* g_pExpectedLast = nullptr;
+ScopedHome* g_pLastHome = nullptr;
 
 // Traces when the static objects of the library are gone already.
 void TraceLast() {
@@ -691,6 +692,7 @@ void TraceLast() {
         util_adapter_trace(0, "one", 3);
         refresh_trace_config();
         util_adapter_trace(0, "two", 3);
+        delete g_pLastHome;
         _exit(library.texts() == *g_pExpectedLast ? 7 : 1);
     }
 }
@@ -706,7 +708,7 @@ TEST(CmT120TraceInstance, Instance_TracesWhileTheProgramEnds) {
             Texts expected(1, "one");
             expected.push_back("two");
             g_pExpectedLast = &expected;
-            new ScopedHome;
+            g_pLastHome = new ScopedHome;
             CCmT120Trace::instance();
             exit(0);
         },
@@ -718,10 +720,10 @@ TEST(CmT120TraceInstance, Instance_ReadsTheChosenFile_WhileTheProgramEnds) {
         {
             const Texts expected(1, "one");
             g_pExpectedLast = &expected;
-            ScopedHome* pHome = new ScopedHome;
+            g_pLastHome = new ScopedHome;
             set_kelto_config_file_name("a-file-name-that-is-long.cfg");
             CCmT120Trace::instance();
-            kelto_test::WriteFile(pHome->path() + "conf/a-file-name-that-is-long.cfg",
+            kelto_test::WriteFile(g_pLastHome->path() + "conf/a-file-name-that-is-long.cfg",
                                   "[Trace]\nC.Error=FALSE\n");
             exit(0);
         },
@@ -734,7 +736,7 @@ TEST(CmT120TraceInstance, Instance_IsSilent_WhenTheFirstLineComesAfterTheEnd) {
         {
             const Texts expected;
             g_pExpectedLast = &expected;
-            new ScopedHome;
+            g_pLastHome = new ScopedHome;
             exit(0);
         },
         testing::ExitedWithCode(7), "");
