@@ -10,7 +10,9 @@
 
 namespace UTIL_NS {
 
-// Serialises the creation of singletons and the clean-up registry.
+// Serialises the creation of singletons and the clean-up registry. Static objects of a host may
+// use it from the first constructor on, and at exit until the library's own static objects are
+// destroyed, which for the shared library is behind the host's.
 extern CM_UTIL_EXPORT CCmMutexThreadRecursive g_SingletonMutex;
 
 class CCmMessageBlock;
