@@ -3,7 +3,9 @@
 #define CM_TIMER_QUEUE_BASE_H
 
 #include <cstddef>
+#include <cstdint>
 #include <new>
+#include <vector>
 
 #include "CmBase.h"
 #include "CmTimeValue.h"
@@ -113,6 +115,90 @@ class CM_UTIL_EXPORT CCmTimerQueueBase : public ICmTimerQueue {
 
     CCmEnsureSingleThread m_Est;
     ICmObserver* m_pObserver;  // not owned
+};
+
+// Finds what belongs to a handler: a hash table with the entries in place, where an entry lies at
+// the place of its handler or, if that is taken, behind it without a gap. It never shrinks, so that
+// putting back what was erased allocates nothing.
+template <class ValueType>
+class CCmTimerHandlerIndexT {
+  public:
+    // Null when there is none. Valid until the next change.
+    ValueType* Find(ICmTimerHandler* aEh) {
+        if (m_nCount == 0) {
+            return nullptr;
+        }
+        const size_t nPlace = PlaceOf(aEh);
+        return m_Entries[nPlace].m_pEh != nullptr ? &m_Entries[nPlace].m_Value : nullptr;
+    }
+
+    // Makes room for one more. Throws std::bad_alloc, having changed nothing.
+    void Reserve() {
+        if (CM_UNLIKELY(2 * (m_nCount + 1) > m_Entries.size())) {
+            Grow();
+        }
+    }
+
+    // There must be room, and no value of aEh.
+    void Insert(ICmTimerHandler* aEh, const ValueType& aValue) {
+        m_Entries[PlaceOf(aEh)] = Entry{aEh, aValue};
+        ++m_nCount;
+    }
+
+    // There must be a value of aEh.
+    void Erase(ICmTimerHandler* aEh) {
+        size_t nGap = PlaceOf(aEh);
+        // Entries behind the gap move into it, unless that were ahead of their own place.
+        for (size_t i = Next(nGap); m_Entries[i].m_pEh != nullptr; i = Next(i)) {
+            const size_t nHome = Home(m_Entries[i].m_pEh);
+            if (((i - nHome) & Mask()) >= ((i - nGap) & Mask())) {
+                m_Entries[nGap] = m_Entries[i];
+                nGap = i;
+            }
+        }
+        m_Entries[nGap].m_pEh = nullptr;
+        --m_nCount;
+    }
+
+  private:
+    static constexpr int LEAST_BITS = 4;  // of the number of entries
+
+    struct Entry {
+        ICmTimerHandler* m_pEh = nullptr;
+        ValueType m_Value{};
+    };
+
+    size_t Mask() const { return m_Entries.size() - 1; }
+    size_t Next(size_t aPlace) const { return (aPlace + 1) & Mask(); }
+    // The upper bits of the product depend on all bits of the address.
+    size_t Home(ICmTimerHandler* aEh) const {
+        return static_cast<size_t>(reinterpret_cast<uintptr_t>(aEh) * 0x9E3779B97F4A7C15 >>
+                                   (64 - m_nBits));
+    }
+    // Where aEh is, or where it would be put.
+    size_t PlaceOf(ICmTimerHandler* aEh) const {
+        size_t nPlace = Home(aEh);
+        while (m_Entries[nPlace].m_pEh != aEh && m_Entries[nPlace].m_pEh != nullptr) {
+            nPlace = Next(nPlace);
+        }
+        return nPlace;
+    }
+
+    void Grow() {
+        const int nBits = m_Entries.empty() ? LEAST_BITS : m_nBits + 1;
+        std::vector<Entry> entries(size_t{1} << nBits);
+        entries.swap(m_Entries);
+        m_nBits = nBits;
+        for (const Entry& entry : entries) {
+            if (entry.m_pEh != nullptr) {
+                m_Entries[PlaceOf(entry.m_pEh)] = entry;
+            }
+        }
+    }
+
+    std::vector<Entry> m_Entries;  // none or 2^m_nBits, at most half of them taken
+    size_t m_nCount = 0;
+    int m_nBits = 0;
 };
 
 // Allocator of the node-based containers of one timer queue: memory of an ended timer serves the

@@ -32,8 +32,9 @@ struct CCmTimerQueueCalendarSlotT {
 };
 
 // Scheduling and cancelling cost a look-up of the handler and a step through one slot, however
-// many timers are pending. Time passes only by TimerTick: the host calls it once per slot
-// interval, with a timer of its own. Everything runs on the thread of the event queue.
+// many timers are pending; a handler that had no timer is entered into an ordered map, too. Time
+// passes only by TimerTick: the host calls it once per slot interval, with a timer of its own.
+// Everything runs on the thread of the event queue.
 //
 // An interval is rounded up to whole slots, d of them; scheduled between ticks, the timer fires on
 // the tick that is d behind the next one. A periodic timer is re-armed from the tick that fired
@@ -93,6 +94,7 @@ class CM_UTIL_EXPORT CCmTimerQueueCalendar : public ICmTimerQueue, public ICmEve
     void RemoveUniqueEvent_i(ICmTimerHandler* aEh);
     CmResult PushEvent_i(CNode* aNode, CmResult aResult);
     void FireSlot_i(DWORD aSlot);
+    void Forget_i(CNode* aNode);
     CNode* NewNode_i();
     void FreeNode_i(CNode* aNode);
     void FreeChain_i(CNode*& aHead);
@@ -106,6 +108,7 @@ class CM_UTIL_EXPORT CCmTimerQueueCalendar : public ICmTimerQueue, public ICmEve
     CNode* m_pEvents;              // the timers with interval zero
     CNode::HandlersType m_Handlers;
     CCmRecyclingAllocatorT<CNode> m_NodeAllocator;
+    CCmTimerHandlerIndexT<CNode::HandlersType::iterator> m_Index;  // of m_Handlers
 };
 
 }  // namespace UTIL_NS

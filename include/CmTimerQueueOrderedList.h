@@ -8,9 +8,9 @@
 
 namespace UTIL_NS {
 
-// Scheduling and cancelling are linear in the number of pending timers, firing the next one is
-// not. Of timers due at the same time, the one scheduled or re-armed last fires first. The
-// destructor drops what is pending and calls no handler.
+// Scheduling walks the list from its nearer end to the timer's place; cancelling and firing take
+// the same time however many timers are pending. Of timers due at the same time, the one scheduled
+// or re-armed last fires first. The destructor drops what is pending and calls no handler.
 class CM_UTIL_EXPORT CCmTimerQueueOrderedList : public CCmTimerQueueBase {
   public:
     // Bound to the calling thread. aObserver: may be null, not owned.
@@ -28,7 +28,10 @@ class CM_UTIL_EXPORT CCmTimerQueueOrderedList : public CCmTimerQueueBase {
   private:
     typedef std::list<CNode, CCmRecyclingAllocatorT<CNode>> NodesType;
 
+    NodesType::iterator FindPlace_l(const CCmTimeValue& aExpired);
+
     NodesType m_Nodes;  // ascending m_tvExpired, handlers unique
+    CCmTimerHandlerIndexT<NodesType::iterator> m_Index;
 };
 
 }  // namespace UTIL_NS

@@ -250,6 +250,32 @@ TEST(CmTimerQueueOrderedListModel, BehavesLikeTheModel_OnRandomOperations) {
     }
 }
 
+TEST(CmTimerHandlerIndexT, FindsWhatWasInserted_ThroughGrowthAndErasure) {
+    constexpr int COUNT = 1000;
+    Firings log;
+    std::vector<std::unique_ptr<RecordingHandler>> handlers;
+    CCmTimerHandlerIndexT<int> index;
+    EXPECT_EQ(nullptr, index.Find(nullptr));
+    for (int i = 0; i < COUNT; ++i) {
+        handlers.push_back(std::make_unique<RecordingHandler>(i, log));
+        EXPECT_EQ(nullptr, index.Find(handlers[i].get()));
+        index.Reserve();
+        index.Insert(handlers[i].get(), i);
+    }
+    for (int i = 0; i < COUNT; i += 2) {
+        index.Erase(handlers[i].get());
+    }
+    for (int i = 0; i < COUNT; ++i) {
+        const int* pValue = index.Find(handlers[i].get());
+        if (i % 2 == 0) {
+            EXPECT_EQ(nullptr, pValue);
+        } else {
+            ASSERT_NE(nullptr, pValue);
+            EXPECT_EQ(i, *pValue);
+        }
+    }
+}
+
 TEST(CmRecyclingAllocatorT, HandsOutWhatWasGivenBack) {
     CCmRecyclingAllocatorT<CCmTimeValue> allocator;
     CCmTimeValue* pFirst = allocator.allocate(1);

@@ -88,8 +88,9 @@ CmResult CCmTimerQueueCalendar::ScheduleTimer(ICmTimerHandler* aEh, void* aToken
         return CM_ERROR_OUT_OF_MEMORY;
     }
     const bool bForWheel = aInterval != CCmTimeValue::s_tvZero;
-    auto itHandler = m_Handlers.lower_bound(aEh);
-    const bool bIsKnown = itHandler != m_Handlers.end() && itHandler->first == aEh;
+    const auto* pKnown = m_Index.Find(aEh);
+    const bool bIsKnown = pKnown != nullptr;
+    auto itHandler = bIsKnown ? *pKnown : m_Handlers.end();
     CNode* pNode = bIsKnown ? RemoveUniqueSlot_i(itHandler->second, aEh) : nullptr;
     const CmResult rv = pNode != nullptr ? CM_ERROR_FOUND : CM_OK;
     // Until all memory is there, nothing changes.
@@ -98,7 +99,9 @@ CmResult CCmTimerQueueCalendar::ScheduleTimer(ICmTimerHandler* aEh, void* aToken
             pNode = NewNode_i();
         }
         if (bForWheel && !bIsKnown) {
-            itHandler = m_Handlers.emplace_hint(itHandler, aEh, 0);
+            m_Index.Reserve();
+            itHandler = m_Handlers.emplace(aEh, 0).first;
+            m_Index.Insert(aEh, itHandler);
         }
     } catch (const std::bad_alloc&) {
         if (pNode != nullptr) {
@@ -162,17 +165,15 @@ CmResult CCmTimerQueueCalendar::CancelTimer(ICmTimerHandler* aEh) {
     if (pNode == nullptr) {
         return CM_ERROR_NOT_FOUND;
     }
-    m_Handlers.erase(pNode->m_itHandler);
-    FreeNode_i(pNode);
+    Forget_i(pNode);
     return CM_OK;
 }
 
 // Takes the handler's node out of the wheel. A handler that the wheel does not know loses its
 // node in the event chain instead; then, too, the result is null.
 CCmTimerQueueCalendar::CNode* CCmTimerQueueCalendar::RemoveUniqueHandler_i(ICmTimerHandler* aEh) {
-    const auto itHandler = m_Handlers.find(aEh);
-    if (itHandler != m_Handlers.end()) {
-        return RemoveUniqueSlot_i(itHandler->second, aEh);
+    if (const auto* pKnown = m_Index.Find(aEh)) {
+        return RemoveUniqueSlot_i((*pKnown)->second, aEh);
     }
     RemoveUniqueEvent_i(aEh);
     return nullptr;
@@ -210,8 +211,7 @@ void CCmTimerQueueCalendar::FireSlot_i(DWORD aSlot) {
         ICmTimerHandler* pEh = pNode->m_pEh;
         void* pToken = pNode->m_pToken;
         if (--pNode->m_dwCount == 0) {
-            m_Handlers.erase(pNode->m_itHandler);
-            FreeNode_i(pNode);
+            Forget_i(pNode);
         } else {
             InsertUnique_i(pNode->m_tvInterval, pNode);
         }
@@ -233,6 +233,13 @@ CmResult CCmTimerQueueCalendar::OnEventFire() {
 }
 
 void CCmTimerQueueCalendar::OnDestorySelf() {}
+
+// Ends a timer that has left the wheel.
+void CCmTimerQueueCalendar::Forget_i(CNode* aNode) {
+    m_Index.Erase(aNode->m_pEh);
+    m_Handlers.erase(aNode->m_itHandler);
+    FreeNode_i(aNode);
+}
 
 CCmTimerQueueCalendar::CNode* CCmTimerQueueCalendar::NewNode_i() {
     return new (m_NodeAllocator.allocate(1)) CNode();

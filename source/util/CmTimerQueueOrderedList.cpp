@@ -1,5 +1,7 @@
 #include "CmTimerQueueOrderedList.h"
 
+#include <iterator>
+
 #include "CmTrace.h"
 
 namespace UTIL_NS {
@@ -10,49 +12,55 @@ CCmTimerQueueOrderedList::CCmTimerQueueOrderedList(ICmObserver* aObserver)
 CCmTimerQueueOrderedList::~CCmTimerQueueOrderedList() = default;
 
 int CCmTimerQueueOrderedList::PushNode_l(const CNode& aNode) {
-    NodesType::iterator itPlace = m_Nodes.end();
-    NodesType::iterator itOld = m_Nodes.end();
-    for (auto it = m_Nodes.begin(); it != m_Nodes.end(); ++it) {
-        if (it->m_pEh == aNode.m_pEh) {
-            itOld = it;
-        } else if (itPlace == m_Nodes.end() && it->m_tvExpired >= aNode.m_tvExpired) {
-            itPlace = it;
+    if (const NodesType::iterator* pPlace = m_Index.Find(aNode.m_pEh)) {
+        NodesType node;
+        node.splice(node.end(), m_Nodes, *pPlace);
+        node.front() = aNode;
+        m_Nodes.splice(FindPlace_l(aNode.m_tvExpired), node);
+        return 1;
+    }
+    m_Index.Reserve();
+    m_Index.Insert(aNode.m_pEh, m_Nodes.insert(FindPlace_l(aNode.m_tvExpired), aNode));
+    return 0;
+}
+
+// The first node that is not due before aExpired; looked for from both ends at once.
+CCmTimerQueueOrderedList::NodesType::iterator CCmTimerQueueOrderedList::FindPlace_l(
+    const CCmTimeValue& aExpired) {
+    auto itFront = m_Nodes.begin();
+    auto itBack = m_Nodes.end();
+    while (itFront != itBack) {
+        if (itFront->m_tvExpired >= aExpired) {
+            return itFront;
         }
-        if (itOld != m_Nodes.end() && itPlace != m_Nodes.end()) {
+        ++itFront;
+        if (itFront == itBack || std::prev(itBack)->m_tvExpired < aExpired) {
             break;
         }
+        --itBack;
     }
-    if (itOld == m_Nodes.end()) {
-        m_Nodes.insert(itPlace, aNode);
-        return 0;
-    }
-    *itOld = aNode;
-    m_Nodes.splice(itPlace, m_Nodes, itOld);
-    return 1;
+    return itBack;
 }
 
 int CCmTimerQueueOrderedList::EraseNode_l(ICmTimerHandler* aEh) {
-    for (auto it = m_Nodes.begin(); it != m_Nodes.end(); ++it) {
-        if (it->m_pEh == aEh) {
-            m_Nodes.erase(it);
-            return 0;
-        }
+    const NodesType::iterator* pPlace = m_Index.Find(aEh);
+    if (pPlace == nullptr) {
+        return 1;
     }
-    return 1;
+    m_Nodes.erase(*pPlace);
+    m_Index.Erase(aEh);
+    return 0;
 }
 
 int CCmTimerQueueOrderedList::RePushNode_l(const CNode& aNode) {
-    auto it = m_Nodes.begin();
-    while (it != m_Nodes.end() && it->m_tvExpired < aNode.m_tvExpired) {
-        ++it;
-    }
-    m_Nodes.insert(it, aNode);
+    m_Index.Insert(aNode.m_pEh, m_Nodes.insert(FindPlace_l(aNode.m_tvExpired), aNode));
     return 0;
 }
 
 int CCmTimerQueueOrderedList::PopFirstNode_l(CNode& aNode) {
     CM_ASSERTE_RETURN_LINE(!m_Nodes.empty(), -1, 35);
     aNode = m_Nodes.front();
+    m_Index.Erase(aNode.m_pEh);
     m_Nodes.pop_front();
     return 0;
 }
