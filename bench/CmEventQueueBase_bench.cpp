@@ -77,13 +77,14 @@ class AddTask : public Task {
 
 // Each worker below has one thread that runs what Post hands it.
 
-class Kelto {
+template <bool WITH_TIMERS>
+class KeltoWorker {
   public:
-    Kelto() {
-        Check(CreateUserTaskThread(&m_pThread, TF_JOINABLE, true, 1) == CM_OK, "worker");
+    KeltoWorker() {
+        Check(CreateUserTaskThread(&m_pThread, TF_JOINABLE, WITH_TIMERS, 1) == CM_OK, "worker");
         m_pQueue = m_pThread->GetEventQueue();
     }
-    ~Kelto() {
+    ~KeltoWorker() {
         m_pThread->Stop();
         m_pThread->Join();
         m_pThread->Destory(CM_OK);
@@ -124,6 +125,9 @@ class Kelto {
     ACmThread* m_pThread = nullptr;
     ICmEventQueue* m_pQueue = nullptr;
 };
+
+typedef KeltoWorker<false> Kelto;
+typedef KeltoWorker<true> KeltoWithTimers;
 
 #if KELTO_WITH_LIBUV
 // A list under a mutex, and a wake-up of the loop.
@@ -377,6 +381,7 @@ void AddPostRow(const char* aArea, const std::string& aWork, int aPosters, bool 
 
 void AddPostRows(const char* aArea, const std::string& aWork, int aPosters, bool aTwoCores) {
     AddPostRow<Kelto>(aArea, aWork, aPosters, aTwoCores, OURS);
+    AddPostRow<KeltoWithTimers>(aArea, aWork, aPosters, aTwoCores, "variant: with a timer queue");
 #if KELTO_WITH_LIBUV
     AddPostRow<Libuv>(aArea, aWork, aPosters, aTwoCores, "libuv, list + async");
 #endif

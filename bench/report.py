@@ -12,7 +12,7 @@ import statistics
 import sys
 
 OURS = "kelto_util"
-NOT_PEERS = ("floor:", "limit:")
+NOT_PEERS = ("floor:", "limit:", "variant:")
 
 # Our time over that of the best peer; at most.
 TARGETS = {
