@@ -818,6 +818,8 @@ TEST(CmThreadTask, TakesEverythingAtOnce_WhenItHasNoTimerQueue) {
         pThread->GetEventQueue()->PostEvent(new LoggedEvent(log, i), NORMAL);
     }
     bGo = true;
+    // The stop event must not be pending among them.
+    EXPECT_TRUE(Eventually([&] { return log.fired().size() == 31; }));
     EndJoinable(pThread);
     EXPECT_EQ(0u, dwPending);
     EXPECT_EQ(31u, log.fired().size());
