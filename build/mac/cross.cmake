@@ -11,6 +11,6 @@ set(CMAKE_OSX_SYSROOT "" CACHE STRING "")
 set(CMAKE_OSX_DEPLOYMENT_TARGET 10.13 CACHE STRING "")
 set(CMAKE_CXX_FLAGS_INIT "-fno-sanitize=undefined")
 set(CMAKE_SHARED_LINKER_FLAGS_INIT
-  "-F${CMAKE_CURRENT_LIST_DIR}/stubs -nostdlib++ ${CMAKE_CURRENT_LIST_DIR}/../../out/mac-tools/libc++.tbd")
+  "\"-F${CMAKE_CURRENT_LIST_DIR}/stubs\" -nostdlib++ \"${CMAKE_CURRENT_LIST_DIR}/../../out/mac-tools/libc++.tbd\"")
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(KELTO_TOOLCHAIN_SOURCES "${CMAKE_CURRENT_LIST_DIR}/cpu_model.cpp")

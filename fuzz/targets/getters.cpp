@@ -14,14 +14,16 @@ namespace {
 
 constexpr size_t VALUE_MAX = 255;
 
-// What the file says, cut and without a ";" at its end; "(none)" also for an empty value.
+const std::string NONE = "\n";  // no value can hold a line end
+
+// What the file says, cut and without a ";" at its end; NONE also for an empty value.
 std::string Expected(const std::string& aContent, const std::string& aKey) {
-    std::string sValue =
-        kelto_test::ModelFind(kelto_test::ModelRecords(aContent), "s", aKey).substr(0, VALUE_MAX);
+    std::string sValue = kelto_test::ModelFind(kelto_test::ModelRecords(aContent), "s", aKey, NONE)
+                             .substr(0, VALUE_MAX);
     if (sValue.empty()) {
-        return "(none)";
+        return NONE;
     }
-    if (sValue != "(none)" && sValue.back() == ';') {
+    if (sValue.back() == ';') {
         sValue.pop_back();
     }
     return sValue;
@@ -41,7 +43,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* aData, size_t aSize) {
     const std::string sContent = input.Rest();
     file.SetContent(sContent);
     const std::string sExpected = Expected(sContent, "k");
-    const bool bFound = sExpected != "(none)";
+    const bool bFound = sExpected != NONE;
 
     char szValue[VALUE_MAX + 1];
     Require(get_string_param("s", "k", szValue, sizeof(szValue)) == (bFound ? 1 : 0), "found");
@@ -58,7 +60,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* aData, size_t aSize) {
     Require(get_bool_param("s", "k", 2) == (bFound ? IsTrue(sExpected) : 2), "bool");
 
     CCmConfigInitFile config;
-    Require(config.GetStringParam("s", "k", "(none)") == sExpected, "string of the object");
+    Require(config.GetStringParam("s", "k", NONE) == sExpected, "string of the object");
     config.GetIntParam("s", "k", 7);
     config.GetDwordParam("s", "k", 7);
     config.GetWordParam("s", "k", 7);

@@ -1,6 +1,7 @@
 #include "support/ProfileModel.h"
 
 #include <algorithm>
+#include <cstring>
 
 namespace kelto_test {
 
@@ -28,7 +29,7 @@ std::vector<std::string> ModelLines(const std::string& aContent) {
         lines.back() += ch;
     }
     for (std::string& sLine : lines) {
-        sLine = sLine.c_str();
+        sLine.resize(std::strlen(sLine.c_str()));  // what a reader of text sees of it
     }
     return lines;
 }
@@ -64,7 +65,7 @@ std::vector<ModelRecord> ModelRecords(const std::string& aContent) {
 }
 
 std::string ModelFind(const std::vector<ModelRecord>& aRecords, const std::string& aSection,
-                      const std::string& aKey) {
+                      const std::string& aKey, const std::string& aNone) {
     auto it = std::find_if(aRecords.begin(), aRecords.end(), [&](const ModelRecord& record) {
         return record.header && record.name == ModelLower(aSection);
     });
@@ -73,7 +74,7 @@ std::string ModelFind(const std::vector<ModelRecord>& aRecords, const std::strin
             return it->value;
         }
     }
-    return "(none)";
+    return aNone;
 }
 
 }  // namespace kelto_test

@@ -16,9 +16,9 @@ struct ModelRecord {
 // The whole profile is taken apart first, and asked afterwards.
 std::vector<ModelRecord> ModelRecords(const std::string& aContent);
 
-// "(none)" when the key is not found.
+// aNone when the key is not found.
 std::string ModelFind(const std::vector<ModelRecord>& aRecords, const std::string& aSection,
-                      const std::string& aKey);
+                      const std::string& aKey, const std::string& aNone = "(none)");
 
 }  // namespace kelto_test
 

@@ -443,7 +443,7 @@ std::string RunOrderedListModel(const uint8_t* aData, size_t aSize) {
 
 std::string RunCalendarModel(const uint8_t* aData, size_t aSize, int& aClamped) {
     CalendarRun run(aData, aSize);
-    const std::string sError = RunToTheEnd(run);
+    std::string sError = RunToTheEnd(run);
     aClamped += run.clamped();
     return sError;
 }
