@@ -187,6 +187,12 @@ TEST_F(CmTimerQueueOrderedList, Primitives_ReturnWhatTheyDid) {
     EXPECT_EQ(1, list.EraseNode_l(m_handlers[0].get()));
 }
 
+TEST_F(CmTimerQueueOrderedList, RePushNode_TakesANodeIntoANewList) {
+    OpenList list;
+    EXPECT_EQ(0, list.RePushNode_l(OpenList::Node(m_handlers[0].get(), 10)));
+    EXPECT_EQ(0, list.EraseNode_l(m_handlers[0].get()));
+}
+
 TEST_F(CmTimerQueueOrderedList, Allocation_FailureChangesNothing) {
     Schedule(0, 10);
     {

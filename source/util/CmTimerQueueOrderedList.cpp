@@ -53,6 +53,7 @@ int CCmTimerQueueOrderedList::EraseNode_l(ICmTimerHandler* aEh) {
 }
 
 int CCmTimerQueueOrderedList::RePushNode_l(const CNode& aNode) {
+    m_Index.Reserve();  // allocates nothing behind a pop
     m_Index.Insert(aNode.m_pEh, m_Nodes.insert(FindPlace_l(aNode.m_tvExpired), aNode));
     return 0;
 }
