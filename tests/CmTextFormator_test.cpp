@@ -104,6 +104,18 @@ TEST_F(CmTextFormator, Decimal_EqualsTheSystemsPrinting) {
     }
 }
 
+TEST_F(CmTextFormator, Hex_EqualsTheSystemsPrinting) {
+    std::mt19937_64 random(2);
+    for (int i = 0; i < 20000; ++i) {
+        const unsigned long ulValue = random() >> (random() % 64);
+        char achExpected[32];
+        std::snprintf(achExpected, sizeof(achExpected), "%lx", ulValue);
+        m_formator.reset();
+        m_formator << CCmT120Trace::ORDIX_HEX << ulValue;
+        ASSERT_EQ(achExpected, Text());
+    }
+}
+
 TEST_F(CmTextFormator, Hex_PrintsEveryIntegerType) {
     m_formator << HEX << 255 << " " << HEX << -1 << " " << HEX << 0xABCDEFu << " " << HEX << -1L
                << " " << HEX << 0x123456789ABCDEF0UL << " " << HEX << 0;
@@ -214,6 +226,16 @@ TEST_F(CmTextFormator, Append_CutsANumberAtTheEnd) {
     m_formator << std::string(1950, 'x') << 12345 << 678 << "y";
     EXPECT_EQ(1952u, m_formator.tell());
     EXPECT_EQ("xx12", Text().substr(1948));
+}
+
+TEST_F(CmTextFormator, Append_CutsANumberWhereverItMeetsTheEnd) {
+    for (size_t nRoom = 0; nRoom <= 100; ++nRoom) {
+        m_formator.reset();
+        m_formator << std::string(1952 - nRoom, 'x') << LONG_MIN;
+        EXPECT_EQ(std::string("-9223372036854775808").substr(0, nRoom),
+                  Text().substr(1952 - nRoom));
+        EXPECT_EQ(std::string(96, '\0'), std::string(m_achBuffer + 1952, 96));
+    }
 }
 
 TEST_F(CmTextFormator, Append_TakesNothingIn96BytesOrFewer) {

@@ -12,48 +12,63 @@ constexpr unsigned long RESERVED_TAIL = 96;  // bytes at the end of a buffer, ne
 constexpr unsigned long NUMBER_SIZE = 65;    // bytes: any integer, sign and terminator
 constexpr unsigned long DOUBLE_SIZE = 512;   // bytes: "%f" of the largest double is 317
 
-// "00" to "99".
-constexpr char DIGIT_PAIRS[] =
-    "00010203040506070809"
-    "10111213141516171819"
-    "20212223242526272829"
-    "30313233343536373839"
-    "40414243444546474849"
-    "50515253545556575859"
-    "60616263646566676869"
-    "70717273747576777879"
-    "80818283848586878889"
-    "90919293949596979899";
-
 template <typename T>
 unsigned long Magnitude(T aValue) {
     return aValue < 0 ? 0UL - static_cast<unsigned long>(aValue)
                       : static_cast<unsigned long>(aValue);
 }
 
-// Writes backward from aEnd, returns the first digit.
-char* FormatHex(unsigned long aValue, char* aEnd) {
-    do {
-        *--aEnd = "0123456789abcdef"[aValue & 0xF];
-        aValue >>= 4;
-    } while (aValue != 0);
-    return aEnd;
+// All texts of two digits: "00" to "99" or "ff".
+template <unsigned Base>
+struct DigitPairs {
+    char text[Base * Base][2];
+};
+
+template <unsigned Base>
+constexpr DigitPairs<Base> MakeDigitPairs() {
+    constexpr char DIGITS[] = "0123456789abcdef";
+    DigitPairs<Base> pairs = {};
+    for (unsigned i = 0; i < Base * Base; ++i) {
+        pairs.text[i][0] = DIGITS[i / Base];
+        pairs.text[i][1] = DIGITS[i % Base];
+    }
+    return pairs;
 }
 
-// Two digits per division.
-char* FormatDecimal(unsigned long aValue, char* aEnd) {
-    while (aValue >= 100) {
-        aEnd -= 2;
-        std::memcpy(aEnd, &DIGIT_PAIRS[aValue % 100 * 2], 2);
-        aValue /= 100;
+template <unsigned Base>
+constexpr DigitPairs<Base> DIGIT_PAIRS = MakeDigitPairs<Base>();
+
+template <unsigned Base>
+size_t CountDigits(unsigned long aValue) {
+    size_t nDigits = 1;
+    for (; aValue >= Base * Base * Base * Base; aValue /= Base * Base * Base * Base) {
+        nDigits += 4;
     }
-    if (aValue >= 10) {
-        aEnd -= 2;
-        std::memcpy(aEnd, &DIGIT_PAIRS[aValue * 2], 2);
-    } else {
-        *--aEnd = static_cast<char>('0' + aValue);
+    return nDigits + (aValue >= Base) + (aValue >= Base * Base) + (aValue >= Base * Base * Base);
+}
+
+// Two digits per division; returns how many there are.
+template <unsigned Base>
+size_t FormatDigits(unsigned long aValue, char* aText) {
+    const size_t nDigits = CountDigits<Base>(aValue);
+    char* pEnd = aText + nDigits;
+    for (; aValue >= Base; aValue /= Base * Base) {
+        pEnd -= 2;
+        std::memcpy(pEnd, DIGIT_PAIRS<Base>.text[aValue % (Base * Base)], 2);
     }
-    return aEnd;
+    if (pEnd != aText) {
+        *aText = DIGIT_PAIRS<Base>.text[aValue][1];
+    }
+    return nDigits;
+}
+
+size_t FormatNumber(unsigned long aMagnitude, bool aNegative, bool aHex, char* aText) {
+    if (aHex) {
+        return FormatDigits<16>(aMagnitude, aText);
+    }
+    *aText = '-';
+    const size_t nSign = aNegative ? 1 : 0;
+    return nSign + FormatDigits<10>(aMagnitude, aText + nSign);
 }
 
 }  // namespace
@@ -174,15 +189,17 @@ void CCmT120Trace::Text_Formator::advance(const char* aText, unsigned long aLeng
     m_ulPosition += ulCount;
 }
 
+// A number goes straight into the buffer unless it might not fit: a text made of small stores is
+// slow to copy while these are still on their way to the cache.
 void CCmT120Trace::Text_Formator::append_number(unsigned long aMagnitude, bool aNegative) {
-    char achNumber[NUMBER_SIZE];
-    char* pEnd = achNumber + sizeof(achNumber);
-    char* pText = m_bHex ? FormatHex(aMagnitude, pEnd) : FormatDecimal(aMagnitude, pEnd);
-    if (aNegative) {
-        *--pText = '-';
-    }
+    const bool bHex = m_bHex != 0;
     m_bHex = 0;
-    advance(pText, static_cast<unsigned long>(pEnd - pText));
+    if (m_ulPosition + NUMBER_SIZE + RESERVED_TAIL <= m_ulSize) {
+        m_ulPosition += FormatNumber(aMagnitude, aNegative, bHex, m_pBuffer + m_ulPosition);
+        return;
+    }
+    char achNumber[NUMBER_SIZE];
+    advance(achNumber, FormatNumber(aMagnitude, aNegative, bHex, achNumber));
 }
 
 }  // namespace UTIL_NS
