@@ -20,6 +20,22 @@ std::string_view Unquoted(std::string_view aValue) {
     return bQuoted ? CmTrimmed(aValue.substr(1, aValue.size() - 2)) : aValue;
 }
 
+// The first aChar of a text, or its end.
+const char* Find(char aChar, const char* aStart, const char* aEnd) {
+    const void* pFound = memchr(aStart, aChar, static_cast<size_t>(aEnd - aStart));
+    return pFound != nullptr ? static_cast<const char*>(pFound) : aEnd;
+}
+
+// Whether a text, but for blanks behind it, ends with aKey. A "=" behind another text is that of
+// no line with the key.
+bool EndsWithKey(const char* aStart, const char* aEnd, std::string_view aKey) {
+    while (aEnd != aStart && CmIsProfileBlank(aEnd[-1])) {
+        --aEnd;
+    }
+    return static_cast<size_t>(aEnd - aStart) >= aKey.size() &&
+           CmEqualsIgnoringCase(std::string_view(aEnd - aKey.size(), aKey.size()), aKey);
+}
+
 int OpenForReading(const char* aPath) {
     int nFile;
     do {
@@ -130,17 +146,29 @@ bool CCmFileLines::Next(std::string_view& aLine) {
 }
 
 bool CCmFileLines::SkipToBracket() {
+    return SkipTo([](const char* aStart, const char* aEnd) { return Find('[', aStart, aEnd); });
+}
+
+bool CCmFileLines::SkipToBracketOrKey(std::string_view aKey) {
+    return SkipTo([aKey](const char* aStart, const char* aEnd) {
+        const char* const pBracket = Find('[', aStart, aEnd);
+        const char* pEqual = Find('=', aStart, pBracket);
+        while (pEqual != pBracket && !EndsWithKey(aStart, pEqual, aKey)) {
+            pEqual = Find('=', pEqual + 1, pBracket);
+        }
+        return pEqual;
+    });
+}
+
+// Skips the lines in front of what aFind finds; it is given the text that has been read.
+template <class Find>
+bool CCmFileLines::SkipTo(Find aFind) {
     for (;;) {
-        const size_t nLeft = static_cast<size_t>(m_pEnd - m_pNext);
-        const void* const pBracket = memchr(m_pNext, '[', nLeft);
-        if (pBracket != nullptr) {
-            m_pNext = LineOf(static_cast<const char*>(pBracket));
-            return true;
+        const char* const pFound = aFind(m_pNext, m_pEnd);
+        m_pNext = LineOf(pFound);
+        if (pFound != m_pEnd || m_bEnd) {
+            return pFound != m_pEnd;
         }
-        if (m_bEnd) {
-            return false;
-        }
-        m_pNext = LineOf(m_pEnd);
         Refill();
     }
 }

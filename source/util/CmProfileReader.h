@@ -27,8 +27,9 @@ class CCmProfileSearch {
     // aLine: with or without its line end; a NUL ends what is seen of it.
     Step Examine(std::string_view aLine);
 
-    // While outside, only a section header changes anything.
+    // While outside, only a section header changes anything; inside, also a line with the key.
     bool inside() const { return m_bInside; }
+    std::string_view key() const { return m_key; }
     // Behind FOUND: trimmed and without its quotes; a part of the line examined last.
     std::string_view value() const { return m_value; }
 
@@ -48,6 +49,7 @@ class CCmStreamLines {
 
     bool Next(std::string_view& aLine);
     bool SkipToBracket() { return true; }
+    bool SkipToBracketOrKey(std::string_view) { return true; }
 
   private:
     FILE* const m_pFile;
@@ -66,8 +68,12 @@ class CCmFileLines {
     bool Next(std::string_view& aLine);
     // Skips lines without a "[". False when only such lines are left.
     bool SkipToBracket();
+    // Skips lines that have neither a "[" nor, in front of a "=", the key.
+    bool SkipToBracketOrKey(std::string_view aKey);
 
   private:
+    template <class Find>
+    bool SkipTo(Find aFind);
     const char* LineOf(const char* aPosition) const;
     void Refill();
 
@@ -86,7 +92,8 @@ class CCmFileLines {
 template <class Lines>
 bool CmFindInProfile(Lines& aLines, CCmProfileSearch& aSearch) {
     std::string_view line;
-    while ((aSearch.inside() || aLines.SkipToBracket()) && aLines.Next(line)) {
+    while ((aSearch.inside() ? aLines.SkipToBracketOrKey(aSearch.key()) : aLines.SkipToBracket()) &&
+           aLines.Next(line)) {
         const CCmProfileSearch::Step step = aSearch.Examine(line);
         if (step != CCmProfileSearch::Step::GO_ON) {
             return step == CCmProfileSearch::Step::FOUND;
