@@ -173,6 +173,16 @@ TEST(CmLogStream, LevelFunction_FormatsWhole_AroundTheStackBuffer) {
     }
 }
 
+TEST(CmLogStream, LevelFunction_DeliversUpToTheFirstNul) {
+    for (size_t nBehind : {1u, 1100u, 3000u, 131072u}) {
+        ScopedTraceLibrary library;
+        ccu_trace_info("net", "ab%c%s", 0, TextOfLength(nBehind).c_str());
+        ASSERT_EQ(1u, library.calls().size()) << nBehind;
+        EXPECT_FALSE(library.calls()[0].prefixed) << nBehind;
+        EXPECT_EQ("ab", library.calls()[0].text) << nBehind;
+    }
+}
+
 TEST(CmLogStream, LevelFunction_AllocatesNothingForADroppedLine) {
     ScopedTraceLibrary library;
     library.SetThreshold(3);

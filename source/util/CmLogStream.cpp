@@ -96,10 +96,11 @@ void DeliverLong(const char* aModule, const char* aFormat, va_list aArguments, s
         return;
     }
     std::vsnprintf(pchText, nSize, aFormat, aArguments);
-    DeliverAsStream(aModule, pchText, nSize - 1);
+    DeliverAsStream(aModule, pchText, std::strlen(pchText));
     std::free(pchText);
 }
 
+// A NUL that a "%c" put in ends the text.
 void DeliverFormatted(const char* aModule, const char* aFormat, va_list aArguments) {
     va_list arguments;
     va_copy(arguments, aArguments);
@@ -109,7 +110,7 @@ void DeliverFormatted(const char* aModule, const char* aFormat, va_list aArgumen
     if (nLength < 0) {
         DeliverAsStream(aModule, "", 0);
     } else if (static_cast<size_t>(nLength) < sizeof(achText)) {
-        DeliverAsStream(aModule, achText, static_cast<size_t>(nLength));
+        DeliverAsStream(aModule, achText, std::strlen(achText));
     } else {
         DeliverLong(aModule, aFormat, aArguments, static_cast<size_t>(nLength));
     }
