@@ -758,6 +758,7 @@ TEST_F(CmConfigHome, HomeWithoutTerminator_EndsWithItsArray) {
 TEST_F(CmConfigHome, PathThatDoesNotFit_IsEmpty) {
     set_kelto_config_file_name(CCmString(512 - 1 - 10, 'n'));
     EXPECT_EQ("/tmp/conf/" + std::string(501, 'n'), PathWithHome("/tmp"));
+    EXPECT_EQ("/tmp/conf/" + std::string(501, 'n'), PathWithHome("/tmp/"));
     set_kelto_config_file_name(CCmString(512 - 10, 'n'));
     EXPECT_EQ("", PathWithHome("/tmp"));
     EXPECT_EQ("", PathWithHome("/tmp/"));

@@ -243,14 +243,13 @@ void get_config_file_name(char* aBuffer) {
     const std::string_view home(g_def_kelto_home_dir,
                                 strnlen(g_def_kelto_home_dir, sizeof(g_def_kelto_home_dir)));
     const std::string_view name = ConfigFileName();
+    const std::string_view slash = home.empty() || home.back() != '/' ? "/" : "";
     aBuffer[0] = '\0';
-    if (home.size() + 1 + DIRECTORY.size() + name.size() >= CM_CONFIG_PATH_SIZE) {
+    if (home.size() + slash.size() + DIRECTORY.size() + name.size() >= CM_CONFIG_PATH_SIZE) {
         return;
     }
     char* pEnd = aBuffer + CopyBounded(aBuffer, home.size(), home);
-    if (home.empty() || home.back() != '/') {
-        *pEnd++ = '/';
-    }
+    pEnd += CopyBounded(pEnd, slash.size(), slash);
     pEnd += CopyBounded(pEnd, DIRECTORY.size(), DIRECTORY);
     pEnd += CopyBounded(pEnd, name.size(), name);
     *pEnd = '\0';
