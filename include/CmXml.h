@@ -16,7 +16,7 @@ namespace UTIL_NS {
 
 // Writes the value into aOut, of at least aMax + 1 bytes, and returns aOut. When the element is
 // missing or unclosed, or its value longer than aMax characters, returns aDefault with aOut
-// untouched. An empty element is an empty value.
+// untouched. An empty element is an empty value. aOut may lie in the document.
 CM_UTIL_EXPORT char* get_string_from_XML(char* aXml, const char* aTag, int aMax, char* aOut,
                                          char* aDefault);
 CM_UTIL_EXPORT char* xml_get_string(char* aXml, const char* aTag, unsigned short aMax, char* aOut,
@@ -31,8 +31,8 @@ CM_UTIL_EXPORT unsigned long xml_get_int32(char* aXml, const char* aTag, unsigne
 CM_UTIL_EXPORT unsigned short xml_get_uint16(char* aXml, const char* aTag, unsigned short aDefault);
 CM_UTIL_EXPORT unsigned short xml_get_int16(char* aXml, const char* aTag, unsigned short aDefault);
 
-// At most 256 characters. A value that is found passes through single precision, so 0.1 comes
-// back as the nearest float.
+// At most 256 characters, with the decimal point of the host's locale. A value that is found
+// passes through single precision, so 0.1 comes back as the nearest float.
 CM_UTIL_EXPORT double get_double_from_XML(char* aXml, const char* aTag, double aDefault);
 
 }  // namespace UTIL_NS

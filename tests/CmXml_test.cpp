@@ -56,6 +56,15 @@ TEST(CmXmlString, EmptyElement_IsAnEmptyText) {
     EXPECT_EQ("", StringOf("<a> \n </a>", "a"));
 }
 
+TEST(CmXmlString, Value_MayReplaceItsDocument) {
+    char achXml[] = "<a>some text</a>";
+    EXPECT_EQ(achXml, get_string_from_XML(achXml, "a", 16, achXml, s_szDefault));
+    EXPECT_STREQ("some text", achXml);
+    char achOther[] = "<a>some text</a>";
+    EXPECT_EQ(achOther + 1, xml_get_string(achOther, "a", 16, achOther + 1, s_szDefault));
+    EXPECT_STREQ("<some text", achOther);
+}
+
 TEST(CmXmlString, FirstOpeningTag_Counts) {
     EXPECT_EQ("1", StringOf("<r><a>1</a><a>2</a></r>", "a"));
 }

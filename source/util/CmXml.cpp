@@ -58,7 +58,7 @@ bool CopyValue(const char* aXml, const char* aTag, size_t aMax, char* aOut) {
     if (aOut == nullptr || !FindValue(aXml, aTag, pValue, nLength) || nLength > aMax) {
         return false;
     }
-    memcpy(aOut, pValue, nLength);
+    memmove(aOut, pValue, nLength);
     aOut[nLength] = '\0';
     return true;
 }
