@@ -122,6 +122,9 @@ TEST_F(CmPortLinuxParentPath, PathThatDoesNotFit_IsAFailure) {
 TEST_F(CmPortLinuxParentPath, UnknownExecutable_IsAFailure) {
     EXPECT_EQ(0, Get("", 64));
     EXPECT_EQ(0, Get(("/" + std::string(5000, 'x')).c_str(), 64));
+    // As the kernel names a file that no path leads to.
+    EXPECT_EQ(0, Get("(unreachable)/agent", 64));
+    EXPECT_EQ(0, Get("agent", 64));
 }
 
 const char* s_pModule = nullptr;

@@ -105,11 +105,12 @@ size_t CmPortExecutableName(uint16_t (&aUnits)[CM_PORT_NAME_UNITS]) {
     return ExecutablePath(szPath) ? Utf16FromUtf8(LastComponent(szPath), aUnits) : 0;
 }
 
-// Four directories up from the executable's file; "/" is its own parent.
+// Four directories up from the executable's file; "/" is its own parent. The kernel's name of a
+// file that no path leads to does not start with it.
 bool CmPortApplicationParentPath(char* aBuffer, size_t aSize) {
     constexpr int LEVELS = 4;
     char szPath[PATH_SIZE];
-    if (!ExecutablePath(szPath)) {
+    if (!ExecutablePath(szPath) || szPath[0] != '/') {
         return false;
     }
     for (int i = 0; i < LEVELS; ++i) {
