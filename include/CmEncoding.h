@@ -18,7 +18,7 @@ CM_UTIL_EXPORT void CM_Base64Encode(const void* aIn, unsigned long aLen, UTIL_NS
 // Sets aOut to the bytes that the NUL-terminated text aIn stands for. Leading blanks and tabs are
 // skipped; decoding ends silently at the first character outside the alphabet ('=' and line ends
 // included), and padding may be missing. A single character of value v left over at the end
-// gives the byte v * 4 + 4, and a second byte (the upper four bits of w) when the character two
+// gives the byte v * 4 | 4, and a second byte (the upper four bits of w) when the character two
 // places behind it is in the alphabet, with the value w. Null aIn or no memory: aOut is empty.
 // The text may be that of aOut itself.
 CM_UTIL_EXPORT void CM_Base64Decode(const char* aIn, UTIL_NS::CCmString& aOut);

@@ -237,6 +237,7 @@ TEST(CmBase64String, DecodesUpToTheFirstInvalidCharacter) {
 
 TEST(CmBase64String, GivesFilledByte_ForSingleCharacter) {
     EXPECT_EQ(Decoded("A"), "\x04");
+    EXPECT_EQ(Decoded("B"), "\x04");
     EXPECT_EQ(Decoded("Q"), "\x44");
     EXPECT_EQ(Decoded("aGlqQ"), "hij\x44");
     EXPECT_EQ(Decoded("Q="), "\x44");
