@@ -1,8 +1,8 @@
 // The tables and inner loops of the base64 codecs; internal.
 //
-// Both directions have several roads: a scalar one that runs everywhere and vector ones for
-// processors that have the instructions. All give the same bytes; CmBase64Encode and
-// CmBase64Decode take the widest that the processor and the length allow.
+// Both directions have several roads: a scalar one that runs everywhere and vector ones, in
+// port/CmBase64Vector.cpp, for processors that have the instructions. All give the same bytes;
+// CmBase64Encode and CmBase64Decode take the widest that the processor and the length allow.
 #ifndef CM_BASE64_H
 #define CM_BASE64_H
 
@@ -52,9 +52,15 @@ size_t CmBase64Decode(const unsigned char* aIn, size_t aLen, unsigned char* aOut
 // how many bytes (a multiple of 3) or characters (of 4) that is. It reads only within aLen and
 // writes only what belongs to the groups that it consumed.
 size_t CmBase64EncodeScalar(const unsigned char* aIn, size_t aLen, char* aOut);
+size_t CmBase64DecodeScalar(const unsigned char* aIn, size_t aLen, unsigned char* aOut);
+
+// By the widest vectors that the processor has, if it has any that serve; else nothing is consumed.
+size_t CmBase64EncodeByVector(const unsigned char* aIn, size_t aLen, char* aOut);
+size_t CmBase64DecodeByVector(const unsigned char* aIn, size_t aLen, unsigned char* aOut);
+
+// What these two choose from.
 size_t CmBase64EncodeSsse3(const unsigned char* aIn, size_t aLen, char* aOut);
 size_t CmBase64EncodeAvx2(const unsigned char* aIn, size_t aLen, char* aOut);
-size_t CmBase64DecodeScalar(const unsigned char* aIn, size_t aLen, unsigned char* aOut);
 size_t CmBase64DecodeSsse3(const unsigned char* aIn, size_t aLen, unsigned char* aOut);
 size_t CmBase64DecodeAvx2(const unsigned char* aIn, size_t aLen, unsigned char* aOut);
 
