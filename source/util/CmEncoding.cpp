@@ -53,39 +53,55 @@ void Encode(const unsigned char* aIn, size_t aLen, CCmString& aOut) {
     aOut.resize(nLength);
 }
 
+// What aLen characters decode to at most: one or two bytes for a last group that is not whole.
+constexpr size_t DecodedLength(size_t aLen) {
+    return aLen / 4 * 3 + (aLen % 4 + 1) / 2;
+}
+
+// The characters in front of the padding, of which there may be too much or none.
+size_t LengthWithoutPadding(const unsigned char* aIn, size_t aLen) {
+    while (aLen != 0 && aIn[aLen - 1] == '=') {
+        --aLen;
+    }
+    return aLen;
+}
+
 // The last group of a run, of one to three characters, at aGroup; aIn ends at aEnd, where the
-// terminator is. Nothing behind it is looked at: it counts as outside the alphabet.
-void DecodeRest(const unsigned char* aGroup, const unsigned char* aEnd, CCmString& aOut) {
+// padding or the terminator is, which counts as outside the alphabet. Returns the bytes written.
+size_t DecodeRest(const unsigned char* aGroup, const unsigned char* aEnd, unsigned char* aOut) {
     uint32_t adwValue[3] = {CM_BASE64_INVALID, CM_BASE64_INVALID, CM_BASE64_INVALID};
     for (size_t i = 0; i < 3 && aGroup + i < aEnd; ++i) {
         adwValue[i] = pr2six[aGroup[i]];
     }
-    aOut += static_cast<char>(adwValue[0] << 2 | adwValue[1] >> 4);
-    if (adwValue[2] < CM_BASE64_INVALID) {
-        aOut += static_cast<char>(adwValue[1] << 4 | adwValue[2] >> 2);
+    if (adwValue[0] == CM_BASE64_INVALID) {
+        return 0;
     }
+    aOut[0] = static_cast<unsigned char>(adwValue[0] << 2 | adwValue[1] >> 4);
+    if (adwValue[2] == CM_BASE64_INVALID) {
+        return 1;
+    }
+    aOut[1] = static_cast<unsigned char>(adwValue[1] << 4 | adwValue[2] >> 2);
+    return 2;
 }
 
+// aOut is grown to what is written, so that a string that already has the length, as one that is
+// used again and again does, is neither filled nor cut.
 void Decode(const unsigned char* aIn, size_t aLen, CCmString& aOut) {
-    Prepare(aOut, aLen / 4 * 3 + 3);
+    aLen = LengthWithoutPadding(aIn, aLen);
+    Prepare(aOut, DecodedLength(aLen));
     size_t nText = 0;
     size_t nBytes = 0;
-    size_t nChunk = 0;
+    size_t nDone = 0;
     do {
-        nChunk = std::min(CHUNK_TEXT, (aLen - nText) / 4 * 4);
-        GrowTo(aOut, nBytes + nChunk / 4 * 3);
-        const size_t nDone =
+        const size_t nChunk = std::min(CHUNK_TEXT, aLen - nText);
+        GrowTo(aOut, nBytes + DecodedLength(nChunk));
+        nDone =
             CmBase64Decode(aIn + nText, nChunk, reinterpret_cast<unsigned char*>(&aOut[nBytes]));
         nText += nDone;
         nBytes += nDone / 4 * 3;
-        if (nDone < nChunk) {
-            break;
-        }
-    } while (nChunk == CHUNK_TEXT);
+    } while (nDone == CHUNK_TEXT);
+    nBytes += DecodeRest(aIn + nText, aIn + aLen, reinterpret_cast<unsigned char*>(&aOut[nBytes]));
     aOut.resize(nBytes);
-    if (nText < aLen && pr2six[aIn[nText]] < CM_BASE64_INVALID) {
-        DecodeRest(aIn + nText, aIn + aLen, aOut);
-    }
 }
 
 // Writes the group's bytes through the table, as many as its padding leaves; returns how many.
