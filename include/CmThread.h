@@ -37,8 +37,8 @@ constexpr TFlag TF_DETACHED = 2;  // the object goes when its body has ended and
 // Base of every thread object. Objects are created by new and end through Destory, never by
 // delete from outside; a thread object is created once.
 //
-// Create, Stop, Terminate, Join and Destory are for the owner, one at a time; the other
-// operations may be called from any thread, once Create has returned and until Destory.
+// Create, Terminate, Join and Destory are for the owner, one at a time; the other operations
+// may be called from any thread, once Create has returned and until Destory.
 class CM_UTIL_EXPORT ACmThread {
   public:
     ACmThread();

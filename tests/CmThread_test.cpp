@@ -179,6 +179,19 @@ TEST(CmThread, IsDeletedAtOnce_WhenItWasNeverCreated) {
     EXPECT_TRUE(life.deleted);
 }
 
+TEST(CmThread, IsRegisteredOnce_WhenAnUnknownTypeIsCreatedAgain) {
+    Life life;
+    life.released = true;
+    const size_t nBefore = RegisteredThreads();
+    BodyThread* pThread = new BodyThread(life);
+    ASSERT_EQ(CM_OK, pThread->Create(TT_UNKNOWN, TF_JOINABLE, 1));
+    EXPECT_EQ(CM_OK, pThread->Join());
+    ASSERT_EQ(CM_OK, pThread->Create(TT_MAIN, TF_JOINABLE, 1));
+    EXPECT_EQ(pThread, getCurrentThread());
+    pThread->Destory(0);
+    EXPECT_EQ(nBefore, RegisteredThreads());
+}
+
 TEST(CmThread, IsNotFound_WhenItIsNotRegistered) {
     Life life;
     BodyThread* pThread = new BodyThread(life);

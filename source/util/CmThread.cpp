@@ -127,7 +127,7 @@ CmResult ACmThread::Create(int aType, TFlag aFlag, signed char bRegister) {
         }
     }
     m_bRegister = bRegister != 0;
-    if (m_bRegister) {
+    if (m_bRegister && !m_bRegistered) {  // registered: created before with an unknown type
         RegisterEntry(entry);
         m_bRegistered = true;
     }
