@@ -1082,6 +1082,76 @@ TEST(CmThreadTask, IsFreed_WhenADetachedOneIsTerminatedAndDestroyed) {
     EXPECT_TRUE(Eventually([&] { return kelto_test::LiveAllocations() == lLive; }));
 }
 
+// Its body ignores its cancellation; its destructor would act on it.
+class DeafThread : public ACmThread {
+  public:
+    explicit DeafThread(Life& aLife) : m_life(aLife) {}
+    ~DeafThread() override {
+        pthread_testcancel();
+        m_life.deleted = true;
+    }
+    void OnThreadRun() override {
+        while (!m_life.released) {
+        }
+    }
+
+  private:
+    Life& m_life;
+};
+
+TEST(CmThread, IsFreed_WhenItIsTerminatedAsItsBodyEnds) {
+    Life life;
+    DeafThread* pThread = new DeafThread(life);
+    ASSERT_EQ(CM_OK, pThread->Create(TYPE, TF_DETACHED, 0));
+    EXPECT_EQ(0, pThread->Terminate());
+    pThread->Destory(0);
+    life.released = true;
+    EXPECT_TRUE(Eventually([&] { return life.deleted.load(); }));
+}
+
+// Acts on its thread's cancellation when it ends.
+class CancelPointEvent : public ICmEvent {
+  public:
+    CmResult OnEventFire() override { return CM_OK; }
+    void OnDestorySelf() override {
+        delete this;
+        pthread_testcancel();
+    }
+};
+
+TEST(CmThreadTask, EndsEveryEvent_WhenTerminatedWhileItEndsThem) {
+    kelto_test::ScopedTraceSink sink;
+    EventLog log;
+    CCmThreadTaskWithEventQueueOnly* pTask = new CCmThreadTaskWithEventQueueOnly;
+    ASSERT_EQ(CM_OK, pTask->Create(TYPE, TF_JOINABLE, 0));
+    std::atomic<bool> bBusy{false};
+    std::atomic<bool> bGo{false};
+    ICmEventQueue* pQueue = pTask->GetEventQueue();
+    pQueue->PostEvent(new LoggedEvent(log, 0,
+                                      [&] {
+                                          bBusy = true;
+                                          while (!bGo) {
+                                          }
+                                          pTask->SetStopFlag();
+                                          return CM_OK;
+                                      }),
+                      NORMAL);
+    ASSERT_TRUE(Eventually([&] { return bBusy.load(); }));
+    pQueue->PostEvent(new CancelPointEvent, NORMAL);
+    pQueue->PostEvent(new LoggedEvent(log, 1), NORMAL);
+    CmResult rv = CM_OK;
+    std::thread sender([&] { rv = pQueue->SendEvent(new LoggedEvent(log, 2)); });
+    ASSERT_TRUE(Eventually([&] { return pQueue->GetPendingEventsCount() == 3; }));
+    EXPECT_EQ(0, pTask->Terminate());
+    bGo = true;
+    sender.join();
+    EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, rv);
+    EXPECT_EQ(CM_OK, pTask->Join());
+    EXPECT_EQ(Ids{0}, log.fired());
+    EXPECT_EQ((Ids{0, 1, 2}), log.ended());
+    pTask->Destory(0);
+}
+
 // The heartbeat.
 
 TEST(CmThreadHeartBeat, RunsNothing_WhenNothingIsPending) {
@@ -1140,6 +1210,33 @@ TEST(CmThreadHeartBeat, BeatsOnce_WhenItRunsOnAThreadOfItsOwn) {
     ASSERT_EQ(CM_OK, pThread->Create(TYPE, TF_JOINABLE, 1));
     EXPECT_EQ(CM_OK, pThread->Join());
     EXPECT_EQ(Ids{1}, log.fired());
+    pThread->Destory(0);
+}
+
+TEST(CmThreadHeartBeat, EndsTheRestUnfired_WhenTerminatedInAHandler) {
+    CCmThreadHeartBeat* pThread = new CCmThreadHeartBeat;
+    EventLog log;
+    std::atomic<bool> bBusy{false};
+    ICmEventQueue* pQueue = pThread->GetEventQueue();
+    pQueue->PostEvent(new LoggedEvent(log, 1), NORMAL);
+    pQueue->PostEvent(new LoggedEvent(log, 2,
+                                      [&] {
+                                          bBusy = true;
+                                          return SpinUntilCancelled();
+                                      }),
+                      NORMAL);
+    pQueue->PostEvent(new LoggedEvent(log, 3), NORMAL);
+    CmResult rv = CM_OK;
+    std::thread sender([&] { rv = pQueue->SendEvent(new LoggedEvent(log, 4)); });
+    ASSERT_TRUE(Eventually([&] { return pQueue->GetPendingEventsCount() == 4; }));
+    ASSERT_EQ(CM_OK, pThread->Create(TYPE, TF_JOINABLE, 0));
+    ASSERT_TRUE(Eventually([&] { return bBusy.load(); }));
+    EXPECT_EQ(0, pThread->Terminate());
+    EXPECT_EQ(CM_OK, pThread->Join());
+    sender.join();
+    EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, rv);
+    EXPECT_EQ((Ids{1, 2}), log.fired());
+    EXPECT_EQ((Ids{1, 2, 3, 4}), log.ended());
     pThread->Destory(0);
 }
 

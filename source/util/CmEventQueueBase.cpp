@@ -50,6 +50,26 @@ class CBusyEnd {
     std::atomic<long>* m_pCount;
 };
 
+void EndEach(std::list<ICmEvent*>& aEvents) {
+    while (!aEvents.empty()) {
+        ICmEvent* pEvent = aEvents.front();
+        aEvents.pop_front();
+        pEvent->OnDestorySelf();
+    }
+}
+
+// Ends the rest of a list whose thread is cancelled at one of its events.
+class CUnwindRest {
+  public:
+    explicit CUnwindRest(std::list<ICmEvent*>& aEvents) : m_Events(aEvents) {}
+    ~CUnwindRest() { EndEach(m_Events); }
+    CUnwindRest(const CUnwindRest&) = delete;
+    CUnwindRest& operator=(const CUnwindRest&) = delete;
+
+  private:
+    std::list<ICmEvent*>& m_Events;
+};
+
 CmResult FireAndEnd(ICmEvent* aEvent) {
     CUnwindEnd unwindEnd(aEvent);
     const CmResult rv = aEvent->OnEventFire();
@@ -261,10 +281,8 @@ void CCmEventQueueBase::DestoryPendingEvents() {
 }
 
 void CCmEventQueueBase::DestoryEvents_i(std::list<ICmEvent*>& aEvents) {
-    for (ICmEvent* pEvent : aEvents) {
-        pEvent->OnDestorySelf();
-    }
-    aEvents.clear();
+    CUnwindRest unwindRest(aEvents);
+    EndEach(aEvents);
 }
 
 void CCmEventQueueBase::BindToCurrentThread() {
@@ -438,6 +456,16 @@ CmResult CCmEventQueueUsingMutex::PopPendingEventsLocked(std::list<ICmEvent*>& a
                                                          DWORD aMaxCount, DWORD* aRemainSize) {
     CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
     return PopPendingEvents(aEvents, aMaxCount, aRemainSize);
+}
+
+void CCmEventQueueUsingMutex::ProcessTakenEvents(std::list<ICmEvent*>& aEvents) {
+    CUnwindRest unwindRest(aEvents);
+    CCmTimeValue tvStart = CCmTimeValue::GetTimeOfDay();
+    while (!aEvents.empty()) {
+        ICmEvent* pEvent = aEvents.front();
+        aEvents.pop_front();
+        tvStart = RunAndEnd_i(pEvent, tvStart);
+    }
 }
 
 void CCmEventQueueUsingMutex::DestoryPendingEvents() {

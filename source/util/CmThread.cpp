@@ -215,6 +215,9 @@ class ACmThread::CBody {
   public:
     explicit CBody(ACmThread* aThread) : m_pThread(aThread), m_pEvent(aThread->m_pEvent) {}
     ~CBody() {
+        // A cancellation that is still to come would end the process here: the object may be
+        // deleted, and no destructor can be unwound.
+        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
         HasStarted();
         m_pThread->BodyHasEnded_i();
     }
@@ -439,7 +442,7 @@ CmResult CCmThreadHeartBeat::DoHeartBeat() {
     }
     std::list<ICmEvent*> events;
     if (CM_SUCCEEDED(m_EventQueue.PopPendingEventsLocked(events, ALL_EVENTS))) {
-        m_EventQueue.ProcessEvents(events);
+        m_EventQueue.ProcessTakenEvents(events);
     }
     return CM_OK;
 }
