@@ -167,7 +167,24 @@ alignas(16) constexpr unsigned char SHUFFLES[32] = {
     0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80,
     0,    1,    2,    3,    4,    5,    6,    7,    8,    9,    10,   11,   12,   13,   14,   15};
 
-// aMayBeWide: whether the wide form of the instruction may be used where it is there.
+// aFront and then aBlocks blocks, at least 2 * FOLDED - 1, at aData. Not inline, so that a short
+// buffer need not make room for eight blocks on the stack. aMayBeWide: whether the wide form of the
+// instruction may be used where it is there.
+CM_TARGET __attribute__((noinline)) uint16_t LongByMultiply(__m128i aFront,
+                                                            const unsigned char* aData,
+                                                            size_t aBlocks, bool aMayBeWide) {
+    alignas(32) unsigned char blocks[BLOCK_SIZE * FOLDED];
+    std::memcpy(blocks, &aFront, BLOCK_SIZE);
+    std::memcpy(blocks + BLOCK_SIZE, aData, sizeof(blocks) - BLOCK_SIZE);
+    aData += sizeof(blocks) - BLOCK_SIZE;
+    aBlocks -= FOLDED - 1;
+    const auto pfnFold = aMayBeWide && HasWideMultiply() ? FoldGroupsWide : FoldGroups;
+    pfnFold(blocks, aData, aBlocks / FOLDED);
+    aData += aBlocks / FOLDED * sizeof(blocks);
+    aBlocks %= FOLDED;
+    return Remainder(_mm_xor_si128(Carry(blocks, FOLDED, aBlocks), Carry(aData, aBlocks, 0)));
+}
+
 CM_TARGET CM_INLINE uint16_t ByMultiply(uint16_t aCrc, const unsigned char* aData, size_t aLength,
                                         bool aMayBeWide) {
     if (aLength % BLOCK_SIZE == 1) {
@@ -180,21 +197,12 @@ CM_TARGET CM_INLINE uint16_t ByMultiply(uint16_t aCrc, const unsigned char* aDat
     const __m128i front = _mm_shuffle_epi8(_mm_xor_si128(Load(aData), _mm_cvtsi32_si128(aCrc)),
                                            Load(SHUFFLES + nFirst));
     aData += nFirst;
-    size_t nBlocks = (aLength - nFirst) / BLOCK_SIZE;
-    if (nBlocks < 2 * FOLDED - 1) {
-        const __m128i first = Multiply(front, Load(&CARRY.factors[nBlocks]));
-        return Remainder(_mm_xor_si128(first, Carry(aData, nBlocks, 0)));
+    const size_t nBlocks = (aLength - nFirst) / BLOCK_SIZE;
+    if (nBlocks >= 2 * FOLDED - 1) {
+        return LongByMultiply(front, aData, nBlocks, aMayBeWide);
     }
-    alignas(32) unsigned char blocks[BLOCK_SIZE * FOLDED];
-    std::memcpy(blocks, &front, BLOCK_SIZE);
-    std::memcpy(blocks + BLOCK_SIZE, aData, sizeof(blocks) - BLOCK_SIZE);
-    aData += sizeof(blocks) - BLOCK_SIZE;
-    nBlocks -= FOLDED - 1;
-    const auto pfnFold = aMayBeWide && HasWideMultiply() ? FoldGroupsWide : FoldGroups;
-    pfnFold(blocks, aData, nBlocks / FOLDED);
-    aData += nBlocks / FOLDED * sizeof(blocks);
-    nBlocks %= FOLDED;
-    return Remainder(_mm_xor_si128(Carry(blocks, FOLDED, nBlocks), Carry(aData, nBlocks, 0)));
+    const __m128i first = Multiply(front, Load(&CARRY.factors[nBlocks]));
+    return Remainder(_mm_xor_si128(first, Carry(aData, nBlocks, 0)));
 }
 
 }  // namespace
