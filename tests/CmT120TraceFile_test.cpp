@@ -411,6 +411,32 @@ TEST_F(CmT120TraceFile, Write_TriesAgain_WhenACallIsInterrupted) {
     EXPECT_NE(std::string::npos, Content().find(" text\n"));
 }
 
+using PreadEntry = kelto_test::ScopedEntry<decltype(g_cmSystem.pread)>;
+using PwriteEntry = kelto_test::ScopedEntry<decltype(g_cmSystem.pwrite)>;
+
+ssize_t PreadFewBytes(int aFile, void* aBuffer, size_t aSize, off_t aOffset) {
+    return ::pread(aFile, aBuffer, std::min<size_t>(aSize, 3), aOffset);
+}
+
+ssize_t PwriteFewBytes(int aFile, const void* aText, size_t aSize, off_t aOffset) {
+    return ::pwrite(aFile, aText, std::min<size_t>(aSize, 7), aOffset);
+}
+
+TEST_F(CmT120TraceFile, Write_JoinsShortTransfers) {
+    for (unsigned char bShared : {0, 1}) {
+        WriteFile(m_sPath, Header(1000) + std::string(968, 'o') + MARKER);
+        CCmT120TraceFile file(m_sPath.c_str(), 0, bShared, 0);
+        file.attach();
+        PreadEntry readEntry(g_cmSystem.pread, PreadFewBytes);
+        PwriteEntry writeEntry(g_cmSystem.pwrite, PwriteFewBytes);
+        file.write(nullptr, nullptr, "text");
+        const std::string sLine = Stamp() + " text\n";
+        EXPECT_EQ(
+            Header(1000 + static_cast<long>(sLine.size())) + std::string(968, 'o') + sLine + MARKER,
+            Content());
+    }
+}
+
 TEST_F(CmT120TraceFile, Write_GoesOn_WhenTruncationFails) {
     WriteFile(m_sPath, Header(100) + std::string(68, 'o'));
     CCmT120TraceFile file(m_sPath.c_str(), 100, 1, 0);

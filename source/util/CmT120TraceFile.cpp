@@ -85,7 +85,7 @@ int FormatLine(char* aBuffer, size_t aSize, bool aShared, const char* aTag, cons
     return std::snprintf(aBuffer, aSize, "%s [%s] %s:%s\n", achStamp, aTag, aModule, aText);
 }
 
-// Whole transfers, however many calls they take; false when one fails or nothing more can be had.
+// Whole transfers, however many calls they take; false when one fails.
 bool WriteFully(int aDescriptor, const char* aText, size_t aLength, off_t aOffset) {
     while (aLength > 0) {
         const ssize_t nWritten = g_cmSystem.pwrite(aDescriptor, aText, aLength, aOffset);
@@ -102,12 +102,20 @@ bool WriteFully(int aDescriptor, const char* aText, size_t aLength, off_t aOffse
     return true;
 }
 
-ssize_t ReadRetrying(int aDescriptor, char* aBuffer, size_t aLength) {
-    ssize_t nRead;
-    do {
-        nRead = g_cmSystem.pread(aDescriptor, aBuffer, aLength, 0);
-    } while (nRead < 0 && errno == EINTR);
-    return nRead;
+// The start of a file; behind the end of a shorter one aBuffer stays as it is.
+bool ReadFully(int aDescriptor, char* aBuffer, size_t aLength) {
+    for (size_t nDone = 0; nDone < aLength;) {
+        const ssize_t nRead = g_cmSystem.pread(aDescriptor, aBuffer + nDone, aLength - nDone,
+                                               static_cast<off_t>(nDone));
+        if (nRead < 0 && errno == EINTR) {
+            continue;
+        }
+        if (nRead <= 0) {
+            return nRead == 0;
+        }
+        nDone += static_cast<size_t>(nRead);
+    }
+    return true;
 }
 
 }  // namespace
@@ -293,7 +301,7 @@ void CCmT120TraceFile::request_file_lock_l(struct flock& aRequest) {
 // not show; the stream owns the descriptor.
 bool CCmT120TraceFile::read_position_l(long& aPosition) {
     char achHeader[HEADER_LENGTH + 1] = {};
-    if (ReadRetrying(m_nDescriptor, achHeader, HEADER_LENGTH) < 0) {
+    if (!ReadFully(m_nDescriptor, achHeader, HEADER_LENGTH)) {
         return false;
     }
     aPosition = std::strtol(achHeader, nullptr, 10);
