@@ -484,6 +484,22 @@ TEST_F(CmT120Trace, File_IsNamedAfterTheProcessOrAsGiven) {
     }
 }
 
+// The record by the path that is cut is the facility's, and shared.
+TEST_F(CmT120Trace, File_HasAPathOfAtMost511Characters) {
+    const std::string sName(600, 'n');
+    std::unique_ptr<CCmT120Trace> pTrace = Create(sName.c_str(), 1);
+    pTrace->load(nullptr);
+    const std::string sPath = (m_Home.path() + "/logs/" + sName).substr(0, 511);
+    CCmT120TraceFile* pRecord = RecordOf(sPath);
+    const std::string sFile = m_Home.path() + "short";
+    kelto_test::WriteFile(sFile, Header(32));
+    ASSERT_EQ(CM_OK, pRecord->attach(sFile.c_str()));
+    pRecord->refresh_settings(0, 2);
+    pRecord->write(nullptr, nullptr, "text");
+    EXPECT_NE(Header(32), ReadFile(sFile));
+    T120_Close_Trace_Dev(pRecord);
+}
+
 TEST_F(CmT120Trace, Load_CreatesTheTraceDirectory) {
     umask(022);
     std::unique_ptr<CCmT120Trace> pTrace = Create();
@@ -589,6 +605,74 @@ TEST_F(CmT120Trace, Close_TakesTheLevelFunctionsAway_WithABundle) {
     }
     pTrace->Close();
     EXPECT_EQ(Texts{"before"}, m_Library.texts());
+}
+
+const char* s_pszModule = nullptr;
+
+int DladdrOfModule(const void* /*aAddress*/, Dl_info* aInfo) {
+    aInfo->dli_fname = s_pszModule;
+    return 1;
+}
+
+// Whether a facility whose library is the file aModule finds a bundle, which Close shows.
+bool FindsABundle(CCmT120TraceMapEntry* aTable, const std::string& aModule) {
+    s_pszModule = aModule.c_str();
+    kelto_test::ScopedEntry<decltype(g_cmSystem.dladdr)> entry(g_cmSystem.dladdr, DladdrOfModule);
+    ScopedTraceLibrary library;
+    UTIL_NS::CCmT120Trace facility("test", aTable, nullptr, 0);
+    facility.load(nullptr);
+    facility.Close();
+    Trace(facility, 0, "text");
+    return library.calls().empty();
+}
+
+TEST_F(CmT120Trace, Bundle_LiesBesideALibraryWithExtension) {
+    std::filesystem::create_directory(m_Home.path() + "yrktrace.bundle");
+    std::filesystem::create_directories(m_Home.path() + "a/b/c");
+    kelto_test::WriteFile(m_Home.path() + "libutil.so", "");
+    kelto_test::WriteFile(m_Home.path() + "a/b/c/libutil.so", "");
+    EXPECT_TRUE(FindsABundle(m_aTable, m_Home.path() + "libutil.so"));
+    EXPECT_FALSE(FindsABundle(m_aTable, m_Home.path() + "a/b/c/libutil.so"));
+}
+
+TEST_F(CmT120Trace, Bundle_LiesFourLevelsAboveALibraryWithoutExtension) {
+    std::filesystem::create_directory(m_Home.path() + "yrktrace.bundle");
+    std::filesystem::create_directories(m_Home.path() + "a/b/c");
+    kelto_test::WriteFile(m_Home.path() + "util", "");
+    kelto_test::WriteFile(m_Home.path() + "a/b/c/util", "");
+    EXPECT_TRUE(FindsABundle(m_aTable, m_Home.path() + "a/b/c/util"));
+    EXPECT_FALSE(FindsABundle(m_aTable, m_Home.path() + "util"));
+}
+
+TEST_F(CmT120Trace, Bundle_LiesBesideALibraryThatIsNoFile) {
+    std::filesystem::create_directory(m_Home.path() + "yrktrace.bundle");
+    EXPECT_TRUE(FindsABundle(m_aTable, m_Home.path() + "gone"));
+}
+
+TEST_F(CmT120Trace, Bundle_IsMissing_WhenThePathHasTooFewComponents) {
+    const std::filesystem::path before = std::filesystem::current_path();
+    std::filesystem::current_path(m_Home.path());
+    std::filesystem::create_directory("yrktrace.bundle");
+    std::filesystem::create_directories("a/b");
+    kelto_test::WriteFile("a/b/util", "");
+    EXPECT_FALSE(FindsABundle(m_aTable, "libutil.so"));
+    EXPECT_FALSE(FindsABundle(m_aTable, "a/b/util"));
+    std::filesystem::current_path(before);
+}
+
+TEST_F(CmT120Trace, Bundle_IsMissing_WhenThePathDoesNotFit) {
+    const std::filesystem::path before = std::filesystem::current_path();
+    std::filesystem::current_path(m_Home.path());
+    std::filesystem::create_directory("yrktrace.bundle");
+    // The paths name the home: 1023 characters of the library's path fit, and 1007 of what is left
+    // of it, since "/yrktrace.bundle" has 16.
+    std::string sDots(1007, '/');
+    sDots[0] = '.';
+    EXPECT_TRUE(FindsABundle(m_aTable, sDots + "/gone"));
+    EXPECT_TRUE(FindsABundle(m_aTable, "./" + std::string(1021, 'x')));
+    EXPECT_FALSE(FindsABundle(m_aTable, "./" + std::string(1022, 'x')));
+    EXPECT_FALSE(FindsABundle(m_aTable, sDots + "//gone"));
+    std::filesystem::current_path(before);
 }
 
 TEST_F(CmT120Trace, Close_ChangesNothing_WithoutABundle) {
