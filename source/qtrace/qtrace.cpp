@@ -270,7 +270,7 @@ void EndHeld(void* aHeld) {
 }
 
 struct HeldKey {
-    HeldKey() : m_bValid(pthread_key_create(&m_Key, EndHeld) == 0) {}
+    HeldKey() : m_Key(), m_bValid(pthread_key_create(&m_Key, EndHeld) == 0) {}
 
     pthread_key_t m_Key;
     bool m_bValid;

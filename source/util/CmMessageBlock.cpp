@@ -535,7 +535,7 @@ CmResult CCmMessageBlock::Update(const unsigned char* pSrc, unsigned int nSrcLen
                        "nSrcLen + nOffset <= this->GetChainedLength()", CM_ERROR_FAILURE, __FILE__,
                        649);
     // All locks are looked at before the first byte is written.
-    const auto pfnCheck = [](CCmMessageBlock& aMb, unsigned int, unsigned int) {
+    const auto pfnCheck = [](const CCmMessageBlock& aMb, unsigned int, unsigned int) {
         return aMb.GetTopLevelReadPtr() != nullptr ? CM_OK : CM_ERROR_FAILURE;
     };
     const CmResult rv = ForEachPiece(this, nOffset, nSrcLen, 693, pfnCheck);

@@ -4,6 +4,8 @@
 #include <fcntl.h>
 #include <string.h>
 
+#include <algorithm>
+
 #include "port/CmSystem.h"
 
 namespace UTIL_NS {
@@ -133,7 +135,7 @@ CCmFileLines::~CCmFileLines() {
 bool CCmFileLines::Next(std::string_view& aLine) {
     for (;;) {
         const size_t nLeft = static_cast<size_t>(m_pEnd - m_pNext);
-        const size_t nMost = nLeft < CM_PROFILE_LINE_MAX ? nLeft : CM_PROFILE_LINE_MAX;
+        const size_t nMost = std::min<size_t>(nLeft, CM_PROFILE_LINE_MAX);
         const char* const pLineEnd = static_cast<const char*>(memchr(m_pNext, '\n', nMost));
         if (pLineEnd != nullptr || nMost == CM_PROFILE_LINE_MAX || m_bEnd) {
             const char* const pBehind = pLineEnd != nullptr ? pLineEnd + 1 : m_pNext + nMost;

@@ -149,8 +149,6 @@ CCmT120Trace::~CCmT120Trace() {
 }
 
 void CCmT120Trace::open_bundle() {
-    static constexpr const char* FUNCTION_NAMES[] = {"YRKDEBUG2", "YRKINFO2", "YRKWARN2",
-                                                     "YRKERROR2"};
     CCmScopedLockT<CCmMutexThreadRecursive> lock(m_Mutex);
     char achPath[MODULE_PATH_SIZE];
     if (FindBundle(achPath)) {
@@ -158,7 +156,7 @@ void CCmT120Trace::open_bundle() {
     }
     if (m_hBundle != nullptr) {
         // Looked up, never used: the level functions are the library's own.
-        for (const char* pszName : FUNCTION_NAMES) {
+        for (const char* pszName : {"YRKDEBUG2", "YRKINFO2", "YRKWARN2", "YRKERROR2"}) {
             CmPortBundleFunction(m_hBundle, pszName);
         }
     }

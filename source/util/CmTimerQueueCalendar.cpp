@@ -47,7 +47,7 @@ NodeType* PopHead(NodeType*& aHead) {
 
 // Takes the first node of aEh out of a chain; null when there is none.
 template <class NodeType>
-NodeType* Unlink(NodeType*& aHead, ICmTimerHandler* aEh) {
+NodeType* Unlink(NodeType*& aHead, const ICmTimerHandler* aEh) {
     for (NodeType** ppNode = &aHead; *ppNode != nullptr; ppNode = &(*ppNode)->m_pNext) {
         if ((*ppNode)->m_pEh == aEh) {
             return PopHead(*ppNode);
