@@ -191,10 +191,10 @@ class CM_UTIL_EXPORT CCmEventQueueUsingMutex : public CCmEventQueueBase {
     // it was released.
     CmResult PopPendingEventsLocked(std::list<ICmEvent*>& aEvents, DWORD aMaxCount = 0xFFFFFFFF,
                                     DWORD* aRemainSize = nullptr);
+    void DestoryPendingEvents();
     // Consumer thread only. ProcessEvents of a list that was taken out; it is empty afterwards.
     // When the thread is cancelled, the events not yet started end unfired.
     void ProcessTakenEvents(std::list<ICmEvent*>& aEvents);
-    void DestoryPendingEvents();
 
   private:
     CCmMutexThread m_Mutex;

@@ -81,8 +81,10 @@ class CM_UTIL_EXPORT ACmThread {
     // To be called last; a joinable thread has been stopped and joined before. aReason is traced
     // only. CM_OK.
     CmResult Destory(int aReason);
-    // Cancels the thread at its next cancellation point and sets the stop flag. The result is that
-    // of pthread_cancel, or CM_ERROR_FAILURE when there is no thread.
+    // Cancels the thread at its next cancellation point and sets the stop flag; what its event
+    // queue holds stays pending. The result is that of pthread_cancel, or CM_ERROR_FAILURE when
+    // there is no thread. No destructor that runs on the thread may contain a cancellation point:
+    // it cannot be unwound, and the process would end.
     CmResult Terminate();
 
     // The start routine of the POSIX thread; pParam is the object. Returns null.

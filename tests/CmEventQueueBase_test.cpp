@@ -150,10 +150,6 @@ TEST(CmEventQueueBase, KeepsTheOrderOfPosting_WhateverThePriorities) {
     EXPECT_EQ((Ids{1, 2, 3}), log.ended());
 }
 
-TEST(CmEventQueueBase, PassesPriorityOne_WhenTheLibraryPosts) {
-    EXPECT_EQ(1, static_cast<int>(ICmEventQueue::EPRIORITY_NORMAL));
-}
-
 TEST(CmEventQueueBase, StaysSilent_WhenThePostComesExactlyThreeSecondsLater) {
     kelto_test::ScopedClock clock(1000);
     kelto_test::ScopedTraceSink sink;
@@ -326,6 +322,17 @@ TEST(CmEventQueueBase, ProcessesNothing_WhenTheEventIsNull) {
     kelto_test::ScopedTraceSink sink;
     CCmEventQueueBase queue;
     EXPECT_EQ(CM_ERROR_INVALID_ARG, queue.ProcessOneEvent(nullptr));
+    EXPECT_EQ(1u, sink.count(" Assert failed: aEvent"));
+}
+
+TEST(CmEventQueueBase, ProcessesTheOthers_WhenAnEventOfAListIsNull) {
+    kelto_test::ScopedTraceSink sink;
+    EventLog log;
+    CCmEventQueueBase queue;
+    const Events events{new LoggedEvent(log, 1), nullptr, new LoggedEvent(log, 2)};
+    EXPECT_EQ(CM_OK, queue.ProcessEvents(events));
+    EXPECT_EQ((Ids{1, 2}), log.fired());
+    EXPECT_EQ((Ids{1, 2}), log.ended());
     EXPECT_EQ(1u, sink.count(" Assert failed: aEvent"));
 }
 
@@ -634,6 +641,30 @@ TEST(CmEventSend, BringsTheWrapperBackToTheQueue_WhenTheEventHasRun) {
         EXPECT_EQ(Ids{1}, log.ended());
     }
     EXPECT_EQ(lLive, kelto_test::LiveAllocations());
+}
+
+// Keeps the priorities that it is given.
+class PriorityQueue : public CCmEventQueueUsingMutex {
+  public:
+    ~PriorityQueue() override { WaitForSenders_i(); }
+    CmResult PostEvent(ICmEvent* aEvent, EPriority aPri) override {
+        m_priorities.push_back(aPri);
+        return CCmEventQueueUsingMutex::PostEvent(aEvent, aPri);
+    }
+
+    std::vector<int> m_priorities;  // by one thread
+};
+
+TEST(CmEventSend, PostsWithPriorityOne_ThereAndBack) {
+    EventLog log;
+    PriorityQueue queue;
+    std::thread sender([&] { queue.SendEvent(new LoggedEvent(log, 1)); });
+    ASSERT_TRUE(Eventually([&] { return queue.GetPendingEventsCount() == 1; }));
+    Events events;
+    queue.PopPendingEventsLocked(events);
+    queue.ProcessEvents(events);
+    sender.join();
+    EXPECT_EQ((std::vector<int>{1, 1}), queue.m_priorities);
 }
 
 // Refuses every post behind the first aAccepted ones.
@@ -1070,6 +1101,44 @@ TEST(CmEventQueueUsingConditionVariable, DoesNotSignal_WhenNobodyWaits) {
     WaitCounter counter;
     Post(queue, log, 1, 3);
     EXPECT_EQ(0, g_nSignals.load());
+}
+
+thread_local int t_nLocksHeld = 0;
+int CountedLock(pthread_mutex_t* aMutex) {
+    ++t_nLocksHeld;
+    return pthread_mutex_lock(aMutex);
+}
+int CountedUnlock(pthread_mutex_t* aMutex) {
+    --t_nLocksHeld;
+    return pthread_mutex_unlock(aMutex);
+}
+std::atomic<int> g_nLocksHeldAtSignal{-1};
+int LockCheckingSignal(pthread_cond_t* aCondition) {
+    g_nLocksHeldAtSignal = t_nLocksHeld;
+    return CountedSignal(aCondition);
+}
+
+TEST(CmEventQueueUsingConditionVariable, SignalsOnceBehindTheUnlock_WhenItsConsumerWaits) {
+    EventLog log;
+    CCmEventQueueUsingConditionVariable queue;
+    WaitCounter counter;
+    kelto_test::ScopedEntry<decltype(g_cmSystem.pthread_mutex_lock)> lock(
+        g_cmSystem.pthread_mutex_lock, &CountedLock);
+    kelto_test::ScopedEntry<decltype(g_cmSystem.pthread_mutex_unlock)> unlock(
+        g_cmSystem.pthread_mutex_unlock, &CountedUnlock);
+    kelto_test::ScopedEntry<decltype(g_cmSystem.pthread_cond_signal)> signal(
+        g_cmSystem.pthread_cond_signal, &LockCheckingSignal);
+    std::thread consumer([&] {
+        Events events;
+        EXPECT_EQ(CM_OK, queue.PopOrWaitPendingEvents(events, nullptr));
+        queue.ProcessEvents(events);
+    });
+    ASSERT_TRUE(Eventually([] { return g_nWaits == 1; }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));  // let it wait
+    Post(queue, log, 1, 1);
+    consumer.join();
+    EXPECT_EQ(1, g_nSignals.load());
+    EXPECT_EQ(0, g_nLocksHeldAtSignal.load());
 }
 
 TEST(CmEventQueueUsingConditionVariable, DoesNotSignal_WhenItRefuses) {

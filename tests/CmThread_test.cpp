@@ -1152,6 +1152,43 @@ TEST(CmThreadTask, EndsEveryEvent_WhenTerminatedWhileItEndsThem) {
     pTask->Destory(0);
 }
 
+// The stop event.
+
+// What a stop event needs of a thread.
+class FakeWorker {
+  public:
+    FakeWorker() { m_queue.BindToCurrentThread(); }
+    ICmEventQueue* GetEventQueue() { return &m_queue; }
+    void SetStopFlag() { m_stopped = true; }
+
+    class Queue : public CCmEventQueueBase {
+      public:
+        CmResult PostEvent(ICmEvent* aEvent, EPriority aPri) override {
+            m_priority = aPri;
+            return CCmEventQueueBase::PostEvent(aEvent, aPri);
+        }
+        int m_priority = -1;
+    } m_queue;
+    bool m_stopped = false;
+};
+
+TEST(CmEventStopT, SetsTheStopFlag_WhenItIsItsTurn) {
+    FakeWorker worker;
+    EXPECT_EQ(CM_OK, CCmEventStopT<FakeWorker>::PostStopEvent(&worker));
+    EXPECT_EQ(1, worker.m_queue.m_priority);
+    EXPECT_FALSE(worker.m_stopped);
+    ICmEvent* pEvent = nullptr;
+    ASSERT_EQ(CM_OK, worker.m_queue.PopOnePendingEvent(pEvent));
+    EXPECT_EQ(CM_OK, pEvent->OnEventFire());
+    EXPECT_TRUE(worker.m_stopped);
+    pEvent->OnDestorySelf();
+}
+
+TEST(CmEventStopT, DoesNothing_WithoutAThread) {
+    CCmEventStopT<FakeWorker> event(nullptr);
+    EXPECT_EQ(CM_OK, event.OnEventFire());
+}
+
 // The heartbeat.
 
 TEST(CmThreadHeartBeat, RunsNothing_WhenNothingIsPending) {

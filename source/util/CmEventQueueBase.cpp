@@ -458,6 +458,15 @@ CmResult CCmEventQueueUsingMutex::PopPendingEventsLocked(std::list<ICmEvent*>& a
     return PopPendingEvents(aEvents, aMaxCount, aRemainSize);
 }
 
+void CCmEventQueueUsingMutex::DestoryPendingEvents() {
+    std::list<ICmEvent*> events;
+    {
+        CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
+        events.swap(m_Events);
+    }
+    DestoryEvents_i(events);
+}
+
 void CCmEventQueueUsingMutex::ProcessTakenEvents(std::list<ICmEvent*>& aEvents) {
     CUnwindRest unwindRest(aEvents);
     CCmTimeValue tvStart = CCmTimeValue::GetTimeOfDay();
@@ -466,15 +475,6 @@ void CCmEventQueueUsingMutex::ProcessTakenEvents(std::list<ICmEvent*>& aEvents) 
         aEvents.pop_front();
         tvStart = RunAndEnd_i(pEvent, tvStart);
     }
-}
-
-void CCmEventQueueUsingMutex::DestoryPendingEvents() {
-    std::list<ICmEvent*> events;
-    {
-        CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
-        events.swap(m_Events);
-    }
-    DestoryEvents_i(events);
 }
 
 // Counts the consumer as waiting, also when it is cancelled there; to be destroyed under the lock.
