@@ -399,6 +399,16 @@ TEST(CmConfigProfile, Directory_HoldsNothing) {
     EXPECT_EQ("(none)", ReadFile(home.path(), "s", "k"));
 }
 
+TEST(CmConfigProfile, NamedPipe_HoldsNothing) {
+    ScopedHome home;
+    const std::string sPath = home.path() + "profile";
+    ASSERT_EQ(0, mkfifo(sPath.c_str(), 0600));
+    EXPECT_EQ(0, kelto_test::StatusOfChild([&sPath] {
+                  alarm(20);  // a look-up that waits for a writer would wait for good
+                  EXPECT_EQ("(none)", ReadFile(sPath, "s", "k"));
+              }));
+}
+
 TEST(CmConfigProfile, FileWithoutPermission_HoldsNothing) {
     FailingCall<&CCmSystemTable::open> fault(EACCES);
     ScopedHome home;

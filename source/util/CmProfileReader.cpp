@@ -6,15 +6,12 @@
 
 #include <algorithm>
 
+#include "CmAscii.h"
 #include "port/CmSystem.h"
 
 namespace UTIL_NS {
 
 namespace {
-
-char LowerCase(char aChar) {
-    return aChar >= 'A' && aChar <= 'Z' ? static_cast<char>(aChar - 'A' + 'a') : aChar;
-}
 
 std::string_view Unquoted(std::string_view aValue) {
     const bool bQuoted = aValue.size() >= 2 && (aValue.front() == '"' || aValue.front() == '\'') &&
@@ -38,10 +35,11 @@ bool EndsWithKey(const char* aStart, const char* aEnd, std::string_view aKey) {
            CmEqualsIgnoringCase(std::string_view(aEnd - aKey.size(), aKey.size()), aKey);
 }
 
+// Not blocking: a named pipe without a writer must not hold the host up.
 int OpenForReading(const char* aPath) {
     int nFile;
     do {
-        nFile = g_cmSystem.open(aPath, O_RDONLY | O_CLOEXEC, 0);
+        nFile = g_cmSystem.open(aPath, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0);
     } while (nFile < 0 && errno == EINTR);
     return nFile;
 }
@@ -76,7 +74,7 @@ bool CmEqualsIgnoringCase(std::string_view aLeft, std::string_view aRight) {
         return false;
     }
     for (size_t i = 0; i < aLeft.size(); ++i) {
-        if (LowerCase(aLeft[i]) != LowerCase(aRight[i])) {
+        if (CmToLower(aLeft[i]) != CmToLower(aRight[i])) {
             return false;
         }
     }
