@@ -10,12 +10,14 @@
 
 #include "CmConfig.h"
 #include "port/CmPort.h"
+#include "support/ChildProcess.h"
 #include "support/Faults.h"
 #include "support/Home.h"
 
 namespace UTIL_NS {
 namespace {
 
+using kelto_test::EndProcess;
 using kelto_test::ScopedEntry;
 
 // What readlink("/proc/self/exe") gives.
@@ -34,7 +36,7 @@ ssize_t FakeReadlink(const char* /*aPath*/, char* aBuffer, size_t aSize) {
             {                                           \
                 s_sExecutable = (aPath);                \
                 g_cmSystem.readlink = FakeReadlink;     \
-                _exit((aCheck) ? 0 : 1);                \
+                EndProcess((aCheck) ? 0 : 1);           \
             },                                          \
             testing::ExitedWithCode(0), "");            \
     } while (0)

@@ -13,6 +13,7 @@
 #include "CmUtilMisc.h"
 #include "port/CmConditionSemaphore.h"
 #include "port/CmPort.h"
+#include "support/ChildProcess.h"
 #include "support/Faults.h"
 #include "support/MacServices.h"
 #include "support/TraceSink.h"
@@ -35,6 +36,7 @@ int CmPortSemaphorePost(CmPlatformSemaphore* aSemaphore) {
 
 namespace {
 
+using kelto_test::EndProcess;
 using kelto_test::MacService;
 using kelto_test::ScopedEntry;
 using kelto_test::ScopedMacServices;
@@ -143,7 +145,7 @@ TEST(CmPortMacName, EachFailingService_GivesNoName) {
                 ScopedMacServices services;             \
                 services.SetApplication("/a", aName);   \
                 services.Fail(aService);                \
-                _exit((aCheck) ? 0 : 1);                \
+                EndProcess((aCheck) ? 0 : 1);           \
             },                                          \
             testing::ExitedWithCode(0), "");            \
     } while (0)

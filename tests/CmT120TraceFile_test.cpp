@@ -16,6 +16,7 @@
 #include <thread>
 
 #include "CmConfig.h"
+#include "support/ChildProcess.h"
 #include "support/Clock.h"
 #include "support/Faults.h"
 #include "support/Home.h"
@@ -23,6 +24,7 @@
 namespace UTIL_NS {
 namespace {
 
+using kelto_test::EndProcess;
 using kelto_test::Failing;
 using kelto_test::FailingCall;
 using kelto_test::ScopedClock;
@@ -836,7 +838,7 @@ TEST_F(CmT120TraceFile, Sharing_LosesAndTearsNoLineOfEightProcesses) {
             CCmT120TraceFile file(m_sPath.c_str(), 0, 1, 0);
             file.attach();
             WriteLines(file, i, LINES_EACH);
-            _exit(0);
+            EndProcess(0);
         }
     }
     for (pid_t child : apChildren) {

@@ -25,6 +25,7 @@
 namespace UTIL_NS {
 namespace {
 
+using kelto_test::EndProcess;
 using kelto_test::ScopedAllocationFault;
 using kelto_test::ScopedHome;
 using kelto_test::ScopedTraceLibrary;
@@ -777,7 +778,7 @@ void TraceLast() {
         refresh_trace_config();
         util_adapter_trace(0, "two", 3);
         delete g_pLastHome;
-        _exit(library.texts() == *g_pExpectedLast ? 7 : 1);
+        EndProcess(library.texts() == *g_pExpectedLast ? 7 : 1);
     }
 }
 

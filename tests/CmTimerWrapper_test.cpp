@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "CmThread.h"
+#include "support/ChildProcess.h"
 #include "support/Clock.h"
 #include "support/Faults.h"
 #include "support/Timers.h"
@@ -21,6 +22,7 @@
 namespace UTIL_NS {
 namespace {
 
+using kelto_test::EndProcess;
 using kelto_test::Ms;
 using kelto_test::ScopedClock;
 using kelto_test::ScopedTraceSink;
@@ -220,7 +222,7 @@ TEST(CmTimerWrapperIDOnWorker, FiresOnTheWorkersThread) {
 int InChild(const std::function<bool()>& aCase) {
     const pid_t pid = fork();
     if (pid == 0) {
-        _exit(aCase() ? 0 : 1);
+        EndProcess(aCase() ? 0 : 1);
     }
     int nStatus = -1;
     waitpid(pid, &nStatus, 0);

@@ -26,6 +26,7 @@
 
 namespace {
 
+using kelto_test::EndProcess;
 using kelto_test::StatusOfChild;
 
 // The library reads its environment once, so every case runs in a child process.
@@ -308,7 +309,7 @@ TEST_F(Qtrace, Lines_StayWhole_BetweenProcessesAndThreads) {
             for (std::thread& thread : threads) {
                 thread.join();
             }
-            _exit(0);
+            EndProcess(0);
         }
         children.push_back(child);
     }
