@@ -12,15 +12,19 @@
 
 #include "CmConfig.h"
 #include "support/ChildProcess.h"
+#include "support/Eventually.h"
 #include "support/Faults.h"
 #include "support/Home.h"
+#include "support/LockCalls.h"
 #include "support/TraceLibrary.h"
 #include "support/TraceSink.h"
 
 namespace UTIL_NS {
 namespace {
 
+using kelto_test::Eventually;
 using kelto_test::FailingCall;
+using kelto_test::LockCalls;
 using kelto_test::ScopedAllocationFault;
 using kelto_test::ScopedHome;
 using kelto_test::ScopedTraceLibrary;
@@ -161,6 +165,12 @@ TEST(CmLogStream, LevelFunction_PrintsANullTextAsPrintfDoes) {
 TEST(CmLogStream, LevelFunction_DeliversAnEmptyText) {
     ScopedTraceLibrary library;
     ccu_trace_info("net", "%s", "");
+    EXPECT_EQ(Texts{""}, library.texts());
+}
+
+TEST(CmLogStream, LevelFunction_DeliversAnEmptyText_WhenACharacterHasNoEncoding) {
+    ScopedTraceLibrary library;
+    EXPECT_EQ(1, ccu_trace_error("net", "%lc", static_cast<wint_t>(0x110000)));
     EXPECT_EQ(Texts{""}, library.texts());
 }
 
@@ -502,6 +512,16 @@ TEST(CmLogStream, Facility2_RemembersTheLogPath_WithoutAFileName) {
     EXPECT_EQ(home.path() + "/logs/C_Trace.txt", trace.logPath());
 }
 
+TEST(CmLogStream, Facility2_RemembersNoLogPath_WhenMemoryRunsOut) {
+    ScopedHome home;
+    TaggedTrace trace;
+    trace.logPath() = "before";
+    ScopedAllocationFault fault(1);
+    EXPECT_EQ(1, trace.load(nullptr));
+    EXPECT_TRUE(fault.hit());
+    EXPECT_EQ("", trace.logPath());
+}
+
 TEST(CmLogStream, Facility2_RemembersNoLogPath_WithAFileName) {
     ScopedHome home;
     TaggedTrace trace("own.txt");
@@ -651,6 +671,32 @@ TEST(CmLogStream, LeadingId_IsBuiltOnce) {
                   home.WriteConfig("[Trace]\nMachineID=m8\n");
                   EXPECT_EQ(pszFirst, get_leading_id());
                   EXPECT_STREQ("C.m7.", pszFirst);
+              }));
+}
+
+std::thread g_otherThread;
+const char* g_pszOthersId = nullptr;
+int g_nHostNames = 0;
+
+// Lasts until another thread, which asks for the identity too, is about to wait for the caller.
+int HostNameWhileAnotherThreadAsks(char* aName, size_t aSize) {
+    if (++g_nHostNames == 1) {
+        LockCalls calls;
+        g_otherThread = std::thread([] { g_pszOthersId = get_leading_id(); });
+        EXPECT_TRUE(Eventually([&calls] { return calls.seen(); }));
+    }
+    return HostNameH1(aName, aSize);
+}
+
+TEST(CmLogStream, LeadingId_IsBuiltOnce_WhenAnotherThreadAsksMeanwhile) {
+    EXPECT_EQ(0, StatusOfChild([] {
+                  ScopedHome home;
+                  HostNameEntry entry(g_cmSystem.gethostname, HostNameWhileAnotherThreadAsks);
+                  const char* pszId = get_leading_id();
+                  g_otherThread.join();
+                  EXPECT_STREQ("C.h1.", pszId);
+                  EXPECT_EQ(pszId, g_pszOthersId);
+                  EXPECT_EQ(1, g_nHostNames);
               }));
 }
 

@@ -17,8 +17,10 @@
 #include "CmTraceLine.h"
 #include "CmUtilClasses.h"
 #include "support/ChildProcess.h"
+#include "support/Eventually.h"
 #include "support/Faults.h"
 #include "support/Home.h"
+#include "support/LockCalls.h"
 #include "support/TraceLibrary.h"
 #include "support/TraceSink.h"
 
@@ -26,6 +28,8 @@ namespace UTIL_NS {
 namespace {
 
 using kelto_test::EndProcess;
+using kelto_test::Eventually;
+using kelto_test::LockCalls;
 using kelto_test::ScopedAllocationFault;
 using kelto_test::ScopedHome;
 using kelto_test::ScopedTraceLibrary;
@@ -683,6 +687,45 @@ TEST_F(CmT120Trace, Close_ChangesNothing_WithoutABundle) {
     EXPECT_EQ(Texts{"text"}, m_Library.texts());
 }
 
+const char* s_pszModule = nullptr;
+
+int ModuleIs(const void* /*aAddress*/, Dl_info* aInfo) {
+    aInfo->dli_fname = s_pszModule;
+    return 1;
+}
+
+class CmT120TraceBundle : public CmT120Trace {
+  protected:
+    // Whether a facility finds a bundle when the library is at aModulePath, which shows in whether
+    // Close takes the level functions away.
+    bool IsFoundBeside(const std::string& aModulePath) {
+        s_pszModule = aModulePath.c_str();
+        kelto_test::ScopedEntry<decltype(g_cmSystem.dladdr)> entry(g_cmSystem.dladdr, &ModuleIs);
+        const size_t nCalls = m_Library.calls().size();
+        std::unique_ptr<CCmT120Trace> pTrace = Load("");
+        pTrace->Close();
+        Trace(*pTrace, 0, "text");
+        return m_Library.calls().size() == nCalls;
+    }
+};
+
+TEST_F(CmT120TraceBundle, IsFoundBesideTheLibrary_ByAPathThatFillsItsBuffer) {
+    std::filesystem::create_directory(m_Home.path() + "yrktrace.bundle");
+    std::string sDirectory = m_Home.path();
+    sDirectory.resize(1007, '/');
+    EXPECT_TRUE(IsFoundBeside(sDirectory + "/util.so"));
+    EXPECT_FALSE(IsFoundBeside(sDirectory + "//util.so"));
+}
+
+TEST_F(CmT120TraceBundle, IsNotFound_WhenTheLibraryIsInNoDirectory) {
+    EXPECT_EQ(0, StatusOfChild([this] {
+                  std::filesystem::create_directories(m_Home.path() + "util.so/yrktrace.bundle");
+                  std::filesystem::current_path(m_Home.path());
+                  EXPECT_TRUE(IsFoundBeside("util.so/util.so"));
+                  EXPECT_FALSE(IsFoundBeside("util.so"));
+              }));
+}
+
 // ---- The facility of the process, in a process of its own each
 
 TEST(CmT120TraceInstance, Instance_IsOneAndDeliversALineWithoutSink) {
@@ -728,6 +771,52 @@ TEST(CmT120TraceInstance, Instance_IsLoadedOnce_WhenManyThreadsComeFirst) {
                   EXPECT_EQ(std::vector<CCmT120Trace*>(8, seen[0]), seen);
                   // None was dropped for coming while another thread was loading.
                   EXPECT_EQ(Texts(8, "line"), library.texts());
+              }));
+}
+
+CCmT120Trace* s_pAskedMeanwhile = nullptr;
+std::thread s_otherThread;
+int s_nOpened = 0;
+
+int OpenThatAsksForTheFacility(const char* aPath, int aFlags, mode_t aMode) {
+    if (++s_nOpened == 1) {
+        s_pAskedMeanwhile = CCmT120Trace::instance();
+    }
+    return open(aPath, aFlags, aMode);
+}
+
+// Lasts until another thread, which asks for the facility too, is about to wait for the caller.
+int OpenWhileAnotherThreadAsks(const char* aPath, int aFlags, mode_t aMode) {
+    if (++s_nOpened == 1) {
+        LockCalls calls;
+        s_otherThread = std::thread([] { s_pAskedMeanwhile = CCmT120Trace::instance(); });
+        EXPECT_TRUE(Eventually([&calls] { return calls.seen(); }));
+    }
+    return open(aPath, aFlags, aMode);
+}
+
+using OpenEntry = kelto_test::ScopedEntry<decltype(g_cmSystem.open)>;
+
+TEST(CmT120TraceInstance, Instance_IsTheOneBeingLoaded_WhenLoadingAsksForIt) {
+    EXPECT_EQ(0, StatusOfChild([] {
+                  ScopedHome home;
+                  OpenEntry entry(g_cmSystem.open, OpenThatAsksForTheFacility);
+                  CCmT120Trace* pFacility = CCmT120Trace::instance();
+                  EXPECT_NE(nullptr, pFacility);
+                  EXPECT_EQ(pFacility, s_pAskedMeanwhile);
+              }));
+}
+
+TEST(CmT120TraceInstance, Instance_IsLoadedOnce_WhenAnotherThreadAsksMeanwhile) {
+    EXPECT_EQ(0, StatusOfChild([] {
+                  ScopedHome home;
+                  OpenEntry entry(g_cmSystem.open, OpenWhileAnotherThreadAsks);
+                  CCmT120Trace* pFacility = CCmT120Trace::instance();
+                  const int nOpened = s_nOpened;
+                  s_otherThread.join();
+                  EXPECT_NE(nullptr, pFacility);
+                  EXPECT_EQ(pFacility, s_pAskedMeanwhile);
+                  EXPECT_EQ(nOpened, s_nOpened);
               }));
 }
 

@@ -102,6 +102,23 @@ TEST(CmThread, HasRunItsInit_WhenCreateReturns) {
     EXPECT_TRUE(life.deleted);
 }
 
+class PlainThread : public ACmThread {
+  public:
+    explicit PlainThread(Life& aLife) : m_life(aLife) {}
+    void OnThreadRun() override { m_life.ran = true; }
+
+  private:
+    Life& m_life;
+};
+
+TEST(CmThread, RunsItsBody_WithoutAnInitOfItsOwn) {
+    Life life;
+    ACmThread* pThread = new PlainThread(life);
+    ASSERT_EQ(CM_OK, pThread->Create(TYPE, TF_JOINABLE, 1));
+    EndJoinable(pThread);
+    EXPECT_TRUE(life.ran);
+}
+
 TEST(CmThread, TracesItsLife_ToTheCharacter) {
     kelto_test::ScopedTraceSink sink;
     Life life;
@@ -1212,6 +1229,21 @@ TEST(CmThreadHeartBeat, KeepsItsTimerQueue_WhenItIsInitialisedAgain) {
     EXPECT_EQ(pTimerQueue, pThread->GetTimerQueue());
     pThread->Destory(0);
     EXPECT_EQ(lLive, kelto_test::LiveAllocations());
+}
+
+TEST(CmThreadHeartBeat, BeatsWithoutTimers_WhenItsQueueHadNoMemory) {
+    EventLog log;
+    CCmThreadHeartBeat* pThread = new CCmThreadHeartBeat;
+    {
+        kelto_test::ScopedAllocationFault fault(1);
+        pThread->OnThreadInit();
+        EXPECT_TRUE(fault.hit());
+    }
+    EXPECT_EQ(nullptr, pThread->GetTimerQueue());
+    pThread->GetEventQueue()->PostEvent(new LoggedEvent(log, 1), ICmEventQueue::EPRIORITY_NORMAL);
+    EXPECT_EQ(CM_OK, pThread->DoHeartBeat());
+    EXPECT_EQ(Ids{1}, log.fired());
+    pThread->Destory(0);
 }
 
 TEST(CmThreadHeartBeat, FiresTimersThenEvents_WhenItBeats) {

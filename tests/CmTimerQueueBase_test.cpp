@@ -2,10 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <limits>
 #include <string>
 
 #include "CmTimerQueueOrderedList.h"
 #include "support/Clock.h"
+#include "support/Faults.h"
 #include "support/Timers.h"
 #include "support/TraceSink.h"
 
@@ -18,6 +20,7 @@ using kelto_test::Ids;
 using kelto_test::Ms;
 using kelto_test::RecordingHandler;
 using kelto_test::ScopedClock;
+using kelto_test::ScopedEntry;
 using kelto_test::ScopedTraceSink;
 
 constexpr long START = 1000000000;  // seconds
@@ -476,6 +479,20 @@ TEST_F(CmTimerQueueBase, Check_RearmSaturates) {
     EXPECT_EQ(1U, queue.CheckExpire());
     EXPECT_EQ(CCmTimeValue::s_tvMax, queue.m_nodes[0].m_tvExpired);
     EXPECT_EQ(1U, queue.m_nodes[0].m_dwCount);
+}
+
+int LastSecond(timeval* aTime, void* /*aZone*/) {
+    aTime->tv_sec = std::numeric_limits<long>::max();
+    aTime->tv_usec = 0;
+    return 0;
+}
+
+TEST_F(CmTimerQueueBase, Check_RearmSaturates_WhenTheNextPeriodEndsBeyondTheLastSecond) {
+    ScriptedQueue queue;
+    queue.AddNode(&m_handler, CCmTimeValue(START), CCmTimeValue(1000), 2);
+    ScopedEntry<decltype(g_cmClock.gettimeofday)> entry(g_cmClock.gettimeofday, &LastSecond);
+    EXPECT_EQ(1U, queue.CheckExpire());
+    EXPECT_EQ(CCmTimeValue::s_tvMax, queue.m_nodes[0].m_tvExpired);
 }
 
 TEST_F(CmTimerQueueBase, Check_RearmsFromFarBehind) {

@@ -275,6 +275,21 @@ TEST(CmLowTick, InstanceIsTheSame_AndHasItsTimer_OnThreadWithTimerQueue) {
         }));
 }
 
+TEST(CmLowTick, InstanceCancelsItsTimer_WhenItIsDestroyed) {
+    EXPECT_EQ(0, InChild([] {
+                  ScopedTraceSink sink;
+                  CCmThreadHeartBeat* pThread = new CCmThreadHeartBeat;
+                  pThread->Create(TT_MAIN, TF_JOINABLE, 1);
+                  pThread->OnThreadInit();
+                  CCmTimerWrapperIDSink* pGenerator = Generator::instance();
+                  CCmTimerQueueBase* pQueue =
+                      static_cast<CCmTimerQueueBase*>(pThread->GetTimerQueue());
+                  const bool bHadTimer = pQueue->GetEarliestTime() != CCmTimeValue::s_tvMax;
+                  delete pGenerator;
+                  return bHadTimer && pQueue->GetEarliestTime() == CCmTimeValue::s_tvMax;
+              }));
+}
+
 TEST(CmLowTick, InstanceWithoutMemory_IsTriedAgain) {
     EXPECT_EQ(0, InChild([] {
                   ScopedTraceSink sink;

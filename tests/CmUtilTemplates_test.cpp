@@ -170,6 +170,27 @@ TEST_F(CmComAutoPtr, Assign_ReleasesTheOldObject) {
     EXPECT_EQ(2, g_nDestroyed);
 }
 
+TEST_F(CmComAutoPtr, Attach_TakesNoReferenceAndReleasesTheOldObject) {
+    CCmComAutoPtr<Object> ptr(new Object);
+    Object* pNew = new Object;
+    pNew->AddReference();
+    ptr.Attach(pNew);
+    EXPECT_EQ(1, g_nDestroyed);
+    EXPECT_EQ(pNew, ptr.ParaIn());
+    EXPECT_EQ(1u, pNew->GetReference());
+}
+
+TEST_F(CmComAutoPtr, Attach_FillsAnEmptyPointer) {
+    Object* pObject = new Object;
+    pObject->AddReference();
+    {
+        CCmComAutoPtr<Object> ptr;
+        ptr.Attach(pObject);
+        EXPECT_EQ(1u, pObject->GetReference());
+    }
+    EXPECT_EQ(1, g_nDestroyed);
+}
+
 TEST_F(CmComAutoPtr, Copy_SharesTheObject) {
     CCmComAutoPtr<Object> first(new Object);
     CCmComAutoPtr<Object> second(first);
