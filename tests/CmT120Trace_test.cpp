@@ -687,45 +687,6 @@ TEST_F(CmT120Trace, Close_ChangesNothing_WithoutABundle) {
     EXPECT_EQ(Texts{"text"}, m_Library.texts());
 }
 
-const char* s_pszModule = nullptr;
-
-int ModuleIs(const void* /*aAddress*/, Dl_info* aInfo) {
-    aInfo->dli_fname = s_pszModule;
-    return 1;
-}
-
-class CmT120TraceBundle : public CmT120Trace {
-  protected:
-    // Whether a facility finds a bundle when the library is at aModulePath, which shows in whether
-    // Close takes the level functions away.
-    bool IsFoundBeside(const std::string& aModulePath) {
-        s_pszModule = aModulePath.c_str();
-        kelto_test::ScopedEntry<decltype(g_cmSystem.dladdr)> entry(g_cmSystem.dladdr, &ModuleIs);
-        const size_t nCalls = m_Library.calls().size();
-        std::unique_ptr<CCmT120Trace> pTrace = Load("");
-        pTrace->Close();
-        Trace(*pTrace, 0, "text");
-        return m_Library.calls().size() == nCalls;
-    }
-};
-
-TEST_F(CmT120TraceBundle, IsFoundBesideTheLibrary_ByAPathThatFillsItsBuffer) {
-    std::filesystem::create_directory(m_Home.path() + "yrktrace.bundle");
-    std::string sDirectory = m_Home.path();
-    sDirectory.resize(1007, '/');
-    EXPECT_TRUE(IsFoundBeside(sDirectory + "/util.so"));
-    EXPECT_FALSE(IsFoundBeside(sDirectory + "//util.so"));
-}
-
-TEST_F(CmT120TraceBundle, IsNotFound_WhenTheLibraryIsInNoDirectory) {
-    EXPECT_EQ(0, StatusOfChild([this] {
-                  std::filesystem::create_directories(m_Home.path() + "util.so/yrktrace.bundle");
-                  std::filesystem::current_path(m_Home.path());
-                  EXPECT_TRUE(IsFoundBeside("util.so/util.so"));
-                  EXPECT_FALSE(IsFoundBeside("util.so"));
-              }));
-}
-
 // ---- The facility of the process, in a process of its own each
 
 TEST(CmT120TraceInstance, Instance_IsOneAndDeliversALineWithoutSink) {
