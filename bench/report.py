@@ -241,6 +241,7 @@ def report(result, notes, directory):
 def compare(base_paths, other_paths):
     base, other = read(base_paths), read(other_paths)
     print(f"{'base':>12} {'other':>12} {'ratio':>7}  row")
+    compared = slower = 0
     for area, works in base.items():
         for work, row_set in works.items():
             for who, row in row_set.items():
@@ -248,9 +249,12 @@ def compare(base_paths, other_paths):
                 if new is not None:
                     ratio = min(new.times) / min(row.times)
                     noise = max(0.05, 2 * max(row.spread, new.spread))
-                    mark = "  <- slower" if ratio > 1 + noise else ""
+                    is_slower = ratio > 1 + noise
+                    compared += 1
+                    slower += is_slower
                     print(f"{min(row.times):10.1f}ns {min(new.times):10.1f}ns {ratio:7.2f}  "
-                          f"{area}: {work}: {who}{mark}")
+                          f"{area}: {work}: {who}{'  <- slower' if is_slower else ''}")
+    print(f"{slower} of {compared} rows slower by more than the noise")
 
 
 def main(arguments):
