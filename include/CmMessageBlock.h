@@ -77,7 +77,7 @@ class CM_UTIL_EXPORT CCmMessageBlock {
     // unchanged.
     CmResult SetData(unsigned int aSize, const char* aData, unsigned long aFlag,
                      unsigned int aAdvanceWritePtr);
-    // Shares aDb (null leaves the block empty).
+    // Shares aDb by a reference of its own (null leaves the block empty).
     CmResult SetData(CCmDataBlock* aDb, unsigned long aFlag, unsigned int aAdvanceWritePtr);
 
     // Copies aCount bytes out of the chain. aDst: null skips without copying. aAdvance: 0 peeks,
@@ -139,8 +139,8 @@ class CM_UTIL_EXPORT CCmMessageBlock {
     // duplicate of this chain when they lie in its first block already. Null when memory ran out
     // or the bytes exceed what one block can hold.
     CCmMessageBlock* CombineSingleBuffer() const;
-    // Describes the readable pieces, at most aMax, and returns how many. Empty blocks take no
-    // entry, a locked block one with a null base.
+    // Describes the readable pieces in aIov, at most aMax, and returns how many. Empty blocks take
+    // no entry, a locked block one with a null base; a null aIov is not filled.
     uint32_t FillIov(iovec* aIov, unsigned int aMax) const;
     static uint32_t FillIov(const CCmMessageBlock* aMb, iovec* aIov, unsigned int aMax);
 

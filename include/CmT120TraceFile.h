@@ -54,15 +54,18 @@ class CM_UTIL_EXPORT CCmT120TraceFile {
     CmResult attach(const char* aPath = nullptr);
 
     // Any of aTag and aModule may be null. Lines whose module matches a filter are left out. A
-    // line that does not fit the line buffer is cut and keeps its line end.
+    // line that does not fit the line buffer is cut and keeps its line end; a null aText reads
+    // "(null)". A shared record takes write_shared's way.
     void write(const char* aTag, const char* aModule, const char* aText);
-    // Once a position reached the size limit, the next line goes to the top of the file again.
+    // Cuts nothing; a null aText is no line. Once a position reached the size limit, the next line
+    // goes to the top of the file again.
     void write_shared(const char* aTag, const char* aModule, const char* aText);
     // Writes the collected lines. A position at the size limit cuts the file off there, and the
     // lines are appended all the same.
     void flush_buffer();
 
-    // Flushes. aFlushCount: lines per flush, taken to be within 1 and 1048575. Returns 1.
+    // Flushes. aFlushCount: lines per flush, taken to be within 1 and 1048575; without memory for
+    // so many, write loses every line until another count is set. Returns 1.
     unsigned char refresh_settings(unsigned long aSizeLimit, int aFlushCount);
 
     // 1 when both names are given and equal, else 0.

@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -169,6 +170,14 @@ TEST_F(CmT120TraceFile, Write_TakesNoTextAsAFormat) {
     EXPECT_NE(std::string::npos, Content().find(" [%s] %n:%d%%\n"));
 }
 
+TEST_F(CmT120TraceFile, Write_PrintsANullTextAsPrintfDoes) {
+    WriteEmptyTraceFile();
+    CCmT120TraceFile file(m_sPath.c_str(), 0, 0, 0);
+    file.attach();
+    file.write(nullptr, "net", nullptr);
+    EXPECT_NE(std::string::npos, Content().find(" net:(null)\n"));
+}
+
 TEST_F(CmT120TraceFile, Write_LosesTheFirst32BytesOfANewFileToTheHeader) {
     for (unsigned char bShared : {0, 1}) {
         std::filesystem::remove(m_sPath);
@@ -254,6 +263,28 @@ TEST_F(CmT120TraceFile, RefreshSettings_BoundsTheFlushCount) {
         WriteEmptyTraceFile();
     }
 }
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+// The sanitizers' own memory lies beyond any limit.
+TEST_F(CmT120TraceFile, RefreshSettings_LosesLines_WithoutMemoryForThem) {
+    for (unsigned char bShared : {0, 1}) {
+        WriteEmptyTraceFile();
+        EXPECT_EQ(0, kelto_test::StatusOfChild([this, bShared] {
+                      CCmT120TraceFile file(m_sPath.c_str(), 0, bShared, 0);
+                      file.attach();
+                      const rlimit limit = {1 << 30, 1 << 30};
+                      ASSERT_EQ(0, setrlimit(RLIMIT_AS, &limit));
+                      EXPECT_EQ(1, file.refresh_settings(0, INT32_MAX));
+                      file.write(nullptr, nullptr, "lost");
+                      file.flush_buffer();
+                      EXPECT_EQ(Header(32), Content());
+                      EXPECT_EQ(1, file.refresh_settings(0, 1));
+                      file.write(nullptr, nullptr, "next");
+                      EXPECT_EQ(Stamp() + " next\n", Content().substr(32, Stamp().size() + 6));
+                  }));
+    }
+}
+#endif
 
 TEST_F(CmT120TraceFile, RefreshSettings_TakesManyLinesPerFlush) {
     WriteEmptyTraceFile();
