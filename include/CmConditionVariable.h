@@ -120,6 +120,12 @@ class CM_UTIL_EXPORT CCmEventThread {
     CmResult Reset();
 
   private:
+    friend class CCmEventSynchronous;
+
+    // Signal of an automatic event that its waiter leaves alive: the waiter does not wake up only
+    // to find the mutex taken.
+    CmResult SignalBehindLock_i();
+
     CCmMutexThread m_Mutex;
     CCmConditionVariableThread m_Condition;
     int m_bManualReset CM_GUARDED_BY(m_Mutex);

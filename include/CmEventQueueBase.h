@@ -114,7 +114,9 @@ class CM_UTIL_EXPORT CCmEventQueueBase : public ICmEventQueue {
     // One post, prepared before the lock is taken and concluded after it was released.
     struct CPosting;
     CmResult Prepare_i(CPosting& aPosting, bool aNeedsNode);
-    CmResult Append_l(CPosting& aPosting);
+    // Uses the first node of aNodes, which has one.
+    CmResult Append_l(CPosting& aPosting, std::list<ICmEvent*>& aNodes);
+    void WatchSize_l(CPosting& aPosting);
     void Conclude_i(CPosting& aPosting, CmResult aResult);
     // Runs and ends an event that starts at aStart; returns the start of the next one.
     CCmTimeValue RunAndEnd_i(ICmEvent* aEvent, const CCmTimeValue& aStart);
@@ -209,13 +211,15 @@ class CM_UTIL_EXPORT CCmEventQueueUsingConditionVariable : public CCmEventQueueB
     // Wakes the consumer when it sleeps.
     CmResult PostEvent(ICmEvent* aEvent, EPriority aPri) override;
     // Consumer thread only. Waits once while nothing is pending, at most aTimeout (relative; null
-    // waits without limit), then takes at most aMaxCount events. CM_ERROR_NOT_FOUND: still empty,
-    // also when the wait ended early without an event. A cancellation point while it waits; a
-    // cancelled thread leaves the queue usable.
+    // waits without limit), then takes at most aMaxCount events. Before a wait without limit it
+    // gives the core to other threads once: what they post then costs no wake-up.
+    // CM_ERROR_NOT_FOUND: still empty, also when the wait ended early without an event. A
+    // cancellation point while it waits; a cancelled thread leaves the queue usable.
     CmResult PopOrWaitPendingEvents(std::list<ICmEvent*>& aEvents, CCmTimeValue* aTimeout,
                                     DWORD aMaxCount = 0xFFFFFFFF);
-    // Consumer thread only. ProcessEvents, whose list nodes serve coming posts; aEvents is empty
-    // afterwards. When the thread is cancelled, the events not yet started are pending again.
+    // Consumer thread only. ProcessEvents, whose list nodes serve coming posts: the queue keeps as
+    // many as the last list had, between 256 and 16384 (512 KiB). aEvents is empty afterwards. When
+    // the thread is cancelled, the events not yet started are pending again.
     void ProcessAndRecycleEvents(std::list<ICmEvent*>& aEvents);
     // DestoryPendingEvents of the base; the events are taken out under the queue's mutex and ended
     // after it was released.
@@ -228,7 +232,7 @@ class CM_UTIL_EXPORT CCmEventQueueUsingConditionVariable : public CCmEventQueueB
     class CWaiting;
     class CUnstarted;
 
-    CmResult UseSpare_l(CPosting& aPosting) CM_REQUIRES(m_Mutex);
+    CmResult AppendToList_l(CPosting& aPosting) CM_REQUIRES(m_Mutex);
     void Wait_l(CCmTimeValue* aTimeout) CM_REQUIRES(m_Mutex);
     void Wake_i();
     void PutBack_i(std::list<ICmEvent*>& aEvents);

@@ -45,13 +45,13 @@ class CM_UTIL_EXPORT CCmTimeValue {
     constexpr void Normalize();
 
     // Saturate at s_tvMax and its negative.
-    CCmTimeValue& operator+=(const CCmTimeValue& aRight);
-    CCmTimeValue& operator-=(const CCmTimeValue& aRight);
+    constexpr CCmTimeValue& operator+=(const CCmTimeValue& aRight);
+    constexpr CCmTimeValue& operator-=(const CCmTimeValue& aRight);
 
-    friend CCmTimeValue operator+(CCmTimeValue aLeft, const CCmTimeValue& aRight) {
+    friend constexpr CCmTimeValue operator+(CCmTimeValue aLeft, const CCmTimeValue& aRight) {
         return aLeft += aRight;
     }
-    friend CCmTimeValue operator-(CCmTimeValue aLeft, const CCmTimeValue& aRight) {
+    friend constexpr CCmTimeValue operator-(CCmTimeValue aLeft, const CCmTimeValue& aRight) {
         return aLeft -= aRight;
     }
     friend constexpr bool operator==(const CCmTimeValue& aLeft, const CCmTimeValue& aRight) {
@@ -101,6 +101,29 @@ constexpr void CCmTimeValue::Normalize() {
         m_lSec += 1;
         m_lUsec -= ONE_SECOND_IN_USECS;
     }
+}
+
+constexpr CCmTimeValue& CCmTimeValue::operator+=(const CCmTimeValue& aRight) {
+    // Both microsecond fields are below a million in magnitude, so their sum cannot overflow.
+    const long lSec = aRight.m_lSec;  // aRight may be this object
+    m_lUsec += aRight.m_lUsec;
+    if (CM_UNLIKELY(__builtin_add_overflow(m_lSec, lSec, &m_lSec))) {
+        Saturate(lSec < 0);
+        return *this;
+    }
+    Normalize();
+    return *this;
+}
+
+constexpr CCmTimeValue& CCmTimeValue::operator-=(const CCmTimeValue& aRight) {
+    const long lSec = aRight.m_lSec;
+    m_lUsec -= aRight.m_lUsec;
+    if (CM_UNLIKELY(__builtin_sub_overflow(m_lSec, lSec, &m_lSec))) {
+        Saturate(lSec > 0);
+        return *this;
+    }
+    Normalize();
+    return *this;
 }
 
 constexpr void CCmTimeValue::Saturate(bool aNegative) {

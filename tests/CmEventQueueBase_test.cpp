@@ -161,6 +161,21 @@ TEST(CmEventQueueBase, StaysSilent_WhenThePostComesExactlyThreeSecondsLater) {
     EXPECT_EQ(0u, sink.lines().size());
 }
 
+TEST(CmEventQueueBase, GoesByTheExactTime_WhenTheCoarseClockLagsBehind) {
+    kelto_test::ScopedClock clock(1000);
+    kelto_test::ScopedTraceSink sink;
+    EventLog log;
+    CCmEventQueueBase queue;
+    Post(queue, log, 1, 150);
+    clock.SetCoarseLagUsec(10000);
+    clock.Set(1003, 0);
+    Post(queue, log, 151, 151);
+    EXPECT_EQ(0u, sink.lines().size());
+    clock.Set(1003, 1);
+    Post(queue, log, 152, 152);
+    EXPECT_EQ(1u, sink.count("m_dwSize=152 "));
+}
+
 TEST(CmEventQueueBase, ReportsALongQueueOnce_WhenMoreThanThreeSecondsHavePassed) {
     kelto_test::ScopedClock clock(1000);
     kelto_test::ScopedTraceSink sink;
@@ -1076,6 +1091,52 @@ TEST(CmEventQueueUsingConditionVariable, DoesNotWait_WhenEventsArePending) {
     queue.ProcessEvents(events);
 }
 
+EventLog* g_pLogOfYield = nullptr;
+CCmEventQueueUsingConditionVariable* g_pQueueOfYield = nullptr;
+int g_nYields = 0;
+
+// Another thread's turn, in which it posts.
+int PostInstead() {
+    ++g_nYields;
+    return g_pQueueOfYield->PostEvent(new LoggedEvent(*g_pLogOfYield, g_nYields), NORMAL) == CM_OK
+               ? 0
+               : -1;
+}
+
+TEST(CmEventQueueUsingConditionVariable, LetsOthersPost_BeforeItSleeps) {
+    EventLog log;
+    CCmEventQueueUsingConditionVariable queue;
+    WaitCounter counter;
+    kelto_test::ScopedEntry<decltype(g_cmSystem.sched_yield)> entry(g_cmSystem.sched_yield,
+                                                                    &PostInstead);
+    g_pLogOfYield = &log;
+    g_pQueueOfYield = &queue;
+    g_nYields = 0;
+    for (int i = 1; i <= 2; ++i) {
+        Events events;
+        ASSERT_EQ(CM_OK, queue.PopOrWaitPendingEvents(events, nullptr));
+        queue.ProcessAndRecycleEvents(events);
+        EXPECT_EQ(IdsUpTo(i), log.fired());
+    }
+    EXPECT_EQ(0, g_nWaits.load());
+    EXPECT_EQ(0, g_nSignals.load());
+}
+
+TEST(CmEventQueueUsingConditionVariable, LosesNoTime_WhenItsSleepIsLimitedOrNotNeeded) {
+    EventLog log;
+    CCmEventQueueUsingConditionVariable queue;
+    kelto_test::ScopedEntry<decltype(g_cmSystem.sched_yield)> entry(g_cmSystem.sched_yield,
+                                                                    &PostInstead);
+    g_nYields = 0;
+    Events events;
+    CCmTimeValue tvShort(0, 1000);
+    EXPECT_EQ(CM_ERROR_NOT_FOUND, queue.PopOrWaitPendingEvents(events, &tvShort));
+    Post(queue, log, 1, 1);
+    EXPECT_EQ(CM_OK, queue.PopOrWaitPendingEvents(events, nullptr));
+    EXPECT_EQ(0, g_nYields);
+    queue.ProcessEvents(events);
+}
+
 TEST(CmEventQueueUsingConditionVariable, WaitsOnce_WhenTheWaitEndsForNoReason) {
     CCmEventQueueUsingConditionVariable queue;
     kelto_test::ScopedEntry<decltype(g_cmSystem.pthread_cond_wait)> entry(
@@ -1287,17 +1348,32 @@ TEST(CmEventQueueUsingConditionVariable, AllocatesNothing_WhenListNodesAreRecycl
     EXPECT_EQ(IdsUpTo(8), log.fired());
 }
 
-TEST(CmEventQueueUsingConditionVariable, KeepsFewListNodes_WhenManyEventsWereRun) {
-    const long lLive = kelto_test::LiveAllocationsBefore();
-    CCmEventQueueUsingConditionVariable queue;
-    for (int i = 0; i < 3; ++i) {
-        for (int n = 0; n < 1000; ++n) {
-            queue.PostEvent(new EndingEvent([] {}), NORMAL);
+// Each pass posts, takes and runs aCount events.
+void RunPasses(CCmEventQueueUsingConditionVariable& aQueue, int aPasses, int aCount) {
+    for (int i = 0; i < aPasses; ++i) {
+        for (int n = 0; n < aCount; ++n) {
+            aQueue.PostEvent(new EndingEvent([] {}), NORMAL);
         }
         Events events;
-        queue.PopOrWaitPendingEvents(events, nullptr);
-        queue.ProcessAndRecycleEvents(events);
+        aQueue.PopOrWaitPendingEvents(events, nullptr);
+        aQueue.ProcessAndRecycleEvents(events);
     }
+}
+
+TEST(CmEventQueueUsingConditionVariable, KeepsAsManyListNodesAsItTookAtOnce_UpToALimit) {
+    const long lLive = kelto_test::LiveAllocationsBefore();
+    CCmEventQueueUsingConditionVariable queue;
+    RunPasses(queue, 3, 1000);
+    EXPECT_LE(kelto_test::LiveAllocations(), lLive + 1000);
+    RunPasses(queue, 1, 20000);
+    EXPECT_LE(kelto_test::LiveAllocations(), lLive + 16384);
+}
+
+TEST(CmEventQueueUsingConditionVariable, GivesListNodesBack_WhenPassesAreSmallAgain) {
+    const long lLive = kelto_test::LiveAllocationsBefore();
+    CCmEventQueueUsingConditionVariable queue;
+    RunPasses(queue, 1, 1000);
+    RunPasses(queue, 100, 10);
     EXPECT_LE(kelto_test::LiveAllocations(), lLive + 256);
 }
 

@@ -209,6 +209,20 @@ CmResult CCmEventThread::Signal() {
     return m_Condition.Signal();
 }
 
+CmResult CCmEventThread::SignalBehindLock_i() {
+    {
+        CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
+        const CmResult rv = lock.result();
+        CM_ASSERTE_RETURN(CM_SUCCEEDED(rv), rv);
+
+        if (m_nWaiters == 0) {
+            m_bSignaled = 1;
+            return CM_OK;
+        }
+    }
+    return m_Condition.Signal();
+}
+
 CmResult CCmEventThread::Pulse() {
     CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
     const CmResult rv = lock.result();

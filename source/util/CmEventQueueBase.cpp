@@ -1,18 +1,22 @@
 #include "CmEventQueueBase.h"
 
+#include <algorithm>
 #include <new>
 
 #include "CmScopedLock.h"
 #include "CmTraceLine.h"
+#include "port/CmPort.h"
 #include "port/CmSystem.h"
 
 namespace UTIL_NS {
 
 namespace {
 
-constexpr long WATCH_INTERVAL_SEC = 3;        // between two looks at the size
+constexpr CCmTimeValue WATCH_INTERVAL(3);  // between two looks at the size
+constexpr CCmTimeValue WATCH_PAUSE = WATCH_INTERVAL - CCmTimeValue(0, CM_PORT_COARSE_USEC);
 constexpr DWORD LONG_QUEUE_SIZE = 101;        // reported from here on
-constexpr DWORD MAX_SPARES = 256;             // list nodes that a queue keeps
+constexpr size_t SPARES_AT_LEAST = 256;       // list nodes that a queue may keep
+constexpr size_t SPARES_AT_MOST = 16384;      // even if its last pass took more
 constexpr int WAKE_TRIES = 3;                 // a sender must not miss its wake-up
 constexpr long SENDERS_NAP_NSEC = 50 * 1000;  // between two looks for busy senders
 
@@ -107,7 +111,7 @@ struct CCmEventQueueBase::CPosting {
 
     ICmEvent* m_pEvent;
     std::list<ICmEvent*> m_Node;  // the node to append, unless a spare one is to be used
-    CCmTimeValue m_tvNow;
+    timeval m_tvCoarseNow = {};
     DWORD m_dwReportSize = 0;  // the size that is to be reported, if any
 };
 
@@ -129,7 +133,7 @@ CmResult CCmEventQueueBase::PostEvent(ICmEvent* aEvent, EPriority /*aPri*/) {
     CPosting posting(aEvent);
     CmResult rv = Prepare_i(posting, true);
     if (CM_SUCCEEDED(rv)) {
-        rv = Append_l(posting);
+        rv = Append_l(posting, posting.m_Node);
     }
     Conclude_i(posting, rv);
     return rv;
@@ -139,24 +143,33 @@ CmResult CCmEventQueueBase::Prepare_i(CPosting& aPosting, bool aNeedsNode) {
     if (CM_UNLIKELY(m_bIsStopped.load(std::memory_order_relaxed))) {
         return CM_ERROR_NOT_INITIALIZED;
     }
-    aPosting.m_tvNow = CCmTimeValue::GetTimeOfDay();
+    g_cmClock.coarse_gettimeofday(&aPosting.m_tvCoarseNow, nullptr);
     return aNeedsNode ? AddNode(aPosting.m_Node, aPosting.m_pEvent) : CM_OK;
 }
 
-CmResult CCmEventQueueBase::Append_l(CPosting& aPosting) {
+CmResult CCmEventQueueBase::Append_l(CPosting& aPosting, std::list<ICmEvent*>& aNodes) {
     // Looked at again: a consumer that ends closes the queue under the lock.
     if (CM_UNLIKELY(m_bIsStopped.load(std::memory_order_relaxed))) {
         return CM_ERROR_NOT_INITIALIZED;
     }
-    m_Events.splice(m_Events.end(), aPosting.m_Node);
-    const DWORD dwSize = m_dwSize.load(std::memory_order_relaxed) + 1;
-    m_dwSize.store(dwSize, std::memory_order_relaxed);
+    m_Events.splice(m_Events.end(), aNodes, aNodes.begin());
+    m_Events.back() = aPosting.m_pEvent;
+    m_dwSize.store(m_dwSize.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    WatchSize_l(aPosting);
+    return CM_OK;
+}
 
-    if (CM_UNLIKELY(aPosting.m_tvNow - m_tvLastReport > CCmTimeValue(WATCH_INTERVAL_SEC))) {
-        m_tvLastReport = aPosting.m_tvNow;
+// Asks the exact clock only when the coarse one cannot rule out that the interval has passed.
+void CCmEventQueueBase::WatchSize_l(CPosting& aPosting) {
+    if (CM_LIKELY(CCmTimeValue(aPosting.m_tvCoarseNow) - m_tvLastReport <= WATCH_PAUSE)) {
+        return;
+    }
+    const CCmTimeValue tvNow = CCmTimeValue::GetTimeOfDay();
+    if (tvNow - m_tvLastReport > WATCH_INTERVAL) {
+        m_tvLastReport = tvNow;
+        const DWORD dwSize = m_dwSize.load(std::memory_order_relaxed);
         aPosting.m_dwReportSize = dwSize >= LONG_QUEUE_SIZE ? dwSize : 0;
     }
-    return CM_OK;
 }
 
 void CCmEventQueueBase::Conclude_i(CPosting& aPosting, CmResult aResult) {
@@ -218,10 +231,12 @@ CmResult CCmEventQueueBase::PopPendingEvents(std::list<ICmEvent*>& aEvents, DWOR
         aEvents.splice(aEvents.end(), m_Events);
         dwSize = 0;
     } else {
-        for (DWORD i = 0; i < aMaxCount && !m_Events.empty(); ++i) {
-            aEvents.splice(aEvents.end(), m_Events, m_Events.begin());
+        auto itEnd = m_Events.begin();
+        for (DWORD i = 0; i < aMaxCount && itEnd != m_Events.end(); ++i) {
+            ++itEnd;
             --dwSize;
         }
+        aEvents.splice(aEvents.end(), m_Events, m_Events.begin(), itEnd);
     }
     m_dwSize.store(dwSize, std::memory_order_relaxed);
     if (aRemainSize != nullptr) {
@@ -407,7 +422,7 @@ void CCmEventSynchronous::EndEvent_i() {
 }
 
 void CCmEventSynchronous::Wake_i() {
-    for (int i = 0; i < WAKE_TRIES && CM_FAILED(m_SendEvent.Signal()); ++i) {
+    for (int i = 0; i < WAKE_TRIES && CM_FAILED(m_SendEvent.SignalBehindLock_i()); ++i) {
     }
 }
 
@@ -444,7 +459,7 @@ CmResult CCmEventQueueUsingMutex::PostEventWithOldSize(ICmEvent* aEvent, EPriori
             *aOldSize = m_dwSize.load(std::memory_order_relaxed);
         }
         if (CM_SUCCEEDED(rv)) {
-            rv = Append_l(posting);
+            rv = Append_l(posting, posting.m_Node);
         }
     }
     CM_ASSERTE_RETURN(aEvent, rv);
@@ -501,18 +516,23 @@ class CCmEventQueueUsingConditionVariable::CWaiting {
 class CCmEventQueueUsingConditionVariable::CUnstarted {
   public:
     CUnstarted(CCmEventQueueUsingConditionVariable& aQueue, std::list<ICmEvent*>& aEvents)
-        : m_Queue(aQueue), m_Events(aEvents) {}
+        : m_Queue(aQueue), m_Events(aEvents), m_itNext(aEvents.begin()) {}
     ~CUnstarted() {
-        if (!m_Events.empty()) {
+        if (m_itNext != m_Events.end()) {
+            m_Events.erase(m_Events.begin(), m_itNext);
             m_Queue.PutBack_i(m_Events);
         }
     }
     CUnstarted(const CUnstarted&) = delete;
     CUnstarted& operator=(const CUnstarted&) = delete;
 
+    // Null behind the last one.
+    ICmEvent* TakeNext() { return m_itNext != m_Events.end() ? *m_itNext++ : nullptr; }
+
   private:
     CCmEventQueueUsingConditionVariable& m_Queue;
     std::list<ICmEvent*>& m_Events;
+    std::list<ICmEvent*>::iterator m_itNext;
 };
 
 CCmEventQueueUsingConditionVariable::CCmEventQueueUsingConditionVariable()
@@ -529,10 +549,7 @@ CmResult CCmEventQueueUsingConditionVariable::PostEvent(ICmEvent* aEvent, EPrior
     CmResult rv = Prepare_i(posting, m_dwSpares.load(std::memory_order_relaxed) == 0);
     if (CM_SUCCEEDED(rv)) {
         CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
-        rv = UseSpare_l(posting);
-        if (CM_SUCCEEDED(rv)) {
-            rv = Append_l(posting);
-        }
+        rv = AppendToList_l(posting);
         if (CM_SUCCEEDED(rv) && m_dwWaiters > m_dwSignalled) {
             ++m_dwSignalled;
             bWake = true;
@@ -545,17 +562,17 @@ CmResult CCmEventQueueUsingConditionVariable::PostEvent(ICmEvent* aEvent, EPrior
     return rv;
 }
 
-CmResult CCmEventQueueUsingConditionVariable::UseSpare_l(CPosting& aPosting) {
+CmResult CCmEventQueueUsingConditionVariable::AppendToList_l(CPosting& aPosting) {
     if (!aPosting.m_Node.empty()) {
-        return CM_OK;
+        return Append_l(aPosting, aPosting.m_Node);
     }
-    if (m_Spares.empty()) {  // another poster took the last one
-        return AddNode(aPosting.m_Node, aPosting.m_pEvent);
+    // Empty: other posters took the last spare node since this one had a look.
+    if (m_Spares.empty() && CM_FAILED(AddNode(m_Spares, nullptr))) {
+        return CM_ERROR_OUT_OF_MEMORY;
     }
-    aPosting.m_Node.splice(aPosting.m_Node.end(), m_Spares, m_Spares.begin());
-    aPosting.m_Node.front() = aPosting.m_pEvent;
+    const CmResult rv = Append_l(aPosting, m_Spares);
     m_dwSpares.store(static_cast<DWORD>(m_Spares.size()), std::memory_order_relaxed);
-    return CM_OK;
+    return rv;
 }
 
 void CCmEventQueueUsingConditionVariable::Wake_i() {
@@ -571,6 +588,10 @@ void CCmEventQueueUsingConditionVariable::Wake_i() {
 CmResult CCmEventQueueUsingConditionVariable::PopOrWaitPendingEvents(std::list<ICmEvent*>& aEvents,
                                                                      CCmTimeValue* aTimeout,
                                                                      DWORD aMaxCount) {
+    // Before it sleeps, others get the core: what they post meanwhile wakes nobody.
+    if (aTimeout == nullptr && m_dwSize.load(std::memory_order_relaxed) == 0) {
+        g_cmSystem.sched_yield();
+    }
     CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
     if (!m_Spent.empty()) {
         m_Spares.splice(m_Spares.end(), m_Spent);
@@ -596,14 +617,17 @@ void CCmEventQueueUsingConditionVariable::Wait_l(CCmTimeValue* aTimeout) {
 }
 
 void CCmEventQueueUsingConditionVariable::ProcessAndRecycleEvents(std::list<ICmEvent*>& aEvents) {
-    CUnstarted unstarted(*this, aEvents);
-    CCmTimeValue tvStart = CCmTimeValue::GetTimeOfDay();
-    while (!aEvents.empty()) {
-        ICmEvent* pEvent = aEvents.front();
-        m_Spent.splice(m_Spent.end(), aEvents, aEvents.begin());
-        tvStart = RunAndEnd_i(pEvent, tvStart);
+    {
+        CUnstarted unstarted(*this, aEvents);
+        CCmTimeValue tvStart = CCmTimeValue::GetTimeOfDay();
+        while (ICmEvent* pEvent = unstarted.TakeNext()) {
+            tvStart = RunAndEnd_i(pEvent, tvStart);
+        }
     }
-    while (m_Spent.size() + m_dwSpares.load(std::memory_order_relaxed) > MAX_SPARES) {
+    const size_t nKept = std::clamp(aEvents.size(), SPARES_AT_LEAST, SPARES_AT_MOST);
+    m_Spent.splice(m_Spent.end(), aEvents);
+    while (!m_Spent.empty() &&
+           m_Spent.size() + m_dwSpares.load(std::memory_order_relaxed) > nKept) {
         m_Spent.pop_front();
     }
 }

@@ -21,6 +21,8 @@ class ScopedClock {
     // Of either sign.
     void AdvanceUsec(long long aUsec);
     void AdvanceMs(long long aMs) { AdvanceUsec(aMs * 1000); }
+    // How far the coarse clock is behind; 0 at first.
+    void SetCoarseLagUsec(long aUsec);
     // What times() returns.
     void SetTicks(clock_t aTicks);
     // How often the wall clock has been read since construction.

@@ -12,6 +12,7 @@
 
 #include <stddef.h>
 #include <stdint.h>
+#include <sys/time.h>
 
 #include "CmPlatform.h"
 
@@ -65,6 +66,12 @@ struct CmPortInterface {
 // Reads the record at the start of aRecords, of which aLength bytes are left, and returns its
 // length, the distance to the next record. 0 when no whole record is left.
 size_t CmPortReadInterface(const char* aRecords, size_t aLength, CmPortInterface& aInterface);
+
+// gettimeofday for those who ask often and need not know exactly: never later than the exact time
+// and at most CM_PORT_COARSE_USEC behind it, at a fraction of the cost where the platform has such
+// a clock. The second argument is ignored. Called through g_cmClock.
+constexpr long CM_PORT_COARSE_USEC = 20 * 1000;
+int CmPortCoarseTimeOfDay(timeval* aNow, void* aUnused);
 
 // A counting semaphore: as sem_init, sem_destroy, sem_wait and sem_post, 0 or -1 with errno set.
 // The units call them through g_cmSystem. CmConditionSemaphore.h serves where the system has no

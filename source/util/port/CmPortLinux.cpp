@@ -1,6 +1,7 @@
 #include "CmPort.h"
 
 #include <string.h>
+#include <time.h>
 #include <unistd.h>
 
 #include "CmInterfaceRecord.h"
@@ -163,6 +164,15 @@ void CmPortBundleRelease(void* /*aBundle*/) {}
 
 size_t CmPortReadInterface(const char* aRecords, size_t aLength, CmPortInterface& aInterface) {
     return CmReadInterface<CCmFixedInterfaceRecord>(aRecords, aLength, aInterface);
+}
+
+// The time of the kernel's last tick; ticks are at most 10 ms apart.
+int CmPortCoarseTimeOfDay(timeval* aNow, void* /*aUnused*/) {
+    timespec tsNow;
+    const int rv = ::clock_gettime(CLOCK_REALTIME_COARSE, &tsNow);
+    aNow->tv_sec = tsNow.tv_sec;
+    aNow->tv_usec = tsNow.tv_nsec / 1000;
+    return rv;
 }
 
 }  // namespace UTIL_NS

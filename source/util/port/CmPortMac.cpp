@@ -167,6 +167,11 @@ size_t CmPortReadInterface(const char* aRecords, size_t aLength, CmPortInterface
     return CmReadInterface<CCmVariableInterfaceRecord>(aRecords, aLength, aInterface);
 }
 
+// The exact clock: there is no coarse one, and it takes no system call.
+int CmPortCoarseTimeOfDay(timeval* aNow, void* /*aUnused*/) {
+    return ::gettimeofday(aNow, nullptr);
+}
+
 int CmPortSemaphoreInit(CmConditionSemaphore* aSemaphore, int /*aShared*/, unsigned aCount) {
     return CmConditionSemaphoreInit(aSemaphore, aCount);
 }

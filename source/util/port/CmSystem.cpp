@@ -1,6 +1,7 @@
 #include "CmSystem.h"
 
 #include <fcntl.h>
+#include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -28,6 +29,7 @@ int Open(const char* aPath, int aFlags, mode_t aMode) {
 
 CCmClockTable g_cmClock = {
     ::gettimeofday,
+    CmPortCoarseTimeOfDay,
     ::times,
 };
 
@@ -54,6 +56,7 @@ CCmSystemTable g_cmSystem = {
     ::pthread_cancel,
     ::gettimeofday,
     ::nanosleep,
+    ::sched_yield,
     ::sysconf,
     ::localtime_r,
     CmPortSemaphoreInit,

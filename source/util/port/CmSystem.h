@@ -25,6 +25,7 @@ namespace UTIL_NS {
 // g_cmSystem, so that a steered clock does not distort them.
 struct CCmClockTable {
     int (*gettimeofday)(timeval*, void*);
+    int (*coarse_gettimeofday)(timeval*, void*);  // see CmPortCoarseTimeOfDay
     clock_t (*times)(tms*);
 };
 extern CCmClockTable g_cmClock;
@@ -52,6 +53,7 @@ struct CCmSystemTable {
     int (*pthread_cancel)(pthread_t);
     int (*gettimeofday)(timeval*, void*);
     int (*nanosleep)(const timespec*, timespec*);
+    int (*sched_yield)();
     long (*sysconf)(int);
     tm* (*localtime_r)(const time_t*, tm*);
     int (*sem_init)(CmPlatformSemaphore*, int, unsigned);
