@@ -5,6 +5,7 @@
 
 #include "CmClock.h"
 #include "CmConditionVariable.h"
+#include "CmThread.h"
 #include "CmTimeValue.h"
 #include "CmTrace.h"
 #include "CmUtilMisc.h"
@@ -66,6 +67,51 @@ struct HostStatic {
     }
 };
 HostStatic g_HostStatic;
+
+// A thread object of the host's that lives from before main until behind it.
+class AdoptedThread : public ACmThread {
+  public:
+    void OnThreadRun() override {}
+};
+
+struct HostThread {
+    HostThread() : pThread(new AdoptedThread) {
+        bCreated = pThread->Create(TT_MAIN, TF_JOINABLE, 1) == CM_OK;
+        bFound = getCurrentThread() == pThread;
+    }
+    ~HostThread() {
+        if (getCurrentThread() != pThread) {
+            abort();
+        }
+        pThread->Destory(0);
+        pForgotten->Create(TT_MAIN, TF_JOINABLE, 1);
+        if (getCurrentThread() != pForgotten) {
+            abort();
+        }
+    }
+
+    AdoptedThread* const pThread;
+    AdoptedThread* const pForgotten = new AdoptedThread;  // still registered at the end
+    bool bCreated;
+    bool bFound;
+};
+// Constructed before the static objects of default priority, wherever these are.
+__attribute__((init_priority(200))) HostThread g_HostThread;
+
+// Runs when all static objects of the program are gone, as threads may that nobody stopped. Those
+// of a library that is linked into it are gone, too, and the registry is empty.
+__attribute__((destructor)) void UseAtTheEnd() {
+    ACmThread* pCurrent = getCurrentThread();
+    if (pCurrent != nullptr && pCurrent != g_HostThread.pForgotten) {
+        abort();
+    }
+}
+
+TEST(CmStaticInit, Threads_AreFoundFromBeforeMainOn) {
+    EXPECT_TRUE(g_HostThread.bCreated);
+    EXPECT_TRUE(g_HostThread.bFound);
+    EXPECT_EQ(g_HostThread.pThread, getCurrentThread());
+}
 
 TEST(CmStaticInit, Mutexes_AreUsableBeforeMain) {
     EXPECT_TRUE(g_Found.bRecursive);

@@ -41,15 +41,40 @@ CmResult NewEntry(std::list<ACmThread*>& aEntry, ACmThread* aThread) {
     return CM_OK;
 }
 
+// The process exits and its registry is gone; threads that nobody stopped may still run.
+CM_CONSTANT_INIT std::atomic<bool> g_bRegistryEnded{false};
+
+bool HasRegistryEnded() {
+    return CM_UNLIKELY(g_bRegistryEnded.load(std::memory_order_relaxed));
+}
+
 void RegisterEntry(std::list<ACmThread*>& aEntry) {
+    if (HasRegistryEnded()) {
+        return;
+    }
     CCmScopedLockT<CCmMutexThread> lock(g_thread_Mutex);
     g_threadList.splice(g_threadList.end(), aEntry);
 }
 
 }  // namespace
 
-CCmMutexThread g_thread_Mutex{CCmStaticInit()};
-std::list<ACmThread*> g_threadList;
+// There before the static objects of a host are constructed and until they are destroyed, also
+// when the library is linked into its program.
+[[gnu::init_priority(101)]] CCmMutexThread g_thread_Mutex{CCmStaticInit()};
+[[gnu::init_priority(101)]] std::list<ACmThread*> g_threadList;
+
+namespace {
+
+struct CRegistryEnd {
+    ~CRegistryEnd() {
+        CCmScopedLockT<CCmMutexThread> lock(g_thread_Mutex);
+        g_bRegistryEnded.store(true, std::memory_order_relaxed);
+        g_threadList.clear();  // for a thread that looked at the flag before
+    }
+};
+[[gnu::init_priority(101)]] CRegistryEnd g_registryEnd;
+
+}  // namespace
 
 CmResult RegisterThread(ACmThread* aThread) {
     std::list<ACmThread*> entry;
@@ -61,6 +86,9 @@ CmResult RegisterThread(ACmThread* aThread) {
 }
 
 CmResult UnRegisterThread(ACmThread* aThread) {
+    if (HasRegistryEnded()) {
+        return CM_ERROR_NOT_FOUND;
+    }
     CCmScopedLockT<CCmMutexThread> lock(g_thread_Mutex);
     for (auto it = g_threadList.begin(); it != g_threadList.end(); ++it) {
         if (*it == aThread) {
@@ -72,6 +100,9 @@ CmResult UnRegisterThread(ACmThread* aThread) {
 }
 
 ACmThread* getCurrentThread() {
+    if (HasRegistryEnded()) {
+        return nullptr;
+    }
     CCmScopedLockT<CCmMutexThread> lock(g_thread_Mutex);
     for (ACmThread* pThread : g_threadList) {
         if (IsEqualCurrentThread(pThread->GetThreadId())) {
