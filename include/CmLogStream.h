@@ -17,8 +17,9 @@
 
 namespace UTIL_NS {
 
-// The level functions: deliver the text that printf would build from aFormat, at level 2 all
-// four, cut to 131071 characters. 0 when aModule or aFormat is null, else 1. Any thread.
+// The level functions: deliver the text that printf would build from aFormat, up to a NUL in it, at
+// level 2 all four, cut to 131071 characters. 0 when aModule or aFormat is null, else 1. Any
+// thread.
 CM_UTIL_EXPORT int ccu_trace_debug(const char* aModule, const char* aFormat, ...)
     __attribute__((format(printf, 2, 3)));
 CM_UTIL_EXPORT int ccu_trace_info(const char* aModule, const char* aFormat, ...)
