@@ -16,8 +16,8 @@
 // "[tag] " is missing, without a module only the text follows. T is the low 32 bits of the
 // thread's handle, as a signed number.
 //
-// Nothing here throws, changes errno or reports a failure of tracing: a line that cannot be
-// written is lost, and those that are on disk stay.
+// Nothing here throws, changes errno, raises a signal or reports a failure of tracing: a line that
+// cannot be written is lost, and those that are on disk stay.
 #ifndef CM_T120_TRACE_FILE_H
 #define CM_T120_TRACE_FILE_H
 

@@ -434,6 +434,41 @@ TEST_F(CmT120TraceFile, Write_KeepsThePosition_WhenTheDiskIsFull) {
     }
 }
 
+// Whether the child that wrote under a limit of 200 bytes to a file lives to its end.
+bool SurvivesFileSizeLimit(UTIL_NS::CCmT120TraceFile& aFile) {
+    return kelto_test::StatusOfChild([&aFile] {
+               rlimit before;
+               ASSERT_EQ(0, getrlimit(RLIMIT_FSIZE, &before));
+               const rlimit limit = {200, before.rlim_max};
+               ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &limit));
+               aFile.write(nullptr, nullptr, "text");
+               ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &before));
+           }) == 0;
+}
+
+TEST_F(CmT120TraceFile, Write_LosesTheLine_BeyondTheFileSizeLimitOfTheProcess) {
+    for (unsigned char bShared : {0, 1}) {
+        for (long lPosition : {100, 200, 4000}) {
+            WriteFile(m_sPath, Header(lPosition) + std::string(68, 'o'));
+            CCmT120TraceFile file(m_sPath.c_str(), 0, bShared, 0);
+            file.attach();
+            EXPECT_TRUE(SurvivesFileSizeLimit(file));
+            EXPECT_EQ(Header(lPosition) + std::string(68, 'o'), Content());
+        }
+    }
+}
+
+TEST_F(CmT120TraceFile, Write_DoesNotGrowTheFile_BeyondTheFileSizeLimitOfTheProcess) {
+    for (unsigned char bShared : {0, 1}) {
+        WriteFile(m_sPath, Header(4000) + std::string(68, 'o'));
+        CCmT120TraceFile file(m_sPath.c_str(), 1000, bShared, 0);
+        file.attach();
+        EXPECT_TRUE(SurvivesFileSizeLimit(file));
+        EXPECT_GE(200u, Content().size());
+        EXPECT_EQ(bShared != 0, Content().find(" text\n") != std::string::npos);
+    }
+}
+
 TEST_F(CmT120TraceFile, Write_TriesAgain_WhenACallIsInterrupted) {
     WriteEmptyTraceFile();
     CCmT120TraceFile file(m_sPath.c_str(), 0, 1, 0);

@@ -1,6 +1,7 @@
 #include "CmT120TraceFile.h"
 
 #include <limits.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -100,6 +101,12 @@ bool WriteFully(int aDescriptor, const char* aText, size_t aLength, off_t aOffse
         aOffset += nWritten;
     }
     return true;
+}
+
+// Beyond the process's limit a write, or a file that is made longer, raises a signal that ends it.
+bool IsWithinFileSizeLimit(long aEnd) {
+    rlimit limit = {};
+    return ::getrlimit(RLIMIT_FSIZE, &limit) != 0 || static_cast<rlim_t>(aEnd) <= limit.rlim_cur;
 }
 
 // The start of a file; behind the end of a shorter one aBuffer stays as it is.
@@ -313,6 +320,9 @@ bool CCmT120TraceFile::is_at_limit_l(long aPosition) const {
 }
 
 void CCmT120TraceFile::truncate_l(long aPosition) {
+    if (!IsWithinFileSizeLimit(aPosition)) {
+        return;
+    }
     while (g_cmSystem.ftruncate(m_nDescriptor, aPosition) < 0 && errno == EINTR) {
     }
 }
@@ -320,7 +330,8 @@ void CCmT120TraceFile::truncate_l(long aPosition) {
 // The header moves only when the lines are on disk; until then it leaves them to be overwritten.
 void CCmT120TraceFile::write_at_l(long aPosition, const char* aText, size_t aLength) {
     const long lEnd = aPosition + static_cast<long>(aLength);
-    if (!WriteFully(m_nDescriptor, aText, aLength, aPosition) ||
+    if (!IsWithinFileSizeLimit(lEnd + static_cast<long>(MARKER_LENGTH)) ||
+        !WriteFully(m_nDescriptor, aText, aLength, aPosition) ||
         !WriteFully(m_nDescriptor, MARKER, MARKER_LENGTH, lEnd)) {
         return;
     }
