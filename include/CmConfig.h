@@ -13,7 +13,7 @@
 // Nothing is cached: every look-up reads its file again, so a changed file takes effect at once.
 // Nothing here fails towards its caller: a file that cannot be read, a missing section or key end
 // in the default, a number that does not parse in 0. Values handed out are always terminated and
-// cut to what their buffer holds; those of the main configuration file to 255 characters.
+// cut to what their buffer holds; where the caller gives none, to 255 characters.
 //
 // Any thread may look up. What changes the home directory, a file name or g_cur_env is to be
 // called during start-up, before other threads look up.
