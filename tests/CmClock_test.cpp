@@ -237,9 +237,12 @@ TEST(CmClock, TimeType_DefaultIsNow) {
 TEST(CmClock, MsSleep_SleepsItsTimeUnderASignalStorm) {
     kelto_test::SignalStorm storm;
     const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(0, ms_sleep(300));
-    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(300));
-    EXPECT_GT(storm.delivered(), 10u);
+    std::chrono::milliseconds slept(0);
+    do {  // on a busy machine the storm is slow to rise
+        EXPECT_EQ(0, ms_sleep(100));
+        slept += std::chrono::milliseconds(100);
+    } while (storm.delivered() <= 10);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, slept);
 }
 
 TEST(CmClock, MsSleep_RetriesAfterAnyFailure) {
