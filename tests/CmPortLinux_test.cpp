@@ -11,13 +11,15 @@
 #include "CmConfig.h"
 #include "port/CmPort.h"
 #include "support/ChildProcess.h"
-#include "support/Faults.h"
+#include "support/FaultRows.h"
 #include "support/Home.h"
 
 namespace UTIL_NS {
 namespace {
 
 using kelto_test::EndProcess;
+using kelto_test::Fault;
+using kelto_test::NO_LINE;
 using kelto_test::ScopedEntry;
 
 // What readlink("/proc/self/exe") gives.
@@ -184,6 +186,26 @@ TEST(CmPortLinuxBundle, Bundle_IsOnlyLookedFor) {
     ASSERT_NE(nullptr, hBundle);
     EXPECT_EQ(nullptr, CmPortBundleFunction(hBundle, "YRKINFO2"));
     CmPortBundleRelease(hBundle);
+}
+
+TEST(CmPortLinuxFaults, Calls_FailWithTheirResult) {
+    typedef CCmSystemTable T;
+    const auto findParent = [] {
+        char szPath[4096];
+        return MMP_GetCurrentModuleParentPath(szPath, sizeof(szPath)) > 0 ? 1L : 0L;
+    };
+    const auto lookAtItem = [] {
+        return CmPortItemInformation("/") == CmPortItem::UNKNOWN ? 0L : 1L;
+    };
+    const auto findBundle = [] { return CmPortBundleCreate("/") == nullptr ? 0L : 1L; };
+    kelto_test::CheckFaultRows({
+        {"executable ENOENT", Fault<&T::readlink, ssize_t>(ENOENT, -1), findParent, 1, 0, NO_LINE},
+        {"executable EACCES", Fault<&T::readlink, ssize_t>(EACCES, -1), findParent, 1, 0, NO_LINE},
+        {"item ENOENT", Fault<&T::access>(ENOENT, -1), lookAtItem, 1, 0, NO_LINE},
+        {"item EACCES", Fault<&T::access>(EACCES, -1), lookAtItem, 1, 0, NO_LINE},
+        {"item ENOTDIR", Fault<&T::access>(ENOTDIR, -1), lookAtItem, 1, 0, NO_LINE},
+        {"bundle ENOENT", Fault<&T::access>(ENOENT, -1), findBundle, 1, 0, NO_LINE},
+    });
 }
 
 }  // namespace

@@ -1,84 +1,44 @@
-// Every row of the table is one system call that fails with one error. The operation makes that
-// call once and is run three times, with the first, second or third call failing, alone or with
-// all that follow; each run's result and line are compared.
+// Every row of the tables is one system call that fails with one error; support/FaultRows.h says
+// how it is run. tests/calls sees that no call is left out.
 #include <errno.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
+#include <net/if.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
 
-#include <functional>
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <string>
-#include <vector>
 
 #include "CmAddress.h"
+#include "CmClock.h"
 #include "CmConditionVariable.h"
 #include "CmConfig.h"
+#include "CmLogStream.h"
+#include "CmT120Trace.h"
 #include "CmT120TraceFile.h"
 #include "CmThread.h"
+#include "CmTimeValue.h"
 #include "CmUtilClasses.h"
 #include "CmUtilMisc.h"
-#include "support/Faults.h"
+#include "port/CmPort.h"
+#include "support/FaultRows.h"
 #include "support/Home.h"
-#include "support/TraceSink.h"
+#include "support/TraceLibrary.h"
 
 namespace UTIL_NS {
 namespace {
 
+using kelto_test::CheckFaultRows;
+using kelto_test::Effect;
 using kelto_test::Failing;
-using kelto_test::FailingCall;
-using kelto_test::MaskAddresses;
-using kelto_test::ScopedTraceSink;
-
-struct Row {
-    const char* name;
-    // Makes a call of its entry fail while what it returns lives.
-    std::function<std::shared_ptr<void>(unsigned long aNth, Failing aFailing)> inject;
-    std::function<long()> operation;
-    long good;
-    long bad;
-    const char* line;  // written when the call fails; empty: none
-};
-
-template <auto Member, typename Result = int>
-auto Fault(int aError, Result aResult) {
-    return [=](unsigned long aNth, Failing aFailing) -> std::shared_ptr<void> {
-        return std::make_shared<FailingCall<Member>>(aError, aResult, aNth, aFailing);
-    };
-}
-
-// Of the calls that return the error.
-template <auto Member>
-auto Returned(int aError) {
-    return Fault<Member>(0, aError);
-}
-
-// The line of a failed call, if there is one; the others are not about failures.
-std::string FailureLine(const ScopedTraceSink& aSink) {
-    std::string sFailure;
-    for (const kelto_test::TraceLine& line : aSink.lines()) {
-        const std::string sText = MaskAddresses(line.text);
-        if (sText.find("failed") != std::string::npos || sText.find("can't") != std::string::npos) {
-            sFailure += sFailure.empty() ? sText : "\n" + sText;
-        }
-    }
-    return sFailure;
-}
-
-void Check(const Row& aRow) {
-    for (unsigned long ulNth = 1; ulNth <= 3; ++ulNth) {
-        for (Failing failing : {Failing::ONCE, Failing::FROM_THERE_ON}) {
-            const std::shared_ptr<void> pFault = aRow.inject(ulNth, failing);
-            for (unsigned long ulCall = 1; ulCall <= 3; ++ulCall) {
-                const bool bFails = failing == Failing::ONCE ? ulCall == ulNth : ulCall >= ulNth;
-                ScopedTraceSink sink;
-                EXPECT_EQ(bFails ? aRow.bad : aRow.good, aRow.operation())
-                    << aRow.name << ", call " << ulCall << ", failing " << ulNth;
-                EXPECT_EQ(bFails ? aRow.line : "", FailureLine(sink))
-                    << aRow.name << ", call " << ulCall << ", failing " << ulNth;
-            }
-        }
-    }
-}
+using kelto_test::Fault;
+using kelto_test::FaultPlan;
+using kelto_test::NO_LINE;
+using kelto_test::Returned;
+using kelto_test::ScopedEntry;
 
 // ---- Operations
 
@@ -137,6 +97,36 @@ long WaitForAMoment() {
     return rv;
 }
 
+int WokenAtOnce(pthread_cond_t* /*aCondition*/, pthread_mutex_t* /*aMutex*/) {
+    return 0;
+}
+
+long WaitForGood() {
+    CCmConditionVariableThread condition(g_conditionMutex);
+    g_conditionMutex.Lock();
+    const CmResult rv = condition.Wait(nullptr);
+    g_conditionMutex.UnLock();
+    return rv;
+}
+
+timespec g_tsDeadline;
+
+int TimedOutAtOnce(pthread_cond_t* /*aCondition*/, pthread_mutex_t* /*aMutex*/,
+                   const timespec* aDeadline) {
+    g_tsDeadline = *aDeadline;
+    return ETIMEDOUT;
+}
+
+// Whether a wait of an hour ends later than now.
+long IsDeadlineAhead() {
+    CCmConditionVariableThread condition(g_conditionMutex);
+    CCmTimeValue tvTimeout(3600);
+    g_conditionMutex.Lock();
+    condition.Wait(&tvTimeout);
+    g_conditionMutex.UnLock();
+    return g_tsDeadline.tv_sec > time(nullptr) ? 1 : 0;
+}
+
 long MakeSemaphore() {
     CCmSemaphore semaphore(0);
     return 0;
@@ -162,9 +152,69 @@ long LiveAWorker() {
     return rv;
 }
 
+// Runs until its thread is cancelled, or cannot be.
+class PausingThread : public ACmThread {
+  public:
+    void OnThreadRun() override {
+        while (!m_bReleased) {
+            usleep(100);
+        }
+    }
+    void Release() { m_bReleased = true; }
+
+  private:
+    std::atomic<bool> m_bReleased{false};
+};
+
+long CancelAThread() {
+    PausingThread* pThread = new PausingThread;
+    EXPECT_EQ(CM_OK, pThread->Create(1, TF_JOINABLE, 0));
+    const CmResult rv = pThread->Terminate();
+    if (rv != 0) {
+        pThread->Release();
+    }
+    EXPECT_EQ(CM_OK, pThread->Join());
+    pThread->Destory(0);
+    return rv;
+}
+
+// One whose join failed is joined past the table.
+long JoinAThread() {
+    PausingThread* pThread = new PausingThread;
+    EXPECT_EQ(CM_OK, pThread->Create(1, TF_JOINABLE, 0));
+    pThread->Release();
+    const CmResult rv = pThread->Join();
+    if (CM_FAILED(rv)) {
+        EXPECT_EQ(0, ::pthread_join(pThread->GetThreadId(), nullptr));
+    }
+    pThread->Destory(0);
+    return rv;
+}
+
 long Sleep() {
     SleepMs(1);
     return 0;
+}
+
+long SleepWhateverFails() {
+    return ms_sleep(1);
+}
+
+long HasTime() {
+    return CCmTimeValue::GetTimeOfDay().GetSec() > 0 ? 1 : 0;
+}
+
+long HasTicks() {
+    return tick_policy::now() > 0 ? 1 : 0;
+}
+
+long MsPerTick() {
+    CCmCleanUpBase::CleanupAll();
+    return CCmSingletonT<PretInitialationTimer>::Instance()->GetMsPerTick();
+}
+
+long YearOfTheFirstDay() {
+    return time_type(0).tm_year >= 1969 ? 1 : 0;
 }
 
 long Probe() {
@@ -177,6 +227,52 @@ long ListAddresses() {
     const int rv = get_local_addr(&pList);
     free_local_addr(pList);
     return rv;
+}
+
+// A system with some interfaces, all of them up; see CountAddresses.
+int g_nInterfaces = 0;
+FaultPlan* g_pFlagsPlan = nullptr;
+
+int GiveInterfaces(ifconf* aQuery) {
+    ifreq* pRecord = aQuery->ifc_req;
+    for (int i = 0; i < g_nInterfaces; ++i, ++pRecord) {
+        *pRecord = ifreq();
+        pRecord->ifr_name[0] = static_cast<char>('a' + i);
+        pRecord->ifr_addr.sa_family = AF_INET;
+    }
+    aQuery->ifc_len = g_nInterfaces * static_cast<int>(sizeof(ifreq));
+    return 0;
+}
+
+int MadeUpIoctl(int /*aFile*/, unsigned long aRequest, void* aArgument) {
+    if (aRequest == SIOCGIFCONF) {
+        return GiveInterfaces(static_cast<ifconf*>(aArgument));
+    }
+    if (g_pFlagsPlan != nullptr && g_pFlagsPlan->HitsNow()) {
+        errno = ENODEV;
+        return -1;
+    }
+    static_cast<ifreq*>(aArgument)->ifr_flags = IFF_UP;
+    return 0;
+}
+
+std::shared_ptr<FaultPlan> FlagsFault(unsigned long aNth, Failing aFailing) {
+    g_pFlagsPlan = new FaultPlan(aNth, aFailing);
+    return std::shared_ptr<FaultPlan>(g_pFlagsPlan, [](FaultPlan* aPlan) {
+        g_pFlagsPlan = nullptr;
+        delete aPlan;
+    });
+}
+
+// Of one interface.
+long CountAddresses() {
+    g_nInterfaces = 1;
+    local_addr* pList = nullptr;
+    EXPECT_EQ(0, get_local_addr(&pList));
+    const long lCount = pList == nullptr ? 0 : 1;
+    free_local_addr(pList);
+    g_nInterfaces = 0;
+    return lCount;
 }
 
 hostent* Localhost(const char* /*aName*/) {
@@ -200,12 +296,10 @@ long OwnAddress() {
 
 // ---- The table
 
-constexpr const char NO_LINE[] = "";
-
 TEST(SystemFaults, MutexCalls_FailWithTheirResultAndLine) {
     typedef CCmSystemTable T;
     constexpr long FAILURE = CM_ERROR_FAILURE;
-    const Row ROWS[] = {
+    CheckFaultRows({
         {"lock EINVAL", Returned<&T::pthread_mutex_lock>(EINVAL), LockAndUnlock, 0, FAILURE,
          NO_LINE},
         {"lock EDEADLK", Returned<&T::pthread_mutex_lock>(EDEADLK), LockAndUnlock, 0, FAILURE,
@@ -237,16 +331,27 @@ TEST(SystemFaults, MutexCalls_FailWithTheirResultAndLine) {
          0, 0,
          "UTIL ERROR: CCmMutexThreadRecursive::CCmMutexThreadRecursive, pthread_mutex_init() "
          "failed! err=1 this=0x#"},
-    };
-    for (const Row& row : ROWS) {
-        Check(row);
-    }
+        {"init ENOMEM", Returned<&T::pthread_mutex_init>(ENOMEM), MakeThing<CCmMutexThread>, 0, 0,
+         "UTIL ERROR: CCmMutexThread::CCmMutexThread, pthread_mutex_init() failed! err=12 "
+         "this=0x#"},
+        {"attribute destroy EINVAL",
+         Returned<&T::pthread_mutexattr_destroy>(EINVAL, Effect::ALL_THE_SAME),
+         MakeThing<CCmMutexThread>, 0, 0, NO_LINE},
+    });
 }
 
 TEST(SystemFaults, ConditionAndSemaphoreCalls_FailWithTheirResultAndLine) {
     typedef CCmSystemTable T;
     constexpr long FAILURE = CM_ERROR_FAILURE;
-    const Row ROWS[] = {
+    const ScopedEntry<decltype(g_cmSystem.pthread_cond_wait)> wait(g_cmSystem.pthread_cond_wait,
+                                                                   &WokenAtOnce);
+    CheckFaultRows({
+        {"wait EINVAL", Returned<&T::pthread_cond_wait>(EINVAL), WaitForGood, 0, FAILURE,
+         "UTIL WARNING: CCmConditionVariableThread::Wait, pthread_cond_wait() failed! err=22 "
+         "this=0x#"},
+        {"wait EPERM", Returned<&T::pthread_cond_wait>(EPERM), WaitForGood, 0, FAILURE,
+         "UTIL WARNING: CCmConditionVariableThread::Wait, pthread_cond_wait() failed! err=1 "
+         "this=0x#"},
         {"init EAGAIN", Returned<&T::pthread_cond_init>(EAGAIN), MakeCondition, 0, 0,
          "UTIL WARNING: CCmConditionVariableThread::CCmConditionVariableThread, "
          "pthread_cond_init() failed! err=11 this=0x#"},
@@ -286,16 +391,13 @@ TEST(SystemFaults, ConditionAndSemaphoreCalls_FailWithTheirResultAndLine) {
          "UTIL WARNING: CCmSemaphore::UnLock, sem_post() failed! err=75 this=0x#"},
         {"sem_post EINVAL", Fault<&T::sem_post>(EINVAL, -1), PostSemaphore, 0, FAILURE,
          "UTIL WARNING: CCmSemaphore::UnLock, sem_post() failed! err=22 this=0x#"},
-    };
-    for (const Row& row : ROWS) {
-        Check(row);
-    }
+    });
 }
 
 TEST(SystemFaults, ThreadCalls_FailWithTheirResultAndLine) {
     typedef CCmSystemTable T;
     constexpr long UNEXPECTED = CM_ERROR_UNEXPECTED;
-    const Row ROWS[] = {
+    CheckFaultRows({
         {"attributes ENOMEM", Returned<&T::pthread_attr_init>(ENOMEM), LiveAWorker, 0, UNEXPECTED,
          "UTIL ERROR: ACmThread::Create, pthread_attr_init() failed! err=12 this=0x#"},
         {"detach state EINVAL", Returned<&T::pthread_attr_setdetachstate>(EINVAL), LiveAWorker, 0,
@@ -305,26 +407,61 @@ TEST(SystemFaults, ThreadCalls_FailWithTheirResultAndLine) {
          "UTIL ERROR: ACmThread::Create, pthread_create() failed! err=11 this=0x#"},
         {"create EPERM", Returned<&T::pthread_create>(EPERM), LiveAWorker, 0, UNEXPECTED,
          "UTIL ERROR: ACmThread::Create, pthread_create() failed! err=1 this=0x#"},
+        {"attributes destroy EINVAL",
+         Returned<&T::pthread_attr_destroy>(EINVAL, Effect::ALL_THE_SAME), LiveAWorker, 0, 0,
+         NO_LINE},
+        {"join ESRCH", Returned<&T::pthread_join>(ESRCH), JoinAThread, 0, CM_ERROR_FAILURE,
+         "UTIL ERROR: ACmThread::Join, pthread_join() failed! err=3 this=0x#"},
+        {"join EINVAL", Returned<&T::pthread_join>(EINVAL), JoinAThread, 0, CM_ERROR_FAILURE,
+         "UTIL ERROR: ACmThread::Join, pthread_join() failed! err=22 this=0x#"},
+        {"join EDEADLK", Returned<&T::pthread_join>(EDEADLK), JoinAThread, 0, CM_ERROR_FAILURE,
+         "UTIL ERROR: ACmThread::Join, pthread_join() failed! err=35 this=0x#"},
+        {"cancel ESRCH", Returned<&T::pthread_cancel>(ESRCH), CancelAThread, 0, ESRCH, NO_LINE},
         {"sleep EINVAL", Fault<&T::nanosleep>(EINVAL, -1), Sleep, 0, 0,
          "UTIL WARNING: ::SleepMs,nanosleep() failed! err=22"},
         {"sleep EFAULT", Fault<&T::nanosleep>(EFAULT, -1), Sleep, 0, 0,
          "UTIL WARNING: ::SleepMs,nanosleep() failed! err=14"},
-    };
-    for (const Row& row : ROWS) {
-        Check(row);
-    }
+        {"sleep EINTR", Fault<&T::nanosleep>(EINTR, -1), Sleep, 0, 0, NO_LINE, 1, true},
+        {"long sleep EINTR", Fault<&T::nanosleep>(EINTR, -1), SleepWhateverFails, 0, 0, NO_LINE, 1,
+         true},
+        {"long sleep EINVAL", Fault<&T::nanosleep>(EINVAL, -1), SleepWhateverFails, 0, 0, NO_LINE,
+         1, true},
+    });
+}
+
+TEST(SystemFaults, ClockCalls_FailWithTheirResult) {
+    typedef CCmSystemTable T;
+    typedef CCmClockTable Clock;
+    const ScopedEntry<decltype(g_cmSystem.pthread_cond_timedwait)> wait(
+        g_cmSystem.pthread_cond_timedwait, &TimedOutAtOnce);
+    CheckFaultRows({
+        {"time of day EFAULT", Fault<&Clock::gettimeofday>(EFAULT, -1), HasTime, 1, 0, NO_LINE},
+        {"deadline EFAULT", Fault<&T::gettimeofday>(EFAULT, -1), IsDeadlineAhead, 1, 0, NO_LINE},
+        {"ticks EFAULT", Fault<&Clock::times, clock_t>(EFAULT, -1), HasTicks, 1, 0, NO_LINE},
+        {"tick rate EINVAL", Fault<&T::sysconf, long>(EINVAL, -1), MsPerTick, 10, 0, NO_LINE},
+        {"local time EOVERFLOW", Fault<&T::localtime_r, tm*>(EOVERFLOW, nullptr), YearOfTheFirstDay,
+         1, 0, NO_LINE},
+    });
 }
 
 TEST(SystemFaults, NetworkCalls_FailWithTheirResultAndLine) {
     typedef CCmSystemTable T;
-    const kelto_test::ScopedEntry<decltype(g_cmSystem.gethostbyname)> resolver(
-        g_cmSystem.gethostbyname, &Localhost);
-    const Row ROWS[] = {
+    const ScopedEntry<decltype(g_cmSystem.gethostbyname)> resolver(g_cmSystem.gethostbyname,
+                                                                   &Localhost);
+    const ScopedEntry<decltype(g_cmSystem.ioctl)> interfaces(g_cmSystem.ioctl, &MadeUpIoctl);
+    CheckFaultRows({
         {"probe EAFNOSUPPORT", Fault<&T::socket>(EAFNOSUPPORT, -1), Probe, 1, 0, NO_LINE},
         {"probe EMFILE", Fault<&T::socket>(EMFILE, -1), Probe, 1, 0, NO_LINE},
         {"probe EACCES", Fault<&T::socket>(EACCES, -1), Probe, 1, 0, NO_LINE},
         {"list EMFILE", Fault<&T::socket>(EMFILE, -1), ListAddresses, 0, -1, NO_LINE},
         {"list ENFILE", Fault<&T::socket>(ENFILE, -1), ListAddresses, 0, -1, NO_LINE},
+        {"list, table EFAULT", Fault<&T::ioctl>(EFAULT, -1), ListAddresses, 0, -1, NO_LINE},
+        {"list, table EINVAL", Fault<&T::ioctl>(EINVAL, -1), ListAddresses, 0, -1, NO_LINE},
+        {"list, flags ENODEV", FlagsFault, CountAddresses, 1, 0, NO_LINE},
+        {"list, close EIO", Fault<&T::close>(EIO, -1, Effect::ALL_THE_SAME), ListAddresses, 0, 0,
+         NO_LINE},
+        {"probe, close EINTR", Fault<&T::close>(EINTR, -1, Effect::ALL_THE_SAME), Probe, 1, 1,
+         NO_LINE},
         {"resolve", Fault<&T::gethostbyname, hostent*>(0, nullptr), Resolve, 1, 0,
          "UTIL ERROR: resolve_2_ip: can't resolve host_name: host"},
         {"own name, resolver", Fault<&T::gethostbyname, hostent*>(0, nullptr), OwnAddress, 1, 0,
@@ -332,13 +469,10 @@ TEST(SystemFaults, NetworkCalls_FailWithTheirResultAndLine) {
         {"own name ENAMETOOLONG", Fault<&T::gethostname>(ENAMETOOLONG, -1), OwnAddress, 1, 0,
          NO_LINE},
         {"own name EFAULT", Fault<&T::gethostname>(EFAULT, -1), OwnAddress, 1, 0, NO_LINE},
-    };
-    for (const Row& row : ROWS) {
-        Check(row);
-    }
+    });
 }
 
-TEST(SystemFaults, FileCalls_FailWithTheirResultAndLine) {
+TEST(SystemFaults, ProfileCalls_FailWithTheirResult) {
     typedef CCmSystemTable T;
     const kelto_test::ScopedHome home;
     const std::string sProfile = home.path() + "profile";
@@ -346,31 +480,209 @@ TEST(SystemFaults, FileCalls_FailWithTheirResultAndLine) {
     const auto lookUp = [&] {
         return static_cast<long>(get_int_from_profile("s", "k", 7, sProfile.c_str()));
     };
-    // Whether the trace file has grown by a line.
-    const std::string sTrace = home.path() + "trace";
-    CCmT120TraceFile trace(sTrace.c_str(), 0, 0, 0);
-    ASSERT_EQ(CM_OK, trace.attach());
-    trace.write(nullptr, nullptr, "first");
-    const auto writeLine = [&] {
-        struct stat before = {};
-        struct stat after = {};
-        stat(sTrace.c_str(), &before);
-        errno = ENOTTY;
-        trace.write(nullptr, nullptr, "line");
-        EXPECT_EQ(ENOTTY, errno);
-        stat(sTrace.c_str(), &after);
-        return after.st_size > before.st_size ? 1L : 0L;
+    const std::unique_ptr<FILE, int (*)(FILE*)> pStream(fopen(sProfile.c_str(), "rt"), fclose);
+    const auto readStream = [&] {
+        char szValue[8];
+        rewind(pStream.get());
+        return static_cast<long>(read_init_file(pStream.get(), "s", "k", szValue, sizeof(szValue)));
     };
-    const Row ROWS[] = {
+    CheckFaultRows({
         {"open ENOENT", Fault<&T::open>(ENOENT, -1), lookUp, 42, 7, NO_LINE},
         {"open EACCES", Fault<&T::open>(EACCES, -1), lookUp, 42, 7, NO_LINE},
         {"open EMFILE", Fault<&T::open>(EMFILE, -1), lookUp, 42, 7, NO_LINE},
-        {"position EIO", Fault<&T::pread, ssize_t>(EIO, -1), writeLine, 1, 0, NO_LINE},
-        {"position EISDIR", Fault<&T::pread, ssize_t>(EISDIR, -1), writeLine, 1, 0, NO_LINE},
-    };
-    for (const Row& row : ROWS) {
-        Check(row);
+        {"open EINTR", Fault<&T::open>(EINTR, -1), lookUp, 42, 42, NO_LINE, 1, true},
+        {"read EIO", Fault<&T::read, ssize_t>(EIO, -1), lookUp, 42, 7, NO_LINE},
+        {"read EISDIR", Fault<&T::read, ssize_t>(EISDIR, -1), lookUp, 42, 7, NO_LINE},
+        {"read EINTR", Fault<&T::read, ssize_t>(EINTR, -1), lookUp, 42, 42, NO_LINE, 1, true},
+        {"close EIO", Fault<&T::close>(EIO, -1, Effect::ALL_THE_SAME), lookUp, 42, 42, NO_LINE},
+        {"stream EIO", Fault<&T::fgets, char*>(EIO, nullptr), readStream, 1, 0, NO_LINE, 2},
+    });
+}
+
+// A trace file in a home of its own.
+class SystemFaultsTraceFile : public testing::Test {
+  protected:
+    static long Position(const std::string& aPath) {
+        char achHeader[33] = {};
+        const int nFile = ::open(aPath.c_str(), O_RDONLY);
+        EXPECT_LE(0, ::read(nFile, achHeader, 32));
+        ::close(nFile);
+        return strtol(achHeader, nullptr, 10);
     }
+    // Whether the write moves the position of the file by at least aLength.
+    long Moves(CCmT120TraceFile& aFile, const std::string& aText = "line") const {
+        const long lBefore = Position(m_sPath);
+        errno = ENOTTY;
+        aFile.write(nullptr, nullptr, aText.c_str());
+        EXPECT_EQ(ENOTTY, errno);
+        return Position(m_sPath) > lBefore + static_cast<long>(aText.size()) ? 1 : 0;
+    }
+    std::string Header(long aPosition) const {
+        char achHeader[33];
+        snprintf(achHeader, sizeof(achHeader), "%-31ld\n", aPosition);
+        return achHeader;
+    }
+    long Attach() const {
+        CCmT120TraceFile file(m_sPath.c_str(), 0, 0, 0);
+        return file.attach();
+    }
+    static long Load() {
+        static CCmT120TraceMapEntry s_table[CM_TRACE_LEVEL_COUNT];
+        return CCmT120Trace("test", s_table, "name", 1).load(nullptr);
+    }
+
+    const kelto_test::ScopedHome m_home;
+    const std::string m_sPath = m_home.path() + "trace";
+};
+
+TEST_F(SystemFaultsTraceFile, CallsOfABufferedLine_FailWithTheirResult) {
+    typedef CCmSystemTable T;
+    CCmT120TraceFile file(m_sPath.c_str(), 0, 0, 0);
+    ASSERT_EQ(CM_OK, file.attach());
+    const auto write = [&] { return Moves(file); };
+    CheckFaultRows({
+        {"position EIO", Fault<&T::pread, ssize_t>(EIO, -1), write, 1, 0, NO_LINE},
+        {"position EISDIR", Fault<&T::pread, ssize_t>(EISDIR, -1), write, 1, 0, NO_LINE},
+        {"position EINTR", Fault<&T::pread, ssize_t>(EINTR, -1), write, 1, 1, NO_LINE, 1, true},
+        {"write ENOSPC", Fault<&T::pwrite, ssize_t>(ENOSPC, -1), write, 1, 0, NO_LINE, 3},
+        {"write EFBIG", Fault<&T::pwrite, ssize_t>(EFBIG, -1), write, 1, 0, NO_LINE, 3},
+        {"write EIO", Fault<&T::pwrite, ssize_t>(EIO, -1), write, 1, 0, NO_LINE, 3},
+        {"nothing written", Fault<&T::pwrite, ssize_t>(0, 0), write, 1, 0, NO_LINE, 3},
+        {"write EINTR", Fault<&T::pwrite, ssize_t>(EINTR, -1), write, 1, 1, NO_LINE, 3, true},
+        {"date EOVERFLOW", Fault<&T::localtime_r, tm*>(EOVERFLOW, nullptr), write, 1, 1, NO_LINE},
+    });
+}
+
+TEST_F(SystemFaultsTraceFile, CallsOfASharedLine_FailWithTheirResult) {
+    typedef CCmSystemTable T;
+    CCmT120TraceFile file(m_sPath.c_str(), 0, 1, 0);
+    ASSERT_EQ(CM_OK, file.attach());
+    const auto write = [&] { return Moves(file); };
+    CheckFaultRows({
+        {"lock ENOLCK", Fault<&T::fcntl>(ENOLCK, -1), write, 1, 1, NO_LINE, 2},
+        {"lock EDEADLK", Fault<&T::fcntl>(EDEADLK, -1), write, 1, 1, NO_LINE, 2},
+        {"lock EBADF", Fault<&T::fcntl>(EBADF, -1), write, 1, 1, NO_LINE, 2},
+        {"lock EINTR", Fault<&T::fcntl>(EINTR, -1), write, 1, 1, NO_LINE, 2, true},
+        {"lock EAGAIN", Fault<&T::fcntl>(EAGAIN, -1), write, 1, 1, NO_LINE, 2, true},
+        {"position EIO", Fault<&T::pread, ssize_t>(EIO, -1), write, 1, 0, NO_LINE},
+        {"write ENOSPC", Fault<&T::pwrite, ssize_t>(ENOSPC, -1), write, 1, 0, NO_LINE, 3},
+    });
+}
+
+TEST_F(SystemFaultsTraceFile, Truncation_MayFail) {
+    typedef CCmSystemTable T;
+    CCmT120TraceFile file(m_sPath.c_str(), 100, 1, 0);
+    ASSERT_EQ(CM_OK, file.attach());
+    // Whether a file at its limit starts again at the top.
+    const auto write = [&] {
+        kelto_test::WriteFile(m_sPath, Header(200) + std::string(168, 'o'));
+        file.write(nullptr, nullptr, "line");
+        return Position(m_sPath) < 200 ? 1L : 0L;
+    };
+    CheckFaultRows({
+        {"truncate EIO", Fault<&T::ftruncate>(EIO, -1), write, 1, 1, NO_LINE},
+        {"truncate EINVAL", Fault<&T::ftruncate>(EINVAL, -1), write, 1, 1, NO_LINE},
+        {"truncate EINTR", Fault<&T::ftruncate>(EINTR, -1), write, 1, 1, NO_LINE, 1, true},
+    });
+}
+
+TEST_F(SystemFaultsTraceFile, CallsThatOpenIt_FailWithTheirResult) {
+    typedef CCmSystemTable T;
+    constexpr long FAILURE = CM_ERROR_FAILURE;
+    const auto attach = [this] { return Attach(); };
+    CheckFaultRows({
+        {"open EACCES", Fault<&T::open>(EACCES, -1), attach, 0, FAILURE, NO_LINE},
+        {"open EMFILE", Fault<&T::open>(EMFILE, -1), attach, 0, FAILURE, NO_LINE},
+        {"open ENOSPC", Fault<&T::open>(ENOSPC, -1), attach, 0, FAILURE, NO_LINE},
+        {"open EROFS", Fault<&T::open>(EROFS, -1), attach, 0, FAILURE, NO_LINE},
+        {"stream ENOMEM", Fault<&T::fdopen, FILE*>(ENOMEM, nullptr), attach, 0, FAILURE, NO_LINE},
+        {"directory EACCES", Fault<&T::mkdir>(EACCES, -1), Load, 1, 1, NO_LINE},
+        {"directory EEXIST", Fault<&T::mkdir>(EEXIST, -1), Load, 1, 1, NO_LINE},
+        {"directory ENOSPC", Fault<&T::mkdir>(ENOSPC, -1), Load, 1, 1, NO_LINE},
+        {"date EOVERFLOW", Fault<&T::localtime_r, tm*>(EOVERFLOW, nullptr), Load, 1, 1, NO_LINE},
+        {"module path", Fault<&T::dladdr>(0, 0), Load, 1, 1, NO_LINE},
+    });
+}
+
+TEST_F(SystemFaultsTraceFile, CallsOfTheFilter_FailWithTheirResult) {
+    typedef CCmSystemTable T;
+    const std::string sFilter = m_home.path() + "conf/keltoexp.filter";
+    kelto_test::WriteFile(sFilter, "net");
+    const auto load = [] {
+        regex_cnt.store(0);
+        CCmT120TraceFileMgr::init_reg_filter();
+        return static_cast<long>(regex_cnt.load());
+    };
+    const auto match = [&] {
+        load();  // what did not compile has left none
+        return static_cast<long>(regex_match("network"));
+    };
+    CheckFaultRows({
+        {"open ENOENT", Fault<&T::fopen, FILE*>(ENOENT, nullptr), load, 2, 0, NO_LINE},
+        {"open EACCES", Fault<&T::fopen, FILE*>(EACCES, nullptr), load, 2, 0, NO_LINE},
+        {"open EMFILE", Fault<&T::fopen, FILE*>(EMFILE, nullptr), load, 2, 0, NO_LINE},
+        {"memory", Fault<&T::malloc, void*>(ENOMEM, nullptr), load, 2, 0, NO_LINE},
+        {"compile REG_ESPACE", Returned<&T::regcomp>(REG_ESPACE), load, 2, 0, NO_LINE},
+        {"compile REG_EPAREN", Returned<&T::regcomp>(REG_EPAREN), load, 2, 0, NO_LINE},
+        {"match REG_ESPACE", Returned<&T::regexec>(REG_ESPACE), match, 0, -1, NO_LINE},
+    });
+    kelto_test::WriteFile(sFilter, "(");
+    CCmT120TraceFileMgr::init_reg_filter();
+}
+
+TEST_F(SystemFaultsTraceFile, Memory_MayRunOut) {
+    typedef CCmSystemTable T;
+    const auto writeAnew = [this] {
+        CCmT120TraceFile file(m_sPath.c_str(), 0, 0, 0);
+        EXPECT_EQ(CM_OK, file.attach());
+        return Moves(file);
+    };
+    const auto openRecord = [] {
+        void* pRecord = T120_Open_Trace_Dev("faults", 0, 0, 0);
+        T120_Close_Trace_Dev(pRecord);
+        return pRecord != nullptr ? 1L : 0L;
+    };
+    CCmT120TraceFile buffered(m_sPath.c_str(), 0, 0, 0);
+    ASSERT_EQ(CM_OK, buffered.attach());
+    const auto changeBuffer = [&] {
+        static int s_nFlushCount = 2;
+        s_nFlushCount = 5 - s_nFlushCount;  // another one each time
+        buffered.refresh_settings(0, s_nFlushCount);
+        for (int i = 1; i < s_nFlushCount; ++i) {
+            buffered.write(nullptr, nullptr, "buffered");
+        }
+        return Moves(buffered);
+    };
+    CCmT120TraceFile shared(m_sPath.c_str(), 0, 1, 0);
+    ASSERT_EQ(CM_OK, shared.attach());
+    const auto writeLong = [&] { return Moves(shared, std::string(3000, 'x')); };
+    CheckFaultRows({
+        {"line buffer", Fault<&T::malloc, void*>(ENOMEM, nullptr), writeAnew, 1, 0, NO_LINE},
+        {"name", Fault<&T::strdup, char*>(ENOMEM, nullptr), openRecord, 1, 0, NO_LINE},
+        {"larger buffer", Fault<&T::malloc, void*>(ENOMEM, nullptr), changeBuffer, 1, 0, NO_LINE},
+        {"long line", Fault<&T::malloc, void*>(ENOMEM, nullptr), writeLong, 1, 0, NO_LINE},
+    });
+}
+
+TEST(SystemFaults, MemoryOfALogStream_MayRunOut) {
+    typedef CCmSystemTable T;
+    // Whether a text arrives; what could not be held is lost.
+    const auto insert = [] {
+        const kelto_test::ScopedTraceLibrary library;
+        ccu::YrktraStreamA stream(2);
+        stream.writestringa("text");
+        stream.flusha("module");
+        return static_cast<long>(library.calls().size());
+    };
+    const auto formatLong = [] {
+        const kelto_test::ScopedTraceLibrary library;
+        EXPECT_EQ(1, ccu_trace_info("module", "%*d", 2047, 7));
+        return static_cast<long>(library.calls().size());
+    };
+    CheckFaultRows({
+        {"insertion", Fault<&T::malloc, void*>(ENOMEM, nullptr), insert, 1, 0, NO_LINE},
+        {"long text", Fault<&T::malloc, void*>(ENOMEM, nullptr), formatLong, 1, 0, NO_LINE},
+    });
 }
 
 }  // namespace

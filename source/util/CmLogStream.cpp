@@ -91,7 +91,7 @@ void DeliverAsStream(const char* aModule, const char* aText, size_t aLength) {
 // A text that does not fit the stack buffer.
 void DeliverLong(const char* aModule, const char* aFormat, va_list aArguments, size_t aLength) {
     const size_t nSize = aLength < TEXT_LIMIT ? aLength + 1 : TEXT_LIMIT;
-    char* pchText = static_cast<char*>(std::malloc(nSize));
+    char* pchText = static_cast<char*>(g_cmSystem.malloc(nSize));
     if (pchText == nullptr) {
         return;
     }
@@ -200,7 +200,7 @@ void YrktraStreamA::writestringa(const char* aText) {
     const unsigned long ulKept = m_pchBuffer != nullptr ? m_ulLength - 1 : 0;
     const unsigned long ulAdded = std::strlen(aText) + 1;
     // aText may lie in the old buffer, which therefore stays until both are copied.
-    char* pchNew = static_cast<char*>(std::malloc(ulKept + ulAdded));
+    char* pchNew = static_cast<char*>(g_cmSystem.malloc(ulKept + ulAdded));
     if (pchNew != nullptr) {
         if (ulKept > 0) {
             std::memcpy(pchNew, m_pchBuffer, ulKept);

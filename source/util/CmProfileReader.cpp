@@ -111,7 +111,7 @@ CCmProfileSearch::Step CCmProfileSearch::ExamineHeader(std::string_view aLine, s
 }
 
 bool CCmStreamLines::Next(std::string_view& aLine) {
-    if (feof(m_pFile) || fgets(m_achLine, sizeof(m_achLine), m_pFile) == nullptr) {
+    if (feof(m_pFile) || g_cmSystem.fgets(m_achLine, sizeof(m_achLine), m_pFile) == nullptr) {
         return false;
     }
     aLine = m_achLine;

@@ -192,7 +192,7 @@ unsigned char CCmT120Trace::load_file(void* aFile, CCmString* aLogPath) {
         return 1;
     }
     char achPath[FILE_PATH_SIZE];
-    ::mkdir(get_trace_dir(), 0777);
+    g_cmSystem.mkdir(get_trace_dir(), 0777);
     const bool bHasPath = build_file_path(achPath, sizeof(achPath), aLogPath);
     const unsigned long ulSizeLimit =
         ConfiguredSizeLimit(m_pszFileName != nullptr ? m_pszFileName : get_process_name());

@@ -132,13 +132,13 @@ CCmT120TraceFile::CCmT120TraceFile(const char* aName, unsigned long aSizeLimit,
     : m_pNext(nullptr),
       m_bWrapped(0),
       m_pStream(nullptr),
-      m_pszName(aName != nullptr ? ::strdup(aName) : nullptr),
+      m_pszName(aName != nullptr ? g_cmSystem.strdup(aName) : nullptr),
       m_ulSizeLimit(aSizeLimit),
       m_nFlushCount(1),
       m_bShared(aShared),
       m_LockRequest(WholeFile(F_WRLCK)),
       m_UnlockRequest(WholeFile(F_UNLCK)),
-      m_pchLines(static_cast<char*>(std::malloc(LINE_SIZE + 1))),
+      m_pchLines(static_cast<char*>(g_cmSystem.malloc(LINE_SIZE + 1))),
       m_ulBufferedBytes(0),
       m_nBufferedLines(0),
       m_nValidity(VALID),
@@ -168,13 +168,13 @@ CmResult CCmT120TraceFile::attach(const char* aPath) {
         return CM_ERROR_INVALID_ARG;
     }
     CCmScopedLockT<CCmMutexThread> fileLock(s_fileLockMutex.m_Lock);
-    const int nDescriptor = ::open(pszPath, O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+    const int nDescriptor = g_cmSystem.open(pszPath, O_RDWR | O_CREAT | O_CLOEXEC, 0666);
     if (nDescriptor < 0) {
         return CM_ERROR_FAILURE;
     }
-    m_pStream = ::fdopen(nDescriptor, "r+");
+    m_pStream = g_cmSystem.fdopen(nDescriptor, "r+");
     if (m_pStream == nullptr) {
-        ::close(nDescriptor);
+        g_cmSystem.close(nDescriptor);
         return CM_ERROR_FAILURE;
     }
     m_nDescriptor = nDescriptor;
@@ -282,7 +282,7 @@ void CCmT120TraceFile::write_line_l(long aPosition, const char* aTag, const char
         write_at_l(aPosition, achLine, nStored);
         return;
     }
-    char* pchLong = static_cast<char*>(std::malloc(nStored + 1));
+    char* pchLong = static_cast<char*>(g_cmSystem.malloc(nStored + 1));
     if (pchLong == nullptr) {
         achLine[sizeof(achLine) - 2] = '\n';
         write_at_l(aPosition, achLine, sizeof(achLine) - 1);
@@ -351,7 +351,8 @@ unsigned char CCmT120TraceFile::refresh_settings(unsigned long aSizeLimit, int a
     }
     m_nFlushCount = nFlushCount;
     std::free(m_pchLines);
-    m_pchLines = static_cast<char*>(std::malloc(static_cast<size_t>(nFlushCount) * LINE_SIZE + 1));
+    m_pchLines =
+        static_cast<char*>(g_cmSystem.malloc(static_cast<size_t>(nFlushCount) * LINE_SIZE + 1));
     m_ulBufferedBytes = 0;
     m_nBufferedLines = 0;
     return 1;
@@ -461,7 +462,7 @@ int regex_match(const char* aText) {
     CCmTraceGuard guard;
     CCmScopedLockT<CCmMutexThread> lock(s_filterMutex.m_Lock);
     for (int i = 0; i < s_nCompiled; ++i) {
-        if (::regexec(&re[i], aText, 0, nullptr, 0) == 0) {
+        if (g_cmSystem.regexec(&re[i], aText, 0, nullptr, 0) == 0) {
             return 0;
         }
     }
@@ -478,7 +479,7 @@ FILE* OpenFilterFile() {
     char achPath[FILTER_PATH_SIZE];
     std::snprintf(achPath, sizeof(achPath), "%.*s%s%s", static_cast<int>(nHome),
                   g_def_kelto_home_dir, bSlash ? "" : "/", FILTER_FILE);
-    return std::fopen(achPath, "rt");
+    return g_cmSystem.fopen(achPath, "rt");
 }
 
 int ReadFilterLines(FilterLines& aLines) {
@@ -488,7 +489,7 @@ int ReadFilterLines(FilterLines& aLines) {
     }
     int nLines = 0;
     while (nLines < CM_TRACE_FILTER_COUNT &&
-           std::fgets(aLines[nLines], sizeof(aLines[nLines]), pFile) != nullptr) {
+           g_cmSystem.fgets(aLines[nLines], sizeof(aLines[nLines]), pFile) != nullptr) {
         ++nLines;
     }
     std::fclose(pFile);
@@ -507,7 +508,7 @@ void FreeFilters() {
 void CompileFilters(const FilterLines& aLines, int aCount) {
     int nFilters = aCount;
     for (int i = 0; i < aCount; ++i) {
-        if (::regcomp(&re[i], aLines[i], REG_EXTENDED | REG_NOSUB) != 0) {
+        if (g_cmSystem.regcomp(&re[i], aLines[i], REG_EXTENDED | REG_NOSUB) != 0) {
             FreeFilters();
             nFilters = 0;
             break;
@@ -522,7 +523,7 @@ void CompileFilters(const FilterLines& aLines, int aCount) {
 
 void CCmT120TraceFileMgr::init_reg_filter() {
     CCmTraceGuard guard;
-    FilterLines* pLines = static_cast<FilterLines*>(std::malloc(sizeof(FilterLines)));
+    FilterLines* pLines = static_cast<FilterLines*>(g_cmSystem.malloc(sizeof(FilterLines)));
     if (pLines == nullptr) {
         return;
     }

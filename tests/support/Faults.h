@@ -53,35 +53,52 @@ class ScopedEntry {
 //   FailingCall<&CCmSystemTable::sem_post> fault(EINVAL);             // the first call, once
 //   FailingCall<&CCmSystemTable::nanosleep> fault(EINTR, -1, 2);      // the second call
 // aError: what errno is set to. aResult: what the failing call returns; give the error number
-// itself for the calls that return it (pthread_...).
+// itself for the calls that return it (pthread_...). aEffect: whether the failing call is made.
+enum class Effect { NONE, ALL_THE_SAME };
+
+inline UTIL_NS::CCmSystemTable& TableOf(UTIL_NS::CCmSystemTable*) {
+    return UTIL_NS::g_cmSystem;
+}
+inline UTIL_NS::CCmClockTable& TableOf(UTIL_NS::CCmClockTable*) {
+    return UTIL_NS::g_cmClock;
+}
+
 template <auto Member>
 class FailingCall;
 
-template <typename Result, typename... Args, Result (*UTIL_NS::CCmSystemTable::*Member)(Args...)>
+template <typename Table, typename Result, typename... Args, Result (*Table::*Member)(Args...)>
 class FailingCall<Member> {
   public:
     explicit FailingCall(int aError, Result aResult = static_cast<Result>(-1),
-                         unsigned long aNth = 1, Failing aFailing = Failing::ONCE)
+                         unsigned long aNth = 1, Failing aFailing = Failing::ONCE,
+                         Effect aEffect = Effect::NONE)
         : m_plan(aNth, aFailing),
           m_nError(aError),
           m_result(aResult),
-          m_saved(UTIL_NS::g_cmSystem.*Member) {
+          m_effect(aEffect),
+          m_saved(Entry()) {
         s_pCurrent = this;
-        UTIL_NS::g_cmSystem.*Member = &Call;
+        Entry() = &Call;
     }
     ~FailingCall() {
-        UTIL_NS::g_cmSystem.*Member = m_saved;
+        Entry() = m_saved;
         s_pCurrent = nullptr;
     }
     FailingCall(const FailingCall&) = delete;
     FailingCall& operator=(const FailingCall&) = delete;
 
     unsigned long calls() const { return m_plan.calls(); }
+    FaultPlan& plan() { return m_plan; }
 
   private:
+    static Result (*&Entry())(Args...) { return TableOf(static_cast<Table*>(nullptr)).*Member; }
+
     static Result Call(Args... aArgs) {
         FailingCall* pThis = s_pCurrent;
         if (pThis->m_plan.HitsNow()) {
+            if (pThis->m_effect == Effect::ALL_THE_SAME) {
+                pThis->m_saved(aArgs...);
+            }
             errno = pThis->m_nError;
             return pThis->m_result;
         }
@@ -93,6 +110,7 @@ class FailingCall<Member> {
     FaultPlan m_plan;
     const int m_nError;
     const Result m_result;
+    const Effect m_effect;
     Result (*const m_saved)(Args...);
 };
 

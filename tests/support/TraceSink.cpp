@@ -24,6 +24,7 @@ ScopedTraceSink::ScopedTraceSink() : m_pfnPrevious(UTIL_NS::g_util_trace_sink.lo
 
 ScopedTraceSink::~ScopedTraceSink() {
     set_util_external_trace_sink(m_pfnPrevious);
+    clear();
 }
 
 std::vector<TraceLine> ScopedTraceSink::lines() const {
@@ -41,7 +42,7 @@ size_t ScopedTraceSink::count(const std::string& aText) const {
 
 void ScopedTraceSink::clear() {
     std::lock_guard<std::mutex> lock(g_mutex);
-    g_lines.clear();
+    std::vector<TraceLine>().swap(g_lines);  // with its memory, which tests count
 }
 
 std::string MaskAddresses(const std::string& aText) {

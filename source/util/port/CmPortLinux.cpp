@@ -142,7 +142,7 @@ bool CmPortModulePath(char* aBuffer, size_t aSize) {
 }
 
 CmPortItem CmPortItemInformation(const char* aPath) {
-    if (::access(aPath, F_OK) != 0) {
+    if (g_cmSystem.access(aPath, F_OK) != 0) {
         return CmPortItem::UNKNOWN;
     }
     const char* const pName = LastComponent(aPath);
@@ -153,7 +153,7 @@ CmPortItem CmPortItemInformation(const char* aPath) {
 }
 
 void* CmPortBundleCreate(const char* aPath) {
-    return ::access(aPath, F_OK) == 0 ? &s_chBundle : nullptr;
+    return g_cmSystem.access(aPath, F_OK) == 0 ? &s_chBundle : nullptr;
 }
 
 void* CmPortBundleFunction(void* /*aBundle*/, const char* /*aName*/) {

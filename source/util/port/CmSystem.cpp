@@ -2,6 +2,8 @@
 
 #include <fcntl.h>
 #include <sched.h>
+#include <stdlib.h>
+#include <string.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -23,6 +25,12 @@ int Ioctl(int aFile, unsigned long aRequest, void* aArgument) {
 
 int Open(const char* aPath, int aFlags, mode_t aMode) {
     return ::open(aPath, aFlags, aMode);
+}
+
+// Declared with an array of known size, which its pointer type would carry on.
+int Regexec(const regex_t* aExpression, const char* aText, size_t aCount, regmatch_t* aMatches,
+            int aFlags) {
+    return ::regexec(aExpression, aText, aCount, aMatches, aFlags);
 }
 
 }  // namespace
@@ -78,6 +86,15 @@ CCmSystemTable g_cmSystem = {
     ::socket,
     Ioctl,
     ::gethostbyname,
+    ::access,
+    ::mkdir,
+    ::fopen,
+    ::fdopen,
+    ::fgets,
+    ::regcomp,
+    Regexec,
+    ::malloc,
+    ::strdup,
 };
 
 }  // namespace UTIL_NS

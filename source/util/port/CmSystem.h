@@ -2,8 +2,9 @@
 //
 // A unit calls g_cmSystem.pthread_mutex_lock(...) rather than the function itself; the cost is
 // that of a call into a shared library. Tests replace entries to make a chosen call fail, or to
-// steer the clock. The tables are constant-initialised, so they are valid before any static
-// object is constructed, and nothing in the library writes to them.
+// steer the clock. Calls that cannot fail are made directly; tests/calls lists them. The tables are
+// constant-initialised, so they are valid before any static object is constructed, and nothing in
+// the library writes to them.
 #ifndef CM_SYSTEM_H
 #define CM_SYSTEM_H
 
@@ -11,6 +12,8 @@
 #include <fcntl.h>
 #include <netdb.h>
 #include <pthread.h>
+#include <regex.h>
+#include <stdio.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/times.h>
@@ -75,6 +78,16 @@ struct CCmSystemTable {
     int (*socket)(int, int, int);
     int (*ioctl)(int, unsigned long, void*);
     hostent* (*gethostbyname)(const char*);
+    int (*access)(const char*, int);
+    int (*mkdir)(const char*, mode_t);
+    FILE* (*fopen)(const char*, const char*);
+    FILE* (*fdopen)(int, const char*);
+    char* (*fgets)(char*, int, FILE*);
+    int (*regcomp)(regex_t*, const char*, int);
+    int (*regexec)(const regex_t*, const char*, size_t, regmatch_t*, int);
+    // The memory that does not come from operator new.
+    void* (*malloc)(size_t);
+    char* (*strdup)(const char*);
 };
 extern CCmSystemTable g_cmSystem;
 
