@@ -168,7 +168,7 @@ size_t CmPortReadInterface(const char* aRecords, size_t aLength, CmPortInterface
 
 // The time of the kernel's last tick; ticks are at most 10 ms apart.
 int CmPortCoarseTimeOfDay(timeval* aNow, void* /*aUnused*/) {
-    timespec tsNow;
+    timespec tsNow = {};
     const int rv = ::clock_gettime(CLOCK_REALTIME_COARSE, &tsNow);
     aNow->tv_sec = tsNow.tv_sec;
     aNow->tv_usec = tsNow.tv_nsec / 1000;
