@@ -115,6 +115,9 @@ class CM_UTIL_EXPORT ACmThread {
     void BodyHasEnded_i();
     bool IsSecondEnd_i();
     bool IsJoinable() const { return (m_Flag & TF_JOINABLE) != 0; }
+    // The detached body has ended (or Destory was called): the system may reuse the thread's id.
+    bool HasLeftItsId() const { return m_nDestroyRef.value() > 0; }
+    friend CM_UTIL_EXPORT ACmThread* getCurrentThread();
 
     std::atomic<int> m_nStartSteps;  // of the start-up handshake
     CmResult m_InitResult;

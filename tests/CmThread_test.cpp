@@ -57,6 +57,8 @@ class BodyThread : public ACmThread {
         Eventually([this] { return m_life.released.load(); });
     }
     CCmEventThread* startEvent() const { return m_pEvent; }
+    // Of a detached one that was not destroyed.
+    bool HasEnded() const { return m_nDestroyRef.value() == 1; }
 
   private:
     Life& m_life;
@@ -258,6 +260,24 @@ TEST(CmThread, FindsItself_OnItsOwnThread) {
     EXPECT_EQ(pThread, pFound);
     EXPECT_EQ(nullptr, getCurrentThread());
     EndJoinable(pThread);
+}
+
+// A thread object whose thread has ended and whose id the system gave to another thread.
+class ReusedIdThread : public BodyThread {
+  public:
+    using BodyThread::BodyThread;
+    void TakeIdOfCallingThread() { m_Tid = pthread_self(); }
+};
+
+TEST(CmThread, IsNotFound_WhenItsDetachedThreadHasEndedAndItsIdIsReused) {
+    Life life;
+    life.released = true;
+    ReusedIdThread* pThread = new ReusedIdThread(life);
+    ASSERT_EQ(CM_OK, pThread->Create(TYPE, TF_DETACHED, 1));
+    ASSERT_TRUE(Eventually([&] { return pThread->HasEnded(); }));
+    pThread->TakeIdOfCallingThread();
+    EXPECT_EQ(nullptr, getCurrentThread());
+    pThread->Destory(0);
 }
 
 TEST(CmThread, UnregistersItself_WhenItIsDestroyed) {
@@ -789,6 +809,29 @@ TEST(CmThreadTask, SleepsWithoutLimit_WhenThereAreNoTimers) {
     }
     EXPECT_GE(g_nUnlimitedWaits.load(), 1);
     EXPECT_EQ(0, g_nTimedWaits.load());
+    EndJoinable(pThread);
+}
+
+TEST(CmThreadTask, SleepsAgain_WhenItsTimerHasFired) {
+    ACmThread* pThread = nullptr;
+    kelto_test::ScopedEntry<decltype(g_cmSystem.pthread_cond_wait)> wait(
+        g_cmSystem.pthread_cond_wait, &CountedWait);
+    kelto_test::ScopedEntry<decltype(g_cmSystem.pthread_cond_timedwait)> timedWait(
+        g_cmSystem.pthread_cond_timedwait, &CountedTimedWait);
+    ASSERT_EQ(CM_OK, CreateUserTaskThread(&pThread, TF_JOINABLE, true, TYPE));
+    RecordingHandler handler;
+    EventLog log;
+    pThread->GetEventQueue()->PostEvent(
+        new LoggedEvent(log, 1,
+                        [&] {
+                            g_nUnlimitedWaits = g_nTimedWaits = 0;
+                            return pThread->GetTimerQueue()->ScheduleTimer(
+                                &handler, nullptr, CCmTimeValue(0, 20000), 1);
+                        }),
+        NORMAL);
+    EXPECT_TRUE(Eventually([&] { return handler.fired() == 1 && g_nUnlimitedWaits == 1; }));
+    EXPECT_GE(g_nTimedWaits.load(), 1);
+    EXPECT_LE(g_nTimedWaits.load(), 3);  // one, unless it ends early
     EndJoinable(pThread);
 }
 

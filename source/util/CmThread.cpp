@@ -105,7 +105,7 @@ ACmThread* getCurrentThread() {
     }
     CCmScopedLockT<CCmMutexThread> lock(g_thread_Mutex);
     for (ACmThread* pThread : g_threadList) {
-        if (IsEqualCurrentThread(pThread->GetThreadId())) {
+        if (IsEqualCurrentThread(pThread->GetThreadId()) && !pThread->HasLeftItsId()) {
             return pThread;
         }
     }
