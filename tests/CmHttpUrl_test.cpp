@@ -133,6 +133,14 @@ TEST(CmHttpUrl, TracesAnError_WithUnknownScheme) {
               "UTIL ERROR: CCmHttpUrl::Init error format, scheme =  ftp://h/ this=0x#");
 }
 
+TEST(CmHttpUrl, KnowsNoScheme_ThatDiffersInOneLetter) {
+    for (const char* pszSpec : {"xttp://h/", "hxtp://h/", "httx://h/", "http;//h/", "http:x/h/",
+                                "http:/xh/", "xs://h/", "wx://h/", "xss://h/", "xile://h/"}) {
+        CCmHttpUrl url;
+        EXPECT_FALSE(url.Init(pszSpec)) << pszSpec;
+    }
+}
+
 TEST(CmHttpUrl, TracesNoError_WithEmptyHost) {
     ScopedTraceSink sink;
     CCmHttpUrl url;
