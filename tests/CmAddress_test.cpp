@@ -181,6 +181,15 @@ TEST_F(CmAddressFake, KeepsWholeTexts_WhenTheyJustFit) {
     EXPECT_STREQ(achIp, "1.2.3.4");
 }
 
+TEST_F(CmAddressFake, WritesTheTerminator_IntoBuffersOfOneByte) {
+    char achScheme[] = "x";
+    char achIp[] = "y";
+    unsigned short wPort = 0;
+    EXPECT_EQ(transport_address_parse(Text("tcp://1.2.3.4:5"), achScheme, 1, achIp, 1, &wPort), 1);
+    EXPECT_STREQ(achScheme, "");
+    EXPECT_STREQ(achIp, "");
+}
+
 TEST_F(CmAddressFake, WritesNothing_IntoBuffersWithoutSize) {
     char achScheme[] = "x";
     char achIp[] = "y";
