@@ -1,6 +1,7 @@
 #include "CmConfig.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -425,6 +426,38 @@ TEST(CmConfigProfile, InterruptedCalls_AreRepeated) {
     EXPECT_EQ("v", ReadFile(home.path() + "profile", "s", "k"));
     EXPECT_EQ(2u, open.calls());
     EXPECT_EQ(2u, read.calls());
+}
+
+int g_nProfileFlags = 0;
+int FlagsKeepingOpen(const char* aPath, int aFlags, mode_t aMode) {
+    g_nProfileFlags = aFlags;
+    return open(aPath, aFlags, aMode);
+}
+
+TEST(CmConfigProfile, OpenFile_IsNotPassedOnToOtherPrograms) {
+    ScopedHome home;
+    WriteFile(home.path() + "profile", "[s]\nk=v\n");
+    kelto_test::ScopedEntry<decltype(g_cmSystem.open)> entry(g_cmSystem.open, &FlagsKeepingOpen);
+    EXPECT_EQ("v", ReadFile(home.path() + "profile", "s", "k"));
+    EXPECT_EQ(O_CLOEXEC, g_nProfileFlags & O_CLOEXEC);
+    EXPECT_EQ(O_NOCTTY, g_nProfileFlags & O_NOCTTY);  // nor is a terminal made ours
+}
+
+// As in a host that has closed its standard input.
+TEST(CmConfigProfile, FileWithDescriptorZero_IsReadAndClosed) {
+    ScopedHome home;
+    WriteFile(home.path() + "profile", "[s]\nk=v\n");
+    const int nInput = dup(0);
+    close(0);
+    errno = EINTR;
+    const std::string strValue = ReadFile(home.path() + "profile", "s", "k");
+    const bool bClosed = fcntl(0, F_GETFD) == -1;
+    if (nInput >= 0) {
+        dup2(nInput, 0);
+        close(nInput);
+    }
+    EXPECT_EQ("v", strValue);
+    EXPECT_TRUE(bClosed);
 }
 
 TEST(CmConfigProfile, FailingRead_LosesTheUnfinishedLine) {
