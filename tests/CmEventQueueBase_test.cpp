@@ -28,6 +28,8 @@ typedef std::list<ICmEvent*> Events;
 constexpr ICmEventQueue::EPriority NORMAL = ICmEventQueue::EPRIORITY_NORMAL;
 // What an event returns in these tests, when its result matters.
 constexpr CmResult RESULT = 4711;
+// A call that is counted and does not fail.
+constexpr unsigned long NEVER = 0;
 
 Ids IdsUpTo(int aLast) {
     Ids ids;
@@ -822,6 +824,7 @@ TEST(CmEventSend, KeepsTheQueue_WhileTheSenderIsStillPosting) {
     std::atomic<bool> bReleased{false};
     std::atomic<bool> bDeleted{false};
     LingeringQueue* pQueue = new LingeringQueue(bReleased);
+    kelto_test::FailingCall<&CCmSystemTable::nanosleep> naps(EINTR, -1, NEVER);
     CmResult rv = CM_OK;
     std::thread sender([&] { rv = pQueue->SendEvent(new LoggedEvent(log, 1)); });
     ASSERT_TRUE(Eventually([&] { return pQueue->GetPendingEventsCount() == 1; }));
@@ -833,6 +836,58 @@ TEST(CmEventSend, KeepsTheQueue_WhileTheSenderIsStillPosting) {
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
     EXPECT_FALSE(bDeleted);
     bReleased = true;
+    sender.join();
+    owner.join();
+    EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, rv);
+    EXPECT_EQ(Ids{1}, log.ended());
+    EXPECT_GE(naps.calls(), 1u);
+}
+
+// While it lives, whoever posts gets no further than the clock until it is released.
+class HeldClock {
+  public:
+    HeldClock() { s_bReached = s_bReleased = false; }
+    bool reached() const { return s_bReached; }
+    void Release() { s_bReleased = true; }
+
+  private:
+    static int Read(timeval* aTv, void*) {
+        s_bReached = true;
+        Eventually([] { return s_bReleased.load(); });
+        return gettimeofday(aTv, nullptr);
+    }
+
+    static inline std::atomic<bool> s_bReached;
+    static inline std::atomic<bool> s_bReleased;
+    kelto_test::ScopedEntry<decltype(g_cmClock.coarse_gettimeofday)> m_entry{
+        g_cmClock.coarse_gettimeofday, &Read};
+};
+
+template <class Queue>
+class CmEventQueues : public testing::Test {};
+typedef testing::Types<CCmEventQueueBase, CCmEventQueueUsingMutex,
+                       CCmEventQueueUsingConditionVariable>
+    AllQueues;
+TYPED_TEST_SUITE(CmEventQueues, AllQueues, );
+
+TYPED_TEST(CmEventQueues, EndsBehindItsSenders_WhenItIsDestroyed) {
+    EventLog log;
+    HeldClock clock;
+    kelto_test::FailingCall<&CCmSystemTable::pthread_mutex_destroy> locksEnded(EINVAL, EINVAL,
+                                                                               NEVER);
+    std::atomic<bool> bDeleted{false};
+    CmResult rv = CM_OK;
+    TypeParam* pQueue = new TypeParam;
+    std::thread sender([&] { rv = pQueue->SendEvent(new LoggedEvent(log, 1)); });
+    ASSERT_TRUE(Eventually([&] { return clock.reached(); }));
+    std::thread owner([&] {
+        delete pQueue;
+        bDeleted = true;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_FALSE(bDeleted);
+    EXPECT_EQ(0u, locksEnded.calls());
+    clock.Release();
     sender.join();
     owner.join();
     EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, rv);
@@ -956,6 +1011,30 @@ TEST(CmEventSynchronous, FiresNothing_OnItsSecondPass) {
     EXPECT_EQ(Ids{1}, log.ended());
 }
 
+TEST(CmEventSynchronous, WakesOnce_WhenThatSucceeds) {
+    EventLog log;
+    CCmEventQueueBase queue;
+    CCmEventSynchronous* pWrapper = new CCmEventSynchronous(new LoggedEvent(log, 1), &queue);
+    kelto_test::FailingCall<&CCmSystemTable::pthread_mutex_lock> locks(EINVAL, EINVAL, NEVER);
+    pWrapper->OnEventFire();
+    EXPECT_EQ(1u, locks.calls());
+    pWrapper->OnDestorySelf();
+    pWrapper->OnDestorySelf();  // frees it
+}
+
+TEST(CmEventSynchronous, TriesThreeTimes_WhenItCannotWake) {
+    kelto_test::ScopedTraceSink sink;
+    EventLog log;
+    CCmEventQueueBase queue;
+    CCmEventSynchronous* pWrapper = new CCmEventSynchronous(new LoggedEvent(log, 1), &queue);
+    kelto_test::FailingCall<&CCmSystemTable::pthread_mutex_lock> fault(
+        EINVAL, EINVAL, 1, kelto_test::Failing::FROM_THERE_ON);
+    pWrapper->OnEventFire();
+    EXPECT_EQ(3u, fault.calls());
+    pWrapper->OnDestorySelf();
+    pWrapper->OnDestorySelf();  // frees it
+}
+
 TEST(CmEventSynchronous, EndsItsEvent_WhenItIsDeletedWithoutHavingRun) {
     EventLog log;
     CCmEventQueueBase queue;
@@ -1023,6 +1102,14 @@ TEST(CmEventQueueUsingMutex, PostsWithoutTheLock_WhenItCannotBeTaken) {
 }
 
 // The queue with a condition.
+
+TEST(CmEventQueueUsingConditionVariable, PostsNothing_WhenTheEventIsNull) {
+    kelto_test::ScopedTraceSink sink;
+    CCmEventQueueUsingConditionVariable queue;
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, queue.PostEvent(nullptr, NORMAL));
+    EXPECT_EQ(1u, sink.count(" Assert failed: aEvent"));
+    EXPECT_EQ(0u, queue.GetPendingEventsCount());
+}
 
 TEST(CmEventQueueUsingConditionVariable, Returns_WhenAnEventIsPostedWhileItWaits) {
     EventLog log;
@@ -1162,6 +1249,40 @@ TEST(CmEventQueueUsingConditionVariable, DoesNotSignal_WhenNobodyWaits) {
     WaitCounter counter;
     Post(queue, log, 1, 3);
     EXPECT_EQ(0, g_nSignals.load());
+}
+
+TEST(CmEventQueueUsingConditionVariable, DoesNotSignal_WhenTheWaitIsOver) {
+    EventLog log;
+    CCmEventQueueUsingConditionVariable queue;
+    WaitCounter counter;
+    Events events;
+    CCmTimeValue tvShort(0, 1000);
+    EXPECT_EQ(CM_ERROR_NOT_FOUND, queue.PopOrWaitPendingEvents(events, &tvShort));
+    EXPECT_EQ(1, g_nWaits.load());
+    Post(queue, log, 1, 1);
+    EXPECT_EQ(0, g_nSignals.load());
+}
+
+// Another thread's posts, while this one waits.
+int PostTwiceInstead(pthread_cond_t*, pthread_mutex_t* aMutex) {
+    pthread_mutex_unlock(aMutex);
+    Post(*g_pQueueOfYield, *g_pLogOfYield, 1, 2);
+    return pthread_mutex_lock(aMutex);
+}
+
+TEST(CmEventQueueUsingConditionVariable, SignalsOnce_WhenTwoPostsComeBeforeItsConsumerWakes) {
+    EventLog log;
+    CCmEventQueueUsingConditionVariable queue;
+    WaitCounter counter;
+    kelto_test::ScopedEntry<decltype(g_cmSystem.pthread_cond_wait)> entry(
+        g_cmSystem.pthread_cond_wait, &PostTwiceInstead);
+    g_pLogOfYield = &log;
+    g_pQueueOfYield = &queue;
+    Events events;
+    EXPECT_EQ(CM_OK, queue.PopOrWaitPendingEvents(events, nullptr));
+    queue.ProcessEvents(events);
+    EXPECT_EQ((Ids{1, 2}), log.fired());
+    EXPECT_EQ(1, g_nSignals.load());
 }
 
 thread_local int t_nLocksHeld = 0;
@@ -1346,6 +1467,64 @@ TEST(CmEventQueueUsingConditionVariable, AllocatesNothing_WhenListNodesAreRecycl
     queue.PopOrWaitPendingEvents(events, nullptr);
     queue.ProcessAndRecycleEvents(events);
     EXPECT_EQ(IdsUpTo(8), log.fired());
+}
+
+// A queue with one spare node that another poster takes while the next event is being posted.
+class LastSpare {
+  public:
+    LastSpare() {
+        for (int i = 0; i < 2; ++i) {
+            Events events;
+            CCmTimeValue tvShort(0, 1000);
+            if (i == 0) {
+                m_queue.PostEvent(new LoggedEvent(m_log, 0), NORMAL);
+            }
+            m_queue.PopOrWaitPendingEvents(events, &tvShort);
+            m_queue.ProcessAndRecycleEvents(events);
+        }
+        s_pQueue = &m_queue;
+        s_pOther = new LoggedEvent(m_log, 2);
+    }
+    CCmEventQueueUsingConditionVariable& queue() { return m_queue; }
+    EventLog& log() { return m_log; }
+
+  private:
+    static int PostOther(timeval* aTv, void*) {
+        if (ICmEvent* pOther = s_pOther) {
+            s_pOther = nullptr;
+            s_pQueue->PostEvent(pOther, NORMAL);
+        }
+        return gettimeofday(aTv, nullptr);
+    }
+
+    static inline CCmEventQueueUsingConditionVariable* s_pQueue;
+    static inline ICmEvent* s_pOther;
+    EventLog m_log;
+    CCmEventQueueUsingConditionVariable m_queue;
+    kelto_test::ScopedEntry<decltype(g_cmClock.coarse_gettimeofday)> m_entry{
+        g_cmClock.coarse_gettimeofday, &PostOther};
+};
+
+TEST(CmEventQueueUsingConditionVariable, AllocatesANode_WhenAnotherPosterTookTheLastSpare) {
+    LastSpare last;
+    ICmEvent* pEvent = new LoggedEvent(last.log(), 1);
+    const unsigned long ulBefore = kelto_test::AllocationsOfThisThread();
+    EXPECT_EQ(CM_OK, last.queue().PostEvent(pEvent, NORMAL));
+    EXPECT_EQ(1u, kelto_test::AllocationsOfThisThread() - ulBefore);
+    EXPECT_EQ(2u, last.queue().GetPendingEventsCount());
+    last.queue().DestoryPendingEvents();
+    EXPECT_EQ((Ids{0, 2, 1}), last.log().ended());
+}
+
+TEST(CmEventQueueUsingConditionVariable, EndsTheEvent_WhenTheLastSpareIsGoneAndMemoryToo) {
+    LastSpare last;
+    ICmEvent* pEvent = new LoggedEvent(last.log(), 1);
+    {
+        kelto_test::ScopedAllocationFault fault(1);
+        EXPECT_EQ(CM_ERROR_OUT_OF_MEMORY, last.queue().PostEvent(pEvent, NORMAL));
+    }
+    EXPECT_EQ(1u, last.queue().GetPendingEventsCount());
+    EXPECT_EQ((Ids{0, 1}), last.log().ended());
 }
 
 // Each pass posts, takes and runs aCount events.
