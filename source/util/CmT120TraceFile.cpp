@@ -105,8 +105,9 @@ bool WriteFully(int aDescriptor, const char* aText, size_t aLength, off_t aOffse
 
 // Beyond the process's limit a write, or a file that is made longer, raises a signal that ends it.
 bool IsWithinFileSizeLimit(long aEnd) {
-    rlimit limit = {};
-    return ::getrlimit(RLIMIT_FSIZE, &limit) != 0 || static_cast<rlim_t>(aEnd) <= limit.rlim_cur;
+    rlimit limit = {RLIM_INFINITY, RLIM_INFINITY};
+    ::getrlimit(RLIMIT_FSIZE, &limit);
+    return static_cast<rlim_t>(aEnd) <= limit.rlim_cur;
 }
 
 // The start of a file; behind the end of a shorter one aBuffer stays as it is.
