@@ -165,7 +165,9 @@ class CM_UTIL_EXPORT CCmMessageBlock {
     char* GetTopLevelWritePtr() const;
 
   private:
-    CmResult CheckNoArea_i() const;
+    CCmMessageBlock(const CCmMessageBlock& aShared, unsigned long aFlag);
+
+    CmResult RefuseArea_i() const;
     void SetArea_i(char* aBegin, uint32_t aSize);
     CmResult ReadTopLevel_i(char* aDst, unsigned int aCount, bool aAdvance,
                             unsigned int& aBytesRead);

@@ -9,8 +9,10 @@ CCmDataBlock::~CCmDataBlock() = default;
 
 CmResult CCmDataBlock::CreateInstance(CCmDataBlock*& aDb, unsigned int aSize, const char* aData) {
     CM_ASSERTE_RETURN_LINE(aSize > 0, CM_ERROR_INVALID_ARG, 15);
-    void* pMemory = ::operator new(sizeof(CCmDataBlock) + aSize, std::nothrow);
-    if (pMemory == nullptr) {
+    void* pMemory = nullptr;
+    try {
+        pMemory = ::operator new(sizeof(CCmDataBlock) + aSize);
+    } catch (const std::bad_alloc&) {
         return CM_ERROR_OUT_OF_MEMORY;
     }
     char* pPayload = static_cast<char*>(pMemory) + sizeof(CCmDataBlock);

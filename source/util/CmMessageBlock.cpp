@@ -104,10 +104,8 @@ void CCmMessageBlock::DestroyOwned_i() {
     }
 }
 
-CmResult CCmMessageBlock::CheckNoArea_i() const {
-    if (CM_LIKELY(m_pBeginPtr == nullptr)) {
-        return CM_OK;
-    }
+// The area is set already.
+CmResult CCmMessageBlock::RefuseArea_i() const {
     CM_WARNING_TRACE_THIS("CCmMessageBlock::SetData failed, m_pBeginPtr is not NULL");
     return CM_ERROR_FAILURE;
 }
@@ -119,8 +117,8 @@ void CCmMessageBlock::SetArea_i(char* aBegin, uint32_t aSize) {
 
 CmResult CCmMessageBlock::SetData(unsigned int aSize, const char* aData, unsigned long aFlag,
                                   unsigned int aAdvanceWritePtr) {
-    if (CM_FAILED(CheckNoArea_i())) {
-        return CM_ERROR_FAILURE;
+    if (CM_UNLIKELY(m_pBeginPtr != nullptr)) {
+        return RefuseArea_i();
     }
     if (aData == nullptr || (aFlag & ALLOCATE_DATA) != 0) {
         if (aSize != 0) {
@@ -148,8 +146,8 @@ CmResult CCmMessageBlock::SetData(unsigned int aSize, const char* aData, unsigne
 
 CmResult CCmMessageBlock::SetData(CCmDataBlock* aDb, unsigned long aFlag,
                                   unsigned int aAdvanceWritePtr) {
-    if (CM_FAILED(CheckNoArea_i())) {
-        return CM_ERROR_FAILURE;
+    if (CM_UNLIKELY(m_pBeginPtr != nullptr)) {
+        return RefuseArea_i();
     }
     m_pDataBlock = aDb;
     if (aDb != nullptr) {
@@ -327,7 +325,11 @@ CCmMessageBlock* CCmMessageBlock::DuplicateExternal_i() const {
     const size_t nSize = static_cast<size_t>(m_pEndPtr - m_pBeginPtr);
     CCmMessageBlock* pCopy = new (std::nothrow) CCmMessageBlock(
         static_cast<unsigned int>(nSize), m_pBeginPtr, (m_Flag & ~DATA_FLAGS) | ALLOCATE_DATA, 0);
-    if (pCopy == nullptr || nSize == 0) {
+    if (pCopy == nullptr) {
+        return nullptr;
+    }
+    pCopy->m_Flag |= DUPLICATED;
+    if (nSize == 0) {
         return pCopy;
     }
     char* pArea = pCopy->GetTopLevelWritePtr();
@@ -341,21 +343,25 @@ CCmMessageBlock* CCmMessageBlock::DuplicateExternal_i() const {
     return pCopy;
 }
 
+// A duplicate that shares the data block: the views differ in their flags alone, so there is
+// nothing of SetData left to do.
+CCmMessageBlock::CCmMessageBlock(const CCmMessageBlock& aShared, unsigned long aFlag)
+    : m_pDataBlock(aShared.m_pDataBlock),
+      m_pReadPtr(aShared.m_pReadPtr),
+      m_pWritePtr(aShared.m_pWritePtr),
+      m_pBeginPtr(aShared.m_pBeginPtr),
+      m_pEndPtr(aShared.m_pEndPtr),
+      m_Flag(aFlag) {}
+
 CCmMessageBlock* CCmMessageBlock::DuplicateTopLevel() const {
-    CCmMessageBlock* pCopy = nullptr;
     if (CM_UNLIKELY(!CM_BIT_DISABLED(m_Flag, EXTERNAL_DATA))) {
-        pCopy = DuplicateExternal_i();
-    } else {
-        pCopy = new (std::nothrow) CCmMessageBlock(m_pDataBlock, m_Flag, 0);
-        if (pCopy != nullptr) {
-            pCopy->m_pReadPtr = m_pReadPtr;
-            pCopy->m_pWritePtr = m_pWritePtr;
-        }
+        return DuplicateExternal_i();
     }
-    if (pCopy != nullptr) {
-        pCopy->m_Flag |= DUPLICATED;
+    try {
+        return new CCmMessageBlock(*this, (m_Flag & ~(DATA_FLAGS | INTERNAL_FLAGS)) | DUPLICATED);
+    } catch (const std::bad_alloc&) {
+        return nullptr;
     }
-    return pCopy;
 }
 
 CCmMessageBlock* CCmMessageBlock::DuplicateChained(const CCmMessageBlock* aMb) {
@@ -463,7 +469,7 @@ CCmString CCmMessageBlock::FlattenChained(const CCmMessageBlock* aMb) {
     try {
         strData.reserve(ReadableBytes(aMb) + 1);
     } catch (const std::exception&) {
-        return CCmString();
+        return strData;  // every return names it, so that it is built where the caller wants it
     }
     for (; aMb != nullptr; aMb = aMb->m_pNext) {
         const char* pRead = aMb->GetTopLevelReadPtr();
