@@ -348,6 +348,17 @@ TEST(CmConfigReadInitFile, StreamAtItsEnd_HoldsNothing) {
     EXPECT_EQ(0, read_init_file(nullptr, "s", "k", szOut, sizeof(szOut)));
 }
 
+TEST(CmConfigReadInitFile, Section_AndKeyAreNeededButNoBuffer) {
+    char szOut[8] = "before";
+    const std::unique_ptr<FILE, int (*)(FILE*)> pFile(tmpfile(), fclose);
+    fputs("[s]\nk=1\n", pFile.get());
+    rewind(pFile.get());
+    EXPECT_EQ(0, read_init_file(pFile.get(), nullptr, "k", szOut, sizeof(szOut)));
+    EXPECT_EQ(0, read_init_file(pFile.get(), "s", nullptr, szOut, sizeof(szOut)));
+    EXPECT_EQ(1, read_init_file(pFile.get(), "s", "k", nullptr, 0));
+    EXPECT_STREQ("before", szOut);
+}
+
 TEST(CmConfigProfile, Values_AreCutAndTerminated) {
     ScopedHome home;
     const std::string sPath = home.path() + "profile";

@@ -622,6 +622,13 @@ TEST_F(CmMessageBlockDisjoint, AtZeroMovesAllIntoDuplicates) {
     pTail->DestroyChained();
 }
 
+TEST_F(CmMessageBlockDisjoint, StaticForm_CutsTheChain) {
+    CCmMessageBlock* pTail = CCmMessageBlock::Disjoint(&m_first, 5);
+    EXPECT_EQ("abcde", m_first.FlattenChained());
+    EXPECT_EQ("fg", pTail->FlattenChained());
+    pTail->DestroyChained();
+}
+
 TEST_F(CmMessageBlockDisjoint, InsideABlockCutsIt) {
     CCmMessageBlock* pTail = m_first.Disjoint(5);
     EXPECT_EQ("abcde", m_first.FlattenChained());

@@ -55,6 +55,7 @@ TEST(CmPortLinuxName, AsciiName_ReadsAsItsFirstCharacter) {
     EXPECT_WITH_EXECUTABLE("/opt/bin/agent",
                            memcmp(get_exec_name(), "a\0g\0e\0n\0t\0\0\0", 12) == 0);
     EXPECT_WITH_EXECUTABLE("/opt/bin/agent", IsText("a", get_process_name()));
+    EXPECT_WITH_EXECUTABLE("agent", IsText("a", get_exec_name()));
 }
 
 TEST(CmPortLinuxName, OtherNames_AreConvertedFirst) {
@@ -135,6 +136,17 @@ const char* s_pModule = nullptr;
 int FakeDladdr(const void* /*aAddress*/, Dl_info* aInfo) {
     aInfo->dli_fname = s_pModule;
     return s_pModule != nullptr ? 1 : 0;
+}
+
+int NamelessDladdr(const void* /*aAddress*/, Dl_info* aInfo) {
+    aInfo->dli_fname = nullptr;
+    return 1;
+}
+
+TEST(CmPortLinuxModule, Path_IsMissing_WhenTheLoaderKnowsNoName) {
+    ScopedEntry<decltype(g_cmSystem.dladdr)> entry(g_cmSystem.dladdr, NamelessDladdr);
+    char szPath[8];
+    EXPECT_FALSE(CmPortModulePath(szPath, sizeof(szPath)));
 }
 
 TEST(CmPortLinuxModule, Path_ComesFromTheLoader) {

@@ -219,6 +219,10 @@ int FakeDladdr(const void* /*aAddress*/, Dl_info* aInfo) {
     aInfo->dli_fname = s_pModule;
     return s_pModule != nullptr ? 1 : 0;
 }
+int NamelessDladdr(const void* /*aAddress*/, Dl_info* aInfo) {
+    aInfo->dli_fname = nullptr;
+    return 1;
+}
 
 class CmPortMacModule : public testing::Test {
   protected:
@@ -236,6 +240,12 @@ TEST_F(CmPortMacModule, Path_ComesFromTheLoader) {
     EXPECT_STREQ(PLAIN, szPath);
     EXPECT_FALSE(CmPortModulePath(szPath, sizeof(szPath) - 1));
     s_pModule = nullptr;
+    EXPECT_FALSE(CmPortModulePath(szPath, sizeof(szPath)));
+}
+
+TEST_F(CmPortMacModule, Path_IsMissing_WhenTheLoaderKnowsNoName) {
+    ScopedEntry<decltype(g_cmSystem.dladdr)> entry(g_cmSystem.dladdr, NamelessDladdr);
+    char szPath[8];
     EXPECT_FALSE(CmPortModulePath(szPath, sizeof(szPath)));
 }
 

@@ -569,6 +569,14 @@ TEST_F(CmT120TraceFile, Filter_MatchesAPatternOnALastLineWithoutLineEnd) {
     EXPECT_EQ(-1, regex_match("media"));
 }
 
+TEST_F(CmT120TraceFile, Filter_IsFoundInAHomeWithoutSlashAtItsEnd) {
+    WriteFilters("net");
+    g_def_kelto_home_dir[m_Home.path().size() - 1] = '\0';
+    CCmT120TraceFileMgr::init_reg_filter();
+    EXPECT_EQ(2, regex_cnt.load());
+    EXPECT_EQ(0, regex_match("net"));
+}
+
 TEST_F(CmT120TraceFile, Filter_KeepsTheLineEndInThePattern) {
     SetFilters("net\n");
     EXPECT_EQ(-1, regex_match("net"));

@@ -248,6 +248,17 @@ TEST(CmThread, RegistersTwice_WhenAskedTwice) {
     EXPECT_EQ(nBefore, RegisteredThreads());
 }
 
+TEST(CmThread, LeavesTheOthersRegistered_WhenOneIsUnregistered) {
+    Life life;
+    BodyThread first(life);
+    BodyThread second(life);
+    EXPECT_EQ(CM_OK, RegisterThread(&first));
+    EXPECT_EQ(CM_OK, RegisterThread(&second));
+    EXPECT_EQ(CM_OK, UnRegisterThread(&second));
+    EXPECT_EQ(CM_ERROR_NOT_FOUND, UnRegisterThread(&second));
+    EXPECT_EQ(CM_OK, UnRegisterThread(&first));
+}
+
 TEST(CmThread, FindsItself_OnItsOwnThread) {
     ACmThread* pThread = nullptr;
     ASSERT_EQ(CM_OK, CreateUserTaskThread(&pThread, TF_JOINABLE, false, TYPE));

@@ -55,7 +55,7 @@ bool ResolveHostName(char* aIp) {
 }
 
 void CopyCut(const char* aText, size_t aLength, char* aOut, int aOutSize) {
-    if (aOut == nullptr || aOutSize <= 0) {
+    if (aOutSize <= 0) {
         return;
     }
     const size_t nLength = std::min(aLength, static_cast<size_t>(aOutSize) - 1);

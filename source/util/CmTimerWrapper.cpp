@@ -44,7 +44,7 @@ CmResult CCmTimerWrapperID::Cancel() {
         return CM_OK;
     }
     m_bScheduled = false;
-    return m_pTimerQueue != nullptr ? m_pTimerQueue->CancelTimer(this) : CM_ERROR_NULL_POINTER;
+    return m_pTimerQueue->CancelTimer(this);
 }
 
 void CCmTimerWrapperID::OnTimeout(const CCmTimeValue& /*aCurTime*/, void* aArg) {
