@@ -571,6 +571,60 @@ TEST_F(CmTimerQueueCalendar, EndOfEvent_LeavesTheQueueAlive) {
     EXPECT_EQ(2, TicksToFiring());
 }
 
+TEST_F(CmTimerQueueCalendar, Destructor_FreesTheTimerOfAnySlot) {
+    for (int nTicks = 0; nTicks < 11; ++nTicks) {
+        for (long lUsec = 500; lUsec < 100000; lUsec += 10000) {
+            const long lLive = kelto_test::LiveAllocations();
+            {
+                CCmTimerQueueCalendar queue(10, 110, &m_events);
+                for (int i = 0; i < nTicks; ++i) {
+                    queue.TimerTick();
+                }
+                queue.ScheduleTimer(Handler(0), nullptr, CCmTimeValue(0, lUsec), 1);
+            }
+            EXPECT_EQ(lLive, kelto_test::LiveAllocations()) << nTicks << " " << lUsec;
+        }
+    }
+}
+
+TEST_F(CmTimerQueueCalendar, Destructor_FreesTheTimerThatWaitsForItsEvent) {
+    m_events.m_priorities.reserve(1);
+    const long lLive = kelto_test::LiveAllocations();
+    {
+        CCmTimerQueueCalendar queue(10, 110, &m_events);
+        queue.ScheduleTimer(Handler(0), nullptr, Ms(0), 1);
+        m_events.m_events.clear();
+    }
+    EXPECT_EQ(lLive, kelto_test::LiveAllocations());
+}
+
+TEST_F(CmTimerQueueCalendar, Destructor_FreesWhatHasFired) {
+    m_events.m_priorities.reserve(1);
+    m_log.reserve(2);
+    const long lLive = kelto_test::LiveAllocations();
+    {
+        CCmTimerQueueCalendar queue(10, 110, &m_events);
+        queue.ScheduleTimer(Handler(0), nullptr, Ms(0), 1);
+        m_events.RunAll();
+        queue.ScheduleTimer(Handler(1), nullptr, Ms(10), 1);
+        queue.TimerTick();
+        queue.TimerTick();
+        EXPECT_EQ(2u, m_log.size());
+    }
+    EXPECT_EQ(lLive, kelto_test::LiveAllocations());
+}
+
+TEST_F(CmTimerQueueCalendar, Destructor_FreesWhatAFailedScheduleHadAllocated) {
+    const long lLive = kelto_test::LiveAllocations();
+    for (unsigned long ulNth = 1; ulNth <= 3; ++ulNth) {
+        CCmTimerQueueCalendar queue(10, 110, &m_events);
+        ScopedAllocationFault fault(ulNth);
+        queue.ScheduleTimer(Handler(0), nullptr, Ms(10), 1);
+        EXPECT_TRUE(fault.hit()) << ulNth;
+    }
+    EXPECT_EQ(lLive, kelto_test::LiveAllocations());
+}
+
 TEST_F(CmTimerQueueCalendar, DestructorDropsTimersSilently) {
     const long lLive = kelto_test::LiveAllocations();
     {
