@@ -374,6 +374,39 @@ TEST(CmThread, IsDeletedAtOnce_WhenADetachedOneIsDestroyedBehindItsBody) {
     EXPECT_TRUE(life.deleted);
 }
 
+std::atomic<int> g_nThreadsGone{0};
+
+// Counts the threads that ran it when they are gone, behind all that the library does on them.
+class CountedThread : public BodyThread {
+  public:
+    using BodyThread::BodyThread;
+    void OnThreadRun() override {
+        struct CEnd {
+            ~CEnd() { ++g_nThreadsGone; }
+        };
+        static thread_local CEnd t_end;
+        BodyThread::OnThreadRun();
+    }
+};
+
+TEST(CmThread, LivesUntilItIsDestroyed_WhenADetachedUnknownTypeIsCreatedAgain) {
+    Life life;
+    life.released = true;
+    g_nThreadsGone = 0;
+    BodyThread* pThread = new CountedThread(life);
+    ASSERT_EQ(CM_OK, pThread->Create(TT_UNKNOWN, TF_DETACHED, 0));
+    ASSERT_TRUE(Eventually([&] { return g_nThreadsGone == 1; }));
+    EXPECT_TRUE(pThread->HasEnded());
+    life.released = false;
+    ASSERT_EQ(CM_OK, pThread->Create(TYPE, TF_DETACHED, 0));
+    EXPECT_FALSE(pThread->HasEnded());
+    life.released = true;
+    EXPECT_TRUE(Eventually([&] { return life.deleted || pThread->HasEnded(); }));
+    EXPECT_FALSE(life.deleted);
+    pThread->Destory(0);
+    EXPECT_TRUE(Eventually([&] { return life.deleted.load(); }));
+}
+
 TEST(CmThread, IsDetached_WhenTheLowBitsOfTheFlagAreTwo) {
     const struct {
         TFlag flag;

@@ -141,6 +141,11 @@ CmResult ACmThread::Create(int aType, TFlag aFlag, signed char bRegister) {
     if (aType == TT_UNKNOWN) {
         CM_WARNING_TRACE("thread type is TT_UNKNOWN");
     }
+    // A detached thread that the object had before (its type was unknown) has ended: that is not
+    // one of the two ends of the new one. Acquire: behind all that it did.
+    if (m_bOneEndCame.exchange(false, std::memory_order_acq_rel)) {
+        --m_nDestroyRef;
+    }
     m_Type = aType;
     m_Flag = aFlag != 0 ? aFlag : TF_JOINABLE;
 
