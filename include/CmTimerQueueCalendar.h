@@ -109,6 +109,9 @@ class CM_UTIL_EXPORT CCmTimerQueueCalendar : public ICmTimerQueue, public ICmEve
     CNode::HandlersType m_Handlers;
     CCmRecyclingAllocatorT<CNode> m_NodeAllocator;
     CCmTimerHandlerIndexT<CNode::HandlersType::iterator> m_Index;  // of m_Handlers
+    // Follows the entry erased last. A handler that is cancelled and scheduled again, as timeouts
+    // are, goes back in front of it without a walk down the map.
+    CNode::HandlersType::iterator m_itVacated;
 };
 
 }  // namespace UTIL_NS

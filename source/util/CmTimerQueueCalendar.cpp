@@ -1,5 +1,7 @@
 #include "CmTimerQueueCalendar.h"
 
+#include <iterator>
+
 #include "CmThread.h"
 #include "CmTraceLine.h"
 
@@ -65,7 +67,8 @@ CCmTimerQueueCalendar::CCmTimerQueueCalendar(unsigned int aSlotInterval, unsigne
       m_dwMaxSlotNumber(MaxSlotNumber(m_dwInterval, aMaxTime)),
       m_dwCurrentSlot(0),
       m_pEventQueue(aEventQueue != nullptr ? aEventQueue : EventQueueOfThisThread()),
-      m_pEvents(nullptr) {
+      m_pEvents(nullptr),
+      m_itVacated(m_Handlers.end()) {
     m_ppSlots = new (std::nothrow) CNode*[size_t{m_dwMaxSlotNumber} + 1]();
 }
 
@@ -100,7 +103,7 @@ CmResult CCmTimerQueueCalendar::ScheduleTimer(ICmTimerHandler* aEh, void* aToken
         }
         if (bForWheel && !bIsKnown) {
             m_Index.Reserve();
-            itHandler = m_Handlers.emplace(aEh, 0).first;
+            itHandler = m_Handlers.emplace_hint(m_itVacated, aEh, 0);
             m_Index.Insert(aEh, itHandler);
         }
     } catch (const std::bad_alloc&) {
@@ -237,6 +240,9 @@ void CCmTimerQueueCalendar::OnDestorySelf() {}
 // Ends a timer that has left the wheel.
 void CCmTimerQueueCalendar::Forget_i(CNode* aNode) {
     m_Index.Erase(aNode->m_pEh);
+    // What follows the last entry is known; stepping there would climb the whole map.
+    const bool bIsLast = aNode->m_itHandler == std::prev(m_Handlers.end());
+    m_itVacated = bIsLast ? m_Handlers.end() : std::next(aNode->m_itHandler);
     m_Handlers.erase(aNode->m_itHandler);
     FreeNode_i(aNode);
 }
