@@ -15,7 +15,7 @@ int CCmTimerQueueOrderedList::PushNode_l(const CNode& aNode) {
     if (const NodesType::iterator* pPlace = m_Index.Find(aNode.m_pEh)) {
         NodesType node;
         node.splice(node.end(), m_Nodes, *pPlace);
-        node.front() = aNode;
+        **pPlace = aNode;
         m_Nodes.splice(FindPlace_l(aNode.m_tvExpired), node);
         return 1;
     }
