@@ -32,6 +32,13 @@ if(KELTO_SANITIZE)
   target_link_options(kelto_compile_options INTERFACE -fsanitize=${KELTO_SANITIZE})
 endif()
 
+# The atomic operations become calls, by which Helgrind learns of them; nothing else changes.
+if(KELTO_HELGRIND)
+  target_compile_options(kelto_compile_options INTERFACE
+    -fsanitize=thread -fno-omit-frame-pointer)
+  add_subdirectory(${PROJECT_SOURCE_DIR}/tests/valgrind ${CMAKE_BINARY_DIR}/tests/valgrind)
+endif()
+
 if(KELTO_COVERAGE)
   if(CMAKE_CXX_COMPILER_ID MATCHES Clang)
     set(KELTO_COVERAGE_FLAGS -fprofile-instr-generate -fcoverage-mapping)
