@@ -25,7 +25,8 @@ class CM_UTIL_EXPORT CCmEnsureSingleThread {
     pthread_t m_ThreadId;
 };
 
-// A flag that is written by its owning thread and may be read by any.
+// Whether something is stopped; at first it is not. Meant to be written by its owning thread, which
+// nothing enforces.
 class CM_UTIL_EXPORT CCmStopFlag : public CCmEnsureSingleThread {
   public:
     CCmStopFlag();
