@@ -46,6 +46,14 @@ install(FILES
 file(RELATIVE_PATH KELTO_PC_TO_PREFIX
   ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 string(REGEX REPLACE "/$" "" KELTO_PC_TO_PREFIX "${KELTO_PC_TO_PREFIX}")
+# A directory that was given in full lies outside the prefix and cannot be moved with it.
+foreach(dir LIBDIR INCLUDEDIR)
+  if(IS_ABSOLUTE "${CMAKE_INSTALL_${dir}}")
+    set(KELTO_PC_${dir} "${CMAKE_INSTALL_${dir}}")
+  else()
+    set(KELTO_PC_${dir} "\${prefix}/${CMAKE_INSTALL_${dir}}")
+  endif()
+endforeach()
 set(KELTO_PC_DL_LIBS "")
 if(CMAKE_DL_LIBS)
   set(KELTO_PC_DL_LIBS "-l${CMAKE_DL_LIBS}")
@@ -54,7 +62,7 @@ configure_file(cmake/kelto_util.pc.in ${CMAKE_CURRENT_BINARY_DIR}/kelto_util.pc 
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/kelto_util.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT Development)
 
-install(FILES README.md CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT Documentation)
+install(FILES README.md CHANGELOG.md SECURITY.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT Documentation)
 install(DIRECTORY docs/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/docs COMPONENT Documentation
   FILES_MATCHING PATTERN "*.md" PATTERN "*.svg")
 

@@ -29,8 +29,11 @@ namespace UTIL_NS {
 // The library's string type: a byte string, no encoding implied.
 typedef std::string CCmString;
 
-// A 32-bit unsigned number.
+// A 32-bit unsigned number. Not declared where a host has a macro of this name, which must then
+// stand for the same type.
+#ifndef DWORD
 typedef uint32_t DWORD;
+#endif
 
 // Result of every operation that can fail: 0 or one of the codes below. No operation throws.
 typedef int32_t CmResult;

@@ -3,6 +3,11 @@
 #define CM_PLATFORM_H
 
 #include <pthread.h>
+#if !defined(__APPLE__)
+#include <semaphore.h>
+#endif
+
+namespace UTIL_NS {
 
 // A counting semaphore made of a mutex and a condition, for platforms without unnamed ones.
 struct CmConditionSemaphore {
@@ -11,19 +16,20 @@ struct CmConditionSemaphore {
     unsigned int m_dwCount;
 };
 
+// What a semaphore of this platform is made of.
 #if defined(__APPLE__)
-
-// What a semaphore of this platform is made of, and how a static recursive mutex begins.
 typedef CmConditionSemaphore CmPlatformSemaphore;
-#define CM_RECURSIVE_MUTEX_INITIALIZER PTHREAD_RECURSIVE_MUTEX_INITIALIZER
-
 #else
-
-#include <semaphore.h>
-// What a semaphore of this platform is made of, and how a static recursive mutex begins.
 typedef sem_t CmPlatformSemaphore;
-#define CM_RECURSIVE_MUTEX_INITIALIZER PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP
+#endif
 
+}  // namespace UTIL_NS
+
+// How a static recursive mutex begins.
+#if defined(__APPLE__)
+#define CM_RECURSIVE_MUTEX_INITIALIZER PTHREAD_RECURSIVE_MUTEX_INITIALIZER
+#else
+#define CM_RECURSIVE_MUTEX_INITIALIZER PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP
 #endif
 
 #endif  // CM_PLATFORM_H

@@ -172,8 +172,7 @@ class CCmTimerHandlerIndexT {
     size_t Next(size_t aPlace) const { return (aPlace + 1) & Mask(); }
     // The upper bits of the product depend on all bits of the address.
     size_t Home(ICmTimerHandler* aEh) const {
-        return static_cast<size_t>(reinterpret_cast<uintptr_t>(aEh) * 0x9E3779B97F4A7C15 >>
-                                   (64 - m_nBits));
+        return reinterpret_cast<uintptr_t>(aEh) * 0x9E3779B97F4A7C15 >> (64 - m_nBits);
     }
     // Where aEh is, or where it would be put.
     size_t PlaceOf(ICmTimerHandler* aEh) const {

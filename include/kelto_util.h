@@ -27,6 +27,7 @@
 #include "CmUtilClasses.h"
 #include "CmUtilMisc.h"
 #include "CmUtilTemplates.h"
+#include "CmVersion.h"
 #include "CmXml.h"
 
 #endif  // KELTO_UTIL_H
