@@ -65,6 +65,9 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/kelto_util.pc
 install(FILES README.md CHANGELOG.md SECURITY.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT Documentation)
 install(DIRECTORY docs/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/docs COMPONENT Documentation
   FILES_MATCHING PATTERN "*.md" PATTERN "*.svg")
+# The pages lead there.
+install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT Documentation
+  PATTERN "tests" EXCLUDE)
 
 # gdb loads what lies beside a library under the library's name, if it trusts the directory.
 set(KELTO_GDB_DIR ${CMAKE_INSTALL_LIBDIR} CACHE STRING "Where the gdb printers go")
