@@ -168,7 +168,9 @@ class CM_UTIL_EXPORT CCmThreadTask : public CCmThreadTaskWithEventQueueOnly {
     ICmTimerQueue* GetTimerQueue() override;
 
   protected:
-    ICmTimerQueue* m_pTimerQueue;  // owned; null until OnThreadInit
+    // Owned; null until OnThreadInit. A subclass may put another one there only if that derives
+    // from CCmTimerQueueBase.
+    ICmTimerQueue* m_pTimerQueue;
 };
 
 // Queues for a thread that the library does not run: their owner calls DoHeartBeat regularly.
@@ -190,7 +192,7 @@ class CM_UTIL_EXPORT CCmThreadHeartBeat : public ACmThread {
 
   protected:
     CCmEventQueueUsingMutex m_EventQueue;
-    ICmTimerQueue* m_pTimerQueue;  // owned; null until OnThreadInit
+    ICmTimerQueue* m_pTimerQueue;  // as that of CCmThreadTask
 };
 
 // The event that stops a worker when it is its turn.

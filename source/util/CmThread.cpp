@@ -1,5 +1,7 @@
 #include "CmThread.h"
 
+#include <algorithm>
+
 #include "CmScopedLock.h"
 #include "CmTimerQueueOrderedList.h"
 #include "CmTraceLine.h"
@@ -29,6 +31,19 @@ bool MakeTimerQueue(ICmTimerQueue*& aQueue) {
         aQueue = new (std::nothrow) CCmTimerQueueOrderedList(nullptr);
     }
     return aQueue != nullptr;
+}
+
+// Fires what is due and returns how long to wait for the next timer. What the queue stores counts
+// from the start of its pass; the handlers have taken time since.
+CCmTimeValue FireDueTimers(CCmTimerQueueBase& aQueue) {
+    CCmTimeValue tvWait;
+    const bool bFired = aQueue.CheckExpire(&tvWait) > 0;
+    if (CM_LIKELY(!bFired) || tvWait == CCmTimeValue::s_tvMax) {
+        return tvWait;
+    }
+    const CCmTimeValue tvLeft = aQueue.GetEarliestTime() - CCmTimeValue::GetTimeOfDay();
+    // More would be left only by a clock that was set back.
+    return std::min(std::max(tvLeft, CCmTimeValue::s_tvZero), tvWait);
 }
 
 // What one more entry of the registry takes. CM_OK or CM_ERROR_OUT_OF_MEMORY.
@@ -432,7 +447,7 @@ void CCmThreadTask::OnThreadRun() {
     while (!IsFlagStopped()) {
         CCmTimeValue tvWait = CCmTimeValue::s_tvMax;
         if (m_pTimerQueue != nullptr) {
-            static_cast<CCmTimerQueueBase*>(m_pTimerQueue)->CheckExpire(&tvWait);
+            tvWait = FireDueTimers(*static_cast<CCmTimerQueueBase*>(m_pTimerQueue));
         }
         RunEvents_i(tvWait == CCmTimeValue::s_tvMax ? nullptr : &tvWait, EVENTS_PER_PASS);
     }
