@@ -295,6 +295,72 @@ TEST(CmThread, IsNotFound_WhenItsDetachedThreadHasEndedAndItsIdIsReused) {
     pThread->Destory(0);
 }
 
+ReusedIdThread* g_pJoined = nullptr;
+ACmThread* g_pFoundInJoin = nullptr;
+decltype(g_cmSystem.pthread_join) g_realJoin = nullptr;
+
+// The number of the joined thread goes to another one before the joining thread gets on.
+int JoinAndReuse(pthread_t aTid, void** aResult) {
+    const int rv = g_realJoin(aTid, aResult);
+    g_pJoined->TakeIdOfCallingThread();
+    g_pFoundInJoin = getCurrentThread();
+    return rv;
+}
+
+TEST(CmThread, IsNotFound_WhenItIsBeingJoinedAndItsIdIsReused) {
+    Life life;
+    life.released = true;
+    g_pJoined = new ReusedIdThread(life);
+    ASSERT_EQ(CM_OK, g_pJoined->Create(TYPE, TF_JOINABLE, 1));
+    kelto_test::ScopedEntry<decltype(g_cmSystem.pthread_join)> join(g_cmSystem.pthread_join,
+                                                                    &JoinAndReuse);
+    g_realJoin = join.original();
+    g_pFoundInJoin = g_pJoined;
+    EXPECT_EQ(CM_OK, g_pJoined->Join());
+    EXPECT_EQ(nullptr, g_pFoundInJoin);
+    g_pJoined->Destory(0);
+}
+
+TEST(CmThread, FindsItself_WhileItIsJoined) {
+    class CFinding : public BodyThread {
+      public:
+        using BodyThread::BodyThread;
+        void OnThreadRun() override {
+            BodyThread::OnThreadRun();
+            m_pFound = getCurrentThread();
+        }
+        ACmThread* m_pFound = nullptr;
+    };
+    Life life;
+    CFinding* pThread = new CFinding(life);
+    for (int nType : {TT_UNKNOWN, TYPE}) {  // the second thread of the object, too
+        life.released = false;
+        pThread->m_pFound = nullptr;
+        ASSERT_EQ(CM_OK, pThread->Create(nType, TF_JOINABLE, 1));
+        std::thread releasing([&] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+            life.released = true;
+        });
+        EXPECT_EQ(CM_OK, pThread->Join());
+        EXPECT_EQ(pThread, pThread->m_pFound);
+        releasing.join();
+    }
+    pThread->Destory(0);
+}
+
+TEST(CmThread, IsFound_WhenItAdoptsAThreadAfterItsOwnHasEnded) {
+    Life life;
+    life.released = true;
+    BodyThread* pThread = new BodyThread(life);
+    ASSERT_EQ(CM_OK, pThread->Create(TT_UNKNOWN, TF_JOINABLE, 1));
+    EXPECT_EQ(CM_OK, pThread->Join());
+    ASSERT_EQ(CM_OK, pThread->Create(TT_MAIN, TF_JOINABLE, 1));
+    EXPECT_EQ(pThread, getCurrentThread());
+    EXPECT_EQ(nullptr, ACmThread::ThreadProc(pThread));  // a body that ends leaves its thread
+    EXPECT_EQ(pThread, getCurrentThread());
+    pThread->Destory(0);
+}
+
 TEST(CmThread, UnregistersItself_WhenItIsDestroyed) {
     Life life;
     const size_t nBefore = RegisteredThreads();
@@ -615,6 +681,26 @@ TEST(CmThread, TerminateFails_WhenADetachedBodyHasEnded) {
     kelto_test::FailingCall<&CCmSystemTable::pthread_cancel> fault(ESRCH, ESRCH);
     EXPECT_EQ(CM_ERROR_FAILURE, pThread->Terminate());
     EXPECT_EQ(0u, fault.calls());  // the thread's number may be another one's by now
+    pThread->Destory(0);
+}
+
+TEST(CmThread, TerminateCancelsNothing_WhenTheThreadIsAdopted) {
+    Life life;
+    life.released = true;
+    BodyThread* pThread = new BodyThread(life);
+    for (bool bHadAThread : {false, true}) {
+        if (bHadAThread) {
+            pThread->Destory(0);
+            pThread = new BodyThread(life);
+            ASSERT_EQ(CM_OK, pThread->Create(TT_UNKNOWN, TF_JOINABLE, 0));
+            EXPECT_EQ(CM_OK, pThread->Join());
+        }
+        ASSERT_EQ(CM_OK, pThread->Create(TT_MAIN, TF_JOINABLE, 0));
+        kelto_test::FailingCall<&CCmSystemTable::pthread_cancel> fault(0, 0);
+        EXPECT_EQ(CM_ERROR_FAILURE, pThread->Terminate());
+        EXPECT_TRUE(pThread->GetStopFlag());
+        EXPECT_EQ(0u, fault.calls());
+    }
     pThread->Destory(0);
 }
 
@@ -971,6 +1057,57 @@ TEST(CmThreadTask, KeepsItsTimerQueue_WhenAnUnknownTypeIsCreatedAgain) {
     EXPECT_EQ(pTimerQueue, pTask->GetTimerQueue());
     EndJoinable(pTask);
     EXPECT_EQ(lLive, kelto_test::LiveAllocations());
+}
+
+CCmThreadTaskWithEventQueueOnly* StoppedTask(bool aWithTimers) {
+    CCmThreadTaskWithEventQueueOnly* pTask =
+        aWithTimers ? new CCmThreadTask : new CCmThreadTaskWithEventQueueOnly;
+    EXPECT_EQ(CM_OK, pTask->Create(TT_UNKNOWN, TF_JOINABLE, 0));
+    EXPECT_EQ(CM_OK, pTask->Stop(nullptr));
+    EXPECT_EQ(CM_OK, pTask->Join());
+    return pTask;
+}
+
+TEST(CmThreadTask, IsRefused_WhenAnEarlierThreadOfItWasStopped) {
+    for (TFlag flag : {TF_JOINABLE, TF_DETACHED}) {
+        for (int nType : {TYPE, TT_UNKNOWN}) {
+            CCmThreadTaskWithEventQueueOnly* pTask = StoppedTask(nType == TYPE);
+            const size_t nBefore = RegisteredThreads();
+            const CmResult rv = pTask->Create(nType, flag, 1);
+            EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, rv);
+            EXPECT_EQ(nBefore, RegisteredThreads());
+            if (CM_SUCCEEDED(rv)) {  // nothing else ends it
+                pTask->Terminate();
+            }
+            EXPECT_TRUE(Eventually([&] { return pTask->GetStopFlag(); }));
+            EXPECT_TRUE(pTask->IsFlagStopped());
+            EXPECT_EQ(CM_OK, pTask->Join());
+            pTask->Destory(rv);
+        }
+    }
+}
+
+TEST(CmThreadTask, ReturnsAtOnce_WhenAStoppedOneAdoptsAThread) {
+    CCmThreadTaskWithEventQueueOnly* pTask = StoppedTask(true);
+    ASSERT_EQ(CM_OK, pTask->Create(TT_MAIN, TF_JOINABLE, 0));
+    pTask->OnThreadInit();
+    ASSERT_TRUE(pTask->IsFlagStopped());
+    pTask->OnThreadRun();
+    pTask->Destory(0);
+}
+
+TEST(CmThreadTask, RunsWhatIsPendingAndEnds_WhenStoppedBeforeItIsCreated) {
+    EventLog log;
+    for (CCmThreadTaskWithEventQueueOnly* pTask :
+         {new CCmThreadTaskWithEventQueueOnly,
+          static_cast<CCmThreadTaskWithEventQueueOnly*>(new CCmThreadTask)}) {
+        pTask->GetEventQueue()->PostEvent(new LoggedEvent(log, 1), NORMAL);
+        EXPECT_EQ(CM_OK, pTask->Stop(nullptr));
+        ASSERT_EQ(CM_OK, pTask->Create(TYPE, TF_JOINABLE, 0));
+        EXPECT_EQ(CM_OK, pTask->Join());
+        pTask->Destory(0);
+    }
+    EXPECT_EQ((Ids{1, 1}), log.fired());
 }
 
 // A worker whose waits are not made but noted: the test's clock moves on by each, and the last one

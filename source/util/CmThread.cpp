@@ -19,8 +19,8 @@ constexpr DWORD EVENTS_PER_PASS = 5;  // of a worker, between two looks at its t
 constexpr long START_LOOK_USEC = 100 * 1000;
 constexpr long START_NAP_NSEC = 1000 * 1000;
 
-// Steps of the start-up handshake. INIT_ENDED is published by the new thread before it signals;
-// of the other two the second one frees the event.
+// Steps of the start-up handshake; STEP_BODY_ENDED comes after them. INIT_ENDED is published by the
+// new thread before it signals; of the other two the second one frees the event.
 constexpr int STEP_INIT_ENDED = 1;
 constexpr int STEP_THREAD_DONE = 2;
 constexpr int STEP_CREATOR_DONE = 4;
@@ -170,6 +170,7 @@ CmResult ACmThread::Create(int aType, TFlag aFlag, signed char bRegister) {
         return CM_ERROR_OUT_OF_MEMORY;
     }
     if (m_Type == TT_MAIN) {
+        m_nStartSteps.store(0, std::memory_order_relaxed);  // of a thread that it had before
         m_Tid.store(pthread_self(), std::memory_order_relaxed);
     } else {
         const CmResult rv = StartThread_i();
@@ -308,6 +309,9 @@ void* ACmThread::ThreadProc(void* pParam) {
 }
 
 void ACmThread::BodyHasEnded_i() {
+    if (m_Type != TT_MAIN) {
+        m_nStartSteps.fetch_or(STEP_BODY_ENDED, std::memory_order_relaxed);
+    }
     if (!IsJoinable() && IsSecondEnd_i()) {
         delete this;
     }
@@ -351,6 +355,10 @@ CmResult ACmThread::Destory(int aReason) {
 }
 
 CmResult ACmThread::Terminate() {
+    if (m_Type == TT_MAIN) {
+        m_bStopFlag.store(true, std::memory_order_relaxed);
+        return CM_ERROR_FAILURE;
+    }
     const pthread_t tid = m_Tid.load(std::memory_order_relaxed);
     const bool bIsGone = m_bHasThread && !IsJoinable() && m_nDestroyRef.value() > 0;
     if (tid == pthread_t() || bIsGone) {
@@ -407,6 +415,11 @@ CmResult CCmThreadTaskWithEventQueueOnly::Stop(CCmTimeValue* /*aTimeout*/) {
 void CCmThreadTaskWithEventQueueOnly::OnThreadInit() {
     m_EventQueue.BindToCurrentThread();
     Reset2CurrentThreadId();
+    // An earlier thread of this object has run the stop event; no other can be posted.
+    if (m_EventQueue.IsStoppedAndEmpty()) {
+        SetInitResult(CM_ERROR_NOT_INITIALIZED);
+        return;
+    }
     SetStartFlag();
 }
 
