@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "CmThread.h"
+#include "CmTimerCancel.h"
 #include "CmTraceLine.h"
 
 namespace UTIL_NS {
@@ -66,7 +67,18 @@ NodeType* Unlink(NodeType*& aHead, const ICmTimerHandler* aEh) {
     return nullptr;
 }
 
+// Whose timers the calling thread cancels for good, if any.
+thread_local const ICmTimerHandler* t_pCancelledForGood = nullptr;
+
 }  // namespace
+
+CmResult CancelForGood(ICmTimerQueue& aQueue, ICmTimerHandler* aEh) {
+    const ICmTimerHandler* const pOuter = t_pCancelledForGood;
+    t_pCancelledForGood = aEh;
+    const CmResult rv = aQueue.CancelTimer(aEh);
+    t_pCancelledForGood = pOuter;
+    return rv;
+}
 
 CCmTimerQueueCalendar::CCmTimerQueueCalendar(unsigned int aSlotInterval, unsigned int aMaxTime,
                                              ICmEventQueue* aEventQueue)
@@ -174,6 +186,11 @@ void CCmTimerQueueCalendar::InsertUnique_i(const CCmTimeValue& aInterval, CNode*
 CmResult CCmTimerQueueCalendar::CancelTimer(ICmTimerHandler* aEh) {
     m_Est.EnsureSingleThread();
     CM_ASSERTE_RETURN_LINE(aEh, CM_ERROR_INVALID_ARG, 157);
+    if (m_pEvents != nullptr && t_pCancelledForGood == aEh) {
+        while (CNode* pEvent = Unlink(m_pEvents, aEh)) {
+            FreeNode_i(pEvent);
+        }
+    }
     CNode* pNode = RemoveUniqueHandler_i(aEh);
     if (pNode == nullptr) {
         return CM_ERROR_NOT_FOUND;
