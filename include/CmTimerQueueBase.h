@@ -14,7 +14,8 @@ namespace UTIL_NS {
 
 // What a timer calls; implemented by its user. A timer is identified by its handler alone: one
 // handler has at most one pending timer in a queue. A queue never owns a handler; a handler
-// cancels its timer before it is destroyed.
+// cancels its timer before it is destroyed. An implementation should be final or have a virtual
+// destructor of its own: the one here is not.
 class ICmTimerHandler {
   public:
     // The timer fired. aCurTime: when the queue began this pass over its timers, not when this one

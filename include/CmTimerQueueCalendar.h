@@ -42,7 +42,8 @@ struct CCmTimerQueueCalendarSlotT {
 //
 // A timer with interval zero bypasses the wheel: it fires once, whatever its count, when the event
 // queue next runs the event that this queue posts of itself, and so do those scheduled meanwhile,
-// the newest first.
+// the newest first: a handler that always schedules itself anew with interval zero is called
+// without end there.
 class CM_UTIL_EXPORT CCmTimerQueueCalendar : public ICmTimerQueue, public ICmEvent {
   public:
     // aSlotInterval: milliseconds, at least 10 are taken. aMaxTime: the wheel's span in
