@@ -27,7 +27,8 @@ class CM_UTIL_EXPORT PretInitialationTimer {
 
 extern template class CCmSingletonT<PretInitialationTimer>;
 
-// Wall-clock milliseconds since 1970.
+// Wall-clock milliseconds since 1970, rounded down; a time before is a negative number taken as an
+// unsigned one.
 CM_UTIL_EXPORT unsigned long get_tick_count();
 
 // The distance from aStart to aEnd, right even when the counter wrapped in between.

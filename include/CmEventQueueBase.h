@@ -227,6 +227,8 @@ class CM_UTIL_EXPORT CCmEventQueueUsingConditionVariable : public CCmEventQueueB
     // The same for a consumer that ends: refuses posts from then on, with nothing slipping in
     // between, so that no sender is left waiting.
     void StopAndDestoryPendingEvents();
+    // Whether no event is pending and none can be posted any more. Any thread.
+    bool IsStoppedAndEmpty();
 
   private:
     class CWaiting;

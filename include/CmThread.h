@@ -49,7 +49,8 @@ class CM_UTIL_EXPORT ACmThread {
     // has ended; with TT_MAIN adopts the calling thread and runs neither. aType TT_UNKNOWN starts
     // one, too, with a warning. bRegister: whether getCurrentThread finds it. CM_OK,
     // CM_ERROR_ALREADY_INITIALIZED (a second call), CM_ERROR_UNEXPECTED (a system call failed),
-    // CM_ERROR_OUT_OF_MEMORY. An object whose creation failed is freed by Destory.
+    // CM_ERROR_OUT_OF_MEMORY; of a worker also CM_ERROR_NOT_INITIALIZED (an earlier thread of it,
+    // of unknown type, was stopped). An object whose creation failed is freed by Destory.
     virtual CmResult Create(int aType, TFlag aFlag = TF_JOINABLE, signed char bRegister = 1);
     // Asks the body to end; does not wait for it. Here: CM_ERROR_NOT_IMPLEMENTED.
     virtual CmResult Stop(CCmTimeValue* aTimeout = nullptr);
@@ -83,8 +84,9 @@ class CM_UTIL_EXPORT ACmThread {
     CmResult Destory(int aReason);
     // Cancels the thread at its next cancellation point and sets the stop flag; what its event
     // queue holds stays pending. The result is that of pthread_cancel, or CM_ERROR_FAILURE when
-    // there is no thread. No destructor that runs on the thread may contain a cancellation point:
-    // it cannot be unwound, and the process would end.
+    // there is no thread to cancel: none was started, or the object adopted one (whose stop flag is
+    // set all the same). A Stop that follows closes the event queue. No destructor that runs on the
+    // thread may contain a cancellation point: it cannot be unwound, and the process would end.
     CmResult Terminate();
 
     // The start routine of the POSIX thread; pParam is the object. Returns null.
@@ -115,11 +117,17 @@ class CM_UTIL_EXPORT ACmThread {
     void BodyHasEnded_i();
     bool IsSecondEnd_i();
     bool IsJoinable() const { return (m_Flag & TF_JOINABLE) != 0; }
-    // The detached body has ended (or Destory was called): the system may reuse the thread's id.
-    bool HasLeftItsId() const { return m_nDestroyRef.value() > 0; }
+    // The body has ended, or Destory was called: the system may give the thread's number to another
+    // one, also before Join has come back.
+    bool HasLeftItsId() const {
+        return m_nDestroyRef.value() > 0 ||
+               (m_nStartSteps.load(std::memory_order_relaxed) & STEP_BODY_ENDED) != 0;
+    }
     friend CM_UTIL_EXPORT ACmThread* getCurrentThread();
 
-    std::atomic<int> m_nStartSteps;  // of the start-up handshake
+    static constexpr int STEP_BODY_ENDED = 8;  // of a thread of the object's own
+
+    std::atomic<int> m_nStartSteps;  // of the start-up handshake, and STEP_BODY_ENDED
     CmResult m_InitResult;
     bool m_bHasThread;                // a POSIX thread was started for this object
     std::atomic<bool> m_bOneEndCame;  // of a detached thread's object
@@ -133,10 +141,12 @@ extern CM_UTIL_EXPORT std::list<ACmThread*> g_threadList CM_GUARDED_BY(g_thread_
 CM_UTIL_EXPORT CmResult RegisterThread(ACmThread* aThread);
 // CM_OK, or CM_ERROR_NOT_FOUND. Any thread.
 CM_UTIL_EXPORT CmResult UnRegisterThread(ACmThread* aThread);
-// The object of the calling thread, or null when none is registered. Any thread.
+// The object of the calling thread, or null when none is registered; null also when the object's
+// own thread asks after its body has ended. Any thread.
 CM_UTIL_EXPORT ACmThread* getCurrentThread();
 
-// A worker that sleeps on its event queue and runs what is posted to it.
+// A worker that sleeps on its event queue and runs what is posted to it. A worker that was stopped
+// runs no more; one that is stopped before it is created runs what is pending and ends.
 class CM_UTIL_EXPORT CCmThreadTaskWithEventQueueOnly : public ACmThread, public CCmStopFlag {
   public:
     CCmThreadTaskWithEventQueueOnly();
@@ -144,7 +154,8 @@ class CM_UTIL_EXPORT CCmThreadTaskWithEventQueueOnly : public ACmThread, public 
 
     // Any thread. Everything posted before still runs; later posts are refused. aTimeout is not
     // used. CM_OK; CM_ERROR_OUT_OF_MEMORY: nothing has changed, try again;
-    // CM_ERROR_NOT_INITIALIZED: it has been stopped before.
+    // CM_ERROR_NOT_INITIALIZED: it has been stopped before. After Terminate, too, it closes the
+    // queue.
     CmResult Stop(CCmTimeValue* aTimeout = nullptr) override;
     void OnThreadInit() override;
     void OnThreadRun() override;
@@ -157,7 +168,8 @@ class CM_UTIL_EXPORT CCmThreadTaskWithEventQueueOnly : public ACmThread, public 
     CCmEventQueueUsingConditionVariable m_EventQueue;
 };
 
-// The same with a timer queue, whose due timers it fires between the events.
+// The same with a timer queue, whose due timers it fires between the events. A timer is late by
+// what runs when it becomes due, and by no more.
 class CM_UTIL_EXPORT CCmThreadTask : public CCmThreadTaskWithEventQueueOnly {
   public:
     CCmThreadTask();
@@ -168,7 +180,9 @@ class CM_UTIL_EXPORT CCmThreadTask : public CCmThreadTaskWithEventQueueOnly {
     ICmTimerQueue* GetTimerQueue() override;
 
   protected:
-    ICmTimerQueue* m_pTimerQueue;  // owned; null until OnThreadInit
+    // Owned; null until OnThreadInit. A subclass may put another one there only if that derives
+    // from CCmTimerQueueBase.
+    ICmTimerQueue* m_pTimerQueue;
 };
 
 // Queues for a thread that the library does not run: their owner calls DoHeartBeat regularly.
@@ -190,7 +204,7 @@ class CM_UTIL_EXPORT CCmThreadHeartBeat : public ACmThread {
 
   protected:
     CCmEventQueueUsingMutex m_EventQueue;
-    ICmTimerQueue* m_pTimerQueue;  // owned; null until OnThreadInit
+    ICmTimerQueue* m_pTimerQueue;  // as that of CCmThreadTask
 };
 
 // The event that stops a worker when it is its turn.

@@ -119,7 +119,13 @@ constexpr CCmTimeValue& CCmTimeValue::operator-=(const CCmTimeValue& aRight) {
     const long lSec = aRight.m_lSec;
     m_lUsec -= aRight.m_lUsec;
     if (CM_UNLIKELY(__builtin_sub_overflow(m_lSec, lSec, &m_lSec))) {
-        Saturate(lSec > 0);
+        // Wrapped to the least number: one second too many, which the microseconds may take away.
+        if (lSec < 0 && m_lSec == INT64_MIN && m_lUsec < 0) {
+            m_lSec = INT64_MAX;
+            m_lUsec += ONE_SECOND_IN_USECS;
+        } else {
+            Saturate(lSec > 0);
+        }
         return *this;
     }
     Normalize();

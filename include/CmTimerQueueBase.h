@@ -4,7 +4,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <new>
 #include <vector>
 
 #include "CmBase.h"
@@ -15,7 +14,8 @@ namespace UTIL_NS {
 
 // What a timer calls; implemented by its user. A timer is identified by its handler alone: one
 // handler has at most one pending timer in a queue. A queue never owns a handler; a handler
-// cancels its timer before it is destroyed.
+// cancels its timer before it is destroyed. An implementation should be final or have a virtual
+// destructor of its own: the one here is not.
 class ICmTimerHandler {
   public:
     // The timer fired. aCurTime: when the queue began this pass over its timers, not when this one
@@ -198,70 +198,6 @@ class CCmTimerHandlerIndexT {
     std::vector<Entry> m_Entries;  // none or 2^m_nBits, at most half of them taken
     size_t m_nCount = 0;
     int m_nBits = 0;
-};
-
-// Allocator of the node-based containers of one timer queue: memory of an ended timer serves the
-// next one, so that a queue in its steady state allocates nothing. What was allocated one by one
-// is kept and freed with the container.
-template <class T>
-class CCmRecyclingAllocatorT {
-  public:
-    // What a container asks for.
-    typedef T value_type;
-
-    CCmRecyclingAllocatorT() = default;
-    // A copy starts with nothing to recycle.
-    CCmRecyclingAllocatorT(const CCmRecyclingAllocatorT&) noexcept {}
-    template <class U>
-    CCmRecyclingAllocatorT(const CCmRecyclingAllocatorT<U>&) noexcept {}
-    CCmRecyclingAllocatorT& operator=(const CCmRecyclingAllocatorT&) noexcept { return *this; }
-    ~CCmRecyclingAllocatorT() {
-        while (m_pFree != nullptr) {
-            ::operator delete(PopFree());
-        }
-    }
-
-    // Throws std::bad_alloc, as containers expect it.
-    T* allocate(size_t aCount) {
-        static_assert(sizeof(T) >= sizeof(FreeBlock));
-        static_assert(alignof(T) <= __STDCPP_DEFAULT_NEW_ALIGNMENT__);
-        if (CM_LIKELY(aCount == 1 && m_pFree != nullptr)) {
-            return static_cast<T*>(PopFree());
-        }
-        if (CM_UNLIKELY(aCount > PTRDIFF_MAX / sizeof(T))) {
-            throw std::bad_alloc();
-        }
-        return static_cast<T*>(::operator new(aCount * sizeof(T)));
-    }
-    // A single block is kept for the next allocation.
-    void deallocate(T* aMemory, size_t aCount) noexcept {
-        if (CM_LIKELY(aCount == 1)) {
-            m_pFree = new (static_cast<void*>(aMemory)) FreeBlock{m_pFree};
-        } else {
-            ::operator delete(aMemory);
-        }
-    }
-
-    // Any of them may free what another allocated.
-    friend bool operator==(const CCmRecyclingAllocatorT&, const CCmRecyclingAllocatorT&) {
-        return true;
-    }
-    friend bool operator!=(const CCmRecyclingAllocatorT&, const CCmRecyclingAllocatorT&) {
-        return false;
-    }
-
-  private:
-    struct FreeBlock {
-        FreeBlock* m_pNext;
-    };
-
-    void* PopFree() {
-        FreeBlock* pBlock = m_pFree;
-        m_pFree = pBlock->m_pNext;
-        return pBlock;
-    }
-
-    FreeBlock* m_pFree = nullptr;
 };
 
 }  // namespace UTIL_NS

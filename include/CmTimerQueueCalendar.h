@@ -2,9 +2,8 @@
 #ifndef CM_TIMER_QUEUE_CALENDAR_H
 #define CM_TIMER_QUEUE_CALENDAR_H
 
-#include <functional>
 #include <map>
-#include <utility>
+#include <vector>
 
 #include "CmBase.h"
 #include "CmEventQueueBase.h"
@@ -18,9 +17,7 @@ namespace UTIL_NS {
 template <class ValueType>
 struct CCmTimerQueueCalendarSlotT {
     // For every timer in the wheel, its slot.
-    typedef std::map<ValueType, DWORD, std::less<ValueType>,
-                     CCmRecyclingAllocatorT<std::pair<const ValueType, DWORD>>>
-        HandlersType;
+    typedef std::map<ValueType, DWORD> HandlersType;
 
     CCmTimerQueueCalendarSlotT* m_pNext = nullptr;
     ValueType m_pEh = nullptr;  // not owned
@@ -45,7 +42,8 @@ struct CCmTimerQueueCalendarSlotT {
 //
 // A timer with interval zero bypasses the wheel: it fires once, whatever its count, when the event
 // queue next runs the event that this queue posts of itself, and so do those scheduled meanwhile,
-// the newest first.
+// the newest first: a handler that always schedules itself anew with interval zero is called
+// without end there.
 class CM_UTIL_EXPORT CCmTimerQueueCalendar : public ICmTimerQueue, public ICmEvent {
   public:
     // aSlotInterval: milliseconds, at least 10 are taken. aMaxTime: the wheel's span in
@@ -95,9 +93,9 @@ class CM_UTIL_EXPORT CCmTimerQueueCalendar : public ICmTimerQueue, public ICmEve
     CmResult PushEvent_i(CNode* aNode, CmResult aResult);
     void FireSlot_i(DWORD aSlot);
     void Forget_i(CNode* aNode);
+    CNode::HandlersType::iterator NewEntry_i(ICmTimerHandler* aEh);
     CNode* NewNode_i();
     void FreeNode_i(CNode* aNode);
-    void FreeChain_i(CNode*& aHead);
 
     CCmEnsureSingleThread m_Est;
     DWORD m_dwInterval;            // of a slot, milliseconds
@@ -107,11 +105,13 @@ class CM_UTIL_EXPORT CCmTimerQueueCalendar : public ICmTimerQueue, public ICmEve
     ICmEventQueue* m_pEventQueue;  // not owned
     CNode* m_pEvents;              // the timers with interval zero
     CNode::HandlersType m_Handlers;
-    CCmRecyclingAllocatorT<CNode> m_NodeAllocator;
+    CNode* m_pSpares;                                              // for coming timers
     CCmTimerHandlerIndexT<CNode::HandlersType::iterator> m_Index;  // of m_Handlers
     // Follows the entry erased last. A handler that is cancelled and scheduled again, as timeouts
     // are, goes back in front of it without a walk down the map.
     CNode::HandlersType::iterator m_itVacated;
+    // Entries for coming handlers; there is room for those of m_Handlers, too.
+    std::vector<CNode::HandlersType::node_type> m_SpareEntries;
 };
 
 }  // namespace UTIL_NS

@@ -10,7 +10,9 @@ namespace UTIL_NS {
 
 // Scheduling walks the list from its nearer end to the timer's place; cancelling and firing take
 // the same time however many timers are pending. Of timers due at the same time, the one scheduled
-// or re-armed last fires first. The destructor drops what is pending and calls no handler.
+// or re-armed last fires first. The destructor drops what is pending and calls no handler. The
+// queue keeps the memory of as many timers as were ever pending at a time, so that it allocates
+// nothing in its steady state.
 class CM_UTIL_EXPORT CCmTimerQueueOrderedList : public CCmTimerQueueBase {
   public:
     // Bound to the calling thread. aObserver: may be null, not owned.
@@ -26,12 +28,14 @@ class CM_UTIL_EXPORT CCmTimerQueueOrderedList : public CCmTimerQueueBase {
     int GetEarliestTime_l(CCmTimeValue& aTime) const override;
 
   private:
-    typedef std::list<CNode, CCmRecyclingAllocatorT<CNode>> NodesType;
+    typedef std::list<CNode> NodesType;
 
     NodesType::iterator FindPlace_l(const CCmTimeValue& aExpired);
+    NodesType::iterator InsertSpare_l(const CNode& aNode);
 
     NodesType m_Nodes;  // ascending m_tvExpired, handlers unique
     CCmTimerHandlerIndexT<NodesType::iterator> m_Index;
+    NodesType m_Spares;  // list nodes for coming timers
 };
 
 }  // namespace UTIL_NS

@@ -39,12 +39,13 @@ class CM_UTIL_EXPORT CCmTimerWrapperID : public ICmTimerHandler {
     CmResult Schedule(CCmTimerWrapperIDSink* aSink, const CCmTimeValue& aInterval,
                       unsigned int aCount = 0);
     // CM_OK: the timer is gone, or Schedule has not been called since the last Cancel.
-    // CM_ERROR_NOT_FOUND: it had ended by itself.
+    // CM_ERROR_NOT_FOUND: it had ended by itself, or was one with interval zero on a calendar;
+    // either way the sink is not told any more.
     CmResult Cancel();
 
     // Called by the queue; aArg is the sink.
     void OnTimeout(const CCmTimeValue& aCurTime, void* aArg) override;
-    // Cancels the timer.
+    // Cancels the timer: the sink is not told any more.
     virtual ~CCmTimerWrapperID();
 
   private:

@@ -82,6 +82,22 @@ TEST(CmClock, TickCount_IsWallClockMillisecondsTruncated) {
     EXPECT_EQ(1234567890987u, get_tick_count());
 }
 
+// The system counts the microseconds of a second up, also before 1970.
+TEST(CmClock, TickCount_IsThatOfTheSystemsParts_Before1970) {
+    kelto_test::ScopedClock clock(-2, 500999);
+    timeval tvParts = {};
+    g_cmClock.gettimeofday(&tvParts, nullptr);
+    EXPECT_EQ(-2, tvParts.tv_sec);
+    EXPECT_EQ(500999, tvParts.tv_usec);
+    EXPECT_EQ(-1500, static_cast<long>(get_tick_count()));
+    EXPECT_EQ(-1499001, timer_policy::now());
+    clock.Set(-3, 0);
+    EXPECT_EQ(-3000, static_cast<long>(get_tick_count()));
+    clock.AdvanceUsec(-1);
+    EXPECT_EQ(-3001, static_cast<long>(get_tick_count()));
+    EXPECT_EQ(-3000001, timer_policy::now());
+}
+
 TEST(CmClock, TickInterval_SurvivesAWrap) {
     EXPECT_EQ(0x20u, calculate_tick_interval(0xFFFFFFFFFFFFFFF0, 0x10));
     EXPECT_EQ(50u, calculate_tick_interval(100, 150));

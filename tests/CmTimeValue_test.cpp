@@ -118,6 +118,17 @@ TEST(CmTimeValue, Subtract_SaturatesAtBothEnds) {
     ExpectFields(-MAX_SEC, -999999, CCmTimeValue(-5, 0) - CCmTimeValue::s_tvMax);
 }
 
+// The seconds alone are one too many; the microseconds take it away again.
+TEST(CmTimeValue, Subtract_IsExact_WhenTheDifferenceFits) {
+    constexpr long MIN_SEC = -MAX_SEC - 1;
+    ExpectFields(MAX_SEC, 999995, CCmTimeValue(0, -5) - CCmTimeValue(MIN_SEC, 0));
+    ExpectFields(MAX_SEC, 1, CCmTimeValue(0, -999999) - CCmTimeValue(MIN_SEC, 0));
+    ExpectFields(MAX_SEC, 999999, CCmTimeValue(0, -3) - CCmTimeValue(MIN_SEC, -2));
+    EXPECT_EQ(CCmTimeValue::s_tvMax, CCmTimeValue(0, -2) - CCmTimeValue(MIN_SEC, -2));
+    EXPECT_EQ(CCmTimeValue::s_tvMax, CCmTimeValue(0, 0) - CCmTimeValue(MIN_SEC, 0));
+    ExpectFields(MIN_SEC, 0, CCmTimeValue(-MAX_SEC, -999999) - CCmTimeValue(0, 1));
+}
+
 TEST(CmTimeValue, Subtract_OfItselfIsZero) {
     CCmTimeValue tvValue(-3, -700000);
     const CCmTimeValue& tvSame = tvValue;

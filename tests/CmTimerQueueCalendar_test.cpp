@@ -675,17 +675,15 @@ TEST_F(CmTimerQueueCalendar, Allocation_FailureOfTheWheelRefusesTimers) {
 
 TEST_F(CmTimerQueueCalendar, Allocation_FailureOfAnyStepChangesNothing) {
     Schedule(0, 10);
-    for (unsigned long ulNth = 1;; ++ulNth) {
+    // The node; the room for the entry; the entry. What a step before got is kept.
+    for (unsigned long ulNth : {1, 2, 2}) {
         ScopedAllocationFault fault(ulNth, Failing::FROM_THERE_ON);
         const CmResult rv = Schedule(1, 10);
-        if (!fault.hit()) {
-            EXPECT_EQ(CM_OK, rv);
-            EXPECT_EQ(3U, ulNth);  // the node and the entry
-            break;
-        }
+        EXPECT_TRUE(fault.hit());
         EXPECT_EQ(CM_ERROR_OUT_OF_MEMORY, rv);
         EXPECT_EQ(CM_ERROR_NOT_FOUND, Cancel(1));
     }
+    EXPECT_EQ(CM_OK, Schedule(1, 10));
     Tick(2);
     EXPECT_EQ((std::vector<int>{1, 0}), Ids(m_log));
 }
@@ -727,6 +725,35 @@ TEST_F(CmTimerQueueCalendar, Allocation_IsNotNeededInSteadyState) {
     }
     EXPECT_EQ(ulBefore, kelto_test::AllocationsOfThisThread());
     EXPECT_LE(40U, handlers[0].count());
+}
+
+// Memory of its own that the queue has, in allocations, behind each of the ways in which timers
+// end and start.
+TEST_F(CmTimerQueueCalendar, Allocation_HoldsNoMore_AfterManyTimers) {
+    CountingHandler periodic;
+    CountingHandler once;
+    CountingHandler cancelled;
+    CountingHandler zero;
+    m_queue.ScheduleTimer(&periodic, nullptr, Ms(10), 0);
+    const auto turn = [&] {
+        m_queue.ScheduleTimer(&once, nullptr, Ms(10), 1);
+        m_queue.ScheduleTimer(&cancelled, nullptr, Ms(50), 1);
+        m_queue.ScheduleTimer(&zero, nullptr, CCmTimeValue(), 1);
+        m_events.RunAll();
+        Tick(3);
+        m_queue.CancelTimer(&cancelled);
+    };
+    turn();
+    m_events.m_priorities.reserve(10001);
+    const long lHeld = kelto_test::LiveAllocations();
+    for (int i = 0; i < 10000; ++i) {
+        turn();
+    }
+    EXPECT_EQ(lHeld, kelto_test::LiveAllocations());
+    EXPECT_EQ(10001U, zero.count());
+    EXPECT_LE(10001U, once.count());
+    EXPECT_LE(20000U, periodic.count());
+    EXPECT_EQ(0U, cancelled.count());
 }
 
 TEST(CmTimerQueueCalendarModel, BehavesLikeTheModel_OnRandomOperations) {

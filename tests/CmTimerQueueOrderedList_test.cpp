@@ -248,6 +248,60 @@ TEST_F(CmTimerQueueOrderedList, Allocation_IsNotNeededInSteadyState) {
     EXPECT_EQ(ulBefore, AllocationsOfThisThread());
 }
 
+// Memory of its own that the queue has, in allocations, behind each of the ways in which timers
+// end and start.
+TEST_F(CmTimerQueueOrderedList, Allocation_HoldsNoMore_AfterManyTimers) {
+    constexpr int TIMES = 10000;
+    CountingHandler periodic;
+    m_queue.ScheduleTimer(&periodic, nullptr, Ms(10), 0);
+    Schedule(0, 5);
+    Schedule(1, 1000000);
+    m_clock.AdvanceMs(10);
+    m_queue.CheckExpire();
+    const long lHeld = kelto_test::LiveAllocations();
+    for (int i = 0; i < TIMES; ++i) {
+        ASSERT_EQ(CM_OK, Schedule(0, 5));
+        ASSERT_EQ(CM_ERROR_FOUND, Schedule(0, 6));
+        m_clock.AdvanceMs(10);
+        ASSERT_EQ(2U, m_queue.CheckExpire());
+        ASSERT_EQ(CM_OK, m_queue.CancelTimer(m_handlers[1].get()));
+        ASSERT_EQ(CM_OK, Schedule(1, 1000000));
+    }
+    EXPECT_EQ(lHeld, kelto_test::LiveAllocations());
+    EXPECT_EQ(TIMES + 1UL, periodic.count());
+}
+
+TEST_F(CmTimerQueueOrderedList, Allocation_IsNotMoreThanTheMostTimersAtATime) {
+    std::vector<CountingHandler> handlers(500);
+    const auto scheduleAll = [&] {
+        for (CountingHandler& handler : handlers) {
+            m_queue.ScheduleTimer(&handler, nullptr, Ms(10), 1);
+        }
+    };
+    scheduleAll();
+    const long lHeld = kelto_test::LiveAllocations();
+    for (int i = 0; i < 20; ++i) {
+        m_clock.AdvanceMs(10);
+        ASSERT_EQ(500U, m_queue.CheckExpire());
+        scheduleAll();
+    }
+    EXPECT_EQ(lHeld, kelto_test::LiveAllocations());
+}
+
+TEST(CmTimerQueueOrderedListAlone, FreesAllThatItHeld) {
+    CountingHandler handlers[3];
+    const long lLive = kelto_test::LiveAllocations();
+    {
+        CCmTimerQueueOrderedList queue(nullptr);
+        for (CountingHandler& handler : handlers) {
+            queue.ScheduleTimer(&handler, nullptr, Ms(100000), 1);
+        }
+        queue.CancelTimer(&handlers[1]);
+        EXPECT_LT(lLive, kelto_test::LiveAllocations());
+    }
+    EXPECT_EQ(lLive, kelto_test::LiveAllocations());
+}
+
 TEST(CmTimerQueueOrderedListModel, BehavesLikeTheModel_OnRandomOperations) {
     kelto_test::ScopedTraceSink sink;  // refused schedules write lines
     for (unsigned int dwSeed = 1; dwSeed <= 3000; ++dwSeed) {
@@ -280,44 +334,6 @@ TEST(CmTimerHandlerIndexT, FindsWhatWasInserted_ThroughGrowthAndErasure) {
             EXPECT_EQ(i, *pValue);
         }
     }
-}
-
-TEST(CmRecyclingAllocatorT, HandsOutWhatWasGivenBack) {
-    CCmRecyclingAllocatorT<CCmTimeValue> allocator;
-    CCmTimeValue* pFirst = allocator.allocate(1);
-    allocator.deallocate(pFirst, 1);
-    CCmTimeValue* pSecond = allocator.allocate(1);
-    EXPECT_EQ(pFirst, pSecond);
-    allocator.deallocate(pSecond, 1);
-}
-
-TEST(CmRecyclingAllocatorT, FreesArraysAtOnceAndTheRestAtItsEnd) {
-    const long lLive = kelto_test::LiveAllocations();
-    {
-        CCmRecyclingAllocatorT<CCmTimeValue> allocator;
-        CCmTimeValue* pOne = allocator.allocate(1);
-        CCmTimeValue* pMany = allocator.allocate(3);
-        allocator.deallocate(pMany, 3);
-        EXPECT_EQ(lLive + 1, kelto_test::LiveAllocations());
-        allocator.deallocate(pOne, 1);
-        EXPECT_EQ(lLive + 1, kelto_test::LiveAllocations());
-    }
-    EXPECT_EQ(lLive, kelto_test::LiveAllocations());
-}
-
-TEST(CmRecyclingAllocatorT, CopyStartsEmpty) {
-    CCmRecyclingAllocatorT<CCmTimeValue> allocator;
-    CCmTimeValue* pFirst = allocator.allocate(1);
-    allocator.deallocate(pFirst, 1);
-    CCmRecyclingAllocatorT<CCmTimeValue> copy(allocator);
-    CCmTimeValue* pSecond = copy.allocate(1);
-    EXPECT_NE(pFirst, pSecond);
-    copy.deallocate(pSecond, 1);
-}
-
-TEST(CmRecyclingAllocatorT, RefusesSizesThatOverflow) {
-    CCmRecyclingAllocatorT<CCmTimeValue> allocator;
-    EXPECT_THROW(allocator.allocate(SIZE_MAX / 2), std::bad_alloc);
 }
 
 }  // namespace

@@ -6,13 +6,16 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstddef>
 #include <functional>
 #include <memory>
+#include <new>
 #include <thread>
 #include <utility>
 #include <vector>
 
 #include "CmThread.h"
+#include "CmTimerQueueCalendar.h"
 #include "support/ChildProcess.h"
 #include "support/Clock.h"
 #include "support/Faults.h"
@@ -196,6 +199,110 @@ class CountingSink : public CCmTimerWrapperIDSink {
     void OnTimer(CCmTimerWrapperID* /*aId*/) override { m_nCount.fetch_add(1); }
     std::atomic<int> m_nCount{0};
 };
+
+// What a wrapper holds behind its table of functions.
+struct WrapperFields {
+    void* functions;
+    bool scheduled;
+    ICmTimerQueue* queue;
+};
+
+TEST(CmTimerWrapperIDAlone, EndsWithoutAQueue_WhenItHoldsNone) {
+    static_assert(sizeof(WrapperFields) == sizeof(CCmTimerWrapperID));
+    alignas(CCmTimerWrapperID) unsigned char memory[sizeof(CCmTimerWrapperID)];
+    CCmTimerWrapperID* pTimer = new (memory) CCmTimerWrapperID;
+    bool* const pScheduled = reinterpret_cast<bool*>(memory + offsetof(WrapperFields, scheduled));
+    *pScheduled = true;
+    EXPECT_EQ(CM_ERROR_NULL_POINTER, pTimer->Cancel());
+    EXPECT_FALSE(*pScheduled);
+    EXPECT_EQ(CM_OK, pTimer->Cancel());
+    *pScheduled = true;
+    pTimer->~CCmTimerWrapperID();
+}
+
+// Adopts the test's thread and gives it a calendar of 11 slots of 10 ms.
+class CalendarThread : public CCmThreadHeartBeat {
+  public:
+    ICmTimerQueue* GetTimerQueue() override { return &m_Calendar; }
+    CCmTimerQueueCalendar m_Calendar{10, 110, &m_EventQueue};
+};
+
+class CmTimerWrapperIDOnCalendar : public testing::Test {
+  protected:
+    CmTimerWrapperIDOnCalendar() {
+        m_pThread->Create(TT_MAIN, TF_JOINABLE, 1);
+        m_pThread->OnThreadInit();
+    }
+    ~CmTimerWrapperIDOnCalendar() override { m_pThread->Destory(CM_OK); }
+    CmResult Schedule(long aMs) { return m_pTimer->Schedule(&m_recorder, Ms(aMs), 1); }
+    // How often the sink is told while the zero timers and then the wheel run.
+    size_t Fired() {
+        m_pThread->DoHeartBeat();
+        for (int nTick = 0; nTick < 30; ++nTick) {
+            m_pThread->m_Calendar.TimerTick();
+        }
+        return m_recorder.m_ids.size();
+    }
+
+    RecordingSink m_recorder;
+    CalendarThread* m_pThread = new CalendarThread;
+    std::unique_ptr<CCmTimerWrapperID> m_pTimer = std::make_unique<CCmTimerWrapperID>();
+};
+
+TEST_F(CmTimerWrapperIDOnCalendar, TellsItsSink) {
+    EXPECT_EQ(CM_OK, Schedule(0));
+    EXPECT_EQ(1U, Fired());
+    EXPECT_EQ(CM_OK, Schedule(50));
+    EXPECT_EQ(2U, Fired());
+}
+
+TEST_F(CmTimerWrapperIDOnCalendar, Destructor_EndsWhatTheQueueDoesNotFind) {
+    EXPECT_EQ(CM_OK, Schedule(50));
+    EXPECT_EQ(CM_OK, Schedule(0));
+    m_pTimer.reset();
+    EXPECT_EQ(0U, Fired());
+}
+
+TEST_F(CmTimerWrapperIDOnCalendar, Cancel_EndsWhatTheQueueDoesNotFind) {
+    Schedule(50);
+    Schedule(0);
+    EXPECT_EQ(CM_OK, Schedule(50));  // the zero timer stays beside it
+    EXPECT_EQ(CM_OK, m_pTimer->Cancel());
+    EXPECT_EQ(0U, Fired());
+    Schedule(50);
+    Schedule(0);
+    EXPECT_EQ(CM_ERROR_NOT_FOUND, m_pTimer->Cancel());
+    EXPECT_EQ(0U, Fired());
+}
+
+TEST_F(CmTimerWrapperIDOnCalendar, Cancel_EndsEveryZeroTimerAndNobodyElses) {
+    RecordingSink others;
+    CCmTimerWrapperID before;
+    CCmTimerWrapperID between;
+    EXPECT_EQ(CM_OK, before.Schedule(&others, Ms(0), 1));
+    Schedule(50);
+    Schedule(0);
+    EXPECT_EQ(CM_OK, between.Schedule(&others, Ms(0), 1));
+    Schedule(0);  // adds up
+    EXPECT_EQ(CM_ERROR_NOT_FOUND, m_pTimer->Cancel());
+    EXPECT_EQ(0U, Fired());
+    EXPECT_EQ((std::vector<CCmTimerWrapperID*>{&between, &before}), others.m_ids);
+}
+
+TEST_F(CmTimerWrapperIDOnCalendar, Cancel_InTheSinkEndsTheRest) {
+    Schedule(50);
+    Schedule(0);
+    Schedule(0);
+    m_recorder.m_action = [this] { m_pTimer->Cancel(); };
+    EXPECT_EQ(1U, Fired());
+}
+
+TEST_F(CmTimerWrapperIDOnCalendar, TheQueuesOwnCancel_StillMissesWhatItDoesNotFind) {
+    Schedule(50);
+    Schedule(0);
+    EXPECT_EQ(CM_ERROR_NOT_FOUND, m_pThread->m_Calendar.CancelTimer(m_pTimer.get()));
+    EXPECT_EQ(1U, Fired());
+}
 
 TEST(CmTimerWrapperIDOnWorker, FiresOnTheWorkersThread) {
     ScopedTraceSink sink;

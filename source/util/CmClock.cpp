@@ -30,8 +30,10 @@ PretInitialationTimer::PretInitialationTimer() : m_dwMsPerTick(0) {
 }
 
 unsigned long get_tick_count() {
-    const CCmTimeValue tvNow = CCmTimeValue::GetTimeOfDay();
-    return static_cast<unsigned long>(tvNow.GetSec() * MS_PER_SEC + tvNow.GetUsec() / USEC_PER_MS);
+    // The parts as the system delivers them: those of a time value have one sign before 1970.
+    timeval tvNow = {};
+    g_cmClock.gettimeofday(&tvNow, nullptr);
+    return static_cast<unsigned long>(tvNow.tv_sec * MS_PER_SEC + tvNow.tv_usec / USEC_PER_MS);
 }
 
 unsigned long calculate_tick_interval(unsigned long aStart, unsigned long aEnd) {

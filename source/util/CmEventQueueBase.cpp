@@ -655,4 +655,9 @@ void CCmEventQueueUsingConditionVariable::StopAndDestoryPendingEvents() {
     DestoryPendingEvents();
 }
 
+bool CCmEventQueueUsingConditionVariable::IsStoppedAndEmpty() {
+    CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
+    return m_bIsStopped.load(std::memory_order_relaxed) && m_Events.empty();
+}
+
 }  // namespace UTIL_NS

@@ -1,5 +1,7 @@
 #include "CmThread.h"
 
+#include <algorithm>
+
 #include "CmScopedLock.h"
 #include "CmTimerQueueOrderedList.h"
 #include "CmTraceLine.h"
@@ -17,8 +19,8 @@ constexpr DWORD EVENTS_PER_PASS = 5;  // of a worker, between two looks at its t
 constexpr long START_LOOK_USEC = 100 * 1000;
 constexpr long START_NAP_NSEC = 1000 * 1000;
 
-// Steps of the start-up handshake. INIT_ENDED is published by the new thread before it signals;
-// of the other two the second one frees the event.
+// Steps of the start-up handshake; STEP_BODY_ENDED comes after them. INIT_ENDED is published by the
+// new thread before it signals; of the other two the second one frees the event.
 constexpr int STEP_INIT_ENDED = 1;
 constexpr int STEP_THREAD_DONE = 2;
 constexpr int STEP_CREATOR_DONE = 4;
@@ -29,6 +31,19 @@ bool MakeTimerQueue(ICmTimerQueue*& aQueue) {
         aQueue = new (std::nothrow) CCmTimerQueueOrderedList(nullptr);
     }
     return aQueue != nullptr;
+}
+
+// Fires what is due and returns how long to wait for the next timer. What the queue stores counts
+// from the start of its pass; the handlers have taken time since.
+CCmTimeValue FireDueTimers(CCmTimerQueueBase& aQueue) {
+    CCmTimeValue tvWait;
+    const bool bFired = aQueue.CheckExpire(&tvWait) > 0;
+    if (CM_LIKELY(!bFired) || tvWait == CCmTimeValue::s_tvMax) {
+        return tvWait;
+    }
+    const CCmTimeValue tvLeft = aQueue.GetEarliestTime() - CCmTimeValue::GetTimeOfDay();
+    // More would be left only by a clock that was set back.
+    return std::min(std::max(tvLeft, CCmTimeValue::s_tvZero), tvWait);
 }
 
 // What one more entry of the registry takes. CM_OK or CM_ERROR_OUT_OF_MEMORY.
@@ -155,6 +170,7 @@ CmResult ACmThread::Create(int aType, TFlag aFlag, signed char bRegister) {
         return CM_ERROR_OUT_OF_MEMORY;
     }
     if (m_Type == TT_MAIN) {
+        m_nStartSteps.store(0, std::memory_order_relaxed);  // of a thread that it had before
         m_Tid.store(pthread_self(), std::memory_order_relaxed);
     } else {
         const CmResult rv = StartThread_i();
@@ -293,6 +309,9 @@ void* ACmThread::ThreadProc(void* pParam) {
 }
 
 void ACmThread::BodyHasEnded_i() {
+    if (m_Type != TT_MAIN) {
+        m_nStartSteps.fetch_or(STEP_BODY_ENDED, std::memory_order_relaxed);
+    }
     if (!IsJoinable() && IsSecondEnd_i()) {
         delete this;
     }
@@ -336,6 +355,10 @@ CmResult ACmThread::Destory(int aReason) {
 }
 
 CmResult ACmThread::Terminate() {
+    if (m_Type == TT_MAIN) {
+        m_bStopFlag.store(true, std::memory_order_relaxed);
+        return CM_ERROR_FAILURE;
+    }
     const pthread_t tid = m_Tid.load(std::memory_order_relaxed);
     const bool bIsGone = m_bHasThread && !IsJoinable() && m_nDestroyRef.value() > 0;
     if (tid == pthread_t() || bIsGone) {
@@ -392,6 +415,11 @@ CmResult CCmThreadTaskWithEventQueueOnly::Stop(CCmTimeValue* /*aTimeout*/) {
 void CCmThreadTaskWithEventQueueOnly::OnThreadInit() {
     m_EventQueue.BindToCurrentThread();
     Reset2CurrentThreadId();
+    // An earlier thread of this object has run the stop event; no other can be posted.
+    if (m_EventQueue.IsStoppedAndEmpty()) {
+        SetInitResult(CM_ERROR_NOT_INITIALIZED);
+        return;
+    }
     SetStartFlag();
 }
 
@@ -432,7 +460,7 @@ void CCmThreadTask::OnThreadRun() {
     while (!IsFlagStopped()) {
         CCmTimeValue tvWait = CCmTimeValue::s_tvMax;
         if (m_pTimerQueue != nullptr) {
-            static_cast<CCmTimerQueueBase*>(m_pTimerQueue)->CheckExpire(&tvWait);
+            tvWait = FireDueTimers(*static_cast<CCmTimerQueueBase*>(m_pTimerQueue));
         }
         RunEvents_i(tvWait == CCmTimeValue::s_tvMax ? nullptr : &tvWait, EVENTS_PER_PASS);
     }

@@ -1,8 +1,10 @@
 #include "CmTimerQueueCalendar.h"
 
 #include <iterator>
+#include <utility>
 
 #include "CmThread.h"
+#include "CmTimerCancel.h"
 #include "CmTraceLine.h"
 
 namespace UTIL_NS {
@@ -47,6 +49,13 @@ NodeType* PopHead(NodeType*& aHead) {
     return pNode;
 }
 
+template <class NodeType>
+void DeleteChain(NodeType*& aHead) {
+    while (aHead != nullptr) {
+        delete PopHead(aHead);
+    }
+}
+
 // Takes the first node of aEh out of a chain; null when there is none.
 template <class NodeType>
 NodeType* Unlink(NodeType*& aHead, const ICmTimerHandler* aEh) {
@@ -58,7 +67,18 @@ NodeType* Unlink(NodeType*& aHead, const ICmTimerHandler* aEh) {
     return nullptr;
 }
 
+// Whose timers the calling thread cancels for good, if any.
+thread_local const ICmTimerHandler* t_pCancelledForGood = nullptr;
+
 }  // namespace
+
+CmResult CancelForGood(ICmTimerQueue& aQueue, ICmTimerHandler* aEh) {
+    const ICmTimerHandler* const pOuter = t_pCancelledForGood;
+    t_pCancelledForGood = aEh;
+    const CmResult rv = aQueue.CancelTimer(aEh);
+    t_pCancelledForGood = pOuter;
+    return rv;
+}
 
 CCmTimerQueueCalendar::CCmTimerQueueCalendar(unsigned int aSlotInterval, unsigned int aMaxTime,
                                              ICmEventQueue* aEventQueue)
@@ -68,17 +88,19 @@ CCmTimerQueueCalendar::CCmTimerQueueCalendar(unsigned int aSlotInterval, unsigne
       m_dwCurrentSlot(0),
       m_pEventQueue(aEventQueue != nullptr ? aEventQueue : EventQueueOfThisThread()),
       m_pEvents(nullptr),
+      m_pSpares(nullptr),
       m_itVacated(m_Handlers.end()) {
     m_ppSlots = new (std::nothrow) CNode*[size_t{m_dwMaxSlotNumber} + 1]();
 }
 
 CCmTimerQueueCalendar::~CCmTimerQueueCalendar() {
-    FreeChain_i(m_pEvents);
+    DeleteChain(m_pSpares);
+    DeleteChain(m_pEvents);
     if (m_ppSlots == nullptr) {
         return;
     }
     for (DWORD dwSlot = 0; dwSlot <= m_dwMaxSlotNumber; ++dwSlot) {
-        FreeChain_i(m_ppSlots[dwSlot]);
+        DeleteChain(m_ppSlots[dwSlot]);
     }
     delete[] m_ppSlots;
 }
@@ -103,7 +125,7 @@ CmResult CCmTimerQueueCalendar::ScheduleTimer(ICmTimerHandler* aEh, void* aToken
         }
         if (bForWheel && !bIsKnown) {
             m_Index.Reserve();
-            itHandler = m_Handlers.emplace_hint(m_itVacated, aEh, 0);
+            itHandler = NewEntry_i(aEh);
             m_Index.Insert(aEh, itHandler);
         }
     } catch (const std::bad_alloc&) {
@@ -164,6 +186,11 @@ void CCmTimerQueueCalendar::InsertUnique_i(const CCmTimeValue& aInterval, CNode*
 CmResult CCmTimerQueueCalendar::CancelTimer(ICmTimerHandler* aEh) {
     m_Est.EnsureSingleThread();
     CM_ASSERTE_RETURN_LINE(aEh, CM_ERROR_INVALID_ARG, 157);
+    if (m_pEvents != nullptr && t_pCancelledForGood == aEh) {
+        while (CNode* pEvent = Unlink(m_pEvents, aEh)) {
+            FreeNode_i(pEvent);
+        }
+    }
     CNode* pNode = RemoveUniqueHandler_i(aEh);
     if (pNode == nullptr) {
         return CM_ERROR_NOT_FOUND;
@@ -243,23 +270,32 @@ void CCmTimerQueueCalendar::Forget_i(CNode* aNode) {
     // What follows the last entry is known; stepping there would climb the whole map.
     const bool bIsLast = aNode->m_itHandler == std::prev(m_Handlers.end());
     m_itVacated = bIsLast ? m_Handlers.end() : std::next(aNode->m_itHandler);
-    m_Handlers.erase(aNode->m_itHandler);
+    m_SpareEntries.push_back(m_Handlers.extract(aNode->m_itHandler));
     FreeNode_i(aNode);
 }
 
+// Throws std::bad_alloc, having changed nothing.
+CCmTimerQueueCalendar::CNode::HandlersType::iterator CCmTimerQueueCalendar::NewEntry_i(
+    ICmTimerHandler* aEh) {
+    if (m_SpareEntries.empty()) {
+        // Room for the time when all entries are spare: giving one up must not allocate.
+        if (m_Handlers.size() == m_SpareEntries.capacity()) {
+            m_SpareEntries.reserve(2 * m_Handlers.size() + 1);
+        }
+        return m_Handlers.emplace_hint(m_itVacated, aEh, 0);
+    }
+    CNode::HandlersType::node_type entry = std::move(m_SpareEntries.back());
+    m_SpareEntries.pop_back();
+    entry.key() = aEh;
+    return m_Handlers.insert(m_itVacated, std::move(entry));
+}
+
 CCmTimerQueueCalendar::CNode* CCmTimerQueueCalendar::NewNode_i() {
-    return new (m_NodeAllocator.allocate(1)) CNode();
+    return m_pSpares != nullptr ? PopHead(m_pSpares) : new CNode;
 }
 
 void CCmTimerQueueCalendar::FreeNode_i(CNode* aNode) {
-    aNode->~CNode();
-    m_NodeAllocator.deallocate(aNode, 1);
-}
-
-void CCmTimerQueueCalendar::FreeChain_i(CNode*& aHead) {
-    while (aHead != nullptr) {
-        FreeNode_i(PopHead(aHead));
-    }
+    PushHead(m_pSpares, aNode);
 }
 
 }  // namespace UTIL_NS

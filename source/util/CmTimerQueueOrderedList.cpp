@@ -13,15 +13,20 @@ CCmTimerQueueOrderedList::~CCmTimerQueueOrderedList() = default;
 
 int CCmTimerQueueOrderedList::PushNode_l(const CNode& aNode) {
     if (const NodesType::iterator* pPlace = m_Index.Find(aNode.m_pEh)) {
-        NodesType node;
-        node.splice(node.end(), m_Nodes, *pPlace);
-        **pPlace = aNode;
-        m_Nodes.splice(FindPlace_l(aNode.m_tvExpired), node);
+        m_Spares.splice(m_Spares.begin(), m_Nodes, *pPlace);
+        InsertSpare_l(aNode);  // the same list node: its place in the index holds
         return 1;
     }
-    m_Index.Reserve();
-    m_Index.Insert(aNode.m_pEh, m_Nodes.insert(FindPlace_l(aNode.m_tvExpired), aNode));
-    return 0;
+    return CCmTimerQueueOrderedList::RePushNode_l(aNode);
+}
+
+// Puts the first spare list node into its place as aNode; there must be one.
+CCmTimerQueueOrderedList::NodesType::iterator CCmTimerQueueOrderedList::InsertSpare_l(
+    const CNode& aNode) {
+    const auto itNode = m_Spares.begin();
+    *itNode = aNode;
+    m_Nodes.splice(FindPlace_l(aNode.m_tvExpired), m_Spares, itNode);
+    return itNode;
 }
 
 // The first node that is not due before aExpired; looked for from both ends at once.
@@ -47,14 +52,18 @@ int CCmTimerQueueOrderedList::EraseNode_l(ICmTimerHandler* aEh) {
     if (pPlace == nullptr) {
         return 1;
     }
-    m_Nodes.erase(*pPlace);
+    m_Spares.splice(m_Spares.begin(), m_Nodes, *pPlace);
     m_Index.Erase(aEh);
     return 0;
 }
 
 int CCmTimerQueueOrderedList::RePushNode_l(const CNode& aNode) {
-    m_Index.Reserve();  // allocates nothing behind a pop
-    m_Index.Insert(aNode.m_pEh, m_Nodes.insert(FindPlace_l(aNode.m_tvExpired), aNode));
+    // Neither allocates after a pop.
+    m_Index.Reserve();
+    if (m_Spares.empty()) {
+        m_Spares.emplace_front();
+    }
+    m_Index.Insert(aNode.m_pEh, InsertSpare_l(aNode));
     return 0;
 }
 
@@ -62,7 +71,7 @@ int CCmTimerQueueOrderedList::PopFirstNode_l(CNode& aNode) {
     CM_ASSERTE_RETURN_LINE(!m_Nodes.empty(), -1, 35);
     aNode = m_Nodes.front();
     m_Index.Erase(aNode.m_pEh);
-    m_Nodes.pop_front();
+    m_Spares.splice(m_Spares.begin(), m_Nodes, m_Nodes.begin());
     return 0;
 }
 

@@ -2,6 +2,7 @@
 
 #include "CmScopedLock.h"
 #include "CmThread.h"
+#include "CmTimerCancel.h"
 #include "CmTraceLine.h"
 
 namespace UTIL_NS {
@@ -44,7 +45,7 @@ CmResult CCmTimerWrapperID::Cancel() {
         return CM_OK;
     }
     m_bScheduled = false;
-    return m_pTimerQueue->CancelTimer(this);
+    return m_pTimerQueue != nullptr ? CancelForGood(*m_pTimerQueue, this) : CM_ERROR_NULL_POINTER;
 }
 
 void CCmTimerWrapperID::OnTimeout(const CCmTimeValue& /*aCurTime*/, void* aArg) {

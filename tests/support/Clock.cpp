@@ -13,10 +13,15 @@ std::atomic<long long> g_llCoarseLagUsec{0};
 std::atomic<clock_t> g_ticks{0};
 std::atomic<unsigned long> g_ulReads{0};
 
+// As the system does it: the microseconds count up, also before 1970.
 int Read(long long aNowUsec, timeval* aTv) {
     g_ulReads.fetch_add(1);
     aTv->tv_sec = aNowUsec / USEC_PER_SEC;
     aTv->tv_usec = aNowUsec % USEC_PER_SEC;
+    if (aTv->tv_usec < 0) {
+        aTv->tv_sec -= 1;
+        aTv->tv_usec += USEC_PER_SEC;
+    }
     return 0;
 }
 
