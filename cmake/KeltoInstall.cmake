@@ -69,6 +69,9 @@ install(DIRECTORY docs/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/docs COMPONENT Docum
 install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT Documentation
   PATTERN "tests" EXCLUDE)
 
+# lldb loads what it is told to.
+install(FILES tools/lldb/kelto_util_lldb.py
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/kelto_util COMPONENT Development)
 # gdb loads what lies beside a library under the library's name, if it trusts the directory.
 set(KELTO_GDB_DIR ${CMAKE_INSTALL_LIBDIR} CACHE STRING "Where the gdb printers go")
 if(NOT APPLE)

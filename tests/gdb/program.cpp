@@ -15,6 +15,35 @@ class CHandler final : public ICmTimerHandler {
     void OnTimeout(const CCmTimeValue&, void*) override {}
 };
 
+// Keeps its worker busy until it is released.
+class CStaller : public ICmEvent {
+  public:
+    CCmEventThread m_Begun;
+    CCmEventThread m_Release;
+
+  private:
+    CmResult OnEventFire() override {
+        m_Begun.Signal();
+        return m_Release.Wait(nullptr);
+    }
+};
+
+// Schedules a timer, which only the worker itself may.
+class CSchedule : public ICmEvent {
+  public:
+    CSchedule(ACmThread* aWorker, ICmTimerHandler* aHandler)
+        : m_pWorker(aWorker), m_pHandler(aHandler) {}
+
+  private:
+    CmResult OnEventFire() override {
+        return m_pWorker->GetTimerQueue()->ScheduleTimer(m_pHandler, nullptr,
+                                                         CCmTimeValue(3600, 0), 1);
+    }
+
+    ACmThread* m_pWorker;
+    ICmTimerHandler* m_pHandler;
+};
+
 }  // namespace
 
 extern "C" __attribute__((noinline)) void Look(const void* aObject) {
@@ -41,7 +70,26 @@ int main() {
     tail.SetLock(CCmMessageBlock::READ_LOCKED);
     head.Append(&tail);
 
+    ICmEventQueue* pQueue = &queue;
+    ICmTimerQueue* pTimers = &timers;
+    CStaller* pStaller = new CStaller;
+    ACmThread* pWorker = nullptr;
+    if (CM_FAILED(CreateUserTaskThread(&pWorker, TF_JOINABLE, true, 1))) {
+        return 1;
+    }
+    pWorker->GetEventQueue()->PostEvent(new CSchedule(pWorker, &first),
+                                        ICmEventQueue::EPRIORITY_NORMAL);
+    pWorker->GetEventQueue()->PostEvent(pStaller, ICmEventQueue::EPRIORITY_NORMAL);
+    pStaller->m_Begun.Wait(nullptr);
+    pWorker->GetEventQueue()->PostEvent(new CWork, ICmEventQueue::EPRIORITY_NORMAL);
+
     Look(&tvInterval);
     Look(&tvLimit);
+    Look(&pQueue);
+    Look(&pTimers);
+    pStaller->m_Release.Signal();
+    pWorker->Stop();
+    pWorker->Join();
+    pWorker->Destory(CM_OK);
     return 0;
 }

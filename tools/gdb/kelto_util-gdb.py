@@ -1,5 +1,6 @@
-"""Pretty-printers of kelto_util for gdb: time values, event queues, timer queues and chains of
-message blocks. gdb loads this file by itself when it lies beside the library and gdb trusts the
+"""kelto_util in gdb: time values, event queues, timer queues, workers and chains of message blocks
+print readably, also through a pointer to their interface, and kelto-workers lists the workers of a
+process or of a core file. gdb loads this file by itself when it lies beside the library and gdb trusts the
 directory (add-auto-load-safe-path); otherwise: source kelto_util-gdb.py
 """
 
@@ -42,6 +43,19 @@ def object_text(pointer):
     if int(pointer) == 0:
         return "null"
     return f"{int(pointer):#x} {pointer.dynamic_type.target().unqualified().name}"
+
+
+def dynamic(pointer):
+    """The whole object that a pointer to one of its bases leads to."""
+    return pointer.cast(pointer.dynamic_type).dereference()
+
+
+def all_fields(kind):
+    for field in kind.strip_typedefs().fields():
+        if field.is_base_class:
+            yield from all_fields(field.type)
+        else:
+            yield field
 
 
 def limited(members):
@@ -94,6 +108,11 @@ class TimerQueueOrderedList(Listing):
     def to_string(self):
         return f"timer queue, {len(self.nodes())} pending"
 
+    def due(self):
+        nodes = self.nodes()
+        first = f", the first at {time_text(nodes[0]['m_tvExpired'])}" if nodes else ""
+        return f"{len(nodes)} timers pending{first}"
+
     def members(self):
         return (
             timer_text(node, int(node["m_dwCount"]), f"at {time_text(node['m_tvExpired'])}")
@@ -126,6 +145,36 @@ class TimerQueueCalendar(Listing):
         )
 
 
+class Worker:
+    """A thread object: what it is and what waits for it."""
+
+    def __init__(self, value):
+        self.value = value
+
+    def to_string(self):
+        # A worker has two stop flags; that of its thread counts here.
+        thread = self.value.cast(gdb.lookup_type("UTIL_NS::ACmThread"))
+        if int(plain(thread["m_bStopFlag"])):
+            state = "stopped"
+        else:
+            state = "running" if int(plain(thread["m_Tid"])) else "not created"
+        return ", ".join([f"worker, {state}"] + self.queues())
+
+    def queues(self):
+        """Of the classes that have some."""
+        names = {field.name for field in all_fields(self.value.type)}
+        texts = []
+        if "m_EventQueue" in names:
+            queue = self.value["m_EventQueue"]
+            texts.append(f"{int(plain(queue['m_dwSize']))} events pending")
+        if "m_pTimerQueue" in names and int(self.value["m_pTimerQueue"]) != 0:
+            timers = dynamic(self.value["m_pTimerQueue"])
+            printer = gdb.default_visualizer(timers)
+            if printer is not None and hasattr(printer, "due"):
+                texts.append(printer.due())
+        return texts
+
+
 class MessageBlock(Listing):
     FLAGS = ((0x1, "external"), (0x100, "read-locked"), (0x200, "write-locked"),
              (0x20000, "duplicated"))
@@ -154,17 +203,90 @@ class MessageBlock(Listing):
             yield f"{self.readable(block)} bytes readable, {space} free{flags}"
 
 
-def printers():
-    collection = gdb.printing.RegexpCollectionPrettyPrinter("kelto_util")
-    for name, printer in (
-        ("CCmTimeValue", TimeValue),
-        ("CCmEventQueue(Base|UsingMutex|UsingConditionVariable)", EventQueue),
-        ("CCmTimerQueueOrderedList", TimerQueueOrderedList),
-        ("CCmTimerQueueCalendar", TimerQueueCalendar),
-        ("CCmMessageBlock", MessageBlock),
-    ):
-        collection.add_printer(name, f"^UTIL_NS::{name}$", printer)
-    return collection
+CLASSES = (
+    ("CCmTimeValue", TimeValue),
+    ("CCmEventQueueBase", EventQueue),
+    ("CCmEventQueueUsingMutex", EventQueue),
+    ("CCmEventQueueUsingConditionVariable", EventQueue),
+    ("CCmTimerQueueOrderedList", TimerQueueOrderedList),
+    ("CCmTimerQueueCalendar", TimerQueueCalendar),
+    ("CCmMessageBlock", MessageBlock),
+    ("CCmThreadTaskWithEventQueueOnly", Worker),
+    ("CCmThreadTask", Worker),
+    ("CCmThreadHeartBeat", Worker),
+)
+PRINTERS = {f"UTIL_NS::{name}": printer for name, printer in CLASSES}
+INTERFACES = {f"UTIL_NS::{name}" for name in ("ICmEventQueue", "ICmTimerQueue", "ACmThread")}
 
 
-gdb.printing.register_pretty_printer(gdb.current_objfile(), printers(), replace=True)
+class ThroughPointer:
+    """A pointer to an interface, as what it points to."""
+
+    def __init__(self, pointer, printer):
+        self.pointer = pointer
+        self.printer = printer
+        if hasattr(printer, "children"):
+            self.children = printer.children
+
+    def to_string(self):
+        return f"{object_text(self.pointer)} {self.printer.to_string()}"
+
+
+class Printers(gdb.printing.PrettyPrinter):
+    def __call__(self, value):
+        kind = value.type.strip_typedefs()
+        if kind.code == gdb.TYPE_CODE_STRUCT:
+            printer = PRINTERS.get(kind.name)
+            return printer(value) if printer else None
+        if kind.code != gdb.TYPE_CODE_PTR or kind.target().name not in INTERFACES or int(value) == 0:
+            return None
+        try:
+            target = dynamic(value)
+        except gdb.error:  # a pointer to nowhere
+            return None
+        for base in self.classes(target.type):
+            if base.name in PRINTERS:
+                return ThroughPointer(value, PRINTERS[base.name](target.cast(base)))
+        return None
+
+    def classes(self, kind):
+        """The class and its bases, the nearest first."""
+        level = [kind.strip_typedefs()]
+        while level:
+            yield from level
+            level = [field.type for each in level for field in each.fields() if field.is_base_class]
+
+
+class Workers(gdb.Command):
+    """kelto-workers: the registered workers of the process, with what is pending in their queues.
+
+A line a worker: the debugger's number of its thread and its name, where it is known, the object
+and its class, its state, events pending and timers due. Works on a core file, too."""
+
+    def __init__(self):
+        super().__init__("kelto-workers", gdb.COMMAND_STATUS)
+
+    @staticmethod
+    def threads():
+        """The debugger's threads by their POSIX identifiers."""
+        found = {}
+        for thread in gdb.selected_inferior().threads():
+            try:
+                found[int.from_bytes(thread.handle(), "little")] = thread
+            except gdb.error:  # not known of this thread
+                continue
+        return found
+
+    def invoke(self, _argument, _from_tty):
+        threads = self.threads()
+        workers = list(list_members(gdb.parse_and_eval("UTIL_NS::g_threadList")))
+        for worker in workers:
+            thread = threads.get(int(plain(worker["m_Tid"])))
+            name = f" \"{thread.name}\"" if thread is not None and thread.name else ""
+            number = f"thread {thread.num}{name}" if thread is not None else "no thread"
+            print(f"{number}: {worker.format_string(raw=False)}")
+        print(f"{len(workers)} workers")
+
+
+gdb.printing.register_pretty_printer(gdb.current_objfile(), Printers("kelto_util"), replace=True)
+Workers()
