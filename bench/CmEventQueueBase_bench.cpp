@@ -5,6 +5,7 @@
 #include <sched.h>
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <functional>
 #include <future>
@@ -58,6 +59,29 @@ class Tally {
     std::atomic<long> m_lSum{0};
 };
 
+long NowNsec() {
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(
+               std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+// What it does in the rows about latency: notes how long ago it was posted.
+class Latencies {
+  public:
+    explicit Latencies(size_t aCount) : m_Nsec(aCount) {}
+    void Add(long aPostedNsec) {
+        const size_t nCount = m_nCount.load(std::memory_order_relaxed);
+        m_Nsec[nCount] = static_cast<double>(NowNsec() - aPostedNsec);
+        m_nCount.store(nCount + 1, std::memory_order_release);
+    }
+    bool AreAllThere() const { return m_nCount.load(std::memory_order_acquire) == m_Nsec.size(); }
+    const std::vector<double>& nsec() const { return m_Nsec; }
+
+  private:
+    std::vector<double> m_Nsec;
+    std::atomic<size_t> m_nCount{0};
+};
+
 // The piece of work that peers without one of their own carry: created, run, deleted.
 class Task {
   public:
@@ -65,13 +89,14 @@ class Task {
     virtual void Run() = 0;
 };
 
+template <typename TallyType>
 class AddTask : public Task {
   public:
-    AddTask(Tally& aTally, long aNumber) : m_Tally(aTally), m_lNumber(aNumber) {}
+    AddTask(TallyType& aTally, long aNumber) : m_Tally(aTally), m_lNumber(aNumber) {}
     void Run() override { m_Tally.Add(m_lNumber); }
 
   private:
-    Tally& m_Tally;
+    TallyType& m_Tally;
     const long m_lNumber;
 };
 
@@ -89,7 +114,8 @@ class KeltoWorker {
         m_pThread->Join();
         m_pThread->Destory(CM_OK);
     }
-    void Post(Tally& aTally, long aNumber) {
+    template <typename TallyType>
+    void Post(TallyType& aTally, long aNumber) {
         m_pQueue->PostEvent(new AddEvent(aTally, aNumber), ICmEventQueue::EPRIORITY_NORMAL);
     }
     template <typename Function>
@@ -102,13 +128,14 @@ class KeltoWorker {
     }
 
   private:
+    template <typename TallyType>
     class AddEvent : public ICmEvent {
       public:
-        AddEvent(Tally& aTally, long aNumber) : m_Tally(aTally), m_lNumber(aNumber) {}
+        AddEvent(TallyType& aTally, long aNumber) : m_Tally(aTally), m_lNumber(aNumber) {}
         CmResult OnEventFire() override { return m_Tally.Add(m_lNumber), CM_OK; }
 
       private:
-        Tally& m_Tally;
+        TallyType& m_Tally;
         const long m_lNumber;
     };
 
@@ -149,9 +176,10 @@ class Libuv {
         m_Thread.join();
         uv_loop_close(&m_Loop);
     }
-    void Post(Tally& aTally, long aNumber) {
+    template <typename TallyType>
+    void Post(TallyType& aTally, long aNumber) {
         std::list<std::unique_ptr<Task>> node;
-        node.push_back(std::make_unique<AddTask>(aTally, aNumber));
+        node.push_back(std::make_unique<AddTask<TallyType>>(aTally, aNumber));
         {
             std::lock_guard<std::mutex> lock(m_Mutex);
             m_Tasks.splice(m_Tasks.end(), node);
@@ -196,7 +224,8 @@ class Asio {
         m_Work.reset();
         m_Thread.join();
     }
-    void Post(Tally& aTally, long aNumber) {
+    template <typename TallyType>
+    void Post(TallyType& aTally, long aNumber) {
         boost::asio::post(m_Context, [&aTally, aNumber] { aTally.Add(aNumber); });
     }
     template <typename Function>
@@ -228,7 +257,10 @@ class QueueWorker {
         m_Queue.Push(nullptr);
         m_Thread.join();
     }
-    void Post(Tally& aTally, long aNumber) { m_Queue.Push(new AddTask(aTally, aNumber)); }
+    template <typename TallyType>
+    void Post(TallyType& aTally, long aNumber) {
+        m_Queue.Push(new AddTask(aTally, aNumber));
+    }
 
   private:
     void RunAll() {
@@ -283,8 +315,10 @@ class PocoWorker {
         m_Queue.enqueueNotification(new Item(nullptr));
         m_Thread.join();
     }
-    void Post(Tally& aTally, long aNumber) {
-        m_Queue.enqueueNotification(new Item(std::make_unique<AddTask>(aTally, aNumber)));
+    template <typename TallyType>
+    void Post(TallyType& aTally, long aNumber) {
+        m_Queue.enqueueNotification(
+            new Item(std::make_unique<AddTask<TallyType>>(aTally, aNumber)));
     }
 
   private:
@@ -442,6 +476,76 @@ void SendAndWait(benchmark::State& aState, bool aTwoCores) {
     CountItems(aState);
 }
 
+// ---- Post beside a busy thread.
+
+constexpr size_t LATENCY_POSTS = 300;
+constexpr timespec LATENCY_PAUSE = {0, 3000000};
+
+// A thread that never sleeps, on the worker's core.
+class BusyThread {
+  public:
+    BusyThread() {
+        m_Thread = std::thread([this] {
+            Pinned::MoveTo(WORKER_CORE);
+            while (!m_bEnds.load(std::memory_order_relaxed)) {
+            }
+        });
+    }
+    ~BusyThread() {
+        m_bEnds.store(true, std::memory_order_relaxed);
+        m_Thread.join();
+    }
+    BusyThread(const BusyThread&) = delete;
+    BusyThread& operator=(const BusyThread&) = delete;
+
+  private:
+    std::atomic<bool> m_bEnds{false};
+    std::thread m_Thread;
+};
+
+template <typename Worker>
+void PostBesideBusyThread(benchmark::State& aState) {
+    const Pinned pinned(POSTER_CORE);
+    const auto pWorker = PlacedWorker<Worker>(true);
+    const BusyThread busy;
+    Latencies latencies(LATENCY_POSTS);
+    for (auto _ : aState) {
+        for (size_t i = 0; i < LATENCY_POSTS; ++i) {
+            nanosleep(&LATENCY_PAUSE, nullptr);
+            pWorker->Post(latencies, NowNsec());
+        }
+        while (!latencies.AreAllThere()) {
+            nanosleep(&LATENCY_PAUSE, nullptr);
+        }
+    }
+    CountLatencies(aState, latencies.nsec());
+}
+
+template <typename Worker>
+void AddBusyRow(const char* aWho) {
+    Row(AREA, "post beside a busy thread", aWho, PostBesideBusyThread<Worker>, Clock::LATENCIES);
+}
+
+void AddBusyRows() {
+    AddBusyRow<Kelto>(OURS);
+    AddBusyRow<KeltoWithTimers>("variant: with a timer queue");
+#if KELTO_WITH_LIBUV
+    AddBusyRow<Libuv>("libuv, list + async");
+#endif
+#if KELTO_WITH_BOOST
+    AddBusyRow<Asio>("Asio");
+#endif
+#if KELTO_WITH_TBB
+    AddBusyRow<QueueWorker<TbbQueue>>("TBB bounded queue");
+#endif
+#if KELTO_WITH_GLIB
+    AddBusyRow<QueueWorker<GlibQueue>>("GLib async queue");
+#endif
+#if KELTO_WITH_POCO
+    AddBusyRow<PocoWorker>("POCO");
+#endif
+}
+
 // ---- One poster, many workers.
 
 void PostToWorkers(benchmark::State& aState, int aWorkers) {
@@ -472,6 +576,7 @@ const bool s_bAdded = [] {
     AddPostRows(AREA, "post to run, 4 posters, one core", 4, false);
     if (std::thread::hardware_concurrency() > 1) {
         AddPostRows(AREA, "post to run, 1 poster, two cores", 1, true);
+        AddBusyRows();
         Row(
             AREA, "synchronous send, two cores", OURS,
             [](benchmark::State& aState) { SendAndWait<Kelto>(aState, true); }, Clock::WALL);

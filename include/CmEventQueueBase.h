@@ -211,10 +211,9 @@ class CM_UTIL_EXPORT CCmEventQueueUsingConditionVariable : public CCmEventQueueB
     // Wakes the consumer when it sleeps.
     CmResult PostEvent(ICmEvent* aEvent, EPriority aPri) override;
     // Consumer thread only. Waits once while nothing is pending, at most aTimeout (relative; null
-    // waits without limit), then takes at most aMaxCount events. Before a wait without limit it
-    // gives the core to other threads once: what they post then costs no wake-up.
-    // CM_ERROR_NOT_FOUND: still empty, also when the wait ended early without an event. A
-    // cancellation point while it waits; a cancelled thread leaves the queue usable.
+    // waits without limit), then takes at most aMaxCount events. CM_ERROR_NOT_FOUND: still empty,
+    // also when the wait ended early without an event. A cancellation point while it waits; a
+    // cancelled thread leaves the queue usable.
     CmResult PopOrWaitPendingEvents(std::list<ICmEvent*>& aEvents, CCmTimeValue* aTimeout,
                                     DWORD aMaxCount = 0xFFFFFFFF);
     // Consumer thread only. ProcessEvents, whose list nodes serve coming posts: the queue keeps as

@@ -3,6 +3,7 @@
 #define CM_TIMER_QUEUE_CALENDAR_H
 
 #include <map>
+#include <memory>
 #include <vector>
 
 #include "CmBase.h"
@@ -111,7 +112,9 @@ class CM_UTIL_EXPORT CCmTimerQueueCalendar : public ICmTimerQueue, public ICmEve
     // are, goes back in front of it without a walk down the map.
     CNode::HandlersType::iterator m_itVacated;
     // Entries for coming handlers; there is room for those of m_Handlers, too.
-    std::vector<CNode::HandlersType::node_type> m_SpareEntries;
+    // Null before the first one. Only a pointer: the size of this object is part of the binary
+    // interface.
+    std::unique_ptr<std::vector<CNode::HandlersType::node_type>> m_pSpareEntries;
 };
 
 }  // namespace UTIL_NS

@@ -3,6 +3,7 @@
 #define CM_TIMER_QUEUE_ORDERED_LIST_H
 
 #include <list>
+#include <memory>
 
 #include "CmTimerQueueBase.h"
 
@@ -35,7 +36,9 @@ class CM_UTIL_EXPORT CCmTimerQueueOrderedList : public CCmTimerQueueBase {
 
     NodesType m_Nodes;  // ascending m_tvExpired, handlers unique
     CCmTimerHandlerIndexT<NodesType::iterator> m_Index;
-    NodesType m_Spares;  // list nodes for coming timers
+    // List nodes for coming timers; null before the first one. Only a pointer: the size of this
+    // object is part of the binary interface.
+    std::unique_ptr<NodesType> m_pSpares;
 };
 
 }  // namespace UTIL_NS

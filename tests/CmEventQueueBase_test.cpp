@@ -1178,52 +1178,6 @@ TEST(CmEventQueueUsingConditionVariable, DoesNotWait_WhenEventsArePending) {
     queue.ProcessEvents(events);
 }
 
-EventLog* g_pLogOfYield = nullptr;
-CCmEventQueueUsingConditionVariable* g_pQueueOfYield = nullptr;
-int g_nYields = 0;
-
-// Another thread's turn, in which it posts.
-int PostInstead() {
-    ++g_nYields;
-    return g_pQueueOfYield->PostEvent(new LoggedEvent(*g_pLogOfYield, g_nYields), NORMAL) == CM_OK
-               ? 0
-               : -1;
-}
-
-TEST(CmEventQueueUsingConditionVariable, LetsOthersPost_BeforeItSleeps) {
-    EventLog log;
-    CCmEventQueueUsingConditionVariable queue;
-    WaitCounter counter;
-    kelto_test::ScopedEntry<decltype(g_cmSystem.sched_yield)> entry(g_cmSystem.sched_yield,
-                                                                    &PostInstead);
-    g_pLogOfYield = &log;
-    g_pQueueOfYield = &queue;
-    g_nYields = 0;
-    for (int i = 1; i <= 2; ++i) {
-        Events events;
-        ASSERT_EQ(CM_OK, queue.PopOrWaitPendingEvents(events, nullptr));
-        queue.ProcessAndRecycleEvents(events);
-        EXPECT_EQ(IdsUpTo(i), log.fired());
-    }
-    EXPECT_EQ(0, g_nWaits.load());
-    EXPECT_EQ(0, g_nSignals.load());
-}
-
-TEST(CmEventQueueUsingConditionVariable, LosesNoTime_WhenItsSleepIsLimitedOrNotNeeded) {
-    EventLog log;
-    CCmEventQueueUsingConditionVariable queue;
-    kelto_test::ScopedEntry<decltype(g_cmSystem.sched_yield)> entry(g_cmSystem.sched_yield,
-                                                                    &PostInstead);
-    g_nYields = 0;
-    Events events;
-    CCmTimeValue tvShort(0, 1000);
-    EXPECT_EQ(CM_ERROR_NOT_FOUND, queue.PopOrWaitPendingEvents(events, &tvShort));
-    Post(queue, log, 1, 1);
-    EXPECT_EQ(CM_OK, queue.PopOrWaitPendingEvents(events, nullptr));
-    EXPECT_EQ(0, g_nYields);
-    queue.ProcessEvents(events);
-}
-
 TEST(CmEventQueueUsingConditionVariable, WaitsOnce_WhenTheWaitEndsForNoReason) {
     CCmEventQueueUsingConditionVariable queue;
     kelto_test::ScopedEntry<decltype(g_cmSystem.pthread_cond_wait)> entry(
@@ -1263,10 +1217,13 @@ TEST(CmEventQueueUsingConditionVariable, DoesNotSignal_WhenTheWaitIsOver) {
     EXPECT_EQ(0, g_nSignals.load());
 }
 
+EventLog* g_pLogOfWait = nullptr;
+CCmEventQueueUsingConditionVariable* g_pQueueOfWait = nullptr;
+
 // Another thread's posts, while this one waits.
 int PostTwiceInstead(pthread_cond_t*, pthread_mutex_t* aMutex) {
     pthread_mutex_unlock(aMutex);
-    Post(*g_pQueueOfYield, *g_pLogOfYield, 1, 2);
+    Post(*g_pQueueOfWait, *g_pLogOfWait, 1, 2);
     return pthread_mutex_lock(aMutex);
 }
 
@@ -1276,8 +1233,8 @@ TEST(CmEventQueueUsingConditionVariable, SignalsOnce_WhenTwoPostsComeBeforeItsCo
     WaitCounter counter;
     kelto_test::ScopedEntry<decltype(g_cmSystem.pthread_cond_wait)> entry(
         g_cmSystem.pthread_cond_wait, &PostTwiceInstead);
-    g_pLogOfYield = &log;
-    g_pQueueOfYield = &queue;
+    g_pLogOfWait = &log;
+    g_pQueueOfWait = &queue;
     Events events;
     EXPECT_EQ(CM_OK, queue.PopOrWaitPendingEvents(events, nullptr));
     queue.ProcessEvents(events);

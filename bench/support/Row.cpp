@@ -3,6 +3,7 @@
 #include <sched.h>
 #include <time.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 
@@ -59,6 +60,14 @@ double ThreadSeconds() {
     timespec now = {};
     clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
     return static_cast<double>(now.tv_sec) + 1e-9 * static_cast<double>(now.tv_nsec);
+}
+
+void CountLatencies(benchmark::State& aState, std::vector<double> aNanoseconds) {
+    std::sort(aNanoseconds.begin(), aNanoseconds.end());
+    for (size_t nPercentile : {50, 90, 99}) {
+        aState.counters["percentile_" + std::to_string(nPercentile)] =
+            aNanoseconds[(aNanoseconds.size() - 1) * nPercentile / 100];
+    }
 }
 
 std::string RandomBytes(size_t aSize) {

@@ -13,6 +13,7 @@
 #include <functional>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace kelto_bench {
 
@@ -24,6 +25,9 @@ enum class Clock {
     PROCESS,  // processor time of all threads
     WALL,     // elapsed time
     MANUAL,   // what the row reports by SetIterationTime
+    // None: the row runs once a repetition and ends by CountLatencies; the tables have a line for
+    // each of three percentiles.
+    LATENCIES,
 };
 
 // Registers a row during the initialisation of static objects.
@@ -40,6 +44,8 @@ class Row {
             pRow->UseRealTime();
         } else if (aClock == Clock::MANUAL) {
             pRow->UseManualTime();
+        } else if (aClock == Clock::LATENCIES) {
+            pRow->Iterations(1);
         }
     }
 };
@@ -52,6 +58,9 @@ void Check(bool aHolds, const char* aWhat);
 inline void Touch(const void* aObject) {
     asm volatile("" : : "g"(aObject) : "memory");
 }
+
+// The result of a row of Clock::LATENCIES. Not empty.
+void CountLatencies(benchmark::State& aState, std::vector<double> aNanoseconds);
 
 // Counts aPerIteration pieces of work for each iteration; times are per piece.
 inline void CountItems(benchmark::State& aState, int64_t aPerIteration = 1) {

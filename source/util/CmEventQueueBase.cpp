@@ -588,10 +588,6 @@ void CCmEventQueueUsingConditionVariable::Wake_i() {
 CmResult CCmEventQueueUsingConditionVariable::PopOrWaitPendingEvents(std::list<ICmEvent*>& aEvents,
                                                                      CCmTimeValue* aTimeout,
                                                                      DWORD aMaxCount) {
-    // Before it sleeps, others get the core: what they post meanwhile wakes nobody.
-    if (aTimeout == nullptr && m_dwSize.load(std::memory_order_relaxed) == 0) {
-        g_cmSystem.sched_yield();
-    }
     CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
     if (!m_Spent.empty()) {
         m_Spares.splice(m_Spares.end(), m_Spent);

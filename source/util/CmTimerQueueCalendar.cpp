@@ -270,22 +270,26 @@ void CCmTimerQueueCalendar::Forget_i(CNode* aNode) {
     // What follows the last entry is known; stepping there would climb the whole map.
     const bool bIsLast = aNode->m_itHandler == std::prev(m_Handlers.end());
     m_itVacated = bIsLast ? m_Handlers.end() : std::next(aNode->m_itHandler);
-    m_SpareEntries.push_back(m_Handlers.extract(aNode->m_itHandler));
+    m_pSpareEntries->push_back(m_Handlers.extract(aNode->m_itHandler));
     FreeNode_i(aNode);
 }
 
 // Throws std::bad_alloc, having changed nothing.
 CCmTimerQueueCalendar::CNode::HandlersType::iterator CCmTimerQueueCalendar::NewEntry_i(
     ICmTimerHandler* aEh) {
-    if (m_SpareEntries.empty()) {
+    if (CM_UNLIKELY(m_pSpareEntries == nullptr)) {
+        m_pSpareEntries = std::make_unique<std::vector<CNode::HandlersType::node_type>>();
+    }
+    auto& spares = *m_pSpareEntries;
+    if (spares.empty()) {
         // Room for the time when all entries are spare: giving one up must not allocate.
-        if (m_Handlers.size() == m_SpareEntries.capacity()) {
-            m_SpareEntries.reserve(2 * m_Handlers.size() + 1);
+        if (m_Handlers.size() == spares.capacity()) {
+            spares.reserve(2 * m_Handlers.size() + 1);
         }
         return m_Handlers.emplace_hint(m_itVacated, aEh, 0);
     }
-    CNode::HandlersType::node_type entry = std::move(m_SpareEntries.back());
-    m_SpareEntries.pop_back();
+    CNode::HandlersType::node_type entry = std::move(spares.back());
+    spares.pop_back();
     entry.key() = aEh;
     return m_Handlers.insert(m_itVacated, std::move(entry));
 }

@@ -13,7 +13,7 @@ CCmTimerQueueOrderedList::~CCmTimerQueueOrderedList() = default;
 
 int CCmTimerQueueOrderedList::PushNode_l(const CNode& aNode) {
     if (const NodesType::iterator* pPlace = m_Index.Find(aNode.m_pEh)) {
-        m_Spares.splice(m_Spares.begin(), m_Nodes, *pPlace);
+        m_pSpares->splice(m_pSpares->begin(), m_Nodes, *pPlace);
         InsertSpare_l(aNode);  // the same list node: its place in the index holds
         return 1;
     }
@@ -23,9 +23,9 @@ int CCmTimerQueueOrderedList::PushNode_l(const CNode& aNode) {
 // Puts the first spare list node into its place as aNode; there must be one.
 CCmTimerQueueOrderedList::NodesType::iterator CCmTimerQueueOrderedList::InsertSpare_l(
     const CNode& aNode) {
-    const auto itNode = m_Spares.begin();
+    const auto itNode = m_pSpares->begin();
     *itNode = aNode;
-    m_Nodes.splice(FindPlace_l(aNode.m_tvExpired), m_Spares, itNode);
+    m_Nodes.splice(FindPlace_l(aNode.m_tvExpired), *m_pSpares, itNode);
     return itNode;
 }
 
@@ -52,16 +52,19 @@ int CCmTimerQueueOrderedList::EraseNode_l(ICmTimerHandler* aEh) {
     if (pPlace == nullptr) {
         return 1;
     }
-    m_Spares.splice(m_Spares.begin(), m_Nodes, *pPlace);
+    m_pSpares->splice(m_pSpares->begin(), m_Nodes, *pPlace);
     m_Index.Erase(aEh);
     return 0;
 }
 
 int CCmTimerQueueOrderedList::RePushNode_l(const CNode& aNode) {
-    // Neither allocates after a pop.
+    // Allocates nothing after a pop.
     m_Index.Reserve();
-    if (m_Spares.empty()) {
-        m_Spares.emplace_front();
+    if (CM_UNLIKELY(m_pSpares == nullptr)) {
+        m_pSpares = std::make_unique<NodesType>();
+    }
+    if (m_pSpares->empty()) {
+        m_pSpares->emplace_front();
     }
     m_Index.Insert(aNode.m_pEh, InsertSpare_l(aNode));
     return 0;
@@ -71,7 +74,7 @@ int CCmTimerQueueOrderedList::PopFirstNode_l(CNode& aNode) {
     CM_ASSERTE_RETURN_LINE(!m_Nodes.empty(), -1, 35);
     aNode = m_Nodes.front();
     m_Index.Erase(aNode.m_pEh);
-    m_Spares.splice(m_Spares.begin(), m_Nodes, m_Nodes.begin());
+    m_pSpares->splice(m_pSpares->begin(), m_Nodes, m_Nodes.begin());
     return 0;
 }
 

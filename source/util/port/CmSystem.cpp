@@ -1,7 +1,6 @@
 #include "CmSystem.h"
 
 #include <fcntl.h>
-#include <sched.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/ioctl.h>
@@ -64,7 +63,6 @@ CCmSystemTable g_cmSystem = {
     ::pthread_cancel,
     ::gettimeofday,
     ::nanosleep,
-    ::sched_yield,
     ::sysconf,
     ::localtime_r,
     CmPortSemaphoreInit,

@@ -56,7 +56,6 @@ struct CCmSystemTable {
     int (*pthread_cancel)(pthread_t);
     int (*gettimeofday)(timeval*, void*);
     int (*nanosleep)(const timespec*, timespec*);
-    int (*sched_yield)();
     long (*sysconf)(int);
     tm* (*localtime_r)(const time_t*, tm*);
     int (*sem_init)(CmPlatformSemaphore*, int, unsigned);
