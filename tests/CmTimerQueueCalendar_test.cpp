@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <deque>
 #include <memory>
 #include <string>
 #include <vector>
@@ -47,14 +46,14 @@ class FakeEventQueue : public ICmEventQueue {
     void RunAll() {
         while (!m_events.empty()) {
             ICmEvent* pEvent = m_events.front();
-            m_events.pop_front();
+            m_events.erase(m_events.begin());
             EXPECT_EQ(CM_OK, pEvent->OnEventFire());
             pEvent->OnDestorySelf();
         }
     }
 
     CmResult m_rvNext = CM_OK;
-    std::deque<ICmEvent*> m_events;
+    std::vector<ICmEvent*> m_events;  // whose memory the tests count
     std::vector<EPriority> m_priorities;
 };
 
@@ -548,7 +547,7 @@ TEST_F(CmTimerQueueCalendar, Handler_AddsZeroTimerWhileTheyFire) {
     });
     Schedule(0, 0);
     ICmEvent* pEvent = m_events.m_events.front();
-    m_events.m_events.pop_front();
+    m_events.m_events.erase(m_events.m_events.begin());
     EXPECT_EQ(CM_OK, pEvent->OnEventFire());
     EXPECT_EQ((std::vector<int>{0, 1}), Ids(m_log));
     // The event posted meanwhile finds nothing left.

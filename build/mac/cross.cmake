@@ -10,7 +10,13 @@ set(CMAKE_USER_MAKE_RULES_OVERRIDE "${CMAKE_CURRENT_LIST_DIR}/cross-rules.cmake"
 set(CMAKE_OSX_SYSROOT "" CACHE STRING "")
 set(CMAKE_OSX_DEPLOYMENT_TARGET 10.13 CACHE STRING "")
 set(CMAKE_CXX_FLAGS_INIT "-fno-sanitize=undefined")
+set(CMAKE_EXE_LINKER_FLAGS_INIT
+  "\"-F${CMAKE_CURRENT_LIST_DIR}/stubs\" -nostdlib++ \"${CMAKE_CURRENT_LIST_DIR}/../../out/mac-tools/libc++.tbd\"")
 set(CMAKE_SHARED_LINKER_FLAGS_INIT
   "\"-F${CMAKE_CURRENT_LIST_DIR}/stubs\" -nostdlib++ \"${CMAKE_CURRENT_LIST_DIR}/../../out/mac-tools/libc++.tbd\"")
+# This machine's programs, but neither its libraries nor its headers.
+set(CMAKE_FIND_ROOT_PATH "${CMAKE_CURRENT_LIST_DIR}/stubs")
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(KELTO_TOOLCHAIN_SOURCES "${CMAKE_CURRENT_LIST_DIR}/cpu_model.cpp")
