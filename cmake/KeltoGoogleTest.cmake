@@ -1,11 +1,13 @@
 # GoogleTest, as GTest::gtest and GTest::gtest_main, and CMake's module of the same name. A cross
 # build cannot use the one that is installed: it builds its own from the sources that Debian's
 # package googletest brings.
-include_guard(GLOBAL)
 include(GoogleTest)
 
 if(NOT CMAKE_CROSSCOMPILING)
   find_package(GTest REQUIRED)
+  return()
+endif()
+if(TARGET GTest::gtest)
   return()
 endif()
 
