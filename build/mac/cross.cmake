@@ -9,9 +9,12 @@ set(CMAKE_INSTALL_NAME_TOOL llvm-install-name-tool CACHE STRING "")
 set(CMAKE_USER_MAKE_RULES_OVERRIDE "${CMAKE_CURRENT_LIST_DIR}/cross-rules.cmake")
 set(CMAKE_OSX_SYSROOT "" CACHE STRING "")
 set(CMAKE_OSX_DEPLOYMENT_TARGET 10.13 CACHE STRING "")
-set(CMAKE_CXX_FLAGS_INIT "-fno-sanitize=undefined")
+# With the annotations, what came after the deployment target is refused, and what the headers have
+# instead is compiled here.
+set(CMAKE_CXX_FLAGS_INIT
+  "-fno-sanitize=undefined -U_LIBCPP_HAS_VENDOR_AVAILABILITY_ANNOTATIONS -D_LIBCPP_HAS_VENDOR_AVAILABILITY_ANNOTATIONS=1")
 set(CMAKE_EXE_LINKER_FLAGS_INIT
-  "\"-F${CMAKE_CURRENT_LIST_DIR}/stubs\" -nostdlib++ \"${CMAKE_CURRENT_LIST_DIR}/../../out/mac-tools/libc++.tbd\"")
+  "\"-F${CMAKE_CURRENT_LIST_DIR}/stubs\" -nostdlib++ \"${CMAKE_CURRENT_LIST_DIR}/../../out/mac-tools/libc++-whole.tbd\"")
 set(CMAKE_SHARED_LINKER_FLAGS_INIT
   "\"-F${CMAKE_CURRENT_LIST_DIR}/stubs\" -nostdlib++ \"${CMAKE_CURRENT_LIST_DIR}/../../out/mac-tools/libc++.tbd\"")
 # This machine's programs, but neither its libraries nor its headers.
