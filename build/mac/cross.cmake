@@ -5,7 +5,10 @@ set(CMAKE_SYSTEM_PROCESSOR x86_64)
 set(CMAKE_CXX_COMPILER "${CMAKE_CURRENT_LIST_DIR}/mac-c++")
 set(CMAKE_AR "${CMAKE_CURRENT_LIST_DIR}/mac-ar")
 set(CMAKE_RANLIB "${CMAKE_CURRENT_LIST_DIR}/mac-ranlib")
-set(CMAKE_INSTALL_NAME_TOOL llvm-install-name-tool CACHE STRING "")
+# Debian names it with the version of LLVM.
+find_program(CMAKE_INSTALL_NAME_TOOL REQUIRED NAMES llvm-install-name-tool
+  llvm-install-name-tool-14 llvm-install-name-tool-15 llvm-install-name-tool-16
+  llvm-install-name-tool-17 llvm-install-name-tool-18 llvm-install-name-tool-19)
 set(CMAKE_USER_MAKE_RULES_OVERRIDE "${CMAKE_CURRENT_LIST_DIR}/cross-rules.cmake")
 set(CMAKE_OSX_SYSROOT "" CACHE STRING "")
 set(CMAKE_OSX_DEPLOYMENT_TARGET 10.13 CACHE STRING "")
@@ -22,3 +25,4 @@ set(CMAKE_FIND_ROOT_PATH "${CMAKE_CURRENT_LIST_DIR}/stubs")
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
+set(KELTO_THREAD_LOCAL_OPTIONS "SHELL:-include \"${CMAKE_CURRENT_LIST_DIR}/thread_vars.h\"")
