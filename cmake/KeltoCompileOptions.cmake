@@ -26,6 +26,17 @@ target_compile_options(kelto_compile_options INTERFACE
   "-ffile-prefix-map=${KELTO_ROOT_FROM_BUILD}="
   "-ffile-prefix-map=${CMAKE_BINARY_DIR}=.")
 
+# kelto_forget_build_path(target): a Mach-O library names the objects that it was linked from, for
+# debuggers; what it names is relative to the build directory. The cross linker has no such option
+# and leaves the names out.
+function(kelto_forget_build_path target)
+  if(CMAKE_CROSSCOMPILING)
+    target_link_options(${target} PRIVATE LINKER:-S)
+  else()
+    target_link_options(${target} PRIVATE "LINKER:-oso_prefix,${CMAKE_BINARY_DIR}/")
+  endif()
+endfunction()
+
 if(KELTO_SANITIZE)
   target_compile_options(kelto_compile_options INTERFACE
     -fsanitize=${KELTO_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)

@@ -9,6 +9,7 @@ set(KELTO_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/kelto_util)
 # kelto_install_library(target component export-set): a library and its entry in a file of targets.
 function(kelto_install_library target component export)
   install(TARGETS ${target} EXPORT ${export}
+    FRAMEWORK DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT ${component}
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
       COMPONENT ${component} NAMELINK_COMPONENT Development
     ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT Development)
@@ -54,6 +55,19 @@ foreach(dir LIBDIR INCLUDEDIR)
     set(KELTO_PC_${dir} "\${prefix}/${CMAKE_INSTALL_${dir}}")
   endif()
 endforeach()
+# A Mac's libraries lack the prefix by which -l finds one, so they are given as files.
+if(KELTO_FRAMEWORK)
+  set(KELTO_PC_LIBS "-F\${libdir} -framework util")
+elseif(APPLE)
+  set(KELTO_PC_LIBS "\${libdir}/util.dylib")
+else()
+  set(KELTO_PC_LIBS "-L\${libdir} -lkelto_util")
+endif()
+if(APPLE)
+  set(KELTO_PC_PRIVATE_LIBS "\${libdir}/qtrace.dylib")
+else()
+  set(KELTO_PC_PRIVATE_LIBS -lqtrace)
+endif()
 set(KELTO_PC_DL_LIBS "")
 if(CMAKE_DL_LIBS)
   set(KELTO_PC_DL_LIBS "-l${CMAKE_DL_LIBS}")

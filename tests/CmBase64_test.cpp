@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "port/CmCpu.h"
+
 namespace UTIL_NS {
 namespace {
 
@@ -30,14 +32,14 @@ struct DecodeRoad {
 
 std::vector<EncodeRoad> EncodeRoads() {
     return {{"scalar", CmBase64EncodeScalar, true, 3},
-            {"ssse3", CmBase64EncodeSsse3, __builtin_cpu_supports("ssse3") != 0, 16},
-            {"avx2", CmBase64EncodeAvx2, __builtin_cpu_supports("avx2") != 0, 16}};
+            {"ssse3", CmBase64EncodeSsse3, CmCpuHas(CM_CPU_SSSE3), 16},
+            {"avx2", CmBase64EncodeAvx2, CmCpuHas(CM_CPU_AVX2), 16}};
 }
 
 std::vector<DecodeRoad> DecodeRoads() {
     return {{"scalar", CmBase64DecodeScalar, true, 4},
-            {"ssse3", CmBase64DecodeSsse3, __builtin_cpu_supports("ssse3") != 0, 16},
-            {"avx2", CmBase64DecodeAvx2, __builtin_cpu_supports("avx2") != 0, 32}};
+            {"ssse3", CmBase64DecodeSsse3, CmCpuHas(CM_CPU_SSSE3), 16},
+            {"avx2", CmBase64DecodeAvx2, CmCpuHas(CM_CPU_AVX2), 32}};
 }
 
 std::vector<unsigned char> RandomBytes(size_t aLength, unsigned aSeed) {

@@ -281,7 +281,8 @@ TEST_F(CmCondition, Constructor_FailureIsTraced) {
     CCmConditionVariableThread condition(m_Mutex);
     EXPECT_EQ(
         "UTIL WARNING: CCmConditionVariableThread::CCmConditionVariableThread, "
-        "pthread_cond_init() failed! err=11 this=0x#",
+        "pthread_cond_init() failed! "
+        "err=" ERRNO_TEXT(EAGAIN) " this=0x#",
         OnlyLine(m_sink, 10));
 }
 

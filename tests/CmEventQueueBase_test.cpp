@@ -246,7 +246,9 @@ TEST(CmEventQueueBase, NamesTheConsumer_WhenItReportsALongQueue) {
     Post(queue, log, 1, 100);
     clock.Set(1010);
     Post(queue, log, 101, 101);
-    EXPECT_EQ(1u, sink.count(" m_Tid=" + std::to_string(pthread_self()) + " this="));
+    EXPECT_EQ(
+        1u, sink.count(" m_Tid=" + std::to_string(reinterpret_cast<unsigned long>(pthread_self())) +
+                       " this="));
 }
 
 TEST(CmEventQueueBase, ReadsTheClockOnce_PerPost) {

@@ -20,20 +20,6 @@
 
 namespace UTIL_NS {
 
-// What the rest of the library uses here.
-int CmPortSemaphoreInit(CmPlatformSemaphore* aSemaphore, int aShared, unsigned aCount) {
-    return ::sem_init(aSemaphore, aShared, aCount);
-}
-int CmPortSemaphoreDestroy(CmPlatformSemaphore* aSemaphore) {
-    return ::sem_destroy(aSemaphore);
-}
-int CmPortSemaphoreWait(CmPlatformSemaphore* aSemaphore) {
-    return ::sem_wait(aSemaphore);
-}
-int CmPortSemaphorePost(CmPlatformSemaphore* aSemaphore) {
-    return ::sem_post(aSemaphore);
-}
-
 namespace {
 
 using kelto_test::EndProcess;

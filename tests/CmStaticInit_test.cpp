@@ -38,9 +38,12 @@ struct Found {
 };
 Found g_Found;
 
+void UseAtTheEnd();
+
 // Runs before any static object is constructed, those of a library that is linked into the
 // program included.
 __attribute__((constructor(101))) void UseBeforeMain() CM_NO_THREAD_SAFETY_ANALYSIS {
+    atexit(UseAtTheEnd);  // what was registered first is called last
     set_util_external_trace_sink(CountLine);
     g_Found.bRecursive = g_SingletonMutex.Lock() == CM_OK && g_SingletonMutex.Lock() == CM_OK &&
                          g_SingletonMutex.UnLock() == CM_OK && g_SingletonMutex.UnLock() == CM_OK;
@@ -100,7 +103,7 @@ __attribute__((init_priority(200))) HostThread g_HostThread;
 
 // Runs when all static objects of the program are gone, as threads may that nobody stopped. Those
 // of a library that is linked into it are gone, too, and the registry is empty.
-__attribute__((destructor)) void UseAtTheEnd() {
+void UseAtTheEnd() {
     ACmThread* pCurrent = getCurrentThread();
     if (pCurrent != nullptr && pCurrent != g_HostThread.pForgotten) {
         abort();

@@ -21,6 +21,7 @@
 #include "support/Faults.h"
 #include "support/Home.h"
 #include "support/LockCalls.h"
+#include "support/Platform.h"
 #include "support/TraceLibrary.h"
 #include "support/TraceSink.h"
 
@@ -587,7 +588,7 @@ bool RunsBesideABundle(const ScopedHome& aHome) {
     const std::string sPath = aHome.path() + "a/b/c/d/CmT120Trace_test";
     std::filesystem::create_directories(aHome.path() + "a/b/c/d");
     std::filesystem::create_directory(aHome.path() + "a/yrktrace.bundle");
-    std::filesystem::create_symlink(std::filesystem::read_symlink("/proc/self/exe"), sPath);
+    std::filesystem::create_symlink(kelto_test::PathOfThisProgram(), sPath);
     const std::string sFilter = std::string("--gtest_filter=CmT120Trace.") +
                                 testing::UnitTest::GetInstance()->current_test_info()->name();
     EXPECT_EQ(0, StatusOfChild([&] {

@@ -477,6 +477,15 @@ TEST(CmThread, LivesUntilItIsDestroyed_WhenADetachedUnknownTypeIsCreatedAgain) {
     EXPECT_TRUE(Eventually([&] { return life.deleted.load(); }));
 }
 
+int s_nDetachState = -1;
+
+// Keeps what state a thread is created in, which a running thread cannot be asked for everywhere.
+int CreateKeepingDetachState(pthread_t* aThread, const pthread_attr_t* aAttributes,
+                             void* (*aRoutine)(void*), void* aArgument) {
+    pthread_attr_getdetachstate(aAttributes, &s_nDetachState);
+    return pthread_create(aThread, aAttributes, aRoutine, aArgument);
+}
+
 TEST(CmThread, IsDetached_WhenTheLowBitsOfTheFlagAreTwo) {
     const struct {
         TFlag flag;
@@ -487,13 +496,13 @@ TEST(CmThread, IsDetached_WhenTheLowBitsOfTheFlagAreTwo) {
     for (const auto& row : rows) {
         Life life;
         BodyThread* pThread = new BodyThread(life);
-        ASSERT_EQ(CM_OK, pThread->Create(TYPE, row.flag, 1));
-        pthread_attr_t attributes;
-        int nState = -1;
-        ASSERT_EQ(0, pthread_getattr_np(pThread->GetThreadId(), &attributes));
-        pthread_attr_getdetachstate(&attributes, &nState);
-        pthread_attr_destroy(&attributes);
-        EXPECT_EQ(row.detached ? PTHREAD_CREATE_DETACHED : PTHREAD_CREATE_JOINABLE, nState)
+        s_nDetachState = -1;
+        {
+            const kelto_test::ScopedEntry<decltype(g_cmSystem.pthread_create)> entry(
+                g_cmSystem.pthread_create, &CreateKeepingDetachState);
+            ASSERT_EQ(CM_OK, pThread->Create(TYPE, row.flag, 1));
+        }
+        EXPECT_EQ(row.detached ? PTHREAD_CREATE_DETACHED : PTHREAD_CREATE_JOINABLE, s_nDetachState)
             << row.flag;
         const pthread_t tid = pThread->GetThreadId();
         life.released = true;
@@ -571,7 +580,9 @@ TEST(CmThread, CreateFails_WhenTheDetachStateCannotBeSet) {
 
 TEST(CmThread, CreateFails_WhenTheThreadCannotBeCreated) {
     ExpectCreateFails<&CCmSystemTable::pthread_create>(
-        EAGAIN, "UTIL ERROR: ACmThread::Create, pthread_create() failed! err=11 this=0x#");
+        EAGAIN,
+        "UTIL ERROR: ACmThread::Create, pthread_create() failed! "
+        "err=" ERRNO_TEXT(EAGAIN) " this=0x#");
 }
 
 std::atomic<int> g_nAttributes{0};

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <deque>
 #include <memory>
 #include <string>
 #include <vector>
@@ -32,6 +31,7 @@ constexpr long START = 1000000000;  // seconds
 // Keeps what is posted until the test runs it.
 class FakeEventQueue : public ICmEventQueue {
   public:
+    FakeEventQueue() { m_events.reserve(16); }  // before a test counts what is allocated
     CmResult PostEvent(ICmEvent* aEvent, EPriority aPri) override {
         m_priorities.push_back(aPri);
         if (CM_FAILED(m_rvNext)) {
@@ -47,14 +47,14 @@ class FakeEventQueue : public ICmEventQueue {
     void RunAll() {
         while (!m_events.empty()) {
             ICmEvent* pEvent = m_events.front();
-            m_events.pop_front();
+            m_events.erase(m_events.begin());
             EXPECT_EQ(CM_OK, pEvent->OnEventFire());
             pEvent->OnDestorySelf();
         }
     }
 
     CmResult m_rvNext = CM_OK;
-    std::deque<ICmEvent*> m_events;
+    std::vector<ICmEvent*> m_events;
     std::vector<EPriority> m_priorities;
 };
 
@@ -548,7 +548,7 @@ TEST_F(CmTimerQueueCalendar, Handler_AddsZeroTimerWhileTheyFire) {
     });
     Schedule(0, 0);
     ICmEvent* pEvent = m_events.m_events.front();
-    m_events.m_events.pop_front();
+    m_events.m_events.erase(m_events.m_events.begin());
     EXPECT_EQ(CM_OK, pEvent->OnEventFire());
     EXPECT_EQ((std::vector<int>{0, 1}), Ids(m_log));
     // The event posted meanwhile finds nothing left.
@@ -636,7 +636,6 @@ TEST_F(CmTimerQueueCalendar, DestructorDropsTimersSilently) {
         queue.CancelTimer(Handler(0));
         m_events.m_events.clear();
     }
-    m_events.m_events.shrink_to_fit();
     m_events.m_priorities.clear();
     m_events.m_priorities.shrink_to_fit();
     m_sink.clear();

@@ -6,6 +6,7 @@
 #include <pthread.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -187,7 +188,9 @@ TEST_F(Qtrace, Line_IsAppended) {
 
 TEST_F(Qtrace, Line_IsOneWrite) {
     int anPipe[2];
-    ASSERT_EQ(0, pipe2(anPipe, O_DIRECT));  // a read returns one write
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_DGRAM, 0, anPipe));  // a read returns one write
+    const int nRoom = 65536;
+    ASSERT_EQ(0, setsockopt(anPipe[1], SOL_SOCKET, SO_SNDBUF, &nRoom, sizeof(nRoom)));
     unsetenv("QTRACE_FILE");
     EXPECT_EQ(0, StatusOfChild([&] {
                   dup2(anPipe[1], STDERR_FILENO);

@@ -15,13 +15,14 @@
 #include "support/Eventually.h"
 #include "support/Faults.h"
 #include "support/Home.h"
+#include "support/Platform.h"
 #include "support/TraceSink.h"
 
 namespace UTIL_NS {
 namespace {
 
-long EntriesOf(const char* aDirectory) {
-    return std::distance(std::filesystem::directory_iterator(aDirectory),
+long Descriptors() {
+    return std::distance(std::filesystem::directory_iterator("/dev/fd"),
                          std::filesystem::directory_iterator());
 }
 
@@ -56,8 +57,8 @@ TEST(Resources, DescriptorsAndThreads_AreTheSameAfter100000Operations) {
     const std::string sTrace = home.path() + "trace";
     kelto_test::ScopedTraceSink sink;
     LiveAWorker();  // a sanitizer starts a thread of its own with the first one
-    const long lDescriptors = EntriesOf("/proc/self/fd");
-    const long lThreads = EntriesOf("/proc/self/task");
+    const long lDescriptors = Descriptors();
+    const long lThreads = kelto_test::ThreadsOfThisProcess();
     constexpr int OPERATIONS = 100000;
     for (int i = 0; i < OPERATIONS; ++i) {
         switch (i % 50) {
@@ -78,8 +79,9 @@ TEST(Resources, DescriptorsAndThreads_AreTheSameAfter100000Operations) {
                 ASSERT_EQ(42, get_int_param("s", "k"));
         }
     }
-    EXPECT_EQ(lDescriptors, EntriesOf("/proc/self/fd"));
-    EXPECT_TRUE(kelto_test::Eventually([&] { return EntriesOf("/proc/self/task") == lThreads; }));
+    EXPECT_EQ(lDescriptors, Descriptors());
+    EXPECT_TRUE(
+        kelto_test::Eventually([&] { return kelto_test::ThreadsOfThisProcess() == lThreads; }));
 }
 
 // What is kept for good is made once: the second time nothing more stays.

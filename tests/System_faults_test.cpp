@@ -325,8 +325,8 @@ TEST(SystemFaults, MutexCalls_FailWithTheirResultAndLine) {
          "UTIL ERROR: CCmMutexThreadRecursive::CCmMutexThreadRecursive, pthread_mutex_init() "
          "failed! err=22 this=0x#"},
         {"init EAGAIN", Returned<&T::pthread_mutex_init>(EAGAIN), MakeThing<CCmMutexThread>, 0, 0,
-         "UTIL ERROR: CCmMutexThread::CCmMutexThread, pthread_mutex_init() failed! err=11 "
-         "this=0x#"},
+         "UTIL ERROR: CCmMutexThread::CCmMutexThread, pthread_mutex_init() failed! "
+         "err=" ERRNO_TEXT(EAGAIN) " this=0x#"},
         {"init EPERM", Returned<&T::pthread_mutex_init>(EPERM), MakeThing<CCmMutexThreadRecursive>,
          0, 0,
          "UTIL ERROR: CCmMutexThreadRecursive::CCmMutexThreadRecursive, pthread_mutex_init() "
@@ -354,7 +354,8 @@ TEST(SystemFaults, ConditionAndSemaphoreCalls_FailWithTheirResultAndLine) {
          "this=0x#"},
         {"init EAGAIN", Returned<&T::pthread_cond_init>(EAGAIN), MakeCondition, 0, 0,
          "UTIL WARNING: CCmConditionVariableThread::CCmConditionVariableThread, "
-         "pthread_cond_init() failed! err=11 this=0x#"},
+         "pthread_cond_init() failed! "
+         "err=" ERRNO_TEXT(EAGAIN) " this=0x#"},
         {"init ENOMEM", Returned<&T::pthread_cond_init>(ENOMEM), MakeCondition, 0, 0,
          "UTIL WARNING: CCmConditionVariableThread::CCmConditionVariableThread, "
          "pthread_cond_init() failed! err=12 this=0x#"},
@@ -380,7 +381,8 @@ TEST(SystemFaults, ConditionAndSemaphoreCalls_FailWithTheirResultAndLine) {
         {"sem_init ENOSPC", Fault<&T::sem_init>(ENOSPC, -1), MakeSemaphore, 0, 0,
          "UTIL WARNING: CCmSemaphore::CCmSemaphore, sem_init() failed! err=28 this=0x#"},
         {"sem_init ENOSYS", Fault<&T::sem_init>(ENOSYS, -1), MakeSemaphore, 0, 0,
-         "UTIL WARNING: CCmSemaphore::CCmSemaphore, sem_init() failed! err=38 this=0x#"},
+         "UTIL WARNING: CCmSemaphore::CCmSemaphore, sem_init() failed! "
+         "err=" ERRNO_TEXT(ENOSYS) " this=0x#"},
         {"sem_destroy EINVAL", Fault<&T::sem_destroy>(EINVAL, -1), MakeSemaphore, 0, 0,
          "UTIL WARNING: CCmSemaphore::~CCmSemaphore, sem_destroy() failed! err=22 this=0x#"},
         {"sem_wait EINTR", Fault<&T::sem_wait>(EINTR, -1), WaitForSemaphore, 0, FAILURE,
@@ -388,7 +390,8 @@ TEST(SystemFaults, ConditionAndSemaphoreCalls_FailWithTheirResultAndLine) {
         {"sem_wait EINVAL", Fault<&T::sem_wait>(EINVAL, -1), WaitForSemaphore, 0, FAILURE,
          "UTIL WARNING: CCmSemaphore::Lock, sem_wait() failed! err=22 this=0x#"},
         {"sem_post EOVERFLOW", Fault<&T::sem_post>(EOVERFLOW, -1), PostSemaphore, 0, FAILURE,
-         "UTIL WARNING: CCmSemaphore::UnLock, sem_post() failed! err=75 this=0x#"},
+         "UTIL WARNING: CCmSemaphore::UnLock, sem_post() failed! "
+         "err=" ERRNO_TEXT(EOVERFLOW) " this=0x#"},
         {"sem_post EINVAL", Fault<&T::sem_post>(EINVAL, -1), PostSemaphore, 0, FAILURE,
          "UTIL WARNING: CCmSemaphore::UnLock, sem_post() failed! err=22 this=0x#"},
     });
@@ -404,7 +407,8 @@ TEST(SystemFaults, ThreadCalls_FailWithTheirResultAndLine) {
          UNEXPECTED,
          "UTIL ERROR: ACmThread::Create, pthread_attr_setdetachstate() failed! err=22 this=0x#"},
         {"create EAGAIN", Returned<&T::pthread_create>(EAGAIN), LiveAWorker, 0, UNEXPECTED,
-         "UTIL ERROR: ACmThread::Create, pthread_create() failed! err=11 this=0x#"},
+         "UTIL ERROR: ACmThread::Create, pthread_create() failed! "
+         "err=" ERRNO_TEXT(EAGAIN) " this=0x#"},
         {"create EPERM", Returned<&T::pthread_create>(EPERM), LiveAWorker, 0, UNEXPECTED,
          "UTIL ERROR: ACmThread::Create, pthread_create() failed! err=1 this=0x#"},
         {"attributes destroy EINVAL",
@@ -415,7 +419,8 @@ TEST(SystemFaults, ThreadCalls_FailWithTheirResultAndLine) {
         {"join EINVAL", Returned<&T::pthread_join>(EINVAL), JoinAThread, 0, CM_ERROR_FAILURE,
          "UTIL ERROR: ACmThread::Join, pthread_join() failed! err=22 this=0x#"},
         {"join EDEADLK", Returned<&T::pthread_join>(EDEADLK), JoinAThread, 0, CM_ERROR_FAILURE,
-         "UTIL ERROR: ACmThread::Join, pthread_join() failed! err=35 this=0x#"},
+         "UTIL ERROR: ACmThread::Join, pthread_join() failed! "
+         "err=" ERRNO_TEXT(EDEADLK) " this=0x#"},
         {"cancel ESRCH", Returned<&T::pthread_cancel>(ESRCH), CancelAThread, 0, ESRCH, NO_LINE},
         {"sleep EINVAL", Fault<&T::nanosleep>(EINVAL, -1), Sleep, 0, 0,
          "UTIL WARNING: ::SleepMs,nanosleep() failed! err=22"},

@@ -9,6 +9,11 @@
 
 #include "port/CmSystem.h"
 
+// The number of an error as text, to stand in the literal of an expected line; which number it is
+// differs between systems.
+#define ERRNO_TEXT(aError) ERRNO_TEXT_OF(aError)
+#define ERRNO_TEXT_OF(aNumber) #aNumber
+
 namespace kelto_test {
 
 enum class Failing { ONCE, FROM_THERE_ON };

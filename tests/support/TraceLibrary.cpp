@@ -25,8 +25,8 @@ struct State {
     bool testCancel = false;
 };
 
-std::mutex g_mutex;
 // Never destroyed: lines may come while the program ends.
+std::mutex& g_mutex = *new std::mutex;
 State& g_state = *new State;
 
 }  // namespace

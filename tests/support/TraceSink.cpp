@@ -7,8 +7,9 @@ namespace kelto_test {
 
 namespace {
 
-std::mutex g_mutex;
-std::vector<TraceLine> g_lines;
+// Never destroyed: lines may come while the program ends.
+std::mutex& g_mutex = *new std::mutex;
+std::vector<TraceLine>& g_lines = *new std::vector<TraceLine>;
 
 void Capture(unsigned long aLevel, const char* aText, unsigned int aLength) {
     std::lock_guard<std::mutex> lock(g_mutex);

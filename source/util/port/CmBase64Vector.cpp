@@ -11,6 +11,8 @@
 
 #include <cstring>
 
+#include "CmCpu.h"
+
 namespace UTIL_NS {
 
 namespace {
@@ -177,17 +179,17 @@ CM_AVX2 size_t CmBase64DecodeAvx2(const unsigned char* aIn, size_t aLen, unsigne
 }
 
 size_t CmBase64EncodeByVector(const unsigned char* aIn, size_t aLen, char* aOut) {
-    if (__builtin_cpu_supports("avx2")) {
+    if (CmCpuHas(CM_CPU_AVX2)) {
         return CmBase64EncodeAvx2(aIn, aLen, aOut);
     }
-    return __builtin_cpu_supports("ssse3") ? CmBase64EncodeSsse3(aIn, aLen, aOut) : 0;
+    return CmCpuHas(CM_CPU_SSSE3) ? CmBase64EncodeSsse3(aIn, aLen, aOut) : 0;
 }
 
 size_t CmBase64DecodeByVector(const unsigned char* aIn, size_t aLen, unsigned char* aOut) {
-    if (aLen >= 2 * LANE_TEXT && __builtin_cpu_supports("avx2")) {
+    if (aLen >= 2 * LANE_TEXT && CmCpuHas(CM_CPU_AVX2)) {
         return CmBase64DecodeAvx2(aIn, aLen, aOut);
     }
-    return __builtin_cpu_supports("ssse3") ? CmBase64DecodeSsse3(aIn, aLen, aOut) : 0;
+    return CmCpuHas(CM_CPU_SSSE3) ? CmBase64DecodeSsse3(aIn, aLen, aOut) : 0;
 }
 
 }  // namespace UTIL_NS

@@ -13,6 +13,8 @@
 
 #include <cstring>
 
+#include "CmCpu.h"
+
 namespace UTIL_NS {
 
 namespace {
@@ -158,7 +160,7 @@ CM_TARGET CM_INLINE uint16_t Remainder(__m128i aSum) {
 }
 
 bool HasWideMultiply() {
-    return __builtin_cpu_supports("vpclmulqdq") && __builtin_cpu_supports("avx2");
+    return CmCpuHas(CM_CPU_VPCLMULQDQ | CM_CPU_AVX2);
 }
 
 // The 16 bytes from n on, as a shuffle, move the first n bytes of a block to its end and put zeros
@@ -208,7 +210,7 @@ CM_TARGET CM_INLINE uint16_t ByMultiply(uint16_t aCrc, const unsigned char* aDat
 }  // namespace
 
 bool CmHasCarrylessMultiply() {
-    return __builtin_cpu_supports("pclmul") && __builtin_cpu_supports("ssse3");
+    return CmCpuHas(CM_CPU_PCLMUL | CM_CPU_SSSE3);
 }
 
 CM_TARGET uint16_t CmCrc16ByMultiply(uint16_t aCrc, const unsigned char* aData, size_t aLength) {

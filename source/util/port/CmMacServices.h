@@ -5,6 +5,8 @@
 #ifndef CM_MAC_SERVICES_H
 #define CM_MAC_SERVICES_H
 
+#include <stddef.h>
+
 #if __has_include(<ApplicationServices/ApplicationServices.h>)
 
 #include <ApplicationServices/ApplicationServices.h>
@@ -110,5 +112,30 @@ OSErr GetProcessInformation(const ProcessSerialNumber* aProcess, ProcessInfoRec*
 }  // extern "C"
 
 #endif
+
+// What the library was built to, wherever the declarations come from.
+static_assert(sizeof(FSRef) == 80, "a file reference");
+static_assert(sizeof(HFSUniStr255) == 512 && offsetof(HFSUniStr255, unicode) == 2,
+              "a catalog name");
+static_assert(sizeof(LSItemInfoRecord) == 20 && offsetof(LSItemInfoRecord, flags) == 0 &&
+                  offsetof(LSItemInfoRecord, filetype) == 4 &&
+                  offsetof(LSItemInfoRecord, creator) == 8 &&
+                  offsetof(LSItemInfoRecord, extension) == 12,
+              "the item information's record");
+static_assert(sizeof(ProcessInfoRec) == 72 && offsetof(ProcessInfoRec, processInfoLength) == 0 &&
+                  offsetof(ProcessInfoRec, processName) == 4 &&
+                  offsetof(ProcessInfoRec, processNumber) == 12 &&
+                  offsetof(ProcessInfoRec, processType) == 20 &&
+                  offsetof(ProcessInfoRec, processSignature) == 24 &&
+                  offsetof(ProcessInfoRec, processMode) == 28 &&
+                  offsetof(ProcessInfoRec, processLocation) == 32 &&
+                  offsetof(ProcessInfoRec, processSize) == 40 &&
+                  offsetof(ProcessInfoRec, processFreeMem) == 44 &&
+                  offsetof(ProcessInfoRec, processLauncher) == 48 &&
+                  offsetof(ProcessInfoRec, processLaunchDate) == 56 &&
+                  offsetof(ProcessInfoRec, processActiveTime) == 60 &&
+                  offsetof(ProcessInfoRec, processAppRef) == 64,
+              "the process information's record");
+static_assert(kLSRequestExtension == 1, "the flag that asks for the extension");
 
 #endif  // CM_MAC_SERVICES_H

@@ -20,7 +20,6 @@ namespace UTIL_NS {
 
 namespace {
 
-static_assert(sizeof(ProcessInfoRec) == 72, "the record length that the service expects");
 static_assert(CM_PORT_NAME_UNITS == sizeof(HFSUniStr255::unicode) / sizeof(UniChar),
               "a catalog name must fit");
 

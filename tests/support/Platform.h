@@ -1,0 +1,16 @@
+// What tests ask the system in a way of its own; PlatformLinux.cpp and PlatformMac.cpp answer.
+#ifndef TESTS_SUPPORT_PLATFORM_H
+#define TESTS_SUPPORT_PLATFORM_H
+
+#include <string>
+
+namespace kelto_test {
+
+// The file that this process runs.
+std::string PathOfThisProgram();
+// The threads that live now, the calling one included.
+long ThreadsOfThisProcess();
+
+}  // namespace kelto_test
+
+#endif  // TESTS_SUPPORT_PLATFORM_H
