@@ -57,7 +57,6 @@ void CCmTimerWrapperID::OnTimeout(const CCmTimeValue& /*aCurTime*/, void* aArg) 
 CM_CONSTANT_INIT std::atomic<int> low_tick_policy::low_tick_generator::m_InitTimerSucc{1};
 CM_CONSTANT_INIT std::atomic<low_tick_policy::low_tick_generator*>
     low_tick_policy::low_tick_generator::pInstance{nullptr};
-CM_CONSTANT_INIT CCmMutexThread low_tick_policy::low_tick_generator::mutex{CCmStaticInit()};
 
 low_tick_policy::low_tick_generator::low_tick_generator() : m_llLastTick(now()) {}
 
