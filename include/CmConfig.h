@@ -34,8 +34,8 @@ extern CM_UTIL_EXPORT char g_def_kelto_home_dir[CM_HOME_DIR_SIZE];  // "/tmp/"
 constexpr int CM_CUR_ENV_SIZE = 512;
 extern CM_UTIL_EXPORT char g_cur_env[CM_CUR_ENV_SIZE];  // "KELTO_MMP_HOME"
 
-// File names below home + "conf/". A look-up made while the program ends, after they are destroyed,
-// still reads the main configuration file that was named last.
+// File names below home + "conf/". They do not end: a look-up made while the program ends reads the
+// main configuration file that was named last.
 extern CM_UTIL_EXPORT CCmString g_kelto_config_file_name;     // "kelto.cfg"
 extern CM_UTIL_EXPORT CCmString g_rabbitmq_config_file_name;  // "rabbitmq-config.xml", for hosts
 

@@ -24,7 +24,7 @@ CM_UTIL_EXPORT void CM_Base64Encode(const void* aIn, unsigned long aLen, UTIL_NS
 CM_UTIL_EXPORT void CM_Base64Decode(const char* aIn, UTIL_NS::CCmString& aOut);
 
 // The last place in aStr where aSub occurs, without regard to the case of ASCII letters; null
-// when it does not occur or when either is null or empty.
+// when it does not occur or when either is null or empty. Takes time linear in both lengths.
 CM_UTIL_EXPORT char* CM_strcaserstr(char* aStr, const char* aSub);
 
 }  // extern "C"
@@ -44,10 +44,12 @@ CM_UTIL_EXPORT unsigned long xbase64_calc_encode_buf_size(unsigned char* aIn, un
 CM_UTIL_EXPORT long xbase64_encode(unsigned char* aIn, unsigned long aLen, unsigned char* aOut,
                                    unsigned long aOutSize);
 
-// Decodes aLen / 4 whole groups from aIn to aOut and returns how many bytes it wrote. "==" at the
-// end of a group leaves one byte of it and "=" two, also in the middle of the text, where
-// decoding goes on behind. Any other character outside the alphabet counts as 'A'. aOutSize is
-// not consulted: aOut must hold the result; 3 bytes for each group always do.
+// Decodes aLen / 4 whole groups from aIn to aOut and returns how many bytes they gave. aOut must
+// have room for 3 bytes for every 4 characters, since every group writes three: "=" as its third
+// character leaves one of them, and the other two are 0; "=" as its fourth alone leaves two, and
+// the last one is what the table gives. That holds in the middle of the text, too, where the next
+// group overwrites what is not left. Any other character outside the alphabet counts as 'A'.
+// aOutSize is not consulted.
 CM_UTIL_EXPORT unsigned long xbase64_decode(unsigned char* aIn, unsigned long aLen,
                                             unsigned char* aOut, unsigned long aOutSize);
 

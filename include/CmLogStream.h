@@ -74,7 +74,7 @@ class CM_UTIL_EXPORT logstream<char> : public std::basic_ostringstream<char> {
 
 }  // namespace ccu
 
-// The "C" locale and its character conversion facet.
+// The "C" locale and its character conversion facet. Neither of the two ends.
 extern CM_UTIL_EXPORT const std::locale ccuLoc;
 extern CM_UTIL_EXPORT const std::codecvt<wchar_t, char, std::mbstate_t>& ccuCvter;
 

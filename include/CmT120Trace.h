@@ -17,6 +17,7 @@
 #include <sys/types.h>
 
 #include <atomic>
+#include <cstddef>
 #include <functional>
 #include <set>
 
@@ -80,7 +81,9 @@ class CM_UTIL_EXPORT CCmT120Trace {
         Text_Formator& operator<<(unsigned int aValue);
         Text_Formator& operator<<(long aValue);
         Text_Formator& operator<<(unsigned long aValue);
-        // Always decimal, by xtoa_yrk (so 0 prints as -0); leaves the hex flag as it is.
+        Text_Formator& operator<<(unsigned long long aValue);
+        // Always decimal, by xtoa_yrk (so 0 prints as -0); leaves the hex flag as it is. On macOS
+        // an int64_t is a long long and prints so, on Linux it is a long.
         Text_Formator& operator<<(long long aValue);
         // "%f"; leaves the hex flag as it is.
         Text_Formator& operator<<(float aValue);
@@ -90,6 +93,8 @@ class CM_UTIL_EXPORT CCmT120Trace {
         Text_Formator& operator<<(CCmString const& aText);
         // "0x" and the address in hexadecimal; clears the hex flag.
         Text_Formator& operator<<(void* aPointer);
+        Text_Formator& operator<<(const void* aPointer);
+        Text_Formator& operator<<(std::nullptr_t);
         Text_Formator& operator<<(Ordix aOrdix);
 
       private:

@@ -133,7 +133,7 @@ class CM_UTIL_EXPORT ACmThread {
     std::atomic<bool> m_bOneEndCame;  // of a detached thread's object
 };
 
-// The registered thread objects in the order of registration.
+// The registered thread objects in the order of registration. Neither of the two ends.
 extern CM_UTIL_EXPORT CCmMutexThread g_thread_Mutex;
 extern CM_UTIL_EXPORT std::list<ACmThread*> g_threadList CM_GUARDED_BY(g_thread_Mutex);
 

@@ -51,17 +51,21 @@ class CM_UTIL_EXPORT CCmCleanUpBase {
     // Deletes the object.
     virtual void CleanUp();
 
-    // Destroys every registered object, the most recently registered first, under the singleton
-    // mutex: a destructor may create or look up singletons but must not wait for a thread that
-    // needs that mutex. What a destructor creates is destroyed in the same call, so two
-    // destructors must not go on creating each other's object. For the host to call at shutdown.
+    // Destroys the objects that are registered when it is called, the most recently registered
+    // first, in a time linear in their number. The singleton mutex is held throughout: a destructor
+    // may create or look up singletons, also its own, but must not wait for a thread that needs
+    // that mutex. What a destructor creates stays registered for a next call; one that is made from
+    // a destructor handles only that. An object of the call that others delete meanwhile leaves
+    // the registry. For the host to call at shutdown.
     static void CleanupAll();
 
   protected:
     CCmCleanUpBase();
 
   private:
-    CCmCleanUpBase* m_pNext;
+    friend struct CCmCleanUpWalk;
+
+    CCmCleanUpBase* m_pNext;           // itself once CleanupAll has taken it off the registry
     static CCmCleanUpBase* s_pHeader;  // guarded by g_SingletonMutex
 };
 

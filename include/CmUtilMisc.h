@@ -10,9 +10,9 @@
 
 namespace UTIL_NS {
 
-// Serialises the creation of singletons and the clean-up registry. Static objects of a host may
-// use it from the first constructor on, and at exit until the library's own static objects are
-// destroyed, which for the shared library is behind the host's.
+// Serialises the creation of singletons and the clean-up registry. It is ready before the first
+// constructor of a static object runs and does not end: static objects of a host may use it, and
+// CleanupAll, wherever they are constructed and destroyed.
 extern CM_UTIL_EXPORT CCmMutexThreadRecursive g_SingletonMutex;
 
 class CCmMessageBlock;

@@ -1,6 +1,8 @@
 #include "CmEncoding.h"
 
 #include <gtest/gtest.h>
+#include <strings.h>
+#include <time.h>
 
 #include <cstring>
 #include <memory>
@@ -55,18 +57,13 @@ CCmString XEncoded(const CCmString& aBytes) {
     return CCmString(out.begin(), out.end());
 }
 
-// The first aRoom bytes must be enough for what is decoded.
-CCmString XDecoded(const CCmString& aText, size_t aRoom) {
+CCmString XDecoded(const CCmString& aText) {
     xbase64_init_decode_table();
     std::vector<unsigned char> in(aText.begin(), aText.end());
-    std::vector<unsigned char> out(aRoom);
+    std::vector<unsigned char> out(aText.size() / 4 * 3);
     const unsigned long ulLength = xbase64_decode(in.data(), in.size(), out.data(), 0);
     EXPECT_LE(ulLength, out.size());
     return CCmString(out.begin(), out.begin() + static_cast<long>(ulLength));
-}
-
-CCmString XDecoded(const CCmString& aText) {
-    return XDecoded(aText, aText.size() / 4 * 3);
 }
 
 CCmString RandomBytes(size_t aLength, unsigned aSeed) {
@@ -111,7 +108,7 @@ TEST(CmBase64Both, RoundTripEveryLength) {
         ASSERT_EQ(strText.size(), (nLength + 2) / 3 * 4);
         ASSERT_EQ(Decoded(strText.c_str()), strBytes) << nLength;
         // Room for the result alone: nothing is written behind it.
-        ASSERT_EQ(XDecoded(strText, nLength), strBytes) << nLength;
+        ASSERT_EQ(XDecoded(strText), strBytes) << nLength;
     }
 }
 
@@ -121,7 +118,7 @@ TEST(CmBase64Both, RoundTripLongTexts) {
         const CCmString strText = Encoded(strBytes);
         ASSERT_EQ(strText, XEncoded(strBytes));
         ASSERT_EQ(Decoded(strText.c_str()), strBytes) << nLength;
-        ASSERT_EQ(XDecoded(strText, nLength), strBytes) << nLength;
+        ASSERT_EQ(XDecoded(strText), strBytes) << nLength;
     }
 }
 
@@ -377,6 +374,33 @@ TEST(CmBase64Buffer, DecodesAsStated_WithEveryByteAtEveryOffset) {
     }
 }
 
+// Hosts read the result as C text.
+TEST(CmBase64Buffer, WritesThreeBytesForEveryGroup) {
+    struct Row {
+        const char* text;
+        unsigned long kept;
+        unsigned char written[7];
+        const char* reason;
+    };
+    const Row ROWS[] = {
+        {"aA==", 1, {'h', 0, 0, 0xEE, 0xEE, 0xEE, 0xEE}, "zeros after one byte"},
+        {"aG=q", 1, {'h', 0, 0, 0xEE, 0xEE, 0xEE, 0xEE}, "the third character decides"},
+        {"aGk=", 2, {'h', 'i', 0, 0xEE, 0xEE, 0xEE, 0xEE}, "the last bits of k are 0"},
+        {"aGl=", 2, {'h', 'i', 0x40, 0xEE, 0xEE, 0xEE, 0xEE}, "what the table gives"},
+        {"aGlqaA==", 4, {'h', 'i', 'j', 'h', 0, 0, 0xEE}, "the last of two groups"},
+        {"aA==aGk=", 3, {'h', 'h', 'i', 0, 0xEE, 0xEE, 0xEE}, "the next group overwrites"},
+    };
+    xbase64_init_decode_table();
+    for (const Row& row : ROWS) {
+        CCmString strIn = row.text;
+        unsigned char abOut[7];
+        memset(abOut, 0xEE, sizeof(abOut));
+        EXPECT_EQ(row.kept, xbase64_decode(reinterpret_cast<unsigned char*>(&strIn[0]),
+                                           strIn.size(), abOut, sizeof(abOut)));
+        EXPECT_EQ(0, memcmp(abOut, row.written, sizeof(abOut))) << row.text << ": " << row.reason;
+    }
+}
+
 TEST(CmBase64Buffer, DecodesAsStated_WithRandomBytes) {
     for (unsigned nSeed = 0; nSeed < 50; ++nSeed) {
         const CCmString strBytes = RandomBytes(1000 + nSeed, nSeed);
@@ -490,6 +514,64 @@ TEST(CmStrCaseRStr, FindsTheLastPlace) {
 TEST(CmStrCaseRStr, FindsOverlappingPlace) {
     char achText[] = "aaaa";
     EXPECT_EQ(CM_strcaserstr(achText, "aa"), achText + 2);
+}
+
+// The search as it is stated.
+char* StatedSearch(char* aStr, const char* aSub) {
+    const size_t nStr = strlen(aStr);
+    const size_t nSub = strlen(aSub);
+    for (size_t nAt = nStr + 1; nSub > 0 && nAt > nSub; --nAt) {
+        if (strncasecmp(aStr + (nAt - 1 - nSub), aSub, nSub) == 0) {
+            return aStr + (nAt - 1 - nSub);
+        }
+    }
+    return nullptr;
+}
+
+TEST(CmStrCaseRStr, FindsWhatTheStatedSearchFinds) {
+    std::mt19937 random(4711);
+    unsigned dwFound = 0;
+    for (int i = 0; i < 200000; ++i) {
+        const char* pszLetters = i % 2 == 0 ? "abAB" : "aA";
+        CCmString strText(random() % 40, ' ');
+        for (char& ch : strText) {
+            ch = pszLetters[random() % strlen(pszLetters)];
+        }
+        CCmString strSub(random() % 8 + (i % 3 == 0 ? 8 : 0), ' ');
+        for (char& ch : strSub) {
+            ch = pszLetters[random() % strlen(pszLetters)];
+        }
+        char* pExpected = StatedSearch(&strText[0], strSub.c_str());
+        dwFound += pExpected != nullptr ? 1 : 0;
+        ASSERT_EQ(pExpected, CM_strcaserstr(&strText[0], strSub.c_str()))
+            << strText << " / " << strSub;
+    }
+    EXPECT_LT(50000u, dwFound);
+}
+
+double CpuSeconds() {
+    timespec now = {};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
+}
+
+TEST(CmStrCaseRStr, TakesLinearTime_WhenTheTextIsHostile) {
+    CCmString strText(300000, 'a');
+    const size_t nSub = 100000;
+    const CCmString strRepeated(nSub - 1, 'A');
+    CCmString strPeriodic;
+    while (strPeriodic.size() < nSub) {
+        strPeriodic += "aaaaaaab";
+    }
+    const double dStart = CpuSeconds();
+    EXPECT_EQ(nullptr, CM_strcaserstr(&strText[0], (strRepeated + "b").c_str()));
+    EXPECT_EQ(nullptr, CM_strcaserstr(&strText[0], ("b" + strRepeated).c_str()));
+    EXPECT_EQ(nullptr, CM_strcaserstr(&strText[0], (strRepeated + "b" + strRepeated).c_str()));
+    EXPECT_EQ(nullptr, CM_strcaserstr(&strText[0], strPeriodic.c_str()));
+    strText[150000] = 'b';
+    EXPECT_EQ(&strText[150001] - nSub, CM_strcaserstr(&strText[0], (strRepeated + "B").c_str()));
+    // A search that starts anew at every place takes 20 seconds and more.
+    EXPECT_GT(5, CpuSeconds() - dStart);
 }
 
 TEST(CmStrCaseRStr, GivesNull_WhenThereIsNone) {

@@ -1,6 +1,9 @@
 #include "CmHttpUrl.h"
 
 #include <gtest/gtest.h>
+#include <time.h>
+
+#include <random>
 
 #include "CmT120Trace.h"
 #include "support/Faults.h"
@@ -454,6 +457,61 @@ TEST(CmReplaceCaseMatch, ReplacesExactMatches) {
         replaceCaseMatch(row.text, row.from, row.to, strResult);
         EXPECT_EQ(strResult, row.result) << row.reason;
     }
+}
+
+// The replacement by a search that starts anew at every place.
+CCmString StatedReplacement(const CCmString& aText, const CCmString& aFrom, const CCmString& aTo) {
+    CCmString strResult;
+    size_t nStart = 0;
+    for (size_t nFound = aText.find(aFrom); !aFrom.empty() && nFound != CCmString::npos;
+         nFound = aText.find(aFrom, nStart)) {
+        strResult.append(aText, nStart, nFound - nStart).append(aTo);
+        nStart = nFound + aFrom.size();
+    }
+    return strResult.append(aText, nStart);
+}
+
+TEST(CmReplaceCaseMatch, ReplacesWhatTheStatedSearchFinds) {
+    std::mt19937 random(4711);
+    const auto text = [&random](size_t aLength, unsigned aLetters) {
+        CCmString strText(aLength, ' ');
+        for (char& ch : strText) {
+            ch = static_cast<char>('a' + random() % aLetters);
+        }
+        return strText;
+    };
+    unsigned dwReplaced = 0;
+    for (int i = 0; i < 200000; ++i) {
+        const unsigned dwLetters = i % 3 + 1;
+        const CCmString strText = text(random() % 60, dwLetters);
+        const CCmString strFrom = text(random() % 10, dwLetters);
+        const CCmString strExpected = StatedReplacement(strText, strFrom, "<>");
+        dwReplaced += strExpected != strText ? 1 : 0;
+        CCmString strResult;
+        replaceCaseMatch(strText.c_str(), strFrom, "<>", strResult);
+        ASSERT_EQ(strExpected, strResult) << strText << " / " << strFrom;
+    }
+    EXPECT_LT(50000u, dwReplaced);
+}
+
+TEST(CmReplaceCaseMatch, TakesLinearTime_WhenTheTextIsHostile) {
+    const CCmString strText(2000000, 'a');
+    const CCmString strRepeated(500000, 'a');
+    timespec before = {};
+    timespec after = {};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &before);
+    for (const CCmString& strFrom :
+         {strRepeated + "b", "b" + strRepeated, strRepeated + "b" + strRepeated}) {
+        CCmString strResult;
+        replaceCaseMatch(strText.c_str(), strFrom, "x", strResult);
+        EXPECT_TRUE(strResult == strText);
+    }
+    CCmString strResult;
+    replaceCaseMatch(strText.c_str(), strRepeated, "x", strResult);
+    EXPECT_EQ("xxxx", strResult);
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &after);
+    // A search that starts anew at every place takes 20 seconds and more.
+    EXPECT_GT(5, after.tv_sec - before.tv_sec);
 }
 
 TEST(CmReplaceCaseMatch, Appends_WhenResultIsNotEmpty) {

@@ -2,6 +2,7 @@
 
 #include <climits>
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
 #include <limits>
 #include <random>
@@ -152,6 +153,20 @@ TEST_F(CmTextFormator, Hex_IsLeftByTextAndFractions) {
     EXPECT_EQ(1, m_formator.get_hex_flag());
 }
 
+TEST_F(CmTextFormator, UnsignedLongLong_PrintsAsUnsignedLong) {
+    m_formator << 0ULL << " " << ULLONG_MAX << " " << HEX << ULLONG_MAX << " " << 255ULL << " "
+               << HEX << 0ULL;
+    EXPECT_EQ("0 18446744073709551615 ffffffffffffffff 255 0", Text());
+    m_formator << HEX << 1ULL;
+    EXPECT_EQ(0, m_formator.get_hex_flag());
+}
+
+// Whatever the platform takes them for.
+TEST_F(CmTextFormator, FixedWidths_ArePrinted) {
+    m_formator << UINT64_C(18446744073709551615) << " " << INT64_C(-5) << " " << UINT32_C(7);
+    EXPECT_EQ("18446744073709551615 -5 7", Text());
+}
+
 TEST_F(CmTextFormator, LongLong_IgnoresAndKeepsTheHexFlag) {
     m_formator << HEX << 255LL << " " << 255;
     EXPECT_EQ("255 ff", Text());
@@ -213,6 +228,23 @@ TEST_F(CmTextFormator, Pointer_PrintsInHexadecimal) {
     m_formator << HEX << static_cast<void*>(nullptr);
     EXPECT_EQ("0x0", Text());
     EXPECT_EQ(0, m_formator.get_hex_flag());
+}
+
+TEST_F(CmTextFormator, Pointer_MayBeConstOrNull) {
+    int nObject = 0;
+    int* const pObject = &nObject;
+    m_formator << HEX << static_cast<void*>(pObject);
+    const std::string sAddress = Text();
+    m_formator.reset();
+    m_formator << HEX << static_cast<const void*>(pObject);
+    EXPECT_EQ(sAddress, Text());
+    EXPECT_EQ(0, m_formator.get_hex_flag());
+    m_formator.reset();
+    m_formator << pObject << static_cast<const int*>(pObject);
+    EXPECT_EQ(sAddress + sAddress, Text());
+    m_formator.reset();
+    m_formator << HEX << nullptr << " " << 16;
+    EXPECT_EQ("0x0 16", Text());
 }
 
 TEST_F(CmTextFormator, Append_KeepsTheLast96BytesFree) {

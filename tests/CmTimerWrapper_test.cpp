@@ -433,6 +433,39 @@ TEST(CmLowTick, ThreadsMeetOneInstance) {
               }));
 }
 
+// Its constructor runs with the singleton mutex held.
+struct AsksForTheTime {
+    AsksForTheTime() : m_llTime(low_tick_policy::now()) {}
+    long long m_llTime;
+};
+
+TEST(CmLowTick, FirstUse_DoesNotWaitForTheSingletonMutex_WithItsOwnHeld) {
+    EXPECT_EQ(0, InChild([]() CM_NO_THREAD_SAFETY_ANALYSIS {
+                  ScopedTraceSink sink;
+                  alarm(20);  // ends a child whose threads lock each other out
+                  g_SingletonMutex.Lock();
+                  std::thread first([] { Generator::instance(); });
+                  // Time for the first to come to the singleton mutex.
+                  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+                  AsksForTheTime* pHost = CCmSingletonT<AsksForTheTime>::Instance();
+                  g_SingletonMutex.UnLock();
+                  first.join();
+                  return pHost != nullptr && sink.lines().size() == 1;
+              }));
+}
+
+void AskForTheTime(unsigned long, const char*, unsigned int) {
+    low_tick_policy::now();
+}
+
+TEST(CmLowTick, FirstUse_MayBeTracedToASinkThatAsksForTheTime) {
+    EXPECT_EQ(0, InChild([] {
+                  alarm(20);
+                  set_util_external_trace_sink(&AskForTheTime);
+                  return Generator::instance() != nullptr && Generator::m_InitTimerSucc == 0;
+              }));
+}
+
 TEST(CmLowTick, LargestValueIsThatOfSixtyFourBits) {
     EXPECT_EQ(0x7FFFFFFFFFFFFFFF, low_tick_policy::max_time_value());
 }

@@ -1,6 +1,7 @@
 #include "CmUtilClasses.h"
 
 #include <gtest/gtest.h>
+#include <time.h>
 
 #include <stdexcept>
 #include <string>
@@ -24,6 +25,8 @@ class Registered : public CCmCleanUpBase {
   private:
     const char m_chLetter;
 };
+
+class Quiet : public CCmCleanUpBase {};
 
 class ThrowsWhenConstructed : public CCmCleanUpBase {
   public:
@@ -70,12 +73,139 @@ TEST_F(CmCleanUpBase, CleanupAll_DestroysOnce) {
     EXPECT_EQ("a", g_sEnded);
 }
 
-TEST_F(CmCleanUpBase, CleanupAll_DestroysWhatADestructorRegisters) {
+TEST_F(CmCleanUpBase, CleanupAll_LeavesWhatADestructorRegistersToTheNextCall) {
     new Registered('a');
     new RegistersWhenDestroyed;
     new Registered('b');
     CCmCleanUpBase::CleanupAll();
-    EXPECT_EQ("bRna", g_sEnded);
+    EXPECT_EQ("bRa", g_sEnded);
+    CCmCleanUpBase::CleanupAll();
+    EXPECT_EQ("bRan", g_sEnded);
+}
+
+// Registers another one of its kind, which an unbounded walk would follow for ever.
+class RegistersItsLike : public CCmCleanUpBase {
+  public:
+    ~RegistersItsLike() override {
+        g_sEnded += 'L';
+        if (g_sEnded.size() < 100) {
+            new RegistersItsLike;
+        }
+    }
+};
+
+TEST_F(CmCleanUpBase, CleanupAll_Ends_WhenDestructorsRegisterTheirLike) {
+    new RegistersItsLike;
+    new Registered('a');
+    CCmCleanUpBase::CleanupAll();
+    EXPECT_EQ("aL", g_sEnded);
+    CCmCleanUpBase::CleanupAll();
+    EXPECT_EQ("aLL", g_sEnded);
+    g_sEnded.resize(100);  // ends the row
+}
+
+class RegistersAndCleansUp : public CCmCleanUpBase {
+  public:
+    ~RegistersAndCleansUp() override {
+        g_sEnded += '(';
+        new Registered('x');
+        new Registered('y');
+        CCmCleanUpBase::CleanupAll();
+        new Registered('z');
+        g_sEnded += ')';
+    }
+};
+
+TEST_F(CmCleanUpBase, CleanupAll_HandlesOnlyWhatWasRegisteredSince_WhenNested) {
+    new Registered('a');
+    new RegistersAndCleansUp;
+    new Registered('b');
+    CCmCleanUpBase::CleanupAll();
+    EXPECT_EQ("b(yx)a", g_sEnded);
+    CCmCleanUpBase::CleanupAll();
+    EXPECT_EQ("b(yx)az", g_sEnded);
+}
+
+// Deletes objects that the same call would come to later, one of them from a nested call.
+class DeletesOthers : public CCmCleanUpBase {
+  public:
+    DeletesOthers(CCmCleanUpBase* aFirst, CCmCleanUpBase* aSecond)
+        : m_pFirst(aFirst), m_pSecond(aSecond) {}
+    ~DeletesOthers() override {
+        g_sEnded += 'D';
+        delete m_pFirst;
+        if (m_pSecond != nullptr) {
+            new DeletesOthers(m_pSecond, nullptr);
+            CCmCleanUpBase::CleanupAll();
+        }
+    }
+
+  private:
+    CCmCleanUpBase* const m_pFirst;
+    CCmCleanUpBase* const m_pSecond;
+};
+
+TEST_F(CmCleanUpBase, CleanupAll_DoesNotMeetAgainWhatADestructorDeleted) {
+    CCmCleanUpBase* pLast = new Registered('a');
+    new Registered('b');
+    CCmCleanUpBase* pMiddle = new Registered('c');
+    new Registered('d');
+    new DeletesOthers(pMiddle, pLast);
+    CCmCleanUpBase::CleanupAll();
+    EXPECT_EQ("DcDadb", g_sEnded);
+}
+
+// Left alive by its CleanUp; it ends on its own.
+class OutlivesCleanUp : public CCmCleanUpBase {
+  public:
+    void CleanUp() override { g_sEnded += 'k'; }
+};
+
+TEST_F(CmCleanUpBase, CleanupAll_ForgetsAnObjectThatKeepsItself) {
+    new Registered('a');
+    CCmCleanUpBase* pKept = new OutlivesCleanUp;
+    CCmCleanUpBase::CleanupAll();
+    CCmCleanUpBase::CleanupAll();
+    new Registered('b');
+    delete pKept;
+    CCmCleanUpBase::CleanupAll();
+    EXPECT_EQ("kab", g_sEnded);
+}
+
+class ThrowsOnCleanUp : public CCmCleanUpBase {
+  public:
+    void CleanUp() override {
+        new Registered('n');
+        throw std::runtime_error("clean-up");
+    }
+};
+
+TEST_F(CmCleanUpBase, CleanupAll_LeavesTheRestRegistered_WhenACleanUpThrows) {
+    new Registered('a');
+    new Registered('b');
+    CCmCleanUpBase* pThrowing = new ThrowsOnCleanUp;
+    EXPECT_THROW(CCmCleanUpBase::CleanupAll(), std::runtime_error);
+    EXPECT_EQ("", g_sEnded);
+    delete pThrowing;
+    CCmCleanUpBase::CleanupAll();
+    EXPECT_EQ("nba", g_sEnded);
+}
+
+TEST_F(CmCleanUpBase, CleanupAll_TakesLinearTime) {
+    const auto milliseconds = [](int aCount) {
+        for (int i = 0; i < aCount; ++i) {
+            new Quiet;
+        }
+        timespec before = {};
+        timespec after = {};
+        clock_gettime(CLOCK_THREAD_CPUTIME_ID, &before);
+        CCmCleanUpBase::CleanupAll();
+        clock_gettime(CLOCK_THREAD_CPUTIME_ID, &after);
+        return static_cast<double>(after.tv_sec - before.tv_sec) * 1e3 +
+               static_cast<double>(after.tv_nsec - before.tv_nsec) / 1e6;
+    };
+    // Quadratic, these took half a minute.
+    EXPECT_LT(milliseconds(200000), 5000);
 }
 
 TEST_F(CmCleanUpBase, CleanupAll_MayBeCalledByADestructor) {

@@ -387,11 +387,43 @@ TEST_F(CmSingleton, Instance_IsCreatedOnceByEightThreads) {
     EXPECT_EQ(std::vector<Slow*>(8, instances[0]), instances);
 }
 
-TEST_F(CmSingleton, Instance_CreatedByADestructorEndsInTheSameCleanUp) {
+TEST_F(CmSingleton, Instance_CreatedByADestructorEndsInTheNextCleanUp) {
     CCmSingletonT<LooksUpWhenDestroyed>::Instance();
     CCmSingletonT<Named<'l'>>::Instance();
     CCmCleanUpBase::CleanupAll();
+    EXPECT_EQ("l~ll", g_sEvents);
+    CCmCleanUpBase::CleanupAll();
     EXPECT_EQ("l~ll~l", g_sEvents);
+}
+
+// While bounded, looks up the singleton of the other kind, which may be its own.
+template <char Letter, char Other>
+struct LooksUpAnother {
+    ~LooksUpAnother() {
+        g_sEvents += Letter;
+        if (g_sEvents.size() < 100) {
+            CCmSingletonT<LooksUpAnother<Other, Letter>>::Instance();
+        }
+    }
+};
+
+TEST_F(CmSingleton, CleanupAll_Ends_WhenADestructorLooksItselfUp) {
+    CCmSingletonT<LooksUpAnother<'s', 's'>>::Instance();
+    CCmCleanUpBase::CleanupAll();
+    EXPECT_EQ("s", g_sEvents);
+    CCmCleanUpBase::CleanupAll();
+    EXPECT_EQ("ss", g_sEvents);
+    g_sEvents.resize(100);
+}
+
+TEST_F(CmSingleton, CleanupAll_Ends_WhenTwoDestructorsLookEachOtherUp) {
+    CCmSingletonT<LooksUpAnother<'p', 'q'>>::Instance();
+    CCmSingletonT<LooksUpAnother<'q', 'p'>>::Instance();
+    CCmCleanUpBase::CleanupAll();
+    EXPECT_EQ("qp", g_sEvents);
+    CCmCleanUpBase::CleanupAll();
+    EXPECT_EQ("qpq", g_sEvents);
+    g_sEvents.resize(100);
 }
 
 // ---- Trimming ----

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -12,6 +13,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -325,6 +327,190 @@ TEST_F(Qtrace, Lines_StayWhole_BetweenProcessesAndThreads) {
     for (const std::string& sText : Texts()) {
         ASSERT_EQ(std::string(sText.size() - 1, sText[0]) + "!", sText);
     }
+}
+
+// Reads until the other end is closed.
+std::string ReadAll(int aFile) {
+    std::string sRead;
+    char achBuffer[65536];
+    ssize_t nRead = 0;
+    while ((nRead = read(aFile, achBuffer, sizeof(achBuffer))) > 0) {
+        sRead.append(achBuffer, static_cast<size_t>(nRead));
+    }
+    return sRead;
+}
+
+// Reads until so many line ends came.
+std::string ReadLines(int aFile, long aCount) {
+    std::string sRead;
+    char ch = 0;
+    while (aCount > 0 && read(aFile, &ch, 1) == 1) {
+        sRead += ch;
+        aCount -= ch == '\n' ? 1 : 0;
+    }
+    return sRead;
+}
+
+TEST_F(Qtrace, Lines_StayWhole_InAPipeThatTakesThemInParts) {
+    int anPipe[2];
+    ASSERT_EQ(0, pipe(anPipe));
+    unsetenv("QTRACE_FILE");
+    const pid_t child = fork();
+    if (child == 0) {
+        dup2(anPipe[1], STDERR_FILENO);
+        std::vector<std::thread> threads;
+        for (int t = 0; t < 4; ++t) {
+            threads.emplace_back([t] {
+                for (int n = 0; n < 500; ++n) {
+                    const size_t nLength = n % 2 == 0 ? 6000 : 50;
+                    Write(std::string(nLength, static_cast<char>('a' + t)) + "!");
+                }
+            });
+        }
+        for (std::thread& thread : threads) {
+            thread.join();
+        }
+        EndProcess(0);
+    }
+    close(anPipe[1]);
+    std::istringstream content(ReadAll(anPipe[0]));
+    close(anPipe[0]);
+    int nStatus = -1;
+    waitpid(child, &nStatus, 0);
+    EXPECT_EQ(0, nStatus);
+    int nLines = 0;
+    for (std::string sLine; std::getline(content, sLine); ++nLines) {
+        const size_t nEnd = sLine.find("] ");
+        ASSERT_NE(std::string::npos, nEnd) << sLine;
+        const std::string sText = sLine.substr(nEnd + 2);
+        ASSERT_TRUE(sText.size() == 6001 || sText.size() == 51) << sText.size();
+        ASSERT_EQ(std::string(sText.size() - 1, sText[0]) + "!", sText);
+    }
+    EXPECT_EQ(2000, nLines);
+}
+
+TEST_F(Qtrace, Line_IsClosed_WhenAPipeTookItInPart) {
+    ASSERT_EQ(0, mkfifo(m_sFile.c_str(), 0600));
+    const int nReader = open(m_sFile.c_str(), O_RDONLY | O_NONBLOCK);
+    ASSERT_EQ(4096, fcntl(nReader, F_SETPIPE_SZ, 4096));
+    std::string sRead;
+    EXPECT_EQ(0, StatusOfChild([&] {
+                  Write(std::string(20000, 'x'));  // not blocking: the rest is lost
+                  char achBuffer[8192];
+                  const ssize_t nRead = read(nReader, achBuffer, sizeof(achBuffer));
+                  EXPECT_EQ(4096, nRead);
+                  EXPECT_EQ('x', achBuffer[4095]);
+                  Write("whole");
+              }));
+    sRead = ReadAll(nReader);
+    close(nReader);
+    ASSERT_FALSE(sRead.empty());
+    EXPECT_EQ('\n', sRead[0]);
+    EXPECT_EQ(1u, sRead.find("20"));  // the date
+    EXPECT_EQ(sRead.size() - 8, sRead.find("] whole\n"));
+}
+
+TEST_F(Qtrace, Line_IsWrittenByAForkedChild_WhileAThreadOfTheParentWrites) {
+    int anPipe[2];
+    ASSERT_EQ(0, pipe(anPipe));
+    EXPECT_EQ(0, StatusOfChild([&] {
+                  unsetenv("QTRACE_FILE");
+                  dup2(anPipe[1], STDERR_FILENO);
+                  const int nCapacity = fcntl(anPipe[1], F_GETPIPE_SZ);
+                  std::thread writer(
+                      [nCapacity] { Write(std::string(static_cast<size_t>(2 * nCapacity), 'x')); });
+                  int nFilled = 0;
+                  while (nFilled < nCapacity) {  // then the writer waits for room
+                      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+                      ASSERT_EQ(0, ioctl(anPipe[0], FIONREAD, &nFilled));
+                  }
+                  const pid_t grandchild = fork();
+                  if (grandchild == 0) {
+                      alarm(20);
+                      dup2(open("/dev/null", O_WRONLY), STDERR_FILENO);
+                      Write("child");
+                      EndProcess(0);
+                  }
+                  int nStatus = -1;
+                  waitpid(grandchild, &nStatus, 0);
+                  EXPECT_EQ(0, nStatus);
+                  EXPECT_EQ(std::string::npos, ReadLines(anPipe[0], 1).find("child"));
+                  writer.join();
+              }));
+    close(anPipe[0]);
+    close(anPipe[1]);
+}
+
+void TraceInHandler(int) {
+    Write("handler");
+}
+
+TEST_F(Qtrace, Line_OfASignalHandlerDoesNotWaitForItsOwnThread) {
+    int anPipe[2];
+    ASSERT_EQ(0, pipe(anPipe));
+    EXPECT_EQ(0, StatusOfChild([&] {
+                  unsetenv("QTRACE_FILE");
+                  dup2(anPipe[1], STDERR_FILENO);
+                  signal(SIGUSR1, TraceInHandler);
+                  alarm(20);
+                  const int nCapacity = fcntl(anPipe[1], F_GETPIPE_SZ);
+                  std::thread writer(
+                      [nCapacity] { Write(std::string(static_cast<size_t>(2 * nCapacity), 'x')); });
+                  int nFilled = 0;
+                  while (nFilled < nCapacity) {
+                      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+                      ASSERT_EQ(0, ioctl(anPipe[0], FIONREAD, &nFilled));
+                  }
+                  pthread_kill(writer.native_handle(), SIGUSR1);
+                  EXPECT_NE(std::string::npos, ReadLines(anPipe[0], 2).find("handler\n"));
+                  writer.join();
+              }));
+    close(anPipe[0]);
+    close(anPipe[1]);
+}
+
+// What a file that others chose holds after a line was traced to a name that leads there.
+class QtraceLink : public Qtrace {
+  protected:
+    QtraceLink() : m_sTarget(m_sDir + "/target.txt"), m_sShared(m_sDir + "/shared") {
+        std::ofstream(m_sTarget) << "before\n";
+        mkdir(m_sShared.c_str(), 0700);
+        setenv("QTRACE_FILE", (m_sShared + "/trace.txt").c_str(), 1);
+    }
+    std::string TargetAfterALine(mode_t aMode) {
+        chmod(m_sShared.c_str(), aMode);
+        EXPECT_EQ(0, StatusOfChild([] {
+                      dup2(open("/dev/null", O_WRONLY), STDERR_FILENO);
+                      Write("text");
+                  }));
+        m_sFile = m_sTarget;
+        return Content();
+    }
+
+    const std::string m_sTarget;
+    const std::string m_sShared;
+};
+
+TEST_F(QtraceLink, File_IsNotOpenedThroughALink_InADirectoryThatOthersMayWriteTo) {
+    ASSERT_EQ(0, symlink(m_sTarget.c_str(), (m_sShared + "/trace.txt").c_str()));
+    EXPECT_EQ("before\n", TargetAfterALine(01777));
+    EXPECT_EQ("before\n", TargetAfterALine(0770));
+}
+
+TEST_F(QtraceLink, File_IsNotOpenedByASecondName_InADirectoryThatOthersMayWriteTo) {
+    ASSERT_EQ(0, link(m_sTarget.c_str(), (m_sShared + "/trace.txt").c_str()));
+    EXPECT_EQ("before\n", TargetAfterALine(01777));
+}
+
+TEST_F(QtraceLink, File_IsOpenedThroughALink_InADirectoryOfOnesOwn) {
+    ASSERT_EQ(0, symlink(m_sTarget.c_str(), (m_sShared + "/trace.txt").c_str()));
+    EXPECT_LT(7u, TargetAfterALine(0755).size());
+}
+
+TEST_F(QtraceLink, File_IsCreated_InADirectoryThatOthersMayWriteTo) {
+    EXPECT_EQ("before\n", TargetAfterALine(01777));
+    m_sFile = m_sShared + "/trace.txt";
+    EXPECT_EQ(Strings{"text"}, Texts());
 }
 
 TEST_F(Qtrace, Line_NamesTheChild_AfterAFork) {

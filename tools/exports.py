@@ -6,7 +6,7 @@
 
 LIBRARY is a Linux or a macOS library; both must export the same names, so the list holds them as
 they are declared, without what differs by platform: the leading underscore of Mach-O, the inline
-namespaces of the standard libraries, and the width and kind of types that are named by typedefs.
+namespaces of the standard libraries, and the types that are named by typedefs.
 """
 import pathlib
 import re
@@ -14,8 +14,8 @@ import subprocess
 import sys
 
 LIST = pathlib.Path(__file__).parent.parent / "cmake" / "exports.txt"
-HEADER = """# Everything that the library exports, on every platform, as it is declared; integer
-# types of 64 bits read "long". tools/exports.py compares and updates this list.
+HEADER = """# Everything that the library exports, on every platform, as it is declared.
+# tools/exports.py compares and updates this list.
 """
 # What the linkers themselves define.
 LINKER_NAMES = {"_init", "_fini", "_edata", "_end", "__bss_start", "__dso_handle", "_mh_dylib_header"}
@@ -27,7 +27,6 @@ SPELLINGS = [
     (r"std::basic_string<char, std::char_traits<char>, std::allocator<char> ?>", "std::string"),
     (r"\b(_IO_FILE|__sFILE)\b", "FILE"),
     (r"_opaque_pthread_t\*", "unsigned long"),
-    (r"\blong long\b", "long"),
     (r"> >", ">>"),
 ]
 

@@ -9,6 +9,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <sys/time.h>
 #include <time.h>
 #include <unistd.h>
@@ -57,14 +58,50 @@ int AboveStandardStreams(int aFile) {
     return nMoved;
 }
 
+// Whether only the user of this process and the system's administrator may put names into the
+// directory that aPath lies in.
+bool IsInOwnDirectory(const char* aPath) {
+    char szDirectory[PATH_MAX] = ".";
+    if (const char* pchSlash = strrchr(aPath, '/')) {
+        const size_t nLength = static_cast<size_t>(pchSlash - aPath) + 1;
+        if (nLength >= sizeof(szDirectory)) {
+            return false;
+        }
+        memcpy(szDirectory, aPath, nLength);
+        szDirectory[nLength] = '\0';
+    }
+    struct stat directory = {};
+    return stat(szDirectory, &directory) == 0 &&
+           (directory.st_uid == 0 || directory.st_uid == geteuid()) &&
+           (directory.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+}
+
+// A file of several names may be somebody else's choice just as a symbolic link.
+bool HasOtherNames(int aFile) {
+    struct stat file = {};
+    return fstat(aFile, &file) != 0 || (S_ISREG(file.st_mode) && file.st_nlink > 1);
+}
+
+int OpenFile(const char* aPath) {
+    const bool bFollow = IsInOwnDirectory(aPath);
+    // Not blocking: a named pipe without a reader must not hold the host up.
+    const int nFile = open(aPath,
+                           O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK |
+                               (bFollow ? 0 : O_NOFOLLOW),
+                           0666);
+    if (nFile >= 0 && !bFollow && HasOtherNames(nFile)) {
+        close(nFile);
+        return -1;
+    }
+    return nFile;
+}
+
 int OpenDestination() {
     const char* pszPath = getenv("QTRACE_FILE");
     if (pszPath == nullptr || *pszPath == '\0') {
         return STDERR_FILENO;
     }
-    // Not blocking: a named pipe without a reader must not hold the host up.
-    const int nFile =
-        open(pszPath, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0666);
+    const int nFile = OpenFile(pszPath);
     const int nMoved = nFile < 0 ? nFile : AboveStandardStreams(nFile);
     return nMoved < 0 ? STDERR_FILENO : nMoved;
 }
@@ -130,6 +167,41 @@ class WriteSignals {
     sigset_t m_Before;
 };
 
+pthread_mutex_t g_lineMutex = PTHREAD_MUTEX_INITIALIZER;
+thread_local bool t_bWriting = false;
+
+// In a forked child, where the thread that held the mutex does not exist.
+void FreeLineMutex() {
+    const pthread_mutex_t FREE = PTHREAD_MUTEX_INITIALIZER;
+    memcpy(&g_lineMutex, &FREE, sizeof(FREE));
+}
+
+// While it lives, the threads of the process write no other line: what takes a line in parts (a
+// pipe, a terminal, a disk that fills up) gets it in one piece. A signal handler that traces while
+// its own thread writes does not wait for it.
+class LineTurn {
+  public:
+    LineTurn() : m_bNested(t_bWriting) {
+        static const int s_nRegistered = pthread_atfork(nullptr, nullptr, FreeLineMutex);
+        static_cast<void>(s_nRegistered);
+        if (!m_bNested) {
+            t_bWriting = true;
+            pthread_mutex_lock(&g_lineMutex);
+        }
+    }
+    ~LineTurn() {
+        if (!m_bNested) {
+            pthread_mutex_unlock(&g_lineMutex);
+            t_bWriting = false;
+        }
+    }
+    LineTurn(const LineTurn&) = delete;
+    LineTurn& operator=(const LineTurn&) = delete;
+
+  private:
+    const bool m_bNested;
+};
+
 // Part of a line reached the destination, and the rest did not.
 std::atomic<bool> g_bTorn{false};
 
@@ -153,10 +225,11 @@ bool WriteFully(WriteSignals& aSignals, int aFile, const char* aText, size_t aLe
     return true;
 }
 
-// Behind a torn line, the next starts afresh.
+// After a torn line, the next starts afresh.
 void WriteLine(const char* aLine, size_t aLength) {
     const int nFile = Destination();
     WriteSignals signals;
+    LineTurn turn;
     if (g_bTorn.load(std::memory_order_relaxed)) {
         if (!WriteFully(signals, nFile, "\n", 1)) {
             return;

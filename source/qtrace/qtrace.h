@@ -1,8 +1,9 @@
 // qtrace: the trace library that kelto_util delivers its text to. A host that brings a trace
 // library of its own links that instead; it supplies _getTraceLevel and YRKTRACERAWA.
 //
-// Each text becomes one line, written by one write call, so that lines stay whole between threads
-// and, in a file, between processes:
+// Each text becomes one line. The threads of a process write one line after the other, whatever they
+// go to. Between processes lines stay whole in a file and, up to PIPE_BUF bytes (4096 on Linux, 512
+// on macOS), in a pipe:
 //
 //   2026-11-21 09:30:00.125 pid=4711 tid=-1208 [MAC] UTIL ERROR: ...
 //
@@ -13,11 +14,14 @@
 // Environment, read on first use:
 //   QTRACE_LEVEL  the threshold, a decimal number; 0, everything, when missing or no number
 //   QTRACE_FILE   the file to append to, created if missing; standard error when missing or when
-//                 the file cannot be opened
+//                 the file cannot be opened. In a directory that others may write to (its group,
+//                 everybody, an owner other than this user and root) it must be no symbolic link
+//                 and have no second name
 //
 // Any thread may call any function. None throws, changes errno, raises a signal or reports a
 // failure: a line that cannot be written (full disk, closed pipe) is lost, and one for which a
-// non-blocking destination has no room now, too.
+// non-blocking destination has no room now, too. One that was taken only in part is closed by a line
+// end before the next.
 #ifndef QTRACE_H
 #define QTRACE_H
 

@@ -42,8 +42,6 @@ class CCmWaiterCount {
 
 }  // namespace
 
-CM_CONSTANT_INIT CCmMutexThread s_ReferenceControlMutexThread{CCmStaticInit()};
-
 int CCmMutexThreadBase::Init(int aType) {
     pthread_mutexattr_t attribute;
     int rv = g_cmSystem.pthread_mutexattr_init(&attribute);

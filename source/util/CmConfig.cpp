@@ -4,12 +4,12 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include <atomic>
 #include <new>
 #include <string_view>
 
 #include "CmProcessName.h"
 #include "CmProfileReader.h"
+#include "CmStatics.h"
 #include "CmT120Trace.h"
 #include "CmTraceLine.h"
 #include "port/CmPort.h"
@@ -84,33 +84,6 @@ bool FillExecName() {
 
 char g_def_kelto_home_dir[CM_HOME_DIR_SIZE] = "/tmp/";
 char g_cur_env[CM_CUR_ENV_SIZE] = "KELTO_MMP_HOME";
-CCmString g_kelto_config_file_name("kelto.cfg");
-CCmString g_rabbitmq_config_file_name("rabbitmq-config.xml");
-
-namespace {
-
-// The configuration file's name once its string is destroyed, for look-ups made while the program
-// ends. A name that fits no path is kept as one that fits none.
-char s_achLastFileName[CM_CONFIG_PATH_SIZE];
-std::atomic<bool> s_bNameIsGone{false};
-
-struct FileNameKeeper {
-    ~FileNameKeeper() {
-        CopyTerminated(s_achLastFileName, sizeof(s_achLastFileName), g_kelto_config_file_name);
-        s_bNameIsGone.store(true, std::memory_order_release);
-    }
-};
-// Defined behind the string, so destroyed first.
-FileNameKeeper s_fileNameKeeper;
-
-// Before the string is constructed its bytes are zero, which reads as an empty name.
-std::string_view ConfigFileName() {
-    return s_bNameIsGone.load(std::memory_order_acquire)
-               ? std::string_view(s_achLastFileName)
-               : std::string_view(g_kelto_config_file_name);
-}
-
-}  // namespace
 
 char* trim_string(char* aStr) {
     if (aStr == nullptr) {
@@ -225,9 +198,7 @@ void init_config(const char* aDir) {
 }
 
 void set_kelto_config_file_name(CCmString const& aName) {
-    if (s_bNameIsGone.load(std::memory_order_relaxed)) {
-        return;
-    }
+    CmMakeStatics();
     try {
         g_kelto_config_file_name = aName;
     } catch (const std::bad_alloc&) {
@@ -242,7 +213,8 @@ void get_config_file_name(char* aBuffer) {
     }
     const std::string_view home(g_def_kelto_home_dir,
                                 strnlen(g_def_kelto_home_dir, sizeof(g_def_kelto_home_dir)));
-    const std::string_view name = ConfigFileName();
+    CmMakeStatics();
+    const std::string_view name = g_kelto_config_file_name;
     const std::string_view slash = home.empty() || home.back() != '/' ? "/" : "";
     aBuffer[0] = '\0';
     if (home.size() + slash.size() + DIRECTORY.size() + name.size() >= CM_CONFIG_PATH_SIZE) {

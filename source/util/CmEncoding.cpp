@@ -8,6 +8,7 @@
 
 #include "CmAscii.h"
 #include "CmBase64.h"
+#include "CmTextSearch.h"
 
 namespace UTIL_NS {
 
@@ -104,7 +105,8 @@ void Decode(const unsigned char* aIn, size_t aLen, CCmString& aOut) {
     aOut.resize(nBytes);
 }
 
-// Writes the group's bytes through the table, as many as its padding leaves; returns how many.
+// Writes three bytes: what the table gives, and zeros from the second on when the third character
+// is padding. Returns how many of them the padding leaves.
 size_t DecodePaddedGroup(const unsigned char* aIn, unsigned char* aOut) {
     const unsigned nFirst = s_base64_decode_table[aIn[0]];
     const unsigned nSecond = s_base64_decode_table[aIn[1]];
@@ -112,14 +114,13 @@ size_t DecodePaddedGroup(const unsigned char* aIn, unsigned char* aOut) {
     const unsigned nFourth = s_base64_decode_table[aIn[3]];
     aOut[0] = static_cast<unsigned char>(nFirst << 2 | nSecond >> 4);
     if (aIn[2] == '=') {
+        aOut[1] = 0;
+        aOut[2] = 0;
         return 1;
     }
     aOut[1] = static_cast<unsigned char>(nSecond << 4 | nThird >> 2);
-    if (aIn[3] == '=') {
-        return 2;
-    }
     aOut[2] = static_cast<unsigned char>(nThird << 6 | nFourth);
-    return 3;
+    return aIn[3] == '=' ? 2 : 3;
 }
 
 // What url_string_encode writes for a byte.
@@ -158,14 +159,13 @@ constexpr std::array<Escape, 256> MakeEscapes() {
 constexpr std::array<Escape, 256> ESCAPES = MakeEscapes();
 constexpr ptrdiff_t STORED = sizeof(Escape);
 
-bool EqualNoCase(const char* aLeft, const char* aRight, size_t aLength) {
-    for (size_t i = 0; i < aLength; ++i) {
-        if (CmToLower(aLeft[i]) != CmToLower(aRight[i])) {
-            return false;
-        }
+// A text from its end on, its letters in lower case.
+struct BackwardNoCase {
+    unsigned char operator()(size_t aPlace) const {
+        return static_cast<unsigned char>(CmToLower(*(m_pEnd - 1 - aPlace)));
     }
-    return true;
-}
+    const char* m_pEnd;
+};
 
 }  // namespace
 
@@ -295,13 +295,9 @@ char* CM_strcaserstr(char* aStr, const char* aSub) {
     }
     const size_t nStr = std::strlen(aStr);
     const size_t nSub = std::strlen(aSub);
-    for (size_t nAt = nStr + 1; nAt > nSub; --nAt) {
-        char* pFound = aStr + (nAt - 1 - nSub);
-        if (UTIL_NS::EqualNoCase(pFound, aSub, nSub)) {
-            return pFound;
-        }
-    }
-    return nullptr;
+    const UTIL_NS::CCmTextSearchT<UTIL_NS::BackwardNoCase> search({aSub + nSub}, nSub);
+    const size_t nFromEnd = search.Find({aStr + nStr}, nStr, 0);
+    return nFromEnd != UTIL_NS::CM_NOT_FOUND ? aStr + (nStr - nFromEnd - nSub) : nullptr;
 }
 
 void yrk::ObjectTracer() {}

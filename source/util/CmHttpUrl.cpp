@@ -3,6 +3,7 @@
 #include <cstdlib>
 
 #include "CmAscii.h"
+#include "CmTextSearch.h"
 #include "CmTraceLine.h"
 
 namespace UTIL_NS {
@@ -109,12 +110,23 @@ CCmString Copy(const CCmString& aText) {
     }
 }
 
+struct Forward {
+    unsigned char operator()(size_t aPlace) const {
+        return static_cast<unsigned char>(m_pText[aPlace]);
+    }
+    const char* m_pText;
+};
+
 CCmString Replaced(std::string_view aText, std::string_view aFrom, std::string_view aTo) {
+    if (aFrom.empty()) {
+        return CCmString(aText);
+    }
+    const CCmTextSearchT<Forward> search({aFrom.data()}, aFrom.size());
     CCmString strResult;
     size_t nStart = 0;
-    while (!aFrom.empty()) {
-        const size_t nFound = aText.find(aFrom, nStart);
-        if (nFound == std::string_view::npos) {
+    while (true) {
+        const size_t nFound = search.Find({aText.data()}, aText.size(), nStart);
+        if (nFound == CM_NOT_FOUND) {
             break;
         }
         strResult.append(aText, nStart, nFound - nStart).append(aTo);

@@ -247,10 +247,6 @@ logstream<char>::~logstream() {
 
 }  // namespace ccu
 
-const std::locale ccuLoc(std::locale::classic());
-const std::codecvt<wchar_t, char, std::mbstate_t>& ccuCvter =
-    std::use_facet<std::codecvt<wchar_t, char, std::mbstate_t>>(ccuLoc);
-
 std::atomic<CCmT120Trace2*> CCmT120Trace2::t120_trace{nullptr};
 
 CCmT120Trace2* CCmT120Trace2::instance() {

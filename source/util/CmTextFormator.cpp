@@ -132,6 +132,10 @@ CCmT120Trace::Text_Formator& CCmT120Trace::Text_Formator::operator<<(unsigned lo
     return *this;
 }
 
+CCmT120Trace::Text_Formator& CCmT120Trace::Text_Formator::operator<<(unsigned long long aValue) {
+    return *this << static_cast<unsigned long>(aValue);
+}
+
 CCmT120Trace::Text_Formator& CCmT120Trace::Text_Formator::operator<<(long long aValue) {
     char achNumber[NUMBER_SIZE];
     xtoa_yrk<long long>(aValue, achNumber, sizeof(achNumber));
@@ -164,6 +168,14 @@ CCmT120Trace::Text_Formator& CCmT120Trace::Text_Formator::operator<<(CCmString c
 }
 
 CCmT120Trace::Text_Formator& CCmT120Trace::Text_Formator::operator<<(void* aPointer) {
+    return *this << static_cast<const void*>(aPointer);
+}
+
+CCmT120Trace::Text_Formator& CCmT120Trace::Text_Formator::operator<<(std::nullptr_t) {
+    return *this << static_cast<const void*>(nullptr);
+}
+
+CCmT120Trace::Text_Formator& CCmT120Trace::Text_Formator::operator<<(const void* aPointer) {
     advance("0x", 2);
     m_bHex = 1;
     append_number(reinterpret_cast<unsigned long>(aPointer), false);

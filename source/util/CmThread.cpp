@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "CmScopedLock.h"
+#include "CmStatics.h"
 #include "CmTimerQueueOrderedList.h"
 #include "CmTraceLine.h"
 #include "port/CmSystem.h"
@@ -56,38 +57,11 @@ CmResult NewEntry(std::list<ACmThread*>& aEntry, ACmThread* aThread) {
     return CM_OK;
 }
 
-// The process exits and its registry is gone; threads that nobody stopped may still run.
-CM_CONSTANT_INIT std::atomic<bool> g_bRegistryEnded{false};
-
-bool HasRegistryEnded() {
-    return CM_UNLIKELY(g_bRegistryEnded.load(std::memory_order_relaxed));
-}
-
 void RegisterEntry(std::list<ACmThread*>& aEntry) {
-    if (HasRegistryEnded()) {
-        return;
-    }
+    CmMakeStatics();
     CCmScopedLockT<CCmMutexThread> lock(g_thread_Mutex);
     g_threadList.splice(g_threadList.end(), aEntry);
 }
-
-}  // namespace
-
-// There before the static objects of a host are constructed and until they are destroyed, also
-// when the library is linked into its program.
-[[gnu::init_priority(101)]] CCmMutexThread g_thread_Mutex{CCmStaticInit()};
-[[gnu::init_priority(101)]] std::list<ACmThread*> g_threadList;
-
-namespace {
-
-struct CRegistryEnd {
-    ~CRegistryEnd() {
-        CCmScopedLockT<CCmMutexThread> lock(g_thread_Mutex);
-        g_bRegistryEnded.store(true, std::memory_order_relaxed);
-        g_threadList.clear();  // for a thread that looked at the flag before
-    }
-};
-[[gnu::init_priority(101)]] CRegistryEnd g_registryEnd;
 
 }  // namespace
 
@@ -101,9 +75,7 @@ CmResult RegisterThread(ACmThread* aThread) {
 }
 
 CmResult UnRegisterThread(ACmThread* aThread) {
-    if (HasRegistryEnded()) {
-        return CM_ERROR_NOT_FOUND;
-    }
+    CmMakeStatics();
     CCmScopedLockT<CCmMutexThread> lock(g_thread_Mutex);
     for (auto it = g_threadList.begin(); it != g_threadList.end(); ++it) {
         if (*it == aThread) {
@@ -115,9 +87,7 @@ CmResult UnRegisterThread(ACmThread* aThread) {
 }
 
 ACmThread* getCurrentThread() {
-    if (HasRegistryEnded()) {
-        return nullptr;
-    }
+    CmMakeStatics();
     CCmScopedLockT<CCmMutexThread> lock(g_thread_Mutex);
     for (ACmThread* pThread : g_threadList) {
         if (IsEqualCurrentThread(pThread->GetThreadId()) && !pThread->HasLeftItsId()) {

@@ -58,14 +58,8 @@ void CCmTimerWrapperID::OnTimeout(const CCmTimeValue& /*aCurTime*/, void* aArg) 
 CM_CONSTANT_INIT std::atomic<int> low_tick_policy::low_tick_generator::m_InitTimerSucc{1};
 CM_CONSTANT_INIT std::atomic<low_tick_policy::low_tick_generator*>
     low_tick_policy::low_tick_generator::pInstance{nullptr};
-CM_CONSTANT_INIT CCmMutexThread low_tick_policy::low_tick_generator::mutex{CCmStaticInit()};
 
-low_tick_policy::low_tick_generator::low_tick_generator() : m_llLastTick(now()) {
-    const CmResult rv = m_Timer.Schedule(this, CCmTimeValue(0, GENERATOR_INTERVAL_IN_USECS), 0);
-    if (CM_FAILED(rv)) {
-        m_InitTimerSucc.store(0, std::memory_order_relaxed);
-    }
-}
+low_tick_policy::low_tick_generator::low_tick_generator() : m_llLastTick(now()) {}
 
 low_tick_policy::low_tick_generator::~low_tick_generator() = default;
 
@@ -74,13 +68,28 @@ low_tick_policy::low_tick_generator* low_tick_policy::low_tick_generator::instan
     if (CM_LIKELY(pGenerator != nullptr)) {
         return pGenerator;
     }
-    CCmScopedLockT<CCmMutexThread> lock(mutex);
-    pGenerator = pInstance.load(std::memory_order_acquire);
-    if (pGenerator == nullptr) {
-        pGenerator = new (std::nothrow) low_tick_generator;
-        pInstance.store(pGenerator, std::memory_order_release);
+    // Reading the clock may create a singleton, and scheduling may trace to a host that does: the
+    // mutex is held for neither, so that who comes with the singleton mutex may take it.
+    low_tick_generator* pCreated = new (std::nothrow) low_tick_generator;
+    if (pCreated == nullptr) {
+        return pInstance.load(std::memory_order_acquire);
     }
-    return pGenerator;
+    {
+        CCmScopedLockT<CCmMutexThread> lock(mutex);
+        pGenerator = pInstance.load(std::memory_order_acquire);
+        if (pGenerator == nullptr) {
+            pInstance.store(pCreated, std::memory_order_release);
+        }
+    }
+    if (pGenerator != nullptr) {  // another thread was first
+        delete pCreated;
+        return pGenerator;
+    }
+    const CCmTimeValue tvInterval(0, GENERATOR_INTERVAL_IN_USECS);
+    if (CM_FAILED(pCreated->m_Timer.Schedule(pCreated, tvInterval, 0))) {
+        m_InitTimerSucc.store(0, std::memory_order_relaxed);
+    }
+    return pCreated;
 }
 
 void low_tick_policy::low_tick_generator::OnTimer(CCmTimerWrapperID* /*aId*/) {

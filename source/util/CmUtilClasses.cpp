@@ -36,6 +36,61 @@ void CCmStopFlag::SetStopFlag() {
 
 CM_CONSTANT_INIT CCmCleanUpBase* CCmCleanUpBase::s_pHeader = nullptr;
 
+// The objects that a call of CleanupAll has taken off the registry and not cleaned up yet. Calls
+// nest.
+struct CCmCleanUpWalk {
+    CCmCleanUpWalk() : m_pHeader(CCmCleanUpBase::s_pHeader), m_pOuter(s_pInnermost) {
+        CCmCleanUpBase::s_pHeader = nullptr;
+        s_pInnermost = this;
+    }
+    // A CleanUp that throws leaves the rest registered, below what came meanwhile.
+    ~CCmCleanUpWalk() {
+        s_pInnermost = m_pOuter;
+        if (m_pHeader != nullptr) {
+            *LinkTo(CCmCleanUpBase::s_pHeader, nullptr) = m_pHeader;
+        }
+    }
+    CCmCleanUpWalk(const CCmCleanUpWalk&) = delete;
+    CCmCleanUpWalk& operator=(const CCmCleanUpWalk&) = delete;
+
+    CCmCleanUpBase* TakeNext() {
+        CCmCleanUpBase* pNext = m_pHeader;
+        if (pNext != nullptr) {
+            m_pHeader = pNext->m_pNext;
+            pNext->m_pNext = pNext;
+        }
+        return pNext;
+    }
+
+    // Off the registry or what a walk took of it.
+    static void Unlink(CCmCleanUpBase* aObject) {
+        CCmCleanUpBase** ppLink = LinkTo(CCmCleanUpBase::s_pHeader, aObject);
+        for (CCmCleanUpWalk* pWalk = s_pInnermost; pWalk != nullptr && *ppLink == nullptr;
+             pWalk = pWalk->m_pOuter) {
+            ppLink = LinkTo(pWalk->m_pHeader, aObject);
+        }
+        if (*ppLink != nullptr) {
+            *ppLink = aObject->m_pNext;
+        }
+    }
+
+  private:
+    // The link that leads to aObject, or the last one.
+    static CCmCleanUpBase** LinkTo(CCmCleanUpBase*& aHeader, const CCmCleanUpBase* aObject) {
+        CCmCleanUpBase** ppLink = &aHeader;
+        while (*ppLink != nullptr && *ppLink != aObject) {
+            ppLink = &(*ppLink)->m_pNext;
+        }
+        return ppLink;
+    }
+
+    CCmCleanUpBase* m_pHeader;
+    CCmCleanUpWalk* const m_pOuter;
+    static CCmCleanUpWalk* s_pInnermost;
+};
+
+CM_CONSTANT_INIT CCmCleanUpWalk* CCmCleanUpWalk::s_pInnermost = nullptr;
+
 CCmCleanUpBase::CCmCleanUpBase() {
     CCmScopedLockT<CCmMutexThreadRecursive> lock(g_SingletonMutex);
     m_pNext = s_pHeader;
@@ -43,15 +98,11 @@ CCmCleanUpBase::CCmCleanUpBase() {
 }
 
 CCmCleanUpBase::~CCmCleanUpBase() {
-    // CleanupAll has taken the object off the registry; one whose construction failed half-way,
-    // or that was deleted by others, is still in it.
     CCmScopedLockT<CCmMutexThreadRecursive> lock(g_SingletonMutex);
-    CCmCleanUpBase** ppLink = &s_pHeader;
-    while (*ppLink != nullptr && *ppLink != this) {
-        ppLink = &(*ppLink)->m_pNext;
-    }
-    if (*ppLink == this) {
-        *ppLink = m_pNext;
+    // CleanupAll takes an object off before it ends; one whose construction failed half-way, or
+    // that others delete, is still on it.
+    if (m_pNext != this) {
+        CCmCleanUpWalk::Unlink(this);
     }
 }
 
@@ -61,12 +112,9 @@ void CCmCleanUpBase::CleanUp() {
 
 void CCmCleanUpBase::CleanupAll() {
     CCmScopedLockT<CCmMutexThreadRecursive> lock(g_SingletonMutex);
-    while (s_pHeader != nullptr) {
-        // Off the registry first, so that whatever a destructor registers is not lost and a
-        // nested call does not meet this object again.
-        CCmCleanUpBase* pCurrent = s_pHeader;
-        s_pHeader = pCurrent->m_pNext;
-        pCurrent->CleanUp();
+    CCmCleanUpWalk walk;
+    while (CCmCleanUpBase* pObject = walk.TakeNext()) {
+        pObject->CleanUp();
     }
 }
 

@@ -19,8 +19,6 @@
 
 namespace UTIL_NS {
 
-CM_CONSTANT_INIT CCmMutexThreadRecursive g_SingletonMutex{CCmStaticInit()};
-
 template class CCmSingletonT<CRCTAbleInit>;
 
 unsigned char CRC16_H_TABLE[256];

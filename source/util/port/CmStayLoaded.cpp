@@ -1,0 +1,14 @@
+// Part of a shared library that must not be unloaded, where the linker has no option for that.
+#include <dlfcn.h>
+
+namespace {
+
+// Threads that traced call into the library when they end, whether or not their host has closed it.
+__attribute__((constructor)) void StayLoaded() {
+    Dl_info info = {};
+    if (dladdr(reinterpret_cast<void*>(&StayLoaded), &info) != 0) {
+        dlopen(info.dli_fname, RTLD_LAZY | RTLD_NOLOAD | RTLD_NODELETE);
+    }
+}
+
+}  // namespace

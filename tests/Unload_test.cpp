@@ -1,0 +1,88 @@
+// A host that loads the libraries at run time and closes them again: they stay, since a thread that
+// traced calls into the trace library when it ends.
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <string>
+
+namespace {
+
+typedef void (*Trace)(unsigned long, const char*, char*, const char*);
+
+bool IsLoaded(const char* aPath) {
+    void* hLibrary = dlopen(aPath, RTLD_LAZY | RTLD_NOLOAD);
+    if (hLibrary == nullptr) {
+        return false;
+    }
+    dlclose(hLibrary);
+    return true;
+}
+
+// Loads a library and closes it again.
+class Unload : public testing::TestWithParam<const char*> {};
+
+TEST_P(Unload, Library_Stays_WhenItIsClosed) {
+    ASSERT_FALSE(IsLoaded(GetParam()));
+    void* hLibrary = dlopen(GetParam(), RTLD_NOW | RTLD_LOCAL);
+    ASSERT_NE(nullptr, hLibrary) << dlerror();
+    EXPECT_EQ(0, dlclose(hLibrary));
+    EXPECT_TRUE(IsLoaded(GetParam()));
+}
+
+// The last one is pinned in the way of systems whose linker has no option for it.
+INSTANTIATE_TEST_SUITE_P(Libraries, Unload,
+                         testing::Values(QTRACE_LIBRARY, UTIL_LIBRARY, PINNED_LIBRARY));
+
+// Steps of the thread and of its host.
+struct Steps {
+    Trace pfnTrace = nullptr;
+    pthread_barrier_t barrier;
+};
+
+void* TraceInPieces(void* aSteps) {
+    Steps* pSteps = static_cast<Steps*>(aSteps);
+    const std::string sPiece(2047, 'x');
+    char achPrefix[256] = {};
+    pSteps->pfnTrace(2, "MAC", achPrefix, sPiece.c_str());
+    pSteps->pfnTrace(2, "MAC", achPrefix, "the end of the line");
+    pthread_barrier_wait(&pSteps->barrier);  // traced
+    pthread_barrier_wait(&pSteps->barrier);  // closed
+    return nullptr;
+}
+
+int EndThreadAfterClosing() {
+    setenv("QTRACE_FILE", "/dev/null", 1);
+    void* hLibrary = dlopen(QTRACE_LIBRARY, RTLD_NOW | RTLD_LOCAL);
+    if (hLibrary == nullptr) {
+        return 2;
+    }
+    Steps steps;
+    void* const pTrace = dlsym(hLibrary, "YRKTRACERAWA");
+    memcpy(&steps.pfnTrace, &pTrace, sizeof(pTrace));
+    pthread_barrier_init(&steps.barrier, nullptr, 2);
+    pthread_t thread;
+    if (pthread_create(&thread, nullptr, TraceInPieces, &steps) != 0) {
+        return 3;
+    }
+    pthread_barrier_wait(&steps.barrier);
+    dlclose(hLibrary);
+    pthread_barrier_wait(&steps.barrier);
+    return pthread_join(thread, nullptr);
+}
+
+TEST(UnloadThread, Ends_WhenItTracedAndTheLibraryWasClosed) {
+    const pid_t child = fork();
+    if (child == 0) {
+        _exit(EndThreadAfterClosing());
+    }
+    int nStatus = -1;
+    waitpid(child, &nStatus, 0);
+    EXPECT_EQ(0, nStatus);
+}
+
+}  // namespace
