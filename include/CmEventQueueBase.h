@@ -31,9 +31,10 @@ class CM_UTIL_EXPORT ICmEvent {
     // The work, run on the queue's thread. A synchronous sender gets the result; for a posted
     // event it is ignored.
     virtual CmResult OnEventFire() = 0;
-    // Ends the event: called once, behind OnEventFire or instead of it; the queue does not touch
-    // the event afterwards. Deletes the object. Runs on the queue's thread, or on the posting one
-    // when the queue refuses. May post to the same queue.
+    // Ends the event: called once, after OnEventFire or instead of it; the queue does not touch the
+    // event afterwards. Deletes the object. Runs on the queue's thread, or on the thread that
+    // destroys the queue or calls DestoryPendingEvents; on the posting one only when the queue
+    // refuses the event. May post to the same queue.
     virtual void OnDestorySelf();
     virtual ~ICmEvent();
 
@@ -56,11 +57,12 @@ class CM_UTIL_EXPORT ICmEventQueue {
     // Hands aEvent over; does not wait. CM_OK, or with the event ended: CM_ERROR_NOT_INITIALIZED
     // (the queue has been stopped), CM_ERROR_OUT_OF_MEMORY; CM_ERROR_INVALID_ARG: null event.
     virtual CmResult PostEvent(ICmEvent* aEvent, EPriority aPri) = 0;
-    // Hands aEvent over, waits until it has run and returns the result of its OnEventFire. On the
-    // queue's own thread it runs at once, overtaking what is pending. Waits without limit on a
-    // queue that nobody runs. CM_ERROR_NOT_AVAILABLE: the event was ended without having run (its
-    // thread stopped first, or its queue ended). CM_ERROR_FAILURE: the wait failed; the event runs
-    // or ends later. Otherwise fails like PostEvent.
+    // Hands aEvent over, waits until it has fired and returns the result of its OnEventFire; its
+    // OnDestorySelf may come later. On the queue's own thread both run at once, overtaking what is
+    // pending. Waits without limit on a queue that nobody runs. CM_ERROR_NOT_AVAILABLE: the event
+    // was ended without having run (its thread stopped first, or its queue ended).
+    // CM_ERROR_FAILURE: the wait failed; the event runs or ends later. Otherwise fails like
+    // PostEvent. A cancellation point; what a cancelled sender has sent runs all the same.
     virtual CmResult SendEvent(ICmEvent* aEvent) = 0;
     // How many events are pending; may be outdated when it is read.
     virtual DWORD GetPendingEventsCount() = 0;
@@ -113,6 +115,7 @@ class CM_UTIL_EXPORT CCmEventQueueBase : public ICmEventQueue {
   protected:
     // One post, prepared before the lock is taken and concluded after it was released.
     struct CPosting;
+    class CPass;
     CmResult Prepare_i(CPosting& aPosting, bool aNeedsNode);
     // Uses the first node of aNodes, which has one.
     CmResult Append_l(CPosting& aPosting, std::list<ICmEvent*>& aNodes);
@@ -144,7 +147,8 @@ class CM_UTIL_EXPORT CCmEventQueueBase : public ICmEventQueue {
 //
 // Two ends hold it: the queue's, which fires and ends it once, and the sender's, which waits and
 // then posts it back, so that it is freed on the queue's own thread; a sender that cannot (the
-// queue refuses, or may be gone) lets go of it by itself. Whoever lets go last frees it.
+// queue refuses, or may be gone) lets go of it by itself. Whoever lets go last frees it, also when
+// its first post is refused. Its event ends on the thread that fired it, whoever that is.
 class CM_UTIL_EXPORT CCmEventSynchronous : public ICmEvent {
   public:
     // aEvent: owned. aQueue: the queue that is to run it; may be null.
@@ -161,7 +165,6 @@ class CM_UTIL_EXPORT CCmEventSynchronous : public ICmEvent {
 
   private:
     friend class CCmEventQueueBase;
-    class CSenderEnd;
     enum EOutcome : int { OUTCOME_NONE, OUTCOME_FIRED, OUTCOME_DISCARDED, OUTCOME_ABANDONED };
 
     void LetGo_i();
@@ -177,7 +180,8 @@ class CM_UTIL_EXPORT CCmEventSynchronous : public ICmEvent {
     std::atomic<bool> m_bHasDestoryed;
     CCmEventThread m_SendEvent;
     std::atomic<int> m_nOutcome;
-    bool m_bHoldsQueue;  // set by SendEvent before it posts
+    bool m_bHoldsQueue;      // set by SendEvent before it posts
+    bool m_bFiredElsewhere;  // on another thread than the one that made the wrapper
 };
 
 // The queue of a consumer that polls.
@@ -213,7 +217,7 @@ class CM_UTIL_EXPORT CCmEventQueueUsingConditionVariable : public CCmEventQueueB
     // Consumer thread only. Waits once while nothing is pending, at most aTimeout (relative; null
     // waits without limit), then takes at most aMaxCount events. CM_ERROR_NOT_FOUND: still empty,
     // also when the wait ended early without an event. A cancellation point while it waits; a
-    // cancelled thread leaves the queue usable.
+    // cancelled thread leaves the queue usable, and what is pending in it.
     CmResult PopOrWaitPendingEvents(std::list<ICmEvent*>& aEvents, CCmTimeValue* aTimeout,
                                     DWORD aMaxCount = 0xFFFFFFFF);
     // Consumer thread only. ProcessEvents, whose list nodes serve coming posts: the queue keeps as
@@ -231,19 +235,17 @@ class CM_UTIL_EXPORT CCmEventQueueUsingConditionVariable : public CCmEventQueueB
 
   private:
     class CWaiting;
-    class CUnstarted;
 
     CmResult AppendToList_l(CPosting& aPosting) CM_REQUIRES(m_Mutex);
-    void Wait_l(CCmTimeValue* aTimeout) CM_REQUIRES(m_Mutex);
-    void Wake_i();
     void PutBack_i(std::list<ICmEvent*>& aEvents);
 
     CCmMutexThread m_Mutex;
     CCmConditionVariableThread m_Condition;
     DWORD m_dwWaiters CM_GUARDED_BY(m_Mutex);              // consumers inside the wait
-    DWORD m_dwSignalled CM_GUARDED_BY(m_Mutex);            // of these, already being woken
+    std::atomic<DWORD> m_dwSignalled;                      // the last wait that was signalled
     std::list<ICmEvent*> m_Spares CM_GUARDED_BY(m_Mutex);  // list nodes for coming posts
     std::atomic<DWORD> m_dwSpares;                         // their number, as a hint
+    DWORD m_dwWait CM_GUARDED_BY(m_Mutex);                 // the number of the latest wait
     std::list<ICmEvent*> m_Spent;  // consumer thread only: nodes that are to become spare
 };
 

@@ -7,6 +7,7 @@
 #include <new>
 #include <string_view>
 
+#include "CmCancel.h"
 #include "CmProcessName.h"
 #include "CmProfileReader.h"
 #include "CmStatics.h"
@@ -74,6 +75,7 @@ bool IsTrue(const char* aText) {
 }
 
 bool FillExecName() {
+    CCmDisableCancel disableCancel;
     uint16_t awUnits[CM_PORT_NAME_UNITS];
     const size_t nUnits = CmPortExecutableName(awUnits);
     memcpy(s_achExecName, awUnits, nUnits * sizeof(uint16_t));
@@ -319,6 +321,7 @@ CCmString getCallerModuleName(const char* /*aIgnored*/) {
 }
 
 int MMP_GetCurrentModuleParentPath(char* aBuffer, int aSize) {
+    CCmDisableCancel disableCancel;
     if (aBuffer == nullptr || aSize <= 0 ||
         !CmPortApplicationParentPath(aBuffer, static_cast<size_t>(aSize))) {
         return 0;

@@ -1,5 +1,6 @@
 #include "CmTimerWrapper.h"
 
+#include "CmCancel.h"
 #include "CmScopedLock.h"
 #include "CmThread.h"
 #include "CmTimerCancel.h"
@@ -23,6 +24,7 @@ CCmTimerWrapperIDSink::~CCmTimerWrapperIDSink() = default;
 CCmTimerWrapperID::CCmTimerWrapperID() : m_bScheduled(false), m_pTimerQueue(nullptr) {}
 
 CCmTimerWrapperID::~CCmTimerWrapperID() {
+    CCmDisableCancel disableCancel;
     Cancel();
 }
 
@@ -68,6 +70,7 @@ low_tick_policy::low_tick_generator* low_tick_policy::low_tick_generator::instan
     if (CM_LIKELY(pGenerator != nullptr)) {
         return pGenerator;
     }
+    CCmDisableCancel disableCancel;
     // Reading the clock may create a singleton, and scheduling may trace to a host that does: the
     // mutex is held for neither, so that who comes with the singleton mutex may take it.
     low_tick_generator* pCreated = new (std::nothrow) low_tick_generator;

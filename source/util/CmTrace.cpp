@@ -1,5 +1,6 @@
 #include "CmTrace.h"
 
+#include "CmTraceGuard.h"
 #include "CmTraceLine.h"
 
 namespace UTIL_NS {
@@ -36,6 +37,7 @@ void set_util_external_trace_sink(UTIL_NS::UtilTraceSink aSink) {
 }
 
 void util_adapter_trace(unsigned long aLevel, const char* aText, unsigned int aLength) {
+    UTIL_NS::CCmTraceGuard guard;
     if (UTIL_NS::UtilTraceSink pfnSink = UTIL_NS::InstalledSink()) {
         pfnSink(aLevel, aText, aLength);
     } else {
@@ -45,6 +47,7 @@ void util_adapter_trace(unsigned long aLevel, const char* aText, unsigned int aL
 
 void util_adapter_trace_ex(unsigned long aLevel, const char* aModule, const char* aText,
                            unsigned int aLength) {
+    UTIL_NS::CCmTraceGuard guard;
     if (UTIL_NS::UtilTraceSink pfnSink = UTIL_NS::InstalledSink()) {
         pfnSink(aLevel, aText, aLength);
     } else {

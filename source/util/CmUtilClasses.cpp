@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "CmCancel.h"
 #include "CmScopedLock.h"
 #include "CmTrace.h"
 #include "CmUtilMisc.h"
@@ -111,6 +112,7 @@ void CCmCleanUpBase::CleanUp() {
 }
 
 void CCmCleanUpBase::CleanupAll() {
+    CCmDisableCancel disableCancel;
     CCmScopedLockT<CCmMutexThreadRecursive> lock(g_SingletonMutex);
     CCmCleanUpWalk walk;
     while (CCmCleanUpBase* pObject = walk.TakeNext()) {
@@ -159,6 +161,7 @@ int cm_ipv6_enabled = -1;
 namespace {
 
 int ProbeFamily(int aFamily) {
+    CCmDisableCancel disableCancel;
     const int nSocket = g_cmSystem.socket(aFamily, SOCK_DGRAM, 0);
     if (nSocket < 0) {
         return 0;

@@ -1,4 +1,4 @@
-// The macOS desktop services that CmPortMac.cpp calls; internal.
+// The macOS desktop services that CmPortMac.cpp calls, and the list of clean-up handlers; internal.
 //
 // Where the system's headers are missing (a cross build), this declares just what is called, with
 // the layout that the 64-bit system defines.
@@ -137,5 +137,28 @@ static_assert(sizeof(ProcessInfoRec) == 72 && offsetof(ProcessInfoRec, processIn
                   offsetof(ProcessInfoRec, processAppRef) == 64,
               "the process information's record");
 static_assert(kLSRequestExtension == 1, "the flag that asks for the extension");
+
+// ---- POSIX threads
+
+#include <pthread.h>
+
+// The newest clean-up handler of the calling thread: the list that the macros of <pthread.h> work
+// on, and that the system walks when it cancels the thread.
+#if defined(__APPLE__)
+
+inline __darwin_pthread_handler_rec*& CmMacCleanUps() {
+    return pthread_self()->__cleanup_stack;
+}
+
+#else
+
+struct __darwin_pthread_handler_rec {
+    void (*__routine)(void*);
+    void* __arg;
+    __darwin_pthread_handler_rec* __next;
+};
+__darwin_pthread_handler_rec*& CmMacCleanUps();
+
+#endif
 
 #endif  // CM_MAC_SERVICES_H

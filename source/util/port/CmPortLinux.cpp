@@ -175,4 +175,13 @@ int CmPortCoarseTimeOfDay(timeval* aNow, void* /*aUnused*/) {
     return rv;
 }
 
+bool CmPortTakesZeros() {
+    return true;
+}
+
+// A cancelled thread unwinds.
+void CmPortPushCleanUp(CmPortCleanUp* /*aCleanUp*/) {}
+
+void CmPortPopCleanUp(CmPortCleanUp* /*aCleanUp*/) {}
+
 }  // namespace UTIL_NS

@@ -61,6 +61,8 @@ CCmSystemTable g_cmSystem = {
     ::pthread_create,
     ::pthread_join,
     ::pthread_cancel,
+    CmPortPushCleanUp,
+    CmPortPopCleanUp,
     ::gettimeofday,
     ::nanosleep,
     ::sysconf,
