@@ -10,7 +10,9 @@
 
 #include "CmProcessName.h"
 #include "CmProfileReader.h"
+#include "CmScopedLock.h"
 #include "CmT120Trace.h"
+#include "CmTraceGuard.h"
 #include "CmTraceLine.h"
 #include "port/CmPort.h"
 
@@ -51,6 +53,8 @@ int ReadProfile(const char* aSection, const char* aKey, char* aOut, int aOutSize
     if (aSection == nullptr || aKey == nullptr || aPath == nullptr) {
         return -1;
     }
+    // The thread is not cancelled while the file is open.
+    CCmTraceGuard guard;
     CCmFileLines lines(aPath);
     CCmProfileSearch search(aSection, aKey);
     if (!CmFindInProfile(lines, search)) {
@@ -325,9 +329,18 @@ void CCmConfigInitFile::SetKeltoConfigFileName(CCmString const& aName) {
 void CCmConfigInitFile::get_rabbitmq_config_file_name(CCmString& /*aOut*/) {}
 
 const char* get_exec_name() {
-    // Executables keep their names, so that the buffer never changes under its readers.
-    static const bool s_bFilled = FillExecName();
-    return s_bFilled ? s_achExecName : "";
+    // Filled once: executables keep their names, and the buffer must not change under its readers.
+    // A release once it is filled, matched by this acquire, orders the name before its use.
+    static std::atomic<bool> s_bFilled{false};
+    static CCmEternalLockT<CCmMutexThread> s_mutex;
+    if (!s_bFilled.load(std::memory_order_acquire)) {
+        CCmTraceGuard guard;
+        CCmScopedLockT<CCmMutexThread> lock(s_mutex.m_Lock);
+        if (!s_bFilled.load(std::memory_order_relaxed)) {
+            s_bFilled.store(FillExecName(), std::memory_order_release);
+        }
+    }
+    return s_bFilled.load(std::memory_order_acquire) ? s_achExecName : "";
 }
 
 const char* CmProcessNameOf(const char* aExecName, const char* aFallback) {

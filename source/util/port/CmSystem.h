@@ -11,6 +11,7 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <netdb.h>
+#include <poll.h>
 #include <pthread.h>
 #include <regex.h>
 #include <stdio.h>
@@ -66,6 +67,8 @@ struct CCmSystemTable {
     int (*open)(const char*, int, mode_t);
     ssize_t (*read)(int, void*, size_t);
     int (*close)(int);
+    int (*poll)(struct pollfd*, nfds_t, int);
+    int (*fstat)(int, struct stat*);
     int (*dladdr)(const void*, Dl_info*);
     void* (*dlopen)(const char*, int);
     void* (*dlsym)(void*, const char*);
