@@ -168,10 +168,7 @@ class CM_UTIL_EXPORT CCmT120Trace {
     bool is_level_on(unsigned long aLevel) const;
     void open_bundle();
     bool build_file_path(char* aPath, size_t aSize, CCmString* aLogPath) const;
-    void read_levels(const char* aProcess);
-    void read_modules(const char* aProcess) CM_REQUIRES(m_Mutex);
-    void read_module(const char* aProcess, const char* aModule) CM_REQUIRES(m_Mutex);
-    void record_disabled_key(const char* aKey) CM_REQUIRES(m_Mutex);
+    CM_UTIL_HIDDEN void* open_file(void* aFile, unsigned long aSizeLimit, CCmString* aLogPath);
 
     static std::atomic<CCmT120Trace*> t120_trace;
 
@@ -185,7 +182,8 @@ class CM_UTIL_EXPORT CCmT120Trace {
     int m_nDayOfMonth;
     int m_nMonth;  // 1 to 12
     const pid_t m_ProcessId;
-    CCmMutexThreadRecursive m_Mutex;  // configuration and loading
+    uint32_t m_dwReading CM_GUARDED_BY(m_Mutex);  // of the configuration, the one in force
+    CCmMutexThreadRecursive m_Mutex;              // configuration and loading
     std::set<CCmString, std::less<>> m_DisabledKeys
         CM_GUARDED_BY(m_Mutex);  // "process.module.level name"
     void* m_hBundle CM_GUARDED_BY(m_Mutex);
