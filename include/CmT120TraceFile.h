@@ -74,6 +74,9 @@ class CM_UTIL_EXPORT CCmT120TraceFile {
   private:
     friend class CCmT120TraceFileMgr;
 
+    CM_UTIL_HIDDEN void end();
+    CM_UTIL_HIDDEN FILE* stream();
+    CM_UTIL_HIDDEN bool has_line_buffer();
     void collect_line_l(const char* aTag, const char* aModule, const char* aText)
         CM_REQUIRES(m_Mutex);
     void write_shared_l(const char* aTag, const char* aModule, const char* aText)
@@ -82,7 +85,7 @@ class CM_UTIL_EXPORT CCmT120TraceFile {
         CM_REQUIRES(m_Mutex);
     void write_at_l(long aPosition, const char* aText, size_t aLength) CM_REQUIRES(m_Mutex);
     void flush_buffer_l() CM_REQUIRES(m_Mutex);
-    void request_file_lock_l(struct flock& aRequest) CM_REQUIRES(m_Mutex);
+    void request_file_lock_l(struct flock& aRequest);  // in the file's turn
     bool read_position_l(long& aPosition) CM_REQUIRES(m_Mutex);
     bool is_at_limit_l(long aPosition) const CM_REQUIRES(m_Mutex);
     void truncate_l(long aPosition) CM_REQUIRES(m_Mutex);
@@ -107,7 +110,7 @@ class CM_UTIL_EXPORT CCmT120TraceFile {
 // The records of the process, by file name.
 class CM_UTIL_EXPORT CCmT120TraceFileMgr {
   public:
-    constexpr CCmT120TraceFileMgr() : m_Mutex(CCmStaticInit()) {}
+    constexpr CCmT120TraceFileMgr() = default;
     // Waits 200 ms for threads that still write, then ends every record. A manager with static
     // storage opens no more records after that.
     ~CCmT120TraceFileMgr();
@@ -132,9 +135,18 @@ class CM_UTIL_EXPORT CCmT120TraceFileMgr {
     static void init_reg_filter();
 
   private:
+    CM_UTIL_HIDDEN void end_records();
+    CM_UTIL_HIDDEN CCmT120TraceFile* unlink_record(const void* aRecord);
+
     std::atomic<CCmT120TraceFile*> m_pHeader{nullptr};  // newest first
     uint32_t m_dwCount = 0;                             // of all records ever created
-    CCmMutexThreadRecursive m_Mutex;
+    // Destroyed by the manager's destructor, unless other threads may still come.
+    union Mutex {
+        constexpr Mutex() : m_Lock(CCmStaticInit()) {}
+        ~Mutex() {}
+        CCmMutexThreadRecursive m_Lock;
+    };
+    Mutex m_Mutex;
     std::atomic<bool> m_bEnded{false};
 };
 

@@ -95,7 +95,6 @@ CCmSystemTable g_cmSystem = {
     ::gethostbyname,
     ::access,
     ::mkdir,
-    ::fopen,
     ::fdopen,
     ::fgets,
     ::regcomp,

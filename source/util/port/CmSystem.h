@@ -83,7 +83,6 @@ struct CCmSystemTable {
     hostent* (*gethostbyname)(const char*);
     int (*access)(const char*, int);
     int (*mkdir)(const char*, mode_t);
-    FILE* (*fopen)(const char*, const char*);
     FILE* (*fdopen)(int, const char*);
     char* (*fgets)(char*, int, FILE*);
     int (*regcomp)(regex_t*, const char*, int);
