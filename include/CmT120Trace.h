@@ -7,9 +7,9 @@
 //   Enable               FALSE silences everything; any value but TRUE counts as FALSE
 //   P.<level name>       TRUE or FALSE for one level
 //   P.Module             module names of up to 32 characters, separated by ","
-//   P.<module>.<level>   the level for one module, for enable_trace_print
-//   P                    size limit of the trace file in bytes; below 1025 means 20 MiB
-//   FlushPerLines        lines per flush of the trace file; below 1 means 1
+//   P.<module>.<level>   the level for one module, for enable_trace_print alone
+//   P                    size limit of every trace file in bytes; below 1025 means 20 MiB
+//   FlushPerLines        lines per flush of every trace file; below 1 means 1
 // Switches change only when the configuration is read: on load, and by refresh_trace_config.
 #ifndef CM_T120_TRACE_H
 #define CM_T120_TRACE_H
@@ -103,7 +103,7 @@ class CM_UTIL_EXPORT CCmT120Trace {
     };
 
     // The facility of the process, created and loaded on first use by whichever thread comes
-    // first (the others wait), never destroyed and never null.
+    // first (those that come meanwhile load it too), never destroyed and never null.
     static CCmT120Trace* instance();
 
     // False when trace_string of instance() would drop every text of this level. True as long as
@@ -128,7 +128,8 @@ class CM_UTIL_EXPORT CCmT120Trace {
     // could be opened every text is dropped.
     virtual unsigned char load(void* aFile);
 
-    // Reads all switches anew.
+    // Reads all switches anew. Nobody else waits for the file: no lock is held while it is read. Of
+    // two readings at once the one that began last holds.
     void read_config();
     void refersh_trace_config();
 

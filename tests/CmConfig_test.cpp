@@ -632,6 +632,21 @@ TEST(CmConfigParam, Numbers_AreParsed) {
     EXPECT_EQ(0u, get_uint32_param("s", "bad"));
 }
 
+TEST(CmConfigParam, NumbersBeyondALong_AreItsLimitFirst) {
+    ScopedHome home;
+    home.WriteConfig(
+        "[s]\nabove=9223372036854775808\nbelow=-9223372036854775809\n"
+        "huge=18446744073709551616\n");
+    EXPECT_EQ(-1, get_int_param("s", "above"));
+    EXPECT_EQ(0, get_int_param("s", "below"));
+    EXPECT_EQ(65535, get_uint16_param("s", "above"));
+    EXPECT_EQ(0u, get_uint32_param("s", "above"));
+    EXPECT_EQ(4294967295u, get_uint32_param("s", "huge"));
+    EXPECT_EQ(-1, CCmConfigInitFile().GetIntParam("s", "huge", 7));
+    EXPECT_EQ(4294967295u, CCmConfigInitFile().GetDwordParam("s", "huge", 7));
+    EXPECT_EQ(65535, CCmConfigInitFile().GetWordParam("s", "huge", 7));
+}
+
 TEST(CmConfigParam, OnlyTrue_IsTrue) {
     ScopedHome home;
     home.WriteConfig("[Trace]\na=TRUE\nb=true\nc=tRuE;\nd=1\ne=yes\nf=on\ng=TRUEX\nh=TRU\n");
