@@ -100,6 +100,23 @@ TEST_F(CmT120TraceFile, Attach_KeepsWhatTheFileHolds) {
     EXPECT_EQ("kept", Content());
 }
 
+TEST_F(CmT120TraceFile, Attach_TakesAnyFileForATraceFile) {
+    for (const char* pszStart : {"no number", "40 is one"}) {
+        const std::string sBefore = pszStart + std::string(1000, 'x');
+        const size_t nPosition = *pszStart == '4' ? 40 : 0;
+        WriteFile(m_sPath, sBefore);
+        CCmT120TraceFile file(m_sPath.c_str(), 0, 1, 0);
+        EXPECT_EQ(CM_OK, file.attach());
+        file.write(nullptr, nullptr, "over it");
+        const size_t nLength = Stamp().size() + 9;
+        const std::string sContent = Content();
+        EXPECT_EQ(Header(static_cast<long>(nPosition + nLength)), sContent.substr(0, 32));
+        EXPECT_EQ(sBefore.size(), sContent.size());
+        EXPECT_EQ("over it\n" + std::string(MARKER) + "x",
+                  sContent.substr(nPosition + nLength - 8, 8 + 73 + 1));
+    }
+}
+
 TEST_F(CmT120TraceFile, Attach_NeedsAName) {
     CCmT120TraceFile file(nullptr, 0, 0, 0);
     EXPECT_EQ(CM_ERROR_INVALID_ARG, file.attach());
@@ -318,6 +335,10 @@ TEST_F(CmT120TraceFile, Write_StillFlushes_WhenACutLineFilledTheBuffer) {
     file.write(nullptr, nullptr, std::string(9000, 'x').c_str());
     file.write(nullptr, nullptr, "no room");
     EXPECT_EQ(Header(32 + 4095), Content().substr(0, 32));
+    EXPECT_EQ(std::string::npos, Content().find("no room"));
+    file.write(nullptr, nullptr, "room");
+    file.flush_buffer();
+    EXPECT_NE(std::string::npos, Content().find(" room\n"));
 }
 
 TEST_F(CmT120TraceFile, WriteShared_CutsNothing) {

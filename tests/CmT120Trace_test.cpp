@@ -259,6 +259,16 @@ TEST_F(CmT120Trace, Config_TurnsLevelsOffPerModule) {
               LevelsOn(*pTrace, "other"));
 }
 
+// The example of docs/configuration.md.
+TEST_F(CmT120Trace, Config_SwitchesNoModuleOnAtALevelThatIsOff) {
+    const std::string sModules = "C.Module=rtp,stats\nC.rtp.Detail=TRUE\nC.stats.Info=FALSE\n";
+    std::unique_ptr<CCmT120Trace> pTrace = Load("C.Detail=TRUE\n" + sModules);
+    EXPECT_EQ((std::vector<int>{0, 1, 10, 11, 12, 13, 20, 25}), LevelsOn(*pTrace, "rtp"));
+    EXPECT_EQ((std::vector<int>{0, 1, 10, 11, 12, 13}), LevelsOn(*pTrace, "stats"));
+    pTrace = Load(sModules);
+    EXPECT_EQ((std::vector<int>{0, 1, 10, 11, 12, 13, 20}), LevelsOn(*pTrace, "rtp"));
+}
+
 TEST_F(CmT120Trace, Config_TurnsDefaultOnLevelsOffPerModule) {
     std::unique_ptr<CCmT120Trace> pTrace = Load(
         "C.Module=net\nC.net.Error=FALSE\nC.net.Warning=FALSE\nC.net.Info=FALSE\n"
