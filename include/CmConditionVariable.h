@@ -48,7 +48,7 @@ class CM_UTIL_EXPORT CM_CAPABILITY("mutex") CCmMutexThreadBase {
     pthread_mutex_t m_Mutex;
 
   private:
-    friend class CCmConditionVariableThread;
+    friend struct CCmConditionSteps;
 };
 
 // The owning thread may lock it again; it is free after as many calls of UnLock.
@@ -91,6 +91,8 @@ class CM_UTIL_EXPORT CCmConditionVariableThread {
     CmResult Wait(CCmTimeValue* aTimeout);
 
   private:
+    friend struct CCmConditionSteps;
+
     CCmMutexThread& m_Mutex;
     pthread_cond_t m_Condition;
 };
@@ -123,7 +125,7 @@ class CM_UTIL_EXPORT CCmEventThread {
     friend class CCmEventSynchronous;
 
     // Signal of an automatic event that its waiter leaves alive: the waiter does not wake up only
-    // to find the mutex taken.
+    // to find the mutex taken. It must not be missed: what fails is tried again.
     CmResult SignalBehindLock_i();
 
     CCmMutexThread m_Mutex;

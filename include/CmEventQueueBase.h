@@ -113,6 +113,7 @@ class CM_UTIL_EXPORT CCmEventQueueBase : public ICmEventQueue {
   protected:
     // One post, prepared before the lock is taken and concluded after it was released.
     struct CPosting;
+    class CPass;
     CmResult Prepare_i(CPosting& aPosting, bool aNeedsNode);
     // Uses the first node of aNodes, which has one.
     CmResult Append_l(CPosting& aPosting, std::list<ICmEvent*>& aNodes);
@@ -161,7 +162,6 @@ class CM_UTIL_EXPORT CCmEventSynchronous : public ICmEvent {
 
   private:
     friend class CCmEventQueueBase;
-    class CSenderEnd;
     enum EOutcome : int { OUTCOME_NONE, OUTCOME_FIRED, OUTCOME_DISCARDED, OUTCOME_ABANDONED };
 
     void LetGo_i();
@@ -177,7 +177,8 @@ class CM_UTIL_EXPORT CCmEventSynchronous : public ICmEvent {
     std::atomic<bool> m_bHasDestoryed;
     CCmEventThread m_SendEvent;
     std::atomic<int> m_nOutcome;
-    bool m_bHoldsQueue;  // set by SendEvent before it posts
+    bool m_bHoldsQueue;      // set by SendEvent before it posts
+    bool m_bFiredElsewhere;  // on another thread than the one that made the wrapper
 };
 
 // The queue of a consumer that polls.
@@ -230,19 +231,17 @@ class CM_UTIL_EXPORT CCmEventQueueUsingConditionVariable : public CCmEventQueueB
 
   private:
     class CWaiting;
-    class CUnstarted;
 
     CmResult AppendToList_l(CPosting& aPosting) CM_REQUIRES(m_Mutex);
-    void Wait_l(CCmTimeValue* aTimeout) CM_REQUIRES(m_Mutex);
-    void Wake_i();
     void PutBack_i(std::list<ICmEvent*>& aEvents);
 
     CCmMutexThread m_Mutex;
     CCmConditionVariableThread m_Condition;
     DWORD m_dwWaiters CM_GUARDED_BY(m_Mutex);              // consumers inside the wait
-    DWORD m_dwSignalled CM_GUARDED_BY(m_Mutex);            // of these, already being woken
+    std::atomic<DWORD> m_dwSignalled;                      // the last wait that was signalled
     std::list<ICmEvent*> m_Spares CM_GUARDED_BY(m_Mutex);  // list nodes for coming posts
     std::atomic<DWORD> m_dwSpares;                         // their number, as a hint
+    DWORD m_dwWait CM_GUARDED_BY(m_Mutex);                 // the number of the latest wait
     std::list<ICmEvent*> m_Spent;  // consumer thread only: nodes that are to become spare
 };
 

@@ -262,6 +262,30 @@ TEST(CmMutex, Types_AreThreeAndRecursive) {
     EXPECT_EQ(PTHREAD_MUTEX_RECURSIVE, g_nType);
 }
 
+// The end of what was never made, as some systems report it.
+constexpr int NEVER_MADE = EINVAL;
+
+TEST(CmMutex, FailedInit_IsTracedOnce_WhenTheEndFailsToo) {
+    FailingCall<&CCmSystemTable::pthread_mutex_destroy> endFault(
+        NEVER_MADE, NEVER_MADE, 1, kelto_test::Failing::FROM_THERE_ON);
+    for (bool bRecursive : {false, true}) {
+        ScopedTraceSink sink;
+        {
+            FailingCall<&CCmSystemTable::pthread_mutex_init> fault(ENOMEM, ENOMEM);
+            if (bRecursive) {
+                CCmMutexThreadRecursive mutex;
+            } else {
+                CCmMutexThread mutex;
+            }
+        }
+        EXPECT_EQ(1u, sink.lines().size());
+        EXPECT_EQ(1u, sink.count("pthread_mutex_init() failed! err=12"));
+    }
+    ScopedTraceSink sink;
+    { CCmMutexThread mutex; }
+    EXPECT_EQ(1u, sink.count("pthread_mutex_destroy() failed! err=22"));
+}
+
 // ---- Condition ----
 
 class CmCondition : public testing::Test {
@@ -279,6 +303,16 @@ class CmCondition : public testing::Test {
 TEST_F(CmCondition, Constructor_FailureIsTraced) {
     FailingCall<&CCmSystemTable::pthread_cond_init> fault(EAGAIN, EAGAIN);
     CCmConditionVariableThread condition(m_Mutex);
+    EXPECT_EQ(
+        "UTIL WARNING: CCmConditionVariableThread::CCmConditionVariableThread, "
+        "pthread_cond_init() failed! err=11 this=0x#",
+        OnlyLine(m_sink, 10));
+}
+
+TEST_F(CmCondition, Constructor_FailureIsTracedOnce_WhenTheEndFailsToo) {
+    FailingCall<&CCmSystemTable::pthread_cond_init> fault(EAGAIN, EAGAIN);
+    FailingCall<&CCmSystemTable::pthread_cond_destroy> endFault(NEVER_MADE, NEVER_MADE);
+    { CCmConditionVariableThread condition(m_Mutex); }
     EXPECT_EQ(
         "UTIL WARNING: CCmConditionVariableThread::CCmConditionVariableThread, "
         "pthread_cond_init() failed! err=11 this=0x#",
@@ -633,6 +667,80 @@ TEST(CmEvent, Stress_HandsOverEverySignal) {
     }
     other.join();
     EXPECT_EQ(2 * ROUNDS, nTurn);
+}
+
+// The lines that come while a mutex is held are counted; the test's own thread only.
+int g_nHeld = 0;
+int g_nLines = 0;
+int g_nLinesUnderLock = 0;
+int LockAndCount(pthread_mutex_t* aMutex) {
+    ++g_nHeld;
+    return pthread_mutex_lock(aMutex);
+}
+int UnlockAndCount(pthread_mutex_t* aMutex) {
+    --g_nHeld;
+    return pthread_mutex_unlock(aMutex);
+}
+void CountingSink(unsigned long, const char*, unsigned int) {
+    ++g_nLines;
+    g_nLinesUnderLock += g_nHeld != 0 ? 1 : 0;
+}
+
+TEST(CmEvent, Failures_AreTracedBehindTheMutex) {
+    CCmEventThread manual(MANUAL, 0, nullptr);
+    CCmEventThread automatic(AUTO, 0, nullptr);
+    kelto_test::ScopedEntry<int (*)(pthread_mutex_t*)> lock(g_cmSystem.pthread_mutex_lock,
+                                                            &LockAndCount);
+    kelto_test::ScopedEntry<int (*)(pthread_mutex_t*)> unlock(g_cmSystem.pthread_mutex_unlock,
+                                                              &UnlockAndCount);
+    constexpr auto ALWAYS = kelto_test::Failing::FROM_THERE_ON;
+    FailingCall<&CCmSystemTable::pthread_cond_wait> wait(EINVAL, EINVAL, 1, ALWAYS);
+    FailingCall<&CCmSystemTable::pthread_cond_timedwait> timedWait(EINVAL, EINVAL, 1, ALWAYS);
+    FailingCall<&CCmSystemTable::pthread_cond_signal> signal(EINVAL, EINVAL, 1, ALWAYS);
+    FailingCall<&CCmSystemTable::pthread_cond_broadcast> broadcast(EINVAL, EINVAL, 1, ALWAYS);
+    const UtilTraceSink pfnPrevious = g_util_trace_sink.load();
+    set_util_external_trace_sink(&CountingSink);
+    g_nHeld = g_nLines = g_nLinesUnderLock = 0;
+    EXPECT_EQ(CM_ERROR_FAILURE, automatic.Wait(nullptr));
+    EXPECT_EQ(CM_ERROR_FAILURE, WaitShortly(automatic));
+    EXPECT_EQ(CM_ERROR_FAILURE, automatic.Pulse());
+    EXPECT_EQ(CM_ERROR_FAILURE, manual.Signal());
+    EXPECT_EQ(CM_ERROR_FAILURE, manual.Pulse());
+    set_util_external_trace_sink(pfnPrevious);
+    EXPECT_EQ(5, g_nLines);
+    EXPECT_EQ(0, g_nLinesUnderLock);
+    EXPECT_EQ(0, g_nHeld);
+}
+
+int SignalInstead(pthread_cond_t*) {
+    return EINVAL;
+}
+CCmEventThread* g_pEventToSignal = nullptr;
+// Another thread's signal, while this one waits.
+int SignalledWait(pthread_cond_t*, pthread_mutex_t* aMutex) {
+    UnlockAndCount(aMutex);
+    EXPECT_EQ(CM_ERROR_FAILURE, g_pEventToSignal->Signal());
+    return LockAndCount(aMutex);
+}
+
+TEST(CmEvent, Signal_FailureIsTracedBehindTheMutex_WhenSomebodyWaits) {
+    CCmEventThread event(AUTO, 0, nullptr);
+    g_pEventToSignal = &event;
+    kelto_test::ScopedEntry<int (*)(pthread_mutex_t*)> lock(g_cmSystem.pthread_mutex_lock,
+                                                            &LockAndCount);
+    kelto_test::ScopedEntry<int (*)(pthread_mutex_t*)> unlock(g_cmSystem.pthread_mutex_unlock,
+                                                              &UnlockAndCount);
+    kelto_test::ScopedEntry<int (*)(pthread_cond_t*)> signal(g_cmSystem.pthread_cond_signal,
+                                                             &SignalInstead);
+    kelto_test::ScopedEntry<int (*)(pthread_cond_t*, pthread_mutex_t*)> wait(
+        g_cmSystem.pthread_cond_wait, &SignalledWait);
+    const UtilTraceSink pfnPrevious = g_util_trace_sink.load();
+    set_util_external_trace_sink(&CountingSink);
+    g_nHeld = g_nLines = g_nLinesUnderLock = 0;
+    EXPECT_EQ(CM_OK, event.Wait(nullptr));
+    set_util_external_trace_sink(pfnPrevious);
+    EXPECT_EQ(1, g_nLines);
+    EXPECT_EQ(0, g_nLinesUnderLock);
 }
 
 // ---- Counter ----

@@ -4,7 +4,9 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <functional>
 #include <memory>
+#include <optional>
 #include <thread>
 
 #include "support/Clock.h"
@@ -975,6 +977,93 @@ TEST(CmEventSend, GoesOnWaiting_WhenTheWaitEndsForNoReason) {
     EXPECT_EQ(RESULT, rv);
 }
 
+// Holds the thread that fires back once it has woken its sender.
+class HeldAfterWake {
+  public:
+    HeldAfterWake() { s_bGo = false; }
+    void Release() { s_bGo = true; }
+
+  private:
+    static int Signal(pthread_cond_t* aCondition) {
+        const int rv = pthread_cond_signal(aCondition);
+        Eventually([] { return s_bGo.load(); });
+        return rv;
+    }
+
+    inline static std::atomic<bool> s_bGo{false};
+    kelto_test::ScopedEntry<decltype(g_cmSystem.pthread_cond_signal)> m_signal{
+        g_cmSystem.pthread_cond_signal, &Signal};
+};
+
+// Says which thread ends it.
+class PlacedEvent : public ICmEvent {
+  public:
+    PlacedEvent(std::atomic<pthread_t>& aEndedOn, std::function<void()> aWork)
+        : m_endedOn(aEndedOn), m_work(std::move(aWork)) {}
+    CmResult OnEventFire() override {
+        m_work();
+        return RESULT;
+    }
+    void OnDestorySelf() override {
+        m_endedOn = pthread_self();
+        delete this;
+    }
+
+  private:
+    std::atomic<pthread_t>& m_endedOn;
+    const std::function<void()> m_work;
+};
+
+// aInFire: what the event does. aBack: what the sender does once its send has returned; the thread
+// that fired the event is held until then.
+void ExpectEndOnTheFiringThread(const std::function<void(CCmEventQueueBase&)>& aInFire,
+                                const std::function<void(CCmEventQueueUsingMutex&)>& aBack) {
+    const long lLive = kelto_test::LiveAllocationsBefore();
+    {
+        CCmEventQueueUsingMutex queue;
+        std::atomic<pthread_t> endedOn{pthread_t()};
+        HeldAfterWake held;
+        std::thread sender([&] {
+            EXPECT_EQ(RESULT, queue.SendEvent(new PlacedEvent(endedOn, [&] { aInFire(queue); })));
+            aBack(queue);
+            EXPECT_EQ(pthread_t(), endedOn.load());
+            held.Release();
+        });
+        ASSERT_TRUE(Eventually([&] { return queue.GetPendingEventsCount() == 1; }));
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));  // let it wait
+        Events events;
+        queue.PopPendingEventsLocked(events);
+        queue.ProcessEvents(events);
+        EXPECT_EQ(pthread_self(), endedOn.load());
+        sender.join();
+    }
+    EXPECT_EQ(lLive, kelto_test::LiveAllocations());
+}
+
+TEST(CmEventSend, EndsTheEventWhereItFired_WhenAStopRefusesTheWrapper) {
+    ExpectEndOnTheFiringThread([](CCmEventQueueBase& aQueue) { aQueue.SetStopped(); },
+                               [](CCmEventQueueUsingMutex&) {});
+}
+
+TEST(CmEventSend, EndsTheEventWhereItFired_WhenMemoryIsOutForTheWrapper) {
+    std::optional<kelto_test::ScopedAllocationFault> fault;
+    ExpectEndOnTheFiringThread(
+        [&](CCmEventQueueBase&) {
+            fault.emplace(1, kelto_test::Failing::FROM_THERE_ON,
+                          kelto_test::AllocationsOf::ALL_THREADS);
+        },
+        [&](CCmEventQueueUsingMutex&) {
+            EXPECT_TRUE(fault->hit());
+            fault.reset();
+        });
+}
+
+TEST(CmEventSend, EndsTheEventWhereItFired_WhenItsSenderDestroysWhatIsPending) {
+    ExpectEndOnTheFiringThread(
+        [](CCmEventQueueBase&) {},
+        [](CCmEventQueueUsingMutex& aQueue) { aQueue.DestoryPendingEvents(); });
+}
+
 TEST(CmEventSend, WakesTheSender_WhenOneSignalFails) {
     EventLog log;
     CCmEventQueueUsingMutex queue;
@@ -1285,6 +1374,76 @@ TEST(CmEventQueueUsingConditionVariable, SignalsOnce_WhenTwoPostsComeBeforeItsCo
     EXPECT_EQ(1, g_nSignals.load());
 }
 
+std::atomic<bool> g_bFirstSignalHeld{false};
+std::atomic<bool> g_bSignalMayGo{false};
+int FirstSignalHeld(pthread_cond_t* aCondition) {
+    if (!g_bFirstSignalHeld.exchange(true)) {
+        Eventually([] { return g_bSignalMayGo.load(); });
+    }
+    return CountedSignal(aCondition);
+}
+
+TEST(CmEventQueueUsingConditionVariable, Signals_WhenAnEarlierPosterHasNotGotToItsSignal) {
+    EventLog log;
+    CCmEventQueueUsingConditionVariable queue;
+    WaitCounter counter;
+    g_bFirstSignalHeld = g_bSignalMayGo = false;
+    kelto_test::ScopedEntry<decltype(g_cmSystem.pthread_cond_signal)> signal(
+        g_cmSystem.pthread_cond_signal, &FirstSignalHeld);
+    std::atomic<bool> bTook{false};
+    std::thread consumer([&] {
+        Events events;
+        EXPECT_EQ(CM_OK, queue.PopOrWaitPendingEvents(events, nullptr));
+        queue.ProcessEvents(events);
+        bTook = true;
+    });
+    EXPECT_TRUE(Eventually([] { return g_nWaits == 1; }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));  // let it wait
+    std::thread preempted([&] { Post(queue, log, 1, 1); });
+    EXPECT_TRUE(Eventually([] { return g_bFirstSignalHeld.load(); }));
+    Post(queue, log, 2, 2);
+    EXPECT_TRUE(Eventually([&] { return bTook.load(); }));
+    EXPECT_FALSE(g_bSignalMayGo);
+    EXPECT_EQ((Ids{1, 2}), log.fired());
+    // And the late signal is not taken for one of the next wait.
+    std::thread next([&] {
+        Events events;
+        while (CM_FAILED(queue.PopOrWaitPendingEvents(events, nullptr))) {
+        }
+        queue.ProcessEvents(events);
+    });
+    EXPECT_TRUE(Eventually([] { return g_nWaits == 2; }));
+    g_bSignalMayGo = true;
+    preempted.join();
+    EXPECT_TRUE(Eventually([] { return g_nSignals == 2; }));
+    Post(queue, log, 3, 3);
+    next.join();
+    consumer.join();
+    EXPECT_EQ((Ids{1, 2, 3}), log.ended());
+}
+
+TEST(CmEventQueueUsingConditionVariable, WakesEveryConsumer_WhenSeveralWait) {
+    constexpr int CONSUMERS = 3;
+    EventLog log;
+    CCmEventQueueUsingConditionVariable queue;
+    WaitCounter counter;
+    std::vector<std::thread> consumers;
+    for (int i = 0; i < CONSUMERS; ++i) {
+        consumers.emplace_back([&] {
+            Events events;
+            while (CM_FAILED(queue.PopOrWaitPendingEvents(events, nullptr, 1))) {
+            }
+            queue.ProcessEvents(events);
+        });
+    }
+    EXPECT_TRUE(Eventually([] { return g_nWaits == CONSUMERS; }));
+    Post(queue, log, 1, CONSUMERS);
+    for (std::thread& consumer : consumers) {
+        consumer.join();
+    }
+    EXPECT_EQ(static_cast<size_t>(CONSUMERS), log.ended().size());
+}
+
 thread_local int t_nLocksHeld = 0;
 int CountedLock(pthread_mutex_t* aMutex) {
     ++t_nLocksHeld;
@@ -1321,6 +1480,104 @@ TEST(CmEventQueueUsingConditionVariable, SignalsOnceBehindTheUnlock_WhenItsConsu
     consumer.join();
     EXPECT_EQ(1, g_nSignals.load());
     EXPECT_EQ(0, g_nLocksHeldAtSignal.load());
+}
+
+// The lines that come while a mutex is held are counted.
+std::atomic<int> g_nLines{0};
+std::atomic<int> g_nLinesUnderLock{0};
+void LockCheckingSink(unsigned long, const char*, unsigned int) {
+    ++g_nLines;
+    g_nLinesUnderLock += t_nLocksHeld != 0 ? 1 : 0;
+}
+
+class LockedLines {
+  public:
+    LockedLines() : m_pfnPrevious(g_util_trace_sink.load()) {
+        g_nLines = g_nLinesUnderLock = 0;
+        t_nLocksHeld = 0;
+        set_util_external_trace_sink(&LockCheckingSink);
+    }
+    ~LockedLines() { set_util_external_trace_sink(m_pfnPrevious); }
+    LockedLines(const LockedLines&) = delete;
+    LockedLines& operator=(const LockedLines&) = delete;
+
+  private:
+    const UtilTraceSink m_pfnPrevious;
+    kelto_test::ScopedEntry<decltype(g_cmSystem.pthread_mutex_lock)> m_lock{
+        g_cmSystem.pthread_mutex_lock, &CountedLock};
+    kelto_test::ScopedEntry<decltype(g_cmSystem.pthread_mutex_unlock)> m_unlock{
+        g_cmSystem.pthread_mutex_unlock, &CountedUnlock};
+};
+
+TEST(CmEventQueueUsingConditionVariable, HoldsNoLock_WhenItReportsAFailedWait) {
+    CCmEventQueueUsingConditionVariable queue;
+    LockedLines lines;
+    Events events;
+    CCmTimeValue tvShort(0, 1000);
+    kelto_test::FailingCall<&CCmSystemTable::pthread_cond_wait> fault(EINVAL, EINVAL);
+    kelto_test::FailingCall<&CCmSystemTable::pthread_cond_timedwait> timedFault(EINVAL, EINVAL);
+    EXPECT_EQ(CM_ERROR_NOT_FOUND, queue.PopOrWaitPendingEvents(events, nullptr));
+    EXPECT_EQ(CM_ERROR_NOT_FOUND, queue.PopOrWaitPendingEvents(events, &tvShort));
+    EXPECT_EQ(4, g_nLines);
+    EXPECT_EQ(0, g_nLinesUnderLock);
+}
+
+TEST(CmEventSend, HoldsNoLock_WhenItReportsAFailedWait) {
+    EventLog log;
+    CCmEventQueueUsingMutex queue;
+    LockedLines lines;
+    kelto_test::FailingCall<&CCmSystemTable::pthread_cond_wait> fault(EINVAL, EINVAL);
+    EXPECT_EQ(CM_ERROR_FAILURE, queue.SendEvent(new LoggedEvent(log, 1)));
+    EXPECT_EQ(2, g_nLines);
+    EXPECT_EQ(0, g_nLinesUnderLock);
+}
+
+TEST(CmEventSend, WritesOneLine_WhenItsWakingFailsForGood) {
+    EventLog log;
+    CCmEventQueueUsingMutex queue;
+    WaitCounter counter;
+    std::thread sender([&] { EXPECT_EQ(CM_OK, queue.SendEvent(new LoggedEvent(log, 1))); });
+    EXPECT_TRUE(Eventually([] { return g_nWaits == 1; }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));  // let it wait
+    Events events;
+    queue.PopPendingEventsLocked(events);
+    {
+        LockedLines lines;
+        kelto_test::FailingCall<&CCmSystemTable::pthread_cond_signal> fault(
+            EINVAL, EINVAL, 1, kelto_test::Failing::FROM_THERE_ON,
+            kelto_test::Effect::ALL_THE_SAME);
+        queue.ProcessEvents(events);
+        sender.join();
+        EXPECT_EQ(3u, fault.calls());
+        EXPECT_EQ(1, g_nLines);
+        EXPECT_EQ(0, g_nLinesUnderLock);
+    }
+}
+
+TEST(CmEventQueueUsingConditionVariable, WritesOneLineAPost_WhenItsSignalsFailForGood) {
+    EventLog log;
+    CCmEventQueueUsingConditionVariable queue;
+    WaitCounter counter;
+    std::thread consumer([&] {
+        Events events;
+        while (CM_FAILED(queue.PopOrWaitPendingEvents(events, nullptr))) {
+        }
+        queue.ProcessEvents(events);
+    });
+    EXPECT_TRUE(Eventually([] { return g_nWaits == 1; }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));  // let it wait
+    {
+        LockedLines lines;
+        kelto_test::FailingCall<&CCmSystemTable::pthread_cond_signal> fault(
+            EINVAL, EINVAL, 1, kelto_test::Failing::FROM_THERE_ON);
+        Post(queue, log, 1, 2);
+        EXPECT_EQ(6u, fault.calls());
+        EXPECT_EQ(2, g_nLines);
+        EXPECT_EQ(0, g_nLinesUnderLock);
+    }
+    Post(queue, log, 3, 3);
+    consumer.join();
+    EXPECT_EQ(3u, log.ended().size());
 }
 
 TEST(CmEventQueueUsingConditionVariable, DoesNotSignal_WhenItRefuses) {

@@ -11,7 +11,9 @@
 #include <vector>
 
 #include "CmConditionVariable.h"
+#include "CmThread.h"
 #include "port/CmConditionSemaphore.h"
+#include "support/Cancellation.h"
 #include "support/Faults.h"
 #include "support/TraceSink.h"
 
@@ -159,6 +161,33 @@ TYPED_TEST(CmSemaphoreImplementation, Wait_CancelledLeavesTheSemaphoreUsable) {
     this->Destroy();
 }
 
+// The thread of a semaphore's waiter.
+class SemaphoreThread : public ACmThread {
+  public:
+    explicit SemaphoreThread(CmConditionSemaphore& aSemaphore) : m_semaphore(aSemaphore) {}
+    void OnThreadRun() override { CmConditionSemaphoreWait(&m_semaphore); }
+
+  private:
+    CmConditionSemaphore& m_semaphore;
+};
+
+TEST(CmConditionSemaphoreCancelled, LeavesTheSemaphoreUsable_WhenHandlersAloneAreRun) {
+    kelto_test::ScopedHandlersOnly handlersOnly;
+    CmConditionSemaphore semaphore;
+    ASSERT_EQ(0, CmConditionSemaphoreInit(&semaphore, 0));
+    SemaphoreThread* pThread = new SemaphoreThread(semaphore);
+    ASSERT_EQ(CM_OK, pThread->Create(1, TF_JOINABLE, 0));
+    SleepAMoment();
+    EXPECT_EQ(0, pThread->Terminate());
+    EXPECT_EQ(CM_OK, pThread->Join());
+    pThread->Destory(0);
+    ASSERT_EQ(0, pthread_mutex_trylock(&semaphore.m_Mutex));
+    pthread_mutex_unlock(&semaphore.m_Mutex);
+    EXPECT_EQ(0, CmConditionSemaphorePost(&semaphore));
+    EXPECT_EQ(0, CmConditionSemaphoreWait(&semaphore));
+    EXPECT_EQ(0, CmConditionSemaphoreDestroy(&semaphore));
+}
+
 class CmConditionSemaphoreFailure : public testing::Test {
   protected:
     void ExpectFailed(int aError, int aResult) {
@@ -271,6 +300,17 @@ TEST(CmSemaphore, Constructor_FailureIsTraced) {
     ScopedTraceSink sink;
     FailingCall<&CCmSystemTable::sem_init> fault(ENOSYS);
     CCmSemaphore semaphore(1);
+    EXPECT_EQ("UTIL WARNING: CCmSemaphore::CCmSemaphore, sem_init() failed! err=38 this=0x#",
+              OnlyLine(sink));
+}
+
+TEST(CmSemaphore, Constructor_FailureIsTracedOnce_WhenTheEndFailsToo) {
+    ScopedTraceSink sink;
+    {
+        FailingCall<&CCmSystemTable::sem_init> fault(ENOSYS);
+        FailingCall<&CCmSystemTable::sem_destroy> endFault(EINVAL);
+        CCmSemaphore semaphore(1);
+    }
     EXPECT_EQ("UTIL WARNING: CCmSemaphore::CCmSemaphore, sem_init() failed! err=38 this=0x#",
               OnlyLine(sink));
 }

@@ -4,10 +4,13 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 
+#include "support/Cancellation.h"
 #include "support/Events.h"
 #include "support/Eventually.h"
 #include "support/Faults.h"
@@ -1061,12 +1064,27 @@ TEST(CmThreadTask, LifeGoesOn_WhenOneWaitFails) {
     ExpectLifeGoesOn<&CCmSystemTable::pthread_cond_timedwait>(kelto_test::Failing::ONCE);
 }
 
-// Cancellation.
+// Cancellation, on a system that unwinds the thread (where this one does) and on one that does not.
+
+class CmCancelledThread : public testing::TestWithParam<bool> {
+  protected:
+    CmCancelledThread() {
+        if (GetParam()) {
+            m_handlersOnly.emplace();
+        }
+    }
+
+  private:
+    std::optional<kelto_test::ScopedHandlersOnly> m_handlersOnly;
+};
+
+INSTANTIATE_TEST_SUITE_P(, CmCancelledThread, testing::Bool(),
+                         [](const auto& aInfo) { return aInfo.param ? "HandlersOnly" : "AsHere"; });
 
 // Not within a sleep, out of which the thread sanitizer cannot follow a cancelled thread.
 CmResult SpinUntilCancelled() {
     for (;;) {
-        pthread_testcancel();
+        kelto_test::TestCancel();
         std::this_thread::yield();
     }
 }
@@ -1083,7 +1101,7 @@ bool CanBeLocked(ICmEventQueue* aQueue) {
     return bResult;
 }
 
-TEST(CmThreadTask, LeavesItsQueueUnlocked_WhenTerminatedInItsWait) {
+TEST_P(CmCancelledThread, LeavesItsQueueUnlocked_WhenTerminatedInItsWait) {
     for (bool bWithTimerQueue : {false, true}) {
         const long lLive = kelto_test::LiveAllocationsBefore();
         ACmThread* pThread = nullptr;
@@ -1098,7 +1116,7 @@ TEST(CmThreadTask, LeavesItsQueueUnlocked_WhenTerminatedInItsWait) {
     }
 }
 
-TEST(CmThreadTask, LosesNoEvent_WhenTerminatedInAHandler) {
+TEST_P(CmCancelledThread, LosesNoEvent_WhenTerminatedInAHandler) {
     EventLog log;
     ACmThread* pThread = nullptr;
     ASSERT_EQ(CM_OK, CreateUserTaskThread(&pThread, TF_JOINABLE, true, TYPE));
@@ -1132,7 +1150,7 @@ TEST(CmThreadTask, LosesNoEvent_WhenTerminatedInAHandler) {
     EXPECT_EQ((Ids{0, 1}), log.fired());
 }
 
-TEST(CmThreadTask, WakesTheSender_WhenTerminatedInItsEvent) {
+TEST_P(CmCancelledThread, WakesTheSender_WhenTerminatedInItsEvent) {
     EventLog log;
     ACmThread* pThread = nullptr;
     ASSERT_EQ(CM_OK, CreateUserTaskThread(&pThread, TF_JOINABLE, false, TYPE));
@@ -1153,7 +1171,7 @@ TEST(CmThreadTask, WakesTheSender_WhenTerminatedInItsEvent) {
     pThread->Destory(0);
 }
 
-TEST(CmThreadTask, FreesTheWrapper_WhenTheSenderIsTerminated) {
+TEST_P(CmCancelledThread, FreesTheWrapper_WhenTheSenderIsTerminated) {
     const long lLive = kelto_test::LiveAllocationsBefore();
     {
         EventLog log;
@@ -1177,7 +1195,7 @@ TEST(CmThreadTask, FreesTheWrapper_WhenTheSenderIsTerminated) {
     EXPECT_EQ(lLive, kelto_test::LiveAllocations());
 }
 
-TEST(CmThreadTask, IsFreed_WhenADetachedOneIsTerminatedAndDestroyed) {
+TEST_P(CmCancelledThread, IsFreed_WhenADetachedOneIsTerminatedAndDestroyed) {
     const long lLive = kelto_test::LiveAllocationsBefore();
     ACmThread* pThread = nullptr;
     ASSERT_EQ(CM_OK, CreateUserTaskThread(&pThread, TF_DETACHED, true, TYPE));
@@ -1191,7 +1209,7 @@ class DeafThread : public ACmThread {
   public:
     explicit DeafThread(Life& aLife) : m_life(aLife) {}
     ~DeafThread() override {
-        pthread_testcancel();
+        kelto_test::TestCancel();
         m_life.deleted = true;
     }
     void OnThreadRun() override {
@@ -1203,7 +1221,7 @@ class DeafThread : public ACmThread {
     Life& m_life;
 };
 
-TEST(CmThread, IsFreed_WhenItIsTerminatedAsItsBodyEnds) {
+TEST_P(CmCancelledThread, IsFreed_WhenItIsTerminatedAsItsBodyEnds) {
     Life life;
     DeafThread* pThread = new DeafThread(life);
     ASSERT_EQ(CM_OK, pThread->Create(TYPE, TF_DETACHED, 0));
@@ -1219,11 +1237,11 @@ class CancelPointEvent : public ICmEvent {
     CmResult OnEventFire() override { return CM_OK; }
     void OnDestorySelf() override {
         delete this;
-        pthread_testcancel();
+        kelto_test::TestCancel();
     }
 };
 
-TEST(CmThreadTask, EndsEveryEvent_WhenTerminatedWhileItEndsThem) {
+TEST_P(CmCancelledThread, EndsEveryEvent_WhenTerminatedWhileItEndsThem) {
     kelto_test::ScopedTraceSink sink;
     EventLog log;
     CCmThreadTaskWithEventQueueOnly* pTask = new CCmThreadTaskWithEventQueueOnly;
@@ -1254,6 +1272,381 @@ TEST(CmThreadTask, EndsEveryEvent_WhenTerminatedWhileItEndsThem) {
     EXPECT_EQ(Ids{0}, log.fired());
     EXPECT_EQ((Ids{0, 1, 2}), log.ended());
     pTask->Destory(0);
+}
+
+// Runs what it is given.
+class WorkThread : public ACmThread {
+  public:
+    explicit WorkThread(std::function<void()> aWork) : m_work(std::move(aWork)) {}
+    void OnThreadRun() override { m_work(); }
+
+  private:
+    const std::function<void()> m_work;
+};
+
+// An event with a cancellation point in its firing, in its end, or in both.
+class CancellableEvent : public ICmEvent {
+  public:
+    CancellableEvent(std::atomic<int>& aEnded, bool aInFire)
+        : m_nEnded(aEnded), m_bInFire(aInFire) {}
+    CmResult OnEventFire() override { return m_bInFire ? SpinUntilCancelled() : RESULT; }
+    void OnDestorySelf() override {
+        ++m_nEnded;
+        const bool bInEnd = !m_bInFire;
+        delete this;
+        if (bInEnd) {
+            SpinUntilCancelled();
+        }
+    }
+
+  private:
+    std::atomic<int>& m_nEnded;
+    const bool m_bInFire;
+};
+
+// Terminates a thread that does aWork as soon as aIsThere says that it is at its cancellation
+// point.
+template <class Condition>
+void TerminateIn(std::function<void()> aWork, Condition aIsThere) {
+    WorkThread* pThread = new WorkThread(std::move(aWork));
+    ASSERT_EQ(CM_OK, pThread->Create(TYPE, TF_JOINABLE, 0));
+    EXPECT_TRUE(Eventually(aIsThere));
+    EXPECT_EQ(0, pThread->Terminate());
+    EXPECT_EQ(CM_OK, pThread->Join());
+    pThread->Destory(0);
+}
+
+TEST_P(CmCancelledThread, EndsTheEventOnce_WhoeverRunsIt) {
+    const long lLive = kelto_test::LiveAllocationsBefore();
+    std::atomic<int> nEnded{0};
+    CCmEventQueueBase queue;
+    std::list<ICmEvent*> events;
+    for (int i = 0; i < 2; ++i) {
+        const bool bInFire = i == 0;
+        nEnded = 0;
+        const auto hasStarted = [&] { return bInFire || nEnded > 0; };
+        TerminateIn([&] { queue.ProcessOneEvent(new CancellableEvent(nEnded, bInFire)); },
+                    hasStarted);
+        EXPECT_EQ(1, nEnded);
+        events.push_back(new CancellableEvent(nEnded, bInFire));
+        nEnded = 0;
+        TerminateIn([&] { queue.ProcessEvents(events); }, hasStarted);
+        EXPECT_EQ(1, nEnded);
+        events.clear();
+        nEnded = 0;
+        TerminateIn(
+            [&] {
+                queue.BindToCurrentThread();
+                queue.SendEvent(new CancellableEvent(nEnded, bInFire));
+            },
+            hasStarted);
+        EXPECT_EQ(1, nEnded);
+    }
+    EXPECT_EQ(lLive, kelto_test::LiveAllocations());
+}
+
+TEST_P(CmCancelledThread, FreesTheWrapper_WhenTheWorkerIsTerminatedInTheEndOfItsEvent) {
+    const long lLive = kelto_test::LiveAllocationsBefore();
+    for (bool bFired : {true, false}) {
+        std::atomic<int> nEnded{0};
+        CCmEventQueueUsingMutex queue;
+        CmResult rv = CM_OK;
+        std::thread sender([&] { rv = queue.SendEvent(new CancellableEvent(nEnded, false)); });
+        ASSERT_TRUE(Eventually([&] { return queue.GetPendingEventsCount() == 1; }));
+        std::list<ICmEvent*> events;
+        TerminateIn(
+            [&] {
+                if (bFired) {
+                    queue.PopPendingEventsLocked(events);
+                    queue.ProcessTakenEvents(events);
+                } else {
+                    queue.DestoryPendingEvents();
+                }
+            },
+            [&] { return nEnded > 0; });
+        sender.join();
+        EXPECT_EQ(bFired ? RESULT : CM_ERROR_NOT_AVAILABLE, rv);
+        EXPECT_EQ(1, nEnded);
+    }
+    EXPECT_EQ(lLive, kelto_test::LiveAllocations());
+}
+
+// Refuses what is posted.
+class ClosedQueue : public CCmEventQueueUsingMutex {
+  public:
+    CmResult PostEvent(ICmEvent* aEvent, EPriority) override {
+        aEvent->OnDestorySelf();
+        return CM_ERROR_NOT_INITIALIZED;
+    }
+};
+
+TEST_P(CmCancelledThread, LeavesNothing_WhenTheSenderIsTerminatedInTheEndOfARefusedEvent) {
+    const long lLive = kelto_test::LiveAllocationsBefore();
+    std::atomic<int> nEnded{0};
+    {
+        ClosedQueue queue;  // whose end waits for busy senders
+        TerminateIn([&] { queue.SendEvent(new CancellableEvent(nEnded, false)); },
+                    [&] { return nEnded > 0; });
+    }
+    EXPECT_EQ(1, nEnded);
+    EXPECT_EQ(lLive, kelto_test::LiveAllocations());
+}
+
+CCmEventQueueBase* g_pQueueToClose = nullptr;
+int CloseQueueAndTellTime(timeval* aNow, void*) {
+    g_pQueueToClose->SetStopped();
+    return gettimeofday(aNow, nullptr);
+}
+
+TEST_P(CmCancelledThread, LeavesNothing_WhenThePosterIsTerminatedInTheEndOfARefusedEvent) {
+    const long lLive = kelto_test::LiveAllocationsBefore();
+    std::atomic<int> nEnded{0};
+    {
+        CCmEventQueueUsingMutex queue;
+        g_pQueueToClose = &queue;
+        kelto_test::ScopedEntry<decltype(g_cmClock.coarse_gettimeofday)> entry(
+            g_cmClock.coarse_gettimeofday, &CloseQueueAndTellTime);
+        TerminateIn([&] { queue.PostEvent(new CancellableEvent(nEnded, false), NORMAL); },
+                    [&] { return nEnded > 0; });
+    }
+    EXPECT_EQ(1, nEnded);
+    EXPECT_EQ(lLive, kelto_test::LiveAllocations());
+}
+
+// Starts slowly.
+class SlowStarter : public BodyThread {
+  public:
+    SlowStarter(Life& aLife, std::atomic<bool>& aGo) : BodyThread(aLife), m_bGo(aGo) {}
+    void OnThreadInit() override {
+        s_bStarted = true;
+        Eventually([this] { return m_bGo.load(); });
+    }
+
+    inline static std::atomic<bool> s_bStarted{false};
+
+  private:
+    std::atomic<bool>& m_bGo;
+};
+
+TEST_P(CmCancelledThread, CreatesItsThread_WhenTheCreatorIsTerminatedMeanwhile) {
+    const long lLive = kelto_test::LiveAllocationsBefore();
+    {
+        Life life;
+        std::atomic<bool> bGo{false};
+        SlowStarter::s_bStarted = false;
+        SlowStarter* const pStarted = new SlowStarter(life, bGo);
+        std::atomic<CmResult> rv{CM_ERROR_FAILURE};
+        WorkThread* pCreator = new WorkThread([&] {
+            rv = pStarted->Create(TYPE, TF_JOINABLE, 1);
+            SpinUntilCancelled();
+        });
+        ASSERT_EQ(CM_OK, pCreator->Create(TYPE, TF_JOINABLE, 0));
+        ASSERT_TRUE(Eventually([] { return SlowStarter::s_bStarted.load(); }));
+        EXPECT_EQ(0, pCreator->Terminate());
+        bGo = true;
+        EXPECT_EQ(CM_OK, pCreator->Join());
+        pCreator->Destory(0);
+        EXPECT_EQ(CM_OK, rv);
+        EXPECT_EQ(nullptr, pStarted->startEvent());
+        life.released = true;
+        EXPECT_EQ(CM_OK, pStarted->Join());
+        pStarted->Destory(0);
+    }
+    EXPECT_EQ(lLive, kelto_test::LiveAllocations());
+}
+
+// Terminated while it starts.
+class EndlessStarter : public BodyThread {
+  public:
+    explicit EndlessStarter(Life& aLife) : BodyThread(aLife) {}
+    void OnThreadInit() override {
+        EXPECT_EQ(0, Terminate());
+        SpinUntilCancelled();
+    }
+};
+
+TEST_P(CmCancelledThread, LetsItsCreatorGo_WhenItIsTerminatedWhileItStarts) {
+    const long lLive = kelto_test::LiveAllocationsBefore();
+    {
+        Life life;
+        EndlessStarter* pThread = new EndlessStarter(life);
+        EXPECT_EQ(CM_OK, pThread->Create(TYPE, TF_JOINABLE, 1));
+        EXPECT_EQ(CM_OK, pThread->Join());
+        EXPECT_FALSE(life.ran);
+        pThread->Destory(0);
+    }
+    EXPECT_EQ(lLive, kelto_test::LiveAllocations());
+}
+
+TEST_P(CmCancelledThread, LeavesTheEventUsable_WhenTerminatedInItsWait) {
+    CCmEventThread event(0, 0);
+    for (bool bTimed : {false, true}) {
+        TerminateIn(
+            [&] {
+                CCmTimeValue tvLong(100);
+                event.Wait(bTimed ? &tvLong : nullptr);
+            },
+            [] { return true; });
+        std::atomic<bool> bDone{false};
+        std::thread other([&] {
+            EXPECT_EQ(CM_OK, event.Signal());  // kept: nobody waits
+            CCmTimeValue tvNone;
+            EXPECT_EQ(CM_OK, event.Wait(&tvNone));
+            bDone = true;
+        });
+        EXPECT_TRUE(Eventually([&] { return bDone.load(); }));
+        other.join();
+    }
+}
+
+TEST_P(CmCancelledThread, SendsNextSignalToTheNextConsumer_WhenTerminatedInItsWait) {
+    EventLog log;
+    CCmEventQueueUsingConditionVariable queue;
+    TerminateIn(
+        [&] {
+            std::list<ICmEvent*> none;
+            queue.PopOrWaitPendingEvents(none, nullptr);
+        },
+        [] { return true; });
+    std::atomic<bool> bTook{false};
+    std::thread consumer([&] {
+        std::list<ICmEvent*> events;
+        while (CM_FAILED(queue.PopOrWaitPendingEvents(events, nullptr))) {
+        }
+        queue.ProcessEvents(events);
+        bTook = true;
+    });
+    queue.PostEvent(new LoggedEvent(log, 1), NORMAL);
+    EXPECT_TRUE(Eventually([&] { return bTook.load(); }));
+    consumer.join();
+    EXPECT_EQ(Ids{1}, log.ended());
+}
+
+std::atomic<bool> g_bInSink{false};
+std::atomic<bool> g_bSinkMayGo{false};
+std::atomic<bool> g_bSinkWentOn{false};
+void CancellableSink(unsigned long, const char*, unsigned int) {
+    g_bInSink = true;
+    Eventually([] { return g_bSinkMayGo.load(); });
+    kelto_test::TestCancel();
+    g_bSinkWentOn = true;
+}
+
+// Has CancellableSink take the lines of one test.
+class ScopedCancellableSink {
+  public:
+    ScopedCancellableSink() : m_pfnPrevious(g_util_trace_sink.load()) {
+        g_bInSink = g_bSinkMayGo = g_bSinkWentOn = false;
+        set_util_external_trace_sink(&CancellableSink);
+    }
+    ~ScopedCancellableSink() { set_util_external_trace_sink(m_pfnPrevious); }
+    ScopedCancellableSink(const ScopedCancellableSink&) = delete;
+    ScopedCancellableSink& operator=(const ScopedCancellableSink&) = delete;
+
+  private:
+    const UtilTraceSink m_pfnPrevious;
+};
+
+TEST_P(CmCancelledThread, DeliversItsLine_WhenTerminatedInTheSink) {
+    EventLog log;
+    CCmEventQueueUsingMutex queue;
+    queue.SetStopped();
+    std::atomic<bool> bGo{false};
+    WorkThread* pThread = new WorkThread([&] {
+        Eventually([&] { return bGo.load(); });
+        queue.PostEvent(new LoggedEvent(log, 1), NORMAL);  // refused, with a line
+        SpinUntilCancelled();
+    });
+    ASSERT_EQ(CM_OK, pThread->Create(TYPE, TF_JOINABLE, 0));
+    {
+        ScopedCancellableSink sink;
+        bGo = true;
+        EXPECT_TRUE(Eventually([] { return g_bInSink.load(); }));
+        EXPECT_EQ(0, pThread->Terminate());
+        g_bSinkMayGo = true;
+        EXPECT_EQ(CM_OK, pThread->Join());
+    }
+    EXPECT_TRUE(g_bSinkWentOn);
+    EXPECT_EQ(Ids{1}, log.ended());
+    pThread->Destory(0);
+}
+
+std::atomic<bool> g_bInClock{false};
+std::atomic<bool> g_bClockMayGo{false};
+int HeldTime(timeval* aNow, void*) {
+    g_bInClock = true;
+    Eventually([] { return g_bClockMayGo.load(); });
+    return gettimeofday(aNow, nullptr);
+}
+
+TEST_P(CmCancelledThread, DestroysTheQueue_WhenTerminatedWhileItWaitsForASender) {
+    for (int i = 0; i < 3; ++i) {
+        EventLog log;
+        CCmEventQueueBase* pQueue = nullptr;
+        switch (i) {
+            case 0:
+                pQueue = new CCmEventQueueBase;
+                break;
+            case 1:
+                pQueue = new CCmEventQueueUsingMutex;
+                break;
+            default:
+                pQueue = new CCmEventQueueUsingConditionVariable;
+        }
+        g_bInClock = g_bClockMayGo = false;
+        kelto_test::ScopedEntry<decltype(g_cmClock.coarse_gettimeofday)> entry(
+            g_cmClock.coarse_gettimeofday, &HeldTime);
+        std::thread sender([&] { pQueue->SendEvent(new LoggedEvent(log, 1)); });
+        ASSERT_TRUE(Eventually([] { return g_bInClock.load(); }));
+        std::atomic<bool> bDeleted{false};
+        WorkThread* pThread = new WorkThread([&] {
+            delete pQueue;
+            bDeleted = true;
+            SpinUntilCancelled();
+        });
+        ASSERT_EQ(CM_OK, pThread->Create(TYPE, TF_JOINABLE, 0));
+        EXPECT_EQ(0, pThread->Terminate());
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));  // into its nap
+        g_bClockMayGo = true;
+        sender.join();
+        EXPECT_EQ(CM_OK, pThread->Join());
+        EXPECT_TRUE(bDeleted);
+        EXPECT_EQ(Ids{1}, log.ended());
+        pThread->Destory(0);
+    }
+}
+
+// Its end is a cancellation point.
+class PointedThread : public WorkThread {
+  public:
+    explicit PointedThread(std::atomic<bool>& aDeleted) : WorkThread([] {}), m_bDeleted(aDeleted) {}
+    ~PointedThread() override {
+        kelto_test::TestCancel();
+        m_bDeleted = true;
+    }
+
+  private:
+    std::atomic<bool>& m_bDeleted;
+};
+
+TEST_P(CmCancelledThread, DestroysAThread_WhenTerminatedMeanwhile) {
+    std::atomic<bool> bDeleted{false};
+    std::atomic<bool> bGo{false};
+    PointedThread* pOther = new PointedThread(bDeleted);
+    ASSERT_EQ(CM_OK, pOther->Create(TYPE, TF_JOINABLE, 0));
+    ASSERT_EQ(CM_OK, pOther->Join());
+    WorkThread* pThread = new WorkThread([&] {
+        while (!bGo) {
+        }
+        pOther->Destory(0);
+        SpinUntilCancelled();
+    });
+    ASSERT_EQ(CM_OK, pThread->Create(TYPE, TF_JOINABLE, 0));
+    EXPECT_EQ(0, pThread->Terminate());
+    bGo = true;
+    EXPECT_EQ(CM_OK, pThread->Join());
+    EXPECT_TRUE(bDeleted);
+    pThread->Destory(0);
 }
 
 // The stop event.
@@ -1369,7 +1762,7 @@ TEST(CmThreadHeartBeat, BeatsOnce_WhenItRunsOnAThreadOfItsOwn) {
     pThread->Destory(0);
 }
 
-TEST(CmThreadHeartBeat, EndsTheRestUnfired_WhenTerminatedInAHandler) {
+TEST_P(CmCancelledThread, EndsTheRestUnfired_WhenTerminatedInAHandler) {
     CCmThreadHeartBeat* pThread = new CCmThreadHeartBeat;
     EventLog log;
     std::atomic<bool> bBusy{false};

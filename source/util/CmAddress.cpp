@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "CmCancel.h"
 #include "CmTraceLine.h"
 #include "port/CmSystem.h"
 
@@ -34,8 +35,10 @@ bool IsAddress(const char* aText) {
     return *aText == '\0';
 }
 
-// Copies the answer out of the resolver's static storage at once.
+// Copies the answer out of the resolver's static storage at once. The resolver holds locks of its
+// own.
 bool Resolve(const char* aName, char* aIp) {
+    CCmDisableCancel disableCancel;
     const hostent* pHost = g_cmSystem.gethostbyname(aName);
     if (pHost == nullptr || pHost->h_addrtype != AF_INET || pHost->h_length != sizeof(in_addr) ||
         pHost->h_addr_list == nullptr || pHost->h_addr_list[0] == nullptr) {

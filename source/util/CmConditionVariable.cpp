@@ -2,7 +2,10 @@
 
 #include <errno.h>
 #include <limits.h>
+#include <string.h>
 
+#include "CmCancel.h"
+#include "CmConditionSteps.h"
 #include "CmScopedLock.h"
 #include "CmTraceLine.h"
 #include "port/CmSystem.h"
@@ -28,17 +31,17 @@ timespec DeadlineAfter(const CCmTimeValue& aTimeout) {
     return (tvDeadline < DEADLINE_MAX ? tvDeadline : DEADLINE_MAX).ToTimeSpec();
 }
 
-// Counts one thread as waiting; also right when that thread is cancelled in its wait.
-class CCmWaiterCount {
-  public:
-    explicit CCmWaiterCount(long& aWaiters) : m_nWaiters(aWaiters) { ++m_nWaiters; }
-    ~CCmWaiterCount() { --m_nWaiters; }
-    CCmWaiterCount(const CCmWaiterCount&) = delete;
-    CCmWaiterCount& operator=(const CCmWaiterCount&) = delete;
+// How often a signal is given that must not be missed.
+constexpr int SIGNAL_TRIES = 3;
 
-  private:
-    long& m_nWaiters;
-};
+// Whether aError, of a destruction, says only that the object was never made: its initialisation
+// failed, which left zeros and has written its line. Systems on which zeros are an object like any
+// other do not get here with them.
+template <class Object>
+bool WasNeverMade(const Object& aObject, int aError) {
+    const Object zeros = Object();
+    return aError == EINVAL && memcmp(&aObject, &zeros, sizeof(zeros)) == 0;
+}
 
 }  // namespace
 
@@ -55,12 +58,15 @@ int CCmMutexThreadBase::Init(int aType) {
         rv = g_cmSystem.pthread_mutex_init(&m_Mutex, &attribute);
     }
     g_cmSystem.pthread_mutexattr_destroy(&attribute);
+    if (rv != 0) {
+        m_Mutex = pthread_mutex_t();
+    }
     return rv;
 }
 
 CCmMutexThreadBase::~CCmMutexThreadBase() {
     const int rv = g_cmSystem.pthread_mutex_destroy(&m_Mutex);
-    if (rv != 0) {
+    if (rv != 0 && !WasNeverMade(m_Mutex, rv)) {
         CM_ERROR_TRACE_THIS(
             "CCmMutexThreadBase::~CCmMutexThreadBase, pthread_mutex_destroy() failed! err=" << rv);
     }
@@ -108,6 +114,7 @@ CCmConditionVariableThread::CCmConditionVariableThread(CCmMutexThread& aMutex)
     : m_Mutex(aMutex), m_Condition() {
     const int rv = g_cmSystem.pthread_cond_init(&m_Condition, nullptr);
     if (rv != 0) {
+        m_Condition = pthread_cond_t();
         CM_WARNING_TRACE_THIS(
             "CCmConditionVariableThread::CCmConditionVariableThread, pthread_cond_init() failed! "
             "err="
@@ -117,7 +124,7 @@ CCmConditionVariableThread::CCmConditionVariableThread(CCmMutexThread& aMutex)
 
 CCmConditionVariableThread::~CCmConditionVariableThread() {
     const int rv = g_cmSystem.pthread_cond_destroy(&m_Condition);
-    if (rv != 0) {
+    if (rv != 0 && !WasNeverMade(m_Condition, rv)) {
         CM_WARNING_TRACE_THIS(
             "CCmConditionVariableThread::~CCmConditionVariableThread, pthread_cond_destroy() "
             "failed! err="
@@ -125,48 +132,88 @@ CCmConditionVariableThread::~CCmConditionVariableThread() {
     }
 }
 
-CmResult CCmConditionVariableThread::Signal() {
-    const int rv = g_cmSystem.pthread_cond_signal(&m_Condition);
-    if (CM_LIKELY(rv == 0)) {
+int CCmConditionSteps::SignalCall(CCmConditionVariableThread& aCondition) {
+    return g_cmSystem.pthread_cond_signal(&aCondition.m_Condition);
+}
+
+CmResult CCmConditionSteps::SignalResult(const CCmConditionVariableThread& aCondition, int aError) {
+    if (CM_LIKELY(aError == 0)) {
         return CM_OK;
     }
-    CM_WARNING_TRACE_THIS(
-        "CCmConditionVariableThread::Signal, pthread_cond_signal() failed! err=" << rv);
+    CM_WARNING_TRACE("CCmConditionVariableThread::Signal, pthread_cond_signal() failed! err="
+                     << aError << " this=" << CmTraceAddress(&aCondition));
     return CM_ERROR_FAILURE;
 }
 
-CmResult CCmConditionVariableThread::Broadcast() {
-    const int rv = g_cmSystem.pthread_cond_broadcast(&m_Condition);
-    if (CM_LIKELY(rv == 0)) {
+bool CCmConditionSteps::SignalSurely(CCmConditionVariableThread& aCondition, int& aError) {
+    aError = 0;
+    for (int i = 0; i < SIGNAL_TRIES; ++i) {
+        const int nError = SignalCall(aCondition);
+        if (CM_LIKELY(nError == 0)) {
+            return true;
+        }
+        aError = nError;
+    }
+    return false;
+}
+
+int CCmConditionSteps::BroadcastCall(CCmConditionVariableThread& aCondition) {
+    return g_cmSystem.pthread_cond_broadcast(&aCondition.m_Condition);
+}
+
+CmResult CCmConditionSteps::BroadcastResult(const CCmConditionVariableThread& aCondition,
+                                            int aError) {
+    if (CM_LIKELY(aError == 0)) {
         return CM_OK;
     }
     // The text names Signal.
-    CM_WARNING_TRACE_THIS(
-        "CCmConditionVariableThread::Signal, pthread_cond_broadcast() failed! err=" << rv);
+    CM_WARNING_TRACE("CCmConditionVariableThread::Signal, pthread_cond_broadcast() failed! err="
+                     << aError << " this=" << CmTraceAddress(&aCondition));
     return CM_ERROR_FAILURE;
 }
 
-CmResult CCmConditionVariableThread::Wait(CCmTimeValue* aTimeout) {
+int CCmConditionSteps::WaitCall(CCmConditionVariableThread& aCondition,
+                                const CCmTimeValue* aTimeout) {
+    pthread_mutex_t* const pMutex = &aCondition.m_Mutex.m_Mutex;
     if (aTimeout == nullptr) {
-        const int rv = g_cmSystem.pthread_cond_wait(&m_Condition, &m_Mutex.m_Mutex);
-        if (rv != 0) {
-            CM_WARNING_TRACE_THIS(
-                "CCmConditionVariableThread::Wait, pthread_cond_wait() failed! err=" << rv);
-            return CM_ERROR_FAILURE;
-        }
-        return CM_OK;
+        return g_cmSystem.pthread_cond_wait(&aCondition.m_Condition, pMutex);
     }
     const timespec tsDeadline = DeadlineAfter(*aTimeout);
-    const int rv = g_cmSystem.pthread_cond_timedwait(&m_Condition, &m_Mutex.m_Mutex, &tsDeadline);
-    if (rv == 0 || rv == EINTR) {
+    return g_cmSystem.pthread_cond_timedwait(&aCondition.m_Condition, pMutex, &tsDeadline);
+}
+
+CmResult CCmConditionSteps::WaitResult(const CCmConditionVariableThread& aCondition,
+                                       const CCmTimeValue* aTimeout, int aError) {
+    if (aError == 0) {
         return CM_OK;
     }
-    if (rv == ETIMEDOUT) {
+    if (aTimeout == nullptr) {
+        CM_WARNING_TRACE("CCmConditionVariableThread::Wait, pthread_cond_wait() failed! err="
+                         << aError << " this=" << CmTraceAddress(&aCondition));
+        return CM_ERROR_FAILURE;
+    }
+    if (aError == EINTR) {
+        return CM_OK;
+    }
+    if (aError == ETIMEDOUT) {
         return CM_ERROR_TIMEOUT;
     }
-    CM_WARNING_TRACE_THIS(
-        "CCmConditionVariableThread::Wait, pthread_cond_timedwait() failed! err=" << rv);
+    CM_WARNING_TRACE("CCmConditionVariableThread::Wait, pthread_cond_timedwait() failed! err="
+                     << aError << " this=" << CmTraceAddress(&aCondition));
     return CM_ERROR_FAILURE;
+}
+
+CmResult CCmConditionVariableThread::Signal() {
+    return CCmConditionSteps::SignalResult(*this, CCmConditionSteps::SignalCall(*this));
+}
+
+CmResult CCmConditionVariableThread::Broadcast() {
+    return CCmConditionSteps::BroadcastResult(*this, CCmConditionSteps::BroadcastCall(*this));
+}
+
+CmResult CCmConditionVariableThread::Wait(CCmTimeValue* aTimeout) {
+    return CCmConditionSteps::WaitResult(*this, aTimeout,
+                                         CCmConditionSteps::WaitCall(*this, aTimeout));
 }
 
 CCmEventThread::CCmEventThread(signed char aManualReset, signed char aInitialState,
@@ -178,6 +225,7 @@ CCmEventThread::CCmEventThread(signed char aManualReset, signed char aInitialSta
 
 CCmEventThread::~CCmEventThread() = default;
 
+// Whoever wakes may free the event: once the mutex is released, its address alone is used.
 CmResult CCmEventThread::Wait(CCmTimeValue* aTimeout) {
     CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
     const CmResult rv = lock.result();
@@ -189,8 +237,14 @@ CmResult CCmEventThread::Wait(CCmTimeValue* aTimeout) {
         }
         return CM_OK;
     }
-    CCmWaiterCount count(m_nWaiters);
-    return m_Condition.Wait(aTimeout);
+    ++m_nWaiters;
+    CCmCleanUpT cleanUp([&]() CM_NO_THREAD_SAFETY_ANALYSIS {
+        --m_nWaiters;
+        lock.Unlock();
+    });
+    const int nError = CCmConditionSteps::WaitCall(m_Condition, aTimeout);
+    cleanUp.Execute();
+    return CCmConditionSteps::WaitResult(m_Condition, aTimeout, nError);
 }
 
 CmResult CCmEventThread::Signal() {
@@ -200,27 +254,35 @@ CmResult CCmEventThread::Signal() {
 
     if (m_bManualReset != 0) {
         m_bSignaled = 1;
-        return m_Condition.Broadcast();
+        const int nError = CCmConditionSteps::BroadcastCall(m_Condition);
+        lock.Unlock();
+        return CCmConditionSteps::BroadcastResult(m_Condition, nError);
     }
     if (m_nWaiters == 0) {
         m_bSignaled = 1;
         return CM_OK;
     }
-    return m_Condition.Signal();
+    const int nError = CCmConditionSteps::SignalCall(m_Condition);
+    lock.Unlock();
+    return CCmConditionSteps::SignalResult(m_Condition, nError);
 }
 
 CmResult CCmEventThread::SignalBehindLock_i() {
-    {
+    CmResult rv = CM_ERROR_FAILURE;
+    for (int i = 0; i < SIGNAL_TRIES && CM_FAILED(rv); ++i) {
         CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
-        const CmResult rv = lock.result();
-        CM_ASSERTE_RETURN(CM_SUCCEEDED(rv), rv);
-
-        if (m_nWaiters == 0) {
+        rv = lock.result();
+        if (CM_SUCCEEDED(rv) && m_nWaiters == 0) {
             m_bSignaled = 1;
             return CM_OK;
         }
     }
-    return m_Condition.Signal();
+    CM_ASSERTE_RETURN(CM_SUCCEEDED(rv), rv);
+
+    int nError = 0;
+    const bool bGiven = CCmConditionSteps::SignalSurely(m_Condition, nError);
+    CCmConditionSteps::SignalResult(m_Condition, nError);
+    return bGiven ? CM_OK : CM_ERROR_FAILURE;
 }
 
 CmResult CCmEventThread::Pulse() {
@@ -228,9 +290,13 @@ CmResult CCmEventThread::Pulse() {
     const CmResult rv = lock.result();
     CM_ASSERTE_RETURN(CM_SUCCEEDED(rv), rv);
 
-    const CmResult rvWake = m_bManualReset != 0 ? m_Condition.Broadcast() : m_Condition.Signal();
+    const bool bManualReset = m_bManualReset != 0;
+    const int nError = bManualReset ? CCmConditionSteps::BroadcastCall(m_Condition)
+                                    : CCmConditionSteps::SignalCall(m_Condition);
     m_bSignaled = 0;
-    return rvWake;
+    lock.Unlock();
+    return bManualReset ? CCmConditionSteps::BroadcastResult(m_Condition, nError)
+                        : CCmConditionSteps::SignalResult(m_Condition, nError);
 }
 
 CmResult CCmEventThread::Reset() {
@@ -244,6 +310,7 @@ CCmSemaphore::CCmSemaphore(long aInitialCount, const char* /*aName*/, long /*aMa
     const unsigned int dwCount = bInRange ? static_cast<unsigned int>(aInitialCount) : UINT_MAX;
     if (g_cmSystem.sem_init(&m_Semaphore, 0, dwCount) != 0) {
         const int nError = errno;
+        m_Semaphore = CmPlatformSemaphore();
         CM_WARNING_TRACE_THIS("CCmSemaphore::CCmSemaphore, sem_init() failed! err=" << nError);
     }
 }
@@ -251,7 +318,10 @@ CCmSemaphore::CCmSemaphore(long aInitialCount, const char* /*aName*/, long /*aMa
 CCmSemaphore::~CCmSemaphore() {
     if (g_cmSystem.sem_destroy(&m_Semaphore) != 0) {
         const int nError = errno;
-        CM_WARNING_TRACE_THIS("CCmSemaphore::~CCmSemaphore, sem_destroy() failed! err=" << nError);
+        if (!WasNeverMade(m_Semaphore, nError)) {
+            CM_WARNING_TRACE_THIS(
+                "CCmSemaphore::~CCmSemaphore, sem_destroy() failed! err=" << nError);
+        }
     }
 }
 

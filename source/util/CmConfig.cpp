@@ -8,6 +8,7 @@
 #include <new>
 #include <string_view>
 
+#include "CmCancel.h"
 #include "CmProcessName.h"
 #include "CmProfileReader.h"
 #include "CmScopedLock.h"
@@ -53,8 +54,6 @@ int ReadProfile(const char* aSection, const char* aKey, char* aOut, int aOutSize
     if (aSection == nullptr || aKey == nullptr || aPath == nullptr) {
         return -1;
     }
-    // The thread is not cancelled while the file is open.
-    CCmTraceGuard guard;
     CCmFileLines lines(aPath);
     CCmProfileSearch search(aSection, aKey);
     if (!CmFindInProfile(lines, search)) {
@@ -360,6 +359,7 @@ CCmString getCallerModuleName(const char* /*aIgnored*/) {
 }
 
 int MMP_GetCurrentModuleParentPath(char* aBuffer, int aSize) {
+    CCmDisableCancel disableCancel;
     if (aBuffer == nullptr || aSize <= 0 ||
         !CmPortApplicationParentPath(aBuffer, static_cast<size_t>(aSize))) {
         return 0;

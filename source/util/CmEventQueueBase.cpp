@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <new>
 
+#include "CmCancel.h"
+#include "CmConditionSteps.h"
 #include "CmScopedLock.h"
 #include "CmTraceLine.h"
 #include "port/CmPort.h"
@@ -17,42 +19,13 @@ constexpr CCmTimeValue WATCH_PAUSE = WATCH_INTERVAL - CCmTimeValue(0, CM_PORT_CO
 constexpr DWORD LONG_QUEUE_SIZE = 101;        // reported from here on
 constexpr size_t SPARES_AT_LEAST = 256;       // list nodes that a queue may keep
 constexpr size_t SPARES_AT_MOST = 16384;      // even if its last pass took more
-constexpr int WAKE_TRIES = 3;                 // a sender must not miss its wake-up
+constexpr DWORD NO_WAIT = 0;                  // no wait has this number
 constexpr long SENDERS_NAP_NSEC = 50 * 1000;  // between two looks for busy senders
 
-// Ends an event whose thread is cancelled while it fires.
-class CUnwindEnd {
-  public:
-    explicit CUnwindEnd(ICmEvent* aEvent) : m_pEvent(aEvent) {}
-    ~CUnwindEnd() {
-        if (m_pEvent != nullptr) {
-            m_pEvent->OnDestorySelf();
-        }
-    }
-    CUnwindEnd(const CUnwindEnd&) = delete;
-    CUnwindEnd& operator=(const CUnwindEnd&) = delete;
-
-    void Release() { m_pEvent = nullptr; }
-
-  private:
-    ICmEvent* m_pEvent;
-};
-
-// Counts a busy sender out; release: whoever finds none left is behind all that it did.
-class CBusyEnd {
-  public:
-    explicit CBusyEnd(std::atomic<long>* aCount) : m_pCount(aCount) {}
-    ~CBusyEnd() {
-        if (m_pCount != nullptr) {
-            m_pCount->fetch_sub(1, std::memory_order_release);
-        }
-    }
-    CBusyEnd(const CBusyEnd&) = delete;
-    CBusyEnd& operator=(const CBusyEnd&) = delete;
-
-  private:
-    std::atomic<long>* m_pCount;
-};
+// Release: whoever finds no busy sender left comes after all that this one did.
+void CountOut(std::atomic<long>& aBusySenders) {
+    aBusySenders.fetch_sub(1, std::memory_order_release);
+}
 
 void EndEach(std::list<ICmEvent*>& aEvents) {
     while (!aEvents.empty()) {
@@ -62,23 +35,10 @@ void EndEach(std::list<ICmEvent*>& aEvents) {
     }
 }
 
-// Ends the rest of a list whose thread is cancelled at one of its events.
-class CUnwindRest {
-  public:
-    explicit CUnwindRest(std::list<ICmEvent*>& aEvents) : m_Events(aEvents) {}
-    ~CUnwindRest() { EndEach(m_Events); }
-    CUnwindRest(const CUnwindRest&) = delete;
-    CUnwindRest& operator=(const CUnwindRest&) = delete;
-
-  private:
-    std::list<ICmEvent*>& m_Events;
-};
-
 CmResult FireAndEnd(ICmEvent* aEvent) {
-    CUnwindEnd unwindEnd(aEvent);
+    CCmCleanUpT end([aEvent] { aEvent->OnDestorySelf(); });
     const CmResult rv = aEvent->OnEventFire();
-    unwindEnd.Release();
-    aEvent->OnDestorySelf();
+    end.Execute();
     return rv;
 }
 
@@ -115,6 +75,51 @@ struct CCmEventQueueBase::CPosting {
     DWORD m_dwReportSize = 0;  // the size that is to be reported, if any
 };
 
+// Runs events one after the other. Each starts when the one before it has ended.
+class CCmEventQueueBase::CPass {
+  public:
+    explicit CPass(CCmEventQueueBase& aQueue) : CPass(aQueue, CCmTimeValue::GetTimeOfDay()) {}
+    CPass(CCmEventQueueBase& aQueue, const CCmTimeValue& aStart)
+        : m_Queue(aQueue), m_pFiring(nullptr), m_tvStart(aStart) {}
+    CPass(const CPass&) = delete;
+    CPass& operator=(const CPass&) = delete;
+
+    void RunAndEnd(ICmEvent* aEvent) {
+        CM_ASSERTE_RETURN(aEvent, void());
+        m_pFiring = aEvent;
+        aEvent->OnEventFire();
+        m_pFiring = nullptr;
+        aEvent->OnDestorySelf();
+        const CCmTimeValue tvEnd = CCmTimeValue::GetTimeOfDay();
+        const CCmTimeValue tvElapsed = tvEnd - m_tvStart;
+        m_tvStart = tvEnd;
+        if (CM_UNLIKELY(tvElapsed > s_tvReportInterval)) {
+            Report(aEvent, tvElapsed);
+            m_tvStart = CCmTimeValue::GetTimeOfDay();  // the next event does not pay for the line
+        }
+    }
+    // For the clean-up of a thread that is cancelled: the event that was firing ends.
+    void EndFiring() {
+        if (m_pFiring != nullptr) {
+            m_pFiring->OnDestorySelf();
+        }
+    }
+    const CCmTimeValue& start() const { return m_tvStart; }
+
+  private:
+    void Report(ICmEvent* aEvent, const CCmTimeValue& aElapsed) const {
+        CM_WARNING_TRACE("CCmEventQueueBase::ProcessOneEvent, report, sec="
+                         << aElapsed.GetSec() << " usec=" << aElapsed.GetUsec()
+                         << " aEvent=" << CmTraceAddress(aEvent)
+                         << " m_dwSize=" << m_Queue.m_dwSize.load(std::memory_order_relaxed)
+                         << " this=" << CmTraceAddress(&m_Queue));
+    }
+
+    CCmEventQueueBase& m_Queue;
+    ICmEvent* m_pFiring;
+    CCmTimeValue m_tvStart;
+};
+
 CCmEventQueueBase::CCmEventQueueBase()
     : m_dwSize(0),
       m_tvLastReport(CCmTimeValue::GetTimeOfDay()),
@@ -123,6 +128,7 @@ CCmEventQueueBase::CCmEventQueueBase()
       m_lBusySenders(0) {}
 
 CCmEventQueueBase::~CCmEventQueueBase() {
+    CCmDisableCancel disableCancel;
     WaitForSenders_i();
     SetStopped();  // what an event posts while it is ended is refused
     DestoryPendingEvents();
@@ -184,6 +190,7 @@ void CCmEventQueueBase::Conclude_i(CPosting& aPosting, CmResult aResult) {
     if (aResult == CM_ERROR_NOT_INITIALIZED) {
         CM_WARNING_TRACE_THIS("CCmEventQueueBase::PostEvent, has been stopped.");
     }
+    aPosting.m_Node.clear();  // the thread may be cancelled in what follows
     aPosting.m_pEvent->OnDestorySelf();
 }
 
@@ -203,14 +210,16 @@ CmResult CCmEventQueueBase::SendEvent(ICmEvent* aEvent) {
         return CM_ERROR_OUT_OF_MEMORY;
     }
     pSynchronous->m_bHoldsQueue = true;
-    CmResult rv = CM_OK;
-    {
-        m_lBusySenders.fetch_add(1, std::memory_order_relaxed);
-        CBusyEnd busyEnd(&m_lBusySenders);
-        rv = PostEvent(pSynchronous, EPRIORITY_NORMAL);
-    }
+    m_lBusySenders.fetch_add(1, std::memory_order_relaxed);
+    CCmCleanUpT giveUp([this, pSynchronous] {
+        pSynchronous->Abandon_i();
+        CountOut(m_lBusySenders);
+    });
+    const CmResult rv = PostEvent(pSynchronous, EPRIORITY_NORMAL);
+    giveUp.Release();
+    CountOut(m_lBusySenders);
     if (CM_FAILED(rv)) {
-        pSynchronous->LetGo_i();  // behind the queue, which has ended the event
+        pSynchronous->LetGo_i();  // after the queue, which has ended the event
         return rv;
     }
     return pSynchronous->WaitResultAndDeleteThis();
@@ -260,10 +269,12 @@ CmResult CCmEventQueueBase::PopOnePendingEvent(ICmEvent*& aEvent, DWORD* aRemain
 }
 
 CmResult CCmEventQueueBase::ProcessEvents(const std::list<ICmEvent*>& aEvents) {
-    CCmTimeValue tvStart = CCmTimeValue::GetTimeOfDay();
+    CPass pass(*this);
+    CCmCleanUpT endFiring([&pass] { pass.EndFiring(); });
     for (ICmEvent* pEvent : aEvents) {
-        tvStart = RunAndEnd_i(pEvent, tvStart);
+        pass.RunAndEnd(pEvent);
     }
+    endFiring.Release();
     return CM_OK;
 }
 
@@ -273,20 +284,12 @@ CmResult CCmEventQueueBase::ProcessOneEvent(ICmEvent* aEvent) {
     return CM_OK;
 }
 
-// Returns when the next event of a list starts: when this one ended.
 CCmTimeValue CCmEventQueueBase::RunAndEnd_i(ICmEvent* aEvent, const CCmTimeValue& aStart) {
-    CM_ASSERTE_RETURN(aEvent, aStart);
-    FireAndEnd(aEvent);
-    const CCmTimeValue tvEnd = CCmTimeValue::GetTimeOfDay();
-    const CCmTimeValue tvElapsed = tvEnd - aStart;
-    if (CM_UNLIKELY(tvElapsed > s_tvReportInterval)) {
-        CM_WARNING_TRACE_THIS("CCmEventQueueBase::ProcessOneEvent, report, sec="
-                              << tvElapsed.GetSec() << " usec=" << tvElapsed.GetUsec()
-                              << " aEvent=" << CmTraceAddress(aEvent)
-                              << " m_dwSize=" << m_dwSize.load(std::memory_order_relaxed));
-        return CCmTimeValue::GetTimeOfDay();  // the next event does not pay for the line
-    }
-    return tvEnd;
+    CPass pass(*this, aStart);
+    CCmCleanUpT endFiring([&pass] { pass.EndFiring(); });
+    pass.RunAndEnd(aEvent);
+    endFiring.Release();
+    return pass.start();
 }
 
 void CCmEventQueueBase::DestoryPendingEvents() {
@@ -296,8 +299,9 @@ void CCmEventQueueBase::DestoryPendingEvents() {
 }
 
 void CCmEventQueueBase::DestoryEvents_i(std::list<ICmEvent*>& aEvents) {
-    CUnwindRest unwindRest(aEvents);
+    CCmCleanUpT endRest([&aEvents] { EndEach(aEvents); });
     EndEach(aEvents);
+    endRest.Release();
 }
 
 void CCmEventQueueBase::BindToCurrentThread() {
@@ -309,30 +313,13 @@ void CCmEventQueueBase::SetStopped() {
 }
 
 void CCmEventQueueBase::WaitForSenders_i() {
-    // Acquire: behind all that the senders did with this queue.
+    CCmDisableCancel disableCancel;  // for destructors
+    // Acquire: after all that the senders did with this queue.
     while (m_lBusySenders.load(std::memory_order_acquire) != 0) {
         const timespec tsNap = {0, SENDERS_NAP_NSEC};
         g_cmSystem.nanosleep(&tsNap, nullptr);
     }
 }
-
-// Lets go of the wrapper for a sender whose thread is cancelled while it waits.
-class CCmEventSynchronous::CSenderEnd {
-  public:
-    explicit CSenderEnd(CCmEventSynchronous& aWrapper) : m_pWrapper(&aWrapper) {}
-    ~CSenderEnd() {
-        if (m_pWrapper != nullptr) {
-            m_pWrapper->Abandon_i();
-        }
-    }
-    CSenderEnd(const CSenderEnd&) = delete;
-    CSenderEnd& operator=(const CSenderEnd&) = delete;
-
-    void Release() { m_pWrapper = nullptr; }
-
-  private:
-    CCmEventSynchronous* m_pWrapper;
-};
 
 CCmEventSynchronous::CCmEventSynchronous(ICmEvent* aEvent, CCmEventQueueBase* aQueue)
     : m_pEvent(aEvent),
@@ -340,10 +327,14 @@ CCmEventSynchronous::CCmEventSynchronous(ICmEvent* aEvent, CCmEventQueueBase* aQ
       m_pEventQueue(aQueue),
       m_bHasDestoryed(false),
       m_nOutcome(OUTCOME_NONE),
-      m_bHoldsQueue(false) {}
+      m_bHoldsQueue(false),
+      m_bFiredElsewhere(false) {}
 
 CCmEventSynchronous::~CCmEventSynchronous() {
-    EndEvent_i();
+    if (m_pEvent.load(std::memory_order_relaxed) != nullptr) {
+        CCmDisableCancel disableCancel;
+        EndEvent_i();
+    }
     if (!m_bHasDestoryed.load(std::memory_order_relaxed)) {
         Wake_i();
     }
@@ -358,8 +349,9 @@ CmResult CCmEventSynchronous::OnEventFire() {
     ICmEvent* pEvent = m_pEvent.load(std::memory_order_relaxed);
     const CmResult rv = pEvent != nullptr ? pEvent->OnEventFire() : CM_ERROR_NULL_POINTER;
     m_Result = rv;
+    m_bFiredElsewhere = !IsEqualCurrentThread(m_CreatorTid);
     HoldQueue_i();
-    // Release: the sender that reads the outcome reads the result behind it.
+    // Release: the sender that reads the outcome reads the result after it.
     if (m_nOutcome.exchange(OUTCOME_FIRED, std::memory_order_acq_rel) == OUTCOME_ABANDONED) {
         ReleaseQueue_i();
     }
@@ -368,26 +360,34 @@ CmResult CCmEventSynchronous::OnEventFire() {
 }
 
 void CCmEventSynchronous::OnDestorySelf() {
-    EndEvent_i();
-    int nOutcome = OUTCOME_NONE;
-    if (m_nOutcome.compare_exchange_strong(nOutcome, OUTCOME_DISCARDED,
-                                           std::memory_order_acq_rel)) {
-        Wake_i();
+    CCmCleanUpT conclude([this] {
+        int nOutcome = OUTCOME_NONE;
+        if (m_nOutcome.compare_exchange_strong(nOutcome, OUTCOME_DISCARDED,
+                                               std::memory_order_acq_rel)) {
+            Wake_i();
+        }
+        LetGo_i();
+    });
+    // An event that has fired ends where it fired. The sender, whose return post is refused, comes
+    // here as well, perhaps before the thread that fired does.
+    if (!m_bFiredElsewhere || !IsEqualCurrentThread(m_CreatorTid)) {
+        EndEvent_i();
     }
-    LetGo_i();
+    conclude.Execute();
 }
 
 CmResult CCmEventSynchronous::WaitResultAndDeleteThis() {
-    CSenderEnd senderEnd(*this);
+    CCmCleanUpT abandon([this] { Abandon_i(); });
     while (m_nOutcome.load(std::memory_order_acquire) == OUTCOME_NONE) {
         const CmResult rvWait = m_SendEvent.Wait(nullptr);
         if (CM_FAILED(rvWait)) {
             CM_WARNING_TRACE_THIS(
                 "CCmEventSynchronous::WaitResultAndDeleteThis, m_SendEvent.Wait() failed!");
+            abandon.Execute();
             return rvWait;
         }
     }
-    senderEnd.Release();
+    abandon.Release();
     const CmResult rv = m_Result;
     // Discarded: the queue may be gone.
     if (m_nOutcome.load(std::memory_order_relaxed) == OUTCOME_DISCARDED ||
@@ -395,8 +395,15 @@ CmResult CCmEventSynchronous::WaitResultAndDeleteThis() {
         LetGo_i();
         return rv;
     }
-    CBusyEnd busyEnd(m_bHoldsQueue ? &m_pEventQueue->m_lBusySenders : nullptr);
+    std::atomic<long>* const pBusySenders =
+        m_bHoldsQueue ? &m_pEventQueue->m_lBusySenders : nullptr;
+    CCmCleanUpT countOut([pBusySenders] {
+        if (pBusySenders != nullptr) {
+            CountOut(*pBusySenders);
+        }
+    });
     m_pEventQueue->PostEvent(this, ICmEventQueue::EPRIORITY_NORMAL);  // may free this at once
+    countOut.Execute();
     return rv;
 }
 
@@ -422,8 +429,7 @@ void CCmEventSynchronous::EndEvent_i() {
 }
 
 void CCmEventSynchronous::Wake_i() {
-    for (int i = 0; i < WAKE_TRIES && CM_FAILED(m_SendEvent.SignalBehindLock_i()); ++i) {
-    }
+    m_SendEvent.SignalBehindLock_i();
 }
 
 // From the firing until its sender has posted the wrapper back, the queue must not go.
@@ -435,7 +441,7 @@ void CCmEventSynchronous::HoldQueue_i() {
 
 void CCmEventSynchronous::ReleaseQueue_i() {
     if (m_bHoldsQueue) {
-        m_pEventQueue->m_lBusySenders.fetch_sub(1, std::memory_order_release);
+        CountOut(m_pEventQueue->m_lBusySenders);
     }
 }
 
@@ -483,60 +489,68 @@ void CCmEventQueueUsingMutex::DestoryPendingEvents() {
 }
 
 void CCmEventQueueUsingMutex::ProcessTakenEvents(std::list<ICmEvent*>& aEvents) {
-    CUnwindRest unwindRest(aEvents);
-    CCmTimeValue tvStart = CCmTimeValue::GetTimeOfDay();
+    CPass pass(*this);
+    CCmCleanUpT endAll([&pass, &aEvents] {
+        pass.EndFiring();
+        EndEach(aEvents);
+    });
     while (!aEvents.empty()) {
         ICmEvent* pEvent = aEvents.front();
         aEvents.pop_front();
-        tvStart = RunAndEnd_i(pEvent, tvStart);
+        pass.RunAndEnd(pEvent);
     }
+    endAll.Release();
 }
 
-// Counts the consumer as waiting, also when it is cancelled there; to be destroyed under the lock.
+// A consumer inside the wait. Waits are numbered, so that posters tell the signals of this one from
+// late signals of another.
 class CCmEventQueueUsingConditionVariable::CWaiting {
   public:
     explicit CWaiting(CCmEventQueueUsingConditionVariable& aQueue) CM_REQUIRES(aQueue.m_Mutex)
         : m_Queue(aQueue) {
         ++m_Queue.m_dwWaiters;
-    }
-    ~CWaiting() CM_NO_THREAD_SAFETY_ANALYSIS {
-        --m_Queue.m_dwWaiters;
-        if (m_Queue.m_dwSignalled > 0) {
-            --m_Queue.m_dwSignalled;
-        }
+        Renumber_l();
     }
     CWaiting(const CWaiting&) = delete;
     CWaiting& operator=(const CWaiting&) = delete;
 
-  private:
-    CCmEventQueueUsingConditionVariable& m_Queue;
-};
-
-// Puts back what a cancelled consumer has taken out and not started.
-class CCmEventQueueUsingConditionVariable::CUnstarted {
-  public:
-    CUnstarted(CCmEventQueueUsingConditionVariable& aQueue, std::list<ICmEvent*>& aEvents)
-        : m_Queue(aQueue), m_Events(aEvents), m_itNext(aEvents.begin()) {}
-    ~CUnstarted() {
-        if (m_itNext != m_Events.end()) {
-            m_Events.erase(m_Events.begin(), m_itNext);
-            m_Queue.PutBack_i(m_Events);
+    // Once, under the lock.
+    void Leave_l() CM_NO_THREAD_SAFETY_ANALYSIS {
+        if (--m_Queue.m_dwWaiters > 0) {
+            Renumber_l();  // which of the consumers the last signal woke is not known
         }
     }
-    CUnstarted(const CUnstarted&) = delete;
-    CUnstarted& operator=(const CUnstarted&) = delete;
-
-    // Null behind the last one.
-    ICmEvent* TakeNext() { return m_itNext != m_Events.end() ? *m_itNext++ : nullptr; }
+    // The wait that a post has to signal, or NO_WAIT. Only a signal that has been given counts:
+    // whoever is about to give one may not get on for long. Acquire: that signal came before.
+    static DWORD ToSignal_l(const CCmEventQueueUsingConditionVariable& aQueue)
+        CM_REQUIRES(aQueue.m_Mutex) {
+        const bool bIsSignalled =
+            aQueue.m_dwWaiters == 1 &&
+            aQueue.m_dwSignalled.load(std::memory_order_acquire) == aQueue.m_dwWait;
+        return aQueue.m_dwWaiters == 0 || bIsSignalled ? NO_WAIT : aQueue.m_dwWait;
+    }
+    // A signal that fails for good is left to the next post.
+    static void Signal(CCmEventQueueUsingConditionVariable& aQueue, DWORD aWait) {
+        int nError = 0;
+        if (CCmConditionSteps::SignalSurely(aQueue.m_Condition, nError)) {
+            aQueue.m_dwSignalled.store(aWait, std::memory_order_release);
+        }
+        CCmConditionSteps::SignalResult(aQueue.m_Condition, nError);
+    }
 
   private:
+    void Renumber_l() CM_NO_THREAD_SAFETY_ANALYSIS {
+        if (++m_Queue.m_dwWait == NO_WAIT) {
+            ++m_Queue.m_dwWait;
+        }
+        m_Queue.m_dwSignalled.store(NO_WAIT, std::memory_order_relaxed);
+    }
+
     CCmEventQueueUsingConditionVariable& m_Queue;
-    std::list<ICmEvent*>& m_Events;
-    std::list<ICmEvent*>::iterator m_itNext;
 };
 
 CCmEventQueueUsingConditionVariable::CCmEventQueueUsingConditionVariable()
-    : m_Condition(m_Mutex), m_dwWaiters(0), m_dwSignalled(0), m_dwSpares(0) {}
+    : m_Condition(m_Mutex), m_dwWaiters(0), m_dwSignalled(0), m_dwSpares(0), m_dwWait(0) {}
 
 CCmEventQueueUsingConditionVariable::~CCmEventQueueUsingConditionVariable() {
     WaitForSenders_i();
@@ -545,18 +559,17 @@ CCmEventQueueUsingConditionVariable::~CCmEventQueueUsingConditionVariable() {
 CmResult CCmEventQueueUsingConditionVariable::PostEvent(ICmEvent* aEvent, EPriority /*aPri*/) {
     CM_ASSERTE_RETURN(aEvent, CM_ERROR_INVALID_ARG);
     CPosting posting(aEvent);
-    bool bWake = false;
+    DWORD dwWait = NO_WAIT;
     CmResult rv = Prepare_i(posting, m_dwSpares.load(std::memory_order_relaxed) == 0);
     if (CM_SUCCEEDED(rv)) {
         CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
         rv = AppendToList_l(posting);
-        if (CM_SUCCEEDED(rv) && m_dwWaiters > m_dwSignalled) {
-            ++m_dwSignalled;
-            bWake = true;
+        if (CM_SUCCEEDED(rv)) {
+            dwWait = CWaiting::ToSignal_l(*this);
         }
     }
-    if (bWake) {
-        Wake_i();
+    if (dwWait != NO_WAIT) {
+        CWaiting::Signal(*this, dwWait);
     }
     Conclude_i(posting, rv);
     return rv;
@@ -575,16 +588,6 @@ CmResult CCmEventQueueUsingConditionVariable::AppendToList_l(CPosting& aPosting)
     return rv;
 }
 
-void CCmEventQueueUsingConditionVariable::Wake_i() {
-    for (int i = 0; i < WAKE_TRIES; ++i) {
-        if (CM_SUCCEEDED(m_Condition.Signal())) {
-            return;
-        }
-    }
-    CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
-    m_dwSignalled = 0;  // the next post tries again
-}
-
 CmResult CCmEventQueueUsingConditionVariable::PopOrWaitPendingEvents(std::list<ICmEvent*>& aEvents,
                                                                      CCmTimeValue* aTimeout,
                                                                      DWORD aMaxCount) {
@@ -598,32 +601,45 @@ CmResult CCmEventQueueUsingConditionVariable::PopOrWaitPendingEvents(std::list<I
         m_dwSpares.store(static_cast<DWORD>(m_Spares.size()), std::memory_order_relaxed);
     }
     // A wait without the lock would leave it taken.
-    if (m_Events.empty() && CM_SUCCEEDED(lock.result())) {
-        Wait_l(aTimeout);
+    if (!m_Events.empty() || CM_FAILED(lock.result())) {
+        return PopPendingEvents(aEvents, aMaxCount, nullptr);
     }
-    return PopPendingEvents(aEvents, aMaxCount, nullptr);
-}
-
-void CCmEventQueueUsingConditionVariable::Wait_l(CCmTimeValue* aTimeout) {
     CWaiting waiting(*this);
-    const CmResult rv = m_Condition.Wait(aTimeout);
-    if (CM_FAILED(rv) && rv != CM_ERROR_TIMEOUT) {
+    CCmCleanUpT cleanUp([&waiting, &lock]() CM_NO_THREAD_SAFETY_ANALYSIS {
+        waiting.Leave_l();
+        lock.Unlock();
+    });
+    const int nError = CCmConditionSteps::WaitCall(m_Condition, aTimeout);
+    cleanUp.Release();
+    waiting.Leave_l();
+    const DWORD dwSize = m_dwSize.load(std::memory_order_relaxed);
+    const CmResult rv = PopPendingEvents(aEvents, aMaxCount, nullptr);
+    lock.Unlock();
+
+    const CmResult rvWait = CCmConditionSteps::WaitResult(m_Condition, aTimeout, nError);
+    if (CM_FAILED(rvWait) && rvWait != CM_ERROR_TIMEOUT) {
         // The text says something else than what happened.
         CM_ERROR_TRACE_THIS(
             "CCmEventQueueUsingConditionVariable::PopOrWaitPendingEvents,m_Events is not empty. "
             "nSize="
-            << m_dwSize.load(std::memory_order_relaxed) << " rv=" << rv);
+            << dwSize << " rv=" << rvWait);
     }
+    return rv;
 }
 
 void CCmEventQueueUsingConditionVariable::ProcessAndRecycleEvents(std::list<ICmEvent*>& aEvents) {
-    {
-        CUnstarted unstarted(*this, aEvents);
-        CCmTimeValue tvStart = CCmTimeValue::GetTimeOfDay();
-        while (ICmEvent* pEvent = unstarted.TakeNext()) {
-            tvStart = RunAndEnd_i(pEvent, tvStart);
-        }
+    auto itNext = aEvents.begin();
+    CPass pass(*this);
+    CCmCleanUpT putBack([this, &aEvents, &itNext, &pass] {
+        pass.EndFiring();
+        aEvents.erase(aEvents.begin(), itNext);
+        PutBack_i(aEvents);
+    });
+    while (itNext != aEvents.end()) {
+        ICmEvent* pEvent = *itNext++;
+        pass.RunAndEnd(pEvent);
     }
+    putBack.Release();
     const size_t nKept = std::clamp(aEvents.size(), SPARES_AT_LEAST, SPARES_AT_MOST);
     m_Spent.splice(m_Spent.end(), aEvents);
     while (!m_Spent.empty() &&

@@ -7,6 +7,8 @@
 
 #include <string_view>
 
+#include "CmCancel.h"
+
 namespace UTIL_NS {
 
 // What a line holds at most, its line end included.
@@ -42,7 +44,7 @@ class CCmProfileSearch {
     std::string_view m_value;
 };
 
-// The lines of a stdio stream.
+// The lines of a stdio stream. Its thread is not cancelled meanwhile: the stream would stay locked.
 class CCmStreamLines {
   public:
     explicit CCmStreamLines(FILE* aFile) : m_pFile(aFile) {}
@@ -52,6 +54,7 @@ class CCmStreamLines {
     bool SkipToBracketOrKey(std::string_view) { return true; }
 
   private:
+    CCmDisableCancel m_DisableCancel;
     FILE* const m_pFile;
     char m_achLine[CM_PROFILE_LINE_MAX + 1];
 };
@@ -61,7 +64,8 @@ class CCmStreamLines {
 int CmOpenForReading(const char* aPath);
 
 // The lines of a file, the same as those of a stream over it, read in large pieces. A named pipe is
-// read as its writer writes it; without a writer it is empty.
+// read as its writer writes it; without a writer it is empty. Its thread is not cancelled
+// meanwhile: the file would stay open.
 class CCmFileLines {
   public:
     explicit CCmFileLines(const char* aPath);
@@ -86,6 +90,7 @@ class CCmFileLines {
     static constexpr size_t BUFFER_SIZE = 8 * 1024;
     static_assert(BUFFER_SIZE > 2 * CM_PROFILE_LINE_MAX, "a refill must make room for a line");
 
+    CCmDisableCancel m_DisableCancel;
     const int m_nFile;
     bool m_bEnd;          // no more to be read
     const char* m_pNext;  // start of the next line

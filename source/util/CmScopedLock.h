@@ -6,26 +6,32 @@
 
 namespace UTIL_NS {
 
-// Holds aLock from construction to destruction; unlocks only what it could lock. A lock that
-// fails does not stop the caller, who may ask for the result.
+// Holds aLock from construction to destruction, or to Unlock; unlocks only what it could lock. A
+// lock that fails does not stop the caller, who may ask for the result.
 template <class LockType>
 class CM_SCOPED_CAPABILITY CCmScopedLockT {
   public:
     explicit CCmScopedLockT(LockType& aLock) CM_ACQUIRE(aLock)
-        : m_Lock(aLock), m_Result(aLock.Lock()) {}
-    ~CCmScopedLockT() CM_RELEASE() {
-        if (CM_SUCCEEDED(m_Result)) {
-            m_Lock.UnLock();
-        }
-    }
+        : m_Lock(aLock), m_Result(aLock.Lock()), m_bHeld(CM_SUCCEEDED(m_Result)) {}
+    ~CCmScopedLockT() CM_RELEASE() { GiveBack(); }
     CCmScopedLockT(const CCmScopedLockT&) = delete;
     CCmScopedLockT& operator=(const CCmScopedLockT&) = delete;
 
     CmResult result() const { return m_Result; }
+    // Ahead of the end of the scope.
+    void Unlock() CM_RELEASE() { GiveBack(); }
 
   private:
+    void GiveBack() CM_NO_THREAD_SAFETY_ANALYSIS {
+        if (m_bHeld) {
+            m_bHeld = false;
+            m_Lock.UnLock();
+        }
+    }
+
     LockType& m_Lock;
     CmResult m_Result;
+    bool m_bHeld;
 };
 
 }  // namespace UTIL_NS

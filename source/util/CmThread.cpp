@@ -1,5 +1,6 @@
 #include "CmThread.h"
 
+#include "CmCancel.h"
 #include "CmScopedLock.h"
 #include "CmTimerQueueOrderedList.h"
 #include "CmTraceLine.h"
@@ -127,6 +128,7 @@ ACmThread::ACmThread()
       m_bOneEndCame(false) {}
 
 ACmThread::~ACmThread() {
+    CCmDisableCancel disableCancel;
     if (m_bRegister && m_bRegistered) {
         UnRegisterThread(this);
         m_bRegistered = false;
@@ -134,7 +136,9 @@ ACmThread::~ACmThread() {
     delete m_pEvent;
 }
 
+// Not to be cancelled: whoever creates a thread gets to own it.
 CmResult ACmThread::Create(int aType, TFlag aFlag, signed char bRegister) {
+    CCmDisableCancel disableCancel;
     CM_INFO_TRACE_THIS("ACmThread::Create, aType=" << aType << " aFlag=" << aFlag
                                                    << " Register=" << static_cast<int>(bRegister));
     CM_ASSERTE_RETURN(m_Type == TT_UNKNOWN, CM_ERROR_ALREADY_INITIALIZED);
@@ -246,17 +250,10 @@ void ACmThread::SignalStarted_i(CCmEventThread* aEvent) {
     }
 }
 
-// What the two ends of a thread's life wait for is done here also when the thread is cancelled.
+// What the two ends of a thread's life wait for.
 class ACmThread::CBody {
   public:
     explicit CBody(ACmThread* aThread) : m_pThread(aThread), m_pEvent(aThread->m_pEvent) {}
-    ~CBody() {
-        // A cancellation that is still to come would end the process here: the object may be
-        // deleted, and no destructor can be unwound.
-        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
-        HasStarted();
-        m_pThread->BodyHasEnded_i();
-    }
     CBody(const CBody&) = delete;
     CBody& operator=(const CBody&) = delete;
 
@@ -265,6 +262,12 @@ class ACmThread::CBody {
             m_pThread->SignalStarted_i(m_pEvent);
             m_pEvent = nullptr;
         }
+    }
+    // The object may be deleted here.
+    void HasEnded() {
+        CCmDisableCancel disableCancel;
+        HasStarted();
+        m_pThread->BodyHasEnded_i();
     }
 
   private:
@@ -282,6 +285,7 @@ void* ACmThread::ThreadProc(void* pParam) {
     }
 
     CBody body(pThread);
+    CCmCleanUpT hasEnded([&body] { body.HasEnded(); });
     pThread->OnThreadInit();
     const bool bInitialized = CM_SUCCEEDED(pThread->m_InitResult);
     body.HasStarted();
@@ -289,6 +293,7 @@ void* ACmThread::ThreadProc(void* pParam) {
         pThread->OnThreadRun();
     }
     pThread->SetStop();
+    hasEnded.Execute();
     return nullptr;
 }
 
@@ -328,6 +333,7 @@ CmResult ACmThread::Destory(int aReason) {
         UnRegisterThread(this);
         m_bRegistered = false;
     }
+    CCmDisableCancel disableCancel;
     // Where no thread ever ran there is no second end.
     if (IsJoinable() || !m_bHasThread || IsSecondEnd_i()) {
         delete this;
@@ -417,6 +423,7 @@ ICmEventQueue* CCmThreadTaskWithEventQueueOnly::GetEventQueue() {
 CCmThreadTask::CCmThreadTask() : m_pTimerQueue(nullptr) {}
 
 CCmThreadTask::~CCmThreadTask() {
+    CCmDisableCancel disableCancel;
     delete m_pTimerQueue;
 }
 
@@ -446,6 +453,7 @@ ICmTimerQueue* CCmThreadTask::GetTimerQueue() {
 CCmThreadHeartBeat::CCmThreadHeartBeat() : m_pTimerQueue(nullptr) {}
 
 CCmThreadHeartBeat::~CCmThreadHeartBeat() {
+    CCmDisableCancel disableCancel;
     delete m_pTimerQueue;
 }
 

@@ -1,5 +1,6 @@
 #include "CmTimerWrapper.h"
 
+#include "CmCancel.h"
 #include "CmScopedLock.h"
 #include "CmThread.h"
 #include "CmTraceLine.h"
@@ -22,6 +23,7 @@ CCmTimerWrapperIDSink::~CCmTimerWrapperIDSink() = default;
 CCmTimerWrapperID::CCmTimerWrapperID() : m_bScheduled(false), m_pTimerQueue(nullptr) {}
 
 CCmTimerWrapperID::~CCmTimerWrapperID() {
+    CCmDisableCancel disableCancel;
     Cancel();
 }
 
@@ -73,6 +75,7 @@ low_tick_policy::low_tick_generator* low_tick_policy::low_tick_generator::instan
     if (CM_LIKELY(pGenerator != nullptr)) {
         return pGenerator;
     }
+    CCmDisableCancel disableCancel;
     CCmScopedLockT<CCmMutexThread> lock(mutex);
     pGenerator = pInstance.load(std::memory_order_acquire);
     if (pGenerator == nullptr) {

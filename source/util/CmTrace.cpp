@@ -13,12 +13,6 @@ UtilTraceSink InstalledSink() {
     return g_util_trace_sink.load(std::memory_order_relaxed);
 }
 
-// The caller may hold locks: a sink is no place to be cancelled in.
-void CallSink(UtilTraceSink aSink, unsigned long aLevel, const char* aText, unsigned int aLength) {
-    CCmTraceGuard guard;
-    aSink(aLevel, aText, aLength);
-}
-
 // The facility takes text that is not const and leaves it as it is.
 char* TextForFacility(const char* aText) {
     return const_cast<char*>(aText);
@@ -43,8 +37,9 @@ void set_util_external_trace_sink(UTIL_NS::UtilTraceSink aSink) {
 }
 
 void util_adapter_trace(unsigned long aLevel, const char* aText, unsigned int aLength) {
+    UTIL_NS::CCmTraceGuard guard;
     if (UTIL_NS::UtilTraceSink pfnSink = UTIL_NS::InstalledSink()) {
-        UTIL_NS::CallSink(pfnSink, aLevel, aText, aLength);
+        pfnSink(aLevel, aText, aLength);
     } else {
         UTIL_NS::CCmT120Trace::instance()->trace_string(aLevel, UTIL_NS::TextForFacility(aText));
     }
@@ -52,8 +47,9 @@ void util_adapter_trace(unsigned long aLevel, const char* aText, unsigned int aL
 
 void util_adapter_trace_ex(unsigned long aLevel, const char* aModule, const char* aText,
                            unsigned int aLength) {
+    UTIL_NS::CCmTraceGuard guard;
     if (UTIL_NS::UtilTraceSink pfnSink = UTIL_NS::InstalledSink()) {
-        UTIL_NS::CallSink(pfnSink, aLevel, aText, aLength);
+        pfnSink(aLevel, aText, aLength);
     } else {
         UTIL_NS::CCmT120Trace::instance()->trace_string(aLevel, aModule,
                                                         UTIL_NS::TextForFacility(aText));

@@ -3,8 +3,8 @@
 #define CM_TRACE_GUARD_H
 
 #include <errno.h>
-#include <pthread.h>
 
+#include "CmCancel.h"
 #include "CmConditionVariable.h"
 
 namespace UTIL_NS {
@@ -13,19 +13,22 @@ namespace UTIL_NS {
 // may hold locks. Afterwards errno is as it was.
 class CCmTraceGuard {
   public:
-    CCmTraceGuard() : m_nErrno(errno), m_nCancelState(PTHREAD_CANCEL_ENABLE) {
-        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &m_nCancelState);
-    }
-    ~CCmTraceGuard() {
-        pthread_setcancelstate(m_nCancelState, nullptr);
-        errno = m_nErrno;
-    }
+    CCmTraceGuard() = default;
     CCmTraceGuard(const CCmTraceGuard&) = delete;
     CCmTraceGuard& operator=(const CCmTraceGuard&) = delete;
 
   private:
-    const int m_nErrno;
-    int m_nCancelState;
+    struct CErrno {
+        CErrno() : m_nErrno(errno) {}
+        ~CErrno() { errno = m_nErrno; }
+        CErrno(const CErrno&) = delete;
+        CErrno& operator=(const CErrno&) = delete;
+
+        const int m_nErrno;
+    };
+
+    CErrno m_Errno;  // restored last
+    CCmDisableCancel m_DisableCancel;
 };
 
 // A lock of tracing's own: usable before any static object is constructed and never destroyed, so

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "CmCancel.h"
 #include "CmScopedLock.h"
 #include "CmTrace.h"
 #include "CmUtilMisc.h"
@@ -60,6 +61,7 @@ void CCmCleanUpBase::CleanUp() {
 }
 
 void CCmCleanUpBase::CleanupAll() {
+    CCmDisableCancel disableCancel;
     CCmScopedLockT<CCmMutexThreadRecursive> lock(g_SingletonMutex);
     while (s_pHeader != nullptr) {
         // Off the registry first, so that whatever a destructor registers is not lost and a
@@ -111,6 +113,7 @@ int cm_ipv6_enabled = -1;
 namespace {
 
 int ProbeFamily(int aFamily) {
+    CCmDisableCancel disableCancel;
     const int nSocket = g_cmSystem.socket(aFamily, SOCK_DGRAM, 0);
     if (nSocket < 0) {
         return 0;

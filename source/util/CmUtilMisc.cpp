@@ -10,6 +10,7 @@
 #include <cstring>
 #include <new>
 
+#include "CmCancel.h"
 #include "CmCrc16.h"
 #include "CmMessageBlock.h"
 #include "CmTraceLine.h"
@@ -163,6 +164,7 @@ int get_local_addr(local_addr** aList) {
         return -1;
     }
     *aList = nullptr;
+    CCmDisableCancel disableCancel;
     const int nSocket = g_cmSystem.socket(AF_INET, SOCK_DGRAM, 0);
     if (nSocket < 0) {
         return -1;

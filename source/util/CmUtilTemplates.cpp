@@ -2,6 +2,7 @@
 
 #include <exception>
 
+#include "CmCancel.h"
 #include "CmScopedLock.h"
 #include "CmTraceLine.h"
 
@@ -39,6 +40,7 @@ void CCmReferenceControlT<CCmMutexNullSingleThread>::OnReferenceDestory() {
 }
 
 void CmCreateSingleton(void (*aCreate)()) {
+    CCmDisableCancel disableCancel;
     void* pMutex = nullptr;
     GetSingletonMutex(&pMutex);
     CCmScopedLockT<CCmMutexThreadRecursive> lock(*static_cast<CCmMutexThreadRecursive*>(pMutex));

@@ -232,3 +232,8 @@ void* CFBundleGetFunctionPointerForName(CFBundleRef aBundle, CFStringRef aName) 
 void CFRelease(CFTypeRef aObject) {
     ScopedMacServices::Current().Release(aObject);
 }
+
+__darwin_pthread_handler_rec*& CmMacCleanUps() {
+    static thread_local __darwin_pthread_handler_rec* s_pNewest = nullptr;
+    return s_pNewest;
+}

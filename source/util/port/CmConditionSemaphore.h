@@ -8,6 +8,7 @@
 #include <errno.h>
 #include <limits.h>
 
+#include "CmCancel.h"
 #include "CmPlatform.h"
 #include "CmSystem.h"
 
@@ -65,25 +66,19 @@ inline int CmConditionSemaphoreDestroy(CmConditionSemaphore* aSemaphore) {
     return CmResultToErrno(rvCondition != 0 ? rvCondition : rvMutex);
 }
 
-inline void CmUnlockSemaphore(void* aMutex) {
-    g_cmSystem.pthread_mutex_unlock(static_cast<pthread_mutex_t*>(aMutex));
-}
-
 inline int CmConditionSemaphoreWait(CmConditionSemaphore* aSemaphore) {
     int rv = g_cmSystem.pthread_mutex_lock(&aSemaphore->m_Mutex);
     if (rv != 0) {
         return CmResultToErrno(rv);
     }
-    // A thread that is cancelled while it waits holds the mutex and gives it back here: not every
-    // platform runs destructors then.
-    pthread_cleanup_push(CmUnlockSemaphore, &aSemaphore->m_Mutex);
+    CCmCleanUpT unlock([aSemaphore] { g_cmSystem.pthread_mutex_unlock(&aSemaphore->m_Mutex); });
     while (rv == 0 && aSemaphore->m_dwCount == 0) {
         rv = g_cmSystem.pthread_cond_wait(&aSemaphore->m_Condition, &aSemaphore->m_Mutex);
     }
     if (rv == 0) {
         --aSemaphore->m_dwCount;
     }
-    pthread_cleanup_pop(1);
+    unlock.Execute();
     return CmResultToErrno(rv);
 }
 

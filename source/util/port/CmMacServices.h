@@ -1,4 +1,4 @@
-// The macOS desktop services that CmPortMac.cpp calls; internal.
+// The macOS desktop services that CmPortMac.cpp calls, and the list of clean-up handlers; internal.
 //
 // Where the system's headers are missing (a cross build), this declares just what is called, with
 // the layout that the 64-bit system defines.
@@ -108,6 +108,29 @@ struct ProcessInfoRec {
 OSErr GetProcessInformation(const ProcessSerialNumber* aProcess, ProcessInfoRec* aInfo);
 
 }  // extern "C"
+
+#endif
+
+// ---- POSIX threads
+
+#include <pthread.h>
+
+// The newest clean-up handler of the calling thread: the list that the macros of <pthread.h> work
+// on, and that the system walks when it cancels the thread.
+#if defined(__APPLE__)
+
+inline __darwin_pthread_handler_rec*& CmMacCleanUps() {
+    return pthread_self()->__cleanup_stack;
+}
+
+#else
+
+struct __darwin_pthread_handler_rec {
+    void (*__routine)(void*);
+    void* __arg;
+    __darwin_pthread_handler_rec* __next;
+};
+__darwin_pthread_handler_rec*& CmMacCleanUps();
 
 #endif
 

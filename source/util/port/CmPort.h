@@ -73,6 +73,18 @@ size_t CmPortReadInterface(const char* aRecords, size_t aLength, CmPortInterface
 constexpr long CM_PORT_COARSE_USEC = 20 * 1000;
 int CmPortCoarseTimeOfDay(timeval* aNow, void* aUnused);
 
+// A clean-up handler of a thread. Between push and pop, of which the innermost is popped first, the
+// platform calls m_pfnRoutine with m_pArgument when the thread is cancelled, unless it unwinds a
+// cancelled thread: then push and pop do nothing and destructors do the work (CmCancel.h). Called
+// through g_cmSystem.
+struct CmPortCleanUp {
+    void (*m_pfnRoutine)(void*);
+    void* m_pArgument;
+    CmPortCleanUp* m_pNext;  // the platform's
+};
+void CmPortPushCleanUp(CmPortCleanUp* aCleanUp);
+void CmPortPopCleanUp(CmPortCleanUp* aCleanUp);
+
 // A counting semaphore: as sem_init, sem_destroy, sem_wait and sem_post, 0 or -1 with errno set.
 // The units call them through g_cmSystem. CmConditionSemaphore.h serves where the system has no
 // unnamed semaphores.

@@ -175,4 +175,9 @@ int CmPortCoarseTimeOfDay(timeval* aNow, void* /*aUnused*/) {
     return rv;
 }
 
+// A cancelled thread unwinds.
+void CmPortPushCleanUp(CmPortCleanUp* /*aCleanUp*/) {}
+
+void CmPortPopCleanUp(CmPortCleanUp* /*aCleanUp*/) {}
+
 }  // namespace UTIL_NS

@@ -1,6 +1,7 @@
 #include "CmPort.h"
 
 #include <dlfcn.h>
+#include <stddef.h>
 #include <string.h>
 
 #include <memory>
@@ -170,6 +171,26 @@ size_t CmPortReadInterface(const char* aRecords, size_t aLength, CmPortInterface
 // The exact clock: there is no coarse one, and it takes no system call.
 int CmPortCoarseTimeOfDay(timeval* aNow, void* /*aUnused*/) {
     return ::gettimeofday(aNow, nullptr);
+}
+
+// What the macros pthread_cleanup_push and pthread_cleanup_pop do, which have to share a block.
+static_assert(sizeof(CmPortCleanUp) == sizeof(__darwin_pthread_handler_rec) &&
+                  offsetof(CmPortCleanUp, m_pfnRoutine) ==
+                      offsetof(__darwin_pthread_handler_rec, __routine) &&
+                  offsetof(CmPortCleanUp, m_pArgument) ==
+                      offsetof(__darwin_pthread_handler_rec, __arg) &&
+                  offsetof(CmPortCleanUp, m_pNext) ==
+                      offsetof(__darwin_pthread_handler_rec, __next),
+              "the record of the system's list of handlers");
+
+void CmPortPushCleanUp(CmPortCleanUp* aCleanUp) {
+    __darwin_pthread_handler_rec*& pNewest = CmMacCleanUps();
+    aCleanUp->m_pNext = reinterpret_cast<CmPortCleanUp*>(pNewest);
+    pNewest = reinterpret_cast<__darwin_pthread_handler_rec*>(aCleanUp);
+}
+
+void CmPortPopCleanUp(CmPortCleanUp* aCleanUp) {
+    CmMacCleanUps() = reinterpret_cast<__darwin_pthread_handler_rec*>(aCleanUp->m_pNext);
 }
 
 int CmPortSemaphoreInit(CmConditionSemaphore* aSemaphore, int /*aShared*/, unsigned aCount) {

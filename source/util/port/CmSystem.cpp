@@ -67,6 +67,8 @@ CCmSystemTable g_cmSystem = {
     ::pthread_create,
     ::pthread_join,
     ::pthread_cancel,
+    CmPortPushCleanUp,
+    CmPortPopCleanUp,
     ::gettimeofday,
     ::nanosleep,
     ::sched_yield,

@@ -34,6 +34,8 @@ struct CCmClockTable {
 };
 extern CCmClockTable g_cmClock;
 
+struct CmPortCleanUp;
+
 struct CCmSystemTable {
     int (*pthread_mutexattr_init)(pthread_mutexattr_t*);
     int (*pthread_mutexattr_settype)(pthread_mutexattr_t*, int);
@@ -55,6 +57,8 @@ struct CCmSystemTable {
     int (*pthread_create)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
     int (*pthread_join)(pthread_t, void**);
     int (*pthread_cancel)(pthread_t);
+    void (*push_cleanup)(CmPortCleanUp*);  // see CmPortPushCleanUp
+    void (*pop_cleanup)(CmPortCleanUp*);
     int (*gettimeofday)(timeval*, void*);
     int (*nanosleep)(const timespec*, timespec*);
     int (*sched_yield)();
