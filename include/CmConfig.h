@@ -4,13 +4,16 @@
 //   - Section and key names are compared without regard to ASCII case. Names and values are
 //     trimmed of blanks, tabs, CRs and LFs.
 //   - A line whose first non-blank character is "#" is a comment; ";" starts none.
-//   - A line that holds both "[" and "]" is a section header, even when it also holds "=". Lines
-//     ahead of the first header are never matched, and only the first section of a name counts.
+//   - A line that holds both "[" and "]" is a section header, even when it also holds "=": a value
+//     with both ends its section. Lines ahead of the first header are never matched, and only the
+//     first section of a name counts.
 //   - A value between two quotes of one kind loses them and is trimmed again.
 //   - A line longer than 2047 characters is read as several lines; a NUL ends what is seen of its
 //     line.
 //
 // Nothing is cached: every look-up reads its file again, so a changed file takes effect at once.
+// A named pipe is read as its writer writes it, which may take its time; without a writer it counts
+// as absent. No thread is cancelled during a look-up.
 // Nothing here fails towards its caller: a file that cannot be read, a missing section or key end
 // in the default, a number that does not parse in 0. Values handed out are always terminated and
 // cut to what their buffer holds; where the caller gives none, to 255 characters.
@@ -70,7 +73,8 @@ CM_UTIL_EXPORT int get_string_from_profile(const char* aSection, const char* aKe
 CM_UTIL_EXPORT int get_string_param(const char* aSection, const char* aKey, char* aOut,
                                     int aOutSize);
 
-// Not found: 0. A number too large keeps its low bits.
+// Not found: 0. A number too large for the type keeps its low bits; one that is too large for a long
+// (get_uint32_param: an unsigned long) counts as the nearest long first, so that 2^63 gives -1.
 CM_UTIL_EXPORT int get_int_param(const char* aSection, const char* aKey);
 CM_UTIL_EXPORT uint16_t get_uint16_param(const char* aSection, const char* aKey);
 CM_UTIL_EXPORT uint32_t get_uint32_param(const char* aSection, const char* aKey);
@@ -107,7 +111,8 @@ class CM_UTIL_EXPORT CCmConfigInitFile {
     // Ignores aName and returns CM_OK; SetKeltoConfigFileName changes the file.
     CmResult InitWithFileName(CCmString const& aName);
 
-    // The value, or aDefault without one.
+    // The value, or aDefault without one. Numbers too large are read as get_int_param does (the
+    // unsigned ones as get_uint32_param).
     int GetIntParam(CCmString const& aSection, CCmString const& aKey, int aDefault);
     unsigned int GetDwordParam(CCmString const& aSection, CCmString const& aKey,
                                unsigned int aDefault);
@@ -131,7 +136,7 @@ class CM_UTIL_EXPORT CCmConfigInitFile {
 
 // The running executable's file name as the bytes of its 16-bit characters, so that a plain ASCII
 // name reads as its first character only; trace file names and trace keys rely on it. Empty when
-// the platform cannot tell the name. Read once, on first use; the text stays valid.
+// the platform cannot tell the name, and asked for again then. Read once; the text stays valid.
 CM_UTIL_EXPORT const char* get_exec_name();
 
 // The part of get_exec_name() behind its last "/".

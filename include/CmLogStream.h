@@ -57,7 +57,8 @@ class CM_UTIL_EXPORT YrktraStreamA {
 template <typename CharType>
 class logstream;
 
-// An output string stream whose destructor delivers what was inserted, up to the first NUL:
+// An output string stream whose destructor delivers what was inserted, up to the first NUL and in
+// whatever state the stream is:
 //   ccu::logstream<char>(2, "net") << "connected, fd=" << fd;
 // One thread at a time.
 template <>

@@ -7,9 +7,9 @@
 //   Enable               FALSE silences everything; any value but TRUE counts as FALSE
 //   P.<level name>       TRUE or FALSE for one level
 //   P.Module             module names of up to 32 characters, separated by ","
-//   P.<module>.<level>   the level for one module, for enable_trace_print
-//   P                    size limit of the trace file in bytes; below 1025 means 20 MiB
-//   FlushPerLines        lines per flush of the trace file; below 1 means 1
+//   P.<module>.<level>   the level for one module, for enable_trace_print alone
+//   P                    size limit of every trace file in bytes; below 1025 means 20 MiB
+//   FlushPerLines        lines per flush of every trace file; below 1 means 1
 // Switches change only when the configuration is read: on load, and by refresh_trace_config.
 #ifndef CM_T120_TRACE_H
 #define CM_T120_TRACE_H
@@ -108,7 +108,7 @@ class CM_UTIL_EXPORT CCmT120Trace {
     };
 
     // The facility of the process, created and loaded on first use by whichever thread comes
-    // first (the others wait), never destroyed and never null.
+    // first (those that come meanwhile load it too), never destroyed and never null.
     static CCmT120Trace* instance();
 
     // False when trace_string of instance() would drop every text of this level. True as long as
@@ -133,7 +133,8 @@ class CM_UTIL_EXPORT CCmT120Trace {
     // could be opened every text is dropped.
     virtual unsigned char load(void* aFile);
 
-    // Reads all switches anew.
+    // Reads all switches anew. Nobody else waits for the file: no lock is held while it is read. Of
+    // two readings at once the one that began last holds.
     void read_config();
     void refersh_trace_config();
 
@@ -173,10 +174,7 @@ class CM_UTIL_EXPORT CCmT120Trace {
     bool is_level_on(unsigned long aLevel) const;
     void open_bundle();
     bool build_file_path(char* aPath, size_t aSize, CCmString* aLogPath) const;
-    void read_levels(const char* aProcess);
-    void read_modules(const char* aProcess) CM_REQUIRES(m_Mutex);
-    void read_module(const char* aProcess, const char* aModule) CM_REQUIRES(m_Mutex);
-    void record_disabled_key(const char* aKey) CM_REQUIRES(m_Mutex);
+    CM_UTIL_HIDDEN void* open_file(void* aFile, unsigned long aSizeLimit, CCmString* aLogPath);
 
     static std::atomic<CCmT120Trace*> t120_trace;
 
@@ -190,7 +188,8 @@ class CM_UTIL_EXPORT CCmT120Trace {
     int m_nDayOfMonth;
     int m_nMonth;  // 1 to 12
     const pid_t m_ProcessId;
-    CCmMutexThreadRecursive m_Mutex;  // configuration and loading
+    uint32_t m_dwReading CM_GUARDED_BY(m_Mutex);  // of the configuration, the one in force
+    CCmMutexThreadRecursive m_Mutex;              // configuration and loading
     std::set<CCmString, std::less<>> m_DisabledKeys
         CM_GUARDED_BY(m_Mutex);  // "process.module.level name"
     void* m_hBundle CM_GUARDED_BY(m_Mutex);

@@ -17,7 +17,8 @@
 // thread's handle, as a signed number.
 //
 // Nothing here throws, changes errno, raises a signal or reports a failure of tracing: a line that
-// cannot be written is lost, and those that are on disk stay.
+// cannot be written is lost, and those that are on disk stay. No thread is cancelled here. A process
+// that keeps the lock of a shared file holds up who writes to that file, and nobody else.
 #ifndef CM_T120_TRACE_FILE_H
 #define CM_T120_TRACE_FILE_H
 
@@ -49,23 +50,27 @@ class CM_UTIL_EXPORT CCmT120TraceFile {
     // Opens aPath (null: the record's name) for reading and writing, creates it if missing and
     // keeps what it holds; lines go there until the record ends. CM_ERROR_INVALID_ARG without
     // any name, CM_ERROR_ALREADY_INITIALIZED when a file is attached, CM_ERROR_FAILURE when it
-    // cannot be opened. A host must not open and close an attached file by other means: closing
-    // any descriptor of a file takes the process's locks off it.
+    // cannot be opened, memory ran out or the program has ended. A file that is no trace file is
+    // overwritten from the position on that a number at its start names, else from its start.
+    // A host must not open and close an attached file by other means: closing any descriptor of a
+    // file takes the process's locks off it.
     CmResult attach(const char* aPath = nullptr);
 
     // Any of aTag and aModule may be null. Lines whose module matches a filter are left out. A
-    // line that does not fit the line buffer is cut and keeps its line end; a null aText reads
-    // "(null)". A shared record takes write_shared's way.
+    // line that does not fit what is left of the line buffer is cut and keeps its line end, and
+    // those after it are lost until the next flush; a null aText reads "(null)". A shared record
+    // takes write_shared's way.
     void write(const char* aTag, const char* aModule, const char* aText);
-    // Cuts nothing; a null aText is no line. Once a position reached the size limit, the next line
-    // goes to the top of the file again.
+    // Cuts nothing; a null aText is no line. Waits for the file's lock. Once a position reached the
+    // size limit, the next line goes to the top of the file again.
     void write_shared(const char* aTag, const char* aModule, const char* aText);
     // Writes the collected lines. A position at the size limit cuts the file off there, and the
     // lines are appended all the same.
     void flush_buffer();
 
     // Flushes. aFlushCount: lines per flush, taken to be within 1 and 1048575; without memory for
-    // so many, write loses every line until another count is set. Returns 1.
+    // so many, write loses every line until another count is set. A line that waits for the file's
+    // lock is written under the new limit. Returns 1.
     unsigned char refresh_settings(unsigned long aSizeLimit, int aFlushCount);
 
     // 1 when both names are given and equal, else 0.
@@ -74,6 +79,9 @@ class CM_UTIL_EXPORT CCmT120TraceFile {
   private:
     friend class CCmT120TraceFileMgr;
 
+    CM_UTIL_HIDDEN void end();
+    CM_UTIL_HIDDEN FILE* stream();
+    CM_UTIL_HIDDEN bool has_line_buffer();
     void collect_line_l(const char* aTag, const char* aModule, const char* aText)
         CM_REQUIRES(m_Mutex);
     void write_shared_l(const char* aTag, const char* aModule, const char* aText)
@@ -82,7 +90,7 @@ class CM_UTIL_EXPORT CCmT120TraceFile {
         CM_REQUIRES(m_Mutex);
     void write_at_l(long aPosition, const char* aText, size_t aLength) CM_REQUIRES(m_Mutex);
     void flush_buffer_l() CM_REQUIRES(m_Mutex);
-    void request_file_lock_l(struct flock& aRequest) CM_REQUIRES(m_Mutex);
+    void request_file_lock_l(struct flock& aRequest);  // in the file's turn
     bool read_position_l(long& aPosition) CM_REQUIRES(m_Mutex);
     bool is_at_limit_l(long aPosition) const CM_REQUIRES(m_Mutex);
     void truncate_l(long aPosition) CM_REQUIRES(m_Mutex);
@@ -107,9 +115,11 @@ class CM_UTIL_EXPORT CCmT120TraceFile {
 // The records of the process, by file name.
 class CM_UTIL_EXPORT CCmT120TraceFileMgr {
   public:
-    constexpr CCmT120TraceFileMgr() : m_Mutex(CCmStaticInit()) {}
-    // Waits 200 ms for threads that still write, then ends every record. A manager with static
-    // storage opens no more records after that.
+    constexpr CCmT120TraceFileMgr() = default;
+    // Waits 200 ms for threads that still write, then ends every record: no thread may use one any
+    // more. The records of g_trace_mgr, which ends with the program, are flushed, closed and left
+    // where they are: a line that comes then is dropped. A manager with static storage opens no
+    // more records after that.
     ~CCmT120TraceFileMgr();
     CCmT120TraceFileMgr(const CCmT120TraceFileMgr&) = delete;
     CCmT120TraceFileMgr& operator=(const CCmT120TraceFileMgr&) = delete;
@@ -127,14 +137,23 @@ class CM_UTIL_EXPORT CCmT120TraceFileMgr {
 
     // Reads the filters from home + "conf/keltoexp.filter": up to 100 lines, each an extended
     // regular expression with its line end as part of it. Keeps the filters when the file cannot
-    // be read or is empty; one line that does not compile leaves no filter at all. For hosts;
-    // nothing in the library calls it.
+    // be read or is empty, or is a pipe that somebody still writes to; one line that does not
+    // compile leaves no filter at all. For hosts; nothing in the library calls it.
     static void init_reg_filter();
 
   private:
+    CM_UTIL_HIDDEN void end_records();
+    CM_UTIL_HIDDEN CCmT120TraceFile* unlink_record(const void* aRecord);
+
     std::atomic<CCmT120TraceFile*> m_pHeader{nullptr};  // newest first
     uint32_t m_dwCount = 0;                             // of all records ever created
-    CCmMutexThreadRecursive m_Mutex;
+    // Destroyed by the manager's destructor, unless other threads may still come.
+    union Mutex {
+        constexpr Mutex() : m_Lock(CCmStaticInit()) {}
+        ~Mutex() {}
+        CCmMutexThreadRecursive m_Lock;
+    };
+    Mutex m_Mutex;
     std::atomic<bool> m_bEnded{false};
 };
 

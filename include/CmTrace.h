@@ -19,7 +19,9 @@ constexpr unsigned long CM_TRACE_LEVEL_INFO = 20;
 
 // Receives one line: its level, its text (NUL-terminated, valid during the call only) and its
 // length. Called on whichever thread traces, so it must be thread-safe; it may be called with
-// locks of the library held and must not call back into it. The thread is not cancelled in it.
+// locks of the library held, so it must not call back into it and should not wait. It must not
+// throw. The thread is not cancelled in it, and errno is afterwards as it was. docs/tracing.md has
+// one that takes the lines to a file.
 typedef void (*UtilTraceSink)(unsigned long aLevel, const char* aText, unsigned int aLength);
 
 // The installed sink, null until the host installs one.

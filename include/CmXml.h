@@ -23,7 +23,8 @@ CM_UTIL_EXPORT char* xml_get_string(char* aXml, const char* aTag, unsigned short
                                     char* aDefault);
 
 // Decimal numbers of at most 64 characters; the default when there is none or it does not parse.
-// A number too large for its type keeps its low bits.
+// A number too large for its type keeps its low bits; one that is too large for a long (for an
+// unsigned long in the uint32 functions) counts as the nearest one first.
 CM_UTIL_EXPORT uint32_t get_uint32_from_XML(char* aXml, const char* aTag, unsigned long aDefault);
 CM_UTIL_EXPORT int32_t get_int32_from_XML(char* aXml, const char* aTag, unsigned long aDefault);
 CM_UTIL_EXPORT unsigned long xml_get_uint32(char* aXml, const char* aTag, unsigned long aDefault);

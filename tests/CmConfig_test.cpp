@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -411,7 +412,37 @@ TEST(CmConfigProfile, Directory_HoldsNothing) {
     EXPECT_EQ("(none)", ReadFile(home.path(), "s", "k"));
 }
 
-TEST(CmConfigProfile, NamedPipe_HoldsNothing) {
+TEST(CmConfigProfile, NamedPipe_IsReadAsItsWriterWritesIt) {
+    ScopedHome home;
+    const std::string sPath = home.path() + "profile";
+    ASSERT_EQ(0, mkfifo(sPath.c_str(), 0600));
+    const int nPipe = open(sPath.c_str(), O_RDWR);
+    std::thread writer([nPipe] {
+        for (const char* pszPart : {"[s]\nj=", "w\nk", "=v\n"}) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            EXPECT_LT(0, write(nPipe, pszPart, strlen(pszPart)));
+        }
+    });
+    EXPECT_EQ("v", ReadFile(sPath, "s", "k"));
+    writer.join();
+    close(nPipe);
+}
+
+TEST(CmConfigProfile, NamedPipe_EndsWhenItsWriterClosesIt) {
+    ScopedHome home;
+    const std::string sPath = home.path() + "profile";
+    ASSERT_EQ(0, mkfifo(sPath.c_str(), 0600));
+    const int nPipe = open(sPath.c_str(), O_RDWR);
+    std::thread writer([nPipe] {
+        EXPECT_EQ(8, write(nPipe, "[s]\nj=w\n", 8));
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        close(nPipe);
+    });
+    EXPECT_EQ("(none)", ReadFile(sPath, "s", "k"));
+    writer.join();
+}
+
+TEST(CmConfigProfile, NamedPipe_HoldsNothing_WithoutAWriter) {
     ScopedHome home;
     const std::string sPath = home.path() + "profile";
     ASSERT_EQ(0, mkfifo(sPath.c_str(), 0600));
@@ -599,6 +630,21 @@ TEST(CmConfigParam, Numbers_AreParsed) {
     EXPECT_EQ(4294967295u, get_uint32_param("s", "neg"));
     EXPECT_EQ(2u, get_uint32_param("s", "more"));
     EXPECT_EQ(0u, get_uint32_param("s", "bad"));
+}
+
+TEST(CmConfigParam, NumbersBeyondALong_AreItsLimitFirst) {
+    ScopedHome home;
+    home.WriteConfig(
+        "[s]\nabove=9223372036854775808\nbelow=-9223372036854775809\n"
+        "huge=18446744073709551616\n");
+    EXPECT_EQ(-1, get_int_param("s", "above"));
+    EXPECT_EQ(0, get_int_param("s", "below"));
+    EXPECT_EQ(65535, get_uint16_param("s", "above"));
+    EXPECT_EQ(0u, get_uint32_param("s", "above"));
+    EXPECT_EQ(4294967295u, get_uint32_param("s", "huge"));
+    EXPECT_EQ(-1, CCmConfigInitFile().GetIntParam("s", "huge", 7));
+    EXPECT_EQ(4294967295u, CCmConfigInitFile().GetDwordParam("s", "huge", 7));
+    EXPECT_EQ(65535, CCmConfigInitFile().GetWordParam("s", "huge", 7));
 }
 
 TEST(CmConfigParam, OnlyTrue_IsTrue) {

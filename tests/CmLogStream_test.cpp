@@ -351,6 +351,23 @@ TEST(CmLogStream, Stream_SwallowsAnExceptionAndKeepsErrno) {
     std::free(library.lastText());  // not freed by the stream
 }
 
+TEST(CmLogStream, Stream_DeliversItsText_InABadState) {
+    for (const std::ios::iostate mask : {std::ios::goodbit, std::ios::badbit | std::ios::failbit}) {
+        ScopedTraceLibrary library;
+        {
+            ccu::logstream<char> stream(9, "media");
+            stream << "rate=" << 48000;
+            stream.setstate(std::ios::badbit);
+            try {
+                stream.exceptions(mask);
+            } catch (const std::ios::failure&) {
+                // It throws at once; the mask holds all the same.
+            }
+        }
+        EXPECT_EQ(Texts{"rate=48000"}, library.texts()) << mask;
+    }
+}
+
 TEST(CmLogStream, Stream_DeliversNull_WhenItsTextHasNoStorage) {
     ScopedTraceLibrary library;
     auto pStream = std::make_unique<ccu::logstream<char>>(9, "media");

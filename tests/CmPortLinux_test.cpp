@@ -95,6 +95,11 @@ TEST(CmPortLinuxName, UnknownName_IsEmpty) {
     EXPECT_WITH_EXECUTABLE("/" + std::string(5000, 'x'), IsText("", get_exec_name()));
 }
 
+TEST(CmPortLinuxName, Name_IsAskedForAgain_WhenItCouldNotBeRead) {
+    EXPECT_WITH_EXECUTABLE("", IsText("", get_exec_name()) && !(s_sExecutable = "agent").empty() &&
+                                   IsText("a", get_exec_name()));
+}
+
 TEST(CmPortLinuxName, Name_IsReadOnce) {
     EXPECT_WITH_EXECUTABLE("/opt/bin/agent", (get_exec_name(), s_sExecutable = "/opt/bin/other",
                                               IsText("a", get_exec_name())));

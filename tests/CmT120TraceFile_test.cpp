@@ -1,13 +1,16 @@
 #include "CmT120TraceFile.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -95,6 +98,23 @@ TEST_F(CmT120TraceFile, Attach_KeepsWhatTheFileHolds) {
     CCmT120TraceFile file(nullptr, 0, 0, 0);
     EXPECT_EQ(CM_OK, file.attach(m_sPath.c_str()));
     EXPECT_EQ("kept", Content());
+}
+
+TEST_F(CmT120TraceFile, Attach_TakesAnyFileForATraceFile) {
+    for (const char* pszStart : {"no number", "40 is one"}) {
+        const std::string sBefore = pszStart + std::string(1000, 'x');
+        const size_t nPosition = *pszStart == '4' ? 40 : 0;
+        WriteFile(m_sPath, sBefore);
+        CCmT120TraceFile file(m_sPath.c_str(), 0, 1, 0);
+        EXPECT_EQ(CM_OK, file.attach());
+        file.write(nullptr, nullptr, "over it");
+        const size_t nLength = Stamp().size() + 9;
+        const std::string sContent = Content();
+        EXPECT_EQ(Header(static_cast<long>(nPosition + nLength)), sContent.substr(0, 32));
+        EXPECT_EQ(sBefore.size(), sContent.size());
+        EXPECT_EQ("over it\n" + std::string(MARKER) + "x",
+                  sContent.substr(nPosition + nLength - 8, 8 + 73 + 1));
+    }
 }
 
 TEST_F(CmT120TraceFile, Attach_NeedsAName) {
@@ -315,6 +335,10 @@ TEST_F(CmT120TraceFile, Write_StillFlushes_WhenACutLineFilledTheBuffer) {
     file.write(nullptr, nullptr, std::string(9000, 'x').c_str());
     file.write(nullptr, nullptr, "no room");
     EXPECT_EQ(Header(32 + 4095), Content().substr(0, 32));
+    EXPECT_EQ(std::string::npos, Content().find("no room"));
+    file.write(nullptr, nullptr, "room");
+    file.flush_buffer();
+    EXPECT_NE(std::string::npos, Content().find(" room\n"));
 }
 
 TEST_F(CmT120TraceFile, WriteShared_CutsNothing) {
@@ -510,8 +534,8 @@ TEST_F(CmT120TraceFile, Write_GoesOn_WhenTruncationFails) {
     EXPECT_EQ(Stamp() + " top\n", Content().substr(32, Stamp().size() + 5));
 }
 
-TEST_F(CmT120TraceFile, WriteShared_AsksForTheLockAgain_WhenInterruptedOrUnavailable) {
-    for (int nError : {EINTR, EAGAIN}) {
+TEST_F(CmT120TraceFile, WriteShared_AsksForTheLockAgain_WhenInterruptedUnavailableOrRefused) {
+    for (int nError : {EINTR, EAGAIN, EDEADLK}) {
         WriteEmptyTraceFile();
         CCmT120TraceFile file(m_sPath.c_str(), 0, 1, 0);
         file.attach();
@@ -630,6 +654,25 @@ TEST_F(CmT120TraceFile, Filter_ReadsALongLineAsSeveral) {
     SetFilters(std::string(1023, 'a') + "b");
     EXPECT_EQ(4, regex_cnt.load());
     EXPECT_EQ(0, regex_match("b"));
+}
+
+TEST_F(CmT120TraceFile, Filter_WaitsForNoWriterOfANamedPipe) {
+    SetFilters("net");
+    const std::string sFilter = m_Home.path() + "conf/keltoexp.filter";
+    std::filesystem::remove(sFilter);
+    ASSERT_EQ(0, mkfifo(sFilter.c_str(), 0600));
+    EXPECT_EQ(0, kelto_test::StatusOfChild([&sFilter] {
+                  alarm(20);  // one that waits would wait for good
+                  CCmT120TraceFileMgr::init_reg_filter();
+                  EXPECT_EQ(0, regex_match("net"));
+                  // Nor for one that has not written all of it.
+                  const int nPipe = open(sFilter.c_str(), O_RDWR);
+                  EXPECT_EQ(6, write(nPipe, "media\n", 6));
+                  CCmT120TraceFileMgr::init_reg_filter();
+                  close(nPipe);
+                  EXPECT_EQ(0, regex_match("net"));
+              }));
+    std::filesystem::remove(sFilter);
 }
 
 TEST_F(CmT120TraceFile, Filter_MatchesNoNullModule) {
@@ -805,6 +848,81 @@ TEST_F(CmT120TraceFile, Manager_PutsTheNewestFirstAndCountsAllThatWereEverCreate
     T120_Close_Trace_Dev(pFirst);
     EXPECT_EQ(dwBefore + 2, FieldAt<uint32_t>(&g_trace_mgr, 8));
     EXPECT_EQ(pHeader, FieldAt<void*>(&g_trace_mgr, 0));
+}
+
+// What the last handler of a program that ends expects of a record; without one it does nothing.
+CCmT120TraceFile* g_pLastRecord = nullptr;
+ScopedHome* g_pLastHome = nullptr;
+
+// Uses the manager and its record when the static objects of the library are gone already.
+void UseLast() {
+    if (g_pLastRecord == nullptr) {
+        return;
+    }
+    const std::string sPath = g_pLastHome->path() + "last.txt";
+    const bool bStays = FieldAt<void*>(&g_trace_mgr, 0) == g_pLastRecord &&
+                        g_pLastRecord->is_same_file(sPath.c_str()) == 1;
+    T120_Refresh_Settings(0, 5);
+    T120_Write_Trace_Dev(g_pLastRecord, nullptr, nullptr, "dropped");
+    g_pLastRecord->flush_buffer();
+    const bool bAttaches = g_pLastRecord->attach() == CM_OK;
+    const bool bOpens = T120_Open_Trace_Dev("new", 0, 0, 0) != nullptr;
+    T120_Close_Trace_Dev(g_pLastRecord);
+    const std::string sContent = ReadFile(sPath);
+    const bool bFlushed = sContent.find(" kept\n") != std::string::npos &&
+                          sContent.find("dropped") == std::string::npos;
+    delete g_pLastHome;
+    EndProcess(bStays && !bAttaches && !bOpens && bFlushed ? 7 : 1);
+}
+
+// Before any static object is constructed, so that the handler runs when they are destroyed.
+__attribute__((constructor(101))) void RegisterUseLast() {
+    std::atexit(UseLast);
+}
+
+TEST(CmT120TraceFileExit, Manager_FlushesItsRecordsAndLeavesThem) {
+    EXPECT_EXIT(
+        {
+            g_pLastHome = new ScopedHome;
+            const std::string sPath = g_pLastHome->path() + "last.txt";
+            WriteFile(sPath, Header(32));
+            g_pLastRecord =
+                static_cast<CCmT120TraceFile*>(T120_Open_Trace_Dev(sPath.c_str(), 0, 0, 0));
+            g_pLastRecord->attach();
+            T120_Refresh_Settings(0, 10);
+            T120_Write_Trace_Dev(g_pLastRecord, nullptr, nullptr, "kept");
+            exit(0);
+        },
+        testing::ExitedWithCode(7), "");
+}
+
+// A sanitizer sees a record that was freed under them.
+TEST(CmT120TraceFileExit, Manager_EndsWhileThreadsUseItsRecords) {
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_EXIT(
+            {
+                ScopedHome home;
+                for (const char* pszName : {"a", "b", "c"}) {
+                    const std::string sPath = home.path() + pszName;
+                    void* pRecord = T120_Open_Trace_Dev(sPath.c_str(), 0, pszName[0] == 'a', 0);
+                    static_cast<CCmT120TraceFile*>(pRecord)->attach();
+                    std::thread([pRecord] {
+                        while (true) {
+                            T120_Write_Trace_Dev(pRecord, nullptr, nullptr, "line");
+                        }
+                    }).detach();
+                    std::thread([] {
+                        while (true) {
+                            T120_Refresh_Settings(1 << 20, 3);
+                            T120_Refresh_Settings(1 << 20, 4);
+                        }
+                    }).detach();
+                }
+                std::this_thread::sleep_for(std::chrono::milliseconds(20));
+                exit(0);
+            },
+            testing::ExitedWithCode(0), "");
+    }
 }
 
 TEST_F(CmT120TraceFile, Flush_MarksTheRecordAsWrapped_AtTheSizeLimit) {

@@ -1,8 +1,10 @@
 #include "CmT120Trace.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
@@ -256,6 +258,16 @@ TEST_F(CmT120Trace, Config_TurnsLevelsOffPerModule) {
     EXPECT_EQ((std::vector<int>{0, 1, 10, 11, 12, 13, 20, 22, 27}), LevelsOn(*pTrace, "ui"));
     EXPECT_EQ((std::vector<int>{0, 1, 10, 11, 12, 13, 14, 20, 21, 22, 23, 25, 27}),
               LevelsOn(*pTrace, "other"));
+}
+
+// The example of docs/configuration.md.
+TEST_F(CmT120Trace, Config_SwitchesNoModuleOnAtALevelThatIsOff) {
+    const std::string sModules = "C.Module=rtp,stats\nC.rtp.Detail=TRUE\nC.stats.Info=FALSE\n";
+    std::unique_ptr<CCmT120Trace> pTrace = Load("C.Detail=TRUE\n" + sModules);
+    EXPECT_EQ((std::vector<int>{0, 1, 10, 11, 12, 13, 20, 25}), LevelsOn(*pTrace, "rtp"));
+    EXPECT_EQ((std::vector<int>{0, 1, 10, 11, 12, 13}), LevelsOn(*pTrace, "stats"));
+    pTrace = Load(sModules);
+    EXPECT_EQ((std::vector<int>{0, 1, 10, 11, 12, 13, 20}), LevelsOn(*pTrace, "rtp"));
 }
 
 TEST_F(CmT120Trace, Config_TurnsDefaultOnLevelsOffPerModule) {
@@ -738,7 +750,7 @@ TEST(CmT120TraceInstance, Instance_IsLoadedOnce_WhenManyThreadsComeFirst) {
 
 CCmT120Trace* s_pAskedMeanwhile = nullptr;
 std::thread s_otherThread;
-int s_nOpened = 0;
+std::atomic<int> s_nOpened{0};
 
 int OpenThatAsksForTheFacility(const char* aPath, int aFlags, mode_t aMode) {
     if (++s_nOpened == 1) {
@@ -747,12 +759,16 @@ int OpenThatAsksForTheFacility(const char* aPath, int aFlags, mode_t aMode) {
     return open(aPath, aFlags, aMode);
 }
 
-// Lasts until another thread, which asks for the facility too, is about to wait for the caller.
+// Lasts until another thread, which asks for the facility too, has it.
 int OpenWhileAnotherThreadAsks(const char* aPath, int aFlags, mode_t aMode) {
     if (++s_nOpened == 1) {
-        LockCalls calls;
-        s_otherThread = std::thread([] { s_pAskedMeanwhile = CCmT120Trace::instance(); });
-        EXPECT_TRUE(Eventually([&calls] { return calls.seen(); }));
+        std::atomic<bool> bHasIt{false};
+        s_otherThread = std::thread([&bHasIt] {
+            s_pAskedMeanwhile = CCmT120Trace::instance();
+            util_adapter_trace(0, "line", 4);
+            bHasIt = true;
+        });
+        EXPECT_TRUE(Eventually([&bHasIt] { return bHasIt.load(); }));
     }
     return open(aPath, aFlags, aMode);
 }
@@ -769,16 +785,16 @@ TEST(CmT120TraceInstance, Instance_IsTheOneBeingLoaded_WhenLoadingAsksForIt) {
               }));
 }
 
-TEST(CmT120TraceInstance, Instance_IsLoadedOnce_WhenAnotherThreadAsksMeanwhile) {
+TEST(CmT120TraceInstance, Instance_WaitsForNoOtherThreadThatLoadsIt) {
     EXPECT_EQ(0, StatusOfChild([] {
                   ScopedHome home;
+                  ScopedTraceLibrary library;
                   OpenEntry entry(g_cmSystem.open, OpenWhileAnotherThreadAsks);
                   CCmT120Trace* pFacility = CCmT120Trace::instance();
-                  const int nOpened = s_nOpened;
                   s_otherThread.join();
                   EXPECT_NE(nullptr, pFacility);
                   EXPECT_EQ(pFacility, s_pAskedMeanwhile);
-                  EXPECT_EQ(nOpened, s_nOpened);
+                  EXPECT_EQ(Texts{"line"}, library.texts());
               }));
 }
 
@@ -802,6 +818,69 @@ TEST(CmT120TraceInstance, Instance_IsRefreshed) {
                   EXPECT_EQ(1, CCmT120Trace::instance()->enable_trace_print(20, nullptr));
                   home.WriteConfig("[Trace]\nC.Info=FALSE\n");
                   refresh_trace_config();
+                  EXPECT_EQ(0, CCmT120Trace::instance()->enable_trace_print(20, nullptr));
+              }));
+}
+
+TEST(CmT120TraceInstance, Switches_WaitForNoConfigurationThatIsBeingWritten) {
+    EXPECT_EQ(0, StatusOfChild([] {
+                  ScopedHome home;
+                  const std::string sConfig = home.path() + "conf/kelto.cfg";
+                  CCmT120Trace::instance();
+                  ASSERT_EQ(0, mkfifo(sConfig.c_str(), 0600));
+                  const int nPipe = open(sConfig.c_str(), O_RDWR);
+                  std::atomic<bool> bRefreshed{false};
+                  std::thread refresh([&bRefreshed] {
+                      refresh_trace_config();
+                      bRefreshed = true;
+                  });
+                  std::atomic<bool> bAnswered{false};
+                  std::thread other([&bAnswered] {
+                      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+                      CCmT120Trace* pFacility = CCmT120Trace::instance();
+                      EXPECT_EQ(1, pFacility->enable_trace_print(20, "net"));
+                      util_adapter_trace(20, "line", 4);
+                      T120_Close_Trace_Dev(T120_Open_Trace_Dev(nullptr, 0, 0, 0));
+                      bAnswered = true;
+                  });
+                  EXPECT_TRUE(Eventually([&bAnswered] { return bAnswered.load(); }));
+                  EXPECT_FALSE(bRefreshed);
+                  close(nPipe);
+                  refresh.join();
+                  other.join();
+              }));
+}
+
+std::atomic<bool> s_bLateReads{false};
+std::atomic<bool> s_bMayReadOn{false};
+thread_local bool t_bLate = false;
+thread_local int t_nOpened = 0;
+
+// A late thread stops behind the last level, with all that it has read.
+int OpenThatStops(const char* aPath, int aFlags, mode_t aMode) {
+    constexpr int OPENED_BEFORE_MODULES = 3 + 28;
+    if (t_bLate && ++t_nOpened == OPENED_BEFORE_MODULES + 1) {
+        s_bLateReads = true;
+        EXPECT_TRUE(Eventually([] { return s_bMayReadOn.load(); }));
+    }
+    return open(aPath, aFlags, aMode);
+}
+
+TEST(CmT120TraceInstance, Switches_AreThoseOfTheReadingThatBeganLast) {
+    EXPECT_EQ(0, StatusOfChild([] {
+                  ScopedHome home;
+                  CCmT120Trace::instance();
+                  OpenEntry entry(g_cmSystem.open, OpenThatStops);
+                  std::thread late([] {
+                      t_bLate = true;
+                      refresh_trace_config();
+                  });
+                  EXPECT_TRUE(Eventually([] { return s_bLateReads.load(); }));
+                  home.WriteConfig("[Trace]\nC.Info=FALSE\n");
+                  refresh_trace_config();
+                  EXPECT_EQ(0, CCmT120Trace::instance()->enable_trace_print(20, nullptr));
+                  s_bMayReadOn = true;
+                  late.join();
                   EXPECT_EQ(0, CCmT120Trace::instance()->enable_trace_print(20, nullptr));
               }));
 }

@@ -1,6 +1,8 @@
 #include "CmTrace.h"
 
+#include <errno.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 
 #include <string>
 
@@ -83,6 +85,36 @@ TEST(CmTrace, Sink_GetsTheCallersTextNotACopy) {
     const char szText[] = "text";
     util_adapter_trace(0, szText, 4);
     EXPECT_EQ(szText, g_pszSeen);
+}
+
+void BeACancellationPoint(unsigned long, const char* aText, unsigned int) {
+    pthread_testcancel();
+    g_pszSeen = aText;
+    errno = EIO;
+}
+
+// A caller may hold locks, which the end of its thread would leave locked.
+TEST(CmTrace, Sink_IsNotLeftByACancelledThread) {
+    kelto_test::ScopedTraceSink restore;
+    set_util_external_trace_sink(BeACancellationPoint);
+    g_pszSeen = nullptr;
+    pthread_t thread;
+    ASSERT_EQ(0, pthread_create(
+                     &thread, nullptr,
+                     [](void*) -> void* {
+                         pthread_cancel(pthread_self());
+                         errno = ENOENT;
+                         util_adapter_trace(0, "first", 5);
+                         util_adapter_trace_ex(0, "net", "second", 6);
+                         EXPECT_EQ(ENOENT, errno);
+                         pthread_testcancel();
+                         return nullptr;
+                     },
+                     nullptr));
+    void* pResult = nullptr;
+    ASSERT_EQ(0, pthread_join(thread, &pResult));
+    EXPECT_EQ(PTHREAD_CANCELED, pResult);
+    EXPECT_STREQ("second", g_pszSeen);
 }
 
 TEST(CmTrace, Sink_DoesNotLearnTheModule) {

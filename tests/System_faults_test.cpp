@@ -11,6 +11,7 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "CmAddress.h"
 #include "CmClock.h"
@@ -477,6 +478,16 @@ TEST(SystemFaults, NetworkCalls_FailWithTheirResultAndLine) {
     });
 }
 
+bool s_bPipeWaits = false;
+
+ssize_t ReadThatWaits(int aFile, void* aBuffer, size_t aSize) {
+    if (std::exchange(s_bPipeWaits, false)) {
+        errno = EAGAIN;
+        return -1;
+    }
+    return ::read(aFile, aBuffer, aSize);
+}
+
 TEST(SystemFaults, ProfileCalls_FailWithTheirResult) {
     typedef CCmSystemTable T;
     const kelto_test::ScopedHome home;
@@ -484,6 +495,12 @@ TEST(SystemFaults, ProfileCalls_FailWithTheirResult) {
     kelto_test::WriteFile(sProfile, "[s]\nk=42\n");
     const auto lookUp = [&] {
         return static_cast<long>(get_int_from_profile("s", "k", 7, sProfile.c_str()));
+    };
+    // The first read finds that the writer of a pipe has not written yet.
+    const auto lookUpPipe = [&] {
+        const kelto_test::ScopedEntry<decltype(T::read)> entry(g_cmSystem.read, ReadThatWaits);
+        s_bPipeWaits = true;
+        return lookUp();
     };
     const std::unique_ptr<FILE, int (*)(FILE*)> pStream(fopen(sProfile.c_str(), "rt"), fclose);
     const auto readStream = [&] {
@@ -499,6 +516,8 @@ TEST(SystemFaults, ProfileCalls_FailWithTheirResult) {
         {"read EIO", Fault<&T::read, ssize_t>(EIO, -1), lookUp, 42, 7, NO_LINE},
         {"read EISDIR", Fault<&T::read, ssize_t>(EISDIR, -1), lookUp, 42, 7, NO_LINE},
         {"read EINTR", Fault<&T::read, ssize_t>(EINTR, -1), lookUp, 42, 42, NO_LINE, 1, true},
+        {"wait ENOMEM", Fault<&T::poll>(ENOMEM, -1), lookUpPipe, 42, 7, NO_LINE},
+        {"wait EINTR", Fault<&T::poll>(EINTR, -1), lookUpPipe, 42, 42, NO_LINE},
         {"close EIO", Fault<&T::close>(EIO, -1, Effect::ALL_THE_SAME), lookUp, 42, 42, NO_LINE},
         {"stream EIO", Fault<&T::fgets, char*>(EIO, nullptr), readStream, 1, 0, NO_LINE, 2},
     });
@@ -565,7 +584,7 @@ TEST_F(SystemFaultsTraceFile, CallsOfASharedLine_FailWithTheirResult) {
     const auto write = [&] { return Moves(file); };
     CheckFaultRows({
         {"lock ENOLCK", Fault<&T::fcntl>(ENOLCK, -1), write, 1, 1, NO_LINE, 2},
-        {"lock EDEADLK", Fault<&T::fcntl>(EDEADLK, -1), write, 1, 1, NO_LINE, 2},
+        {"lock EDEADLK", Fault<&T::fcntl>(EDEADLK, -1), write, 1, 1, NO_LINE, 2, true},
         {"lock EBADF", Fault<&T::fcntl>(EBADF, -1), write, 1, 1, NO_LINE, 2},
         {"lock EINTR", Fault<&T::fcntl>(EINTR, -1), write, 1, 1, NO_LINE, 2, true},
         {"lock EAGAIN", Fault<&T::fcntl>(EAGAIN, -1), write, 1, 1, NO_LINE, 2, true},
@@ -600,6 +619,7 @@ TEST_F(SystemFaultsTraceFile, CallsThatOpenIt_FailWithTheirResult) {
         {"open EMFILE", Fault<&T::open>(EMFILE, -1), attach, 0, FAILURE, NO_LINE},
         {"open ENOSPC", Fault<&T::open>(ENOSPC, -1), attach, 0, FAILURE, NO_LINE},
         {"open EROFS", Fault<&T::open>(EROFS, -1), attach, 0, FAILURE, NO_LINE},
+        {"status EIO", Fault<&T::fstat>(EIO, -1), attach, 0, FAILURE, NO_LINE},
         {"stream ENOMEM", Fault<&T::fdopen, FILE*>(ENOMEM, nullptr), attach, 0, FAILURE, NO_LINE},
         {"directory EACCES", Fault<&T::mkdir>(EACCES, -1), Load, 1, 1, NO_LINE},
         {"directory EEXIST", Fault<&T::mkdir>(EEXIST, -1), Load, 1, 1, NO_LINE},
@@ -623,9 +643,10 @@ TEST_F(SystemFaultsTraceFile, CallsOfTheFilter_FailWithTheirResult) {
         return static_cast<long>(regex_match("network"));
     };
     CheckFaultRows({
-        {"open ENOENT", Fault<&T::fopen, FILE*>(ENOENT, nullptr), load, 2, 0, NO_LINE},
-        {"open EACCES", Fault<&T::fopen, FILE*>(EACCES, nullptr), load, 2, 0, NO_LINE},
-        {"open EMFILE", Fault<&T::fopen, FILE*>(EMFILE, nullptr), load, 2, 0, NO_LINE},
+        {"open ENOENT", Fault<&T::open>(ENOENT, -1), load, 2, 0, NO_LINE},
+        {"open EACCES", Fault<&T::open>(EACCES, -1), load, 2, 0, NO_LINE},
+        {"open EMFILE", Fault<&T::open>(EMFILE, -1), load, 2, 0, NO_LINE},
+        {"stream ENOMEM", Fault<&T::fdopen, FILE*>(ENOMEM, nullptr), load, 2, 0, NO_LINE},
         {"memory", Fault<&T::malloc, void*>(ENOMEM, nullptr), load, 2, 0, NO_LINE},
         {"compile REG_ESPACE", Returned<&T::regcomp>(REG_ESPACE), load, 2, 0, NO_LINE},
         {"compile REG_EPAREN", Returned<&T::regcomp>(REG_EPAREN), load, 2, 0, NO_LINE},

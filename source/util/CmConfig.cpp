@@ -10,8 +10,10 @@
 #include "CmCancel.h"
 #include "CmProcessName.h"
 #include "CmProfileReader.h"
+#include "CmScopedLock.h"
 #include "CmStatics.h"
 #include "CmT120Trace.h"
+#include "CmTraceGuard.h"
 #include "CmTraceLine.h"
 #include "port/CmPort.h"
 
@@ -75,7 +77,6 @@ bool IsTrue(const char* aText) {
 }
 
 bool FillExecName() {
-    CCmDisableCancel disableCancel;
     uint16_t awUnits[CM_PORT_NAME_UNITS];
     const size_t nUnits = CmPortExecutableName(awUnits);
     memcpy(s_achExecName, awUnits, nUnits * sizeof(uint16_t));
@@ -299,9 +300,18 @@ void CCmConfigInitFile::SetKeltoConfigFileName(CCmString const& aName) {
 void CCmConfigInitFile::get_rabbitmq_config_file_name(CCmString& /*aOut*/) {}
 
 const char* get_exec_name() {
-    // Executables keep their names, so that the buffer never changes under its readers.
-    static const bool s_bFilled = FillExecName();
-    return s_bFilled ? s_achExecName : "";
+    // Filled once: executables keep their names, and the buffer must not change under its readers.
+    // A release once it is filled, matched by this acquire, orders the name before its use.
+    static std::atomic<bool> s_bFilled{false};
+    static CCmEternalLockT<CCmMutexThread> s_mutex;
+    if (!s_bFilled.load(std::memory_order_acquire)) {
+        CCmTraceGuard guard;
+        CCmScopedLockT<CCmMutexThread> lock(s_mutex.m_Lock);
+        if (!s_bFilled.load(std::memory_order_relaxed)) {
+            s_bFilled.store(FillExecName(), std::memory_order_release);
+        }
+    }
+    return s_bFilled.load(std::memory_order_acquire) ? s_achExecName : "";
 }
 
 const char* CmProcessNameOf(const char* aExecName, const char* aFallback) {

@@ -234,11 +234,12 @@ logstream<char>::~logstream() {
     std::string sText;
     const char* pszText = "null";
     try {
-        put('\0');
+        // Past the stream, which takes nothing in a bad state and may have been told to throw.
+        rdbuf()->sputc('\0');
         sText = str();
         pszText = sText.c_str();
     } catch (const std::exception&) {
-        // Out of memory, or a stream that was told to throw: its text has no storage.
+        // Out of memory: the text has no storage.
     }
     YrktraStreamA stream(m_ulLevel);
     stream.writestringa(pszText);

@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <string.h>
 
 #include <algorithm>
@@ -35,16 +36,26 @@ bool EndsWithKey(const char* aStart, const char* aEnd, std::string_view aKey) {
            CmEqualsIgnoringCase(std::string_view(aEnd - aKey.size(), aKey.size()), aKey);
 }
 
-// Not blocking: a named pipe without a writer must not hold the host up.
-int OpenForReading(const char* aPath) {
+// Waits until the writer of a named pipe has written or closed it; false when that cannot be done.
+bool WaitForWriter(int aFile) {
+    pollfd request = {aFile, POLLIN, 0};
+    return g_cmSystem.poll(&request, 1, -1) >= 0 || errno == EINTR;
+}
+
+// Whether a read that failed is to be made again.
+bool IsToBeRepeated(int aFile) {
+    return errno == EINTR || (errno == EAGAIN && WaitForWriter(aFile));
+}
+
+}  // namespace
+
+int CmOpenForReading(const char* aPath) {
     int nFile;
     do {
         nFile = g_cmSystem.open(aPath, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0);
     } while (nFile < 0 && errno == EINTR);
     return nFile;
 }
-
-}  // namespace
 
 bool CmIsProfileBlank(char aChar) {
     return aChar == ' ' || aChar == '\t' || aChar == '\r' || aChar == '\n';
@@ -119,7 +130,7 @@ bool CCmStreamLines::Next(std::string_view& aLine) {
 }
 
 CCmFileLines::CCmFileLines(const char* aPath)
-    : m_nFile(OpenForReading(aPath)),
+    : m_nFile(CmOpenForReading(aPath)),
       m_bEnd(m_nFile < 0),
       m_pNext(m_achBuffer),
       m_pEnd(m_achBuffer) {}
@@ -192,7 +203,7 @@ void CCmFileLines::Refill() {
     ssize_t nRead;
     do {
         nRead = g_cmSystem.read(m_nFile, m_achBuffer + nLeft, sizeof(m_achBuffer) - nLeft);
-    } while (nRead < 0 && errno == EINTR);
+    } while (nRead < 0 && IsToBeRepeated(m_nFile));
     m_bEnd = nRead <= 0;
     m_pNext = m_achBuffer;
     m_pEnd = nRead < 0 ? m_achBuffer : m_achBuffer + nLeft + nRead;

@@ -59,8 +59,13 @@ class CCmStreamLines {
     char m_achLine[CM_PROFILE_LINE_MAX + 1];
 };
 
-// The lines of a file, the same as those of a stream over it, read in large pieces. Its thread is
-// not cancelled meanwhile: the file would stay open.
+// Opens a file for reading and waits for nobody: not for the writer of a named pipe either, whose
+// reads then fail with EAGAIN until it writes. -1 with errno set.
+int CmOpenForReading(const char* aPath);
+
+// The lines of a file, the same as those of a stream over it, read in large pieces. A named pipe is
+// read as its writer writes it; without a writer it is empty. Its thread is not cancelled
+// meanwhile: the file would stay open.
 class CCmFileLines {
   public:
     explicit CCmFileLines(const char* aPath);

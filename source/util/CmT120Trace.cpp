@@ -99,6 +99,89 @@ void FormatModuleKey(char (&aKey)[KEY_SIZE], const char* aProcess, const char* a
     std::snprintf(aKey, sizeof(aKey), "%s.%s.%s", aProcess, aModule, aLevelName);
 }
 
+// Numbers the readings of the configuration.
+std::atomic<uint32_t> s_dwReadings{0};
+
+// What the configuration says.
+struct Settings {
+    unsigned long m_ulSizeLimit;
+    int m_nFlushCount;
+    unsigned char m_bEnabled;
+    unsigned char m_abLevels[CM_TRACE_LEVEL_COUNT];
+    std::set<CCmString, std::less<>> m_DisabledKeys;
+};
+
+void ReadLevels(Settings& aSettings, const char* aProcess, const CCmT120TraceMapEntry* aLevelTable,
+                unsigned long aLevelCount) {
+    for (unsigned long i = 0; i < aLevelCount; ++i) {
+        const CCmT120TraceMapEntry& entry = aLevelTable[i];
+        aSettings.m_abLevels[i] = entry.m_bEnabled.load(std::memory_order_relaxed);
+        if (entry.m_pszName != nullptr) {
+            char achKey[KEY_SIZE];
+            std::snprintf(achKey, sizeof(achKey), "%s.%s", aProcess, entry.m_pszName);
+            aSettings.m_abLevels[i] = get_bool_param(SECTION, achKey, entry.m_bDefault);
+        }
+    }
+}
+
+void RecordDisabledKey(Settings& aSettings, const char* aKey) {
+    try {
+        aSettings.m_DisabledKeys.insert(aKey);
+    } catch (const std::bad_alloc&) {
+        // Without memory the level stays on for the module.
+    }
+}
+
+void ReadModule(Settings& aSettings, const char* aProcess, const char* aModule,
+                const CCmT120TraceMapEntry* aLevelTable, unsigned long aLevelCount) {
+    for (unsigned long i = 0; i < aLevelCount; ++i) {
+        const bool bDefaultOff = (MODULE_DEFAULT_OFF >> i & 1) != 0;
+        const bool bDefaultOn = (MODULE_DEFAULT_ON >> i & 1) != 0;
+        if (!bDefaultOff && !bDefaultOn) {
+            continue;
+        }
+        char achKey[KEY_SIZE];
+        FormatModuleKey(achKey, aProcess, aModule, aLevelTable[i].m_pszName);
+        if (get_bool_param(SECTION, achKey, bDefaultOn ? 1 : 0) == 0) {
+            RecordDisabledKey(aSettings, achKey);
+        }
+    }
+}
+
+void ReadModules(Settings& aSettings, const char* aProcess, const CCmT120TraceMapEntry* aLevelTable,
+                 unsigned long aLevelCount) {
+    char achKey[KEY_SIZE];
+    std::snprintf(achKey, sizeof(achKey), "%s.Module", aProcess);
+    char achList[MODULE_LIST_SIZE];
+    if (get_string_param(SECTION, achKey, achList, sizeof(achList)) == 0) {
+        return;
+    }
+    const char* pchName = achList;
+    while (true) {
+        const size_t nLength = std::strcspn(pchName, ",");
+        if (nLength > MODULE_NAME_LENGTH) {
+            return;
+        }
+        char achModule[MODULE_NAME_LENGTH + 1] = {};
+        std::memcpy(achModule, pchName, nLength);
+        ReadModule(aSettings, aProcess, achModule, aLevelTable, aLevelCount);
+        if (pchName[nLength] == '\0') {
+            return;
+        }
+        pchName += nLength + 1;
+    }
+}
+
+void ReadSettings(Settings& aSettings, const char* aProcess,
+                  const CCmT120TraceMapEntry* aLevelTable, unsigned long aLevelCount) {
+    const int nFlushCount = get_int_param(SECTION, "FlushPerLines");
+    aSettings.m_nFlushCount = nFlushCount <= 0 ? 1 : nFlushCount;
+    aSettings.m_ulSizeLimit = ConfiguredSizeLimit(aProcess);
+    aSettings.m_bEnabled = get_bool_param(SECTION, "Enable", 1);
+    ReadLevels(aSettings, aProcess, aLevelTable, aLevelCount);
+    ReadModules(aSettings, aProcess, aLevelTable, aLevelCount);
+}
+
 }  // namespace
 
 std::atomic<CCmT120Trace*> CCmT120Trace::t120_trace{nullptr};
@@ -127,6 +210,7 @@ CCmT120Trace::CCmT120Trace(const char* aName, CCmT120TraceMapEntry* aLevelTable,
       m_nDayOfMonth(0),
       m_nMonth(0),
       m_ProcessId(getpid()),
+      m_dwReading(0),
       m_Mutex(CCmStaticInit()),
       m_hBundle(nullptr),
       m_pfnDebug(nullptr),
@@ -186,26 +270,39 @@ unsigned char CCmT120Trace::load(void* aFile) {
 
 unsigned char CCmT120Trace::load_file(void* aFile, CCmString* aLogPath) {
     CCmTraceGuard guard;
-    CCmScopedLockT<CCmMutexThreadRecursive> lock(m_Mutex);
-    void* hOld = m_hTraceFiles[0].load(std::memory_order_relaxed);
-    if (aFile == nullptr && hOld != nullptr) {
+    if (aFile == nullptr && m_hTraceFiles[0].load(std::memory_order_relaxed) != nullptr) {
         return 1;
     }
-    char achPath[FILE_PATH_SIZE];
     g_cmSystem.mkdir(get_trace_dir(), 0777);
-    const bool bHasPath = build_file_path(achPath, sizeof(achPath), aLogPath);
     const unsigned long ulSizeLimit =
         ConfiguredSizeLimit(m_pszFileName != nullptr ? m_pszFileName : get_process_name());
-    m_bEnabled.store(get_bool_param(SECTION, "Enable", 1), std::memory_order_relaxed);
+    void* hNew = open_file(aFile, ulSizeLimit, aLogPath);
+    read_config();
+    // The first record lets texts pass only now that the switches are known. Another thread may
+    // have loaded meanwhile.
+    void* hNone = nullptr;
+    m_hTraceFiles[0].compare_exchange_strong(hNone, hNew, std::memory_order_relaxed);
+    return 1;
+}
+
+// Closes aFile (see load) and opens a record. One that replaces the facility's own takes its place
+// at once; the first one, which the caller is to store, is returned.
+void* CCmT120Trace::open_file(void* aFile, unsigned long aSizeLimit, CCmString* aLogPath) {
+    CCmScopedLockT<CCmMutexThreadRecursive> lock(m_Mutex);
+    char achPath[FILE_PATH_SIZE];
+    const bool bHasPath = build_file_path(achPath, sizeof(achPath), aLogPath);
+    const bool bOwn = aFile == m_hTraceFiles[0].load(std::memory_order_relaxed);
     if (aFile != nullptr) {
         T120_Close_Trace_Dev(aFile);
     }
-    if (bHasPath && (aFile == nullptr || aFile == hOld)) {
-        m_hTraceFiles[0].store(T120_Open_Trace_Dev(achPath, ulSizeLimit, m_bSingleFile, 0),
-                               std::memory_order_relaxed);
+    if (!bHasPath || !(aFile == nullptr || bOwn)) {
+        return nullptr;
     }
-    read_config();
-    return 1;
+    void* hNew = T120_Open_Trace_Dev(achPath, aSizeLimit, m_bSingleFile, 0);
+    if (aFile != nullptr) {
+        m_hTraceFiles[0].store(hNew, std::memory_order_relaxed);
+    }
+    return hNew;
 }
 
 bool CCmT120Trace::build_file_path(char* aPath, size_t aSize, CCmString* aLogPath) const {
@@ -228,75 +325,26 @@ bool CCmT120Trace::build_file_path(char* aPath, size_t aSize, CCmString* aLogPat
     return *aPath != '\0';
 }
 
+// The configuration is read without a lock: one may have to wait for it.
 void CCmT120Trace::read_config() {
     CCmTraceGuard guard;
-    CCmScopedLockT<CCmMutexThreadRecursive> lock(m_Mutex);
-    const char* pszProcess = get_process_name();
-    const int nFlushCount = get_int_param(SECTION, "FlushPerLines");
-    T120_Refresh_Settings(ConfiguredSizeLimit(pszProcess), nFlushCount <= 0 ? 1 : nFlushCount);
-    m_bEnabled.store(get_bool_param(SECTION, "Enable", 1), std::memory_order_relaxed);
-    read_levels(pszProcess);
-    m_DisabledKeys.clear();
-    read_modules(pszProcess);
-}
-
-void CCmT120Trace::read_levels(const char* aProcess) {
-    for (unsigned long i = 0; i < m_ulLevelCount; ++i) {
-        CCmT120TraceMapEntry& entry = m_pLevelTable[i];
-        if (entry.m_pszName == nullptr) {
-            continue;
-        }
-        char achKey[KEY_SIZE];
-        std::snprintf(achKey, sizeof(achKey), "%s.%s", aProcess, entry.m_pszName);
-        entry.m_bEnabled.store(get_bool_param(SECTION, achKey, entry.m_bDefault),
-                               std::memory_order_relaxed);
-    }
-}
-
-void CCmT120Trace::read_modules(const char* aProcess) {
-    char achKey[KEY_SIZE];
-    std::snprintf(achKey, sizeof(achKey), "%s.Module", aProcess);
-    char achList[MODULE_LIST_SIZE];
-    if (get_string_param(SECTION, achKey, achList, sizeof(achList)) == 0) {
-        return;
-    }
-    const char* pchName = achList;
-    while (true) {
-        const size_t nLength = std::strcspn(pchName, ",");
-        if (nLength > MODULE_NAME_LENGTH) {
+    const uint32_t dwReading = s_dwReadings.fetch_add(1, std::memory_order_relaxed) + 1;
+    Settings settings;
+    ReadSettings(settings, get_process_name(), m_pLevelTable, m_ulLevelCount);
+    {
+        CCmScopedLockT<CCmMutexThreadRecursive> lock(m_Mutex);
+        // What was read later holds.
+        if (static_cast<int32_t>(dwReading - m_dwReading) < 0) {
             return;
         }
-        char achModule[MODULE_NAME_LENGTH + 1] = {};
-        std::memcpy(achModule, pchName, nLength);
-        read_module(aProcess, achModule);
-        if (pchName[nLength] == '\0') {
-            return;
+        m_dwReading = dwReading;
+        m_bEnabled.store(settings.m_bEnabled, std::memory_order_relaxed);
+        for (unsigned long i = 0; i < m_ulLevelCount; ++i) {
+            m_pLevelTable[i].m_bEnabled.store(settings.m_abLevels[i], std::memory_order_relaxed);
         }
-        pchName += nLength + 1;
+        m_DisabledKeys.swap(settings.m_DisabledKeys);
     }
-}
-
-void CCmT120Trace::read_module(const char* aProcess, const char* aModule) {
-    for (unsigned long i = 0; i < m_ulLevelCount; ++i) {
-        const bool bDefaultOff = (MODULE_DEFAULT_OFF >> i & 1) != 0;
-        const bool bDefaultOn = (MODULE_DEFAULT_ON >> i & 1) != 0;
-        if (!bDefaultOff && !bDefaultOn) {
-            continue;
-        }
-        char achKey[KEY_SIZE];
-        FormatModuleKey(achKey, aProcess, aModule, m_pLevelTable[i].m_pszName);
-        if (get_bool_param(SECTION, achKey, bDefaultOn ? 1 : 0) == 0) {
-            record_disabled_key(achKey);
-        }
-    }
-}
-
-void CCmT120Trace::record_disabled_key(const char* aKey) {
-    try {
-        m_DisabledKeys.insert(aKey);
-    } catch (const std::bad_alloc&) {
-        // Without memory the level stays on for the module.
-    }
+    T120_Refresh_Settings(settings.m_ulSizeLimit, settings.m_nFlushCount);
 }
 
 void CCmT120Trace::refersh_trace_config() {

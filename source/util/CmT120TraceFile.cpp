@@ -8,9 +8,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <utility>
 
 #include "CmClock.h"
 #include "CmConfig.h"
+#include "CmFileTurn.h"
+#include "CmProfileReader.h"
 #include "CmScopedLock.h"
 #include "CmTimeValue.h"
 #include "CmTraceGuard.h"
@@ -30,16 +33,12 @@ constexpr long POSITION_MAX = LONG_MAX / 2;  // beyond it a header is no positio
 constexpr size_t LINE_SIZE = 2048;           // bytes of the line buffer for each line of a flush
 constexpr int FLUSH_COUNT_MAX = (INT_MAX - 1) / static_cast<int>(LINE_SIZE);
 constexpr int VALID = 20050704;
-constexpr unsigned long EXIT_WAIT = 200;  // ms
+constexpr unsigned long EXIT_WAIT = 200;             // ms
+constexpr timespec DEADLOCK_NAP = {0, 1000 * 1000};  // 1 ms
 
 constexpr char FILTER_FILE[] = "conf/keltoexp.filter";
 constexpr size_t FILTER_PATH_SIZE = 64;    // bytes; the home directory has at most 16
 constexpr size_t FILTER_LINE_SIZE = 1024;  // bytes
-
-// Held from taking a file's lock to releasing it, and while a file is opened or closed. Threads of
-// one process share their record locks: they must not hold two of them at once (the system would
-// take two processes that do for a deadlock) nor close the file of a record that holds one.
-CCmEternalLockT<CCmMutexThread> s_fileLockMutex;
 
 CCmEternalLockT<CCmMutexThread> s_filterMutex;
 int s_nCompiled = 0;  // entries of re in use, guarded by s_filterMutex
@@ -147,15 +146,25 @@ CCmT120TraceFile::CCmT120TraceFile(const char* aName, unsigned long aSizeLimit,
 
 CCmT120TraceFile::~CCmT120TraceFile() {
     CCmTraceGuard guard;
-    flush_buffer();
+    end();
     std::free(m_pchLines);
-    if (m_pStream != nullptr) {
-        CCmScopedLockT<CCmMutexThread> lock(s_fileLockMutex.m_Lock);
-        std::fclose(m_pStream);
-    }
-    // Volatile, so that the mark of a record that is gone reaches its memory.
-    *const_cast<volatile int*>(&m_nValidity) = 0;
     std::free(m_pszName);
+}
+
+// Flushes, and closes the attached file. From then on the record drops every line and attaches no
+// file.
+void CCmT120TraceFile::end() {
+    FILE* pStream;
+    {
+        CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
+        flush_buffer_l();
+        pStream = std::exchange(m_pStream, nullptr);
+        // Volatile, so that the mark of a record that is gone reaches its memory.
+        *const_cast<volatile int*>(&m_nValidity) = 0;
+    }
+    if (pStream != nullptr) {
+        CmCloseTurnFile(pStream);
+    }
 }
 
 CmResult CCmT120TraceFile::attach(const char* aPath) {
@@ -168,28 +177,23 @@ CmResult CCmT120TraceFile::attach(const char* aPath) {
     if (pszPath == nullptr) {
         return CM_ERROR_INVALID_ARG;
     }
-    CCmScopedLockT<CCmMutexThread> fileLock(s_fileLockMutex.m_Lock);
-    const int nDescriptor = g_cmSystem.open(pszPath, O_RDWR | O_CREAT | O_CLOEXEC, 0666);
-    if (nDescriptor < 0) {
+    if (m_nValidity != VALID) {
         return CM_ERROR_FAILURE;
     }
-    m_pStream = g_cmSystem.fdopen(nDescriptor, "r+");
-    if (m_pStream == nullptr) {
-        g_cmSystem.close(nDescriptor);
-        return CM_ERROR_FAILURE;
-    }
-    m_nDescriptor = nDescriptor;
-    return CM_OK;
+    m_pStream = CmOpenTurnFile(pszPath, m_nDescriptor);
+    return m_pStream != nullptr ? CM_OK : CM_ERROR_FAILURE;
 }
 
 void CCmT120TraceFile::write(const char* aTag, const char* aModule, const char* aText) {
     CCmTraceGuard guard;
-    CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
-    if (m_pchLines == nullptr) {
+    if (m_bShared) {
+        if (has_line_buffer()) {
+            write_shared(aTag, aModule, aText);
+        }
         return;
     }
-    if (m_bShared) {
-        write_shared_l(aTag, aModule, aText);
+    CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
+    if (m_pchLines == nullptr) {
         return;
     }
     if (regex_match(aModule) != 0) {
@@ -245,25 +249,45 @@ void CCmT120TraceFile::flush_buffer_l() {
 
 void CCmT120TraceFile::write_shared(const char* aTag, const char* aModule, const char* aText) {
     CCmTraceGuard guard;
-    CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
-    write_shared_l(aTag, aModule, aText);
-}
-
-void CCmT120TraceFile::write_shared_l(const char* aTag, const char* aModule, const char* aText) {
-    if (aText == nullptr || m_pStream == nullptr) {
+    FILE* const pStream = stream();
+    if (aText == nullptr || pStream == nullptr) {
         return;
     }
-    CCmScopedLockT<CCmMutexThread> fileLock(s_fileLockMutex.m_Lock);
+    // Another process may keep the file's lock for any time: meanwhile no lock is held here but the
+    // file's turn.
+    CCmFileTurn turn(pStream);
+    if (!turn.held()) {
+        return;
+    }
     request_file_lock_l(m_LockRequest);
-    long lPosition = 0;
-    if (read_position_l(lPosition)) {
-        if (is_at_limit_l(lPosition)) {
-            truncate_l(lPosition);
-            lPosition = HEADER_LENGTH;
-        }
-        write_line_l(lPosition, aTag, aModule, aText);
+    {
+        CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
+        write_shared_l(aTag, aModule, aText);
     }
     request_file_lock_l(m_UnlockRequest);
+}
+
+FILE* CCmT120TraceFile::stream() {
+    CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
+    return m_pStream;
+}
+
+bool CCmT120TraceFile::has_line_buffer() {
+    CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
+    return m_pchLines != nullptr;
+}
+
+// With the file's lock held. The record may have ended while that was waited for.
+void CCmT120TraceFile::write_shared_l(const char* aTag, const char* aModule, const char* aText) {
+    long lPosition = 0;
+    if (m_pStream == nullptr || !read_position_l(lPosition)) {
+        return;
+    }
+    if (is_at_limit_l(lPosition)) {
+        truncate_l(lPosition);
+        lPosition = HEADER_LENGTH;
+    }
+    write_line_l(lPosition, aTag, aModule, aText);
 }
 
 // A line of any length; one that needs more memory than there is goes out cut.
@@ -295,11 +319,19 @@ void CCmT120TraceFile::write_line_l(long aPosition, const char* aTag, const char
     std::free(pchLong);
 }
 
+// Until the lock is taken or released. Any other failure leaves the line to be written unlocked.
+//
+// The system takes a process for one owner: it refuses a lock when another process holds it that in
+// turn waits for a lock of some other thread here. No thread of ours waits for a second lock, so
+// that is no deadlock but a matter of time.
 void CCmT120TraceFile::request_file_lock_l(struct flock& aRequest) {
-    int rv;
-    do {
-        rv = g_cmSystem.fcntl(m_nDescriptor, F_SETLKW, &aRequest);
-    } while (rv < 0 && (errno == EINTR || errno == EAGAIN));
+    while (g_cmSystem.fcntl(m_nDescriptor, F_SETLKW, &aRequest) < 0) {
+        if (errno == EDEADLK) {
+            g_cmSystem.nanosleep(&DEADLOCK_NAP, nullptr);
+        } else if (errno != EINTR && errno != EAGAIN) {
+            return;
+        }
+    }
 }
 
 // The position in the header; 0 where there is none. False when it cannot be read: then nothing
@@ -368,14 +400,28 @@ CCmT120TraceFileMgr g_trace_mgr;
 CCmT120TraceFileMgr::~CCmT120TraceFileMgr() {
     CCmTraceGuard guard;
     ms_sleep(EXIT_WAIT);
+    // Lines that come while the program ends must not take a mutex that is gone.
+    m_bEnded.store(true, std::memory_order_relaxed);
+    if (this == &g_trace_mgr) {
+        end_records();
+        return;
+    }
     CCmT120TraceFile* pFile = m_pHeader.exchange(nullptr, std::memory_order_relaxed);
     while (pFile != nullptr) {
         CCmT120TraceFile* pNext = pFile->m_pNext.load(std::memory_order_relaxed);
         delete pFile;
         pFile = pNext;
     }
-    // Lines that come while the program ends must not take a mutex that is gone.
-    m_bEnded.store(true, std::memory_order_relaxed);
+    m_Mutex.m_Lock.~CCmMutexThreadRecursive();
+}
+
+// While the program ends, other threads may still use the records and the mutex: those stay.
+void CCmT120TraceFileMgr::end_records() {
+    CCmScopedLockT<CCmMutexThreadRecursive> lock(m_Mutex.m_Lock);
+    for (CCmT120TraceFile* pFile = m_pHeader.load(std::memory_order_relaxed); pFile != nullptr;
+         pFile = pFile->m_pNext.load(std::memory_order_relaxed)) {
+        pFile->end();
+    }
 }
 
 void* CCmT120TraceFileMgr::open(const char* aName, unsigned long aSizeLimit, unsigned char aShared,
@@ -384,7 +430,7 @@ void* CCmT120TraceFileMgr::open(const char* aName, unsigned long aSizeLimit, uns
         return nullptr;
     }
     CCmTraceGuard guard;
-    CCmScopedLockT<CCmMutexThreadRecursive> lock(m_Mutex);
+    CCmScopedLockT<CCmMutexThreadRecursive> lock(m_Mutex.m_Lock);
     CCmT120TraceFile* pHeader = m_pHeader.load(std::memory_order_relaxed);
     for (CCmT120TraceFile* pFile = pHeader; pFile != nullptr;
          pFile = pFile->m_pNext.load(std::memory_order_relaxed)) {
@@ -410,16 +456,20 @@ void CCmT120TraceFileMgr::close(void* aRecord) {
         return;
     }
     CCmTraceGuard guard;
-    CCmScopedLockT<CCmMutexThreadRecursive> lock(m_Mutex);
+    delete unlink_record(aRecord);
+}
+
+CCmT120TraceFile* CCmT120TraceFileMgr::unlink_record(const void* aRecord) {
+    CCmScopedLockT<CCmMutexThreadRecursive> lock(m_Mutex.m_Lock);
     std::atomic<CCmT120TraceFile*>* pLink = &m_pHeader;
     while (CCmT120TraceFile* pFile = pLink->load(std::memory_order_relaxed)) {
         if (pFile == aRecord) {
             pLink->store(pFile->m_pNext.load(std::memory_order_relaxed), std::memory_order_release);
-            delete pFile;
-            return;
+            return pFile;
         }
         pLink = &pFile->m_pNext;
     }
+    return nullptr;
 }
 
 void CCmT120TraceFileMgr::write(void* aRecord, const char* aTag, const char* aModule,
@@ -474,15 +524,22 @@ namespace {
 
 using FilterLines = char[CM_TRACE_FILTER_COUNT][FILTER_LINE_SIZE];
 
+// Without waiting for the writer of a named pipe.
 FILE* OpenFilterFile() {
     const size_t nHome = ::strnlen(g_def_kelto_home_dir, CM_HOME_DIR_SIZE);
     const bool bSlash = nHome > 0 && g_def_kelto_home_dir[nHome - 1] == '/';
     char achPath[FILTER_PATH_SIZE];
     std::snprintf(achPath, sizeof(achPath), "%.*s%s%s", static_cast<int>(nHome),
                   g_def_kelto_home_dir, bSlash ? "" : "/", FILTER_FILE);
-    return g_cmSystem.fopen(achPath, "rt");
+    const int nFile = CmOpenForReading(achPath);
+    FILE* pFile = nFile >= 0 ? g_cmSystem.fdopen(nFile, "rt") : nullptr;
+    if (nFile >= 0 && pFile == nullptr) {
+        g_cmSystem.close(nFile);
+    }
+    return pFile;
 }
 
+// 0 also when the file cannot be read to its end, as a named pipe that is still being written.
 int ReadFilterLines(FilterLines& aLines) {
     FILE* pFile = OpenFilterFile();
     if (pFile == nullptr) {
@@ -492,6 +549,9 @@ int ReadFilterLines(FilterLines& aLines) {
     while (nLines < CM_TRACE_FILTER_COUNT &&
            g_cmSystem.fgets(aLines[nLines], sizeof(aLines[nLines]), pFile) != nullptr) {
         ++nLines;
+    }
+    if (std::ferror(pFile)) {
+        nLines = 0;
     }
     std::fclose(pFile);
     return nLines;

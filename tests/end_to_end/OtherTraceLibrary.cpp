@@ -2,11 +2,17 @@
 #include <cstdio>
 #include <cstring>
 
+#if !defined(FUNCTION_VISIBILITY)
+#define FUNCTION_VISIBILITY "default"
+#endif
+
 extern "C" {
 
-__attribute__((visibility("default"))) unsigned long _getTraceLevel();
-__attribute__((visibility("default"))) void YRKTRACERAWA(unsigned long aLevel, const char* aModule,
-                                                         char* aPrefix, const char* aText);
+__attribute__((visibility(FUNCTION_VISIBILITY))) unsigned long _getTraceLevel();
+__attribute__((visibility(FUNCTION_VISIBILITY))) void YRKTRACERAWA(unsigned long aLevel,
+                                                                   const char* aModule,
+                                                                   char* aPrefix,
+                                                                   const char* aText);
 
 unsigned long _getTraceLevel() {
     return 1;

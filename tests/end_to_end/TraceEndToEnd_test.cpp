@@ -89,12 +89,25 @@ TEST_F(TraceEndToEnd, Host_CreatesTheTraceDirectory) {
     EXPECT_TRUE(std::filesystem::is_directory(m_sHome + "/logs"));
 }
 
+const Lines LINES_OF_THE_HOST = {"2 MAC UTIL ERROR: error line",
+                                 "2 MAC UTIL WARNING: warning line",
+                                 "2 MAC UTIL INFO: info line, 100%s",
+                                 "2 MAC UTIL ERROR: TraceHost.cpp:7 Assert failed: bFine",
+                                 "2 net piece 2047",
+                                 "2 net piece 2047",
+                                 "2 net piece 906",
+                                 "9 media rate=48000"};
+
 TEST_F(TraceEndToEnd, Host_MayBringItsOwnTraceLibrary) {
-    EXPECT_EQ((Lines{"2 MAC UTIL ERROR: error line", "2 MAC UTIL WARNING: warning line",
-                     "2 MAC UTIL INFO: info line, 100%s",
-                     "2 MAC UTIL ERROR: TraceHost.cpp:7 Assert failed: bFine", "2 net piece 2047",
-                     "2 net piece 2047", "2 net piece 906", "9 media rate=48000"}),
-              Run("", TRACE_HOST_WITH_OTHER_LIBRARY));
+    EXPECT_EQ(LINES_OF_THE_HOST, Run("", TRACE_HOST_WITH_OTHER_LIBRARY));
+}
+
+TEST_F(TraceEndToEnd, Host_MayBringFunctionsOfItsOwn_ThatAreExported) {
+    EXPECT_EQ(LINES_OF_THE_HOST, Run("", TRACE_HOST_WITH_OWN_FUNCTIONS));
+    const std::string sFile = m_sHome + "/trace.txt";
+    EXPECT_EQ(Lines{}, Run("QTRACE_FILE=" + sFile, TRACE_HOST_WITH_HIDDEN_FUNCTIONS));
+    std::ifstream file(sFile);
+    EXPECT_EQ(6u, LinesOf(file).size());
 }
 
 }  // namespace

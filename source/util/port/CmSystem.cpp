@@ -26,6 +26,11 @@ int Open(const char* aPath, int aFlags, mode_t aMode) {
     return ::open(aPath, aFlags, aMode);
 }
 
+// Where the C library has no function of that name it is an inline one.
+int Fstat(int aFile, struct stat* aStatus) {
+    return ::fstat(aFile, aStatus);
+}
+
 // Declared with an array of known size, which its pointer type would carry on.
 int Regexec(const regex_t* aExpression, const char* aText, size_t aCount, regmatch_t* aMatches,
             int aFlags) {
@@ -74,6 +79,8 @@ CCmSystemTable g_cmSystem = {
     Open,
     ::read,
     ::close,
+    ::poll,
+    Fstat,
     ::dladdr,
     ::dlopen,
     ::dlsym,
@@ -88,7 +95,6 @@ CCmSystemTable g_cmSystem = {
     ::gethostbyname,
     ::access,
     ::mkdir,
-    ::fopen,
     ::fdopen,
     ::fgets,
     ::regcomp,

@@ -11,6 +11,7 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <netdb.h>
+#include <poll.h>
 #include <pthread.h>
 #include <regex.h>
 #include <stdio.h>
@@ -69,6 +70,8 @@ struct CCmSystemTable {
     int (*open)(const char*, int, mode_t);
     ssize_t (*read)(int, void*, size_t);
     int (*close)(int);
+    int (*poll)(struct pollfd*, nfds_t, int);
+    int (*fstat)(int, struct stat*);
     int (*dladdr)(const void*, Dl_info*);
     void* (*dlopen)(const char*, int);
     void* (*dlsym)(void*, const char*);
@@ -83,7 +86,6 @@ struct CCmSystemTable {
     hostent* (*gethostbyname)(const char*);
     int (*access)(const char*, int);
     int (*mkdir)(const char*, mode_t);
-    FILE* (*fopen)(const char*, const char*);
     FILE* (*fdopen)(int, const char*);
     char* (*fgets)(char*, int, FILE*);
     int (*regcomp)(regex_t*, const char*, int);
