@@ -69,7 +69,7 @@ class CM_UTIL_EXPORT CCmTimerQueueCalendar : public ICmTimerQueue, public ICmEve
     //
     // A timer in the wheel that is rescheduled to zero remains known as one of the wheel: until
     // its handler is scheduled with an interval again and that timer ends, CancelTimer does not
-    // find its zero timers and scheduling does not replace them.
+    // find its zero timers and scheduling does not replace them. A timer wrapper ends them itself.
     CmResult ScheduleTimer(ICmTimerHandler* aEh, void* aToken, const CCmTimeValue& aInterval,
                            unsigned int aCount) override;
     // CM_OK: the timer was in the wheel and is gone. CM_ERROR_NOT_FOUND: it was not; a pending

@@ -1269,6 +1269,17 @@ TEST(CmEventQueueUsingConditionVariable, DoesNotWait_WhenEventsArePending) {
     queue.ProcessEvents(events);
 }
 
+TEST(CmEventQueueUsingConditionVariable, IsStoppedAndEmpty_WhenNothingPendsOrComes) {
+    EventLog log;
+    CCmEventQueueUsingConditionVariable queue;
+    EXPECT_FALSE(queue.IsStoppedAndEmpty());
+    Post(queue, log, 1, 1);
+    queue.SetStopped();
+    EXPECT_FALSE(queue.IsStoppedAndEmpty());
+    queue.DestoryPendingEvents();  // the count keeps its value
+    EXPECT_TRUE(queue.IsStoppedAndEmpty());
+}
+
 TEST(CmEventQueueUsingConditionVariable, WaitsOnce_WhenTheWaitEndsForNoReason) {
     CCmEventQueueUsingConditionVariable queue;
     kelto_test::ScopedEntry<decltype(g_cmSystem.pthread_cond_wait)> entry(

@@ -734,6 +734,139 @@ TEST(CmThread, TerminateReturnsTheResultOfTheCall_WhenItFails) {
 
 // The workers.
 
+// A worker whose waits are not made but noted: the test's clock moves on by each, and the last one
+// stops the worker.
+class NotedWaits {
+  public:
+    static constexpr long UNLIMITED = -1;
+
+    NotedWaits(CCmThreadTask& aTask, kelto_test::ScopedClock& aClock, size_t aWaits)
+        : m_task(aTask), m_clock(aClock), m_nWaits(aWaits) {
+        s_pCurrent = this;
+    }
+    std::vector<long> waits;           // microseconds
+    std::vector<unsigned long> reads;  // of the clock, until each wait
+    bool endEarly = false;             // waits take no time
+
+  private:
+    static int GetTimeOfWaits(timeval* aTv, void* /*aZone*/) {
+        *aTv = timeval{START_OF_WAITS, 0};
+        return 0;
+    }
+    static int TimedWait(pthread_cond_t* /*aCondition*/, pthread_mutex_t* /*aMutex*/,
+                         const timespec* aDeadline) {
+        const long lUsec =
+            (aDeadline->tv_sec - START_OF_WAITS) * 1000000 + aDeadline->tv_nsec / 1000;
+        s_pCurrent->Note(lUsec);
+        if (!s_pCurrent->endEarly) {
+            s_pCurrent->m_clock.AdvanceUsec(lUsec);
+        }
+        return ETIMEDOUT;
+    }
+    static int Wait(pthread_cond_t* /*aCondition*/, pthread_mutex_t* /*aMutex*/) {
+        s_pCurrent->Note(UNLIMITED);
+        return 0;
+    }
+    void Note(long aUsec) {
+        waits.push_back(aUsec);
+        reads.push_back(m_clock.reads());
+        if (waits.size() == m_nWaits) {
+            m_task.SetStopFlag();
+        }
+    }
+
+    static constexpr long START_OF_WAITS = 1000;  // seconds
+    static NotedWaits* s_pCurrent;
+
+    CCmThreadTask& m_task;
+    kelto_test::ScopedClock& m_clock;
+    const size_t m_nWaits;
+    kelto_test::ScopedEntry<decltype(g_cmSystem.gettimeofday)> m_time{g_cmSystem.gettimeofday,
+                                                                      &GetTimeOfWaits};
+    kelto_test::ScopedEntry<decltype(g_cmSystem.pthread_cond_timedwait)> m_timedWait{
+        g_cmSystem.pthread_cond_timedwait, &TimedWait};
+    kelto_test::ScopedEntry<decltype(g_cmSystem.pthread_cond_wait)> m_wait{
+        g_cmSystem.pthread_cond_wait, &Wait};
+};
+NotedWaits* NotedWaits::s_pCurrent = nullptr;
+
+// Runs a worker on the test's thread.
+class CmThreadTaskTimes : public testing::Test {
+  protected:
+    CmThreadTaskTimes() {
+        m_pTask->Create(TT_MAIN, TF_JOINABLE, 0);
+        m_pTask->OnThreadInit();
+    }
+    ~CmThreadTaskTimes() override { m_pTask->Destory(0); }
+    // Schedules a timer whose handler takes aTakesMs.
+    void Schedule(int aId, long aMs, long aTakesMs, unsigned int aCount = 1) {
+        m_handlers.push_back(std::make_unique<kelto_test::RecordingHandler>(aId, m_log));
+        m_handlers.back()->SetAction([this, aTakesMs] {
+            m_firedAtMs.push_back((timer_policy::now() - START_USEC) / 1000);
+            m_clock.AdvanceMs(aTakesMs);
+        });
+        m_pTask->GetTimerQueue()->ScheduleTimer(m_handlers.back().get(), nullptr,
+                                                kelto_test::Ms(aMs), aCount);
+    }
+
+    static constexpr long long START_USEC = 1000000000LL * 1000000;
+
+    kelto_test::ScopedClock m_clock;
+    CCmThreadTask* m_pTask = new CCmThreadTask;
+    kelto_test::Firings m_log;
+    std::vector<long long> m_firedAtMs;
+    std::vector<std::unique_ptr<kelto_test::RecordingHandler>> m_handlers;
+};
+
+TEST_F(CmThreadTaskTimes, FiresAtOnce_WhatBecameDueDuringAHandler) {
+    Schedule(1, 10, 510);
+    Schedule(2, 300, 0);
+    Schedule(3, 490, 0);
+    NotedWaits noted(*m_pTask, m_clock, 3);
+    m_pTask->OnThreadRun();
+    EXPECT_EQ((std::vector<long>{10000, 0, NotedWaits::UNLIMITED}), noted.waits);
+    EXPECT_EQ((Ids{1, 2, 3}), kelto_test::Ids(m_log));
+    EXPECT_EQ((std::vector<long long>{10, 520, 520}), m_firedAtMs);
+}
+
+TEST_F(CmThreadTaskTimes, KeepsItsPace_WhenAHandlerTakesLongerThanItsInterval) {
+    Schedule(1, 60, 100, 0);
+    Schedule(2, 300, 0);
+    NotedWaits noted(*m_pTask, m_clock, 5);
+    m_pTask->OnThreadRun();
+    EXPECT_EQ((std::vector<long>{60000, 0, 0, 0, 0}), noted.waits);
+    EXPECT_EQ((std::vector<long long>{60, 160, 260, 360, 460}), m_firedAtMs);
+}
+
+TEST_F(CmThreadTaskTimes, WaitsForTheRest_BehindAHandlerThatTookTime) {
+    Schedule(1, 10, 100);
+    Schedule(2, 300, 25);
+    NotedWaits noted(*m_pTask, m_clock, 3);
+    m_pTask->OnThreadRun();
+    EXPECT_EQ((std::vector<long>{10000, 190000, NotedWaits::UNLIMITED}), noted.waits);
+    EXPECT_EQ((std::vector<long long>{10, 300}), m_firedAtMs);
+}
+
+TEST_F(CmThreadTaskTimes, NeverWaitsLongerThanTheQueueSays_WhenTheClockIsSetBack) {
+    Schedule(1, 10, -3600000);
+    Schedule(2, 300, 0);
+    NotedWaits noted(*m_pTask, m_clock, 2);
+    m_pTask->OnThreadRun();
+    EXPECT_EQ((std::vector<long>{10000, 290000}), noted.waits);
+}
+
+TEST_F(CmThreadTaskTimes, ReadsTheClockOnceMore_OnlyBehindAFiring) {
+    Schedule(1, 10, 0, 2);
+    m_handlers[0]->SetAction({});
+    m_clock.AdvanceMs(10);
+    NotedWaits noted(*m_pTask, m_clock, 3);
+    noted.endEarly = true;
+    const unsigned long ulBefore = m_clock.reads();
+    m_pTask->OnThreadRun();
+    EXPECT_EQ((std::vector<long>{10000, 10000, 10000}), noted.waits);
+    EXPECT_EQ((std::vector<unsigned long>{ulBefore + 2, ulBefore + 3, ulBefore + 4}), noted.reads);
+}
+
 TEST(CmThreadTask, IsRefused_WhenTheTypeIsMain) {
     ACmThread* pThread = nullptr;
     EXPECT_EQ(CM_ERROR_INVALID_ARG, CreateUserTaskThread(&pThread, TF_JOINABLE, true, TT_MAIN));
@@ -1122,139 +1255,6 @@ TEST(CmThreadTask, RunsWhatIsPendingAndEnds_WhenStoppedBeforeItIsCreated) {
         pTask->Destory(0);
     }
     EXPECT_EQ((Ids{1, 1}), log.fired());
-}
-
-// A worker whose waits are not made but noted: the test's clock moves on by each, and the last one
-// stops the worker.
-class NotedWaits {
-  public:
-    static constexpr long UNLIMITED = -1;
-
-    NotedWaits(CCmThreadTask& aTask, kelto_test::ScopedClock& aClock, size_t aWaits)
-        : m_task(aTask), m_clock(aClock), m_nWaits(aWaits) {
-        s_pCurrent = this;
-    }
-    std::vector<long> waits;           // microseconds
-    std::vector<unsigned long> reads;  // of the clock, until each wait
-    bool endEarly = false;             // waits take no time
-
-  private:
-    static int GetTimeOfWaits(timeval* aTv, void* /*aZone*/) {
-        *aTv = timeval{START_OF_WAITS, 0};
-        return 0;
-    }
-    static int TimedWait(pthread_cond_t* /*aCondition*/, pthread_mutex_t* /*aMutex*/,
-                         const timespec* aDeadline) {
-        const long lUsec =
-            (aDeadline->tv_sec - START_OF_WAITS) * 1000000 + aDeadline->tv_nsec / 1000;
-        s_pCurrent->Note(lUsec);
-        if (!s_pCurrent->endEarly) {
-            s_pCurrent->m_clock.AdvanceUsec(lUsec);
-        }
-        return ETIMEDOUT;
-    }
-    static int Wait(pthread_cond_t* /*aCondition*/, pthread_mutex_t* /*aMutex*/) {
-        s_pCurrent->Note(UNLIMITED);
-        return 0;
-    }
-    void Note(long aUsec) {
-        waits.push_back(aUsec);
-        reads.push_back(m_clock.reads());
-        if (waits.size() == m_nWaits) {
-            m_task.SetStopFlag();
-        }
-    }
-
-    static constexpr long START_OF_WAITS = 1000;  // seconds
-    static NotedWaits* s_pCurrent;
-
-    CCmThreadTask& m_task;
-    kelto_test::ScopedClock& m_clock;
-    const size_t m_nWaits;
-    kelto_test::ScopedEntry<decltype(g_cmSystem.gettimeofday)> m_time{g_cmSystem.gettimeofday,
-                                                                      &GetTimeOfWaits};
-    kelto_test::ScopedEntry<decltype(g_cmSystem.pthread_cond_timedwait)> m_timedWait{
-        g_cmSystem.pthread_cond_timedwait, &TimedWait};
-    kelto_test::ScopedEntry<decltype(g_cmSystem.pthread_cond_wait)> m_wait{
-        g_cmSystem.pthread_cond_wait, &Wait};
-};
-NotedWaits* NotedWaits::s_pCurrent = nullptr;
-
-// Runs a worker on the test's thread.
-class CmThreadTaskTimes : public testing::Test {
-  protected:
-    CmThreadTaskTimes() {
-        m_pTask->Create(TT_MAIN, TF_JOINABLE, 0);
-        m_pTask->OnThreadInit();
-    }
-    ~CmThreadTaskTimes() override { m_pTask->Destory(0); }
-    // Schedules a timer whose handler takes aTakesMs.
-    void Schedule(int aId, long aMs, long aTakesMs, unsigned int aCount = 1) {
-        m_handlers.push_back(std::make_unique<kelto_test::RecordingHandler>(aId, m_log));
-        m_handlers.back()->SetAction([this, aTakesMs] {
-            m_firedAtMs.push_back((timer_policy::now() - START_USEC) / 1000);
-            m_clock.AdvanceMs(aTakesMs);
-        });
-        m_pTask->GetTimerQueue()->ScheduleTimer(m_handlers.back().get(), nullptr,
-                                                kelto_test::Ms(aMs), aCount);
-    }
-
-    static constexpr long long START_USEC = 1000000000LL * 1000000;
-
-    kelto_test::ScopedClock m_clock;
-    CCmThreadTask* m_pTask = new CCmThreadTask;
-    kelto_test::Firings m_log;
-    std::vector<long long> m_firedAtMs;
-    std::vector<std::unique_ptr<kelto_test::RecordingHandler>> m_handlers;
-};
-
-TEST_F(CmThreadTaskTimes, FiresAtOnce_WhatBecameDueDuringAHandler) {
-    Schedule(1, 10, 510);
-    Schedule(2, 300, 0);
-    Schedule(3, 490, 0);
-    NotedWaits noted(*m_pTask, m_clock, 3);
-    m_pTask->OnThreadRun();
-    EXPECT_EQ((std::vector<long>{10000, 0, NotedWaits::UNLIMITED}), noted.waits);
-    EXPECT_EQ((Ids{1, 2, 3}), kelto_test::Ids(m_log));
-    EXPECT_EQ((std::vector<long long>{10, 520, 520}), m_firedAtMs);
-}
-
-TEST_F(CmThreadTaskTimes, KeepsItsPace_WhenAHandlerTakesLongerThanItsInterval) {
-    Schedule(1, 60, 100, 0);
-    Schedule(2, 300, 0);
-    NotedWaits noted(*m_pTask, m_clock, 5);
-    m_pTask->OnThreadRun();
-    EXPECT_EQ((std::vector<long>{60000, 0, 0, 0, 0}), noted.waits);
-    EXPECT_EQ((std::vector<long long>{60, 160, 260, 360, 460}), m_firedAtMs);
-}
-
-TEST_F(CmThreadTaskTimes, WaitsForTheRest_BehindAHandlerThatTookTime) {
-    Schedule(1, 10, 100);
-    Schedule(2, 300, 25);
-    NotedWaits noted(*m_pTask, m_clock, 3);
-    m_pTask->OnThreadRun();
-    EXPECT_EQ((std::vector<long>{10000, 190000, NotedWaits::UNLIMITED}), noted.waits);
-    EXPECT_EQ((std::vector<long long>{10, 300}), m_firedAtMs);
-}
-
-TEST_F(CmThreadTaskTimes, NeverWaitsLongerThanTheQueueSays_WhenTheClockIsSetBack) {
-    Schedule(1, 10, -3600000);
-    Schedule(2, 300, 0);
-    NotedWaits noted(*m_pTask, m_clock, 2);
-    m_pTask->OnThreadRun();
-    EXPECT_EQ((std::vector<long>{10000, 290000}), noted.waits);
-}
-
-TEST_F(CmThreadTaskTimes, ReadsTheClockOnceMore_OnlyBehindAFiring) {
-    Schedule(1, 10, 0, 2);
-    m_handlers[0]->SetAction({});
-    m_clock.AdvanceMs(10);
-    NotedWaits noted(*m_pTask, m_clock, 3);
-    noted.endEarly = true;
-    const unsigned long ulBefore = m_clock.reads();
-    m_pTask->OnThreadRun();
-    EXPECT_EQ((std::vector<long>{10000, 10000, 10000}), noted.waits);
-    EXPECT_EQ((std::vector<unsigned long>{ulBefore + 2, ulBefore + 3, ulBefore + 4}), noted.reads);
 }
 
 TEST(CmThreadTask, EndsWhatIsPending_WhenItRunsStopped) {

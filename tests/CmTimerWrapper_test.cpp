@@ -233,7 +233,10 @@ class CmTimerWrapperIDOnCalendar : public testing::Test {
         m_pThread->Create(TT_MAIN, TF_JOINABLE, 1);
         m_pThread->OnThreadInit();
     }
-    ~CmTimerWrapperIDOnCalendar() override { m_pThread->Destory(CM_OK); }
+    ~CmTimerWrapperIDOnCalendar() override {
+        m_pTimer.reset();  // before its queue
+        m_pThread->Destory(CM_OK);
+    }
     CmResult Schedule(long aMs) { return m_pTimer->Schedule(&m_recorder, Ms(aMs), 1); }
     // How often the sink is told while the zero timers and then the wheel run.
     size_t Fired() {
