@@ -23,7 +23,8 @@ CM_UTIL_EXPORT char* xml_get_string(char* aXml, const char* aTag, unsigned short
                                     char* aDefault);
 
 // Decimal numbers of at most 64 characters; the default when there is none or it does not parse.
-// A number too large for its type keeps its low bits.
+// A number too large for its type keeps its low bits. One beyond a long (for the two unsigned
+// 32-bit forms, an unsigned long) counts as the largest or the smallest of these.
 CM_UTIL_EXPORT uint32_t get_uint32_from_XML(char* aXml, const char* aTag, unsigned long aDefault);
 CM_UTIL_EXPORT int32_t get_int32_from_XML(char* aXml, const char* aTag, unsigned long aDefault);
 CM_UTIL_EXPORT unsigned long xml_get_uint32(char* aXml, const char* aTag, unsigned long aDefault);
