@@ -52,7 +52,9 @@ endif()
 
 if(KELTO_COVERAGE)
   if(CMAKE_CXX_COMPILER_ID MATCHES Clang)
-    set(KELTO_COVERAGE_FLAGS -fprofile-instr-generate -fcoverage-mapping)
+    # Programs that are run by hand write below the build as well.
+    set(KELTO_COVERAGE_FLAGS
+      -fprofile-instr-generate=${PROJECT_BINARY_DIR}/profiles/%4m.profraw -fcoverage-mapping)
   else()
     set(KELTO_COVERAGE_FLAGS --coverage -fprofile-update=atomic)
   endif()

@@ -40,9 +40,9 @@ CM_UTIL_EXPORT void resolve_2_ip(char* aName, char* aIp);
 CM_UTIL_EXPORT char* resolve_to_ip(char* aName, char* aIp);
 
 // The number of a dotted address, first octet most significant: a * 2^24 + b * 2^16 + c * 2^8 +
-// d, in 64 bits. Any other text is resolved first. 0 when that fails, when there are fewer than
-// four numbers or for null. Octets are not tested for their range; one above INT_MAX counts as
-// INT_MAX.
+// d, in 64 bits. Blanks and tabs may stand around the address. Any other text is resolved first. 0
+// when that fails, when there are fewer than four numbers or for null. Octets are not tested for
+// their range; one above INT_MAX counts as INT_MAX.
 CM_UTIL_EXPORT unsigned long ip_2_id(char* aAddr);
 
 // The dotted address of the low 32 bits of aId, in a static buffer that the next call overwrites.

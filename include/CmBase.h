@@ -28,9 +28,9 @@
 
 namespace UTIL_NS {
 
-// Every file that includes a header of the library holds one: the library's static objects are ready
-// before those that the file defines are constructed, also when the library is linked into the
-// program.
+// Every file that includes a header of the library holds one: the library's static objects are
+// ready before those that the file defines are constructed, also when the library is linked into
+// the program.
 class CM_UTIL_EXPORT CCmLibraryInit {
   public:
     CCmLibraryInit();

@@ -34,7 +34,9 @@ class CM_UTIL_EXPORT CCmHttpUrl : public CCmReferenceControlT<CCmMutexNullSingle
     // (after an empty host also the host and the port) may have been set by then.
     // A file URL sets scheme and path only: one '/' behind "file://" is skipped, and the path
     // starts at the first '/' that remains, so "file:///dir/name" has the path "/name". It
-    // leaves a printed form that is still cached in place, so use a fresh object for one.
+    // leaves a printed form that is still cached in place, so use a fresh object for one. After an
+    // Init that failed, parts of the old URL and of the new one, and the old printed form, stand
+    // side by side: nothing but another Init makes the object whole again.
     bool Init(const CCmString& aSpec);
 
     // "host" or "host:port". A port that is missing, not a number or 0 means the default of the

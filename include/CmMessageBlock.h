@@ -4,6 +4,8 @@
 
 #include <sys/uio.h>
 
+#include <type_traits>
+
 #include "CmBase.h"
 #include "CmDataBlock.h"
 #include "CmTrace.h"
@@ -61,6 +63,12 @@ class CM_UTIL_EXPORT CCmMessageBlock {
                              unsigned long aFlag = 0, unsigned int aAdvanceWritePtr = 0);
     explicit CCmMessageBlock(CCmDataBlock* aDb, unsigned long aFlag = 0,
                              unsigned int aAdvanceWritePtr = 0);
+    // The first form for a size of any integer type; literal zeros, which might be either form's,
+    // come here. The size is taken modulo 2^32.
+    template <class Size, std::enable_if_t<std::is_integral<Size>::value, int> = 0>
+    explicit CCmMessageBlock(Size aSize, const char* aData = nullptr, unsigned long aFlag = 0,
+                             unsigned int aAdvanceWritePtr = 0)
+        : CCmMessageBlock(static_cast<unsigned int>(aSize), aData, aFlag, aAdvanceWritePtr) {}
     CCmMessageBlock(const CCmMessageBlock&) = delete;
     CCmMessageBlock& operator=(const CCmMessageBlock&) = delete;
     // Touches the rest of the chain only when m_bRtpChainedFlag is set.
@@ -102,7 +110,8 @@ class CM_UTIL_EXPORT CCmMessageBlock {
     CmResult AdvanceChainedReadPtr(unsigned int aCount, unsigned int* aAdvanced = nullptr);
     // Counts aCount bytes behind the written ones as written, over as many blocks as it takes.
     // Stops with CM_ERROR_PARTIAL_DATA at a block that has been read from, and with
-    // CM_ERROR_FAILURE at a locked one. A count of 0 is CM_ERROR_PARTIAL_DATA.
+    // CM_ERROR_FAILURE at a locked one, be it this or a later one; what was counted before stays.
+    // A count of 0 is CM_ERROR_PARTIAL_DATA.
     CmResult AdvanceChainedWritePtr(unsigned int aCount, unsigned int* aAdvanced = nullptr);
     // The same for this block alone: all of aStep or, with CM_ERROR_NOT_AVAILABLE, nothing.
     CmResult AdvanceTopLevelWritePtr(unsigned int aStep);
@@ -112,7 +121,8 @@ class CM_UTIL_EXPORT CCmMessageBlock {
     // loses its write pointer and counts as without readable and free bytes.
     void RewindChained();
     static void RewindChained(CCmMessageBlock* aMb);
-    // Frees the DUPLICATED blocks of the chain; this may be one of them.
+    // Frees the DUPLICATED blocks of the chain; this may be one of them. A block that is left alone
+    // in front of a freed one loses its link to it.
     void DestroyChained();
     static void DestroyChained(CCmMessageBlock* aMb);
 
@@ -124,12 +134,14 @@ class CM_UTIL_EXPORT CCmMessageBlock {
     static CCmMessageBlock* DuplicateChained(const CCmMessageBlock* aMb);
     // Cuts the chain behind its first aStart readable bytes and returns the rest: blocks that
     // carry DUPLICATED as they are, duplicates of others, which stay with their owner, unlinked.
-    // Null, with nothing changed, when nothing lies behind the cut or memory ran out.
+    // Null, with nothing changed, when nothing lies behind the cut or memory ran out. A cut inside
+    // a block leaves its area to both chains: a write to the first chain, whose block has the rest
+    // of the area as free space, overwrites bytes of the second.
     CCmMessageBlock* Disjoint(unsigned int aStart);
     static CCmMessageBlock* Disjoint(CCmMessageBlock* aMb, unsigned int aStart);
     // Drops the empty blocks in front, freeing those that carry DUPLICATED (this may be one), and
     // returns the first that is not empty, or null: the caller's new chain head. Refused, with
-    // null, when m_bRtpChainedFlag is set on this block.
+    // null, when m_bRtpChainedFlag is set on this block. As above, no link to a freed block stays.
     CCmMessageBlock* ReclaimGarbage();
 
     // All readable bytes; locked blocks contribute none. Empty when memory ran out.

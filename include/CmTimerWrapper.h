@@ -60,7 +60,7 @@ class CM_UTIL_EXPORT low_tick_policy::low_tick_generator : public CCmTimerWrappe
   public:
     // The one generator, created by the first call; null when memory ran out (the next call tries
     // again). No lock of the library's is held while it reads the clock and schedules, so the first
-    // call may come from anywhere: a singleton's constructor, a trace sink.
+    // call may also come from a singleton's constructor.
     static low_tick_generator* instance();
     // Microseconds of the process clock, read afresh.
     static long long now();

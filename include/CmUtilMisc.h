@@ -51,7 +51,7 @@ struct local_addr {
 // Sets *aList to the first IPv4 address of every interface that is up, in the reverse of the
 // order in which the system lists them, and traces each; free_local_addr frees the list. 0 on
 // success, also with an empty (null) list; -1 with a null list when the socket, the query or an
-// allocation fails or aList is null. Any thread.
+// allocation fails or aList is null. The socket that it asks through is closed again. Any thread.
 CM_UTIL_EXPORT int get_local_addr(local_addr** aList);
 // Null is accepted.
 CM_UTIL_EXPORT void free_local_addr(local_addr* aList);

@@ -90,8 +90,8 @@ class CCmComAutoPtr {
     }
 
     // Takes the new reference before it drops the old one, so that a chain in which the old
-    // object owns the new one stays alive. By then it holds the new object: the old one, when it
-    // ends, may look at this pointer or assign to it.
+    // object owns the new one stays alive. It stores the new object before it releases the old one,
+    // which, when it ends, may therefore look at this pointer or assign to it.
     CCmComAutoPtr& operator=(T* aPtr) {
         if (m_pRawPtr == aPtr) {
             return *this;
@@ -164,8 +164,10 @@ T* CCmSingletonT<T>::Instance() {
         return &pInstance->m_Instance;
     }
     CmCreateSingleton(&Create);
-    CM_ASSERTE_RETURN_AT(m_psInstance, nullptr, "include/CmUtilTemplates.h", 58);
-    return &m_psInstance.load(std::memory_order_acquire)->m_Instance;
+    CCmSingletonT* const pCreated = m_psInstance.load(std::memory_order_acquire);
+    CM_ASSERTE_RETURN_(pCreated != nullptr, "m_psInstance", nullptr, "include/CmUtilTemplates.h",
+                       58);
+    return &pCreated->m_Instance;
 }
 
 template <class T>

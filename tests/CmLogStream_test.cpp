@@ -174,6 +174,26 @@ TEST(CmLogStream, LevelFunction_DeliversAnEmptyText_WhenACharacterHasNoEncoding)
     EXPECT_EQ(Texts{""}, library.texts());
 }
 
+#ifdef __GLIBC__
+// A text that fits the stack buffer, and one that does not.
+TEST_P(CmLogStreamLevelFunction, PrintsTheCallersErrno_WithPercentM) {
+    m_library.SetErrno(EBUSY);
+    size_t nBefore = 0;
+    for (const size_t nLength : {size_t{3}, size_t{5000}}) {
+        const std::string sText = TextOfLength(nLength);
+        errno = ENOENT;
+        EXPECT_EQ(1, GetParam().function("net", "%s: %m, %m", sText.c_str()));
+        EXPECT_EQ(ENOENT, errno);
+        std::string sDelivered;
+        const std::vector<TraceCall> calls = m_library.calls();
+        for (; nBefore < calls.size(); ++nBefore) {
+            sDelivered += calls[nBefore].text;
+        }
+        EXPECT_EQ(sText + ": No such file or directory, No such file or directory", sDelivered);
+    }
+}
+#endif
+
 TEST(CmLogStream, LevelFunction_FormatsWhole_AroundTheStackBuffer) {
     for (size_t nLength : {1022u, 1023u, 1024u, 1025u, 2047u}) {
         ScopedTraceLibrary library;

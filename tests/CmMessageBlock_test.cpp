@@ -41,6 +41,28 @@ TEST_F(CmMessageBlock, DefaultConstructor_IsEmpty) {
     EXPECT_FALSE(block.m_bRtpChainedFlag);
 }
 
+// Literal zeros may be a size or a data block.
+TEST_F(CmMessageBlock, Constructor_TakesLiteralZeros) {
+    const CCmMessageBlock fromZeros(0, 0, 0);
+    const CCmMessageBlock fromNull(NULL, 0, 0);
+    const CCmMessageBlock fromNullptr(nullptr, 0, 0);
+    const CCmMessageBlock fromZero(0);
+    for (const CCmMessageBlock* pMb : {&fromZeros, &fromNull, &fromNullptr, &fromZero}) {
+        EXPECT_EQ(0u, pMb->GetTopLevelSpace());
+        EXPECT_EQ(nullptr, pMb->GetTopLevelReadPtr());
+    }
+}
+
+TEST_F(CmMessageBlock, Constructor_TakesASizeOfAnyIntegerType) {
+    const CCmMessageBlock fromInt(10);
+    const CCmMessageBlock fromSize(size_t{10}, nullptr);
+    const CCmMessageBlock fromShort(static_cast<short>(10), 0, 0);
+    const CCmMessageBlock fromLongLong(10LL, nullptr, 0, 0);
+    for (const CCmMessageBlock* pMb : {&fromInt, &fromSize, &fromShort, &fromLongLong}) {
+        EXPECT_EQ(10u, pMb->GetTopLevelSpace());
+    }
+}
+
 TEST_F(CmMessageBlock, SetData_AllocatesWithoutSource) {
     CCmMessageBlock block;
     EXPECT_EQ(CM_OK, block.SetData(10, nullptr, CCmMessageBlock::EXTERNAL_DATA | 0x10000, 4));

@@ -457,18 +457,6 @@ TEST(CmLowTick, FirstUse_DoesNotWaitForTheSingletonMutex_WithItsOwnHeld) {
               }));
 }
 
-void AskForTheTime(unsigned long, const char*, unsigned int) {
-    low_tick_policy::now();
-}
-
-TEST(CmLowTick, FirstUse_MayBeTracedToASinkThatAsksForTheTime) {
-    EXPECT_EQ(0, InChild([] {
-                  alarm(20);
-                  set_util_external_trace_sink(&AskForTheTime);
-                  return Generator::instance() != nullptr && Generator::m_InitTimerSucc == 0;
-              }));
-}
-
 TEST(CmLowTick, LargestValueIsThatOfSixtyFourBits) {
     EXPECT_EQ(0x7FFFFFFFFFFFFFFF, low_tick_policy::max_time_value());
 }

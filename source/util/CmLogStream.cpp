@@ -88,31 +88,38 @@ void DeliverAsStream(const char* aModule, const char* aText, size_t aLength) {
     }
 }
 
+// vsnprintf with the caller's errno, which "%m" prints where the system knows it.
+int Format(char* aText, size_t aSize, const char* aFormat, va_list aArguments, int aErrno) {
+    errno = aErrno;
+    return std::vsnprintf(aText, aSize, aFormat, aArguments);
+}
+
 // A text that does not fit the stack buffer.
-void DeliverLong(const char* aModule, const char* aFormat, va_list aArguments, size_t aLength) {
+void DeliverLong(const char* aModule, const char* aFormat, va_list aArguments, size_t aLength,
+                 int aErrno) {
     const size_t nSize = aLength < TEXT_LIMIT ? aLength + 1 : TEXT_LIMIT;
     char* pchText = static_cast<char*>(g_cmSystem.malloc(nSize));
     if (pchText == nullptr) {
         return;
     }
-    std::vsnprintf(pchText, nSize, aFormat, aArguments);
+    Format(pchText, nSize, aFormat, aArguments, aErrno);
     DeliverAsStream(aModule, pchText, std::strlen(pchText));
     std::free(pchText);
 }
 
 // A NUL that a "%c" put in ends the text.
-void DeliverFormatted(const char* aModule, const char* aFormat, va_list aArguments) {
+void DeliverFormatted(const char* aModule, const char* aFormat, va_list aArguments, int aErrno) {
     va_list arguments;
     va_copy(arguments, aArguments);
     char achText[STACK_TEXT_SIZE];
-    const int nLength = std::vsnprintf(achText, sizeof(achText), aFormat, arguments);
+    const int nLength = Format(achText, sizeof(achText), aFormat, arguments, aErrno);
     va_end(arguments);
     if (nLength < 0) {
         DeliverAsStream(aModule, "", 0);
     } else if (static_cast<size_t>(nLength) < sizeof(achText)) {
         DeliverAsStream(aModule, achText, std::strlen(achText));
     } else {
-        DeliverLong(aModule, aFormat, aArguments, static_cast<size_t>(nLength));
+        DeliverLong(aModule, aFormat, aArguments, static_cast<size_t>(nLength), aErrno);
     }
 }
 
@@ -141,10 +148,11 @@ int TraceToLibrary(const char* aModule, const char* aFormat, va_list aArguments)
     if (aModule == nullptr || aFormat == nullptr) {
         return 0;
     }
+    const int nError = errno;
     CCmTraceGuard guard;
     if (IsDelivered(DELIVERY_LEVEL)) {
         if (!DeliverPlain(aModule, aFormat, aArguments)) {
-            DeliverFormatted(aModule, aFormat, aArguments);
+            DeliverFormatted(aModule, aFormat, aArguments, nError);
         }
     } else if (IsDelivered(DELIVERY_LEVEL)) {
         // The threshold fell between the two questions: an empty stream is delivered.

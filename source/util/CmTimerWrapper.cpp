@@ -71,7 +71,7 @@ low_tick_policy::low_tick_generator* low_tick_policy::low_tick_generator::instan
         return pGenerator;
     }
     CCmDisableCancel disableCancel;
-    // Reading the clock may create a singleton, and scheduling may trace to a host that does: the
+    // Reading the clock may create a singleton, and scheduling may call a host that does: the
     // mutex is held for neither, so that who comes with the singleton mutex may take it.
     low_tick_generator* pCreated = new (std::nothrow) low_tick_generator;
     if (pCreated == nullptr) {

@@ -103,6 +103,9 @@ unsigned long _getTraceLevel() {
     if (g_state.thresholds.size() > 1) {
         g_state.thresholds.erase(g_state.thresholds.begin());
     }
+    if (g_state.error != 0) {
+        errno = g_state.error;
+    }
     return ulLevel;
 }
 
