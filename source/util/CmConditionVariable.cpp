@@ -2,7 +2,8 @@
 
 #include <errno.h>
 #include <limits.h>
-#include <string.h>
+
+#include <algorithm>
 
 #include "CmCancel.h"
 #include "CmConditionSteps.h"
@@ -39,8 +40,9 @@ constexpr int SIGNAL_TRIES = 3;
 // failed, which left zeros and has written its line.
 template <class Object>
 bool WasNeverMade(const Object& aObject, int aError) {
-    const Object zeros = Object();
-    return aError == EINVAL && !CmPortTakesZeros() && memcmp(&aObject, &zeros, sizeof(zeros)) == 0;
+    const auto* const pBytes = reinterpret_cast<const unsigned char*>(&aObject);
+    return aError == EINVAL && !CmPortTakesZeros() &&
+           std::all_of(pBytes, pBytes + sizeof(aObject), [](unsigned char by) { return by == 0; });
 }
 
 }  // namespace

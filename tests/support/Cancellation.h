@@ -26,7 +26,9 @@ class ScopedHandlersOnly {
     ScopedHandlersOnly& operator=(const ScopedHandlersOnly&) = delete;
 
     // pthread_testcancel of such a thread; does nothing on any other.
-    static void TestCancel() {
+    // No part of its caller: AddressSanitizer would find the remains of its frame where a thread
+    // that unwinds has been.
+    [[gnu::noinline]] static void TestCancel() {
         CThread* const pThread = t_pThread;
         if (pThread != nullptr && pThread->m_bCancelled && IsCancelEnabled()) {
             End(pThread);
