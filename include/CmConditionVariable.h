@@ -2,7 +2,8 @@
 //
 // Thin wrappers over POSIX threads. Every class may be used from any thread. A system call that
 // fails is traced, except in Lock and TryLock (tracing itself takes locks), and reported as
-// CM_ERROR_FAILURE; none throws, and an object whose constructor failed still exists.
+// CM_ERROR_FAILURE; none throws, and an object whose constructor failed still exists. It has
+// written its one line by then: that it cannot be destroyed either is not traced.
 #ifndef CM_CONDITION_VARIABLE_H
 #define CM_CONDITION_VARIABLE_H
 
@@ -87,7 +88,8 @@ class CM_UTIL_EXPORT CCmConditionVariableThread {
     // The caller holds the bound mutex. aTimeout: relative to now, on the wall clock; null waits
     // without limit, s_tvMax as good as that, zero or less not at all. CM_OK when
     // woken (or interrupted, or for no reason: the caller checks its own state),
-    // CM_ERROR_TIMEOUT, or CM_ERROR_FAILURE. A cancellation point.
+    // CM_ERROR_TIMEOUT, or CM_ERROR_FAILURE. A cancellation point; the mutex is held again when the
+    // thread's clean-up handlers run.
     CmResult Wait(CCmTimeValue* aTimeout);
 
   private:
@@ -103,7 +105,8 @@ class CM_UTIL_EXPORT CCmConditionVariableThread {
 // wakes one waiter or, when there is none, lets one later Wait through. A woken thread does not
 // look at the state again, so a wait may, rarely, end without a signal: what must not be
 // mistaken is checked by the caller. When the inner mutex cannot be taken, every operation
-// traces an assertion, returns that result and changes nothing.
+// traces an assertion, returns that result and changes nothing. Its lines are written after the
+// inner mutex was released.
 class CM_UTIL_EXPORT CCmEventThread {
   public:
     // aManualReset, aInitialState: 0 or 1. aName: accepted and not used.
@@ -113,7 +116,8 @@ class CM_UTIL_EXPORT CCmEventThread {
     CCmEventThread(const CCmEventThread&) = delete;
     CCmEventThread& operator=(const CCmEventThread&) = delete;
 
-    // aTimeout: relative, null waits without limit. CM_OK, CM_ERROR_TIMEOUT or CM_ERROR_FAILURE.
+    // aTimeout: relative, null waits without limit. CM_OK, CM_ERROR_TIMEOUT or CM_ERROR_FAILURE. A
+    // cancellation point; a cancelled thread leaves the event usable.
     CmResult Wait(CCmTimeValue* aTimeout = nullptr);
     CmResult Signal();
     // Wakes all waiters (manual) or one (automatic), then leaves the event unsignalled.
@@ -145,7 +149,8 @@ class CM_UTIL_EXPORT CCmSemaphore {
     CCmSemaphore(const CCmSemaphore&) = delete;
     CCmSemaphore& operator=(const CCmSemaphore&) = delete;
 
-    // Takes one, waiting for it. CM_OK, or CM_ERROR_FAILURE (a signal interrupted the wait).
+    // Takes one, waiting for it. CM_OK, or CM_ERROR_FAILURE (a signal interrupted the wait). A
+    // cancellation point, which takes none.
     CmResult Lock();
     // Gives one back.
     CmResult UnLock();

@@ -31,9 +31,10 @@ class CM_UTIL_EXPORT ICmEvent {
     // The work, run on the queue's thread. A synchronous sender gets the result; for a posted
     // event it is ignored.
     virtual CmResult OnEventFire() = 0;
-    // Ends the event: called once, behind OnEventFire or instead of it; the queue does not touch
-    // the event afterwards. Deletes the object. Runs on the queue's thread, or on the posting one
-    // when the queue refuses. May post to the same queue.
+    // Ends the event: called once, after OnEventFire or instead of it; the queue does not touch the
+    // event afterwards. Deletes the object. Runs on the queue's thread, or on the thread that
+    // destroys the queue or calls DestoryPendingEvents; on the posting one only when the queue
+    // refuses the event. May post to the same queue.
     virtual void OnDestorySelf();
     virtual ~ICmEvent();
 
@@ -56,11 +57,12 @@ class CM_UTIL_EXPORT ICmEventQueue {
     // Hands aEvent over; does not wait. CM_OK, or with the event ended: CM_ERROR_NOT_INITIALIZED
     // (the queue has been stopped), CM_ERROR_OUT_OF_MEMORY; CM_ERROR_INVALID_ARG: null event.
     virtual CmResult PostEvent(ICmEvent* aEvent, EPriority aPri) = 0;
-    // Hands aEvent over, waits until it has run and returns the result of its OnEventFire. On the
-    // queue's own thread it runs at once, overtaking what is pending. Waits without limit on a
-    // queue that nobody runs. CM_ERROR_NOT_AVAILABLE: the event was ended without having run (its
-    // thread stopped first, or its queue ended). CM_ERROR_FAILURE: the wait failed; the event runs
-    // or ends later. Otherwise fails like PostEvent.
+    // Hands aEvent over, waits until it has fired and returns the result of its OnEventFire; its
+    // OnDestorySelf may come later. On the queue's own thread both run at once, overtaking what is
+    // pending. Waits without limit on a queue that nobody runs. CM_ERROR_NOT_AVAILABLE: the event
+    // was ended without having run (its thread stopped first, or its queue ended).
+    // CM_ERROR_FAILURE: the wait failed; the event runs or ends later. Otherwise fails like
+    // PostEvent. A cancellation point; what a cancelled sender has sent runs all the same.
     virtual CmResult SendEvent(ICmEvent* aEvent) = 0;
     // How many events are pending; may be outdated when it is read.
     virtual DWORD GetPendingEventsCount() = 0;
@@ -145,7 +147,8 @@ class CM_UTIL_EXPORT CCmEventQueueBase : public ICmEventQueue {
 //
 // Two ends hold it: the queue's, which fires and ends it once, and the sender's, which waits and
 // then posts it back, so that it is freed on the queue's own thread; a sender that cannot (the
-// queue refuses, or may be gone) lets go of it by itself. Whoever lets go last frees it.
+// queue refuses, or may be gone) lets go of it by itself. Whoever lets go last frees it, also when
+// its first post is refused. Its event ends on the thread that fired it, whoever that is.
 class CM_UTIL_EXPORT CCmEventSynchronous : public ICmEvent {
   public:
     // aEvent: owned. aQueue: the queue that is to run it; may be null.
@@ -215,7 +218,8 @@ class CM_UTIL_EXPORT CCmEventQueueUsingConditionVariable : public CCmEventQueueB
     // waits without limit), then takes at most aMaxCount events. Before a wait without limit it
     // gives the core to other threads once: what they post then costs no wake-up.
     // CM_ERROR_NOT_FOUND: still empty, also when the wait ended early without an event. A
-    // cancellation point while it waits; a cancelled thread leaves the queue usable.
+    // cancellation point while it waits; a cancelled thread leaves the queue usable, and what is
+    // pending in it.
     CmResult PopOrWaitPendingEvents(std::list<ICmEvent*>& aEvents, CCmTimeValue* aTimeout,
                                     DWORD aMaxCount = 0xFFFFFFFF);
     // Consumer thread only. ProcessEvents, whose list nodes serve coming posts: the queue keeps as

@@ -75,16 +75,20 @@ class CM_UTIL_EXPORT ACmThread {
     int GetThreadType() const { return m_Type; }
 
     // Waits until a joinable thread has ended; does nothing for any other. CM_ERROR_FAILURE: it is
-    // the calling thread, or pthread_join failed.
+    // the calling thread, or pthread_join failed. A cancellation point; the thread can be joined
+    // again then.
     CmResult Join();
     // Frees the object, at once or (detached, and its body still runs) when the body has ended.
     // To be called last; a joinable thread has been stopped and joined before. aReason is traced
     // only. CM_OK.
     CmResult Destory(int aReason);
-    // Cancels the thread at its next cancellation point and sets the stop flag; what its event
-    // queue holds stays pending. The result is that of pthread_cancel, or CM_ERROR_FAILURE when
-    // there is no thread. No destructor that runs on the thread may contain a cancellation point:
-    // it cannot be unwound, and the process would end.
+    // Cancels the thread at its next cancellation point and sets the stop flag. The result is that
+    // of pthread_cancel, or CM_ERROR_FAILURE when there is no thread. An event that was firing
+    // ends; what its event queue holds stays pending, the queue accepts posts, and Join and Destory
+    // work as usual. The host's own handlers run no destructors on every system (see "Cancelled
+    // threads" in docs/platforms.md). No destructor of theirs may contain a cancellation point: it
+    // cannot be unwound, and the process would end. Create, Destory and the library's own
+    // destructors are none.
     CmResult Terminate();
 
     // The start routine of the POSIX thread; pParam is the object. Returns null.

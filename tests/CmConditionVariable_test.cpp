@@ -262,30 +262,6 @@ TEST(CmMutex, Types_AreThreeAndRecursive) {
     EXPECT_EQ(PTHREAD_MUTEX_RECURSIVE, g_nType);
 }
 
-// The end of what was never made, as some systems report it.
-constexpr int NEVER_MADE = EINVAL;
-
-TEST(CmMutex, FailedInit_IsTracedOnce_WhenTheEndFailsToo) {
-    FailingCall<&CCmSystemTable::pthread_mutex_destroy> endFault(
-        NEVER_MADE, NEVER_MADE, 1, kelto_test::Failing::FROM_THERE_ON);
-    for (bool bRecursive : {false, true}) {
-        ScopedTraceSink sink;
-        {
-            FailingCall<&CCmSystemTable::pthread_mutex_init> fault(ENOMEM, ENOMEM);
-            if (bRecursive) {
-                CCmMutexThreadRecursive mutex;
-            } else {
-                CCmMutexThread mutex;
-            }
-        }
-        EXPECT_EQ(1u, sink.lines().size());
-        EXPECT_EQ(1u, sink.count("pthread_mutex_init() failed! err=12"));
-    }
-    ScopedTraceSink sink;
-    { CCmMutexThread mutex; }
-    EXPECT_EQ(1u, sink.count("pthread_mutex_destroy() failed! err=22"));
-}
-
 // ---- Condition ----
 
 class CmCondition : public testing::Test {
@@ -303,16 +279,6 @@ class CmCondition : public testing::Test {
 TEST_F(CmCondition, Constructor_FailureIsTraced) {
     FailingCall<&CCmSystemTable::pthread_cond_init> fault(EAGAIN, EAGAIN);
     CCmConditionVariableThread condition(m_Mutex);
-    EXPECT_EQ(
-        "UTIL WARNING: CCmConditionVariableThread::CCmConditionVariableThread, "
-        "pthread_cond_init() failed! err=11 this=0x#",
-        OnlyLine(m_sink, 10));
-}
-
-TEST_F(CmCondition, Constructor_FailureIsTracedOnce_WhenTheEndFailsToo) {
-    FailingCall<&CCmSystemTable::pthread_cond_init> fault(EAGAIN, EAGAIN);
-    FailingCall<&CCmSystemTable::pthread_cond_destroy> endFault(NEVER_MADE, NEVER_MADE);
-    { CCmConditionVariableThread condition(m_Mutex); }
     EXPECT_EQ(
         "UTIL WARNING: CCmConditionVariableThread::CCmConditionVariableThread, "
         "pthread_cond_init() failed! err=11 this=0x#",

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include "CmAddress.h"
+#include "CmCancel.h"
 #include "CmConfig.h"
 #include "CmT120Trace.h"
 #include "CmUtilMisc.h"
@@ -343,6 +344,95 @@ TEST_F(CmPortMacBundle, Facility_ReleasesItAtItsEnd) {
     m_services.AddFile(PLAIN);
     m_services.AddBundle(BUNDLE, {});
     EXPECT_EQ(BUNDLE, SearchedFrom(PLAIN));
+}
+
+// Clean-up handlers.
+
+// Runs the handlers of this thread as the system does when it cancels one.
+void RunHandlers() {
+    while (__darwin_pthread_handler_rec* pNewest = CmMacCleanUps()) {
+        CmMacCleanUps() = pNewest->__next;
+        pNewest->__routine(pNewest->__arg);
+    }
+}
+
+TEST(CmPortMacCleanUp, HandlersRunNewestFirst_WhenTheThreadIsCancelled) {
+    std::string sOrder;
+    const auto append = [&sOrder](char aWhich) { return [&sOrder, aWhich] { sOrder += aWhich; }; };
+    CCmCleanUpT first(append('1'));
+    {
+        CCmCleanUpT gone(append('x'));
+        gone.Release();
+    }
+    {
+        CCmCleanUpT done(append('0'));
+        done.Execute();
+    }
+    CCmCleanUpT second(append('2'));
+    EXPECT_EQ("0", sOrder);
+    __darwin_pthread_handler_rec* const pNewest = CmMacCleanUps();
+    RunHandlers();
+    EXPECT_EQ("021", sOrder);
+    CmMacCleanUps() = pNewest;
+    second.Release();
+    first.Release();
+    EXPECT_EQ(nullptr, CmMacCleanUps());
+}
+
+TEST(CmPortMacCleanUp, HandlerRunsOnceAndLeavesTheList_WhenAnExceptionPasses) {
+    int nRuns = 0;
+    try {
+        CCmCleanUpT cleanUp([&nRuns] { ++nRuns; });
+        throw 1;
+    } catch (int) {
+    }
+    EXPECT_EQ(1, nRuns);
+    EXPECT_EQ(nullptr, CmMacCleanUps());
+}
+
+// Mutexes, conditions and semaphores that could not be made, which cannot be destroyed either.
+
+using kelto_test::FailingCall;
+constexpr auto ALWAYS = kelto_test::Failing::FROM_THERE_ON;
+
+struct CmPortMacNeverMade : testing::Test {
+    FailingCall<&CCmSystemTable::pthread_mutex_destroy> m_mutexEnds{EINVAL, EINVAL, 1, ALWAYS};
+    FailingCall<&CCmSystemTable::pthread_cond_destroy> m_conditionEnds{EINVAL, EINVAL, 1, ALWAYS};
+    FailingCall<&CCmSystemTable::sem_destroy> m_semaphoreEnds{EINVAL, -1, 1, ALWAYS};
+    kelto_test::ScopedTraceSink m_sink;
+};
+
+TEST_F(CmPortMacNeverMade, MutexWritesOneLine) {
+    FailingCall<&CCmSystemTable::pthread_mutex_init> fault(ENOMEM, ENOMEM, 1, ALWAYS);
+    { CCmMutexThread mutex; }
+    EXPECT_EQ(1u, m_sink.lines().size());
+    EXPECT_EQ(1u, m_sink.count("CCmMutexThread::CCmMutexThread, pthread_mutex_init() failed!"));
+    { CCmMutexThreadRecursive mutex; }
+    EXPECT_EQ(2u, m_sink.lines().size());
+    EXPECT_EQ(2u, m_sink.count("pthread_mutex_init() failed! err=12"));
+}
+
+TEST_F(CmPortMacNeverMade, ConditionWritesOneLine) {
+    CCmMutexThread mutex;
+    FailingCall<&CCmSystemTable::pthread_cond_init> fault(EAGAIN, EAGAIN);
+    { CCmConditionVariableThread condition(mutex); }
+    EXPECT_EQ(1u, m_sink.lines().size());
+    EXPECT_EQ(1u, m_sink.count("pthread_cond_init() failed!"));
+}
+
+TEST_F(CmPortMacNeverMade, SemaphoreWritesOneLine) {
+    FailingCall<&CCmSystemTable::sem_init> fault(ENOSYS);
+    { CCmSemaphore semaphore(1); }
+    EXPECT_EQ(1u, m_sink.lines().size());
+    EXPECT_EQ(1u, m_sink.count("sem_init() failed!"));
+}
+
+TEST_F(CmPortMacNeverMade, WhatWasMadeWritesALineAtItsEnd) {
+    { CCmMutexThread mutex; }
+    { CCmMutexThreadRecursive mutex; }
+    { CCmSemaphore semaphore(1); }
+    EXPECT_EQ(2u, m_sink.count("pthread_mutex_destroy() failed! err=22"));
+    EXPECT_EQ(1u, m_sink.count("sem_destroy() failed! err=22"));
 }
 
 }  // namespace

@@ -304,17 +304,6 @@ TEST(CmSemaphore, Constructor_FailureIsTraced) {
               OnlyLine(sink));
 }
 
-TEST(CmSemaphore, Constructor_FailureIsTracedOnce_WhenTheEndFailsToo) {
-    ScopedTraceSink sink;
-    {
-        FailingCall<&CCmSystemTable::sem_init> fault(ENOSYS);
-        FailingCall<&CCmSystemTable::sem_destroy> endFault(EINVAL);
-        CCmSemaphore semaphore(1);
-    }
-    EXPECT_EQ("UTIL WARNING: CCmSemaphore::CCmSemaphore, sem_init() failed! err=38 this=0x#",
-              OnlyLine(sink));
-}
-
 TEST(CmSemaphore, Constructor_RefusesACountOutOfRange) {
     for (long lCount : {-1L, LONG_MIN, 0x80000000L, 0x100000001L, LONG_MAX}) {
         ScopedTraceSink sink;

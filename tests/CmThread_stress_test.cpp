@@ -7,14 +7,17 @@
 #include <pthread.h>
 #include <signal.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <list>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "CmThread.h"
+#include "support/Cancellation.h"
 #include "support/Events.h"
 #include "support/Eventually.h"
 #include "support/Faults.h"
@@ -342,21 +345,73 @@ TEST(CmThreadStress, LeavesNothing_WhenThousandsOfThreadsLiveInEveryFlagCombinat
     EXPECT_EQ(nullptr, getCurrentThread());
 }
 
-TEST(CmThreadStress, LeavesNothing_WhenWorkersAreTerminatedAtAnyTime) {
+// With a cancellation point in its firing and in its end.
+class PointedEvent : public CountedEvent {
+  public:
+    using CountedEvent::CountedEvent;
+    CmResult OnEventFire() override {
+        const CmResult rv = CountedEvent::OnEventFire();
+        kelto_test::TestCancel();
+        return rv;
+    }
+    void OnDestorySelf() override {
+        CountedEvent::OnDestorySelf();
+        kelto_test::TestCancel();
+    }
+};
+
+// Sends an event to another thread's queue.
+class SendingEvent : public ICmEvent {
+  public:
+    SendingEvent(ICmEventQueue& aQueue, Balance& aBalance) : m_queue(aQueue), m_balance(aBalance) {}
+    CmResult OnEventFire() override { return m_queue.SendEvent(new PointedEvent(m_balance)); }
+
+  private:
+    ICmEventQueue& m_queue;
+    Balance& m_balance;
+};
+
+// Whether a cancelled thread runs its clean-up handlers alone.
+class CmCancelledThreadStress : public testing::TestWithParam<bool> {};
+
+INSTANTIATE_TEST_SUITE_P(, CmCancelledThreadStress, testing::Bool(),
+                         [](const auto& aInfo) { return aInfo.param ? "HandlersOnly" : "AsHere"; });
+
+TEST_P(CmCancelledThreadStress, LeavesNothing_WhenWorkersAreTerminatedAtAnyTime) {
+    constexpr int EVENTS = 20;
+    constexpr int SENDS = 3;
     const int nLives = Scaled(100);
     const long lLive = kelto_test::LiveAllocationsBefore();
     for (int i = 0; i < nLives; ++i) {
+        std::optional<kelto_test::ScopedHandlersOnly> handlersOnly;
+        if (GetParam()) {
+            handlersOnly.emplace();
+        }
         Balance balance;
         ACmThread* pThread = nullptr;
         ASSERT_EQ(CM_OK, CreateUserTaskThread(&pThread, TF_JOINABLE, i % 2 == 0, TYPE));
-        for (int n = 0; n < 20; ++n) {
-            pThread->GetEventQueue()->PostEvent(new CountedEvent(balance), NORMAL);
+        ICmEventQueue* const pQueue = pThread->GetEventQueue();
+        ACmThread* pSender = nullptr;  // is terminated as well
+        ASSERT_EQ(CM_OK, CreateUserTaskThread(&pSender, TF_JOINABLE, false, TYPE));
+        for (int n = 0; n < SENDS; ++n) {
+            pSender->GetEventQueue()->PostEvent(new SendingEvent(*pQueue, balance), NORMAL);
+        }
+        for (int n = 0; n < EVENTS; ++n) {
+            pQueue->PostEvent(new PointedEvent(balance), NORMAL);
+        }
+        if (i % 4 < 2) {
+            std::this_thread::sleep_for(std::chrono::microseconds(i % 100));
         }
         pThread->Terminate();
+        pSender->Terminate();
         EXPECT_EQ(CM_OK, pThread->Join());
+        EXPECT_EQ(CM_OK, pSender->Join());
+        EXPECT_EQ(CM_OK, pQueue->PostEvent(new CountedEvent(balance), NORMAL));
+        pSender->Destory(0);
         pThread->Destory(0);
-        EXPECT_EQ(20, balance.posted.load());
-        EXPECT_EQ(20, balance.ended.load());
+        EXPECT_LE(EVENTS + 1, balance.posted.load());
+        EXPECT_EQ(balance.posted.load(), balance.ended.load());
+        EXPECT_LE(balance.fired.load(), balance.ended.load());
     }
     EXPECT_EQ(lLive, kelto_test::LiveAllocations());
 }

@@ -1460,7 +1460,7 @@ class EndlessStarter : public BodyThread {
   public:
     explicit EndlessStarter(Life& aLife) : BodyThread(aLife) {}
     void OnThreadInit() override {
-        EXPECT_EQ(0, Terminate());
+        EXPECT_EQ(0, g_cmSystem.pthread_cancel(pthread_self()));
         SpinUntilCancelled();
     }
 };

@@ -3,6 +3,7 @@
 #include <sys/times.h>
 #include <unistd.h>
 
+#include "CmCancel.h"
 #include "CmTimeValue.h"
 #include "port/CmSystem.h"
 
@@ -100,6 +101,7 @@ void time_type::reset(long long aMicroseconds) {
     static_cast<tm&>(*this) = tm();
     const time_t tSec = static_cast<time_t>(llSec);
     tm local = {};
+    CCmDisableCancel disableCancel;  // the call may read a file under a lock of its own
     if (g_cmSystem.localtime_r(&tSec, &local) == nullptr) {
         return;
     }

@@ -2,12 +2,14 @@
 
 #include <errno.h>
 #include <limits.h>
-#include <string.h>
+
+#include <algorithm>
 
 #include "CmCancel.h"
 #include "CmConditionSteps.h"
 #include "CmScopedLock.h"
 #include "CmTraceLine.h"
+#include "port/CmPort.h"
 #include "port/CmSystem.h"
 
 namespace UTIL_NS {
@@ -35,12 +37,12 @@ timespec DeadlineAfter(const CCmTimeValue& aTimeout) {
 constexpr int SIGNAL_TRIES = 3;
 
 // Whether aError, of a destruction, says only that the object was never made: its initialisation
-// failed, which left zeros and has written its line. Systems on which zeros are an object like any
-// other do not get here with them.
+// failed, which left zeros and has written its line.
 template <class Object>
 bool WasNeverMade(const Object& aObject, int aError) {
-    const Object zeros = Object();
-    return aError == EINVAL && memcmp(&aObject, &zeros, sizeof(zeros)) == 0;
+    const auto* const pBytes = reinterpret_cast<const unsigned char*>(&aObject);
+    return aError == EINVAL && !CmPortTakesZeros() &&
+           std::all_of(pBytes, pBytes + sizeof(aObject), [](unsigned char by) { return by == 0; });
 }
 
 }  // namespace

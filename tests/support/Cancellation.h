@@ -21,7 +21,7 @@ namespace kelto_test {
 // sleeps and in TestCancel. One at a time; to be constructed before and destroyed after them.
 class ScopedHandlersOnly {
   public:
-    ScopedHandlersOnly() { s_nThreads = 0; }
+    ScopedHandlersOnly() = default;
     ScopedHandlersOnly(const ScopedHandlersOnly&) = delete;
     ScopedHandlersOnly& operator=(const ScopedHandlersOnly&) = delete;
 
@@ -42,7 +42,7 @@ class ScopedHandlersOnly {
         UTIL_NS::CmPortCleanUp* m_pNewest;
         jmp_buf m_End;
     };
-    static constexpr size_t THREADS = 64;  // that one object can have
+    static constexpr size_t THREADS = 256;  // that may run at a time, those that end included
     static constexpr long SLICE_NSEC = 1000 * 1000;
 
     static bool IsCancelEnabled() {
@@ -75,11 +75,7 @@ class ScopedHandlersOnly {
 
     static int Create(pthread_t* aId, const pthread_attr_t* aAttributes, void* (*aStart)(void*),
                       void* aArgument) {
-        const size_t nThread = s_nThreads++;
-        if (nThread >= THREADS) {
-            return EAGAIN;
-        }
-        CThread& thread = s_threads[nThread];
+        CThread& thread = s_threads[s_nThreads++ % THREADS];
         thread.m_pfnStart = aStart;
         thread.m_pArgument = aArgument;
         thread.m_Id = pthread_t();
@@ -90,8 +86,9 @@ class ScopedHandlersOnly {
 
     // The library knows a thread's number only after the thread or its creator has stored it.
     static int Cancel(pthread_t aId) {
-        for (size_t i = s_nThreads; i > 0; --i) {
-            CThread& thread = s_threads[i - 1];
+        const size_t nThreads = s_nThreads;
+        for (size_t i = 1; i <= THREADS && i <= nThreads; ++i) {
+            CThread& thread = s_threads[(nThreads - i) % THREADS];
             while (thread.m_Id == pthread_t()) {
             }
             if (pthread_equal(thread.m_Id, aId) != 0) {

@@ -60,7 +60,8 @@ void* AllocateOrThrow(size_t aSize, size_t aAlignment) {
 
 void Release(void* aMemory) {
     if (aMemory != nullptr) {
-        g_lLive.fetch_sub(1, std::memory_order_relaxed);
+        // Release: whoever finds all released comes after what the threads did before.
+        g_lLive.fetch_sub(1, std::memory_order_release);
         std::free(aMemory);
     }
 }

@@ -73,6 +73,10 @@ size_t CmPortReadInterface(const char* aRecords, size_t aLength, CmPortInterface
 constexpr long CM_PORT_COARSE_USEC = 20 * 1000;
 int CmPortCoarseTimeOfDay(timeval* aNow, void* aUnused);
 
+// Whether zeros are a mutex, a condition and a semaphore like any other here. Where they are not,
+// they cannot be destroyed, which fails with EINVAL.
+bool CmPortTakesZeros();
+
 // A clean-up handler of a thread. Between push and pop, of which the innermost is popped first, the
 // platform calls m_pfnRoutine with m_pArgument when the thread is cancelled, unless it unwinds a
 // cancelled thread: then push and pop do nothing and destructors do the work (CmCancel.h). Called

@@ -175,6 +175,10 @@ int CmPortCoarseTimeOfDay(timeval* aNow, void* /*aUnused*/) {
     return rv;
 }
 
+bool CmPortTakesZeros() {
+    return true;
+}
+
 // A cancelled thread unwinds.
 void CmPortPushCleanUp(CmPortCleanUp* /*aCleanUp*/) {}
 

@@ -173,6 +173,11 @@ int CmPortCoarseTimeOfDay(timeval* aNow, void* /*aUnused*/) {
     return ::gettimeofday(aNow, nullptr);
 }
 
+// They begin with a signature.
+bool CmPortTakesZeros() {
+    return false;
+}
+
 // What the macros pthread_cleanup_push and pthread_cleanup_pop do, which have to share a block.
 static_assert(sizeof(CmPortCleanUp) == sizeof(__darwin_pthread_handler_rec) &&
                   offsetof(CmPortCleanUp, m_pfnRoutine) ==
