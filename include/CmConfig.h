@@ -29,7 +29,8 @@
 
 namespace UTIL_NS {
 
-// The home directory of every path that the library builds; a host changes it by writing it.
+// The home directory of every path that the library builds, of at most 15 characters; a host
+// changes it by writing it.
 constexpr int CM_HOME_DIR_SIZE = 16;
 extern CM_UTIL_EXPORT char g_def_kelto_home_dir[CM_HOME_DIR_SIZE];  // "/tmp/"
 
@@ -73,8 +74,9 @@ CM_UTIL_EXPORT int get_string_from_profile(const char* aSection, const char* aKe
 CM_UTIL_EXPORT int get_string_param(const char* aSection, const char* aKey, char* aOut,
                                     int aOutSize);
 
-// Not found: 0. A number too large for the type keeps its low bits; one that is too large for a long
-// (get_uint32_param: an unsigned long) counts as the nearest long first, so that 2^63 gives -1.
+// Not found: 0. A number too large for the type keeps its low bits; one that is too large for a
+// long (get_uint32_param: an unsigned long) counts as the nearest long first, so that 2^63 gives
+// -1.
 CM_UTIL_EXPORT int get_int_param(const char* aSection, const char* aKey);
 CM_UTIL_EXPORT uint16_t get_uint16_param(const char* aSection, const char* aKey);
 CM_UTIL_EXPORT uint32_t get_uint32_param(const char* aSection, const char* aKey);
