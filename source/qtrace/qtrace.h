@@ -1,9 +1,9 @@
 // qtrace: the trace library that kelto_util delivers its text to. A host that brings a trace
 // library of its own links that instead; it supplies _getTraceLevel and YRKTRACERAWA.
 //
-// Each text becomes one line. The threads of a process write one line after the other, whatever they
-// go to. Between processes lines stay whole in a file and, up to PIPE_BUF bytes (4096 on Linux, 512
-// on macOS), in a pipe:
+// Each text becomes one line. The threads of a process write one line after the other, whatever
+// they go to. Between processes lines stay whole in a file and, up to PIPE_BUF bytes (4096 on
+// Linux, 512 on macOS), in a pipe:
 //
 //   2026-11-21 09:30:00.125 pid=4711 tid=-1208 [MAC] UTIL ERROR: ...
 //
@@ -20,8 +20,8 @@
 //
 // Any thread may call any function. None throws, changes errno, raises a signal or reports a
 // failure: a line that cannot be written (full disk, closed pipe) is lost, and one for which a
-// non-blocking destination has no room now, too. One that was taken only in part is closed by a line
-// end before the next.
+// non-blocking destination has no room now, too. One that was taken only in part is closed by a
+// line end before the next.
 #ifndef QTRACE_H
 #define QTRACE_H
 
