@@ -14,6 +14,7 @@
 #include "CmLogStream.h"
 #include "CmMessageBlock.h"
 #include "CmPlatform.h"
+#include "CmStrict.h"
 #include "CmT120Trace.h"
 #include "CmT120TraceFile.h"
 #include "CmThread.h"

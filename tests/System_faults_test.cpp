@@ -17,6 +17,7 @@
 #include "CmConditionVariable.h"
 #include "CmConfig.h"
 #include "CmLogStream.h"
+#include "CmStrict.h"
 #include "CmT120Trace.h"
 #include "CmT120TraceFile.h"
 #include "CmThread.h"
@@ -283,6 +284,17 @@ hostent* Localhost(const char* /*aName*/) {
     return &s_host;
 }
 
+// Of the interface that every machine has.
+long FindZone() {
+    char szName[IF_NAMESIZE] = "";
+    CCmEndpoint endpoint;
+    sockaddr_storage storage;
+    socklen_t nLength = 0;
+    EXPECT_TRUE(
+        CmParseEndpoint("[fe80::1%" + std::string(if_indextoname(1, szName)) + "]:1", endpoint));
+    return CmToSocketAddress(endpoint, storage, nLength);
+}
+
 long Resolve() {
     char szName[] = "host";
     char szIp[CM_IP_TEXT_SIZE] = "";
@@ -469,6 +481,8 @@ TEST(SystemFaults, NetworkCalls_FailWithTheirResultAndLine) {
         {"own name ENAMETOOLONG", Fault<&T::gethostname>(ENAMETOOLONG, -1), OwnAddress, 1, 0,
          NO_LINE},
         {"own name EFAULT", Fault<&T::gethostname>(EFAULT, -1), OwnAddress, 1, 0, NO_LINE},
+        {"zone ENXIO", Fault<&T::if_nametoindex, unsigned>(ENXIO, 0), FindZone, CM_OK,
+         CM_ERROR_NOT_FOUND, NO_LINE},
     });
 }
 

@@ -95,6 +95,7 @@ CCmSystemTable g_cmSystem = {
     Regexec,
     ::malloc,
     ::strdup,
+    ::if_nametoindex,
 };
 
 }  // namespace UTIL_NS

@@ -10,6 +10,7 @@
 
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <net/if.h>
 #include <netdb.h>
 #include <pthread.h>
 #include <regex.h>
@@ -88,6 +89,7 @@ struct CCmSystemTable {
     // The memory that does not come from operator new.
     void* (*malloc)(size_t);
     char* (*strdup)(const char*);
+    unsigned (*if_nametoindex)(const char*);
 };
 extern CCmSystemTable g_cmSystem;
 
