@@ -7,6 +7,7 @@
 #include "CmClock.h"
 #include "CmConditionVariable.h"
 #include "CmConfig.h"
+#include "CmConfigReader.h"
 #include "CmDataBlock.h"
 #include "CmEncoding.h"
 #include "CmEventQueueBase.h"

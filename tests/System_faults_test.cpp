@@ -1,9 +1,11 @@
 // Every row of the tables is one system call that fails with one error; support/FaultRows.h says
 // how it is run. tests/calls sees that no call is left out.
 #include <errno.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <net/if.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -16,6 +18,7 @@
 #include "CmClock.h"
 #include "CmConditionVariable.h"
 #include "CmConfig.h"
+#include "CmConfigReader.h"
 #include "CmLogStream.h"
 #include "CmStrict.h"
 #include "CmT120Trace.h"
@@ -494,6 +497,18 @@ TEST(SystemFaults, ProfileCalls_FailWithTheirResult) {
     const auto lookUp = [&] {
         return static_cast<long>(get_int_from_profile("s", "k", 7, sProfile.c_str()));
     };
+    const timespec longAgo[] = {{1000000000, 0}, {1000000000, 0}};
+    ASSERT_EQ(0, utimensat(AT_FDCWD, sProfile.c_str(), longAgo, 0));
+    const auto snapshot = [&] {
+        CCmConfigReader config;
+        int nNumber = 0;
+        const CmResult rv = config.Read(sProfile.c_str());
+        config.GetNumber("s", "k", nNumber);
+        return static_cast<long>(CM_SUCCEEDED(rv) ? nNumber : rv);
+    };
+    CCmConfigReader before;
+    ASSERT_EQ(CM_OK, before.Read(sProfile.c_str()));
+    const auto hasChanged = [&] { return before.HasChanged() ? 1L : 0L; };
     const std::unique_ptr<FILE, int (*)(FILE*)> pStream(fopen(sProfile.c_str(), "rt"), fclose);
     const auto readStream = [&] {
         char szValue[8];
@@ -509,6 +524,19 @@ TEST(SystemFaults, ProfileCalls_FailWithTheirResult) {
         {"read EISDIR", Fault<&T::read, ssize_t>(EISDIR, -1), lookUp, 42, 7, NO_LINE},
         {"read EINTR", Fault<&T::read, ssize_t>(EINTR, -1), lookUp, 42, 42, NO_LINE, 1, true},
         {"close EIO", Fault<&T::close>(EIO, -1, Effect::ALL_THE_SAME), lookUp, 42, 42, NO_LINE},
+        {"snapshot, open EACCES", Fault<&T::open>(EACCES, -1), snapshot, 42, CM_ERROR_FAILURE,
+         NO_LINE},
+        {"snapshot, open ENOENT", Fault<&T::open>(ENOENT, -1), snapshot, 42, CM_ERROR_NOT_FOUND,
+         NO_LINE},
+        {"snapshot, fstat EIO", Fault<&T::fstat>(EIO, -1), snapshot, 42, CM_ERROR_FAILURE, NO_LINE,
+         2},
+        {"snapshot, read EIO", Fault<&T::pread, ssize_t>(EIO, -1), snapshot, 42, CM_ERROR_FAILURE,
+         NO_LINE, 2},
+        {"snapshot, read EINTR", Fault<&T::pread, ssize_t>(EINTR, -1), snapshot, 42, 42, NO_LINE, 2,
+         true},
+        {"snapshot, close EIO", Fault<&T::close>(EIO, -1, Effect::ALL_THE_SAME), snapshot, 42, 42,
+         NO_LINE},
+        {"has changed", Fault<&T::stat>(EACCES, -1), hasChanged, 0, 1, NO_LINE},
         {"stream EIO", Fault<&T::fgets, char*>(EIO, nullptr), readStream, 1, 0, NO_LINE, 2},
     });
 }

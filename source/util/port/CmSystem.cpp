@@ -96,6 +96,8 @@ CCmSystemTable g_cmSystem = {
     ::malloc,
     ::strdup,
     ::if_nametoindex,
+    ::stat,
+    ::fstat,
 };
 
 }  // namespace UTIL_NS

@@ -90,6 +90,8 @@ struct CCmSystemTable {
     void* (*malloc)(size_t);
     char* (*strdup)(const char*);
     unsigned (*if_nametoindex)(const char*);
+    int (*stat)(const char*, struct stat*);
+    int (*fstat)(int, struct stat*);
 };
 extern CCmSystemTable g_cmSystem;
 
