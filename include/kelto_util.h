@@ -15,6 +15,7 @@
 #include "CmLogStream.h"
 #include "CmMessageBlock.h"
 #include "CmPlatform.h"
+#include "CmResolver.h"
 #include "CmStrict.h"
 #include "CmT120Trace.h"
 #include "CmT120TraceFile.h"

@@ -20,6 +20,7 @@
 #include "CmConfig.h"
 #include "CmConfigReader.h"
 #include "CmLogStream.h"
+#include "CmResolver.h"
 #include "CmStrict.h"
 #include "CmT120Trace.h"
 #include "CmT120TraceFile.h"
@@ -30,6 +31,7 @@
 #include "port/CmPort.h"
 #include "support/FaultRows.h"
 #include "support/Home.h"
+#include "support/Threads.h"
 #include "support/TraceLibrary.h"
 
 namespace UTIL_NS {
@@ -287,6 +289,36 @@ hostent* Localhost(const char* /*aName*/) {
     return &s_host;
 }
 
+// Asks for a name and waits until its thread has gone, too, with what it held.
+long ResolveByEvent() {
+    class CAnswer : public ACmResolution {
+      public:
+        explicit CAnswer(long& aResult) : m_lResult(aResult) {}
+        void OnResolved() override { m_lResult = result(); }
+
+      private:
+        long& m_lResult;
+    };
+    const int nThreads = kelto_test::LiveThreads();
+    long lResult = -1;
+    {
+        CCmEventQueueUsingConditionVariable queue;
+        queue.BindToCurrentThread();
+        CCmResolver resolver;
+        EXPECT_EQ(CM_OK, resolver.Resolve("localhost", &queue, new CAnswer(lResult),
+                                          CCmTimeValue(60), CCmIpAddress::IPV4));
+        std::list<ICmEvent*> events;
+        while (lResult < 0 && queue.PopOrWaitPendingEvents(events, nullptr) != CM_ERROR_FAILURE) {
+            queue.ProcessEvents(events);
+            events.clear();
+        }
+    }
+    for (int i = 0; i < 2000 && kelto_test::LiveThreads() > nThreads; ++i) {
+        SleepMs(1);
+    }
+    return lResult;
+}
+
 // Of the interface that every machine has.
 long FindZone() {
     char szName[IF_NAMESIZE] = "";
@@ -484,6 +516,12 @@ TEST(SystemFaults, NetworkCalls_FailWithTheirResultAndLine) {
         {"own name ENAMETOOLONG", Fault<&T::gethostname>(ENAMETOOLONG, -1), OwnAddress, 1, 0,
          NO_LINE},
         {"own name EFAULT", Fault<&T::gethostname>(EFAULT, -1), OwnAddress, 1, 0, NO_LINE},
+        {"answer EAI_AGAIN", Fault<&T::getaddrinfo>(0, EAI_AGAIN), ResolveByEvent, CM_OK,
+         CM_ERROR_NOT_AVAILABLE, NO_LINE},
+        {"answer EAI_NONAME", Fault<&T::getaddrinfo>(0, EAI_NONAME), ResolveByEvent, CM_OK,
+         CM_ERROR_NOT_FOUND, NO_LINE},
+        {"answer EAI_SYSTEM", Fault<&T::getaddrinfo>(EMFILE, EAI_SYSTEM), ResolveByEvent, CM_OK,
+         CM_ERROR_FAILURE, NO_LINE},
         {"zone ENXIO", Fault<&T::if_nametoindex, unsigned>(ENXIO, 0), FindZone, CM_OK,
          CM_ERROR_NOT_FOUND, NO_LINE},
     });

@@ -98,6 +98,8 @@ CCmSystemTable g_cmSystem = {
     ::if_nametoindex,
     ::stat,
     ::fstat,
+    ::getaddrinfo,
+    ::freeaddrinfo,
 };
 
 }  // namespace UTIL_NS

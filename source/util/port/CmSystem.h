@@ -92,6 +92,8 @@ struct CCmSystemTable {
     unsigned (*if_nametoindex)(const char*);
     int (*stat)(const char*, struct stat*);
     int (*fstat)(int, struct stat*);
+    int (*getaddrinfo)(const char*, const char*, const addrinfo*, addrinfo**);
+    void (*freeaddrinfo)(addrinfo*);
 };
 extern CCmSystemTable g_cmSystem;
 
