@@ -27,8 +27,8 @@ unsigned DigitOf(char aChar) {
 
 // The digits of a text from aAt on, up to the first other character; returns where that is.
 // aFits: whether the number fits into 64 bits.
-size_t TakeDigits(std::string_view aText, size_t aAt, uint64_t& aNumber, bool& aFits,
-                  unsigned aBase) {
+inline size_t TakeDigits(std::string_view aText, size_t aAt, uint64_t& aNumber, bool& aFits,
+                         unsigned aBase) {
     size_t nAt = aAt;
     uint64_t ullNumber = 0;
     if (aBase == 10) {
@@ -56,7 +56,8 @@ size_t TakeDigits(std::string_view aText, size_t aAt, uint64_t& aNumber, bool& a
 }
 
 // All of a text from aAt on as one number.
-CCmParsed AllDigits(std::string_view aText, size_t aAt, uint64_t& aNumber, bool& aFits, int aBase) {
+inline CCmParsed AllDigits(std::string_view aText, size_t aAt, uint64_t& aNumber, bool& aFits,
+                           int aBase) {
     if (aBase < 2 || aBase > static_cast<int>(MAX_BASE)) {
         return CmRefused(0, "a base from 2 to 36");
     }

@@ -13,23 +13,16 @@ namespace {
 
 constexpr char OF_THE_ALPHABET[] = "a character of the base64 alphabet";
 constexpr size_t GROUP = 4;         // characters that give three bytes
-constexpr size_t TRANSLATED = 512;  // characters at a time
+constexpr size_t TRANSLATED = 256;  // characters at a time
 static_assert(TRANSLATED % GROUP == 0, "whole groups");
 
-// The last two characters of the other alphabet; a byte of neither for those of the standard one,
-// which do not count there.
+// A character of the other alphabet as one of the standard alphabet; those that only the standard
+// one has become none of either. Without branches, so that compilers translate many at a time.
 constexpr char ToStandard(char aChar) {
-    switch (aChar) {
-        case '-':
-            return '+';
-        case '_':
-            return '/';
-        case '+':
-        case '/':
-            return '\0';
-        default:
-            return aChar;
-    }
+    const int nDash = -static_cast<int>(aChar == '-') & ('-' ^ '+');
+    const int nLine = -static_cast<int>(aChar == '_') & ('_' ^ '/');
+    const int nKept = -static_cast<int>((aChar != '+') & (aChar != '/'));
+    return static_cast<char>((aChar ^ nDash ^ nLine) & nKept);
 }
 
 // Decodes whole groups from the front; returns how many characters it consumed.
@@ -41,7 +34,13 @@ size_t DecodeGroups(const char* aText, size_t aLength, unsigned char* aOut, bool
     size_t nDone = 0;
     while (nDone < aLength) {
         const size_t nPart = std::min(aLength - nDone, TRANSLATED);
-        std::transform(aText + nDone, aText + nDone + nPart, achStandard, ToStandard);
+        if (nPart == TRANSLATED) {
+            for (size_t i = 0; i < TRANSLATED; ++i) {
+                achStandard[i] = ToStandard(aText[nDone + i]);
+            }
+        } else {
+            std::transform(aText + nDone, aText + nDone + nPart, achStandard, ToStandard);
+        }
         const size_t nConsumed = CmBase64Decode(reinterpret_cast<const unsigned char*>(achStandard),
                                                 nPart, aOut + nDone / GROUP * 3);
         nDone += nConsumed;
@@ -117,64 +116,60 @@ void TranslateToUrl(CCmString& aText) {
 // ---- UTF-8
 
 bool IsContinuation(unsigned char aByte) {
-    return (aByte & 0xC0) == 0x80;
+    return static_cast<signed char>(aByte) < -64;  // 0x80 to 0xBF
 }
 
-// The length of the sequence at the start of aBytes, of which aLeft are there; 0 when it is none.
-// RFC 3629: which first byte allows which second byte.
-size_t SequenceLength(const unsigned char* aBytes, size_t aLeft) {
-    const unsigned char byFirst = aBytes[0];
-    if (byFirst < 0x80) {
-        return 1;
-    }
-    if (byFirst < 0xC2 || byFirst > 0xF4 || aLeft < 2) {
-        return 0;
-    }
-    unsigned char byLeast = 0x80;
-    unsigned char byMost = 0xBF;
-    switch (byFirst) {
-        case 0xE0:
-            byLeast = 0xA0;  // less is overlong
-            break;
-        case 0xED:
-            byMost = 0x9F;  // more is a surrogate
-            break;
-        case 0xF0:
-            byLeast = 0x90;  // less is overlong
-            break;
-        case 0xF4:
-            byMost = 0x8F;  // more is above U+10FFFF
-            break;
-        default:
-            break;
-    }
-    if (aBytes[1] < byLeast || aBytes[1] > byMost) {
-        return 0;
-    }
-    if (byFirst < 0xE0) {
-        return 2;
-    }
-    if (aLeft < 3 || !IsContinuation(aBytes[2])) {
-        return 0;
-    }
-    if (byFirst < 0xF0) {
-        return 3;
-    }
-    return aLeft >= 4 && IsContinuation(aBytes[3]) ? 4 : 0;
+uint64_t HighBits(const unsigned char* aBytes) {
+    uint64_t ullWord = 0;
+    memcpy(&ullWord, aBytes, sizeof(ullWord));
+    return ullWord & 0x8080808080808080;
 }
 
-// How many bytes at the front are ASCII, counted in steps of 32.
-size_t SkipAscii(const unsigned char* aBytes, size_t aLength) {
-    constexpr uint64_t HIGH_BITS = 0x8080808080808080;
-    size_t nDone = 0;
-    for (; aLength - nDone >= 4 * sizeof(uint64_t); nDone += 4 * sizeof(uint64_t)) {
-        uint64_t aullWords[4];
-        memcpy(aullWords, aBytes + nDone, sizeof(aullWords));
-        if (((aullWords[0] | aullWords[1] | aullWords[2] | aullWords[3]) & HIGH_BITS) != 0) {
-            break;
+// Skips ASCII in steps, as far as that goes.
+const unsigned char* SkipAscii(const unsigned char* aNext, const unsigned char* aEnd) {
+    constexpr std::ptrdiff_t WORD = sizeof(uint64_t);
+    while (aEnd - aNext >= 4 * WORD &&
+           (HighBits(aNext) | HighBits(aNext + WORD) | HighBits(aNext + 2 * WORD) |
+            HighBits(aNext + 3 * WORD)) == 0) {
+        aNext += 4 * WORD;
+    }
+    return aNext;
+}
+
+// The first sequence that is not UTF-8, or the end. The second byte keeps out what is overlong, a
+// surrogate or above U+10FFFF (RFC 3629, 4). Each length advances by a constant, which processors
+// that guess branches run ahead of.
+const unsigned char* FirstBadSequence(const unsigned char* aNext, const unsigned char* aEnd) {
+    while (aNext != aEnd) {
+        const unsigned char byFirst = *aNext;
+        const std::ptrdiff_t nLeft = aEnd - aNext;
+        if (byFirst < 0x80) {
+            ++aNext;
+            // Asked for now and then only, as it pays in long runs alone.
+            if (reinterpret_cast<uintptr_t>(aNext) % 8 == 0 && nLeft > 8 && HighBits(aNext) == 0) {
+                aNext = SkipAscii(aNext + 8, aEnd);
+            }
+        } else if (byFirst < 0xE0) {
+            if (byFirst < 0xC2 || nLeft < 2 || !IsContinuation(aNext[1])) {
+                break;
+            }
+            aNext += 2;
+        } else if (byFirst < 0xF0) {
+            if (nLeft < 3 || !IsContinuation(aNext[1]) || !IsContinuation(aNext[2]) ||
+                (byFirst == 0xE0 && aNext[1] < 0xA0) || (byFirst == 0xED && aNext[1] >= 0xA0)) {
+                break;
+            }
+            aNext += 3;
+        } else {
+            if (byFirst > 0xF4 || nLeft < 4 || !IsContinuation(aNext[1]) ||
+                !IsContinuation(aNext[2]) || !IsContinuation(aNext[3]) ||
+                (byFirst == 0xF0 && aNext[1] < 0x90) || (byFirst == 0xF4 && aNext[1] >= 0x90)) {
+                break;
+            }
+            aNext += 4;
         }
     }
-    return nDone;
+    return aNext;
 }
 
 }  // namespace
@@ -242,24 +237,9 @@ CmResult CmEncodeBase64(std::string_view aBytes, CCmString& aText, CmBase64Alpha
 
 CCmParsed CmCheckUtf8(std::string_view aText) {
     const auto* pBytes = reinterpret_cast<const unsigned char*>(aText.data());
-    size_t nAt = 0;
-    while (nAt < aText.size()) {
-        if (pBytes[nAt] < 0x80) {
-            nAt += SkipAscii(pBytes + nAt, aText.size() - nAt);
-        }
-        // The rest of a step, up to the next byte that is not ASCII.
-        while (nAt < aText.size() && pBytes[nAt] < 0x80) {
-            ++nAt;
-        }
-        while (nAt < aText.size() && pBytes[nAt] >= 0x80) {
-            const size_t nSequence = SequenceLength(pBytes + nAt, aText.size() - nAt);
-            if (nSequence == 0) {
-                return CmRefused(nAt, "a sequence of UTF-8");
-            }
-            nAt += nSequence;
-        }
-    }
-    return CCmParsed();
+    const unsigned char* const pBad = FirstBadSequence(pBytes, pBytes + aText.size());
+    const auto nBad = static_cast<size_t>(pBad - pBytes);
+    return nBad == aText.size() ? CCmParsed() : CmRefused(nBad, "a sequence of UTF-8");
 }
 
 }  // namespace UTIL_NS
