@@ -32,6 +32,7 @@
 
 namespace UTIL_NS {
 
+// One file as it was when it was read, and what was asked of it since.
 class CM_UTIL_EXPORT CCmConfigReader {
   public:
     // Empty, as if it had read an empty file.

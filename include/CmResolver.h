@@ -53,6 +53,7 @@ class CM_UTIL_EXPORT ACmResolution : public ICmEvent {
 // name, watches the limits. Any thread may ask and cancel. Nothing throws.
 class CM_UTIL_EXPORT CCmResolver {
   public:
+    // Names that are put to the system at a time; more wait for their turn.
     static constexpr int MAX_LOOKUPS = 4;
     // Characters of the longest name.
     static constexpr size_t MAX_NAME = 253;

@@ -41,6 +41,7 @@ struct CCmParsed {
     // What would have been right there: "a digit". Static text; null on success.
     const char* m_pszExpected = nullptr;
 
+    // Whether the text is right.
     constexpr explicit operator bool() const { return CM_SUCCEEDED(m_Result); }
 };
 
@@ -77,7 +78,8 @@ CCmParsed CmParseNumber(std::string_view aText, Integer& aNumber,
 CM_UTIL_EXPORT CCmParsed CmParseBool(std::string_view aText, bool& aValue);
 
 // A decimal number, which may have a fraction, and its unit right after it: us, ms, s, min, h or d
-// ("20ms", "1.5s"). Whole microseconds only; a "-" before it passes when aMin is below zero.
+// ("20ms", "1.5s"), and a "-" before them where the range has negative ones. Whole microseconds
+// only.
 CM_UTIL_EXPORT CCmParsed CmParseDuration(std::string_view aText, CCmTimeValue& aDuration,
                                          const CCmTimeValue& aMin = CCmTimeValue(),
                                          const CCmTimeValue& aMax = CCmTimeValue(INT64_MAX));
@@ -91,6 +93,7 @@ CM_UTIL_EXPORT CCmParsed CmParseSize(std::string_view aText, uint64_t& aBytes, u
 
 // An IP address. A value; two are equal when they are printed alike.
 struct CCmIpAddress {
+    // Which kind of address; that of a new object is NONE.
     enum Family : uint8_t { NONE = 0, IPV4 = 4, IPV6 = 6 };
     // Characters of the longest zone identifier; that of an interface name.
     static constexpr size_t MAX_ZONE = 15;
@@ -160,6 +163,7 @@ CM_UTIL_EXPORT CmResult CmFromSocketAddress(const sockaddr* aAddress, socklen_t 
 // A URL, or a reference relative to one, taken apart. Texts are as they stand, still
 // percent-encoded; one that is not there is empty and its flag is off.
 struct CCmUrlParts {
+    // What m_host is.
     enum HostKind : uint8_t {
         NO_HOST,      // no authority, or an empty host
         NAME_HOST,    // a registered name; "300.1.1.1" is one, too
@@ -229,7 +233,9 @@ CM_UTIL_EXPORT CCmParsed CmFindQueryParameter(std::string_view aQuery, std::stri
 
 // ---- Base64 (RFC 4648) and UTF-8
 
-enum class CmBase64Alphabet { STANDARD, URL };  // "+/" or "-_"
+// The last two characters: "+/" (section 4) or "-_" (section 5, for URLs and file names).
+enum class CmBase64Alphabet { STANDARD, URL };
+// Whether "=" fills the last four characters up.
 enum class CmBase64Padding { REQUIRED, NONE, OPTIONAL };
 
 // Bytes that decoding a text of aLength characters needs at most.

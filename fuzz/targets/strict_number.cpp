@@ -63,15 +63,18 @@ size_t Digits(const std::string& aText, size_t aAt) {
 }
 
 // Numbers of few digits, so that nothing overflows: up to 8 before the point, and 7 after it.
-void CompareDurations(const std::string& aText) {
+// The range begins at 0, so that "-0s" is good and "-1s" is not.
+void CompareDurations(const std::string& aWhole) {
     CCmTimeValue tvOurs(-7);
-    const CCmParsed parsed = CmParseDuration(aText, tvOurs);
+    const CCmParsed parsed = CmParseDuration(aWhole, tvOurs);
     Require(parsed || tvOurs == CCmTimeValue(-7), "nothing is stored");
-    Require(parsed.m_nAt <= aText.size(), "the place lies in the text");
-    const size_t nWhole = Digits(aText, 0);
-    const bool bPoint = aText[nWhole] == '.';
-    const size_t nFraction = bPoint ? Digits(aText, nWhole + 1) : 0;
-    const std::string sUnit = aText.substr(nWhole + (bPoint ? 1 : 0) + nFraction);
+    Require(parsed.m_nAt <= aWhole.size(), "the place lies in the text");
+    const bool bNegative = aWhole[0] == '-';
+    const std::string sText = aWhole.substr(bNegative ? 1 : 0);
+    const size_t nWhole = Digits(sText, 0);
+    const bool bPoint = sText[nWhole] == '.';
+    const size_t nFraction = bPoint ? Digits(sText, nWhole + 1) : 0;
+    const std::string sUnit = sText.substr(nWhole + (bPoint ? 1 : 0) + nFraction);
     if (nWhole > 8 || nFraction > 7) {
         return;
     }
@@ -84,12 +87,13 @@ void CompareDurations(const std::string& aText) {
                 llScale *= 10;
             }
             const long long llFraction =
-                nFraction == 0 ? 0 : std::stoll(aText.substr(nWhole + 1, nFraction));
+                nFraction == 0 ? 0 : std::stoll(sText.substr(nWhole + 1, nFraction));
             bGood = llFraction * unit.factor % llScale == 0;
             llUsec = llFraction * unit.factor / llScale +
-                     std::stoll(aText.substr(0, nWhole)) * unit.factor;
+                     std::stoll(sText.substr(0, nWhole)) * unit.factor;
         }
     }
+    bGood = bGood && (!bNegative || llUsec == 0);
     Require(bGood == static_cast<bool>(parsed), "good durations");
     Require(!bGood || tvOurs == CCmTimeValue(llUsec / 1000000, llUsec % 1000000), "the duration");
 }
