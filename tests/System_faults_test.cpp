@@ -299,7 +299,7 @@ long ResolveByEvent() {
       private:
         long& m_lResult;
     };
-    const int nThreads = kelto_test::LiveThreads();
+    const int nThreads = kelto_test::LiveThreadsAtRest();
     long lResult = -1;
     {
         CCmEventQueueUsingConditionVariable queue;

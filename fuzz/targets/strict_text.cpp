@@ -1,10 +1,7 @@
-// Strict base64 against OpenSSL, UTF-8 against GLib, and percent-encoding.
+// Strict base64 against OpenSSL, and percent-encoding.
 #include <memory>
 #if KELTO_WITH_OPENSSL
 #include <openssl/evp.h>
-#endif
-#if KELTO_WITH_GLIB
-#include <glib.h>
 #endif
 
 #include "../Fuzz.h"
@@ -79,21 +76,6 @@ void TryBase64(const std::string& aText) {
 #endif
 }
 
-void TryUtf8(const std::string& aText) {
-    const CCmParsed parsed = CmCheckUtf8(aText);
-    Require(parsed.m_nAt <= aText.size(), "the place lies in the text");
-#if KELTO_WITH_GLIB
-    std::string sText = aText;
-    for (char& ch : sText) {
-        ch = ch == '\0' ? 'a' : ch;  // GLib takes a NUL for an error
-    }
-    const char* pEnd = nullptr;
-    const bool bTheirs = g_utf8_validate_len(sText.data(), sText.size(), &pEnd) != FALSE;
-    Require(bTheirs == static_cast<bool>(parsed), "good UTF-8");
-    Require(bTheirs || parsed.m_nAt == static_cast<size_t>(pEnd - sText.data()), "the place");
-#endif
-}
-
 void TryPercentEncoding(const std::string& aText) {
     CCmString strEncoded;
     CCmString strDecoded;
@@ -110,7 +92,6 @@ void TryPercentEncoding(const std::string& aText) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* aData, size_t aSize) {
     const std::string sText = kelto_fuzz::Input(aData, aSize).Rest();
     TryBase64(sText);
-    TryUtf8(sText);
     TryPercentEncoding(sText);
     return 0;
 }

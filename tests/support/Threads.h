@@ -3,6 +3,7 @@
 #define TESTS_SUPPORT_THREADS_H
 
 #include <cstdio>
+#include <thread>
 
 namespace kelto_test {
 
@@ -17,6 +18,12 @@ inline int LiveThreads() {
         std::fclose(pFile);
     }
     return nThreads;
+}
+
+// The same to compare with later: with the threads that sanitizers start beside the first one.
+inline int LiveThreadsAtRest() {
+    std::thread([] {}).join();
+    return LiveThreads();
 }
 
 }  // namespace kelto_test
