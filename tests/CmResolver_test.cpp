@@ -148,8 +148,10 @@ class CmResolverTest : public testing::Test {
     // Lookups outlive the resolver; the next test must not meet them.
     ~CmResolverTest() override {
         g_bHang = false;
-        EXPECT_TRUE(
-            Becomes([this] { return g_nInside == 0 && kelto_test::LiveThreads() <= m_nThreads; }));
+        // The counters last: what they show happened before this.
+        EXPECT_TRUE(Becomes([this] {
+            return kelto_test::LiveThreads() <= m_nThreads && g_nInside == 0 && g_nLists == 0;
+        }));
     }
     // Runs what is posted until aHolds, or for some seconds.
     template <class Holds>
