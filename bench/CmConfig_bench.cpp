@@ -138,7 +138,6 @@ const bool s_bAdded = [] {
     constexpr char AREA[] = "configuration";
     constexpr char WORK[] = "one key, file opened afresh, 60 lines";
     AddRow(AREA, WORK, 60, OURS, Ours);
-    AddRow(AREA, WORK, 60, "kelto_util, CCmConfigReader", OursReadOnce);
     AddRow(AREA, WORK, 60, "floor: system calls", SystemCalls);
 #if KELTO_WITH_INIH
     AddRow(AREA, WORK, 60, "inih", Inih);
@@ -148,6 +147,14 @@ const bool s_bAdded = [] {
 #endif
 #if KELTO_WITH_POCO
     AddRow(AREA, WORK, 60, "POCO", LookUpByPoco);
+#endif
+    constexpr char WHOLE[] = "file read once and taken apart, 60 lines";
+    AddRow(AREA, WHOLE, 60, OURS, OursReadOnce);
+#if KELTO_WITH_GLIB
+    AddRow(AREA, WHOLE, 60, "GLib GKeyFile", GLib);
+#endif
+#if KELTO_WITH_POCO
+    AddRow(AREA, WHOLE, 60, "POCO", LookUpByPoco);
 #endif
     for (int nLines : {10, 100, 1000, 10000}) {
         const std::string lines = std::to_string(nLines);
