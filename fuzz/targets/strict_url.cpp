@@ -125,8 +125,12 @@ void TryReference(const std::string& aText, const CCmUrlParts& aReference) {
     const Peer theirBase(BASE);
     const Peer theirReference(aText);
     Peer theirs;
-    const bool bZone = aReference.m_host.find('%') != std::string_view::npos;
-    if (theirReference.IsGood() && !bZone && !aReference.m_bHasScheme &&
+    // It prints IPv6 addresses in full.
+    const bool bIpv6 = aReference.m_hostKind == CCmUrlParts::IPV6_HOST;
+    // uriparser puts "/." before a path that starts with "//", which only a URL without an
+    // authority needs (RFC 3986, 5.2.4 and 5.3).
+    const bool bEmptySegment = resolved.m_path.substr(0, 2) == "//";
+    if (theirReference.IsGood() && !bIpv6 && !bEmptySegment && !aReference.m_bHasScheme &&
         theirs.Resolve(theirBase, theirReference)) {
         if (theirs.Print() != strResolved) {
             std::fprintf(stderr, "[%s]: ours %s, theirs %s\n", aText.c_str(), strResolved.c_str(),
