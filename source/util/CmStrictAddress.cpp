@@ -1,9 +1,10 @@
+#include "CmStrict.h"
+
 #include <netinet/in.h>
 #include <string.h>
 
 #include <algorithm>
 
-#include "CmStrict.h"
 #include "CmStrictResult.h"
 #include "port/CmSystem.h"
 
@@ -144,8 +145,10 @@ class CGroups {
 
 CCmParsed TakeZone(std::string_view aZone, CCmIpAddress& aAddress) {
     constexpr char EXPECTED[] = "a zone of 1 to 15 letters, digits, \"-\", \".\", \"_\" and \"~\"";
-    const auto* pBad = std::find_if_not(aZone.begin(), aZone.end(), CmIsUnreserved);
-    const auto nAt = static_cast<size_t>(pBad - aZone.begin());
+    size_t nAt = 0;
+    while (nAt < aZone.size() && CmIsUnreserved(aZone[nAt])) {
+        ++nAt;
+    }
     if (nAt != aZone.size() || aZone.empty() || aZone.size() > CCmIpAddress::MAX_ZONE) {
         return CmRefused(std::min(nAt, CCmIpAddress::MAX_ZONE), EXPECTED);
     }

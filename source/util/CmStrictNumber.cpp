@@ -1,8 +1,9 @@
+#include "CmStrict.h"
+
 #include <algorithm>
 #include <numeric>
 
 #include "CmAscii.h"
-#include "CmStrict.h"
 #include "CmStrictResult.h"
 
 namespace UTIL_NS {

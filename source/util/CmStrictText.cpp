@@ -1,10 +1,11 @@
+#include "CmStrict.h"
+
 #include <string.h>
 
 #include <algorithm>
 #include <new>
 
 #include "CmBase64.h"
-#include "CmStrict.h"
 #include "CmStrictResult.h"
 
 namespace UTIL_NS {

@@ -1,8 +1,9 @@
+#include "CmStrict.h"
+
 #include <algorithm>
 #include <new>
 
 #include "CmAscii.h"
-#include "CmStrict.h"
 #include "CmStrictResult.h"
 
 namespace UTIL_NS {
