@@ -10,6 +10,8 @@
 
 // Marks what the shared library exports; everything else is hidden.
 #define CM_UTIL_EXPORT __attribute__((visibility("default")))
+// Marks the members of an exported class that are not for hosts: the library does not export them.
+#define CM_UTIL_HIDDEN __attribute__((visibility("hidden")))
 
 // CM_CONSTANT_INIT: marks a static object that the compiler must initialise, so that it may be used
 // before any other static object is constructed.

@@ -90,6 +90,9 @@ class CM_UTIL_EXPORT CCmConditionVariableThread {
     // CM_ERROR_TIMEOUT, or CM_ERROR_FAILURE. A cancellation point.
     CmResult Wait(CCmTimeValue* aTimeout);
 
+    // The same up to a moment of the monotonic clock, in nanoseconds; for the library's own waits.
+    CM_UTIL_HIDDEN CmResult WaitUntil_i(long long aDeadlineNsec);
+
   private:
     CCmMutexThread& m_Mutex;
     pthread_cond_t m_Condition;

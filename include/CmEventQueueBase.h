@@ -134,6 +134,7 @@ class CM_UTIL_EXPORT CCmEventQueueBase : public ICmEventQueue {
 
   private:
     friend class CCmEventSynchronous;
+    friend class CCmQueueOwner;  // internal: asks for the consumer thread
 
     // Senders that are posting, and those whose event has run and who have yet to post its wrapper
     // back; not those that wait.
@@ -221,6 +222,13 @@ class CM_UTIL_EXPORT CCmEventQueueUsingConditionVariable : public CCmEventQueueB
     // many as the last list had, between 256 and 16384 (512 KiB). aEvents is empty afterwards. When
     // the thread is cancelled, the events not yet started are pending again.
     void ProcessAndRecycleEvents(std::list<ICmEvent*>& aEvents);
+    // The two operations above for a worker's loop of the library's own: the wait lasts up to a
+    // moment of the monotonic clock, in nanoseconds (null: no limit), and when aStop becomes true,
+    // the events not yet started are pending again.
+    CM_UTIL_HIDDEN CmResult PopOrWaitUntil_i(std::list<ICmEvent*>& aEvents,
+                                             const long long* aDeadlineNsec, DWORD aMaxCount);
+    CM_UTIL_HIDDEN void ProcessUntilStopped_i(std::list<ICmEvent*>& aEvents,
+                                              const std::atomic<bool>* aStop);
     // DestoryPendingEvents of the base; the events are taken out under the queue's mutex and ended
     // after it was released.
     void DestoryPendingEvents();
@@ -234,6 +242,8 @@ class CM_UTIL_EXPORT CCmEventQueueUsingConditionVariable : public CCmEventQueueB
 
     CmResult AppendToList_l(CPosting& aPosting) CM_REQUIRES(m_Mutex);
     void Wait_l(CCmTimeValue* aTimeout) CM_REQUIRES(m_Mutex);
+    CM_UTIL_HIDDEN void WaitUntil_l(const long long* aDeadlineNsec) CM_REQUIRES(m_Mutex);
+    CM_UTIL_HIDDEN void TakeSpent_l() CM_REQUIRES(m_Mutex);
     void Wake_i();
     void PutBack_i(std::list<ICmEvent*>& aEvents);
 

@@ -4,6 +4,7 @@
 
 #include "CmAddress.h"
 #include "CmBase.h"
+#include "CmChrono.h"
 #include "CmClock.h"
 #include "CmConditionVariable.h"
 #include "CmConfig.h"
@@ -14,6 +15,7 @@
 #include "CmLogStream.h"
 #include "CmMessageBlock.h"
 #include "CmPlatform.h"
+#include "CmScopedLock.h"
 #include "CmT120Trace.h"
 #include "CmT120TraceFile.h"
 #include "CmThread.h"

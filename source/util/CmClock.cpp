@@ -3,7 +3,9 @@
 #include <sys/times.h>
 #include <unistd.h>
 
+#include "CmChrono.h"
 #include "CmTimeValue.h"
+#include "port/CmPort.h"
 #include "port/CmSystem.h"
 
 namespace UTIL_NS {
@@ -120,6 +122,12 @@ tick_type formatted_ticker::now() {
 
 time_type formatted_timer::now() {
     return time_type();
+}
+
+CCmTimeValue CmMonotonicNow() {
+    timespec tsNow = {};
+    CmPortMonotonicNow(&tsNow);
+    return CCmTimeValue(tsNow.tv_sec, tsNow.tv_nsec / 1000);
 }
 
 int ms_sleep(unsigned long aMs) {

@@ -169,6 +169,22 @@ CmResult CCmConditionVariableThread::Wait(CCmTimeValue* aTimeout) {
     return CM_ERROR_FAILURE;
 }
 
+CmResult CCmConditionVariableThread::WaitUntil_i(long long aDeadlineNsec) {
+    constexpr long long NSEC_PER_SEC = 1000000000;
+    const timespec tsDeadline = {static_cast<time_t>(aDeadlineNsec / NSEC_PER_SEC),
+                                 static_cast<long>(aDeadlineNsec % NSEC_PER_SEC)};
+    const int rv = g_cmSystem.pthread_cond_clockwait(&m_Condition, &m_Mutex.m_Mutex, &tsDeadline);
+    if (rv == 0 || rv == EINTR) {
+        return CM_OK;
+    }
+    if (rv == ETIMEDOUT) {
+        return CM_ERROR_TIMEOUT;
+    }
+    CM_WARNING_TRACE_THIS(
+        "CCmConditionVariableThread::Wait, pthread_cond_clockwait() failed! err=" << rv);
+    return CM_ERROR_FAILURE;
+}
+
 CCmEventThread::CCmEventThread(signed char aManualReset, signed char aInitialState,
                                const char* /*aName*/)
     : m_Condition(m_Mutex),

@@ -515,8 +515,9 @@ class CCmEventQueueUsingConditionVariable::CWaiting {
 // Puts back what a cancelled consumer has taken out and not started.
 class CCmEventQueueUsingConditionVariable::CUnstarted {
   public:
-    CUnstarted(CCmEventQueueUsingConditionVariable& aQueue, std::list<ICmEvent*>& aEvents)
-        : m_Queue(aQueue), m_Events(aEvents), m_itNext(aEvents.begin()) {}
+    CUnstarted(CCmEventQueueUsingConditionVariable& aQueue, std::list<ICmEvent*>& aEvents,
+               const std::atomic<bool>* aStop)
+        : m_Queue(aQueue), m_Events(aEvents), m_itNext(aEvents.begin()), m_pStop(aStop) {}
     ~CUnstarted() {
         if (m_itNext != m_Events.end()) {
             m_Events.erase(m_Events.begin(), m_itNext);
@@ -526,13 +527,17 @@ class CCmEventQueueUsingConditionVariable::CUnstarted {
     CUnstarted(const CUnstarted&) = delete;
     CUnstarted& operator=(const CUnstarted&) = delete;
 
-    // Null behind the last one.
-    ICmEvent* TakeNext() { return m_itNext != m_Events.end() ? *m_itNext++ : nullptr; }
+    // Null after the last one, or when the rest is not to run.
+    ICmEvent* TakeNext() {
+        const bool bStop = m_pStop != nullptr && m_pStop->load(std::memory_order_relaxed);
+        return m_itNext != m_Events.end() && !bStop ? *m_itNext++ : nullptr;
+    }
 
   private:
     CCmEventQueueUsingConditionVariable& m_Queue;
     std::list<ICmEvent*>& m_Events;
     std::list<ICmEvent*>::iterator m_itNext;
+    const std::atomic<bool>* m_pStop;  // may be null
 };
 
 CCmEventQueueUsingConditionVariable::CCmEventQueueUsingConditionVariable()
@@ -593,15 +598,39 @@ CmResult CCmEventQueueUsingConditionVariable::PopOrWaitPendingEvents(std::list<I
         g_cmSystem.sched_yield();
     }
     CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
-    if (!m_Spent.empty()) {
-        m_Spares.splice(m_Spares.end(), m_Spent);
-        m_dwSpares.store(static_cast<DWORD>(m_Spares.size()), std::memory_order_relaxed);
-    }
+    TakeSpent_l();
     // A wait without the lock would leave it taken.
     if (m_Events.empty() && CM_SUCCEEDED(lock.result())) {
         Wait_l(aTimeout);
     }
     return PopPendingEvents(aEvents, aMaxCount, nullptr);
+}
+
+CmResult CCmEventQueueUsingConditionVariable::PopOrWaitUntil_i(std::list<ICmEvent*>& aEvents,
+                                                               const long long* aDeadlineNsec,
+                                                               DWORD aMaxCount) {
+    CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
+    TakeSpent_l();
+    if (m_Events.empty() && CM_SUCCEEDED(lock.result())) {
+        WaitUntil_l(aDeadlineNsec);
+    }
+    return PopPendingEvents(aEvents, aMaxCount, nullptr);
+}
+
+void CCmEventQueueUsingConditionVariable::TakeSpent_l() {
+    if (!m_Spent.empty()) {
+        m_Spares.splice(m_Spares.end(), m_Spent);
+        m_dwSpares.store(static_cast<DWORD>(m_Spares.size()), std::memory_order_relaxed);
+    }
+}
+
+void CCmEventQueueUsingConditionVariable::WaitUntil_l(const long long* aDeadlineNsec) {
+    if (aDeadlineNsec == nullptr) {
+        Wait_l(nullptr);
+        return;
+    }
+    CWaiting waiting(*this);
+    m_Condition.WaitUntil_i(*aDeadlineNsec);
 }
 
 void CCmEventQueueUsingConditionVariable::Wait_l(CCmTimeValue* aTimeout) {
@@ -617,8 +646,13 @@ void CCmEventQueueUsingConditionVariable::Wait_l(CCmTimeValue* aTimeout) {
 }
 
 void CCmEventQueueUsingConditionVariable::ProcessAndRecycleEvents(std::list<ICmEvent*>& aEvents) {
+    ProcessUntilStopped_i(aEvents, nullptr);
+}
+
+void CCmEventQueueUsingConditionVariable::ProcessUntilStopped_i(std::list<ICmEvent*>& aEvents,
+                                                                const std::atomic<bool>* aStop) {
     {
-        CUnstarted unstarted(*this, aEvents);
+        CUnstarted unstarted(*this, aEvents, aStop);
         CCmTimeValue tvStart = CCmTimeValue::GetTimeOfDay();
         while (ICmEvent* pEvent = unstarted.TakeNext()) {
             tvStart = RunAndEnd_i(pEvent, tvStart);

@@ -111,4 +111,16 @@ OSErr GetProcessInformation(const ProcessSerialNumber* aProcess, ProcessInfoRec*
 
 #endif
 
+#if !defined(__APPLE__)
+// Over fakes, on another system: what the macOS headers declare beyond POSIX.
+#include <pthread.h>
+#include <time.h>
+
+constexpr clockid_t CLOCK_UPTIME_RAW = CLOCK_MONOTONIC;
+extern "C" int pthread_cond_timedwait_relative_np(pthread_cond_t* aCondition,
+                                                  pthread_mutex_t* aMutex,
+                                                  const timespec* aInterval);
+int pthread_setname_np(const char* aName);
+#endif
+
 #endif  // CM_MAC_SERVICES_H
