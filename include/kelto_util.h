@@ -10,6 +10,7 @@
 #include "CmConfig.h"
 #include "CmDataBlock.h"
 #include "CmEncoding.h"
+#include "CmEvent.h"
 #include "CmEventQueueBase.h"
 #include "CmHttpUrl.h"
 #include "CmLogStream.h"
@@ -21,6 +22,7 @@
 #include "CmThread.h"
 #include "CmThreadAnnotations.h"
 #include "CmTimeValue.h"
+#include "CmTimer.h"
 #include "CmTimerQueueBase.h"
 #include "CmTimerQueueCalendar.h"
 #include "CmTimerQueueOrderedList.h"
@@ -29,6 +31,7 @@
 #include "CmUtilClasses.h"
 #include "CmUtilMisc.h"
 #include "CmUtilTemplates.h"
+#include "CmWorker.h"
 #include "CmXml.h"
 
 #endif  // KELTO_UTIL_H

@@ -1,0 +1,216 @@
+// Worker threads as objects: CCmWorker owns one, from its construction to its end.
+//
+//   CCmWorker worker(CCmWorkerOptions().Name("audio").OnStart([] { return OpenDevice(); }));
+//   if (CM_FAILED(worker.Result())) { ... }       // a start-up function's result, too
+//   CmPost(worker, [] { ... });                    // CmEvent.h
+//                                                  // the end of the scope stops, joins and frees
+//
+// CCmLoopThread is the base of a thread whose loop is the host's own.
+#ifndef CM_WORKER_H
+#define CM_WORKER_H
+
+#include <memory>
+#include <type_traits>
+#include <utility>
+
+#include "CmBase.h"
+#include "CmChrono.h"
+#include "CmEvent.h"
+#include "CmThread.h"
+#include "CmUtilTemplates.h"
+
+namespace UTIL_NS {
+
+class CCmWorkerThread;  // internal
+
+// What runs on a worker's thread when it starts or ends.
+class ACmWorkerHook : public CCmReferenceControlT<CCmMutexThread> {
+  public:
+    virtual CmResult Run(ACmThread& aThread) = 0;
+};
+
+template <class Function>
+class CCmWorkerHookT final : public ACmWorkerHook {
+  public:
+    template <class Callable>
+    explicit CCmWorkerHookT(Callable&& aFunction) : m_Function(std::forward<Callable>(aFunction)) {}
+
+    CmResult Run(ACmThread& aThread) override {
+        if constexpr (std::is_invocable_v<Function&, ACmThread&>) {
+            return ResultOf([&] { return m_Function(aThread); });
+        } else {
+            return ResultOf([&] { return m_Function(); });
+        }
+    }
+
+  private:
+    template <class Call>
+    static CmResult ResultOf(Call&& aCall) {
+        if constexpr (std::is_same_v<std::invoke_result_t<Call>, CmResult>) {
+            return aCall();
+        } else {
+            aCall();
+            return CM_OK;
+        }
+    }
+
+    Function m_Function;
+};
+
+// How a worker is to be. Copies share the functions; the same options may serve many workers, whose
+// threads then run the same functions, perhaps at once.
+class CM_UTIL_EXPORT CCmWorkerOptions {
+  public:
+    CCmWorkerOptions();
+    ~CCmWorkerOptions();
+    CCmWorkerOptions(const CCmWorkerOptions& aRight);
+    CCmWorkerOptions& operator=(const CCmWorkerOptions& aRight);
+
+    // The thread's name, as debuggers and process viewers show it: the first 15 bytes on Linux, 63
+    // on macOS. Null or empty leaves the system's.
+    CCmWorkerOptions& Name(const char* aName);
+    // Runs aFunction on the worker's thread before the constructor of CCmWorker returns, with the
+    // ACmThread as its argument if it takes one. When it returns a CmResult that is a failure, the
+    // worker does not start. Events may be posted to the thread, but getCurrentThread does not
+    // find it yet.
+    template <class Callable>
+    CCmWorkerOptions& OnStart(Callable&& aFunction) {
+        return SetHook(HOOK_START, NewHook(std::forward<Callable>(aFunction)));
+    }
+    // Runs aFunction as the last thing on the worker's thread, after what was pending was run or
+    // ended; only if the worker started. Its result is not looked at.
+    template <class Callable>
+    CCmWorkerOptions& OnEnd(Callable&& aFunction) {
+        return SetHook(HOOK_END, NewHook(std::forward<Callable>(aFunction)));
+    }
+    // As CCmWorker::SetPriority, when the thread starts. A refusal does not keep the worker from
+    // starting: its PriorityResult tells.
+    CCmWorkerOptions& Priority(int aLevel);
+    // Timed waits of the thread end as early as the system can: Linux rounds them by 50 us
+    // otherwise, macOS does not.
+    CCmWorkerOptions& PreciseTimers(bool aPrecise = true);
+    // What GetThreadType of the thread reports; 1 by default. TT_UNKNOWN and TT_MAIN are not taken.
+    CCmWorkerOptions& Type(int aType);
+
+    // CM_OK; CM_ERROR_OUT_OF_MEMORY or CM_ERROR_INVALID_ARG when one of the above could not be
+    // kept: a worker with these options does not start and has this result.
+    CmResult Result() const;
+
+  private:
+    friend class CCmWorkerThread;
+    friend class CCmWorker;
+    enum EHook { HOOK_START, HOOK_END };
+    static constexpr size_t NAME_SIZE = 64;
+
+    template <class Callable>
+    static ACmWorkerHook* NewHook(Callable&& aFunction) {
+        return CmNewT<CCmWorkerHookT<std::decay_t<Callable>>>(std::forward<Callable>(aFunction));
+    }
+    CCmWorkerOptions& SetHook(EHook aHook, ACmWorkerHook* aFunction);
+
+    char m_szName[NAME_SIZE];
+    CCmComAutoPtr<ACmWorkerHook> m_pHooks[2];
+    int m_nPriority;
+    int m_nType;
+    bool m_bPrecise;
+    CmResult m_Result;
+};
+
+// A joinable worker with an event queue and timers, started by the constructor. Operations are for
+// the owner, one at a time, except that any thread may post, call and drain while the object is
+// there. Its timers and delayed posts (CmPostDelayed, CmPostEvery, CCmTimer) keep monotonic time:
+// its loop has a list of its own for them and waits by the monotonic clock. The thread also has the
+// timer queue of a CCmThreadTask, which keeps wall time: where both have something pending, a
+// forward step of the wall clock may be noticed only at the next wake-up.
+class CM_UTIL_EXPORT CCmWorker {
+  public:
+    // Start a worker; Result tells whether it runs.
+    CCmWorker();
+    explicit CCmWorker(const CCmWorkerOptions& aOptions);
+    // What aRight owned; aRight is then as one that could not be started.
+    CCmWorker(CCmWorker&& aRight) noexcept;
+    CCmWorker& operator=(CCmWorker&& aRight) noexcept;
+    // As End, from any thread. What fails is traced.
+    ~CCmWorker();
+
+    // CM_OK; otherwise there is no thread and everything is refused: the result of the options, of
+    // ACmThread::Create or of the start-up function. CM_ERROR_NOT_INITIALIZED: moved from, ended.
+    CmResult Result() const { return m_Result; }
+    // That of the option Priority; CM_OK without it.
+    CmResult PriorityResult() const;
+    // Real-time priority by turns (SCHED_RR) on aLevel, or 0 for the system's usual one. CM_OK;
+    // CM_ERROR_INVALID_ARG: no such level; CM_ERROR_FAILURE: the system refuses, which on Linux it
+    // does to users without the right, with a warning line; CM_ERROR_NOT_INITIALIZED: joined.
+    CmResult SetPriority(int aLevel);
+
+    // Null without a thread. Valid until End.
+    ACmThread* GetThread() const;
+    ICmEventQueue* GetEventQueue() const;
+
+    // Waits until all that was posted before has run. CM_ERROR_FAILURE: called on the worker
+    // itself. Otherwise the results of CmCall. With a limit on the monotonic clock:
+    // CM_ERROR_TIMEOUT.
+    CmResult Drain();
+    CmResult Drain(const CCmInterval& aLimit);
+    // Do not wait. What was posted before Stop still runs; after StopNow only what runs at that
+    // moment does, and what is pending ends unfired, on the worker's thread. Later posts and timers
+    // are refused. CM_OK, also when it was stopped before; CM_ERROR_OUT_OF_MEMORY: nothing has
+    // changed.
+    CmResult Stop();
+    CmResult StopNow();
+    // Waits until the thread, stopped before, has ended. CM_ERROR_FAILURE: called on the worker
+    // itself.
+    CmResult Join();
+    // Stop, Join and the end of the thread object. Without memory for the stop it tries again every
+    // millisecond. On the worker's own thread it does not wait: what was posted before still runs
+    // there, after which the thread ends and frees its object by itself; an OnEnd function runs,
+    // too. CM_OK, or the result of Join.
+    CmResult End();
+
+  private:
+    CCmWorkerThread* m_pThread;
+    CmResult m_Result;
+};
+
+// Stops (see ACmThread::Stop), joins and frees any thread object. Where the stop fails the thread
+// is not joined, which might wait for ever, and nothing is freed: CM_ERROR_NOT_IMPLEMENTED is what
+// a class that does not override Stop gives, CM_ERROR_FAILURE the thread's own call. Out of memory
+// it tries again every millisecond. A detached thread frees its object when it has ended.
+CM_UTIL_EXPORT CmResult CmEndThread(ACmThread* aThread);
+
+// An owner of a thread object that ends it by CmEndThread; a failure is traced.
+struct CCmThreadEnd {
+    void operator()(ACmThread* aThread) const { CmEndThread(aThread); }
+};
+typedef std::unique_ptr<ACmThread, CCmThreadEnd> CCmThreadPtr;
+
+// Base of a thread whose loop is the host's own, such as one that waits for sockets:
+//
+//   class CReceiver : public CCmLoopThread {
+//     public:
+//       void OnThreadRun() override { while (!GetStopFlag()) { poll(...); ... } }
+//       void OnWakeUp() override { write(m_nPipe, "", 1); }   // poll returns
+//   };
+//   CCmThreadPtr receiver(new CReceiver);
+//   receiver->Create(1);
+//
+// Created by new, owned by CCmThreadPtr.
+class CCmLoopThread : public ACmThread {
+  public:
+    // Sets the stop flag and wakes the loop; does not wait. Any thread, also before the loop has
+    // begun. CM_OK.
+    CmResult Stop(CCmTimeValue* /*aTimeout*/ = nullptr) final {
+        SetStop();
+        OnWakeUp();
+        return CM_OK;
+    }
+
+  protected:
+    // Makes OnThreadRun look at GetStopFlag soon, also when it comes to wait only after this call.
+    // Called by Stop on any thread, perhaps more than once.
+    virtual void OnWakeUp() = 0;
+};
+
+}  // namespace UTIL_NS
+
+#endif  // CM_WORKER_H
