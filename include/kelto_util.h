@@ -13,6 +13,7 @@
 #include "CmEvent.h"
 #include "CmEventQueueBase.h"
 #include "CmHttpUrl.h"
+#include "CmLifeGuard.h"
 #include "CmLogStream.h"
 #include "CmMessageBlock.h"
 #include "CmPlatform.h"
