@@ -28,7 +28,7 @@ using kelto_test::ScopedAllocationFault;
 
 void RunAll(CCmEventQueueUsingMutex& aQueue, DWORD aMaxCount = 0xFFFFFFFF) {
     std::list<ICmEvent*> events;
-    if (CM_SUCCEEDED(aQueue.PopPendingEvents(events, aMaxCount))) {
+    if (CM_SUCCEEDED(aQueue.PopPendingEventsLocked(events, aMaxCount))) {
         aQueue.ProcessEvents(events);
     }
 }

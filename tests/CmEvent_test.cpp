@@ -282,41 +282,33 @@ TEST(CmCall, DropsTheValue_WhenTheLimitPassesWhileItRuns) {
     EXPECT_EQ(1, valueEnds);
 }
 
+// Of a queue that nobody runs.
 TEST(CmCall, KeepsItsLimit_WhenTheWallClockIsSet) {
-    TaskThread worker;
-    Gate gate;
-    Gate begun;
-    CmPost(*worker, [&] {
-        begun.Open();
-        gate.Wait();
-    });
-    ASSERT_TRUE(begun.Wait());
     const FailingCall<&CCmSystemTable::gettimeofday> wallClock(0, 0, 1, Failing::FROM_THERE_ON);
+    CCmEventQueueUsingMutex queue;
     const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(CM_ERROR_TIMEOUT, CmCall(*worker, 20ms, [] {}).Result());
+    EXPECT_EQ(CM_ERROR_TIMEOUT, CmCall(queue, 20ms, [] {}).Result());
     EXPECT_LE(20ms, std::chrono::steady_clock::now() - start);
     EXPECT_GT(10s, std::chrono::steady_clock::now() - start);
-    gate.Open();
 }
 
 TEST(CmCall, DoesNotRunLater_WhenTheWaitFails) {
-    TaskThread worker;
-    Gate gate;
-    CmPost(*worker, [&gate] { gate.Wait(); });
-    EXPECT_TRUE(Eventually([&] { return worker->GetEventQueue()->GetPendingEventsCount() == 0; }));
-    for (const bool bLimited : {false, true}) {
-        std::atomic<bool> bRan{false};
-        {
-            const FailingCall<&CCmSystemTable::pthread_cond_wait> wait(0, EINVAL);
-            const FailingCall<&CCmSystemTable::pthread_cond_clockwait> limitedWait(0, EINVAL);
-            const auto result = bLimited ? CmCall(*worker, 10s, [&bRan] { bRan = true; })
-                                         : CmCall(*worker, [&bRan] { bRan = true; });
-            EXPECT_EQ(CM_ERROR_FAILURE, result.Result());
-            EXPECT_FALSE(result.HasBegun());
-        }
-        EXPECT_FALSE(bRan);
-    }
-    gate.Open();
+    const FailingCall<&CCmSystemTable::pthread_cond_wait> wait(0, EINVAL);
+    const FailingCall<&CCmSystemTable::pthread_cond_clockwait> limitedWait(0, EINVAL);
+    CCmEventQueueUsingMutex queue;
+    bool bRan = false;
+    std::atomic<int> ends{0};
+    const auto unlimited = CmCall(queue, [&bRan, counter = EndCounter(ends)] { bRan = true; });
+    const auto limited = CmCall(queue, 10s, [&bRan, counter = EndCounter(ends)] { bRan = true; });
+    EXPECT_EQ(CM_ERROR_FAILURE, unlimited.Result());
+    EXPECT_EQ(CM_ERROR_FAILURE, limited.Result());
+    EXPECT_FALSE(unlimited.HasBegun());
+    EXPECT_FALSE(limited.HasBegun());
+    EXPECT_EQ(2, ends);
+    std::list<ICmEvent*> events;
+    EXPECT_EQ(CM_OK, queue.PopPendingEvents(events));
+    queue.ProcessEvents(events);
+    EXPECT_FALSE(bRan);
 }
 
 TEST(CmCall, SaysSo_WhenMemoryRunsOut) {

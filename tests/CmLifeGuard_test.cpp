@@ -74,20 +74,20 @@ TEST(CCmLifeGuard, WaitsForTheCallableThatRuns) {
 }
 
 TEST(CCmLifeGuard, WaitsAllTheSame_WhenTheWaitFails) {
-    CCmWorker worker;
+    const FailingCall<&CCmSystemTable::pthread_cond_wait> fault(0, EINVAL);
     CCmLifeGuard guard;
     Gate begun;
     std::atomic<bool> bReturned{false};
-    CmPost(worker, guard.Wrap([&] {
+    std::thread runner(guard.Wrap([&] {
         begun.Open();
         std::this_thread::sleep_for(10ms);
         bReturned = true;
     }));
-    ASSERT_TRUE(begun.Wait());
-    const FailingCall<&CCmSystemTable::pthread_cond_wait> fault(0, EINVAL);
+    EXPECT_TRUE(begun.Wait());
     guard.End();
     EXPECT_TRUE(bReturned);
     EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, guard.Result());
+    runner.join();
 }
 
 TEST(CCmLifeGuard, EndsInsideItsOwnCallable) {

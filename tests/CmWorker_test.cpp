@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <sched.h>
 #include <sys/prctl.h>
 
 #include <algorithm>
@@ -89,8 +90,7 @@ TEST(CCmWorker, RunsItsFunctionsOnItsThread) {
                                  CmPost(aThread, [&ran] { ran.push_back("event"); });
                              })
                              .OnEnd([&] { ran.push_back("end " + NameOfThisThread()); }));
-        EXPECT_EQ("start hooks", ran.at(0));  // before the constructor returns
-        EXPECT_EQ(worker.GetThread(), pSeen);
+        EXPECT_EQ(worker.GetThread(), pSeen);  // before the constructor returns
     }
     EXPECT_EQ((std::vector<std::string>{"start hooks", "event", "end hooks"}), ran);
 }
@@ -248,13 +248,13 @@ TEST(CCmWorker, StopNow_EndsWhatIsPendingUnfired) {
             begun.Open();
             gate.Wait();
         });
+        ASSERT_TRUE(begun.Wait());
         std::atomic<int> ran{0};
         std::atomic<int> ends{0};
         for (int i = 0; i < 50; ++i) {
             CmPost(worker, [&ran, counter = EndCounter(ends)] { ++ran; });
         }
         CmPostDelayed(worker, 0ms, [&ran, counter = EndCounter(ends)] { ++ran; });
-        ASSERT_TRUE(begun.Wait());
         if (bStoppedBefore) {
             EXPECT_EQ(CM_OK, worker.Stop());
         }
@@ -408,7 +408,7 @@ TEST(CCmWorker, SurvivesTheCancellationOfItsThread) {
         CCmTimerHandle handle = CmPostEvery(worker, 1ms, [&begun, counter = EndCounter(ends)] {
             begun.Open();
             for (;;) {
-                std::this_thread::sleep_for(1ms);
+                sched_yield();  // no cancellation point of which a sanitizer loses track
                 pthread_testcancel();
             }
         });
