@@ -18,6 +18,7 @@
 #include "CmLogStream.h"
 #include "CmMessageBlock.h"
 #include "CmPlatform.h"
+#include "CmResultText.h"
 #include "CmScopedLock.h"
 #include "CmT120Trace.h"
 #include "CmT120TraceFile.h"
