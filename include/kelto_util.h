@@ -31,6 +31,7 @@
 #include "CmTimerQueueOrderedList.h"
 #include "CmTimerWrapper.h"
 #include "CmTrace.h"
+#include "CmTraceLevels.h"
 #include "CmUtilClasses.h"
 #include "CmUtilMisc.h"
 #include "CmUtilTemplates.h"
