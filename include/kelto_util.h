@@ -4,6 +4,7 @@
 
 #include "CmAddress.h"
 #include "CmBase.h"
+#include "CmBlockPieces.h"
 #include "CmBoundedPoster.h"
 #include "CmChrono.h"
 #include "CmClock.h"
