@@ -1,4 +1,4 @@
-// CCmTimer: a timer as an object with a callable.
+// CCmTimer: a timer as an object with a callable; and what is due when, for a timer with a sink.
 //
 //   CCmTimer m_Timer(worker, 20ms, [this](const CCmTimerFiring& aFiring) { Tick(aFiring.m_tvDue);
 //   });
@@ -10,6 +10,8 @@
 #include "CmBase.h"
 #include "CmChrono.h"
 #include "CmEvent.h"
+#include "CmTimeValue.h"
+#include "CmTimerWrapper.h"
 
 namespace UTIL_NS {
 
@@ -54,6 +56,51 @@ class CCmTimer {
 
   private:
     CCmTimerHandle m_Handle;
+};
+
+// A CCmTimerWrapperID that tells its sink, in OnTimer, what is due when: GetDueTime and the others
+// are about the firing that OnTimer is called for. All else is as in its base; Schedule must be
+// called through this class. Times are those of the wall clock.
+class CCmDueTimerWrapperID : public CCmTimerWrapperID {
+  public:
+    CmResult Schedule(CCmTimerWrapperIDSink* aSink, const CCmTimeValue& aInterval,
+                      unsigned int aCount = 0) {
+        m_tvInterval = aInterval;
+        m_tvNext = CCmTimeValue::GetTimeOfDay() + aInterval;
+        return CCmTimerWrapperID::Schedule(aSink, aInterval, aCount);
+    }
+
+    // When the timer was due, up to the microseconds that Schedule took; the last of the periods
+    // that have passed.
+    const CCmTimeValue& GetDueTime() const { return m_tvDue; }
+    // When the queue began its pass over the timers.
+    const CCmTimeValue& GetCurrentTime() const { return m_tvCurrent; }
+    // How many periods were skipped since the last firing.
+    unsigned long GetMissed() const { return m_ulMissed; }
+
+    void OnTimeout(const CCmTimeValue& aCurTime, void* aArg) override {
+        m_tvCurrent = aCurTime;
+        m_tvDue = m_tvNext;
+        m_ulMissed = 0;
+        if (m_tvInterval > CCmTimeValue()) {
+            if (aCurTime > m_tvDue) {
+                const auto interval = CmToChrono(m_tvInterval).count();
+                m_ulMissed =
+                    static_cast<unsigned long>(CmToChrono(aCurTime - m_tvDue).count() / interval);
+                m_tvDue += CmFromChrono(
+                    std::chrono::microseconds(static_cast<int64_t>(m_ulMissed) * interval));
+            }
+            m_tvNext = m_tvDue + m_tvInterval;
+        }
+        CCmTimerWrapperID::OnTimeout(aCurTime, aArg);  // last: the sink may destroy this
+    }
+
+  private:
+    CCmTimeValue m_tvInterval;
+    CCmTimeValue m_tvNext;
+    CCmTimeValue m_tvDue;
+    CCmTimeValue m_tvCurrent;
+    unsigned long m_ulMissed = 0;
 };
 
 }  // namespace UTIL_NS

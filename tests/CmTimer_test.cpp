@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "CmWorker.h"
+#include "support/Clock.h"
 #include "support/Events.h"
 #include "support/Eventually.h"
 #include "support/Faults.h"
@@ -187,6 +188,46 @@ TEST(CCmTimer, ManyFireAndEndOnSeveralThreads) {
         EXPECT_EQ(0, late);
     }
     EXPECT_EQ(lLive, LiveAllocations());
+}
+
+class DueSink : public CCmTimerWrapperIDSink {
+  public:
+    explicit DueSink(CCmDueTimerWrapperID& aTimer) : m_timer(aTimer) {}
+    void OnTimer(CCmTimerWrapperID* aId) override {
+        EXPECT_EQ(&m_timer, aId);
+        m_due.push_back(m_timer.GetDueTime());
+        m_missed.push_back(m_timer.GetMissed());
+        EXPECT_EQ(CCmTimeValue::GetTimeOfDay(), m_timer.GetCurrentTime());
+    }
+    CCmDueTimerWrapperID& m_timer;
+    std::vector<CCmTimeValue> m_due;
+    std::vector<unsigned long> m_missed;
+};
+
+TEST(CCmDueTimerWrapperID, TellsWhatIsDueWhen) {
+    kelto_test::ScopedClock clock(1000);
+    CCmThreadHeartBeat* pThread = new CCmThreadHeartBeat;
+    ASSERT_EQ(CM_OK, pThread->Create(TT_MAIN));
+    pThread->OnThreadInit();
+    {
+        CCmDueTimerWrapperID timer;
+        DueSink sink(timer);
+        EXPECT_EQ(CM_OK, timer.Schedule(&sink, CCmTimeValue(0, 100000)));
+        clock.Set(1000, 100000);
+        pThread->DoHeartBeat();
+        clock.Set(1000, 450000);
+        pThread->DoHeartBeat();
+        clock.Set(1000, 510000);
+        pThread->DoHeartBeat();
+        EXPECT_EQ((std::vector<CCmTimeValue>{CCmTimeValue(1000, 100000), CCmTimeValue(1000, 400000),
+                                             CCmTimeValue(1000, 500000)}),
+                  sink.m_due);
+        EXPECT_EQ((std::vector<unsigned long>{0, 2, 0}), sink.m_missed);
+        EXPECT_EQ(CM_ERROR_FOUND, timer.Schedule(&sink, CCmTimeValue(0, 0), 1));
+        pThread->DoHeartBeat();
+        EXPECT_EQ(CCmTimeValue(1000, 510000), sink.m_due.back());
+    }
+    pThread->Destory(CM_OK);
 }
 
 }  // namespace
