@@ -68,7 +68,7 @@ class CM_UTIL_EXPORT CCmBoundedPoster {
     }
 
     // What the events share with the poster. For CCmBoundedEventT.
-    struct CState;
+    struct CM_UTIL_HIDDEN CState;
     class CM_UTIL_EXPORT CBoundedEvent : public ICmEvent {
       public:
         void OnDestorySelf() override;

@@ -43,7 +43,7 @@ class CM_UTIL_EXPORT CCmLifeGuard {
     CmResult Result() const;
 
     // What the wrapped callables share with the guard. For CCmGuardedT.
-    struct CState;
+    struct CM_UTIL_HIDDEN CState;
     class CM_UTIL_EXPORT CReference {
       public:
         explicit CReference(CState* aState);

@@ -9,6 +9,8 @@
 #ifndef CM_WORKER_H
 #define CM_WORKER_H
 
+#include <string.h>
+
 #include <memory>
 #include <type_traits>
 #include <utility>
@@ -59,16 +61,15 @@ class CCmWorkerHookT final : public ACmWorkerHook {
 
 // How a worker is to be. Copies share the functions; the same options may serve many workers, whose
 // threads then run the same functions, perhaps at once.
-class CM_UTIL_EXPORT CCmWorkerOptions {
+class CCmWorkerOptions {
   public:
-    CCmWorkerOptions();
-    ~CCmWorkerOptions();
-    CCmWorkerOptions(const CCmWorkerOptions& aRight);
-    CCmWorkerOptions& operator=(const CCmWorkerOptions& aRight);
-
     // The thread's name, as debuggers and process viewers show it: the first 15 bytes on Linux, 63
     // on macOS. Null or empty leaves the system's.
-    CCmWorkerOptions& Name(const char* aName);
+    CCmWorkerOptions& Name(const char* aName) {
+        memset(m_szName, 0, sizeof(m_szName));
+        strncpy(m_szName, aName != nullptr ? aName : "", sizeof(m_szName) - 1);
+        return *this;
+    }
     // Runs aFunction on the worker's thread before the constructor of CCmWorker returns, with the
     // ACmThread as its argument if it takes one. When it returns a CmResult that is a failure, the
     // worker does not start. Events may be posted to the thread, but getCurrentThread does not
@@ -85,16 +86,28 @@ class CM_UTIL_EXPORT CCmWorkerOptions {
     }
     // As CCmWorker::SetPriority, when the thread starts. A refusal does not keep the worker from
     // starting: its PriorityResult tells.
-    CCmWorkerOptions& Priority(int aLevel);
+    CCmWorkerOptions& Priority(int aLevel) {
+        m_nPriority = aLevel;
+        return *this;
+    }
     // Timed waits of the thread end as early as the system can: Linux rounds them by 50 us
     // otherwise, macOS does not.
-    CCmWorkerOptions& PreciseTimers(bool aPrecise = true);
+    CCmWorkerOptions& PreciseTimers(bool aPrecise = true) {
+        m_bPrecise = aPrecise;
+        return *this;
+    }
     // What GetThreadType of the thread reports; 1 by default. TT_UNKNOWN and TT_MAIN are not taken.
-    CCmWorkerOptions& Type(int aType);
+    CCmWorkerOptions& Type(int aType) {
+        if (aType == TT_MAIN || aType == TT_UNKNOWN) {
+            m_Result = CM_ERROR_INVALID_ARG;
+        }
+        m_nType = aType;
+        return *this;
+    }
 
     // CM_OK; CM_ERROR_OUT_OF_MEMORY or CM_ERROR_INVALID_ARG when one of the above could not be
     // kept: a worker with these options does not start and has this result.
-    CmResult Result() const;
+    CmResult Result() const { return m_Result; }
 
   private:
     friend class CCmWorkerThread;
@@ -106,14 +119,20 @@ class CM_UTIL_EXPORT CCmWorkerOptions {
     static ACmWorkerHook* NewHook(Callable&& aFunction) {
         return CmNewT<CCmWorkerHookT<std::decay_t<Callable>>>(std::forward<Callable>(aFunction));
     }
-    CCmWorkerOptions& SetHook(EHook aHook, ACmWorkerHook* aFunction);
+    CCmWorkerOptions& SetHook(EHook aHook, ACmWorkerHook* aFunction) {
+        if (aFunction == nullptr) {
+            m_Result = CM_ERROR_OUT_OF_MEMORY;
+        }
+        m_pHooks[aHook] = aFunction;
+        return *this;
+    }
 
-    char m_szName[NAME_SIZE];
+    char m_szName[NAME_SIZE] = {};
     CCmComAutoPtr<ACmWorkerHook> m_pHooks[2];
-    int m_nPriority;
-    int m_nType;
-    bool m_bPrecise;
-    CmResult m_Result;
+    int m_nPriority = 0;
+    int m_nType = 1;
+    bool m_bPrecise = false;
+    CmResult m_Result = CM_OK;
 };
 
 // A joinable worker with an event queue and timers, started by the constructor. Operations are for
@@ -125,7 +144,7 @@ class CM_UTIL_EXPORT CCmWorkerOptions {
 class CM_UTIL_EXPORT CCmWorker {
   public:
     // Start a worker; Result tells whether it runs.
-    CCmWorker();
+    CCmWorker() : CCmWorker(CCmWorkerOptions()) {}
     explicit CCmWorker(const CCmWorkerOptions& aOptions);
     // What aRight owned; aRight is then as one that could not be started.
     CCmWorker(CCmWorker&& aRight) noexcept;

@@ -5,6 +5,7 @@
 
 #include "CmScopedLock.h"
 #include "CmTraceLine.h"
+#include "port/CmPort.h"
 #include "port/CmSystem.h"
 
 namespace UTIL_NS {
@@ -174,8 +175,14 @@ CmResult CCmConditionVariableThread::WaitUntil_i(long long aDeadlineNsec) {
     const timespec tsDeadline = {static_cast<time_t>(aDeadlineNsec / NSEC_PER_SEC),
                                  static_cast<long>(aDeadlineNsec % NSEC_PER_SEC)};
     const int rv = g_cmSystem.pthread_cond_clockwait(&m_Condition, &m_Mutex.m_Mutex, &tsDeadline);
-    if (rv == 0 || rv == EINTR) {
+    if (rv == 0) {
         return CM_OK;
+    }
+    if (rv == EINTR) {  // perhaps again and again: the deadline holds all the same
+        timespec tsNow = {};
+        CmPortMonotonicNow(&tsNow);
+        return tsNow.tv_sec * NSEC_PER_SEC + tsNow.tv_nsec < aDeadlineNsec ? CM_OK
+                                                                           : CM_ERROR_TIMEOUT;
     }
     if (rv == ETIMEDOUT) {
         return CM_ERROR_TIMEOUT;

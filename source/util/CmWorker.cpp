@@ -1,7 +1,6 @@
 #include "CmWorker.h"
 
 #include <sched.h>
-#include <string.h>
 
 #include <algorithm>
 
@@ -151,53 +150,6 @@ CCmTimedCalls* CmTimedCallsOf(ACmThread& aThread) {
     const auto* pThread = dynamic_cast<CCmWorkerThread*>(&aThread);
     return pThread != nullptr ? pThread->TimedCalls() : nullptr;
 }
-
-CCmWorkerOptions::CCmWorkerOptions()
-    : m_szName{}, m_nPriority(0), m_nType(1), m_bPrecise(false), m_Result(CM_OK) {}
-
-CCmWorkerOptions::~CCmWorkerOptions() = default;
-
-CCmWorkerOptions::CCmWorkerOptions(const CCmWorkerOptions& aRight) = default;
-
-CCmWorkerOptions& CCmWorkerOptions::operator=(const CCmWorkerOptions& aRight) = default;
-
-CCmWorkerOptions& CCmWorkerOptions::Name(const char* aName) {
-    memset(m_szName, 0, sizeof(m_szName));
-    strncpy(m_szName, aName != nullptr ? aName : "", sizeof(m_szName) - 1);
-    return *this;
-}
-
-CCmWorkerOptions& CCmWorkerOptions::Priority(int aLevel) {
-    m_nPriority = aLevel;
-    return *this;
-}
-
-CCmWorkerOptions& CCmWorkerOptions::PreciseTimers(bool aPrecise) {
-    m_bPrecise = aPrecise;
-    return *this;
-}
-
-CCmWorkerOptions& CCmWorkerOptions::Type(int aType) {
-    if (aType == TT_MAIN || aType == TT_UNKNOWN) {
-        m_Result = CM_ERROR_INVALID_ARG;
-    }
-    m_nType = aType;
-    return *this;
-}
-
-CmResult CCmWorkerOptions::Result() const {
-    return m_Result;
-}
-
-CCmWorkerOptions& CCmWorkerOptions::SetHook(EHook aHook, ACmWorkerHook* aFunction) {
-    if (aFunction == nullptr) {
-        m_Result = CM_ERROR_OUT_OF_MEMORY;
-    }
-    m_pHooks[aHook] = aFunction;
-    return *this;
-}
-
-CCmWorker::CCmWorker() : CCmWorker(CCmWorkerOptions()) {}
 
 CCmWorker::CCmWorker(const CCmWorkerOptions& aOptions)
     : m_pThread(nullptr), m_Result(aOptions.m_Result) {
