@@ -21,8 +21,10 @@ namespace UTIL_NS {
 // An owner of a chain whose blocks are DUPLICATED, as all that this class's and CmMakeChain's
 // operations return are.
 struct CCmChainEnd {
+    // Frees the chain; null is accepted.
     void operator()(CCmMessageBlock* aChain) const { CCmMessageBlock::DestroyChained(aChain); }
 };
+// To be used like any other unique_ptr.
 typedef std::unique_ptr<CCmMessageBlock, CCmChainEnd> CCmChainPtr;
 
 // The readable bytes of one block; none when it is locked for reading. Valid until the block reads,
@@ -42,6 +44,7 @@ class CCmPieces {
     // What a range-based for needs; a forward iterator.
     class const_iterator {
       public:
+        // What algorithms ask for.
         typedef std::forward_iterator_tag iterator_category;
         typedef std::string_view value_type;
         typedef std::ptrdiff_t difference_type;
@@ -52,12 +55,15 @@ class CCmPieces {
         // The first piece of aBlock and what comes after it; null is the end.
         explicit const_iterator(const CCmMessageBlock* aBlock) : m_pBlock(aBlock) { Skip(); }
 
+        // The piece.
         std::string_view operator*() const { return CmPieceOf(*m_pBlock); }
+        // On to the next piece.
         const_iterator& operator++() {
             m_pBlock = m_pBlock->GetNext();
             Skip();
             return *this;
         }
+        // The same, returning where it was.
         const_iterator operator++(int) {
             const const_iterator it = *this;
             ++*this;
@@ -88,6 +94,7 @@ class CCmPieces {
     // aChain: may be null, which has no pieces.
     explicit CCmPieces(const CCmMessageBlock* aChain) : m_pChain(aChain) {}
 
+    // The first piece, the end after the last one, and whether there is none.
     const_iterator begin() const { return const_iterator(m_pChain); }
     const_iterator end() const { return const_iterator(); }
     bool empty() const { return begin() == end(); }
@@ -135,6 +142,7 @@ CCmChainPtr CmMakeChain(const Pieces& aPieces) {
     }
     return pChain;
 }
+// The same from a list in braces.
 inline CCmChainPtr CmMakeChain(std::initializer_list<std::string_view> aPieces) {
     return CmMakeChain<std::initializer_list<std::string_view>>(aPieces);
 }

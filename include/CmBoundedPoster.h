@@ -61,6 +61,7 @@ class CM_UTIL_EXPORT CCmBoundedPoster {
     CmResult Post(Callable&& aFunction) {
         return Post(CCmInterval(CCmTimeValue::s_tvMax), std::forward<Callable>(aFunction));
     }
+    // With a limit.
     template <class Callable>
     CmResult Post(const CCmInterval& aLimit, Callable&& aFunction) {
         const CmResult rv = TakeRoom(&aLimit.Value());

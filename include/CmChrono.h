@@ -95,6 +95,7 @@ constexpr Duration CmToChrono(const CCmTimeValue& aValue) {
 inline CCmTimeValue CmFromChrono(const std::chrono::system_clock::time_point& aTime) {
     return CmFromChrono(aTime.time_since_epoch());
 }
+// What exceeds the clock's range becomes its first or last moment.
 inline std::chrono::system_clock::time_point CmToSystemTime(const CCmTimeValue& aTime) {
     return std::chrono::system_clock::time_point(
         CmToChrono<std::chrono::system_clock::duration>(aTime));
@@ -119,12 +120,15 @@ class CCmInterval {
 // nobody reads as something else.
 namespace CmLiterals {
 
+// Seconds.
 constexpr CCmTimeValue operator""_s(unsigned long long aSeconds) {
     return CmFromChrono(std::chrono::duration<unsigned long long>(aSeconds));
 }
+// Milliseconds.
 constexpr CCmTimeValue operator""_ms(unsigned long long aMilliseconds) {
     return CmFromChrono(std::chrono::duration<unsigned long long, std::milli>(aMilliseconds));
 }
+// Microseconds.
 constexpr CCmTimeValue operator""_us(unsigned long long aMicroseconds) {
     return CmFromChrono(std::chrono::duration<unsigned long long, std::micro>(aMicroseconds));
 }

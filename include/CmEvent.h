@@ -61,6 +61,7 @@ ICmEventQueue* CmQueueOfT(Target& aTarget) {
         return aTarget.GetEventQueue();
     }
 }
+// Null for a worker that could not be created.
 template <class Target>
 ACmThread* CmThreadOfT(Target& aTarget) {
     if constexpr (std::is_base_of_v<ACmThread, Target>) {
@@ -77,6 +78,7 @@ ACmThread* CmThreadOfT(Target& aTarget) {
 template <class Function>
 class CCmCallableEventT final : public ICmEvent {
   public:
+    // Moves or copies aFunction.
     template <class Callable>
     explicit CCmCallableEventT(Callable&& aFunction) noexcept(
         std::is_nothrow_constructible_v<Function, Callable>)
@@ -121,7 +123,9 @@ CmResult CmPost(Target& aTarget, Callable&& aFunction) {
 template <class Type>
 class CCmCallResultT {
   public:
+    // A call without a value.
     CCmCallResultT(CmResult aResult, bool aHasBegun) : m_Result(aResult), m_bHasBegun(aHasBegun) {}
+    // A call with one.
     explicit CCmCallResultT(Type&& aValue)
         : m_Result(CM_OK), m_bHasBegun(true), m_Value(std::move(aValue)) {}
 
@@ -152,6 +156,7 @@ class CCmCallResultT {
 template <>
 class CCmCallResultT<void> {
   public:
+    // A call without a value.
     CCmCallResultT(CmResult aResult, bool aHasBegun) : m_Result(aResult), m_bHasBegun(aHasBegun) {}
 
     CmResult Result() const { return m_Result; }
@@ -198,9 +203,11 @@ class CM_UTIL_EXPORT ACmCallEvent : public ICmEvent {
     std::atomic<int> m_nHolders;
 };
 
+// The event that CmCall makes.
 template <class Function, class Type>
 class CCmCallEventT final : public ACmCallEvent {
   public:
+    // Moves or copies aFunction.
     template <class Callable>
     explicit CCmCallEventT(Callable&& aFunction) : m_Function(std::forward<Callable>(aFunction)) {}
 
@@ -232,6 +239,7 @@ class CCmCallEventT final : public ACmCallEvent {
 // Lets go of a call's event, also when the calling thread is cancelled while it waits.
 class CCmCallerEnd {
   public:
+    // aEvent: not null.
     explicit CCmCallerEnd(ACmCallEvent* aEvent) : m_pEvent(aEvent) {}
     ~CCmCallerEnd() { m_pEvent->LetGo(); }
     CCmCallerEnd(const CCmCallerEnd&) = delete;
@@ -300,9 +308,11 @@ class CCmTimedEvent : public ICmEvent {
     CCmTimerFiring m_Firing;
 };
 
+// The event that CmPostDelayed and the others make.
 template <class Function>
 class CCmTimedEventT final : public CCmTimedEvent {
   public:
+    // Moves or copies aFunction.
     template <class Callable>
     explicit CCmTimedEventT(Callable&& aFunction) noexcept(
         std::is_nothrow_constructible_v<Function, Callable>)
@@ -357,6 +367,7 @@ class CM_UTIL_EXPORT CCmTimerHandle {
     CmResult m_Result;
 };
 
+// What the two below and CCmTimer share.
 template <class Target, class Callable>
 CCmTimerHandle CmPostTimedT(Target& aTarget, const CCmTimeValue& aFirst,
                             const CCmTimeValue& aPeriod, unsigned int aCount,

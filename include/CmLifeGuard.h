@@ -46,8 +46,11 @@ class CM_UTIL_EXPORT CCmLifeGuard {
     struct CM_UTIL_HIDDEN CState;
     class CM_UTIL_EXPORT CReference {
       public:
+        // aState: may be null.
         explicit CReference(CState* aState);
+        // One reference more.
         CReference(const CReference& aRight) : CReference(aRight.m_pState) {}
+        // That of aRight.
         CReference(CReference&& aRight) noexcept
             : m_pState(std::exchange(aRight.m_pState, nullptr)) {}
         CReference& operator=(const CReference&) = delete;
@@ -58,6 +61,7 @@ class CM_UTIL_EXPORT CCmLifeGuard {
     // One run of a callable, on the stack of its thread.
     class CM_UTIL_EXPORT CRun {
       public:
+        // Begins, unless the guard has ended.
         explicit CRun(const CReference& aReference);
         ~CRun();
         CRun(const CRun&) = delete;
@@ -85,13 +89,16 @@ class CM_UTIL_EXPORT CCmLifeGuard {
     CState* m_pState;
 };
 
+// What Wrap returns. Copies and what it was moved to are guarded alike.
 template <class Function>
 class CCmGuardedT {
   public:
+    // For Wrap.
     template <class Callable>
     CCmGuardedT(const CCmLifeGuard::CReference& aReference, Callable&& aFunction)
         : m_Reference(aReference), m_Function(std::forward<Callable>(aFunction)) {}
 
+    // Runs the callable while the guard lives; whether it did.
     template <class... Args>
     auto operator()(Args&&... aArgs)
         -> std::enable_if_t<std::is_invocable_v<Function&, Args...>, bool> {

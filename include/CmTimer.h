@@ -63,6 +63,7 @@ class CCmTimer {
 // called through this class. Times are those of the wall clock.
 class CCmDueTimerWrapperID : public CCmTimerWrapperID {
   public:
+    // As that of the base.
     CmResult Schedule(CCmTimerWrapperIDSink* aSink, const CCmTimeValue& aInterval,
                       unsigned int aCount = 0) {
         m_tvInterval = aInterval;
@@ -78,6 +79,7 @@ class CCmDueTimerWrapperID : public CCmTimerWrapperID {
     // How many periods were skipped since the last firing.
     unsigned long GetMissed() const { return m_ulMissed; }
 
+    // Called by the queue.
     void OnTimeout(const CCmTimeValue& aCurTime, void* aArg) override {
         m_tvCurrent = aCurTime;
         m_tvDue = m_tvNext;

@@ -28,15 +28,19 @@ class CCmWorkerThread;  // internal
 // What runs on a worker's thread when it starts or ends.
 class ACmWorkerHook : public CCmReferenceControlT<CCmMutexThread> {
   public:
+    // On that thread. The result of a start decides whether the worker starts.
     virtual CmResult Run(ACmThread& aThread) = 0;
 };
 
+// The one that the options make of a callable.
 template <class Function>
 class CCmWorkerHookT final : public ACmWorkerHook {
   public:
+    // Moves or copies aFunction.
     template <class Callable>
     explicit CCmWorkerHookT(Callable&& aFunction) : m_Function(std::forward<Callable>(aFunction)) {}
 
+    // The callable's CmResult, or CM_OK when it returns something else or nothing.
     CmResult Run(ACmThread& aThread) override {
         if constexpr (std::is_invocable_v<Function&, ACmThread&>) {
             return ResultOf([&] { return m_Function(aThread); });
@@ -199,8 +203,10 @@ CM_UTIL_EXPORT CmResult CmEndThread(ACmThread* aThread);
 
 // An owner of a thread object that ends it by CmEndThread; a failure is traced.
 struct CCmThreadEnd {
+    // What the owner does in the end.
     void operator()(ACmThread* aThread) const { CmEndThread(aThread); }
 };
+// To be used like any other unique_ptr.
 typedef std::unique_ptr<ACmThread, CCmThreadEnd> CCmThreadPtr;
 
 // Base of a thread whose loop is the host's own, such as one that waits for sockets:
