@@ -106,6 +106,7 @@ CCmTimedCalls::CCmTimedCalls(EClock aClock)
     : m_eClock(aClock),
       m_Tid(pthread_t()),
       m_Ended(m_Mutex),
+      m_bIsEmpty(true),
       m_pRunning(nullptr),
       m_ullOrders(0),
       m_dwWaiters(0),
@@ -241,6 +242,9 @@ class CCmTimedCalls::CRunning {
 };
 
 long long CCmTimedCalls::FireDue() {
+    if (m_bIsEmpty.load(std::memory_order_relaxed)) {
+        return CM_NEVER_NSEC;
+    }
     const long long llNow = Now();
     long long llNext = CM_NEVER_NSEC;
     while (CCmTimedCall* pCall = TakeDue_i(llNow, llNext)) {
@@ -371,6 +375,7 @@ void CCmTimedCalls::Sink_l(size_t aPlace) {
 void CCmTimedCalls::Push_l(CCmTimedCall& aCall) {
     aCall.m_ullOrder = ++m_ullOrders;
     m_Heap.push_back(&aCall);  // within the capacity
+    m_bIsEmpty.store(false, std::memory_order_relaxed);
     Rise_l(m_Heap.size() - 1);
 }
 
@@ -378,6 +383,7 @@ void CCmTimedCalls::Remove_l(CCmTimedCall& aCall) {
     const size_t nPlace = aCall.m_nPlace;
     CCmTimedCall* pLast = m_Heap.back();
     m_Heap.pop_back();
+    m_bIsEmpty.store(m_Heap.empty(), std::memory_order_relaxed);
     if (pLast != &aCall) {
         Place_l(nPlace, pLast);
         Rise_l(nPlace);

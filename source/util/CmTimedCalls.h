@@ -107,6 +107,7 @@ class CCmTimedCalls : public CCmReferenceControlT<CCmMutexThread> {
     CCmConditionVariableThread m_Ended;  // one that ran does not run any more
     // A heap of references; has room for the running one as well.
     std::vector<CCmTimedCall*> m_Heap CM_GUARDED_BY(m_Mutex);
+    std::atomic<bool> m_bIsEmpty;  // the heap, as a hint: whoever fills it wakes the thread
     CCmTimedCall* m_pRunning CM_GUARDED_BY(m_Mutex);
     uint64_t m_ullOrders CM_GUARDED_BY(m_Mutex);
     DWORD m_dwWaiters CM_GUARDED_BY(m_Mutex);

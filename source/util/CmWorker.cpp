@@ -119,7 +119,10 @@ class CCmWorkerThread final : public CCmThreadTask {
 
     void RunOnePass() {
         CCmTimeValue tvWait = CCmTimeValue::s_tvMax;
-        static_cast<CCmTimerQueueBase*>(m_pTimerQueue)->CheckExpire(&tvWait);
+        auto* pTimers = static_cast<CCmTimerQueueBase*>(m_pTimerQueue);
+        if (pTimers->GetEarliestTime() != CCmTimeValue::s_tvMax) {
+            pTimers->CheckExpire(&tvWait);
+        }
         long long llDeadline = m_pTimedCalls->FireDue();
         if (HasToStop()) {
             return;
