@@ -20,10 +20,11 @@ namespace UTIL_NS {
 // the queue does not count. Any thread may post. Order is kept as by the queue: those who wait get
 // room first come, first served, and TryPost does not overtake them.
 //
-// The queue must outlive the poster and the calls on it; the poster may end while its events are on
-// their way, but not while somebody waits in Post. What a callable may capture, who destroys it and
-// what refuses it is as for CmPost. A post costs one allocation, as there, and a lock at either
-// end.
+// The queue must outlive the calls on the poster, which itself may end after the queue, and while
+// its events are on their way, but not while somebody waits in Post. What a callable may capture,
+// who destroys it and what refuses it is as for CmPost; the low-water callable is destroyed with
+// the last of the events or with the poster. A post costs one allocation, as there, and a lock at
+// either end.
 class CM_UTIL_EXPORT CCmBoundedPoster {
   public:
     // aQueue: not owned. aMaxCount: at least 1, less is taken as 1.

@@ -393,6 +393,11 @@ void CCmTimedCalls::Remove_l(CCmTimedCall& aCall) {
 
 namespace {
 
+// The callable is gone, or late.
+void TraceRefusal(CmResult aResult) {
+    CM_WARNING_TRACE("CmPostDelayed, refused on the worker. rv=" << aResult);
+}
+
 // Stands for the list of a thread in one of its timer queues: one timer, at the earliest due time.
 class CDriver final : public ICmTimerHandler {
   public:
@@ -418,8 +423,11 @@ class CDriver final : public ICmTimerHandler {
     void OnTimeout(const CCmTimeValue& /*aCurTime*/, void* /*aArg*/) override {
         if (m_pList->FireDue() == CM_NEVER_NSEC) {
             m_pQueue->CancelTimer(this);
-        } else {
-            Schedule_i();
+            return;
+        }
+        const CmResult rv = Schedule_i();
+        if (CM_FAILED(rv)) {
+            TraceRefusal(rv);
         }
     }
 
@@ -430,11 +438,7 @@ class CDriver final : public ICmTimerHandler {
         const long long llWait = m_pList->NextDue() - m_pList->Now();
         const long lUsec = static_cast<long>(std::max(llWait / NSEC_PER_USEC, 1LL));
         const CmResult rv = m_pQueue->ScheduleTimer(this, nullptr, CCmTimeValue(0, lUsec), 0);
-        if (CM_FAILED(rv) && rv != CM_ERROR_FOUND) {
-            CM_WARNING_TRACE_THIS("CmPostDelayed, the timer queue refused. rv=" << rv);
-            return rv;
-        }
-        return CM_OK;
+        return rv == CM_ERROR_FOUND ? CM_OK : rv;
     }
 
     ICmTimerQueue* m_pQueue;  // not owned
@@ -476,11 +480,11 @@ class CArrival : public ICmEvent {
 
     CmResult OnEventFire() override {
         CDriver* pDriver = DriverOf(m_pQueue);
-        if (pDriver == nullptr) {
-            CM_WARNING_TRACE_THIS("CmPostDelayed, out of memory on the worker.");
-            return CM_ERROR_OUT_OF_MEMORY;
+        const CmResult rv = pDriver != nullptr ? pDriver->Insert(*m_pCall) : CM_ERROR_OUT_OF_MEMORY;
+        if (CM_FAILED(rv) && rv != CM_ERROR_NOT_FOUND) {  // not when it was cancelled meanwhile
+            TraceRefusal(rv);
         }
-        return pDriver->Insert(*m_pCall);
+        return rv;
     }
 
   private:
