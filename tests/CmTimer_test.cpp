@@ -59,9 +59,11 @@ TEST(CCmTimer, FiresSoManyTimes) {
 }
 
 TEST(CCmTimer, WaitsOnlyWhileTheCallableRuns) {
-    CCmWorker worker;
     Gate gate;
     Gate begun;
+    Gate second;
+    Gate running;
+    CCmWorker worker;
     std::atomic<bool> bReturned{false};
     std::optional<CCmTimer> timer(std::in_place, worker, 1ms, [&] {
         begun.Open();
@@ -79,8 +81,6 @@ TEST(CCmTimer, WaitsOnlyWhileTheCallableRuns) {
     opener.join();
 
     // Another event that runs keeps nobody waiting.
-    Gate second;
-    Gate running;
     CmPost(worker, [&] {
         running.Open();
         second.Wait();
