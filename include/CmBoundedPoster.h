@@ -57,7 +57,8 @@ class CM_UTIL_EXPORT CCmBoundedPoster {
     }
     // Waits for room, without limit or at most aLimit of the monotonic clock: CM_ERROR_TIMEOUT. On
     // the queue's own thread, which alone makes room, it does not wait: CM_ERROR_NOT_AVAILABLE.
-    // When the queue ends, those who wait are refused like all others.
+    // When the queue ends, those who wait are refused like all others. A thread that waits is not
+    // cancelled, but afterwards.
     template <class Callable>
     CmResult Post(Callable&& aFunction) {
         return Post(CCmInterval(CCmTimeValue::s_tvMax), std::forward<Callable>(aFunction));

@@ -236,7 +236,7 @@ class CCmCallEventT final : public ACmCallEvent {
     std::optional<Value> m_Value;
 };
 
-// Lets go of a call's event, also when the calling thread is cancelled while it waits.
+// Lets go of a call's event.
 class CCmCallerEnd {
   public:
     // aEvent: not null.
@@ -271,7 +271,8 @@ auto CmCallT(Target& aTarget, const CCmTimeValue* aLimit, Callable&& aFunction) 
 // its value (a reference is returned as a copy of what it refers to). On the target's own thread it
 // runs at once, overtaking what is pending. Waits without limit for a target that nobody runs; two
 // threads that call each other wait for each other. The callable is destroyed on the target's
-// thread before the caller goes on, so it may capture everything by reference. Costs what a
+// thread before the caller goes on, so it may capture everything by reference; for the same reason
+// the caller is not cancelled meanwhile, but afterwards. Costs what a
 // synchronous send of an event written by hand costs.
 template <class Target, class Callable>
 auto CmCall(Target& aTarget, Callable&& aFunction) {

@@ -27,8 +27,9 @@ namespace UTIL_NS {
 // threads. A callable may end its own guard: it goes on to its end, without the object.
 //
 // A callable that does not run is destroyed like any other: by its queue, perhaps after the object
-// has ended. Its captures must not touch the object when they are destroyed. Wrapping costs no
-// allocation; running costs a lock and an unlock.
+// has ended. Its captures must not touch the object when they are destroyed. While it runs its
+// thread is not cancelled, but afterwards. Wrapping costs no allocation; running costs a lock and
+// an unlock.
 class CM_UTIL_EXPORT CCmLifeGuard {
   public:
     // When memory runs out, the guard is one that has ended.
@@ -77,6 +78,7 @@ class CM_UTIL_EXPORT CCmLifeGuard {
         const CReference m_Reference;
         unsigned long m_ulThread;
         CRun* m_pNext;
+        int m_nCancelState;
         bool m_bAllowed;
     };
 

@@ -1,6 +1,7 @@
 #include "CmEvent.h"
 
 #include <gtest/gtest.h>
+#include <pthread.h>
 
 #include <atomic>
 #include <chrono>
@@ -331,6 +332,36 @@ TEST(CmCall, SaysSo_WhenMemoryRunsOut) {
             bSucceeded = !bHit;
         }
         EXPECT_TRUE(bSucceeded);
+    }
+}
+
+// What the callable captured by reference would be gone otherwise.
+TEST(CmCall, IsNotCancelledWhileItWaits) {
+    TaskThread worker;
+    for (const bool bLimited : {false, true}) {
+        Gate gate;
+        Gate begun;
+        std::atomic<bool> bReturned{false};
+        std::atomic<bool> bWentOn{false};
+        std::thread caller([&] {
+            int nLocal = 0;
+            const auto function = [&] {
+                begun.Open();
+                gate.Wait();
+                nLocal = 1;
+            };
+            bReturned =
+                bLimited ? bool(CmCall(*worker, 20s, function)) : bool(CmCall(*worker, function));
+            bReturned = bReturned && nLocal == 1;
+            pthread_testcancel();
+            bWentOn = true;
+        });
+        EXPECT_TRUE(begun.Wait());
+        EXPECT_EQ(0, pthread_cancel(caller.native_handle()));
+        gate.Open();
+        caller.join();
+        EXPECT_TRUE(bReturned);
+        EXPECT_FALSE(bWentOn);
     }
 }
 

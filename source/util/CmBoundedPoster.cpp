@@ -5,6 +5,7 @@
 
 #include "CmConditionVariable.h"
 #include "CmLifeGuard.h"
+#include "CmNoCancel.h"
 #include "CmQueueOwner.h"
 #include "CmScopedLock.h"
 #include "CmTimedCalls.h"
@@ -34,14 +35,13 @@ struct CCmBoundedPoster::CState final : CCmReferenceControlT<CCmMutexThread> {
         if (CM_FAILED(lock.result())) {
             return lock.result();
         }
+        const CCmNoCancel noCancel;
         CWaiter waiter(*this);
         CmResult rv = CM_OK;
         while (!waiter.m_bHasRoom && CM_SUCCEEDED(rv)) {
             rv = aDeadline == CM_NEVER_NSEC ? m_Room.Wait(nullptr) : m_Room.WaitUntil_i(aDeadline);
         }
-        const bool bHasRoom = waiter.m_bHasRoom;
-        waiter.m_bHasRoom = false;
-        return bHasRoom ? CM_OK : rv;
+        return waiter.m_bHasRoom ? CM_OK : rv;
     }
 
     void GiveRoom() {
@@ -67,18 +67,13 @@ struct CCmBoundedPoster::CState final : CCmReferenceControlT<CCmMutexThread> {
     void End() { m_Guard.End(); }
 
   private:
-    // One that waits, on its own stack; also right when its thread is cancelled in the wait.
+    // One that waits, on its own stack.
     struct CWaiter {
         explicit CWaiter(CState& aState) CM_REQUIRES(aState.m_Mutex) : m_State(aState) {
             *m_State.m_ppEnd = this;
             m_State.m_ppEnd = &m_pNext;
         }
-        ~CWaiter() CM_NO_THREAD_SAFETY_ANALYSIS {
-            if (m_bHasRoom) {
-                m_State.GiveRoom_l();  // nobody is there to use it
-            }
-            m_State.Unlink_l(*this);
-        }
+        ~CWaiter() CM_NO_THREAD_SAFETY_ANALYSIS { m_State.Unlink_l(*this); }
         CWaiter(const CWaiter&) = delete;
         CWaiter& operator=(const CWaiter&) = delete;
 

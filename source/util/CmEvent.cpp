@@ -1,5 +1,6 @@
 #include "CmEvent.h"
 
+#include "CmNoCancel.h"
 #include "CmQueueOwner.h"
 #include "CmScopedLock.h"
 #include "CmTimedCalls.h"
@@ -67,6 +68,7 @@ void ACmCallEvent::OnDestorySelf() {
 }
 
 CmResult ACmCallEvent::Call(ICmEventQueue& aQueue, const CCmTimeValue* aLimit) {
+    const CCmNoCancel noCancel;
     const bool bLimited = aLimit != nullptr && *aLimit < CCmTimeValue::s_tvMax;
     const CmResult rv = bLimited && !CCmQueueOwner::IsOwnThread(aQueue)
                             ? CallWithin_i(aQueue, *aLimit)

@@ -3,6 +3,7 @@
 #include <new>
 
 #include "CmConditionVariable.h"
+#include "CmNoCancel.h"
 #include "CmScopedLock.h"
 #include "CmUtilTemplates.h"
 #include "port/CmSystem.h"
@@ -21,6 +22,8 @@ struct CCmLifeGuard::CState final : CCmReferenceControlT<CCmMutexThread> {
         if (m_bEnded) {
             return false;
         }
+        // A thread that were cancelled now would leave a record of its stack behind.
+        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &aRun.m_nCancelState);
         aRun.m_pNext = m_pRuns;
         m_pRuns = &aRun;
         return true;
@@ -82,11 +85,13 @@ CCmLifeGuard::CRun::CRun(const CReference& aReference)
     : m_Reference(aReference),
       m_ulThread((unsigned long)pthread_self()),
       m_pNext(nullptr),
+      m_nCancelState(PTHREAD_CANCEL_ENABLE),
       m_bAllowed(m_Reference.m_pState != nullptr && m_Reference.m_pState->Enter(*this)) {}
 
 CCmLifeGuard::CRun::~CRun() {
     if (m_bAllowed) {
         m_Reference.m_pState->Leave(*this);
+        pthread_setcancelstate(m_nCancelState, nullptr);
     }
 }
 
@@ -104,6 +109,7 @@ CCmLifeGuard::~CCmLifeGuard() {
 }
 
 void CCmLifeGuard::End() {
+    const CCmNoCancel noCancel;
     while (m_pState != nullptr && !m_pState->End()) {
         const timespec tsNap = {0, NAP_NSEC};
         g_cmSystem.nanosleep(&tsNap, nullptr);

@@ -4,6 +4,7 @@
 #include <memory>
 #include <new>
 
+#include "CmNoCancel.h"
 #include "CmQueueOwner.h"
 #include "CmScopedLock.h"
 #include "CmThread.h"
@@ -206,6 +207,7 @@ CmResult CCmTimedCalls::TryCancel_i(CCmTimedCall& aCall) {
 }
 
 void CCmTimedCalls::WaitWhileItRuns_i(CCmTimedCall& aCall) {
+    const CCmNoCancel noCancel;
     for (;; Nap()) {
         CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
         CmResult rv = lock.result();
