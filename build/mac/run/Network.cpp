@@ -19,6 +19,7 @@
 
 #include "Numbers.h"
 #include "Supply.h"
+#include "Thread.h"
 
 namespace kelto_mac {
 
@@ -241,6 +242,91 @@ hostent* GetHostByName(const char* aName) {
     return pHost;
 }
 
+// ---- getaddrinfo
+
+struct TargetAddrinfo {
+    int flags;
+    int family;
+    int socktype;
+    int protocol;
+    socklen_t addrlen;
+    char* canonname;
+    void* address;
+    TargetAddrinfo* next;
+};
+
+constexpr Pair LOOKUP_FLAGS[] = {
+    {0x1, AI_PASSIVE},      {0x2, AI_CANONNAME},  {0x4, AI_NUMERICHOST},    {0x100, AI_ALL},
+    {0x400, AI_ADDRCONFIG}, {0x800, AI_V4MAPPED}, {0x1000, AI_NUMERICSERV},
+};
+constexpr Pair LOOKUP_ERRORS[] = {
+    {0, 0},
+    {1, EAI_ADDRFAMILY},
+    {2, EAI_AGAIN},
+    {3, EAI_BADFLAGS},
+    {4, EAI_FAIL},
+    {5, EAI_FAMILY},
+    {6, EAI_MEMORY},
+    {7, EAI_NODATA},
+    {8, EAI_NONAME},
+    {9, EAI_SERVICE},
+    {10, EAI_SOCKTYPE},
+    {11, EAI_SYSTEM},
+    {14, EAI_OVERFLOW},
+};
+
+void FreeAddrInfo(TargetAddrinfo* aFirst) {
+    while (aFirst != nullptr) {
+        TargetAddrinfo* const pNext = aFirst->next;
+        free(aFirst->canonname);
+        free(aFirst->address);
+        free(aFirst);
+        aFirst = pNext;
+    }
+}
+
+TargetAddrinfo* Copy(const addrinfo& aHost) {
+    const AddressBytes bytes = ToTarget(aHost.ai_addr);
+    auto* const pTarget = static_cast<TargetAddrinfo*>(calloc(1, sizeof(TargetAddrinfo)));
+    void* const pAddress = malloc(bytes.size());
+    if (pTarget == nullptr || pAddress == nullptr) {
+        Refuse("no memory for an address");
+    }
+    memcpy(pAddress, bytes.data(), bytes.size());
+    *pTarget = {FlagsToTarget(LOOKUP_FLAGS, aHost.ai_flags),
+                ToTarget(FAMILIES, aHost.ai_family),
+                aHost.ai_socktype,
+                aHost.ai_protocol,
+                static_cast<socklen_t>(bytes.size()),
+                aHost.ai_canonname == nullptr ? nullptr : strdup(aHost.ai_canonname),
+                pAddress,
+                nullptr};
+    return pTarget;
+}
+
+int GetAddrInfo(const char* aName, const char* aService, const TargetAddrinfo* aHints,
+                TargetAddrinfo** aFirst) {
+    addrinfo hints = {};
+    if (aHints != nullptr) {
+        hints.ai_flags = FlagsToHost(LOOKUP_FLAGS, aHints->flags);
+        hints.ai_family = ToHost(FAMILIES, aHints->family);
+        hints.ai_socktype = aHints->socktype;
+        hints.ai_protocol = aHints->protocol;
+    }
+    addrinfo* pHost = nullptr;
+    const int nError = Cancellable(
+        [&] { return getaddrinfo(aName, aService, aHints == nullptr ? nullptr : &hints, &pHost); });
+    if (nError != 0) {
+        return ToTarget(LOOKUP_ERRORS, nError);
+    }
+    for (const addrinfo* p = pHost; p != nullptr; p = p->ai_next) {
+        *aFirst = Copy(*p);
+        aFirst = &(*aFirst)->next;
+    }
+    freeaddrinfo(pHost);
+    return 0;
+}
+
 const char* InetNtop(int aFamily, const void* aAddress, char* aText, socklen_t aLength) {
     return inet_ntop(ToHost(FAMILIES, aFamily), aAddress, aText, aLength);
 }
@@ -259,6 +345,9 @@ void SupplyNetwork() {
         {"_ioctl", Address(&Ioctl)},
         {"_getifaddrs", Address(&GetIfAddrs)},
         {"_freeifaddrs", Address(&FreeIfAddrs)},
+        {"_getaddrinfo", Address(&GetAddrInfo)},
+        {"_freeaddrinfo", Address(&FreeAddrInfo)},
+        {"_if_nametoindex", Address(&if_nametoindex)},
         {"_gethostbyname", Address(&GetHostByName)},
         {"_inet_ntop", Address(&InetNtop)},
         {"_inet_pton", Address(&InetPton)},

@@ -103,7 +103,6 @@ CCmSystemTable g_cmSystem = {
     ::strdup,
     ::if_nametoindex,
     ::stat,
-    ::fstat,
     ::getaddrinfo,
     ::freeaddrinfo,
 };

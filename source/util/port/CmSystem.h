@@ -96,7 +96,6 @@ struct CCmSystemTable {
     char* (*strdup)(const char*);
     unsigned (*if_nametoindex)(const char*);
     int (*stat)(const char*, struct stat*);
-    int (*fstat)(int, struct stat*);
     int (*getaddrinfo)(const char*, const char*, const addrinfo*, addrinfo**);
     void (*freeaddrinfo)(addrinfo*);
 };
