@@ -64,6 +64,20 @@ int UnlinkAt(int aFolder, const char* aPath, int aFlags) {
                     (aFlags & TARGET_AT_REMOVEDIR) != 0 ? AT_REMOVEDIR : 0);
 }
 
+constexpr Pair SPECIAL_TIMES[] = {{-1, UTIME_NOW}, {-2, UTIME_OMIT}};  // in tv_nsec
+
+int UtimensAt(int aFolder, const char* aPath, const timespec aTimes[2], int aFlags) {
+    if (aTimes == nullptr || aFlags != 0) {
+        Refuse("utimensat of the present or of a link");
+    }
+    timespec times[2] = {aTimes[0], aTimes[1]};
+    for (timespec& time : times) {
+        time.tv_nsec =
+            time.tv_nsec < 0 ? ToHost(SPECIAL_TIMES, static_cast<int>(time.tv_nsec)) : time.tv_nsec;
+    }
+    return utimensat(FolderToHost(aFolder), aPath, times, 0);
+}
+
 // ---- fcntl
 
 struct TargetFlock {
@@ -216,6 +230,7 @@ void SupplyFiles() {
     Supply({
         {"_open", Address(&Open)},
         {"_openat", Address(&OpenAt)},
+        {"_utimensat", Address(&UtimensAt)},
         {"_unlinkat", Address(&UnlinkAt)},
         {"_read", Address(&Passing<&read>::Call)},
         {"_write", Address(&Passing<&write>::Call)},

@@ -347,6 +347,7 @@ void SupplyNetwork() {
         {"_freeifaddrs", Address(&FreeIfAddrs)},
         {"_getaddrinfo", Address(&GetAddrInfo)},
         {"_freeaddrinfo", Address(&FreeAddrInfo)},
+        {"_if_indextoname", Address(&if_indextoname)},
         {"_if_nametoindex", Address(&if_nametoindex)},
         {"_gethostbyname", Address(&GetHostByName)},
         {"_inet_ntop", Address(&InetNtop)},

@@ -69,7 +69,7 @@ constexpr const char* PLAIN_NAMES[] = {
     // files
     "access chdir chmod dup dup2 fchmod ftruncate getcwd isatty link mkdir mkdtemp mkfifo mkstemp "
     "pipe "
-    "readlink rename symlink truncate umask",
+    "readlink rename symlink truncate umask unlink rmdir",
     // time
     "gettimeofday localtime_r mktime strftime strptime time times tzset",
     // processes
