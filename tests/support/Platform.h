@@ -10,6 +10,8 @@ namespace kelto_test {
 std::string PathOfThisProgram();
 // The threads that live now, the calling one included.
 long ThreadsOfThisProcess();
+// How many bytes a pipe takes before its writer waits.
+int CapacityOfPipe(int aPipe);
 
 }  // namespace kelto_test
 

@@ -1,3 +1,5 @@
+#include <fcntl.h>
+
 #include <filesystem>
 #include <iterator>
 
@@ -12,6 +14,10 @@ std::string PathOfThisProgram() {
 long ThreadsOfThisProcess() {
     return std::distance(std::filesystem::directory_iterator("/proc/self/task"),
                          std::filesystem::directory_iterator());
+}
+
+int CapacityOfPipe(int aPipe) {
+    return fcntl(aPipe, F_GETPIPE_SZ);
 }
 
 }  // namespace kelto_test
