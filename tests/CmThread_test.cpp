@@ -480,6 +480,40 @@ TEST(CmThread, LivesUntilItIsDestroyed_WhenADetachedUnknownTypeIsCreatedAgain) {
     EXPECT_TRUE(Eventually([&] { return life.deleted.load(); }));
 }
 
+TEST(CmThread, HasNoThread_WhenADetachedUnknownTypeCannotBeCreatedAgain) {
+    for (TFlag flag : {TF_JOINABLE, TF_DETACHED}) {
+        Life life;
+        life.released = true;
+        g_nThreadsGone = 0;
+        BodyThread* pThread = new CountedThread(life);
+        ASSERT_EQ(CM_OK, pThread->Create(TT_UNKNOWN, flag, 1));
+        ASSERT_TRUE(Eventually([&] { return g_nThreadsGone == 1; }));
+        EXPECT_EQ(CM_OK, pThread->Join());
+        {
+            kelto_test::FailingCall<&CCmSystemTable::pthread_create> fault(EAGAIN, EAGAIN);
+            EXPECT_EQ(CM_ERROR_UNEXPECTED, pThread->Create(TT_UNKNOWN, TF_DETACHED, 1));
+        }
+        EXPECT_EQ(pthread_t(), pThread->GetThreadId());
+        kelto_test::FailingCall<&CCmSystemTable::pthread_cancel> cancelled(0, 0);
+        EXPECT_EQ(CM_ERROR_FAILURE, pThread->Terminate());
+        EXPECT_EQ(0u, cancelled.calls());
+        pThread->Destory(0);
+        EXPECT_TRUE(life.deleted);
+    }
+}
+
+TEST(CmThread, IsDeletedAtOnce_WhenItAdoptsAThreadAfterADetachedOneOfItsOwn) {
+    Life life;
+    life.released = true;
+    g_nThreadsGone = 0;
+    BodyThread* pThread = new CountedThread(life);
+    ASSERT_EQ(CM_OK, pThread->Create(TT_UNKNOWN, TF_DETACHED, 0));
+    ASSERT_TRUE(Eventually([&] { return g_nThreadsGone == 1; }));
+    ASSERT_EQ(CM_OK, pThread->Create(TT_MAIN, TF_DETACHED, 0));
+    pThread->Destory(0);
+    EXPECT_TRUE(life.deleted);
+}
+
 int s_nDetachState = -1;
 
 // Keeps what state a thread is created in, which a running thread cannot be asked for everywhere.

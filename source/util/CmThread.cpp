@@ -130,10 +130,12 @@ CmResult ACmThread::Create(int aType, TFlag aFlag, signed char bRegister) {
     if (aType == TT_UNKNOWN) {
         CM_WARNING_TRACE("thread type is TT_UNKNOWN");
     }
-    // A detached thread that the object had before (its type was unknown) has ended: that is not
-    // one of the two ends of the new one. Acquire: behind all that it did.
+    // A thread that the object had before (its type was unknown) has ended, which is not one of the
+    // two ends of the new one. Acquire: after all that a detached one did.
+    m_bHasThread = false;
     if (m_bOneEndCame.exchange(false, std::memory_order_acq_rel)) {
         --m_nDestroyRef;
+        m_Tid.store(pthread_t(), std::memory_order_relaxed);  // may be another thread's by now
     }
     m_Type = aType;
     m_Flag = aFlag != 0 ? aFlag : TF_JOINABLE;
