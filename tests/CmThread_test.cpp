@@ -1593,6 +1593,60 @@ TEST_P(CmCancelledThread, EndsEveryEvent_WhenTerminatedWhileItEndsThem) {
     pTask->Destory(0);
 }
 
+template <class Task>
+class ClosableTask : public Task {
+  public:
+    void Close() { this->m_EventQueue.SetStopped(); }
+};
+
+// As a Stop that is overtaken, between its two steps, by other posters.
+template <class Task>
+void ExpectEndOfTheRestAfterTheStopEvent() {
+    kelto_test::ScopedTraceSink sink;
+    EventLog log;
+    auto* const pTask = new ClosableTask<Task>;
+    ASSERT_EQ(CM_OK, pTask->Create(TT_UNKNOWN, TF_JOINABLE, 0));
+    std::atomic<bool> bFirst{false};
+    std::atomic<bool> bGo{false};
+    std::atomic<bool> bBusy{false};
+    ICmEventQueue* const pQueue = pTask->GetEventQueue();
+    pQueue->PostEvent(new LoggedEvent(log, 0,
+                                      [&] {
+                                          bFirst = true;
+                                          Eventually([&] { return bGo.load(); });
+                                          return CM_OK;
+                                      }),
+                      NORMAL);
+    ASSERT_TRUE(Eventually([&] { return bFirst.load(); }));
+    CCmEventStopT<CCmThreadTaskWithEventQueueOnly>::PostStopEvent(pTask);
+    pQueue->PostEvent(new LoggedEvent(log, 1,
+                                      [&] {
+                                          bBusy = true;
+                                          return SpinUntilCancelled();
+                                      }),
+                      NORMAL);
+    pQueue->PostEvent(new LoggedEvent(log, 2), NORMAL);
+    pTask->Close();
+    bGo = true;
+    ASSERT_TRUE(Eventually([&] { return bBusy.load(); }));
+    EXPECT_EQ(0, pTask->Terminate());
+    EXPECT_EQ(CM_OK, pTask->Join());
+    EXPECT_EQ((Ids{0, 1, 2}), log.ended());
+    const CmResult rv = pTask->Create(TT_UNKNOWN, TF_JOINABLE, 0);
+    EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, rv);
+    if (CM_SUCCEEDED(rv)) {  // nothing else ends it
+        pTask->Terminate();
+        pTask->Join();
+    }
+    pTask->Destory(0);
+    EXPECT_EQ((Ids{0, 1}), log.fired());
+}
+
+TEST_P(CmCancelledThread, EndsTheRest_WhenTerminatedAfterItsStopEvent) {
+    ExpectEndOfTheRestAfterTheStopEvent<CCmThreadTaskWithEventQueueOnly>();
+    ExpectEndOfTheRestAfterTheStopEvent<CCmThreadTask>();
+}
+
 // Runs what it is given.
 class WorkThread : public ACmThread {
   public:

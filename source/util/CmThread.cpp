@@ -48,6 +48,14 @@ CCmTimeValue FireDueTimers(CCmTimerQueueBase& aQueue) {
     return std::min(std::max(tvLeft, CCmTimeValue::s_tvZero), tvWait);
 }
 
+// Ends what a stopped worker has not run; also when it is cancelled in an event after its stop
+// event.
+void EndRest(const CCmStopFlag& aFlag, CCmEventQueueUsingConditionVariable& aQueue) {
+    if (aFlag.IsFlagStopped()) {
+        aQueue.StopAndDestoryPendingEvents();
+    }
+}
+
 // What one more entry of the registry takes. CM_OK or CM_ERROR_OUT_OF_MEMORY.
 CmResult NewEntry(std::list<ACmThread*>& aEntry, ACmThread* aThread) {
     try {
@@ -403,10 +411,11 @@ void CCmThreadTaskWithEventQueueOnly::OnThreadInit() {
 
 void CCmThreadTaskWithEventQueueOnly::OnThreadRun() {
     CM_INFO_TRACE_THIS("CCmThreadTaskWithEventQueueOnly::OnThreadRun");
+    CCmCleanUpT endRest([this] { EndRest(*this, m_EventQueue); });
     while (!IsFlagStopped()) {
         RunEvents_i(nullptr, ALL_EVENTS);
     }
-    m_EventQueue.StopAndDestoryPendingEvents();
+    endRest.Execute();
 }
 
 void CCmThreadTaskWithEventQueueOnly::RunEvents_i(CCmTimeValue* aTimeout, DWORD aMaxCount) {
@@ -436,6 +445,7 @@ void CCmThreadTask::OnThreadInit() {
 
 void CCmThreadTask::OnThreadRun() {
     CM_INFO_TRACE_THIS("CCmThreadTask::OnThreadRun, Begin.");
+    CCmCleanUpT endRest([this] { EndRest(*this, m_EventQueue); });
     while (!IsFlagStopped()) {
         CCmTimeValue tvWait = CCmTimeValue::s_tvMax;
         if (m_pTimerQueue != nullptr) {
@@ -443,7 +453,7 @@ void CCmThreadTask::OnThreadRun() {
         }
         RunEvents_i(tvWait == CCmTimeValue::s_tvMax ? nullptr : &tvWait, EVENTS_PER_PASS);
     }
-    m_EventQueue.StopAndDestoryPendingEvents();
+    endRest.Execute();
 }
 
 ICmTimerQueue* CCmThreadTask::GetTimerQueue() {
