@@ -12,6 +12,8 @@
 #include <vector>
 
 #include "CmClock.h"
+#include "CmTimerQueueOrderedList.h"
+#include "CmTimerWrapper.h"
 #include "support/Cancellation.h"
 #include "support/Clock.h"
 #include "support/Events.h"
@@ -1881,6 +1883,14 @@ TEST_P(CmCancelledThread, SendsNextSignalToTheNextConsumer_WhenTerminatedInItsWa
             queue.PopOrWaitPendingEvents(none, nullptr);
         },
         [] { return true; });
+    {
+        kelto_test::FailingCall<&CCmSystemTable::pthread_cond_signal> signals(0, 0);
+        queue.PostEvent(new LoggedEvent(log, 0), NORMAL);
+        EXPECT_EQ(0u, signals.calls());  // nobody waits any more
+        queue.DestoryPendingEvents();
+        std::list<ICmEvent*> none;
+        queue.PopPendingEvents(none);
+    }
     std::atomic<bool> bTook{false};
     std::thread consumer([&] {
         std::list<ICmEvent*> events;
@@ -1892,7 +1902,7 @@ TEST_P(CmCancelledThread, SendsNextSignalToTheNextConsumer_WhenTerminatedInItsWa
     queue.PostEvent(new LoggedEvent(log, 1), NORMAL);
     EXPECT_TRUE(Eventually([&] { return bTook.load(); }));
     consumer.join();
-    EXPECT_EQ(Ids{1}, log.ended());
+    EXPECT_EQ((Ids{0, 1}), log.ended());
 }
 
 std::atomic<bool> g_bInSink{false};
@@ -2002,24 +2012,114 @@ class PointedThread : public WorkThread {
     std::atomic<bool>& m_bDeleted;
 };
 
-TEST_P(CmCancelledThread, DestroysAThread_WhenTerminatedMeanwhile) {
-    std::atomic<bool> bDeleted{false};
+// Runs aWork on a thread that is terminated before: it gets to its end.
+void ExpectUncancelled(std::function<void()> aWork, ICmTimerQueue* aTimerQueue = nullptr) {
+    class CTimedThread : public WorkThread {
+      public:
+        CTimedThread(std::function<void()> aAllWork, ICmTimerQueue* aQueue)
+            : WorkThread(std::move(aAllWork)), m_pQueue(aQueue) {}
+        ICmTimerQueue* GetTimerQueue() override { return m_pQueue; }
+
+      private:
+        ICmTimerQueue* const m_pQueue;
+    };
     std::atomic<bool> bGo{false};
-    PointedThread* pOther = new PointedThread(bDeleted);
-    ASSERT_EQ(CM_OK, pOther->Create(TYPE, TF_JOINABLE, 0));
-    ASSERT_EQ(CM_OK, pOther->Join());
-    WorkThread* pThread = new WorkThread([&] {
-        while (!bGo) {
-        }
-        pOther->Destory(0);
-        SpinUntilCancelled();
-    });
-    ASSERT_EQ(CM_OK, pThread->Create(TYPE, TF_JOINABLE, 0));
+    std::atomic<bool> bDone{false};
+    WorkThread* pThread = new CTimedThread(
+        [&] {
+            while (!bGo) {
+            }
+            aWork();
+            bDone = true;
+            SpinUntilCancelled();
+        },
+        aTimerQueue);
+    ASSERT_EQ(CM_OK, pThread->Create(TYPE, TF_JOINABLE, 1));
     EXPECT_EQ(0, pThread->Terminate());
     bGo = true;
     EXPECT_EQ(CM_OK, pThread->Join());
-    EXPECT_TRUE(bDeleted);
+    EXPECT_TRUE(bDone);
     pThread->Destory(0);
+}
+
+TEST_P(CmCancelledThread, DestroysAThread_WhenTerminatedMeanwhile) {
+    std::atomic<bool> bDeleted{false};
+    PointedThread* pOther = new PointedThread(bDeleted);
+    ASSERT_EQ(CM_OK, pOther->Create(TYPE, TF_JOINABLE, 0));
+    ASSERT_EQ(CM_OK, pOther->Join());
+    ExpectUncancelled([&] { pOther->Destory(0); });
+    EXPECT_TRUE(bDeleted);
+}
+
+template <class Queue>
+void DestroyWithEvents(EventLog& aLog) {
+    Queue queue;
+    queue.PostEvent(new CancelPointEvent, NORMAL);
+    queue.PostEvent(new LoggedEvent(aLog, 1), NORMAL);
+}
+
+TEST_P(CmCancelledThread, EndsWhatAQueueHolds_WhenTerminatedWhileItDestroysIt) {
+    EventLog log;
+    ExpectUncancelled([&] { DestroyWithEvents<CCmEventQueueBase>(log); });
+    ExpectUncancelled([&] { DestroyWithEvents<CCmEventQueueUsingMutex>(log); });
+    ExpectUncancelled([&] { DestroyWithEvents<CCmEventQueueUsingConditionVariable>(log); });
+    EXPECT_EQ((Ids{1, 1, 1}), log.ended());
+    ExpectUncancelled([] { delete new CCmEventSynchronous(new CancelPointEvent, nullptr); });
+}
+
+// Has cancellation points.
+class PointedTimerQueue : public CCmTimerQueueOrderedList {
+  public:
+    PointedTimerQueue() : CCmTimerQueueOrderedList(nullptr) {}
+    CmResult CancelTimer(ICmTimerHandler* aEh) override {
+        kelto_test::TestCancel();
+        return CCmTimerQueueOrderedList::CancelTimer(aEh);
+    }
+};
+
+TEST_P(CmCancelledThread, CancelsTheTimer_WhenTerminatedWhileItsWrapperEnds) {
+    PointedTimerQueue queue;
+    ExpectUncancelled(
+        [] {
+            CCmTimerWrapperID timer;
+            timer.Schedule(nullptr, kelto_test::Ms(1000), 1);
+        },
+        &queue);
+    EXPECT_EQ(CCmTimeValue::s_tvMax, queue.GetEarliestTime());
+}
+
+// Spins in its worker.
+class SpinningHandler final : public ICmTimerHandler {
+  public:
+    void OnTimeout(const CCmTimeValue&, void*) override {
+        m_bBusy = true;
+        SpinUntilCancelled();
+    }
+    std::atomic<bool> m_bBusy{false};
+};
+
+TEST_P(CmCancelledThread, KeepsItsTimers_WhenTerminatedInATimersHandler) {
+    const long lLive = kelto_test::LiveAllocationsBefore();
+    {
+        EventLog log;
+        SpinningHandler handler;
+        ACmThread* pThread = nullptr;
+        ASSERT_EQ(CM_OK, CreateUserTaskThread(&pThread, TF_JOINABLE, true, TYPE));
+        pThread->GetEventQueue()->PostEvent(new EndingEvent([&] {
+                                                pThread->GetTimerQueue()->ScheduleTimer(
+                                                    &handler, nullptr, kelto_test::Ms(1), 2);
+                                            }),
+                                            NORMAL);
+        EXPECT_TRUE(Eventually([&] { return handler.m_bBusy.load(); }));
+        pThread->GetEventQueue()->PostEvent(new LoggedEvent(log, 1), NORMAL);
+        EXPECT_EQ(0, pThread->Terminate());
+        EXPECT_EQ(CM_OK, pThread->Join());
+        EXPECT_EQ(CM_OK, pThread->GetTimerQueue()->CancelTimer(&handler));  // its second firing
+        EXPECT_EQ(1u, pThread->GetEventQueue()->GetPendingEventsCount());
+        pThread->Destory(0);
+        EXPECT_EQ(Ids{1}, log.ended());
+    }
+    EXPECT_EQ(lLive, kelto_test::LiveAllocations());
 }
 
 // The stop event.
