@@ -1409,7 +1409,14 @@ TEST(CmEventQueueUsingConditionVariable, WakesEveryConsumer_WhenSeveralWait) {
         });
     }
     EXPECT_TRUE(Eventually([] { return g_nWaits == CONSUMERS; }));
-    Post(queue, log, 1, CONSUMERS);
+    {
+        // A signal that wakes none: no consumer gets on between the posts.
+        kelto_test::FailingCall<&CCmSystemTable::pthread_cond_signal> signals(
+            0, 0, 1, kelto_test::Failing::FROM_THERE_ON);
+        Post(queue, log, 1, CONSUMERS);
+        EXPECT_EQ(static_cast<unsigned long>(CONSUMERS), signals.calls());
+    }
+    Post(queue, log, CONSUMERS + 1, 2 * CONSUMERS);
     for (std::thread& consumer : consumers) {
         consumer.join();
     }
