@@ -86,11 +86,12 @@ class CM_UTIL_EXPORT ACmThread {
     // Cancels the thread at its next cancellation point and sets the stop flag. The result is that
     // of pthread_cancel, or CM_ERROR_FAILURE when there is no thread to cancel: none was started,
     // or the object adopted one (whose stop flag is set all the same). An event that was firing
-    // ends; what its event queue holds stays pending, the queue accepts posts until a Stop closes
-    // it, and Join and Destory work as usual. The host's own handlers run no destructors on every
-    // system (see "Cancelled threads" in docs/platforms.md). No destructor of theirs may contain a
-    // cancellation point: it cannot be unwound, and the process would end. Create, Destory and the
-    // library's own destructors are none.
+    // ends; what its event queue holds stays pending (or, once a worker has run its stop event,
+    // ends), the queue accepts posts until a Stop closes it, and Join and Destory work as usual.
+    // The host's own handlers run no destructors on every system (see "Cancelled threads" in
+    // docs/platforms.md). No destructor of theirs may contain a cancellation point: it cannot be
+    // unwound, and the process would end. Create, Destory and the library's own destructors are
+    // none.
     CmResult Terminate();
 
     // The start routine of the POSIX thread; pParam is the object. Returns null.
@@ -172,8 +173,8 @@ class CM_UTIL_EXPORT CCmThreadTaskWithEventQueueOnly : public ACmThread, public 
     CCmEventQueueUsingConditionVariable m_EventQueue;
 };
 
-// The same with a timer queue, whose due timers it fires between the events. A timer is late by
-// what runs when it becomes due, and by no more.
+// The same with a timer queue, whose due timers it fires between the events, at least after every
+// five. A timer is late by what runs when it becomes due and before it, and by no more.
 class CM_UTIL_EXPORT CCmThreadTask : public CCmThreadTaskWithEventQueueOnly {
   public:
     CCmThreadTask();
