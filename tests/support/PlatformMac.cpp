@@ -1,6 +1,7 @@
 #include <limits.h>
 #include <mach-o/dyld.h>
 #include <mach/mach.h>
+#include <pthread.h>
 #include <stdlib.h>
 
 #include "support/Platform.h"
@@ -30,5 +31,17 @@ long ThreadsOfThisProcess() {
                   dwThreads * sizeof(*pThreads));
     return dwThreads;
 }
+
+unsigned long long NumberOfThisThread() {
+    uint64_t ullNumber = 0;
+    pthread_threadid_np(nullptr, &ullNumber);
+    return ullNumber;
+}
+
+void NameThisThread(const char* aName) {
+    pthread_setname_np(aName);
+}
+
+const size_t THREAD_NAME_LENGTH_MAX = 63;
 
 }  // namespace kelto_test
