@@ -31,8 +31,14 @@ void Write(unsigned long aLevel, const char* aText, int aNumber) {
 }  // namespace
 
 int main() {
-    CCmConfigInitFile config;
-    const int nRetries = config.GetIntParam("Example", "Retries", 3);
+    CCmConfigReader config;
+    config.ReadMain();  // a file that is missing is an empty one
+    int nRetries = 3;
+    config.GetNumber("Example", "Retries", nRetries, 0, 10);
+    for (const CCmString& strProblem : config.problems()) {
+        std::fprintf(stderr, "%s\n", strProblem.c_str());
+    }
+    config.UseForTrace();  // so that the facility need not read the file again
 
     // Without a sink the facility filters a line by level and hands it to the trace library.
     Write(CM_TRACE_LEVEL_INFO, "retries=", nRetries);

@@ -1,4 +1,4 @@
-// URLs, addresses and encodings.
+// URLs, addresses and encodings, from texts that nobody vouches for.
 
 #include <kelto_util.h>
 
@@ -7,37 +7,55 @@
 
 using namespace UTIL_NS;
 
+namespace {
+
+int Complain(const char* aText, const CCmParsed& aParsed) {
+    std::fprintf(stderr, "%s: column %zu should be %s\n", aText, aParsed.m_nAt + 1,
+                 aParsed.m_pszExpected);
+    return EXIT_FAILURE;
+}
+
+}  // namespace
+
 int main() {
-    // URL objects are counted; one on the heap ends with its last reference.
-    CCmComAutoPtr<CCmHttpUrl> pUrl(new CCmHttpUrl);
-    if (!pUrl->Init("HTTP://example.test:8080/a/b")) {
+    // The parts are views into the text; nothing is allocated.
+    const char* pszUrl = "HTTP://me:secret@[2001:DB8::1]:80/a/./b?room+id=a%20b";
+    CCmUrlParts url;
+    CCmParsed parsed = CmParseUrl(pszUrl, url);
+    if (!parsed) {
+        return Complain(pszUrl, parsed);
+    }
+    CCmString strRoom;
+    parsed = CmFindQueryParameter(url.m_query, "room id", strRoom);
+    if (!parsed) {
+        return Complain(pszUrl, parsed);
+    }
+    url.m_bHasUserInfo = false;  // passwords are not printed
+    CCmString strNormal;
+    if (CM_FAILED(CmNormalizeUrl(url, strNormal))) {
         return EXIT_FAILURE;
     }
-    std::printf("%s on %s, port %u, path %s\n", pUrl->GetScheme().c_str(),
-                pUrl->GetHostName().c_str(), pUrl->GetPort(), pUrl->GetPath().c_str());
-    pUrl->SetPort(0);  // the scheme's default
-    std::printf("printed again: %s\n", pUrl->GetAsciiSpec().c_str());
+    std::printf("port %u, room \"%s\", printed again: %s\n", CmUrlPort(url), strRoom.c_str(),
+                strNormal.c_str());
 
-    CCmString sEncoded;
-    CM_Base64Encode(reinterpret_cast<const unsigned char*>("hi"), 2, sEncoded);
-    CCmString sDecoded;
-    CM_Base64Decode(sEncoded.c_str(), sDecoded);
-    std::printf("%s is %s\n", sEncoded.c_str(), sDecoded.c_str());
+    const char* pszEndpoint = "[::ffff:10.1.2.3]:5004";
+    CCmEndpoint endpoint;
+    parsed = CmParseEndpoint(pszEndpoint, endpoint);
+    if (!parsed) {
+        return Complain(pszEndpoint, parsed);
+    }
+    char achPrinted[CM_IP_PRINTED_SIZE];
+    std::printf("endpoint %s\n", CmPrint(endpoint, achPrinted).data());
 
-    char achQuery[] = "a b/c";
-    char achEscaped[3 * sizeof(achQuery) + 3];
-    std::printf("escaped: %s\n",
-                url_string_encode(achQuery, achEscaped, static_cast<int>(3 * sizeof(achQuery))));
-
-    char achAddress[] = "udp://10.1.2.3:5004";
-    char achScheme[8];
-    char achIp[16];
-    unsigned short wPort = 0;
-    if (transport_address_parse(achAddress, achScheme, sizeof(achScheme), achIp, sizeof(achIp),
-                                &wPort) == 0) {
+    CCmString strEncoded;
+    CCmString strDecoded;
+    if (CM_FAILED(CmEncodeBase64("hi", strEncoded)) || !CmDecodeBase64(strEncoded, strDecoded)) {
         return EXIT_FAILURE;
     }
-    std::printf("%s to %s, port %u, number %lu\n", achScheme, achIp, wPort, ip_2_id(achIp));
-    return pUrl->GetAsciiSpec() == "http://example.test/a/b" && sDecoded == "hi" ? EXIT_SUCCESS
-                                                                                 : EXIT_FAILURE;
+    std::printf("%s is %s\n", strEncoded.c_str(), strDecoded.c_str());
+    parsed = CmDecodeBase64("aG k=", strDecoded);
+    std::printf("aG k= fails at column %zu, which should be %s\n", parsed.m_nAt + 1,
+                parsed.m_pszExpected);
+    return strNormal == "http://[2001:db8::1]/a/b?room+id=a%20b" && !parsed ? EXIT_SUCCESS
+                                                                            : EXIT_FAILURE;
 }

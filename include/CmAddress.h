@@ -1,4 +1,5 @@
-// Addresses as text: transport addresses, names, numbers, and the local host's own.
+// Addresses as text: transport addresses, names, numbers, and the local host's own. For addresses
+// that nobody vouches for: CmStrict.h; to resolve without blocking: CmResolver.h.
 //
 // IPv4 only. Names are resolved by the system's gethostbyname; the first IPv4 address counts,
 // and a name without one counts as not resolved. Resolution blocks. Nothing here locks:

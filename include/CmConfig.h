@@ -18,6 +18,8 @@
 // in the default, a number that does not parse in 0. Values handed out are always terminated and
 // cut to what their buffer holds; where the caller gives none, to 255 characters.
 //
+// A host's own settings are better read by CmConfigReader.h, which tells absent from bad.
+//
 // Any thread may look up. What changes the home directory, a file name or g_cur_env is to be
 // called during start-up, before other threads look up.
 #ifndef CM_CONFIG_H

@@ -2,8 +2,8 @@
 //
 // Both base64 codecs use the alphabet of RFC 4648 with '=' padding and write no line breaks.
 // CM_Base64... works on strings and stops at the first character outside the alphabet;
-// xbase64_... works on buffers and takes such characters for 'A'. Any thread, except that two
-// threads must not share an output.
+// xbase64_... works on buffers and takes such characters for 'A'. For text that nobody vouches for:
+// CmStrict.h. Any thread, except that two threads must not share an output.
 #ifndef CM_ENCODING_H
 #define CM_ENCODING_H
 

@@ -1,4 +1,4 @@
-// URLs of five schemes, and text replacement.
+// URLs of five schemes, and text replacement. For URLs that nobody vouches for: CmStrict.h.
 #ifndef CM_HTTP_URL_H
 #define CM_HTTP_URL_H
 

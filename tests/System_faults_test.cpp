@@ -1,9 +1,11 @@
 // Every row of the tables is one system call that fails with one error; support/FaultRows.h says
 // how it is run. tests/calls sees that no call is left out.
 #include <errno.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <net/if.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -17,7 +19,10 @@
 #include "CmClock.h"
 #include "CmConditionVariable.h"
 #include "CmConfig.h"
+#include "CmConfigReader.h"
 #include "CmLogStream.h"
+#include "CmResolver.h"
+#include "CmStrict.h"
 #include "CmT120Trace.h"
 #include "CmT120TraceFile.h"
 #include "CmThread.h"
@@ -27,6 +32,7 @@
 #include "port/CmPort.h"
 #include "support/FaultRows.h"
 #include "support/Home.h"
+#include "support/Threads.h"
 #include "support/TraceLibrary.h"
 
 namespace UTIL_NS {
@@ -284,6 +290,47 @@ hostent* Localhost(const char* /*aName*/) {
     return &s_host;
 }
 
+// Asks for a name and waits until its thread has gone, too, with what it held.
+long ResolveByEvent() {
+    class CAnswer : public ACmResolution {
+      public:
+        explicit CAnswer(long& aResult) : m_lResult(aResult) {}
+        void OnResolved() override { m_lResult = result(); }
+
+      private:
+        long& m_lResult;
+    };
+    const int nThreads = kelto_test::LiveThreadsAtRest();
+    long lResult = -1;
+    {
+        CCmEventQueueUsingConditionVariable queue;
+        queue.BindToCurrentThread();
+        CCmResolver resolver;
+        EXPECT_EQ(CM_OK, resolver.Resolve("localhost", &queue, new CAnswer(lResult),
+                                          CCmTimeValue(60), CCmIpAddress::IPV4));
+        std::list<ICmEvent*> events;
+        while (lResult < 0 && queue.PopOrWaitPendingEvents(events, nullptr) != CM_ERROR_FAILURE) {
+            queue.ProcessEvents(events);
+            events.clear();
+        }
+    }
+    for (int i = 0; i < 2000 && kelto_test::LiveThreads() > nThreads; ++i) {
+        SleepMs(1);
+    }
+    return lResult;
+}
+
+// Of the interface that every machine has.
+long FindZone() {
+    char szName[IF_NAMESIZE] = "";
+    CCmEndpoint endpoint;
+    sockaddr_storage storage;
+    socklen_t nLength = 0;
+    EXPECT_TRUE(
+        CmParseEndpoint("[fe80::1%" + std::string(if_indextoname(1, szName)) + "]:1", endpoint));
+    return CmToSocketAddress(endpoint, storage, nLength);
+}
+
 long Resolve() {
     char szName[] = "host";
     char szIp[CM_IP_TEXT_SIZE] = "";
@@ -475,6 +522,14 @@ TEST(SystemFaults, NetworkCalls_FailWithTheirResultAndLine) {
         {"own name ENAMETOOLONG", Fault<&T::gethostname>(ENAMETOOLONG, -1), OwnAddress, 1, 0,
          NO_LINE},
         {"own name EFAULT", Fault<&T::gethostname>(EFAULT, -1), OwnAddress, 1, 0, NO_LINE},
+        {"answer EAI_AGAIN", Fault<&T::getaddrinfo>(0, EAI_AGAIN), ResolveByEvent, CM_OK,
+         CM_ERROR_NOT_AVAILABLE, NO_LINE},
+        {"answer EAI_NONAME", Fault<&T::getaddrinfo>(0, EAI_NONAME), ResolveByEvent, CM_OK,
+         CM_ERROR_NOT_FOUND, NO_LINE},
+        {"answer EAI_SYSTEM", Fault<&T::getaddrinfo>(EMFILE, EAI_SYSTEM), ResolveByEvent, CM_OK,
+         CM_ERROR_FAILURE, NO_LINE},
+        {"zone ENXIO", Fault<&T::if_nametoindex, unsigned>(ENXIO, 0), FindZone, CM_OK,
+         CM_ERROR_NOT_FOUND, NO_LINE},
     });
 }
 
@@ -502,6 +557,18 @@ TEST(SystemFaults, ProfileCalls_FailWithTheirResult) {
         s_bPipeWaits = true;
         return lookUp();
     };
+    const timespec longAgo[] = {{1000000000, 0}, {1000000000, 0}};
+    ASSERT_EQ(0, utimensat(AT_FDCWD, sProfile.c_str(), longAgo, 0));
+    const auto snapshot = [&] {
+        CCmConfigReader config;
+        int nNumber = 0;
+        const CmResult rv = config.Read(sProfile.c_str());
+        config.GetNumber("s", "k", nNumber);
+        return static_cast<long>(CM_SUCCEEDED(rv) ? nNumber : rv);
+    };
+    CCmConfigReader before;
+    ASSERT_EQ(CM_OK, before.Read(sProfile.c_str()));
+    const auto hasChanged = [&] { return before.HasChanged() ? 1L : 0L; };
     const std::unique_ptr<FILE, int (*)(FILE*)> pStream(fopen(sProfile.c_str(), "rt"), fclose);
     const auto readStream = [&] {
         char szValue[8];
@@ -519,6 +586,19 @@ TEST(SystemFaults, ProfileCalls_FailWithTheirResult) {
         {"wait ENOMEM", Fault<&T::poll>(ENOMEM, -1), lookUpPipe, 42, 7, NO_LINE},
         {"wait EINTR", Fault<&T::poll>(EINTR, -1), lookUpPipe, 42, 42, NO_LINE},
         {"close EIO", Fault<&T::close>(EIO, -1, Effect::ALL_THE_SAME), lookUp, 42, 42, NO_LINE},
+        {"snapshot, open EACCES", Fault<&T::open>(EACCES, -1), snapshot, 42, CM_ERROR_FAILURE,
+         NO_LINE},
+        {"snapshot, open ENOENT", Fault<&T::open>(ENOENT, -1), snapshot, 42, CM_ERROR_NOT_FOUND,
+         NO_LINE},
+        {"snapshot, fstat EIO", Fault<&T::fstat>(EIO, -1), snapshot, 42, CM_ERROR_FAILURE, NO_LINE,
+         2},
+        {"snapshot, read EIO", Fault<&T::pread, ssize_t>(EIO, -1), snapshot, 42, CM_ERROR_FAILURE,
+         NO_LINE, 2},
+        {"snapshot, read EINTR", Fault<&T::pread, ssize_t>(EINTR, -1), snapshot, 42, 42, NO_LINE, 2,
+         true},
+        {"snapshot, close EIO", Fault<&T::close>(EIO, -1, Effect::ALL_THE_SAME), snapshot, 42, 42,
+         NO_LINE},
+        {"has changed", Fault<&T::stat>(EACCES, -1), hasChanged, 0, 1, NO_LINE},
         {"stream EIO", Fault<&T::fgets, char*>(EIO, nullptr), readStream, 1, 0, NO_LINE, 2},
     });
 }

@@ -5,9 +5,12 @@
 #include <cstring>
 
 #include "CmConfig.h"
+#include "CmStrict.h"
 #include "CmT120Trace.h"
 
 namespace rtp_monitor {
+
+const char CONFIG_SECTION[] = "RtpMonitor";
 
 const char HELP_TEXT[] =
     R"(rtp_monitor: shows what the RTP streams of a capture or of a UDP port do
@@ -32,7 +35,8 @@ Options:
 
 Settings are read from section RtpMonitor of conf/kelto.cfg (keys Workers, Interval, Level, and
 Clock.TYPE for each payload type); options override them. Section Trace of the same file says what
-the library itself traces.
+the library itself traces. A value there that makes no sense ends the run; a key of section
+RtpMonitor that means nothing is named on standard error.
 
 Columns: packets and bytes (of payload) that arrived; lost, of those expected by sequence number;
 dup, arrived again; late, arrived out of order; jitter as in RFC 3550, in milliseconds; kbit/s over
@@ -47,29 +51,15 @@ or the input. What was read before is shown all the same.
 
 namespace {
 
-constexpr char CONFIG_SECTION[] = "RtpMonitor";
+using UTIL_NS::CmParseNumber;
+
 constexpr unsigned int MAX_WORKERS = 64;
 constexpr unsigned int MIN_INTERVAL_MS = 100;
 constexpr unsigned int MAX_INTERVAL_MS = 3600000;
 constexpr unsigned int MAX_PAYLOAD_TYPE = 127;
 constexpr unsigned int MAX_CLOCK_RATE = 10000000;  // Hz
 
-bool ParseNumber(const std::string& aText, unsigned int aMin, unsigned int aMax,
-                 unsigned int* aNumber) {
-    if (aText.empty() || aText.find_first_not_of("0123456789") != std::string::npos ||
-        aText.size() > 9) {
-        return false;
-    }
-    const unsigned int dwNumber =
-        static_cast<unsigned int>(std::strtoul(aText.c_str(), nullptr, 10));
-    if (dwNumber < aMin || dwNumber > aMax) {
-        return false;
-    }
-    *aNumber = dwNumber;
-    return true;
-}
-
-bool ParseLevel(const std::string& aText, unsigned long* aLevel) {
+bool ParseLevel(std::string_view aText, unsigned long* aLevel) {
     if (aText == "error") {
         *aLevel = UTIL_NS::CM_TRACE_LEVEL_ERROR;
     } else if (aText == "warning") {
@@ -87,8 +77,8 @@ bool ParseClock(const std::string& aText, ClockRates* aClockRates) {
     unsigned int dwType = 0;
     unsigned int dwRate = 0;
     if (nEqual == std::string::npos ||
-        !ParseNumber(aText.substr(0, nEqual), 0, MAX_PAYLOAD_TYPE, &dwType) ||
-        !ParseNumber(aText.substr(nEqual + 1), 1, MAX_CLOCK_RATE, &dwRate)) {
+        !CmParseNumber(aText.substr(0, nEqual), dwType, 0U, MAX_PAYLOAD_TYPE) ||
+        !CmParseNumber(aText.substr(nEqual + 1), dwRate, 1U, MAX_CLOCK_RATE)) {
         return false;
     }
     (*aClockRates)[static_cast<uint8_t>(dwType)] = dwRate;
@@ -106,19 +96,21 @@ bool SetHome(std::string aHome) {
     return true;
 }
 
-// Values that make no sense leave the default.
-void ReadConfiguration(Options* aOptions) {
-    UTIL_NS::CCmConfigInitFile config;
-    const auto number = [&config](const std::string& aKey, unsigned int aMin, unsigned int aMax,
-                                  unsigned int* aNumber) {
-        return ParseNumber(config.GetStringParam(CONFIG_SECTION, aKey, ""), aMin, aMax, aNumber);
-    };
-    number("Workers", 1, MAX_WORKERS, &aOptions->workers);
-    number("Interval", MIN_INTERVAL_MS, MAX_INTERVAL_MS, &aOptions->intervalMs);
-    ParseLevel(config.GetStringParam(CONFIG_SECTION, "Level", ""), &aOptions->traceLevel);
+// Values that are absent leave the default.
+void ReadConfiguration(UTIL_NS::CCmConfigReader* aConfig, Options* aOptions) {
+    aConfig->ReadMain();
+    aConfig->GetNumber(CONFIG_SECTION, "Workers", aOptions->workers, 1U, MAX_WORKERS);
+    aConfig->GetNumber(CONFIG_SECTION, "Interval", aOptions->intervalMs, MIN_INTERVAL_MS,
+                       MAX_INTERVAL_MS);
+    std::string_view level;
+    if (aConfig->GetText(CONFIG_SECTION, "Level", level) == UTIL_NS::CM_OK &&
+        !ParseLevel(level, &aOptions->traceLevel)) {
+        aConfig->Refuse(CONFIG_SECTION, "Level", "error, warning or info");
+    }
     for (unsigned int dwType = 0; dwType <= MAX_PAYLOAD_TYPE; ++dwType) {
         unsigned int dwRate = 0;
-        if (number("Clock." + std::to_string(dwType), 1, MAX_CLOCK_RATE, &dwRate)) {
+        if (aConfig->GetNumber(CONFIG_SECTION, "Clock." + std::to_string(dwType), dwRate, 1U,
+                               MAX_CLOCK_RATE) == UTIL_NS::CM_OK) {
             aOptions->clockRates[static_cast<uint8_t>(dwType)] = dwRate;
         }
     }
@@ -127,10 +119,11 @@ void ReadConfiguration(Options* aOptions) {
 // Applies one option that takes a value; false when the value makes no sense.
 bool ApplyValue(const std::string& aName, const std::string& aValue, Options* aOptions) {
     if (aName == "--workers") {
-        return ParseNumber(aValue, 1, MAX_WORKERS, &aOptions->workers);
+        return static_cast<bool>(CmParseNumber(aValue, aOptions->workers, 1U, MAX_WORKERS));
     }
     if (aName == "--interval") {
-        return ParseNumber(aValue, MIN_INTERVAL_MS, MAX_INTERVAL_MS, &aOptions->intervalMs);
+        return static_cast<bool>(
+            CmParseNumber(aValue, aOptions->intervalMs, MIN_INTERVAL_MS, MAX_INTERVAL_MS));
     }
     if (aName == "--clock") {
         return ParseClock(aValue, &aOptions->clockRates);
@@ -176,14 +169,15 @@ bool Options::IsLive() const {
     return input.find("://") != std::string::npos;
 }
 
-bool ReadOptions(int aArgCount, char** aArgs, Options* aOptions, std::string* aError) {
+bool ReadOptions(int aArgCount, char** aArgs, UTIL_NS::CCmConfigReader* aConfig, Options* aOptions,
+                 std::string* aError) {
     if (!ApplyHome(aArgCount, aArgs)) {
         *aError =
             "the home directory given with --home must have 1 to 15 characters, the last '/' among "
             "them";
         return false;
     }
-    ReadConfiguration(aOptions);
+    ReadConfiguration(aConfig, aOptions);
     for (int i = 1; i < aArgCount; ++i) {
         const std::string sArg(aArgs[i]);
         if (sArg == "--help") {

@@ -4,6 +4,7 @@
 
 #include <string>
 
+#include "CmConfigReader.h"
 #include "Worker.h"
 
 namespace rtp_monitor {
@@ -22,11 +23,14 @@ struct Options {
     bool IsLive() const;
 };
 
+extern const char CONFIG_SECTION[];
 extern const char HELP_TEXT[];
 
 // False, with a whole sentence in aError, when the arguments make no sense. Sets the home directory
-// first (--home), then reads section RtpMonitor of its conf/kelto.cfg, then applies the rest.
-bool ReadOptions(int aArgCount, char** aArgs, Options* aOptions, std::string* aError);
+// first (--home), then reads its conf/kelto.cfg into aConfig and takes section RtpMonitor of it,
+// whose bad values are problems of aConfig, then applies the rest.
+bool ReadOptions(int aArgCount, char** aArgs, UTIL_NS::CCmConfigReader* aConfig, Options* aOptions,
+                 std::string* aError);
 
 }  // namespace rtp_monitor
 

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <vector>
 
-#include "CmAddress.h"
+#include "CmStrict.h"
 #include "CmTimeValue.h"
 #include "PacketSource.h"
 
@@ -16,7 +16,7 @@ namespace rtp_monitor {
 
 namespace {
 
-constexpr char EMPTY_HOST[] = "udp://:";
+constexpr char SCHEME[] = "udp";
 constexpr suseconds_t IDLE_USEC = 100000;
 constexpr size_t MAX_UDP_SIZE = 65536;
 constexpr int RECEIVE_BUFFER_SIZE = 4 << 20;  // bytes; absorbs bursts, a wish only
@@ -62,22 +62,18 @@ class SocketSource : public PacketSource {
     std::string m_sError;
 };
 
-// Fills aLocal from udp://ADDRESS:PORT. The library takes more than that for an address: no host,
-// and ports of which it keeps the low 16 bits.
-bool ParseAddress(std::string aAddress, sockaddr_in* aLocal) {
-    const std::string sPort = aAddress.substr(aAddress.rfind(':') + 1);
-    char achScheme[8] = "";
-    char achIp[UTIL_NS::CM_IP_TEXT_SIZE] = "";
-    unsigned short wPort = 0;
-    if (aAddress.rfind(EMPTY_HOST, 0) == 0 ||
-        UTIL_NS::transport_address_parse(&aAddress[0], achScheme, sizeof(achScheme), achIp,
-                                         sizeof(achIp), &wPort) == 0 ||
-        std::strcmp(achScheme, "udp") != 0 || wPort == 0 || sPort != std::to_string(wPort)) {
+// Fills aLocal from udp://ADDRESS:PORT.
+bool ParseAddress(const std::string& aAddress, sockaddr_in* aLocal) {
+    UTIL_NS::CCmUrlParts url;
+    if (!UTIL_NS::CmParseUrl(aAddress, url) || url.m_scheme != SCHEME ||
+        url.m_hostKind != UTIL_NS::CCmUrlParts::IPV4_HOST || url.m_wPort == 0 ||
+        url.m_bHasUserInfo || !url.m_path.empty() || url.m_bHasQuery || url.m_bHasFragment) {
         return false;
     }
-    aLocal->sin_family = AF_INET;
-    aLocal->sin_port = htons(wPort);
-    aLocal->sin_addr.s_addr = htonl(static_cast<uint32_t>(UTIL_NS::ip_2_id(achIp)));
+    sockaddr_storage storage;
+    socklen_t nLength = 0;
+    UTIL_NS::CmToSocketAddress({url.m_hostAddress, url.m_wPort}, storage, nLength);
+    std::memcpy(aLocal, &storage, sizeof(*aLocal));
     return true;
 }
 

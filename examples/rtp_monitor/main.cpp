@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "CmConfigReader.h"
 #include "CmT120Trace.h"
 #include "CmTimeValue.h"
 #include "CmTrace.h"
@@ -217,18 +218,36 @@ Totals Monitor::Collect(const Receiver& aReceiver) {
     return totals;
 }
 
+// What is wrong with the configuration; false when that ends the run.
+bool CheckConfiguration(const UTIL_NS::CCmConfigReader& aConfig) {
+    std::vector<std::string> unasked;
+    aConfig.ListUnasked(CONFIG_SECTION, unasked);
+    for (const std::string& sSentence : unasked) {
+        Complain(sSentence);
+    }
+    for (const std::string& sSentence : aConfig.problems()) {
+        Complain(sSentence);
+    }
+    return aConfig.problems().empty();
+}
+
 int Main(int aArgCount, char** aArgs) {
+    UTIL_NS::CCmConfigReader config;
     Options options;
     std::string sError;
-    if (!ReadOptions(aArgCount, aArgs, &options, &sError)) {
+    if (!ReadOptions(aArgCount, aArgs, &config, &options, &sError)) {
         return Complain(sError);
     }
     if (options.help) {
         std::printf("%s", HELP_TEXT);
         return EXIT_SUCCESS;
     }
+    if (!CheckConfiguration(config)) {
+        return EXIT_TROUBLE;
+    }
     // Before the first trace line, which makes the trace library look at it.
     setenv("QTRACE_FILE", options.traceFile.c_str(), 1);
+    config.UseForTrace();
     CatchInterrupts();
     return Monitor(options).Run();
 }

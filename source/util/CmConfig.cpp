@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "CmCancel.h"
+#include "CmMainSnapshot.h"
 #include "CmProcessName.h"
 #include "CmProfileReader.h"
 #include "CmScopedLock.h"
@@ -143,13 +144,28 @@ int get_string_from_profile(const char* aSection, const char* aKey, const char* 
     return static_cast<int>(CopyTerminated(aOut, static_cast<size_t>(aOutSize), ViewOf(aDefault)));
 }
 
+namespace {
+
+// As get_string_from_profile of the main configuration file with an empty default.
+int ReadMainProfile(const char* aSection, const char* aKey, char* aOut, int aOutSize) {
+    CCmMainSnapshot* pSnapshot = CCmMainSnapshot::Current();
+    if (pSnapshot == nullptr || aSection == nullptr || aKey == nullptr) {
+        char szPath[CM_CONFIG_PATH_SIZE];
+        get_config_file_name(szPath);
+        return get_string_from_profile(aSection, aKey, "", aOut, aOutSize, szPath);
+    }
+    std::string_view value;
+    pSnapshot->Find(aSection, aKey, value);
+    return static_cast<int>(CopyTerminated(aOut, static_cast<size_t>(aOutSize), value));
+}
+
+}  // namespace
+
 int get_string_param(const char* aSection, const char* aKey, char* aOut, int aOutSize) {
     if (aOut == nullptr || aOutSize <= 0) {
         return 0;
     }
-    char szPath[CM_CONFIG_PATH_SIZE];
-    get_config_file_name(szPath);
-    const int nLength = get_string_from_profile(aSection, aKey, "", aOut, aOutSize, szPath);
+    const int nLength = ReadMainProfile(aSection, aKey, aOut, aOutSize);
     if (nLength < 1) {
         return 0;
     }

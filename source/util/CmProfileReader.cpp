@@ -49,14 +49,6 @@ bool IsToBeRepeated(int aFile) {
 
 }  // namespace
 
-int CmOpenForReading(const char* aPath) {
-    int nFile;
-    do {
-        nFile = g_cmSystem.open(aPath, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0);
-    } while (nFile < 0 && errno == EINTR);
-    return nFile;
-}
-
 bool CmIsProfileBlank(char aChar) {
     return aChar == ' ' || aChar == '\t' || aChar == '\r' || aChar == '\n';
 }
@@ -92,33 +84,57 @@ bool CmEqualsIgnoringCase(std::string_view aLeft, std::string_view aRight) {
     return true;
 }
 
-CCmProfileSearch::Step CCmProfileSearch::Examine(std::string_view aLine) {
+CCmProfileLine CmSplitProfileLine(std::string_view aLine) {
     const std::string_view line = aLine.substr(0, aLine.find('\0'));
+    CCmProfileLine split;
     if (CmIsProfileComment(line)) {
-        return Step::GO_ON;
+        return split;
     }
     const size_t nOpen = line.find('[');
     const size_t nClose = nOpen == line.npos ? line.npos : line.find(']');
     if (nClose != line.npos) {
-        return ExamineHeader(line, nOpen, nClose);
+        // The first "]" cuts the line; one ahead of the "[" leaves the name behind it whole.
+        const size_t nLength = nClose > nOpen ? nClose - nOpen - 1 : line.npos;
+        split.kind = CCmProfileLine::HEADER;
+        split.name = line.substr(nOpen + 1, nLength);
+        return split;
     }
-    const size_t nEqual = m_bInside ? line.find('=') : line.npos;
-    if (nEqual == line.npos || !CmEqualsIgnoringCase(CmTrimmed(line.substr(0, nEqual)), m_key)) {
-        return Step::GO_ON;
+    const size_t nEqual = line.find('=');
+    if (nEqual != line.npos) {
+        split.kind = CCmProfileLine::KEY;
+        split.name = line.substr(0, nEqual);
+        split.value = line.substr(nEqual + 1);
     }
-    m_value = Unquoted(CmTrimmed(line.substr(nEqual + 1)));
-    return Step::FOUND;
+    return split;
 }
 
-CCmProfileSearch::Step CCmProfileSearch::ExamineHeader(std::string_view aLine, size_t aOpen,
-                                                       size_t aClose) {
-    if (m_bInside) {
-        return Step::OUT_OF_REACH;
+std::string_view CmProfileValue(std::string_view aText) {
+    return Unquoted(CmTrimmed(aText));
+}
+
+int CmOpenForReading(const char* aPath) {
+    int nFile;
+    do {
+        nFile = g_cmSystem.open(aPath, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0);
+    } while (nFile < 0 && errno == EINTR);
+    return nFile;
+}
+
+CCmProfileSearch::Step CCmProfileSearch::Examine(std::string_view aLine) {
+    const CCmProfileLine line = CmSplitProfileLine(aLine);
+    if (line.kind == CCmProfileLine::HEADER) {
+        if (m_bInside) {
+            return Step::OUT_OF_REACH;
+        }
+        m_bInside = CmEqualsIgnoringCase(CmTrimmed(line.name), m_section);
+        return Step::GO_ON;
     }
-    // The first "]" cuts the line; one ahead of the "[" leaves the name behind it whole.
-    const size_t nLength = aClose > aOpen ? aClose - aOpen - 1 : aLine.npos;
-    m_bInside = CmEqualsIgnoringCase(CmTrimmed(aLine.substr(aOpen + 1, nLength)), m_section);
-    return Step::GO_ON;
+    if (!m_bInside || line.kind != CCmProfileLine::KEY ||
+        !CmEqualsIgnoringCase(CmTrimmed(line.name), m_key)) {
+        return Step::GO_ON;
+    }
+    m_value = CmProfileValue(line.value);
+    return Step::FOUND;
 }
 
 bool CCmStreamLines::Next(std::string_view& aLine) {

@@ -20,6 +20,18 @@ bool CmIsProfileComment(std::string_view aLine);
 // ASCII letters only, whatever the locale.
 bool CmEqualsIgnoringCase(std::string_view aLeft, std::string_view aRight);
 
+// A line taken apart; nothing is trimmed. aLine: with or without its line end; a NUL ends what is
+// seen of it.
+struct CCmProfileLine {
+    enum Kind { OTHER, HEADER, KEY };
+    Kind kind = OTHER;
+    std::string_view name;   // of the section or of the key
+    std::string_view value;  // of the key
+};
+CCmProfileLine CmSplitProfileLine(std::string_view aLine);
+// Trimmed and without its quotes.
+std::string_view CmProfileValue(std::string_view aText);
+
 // Examines the lines of one profile, in order, until the key is found or out of reach.
 class CCmProfileSearch {
   public:
@@ -36,8 +48,6 @@ class CCmProfileSearch {
     std::string_view value() const { return m_value; }
 
   private:
-    Step ExamineHeader(std::string_view aLine, size_t aOpen, size_t aClose);
-
     const std::string_view m_section;
     const std::string_view m_key;
     bool m_bInside = false;

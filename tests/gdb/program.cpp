@@ -36,8 +36,8 @@ class CSchedule : public ICmEvent {
 
   private:
     CmResult OnEventFire() override {
-        return m_pWorker->GetTimerQueue()->ScheduleTimer(m_pHandler, nullptr,
-                                                         CCmTimeValue(3600, 0), 1);
+        return m_pWorker->GetTimerQueue()->ScheduleTimer(m_pHandler, nullptr, CCmTimeValue(3600, 0),
+                                                         1);
     }
 
     ACmThread* m_pWorker;

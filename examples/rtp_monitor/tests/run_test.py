@@ -4,6 +4,7 @@
     run_test.py path/to/rtp_monitor test_Name
 """
 
+import ctypes
 import json
 import os
 import pty
@@ -11,6 +12,7 @@ import re
 import shutil
 import signal
 import socket
+import struct
 import subprocess
 import sys
 import tempfile
@@ -24,6 +26,7 @@ from captures import ethernet, ipv4, ipv6, pcap, pcapng, rtp, sll, sll2, udp
 TESTS = os.path.dirname(os.path.abspath(__file__))
 CALL = os.path.join(TESTS, "..", "data", "call.pcap")
 CALL_CLOCKS = ("--clock", "96=90000", "--clock", "97=48000")
+IN_OPEN, IN_CLOSE = 0x20, 0x18
 LIMIT = 60  # seconds; a run that takes longer hangs
 MONITOR = ""
 
@@ -293,7 +296,9 @@ class RtpMonitor(unittest.TestCase):
 
     def test_Complains_AboutBadAddresses(self):
         for address in ("tcp://127.0.0.1:5004", "udp://127.0.0.1", "udp://127.0.0.1:0",
-                        "udp://127.0.0.1:65537", "udp://127.0.0.1:port", "udp://:5004", "udp://"):
+                        "udp://127.0.0.1:65537", "udp://1.2.3:5904",
+                        "udp://300.1.1.1:5004", "udp://[::1]:5004", "udp://127.0.0.1:5004/",
+                        "udp://me@127.0.0.1:5004", "udp://127.0.0.1:port", "udp://:5004", "udp://"):
             with self.subTest(address):
                 self.assert_complains([address], f"cannot read from {address}: it is not of the "
                                       "form udp://ADDRESS:PORT")
@@ -390,6 +395,52 @@ class RtpMonitor(unittest.TestCase):
         text = self.trace_text()
         self.assertEqual(len(re.findall("CCmThreadTask::OnThreadRun, Begin", text)), 3)
         self.assertNotIn("rtp_monitor: ", text)
+
+    def configure(self, text, age=60):
+        """Writes the configuration file as if it had been there for some seconds."""
+        path = os.path.join(self.home, "conf", "kelto.cfg")
+        os.makedirs(os.path.dirname(path), exist_ok=True)
+        with open(path, "w") as file:
+            file.write(text)
+        os.utime(path, (time.time() - age, time.time() - age))
+        return path
+
+    @unittest.skipUnless(sys.platform == "linux", "counts by inotify")
+    def test_OpensTheConfigurationOnce(self):
+        path = self.configure("[Trace]\nEnable = TRUE\n[RtpMonitor]\nWorkers = 3\n")
+        libc = ctypes.CDLL(None, use_errno=True)
+        watch = libc.inotify_init1(os.O_NONBLOCK)
+        self.addCleanup(os.close, watch)
+        # With the closes between them no two opens are merged into one event.
+        self.assertGreater(libc.inotify_add_watch(watch, path.encode(), IN_OPEN | IN_CLOSE), 0)
+        done = self.run_monitor("--fast", "--json", CALL)
+        self.assertEqual((done.stderr, done.returncode), ("", 0))
+        events = os.read(watch, 1 << 20)
+        opens = 0
+        while events:
+            _, mask, _, length = struct.unpack_from("iIII", events)
+            opens += 1 if mask & IN_OPEN else 0
+            events = events[16 + length:]
+        self.assertEqual(opens, 1)
+
+    def test_Complains_AboutBadSettings(self):
+        path = self.configure("[RtpMonitor]\nWorkers = two\nInterval = 20ms\nLevel = loud\n"
+                              "Clock.96 = 0x10\n")
+        done = self.run_monitor("--fast", CALL)
+        self.assertEqual((done.stdout, done.returncode), ("", 2))
+        where = "in section [RtpMonitor] should be"
+        self.assertEqual(done.stderr.splitlines(), [
+            f'rtp_monitor: {path}:2: Workers = "two" {where} a whole number from 1 to 64.',
+            f'rtp_monitor: {path}:3: Interval = "20ms" {where} a whole number from 100 to 3600000.',
+            f'rtp_monitor: {path}:4: Level = "loud" {where} error, warning or info.',
+            f'rtp_monitor: {path}:5: Clock.96 = "0x10" {where} a whole number from 1 to 10000000.'])
+
+    def test_Warns_AboutSettingsThatMeanNothing(self):
+        path = self.configure("[RtpMonitor]\nWrokers = 3\n[Other]\nx = 1\n")
+        done = self.run_monitor("--fast", "--json", CALL)
+        self.assertEqual(done.returncode, 0)
+        self.assertEqual(done.stderr, f"rtp_monitor: {path}:2: the key Wrokers in section "
+                                      "[RtpMonitor] means nothing here.\n")
 
     def test_WritesTraceLinesWhereToldTo(self):
         path = os.path.join(self.home, "own.log")

@@ -101,6 +101,11 @@ CCmSystemTable g_cmSystem = {
     Regexec,
     ::malloc,
     ::strdup,
+    ::if_nametoindex,
+    ::stat,
+    ::fstat,
+    ::getaddrinfo,
+    ::freeaddrinfo,
 };
 
 }  // namespace UTIL_NS

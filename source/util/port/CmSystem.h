@@ -10,6 +10,7 @@
 
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <net/if.h>
 #include <netdb.h>
 #include <poll.h>
 #include <pthread.h>
@@ -93,6 +94,11 @@ struct CCmSystemTable {
     // The memory that does not come from operator new.
     void* (*malloc)(size_t);
     char* (*strdup)(const char*);
+    unsigned (*if_nametoindex)(const char*);
+    int (*stat)(const char*, struct stat*);
+    int (*fstat)(int, struct stat*);
+    int (*getaddrinfo)(const char*, const char*, const addrinfo*, addrinfo**);
+    void (*freeaddrinfo)(addrinfo*);
 };
 extern CCmSystemTable g_cmSystem;
 
