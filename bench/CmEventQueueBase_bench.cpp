@@ -15,7 +15,9 @@
 #include <thread>
 #include <vector>
 
+#include "CmEvent.h"
 #include "CmThread.h"
+#include "CmWorker.h"
 #include "Row.h"
 #if KELTO_WITH_BOOST
 #include <boost/asio/executor_work_guard.hpp>
@@ -149,12 +151,73 @@ class KeltoWorker {
         Function m_Function;
     };
 
+  protected:
     ACmThread* m_pThread = nullptr;
     ICmEventQueue* m_pQueue = nullptr;
 };
 
 typedef KeltoWorker<false> Kelto;
 typedef KeltoWorker<true> KeltoWithTimers;
+
+// The same worker through the front door.
+class KeltoCallable : public Kelto {
+  public:
+    void Post(Tally& aTally, long aNumber) {
+        CmPost(*m_pQueue, [&aTally, aNumber] { aTally.Add(aNumber); });
+    }
+    void Send(Tally& aTally, long aNumber) {
+        auto value = CmCall(*m_pQueue, [&aTally, aNumber] {
+            aTally.Add(aNumber);
+            return aNumber;
+        });
+        Check(value && *value == aNumber, "call");
+    }
+};
+
+// What a host writes that wants a value back.
+class KeltoValueByHand : public Kelto {
+  public:
+    void Send(Tally& aTally, long aNumber) {
+        long lValue = 0;
+        Check(m_pQueue->SendEvent(new ValueEvent(aTally, aNumber, &lValue)) == CM_OK, "send");
+        Check(lValue == aNumber, "value");
+    }
+
+  private:
+    class ValueEvent : public ICmEvent {
+      public:
+        ValueEvent(Tally& aTally, long aNumber, long* aValue)
+            : m_Tally(aTally), m_lNumber(aNumber), m_pValue(aValue) {}
+        CmResult OnEventFire() override {
+            m_Tally.Add(m_lNumber);
+            *m_pValue = m_lNumber;
+            return CM_OK;
+        }
+
+      private:
+        Tally& m_Tally;
+        const long m_lNumber;
+        long* m_pValue;
+    };
+};
+
+// A worker of the front door, with its list of timers.
+class KeltoFrontDoor {
+  public:
+    void Post(Tally& aTally, long aNumber) {
+        CmPost(m_Worker, [&aTally, aNumber] { aTally.Add(aNumber); });
+    }
+    void Send(Tally& aTally, long aNumber) {
+        auto value = CmCall(m_Worker, [&aTally, aNumber] {
+            aTally.Add(aNumber);
+            return aNumber;
+        });
+        Check(value && *value == aNumber, "call");
+    }
+
+  private:
+    CCmWorker m_Worker;
+};
 
 #if KELTO_WITH_LIBUV
 // A list under a mutex, and a wake-up of the loop.
@@ -241,10 +304,24 @@ class Asio {
         done.get_future().wait();
     }
 
-  private:
+  protected:
     boost::asio::io_context m_Context;
+
+  private:
     boost::asio::executor_work_guard<boost::asio::io_context::executor_type> m_Work;
     std::thread m_Thread;
+};
+
+class AsioValue : public Asio {
+  public:
+    void Send(Tally& aTally, long aNumber) {
+        std::promise<long> value;
+        boost::asio::post(m_Context, [&aTally, aNumber, &value] {
+            aTally.Add(aNumber);
+            value.set_value(aNumber);
+        });
+        Check(value.get_future().get() == aNumber, "value");
+    }
 };
 #endif
 
@@ -546,6 +623,31 @@ void AddBusyRows() {
 #endif
 }
 
+template <typename Worker>
+void AddCallRow(const char* aWho) {
+    Row(
+        AREA, "call with a value, one core", aWho,
+        [](benchmark::State& aState) { SendAndWait<Worker>(aState, false); }, Clock::PROCESS);
+}
+
+void AddCallableRows() {
+    const std::string sWork = "posted callable, 1 poster, one core";
+    AddPostRow<KeltoCallable>(AREA, sWork, 1, false, OURS);
+    AddPostRow<Kelto>(AREA, sWork, 1, false, "variant: an event written by hand");
+    AddPostRow<KeltoFrontDoor>(AREA, sWork, 1, false, "variant: to a CCmWorker");
+    AddPostRow<KeltoWithTimers>(AREA, sWork, 1, false, "variant: by hand, with a timer queue");
+    AddCallRow<KeltoCallable>(OURS);
+    AddCallRow<KeltoValueByHand>("variant: a send written by hand");
+    AddCallRow<KeltoFrontDoor>("variant: to a CCmWorker");
+#if KELTO_WITH_LIBUV
+    AddPostRow<Libuv>(AREA, sWork, 1, false, "libuv, list + async");
+#endif
+#if KELTO_WITH_BOOST
+    AddPostRow<Asio>(AREA, sWork, 1, false, "Asio");
+    AddCallRow<AsioValue>("Asio + promise");
+#endif
+}
+
 // ---- One poster, many workers.
 
 void PostToWorkers(benchmark::State& aState, int aWorkers) {
@@ -574,6 +676,7 @@ void PostToWorkers(benchmark::State& aState, int aWorkers) {
 const bool s_bAdded = [] {
     AddPostRows(AREA, "post to run, 1 poster, one core", 1, false);
     AddPostRows(AREA, "post to run, 4 posters, one core", 4, false);
+    AddCallableRows();
     if (std::thread::hardware_concurrency() > 1) {
         AddPostRows(AREA, "post to run, 1 poster, two cores", 1, true);
         AddBusyRows();

@@ -24,6 +24,8 @@ TARGETS = {
     ("events", "post to run, 1 poster, two cores"): 1.0,
     ("events", "synchronous send, one core"): 1.0,
     ("events", "post beside a busy thread, 90th percentile"): 1.5,
+    ("events", "posted callable, 1 poster, one core"): 1.0,
+    ("events", "call with a value, one core"): 1.0,
     ("timers", "schedule + cancel, 10 pending (list)"): 1.0,
     ("timers", "schedule + cancel, 100 pending (list)"): 3.0,
     ("timers", "schedule + cancel, 10k pending (calendar)"): 1.5,

@@ -1,4 +1,4 @@
-// A worker thread: post events to it, send one and wait for its result, stop it in order.
+// A worker thread: post work to it, call it and take the value, give it something for later.
 // Prints the sum that the worker added up.
 
 #include <kelto_util.h>
@@ -7,59 +7,24 @@
 #include <cstdlib>
 
 using namespace UTIL_NS;
-
-namespace {
-
-// Adds a number on the worker's thread; the queue owns it once it is posted.
-class AddEvent : public ICmEvent {
-  public:
-    AddEvent(long* aSum, long aNumber) : m_pSum(aSum), m_lNumber(aNumber) {}
-
-    CmResult OnEventFire() override {
-        *m_pSum += m_lNumber;
-        return CM_OK;
-    }
-
-  private:
-    long* m_pSum;
-    long m_lNumber;
-};
-
-// Copies the sum; by the time it runs, everything posted before it has run.
-class ReadEvent : public ICmEvent {
-  public:
-    ReadEvent(const long* aSum, long* aCopy) : m_pSum(aSum), m_pCopy(aCopy) {}
-
-    CmResult OnEventFire() override {
-        *m_pCopy = *m_pSum;
-        return CM_OK;
-    }
-
-  private:
-    const long* m_pSum;
-    long* m_pCopy;
-};
-
-}  // namespace
+using namespace std::chrono_literals;
 
 int main() {
-    constexpr int MY_THREAD_TYPE = 1;
-    ACmThread* pWorker = nullptr;
-    if (CM_FAILED(CreateUserTaskThread(&pWorker, TF_JOINABLE, false, MY_THREAD_TYPE))) {
+    long lSum = 0;  // touched by the worker only; ends after it
+    CCmWorker worker(CCmWorkerOptions().Name("adder"));
+
+    for (long lNumber = 1; lNumber <= 100; ++lNumber) {
+        if (CM_FAILED(CmPost(worker, [&lSum, lNumber] { lSum += lNumber; }))) {
+            return EXIT_FAILURE;
+        }
+    }
+    const CCmTimerHandle later = CmPostDelayed(worker, 1h, [&lSum] { lSum = 0; });
+
+    auto seen = CmCall(worker, [&lSum] { return lSum; });  // what was posted before has run
+    if (!seen || CM_FAILED(later.Result())) {
+        std::printf("the worker did not answer: %s\n", CmResultText(seen.Result()));
         return EXIT_FAILURE;
     }
-
-    long lSum = 0;  // touched by the worker only, until it has been joined
-    for (long lNumber = 1; lNumber <= 100; ++lNumber) {
-        pWorker->GetEventQueue()->PostEvent(new AddEvent(&lSum, lNumber),
-                                            ICmEventQueue::EPRIORITY_NORMAL);
-    }
-    long lSeen = 0;
-    const CmResult rv = pWorker->GetEventQueue()->SendEvent(new ReadEvent(&lSum, &lSeen));
-    std::printf("the worker added up %ld\n", lSeen);
-
-    pWorker->Stop(nullptr);   // events posted before still run
-    pWorker->Join();          // wait for the thread
-    pWorker->Destory(CM_OK);  // free the object
-    return CM_SUCCEEDED(rv) && lSeen == 5050 ? EXIT_SUCCESS : EXIT_FAILURE;
+    std::printf("the worker added up %ld\n", *seen);
+    return *seen == 5050 ? EXIT_SUCCESS : EXIT_FAILURE;  // here the worker stops and is joined
 }

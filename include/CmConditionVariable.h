@@ -92,6 +92,9 @@ class CM_UTIL_EXPORT CCmConditionVariableThread {
     // thread's clean-up handlers run.
     CmResult Wait(CCmTimeValue* aTimeout);
 
+    // The same up to a moment of the monotonic clock, in nanoseconds; for the library's own waits.
+    CM_UTIL_HIDDEN CmResult WaitUntil_i(long long aDeadlineNsec);
+
   private:
     friend struct CCmConditionSteps;
 

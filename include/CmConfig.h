@@ -26,6 +26,7 @@
 #define CM_CONFIG_H
 
 #include <stdio.h>
+#include <string.h>
 
 #include "CmBase.h"
 
@@ -89,6 +90,22 @@ CM_UTIL_EXPORT unsigned char get_bool_param(const char* aSection, const char* aK
                                             unsigned char aDefault);
 
 // ---- Locations
+
+// Makes aDir the home directory, with a "/" at its end if it has none. CM_ERROR_INVALID_ARG, with
+// nothing changed: null, empty, or more than CM_HOME_DIR_SIZE - 1 characters with that "/". To be
+// called during start-up.
+inline CmResult CmSetHomeDir(const char* aDir) {
+    const size_t nLength = aDir != nullptr ? strlen(aDir) : 0;
+    const bool bSlash = nLength > 0 && aDir[nLength - 1] == '/';
+    if (nLength == 0 || nLength + (bSlash ? 0 : 1) >= CM_HOME_DIR_SIZE) {
+        return CM_ERROR_INVALID_ARG;
+    }
+    char szDir[CM_HOME_DIR_SIZE] = {};
+    memcpy(szDir, aDir, nLength);
+    szDir[nLength - (bSlash ? 1 : 0)] = '/';
+    memcpy(g_def_kelto_home_dir, szDir, sizeof(szDir));
+    return CM_OK;
+}
 
 // g_def_kelto_home_dir itself.
 CM_UTIL_EXPORT char* get_kelto_home_dir();

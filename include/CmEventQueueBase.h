@@ -140,6 +140,7 @@ class CM_UTIL_EXPORT CCmEventQueueBase : public ICmEventQueue {
 
   private:
     friend class CCmEventSynchronous;
+    friend class CCmQueueOwner;  // internal: asks for the consumer thread
 
     // Senders that are posting, and those whose event has run and who have yet to post its wrapper
     // back; not those that wait.
@@ -227,6 +228,13 @@ class CM_UTIL_EXPORT CCmEventQueueUsingConditionVariable : public CCmEventQueueB
     // many as the last list had, between 256 and 16384 (512 KiB). aEvents is empty afterwards. When
     // the thread is cancelled, the events not yet started are pending again.
     void ProcessAndRecycleEvents(std::list<ICmEvent*>& aEvents);
+    // The two operations above for a worker's loop of the library's own: the wait lasts up to a
+    // moment of the monotonic clock, in nanoseconds (null: no limit), and when aStop becomes true,
+    // the events not yet started are pending again.
+    CM_UTIL_HIDDEN CmResult PopOrWaitUntil_i(std::list<ICmEvent*>& aEvents,
+                                             const long long* aDeadlineNsec, DWORD aMaxCount);
+    CM_UTIL_HIDDEN void ProcessUntilStopped_i(std::list<ICmEvent*>& aEvents,
+                                              const std::atomic<bool>* aStop);
     // DestoryPendingEvents of the base; the events are taken out under the queue's mutex and ended
     // after it was released.
     void DestoryPendingEvents();

@@ -172,6 +172,10 @@ class CM_UTIL_EXPORT CCmMessageBlock {
     unsigned long GetFlag() const { return m_Flag; }
     uint32_t GetTopLevelLength() const;
     uint32_t GetTopLevelSpace() const;
+    // Whether its data block has other holders; memory of the caller's has none that are known.
+    bool IsShared() const {
+        return m_pDataBlock.ParaIn() != nullptr && m_pDataBlock->GetReference() > 1;
+    }
     // Null, after an assertion, when the lock in question is set.
     char* GetTopLevelReadPtr() const;
     char* GetTopLevelWritePtr() const;

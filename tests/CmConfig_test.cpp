@@ -929,3 +929,27 @@ TEST(CmConfigParentPath, BadArguments_AreAFailure) {
 
 }  // namespace
 }  // namespace UTIL_NS
+
+namespace UTIL_NS {
+namespace {
+
+TEST(CmSetHomeDir, ChecksTheLength) {
+    const std::string sBefore = g_def_kelto_home_dir;
+    EXPECT_EQ(CM_OK, CmSetHomeDir("/var/tmp/"));
+    EXPECT_STREQ("/var/tmp/", get_kelto_home_dir());
+    EXPECT_EQ(CM_OK, CmSetHomeDir("/srv"));
+    EXPECT_STREQ("/srv/", get_kelto_home_dir());
+    EXPECT_EQ(CM_OK, CmSetHomeDir("/fourteen/char"));
+    EXPECT_STREQ("/fourteen/char/", get_kelto_home_dir());
+    EXPECT_EQ(CM_OK, CmSetHomeDir("/fourteen/char/"));
+    for (const char* pszBad : {"/fifteen/letter", "/sixteen/letters/", "", (const char*)nullptr}) {
+        EXPECT_EQ(CM_ERROR_INVALID_ARG, CmSetHomeDir(pszBad));
+        EXPECT_STREQ("/fourteen/char/", get_kelto_home_dir());
+    }
+    EXPECT_EQ(CM_OK, CmSetHomeDir(get_kelto_home_dir()));  // its own buffer
+    EXPECT_EQ(CM_OK, CmSetHomeDir(sBefore.c_str()));
+    EXPECT_EQ(sBefore, g_def_kelto_home_dir);
+}
+
+}  // namespace
+}  // namespace UTIL_NS

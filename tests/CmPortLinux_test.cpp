@@ -1,6 +1,7 @@
 // What only the Linux platform file does: the executable's name, the module and the bundle.
 #include <errno.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <string.h>
 #include <unistd.h>
 
@@ -212,6 +213,27 @@ TEST(CmPortLinuxCpu, Features_AreThoseThatTheCompilerFinds) {
     EXPECT_EQ(__builtin_cpu_supports("pclmul") != 0, CmCpuHas(CM_CPU_PCLMUL));
     EXPECT_EQ(__builtin_cpu_supports("avx2") != 0, CmCpuHas(CM_CPU_AVX2));
     EXPECT_EQ(__builtin_cpu_supports("vpclmulqdq") != 0, CmCpuHas(CM_CPU_VPCLMULQDQ));
+}
+
+TEST(CmPortLinux, ConditionWaitUntil_EndsByTheMonotonicClock) {
+    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+    pthread_cond_t condition = PTHREAD_COND_INITIALIZER;
+    timespec tsStart = {};
+    CmPortMonotonicNow(&tsStart);
+    timespec tsDeadline = tsStart;
+    tsDeadline.tv_nsec += 5000000;
+    if (tsDeadline.tv_nsec >= 1000000000) {
+        tsDeadline.tv_sec += 1;
+        tsDeadline.tv_nsec -= 1000000000;
+    }
+    pthread_mutex_lock(&mutex);
+    EXPECT_EQ(ETIMEDOUT, CmPortConditionWaitUntil(&condition, &mutex, &tsDeadline));
+    timespec tsEnd = {};
+    CmPortMonotonicNow(&tsEnd);
+    EXPECT_LE(5000000,
+              (tsEnd.tv_sec - tsStart.tv_sec) * 1000000000 + tsEnd.tv_nsec - tsStart.tv_nsec);
+    EXPECT_EQ(ETIMEDOUT, CmPortConditionWaitUntil(&condition, &mutex, &tsStart));
+    pthread_mutex_unlock(&mutex);
 }
 
 TEST(CmPortLinuxFaults, Calls_FailWithTheirResult) {

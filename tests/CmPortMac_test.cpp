@@ -3,9 +3,12 @@
 #include <gtest/gtest.h>
 #include <net/if.h>
 #include <netinet/in.h>
+#include <pthread.h>
 #include <string.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
+
+#include <string>
 
 #include "CmAddress.h"
 #include "CmCancel.h"
@@ -18,6 +21,23 @@
 #include "support/Faults.h"
 #include "support/MacServices.h"
 #include "support/TraceSink.h"
+
+// What only macOS has: the interval of the last relative wait, which ends at once, and the last
+// name.
+static timespec s_tsInterval;
+static std::string s_sThreadName;
+
+extern "C" int pthread_cond_timedwait_relative_np(pthread_cond_t* /*aCondition*/,
+                                                  pthread_mutex_t* /*aMutex*/,
+                                                  const timespec* aInterval) {
+    s_tsInterval = *aInterval;
+    return ETIMEDOUT;
+}
+
+int pthread_setname_np(const char* aName) {
+    s_sThreadName = aName;
+    return 0;
+}
 
 namespace UTIL_NS {
 
@@ -419,6 +439,31 @@ TEST_F(CmPortMacNeverMade, WhatWasMadeWritesALineAtItsEnd) {
     { CCmSemaphore semaphore(1); }
     EXPECT_EQ(2u, m_sink.count("pthread_mutex_destroy() failed! err=22"));
     EXPECT_EQ(1u, m_sink.count("sem_destroy() failed! err=22"));
+}
+
+TEST(CmPortMac, ConditionWaitUntil_WaitsForWhatIsLeft) {
+    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+    pthread_cond_t condition = PTHREAD_COND_INITIALIZER;
+    timespec tsDeadline = {};
+    CmPortMonotonicNow(&tsDeadline);
+    tsDeadline.tv_sec += 7;
+    EXPECT_EQ(ETIMEDOUT, CmPortConditionWaitUntil(&condition, &mutex, &tsDeadline));
+    EXPECT_EQ(6, s_tsInterval.tv_sec);  // and nearly a second
+    EXPECT_LT(0, s_tsInterval.tv_nsec);
+    EXPECT_GT(1000000000, s_tsInterval.tv_nsec);
+    // A deadline that has passed must not become an interval of zero, which has no end.
+    tsDeadline.tv_sec -= 8;
+    EXPECT_EQ(ETIMEDOUT, CmPortConditionWaitUntil(&condition, &mutex, &tsDeadline));
+    EXPECT_EQ(0, s_tsInterval.tv_sec);
+    EXPECT_EQ(1, s_tsInterval.tv_nsec);
+}
+
+TEST(CmPortMac, NamesTheThread_CutToItsLimit) {
+    CmPortNameThisThread("audio");
+    EXPECT_EQ("audio", s_sThreadName);
+    CmPortNameThisThread(std::string(100, 'x').c_str());
+    EXPECT_EQ(std::string(63, 'x'), s_sThreadName);
+    CmPortPreciseWaits();
 }
 
 }  // namespace

@@ -20,6 +20,7 @@
 #include "CmConditionVariable.h"
 #include "CmConfig.h"
 #include "CmConfigReader.h"
+#include "CmEvent.h"
 #include "CmLogStream.h"
 #include "CmResolver.h"
 #include "CmStrict.h"
@@ -29,6 +30,7 @@
 #include "CmTimeValue.h"
 #include "CmUtilClasses.h"
 #include "CmUtilMisc.h"
+#include "CmWorker.h"
 #include "port/CmPort.h"
 #include "support/FaultRows.h"
 #include "support/Home.h"
@@ -102,6 +104,17 @@ long WaitForAMoment() {
     const CmResult rv = condition.Wait(&tvTimeout);
     g_conditionMutex.UnLock();
     return rv;
+}
+
+// With a limit, on a queue that nobody runs.
+long CallForAMoment() {
+    CCmEventQueueUsingMutex queue;
+    return CmCall(queue, CCmTimeValue(0, 100), [] {}).Result();
+}
+
+long SetPriorityOfAWorker() {
+    CCmWorker worker;
+    return worker.SetPriority(0);
 }
 
 int WokenAtOnce(pthread_cond_t* /*aCondition*/, pthread_mutex_t* /*aMutex*/) {
@@ -426,6 +439,12 @@ TEST(SystemFaults, ConditionAndSemaphoreCalls_FailWithTheirResultAndLine) {
          "this=0x#"},
         {"timed wait EINTR", Returned<&T::pthread_cond_timedwait>(EINTR), WaitForAMoment,
          CM_ERROR_TIMEOUT, CM_OK, NO_LINE},
+        {"monotonic wait EINVAL", Returned<&T::pthread_cond_clockwait>(EINVAL), CallForAMoment,
+         CM_ERROR_TIMEOUT, FAILURE,
+         "UTIL WARNING: CCmConditionVariableThread::Wait, pthread_cond_clockwait() failed! err=22 "
+         "this=0x#"},
+        {"monotonic wait EINTR", Returned<&T::pthread_cond_clockwait>(EINTR), CallForAMoment,
+         CM_ERROR_TIMEOUT, CM_ERROR_TIMEOUT, NO_LINE},
         {"sem_init ENOSPC", Fault<&T::sem_init>(ENOSPC, -1), MakeSemaphore, 0, 0,
          "UTIL WARNING: CCmSemaphore::CCmSemaphore, sem_init() failed! err=28 this=0x#"},
         {"sem_init ENOSYS", Fault<&T::sem_init>(ENOSYS, -1), MakeSemaphore, 0, 0,
@@ -470,6 +489,12 @@ TEST(SystemFaults, ThreadCalls_FailWithTheirResultAndLine) {
          "UTIL ERROR: ACmThread::Join, pthread_join() failed! "
          "err=" ERRNO_TEXT(EDEADLK) " this=0x#"},
         {"cancel ESRCH", Returned<&T::pthread_cancel>(ESRCH), CancelAThread, 0, ESRCH, NO_LINE},
+        {"priority EPERM", Returned<&T::pthread_setschedparam>(EPERM), SetPriorityOfAWorker, 0,
+         CM_ERROR_FAILURE,
+         "UTIL WARNING: CCmWorker, pthread_setschedparam() failed! err=1 this=0x#"},
+        {"priority EINVAL", Returned<&T::pthread_setschedparam>(EINVAL), SetPriorityOfAWorker, 0,
+         CM_ERROR_FAILURE,
+         "UTIL WARNING: CCmWorker, pthread_setschedparam() failed! err=22 this=0x#"},
         {"sleep EINVAL", Fault<&T::nanosleep>(EINVAL, -1), Sleep, 0, 0,
          "UTIL WARNING: ::SleepMs,nanosleep() failed! err=22"},
         {"sleep EFAULT", Fault<&T::nanosleep>(EFAULT, -1), Sleep, 0, 0,

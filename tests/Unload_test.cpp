@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <future>
 #include <string>
 
 namespace {
@@ -41,7 +42,8 @@ INSTANTIATE_TEST_SUITE_P(Libraries, Unload,
 // Steps of the thread and of its host.
 struct Steps {
     Trace pfnTrace = nullptr;
-    pthread_barrier_t barrier;
+    std::promise<void> traced;
+    std::promise<void> closed;
 };
 
 void* TraceInPieces(void* aSteps) {
@@ -50,8 +52,8 @@ void* TraceInPieces(void* aSteps) {
     char achPrefix[256] = {};
     pSteps->pfnTrace(2, "MAC", achPrefix, sPiece.c_str());
     pSteps->pfnTrace(2, "MAC", achPrefix, "the end of the line");
-    pthread_barrier_wait(&pSteps->barrier);  // traced
-    pthread_barrier_wait(&pSteps->barrier);  // closed
+    pSteps->traced.set_value();
+    pSteps->closed.get_future().wait();
     return nullptr;
 }
 
@@ -64,14 +66,13 @@ int EndThreadAfterClosing() {
     Steps steps;
     void* const pTrace = dlsym(hLibrary, "YRKTRACERAWA");
     memcpy(&steps.pfnTrace, &pTrace, sizeof(pTrace));
-    pthread_barrier_init(&steps.barrier, nullptr, 2);
     pthread_t thread;
     if (pthread_create(&thread, nullptr, TraceInPieces, &steps) != 0) {
         return 3;
     }
-    pthread_barrier_wait(&steps.barrier);
+    steps.traced.get_future().wait();
     dlclose(hLibrary);
-    pthread_barrier_wait(&steps.barrier);
+    steps.closed.set_value();
     return pthread_join(thread, nullptr);
 }
 

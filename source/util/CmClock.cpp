@@ -4,7 +4,9 @@
 #include <unistd.h>
 
 #include "CmCancel.h"
+#include "CmChrono.h"
 #include "CmTimeValue.h"
+#include "port/CmPort.h"
 #include "port/CmSystem.h"
 
 namespace UTIL_NS {
@@ -124,6 +126,12 @@ tick_type formatted_ticker::now() {
 
 time_type formatted_timer::now() {
     return time_type();
+}
+
+CCmTimeValue CmMonotonicNow() {
+    timespec tsNow = {};
+    CmPortMonotonicNow(&tsNow);
+    return CCmTimeValue(tsNow.tv_sec, tsNow.tv_nsec / 1000);
 }
 
 int ms_sleep(unsigned long aMs) {

@@ -14,6 +14,10 @@ struct CCmConditionSteps {
     static int WaitCall(CCmConditionVariableThread& aCondition, const CCmTimeValue* aTimeout);
     static CmResult WaitResult(const CCmConditionVariableThread& aCondition,
                                const CCmTimeValue* aTimeout, int aError);
+    // The same up to a moment of the monotonic clock.
+    static int WaitUntilCall(CCmConditionVariableThread& aCondition, long long aDeadlineNsec);
+    static CmResult WaitUntilResult(const CCmConditionVariableThread& aCondition,
+                                    long long aDeadlineNsec, int aError);
     static int SignalCall(CCmConditionVariableThread& aCondition);
     static CmResult SignalResult(const CCmConditionVariableThread& aCondition, int aError);
     // A signal that must not be missed: tried again when it fails. Whether it was given; aError is

@@ -33,6 +33,8 @@ timespec DeadlineAfter(const CCmTimeValue& aTimeout) {
     return (tvDeadline < DEADLINE_MAX ? tvDeadline : DEADLINE_MAX).ToTimeSpec();
 }
 
+constexpr long long NSEC_PER_SEC = 1000000000;
+
 // How often a signal is given that must not be missed.
 constexpr int SIGNAL_TRIES = 3;
 
@@ -203,6 +205,33 @@ CmResult CCmConditionSteps::WaitResult(const CCmConditionVariableThread& aCondit
     return CM_ERROR_FAILURE;
 }
 
+int CCmConditionSteps::WaitUntilCall(CCmConditionVariableThread& aCondition,
+                                     long long aDeadlineNsec) {
+    const timespec tsDeadline = {static_cast<time_t>(aDeadlineNsec / NSEC_PER_SEC),
+                                 static_cast<long>(aDeadlineNsec % NSEC_PER_SEC)};
+    return g_cmSystem.pthread_cond_clockwait(&aCondition.m_Condition, &aCondition.m_Mutex.m_Mutex,
+                                             &tsDeadline);
+}
+
+CmResult CCmConditionSteps::WaitUntilResult(const CCmConditionVariableThread& aCondition,
+                                            long long aDeadlineNsec, int aError) {
+    if (aError == 0) {
+        return CM_OK;
+    }
+    if (aError == EINTR) {  // perhaps again and again: the deadline holds all the same
+        timespec tsNow = {};
+        CmPortMonotonicNow(&tsNow);
+        return tsNow.tv_sec * NSEC_PER_SEC + tsNow.tv_nsec < aDeadlineNsec ? CM_OK
+                                                                           : CM_ERROR_TIMEOUT;
+    }
+    if (aError == ETIMEDOUT) {
+        return CM_ERROR_TIMEOUT;
+    }
+    CM_WARNING_TRACE("CCmConditionVariableThread::Wait, pthread_cond_clockwait() failed! err="
+                     << aError << " this=" << CmTraceAddress(&aCondition));
+    return CM_ERROR_FAILURE;
+}
+
 CmResult CCmConditionVariableThread::Signal() {
     return CCmConditionSteps::SignalResult(*this, CCmConditionSteps::SignalCall(*this));
 }
@@ -214,6 +243,11 @@ CmResult CCmConditionVariableThread::Broadcast() {
 CmResult CCmConditionVariableThread::Wait(CCmTimeValue* aTimeout) {
     return CCmConditionSteps::WaitResult(*this, aTimeout,
                                          CCmConditionSteps::WaitCall(*this, aTimeout));
+}
+
+CmResult CCmConditionVariableThread::WaitUntil_i(long long aDeadlineNsec) {
+    return CCmConditionSteps::WaitUntilResult(
+        *this, aDeadlineNsec, CCmConditionSteps::WaitUntilCall(*this, aDeadlineNsec));
 }
 
 CCmEventThread::CCmEventThread(signed char aManualReset, signed char aInitialState,

@@ -529,6 +529,30 @@ class CCmEventQueueUsingConditionVariable::CWaiting {
             aQueue.m_dwSignalled.load(std::memory_order_acquire) == aQueue.m_dwWait;
         return aQueue.m_dwWaiters == 0 || bIsSignalled ? NO_WAIT : aQueue.m_dwWait;
     }
+    // Takes at most aMaxCount events; while nothing is pending, aWait waits once before that, under
+    // the lock. A thread that is cancelled in it leaves the queue as it was.
+    template <class WaitType>
+    static CmResult PopOrWait(CCmEventQueueUsingConditionVariable& aQueue,
+                              std::list<ICmEvent*>& aEvents, DWORD aMaxCount, WaitType aWait) {
+        CCmScopedLockT<CCmMutexThread> lock(aQueue.m_Mutex);
+        if (!aQueue.m_Spent.empty()) {
+            aQueue.m_Spares.splice(aQueue.m_Spares.end(), aQueue.m_Spent);
+            aQueue.m_dwSpares.store(static_cast<DWORD>(aQueue.m_Spares.size()),
+                                    std::memory_order_relaxed);
+        }
+        // A wait without the lock would leave it taken.
+        if (aQueue.m_Events.empty() && CM_SUCCEEDED(lock.result())) {
+            CWaiting waiting(aQueue);
+            CCmCleanUpT cleanUp([&waiting, &lock]() CM_NO_THREAD_SAFETY_ANALYSIS {
+                waiting.Leave_l();
+                lock.Unlock();
+            });
+            aWait();
+            cleanUp.Release();
+            waiting.Leave_l();
+        }
+        return aQueue.PopPendingEvents(aEvents, aMaxCount, nullptr);
+    }
     // A signal that fails for good is left to the next post.
     static void Signal(CCmEventQueueUsingConditionVariable& aQueue, DWORD aWait) {
         int nError = 0;
@@ -591,27 +615,12 @@ CmResult CCmEventQueueUsingConditionVariable::AppendToList_l(CPosting& aPosting)
 CmResult CCmEventQueueUsingConditionVariable::PopOrWaitPendingEvents(std::list<ICmEvent*>& aEvents,
                                                                      CCmTimeValue* aTimeout,
                                                                      DWORD aMaxCount) {
-    CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
-    if (!m_Spent.empty()) {
-        m_Spares.splice(m_Spares.end(), m_Spent);
-        m_dwSpares.store(static_cast<DWORD>(m_Spares.size()), std::memory_order_relaxed);
-    }
-    // A wait without the lock would leave it taken.
-    if (!m_Events.empty() || CM_FAILED(lock.result())) {
-        return PopPendingEvents(aEvents, aMaxCount, nullptr);
-    }
-    CWaiting waiting(*this);
-    CCmCleanUpT cleanUp([&waiting, &lock]() CM_NO_THREAD_SAFETY_ANALYSIS {
-        waiting.Leave_l();
-        lock.Unlock();
+    int nError = 0;
+    DWORD dwSize = 0;
+    const CmResult rv = CWaiting::PopOrWait(*this, aEvents, aMaxCount, [&] {
+        nError = CCmConditionSteps::WaitCall(m_Condition, aTimeout);
+        dwSize = m_dwSize.load(std::memory_order_relaxed);
     });
-    const int nError = CCmConditionSteps::WaitCall(m_Condition, aTimeout);
-    cleanUp.Release();
-    waiting.Leave_l();
-    const DWORD dwSize = m_dwSize.load(std::memory_order_relaxed);
-    const CmResult rv = PopPendingEvents(aEvents, aMaxCount, nullptr);
-    lock.Unlock();
-
     const CmResult rvWait = CCmConditionSteps::WaitResult(m_Condition, aTimeout, nError);
     if (CM_FAILED(rvWait) && rvWait != CM_ERROR_TIMEOUT) {
         // The text says something else than what happened.
@@ -623,19 +632,47 @@ CmResult CCmEventQueueUsingConditionVariable::PopOrWaitPendingEvents(std::list<I
     return rv;
 }
 
+CmResult CCmEventQueueUsingConditionVariable::PopOrWaitUntil_i(std::list<ICmEvent*>& aEvents,
+                                                               const long long* aDeadlineNsec,
+                                                               DWORD aMaxCount) {
+    if (aDeadlineNsec == nullptr) {
+        return PopOrWaitPendingEvents(aEvents, nullptr, aMaxCount);
+    }
+    int nError = 0;
+    const CmResult rv = CWaiting::PopOrWait(*this, aEvents, aMaxCount, [&] {
+        nError = CCmConditionSteps::WaitUntilCall(m_Condition, *aDeadlineNsec);
+    });
+    CCmConditionSteps::WaitUntilResult(m_Condition, *aDeadlineNsec, nError);
+    return rv;
+}
+
 void CCmEventQueueUsingConditionVariable::ProcessAndRecycleEvents(std::list<ICmEvent*>& aEvents) {
+    ProcessUntilStopped_i(aEvents, nullptr);
+}
+
+void CCmEventQueueUsingConditionVariable::ProcessUntilStopped_i(std::list<ICmEvent*>& aEvents,
+                                                                const std::atomic<bool>* aStop) {
     auto itNext = aEvents.begin();
     CPass pass(*this);
-    CCmCleanUpT putBack([this, &aEvents, &itNext, &pass] {
+    const auto putBackRest = [this, &aEvents, &itNext] {
+        std::list<ICmEvent*> rest;
+        rest.splice(rest.end(), aEvents, itNext, aEvents.end());
+        PutBack_i(rest);
+    };
+    CCmCleanUpT putBack([&aEvents, &pass, &putBackRest] {
         pass.EndFiring();
-        aEvents.erase(aEvents.begin(), itNext);
-        PutBack_i(aEvents);
+        putBackRest();
+        aEvents.clear();
     });
-    while (itNext != aEvents.end()) {
+    while (itNext != aEvents.end() &&
+           (aStop == nullptr || !aStop->load(std::memory_order_relaxed))) {
         ICmEvent* pEvent = *itNext++;
         pass.RunAndEnd(pEvent);
     }
     putBack.Release();
+    if (itNext != aEvents.end()) {
+        putBackRest();
+    }
     const size_t nKept = std::clamp(aEvents.size(), SPARES_AT_LEAST, SPARES_AT_MOST);
     m_Spent.splice(m_Spent.end(), aEvents);
     while (!m_Spent.empty() &&

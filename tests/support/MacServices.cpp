@@ -233,7 +233,9 @@ void CFRelease(CFTypeRef aObject) {
     ScopedMacServices::Current().Release(aObject);
 }
 
+#if !defined(__APPLE__)
 __darwin_pthread_handler_rec*& CmMacCleanUps() {
     static thread_local __darwin_pthread_handler_rec* s_pNewest = nullptr;
     return s_pNewest;
 }
+#endif

@@ -16,6 +16,8 @@ unsigned long long NumberOfThisThread();
 void NameThisThread(const char* aName);
 // The longest name that a thread can have, in characters.
 extern const size_t THREAD_NAME_LENGTH_MAX;
+// How many bytes a pipe takes before its writer waits.
+int CapacityOfPipe(int aPipe);
 
 }  // namespace kelto_test
 

@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <pthread.h>
 #include <unistd.h>
 
@@ -26,5 +27,9 @@ void NameThisThread(const char* aName) {
 }
 
 const size_t THREAD_NAME_LENGTH_MAX = 15;
+
+int CapacityOfPipe(int aPipe) {
+    return fcntl(aPipe, F_GETPIPE_SZ);
+}
 
 }  // namespace kelto_test

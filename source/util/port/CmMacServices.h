@@ -152,6 +152,15 @@ inline __darwin_pthread_handler_rec*& CmMacCleanUps() {
 
 #else
 
+// Over fakes, on another system: what the macOS headers declare beyond POSIX.
+#include <time.h>
+
+constexpr clockid_t CLOCK_UPTIME_RAW = CLOCK_MONOTONIC;
+extern "C" int pthread_cond_timedwait_relative_np(pthread_cond_t* aCondition,
+                                                  pthread_mutex_t* aMutex,
+                                                  const timespec* aInterval);
+int pthread_setname_np(const char* aName);
+
 struct __darwin_pthread_handler_rec {
     void (*__routine)(void*);
     void* __arg;

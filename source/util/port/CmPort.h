@@ -10,9 +10,11 @@
 #ifndef CM_PORT_H
 #define CM_PORT_H
 
+#include <pthread.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <sys/time.h>
+#include <time.h>
 
 #include "CmPlatform.h"
 
@@ -88,6 +90,22 @@ struct CmPortCleanUp {
 };
 void CmPortPushCleanUp(CmPortCleanUp* aCleanUp);
 void CmPortPopCleanUp(CmPortCleanUp* aCleanUp);
+
+// The clock that no step of the wall clock touches; it stands still while the machine sleeps.
+void CmPortMonotonicNow(timespec* aNow);
+
+// pthread_cond_timedwait with a deadline on that clock. Called through g_cmSystem under the name
+// pthread_cond_clockwait.
+int CmPortConditionWaitUntil(pthread_cond_t* aCondition, pthread_mutex_t* aMutex,
+                             const timespec* aDeadline);
+
+// Names the calling thread for debuggers and process viewers; what exceeds the platform's limit (15
+// bytes on Linux, 63 on macOS) is cut.
+void CmPortNameThisThread(const char* aName);
+
+// Lets timed waits of the calling thread end as early as the platform can; Linux rounds them by
+// 50 us otherwise. Nothing to do on macOS.
+void CmPortPreciseWaits();
 
 // A counting semaphore: as sem_init, sem_destroy, sem_wait and sem_post, 0 or -1 with errno set.
 // The units call them through g_cmSystem. CmConditionSemaphore.h serves where the system has no

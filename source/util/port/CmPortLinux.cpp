@@ -1,6 +1,8 @@
 #include "CmPort.h"
 
+#include <pthread.h>
 #include <string.h>
+#include <sys/prctl.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -164,6 +166,25 @@ void CmPortBundleRelease(void* /*aBundle*/) {}
 
 size_t CmPortReadInterface(const char* aRecords, size_t aLength, CmPortInterface& aInterface) {
     return CmReadInterface<CCmFixedInterfaceRecord>(aRecords, aLength, aInterface);
+}
+
+void CmPortMonotonicNow(timespec* aNow) {
+    ::clock_gettime(CLOCK_MONOTONIC, aNow);
+}
+
+int CmPortConditionWaitUntil(pthread_cond_t* aCondition, pthread_mutex_t* aMutex,
+                             const timespec* aDeadline) {
+    return ::pthread_cond_clockwait(aCondition, aMutex, CLOCK_MONOTONIC, aDeadline);
+}
+
+void CmPortNameThisThread(const char* aName) {
+    char szName[16] = {};
+    strncpy(szName, aName, sizeof(szName) - 1);
+    ::pthread_setname_np(pthread_self(), szName);
+}
+
+void CmPortPreciseWaits() {
+    ::prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL);
 }
 
 // The time of the kernel's last tick; ticks are at most 10 ms apart.

@@ -1,8 +1,10 @@
 #include "CmPort.h"
 
 #include <dlfcn.h>
+#include <pthread.h>
 #include <stddef.h>
 #include <string.h>
+#include <time.h>
 
 #include <memory>
 #include <new>
@@ -196,6 +198,35 @@ void CmPortPushCleanUp(CmPortCleanUp* aCleanUp) {
 void CmPortPopCleanUp(CmPortCleanUp* aCleanUp) {
     CmMacCleanUps() = reinterpret_cast<__darwin_pthread_handler_rec*>(aCleanUp->m_pNext);
 }
+
+// The clock of relative waits; like them it stands still while the machine sleeps.
+void CmPortMonotonicNow(timespec* aNow) {
+    ::clock_gettime(CLOCK_UPTIME_RAW, aNow);
+}
+
+int CmPortConditionWaitUntil(pthread_cond_t* aCondition, pthread_mutex_t* aMutex,
+                             const timespec* aDeadline) {
+    constexpr long NSEC_PER_SEC = 1000000000;
+    timespec tsNow;
+    CmPortMonotonicNow(&tsNow);
+    timespec tsInterval = {aDeadline->tv_sec - tsNow.tv_sec, aDeadline->tv_nsec - tsNow.tv_nsec};
+    if (tsInterval.tv_nsec < 0) {
+        tsInterval.tv_sec -= 1;
+        tsInterval.tv_nsec += NSEC_PER_SEC;
+    }
+    if (tsInterval.tv_sec < 0 || (tsInterval.tv_sec == 0 && tsInterval.tv_nsec == 0)) {
+        tsInterval = {0, 1};  // an interval of zero would wait without limit
+    }
+    return ::pthread_cond_timedwait_relative_np(aCondition, aMutex, &tsInterval);
+}
+
+void CmPortNameThisThread(const char* aName) {
+    char szName[64] = {};
+    strncpy(szName, aName, sizeof(szName) - 1);
+    ::pthread_setname_np(szName);
+}
+
+void CmPortPreciseWaits() {}
 
 int CmPortSemaphoreInit(CmConditionSemaphore* aSemaphore, int /*aShared*/, unsigned aCount) {
     return CmConditionSemaphoreInit(aSemaphore, aCount);

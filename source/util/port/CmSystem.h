@@ -52,12 +52,14 @@ struct CCmSystemTable {
     int (*pthread_cond_broadcast)(pthread_cond_t*);
     int (*pthread_cond_wait)(pthread_cond_t*, pthread_mutex_t*);
     int (*pthread_cond_timedwait)(pthread_cond_t*, pthread_mutex_t*, const timespec*);
+    int (*pthread_cond_clockwait)(pthread_cond_t*, pthread_mutex_t*, const timespec*);
     int (*pthread_attr_init)(pthread_attr_t*);
     int (*pthread_attr_setdetachstate)(pthread_attr_t*, int);
     int (*pthread_attr_destroy)(pthread_attr_t*);
     int (*pthread_create)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
     int (*pthread_join)(pthread_t, void**);
     int (*pthread_cancel)(pthread_t);
+    int (*pthread_setschedparam)(pthread_t, int, const sched_param*);
     void (*push_cleanup)(CmPortCleanUp*);  // see CmPortPushCleanUp
     void (*pop_cleanup)(CmPortCleanUp*);
     int (*gettimeofday)(timeval*, void*);
@@ -96,7 +98,6 @@ struct CCmSystemTable {
     char* (*strdup)(const char*);
     unsigned (*if_nametoindex)(const char*);
     int (*stat)(const char*, struct stat*);
-    int (*fstat)(int, struct stat*);
     int (*getaddrinfo)(const char*, const char*, const addrinfo*, addrinfo**);
     void (*freeaddrinfo)(addrinfo*);
 };

@@ -1,0 +1,126 @@
+#include "CmLifeGuard.h"
+
+#include <new>
+
+#include "CmConditionVariable.h"
+#include "CmNoCancel.h"
+#include "CmScopedLock.h"
+#include "CmUtilTemplates.h"
+#include "port/CmSystem.h"
+
+namespace UTIL_NS {
+
+namespace {
+
+constexpr long NAP_NSEC = 1000 * 1000;  // between two looks when the wait fails
+
+}  // namespace
+
+struct CCmLifeGuard::CState final : CCmReferenceControlT<CCmMutexThread> {
+    bool Enter(CRun& aRun) {
+        CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
+        if (m_bEnded) {
+            return false;
+        }
+        // A thread that were cancelled now would leave a record of its stack behind.
+        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &aRun.m_nCancelState);
+        aRun.m_pNext = m_pRuns;
+        m_pRuns = &aRun;
+        return true;
+    }
+    void Leave(CRun& aRun) {
+        CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
+        CRun** ppRun = &m_pRuns;
+        while (*ppRun != &aRun) {
+            ppRun = &(*ppRun)->m_pNext;
+        }
+        *ppRun = aRun.m_pNext;
+        if (m_bEnded) {
+            m_Left.Broadcast();
+        }
+    }
+    bool End() {
+        CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
+        m_bEnded = true;
+        CmResult rv = lock.result();
+        while (CM_SUCCEEDED(rv) && RunsElsewhere_l()) {
+            rv = m_Left.Wait(nullptr);
+        }
+        return !RunsElsewhere_l();
+    }
+    bool HasEnded() {
+        CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
+        return m_bEnded;
+    }
+
+  private:
+    bool RunsElsewhere_l() const CM_REQUIRES(m_Mutex) {
+        for (const CRun* pRun = m_pRuns; pRun != nullptr; pRun = pRun->m_pNext) {
+            if (!IsEqualCurrentThread((pthread_t)pRun->m_ulThread)) {
+                return true;
+            }
+        }
+        return false;
+    }
+
+    CCmMutexThread m_Mutex;
+    CCmConditionVariableThread m_Left{m_Mutex};
+    CRun* m_pRuns CM_GUARDED_BY(m_Mutex) = nullptr;
+    bool m_bEnded CM_GUARDED_BY(m_Mutex) = false;
+};
+
+CCmLifeGuard::CReference::CReference(CState* aState) : m_pState(aState) {
+    if (m_pState != nullptr) {
+        m_pState->AddReference();
+    }
+}
+
+CCmLifeGuard::CReference::~CReference() {
+    if (m_pState != nullptr) {
+        m_pState->ReleaseReference();
+    }
+}
+
+CCmLifeGuard::CRun::CRun(const CReference& aReference)
+    : m_Reference(aReference),
+      m_ulThread((unsigned long)pthread_self()),
+      m_pNext(nullptr),
+      m_nCancelState(PTHREAD_CANCEL_ENABLE),
+      m_bAllowed(m_Reference.m_pState != nullptr && m_Reference.m_pState->Enter(*this)) {}
+
+CCmLifeGuard::CRun::~CRun() {
+    if (m_bAllowed) {
+        m_Reference.m_pState->Leave(*this);
+        pthread_setcancelstate(m_nCancelState, nullptr);
+    }
+}
+
+CCmLifeGuard::CCmLifeGuard() : m_pState(new (std::nothrow) CState) {
+    if (m_pState != nullptr) {
+        m_pState->AddReference();
+    }
+}
+
+CCmLifeGuard::~CCmLifeGuard() {
+    End();
+    if (m_pState != nullptr) {
+        m_pState->ReleaseReference();
+    }
+}
+
+void CCmLifeGuard::End() {
+    const CCmNoCancel noCancel;
+    while (m_pState != nullptr && !m_pState->End()) {
+        const timespec tsNap = {0, NAP_NSEC};
+        g_cmSystem.nanosleep(&tsNap, nullptr);
+    }
+}
+
+CmResult CCmLifeGuard::Result() const {
+    if (m_pState == nullptr) {
+        return CM_ERROR_OUT_OF_MEMORY;
+    }
+    return m_pState->HasEnded() ? CM_ERROR_NOT_INITIALIZED : CM_OK;
+}
+
+}  // namespace UTIL_NS

@@ -1,0 +1,497 @@
+#include "CmWorker.h"
+
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <sched.h>
+#include <sys/prctl.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <memory>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "CmTimer.h"
+#include "CmTimerWrapper.h"
+#include "support/Clock.h"
+#include "support/Events.h"
+#include "support/Eventually.h"
+#include "support/Faults.h"
+#include "support/TraceSink.h"
+#include "support/Workers.h"
+
+namespace UTIL_NS {
+namespace {
+
+using namespace std::chrono_literals;
+using kelto_test::EndCounter;
+using kelto_test::Eventually;
+using kelto_test::FailingCall;
+using kelto_test::Gate;
+using kelto_test::LiveAllocations;
+using kelto_test::LiveAllocationsBefore;
+using kelto_test::ScopedAllocationFault;
+using kelto_test::ScopedClock;
+using kelto_test::ScopedTraceSink;
+using kelto_test::TaskThread;
+
+std::string NameOfThisThread() {
+    char szName[64] = {};
+    pthread_getname_np(pthread_self(), szName, sizeof(szName));
+    return szName;
+}
+
+TEST(CCmWorker, RunsUntilTheEndOfTheScope) {
+    std::vector<int> ran;
+    {
+        CCmWorker worker;
+        ASSERT_EQ(CM_OK, worker.Result());
+        EXPECT_EQ(CM_OK, worker.PriorityResult());
+        ASSERT_NE(nullptr, worker.GetThread());
+        EXPECT_EQ(worker.GetThread()->GetEventQueue(), worker.GetEventQueue());
+        EXPECT_NE(nullptr, worker.GetThread()->GetTimerQueue());
+        EXPECT_EQ(1, worker.GetThread()->GetThreadType());
+        for (int i = 0; i < 20; ++i) {
+            EXPECT_EQ(CM_OK, CmPost(worker, [&ran, i] { ran.push_back(i); }));
+        }
+    }
+    EXPECT_EQ(20U, ran.size());
+    EXPECT_TRUE(std::is_sorted(ran.begin(), ran.end()));
+}
+
+TEST(CCmWorker, IsFoundAsTheCurrentThread) {
+    CCmWorker worker(CCmWorkerOptions().Type(7));
+    EXPECT_EQ(worker.GetThread(), *CmCall(worker, [] { return getCurrentThread(); }));
+    EXPECT_EQ(7, worker.GetThread()->GetThreadType());
+}
+
+TEST(CCmWorker, NamesItsThread) {
+    CCmWorker worker(CCmWorkerOptions().Name("audio"));
+    EXPECT_EQ("audio", *CmCall(worker, NameOfThisThread));
+    CCmWorker longName(CCmWorkerOptions().Name("a name of more than fifteen bytes"));
+    EXPECT_EQ("a name of more ", *CmCall(longName, NameOfThisThread));
+    CCmWorker unnamed(CCmWorkerOptions().Name(nullptr));
+    EXPECT_EQ(NameOfThisThread(), *CmCall(unnamed, NameOfThisThread));
+}
+
+TEST(CCmWorker, RunsItsFunctionsOnItsThread) {
+    std::vector<std::string> ran;
+    ACmThread* pSeen = nullptr;
+    {
+        CCmWorker worker(CCmWorkerOptions()
+                             .Name("hooks")
+                             .OnStart([&](ACmThread& aThread) {
+                                 pSeen = &aThread;
+                                 ran.push_back("start " + NameOfThisThread());
+                                 CmPost(aThread, [&ran] { ran.push_back("event"); });
+                             })
+                             .OnEnd([&] { ran.push_back("end " + NameOfThisThread()); }));
+        EXPECT_EQ(worker.GetThread(), pSeen);  // before the constructor returns
+    }
+    EXPECT_EQ((std::vector<std::string>{"start hooks", "event", "end hooks"}), ran);
+}
+
+TEST(CCmWorker, DoesNotStart_WhenItsStartFunctionFails) {
+    std::atomic<int> ends{0};
+    bool bEnded = false;
+    CCmWorker worker(CCmWorkerOptions()
+                         .OnStart([&](ACmThread& aThread) -> CmResult {
+                             CmPost(aThread, [counter = EndCounter(ends)] {});
+                             CmPostDelayed(aThread, 0ms, [counter = EndCounter(ends)] {});
+                             return CM_ERROR_NOT_FOUND;
+                         })
+                         .OnEnd([&bEnded] { bEnded = true; }));
+    EXPECT_EQ(CM_ERROR_NOT_FOUND, worker.Result());
+    EXPECT_EQ(nullptr, worker.GetThread());
+    EXPECT_EQ(nullptr, worker.GetEventQueue());
+    EXPECT_EQ(2, ends);
+    EXPECT_FALSE(bEnded);
+    // Everything is refused.
+    EXPECT_EQ(CM_ERROR_NULL_POINTER, CmPost(worker, [] {}));
+    EXPECT_EQ(CM_ERROR_NULL_POINTER, CmCall(worker, [] {}).Result());
+    EXPECT_EQ(CM_ERROR_NULL_POINTER, CmPostDelayed(worker, 0ms, [] {}).Result());
+    EXPECT_EQ(CM_ERROR_NOT_FOUND, worker.Drain());
+    EXPECT_EQ(CM_ERROR_NOT_FOUND, worker.Stop());
+    EXPECT_EQ(CM_ERROR_NOT_FOUND, worker.StopNow());
+    EXPECT_EQ(CM_ERROR_NOT_FOUND, worker.Join());
+    EXPECT_EQ(CM_ERROR_NOT_FOUND, worker.SetPriority(0));
+    EXPECT_EQ(CM_ERROR_NOT_FOUND, worker.PriorityResult());
+    EXPECT_EQ(CM_OK, worker.End());
+}
+
+TEST(CCmWorker, OptionsServeSeveralWorkers) {
+    std::atomic<int> starts{0};
+    const CCmWorkerOptions options = CCmWorkerOptions().OnStart([&starts] { ++starts; });
+    {
+        CCmWorker first(options);
+        CCmWorker second(options);
+        EXPECT_EQ(CM_OK, first.Result());
+        EXPECT_EQ(CM_OK, second.Result());
+    }
+    EXPECT_EQ(2, starts);
+}
+
+TEST(CCmWorker, RefusesATypeThatIsNone) {
+    for (const int nType : {TT_MAIN, TT_UNKNOWN}) {
+        CCmWorker worker(CCmWorkerOptions().Type(nType));
+        EXPECT_EQ(CM_ERROR_INVALID_ARG, worker.Result());
+        EXPECT_EQ(nullptr, worker.GetThread());
+    }
+}
+
+TEST(CCmWorker, SaysWhichResult_WhenTheThreadCannotBeCreated) {
+    const FailingCall<&CCmSystemTable::pthread_create> fault(EAGAIN, EAGAIN);
+    CCmWorker worker;
+    EXPECT_EQ(CM_ERROR_UNEXPECTED, worker.Result());
+    EXPECT_EQ(nullptr, worker.GetThread());
+}
+
+TEST(CCmWorker, SaysSo_WhenMemoryRunsOut) {
+    bool bSucceeded = false;
+    for (unsigned long ulNth = 1; !bSucceeded && ulNth < 30; ++ulNth) {
+        const long lLive = LiveAllocationsBefore();
+        bool bHit = false;
+        {
+            std::optional<ScopedAllocationFault> fault;
+            fault.emplace(ulNth);
+            CCmWorker worker(CCmWorkerOptions().Name("memory").OnStart([] {}).OnEnd([] {}));
+            bHit = fault->hit();
+            fault.reset();
+            EXPECT_EQ(bHit ? CM_ERROR_OUT_OF_MEMORY : CM_OK, worker.Result()) << ulNth;
+        }
+        EXPECT_EQ(lLive, LiveAllocations()) << ulNth;
+        bSucceeded = !bHit;
+    }
+    EXPECT_TRUE(bSucceeded);
+}
+
+TEST(CCmWorker, ReportsARefusedPriority) {
+    ScopedTraceSink sink;
+    const FailingCall<&CCmSystemTable::pthread_setschedparam> fault(
+        EPERM, EPERM, 1, kelto_test::Failing::FROM_THERE_ON);
+    CCmWorker worker(CCmWorkerOptions().Priority(1));
+    EXPECT_EQ(CM_OK, worker.Result());
+    EXPECT_EQ(CM_ERROR_FAILURE, worker.PriorityResult());
+    EXPECT_EQ(CM_ERROR_FAILURE, worker.SetPriority(2));
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, worker.SetPriority(1000));
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, worker.SetPriority(-1));
+    EXPECT_EQ(2U, sink.count("CCmWorker, pthread_setschedparam() failed! err=1"));
+    EXPECT_TRUE(CmCall(worker, [] {}));
+}
+
+TEST(CCmWorker, SetsItsPriority) {
+    CCmWorker worker;
+    EXPECT_EQ(CM_OK, worker.SetPriority(0));
+    EXPECT_EQ(SCHED_OTHER, *CmCall(worker, [] {
+                  int nPolicy = -1;
+                  sched_param parameter = {};
+                  pthread_getschedparam(pthread_self(), &nPolicy, &parameter);
+                  return nPolicy;
+              }));
+    EXPECT_EQ(CM_OK, worker.Stop());
+    EXPECT_EQ(CM_OK, worker.Join());
+    EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, worker.SetPriority(0));
+}
+
+TEST(CCmWorker, HasPreciseWaits_WhenAskedTo) {
+    const auto slack = [] { return prctl(PR_GET_TIMERSLACK, 0, 0, 0, 0); };
+    CCmWorker usual;
+    CCmWorker precise(CCmWorkerOptions().PreciseTimers());
+    EXPECT_EQ(slack(), *CmCall(usual, slack));
+    EXPECT_EQ(1, *CmCall(precise, slack));
+}
+
+TEST(CCmWorker, Drain_WaitsForWhatWasPosted) {
+    CCmWorker worker;
+    int nRan = 0;
+    for (int i = 0; i < 100; ++i) {
+        CmPost(worker, [&nRan] { ++nRan; });
+    }
+    EXPECT_EQ(CM_OK, worker.Drain());
+    EXPECT_EQ(100, nRan);
+    Gate gate;
+    CmPost(worker, [&gate] { gate.Wait(); });
+    EXPECT_EQ(CM_ERROR_TIMEOUT, worker.Drain(5ms));
+    gate.Open();
+    EXPECT_EQ(CM_OK, worker.Drain(20s));
+    EXPECT_EQ(CM_ERROR_FAILURE, *CmCall(worker, [&worker] { return worker.Drain(); }));
+    EXPECT_EQ(CM_OK, worker.Stop());
+    EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, worker.Drain());
+}
+
+TEST(CCmWorker, Stop_RunsWhatWasPostedBefore) {
+    CCmWorker worker;
+    Gate gate;
+    CmPost(worker, [&gate] { gate.Wait(); });
+    int nRan = 0;
+    for (int i = 0; i < 50; ++i) {
+        CmPost(worker, [&nRan] { ++nRan; });
+    }
+    EXPECT_EQ(CM_OK, worker.Stop());
+    EXPECT_EQ(CM_OK, worker.Stop());
+    EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, CmPost(worker, [] {}));
+    gate.Open();
+    EXPECT_EQ(CM_OK, worker.Join());
+    EXPECT_EQ(50, nRan);
+}
+
+TEST(CCmWorker, StopNow_EndsWhatIsPendingUnfired) {
+    for (const bool bStoppedBefore : {false, true}) {
+        CCmWorker worker;
+        Gate gate;
+        Gate begun;
+        CmPost(worker, [&] {
+            begun.Open();
+            gate.Wait();
+        });
+        ASSERT_TRUE(begun.Wait());
+        std::atomic<int> ran{0};
+        std::atomic<int> ends{0};
+        for (int i = 0; i < 50; ++i) {
+            CmPost(worker, [&ran, counter = EndCounter(ends)] { ++ran; });
+        }
+        CmPostDelayed(worker, 0ms, [&ran, counter = EndCounter(ends)] { ++ran; });
+        if (bStoppedBefore) {
+            EXPECT_EQ(CM_OK, worker.Stop());
+        }
+        EXPECT_EQ(CM_OK, worker.StopNow());
+        EXPECT_EQ(CM_OK, worker.StopNow());
+        gate.Open();
+        EXPECT_EQ(CM_OK, worker.Join());
+        EXPECT_EQ(0, ran);
+        EXPECT_EQ(51, ends);
+    }
+}
+
+// The stop comes while one of five events that were taken out together runs.
+TEST(CCmWorker, StopNow_TakesEffectBetweenTwoEvents) {
+    CCmWorker worker;
+    Gate gate;
+    CmPost(worker, [&gate] { gate.Wait(); });
+    int nRan = 0;
+    for (int i = 0; i < 20; ++i) {
+        CmPost(worker, [&, i] {
+            ++nRan;
+            if (i == 7) {
+                EXPECT_EQ(CM_OK, worker.StopNow());
+            }
+        });
+    }
+    gate.Open();
+    EXPECT_EQ(CM_OK, worker.Join());
+    EXPECT_EQ(8, nRan);
+}
+
+TEST(CCmWorker, StopNow_WakesAWorkerThatSleeps) {
+    CCmWorker worker;
+    worker.Drain();
+    EXPECT_EQ(CM_OK, worker.StopNow());
+    EXPECT_EQ(CM_OK, worker.Join());
+}
+
+TEST(CCmWorker, Stop_ChangesNothing_WhenMemoryRunsOut) {
+    CCmWorker worker;
+    worker.Drain();
+    {
+        const ScopedAllocationFault fault(1);
+        EXPECT_EQ(CM_ERROR_OUT_OF_MEMORY, worker.Stop());
+    }
+    {
+        const ScopedAllocationFault fault(1);
+        EXPECT_EQ(CM_ERROR_OUT_OF_MEMORY, worker.StopNow());
+    }
+    EXPECT_TRUE(CmCall(worker, [] {}));
+    {
+        const ScopedAllocationFault fault(1);
+        EXPECT_EQ(CM_OK, worker.End());  // tries again
+        EXPECT_TRUE(fault.hit());
+    }
+    EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, worker.Result());
+}
+
+TEST(CCmWorker, Join_FailsOnTheWorkerItself) {
+    CCmWorker worker;
+    EXPECT_EQ(CM_ERROR_FAILURE, *CmCall(worker, [&worker] { return worker.Join(); }));
+}
+
+TEST(CCmWorker, MovesToAnotherOwner) {
+    std::optional<CCmWorker> worker;
+    worker.emplace();
+    ACmThread* pThread = worker->GetThread();
+    CCmWorker other = std::move(*worker);
+    EXPECT_EQ(pThread, other.GetThread());
+    EXPECT_EQ(CM_OK, other.Result());
+    EXPECT_EQ(nullptr, worker->GetThread());
+    EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, worker->Result());
+    worker.reset();
+    int nRan = 0;
+    CmPost(other, [&nRan] { ++nRan; });
+    other = CCmWorker();  // ends the first one
+    EXPECT_EQ(1, nRan);
+    EXPECT_NE(nullptr, other.GetThread());
+    EXPECT_TRUE(CmCall(other, [] {}));
+}
+
+TEST(CCmWorker, EndsOnItsOwnThread_AfterWhatWasPosted) {
+    const long lLive = LiveAllocationsBefore();
+    std::atomic<bool> bEnded{false};
+    {
+        std::vector<int> ran;
+        auto pWorker =
+            std::make_unique<CCmWorker>(CCmWorkerOptions().OnEnd([&bEnded] { bEnded = true; }));
+        Gate gate;
+        Gate gone;
+        CmPost(*pWorker, [&] {
+            gate.Wait();
+            pWorker.reset();
+            ran.push_back(1);
+            gone.Open();
+        });
+        CmPost(*pWorker, [&] { ran.push_back(2); });
+        gate.Open();
+        EXPECT_TRUE(gone.Wait());
+        EXPECT_TRUE(Eventually([&] { return bEnded.load(); }));
+        EXPECT_EQ(nullptr, pWorker);
+        EXPECT_EQ((std::vector<int>{1, 2}), ran);
+    }
+    // The thread object is the last thing to go.
+    EXPECT_TRUE(Eventually([&] { return LiveAllocations() == lLive; }));
+}
+
+TEST(CCmWorker, CountsOnItsOwnClock_WhenTheWallClockIsSet) {
+    for (const long lStep : {-3600L * 24 * 365, 3600L * 24 * 365}) {
+        ScopedClock clock(1700000000);
+        CCmWorker worker;
+        Gate fired;
+        std::atomic<int> early{0};
+        const CCmTimerHandle late = CmPostDelayed(worker, 100s, [&early] { ++early; });
+        clock.Set(1700000000 + lStep);
+        const auto start = std::chrono::steady_clock::now();
+        CmPostDelayed(worker, 10ms, [&fired] { fired.Open(); });
+        clock.Set(1700000000 - lStep);
+        // The gate waits on the real wall clock.
+        EXPECT_TRUE(fired.Wait());
+        EXPECT_LE(10ms, std::chrono::steady_clock::now() - start);
+        worker.Drain();
+        EXPECT_EQ(0, early);
+        EXPECT_TRUE(late.IsPending());
+    }
+}
+
+class CountingSink : public CCmTimerWrapperIDSink {
+  public:
+    void OnTimer(CCmTimerWrapperID* /*aId*/) override { ++m_nFired; }
+    std::atomic<int> m_nFired{0};
+};
+
+TEST(CCmWorker, HasATimerQueueOfTheWallClock_Beside) {
+    CCmWorker worker;
+    CountingSink sink;
+    CCmTimerWrapperID wrapper;
+    std::atomic<int> fired{0};
+    CCmTimer timer(worker, 3ms, [&fired] { ++fired; });
+    EXPECT_EQ(CM_OK,
+              *CmCall(worker, [&] { return wrapper.Schedule(&sink, CCmTimeValue(0, 2000), 0); }));
+    EXPECT_TRUE(Eventually([&] { return sink.m_nFired >= 3 && fired >= 3; }));
+    CmCall(worker, [&] { wrapper.Cancel(); });
+}
+
+TEST(CCmWorker, SurvivesTheCancellationOfItsThread) {
+    std::atomic<int> ends{0};
+    {
+        CCmWorker worker;
+        Gate begun;
+        CCmTimerHandle handle = CmPostEvery(worker, 1ms, [&begun, counter = EndCounter(ends)] {
+            begun.Open();
+            for (;;) {
+                sched_yield();  // no cancellation point of which a sanitizer loses track
+                pthread_testcancel();
+            }
+        });
+        const auto pending = CmPostDelayed(worker, 100s, [counter = EndCounter(ends)] {});
+        ASSERT_TRUE(begun.Wait());
+        EXPECT_EQ(0, worker.GetThread()->Terminate());
+        EXPECT_NE(CM_ERROR_NOT_AVAILABLE, handle.CancelAndWait());
+        EXPECT_EQ(1, ends);
+        EXPECT_TRUE(pending.IsPending());
+    }
+    EXPECT_EQ(2, ends);
+}
+
+// ---- CmEndThread, CCmLoopThread
+
+class Loop : public CCmLoopThread {
+  public:
+    void OnThreadRun() override {
+        while (!GetStopFlag()) {
+            m_wake.Wait();
+        }
+        m_bEnded = true;
+    }
+    void OnWakeUp() override { m_wake.Signal(); }
+
+    static inline std::atomic<bool> m_bEnded{false};
+
+  private:
+    CCmEventThread m_wake;
+};
+
+TEST(CCmLoopThread, IsWokenToItsEnd) {
+    for (const bool bAtOnce : {true, false}) {
+        Loop::m_bEnded = false;
+        CCmThreadPtr pThread(new Loop);
+        ASSERT_EQ(CM_OK, pThread->Create(1));
+        if (!bAtOnce) {
+            std::this_thread::sleep_for(5ms);
+        }
+        pThread.reset();
+        EXPECT_TRUE(Loop::m_bEnded);
+    }
+}
+
+TEST(CCmThreadPtr, EndsAWorkerOfTheFullInterface) {
+    ACmThread* pThread = nullptr;
+    ASSERT_EQ(CM_OK, CreateUserTaskThread(&pThread, TF_JOINABLE, true, 1));
+    int nRan = 0;
+    {
+        CCmThreadPtr worker(pThread);
+        CmPost(*worker, [&nRan] { ++nRan; });
+    }
+    EXPECT_EQ(1, nRan);
+}
+
+TEST(CmEndThread, FreesAnObjectThatWasNeverCreated) {
+    const long lLive = LiveAllocationsBefore();
+    EXPECT_EQ(CM_OK, CmEndThread(new Loop));
+    EXPECT_EQ(CM_OK, CmEndThread(nullptr));
+    EXPECT_EQ(lLive, LiveAllocations());
+}
+
+class Stubborn : public ACmThread {
+  public:
+    void OnThreadRun() override { m_gate.Wait(); }
+    Gate m_gate;
+};
+
+TEST(CmEndThread, DoesNotWaitForAThreadThatCannotBeStopped) {
+    ScopedTraceSink sink;
+    auto* pThread = new Stubborn;
+    ASSERT_EQ(CM_OK, pThread->Create(1));
+    EXPECT_EQ(CM_ERROR_NOT_IMPLEMENTED, CmEndThread(pThread));
+    EXPECT_EQ(1U, sink.count("CmEndThread, the thread goes on. rv="));
+    pThread->m_gate.Open();
+    EXPECT_EQ(CM_OK, pThread->Join());
+    pThread->Destory(CM_OK);
+}
+
+TEST(CmEndThread, FailsOnTheThreadItself) {
+    TaskThread worker;
+    EXPECT_EQ(CM_ERROR_FAILURE, *CmCall(*worker, [&] { return CmEndThread(&*worker); }));
+}
+
+}  // namespace
+}  // namespace UTIL_NS
