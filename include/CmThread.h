@@ -70,6 +70,7 @@ class CM_UTIL_EXPORT ACmThread {
     virtual ICmEventQueue* GetEventQueue();
     // Null when the thread has none. Owned by the object; to be used on the thread itself only.
     virtual ICmTimerQueue* GetTimerQueue();
+    // Sets what GetStopFlag tells, and nothing else.
     virtual void SetStop();
     // True once the body has ended, or SetStop or Terminate was called. Stop of a worker does not
     // set it: it posts an event, and posts are refused from then on.
@@ -80,6 +81,7 @@ class CM_UTIL_EXPORT ACmThread {
     pthread_t GetThreadId() const { return m_Tid.load(std::memory_order_relaxed); }
     // -1 (all bits set) until a thread was started.
     pthread_t GetThreadHandle() const { return m_Handle.load(std::memory_order_relaxed); }
+    // What Create was given; TT_UNKNOWN before.
     int GetThreadType() const { return m_Type; }
 
     // Waits until a joinable thread has ended; does nothing for any other. CM_ERROR_FAILURE: it is
