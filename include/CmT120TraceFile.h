@@ -18,8 +18,8 @@
 // thread's handle, as a signed number.
 //
 // Nothing here throws, changes errno, raises a signal or reports a failure of tracing: a line that
-// cannot be written is lost, and those that are on disk stay. No thread is cancelled here. A process
-// that keeps the lock of a shared file holds up who writes to that file, and nobody else.
+// cannot be written is lost, and those that are on disk stay. No thread is cancelled here. A
+// process that keeps the lock of a shared file holds up who writes to that file, and nobody else.
 #ifndef CM_T120_TRACE_FILE_H
 #define CM_T120_TRACE_FILE_H
 

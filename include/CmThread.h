@@ -93,11 +93,11 @@ class CM_UTIL_EXPORT ACmThread {
     // only. CM_OK.
     CmResult Destory(int aReason);
     // Cancels the thread at its next cancellation point and sets the stop flag. The result is that
-    // of pthread_cancel, or CM_ERROR_FAILURE when there is no thread to cancel: none was started, or
-    // the object adopted one (whose stop flag is set all the same). An event that was firing ends;
-    // what its event queue holds stays pending, the queue accepts posts until a Stop closes it, and
-    // Join and Destory work as usual. The host's own handlers run no destructors on every system
-    // (see "Cancelled threads" in docs/platforms.md). No destructor of theirs may contain a
+    // of pthread_cancel, or CM_ERROR_FAILURE when there is no thread to cancel: none was started,
+    // or the object adopted one (whose stop flag is set all the same). An event that was firing
+    // ends; what its event queue holds stays pending, the queue accepts posts until a Stop closes
+    // it, and Join and Destory work as usual. The host's own handlers run no destructors on every
+    // system (see "Cancelled threads" in docs/platforms.md). No destructor of theirs may contain a
     // cancellation point: it cannot be unwound, and the process would end. Create, Destory and the
     // library's own destructors are none.
     CmResult Terminate();

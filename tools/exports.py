@@ -35,8 +35,12 @@ def output_of(*command, text=None):
     return subprocess.run(command, input=text, check=True, capture_output=True, text=True).stdout
 
 
+def is_elf_file(library):
+    return pathlib.Path(library).read_bytes()[:4] == b"\x7fELF"
+
+
 def exported_names(library):
-    is_elf = pathlib.Path(library).read_bytes()[:4] == b"\x7fELF"
+    is_elf = is_elf_file(library)
     which = ["--dynamic"] if is_elf else ["--extern-only"]
     lines = output_of("llvm-nm", "--defined-only", "--format=just-symbols", *which, library).split()
     mangled = [line if is_elf else line[1:] for line in lines]
@@ -55,6 +59,16 @@ def listed_names():
     return {line for line in lines if line and not line.startswith("#")}
 
 
+def with_int64_as_listed(names, listed):
+    """An int64_t is a long on Linux and a long long on macOS; the list has the former."""
+    result = set()
+    for name in names:
+        spelling = name.replace("long long", "long")
+        differs = name not in listed and spelling in listed and spelling not in names
+        result.add(spelling if differs else name)
+    return result
+
+
 def main():
     if len(sys.argv) != 3 or sys.argv[1] not in ("check", "update"):
         sys.exit(__doc__)
@@ -64,6 +78,8 @@ def main():
         print(f"{LIST.name}: {len(names)} names")
         return
     listed = listed_names()
+    if not is_elf_file(sys.argv[2]):
+        names = with_int64_as_listed(names, listed)
     for name in sorted(listed - names):
         print(f"not exported: {name}")
     for name in sorted(names - listed):
