@@ -5,6 +5,7 @@
 #include <limits.h>
 #include <sched.h>
 #include <signal.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -307,6 +308,41 @@ unsigned MachThread(Thread* aThread) {
     return static_cast<unsigned>(aThread->id);
 }
 
+// The number of the calling thread is asked for afresh: a forked child has another one.
+int ThreadId(Thread* aThread, uint64_t* aId) {
+    if (aThread == nullptr || aThread == s_pCurrent) {
+        *aId = static_cast<uint64_t>(syscall(SYS_gettid));
+        return 0;
+    }
+    pthread_t host;
+    if (!Find(aThread, host)) {
+        return ErrorToTarget(ESRCH);
+    }
+    *aId = MachThread(aThread);
+    return 0;
+}
+
+// A thread of the target has no name until it gets one, and names are longer there.
+int SetName(const char* aName) {
+    Thread& thread = *CurrentThread();
+    const Locked locked;
+    if (strlen(aName) >= sizeof(thread.name)) {
+        return ErrorToTarget(ENAMETOOLONG);
+    }
+    strcpy(thread.name, aName);
+    return 0;
+}
+
+int GetName(Thread* aThread, char* aName, size_t aSize) {
+    pthread_t host;
+    if (!Find(aThread, host)) {
+        return ErrorToTarget(ESRCH);
+    }
+    const Locked locked;
+    snprintf(aName, aSize, "%s", aThread->name);
+    return 0;
+}
+
 // ---- Thread-specific values
 
 int KeyCreate(unsigned long* aKey, void (*aDestructor)(void*)) {
@@ -390,6 +426,9 @@ void SupplyThreads() {
         {"_pthread_setcancelstate", Address(&SetCancelState)},
         {"_pthread_testcancel", Address(&TestCancel)},
         {"_pthread_mach_thread_np", Address(&MachThread)},
+        {"_pthread_threadid_np", Address(&ThreadId)},
+        {"_pthread_setname_np", Address(&SetName)},
+        {"_pthread_getname_np", Address(&GetName)},
         {"_pthread_key_create", Address(&KeyCreate)},
         {"_pthread_key_delete", Address(&KeyDelete)},
         {"_pthread_getspecific", Address(&GetSpecific)},
