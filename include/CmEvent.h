@@ -130,7 +130,8 @@ class CCmCallResultT {
         : m_Result(CM_OK), m_bHasBegun(true), m_Value(std::move(aValue)) {}
 
     // CM_OK; CM_ERROR_TIMEOUT; CM_ERROR_NOT_AVAILABLE: the callable was destroyed without having
-    // run (its target ended); CM_ERROR_FAILURE: the wait itself failed; or why it was refused.
+    // run (its target ended), or its thread was cancelled while it ran; CM_ERROR_FAILURE: the wait
+    // itself failed; or why it was refused.
     CmResult Result() const { return m_Result; }
     // Whether there is a value.
     explicit operator bool() const { return m_Value.has_value(); }
@@ -195,6 +196,7 @@ class CM_UTIL_EXPORT ACmCallEvent : public ICmEvent {
     struct CWait;
 
     CM_UTIL_HIDDEN CmResult CallWithin_i(ICmEventQueue& aQueue, const CCmTimeValue& aLimit);
+    CM_UTIL_HIDDEN void WakeCaller_i();
     CM_UTIL_HIDDEN void Abandon_i();
     CM_UTIL_HIDDEN void Release_i();
 

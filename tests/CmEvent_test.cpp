@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <sched.h>
 
 #include <atomic>
 #include <chrono>
@@ -11,6 +12,7 @@
 #include <vector>
 
 #include "CmWorker.h"
+#include "support/Cancellation.h"
 #include "support/Events.h"
 #include "support/Eventually.h"
 #include "support/Faults.h"
@@ -28,7 +30,9 @@ using kelto_test::Gate;
 using kelto_test::LiveAllocations;
 using kelto_test::LiveAllocationsBefore;
 using kelto_test::ScopedAllocationFault;
+using kelto_test::ScopedHandlersOnly;
 using kelto_test::TaskThread;
+using kelto_test::TestCancel;
 
 // ---- Post
 
@@ -363,6 +367,37 @@ TEST(CmCall, IsNotCancelledWhileItWaits) {
         EXPECT_TRUE(bReturned);
         EXPECT_FALSE(bWentOn);
     }
+}
+
+// Cancels a worker in the callable of a call with a limit.
+void CancelInACall() {
+    std::atomic<int> ends{0};
+    CCmWorker worker;
+    Gate begun;
+    std::thread canceller([&] {
+        EXPECT_TRUE(begun.Wait());
+        EXPECT_EQ(CM_OK, worker.GetThread()->Terminate());
+    });
+    const auto result = CmCall(worker, 20s, [&begun, counter = EndCounter(ends)] {
+        begun.Open();
+        for (;;) {
+            sched_yield();  // no cancellation point of which a sanitizer loses track
+            TestCancel();
+        }
+    });
+    EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, result.Result());
+    EXPECT_TRUE(result.HasBegun());
+    EXPECT_EQ(1, ends);
+    canceller.join();
+}
+
+TEST(CmCall, IsNotAvailable_WhenItsThreadIsCancelledInIt) {
+    CancelInACall();
+}
+
+TEST(CmCall, IsNotAvailable_WhenItsThreadIsCancelledInItAndNothingUnwinds) {
+    ScopedHandlersOnly handlersOnly;
+    CancelInACall();
 }
 
 TEST(CmCall, LeavesNothingBehind) {

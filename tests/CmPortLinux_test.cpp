@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <string.h>
+#include <sys/prctl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -10,6 +11,7 @@
 #include <string>
 
 #include "CmConfig.h"
+#include "CmWorker.h"
 #include "port/CmCpu.h"
 #include "port/CmPort.h"
 #include "support/ChildProcess.h"
@@ -213,6 +215,23 @@ TEST(CmPortLinuxCpu, Features_AreThoseThatTheCompilerFinds) {
     EXPECT_EQ(__builtin_cpu_supports("pclmul") != 0, CmCpuHas(CM_CPU_PCLMUL));
     EXPECT_EQ(__builtin_cpu_supports("avx2") != 0, CmCpuHas(CM_CPU_AVX2));
     EXPECT_EQ(__builtin_cpu_supports("vpclmulqdq") != 0, CmCpuHas(CM_CPU_VPCLMULQDQ));
+}
+
+TEST(CmPortLinux, NamesTheThread_CutToItsLimit) {
+    CCmWorker worker(CCmWorkerOptions().Name("a name of more than fifteen bytes"));
+    EXPECT_EQ("a name of more ", *CmCall(worker, [] {
+                  char szName[64] = {};
+                  pthread_getname_np(pthread_self(), szName, sizeof(szName));
+                  return std::string(szName);
+              }));
+}
+
+TEST(CmPortLinux, PreciseWaits_AreThoseOfAWorkerThatAskedForThem) {
+    const auto slack = [] { return prctl(PR_GET_TIMERSLACK, 0, 0, 0, 0); };
+    CCmWorker usual;
+    CCmWorker precise(CCmWorkerOptions().PreciseTimers());
+    EXPECT_EQ(slack(), *CmCall(usual, slack));
+    EXPECT_EQ(1, *CmCall(precise, slack));
 }
 
 TEST(CmPortLinux, ConditionWaitUntil_EndsByTheMonotonicClock) {

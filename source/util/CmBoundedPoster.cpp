@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <new>
 
+#include "CmCancel.h"
 #include "CmConditionVariable.h"
 #include "CmLifeGuard.h"
-#include "CmNoCancel.h"
 #include "CmQueueOwner.h"
 #include "CmScopedLock.h"
 #include "CmTimedCalls.h"
@@ -35,7 +35,7 @@ struct CCmBoundedPoster::CState final : CCmReferenceControlT<CCmMutexThread> {
         if (CM_FAILED(lock.result())) {
             return lock.result();
         }
-        const CCmNoCancel noCancel;
+        const CCmDisableCancel disableCancel;
         CWaiter waiter(*this);
         CmResult rv = CM_OK;
         while (!waiter.m_bHasRoom && CM_SUCCEEDED(rv)) {

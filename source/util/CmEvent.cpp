@@ -1,6 +1,6 @@
 #include "CmEvent.h"
 
-#include "CmNoCancel.h"
+#include "CmCancel.h"
 #include "CmQueueOwner.h"
 #include "CmScopedLock.h"
 #include "CmTimedCalls.h"
@@ -16,6 +16,7 @@ enum ECall : int {
     CALL_HAS_RUN,
     CALL_ABANDONED,  // by its caller
     CALL_DISCARDED,  // by its queue
+    CALL_CUT_OFF,    // its thread was cancelled while it ran
 };
 
 }  // namespace
@@ -48,10 +49,7 @@ CmResult ACmCallEvent::OnEventFire() {
     Drop();
     // Release: the caller that reads it reads the value after it.
     m_nState.store(CALL_HAS_RUN, std::memory_order_release);
-    if (m_pWait != nullptr) {
-        CCmScopedLockT<CCmMutexThread> lock(m_pWait->m_Mutex);
-        m_pWait->m_Ended.Signal();
-    }
+    WakeCaller_i();
     return CM_OK;
 }
 
@@ -59,16 +57,24 @@ void ACmCallEvent::OnDestorySelf() {
     int nState = CALL_WAITS;
     if (m_nState.compare_exchange_strong(nState, CALL_DISCARDED, std::memory_order_acq_rel)) {
         Drop();
-        if (m_pWait != nullptr) {
-            CCmScopedLockT<CCmMutexThread> lock(m_pWait->m_Mutex);
-            m_pWait->m_Ended.Signal();
-        }
+        WakeCaller_i();
+    } else if (nState == CALL_RUNS) {
+        Drop();
+        m_nState.store(CALL_CUT_OFF, std::memory_order_release);
+        WakeCaller_i();
     }
     Release_i();
 }
 
+void ACmCallEvent::WakeCaller_i() {
+    if (m_pWait != nullptr) {
+        CCmScopedLockT<CCmMutexThread> lock(m_pWait->m_Mutex);
+        m_pWait->m_Ended.Signal();
+    }
+}
+
 CmResult ACmCallEvent::Call(ICmEventQueue& aQueue, const CCmTimeValue* aLimit) {
-    const CCmNoCancel noCancel;
+    const CCmDisableCancel disableCancel;
     const bool bLimited = aLimit != nullptr && *aLimit < CCmTimeValue::s_tvMax;
     const CmResult rv = bLimited && !CCmQueueOwner::IsOwnThread(aQueue)
                             ? CallWithin_i(aQueue, *aLimit)
@@ -102,6 +108,7 @@ CmResult ACmCallEvent::CallWithin_i(ICmEventQueue& aQueue, const CCmTimeValue& a
         case CALL_HAS_RUN:
             return CM_OK;
         case CALL_DISCARDED:
+        case CALL_CUT_OFF:
             return CM_ERROR_NOT_AVAILABLE;
         default:
             return rv;
@@ -122,7 +129,7 @@ void ACmCallEvent::LetGo() {
 
 bool ACmCallEvent::HasBegun() const {
     const int nState = m_nState.load(std::memory_order_acquire);
-    return nState == CALL_RUNS || nState == CALL_HAS_RUN;
+    return nState == CALL_RUNS || nState == CALL_HAS_RUN || nState == CALL_CUT_OFF;
 }
 
 void ACmCallEvent::Release_i() {

@@ -2,8 +2,8 @@
 
 #include <new>
 
+#include "CmCancel.h"
 #include "CmConditionVariable.h"
-#include "CmNoCancel.h"
 #include "CmScopedLock.h"
 #include "CmUtilTemplates.h"
 #include "port/CmSystem.h"
@@ -109,7 +109,7 @@ CCmLifeGuard::~CCmLifeGuard() {
 }
 
 void CCmLifeGuard::End() {
-    const CCmNoCancel noCancel;
+    const CCmDisableCancel disableCancel;
     while (m_pState != nullptr && !m_pState->End()) {
         const timespec tsNap = {0, NAP_NSEC};
         g_cmSystem.nanosleep(&tsNap, nullptr);

@@ -4,7 +4,7 @@
 #include <memory>
 #include <new>
 
-#include "CmNoCancel.h"
+#include "CmCancel.h"
 #include "CmQueueOwner.h"
 #include "CmScopedLock.h"
 #include "CmThread.h"
@@ -31,6 +31,7 @@ CCmTimeValue ValueOf(long long aNsec) {
 }
 
 void Nap() {
+    const CCmDisableCancel disableCancel;
     const timespec tsNap = {0, NAP_NSEC};
     g_cmSystem.nanosleep(&tsNap, nullptr);
 }
@@ -207,7 +208,7 @@ CmResult CCmTimedCalls::TryCancel_i(CCmTimedCall& aCall) {
 }
 
 void CCmTimedCalls::WaitWhileItRuns_i(CCmTimedCall& aCall) {
-    const CCmNoCancel noCancel;
+    const CCmDisableCancel disableCancel;
     for (;; Nap()) {
         CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
         CmResult rv = lock.result();
@@ -223,25 +224,6 @@ void CCmTimedCalls::WaitWhileItRuns_i(CCmTimedCall& aCall) {
         }
     }
 }
-
-// Ends a call whose thread is cancelled while it runs.
-class CCmTimedCalls::CRunning {
-  public:
-    CRunning(CCmTimedCalls& aList, CCmTimedCall& aCall) : m_List(aList), m_pCall(&aCall) {}
-    ~CRunning() {
-        if (m_pCall != nullptr) {
-            m_List.HasRun_i(*m_pCall);
-        }
-    }
-    CRunning(const CRunning&) = delete;
-    CRunning& operator=(const CRunning&) = delete;
-
-    void Release() { m_pCall = nullptr; }
-
-  private:
-    CCmTimedCalls& m_List;
-    CCmTimedCall* m_pCall;
-};
 
 long long CCmTimedCalls::FireDue() {
     if (m_bIsEmpty.load(std::memory_order_relaxed)) {
@@ -279,11 +261,9 @@ void CCmTimedCalls::Fire_i(CCmTimedCall& aCall, long long aNow) {
     }
     firing.m_tvDue = ValueOf(aCall.m_llDue);
     aCall.m_pEvent->SetFiring(firing);
-    {
-        CRunning running(*this, aCall);
-        aCall.m_pEvent->OnEventFire();
-        running.Release();
-    }
+    CCmCleanUpT hasRun([this, &aCall] { HasRun_i(aCall); });
+    aCall.m_pEvent->OnEventFire();
+    hasRun.Release();
     if (!Rearm_i(aCall)) {
         HasRun_i(aCall);
     }

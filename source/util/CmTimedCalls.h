@@ -84,7 +84,6 @@ class CCmTimedCalls : public CCmReferenceControlT<CCmMutexThread> {
 
   private:
     friend class CCmTimedCall;
-    class CRunning;
 
     CmResult Cancel(CCmTimedCall& aCall, bool aWaits);
     CmResult TryCancel_i(CCmTimedCall& aCall);

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "CmCancel.h"
 #include "CmTimedCalls.h"
 #include "CmTimerQueueOrderedList.h"
 #include "CmTraceLine.h"
@@ -247,6 +248,7 @@ CmResult CCmWorker::End() {
     if (!pThread->IsOwnThread()) {
         return CmEndThread(pThread);
     }
+    const CCmDisableCancel disableCancel;
     StopUntilMemory(*pThread);
     pThread->Detach();
     return pThread->Destory(CM_OK);
@@ -256,6 +258,7 @@ CmResult CmEndThread(ACmThread* aThread) {
     if (aThread == nullptr) {
         return CM_OK;
     }
+    const CCmDisableCancel disableCancel;  // the object would be lost
     CmResult rv = aThread->GetThreadId() != pthread_t() ? StopUntilMemory(*aThread) : CM_OK;
     if (CM_SUCCEEDED(rv)) {
         rv = aThread->Join();

@@ -119,29 +119,41 @@ class ScopedHandlersOnly {
                                              : aLeft.tv_nsec < aRight.tv_nsec;
     }
 
-    // Acts on a cancellation with the mutex held, as the system does.
-    static int TimedWait(pthread_cond_t* aCondition, pthread_mutex_t* aMutex,
-                         const timespec* aDeadline) {
+    typedef int (*TimedWaitCall)(pthread_cond_t*, pthread_mutex_t*, const timespec*);
+
+    // Acts on a cancellation with the mutex held, as the system does. aNow, aWait: the clock of the
+    // deadline and the wait that goes by it.
+    static int SlicedWait(pthread_cond_t* aCondition, pthread_mutex_t* aMutex,
+                          const timespec* aDeadline, void (*aNow)(timespec*), TimedWaitCall aWait) {
         if (t_pThread == nullptr) {
-            return aDeadline != nullptr ? pthread_cond_timedwait(aCondition, aMutex, aDeadline)
+            return aDeadline != nullptr ? aWait(aCondition, aMutex, aDeadline)
                                         : pthread_cond_wait(aCondition, aMutex);
         }
         for (;;) {
             TestCancel();
             timespec tsSlice = {};
-            clock_gettime(CLOCK_REALTIME, &tsSlice);
+            aNow(&tsSlice);
             tsSlice.tv_nsec += SLICE_NSEC;
             if (tsSlice.tv_nsec >= 1000 * 1000 * 1000) {
                 tsSlice.tv_nsec -= 1000 * 1000 * 1000;
                 ++tsSlice.tv_sec;
             }
             const bool bIsLast = aDeadline != nullptr && IsBefore(*aDeadline, tsSlice);
-            const int rv =
-                pthread_cond_timedwait(aCondition, aMutex, bIsLast ? aDeadline : &tsSlice);
+            const int rv = aWait(aCondition, aMutex, bIsLast ? aDeadline : &tsSlice);
             if (rv != ETIMEDOUT || bIsLast) {
                 return rv;
             }
         }
+    }
+    static void WallNow(timespec* aNow) { clock_gettime(CLOCK_REALTIME, aNow); }
+    static int TimedWait(pthread_cond_t* aCondition, pthread_mutex_t* aMutex,
+                         const timespec* aDeadline) {
+        return SlicedWait(aCondition, aMutex, aDeadline, &WallNow, &pthread_cond_timedwait);
+    }
+    static int ClockWait(pthread_cond_t* aCondition, pthread_mutex_t* aMutex,
+                         const timespec* aDeadline) {
+        return SlicedWait(aCondition, aMutex, aDeadline, &UTIL_NS::CmPortMonotonicNow,
+                          &UTIL_NS::CmPortConditionWaitUntil);
     }
     static int Wait(pthread_cond_t* aCondition, pthread_mutex_t* aMutex) {
         return TimedWait(aCondition, aMutex, nullptr);
@@ -167,6 +179,8 @@ class ScopedHandlersOnly {
                                                        &Wait};
     ScopedEntry<decltype(T::pthread_cond_timedwait)> m_timedWait{
         UTIL_NS::g_cmSystem.pthread_cond_timedwait, &TimedWait};
+    ScopedEntry<decltype(T::pthread_cond_clockwait)> m_clockWait{
+        UTIL_NS::g_cmSystem.pthread_cond_clockwait, &ClockWait};
     ScopedEntry<decltype(T::nanosleep)> m_sleep{UTIL_NS::g_cmSystem.nanosleep, &Sleep};
 };
 
