@@ -55,8 +55,9 @@ class CM_UTIL_EXPORT ICmEventQueue {
     };
 
     // Hands aEvent over; does not wait. A queue has no bound: where posters may be faster than
-    // the consumer, CCmBoundedPoster sets one (CmBoundedPoster.h). CM_OK, or with the event ended: CM_ERROR_NOT_INITIALIZED
-    // (the queue has been stopped), CM_ERROR_OUT_OF_MEMORY; CM_ERROR_INVALID_ARG: null event.
+    // the consumer, CCmBoundedPoster sets one (CmBoundedPoster.h). CM_OK, or with the event ended:
+    // CM_ERROR_NOT_INITIALIZED (the queue has been stopped), CM_ERROR_OUT_OF_MEMORY;
+    // CM_ERROR_INVALID_ARG: null event.
     virtual CmResult PostEvent(ICmEvent* aEvent, EPriority aPri) = 0;
     // Hands aEvent over, waits until it has fired and returns the result of its OnEventFire; its
     // OnDestorySelf may come later. On the queue's own thread both run at once, overtaking what is
