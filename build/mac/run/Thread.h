@@ -18,6 +18,7 @@ struct CleanupHandler {
 };
 
 constexpr size_t KEYS_MAX = 512;
+constexpr size_t THREAD_NAME_SIZE = 64;
 
 // What the target's pthread_t points to.
 struct Thread {
@@ -34,6 +35,9 @@ struct Thread {
     bool detached;  // under the lock of all threads, like what follows
     bool ended;
     bool joining;
+    int policy;  // the target's number
+    int priority;
+    char name[THREAD_NAME_SIZE];
     struct {
         unsigned long generation;  // of the key that the value is for
         void* value;
