@@ -35,6 +35,7 @@ class CM_UTIL_EXPORT CCmLibraryInit {
   public:
     CCmLibraryInit();
 };
+// See the class.
 static const CCmLibraryInit s_cmLibraryInit;
 
 // The library's string type: a byte string, no encoding implied.

@@ -32,8 +32,9 @@
 
 namespace UTIL_NS {
 
-// The home directory of every path that the library builds, of at most 15 characters; a host
-// changes it by writing it.
+// The home directory of every path that the library builds; a host changes it by writing it, its
+// last '/' included. The size is fixed: 15 characters fit, and nothing checks what is written. A
+// longer one goes through a symbolic link.
 constexpr int CM_HOME_DIR_SIZE = 16;
 extern CM_UTIL_EXPORT char g_def_kelto_home_dir[CM_HOME_DIR_SIZE];  // "/tmp/"
 

@@ -54,13 +54,17 @@ class CM_UTIL_EXPORT ICmEventQueue {
         EPRIORITY_LOW = 2,
     };
 
-    // Hands aEvent over; does not wait. CM_OK, or with the event ended: CM_ERROR_NOT_INITIALIZED
-    // (the queue has been stopped), CM_ERROR_OUT_OF_MEMORY; CM_ERROR_INVALID_ARG: null event.
+    // Hands aEvent over; does not wait. A queue has no bound: where posters may be faster than
+    // the consumer, CCmBoundedPoster sets one (CmBoundedPoster.h). CM_OK, or with the event ended:
+    // CM_ERROR_NOT_INITIALIZED (the queue has been stopped), CM_ERROR_OUT_OF_MEMORY;
+    // CM_ERROR_INVALID_ARG: null event.
     virtual CmResult PostEvent(ICmEvent* aEvent, EPriority aPri) = 0;
     // Hands aEvent over, waits until it has fired and returns the result of its OnEventFire; its
     // OnDestorySelf may come later. On the queue's own thread both run at once, overtaking what is
-    // pending. Waits without limit on a queue that nobody runs. CM_ERROR_NOT_AVAILABLE: the event
-    // was ended without having run (its thread stopped first, or its queue ended).
+    // pending. Waits without limit on a queue that nobody runs; so two threads that send to each
+    // other wait for ever: send in one direction and post in the other. CM_ERROR_NOT_AVAILABLE: the
+    // event was ended without having run (its thread stopped first, or its queue ended), or its
+    // thread was cancelled while it ran.
     // CM_ERROR_FAILURE: the wait failed; the event runs or ends later. Otherwise fails like
     // PostEvent. A cancellation point; what a cancelled sender has sent runs all the same.
     virtual CmResult SendEvent(ICmEvent* aEvent) = 0;

@@ -14,6 +14,8 @@ namespace UTIL_NS {
 // user, query or fragment (they stay in host and path), and IPv6 literals are not recognised:
 // the first ':' of the authority always splits host and port.
 //
+// Init writes the whole text to the trace at level info, user name and password included.
+//
 // Reference counted (the count starts at 0); all calls on one thread. When memory runs out, a
 // boolean operation returns false, a setter changes nothing and a getter returns an empty text.
 class CM_UTIL_EXPORT CCmHttpUrl : public CCmReferenceControlT<CCmMutexNullSingleThread> {

@@ -10,15 +10,16 @@
 //   | header | line\n | line\n |           | marker | older lines ...
 //   +--------+--------+--------+----...----+--------+----------------
 //
-// A new file has no header, so its first line starts at 0 and loses 32 bytes to the header.
+// A new file has no header, so its first line starts at 0 and loses 32 bytes to the header. Only a
+// shared record rolls over at its size limit; the file of any other grows without end.
 //
 // A line is "[MM/DD/YYYY HH:MM:SS.mmm pid=P tid=T] [tag] module:text" in local time; without a tag
 // "[tag] " is missing, without a module only the text follows. T is the low 32 bits of the
 // thread's handle, as a signed number.
 //
 // Nothing here throws, changes errno, raises a signal or reports a failure of tracing: a line that
-// cannot be written is lost, and those that are on disk stay. No thread is cancelled here. A process
-// that keeps the lock of a shared file holds up who writes to that file, and nobody else.
+// cannot be written is lost, and those that are on disk stay. No thread is cancelled here. A
+// process that keeps the lock of a shared file holds up who writes to that file, and nobody else.
 #ifndef CM_T120_TRACE_FILE_H
 #define CM_T120_TRACE_FILE_H
 
@@ -136,7 +137,8 @@ class CM_UTIL_EXPORT CCmT120TraceFileMgr {
     void refresh_settings(unsigned long aSizeLimit, int aFlushCount);
 
     // Reads the filters from home + "conf/keltoexp.filter": up to 100 lines, each an extended
-    // regular expression with its line end as part of it. Keeps the filters when the file cannot
+    // regular expression with its line end as part of it. So only a last line without a line end
+    // matches the name of a module. Keeps the filters when the file cannot
     // be read or is empty, or is a pipe that somebody still writes to; one line that does not
     // compile leaves no filter at all. For hosts; nothing in the library calls it.
     static void init_reg_filter();

@@ -7,6 +7,10 @@
 //   pThread->Stop(nullptr);   // what was posted before still runs
 //   pThread->Join();
 //   pThread->Destory(CM_OK);  // frees the object
+//
+// Where timer wrappers are scheduled on the worker, the order of the end is Stop, Join, the
+// wrappers' destruction, Destory: a wrapper that ends cancels in the timer queue, which goes with
+// the object.
 #ifndef CM_THREAD_H
 #define CM_THREAD_H
 
@@ -52,7 +56,9 @@ class CM_UTIL_EXPORT ACmThread {
     // CM_ERROR_OUT_OF_MEMORY; of a worker also CM_ERROR_NOT_INITIALIZED (an earlier thread of it,
     // of unknown type, was stopped). An object whose creation failed is freed by Destory.
     virtual CmResult Create(int aType, TFlag aFlag = TF_JOINABLE, signed char bRegister = 1);
-    // Asks the body to end; does not wait for it. Here: CM_ERROR_NOT_IMPLEMENTED.
+    // Asks the body to end; does not wait for it. Here: CM_ERROR_NOT_IMPLEMENTED, and the body goes
+    // on. So a class with a body of its own overrides this: it makes OnThreadRun return, and wakes
+    // the thread if it sleeps. Join would wait for ever otherwise.
     virtual CmResult Stop(CCmTimeValue* aTimeout = nullptr);
     // On the new thread, before Create returns.
     virtual void OnThreadInit();
@@ -64,8 +70,10 @@ class CM_UTIL_EXPORT ACmThread {
     virtual ICmEventQueue* GetEventQueue();
     // Null when the thread has none. Owned by the object; to be used on the thread itself only.
     virtual ICmTimerQueue* GetTimerQueue();
+    // Sets what GetStopFlag tells, and nothing else.
     virtual void SetStop();
-    // True once the body has ended, or SetStop or Terminate was called.
+    // True once the body has ended, or SetStop or Terminate was called. Stop of a worker does not
+    // set it: it posts an event, and posts are refused from then on.
     virtual bool GetStopFlag();
     virtual ~ACmThread();
 
@@ -73,6 +81,7 @@ class CM_UTIL_EXPORT ACmThread {
     pthread_t GetThreadId() const { return m_Tid.load(std::memory_order_relaxed); }
     // -1 (all bits set) until a thread was started.
     pthread_t GetThreadHandle() const { return m_Handle.load(std::memory_order_relaxed); }
+    // What Create was given; TT_UNKNOWN before.
     int GetThreadType() const { return m_Type; }
 
     // Waits until a joinable thread has ended; does nothing for any other. CM_ERROR_FAILURE: it is
@@ -84,13 +93,14 @@ class CM_UTIL_EXPORT ACmThread {
     // only. CM_OK.
     CmResult Destory(int aReason);
     // Cancels the thread at its next cancellation point and sets the stop flag. The result is that
-    // of pthread_cancel, or CM_ERROR_FAILURE when there is no thread to cancel: none was started, or
-    // the object adopted one (whose stop flag is set all the same). An event that was firing ends;
-    // what its event queue holds stays pending, the queue accepts posts until a Stop closes it, and
-    // Join and Destory work as usual. The host's own handlers run no destructors on every system
-    // (see "Cancelled threads" in docs/platforms.md). No destructor of theirs may contain a
-    // cancellation point: it cannot be unwound, and the process would end. Create, Destory and the
-    // library's own destructors are none.
+    // of pthread_cancel, or CM_ERROR_FAILURE when there is no thread to cancel: none was started,
+    // or the object adopted one (whose stop flag is set all the same). An event that was firing
+    // ends; what its event queue holds stays pending (or, once a worker has run its stop event,
+    // ends), the queue accepts posts until a Stop closes it, and Join and Destory work as usual.
+    // The host's own handlers run no destructors on every system (see "Cancelled threads" in
+    // docs/platforms.md). No destructor of theirs may contain a cancellation point: it cannot be
+    // unwound, and the process would end. Create, Destory and the library's own destructors are
+    // none.
     CmResult Terminate();
 
     // The start routine of the POSIX thread; pParam is the object. Returns null.
@@ -172,8 +182,8 @@ class CM_UTIL_EXPORT CCmThreadTaskWithEventQueueOnly : public ACmThread, public 
     CCmEventQueueUsingConditionVariable m_EventQueue;
 };
 
-// The same with a timer queue, whose due timers it fires between the events. A timer is late by
-// what runs when it becomes due, and by no more.
+// The same with a timer queue, whose due timers it fires between the events, at least after every
+// five. A timer is late by what runs when it becomes due and before it, and by no more.
 class CM_UTIL_EXPORT CCmThreadTask : public CCmThreadTaskWithEventQueueOnly {
   public:
     CCmThreadTask();

@@ -25,7 +25,11 @@ class CM_UTIL_EXPORT CCmTimerWrapperIDSink {
 
 // One timer of the thread that first schedules it; it stays bound to that thread's timer queue for
 // its life. To be used on that thread only, and destroyed there or, after the thread has ended,
-// while its queue still exists.
+// while its queue still exists: on a worker's timer queue after Join and before Destory.
+//
+// On the timer queue of a worker time is that of the wall clock: set back, it makes the timer late
+// by as much, set forward, it makes it due at once. A calendar queue that the host ticks does not
+// mind.
 class CM_UTIL_EXPORT CCmTimerWrapperID : public ICmTimerHandler {
   public:
     CCmTimerWrapperID();

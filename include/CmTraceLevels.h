@@ -63,8 +63,9 @@ constexpr const char* CmTraceLevelName(unsigned long aLevel) {
 // Writes every line of util_adapter_trace, the library's own above all, to the trace file at aPath
 // from now on, in the layout of CmT120TraceFile.h, with the level's name as its tag and "util" as
 // its module. The file is created if it is missing; each line is written at once, and several
-// processes may share it. aSizeLimit: bytes after which the lines start at its top again, 0 for
-// none.
+// processes may share it: one that stops with the file's lock holds up all that trace, with what
+// they hold. aSizeLimit: bytes after which the lines start at its top again, 0 for none; like that
+// of every trace file, it gives way to the configuration's when the trace facility reads that.
 //
 // To be called before threads that trace are started: it installs a sink (CmTrace.h), which filters
 // nothing. A second call changes the file, and null gives the lines back to the trace facility; a

@@ -9,6 +9,7 @@
 #define CM_UTIL_VERSION_MINOR 0
 #define CM_UTIL_VERSION_PATCH 0
 
+// A number of it as text.
 #define CM_UTIL_VERSION_TEXT_(x) #x
 #define CM_UTIL_VERSION_TEXT(x) CM_UTIL_VERSION_TEXT_(x)
 // The same as text: "1.0.0".

@@ -979,6 +979,35 @@ TEST(CmEventSend, GoesOnWaiting_WhenTheWaitEndsForNoReason) {
     EXPECT_EQ(RESULT, rv);
 }
 
+std::atomic<int> g_nWaits{0};
+int CountedWait(pthread_cond_t* aCondition, pthread_mutex_t* aMutex) {
+    ++g_nWaits;
+    return pthread_cond_wait(aCondition, aMutex);
+}
+int CountedTimedWait(pthread_cond_t* aCondition, pthread_mutex_t* aMutex, const timespec* aTime) {
+    ++g_nWaits;
+    return pthread_cond_timedwait(aCondition, aMutex, aTime);
+}
+std::atomic<int> g_nSignals{0};
+int CountedSignal(pthread_cond_t* aCondition) {
+    ++g_nSignals;
+    return pthread_cond_signal(aCondition);
+}
+
+// A wait that is counted is there: its mutex is held from before it was counted.
+class WaitCounter {
+  public:
+    WaitCounter() { g_nWaits = g_nSignals = 0; }
+
+  private:
+    kelto_test::ScopedEntry<decltype(g_cmSystem.pthread_cond_wait)> m_wait{
+        g_cmSystem.pthread_cond_wait, &CountedWait};
+    kelto_test::ScopedEntry<decltype(g_cmSystem.pthread_cond_timedwait)> m_timedWait{
+        g_cmSystem.pthread_cond_timedwait, &CountedTimedWait};
+    kelto_test::ScopedEntry<decltype(g_cmSystem.pthread_cond_signal)> m_signal{
+        g_cmSystem.pthread_cond_signal, &CountedSignal};
+};
+
 // Holds the thread that fires back once it has woken its sender.
 class HeldAfterWake {
   public:
@@ -1024,6 +1053,7 @@ void ExpectEndOnTheFiringThread(const std::function<void(CCmEventQueueBase&)>& a
     {
         CCmEventQueueUsingMutex queue;
         std::atomic<pthread_t> endedOn{pthread_t()};
+        WaitCounter counter;
         HeldAfterWake held;
         std::thread sender([&] {
             EXPECT_EQ(RESULT, queue.SendEvent(new PlacedEvent(endedOn, [&] { aInFire(queue); })));
@@ -1031,8 +1061,7 @@ void ExpectEndOnTheFiringThread(const std::function<void(CCmEventQueueBase&)>& a
             EXPECT_EQ(pthread_t(), endedOn.load());
             held.Release();
         });
-        ASSERT_TRUE(Eventually([&] { return queue.GetPendingEventsCount() == 1; }));
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));  // let it wait
+        ASSERT_TRUE(Eventually([] { return g_nWaits == 1; }));
         Events events;
         queue.PopPendingEventsLocked(events);
         queue.ProcessEvents(events);
@@ -1069,15 +1098,16 @@ TEST(CmEventSend, EndsTheEventWhereItFired_WhenItsSenderDestroysWhatIsPending) {
 TEST(CmEventSend, WakesTheSender_WhenOneSignalFails) {
     EventLog log;
     CCmEventQueueUsingMutex queue;
+    WaitCounter counter;
     std::thread sender([&] { EXPECT_EQ(CM_OK, queue.SendEvent(new LoggedEvent(log, 1))); });
-    ASSERT_TRUE(Eventually([&] { return queue.GetPendingEventsCount() == 1; }));
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));  // let it wait
+    ASSERT_TRUE(Eventually([] { return g_nWaits == 1; }));
     {
         kelto_test::FailingCall<&CCmSystemTable::pthread_cond_signal> fault(EINVAL, EINVAL);
         Events events;
         queue.PopPendingEventsLocked(events);
         queue.ProcessEvents(events);
         sender.join();
+        EXPECT_EQ(2u, fault.calls());
     }
     EXPECT_EQ(Ids{1}, log.ended());
 }
@@ -1230,34 +1260,6 @@ TEST(CmEventQueueUsingConditionVariable, FindsNothingSilently_WhenTheTimeIsOver)
     EXPECT_EQ(0u, sink.lines().size());
 }
 
-std::atomic<int> g_nWaits{0};
-int CountedWait(pthread_cond_t* aCondition, pthread_mutex_t* aMutex) {
-    ++g_nWaits;
-    return pthread_cond_wait(aCondition, aMutex);
-}
-int CountedTimedWait(pthread_cond_t* aCondition, pthread_mutex_t* aMutex, const timespec* aTime) {
-    ++g_nWaits;
-    return pthread_cond_timedwait(aCondition, aMutex, aTime);
-}
-std::atomic<int> g_nSignals{0};
-int CountedSignal(pthread_cond_t* aCondition) {
-    ++g_nSignals;
-    return pthread_cond_signal(aCondition);
-}
-
-class WaitCounter {
-  public:
-    WaitCounter() { g_nWaits = g_nSignals = 0; }
-
-  private:
-    kelto_test::ScopedEntry<decltype(g_cmSystem.pthread_cond_wait)> m_wait{
-        g_cmSystem.pthread_cond_wait, &CountedWait};
-    kelto_test::ScopedEntry<decltype(g_cmSystem.pthread_cond_timedwait)> m_timedWait{
-        g_cmSystem.pthread_cond_timedwait, &CountedTimedWait};
-    kelto_test::ScopedEntry<decltype(g_cmSystem.pthread_cond_signal)> m_signal{
-        g_cmSystem.pthread_cond_signal, &CountedSignal};
-};
-
 TEST(CmEventQueueUsingConditionVariable, DoesNotWait_WhenEventsArePending) {
     EventLog log;
     CCmEventQueueUsingConditionVariable queue;
@@ -1407,7 +1409,14 @@ TEST(CmEventQueueUsingConditionVariable, WakesEveryConsumer_WhenSeveralWait) {
         });
     }
     EXPECT_TRUE(Eventually([] { return g_nWaits == CONSUMERS; }));
-    Post(queue, log, 1, CONSUMERS);
+    {
+        // A signal that wakes none: no consumer gets on between the posts.
+        kelto_test::FailingCall<&CCmSystemTable::pthread_cond_signal> signals(
+            0, 0, 1, kelto_test::Failing::FROM_THERE_ON);
+        Post(queue, log, 1, CONSUMERS);
+        EXPECT_EQ(static_cast<unsigned long>(CONSUMERS), signals.calls());
+    }
+    Post(queue, log, CONSUMERS + 1, 2 * CONSUMERS);
     for (std::thread& consumer : consumers) {
         consumer.join();
     }

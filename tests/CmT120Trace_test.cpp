@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "CmConfig.h"
+#include "CmLogStream.h"
 #include "CmT120TraceFile.h"
 #include "CmTrace.h"
 #include "CmTraceLine.h"
@@ -882,6 +883,32 @@ TEST(CmT120TraceInstance, Switches_AreThoseOfTheReadingThatBeganLast) {
                   s_bMayReadOn = true;
                   late.join();
                   EXPECT_EQ(0, CCmT120Trace::instance()->enable_trace_print(20, nullptr));
+              }));
+}
+
+// The other facility's readings go to the same files.
+TEST(CmT120TraceInstance, Files_KeepTheSettingsOfTheReadingThatBeganLast) {
+    EXPECT_EQ(0, StatusOfChild([] {
+                  ScopedHome home;
+                  CCmT120Trace::instance();
+                  const std::string sPath = home.path() + "file";
+                  void* pRecord = T120_Open_Trace_Dev(sPath.c_str(), 0, 0, 0);
+                  ASSERT_EQ(CM_OK, static_cast<CCmT120TraceFile*>(pRecord)->attach());
+                  OpenEntry entry(g_cmSystem.open, OpenThatStops);
+                  std::thread late([] {
+                      t_bLate = true;
+                      refresh_trace_config();
+                  });
+                  EXPECT_TRUE(Eventually([] { return s_bLateReads.load(); }));
+                  home.WriteConfig("[Trace]\nFlushPerLines=2\n");
+                  CCmT120Trace2::instance();
+                  s_bMayReadOn = true;
+                  late.join();
+                  T120_Write_Trace_Dev(pRecord, nullptr, nullptr, "line");
+                  EXPECT_EQ(0u, std::filesystem::file_size(sPath));
+                  T120_Write_Trace_Dev(pRecord, nullptr, nullptr, "line");
+                  EXPECT_NE(0u, std::filesystem::file_size(sPath));
+                  T120_Close_Trace_Dev(pRecord);
               }));
 }
 

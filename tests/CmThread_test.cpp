@@ -12,6 +12,8 @@
 #include <vector>
 
 #include "CmClock.h"
+#include "CmTimerQueueOrderedList.h"
+#include "CmTimerWrapper.h"
 #include "support/Cancellation.h"
 #include "support/Clock.h"
 #include "support/Events.h"
@@ -478,6 +480,40 @@ TEST(CmThread, LivesUntilItIsDestroyed_WhenADetachedUnknownTypeIsCreatedAgain) {
     EXPECT_FALSE(life.deleted);
     pThread->Destory(0);
     EXPECT_TRUE(Eventually([&] { return life.deleted.load(); }));
+}
+
+TEST(CmThread, HasNoThread_WhenADetachedUnknownTypeCannotBeCreatedAgain) {
+    for (TFlag flag : {TF_JOINABLE, TF_DETACHED}) {
+        Life life;
+        life.released = true;
+        g_nThreadsGone = 0;
+        BodyThread* pThread = new CountedThread(life);
+        ASSERT_EQ(CM_OK, pThread->Create(TT_UNKNOWN, flag, 1));
+        ASSERT_TRUE(Eventually([&] { return g_nThreadsGone == 1; }));
+        EXPECT_EQ(CM_OK, pThread->Join());
+        {
+            kelto_test::FailingCall<&CCmSystemTable::pthread_create> fault(EAGAIN, EAGAIN);
+            EXPECT_EQ(CM_ERROR_UNEXPECTED, pThread->Create(TT_UNKNOWN, TF_DETACHED, 1));
+        }
+        EXPECT_EQ(pthread_t(), pThread->GetThreadId());
+        kelto_test::FailingCall<&CCmSystemTable::pthread_cancel> cancelled(0, 0);
+        EXPECT_EQ(CM_ERROR_FAILURE, pThread->Terminate());
+        EXPECT_EQ(0u, cancelled.calls());
+        pThread->Destory(0);
+        EXPECT_TRUE(life.deleted);
+    }
+}
+
+TEST(CmThread, IsDeletedAtOnce_WhenItAdoptsAThreadAfterADetachedOneOfItsOwn) {
+    Life life;
+    life.released = true;
+    g_nThreadsGone = 0;
+    BodyThread* pThread = new CountedThread(life);
+    ASSERT_EQ(CM_OK, pThread->Create(TT_UNKNOWN, TF_DETACHED, 0));
+    ASSERT_TRUE(Eventually([&] { return g_nThreadsGone == 1; }));
+    ASSERT_EQ(CM_OK, pThread->Create(TT_MAIN, TF_DETACHED, 0));
+    pThread->Destory(0);
+    EXPECT_TRUE(life.deleted);
 }
 
 int s_nDetachState = -1;
@@ -1559,6 +1595,60 @@ TEST_P(CmCancelledThread, EndsEveryEvent_WhenTerminatedWhileItEndsThem) {
     pTask->Destory(0);
 }
 
+template <class Task>
+class ClosableTask : public Task {
+  public:
+    void Close() { this->m_EventQueue.SetStopped(); }
+};
+
+// As a Stop that is overtaken, between its two steps, by other posters.
+template <class Task>
+void ExpectEndOfTheRestAfterTheStopEvent() {
+    kelto_test::ScopedTraceSink sink;
+    EventLog log;
+    auto* const pTask = new ClosableTask<Task>;
+    ASSERT_EQ(CM_OK, pTask->Create(TT_UNKNOWN, TF_JOINABLE, 0));
+    std::atomic<bool> bFirst{false};
+    std::atomic<bool> bGo{false};
+    std::atomic<bool> bBusy{false};
+    ICmEventQueue* const pQueue = pTask->GetEventQueue();
+    pQueue->PostEvent(new LoggedEvent(log, 0,
+                                      [&] {
+                                          bFirst = true;
+                                          Eventually([&] { return bGo.load(); });
+                                          return CM_OK;
+                                      }),
+                      NORMAL);
+    ASSERT_TRUE(Eventually([&] { return bFirst.load(); }));
+    CCmEventStopT<CCmThreadTaskWithEventQueueOnly>::PostStopEvent(pTask);
+    pQueue->PostEvent(new LoggedEvent(log, 1,
+                                      [&] {
+                                          bBusy = true;
+                                          return SpinUntilCancelled();
+                                      }),
+                      NORMAL);
+    pQueue->PostEvent(new LoggedEvent(log, 2), NORMAL);
+    pTask->Close();
+    bGo = true;
+    ASSERT_TRUE(Eventually([&] { return bBusy.load(); }));
+    EXPECT_EQ(0, pTask->Terminate());
+    EXPECT_EQ(CM_OK, pTask->Join());
+    EXPECT_EQ((Ids{0, 1, 2}), log.ended());
+    const CmResult rv = pTask->Create(TT_UNKNOWN, TF_JOINABLE, 0);
+    EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, rv);
+    if (CM_SUCCEEDED(rv)) {  // nothing else ends it
+        pTask->Terminate();
+        pTask->Join();
+    }
+    pTask->Destory(0);
+    EXPECT_EQ((Ids{0, 1}), log.fired());
+}
+
+TEST_P(CmCancelledThread, EndsTheRest_WhenTerminatedAfterItsStopEvent) {
+    ExpectEndOfTheRestAfterTheStopEvent<CCmThreadTaskWithEventQueueOnly>();
+    ExpectEndOfTheRestAfterTheStopEvent<CCmThreadTask>();
+}
+
 // Runs what it is given.
 class WorkThread : public ACmThread {
   public:
@@ -1793,6 +1883,14 @@ TEST_P(CmCancelledThread, SendsNextSignalToTheNextConsumer_WhenTerminatedInItsWa
             queue.PopOrWaitPendingEvents(none, nullptr);
         },
         [] { return true; });
+    {
+        kelto_test::FailingCall<&CCmSystemTable::pthread_cond_signal> signals(0, 0);
+        queue.PostEvent(new LoggedEvent(log, 0), NORMAL);
+        EXPECT_EQ(0u, signals.calls());  // nobody waits any more
+        queue.DestoryPendingEvents();
+        std::list<ICmEvent*> none;
+        queue.PopPendingEvents(none);
+    }
     std::atomic<bool> bTook{false};
     std::thread consumer([&] {
         std::list<ICmEvent*> events;
@@ -1804,7 +1902,7 @@ TEST_P(CmCancelledThread, SendsNextSignalToTheNextConsumer_WhenTerminatedInItsWa
     queue.PostEvent(new LoggedEvent(log, 1), NORMAL);
     EXPECT_TRUE(Eventually([&] { return bTook.load(); }));
     consumer.join();
-    EXPECT_EQ(Ids{1}, log.ended());
+    EXPECT_EQ((Ids{0, 1}), log.ended());
 }
 
 std::atomic<bool> g_bInSink{false};
@@ -1914,24 +2012,114 @@ class PointedThread : public WorkThread {
     std::atomic<bool>& m_bDeleted;
 };
 
-TEST_P(CmCancelledThread, DestroysAThread_WhenTerminatedMeanwhile) {
-    std::atomic<bool> bDeleted{false};
+// Runs aWork on a thread that is terminated before: it gets to its end.
+void ExpectUncancelled(std::function<void()> aWork, ICmTimerQueue* aTimerQueue = nullptr) {
+    class CTimedThread : public WorkThread {
+      public:
+        CTimedThread(std::function<void()> aAllWork, ICmTimerQueue* aQueue)
+            : WorkThread(std::move(aAllWork)), m_pQueue(aQueue) {}
+        ICmTimerQueue* GetTimerQueue() override { return m_pQueue; }
+
+      private:
+        ICmTimerQueue* const m_pQueue;
+    };
     std::atomic<bool> bGo{false};
-    PointedThread* pOther = new PointedThread(bDeleted);
-    ASSERT_EQ(CM_OK, pOther->Create(TYPE, TF_JOINABLE, 0));
-    ASSERT_EQ(CM_OK, pOther->Join());
-    WorkThread* pThread = new WorkThread([&] {
-        while (!bGo) {
-        }
-        pOther->Destory(0);
-        SpinUntilCancelled();
-    });
-    ASSERT_EQ(CM_OK, pThread->Create(TYPE, TF_JOINABLE, 0));
+    std::atomic<bool> bDone{false};
+    WorkThread* pThread = new CTimedThread(
+        [&] {
+            while (!bGo) {
+            }
+            aWork();
+            bDone = true;
+            SpinUntilCancelled();
+        },
+        aTimerQueue);
+    ASSERT_EQ(CM_OK, pThread->Create(TYPE, TF_JOINABLE, 1));
     EXPECT_EQ(0, pThread->Terminate());
     bGo = true;
     EXPECT_EQ(CM_OK, pThread->Join());
-    EXPECT_TRUE(bDeleted);
+    EXPECT_TRUE(bDone);
     pThread->Destory(0);
+}
+
+TEST_P(CmCancelledThread, DestroysAThread_WhenTerminatedMeanwhile) {
+    std::atomic<bool> bDeleted{false};
+    PointedThread* pOther = new PointedThread(bDeleted);
+    ASSERT_EQ(CM_OK, pOther->Create(TYPE, TF_JOINABLE, 0));
+    ASSERT_EQ(CM_OK, pOther->Join());
+    ExpectUncancelled([&] { pOther->Destory(0); });
+    EXPECT_TRUE(bDeleted);
+}
+
+template <class Queue>
+void DestroyWithEvents(EventLog& aLog) {
+    Queue queue;
+    queue.PostEvent(new CancelPointEvent, NORMAL);
+    queue.PostEvent(new LoggedEvent(aLog, 1), NORMAL);
+}
+
+TEST_P(CmCancelledThread, EndsWhatAQueueHolds_WhenTerminatedWhileItDestroysIt) {
+    EventLog log;
+    ExpectUncancelled([&] { DestroyWithEvents<CCmEventQueueBase>(log); });
+    ExpectUncancelled([&] { DestroyWithEvents<CCmEventQueueUsingMutex>(log); });
+    ExpectUncancelled([&] { DestroyWithEvents<CCmEventQueueUsingConditionVariable>(log); });
+    EXPECT_EQ((Ids{1, 1, 1}), log.ended());
+    ExpectUncancelled([] { delete new CCmEventSynchronous(new CancelPointEvent, nullptr); });
+}
+
+// Has cancellation points.
+class PointedTimerQueue : public CCmTimerQueueOrderedList {
+  public:
+    PointedTimerQueue() : CCmTimerQueueOrderedList(nullptr) {}
+    CmResult CancelTimer(ICmTimerHandler* aEh) override {
+        kelto_test::TestCancel();
+        return CCmTimerQueueOrderedList::CancelTimer(aEh);
+    }
+};
+
+TEST_P(CmCancelledThread, CancelsTheTimer_WhenTerminatedWhileItsWrapperEnds) {
+    PointedTimerQueue queue;
+    ExpectUncancelled(
+        [] {
+            CCmTimerWrapperID timer;
+            timer.Schedule(nullptr, kelto_test::Ms(1000), 1);
+        },
+        &queue);
+    EXPECT_EQ(CCmTimeValue::s_tvMax, queue.GetEarliestTime());
+}
+
+// Spins in its worker.
+class SpinningHandler final : public ICmTimerHandler {
+  public:
+    void OnTimeout(const CCmTimeValue&, void*) override {
+        m_bBusy = true;
+        SpinUntilCancelled();
+    }
+    std::atomic<bool> m_bBusy{false};
+};
+
+TEST_P(CmCancelledThread, KeepsItsTimers_WhenTerminatedInATimersHandler) {
+    const long lLive = kelto_test::LiveAllocationsBefore();
+    {
+        EventLog log;
+        SpinningHandler handler;
+        ACmThread* pThread = nullptr;
+        ASSERT_EQ(CM_OK, CreateUserTaskThread(&pThread, TF_JOINABLE, true, TYPE));
+        pThread->GetEventQueue()->PostEvent(new EndingEvent([&] {
+                                                pThread->GetTimerQueue()->ScheduleTimer(
+                                                    &handler, nullptr, kelto_test::Ms(1), 2);
+                                            }),
+                                            NORMAL);
+        EXPECT_TRUE(Eventually([&] { return handler.m_bBusy.load(); }));
+        pThread->GetEventQueue()->PostEvent(new LoggedEvent(log, 1), NORMAL);
+        EXPECT_EQ(0, pThread->Terminate());
+        EXPECT_EQ(CM_OK, pThread->Join());
+        EXPECT_EQ(CM_OK, pThread->GetTimerQueue()->CancelTimer(&handler));  // its second firing
+        EXPECT_EQ(1u, pThread->GetEventQueue()->GetPendingEventsCount());
+        pThread->Destory(0);
+        EXPECT_EQ(Ids{1}, log.ended());
+    }
+    EXPECT_EQ(lLive, kelto_test::LiveAllocations());
 }
 
 // The stop event.

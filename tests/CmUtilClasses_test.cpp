@@ -7,6 +7,7 @@
 #include <string>
 #include <thread>
 
+#include "CmUtilMisc.h"
 #include "CmUtilTemplates.h"
 #include "support/Faults.h"
 #include "support/TraceSink.h"
@@ -214,6 +215,34 @@ TEST_F(CmCleanUpBase, CleanupAll_MayBeCalledByADestructor) {
     new Registered('b');
     CCmCleanUpBase::CleanupAll();
     EXPECT_EQ("bCa", g_sEnded);
+}
+
+// Whether another thread could take the mutex, before and after a nested call.
+class TriesTheMutexElsewhere : public CCmCleanUpBase {
+  public:
+    ~TriesTheMutexElsewhere() override {
+        TryElsewhere();
+        CCmCleanUpBase::CleanupAll();
+        TryElsewhere();
+    }
+    static void TryElsewhere() {
+        std::thread([]() CM_NO_THREAD_SAFETY_ANALYSIS {
+            const bool bTaken = CM_SUCCEEDED(g_SingletonMutex.TryLock());
+            g_sEnded += bTaken ? 't' : '-';
+            if (bTaken) {
+                g_SingletonMutex.UnLock();
+            }
+        }).join();
+    }
+};
+
+TEST_F(CmCleanUpBase, CleanupAll_HoldsTheMutexThroughout) {
+    new TriesTheMutexElsewhere;
+    new Registered('a');
+    new TriesTheMutexElsewhere;
+    CCmCleanUpBase::CleanupAll();
+    TriesTheMutexElsewhere::TryElsewhere();
+    EXPECT_EQ("--a--t", g_sEnded);
 }
 
 TEST_F(CmCleanUpBase, CleanupAll_WorksWithoutItsMutex) {

@@ -31,7 +31,10 @@
 namespace {
 
 using kelto_test::EndProcess;
+using kelto_test::NameThisThread;
+using kelto_test::NumberOfThisThread;
 using kelto_test::StatusOfChild;
+using kelto_test::THREAD_NAME_LENGTH_MAX;
 
 // The library reads its environment once, so every case runs in a child process.
 class Qtrace : public testing::Test {
@@ -81,7 +84,7 @@ using Strings = std::vector<std::string>;
 struct Head {
     std::string time;
     int process = -1;
-    int thread = 0;
+    unsigned long long thread = 0;
     std::string rest;
 };
 
@@ -96,7 +99,7 @@ Head Parse(const std::string& aLine) {
     Head head;
     int nTimeEnd = 0;
     int nEnd = 0;
-    sscanf(aLine.c_str(), "%*4d-%*2d-%*2d %*2d:%*2d:%*2d.%*3d%n pid=%d tid=%d%n", &nTimeEnd,
+    sscanf(aLine.c_str(), "%*4d-%*2d-%*2d %*2d:%*2d:%*2d.%*3d%n pid=%d tid=%llu%n", &nTimeEnd,
            &head.process, &head.thread, &nEnd);
     head.time = aLine.substr(0, static_cast<size_t>(nTimeEnd));
     head.rest = aLine.substr(static_cast<size_t>(nEnd));
@@ -167,7 +170,7 @@ TEST_F(Qtrace, Line_HasTimeProcessThreadAndModuleInFront) {
     const time_t after = Now();
     ASSERT_EQ(1u, Lines().size());
     const Head head = Parse(Lines()[0]);
-    EXPECT_EQ(" [MAC] UTIL INFO: text", head.rest);
+    EXPECT_EQ(" [MAC] UTIL INFO: text", head.rest);  // and no name: nobody gave the thread one
     EXPECT_EQ(23u, head.time.size());
     EXPECT_NE(getpid(), head.process);
     tm date = {};
@@ -522,6 +525,111 @@ TEST_F(Qtrace, Line_NamesTheChild_AfterAFork) {
     ASSERT_EQ((Strings{"parent", "child"}), Texts());
     EXPECT_GT(Parse(Lines()[0]).process, 0);
     EXPECT_NE(Parse(Lines()[0]).process, Parse(Lines()[1]).process);
+}
+
+// ---- Threads
+
+// What a child process writes to a pipe: the numbers of threads, as the system says them.
+class Numbers {
+  public:
+    Numbers() { EXPECT_EQ(0, pipe(m_anPipe)); }
+    ~Numbers() {
+        close(m_anPipe[0]);
+        close(m_anPipe[1]);
+    }
+    Numbers(const Numbers&) = delete;
+    Numbers& operator=(const Numbers&) = delete;
+
+    void Put() {
+        const unsigned long long ullNumber = NumberOfThisThread();
+        EXPECT_EQ(ssize_t{sizeof(ullNumber)}, write(m_anPipe[1], &ullNumber, sizeof(ullNumber)));
+    }
+    unsigned long long Next() {
+        unsigned long long ullNumber = 0;
+        EXPECT_EQ(ssize_t{sizeof(ullNumber)}, read(m_anPipe[0], &ullNumber, sizeof(ullNumber)));
+        return ullNumber;
+    }
+
+  private:
+    int m_anPipe[2];
+};
+
+TEST_F(Qtrace, Thread_HasTheNumberThatDebuggersShow) {
+    Numbers numbers;
+    EXPECT_EQ(0, StatusOfChild([&] {
+                  numbers.Put();
+                  Write("one");
+                  std::thread([&] {
+                      numbers.Put();
+                      Write("two");
+                      Write("three");
+                  }).join();
+              }));
+    ASSERT_EQ((Strings{"one", "two", "three"}), Texts());
+    const unsigned long long ullFirst = numbers.Next();
+    const unsigned long long ullSecond = numbers.Next();
+    EXPECT_NE(ullFirst, ullSecond);
+    EXPECT_EQ(ullFirst, Parse(Lines()[0]).thread);
+    EXPECT_EQ(ullSecond, Parse(Lines()[1]).thread);
+    EXPECT_EQ(ullSecond, Parse(Lines()[2]).thread);
+}
+
+TEST_F(Qtrace, Thread_HasItsNewNumber_AfterAFork) {
+    Numbers numbers;
+    EXPECT_EQ(0, StatusOfChild([&] {
+                  numbers.Put();
+                  Write("parent");
+                  EXPECT_EQ(0, StatusOfChild([&] {
+                                numbers.Put();
+                                Write("child");
+                            }));
+                  Write("parent");
+              }));
+    ASSERT_EQ((Strings{"parent", "child", "parent"}), Texts());
+    const unsigned long long ullParent = numbers.Next();
+    const unsigned long long ullChild = numbers.Next();
+    EXPECT_NE(ullParent, ullChild);
+    EXPECT_EQ(ullParent, Parse(Lines()[0]).thread);
+    EXPECT_EQ(ullChild, Parse(Lines()[1]).thread);
+    EXPECT_EQ(ullParent, Parse(Lines()[2]).thread);
+}
+
+TEST_F(Qtrace, Thread_IsNamed_FromTheLineOnThatFollowsItsNaming) {
+    EXPECT_EQ(0, StatusOfChild([] {
+                  std::thread([] {
+                      Write("one");
+                      NameThisThread("net");
+                      Write("two");
+                      NameThisThread("timers");
+                      Write("three");
+                  }).join();
+                  Write("four");
+              }));
+    ASSERT_EQ((Strings{"one", "two", "three", "four"}), Texts());
+    EXPECT_EQ(" [MAC] one", Parse(Lines()[0]).rest);
+    EXPECT_EQ(" thread=net [MAC] two", Parse(Lines()[1]).rest);
+    EXPECT_EQ(" thread=timers [MAC] three", Parse(Lines()[2]).rest);
+    EXPECT_EQ(" [MAC] four", Parse(Lines()[3]).rest);
+}
+
+TEST_F(Qtrace, Thread_NameStaysOneField_WhateverItHolds) {
+    EXPECT_EQ(0, StatusOfChild([] {
+                  NameThisThread("a b\n[c] d\t=e");
+                  Write("text");
+              }));
+    ASSERT_EQ(1u, Lines().size());
+    EXPECT_EQ(" thread=a_b__c__d_=e [MAC] text", Parse(Lines()[0]).rest);
+}
+
+TEST_F(Qtrace, Thread_NameAndModuleOfFullLengthFit) {
+    const std::string sName(THREAD_NAME_LENGTH_MAX, 'n');
+    const std::string sModule(128, 'm');
+    EXPECT_EQ(0, StatusOfChild([&] {
+                  NameThisThread(sName.c_str());
+                  YRKTRACERAWA(2, sModule.c_str(), nullptr, "text");
+              }));
+    ASSERT_EQ(1u, Lines().size());
+    EXPECT_EQ(" thread=" + sName + " [" + sModule + "] text", Parse(Lines()[0]).rest);
 }
 
 // ---- Destinations that fail

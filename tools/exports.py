@@ -6,8 +6,7 @@
 
 LIBRARY is a Linux or a macOS library; both must export the same names, so the list holds them as
 they are declared, without what differs by platform: the leading underscore of Mach-O, the inline
-namespaces of the standard libraries, and the types that are named by typedefs. It is made of a
-Linux library.
+namespaces of the standard libraries, and the types that are named by typedefs.
 """
 import pathlib
 import re
@@ -36,12 +35,12 @@ def output_of(*command, text=None):
     return subprocess.run(command, input=text, check=True, capture_output=True, text=True).stdout
 
 
-def is_elf_library(library):
+def is_elf_file(library):
     return pathlib.Path(library).read_bytes()[:4] == b"\x7fELF"
 
 
 def exported_names(library):
-    is_elf = is_elf_library(library)
+    is_elf = is_elf_file(library)
     which = ["--dynamic"] if is_elf else ["--extern-only"]
     lines = output_of("llvm-nm", "--defined-only", "--format=just-symbols", *which, library).split()
     mangled = [line if is_elf else line[1:] for line in lines]
@@ -60,14 +59,14 @@ def listed_names():
     return {line for line in lines if line and not line.startswith("#")}
 
 
-def spelled_as_listed(names, listed):
-    """The 64-bit integers of <cstdint> are long on Linux and long long on macOS. Some functions are
-    overloaded for both, so only a name that is missing takes the place of one that is not listed."""
-    missing = listed - names
-    return {
-        as_long if name not in listed and (as_long := name.replace("long long", "long")) in missing else name
-        for name in names
-    }
+def with_int64_as_listed(names, listed):
+    """An int64_t is a long on Linux and a long long on macOS; the list has the former."""
+    result = set()
+    for name in names:
+        spelling = name.replace("long long", "long")
+        differs = name not in listed and spelling in listed and spelling not in names
+        result.add(spelling if differs else name)
+    return result
 
 
 def main():
@@ -79,8 +78,8 @@ def main():
         print(f"{LIST.name}: {len(names)} names")
         return
     listed = listed_names()
-    if not is_elf_library(sys.argv[2]):
-        names = spelled_as_listed(names, listed)
+    if not is_elf_file(sys.argv[2]):
+        names = with_int64_as_listed(names, listed)
     for name in sorted(listed - names):
         print(f"not exported: {name}")
     for name in sorted(names - listed):

@@ -5,7 +5,6 @@
 #include <limits.h>
 #include <pthread.h>
 #include <signal.h>
-#include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -16,11 +15,13 @@
 
 #include <atomic>
 
+#include "QtracePort.h"
+
 namespace {
 
 constexpr size_t PIECE_LENGTH = 2047;        // characters of every piece but the last
 constexpr size_t STACK_LINE_SIZE = 4096;     // bytes; a longer line is built on the heap
-constexpr size_t HEAD_SIZE = 256;            // bytes, the module included
+constexpr size_t HEAD_SIZE = 320;            // bytes, thread name and module included
 constexpr int MODULE_LENGTH = 128;           // characters of a module's name that are printed
 constexpr size_t HELD_LENGTH_MAX = 1 << 20;  // characters; more than any text that comes in pieces
 
@@ -258,13 +259,51 @@ const char* TextOfSecond(time_t aSecond) {
     return t_second.m_szText;
 }
 
+// The calling thread's number, and the process that it was read in.
+struct ThreadNumber {
+    unsigned long long m_ullNumber;
+    std::atomic<pid_t> m_Process;  // 0 before the first line
+};
+thread_local ThreadNumber t_number;
+
+// A forked child has the variables of its parent's thread, and a number of its own.
+unsigned long long NumberOfThread(pid_t aProcess) {
+    if (t_number.m_Process.load(std::memory_order_relaxed) != aProcess) {
+        t_number.m_ullNumber = QtraceThreadNumber();
+        // A signal handler that traces meanwhile must not find the process without its number.
+        std::atomic_signal_fence(std::memory_order_release);
+        t_number.m_Process.store(aProcess, std::memory_order_relaxed);
+    }
+    return t_number.m_ullNumber;
+}
+
+// " thread=<name>", or nothing for a thread without a name. What could end the field becomes '_'.
+constexpr char THREAD_FIELD[] = " thread=";
+constexpr size_t THREAD_FIELD_SIZE = sizeof(THREAD_FIELD) + QTRACE_THREAD_NAME_SIZE;
+
+void FormatThreadField(char (&aField)[THREAD_FIELD_SIZE]) {
+    char szName[QTRACE_THREAD_NAME_SIZE];
+    QtraceThreadName(szName);
+    if (szName[0] == '\0') {
+        aField[0] = '\0';
+        return;
+    }
+    for (char* pch = szName; *pch != '\0'; ++pch) {
+        const unsigned char uch = static_cast<unsigned char>(*pch);
+        *pch = uch <= ' ' || uch == 0x7F || uch == '[' || uch == ']' ? '_' : *pch;
+    }
+    snprintf(aField, sizeof(aField), "%s%s", THREAD_FIELD, szName);
+}
+
 size_t FormatHead(char (&aHead)[HEAD_SIZE], const char* aModule) {
     timeval tvNow = {};
     gettimeofday(&tvNow, nullptr);
-    snprintf(aHead, sizeof(aHead), "%s.%03d pid=%d tid=%d [%.*s] ", TextOfSecond(tvNow.tv_sec),
-             static_cast<int>(tvNow.tv_usec / 1000), static_cast<int>(getpid()),
-             static_cast<int>(reinterpret_cast<uintptr_t>(reinterpret_cast<void*>(pthread_self()))),
-             MODULE_LENGTH, aModule != nullptr ? aModule : "");
+    const pid_t process = getpid();
+    char szThread[THREAD_FIELD_SIZE];
+    FormatThreadField(szThread);
+    snprintf(aHead, sizeof(aHead), "%s.%03d pid=%d tid=%llu%s [%.*s] ", TextOfSecond(tvNow.tv_sec),
+             static_cast<int>(tvNow.tv_usec / 1000), static_cast<int>(process),
+             NumberOfThread(process), szThread, MODULE_LENGTH, aModule != nullptr ? aModule : "");
     // The module is the host's: it must not break the line either.
     for (char* pchEnd = strchr(aHead, '\n'); pchEnd != nullptr; pchEnd = strchr(pchEnd, '\n')) {
         *pchEnd = ' ';

@@ -5,11 +5,14 @@
 // they go to. Between processes lines stay whole in a file and, up to PIPE_BUF bytes (4096 on
 // Linux, 512 on macOS), in a pipe:
 //
-//   2026-11-21 09:30:00.125 pid=4711 tid=-1208 [MAC] UTIL ERROR: ...
+//   2026-11-21 09:30:00.125 pid=4711 tid=4715 [MAC] UTIL ERROR: ...
+//   2026-11-21 09:30:00.126 pid=4711 tid=4716 thread=net [MAC] UTIL INFO: ...
 //
-// Local time with milliseconds, the process, the thread (the low 32 bits of its handle, signed,
-// as in kelto_util's trace files), the module and the text. A line end within a text is followed
-// by a tab, so that no text can pass for a line of its own; those at its end are dropped.
+// Local time with milliseconds, the process, the thread, the module and the text. The thread is the
+// system's number for it, as debuggers show it, and its name where it has one of its own
+// (pthread_setname_np); blanks, control characters and brackets in the name become '_'. A line end
+// within a text is followed by a tab, so that no text can pass for a line of its own; those at its
+// end are dropped.
 //
 // Environment, read on first use:
 //   QTRACE_LEVEL  the threshold, a decimal number; 0, everything, when missing or no number

@@ -57,6 +57,7 @@ CCmT120TraceMapEntry s_levelTable[CM_TRACE_LEVEL_COUNT] = {
 
 CCmFacilityHolderT<CCmT120Trace> s_facility;
 CCmEternalLockT<CCmMutexThread> s_traceDirMutex;
+CCmEternalLockT<CCmMutexThread> s_fileSettingsMutex;
 
 unsigned long ConfiguredSizeLimit(const char* aKey) {
     const int nSize = get_int_param(SECTION, aKey);
@@ -101,6 +102,10 @@ void FormatModuleKey(char (&aKey)[KEY_SIZE], const char* aProcess, const char* a
 
 // Numbers the readings of the configuration.
 std::atomic<uint32_t> s_dwReadings{0};
+
+bool IsEarlier(uint32_t aReading, uint32_t aOther) {
+    return static_cast<int32_t>(aReading - aOther) < 0;
+}
 
 // What the configuration says.
 struct Settings {
@@ -180,6 +185,18 @@ void ReadSettings(Settings& aSettings, const char* aProcess,
     aSettings.m_bEnabled = get_bool_param(SECTION, "Enable", 1);
     ReadLevels(aSettings, aProcess, aLevelTable, aLevelCount);
     ReadModules(aSettings, aProcess, aLevelTable, aLevelCount);
+}
+
+// To every trace file, which keeps those of a later reading. One mutex for both facilities, whose
+// readings go to the same files.
+void RefreshFiles(const Settings& aSettings, uint32_t aReading) {
+    static uint32_t s_dwReading = 0;
+    CCmScopedLockT<CCmMutexThread> lock(s_fileSettingsMutex.m_Lock);
+    if (IsEarlier(aReading, s_dwReading)) {
+        return;
+    }
+    s_dwReading = aReading;
+    T120_Refresh_Settings(aSettings.m_ulSizeLimit, aSettings.m_nFlushCount);
 }
 
 }  // namespace
@@ -270,7 +287,8 @@ unsigned char CCmT120Trace::load(void* aFile) {
 
 unsigned char CCmT120Trace::load_file(void* aFile, CCmString* aLogPath) {
     CCmTraceGuard guard;
-    if (aFile == nullptr && m_hTraceFiles[0].load(std::memory_order_relaxed) != nullptr) {
+    // Acquires what the thread that loaded has set, for those that this one gives the facility to.
+    if (aFile == nullptr && m_hTraceFiles[0].load(std::memory_order_acquire) != nullptr) {
         return 1;
     }
     g_cmSystem.mkdir(get_trace_dir(), 0777);
@@ -281,7 +299,8 @@ unsigned char CCmT120Trace::load_file(void* aFile, CCmString* aLogPath) {
     // The first record lets texts pass only now that the switches are known. Another thread may
     // have loaded meanwhile.
     void* hNone = nullptr;
-    m_hTraceFiles[0].compare_exchange_strong(hNone, hNew, std::memory_order_relaxed);
+    m_hTraceFiles[0].compare_exchange_strong(hNone, hNew, std::memory_order_release,
+                                             std::memory_order_relaxed);
     return 1;
 }
 
@@ -334,7 +353,7 @@ void CCmT120Trace::read_config() {
     {
         CCmScopedLockT<CCmMutexThreadRecursive> lock(m_Mutex);
         // What was read later holds.
-        if (static_cast<int32_t>(dwReading - m_dwReading) < 0) {
+        if (IsEarlier(dwReading, m_dwReading)) {
             return;
         }
         m_dwReading = dwReading;
@@ -344,7 +363,7 @@ void CCmT120Trace::read_config() {
         }
         m_DisabledKeys.swap(settings.m_DisabledKeys);
     }
-    T120_Refresh_Settings(settings.m_ulSizeLimit, settings.m_nFlushCount);
+    RefreshFiles(settings, dwReading);
 }
 
 void CCmT120Trace::refersh_trace_config() {

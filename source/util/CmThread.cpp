@@ -48,6 +48,14 @@ CCmTimeValue FireDueTimers(CCmTimerQueueBase& aQueue) {
     return std::min(std::max(tvLeft, CCmTimeValue::s_tvZero), tvWait);
 }
 
+// Ends what a stopped worker has not run; also when it is cancelled in an event after its stop
+// event.
+void EndRest(const CCmStopFlag& aFlag, CCmEventQueueUsingConditionVariable& aQueue) {
+    if (aFlag.IsFlagStopped()) {
+        aQueue.StopAndDestoryPendingEvents();
+    }
+}
+
 // What one more entry of the registry takes. CM_OK or CM_ERROR_OUT_OF_MEMORY.
 CmResult NewEntry(std::list<ACmThread*>& aEntry, ACmThread* aThread) {
     try {
@@ -130,10 +138,12 @@ CmResult ACmThread::Create(int aType, TFlag aFlag, signed char bRegister) {
     if (aType == TT_UNKNOWN) {
         CM_WARNING_TRACE("thread type is TT_UNKNOWN");
     }
-    // A detached thread that the object had before (its type was unknown) has ended: that is not
-    // one of the two ends of the new one. Acquire: behind all that it did.
+    // A thread that the object had before (its type was unknown) has ended, which is not one of the
+    // two ends of the new one. Acquire: after all that a detached one did.
+    m_bHasThread = false;
     if (m_bOneEndCame.exchange(false, std::memory_order_acq_rel)) {
         --m_nDestroyRef;
+        m_Tid.store(pthread_t(), std::memory_order_relaxed);  // may be another thread's by now
     }
     m_Type = aType;
     m_Flag = aFlag != 0 ? aFlag : TF_JOINABLE;
@@ -401,10 +411,11 @@ void CCmThreadTaskWithEventQueueOnly::OnThreadInit() {
 
 void CCmThreadTaskWithEventQueueOnly::OnThreadRun() {
     CM_INFO_TRACE_THIS("CCmThreadTaskWithEventQueueOnly::OnThreadRun");
+    CCmCleanUpT endRest([this] { EndRest(*this, m_EventQueue); });
     while (!IsFlagStopped()) {
         RunEvents_i(nullptr, ALL_EVENTS);
     }
-    m_EventQueue.StopAndDestoryPendingEvents();
+    endRest.Execute();
 }
 
 void CCmThreadTaskWithEventQueueOnly::RunEvents_i(CCmTimeValue* aTimeout, DWORD aMaxCount) {
@@ -434,6 +445,7 @@ void CCmThreadTask::OnThreadInit() {
 
 void CCmThreadTask::OnThreadRun() {
     CM_INFO_TRACE_THIS("CCmThreadTask::OnThreadRun, Begin.");
+    CCmCleanUpT endRest([this] { EndRest(*this, m_EventQueue); });
     while (!IsFlagStopped()) {
         CCmTimeValue tvWait = CCmTimeValue::s_tvMax;
         if (m_pTimerQueue != nullptr) {
@@ -441,7 +453,7 @@ void CCmThreadTask::OnThreadRun() {
         }
         RunEvents_i(tvWait == CCmTimeValue::s_tvMax ? nullptr : &tvWait, EVENTS_PER_PASS);
     }
-    m_EventQueue.StopAndDestoryPendingEvents();
+    endRest.Execute();
 }
 
 ICmTimerQueue* CCmThreadTask::GetTimerQueue() {

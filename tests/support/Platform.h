@@ -10,6 +10,12 @@ namespace kelto_test {
 std::string PathOfThisProgram();
 // The threads that live now, the calling one included.
 long ThreadsOfThisProcess();
+// The calling thread's number, as debuggers show it.
+unsigned long long NumberOfThisThread();
+// Names the calling thread.
+void NameThisThread(const char* aName);
+// The longest name that a thread can have, in characters.
+extern const size_t THREAD_NAME_LENGTH_MAX;
 // How many bytes a pipe takes before its writer waits.
 int CapacityOfPipe(int aPipe);
 

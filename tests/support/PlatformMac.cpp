@@ -1,6 +1,7 @@
 #include <limits.h>
 #include <mach-o/dyld.h>
 #include <mach/mach.h>
+#include <pthread.h>
 #include <stdlib.h>
 
 #include "support/Platform.h"
@@ -30,6 +31,18 @@ long ThreadsOfThisProcess() {
                   dwThreads * sizeof(*pThreads));
     return dwThreads;
 }
+
+unsigned long long NumberOfThisThread() {
+    uint64_t ullNumber = 0;
+    pthread_threadid_np(nullptr, &ullNumber);
+    return ullNumber;
+}
+
+void NameThisThread(const char* aName) {
+    pthread_setname_np(aName);
+}
+
+const size_t THREAD_NAME_LENGTH_MAX = 63;
 
 // The system does not tell; a write of more makes it give a pipe the most.
 int CapacityOfPipe(int /*aPipe*/) {

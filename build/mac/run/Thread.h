@@ -18,7 +18,6 @@ struct CleanupHandler {
 };
 
 constexpr size_t KEYS_MAX = 512;
-constexpr size_t THREAD_NAME_SIZE = 64;
 
 // What the target's pthread_t points to.
 struct Thread {
@@ -37,7 +36,7 @@ struct Thread {
     bool joining;
     int policy;  // the target's number
     int priority;
-    char name[THREAD_NAME_SIZE];
+    char name[64];
     struct {
         unsigned long generation;  // of the key that the value is for
         void* value;

@@ -5,6 +5,7 @@
 #include <limits.h>
 #include <sched.h>
 #include <signal.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -315,15 +316,28 @@ unsigned MachThread(Thread* aThread) {
     return static_cast<unsigned>(aThread->id);
 }
 
-// ---- Names and scheduling: kept, and told again. Every thread may have any priority there, so
-// this system, which would ask for a privilege, does not learn of it.
+// The number of the calling thread is asked for afresh: a forked child has another one.
+int ThreadId(Thread* aThread, uint64_t* aId) {
+    if (aThread == nullptr || aThread == s_pCurrent) {
+        *aId = static_cast<uint64_t>(syscall(SYS_gettid));
+        return 0;
+    }
+    pthread_t host;
+    if (!Find(aThread, host)) {
+        return ErrorToTarget(ESRCH);
+    }
+    *aId = MachThread(aThread);
+    return 0;
+}
 
+// A thread of the target has no name until it gets one, and names are longer there.
 int SetName(const char* aName) {
-    if (strlen(aName) >= THREAD_NAME_SIZE) {
+    Thread& thread = *CurrentThread();
+    const Locked locked;
+    if (strlen(aName) >= sizeof(thread.name)) {
         return ErrorToTarget(ENAMETOOLONG);
     }
-    const Locked locked;
-    strcpy(CurrentThread()->name, aName);
+    strcpy(thread.name, aName);
     return 0;
 }
 
@@ -336,6 +350,9 @@ int GetName(Thread* aThread, char* aName, size_t aSize) {
     snprintf(aName, aSize, "%s", aThread->name);
     return 0;
 }
+
+// ---- Scheduling: kept, and told again. Every thread may have any priority there, so this system,
+// which would ask for a privilege, does not learn of it.
 
 struct SchedulingParameter {
     int priority;
@@ -468,6 +485,7 @@ void SupplyThreads() {
         {"_pthread_getschedparam", Address(&GetScheduling)},
         {"_sched_get_priority_min", Address(&PriorityMin)},
         {"_sched_get_priority_max", Address(&PriorityMax)},
+        {"_pthread_threadid_np", Address(&ThreadId)},
         {"_pthread_key_create", Address(&KeyCreate)},
         {"_pthread_key_delete", Address(&KeyDelete)},
         {"_pthread_getspecific", Address(&GetSpecific)},
