@@ -118,7 +118,6 @@ TEST(CmPost, SaysSo_WhenMemoryRunsOut) {
     const std::string sLong(100, 'x');  // copied: an allocation that throws
     for (unsigned long ulNth = 1; ulNth <= 3; ++ulNth) {
         const long lLive = LiveAllocations();
-        std::atomic<int> ends{0};
         {
             const auto function = [sLong] { EXPECT_EQ(100U, sLong.size()); };
             const ScopedAllocationFault fault(ulNth);
@@ -467,7 +466,7 @@ class CmPostLater : public testing::Test {
     Worker m_worker;
 };
 typedef testing::Types<OnWorker, OnTaskThread> Workers;
-TYPED_TEST_SUITE(CmPostLater, Workers);
+TYPED_TEST_SUITE(CmPostLater, Workers, );
 
 TYPED_TEST(CmPostLater, Delayed_RunsOnceAndNotEarly) {
     Gate ran;

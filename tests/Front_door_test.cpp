@@ -106,7 +106,7 @@ class EveryOrder : public testing::Test {
     int m_nEnded = 0;
 };
 typedef testing::Types<CCmWorker, TaskThread> Workers;
-TYPED_TEST_SUITE(EveryOrder, Workers);
+TYPED_TEST_SUITE(EveryOrder, Workers, );
 
 TYPED_TEST(EveryOrder, LeavesNothingAndRunsNothingLate) {
     const long lLive = LiveAllocationsBefore();

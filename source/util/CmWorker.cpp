@@ -89,12 +89,14 @@ class CCmWorkerThread final : public CCmThreadTask {
 
     CmResult SetPriorityOf(pthread_t aThread, int aLevel) {
         const int nPolicy = aLevel != 0 ? SCHED_RR : SCHED_OTHER;
-        if (aLevel != 0 && (aLevel < sched_get_priority_min(SCHED_RR) ||
-                            aLevel > sched_get_priority_max(SCHED_RR))) {
+        const int nLowest = sched_get_priority_min(nPolicy);
+        const int nHighest = sched_get_priority_max(nPolicy);
+        if (aLevel != 0 && (aLevel < nLowest || aLevel > nHighest)) {
             return CM_ERROR_INVALID_ARG;
         }
         sched_param parameter = {};
-        parameter.sched_priority = aLevel;
+        // Threads start in the middle of the usual ones; Linux has one level alone, zero.
+        parameter.sched_priority = aLevel != 0 ? aLevel : (nLowest + nHighest) / 2;
         const int rv = g_cmSystem.pthread_setschedparam(aThread, nPolicy, &parameter);
         if (rv != 0) {
             CM_WARNING_TRACE_THIS("CCmWorker, pthread_setschedparam() failed! err=" << rv);

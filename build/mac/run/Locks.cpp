@@ -212,6 +212,29 @@ int CondTimedWait(Condition* aCondition, Mutex* aMutex, const timespec* aUntil) 
         [&] { return pthread_cond_timedwait(aCondition->host, &aMutex->host, aUntil); }));
 }
 
+// By the clock that stands still while the machine sleeps. An interval of zero has no end there.
+int CondTimedWaitRelative(Condition* aCondition, Mutex* aMutex, const timespec* aInterval) {
+    constexpr long NSEC_PER_SEC = 1000000000;
+    if (aInterval->tv_sec == 0 && aInterval->tv_nsec == 0) {
+        return CondWait(aCondition, aMutex);
+    }
+    if (!Ready(*aCondition) || !Ready(*aMutex) || aInterval->tv_sec < 0 || aInterval->tv_nsec < 0 ||
+        aInterval->tv_nsec >= NSEC_PER_SEC) {
+        return INVALID;
+    }
+    timespec tsUntil;
+    clock_gettime(CLOCK_MONOTONIC, &tsUntil);
+    tsUntil.tv_nsec += aInterval->tv_nsec;
+    const long nCarry = tsUntil.tv_nsec / NSEC_PER_SEC;
+    tsUntil.tv_nsec %= NSEC_PER_SEC;
+    if (__builtin_add_overflow(tsUntil.tv_sec, aInterval->tv_sec + nCarry, &tsUntil.tv_sec)) {
+        return CondWait(aCondition, aMutex);
+    }
+    return ErrorToTarget(Cancellable([&] {
+        return pthread_cond_clockwait(aCondition->host, &aMutex->host, CLOCK_MONOTONIC, &tsUntil);
+    }));
+}
+
 // ---- Reader-writer locks
 
 int RwlockInit(ReadWriteLock* aLock, const void*) {
@@ -269,6 +292,7 @@ void SupplyLocks() {
         {"_pthread_cond_broadcast", Address(&CondBroadcast)},
         {"_pthread_cond_wait", Address(&CondWait)},
         {"_pthread_cond_timedwait", Address(&CondTimedWait)},
+        {"_pthread_cond_timedwait_relative_np", Address(&CondTimedWaitRelative)},
         {"_pthread_rwlock_rdlock", Address(&RwlockRead)},
         {"_pthread_rwlock_wrlock", Address(&RwlockWrite)},
         {"_pthread_rwlock_unlock", Address(&RwlockUnlock)},

@@ -64,7 +64,8 @@ constexpr const char* PLAIN_NAMES[] = {
     // streams
     "fclose fdopen feof ferror fflush fgetc fgets fileno fopen fprintf fputc fputs fputwc fread "
     "fseek "
-    "fseeko ftell ftello fwrite getc getwc printf putchar puts remove rewind setbuf snprintf "
+    "fseeko ftell ftello fwrite getc getwc perror printf putchar puts remove rewind setbuf "
+    "snprintf "
     "sscanf swprintf tmpfile ungetc ungetwc vfprintf vprintf vsnprintf",
     // files
     "access chdir chmod dup dup2 fchmod ftruncate getcwd isatty link mkdir mkdtemp mkfifo mkstemp "

@@ -34,6 +34,8 @@ struct Thread {
     bool detached;  // under the lock of all threads, like what follows
     bool ended;
     bool joining;
+    int policy;  // the target's number
+    int priority;
     char name[64];
     struct {
         unsigned long generation;  // of the key that the value is for

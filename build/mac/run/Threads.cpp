@@ -24,6 +24,12 @@ namespace {
 
 constexpr long THREAD_SIGNATURE = 0x54485244;
 constexpr long ATTRIBUTES_SIGNATURE = 0x54484441;
+constexpr int POLICY_OTHER = 1;
+constexpr int POLICY_ROUND_ROBIN = 2;
+constexpr int POLICY_FIFO = 4;
+constexpr int PRIORITY_MIN = 15;
+constexpr int PRIORITY_USUAL = 31;
+constexpr int PRIORITY_MAX = 47;
 constexpr int ROUNDS = 4;  // of the destructors of thread-specific values
 
 constexpr Pair DETACH_STATES[] = {{1, PTHREAD_CREATE_JOINABLE}, {2, PTHREAD_CREATE_DETACHED}};
@@ -58,6 +64,8 @@ Thread* NewThread() {
     auto* const pThread = static_cast<Thread*>(calloc(1, sizeof(Thread)));
     if (pThread != nullptr) {
         pThread->signature = THREAD_SIGNATURE;
+        pThread->policy = POLICY_OTHER;
+        pThread->priority = PRIORITY_USUAL;
         const Locked locked;
         Alive().insert(pThread);
     }
@@ -343,6 +351,51 @@ int GetName(Thread* aThread, char* aName, size_t aSize) {
     return 0;
 }
 
+// ---- Scheduling: kept, and told again. Every thread may have any priority there, so this system,
+// which would ask for a privilege, does not learn of it.
+
+struct SchedulingParameter {
+    int priority;
+    char opaque[4];
+};
+
+bool IsPolicy(int aPolicy) {
+    return aPolicy == POLICY_OTHER || aPolicy == POLICY_ROUND_ROBIN || aPolicy == POLICY_FIFO;
+}
+
+int SetScheduling(Thread* aThread, int aPolicy, const SchedulingParameter* aParameter) {
+    pthread_t host;
+    if (!Find(aThread, host)) {
+        return ErrorToTarget(ESRCH);
+    }
+    if (!IsPolicy(aPolicy)) {
+        return ErrorToTarget(EINVAL);
+    }
+    const Locked locked;
+    aThread->policy = aPolicy;
+    aThread->priority = aParameter->priority;
+    return 0;
+}
+
+int GetScheduling(Thread* aThread, int* aPolicy, SchedulingParameter* aParameter) {
+    pthread_t host;
+    if (!Find(aThread, host)) {
+        return ErrorToTarget(ESRCH);
+    }
+    const Locked locked;
+    *aPolicy = aThread->policy;
+    *aParameter = {aThread->priority, {}};
+    return 0;
+}
+
+int PriorityMin(int) {
+    return PRIORITY_MIN;
+}
+
+int PriorityMax(int) {
+    return PRIORITY_MAX;
+}
+
 // ---- Thread-specific values
 
 int KeyCreate(unsigned long* aKey, void (*aDestructor)(void*)) {
@@ -426,9 +479,13 @@ void SupplyThreads() {
         {"_pthread_setcancelstate", Address(&SetCancelState)},
         {"_pthread_testcancel", Address(&TestCancel)},
         {"_pthread_mach_thread_np", Address(&MachThread)},
-        {"_pthread_threadid_np", Address(&ThreadId)},
         {"_pthread_setname_np", Address(&SetName)},
         {"_pthread_getname_np", Address(&GetName)},
+        {"_pthread_setschedparam", Address(&SetScheduling)},
+        {"_pthread_getschedparam", Address(&GetScheduling)},
+        {"_sched_get_priority_min", Address(&PriorityMin)},
+        {"_sched_get_priority_max", Address(&PriorityMax)},
+        {"_pthread_threadid_np", Address(&ThreadId)},
         {"_pthread_key_create", Address(&KeyCreate)},
         {"_pthread_key_delete", Address(&KeyDelete)},
         {"_pthread_getspecific", Address(&GetSpecific)},
