@@ -28,6 +28,8 @@
 #include <stdio.h>
 #include <string.h>
 
+#include <string_view>
+
 #include "CmBase.h"
 
 namespace UTIL_NS {
@@ -101,7 +103,7 @@ inline CmResult CmSetHomeDir(const char* aDir) {
         return CM_ERROR_INVALID_ARG;
     }
     char szDir[CM_HOME_DIR_SIZE] = {};
-    memcpy(szDir, aDir, nLength);
+    std::string_view(aDir, nLength).copy(szDir, nLength);
     szDir[nLength - (bSlash ? 1 : 0)] = '/';
     memcpy(g_def_kelto_home_dir, szDir, sizeof(szDir));
     return CM_OK;

@@ -150,6 +150,8 @@ class CM_UTIL_EXPORT CCmWorker {
     // Start a worker; Result tells whether it runs.
     CCmWorker() : CCmWorker(CCmWorkerOptions()) {}
     explicit CCmWorker(const CCmWorkerOptions& aOptions);
+    CCmWorker(const CCmWorker&) = delete;
+    CCmWorker& operator=(const CCmWorker&) = delete;
     // What aRight owned; aRight is then as one that could not be started.
     CCmWorker(CCmWorker&& aRight) noexcept;
     CCmWorker& operator=(CCmWorker&& aRight) noexcept;
