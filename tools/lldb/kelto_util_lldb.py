@@ -168,11 +168,30 @@ def interface(pointer, memory):
     return target.GetTypeName()
 
 
+def registered(target):
+    """The pointers in the list of workers, of which the debug information knows the name alone. A
+    node is two pointers, the next one first on Linux and second on a Mac, and the member."""
+    process, error = target.GetProcess(), lldb.SBError()
+    size = target.GetAddressByteSize()
+    following = size if "apple" in target.GetTriple() else 0
+    kind = target.FindFirstType("UTIL_NS::ACmThread").GetPointerType()
+    found = []
+    # The second name: with the tag that GCC's library gives to its newer types.
+    symbols = [symbol for name in ("", "[abi:cxx11]")
+               for symbol in target.FindSymbols(f"UTIL_NS::g_threadList{name}")]
+    for symbol in symbols[:1]:
+        head = symbol.GetSymbol().GetStartAddress().GetLoadAddress(target)
+        node = process.ReadPointerFromMemory(head + following, error)
+        while error.Success() and node != head:
+            found.append(target.CreateValueFromAddress("worker", lldb.SBAddress(node + 2 * size, target), kind))
+            node = process.ReadPointerFromMemory(node + following, error)
+    return found
+
+
 def workers(debugger, _command, context, result, _memory):
     """kelto-workers: the registered workers of the process, with what is pending in their queues."""
     target = context.GetTarget()
-    registry = target.FindFirstGlobalVariable("UTIL_NS::g_threadList")
-    found = members(registry)
+    found = registered(target)
     for each in found:
         result.AppendMessage(f"{number(each):#x} {interface(each, None)}")
     result.AppendMessage(f"{len(found)} workers")
