@@ -24,7 +24,7 @@ class KeltoUtilConan(ConanFile):
     def export_sources(self):
         root = os.path.join(self.recipe_folder, "../..")
         for pattern in ("CMakeLists.txt", "*.md", "cmake/*", "include/*", "source/*", "docs/*",
-                        "build/mac/*", "examples/*", "tools/gdb/*"):
+                        "build/mac/*", "examples/*", "tools/gdb/*", "tools/lldb/*"):
             copy(self, pattern, root, self.export_sources_folder)
 
     def layout(self):
