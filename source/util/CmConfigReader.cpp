@@ -10,6 +10,7 @@
 #include <tuple>
 
 #include "CmAscii.h"
+#include "CmCancel.h"
 #include "CmConfig.h"
 #include "CmMainSnapshot.h"
 #include "CmProfileReader.h"
@@ -404,6 +405,7 @@ CCmConfigReader::~CCmConfigReader() {
 }
 
 CmResult CCmConfigReader::Read(const char* aPath) {
+    CCmDisableCancel disableCancel;
     if (aPath == nullptr) {
         return CM_ERROR_INVALID_ARG;
     }
@@ -412,6 +414,7 @@ CmResult CCmConfigReader::Read(const char* aPath) {
 }
 
 CmResult CCmConfigReader::ReadMain() {
+    CCmDisableCancel disableCancel;
     char szPath[CM_CONFIG_PATH_SIZE];
     get_config_file_name(szPath);
     return m_pRep == nullptr ? CM_ERROR_OUT_OF_MEMORY
@@ -428,6 +431,7 @@ bool CCmConfigReader::HasChanged() const {
 }
 
 CmResult CCmConfigReader::UseForTrace() {
+    CCmDisableCancel disableCancel;
     if (m_pRep == nullptr || !m_pRep->bIsMain) {
         return CM_ERROR_NOT_INITIALIZED;
     }

@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "CmAscii.h"
+#include "CmCancel.h"
 #include "CmConditionVariable.h"
 #include "CmScopedLock.h"
 #include "CmThread.h"
@@ -474,6 +475,7 @@ CmResult ACmResolution::OnEventFire() {
 CCmResolver::CCmResolver() : m_pRep(Rep::Make()) {}
 
 CCmResolver::~CCmResolver() {
+    CCmDisableCancel disableCancel;
     if (m_pRep == nullptr) {
         return;
     }
@@ -491,6 +493,7 @@ CCmResolver::~CCmResolver() {
 CmResult CCmResolver::Resolve(std::string_view aName, ICmEventQueue* aQueue, ACmResolution* aAnswer,
                               const CCmTimeValue& aLimit, CCmIpAddress::Family aFamily,
                               uint64_t* aId) {
+    CCmDisableCancel disableCancel;
     if (aAnswer == nullptr) {
         return CM_ERROR_INVALID_ARG;
     }
@@ -519,6 +522,7 @@ CmResult CCmResolver::Resolve(std::string_view aName, ICmEventQueue* aQueue, ACm
 }
 
 CmResult CCmResolver::Cancel(uint64_t aId) {
+    CCmDisableCancel disableCancel;
     ACmResolution* pAnswer = nullptr;
     if (m_pRep == nullptr || !m_pRep->state->Cancel(aId, pAnswer)) {
         return CM_ERROR_NOT_FOUND;
