@@ -1,7 +1,8 @@
-// Message block chains as ranges of std::string_view, and chains made from pieces.
-//
-//   CCmChainPtr chain = CmMakeChain({header, payload});
-//   for (std::string_view piece : CCmPieces(chain.get())) { crc.Add(piece); }
+/// Message block chains as ranges of std::string_view, and chains made from pieces.
+///
+///   CCmChainPtr chain = CmMakeChain({header, payload});
+///   for (std::string_view piece : CCmPieces(chain.get())) { crc.Add(piece); }
+/// \file
 #ifndef CM_BLOCK_PIECES_H
 #define CM_BLOCK_PIECES_H
 
@@ -18,17 +19,17 @@
 
 namespace UTIL_NS {
 
-// An owner of a chain whose blocks are DUPLICATED, as all that this class's and CmMakeChain's
-// operations return are.
+/// An owner of a chain whose blocks are DUPLICATED, as all that this class's and CmMakeChain's
+/// operations return are.
 struct CCmChainEnd {
-    // Frees the chain; null is accepted.
+    /// Frees the chain; null is accepted.
     void operator()(CCmMessageBlock* aChain) const { CCmMessageBlock::DestroyChained(aChain); }
 };
-// To be used like any other unique_ptr.
+/// To be used like any other unique_ptr.
 typedef std::unique_ptr<CCmMessageBlock, CCmChainEnd> CCmChainPtr;
 
-// The readable bytes of one block; none when it is locked for reading. Valid until the block reads,
-// writes or ends.
+/// The readable bytes of one block; none when it is locked for reading. Valid until the block
+/// reads, writes or ends.
 inline std::string_view CmPieceOf(const CCmMessageBlock& aBlock) {
     if (!CM_BIT_DISABLED(aBlock.GetFlag(), CCmMessageBlock::READ_LOCKED) ||
         aBlock.GetTopLevelLength() == 0) {
@@ -37,14 +38,14 @@ inline std::string_view CmPieceOf(const CCmMessageBlock& aBlock) {
     return std::string_view(aBlock.GetTopLevelReadPtr(), aBlock.GetTopLevelLength());
 }
 
-// The readable pieces of a chain in their order; blocks that have none, or are locked for reading,
-// are left out. Not owned; the chain must not change meanwhile. No allocation.
+/// The readable pieces of a chain in their order; blocks that have none, or are locked for reading,
+/// are left out. Not owned; the chain must not change meanwhile. No allocation.
 class CCmPieces {
   public:
-    // What a range-based for needs; a forward iterator.
+    /// What a range-based for needs; a forward iterator.
     class const_iterator {
       public:
-        // What algorithms ask for.
+        /// What algorithms ask for.
         typedef std::forward_iterator_tag iterator_category;
         typedef std::string_view value_type;
         typedef std::ptrdiff_t difference_type;
@@ -52,24 +53,24 @@ class CCmPieces {
         typedef std::string_view reference;
 
         const_iterator() = default;
-        // The first piece of aBlock and what comes after it; null is the end.
+        /// The first piece of aBlock and what comes after it; null is the end.
         explicit const_iterator(const CCmMessageBlock* aBlock) : m_pBlock(aBlock) { Skip(); }
 
-        // The piece.
+        /// The piece.
         std::string_view operator*() const { return CmPieceOf(*m_pBlock); }
-        // On to the next piece.
+        /// On to the next piece.
         const_iterator& operator++() {
             m_pBlock = m_pBlock->GetNext();
             Skip();
             return *this;
         }
-        // The same, returning where it was.
+        /// The same, returning where it was.
         const_iterator operator++(int) {
             const const_iterator it = *this;
             ++*this;
             return it;
         }
-        // The block that the piece belongs to.
+        /// The block that the piece belongs to.
         const CCmMessageBlock* Block() const { return m_pBlock; }
 
         friend bool operator==(const const_iterator& aLeft, const const_iterator& aRight) {
@@ -88,13 +89,13 @@ class CCmPieces {
 
         const CCmMessageBlock* m_pBlock = nullptr;
     };
-    // The same: pieces are read only.
+    /// The same: pieces are read only.
     typedef const_iterator iterator;
 
-    // aChain: may be null, which has no pieces.
+    /// aChain: may be null, which has no pieces.
     explicit CCmPieces(const CCmMessageBlock* aChain) : m_pChain(aChain) {}
 
-    // The first piece, the end after the last one, and whether there is none.
+    /// The first piece, the end after the last one, and whether there is none.
     const_iterator begin() const { return const_iterator(m_pChain); }
     const_iterator end() const { return const_iterator(); }
     bool empty() const { return begin() == end(); }
@@ -103,8 +104,8 @@ class CCmPieces {
     const CCmMessageBlock* m_pChain;
 };
 
-// A block of its own with a copy of aPiece; null when memory ran out, or for a piece that is empty
-// or longer than one block can be.
+/// A block of its own with a copy of aPiece; null when memory ran out, or for a piece that is empty
+/// or longer than one block can be.
 inline CCmChainPtr CmMakeBlock(std::string_view aPiece) {
     if (aPiece.empty() || aPiece.size() > UINT_MAX) {
         return nullptr;
@@ -117,8 +118,8 @@ inline CCmChainPtr CmMakeBlock(std::string_view aPiece) {
     return CCmChainPtr(block.DuplicateTopLevel());
 }
 
-// A chain with a copy of each piece in a block of its own; empty pieces take no block. Null when
-// there is no byte at all, or when memory ran out: then nothing is left.
+/// A chain with a copy of each piece in a block of its own; empty pieces take no block. Null when
+/// there is no byte at all, or when memory ran out: then nothing is left.
 template <class Pieces>
 CCmChainPtr CmMakeChain(const Pieces& aPieces) {
     CCmChainPtr pChain;
@@ -142,15 +143,15 @@ CCmChainPtr CmMakeChain(const Pieces& aPieces) {
     }
     return pChain;
 }
-// The same from a list in braces.
+/// The same from a list in braces.
 inline CCmChainPtr CmMakeChain(std::initializer_list<std::string_view> aPieces) {
     return CmMakeChain<std::initializer_list<std::string_view>>(aPieces);
 }
 
-// A block over aLength bytes of aData from aOffset on, which it shares: no byte is copied, and
-// aData gets one more reference. It is locked for writing, since what follows the area may belong
-// to others (ClearLock lifts that). Null when the area does not lie within aData, is empty, or when
-// memory ran out.
+/// A block over aLength bytes of aData from aOffset on, which it shares: no byte is copied, and
+/// aData gets one more reference. It is locked for writing, since what follows the area may belong
+/// to others (ClearLock lifts that). Null when the area does not lie within aData, is empty, or
+/// when memory ran out.
 inline CCmChainPtr CmMakeBlockOfArea(CCmDataBlock& aData, uint32_t aOffset, uint32_t aLength) {
     if (aLength == 0 || aOffset > aData.m_dwSize || aLength > aData.m_dwSize - aOffset) {
         return nullptr;
@@ -166,8 +167,8 @@ inline CCmChainPtr CmMakeBlockOfArea(CCmDataBlock& aData, uint32_t aOffset, uint
     return pBlock;
 }
 
-// Whether anybody else holds a reference on aData, whose holder asks: false means that its bytes
-// may be changed without anybody seeing it. May be outdated when it is read, if others hold one.
+/// Whether anybody else holds a reference on aData, whose holder asks: false means that its bytes
+/// may be changed without anybody seeing it. May be outdated when it is read, if others hold one.
 inline bool CmIsShared(CCmDataBlock& aData) {
     return aData.GetReference() > 1;
 }

@@ -1,10 +1,11 @@
-// Time as programs write it: CCmTimeValue beside std::chrono, literals, and the monotonic clock.
-//
-// Which clock to take: the wall clock (CCmTimeValue::GetTimeOfDay) for what a person or another
-// machine reads, such as a time stamp; the monotonic clock (CmMonotonicNow) for every distance:
-// limits, intervals, ages. The wall clock is set back and forth by its user and by the network; the
-// monotonic one never goes back and knows no time of day. It stands still while the machine
-// sleeps.
+/// Time as programs write it: CCmTimeValue beside std::chrono, literals, and the monotonic clock.
+///
+/// Which clock to take: the wall clock (CCmTimeValue::GetTimeOfDay) for what a person or another
+/// machine reads, such as a time stamp; the monotonic clock (CmMonotonicNow) for every distance:
+/// limits, intervals, ages. The wall clock is set back and forth by its user and by the network;
+/// the monotonic one never goes back and knows no time of day. It stands still while the machine
+/// sleeps.
+/// \file
 #ifndef CM_CHRONO_H
 #define CM_CHRONO_H
 
@@ -18,13 +19,13 @@
 
 namespace UTIL_NS {
 
-// The monotonic clock: time since some moment before the process started, the same for all
-// processes of the machine. Any thread; no lock, no allocation.
+/// The monotonic clock: time since some moment before the process started, the same for all
+/// processes of the machine. Any thread; no lock, no allocation.
 CM_UTIL_EXPORT CCmTimeValue CmMonotonicNow();
 
-// A duration of any unit, rounded up to whole microseconds, so that no wait is shorter than asked
-// for. What exceeds the range of CCmTimeValue saturates: hours::max() becomes s_tvMax, which is "no
-// limit" wherever a limit is taken. A duration that is not a number becomes s_tvMax, too.
+/// A duration of any unit, rounded up to whole microseconds, so that no wait is shorter than asked
+/// for. What exceeds the range of CCmTimeValue saturates: hours::max() becomes s_tvMax, which is
+/// "no limit" wherever a limit is taken. A duration that is not a number becomes s_tvMax, too.
 template <class Rep, class Period>
 constexpr CCmTimeValue CmFromChrono(const std::chrono::duration<Rep, Period>& aDuration) {
     constexpr CCmTimeValue tvMax(std::numeric_limits<long>::max(),
@@ -63,8 +64,8 @@ constexpr CCmTimeValue CmFromChrono(const std::chrono::duration<Rep, Period>& aD
     }
 }
 
-// The other way, truncated toward zero; s_tvMax and whatever else exceeds the range of Duration
-// becomes Duration::max(), or Duration::min() below it.
+/// The other way, truncated toward zero; s_tvMax and whatever else exceeds the range of Duration
+/// becomes Duration::max(), or Duration::min() below it.
 template <class Duration = std::chrono::microseconds>
 constexpr Duration CmToChrono(const CCmTimeValue& aValue) {
     typedef typename Duration::rep Rep;
@@ -91,20 +92,21 @@ constexpr Duration CmToChrono(const CCmTimeValue& aValue) {
     }
 }
 
-// A moment of the wall clock, as the system's clock of std::chrono has it, and back.
+/// A moment of the wall clock, as the system's clock of std::chrono has it, and back.
 inline CCmTimeValue CmFromChrono(const std::chrono::system_clock::time_point& aTime) {
     return CmFromChrono(aTime.time_since_epoch());
 }
-// What exceeds the clock's range becomes its first or last moment.
+/// What exceeds the clock's range becomes its first or last moment.
 inline std::chrono::system_clock::time_point CmToSystemTime(const CCmTimeValue& aTime) {
     return std::chrono::system_clock::time_point(
         CmToChrono<std::chrono::system_clock::duration>(aTime));
 }
 
-// What the front door takes as an interval or a limit: a CCmTimeValue or a duration of std::chrono.
+/// What the front door takes as an interval or a limit: a CCmTimeValue or a duration of
+/// std::chrono.
 class CCmInterval {
   public:
-    // Implicit, for calls like CmPostDelayed(worker, 20ms, f).
+    /// Implicit, for calls like CmPostDelayed(worker, 20ms, f).
     constexpr CCmInterval(const CCmTimeValue& aValue) : m_tvValue(aValue) {}
     template <class Rep, class Period>
     constexpr CCmInterval(const std::chrono::duration<Rep, Period>& aDuration)
@@ -120,15 +122,15 @@ class CCmInterval {
 // nobody reads as something else.
 namespace CmLiterals {
 
-// Seconds.
+/// Seconds.
 constexpr CCmTimeValue operator""_s(unsigned long long aSeconds) {
     return CmFromChrono(std::chrono::duration<unsigned long long>(aSeconds));
 }
-// Milliseconds.
+/// Milliseconds.
 constexpr CCmTimeValue operator""_ms(unsigned long long aMilliseconds) {
     return CmFromChrono(std::chrono::duration<unsigned long long, std::milli>(aMilliseconds));
 }
-// Microseconds.
+/// Microseconds.
 constexpr CCmTimeValue operator""_us(unsigned long long aMicroseconds) {
     return CmFromChrono(std::chrono::duration<unsigned long long, std::micro>(aMicroseconds));
 }

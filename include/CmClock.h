@@ -1,6 +1,7 @@
-// Clocks that report milliseconds and microseconds, broken-down times for formatting, sleeping.
-//
-// Everything here may be used from any thread.
+/// Clocks that report milliseconds and microseconds, broken-down times for formatting, sleeping.
+///
+/// Everything here may be used from any thread.
+/// \file
 #ifndef CM_CLOCK_H
 #define CM_CLOCK_H
 
@@ -11,11 +12,11 @@
 
 namespace UTIL_NS {
 
-// How long one tick of the process clock lasts. Reached through
-// CCmSingletonT<PretInitialationTimer>::Instance() only.
+/// How long one tick of the process clock lasts. Reached through
+/// CCmSingletonT<PretInitialationTimer>::Instance() only.
 class CM_UTIL_EXPORT PretInitialationTimer {
   public:
-    // Milliseconds, rounded down: 0 where the system counts more than 1000 ticks per second.
+    /// Milliseconds, rounded down: 0 where the system counts more than 1000 ticks per second.
     uint32_t GetMsPerTick() const { return m_dwMsPerTick; }
 
   private:
@@ -27,82 +28,82 @@ class CM_UTIL_EXPORT PretInitialationTimer {
 
 extern template class CCmSingletonT<PretInitialationTimer>;
 
-// Wall-clock milliseconds since 1970, rounded down; a time before is a negative number taken as an
-// unsigned one.
+/// Wall-clock milliseconds since 1970, rounded down; a time before is a negative number taken as an
+/// unsigned one.
 CM_UTIL_EXPORT unsigned long get_tick_count();
 
-// The distance from aStart to aEnd, right even when the counter wrapped in between.
+/// The distance from aStart to aEnd, right even when the counter wrapped in between.
 CM_UTIL_EXPORT unsigned long calculate_tick_interval(unsigned long aStart, unsigned long aEnd);
 
-// The wall clock: microseconds since 1970.
+/// The wall clock: microseconds since 1970.
 struct CM_UTIL_EXPORT timer_policy {
-    // Microseconds, and the largest number of them.
+    /// Microseconds, and the largest number of them.
     static long long now();
     static long long max_time_value();
 };
 
-// The process clock: microseconds in steps of one clock tick; it always reads 0 when a tick
-// lasts less than a millisecond.
+/// The process clock: microseconds in steps of one clock tick; it always reads 0 when a tick
+/// lasts less than a millisecond.
 struct CM_UTIL_EXPORT tick_policy {
-    // Microseconds, and the largest number of them.
+    /// Microseconds, and the largest number of them.
     static long long now();
     static long long max_time_value();
 };
 
-// The process clock again, with a timer that refreshes a copy every 10 ms; the first call of
-// now() starts it on the calling thread. The generator is declared in CmTimerWrapper.h.
+/// The process clock again, with a timer that refreshes a copy every 10 ms; the first call of
+/// now() starts it on the calling thread. The generator is declared in CmTimerWrapper.h.
 struct CM_UTIL_EXPORT low_tick_policy {
     class low_tick_generator;
 
-    // Microseconds, and the largest number of them.
+    /// Microseconds, and the largest number of them.
     static long long now();
     static long long max_time_value();
 };
 
-// A count of microseconds split into hours and less. A negative count is divided toward zero,
-// and its fields are those negative numbers taken as unsigned ones.
+/// A count of microseconds split into hours and less. A negative count is divided toward zero,
+/// and its fields are those negative numbers taken as unsigned ones.
 struct CM_UTIL_EXPORT tick_type {
-    // The process clock of now.
+    /// The process clock of now.
     tick_type();
-    // aMicroseconds: of either sign.
+    /// aMicroseconds: of either sign.
     explicit tick_type(long long aMicroseconds);
     void reset(long long aMicroseconds);
 
-    uint32_t hours;         // in total, not reduced to a day
-    uint32_t minutes;       // 0 to 59
-    uint32_t seconds;       // 0 to 59
-    uint32_t milliseconds;  // 0 to 999
-    uint32_t microseconds;  // 0 to 999
+    uint32_t hours;         ///< in total, not reduced to a day
+    uint32_t minutes;       ///< 0 to 59
+    uint32_t seconds;       ///< 0 to 59
+    uint32_t milliseconds;  ///< 0 to 999
+    uint32_t microseconds;  ///< 0 to 999
 };
 
-// A local time. The fields of the base are those of the system's record, except that tm_mon
-// counts from 1 and tm_year is the full year; its zone fields are not set. Where the system
-// cannot break a time down, all fields of the base are 0.
+/// A local time. The fields of the base are those of the system's record, except that tm_mon
+/// counts from 1 and tm_year is the full year; its zone fields are not set. Where the system
+/// cannot break a time down, all fields of the base are 0.
 struct CM_UTIL_EXPORT time_type : tm {
-    // The wall clock of now.
+    /// The wall clock of now.
     time_type();
-    // Microseconds since 1970; a negative count is a time before.
+    /// Microseconds since 1970; a negative count is a time before.
     explicit time_type(long long aMicroseconds);
     void reset(long long aMicroseconds);
 
-    uint32_t milliseconds;  // 0 to 999
-    uint32_t microseconds;  // 0 to 999
+    uint32_t milliseconds;  ///< 0 to 999
+    uint32_t microseconds;  ///< 0 to 999
 };
 
-// The process clock, split.
+/// The process clock, split.
 struct CM_UTIL_EXPORT formatted_ticker {
-    // What it reads at this moment.
+    /// What it reads at this moment.
     static tick_type now();
 };
 
-// The wall clock, split.
+/// The wall clock, split.
 struct CM_UTIL_EXPORT formatted_timer {
-    // What it reads at this moment.
+    /// What it reads at this moment.
     static time_type now();
 };
 
-// Sleeps for aMs milliseconds, however many signals interrupt it, and tries again after any
-// other failure: it ends with success only. Returns 0.
+/// Sleeps for aMs milliseconds, however many signals interrupt it, and tries again after any
+/// other failure: it ends with success only. Returns 0.
 CM_UTIL_EXPORT int ms_sleep(unsigned long aMs);
 
 }  // namespace UTIL_NS

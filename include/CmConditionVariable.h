@@ -1,9 +1,10 @@
-// Locks, conditions, events, semaphores and the guarded counter.
-//
-// Thin wrappers over POSIX threads. Every class may be used from any thread. A system call that
-// fails is traced, except in Lock and TryLock (tracing itself takes locks), and reported as
-// CM_ERROR_FAILURE; none throws, and an object whose constructor failed still exists. It has
-// written its one line by then: that it cannot be destroyed either is not traced.
+/// Locks, conditions, events, semaphores and the guarded counter.
+///
+/// Thin wrappers over POSIX threads. Every class may be used from any thread. A system call that
+/// fails is traced, except in Lock and TryLock (tracing itself takes locks), and reported as
+/// CM_ERROR_FAILURE; none throws, and an object whose constructor failed still exists. It has
+/// written its one line by then: that it cannot be destroyed either is not traced.
+/// \file
 #ifndef CM_CONDITION_VARIABLE_H
 #define CM_CONDITION_VARIABLE_H
 
@@ -18,32 +19,32 @@
 
 namespace UTIL_NS {
 
-// Marks the constructors of objects with static storage, which are constant-initialised and
-// thereby usable before any other static object is constructed.
+/// Marks the constructors of objects with static storage, which are constant-initialised and
+/// thereby usable before any other static object is constructed.
 struct CCmStaticInit {};
 
-// Common part of the two mutexes; its own constructor does not initialise the mutex, it only
-// fills it with zeros, which makes one whose initialisation failed harmless.
-// A mutex must not be destroyed while it is held.
+/// Common part of the two mutexes; its own constructor does not initialise the mutex, it only
+/// fills it with zeros, which makes one whose initialisation failed harmless.
+/// A mutex must not be destroyed while it is held.
 class CM_UTIL_EXPORT CM_CAPABILITY("mutex") CCmMutexThreadBase {
   public:
     virtual ~CCmMutexThreadBase();
     CCmMutexThreadBase(const CCmMutexThreadBase&) = delete;
     CCmMutexThreadBase& operator=(const CCmMutexThreadBase&) = delete;
 
-    // CM_OK with the mutex held, or CM_ERROR_FAILURE, untraced.
+    /// CM_OK with the mutex held, or CM_ERROR_FAILURE, untraced.
     CmResult Lock() CM_ACQUIRE();
-    // CM_OK, or CM_ERROR_FAILURE with an error line.
+    /// CM_OK, or CM_ERROR_FAILURE with an error line.
     CmResult UnLock() CM_RELEASE();
-    // CM_OK with the mutex held; CM_ERROR_FAILURE, untraced, when it is busy or on error.
+    /// CM_OK with the mutex held; CM_ERROR_FAILURE, untraced, when it is busy or on error.
     CmResult TryLock() CM_TRY_ACQUIRE(false);
 
   protected:
     CCmMutexThreadBase() : m_Mutex() {}
-    // For static objects.
+    /// For static objects.
     explicit constexpr CCmMutexThreadBase(const pthread_mutex_t& aMutex) : m_Mutex(aMutex) {}
 
-    // Initialises the mutex with a type number; the result is that of pthread_mutex_init.
+    /// Initialises the mutex with a type number; the result is that of pthread_mutex_init.
     int Init(int aType);
 
     pthread_mutex_t m_Mutex;
@@ -52,47 +53,47 @@ class CM_UTIL_EXPORT CM_CAPABILITY("mutex") CCmMutexThreadBase {
     friend struct CCmConditionSteps;
 };
 
-// The owning thread may lock it again; it is free after as many calls of UnLock.
+/// The owning thread may lock it again; it is free after as many calls of UnLock.
 class CM_UTIL_EXPORT CCmMutexThreadRecursive : public CCmMutexThreadBase {
   public:
     CCmMutexThreadRecursive();
     ~CCmMutexThreadRecursive() override;
-    // For static objects.
+    /// For static objects.
     explicit constexpr CCmMutexThreadRecursive(CCmStaticInit)
         : CCmMutexThreadBase(pthread_mutex_t CM_RECURSIVE_MUTEX_INITIALIZER) {}
 };
 
-// The library's default mutex; not recursive: taking it twice on one thread is a caller error.
+/// The library's default mutex; not recursive: taking it twice on one thread is a caller error.
 class CM_UTIL_EXPORT CCmMutexThread : public CCmMutexThreadBase {
   public:
     CCmMutexThread();
     ~CCmMutexThread() override;
-    // For static objects.
+    /// For static objects.
     explicit constexpr CCmMutexThread(CCmStaticInit)
         : CCmMutexThreadBase(pthread_mutex_t PTHREAD_MUTEX_INITIALIZER) {}
 };
 
-// A condition bound to one mutex.
+/// A condition bound to one mutex.
 class CM_UTIL_EXPORT CCmConditionVariableThread {
   public:
-    // aMutex: not owned; must outlive the condition.
+    /// aMutex: not owned; must outlive the condition.
     explicit CCmConditionVariableThread(CCmMutexThread& aMutex);
     ~CCmConditionVariableThread();
     CCmConditionVariableThread(const CCmConditionVariableThread&) = delete;
     CCmConditionVariableThread& operator=(const CCmConditionVariableThread&) = delete;
 
-    // Wakes at most one waiter. CM_OK or CM_ERROR_FAILURE.
+    /// Wakes at most one waiter. CM_OK or CM_ERROR_FAILURE.
     CmResult Signal();
-    // Wakes every waiter. CM_OK or CM_ERROR_FAILURE.
+    /// Wakes every waiter. CM_OK or CM_ERROR_FAILURE.
     CmResult Broadcast();
-    // The caller holds the bound mutex. aTimeout: relative to now, on the wall clock; null waits
-    // without limit, s_tvMax as good as that, zero or less not at all. CM_OK when
-    // woken (or interrupted, or for no reason: the caller checks its own state),
-    // CM_ERROR_TIMEOUT, or CM_ERROR_FAILURE. A cancellation point; the mutex is held again when the
-    // thread's clean-up handlers run.
+    /// The caller holds the bound mutex. aTimeout: relative to now, on the wall clock; null waits
+    /// without limit, s_tvMax as good as that, zero or less not at all. CM_OK when
+    /// woken (or interrupted, or for no reason: the caller checks its own state),
+    /// CM_ERROR_TIMEOUT, or CM_ERROR_FAILURE. A cancellation point; the mutex is held again when
+    /// the thread's clean-up handlers run.
     CmResult Wait(CCmTimeValue* aTimeout);
 
-    // The same up to a moment of the monotonic clock, in nanoseconds; for the library's own waits.
+    /// The same up to a moment of the monotonic clock, in nanoseconds; for the library's own waits.
     CM_UTIL_HIDDEN CmResult WaitUntil_i(long long aDeadlineNsec);
 
   private:
@@ -102,37 +103,37 @@ class CM_UTIL_EXPORT CCmConditionVariableThread {
     pthread_cond_t m_Condition;
 };
 
-// An event with manual or automatic reset.
-//
-// Manual: Signal opens it for every waiter, present and future, until Pulse. Automatic: Signal
-// wakes one waiter or, when there is none, lets one later Wait through. A woken thread does not
-// look at the state again, so a wait may, rarely, end without a signal: what must not be
-// mistaken is checked by the caller. When the inner mutex cannot be taken, every operation
-// traces an assertion, returns that result and changes nothing. Its lines are written after the
-// inner mutex was released.
+/// An event with manual or automatic reset.
+///
+/// Manual: Signal opens it for every waiter, present and future, until Pulse. Automatic: Signal
+/// wakes one waiter or, when there is none, lets one later Wait through. A woken thread does not
+/// look at the state again, so a wait may, rarely, end without a signal: what must not be
+/// mistaken is checked by the caller. When the inner mutex cannot be taken, every operation
+/// traces an assertion, returns that result and changes nothing. Its lines are written after the
+/// inner mutex was released.
 class CM_UTIL_EXPORT CCmEventThread {
   public:
-    // aManualReset, aInitialState: 0 or 1. aName: accepted and not used.
+    /// aManualReset, aInitialState: 0 or 1. aName: accepted and not used.
     explicit CCmEventThread(signed char aManualReset = 0, signed char aInitialState = 0,
                             const char* aName = nullptr);
     ~CCmEventThread();
     CCmEventThread(const CCmEventThread&) = delete;
     CCmEventThread& operator=(const CCmEventThread&) = delete;
 
-    // aTimeout: relative, null waits without limit. CM_OK, CM_ERROR_TIMEOUT or CM_ERROR_FAILURE. A
-    // cancellation point; a cancelled thread leaves the event usable.
+    /// aTimeout: relative, null waits without limit. CM_OK, CM_ERROR_TIMEOUT or CM_ERROR_FAILURE. A
+    /// cancellation point; a cancelled thread leaves the event usable.
     CmResult Wait(CCmTimeValue* aTimeout = nullptr);
     CmResult Signal();
-    // Wakes all waiters (manual) or one (automatic), then leaves the event unsignalled.
+    /// Wakes all waiters (manual) or one (automatic), then leaves the event unsignalled.
     CmResult Pulse();
-    // Does nothing and returns CM_ERROR_FAILURE: only Pulse clears a latched event.
+    /// Does nothing and returns CM_ERROR_FAILURE: only Pulse clears a latched event.
     CmResult Reset();
 
   private:
     friend class CCmEventSynchronous;
 
-    // Signal of an automatic event that its waiter leaves alive: the waiter does not wake up only
-    // to find the mutex taken. It must not be missed: what fails is tried again.
+    /// Signal of an automatic event that its waiter leaves alive: the waiter does not wake up only
+    /// to find the mutex taken. It must not be missed: what fails is tried again.
     CmResult SignalBehindLock_i();
 
     CCmMutexThread m_Mutex;
@@ -142,55 +143,55 @@ class CM_UTIL_EXPORT CCmEventThread {
     long m_nWaiters CM_GUARDED_BY(m_Mutex);
 };
 
-// A counting semaphore within the process.
+/// A counting semaphore within the process.
 class CM_UTIL_EXPORT CCmSemaphore {
   public:
-    // Only aInitialCount is used: 0 to INT_MAX.
+    /// Only aInitialCount is used: 0 to INT_MAX.
     explicit CCmSemaphore(long aInitialCount = 1, const char* aName = nullptr,
                           long aMaximumCount = 0x7FFFFFFF);
     ~CCmSemaphore();
     CCmSemaphore(const CCmSemaphore&) = delete;
     CCmSemaphore& operator=(const CCmSemaphore&) = delete;
 
-    // Takes one, waiting for it. CM_OK, or CM_ERROR_FAILURE (a signal interrupted the wait). A
-    // cancellation point, which takes none.
+    /// Takes one, waiting for it. CM_OK, or CM_ERROR_FAILURE (a signal interrupted the wait). A
+    /// cancellation point, which takes none.
     CmResult Lock();
-    // Gives one back.
+    /// Gives one back.
     CmResult UnLock();
-    // Gives aCount; a count below 1 gives none and returns CM_OK. Stops at the first failure
-    // with CM_ERROR_FAILURE.
+    /// Gives aCount; a count below 1 gives none and returns CM_OK. Stops at the first failure
+    /// with CM_ERROR_FAILURE.
     CmResult PostN(long aCount);
 
   private:
     CmPlatformSemaphore m_Semaphore;
 };
 
-// A counter that names the mutex it is guarded by. Counting is atomic by itself and takes no
-// lock: an increment is relaxed, a decrement is acquire-release, so whoever brings the counter
-// to zero sees everything that the other threads did before they decremented.
+/// A counter that names the mutex it is guarded by. Counting is atomic by itself and takes no
+/// lock: an increment is relaxed, a decrement is acquire-release, so whoever brings the counter
+/// to zero sees everything that the other threads did before they decremented.
 template <class MutexType>
 class CCmAtomicOperationT;
 
-// The mutex that counters name; one for the process.
+/// The mutex that counters name; one for the process.
 extern CM_UTIL_EXPORT CCmMutexThread s_ReferenceControlMutexThread;
 
-// The counter of several threads; it names a mutex and needs none.
+/// The counter of several threads; it names a mutex and needs none.
 template <>
 class CCmAtomicOperationT<CCmMutexThread> {
   public:
-    // aMutex: not owned.
+    /// aMutex: not owned.
     explicit CCmAtomicOperationT(long aValue = 0,
                                  CCmMutexThread& aMutex = s_ReferenceControlMutexThread)
         : m_pMutex(&aMutex), m_lValue(aValue) {}
     CCmAtomicOperationT(const CCmAtomicOperationT&) = delete;
     CCmAtomicOperationT& operator=(const CCmAtomicOperationT&) = delete;
 
-    // Both return the new value.
+    /// Both return the new value.
     long operator++() { return m_lValue.fetch_add(1, std::memory_order_relaxed) + 1; }
     long operator--() { return m_lValue.fetch_sub(1, std::memory_order_acq_rel) - 1; }
-    // For reference counts: true, and the value 0, when the caller's reference is the only one.
-    // Nobody else counts then, so no locked instruction is needed; the acquire orders what the
-    // other threads did before they released.
+    /// For reference counts: true, and the value 0, when the caller's reference is the only one.
+    /// Nobody else counts then, so no locked instruction is needed; the acquire orders what the
+    /// other threads did before they released.
     bool ReleaseOnly() {
         if (m_lValue.load(std::memory_order_acquire) != 1) {
             return false;
@@ -198,17 +199,17 @@ class CCmAtomicOperationT<CCmMutexThread> {
         m_lValue.store(0, std::memory_order_relaxed);
         return true;
     }
-    // May be outdated when it is read.
+    /// May be outdated when it is read.
     long value() const { return m_lValue.load(std::memory_order_relaxed); }
-    // The mutex that the counter names.
+    /// The mutex that the counter names.
     CCmMutexThread& mutex() const { return *m_pMutex; }
 
   private:
-    CCmMutexThread* m_pMutex;  // not owned
+    CCmMutexThread* m_pMutex;  ///< not owned
     std::atomic<long> m_lValue;
 };
 
-// Thread identities.
+/// Thread identities.
 CM_UTIL_EXPORT pthread_t GetThreadSelfId();
 CM_UTIL_EXPORT bool IsThreadEqual(pthread_t aLeft, pthread_t aRight);
 CM_UTIL_EXPORT bool IsEqualCurrentThread(pthread_t aThread);

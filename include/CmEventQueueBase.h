@@ -1,11 +1,12 @@
-// Events and the queues that carry them to the thread that is to run them.
-//
-// Any thread posts an event; from then on the queue owns it. The queue's consumer thread takes it
-// out, runs OnEventFire and ends it with OnDestorySelf, both with no lock held. Events run
-// strictly in the order of posting, whatever their priority. An event that is refused, or that is
-// still pending when its queue ends, is ended by OnDestorySelf without having been fired: every
-// event handed to a queue ends exactly once, also when PostEvent or SendEvent fails (a null event
-// apart). Nothing here throws.
+/// Events and the queues that carry them to the thread that is to run them.
+///
+/// Any thread posts an event; from then on the queue owns it. The queue's consumer thread takes it
+/// out, runs OnEventFire and ends it with OnDestorySelf, both with no lock held. Events run
+/// strictly in the order of posting, whatever their priority. An event that is refused, or that is
+/// still pending when its queue ends, is ended by OnDestorySelf without having been fired: every
+/// event handed to a queue ends exactly once, also when PostEvent or SendEvent fails (a null event
+/// apart). Nothing here throws.
+/// \file
 #ifndef CM_EVENT_QUEUE_BASE_H
 #define CM_EVENT_QUEUE_BASE_H
 
@@ -21,151 +22,151 @@
 
 namespace UTIL_NS {
 
-// One piece of work for another thread; to be created by new, unless OnDestorySelf says otherwise.
+/// One piece of work for another thread; to be created by new, unless OnDestorySelf says otherwise.
 class CM_UTIL_EXPORT ICmEvent {
   public:
     ICmEvent();
     ICmEvent(const ICmEvent&) = delete;
     ICmEvent& operator=(const ICmEvent&) = delete;
 
-    // The work, run on the queue's thread. A synchronous sender gets the result; for a posted
-    // event it is ignored.
+    /// The work, run on the queue's thread. A synchronous sender gets the result; for a posted
+    /// event it is ignored.
     virtual CmResult OnEventFire() = 0;
-    // Ends the event: called once, after OnEventFire or instead of it; the queue does not touch the
-    // event afterwards. Deletes the object. Runs on the queue's thread, or on the thread that
-    // destroys the queue or calls DestoryPendingEvents; on the posting one only when the queue
-    // refuses the event. May post to the same queue.
+    /// Ends the event: called once, after OnEventFire or instead of it; the queue does not touch
+    /// the event afterwards. Deletes the object. Runs on the queue's thread, or on the thread that
+    /// destroys the queue or calls DestoryPendingEvents; on the posting one only when the queue
+    /// refuses the event. May post to the same queue.
     virtual void OnDestorySelf();
     virtual ~ICmEvent();
 
   protected:
-    uint64_t m_ullReserved;  // 0; kept for hosts, never read here
-    pthread_t m_CreatorTid;  // the thread that constructed the event
+    uint64_t m_ullReserved;  ///< 0; kept for hosts, never read here
+    pthread_t m_CreatorTid;  ///< the thread that constructed the event
 };
 
-// What posters and senders see of a queue. All operations may be called from any thread. A queue
-// must outlive the calls on it, except that it may end while senders wait: they are woken.
+/// What posters and senders see of a queue. All operations may be called from any thread. A queue
+/// must outlive the calls on it, except that it may end while senders wait: they are woken.
 class CM_UTIL_EXPORT ICmEventQueue {
   public:
-    // Accepted and ignored: every event is appended at the tail.
+    /// Accepted and ignored: every event is appended at the tail.
     enum EPriority {
         EPRIORITY_HIGH = 0,
-        EPRIORITY_NORMAL = 1,  // what the library itself passes
+        EPRIORITY_NORMAL = 1,  ///< what the library itself passes
         EPRIORITY_LOW = 2,
     };
 
-    // Hands aEvent over; does not wait. A queue has no bound: where posters may be faster than
-    // the consumer, CCmBoundedPoster sets one (CmBoundedPoster.h). CM_OK, or with the event ended:
-    // CM_ERROR_NOT_INITIALIZED (the queue has been stopped), CM_ERROR_OUT_OF_MEMORY;
-    // CM_ERROR_INVALID_ARG: null event.
+    /// Hands aEvent over; does not wait. A queue has no bound: where posters may be faster than
+    /// the consumer, CCmBoundedPoster sets one (CmBoundedPoster.h). CM_OK, or with the event ended:
+    /// CM_ERROR_NOT_INITIALIZED (the queue has been stopped), CM_ERROR_OUT_OF_MEMORY;
+    /// CM_ERROR_INVALID_ARG: null event.
     virtual CmResult PostEvent(ICmEvent* aEvent, EPriority aPri) = 0;
-    // Hands aEvent over, waits until it has fired and returns the result of its OnEventFire; its
-    // OnDestorySelf may come later. On the queue's own thread both run at once, overtaking what is
-    // pending. Waits without limit on a queue that nobody runs; so two threads that send to each
-    // other wait for ever: send in one direction and post in the other. CM_ERROR_NOT_AVAILABLE: the
-    // event was ended without having run (its thread stopped first, or its queue ended), or its
-    // thread was cancelled while it ran.
-    // CM_ERROR_FAILURE: the wait failed; the event runs or ends later. Otherwise fails like
-    // PostEvent. A cancellation point; what a cancelled sender has sent runs all the same.
+    /// Hands aEvent over, waits until it has fired and returns the result of its OnEventFire; its
+    /// OnDestorySelf may come later. On the queue's own thread both run at once, overtaking what is
+    /// pending. Waits without limit on a queue that nobody runs; so two threads that send to each
+    /// other wait for ever: send in one direction and post in the other. CM_ERROR_NOT_AVAILABLE:
+    /// the event was ended without having run (its thread stopped first, or its queue ended), or
+    /// its thread was cancelled while it ran. CM_ERROR_FAILURE: the wait failed; the event runs or
+    /// ends later. Otherwise fails like PostEvent. A cancellation point; what a cancelled sender
+    /// has sent runs all the same.
     virtual CmResult SendEvent(ICmEvent* aEvent) = 0;
-    // How many events are pending; may be outdated when it is read.
+    /// How many events are pending; may be outdated when it is read.
     virtual DWORD GetPendingEventsCount() = 0;
     virtual ~ICmEventQueue();
 };
 
 class CCmEventSynchronous;
 
-// The queue without a lock; the two variants below add one. Callers of PostEvent and of the pop
-// functions of this class itself serialise them; the Process functions are for the consumer
-// thread, without a lock.
-//
-// A queue runs from its construction until SetStopped, for good; then every post and send is
-// refused. What is pending then is still to be taken out or destroyed by the owner.
+/// The queue without a lock; the two variants below add one. Callers of PostEvent and of the pop
+/// functions of this class itself serialise them; the Process functions are for the consumer
+/// thread, without a lock.
+///
+/// A queue runs from its construction until SetStopped, for good; then every post and send is
+/// refused. What is pending then is still to be taken out or destroyed by the owner.
 class CM_UTIL_EXPORT CCmEventQueueBase : public ICmEventQueue {
   public:
-    // An event that runs longer than this (50 ms) is reported with a warning line.
+    /// An event that runs longer than this (50 ms) is reported with a warning line.
     static const CCmTimeValue s_tvReportInterval;
 
     CCmEventQueueBase();
     CCmEventQueueBase(const CCmEventQueueBase&) = delete;
     CCmEventQueueBase& operator=(const CCmEventQueueBase&) = delete;
-    // Ends what is pending.
+    /// Ends what is pending.
     ~CCmEventQueueBase() override;
 
-    // A post that finds more than 100 events pending, and more than 3 s passed since the last
-    // such look (or the construction), writes a warning line.
+    /// A post that finds more than 100 events pending, and more than 3 s passed since the last
+    /// such look (or the construction), writes a warning line.
     CmResult PostEvent(ICmEvent* aEvent, EPriority aPri) override;
     CmResult SendEvent(ICmEvent* aEvent) override;
     DWORD GetPendingEventsCount() override;
 
-    // Moves the aMaxCount oldest events, or all if there are no more, to the tail of aEvents and
-    // stores how many remain through aRemainSize (may be null). The caller owns them from then on.
-    // CM_ERROR_NOT_FOUND, with nothing stored: the count is 0.
+    /// Moves the aMaxCount oldest events, or all if there are no more, to the tail of aEvents and
+    /// stores how many remain through aRemainSize (may be null). The caller owns them from then on.
+    /// CM_ERROR_NOT_FOUND, with nothing stored: the count is 0.
     CmResult PopPendingEvents(std::list<ICmEvent*>& aEvents, DWORD aMaxCount = 0xFFFFFFFF,
                               DWORD* aRemainSize = nullptr);
-    // The oldest event alone. CM_ERROR_NOT_FOUND: nothing is pending.
+    /// The oldest event alone. CM_ERROR_NOT_FOUND: nothing is pending.
     CmResult PopOnePendingEvent(ICmEvent*& aEvent, DWORD* aRemainSize = nullptr);
-    // Runs and ends each event in order. Always CM_OK.
+    /// Runs and ends each event in order. Always CM_OK.
     CmResult ProcessEvents(const std::list<ICmEvent*>& aEvents);
-    // Runs and ends one event. CM_OK, or CM_ERROR_INVALID_ARG for null.
+    /// Runs and ends one event. CM_OK, or CM_ERROR_INVALID_ARG for null.
     CmResult ProcessOneEvent(ICmEvent* aEvent);
-    // Ends every pending event without firing it, the oldest first. The count keeps its value.
+    /// Ends every pending event without firing it, the oldest first. The count keeps its value.
     void DestoryPendingEvents();
 
-    // For the owner: makes the calling thread the queue's own, or refuses posts from now on.
+    /// For the owner: makes the calling thread the queue's own, or refuses posts from now on.
     void BindToCurrentThread();
     void SetStopped();
 
   protected:
-    // One post, prepared before the lock is taken and concluded after it was released.
+    /// One post, prepared before the lock is taken and concluded after it was released.
     struct CPosting;
     class CPass;
     CmResult Prepare_i(CPosting& aPosting, bool aNeedsNode);
-    // Uses the first node of aNodes, which has one.
+    /// Uses the first node of aNodes, which has one.
     CmResult Append_l(CPosting& aPosting, std::list<ICmEvent*>& aNodes);
     void WatchSize_l(CPosting& aPosting);
     void Conclude_i(CPosting& aPosting, CmResult aResult);
-    // Runs and ends an event that starts at aStart; returns the start of the next one.
+    /// Runs and ends an event that starts at aStart; returns the start of the next one.
     CCmTimeValue RunAndEnd_i(ICmEvent* aEvent, const CCmTimeValue& aStart);
-    // Ends all events of a list that was taken out of the queue, and empties it.
+    /// Ends all events of a list that was taken out of the queue, and empties it.
     static void DestoryEvents_i(std::list<ICmEvent*>& aEvents);
-    // Waits until no sender touches this queue any more but those that wait for their event, whom
-    // its end wakes. The destructor of every class that overrides PostEvent calls it first.
+    /// Waits until no sender touches this queue any more but those that wait for their event, whom
+    /// its end wakes. The destructor of every class that overrides PostEvent calls it first.
     void WaitForSenders_i();
 
-    std::list<ICmEvent*> m_Events;  // in posting order
-    std::atomic<DWORD> m_dwSize;    // written like m_Events, read without a lock
+    std::list<ICmEvent*> m_Events;  ///< in posting order
+    std::atomic<DWORD> m_dwSize;    ///< written like m_Events, read without a lock
     CCmTimeValue m_tvLastReport;
-    std::atomic<pthread_t> m_Tid;  // the consumer; 0 until it is bound
+    std::atomic<pthread_t> m_Tid;  ///< the consumer; 0 until it is bound
     std::atomic<bool> m_bIsStopped;
 
   private:
     friend class CCmEventSynchronous;
     friend class CCmQueueOwner;  // internal: asks for the consumer thread
 
-    // Senders that are posting, and those whose event has run and who have yet to post its wrapper
-    // back; not those that wait.
+    /// Senders that are posting, and those whose event has run and who have yet to post its wrapper
+    /// back; not those that wait.
     std::atomic<long> m_lBusySenders;
 };
 
-// The wrapper that carries a synchronous send.
-//
-// Two ends hold it: the queue's, which fires and ends it once, and the sender's, which waits and
-// then posts it back, so that it is freed on the queue's own thread; a sender that cannot (the
-// queue refuses, or may be gone) lets go of it by itself. Whoever lets go last frees it, also when
-// its first post is refused. Its event ends on the thread that fired it, whoever that is.
+/// The wrapper that carries a synchronous send.
+///
+/// Two ends hold it: the queue's, which fires and ends it once, and the sender's, which waits and
+/// then posts it back, so that it is freed on the queue's own thread; a sender that cannot (the
+/// queue refuses, or may be gone) lets go of it by itself. Whoever lets go last frees it, also when
+/// its first post is refused. Its event ends on the thread that fired it, whoever that is.
 class CM_UTIL_EXPORT CCmEventSynchronous : public ICmEvent {
   public:
-    // aEvent: owned. aQueue: the queue that is to run it; may be null.
+    /// aEvent: owned. aQueue: the queue that is to run it; may be null.
     CCmEventSynchronous(ICmEvent* aEvent, CCmEventQueueBase* aQueue);
     ~CCmEventSynchronous() override;
 
-    // CM_ERROR_NULL_POINTER: there is no event. CM_OK, with nothing done, on the way back.
+    /// CM_ERROR_NULL_POINTER: there is no event. CM_OK, with nothing done, on the way back.
     CmResult OnEventFire() override;
     void OnDestorySelf() override;
-    // For the sender, once, behind a successful post: the result of the event's OnEventFire,
-    // CM_ERROR_NOT_AVAILABLE when it was ended without having run, or the result of a wait that
-    // failed. The caller must not touch the wrapper afterwards.
+    /// For the sender, once, behind a successful post: the result of the event's OnEventFire,
+    /// CM_ERROR_NOT_AVAILABLE when it was ended without having run, or the result of a wait that
+    /// failed. The caller must not touch the wrapper afterwards.
     CmResult WaitResultAndDeleteThis();
 
   private:
@@ -185,64 +186,64 @@ class CM_UTIL_EXPORT CCmEventSynchronous : public ICmEvent {
     std::atomic<bool> m_bHasDestoryed;
     CCmEventThread m_SendEvent;
     std::atomic<int> m_nOutcome;
-    bool m_bHoldsQueue;      // set by SendEvent before it posts
-    bool m_bFiredElsewhere;  // on another thread than the one that made the wrapper
+    bool m_bHoldsQueue;      ///< set by SendEvent before it posts
+    bool m_bFiredElsewhere;  ///< on another thread than the one that made the wrapper
 };
 
-// The queue of a consumer that polls.
+/// The queue of a consumer that polls.
 class CM_UTIL_EXPORT CCmEventQueueUsingMutex : public CCmEventQueueBase {
   public:
     CCmEventQueueUsingMutex();
     ~CCmEventQueueUsingMutex() override;
 
     CmResult PostEvent(ICmEvent* aEvent, EPriority aPri) override;
-    // Stores how many events were pending before this one through aOldSize (may be null).
+    /// Stores how many events were pending before this one through aOldSize (may be null).
     CmResult PostEventWithOldSize(ICmEvent* aEvent, EPriority aPri, DWORD* aOldSize);
-    // PopPendingEvents and DestoryPendingEvents under the queue's mutex. Events are ended after
-    // it was released.
+    /// PopPendingEvents and DestoryPendingEvents under the queue's mutex. Events are ended after
+    /// it was released.
     CmResult PopPendingEventsLocked(std::list<ICmEvent*>& aEvents, DWORD aMaxCount = 0xFFFFFFFF,
                                     DWORD* aRemainSize = nullptr);
     void DestoryPendingEvents();
-    // Consumer thread only. ProcessEvents of a list that was taken out; it is empty afterwards.
-    // When the thread is cancelled, the events not yet started end unfired.
+    /// Consumer thread only. ProcessEvents of a list that was taken out; it is empty afterwards.
+    /// When the thread is cancelled, the events not yet started end unfired.
     void ProcessTakenEvents(std::list<ICmEvent*>& aEvents);
 
   private:
     CCmMutexThread m_Mutex;
 };
 
-// The queue of a consumer that sleeps until an event arrives.
+/// The queue of a consumer that sleeps until an event arrives.
 class CM_UTIL_EXPORT CCmEventQueueUsingConditionVariable : public CCmEventQueueBase {
   public:
     CCmEventQueueUsingConditionVariable();
     ~CCmEventQueueUsingConditionVariable() override;
 
-    // Wakes the consumer when it sleeps.
+    /// Wakes the consumer when it sleeps.
     CmResult PostEvent(ICmEvent* aEvent, EPriority aPri) override;
-    // Consumer thread only. Waits once while nothing is pending, at most aTimeout (relative; null
-    // waits without limit), then takes at most aMaxCount events. CM_ERROR_NOT_FOUND: still empty,
-    // also when the wait ended early without an event. A cancellation point while it waits; a
-    // cancelled thread leaves the queue usable, and what is pending in it.
+    /// Consumer thread only. Waits once while nothing is pending, at most aTimeout (relative; null
+    /// waits without limit), then takes at most aMaxCount events. CM_ERROR_NOT_FOUND: still empty,
+    /// also when the wait ended early without an event. A cancellation point while it waits; a
+    /// cancelled thread leaves the queue usable, and what is pending in it.
     CmResult PopOrWaitPendingEvents(std::list<ICmEvent*>& aEvents, CCmTimeValue* aTimeout,
                                     DWORD aMaxCount = 0xFFFFFFFF);
-    // Consumer thread only. ProcessEvents, whose list nodes serve coming posts: the queue keeps as
-    // many as the last list had, between 256 and 16384 (512 KiB). aEvents is empty afterwards. When
-    // the thread is cancelled, the events not yet started are pending again.
+    /// Consumer thread only. ProcessEvents, whose list nodes serve coming posts: the queue keeps as
+    /// many as the last list had, between 256 and 16384 (512 KiB). aEvents is empty afterwards.
+    /// When the thread is cancelled, the events not yet started are pending again.
     void ProcessAndRecycleEvents(std::list<ICmEvent*>& aEvents);
-    // The two operations above for a worker's loop of the library's own: the wait lasts up to a
-    // moment of the monotonic clock, in nanoseconds (null: no limit), and when aStop becomes true,
-    // the events not yet started are pending again.
+    /// The two operations above for a worker's loop of the library's own: the wait lasts up to a
+    /// moment of the monotonic clock, in nanoseconds (null: no limit), and when aStop becomes true,
+    /// the events not yet started are pending again.
     CM_UTIL_HIDDEN CmResult PopOrWaitUntil_i(std::list<ICmEvent*>& aEvents,
                                              const long long* aDeadlineNsec, DWORD aMaxCount);
     CM_UTIL_HIDDEN void ProcessUntilStopped_i(std::list<ICmEvent*>& aEvents,
                                               const std::atomic<bool>* aStop);
-    // DestoryPendingEvents of the base; the events are taken out under the queue's mutex and ended
-    // after it was released.
+    /// DestoryPendingEvents of the base; the events are taken out under the queue's mutex and ended
+    /// after it was released.
     void DestoryPendingEvents();
-    // The same for a consumer that ends: refuses posts from then on, with nothing slipping in
-    // between, so that no sender is left waiting.
+    /// The same for a consumer that ends: refuses posts from then on, with nothing slipping in
+    /// between, so that no sender is left waiting.
     void StopAndDestoryPendingEvents();
-    // Whether no event is pending and none can be posted any more. Any thread.
+    /// Whether no event is pending and none can be posted any more. Any thread.
     bool IsStoppedAndEmpty();
 
   private:
@@ -253,12 +254,12 @@ class CM_UTIL_EXPORT CCmEventQueueUsingConditionVariable : public CCmEventQueueB
 
     CCmMutexThread m_Mutex;
     CCmConditionVariableThread m_Condition;
-    DWORD m_dwWaiters CM_GUARDED_BY(m_Mutex);              // consumers inside the wait
-    std::atomic<DWORD> m_dwSignalled;                      // the last wait that was signalled
-    std::list<ICmEvent*> m_Spares CM_GUARDED_BY(m_Mutex);  // list nodes for coming posts
-    std::atomic<DWORD> m_dwSpares;                         // their number, as a hint
-    DWORD m_dwWait CM_GUARDED_BY(m_Mutex);                 // the number of the latest wait
-    std::list<ICmEvent*> m_Spent;  // consumer thread only: nodes that are to become spare
+    DWORD m_dwWaiters CM_GUARDED_BY(m_Mutex);              ///< consumers inside the wait
+    std::atomic<DWORD> m_dwSignalled;                      ///< the last wait that was signalled
+    std::list<ICmEvent*> m_Spares CM_GUARDED_BY(m_Mutex);  ///< list nodes for coming posts
+    std::atomic<DWORD> m_dwSpares;                         ///< their number, as a hint
+    DWORD m_dwWait CM_GUARDED_BY(m_Mutex);                 ///< the number of the latest wait
+    std::list<ICmEvent*> m_Spent;  ///< consumer thread only: nodes that are to become spare
 };
 
 }  // namespace UTIL_NS

@@ -1,10 +1,11 @@
-// The bridge to the separate trace library: level functions, log streams, the second facility.
-//
-// The trace library supplies two functions with C linkage, _getTraceLevel (the threshold) and
-// YRKTRACERAWA (takes one piece of text). A text is delivered when its level is at least the
-// threshold: whole when it has at most 2047 characters, otherwise in pieces of 2047. What
-// YRKTRACERAWA throws ends the delivery of that text and goes no further. Nothing here changes
-// errno, and no thread is cancelled in the middle of a delivery.
+/// The bridge to the separate trace library: level functions, log streams, the second facility.
+///
+/// The trace library supplies two functions with C linkage, _getTraceLevel (the threshold) and
+/// YRKTRACERAWA (takes one piece of text). A text is delivered when its level is at least the
+/// threshold: whole when it has at most 2047 characters, otherwise in pieces of 2047. What
+/// YRKTRACERAWA throws ends the delivery of that text and goes no further. Nothing here changes
+/// errno, and no thread is cancelled in the middle of a delivery.
+/// \file
 #ifndef CM_LOG_STREAM_H
 #define CM_LOG_STREAM_H
 
@@ -17,9 +18,9 @@
 
 namespace UTIL_NS {
 
-// The level functions: deliver the text that printf would build from aFormat, up to a NUL in it, at
-// level 2 all four, cut to 131071 characters. 0 when aModule or aFormat is null, else 1. Any
-// thread.
+/// The level functions: deliver the text that printf would build from aFormat, up to a NUL in it,
+/// at level 2 all four, cut to 131071 characters. 0 when aModule or aFormat is null, else 1. Any
+/// thread.
 CM_UTIL_EXPORT int ccu_trace_debug(const char* aModule, const char* aFormat, ...)
     __attribute__((format(printf, 2, 3)));
 CM_UTIL_EXPORT int ccu_trace_info(const char* aModule, const char* aFormat, ...)
@@ -31,25 +32,25 @@ CM_UTIL_EXPORT int ccu_trace_error(const char* aModule, const char* aFormat, ...
 
 namespace ccu {
 
-// Collects one text and delivers it. One thread at a time.
+/// Collects one text and delivers it. One thread at a time.
 class CM_UTIL_EXPORT YrktraStreamA {
   public:
-    // aLevel: of the text when it is delivered.
+    /// aLevel: of the text when it is delivered.
     explicit YrktraStreamA(unsigned long aLevel);
-    // Frees nothing: flusha does.
+    /// Frees nothing: flusha does.
     ~YrktraStreamA() = default;
     YrktraStreamA(const YrktraStreamA&) = delete;
     YrktraStreamA& operator=(const YrktraStreamA&) = delete;
 
-    // Appends; nothing for null. When memory runs out the text so far is gone.
+    /// Appends; nothing for null. When memory runs out the text so far is gone.
     void writestringa(const char* aText);
-    // Delivers what was written, if anything, and frees it. After an exception of the trace
-    // library the text is neither freed nor delivered again.
+    /// Delivers what was written, if anything, and frees it. After an exception of the trace
+    /// library the text is neither freed nor delivered again.
     void flusha(const char* aModule);
 
   private:
     unsigned long m_ulLevel;
-    unsigned long m_ulLength;  // bytes held, the terminator included
+    unsigned long m_ulLength;  ///< bytes held, the terminator included
     unsigned long m_ulChunkSize;
     char* m_pchBuffer;
 };
@@ -57,14 +58,14 @@ class CM_UTIL_EXPORT YrktraStreamA {
 template <typename CharType>
 class logstream;
 
-// An output string stream whose destructor delivers what was inserted, up to the first NUL and in
-// whatever state the stream is:
-//   ccu::logstream<char>(2, "net") << "connected, fd=" << fd;
-// One thread at a time.
+/// An output string stream whose destructor delivers what was inserted, up to the first NUL and in
+/// whatever state the stream is:
+///   ccu::logstream<char>(2, "net") << "connected, fd=" << fd;
+/// One thread at a time.
 template <>
 class CM_UTIL_EXPORT logstream<char> : public std::basic_ostringstream<char> {
   public:
-    // aModule: not copied; must outlive the stream.
+    /// aModule: not copied; must outlive the stream.
     logstream(unsigned long aLevel, const char* aModule);
     ~logstream() override;
 
@@ -75,26 +76,26 @@ class CM_UTIL_EXPORT logstream<char> : public std::basic_ostringstream<char> {
 
 }  // namespace ccu
 
-// The "C" locale and its character conversion facet. Neither of the two ends.
+/// The "C" locale and its character conversion facet. Neither of the two ends.
 extern CM_UTIL_EXPORT const std::locale ccuLoc;
 extern CM_UTIL_EXPORT const std::codecvt<wchar_t, char, std::mbstate_t>& ccuCvter;
 
-// A second facility with switches of its own: "Error" and "Warning" are off by default,
-// "Statistic" and "State" on. As CCmT120Trace in all else.
+/// A second facility with switches of its own: "Error" and "Warning" are off by default,
+/// "Statistic" and "State" on. As CCmT120Trace in all else.
 class CM_UTIL_EXPORT CCmT120Trace2 : public CCmT120Trace {
   public:
-    // As those of CCmT120Trace.
+    /// As those of CCmT120Trace.
     static CCmT120Trace2* instance();
     CCmT120Trace2(const char* aName, CCmT120TraceMapEntry* aLevelTable, const char* aFileName,
                   unsigned char aSingleFile);
     ~CCmT120Trace2() override;
 
-    // Also remembers the path of a trace file that is named after the process as the log path.
+    /// Also remembers the path of a trace file that is named after the process as the log path.
     unsigned char load(void* aFile) override;
 
-    // The log path with the first "##**FILE_NAME_TAG**##" in it replaced by aName; empty when it
-    // has none; aName is left as it is. The library's own log paths have none: a host that wants a
-    // name here sets m_sLogPath in a derived class.
+    /// The log path with the first "##**FILE_NAME_TAG**##" in it replaced by aName; empty when it
+    /// has none; aName is left as it is. The library's own log paths have none: a host that wants a
+    /// name here sets m_sLogPath in a derived class.
     std::string GetLogFilePathAndName(std::string& aName);
 
   protected:
@@ -104,14 +105,14 @@ class CM_UTIL_EXPORT CCmT120Trace2 : public CCmT120Trace {
     static std::atomic<CCmT120Trace2*> t120_trace;
 };
 
-// Points to the identity below once get_leading_id has built it; null before. Never released.
+/// Points to the identity below once get_leading_id has built it; null before. Never released.
 extern CM_UTIL_EXPORT std::atomic<const char*> g_LeadingId;
 
 }  // namespace UTIL_NS
 
-// Identifies the process and the machine: "process.machine." with setting "MachineID" of section
-// [Trace] or else the host name as the machine, at most 1023 characters. Built once, on first
-// use. Any thread.
+/// Identifies the process and the machine: "process.machine." with setting "MachineID" of section
+/// [Trace] or else the host name as the machine, at most 1023 characters. Built once, on first
+/// use. Any thread.
 extern "C" CM_UTIL_EXPORT const char* get_leading_id();
 
 #endif  // CM_LOG_STREAM_H

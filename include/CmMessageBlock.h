@@ -1,4 +1,5 @@
-// CCmMessageBlock: blocks of network data, chained into one byte stream.
+/// CCmMessageBlock: blocks of network data, chained into one byte stream.
+/// \file
 #ifndef CM_MESSAGE_BLOCK_H
 #define CM_MESSAGE_BLOCK_H
 
@@ -11,172 +12,172 @@
 #include "CmTrace.h"
 #include "CmUtilTemplates.h"
 
-// True when none of aBit is set in aFlags.
+/// True when none of aBit is set in aFlags.
 #define CM_BIT_DISABLED(aFlags, aBit) (((aFlags) & (aBit)) == 0)
 
 namespace UTIL_NS {
 
-// A view of a byte area, linked to the next block of its chain:
-//
-//     block A                               block B
-//     +---------------------------------+   +---------------------------------+
-//     | m_pNext ------------------------|-->| m_pNext = null                  |
-//     | begin   read    write     end   |   | begin=read        write = end   |
-//     +---|-------|-------|---------|---+   +---|-------------------|---------+
-//         v       v       v         v           v                   v
-//        [ consumed | readable | free ]         [     readable      ]
-//
-// The area is either a CCmDataBlock, which several blocks may share, or memory of the caller's
-// (EXTERNAL_DATA), which must outlive the block. Begin <= read <= write <= end; an empty block
-// has no area. The ...Chained operations and Read, Write, Peek and Update treat this block and
-// all after it as one stream.
-//
-// Ownership: a block belongs to whoever created it. Blocks that an operation of this class
-// returns are on the heap and carry DUPLICATED; DestroyChained and ReclaimGarbage free those and
-// leave all others alone. A block does not own its successor unless m_bRtpChainedFlag is set.
-//
-// Results: CM_OK; CM_ERROR_FAILURE when a lock forbids the operation, the area is set already or
-// a bounds check failed; CM_ERROR_NOT_AVAILABLE when one block has too little room;
-// CM_ERROR_PARTIAL_DATA when the chain ended first. What an assertion refuses changes nothing.
-// Out-counts may be null. Chains of any length are walked without recursion.
-//
-// A chain is used by one thread at a time; blocks that share a data block may live on different
-// threads. Operations that a null chain has a result for exist as static forms as well, which
-// take the chain and accept null.
+/// A view of a byte area, linked to the next block of its chain:
+///
+///     block A                               block B
+///     +---------------------------------+   +---------------------------------+
+///     | m_pNext ------------------------|-->| m_pNext = null                  |
+///     | begin   read    write     end   |   | begin=read        write = end   |
+///     +---|-------|-------|---------|---+   +---|-------------------|---------+
+///         v       v       v         v           v                   v
+///        [ consumed | readable | free ]         [     readable      ]
+///
+/// The area is either a CCmDataBlock, which several blocks may share, or memory of the caller's
+/// (EXTERNAL_DATA), which must outlive the block. Begin <= read <= write <= end; an empty block
+/// has no area. The ...Chained operations and Read, Write, Peek and Update treat this block and
+/// all after it as one stream.
+///
+/// Ownership: a block belongs to whoever created it. Blocks that an operation of this class
+/// returns are on the heap and carry DUPLICATED; DestroyChained and ReclaimGarbage free those and
+/// leave all others alone. A block does not own its successor unless m_bRtpChainedFlag is set.
+///
+/// Results: CM_OK; CM_ERROR_FAILURE when a lock forbids the operation, the area is set already or
+/// a bounds check failed; CM_ERROR_NOT_AVAILABLE when one block has too little room;
+/// CM_ERROR_PARTIAL_DATA when the chain ended first. What an assertion refuses changes nothing.
+/// Out-counts may be null. Chains of any length are walked without recursion.
+///
+/// A chain is used by one thread at a time; blocks that share a data block may live on different
+/// threads. Operations that a null chain has a result for exist as static forms as well, which
+/// take the chain and accept null.
 class CM_UTIL_EXPORT CCmMessageBlock {
   public:
-    // The area is the caller's memory. Set by SetData.
+    /// The area is the caller's memory. Set by SetData.
     static constexpr unsigned long EXTERNAL_DATA = 0x1;
-    // Asks SetData for an area of its own although a data pointer is given; never kept.
+    /// Asks SetData for an area of its own although a data pointer is given; never kept.
     static constexpr unsigned long ALLOCATE_DATA = 0x2;
     static constexpr unsigned long READ_LOCKED = 0x100;
     static constexpr unsigned long WRITE_LOCKED = 0x200;
-    // Cleared by every SetData: the two locks among them.
+    /// Cleared by every SetData: the two locks among them.
     static constexpr unsigned long INTERNAL_FLAGS = 0xFF00;
-    // The block was allocated by an operation of this class.
+    /// The block was allocated by an operation of this class.
     static constexpr unsigned long DUPLICATED = 0x20000;
 
-    // An empty block.
+    /// An empty block.
     CCmMessageBlock() = default;
-    // As SetData with the same arguments; where that fails, the block stays empty.
+    /// As SetData with the same arguments; where that fails, the block stays empty.
     explicit CCmMessageBlock(unsigned int aSize, const char* aData = nullptr,
                              unsigned long aFlag = 0, unsigned int aAdvanceWritePtr = 0);
     explicit CCmMessageBlock(CCmDataBlock* aDb, unsigned long aFlag = 0,
                              unsigned int aAdvanceWritePtr = 0);
-    // The first form for a size of any integer type; literal zeros, which might be either form's,
-    // come here. The size is taken modulo 2^32.
+    /// The first form for a size of any integer type; literal zeros, which might be either form's,
+    /// come here. The size is taken modulo 2^32.
     template <class Size, std::enable_if_t<std::is_integral<Size>::value, int> = 0>
     explicit CCmMessageBlock(Size aSize, const char* aData = nullptr, unsigned long aFlag = 0,
                              unsigned int aAdvanceWritePtr = 0)
         : CCmMessageBlock(static_cast<unsigned int>(aSize), aData, aFlag, aAdvanceWritePtr) {}
     CCmMessageBlock(const CCmMessageBlock&) = delete;
     CCmMessageBlock& operator=(const CCmMessageBlock&) = delete;
-    // Touches the rest of the chain only when m_bRtpChainedFlag is set.
+    /// Touches the rest of the chain only when m_bRtpChainedFlag is set.
     ~CCmMessageBlock() {
         if (CM_UNLIKELY(m_bRtpChainedFlag)) {
             DestroyOwned_i();
         }
     }
 
-    // Sets the area, once. Without aData, or with ALLOCATE_DATA, it is a new data block of aSize
-    // uninitialised bytes (aData is not copied; size 0 leaves the block empty); otherwise it is
-    // the caller's aSize bytes at aData. aAdvanceWritePtr: how many bytes count as written.
-    // CM_ERROR_FAILURE when the area is set already, CM_ERROR_OUT_OF_MEMORY with the block
-    // unchanged.
+    /// Sets the area, once. Without aData, or with ALLOCATE_DATA, it is a new data block of aSize
+    /// uninitialised bytes (aData is not copied; size 0 leaves the block empty); otherwise it is
+    /// the caller's aSize bytes at aData. aAdvanceWritePtr: how many bytes count as written.
+    /// CM_ERROR_FAILURE when the area is set already, CM_ERROR_OUT_OF_MEMORY with the block
+    /// unchanged.
     CmResult SetData(unsigned int aSize, const char* aData, unsigned long aFlag,
                      unsigned int aAdvanceWritePtr);
-    // Shares aDb by a reference of its own (null leaves the block empty).
+    /// Shares aDb by a reference of its own (null leaves the block empty).
     CmResult SetData(CCmDataBlock* aDb, unsigned long aFlag, unsigned int aAdvanceWritePtr);
 
-    // Copies aCount bytes out of the chain. aDst: null skips without copying. aAdvance: 0 peeks,
-    // anything else consumes what was read, a partial read included. A locked block stops the
-    // reading with CM_ERROR_FAILURE; when that is this block, *aBytesRead is untouched.
+    /// Copies aCount bytes out of the chain. aDst: null skips without copying. aAdvance: 0 peeks,
+    /// anything else consumes what was read, a partial read included. A locked block stops the
+    /// reading with CM_ERROR_FAILURE; when that is this block, *aBytesRead is untouched.
     CmResult Read(void* aDst, unsigned int aCount, unsigned int* aBytesRead = nullptr,
                   signed char aAdvance = 1);
-    // Copies aCount bytes behind the written ones, block by block; what was placed before the
-    // chain ended or a locked block stopped it stays. A null aSrc advances without copying,
-    // within this block only: where that does not reach, the result is CM_ERROR_PARTIAL_DATA.
+    /// Copies aCount bytes behind the written ones, block by block; what was placed before the
+    /// chain ended or a locked block stopped it stays. A null aSrc advances without copying,
+    /// within this block only: where that does not reach, the result is CM_ERROR_PARTIAL_DATA.
     CmResult Write(const void* aSrc, unsigned int aCount, unsigned int* aBytesWritten = nullptr);
 
-    // Readable and free bytes of the chain; the low 32 bits of the sums.
+    /// Readable and free bytes of the chain; the low 32 bits of the sums.
     uint32_t GetChainedLength() const;
     uint32_t GetChainedSpace() const;
 
-    // Links aMb, and the chain behind it, behind the last block. Refused with an assertion when
-    // that would close a circle: aMb is in this chain, or this chain in aMb's.
+    /// Links aMb, and the chain behind it, behind the last block. Refused with an assertion when
+    /// that would close a circle: aMb is in this chain, or this chain in aMb's.
     void Append(CCmMessageBlock* aMb);
 
-    // Consumes aCount bytes: Read without a destination.
+    /// Consumes aCount bytes: Read without a destination.
     CmResult AdvanceChainedReadPtr(unsigned int aCount, unsigned int* aAdvanced = nullptr);
-    // Counts aCount bytes behind the written ones as written, over as many blocks as it takes.
-    // Stops with CM_ERROR_PARTIAL_DATA at a block that has been read from, and with
-    // CM_ERROR_FAILURE at a locked one, be it this or a later one; what was counted before stays.
-    // A count of 0 is CM_ERROR_PARTIAL_DATA.
+    /// Counts aCount bytes behind the written ones as written, over as many blocks as it takes.
+    /// Stops with CM_ERROR_PARTIAL_DATA at a block that has been read from, and with
+    /// CM_ERROR_FAILURE at a locked one, be it this or a later one; what was counted before stays.
+    /// A count of 0 is CM_ERROR_PARTIAL_DATA.
     CmResult AdvanceChainedWritePtr(unsigned int aCount, unsigned int* aAdvanced = nullptr);
-    // The same for this block alone: all of aStep or, with CM_ERROR_NOT_AVAILABLE, nothing.
+    /// The same for this block alone: all of aStep or, with CM_ERROR_NOT_AVAILABLE, nothing.
     CmResult AdvanceTopLevelWritePtr(unsigned int aStep);
 
-    // Empties the chain for writing: sets every read pointer to its own block's begin and every
-    // write pointer to the first block's begin. A later block with an area of its own thereby
-    // loses its write pointer and counts as without readable and free bytes.
+    /// Empties the chain for writing: sets every read pointer to its own block's begin and every
+    /// write pointer to the first block's begin. A later block with an area of its own thereby
+    /// loses its write pointer and counts as without readable and free bytes.
     void RewindChained();
     static void RewindChained(CCmMessageBlock* aMb);
-    // Frees the DUPLICATED blocks of the chain; this may be one of them. A block that is left alone
-    // in front of a freed one loses its link to it.
+    /// Frees the DUPLICATED blocks of the chain; this may be one of them. A block that is left
+    /// alone in front of a freed one loses its link to it.
     void DestroyChained();
     static void DestroyChained(CCmMessageBlock* aMb);
 
-    // This block alone on the heap, or null when memory ran out: shares the data block, copies
-    // memory of the caller's; keeps the read and write positions and no locks.
+    /// This block alone on the heap, or null when memory ran out: shares the data block, copies
+    /// memory of the caller's; keeps the read and write positions and no locks.
     CCmMessageBlock* DuplicateTopLevel() const;
-    // The same for the whole chain.
+    /// The same for the whole chain.
     CCmMessageBlock* DuplicateChained() const;
     static CCmMessageBlock* DuplicateChained(const CCmMessageBlock* aMb);
-    // Cuts the chain behind its first aStart readable bytes and returns the rest: blocks that
-    // carry DUPLICATED as they are, duplicates of others, which stay with their owner, unlinked.
-    // Null, with nothing changed, when nothing lies behind the cut or memory ran out. A cut inside
-    // a block leaves its area to both chains: a write to the first chain, whose block has the rest
-    // of the area as free space, overwrites bytes of the second.
+    /// Cuts the chain behind its first aStart readable bytes and returns the rest: blocks that
+    /// carry DUPLICATED as they are, duplicates of others, which stay with their owner, unlinked.
+    /// Null, with nothing changed, when nothing lies behind the cut or memory ran out. A cut inside
+    /// a block leaves its area to both chains: a write to the first chain, whose block has the rest
+    /// of the area as free space, overwrites bytes of the second.
     CCmMessageBlock* Disjoint(unsigned int aStart);
     static CCmMessageBlock* Disjoint(CCmMessageBlock* aMb, unsigned int aStart);
-    // Drops the empty blocks in front, freeing those that carry DUPLICATED (this may be one), and
-    // returns the first that is not empty, or null: the caller's new chain head. Refused, with
-    // null, when m_bRtpChainedFlag is set on this block. As above, no link to a freed block stays.
+    /// Drops the empty blocks in front, freeing those that carry DUPLICATED (this may be one), and
+    /// returns the first that is not empty, or null: the caller's new chain head. Refused, with
+    /// null, when m_bRtpChainedFlag is set on this block. As above, no link to a freed block stays.
     CCmMessageBlock* ReclaimGarbage();
 
-    // All readable bytes; locked blocks contribute none. Empty when memory ran out.
+    /// All readable bytes; locked blocks contribute none. Empty when memory ran out.
     CCmString FlattenChained() const;
     static CCmString FlattenChained(const CCmMessageBlock* aMb);
-    // A new chain with all readable bytes in one block (zeros for those of a locked block), or a
-    // duplicate of this chain when they lie in its first block already. Null when memory ran out
-    // or the bytes exceed what one block can hold.
+    /// A new chain with all readable bytes in one block (zeros for those of a locked block), or a
+    /// duplicate of this chain when they lie in its first block already. Null when memory ran out
+    /// or the bytes exceed what one block can hold.
     CCmMessageBlock* CombineSingleBuffer() const;
-    // Describes the readable pieces in aIov, at most aMax, and returns how many. Empty blocks take
-    // no entry, a locked block one with a null base; a null aIov is not filled.
+    /// Describes the readable pieces in aIov, at most aMax, and returns how many. Empty blocks take
+    /// no entry, a locked block one with a null base; a null aIov is not filled.
     uint32_t FillIov(iovec* aIov, unsigned int aMax) const;
     static uint32_t FillIov(const CCmMessageBlock* aMb, iovec* aIov, unsigned int aMax);
 
-    // Copies nPeekLen bytes out, or nSrcLen bytes over those that are there, nOffset readable
-    // bytes into the chain. No pointer moves. All or nothing: CM_ERROR_FAILURE when the range
-    // exceeds the readable bytes and, for Update, when a block of it is read-locked; Peek does
-    // not look at locks.
+    /// Copies nPeekLen bytes out, or nSrcLen bytes over those that are there, nOffset readable
+    /// bytes into the chain. No pointer moves. All or nothing: CM_ERROR_FAILURE when the range
+    /// exceeds the readable bytes and, for Update, when a block of it is read-locked; Peek does
+    /// not look at locks.
     CmResult Peek(unsigned char* pPeekBuffer, unsigned int nPeekLen, unsigned int nOffset) const;
     CmResult Update(const unsigned char* pSrc, unsigned int nSrcLen, unsigned int nOffset);
 
-    // Set and clear the locks of this block; aLocks: READ_LOCKED, WRITE_LOCKED or both.
+    /// Set and clear the locks of this block; aLocks: READ_LOCKED, WRITE_LOCKED or both.
     void SetLock(unsigned long aLocks) { m_Flag |= aLocks & (READ_LOCKED | WRITE_LOCKED); }
     void ClearLock(unsigned long aLocks) { m_Flag &= ~(aLocks & (READ_LOCKED | WRITE_LOCKED)); }
 
-    // This block alone.
+    /// This block alone.
     CCmMessageBlock* GetNext() const { return m_pNext; }
     unsigned long GetFlag() const { return m_Flag; }
     uint32_t GetTopLevelLength() const;
     uint32_t GetTopLevelSpace() const;
-    // Whether its data block has other holders; memory of the caller's has none that are known.
+    /// Whether its data block has other holders; memory of the caller's has none that are known.
     bool IsShared() const {
         return m_pDataBlock.ParaIn() != nullptr && m_pDataBlock->GetReference() > 1;
     }
-    // Null, after an assertion, when the lock in question is set.
+    /// Null, after an assertion, when the lock in question is set.
     char* GetTopLevelReadPtr() const;
     char* GetTopLevelWritePtr() const;
 
@@ -197,14 +198,14 @@ class CM_UTIL_EXPORT CCmMessageBlock {
 
     CCmMessageBlock* m_pNext = nullptr;
     CCmComAutoPtr<CCmDataBlock> m_pDataBlock;
-    char* m_pReadPtr = nullptr;   // first unread byte
-    char* m_pWritePtr = nullptr;  // first unwritten byte
+    char* m_pReadPtr = nullptr;   ///< first unread byte
+    char* m_pWritePtr = nullptr;  ///< first unwritten byte
     char* m_pBeginPtr = nullptr;
-    char* m_pEndPtr = nullptr;  // one past the area
+    char* m_pEndPtr = nullptr;  ///< one past the area
     unsigned long m_Flag = 0;
 
   public:
-    // Set by users that build owned chains on the heap: this block deletes its successor.
+    /// Set by users that build owned chains on the heap: this block deletes its successor.
     bool m_bRtpChainedFlag = false;
 };
 
@@ -225,7 +226,7 @@ inline uint32_t CCmMessageBlock::GetTopLevelSpace() const {
                : 0;
 }
 
-// The asserted texts are output; their line numbers are fixed.
+/// The asserted texts are output; their line numbers are fixed.
 inline char* CCmMessageBlock::GetTopLevelReadPtr() const {
     CM_ASSERTE_RETURN_AT(CM_BIT_DISABLED(m_Flag, READ_LOCKED), nullptr, "include/CmMessageBlock.h",
                          306);

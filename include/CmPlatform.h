@@ -1,4 +1,5 @@
-// The types of public classes that differ by platform.
+/// The types of public classes that differ by platform.
+/// \file
 #ifndef CM_PLATFORM_H
 #define CM_PLATFORM_H
 
@@ -9,7 +10,7 @@
 
 namespace UTIL_NS {
 
-// A counting semaphore made of a mutex and a condition, for platforms without unnamed ones.
+/// A counting semaphore made of a mutex and a condition, for platforms without unnamed ones.
 struct CmConditionSemaphore {
     pthread_mutex_t m_Mutex;
     pthread_cond_t m_Condition;

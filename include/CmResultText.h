@@ -1,4 +1,5 @@
-// Result codes as text.
+/// Result codes as text.
+/// \file
 #ifndef CM_RESULT_TEXT_H
 #define CM_RESULT_TEXT_H
 
@@ -6,8 +7,9 @@
 
 namespace UTIL_NS {
 
-// The name of a result code, "CM_ERROR_TIMEOUT" for one, to be streamed into trace lines and tests;
-// "not a CmResult" for a number that is none. Static text. Any thread; no lock, no allocation.
+/// The name of a result code, "CM_ERROR_TIMEOUT" for one, to be streamed into trace lines and
+/// tests; "not a CmResult" for a number that is none. Static text. Any thread; no lock, no
+/// allocation.
 constexpr const char* CmResultText(CmResult aResult) {
     switch (aResult) {
         case CM_OK:

@@ -1,4 +1,5 @@
-// The guard for the mutexes of CmConditionVariable.h.
+/// The guard for the mutexes of CmConditionVariable.h.
+/// \file
 #ifndef CM_SCOPED_LOCK_H
 #define CM_SCOPED_LOCK_H
 
@@ -6,22 +7,22 @@
 
 namespace UTIL_NS {
 
-// Holds aLock from construction to destruction, or to Unlock; unlocks only what it could lock. A
-// lock that fails does not stop the caller, who may ask for the result.
-//   CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
+/// Holds aLock from construction to destruction, or to Unlock; unlocks only what it could lock. A
+/// lock that fails does not stop the caller, who may ask for the result.
+///   CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
 template <class LockType>
 class CM_SCOPED_CAPABILITY CCmScopedLockT {
   public:
-    // aLock: not owned; must outlive the guard.
+    /// aLock: not owned; must outlive the guard.
     explicit CCmScopedLockT(LockType& aLock) CM_ACQUIRE(aLock)
         : m_Lock(aLock), m_Result(aLock.Lock()), m_bHeld(CM_SUCCEEDED(m_Result)) {}
     ~CCmScopedLockT() CM_RELEASE() { GiveBack(); }
     CCmScopedLockT(const CCmScopedLockT&) = delete;
     CCmScopedLockT& operator=(const CCmScopedLockT&) = delete;
 
-    // That of Lock.
+    /// That of Lock.
     CmResult result() const { return m_Result; }
-    // Ahead of the end of the scope.
+    /// Ahead of the end of the scope.
     void Unlock() CM_RELEASE() { GiveBack(); }
 
   private:

@@ -1,16 +1,17 @@
-// Threads that own an event queue and, optionally, a timer queue; and the registry of them.
-//
-//   ACmThread* pThread = nullptr;
-//   CreateUserTaskThread(&pThread, TF_JOINABLE, true, 1);
-//   pThread->GetEventQueue()->PostEvent(new CMyEvent, ICmEventQueue::EPRIORITY_NORMAL);
-//   ...
-//   pThread->Stop(nullptr);   // what was posted before still runs
-//   pThread->Join();
-//   pThread->Destory(CM_OK);  // frees the object
-//
-// Where timer wrappers are scheduled on the worker, the order of the end is Stop, Join, the
-// wrappers' destruction, Destory: a wrapper that ends cancels in the timer queue, which goes with
-// the object.
+/// Threads that own an event queue and, optionally, a timer queue; and the registry of them.
+///
+///   ACmThread* pThread = nullptr;
+///   CreateUserTaskThread(&pThread, TF_JOINABLE, true, 1);
+///   pThread->GetEventQueue()->PostEvent(new CMyEvent, ICmEventQueue::EPRIORITY_NORMAL);
+///   ...
+///   pThread->Stop(nullptr);   // what was posted before still runs
+///   pThread->Join();
+///   pThread->Destory(CM_OK);  // frees the object
+///
+/// Where timer wrappers are scheduled on the worker, the order of the end is Stop, Join, the
+/// wrappers' destruction, Destory: a wrapper that ends cancels in the timer queue, which goes with
+/// the object.
+/// \file
 #ifndef CM_THREAD_H
 #define CM_THREAD_H
 
@@ -29,95 +30,96 @@
 
 namespace UTIL_NS {
 
-// The type of a thread. Every value but these two is chosen by the host, stored and reported back.
-constexpr int TT_UNKNOWN = -1;  // not created
-constexpr int TT_MAIN = 0;      // adopts the calling thread; starts none
+/// The type of a thread. Every value but these two is chosen by the host, stored and reported back.
+constexpr int TT_UNKNOWN = -1;  ///< not created
+constexpr int TT_MAIN = 0;      ///< adopts the calling thread; starts none
 
-// How a thread ends; 0 is taken as TF_JOINABLE. Detached is a flag whose low two bits are 2.
+/// How a thread ends; 0 is taken as TF_JOINABLE. Detached is a flag whose low two bits are 2.
 typedef int TFlag;
-constexpr TFlag TF_JOINABLE = 1;  // Join waits for it; the owner frees the object by Destory
-constexpr TFlag TF_DETACHED = 2;  // the object goes when its body has ended and Destory was called
+constexpr TFlag TF_JOINABLE = 1;  ///< Join waits for it; the owner frees the object by Destory
+constexpr TFlag TF_DETACHED =
+    2;  ///< the object goes when its body has ended and Destory was called
 
-// Base of every thread object. Objects are created by new and end through Destory, never by
-// delete from outside; a thread object is created once.
-//
-// Create, Terminate, Join and Destory are for the owner, one at a time; the other operations
-// may be called from any thread, once Create has returned and until Destory.
+/// Base of every thread object. Objects are created by new and end through Destory, never by
+/// delete from outside; a thread object is created once.
+///
+/// Create, Terminate, Join and Destory are for the owner, one at a time; the other operations
+/// may be called from any thread, once Create has returned and until Destory.
 class CM_UTIL_EXPORT ACmThread {
   public:
     ACmThread();
     ACmThread(const ACmThread&) = delete;
     ACmThread& operator=(const ACmThread&) = delete;
 
-    // Starts a thread that runs OnThreadInit and then OnThreadRun, and waits until OnThreadInit
-    // has ended; with TT_MAIN adopts the calling thread and runs neither. aType TT_UNKNOWN starts
-    // one, too, with a warning. bRegister: whether getCurrentThread finds it. CM_OK,
-    // CM_ERROR_ALREADY_INITIALIZED (a second call), CM_ERROR_UNEXPECTED (a system call failed),
-    // CM_ERROR_OUT_OF_MEMORY; of a worker also CM_ERROR_NOT_INITIALIZED (an earlier thread of it,
-    // of unknown type, was stopped). An object whose creation failed is freed by Destory.
+    /// Starts a thread that runs OnThreadInit and then OnThreadRun, and waits until OnThreadInit
+    /// has ended; with TT_MAIN adopts the calling thread and runs neither. aType TT_UNKNOWN starts
+    /// one, too, with a warning. bRegister: whether getCurrentThread finds it. CM_OK,
+    /// CM_ERROR_ALREADY_INITIALIZED (a second call), CM_ERROR_UNEXPECTED (a system call failed),
+    /// CM_ERROR_OUT_OF_MEMORY; of a worker also CM_ERROR_NOT_INITIALIZED (an earlier thread of it,
+    /// of unknown type, was stopped). An object whose creation failed is freed by Destory.
     virtual CmResult Create(int aType, TFlag aFlag = TF_JOINABLE, signed char bRegister = 1);
-    // Asks the body to end; does not wait for it. Here: CM_ERROR_NOT_IMPLEMENTED, and the body goes
-    // on. So a class with a body of its own overrides this: it makes OnThreadRun return, and wakes
-    // the thread if it sleeps. Join would wait for ever otherwise.
+    /// Asks the body to end; does not wait for it. Here: CM_ERROR_NOT_IMPLEMENTED, and the body
+    /// goes on. So a class with a body of its own overrides this: it makes OnThreadRun return, and
+    /// wakes the thread if it sleeps. Join would wait for ever otherwise.
     virtual CmResult Stop(CCmTimeValue* aTimeout = nullptr);
-    // On the new thread, before Create returns.
+    /// On the new thread, before Create returns.
     virtual void OnThreadInit();
-    // The thread's body.
+    /// The thread's body.
     virtual void OnThreadRun() = 0;
-    // Null: there are no reactors.
+    /// Null: there are no reactors.
     virtual void* GetReactor();
-    // Null when the thread has none. Owned by the object.
+    /// Null when the thread has none. Owned by the object.
     virtual ICmEventQueue* GetEventQueue();
-    // Null when the thread has none. Owned by the object; to be used on the thread itself only.
+    /// Null when the thread has none. Owned by the object; to be used on the thread itself only.
     virtual ICmTimerQueue* GetTimerQueue();
-    // Sets what GetStopFlag tells, and nothing else.
+    /// Sets what GetStopFlag tells, and nothing else.
     virtual void SetStop();
-    // True once the body has ended, or SetStop or Terminate was called. Stop of a worker does not
-    // set it: it posts an event, and posts are refused from then on.
+    /// True once the body has ended, or SetStop or Terminate was called. Stop of a worker does not
+    /// set it: it posts an event, and posts are refused from then on.
     virtual bool GetStopFlag();
     virtual ~ACmThread();
 
-    // 0 until created and again after a successful Join.
+    /// 0 until created and again after a successful Join.
     pthread_t GetThreadId() const { return m_Tid.load(std::memory_order_relaxed); }
-    // -1 (all bits set) until a thread was started.
+    /// -1 (all bits set) until a thread was started.
     pthread_t GetThreadHandle() const { return m_Handle.load(std::memory_order_relaxed); }
-    // What Create was given; TT_UNKNOWN before.
+    /// What Create was given; TT_UNKNOWN before.
     int GetThreadType() const { return m_Type; }
 
-    // Waits until a joinable thread has ended; does nothing for any other. CM_ERROR_FAILURE: it is
-    // the calling thread, or pthread_join failed. A cancellation point; the thread can be joined
-    // again then.
+    /// Waits until a joinable thread has ended; does nothing for any other. CM_ERROR_FAILURE: it is
+    /// the calling thread, or pthread_join failed. A cancellation point; the thread can be joined
+    /// again then.
     CmResult Join();
-    // Frees the object, at once or (detached, and its body still runs) when the body has ended.
-    // To be called last; a joinable thread has been stopped and joined before. aReason is traced
-    // only. CM_OK.
+    /// Frees the object, at once or (detached, and its body still runs) when the body has ended.
+    /// To be called last; a joinable thread has been stopped and joined before. aReason is traced
+    /// only. CM_OK.
     CmResult Destory(int aReason);
-    // Cancels the thread at its next cancellation point and sets the stop flag. The result is that
-    // of pthread_cancel, or CM_ERROR_FAILURE when there is no thread to cancel: none was started,
-    // or the object adopted one (whose stop flag is set all the same). An event that was firing
-    // ends; what its event queue holds stays pending (or, once a worker has run its stop event,
-    // ends), the queue accepts posts until a Stop closes it, and Join and Destory work as usual.
-    // The host's own handlers run no destructors on every system (see "Cancelled threads" in
-    // docs/platforms.md). No destructor of theirs may contain a cancellation point: it cannot be
-    // unwound, and the process would end. Create, Destory and the library's own destructors are
-    // none.
+    /// Cancels the thread at its next cancellation point and sets the stop flag. The result is that
+    /// of pthread_cancel, or CM_ERROR_FAILURE when there is no thread to cancel: none was started,
+    /// or the object adopted one (whose stop flag is set all the same). An event that was firing
+    /// ends; what its event queue holds stays pending (or, once a worker has run its stop event,
+    /// ends), the queue accepts posts until a Stop closes it, and Join and Destory work as usual.
+    /// The host's own handlers run no destructors on every system (see "Cancelled threads" in
+    /// docs/platforms.md). No destructor of theirs may contain a cancellation point: it cannot be
+    /// unwound, and the process would end. Create, Destory and the library's own destructors are
+    /// none.
     CmResult Terminate();
 
-    // The start routine of the POSIX thread; pParam is the object. Returns null.
+    /// The start routine of the POSIX thread; pParam is the object. Returns null.
     static void* ThreadProc(void* pParam);
 
   protected:
-    // For OnThreadInit: makes Create fail with aResult; the body does not run then.
+    /// For OnThreadInit: makes Create fail with aResult; the body does not run then.
     void SetInitResult(CmResult aResult) { m_InitResult = aResult; }
 
     std::atomic<pthread_t> m_Tid;
     std::atomic<pthread_t> m_Handle;
     int m_Type;
     TFlag m_Flag;
-    CCmEventThread* m_pEvent;  // start-up handshake, during Create only; owned
+    CCmEventThread* m_pEvent;  ///< start-up handshake, during Create only; owned
     bool m_bRegistered;
     bool m_bRegister;
-    // The two parties that end a detached thread's object count here; the second one deletes.
+    /// The two parties that end a detached thread's object count here; the second one deletes.
     CCmAtomicOperationT<CCmMutexThread> m_nDestroyRef;
     std::atomic<bool> m_bStopFlag;
 
@@ -131,59 +133,59 @@ class CM_UTIL_EXPORT ACmThread {
     void BodyHasEnded_i();
     bool IsSecondEnd_i();
     bool IsJoinable() const { return (m_Flag & TF_JOINABLE) != 0; }
-    // The body has ended, or Destory was called: the system may give the thread's number to another
-    // one, also before Join has come back.
+    /// The body has ended, or Destory was called: the system may give the thread's number to
+    /// another one, also before Join has come back.
     bool HasLeftItsId() const {
         return m_nDestroyRef.value() > 0 ||
                (m_nStartSteps.load(std::memory_order_relaxed) & STEP_BODY_ENDED) != 0;
     }
     friend CM_UTIL_EXPORT ACmThread* getCurrentThread();
 
-    static constexpr int STEP_BODY_ENDED = 8;  // of a thread of the object's own
+    static constexpr int STEP_BODY_ENDED = 8;  ///< of a thread of the object's own
 
-    std::atomic<int> m_nStartSteps;  // of the start-up handshake, and STEP_BODY_ENDED
+    std::atomic<int> m_nStartSteps;  ///< of the start-up handshake, and STEP_BODY_ENDED
     CmResult m_InitResult;
-    bool m_bHasThread;                // a POSIX thread was started for this object
-    std::atomic<bool> m_bOneEndCame;  // of a detached thread's object
+    bool m_bHasThread;                ///< a POSIX thread was started for this object
+    std::atomic<bool> m_bOneEndCame;  ///< of a detached thread's object
 };
 
-// The registered thread objects in the order of registration. Neither of the two ends.
+/// The registered thread objects in the order of registration. Neither of the two ends.
 extern CM_UTIL_EXPORT CCmMutexThread g_thread_Mutex;
 extern CM_UTIL_EXPORT std::list<ACmThread*> g_threadList CM_GUARDED_BY(g_thread_Mutex);
 
-// Appends aThread (not owned). CM_OK, or CM_ERROR_OUT_OF_MEMORY. Create does this. Any thread.
+/// Appends aThread (not owned). CM_OK, or CM_ERROR_OUT_OF_MEMORY. Create does this. Any thread.
 CM_UTIL_EXPORT CmResult RegisterThread(ACmThread* aThread);
-// CM_OK, or CM_ERROR_NOT_FOUND. Any thread.
+/// CM_OK, or CM_ERROR_NOT_FOUND. Any thread.
 CM_UTIL_EXPORT CmResult UnRegisterThread(ACmThread* aThread);
-// The object of the calling thread, or null when none is registered; null also when the object's
-// own thread asks after its body has ended. Any thread.
+/// The object of the calling thread, or null when none is registered; null also when the object's
+/// own thread asks after its body has ended. Any thread.
 CM_UTIL_EXPORT ACmThread* getCurrentThread();
 
-// A worker that sleeps on its event queue and runs what is posted to it. A worker that was stopped
-// runs no more; one that is stopped before it is created runs what is pending and ends.
+/// A worker that sleeps on its event queue and runs what is posted to it. A worker that was stopped
+/// runs no more; one that is stopped before it is created runs what is pending and ends.
 class CM_UTIL_EXPORT CCmThreadTaskWithEventQueueOnly : public ACmThread, public CCmStopFlag {
   public:
     CCmThreadTaskWithEventQueueOnly();
     ~CCmThreadTaskWithEventQueueOnly() override;
 
-    // Any thread. Everything posted before still runs; later posts are refused. aTimeout is not
-    // used. CM_OK; CM_ERROR_OUT_OF_MEMORY: nothing has changed, try again;
-    // CM_ERROR_NOT_INITIALIZED: it has been stopped before. After Terminate, too, it closes the
-    // queue.
+    /// Any thread. Everything posted before still runs; later posts are refused. aTimeout is not
+    /// used. CM_OK; CM_ERROR_OUT_OF_MEMORY: nothing has changed, try again;
+    /// CM_ERROR_NOT_INITIALIZED: it has been stopped before. After Terminate, too, it closes the
+    /// queue.
     CmResult Stop(CCmTimeValue* aTimeout = nullptr) override;
     void OnThreadInit() override;
     void OnThreadRun() override;
     ICmEventQueue* GetEventQueue() override;
 
   protected:
-    // Waits for events, at most aTimeout, and runs at most aMaxCount of them.
+    /// Waits for events, at most aTimeout, and runs at most aMaxCount of them.
     void RunEvents_i(CCmTimeValue* aTimeout, DWORD aMaxCount);
 
     CCmEventQueueUsingConditionVariable m_EventQueue;
 };
 
-// The same with a timer queue, whose due timers it fires between the events, at least after every
-// five. A timer is late by what runs when it becomes due and before it, and by no more.
+/// The same with a timer queue, whose due timers it fires between the events, at least after every
+/// five. A timer is late by what runs when it becomes due and before it, and by no more.
 class CM_UTIL_EXPORT CCmThreadTask : public CCmThreadTaskWithEventQueueOnly {
   public:
     CCmThreadTask();
@@ -194,41 +196,41 @@ class CM_UTIL_EXPORT CCmThreadTask : public CCmThreadTaskWithEventQueueOnly {
     ICmTimerQueue* GetTimerQueue() override;
 
   protected:
-    // Owned; null until OnThreadInit. A subclass may put another one there only if that derives
-    // from CCmTimerQueueBase.
+    /// Owned; null until OnThreadInit. A subclass may put another one there only if that derives
+    /// from CCmTimerQueueBase.
     ICmTimerQueue* m_pTimerQueue;
 };
 
-// Queues for a thread that the library does not run: their owner calls DoHeartBeat regularly.
-// Typically created with TT_MAIN; the owner then calls OnThreadInit itself.
+/// Queues for a thread that the library does not run: their owner calls DoHeartBeat regularly.
+/// Typically created with TT_MAIN; the owner then calls OnThreadInit itself.
 class CM_UTIL_EXPORT CCmThreadHeartBeat : public ACmThread {
   public:
     CCmThreadHeartBeat();
     ~CCmThreadHeartBeat() override;
 
-    // Does nothing; CM_OK.
+    /// Does nothing; CM_OK.
     CmResult Stop(CCmTimeValue* aTimeout = nullptr) override;
     void OnThreadInit() override;
-    // One heartbeat.
+    /// One heartbeat.
     void OnThreadRun() override;
     ICmEventQueue* GetEventQueue() override;
     ICmTimerQueue* GetTimerQueue() override;
-    // Owning thread only: fires the due timers, then runs the pending events. CM_OK.
+    /// Owning thread only: fires the due timers, then runs the pending events. CM_OK.
     CmResult DoHeartBeat();
 
   protected:
     CCmEventQueueUsingMutex m_EventQueue;
-    ICmTimerQueue* m_pTimerQueue;  // as that of CCmThreadTask
+    ICmTimerQueue* m_pTimerQueue;  ///< as that of CCmThreadTask
 };
 
-// The event that stops a worker when it is its turn.
+/// The event that stops a worker when it is its turn.
 template <class ThreadType>
 class CCmEventStopT : public ICmEvent {
   public:
-    // aThread: not owned.
+    /// aThread: not owned.
     explicit CCmEventStopT(ThreadType* aThread) : m_pThread(aThread) {}
 
-    // Posts a stop event to aThread. The result is that of the post, or CM_ERROR_OUT_OF_MEMORY.
+    /// Posts a stop event to aThread. The result is that of the post, or CM_ERROR_OUT_OF_MEMORY.
     static CmResult PostStopEvent(ThreadType* aThread);
     CmResult OnEventFire() override;
 
@@ -259,10 +261,10 @@ extern template class CM_UTIL_EXPORT CCmEventStopT<CCmThreadTaskWithEventQueueOn
 
 extern "C" {
 
-// Creates a registered worker, with a timer queue or without, and waits until it is ready. Its
-// object is stored through aThread and ends by Destory. Nothing is stored on failure:
-// CM_ERROR_INVALID_ARG (aThread is null, or aType is TT_MAIN, which would start no worker),
-// CM_ERROR_OUT_OF_MEMORY, CM_ERROR_UNEXPECTED (the thread could not be started). Any thread.
+/// Creates a registered worker, with a timer queue or without, and waits until it is ready. Its
+/// object is stored through aThread and ends by Destory. Nothing is stored on failure:
+/// CM_ERROR_INVALID_ARG (aThread is null, or aType is TT_MAIN, which would start no worker),
+/// CM_ERROR_OUT_OF_MEMORY, CM_ERROR_UNEXPECTED (the thread could not be started). Any thread.
 CM_UTIL_EXPORT UTIL_NS::CmResult CreateUserTaskThread(UTIL_NS::ACmThread** aThread,
                                                       UTIL_NS::TFlag aFlag, bool bWithTimerQueue,
                                                       int aType);

@@ -1,7 +1,8 @@
-// Annotations for clang's -Wthread-safety; empty for every other compiler.
-//
-// CM_GUARDED_BY(m) marks a variable that is touched only with m held,
-// CM_REQUIRES(m) a step that expects m held, CM_EXCLUDES(m) one that takes m itself.
+/// Annotations for clang's -Wthread-safety; empty for every other compiler.
+///
+/// CM_GUARDED_BY(m) marks a variable that is touched only with m held,
+/// CM_REQUIRES(m) a step that expects m held, CM_EXCLUDES(m) one that takes m itself.
+/// \file
 #ifndef CM_THREAD_ANNOTATIONS_H
 #define CM_THREAD_ANNOTATIONS_H
 
@@ -11,7 +12,7 @@
 #define CM_THREAD_ANNOTATION_(x)
 #endif
 
-// Each stands for the attribute of the same name.
+/// Each stands for the attribute of the same name.
 #define CM_CAPABILITY(x) CM_THREAD_ANNOTATION_(capability(x))
 #define CM_SCOPED_CAPABILITY CM_THREAD_ANNOTATION_(scoped_lockable)
 #define CM_GUARDED_BY(x) CM_THREAD_ANNOTATION_(guarded_by(x))

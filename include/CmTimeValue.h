@@ -1,4 +1,5 @@
-// CCmTimeValue: an instant or a span of time in seconds and microseconds.
+/// CCmTimeValue: an instant or a span of time in seconds and microseconds.
+/// \file
 #ifndef CM_TIME_VALUE_H
 #define CM_TIME_VALUE_H
 
@@ -9,42 +10,42 @@
 
 namespace UTIL_NS {
 
-// A value type. Kept normalised: the microseconds' magnitude is below 1000000 and the two
-// fields never have opposite signs (-1.5 s is {-1, -500000}). Arithmetic saturates at s_tvMax
-// and at its negative; it never wraps. Any thread; no allocation.
+/// A value type. Kept normalised: the microseconds' magnitude is below 1000000 and the two
+/// fields never have opposite signs (-1.5 s is {-1, -500000}). Arithmetic saturates at s_tvMax
+/// and at its negative; it never wraps. Any thread; no allocation.
 class CM_UTIL_EXPORT CCmTimeValue {
   public:
-    // Microseconds in a second.
+    /// Microseconds in a second.
     static constexpr long ONE_SECOND_IN_USECS = 1000000;
 
-    // No time at all; what a default-constructed value is.
+    /// No time at all; what a default-constructed value is.
     static const CCmTimeValue s_tvZero;
-    // The largest value; as a timeout it means no limit.
+    /// The largest value; as a timeout it means no limit.
     static const CCmTimeValue s_tvMax;
 
     constexpr CCmTimeValue() = default;
-    // Seconds and microseconds of either sign; normalises.
+    /// Seconds and microseconds of either sign; normalises.
     explicit constexpr CCmTimeValue(long aSec, long aUsec = 0) : m_lSec(aSec), m_lUsec(aUsec) {
         Normalize();
     }
-    // The same from the system's record.
+    /// The same from the system's record.
     explicit constexpr CCmTimeValue(const timeval& aTv) : CCmTimeValue(aTv.tv_sec, aTv.tv_usec) {}
 
-    // The current wall-clock time (seconds since 1970, UTC).
+    /// The current wall-clock time (seconds since 1970, UTC).
     static CCmTimeValue GetTimeOfDay();
 
-    // Whole seconds, and the microseconds beyond them; both have the sign of the value.
+    /// Whole seconds, and the microseconds beyond them; both have the sign of the value.
     constexpr long GetSec() const { return m_lSec; }
     constexpr long GetUsec() const { return m_lUsec; }
 
-    // {seconds, microseconds * 1000}.
+    /// {seconds, microseconds * 1000}.
     timespec ToTimeSpec() const { return timespec{m_lSec, m_lUsec * 1000}; }
 
-    // Restores the invariant after the fields were set freely. Values that carry beyond the
-    // range saturate.
+    /// Restores the invariant after the fields were set freely. Values that carry beyond the
+    /// range saturate.
     constexpr void Normalize();
 
-    // Saturate at s_tvMax and its negative.
+    /// Saturate at s_tvMax and its negative.
     constexpr CCmTimeValue& operator+=(const CCmTimeValue& aRight);
     constexpr CCmTimeValue& operator-=(const CCmTimeValue& aRight);
 
@@ -81,7 +82,7 @@ class CM_UTIL_EXPORT CCmTimeValue {
     long m_lUsec = 0;
 };
 
-// Copies of the two class constants.
+/// Copies of the two class constants.
 CM_UTIL_EXPORT CCmTimeValue get_tvZero();
 CM_UTIL_EXPORT CCmTimeValue get_tvMax();
 

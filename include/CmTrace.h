@@ -1,8 +1,9 @@
-// Trace routing and assertions: every line that the library writes leaves through here.
-//
-// A line has the form "UTIL " + level word ("ERROR: ", "WARNING: ", "INFO: ") + text, and at
-// most 1952 characters. It goes to the sink that the host installed or, without one, to the
-// trace facility (CmT120Trace.h), which filters it and hands it to the trace library.
+/// Trace routing and assertions: every line that the library writes leaves through here.
+///
+/// A line has the form "UTIL " + level word ("ERROR: ", "WARNING: ", "INFO: ") + text, and at
+/// most 1952 characters. It goes to the sink that the host installed or, without one, to the
+/// trace facility (CmT120Trace.h), which filters it and hands it to the trace library.
+/// \file
 #ifndef CM_TRACE_H
 #define CM_TRACE_H
 
@@ -12,50 +13,50 @@
 
 namespace UTIL_NS {
 
-// Levels of the library's own lines; lower is more severe.
+/// Levels of the library's own lines; lower is more severe.
 constexpr unsigned long CM_TRACE_LEVEL_ERROR = 0;
 constexpr unsigned long CM_TRACE_LEVEL_WARNING = 10;
 constexpr unsigned long CM_TRACE_LEVEL_INFO = 20;
 
-// Receives one line: its level, its text (NUL-terminated, valid during the call only) and its
-// length. Called on whichever thread traces, so it must be thread-safe; it may be called with
-// locks of the library held, so it must not call back into it and should not wait. It must not
-// throw. The thread is not cancelled in it, and errno is afterwards as it was. docs/tracing.md has
-// one that takes the lines to a file.
+/// Receives one line: its level, its text (NUL-terminated, valid during the call only) and its
+/// length. Called on whichever thread traces, so it must be thread-safe; it may be called with
+/// locks of the library held, so it must not call back into it and should not wait. It must not
+/// throw. The thread is not cancelled in it, and errno is afterwards as it was. docs/tracing.md has
+/// one that takes the lines to a file.
 typedef void (*UtilTraceSink)(unsigned long aLevel, const char* aText, unsigned int aLength);
 
-// The installed sink, null until the host installs one.
+/// The installed sink, null until the host installs one.
 extern CM_UTIL_EXPORT std::atomic<UtilTraceSink> g_util_trace_sink;
 
-// A hook that does nothing; builds may divert assertion failures to it. Any thread.
+/// A hook that does nothing; builds may divert assertion failures to it. Any thread.
 CM_UTIL_EXPORT void Assert_Log(char* aFile, char* aExpression, int aLine);
 
-// Writes the error line of a failed assertion: file, line and the expression as it was written.
-// The macros below call it; it never stops the program. Any thread.
+/// Writes the error line of a failed assertion: file, line and the expression as it was written.
+/// The macros below call it; it never stops the program. Any thread.
 CM_UTIL_EXPORT void CmAssertFailed(const char* aFile, int aLine, const char* aExpression);
 
 }  // namespace UTIL_NS
 
 extern "C" {
 
-// Installs the sink that receives every line from now on; null routes lines to the trace
-// facility again. To be called before threads that trace are started.
+/// Installs the sink that receives every line from now on; null routes lines to the trace
+/// facility again. To be called before threads that trace are started.
 CM_UTIL_EXPORT void set_util_external_trace_sink(UTIL_NS::UtilTraceSink aSink);
 
-// Writes one line of aLength characters, NUL-terminated. Never fails towards its caller: a line
-// that cannot be written is lost. Any thread.
+/// Writes one line of aLength characters, NUL-terminated. Never fails towards its caller: a line
+/// that cannot be written is lost. Any thread.
 CM_UTIL_EXPORT void util_adapter_trace(unsigned long aLevel, const char* aText,
                                        unsigned int aLength);
 
-// The same for a named module; an external sink does not learn the module.
+/// The same for a named module; an external sink does not learn the module.
 CM_UTIL_EXPORT void util_adapter_trace_ex(unsigned long aLevel, const char* aModule,
                                           const char* aText, unsigned int aLength);
 
 }  // extern "C"
 
-// Assertions are always compiled in. A false expression writes one error line; then
-// CM_ASSERTE goes on and CM_ASSERTE_RETURN returns aResult from the function. The _LINE forms
-// print a fixed line number, the _AT form a fixed file as well (for code in public headers).
+/// Assertions are always compiled in. A false expression writes one error line; then
+/// CM_ASSERTE goes on and CM_ASSERTE_RETURN returns aResult from the function. The _LINE forms
+/// print a fixed line number, the _AT form a fixed file as well (for code in public headers).
 #define CM_ASSERTE(aExpression) CM_ASSERTE_(aExpression, #aExpression, __FILE__, __LINE__)
 #define CM_ASSERTE_LINE(aExpression, aLine) CM_ASSERTE_(aExpression, #aExpression, __FILE__, aLine)
 #define CM_ASSERTE_RETURN(aExpression, aResult) \

@@ -1,5 +1,6 @@
-// Small classes that others build on: thread binding, the stop flag, the clean-up registry, the
-// cursor over memory, the probes of address families.
+/// Small classes that others build on: thread binding, the stop flag, the clean-up registry, the
+/// cursor over memory, the probes of address families.
+/// \file
 #ifndef CM_UTIL_CLASSES_H
 #define CM_UTIL_CLASSES_H
 
@@ -11,12 +12,12 @@
 
 namespace UTIL_NS {
 
-// Remembers the thread that an object belongs to: the constructing one until it is rebound.
+/// Remembers the thread that an object belongs to: the constructing one until it is rebound.
 class CM_UTIL_EXPORT CCmEnsureSingleThread {
   public:
     CCmEnsureSingleThread();
 
-    // Where a check of the calling thread belongs; it does nothing.
+    /// Where a check of the calling thread belongs; it does nothing.
     void EnsureSingleThread() const {}
     void Reset2CurrentThreadId();
     void Reset2ThreadId(pthread_t aThreadId);
@@ -25,38 +26,38 @@ class CM_UTIL_EXPORT CCmEnsureSingleThread {
     pthread_t m_ThreadId;
 };
 
-// Whether something is stopped; at first it is not. Meant to be written by its owning thread, which
-// nothing enforces.
+/// Whether something is stopped; at first it is not. Meant to be written by its owning thread,
+/// which nothing enforces.
 class CM_UTIL_EXPORT CCmStopFlag : public CCmEnsureSingleThread {
   public:
     CCmStopFlag();
 
-    // Any thread.
+    /// Any thread.
     void SetStartFlag();
     void SetStopFlag();
-    // True: stopped. Any thread; a momentarily stale value is possible.
+    /// True: stopped. Any thread; a momentarily stale value is possible.
     bool IsFlagStopped() const { return m_bStopFlag.load(std::memory_order_relaxed); }
 
   protected:
     std::atomic<bool> m_bStopFlag;
 };
 
-// Base of objects that CleanupAll destroys. Such an object lives on the heap, registers itself
-// when constructed and is left to CleanupAll to destroy.
+/// Base of objects that CleanupAll destroys. Such an object lives on the heap, registers itself
+/// when constructed and is left to CleanupAll to destroy.
 class CM_UTIL_EXPORT CCmCleanUpBase {
   public:
     CCmCleanUpBase(const CCmCleanUpBase&) = delete;
     CCmCleanUpBase& operator=(const CCmCleanUpBase&) = delete;
     virtual ~CCmCleanUpBase();
-    // Deletes the object.
+    /// Deletes the object.
     virtual void CleanUp();
 
-    // Destroys the objects that are registered when it is called, the most recently registered
-    // first, in a time linear in their number. The singleton mutex is held throughout: a destructor
-    // may create or look up singletons, also its own, but must not wait for a thread that needs
-    // that mutex. What a destructor creates stays registered for a next call; one that is made from
-    // a destructor handles only that. An object of the call that others delete meanwhile leaves
-    // the registry. For the host to call at shutdown.
+    /// Destroys the objects that are registered when it is called, the most recently registered
+    /// first, in a time linear in their number. The singleton mutex is held throughout: a
+    /// destructor may create or look up singletons, also its own, but must not wait for a thread
+    /// that needs that mutex. What a destructor creates stays registered for a next call; one that
+    /// is made from a destructor handles only that. An object of the call that others delete
+    /// meanwhile leaves the registry. For the host to call at shutdown.
     static void CleanupAll();
 
   protected:
@@ -65,39 +66,40 @@ class CM_UTIL_EXPORT CCmCleanUpBase {
   private:
     friend struct CCmCleanUpWalk;
 
-    CCmCleanUpBase* m_pNext;           // itself once CleanupAll has taken it off the registry
-    static CCmCleanUpBase* s_pHeader;  // guarded by g_SingletonMutex
+    CCmCleanUpBase* m_pNext;           ///< itself once CleanupAll has taken it off the registry
+    static CCmCleanUpBase* s_pHeader;  ///< guarded by g_SingletonMutex
 };
 
-// A cursor over memory of the caller's, which it neither owns nor copies. Reading and writing
-// advance independently, both up to the end of the memory: what is read need not have been
-// written through the cursor. One thread at a time.
-//
-// CM_OK, or CM_ERROR_PARTIAL_DATA when fewer than aCount bytes were left. CM_ERROR_INVALID_ARG:
-// aDst or aSrc is null. CM_ERROR_NOT_INITIALIZED: the cursor has no memory. Out-counts may be null.
+/// A cursor over memory of the caller's, which it neither owns nor copies. Reading and writing
+/// advance independently, both up to the end of the memory: what is read need not have been
+/// written through the cursor. One thread at a time.
+///
+/// CM_OK, or CM_ERROR_PARTIAL_DATA when fewer than aCount bytes were left. CM_ERROR_INVALID_ARG:
+/// aDst or aSrc is null. CM_ERROR_NOT_INITIALIZED: the cursor has no memory. Out-counts may be
+/// null.
 class CM_UTIL_EXPORT CCmDataBlockNoMalloc {
   public:
-    // The aLen bytes at aData; null: no memory.
+    /// The aLen bytes at aData; null: no memory.
     CCmDataBlockNoMalloc(const char* aData, unsigned int aLen);
 
-    // Copy up to aCount bytes out of the memory or into it, and tell how many they were.
+    /// Copy up to aCount bytes out of the memory or into it, and tell how many they were.
     CmResult Read(void* aDst, unsigned int aCount, unsigned int* aBytesRead);
     CmResult Write(const void* aSrc, unsigned int aCount, unsigned int* aBytesWritten);
 
   private:
     [[maybe_unused]] const char* m_pBegin;
-    const char* m_pEnd;  // one past the last byte
+    const char* m_pEnd;  ///< one past the last byte
     const char* m_pCurrentRead;
     char* m_pCurrentWrite;
 };
 
-// Whether IPv4 and IPv6 sockets can be opened: -1 until probed, then 1 or 0. Several threads may
-// probe at once; they find the same.
+/// Whether IPv4 and IPv6 sockets can be opened: -1 until probed, then 1 or 0. Several threads may
+/// probe at once; they find the same.
 extern CM_UTIL_EXPORT int cm_ipv4_enabled;
 extern CM_UTIL_EXPORT int cm_ipv6_enabled;
 
-// Returns aFlag; when it is -1, sets it first, to 1 when a datagram socket of aFamily (AF_INET,
-// ...) can be opened and to 0 when not. Any thread.
+/// Returns aFlag; when it is -1, sets it first, to 1 when a datagram socket of aFamily (AF_INET,
+/// ...) can be opened and to 0 when not. Any thread.
 CM_UTIL_EXPORT int ip_check(int& aFlag, int aFamily);
 CM_UTIL_EXPORT int ipv4_enabled();
 CM_UTIL_EXPORT int ipv6_enabled();

@@ -1,5 +1,6 @@
-// The library's entry points, the singleton mutex, sleeping, CRC-16 and the local address
-// list.
+/// The library's entry points, the singleton mutex, sleeping, CRC-16 and the local address
+/// list.
+/// \file
 #ifndef CM_UTIL_MISC_H
 #define CM_UTIL_MISC_H
 
@@ -10,67 +11,67 @@
 
 namespace UTIL_NS {
 
-// Serialises the creation of singletons and the clean-up registry. It is ready before the first
-// constructor of a static object runs and does not end: static objects of a host may use it, and
-// CleanupAll, wherever they are constructed and destroyed.
+/// Serialises the creation of singletons and the clean-up registry. It is ready before the first
+/// constructor of a static object runs and does not end: static objects of a host may use it, and
+/// CleanupAll, wherever they are constructed and destroyed.
 extern CM_UTIL_EXPORT CCmMutexThreadRecursive g_SingletonMutex;
 
 class CCmMessageBlock;
 
-// CRC-16, reflected, polynomial 0x8005: from 0 on it is CRC-16/ARC, from 0xFFFF on CRC-16/MODBUS.
-//
-// The table of the reflected polynomial, in two halves: the low bytes of its entries and the high
-// bytes. Filled before the first calculation.
+/// CRC-16, reflected, polynomial 0x8005: from 0 on it is CRC-16/ARC, from 0xFFFF on CRC-16/MODBUS.
+///
+/// The table of the reflected polynomial, in two halves: the low bytes of its entries and the high
+/// bytes. Filled before the first calculation.
 extern CM_UTIL_EXPORT unsigned char CRC16_H_TABLE[256];
 extern CM_UTIL_EXPORT unsigned char CRC16_L_TABLE[256];
 CM_UTIL_EXPORT void GenerateCRCTable();
 
-// Its construction fills the tables. Held by CCmSingletonT<CRCTAbleInit>.
+/// Its construction fills the tables. Held by CCmSingletonT<CRCTAbleInit>.
 class CM_UTIL_EXPORT CRCTAbleInit {
   public:
     CRCTAbleInit();
 };
 
-// Carries aCrc over aLen bytes, so that a checksum may span several calls, and returns it. A
-// null pData returns 0 after an assertion and leaves aCrc. Any thread.
+/// Carries aCrc over aLen bytes, so that a checksum may span several calls, and returns it. A
+/// null pData returns 0 after an assertion and leaves aCrc. Any thread.
 CM_UTIL_EXPORT unsigned short CalcCRC16(unsigned short& aCrc, unsigned char* pData,
                                         unsigned int aLen);
-// The same over the readable bytes of a chain, at most aLen; nothing is consumed. Of each block
-// it takes the length modulo 65536. A read-locked block adds nothing to aCrc, though its bytes
-// count.
+/// The same over the readable bytes of a chain, at most aLen; nothing is consumed. Of each block
+/// it takes the length modulo 65536. A read-locked block adds nothing to aCrc, though its bytes
+/// count.
 CM_UTIL_EXPORT unsigned short CalcCRC16_m(unsigned short& aCrc, CCmMessageBlock& aMb,
                                           unsigned int aLen);
 
-// The IPv4 address of one local interface.
+/// The IPv4 address of one local interface.
 struct local_addr {
-    sockaddr_storage addr;  // its first 16 bytes are the interface's sockaddr_in
-    int32_t len;            // 16
-    local_addr* next;       // null at the end
+    sockaddr_storage addr;  ///< its first 16 bytes are the interface's sockaddr_in
+    int32_t len;            ///< 16
+    local_addr* next;       ///< null at the end
 };
 
-// Sets *aList to the first IPv4 address of every interface that is up, in the reverse of the
-// order in which the system lists them, and traces each; free_local_addr frees the list. 0 on
-// success, also with an empty (null) list; -1 with a null list when the socket, the query or an
-// allocation fails or aList is null. The socket that it asks through is closed again. Any thread.
+/// Sets *aList to the first IPv4 address of every interface that is up, in the reverse of the
+/// order in which the system lists them, and traces each; free_local_addr frees the list. 0 on
+/// success, also with an empty (null) list; -1 with a null list when the socket, the query or an
+/// allocation fails or aList is null. The socket that it asks through is closed again. Any thread.
 CM_UTIL_EXPORT int get_local_addr(local_addr** aList);
-// Null is accepted.
+/// Null is accepted.
 CM_UTIL_EXPORT void free_local_addr(local_addr* aList);
 
 }  // namespace UTIL_NS
 
 extern "C" {
 
-// Both do nothing: what the library needs is set up when it is loaded or on first use. A host
-// may call them in pairs around its use of the library.
+/// Both do nothing: what the library needs is set up when it is loaded or on first use. A host
+/// may call them in pairs around its use of the library.
 CM_UTIL_EXPORT void CmUtilInit();
 CM_UTIL_EXPORT void CmUtilCleanup();
 
-// Stores the address of g_SingletonMutex (a UTIL_NS::CCmMutexThreadRecursive) in *aMutex, so
-// that a host can serialise its own singletons with the library's. Null is ignored.
+/// Stores the address of g_SingletonMutex (a UTIL_NS::CCmMutexThreadRecursive) in *aMutex, so
+/// that a host can serialise its own singletons with the library's. Null is ignored.
 CM_UTIL_EXPORT void GetSingletonMutex(void** aMutex);
 
-// Sleeps for aMs milliseconds, however many signals interrupt it. A failure other than an
-// interruption is traced as a warning and ends the sleep.
+/// Sleeps for aMs milliseconds, however many signals interrupt it. A failure other than an
+/// interruption is traced as a warning and ends the sleep.
 CM_UTIL_EXPORT void SleepMs(unsigned int aMs);
 
 }  // extern "C"

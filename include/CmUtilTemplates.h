@@ -1,4 +1,5 @@
-// Reference counts, the smart pointer over them, singletons and trimming.
+/// Reference counts, the smart pointer over them, singletons and trimming.
+/// \file
 #ifndef CM_UTIL_TEMPLATES_H
 #define CM_UTIL_TEMPLATES_H
 
@@ -12,24 +13,24 @@
 
 namespace UTIL_NS {
 
-// Selects the count without a lock, for objects that never leave their thread.
+/// Selects the count without a lock, for objects that never leave their thread.
 class CCmMutexNullSingleThread {};
 
-// Base of objects that end when their last reference is released. The count starts at 0; the
-// caller must not touch the object after ReleaseReference returned 0. Releasing a count that is
-// 0 already makes it negative and destroys nothing.
+/// Base of objects that end when their last reference is released. The count starts at 0; the
+/// caller must not touch the object after ReleaseReference returned 0. Releasing a count that is
+/// 0 already makes it negative and destroys nothing.
 template <class MutexType>
 class CCmReferenceControlT;
 
-// The thread-safe count: any thread may add and release; the object is destroyed on the thread
-// that released the last reference, which then sees all that the others did before.
+/// The thread-safe count: any thread may add and release; the object is destroyed on the thread
+/// that released the last reference, which then sees all that the others did before.
 template <>
 class CM_UTIL_EXPORT CCmReferenceControlT<CCmMutexThread> {
   public:
     CCmReferenceControlT() = default;
     virtual ~CCmReferenceControlT();
 
-    // Both return the new count.
+    /// Both return the new count.
     virtual uint32_t AddReference() { return static_cast<uint32_t>(++m_lCount); }
     virtual uint32_t ReleaseReference() {
         const uint32_t dwCount = m_lCount.ReleaseOnly() ? 0 : static_cast<uint32_t>(--m_lCount);
@@ -38,20 +39,20 @@ class CM_UTIL_EXPORT CCmReferenceControlT<CCmMutexThread> {
         }
         return dwCount;
     }
-    // The count; may be outdated when it is read.
+    /// The count; may be outdated when it is read.
     virtual uint32_t GetReference() { return static_cast<uint32_t>(m_lCount.value()); }
-    // Called when the count reaches 0; deletes the object.
+    /// Called when the count reaches 0; deletes the object.
     virtual void OnReferenceDestory();
 
   protected:
-    // For objects that are born with references.
+    /// For objects that are born with references.
     explicit CCmReferenceControlT(long aCount) : m_lCount(aCount) {}
 
   private:
     CCmAtomicOperationT<CCmMutexThread> m_lCount;
 };
 
-// The single-thread count: all calls on one thread.
+/// The single-thread count: all calls on one thread.
 template <>
 class CM_UTIL_EXPORT CCmReferenceControlT<CCmMutexNullSingleThread> {
   public:
@@ -60,7 +61,7 @@ class CM_UTIL_EXPORT CCmReferenceControlT<CCmMutexNullSingleThread> {
     CCmReferenceControlT(const CCmReferenceControlT&) = delete;
     CCmReferenceControlT& operator=(const CCmReferenceControlT&) = delete;
 
-    // As those of the thread-safe count.
+    /// As those of the thread-safe count.
     virtual uint32_t AddReference();
     virtual uint32_t ReleaseReference();
     virtual uint32_t GetReference();
@@ -71,17 +72,17 @@ class CM_UTIL_EXPORT CCmReferenceControlT<CCmMutexNullSingleThread> {
     long m_lCount = 0;
 };
 
-// Holds one reference on its object.
+/// Holds one reference on its object.
 template <class T>
 class CCmComAutoPtr {
   public:
-    // Takes a reference on aPtr, which may be null.
+    /// Takes a reference on aPtr, which may be null.
     CCmComAutoPtr(T* aPtr = nullptr) : m_pRawPtr(aPtr) {
         if (m_pRawPtr != nullptr) {
             m_pRawPtr->AddReference();
         }
     }
-    // Takes a reference on the same object.
+    /// Takes a reference on the same object.
     CCmComAutoPtr(const CCmComAutoPtr& aRight) : CCmComAutoPtr(aRight.m_pRawPtr) {}
     ~CCmComAutoPtr() {
         if (m_pRawPtr != nullptr) {
@@ -89,9 +90,9 @@ class CCmComAutoPtr {
         }
     }
 
-    // Takes the new reference before it drops the old one, so that a chain in which the old
-    // object owns the new one stays alive. It stores the new object before it releases the old one,
-    // which, when it ends, may therefore look at this pointer or assign to it.
+    /// Takes the new reference before it drops the old one, so that a chain in which the old
+    /// object owns the new one stays alive. It stores the new object before it releases the old
+    /// one, which, when it ends, may therefore look at this pointer or assign to it.
     CCmComAutoPtr& operator=(T* aPtr) {
         if (m_pRawPtr == aPtr) {
             return *this;
@@ -106,10 +107,10 @@ class CCmComAutoPtr {
         }
         return *this;
     }
-    // The same with the object of aRight.
+    /// The same with the object of aRight.
     CCmComAutoPtr& operator=(const CCmComAutoPtr& aRight) { return *this = aRight.m_pRawPtr; }
 
-    // Holds aPtr by the reference that the caller took on it, instead of taking one more.
+    /// Holds aPtr by the reference that the caller took on it, instead of taking one more.
     void Attach(T* aPtr) {
         T* pOld = m_pRawPtr;
         m_pRawPtr = aPtr;
@@ -118,7 +119,7 @@ class CCmComAutoPtr {
         }
     }
 
-    // The object, null without one; no reference is taken.
+    /// The object, null without one; no reference is taken.
     operator T*() const { return m_pRawPtr; }
     T* operator->() const { return m_pRawPtr; }
     T& operator*() const { return *m_pRawPtr; }
@@ -128,13 +129,13 @@ class CCmComAutoPtr {
     T* m_pRawPtr;
 };
 
-// A process-wide object created on first use and destroyed by CCmCleanUpBase::CleanupAll (never
-// at process exit). After CleanupAll, Instance creates a new one.
+/// A process-wide object created on first use and destroyed by CCmCleanUpBase::CleanupAll (never
+/// at process exit). After CleanupAll, Instance creates a new one.
 template <class T>
 class CM_UTIL_EXPORT CCmSingletonT : public CCmCleanUpBase {
   public:
-    // The one T, created under the singleton mutex; null when memory ran out or the construction
-    // of T threw (an assertion line says so). Any thread; no lock once it exists.
+    /// The one T, created under the singleton mutex; null when memory ran out or the construction
+    /// of T threw (an assertion line says so). Any thread; no lock once it exists.
     static T* Instance();
 
   private:
@@ -144,15 +145,15 @@ class CM_UTIL_EXPORT CCmSingletonT : public CCmCleanUpBase {
     static void Create();
 
     T m_Instance;
-    // Published with release by the creator, read with acquire by Instance, which orders the
-    // construction of T before its use.
+    /// Published with release by the creator, read with acquire by Instance, which orders the
+    /// construction of T before its use.
     static std::atomic<CCmSingletonT*> m_psInstance;
 };
 
-// Calls aCreate with the singleton mutex held; an exception that it throws ends here.
+/// Calls aCreate with the singleton mutex held; an exception that it throws ends here.
 CM_UTIL_EXPORT void CmCreateSingleton(void (*aCreate)());
 
-// Writes the info line that a singleton leaves behind; for ~CCmSingletonT.
+/// Writes the info line that a singleton leaves behind; for ~CCmSingletonT.
 CM_UTIL_EXPORT void CmTraceSingletonEnd(void* aInstance, void* aThis);
 
 template <class T>
@@ -185,15 +186,15 @@ CCmSingletonT<T>::~CCmSingletonT() {
 
 extern template class CCmSingletonT<CRCTAbleInit>;
 
-// The predicate of the trimming templates: the blank (0x20) only; tabs and line ends are kept.
+/// The predicate of the trimming templates: the blank (0x20) only; tabs and line ends are kept.
 class CCmIsSpace {
   public:
-    // True for a blank and nothing else.
+    /// True for a blank and nothing else.
     bool operator()(char aChar) const { return aChar == ' '; }
 };
 
-// Removes the leading (LTrimString) or trailing (RTrimString) characters for which aPredicate
-// holds.
+/// Removes the leading (LTrimString) or trailing (RTrimString) characters for which aPredicate
+/// holds.
 template <class Predicate>
 void LTrimString(CCmString& aText, Predicate aPredicate) {
     size_t nStart = 0;
@@ -203,7 +204,7 @@ void LTrimString(CCmString& aText, Predicate aPredicate) {
     aText.erase(0, nStart);
 }
 
-// Removes the characters at the end for which aPredicate holds.
+/// Removes the characters at the end for which aPredicate holds.
 template <class Predicate>
 void RTrimString(CCmString& aText, Predicate aPredicate) {
     size_t nEnd = aText.size();

@@ -1,26 +1,27 @@
-// The version of the library. docs/compatibility.md says what its numbers promise.
+/// The version of the library. docs/compatibility.md says what its numbers promise.
+/// \file
 #ifndef CM_VERSION_H
 #define CM_VERSION_H
 
 #include "CmBase.h"
 
-// The version that a host is compiled with. The build description takes its number from here.
+/// The version that a host is compiled with. The build description takes its number from here.
 #define CM_UTIL_VERSION_MAJOR 1
 #define CM_UTIL_VERSION_MINOR 0
 #define CM_UTIL_VERSION_PATCH 0
 
-// A number of it as text.
+/// A number of it as text.
 #define CM_UTIL_VERSION_TEXT_(x) #x
 #define CM_UTIL_VERSION_TEXT(x) CM_UTIL_VERSION_TEXT_(x)
-// The same as text: "1.0.0".
+/// The same as text: "1.0.0".
 #define CM_UTIL_VERSION_STRING                  \
     CM_UTIL_VERSION_TEXT(CM_UTIL_VERSION_MAJOR) \
     "." CM_UTIL_VERSION_TEXT(CM_UTIL_VERSION_MINOR) "." CM_UTIL_VERSION_TEXT(CM_UTIL_VERSION_PATCH)
 
 extern "C" {
 
-// CM_UTIL_VERSION_STRING of the library that the process runs with, which may be a later one than
-// it was compiled with. Any thread; never null; lives as long as the library.
+/// CM_UTIL_VERSION_STRING of the library that the process runs with, which may be a later one than
+/// it was compiled with. Any thread; never null; lives as long as the library.
 CM_UTIL_EXPORT const char* CmUtilVersion();
 
 }  // extern "C"

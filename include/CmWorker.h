@@ -1,11 +1,12 @@
-// Worker threads as objects: CCmWorker owns one, from its construction to its end.
-//
-//   CCmWorker worker(CCmWorkerOptions().Name("audio").OnStart([] { return OpenDevice(); }));
-//   if (CM_FAILED(worker.Result())) { ... }       // a start-up function's result, too
-//   CmPost(worker, [] { ... });                    // CmEvent.h
-//                                                  // the end of the scope stops, joins and frees
-//
-// CCmLoopThread is the base of a thread whose loop is the host's own.
+/// Worker threads as objects: CCmWorker owns one, from its construction to its end.
+///
+///   CCmWorker worker(CCmWorkerOptions().Name("audio").OnStart([] { return OpenDevice(); }));
+///   if (CM_FAILED(worker.Result())) { ... }       // a start-up function's result, too
+///   CmPost(worker, [] { ... });                    // CmEvent.h
+///                                                  // the end of the scope stops, joins and frees
+///
+/// CCmLoopThread is the base of a thread whose loop is the host's own.
+/// \file
 #ifndef CM_WORKER_H
 #define CM_WORKER_H
 
@@ -23,24 +24,24 @@
 
 namespace UTIL_NS {
 
-class CCmWorkerThread;  // internal
+class CCmWorkerThread;  ///< internal
 
-// What runs on a worker's thread when it starts or ends.
+/// What runs on a worker's thread when it starts or ends.
 class ACmWorkerHook : public CCmReferenceControlT<CCmMutexThread> {
   public:
-    // On that thread. The result of a start decides whether the worker starts.
+    /// On that thread. The result of a start decides whether the worker starts.
     virtual CmResult Run(ACmThread& aThread) = 0;
 };
 
-// The one that the options make of a callable.
+/// The one that the options make of a callable.
 template <class Function>
 class CCmWorkerHookT final : public ACmWorkerHook {
   public:
-    // Moves or copies aFunction.
+    /// Moves or copies aFunction.
     template <class Callable>
     explicit CCmWorkerHookT(Callable&& aFunction) : m_Function(std::forward<Callable>(aFunction)) {}
 
-    // The callable's CmResult, or CM_OK when it returns something else or nothing.
+    /// The callable's CmResult, or CM_OK when it returns something else or nothing.
     CmResult Run(ACmThread& aThread) override {
         if constexpr (std::is_invocable_v<Function&, ACmThread&>) {
             return ResultOf([&] { return m_Function(aThread); });
@@ -63,44 +64,45 @@ class CCmWorkerHookT final : public ACmWorkerHook {
     Function m_Function;
 };
 
-// How a worker is to be. Copies share the functions; the same options may serve many workers, whose
-// threads then run the same functions, perhaps at once.
+/// How a worker is to be. Copies share the functions; the same options may serve many workers,
+/// whose threads then run the same functions, perhaps at once.
 class CCmWorkerOptions {
   public:
-    // The thread's name, as debuggers and process viewers show it: the first 15 bytes on Linux, 63
-    // on macOS. Null or empty leaves the system's.
+    /// The thread's name, as debuggers and process viewers show it: the first 15 bytes on Linux, 63
+    /// on macOS. Null or empty leaves the system's.
     CCmWorkerOptions& Name(const char* aName) {
         memset(m_szName, 0, sizeof(m_szName));
         strncpy(m_szName, aName != nullptr ? aName : "", sizeof(m_szName) - 1);
         return *this;
     }
-    // Runs aFunction on the worker's thread before the constructor of CCmWorker returns, with the
-    // ACmThread as its argument if it takes one. When it returns a CmResult that is a failure, the
-    // worker does not start. Events may be posted to the thread, but getCurrentThread does not
-    // find it yet.
+    /// Runs aFunction on the worker's thread before the constructor of CCmWorker returns, with the
+    /// ACmThread as its argument if it takes one. When it returns a CmResult that is a failure, the
+    /// worker does not start. Events may be posted to the thread, but getCurrentThread does not
+    /// find it yet.
     template <class Callable>
     CCmWorkerOptions& OnStart(Callable&& aFunction) {
         return SetHook(HOOK_START, NewHook(std::forward<Callable>(aFunction)));
     }
-    // Runs aFunction as the last thing on the worker's thread, after what was pending was run or
-    // ended; only if the worker started. Its result is not looked at.
+    /// Runs aFunction as the last thing on the worker's thread, after what was pending was run or
+    /// ended; only if the worker started. Its result is not looked at.
     template <class Callable>
     CCmWorkerOptions& OnEnd(Callable&& aFunction) {
         return SetHook(HOOK_END, NewHook(std::forward<Callable>(aFunction)));
     }
-    // As CCmWorker::SetPriority, when the thread starts. A refusal does not keep the worker from
-    // starting: its PriorityResult tells.
+    /// As CCmWorker::SetPriority, when the thread starts. A refusal does not keep the worker from
+    /// starting: its PriorityResult tells.
     CCmWorkerOptions& Priority(int aLevel) {
         m_nPriority = aLevel;
         return *this;
     }
-    // Timed waits of the thread end as early as the system can: Linux rounds them by 50 us
-    // otherwise, macOS does not.
+    /// Timed waits of the thread end as early as the system can: Linux rounds them by 50 us
+    /// otherwise, macOS does not.
     CCmWorkerOptions& PreciseTimers(bool aPrecise = true) {
         m_bPrecise = aPrecise;
         return *this;
     }
-    // What GetThreadType of the thread reports; 1 by default. TT_UNKNOWN and TT_MAIN are not taken.
+    /// What GetThreadType of the thread reports; 1 by default. TT_UNKNOWN and TT_MAIN are not
+    /// taken.
     CCmWorkerOptions& Type(int aType) {
         if (aType == TT_MAIN || aType == TT_UNKNOWN) {
             m_Result = CM_ERROR_INVALID_ARG;
@@ -109,8 +111,8 @@ class CCmWorkerOptions {
         return *this;
     }
 
-    // CM_OK; CM_ERROR_OUT_OF_MEMORY or CM_ERROR_INVALID_ARG when one of the above could not be
-    // kept: a worker with these options does not start and has this result.
+    /// CM_OK; CM_ERROR_OUT_OF_MEMORY or CM_ERROR_INVALID_ARG when one of the above could not be
+    /// kept: a worker with these options does not start and has this result.
     CmResult Result() const { return m_Result; }
 
   private:
@@ -139,57 +141,57 @@ class CCmWorkerOptions {
     CmResult m_Result = CM_OK;
 };
 
-// A joinable worker with an event queue and timers, started by the constructor. Operations are for
-// the owner, one at a time, except that any thread may post, call and drain while the object is
-// there. Its timers and delayed posts (CmPostDelayed, CmPostEvery, CCmTimer) keep monotonic time:
-// its loop has a list of its own for them and waits by the monotonic clock. The thread also has the
-// timer queue of a CCmThreadTask, which keeps wall time: where both have something pending, a
-// forward step of the wall clock may be noticed only at the next wake-up.
+/// A joinable worker with an event queue and timers, started by the constructor. Operations are for
+/// the owner, one at a time, except that any thread may post, call and drain while the object is
+/// there. Its timers and delayed posts (CmPostDelayed, CmPostEvery, CCmTimer) keep monotonic time:
+/// its loop has a list of its own for them and waits by the monotonic clock. The thread also has
+/// the timer queue of a CCmThreadTask, which keeps wall time: where both have something pending, a
+/// forward step of the wall clock may be noticed only at the next wake-up.
 class CM_UTIL_EXPORT CCmWorker {
   public:
-    // Start a worker; Result tells whether it runs.
+    /// Start a worker; Result tells whether it runs.
     CCmWorker() : CCmWorker(CCmWorkerOptions()) {}
     explicit CCmWorker(const CCmWorkerOptions& aOptions);
     CCmWorker(const CCmWorker&) = delete;
     CCmWorker& operator=(const CCmWorker&) = delete;
-    // What aRight owned; aRight is then as one that could not be started.
+    /// What aRight owned; aRight is then as one that could not be started.
     CCmWorker(CCmWorker&& aRight) noexcept;
     CCmWorker& operator=(CCmWorker&& aRight) noexcept;
-    // As End, from any thread. What fails is traced.
+    /// As End, from any thread. What fails is traced.
     ~CCmWorker();
 
-    // CM_OK; otherwise there is no thread and everything is refused: the result of the options, of
-    // ACmThread::Create or of the start-up function. CM_ERROR_NOT_INITIALIZED: moved from, ended.
+    /// CM_OK; otherwise there is no thread and everything is refused: the result of the options, of
+    /// ACmThread::Create or of the start-up function. CM_ERROR_NOT_INITIALIZED: moved from, ended.
     CmResult Result() const { return m_Result; }
-    // That of the option Priority; CM_OK without it.
+    /// That of the option Priority; CM_OK without it.
     CmResult PriorityResult() const;
-    // Real-time priority by turns (SCHED_RR) on aLevel, or 0 for the system's usual one. CM_OK;
-    // CM_ERROR_INVALID_ARG: no such level; CM_ERROR_FAILURE: the system refuses, which on Linux it
-    // does to users without the right, with a warning line; CM_ERROR_NOT_INITIALIZED: joined.
+    /// Real-time priority by turns (SCHED_RR) on aLevel, or 0 for the system's usual one. CM_OK;
+    /// CM_ERROR_INVALID_ARG: no such level; CM_ERROR_FAILURE: the system refuses, which on Linux it
+    /// does to users without the right, with a warning line; CM_ERROR_NOT_INITIALIZED: joined.
     CmResult SetPriority(int aLevel);
 
-    // Null without a thread. Valid until End.
+    /// Null without a thread. Valid until End.
     ACmThread* GetThread() const;
     ICmEventQueue* GetEventQueue() const;
 
-    // Waits until all that was posted before has run. CM_ERROR_FAILURE: called on the worker
-    // itself. Otherwise the results of CmCall. With a limit on the monotonic clock:
-    // CM_ERROR_TIMEOUT.
+    /// Waits until all that was posted before has run. CM_ERROR_FAILURE: called on the worker
+    /// itself. Otherwise the results of CmCall. With a limit on the monotonic clock:
+    /// CM_ERROR_TIMEOUT.
     CmResult Drain();
     CmResult Drain(const CCmInterval& aLimit);
-    // Do not wait. What was posted before Stop still runs; after StopNow only what runs at that
-    // moment does, and what is pending ends unfired, on the worker's thread. Later posts and timers
-    // are refused. CM_OK, also when it was stopped before; CM_ERROR_OUT_OF_MEMORY: nothing has
-    // changed.
+    /// Do not wait. What was posted before Stop still runs; after StopNow only what runs at that
+    /// moment does, and what is pending ends unfired, on the worker's thread. Later posts and
+    /// timers are refused. CM_OK, also when it was stopped before; CM_ERROR_OUT_OF_MEMORY: nothing
+    /// has changed.
     CmResult Stop();
     CmResult StopNow();
-    // Waits until the thread, stopped before, has ended. CM_ERROR_FAILURE: called on the worker
-    // itself.
+    /// Waits until the thread, stopped before, has ended. CM_ERROR_FAILURE: called on the worker
+    /// itself.
     CmResult Join();
-    // Stop, Join and the end of the thread object. Without memory for the stop it tries again every
-    // millisecond. On the worker's own thread it does not wait: what was posted before still runs
-    // there, after which the thread ends and frees its object by itself; an OnEnd function runs,
-    // too. CM_OK, or the result of Join.
+    /// Stop, Join and the end of the thread object. Without memory for the stop it tries again
+    /// every millisecond. On the worker's own thread it does not wait: what was posted before still
+    /// runs there, after which the thread ends and frees its object by itself; an OnEnd function
+    /// runs, too. CM_OK, or the result of Join.
     CmResult End();
 
   private:
@@ -197,35 +199,35 @@ class CM_UTIL_EXPORT CCmWorker {
     CmResult m_Result;
 };
 
-// Stops (see ACmThread::Stop), joins and frees any thread object. Where the stop fails the thread
-// is not joined, which might wait for ever, and nothing is freed: CM_ERROR_NOT_IMPLEMENTED is what
-// a class that does not override Stop gives, CM_ERROR_FAILURE the thread's own call. Out of memory
-// it tries again every millisecond. A detached thread frees its object when it has ended.
+/// Stops (see ACmThread::Stop), joins and frees any thread object. Where the stop fails the thread
+/// is not joined, which might wait for ever, and nothing is freed: CM_ERROR_NOT_IMPLEMENTED is what
+/// a class that does not override Stop gives, CM_ERROR_FAILURE the thread's own call. Out of memory
+/// it tries again every millisecond. A detached thread frees its object when it has ended.
 CM_UTIL_EXPORT CmResult CmEndThread(ACmThread* aThread);
 
-// An owner of a thread object that ends it by CmEndThread; a failure is traced.
+/// An owner of a thread object that ends it by CmEndThread; a failure is traced.
 struct CCmThreadEnd {
-    // What the owner does in the end.
+    /// What the owner does in the end.
     void operator()(ACmThread* aThread) const { CmEndThread(aThread); }
 };
-// To be used like any other unique_ptr.
+/// To be used like any other unique_ptr.
 typedef std::unique_ptr<ACmThread, CCmThreadEnd> CCmThreadPtr;
 
-// Base of a thread whose loop is the host's own, such as one that waits for sockets:
-//
-//   class CReceiver : public CCmLoopThread {
-//     public:
-//       void OnThreadRun() override { while (!GetStopFlag()) { poll(...); ... } }
-//       void OnWakeUp() override { write(m_nPipe, "", 1); }   // poll returns
-//   };
-//   CCmThreadPtr receiver(new CReceiver);
-//   receiver->Create(1);
-//
-// Created by new, owned by CCmThreadPtr.
+/// Base of a thread whose loop is the host's own, such as one that waits for sockets:
+///
+///   class CReceiver : public CCmLoopThread {
+///     public:
+///       void OnThreadRun() override { while (!GetStopFlag()) { poll(...); ... } }
+///       void OnWakeUp() override { write(m_nPipe, "", 1); }   // poll returns
+///   };
+///   CCmThreadPtr receiver(new CReceiver);
+///   receiver->Create(1);
+///
+/// Created by new, owned by CCmThreadPtr.
 class CCmLoopThread : public ACmThread {
   public:
-    // Sets the stop flag and wakes the loop; does not wait. Any thread, also before the loop has
-    // begun. CM_OK.
+    /// Sets the stop flag and wakes the loop; does not wait. Any thread, also before the loop has
+    /// begun. CM_OK.
     CmResult Stop(CCmTimeValue* /*aTimeout*/ = nullptr) final {
         SetStop();
         OnWakeUp();
@@ -233,8 +235,8 @@ class CCmLoopThread : public ACmThread {
     }
 
   protected:
-    // Makes OnThreadRun look at GetStopFlag soon, also when it comes to wait only after this call.
-    // Called by Stop on any thread, perhaps more than once.
+    /// Makes OnThreadRun look at GetStopFlag soon, also when it comes to wait only after this call.
+    /// Called by Stop on any thread, perhaps more than once.
     virtual void OnWakeUp() = 0;
 };
 

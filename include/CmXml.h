@@ -1,12 +1,13 @@
-// One scalar value out of a text that holds simple XML.
-//
-// The text is searched for "<tag>" and "</tag>" as they are written: no attributes, nesting,
-// entities or namespaces. The first opening tag in the text counts, and the first closing tag
-// behind it ends the value, which loses blanks, tabs, CRs and LFs at both ends. Nothing fails:
-// what cannot be had is the default. Nothing is kept between calls; any thread.
-//
-// aXml, aTag: NUL-terminated; null counts as a text without the element. aTag comes without
-// brackets and may be of any length.
+/// One scalar value out of a text that holds simple XML.
+///
+/// The text is searched for "<tag>" and "</tag>" as they are written: no attributes, nesting,
+/// entities or namespaces. The first opening tag in the text counts, and the first closing tag
+/// behind it ends the value, which loses blanks, tabs, CRs and LFs at both ends. Nothing fails:
+/// what cannot be had is the default. Nothing is kept between calls; any thread.
+///
+/// aXml, aTag: NUL-terminated; null counts as a text without the element. aTag comes without
+/// brackets and may be of any length.
+/// \file
 #ifndef CM_XML_H
 #define CM_XML_H
 
@@ -14,17 +15,17 @@
 
 namespace UTIL_NS {
 
-// Writes the value into aOut, of at least aMax + 1 bytes, and returns aOut. When the element is
-// missing or unclosed, or its value longer than aMax characters, returns aDefault with aOut
-// untouched. An empty element is an empty value. aOut may lie in the document.
+/// Writes the value into aOut, of at least aMax + 1 bytes, and returns aOut. When the element is
+/// missing or unclosed, or its value longer than aMax characters, returns aDefault with aOut
+/// untouched. An empty element is an empty value. aOut may lie in the document.
 CM_UTIL_EXPORT char* get_string_from_XML(char* aXml, const char* aTag, int aMax, char* aOut,
                                          char* aDefault);
 CM_UTIL_EXPORT char* xml_get_string(char* aXml, const char* aTag, unsigned short aMax, char* aOut,
                                     char* aDefault);
 
-// Decimal numbers of at most 64 characters; the default when there is none or it does not parse.
-// A number too large for its type keeps its low bits; one that is too large for a long (for an
-// unsigned long in the uint32 functions) counts as the nearest one first.
+/// Decimal numbers of at most 64 characters; the default when there is none or it does not parse.
+/// A number too large for its type keeps its low bits; one that is too large for a long (for an
+/// unsigned long in the uint32 functions) counts as the nearest one first.
 CM_UTIL_EXPORT uint32_t get_uint32_from_XML(char* aXml, const char* aTag, unsigned long aDefault);
 CM_UTIL_EXPORT int32_t get_int32_from_XML(char* aXml, const char* aTag, unsigned long aDefault);
 CM_UTIL_EXPORT unsigned long xml_get_uint32(char* aXml, const char* aTag, unsigned long aDefault);
@@ -32,8 +33,8 @@ CM_UTIL_EXPORT unsigned long xml_get_int32(char* aXml, const char* aTag, unsigne
 CM_UTIL_EXPORT unsigned short xml_get_uint16(char* aXml, const char* aTag, unsigned short aDefault);
 CM_UTIL_EXPORT unsigned short xml_get_int16(char* aXml, const char* aTag, unsigned short aDefault);
 
-// At most 256 characters, with the decimal point of the host's locale. A value that is found
-// passes through single precision, so 0.1 comes back as the nearest float.
+/// At most 256 characters, with the decimal point of the host's locale. A value that is found
+/// passes through single precision, so 0.1 comes back as the nearest float.
 CM_UTIL_EXPORT double get_double_from_XML(char* aXml, const char* aTag, double aDefault);
 
 }  // namespace UTIL_NS

@@ -1,4 +1,5 @@
-// The whole public interface of kelto_util.
+/// The whole public interface of kelto_util.
+/// \file
 #ifndef KELTO_UTIL_H
 #define KELTO_UTIL_H
 
