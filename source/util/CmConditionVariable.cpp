@@ -1,9 +1,8 @@
 #include "CmConditionVariable.h"
 
-#include <errno.h>
-#include <limits.h>
-
 #include <algorithm>
+#include <cerrno>
+#include <climits>
 
 #include "CmCancel.h"
 #include "CmConditionSteps.h"

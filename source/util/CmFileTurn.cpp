@@ -1,9 +1,9 @@
 #include "CmFileTurn.h"
 
-#include <errno.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <memory>
 #include <new>
 #include <utility>

@@ -1,9 +1,9 @@
 #include "CmT120TraceFile.h"
 
-#include <limits.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>

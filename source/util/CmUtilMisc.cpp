@@ -1,12 +1,12 @@
 #include "CmUtilMisc.h"
 
 #include <arpa/inet.h>
-#include <errno.h>
 #include <net/if.h>
 #include <netinet/in.h>
 #include <sys/ioctl.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <new>
 

@@ -5,8 +5,8 @@
 #ifndef CM_CONDITION_SEMAPHORE_H
 #define CM_CONDITION_SEMAPHORE_H
 
-#include <errno.h>
-#include <limits.h>
+#include <cerrno>
+#include <climits>
 
 #include "CmCancel.h"
 #include "CmPlatform.h"

@@ -3,9 +3,8 @@
 #ifndef CM_CPU_H
 #define CM_CPU_H
 
-#include <stdint.h>
-
 #include <atomic>
+#include <cstdint>
 
 namespace UTIL_NS {
 

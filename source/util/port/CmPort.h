@@ -11,10 +11,11 @@
 #define CM_PORT_H
 
 #include <pthread.h>
-#include <stddef.h>
-#include <stdint.h>
 #include <sys/time.h>
 #include <time.h>
+
+#include <cstddef>
+#include <cstdint>
 
 #include "CmPlatform.h"
 

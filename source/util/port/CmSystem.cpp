@@ -1,11 +1,12 @@
 #include "CmSystem.h"
 
 #include <fcntl.h>
-#include <stdlib.h>
-#include <string.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
 
 #include "CmPort.h"
 
