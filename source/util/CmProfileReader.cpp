@@ -8,7 +8,7 @@
 #include <algorithm>
 
 #include "CmAscii.h"
-#include "port/CmSystem.h"
+#include "CmSystem.h"
 
 namespace UTIL_NS {
 
