@@ -15,9 +15,9 @@
 #include "CmConfig.h"
 #include "CmMainSnapshot.h"
 #include "CmProfileReader.h"
+#include "CmSystem.h"
 #include "CmT120Trace.h"
 #include "port/CmFileTime.h"
-#include "port/CmSystem.h"
 
 namespace UTIL_NS {
 

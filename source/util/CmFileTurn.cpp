@@ -9,8 +9,8 @@
 #include <utility>
 
 #include "CmScopedLock.h"
+#include "CmSystem.h"
 #include "CmTraceGuard.h"
-#include "port/CmSystem.h"
 
 namespace UTIL_NS {
 

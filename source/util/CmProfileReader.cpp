@@ -9,7 +9,7 @@
 #include <cstring>
 
 #include "CmAscii.h"
-#include "port/CmSystem.h"
+#include "CmSystem.h"
 
 namespace UTIL_NS {
 

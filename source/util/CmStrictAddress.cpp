@@ -6,7 +6,7 @@
 #include <cstring>
 
 #include "CmStrictResult.h"
-#include "port/CmSystem.h"
+#include "CmSystem.h"
 
 namespace UTIL_NS {
 

@@ -15,9 +15,9 @@
 #include "CmFileTurn.h"
 #include "CmProfileReader.h"
 #include "CmScopedLock.h"
+#include "CmSystem.h"
 #include "CmTimeValue.h"
 #include "CmTraceGuard.h"
-#include "port/CmSystem.h"
 
 namespace UTIL_NS {
 

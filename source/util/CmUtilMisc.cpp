@@ -13,10 +13,10 @@
 #include "CmCancel.h"
 #include "CmCrc16.h"
 #include "CmMessageBlock.h"
+#include "CmSystem.h"
 #include "CmTraceLine.h"
 #include "CmUtilTemplates.h"
 #include "port/CmPort.h"
-#include "port/CmSystem.h"
 
 namespace UTIL_NS {
 

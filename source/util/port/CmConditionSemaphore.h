@@ -14,6 +14,15 @@
 
 namespace UTIL_NS {
 
+#if !defined(__APPLE__)
+// As CmPlatform.h has it for macOS. Elsewhere tests alone use it.
+struct CmConditionSemaphore {
+    pthread_mutex_t m_Mutex;
+    pthread_cond_t m_Condition;
+    unsigned int m_dwCount;
+};
+#endif
+
 // The mutex of a semaphore, held.
 class CCmConditionSemaphoreLock {
   public:

@@ -5,10 +5,8 @@
 #include <time.h>
 #include <unistd.h>
 
-#include <cstring>
-
-#include "CmInterfaceRecord.h"
 #include "CmSystem.h"
+#include "port/CmInterfaceRecord.h"
 
 namespace UTIL_NS {
 
@@ -16,8 +14,6 @@ namespace {
 
 constexpr size_t PATH_SIZE = 4096;
 
-// An object of the library's own, for the loader to look up.
-const char s_chOfThisModule = 0;
 // What a bundle handle points to: there are no bundles here, only their paths.
 char s_chBundle = 0;
 
@@ -36,7 +32,7 @@ constexpr uint32_t REPLACEMENT_CHARACTER = 0xFFFD;
 // Takes one character off aText, which is not at its end. A byte that is not part of a well-formed
 // UTF-8 character is taken alone and counts as the replacement character.
 uint32_t TakeCharacter(const unsigned char*& aText) {
-    // By number of bytes behind the first: the least character that needs them.
+    // By number of bytes after the first: the least character that needs them.
     constexpr uint32_t LEAST[] = {0, 0x80, 0x800, 0x10000};
     const unsigned char byLead = *aText++;
     if (byLead < 0x80) {
@@ -131,26 +127,13 @@ bool CmPortApplicationParentPath(char* aBuffer, size_t aSize) {
     return true;
 }
 
-bool CmPortModulePath(char* aBuffer, size_t aSize) {
-    Dl_info info;
-    if (g_cmSystem.dladdr(&s_chOfThisModule, &info) == 0 || info.dli_fname == nullptr) {
-        return false;
-    }
-    const size_t nSize = std::strlen(info.dli_fname) + 1;
-    if (nSize > aSize) {
-        return false;
-    }
-    std::memcpy(aBuffer, info.dli_fname, nSize);
-    return true;
-}
-
 CmPortItem CmPortItemInformation(const char* aPath) {
     if (g_cmSystem.access(aPath, F_OK) != 0) {
         return CmPortItem::UNKNOWN;
     }
     const char* const pName = LastComponent(aPath);
-    const char* const pDot = std::strrchr(pName, '.');
-    // A dot at the start hides a file, one at the end has nothing behind it.
+    const char* const pDot = strrchr(pName, '.');
+    // A dot at the start hides a file, one at the end has nothing after it.
     const bool bExtension = pDot != nullptr && pDot != pName && pDot[1] != '\0';
     return bExtension ? CmPortItem::WITH_EXTENSION : CmPortItem::WITHOUT_EXTENSION;
 }

@@ -9,15 +9,13 @@
 #include <memory>
 #include <new>
 
-#include "CmConditionSemaphore.h"
-#include "CmInterfaceRecord.h"
-#include "CmMacServices.h"
 #include "CmSystem.h"
+#include "port/CmConditionSemaphore.h"
+#include "port/CmInterfaceRecord.h"
+#include "port/CmMacServices.h"
 
-#if defined(__clang__)
 // The file reference services are deprecated; their successors know no item information.
-#pragma clang diagnostic ignored "-Wdeprecated-declarations"
-#endif
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 
 namespace UTIL_NS {
 
@@ -25,9 +23,6 @@ namespace {
 
 static_assert(CM_PORT_NAME_UNITS == sizeof(HFSUniStr255::unicode) / sizeof(UniChar),
               "a catalog name must fit");
-
-// An object of the library's own, for the loader to look up.
-const char s_chOfThisModule = 0;
 
 // Holds what a Create or Copy function returned, possibly null, and releases it.
 template <class Reference>
@@ -117,19 +112,6 @@ bool CmPortApplicationParentPath(char* aBuffer, size_t aSize) {
     }
     return FSRefMakePath(&reference, reinterpret_cast<UInt8*>(aBuffer),
                          static_cast<UInt32>(aSize)) == noErr;
-}
-
-bool CmPortModulePath(char* aBuffer, size_t aSize) {
-    Dl_info info;
-    if (g_cmSystem.dladdr(&s_chOfThisModule, &info) == 0 || info.dli_fname == nullptr) {
-        return false;
-    }
-    const size_t nSize = std::strlen(info.dli_fname) + 1;
-    if (nSize > aSize) {
-        return false;
-    }
-    std::memcpy(aBuffer, info.dli_fname, nSize);
-    return true;
 }
 
 CmPortItem CmPortItemInformation(const char* aPath) {

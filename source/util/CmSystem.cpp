@@ -5,10 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cstdlib>
-#include <cstring>
-
-#include "CmPort.h"
+#include "port/CmPort.h"
 
 namespace UTIL_NS {
 
