@@ -5,6 +5,9 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cstdlib>
+#include <cstring>
+
 #include "port/CmPort.h"
 
 namespace UTIL_NS {
