@@ -7,14 +7,10 @@
 #include <sys/socket.h>
 
 #include "CmBase.h"
-#include "CmConditionVariable.h"
+#include "CmSingletonMutex.h"
+#include "CmUtilTemplates.h"
 
 namespace UTIL_NS {
-
-/// Serialises the creation of singletons and the clean-up registry. It is ready before the first
-/// constructor of a static object runs and does not end: static objects of a host may use it, and
-/// CleanupAll, wherever they are constructed and destroyed.
-extern CM_UTIL_EXPORT CCmMutexThreadRecursive g_SingletonMutex;
 
 class CCmMessageBlock;
 
@@ -31,6 +27,8 @@ class CM_UTIL_EXPORT CRCTAbleInit {
   public:
     CRCTAbleInit();
 };
+
+extern template class CCmSingletonT<CRCTAbleInit>;
 
 /// Carries aCrc over aLen bytes, so that a checksum may span several calls, and returns it. A
 /// null pData returns 0 after an assertion and leaves aCrc. Any thread.
@@ -65,10 +63,6 @@ extern "C" {
 /// may call them in pairs around its use of the library.
 CM_UTIL_EXPORT void CmUtilInit();
 CM_UTIL_EXPORT void CmUtilCleanup();
-
-/// Stores the address of g_SingletonMutex (a UTIL_NS::CCmMutexThreadRecursive) in *aMutex, so
-/// that a host can serialise its own singletons with the library's. Null is ignored.
-CM_UTIL_EXPORT void GetSingletonMutex(void** aMutex);
 
 /// Sleeps for aMs milliseconds, however many signals interrupt it. A failure other than an
 /// interruption is traced as a warning and ends the sleep.

@@ -191,12 +191,6 @@ void CmUtilInit() {}
 
 void CmUtilCleanup() {}
 
-void GetSingletonMutex(void** aMutex) {
-    if (aMutex != nullptr) {
-        *aMutex = &UTIL_NS::g_SingletonMutex;
-    }
-}
-
 void SleepMs(unsigned int aMs) {
     timespec tsRemain = {static_cast<time_t>(aMs / 1000), static_cast<long>(aMs % 1000) * 1000000};
     while (UTIL_NS::g_cmSystem.nanosleep(&tsRemain, &tsRemain) != 0) {
