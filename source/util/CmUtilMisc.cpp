@@ -27,7 +27,7 @@ unsigned char CRC16_L_TABLE[256];
 
 namespace {
 
-// From these lengths on the faster roads pay.
+// From these lengths on the faster ways pay.
 constexpr unsigned int CRC16_TABLE_MIN = 8;      // bytes
 constexpr unsigned int CRC16_MULTIPLY_MIN = 17;  // bytes
 

@@ -1,10 +1,11 @@
 #include "CmPort.h"
 
 #include <pthread.h>
-#include <string.h>
 #include <sys/prctl.h>
 #include <time.h>
 #include <unistd.h>
+
+#include <cstring>
 
 #include "CmSystem.h"
 #include "port/CmInterfaceRecord.h"
@@ -79,7 +80,7 @@ size_t Utf16FromUtf8(const char* aText, uint16_t (&aUnits)[CM_PORT_NAME_UNITS]) 
 }
 
 const char* LastComponent(const char* aPath) {
-    const char* const pSlash = strrchr(aPath, '/');
+    const char* const pSlash = std::strrchr(aPath, '/');
     return pSlash == nullptr ? aPath : pSlash + 1;
 }
 
@@ -115,16 +116,16 @@ bool CmPortApplicationParentPath(char* aBuffer, size_t aSize) {
         return false;
     }
     for (int i = 0; i < LEVELS; ++i) {
-        *strrchr(szPath, '/') = '\0';
+        *std::strrchr(szPath, '/') = '\0';
         if (szPath[0] == '\0') {
-            strcpy(szPath, "/");
+            std::strcpy(szPath, "/");
         }
     }
-    const size_t nSize = strlen(szPath) + 1;
+    const size_t nSize = std::strlen(szPath) + 1;
     if (nSize > aSize) {
         return false;
     }
-    memcpy(aBuffer, szPath, nSize);
+    std::memcpy(aBuffer, szPath, nSize);
     return true;
 }
 
@@ -133,7 +134,7 @@ CmPortItem CmPortItemInformation(const char* aPath) {
         return CmPortItem::UNKNOWN;
     }
     const char* const pName = LastComponent(aPath);
-    const char* const pDot = strrchr(pName, '.');
+    const char* const pDot = std::strrchr(pName, '.');
     // A dot at the start hides a file, one at the end has nothing after it.
     const bool bExtension = pDot != nullptr && pDot != pName && pDot[1] != '\0';
     return bExtension ? CmPortItem::WITH_EXTENSION : CmPortItem::WITHOUT_EXTENSION;
@@ -164,7 +165,7 @@ int CmPortConditionWaitUntil(pthread_cond_t* aCondition, pthread_mutex_t* aMutex
 
 void CmPortNameThisThread(const char* aName) {
     char szName[16] = {};
-    strncpy(szName, aName, sizeof(szName) - 1);
+    std::strncpy(szName, aName, sizeof(szName) - 1);
     ::pthread_setname_np(pthread_self(), szName);
 }
 
