@@ -60,7 +60,7 @@ class CM_UTIL_EXPORT CCmMutexThreadRecursive : public CCmMutexThreadBase {
     ~CCmMutexThreadRecursive() override;
     /// For static objects.
     explicit constexpr CCmMutexThreadRecursive(CCmStaticInit)
-        : CCmMutexThreadBase(pthread_mutex_t CM_RECURSIVE_MUTEX_INITIALIZER) {}
+        : CCmMutexThreadBase(CM_RECURSIVE_MUTEX) {}
 };
 
 /// The library's default mutex; not recursive: taking it twice on one thread is a caller error.

@@ -9,7 +9,6 @@
 #include "CmConditionVariable.h"
 #include "CmTrace.h"
 #include "CmUtilClasses.h"
-#include "CmUtilMisc.h"
 
 namespace UTIL_NS {
 
@@ -183,8 +182,6 @@ CCmSingletonT<T>::~CCmSingletonT() {
     CmTraceSingletonEnd(m_psInstance.load(std::memory_order_relaxed), this);
     m_psInstance.store(nullptr, std::memory_order_relaxed);
 }
-
-extern template class CCmSingletonT<CRCTAbleInit>;
 
 /// The predicate of the trimming templates: the blank (0x20) only; tabs and line ends are kept.
 class CCmIsSpace {

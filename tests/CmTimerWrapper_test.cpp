@@ -14,6 +14,7 @@
 #include <utility>
 #include <vector>
 
+#include "CmSingletonMutex.h"
 #include "CmThread.h"
 #include "CmTimerQueueCalendar.h"
 #include "support/ChildProcess.h"

@@ -1,9 +1,9 @@
 #include "CmEvent.h"
 
 #include "CmCancel.h"
+#include "CmNsec.h"
 #include "CmQueueOwner.h"
 #include "CmScopedLock.h"
-#include "CmTimedCalls.h"
 
 namespace UTIL_NS {
 

@@ -8,11 +8,6 @@
 
 #include "CmBase.h"
 #include "CmConditionVariable.h"
-#include "CmConfig.h"
-#include "CmLogStream.h"
-#include "CmThread.h"
-#include "CmTimerWrapper.h"
-#include "CmUtilMisc.h"
 
 // Defines a variable under the name that another declaration of it has in object files, so that the
 // headers may declare a T where here lies storage for a T that never ends.
@@ -28,6 +23,8 @@
 #endif
 
 namespace UTIL_NS {
+
+class ACmThread;
 
 // Initialised by the compiler.
 template <class T>
