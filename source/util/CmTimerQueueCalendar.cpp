@@ -76,26 +76,15 @@ NodeType* Unlink(NodeType*& aHead, const ICmTimerHandler* aEh) {
     return nullptr;
 }
 
-// Whose timers the calling thread cancels for good, if any.
-thread_local const ICmTimerHandler* t_pCancelledForGood = nullptr;
-
-}  // namespace
-
-CmResult CancelForGood(ICmTimerQueue& aQueue, ICmTimerHandler* aEh) {
-    const ICmTimerHandler* const pOuter = t_pCancelledForGood;
-    t_pCancelledForGood = aEh;
-    const CmResult rv = aQueue.CancelTimer(aEh);
-    t_pCancelledForGood = pOuter;
-    return rv;
-}
-
-// Beside m_Handlers, which has the slot of every handler and its place in the object, stands an
-// index of its entries: to find a handler in the map is a walk down a tree, one step for each
-// doubling of the timers and most of them to memory outside the cache; the index finds it in one.
-class CM_UTIL_HIDDEN CCmTimerQueueCalendar::CState {
+// The memory of a calendar's timers, and the way from a handler to its timer. m_Handlers, the map
+// that has the slot of every handler, is part of the object's layout; but to find a handler there
+// is a walk down a tree, one step for each doubling of the timers and most of them to memory that
+// no cache holds. So an index leads from the handler to its entry in the map at once; the map is
+// walked only when a new handler is entered, and not even then where the hint is right.
+class CTimerStore {
   public:
-    explicit CState(HandlersType& aHandlers) noexcept : m_itHint(aHandlers.end()) {}
-    ~CState() { DeleteChain(m_pSpares); }
+    explicit CTimerStore(HandlersType& aHandlers) noexcept : m_itHint(aHandlers.end()) {}
+    ~CTimerStore() { DeleteChain(m_pSpares); }
 
     // Throws std::bad_alloc.
     CTimer* NewTimer() {
@@ -110,10 +99,24 @@ class CM_UTIL_HIDDEN CCmTimerQueueCalendar::CState {
 
     // Null when aEh has no entry. Valid until the next change.
     const HandlersType::iterator* FindEntry(ICmTimerHandler* aEh) { return m_Index.Find(aEh); }
-    HandlersType::iterator NewEntry(HandlersType& aHandlers, ICmTimerHandler* aEh);
-    void End(HandlersType& aHandlers, NodeType* aNode);
-
-    CmResult PushEvent(CCmTimerQueueCalendar& aQueue, NodeType* aNode, CmResult aResult);
+    // For a handler that has none; its slot is yet to be set. Throws std::bad_alloc, having changed
+    // nothing.
+    HandlersType::iterator NewEntry(HandlersType& aHandlers, ICmTimerHandler* aEh) {
+        m_Index.Reserve();  // first: once the map has the entry, nothing may fail
+        const HandlersType::iterator itEntry = m_SpareEntries.Insert(aHandlers, m_itHint, aEh, 0);
+        m_Index.Insert(aEh, itEntry);
+        return itEntry;
+    }
+    // Ends a timer of the wheel that has left its slot, and its entry.
+    void End(HandlersType& aHandlers, NodeType* aNode) {
+        const HandlersType::iterator itEntry = static_cast<CTimer*>(aNode)->m_itEntry;
+        m_Index.Erase(aNode->m_pEh);
+        // Nothing follows the last entry; to find that out by stepping would climb the whole map.
+        const bool bIsLast = itEntry == std::prev(aHandlers.end());
+        m_itHint = bIsLast ? aHandlers.end() : std::next(itEntry);
+        m_SpareEntries.Keep(aHandlers, itEntry);
+        Keep(aNode);
+    }
 
   private:
     NodeType* m_pSpares = nullptr;
@@ -124,26 +127,24 @@ class CM_UTIL_HIDDEN CCmTimerQueueCalendar::CState {
     HandlersType::iterator m_itHint;
 };
 
-// For a handler that has none; its slot is yet to be set. Throws std::bad_alloc, having changed
-// nothing.
-HandlersType::iterator CCmTimerQueueCalendar::CState::NewEntry(HandlersType& aHandlers,
-                                                               ICmTimerHandler* aEh) {
-    m_Index.Reserve();  // first: once the map has the entry, nothing may fail
-    const HandlersType::iterator itEntry = m_SpareEntries.Insert(aHandlers, m_itHint, aEh, 0);
-    m_Index.Insert(aEh, itEntry);
-    return itEntry;
+// Whose timers the calling thread cancels for good, if any.
+thread_local const ICmTimerHandler* t_pCancelledForGood = nullptr;
+
+}  // namespace
+
+CmResult CancelForGood(ICmTimerQueue& aQueue, ICmTimerHandler* aEh) {
+    const ICmTimerHandler* const pOuter = t_pCancelledForGood;
+    t_pCancelledForGood = aEh;
+    const CmResult rv = aQueue.CancelTimer(aEh);
+    t_pCancelledForGood = pOuter;
+    return rv;
 }
 
-// Ends a timer of the wheel that has left its slot, and its entry.
-void CCmTimerQueueCalendar::CState::End(HandlersType& aHandlers, NodeType* aNode) {
-    const HandlersType::iterator itEntry = static_cast<CTimer*>(aNode)->m_itEntry;
-    m_Index.Erase(aNode->m_pEh);
-    // Nothing follows the last entry; to find that out by stepping would climb the whole map.
-    const bool bIsLast = itEntry == std::prev(aHandlers.end());
-    m_itHint = bIsLast ? aHandlers.end() : std::next(itEntry);
-    m_SpareEntries.Keep(aHandlers, itEntry);
-    Keep(aNode);
-}
+class CM_UTIL_HIDDEN CCmTimerQueueCalendar::CState : public CTimerStore {
+  public:
+    using CTimerStore::CTimerStore;
+    CmResult PushEvent(CCmTimerQueueCalendar& aQueue, NodeType* aNode, CmResult aResult);
+};
 
 // Adds a timer with interval zero and, for the first one, posts the event that will fire them.
 // aResult: what to return when the event is posted already.

@@ -7,6 +7,8 @@
 #include <utility>
 #include <vector>
 
+#include "CmBase.h"
+
 namespace UTIL_NS {
 
 // Spare nodes of a list. They change lists by splicing, so a node keeps its address and iterators
@@ -19,7 +21,7 @@ class CCmSpareListNodesT {
 
     // Lets the next Insert do without memory. Throws std::bad_alloc, having changed nothing.
     void Reserve() {
-        if (m_Nodes.empty()) {
+        if (CM_UNLIKELY(m_Nodes.empty())) {
             m_Nodes.emplace_front();
         }
     }
@@ -47,7 +49,7 @@ class CCmSpareMapNodesT {
     // Inserts a key that the map does not have; at once when it belongs right before aHint, by a
     // walk down the map otherwise. Throws std::bad_alloc, having changed nothing.
     Iterator Insert(MapType& aMap, Iterator aHint, const KeyType& aKey, const ValueType& aValue) {
-        if (m_Nodes.empty()) {
+        if (CM_UNLIKELY(m_Nodes.empty())) {
             // Keep must not allocate: there is room here for as many nodes as the map has.
             if (aMap.size() == m_Nodes.capacity()) {
                 m_Nodes.reserve(2 * aMap.size() + 1);
