@@ -676,27 +676,33 @@ TEST_F(CmTimerQueueCalendar, RefusesTimers_WhenTheWheelGotNoMemory) {
 }
 
 TEST_F(CmTimerQueueCalendar, ChangesNothing_WhenAScheduleRunsOutOfMemory) {
-    // Wherever it runs out: the first, the second ... allocation of the schedule and all after it.
-    bool bHit = true;
-    for (unsigned long ulNth = 1; bHit; ++ulNth) {
-        m_log.clear();
-        CCmTimerQueueCalendar queue(10, 110, &m_events);
-        queue.ScheduleTimer(Handler(0), nullptr, Ms(10), 1);
-        CmResult rv;
-        {
-            ScopedAllocationFault fault(ulNth, Failing::FROM_THERE_ON);
-            rv = queue.ScheduleTimer(Handler(1), nullptr, Ms(10), 1);
-            bHit = fault.hit();
+    // Wherever it runs out, and however many timers there are: some numbers make a table grow.
+    for (size_t nOthers = 0; nOthers <= 20; ++nOthers) {
+        bool bHit = true;
+        for (unsigned long ulNth = 1; bHit; ++ulNth) {
+            SCOPED_TRACE(std::to_string(nOthers) + " others, allocation " + std::to_string(ulNth));
+            std::vector<CountingHandler> others(nOthers);
+            CountingHandler handler;
+            CCmTimerQueueCalendar queue(10, 110, &m_events);
+            for (CountingHandler& other : others) {
+                queue.ScheduleTimer(&other, nullptr, Ms(10), 1);
+            }
+            CmResult rv;
+            {
+                ScopedAllocationFault fault(ulNth, Failing::FROM_THERE_ON);
+                rv = queue.ScheduleTimer(&handler, nullptr, Ms(10), 1);
+                bHit = fault.hit();
+            }
+            ASSERT_EQ(bHit ? CM_ERROR_OUT_OF_MEMORY : CM_OK, rv);
+            ASSERT_EQ(bHit ? CM_ERROR_NOT_FOUND : CM_OK, queue.CancelTimer(&handler));
+            ASSERT_EQ(CM_OK, queue.ScheduleTimer(&handler, nullptr, Ms(10), 1));
+            queue.TimerTick();
+            queue.TimerTick();
+            EXPECT_EQ(1U, handler.count());
+            for (const CountingHandler& other : others) {
+                ASSERT_EQ(1U, other.count());
+            }
         }
-        EXPECT_TRUE(bHit || ulNth > 1);
-        EXPECT_EQ(bHit ? CM_ERROR_OUT_OF_MEMORY : CM_OK, rv) << ulNth;
-        if (bHit) {
-            EXPECT_EQ(CM_ERROR_NOT_FOUND, queue.CancelTimer(Handler(1))) << ulNth;
-            EXPECT_EQ(CM_OK, queue.ScheduleTimer(Handler(1), nullptr, Ms(10), 1)) << ulNth;
-        }
-        queue.TimerTick();
-        queue.TimerTick();
-        EXPECT_EQ((std::vector<int>{1, 0}), Ids(m_log)) << ulNth;
     }
 }
 

@@ -33,6 +33,7 @@ TEST(CCmSpareListNodesT, KeepsTheNode_WhenItIsTakenOutAndPutInAgain) {
     ListNodes spares;
     std::list<int> list = {1, 2, 3};
     const int* const pSecond = &*std::next(list.begin());
+    spares.Reserve();  // another, which is not to be taken
     spares.Keep(list, std::next(list.begin()));
     EXPECT_EQ((std::list<int>{1, 3}), list);
     EXPECT_EQ(pSecond, &*spares.Insert(list, list.end(), 4));
