@@ -94,7 +94,7 @@ class CM_UTIL_EXPORT CCmTimerQueueCalendar : public ICmTimerQueue, public ICmEve
     DWORD m_dwCurrentSlot;         // what the next TimerTick fires
     ICmEventQueue* m_pEventQueue;  // not owned
     CNode* m_pEvents;              // the timers with interval zero
-    // The slot of every handler that has a timer in the wheel.
+    // Of every handler that is known as one of the wheel, its slot.
     std::map<ICmTimerHandler*, DWORD> m_Handlers;
     CCmPrivateRoomT<CState, 256> m_Private;
 };

@@ -76,9 +76,9 @@ TEST(CmTimerHandlerIndexT, BehavesLikeAMap_OnRandomOperations) {
     for (int nRun = 0; nRun < 300; ++nRun) {
         IndexType index;
         std::map<uintptr_t, int> model;
-        std::vector<uintptr_t> addresses;
-        for (int i = 0; i < 40; ++i) {
-            addresses.push_back(static_cast<uintptr_t>(random()) * 8 + 8);
+        std::vector<uintptr_t> addresses(40);
+        for (uintptr_t& nAddress : addresses) {
+            nAddress = static_cast<uintptr_t>(random()) * 8 + 8;
         }
         for (int nStep = 0; nStep < 400; ++nStep) {
             const uintptr_t nAddress = addresses[random() % addresses.size()];
