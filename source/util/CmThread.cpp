@@ -15,7 +15,8 @@ namespace UTIL_NS {
 namespace {
 
 constexpr DWORD ALL_EVENTS = 0xFFFFFFFF;
-constexpr DWORD EVENTS_PER_PASS = 5;  // of a worker, between two looks at its timers
+// A worker looks at its timers after at most so many events: none is later than these take.
+constexpr DWORD EVENTS_PER_PASS = 5;
 
 // Unless an earlier thread of the object has made aQueue. False when memory ran out.
 bool MakeTimerQueue(ICmTimerQueue*& aQueue) {
@@ -50,7 +51,7 @@ void RunEvents(CCmEventQueueUsingConditionVariable& aQueue, CCmTimeValue* aTimeo
 
 // Destroys what a stopped worker has not run; also when it is cancelled in one of the events that
 // it took together with its stop event.
-void EndRest(const CCmStopFlag& aFlag, CCmEventQueueUsingConditionVariable& aQueue) {
+void DestroyRest(const CCmStopFlag& aFlag, CCmEventQueueUsingConditionVariable& aQueue) {
     if (aFlag.IsFlagStopped()) {
         aQueue.StopAndDestoryPendingEvents();
     }
@@ -123,8 +124,8 @@ class ACmThread::CThreadState {
     bool LetGo();
     bool IsJoinable() const { return (m_Thread.m_Flag & TF_JOINABLE) != 0; }
     bool HasThread() const { return m_bHasThread; }
-    // The system may give the thread's number to another one: also while Join has yet to return.
-    // Relaxed: it does so when the thread is gone, long after it set either of the two.
+    // True once the system may have given the thread's number to another one, also while Join has
+    // yet to return. Relaxed: by then, the thread that set it is long gone.
     bool HasLeftItsId() const {
         return m_Thread.m_nDestroyRef.value() > 0 ||
                (m_nStartSteps.load(std::memory_order_relaxed) & STEP_BODY_LEFT) != 0;
@@ -324,7 +325,7 @@ void ACmThread::CThreadState::SignalStarted(CCmEventThread* aEvent) {
 
 // The object may be deleted here.
 void ACmThread::CThreadState::LeaveBody() {
-    if (m_Thread.m_Type != TT_MAIN) {
+    if (m_Thread.m_Type != TT_MAIN) {  // an adopted thread goes on, and is still found
         m_nStartSteps.fetch_or(STEP_BODY_LEFT, std::memory_order_relaxed);
     }
     if (!IsJoinable() && LetGo()) {
@@ -498,11 +499,11 @@ void CCmThreadTaskWithEventQueueOnly::OnThreadInit() {
 
 void CCmThreadTaskWithEventQueueOnly::OnThreadRun() {
     CM_INFO_TRACE_THIS("CCmThreadTaskWithEventQueueOnly::OnThreadRun");
-    CCmCleanUpT endRest([this] { EndRest(*this, m_EventQueue); });
+    CCmCleanUpT destroyRest([this] { DestroyRest(*this, m_EventQueue); });
     while (!IsFlagStopped()) {
         RunEvents(m_EventQueue, nullptr, ALL_EVENTS);
     }
-    endRest.Execute();
+    destroyRest.Execute();
 }
 
 ICmEventQueue* CCmThreadTaskWithEventQueueOnly::GetEventQueue() {
@@ -525,7 +526,7 @@ void CCmThreadTask::OnThreadInit() {
 
 void CCmThreadTask::OnThreadRun() {
     CM_INFO_TRACE_THIS("CCmThreadTask::OnThreadRun, Begin.");
-    CCmCleanUpT endRest([this] { EndRest(*this, m_EventQueue); });
+    CCmCleanUpT destroyRest([this] { DestroyRest(*this, m_EventQueue); });
     while (!IsFlagStopped()) {
         CCmTimeValue tvWait = CCmTimeValue::s_tvMax;
         if (m_pTimerQueue != nullptr) {
@@ -534,7 +535,7 @@ void CCmThreadTask::OnThreadRun() {
         RunEvents(m_EventQueue, tvWait == CCmTimeValue::s_tvMax ? nullptr : &tvWait,
                   EVENTS_PER_PASS);
     }
-    endRest.Execute();
+    destroyRest.Execute();
 }
 
 ICmTimerQueue* CCmThreadTask::GetTimerQueue() {
