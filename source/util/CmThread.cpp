@@ -1,6 +1,7 @@
 #include "CmThread.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "CmCancel.h"
 #include "CmPrivateState.h"
@@ -111,17 +112,46 @@ class ACmThread::CThreadState {
     CThreadState(const CThreadState&) = delete;
     CThreadState& operator=(const CThreadState&) = delete;
 
-    // For the creator, before the object gets another thread.
-    void ForgetEarlierThread();
-    void AdoptCallingThread();
+    // An object of unknown type may be created again once its thread is gone. If that was a
+    // detached one, its body has let go of the object, which does not count for the next thread.
+    void ForgetEarlierThread() {
+        m_bHasThread = false;
+        // Acquire: after all that the earlier thread did with the object.
+        if (m_bOneHasLetGo.exchange(false, std::memory_order_acq_rel)) {
+            --m_Thread.m_nDestroyRef;
+            m_Thread.m_Tid.store(pthread_t(), std::memory_order_relaxed);  // perhaps another's now
+        }
+    }
+    void AdoptCallingThread() {
+        m_nStartSteps.store(0, std::memory_order_relaxed);  // those of an earlier thread
+        m_Thread.m_Tid.store(pthread_self(), std::memory_order_relaxed);
+    }
     CmResult StartThread();
 
-    // What the new thread does for the others, in whatever way it comes to its end.
-    class CRun;
-
+    // The new thread, once. aEvent: the one it found in the object, which the creator clears.
+    void SignalStarted(CCmEventThread* aEvent) {
+        m_nStartSteps.fetch_or(STEP_INIT_DONE, std::memory_order_release);
+        aEvent->Signal();
+        LeaveHandshake(aEvent, STEP_THREAD_DONE, STEP_CREATOR_DONE);
+    }
+    // The object may be deleted here.
+    void LeaveBody() {
+        if (m_Thread.m_Type != TT_MAIN) {  // an adopted thread goes on, and is still found
+            m_nStartSteps.fetch_or(STEP_BODY_LEFT, std::memory_order_relaxed);
+        }
+        if (!IsJoinable() && LetGo()) {
+            delete &m_Thread;
+        }
+    }
     // Called by the owner and by the body of a detached thread, when they are done with the object.
-    // True for the second of them, which frees it.
-    bool LetGo();
+    // True for the second of them, which frees it. m_nDestroyRef tells how many they were; who is
+    // second is decided by the exchange, which orders what the first one did before the deletion.
+    // No mutex of the process: a detached thread may come here while the process exits.
+    bool LetGo() {
+        ++m_Thread.m_nDestroyRef;
+        return m_bOneHasLetGo.exchange(true, std::memory_order_acq_rel);
+    }
+
     bool IsJoinable() const { return (m_Thread.m_Flag & TF_JOINABLE) != 0; }
     bool HasThread() const { return m_bHasThread; }
     // True once the system may have given the thread's number to another one, also while Join has
@@ -146,8 +176,13 @@ class ACmThread::CThreadState {
 
     CmResult CreateThread();
     void WaitUntilStarted();
-    void SignalStarted(CCmEventThread* aEvent);
-    void LeaveBody();
+    // Acquire and release: whoever deletes the event does so after all that the other did with it.
+    void LeaveHandshake(CCmEventThread* aEvent, int aOwnStep, int aStepOfTheOther) {
+        const int nSteps = m_nStartSteps.fetch_or(aOwnStep, std::memory_order_acq_rel);
+        if ((nSteps & aStepOfTheOther) != 0) {
+            delete aEvent;
+        }
+    }
 
     ACmThread& m_Thread;
     std::atomic<int> m_nStartSteps{0};
@@ -225,22 +260,6 @@ CmResult ACmThread::Create(int aType, TFlag aFlag, signed char bRegister) {
     return CM_OK;
 }
 
-// An object of unknown type may be created again once its thread is gone. If that was a detached
-// one, its body has let go of the object, which does not count for the next thread.
-void ACmThread::CThreadState::ForgetEarlierThread() {
-    m_bHasThread = false;
-    // Acquire: after all that the earlier thread did with the object.
-    if (m_bOneHasLetGo.exchange(false, std::memory_order_acq_rel)) {
-        --m_Thread.m_nDestroyRef;
-        m_Thread.m_Tid.store(pthread_t(), std::memory_order_relaxed);  // perhaps another's by now
-    }
-}
-
-void ACmThread::CThreadState::AdoptCallingThread() {
-    m_nStartSteps.store(0, std::memory_order_relaxed);  // those of an earlier thread
-    m_Thread.m_Tid.store(pthread_self(), std::memory_order_relaxed);
-}
-
 CmResult ACmThread::CThreadState::StartThread() {
     delete m_Thread.m_pEvent;  // of an attempt that failed
     m_Thread.m_pEvent = new (std::nothrow) CCmEventThread(0, 0);
@@ -306,64 +325,8 @@ void ACmThread::CThreadState::WaitUntilStarted() {
     }
     CCmEventThread* pEvent = m_Thread.m_pEvent;
     m_Thread.m_pEvent = nullptr;
-    // Acquire and release, here and in SignalStarted: whoever deletes the event does so after all
-    // that the other one did with it.
-    const int nSteps = m_nStartSteps.fetch_or(STEP_CREATOR_DONE, std::memory_order_acq_rel);
-    if ((nSteps & STEP_THREAD_DONE) != 0) {
-        delete pEvent;
-    }
+    LeaveHandshake(pEvent, STEP_CREATOR_DONE, STEP_THREAD_DONE);
 }
-
-void ACmThread::CThreadState::SignalStarted(CCmEventThread* aEvent) {
-    m_nStartSteps.fetch_or(STEP_INIT_DONE, std::memory_order_release);
-    aEvent->Signal();
-    const int nSteps = m_nStartSteps.fetch_or(STEP_THREAD_DONE, std::memory_order_acq_rel);
-    if ((nSteps & STEP_CREATOR_DONE) != 0) {
-        delete aEvent;
-    }
-}
-
-// The object may be deleted here.
-void ACmThread::CThreadState::LeaveBody() {
-    if (m_Thread.m_Type != TT_MAIN) {  // an adopted thread goes on, and is still found
-        m_nStartSteps.fetch_or(STEP_BODY_LEFT, std::memory_order_relaxed);
-    }
-    if (!IsJoinable() && LetGo()) {
-        delete &m_Thread;
-    }
-}
-
-// m_nDestroyRef says how many have let go. Who is second is decided by the exchange, which orders
-// what the first one did before the deletion by the second; the count's increment orders nothing.
-// No mutex of the process: a detached thread may come here while the process exits.
-bool ACmThread::CThreadState::LetGo() {
-    ++m_Thread.m_nDestroyRef;
-    return m_bOneHasLetGo.exchange(true, std::memory_order_acq_rel);
-}
-
-class ACmThread::CThreadState::CRun {
-  public:
-    explicit CRun(CThreadState& aState) : m_State(aState), m_pEvent(aState.m_Thread.m_pEvent) {}
-    CRun(const CRun&) = delete;
-    CRun& operator=(const CRun&) = delete;
-
-    void SignalStarted() {
-        if (m_pEvent != nullptr) {
-            m_State.SignalStarted(m_pEvent);
-            m_pEvent = nullptr;
-        }
-    }
-    // The object may be deleted here.
-    void Finish() {
-        CCmDisableCancel disableCancel;
-        SignalStarted();  // a thread that was cancelled in OnThreadInit
-        m_State.LeaveBody();
-    }
-
-  private:
-    CThreadState& m_State;
-    CCmEventThread* m_pEvent;  // null once it was signalled, or when nobody waits
-};
 
 void* ACmThread::ThreadProc(void* pParam) {
     ACmThread* pThread = static_cast<ACmThread*>(pParam);
@@ -376,12 +339,21 @@ void* ACmThread::ThreadProc(void* pParam) {
     }
 
     CThreadState& state = CCmPrivateRoom::Of(pThread->m_Private);
-    CThreadState::CRun run(state);
-    CCmCleanUpT finish([&run] { run.Finish(); });
+    CCmEventThread* pEvent = pThread->m_pEvent;  // null when nobody waits
+    const auto signalStarted = [&state, &pEvent] {
+        if (pEvent != nullptr) {
+            state.SignalStarted(std::exchange(pEvent, nullptr));
+        }
+    };
+    CCmCleanUpT finish([&state, &signalStarted] {
+        CCmDisableCancel disableCancel;
+        signalStarted();  // of a thread that was cancelled in OnThreadInit
+        state.LeaveBody();
+    });
     pThread->OnThreadInit();
     // Read before the creator is told, who may create the object anew.
     const bool bInitialized = CM_SUCCEEDED(state.m_InitResult);
-    run.SignalStarted();
+    signalStarted();
     if (bInitialized) {
         pThread->OnThreadRun();
     }
