@@ -6,9 +6,9 @@
 #include "CmCancel.h"
 #include "CmChrono.h"
 #include "CmSleep.h"
+#include "CmSystem.h"
 #include "CmTimeValue.h"
 #include "port/CmPort.h"
-#include "port/CmSystem.h"
 
 namespace UTIL_NS {
 

@@ -4,7 +4,7 @@
 
 #include <time.h>
 
-#include "port/CmSystem.h"
+#include "CmSystem.h"
 
 namespace UTIL_NS {
 

@@ -3,7 +3,7 @@
 #ifndef CM_TRACE_GUARD_H
 #define CM_TRACE_GUARD_H
 
-#include <errno.h>
+#include <cerrno>
 
 #include "CmCancel.h"
 #include "CmConditionVariable.h"

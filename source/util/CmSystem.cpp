@@ -7,7 +7,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "CmPort.h"
+#include "port/CmPort.h"
 
 namespace UTIL_NS {
 
