@@ -64,10 +64,10 @@ CCmTurnOpening* TakeClosings(CTurnFile& aFile) {
     return std::exchange(aFile.m_pToClose, nullptr);
 }
 
-// Closes in the turn, since to close takes the locks off the file. A thread that finds the turn
-// taken may leave: whoever has it comes here when the turn ends, and so sees what was listed
-// before this thread tried. That is asked for once more after each round, for what others, who
-// found the turn taken by this thread, have listed meanwhile.
+// Closes within a turn, since to close a file takes the process's locks off it. A thread that finds
+// the turn taken need not wait: whoever has it comes here after it, and then finds what this thread
+// listed before it tried. So a thread that has closed asks again: others may have listed more
+// meanwhile, found it at work and left.
 void CloseInTurn(CTurnFile& aFile) {
     while (HasClosings(aFile) && CM_SUCCEEDED(aFile.m_Turn.TryLock())) {
         CCmTurnOpening* pOpening = TakeClosings(aFile);
@@ -98,8 +98,8 @@ void EndUseOf(CTurnFile* aFile) {
     delete aFile;
 }
 
-// The last use closes it. Only after that the use of the file ends that the opening stands for: it
-// keeps the file's turn in being meanwhile.
+// The last use closes it. The opening is itself a use of its file, which ends after that: the turn
+// has to be there until then.
 void EndUseOf(CCmTurnOpening* aOpening) {
     CTurnFile* const pFile = aOpening->m_pFile;
     {

@@ -379,26 +379,26 @@ void CCmT120TraceFile::CState::WriteLine_l(long aPosition, const char* aTag, con
         WriteAt_l(aPosition, "", 0);
         return;
     }
-    char achLine[LINE_SIZE];
-    const int nLength = FormatLine(achLine, sizeof(achLine), true, aTag, aModule, aText);
+    char szLine[LINE_SIZE];
+    const int nLength = FormatLine(szLine, sizeof(szLine), true, aTag, aModule, aText);
     if (nLength <= 0) {
         return;
     }
     size_t nStored = static_cast<size_t>(nLength);
-    if (nStored < sizeof(achLine)) {
-        WriteAt_l(aPosition, achLine, nStored);
+    if (nStored < sizeof(szLine)) {
+        WriteAt_l(aPosition, szLine, nStored);
         return;
     }
-    char* pchLong = static_cast<char*>(g_cmSystem.malloc(nStored + 1));
-    if (pchLong == nullptr) {
-        achLine[sizeof(achLine) - 2] = '\n';
-        WriteAt_l(aPosition, achLine, sizeof(achLine) - 1);
+    char* pszLong = static_cast<char*>(g_cmSystem.malloc(nStored + 1));
+    if (pszLong == nullptr) {
+        szLine[sizeof(szLine) - 2] = '\n';
+        WriteAt_l(aPosition, szLine, sizeof(szLine) - 1);
         return;
     }
-    FormatLine(pchLong, nStored + 1, true, aTag, aModule, aText);
-    pchLong[nStored - 1] = '\n';
-    WriteAt_l(aPosition, pchLong, nStored);
-    std::free(pchLong);
+    FormatLine(pszLong, nStored + 1, true, aTag, aModule, aText);
+    pszLong[nStored - 1] = '\n';
+    WriteAt_l(aPosition, pszLong, nStored);
+    std::free(pszLong);
 }
 
 // Waits until the lock is taken or released. Any other failure leaves the line to be written
