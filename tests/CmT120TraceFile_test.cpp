@@ -68,7 +68,7 @@ class CmT120TraceFile : public testing::Test {
     }
     ~CmT120TraceFile() override { ClearFilters(); }
 
-    // A file whose header says that lines start right behind it.
+    // A file whose header says that lines start right after it.
     void WriteEmptyTraceFile() { WriteFile(m_sPath, Header(32)); }
     std::string Content() const { return ReadFile(m_sPath); }
     void WriteFilters(const std::string& aContent) {
@@ -984,7 +984,7 @@ void WriteLines(CCmT120TraceFile& aFile, int aWriter, int aLines) {
     }
 }
 
-// Every line whole, in the order of its writer, none twice; the marker behind the last.
+// Every line whole, in the order of its writer, none twice; the marker after the last.
 void ExpectAllLines(const std::string& aContent, int aLinesEach) {
     const long lPosition = std::stol(aContent.substr(0, 31));
     ASSERT_EQ(Header(lPosition), aContent.substr(0, 32));

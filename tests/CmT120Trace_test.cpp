@@ -857,7 +857,7 @@ std::atomic<bool> s_bMayReadOn{false};
 thread_local bool t_bLate = false;
 thread_local int t_nOpened = 0;
 
-// A late thread stops behind the last level, with all that it has read.
+// A late thread stops after the last level, with all that it has read.
 int OpenThatStops(const char* aPath, int aFlags, mode_t aMode) {
     constexpr int OPENED_BEFORE_MODULES = 3 + 28;
     if (t_bLate && ++t_nOpened == OPENED_BEFORE_MODULES + 1) {
