@@ -35,14 +35,18 @@ constexpr unsigned long CM_TRACE_LEVEL_COUNT = 28;
 struct CCmTraceLevel {
     /// Whether modules have a switch of their own at the level, and what that is for a module that
     /// the configuration lists without one.
-    enum EModules : unsigned char { MODULES_NONE, MODULES_OFF, MODULES_ON };
+    enum EModules : unsigned char {
+        MODULES_NONE,  ///< no switch
+        MODULES_OFF,   ///< a switch, off
+        MODULES_ON     ///< a switch, on
+    };
     /// The level function of CmLogStream.h that texts of the level are passed to.
     enum EFunction : unsigned char {
-        FUNCTION_NONE,
-        FUNCTION_DEBUG,
-        FUNCTION_INFO,
-        FUNCTION_WARN,
-        FUNCTION_ERROR
+        FUNCTION_NONE,   ///< none: the text is dropped
+        FUNCTION_DEBUG,  ///< ccu_trace_debug
+        FUNCTION_INFO,   ///< ccu_trace_info
+        FUNCTION_WARN,   ///< ccu_trace_warn
+        FUNCTION_ERROR   ///< ccu_trace_error
     };
 
     unsigned long m_ulLevel;    ///< its number, below CM_TRACE_LEVEL_COUNT
@@ -50,7 +54,7 @@ struct CCmTraceLevel {
     unsigned char m_bDefault;   ///< CCmT120Trace: 1 when it is on unless the configuration says no
     unsigned char m_bDefault2;  ///< the same for CCmT120Trace2
     EModules m_eModules;        ///< the switches of modules
-    EFunction m_eFunction;      ///< FUNCTION_NONE: its texts are dropped
+    EFunction m_eFunction;      ///< where its texts go
 };
 
 /// The levels, one row each; a number without a row has no use. The tables of both facilities, the
@@ -97,7 +101,10 @@ class CM_UTIL_EXPORT CCmT120Trace {
 
     /// Manipulator of Text_Formator: 0 turns hexadecimal output of the next integer on, 1 turns
     /// it off, any other value changes nothing.
-    enum Ordix : int { ORDIX_HEX = 0, ORDIX_DEC = 1 };
+    enum Ordix : int {
+        ORDIX_HEX = 0,  ///< hexadecimal
+        ORDIX_DEC = 1   ///< decimal
+    };
 
     /// Builds one text in a buffer of the caller's. Never allocates and never fails: what does
     /// not fit is dropped. The last 96 bytes of the buffer are never written and stay zero, so

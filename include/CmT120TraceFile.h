@@ -103,6 +103,7 @@ class CM_UTIL_EXPORT CCmT120TraceFile {
 /// The records of the process, by file name.
 class CM_UTIL_EXPORT CCmT120TraceFileMgr {
   public:
+    /// A manager without records.
     constexpr CCmT120TraceFileMgr() = default;
     /// Waits 200 ms for threads that still write, then ends every record: no thread may use one any
     /// more. The records of g_trace_mgr, which ends with the program, are flushed, closed and left
@@ -125,9 +126,9 @@ class CM_UTIL_EXPORT CCmT120TraceFileMgr {
 
     /// Reads the filters from home + "conf/keltoexp.filter": up to 100 lines, each an extended
     /// regular expression with its line end as part of it. So only a last line without a line end
-    /// matches the name of a module. Keeps the filters when the file cannot
-    /// be read or is empty, or is a pipe that somebody still writes to; one line that does not
-    /// compile leaves no filter at all. For hosts; nothing in the library calls it.
+    /// matches the name of a module. Keeps the filters when the file cannot be read or is empty, or
+    /// is a pipe that somebody still writes to; one line that does not compile leaves no filter at
+    /// all. For hosts; nothing in the library calls it.
     static void init_reg_filter();
 
   private:

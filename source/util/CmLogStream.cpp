@@ -88,13 +88,13 @@ int Format(char* aText, size_t aSize, const char* aFormat, va_list aArguments, i
 void DeliverLong(const char* aModule, const char* aFormat, va_list aArguments, size_t aLength,
                  int aErrno) {
     const size_t nSize = aLength < TEXT_LIMIT ? aLength + 1 : TEXT_LIMIT;
-    char* pchText = static_cast<char*>(g_cmSystem.malloc(nSize));
-    if (pchText == nullptr) {
+    char* pszText = static_cast<char*>(g_cmSystem.malloc(nSize));
+    if (pszText == nullptr) {
         return;
     }
-    Format(pchText, nSize, aFormat, aArguments, aErrno);
-    DeliverAsStream(aModule, pchText, std::strlen(pchText));
-    std::free(pchText);
+    Format(pszText, nSize, aFormat, aArguments, aErrno);
+    DeliverAsStream(aModule, pszText, std::strlen(pszText));
+    std::free(pszText);
 }
 
 // A NUL that a "%c" put in ends the text.
