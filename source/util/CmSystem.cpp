@@ -7,6 +7,9 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cstdlib>
+#include <cstring>
+
 #include "port/CmPort.h"
 
 namespace UTIL_NS {

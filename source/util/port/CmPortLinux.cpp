@@ -5,6 +5,8 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <cstring>
+
 #include "CmSystem.h"
 #include "port/CmInterfaceRecord.h"
 
@@ -132,7 +134,7 @@ CmPortItem CmPortItemInformation(const char* aPath) {
         return CmPortItem::UNKNOWN;
     }
     const char* const pName = LastComponent(aPath);
-    const char* const pDot = strrchr(pName, '.');
+    const char* const pDot = std::strrchr(pName, '.');
     // A dot at the start hides a file, one at the end has nothing after it.
     const bool bExtension = pDot != nullptr && pDot != pName && pDot[1] != '\0';
     return bExtension ? CmPortItem::WITH_EXTENSION : CmPortItem::WITHOUT_EXTENSION;
