@@ -1,8 +1,6 @@
 #include "CmSystem.h"
 
 #include <fcntl.h>
-#include <stdlib.h>
-#include <string.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
