@@ -141,11 +141,6 @@ bool ReadFully(int aDescriptor, char* aBuffer, size_t aLength) {
 struct CM_UTIL_HIDDEN CCmT120TraceFile::CState {
     explicit CState(CCmT120TraceFile& aFile) : m_File(aFile) {}
 
-    CmResult Attach(const char* aPath);
-    void Write(const char* aTag, const char* aModule, const char* aText);
-    void WriteShared(const char* aTag, const char* aModule, const char* aText);
-    void Flush();
-    void Refresh(unsigned long aSizeLimit, int aFlushCount);
     void End();
 
     FILE* Stream();
@@ -198,27 +193,87 @@ CCmT120TraceFile::~CCmT120TraceFile() {
 
 CmResult CCmT120TraceFile::attach(const char* aPath) {
     CCmTraceGuard guard;
-    return CCmPrivateRoom::Of(m_Private).Attach(aPath);
+    CState& state = CCmPrivateRoom::Of(m_Private);
+    CCmScopedLockT<CCmMutexThread> lock(state.m_Mutex);
+    if (m_pStream != nullptr) {
+        return CM_ERROR_ALREADY_INITIALIZED;
+    }
+    const char* pszPath = aPath != nullptr ? aPath : m_pszName;
+    if (pszPath == nullptr) {
+        return CM_ERROR_INVALID_ARG;
+    }
+    if (m_nValidity != VALID) {
+        return CM_ERROR_FAILURE;
+    }
+    m_pStream = CmOpenTurnFile(pszPath, m_nDescriptor);
+    return m_pStream != nullptr ? CM_OK : CM_ERROR_FAILURE;
 }
 
 void CCmT120TraceFile::write(const char* aTag, const char* aModule, const char* aText) {
     CCmTraceGuard guard;
-    CCmPrivateRoom::Of(m_Private).Write(aTag, aModule, aText);
+    CState& state = CCmPrivateRoom::Of(m_Private);
+    if (m_bShared) {
+        if (state.HasLineBuffer()) {
+            write_shared(aTag, aModule, aText);
+        }
+        return;
+    }
+    CCmScopedLockT<CCmMutexThread> lock(state.m_Mutex);
+    if (m_pchLines == nullptr) {
+        return;
+    }
+    if (regex_match(aModule) != 0) {
+        state.CollectLine_l(aTag, aModule, aText);
+    }
+    if (m_nBufferedLines >= m_nFlushCount) {
+        state.Flush_l();
+    }
 }
 
 void CCmT120TraceFile::write_shared(const char* aTag, const char* aModule, const char* aText) {
     CCmTraceGuard guard;
-    CCmPrivateRoom::Of(m_Private).WriteShared(aTag, aModule, aText);
+    CState& state = CCmPrivateRoom::Of(m_Private);
+    FILE* const pStream = state.Stream();
+    if (aText == nullptr || pStream == nullptr) {
+        return;
+    }
+    // Another process may keep the file's lock for any time. Meanwhile this thread has the file's
+    // turn and no lock, so that only those who write to the same file wait with it.
+    CCmFileTurn turn(pStream);
+    if (!turn.held()) {
+        return;
+    }
+    state.RequestFileLock(m_LockRequest);
+    {
+        CCmScopedLockT<CCmMutexThread> lock(state.m_Mutex);
+        state.WriteShared_l(aTag, aModule, aText);
+    }
+    state.RequestFileLock(m_UnlockRequest);
 }
 
 void CCmT120TraceFile::flush_buffer() {
     CCmTraceGuard guard;
-    CCmPrivateRoom::Of(m_Private).Flush();
+    CState& state = CCmPrivateRoom::Of(m_Private);
+    CCmScopedLockT<CCmMutexThread> lock(state.m_Mutex);
+    state.Flush_l();
 }
 
+// A new flush count needs a line buffer of another size; the old one has been flushed by then.
 unsigned char CCmT120TraceFile::refresh_settings(unsigned long aSizeLimit, int aFlushCount) {
     CCmTraceGuard guard;
-    CCmPrivateRoom::Of(m_Private).Refresh(aSizeLimit, aFlushCount);
+    CState& state = CCmPrivateRoom::Of(m_Private);
+    CCmScopedLockT<CCmMutexThread> lock(state.m_Mutex);
+    state.Flush_l();
+    m_ulSizeLimit = aSizeLimit;
+    const int nFlushCount = BoundedFlushCount(aFlushCount);
+    if (nFlushCount == m_nFlushCount) {
+        return 1;
+    }
+    m_nFlushCount = nFlushCount;
+    std::free(m_pchLines);
+    m_pchLines =
+        static_cast<char*>(g_cmSystem.malloc(static_cast<size_t>(nFlushCount) * LINE_SIZE + 1));
+    state.ForgetLines_l();
     return 1;
 }
 
@@ -244,42 +299,6 @@ void CCmT120TraceFile::CState::End() {
     }
 }
 
-CmResult CCmT120TraceFile::CState::Attach(const char* aPath) {
-    CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
-    if (m_File.m_pStream != nullptr) {
-        return CM_ERROR_ALREADY_INITIALIZED;
-    }
-    const char* pszPath = aPath != nullptr ? aPath : m_File.m_pszName;
-    if (pszPath == nullptr) {
-        return CM_ERROR_INVALID_ARG;
-    }
-    if (m_File.m_nValidity != VALID) {
-        return CM_ERROR_FAILURE;
-    }
-    m_File.m_pStream = CmOpenTurnFile(pszPath, m_File.m_nDescriptor);
-    return m_File.m_pStream != nullptr ? CM_OK : CM_ERROR_FAILURE;
-}
-
-void CCmT120TraceFile::CState::Write(const char* aTag, const char* aModule, const char* aText) {
-    if (m_File.m_bShared) {
-        if (HasLineBuffer()) {
-            WriteShared(aTag, aModule, aText);
-        }
-        return;
-    }
-    CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
-    if (m_File.m_pchLines == nullptr) {
-        return;
-    }
-    if (regex_match(aModule) != 0) {
-        CollectLine_l(aTag, aModule, aText);
-    }
-    // Also after a line that was left out: the flush count may have become smaller meanwhile.
-    if (m_File.m_nBufferedLines >= m_File.m_nFlushCount) {
-        Flush_l();
-    }
-}
-
 void CCmT120TraceFile::CState::CollectLine_l(const char* aTag, const char* aModule,
                                              const char* aText) {
     const size_t nRoom =
@@ -299,11 +318,6 @@ void CCmT120TraceFile::CState::CollectLine_l(const char* aTag, const char* aModu
     }
     m_File.m_ulBufferedBytes += nStored;
     ++m_File.m_nBufferedLines;
-}
-
-void CCmT120TraceFile::CState::Flush() {
-    CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
-    Flush_l();
 }
 
 // Lines that cannot be written are lost, rather than filling the buffer for good.
@@ -326,26 +340,6 @@ void CCmT120TraceFile::CState::Flush_l() {
 void CCmT120TraceFile::CState::ForgetLines_l() {
     m_File.m_ulBufferedBytes = 0;
     m_File.m_nBufferedLines = 0;
-}
-
-void CCmT120TraceFile::CState::WriteShared(const char* aTag, const char* aModule,
-                                           const char* aText) {
-    FILE* const pStream = Stream();
-    if (aText == nullptr || pStream == nullptr) {
-        return;
-    }
-    // Another process may keep the file's lock for any time. Meanwhile this thread has the file's
-    // turn and no lock, so that only those who write to the same file wait with it.
-    CCmFileTurn turn(pStream);
-    if (!turn.held()) {
-        return;
-    }
-    RequestFileLock(m_File.m_LockRequest);
-    {
-        CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
-        WriteShared_l(aTag, aModule, aText);
-    }
-    RequestFileLock(m_File.m_UnlockRequest);
 }
 
 FILE* CCmT120TraceFile::CState::Stream() {
@@ -456,22 +450,6 @@ void CCmT120TraceFile::CState::WriteAt_l(long aPosition, const char* aText, size
     char szHeader[HEADER_LENGTH + 1];
     std::snprintf(szHeader, sizeof(szHeader), "%-31ld\n", lEnd);
     WriteFully(m_File.m_nDescriptor, szHeader, HEADER_LENGTH, 0);
-}
-
-// A new flush count needs a line buffer of another size; the old one has been flushed by then.
-void CCmT120TraceFile::CState::Refresh(unsigned long aSizeLimit, int aFlushCount) {
-    CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
-    Flush_l();
-    m_File.m_ulSizeLimit = aSizeLimit;
-    const int nFlushCount = BoundedFlushCount(aFlushCount);
-    if (nFlushCount == m_File.m_nFlushCount) {
-        return;
-    }
-    m_File.m_nFlushCount = nFlushCount;
-    std::free(m_File.m_pchLines);
-    m_File.m_pchLines =
-        static_cast<char*>(g_cmSystem.malloc(static_cast<size_t>(nFlushCount) * LINE_SIZE + 1));
-    ForgetLines_l();
 }
 
 // What a manager keeps beside its stated fields, and its steps. Nothing constructs it, since
