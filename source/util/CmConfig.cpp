@@ -6,6 +6,7 @@
 #include <new>
 #include <string_view>
 
+#include "CmAscii.h"
 #include "CmCancel.h"
 #include "CmMainSnapshot.h"
 #include "CmProcessName.h"
@@ -73,7 +74,7 @@ unsigned long ParseUnsigned(const char* aText) {
 }
 
 bool IsTrue(const char* aText) {
-    return CmEqualsIgnoringCase(aText, "TRUE");
+    return CmEqualsNoCase(aText, "TRUE");
 }
 
 bool FillExecName() {
@@ -93,10 +94,10 @@ char* trim_string(char* aStr) {
         return nullptr;
     }
     size_t nLength = std::strlen(aStr);
-    while (nLength > 0 && CmIsProfileBlank(aStr[nLength - 1])) {
+    while (nLength > 0 && CmIsBlank(aStr[nLength - 1])) {
         aStr[--nLength] = '\0';
     }
-    while (CmIsProfileBlank(*aStr)) {
+    while (CmIsBlank(*aStr)) {
         ++aStr;
     }
     return aStr;

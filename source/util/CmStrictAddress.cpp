@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "CmAscii.h"
 #include "CmStrictResult.h"
 #include "port/CmSystem.h"
 
@@ -16,10 +17,6 @@ constexpr char A_PORT[] = "a port from 0 to 65535";
 constexpr size_t MAX_PORT_DIGITS = 5;
 constexpr size_t GROUPS = 8;  // of an IPv6 address, 16 bits each
 constexpr size_t IPV4_BYTES = 4;
-
-bool IsDigit(char aChar) {
-    return aChar >= '0' && aChar <= '9';
-}
 
 // Four octets from aAt to the end of the text.
 CCmParsed TakeOctets(std::string_view aText, size_t aAt, uint8_t* aBytes) {
@@ -33,7 +30,7 @@ CCmParsed TakeOctets(std::string_view aText, size_t aAt, uint8_t* aBytes) {
         }
         const size_t nStart = nAt;
         unsigned dwOctet = 0;
-        while (nAt < aText.size() && IsDigit(aText[nAt])) {
+        while (nAt < aText.size() && CmIsDigit(aText[nAt])) {
             dwOctet = dwOctet * 10 + static_cast<unsigned>(aText[nAt] - '0');
             if (dwOctet > 255 || (nAt > nStart && aText[nStart] == '0')) {
                 return CmRefused(nStart, "a number up to 255 without leading zeros");

@@ -4,16 +4,14 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "CmAscii.h"
+
 namespace UTIL_NS {
 
 namespace {
 
 constexpr size_t NUMBER_MAX = 64;   // characters of an integer
 constexpr size_t DOUBLE_MAX = 256;  // characters of a double
-
-bool IsBlank(char aChar) {
-    return aChar == ' ' || aChar == '\t' || aChar == '\n' || aChar == '\r';
-}
 
 // Finds aOpening + aTag + ">"; aBehind is set to what follows it.
 const char* FindTag(const char* aText, const char* aOpening, const char* aTag,
@@ -38,14 +36,14 @@ bool FindValue(const char* aXml, const char* aTag, const char*& aValue, size_t& 
     if (aXml == nullptr || aTag == nullptr || FindTag(aXml, "<", aTag, pValue) == nullptr) {
         return false;
     }
-    while (IsBlank(*pValue)) {
+    while (CmIsBlank(*pValue)) {
         ++pValue;
     }
     const char* pEnd = FindTag(pValue, "</", aTag, pBehind);
     if (pEnd == nullptr) {
         return false;
     }
-    while (pEnd > pValue && IsBlank(pEnd[-1])) {
+    while (pEnd > pValue && CmIsBlank(pEnd[-1])) {
         --pEnd;
     }
     aValue = pValue;
