@@ -28,6 +28,7 @@
 #include <vector>
 
 #include "CmBase.h"
+#include "CmPrivateRoom.h"
 #include "CmStrict.h"
 #include "CmTimeValue.h"
 
@@ -99,8 +100,8 @@ class CM_UTIL_EXPORT CCmConfigReader {
     CmResult ListUnasked(std::string_view aSection, std::vector<CCmString>& aSentences) const;
 
   private:
-    struct Rep;
-    Rep* const m_pRep;  ///< owned; null when there was no memory for it
+    struct CState;
+    CCmPrivateRoomT<CState, 512> m_Private;
 };
 
 template <class Integer>
