@@ -4,11 +4,11 @@
 
 #include <algorithm>
 #include <cstring>
-#include <random>
 #include <string>
 #include <vector>
 
 #include "port/CmCpu.h"
+#include "support/RandomBytes.h"
 
 namespace UTIL_NS {
 namespace {
@@ -42,17 +42,8 @@ std::vector<DecodeRoad> DecodeRoads() {
             {"avx2", CmBase64DecodeAvx2, CmCpuHas(CM_CPU_AVX2), 32}};
 }
 
-std::vector<unsigned char> RandomBytes(size_t aLength, unsigned aSeed) {
-    std::mt19937 random(aSeed);
-    std::vector<unsigned char> bytes(aLength);
-    for (unsigned char& byte : bytes) {
-        byte = static_cast<unsigned char>(random());
-    }
-    return bytes;
-}
-
 std::vector<unsigned char> RandomText(size_t aLength, unsigned aSeed) {
-    std::vector<unsigned char> text = RandomBytes(aLength, aSeed);
+    std::vector<unsigned char> text = kelto_test::RandomBytes(aLength, aSeed);
     for (unsigned char& ch : text) {
         ch = static_cast<unsigned char>(ALPHABET[ch & 63]);
     }
@@ -97,7 +88,7 @@ TEST(CmBase64, ValuesAreThoseOfTheAlphabet) {
 }
 
 TEST(CmBase64, EncodeRoadsGiveTheBits_OfEveryLength) {
-    const std::vector<unsigned char> bytes = RandomBytes(300, 1);
+    const std::vector<unsigned char> bytes = kelto_test::RandomBytes(300, 1);
     for (const EncodeRoad& road : EncodeRoads()) {
         if (!road.available) {
             continue;
@@ -180,7 +171,8 @@ TEST(CmBase64, DecodeRoadsStopAtEveryInvalidByte_InEveryPlace) {
 
 TEST(CmBase64, RoadsAgree_OnLongInputs) {
     for (unsigned nSeed = 0; nSeed < 20; ++nSeed) {
-        const std::vector<unsigned char> bytes = RandomBytes(3 * (5000 + 7 * nSeed), nSeed);
+        const std::vector<unsigned char> bytes =
+            kelto_test::RandomBytes(3 * (5000 + 7 * nSeed), nSeed);
         std::string expected(bytes.size() / 3 * 4, '\0');
         CmBase64EncodeScalar(bytes.data(), bytes.size(), &expected[0]);
         std::string text(expected.size(), '\0');

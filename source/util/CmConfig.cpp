@@ -63,12 +63,13 @@ int ReadProfile(const char* aSection, const char* aKey, char* aOut, int aOutSize
     return static_cast<int>(CopyTerminated(aOut, static_cast<size_t>(aOutSize), search.value()));
 }
 
-// As sscanf with "%d", "%u" and "%lu"; a text without a number gives 0. A number beyond the type
-// keeps the low bits of what fits a long, as there.
+// As sscanf with "%d" on these systems: what does not fit in a long counts as the nearest long, of
+// which the low bits remain. A text without a number gives 0.
 int ParseInt(const char* aText) {
     return static_cast<int>(std::strtol(aText, nullptr, 10));
 }
 
+// The same for "%u", "%hu" and "%lu" with an unsigned long.
 unsigned long ParseUnsigned(const char* aText) {
     return std::strtoul(aText, nullptr, 10);
 }
