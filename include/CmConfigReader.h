@@ -119,15 +119,15 @@ CmResult CCmConfigReader::GetNumber(std::string_view aSection, std::string_view 
     if (CM_FAILED(rv) || CmParseNumber(value, aNumber, aMin, aMax)) {
         return rv;
     }
-    char achExpected[80];
+    char szExpected[80];
     if constexpr (std::is_signed<Integer>::value) {
-        std::snprintf(achExpected, sizeof(achExpected), "a whole number from %lld to %lld",
+        std::snprintf(szExpected, sizeof(szExpected), "a whole number from %lld to %lld",
                       static_cast<long long>(aMin), static_cast<long long>(aMax));
     } else {
-        std::snprintf(achExpected, sizeof(achExpected), "a whole number from %llu to %llu",
+        std::snprintf(szExpected, sizeof(szExpected), "a whole number from %llu to %llu",
                       static_cast<unsigned long long>(aMin), static_cast<unsigned long long>(aMax));
     }
-    return Refuse(aSection, aKey, achExpected);
+    return Refuse(aSection, aKey, szExpected);
 }
 
 }  // namespace UTIL_NS

@@ -203,6 +203,8 @@ class CM_UTIL_EXPORT CCmMessageBlock {
   private:
     class CM_UTIL_HIDDEN CSteps;  // internal
 
+    // A duplicate that shares the data block.
+    CM_UTIL_HIDDEN CCmMessageBlock(const CCmMessageBlock& aShared, unsigned long aFlag);
     // The destructor's part for a block that owns its successor.
     void DestroyOwned_i();
 

@@ -2,7 +2,7 @@
 ///
 /// The text is searched for "<tag>" and "</tag>" as they are written: no attributes, nesting,
 /// entities or namespaces. The first opening tag in the text counts, and the first closing tag
-/// behind it ends the value, which loses blanks, tabs, CRs and LFs at both ends. Nothing fails:
+/// after it ends the value, which loses blanks, tabs, CRs and LFs at both ends. Nothing fails:
 /// what cannot be had is the default. Nothing is kept between calls; any thread.
 ///
 /// aXml, aTag: NUL-terminated; null counts as a text without the element. aTag comes without

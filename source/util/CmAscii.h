@@ -61,7 +61,15 @@ inline int CmCompareNoCase(std::string_view aLeft, std::string_view aRight) {
 }
 
 inline bool CmEqualsNoCase(std::string_view aLeft, std::string_view aRight) {
-    return aLeft.size() == aRight.size() && CmCompareNoCase(aLeft, aRight) == 0;
+    if (aLeft.size() != aRight.size()) {
+        return false;
+    }
+    for (size_t i = 0; i < aLeft.size(); ++i) {
+        if (CmToLower(aLeft[i]) != CmToLower(aRight[i])) {
+            return false;
+        }
+    }
+    return true;
 }
 
 inline bool CmStartsWithNoCase(std::string_view aText, std::string_view aPrefix) {

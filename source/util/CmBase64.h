@@ -1,6 +1,6 @@
 // The tables and inner loops of the base64 codecs; internal.
 //
-// Both directions have several roads: a scalar one that runs everywhere and vector ones, in
+// Both directions have several ways: a scalar one that runs everywhere and vector ones, in
 // port/CmBase64Vector.cpp, for processors that have the instructions. All give the same bytes;
 // CmBase64Encode and CmBase64Decode take the widest that the processor and the length allow.
 #ifndef CM_BASE64_H
@@ -48,7 +48,7 @@ char* CmBase64Encode(const unsigned char* aIn, size_t aLen, char* aOut);
 // each four of them.
 size_t CmBase64Decode(const unsigned char* aIn, size_t aLen, unsigned char* aOut);
 
-// The roads: each consumes as many whole groups from the front as its steps cover, and returns
+// The ways: each consumes as many whole groups from the front as its steps cover, and returns
 // how many bytes (a multiple of 3) or characters (of 4) that is. It reads only within aLen and
 // writes only what belongs to the groups that it consumed.
 size_t CmBase64EncodeScalar(const unsigned char* aIn, size_t aLen, char* aOut);

@@ -79,9 +79,9 @@ bool IsTrue(const char* aText) {
 }
 
 bool FillExecName() {
-    uint16_t awUnits[CM_PORT_NAME_UNITS];
-    const size_t nUnits = CmPortExecutableName(awUnits);
-    std::memcpy(s_achExecName, awUnits, nUnits * sizeof(uint16_t));
+    uint16_t units[CM_PORT_NAME_UNITS];
+    const size_t nUnits = CmPortExecutableName(units);
+    std::memcpy(s_achExecName, units, nUnits * sizeof(uint16_t));
     return nUnits > 0;
 }
 

@@ -24,8 +24,8 @@ namespace UTIL_NS {
 
 namespace {
 
-// A file that was not written to for so long holds what its writer meant; the time of a change is
-// no finer than this on the file systems in use.
+// Whoever has not written to a file for so long is taken to be done with it. A later change shows
+// in the file's time then, which is no coarser than this on the file systems in use.
 constexpr long SETTLED_USEC = 20 * 1000;
 constexpr int MAX_TRIES = 50;
 constexpr size_t LONGEST_QUOTE = 64;  // of a value in a sentence
@@ -94,7 +94,7 @@ class CFile {
     const int m_nFile;
 };
 
-// Whether a change from now on would get another time than the last one.
+// Whether a change from now on would leave another time than the last one did.
 bool IsSettled(const CFileMark& aMark) {
     timeval now = {};
     if (g_cmSystem.gettimeofday(&now, nullptr) != 0) {
@@ -196,7 +196,7 @@ class CProfile {
         }
     }
 
-    // Of equal names the first comes first.
+    // Stable: of equal names that which comes first in the file stays first.
     void Sort() {
         for (size_t i = 0; i < m_headers.size(); ++i) {
             m_headerOrder.push_back(i);
@@ -262,11 +262,11 @@ CCmString NameOf(std::string_view aName) {
 
 CCmString SecondsOf(const CCmTimeValue& aTime) {
     const bool bNegative = aTime < CCmTimeValue();
-    char achText[48];
-    std::snprintf(achText, sizeof(achText), "%s%lld.%06lld", bNegative ? "-" : "",
+    char szText[48];
+    std::snprintf(szText, sizeof(szText), "%s%lld.%06lld", bNegative ? "-" : "",
                   static_cast<long long>(bNegative ? -aTime.GetSec() : aTime.GetSec()),
                   static_cast<long long>(bNegative ? -aTime.GetUsec() : aTime.GetUsec()));
-    CCmString strText = achText;
+    CCmString strText = szText;
     strText.resize(strText.find_last_not_of('0') + 1);
     if (strText.back() == '.') {
         strText.pop_back();

@@ -70,18 +70,18 @@ size_t LengthWithoutPadding(const unsigned char* aIn, size_t aLen) {
 // The last group of a run, of one to three characters, at aGroup; aIn ends at aEnd, where the
 // padding or the terminator is, which counts as outside the alphabet. Returns the bytes written.
 size_t DecodeRest(const unsigned char* aGroup, const unsigned char* aEnd, unsigned char* aOut) {
-    uint32_t adwValue[3] = {CM_BASE64_INVALID, CM_BASE64_INVALID, CM_BASE64_INVALID};
+    uint32_t values[3] = {CM_BASE64_INVALID, CM_BASE64_INVALID, CM_BASE64_INVALID};
     for (size_t i = 0; i < 3 && aGroup + i < aEnd; ++i) {
-        adwValue[i] = pr2six[aGroup[i]];
+        values[i] = pr2six[aGroup[i]];
     }
-    if (adwValue[0] == CM_BASE64_INVALID) {
+    if (values[0] == CM_BASE64_INVALID) {
         return 0;
     }
-    aOut[0] = static_cast<unsigned char>(adwValue[0] << 2 | adwValue[1] >> 4);
-    if (adwValue[2] == CM_BASE64_INVALID) {
+    aOut[0] = static_cast<unsigned char>(values[0] << 2 | values[1] >> 4);
+    if (values[2] == CM_BASE64_INVALID) {
         return 1;
     }
-    aOut[1] = static_cast<unsigned char>(adwValue[1] << 4 | adwValue[2] >> 2);
+    aOut[1] = static_cast<unsigned char>(values[1] << 4 | values[2] >> 2);
     return 2;
 }
 

@@ -168,20 +168,6 @@ class CCmMessageBlock::CSteps {
         return pCopy;
     }
 
-    // Shares the data block: the views differ in their flags alone, so SetData need not run.
-    static CCmMessageBlock* DuplicateShared(const CCmMessageBlock& aBlock) {
-        CCmMessageBlock* pCopy = new (std::nothrow) CCmMessageBlock;
-        if (pCopy != nullptr) {
-            pCopy->m_pReadPtr = aBlock.m_pReadPtr;
-            pCopy->m_pWritePtr = aBlock.m_pWritePtr;
-            pCopy->m_pBeginPtr = aBlock.m_pBeginPtr;
-            pCopy->m_pEndPtr = aBlock.m_pEndPtr;
-            pCopy->m_Flag = (aBlock.m_Flag & ~(DATA_FLAGS | INTERNAL_FLAGS)) | DUPLICATED;
-            pCopy->m_pDataBlock = aBlock.m_pDataBlock;
-        }
-        return pCopy;
-    }
-
     // Duplicates, in order, the blocks after aCut that do not carry DUPLICATED, and links the
     // copies after aCopies. aChain: for the trace. False when memory ran out.
     static bool DuplicateForeign(const CCmMessageBlock& aChain, const CCmMessageBlock& aCut,
@@ -232,6 +218,16 @@ CCmMessageBlock::CCmMessageBlock(CCmDataBlock* aDb, unsigned long aFlag,
                                  unsigned int aAdvanceWritePtr) {
     SetData(aDb, aFlag, aAdvanceWritePtr);
 }
+
+// A duplicate that shares the data block: the views differ in their flags alone, so there is
+// nothing of SetData left to do.
+CCmMessageBlock::CCmMessageBlock(const CCmMessageBlock& aShared, unsigned long aFlag)
+    : m_pDataBlock(aShared.m_pDataBlock),
+      m_pReadPtr(aShared.m_pReadPtr),
+      m_pWritePtr(aShared.m_pWritePtr),
+      m_pBeginPtr(aShared.m_pBeginPtr),
+      m_pEndPtr(aShared.m_pEndPtr),
+      m_Flag(aFlag) {}
 
 // Each owned block is cut from its successor before it is deleted, so the deletions do not nest.
 void CCmMessageBlock::DestroyOwned_i() {
@@ -408,8 +404,14 @@ void CCmMessageBlock::DestroyChained(CCmMessageBlock* aMb) {
 }
 
 CCmMessageBlock* CCmMessageBlock::DuplicateTopLevel() const {
-    return CM_LIKELY(CM_BIT_DISABLED(m_Flag, EXTERNAL_DATA)) ? CSteps::DuplicateShared(*this)
-                                                             : CSteps::DuplicateExternal(*this);
+    if (CM_UNLIKELY(!CM_BIT_DISABLED(m_Flag, EXTERNAL_DATA))) {
+        return CSteps::DuplicateExternal(*this);
+    }
+    try {
+        return new CCmMessageBlock(*this, (m_Flag & ~(DATA_FLAGS | INTERNAL_FLAGS)) | DUPLICATED);
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
 }
 
 CCmMessageBlock* CCmMessageBlock::DuplicateChained(const CCmMessageBlock* aMb) {

@@ -30,7 +30,8 @@ typedef std::chrono::steady_clock CClock;
 constexpr int THREAD_TYPE = 1;
 constexpr size_t MAX_LABEL = 63;
 constexpr long LONGEST_LIMIT = 1000000000;  // seconds; more is none
-// The wait follows the wall clock, which may be set back meanwhile.
+// A wait ends at a time of the wall clock, and so later where that is set back meanwhile. None is
+// longer than this, after which the limits, which follow the monotonic clock, are looked at anew.
 constexpr CCmTimeValue LONGEST_WAIT(1);
 
 bool IsLabelCharacter(char aChar) {
@@ -148,7 +149,7 @@ class CQuestions : public std::enable_shared_from_this<CQuestions> {
     // From here on nobody is answered; returns what is still to be ended.
     CJobs Close();
 
-    // The watcher's body.
+    // What the watcher runs until Close.
     void Watch();
     // A lookup has ended.
     void Finish(uint64_t aId, COutcome& aOutcome);
@@ -229,7 +230,7 @@ void CQuestions::Add(uint64_t aId, const CJob& aJob) {
     } catch (const std::exception&) {
         m_live.erase(aId);
         m_due.erase({aJob.m_due, aId});
-        throw;  // one too many that wait does not matter
+        throw;  // what is left in m_waiting is passed over when its turn comes
     }
     m_Changed.Signal();
 }
@@ -418,7 +419,7 @@ CmResult CCmResolver::CState::StartWatcher() {
     return CM_OK;
 }
 
-// Takes the answer on success.
+// On success the answer is owned.
 CmResult CCmResolver::CState::Ask(std::string_view aName, const CCmTimeValue& aLimit, uint64_t aId,
                                   CJob& aJob) {
     CCmIpAddress address;

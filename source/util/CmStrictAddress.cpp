@@ -216,13 +216,13 @@ void PrintIpv6(CPrinter& aPrinter, const CCmIpAddress& aAddress) {
         aPrinter.Put("::ffff:");
         PrintOctets(aPrinter, pBytes + sizeof(MAPPED));
     } else {
-        uint16_t awGroups[GROUPS];
+        uint16_t groups[GROUPS];
         for (size_t i = 0; i < GROUPS; ++i) {
-            awGroups[i] = static_cast<uint16_t>(pBytes[2 * i] << 8 | pBytes[2 * i + 1]);
+            groups[i] = static_cast<uint16_t>(pBytes[2 * i] << 8 | pBytes[2 * i + 1]);
         }
         size_t nGap = 0;
         size_t nLength = 0;
-        FindGap(awGroups, nGap, nLength);
+        FindGap(groups, nGap, nLength);
         for (size_t i = 0; i < GROUPS;) {
             if (i == nGap) {
                 aPrinter.Put("::");
@@ -232,7 +232,7 @@ void PrintIpv6(CPrinter& aPrinter, const CCmIpAddress& aAddress) {
             if (i > 0 && i != nGap + nLength) {
                 aPrinter.Put(':');
             }
-            aPrinter.PutNumber(awGroups[i], 16);
+            aPrinter.PutNumber(groups[i], 16);
             ++i;
         }
     }
@@ -252,7 +252,7 @@ void PrintAddress(CPrinter& aPrinter, const CCmIpAddress& aAddress) {
     }
 }
 
-// A zone's number: as it says, or that of the interface of its name.
+// A zone's number: the zone itself if it is one, else that of the interface of this name.
 CmResult ScopeOf(const CCmIpAddress& aAddress, uint32_t& aScope) {
     const std::string_view zone(aAddress.m_achZone.data(),
                                 ::strnlen(aAddress.m_achZone.data(), CCmIpAddress::MAX_ZONE));

@@ -273,7 +273,8 @@ CmResult WithMemory(Function aFunction) {
     }
 }
 
-// RFC 3986, 5.2.4. Each step looks at one segment; what is taken off aPath had been put there.
+// RFC 3986, 5.2.4. In linear time: a step takes one segment off the input, and off the path no more
+// than an earlier step put there.
 CCmString WithoutDots(std::string_view aInput) {
     CCmString strPath;
     strPath.reserve(aInput.size());
@@ -332,8 +333,8 @@ CCmString NormalHost(const CCmUrlParts& aUrl) {
     if (aUrl.m_hostKind != CCmUrlParts::IPV6_HOST) {
         return Normal(aUrl.m_host, true);
     }
-    char achPrinted[CM_IP_PRINTED_SIZE];
-    CCmString strHost(CmPrint(aUrl.m_hostAddress, achPrinted));
+    char szPrinted[CM_IP_PRINTED_SIZE];
+    CCmString strHost(CmPrint(aUrl.m_hostAddress, szPrinted));
     const size_t nZone = strHost.find('%');
     if (nZone != strHost.npos) {
         strHost.insert(nZone + 1, "25");

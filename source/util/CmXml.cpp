@@ -13,16 +13,16 @@ namespace {
 constexpr size_t NUMBER_MAX = 64;   // characters of an integer
 constexpr size_t DOUBLE_MAX = 256;  // characters of a double
 
-// Finds aOpening + aTag + ">"; aBehind is set to what follows it.
+// Finds aOpening + aTag + ">"; aAfter is set to what follows it.
 const char* FindTag(const char* aText, const char* aOpening, const char* aTag,
-                    const char*& aBehind) {
+                    const char*& aAfter) {
     const size_t nOpening = std::strlen(aOpening);
     const size_t nTag = std::strlen(aTag);
     for (const char* p = std::strstr(aText, aOpening); p != nullptr;
          p = std::strstr(p + 1, aOpening)) {
         const char* const pName = p + nOpening;
         if (std::strncmp(pName, aTag, nTag) == 0 && pName[nTag] == '>') {
-            aBehind = pName + nTag + 1;
+            aAfter = pName + nTag + 1;
             return p;
         }
     }
@@ -32,14 +32,14 @@ const char* FindTag(const char* aText, const char* aOpening, const char* aTag,
 // Finds the element's value, without blanks at its ends.
 bool FindValue(const char* aXml, const char* aTag, const char*& aValue, size_t& aLength) {
     const char* pValue = nullptr;
-    const char* pBehind = nullptr;
+    const char* pAfter = nullptr;
     if (aXml == nullptr || aTag == nullptr || FindTag(aXml, "<", aTag, pValue) == nullptr) {
         return false;
     }
     while (CmIsBlank(*pValue)) {
         ++pValue;
     }
-    const char* pEnd = FindTag(pValue, "</", aTag, pBehind);
+    const char* pEnd = FindTag(pValue, "</", aTag, pAfter);
     if (pEnd == nullptr) {
         return false;
     }
