@@ -12,7 +12,7 @@ namespace {
 
 // The two characters of every 12 bits, so that three bytes take two look-ups.
 struct CPair {
-    char text[2];
+    char m_achText[2];
 };
 
 constexpr std::array<CPair, 4096> MakePairs() {
@@ -43,8 +43,8 @@ constexpr std::array<uint32_t, 256> FOURTH = MakePlaced(0);
 void EncodeGroup(const unsigned char* aIn, char* aOut) {
     const unsigned nUpper = static_cast<unsigned>(aIn[0]) << 4 | aIn[1] >> 4;
     const unsigned nLower = (aIn[1] & 0xFU) << 8 | aIn[2];
-    std::memcpy(aOut, PAIRS[nUpper].text, 2);
-    std::memcpy(aOut + 2, PAIRS[nLower].text, 2);
+    std::memcpy(aOut, PAIRS[nUpper].m_achText, 2);
+    std::memcpy(aOut + 2, PAIRS[nLower].m_achText, 2);
 }
 
 // One or two bytes left over: missing bits are 0, missing characters '='.
