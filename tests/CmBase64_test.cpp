@@ -96,7 +96,7 @@ TEST(CmBase64, ValuesAreThoseOfTheAlphabet) {
     }
 }
 
-TEST(CmBase64, EncodeRoadsGiveTheBits_OfEveryLength) {
+TEST(CmBase64, EncodersGiveTheBits_WhateverTheLength) {
     const std::vector<unsigned char> bytes = RandomBytes(300, 1);
     for (const EncodeRoad& road : EncodeRoads()) {
         if (!road.available) {
@@ -122,7 +122,7 @@ TEST(CmBase64, EncodeRoadsGiveTheBits_OfEveryLength) {
     }
 }
 
-TEST(CmBase64, EncodeRoadsGiveTheBits_OfEveryByteInEveryPlace) {
+TEST(CmBase64, EncodersGiveTheBits_WhateverByteIsInAnyPlace) {
     for (const EncodeRoad& road : EncodeRoads()) {
         for (size_t nPlace = 0; road.available && nPlace < 48; ++nPlace) {
             for (unsigned nByte = 0; nByte < 256; ++nByte) {
@@ -137,7 +137,7 @@ TEST(CmBase64, EncodeRoadsGiveTheBits_OfEveryByteInEveryPlace) {
     }
 }
 
-TEST(CmBase64, DecodeRoadsGiveTheBits_OfEveryLength) {
+TEST(CmBase64, DecodersGiveTheBits_WhateverTheLength) {
     const std::vector<unsigned char> text = RandomText(400, 2);
     for (const DecodeRoad& road : DecodeRoads()) {
         if (!road.available) {
@@ -157,7 +157,7 @@ TEST(CmBase64, DecodeRoadsGiveTheBits_OfEveryLength) {
     }
 }
 
-TEST(CmBase64, DecodeRoadsStopAtEveryInvalidByte_InEveryPlace) {
+TEST(CmBase64, DecodersStop_WhateverInvalidByteIsInAnyPlace) {
     constexpr size_t LENGTH = 96;
     for (const DecodeRoad& road : DecodeRoads()) {
         for (size_t nPlace = 0; road.available && nPlace < LENGTH; ++nPlace) {
@@ -178,7 +178,7 @@ TEST(CmBase64, DecodeRoadsStopAtEveryInvalidByte_InEveryPlace) {
     }
 }
 
-TEST(CmBase64, RoadsAgree_OnLongInputs) {
+TEST(CmBase64, ImplementationsAgree_WhenInputsAreLong) {
     for (unsigned nSeed = 0; nSeed < 20; ++nSeed) {
         const std::vector<unsigned char> bytes = RandomBytes(3 * (5000 + 7 * nSeed), nSeed);
         std::string expected(bytes.size() / 3 * 4, '\0');
@@ -194,7 +194,7 @@ TEST(CmBase64, RoadsAgree_OnLongInputs) {
     }
 }
 
-TEST(CmBase64, StopsAtTheGroupOfTheInvalidByte) {
+TEST(CmBase64, StopsAtItsGroup_WhenAByteIsInvalid) {
     const std::vector<unsigned char> text = RandomText(200, 5);
     for (size_t nPlace = 0; nPlace < text.size(); ++nPlace) {
         std::vector<unsigned char> in = text;

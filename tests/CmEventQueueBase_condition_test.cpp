@@ -253,7 +253,7 @@ int LockCheckingSignal(pthread_cond_t* aCondition) {
     return CountedSignal(aCondition);
 }
 
-TEST(CmEventQueueUsingConditionVariable, SignalsOnceBehindTheUnlock_WhenItsConsumerWaits) {
+TEST(CmEventQueueUsingConditionVariable, SignalsOnceAfterTheUnlock_WhenItsConsumerWaits) {
     EventLog log;
     CCmEventQueueUsingConditionVariable queue;
     WaitCounter counter;
@@ -531,7 +531,7 @@ void RunPasses(CCmEventQueueUsingConditionVariable& aQueue, int aPasses, int aCo
     }
 }
 
-TEST(CmEventQueueUsingConditionVariable, KeepsAsManyListNodesAsItTookAtOnce_UpToALimit) {
+TEST(CmEventQueueUsingConditionVariable, KeepsAsManyListNodesAsItTookAtOnceUpToALimit) {
     const long lLive = kelto_test::LiveAllocationsBefore();
     CCmEventQueueUsingConditionVariable queue;
     RunPasses(queue, 3, 1000);

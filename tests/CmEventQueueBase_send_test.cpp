@@ -167,7 +167,7 @@ class PriorityQueue : public CCmEventQueueUsingMutex {
     std::vector<int> m_priorities;  // by one thread
 };
 
-TEST(CmEventSend, PostsWithPriorityOne_ThereAndBack) {
+TEST(CmEventSend, PostsThereAndBackWithPriorityOne) {
     EventLog log;
     PriorityQueue queue;
     std::thread sender([&] { queue.SendEvent(new LoggedEvent(log, 1)); });
@@ -276,7 +276,7 @@ TEST(CmEventSend, WakesTheSender_WhenTheQueueIsDestroyed) {
     EXPECT_EQ(Ids{1}, log.ended());
 }
 
-TEST(CmEventSend, OutlivesTheReturningSender_WhenTheQueueIsDestroyedBehindTheEvent) {
+TEST(CmEventSend, OutlivesTheReturningSender_WhenTheQueueIsDestroyedAfterTheEvent) {
     for (int i = 0; i < 200; ++i) {
         EventLog log;
         CmResult rv = CM_OK;
@@ -365,7 +365,7 @@ typedef testing::Types<CCmEventQueueBase, CCmEventQueueUsingMutex,
     AllQueues;
 TYPED_TEST_SUITE(CmEventQueues, AllQueues, );
 
-TYPED_TEST(CmEventQueues, EndsBehindItsSenders_WhenItIsDestroyed) {
+TYPED_TEST(CmEventQueues, EndsAfterItsSenders_WhenItIsDestroyed) {
     EventLog log;
     HeldClock clock;
     kelto_test::FailingCall<&CCmSystemTable::pthread_mutex_destroy> locksEnded(EINVAL, EINVAL,
@@ -574,7 +574,7 @@ TEST(CmEventSynchronous, YieldsNullPointer_WhenThereIsNoEvent) {
     EXPECT_EQ(CM_ERROR_NULL_POINTER, pWrapper->WaitResultAndDeleteThis());
 }
 
-TEST(CmEventSynchronous, FiresNothing_OnItsSecondPass) {
+TEST(CmEventSynchronous, FiresNothing_WhenItPassesTheSecondTime) {
     EventLog log;
     CCmEventSynchronous* pWrapper =
         new CCmEventSynchronous(new LoggedEvent(log, 1, [] { return RESULT; }), nullptr);

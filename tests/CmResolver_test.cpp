@@ -185,7 +185,7 @@ class CmResolverTest : public testing::Test {
 
 }  // namespace
 
-TEST_F(CmResolverTest, AnswersOnTheQueue_WithBothFamilies) {
+TEST_F(CmResolverTest, AnswersWithBothFamiliesOnTheQueue) {
     CCmResolver resolver;
     Record record;
     ASSERT_EQ(CM_OK, Ask(resolver, "host.test", record));
@@ -249,7 +249,7 @@ TEST_F(CmResolverTest, AnswersAnAddressByItself) {
     EXPECT_EQ(0, g_nAsked);
 }
 
-TEST_F(CmResolverTest, RefusesWhatIsNoName_AndEndsTheAnswer) {
+TEST_F(CmResolverTest, RefusesAndEndsTheAnswer_WhenTheTextIsNoName) {
     CCmResolver resolver;
     const std::string sLabel63(63, 'a');
     const std::string sName253 =
@@ -284,7 +284,7 @@ TEST_F(CmResolverTest, RefusesWhatIsNoName_AndEndsTheAnswer) {
     }
 }
 
-TEST_F(CmResolverTest, AnswersWhenTheLimitHasPassed_ThoughTheSystemHangs) {
+TEST_F(CmResolverTest, Answers_WhenTheLimitHasPassedAndTheSystemHangs) {
     CCmResolver resolver;
     Record hanging;
     Record other;
@@ -299,7 +299,7 @@ TEST_F(CmResolverTest, AnswersWhenTheLimitHasPassed_ThoughTheSystemHangs) {
     EXPECT_EQ(CM_OK, other.result);
 }
 
-TEST_F(CmResolverTest, HasNoLimit_WithTheLargestValue) {
+TEST_F(CmResolverTest, HasNoLimit_WhenTheLimitIsTheLargestValue) {
     CCmResolver resolver;
     Record record;
     ASSERT_EQ(CM_OK, Ask(resolver, "host.test", record, CCmTimeValue::s_tvMax));
@@ -340,7 +340,7 @@ TEST_F(CmResolverTest, EndsAnAnswerUnfired_WhenItIsCancelled) {
     EXPECT_EQ(0, record.resolved);
 }
 
-TEST_F(CmResolverTest, IsCancelled_ThoughTheAnswerIsPosted) {
+TEST_F(CmResolverTest, IsCancelled_WhenTheAnswerIsPosted) {
     CCmResolver resolver;
     Record record;
     uint64_t ullId = 0;
@@ -428,7 +428,7 @@ TEST_F(CmResolverTest, AnswersOrEndsEveryQuestion_WhileManyThreadsAskAndCancel) 
     EXPECT_LE(THREADS * QUESTIONS / 2, record.resolved);
 }
 
-TEST_F(CmResolverTest, AnswersThatNoThreadCouldBeStarted) {
+TEST_F(CmResolverTest, SaysSo_WhenNoThreadCanBeStarted) {
     typedef kelto_test::FailingCall<&CCmSystemTable::pthread_create> NoThread;
     CCmResolver resolver;
     Record record;
@@ -450,7 +450,7 @@ TEST_F(CmResolverTest, AnswersThatNoThreadCouldBeStarted) {
     EXPECT_EQ(CM_OK, third.result);
 }
 
-TEST_F(CmResolverTest, SurvivesWithoutMemory) {
+TEST_F(CmResolverTest, Survives_WithoutMemory) {
     for (unsigned long ulNth = 1;; ++ulNth) {
         Record record;
         bool bHit = false;

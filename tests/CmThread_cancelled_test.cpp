@@ -341,7 +341,7 @@ void TerminateIn(std::function<void()> aWork, Condition aIsThere) {
     pThread->Destory(0);
 }
 
-TEST_P(CmCancelledThread, EndsTheEventOnce_WhoeverRunsIt) {
+TEST_P(CmCancelledThread, EndsTheEventOnce_WhateverRunsIt) {
     const long lLive = kelto_test::LiveAllocationsBefore();
     std::atomic<int> nEnded{0};
     CCmEventQueueBase queue;

@@ -229,7 +229,7 @@ TEST(CmThreadStress, WakesServedAndUnservedSenders_WhenTheirQueueGoesAtOnce) {
     EXPECT_EQ(lLive, kelto_test::LiveAllocations());
 }
 
-TEST(CmThreadStress, LeavesNothing_WhenDetachedWorkersAreDestroyedRightBehindStop) {
+TEST(CmThreadStress, LeavesNothing_WhenDetachedWorkersAreDestroyedRightAfterStop) {
     const int nLives = Scaled(1000);
     const long lLive = kelto_test::LiveAllocationsBefore();
     Balance balance;
@@ -249,7 +249,7 @@ TEST(CmThreadStress, LeavesNothing_WhenDetachedWorkersAreDestroyedRightBehindSto
 }
 
 // Sends back and forth, from event to event.
-TEST(CmThreadStress, ServesSendersThatAreWorkersThemselves) {
+TEST(CmThreadStress, ServesSenders_WhenTheyAreWorkersThemselves) {
     const int nSends = Scaled(2000);
     ACmThread* pSender = nullptr;
     ACmThread* pWorker = nullptr;
@@ -282,7 +282,7 @@ TEST(CmThreadStress, ServesSendersThatAreWorkersThemselves) {
 
 void IgnoreSignal(int) {}
 
-TEST(CmThreadStress, SendsReturnTheirResults_UnderAStormOfSignals) {
+TEST(CmThreadStress, SendsReturnTheirResults_WhenSignalsKeepComing) {
     struct sigaction action = {};
     struct sigaction saved = {};
     action.sa_handler = IgnoreSignal;  // without SA_RESTART: calls are interrupted

@@ -120,7 +120,7 @@ class CmThreadTaskTimes : public testing::Test {
     std::vector<std::unique_ptr<kelto_test::RecordingHandler>> m_handlers;
 };
 
-TEST_F(CmThreadTaskTimes, FiresAtOnce_WhatBecameDueDuringAHandler) {
+TEST_F(CmThreadTaskTimes, FiresATimerAtOnce_WhenItBecameDueDuringAHandler) {
     Schedule(1, 10, 510);
     Schedule(2, 300, 0);
     Schedule(3, 490, 0);
@@ -140,7 +140,7 @@ TEST_F(CmThreadTaskTimes, KeepsItsPace_WhenAHandlerTakesLongerThanItsInterval) {
     EXPECT_EQ((std::vector<long long>{60, 160, 260, 360, 460}), m_firedAtMs);
 }
 
-TEST_F(CmThreadTaskTimes, WaitsForTheRest_BehindAHandlerThatTookTime) {
+TEST_F(CmThreadTaskTimes, WaitsForTheRest_AfterAHandlerThatTookTime) {
     Schedule(1, 10, 100);
     Schedule(2, 300, 25);
     NotedWaits noted(*m_pTask, m_clock, 3);
@@ -157,7 +157,7 @@ TEST_F(CmThreadTaskTimes, NeverWaitsLongerThanTheQueueSays_WhenTheClockIsSetBack
     EXPECT_EQ((std::vector<long>{10000, 290000}), noted.waits);
 }
 
-TEST_F(CmThreadTaskTimes, ReadsTheClockOnceMore_OnlyBehindAFiring) {
+TEST_F(CmThreadTaskTimes, ReadsTheClockOnceMore_AfterAFiringOnly) {
     Schedule(1, 10, 0, 2);
     m_handlers[0]->SetAction({});
     m_clock.AdvanceMs(10);
@@ -190,7 +190,7 @@ TEST(CmThreadTask, HasATimerQueue_WhenAskedFor) {
     }
 }
 
-TEST(CmThreadTask, TracesItsLife_ToTheCharacter) {
+TEST(CmThreadTask, TracesItsLifeToTheCharacter) {
     const char* apRunLines[] = {
         "UTIL INFO: CCmThreadTaskWithEventQueueOnly::OnThreadRun this=0x#",
         "UTIL INFO: CCmThreadTask::OnThreadRun, Begin. this=0x#",
@@ -213,7 +213,7 @@ TEST(CmThreadTask, TracesItsLife_ToTheCharacter) {
     }
 }
 
-TEST(CmThreadTask, RunsWhatWasPostedBeforeStop_AndRefusesTheRest) {
+TEST(CmThreadTask, RunsWhatIsPendingAndRefusesTheRest_AfterStop) {
     for (bool bWithTimerQueue : {false, true}) {
         EventLog log;
         Ids expected;
@@ -236,7 +236,7 @@ TEST(CmThreadTask, RunsWhatWasPostedBeforeStop_AndRefusesTheRest) {
     }
 }
 
-TEST(CmThreadTask, EndsUnfired_WhatIsPendingWhenItsLoopEnds) {
+TEST(CmThreadTask, EndsEventsUnfired_WhenItsLoopEndsBeforeTheirTurn) {
     EventLog log;
     ACmThread* pThread = nullptr;
     ASSERT_EQ(CM_OK, CreateUserTaskThread(&pThread, TF_JOINABLE, true, TYPE));
@@ -471,7 +471,7 @@ TEST(CmThreadTask, TakesEverythingAtOnce_WhenItHasNoTimerQueue) {
     EXPECT_EQ(31u, log.fired().size());
 }
 
-TEST(CmThreadTask, StopFlagStartsStopped_AndStartsWithTheThread) {
+TEST(CmThreadTask, StopFlagIsSet_BeforeTheThreadStarts) {
     CCmStopFlag plain;
     EXPECT_FALSE(plain.IsFlagStopped());
     CCmThreadTaskWithEventQueueOnly* pTask = new CCmThreadTaskWithEventQueueOnly;
@@ -673,7 +673,7 @@ TEST(CmEventStopT, SetsTheStopFlag_WhenItIsItsTurn) {
     pEvent->OnDestorySelf();
 }
 
-TEST(CmEventStopT, DoesNothing_WithoutAThread) {
+TEST(CmEventStopT, SetsNoStopFlag_WithoutAThread) {
     CCmEventStopT<FakeWorker> event(nullptr);
     EXPECT_EQ(CM_OK, event.OnEventFire());
 }

@@ -78,7 +78,7 @@ TEST(CmThread, RunsItsBody_WithoutAnInitOfItsOwn) {
     EXPECT_TRUE(life.ran);
 }
 
-TEST(CmThread, TracesItsLife_ToTheCharacter) {
+TEST(CmThread, TracesItsLifeToTheCharacter) {
     kelto_test::ScopedTraceSink sink;
     Life life;
     life.released = true;
@@ -95,7 +95,7 @@ TEST(CmThread, TracesItsLife_ToTheCharacter) {
               MaskAddresses(sink.lines()[1].text));
 }
 
-TEST(CmThread, RefusesASecondCreate) {
+TEST(CmThread, RefusesCreate_WhenCreatedAlready) {
     kelto_test::ScopedTraceSink sink;
     Life life;
     life.released = true;
@@ -216,7 +216,7 @@ TEST(CmThread, LeavesTheOthersRegistered_WhenOneIsUnregistered) {
     EXPECT_EQ(CM_OK, UnRegisterThread(&first));
 }
 
-TEST(CmThread, FindsItself_OnItsOwnThread) {
+TEST(CmThread, FindsItself_WhenOnItsOwnThread) {
     ACmThread* pThread = nullptr;
     ASSERT_EQ(CM_OK, CreateUserTaskThread(&pThread, TF_JOINABLE, false, TYPE));
     ACmThread* pFound = nullptr;
@@ -325,7 +325,7 @@ TEST(CmThread, UnregistersItself_WhenItIsDestroyed) {
     EXPECT_EQ(nBefore, RegisteredThreads());
 }
 
-TEST(CmThread, CannotJoinItself) {
+TEST(CmThread, JoinFails_WhenOnItsOwnThread) {
     kelto_test::ScopedTraceSink sink;
     ACmThread* pThread = nullptr;
     ASSERT_EQ(CM_OK, CreateUserTaskThread(&pThread, TF_JOINABLE, false, TYPE));
@@ -385,7 +385,7 @@ TEST(CmThread, LivesUntilItsBodyEnds_WhenADetachedOneIsDestroyedBefore) {
     EXPECT_TRUE(Eventually([&] { return life.deleted.load(); }));
 }
 
-TEST(CmThread, IsDeletedAtOnce_WhenADetachedOneIsDestroyedBehindItsBody) {
+TEST(CmThread, IsDeletedAtOnce_WhenADetachedOneIsDestroyedAfterItsBody) {
     Life life;
     life.released = true;
     BodyThread* pThread = new BodyThread(life);
@@ -582,7 +582,7 @@ int CountedAttrDestroy(pthread_attr_t* aAttributes) {
     return pthread_attr_destroy(aAttributes);
 }
 
-TEST(CmThread, DestroysTheAttributes_WhetherItFailsOrNot) {
+TEST(CmThread, DestroysTheAttributes_WhateverFails) {
     kelto_test::ScopedEntry<decltype(g_cmSystem.pthread_attr_init)> init(
         g_cmSystem.pthread_attr_init, &CountedAttrInit);
     kelto_test::ScopedEntry<decltype(g_cmSystem.pthread_attr_destroy)> destroy(

@@ -104,7 +104,7 @@ struct Wheel {
     const char* reason;
 };
 
-TEST_F(CmTimerQueueCalendar, Constructor_SizesTheWheel) {
+TEST_F(CmTimerQueueCalendar, ConstructorSizesTheWheel) {
     const Wheel rows[] = {
         {5, 30, "100000000", "10", "both raised"},
         {9, 60000, "100000000", "5999", "interval raised to 10"},
@@ -132,7 +132,7 @@ TEST_F(CmTimerQueueCalendar, Constructor_SizesTheWheel) {
     }
 }
 
-TEST_F(CmTimerQueueCalendar, Schedule_RefusesNullHandler) {
+TEST_F(CmTimerQueueCalendar, ScheduleRefuses_WhenTheHandlerIsNull) {
     EXPECT_EQ(CM_ERROR_INVALID_ARG, m_queue.ScheduleTimer(nullptr, nullptr, Ms(10), 1));
     ASSERT_EQ(1U, m_sink.lines().size());
     EXPECT_EQ(0U, m_sink.lines()[0].level);
@@ -140,7 +140,7 @@ TEST_F(CmTimerQueueCalendar, Schedule_RefusesNullHandler) {
               m_sink.lines()[0].text);
 }
 
-TEST_F(CmTimerQueueCalendar, Cancel_RefusesNullHandler) {
+TEST_F(CmTimerQueueCalendar, CancelRefuses_WhenTheHandlerIsNull) {
     EXPECT_EQ(CM_ERROR_INVALID_ARG, m_queue.CancelTimer(nullptr));
     ASSERT_EQ(1U, m_sink.lines().size());
     EXPECT_EQ("UTIL ERROR: source/util/CmTimerQueueCalendar.cpp:157 Assert failed: aEh",
@@ -153,7 +153,7 @@ struct DistanceRow {
     const char* reason;
 };
 
-TEST_F(CmTimerQueueCalendar, Distance_IsRoundedUp) {
+TEST_F(CmTimerQueueCalendar, DistanceIsRoundedUp) {
     const DistanceRow rows[] = {
         {CCmTimeValue(0, 1000), 2, "1 ms: distance 1"},
         {CCmTimeValue(0, 10000), 2, "10 ms: distance 1"},
@@ -185,7 +185,7 @@ struct ClampRow {
     const char* reason;
 };
 
-TEST_F(CmTimerQueueCalendar, Clamp_TracesAndShortens) {
+TEST_F(CmTimerQueueCalendar, ClampTracesAndShortens) {
     const ClampRow rows[] = {
         {CCmTimeValue(0, 90001), nullptr, "90 ms and a microsecond fit"},
         {CCmTimeValue(0, 91000), "interval_s=0 interval_us=91000 dwDistance=10", "91 ms"},
@@ -215,36 +215,36 @@ TEST_F(CmTimerQueueCalendar, Clamp_TracesAndShortens) {
     }
 }
 
-TEST_F(CmTimerQueueCalendar, Clamp_GoesToLastSlot_WhenWheelStandsAtZero) {
+TEST_F(CmTimerQueueCalendar, ClampGoesToLastSlot_WhenWheelStandsAtZero) {
     Schedule(0, 5000);
     EXPECT_EQ(11, TicksToFiring());
 }
 
-TEST_F(CmTimerQueueCalendar, Clamp_GoesToNextTick_WhenWheelStandsElsewhere) {
+TEST_F(CmTimerQueueCalendar, ClampGoesToNextTick_WhenWheelStandsElsewhere) {
     Tick(3);
     Schedule(0, 5000);
     EXPECT_EQ(1, TicksToFiring());
 }
 
-TEST_F(CmTimerQueueCalendar, Wrap_LandsOneSlotFurther) {
+TEST_F(CmTimerQueueCalendar, WrapLandsOneSlotFurther) {
     Tick(5);
     Schedule(0, 60);  // slot 1: ticks of slots 5 to 10, 0 and 1
     EXPECT_EQ(8, TicksToFiring());
 }
 
-TEST_F(CmTimerQueueCalendar, Wrap_DoesNotHappenAtTheLastSlot) {
+TEST_F(CmTimerQueueCalendar, WrapDoesNotHappen_WhenTheSlotIsTheLast) {
     Tick(5);
     Schedule(0, 50);  // slot 10
     EXPECT_EQ(6, TicksToFiring());
 }
 
-TEST_F(CmTimerQueueCalendar, Tick_GoesRound) {
+TEST_F(CmTimerQueueCalendar, TickGoesRound) {
     Tick(10);
     Schedule(0, 10);  // from slot 10 to slot 1, by way of slot 0
     EXPECT_EQ(3, TicksToFiring());
 }
 
-TEST_F(CmTimerQueueCalendar, Tick_HandsOverTimeAndToken) {
+TEST_F(CmTimerQueueCalendar, TickHandsOverTimeAndToken) {
     int nToken = 0;
     m_queue.ScheduleTimer(Handler(0), &nToken, Ms(10), 1);
     m_clock.AdvanceUsec(1234567);
@@ -254,7 +254,7 @@ TEST_F(CmTimerQueueCalendar, Tick_HandsOverTimeAndToken) {
     EXPECT_EQ(&nToken, m_log[0].token);
 }
 
-TEST_F(CmTimerQueueCalendar, Tick_ReadsTheClockOncePerSlot) {
+TEST_F(CmTimerQueueCalendar, TickReadsTheClockOncePerSlot) {
     Schedule(0, 10);
     Schedule(1, 10);
     Handler(1)->SetAction([this] { m_clock.AdvanceMs(7); });
@@ -264,7 +264,7 @@ TEST_F(CmTimerQueueCalendar, Tick_ReadsTheClockOncePerSlot) {
     EXPECT_EQ(1U, m_clock.reads());
 }
 
-TEST_F(CmTimerQueueCalendar, Tick_FiresNewestFirst) {
+TEST_F(CmTimerQueueCalendar, TickFiresNewestFirst) {
     Schedule(0, 10);
     Schedule(1, 10);
     Schedule(2, 10);
@@ -272,7 +272,7 @@ TEST_F(CmTimerQueueCalendar, Tick_FiresNewestFirst) {
     EXPECT_EQ((std::vector<int>{2, 1, 0}), Ids(m_log));
 }
 
-TEST_F(CmTimerQueueCalendar, Tick_IgnoresTheClock) {
+TEST_F(CmTimerQueueCalendar, TickIgnoresTheClock) {
     Schedule(0, 50);
     m_clock.Set(START + 1000000);
     Tick(5);
@@ -282,7 +282,7 @@ TEST_F(CmTimerQueueCalendar, Tick_IgnoresTheClock) {
     EXPECT_EQ(1U, m_log.size());
 }
 
-TEST_F(CmTimerQueueCalendar, Tick_FiresLimitedTimerAsOftenAsAsked) {
+TEST_F(CmTimerQueueCalendar, TickFiresAsOftenAsAsked_WhenTheCountIsLimited) {
     Schedule(0, 10, 2);
     Tick(20);
     EXPECT_EQ(2U, m_log.size());
@@ -290,20 +290,20 @@ TEST_F(CmTimerQueueCalendar, Tick_FiresLimitedTimerAsOftenAsAsked) {
     EXPECT_EQ(CM_OK, Schedule(0, 10));
 }
 
-TEST_F(CmTimerQueueCalendar, Tick_RearmsFromTheTickThatFired) {
+TEST_F(CmTimerQueueCalendar, TickRearmsFromTheTickThatFired) {
     Schedule(0, 30, 0);
     EXPECT_EQ(4, TicksToFiring());
     EXPECT_EQ(3, TicksToFiring());
     EXPECT_EQ(3, TicksToFiring());
 }
 
-TEST_F(CmTimerQueueCalendar, Tick_FiresAgainInTheSameTick_WhenDistanceIsZero) {
+TEST_F(CmTimerQueueCalendar, TickFiresAgainInTheSameTick_WhenDistanceIsZero) {
     m_queue.ScheduleTimer(Handler(0), nullptr, CCmTimeValue(0, 500), 4);
     Tick();
     EXPECT_EQ(4U, m_log.size());
 }
 
-TEST_F(CmTimerQueueCalendar, Tick_FiresAgainInTheSameTick_WhenClampedOffSlotZero) {
+TEST_F(CmTimerQueueCalendar, TickFiresAgainInTheSameTick_WhenClampedOffSlotZero) {
     Tick(1);
     Schedule(0, 5000, 3);
     Tick();
@@ -311,13 +311,13 @@ TEST_F(CmTimerQueueCalendar, Tick_FiresAgainInTheSameTick_WhenClampedOffSlotZero
     EXPECT_EQ(3U, m_sink.lines().size());  // one per insertion: scheduled, re-armed twice
 }
 
-TEST_F(CmTimerQueueCalendar, Schedule_TakesAnyIntervalWithAnyCount) {
+TEST_F(CmTimerQueueCalendar, ScheduleSucceeds_WhateverIntervalAndCount) {
     EXPECT_EQ(CM_OK, Schedule(0, 0, 0));
     EXPECT_EQ(CM_OK, Schedule(1, -10, 0));
     EXPECT_EQ(CM_ERROR_FOUND, Schedule(1, -10, 1));
 }
 
-TEST_F(CmTimerQueueCalendar, Schedule_FindsPendingTimerAndReplacesIt) {
+TEST_F(CmTimerQueueCalendar, ScheduleFindsAndReplacesTheTimer_WhenItIsPending) {
     int nToken = 0;
     EXPECT_EQ(CM_OK, Schedule(0, 10, 0));
     EXPECT_EQ(CM_ERROR_FOUND, m_queue.ScheduleTimer(Handler(0), &nToken, Ms(40), 1));
@@ -326,7 +326,7 @@ TEST_F(CmTimerQueueCalendar, Schedule_FindsPendingTimerAndReplacesIt) {
     EXPECT_EQ(&nToken, m_log[0].token);
 }
 
-TEST_F(CmTimerQueueCalendar, Schedule_UnlinksFromTheMiddleOfASlot) {
+TEST_F(CmTimerQueueCalendar, ScheduleUnlinksTheTimer_WhenItIsInTheMiddleOfASlot) {
     Schedule(0, 10);
     Schedule(1, 10);
     Schedule(2, 10);
@@ -335,14 +335,14 @@ TEST_F(CmTimerQueueCalendar, Schedule_UnlinksFromTheMiddleOfASlot) {
     EXPECT_EQ((std::vector<int>{2, 0, 1}), Ids(m_log));
 }
 
-TEST_F(CmTimerQueueCalendar, Cancel_DropsTimerWithoutCallingIt) {
+TEST_F(CmTimerQueueCalendar, CancelDropsTheTimer_WithoutCallingIt) {
     Schedule(0, 10, 0);
     EXPECT_EQ(CM_OK, Cancel(0));
     EXPECT_EQ(CM_ERROR_NOT_FOUND, Cancel(0));
     EXPECT_EQ(0, TicksToFiring());
 }
 
-TEST_F(CmTimerQueueCalendar, Zero_FiresOnceThroughTheEventQueue) {
+TEST_F(CmTimerQueueCalendar, ZeroTimerFiresOnceThroughTheEventQueue) {
     int nToken = 0;
     EXPECT_EQ(CM_OK, m_queue.ScheduleTimer(Handler(0), &nToken, Ms(0), 5));
     EXPECT_EQ(1U, m_events.m_events.size());
@@ -358,7 +358,7 @@ TEST_F(CmTimerQueueCalendar, Zero_FiresOnceThroughTheEventQueue) {
     EXPECT_EQ(CM_ERROR_NOT_FOUND, Cancel(0));
 }
 
-TEST_F(CmTimerQueueCalendar, Zero_TimersShareOneEventAndFireNewestFirst) {
+TEST_F(CmTimerQueueCalendar, ZeroTimersShareOneEventAndFireNewestFirst) {
     EXPECT_EQ(CM_OK, Schedule(0, 0));
     EXPECT_EQ(CM_OK, Schedule(1, 0));
     EXPECT_EQ(1U, m_events.m_events.size());
@@ -368,14 +368,14 @@ TEST_F(CmTimerQueueCalendar, Zero_TimersShareOneEventAndFireNewestFirst) {
     EXPECT_EQ(1U, m_events.m_events.size());
 }
 
-TEST_F(CmTimerQueueCalendar, Zero_PassReadsTheClockOnce) {
+TEST_F(CmTimerQueueCalendar, ZeroTimersReadTheClockOncePerPass) {
     Schedule(0, 0);
     Schedule(1, 0);
     m_events.RunAll();
     EXPECT_EQ(1U, m_clock.reads());
 }
 
-TEST_F(CmTimerQueueCalendar, Zero_RescheduleReplacesAndIsNotFound) {
+TEST_F(CmTimerQueueCalendar, ZeroTimerIsReplacedAndNotFound_WhenRescheduled) {
     int nToken = 0;
     EXPECT_EQ(CM_OK, Schedule(0, 0));
     EXPECT_EQ(CM_OK, m_queue.ScheduleTimer(Handler(0), &nToken, Ms(0), 1));
@@ -384,7 +384,7 @@ TEST_F(CmTimerQueueCalendar, Zero_RescheduleReplacesAndIsNotFound) {
     EXPECT_EQ(&nToken, m_log[0].token);
 }
 
-TEST_F(CmTimerQueueCalendar, Zero_RescheduledToAnIntervalIsNotFound) {
+TEST_F(CmTimerQueueCalendar, ZeroTimerIsNotFound_WhenRescheduledToAnInterval) {
     EXPECT_EQ(CM_OK, Schedule(0, 0));
     EXPECT_EQ(CM_OK, Schedule(0, 10));
     m_events.RunAll();
@@ -392,14 +392,14 @@ TEST_F(CmTimerQueueCalendar, Zero_RescheduledToAnIntervalIsNotFound) {
     EXPECT_EQ(2, TicksToFiring());
 }
 
-TEST_F(CmTimerQueueCalendar, Zero_CancelDropsTheTimerAndReportsNotFound) {
+TEST_F(CmTimerQueueCalendar, ZeroTimerIsDroppedAndNotFound_WhenCancelled) {
     Schedule(0, 0);
     EXPECT_EQ(CM_ERROR_NOT_FOUND, Cancel(0));
     m_events.RunAll();
     EXPECT_TRUE(m_log.empty());
 }
 
-TEST_F(CmTimerQueueCalendar, Zero_RefusedPostEndsTheTimer) {
+TEST_F(CmTimerQueueCalendar, ZeroTimerEnds_WhenThePostIsRefused) {
     m_events.m_rvNext = CM_ERROR_NOT_INITIALIZED;
     EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, Schedule(0, 0));
     m_events.m_rvNext = CM_OK;
@@ -417,39 +417,39 @@ class HastyEventQueue : public FakeEventQueue {
     }
 };
 
-TEST_F(CmTimerQueueCalendar, Zero_RefusedPostEndsOnlyAPendingTimer) {
+TEST_F(CmTimerQueueCalendar, ZeroTimerEndsOnlyIfPending_WhenThePostIsRefused) {
     HastyEventQueue events;
     CCmTimerQueueCalendar queue(10, 110, &events);
     EXPECT_EQ(CM_ERROR_FAILURE, queue.ScheduleTimer(Handler(0), nullptr, Ms(0), 1));
     EXPECT_EQ(std::vector<int>{0}, Ids(m_log));
 }
 
-TEST_F(CmTimerQueueCalendar, Zero_RefusedPostEndsTheWheelTimerBefore) {
+TEST_F(CmTimerQueueCalendar, ZeroTimerEndsTheWheelTimerBefore_WhenThePostIsRefused) {
     Schedule(0, 10, 0);
     m_events.m_rvNext = CM_ERROR_NOT_INITIALIZED;
     EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, Schedule(0, 0));
     EXPECT_EQ(0, TicksToFiring());
 }
 
-TEST_F(CmTimerQueueCalendar, Zero_WithoutEventQueueIsRefused) {
+TEST_F(CmTimerQueueCalendar, ZeroTimerIsRefused_WithoutAnEventQueue) {
     CCmTimerQueueCalendar queue(10, 110, nullptr);
     EXPECT_EQ(CM_ERROR_NULL_POINTER, queue.ScheduleTimer(Handler(0), nullptr, Ms(0), 1));
     EXPECT_EQ(CM_OK, queue.ScheduleTimer(Handler(0), nullptr, Ms(10), 1));
 }
 
-TEST_F(CmTimerQueueCalendar, ToZero_ReturnsOk_WhenItPostsTheEvent) {
+TEST_F(CmTimerQueueCalendar, ReschedulingToZeroReturnsOk_WhenItPostsTheEvent) {
     Schedule(0, 10);
     EXPECT_EQ(CM_OK, Schedule(0, 0));
 }
 
-TEST_F(CmTimerQueueCalendar, ToZero_ReturnsFound_WhenTheEventIsPending) {
+TEST_F(CmTimerQueueCalendar, ReschedulingToZeroReturnsFound_WhenTheEventIsPending) {
     Schedule(0, 10);
     Schedule(1, 0);
     EXPECT_EQ(CM_ERROR_FOUND, Schedule(0, 0));
     EXPECT_EQ(1U, m_events.m_events.size());
 }
 
-TEST_F(CmTimerQueueCalendar, ToZero_KeepsItsEntry_SoThatCancelMissesIt) {
+TEST_F(CmTimerQueueCalendar, ReschedulingToZeroKeepsTheEntryThatCancelMisses) {
     Schedule(0, 10);
     Schedule(0, 0);
     EXPECT_EQ(CM_ERROR_NOT_FOUND, Cancel(0));
@@ -458,7 +458,7 @@ TEST_F(CmTimerQueueCalendar, ToZero_KeepsItsEntry_SoThatCancelMissesIt) {
     EXPECT_EQ(0, TicksToFiring());
 }
 
-TEST_F(CmTimerQueueCalendar, ToZero_KeepsItsEntry_SoThatZeroTimersAddUp) {
+TEST_F(CmTimerQueueCalendar, ReschedulingToZeroKeepsTheEntryThatZeroTimersAddTo) {
     Schedule(0, 10);
     EXPECT_EQ(CM_OK, Schedule(0, 0));
     EXPECT_EQ(CM_OK, Schedule(0, 0));
@@ -466,7 +466,7 @@ TEST_F(CmTimerQueueCalendar, ToZero_KeepsItsEntry_SoThatZeroTimersAddUp) {
     EXPECT_EQ((std::vector<int>{0, 0}), Ids(m_log));
 }
 
-TEST_F(CmTimerQueueCalendar, ToZero_AndBackToAnInterval_FiresBoth) {
+TEST_F(CmTimerQueueCalendar, ReschedulingToZeroAndBackFiresBoth) {
     Schedule(0, 10);
     EXPECT_EQ(CM_OK, Schedule(0, 0));
     EXPECT_EQ(CM_OK, Schedule(0, 10));
@@ -475,7 +475,7 @@ TEST_F(CmTimerQueueCalendar, ToZero_AndBackToAnInterval_FiresBoth) {
     EXPECT_EQ((std::vector<int>{0, 0}), Ids(m_log));
 }
 
-TEST_F(CmTimerQueueCalendar, ToZero_DuplicatesAreDroppedFromTheHead) {
+TEST_F(CmTimerQueueCalendar, ReschedulingToZeroDropsDuplicatesFromTheHead) {
     int nTokens[2];
     Schedule(0, 10);
     m_queue.ScheduleTimer(Handler(0), &nTokens[0], Ms(0), 1);
@@ -489,7 +489,7 @@ TEST_F(CmTimerQueueCalendar, ToZero_DuplicatesAreDroppedFromTheHead) {
     EXPECT_EQ(&nTokens[0], m_log[0].token);
 }
 
-TEST_F(CmTimerQueueCalendar, ToZero_StaleEntryTouchesNoOneElsesTimer) {
+TEST_F(CmTimerQueueCalendar, ReschedulingToZeroTouchesNoOneElsesTimer_WhenItsEntryIsStale) {
     Schedule(0, 10);
     Schedule(0, 0);
     m_events.RunAll();
@@ -499,7 +499,7 @@ TEST_F(CmTimerQueueCalendar, ToZero_StaleEntryTouchesNoOneElsesTimer) {
     EXPECT_EQ((std::vector<int>{0, 1}), Ids(m_log));
 }
 
-TEST_F(CmTimerQueueCalendar, Handler_CancelsItsPeriodicTimer) {
+TEST_F(CmTimerQueueCalendar, HandlerCancelsItsPeriodicTimer) {
     CmResult rv = CM_ERROR_FAILURE;
     Handler(0)->SetAction([&] { rv = Cancel(0); });
     Schedule(0, 10, 0);
@@ -508,7 +508,7 @@ TEST_F(CmTimerQueueCalendar, Handler_CancelsItsPeriodicTimer) {
     EXPECT_EQ(0, TicksToFiring());
 }
 
-TEST_F(CmTimerQueueCalendar, Handler_FindsItsLastFiringGone) {
+TEST_F(CmTimerQueueCalendar, HandlerIsNotFound_WhenItFiresTheLastTime) {
     CmResult rv = CM_OK;
     Handler(0)->SetAction([&] { rv = Cancel(0); });
     Schedule(0, 10, 1);
@@ -516,7 +516,7 @@ TEST_F(CmTimerQueueCalendar, Handler_FindsItsLastFiringGone) {
     EXPECT_EQ(CM_ERROR_NOT_FOUND, rv);
 }
 
-TEST_F(CmTimerQueueCalendar, Handler_ReschedulesItself) {
+TEST_F(CmTimerQueueCalendar, HandlerReschedulesItself) {
     std::vector<CmResult> results;
     Handler(0)->SetAction([&] { results.push_back(Schedule(0, 20, 1)); });
     Schedule(0, 10, 0);
@@ -525,7 +525,7 @@ TEST_F(CmTimerQueueCalendar, Handler_ReschedulesItself) {
     EXPECT_EQ((std::vector<CmResult>{CM_ERROR_FOUND, CM_OK}), results);
 }
 
-TEST_F(CmTimerQueueCalendar, Handler_CancelsTheRestOfItsSlot) {
+TEST_F(CmTimerQueueCalendar, HandlerCancelsTheRestOfItsSlot) {
     Schedule(0, 10, 0);
     Schedule(1, 10, 0);
     Schedule(2, 10, 0);
@@ -539,7 +539,7 @@ TEST_F(CmTimerQueueCalendar, Handler_CancelsTheRestOfItsSlot) {
     EXPECT_EQ(std::vector<int>{2}, Ids(m_log));
 }
 
-TEST_F(CmTimerQueueCalendar, Handler_AddsZeroTimerWhileTheyFire) {
+TEST_F(CmTimerQueueCalendar, HandlerAddsAZeroTimer_WhileTheyFire) {
     Handler(0)->SetAction([this] {
         if (m_log.size() < 3) {
             EXPECT_EQ(CM_OK, Schedule(1, 0));
@@ -557,7 +557,7 @@ TEST_F(CmTimerQueueCalendar, Handler_AddsZeroTimerWhileTheyFire) {
     EXPECT_EQ(2U, m_log.size());
 }
 
-TEST_F(CmTimerQueueCalendar, Handler_CancelsAnotherZeroTimerWhileTheyFire) {
+TEST_F(CmTimerQueueCalendar, HandlerCancelsAnotherZeroTimer_WhileTheyFire) {
     Schedule(0, 0);
     Schedule(1, 0);
     Handler(1)->SetAction([this] { EXPECT_EQ(CM_ERROR_NOT_FOUND, Cancel(0)); });
@@ -565,13 +565,13 @@ TEST_F(CmTimerQueueCalendar, Handler_CancelsAnotherZeroTimerWhileTheyFire) {
     EXPECT_EQ(std::vector<int>{1}, Ids(m_log));
 }
 
-TEST_F(CmTimerQueueCalendar, EndOfEvent_LeavesTheQueueAlive) {
+TEST_F(CmTimerQueueCalendar, QueueLives_AfterTheEndOfTheEvent) {
     static_cast<ICmEvent&>(m_queue).OnDestorySelf();
     EXPECT_EQ(CM_OK, Schedule(0, 10));
     EXPECT_EQ(2, TicksToFiring());
 }
 
-TEST_F(CmTimerQueueCalendar, Destructor_FreesTheTimerOfAnySlot) {
+TEST_F(CmTimerQueueCalendar, DestructorFreesTheTimerOfAnySlot) {
     for (int nTicks = 0; nTicks < 11; ++nTicks) {
         for (long lUsec = 500; lUsec < 100000; lUsec += 10000) {
             const long lLive = kelto_test::LiveAllocations();
@@ -587,7 +587,7 @@ TEST_F(CmTimerQueueCalendar, Destructor_FreesTheTimerOfAnySlot) {
     }
 }
 
-TEST_F(CmTimerQueueCalendar, Destructor_FreesTheTimerThatWaitsForItsEvent) {
+TEST_F(CmTimerQueueCalendar, DestructorFreesATimer_WhenItWaitsForItsEvent) {
     m_events.m_priorities.reserve(1);
     const long lLive = kelto_test::LiveAllocations();
     {
@@ -598,7 +598,7 @@ TEST_F(CmTimerQueueCalendar, Destructor_FreesTheTimerThatWaitsForItsEvent) {
     EXPECT_EQ(lLive, kelto_test::LiveAllocations());
 }
 
-TEST_F(CmTimerQueueCalendar, Destructor_FreesWhatHasFired) {
+TEST_F(CmTimerQueueCalendar, DestructorFreesWhatHasFired) {
     m_events.m_priorities.reserve(1);
     m_log.reserve(2);
     const long lLive = kelto_test::LiveAllocations();
@@ -614,7 +614,7 @@ TEST_F(CmTimerQueueCalendar, Destructor_FreesWhatHasFired) {
     EXPECT_EQ(lLive, kelto_test::LiveAllocations());
 }
 
-TEST_F(CmTimerQueueCalendar, Destructor_FreesWhatAFailedScheduleHadAllocated) {
+TEST_F(CmTimerQueueCalendar, DestructorFreesAll_WhenAScheduleHadFailed) {
     const long lLive = kelto_test::LiveAllocations();
     for (unsigned long ulNth = 1; ulNth <= 3; ++ulNth) {
         CCmTimerQueueCalendar queue(10, 110, &m_events);
@@ -643,7 +643,7 @@ TEST_F(CmTimerQueueCalendar, DestructorDropsTimersSilently) {
     EXPECT_GE(lLive + 1, kelto_test::LiveAllocations());  // the sink's vector may keep its memory
 }
 
-TEST_F(CmTimerQueueCalendar, Constructor_TakesTheThreadsEventQueue) {
+TEST_F(CmTimerQueueCalendar, ConstructorTakesTheThreadsEventQueue) {
     CCmThreadHeartBeat* pThread = new CCmThreadHeartBeat;
     ASSERT_EQ(CM_OK, pThread->Create(TT_MAIN, TF_JOINABLE, 1));
     pThread->OnThreadInit();
@@ -657,7 +657,7 @@ TEST_F(CmTimerQueueCalendar, Constructor_TakesTheThreadsEventQueue) {
     pThread->Destory(CM_OK);
 }
 
-TEST_F(CmTimerQueueCalendar, Allocation_FailureOfTheWheelRefusesTimers) {
+TEST_F(CmTimerQueueCalendar, RefusesTimers_WhenTheWheelCannotBeAllocated) {
     std::unique_ptr<CCmTimerQueueCalendar> pQueue;
     void* pMemory = ::operator new(sizeof(CCmTimerQueueCalendar));
     {
@@ -672,7 +672,7 @@ TEST_F(CmTimerQueueCalendar, Allocation_FailureOfTheWheelRefusesTimers) {
     EXPECT_EQ(CM_OK, pQueue->OnEventFire());
 }
 
-TEST_F(CmTimerQueueCalendar, Allocation_FailureOfAnyStepChangesNothing) {
+TEST_F(CmTimerQueueCalendar, ChangesNothing_WhateverAllocationFails) {
     Schedule(0, 10);
     // The node; the room for the entry; the entry. What a step before got is kept.
     for (unsigned long ulNth : {1, 2, 2}) {
@@ -687,7 +687,7 @@ TEST_F(CmTimerQueueCalendar, Allocation_FailureOfAnyStepChangesNothing) {
     EXPECT_EQ((std::vector<int>{1, 0}), Ids(m_log));
 }
 
-TEST_F(CmTimerQueueCalendar, Allocation_FailureKeepsTheZeroTimerBefore) {
+TEST_F(CmTimerQueueCalendar, KeepsTheZeroTimerBefore_WhenAnAllocationFails) {
     Schedule(0, 0);
     {
         ScopedAllocationFault fault(1);
@@ -701,7 +701,7 @@ TEST_F(CmTimerQueueCalendar, Allocation_FailureKeepsTheZeroTimerBefore) {
     EXPECT_EQ(std::vector<int>{0}, Ids(m_log));
 }
 
-TEST_F(CmTimerQueueCalendar, Allocation_IsNotNeededToReschedule) {
+TEST_F(CmTimerQueueCalendar, AllocatesNothing_WhenRescheduled) {
     Schedule(0, 10);
     ScopedAllocationFault fault(1, Failing::FROM_THERE_ON);
     EXPECT_EQ(CM_ERROR_FOUND, Schedule(0, 30));
@@ -709,7 +709,7 @@ TEST_F(CmTimerQueueCalendar, Allocation_IsNotNeededToReschedule) {
     EXPECT_FALSE(fault.hit());
 }
 
-TEST_F(CmTimerQueueCalendar, Allocation_IsNotNeededInSteadyState) {
+TEST_F(CmTimerQueueCalendar, AllocatesNothing_WhenInSteadyState) {
     std::vector<CountingHandler> handlers(50);
     for (CountingHandler& handler : handlers) {
         m_queue.ScheduleTimer(&handler, nullptr, Ms(20), 0);
@@ -728,7 +728,7 @@ TEST_F(CmTimerQueueCalendar, Allocation_IsNotNeededInSteadyState) {
 
 // Memory of its own that the queue has, in allocations, behind each of the ways in which timers
 // end and start.
-TEST_F(CmTimerQueueCalendar, Allocation_HoldsNoMore_AfterManyTimers) {
+TEST_F(CmTimerQueueCalendar, HoldsNoMoreMemory_AfterManyTimers) {
     CountingHandler periodic;
     CountingHandler once;
     CountingHandler cancelled;
@@ -755,7 +755,7 @@ TEST_F(CmTimerQueueCalendar, Allocation_HoldsNoMore_AfterManyTimers) {
     EXPECT_EQ(0U, cancelled.count());
 }
 
-TEST(CmTimerQueueCalendarModel, BehavesLikeTheModel_OnRandomOperations) {
+TEST(CmTimerQueueCalendarModel, BehavesLikeTheModel_WhateverTheOperations) {
     ScopedTraceSink sink;
     int nClamped = 0;
     for (unsigned int dwSeed = 1; dwSeed <= 3000; ++dwSeed) {

@@ -64,7 +64,7 @@ TEST_F(CmTimerQueueOrderedList, FiresNewestFirst_WhenExpiryIsEqual) {
     EXPECT_EQ((std::vector<int>{2, 1, 0}), FiredAfterMs(10));
 }
 
-TEST_F(CmTimerQueueOrderedList, RearmedTimerIsTheNewest) {
+TEST_F(CmTimerQueueOrderedList, IsTheNewest_WhenRearmed) {
     Schedule(0, 10, 0);
     Schedule(1, 20);
     // Re-armed for 20 ms as well, behind the schedule of timer 1.
@@ -72,14 +72,14 @@ TEST_F(CmTimerQueueOrderedList, RearmedTimerIsTheNewest) {
     EXPECT_EQ((std::vector<int>{0, 1}), FiredAfterMs(10));
 }
 
-TEST_F(CmTimerQueueOrderedList, PeriodicTimersSwapOrder_OnEveryFiring) {
+TEST_F(CmTimerQueueOrderedList, PeriodicTimersSwapOrderOnEveryFiring) {
     Schedule(0, 10, 0);
     Schedule(1, 10, 0);
     EXPECT_EQ((std::vector<int>{1, 0}), FiredAfterMs(10));
     EXPECT_EQ((std::vector<int>{0, 1}), FiredAfterMs(10));
 }
 
-TEST_F(CmTimerQueueOrderedList, RescheduledTimerMovesForward) {
+TEST_F(CmTimerQueueOrderedList, MovesForward_WhenRescheduledToEarlier) {
     Schedule(0, 10);
     Schedule(1, 20);
     Schedule(2, 30);
@@ -87,7 +87,7 @@ TEST_F(CmTimerQueueOrderedList, RescheduledTimerMovesForward) {
     EXPECT_EQ((std::vector<int>{2, 0, 1}), FiredAfterMs(100));
 }
 
-TEST_F(CmTimerQueueOrderedList, RescheduledTimerMovesBack) {
+TEST_F(CmTimerQueueOrderedList, MovesBack_WhenRescheduledToLater) {
     Schedule(0, 10);
     Schedule(1, 20);
     Schedule(2, 30);
@@ -95,14 +95,14 @@ TEST_F(CmTimerQueueOrderedList, RescheduledTimerMovesBack) {
     EXPECT_EQ((std::vector<int>{1, 0, 2}), FiredAfterMs(100));
 }
 
-TEST_F(CmTimerQueueOrderedList, RescheduledTimerMovesToTheEnd) {
+TEST_F(CmTimerQueueOrderedList, MovesToTheEnd_WhenRescheduledToTheLatest) {
     Schedule(0, 10);
     Schedule(1, 20);
     EXPECT_EQ(CM_ERROR_FOUND, Schedule(0, 50));
     EXPECT_EQ((std::vector<int>{1, 0}), FiredAfterMs(100));
 }
 
-TEST_F(CmTimerQueueOrderedList, RescheduledTimerIsTheNewestOfItsExpiry) {
+TEST_F(CmTimerQueueOrderedList, IsTheNewestOfItsExpiry_WhenRescheduled) {
     Schedule(0, 10);
     Schedule(1, 10);
     EXPECT_EQ(CM_ERROR_FOUND, Schedule(0, 10));
@@ -110,7 +110,7 @@ TEST_F(CmTimerQueueOrderedList, RescheduledTimerIsTheNewestOfItsExpiry) {
     EXPECT_EQ((std::vector<int>{0, 1}), FiredAfterMs(10));
 }
 
-TEST_F(CmTimerQueueOrderedList, RescheduledTimerStaysAlone) {
+TEST_F(CmTimerQueueOrderedList, StaysAlone_WhenRescheduled) {
     Schedule(0, 10);
     EXPECT_EQ(CM_ERROR_FOUND, Schedule(0, 10));
     EXPECT_EQ(CM_ERROR_FOUND, Schedule(0, 40));
@@ -157,7 +157,7 @@ class OpenList : public CCmTimerQueueOrderedList {
     }
 };
 
-TEST_F(CmTimerQueueOrderedList, PopOfEmptyList_WritesAssertion) {
+TEST_F(CmTimerQueueOrderedList, PopWritesAnAssertion_WhenTheListIsEmpty) {
     ScopedTraceSink sink;
     OpenList list;
     OpenList::CNode node;
@@ -170,7 +170,7 @@ TEST_F(CmTimerQueueOrderedList, PopOfEmptyList_WritesAssertion) {
     EXPECT_EQ(nullptr, node.m_pEh);
 }
 
-TEST_F(CmTimerQueueOrderedList, Primitives_ReturnWhatTheyDid) {
+TEST_F(CmTimerQueueOrderedList, PrimitivesReturnWhatTheyDid) {
     OpenList list;
     CCmTimeValue tvEarliest(7);
     EXPECT_EQ(-1, list.GetEarliestTime_l(tvEarliest));
@@ -187,13 +187,13 @@ TEST_F(CmTimerQueueOrderedList, Primitives_ReturnWhatTheyDid) {
     EXPECT_EQ(1, list.EraseNode_l(m_handlers[0].get()));
 }
 
-TEST_F(CmTimerQueueOrderedList, RePushNode_TakesANodeIntoANewList) {
+TEST_F(CmTimerQueueOrderedList, RePushNodeTakesANodeIntoANewList) {
     OpenList list;
     EXPECT_EQ(0, list.RePushNode_l(OpenList::Node(m_handlers[0].get(), 10)));
     EXPECT_EQ(0, list.EraseNode_l(m_handlers[0].get()));
 }
 
-TEST_F(CmTimerQueueOrderedList, Allocation_FailureChangesNothing) {
+TEST_F(CmTimerQueueOrderedList, ChangesNothing_WhenAnAllocationFails) {
     Schedule(0, 10);
     {
         ScopedAllocationFault fault(1);
@@ -204,7 +204,7 @@ TEST_F(CmTimerQueueOrderedList, Allocation_FailureChangesNothing) {
     EXPECT_EQ(std::vector<int>{0}, FiredAfterMs(10));
 }
 
-TEST_F(CmTimerQueueOrderedList, Allocation_FailureOnEmptyQueueIsNotObserved) {
+TEST_F(CmTimerQueueOrderedList, TellsNoObserver_WhenTheFirstAllocationFails) {
     class Observer : public ICmObserver {
       public:
         virtual ~Observer() = default;
@@ -222,7 +222,7 @@ TEST_F(CmTimerQueueOrderedList, Allocation_FailureOnEmptyQueueIsNotObserved) {
     EXPECT_EQ(1, observer.m_nCalls);
 }
 
-TEST_F(CmTimerQueueOrderedList, Allocation_IsNotNeededToReschedule) {
+TEST_F(CmTimerQueueOrderedList, AllocatesNothing_WhenRescheduled) {
     Schedule(0, 10);
     Schedule(1, 20);
     ScopedAllocationFault fault(1, kelto_test::Failing::FROM_THERE_ON);
@@ -231,7 +231,7 @@ TEST_F(CmTimerQueueOrderedList, Allocation_IsNotNeededToReschedule) {
     EXPECT_FALSE(fault.hit());
 }
 
-TEST_F(CmTimerQueueOrderedList, Allocation_IsNotNeededInSteadyState) {
+TEST_F(CmTimerQueueOrderedList, AllocatesNothing_WhenInSteadyState) {
     std::vector<CountingHandler> handlers(50);
     for (CountingHandler& handler : handlers) {
         m_queue.ScheduleTimer(&handler, nullptr, Ms(10), 0);
@@ -250,7 +250,7 @@ TEST_F(CmTimerQueueOrderedList, Allocation_IsNotNeededInSteadyState) {
 
 // Memory of its own that the queue has, in allocations, behind each of the ways in which timers
 // end and start.
-TEST_F(CmTimerQueueOrderedList, Allocation_HoldsNoMore_AfterManyTimers) {
+TEST_F(CmTimerQueueOrderedList, HoldsNoMoreMemory_AfterManyTimers) {
     constexpr int TIMES = 10000;
     CountingHandler periodic;
     m_queue.ScheduleTimer(&periodic, nullptr, Ms(10), 0);
@@ -271,7 +271,7 @@ TEST_F(CmTimerQueueOrderedList, Allocation_HoldsNoMore_AfterManyTimers) {
     EXPECT_EQ(TIMES + 1UL, periodic.count());
 }
 
-TEST_F(CmTimerQueueOrderedList, Allocation_IsNotMoreThanTheMostTimersAtATime) {
+TEST_F(CmTimerQueueOrderedList, AllocatesNoMoreThanTheMostTimersAtATime) {
     std::vector<CountingHandler> handlers(500);
     const auto scheduleAll = [&] {
         for (CountingHandler& handler : handlers) {
@@ -302,7 +302,7 @@ TEST(CmTimerQueueOrderedListAlone, FreesAllThatItHeld) {
     EXPECT_EQ(lLive, kelto_test::LiveAllocations());
 }
 
-TEST(CmTimerQueueOrderedListModel, BehavesLikeTheModel_OnRandomOperations) {
+TEST(CmTimerQueueOrderedListModel, BehavesLikeTheModel_WhateverTheOperations) {
     kelto_test::ScopedTraceSink sink;  // refused schedules write lines
     for (unsigned int dwSeed = 1; dwSeed <= 3000; ++dwSeed) {
         const std::vector<uint8_t> bytes = kelto_test::RandomBytes(dwSeed, 800);
@@ -310,7 +310,7 @@ TEST(CmTimerQueueOrderedListModel, BehavesLikeTheModel_OnRandomOperations) {
     }
 }
 
-TEST(CmTimerHandlerIndexT, FindsWhatWasInserted_ThroughGrowthAndErasure) {
+TEST(CmTimerHandlerIndexT, FindsWhatWasInserted_AfterGrowthAndErasure) {
     constexpr int COUNT = 1000;
     Firings log;
     std::vector<std::unique_ptr<RecordingHandler>> handlers;

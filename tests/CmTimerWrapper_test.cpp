@@ -64,7 +64,7 @@ class CmTimerWrapperID : public testing::Test {
     CCmThreadHeartBeat* m_pThread = new CCmThreadHeartBeat;
 };
 
-TEST(CmTimerWrapperIDAlone, ScheduleFails_OnThreadWithoutLibraryThread) {
+TEST(CmTimerWrapperIDAlone, ScheduleFails_WhenTheThreadIsNotTheLibrarys) {
     ScopedTraceSink sink;
     CmResult rvSchedule = CM_OK;
     CmResult rvCancel = CM_ERROR_FAILURE;
@@ -83,7 +83,7 @@ TEST(CmTimerWrapperIDAlone, ScheduleFails_OnThreadWithoutLibraryThread) {
         kelto_test::MaskAddresses(sink.lines()[0].text));
 }
 
-TEST(CmTimerWrapperIDAlone, ScheduleFails_OnThreadWithoutTimerQueue) {
+TEST(CmTimerWrapperIDAlone, ScheduleFails_WhenTheThreadHasNoTimerQueue) {
     ScopedTraceSink sink;
     CCmThreadTaskWithEventQueueOnly* pThread = new CCmThreadTaskWithEventQueueOnly;
     ASSERT_EQ(CM_OK, pThread->Create(TT_MAIN, TF_JOINABLE, 1));
@@ -93,7 +93,7 @@ TEST(CmTimerWrapperIDAlone, ScheduleFails_OnThreadWithoutTimerQueue) {
     pThread->Destory(CM_OK);
 }
 
-TEST_F(CmTimerWrapperID, CancelOfNeverScheduledTimer_IsOk) {
+TEST_F(CmTimerWrapperID, CancelSucceeds_WhenNeverScheduled) {
     CCmTimerWrapperID timer;
     EXPECT_EQ(CM_OK, timer.Cancel());
 }
@@ -108,14 +108,14 @@ TEST_F(CmTimerWrapperID, TellsItsSink) {
     EXPECT_EQ((std::vector<CCmTimerWrapperID*>{&timer, &timer}), m_recorder.m_ids);
 }
 
-TEST_F(CmTimerWrapperID, ScheduleWithNullSink_FiresSilently) {
+TEST_F(CmTimerWrapperID, FiresSilently_WhenTheSinkIsNull) {
     CCmTimerWrapperID timer;
     EXPECT_EQ(CM_OK, timer.Schedule(nullptr, Ms(10), 1));
     EXPECT_EQ(0U, FiredAfterMs(10));
     EXPECT_EQ(CM_ERROR_NOT_FOUND, timer.Cancel());
 }
 
-TEST_F(CmTimerWrapperID, SecondSchedule_Reschedules) {
+TEST_F(CmTimerWrapperID, ScheduleReschedules_WhenScheduledAlready) {
     RecordingSink other;
     CCmTimerWrapperID timer;
     EXPECT_EQ(CM_OK, timer.Schedule(&other, Ms(10), 0));
@@ -124,7 +124,7 @@ TEST_F(CmTimerWrapperID, SecondSchedule_Reschedules) {
     EXPECT_TRUE(other.m_ids.empty());
 }
 
-TEST_F(CmTimerWrapperID, Cancel_StopsTheTimer) {
+TEST_F(CmTimerWrapperID, CancelStopsTheTimer) {
     CCmTimerWrapperID timer;
     timer.Schedule(&m_recorder, Ms(10), 0);
     EXPECT_EQ(CM_OK, timer.Cancel());
@@ -132,7 +132,7 @@ TEST_F(CmTimerWrapperID, Cancel_StopsTheTimer) {
     EXPECT_EQ(0U, FiredAfterMs(100));
 }
 
-TEST_F(CmTimerWrapperID, CancelAfterLastFiring_IsNotFoundOnce) {
+TEST_F(CmTimerWrapperID, CancelFindsNothingOnce_AfterTheLastFiring) {
     CCmTimerWrapperID timer;
     timer.Schedule(&m_recorder, Ms(10), 1);
     EXPECT_EQ(1U, FiredAfterMs(10));
@@ -140,13 +140,13 @@ TEST_F(CmTimerWrapperID, CancelAfterLastFiring_IsNotFoundOnce) {
     EXPECT_EQ(CM_OK, timer.Cancel());
 }
 
-TEST_F(CmTimerWrapperID, RefusedSchedule_CountsAsScheduled) {
+TEST_F(CmTimerWrapperID, CountsAsScheduled_WhenTheScheduleIsRefused) {
     CCmTimerWrapperID timer;
     EXPECT_EQ(CM_ERROR_INVALID_ARG, timer.Schedule(&m_recorder, Ms(0), 0));
     EXPECT_EQ(CM_ERROR_NOT_FOUND, timer.Cancel());
 }
 
-TEST_F(CmTimerWrapperID, ScheduleWithoutMemory_CountsAsScheduled) {
+TEST_F(CmTimerWrapperID, CountsAsScheduled_WithoutMemory) {
     CCmTimerWrapperID timer;
     {
         kelto_test::ScopedAllocationFault fault(1);
@@ -157,7 +157,7 @@ TEST_F(CmTimerWrapperID, ScheduleWithoutMemory_CountsAsScheduled) {
     EXPECT_EQ(0U, FiredAfterMs(100));
 }
 
-TEST_F(CmTimerWrapperID, Destructor_CancelsTheTimer) {
+TEST_F(CmTimerWrapperID, DestructorCancelsTheTimer) {
     {
         CCmTimerWrapperID timer;
         timer.Schedule(&m_recorder, Ms(10), 0);
@@ -165,7 +165,7 @@ TEST_F(CmTimerWrapperID, Destructor_CancelsTheTimer) {
     EXPECT_EQ(0U, FiredAfterMs(100));
 }
 
-TEST_F(CmTimerWrapperID, Sink_MayDestroyTheTimer) {
+TEST_F(CmTimerWrapperID, SinkMayDestroyTheTimer) {
     std::unique_ptr<CCmTimerWrapperID> pTimer = std::make_unique<CCmTimerWrapperID>();
     m_recorder.m_action = [&] { pTimer.reset(); };
     pTimer->Schedule(&m_recorder, Ms(10), 0);
@@ -259,14 +259,14 @@ TEST_F(CmTimerWrapperIDOnCalendar, TellsItsSink) {
     EXPECT_EQ(2U, Fired());
 }
 
-TEST_F(CmTimerWrapperIDOnCalendar, Destructor_EndsWhatTheQueueDoesNotFind) {
+TEST_F(CmTimerWrapperIDOnCalendar, DestructorEndsATimer_WhenTheQueueDoesNotFindIt) {
     EXPECT_EQ(CM_OK, Schedule(50));
     EXPECT_EQ(CM_OK, Schedule(0));
     m_pTimer.reset();
     EXPECT_EQ(0U, Fired());
 }
 
-TEST_F(CmTimerWrapperIDOnCalendar, Cancel_EndsWhatTheQueueDoesNotFind) {
+TEST_F(CmTimerWrapperIDOnCalendar, CancelEndsATimer_WhenTheQueueDoesNotFindIt) {
     Schedule(50);
     Schedule(0);
     EXPECT_EQ(CM_OK, Schedule(50));  // the zero timer stays beside it
@@ -278,7 +278,7 @@ TEST_F(CmTimerWrapperIDOnCalendar, Cancel_EndsWhatTheQueueDoesNotFind) {
     EXPECT_EQ(0U, Fired());
 }
 
-TEST_F(CmTimerWrapperIDOnCalendar, Cancel_EndsEveryZeroTimerAndNobodyElses) {
+TEST_F(CmTimerWrapperIDOnCalendar, CancelEndsEveryZeroTimerAndNobodyElses) {
     RecordingSink others;
     CCmTimerWrapperID before;
     CCmTimerWrapperID between;
@@ -292,7 +292,7 @@ TEST_F(CmTimerWrapperIDOnCalendar, Cancel_EndsEveryZeroTimerAndNobodyElses) {
     EXPECT_EQ((std::vector<CCmTimerWrapperID*>{&between, &before}), others.m_ids);
 }
 
-TEST_F(CmTimerWrapperIDOnCalendar, Cancel_InTheSinkEndsTheRest) {
+TEST_F(CmTimerWrapperIDOnCalendar, CancelEndsTheRest_WhenInTheSink) {
     Schedule(50);
     Schedule(0);
     Schedule(0);
@@ -300,7 +300,7 @@ TEST_F(CmTimerWrapperIDOnCalendar, Cancel_InTheSinkEndsTheRest) {
     EXPECT_EQ(1U, Fired());
 }
 
-TEST_F(CmTimerWrapperIDOnCalendar, TheQueuesOwnCancel_StillMissesWhatItDoesNotFind) {
+TEST_F(CmTimerWrapperIDOnCalendar, CancelOfTheQueueMissesATimer_WhenItDoesNotFindIt) {
     Schedule(50);
     Schedule(0);
     EXPECT_EQ(CM_ERROR_NOT_FOUND, m_pThread->m_Calendar.CancelTimer(m_pTimer.get()));
@@ -339,7 +339,7 @@ int InChild(const std::function<bool()>& aCase) {
     return WIFEXITED(nStatus) ? WEXITSTATUS(nStatus) : -1;
 }
 
-TEST(CmLowTick, NowReadsTheClock_AndRecordsMissingTimerQueue) {
+TEST(CmLowTick, NowReadsTheClockAndSaysSo_WithoutATimerQueue) {
     EXPECT_EQ(0, InChild([] {
                   ScopedTraceSink sink;
                   ScopedClock clock;
@@ -366,7 +366,7 @@ TEST(CmLowTick, NowIsReadAfresh) {
               }));
 }
 
-TEST(CmLowTick, InstanceIsTheSame_AndHasItsTimer_OnThreadWithTimerQueue) {
+TEST(CmLowTick, InstanceIsTheSameAndHasItsTimer_WhenTheThreadHasATimerQueue) {
     EXPECT_EQ(
         0, InChild([] {
             ScopedTraceSink sink;
@@ -400,7 +400,7 @@ TEST(CmLowTick, InstanceCancelsItsTimer_WhenItIsDestroyed) {
               }));
 }
 
-TEST(CmLowTick, InstanceWithoutMemory_IsTriedAgain) {
+TEST(CmLowTick, InstanceIsTriedAgain_WhenThereWasNoMemory) {
     EXPECT_EQ(0, InChild([] {
                   ScopedTraceSink sink;
                   tick_policy::now();  // its singleton is there
@@ -416,7 +416,7 @@ TEST(CmLowTick, InstanceWithoutMemory_IsTriedAgain) {
               }));
 }
 
-TEST(CmLowTick, ThreadsMeetOneInstance) {
+TEST(CmLowTick, InstanceIsOne_WhenThreadsMeet) {
     EXPECT_EQ(0, InChild([] {
                   ScopedTraceSink sink;
                   std::vector<Generator*> generators(8);
@@ -442,7 +442,7 @@ struct AsksForTheTime {
     long long m_llTime;
 };
 
-TEST(CmLowTick, FirstUse_DoesNotWaitForTheSingletonMutex_WithItsOwnHeld) {
+TEST(CmLowTick, InstanceIsMadeWithoutTheSingletonMutex_WhileItsOwnIsHeld) {
     EXPECT_EQ(0, InChild([]() CM_NO_THREAD_SAFETY_ANALYSIS {
                   ScopedTraceSink sink;
                   alarm(20);  // ends a child whose threads lock each other out

@@ -27,7 +27,7 @@ using kelto_test::LiveAllocations;
 using kelto_test::LiveAllocationsBefore;
 using kelto_test::TaskThread;
 
-TEST(CCmTimer, FiresUntilItEnds) {
+TEST(CCmTimer, FiresAgainAndAgain_UntilItEnds) {
     CCmWorker worker;
     std::atomic<int> fired{0};
     std::atomic<int> ends{0};
@@ -58,7 +58,7 @@ TEST(CCmTimer, FiresSoManyTimes) {
     EXPECT_EQ(CM_ERROR_NOT_FOUND, timer.Cancel());
 }
 
-TEST(CCmTimer, WaitsOnlyWhileTheCallableRuns) {
+TEST(CCmTimer, Waits_WhileTheCallableRunsOnly) {
     Gate gate;
     Gate begun;
     Gate second;
@@ -93,7 +93,7 @@ TEST(CCmTimer, WaitsOnlyWhileTheCallableRuns) {
     second.Open();
 }
 
-TEST(CCmTimer, EndsInsideItsCallable) {
+TEST(CCmTimer, Ends_WhenInsideItsCallable) {
     CCmWorker worker;
     Gate done;
     std::atomic<int> fired{0};
@@ -113,7 +113,7 @@ TEST(CCmTimer, EndsInsideItsCallable) {
     EXPECT_EQ(1, fired);
 }
 
-TEST(CCmTimer, CancelsAtOnceOnTheWorkersThread) {
+TEST(CCmTimer, CancelsAtOnce_WhenOnTheWorkersThread) {
     CCmWorker worker;
     std::atomic<int> fired{0};
     CmCall(worker, [&] {
@@ -136,7 +136,7 @@ TEST(CCmTimer, OutlivesItsWorker) {
     EXPECT_EQ(CM_ERROR_NOT_FOUND, timer.Cancel());
 }
 
-TEST(CCmTimer, MovesAndEndsWhatItHad) {
+TEST(CCmTimer, EndsWhatItHad_WhenAnotherIsMovedIn) {
     CCmWorker worker;
     std::atomic<int> firstEnds{0};
     std::atomic<int> secondEnds{0};
@@ -151,14 +151,14 @@ TEST(CCmTimer, MovesAndEndsWhatItHad) {
     EXPECT_EQ(CM_ERROR_NOT_FOUND, timer.Result());
 }
 
-TEST(CCmTimer, SaysWhyItWasRefused) {
+TEST(CCmTimer, SaysWhy_WhenItIsRefused) {
     CCmWorker worker;
     EXPECT_EQ(CM_ERROR_INVALID_ARG, CCmTimer(worker, 0ms, [] {}).Result());
     worker.Stop();
     EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, CCmTimer(worker, 1ms, [] {}).Result());
 }
 
-TEST(CCmTimer, ManyFireAndEndOnSeveralThreads) {
+TEST(CCmTimer, LosesNothing_WhenManyFireAndEndOnSeveralThreads) {
     const long lLive = LiveAllocationsBefore();
     {
         CCmWorker worker;

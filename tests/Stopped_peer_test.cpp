@@ -169,7 +169,7 @@ int StatusWithStoppedPeer(Body aBody) {
     });
 }
 
-TEST(StoppedPeer, HoldsUpNoWriteToAnotherFile) {
+TEST(StoppedPeer, HoldsUpNoWrite_WhenItIsToAnotherFile) {
     EXPECT_EQ(0, StatusWithStoppedPeer([](StoppedPeer& aPeer) {
                   EXPECT_TRUE(aPeer.Returns([&] { aPeer.B().write(nullptr, nullptr, "line"); }));
                   EXPECT_NE(std::string::npos, ReadFile(aPeer.Path("b")).find(" line\n"));
@@ -226,7 +226,7 @@ TEST(StoppedPeer, HoldsUpNoThread_BeforeTheFacilityExists) {
               }));
 }
 
-TEST(StoppedPeer, LetsSettingsInForceWhenTheWriterGetsOn) {
+TEST(StoppedPeer, LetsSettingsInForce_WhenTheWriterGetsOn) {
     EXPECT_EQ(0, StatusWithStoppedPeer([](StoppedPeer& aPeer) {
                   WriteFile(aPeer.Path("a"), Header(500) + std::string(468, 'o'));
                   EXPECT_TRUE(aPeer.Returns([&] { aPeer.A().refresh_settings(500, 7); }));

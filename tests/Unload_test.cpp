@@ -27,7 +27,7 @@ bool IsLoaded(const char* aPath) {
 // Loads a library and closes it again.
 class Unload : public testing::TestWithParam<const char*> {};
 
-TEST_P(Unload, Library_Stays_WhenItIsClosed) {
+TEST_P(Unload, LibraryStays_WhenItIsClosed) {
     ASSERT_FALSE(IsLoaded(GetParam()));
     void* hLibrary = dlopen(GetParam(), RTLD_NOW | RTLD_LOCAL);
     ASSERT_NE(nullptr, hLibrary) << dlerror();

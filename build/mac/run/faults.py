@@ -28,7 +28,7 @@ FAULTS = [
           "source/util/CmTimerQueueOrderedList.cpp",
           r"if \(m_pSpares->empty\(\)\) \{", "{",
           "tests/CmTimerQueueOrderedList_test", "CmTimerQueueOrderedList.cpp",
-          ["--gtest_filter=*Allocation*"], "PASSED"),
+          ["--gtest_filter=*Alloc*:*Memory*"], "PASSED"),
     Fault("a clean-up handler missing from a wait",
           "source/util/CmCancel.h",
           r"g_cmSystem\.(push|pop)_cleanup\(&m_Handler\);", "",

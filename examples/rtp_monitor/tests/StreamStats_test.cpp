@@ -72,14 +72,14 @@ TEST(StreamStats, CountsDuplicates_WithoutHidingLost) {
     EXPECT_EQ(report.outOfOrder, 0U);
 }
 
-TEST(StreamStats, CountsSwappedPair_AsOneLate) {
+TEST(StreamStats, CountsOneLate_WhenAPairIsSwapped) {
     const StreamReport report = ReportOf({10, 11, 13, 12, 14});
     EXPECT_EQ(report.outOfOrder, 1U);
     EXPECT_EQ(report.lost, 0U);
     EXPECT_EQ(report.duplicates, 0U);
 }
 
-TEST(StreamStats, TellsSecondLateCopy_AsDuplicate) {
+TEST(StreamStats, CountsADuplicate_WhenALatePacketComesAgain) {
     const StreamReport report = ReportOf({10, 12, 11, 11});
     EXPECT_EQ(report.outOfOrder, 1U);
     EXPECT_EQ(report.duplicates, 1U);
@@ -92,14 +92,14 @@ TEST(StreamStats, ExpectsPacketsBeforeTheFirst_WhenTheyComeLate) {
     EXPECT_EQ(report.outOfOrder, 1U);
 }
 
-TEST(StreamStats, GoesOnAcrossWrapAround) {
+TEST(StreamStats, GoesOn_WhenTheNumbersWrapAround) {
     const StreamReport report = ReportOf({65534, 65535, 0, 2});
     EXPECT_EQ(report.expected, 5U);
     EXPECT_EQ(report.lost, 1U);
     EXPECT_EQ(report.restarts, 0U);
 }
 
-TEST(StreamStats, ReordersAcrossWrapAround) {
+TEST(StreamStats, Reorders_WhenTheNumbersWrapAround) {
     const StreamReport report = ReportOf({65534, 0, 65535, 1, 65535});
     EXPECT_EQ(report.expected, 4U);
     EXPECT_EQ(report.outOfOrder, 1U);
@@ -116,13 +116,13 @@ TEST(StreamStats, CountsThreeRoundsOfTheCircle) {
     EXPECT_EQ(stats.Report().lost, 0U);
 }
 
-TEST(StreamStats, LongestStepForward_IsLoss) {
+TEST(StreamStats, CountsLoss_WhenTheStepForwardIsTheLongest) {
     const StreamReport report = ReportOf({10, 11, 11 + 2999});
     EXPECT_EQ(report.expected, 3001U);
     EXPECT_EQ(report.lost, 2998U);
 }
 
-TEST(StreamStats, LongerStepForward_IsAJumpThatCountsNothing) {
+TEST(StreamStats, CountsAJumpAndNothingElse_WhenTheStepForwardIsLonger) {
     const StreamReport report = ReportOf({10, 11, 11 + 3000, 12});
     EXPECT_EQ(report.expected, 3U);
     EXPECT_EQ(report.lost, 0U);
@@ -130,13 +130,13 @@ TEST(StreamStats, LongerStepForward_IsAJumpThatCountsNothing) {
     EXPECT_EQ(report.packets, 4U);
 }
 
-TEST(StreamStats, LongestStepBack_IsLate) {
+TEST(StreamStats, CountsOneLate_WhenTheStepBackIsTheLongest) {
     const StreamReport report = ReportOf({200, 201, 202, 202 - 99});
     EXPECT_EQ(report.outOfOrder, 1U);
     EXPECT_EQ(report.expected, 100U);
 }
 
-TEST(StreamStats, LongerStepBack_IsAJump) {
+TEST(StreamStats, CountsAJump_WhenTheStepBackIsLonger) {
     const StreamReport report = ReportOf({200, 201, 202, 202 - 100});
     EXPECT_EQ(report.outOfOrder, 0U);
     EXPECT_EQ(report.expected, 3U);
@@ -156,7 +156,7 @@ TEST(StreamStats, DoesNotStartAnew_AfterTwoLoneJumps) {
     EXPECT_EQ(report.lost, 0U);
 }
 
-TEST(StreamStats, IsConfirmed_ByTwoInSequence) {
+TEST(StreamStats, IsConfirmed_AfterTwoInSequence) {
     StreamStats stats(0);
     EXPECT_FALSE(stats.IsConfirmed());
     stats.OnPacket(Header(10, 0), 1, 0);
@@ -167,7 +167,7 @@ TEST(StreamStats, IsConfirmed_ByTwoInSequence) {
     EXPECT_TRUE(stats.IsConfirmed());
 }
 
-TEST(StreamStats, IsConfirmed_ByTwoInSequenceBehindAJump) {
+TEST(StreamStats, IsConfirmed_AfterAJumpAndTwoInSequence) {
     StreamStats stats(0);
     stats.OnPacket(Header(10, 0), 1, 0);
     stats.OnPacket(Header(30000, 0), 1, 0);
@@ -199,7 +199,7 @@ TEST(StreamStats, HasNoJitter_WithoutAClock) {
     EXPECT_EQ(stats.Report().clockRate, 0U);
 }
 
-TEST(StreamStats, RestartWithAnotherTimestamp_IsNoJitter) {
+TEST(StreamStats, CountsNoJitter_WhenItRestartsWithAnotherTimestamp) {
     StreamStats stats(CLOCK_RATE);
     stats.OnPacket(Header(1, 0), 1, 0);
     stats.OnPacket(Header(2, PACKET_UNITS), 1, 20000);
@@ -210,7 +210,7 @@ TEST(StreamStats, RestartWithAnotherTimestamp_IsNoJitter) {
     EXPECT_EQ(stats.Report().jitterMs, 0);
 }
 
-TEST(StreamStats, PacketThatBelongsNowhere_IsNoJitter) {
+TEST(StreamStats, CountsNoJitter_WhenAPacketBelongsNowhere) {
     StreamStats stats(CLOCK_RATE);
     stats.OnPacket(Header(1, 0), 1, 0);
     stats.OnPacket(Header(2, PACKET_UNITS), 1, 20000);
@@ -224,11 +224,11 @@ TEST(StreamStats, TakesBitRateOverTheStreamsLife) {
     EXPECT_DOUBLE_EQ(ReportOf({1, 2, 3, 4, 5}).bitRate, 50000);
 }
 
-TEST(StreamStats, HasNoBitRate_OfOnePacket) {
+TEST(StreamStats, HasNoBitRate_WhenThereIsOnePacket) {
     EXPECT_EQ(ReportOf({1}).bitRate, 0);
 }
 
-TEST(StreamStats, TakesIntervalBitRate_OfTheClosedIntervalOnly) {
+TEST(StreamStats, TakesTheIntervalBitRateOfTheClosedIntervalOnly) {
     StreamStats stats(0);
     stats.OnPacket(Header(1, 0), 1000, 0);
     EXPECT_EQ(stats.Report().intervalBitRate, 0);
