@@ -14,6 +14,7 @@
 #include "support/Events.h"
 #include "support/Eventually.h"
 #include "support/Faults.h"
+#include "support/Gate.h"
 #include "support/TraceSink.h"
 
 namespace UTIL_NS {
@@ -29,6 +30,7 @@ using kelto_test::g_nLines;
 using kelto_test::g_nLinesUnderLock;
 using kelto_test::g_nSignals;
 using kelto_test::g_nWaits;
+using kelto_test::Gate;
 using kelto_test::IdsUpTo;
 using kelto_test::LockedLines;
 using kelto_test::LoggedEvent;
@@ -170,11 +172,11 @@ TEST(CmEventQueueUsingConditionVariable, SignalsOnce_WhenTwoPostsComeBeforeItsCo
     EXPECT_EQ(1, g_nSignals.load());
 }
 
-std::atomic<bool> g_bFirstSignalHeld{false};
-std::atomic<bool> g_bSignalMayGo{false};
+Gate s_firstSignalHeld;
+Gate s_signalMayGo;
 int FirstSignalHeld(pthread_cond_t* aCondition) {
-    if (!g_bFirstSignalHeld.exchange(true)) {
-        Eventually([] { return g_bSignalMayGo.load(); });
+    if (s_firstSignalHeld.Open()) {
+        s_signalMayGo.Wait();
     }
     return CountedSignal(aCondition);
 }
@@ -183,23 +185,24 @@ TEST(CmEventQueueUsingConditionVariable, Signals_WhenAnEarlierPosterHasNotGotToI
     EventLog log;
     CCmEventQueueUsingConditionVariable queue;
     WaitCounter counter;
-    g_bFirstSignalHeld = g_bSignalMayGo = false;
+    s_firstSignalHeld.Close();
+    s_signalMayGo.Close();
     kelto_test::ScopedEntry<decltype(g_cmSystem.pthread_cond_signal)> signal(
         g_cmSystem.pthread_cond_signal, &FirstSignalHeld);
-    std::atomic<bool> bTook{false};
+    Gate took;
     std::thread consumer([&] {
         Events events;
         EXPECT_EQ(CM_OK, queue.PopOrWaitPendingEvents(events, nullptr));
         queue.ProcessEvents(events);
-        bTook = true;
+        took.Open();
     });
     EXPECT_TRUE(Eventually([] { return g_nWaits == 1; }));
     std::this_thread::sleep_for(std::chrono::milliseconds(10));  // let it wait
     std::thread preempted([&] { Post(queue, log, 1, 1); });
-    EXPECT_TRUE(Eventually([] { return g_bFirstSignalHeld.load(); }));
+    EXPECT_TRUE(s_firstSignalHeld.Wait());
     Post(queue, log, 2, 2);
-    EXPECT_TRUE(Eventually([&] { return bTook.load(); }));
-    EXPECT_FALSE(g_bSignalMayGo);
+    EXPECT_TRUE(took.Wait());
+    EXPECT_FALSE(s_signalMayGo.IsOpen());
     EXPECT_EQ((Ids{1, 2}), log.fired());
     // And the late signal is not taken for one of the next wait.
     std::thread next([&] {
@@ -209,7 +212,7 @@ TEST(CmEventQueueUsingConditionVariable, Signals_WhenAnEarlierPosterHasNotGotToI
         queue.ProcessEvents(events);
     });
     EXPECT_TRUE(Eventually([] { return g_nWaits == 2; }));
-    g_bSignalMayGo = true;
+    s_signalMayGo.Open();
     preempted.join();
     EXPECT_TRUE(Eventually([] { return g_nSignals == 2; }));
     Post(queue, log, 3, 3);
@@ -335,13 +338,13 @@ TEST(CmEventQueueUsingConditionVariable, TriesAgainAtOnce_WhenOneSignalFails) {
     EventLog log;
     CCmEventQueueUsingConditionVariable queue;
     WaitCounter counter;
-    std::atomic<bool> bTook{false};
+    Gate took;
     std::thread consumer([&] {
         Events events;
         EXPECT_EQ(CM_OK, queue.PopOrWaitPendingEvents(events, nullptr));
         EXPECT_EQ(1u, events.size());
         queue.ProcessEvents(events);
-        bTook = true;
+        took.Open();
     });
     ASSERT_TRUE(Eventually([] { return g_nWaits == 1; }));
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
@@ -351,20 +354,20 @@ TEST(CmEventQueueUsingConditionVariable, TriesAgainAtOnce_WhenOneSignalFails) {
         EXPECT_EQ(2u, fault.calls());
     }
     consumer.join();
-    EXPECT_TRUE(bTook);
+    EXPECT_TRUE(took.IsOpen());
 }
 
 TEST(CmEventQueueUsingConditionVariable, SignalsWithTheNextPost_WhenEverySignalFailed) {
     EventLog log;
     CCmEventQueueUsingConditionVariable queue;
     WaitCounter counter;
-    std::atomic<bool> bTook{false};
+    Gate took;
     std::thread consumer([&] {
         Events events;
         EXPECT_EQ(CM_OK, queue.PopOrWaitPendingEvents(events, nullptr));
         EXPECT_EQ(2u, events.size());
         queue.ProcessEvents(events);
-        bTook = true;
+        took.Open();
     });
     ASSERT_TRUE(Eventually([] { return g_nWaits == 1; }));
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
@@ -376,7 +379,7 @@ TEST(CmEventQueueUsingConditionVariable, SignalsWithTheNextPost_WhenEverySignalF
     }
     EXPECT_EQ(CM_OK, queue.PostEvent(new LoggedEvent(log, 2), NORMAL));
     consumer.join();
-    EXPECT_TRUE(bTook);
+    EXPECT_TRUE(took.IsOpen());
 }
 
 TEST(CmEventQueueUsingConditionVariable, DoesNotWait_WhenTheLockCannotBeTaken) {

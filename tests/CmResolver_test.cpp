@@ -16,17 +16,18 @@
 #include "CmThread.h"
 #include "CmUtilMisc.h"
 #include "support/Faults.h"
+#include "support/Gate.h"
 #include "support/Threads.h"
 
 using namespace UTIL_NS;
 
 namespace {
 
-std::atomic<int> g_nAsked{0};      // names put to the system
-std::atomic<int> g_nLists{0};      // answers of the system that are not freed
-std::atomic<int> g_nInside{0};     // lookups under way
-std::atomic<int> g_nMost{0};       // the most at one time
-std::atomic<bool> g_bHang{false};  // whether names that begin with "hang" do
+std::atomic<int> g_nAsked{0};   // names put to the system
+std::atomic<int> g_nLists{0};   // answers of the system that are not freed
+std::atomic<int> g_nInside{0};  // lookups under way
+std::atomic<int> g_nMost{0};    // the most at one time
+kelto_test::Gate s_hanging;     // names that begin with "hang" wait until it is open
 
 addrinfo* NewInfo(const sockaddr* aAddress, socklen_t aLength, addrinfo* aNext) {
     auto* pInfo = static_cast<addrinfo*>(calloc(1, sizeof(addrinfo)));
@@ -75,8 +76,8 @@ int Resolve(const char* aName, const char*, const addrinfo* aHints, addrinfo** a
     int nMost = g_nMost;
     while (nInside > nMost && !g_nMost.compare_exchange_weak(nMost, nInside)) {
     }
-    while (strncmp(aName, "hang", 4) == 0 && g_bHang) {
-        SleepMs(1);
+    if (strncmp(aName, "hang", 4) == 0) {
+        s_hanging.Wait();
     }
     const int nFailure = FailureOf(aName);
     g_nLists += nFailure == 0 ? 1 : 0;
@@ -143,11 +144,11 @@ class CmResolverTest : public testing::Test {
           m_freeaddrinfo(g_cmSystem.freeaddrinfo, &Free) {
         g_nAsked = 0;
         g_nMost = 0;
-        g_bHang = true;
+        s_hanging.Close();
     }
     // Lookups outlive the resolver; the next test must not meet them.
     ~CmResolverTest() override {
-        g_bHang = false;
+        s_hanging.Open();
         // The counters last: what they show happened before this.
         EXPECT_TRUE(Becomes([this] {
             return kelto_test::LiveThreads() <= m_nThreads && g_nInside == 0 && g_nLists == 0;
@@ -316,7 +317,7 @@ TEST_F(CmResolverTest, PutsFourQuestionsAtATime) {
     EXPECT_TRUE(Becomes([] { return g_nInside == CCmResolver::MAX_LOOKUPS; }));
     SleepMs(30);
     EXPECT_EQ(CCmResolver::MAX_LOOKUPS, g_nAsked);
-    g_bHang = false;
+    s_hanging.Open();
     for (Record& record : records) {
         EXPECT_TRUE(Becomes([&record] { return record.resolved == 1; }));
         EXPECT_EQ(CM_OK, record.result);
@@ -334,7 +335,7 @@ TEST_F(CmResolverTest, EndsAnAnswerUnfired_WhenItIsCancelled) {
     EXPECT_EQ(1, record.ended);
     EXPECT_EQ(CM_ERROR_NOT_FOUND, resolver.Cancel(ullId));
     EXPECT_EQ(CM_ERROR_NOT_FOUND, resolver.Cancel(12345));
-    g_bHang = false;
+    s_hanging.Open();
     SleepMs(20);
     Run();
     EXPECT_EQ(0, record.resolved);

@@ -20,8 +20,8 @@
 #include "CmTraceLine.h"
 #include "CmUtilClasses.h"
 #include "support/ChildProcess.h"
-#include "support/Eventually.h"
 #include "support/Faults.h"
+#include "support/Gate.h"
 #include "support/Home.h"
 #include "support/LockCalls.h"
 #include "support/Platform.h"
@@ -32,7 +32,7 @@ namespace UTIL_NS {
 namespace {
 
 using kelto_test::EndProcess;
-using kelto_test::Eventually;
+using kelto_test::Gate;
 using kelto_test::LockCalls;
 using kelto_test::ScopedAllocationFault;
 using kelto_test::ScopedHome;
@@ -763,13 +763,13 @@ int OpenThatAsksForTheFacility(const char* aPath, int aFlags, mode_t aMode) {
 // Lasts until another thread, which asks for the facility too, has it.
 int OpenWhileAnotherThreadAsks(const char* aPath, int aFlags, mode_t aMode) {
     if (++s_nOpened == 1) {
-        std::atomic<bool> bHasIt{false};
-        s_otherThread = std::thread([&bHasIt] {
+        Gate hasIt;
+        s_otherThread = std::thread([&hasIt] {
             s_pAskedMeanwhile = CCmT120Trace::instance();
             util_adapter_trace(0, "line", 4);
-            bHasIt = true;
+            hasIt.Open();
         });
-        EXPECT_TRUE(Eventually([&bHasIt] { return bHasIt.load(); }));
+        EXPECT_TRUE(hasIt.Wait());
     }
     return open(aPath, aFlags, aMode);
 }
@@ -835,16 +835,16 @@ TEST(CmT120TraceInstance, SwitchesWaitForNobody_WhileTheConfigurationIsWritten) 
                       refresh_trace_config();
                       bRefreshed = true;
                   });
-                  std::atomic<bool> bAnswered{false};
-                  std::thread other([&bAnswered] {
+                  Gate answered;
+                  std::thread other([&answered] {
                       std::this_thread::sleep_for(std::chrono::milliseconds(20));
                       CCmT120Trace* pFacility = CCmT120Trace::instance();
                       EXPECT_EQ(1, pFacility->enable_trace_print(20, "net"));
                       util_adapter_trace(20, "line", 4);
                       T120_Close_Trace_Dev(T120_Open_Trace_Dev(nullptr, 0, 0, 0));
-                      bAnswered = true;
+                      answered.Open();
                   });
-                  EXPECT_TRUE(Eventually([&bAnswered] { return bAnswered.load(); }));
+                  EXPECT_TRUE(answered.Wait());
                   EXPECT_FALSE(bRefreshed);
                   close(nPipe);
                   refresh.join();
@@ -852,8 +852,8 @@ TEST(CmT120TraceInstance, SwitchesWaitForNobody_WhileTheConfigurationIsWritten) 
               }));
 }
 
-std::atomic<bool> s_bLateReads{false};
-std::atomic<bool> s_bMayReadOn{false};
+Gate s_lateReads;
+Gate s_mayReadOn;
 thread_local bool t_bLate = false;
 thread_local int t_nOpened = 0;
 
@@ -861,8 +861,8 @@ thread_local int t_nOpened = 0;
 int OpenThatStops(const char* aPath, int aFlags, mode_t aMode) {
     constexpr int OPENED_BEFORE_MODULES = 3 + 28;
     if (t_bLate && ++t_nOpened == OPENED_BEFORE_MODULES + 1) {
-        s_bLateReads = true;
-        EXPECT_TRUE(Eventually([] { return s_bMayReadOn.load(); }));
+        s_lateReads.Open();
+        EXPECT_TRUE(s_mayReadOn.Wait());
     }
     return open(aPath, aFlags, aMode);
 }
@@ -876,11 +876,11 @@ TEST(CmT120TraceInstance, SwitchesAreThoseOfTheReadingThatBeganLast) {
                       t_bLate = true;
                       refresh_trace_config();
                   });
-                  EXPECT_TRUE(Eventually([] { return s_bLateReads.load(); }));
+                  EXPECT_TRUE(s_lateReads.Wait());
                   home.WriteConfig("[Trace]\nC.Info=FALSE\n");
                   refresh_trace_config();
                   EXPECT_EQ(0, CCmT120Trace::instance()->enable_trace_print(20, nullptr));
-                  s_bMayReadOn = true;
+                  s_mayReadOn.Open();
                   late.join();
                   EXPECT_EQ(0, CCmT120Trace::instance()->enable_trace_print(20, nullptr));
               }));
@@ -899,10 +899,10 @@ TEST(CmT120TraceInstance, FilesKeepTheSettingsOfTheReadingThatBeganLast) {
                       t_bLate = true;
                       refresh_trace_config();
                   });
-                  EXPECT_TRUE(Eventually([] { return s_bLateReads.load(); }));
+                  EXPECT_TRUE(s_lateReads.Wait());
                   home.WriteConfig("[Trace]\nFlushPerLines=2\n");
                   CCmT120Trace2::instance();
-                  s_bMayReadOn = true;
+                  s_mayReadOn.Open();
                   late.join();
                   T120_Write_Trace_Dev(pRecord, nullptr, nullptr, "line");
                   EXPECT_EQ(0u, std::filesystem::file_size(sPath));

@@ -21,11 +21,13 @@
 #include "support/Events.h"
 #include "support/Eventually.h"
 #include "support/Faults.h"
+#include "support/Gate.h"
 
 namespace UTIL_NS {
 namespace {
 
 using kelto_test::Eventually;
+using kelto_test::Gate;
 
 constexpr ICmEventQueue::EPriority NORMAL = ICmEventQueue::EPRIORITY_NORMAL;
 constexpr int TYPE = 7;
@@ -292,22 +294,21 @@ TEST(CmThreadStress, SendsReturnTheirResults_WhenSignalsKeepComing) {
         Balance balance;
         ACmThread* pWorker = nullptr;
         ASSERT_EQ(CM_OK, CreateUserTaskThread(&pWorker, TF_JOINABLE, true, TYPE));
-        std::atomic<bool> bDone{false};
+        Gate done;
+        Gate mayEnd;
         std::thread sender([&] {
             for (int i = 0; i < nSends; ++i) {
                 EXPECT_EQ(RESULT, pWorker->GetEventQueue()->SendEvent(new CountedEvent(balance)));
             }
-            bDone = true;
-            while (bDone) {  // stays alive for the last signals
-                std::this_thread::yield();
-            }
+            done.Open();
+            mayEnd.Wait();  // stays alive for the last signals
         });
-        while (!bDone) {
+        while (!done.IsOpen()) {
             pthread_kill(sender.native_handle(), SIGUSR1);
             pthread_kill(pWorker->GetThreadId(), SIGUSR1);
             std::this_thread::yield();
         }
-        bDone = false;
+        mayEnd.Open();
         sender.join();
         pWorker->Stop(nullptr);
         pWorker->Join();

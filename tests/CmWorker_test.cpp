@@ -22,6 +22,7 @@
 #include "support/Events.h"
 #include "support/Eventually.h"
 #include "support/Faults.h"
+#include "support/Gate.h"
 #include "support/TraceSink.h"
 #include "support/Workers.h"
 
@@ -342,11 +343,11 @@ TEST(CCmWorker, RunsOn_WhenMovedToAnotherOwner) {
 
 TEST(CCmWorker, EndsOnItsOwnThread_AfterWhatWasPosted) {
     const long lLive = LiveAllocationsBefore();
-    std::atomic<bool> bEnded{false};
+    Gate ended;
     {
         std::vector<int> ran;
         auto pWorker =
-            std::make_unique<CCmWorker>(CCmWorkerOptions().OnEnd([&bEnded] { bEnded = true; }));
+            std::make_unique<CCmWorker>(CCmWorkerOptions().OnEnd([&ended] { ended.Open(); }));
         Gate gate;
         Gate gone;
         CmPost(*pWorker, [&] {
@@ -358,7 +359,7 @@ TEST(CCmWorker, EndsOnItsOwnThread_AfterWhatWasPosted) {
         CmPost(*pWorker, [&] { ran.push_back(2); });
         gate.Open();
         EXPECT_TRUE(gone.Wait());
-        EXPECT_TRUE(Eventually([&] { return bEnded.load(); }));
+        EXPECT_TRUE(ended.Wait());
         EXPECT_EQ(nullptr, pWorker);
         EXPECT_EQ((std::vector<int>{1, 2}), ran);
     }
