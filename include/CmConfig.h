@@ -26,9 +26,8 @@
 #ifndef CM_CONFIG_H
 #define CM_CONFIG_H
 
-#include <stdio.h>
-#include <string.h>
-
+#include <cstdio>
+#include <cstring>
 #include <string_view>
 
 #include "CmBase.h"
@@ -98,7 +97,7 @@ CM_UTIL_EXPORT unsigned char get_bool_param(const char* aSection, const char* aK
 /// nothing changed: null, empty, or more than CM_HOME_DIR_SIZE - 1 characters with that "/". To be
 /// called during start-up.
 inline CmResult CmSetHomeDir(const char* aDir) {
-    const size_t nLength = aDir != nullptr ? strlen(aDir) : 0;
+    const size_t nLength = aDir != nullptr ? std::strlen(aDir) : 0;
     const bool bSlash = nLength > 0 && aDir[nLength - 1] == '/';
     if (nLength == 0 || nLength + (bSlash ? 0 : 1) >= CM_HOME_DIR_SIZE) {
         return CM_ERROR_INVALID_ARG;
@@ -106,7 +105,7 @@ inline CmResult CmSetHomeDir(const char* aDir) {
     char szDir[CM_HOME_DIR_SIZE] = {};
     std::string_view(aDir, nLength).copy(szDir, nLength);
     szDir[nLength - (bSlash ? 1 : 0)] = '/';
-    memcpy(g_def_kelto_home_dir, szDir, sizeof(szDir));
+    std::memcpy(g_def_kelto_home_dir, szDir, sizeof(szDir));
     return CM_OK;
 }
 

@@ -26,9 +26,9 @@
 
 #include <fcntl.h>
 #include <regex.h>
-#include <stdio.h>
 
 #include <atomic>
+#include <cstdio>
 
 #include "CmBase.h"
 #include "CmConditionVariable.h"

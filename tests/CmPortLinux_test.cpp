@@ -12,7 +12,6 @@
 
 #include "CmConfig.h"
 #include "CmWorker.h"
-#include "port/CmCpu.h"
 #include "port/CmPort.h"
 #include "support/ChildProcess.h"
 #include "support/FaultRows.h"
@@ -209,15 +208,7 @@ TEST(CmPortLinuxBundle, BundleIsOnlyLookedFor) {
     CmPortBundleRelease(hBundle);
 }
 
-// The compilers of this system bring code of their own that asks.
-TEST(CmPortLinuxCpu, FeaturesAreThoseThatTheCompilerFinds) {
-    EXPECT_EQ(__builtin_cpu_supports("ssse3") != 0, CmCpuHas(CM_CPU_SSSE3));
-    EXPECT_EQ(__builtin_cpu_supports("pclmul") != 0, CmCpuHas(CM_CPU_PCLMUL));
-    EXPECT_EQ(__builtin_cpu_supports("avx2") != 0, CmCpuHas(CM_CPU_AVX2));
-    EXPECT_EQ(__builtin_cpu_supports("vpclmulqdq") != 0, CmCpuHas(CM_CPU_VPCLMULQDQ));
-}
-
-TEST(CmPortLinux, CutsTheNameOfAThreadToItsLimit) {
+TEST(CmPortLinux, NamesTheThread_CutToItsLimit) {
     CCmWorker worker(CCmWorkerOptions().Name("a name of more than fifteen bytes"));
     EXPECT_EQ("a name of more ", *CmCall(worker, [] {
                   char szName[64] = {};

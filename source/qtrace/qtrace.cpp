@@ -1,19 +1,20 @@
 #include "qtrace.h"
 
-#include <errno.h>
 #include <fcntl.h>
-#include <limits.h>
 #include <pthread.h>
 #include <signal.h>
-#include <stdio.h>
-#include <stdlib.h>
-#include <string.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
 
 #include "QtracePort.h"
 
@@ -31,12 +32,12 @@ constexpr unsigned long LEVEL_UNKNOWN = ULONG_MAX;  // the environment has not b
 std::atomic<unsigned long> g_ulLevel{LEVEL_UNKNOWN};
 
 unsigned long LevelFromEnvironment() {
-    const char* pszLevel = getenv("QTRACE_LEVEL");
+    const char* pszLevel = std::getenv("QTRACE_LEVEL");
     if (pszLevel == nullptr || *pszLevel < '0' || *pszLevel > '9') {
         return 0;
     }
     char* pchEnd = nullptr;
-    const unsigned long ulLevel = strtoul(pszLevel, &pchEnd, 10);
+    const unsigned long ulLevel = std::strtoul(pszLevel, &pchEnd, 10);
     if (*pchEnd != '\0') {
         return 0;
     }
@@ -63,12 +64,12 @@ int AboveStandardStreams(int aFile) {
 // directory that aPath lies in.
 bool IsInOwnDirectory(const char* aPath) {
     char szDirectory[PATH_MAX] = ".";
-    if (const char* pchSlash = strrchr(aPath, '/')) {
+    if (const char* pchSlash = std::strrchr(aPath, '/')) {
         const size_t nLength = static_cast<size_t>(pchSlash - aPath) + 1;
         if (nLength >= sizeof(szDirectory)) {
             return false;
         }
-        memcpy(szDirectory, aPath, nLength);
+        std::memcpy(szDirectory, aPath, nLength);
         szDirectory[nLength] = '\0';
     }
     struct stat directory = {};
@@ -98,7 +99,7 @@ int OpenFile(const char* aPath) {
 }
 
 int OpenDestination() {
-    const char* pszPath = getenv("QTRACE_FILE");
+    const char* pszPath = std::getenv("QTRACE_FILE");
     if (pszPath == nullptr || *pszPath == '\0') {
         return STDERR_FILENO;
     }
@@ -174,7 +175,7 @@ thread_local bool t_bWriting = false;
 // In a forked child, where the thread that held the mutex does not exist.
 void FreeLineMutex() {
     const pthread_mutex_t FREE = PTHREAD_MUTEX_INITIALIZER;
-    memcpy(&g_lineMutex, &FREE, sizeof(FREE));
+    std::memcpy(&g_lineMutex, &FREE, sizeof(FREE));
 }
 
 // While it lives, the threads of the process write no other line: what takes a line in parts (a
@@ -253,7 +254,7 @@ const char* TextOfSecond(time_t aSecond) {
     if (t_second.m_Second != aSecond || t_second.m_szText[0] == '\0') {
         tm date = {};
         localtime_r(&aSecond, &date);
-        strftime(t_second.m_szText, sizeof(t_second.m_szText), "%Y-%m-%d %H:%M:%S", &date);
+        std::strftime(t_second.m_szText, sizeof(t_second.m_szText), "%Y-%m-%d %H:%M:%S", &date);
         t_second.m_Second = aSecond;
     }
     return t_second.m_szText;
@@ -292,7 +293,7 @@ void FormatThreadField(char (&aField)[THREAD_FIELD_SIZE]) {
         const unsigned char uch = static_cast<unsigned char>(*pch);
         *pch = uch <= ' ' || uch == 0x7F || uch == '[' || uch == ']' ? '_' : *pch;
     }
-    snprintf(aField, sizeof(aField), "%s%s", THREAD_FIELD, szName);
+    std::snprintf(aField, sizeof(aField), "%s%s", THREAD_FIELD, szName);
 }
 
 size_t FormatHead(char (&aHead)[HEAD_SIZE], const char* aModule) {
@@ -301,14 +302,16 @@ size_t FormatHead(char (&aHead)[HEAD_SIZE], const char* aModule) {
     const pid_t process = getpid();
     char szThread[THREAD_FIELD_SIZE];
     FormatThreadField(szThread);
-    snprintf(aHead, sizeof(aHead), "%s.%03d pid=%d tid=%llu%s [%.*s] ", TextOfSecond(tvNow.tv_sec),
-             static_cast<int>(tvNow.tv_usec / 1000), static_cast<int>(process),
-             NumberOfThread(process), szThread, MODULE_LENGTH, aModule != nullptr ? aModule : "");
+    std::snprintf(aHead, sizeof(aHead), "%s.%03d pid=%d tid=%llu%s [%.*s] ",
+                  TextOfSecond(tvNow.tv_sec), static_cast<int>(tvNow.tv_usec / 1000),
+                  static_cast<int>(process), NumberOfThread(process), szThread, MODULE_LENGTH,
+                  aModule != nullptr ? aModule : "");
     // The module is the host's: it must not break the line either.
-    for (char* pchEnd = strchr(aHead, '\n'); pchEnd != nullptr; pchEnd = strchr(pchEnd, '\n')) {
+    for (char* pchEnd = std::strchr(aHead, '\n'); pchEnd != nullptr;
+         pchEnd = std::strchr(pchEnd, '\n')) {
         *pchEnd = ' ';
     }
-    return strlen(aHead);
+    return std::strlen(aHead);
 }
 
 size_t LengthWithoutLineEnds(const char* aText, size_t aLength) {
@@ -346,14 +349,14 @@ void WriteText(const char* aModule, const char* aText, size_t aLength) {
     const size_t nWanted = nHead + nLength + CountLineEnds(aText, nLength) + 1;
 
     char achLine[STACK_LINE_SIZE];
-    char* pchHeap = nWanted > sizeof(achLine) ? static_cast<char*>(malloc(nWanted)) : nullptr;
+    char* pchHeap = nWanted > sizeof(achLine) ? static_cast<char*>(std::malloc(nWanted)) : nullptr;
     char* pchLine = pchHeap != nullptr ? pchHeap : achLine;
     const size_t nSize = pchHeap != nullptr ? nWanted : sizeof(achLine);
-    memcpy(pchLine, achHead, nHead);
+    std::memcpy(pchLine, achHead, nHead);
     size_t nLine = nHead + CopyIndented(pchLine + nHead, nSize - nHead - 1, aText, nLength);
     pchLine[nLine++] = '\n';
     WriteLine(pchLine, nLine);
-    free(pchHeap);
+    std::free(pchHeap);
 }
 
 // ---- Pieces
@@ -370,7 +373,7 @@ void WriteHeld(HeldText& aHeld) {
     if (aHeld.m_nLength > 0) {
         WriteText(aHeld.m_szModule, aHeld.m_pchText, aHeld.m_nLength);
     }
-    free(aHeld.m_pchText);
+    std::free(aHeld.m_pchText);
     aHeld = HeldText();
 }
 
@@ -378,7 +381,7 @@ void WriteHeld(HeldText& aHeld) {
 void EndHeld(void* aHeld) {
     HeldText* pHeld = static_cast<HeldText*>(aHeld);
     WriteHeld(*pHeld);
-    free(pHeld);
+    std::free(pHeld);
 }
 
 struct HeldKey {
@@ -398,9 +401,9 @@ HeldText* HeldOfThread(bool aCreate) {
     if (pHeld != nullptr || !aCreate) {
         return pHeld;
     }
-    pHeld = static_cast<HeldText*>(calloc(1, sizeof(HeldText)));
+    pHeld = static_cast<HeldText*>(std::calloc(1, sizeof(HeldText)));
     if (pHeld != nullptr && pthread_setspecific(s_key.m_Key, pHeld) != 0) {
-        free(pHeld);
+        std::free(pHeld);
         pHeld = nullptr;
     }
     return pHeld;
@@ -412,14 +415,14 @@ bool Append(HeldText& aHeld, const char* aText, size_t aLength) {
         return false;
     }
     if (nNeeded > aHeld.m_nSize) {
-        char* pchGrown = static_cast<char*>(realloc(aHeld.m_pchText, 2 * nNeeded));
+        char* pchGrown = static_cast<char*>(std::realloc(aHeld.m_pchText, 2 * nNeeded));
         if (pchGrown == nullptr) {
             return false;
         }
         aHeld.m_pchText = pchGrown;
         aHeld.m_nSize = 2 * nNeeded;
     }
-    memcpy(aHeld.m_pchText + aHeld.m_nLength, aText, aLength);
+    std::memcpy(aHeld.m_pchText + aHeld.m_nLength, aText, aLength);
     aHeld.m_nLength = nNeeded;
     return true;
 }
@@ -431,8 +434,8 @@ void TakePiece(const char* aModule, const char* aText, size_t aLength) {
         return;
     }
     if (pHeld->m_nLength == 0) {
-        snprintf(pHeld->m_szModule, sizeof(pHeld->m_szModule), "%s",
-                 aModule != nullptr ? aModule : "");
+        std::snprintf(pHeld->m_szModule, sizeof(pHeld->m_szModule), "%s",
+                      aModule != nullptr ? aModule : "");
     }
     if (!Append(*pHeld, aText, aLength)) {
         WriteHeld(*pHeld);
@@ -475,9 +478,9 @@ void YRKTRACERAWA(unsigned long /*aLevel*/, const char* aModule, char* aPrefix, 
     int nCancelState = PTHREAD_CANCEL_ENABLE;
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &nCancelState);
     if (aPrefix != nullptr) {
-        TakePiece(aModule, aText, strlen(aText));
+        TakePiece(aModule, aText, std::strlen(aText));
     } else {
-        TakeWhole(aModule, aText, strlen(aText));
+        TakeWhole(aModule, aText, std::strlen(aText));
     }
     pthread_setcancelstate(nCancelState, nullptr);
     errno = nError;

@@ -11,8 +11,8 @@
 #include <cstring>
 
 #include "CmCancel.h"
+#include "CmSystem.h"
 #include "CmTraceLine.h"
-#include "port/CmSystem.h"
 
 namespace UTIL_NS {
 

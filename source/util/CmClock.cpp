@@ -5,9 +5,9 @@
 
 #include "CmCancel.h"
 #include "CmChrono.h"
+#include "CmSystem.h"
 #include "CmTimeValue.h"
 #include "port/CmPort.h"
-#include "port/CmSystem.h"
 
 namespace UTIL_NS {
 

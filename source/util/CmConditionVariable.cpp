@@ -1,16 +1,15 @@
 #include "CmConditionVariable.h"
 
-#include <errno.h>
-#include <limits.h>
-
 #include <algorithm>
+#include <cerrno>
+#include <climits>
 
 #include "CmCancel.h"
 #include "CmConditionSteps.h"
 #include "CmScopedLock.h"
+#include "CmSystem.h"
 #include "CmTraceLine.h"
 #include "port/CmPort.h"
-#include "port/CmSystem.h"
 
 namespace UTIL_NS {
 

@@ -1,9 +1,10 @@
 #include "CmConfigReader.h"
 
-#include <errno.h>
 #include <fcntl.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstdio>
 #include <memory>
 #include <new>
 #include <system_error>
@@ -14,9 +15,9 @@
 #include "CmConfig.h"
 #include "CmMainSnapshot.h"
 #include "CmProfileReader.h"
+#include "CmSystem.h"
 #include "CmT120Trace.h"
 #include "port/CmFileTime.h"
-#include "port/CmSystem.h"
 
 namespace UTIL_NS {
 
@@ -269,9 +270,9 @@ CCmString NameOf(std::string_view aName) {
 CCmString SecondsOf(const CCmTimeValue& aTime) {
     const bool bNegative = aTime < CCmTimeValue();
     char achText[48];
-    snprintf(achText, sizeof(achText), "%s%lld.%06lld", bNegative ? "-" : "",
-             static_cast<long long>(bNegative ? -aTime.GetSec() : aTime.GetSec()),
-             static_cast<long long>(bNegative ? -aTime.GetUsec() : aTime.GetUsec()));
+    std::snprintf(achText, sizeof(achText), "%s%lld.%06lld", bNegative ? "-" : "",
+                  static_cast<long long>(bNegative ? -aTime.GetSec() : aTime.GetSec()),
+                  static_cast<long long>(bNegative ? -aTime.GetUsec() : aTime.GetUsec()));
     CCmString strText = achText;
     strText.resize(strText.find_last_not_of('0') + 1);
     if (strText.back() == '.') {

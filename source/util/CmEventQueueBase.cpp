@@ -6,9 +6,9 @@
 #include "CmCancel.h"
 #include "CmConditionSteps.h"
 #include "CmScopedLock.h"
+#include "CmSystem.h"
 #include "CmTraceLine.h"
 #include "port/CmPort.h"
-#include "port/CmSystem.h"
 
 namespace UTIL_NS {
 

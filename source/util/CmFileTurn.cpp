@@ -1,16 +1,16 @@
 #include "CmFileTurn.h"
 
-#include <errno.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <memory>
 #include <new>
 #include <utility>
 
 #include "CmScopedLock.h"
+#include "CmSystem.h"
 #include "CmTraceGuard.h"
-#include "port/CmSystem.h"
 
 namespace UTIL_NS {
 

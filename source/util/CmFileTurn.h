@@ -8,7 +8,7 @@
 #ifndef CM_FILE_TURN_H
 #define CM_FILE_TURN_H
 
-#include <stdio.h>
+#include <cstdio>
 
 namespace UTIL_NS {
 

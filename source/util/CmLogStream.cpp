@@ -10,10 +10,10 @@
 
 #include "CmConfig.h"
 #include "CmScopedLock.h"
+#include "CmSystem.h"
 #include "CmTraceFacility.h"
 #include "CmTraceGuard.h"
 #include "CmTraceLine.h"
-#include "port/CmSystem.h"
 #include "qtrace.h"
 
 namespace UTIL_NS {

@@ -1,14 +1,15 @@
 #include "CmProfileReader.h"
 
-#include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
-#include <string.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
 
 #include "CmAscii.h"
-#include "port/CmSystem.h"
+#include "CmSystem.h"
 
 namespace UTIL_NS {
 
@@ -22,7 +23,7 @@ std::string_view Unquoted(std::string_view aValue) {
 
 // The first aChar of a text, or its end.
 const char* Find(char aChar, const char* aStart, const char* aEnd) {
-    const void* pFound = memchr(aStart, aChar, static_cast<size_t>(aEnd - aStart));
+    const void* pFound = std::memchr(aStart, aChar, static_cast<size_t>(aEnd - aStart));
     return pFound != nullptr ? static_cast<const char*>(pFound) : aEnd;
 }
 
@@ -138,7 +139,7 @@ CCmProfileSearch::Step CCmProfileSearch::Examine(std::string_view aLine) {
 }
 
 bool CCmStreamLines::Next(std::string_view& aLine) {
-    if (feof(m_pFile) || g_cmSystem.fgets(m_achLine, sizeof(m_achLine), m_pFile) == nullptr) {
+    if (std::feof(m_pFile) || g_cmSystem.fgets(m_achLine, sizeof(m_achLine), m_pFile) == nullptr) {
         return false;
     }
     aLine = m_achLine;
@@ -161,7 +162,7 @@ bool CCmFileLines::Next(std::string_view& aLine) {
     for (;;) {
         const size_t nLeft = static_cast<size_t>(m_pEnd - m_pNext);
         const size_t nMost = std::min<size_t>(nLeft, CM_PROFILE_LINE_MAX);
-        const char* const pLineEnd = static_cast<const char*>(memchr(m_pNext, '\n', nMost));
+        const char* const pLineEnd = static_cast<const char*>(std::memchr(m_pNext, '\n', nMost));
         if (pLineEnd != nullptr || nMost == CM_PROFILE_LINE_MAX || m_bEnd) {
             const char* const pBehind = pLineEnd != nullptr ? pLineEnd + 1 : m_pNext + nMost;
             aLine = std::string_view(m_pNext, static_cast<size_t>(pBehind - m_pNext));
@@ -215,7 +216,7 @@ const char* CCmFileLines::LineOf(const char* aPosition) const {
 // At the end of the file it stays as the last line; a read that fails loses it, as it may be cut.
 void CCmFileLines::Refill() {
     const size_t nLeft = static_cast<size_t>(m_pEnd - m_pNext);
-    memmove(m_achBuffer, m_pNext, nLeft);
+    std::memmove(m_achBuffer, m_pNext, nLeft);
     ssize_t nRead;
     do {
         nRead = g_cmSystem.read(m_nFile, m_achBuffer + nLeft, sizeof(m_achBuffer) - nLeft);

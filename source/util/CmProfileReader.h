@@ -2,9 +2,8 @@
 #ifndef CM_PROFILE_READER_H
 #define CM_PROFILE_READER_H
 
-#include <stddef.h>
-#include <stdio.h>
-
+#include <cstddef>
+#include <cstdio>
 #include <string_view>
 
 #include "CmCancel.h"

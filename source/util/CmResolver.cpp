@@ -17,8 +17,8 @@
 #include "CmCancel.h"
 #include "CmConditionVariable.h"
 #include "CmScopedLock.h"
+#include "CmSystem.h"
 #include "CmThread.h"
-#include "port/CmSystem.h"
 
 namespace UTIL_NS {
 

@@ -1,12 +1,12 @@
 #include "CmStrict.h"
 
 #include <netinet/in.h>
-#include <string.h>
 
 #include <algorithm>
+#include <cstring>
 
 #include "CmStrictResult.h"
-#include "port/CmSystem.h"
+#include "CmSystem.h"
 
 namespace UTIL_NS {
 
@@ -379,19 +379,19 @@ CmResult CmToSocketAddress(const CCmEndpoint& aEndpoint, sockaddr_storage& aStor
         sockaddr_in ipv4 = {};
         ipv4.sin_family = AF_INET;
         ipv4.sin_port = htons(aEndpoint.m_wPort);
-        memcpy(&ipv4.sin_addr, address.m_abyBytes.data(), sizeof(ipv4.sin_addr));
-        memcpy(&storage, &ipv4, sizeof(ipv4));
+        std::memcpy(&ipv4.sin_addr, address.m_abyBytes.data(), sizeof(ipv4.sin_addr));
+        std::memcpy(&storage, &ipv4, sizeof(ipv4));
         aLength = sizeof(ipv4);
     } else if (address.m_family == CCmIpAddress::IPV6) {
         sockaddr_in6 ipv6 = {};
         ipv6.sin6_family = AF_INET6;
         ipv6.sin6_port = htons(aEndpoint.m_wPort);
-        memcpy(&ipv6.sin6_addr, address.m_abyBytes.data(), sizeof(ipv6.sin6_addr));
+        std::memcpy(&ipv6.sin6_addr, address.m_abyBytes.data(), sizeof(ipv6.sin6_addr));
         const CmResult rv = ScopeOf(address, ipv6.sin6_scope_id);
         if (CM_FAILED(rv)) {
             return rv;
         }
-        memcpy(&storage, &ipv6, sizeof(ipv6));
+        std::memcpy(&storage, &ipv6, sizeof(ipv6));
         aLength = sizeof(ipv6);
     } else {
         return CM_ERROR_INVALID_ARG;
@@ -405,16 +405,16 @@ CmResult CmFromSocketAddress(const sockaddr* aAddress, socklen_t aLength, CCmEnd
     CCmIpAddress& address = endpoint.m_address;
     if (aAddress != nullptr && aLength >= sizeof(sockaddr_in) && aAddress->sa_family == AF_INET) {
         sockaddr_in ipv4;
-        memcpy(&ipv4, aAddress, sizeof(ipv4));
+        std::memcpy(&ipv4, aAddress, sizeof(ipv4));
         address.m_family = CCmIpAddress::IPV4;
-        memcpy(address.m_abyBytes.data(), &ipv4.sin_addr, sizeof(ipv4.sin_addr));
+        std::memcpy(address.m_abyBytes.data(), &ipv4.sin_addr, sizeof(ipv4.sin_addr));
         endpoint.m_wPort = ntohs(ipv4.sin_port);
     } else if (aAddress != nullptr && aLength >= sizeof(sockaddr_in6) &&
                aAddress->sa_family == AF_INET6) {
         sockaddr_in6 ipv6;
-        memcpy(&ipv6, aAddress, sizeof(ipv6));
+        std::memcpy(&ipv6, aAddress, sizeof(ipv6));
         address.m_family = CCmIpAddress::IPV6;
-        memcpy(address.m_abyBytes.data(), &ipv6.sin6_addr, sizeof(ipv6.sin6_addr));
+        std::memcpy(address.m_abyBytes.data(), &ipv6.sin6_addr, sizeof(ipv6.sin6_addr));
         endpoint.m_wPort = ntohs(ipv6.sin6_port);
         if (ipv6.sin6_scope_id != 0) {
             char achZone[CM_IP_PRINTED_SIZE];

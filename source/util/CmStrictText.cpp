@@ -1,8 +1,7 @@
 #include "CmStrict.h"
 
-#include <string.h>
-
 #include <algorithm>
+#include <cstring>
 #include <new>
 
 #include "CmBase64.h"
@@ -122,7 +121,7 @@ bool IsContinuation(unsigned char aByte) {
 
 uint64_t HighBits(const unsigned char* aBytes) {
     uint64_t ullWord = 0;
-    memcpy(&ullWord, aBytes, sizeof(ullWord));
+    std::memcpy(&ullWord, aBytes, sizeof(ullWord));
     return ullWord & 0x8080808080808080;
 }
 

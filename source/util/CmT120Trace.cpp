@@ -12,12 +12,12 @@
 #include "CmLogStream.h"
 #include "CmProcessName.h"
 #include "CmScopedLock.h"
+#include "CmSystem.h"
 #include "CmT120TraceFile.h"
 #include "CmTimeValue.h"
 #include "CmTraceFacility.h"
 #include "CmTraceGuard.h"
 #include "port/CmPort.h"
-#include "port/CmSystem.h"
 
 namespace UTIL_NS {
 

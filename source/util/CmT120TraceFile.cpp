@@ -1,9 +1,9 @@
 #include "CmT120TraceFile.h"
 
-#include <limits.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -15,9 +15,9 @@
 #include "CmFileTurn.h"
 #include "CmProfileReader.h"
 #include "CmScopedLock.h"
+#include "CmSystem.h"
 #include "CmTimeValue.h"
 #include "CmTraceGuard.h"
-#include "port/CmSystem.h"
 
 namespace UTIL_NS {
 

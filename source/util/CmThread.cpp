@@ -5,9 +5,9 @@
 #include "CmCancel.h"
 #include "CmScopedLock.h"
 #include "CmStatics.h"
+#include "CmSystem.h"
 #include "CmTimerQueueOrderedList.h"
 #include "CmTraceLine.h"
-#include "port/CmSystem.h"
 
 namespace UTIL_NS {
 

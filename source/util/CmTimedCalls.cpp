@@ -7,10 +7,10 @@
 #include "CmCancel.h"
 #include "CmQueueOwner.h"
 #include "CmScopedLock.h"
+#include "CmSystem.h"
 #include "CmThread.h"
 #include "CmTraceLine.h"
 #include "port/CmPort.h"
-#include "port/CmSystem.h"
 
 namespace UTIL_NS {
 

@@ -2,7 +2,7 @@
 #ifndef CM_TRACE_GUARD_H
 #define CM_TRACE_GUARD_H
 
-#include <errno.h>
+#include <cerrno>
 
 #include "CmCancel.h"
 #include "CmConditionVariable.h"

@@ -7,9 +7,9 @@
 
 #include "CmCancel.h"
 #include "CmScopedLock.h"
+#include "CmSystem.h"
 #include "CmTrace.h"
 #include "CmUtilMisc.h"
-#include "port/CmSystem.h"
 
 namespace UTIL_NS {
 

@@ -1,22 +1,22 @@
 #include "CmUtilMisc.h"
 
 #include <arpa/inet.h>
-#include <errno.h>
 #include <net/if.h>
 #include <netinet/in.h>
 #include <sys/ioctl.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <new>
 
 #include "CmCancel.h"
 #include "CmCrc16.h"
 #include "CmMessageBlock.h"
+#include "CmSystem.h"
 #include "CmTraceLine.h"
 #include "CmUtilTemplates.h"
 #include "port/CmPort.h"
-#include "port/CmSystem.h"
 
 namespace UTIL_NS {
 

@@ -1,8 +1,8 @@
 #include "CmXml.h"
 
-#include <stdio.h>
-#include <stdlib.h>
-#include <string.h>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 
 namespace UTIL_NS {
 
@@ -18,11 +18,12 @@ bool IsBlank(char aChar) {
 // Finds aOpening + aTag + ">"; aBehind is set to what follows it.
 const char* FindTag(const char* aText, const char* aOpening, const char* aTag,
                     const char*& aBehind) {
-    const size_t nOpening = strlen(aOpening);
-    const size_t nTag = strlen(aTag);
-    for (const char* p = strstr(aText, aOpening); p != nullptr; p = strstr(p + 1, aOpening)) {
+    const size_t nOpening = std::strlen(aOpening);
+    const size_t nTag = std::strlen(aTag);
+    for (const char* p = std::strstr(aText, aOpening); p != nullptr;
+         p = std::strstr(p + 1, aOpening)) {
         const char* const pName = p + nOpening;
-        if (strncmp(pName, aTag, nTag) == 0 && pName[nTag] == '>') {
+        if (std::strncmp(pName, aTag, nTag) == 0 && pName[nTag] == '>') {
             aBehind = pName + nTag + 1;
             return p;
         }
@@ -58,7 +59,7 @@ bool CopyValue(const char* aXml, const char* aTag, size_t aMax, char* aOut) {
     if (aOut == nullptr || !FindValue(aXml, aTag, pValue, nLength) || nLength > aMax) {
         return false;
     }
-    memmove(aOut, pValue, nLength);
+    std::memmove(aOut, pValue, nLength);
     aOut[nLength] = '\0';
     return true;
 }
@@ -124,7 +125,7 @@ double get_double_from_XML(char* aXml, const char* aTag, double aDefault) {
     char szValue[DOUBLE_MAX + 1];
     float fValue = 0;
     const bool bRead =
-        CopyValue(aXml, aTag, DOUBLE_MAX, szValue) && sscanf(szValue, "%f", &fValue) == 1;
+        CopyValue(aXml, aTag, DOUBLE_MAX, szValue) && std::sscanf(szValue, "%f", &fValue) == 1;
     return bRead ? static_cast<double>(fValue) : aDefault;
 }
 

@@ -5,14 +5,23 @@
 #ifndef CM_CONDITION_SEMAPHORE_H
 #define CM_CONDITION_SEMAPHORE_H
 
-#include <errno.h>
-#include <limits.h>
+#include <cerrno>
+#include <climits>
 
 #include "CmCancel.h"
 #include "CmPlatform.h"
 #include "CmSystem.h"
 
 namespace UTIL_NS {
+
+#if !defined(__APPLE__)
+// As CmPlatform.h has it for macOS. Elsewhere tests alone use it.
+struct CmConditionSemaphore {
+    pthread_mutex_t m_Mutex;
+    pthread_cond_t m_Condition;
+    unsigned int m_dwCount;
+};
+#endif
 
 // The mutex of a semaphore, held.
 class CCmConditionSemaphoreLock {
