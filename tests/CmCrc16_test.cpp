@@ -103,7 +103,7 @@ TEST(CmCrc16, StepTableIsTheByteTableFollowedByZeros) {
     }
 }
 
-TEST(CmCrc16, EveryWay_MatchesTheDefinitionForEveryLength) {
+TEST(CmCrc16, EveryImplementationMatchesTheDefinition_WhateverTheLength) {
     const std::vector<unsigned char> data = RandomBytes(4096 + 16, 7);
     for (size_t nLength = 0; nLength <= 4096; ++nLength) {
         const unsigned char* pData = data.data() + nLength % 16;  // every alignment

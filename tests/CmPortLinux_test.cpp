@@ -208,7 +208,7 @@ TEST(CmPortLinuxBundle, BundleIsOnlyLookedFor) {
     CmPortBundleRelease(hBundle);
 }
 
-TEST(CmPortLinux, NamesTheThread_CutToItsLimit) {
+TEST(CmPortLinux, CutsTheNameOfAThreadToItsLimit) {
     CCmWorker worker(CCmWorkerOptions().Name("a name of more than fifteen bytes"));
     EXPECT_EQ("a name of more ", *CmCall(worker, [] {
                   char szName[64] = {};

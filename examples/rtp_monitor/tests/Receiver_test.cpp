@@ -115,7 +115,7 @@ class ReceiverBackPressure : public testing::Test {
     Receiver* m_pReceiver = nullptr;
 };
 
-TEST_F(ReceiverBackPressure, ReadsNoMore_Until8000PacketsAreServed) {
+TEST_F(ReceiverBackPressure, WaitsBehind8000Packets_AndThenGoesOn) {
     Receive(100, 20000);
     EXPECT_EQ(HandedOn(8001), 8001U);  // the last one found 8000 waiting
     Go();
@@ -123,7 +123,7 @@ TEST_F(ReceiverBackPressure, ReadsNoMore_Until8000PacketsAreServed) {
     EXPECT_EQ(m_pReceiver->counters().rtp, 20000U);
 }
 
-TEST_F(ReceiverBackPressure, ReadsNoMore_UntilTheWorkersHave64DataBlocksOrFewer) {
+TEST_F(ReceiverBackPressure, WaitsWith64DataBlocks_AndThenGoesOn) {
     Receive(65000, 1000);  // four fit into a block
     EXPECT_EQ(HandedOn(256), 256U);
     Go();

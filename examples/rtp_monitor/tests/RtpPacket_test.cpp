@@ -100,7 +100,7 @@ TEST(RtpPacket, ReadsFieldsInNetworkOrder) {
     EXPECT_EQ(header.ssrc, 0xA1B2C3D4U);
 }
 
-TEST(RtpPacket, KeepsTheMarkerOutOfTheType) {
+TEST(RtpPacket, MarkerIsNoPartOfTheType) {
     const Bytes packet = FixedHeader(0x80, 0x60);
     RtpHeader header = {};
     ASSERT_EQ(ParsePacket(packet.data(), packet.size(), &header), PacketKind::RTP);
@@ -116,7 +116,7 @@ TEST(RtpPacket, KnowsClocksOfFixedTypes) {
     EXPECT_EQ(StaticClockRate(34), 90000U);
 }
 
-TEST(RtpPacket, KnowsNoClock_WhenTheTypeIsNotFixed) {
+TEST(RtpPacket, KnowsNoClockOfOtherTypes) {
     EXPECT_EQ(StaticClockRate(1), 0U);
     EXPECT_EQ(StaticClockRate(35), 0U);
     EXPECT_EQ(StaticClockRate(96), 0U);

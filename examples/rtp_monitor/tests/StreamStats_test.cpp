@@ -72,14 +72,14 @@ TEST(StreamStats, CountsDuplicates_WithoutHidingLost) {
     EXPECT_EQ(report.outOfOrder, 0U);
 }
 
-TEST(StreamStats, CountsOneLate_WhenAPairIsSwapped) {
+TEST(StreamStats, CountsSwappedPair_AsOneLate) {
     const StreamReport report = ReportOf({10, 11, 13, 12, 14});
     EXPECT_EQ(report.outOfOrder, 1U);
     EXPECT_EQ(report.lost, 0U);
     EXPECT_EQ(report.duplicates, 0U);
 }
 
-TEST(StreamStats, CountsADuplicate_WhenALatePacketComesAgain) {
+TEST(StreamStats, TellsSecondLateCopy_AsDuplicate) {
     const StreamReport report = ReportOf({10, 12, 11, 11});
     EXPECT_EQ(report.outOfOrder, 1U);
     EXPECT_EQ(report.duplicates, 1U);
@@ -92,14 +92,14 @@ TEST(StreamStats, ExpectsPacketsBeforeTheFirst_WhenTheyComeLate) {
     EXPECT_EQ(report.outOfOrder, 1U);
 }
 
-TEST(StreamStats, GoesOn_WhenTheNumbersWrapAround) {
+TEST(StreamStats, GoesOnAcrossWrapAround) {
     const StreamReport report = ReportOf({65534, 65535, 0, 2});
     EXPECT_EQ(report.expected, 5U);
     EXPECT_EQ(report.lost, 1U);
     EXPECT_EQ(report.restarts, 0U);
 }
 
-TEST(StreamStats, Reorders_WhenTheNumbersWrapAround) {
+TEST(StreamStats, ReordersAcrossWrapAround) {
     const StreamReport report = ReportOf({65534, 0, 65535, 1, 65535});
     EXPECT_EQ(report.expected, 4U);
     EXPECT_EQ(report.outOfOrder, 1U);
@@ -116,13 +116,13 @@ TEST(StreamStats, CountsThreeRoundsOfTheCircle) {
     EXPECT_EQ(stats.Report().lost, 0U);
 }
 
-TEST(StreamStats, CountsLoss_WhenTheStepForwardIsTheLongest) {
+TEST(StreamStats, LongestStepForward_IsLoss) {
     const StreamReport report = ReportOf({10, 11, 11 + 2999});
     EXPECT_EQ(report.expected, 3001U);
     EXPECT_EQ(report.lost, 2998U);
 }
 
-TEST(StreamStats, CountsAJumpAndNothingElse_WhenTheStepForwardIsLonger) {
+TEST(StreamStats, LongerStepForward_IsAJumpThatCountsNothing) {
     const StreamReport report = ReportOf({10, 11, 11 + 3000, 12});
     EXPECT_EQ(report.expected, 3U);
     EXPECT_EQ(report.lost, 0U);
@@ -130,13 +130,13 @@ TEST(StreamStats, CountsAJumpAndNothingElse_WhenTheStepForwardIsLonger) {
     EXPECT_EQ(report.packets, 4U);
 }
 
-TEST(StreamStats, CountsOneLate_WhenTheStepBackIsTheLongest) {
+TEST(StreamStats, LongestStepBack_IsLate) {
     const StreamReport report = ReportOf({200, 201, 202, 202 - 99});
     EXPECT_EQ(report.outOfOrder, 1U);
     EXPECT_EQ(report.expected, 100U);
 }
 
-TEST(StreamStats, CountsAJump_WhenTheStepBackIsLonger) {
+TEST(StreamStats, LongerStepBack_IsAJump) {
     const StreamReport report = ReportOf({200, 201, 202, 202 - 100});
     EXPECT_EQ(report.outOfOrder, 0U);
     EXPECT_EQ(report.expected, 3U);
@@ -156,7 +156,7 @@ TEST(StreamStats, DoesNotStartAnew_AfterTwoLoneJumps) {
     EXPECT_EQ(report.lost, 0U);
 }
 
-TEST(StreamStats, IsConfirmed_AfterTwoInSequence) {
+TEST(StreamStats, IsConfirmed_ByTwoInSequence) {
     StreamStats stats(0);
     EXPECT_FALSE(stats.IsConfirmed());
     stats.OnPacket(Header(10, 0), 1, 0);
@@ -167,7 +167,7 @@ TEST(StreamStats, IsConfirmed_AfterTwoInSequence) {
     EXPECT_TRUE(stats.IsConfirmed());
 }
 
-TEST(StreamStats, IsConfirmed_AfterAJumpAndTwoInSequence) {
+TEST(StreamStats, IsConfirmed_ByTwoInSequenceBehindAJump) {
     StreamStats stats(0);
     stats.OnPacket(Header(10, 0), 1, 0);
     stats.OnPacket(Header(30000, 0), 1, 0);
@@ -199,7 +199,7 @@ TEST(StreamStats, HasNoJitter_WithoutAClock) {
     EXPECT_EQ(stats.Report().clockRate, 0U);
 }
 
-TEST(StreamStats, CountsNoJitter_WhenItRestartsWithAnotherTimestamp) {
+TEST(StreamStats, RestartWithAnotherTimestamp_IsNoJitter) {
     StreamStats stats(CLOCK_RATE);
     stats.OnPacket(Header(1, 0), 1, 0);
     stats.OnPacket(Header(2, PACKET_UNITS), 1, 20000);
@@ -210,7 +210,7 @@ TEST(StreamStats, CountsNoJitter_WhenItRestartsWithAnotherTimestamp) {
     EXPECT_EQ(stats.Report().jitterMs, 0);
 }
 
-TEST(StreamStats, CountsNoJitter_WhenAPacketBelongsNowhere) {
+TEST(StreamStats, PacketThatBelongsNowhere_IsNoJitter) {
     StreamStats stats(CLOCK_RATE);
     stats.OnPacket(Header(1, 0), 1, 0);
     stats.OnPacket(Header(2, PACKET_UNITS), 1, 20000);
@@ -224,11 +224,11 @@ TEST(StreamStats, TakesBitRateOverTheStreamsLife) {
     EXPECT_DOUBLE_EQ(ReportOf({1, 2, 3, 4, 5}).bitRate, 50000);
 }
 
-TEST(StreamStats, HasNoBitRate_WhenThereIsOnePacket) {
+TEST(StreamStats, HasNoBitRate_OfOnePacket) {
     EXPECT_EQ(ReportOf({1}).bitRate, 0);
 }
 
-TEST(StreamStats, TakesTheIntervalBitRateOfTheClosedIntervalOnly) {
+TEST(StreamStats, TakesIntervalBitRate_OfTheClosedIntervalOnly) {
     StreamStats stats(0);
     stats.OnPacket(Header(1, 0), 1000, 0);
     EXPECT_EQ(stats.Report().intervalBitRate, 0);
