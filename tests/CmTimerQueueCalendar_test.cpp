@@ -9,6 +9,7 @@
 #include "CmThread.h"
 #include "support/Clock.h"
 #include "support/Faults.h"
+#include "support/RandomBytes.h"
 #include "support/TimerModels.h"
 #include "support/Timers.h"
 #include "support/TraceSink.h"
@@ -759,7 +760,7 @@ TEST(CmTimerQueueCalendarModel, BehavesLikeTheModel_WhateverTheOperations) {
     ScopedTraceSink sink;
     int nClamped = 0;
     for (unsigned int dwSeed = 1; dwSeed <= 3000; ++dwSeed) {
-        const std::vector<uint8_t> bytes = kelto_test::RandomBytes(dwSeed, 800);
+        const std::vector<uint8_t> bytes = kelto_test::RandomBytes(800, dwSeed);
         ASSERT_EQ("", kelto_test::RunCalendarModel(bytes.data(), bytes.size(), nClamped)) << dwSeed;
     }
     EXPECT_LT(1000, nClamped);

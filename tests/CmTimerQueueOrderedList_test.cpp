@@ -7,6 +7,7 @@
 
 #include "support/Clock.h"
 #include "support/Faults.h"
+#include "support/RandomBytes.h"
 #include "support/TimerModels.h"
 #include "support/Timers.h"
 #include "support/TraceSink.h"
@@ -305,7 +306,7 @@ TEST(CmTimerQueueOrderedListAlone, FreesAllThatItHeld) {
 TEST(CmTimerQueueOrderedListModel, BehavesLikeTheModel_WhateverTheOperations) {
     kelto_test::ScopedTraceSink sink;  // refused schedules write lines
     for (unsigned int dwSeed = 1; dwSeed <= 3000; ++dwSeed) {
-        const std::vector<uint8_t> bytes = kelto_test::RandomBytes(dwSeed, 800);
+        const std::vector<uint8_t> bytes = kelto_test::RandomBytes(800, dwSeed);
         ASSERT_EQ("", kelto_test::RunOrderedListModel(bytes.data(), bytes.size())) << dwSeed;
     }
 }
