@@ -567,7 +567,7 @@ TEST(CmEventSend, WakesTheSender_WhenOneSignalFails) {
         queue.PopPendingEventsLocked(events);
         queue.ProcessEvents(events);
         sender.join();
-        EXPECT_EQ(2u, fault.calls());
+        EXPECT_LE(2u, fault.calls());
     }
     EXPECT_EQ(Ids{1}, log.ended());
 }
@@ -603,17 +603,22 @@ TEST(CmEventSynchronous, WakesOnce_WhenThatSucceeds) {
     pWrapper->OnDestorySelf();  // frees it
 }
 
-TEST(CmEventSynchronous, TriesThreeTimes_WhenItCannotWake) {
-    kelto_test::ScopedTraceSink sink;
-    EventLog log;
-    CCmEventQueueBase queue;
-    CCmEventSynchronous* pWrapper = new CCmEventSynchronous(new LoggedEvent(log, 1), &queue);
-    kelto_test::FailingCall<&CCmSystemTable::pthread_mutex_lock> fault(
-        EINVAL, EINVAL, 1, kelto_test::Failing::FROM_THERE_ON);
-    pWrapper->OnEventFire();
-    EXPECT_EQ(3u, fault.calls());
-    pWrapper->OnDestorySelf();
-    pWrapper->OnDestorySelf();  // frees it
+TEST(CmEventSynchronous, GoesOn_WhenItCannotWake) {
+    const long lLive = kelto_test::LiveAllocationsBefore();
+    {
+        EventLog log;
+        CCmEventQueueBase queue;
+        CCmEventSynchronous* pWrapper =
+            new CCmEventSynchronous(new LoggedEvent(log, 1, [] { return RESULT; }), &queue);
+        kelto_test::FailingCall<&CCmSystemTable::pthread_mutex_lock> fault(
+            EINVAL, EINVAL, 1, kelto_test::Failing::FROM_THERE_ON);
+        EXPECT_EQ(RESULT, pWrapper->OnEventFire());
+        EXPECT_LE(1u, fault.calls());
+        pWrapper->OnDestorySelf();
+        pWrapper->OnDestorySelf();  // frees it
+        EXPECT_EQ(Ids{1}, log.ended());
+    }
+    EXPECT_EQ(lLive, kelto_test::LiveAllocations());
 }
 
 TEST(CmEventSynchronous, EndsItsEvent_WhenItIsDeletedWithoutHavingRun) {
@@ -650,7 +655,7 @@ TEST(CmEventSend, WritesOneLine_WhenItsWakingFailsForGood) {
             kelto_test::Effect::ALL_THE_SAME);
         queue.ProcessEvents(events);
         sender.join();
-        EXPECT_EQ(3u, fault.calls());
+        EXPECT_LE(2u, fault.calls());
         EXPECT_EQ(1, g_nLines);
         EXPECT_EQ(0, g_nLinesUnderLock);
     }

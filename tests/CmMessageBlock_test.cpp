@@ -84,10 +84,14 @@ TEST_F(CmMessageBlock, SetDataWrapsTheCallersMemory) {
 TEST_F(CmMessageBlock, SetDataCopiesNothing_WhenItAllocates) {
     const char achMemory[] = "bytes that are not taken over";
     CCmMessageBlock block;
-    EXPECT_EQ(CM_OK,
-              block.SetData(sizeof(achMemory), achMemory, CCmMessageBlock::ALLOCATE_DATA, 0));
-    EXPECT_NE(achMemory, block.GetTopLevelReadPtr());
-    EXPECT_NE(0, std::memcmp(achMemory, block.GetTopLevelReadPtr(), sizeof(achMemory)));
+    {
+        const kelto_test::ScopedAllocationFill fill('x');
+        EXPECT_EQ(CM_OK,
+                  block.SetData(sizeof(achMemory), achMemory, CCmMessageBlock::ALLOCATE_DATA, 0));
+    }
+    ASSERT_NE(achMemory, block.GetTopLevelReadPtr());
+    EXPECT_EQ(std::string(sizeof(achMemory), 'x'),
+              std::string(block.GetTopLevelReadPtr(), sizeof(achMemory)));
     EXPECT_EQ(0u, block.GetTopLevelLength());
     EXPECT_EQ(sizeof(achMemory), block.GetTopLevelSpace());
     EXPECT_EQ(0u, block.GetFlag());

@@ -14,12 +14,14 @@
 #include "port/CmConditionSemaphore.h"
 #include "support/Cancellation.h"
 #include "support/Faults.h"
+#include "support/Gate.h"
 #include "support/TraceSink.h"
 
 namespace UTIL_NS {
 namespace {
 
 using kelto_test::FailingCall;
+using kelto_test::Gate;
 using kelto_test::MaskAddresses;
 using kelto_test::ScopedTraceSink;
 
@@ -142,6 +144,16 @@ TYPED_TEST(CmSemaphoreImplementation, LosesNoPost_WhenThreadsRace) {
     for (std::thread& thread : threads) {
         thread.join();
     }
+    // As many waits as posts have returned, and nothing is left over.
+    Gate passed;
+    std::thread waiter([&] {
+        this->Wait();
+        passed.Open();
+    });
+    SleepAMoment();
+    EXPECT_FALSE(passed.IsOpen());
+    EXPECT_EQ(0, this->Post());
+    waiter.join();
     this->Destroy();
 }
 

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <thread>
 
 #include "support/Faults.h"
 #include "support/SignalStorm.h"
@@ -32,8 +33,21 @@ TEST(CmUtilMisc, GetSingletonMutexGivesTheRecursiveOne) {
     EXPECT_EQ(&g_SingletonMutex, pMutex);
 }
 
-TEST(CmUtilMisc, GetSingletonMutexReturns_WhenTheOutPointerIsNull) {
+TEST(CmUtilMisc, GetSingletonMutexChangesNothing_WhenTheOutPointerIsNull) {
+    kelto_test::ScopedTraceSink sink;
+    const long lLive = kelto_test::LiveAllocations();
     GetSingletonMutex(nullptr);
+    EXPECT_EQ(0u, sink.lines().size());
+    EXPECT_EQ(lLive, kelto_test::LiveAllocations());
+    CmResult rv = CM_ERROR_UNEXPECTED;
+    std::thread([&rv] {  // where the mutex would not be locked once more
+        rv = g_SingletonMutex.TryLock();
+        if (CM_SUCCEEDED(rv)) {
+            g_SingletonMutex.UnLock();
+        }
+    })
+        .join();
+    EXPECT_EQ(CM_OK, rv);
 }
 
 TEST(CmUtilMisc, SleepMsSleepsItsTime) {
