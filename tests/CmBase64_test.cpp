@@ -4,9 +4,10 @@
 
 #include <algorithm>
 #include <cstring>
-#include <random>
 #include <string>
 #include <vector>
+
+#include "support/RandomBytes.h"
 
 namespace UTIL_NS {
 namespace {
@@ -27,17 +28,8 @@ std::vector<CCmBase64Kernel> Ways() {
     return ways;
 }
 
-std::vector<unsigned char> RandomBytes(size_t aLength, unsigned aSeed) {
-    std::mt19937 random(aSeed);
-    std::vector<unsigned char> bytes(aLength);
-    for (unsigned char& byte : bytes) {
-        byte = static_cast<unsigned char>(random());
-    }
-    return bytes;
-}
-
 std::vector<unsigned char> RandomText(size_t aLength, unsigned aSeed) {
-    std::vector<unsigned char> text = RandomBytes(aLength, aSeed);
+    std::vector<unsigned char> text = kelto_test::RandomBytes(aLength, aSeed);
     for (unsigned char& ch : text) {
         ch = static_cast<unsigned char>(ALPHABET[ch & 63]);
     }
@@ -81,8 +73,8 @@ TEST(CmBase64, ValuesAreThoseOfTheAlphabet) {
     }
 }
 
-TEST(CmBase64, EncodersGiveTheBits_WhateverTheLength) {
-    const std::vector<unsigned char> bytes = RandomBytes(300, 1);
+TEST(CmBase64, Encoding_GivesTheBitsOfEveryLength) {
+    const std::vector<unsigned char> bytes = kelto_test::RandomBytes(300, 1);
     for (const CCmBase64Kernel& way : Ways()) {
         for (size_t nLength = 0; nLength <= bytes.size(); ++nLength) {
             // On the heap and of exactly this size, so that a read outside is noticed.
@@ -167,7 +159,8 @@ TEST(CmBase64, TakesAKernel_WhenTheProcessorHasOne) {
 
 TEST(CmBase64, ImplementationsAgree_WhenInputsAreLong) {
     for (unsigned nSeed = 0; nSeed < 20; ++nSeed) {
-        const std::vector<unsigned char> bytes = RandomBytes(3 * (5000 + 7 * nSeed), nSeed);
+        const std::vector<unsigned char> bytes =
+            kelto_test::RandomBytes(3 * (5000 + 7 * nSeed), nSeed);
         std::string expected(bytes.size() / 3 * 4, '\0');
         CmBase64EncodeScalar(bytes.data(), bytes.size(), &expected[0]);
         std::string text(expected.size(), '\0');

@@ -9,6 +9,7 @@
 #include "CmMessageBlock.h"
 #include "CmUtilMisc.h"
 #include "support/Faults.h"
+#include "support/RandomBytes.h"
 #include "support/TraceSink.h"
 
 namespace UTIL_NS {
@@ -33,16 +34,7 @@ uint16_t BitByBit(uint16_t aCrc, const unsigned char* aData, size_t aLength) {
     return aCrc;
 }
 
-std::vector<unsigned char> RandomBytes(size_t aCount, unsigned int aSeed) {
-    std::mt19937 random(aSeed);
-    std::vector<unsigned char> bytes(aCount);
-    for (unsigned char& byte : bytes) {
-        byte = static_cast<unsigned char>(random());
-    }
-    return bytes;
-}
-
-TEST(CmCrc16, CheckValueIsThatOfArc_WhenItStartsFromZero) {
+TEST(CmCrc16, CheckValue_FromZeroIsArc) {
     unsigned short wCrc = 0;
     EXPECT_EQ(0xBB3D, CalcCRC16(wCrc, Bytes(DIGITS), 9));
     EXPECT_EQ(0xBB3D, wCrc);
@@ -103,8 +95,8 @@ TEST(CmCrc16, StepTableIsTheByteTableFollowedByZeros) {
     }
 }
 
-TEST(CmCrc16, EveryImplementationMatchesTheDefinition_WhateverTheLength) {
-    const std::vector<unsigned char> data = RandomBytes(4096 + 16, 7);
+TEST(CmCrc16, EveryWay_MatchesTheDefinitionForEveryLength) {
+    const std::vector<unsigned char> data = kelto_test::RandomBytes(4096 + 16, 7);
     for (size_t nLength = 0; nLength <= 4096; ++nLength) {
         const unsigned char* pData = data.data() + nLength % 16;  // every alignment
         const uint16_t wStart = static_cast<uint16_t>(nLength * 40503);
@@ -127,7 +119,8 @@ TEST(CmCrc16, EveryImplementationMatchesTheDefinition_WhateverTheLength) {
 TEST(CmCrc16, CalcCRC16StaysInsideItsBuffer) {
     // Exact allocations: a sanitizer sees every access beyond them.
     for (size_t nLength = 1; nLength <= 300; ++nLength) {
-        std::vector<unsigned char> data = RandomBytes(nLength, static_cast<unsigned int>(nLength));
+        std::vector<unsigned char> data =
+            kelto_test::RandomBytes(nLength, static_cast<unsigned int>(nLength));
         data.shrink_to_fit();
         unsigned short wCrc = 0;
         ASSERT_EQ(BitByBit(0, data.data(), nLength),
@@ -135,8 +128,8 @@ TEST(CmCrc16, CalcCRC16StaysInsideItsBuffer) {
     }
 }
 
-TEST(CmCrc16, CalcCRC16IsTheSame_WhateverTheSplit) {
-    std::vector<unsigned char> data = RandomBytes(200000, 11);
+TEST(CmCrc16, CalcCRC16_IsTheSameForEverySplit) {
+    std::vector<unsigned char> data = kelto_test::RandomBytes(200000, 11);
     const uint16_t wExpected = BitByBit(0xFFFF, data.data(), data.size());
     std::mt19937 random(12);
     for (int nRound = 0; nRound < 200; ++nRound) {
@@ -231,8 +224,8 @@ TEST(CmCrc16, CalcCRC16MAddsNothingButCounts_WhenABlockIsLocked) {
               sink.lines()[1].text);
 }
 
-TEST(CmCrc16, CalcCRC16MTakesBlockLengthsModulo65536) {
-    std::vector<unsigned char> data = RandomBytes(70000, 5);
+TEST(CmCrc16, CalcCRC16M_TakesBlockLengthsModulo65536) {
+    std::vector<unsigned char> data = kelto_test::RandomBytes(70000, 5);
     const char* pData = reinterpret_cast<const char*>(data.data());
     unsigned short wCrc = 0;
     CCmMessageBlock longer(70000, pData, 0, 70000);

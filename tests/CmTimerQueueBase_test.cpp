@@ -45,7 +45,7 @@ class CmTimerQueueBase : public testing::Test {
     }
 };
 
-TEST_F(CmTimerQueueBase, ScheduleRefuses_WhenTheHandlerIsNull) {
+TEST_F(CmTimerQueueBase, RefusesASchedule_WhenTheHandlerIsNull) {
     EXPECT_EQ(CM_ERROR_INVALID_ARG, m_queue.ScheduleTimer(nullptr, nullptr, Ms(10), 1));
     ExpectOneLine("UTIL ERROR: source/util/CmTimerQueueBase.cpp:78 Assert failed: aEh");
     EXPECT_EQ(CCmTimeValue::s_tvMax, m_queue.GetEarliestTime());
@@ -58,7 +58,7 @@ struct BadInterval {
     const char* reason;
 };
 
-TEST_F(CmTimerQueueBase, ScheduleRefuses_WhenTheIntervalCannotRepeat) {
+TEST_F(CmTimerQueueBase, RefusesASchedule_WhenTheIntervalCannotRepeat) {
     const BadInterval rows[] = {
         {0, 0, 0, "zero, without limit"},       {0, 0, 2, "zero, twice"},
         {-1, 0, 0, "negative, without limit"},  {0, -1, 2, "negative, twice"},
@@ -77,14 +77,14 @@ TEST_F(CmTimerQueueBase, ScheduleRefuses_WhenTheIntervalCannotRepeat) {
     }
 }
 
-TEST_F(CmTimerQueueBase, ScheduleKeepsThePendingTimer_WhenItRefuses) {
+TEST_F(CmTimerQueueBase, KeepsThePendingTimer_WhenANewScheduleIsRefused) {
     m_queue.ScheduleTimer(&m_handler, nullptr, Ms(10), 0);
     EXPECT_EQ(CM_ERROR_INVALID_ARG,
               m_queue.ScheduleTimer(&m_handler, nullptr, CCmTimeValue::s_tvZero, 0));
     EXPECT_EQ(CCmTimeValue(START, 10000), m_queue.GetEarliestTime());
 }
 
-TEST_F(CmTimerQueueBase, ScheduledTimerFiresOnNextCheck_WhenTheIntervalIsZero) {
+TEST_F(CmTimerQueueBase, FiresOnTheNextCheck_WhenTheIntervalIsZero) {
     EXPECT_EQ(CM_OK, m_queue.ScheduleTimer(&m_handler, nullptr, CCmTimeValue::s_tvZero, 1));
     EXPECT_EQ(1U, m_queue.CheckExpire());
     EXPECT_EQ(0U, m_queue.CheckExpire());
@@ -92,14 +92,14 @@ TEST_F(CmTimerQueueBase, ScheduledTimerFiresOnNextCheck_WhenTheIntervalIsZero) {
     EXPECT_TRUE(m_sink.lines().empty());
 }
 
-TEST_F(CmTimerQueueBase, ScheduledTimerFiresOnceOnNextCheck_WhenTheIntervalIsNegative) {
+TEST_F(CmTimerQueueBase, FiresOnceOnTheNextCheck_WhenTheIntervalIsNegative) {
     EXPECT_EQ(CM_OK, m_queue.ScheduleTimer(&m_handler, nullptr, CCmTimeValue(-5), 1));
     EXPECT_EQ(CCmTimeValue(START - 5), m_queue.GetEarliestTime());
     EXPECT_EQ(1U, m_queue.CheckExpire());
     EXPECT_EQ(0U, m_queue.CheckExpire());
 }
 
-TEST_F(CmTimerQueueBase, ScheduleFindsAndReplacesTheTimer_WhenItIsPending) {
+TEST_F(CmTimerQueueBase, ReplacesTheTimerAndSaysFound_WhenOneIsPending) {
     int nFirst = 0;
     int nSecond = 0;
     EXPECT_EQ(CM_OK, m_queue.ScheduleTimer(&m_handler, &nFirst, Ms(10), 0));
@@ -111,7 +111,7 @@ TEST_F(CmTimerQueueBase, ScheduleFindsAndReplacesTheTimer_WhenItIsPending) {
     EXPECT_EQ(&nSecond, m_log[0].token);
 }
 
-TEST_F(CmTimerQueueBase, ScheduleSaturatesExpiry) {
+TEST_F(CmTimerQueueBase, SaturatesExpiry_WhenTheIntervalReachesBeyondTheLastSecond) {
     EXPECT_EQ(CM_OK, m_queue.ScheduleTimer(&m_handler, nullptr, CCmTimeValue::s_tvMax, 1));
     EXPECT_EQ(CCmTimeValue::s_tvMax, m_queue.GetEarliestTime());
     CCmTimeValue tvRemain;
@@ -119,23 +119,23 @@ TEST_F(CmTimerQueueBase, ScheduleSaturatesExpiry) {
     EXPECT_EQ(CCmTimeValue(INT64_MAX - START, 999999), tvRemain);
 }
 
-TEST_F(CmTimerQueueBase, ScheduleReadsTheClockOnce) {
+TEST_F(CmTimerQueueBase, ReadsTheClockOnce_WhenATimerIsScheduled) {
     m_queue.ScheduleTimer(&m_handler, nullptr, Ms(10), 1);
     EXPECT_EQ(1U, m_clock.reads());
 }
 
-TEST_F(CmTimerQueueBase, ScheduleNormalisesExpiry) {
+TEST_F(CmTimerQueueBase, NormalisesExpiry_WhenMicrosecondsMakeASecond) {
     m_clock.Set(START, 999999);
     m_queue.ScheduleTimer(&m_handler, nullptr, CCmTimeValue(0, 1), 1);
     EXPECT_EQ(CCmTimeValue(START + 1, 0), m_queue.GetEarliestTime());
 }
 
-TEST_F(CmTimerQueueBase, CancelRefuses_WhenTheHandlerIsNull) {
+TEST_F(CmTimerQueueBase, RefusesACancel_WhenTheHandlerIsNull) {
     EXPECT_EQ(CM_ERROR_INVALID_ARG, m_queue.CancelTimer(nullptr));
     ExpectOneLine("UTIL ERROR: source/util/CmTimerQueueBase.cpp:121 Assert failed: aEh");
 }
 
-TEST_F(CmTimerQueueBase, CancelDropsTheTimer_WithoutCallingIt) {
+TEST_F(CmTimerQueueBase, CallsNoHandler_WhenItsTimerIsCancelled) {
     m_queue.ScheduleTimer(&m_handler, nullptr, Ms(10), 0);
     EXPECT_EQ(CM_OK, m_queue.CancelTimer(&m_handler));
     EXPECT_EQ(CM_ERROR_NOT_FOUND, m_queue.CancelTimer(&m_handler));
@@ -143,7 +143,7 @@ TEST_F(CmTimerQueueBase, CancelDropsTheTimer_WithoutCallingIt) {
     EXPECT_TRUE(m_log.empty());
 }
 
-TEST_F(CmTimerQueueBase, CheckStoresNoLimit_WhenTheQueueIsEmpty) {
+TEST_F(CmTimerQueueBase, HasNoNextExpiry_WhenEmpty) {
     CCmTimeValue tvRemain;
     EXPECT_EQ(0U, m_queue.CheckExpire(&tvRemain));
     EXPECT_EQ(CCmTimeValue::s_tvMax, tvRemain);
@@ -151,7 +151,7 @@ TEST_F(CmTimerQueueBase, CheckStoresNoLimit_WhenTheQueueIsEmpty) {
     EXPECT_EQ(0U, m_queue.CheckExpire(nullptr));
 }
 
-TEST_F(CmTimerQueueBase, CheckStoresNoLimit_WhenLastTimerEnded) {
+TEST_F(CmTimerQueueBase, HasNoNextExpiry_WhenTheLastTimerEnded) {
     m_queue.ScheduleTimer(&m_handler, nullptr, Ms(10), 1);
     m_clock.AdvanceMs(10);
     CCmTimeValue tvRemain;
@@ -159,7 +159,7 @@ TEST_F(CmTimerQueueBase, CheckStoresNoLimit_WhenLastTimerEnded) {
     EXPECT_EQ(CCmTimeValue::s_tvMax, tvRemain);
 }
 
-TEST_F(CmTimerQueueBase, CheckStoresTimeToNextExpiry) {
+TEST_F(CmTimerQueueBase, StoresTheTimeToTheNextExpiry_WhenNothingIsDue) {
     m_queue.ScheduleTimer(&m_handler, nullptr, CCmTimeValue(2, 100), 1);
     m_clock.AdvanceUsec(1000200);
     CCmTimeValue tvRemain;
@@ -167,7 +167,7 @@ TEST_F(CmTimerQueueBase, CheckStoresTimeToNextExpiry) {
     EXPECT_EQ(CCmTimeValue(0, 999900), tvRemain);
 }
 
-TEST_F(CmTimerQueueBase, CheckFiresATimer_WhenItIsDueNow) {
+TEST_F(CmTimerQueueBase, FiresATimer_WhenItIsDueNow) {
     m_queue.ScheduleTimer(&m_handler, nullptr, Ms(10), 1);
     m_clock.AdvanceUsec(9999);
     EXPECT_EQ(0U, m_queue.CheckExpire());
@@ -175,7 +175,7 @@ TEST_F(CmTimerQueueBase, CheckFiresATimer_WhenItIsDueNow) {
     EXPECT_EQ(1U, m_queue.CheckExpire());
 }
 
-TEST_F(CmTimerQueueBase, CheckHandsOverStartOfPassAndToken) {
+TEST_F(CmTimerQueueBase, HandsOverStartOfPassAndToken_WhenATimerFires) {
     int nToken = 0;
     m_queue.ScheduleTimer(&m_handler, &nToken, Ms(10), 1);
     m_handler.SetAction([this] { m_clock.AdvanceMs(5); });
@@ -187,7 +187,7 @@ TEST_F(CmTimerQueueBase, CheckHandsOverStartOfPassAndToken) {
     EXPECT_EQ(CCmTimeValue(START, 25000), m_log[1].now);
 }
 
-TEST_F(CmTimerQueueBase, CheckReadsTheClockOnce) {
+TEST_F(CmTimerQueueBase, ReadsTheClockOnce_WhenManyTimersFire) {
     std::vector<CountingHandler> handlers(20);
     for (CountingHandler& handler : handlers) {
         m_queue.ScheduleTimer(&handler, nullptr, Ms(10), 0);
@@ -198,7 +198,7 @@ TEST_F(CmTimerQueueBase, CheckReadsTheClockOnce) {
     EXPECT_EQ(ulBefore + 1, m_clock.reads());
 }
 
-TEST_F(CmTimerQueueBase, CheckFiresAsOftenAsAsked_WhenTheCountIsLimited) {
+TEST_F(CmTimerQueueBase, FiresAsOftenAsAsked_WhenTheCountIsLimited) {
     m_queue.ScheduleTimer(&m_handler, nullptr, Ms(10), 3);
     unsigned int dwFired = 0;
     for (int i = 0; i < 10; ++i) {
@@ -208,7 +208,7 @@ TEST_F(CmTimerQueueBase, CheckFiresAsOftenAsAsked_WhenTheCountIsLimited) {
     EXPECT_EQ(CM_ERROR_NOT_FOUND, m_queue.CancelTimer(&m_handler));
 }
 
-TEST_F(CmTimerQueueBase, CheckFiresAgainAndAgain_WhenTheCountIsUnlimited) {
+TEST_F(CmTimerQueueBase, GoesOn_WhenTheCountIsZero) {
     m_queue.ScheduleTimer(&m_handler, nullptr, Ms(10), 0);
     for (int i = 0; i < 1000; ++i) {
         ASSERT_EQ(1U, CheckAfterMs(10));
@@ -216,32 +216,32 @@ TEST_F(CmTimerQueueBase, CheckFiresAgainAndAgain_WhenTheCountIsUnlimited) {
     EXPECT_EQ(CM_OK, m_queue.CancelTimer(&m_handler));
 }
 
-TEST_F(CmTimerQueueBase, CheckFiresAgainAndAgain_WhenTheCountIsTheLargest) {
+TEST_F(CmTimerQueueBase, GoesOn_WhenTheCountIsTheLargest) {
     m_queue.ScheduleTimer(&m_handler, nullptr, Ms(10), 0xFFFFFFFF);
     EXPECT_EQ(1U, CheckAfterMs(10));
     EXPECT_EQ(1U, CheckAfterMs(10));
 }
 
-TEST_F(CmTimerQueueBase, FiresOnce_WhenSeveralPeriodsMissed) {
+TEST_F(CmTimerQueueBase, FiresOnceAndKeepsThePhase_WhenSeveralPeriodsWereMissed) {
     m_queue.ScheduleTimer(&m_handler, nullptr, Ms(100), 0);
     EXPECT_EQ(1U, CheckAfterMs(350));
     EXPECT_EQ(CCmTimeValue(START, 400000), m_queue.GetEarliestTime());
 }
 
-TEST_F(CmTimerQueueBase, RearmSkipsAPeriod_WhenItEndsNow) {
+TEST_F(CmTimerQueueBase, SkipsAPeriod_WhenItEndsNow) {
     m_queue.ScheduleTimer(&m_handler, nullptr, Ms(100), 0);
     EXPECT_EQ(1U, CheckAfterMs(300));
     EXPECT_EQ(CCmTimeValue(START, 400000), m_queue.GetEarliestTime());
 }
 
-TEST_F(CmTimerQueueBase, RearmCountsOneFiring_WhenPeriodsAreMissed) {
+TEST_F(CmTimerQueueBase, CountsOneFiring_WhenSeveralPeriodsWereMissed) {
     m_queue.ScheduleTimer(&m_handler, nullptr, Ms(100), 2);
     EXPECT_EQ(1U, CheckAfterMs(950));
     EXPECT_EQ(1U, CheckAfterMs(50));
     EXPECT_EQ(0U, CheckAfterMs(1000));
 }
 
-TEST_F(CmTimerQueueBase, RearmKeepsPhaseOverFiftyYears) {
+TEST_F(CmTimerQueueBase, KeepsThePhase_WhenFiftyYearsWereMissed) {
     m_queue.ScheduleTimer(&m_handler, nullptr, CCmTimeValue(0, 7), 0);
     m_clock.Set(START + 1577836800, 0);
     EXPECT_EQ(1U, m_queue.CheckExpire());
@@ -249,14 +249,14 @@ TEST_F(CmTimerQueueBase, RearmKeepsPhaseOverFiftyYears) {
     EXPECT_EQ(CCmTimeValue(START + 1577836800, 6), m_queue.GetEarliestTime());
 }
 
-TEST_F(CmTimerQueueBase, RearmCountsInMicroseconds) {
+TEST_F(CmTimerQueueBase, KeepsThePhase_WhenTheIntervalIsNoWholeSecond) {
     m_queue.ScheduleTimer(&m_handler, nullptr, CCmTimeValue(1, 999999), 0);
     m_clock.AdvanceUsec(1999999LL * 1000 + 1);
     EXPECT_EQ(1U, m_queue.CheckExpire());
     EXPECT_EQ(CCmTimeValue(START + 2001, 998999), m_queue.GetEarliestTime());
 }
 
-TEST_F(CmTimerQueueBase, RearmIsRight_BeforeTheEpoch) {
+TEST_F(CmTimerQueueBase, KeepsThePhase_WhenTheTimeIsBeforeTheEpoch) {
     m_clock.Set(-100);
     m_queue.ScheduleTimer(&m_handler, nullptr, CCmTimeValue(7), 0);
     m_clock.Set(-50);
@@ -274,7 +274,7 @@ TEST_F(CmTimerQueueBase, DelaysAndLosesNothing_WhenTheClockIsSetBack) {
     EXPECT_EQ(1U, m_queue.CheckExpire());
 }
 
-TEST_F(CmTimerQueueBase, HandlerCancelsItsPeriodicTimer) {
+TEST_F(CmTimerQueueBase, EndsAPeriodicTimer_WhenItsHandlerCancelsIt) {
     CmResult rv = CM_ERROR_FAILURE;
     m_handler.SetAction([&] { rv = m_queue.CancelTimer(&m_handler); });
     m_queue.ScheduleTimer(&m_handler, nullptr, Ms(10), 0);
@@ -283,7 +283,7 @@ TEST_F(CmTimerQueueBase, HandlerCancelsItsPeriodicTimer) {
     EXPECT_EQ(0U, CheckAfterMs(100));
 }
 
-TEST_F(CmTimerQueueBase, HandlerReplacesItsPeriodicTimer) {
+TEST_F(CmTimerQueueBase, ReplacesAPeriodicTimer_WhenItsHandlerSchedulesIt) {
     CmResult rv = CM_ERROR_FAILURE;
     m_handler.SetAction([&] { rv = m_queue.ScheduleTimer(&m_handler, nullptr, Ms(50), 1); });
     m_queue.ScheduleTimer(&m_handler, nullptr, Ms(10), 0);
@@ -292,7 +292,7 @@ TEST_F(CmTimerQueueBase, HandlerReplacesItsPeriodicTimer) {
     EXPECT_EQ(CCmTimeValue(START, 60000), m_queue.GetEarliestTime());
 }
 
-TEST_F(CmTimerQueueBase, HandlerIsNotFound_WhenItFiresTheLastTime) {
+TEST_F(CmTimerQueueBase, FindsNoTimer_WhenItsHandlerCancelsItInItsLastFiring) {
     std::vector<CmResult> results;
     m_handler.SetAction([&] { results.push_back(m_queue.CancelTimer(&m_handler)); });
     m_queue.ScheduleTimer(&m_handler, nullptr, Ms(10), 2);
@@ -302,7 +302,7 @@ TEST_F(CmTimerQueueBase, HandlerIsNotFound_WhenItFiresTheLastTime) {
     EXPECT_EQ((std::vector<CmResult>{CM_OK, CM_ERROR_NOT_FOUND}), results);
 }
 
-TEST_F(CmTimerQueueBase, HandlerSchedulesItselfAnew_WhenItFiresTheLastTime) {
+TEST_F(CmTimerQueueBase, TakesATimer_WhenItsHandlerSchedulesItInItsLastFiring) {
     CmResult rv = CM_ERROR_FAILURE;
     m_handler.SetAction([&] { rv = m_queue.ScheduleTimer(&m_handler, nullptr, Ms(10), 1); });
     m_queue.ScheduleTimer(&m_handler, nullptr, Ms(10), 1);
@@ -311,7 +311,7 @@ TEST_F(CmTimerQueueBase, HandlerSchedulesItselfAnew_WhenItFiresTheLastTime) {
     EXPECT_EQ(1U, CheckAfterMs(10));
 }
 
-TEST_F(CmTimerQueueBase, HandlerCancelsAllTimersOfItsPass) {
+TEST_F(CmTimerQueueBase, FiresNoneOfThePass_WhenAHandlerCancelsThem) {
     m_queue.ScheduleTimer(&m_handler, nullptr, Ms(20), 0);
     m_queue.ScheduleTimer(&m_other, nullptr, Ms(10), 0);
     m_other.SetAction([&] {
@@ -325,7 +325,7 @@ TEST_F(CmTimerQueueBase, HandlerCancelsAllTimersOfItsPass) {
     EXPECT_EQ(std::vector<int>{2}, Ids(m_log));
 }
 
-TEST_F(CmTimerQueueBase, HandlerAddsATimerThatFiresInTheSamePass_WhenItIsDue) {
+TEST_F(CmTimerQueueBase, FiresInTheSamePass_WhenAHandlerAddsADueTimer) {
     m_handler.SetAction(
         [&] { m_queue.ScheduleTimer(&m_other, nullptr, CCmTimeValue::s_tvZero, 1); });
     m_queue.ScheduleTimer(&m_handler, nullptr, Ms(10), 1);
@@ -333,7 +333,7 @@ TEST_F(CmTimerQueueBase, HandlerAddsATimerThatFiresInTheSamePass_WhenItIsDue) {
     EXPECT_EQ((std::vector<int>{1, 2}), Ids(m_log));
 }
 
-TEST_F(CmTimerQueueBase, HandlerPullsAnotherTimerForward) {
+TEST_F(CmTimerQueueBase, FiresInTheSamePass_WhenAHandlerPullsATimerForward) {
     m_queue.ScheduleTimer(&m_other, nullptr, CCmTimeValue(100), 1);
     m_handler.SetAction([&] {
         EXPECT_EQ(CM_ERROR_FOUND, m_queue.ScheduleTimer(&m_other, nullptr, CCmTimeValue(-1), 1));
@@ -353,7 +353,7 @@ class CountingObserver : public ICmObserver {
     std::vector<std::string> m_topics;
 };
 
-TEST_F(CmTimerQueueBase, ObserverIsToldOfTheFirstTimerOnly) {
+TEST_F(CmTimerQueueBase, TellsTheObserver_WhenTheFirstTimerComes) {
     CountingObserver observer;
     CCmTimerQueueOrderedList queue(&observer);
     queue.ScheduleTimer(&m_handler, nullptr, Ms(10), 1);
@@ -363,7 +363,7 @@ TEST_F(CmTimerQueueBase, ObserverIsToldOfTheFirstTimerOnly) {
     EXPECT_EQ(1U, observer.m_topics.size());
 }
 
-TEST_F(CmTimerQueueBase, ObserverIsToldAgain_WhenQueueRanEmpty) {
+TEST_F(CmTimerQueueBase, TellsTheObserverAgain_WhenTheQueueRanEmpty) {
     CountingObserver observer;
     CCmTimerQueueOrderedList queue(&observer);
     queue.ScheduleTimer(&m_handler, nullptr, Ms(10), 1);
@@ -372,7 +372,7 @@ TEST_F(CmTimerQueueBase, ObserverIsToldAgain_WhenQueueRanEmpty) {
     EXPECT_EQ(2U, observer.m_topics.size());
 }
 
-TEST_F(CmTimerQueueBase, ObserverIsNotTold_WhenATimerIsRefused) {
+TEST_F(CmTimerQueueBase, TellsNoObserver_WhenTheTimerIsRefused) {
     CountingObserver observer;
     CCmTimerQueueOrderedList queue(&observer);
     queue.ScheduleTimer(&m_handler, nullptr, Ms(0), 0);
@@ -424,7 +424,7 @@ class ScriptedQueue : public CCmTimerQueueBase {
     }
 };
 
-TEST_F(CmTimerQueueBase, ScheduleMapsResultsOfThePrimitive) {
+TEST_F(CmTimerQueueBase, ScheduleReturnsAResultCode_WhateverThePrimitiveReturns) {
     ScriptedQueue queue;
     EXPECT_EQ(CM_OK, queue.ScheduleTimer(&m_handler, nullptr, Ms(10), 1));
     queue.m_nPush = 1;
@@ -435,7 +435,7 @@ TEST_F(CmTimerQueueBase, ScheduleMapsResultsOfThePrimitive) {
     EXPECT_EQ(CM_ERROR_FAILURE, queue.ScheduleTimer(&m_handler, nullptr, Ms(10), 1));
 }
 
-TEST_F(CmTimerQueueBase, ObserverIsTold_WhenThePrimitiveFailed) {
+TEST_F(CmTimerQueueBase, TellsTheObserver_WhenThePrimitiveFailed) {
     CountingObserver observer;
     ScriptedQueue queue(&observer);
     queue.m_nPush = -1;
@@ -443,7 +443,7 @@ TEST_F(CmTimerQueueBase, ObserverIsTold_WhenThePrimitiveFailed) {
     EXPECT_EQ(std::vector<std::string>{"TimerQueue"}, observer.m_topics);
 }
 
-TEST_F(CmTimerQueueBase, CancelMapsResultsOfThePrimitive) {
+TEST_F(CmTimerQueueBase, CancelReturnsAResultCode_WhateverThePrimitiveReturns) {
     ScriptedQueue queue;
     EXPECT_EQ(CM_OK, queue.CancelTimer(&m_handler));
     queue.m_nErase = 1;
@@ -452,7 +452,7 @@ TEST_F(CmTimerQueueBase, CancelMapsResultsOfThePrimitive) {
     EXPECT_EQ(CM_ERROR_FAILURE, queue.CancelTimer(&m_handler));
 }
 
-TEST_F(CmTimerQueueBase, ScheduleFillsTheNode) {
+TEST_F(CmTimerQueueBase, FillsTheNode_WhenATimerIsScheduled) {
     ScriptedQueue queue;
     int nToken = 0;
     queue.ScheduleTimer(&m_handler, &nToken, Ms(1500), 0);
@@ -465,7 +465,7 @@ TEST_F(CmTimerQueueBase, ScheduleFillsTheNode) {
     EXPECT_EQ(7U, queue.m_nodes[1].m_dwCount);
 }
 
-TEST_F(CmTimerQueueBase, CheckDoesNotRearm_WithoutAnInterval) {
+TEST_F(CmTimerQueueBase, RearmsNoTimer_WhenItHasNoInterval) {
     ScriptedQueue queue;
     queue.AddNode(&m_handler, CCmTimeValue(START), CCmTimeValue::s_tvZero, 5);
     queue.AddNode(&m_handler, CCmTimeValue(START), CCmTimeValue(-1), 0xFFFFFFFF);
@@ -473,7 +473,7 @@ TEST_F(CmTimerQueueBase, CheckDoesNotRearm_WithoutAnInterval) {
     EXPECT_FALSE(queue.m_bRepushed);
 }
 
-TEST_F(CmTimerQueueBase, CheckSaturates_WhenItRearms) {
+TEST_F(CmTimerQueueBase, SaturatesExpiry_WhenTheIntervalIsTheLongest) {
     ScriptedQueue queue;
     queue.AddNode(&m_handler, CCmTimeValue(START), CCmTimeValue::s_tvMax, 2);
     EXPECT_EQ(1U, queue.CheckExpire());
@@ -487,7 +487,7 @@ int LastSecond(timeval* aTime, void* /*aZone*/) {
     return 0;
 }
 
-TEST_F(CmTimerQueueBase, CheckSaturates_WhenTheNextPeriodEndsBeyondTheLastSecond) {
+TEST_F(CmTimerQueueBase, SaturatesExpiry_WhenTheNextPeriodEndsBeyondTheLastSecond) {
     ScriptedQueue queue;
     queue.AddNode(&m_handler, CCmTimeValue(START), CCmTimeValue(1000), 2);
     ScopedEntry<decltype(g_cmClock.gettimeofday)> entry(g_cmClock.gettimeofday, &LastSecond);
@@ -495,14 +495,14 @@ TEST_F(CmTimerQueueBase, CheckSaturates_WhenTheNextPeriodEndsBeyondTheLastSecond
     EXPECT_EQ(CCmTimeValue::s_tvMax, queue.m_nodes[0].m_tvExpired);
 }
 
-TEST_F(CmTimerQueueBase, CheckRearms_WhenManyPeriodsWereMissed) {
+TEST_F(CmTimerQueueBase, RearmsATimer_WhenItWasDueAgesAgo) {
     ScriptedQueue queue;
     queue.AddNode(&m_handler, CCmTimeValue(-INT64_MAX), CCmTimeValue(0, 1), 0xFFFFFFFF);
     EXPECT_EQ(1U, queue.CheckExpire());
     EXPECT_EQ(CCmTimeValue(START, 1), queue.m_nodes[0].m_tvExpired);
 }
 
-TEST_F(CmTimerQueueBase, RearmEqualsRepeatedAddition) {
+TEST_F(CmTimerQueueBase, RearmsAsByRepeatedAddition_WhateverWasMissed) {
     const long intervals[] = {1, 3, 999, 999999, 1000000, 1000001, 2500000, 86400000000};
     for (const long lInterval : intervals) {
         for (const long lPast : {0L, 1L, lInterval - 1, lInterval, lInterval + 1, 17 * lInterval,

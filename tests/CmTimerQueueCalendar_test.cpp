@@ -105,7 +105,7 @@ struct Wheel {
     const char* reason;
 };
 
-TEST_F(CmTimerQueueCalendar, ConstructorSizesTheWheel) {
+TEST_F(CmTimerQueueCalendar, SizesTheWheel_ByIntervalAndSpan) {
     const Wheel rows[] = {
         {5, 30, "100000000", "10", "both raised"},
         {9, 60000, "100000000", "5999", "interval raised to 10"},
@@ -133,7 +133,7 @@ TEST_F(CmTimerQueueCalendar, ConstructorSizesTheWheel) {
     }
 }
 
-TEST_F(CmTimerQueueCalendar, ScheduleRefuses_WhenTheHandlerIsNull) {
+TEST_F(CmTimerQueueCalendar, RefusesASchedule_WhenTheHandlerIsNull) {
     EXPECT_EQ(CM_ERROR_INVALID_ARG, m_queue.ScheduleTimer(nullptr, nullptr, Ms(10), 1));
     ASSERT_EQ(1U, m_sink.lines().size());
     EXPECT_EQ(0U, m_sink.lines()[0].level);
@@ -141,7 +141,7 @@ TEST_F(CmTimerQueueCalendar, ScheduleRefuses_WhenTheHandlerIsNull) {
               m_sink.lines()[0].text);
 }
 
-TEST_F(CmTimerQueueCalendar, CancelRefuses_WhenTheHandlerIsNull) {
+TEST_F(CmTimerQueueCalendar, RefusesACancel_WhenTheHandlerIsNull) {
     EXPECT_EQ(CM_ERROR_INVALID_ARG, m_queue.CancelTimer(nullptr));
     ASSERT_EQ(1U, m_sink.lines().size());
     EXPECT_EQ("UTIL ERROR: source/util/CmTimerQueueCalendar.cpp:157 Assert failed: aEh",
@@ -154,7 +154,7 @@ struct DistanceRow {
     const char* reason;
 };
 
-TEST_F(CmTimerQueueCalendar, DistanceIsRoundedUp) {
+TEST_F(CmTimerQueueCalendar, RoundsUpToSlots_WhateverTheInterval) {
     const DistanceRow rows[] = {
         {CCmTimeValue(0, 1000), 2, "1 ms: distance 1"},
         {CCmTimeValue(0, 10000), 2, "10 ms: distance 1"},
@@ -186,7 +186,7 @@ struct ClampRow {
     const char* reason;
 };
 
-TEST_F(CmTimerQueueCalendar, ClampTracesAndShortens) {
+TEST_F(CmTimerQueueCalendar, TracesAndShortens_WhenTheIntervalIsBeyondTheWheel) {
     const ClampRow rows[] = {
         {CCmTimeValue(0, 90001), nullptr, "90 ms and a microsecond fit"},
         {CCmTimeValue(0, 91000), "interval_s=0 interval_us=91000 dwDistance=10", "91 ms"},
@@ -216,36 +216,36 @@ TEST_F(CmTimerQueueCalendar, ClampTracesAndShortens) {
     }
 }
 
-TEST_F(CmTimerQueueCalendar, ClampGoesToLastSlot_WhenWheelStandsAtZero) {
+TEST_F(CmTimerQueueCalendar, ShortensToTheLastSlot_WhenTheWheelStandsAtZero) {
     Schedule(0, 5000);
     EXPECT_EQ(11, TicksToFiring());
 }
 
-TEST_F(CmTimerQueueCalendar, ClampGoesToNextTick_WhenWheelStandsElsewhere) {
+TEST_F(CmTimerQueueCalendar, ShortensToTheNextTick_WhenTheWheelStandsElsewhere) {
     Tick(3);
     Schedule(0, 5000);
     EXPECT_EQ(1, TicksToFiring());
 }
 
-TEST_F(CmTimerQueueCalendar, WrapLandsOneSlotFurther) {
+TEST_F(CmTimerQueueCalendar, LandsOneSlotFurther_WhenItWraps) {
     Tick(5);
     Schedule(0, 60);  // slot 1: ticks of slots 5 to 10, 0 and 1
     EXPECT_EQ(8, TicksToFiring());
 }
 
-TEST_F(CmTimerQueueCalendar, WrapDoesNotHappen_WhenTheSlotIsTheLast) {
+TEST_F(CmTimerQueueCalendar, DoesNotWrap_WhenItEndsAtTheLastSlot) {
     Tick(5);
     Schedule(0, 50);  // slot 10
     EXPECT_EQ(6, TicksToFiring());
 }
 
-TEST_F(CmTimerQueueCalendar, TickGoesRound) {
+TEST_F(CmTimerQueueCalendar, GoesRound_WhenTheLastSlotWasFired) {
     Tick(10);
     Schedule(0, 10);  // from slot 10 to slot 1, by way of slot 0
     EXPECT_EQ(3, TicksToFiring());
 }
 
-TEST_F(CmTimerQueueCalendar, TickHandsOverTimeAndToken) {
+TEST_F(CmTimerQueueCalendar, HandsOverTimeAndToken_WhenATimerFires) {
     int nToken = 0;
     m_queue.ScheduleTimer(Handler(0), &nToken, Ms(10), 1);
     m_clock.AdvanceUsec(1234567);
@@ -255,7 +255,7 @@ TEST_F(CmTimerQueueCalendar, TickHandsOverTimeAndToken) {
     EXPECT_EQ(&nToken, m_log[0].token);
 }
 
-TEST_F(CmTimerQueueCalendar, TickReadsTheClockOncePerSlot) {
+TEST_F(CmTimerQueueCalendar, ReadsTheClockOnce_WhenASlotFires) {
     Schedule(0, 10);
     Schedule(1, 10);
     Handler(1)->SetAction([this] { m_clock.AdvanceMs(7); });
@@ -265,7 +265,7 @@ TEST_F(CmTimerQueueCalendar, TickReadsTheClockOncePerSlot) {
     EXPECT_EQ(1U, m_clock.reads());
 }
 
-TEST_F(CmTimerQueueCalendar, TickFiresNewestFirst) {
+TEST_F(CmTimerQueueCalendar, FiresNewestFirst_WhenTimersShareASlot) {
     Schedule(0, 10);
     Schedule(1, 10);
     Schedule(2, 10);
@@ -273,7 +273,7 @@ TEST_F(CmTimerQueueCalendar, TickFiresNewestFirst) {
     EXPECT_EQ((std::vector<int>{2, 1, 0}), Ids(m_log));
 }
 
-TEST_F(CmTimerQueueCalendar, TickIgnoresTheClock) {
+TEST_F(CmTimerQueueCalendar, CountsTicksAlone_WhenTheClockIsSet) {
     Schedule(0, 50);
     m_clock.Set(START + 1000000);
     Tick(5);
@@ -283,7 +283,7 @@ TEST_F(CmTimerQueueCalendar, TickIgnoresTheClock) {
     EXPECT_EQ(1U, m_log.size());
 }
 
-TEST_F(CmTimerQueueCalendar, TickFiresAsOftenAsAsked_WhenTheCountIsLimited) {
+TEST_F(CmTimerQueueCalendar, FiresAsOftenAsAsked_WhenTheCountIsLimited) {
     Schedule(0, 10, 2);
     Tick(20);
     EXPECT_EQ(2U, m_log.size());
@@ -291,20 +291,20 @@ TEST_F(CmTimerQueueCalendar, TickFiresAsOftenAsAsked_WhenTheCountIsLimited) {
     EXPECT_EQ(CM_OK, Schedule(0, 10));
 }
 
-TEST_F(CmTimerQueueCalendar, TickRearmsFromTheTickThatFired) {
+TEST_F(CmTimerQueueCalendar, RearmsFromTheTickThatFired_WhenThePeriodRepeats) {
     Schedule(0, 30, 0);
     EXPECT_EQ(4, TicksToFiring());
     EXPECT_EQ(3, TicksToFiring());
     EXPECT_EQ(3, TicksToFiring());
 }
 
-TEST_F(CmTimerQueueCalendar, TickFiresAgainInTheSameTick_WhenDistanceIsZero) {
+TEST_F(CmTimerQueueCalendar, FiresAgainInTheSameTick_WhenTheDistanceIsZero) {
     m_queue.ScheduleTimer(Handler(0), nullptr, CCmTimeValue(0, 500), 4);
     Tick();
     EXPECT_EQ(4U, m_log.size());
 }
 
-TEST_F(CmTimerQueueCalendar, TickFiresAgainInTheSameTick_WhenClampedOffSlotZero) {
+TEST_F(CmTimerQueueCalendar, FiresAgainInTheSameTick_WhenShortenedOffSlotZero) {
     Tick(1);
     Schedule(0, 5000, 3);
     Tick();
@@ -312,13 +312,13 @@ TEST_F(CmTimerQueueCalendar, TickFiresAgainInTheSameTick_WhenClampedOffSlotZero)
     EXPECT_EQ(3U, m_sink.lines().size());  // one per insertion: scheduled, re-armed twice
 }
 
-TEST_F(CmTimerQueueCalendar, ScheduleSucceeds_WhateverIntervalAndCount) {
+TEST_F(CmTimerQueueCalendar, TakesAnyInterval_WithAnyCount) {
     EXPECT_EQ(CM_OK, Schedule(0, 0, 0));
     EXPECT_EQ(CM_OK, Schedule(1, -10, 0));
     EXPECT_EQ(CM_ERROR_FOUND, Schedule(1, -10, 1));
 }
 
-TEST_F(CmTimerQueueCalendar, ScheduleFindsAndReplacesTheTimer_WhenItIsPending) {
+TEST_F(CmTimerQueueCalendar, ReplacesTheTimerAndSaysFound_WhenOneIsPending) {
     int nToken = 0;
     EXPECT_EQ(CM_OK, Schedule(0, 10, 0));
     EXPECT_EQ(CM_ERROR_FOUND, m_queue.ScheduleTimer(Handler(0), &nToken, Ms(40), 1));
@@ -327,7 +327,7 @@ TEST_F(CmTimerQueueCalendar, ScheduleFindsAndReplacesTheTimer_WhenItIsPending) {
     EXPECT_EQ(&nToken, m_log[0].token);
 }
 
-TEST_F(CmTimerQueueCalendar, ScheduleUnlinksTheTimer_WhenItIsInTheMiddleOfASlot) {
+TEST_F(CmTimerQueueCalendar, KeepsTheOthersOfTheSlot_WhenOneIsRescheduled) {
     Schedule(0, 10);
     Schedule(1, 10);
     Schedule(2, 10);
@@ -336,14 +336,14 @@ TEST_F(CmTimerQueueCalendar, ScheduleUnlinksTheTimer_WhenItIsInTheMiddleOfASlot)
     EXPECT_EQ((std::vector<int>{2, 0, 1}), Ids(m_log));
 }
 
-TEST_F(CmTimerQueueCalendar, CancelDropsTheTimer_WithoutCallingIt) {
+TEST_F(CmTimerQueueCalendar, CallsNoHandler_WhenItsTimerIsCancelled) {
     Schedule(0, 10, 0);
     EXPECT_EQ(CM_OK, Cancel(0));
     EXPECT_EQ(CM_ERROR_NOT_FOUND, Cancel(0));
     EXPECT_EQ(0, TicksToFiring());
 }
 
-TEST_F(CmTimerQueueCalendar, ZeroTimerFiresOnceThroughTheEventQueue) {
+TEST_F(CmTimerQueueCalendar, FiresOnceThroughTheEventQueue_WhenTheIntervalIsZero) {
     int nToken = 0;
     EXPECT_EQ(CM_OK, m_queue.ScheduleTimer(Handler(0), &nToken, Ms(0), 5));
     EXPECT_EQ(1U, m_events.m_events.size());
@@ -359,7 +359,7 @@ TEST_F(CmTimerQueueCalendar, ZeroTimerFiresOnceThroughTheEventQueue) {
     EXPECT_EQ(CM_ERROR_NOT_FOUND, Cancel(0));
 }
 
-TEST_F(CmTimerQueueCalendar, ZeroTimersShareOneEventAndFireNewestFirst) {
+TEST_F(CmTimerQueueCalendar, PostsOneEventAndFiresNewestFirst_WhenSeveralIntervalsAreZero) {
     EXPECT_EQ(CM_OK, Schedule(0, 0));
     EXPECT_EQ(CM_OK, Schedule(1, 0));
     EXPECT_EQ(1U, m_events.m_events.size());
@@ -369,14 +369,14 @@ TEST_F(CmTimerQueueCalendar, ZeroTimersShareOneEventAndFireNewestFirst) {
     EXPECT_EQ(1U, m_events.m_events.size());
 }
 
-TEST_F(CmTimerQueueCalendar, ZeroTimersReadTheClockOncePerPass) {
+TEST_F(CmTimerQueueCalendar, ReadsTheClockOnce_WhenItsEventFires) {
     Schedule(0, 0);
     Schedule(1, 0);
     m_events.RunAll();
     EXPECT_EQ(1U, m_clock.reads());
 }
 
-TEST_F(CmTimerQueueCalendar, ZeroTimerIsReplacedAndNotFound_WhenRescheduled) {
+TEST_F(CmTimerQueueCalendar, ReplacesTheZeroTimerAndSaysOk_WhenItIsScheduledAgain) {
     int nToken = 0;
     EXPECT_EQ(CM_OK, Schedule(0, 0));
     EXPECT_EQ(CM_OK, m_queue.ScheduleTimer(Handler(0), &nToken, Ms(0), 1));
@@ -385,7 +385,7 @@ TEST_F(CmTimerQueueCalendar, ZeroTimerIsReplacedAndNotFound_WhenRescheduled) {
     EXPECT_EQ(&nToken, m_log[0].token);
 }
 
-TEST_F(CmTimerQueueCalendar, ZeroTimerIsNotFound_WhenRescheduledToAnInterval) {
+TEST_F(CmTimerQueueCalendar, ReplacesTheZeroTimerAndSaysOk_WhenItGetsAnInterval) {
     EXPECT_EQ(CM_OK, Schedule(0, 0));
     EXPECT_EQ(CM_OK, Schedule(0, 10));
     m_events.RunAll();
@@ -393,14 +393,14 @@ TEST_F(CmTimerQueueCalendar, ZeroTimerIsNotFound_WhenRescheduledToAnInterval) {
     EXPECT_EQ(2, TicksToFiring());
 }
 
-TEST_F(CmTimerQueueCalendar, ZeroTimerIsDroppedAndNotFound_WhenCancelled) {
+TEST_F(CmTimerQueueCalendar, DropsTheZeroTimerAndSaysNotFound_WhenItIsCancelled) {
     Schedule(0, 0);
     EXPECT_EQ(CM_ERROR_NOT_FOUND, Cancel(0));
     m_events.RunAll();
     EXPECT_TRUE(m_log.empty());
 }
 
-TEST_F(CmTimerQueueCalendar, ZeroTimerEnds_WhenThePostIsRefused) {
+TEST_F(CmTimerQueueCalendar, EndsTheZeroTimer_WhenTheEventIsRefused) {
     m_events.m_rvNext = CM_ERROR_NOT_INITIALIZED;
     EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, Schedule(0, 0));
     m_events.m_rvNext = CM_OK;
@@ -418,39 +418,39 @@ class HastyEventQueue : public FakeEventQueue {
     }
 };
 
-TEST_F(CmTimerQueueCalendar, ZeroTimerEndsOnlyIfPending_WhenThePostIsRefused) {
+TEST_F(CmTimerQueueCalendar, EndsNoOtherTimer_WhenTheRefusedEventRanAllTheSame) {
     HastyEventQueue events;
     CCmTimerQueueCalendar queue(10, 110, &events);
     EXPECT_EQ(CM_ERROR_FAILURE, queue.ScheduleTimer(Handler(0), nullptr, Ms(0), 1));
     EXPECT_EQ(std::vector<int>{0}, Ids(m_log));
 }
 
-TEST_F(CmTimerQueueCalendar, ZeroTimerEndsTheWheelTimerBefore_WhenThePostIsRefused) {
+TEST_F(CmTimerQueueCalendar, EndsTheWheelTimerBefore_WhenTheEventIsRefused) {
     Schedule(0, 10, 0);
     m_events.m_rvNext = CM_ERROR_NOT_INITIALIZED;
     EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, Schedule(0, 0));
     EXPECT_EQ(0, TicksToFiring());
 }
 
-TEST_F(CmTimerQueueCalendar, ZeroTimerIsRefused_WithoutAnEventQueue) {
+TEST_F(CmTimerQueueCalendar, RefusesAZeroInterval_WhenThereIsNoEventQueue) {
     CCmTimerQueueCalendar queue(10, 110, nullptr);
     EXPECT_EQ(CM_ERROR_NULL_POINTER, queue.ScheduleTimer(Handler(0), nullptr, Ms(0), 1));
     EXPECT_EQ(CM_OK, queue.ScheduleTimer(Handler(0), nullptr, Ms(10), 1));
 }
 
-TEST_F(CmTimerQueueCalendar, ReschedulingToZeroReturnsOk_WhenItPostsTheEvent) {
+TEST_F(CmTimerQueueCalendar, SaysOkForAWheelTimerSetToZero_WhenItPostsTheEvent) {
     Schedule(0, 10);
     EXPECT_EQ(CM_OK, Schedule(0, 0));
 }
 
-TEST_F(CmTimerQueueCalendar, ReschedulingToZeroReturnsFound_WhenTheEventIsPending) {
+TEST_F(CmTimerQueueCalendar, SaysFoundForAWheelTimerSetToZero_WhenTheEventIsPending) {
     Schedule(0, 10);
     Schedule(1, 0);
     EXPECT_EQ(CM_ERROR_FOUND, Schedule(0, 0));
     EXPECT_EQ(1U, m_events.m_events.size());
 }
 
-TEST_F(CmTimerQueueCalendar, ReschedulingToZeroKeepsTheEntryThatCancelMisses) {
+TEST_F(CmTimerQueueCalendar, CancelMissesTheTimer_WhenAWheelTimerWasSetToZero) {
     Schedule(0, 10);
     Schedule(0, 0);
     EXPECT_EQ(CM_ERROR_NOT_FOUND, Cancel(0));
@@ -459,7 +459,7 @@ TEST_F(CmTimerQueueCalendar, ReschedulingToZeroKeepsTheEntryThatCancelMisses) {
     EXPECT_EQ(0, TicksToFiring());
 }
 
-TEST_F(CmTimerQueueCalendar, ReschedulingToZeroKeepsTheEntryThatZeroTimersAddTo) {
+TEST_F(CmTimerQueueCalendar, ZeroTimersAddUp_WhenAWheelTimerWasSetToZero) {
     Schedule(0, 10);
     EXPECT_EQ(CM_OK, Schedule(0, 0));
     EXPECT_EQ(CM_OK, Schedule(0, 0));
@@ -467,7 +467,7 @@ TEST_F(CmTimerQueueCalendar, ReschedulingToZeroKeepsTheEntryThatZeroTimersAddTo)
     EXPECT_EQ((std::vector<int>{0, 0}), Ids(m_log));
 }
 
-TEST_F(CmTimerQueueCalendar, ReschedulingToZeroAndBackFiresBoth) {
+TEST_F(CmTimerQueueCalendar, FiresBoth_WhenAWheelTimerWasSetToZeroAndBack) {
     Schedule(0, 10);
     EXPECT_EQ(CM_OK, Schedule(0, 0));
     EXPECT_EQ(CM_OK, Schedule(0, 10));
@@ -476,7 +476,7 @@ TEST_F(CmTimerQueueCalendar, ReschedulingToZeroAndBackFiresBoth) {
     EXPECT_EQ((std::vector<int>{0, 0}), Ids(m_log));
 }
 
-TEST_F(CmTimerQueueCalendar, ReschedulingToZeroDropsDuplicatesFromTheHead) {
+TEST_F(CmTimerQueueCalendar, DropsTheNewestZeroTimer_WhenThereAreSeveral) {
     int nTokens[2];
     Schedule(0, 10);
     m_queue.ScheduleTimer(Handler(0), &nTokens[0], Ms(0), 1);
@@ -490,7 +490,7 @@ TEST_F(CmTimerQueueCalendar, ReschedulingToZeroDropsDuplicatesFromTheHead) {
     EXPECT_EQ(&nTokens[0], m_log[0].token);
 }
 
-TEST_F(CmTimerQueueCalendar, ReschedulingToZeroTouchesNoOneElsesTimer_WhenItsEntryIsStale) {
+TEST_F(CmTimerQueueCalendar, TouchesNoOneElsesTimer_WhenAnEntryIsLeftOver) {
     Schedule(0, 10);
     Schedule(0, 0);
     m_events.RunAll();
@@ -500,7 +500,7 @@ TEST_F(CmTimerQueueCalendar, ReschedulingToZeroTouchesNoOneElsesTimer_WhenItsEnt
     EXPECT_EQ((std::vector<int>{0, 1}), Ids(m_log));
 }
 
-TEST_F(CmTimerQueueCalendar, HandlerCancelsItsPeriodicTimer) {
+TEST_F(CmTimerQueueCalendar, EndsAPeriodicTimer_WhenItsHandlerCancelsIt) {
     CmResult rv = CM_ERROR_FAILURE;
     Handler(0)->SetAction([&] { rv = Cancel(0); });
     Schedule(0, 10, 0);
@@ -509,7 +509,7 @@ TEST_F(CmTimerQueueCalendar, HandlerCancelsItsPeriodicTimer) {
     EXPECT_EQ(0, TicksToFiring());
 }
 
-TEST_F(CmTimerQueueCalendar, HandlerIsNotFound_WhenItFiresTheLastTime) {
+TEST_F(CmTimerQueueCalendar, FindsNoTimer_WhenItsHandlerCancelsItInItsLastFiring) {
     CmResult rv = CM_OK;
     Handler(0)->SetAction([&] { rv = Cancel(0); });
     Schedule(0, 10, 1);
@@ -517,7 +517,7 @@ TEST_F(CmTimerQueueCalendar, HandlerIsNotFound_WhenItFiresTheLastTime) {
     EXPECT_EQ(CM_ERROR_NOT_FOUND, rv);
 }
 
-TEST_F(CmTimerQueueCalendar, HandlerReschedulesItself) {
+TEST_F(CmTimerQueueCalendar, ReplacesATimer_WhenItsHandlerSchedulesIt) {
     std::vector<CmResult> results;
     Handler(0)->SetAction([&] { results.push_back(Schedule(0, 20, 1)); });
     Schedule(0, 10, 0);
@@ -526,7 +526,7 @@ TEST_F(CmTimerQueueCalendar, HandlerReschedulesItself) {
     EXPECT_EQ((std::vector<CmResult>{CM_ERROR_FOUND, CM_OK}), results);
 }
 
-TEST_F(CmTimerQueueCalendar, HandlerCancelsTheRestOfItsSlot) {
+TEST_F(CmTimerQueueCalendar, FiresNoneOfTheSlot_WhenAHandlerCancelsThem) {
     Schedule(0, 10, 0);
     Schedule(1, 10, 0);
     Schedule(2, 10, 0);
@@ -540,7 +540,7 @@ TEST_F(CmTimerQueueCalendar, HandlerCancelsTheRestOfItsSlot) {
     EXPECT_EQ(std::vector<int>{2}, Ids(m_log));
 }
 
-TEST_F(CmTimerQueueCalendar, HandlerAddsAZeroTimer_WhileTheyFire) {
+TEST_F(CmTimerQueueCalendar, FiresInTheSamePass_WhenAHandlerAddsAZeroTimer) {
     Handler(0)->SetAction([this] {
         if (m_log.size() < 3) {
             EXPECT_EQ(CM_OK, Schedule(1, 0));
@@ -558,7 +558,7 @@ TEST_F(CmTimerQueueCalendar, HandlerAddsAZeroTimer_WhileTheyFire) {
     EXPECT_EQ(2U, m_log.size());
 }
 
-TEST_F(CmTimerQueueCalendar, HandlerCancelsAnotherZeroTimer_WhileTheyFire) {
+TEST_F(CmTimerQueueCalendar, DoesNotFire_WhenAHandlerOfThePassCancelsIt) {
     Schedule(0, 0);
     Schedule(1, 0);
     Handler(1)->SetAction([this] { EXPECT_EQ(CM_ERROR_NOT_FOUND, Cancel(0)); });
@@ -566,13 +566,13 @@ TEST_F(CmTimerQueueCalendar, HandlerCancelsAnotherZeroTimer_WhileTheyFire) {
     EXPECT_EQ(std::vector<int>{1}, Ids(m_log));
 }
 
-TEST_F(CmTimerQueueCalendar, QueueLives_AfterTheEndOfTheEvent) {
+TEST_F(CmTimerQueueCalendar, LivesOn_WhenItsEventEnds) {
     static_cast<ICmEvent&>(m_queue).OnDestorySelf();
     EXPECT_EQ(CM_OK, Schedule(0, 10));
     EXPECT_EQ(2, TicksToFiring());
 }
 
-TEST_F(CmTimerQueueCalendar, DestructorFreesTheTimerOfAnySlot) {
+TEST_F(CmTimerQueueCalendar, FreesATimer_InWhateverSlot) {
     for (int nTicks = 0; nTicks < 11; ++nTicks) {
         for (long lUsec = 500; lUsec < 100000; lUsec += 10000) {
             const long lLive = kelto_test::LiveAllocations();
@@ -588,7 +588,7 @@ TEST_F(CmTimerQueueCalendar, DestructorFreesTheTimerOfAnySlot) {
     }
 }
 
-TEST_F(CmTimerQueueCalendar, DestructorFreesATimer_WhenItWaitsForItsEvent) {
+TEST_F(CmTimerQueueCalendar, FreesATimer_WhenItWaitsForItsEvent) {
     m_events.m_priorities.reserve(1);
     const long lLive = kelto_test::LiveAllocations();
     {
@@ -599,7 +599,7 @@ TEST_F(CmTimerQueueCalendar, DestructorFreesATimer_WhenItWaitsForItsEvent) {
     EXPECT_EQ(lLive, kelto_test::LiveAllocations());
 }
 
-TEST_F(CmTimerQueueCalendar, DestructorFreesWhatHasFired) {
+TEST_F(CmTimerQueueCalendar, FreesATimer_WhenItHasFired) {
     m_events.m_priorities.reserve(1);
     m_log.reserve(2);
     const long lLive = kelto_test::LiveAllocations();
@@ -615,18 +615,21 @@ TEST_F(CmTimerQueueCalendar, DestructorFreesWhatHasFired) {
     EXPECT_EQ(lLive, kelto_test::LiveAllocations());
 }
 
-TEST_F(CmTimerQueueCalendar, DestructorFreesAll_WhenAScheduleHadFailed) {
+TEST_F(CmTimerQueueCalendar, FreesWhatItHas_WhenAScheduleRanOutOfMemory) {
     const long lLive = kelto_test::LiveAllocations();
-    for (unsigned long ulNth = 1; ulNth <= 3; ++ulNth) {
+    bool bHit = true;
+    for (unsigned long ulNth = 1; bHit; ++ulNth) {
         CCmTimerQueueCalendar queue(10, 110, &m_events);
         ScopedAllocationFault fault(ulNth);
-        queue.ScheduleTimer(Handler(0), nullptr, Ms(10), 1);
-        EXPECT_TRUE(fault.hit()) << ulNth;
+        const CmResult rv = queue.ScheduleTimer(Handler(0), nullptr, Ms(10), 1);
+        bHit = fault.hit();
+        EXPECT_EQ(bHit ? CM_ERROR_OUT_OF_MEMORY : CM_OK, rv) << ulNth;
+        EXPECT_TRUE(bHit || ulNth > 1);
     }
     EXPECT_EQ(lLive, kelto_test::LiveAllocations());
 }
 
-TEST_F(CmTimerQueueCalendar, DestructorDropsTimersSilently) {
+TEST_F(CmTimerQueueCalendar, DropsTimersSilently_WhenItEnds) {
     const long lLive = kelto_test::LiveAllocations();
     {
         CCmTimerQueueCalendar queue(10, 110, &m_events);
@@ -644,7 +647,7 @@ TEST_F(CmTimerQueueCalendar, DestructorDropsTimersSilently) {
     EXPECT_GE(lLive + 1, kelto_test::LiveAllocations());  // the sink's vector may keep its memory
 }
 
-TEST_F(CmTimerQueueCalendar, ConstructorTakesTheThreadsEventQueue) {
+TEST_F(CmTimerQueueCalendar, TakesTheThreadsEventQueue_WhenItIsGivenNone) {
     CCmThreadHeartBeat* pThread = new CCmThreadHeartBeat;
     ASSERT_EQ(CM_OK, pThread->Create(TT_MAIN, TF_JOINABLE, 1));
     pThread->OnThreadInit();
@@ -658,7 +661,7 @@ TEST_F(CmTimerQueueCalendar, ConstructorTakesTheThreadsEventQueue) {
     pThread->Destory(CM_OK);
 }
 
-TEST_F(CmTimerQueueCalendar, RefusesTimers_WhenTheWheelCannotBeAllocated) {
+TEST_F(CmTimerQueueCalendar, RefusesTimers_WhenTheWheelGotNoMemory) {
     std::unique_ptr<CCmTimerQueueCalendar> pQueue;
     void* pMemory = ::operator new(sizeof(CCmTimerQueueCalendar));
     {
@@ -673,22 +676,38 @@ TEST_F(CmTimerQueueCalendar, RefusesTimers_WhenTheWheelCannotBeAllocated) {
     EXPECT_EQ(CM_OK, pQueue->OnEventFire());
 }
 
-TEST_F(CmTimerQueueCalendar, ChangesNothing_WhateverAllocationFails) {
-    Schedule(0, 10);
-    // The node; the room for the entry; the entry. What a step before got is kept.
-    for (unsigned long ulNth : {1, 2, 2}) {
-        ScopedAllocationFault fault(ulNth, Failing::FROM_THERE_ON);
-        const CmResult rv = Schedule(1, 10);
-        EXPECT_TRUE(fault.hit());
-        EXPECT_EQ(CM_ERROR_OUT_OF_MEMORY, rv);
-        EXPECT_EQ(CM_ERROR_NOT_FOUND, Cancel(1));
+TEST_F(CmTimerQueueCalendar, ChangesNothing_WhenAScheduleRunsOutOfMemory) {
+    // Wherever it runs out, and however many timers there are: some numbers make a table grow.
+    for (size_t nOthers = 0; nOthers <= 20; ++nOthers) {
+        bool bHit = true;
+        for (unsigned long ulNth = 1; bHit; ++ulNth) {
+            SCOPED_TRACE(std::to_string(nOthers) + " others, allocation " + std::to_string(ulNth));
+            std::vector<CountingHandler> others(nOthers);
+            CountingHandler handler;
+            CCmTimerQueueCalendar queue(10, 110, &m_events);
+            for (CountingHandler& other : others) {
+                queue.ScheduleTimer(&other, nullptr, Ms(10), 1);
+            }
+            CmResult rv;
+            {
+                ScopedAllocationFault fault(ulNth, Failing::FROM_THERE_ON);
+                rv = queue.ScheduleTimer(&handler, nullptr, Ms(10), 1);
+                bHit = fault.hit();
+            }
+            ASSERT_EQ(bHit ? CM_ERROR_OUT_OF_MEMORY : CM_OK, rv);
+            ASSERT_EQ(bHit ? CM_ERROR_NOT_FOUND : CM_OK, queue.CancelTimer(&handler));
+            ASSERT_EQ(CM_OK, queue.ScheduleTimer(&handler, nullptr, Ms(10), 1));
+            queue.TimerTick();
+            queue.TimerTick();
+            EXPECT_EQ(1U, handler.count());
+            for (const CountingHandler& other : others) {
+                ASSERT_EQ(1U, other.count());
+            }
+        }
     }
-    EXPECT_EQ(CM_OK, Schedule(1, 10));
-    Tick(2);
-    EXPECT_EQ((std::vector<int>{1, 0}), Ids(m_log));
 }
 
-TEST_F(CmTimerQueueCalendar, KeepsTheZeroTimerBefore_WhenAnAllocationFails) {
+TEST_F(CmTimerQueueCalendar, KeepsTheZeroTimer_WhenItsRescheduleRunsOutOfMemory) {
     Schedule(0, 0);
     {
         ScopedAllocationFault fault(1);
@@ -702,7 +721,7 @@ TEST_F(CmTimerQueueCalendar, KeepsTheZeroTimerBefore_WhenAnAllocationFails) {
     EXPECT_EQ(std::vector<int>{0}, Ids(m_log));
 }
 
-TEST_F(CmTimerQueueCalendar, AllocatesNothing_WhenRescheduled) {
+TEST_F(CmTimerQueueCalendar, NeedsNoMemory_WhenATimerIsRescheduled) {
     Schedule(0, 10);
     ScopedAllocationFault fault(1, Failing::FROM_THERE_ON);
     EXPECT_EQ(CM_ERROR_FOUND, Schedule(0, 30));
@@ -710,7 +729,7 @@ TEST_F(CmTimerQueueCalendar, AllocatesNothing_WhenRescheduled) {
     EXPECT_FALSE(fault.hit());
 }
 
-TEST_F(CmTimerQueueCalendar, AllocatesNothing_WhenInSteadyState) {
+TEST_F(CmTimerQueueCalendar, NeedsNoMemory_InSteadyState) {
     std::vector<CountingHandler> handlers(50);
     for (CountingHandler& handler : handlers) {
         m_queue.ScheduleTimer(&handler, nullptr, Ms(20), 0);
@@ -727,7 +746,7 @@ TEST_F(CmTimerQueueCalendar, AllocatesNothing_WhenInSteadyState) {
     EXPECT_LE(40U, handlers[0].count());
 }
 
-// Memory of its own that the queue has, in allocations, behind each of the ways in which timers
+// Memory of its own that the queue has, in allocations, after each of the ways in which timers
 // end and start.
 TEST_F(CmTimerQueueCalendar, HoldsNoMoreMemory_AfterManyTimers) {
     CountingHandler periodic;

@@ -50,7 +50,7 @@ class CmTimerQueueOrderedList : public testing::Test {
     CCmTimerQueueOrderedList m_queue{nullptr};
 };
 
-TEST_F(CmTimerQueueOrderedList, FiresInOrderOfExpiry) {
+TEST_F(CmTimerQueueOrderedList, FiresInOrderOfExpiry_WhateverTheOrderOfScheduling) {
     Schedule(0, 30);
     Schedule(1, 10);
     Schedule(2, 40);
@@ -65,22 +65,22 @@ TEST_F(CmTimerQueueOrderedList, FiresNewestFirst_WhenExpiryIsEqual) {
     EXPECT_EQ((std::vector<int>{2, 1, 0}), FiredAfterMs(10));
 }
 
-TEST_F(CmTimerQueueOrderedList, IsTheNewest_WhenRearmed) {
+TEST_F(CmTimerQueueOrderedList, FiresARearmedTimerFirst_WhenExpiryIsEqual) {
     Schedule(0, 10, 0);
     Schedule(1, 20);
-    // Re-armed for 20 ms as well, behind the schedule of timer 1.
+    // Re-armed for 20 ms as well, after timer 1 was scheduled.
     EXPECT_EQ(std::vector<int>{0}, FiredAfterMs(10));
     EXPECT_EQ((std::vector<int>{0, 1}), FiredAfterMs(10));
 }
 
-TEST_F(CmTimerQueueOrderedList, PeriodicTimersSwapOrderOnEveryFiring) {
+TEST_F(CmTimerQueueOrderedList, SwapsTheOrder_OnEveryFiringOfEqualPeriods) {
     Schedule(0, 10, 0);
     Schedule(1, 10, 0);
     EXPECT_EQ((std::vector<int>{1, 0}), FiredAfterMs(10));
     EXPECT_EQ((std::vector<int>{0, 1}), FiredAfterMs(10));
 }
 
-TEST_F(CmTimerQueueOrderedList, MovesForward_WhenRescheduledToEarlier) {
+TEST_F(CmTimerQueueOrderedList, MovesATimerForward_WhenItIsRescheduledEarlier) {
     Schedule(0, 10);
     Schedule(1, 20);
     Schedule(2, 30);
@@ -88,7 +88,7 @@ TEST_F(CmTimerQueueOrderedList, MovesForward_WhenRescheduledToEarlier) {
     EXPECT_EQ((std::vector<int>{2, 0, 1}), FiredAfterMs(100));
 }
 
-TEST_F(CmTimerQueueOrderedList, MovesBack_WhenRescheduledToLater) {
+TEST_F(CmTimerQueueOrderedList, MovesATimerBack_WhenItIsRescheduledLater) {
     Schedule(0, 10);
     Schedule(1, 20);
     Schedule(2, 30);
@@ -96,14 +96,14 @@ TEST_F(CmTimerQueueOrderedList, MovesBack_WhenRescheduledToLater) {
     EXPECT_EQ((std::vector<int>{1, 0, 2}), FiredAfterMs(100));
 }
 
-TEST_F(CmTimerQueueOrderedList, MovesToTheEnd_WhenRescheduledToTheLatest) {
+TEST_F(CmTimerQueueOrderedList, MovesATimerToTheEnd_WhenItIsRescheduledLatest) {
     Schedule(0, 10);
     Schedule(1, 20);
     EXPECT_EQ(CM_ERROR_FOUND, Schedule(0, 50));
     EXPECT_EQ((std::vector<int>{1, 0}), FiredAfterMs(100));
 }
 
-TEST_F(CmTimerQueueOrderedList, IsTheNewestOfItsExpiry_WhenRescheduled) {
+TEST_F(CmTimerQueueOrderedList, FiresARescheduledTimerFirst_WhenExpiryIsEqual) {
     Schedule(0, 10);
     Schedule(1, 10);
     EXPECT_EQ(CM_ERROR_FOUND, Schedule(0, 10));
@@ -111,7 +111,7 @@ TEST_F(CmTimerQueueOrderedList, IsTheNewestOfItsExpiry_WhenRescheduled) {
     EXPECT_EQ((std::vector<int>{0, 1}), FiredAfterMs(10));
 }
 
-TEST_F(CmTimerQueueOrderedList, StaysAlone_WhenRescheduled) {
+TEST_F(CmTimerQueueOrderedList, HasOneTimerOfAHandler_HoweverOftenItIsScheduled) {
     Schedule(0, 10);
     EXPECT_EQ(CM_ERROR_FOUND, Schedule(0, 10));
     EXPECT_EQ(CM_ERROR_FOUND, Schedule(0, 40));
@@ -119,7 +119,7 @@ TEST_F(CmTimerQueueOrderedList, StaysAlone_WhenRescheduled) {
     EXPECT_EQ(CM_ERROR_NOT_FOUND, m_queue.CancelTimer(m_handlers[0].get()));
 }
 
-TEST_F(CmTimerQueueOrderedList, CancelTakesTheHandlersTimerOnly) {
+TEST_F(CmTimerQueueOrderedList, KeepsTheOthers_WhenOneIsCancelled) {
     Schedule(0, 10);
     Schedule(1, 20);
     Schedule(2, 30);
@@ -127,7 +127,7 @@ TEST_F(CmTimerQueueOrderedList, CancelTakesTheHandlersTimerOnly) {
     EXPECT_EQ((std::vector<int>{0, 2}), FiredAfterMs(100));
 }
 
-TEST_F(CmTimerQueueOrderedList, DestructorDropsTimersSilently) {
+TEST_F(CmTimerQueueOrderedList, DropsTimersSilently_WhenItEnds) {
     const long lLive = kelto_test::LiveAllocations();
     {
         CCmTimerQueueOrderedList queue(nullptr);
@@ -158,7 +158,7 @@ class OpenList : public CCmTimerQueueOrderedList {
     }
 };
 
-TEST_F(CmTimerQueueOrderedList, PopWritesAnAssertion_WhenTheListIsEmpty) {
+TEST_F(CmTimerQueueOrderedList, WritesAnAssertionLine_WhenAnEmptyListIsPopped) {
     ScopedTraceSink sink;
     OpenList list;
     OpenList::CNode node;
@@ -171,7 +171,7 @@ TEST_F(CmTimerQueueOrderedList, PopWritesAnAssertion_WhenTheListIsEmpty) {
     EXPECT_EQ(nullptr, node.m_pEh);
 }
 
-TEST_F(CmTimerQueueOrderedList, PrimitivesReturnWhatTheyDid) {
+TEST_F(CmTimerQueueOrderedList, PrimitivesSayWhatTheyDid_WhenCalledInTurn) {
     OpenList list;
     CCmTimeValue tvEarliest(7);
     EXPECT_EQ(-1, list.GetEarliestTime_l(tvEarliest));
@@ -188,24 +188,41 @@ TEST_F(CmTimerQueueOrderedList, PrimitivesReturnWhatTheyDid) {
     EXPECT_EQ(1, list.EraseNode_l(m_handlers[0].get()));
 }
 
-TEST_F(CmTimerQueueOrderedList, RePushNodeTakesANodeIntoANewList) {
+TEST_F(CmTimerQueueOrderedList, TakesANodeByRePush_WhenTheListIsNew) {
     OpenList list;
     EXPECT_EQ(0, list.RePushNode_l(OpenList::Node(m_handlers[0].get(), 10)));
     EXPECT_EQ(0, list.EraseNode_l(m_handlers[0].get()));
 }
 
-TEST_F(CmTimerQueueOrderedList, ChangesNothing_WhenAnAllocationFails) {
-    Schedule(0, 10);
-    {
-        ScopedAllocationFault fault(1);
-        EXPECT_EQ(CM_ERROR_OUT_OF_MEMORY, Schedule(1, 5));
-        EXPECT_TRUE(fault.hit());
+TEST_F(CmTimerQueueOrderedList, ChangesNothing_WhenAScheduleRunsOutOfMemory) {
+    // Wherever it runs out, and however many timers there are: some numbers make a table grow.
+    for (size_t nOthers = 0; nOthers <= 20; ++nOthers) {
+        bool bHit = true;
+        for (unsigned long ulNth = 1; bHit; ++ulNth) {
+            SCOPED_TRACE(std::to_string(nOthers) + " others, allocation " + std::to_string(ulNth));
+            std::vector<CountingHandler> others(nOthers);
+            CountingHandler handler;
+            CCmTimerQueueOrderedList queue(nullptr);
+            for (CountingHandler& other : others) {
+                queue.ScheduleTimer(&other, nullptr, Ms(10), 1);
+            }
+            CmResult rv;
+            {
+                ScopedAllocationFault fault(ulNth, kelto_test::Failing::FROM_THERE_ON);
+                rv = queue.ScheduleTimer(&handler, nullptr, Ms(10), 1);
+                bHit = fault.hit();
+            }
+            ASSERT_EQ(bHit ? CM_ERROR_OUT_OF_MEMORY : CM_OK, rv);
+            ASSERT_EQ(bHit ? CM_ERROR_NOT_FOUND : CM_OK, queue.CancelTimer(&handler));
+            ASSERT_EQ(CM_OK, queue.ScheduleTimer(&handler, nullptr, Ms(10), 1));
+            m_clock.AdvanceMs(10);
+            EXPECT_EQ(nOthers + 1, queue.CheckExpire());
+            EXPECT_EQ(1U, handler.count());
+        }
     }
-    EXPECT_EQ(CM_ERROR_NOT_FOUND, m_queue.CancelTimer(m_handlers[1].get()));
-    EXPECT_EQ(std::vector<int>{0}, FiredAfterMs(10));
 }
 
-TEST_F(CmTimerQueueOrderedList, TellsNoObserver_WhenTheFirstAllocationFails) {
+TEST_F(CmTimerQueueOrderedList, TellsNoObserver_WhenAScheduleRunsOutOfMemory) {
     class Observer : public ICmObserver {
       public:
         virtual ~Observer() = default;
@@ -223,7 +240,7 @@ TEST_F(CmTimerQueueOrderedList, TellsNoObserver_WhenTheFirstAllocationFails) {
     EXPECT_EQ(1, observer.m_nCalls);
 }
 
-TEST_F(CmTimerQueueOrderedList, AllocatesNothing_WhenRescheduled) {
+TEST_F(CmTimerQueueOrderedList, NeedsNoMemory_WhenATimerIsRescheduled) {
     Schedule(0, 10);
     Schedule(1, 20);
     ScopedAllocationFault fault(1, kelto_test::Failing::FROM_THERE_ON);
@@ -232,7 +249,7 @@ TEST_F(CmTimerQueueOrderedList, AllocatesNothing_WhenRescheduled) {
     EXPECT_FALSE(fault.hit());
 }
 
-TEST_F(CmTimerQueueOrderedList, AllocatesNothing_WhenInSteadyState) {
+TEST_F(CmTimerQueueOrderedList, NeedsNoMemory_InSteadyState) {
     std::vector<CountingHandler> handlers(50);
     for (CountingHandler& handler : handlers) {
         m_queue.ScheduleTimer(&handler, nullptr, Ms(10), 0);
@@ -249,7 +266,7 @@ TEST_F(CmTimerQueueOrderedList, AllocatesNothing_WhenInSteadyState) {
     EXPECT_EQ(ulBefore, AllocationsOfThisThread());
 }
 
-// Memory of its own that the queue has, in allocations, behind each of the ways in which timers
+// Memory of its own that the queue has, in allocations, after each of the ways in which timers
 // end and start.
 TEST_F(CmTimerQueueOrderedList, HoldsNoMoreMemory_AfterManyTimers) {
     constexpr int TIMES = 10000;
@@ -272,7 +289,7 @@ TEST_F(CmTimerQueueOrderedList, HoldsNoMoreMemory_AfterManyTimers) {
     EXPECT_EQ(TIMES + 1UL, periodic.count());
 }
 
-TEST_F(CmTimerQueueOrderedList, AllocatesNoMoreThanTheMostTimersAtATime) {
+TEST_F(CmTimerQueueOrderedList, HoldsMemoryOfTheMostTimersAtATime_AfterManyTimers) {
     std::vector<CountingHandler> handlers(500);
     const auto scheduleAll = [&] {
         for (CountingHandler& handler : handlers) {
@@ -289,7 +306,7 @@ TEST_F(CmTimerQueueOrderedList, AllocatesNoMoreThanTheMostTimersAtATime) {
     EXPECT_EQ(lHeld, kelto_test::LiveAllocations());
 }
 
-TEST(CmTimerQueueOrderedListAlone, FreesAllThatItHeld) {
+TEST(CmTimerQueueOrderedListAlone, FreesAllThatItHeld_WhenItEnds) {
     CountingHandler handlers[3];
     const long lLive = kelto_test::LiveAllocations();
     {
@@ -308,32 +325,6 @@ TEST(CmTimerQueueOrderedListModel, BehavesLikeTheModel_WhateverTheOperations) {
     for (unsigned int dwSeed = 1; dwSeed <= 3000; ++dwSeed) {
         const std::vector<uint8_t> bytes = kelto_test::RandomBytes(800, dwSeed);
         ASSERT_EQ("", kelto_test::RunOrderedListModel(bytes.data(), bytes.size())) << dwSeed;
-    }
-}
-
-TEST(CmTimerHandlerIndexT, FindsWhatWasInserted_AfterGrowthAndErasure) {
-    constexpr int COUNT = 1000;
-    Firings log;
-    std::vector<std::unique_ptr<RecordingHandler>> handlers;
-    CCmTimerHandlerIndexT<int> index;
-    EXPECT_EQ(nullptr, index.Find(nullptr));
-    for (int i = 0; i < COUNT; ++i) {
-        handlers.push_back(std::make_unique<RecordingHandler>(i, log));
-        EXPECT_EQ(nullptr, index.Find(handlers[i].get()));
-        index.Reserve();
-        index.Insert(handlers[i].get(), i);
-    }
-    for (int i = 0; i < COUNT; i += 2) {
-        index.Erase(handlers[i].get());
-    }
-    for (int i = 0; i < COUNT; ++i) {
-        const int* pValue = index.Find(handlers[i].get());
-        if (i % 2 == 0) {
-            EXPECT_EQ(nullptr, pValue);
-        } else {
-            ASSERT_NE(nullptr, pValue);
-            EXPECT_EQ(i, *pValue);
-        }
     }
 }
 

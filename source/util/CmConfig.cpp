@@ -6,6 +6,7 @@
 #include <new>
 #include <string_view>
 
+#include "CmAscii.h"
 #include "CmCancel.h"
 #include "CmMainSnapshot.h"
 #include "CmProcessName.h"
@@ -62,24 +63,25 @@ int ReadProfile(const char* aSection, const char* aKey, char* aOut, int aOutSize
     return static_cast<int>(CopyTerminated(aOut, static_cast<size_t>(aOutSize), search.value()));
 }
 
-// As sscanf with "%d", "%u" and "%lu"; a text without a number gives 0. A number beyond the type
-// keeps the low bits of what fits a long, as there.
+// As sscanf with "%d" on these systems: what does not fit in a long counts as the nearest long, of
+// which the low bits remain. A text without a number gives 0.
 int ParseInt(const char* aText) {
     return static_cast<int>(std::strtol(aText, nullptr, 10));
 }
 
+// The same for "%u", "%hu" and "%lu" with an unsigned long.
 unsigned long ParseUnsigned(const char* aText) {
     return std::strtoul(aText, nullptr, 10);
 }
 
 bool IsTrue(const char* aText) {
-    return CmEqualsIgnoringCase(aText, "TRUE");
+    return CmEqualsNoCase(aText, "TRUE");
 }
 
 bool FillExecName() {
-    uint16_t awUnits[CM_PORT_NAME_UNITS];
-    const size_t nUnits = CmPortExecutableName(awUnits);
-    std::memcpy(s_achExecName, awUnits, nUnits * sizeof(uint16_t));
+    uint16_t units[CM_PORT_NAME_UNITS];
+    const size_t nUnits = CmPortExecutableName(units);
+    std::memcpy(s_achExecName, units, nUnits * sizeof(uint16_t));
     return nUnits > 0;
 }
 
@@ -93,10 +95,10 @@ char* trim_string(char* aStr) {
         return nullptr;
     }
     size_t nLength = std::strlen(aStr);
-    while (nLength > 0 && CmIsProfileBlank(aStr[nLength - 1])) {
+    while (nLength > 0 && CmIsBlank(aStr[nLength - 1])) {
         aStr[--nLength] = '\0';
     }
-    while (CmIsProfileBlank(*aStr)) {
+    while (CmIsBlank(*aStr)) {
         ++aStr;
     }
     return aStr;

@@ -429,7 +429,7 @@ void CCmEventSynchronous::EndEvent_i() {
 }
 
 void CCmEventSynchronous::Wake_i() {
-    m_SendEvent.SignalBehindLock_i();
+    CCmConditionSteps::SignalAfterUnlock(m_SendEvent);
 }
 
 // From the firing until its sender has posted the wrapper back, the queue must not go.

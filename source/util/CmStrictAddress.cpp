@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "CmAscii.h"
 #include "CmStrictResult.h"
 #include "CmSystem.h"
 
@@ -16,10 +17,6 @@ constexpr char A_PORT[] = "a port from 0 to 65535";
 constexpr size_t MAX_PORT_DIGITS = 5;
 constexpr size_t GROUPS = 8;  // of an IPv6 address, 16 bits each
 constexpr size_t IPV4_BYTES = 4;
-
-bool IsDigit(char aChar) {
-    return aChar >= '0' && aChar <= '9';
-}
 
 // Four octets from aAt to the end of the text.
 CCmParsed TakeOctets(std::string_view aText, size_t aAt, uint8_t* aBytes) {
@@ -33,7 +30,7 @@ CCmParsed TakeOctets(std::string_view aText, size_t aAt, uint8_t* aBytes) {
         }
         const size_t nStart = nAt;
         unsigned dwOctet = 0;
-        while (nAt < aText.size() && IsDigit(aText[nAt])) {
+        while (nAt < aText.size() && CmIsDigit(aText[nAt])) {
             dwOctet = dwOctet * 10 + static_cast<unsigned>(aText[nAt] - '0');
             if (dwOctet > 255 || (nAt > nStart && aText[nStart] == '0')) {
                 return CmRefused(nStart, "a number up to 255 without leading zeros");
@@ -219,13 +216,13 @@ void PrintIpv6(CPrinter& aPrinter, const CCmIpAddress& aAddress) {
         aPrinter.Put("::ffff:");
         PrintOctets(aPrinter, pBytes + sizeof(MAPPED));
     } else {
-        uint16_t awGroups[GROUPS];
+        uint16_t groups[GROUPS];
         for (size_t i = 0; i < GROUPS; ++i) {
-            awGroups[i] = static_cast<uint16_t>(pBytes[2 * i] << 8 | pBytes[2 * i + 1]);
+            groups[i] = static_cast<uint16_t>(pBytes[2 * i] << 8 | pBytes[2 * i + 1]);
         }
         size_t nGap = 0;
         size_t nLength = 0;
-        FindGap(awGroups, nGap, nLength);
+        FindGap(groups, nGap, nLength);
         for (size_t i = 0; i < GROUPS;) {
             if (i == nGap) {
                 aPrinter.Put("::");
@@ -235,7 +232,7 @@ void PrintIpv6(CPrinter& aPrinter, const CCmIpAddress& aAddress) {
             if (i > 0 && i != nGap + nLength) {
                 aPrinter.Put(':');
             }
-            aPrinter.PutNumber(awGroups[i], 16);
+            aPrinter.PutNumber(groups[i], 16);
             ++i;
         }
     }
@@ -255,7 +252,7 @@ void PrintAddress(CPrinter& aPrinter, const CCmIpAddress& aAddress) {
     }
 }
 
-// A zone's number: as it says, or that of the interface of its name.
+// A zone's number: the zone itself if it is one, else that of the interface of this name.
 CmResult ScopeOf(const CCmIpAddress& aAddress, uint32_t& aScope) {
     const std::string_view zone(aAddress.m_achZone.data(),
                                 ::strnlen(aAddress.m_achZone.data(), CCmIpAddress::MAX_ZONE));

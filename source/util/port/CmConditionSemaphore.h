@@ -103,8 +103,8 @@ inline int CmConditionSemaphorePost(CmConditionSemaphore* aSemaphore) {
     return CmResultToErrno(g_cmSystem.pthread_cond_signal(&aSemaphore->m_Condition));
 }
 
-// The platform's semaphores (CmPort.h) by these; where they are the ones in use, the platform file
-// defines them.
+// The semaphore calls of CmPort.h for this type. Each calls the function of its name above; a
+// platform whose CmPlatformSemaphore is this type defines them in its own file.
 int CmPortSemaphoreInit(CmConditionSemaphore* aSemaphore, int aShared, unsigned aCount);
 int CmPortSemaphoreDestroy(CmConditionSemaphore* aSemaphore);
 int CmPortSemaphoreWait(CmConditionSemaphore* aSemaphore);

@@ -1,5 +1,5 @@
-// What an x86-64 processor can do beyond the oldest one; internal. Asked of the processor itself, so
-// that it works with every compiler and before main.
+// What an x86-64 processor can do beyond the oldest one; internal. Asked of the processor itself,
+// so that it works with every compiler and before main.
 #ifndef CM_CPU_X86_H
 #define CM_CPU_X86_H
 

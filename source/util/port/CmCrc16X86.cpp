@@ -173,16 +173,16 @@ alignas(16) constexpr unsigned char SHUFFLES[32] = {
 CM_TARGET __attribute__((noinline)) uint16_t LongByMultiply(__m128i aFront,
                                                             const unsigned char* aData,
                                                             size_t aBlocks, bool aMayBeWide) {
-    alignas(32) unsigned char blocks[BLOCK_SIZE * FOLDED];
-    std::memcpy(blocks, &aFront, BLOCK_SIZE);
-    std::memcpy(blocks + BLOCK_SIZE, aData, sizeof(blocks) - BLOCK_SIZE);
-    aData += sizeof(blocks) - BLOCK_SIZE;
+    alignas(32) unsigned char abyBlocks[BLOCK_SIZE * FOLDED];
+    std::memcpy(abyBlocks, &aFront, BLOCK_SIZE);
+    std::memcpy(abyBlocks + BLOCK_SIZE, aData, sizeof(abyBlocks) - BLOCK_SIZE);
+    aData += sizeof(abyBlocks) - BLOCK_SIZE;
     aBlocks -= FOLDED - 1;
     const auto pfnFold = aMayBeWide && HasWideMultiply() ? FoldGroupsWide : FoldGroups;
-    pfnFold(blocks, aData, aBlocks / FOLDED);
-    aData += aBlocks / FOLDED * sizeof(blocks);
+    pfnFold(abyBlocks, aData, aBlocks / FOLDED);
+    aData += aBlocks / FOLDED * sizeof(abyBlocks);
     aBlocks %= FOLDED;
-    return Remainder(_mm_xor_si128(Carry(blocks, FOLDED, aBlocks), Carry(aData, aBlocks, 0)));
+    return Remainder(_mm_xor_si128(Carry(abyBlocks, FOLDED, aBlocks), Carry(aData, aBlocks, 0)));
 }
 
 CM_TARGET CM_INLINE uint16_t ByMultiply(uint16_t aCrc, const unsigned char* aData, size_t aLength,

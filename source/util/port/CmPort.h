@@ -2,9 +2,9 @@
 //
 // CmPortLinux.cpp and CmPortMac.cpp supply it and CMake compiles one of them, and CmPortPosix.cpp
 // with each, which holds what these two have in common; so the units carry no platform code. The
-// types of public classes that differ are in include/CmPlatform.h. Clocks, their tick rate (sysconf)
-// and all other system calls are those of POSIX on every platform; the tables of CmSystem.h hold
-// them.
+// types of public classes that differ are in include/CmPlatform.h. Clocks, their tick rate
+// (sysconf) and all other system calls are those of POSIX on every platform; the tables of
+// CmSystem.h hold them.
 //
 // Nothing here throws or traces. Unless it says otherwise a function may be called from any
 // thread, and a path is NUL-terminated bytes in the file system's encoding.

@@ -26,16 +26,16 @@ static_assert(CM_PORT_NAME_UNITS == sizeof(HFSUniStr255::unicode) / sizeof(UniCh
 
 // Holds what a Create or Copy function returned, possibly null, and releases it.
 template <class Reference>
-class ScopedReference {
+class CScopedReference {
   public:
-    explicit ScopedReference(Reference aReference) : m_reference(aReference) {}
-    ~ScopedReference() {
+    explicit CScopedReference(Reference aReference) : m_reference(aReference) {}
+    ~CScopedReference() {
         if (m_reference != nullptr) {
             CFRelease(m_reference);
         }
     }
-    ScopedReference(const ScopedReference&) = delete;
-    ScopedReference& operator=(const ScopedReference&) = delete;
+    CScopedReference(const CScopedReference&) = delete;
+    CScopedReference& operator=(const CScopedReference&) = delete;
 
     Reference get() const { return m_reference; }
 
@@ -122,7 +122,7 @@ CmPortItem CmPortItemInformation(const char* aPath) {
         LSCopyItemInfoForRef(&reference, kLSRequestExtension, &info) != noErr) {
         return CmPortItem::UNKNOWN;
     }
-    const ScopedReference<CFStringRef> extension(info.extension);
+    const CScopedReference<CFStringRef> extension(info.extension);
     return extension.get() != nullptr ? CmPortItem::WITH_EXTENSION : CmPortItem::WITHOUT_EXTENSION;
 }
 
@@ -131,12 +131,12 @@ void* CmPortBundleCreate(const char* aPath) {
     if (!PathReference(aPath, reference)) {
         return nullptr;
     }
-    const ScopedReference<CFURLRef> url(CFURLCreateFromFSRef(nullptr, &reference));
+    const CScopedReference<CFURLRef> url(CFURLCreateFromFSRef(nullptr, &reference));
     return url.get() != nullptr ? CFBundleCreate(nullptr, url.get()) : nullptr;
 }
 
 void* CmPortBundleFunction(void* aBundle, const char* aName) {
-    const ScopedReference<CFStringRef> name(
+    const CScopedReference<CFStringRef> name(
         CFStringCreateWithCString(nullptr, aName, CFStringGetSystemEncoding()));
     return name.get() != nullptr
                ? CFBundleGetFunctionPointerForName(static_cast<CFBundleRef>(aBundle), name.get())
