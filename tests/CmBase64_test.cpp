@@ -73,7 +73,7 @@ TEST(CmBase64, ValuesAreThoseOfTheAlphabet) {
     }
 }
 
-TEST(CmBase64, Encoding_GivesTheBitsOfEveryLength) {
+TEST(CmBase64, EncodersGiveTheBits_WhateverTheLength) {
     const std::vector<unsigned char> bytes = kelto_test::RandomBytes(300, 1);
     for (const CCmBase64Kernel& way : Ways()) {
         for (size_t nLength = 0; nLength <= bytes.size(); ++nLength) {

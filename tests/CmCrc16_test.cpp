@@ -34,7 +34,7 @@ uint16_t BitByBit(uint16_t aCrc, const unsigned char* aData, size_t aLength) {
     return aCrc;
 }
 
-TEST(CmCrc16, CheckValue_FromZeroIsArc) {
+TEST(CmCrc16, CheckValueIsThatOfArc_WhenItStartsFromZero) {
     unsigned short wCrc = 0;
     EXPECT_EQ(0xBB3D, CalcCRC16(wCrc, Bytes(DIGITS), 9));
     EXPECT_EQ(0xBB3D, wCrc);
@@ -95,7 +95,7 @@ TEST(CmCrc16, StepTableIsTheByteTableFollowedByZeros) {
     }
 }
 
-TEST(CmCrc16, EveryWay_MatchesTheDefinitionForEveryLength) {
+TEST(CmCrc16, EveryImplementationMatchesTheDefinition_WhateverTheLength) {
     const std::vector<unsigned char> data = kelto_test::RandomBytes(4096 + 16, 7);
     for (size_t nLength = 0; nLength <= 4096; ++nLength) {
         const unsigned char* pData = data.data() + nLength % 16;  // every alignment
@@ -128,7 +128,7 @@ TEST(CmCrc16, CalcCRC16StaysInsideItsBuffer) {
     }
 }
 
-TEST(CmCrc16, CalcCRC16_IsTheSameForEverySplit) {
+TEST(CmCrc16, CalcCRC16IsTheSame_WhateverTheSplit) {
     std::vector<unsigned char> data = kelto_test::RandomBytes(200000, 11);
     const uint16_t wExpected = BitByBit(0xFFFF, data.data(), data.size());
     std::mt19937 random(12);
@@ -224,7 +224,7 @@ TEST(CmCrc16, CalcCRC16MAddsNothingButCounts_WhenABlockIsLocked) {
               sink.lines()[1].text);
 }
 
-TEST(CmCrc16, CalcCRC16M_TakesBlockLengthsModulo65536) {
+TEST(CmCrc16, CalcCRC16MTakesBlockLengthsModulo65536) {
     std::vector<unsigned char> data = kelto_test::RandomBytes(70000, 5);
     const char* pData = reinterpret_cast<const char*>(data.data());
     unsigned short wCrc = 0;

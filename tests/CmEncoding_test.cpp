@@ -148,7 +148,7 @@ TEST(CmBase64String, GivesEmptyText_WithoutInput) {
     EXPECT_EQ(strBytes, "");
 }
 
-TEST(CmBase64String, WorksInPlace) {
+TEST(CmBase64String, Works_WhenInputAndOutputAreOne) {
     CCmString strText = kelto_test::RandomBytes<CCmString>(200, 1);
     const CCmString strBytes = strText;
     CM_Base64Encode(strText.data(), strText.size(), strText);
@@ -157,7 +157,7 @@ TEST(CmBase64String, WorksInPlace) {
     EXPECT_EQ(strText, strBytes);
 }
 
-TEST(CmBase64String, WorksOnAPartOfItsOutput) {
+TEST(CmBase64String, Works_WhenTheInputIsPartOfTheOutput) {
     CCmString strText = kelto_test::RandomBytes<CCmString>(200, 1);
     const CCmString strBytes = strText;
     CM_Base64Encode(strText.data() + 8, 192, strText);
@@ -275,7 +275,7 @@ CCmString ReferenceDecoded(const CCmString& aText) {
     return strBytes;
 }
 
-TEST(CmBase64String, DecodesAsStated_WithInvalidByteAtEveryOffset) {
+TEST(CmBase64String, DecodesAsStated_WhateverTheOffsetOfAnInvalidByte) {
     const CCmString strText = Encoded(kelto_test::RandomBytes<CCmString>(150, 3));
     for (size_t nPlace = 0; nPlace < strText.size(); ++nPlace) {
         for (char chInvalid : {'=', '!', '\n', '\x80', '\xFF', '-'}) {
@@ -356,7 +356,7 @@ CCmString XReferenceDecoded(const CCmString& aText) {
     return strBytes;
 }
 
-TEST(CmBase64Buffer, DecodesAsStated_WithEveryByteAtEveryOffset) {
+TEST(CmBase64Buffer, DecodesAsStated_WhateverByteIsAtAnyOffset) {
     const CCmString strText = XEncoded(kelto_test::RandomBytes<CCmString>(90, 5));
     for (size_t nPlace = 0; nPlace < strText.size(); ++nPlace) {
         for (int nByte = 0; nByte < 256; ++nByte) {

@@ -1077,7 +1077,7 @@ TEST_F(CmT120TraceFile, SharingLosesNoLine_WhenRecordsClose) {
 
 // ---- Objects without memory, and after their end
 
-TEST_F(CmT120TraceFile, Record_HasNoName_WhenItsConstructorFindsNoMemoryForIt) {
+TEST_F(CmT120TraceFile, RecordHasNoName_WhenItsConstructorFindsNoMemoryForIt) {
     FailingCall<&CCmSystemTable::strdup> fault(ENOMEM, nullptr);
     CCmT120TraceFile file(m_sPath.c_str(), 0, 0, 0);
     EXPECT_EQ(0, file.is_same_file(m_sPath.c_str()));
@@ -1089,7 +1089,7 @@ TEST_F(CmT120TraceFile, Record_HasNoName_WhenItsConstructorFindsNoMemoryForIt) {
     EXPECT_EQ(CM_OK, file.attach(m_sPath.c_str()));
 }
 
-TEST_F(CmT120TraceFile, Record_LosesLines_WhenItsConstructorFindsNoMemoryForThem) {
+TEST_F(CmT120TraceFile, RecordLosesLines_WhenItsConstructorFindsNoMemoryForThem) {
     for (unsigned char bShared : {0, 1}) {
         WriteEmptyTraceFile();
         auto fault = std::make_unique<FailingCall<&CCmSystemTable::malloc>>(ENOMEM, nullptr);
@@ -1107,7 +1107,7 @@ TEST_F(CmT120TraceFile, Record_LosesLines_WhenItsConstructorFindsNoMemoryForThem
 }
 
 // A manager with static storage, as those have that outlive their end.
-TEST_F(CmT120TraceFile, Manager_OpensNoMoreRecords_OnceItHasEnded) {
+TEST_F(CmT120TraceFile, ManagerOpensNoMoreRecords_AfterItsEnd) {
     alignas(CCmT120TraceFileMgr) static unsigned char s_abyManager[sizeof(CCmT120TraceFileMgr)];
     auto* pManager = new (s_abyManager) CCmT120TraceFileMgr;
     void* pRecord = pManager->open("a", 0, 0, 0);

@@ -73,7 +73,7 @@ TEST_F(CmTimerQueueOrderedList, FiresARearmedTimerFirst_WhenExpiryIsEqual) {
     EXPECT_EQ((std::vector<int>{0, 1}), FiredAfterMs(10));
 }
 
-TEST_F(CmTimerQueueOrderedList, SwapsTheOrder_OnEveryFiringOfEqualPeriods) {
+TEST_F(CmTimerQueueOrderedList, SwapsTheOrderOnEveryFiringOfEqualPeriods) {
     Schedule(0, 10, 0);
     Schedule(1, 10, 0);
     EXPECT_EQ((std::vector<int>{1, 0}), FiredAfterMs(10));
@@ -111,7 +111,7 @@ TEST_F(CmTimerQueueOrderedList, FiresARescheduledTimerFirst_WhenExpiryIsEqual) {
     EXPECT_EQ((std::vector<int>{0, 1}), FiredAfterMs(10));
 }
 
-TEST_F(CmTimerQueueOrderedList, HasOneTimerOfAHandler_HoweverOftenItIsScheduled) {
+TEST_F(CmTimerQueueOrderedList, HasOneTimerOfAHandler_WhateverTheNumberOfSchedules) {
     Schedule(0, 10);
     EXPECT_EQ(CM_ERROR_FOUND, Schedule(0, 10));
     EXPECT_EQ(CM_ERROR_FOUND, Schedule(0, 40));
@@ -249,7 +249,7 @@ TEST_F(CmTimerQueueOrderedList, NeedsNoMemory_WhenATimerIsRescheduled) {
     EXPECT_FALSE(fault.hit());
 }
 
-TEST_F(CmTimerQueueOrderedList, NeedsNoMemory_InSteadyState) {
+TEST_F(CmTimerQueueOrderedList, NeedsNoMemory_WhenInSteadyState) {
     std::vector<CountingHandler> handlers(50);
     for (CountingHandler& handler : handlers) {
         m_queue.ScheduleTimer(&handler, nullptr, Ms(10), 0);

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <thread>
 
 #include "support/Faults.h"
 #include "support/SignalStorm.h"
@@ -33,7 +32,7 @@ TEST(CmUtilMisc, GetSingletonMutexGivesTheRecursiveOne) {
     EXPECT_EQ(&g_SingletonMutex, pMutex);
 }
 
-TEST(CmUtilMisc, GetSingletonMutex_StoresAndTracesNothing_WhenGivenNull) {
+TEST(CmUtilMisc, GetSingletonMutexStoresAndTracesNothing_WhenTheOutPointerIsNull) {
     kelto_test::ScopedTraceSink sink;
     GetSingletonMutex(nullptr);
     EXPECT_EQ(0u, sink.lines().size());
