@@ -275,7 +275,7 @@ class CmCancelledResolving : public CmCancelledCall {
 INSTANTIATE_TEST_SUITE_P(, CmCancelledResolving, testing::Bool(),
                          [](const auto& aInfo) { return aInfo.param ? "HandlersOnly" : "AsHere"; });
 
-TEST_P(CmCancelledResolving, DestroysTheResolver_WhichWaitsForItsThread) {
+TEST_P(CmCancelledResolving, DestroysTheResolverWhichWaitsForItsThread) {
     const CancellableCall<&CCmSystemTable::pthread_join> join;
     ASSERT_EQ(CM_OK, Ask("waiting.test"));
     EXPECT_TRUE(ReturnsWhenCancelled([this] { m_pResolver.reset(); }));
