@@ -134,7 +134,7 @@ class CM_UTIL_EXPORT CCmEventThread {
 
     /// Signal of an automatic event that its waiter leaves alive: the waiter does not wake up only
     /// to find the mutex taken. It must not be missed: what fails is tried again.
-    CmResult SignalBehindLock_i();
+    CmResult SignalAfterUnlock_i();
 
     CCmMutexThread m_Mutex;
     CCmConditionVariableThread m_Condition;

@@ -667,7 +667,7 @@ TEST(CmEventSend, BringsTheWrapperBackToTheQueue_WhenTheEventHasRun) {
 // Keeps the priorities that it is given.
 class PriorityQueue : public CCmEventQueueUsingMutex {
   public:
-    ~PriorityQueue() override { WaitForSenders_i(); }
+    ~PriorityQueue() override { WaitForSenders(); }
     CmResult PostEvent(ICmEvent* aEvent, EPriority aPri) override {
         m_priorities.push_back(aPri);
         return CCmEventQueueUsingMutex::PostEvent(aEvent, aPri);
@@ -811,7 +811,7 @@ TEST(CmEventSend, OutlivesTheReturningSender_WhenTheQueueIsDestroyedBehindTheEve
 class LingeringQueue : public CCmEventQueueUsingMutex {
   public:
     explicit LingeringQueue(const std::atomic<bool>& aReleased) : m_bReleased(aReleased) {}
-    ~LingeringQueue() override { WaitForSenders_i(); }
+    ~LingeringQueue() override { WaitForSenders(); }
     CmResult PostEvent(ICmEvent* aEvent, EPriority aPri) override {
         const std::atomic<bool>& bReleased = m_bReleased;
         const CmResult rv = CCmEventQueueUsingMutex::PostEvent(aEvent, aPri);

@@ -5,8 +5,8 @@
 
 #include "CmCancel.h"
 #include "CmConditionVariable.h"
+#include "CmEventQueueSteps.h"
 #include "CmLifeGuard.h"
-#include "CmQueueOwner.h"
 #include "CmScopedLock.h"
 #include "CmTimedCalls.h"
 #include "CmUtilTemplates.h"
@@ -165,7 +165,7 @@ CmResult CCmBoundedPoster::TakeRoom(const CCmTimeValue* aLimit) {
     if (CM_FAILED(rv)) {
         return rv;
     }
-    const bool bWaits = aLimit != nullptr && !CCmQueueOwner::IsOwnThread(m_Queue);
+    const bool bWaits = aLimit != nullptr && !CCmEventQueueSteps::IsOwnThread(m_Queue);
     const long long llDeadline = bWaits ? CmLaterNsec(CmMonotonicNsec(), *aLimit) : CM_NEVER_NSEC;
     return m_pState->TakeRoom(bWaits, llDeadline);
 }

@@ -301,7 +301,7 @@ CmResult CCmEventThread::Signal() {
     return CCmConditionSteps::SignalResult(m_Condition, nError);
 }
 
-CmResult CCmEventThread::SignalBehindLock_i() {
+CmResult CCmEventThread::SignalAfterUnlock_i() {
     CmResult rv = CM_ERROR_FAILURE;
     for (int i = 0; i < SIGNAL_TRIES && CM_FAILED(rv); ++i) {
         CCmScopedLockT<CCmMutexThread> lock(m_Mutex);

@@ -1,7 +1,7 @@
 #include "CmEvent.h"
 
 #include "CmCancel.h"
-#include "CmQueueOwner.h"
+#include "CmEventQueueSteps.h"
 #include "CmScopedLock.h"
 #include "CmTimedCalls.h"
 
@@ -21,7 +21,7 @@ enum ECall : int {
 
 }  // namespace
 
-bool CCmQueueOwner::IsOwnThread(ICmEventQueue& aQueue) {
+bool CCmEventQueueSteps::IsOwnThread(ICmEventQueue& aQueue) {
     if (const auto* pQueue = dynamic_cast<CCmEventQueueBase*>(&aQueue)) {
         return IsEqualCurrentThread(pQueue->m_Tid.load(std::memory_order_relaxed));
     }
@@ -76,7 +76,7 @@ void ACmCallEvent::WakeCaller_i() {
 CmResult ACmCallEvent::Call(ICmEventQueue& aQueue, const CCmTimeValue* aLimit) {
     const CCmDisableCancel disableCancel;
     const bool bLimited = aLimit != nullptr && *aLimit < CCmTimeValue::s_tvMax;
-    const CmResult rv = bLimited && !CCmQueueOwner::IsOwnThread(aQueue)
+    const CmResult rv = bLimited && !CCmEventQueueSteps::IsOwnThread(aQueue)
                             ? CallWithin_i(aQueue, *aLimit)
                             : aQueue.SendEvent(this);
     if (CM_FAILED(rv)) {

@@ -5,7 +5,6 @@
 #include <new>
 
 #include "CmCancel.h"
-#include "CmQueueOwner.h"
 #include "CmScopedLock.h"
 #include "CmThread.h"
 #include "CmTraceLine.h"
