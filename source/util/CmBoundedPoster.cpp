@@ -67,11 +67,11 @@ struct CCmBoundedPoster::CState final : CCmReferenceControlT<CCmMutexThread> {
     void End() { m_Guard.End(); }
 
   private:
-    // One that waits, on its own stack.
+    // One that waits, on its own stack, in a list with the longest first.
     struct CWaiter {
         explicit CWaiter(CState& aState) CM_REQUIRES(aState.m_Mutex) : m_State(aState) {
-            *m_State.m_ppEnd = this;
-            m_State.m_ppEnd = &m_pNext;
+            *m_State.m_ppTail = this;
+            m_State.m_ppTail = &m_pNext;
         }
         ~CWaiter() CM_NO_THREAD_SAFETY_ANALYSIS { m_State.Unlink_l(*this); }
         CWaiter(const CWaiter&) = delete;
@@ -83,7 +83,8 @@ struct CCmBoundedPoster::CState final : CCmReferenceControlT<CCmMutexThread> {
         bool m_bLinked = true;
     };
 
-    // To the one that has waited longest, if any.
+    // To the one that has waited longest, if any: the count then stays. All are woken, as a
+    // condition does not wake a particular one; the others go on waiting.
     void GiveRoom_l() CM_REQUIRES(m_Mutex) {
         CWaiter* pWaiter = m_pFirst;
         if (pWaiter == nullptr) {
@@ -103,8 +104,8 @@ struct CCmBoundedPoster::CState final : CCmReferenceControlT<CCmMutexThread> {
             ppWaiter = &(*ppWaiter)->m_pNext;
         }
         *ppWaiter = aWaiter.m_pNext;
-        if (m_ppEnd == &aWaiter.m_pNext) {
-            m_ppEnd = ppWaiter;
+        if (m_ppTail == &aWaiter.m_pNext) {
+            m_ppTail = ppWaiter;
         }
         aWaiter.m_bLinked = false;
     }
@@ -117,7 +118,7 @@ struct CCmBoundedPoster::CState final : CCmReferenceControlT<CCmMutexThread> {
     DWORD m_dwCount CM_GUARDED_BY(m_Mutex) = 0;
     bool m_bWasFull CM_GUARDED_BY(m_Mutex) = false;
     CWaiter* m_pFirst CM_GUARDED_BY(m_Mutex) = nullptr;
-    CWaiter** m_ppEnd CM_GUARDED_BY(m_Mutex) = &m_pFirst;
+    CWaiter** m_ppTail CM_GUARDED_BY(m_Mutex) = &m_pFirst;
     CCmLifeGuard m_Guard;
 };
 

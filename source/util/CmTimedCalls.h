@@ -91,7 +91,7 @@ class CCmTimedCalls : public CCmReferenceControlT<CCmMutexThread> {
     CCmTimedCall* TakeDue_i(long long aNow, long long& aNext);
     void Fire_i(CCmTimedCall& aCall, long long aNow);
     bool Rearm_i(CCmTimedCall& aCall);
-    void HasRun_i(CCmTimedCall& aCall);
+    void EndRun_i(CCmTimedCall& aCall);
     CCmTimedCall* TakeFirst_i();
     void Place_l(size_t aPlace, CCmTimedCall* aCall) CM_REQUIRES(m_Mutex);
     void Rise_l(size_t aPlace) CM_REQUIRES(m_Mutex);

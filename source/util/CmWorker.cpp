@@ -144,7 +144,7 @@ class CCmWorkerThread final : public CCmThreadTask {
     }
 
     CmResult RunHook(CCmWorkerOptions::EHook aHook) {
-        ACmWorkerHook* pHook = m_Options.m_pHooks[aHook];
+        ACmWorkerHook* pHook = m_Options.m_Hooks[aHook];
         return pHook != nullptr ? pHook->Run(*this) : CM_OK;
     }
 
