@@ -233,8 +233,8 @@ class CM_UTIL_EXPORT CCmEventQueueUsingConditionVariable : public CCmEventQueueB
                                     DWORD aMaxCount = 0xFFFFFFFF);
     /// Consumer thread only. ProcessEvents of a list that was taken out of this queue; it is empty
     /// afterwards. Its nodes serve coming posts: where passes take about as many events as the one
-    /// before, posts allocate no nodes, and what a burst took goes back when passes are small
-    /// again. The queue keeps 512 KiB of them at most.
+    /// before, posts allocate no nodes. The queue keeps 512 KiB of them at most, and what a burst
+    /// left goes back with the smaller passes that follow, each of which frees its own.
     void ProcessAndRecycleEvents(std::list<ICmEvent*>& aEvents);
     /// That of the base; the events are taken out under the queue's mutex and ended after it was
     /// released.

@@ -46,7 +46,6 @@ class CCmTimedCall : public CCmReferenceControlT<CCmMutexThread> {
 
     bool EndOnItsWay_i();
     void EndEvent_i();
-    bool Repeats() const { return m_dwLeft != 1; }
 
     CCmTimedEvent* m_pEvent;
     CCmComAutoPtr<CCmTimedCalls> m_pList;  // set before the state leaves STATE_ON_ITS_WAY
