@@ -2,9 +2,18 @@
 #ifndef CM_EVENT_QUEUE_STEPS_H
 #define CM_EVENT_QUEUE_STEPS_H
 
-#include "CmEventQueueBase.h"
+#include <atomic>
+#include <list>
+
+#include "CmBase.h"
 
 namespace UTIL_NS {
+
+class CCmEventQueueBase;
+class CCmEventQueueUsingConditionVariable;
+class CCmMutexThread;
+class ICmEvent;
+class ICmEventQueue;
 
 class CCmEventQueueSteps {
   public:
