@@ -440,7 +440,7 @@ class CCmEventSynchronous::CState {
 
     CCmEventSynchronous& m_Wrapper;
     std::atomic<int> m_nOutcome{OUTCOME_NONE};
-    bool m_bHoldsQueue = false;      // set by Send, before it posts
+    bool m_bHoldsQueue = false;  // set by Send, before it posts
     // On another thread than the one that made the wrapper; written before FIRED, read after it.
     bool m_bFiredElsewhere = false;
 };
