@@ -522,39 +522,5 @@ TEST(CmEventQueueUsingConditionVariable, EndsTheEvent_WhenTheLastSpareIsGoneAndM
     EXPECT_EQ((Ids{0, 1}), last.log().ended());
 }
 
-// Each pass posts, takes and runs aCount events.
-void RunPasses(CCmEventQueueUsingConditionVariable& aQueue, int aPasses, int aCount) {
-    for (int i = 0; i < aPasses; ++i) {
-        for (int n = 0; n < aCount; ++n) {
-            aQueue.PostEvent(new EndingEvent([] {}), NORMAL);
-        }
-        Events events;
-        aQueue.PopOrWaitPendingEvents(events, nullptr);
-        aQueue.ProcessAndRecycleEvents(events);
-    }
-}
-
-TEST(CmEventQueueUsingConditionVariable, KeepsAsManyListNodesAsItTookAtOnceUpToALimit) {
-    const long lLive = kelto_test::LiveAllocationsBefore();
-    CCmEventQueueUsingConditionVariable queue;
-    RunPasses(queue, 3, 1000);
-    EXPECT_LE(kelto_test::LiveAllocations(), lLive + 1000);
-    RunPasses(queue, 1, 50000);
-    const long lKept = kelto_test::LiveAllocations();
-    RunPasses(queue, 1, 100000);
-    EXPECT_LE(kelto_test::LiveAllocations(), lKept);
-    EXPECT_LT(lKept, lLive + 50000);
-}
-
-TEST(CmEventQueueUsingConditionVariable, GivesListNodesBack_WhenPassesAreSmallAgain) {
-    const long lLive = kelto_test::LiveAllocationsBefore();
-    CCmEventQueueUsingConditionVariable queue;
-    RunPasses(queue, 1, 10000);
-    const long lKept = kelto_test::LiveAllocations() - lLive;
-    EXPECT_LT(0, lKept);
-    RunPasses(queue, 2000, 10);
-    EXPECT_LT(kelto_test::LiveAllocations() - lLive, lKept / 2);
-}
-
 }  // namespace
 }  // namespace UTIL_NS

@@ -160,7 +160,7 @@ TEST(CmEventSend, BringsTheWrapperBackToTheQueue_WhenTheEventHasRun) {
 // Keeps the priorities that it is given.
 class PriorityQueue : public CCmEventQueueUsingMutex {
   public:
-    ~PriorityQueue() override { WaitForSenders_i(); }
+    ~PriorityQueue() override { WaitForSenders(); }
     CmResult PostEvent(ICmEvent* aEvent, EPriority aPri) override {
         m_priorities.push_back(aPri);
         return CCmEventQueueUsingMutex::PostEvent(aEvent, aPri);
@@ -181,7 +181,7 @@ TEST(CmEventSend, PostsThereAndBackWithPriorityOne) {
     EXPECT_EQ((std::vector<int>{1, 1}), queue.m_priorities);
 }
 
-// Refuses every post behind the first aAccepted ones.
+// Refuses every post after the first aAccepted ones.
 class RefusingQueue : public CCmEventQueueUsingMutex {
   public:
     explicit RefusingQueue(int aAccepted) : m_nAccepted(aAccepted) {}
@@ -304,7 +304,7 @@ TEST(CmEventSend, OutlivesTheReturningSender_WhenTheQueueIsDestroyedAfterTheEven
 class LingeringQueue : public CCmEventQueueUsingMutex {
   public:
     explicit LingeringQueue(const Gate& aReleased) : m_released(aReleased) {}
-    ~LingeringQueue() override { WaitForSenders_i(); }
+    ~LingeringQueue() override { WaitForSenders(); }
     CmResult PostEvent(ICmEvent* aEvent, EPriority aPri) override {
         const Gate& released = m_released;
         const CmResult rv = CCmEventQueueUsingMutex::PostEvent(aEvent, aPri);
