@@ -235,6 +235,8 @@ class Headers:
         # constructor takes of a class.
         if node.get("kind") in ("VarDecl", "FieldDecl"):
             self.note_class(caller, class_of(node), "~")
+        if node.get("kind") == "FriendDecl" and "<" in node.get("type", {}).get("qualType", ""):
+            self.note_class(class_of(node), caller, "", "~")  # a template that makes and ends it
         for base in node.get("bases", []):
             self.uses.append((caller, "class " + class_of(base)))
             self.note_class(caller, class_of(base), "", "~")
