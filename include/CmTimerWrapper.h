@@ -79,13 +79,13 @@ class CM_UTIL_EXPORT low_tick_policy::low_tick_generator : public CCmTimerWrappe
     static std::atomic<int> m_InitTimerSucc;
 
   private:
-    low_tick_generator();
-    ~low_tick_generator() override;
+    CM_UTIL_HIDDEN low_tick_generator();
+    CM_UTIL_HIDDEN ~low_tick_generator() override;
 
     // Published with release by the creator and read with acquire by instance, which orders the
     // construction of the generator before its use.
-    static std::atomic<low_tick_generator*> pInstance;
-    static CCmMutexThread mutex;  // serialises the creation
+    CM_UTIL_HIDDEN static std::atomic<low_tick_generator*> pInstance;
+    CM_UTIL_HIDDEN static CCmMutexThread mutex;  // serialises the creation
 
     // Microseconds of the process clock when the timer last fired. Required; nobody reads it.
     long long m_llLastTick;
