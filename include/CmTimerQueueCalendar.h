@@ -83,9 +83,9 @@ class CM_UTIL_EXPORT CCmTimerQueueCalendar : public ICmTimerQueue, public ICmEve
     typedef CCmTimerQueueCalendarSlotT<ICmTimerHandler*> CNode;
     class CState;  // internal
 
-    CM_UTIL_HIDDEN void InsertUnique_i(const CCmTimeValue& aInterval, CNode* aNode);
-    CM_UTIL_HIDDEN CNode* RemoveUniqueHandler_i(ICmTimerHandler* aEh);
-    CM_UTIL_HIDDEN CNode* RemoveUniqueSlot_i(DWORD aSlot, ICmTimerHandler* aEh);
+    void InsertUnique_i(const CCmTimeValue& aInterval, CNode* aNode);
+    CNode* RemoveUniqueHandler_i(ICmTimerHandler* aEh);
+    CNode* RemoveUniqueSlot_i(DWORD aSlot, ICmTimerHandler* aEh);
 
     CCmEnsureSingleThread m_Est;
     DWORD m_dwInterval;            // of a slot, milliseconds

@@ -84,8 +84,8 @@ class CM_UTIL_EXPORT low_tick_policy::low_tick_generator : public CCmTimerWrappe
 
     // Published with release by the creator and read with acquire by instance, which orders the
     // construction of the generator before its use.
-    CM_UTIL_HIDDEN static std::atomic<low_tick_generator*> pInstance;
-    CM_UTIL_HIDDEN static CCmMutexThread mutex;  // serialises the creation
+    static std::atomic<low_tick_generator*> pInstance;
+    static CCmMutexThread mutex;  // serialises the creation
 
     // Microseconds of the process clock when the timer last fired. Required; nobody reads it.
     long long m_llLastTick;

@@ -15,6 +15,7 @@ refers to without naming them stand in cmake/exports-inner.txt, each with what r
     NAME  <-  CALLER      an inline function, a template or a class of a public header that calls NAME
                           or, where NAME is a table, derives from its class
     NAME  <-  virtual     a private virtual function: the tables of derived classes hold its address
+    NAME  <-  stated      private, and part of the binary interface all the same
 
 A line there that is not, or no longer, so is an error as well. clang++ reads the headers.
 """
@@ -50,6 +51,7 @@ CLASSES = ("CXXRecordDecl", "ClassTemplateSpecializationDecl")
 TABLES = re.compile(r"(?:vtable|typeinfo name|typeinfo|VTT) for (.*)")
 THUNKS = re.compile(r"(?:(?:non-)?virtual thunk|covariant return thunk) to (.*)")
 VIRTUAL = "virtual"
+STATED = "stated"
 
 
 def output_of(*command, text=None):
@@ -293,7 +295,9 @@ def without_reason(names, headers, inner):
             faults[inner.name].append(f"not exported: {name}")
         elif gifts.gives(name):
             faults[inner.name].append(f"given by a public declaration: {name}")
-        elif not gifts.refers(caller, name):
+        elif caller == STATED and name not in gifts.places:
+            faults[inner.name].append(f"in no public header: {name}")
+        elif caller != STATED and not gifts.refers(caller, name):
             faults[inner.name].append(f"not called by {caller}: {name}")
     for name in sorted(names):
         if name not in explained and not gifts.gives(name):
