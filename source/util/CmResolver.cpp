@@ -27,18 +27,23 @@ namespace {
 
 typedef std::chrono::steady_clock CClock;
 
+// Of the resolver's own threads, which nobody looks up by it: any but TT_UNKNOWN and TT_MAIN.
 constexpr int THREAD_TYPE = 1;
-constexpr size_t MAX_LABEL = 63;
-constexpr long LONGEST_LIMIT = 1000000000;  // seconds; more is none
-// A wait ends at a time of the wall clock, and so later where that is set back meanwhile. None is
-// longer than this, after which the limits, which follow the monotonic clock, are looked at anew.
+constexpr size_t MAX_LABEL = 63;  // characters between two dots, as DNS has it
+// In seconds, 31 years; a longer limit counts as none, so that no sum with the clock overflows.
+constexpr long LONGEST_LIMIT = 1000000000;
+// Limits follow the monotonic clock, but a wait has its deadline on the wall clock, and is too long
+// when that is set back meanwhile. So no single wait is longer than this.
 constexpr CCmTimeValue LONGEST_WAIT(1);
+// The watcher's sleep in place of a wait that fails: it must not spin.
+constexpr timespec WAIT_FAILURE_NAP = {0, 10 * 1000 * 1000};  // 10 ms
 
 bool IsLabelCharacter(char aChar) {
     return CmIsLetter(aChar) || CmIsDigit(aChar) || aChar == '-' || aChar == '_';
 }
 
-// As systems read the end of an address: decimal, octal or hexadecimal.
+// Whether systems take the last part of a name for a number, and the name for an IPv4 address:
+// decimal, octal or hexadecimal.
 bool IsNumber(std::string_view aLabel) {
     if (aLabel.find_first_not_of("0123456789") == aLabel.npos) {
         return true;
@@ -126,14 +131,15 @@ struct CJob {
     ICmEventQueue* m_pQueue = nullptr;
     ACmResolution* m_pAnswer = nullptr;
     COutcome* m_pOutcome = nullptr;  // of the answer
-    CClock::time_point m_due;        // the start of time once there is an outcome
+    CClock::time_point m_due;        // at once (the least value) when there is an outcome
 };
 typedef std::map<uint64_t, CJob> CJobs;
 
-// What the resolver, its threads and its answers share; whoever is last frees it.
+// What the resolver, its threads and its answers share; whoever is last frees it. One mutex guards
+// all of it.
 //
-// Only the watcher posts answers, one at a time, so that whoever cancels can wait until the queue
-// of an answer is not used any more.
+// Only the watcher posts answers, one at a time and without the mutex. While it does, m_ullPosting
+// names the answer, and Cancel waits until it is posted: after that the queue may be destroyed.
 class CQuestions : public std::enable_shared_from_this<CQuestions> {
   public:
     CQuestions() : m_Changed(m_Mutex), m_Posted(m_Mutex) {}
@@ -141,17 +147,17 @@ class CQuestions : public std::enable_shared_from_this<CQuestions> {
     uint64_t NewId();
     // Owns the answer from then on. Throws for want of memory, with nothing changed.
     void Add(uint64_t aId, const CJob& aJob);
-    // An answer that the asker itself posts. Throws likewise.
+    // For an answer that Resolve itself posts. Throws likewise.
     void AddPosted(uint64_t aId);
     // Whether the answer may run.
     bool TakeLive(uint64_t aId);
     bool Cancel(uint64_t aId, ACmResolution*& aAnswer);
-    // From here on nobody is answered; returns what is still to be ended.
+    // From here on nobody is answered; returns what is still to be destroyed.
     CJobs Close();
 
     // What the watcher runs until Close.
     void Watch();
-    // A lookup has ended.
+    // Stores what a lookup found; its answer is due at once.
     void Finish(uint64_t aId, COutcome& aOutcome);
     void SetWatcher(pthread_t aThread) {
         const CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
@@ -230,7 +236,7 @@ void CQuestions::Add(uint64_t aId, const CJob& aJob) {
     } catch (const std::exception&) {
         m_live.erase(aId);
         m_due.erase({aJob.m_due, aId});
-        throw;  // what is left in m_waiting is passed over when its turn comes
+        throw;  // a number left in m_waiting is skipped when its turn comes
     }
     m_Changed.Signal();
 }
@@ -256,7 +262,8 @@ bool CQuestions::Cancel(uint64_t aId, ACmResolution*& aAnswer) {
         m_due.erase({it->second.m_due, aId});
         m_jobs.erase(it);
     }
-    // An answer that is refused ends on the watcher, and may cancel there.
+    // The watcher does not wait for itself: an answer that the queue refuses is destroyed on it,
+    // and that may cancel.
     while (m_ullPosting == aId && ::pthread_equal(m_watcher, ::pthread_self()) == 0) {
         m_Posted.Wait(nullptr);
     }
@@ -281,7 +288,7 @@ void CQuestions::Finish(uint64_t aId, COutcome& aOutcome) {
     if (it != m_jobs.end()) {
         CJob& job = it->second;
         std::swap(*job.m_pOutcome, aOutcome);
-        // The same node under another key: nothing is allocated.
+        // The same node is put back under another key, so nothing is allocated.
         auto due = m_due.extract({job.m_due, aId});
         job.m_due = CClock::time_point::min();
         due.value().first = job.m_due;
@@ -295,7 +302,7 @@ void CQuestions::Watch() {
     }
 }
 
-// One answer, one lookup or one wait; false when the resolver has ended.
+// Delivers one answer, starts one lookup or waits once; false after Close.
 bool CQuestions::StepOrWait() {
     CJobs::node_type due;
     uint64_t ullId = 0;
@@ -316,8 +323,7 @@ bool CQuestions::StepOrWait() {
     } else if (ullId != 0) {
         StartLookup(ullId, strName, family);
     } else {
-        const timespec pause = {0, 10 * 1000 * 1000};  // rather than spin where no wait works
-        g_cmSystem.nanosleep(&pause, nullptr);
+        g_cmSystem.nanosleep(&WAIT_FAILURE_NAP, nullptr);
     }
     return true;
 }
