@@ -245,7 +245,7 @@ void CCmT120TraceFile::write_shared(const char* aTag, const char* aModule, const
     // Another process may hold the file's lock for any time. While this thread waits for it, it has
     // the file's turn but not m_Mutex, so that only threads that write to the same file wait too.
     CCmFileTurn turn(pStream);
-    if (!turn.held()) {
+    if (!turn.IsHeld()) {
         return;
     }
     state.RequestFileLock(m_LockRequest);
