@@ -108,7 +108,7 @@ class CCmEventQueueSteps::CPosting {
             return CM_ERROR_NOT_INITIALIZED;
         }
         g_cmClock.coarse_gettimeofday(&m_tvCoarseNow, nullptr);
-        return aNeedsNode ? CmAddListNode(m_Node, m_pEvent) : CM_OK;
+        return aNeedsNode ? CmAddNode(m_Node, m_pEvent) : CM_OK;
     }
     bool HasNode() const { return !m_Node.empty(); }
     // Under the lock, with the node of Prepare.
@@ -685,7 +685,7 @@ class CCmEventQueueUsingConditionVariable::CState {
             return aPosting.Append();
         }
         // Prepare looked at m_dwSpares without the lock: other posters may have taken the last one.
-        if (m_Spares.empty() && CM_FAILED(CmAddListNode<ICmEvent>(m_Spares, nullptr))) {
+        if (m_Spares.empty() && CM_FAILED(CmAddNode(m_Spares, nullptr))) {
             return CM_ERROR_OUT_OF_MEMORY;
         }
         const CmResult rv = aPosting.Append(m_Spares);

@@ -1,18 +1,17 @@
-// Gets the memory of a list entry before it is needed; internal.
+// Nodes for lists that are changed under a lock; internal.
 #ifndef CM_LIST_NODE_H
 #define CM_LIST_NODE_H
 
-#include <list>
 #include <new>
 
 #include "CmBase.h"
 
 namespace UTIL_NS {
 
-// Appends a node to aList, to be spliced into another list, which cannot fail. CM_OK or
-// CM_ERROR_OUT_OF_MEMORY.
-template <class ValueType>
-CmResult CmAddListNode(std::list<ValueType*>& aList, ValueType* aValue) {
+// Appends aValue, to a list of the caller's own that is spliced under the lock: what allocates, and
+// may fail, is done before. CM_OK or CM_ERROR_OUT_OF_MEMORY.
+template <class ListType>
+CmResult CmAddNode(ListType& aList, typename ListType::value_type aValue) {
     try {
         aList.push_back(aValue);
     } catch (const std::bad_alloc&) {

@@ -70,7 +70,7 @@ void RegisterEntry(std::list<ACmThread*>& aEntry) {
 
 CmResult RegisterThread(ACmThread* aThread) {
     std::list<ACmThread*> entry;
-    const CmResult rv = CmAddListNode(entry, aThread);
+    const CmResult rv = CmAddNode(entry, aThread);
     if (CM_SUCCEEDED(rv)) {
         RegisterEntry(entry);
     }
@@ -240,7 +240,7 @@ CmResult ACmThread::Create(int aType, TFlag aFlag, signed char bRegister) {
 
     // Allocated first: once the thread runs, registering it must not fail.
     std::list<ACmThread*> entry;
-    if (bRegister != 0 && CM_FAILED(CmAddListNode(entry, this))) {
+    if (bRegister != 0 && CM_FAILED(CmAddNode(entry, this))) {
         return CM_ERROR_OUT_OF_MEMORY;
     }
     if (m_Type == TT_MAIN) {
