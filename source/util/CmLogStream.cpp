@@ -332,7 +332,8 @@ const char* get_leading_id() {
     const char* pszProcess = CCmT120Trace::get_process_name();
     std::snprintf(s_szLeadingId, sizeof(s_szLeadingId), "%.*s.%s.",
                   LengthWithoutExtension(pszProcess), pszProcess, szMachine);
-    // Orders the text before the pointer for the unlocked read above.
+    // Release, paired with the acquire of the unlocked read above: who sees the pointer sees the
+    // text.
     g_LeadingId.store(s_szLeadingId, std::memory_order_release);
     return s_szLeadingId;
 }

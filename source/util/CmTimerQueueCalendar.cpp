@@ -24,9 +24,9 @@ struct CTimer : NodeType {
     HandlersType::iterator m_itEntry;  // its handler's, while the timer is in the wheel
 };
 
-constexpr DWORD MIN_SLOT_INTERVAL = 10;      // milliseconds
-constexpr DWORD MIN_MAX_SLOT_NUMBER = 10;    // the number of the last slot, at least
-constexpr DWORD ENDLESS_COUNT = 0xFFFFFFFF;  // 2^32 - 1 firings: in practice without end
+constexpr DWORD MIN_SLOT_INTERVAL = 10;        // milliseconds
+constexpr DWORD MIN_MAX_SLOT_NUMBER = 10;      // the number of the last slot, at least
+constexpr DWORD UNLIMITED_COUNT = 0xFFFFFFFF;  // 2^32 - 1 firings: in practice without end
 
 DWORD MaxSlotNumber(DWORD aInterval, DWORD aMaxTime) {
     if (aInterval > aMaxTime) {
@@ -229,7 +229,7 @@ CmResult CCmTimerQueueCalendar::ScheduleTimer(ICmTimerHandler* aEh, void* aToken
     pNode->m_pEh = aEh;
     pNode->m_pToken = aToken;
     pNode->m_tvInterval = aInterval;
-    pNode->m_dwCount = aCount == 0 ? ENDLESS_COUNT : aCount;
+    pNode->m_dwCount = aCount == 0 ? UNLIMITED_COUNT : aCount;
     if (!bForWheel) {
         return state.PushEvent(*this, pNode, rv);  // an entry that the handler has stays
     }
