@@ -184,7 +184,7 @@ class CCmEventQueueSteps::CPass {
         m_tvStart = tvEnd;
         if (CM_UNLIKELY(tvElapsed > CCmEventQueueBase::s_tvReportInterval)) {
             Report(aEvent, tvElapsed);
-            m_tvStart = CCmTimeValue::GetTimeOfDay();  // the next event does not pay for the line
+            m_tvStart = CCmTimeValue::GetTimeOfDay();  // the line is not part of the next event
         }
     }
     // For a thread that is cancelled: an event that has begun is destroyed where it began.
@@ -195,6 +195,7 @@ class CCmEventQueueSteps::CPass {
     }
 
   private:
+    // aEvent has been destroyed: its address is all that is used.
     void Report(ICmEvent* aEvent, const CCmTimeValue& aElapsed) const {
         CM_WARNING_TRACE("CCmEventQueueBase::ProcessOneEvent, report, sec="
                          << aElapsed.GetSec() << " usec=" << aElapsed.GetUsec()
@@ -356,8 +357,9 @@ void CCmEventQueueBase::WaitForSenders() {
 //                                          DISCARDED   -
 //
 // Every move is an exchange with acquire and release: the sender that reads FIRED or DISCARDED
-// comes after the write of m_Result, and of FIRED and ABANDONED whoever moves second sees the move
-// of the other and gives the hold on the queue back, once.
+// comes after the write of m_Result. The hold on the queue (HoldQueue) is taken right before FIRED.
+// If the sender gives up, whichever of FIRED and ABANDONED comes second sees the other and gives
+// the hold back, once; otherwise the sender does, after it has posted the wrapper back.
 //
 // m_bHasDestoryed: false until the first of the two has let go, which leaves the wrapper to the
 // other; the second deletes it. The queue lets go in OnDestorySelf of the first pass; the sender by

@@ -127,7 +127,7 @@ COutcome AskTheSystem(const CCmString& aName, CCmIpAddress::Family aFamily) {
 // A question that has not been answered. The answer is owned.
 struct CJob {
     CCmString m_strName;
-    CCmIpAddress::Family m_family = CCmIpAddress::NONE;
+    CCmIpAddress::Family m_eFamily = CCmIpAddress::NONE;
     ICmEventQueue* m_pQueue = nullptr;
     ACmResolution* m_pAnswer = nullptr;
     COutcome* m_pOutcome = nullptr;  // of the answer
@@ -195,10 +195,10 @@ class CLookup : public ACmThread {
         : m_pQuestions(std::move(aQuestions)),
           m_ullId(aId),
           m_strName(std::move(aName)),
-          m_family(aFamily) {}
+          m_eFamily(aFamily) {}
 
     void OnThreadRun() override {
-        COutcome outcome = AskTheSystem(m_strName, m_family);
+        COutcome outcome = AskTheSystem(m_strName, m_eFamily);
         m_pQuestions->Finish(m_ullId, outcome);
     }
 
@@ -206,7 +206,7 @@ class CLookup : public ACmThread {
     const std::shared_ptr<CQuestions> m_pQuestions;
     const uint64_t m_ullId;
     const CCmString m_strName;
-    const CCmIpAddress::Family m_family;
+    const CCmIpAddress::Family m_eFamily;
 };
 
 class CWatcher : public ACmThread {
@@ -214,7 +214,7 @@ class CWatcher : public ACmThread {
     explicit CWatcher(std::shared_ptr<CQuestions> aQuestions)
         : m_pQuestions(std::move(aQuestions)) {}
 
-    void OnThreadInit() override { m_pQuestions->SetWatcher(::pthread_self()); }
+    void OnThreadInit() override { m_pQuestions->SetWatcher(pthread_self()); }
     void OnThreadRun() override { m_pQuestions->Watch(); }
 
   private:
@@ -264,7 +264,7 @@ bool CQuestions::Cancel(uint64_t aId, ACmResolution*& aAnswer) {
     }
     // The watcher does not wait for itself: an answer that the queue refuses is destroyed on it,
     // and that may cancel.
-    while (m_ullPosting == aId && ::pthread_equal(m_Watcher, ::pthread_self()) == 0) {
+    while (m_ullPosting == aId && !IsEqualCurrentThread(m_Watcher)) {
         m_Posted.Wait(nullptr);
     }
     return true;
@@ -344,7 +344,7 @@ bool CQuestions::TakeWaiting_l(uint64_t& aId, CCmString& aName, CCmIpAddress::Fa
         if (it != m_Jobs.end()) {
             aId = it->first;
             aName.swap(it->second.m_strName);
-            aFamily = it->second.m_family;
+            aFamily = it->second.m_eFamily;
             ++m_nLookups;
             return true;
         }
@@ -434,7 +434,7 @@ CmResult CCmResolver::CState::Ask(std::string_view aName, const CCmTimeValue& aL
     }
     if (CmParseIpAddress(aName, address)) {
         const bool bWanted =
-            aJob.m_family == CCmIpAddress::NONE || aJob.m_family == address.m_family;
+            aJob.m_eFamily == CCmIpAddress::NONE || aJob.m_eFamily == address.m_family;
         aJob.m_pOutcome->m_Result = bWanted ? CM_OK : CM_ERROR_NOT_FOUND;
         aJob.m_pOutcome->m_Addresses.assign(bWanted ? 1 : 0, address);
         m_pQuestions->AddPosted(aId);
@@ -522,7 +522,7 @@ CmResult CCmResolver::Resolve(std::string_view aName, ICmEventQueue* aQueue, ACm
             *aId = ullId;
         }
         CJob job;
-        job.m_family = aFamily;
+        job.m_eFamily = aFamily;
         job.m_pQueue = aQueue;
         job.m_pAnswer = aAnswer;
         job.m_pOutcome = &answer.m_Outcome;

@@ -113,7 +113,7 @@ bool WriteFully(int aDescriptor, const char* aText, size_t aLength, off_t aOffse
 // the process.
 bool IsWithinFileSizeLimit(long aEnd) {
     rlimit limit = {RLIM_INFINITY, RLIM_INFINITY};
-    ::getrlimit(RLIMIT_FSIZE, &limit);
+    getrlimit(RLIMIT_FSIZE, &limit);
     return static_cast<rlim_t>(aEnd) <= limit.rlim_cur;
 }
 
@@ -620,7 +620,7 @@ using FilterLines = char[CM_TRACE_FILTER_COUNT][FILTER_LINE_SIZE];
 
 // Does not wait for the writer of a named pipe.
 FILE* OpenFilterFile() {
-    const size_t nHome = ::strnlen(g_def_kelto_home_dir, CM_HOME_DIR_SIZE);
+    const size_t nHome = strnlen(g_def_kelto_home_dir, CM_HOME_DIR_SIZE);
     const bool bSlash = nHome > 0 && g_def_kelto_home_dir[nHome - 1] == '/';
     char szPath[FILTER_PATH_SIZE];
     std::snprintf(szPath, sizeof(szPath), "%.*s%s%s", static_cast<int>(nHome), g_def_kelto_home_dir,
@@ -654,7 +654,7 @@ int ReadFilterLines(FilterLines& aLines) {
 
 void FreeFilters() {
     for (int i = 0; i < s_nCompiled; ++i) {
-        ::regfree(&re[i]);
+        regfree(&re[i]);
     }
     s_nCompiled = 0;
     std::memset(re, 0, sizeof(re));

@@ -114,8 +114,8 @@ bool PushLocalAddr(const CmPortInterface& aInterface, local_addr** aList) {
     pNode->next = *aList;
     *aList = pNode;
     char szAddress[INET_ADDRSTRLEN] = "";
-    ::inet_ntop(AF_INET, aInterface.m_abyAddress + offsetof(sockaddr_in, sin_addr), szAddress,
-                sizeof(szAddress));
+    inet_ntop(AF_INET, aInterface.m_abyAddress + offsetof(sockaddr_in, sin_addr), szAddress,
+              sizeof(szAddress));
     CM_INFO_TRACE("addr is: " << szAddress);
     return true;
 }
