@@ -36,14 +36,20 @@ struct CCmBoundedPoster::CState final : CCmReferenceControlT<CCmMutexThread> {
         if (CM_FAILED(lock.result())) {
             return lock.result();
         }
-        const CCmDisableCancel disableCancel;
-        CWaiter waiter(*this);
+        const CCmDisableCancel disableCancel;  // the list refers to this stack until Unlink_l
+        CWaiter waiter;
+        *m_ppTail = &waiter;
+        m_ppTail = &waiter.m_pNext;
         CmResult rv = CM_OK;
         while (!waiter.m_bHasRoom && CM_SUCCEEDED(rv)) {
             rv = aDeadline == CM_NEVER_NSEC ? m_Room.Wait(nullptr)
                                             : CCmConditionSteps::WaitUntil(m_Room, aDeadline);
         }
-        return waiter.m_bHasRoom ? CM_OK : rv;
+        if (waiter.m_bHasRoom) {
+            return CM_OK;
+        }
+        Unlink_l(waiter);
+        return rv;
     }
 
     void GiveRoom() {
@@ -66,27 +72,18 @@ struct CCmBoundedPoster::CState final : CCmReferenceControlT<CCmMutexThread> {
         return m_dwCount;
     }
     CmResult Result() const { return m_Guard.Result(); }
-    void End() { m_Guard.End(); }
+    void Close() { m_Guard.End(); }
 
   private:
-    // One that waits, on its own stack, in a list with the longest first.
+    // A thread that waits for room, on its own stack, in a list with the longest first. Whoever
+    // gives it room takes it off the list.
     struct CWaiter {
-        explicit CWaiter(CState& aState) CM_REQUIRES(aState.m_Mutex) : m_State(aState) {
-            *m_State.m_ppTail = this;
-            m_State.m_ppTail = &m_pNext;
-        }
-        ~CWaiter() CM_NO_THREAD_SAFETY_ANALYSIS { m_State.Unlink_l(*this); }
-        CWaiter(const CWaiter&) = delete;
-        CWaiter& operator=(const CWaiter&) = delete;
-
-        CState& m_State;
         CWaiter* m_pNext = nullptr;
         bool m_bHasRoom = false;
-        bool m_bLinked = true;
     };
 
-    // To the one that has waited longest, if any: the count then stays. All are woken, as a
-    // condition does not wake a particular one; the others go on waiting.
+    // Gives the room to the thread that has waited longest, if any: the count then stays. All are
+    // woken, as a condition does not wake a particular one; the others go on waiting.
     void GiveRoom_l() CM_REQUIRES(m_Mutex) {
         CWaiter* pWaiter = m_pFirst;
         if (pWaiter == nullptr) {
@@ -98,9 +95,6 @@ struct CCmBoundedPoster::CState final : CCmReferenceControlT<CCmMutexThread> {
         m_Room.Broadcast();
     }
     void Unlink_l(CWaiter& aWaiter) CM_REQUIRES(m_Mutex) {
-        if (!aWaiter.m_bLinked) {
-            return;
-        }
         CWaiter** ppWaiter = &m_pFirst;
         while (*ppWaiter != &aWaiter) {
             ppWaiter = &(*ppWaiter)->m_pNext;
@@ -109,7 +103,6 @@ struct CCmBoundedPoster::CState final : CCmReferenceControlT<CCmMutexThread> {
         if (m_ppTail == &aWaiter.m_pNext) {
             m_ppTail = ppWaiter;
         }
-        aWaiter.m_bLinked = false;
     }
 
     const DWORD m_dwMaxCount;
@@ -120,7 +113,7 @@ struct CCmBoundedPoster::CState final : CCmReferenceControlT<CCmMutexThread> {
     DWORD m_dwCount CM_GUARDED_BY(m_Mutex) = 0;
     bool m_bWasFull CM_GUARDED_BY(m_Mutex) = false;
     CWaiter* m_pFirst CM_GUARDED_BY(m_Mutex) = nullptr;
-    CWaiter** m_ppTail CM_GUARDED_BY(m_Mutex) = &m_pFirst;
+    CWaiter** m_ppTail CM_GUARDED_BY(m_Mutex) = &m_pFirst;  // the last link, which is null
     CCmLifeGuard m_Guard;
 };
 
@@ -150,7 +143,7 @@ CCmBoundedPoster::CCmBoundedPoster(ICmEventQueue& aQueue, DWORD aMaxCount, DWORD
 
 CCmBoundedPoster::~CCmBoundedPoster() {
     if (m_pState != nullptr) {
-        m_pState->End();
+        m_pState->Close();
         m_pState->ReleaseReference();
     }
 }

@@ -10,7 +10,7 @@ namespace UTIL_NS {
 
 namespace {
 
-// How far a call has come. Whoever takes the state away from CALL_WAITS has the callable to itself.
+// How far a call has come. Whoever moves the state away from CALL_WAITS has the callable to itself.
 enum ECall : int {
     CALL_WAITS,
     CALL_RUNS,
@@ -32,7 +32,7 @@ bool CCmEventQueueSteps::IsOwnThread(ICmEventQueue& aQueue) {
 
 struct ACmCallEvent::CWait {
     CCmMutexThread m_Mutex;
-    CCmConditionVariableThread m_Ended{m_Mutex};
+    CCmConditionVariableThread m_Decided{m_Mutex};  // it has run, or never will
 };
 
 ACmCallEvent::ACmCallEvent() : m_pWait(nullptr), m_nState(CALL_WAITS), m_nHolders(2) {}
@@ -48,7 +48,7 @@ CmResult ACmCallEvent::OnEventFire() {
     }
     Run();
     Drop();
-    // Release: the caller that reads it reads the value after it.
+    // Release: the caller that reads the state can read the value.
     m_nState.store(CALL_HAS_RUN, std::memory_order_release);
     WakeCaller_i();
     return CM_OK;
@@ -70,7 +70,7 @@ void ACmCallEvent::OnDestorySelf() {
 void ACmCallEvent::WakeCaller_i() {
     if (m_pWait != nullptr) {
         CCmScopedLockT<CCmMutexThread> lock(m_pWait->m_Mutex);
-        m_pWait->m_Ended.Signal();
+        m_pWait->m_Decided.Signal();
     }
 }
 
@@ -90,7 +90,7 @@ CmResult ACmCallEvent::CallWithin_i(ICmEventQueue& aQueue, const CCmTimeValue& a
     const long long llDeadline = CmLaterNsec(CmMonotonicNsec(), aLimit);
     m_pWait = new (std::nothrow) CWait;
     if (m_pWait == nullptr) {
-        OnDestorySelf();  // for the queue, which never had it
+        OnDestorySelf();  // in place of the queue, which never got it
         return CM_ERROR_OUT_OF_MEMORY;
     }
     const CmResult rvPost = aQueue.PostEvent(this, ICmEventQueue::EPRIORITY_NORMAL);
@@ -102,7 +102,7 @@ CmResult ACmCallEvent::CallWithin_i(ICmEventQueue& aQueue, const CCmTimeValue& a
         CCmScopedLockT<CCmMutexThread> lock(m_pWait->m_Mutex);
         rv = lock.result();
         while (CM_SUCCEEDED(rv) && m_nState.load(std::memory_order_acquire) <= CALL_RUNS) {
-            rv = CCmConditionSteps::WaitUntil(m_pWait->m_Ended, llDeadline);
+            rv = CCmConditionSteps::WaitUntil(m_pWait->m_Decided, llDeadline);
         }
     }
     switch (m_nState.load(std::memory_order_acquire)) {

@@ -35,7 +35,7 @@ uint64_t ReadableBytes(const CCmMessageBlock* aMb) {
     return ullSum;
 }
 
-// Walks only as far as it takes to know.
+// Walks no further than it takes to know.
 bool HasReadableBytes(const CCmMessageBlock* aMb, uint64_t aCount) {
     for (uint64_t ullSum = 0; aMb != nullptr; aMb = aMb->GetNext()) {
         ullSum += aMb->GetTopLevelLength();
@@ -51,8 +51,8 @@ DWORD LowBits(const char* aPtr) {
     return static_cast<DWORD>(reinterpret_cast<uintptr_t>(aPtr));
 }
 
-// The pointer that lies to aNewBegin as aPtr lies to aBegin. A write pointer that a rewind took
-// from another area stays out of reach thereby.
+// The pointer as far from aNewBegin as aPtr is from aBegin. By numbers, not as a difference of
+// pointers: a rewind may have set a write pointer outside the area, and then it stays outside.
 char* AtSameDistance(char* aNewBegin, const char* aBegin, const char* aPtr) {
     return reinterpret_cast<char*>(reinterpret_cast<uintptr_t>(aNewBegin) +
                                    reinterpret_cast<uintptr_t>(aPtr) -
@@ -348,7 +348,7 @@ void CCmMessageBlock::Append(CCmMessageBlock* aMb) {
     while (pMbMove->m_pNext != nullptr) {
         pMbMove = pMbMove->m_pNext;
     }
-    // Chains that share a block end in the same one.
+    // If the chains had a block in common, their last blocks would be the same.
     for (const CCmMessageBlock* pMb = aMb; pMb != nullptr; pMb = pMb->m_pNext) {
         CM_ASSERTE_RETURN_(pMb != pMbMove, "aMb != pMbMove", , __FILE__, 311);
     }
@@ -439,7 +439,7 @@ CCmMessageBlock* CCmMessageBlock::Disjoint(unsigned int aStart) {
     if (pCut == nullptr) {
         return nullptr;
     }
-    // What can fail comes first, then the chain is changed.
+    // What can fail is done before the chain is changed.
     const unsigned int dwMoved = pCut->GetTopLevelLength() - dwKeep;
     CCmMessageBlock* pInside = dwMoved != 0 ? pCut->DuplicateTopLevel() : nullptr;
     CCmMessageBlock copies;
@@ -480,7 +480,7 @@ CCmString CCmMessageBlock::FlattenChained(const CCmMessageBlock* aMb) {
     try {
         strData.reserve(ReadableBytes(aMb) + 1);
     } catch (const std::exception&) {
-        return strData;  // every return names strData, so the compiler spares the copy
+        return strData;  // the same variable in every return: the compiler makes no copy
     }
     for (; aMb != nullptr; aMb = aMb->m_pNext) {
         const char* pRead = aMb->GetTopLevelReadPtr();

@@ -86,9 +86,10 @@ void FormatModuleKey(char (&aKey)[KEY_SIZE], const char* aProcess, const char* a
     std::snprintf(aKey, sizeof(aKey), "%s.%s.%s", aProcess, aModule, aLevelName);
 }
 
-// Numbers the readings of the configuration.
+// Numbers the readings of the configuration in the order in which they begin.
 std::atomic<uint32_t> s_dwReadings{0};
 
+// Holds also when the numbers have wrapped.
 bool IsEarlier(uint32_t aReading, uint32_t aOther) {
     return static_cast<int32_t>(aReading - aOther) < 0;
 }
@@ -172,8 +173,8 @@ void ReadSettings(CSettings& aSettings, const char* aProcess,
     ReadModules(aSettings, aProcess, aLevelTable, aLevelCount);
 }
 
-// To every trace file, which keeps those of a later reading. One mutex for both facilities, whose
-// readings go to the same files.
+// Hands the settings to every trace file, unless those of a later reading are there already. One
+// mutex for both facilities, whose readings go to the same files.
 void RefreshFiles(const CSettings& aSettings, uint32_t aReading) {
     static uint32_t s_dwReading = 0;
     CCmScopedLockT<CCmMutexThread> lock(s_fileSettingsMutex.m_Lock);
@@ -275,7 +276,8 @@ unsigned char CCmT120Trace::load(void* aFile) {
 void CCmT120Trace::CState::Load(CCmT120Trace& aFacility, void* aFile, CCmString* aLogPath) {
     CCmTraceGuard guard;
     std::atomic<void*>& hFile = aFacility.m_hTraceFiles[0];
-    // Acquires what the thread that loaded has set, for those that this one gives the facility to.
+    // Another thread may have loaded the facility. Acquire: whoever gets the facility from this
+    // thread finds all that was set there.
     if (aFile == nullptr && hFile.load(std::memory_order_acquire) != nullptr) {
         return;
     }
@@ -285,16 +287,16 @@ void CCmT120Trace::CState::Load(CCmT120Trace& aFacility, void* aFile, CCmString*
         ConfiguredSizeLimit(pszFileName != nullptr ? pszFileName : get_process_name());
     void* hNew = OpenFile(aFacility, aFile, ulSizeLimit, aLogPath);
     aFacility.read_config();
-    // Last: without a record every text is dropped, so none passes before the switches are known.
-    // The release pairs with the acquire above. A thread that loaded meanwhile has come first: the
-    // record is the same.
+    // Stored last: without a record every text is dropped, so none passes before the switches are
+    // read. The release pairs with the acquire above. If another thread has stored one meanwhile,
+    // it is the same record, as the name of the file is the same.
     void* hNone = nullptr;
     hFile.compare_exchange_strong(hNone, hNew, std::memory_order_release,
                                   std::memory_order_relaxed);
 }
 
-// Closes aFile (see load) and opens a record. One that replaces the facility's own takes its place
-// at once; the first one, which the caller is to store, is returned.
+// Closes aFile (see load) and opens a record, which is returned. If aFile was the facility's own
+// record, the new one takes its place at once; a first one is stored by the caller.
 void* CCmT120Trace::CState::OpenFile(CCmT120Trace& aFacility, void* aFile, unsigned long aSizeLimit,
                                      CCmString* aLogPath) {
     CCmScopedLockT<CCmMutexThreadRecursive> lock(aFacility.m_Mutex);
@@ -337,7 +339,7 @@ bool CCmT120Trace::CState::BuildFilePath(const CCmT120Trace& aFacility, char* aP
     return *aPath != '\0';
 }
 
-// The configuration is read before the lock is taken: one may have to wait for it.
+// The configuration is read before the lock is taken, since its file may keep the reader waiting.
 void CCmT120Trace::read_config() {
     CCmTraceGuard guard;
     const uint32_t dwReading = s_dwReadings.fetch_add(1, std::memory_order_relaxed) + 1;
@@ -345,8 +347,8 @@ void CCmT120Trace::read_config() {
     ReadSettings(settings, get_process_name(), m_pLevelTable, m_ulLevelCount);
     {
         CCmScopedLockT<CCmMutexThreadRecursive> lock(m_Mutex);
-        // Threads that read at once come here in any order. The switches are those of the reading
-        // that began last, since only that has surely seen the file as it is now.
+        // Threads that read at the same time come here in any order. The reading that began last
+        // counts: only that one is sure to have seen the file as it is now.
         uint32_t& dwInForce = CCmPrivateRoom::Of(m_Private).m_dwReading;
         if (IsEarlier(dwReading, dwInForce)) {
             return;
@@ -398,12 +400,13 @@ constexpr CCmT120Trace::CState::CFunctionFields CCmT120Trace::CState::s_function
 
 CCmT120Trace::LevelFunction CCmT120Trace::CState::PassingFunction(const CCmT120Trace& aFacility,
                                                                   unsigned long aLevel) {
+    // Relaxed: the record is only compared with null, and each switch stands for itself.
     if (aFacility.m_hTraceFiles[0].load(std::memory_order_relaxed) == nullptr ||
         aFacility.m_bEnabled.load(std::memory_order_relaxed) != 1 ||
         !IsLevelOn(aFacility, aLevel)) {
         return nullptr;
     }
-    // The number that the table of a host gives the level may be any.
+    // A host's own table may give the level any number.
     const unsigned long ulLevel = aFacility.m_pLevelTable[aLevel].m_ulLevel;
     const FunctionField pField =
         ulLevel < CM_TRACE_LEVEL_COUNT ? s_functionFields.m_Fields[ulLevel] : nullptr;

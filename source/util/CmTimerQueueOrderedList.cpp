@@ -18,8 +18,8 @@ class CM_UTIL_HIDDEN CCmTimerQueueOrderedList::CState {
 
 namespace {
 
-// Before the first node that is not due before aExpired: among equals the newest fires first.
-// Looked for from both ends at once, so that a place near either is found in few steps.
+// The place of a new node: before the first one that is not due earlier, so that among equals the
+// newest fires first. Searched from both ends at once: a place near either takes few steps.
 template <class ListType>
 typename ListType::iterator FindPlace(ListType& aNodes, const CCmTimeValue& aExpired) {
     auto itFront = aNodes.begin();
@@ -53,7 +53,7 @@ CCmTimerQueueOrderedList::~CCmTimerQueueOrderedList() {
 int CCmTimerQueueOrderedList::PushNode_l(const CNode& aNode) {
     CState& state = CCmPrivateRoom::Of(m_Private);
     if (const auto* pPlace = state.m_Index.Find(aNode.m_pEh)) {
-        // The list node that was kept last is the one that is used next: the index still holds.
+        // Insert uses the list node that Keep took last, so the index still points to it.
         state.m_Spares.Keep(m_Nodes, *pPlace);
         state.m_Spares.Insert(m_Nodes, FindPlace(m_Nodes, aNode.m_tvExpired), aNode);
         return 1;
@@ -74,7 +74,7 @@ int CCmTimerQueueOrderedList::EraseNode_l(ICmTimerHandler* aEh) {
 
 int CCmTimerQueueOrderedList::RePushNode_l(const CNode& aNode) {
     CState& state = CCmPrivateRoom::Of(m_Private);
-    // All memory first; after a pop there is some of both.
+    // All memory is taken before anything changes; after a pop none is needed.
     state.m_Index.Reserve();
     state.m_Spares.Reserve();
     const auto itPlace = FindPlace(m_Nodes, aNode.m_tvExpired);
