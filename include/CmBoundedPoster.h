@@ -74,7 +74,7 @@ class CM_UTIL_EXPORT CCmBoundedPoster {
 
   private:
     // What the events share with the poster.
-    struct CM_UTIL_HIDDEN CState;
+    struct CM_UTIL_HIDDEN CPosterState;
     // Gives its room back when it ends.
     class CM_UTIL_EXPORT CBoundedEvent : public ICmEvent {
       public:
@@ -82,7 +82,7 @@ class CM_UTIL_EXPORT CCmBoundedPoster {
 
       private:
         friend class CCmBoundedPoster;
-        CState* m_pState = nullptr;
+        CPosterState* m_pState = nullptr;
     };
     template <class Function>
     class CEventT final : public CBoundedEvent {
@@ -110,7 +110,7 @@ class CM_UTIL_EXPORT CCmBoundedPoster {
     CmResult PostEvent(CBoundedEvent* aEvent);
 
     ICmEventQueue& m_Queue;
-    CState* m_pState;
+    CPosterState* m_pState;
 };
 
 }  // namespace UTIL_NS

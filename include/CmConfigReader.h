@@ -107,8 +107,8 @@ class CM_UTIL_EXPORT CCmConfigReader {
     CmResult ListUnasked(std::string_view aSection, std::vector<CCmString>& aSentences) const;
 
   private:
-    struct CState;
-    CCmPrivateRoomT<CState, 512> m_Private;
+    struct CReaderState;
+    CCmPrivateRoomT<CReaderState, 512> m_Private;
 };
 
 template <class Integer>

@@ -205,14 +205,14 @@ class CM_UTIL_EXPORT ACmCallEvent : public ICmEvent {
     virtual void Drop() = 0;
 
   private:
-    struct CWait;
+    struct CCallWait;
 
     CM_UTIL_HIDDEN CmResult CallWithin_i(ICmEventQueue& aQueue, const CCmTimeValue& aLimit);
     CM_UTIL_HIDDEN void WakeCaller_i();
     CM_UTIL_HIDDEN void Abandon_i();
     CM_UTIL_HIDDEN void Release_i();
 
-    CWait* m_pWait;  // owned; of a call with a limit
+    CCallWait* m_pWait;  // owned; of a call with a limit
     std::atomic<int> m_nState;
     std::atomic<int> m_nHolders;
 };

@@ -149,9 +149,9 @@ class CM_UTIL_EXPORT CCmEventQueueBase : public ICmEventQueue {
   private:
     friend class CCmEventSynchronous;
     friend class CCmEventQueueSteps;  // internal
-    class CM_UTIL_HIDDEN CState;
+    class CM_UTIL_HIDDEN CQueueState;
 
-    CCmPrivateRoomT<CState, 144> m_Private;
+    CCmPrivateRoomT<CQueueState, 144> m_Private;
 };
 
 /// The wrapper that carries a synchronous send.
@@ -178,14 +178,14 @@ class CM_UTIL_EXPORT CCmEventSynchronous : public ICmEvent {
 
   private:
     friend class CCmEventQueueBase;
-    class CM_UTIL_HIDDEN CState;
+    class CM_UTIL_HIDDEN CSendState;
 
     std::atomic<ICmEvent*> m_pEvent;    // null once it has been ended
     CmResult m_Result;                  // CM_ERROR_NOT_AVAILABLE until it has fired
     CCmEventQueueBase* m_pEventQueue;   // not owned
     std::atomic<bool> m_bHasDestoryed;  // one of the two has let go
     CCmEventThread m_SendEvent;         // the sender waits for it
-    CCmPrivateRoomT<CState, 80> m_Private;
+    CCmPrivateRoomT<CSendState, 80> m_Private;
 };
 
 /// The queue of a consumer that polls.
@@ -247,11 +247,11 @@ class CM_UTIL_EXPORT CCmEventQueueUsingConditionVariable : public CCmEventQueueB
 
   private:
     friend class CCmEventQueueSteps;  // internal
-    class CM_UTIL_HIDDEN CState;
+    class CM_UTIL_HIDDEN CConditionQueueState;
 
     CCmMutexThread m_Mutex;
     CCmConditionVariableThread m_Condition;
-    CCmPrivateRoomT<CState, 160> m_Private;
+    CCmPrivateRoomT<CConditionQueueState, 160> m_Private;
 };
 
 }  // namespace UTIL_NS

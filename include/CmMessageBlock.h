@@ -201,7 +201,7 @@ class CM_UTIL_EXPORT CCmMessageBlock {
     char* GetTopLevelWritePtr() const;
 
   private:
-    class CM_UTIL_HIDDEN CSteps;  // internal
+    class CM_UTIL_HIDDEN CBlockSteps;  // internal
 
     // A duplicate that shares the data block.
     CM_UTIL_HIDDEN CCmMessageBlock(const CCmMessageBlock& aShared, unsigned long aFlag);

@@ -47,8 +47,8 @@ class CM_UTIL_EXPORT ACmResolution : public ICmEvent {
 
   private:
     friend class CCmResolver;
-    struct CState;
-    CCmPrivateRoomT<CState, 192> m_Private;
+    struct CResolutionState;
+    CCmPrivateRoomT<CResolutionState, 192> m_Private;
 };
 
 /// Asks the system's resolver, which alone knows /etc/hosts, its servers and its caches. That one
@@ -90,8 +90,8 @@ class CM_UTIL_EXPORT CCmResolver {
     CmResult Cancel(uint64_t aId);
 
   private:
-    struct CState;
-    CCmPrivateRoomT<CState, 256> m_Private;
+    struct CResolverState;
+    CCmPrivateRoomT<CResolverState, 256> m_Private;
 };
 
 }  // namespace UTIL_NS

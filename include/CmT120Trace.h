@@ -239,7 +239,7 @@ class CM_UTIL_EXPORT CCmT120Trace {
     static const char* get_process_name();
 
   private:
-    class CState;
+    class CTraceState;
     friend class CCmT120Trace2;
 
     CM_UTIL_HIDDEN static std::atomic<CCmT120Trace*> t120_trace;
@@ -262,7 +262,7 @@ class CM_UTIL_EXPORT CCmT120Trace {
     std::atomic<LevelFunction> m_pfnInfo;
     std::atomic<LevelFunction> m_pfnWarn;
     std::atomic<LevelFunction> m_pfnError;
-    CCmPrivateRoomT<CState, 128> m_Private;
+    CCmPrivateRoomT<CTraceState, 128> m_Private;
 };
 
 /// Makes the trace facility read its settings anew.

@@ -81,7 +81,7 @@ class CM_UTIL_EXPORT CCmT120TraceFile {
 
   private:
     friend class CCmT120TraceFileMgr;
-    struct CState;
+    struct CRecordState;
 
     std::atomic<CCmT120TraceFile*> m_pNext;  // in the manager's list
     unsigned char m_bWrapped;  // 1 once a flush found the file at its size limit; read by nobody
@@ -97,7 +97,7 @@ class CM_UTIL_EXPORT CCmT120TraceFile {
     int m_nBufferedLines;
     int m_nValidity;    // 20050704 while the record lives
     int m_nDescriptor;  // 0 until attach
-    CCmPrivateRoomT<CState, 192> m_Private;
+    CCmPrivateRoomT<CRecordState, 192> m_Private;
 };
 
 /// The records of the process, by file name.
@@ -132,7 +132,7 @@ class CM_UTIL_EXPORT CCmT120TraceFileMgr {
     static void init_reg_filter();
 
   private:
-    struct CState;
+    struct CManagerState;
 
     std::atomic<CCmT120TraceFile*> m_pHeader{nullptr};  // newest first
     uint32_t m_dwCount = 0;  // of all records ever created; read by nobody
@@ -141,7 +141,7 @@ class CM_UTIL_EXPORT CCmT120TraceFileMgr {
     union {
         CCmMutexThreadRecursive m_Mutex{CCmStaticInit()};
     };
-    CCmPrivateRoomT<CState, 80> m_Private{};
+    CCmPrivateRoomT<CManagerState, 80> m_Private{};
 };
 
 /// The one manager of the process.

@@ -34,10 +34,10 @@ class CM_UTIL_EXPORT CCmTimerQueueOrderedList : public CCmTimerQueueBase {
     int GetEarliestTime_l(CCmTimeValue& aTime) const override;
 
   private:
-    class CState;  // internal
+    class COrderedListState;  // internal
 
     std::list<CNode> m_Nodes;  // ascending m_tvExpired, handlers unique
-    CCmPrivateRoomT<CState, 240> m_Private;
+    CCmPrivateRoomT<COrderedListState, 240> m_Private;
 };
 
 }  // namespace UTIL_NS

@@ -14,10 +14,10 @@
 
 namespace UTIL_NS {
 
-struct CCmBoundedPoster::CState final : CCmReferenceControlT<CCmMutexThread> {
-    CState(DWORD aMaxCount, DWORD aLowWater, ICmEvent* aOnLowWater)
+struct CCmBoundedPoster::CPosterState final : CCmReferenceControlT<CCmMutexThread> {
+    CPosterState(DWORD aMaxCount, DWORD aLowWater, ICmEvent* aOnLowWater)
         : m_dwMaxCount(aMaxCount), m_dwLowWater(aLowWater), m_pOnLowWater(aOnLowWater) {}
-    ~CState() override {
+    ~CPosterState() override {
         if (m_pOnLowWater != nullptr) {
             m_pOnLowWater->OnDestorySelf();
         }
@@ -71,7 +71,7 @@ struct CCmBoundedPoster::CState final : CCmReferenceControlT<CCmMutexThread> {
   private:
     // One that waits, on its own stack, in a list with the longest first.
     struct CWaiter {
-        explicit CWaiter(CState& aState) CM_REQUIRES(aState.m_Mutex) : m_State(aState) {
+        explicit CWaiter(CPosterState& aState) CM_REQUIRES(aState.m_Mutex) : m_State(aState) {
             *m_State.m_ppTail = this;
             m_State.m_ppTail = &m_pNext;
         }
@@ -79,7 +79,7 @@ struct CCmBoundedPoster::CState final : CCmReferenceControlT<CCmMutexThread> {
         CWaiter(const CWaiter&) = delete;
         CWaiter& operator=(const CWaiter&) = delete;
 
-        CState& m_State;
+        CPosterState& m_State;
         CWaiter* m_pNext = nullptr;
         bool m_bHasRoom = false;
         bool m_bLinked = true;
@@ -126,7 +126,7 @@ struct CCmBoundedPoster::CState final : CCmReferenceControlT<CCmMutexThread> {
 
 CCmBoundedPoster::CCmBoundedPoster(ICmEventQueue& aQueue, DWORD aMaxCount)
     : m_Queue(aQueue),
-      m_pState(new (std::nothrow) CState(std::max<DWORD>(aMaxCount, 1), 0, nullptr)) {
+      m_pState(new (std::nothrow) CPosterState(std::max<DWORD>(aMaxCount, 1), 0, nullptr)) {
     if (m_pState != nullptr) {
         m_pState->AddReference();
     }
@@ -139,8 +139,8 @@ CCmBoundedPoster::CCmBoundedPoster(ICmEventQueue& aQueue, DWORD aMaxCount, DWORD
         return;
     }
     const DWORD dwMaxCount = std::max<DWORD>(aMaxCount, 1);
-    m_pState =
-        new (std::nothrow) CState(dwMaxCount, std::min(aLowWater, dwMaxCount - 1), aOnLowWater);
+    m_pState = new (std::nothrow)
+        CPosterState(dwMaxCount, std::min(aLowWater, dwMaxCount - 1), aOnLowWater);
     if (m_pState == nullptr) {
         aOnLowWater->OnDestorySelf();
         return;
@@ -184,7 +184,7 @@ CmResult CCmBoundedPoster::PostEvent(CBoundedEvent* aEvent) {
 }
 
 void CCmBoundedPoster::CBoundedEvent::OnDestorySelf() {
-    const CCmComAutoPtr<CState> pState(m_pState);
+    const CCmComAutoPtr<CPosterState> pState(m_pState);
     m_pState->ReleaseReference();
     delete this;
     pState->GiveRoom();

@@ -87,7 +87,7 @@ const CCmTimeValue CCmEventQueueBase::s_tvReportInterval(0, 50000);
 
 // Counts the senders that touch the queue: those that are posting, and those whose event has run
 // and who have yet to post its wrapper back. Those that wait do not touch it.
-class CCmEventQueueBase::CState {
+class CCmEventQueueBase::CQueueState {
   public:
     void CountSenderIn() { m_lBusySenders.fetch_add(1, std::memory_order_relaxed); }
     // Release: whoever finds no busy sender left comes after all that this one did.
@@ -366,11 +366,11 @@ void CCmEventQueueBase::WaitForSenders() {
 // Acquire and release again: the second comes after all that the first did with it.
 //
 // m_pEvent: whoever exchanges it with null ends the event.
-class CCmEventSynchronous::CState {
+class CCmEventSynchronous::CSendState {
   public:
-    explicit CState(CCmEventSynchronous& aWrapper) : m_Wrapper(aWrapper) {}
-    CState(const CState&) = delete;
-    CState& operator=(const CState&) = delete;
+    explicit CSendState(CCmEventSynchronous& aWrapper) : m_Wrapper(aWrapper) {}
+    CSendState(const CSendState&) = delete;
+    CSendState& operator=(const CSendState&) = delete;
 
     // For the sender of a wrapper that has a queue; the caller must not touch it afterwards.
     CmResult Send();
@@ -434,13 +434,13 @@ class CCmEventSynchronous::CState {
             QueueState().CountSenderOut();
         }
     }
-    CCmEventQueueBase::CState& QueueState() {
+    CCmEventQueueBase::CQueueState& QueueState() {
         return CCmPrivateRoom::Of(m_Wrapper.m_pEventQueue->m_Private);
     }
 
     CCmEventSynchronous& m_Wrapper;
     std::atomic<int> m_nOutcome{OUTCOME_NONE};
-    bool m_bHoldsQueue = false;      // set by Send, before it posts
+    bool m_bHoldsQueue = false;  // set by Send, before it posts
     // On another thread than the one that made the wrapper; written before FIRED, read after it.
     bool m_bFiredElsewhere = false;
 };
@@ -463,9 +463,9 @@ CmResult CCmEventQueueBase::SendEvent(ICmEvent* aEvent) {
     return CCmPrivateRoom::Of(pSynchronous->m_Private).Send();
 }
 
-CmResult CCmEventSynchronous::CState::Send() {
+CmResult CCmEventSynchronous::CSendState::Send() {
     CCmEventQueueBase& queue = *m_Wrapper.m_pEventQueue;
-    CCmEventQueueBase::CState& queueState = QueueState();
+    CCmEventQueueBase::CQueueState& queueState = QueueState();
     m_bHoldsQueue = true;
     queueState.CountSenderIn();
     CCmCleanUpT giveUp([this, &queueState] {
@@ -482,7 +482,7 @@ CmResult CCmEventSynchronous::CState::Send() {
     return Wait();
 }
 
-CmResult CCmEventSynchronous::CState::Wait() {
+CmResult CCmEventSynchronous::CSendState::Wait() {
     CCmCleanUpT abandon([this] { Abandon(); });
     while (m_nOutcome.load(std::memory_order_acquire) == OUTCOME_NONE) {
         const CmResult rvWait = m_Wrapper.m_SendEvent.Wait(nullptr);
@@ -502,7 +502,7 @@ CmResult CCmEventSynchronous::CState::Wait() {
         return rv;
     }
     // The wrapper may be gone as soon as it is posted; the hold that the firing took outlives it.
-    CCmEventQueueBase::CState* const pHeld = m_bHoldsQueue ? &QueueState() : nullptr;
+    CCmEventQueueBase::CQueueState* const pHeld = m_bHoldsQueue ? &QueueState() : nullptr;
     CCmCleanUpT releaseQueue([pHeld] {
         if (pHeld != nullptr) {
             pHeld->CountSenderOut();
@@ -522,7 +522,7 @@ CCmEventSynchronous::CCmEventSynchronous(ICmEvent* aEvent, CCmEventQueueBase* aQ
 }
 
 CCmEventSynchronous::~CCmEventSynchronous() {
-    CState& state = CCmPrivateRoom::Of(m_Private);
+    CSendState& state = CCmPrivateRoom::Of(m_Private);
     if (m_pEvent.load(std::memory_order_relaxed) != nullptr) {
         CCmDisableCancel disableCancel;
         state.EndEvent();
@@ -534,7 +534,7 @@ CCmEventSynchronous::~CCmEventSynchronous() {
 }
 
 CmResult CCmEventSynchronous::OnEventFire() {
-    CState& state = CCmPrivateRoom::Of(m_Private);
+    CSendState& state = CCmPrivateRoom::Of(m_Private);
     if (state.IsOnItsWayBack()) {
         return CM_OK;
     }
@@ -546,7 +546,7 @@ CmResult CCmEventSynchronous::OnEventFire() {
 }
 
 void CCmEventSynchronous::OnDestorySelf() {
-    CState& state = CCmPrivateRoom::Of(m_Private);
+    CSendState& state = CCmPrivateRoom::Of(m_Private);
     CCmCleanUpT letGo([&state] {
         state.DiscardUnlessFired();
         state.LetGo();
@@ -608,11 +608,11 @@ void CCmEventQueueUsingMutex::ProcessTakenEvents(std::list<ICmEvent*>& aEvents) 
 }
 
 // How the consumer waits and posts wake it, and the list nodes that its passes leave for posts.
-class CCmEventQueueUsingConditionVariable::CState {
+class CCmEventQueueUsingConditionVariable::CConditionQueueState {
   public:
-    explicit CState(CCmEventQueueUsingConditionVariable& aQueue) : m_Queue(aQueue) {}
-    CState(const CState&) = delete;
-    CState& operator=(const CState&) = delete;
+    explicit CConditionQueueState(CCmEventQueueUsingConditionVariable& aQueue) : m_Queue(aQueue) {}
+    CConditionQueueState(const CConditionQueueState&) = delete;
+    CConditionQueueState& operator=(const CConditionQueueState&) = delete;
 
     CmResult Post(ICmEvent* aEvent) {
         CCmEventQueueSteps::CPosting posting(m_Queue, aEvent);

@@ -138,8 +138,8 @@ bool ReadFully(int aDescriptor, char* aBuffer, size_t aLength) {
 // lines are composed and written, and never while a thread waits for another process: who writes
 // to a shared file takes the file's turn (CmFileTurn.h) and the lock of the file first, and m_Mutex
 // after that.
-struct CM_UTIL_HIDDEN CCmT120TraceFile::CState {
-    explicit CState(CCmT120TraceFile& aFile) : m_File(aFile) {}
+struct CM_UTIL_HIDDEN CCmT120TraceFile::CRecordState {
+    explicit CRecordState(CCmT120TraceFile& aFile) : m_File(aFile) {}
 
     void End();
 
@@ -193,7 +193,7 @@ CCmT120TraceFile::~CCmT120TraceFile() {
 
 CmResult CCmT120TraceFile::attach(const char* aPath) {
     CCmTraceGuard guard;
-    CState& state = CCmPrivateRoom::Of(m_Private);
+    CRecordState& state = CCmPrivateRoom::Of(m_Private);
     CCmScopedLockT<CCmMutexThread> lock(state.m_Mutex);
     if (m_pStream != nullptr) {
         return CM_ERROR_ALREADY_INITIALIZED;
@@ -211,7 +211,7 @@ CmResult CCmT120TraceFile::attach(const char* aPath) {
 
 void CCmT120TraceFile::write(const char* aTag, const char* aModule, const char* aText) {
     CCmTraceGuard guard;
-    CState& state = CCmPrivateRoom::Of(m_Private);
+    CRecordState& state = CCmPrivateRoom::Of(m_Private);
     if (m_bShared) {
         if (state.HasLineBuffer()) {
             write_shared(aTag, aModule, aText);
@@ -232,7 +232,7 @@ void CCmT120TraceFile::write(const char* aTag, const char* aModule, const char* 
 
 void CCmT120TraceFile::write_shared(const char* aTag, const char* aModule, const char* aText) {
     CCmTraceGuard guard;
-    CState& state = CCmPrivateRoom::Of(m_Private);
+    CRecordState& state = CCmPrivateRoom::Of(m_Private);
     FILE* const pStream = state.Stream();
     if (aText == nullptr || pStream == nullptr) {
         return;
@@ -253,7 +253,7 @@ void CCmT120TraceFile::write_shared(const char* aTag, const char* aModule, const
 
 void CCmT120TraceFile::flush_buffer() {
     CCmTraceGuard guard;
-    CState& state = CCmPrivateRoom::Of(m_Private);
+    CRecordState& state = CCmPrivateRoom::Of(m_Private);
     CCmScopedLockT<CCmMutexThread> lock(state.m_Mutex);
     state.Flush_l();
 }
@@ -261,7 +261,7 @@ void CCmT120TraceFile::flush_buffer() {
 // A new flush count needs a line buffer of another size; the old one has been flushed by then.
 unsigned char CCmT120TraceFile::refresh_settings(unsigned long aSizeLimit, int aFlushCount) {
     CCmTraceGuard guard;
-    CState& state = CCmPrivateRoom::Of(m_Private);
+    CRecordState& state = CCmPrivateRoom::Of(m_Private);
     CCmScopedLockT<CCmMutexThread> lock(state.m_Mutex);
     state.Flush_l();
     m_ulSizeLimit = aSizeLimit;
@@ -283,7 +283,7 @@ unsigned char CCmT120TraceFile::is_same_file(const char* aName) const {
 
 // Flushes, and closes the attached file. From then on the record drops every line and attaches no
 // file.
-void CCmT120TraceFile::CState::End() {
+void CCmT120TraceFile::CRecordState::End() {
     FILE* pStream;
     {
         CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
@@ -299,8 +299,8 @@ void CCmT120TraceFile::CState::End() {
     }
 }
 
-void CCmT120TraceFile::CState::CollectLine_l(const char* aTag, const char* aModule,
-                                             const char* aText) {
+void CCmT120TraceFile::CRecordState::CollectLine_l(const char* aTag, const char* aModule,
+                                                   const char* aText) {
     const size_t nRoom =
         static_cast<size_t>(m_File.m_nFlushCount) * LINE_SIZE - m_File.m_ulBufferedBytes;
     char* pchLine = m_File.m_pchLines + m_File.m_ulBufferedBytes;
@@ -321,7 +321,7 @@ void CCmT120TraceFile::CState::CollectLine_l(const char* aTag, const char* aModu
 }
 
 // Lines that cannot be written are lost, rather than filling the buffer for good.
-void CCmT120TraceFile::CState::Flush_l() {
+void CCmT120TraceFile::CRecordState::Flush_l() {
     if (m_File.m_pStream == nullptr || m_File.m_ulBufferedBytes == 0) {
         return;
     }
@@ -337,24 +337,24 @@ void CCmT120TraceFile::CState::Flush_l() {
     ForgetLines_l();
 }
 
-void CCmT120TraceFile::CState::ForgetLines_l() {
+void CCmT120TraceFile::CRecordState::ForgetLines_l() {
     m_File.m_ulBufferedBytes = 0;
     m_File.m_nBufferedLines = 0;
 }
 
-FILE* CCmT120TraceFile::CState::Stream() {
+FILE* CCmT120TraceFile::CRecordState::Stream() {
     CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
     return m_File.m_pStream;
 }
 
-bool CCmT120TraceFile::CState::HasLineBuffer() {
+bool CCmT120TraceFile::CRecordState::HasLineBuffer() {
     CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
     return m_File.m_pchLines != nullptr;
 }
 
 // With the file's lock. The record may have ended while that was waited for.
-void CCmT120TraceFile::CState::WriteShared_l(const char* aTag, const char* aModule,
-                                             const char* aText) {
+void CCmT120TraceFile::CRecordState::WriteShared_l(const char* aTag, const char* aModule,
+                                                   const char* aText) {
     long lPosition = 0;
     if (m_File.m_pStream == nullptr || !ReadPosition_l(lPosition)) {
         return;
@@ -367,8 +367,8 @@ void CCmT120TraceFile::CState::WriteShared_l(const char* aTag, const char* aModu
 }
 
 // A line of any length; one that needs more memory than there is goes out cut.
-void CCmT120TraceFile::CState::WriteLine_l(long aPosition, const char* aTag, const char* aModule,
-                                           const char* aText) {
+void CCmT120TraceFile::CRecordState::WriteLine_l(long aPosition, const char* aTag,
+                                                 const char* aModule, const char* aText) {
     if (regex_match(aModule) == 0) {
         WriteAt_l(aPosition, "", 0);
         return;
@@ -401,7 +401,7 @@ void CCmT120TraceFile::CState::WriteLine_l(long aPosition, const char* aTag, con
 // The system takes a process for one owner: it refuses a lock when another process holds it that in
 // turn waits for a lock of some other thread here. No thread of ours waits for a second lock, so
 // that is no deadlock but a matter of time.
-void CCmT120TraceFile::CState::RequestFileLock(struct flock& aRequest) const {
+void CCmT120TraceFile::CRecordState::RequestFileLock(struct flock& aRequest) const {
     while (g_cmSystem.fcntl(m_File.m_nDescriptor, F_SETLKW, &aRequest) < 0) {
         if (errno == EDEADLK) {
             g_cmSystem.nanosleep(&DEADLOCK_NAP, nullptr);
@@ -416,7 +416,7 @@ void CCmT120TraceFile::CState::RequestFileLock(struct flock& aRequest) const {
 //
 // Files are read and written by their descriptor, not through the stream, whose buffer would hide
 // what another process has changed. The stream owns the descriptor, no more.
-bool CCmT120TraceFile::CState::ReadPosition_l(long& aPosition) const {
+bool CCmT120TraceFile::CRecordState::ReadPosition_l(long& aPosition) const {
     char szHeader[HEADER_LENGTH + 1] = {};
     if (!ReadFully(m_File.m_nDescriptor, szHeader, HEADER_LENGTH)) {
         return false;
@@ -425,12 +425,12 @@ bool CCmT120TraceFile::CState::ReadPosition_l(long& aPosition) const {
     return aPosition >= 0 && aPosition <= POSITION_MAX;
 }
 
-bool CCmT120TraceFile::CState::IsAtLimit_l(long aPosition) const {
+bool CCmT120TraceFile::CRecordState::IsAtLimit_l(long aPosition) const {
     return m_File.m_ulSizeLimit != 0 &&
            static_cast<unsigned long>(aPosition) >= m_File.m_ulSizeLimit;
 }
 
-void CCmT120TraceFile::CState::Truncate_l(long aPosition) {
+void CCmT120TraceFile::CRecordState::Truncate_l(long aPosition) {
     if (!IsWithinFileSizeLimit(aPosition)) {
         return;
     }
@@ -440,7 +440,7 @@ void CCmT120TraceFile::CState::Truncate_l(long aPosition) {
 
 // The header is written last. Should anything before it fail, it still has the old position: what
 // was written after that does not count, and the next line goes over it.
-void CCmT120TraceFile::CState::WriteAt_l(long aPosition, const char* aText, size_t aLength) {
+void CCmT120TraceFile::CRecordState::WriteAt_l(long aPosition, const char* aText, size_t aLength) {
     const long lEnd = aPosition + static_cast<long>(aLength);
     if (!IsWithinFileSizeLimit(lEnd + static_cast<long>(MARKER_LENGTH)) ||
         !WriteFully(m_File.m_nDescriptor, aText, aLength, aPosition) ||
@@ -454,7 +454,7 @@ void CCmT120TraceFile::CState::WriteAt_l(long aPosition, const char* aText, size
 
 // What a manager keeps beside its stated fields, and its steps. Nothing constructs it, since
 // g_trace_mgr is in use before any constructor runs: zeroes are a manager that lives.
-struct CM_UTIL_HIDDEN CCmT120TraceFileMgr::CState {
+struct CM_UTIL_HIDDEN CCmT120TraceFileMgr::CManagerState {
     static bool HasEnded(const CCmT120TraceFileMgr& aManager);
     static void EndRecords(CCmT120TraceFileMgr& aManager);
     static void DeleteRecords(CCmT120TraceFileMgr& aManager);
@@ -463,9 +463,9 @@ struct CM_UTIL_HIDDEN CCmT120TraceFileMgr::CState {
     std::atomic<bool> m_bEnded;
 };
 
-bool CCmT120TraceFileMgr::CState::HasEnded(const CCmT120TraceFileMgr& aManager) {
-    static_assert(std::is_trivially_default_constructible_v<CState>);
-    static_assert(2 * sizeof(CState) <= sizeof(aManager.m_Private));
+bool CCmT120TraceFileMgr::CManagerState::HasEnded(const CCmT120TraceFileMgr& aManager) {
+    static_assert(std::is_trivially_default_constructible_v<CManagerState>);
+    static_assert(2 * sizeof(CManagerState) <= sizeof(aManager.m_Private));
     return CCmPrivateRoom::Of(aManager.m_Private).m_bEnded.load(std::memory_order_relaxed);
 }
 
@@ -477,15 +477,15 @@ CCmT120TraceFileMgr::~CCmT120TraceFileMgr() {
     // Lines that come while the program ends must not take a mutex that is gone.
     CCmPrivateRoom::Of(m_Private).m_bEnded.store(true, std::memory_order_relaxed);
     if (this == &g_trace_mgr) {
-        CState::EndRecords(*this);
+        CManagerState::EndRecords(*this);
     } else {
-        CState::DeleteRecords(*this);
+        CManagerState::DeleteRecords(*this);
         m_Mutex.~CCmMutexThreadRecursive();
     }
 }
 
 // While the program ends, other threads may still use the records and the mutex: those stay.
-void CCmT120TraceFileMgr::CState::EndRecords(CCmT120TraceFileMgr& aManager) {
+void CCmT120TraceFileMgr::CManagerState::EndRecords(CCmT120TraceFileMgr& aManager) {
     CCmScopedLockT<CCmMutexThreadRecursive> lock(aManager.m_Mutex);
     for (CCmT120TraceFile* pFile = aManager.m_pHeader.load(std::memory_order_relaxed);
          pFile != nullptr; pFile = pFile->m_pNext.load(std::memory_order_relaxed)) {
@@ -493,7 +493,7 @@ void CCmT120TraceFileMgr::CState::EndRecords(CCmT120TraceFileMgr& aManager) {
     }
 }
 
-void CCmT120TraceFileMgr::CState::DeleteRecords(CCmT120TraceFileMgr& aManager) {
+void CCmT120TraceFileMgr::CManagerState::DeleteRecords(CCmT120TraceFileMgr& aManager) {
     CCmT120TraceFile* pFile = aManager.m_pHeader.exchange(nullptr, std::memory_order_relaxed);
     while (pFile != nullptr) {
         CCmT120TraceFile* pNext = pFile->m_pNext.load(std::memory_order_relaxed);
@@ -504,7 +504,7 @@ void CCmT120TraceFileMgr::CState::DeleteRecords(CCmT120TraceFileMgr& aManager) {
 
 void* CCmT120TraceFileMgr::open(const char* aName, unsigned long aSizeLimit, unsigned char aShared,
                                 unsigned char aIgnored) {
-    if (CState::HasEnded(*this)) {
+    if (CManagerState::HasEnded(*this)) {
         return nullptr;
     }
     CCmTraceGuard guard;
@@ -531,16 +531,16 @@ void* CCmT120TraceFileMgr::open(const char* aName, unsigned long aSizeLimit, uns
 }
 
 void CCmT120TraceFileMgr::close(void* aRecord) {
-    if (CState::HasEnded(*this)) {
+    if (CManagerState::HasEnded(*this)) {
         return;
     }
     CCmTraceGuard guard;
-    delete CState::Unlink(*this, aRecord);
+    delete CManagerState::Unlink(*this, aRecord);
 }
 
 // Takes the record out of the list and returns it, or null when it is not there.
-CCmT120TraceFile* CCmT120TraceFileMgr::CState::Unlink(CCmT120TraceFileMgr& aManager,
-                                                      const void* aRecord) {
+CCmT120TraceFile* CCmT120TraceFileMgr::CManagerState::Unlink(CCmT120TraceFileMgr& aManager,
+                                                             const void* aRecord) {
     CCmScopedLockT<CCmMutexThreadRecursive> lock(aManager.m_Mutex);
     std::atomic<CCmT120TraceFile*>* pLink = &aManager.m_pHeader;
     while (CCmT120TraceFile* pFile = pLink->load(std::memory_order_relaxed)) {
