@@ -97,7 +97,7 @@ TEST(CmHostQueue, RunsEveryEventInOrder_WhenSeveralThreadsPost) {
     EXPECT_EQ(0u, queue.RunAll());
 }
 
-TEST(CmHostQueue, SendsByItsOwnPost_ThereAndBack) {
+TEST(CmHostQueue, SendsByItsOwnPostThereAndBack) {
     const long lLive = LiveAllocationsBefore();
     {
         EventLog log;

@@ -592,35 +592,6 @@ TEST(CmEventSynchronous, FiresNothing_WhenItPassesTheSecondTime) {
     EXPECT_EQ(Ids{1}, log.ended());
 }
 
-TEST(CmEventSynchronous, WakesOnce_WhenThatSucceeds) {
-    EventLog log;
-    CCmEventQueueBase queue;
-    CCmEventSynchronous* pWrapper = new CCmEventSynchronous(new LoggedEvent(log, 1), &queue);
-    kelto_test::FailingCall<&CCmSystemTable::pthread_mutex_lock> locks(EINVAL, EINVAL, NEVER);
-    pWrapper->OnEventFire();
-    EXPECT_EQ(1u, locks.calls());
-    pWrapper->OnDestorySelf();
-    pWrapper->OnDestorySelf();  // frees it
-}
-
-TEST(CmEventSynchronous, GoesOn_WhenItCannotWake) {
-    const long lLive = kelto_test::LiveAllocationsBefore();
-    {
-        EventLog log;
-        CCmEventQueueBase queue;
-        CCmEventSynchronous* pWrapper =
-            new CCmEventSynchronous(new LoggedEvent(log, 1, [] { return RESULT; }), &queue);
-        kelto_test::FailingCall<&CCmSystemTable::pthread_mutex_lock> fault(
-            EINVAL, EINVAL, 1, kelto_test::Failing::FROM_THERE_ON);
-        EXPECT_EQ(RESULT, pWrapper->OnEventFire());
-        EXPECT_LE(1u, fault.calls());
-        pWrapper->OnDestorySelf();
-        pWrapper->OnDestorySelf();  // frees it
-        EXPECT_EQ(Ids{1}, log.ended());
-    }
-    EXPECT_EQ(lLive, kelto_test::LiveAllocations());
-}
-
 TEST(CmEventSynchronous, EndsItsEvent_WhenItIsDeletedWithoutHavingRun) {
     EventLog log;
     CCmEventQueueBase queue;

@@ -13,6 +13,7 @@
 #include "CmThread.h"
 #include "port/CmConditionSemaphore.h"
 #include "support/Cancellation.h"
+#include "support/Eventually.h"
 #include "support/Faults.h"
 #include "support/Gate.h"
 #include "support/TraceSink.h"
@@ -20,6 +21,7 @@
 namespace UTIL_NS {
 namespace {
 
+using kelto_test::Eventually;
 using kelto_test::FailingCall;
 using kelto_test::Gate;
 using kelto_test::MaskAddresses;
@@ -98,9 +100,7 @@ TYPED_TEST(CmSemaphoreImplementation, PostWakesOneWaiterEach) {
     }
     EXPECT_EQ(0, this->Post());
     EXPECT_EQ(0, this->Post());
-    while (nPassed < 2) {
-        std::this_thread::yield();
-    }
+    EXPECT_TRUE(Eventually([&] { return nPassed >= 2; }));
     SleepAMoment();
     EXPECT_EQ(2, nPassed);
     EXPECT_EQ(0, this->Post());
