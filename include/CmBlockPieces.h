@@ -1,7 +1,7 @@
 /// Message block chains as ranges of std::string_view, and chains made from pieces.
 ///
-///   CCmChainPtr chain = CmMakeChain({header, payload});
-///   for (std::string_view piece : CCmPieces(chain.get())) { crc.Add(piece); }
+///     CCmChainPtr chain = CmMakeChain({header, payload});
+///     for (std::string_view piece : CCmPieces(chain.get())) { crc.Add(piece); }
 /// \file
 #ifndef CM_BLOCK_PIECES_H
 #define CM_BLOCK_PIECES_H

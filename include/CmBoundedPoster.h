@@ -1,7 +1,7 @@
 /// CCmBoundedPoster: a bound on what is on its way to a queue.
 ///
-///   CCmBoundedPoster poster(*worker.GetEventQueue(), 64);
-///   if (CM_FAILED(poster.TryPost([frame = std::move(frame)] { Encode(frame); }))) { ++dropped; }
+///     CCmBoundedPoster poster(*worker.GetEventQueue(), 64);
+///     if (CM_FAILED(poster.TryPost([frame = std::move(frame)] { Encode(frame); }))) { ++dropped; }
 /// \file
 #ifndef CM_BOUNDED_POSTER_H
 #define CM_BOUNDED_POSTER_H

@@ -1,10 +1,10 @@
 /// Work for another thread as a callable: post it, call it and take its value, post it for later.
 ///
-///   CCmWorker worker;                                        // CmWorker.h
-///   CmPost(worker, [buffer = std::move(buffer)] { Send(buffer); });
-///   auto length = CmCall(worker, [&] { return queue.size(); });
-///   if (length) { Show(*length); }
-///   CCmTimerHandle later = CmPostDelayed(worker, 20ms, [] { ... });
+///     CCmWorker worker;                                        // CmWorker.h
+///     CmPost(worker, [buffer = std::move(buffer)] { Send(buffer); });
+///     auto length = CmCall(worker, [&] { return queue.size(); });
+///     if (length) { Show(*length); }
+///     CCmTimerHandle later = CmPostDelayed(worker, 20ms, [] { ... });
 ///
 /// A target is a CCmWorker, an ACmThread or, except for what is to run later, any ICmEventQueue; it
 /// must outlive the call, not what was posted. The callable is moved (or copied) into one object on

@@ -1,10 +1,10 @@
 /// CCmLifeGuard: callables that run only while an object lives.
 ///
-///   class CSession {
-///       void Start() { CmPost(m_Worker, m_Guard.Wrap([this] { OnStarted(); })); }
-///       ...
-///       CCmLifeGuard m_Guard;   // the last member: it ends first
-///   };
+///     class CSession {
+///         void Start() { CmPost(m_Worker, m_Guard.Wrap([this] { OnStarted(); })); }
+///         ...
+///         CCmLifeGuard m_Guard;   // the last member: it ends first
+///     };
 /// \file
 #ifndef CM_LIFE_GUARD_H
 #define CM_LIFE_GUARD_H

@@ -64,7 +64,9 @@ class logstream;
 
 /// An output string stream whose destructor delivers what was inserted, up to the first NUL and in
 /// whatever state the stream is:
-///   ccu::logstream<char>(2, "net") << "connected, fd=" << fd;
+///
+///     ccu::logstream<char>(2, "net") << "connected, fd=" << fd;
+///
 /// One thread at a time.
 template <>
 class CM_UTIL_EXPORT logstream<char> : public std::basic_ostringstream<char> {

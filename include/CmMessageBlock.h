@@ -73,9 +73,7 @@ class CM_UTIL_EXPORT CCmMessageBlock {
     explicit CCmMessageBlock(Size aSize, const char* aData = nullptr, unsigned long aFlag = 0,
                              unsigned int aAdvanceWritePtr = 0)
         : CCmMessageBlock(static_cast<unsigned int>(aSize), aData, aFlag, aAdvanceWritePtr) {}
-    /// Not to be copied; DuplicateTopLevel makes another view.
     CCmMessageBlock(const CCmMessageBlock&) = delete;
-    /// Likewise.
     CCmMessageBlock& operator=(const CCmMessageBlock&) = delete;
     /// Touches the rest of the chain only when m_bRtpChainedFlag is set.
     ~CCmMessageBlock() {

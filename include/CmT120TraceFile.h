@@ -5,10 +5,10 @@
 /// "************************* Current Trace Point *************************" with two newlines,
 /// which the next line overwrites:
 ///
-///   0        32                             position
-///   +--------+--------+--------+----...----+--------+----------------
-///   | header | line\n | line\n |           | marker | older lines ...
-///   +--------+--------+--------+----...----+--------+----------------
+///     0        32                             position
+///     +--------+--------+--------+----...----+--------+----------------
+///     | header | line\n | line\n |           | marker | older lines ...
+///     +--------+--------+--------+----...----+--------+----------------
 ///
 /// A new file has no header, so its first line starts at 0 and loses 32 bytes to the header. Only a
 /// shared record rolls over at its size limit; the file of any other grows without end.

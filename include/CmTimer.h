@@ -1,7 +1,8 @@
 /// CCmTimer: a timer as an object with a callable; and what is due when, for a timer with a sink.
 ///
-///   CCmTimer m_Timer(worker, 20ms, [this](const CCmTimerFiring& aFiring) { Tick(aFiring.m_tvDue);
-///   });
+///     CCmTimer m_Timer(worker, 20ms, [this](const CCmTimerFiring& aFiring) {
+///         Tick(aFiring.m_tvDue);
+///     });
 /// \file
 #ifndef CM_TIMER_H
 #define CM_TIMER_H

@@ -1,9 +1,10 @@
 /// Worker threads as objects: CCmWorker owns one, from its construction to its end.
 ///
-///   CCmWorker worker(CCmWorkerOptions().Name("audio").OnStart([] { return OpenDevice(); }));
-///   if (CM_FAILED(worker.Result())) { ... }       // a start-up function's result, too
-///   CmPost(worker, [] { ... });                    // CmEvent.h
-///                                                  // the end of the scope stops, joins and frees
+///     CCmWorker worker(CCmWorkerOptions().Name("audio").OnStart([] { return OpenDevice(); }));
+///     if (CM_FAILED(worker.Result())) { ... }       // a start-up function's result, too
+///     CmPost(worker, [] { ... });                    // CmEvent.h
+///                                                    // the end of the scope stops, joins and
+///                                                    frees
 ///
 /// CCmLoopThread is the base of a thread whose loop is the host's own.
 /// \file
@@ -217,13 +218,13 @@ typedef std::unique_ptr<ACmThread, CCmThreadEnd> CCmThreadPtr;
 
 /// Base of a thread whose loop is the host's own, such as one that waits for sockets:
 ///
-///   class CReceiver : public CCmLoopThread {
-///     public:
-///       void OnThreadRun() override { while (!GetStopFlag()) { poll(...); ... } }
-///       void OnWakeUp() override { write(m_nPipe, "", 1); }   // poll returns
-///   };
-///   CCmThreadPtr receiver(new CReceiver);
-///   receiver->Create(1);
+///     class CReceiver : public CCmLoopThread {
+///       public:
+///         void OnThreadRun() override { while (!GetStopFlag()) { poll(...); ... } }
+///         void OnWakeUp() override { write(m_nPipe, "", 1); }   // poll returns
+///     };
+///     CCmThreadPtr receiver(new CReceiver);
+///     receiver->Create(1);
 ///
 /// Created by new, owned by CCmThreadPtr.
 class CCmLoopThread : public ACmThread {
