@@ -6,6 +6,7 @@
 #include "CmCancel.h"
 #include "CmConditionSteps.h"
 #include "CmEventQueueSteps.h"
+#include "CmListNode.h"
 #include "CmPrivateState.h"
 #include "CmScopedLock.h"
 #include "CmSystem.h"
@@ -61,16 +62,6 @@ CmResult FireAndEnd(ICmEvent* aEvent) {
     return rv;
 }
 
-// Gives aList one node. CM_OK or CM_ERROR_OUT_OF_MEMORY.
-CmResult AddNode(std::list<ICmEvent*>& aList, ICmEvent* aEvent) {
-    try {
-        aList.push_back(aEvent);
-    } catch (const std::bad_alloc&) {
-        return CM_ERROR_OUT_OF_MEMORY;
-    }
-    return CM_OK;
-}
-
 }  // namespace
 
 ICmEvent::ICmEvent() : m_ullReserved(0), m_CreatorTid(pthread_self()) {}
@@ -112,7 +103,7 @@ class CCmEventQueueSteps::CPosting {
             return CM_ERROR_NOT_INITIALIZED;
         }
         g_cmClock.coarse_gettimeofday(&m_tvCoarseNow, nullptr);
-        return aNeedsNode ? AddNode(m_Node, m_pEvent) : CM_OK;
+        return aNeedsNode ? CmAddNode(m_Node, m_pEvent) : CM_OK;
     }
     bool HasNode() const { return !m_Node.empty(); }
     // Under the lock, with the node of Prepare.
@@ -682,7 +673,7 @@ class CCmEventQueueUsingConditionVariable::CConditionQueueState {
             return aPosting.Append();
         }
         // Empty: other posters took the last spare node since this one had a look.
-        if (m_Spares.empty() && CM_FAILED(AddNode(m_Spares, nullptr))) {
+        if (m_Spares.empty() && CM_FAILED(CmAddNode(m_Spares, nullptr))) {
             return CM_ERROR_OUT_OF_MEMORY;
         }
         const CmResult rv = aPosting.Append(m_Spares);
