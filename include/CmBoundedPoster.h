@@ -57,15 +57,14 @@ class CM_UTIL_EXPORT CCmBoundedPoster {
         const CmResult rv = TakeRoom(nullptr);
         return CM_SUCCEEDED(rv) ? PostIntoRoom(std::forward<Callable>(aFunction)) : rv;
     }
-    /// Waits for room, without limit or at most aLimit of the monotonic clock: CM_ERROR_TIMEOUT. On
-    /// the queue's own thread, which alone makes room, it does not wait: CM_ERROR_NOT_AVAILABLE.
-    /// When the queue ends, those who wait are refused like all others. A thread that waits is not
-    /// cancelled, but afterwards.
+    /// Waits for room, without limit. On the queue's own thread, which alone makes room, it does
+    /// not wait: CM_ERROR_NOT_AVAILABLE. When the queue ends, those who wait are refused like all
+    /// others. A thread that waits is not cancelled, but afterwards.
     template <class Callable>
     CmResult Post(Callable&& aFunction) {
         return Post(CCmInterval(CCmTimeValue::s_tvMax), std::forward<Callable>(aFunction));
     }
-    /// With a limit.
+    /// The same, waiting at most aLimit of the monotonic clock: CM_ERROR_TIMEOUT.
     template <class Callable>
     CmResult Post(const CCmInterval& aLimit, Callable&& aFunction) {
         const CmResult rv = TakeRoom(&aLimit.Value());

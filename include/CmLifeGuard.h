@@ -38,7 +38,7 @@ class CM_UTIL_EXPORT CCmLifeGuard {
   public:
     /// When memory runs out, the guard is one that has ended.
     CCmLifeGuard();
-    /// As End.
+    /// Ends the guard, as End does.
     ~CCmLifeGuard();
     CCmLifeGuard(const CCmLifeGuard&) = delete;
     CCmLifeGuard& operator=(const CCmLifeGuard&) = delete;
@@ -101,7 +101,7 @@ class CM_UTIL_EXPORT CCmLifeGuard {
 template <class Function>
 class CCmGuardedT {
   public:
-    /// For Wrap.
+    /// Holds a reference on the guard's state. For Wrap, which makes it.
     template <class Callable>
     CCmGuardedT(const CCmLifeGuard::CReference& aReference, Callable&& aFunction)
         : m_Reference(aReference), m_Function(std::forward<Callable>(aFunction)) {}

@@ -150,7 +150,8 @@ class CM_UTIL_EXPORT CCmMessageBlock {
     static CCmMessageBlock* Disjoint(CCmMessageBlock* aMb, unsigned int aStart);
     /// Drops the empty blocks in front, freeing those that carry DUPLICATED (this may be one), and
     /// returns the first that is not empty, or null: the caller's new chain head. Refused, with
-    /// null, when m_bRtpChainedFlag is set on this block. As above, no link to a freed block stays.
+    /// null, when m_bRtpChainedFlag is set on this block. A block in front
+    /// of a freed one loses its link to it.
     CCmMessageBlock* ReclaimGarbage();
 
     /// All readable bytes; locked blocks contribute none. Empty when memory ran out.
@@ -178,7 +179,7 @@ class CM_UTIL_EXPORT CCmMessageBlock {
 
     /// Sets locks of this block; aLocks: READ_LOCKED, WRITE_LOCKED or both.
     void SetLock(unsigned long aLocks) { m_Flag |= aLocks & (READ_LOCKED | WRITE_LOCKED); }
-    /// Clears them.
+    /// Lifts locks of this block; aLocks as for SetLock.
     void ClearLock(unsigned long aLocks) { m_Flag &= ~(aLocks & (READ_LOCKED | WRITE_LOCKED)); }
 
     /// The block after this one; null at the end of the chain.

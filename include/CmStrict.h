@@ -117,7 +117,7 @@ struct CCmIpAddress {
         return aLeft.m_family == aRight.m_family && aLeft.m_abyBytes == aRight.m_abyBytes &&
                aLeft.m_achZone == aRight.m_achZone;
     }
-    /// The opposite.
+    /// Whether they differ.
     friend bool operator!=(const CCmIpAddress& aLeft, const CCmIpAddress& aRight) {
         return !(aLeft == aRight);
     }
@@ -132,7 +132,7 @@ struct CCmEndpoint {
     friend bool operator==(const CCmEndpoint& aLeft, const CCmEndpoint& aRight) {
         return aLeft.m_address == aRight.m_address && aLeft.m_wPort == aRight.m_wPort;
     }
-    /// The opposite.
+    /// Whether they differ.
     friend bool operator!=(const CCmEndpoint& aLeft, const CCmEndpoint& aRight) {
         return !(aLeft == aRight);
     }

@@ -170,7 +170,7 @@ class CM_UTIL_EXPORT CCmT120Trace {
         Text_Formator& operator<<(const void* aPointer);
         /// As a null void*: "0x0".
         Text_Formator& operator<<(std::nullptr_t);
-        /// Appends nothing; see Ordix.
+        /// Turns hexadecimal output of the next integer on or off; appends nothing.
         Text_Formator& operator<<(Ordix aOrdix);
 
       private:
@@ -227,7 +227,7 @@ class CM_UTIL_EXPORT CCmT120Trace {
 
     /// Does nothing.
     void log_string(char* aText);
-    /// Does nothing: a place to divert failed assertions to.
+    /// Does nothing.
     void Assert_Log(char* aFile, char* aExpression, int aLine);
 
     /// If there is a bundle, releases it and takes the level functions away: every text is

@@ -59,7 +59,7 @@ class CM_UTIL_EXPORT CCmT120TraceFile {
     /// file takes the process's locks off it.
     CmResult attach(const char* aPath = nullptr);
 
-    /// Any of aTag and aModule may be null. Lines whose module matches a filter are left out. A
+    /// aTag and aModule may be null. Lines whose module matches a filter are left out. A
     /// line that does not fit what is left of the line buffer is cut and keeps its line end, and
     /// those after it are lost until the next flush; a null aText reads "(null)". On a shared
     /// record the same as write_shared.
@@ -76,7 +76,7 @@ class CM_UTIL_EXPORT CCmT120TraceFile {
     /// lock is written under the new limit. Returns 1.
     unsigned char refresh_settings(unsigned long aSizeLimit, int aFlushCount);
 
-    /// 1 when both names are given and equal, else 0.
+    /// 1 when the record has a name and aName is the same, else 0.
     unsigned char is_same_file(const char* aName) const;
 
   private:
@@ -119,9 +119,10 @@ class CM_UTIL_EXPORT CCmT120TraceFileMgr {
                unsigned char aIgnored);
     /// Ends a record of this manager; anything else is left alone. No thread may be writing to it.
     void close(void* aRecord);
-    /// Nothing for null.
+    /// Writes a line to aRecord, which is of this manager, as its write does; null is ignored.
     void write(void* aRecord, const char* aTag, const char* aModule, const char* aText);
-    /// For every record. Takes no lock of the manager: no record may be closed meanwhile.
+    /// Sets both for every record, as its refresh_settings does. Takes no lock of the manager: no
+    /// record may be closed meanwhile.
     void refresh_settings(unsigned long aSizeLimit, int aFlushCount);
 
     /// Reads the filters from home + "conf/keltoexp.filter": up to 100 lines, each an extended

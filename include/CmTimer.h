@@ -69,7 +69,7 @@ class CCmTimer {
 /// called through this class. Times are those of the wall clock.
 class CCmDueTimerWrapperID : public CCmTimerWrapperID {
   public:
-    /// As that of the base.
+    /// Schedules as the base does, and notes when the timer is due.
     CmResult Schedule(CCmTimerWrapperIDSink* aSink, const CCmTimeValue& aInterval,
                       unsigned int aCount = 0) {
         m_tvInterval = aInterval;

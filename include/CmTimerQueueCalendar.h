@@ -55,8 +55,8 @@ class CM_UTIL_EXPORT CCmTimerQueueCalendar : public ICmTimerQueue, public ICmEve
 
     /// aCount 0 repeats for 2^32 - 1 firings. Any interval is taken with any count.
     /// CM_OK: scheduled.
-    /// CM_ERROR_FOUND: scheduled, in place of a timer in the wheel. Not reported for a timer with
-    /// interval zero, whichever it replaces, that posts the event.
+    /// CM_ERROR_FOUND: scheduled, in place of a timer in the wheel. Where the new one has interval
+    /// zero and is the first of those to be pending, so that the event is posted: CM_OK.
     /// CM_ERROR_INVALID_ARG: aEh is null.
     /// CM_ERROR_OUT_OF_MEMORY: nothing changed (or the wheel could not be allocated at all).
     /// The result of the event queue that refused the event, CM_ERROR_NULL_POINTER when there is

@@ -27,7 +27,7 @@ constexpr unsigned long CM_TRACE_LEVEL_INFO = 20;
 /// one that takes the lines to a file.
 typedef void (*UtilTraceSink)(unsigned long aLevel, const char* aText, unsigned int aLength);
 
-/// The installed sink, null until the host installs one.
+/// The installed sink; null until the host installs one, and again once it has installed null.
 extern CM_UTIL_EXPORT std::atomic<UtilTraceSink> g_util_trace_sink;
 
 /// Does nothing. Any thread.
