@@ -2,8 +2,8 @@
 ///
 /// Thin wrappers over POSIX threads. Every class may be used from any thread. A system call that
 /// fails is traced, except in Lock and TryLock (tracing itself takes locks), and reported as
-/// CM_ERROR_FAILURE. None throws. An object whose constructor failed, which writes a line, refuses
-/// every operation; that it cannot be destroyed either is not traced.
+/// CM_ERROR_FAILURE; none throws. An object whose constructor failed exists all the same: that one
+/// line has been written, and none says that it cannot be destroyed either.
 /// \file
 #ifndef CM_CONDITION_VARIABLE_H
 #define CM_CONDITION_VARIABLE_H
@@ -26,7 +26,7 @@ struct CCmStaticInit {};
 /// What the two mutexes share. A mutex must not be destroyed while it is held.
 class CM_UTIL_EXPORT CM_CAPABILITY("mutex") CCmMutexThreadBase {
   public:
-    /// Destroys nothing: the mutexes destroy their own.
+    /// Destroys the mutex; a failure is traced.
     virtual ~CCmMutexThreadBase();
     CCmMutexThreadBase(const CCmMutexThreadBase&) = delete;
     CCmMutexThreadBase& operator=(const CCmMutexThreadBase&) = delete;
@@ -56,7 +56,7 @@ class CM_UTIL_EXPORT CCmMutexThreadRecursive : public CCmMutexThreadBase {
   public:
     /// Initialises the mutex; a failure is traced.
     CCmMutexThreadRecursive();
-    /// Destroys the mutex; a failure is traced.
+    /// Leaves the mutex to the base.
     ~CCmMutexThreadRecursive() override;
     /// For objects with static storage: CCmMutexThreadRecursive s_Mutex{CCmStaticInit()}.
     explicit constexpr CCmMutexThreadRecursive(CCmStaticInit)
@@ -68,7 +68,7 @@ class CM_UTIL_EXPORT CCmMutexThread : public CCmMutexThreadBase {
   public:
     /// Initialises the mutex; a failure is traced.
     CCmMutexThread();
-    /// Destroys the mutex; a failure is traced.
+    /// Leaves the mutex to the base.
     ~CCmMutexThread() override;
     /// For objects with static storage: CCmMutexThread s_Mutex{CCmStaticInit()}.
     explicit constexpr CCmMutexThread(CCmStaticInit)

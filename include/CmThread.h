@@ -166,8 +166,8 @@ class CM_UTIL_EXPORT CCmThreadTaskWithEventQueueOnly : public ACmThread, public 
     /// Makes the queue that of the new thread. CM_ERROR_NOT_INITIALIZED for Create: an earlier
     /// thread of the object has run the stop event, which cannot be posted again.
     void OnThreadInit() override;
-    /// Runs events until the stop event has run; then ends those of the same pass that came after
-    /// it, unfired.
+    /// Runs events until the stop event has run, and those that were taken off the queue with it;
+    /// then ends what is pending, unfired.
     void OnThreadRun() override;
     /// Never null.
     ICmEventQueue* GetEventQueue() override;
@@ -190,7 +190,7 @@ class CM_UTIL_EXPORT CCmThreadTask : public CCmThreadTaskWithEventQueueOnly {
 
     /// Also creates the timer queue, unless there is one; without memory for it Create fails.
     void OnThreadInit() override;
-    /// Fires due timers and runs events, in turn, until the stop event has run.
+    /// The same, and fires due timers between the passes over at most five events.
     void OnThreadRun() override;
     /// Null until OnThreadInit.
     ICmTimerQueue* GetTimerQueue() override;
@@ -215,7 +215,7 @@ class CM_UTIL_EXPORT CCmThreadHeartBeat : public ACmThread {
 
     /// Does nothing; CM_OK.
     CmResult Stop(CCmTimeValue* aTimeout = nullptr) override;
-    /// Creates the timer queue, unless there is one, and makes both queues those of the calling
+    /// Creates the timer queue, unless there is one, and makes the event queue that of the calling
     /// thread.
     void OnThreadInit() override;
     /// DoHeartBeat, once.
