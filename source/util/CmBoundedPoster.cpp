@@ -14,10 +14,10 @@
 
 namespace UTIL_NS {
 
-struct CCmBoundedPoster::CState final : CCmReferenceControlT<CCmMutexThread> {
-    CState(DWORD aMaxCount, DWORD aLowWater, ICmEvent* aOnLowWater)
+struct CCmBoundedPoster::CPosterState final : CCmReferenceControlT<CCmMutexThread> {
+    CPosterState(DWORD aMaxCount, DWORD aLowWater, ICmEvent* aOnLowWater)
         : m_dwMaxCount(aMaxCount), m_dwLowWater(aLowWater), m_pOnLowWater(aOnLowWater) {}
-    ~CState() override {
+    ~CPosterState() override {
         if (m_pOnLowWater != nullptr) {
             m_pOnLowWater->OnDestorySelf();
         }
@@ -119,7 +119,7 @@ struct CCmBoundedPoster::CState final : CCmReferenceControlT<CCmMutexThread> {
 
 CCmBoundedPoster::CCmBoundedPoster(ICmEventQueue& aQueue, DWORD aMaxCount)
     : m_Queue(aQueue),
-      m_pState(new (std::nothrow) CState(std::max<DWORD>(aMaxCount, 1), 0, nullptr)) {
+      m_pState(new (std::nothrow) CPosterState(std::max<DWORD>(aMaxCount, 1), 0, nullptr)) {
     if (m_pState != nullptr) {
         m_pState->AddReference();
     }
@@ -132,8 +132,8 @@ CCmBoundedPoster::CCmBoundedPoster(ICmEventQueue& aQueue, DWORD aMaxCount, DWORD
         return;
     }
     const DWORD dwMaxCount = std::max<DWORD>(aMaxCount, 1);
-    m_pState =
-        new (std::nothrow) CState(dwMaxCount, std::min(aLowWater, dwMaxCount - 1), aOnLowWater);
+    m_pState = new (std::nothrow)
+        CPosterState(dwMaxCount, std::min(aLowWater, dwMaxCount - 1), aOnLowWater);
     if (m_pState == nullptr) {
         aOnLowWater->OnDestorySelf();
         return;
@@ -177,7 +177,7 @@ CmResult CCmBoundedPoster::PostEvent(CBoundedEvent* aEvent) {
 }
 
 void CCmBoundedPoster::CBoundedEvent::OnDestorySelf() {
-    const CCmComAutoPtr<CState> pState(m_pState);
+    const CCmComAutoPtr<CPosterState> pState(m_pState);
     m_pState->ReleaseReference();
     delete this;
     pState->GiveRoom();

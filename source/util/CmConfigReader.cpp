@@ -297,7 +297,7 @@ CCmMainSnapshot* CCmMainSnapshot::Current() {
     return t_pMainSnapshot;
 }
 
-struct CM_UTIL_HIDDEN CCmConfigReader::CState {
+struct CM_UTIL_HIDDEN CCmConfigReader::CReaderState {
     CCmString m_strPath;
     bool m_bIsMain = false;
     bool m_bWasRead = false;
@@ -316,8 +316,8 @@ struct CM_UTIL_HIDDEN CCmConfigReader::CState {
 };
 
 // Everything is made first and put in place last, so that running out of memory changes nothing.
-CmResult CCmConfigReader::CState::Read(const char* aPath, bool aIsMain) {
-    CState fresh;
+CmResult CCmConfigReader::CReaderState::Read(const char* aPath, bool aIsMain) {
+    CReaderState fresh;
     fresh.m_strPath = aPath;
     fresh.m_bIsMain = aIsMain;
     fresh.m_bWasRead = true;
@@ -339,24 +339,24 @@ CmResult CCmConfigReader::CState::Read(const char* aPath, bool aIsMain) {
     return m_bExists ? CM_OK : CM_ERROR_NOT_FOUND;
 }
 
-CmResult CCmConfigReader::CState::Complain(const char* aPath, CmResult aResult,
-                                           const CCmString& aWhy) {
+CmResult CCmConfigReader::CReaderState::Complain(const char* aPath, CmResult aResult,
+                                                 const CCmString& aWhy) {
     m_Problems.push_back(CCmString(aPath) + ": cannot be read: " + aWhy);
     return aResult;
 }
 
-CCmString CCmConfigReader::CState::PlaceOf(const CEntry& aEntry) const {
+CCmString CCmConfigReader::CReaderState::PlaceOf(const CEntry& aEntry) const {
     return m_strPath + ":" + std::to_string(aEntry.m_dwLine) + ": ";
 }
 
-CCmString CCmConfigReader::CState::Sentence(const CEntry& aEntry,
-                                            const CCmString& aExpected) const {
+CCmString CCmConfigReader::CReaderState::Sentence(const CEntry& aEntry,
+                                                  const CCmString& aExpected) const {
     return PlaceOf(aEntry) + NameOf(aEntry.m_key) + " = " + Quoted(ValueOf(aEntry)) +
            " in section [" + NameOf(m_Profile.SectionOf(aEntry)) + "] should be " + aExpected;
 }
 
 // Empty when there is nothing to say.
-CCmString CCmConfigReader::CState::UnaskedSentence(const CEntry& aEntry) const {
+CCmString CCmConfigReader::CReaderState::UnaskedSentence(const CEntry& aEntry) const {
     const CCmString strWhat = PlaceOf(aEntry) + "the key " + NameOf(aEntry.m_key);
     if (aEntry.m_nHeader == NONE) {
         return strWhat + " is in no section";
@@ -371,13 +371,13 @@ CCmString CCmConfigReader::CState::UnaskedSentence(const CEntry& aEntry) const {
     return aEntry.m_bAsked ? CCmString() : strWhere + "means nothing here";
 }
 
-std::string_view CCmConfigReader::CState::ValueOf(const CEntry& aEntry) const {
+std::string_view CCmConfigReader::CReaderState::ValueOf(const CEntry& aEntry) const {
     const bool bSemicolon = m_bIsMain && !aEntry.m_value.empty() && aEntry.m_value.back() == ';';
     return aEntry.m_value.substr(0, aEntry.m_value.size() - (bSemicolon ? 1 : 0));
 }
 
-CmResult CCmConfigReader::CState::Refuse(std::string_view aSection, std::string_view aKey,
-                                         const CCmString& aExpected) {
+CmResult CCmConfigReader::CReaderState::Refuse(std::string_view aSection, std::string_view aKey,
+                                               const CCmString& aExpected) {
     const CEntry* pEntry = m_Profile.Find(aSection, aKey);
     if (pEntry == nullptr) {
         return CM_ERROR_NOT_FOUND;
@@ -410,7 +410,7 @@ CmResult CCmConfigReader::ReadMain() {
 }
 
 bool CCmConfigReader::HasChanged() const {
-    const CState& read = CCmPrivateRoom::Of(m_Private);
+    const CReaderState& read = CCmPrivateRoom::Of(m_Private);
     if (!read.m_bWasRead) {
         return true;
     }
@@ -421,13 +421,13 @@ bool CCmConfigReader::HasChanged() const {
 
 CmResult CCmConfigReader::UseForTrace() {
     CCmDisableCancel disableCancel;
-    CState& state = CCmPrivateRoom::Of(m_Private);
+    CReaderState& state = CCmPrivateRoom::Of(m_Private);
     if (!state.m_bIsMain) {
         return CM_ERROR_NOT_INITIALIZED;
     }
     class CSnapshot final : public CCmMainSnapshot {
       public:
-        explicit CSnapshot(CState& aState) : m_state(aState) {}
+        explicit CSnapshot(CReaderState& aState) : m_state(aState) {}
         bool Find(std::string_view aSection, std::string_view aKey,
                   std::string_view& aValue) override {
             CEntry* pEntry = m_state.m_Profile.Find(aSection, aKey);
@@ -440,7 +440,7 @@ CmResult CCmConfigReader::UseForTrace() {
         }
 
       private:
-        CState& m_state;
+        CReaderState& m_state;
     };
     const CSnapshot snapshot(state);
     refresh_trace_config();
@@ -449,7 +449,7 @@ CmResult CCmConfigReader::UseForTrace() {
 
 CmResult CCmConfigReader::GetText(std::string_view aSection, std::string_view aKey,
                                   std::string_view& aValue) {
-    CState& state = CCmPrivateRoom::Of(m_Private);
+    CReaderState& state = CCmPrivateRoom::Of(m_Private);
     CEntry* pEntry = state.m_Profile.Find(aSection, aKey);
     if (pEntry == nullptr) {
         return CM_ERROR_NOT_FOUND;
@@ -522,7 +522,7 @@ const std::vector<CCmString>& CCmConfigReader::problems() const {
 
 CmResult CCmConfigReader::ListUnasked(std::string_view aSection,
                                       std::vector<CCmString>& aSentences) const {
-    const CState& state = CCmPrivateRoom::Of(m_Private);
+    const CReaderState& state = CCmPrivateRoom::Of(m_Private);
     return CmWithMemory([&] {
         std::vector<CCmString> sentences = aSentences;
         for (const CEntry& entry : state.m_Profile.entries()) {

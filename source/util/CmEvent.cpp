@@ -30,7 +30,7 @@ bool CCmEventQueueSteps::IsOwnThread(ICmEventQueue& aQueue) {
     return pThread != nullptr && pThread->GetEventQueue() == &aQueue;
 }
 
-struct ACmCallEvent::CWait {
+struct ACmCallEvent::CCallWait {
     CCmMutexThread m_Mutex;
     CCmConditionVariableThread m_Decided{m_Mutex};  // it has run, or never will
 };
@@ -88,7 +88,7 @@ CmResult ACmCallEvent::Call(ICmEventQueue& aQueue, const CCmTimeValue* aLimit) {
 
 CmResult ACmCallEvent::CallWithin_i(ICmEventQueue& aQueue, const CCmTimeValue& aLimit) {
     const long long llDeadline = CmLaterNsec(CmMonotonicNsec(), aLimit);
-    m_pWait = new (std::nothrow) CWait;
+    m_pWait = new (std::nothrow) CCallWait;
     if (m_pWait == nullptr) {
         OnDestorySelf();  // in place of the queue, which never got it
         return CM_ERROR_OUT_OF_MEMORY;

@@ -79,7 +79,7 @@ const CCmTimeValue CCmEventQueueBase::s_tvReportInterval(0, 50000);
 
 // Counts the senders that touch the queue: those that are posting, and those whose event has run
 // and who have yet to post its wrapper back. Those that wait do not touch it.
-class CCmEventQueueBase::CState {
+class CCmEventQueueBase::CQueueState {
   public:
     // Relaxed: a sender comes in while somebody else still keeps the queue alive, its host or the
     // consumer that fires the event.
@@ -367,11 +367,11 @@ void CCmEventQueueBase::WaitForSenders() {
 // Acquire and release again: the second comes after all that the first did with it.
 //
 // m_pEvent: whoever exchanges it with null destroys the event.
-class CCmEventSynchronous::CState {
+class CCmEventSynchronous::CSendState {
   public:
-    explicit CState(CCmEventSynchronous& aWrapper) : m_Wrapper(aWrapper) {}
-    CState(const CState&) = delete;
-    CState& operator=(const CState&) = delete;
+    explicit CSendState(CCmEventSynchronous& aWrapper) : m_Wrapper(aWrapper) {}
+    CSendState(const CSendState&) = delete;
+    CSendState& operator=(const CSendState&) = delete;
 
     // For the sender of a wrapper that has a queue; the caller must not touch it afterwards.
     CmResult Send();
@@ -436,7 +436,7 @@ class CCmEventSynchronous::CState {
             QueueState().CountSenderOut();
         }
     }
-    CCmEventQueueBase::CState& QueueState() {
+    CCmEventQueueBase::CQueueState& QueueState() {
         return CCmPrivateRoom::Of(m_Wrapper.m_pEventQueue->m_Private);
     }
 
@@ -465,9 +465,9 @@ CmResult CCmEventQueueBase::SendEvent(ICmEvent* aEvent) {
     return CCmPrivateRoom::Of(pSynchronous->m_Private).Send();
 }
 
-CmResult CCmEventSynchronous::CState::Send() {
+CmResult CCmEventSynchronous::CSendState::Send() {
     CCmEventQueueBase& queue = *m_Wrapper.m_pEventQueue;
-    CCmEventQueueBase::CState& queueState = QueueState();
+    CCmEventQueueBase::CQueueState& queueState = QueueState();
     m_bHoldsQueue = true;
     queueState.CountSenderIn();
     CCmCleanUpT giveUp([this, &queueState] {
@@ -484,7 +484,7 @@ CmResult CCmEventSynchronous::CState::Send() {
     return Wait();
 }
 
-CmResult CCmEventSynchronous::CState::Wait() {
+CmResult CCmEventSynchronous::CSendState::Wait() {
     CCmCleanUpT abandon([this] { Abandon(); });
     while (m_nOutcome.load(std::memory_order_acquire) == OUTCOME_NONE) {
         const CmResult rvWait = m_Wrapper.m_SendEvent.Wait(nullptr);
@@ -504,7 +504,7 @@ CmResult CCmEventSynchronous::CState::Wait() {
         return rv;
     }
     // The wrapper may be gone as soon as it is posted; the hold that the firing took outlives it.
-    CCmEventQueueBase::CState* const pHeld = m_bHoldsQueue ? &QueueState() : nullptr;
+    CCmEventQueueBase::CQueueState* const pHeld = m_bHoldsQueue ? &QueueState() : nullptr;
     CCmCleanUpT releaseQueue([pHeld] {
         if (pHeld != nullptr) {
             pHeld->CountSenderOut();
@@ -525,7 +525,7 @@ CCmEventSynchronous::CCmEventSynchronous(ICmEvent* aEvent, CCmEventQueueBase* aQ
 
 // Relaxed loads: whoever deletes the wrapper comes after the other one (LetGo).
 CCmEventSynchronous::~CCmEventSynchronous() {
-    CState& state = CCmPrivateRoom::Of(m_Private);
+    CSendState& state = CCmPrivateRoom::Of(m_Private);
     if (m_pEvent.load(std::memory_order_relaxed) != nullptr) {
         CCmDisableCancel disableCancel;
         state.DestroyEvent();
@@ -537,7 +537,7 @@ CCmEventSynchronous::~CCmEventSynchronous() {
 }
 
 CmResult CCmEventSynchronous::OnEventFire() {
-    CState& state = CCmPrivateRoom::Of(m_Private);
+    CSendState& state = CCmPrivateRoom::Of(m_Private);
     if (state.IsOnItsWayBack()) {
         return CM_OK;
     }
@@ -550,7 +550,7 @@ CmResult CCmEventSynchronous::OnEventFire() {
 }
 
 void CCmEventSynchronous::OnDestorySelf() {
-    CState& state = CCmPrivateRoom::Of(m_Private);
+    CSendState& state = CCmPrivateRoom::Of(m_Private);
     CCmCleanUpT letGo([&state] {
         state.DiscardUnlessFired();
         state.LetGo();
@@ -612,11 +612,11 @@ void CCmEventQueueUsingMutex::ProcessTakenEvents(std::list<ICmEvent*>& aEvents) 
 }
 
 // How the consumer waits and posts wake it, and the list nodes that its passes leave for posts.
-class CCmEventQueueUsingConditionVariable::CState {
+class CCmEventQueueUsingConditionVariable::CConditionQueueState {
   public:
-    explicit CState(CCmEventQueueUsingConditionVariable& aQueue) : m_Queue(aQueue) {}
-    CState(const CState&) = delete;
-    CState& operator=(const CState&) = delete;
+    explicit CConditionQueueState(CCmEventQueueUsingConditionVariable& aQueue) : m_Queue(aQueue) {}
+    CConditionQueueState(const CConditionQueueState&) = delete;
+    CConditionQueueState& operator=(const CConditionQueueState&) = delete;
 
     CmResult Post(ICmEvent* aEvent) {
         CCmEventQueueSteps::CPosting posting(m_Queue, aEvent);

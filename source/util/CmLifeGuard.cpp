@@ -18,7 +18,7 @@ constexpr long NAP_NSEC = 1000 * 1000;
 
 }  // namespace
 
-struct CCmLifeGuard::CState final : CCmReferenceControlT<CCmMutexThread> {
+struct CCmLifeGuard::CGuardState final : CCmReferenceControlT<CCmMutexThread> {
     bool Enter(CRun& aRun) {
         CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
         if (m_bClosed) {
@@ -73,7 +73,7 @@ struct CCmLifeGuard::CState final : CCmReferenceControlT<CCmMutexThread> {
     bool m_bClosed CM_GUARDED_BY(m_Mutex) = false;
 };
 
-CCmLifeGuard::CReference::CReference(CState* aState) : m_pState(aState) {
+CCmLifeGuard::CReference::CReference(CGuardState* aState) : m_pState(aState) {
     if (m_pState != nullptr) {
         m_pState->AddReference();
     }
@@ -99,7 +99,7 @@ CCmLifeGuard::CRun::~CRun() {
     }
 }
 
-CCmLifeGuard::CCmLifeGuard() : m_pState(new (std::nothrow) CState) {
+CCmLifeGuard::CCmLifeGuard() : m_pState(new (std::nothrow) CGuardState) {
     if (m_pState != nullptr) {
         m_pState->AddReference();
     }

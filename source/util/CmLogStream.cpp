@@ -262,7 +262,7 @@ CCmT120Trace2::CCmT120Trace2(const char* aName, CCmT120TraceMapEntry* aLevelTabl
 CCmT120Trace2::~CCmT120Trace2() = default;
 
 unsigned char CCmT120Trace2::load(void* aFile) {
-    CState::Load(*this, aFile, &m_sLogPath);
+    CTraceState::Load(*this, aFile, &m_sLogPath);
     return 1;
 }
 

@@ -83,7 +83,7 @@ CmResult ForEachPiece(Block* pMB, unsigned int aOffset, unsigned int aCount, int
 }  // namespace
 
 // Steps that reach into blocks.
-class CCmMessageBlock::CSteps {
+class CCmMessageBlock::CBlockSteps {
   public:
     // For a block whose area is set already.
     static CmResult RefuseArea(const CCmMessageBlock& aBlock) {
@@ -244,7 +244,7 @@ void CCmMessageBlock::DestroyOwned_i() {
 CmResult CCmMessageBlock::SetData(unsigned int aSize, const char* aData, unsigned long aFlag,
                                   unsigned int aAdvanceWritePtr) {
     if (CM_UNLIKELY(m_pBeginPtr != nullptr)) {
-        return CSteps::RefuseArea(*this);
+        return CBlockSteps::RefuseArea(*this);
     }
     if (aData == nullptr || (aFlag & ALLOCATE_DATA) != 0) {
         if (aSize != 0) {
@@ -254,13 +254,13 @@ CmResult CCmMessageBlock::SetData(unsigned int aSize, const char* aData, unsigne
                 return rv;
             }
             m_pDataBlock.Attach(pDb);
-            CSteps::SetArea(*this, pDb->m_pPayload, pDb->m_dwSize);
+            CBlockSteps::SetArea(*this, pDb->m_pPayload, pDb->m_dwSize);
         } else {
-            CSteps::SetArea(*this, nullptr, 0);  // a rewind may have set the write pointer
+            CBlockSteps::SetArea(*this, nullptr, 0);  // a rewind may have set the write pointer
         }
         aFlag &= ~EXTERNAL_DATA;
     } else {
-        CSteps::SetArea(*this, const_cast<char*>(aData), aSize);
+        CBlockSteps::SetArea(*this, const_cast<char*>(aData), aSize);
         aFlag |= EXTERNAL_DATA;
     }
     if (aAdvanceWritePtr != 0) {
@@ -273,13 +273,13 @@ CmResult CCmMessageBlock::SetData(unsigned int aSize, const char* aData, unsigne
 CmResult CCmMessageBlock::SetData(CCmDataBlock* aDb, unsigned long aFlag,
                                   unsigned int aAdvanceWritePtr) {
     if (CM_UNLIKELY(m_pBeginPtr != nullptr)) {
-        return CSteps::RefuseArea(*this);
+        return CBlockSteps::RefuseArea(*this);
     }
     m_pDataBlock = aDb;
     if (aDb != nullptr) {
-        CSteps::SetArea(*this, aDb->m_pPayload, aDb->m_dwSize);
+        CBlockSteps::SetArea(*this, aDb->m_pPayload, aDb->m_dwSize);
     } else {
-        CSteps::SetArea(*this, nullptr, 0);
+        CBlockSteps::SetArea(*this, nullptr, 0);
     }
     if (aAdvanceWritePtr != 0) {
         AdvanceTopLevelWritePtr(aAdvanceWritePtr);
@@ -291,7 +291,7 @@ CmResult CCmMessageBlock::SetData(CCmDataBlock* aDb, unsigned long aFlag,
 CmResult CCmMessageBlock::Read(void* aDst, unsigned int aCount, unsigned int* aBytesRead,
                                signed char aAdvance) {
     unsigned int dwRead = 0;
-    CmResult rv = CSteps::Read(*this, static_cast<char*>(aDst), aCount, aAdvance != 0, dwRead);
+    CmResult rv = CBlockSteps::Read(*this, static_cast<char*>(aDst), aCount, aAdvance != 0, dwRead);
     if (CM_FAILED(rv)) {
         return rv;
     }
@@ -302,7 +302,7 @@ CmResult CCmMessageBlock::Read(void* aDst, unsigned int aCount, unsigned int* aB
         }
         char* pDst = aDst != nullptr ? static_cast<char*>(aDst) + dwRead : nullptr;
         unsigned int dwPart = 0;
-        rv = CSteps::Read(*pMb, pDst, aCount - dwRead, aAdvance != 0, dwPart);
+        rv = CBlockSteps::Read(*pMb, pDst, aCount - dwRead, aAdvance != 0, dwPart);
         dwRead += dwPart;
     }
     StoreCount(aBytesRead, dwRead);
@@ -313,7 +313,7 @@ CmResult CCmMessageBlock::Write(const void* aSrc, unsigned int aCount,
                                 unsigned int* aBytesWritten) {
     const char* pSrc = static_cast<const char*>(aSrc);
     unsigned int dwWritten = 0;
-    CmResult rv = CSteps::Write(*this, pSrc, aCount, dwWritten);
+    CmResult rv = CBlockSteps::Write(*this, pSrc, aCount, dwWritten);
     if (CM_FAILED(rv)) {
         return rv;
     }
@@ -324,7 +324,7 @@ CmResult CCmMessageBlock::Write(const void* aSrc, unsigned int aCount,
             break;
         }
         unsigned int dwPart = 0;
-        rv = CSteps::Write(*pMb, pSrc + dwWritten, aCount - dwWritten, dwPart);
+        rv = CBlockSteps::Write(*pMb, pSrc + dwWritten, aCount - dwWritten, dwPart);
         dwWritten += dwPart;
     }
     StoreCount(aBytesWritten, dwWritten);
@@ -399,13 +399,13 @@ void CCmMessageBlock::RewindChained(CCmMessageBlock* aMb) {
 void CCmMessageBlock::DestroyChained(CCmMessageBlock* aMb) {
     CCmMessageBlock* pLeftAlone = nullptr;
     while (aMb != nullptr) {
-        aMb = CSteps::DestroyIfDuplicated(aMb, pLeftAlone);
+        aMb = CBlockSteps::DestroyIfDuplicated(aMb, pLeftAlone);
     }
 }
 
 CCmMessageBlock* CCmMessageBlock::DuplicateTopLevel() const {
     if (CM_UNLIKELY(!CM_BIT_DISABLED(m_Flag, EXTERNAL_DATA))) {
-        return CSteps::DuplicateExternal(*this);
+        return CBlockSteps::DuplicateExternal(*this);
     }
     try {
         return new CCmMessageBlock(*this, (m_Flag & ~(DATA_FLAGS | INTERNAL_FLAGS)) | DUPLICATED);
@@ -443,13 +443,14 @@ CCmMessageBlock* CCmMessageBlock::Disjoint(unsigned int aStart) {
     const unsigned int dwMoved = pCut->GetTopLevelLength() - dwKeep;
     CCmMessageBlock* pInside = dwMoved != 0 ? pCut->DuplicateTopLevel() : nullptr;
     CCmMessageBlock copies;
-    if ((dwMoved != 0 && pInside == nullptr) || !CSteps::DuplicateForeign(*this, *pCut, copies)) {
+    if ((dwMoved != 0 && pInside == nullptr) ||
+        !CBlockSteps::DuplicateForeign(*this, *pCut, copies)) {
         DestroyChained(pInside);
         DestroyChained(copies.m_pNext);
         return nullptr;
     }
     CCmMessageBlock anchor;
-    CSteps::LinkTail(pInside != nullptr ? pInside : &anchor, pCut->m_pNext, copies.m_pNext);
+    CBlockSteps::LinkTail(pInside != nullptr ? pInside : &anchor, pCut->m_pNext, copies.m_pNext);
     pCut->m_pNext = nullptr;
     if (pInside == nullptr) {
         return anchor.m_pNext;
@@ -470,7 +471,7 @@ CCmMessageBlock* CCmMessageBlock::ReclaimGarbage() {
     CCmMessageBlock* pLeftAlone = nullptr;
     CCmMessageBlock* pMb = this;
     while (pMb != nullptr && LowBits(pMb->m_pWritePtr) == LowBits(pMb->m_pReadPtr)) {
-        pMb = CSteps::DestroyIfDuplicated(pMb, pLeftAlone);
+        pMb = CBlockSteps::DestroyIfDuplicated(pMb, pLeftAlone);
     }
     return pMb;
 }

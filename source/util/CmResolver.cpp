@@ -387,14 +387,14 @@ void CQuestions::StartLookup(uint64_t aId, const CCmString& aName, CCmIpAddress:
 
 }  // namespace
 
-struct CM_UTIL_HIDDEN ACmResolution::CState {
+struct CM_UTIL_HIDDEN ACmResolution::CResolutionState {
     COutcome m_Outcome;
     uint64_t m_ullId = 0;
     std::shared_ptr<CQuestions> m_pQuestions;  // null until it is asked
 };
 
-struct CM_UTIL_HIDDEN CCmResolver::CState {
-    CState() {
+struct CM_UTIL_HIDDEN CCmResolver::CResolverState {
+    CResolverState() {
         try {
             m_pQuestions = std::make_shared<CQuestions>();
         } catch (const std::exception&) {
@@ -410,7 +410,7 @@ struct CM_UTIL_HIDDEN CCmResolver::CState {
     std::shared_ptr<CQuestions> m_pQuestions;  // null without memory
 };
 
-CmResult CCmResolver::CState::StartWatcher() {
+CmResult CCmResolver::CResolverState::StartWatcher() {
     const CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
     if (m_pWatcher != nullptr) {
         return CM_OK;
@@ -426,8 +426,8 @@ CmResult CCmResolver::CState::StartWatcher() {
 }
 
 // On success the answer is owned.
-CmResult CCmResolver::CState::Ask(std::string_view aName, const CCmTimeValue& aLimit, uint64_t aId,
-                                  CJob& aJob) {
+CmResult CCmResolver::CResolverState::Ask(std::string_view aName, const CCmTimeValue& aLimit,
+                                          uint64_t aId, CJob& aJob) {
     CCmIpAddress address;
     if (aJob.m_pQueue == nullptr || aLimit <= CCmTimeValue()) {
         return CM_ERROR_INVALID_ARG;
@@ -462,7 +462,7 @@ ACmResolution::ACmResolution() {
 }
 
 ACmResolution::~ACmResolution() {
-    CState& state = CCmPrivateRoom::Of(m_Private);
+    CResolutionState& state = CCmPrivateRoom::Of(m_Private);
     if (state.m_pQuestions != nullptr) {
         state.m_pQuestions->TakeLive(state.m_ullId);
     }
@@ -478,7 +478,7 @@ const std::vector<CCmIpAddress>& ACmResolution::addresses() const {
 }
 
 CmResult ACmResolution::OnEventFire() {
-    const CState& state = CCmPrivateRoom::Of(m_Private);
+    const CResolutionState& state = CCmPrivateRoom::Of(m_Private);
     if (state.m_pQuestions != nullptr && state.m_pQuestions->TakeLive(state.m_ullId)) {
         OnResolved();
     }
@@ -491,7 +491,7 @@ CCmResolver::CCmResolver() {
 
 CCmResolver::~CCmResolver() {
     CCmDisableCancel disableCancel;
-    CState& state = CCmPrivateRoom::Of(m_Private);
+    CResolverState& state = CCmPrivateRoom::Of(m_Private);
     if (state.m_pQuestions != nullptr) {
         const CJobs jobs = state.m_pQuestions->Close();
         if (state.m_pWatcher != nullptr) {
@@ -512,10 +512,10 @@ CmResult CCmResolver::Resolve(std::string_view aName, ICmEventQueue* aQueue, ACm
     if (aAnswer == nullptr) {
         return CM_ERROR_INVALID_ARG;
     }
-    CState& state = CCmPrivateRoom::Of(m_Private);
+    CResolverState& state = CCmPrivateRoom::Of(m_Private);
     CmResult rv = CM_ERROR_OUT_OF_MEMORY;
     if (state.m_pQuestions != nullptr) {
-        ACmResolution::CState& answer = CCmPrivateRoom::Of(aAnswer->m_Private);
+        ACmResolution::CResolutionState& answer = CCmPrivateRoom::Of(aAnswer->m_Private);
         answer.m_pQuestions = state.m_pQuestions;
         const uint64_t ullId = answer.m_ullId = state.m_pQuestions->NewId();
         if (aId != nullptr) {
@@ -539,7 +539,7 @@ CmResult CCmResolver::Resolve(std::string_view aName, ICmEventQueue* aQueue, ACm
 
 CmResult CCmResolver::Cancel(uint64_t aId) {
     CCmDisableCancel disableCancel;
-    CState& state = CCmPrivateRoom::Of(m_Private);
+    CResolverState& state = CCmPrivateRoom::Of(m_Private);
     ACmResolution* pAnswer = nullptr;
     if (state.m_pQuestions == nullptr || !state.m_pQuestions->Cancel(aId, pAnswer)) {
         return CM_ERROR_NOT_FOUND;

@@ -197,7 +197,7 @@ CCmT120Trace* CCmT120Trace::instance() {
 
 bool CCmT120Trace::is_wanted(unsigned long aLevel) {
     const CCmT120Trace* pFacility = t120_trace.load(std::memory_order_acquire);
-    return pFacility == nullptr || CState::PassingFunction(*pFacility, aLevel) != nullptr;
+    return pFacility == nullptr || CTraceState::PassingFunction(*pFacility, aLevel) != nullptr;
 }
 
 // Its mutex needs no system call, so the construction has nothing to trace.
@@ -227,7 +227,7 @@ CCmT120Trace::CCmT120Trace(const char* aName, CCmT120TraceMapEntry* aLevelTable,
         m_nDayOfMonth = date.tm_mday;
         m_nMonth = date.tm_mon + 1;
     }
-    CState::OpenBundle(*this);
+    CTraceState::OpenBundle(*this);
 }
 
 CCmT120Trace::~CCmT120Trace() {
@@ -236,7 +236,7 @@ CCmT120Trace::~CCmT120Trace() {
     CCmPrivateRoom::End(m_Private);
 }
 
-void CCmT120Trace::CState::OpenBundle(CCmT120Trace& aFacility) {
+void CCmT120Trace::CTraceState::OpenBundle(CCmT120Trace& aFacility) {
     CCmScopedLockT<CCmMutexThreadRecursive> lock(aFacility.m_Mutex);
     char szPath[MODULE_PATH_SIZE];
     if (FindBundle(szPath)) {
@@ -269,11 +269,11 @@ void CCmT120Trace::Close() {
 }
 
 unsigned char CCmT120Trace::load(void* aFile) {
-    CState::Load(*this, aFile, nullptr);
+    CTraceState::Load(*this, aFile, nullptr);
     return 1;
 }
 
-void CCmT120Trace::CState::Load(CCmT120Trace& aFacility, void* aFile, CCmString* aLogPath) {
+void CCmT120Trace::CTraceState::Load(CCmT120Trace& aFacility, void* aFile, CCmString* aLogPath) {
     CCmTraceGuard guard;
     std::atomic<void*>& hFile = aFacility.m_hTraceFiles[0];
     // Another thread may have loaded the facility. Acquire: whoever gets the facility from this
@@ -297,8 +297,8 @@ void CCmT120Trace::CState::Load(CCmT120Trace& aFacility, void* aFile, CCmString*
 
 // Closes aFile (see load) and opens a record, which is returned. If aFile was the facility's own
 // record, the new one takes its place at once; a first one is stored by the caller.
-void* CCmT120Trace::CState::OpenFile(CCmT120Trace& aFacility, void* aFile, unsigned long aSizeLimit,
-                                     CCmString* aLogPath) {
+void* CCmT120Trace::CTraceState::OpenFile(CCmT120Trace& aFacility, void* aFile,
+                                          unsigned long aSizeLimit, CCmString* aLogPath) {
     CCmScopedLockT<CCmMutexThreadRecursive> lock(aFacility.m_Mutex);
     std::atomic<void*>& hFile = aFacility.m_hTraceFiles[0];
     char szPath[FILE_PATH_SIZE];
@@ -317,8 +317,8 @@ void* CCmT120Trace::CState::OpenFile(CCmT120Trace& aFacility, void* aFile, unsig
     return hNew;
 }
 
-bool CCmT120Trace::CState::BuildFilePath(const CCmT120Trace& aFacility, char* aPath, size_t aSize,
-                                         CCmString* aLogPath) {
+bool CCmT120Trace::CTraceState::BuildFilePath(const CCmT120Trace& aFacility, char* aPath,
+                                              size_t aSize, CCmString* aLogPath) {
     const char* pszDir = get_trace_dir();
     const char* pszFileName = aFacility.m_pszFileName;
     if (pszFileName == nullptr) {
@@ -371,7 +371,7 @@ void refresh_trace_config() {
     CCmT120Trace::instance()->read_config();
 }
 
-constexpr CCmT120Trace::CState::FunctionField CCmT120Trace::CState::FieldOf(
+constexpr CCmT120Trace::CTraceState::FunctionField CCmT120Trace::CTraceState::FieldOf(
     CCmTraceLevel::EFunction aFunction) {
     switch (aFunction) {
         case CCmTraceLevel::FUNCTION_DEBUG:
@@ -387,7 +387,8 @@ constexpr CCmT120Trace::CState::FunctionField CCmT120Trace::CState::FieldOf(
     }
 }
 
-constexpr CCmT120Trace::CState::CFunctionFields CCmT120Trace::CState::MakeFunctionFields() {
+constexpr CCmT120Trace::CTraceState::CFunctionFields
+CCmT120Trace::CTraceState::MakeFunctionFields() {
     CFunctionFields fields = {};
     for (const CCmTraceLevel& level : CM_TRACE_LEVELS) {
         fields.m_Fields[level.m_ulLevel] = FieldOf(level.m_eFunction);
@@ -395,11 +396,11 @@ constexpr CCmT120Trace::CState::CFunctionFields CCmT120Trace::CState::MakeFuncti
     return fields;
 }
 
-constexpr CCmT120Trace::CState::CFunctionFields CCmT120Trace::CState::s_functionFields =
+constexpr CCmT120Trace::CTraceState::CFunctionFields CCmT120Trace::CTraceState::s_functionFields =
     MakeFunctionFields();
 
-CCmT120Trace::LevelFunction CCmT120Trace::CState::PassingFunction(const CCmT120Trace& aFacility,
-                                                                  unsigned long aLevel) {
+CCmT120Trace::LevelFunction CCmT120Trace::CTraceState::PassingFunction(
+    const CCmT120Trace& aFacility, unsigned long aLevel) {
     // Relaxed: the record is only compared with null, and each switch stands for itself.
     if (aFacility.m_hTraceFiles[0].load(std::memory_order_relaxed) == nullptr ||
         aFacility.m_bEnabled.load(std::memory_order_relaxed) != 1 ||
@@ -413,7 +414,7 @@ CCmT120Trace::LevelFunction CCmT120Trace::CState::PassingFunction(const CCmT120T
     return pField != nullptr ? (aFacility.*pField).load(std::memory_order_relaxed) : nullptr;
 }
 
-bool CCmT120Trace::CState::IsLevelOn(const CCmT120Trace& aFacility, unsigned long aLevel) {
+bool CCmT120Trace::CTraceState::IsLevelOn(const CCmT120Trace& aFacility, unsigned long aLevel) {
     return aLevel < aFacility.m_ulLevelCount &&
            aFacility.m_pLevelTable[aLevel].m_bEnabled.load(std::memory_order_relaxed) != 0;
 }
@@ -423,13 +424,13 @@ void CCmT120Trace::trace_string(unsigned long aLevel, char* aText) {
 }
 
 void CCmT120Trace::trace_string(unsigned long aLevel, const char* /*aModule*/, char* aText) {
-    if (LevelFunction pfnLevel = CState::PassingFunction(*this, aLevel)) {
+    if (LevelFunction pfnLevel = CTraceState::PassingFunction(*this, aLevel)) {
         pfnLevel(DELIVERED_MODULE, "%s", aText);
     }
 }
 
 unsigned char CCmT120Trace::enable_trace_print(unsigned long aLevel, const char* aModule) {
-    if (m_bEnabled.load(std::memory_order_relaxed) == 0 || !CState::IsLevelOn(*this, aLevel)) {
+    if (m_bEnabled.load(std::memory_order_relaxed) == 0 || !CTraceState::IsLevelOn(*this, aLevel)) {
         return 0;
     }
     if (aModule == nullptr) {

@@ -141,8 +141,8 @@ bool ReadFully(int aDescriptor, char* aBuffer, size_t aLength) {
 // while lines are composed and written, but never while a thread waits for another process: to
 // write to a shared file, a thread takes first the file's turn (CmFileTurn.h), then the lock of the
 // file, and m_Mutex last.
-struct CM_UTIL_HIDDEN CCmT120TraceFile::CState {
-    explicit CState(CCmT120TraceFile& aFile) : m_File(aFile) {}
+struct CM_UTIL_HIDDEN CCmT120TraceFile::CRecordState {
+    explicit CRecordState(CCmT120TraceFile& aFile) : m_File(aFile) {}
 
     // Flushes, and closes the attached file. From then on the record drops every line and attaches
     // no file.
@@ -198,7 +198,7 @@ CCmT120TraceFile::~CCmT120TraceFile() {
 
 CmResult CCmT120TraceFile::attach(const char* aPath) {
     CCmTraceGuard guard;
-    CState& state = CCmPrivateRoom::Of(m_Private);
+    CRecordState& state = CCmPrivateRoom::Of(m_Private);
     CCmScopedLockT<CCmMutexThread> lock(state.m_Mutex);
     if (m_pStream != nullptr) {
         return CM_ERROR_ALREADY_INITIALIZED;
@@ -216,7 +216,7 @@ CmResult CCmT120TraceFile::attach(const char* aPath) {
 
 void CCmT120TraceFile::write(const char* aTag, const char* aModule, const char* aText) {
     CCmTraceGuard guard;
-    CState& state = CCmPrivateRoom::Of(m_Private);
+    CRecordState& state = CCmPrivateRoom::Of(m_Private);
     if (m_bShared) {
         if (state.HasLineBuffer()) {
             write_shared(aTag, aModule, aText);
@@ -237,7 +237,7 @@ void CCmT120TraceFile::write(const char* aTag, const char* aModule, const char* 
 
 void CCmT120TraceFile::write_shared(const char* aTag, const char* aModule, const char* aText) {
     CCmTraceGuard guard;
-    CState& state = CCmPrivateRoom::Of(m_Private);
+    CRecordState& state = CCmPrivateRoom::Of(m_Private);
     FILE* const pStream = state.Stream();
     if (aText == nullptr || pStream == nullptr) {
         return;
@@ -258,7 +258,7 @@ void CCmT120TraceFile::write_shared(const char* aTag, const char* aModule, const
 
 void CCmT120TraceFile::flush_buffer() {
     CCmTraceGuard guard;
-    CState& state = CCmPrivateRoom::Of(m_Private);
+    CRecordState& state = CCmPrivateRoom::Of(m_Private);
     CCmScopedLockT<CCmMutexThread> lock(state.m_Mutex);
     state.Flush_l();
 }
@@ -266,7 +266,7 @@ void CCmT120TraceFile::flush_buffer() {
 // A new flush count needs a line buffer of another size; the old one has been flushed by then.
 unsigned char CCmT120TraceFile::refresh_settings(unsigned long aSizeLimit, int aFlushCount) {
     CCmTraceGuard guard;
-    CState& state = CCmPrivateRoom::Of(m_Private);
+    CRecordState& state = CCmPrivateRoom::Of(m_Private);
     CCmScopedLockT<CCmMutexThread> lock(state.m_Mutex);
     state.Flush_l();
     m_ulSizeLimit = aSizeLimit;
@@ -286,7 +286,7 @@ unsigned char CCmT120TraceFile::is_same_file(const char* aName) const {
     return aName != nullptr && m_pszName != nullptr && std::strcmp(aName, m_pszName) == 0 ? 1 : 0;
 }
 
-void CCmT120TraceFile::CState::Close() {
+void CCmT120TraceFile::CRecordState::Close() {
     FILE* pStream;
     {
         CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
@@ -303,8 +303,8 @@ void CCmT120TraceFile::CState::Close() {
     }
 }
 
-void CCmT120TraceFile::CState::CollectLine_l(const char* aTag, const char* aModule,
-                                             const char* aText) {
+void CCmT120TraceFile::CRecordState::CollectLine_l(const char* aTag, const char* aModule,
+                                                   const char* aText) {
     const size_t nRoom =
         static_cast<size_t>(m_File.m_nFlushCount) * LINE_SIZE - m_File.m_ulBufferedBytes;
     char* pchLine = m_File.m_pchLines + m_File.m_ulBufferedBytes;
@@ -326,7 +326,7 @@ void CCmT120TraceFile::CState::CollectLine_l(const char* aTag, const char* aModu
 
 // Lines that cannot be written are dropped: kept, they would fill the buffer, and no later line
 // would find room.
-void CCmT120TraceFile::CState::Flush_l() {
+void CCmT120TraceFile::CRecordState::Flush_l() {
     if (m_File.m_pStream == nullptr || m_File.m_ulBufferedBytes == 0) {
         return;
     }
@@ -343,24 +343,24 @@ void CCmT120TraceFile::CState::Flush_l() {
     ForgetLines_l();
 }
 
-void CCmT120TraceFile::CState::ForgetLines_l() {
+void CCmT120TraceFile::CRecordState::ForgetLines_l() {
     m_File.m_ulBufferedBytes = 0;
     m_File.m_nBufferedLines = 0;
 }
 
-FILE* CCmT120TraceFile::CState::Stream() {
+FILE* CCmT120TraceFile::CRecordState::Stream() {
     CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
     return m_File.m_pStream;
 }
 
-bool CCmT120TraceFile::CState::HasLineBuffer() {
+bool CCmT120TraceFile::CRecordState::HasLineBuffer() {
     CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
     return m_File.m_pchLines != nullptr;
 }
 
 // With the file's lock. The record may have been closed while this thread waited for that.
-void CCmT120TraceFile::CState::WriteShared_l(const char* aTag, const char* aModule,
-                                             const char* aText) {
+void CCmT120TraceFile::CRecordState::WriteShared_l(const char* aTag, const char* aModule,
+                                                   const char* aText) {
     long lPosition = 0;
     if (m_File.m_pStream == nullptr || !ReadPosition_l(lPosition)) {
         return;
@@ -373,8 +373,8 @@ void CCmT120TraceFile::CState::WriteShared_l(const char* aTag, const char* aModu
 }
 
 // A line of any length; one for which there is no memory is cut to LINE_SIZE.
-void CCmT120TraceFile::CState::WriteLine_l(long aPosition, const char* aTag, const char* aModule,
-                                           const char* aText) {
+void CCmT120TraceFile::CRecordState::WriteLine_l(long aPosition, const char* aTag,
+                                                 const char* aModule, const char* aText) {
     if (regex_match(aModule) == 0) {
         WriteAt_l(aPosition, "", 0);
         return;
@@ -409,7 +409,7 @@ void CCmT120TraceFile::CState::WriteLine_l(long aPosition, const char* aTag, con
 // file's lock waits for another file's lock that another thread of this process holds. No thread
 // here waits for a lock while it holds one, so that lock is soon released, and asking again is
 // enough.
-void CCmT120TraceFile::CState::RequestFileLock(struct flock& aRequest) const {
+void CCmT120TraceFile::CRecordState::RequestFileLock(struct flock& aRequest) const {
     while (g_cmSystem.fcntl(m_File.m_nDescriptor, F_SETLKW, &aRequest) < 0) {
         if (errno == EDEADLK) {
             g_cmSystem.nanosleep(&DEADLOCK_NAP, nullptr);
@@ -424,7 +424,7 @@ void CCmT120TraceFile::CState::RequestFileLock(struct flock& aRequest) const {
 //
 // Files are read and written by their descriptor; the stream, a required field, only owns it. Its
 // buffer would hide what another process has changed.
-bool CCmT120TraceFile::CState::ReadPosition_l(long& aPosition) const {
+bool CCmT120TraceFile::CRecordState::ReadPosition_l(long& aPosition) const {
     char szHeader[HEADER_LENGTH + 1] = {};
     if (!ReadFully(m_File.m_nDescriptor, szHeader, HEADER_LENGTH)) {
         return false;
@@ -433,12 +433,12 @@ bool CCmT120TraceFile::CState::ReadPosition_l(long& aPosition) const {
     return aPosition >= 0 && aPosition <= POSITION_MAX;
 }
 
-bool CCmT120TraceFile::CState::IsAtLimit_l(long aPosition) const {
+bool CCmT120TraceFile::CRecordState::IsAtLimit_l(long aPosition) const {
     return m_File.m_ulSizeLimit != 0 &&
            static_cast<unsigned long>(aPosition) >= m_File.m_ulSizeLimit;
 }
 
-void CCmT120TraceFile::CState::Truncate_l(long aPosition) {
+void CCmT120TraceFile::CRecordState::Truncate_l(long aPosition) {
     if (!IsWithinFileSizeLimit(aPosition)) {
         return;
     }
@@ -448,7 +448,7 @@ void CCmT120TraceFile::CState::Truncate_l(long aPosition) {
 
 // The header is written last. If a write before it fails, it still has the old position, and the
 // next line overwrites what was written after that.
-void CCmT120TraceFile::CState::WriteAt_l(long aPosition, const char* aText, size_t aLength) {
+void CCmT120TraceFile::CRecordState::WriteAt_l(long aPosition, const char* aText, size_t aLength) {
     const long lEnd = aPosition + static_cast<long>(aLength);
     if (!IsWithinFileSizeLimit(lEnd + static_cast<long>(MARKER_LENGTH)) ||
         !WriteFully(m_File.m_nDescriptor, aText, aLength, aPosition) ||
@@ -462,7 +462,7 @@ void CCmT120TraceFile::CState::WriteAt_l(long aPosition, const char* aText, size
 
 // What a manager keeps beside its stated fields, and its steps. No constructor makes it, since
 // g_trace_mgr is used before any constructor runs: all zeros are a manager in use.
-struct CM_UTIL_HIDDEN CCmT120TraceFileMgr::CState {
+struct CM_UTIL_HIDDEN CCmT120TraceFileMgr::CManagerState {
     static bool IsClosed(const CCmT120TraceFileMgr& aManager);
     static void CloseRecords(CCmT120TraceFileMgr& aManager);
     static void DeleteRecords(CCmT120TraceFileMgr& aManager);
@@ -473,9 +473,9 @@ struct CM_UTIL_HIDDEN CCmT120TraceFileMgr::CState {
     std::atomic<bool> m_bClosed;
 };
 
-bool CCmT120TraceFileMgr::CState::IsClosed(const CCmT120TraceFileMgr& aManager) {
-    static_assert(std::is_trivially_default_constructible_v<CState>);
-    static_assert(2 * sizeof(CState) <= sizeof(aManager.m_Private));
+bool CCmT120TraceFileMgr::CManagerState::IsClosed(const CCmT120TraceFileMgr& aManager) {
+    static_assert(std::is_trivially_default_constructible_v<CManagerState>);
+    static_assert(2 * sizeof(CManagerState) <= sizeof(aManager.m_Private));
     return CCmPrivateRoom::Of(aManager.m_Private).m_bClosed.load(std::memory_order_relaxed);
 }
 
@@ -487,16 +487,16 @@ CCmT120TraceFileMgr::~CCmT120TraceFileMgr() {
     // From here on open and close do nothing: a host's own manager is about to lose its mutex.
     CCmPrivateRoom::Of(m_Private).m_bClosed.store(true, std::memory_order_relaxed);
     if (this == &g_trace_mgr) {
-        CState::CloseRecords(*this);
+        CManagerState::CloseRecords(*this);
     } else {
-        CState::DeleteRecords(*this);
+        CManagerState::DeleteRecords(*this);
         m_Mutex.~CCmMutexThreadRecursive();
     }
 }
 
 // While the program exits, other threads may still use the records and the mutex: they are not
 // freed.
-void CCmT120TraceFileMgr::CState::CloseRecords(CCmT120TraceFileMgr& aManager) {
+void CCmT120TraceFileMgr::CManagerState::CloseRecords(CCmT120TraceFileMgr& aManager) {
     CCmScopedLockT<CCmMutexThreadRecursive> lock(aManager.m_Mutex);
     for (CCmT120TraceFile* pFile = aManager.m_pHeader.load(std::memory_order_relaxed);
          pFile != nullptr; pFile = pFile->m_pNext.load(std::memory_order_relaxed)) {
@@ -504,7 +504,7 @@ void CCmT120TraceFileMgr::CState::CloseRecords(CCmT120TraceFileMgr& aManager) {
     }
 }
 
-void CCmT120TraceFileMgr::CState::DeleteRecords(CCmT120TraceFileMgr& aManager) {
+void CCmT120TraceFileMgr::CManagerState::DeleteRecords(CCmT120TraceFileMgr& aManager) {
     CCmT120TraceFile* pFile = aManager.m_pHeader.exchange(nullptr, std::memory_order_relaxed);
     while (pFile != nullptr) {
         CCmT120TraceFile* pNext = pFile->m_pNext.load(std::memory_order_relaxed);
@@ -515,7 +515,7 @@ void CCmT120TraceFileMgr::CState::DeleteRecords(CCmT120TraceFileMgr& aManager) {
 
 void* CCmT120TraceFileMgr::open(const char* aName, unsigned long aSizeLimit, unsigned char aShared,
                                 unsigned char aIgnored) {
-    if (CState::IsClosed(*this)) {
+    if (CManagerState::IsClosed(*this)) {
         return nullptr;
     }
     CCmTraceGuard guard;
@@ -543,16 +543,16 @@ void* CCmT120TraceFileMgr::open(const char* aName, unsigned long aSizeLimit, uns
 }
 
 void CCmT120TraceFileMgr::close(void* aRecord) {
-    if (CState::IsClosed(*this)) {
+    if (CManagerState::IsClosed(*this)) {
         return;
     }
     CCmTraceGuard guard;
-    delete CState::Unlink(*this, aRecord);
+    delete CManagerState::Unlink(*this, aRecord);
 }
 
 // Takes the record out of the list and returns it, or null when it is not there.
-CCmT120TraceFile* CCmT120TraceFileMgr::CState::Unlink(CCmT120TraceFileMgr& aManager,
-                                                      const void* aRecord) {
+CCmT120TraceFile* CCmT120TraceFileMgr::CManagerState::Unlink(CCmT120TraceFileMgr& aManager,
+                                                             const void* aRecord) {
     CCmScopedLockT<CCmMutexThreadRecursive> lock(aManager.m_Mutex);
     std::atomic<CCmT120TraceFile*>* pLink = &aManager.m_pHeader;
     while (CCmT120TraceFile* pFile = pLink->load(std::memory_order_relaxed)) {

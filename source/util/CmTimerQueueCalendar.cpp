@@ -144,7 +144,7 @@ CmResult CancelForGood(ICmTimerQueue& aQueue, ICmTimerHandler* aEh) {
     return rv;
 }
 
-class CM_UTIL_HIDDEN CCmTimerQueueCalendar::CState : public CTimerStore {
+class CM_UTIL_HIDDEN CCmTimerQueueCalendar::CCalendarState : public CTimerStore {
   public:
     using CTimerStore::CTimerStore;
     CmResult PushEvent(CCmTimerQueueCalendar& aQueue, NodeType* aNode, CmResult aResult);
@@ -152,8 +152,8 @@ class CM_UTIL_HIDDEN CCmTimerQueueCalendar::CState : public CTimerStore {
 
 // Adds a timer with interval zero and, for the first one, posts the event that will fire them.
 // aResult: what to return when the event is posted already.
-CmResult CCmTimerQueueCalendar::CState::PushEvent(CCmTimerQueueCalendar& aQueue, NodeType* aNode,
-                                                  CmResult aResult) {
+CmResult CCmTimerQueueCalendar::CCalendarState::PushEvent(CCmTimerQueueCalendar& aQueue,
+                                                          NodeType* aNode, CmResult aResult) {
     const bool bIsPosted = aQueue.m_pEvents != nullptr;
     PushHead(aQueue.m_pEvents, aNode);
     if (bIsPosted) {
@@ -179,9 +179,10 @@ CCmTimerQueueCalendar::CCmTimerQueueCalendar(unsigned int aSlotInterval, unsigne
       m_dwCurrentSlot(0),
       m_pEventQueue(aEventQueue != nullptr ? aEventQueue : EventQueueOfThisThread()),
       m_pEvents(nullptr) {
-    static_assert(std::is_nothrow_constructible_v<CState, HandlersType&>, "needs no memory yet");
+    static_assert(std::is_nothrow_constructible_v<CCalendarState, HandlersType&>,
+                  "needs no memory yet");
     CCmPrivateRoom::Make(m_Private, m_Handlers);
-    m_ppSlots = new (std::nothrow) CNode*[size_t{m_dwMaxSlotNumber} + 1]();
+    m_ppSlots = new (std::nothrow) CCalendarNode*[size_t{m_dwMaxSlotNumber} + 1]();
 }
 
 CCmTimerQueueCalendar::~CCmTimerQueueCalendar() {
@@ -203,12 +204,12 @@ CmResult CCmTimerQueueCalendar::ScheduleTimer(ICmTimerHandler* aEh, void* aToken
     if (CM_UNLIKELY(m_ppSlots == nullptr)) {
         return CM_ERROR_OUT_OF_MEMORY;
     }
-    CState& state = CCmPrivateRoom::Of(m_Private);
+    CCalendarState& state = CCmPrivateRoom::Of(m_Private);
     const bool bForWheel = aInterval != CCmTimeValue::s_tvZero;
     const HandlersType::iterator* const pKnown = state.FindEntry(aEh);
     const bool bIsKnown = pKnown != nullptr;
     HandlersType::iterator itEntry = bIsKnown ? *pKnown : m_Handlers.end();
-    CNode* pNode = bIsKnown ? RemoveUniqueSlot_i((*pKnown)->second, aEh) : nullptr;
+    CCalendarNode* pNode = bIsKnown ? RemoveUniqueSlot_i((*pKnown)->second, aEh) : nullptr;
     const CmResult rv = pNode != nullptr ? CM_ERROR_FOUND : CM_OK;
     // All memory is taken before anything changes; a timer that was just taken out of its slot
     // needs none.
@@ -239,7 +240,7 @@ CmResult CCmTimerQueueCalendar::ScheduleTimer(ICmTimerHandler* aEh, void* aToken
 }
 
 // Puts a node into the wheel, aInterval ahead of the current slot; its handler has an entry.
-void CCmTimerQueueCalendar::InsertUnique_i(const CCmTimeValue& aInterval, CNode* aNode) {
+void CCmTimerQueueCalendar::InsertUnique_i(const CCmTimeValue& aInterval, CCalendarNode* aNode) {
     DWORD dwDistance = Distance(aInterval, m_dwInterval);
     if (dwDistance > m_dwMaxSlotNumber - 1) {
         CM_ERROR_TRACE_THIS("CCmTimerQueueCalendar::InsertUnique_i, exceed max interval."
@@ -259,13 +260,13 @@ void CCmTimerQueueCalendar::InsertUnique_i(const CCmTimeValue& aInterval, CNode*
 CmResult CCmTimerQueueCalendar::CancelTimer(ICmTimerHandler* aEh) {
     m_Est.EnsureSingleThread();
     CM_ASSERTE_RETURN_LINE(aEh, CM_ERROR_INVALID_ARG, 157);
-    CState& state = CCmPrivateRoom::Of(m_Private);
+    CCalendarState& state = CCmPrivateRoom::Of(m_Private);
     if (m_pEvents != nullptr && t_pCancelledForGood == aEh) {
-        while (CNode* pEvent = Unlink(m_pEvents, aEh)) {
+        while (CCalendarNode* pEvent = Unlink(m_pEvents, aEh)) {
             state.Keep(pEvent);
         }
     }
-    CNode* pNode = RemoveUniqueHandler_i(aEh);
+    CCalendarNode* pNode = RemoveUniqueHandler_i(aEh);
     if (pNode == nullptr) {
         return CM_ERROR_NOT_FOUND;
     }
@@ -275,8 +276,9 @@ CmResult CCmTimerQueueCalendar::CancelTimer(ICmTimerHandler* aEh) {
 
 // Takes the handler's node out of the wheel. A handler without an entry loses its node in the event
 // chain instead; then, too, the result is null.
-CCmTimerQueueCalendar::CNode* CCmTimerQueueCalendar::RemoveUniqueHandler_i(ICmTimerHandler* aEh) {
-    CState& state = CCmPrivateRoom::Of(m_Private);
+CCmTimerQueueCalendar::CCalendarNode* CCmTimerQueueCalendar::RemoveUniqueHandler_i(
+    ICmTimerHandler* aEh) {
+    CCalendarState& state = CCmPrivateRoom::Of(m_Private);
     if (const HandlersType::iterator* pKnown = state.FindEntry(aEh)) {
         return RemoveUniqueSlot_i((*pKnown)->second, aEh);
     }
@@ -286,8 +288,8 @@ CCmTimerQueueCalendar::CNode* CCmTimerQueueCalendar::RemoveUniqueHandler_i(ICmTi
 
 // Null when the node has moved from the wheel to the event chain: its entry stays, with the slot
 // that it was in.
-CCmTimerQueueCalendar::CNode* CCmTimerQueueCalendar::RemoveUniqueSlot_i(DWORD aSlot,
-                                                                        ICmTimerHandler* aEh) {
+CCmTimerQueueCalendar::CCalendarNode* CCmTimerQueueCalendar::RemoveUniqueSlot_i(
+    DWORD aSlot, ICmTimerHandler* aEh) {
     return Unlink(m_ppSlots[aSlot], aEh);
 }
 
@@ -296,13 +298,13 @@ void CCmTimerQueueCalendar::TimerTick() {
     if (CM_UNLIKELY(m_ppSlots == nullptr)) {
         return;
     }
-    CNode*& pSlot = m_ppSlots[m_dwCurrentSlot];
+    CCalendarNode*& pSlot = m_ppSlots[m_dwCurrentSlot];
     if (pSlot != nullptr) {
         const CCmTimeValue tvNow = CCmTimeValue::GetTimeOfDay();
-        CState& state = CCmPrivateRoom::Of(m_Private);
+        CCalendarState& state = CCmPrivateRoom::Of(m_Private);
         // A handler may have changed the chain, so each round looks at it afresh.
         do {
-            CNode* pNode = PopHead(pSlot);
+            CCalendarNode* pNode = PopHead(pSlot);
             ICmTimerHandler* pEh = pNode->m_pEh;
             void* pToken = pNode->m_pToken;
             // Before the call, so that the handler may cancel or replace its timer. The wheel still
@@ -321,9 +323,9 @@ void CCmTimerQueueCalendar::TimerTick() {
 CmResult CCmTimerQueueCalendar::OnEventFire() {
     m_Est.EnsureSingleThread();
     const CCmTimeValue tvNow = CCmTimeValue::GetTimeOfDay();
-    CState& state = CCmPrivateRoom::Of(m_Private);
+    CCalendarState& state = CCmPrivateRoom::Of(m_Private);
     while (m_pEvents != nullptr) {
-        CNode* pNode = PopHead(m_pEvents);
+        CCalendarNode* pNode = PopHead(m_pEvents);
         ICmTimerHandler* pEh = pNode->m_pEh;
         void* pToken = pNode->m_pToken;
         state.Keep(pNode);  // before the call: a timer that the handler schedules may use it

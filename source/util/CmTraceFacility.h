@@ -14,7 +14,7 @@
 namespace UTIL_NS {
 
 // What a facility keeps beside its stated fields, and its steps.
-class CM_UTIL_HIDDEN CCmT120Trace::CState {
+class CM_UTIL_HIDDEN CCmT120Trace::CTraceState {
   public:
     // load, which also stores the path of a file that is named after the process in aLogPath
     // unless that is null.
