@@ -208,7 +208,7 @@ CmResult CCmTimerQueueCalendar::ScheduleTimer(ICmTimerHandler* aEh, void* aToken
     const HandlersType::iterator* const pKnown = state.FindEntry(aEh);
     const bool bIsKnown = pKnown != nullptr;
     HandlersType::iterator itEntry = bIsKnown ? *pKnown : m_Handlers.end();
-    CNode* pNode = bIsKnown ? RemoveUniqueSlot_i(itEntry->second, aEh) : nullptr;
+    CNode* pNode = bIsKnown ? RemoveUniqueSlot_i((*pKnown)->second, aEh) : nullptr;
     const CmResult rv = pNode != nullptr ? CM_ERROR_FOUND : CM_OK;
     // All memory is taken before anything changes; a timer that was just taken out of its slot
     // needs none.
