@@ -16,8 +16,8 @@ namespace UTIL_NS {
 // cannot be opened or memory ran out. aDescriptor: that of the stream, which owns it.
 FILE* CmOpenTurnFile(const char* aPath, int& aDescriptor);
 
-// Closes what CmOpenTurnFile opened, at the latest when the turns that threads have taken or wait
-// for through aStream have ended. Waits for none of them.
+// Closes what CmOpenTurnFile opened, at the latest when every thread that has taken a turn through
+// aStream, or waits for one, has given it back. Waits for none of them.
 void CmCloseTurnFile(FILE* aStream);
 
 struct CCmTurnOpening;
