@@ -2,8 +2,8 @@
 ///
 /// Thin wrappers over POSIX threads. Every class may be used from any thread. A system call that
 /// fails is traced, except in Lock and TryLock (tracing itself takes locks), and reported as
-/// CM_ERROR_FAILURE; none throws. An object whose constructor failed exists all the same: that one
-/// line has been written, and none says that it cannot be destroyed either.
+/// CM_ERROR_FAILURE; none throws. An object whose constructor failed exists all the same; that it
+/// cannot be destroyed either is not traced a second time.
 /// \file
 #ifndef CM_CONDITION_VARIABLE_H
 #define CM_CONDITION_VARIABLE_H
@@ -90,10 +90,10 @@ class CM_UTIL_EXPORT CCmConditionVariableThread {
     /// Wakes every waiter. CM_OK or CM_ERROR_FAILURE.
     CmResult Broadcast();
     /// Releases the bound mutex, which the caller holds, waits, and takes it again. aTimeout:
-    /// relative to now, on the wall clock; null and s_tvMax wait without limit, zero or less does
-    /// not wait. CM_OK: woken, or interrupted, or for no reason at all, so the caller looks at its
-    /// own state. CM_ERROR_TIMEOUT, CM_ERROR_FAILURE. A cancellation point; the mutex is held again
-    /// when the thread's clean-up handlers run.
+    /// relative to now, on the wall clock; null waits without limit, s_tvMax as good as that, zero
+    /// or less not at all. CM_OK: woken, or interrupted, or for no reason at all, so the caller
+    /// looks at its own state. CM_ERROR_TIMEOUT, CM_ERROR_FAILURE. A cancellation point; the mutex
+    /// is held again when the thread's clean-up handlers run.
     CmResult Wait(CCmTimeValue* aTimeout);
 
   private:
