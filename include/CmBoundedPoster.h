@@ -109,7 +109,6 @@ class CM_UTIL_EXPORT CCmBoundedPoster {
     CmResult TakeRoom(const CCmTimeValue* aLimit);
     CmResult PostEvent(CBoundedEvent* aEvent);
 
-    ICmEventQueue& m_Queue;
     CState* m_pState;
 };
 

@@ -15,8 +15,11 @@
 namespace UTIL_NS {
 
 struct CCmBoundedPoster::CState final : CCmReferenceControlT<CCmMutexThread> {
-    CState(DWORD aMaxCount, DWORD aLowWater, ICmEvent* aOnLowWater)
-        : m_dwMaxCount(aMaxCount), m_dwLowWater(aLowWater), m_pOnLowWater(aOnLowWater) {}
+    CState(ICmEventQueue& aQueue, DWORD aMaxCount, DWORD aLowWater, ICmEvent* aOnLowWater)
+        : m_Queue(aQueue),
+          m_dwMaxCount(aMaxCount),
+          m_dwLowWater(aLowWater),
+          m_pOnLowWater(aOnLowWater) {}
     ~CState() override {
         if (m_pOnLowWater != nullptr) {
             m_pOnLowWater->OnDestorySelf();
@@ -66,6 +69,8 @@ struct CCmBoundedPoster::CState final : CCmReferenceControlT<CCmMutexThread> {
         return m_dwCount;
     }
     CmResult Result() const { return m_Guard.Result(); }
+    // For the poster: the events outlive it, and perhaps the queue.
+    ICmEventQueue& Queue() const { return m_Queue; }
     void End() { m_Guard.End(); }
 
   private:
@@ -112,6 +117,7 @@ struct CCmBoundedPoster::CState final : CCmReferenceControlT<CCmMutexThread> {
         aWaiter.m_bLinked = false;
     }
 
+    ICmEventQueue& m_Queue;
     const DWORD m_dwMaxCount;
     const DWORD m_dwLowWater;
     ICmEvent* const m_pOnLowWater;  // owned
@@ -125,8 +131,7 @@ struct CCmBoundedPoster::CState final : CCmReferenceControlT<CCmMutexThread> {
 };
 
 CCmBoundedPoster::CCmBoundedPoster(ICmEventQueue& aQueue, DWORD aMaxCount)
-    : m_Queue(aQueue),
-      m_pState(new (std::nothrow) CState(std::max<DWORD>(aMaxCount, 1), 0, nullptr)) {
+    : m_pState(new (std::nothrow) CState(aQueue, std::max<DWORD>(aMaxCount, 1), 0, nullptr)) {
     if (m_pState != nullptr) {
         m_pState->AddReference();
     }
@@ -134,13 +139,13 @@ CCmBoundedPoster::CCmBoundedPoster(ICmEventQueue& aQueue, DWORD aMaxCount)
 
 CCmBoundedPoster::CCmBoundedPoster(ICmEventQueue& aQueue, DWORD aMaxCount, DWORD aLowWater,
                                    ICmEvent* aOnLowWater)
-    : m_Queue(aQueue), m_pState(nullptr) {
+    : m_pState(nullptr) {
     if (aOnLowWater == nullptr) {
         return;
     }
     const DWORD dwMaxCount = std::max<DWORD>(aMaxCount, 1);
-    m_pState =
-        new (std::nothrow) CState(dwMaxCount, std::min(aLowWater, dwMaxCount - 1), aOnLowWater);
+    m_pState = new (std::nothrow)
+        CState(aQueue, dwMaxCount, std::min(aLowWater, dwMaxCount - 1), aOnLowWater);
     if (m_pState == nullptr) {
         aOnLowWater->OnDestorySelf();
         return;
@@ -168,7 +173,7 @@ CmResult CCmBoundedPoster::TakeRoom(const CCmTimeValue* aLimit) {
     if (CM_FAILED(rv)) {
         return rv;
     }
-    const bool bWaits = aLimit != nullptr && !CCmEventQueueSteps::IsOwnThread(m_Queue);
+    const bool bWaits = aLimit != nullptr && !CCmEventQueueSteps::IsOwnThread(m_pState->Queue());
     const long long llDeadline = bWaits ? CmLaterNsec(CmMonotonicNsec(), *aLimit) : CM_NEVER_NSEC;
     return m_pState->TakeRoom(bWaits, llDeadline);
 }
@@ -180,7 +185,7 @@ CmResult CCmBoundedPoster::PostEvent(CBoundedEvent* aEvent) {
     }
     m_pState->AddReference();
     aEvent->m_pState = m_pState;
-    return m_Queue.PostEvent(aEvent, ICmEventQueue::EPRIORITY_NORMAL);
+    return m_pState->Queue().PostEvent(aEvent, ICmEventQueue::EPRIORITY_NORMAL);
 }
 
 void CCmBoundedPoster::CBoundedEvent::OnDestorySelf() {
