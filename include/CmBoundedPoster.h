@@ -108,7 +108,6 @@ class CM_UTIL_EXPORT CCmBoundedPoster {
     CmResult TakeRoom(const CCmTimeValue* aLimit);
     CmResult PostEvent(CBoundedEvent* aEvent);
 
-    ICmEventQueue& m_Queue;
     CPosterState* m_pState;
 };
 

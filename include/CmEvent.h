@@ -21,7 +21,6 @@
 #ifndef CM_EVENT_H
 #define CM_EVENT_H
 
-#include <atomic>
 #include <new>
 #include <optional>
 #include <type_traits>
@@ -30,6 +29,7 @@
 #include "CmBase.h"
 #include "CmChrono.h"
 #include "CmEventQueueBase.h"
+#include "CmPrivateRoom.h"
 #include "CmThread.h"
 #include "CmTimeValue.h"
 
@@ -205,16 +205,9 @@ class CM_UTIL_EXPORT ACmCallEvent : public ICmEvent {
     virtual void Drop() = 0;
 
   private:
-    struct CCallWait;
+    class CM_UTIL_HIDDEN CCallState;
 
-    CM_UTIL_HIDDEN CmResult CallWithin_i(ICmEventQueue& aQueue, const CCmTimeValue& aLimit);
-    CM_UTIL_HIDDEN void WakeCaller_i();
-    CM_UTIL_HIDDEN void Abandon_i();
-    CM_UTIL_HIDDEN void Release_i();
-
-    CCallWait* m_pWait;  // owned; of a call with a limit
-    std::atomic<int> m_nState;
-    std::atomic<int> m_nHolders;
+    CCmPrivateRoomT<CCallState, 96> m_Private;
 };
 
 /// The event that CmCall makes.

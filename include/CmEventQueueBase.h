@@ -213,6 +213,7 @@ class CM_UTIL_EXPORT CCmEventQueueUsingMutex : public CCmEventQueueBase {
 
   private:
     CCmMutexThread m_Mutex;
+    [[maybe_unused]] CCmPrivateRoomT<void, 64> m_Private;  // for later versions
 };
 
 /// The queue of a consumer that sleeps until an event arrives.

@@ -15,8 +15,11 @@
 namespace UTIL_NS {
 
 struct CCmBoundedPoster::CPosterState final : CCmReferenceControlT<CCmMutexThread> {
-    CPosterState(DWORD aMaxCount, DWORD aLowWater, ICmEvent* aOnLowWater)
-        : m_dwMaxCount(aMaxCount), m_dwLowWater(aLowWater), m_pOnLowWater(aOnLowWater) {}
+    CPosterState(ICmEventQueue& aQueue, DWORD aMaxCount, DWORD aLowWater, ICmEvent* aOnLowWater)
+        : m_Queue(aQueue),
+          m_dwMaxCount(aMaxCount),
+          m_dwLowWater(aLowWater),
+          m_pOnLowWater(aOnLowWater) {}
     ~CPosterState() override {
         if (m_pOnLowWater != nullptr) {
             m_pOnLowWater->OnDestorySelf();
@@ -72,6 +75,8 @@ struct CCmBoundedPoster::CPosterState final : CCmReferenceControlT<CCmMutexThrea
         return m_dwCount;
     }
     CmResult Result() const { return m_Guard.Result(); }
+    // For the poster: the events outlive it, and perhaps the queue.
+    ICmEventQueue& Queue() const { return m_Queue; }
     void Close() { m_Guard.End(); }
 
   private:
@@ -105,6 +110,7 @@ struct CCmBoundedPoster::CPosterState final : CCmReferenceControlT<CCmMutexThrea
         }
     }
 
+    ICmEventQueue& m_Queue;
     const DWORD m_dwMaxCount;
     const DWORD m_dwLowWater;
     ICmEvent* const m_pOnLowWater;  // owned
@@ -118,8 +124,7 @@ struct CCmBoundedPoster::CPosterState final : CCmReferenceControlT<CCmMutexThrea
 };
 
 CCmBoundedPoster::CCmBoundedPoster(ICmEventQueue& aQueue, DWORD aMaxCount)
-    : m_Queue(aQueue),
-      m_pState(new (std::nothrow) CPosterState(std::max<DWORD>(aMaxCount, 1), 0, nullptr)) {
+    : m_pState(new (std::nothrow) CPosterState(aQueue, std::max<DWORD>(aMaxCount, 1), 0, nullptr)) {
     if (m_pState != nullptr) {
         m_pState->AddReference();
     }
@@ -127,13 +132,13 @@ CCmBoundedPoster::CCmBoundedPoster(ICmEventQueue& aQueue, DWORD aMaxCount)
 
 CCmBoundedPoster::CCmBoundedPoster(ICmEventQueue& aQueue, DWORD aMaxCount, DWORD aLowWater,
                                    ICmEvent* aOnLowWater)
-    : m_Queue(aQueue), m_pState(nullptr) {
+    : m_pState(nullptr) {
     if (aOnLowWater == nullptr) {
         return;
     }
     const DWORD dwMaxCount = std::max<DWORD>(aMaxCount, 1);
     m_pState = new (std::nothrow)
-        CPosterState(dwMaxCount, std::min(aLowWater, dwMaxCount - 1), aOnLowWater);
+        CPosterState(aQueue, dwMaxCount, std::min(aLowWater, dwMaxCount - 1), aOnLowWater);
     if (m_pState == nullptr) {
         aOnLowWater->OnDestorySelf();
         return;
@@ -161,7 +166,7 @@ CmResult CCmBoundedPoster::TakeRoom(const CCmTimeValue* aLimit) {
     if (CM_FAILED(rv)) {
         return rv;
     }
-    const bool bWaits = aLimit != nullptr && !CCmEventQueueSteps::IsOwnThread(m_Queue);
+    const bool bWaits = aLimit != nullptr && !CCmEventQueueSteps::IsOwnThread(m_pState->Queue());
     const long long llDeadline = bWaits ? CmLaterNsec(CmMonotonicNsec(), *aLimit) : CM_NEVER_NSEC;
     return m_pState->TakeRoom(bWaits, llDeadline);
 }
@@ -173,7 +178,7 @@ CmResult CCmBoundedPoster::PostEvent(CBoundedEvent* aEvent) {
     }
     m_pState->AddReference();
     aEvent->m_pState = m_pState;
-    return m_Queue.PostEvent(aEvent, ICmEventQueue::EPRIORITY_NORMAL);
+    return m_pState->Queue().PostEvent(aEvent, ICmEventQueue::EPRIORITY_NORMAL);
 }
 
 void CCmBoundedPoster::CBoundedEvent::OnDestorySelf() {
