@@ -17,8 +17,8 @@ const char HELP_TEXT[] =
 
 Usage:
   rtp_monitor [OPTION...] CAPTURE               a pcap or pcapng file; -: standard input
-  rtp_monitor [OPTION...] udp://ADDRESS:PORT... local addresses to receive on, or multicast groups,
-                                                which are joined, also udp://GROUP:PORT?interface=NAME
+  rtp_monitor [OPTION...] udp://ADDRESS:PORT... local addresses to receive on, or multicast groups
+                                                (udp://GROUP:PORT?interface=NAME), which are joined
 
 Options:
   --fast              replay a capture as fast as it can be read, not at its own pace
@@ -36,16 +36,18 @@ Options:
                       characters with the last / (default /tmp/)
   --help              this text
 
-Settings are read from section RtpMonitor of conf/kelto.cfg (keys Workers, Interval, Streams, Level, and
-Clock.TYPE for each payload type); options override them. Section Trace of the same file says what
+Settings are read from section RtpMonitor of conf/kelto.cfg (keys Workers, Interval, Streams, Level,
+and Clock.TYPE for each payload type); options override them. Section Trace of the same file says what
 the library itself traces. A value there that makes no sense ends the run; a key of section
 RtpMonitor that means nothing is named on standard error.
 
 Columns: packets and bytes (of payload) that arrived; lost, of those expected by sequence number;
-dup, arrived again; late, arrived out of order; jitter as in RFC 3550, in milliseconds; kbit/s over
+here, dropped by the monitor's own socket; dup, arrived again; order, arrived out of order; late,
+arrived more than 100 packets late; stray, belonged nowhere; new, how often it began anew; jitter as in RFC 3550, in milliseconds; kbit/s over
 the whole stream and over the last interval (not with --fast); the longest gap between two packets.
-A source counts as a stream once two packets have come in sequence. RTCP, UDP packets that are not
-RTP, and packets that are not whole UDP packets over IPv4 are counted and otherwise left alone.
+A stream of which no two packets with consecutive numbers have come is doubtful and has a "?" after
+its payload type. RTCP, other UDP packets and frames without UDP are counted and otherwise left
+alone.
 
 Ctrl-C ends a run in order: what was received is shown in a last table.
 Exit code: 0; or 2 with one sentence on standard error when something was wrong with the arguments
