@@ -37,14 +37,15 @@ Options:
   --help              this text
 
 Settings are read from section RtpMonitor of conf/kelto.cfg (keys Workers, Interval, Streams, Level,
-and Clock.TYPE for each payload type); options override them. Section Trace of the same file says what
-the library itself traces. A value there that makes no sense ends the run; a key of section
+and Clock.TYPE for each payload type); options override them. Section Trace of the same file says
+what the library itself traces. A value there that makes no sense ends the run; a key of section
 RtpMonitor that means nothing is named on standard error.
 
 Columns: packets and bytes (of payload) that arrived; lost, of those expected by sequence number;
 here, dropped by the monitor's own socket; dup, arrived again; order, arrived out of order; late,
-arrived more than 100 packets late; stray, belonged nowhere; new, how often it began anew; jitter as in RFC 3550, in milliseconds; kbit/s over
-the whole stream and over the last interval (not with --fast); the longest gap between two packets.
+arrived more than 100 packets late; stray, belonged nowhere; new, how often it began anew; jitter as
+in RFC 3550, in milliseconds; kbit/s over the whole stream and over the last interval (not with
+--fast); the longest gap between two packets.
 A stream of which no two packets with consecutive numbers have come is doubtful and has a "?" after
 its payload type. RTCP, other UDP packets and frames without UDP are counted and otherwise left
 alone.
