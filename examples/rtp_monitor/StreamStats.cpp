@@ -82,12 +82,22 @@ CStreamStats::EPlace CStreamStats::CountSequence(const CRtpHeader& aHeader, uint
     // The distance from the highest number, in the half of the circle that it lies in.
     const int32_t nDistance =
         static_cast<int16_t>(static_cast<uint16_t>(aHeader.sequence - m_llHighestSequence));
+    const bool bFar = nDistance >= MAX_DROPOUT || nDistance <= -MAX_MISORDER;
+    // After a long silence the numbers may have gone round the circle, however near this one is.
+    const int64_t llOutage = packets() > 0 && (bFar || HasBeenSilent(aArrivalUsec))
+                                 ? OutageLength(aHeader, aClockRate, aArrivalUsec, aDropped)
+                                 : 0;
     if (packets() == 0) {
         place = EPlace::FIRST;
         Start(aHeader.sequence);
         ++m_ullReceived;
-    } else if (nDistance >= MAX_DROPOUT || nDistance <= -MAX_MISORDER) {
-        place = CountJump(aHeader, aClockRate, aArrivalUsec, aDropped);
+    } else if (llOutage >= MAX_DROPOUT) {
+        m_nNextAfterJump = -1;
+        ++m_ullOutages;
+        ++m_ullReceived;
+        Advance(llOutage, aDropped);
+    } else if (bFar) {
+        place = CountJump(aHeader, aDropped);
     } else {
         m_nNextAfterJump = -1;
         ++m_ullReceived;
@@ -143,19 +153,9 @@ void CStreamStats::CountBack(int32_t aDistance) {
     ++m_ullUnique;
 }
 
-// A number far away. Where timestamps or the socket's own drops explain the distance, the stream
-// has gone on after an outage, or the packet is late. Otherwise the sender has started anew if the
-// next number follows this one; a lone one belongs nowhere.
-CStreamStats::EPlace CStreamStats::CountJump(const CRtpHeader& aHeader, uint32_t aClockRate,
-                                             int64_t aArrivalUsec, uint32_t aDropped) {
-    const int64_t llStep = OutageLength(aHeader, aClockRate, aArrivalUsec, aDropped);
-    if (llStep > 0) {
-        m_nNextAfterJump = -1;
-        ++m_ullOutages;
-        ++m_ullReceived;
-        Advance(llStep, aDropped);
-        return EPlace::IN_STREAM;
-    }
+// A number far away that no outage explains. The packet may be late; otherwise the sender has
+// started anew if the next number follows this one, and a lone one belongs nowhere.
+CStreamStats::EPlace CStreamStats::CountJump(const CRtpHeader& aHeader, uint32_t aDropped) {
     if (IsLate(aHeader)) {
         ++m_ullLate;
         ++m_ullReceived;
@@ -179,9 +179,16 @@ CStreamStats::EPlace CStreamStats::CountJump(const CRtpHeader& aHeader, uint32_t
     return EPlace::FIRST;
 }
 
-// By how many numbers the stream has gone on with a packet that lies far ahead, 0 when nothing
-// speaks for that. Numbers may have gone round more than once when arrivals or the socket's drops
-// say so.
+// Whether nothing came for so long that half a circle of numbers would have passed.
+bool CStreamStats::HasBeenSilent(int64_t aArrivalUsec) const {
+    return m_pace.usec > 0 &&
+           static_cast<double>(aArrivalUsec - m_llHighestArrivalUsec) * m_pace.packets >
+               m_pace.usec * SEQUENCE_CIRCLE / 2;
+}
+
+// By how many numbers the stream has gone on with a packet that seems to lie elsewhere, 0 when
+// nothing speaks for that: timestamps, or the socket's own drops. Numbers may have gone round more
+// than once when arrivals or drops say so.
 int64_t CStreamStats::OutageLength(const CRtpHeader& aHeader, uint32_t aClockRate,
                                    int64_t aArrivalUsec, uint32_t aDropped) const {
     const double dAhead = static_cast<uint16_t>(aHeader.sequence - m_llHighestSequence);
@@ -223,7 +230,7 @@ int64_t CStreamStats::OutageLength(const CRtpHeader& aHeader, uint32_t aClockRat
 bool CStreamStats::IsLate(const CRtpHeader& aHeader) const {
     const double dBack = static_cast<uint16_t>(m_llHighestSequence - aHeader.sequence);
     const double dTicks = static_cast<uint32_t>(m_dwHighestTimestamp - aHeader.timestamp);
-    return m_pace.ticks > 0 && dBack < MAX_DROPOUT &&
+    return m_pace.ticks > 0 && dBack < SEQUENCE_CIRCLE / 2 &&
            IsNear(dTicks, dBack * m_pace.ticks / m_pace.packets, TICKS_TOLERANCE, 0);
 }
 

@@ -53,8 +53,8 @@ class CStreamStats {
     void Start(uint16_t aSequence);
     void Advance(int64_t aStep, uint32_t aDropped);
     void CountBack(int32_t aDistance);
-    EPlace CountJump(const CRtpHeader& aHeader, uint32_t aClockRate, int64_t aArrivalUsec,
-                     uint32_t aDropped);
+    EPlace CountJump(const CRtpHeader& aHeader, uint32_t aDropped);
+    bool HasBeenSilent(int64_t aArrivalUsec) const;
     int64_t OutageLength(const CRtpHeader& aHeader, uint32_t aClockRate, int64_t aArrivalUsec,
                          uint32_t aDropped) const;
     bool IsLate(const CRtpHeader& aHeader) const;

@@ -20,15 +20,15 @@ import time
 import unittest
 
 import captures
+import harness
 import load
+from harness import LIMIT
 from captures import ethernet, ipv4, ipv6, pcap, pcapng, rtp, sll, sll2, udp
 
 TESTS = os.path.dirname(os.path.abspath(__file__))
 CALL = os.path.join(TESTS, "..", "data", "call.pcap")
 CALL_CLOCKS = ("--clock", "96=90000", "--clock", "97=48000")
 IN_OPEN, IN_CLOSE = 0x20, 0x18
-LIMIT = 60  # seconds; a run that takes longer hangs
-MONITOR = ""
 
 # Worked out by figures.py, which knows nothing of the monitor.
 VIDEO = {"source": "127.0.0.1:32987", "destination": "127.0.0.1:5006", "ssrc": "0x55667788",
@@ -46,75 +46,11 @@ def known(stream):
     return {name: value for name, value in stream.items() if name in VIDEO}
 
 
-def assert_sums(test, document):
-    """What the README states about figures that must add up."""
-    for stream in document["streams"]:
-        test.assertEqual(stream["packets"], stream["expected"] - stream["lost"] -
-                         stream["droppedHere"] + stream["duplicates"] + stream["late"], stream)
-        test.assertEqual(stream["packets"] + stream["strays"],
-                         sum(entry["packets"] for entry in stream["payloadTypes"]))
-    test.assertEqual(document["rtp"], document["forgottenPackets"] + sum(
-        stream["packets"] + stream["strays"] for stream in document["streams"]))
-    test.assertEqual(document["skipped"], sum(document["skippedFor"].values()))
-
-
 def frames(count, first=100):
     return [ethernet(ipv4(udp(rtp(first + i, 160 * i)))) for i in range(count)]
 
 
-class RtpMonitor(unittest.TestCase):
-    def setUp(self):
-        self.home = tempfile.mkdtemp(prefix="m", dir="/tmp")  # a home directory is short
-        self.addCleanup(shutil.rmtree, self.home)
-        self.trace = os.path.join(self.home, "trace.log")
-        self.environment = dict(os.environ, QTRACE_FILE=self.trace)
-
-    def write(self, data, name="capture file.pcap"):
-        path = os.path.join(self.home, name)
-        with open(path, "wb") as file:
-            file.write(data)
-        return path
-
-    def command(self, *arguments):
-        return [MONITOR, "--home", self.home, *arguments]
-
-    def run_monitor(self, *arguments, **keywords):
-        return subprocess.run(self.command(*arguments), env=self.environment, text=True,
-                              stdout=subprocess.PIPE, stderr=subprocess.PIPE, timeout=LIMIT,
-                              **keywords)
-
-    def start(self, *arguments, **keywords):
-        process = subprocess.Popen(self.command(*arguments), env=self.environment, text=True,
-                                   stdout=subprocess.PIPE, stderr=subprocess.PIPE, **keywords)
-        self.addCleanup(process.stdout.close)
-        self.addCleanup(process.stderr.close)
-        self.addCleanup(process.wait)
-        self.addCleanup(process.kill)
-        return process
-
-    def json_of(self, data, *arguments):
-        done = self.run_monitor("--fast", "--json", *arguments, self.write(data))
-        self.assertEqual((done.stderr, done.returncode), ("", 0))
-        document = json.loads(done.stdout)
-        assert_sums(self, document)
-        return document
-
-    def trace_text(self):
-        with open(self.trace) as file:
-            return file.read()
-
-    def wait_for_trace(self, text):
-        deadline = time.monotonic() + LIMIT
-        while not os.path.exists(self.trace) or text not in self.trace_text():
-            self.assertLess(time.monotonic(), deadline, f"no trace line with '{text}'")
-            time.sleep(0.02)
-
-    def assert_complains(self, arguments, sentence):
-        done = self.run_monitor(*arguments)
-        self.assertEqual(done.stderr, f"rtp_monitor: {sentence}.\n")
-        self.assertEqual(done.returncode, 2)
-        return done
-
+class RtpMonitor(harness.MonitorTest):
     # The bundled capture
 
     def test_PrintsKnownFigures_OfTheBundledCapture(self):
@@ -122,7 +58,7 @@ class RtpMonitor(unittest.TestCase):
         self.assertEqual((done.stderr, done.returncode), ("", 0))
         document = json.loads(done.stdout)
         self.assertGreater(document.pop("packetsPerSecond"), 0)
-        assert_sums(self, document)
+        self.assert_sums(document)
         self.assertEqual([known(stream) for stream in document["streams"]], [VIDEO, AUDIO])
         self.assertEqual((document["rtp"], document["rtcp"], document["notRtp"],
                           document["skipped"], document["complete"]), (1306, 8, 0, 0, True))
@@ -580,5 +516,4 @@ class RtpMonitor(unittest.TestCase):
 
 
 if __name__ == "__main__":
-    MONITOR = os.path.abspath(sys.argv.pop(1))
-    unittest.main(argv=[sys.argv[0]] + [f"RtpMonitor.{name}" for name in sys.argv[1:]])
+    harness.run(RtpMonitor)
