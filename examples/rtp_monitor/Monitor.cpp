@@ -25,9 +25,10 @@ CMonitor::CMonitor(const COptions& aOptions, CStopSignal& aStop)
     : m_options(aOptions), m_stop(aStop) {}
 
 bool CMonitor::Start(std::string* aError) {
-    std::unique_ptr<IPacketSource> pSource = m_options.IsLive()
-                                                 ? OpenSockets(m_options.inputs, aError)
-                                                 : OpenCapture(m_options.inputs.front(), aError);
+    std::unique_ptr<IPacketSource> pSource =
+        m_options.IsLive()
+            ? OpenSockets(m_options.inputs, static_cast<int>(m_options.receiveBuffer), aError)
+            : OpenCapture(m_options.inputs.front(), aError);
     if (pSource == nullptr) {
         return false;
     }

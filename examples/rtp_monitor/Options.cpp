@@ -27,6 +27,7 @@ Options:
   --interval MS       time between two tables in milliseconds, 100 or more (default 1000)
   --streams N         streams looked after at a time, 1 to 1000000 (default 10000); the one not
                       heard for longest gives its place to a new one, and is counted
+  --buffer SIZE       what the system is asked to keep for each socket (default 4MiB, at most 1GiB)
   --clock TYPE=HZ     clock rate of a dynamic payload type; jitter is shown only for streams
                       whose clock rate is known. May be given several times.
   --level LEVEL       write trace lines of the monitor up to error, warning or info (default info)
@@ -36,8 +37,8 @@ Options:
                       characters with the last / (default /tmp/)
   --help              this text
 
-Settings are read from section RtpMonitor of conf/kelto.cfg (keys Workers, Interval, Streams, Level,
-and Clock.TYPE for each payload type); options override them. Section Trace of the same file says
+Settings are read from section RtpMonitor of conf/kelto.cfg (keys Workers, Interval, Streams, Buffer,
+Level, and Clock.TYPE for each payload type); options override them. Section Trace of the same file says
 what the library itself traces. A value there that makes no sense ends the run; a key of section
 RtpMonitor that means nothing is named on standard error.
 
@@ -63,6 +64,7 @@ constexpr unsigned int MAX_WORKERS = 64;
 constexpr unsigned int MIN_INTERVAL_MS = 100;
 constexpr unsigned int MAX_INTERVAL_MS = 3600000;
 constexpr unsigned int MAX_STREAMS = 1000000;
+constexpr uint64_t MAX_BUFFER = 1ULL << 30;
 constexpr unsigned int MAX_PAYLOAD_TYPE = 127;
 constexpr unsigned int MAX_CLOCK_RATE = 10000000;  // Hz
 
@@ -110,6 +112,7 @@ void ReadConfiguration(UTIL_NS::CCmConfigReader* aConfig, COptions* aOptions) {
     aConfig->GetNumber(CONFIG_SECTION, "Interval", aOptions->intervalMs, MIN_INTERVAL_MS,
                        MAX_INTERVAL_MS);
     aConfig->GetNumber(CONFIG_SECTION, "Streams", aOptions->streams, 1U, MAX_STREAMS);
+    aConfig->GetSize(CONFIG_SECTION, "Buffer", aOptions->receiveBuffer, 1, MAX_BUFFER);
     std::string_view level;
     if (aConfig->GetText(CONFIG_SECTION, "Level", level) == UTIL_NS::CM_OK &&
         !ParseLevel(level, &aOptions->traceLevel)) {
@@ -136,6 +139,10 @@ bool ApplyValue(const std::string& aName, const std::string& aValue, COptions* a
     if (aName == "--streams") {
         return static_cast<bool>(CmParseNumber(aValue, aOptions->streams, 1U, MAX_STREAMS));
     }
+    if (aName == "--buffer") {
+        return static_cast<bool>(
+            UTIL_NS::CmParseSize(aValue, aOptions->receiveBuffer, 1, MAX_BUFFER));
+    }
     if (aName == "--clock") {
         return ParseClock(aValue, &aOptions->clockRates);
     }
@@ -151,7 +158,8 @@ bool ApplyValue(const std::string& aName, const std::string& aValue, COptions* a
 
 bool TakesValue(const std::string& aName) {
     return aName == "--workers" || aName == "--interval" || aName == "--clock" ||
-           aName == "--streams" || aName == "--level" || aName == "--trace" || aName == "--home";
+           aName == "--streams" || aName == "--buffer" || aName == "--level" ||
+           aName == "--trace" || aName == "--home";
 }
 
 // False when there is no usable value behind a --home.

@@ -2,6 +2,7 @@
 #ifndef RTP_MONITOR_OPTIONS_H
 #define RTP_MONITOR_OPTIONS_H
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -17,8 +18,9 @@ struct COptions {
     bool help = false;
     unsigned int workers = 2;
     unsigned int intervalMs = 1000;
-    unsigned int streams = 10000;   // looked after at a time
-    unsigned long traceLevel = 20;  // the monitor's own lines above it are not written
+    unsigned int streams = 10000;         // looked after at a time
+    uint64_t receiveBuffer = 4ULL << 20;  // bytes of a socket's; absorbs bursts
+    unsigned long traceLevel = 20;        // the monitor's own lines above it are not written
     std::string traceFile;
     ClockRates clockRates;
 

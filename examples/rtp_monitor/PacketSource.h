@@ -59,8 +59,8 @@ class IPacketSource {
 // aPath: "-" is standard input. What the file holds is looked at by Read.
 std::unique_ptr<IPacketSource> OpenCapture(const std::string& aPath, std::string* aError);
 // aAddresses: udp://ADDRESS:PORT, of either family; of a group, which is joined, also
-// udp://ADDRESS:PORT?interface=NAME.
-std::unique_ptr<IPacketSource> OpenSockets(const std::vector<std::string>& aAddresses,
+// udp://ADDRESS:PORT?interface=NAME. aBuffer: bytes that the system is asked to keep for each.
+std::unique_ptr<IPacketSource> OpenSockets(const std::vector<std::string>& aAddresses, int aBuffer,
                                            std::string* aError);
 
 }  // namespace rtp_monitor

@@ -29,8 +29,7 @@ using UTIL_NS::CCmIpAddress;
 constexpr char SCHEME[] = "udp";
 constexpr char INTERFACE_PARAMETER[] = "interface";
 constexpr uint32_t MAX_UDP_SIZE = 65536;
-constexpr int RECEIVE_BUFFER_SIZE = 4 << 20;  // bytes; absorbs bursts
-constexpr int PACKETS_PER_TURN = 64;          // of one socket before the next is looked at
+constexpr int PACKETS_PER_TURN = 64;  // of one socket before the next is looked at
 constexpr int64_t USEC_PER_SEC = 1000000;
 
 // What a user may write, taken apart.
@@ -48,8 +47,9 @@ struct CSocketAddress {
 // One socket. Counters are read by any thread.
 class CSocket {
   public:
-    CSocket(std::string aName, const CSocketAddress& aAddress)
-        : m_sName(std::move(aName)), m_address(aAddress) {}
+    // aBuffer: bytes that the system is asked to keep.
+    CSocket(std::string aName, const CSocketAddress& aAddress, int aBuffer)
+        : m_sName(std::move(aName)), m_address(aAddress), m_nBufferAsked(aBuffer) {}
     ~CSocket() {
         if (m_nSocket >= 0) {
             close(m_nSocket);
@@ -72,10 +72,10 @@ class CSocket {
     bool SetBuffer();
     bool Join();
     void ReadControl(msghdr* aMessage, CPacket* aPacket);
-    void CountDropped(uint32_t aDropped);
 
     const std::string m_sName;
     const CSocketAddress m_address;
+    const int m_nBufferAsked;
     int m_nSocket = -1;
     int m_nBuffer = 0;
     bool m_bDropKnown = false;
@@ -120,7 +120,7 @@ bool CSocket::Open() {
 // The system may grant less than was asked for, without a word.
 bool CSocket::SetBuffer() {
     socklen_t nLength = sizeof(m_nBuffer);
-    return SetInt(SOL_SOCKET, SO_RCVBUF, RECEIVE_BUFFER_SIZE) &&
+    return SetInt(SOL_SOCKET, SO_RCVBUF, m_nBufferAsked) &&
            getsockopt(m_nSocket, SOL_SOCKET, SO_RCVBUF, &m_nBuffer, &nLength) == 0;
 }
 
@@ -209,7 +209,7 @@ CInputReport CSocket::Report() const {
     report.name = m_sName;
     report.isSocket = true;
     report.isGroup = m_address.IsGroup();
-    report.bufferAsked = RECEIVE_BUFFER_SIZE;
+    report.bufferAsked = static_cast<uint64_t>(m_nBufferAsked);
     report.bufferGranted = static_cast<uint64_t>(m_nBuffer);
 #if defined(__linux__)
     // Linux doubles what was asked for, for what it keeps beside the packets.
@@ -333,7 +333,7 @@ bool ParseAddress(const std::string& aText, CSocketAddress* aAddress, std::strin
 
 }  // namespace
 
-std::unique_ptr<IPacketSource> OpenSockets(const std::vector<std::string>& aAddresses,
+std::unique_ptr<IPacketSource> OpenSockets(const std::vector<std::string>& aAddresses, int aBuffer,
                                            std::string* aError) {
     std::vector<std::unique_ptr<CSocket>> sockets;
     for (const std::string& sText : aAddresses) {
@@ -342,7 +342,7 @@ std::unique_ptr<IPacketSource> OpenSockets(const std::vector<std::string>& aAddr
             *aError = "cannot read from " + sText + ": " + *aError;
             return nullptr;
         }
-        sockets.push_back(std::make_unique<CSocket>(sText, address));
+        sockets.push_back(std::make_unique<CSocket>(sText, address, aBuffer));
         if (!sockets.back()->Open()) {
             *aError = "cannot read from " + sText + ": " + std::strerror(errno);
             return nullptr;
