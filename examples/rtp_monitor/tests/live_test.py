@@ -240,6 +240,50 @@ class Live(harness.MonitorTest):
         # 1.2 s without its own reading; what the sender itself was late is no fault.
         self.assertLess(stream["longestGapMs"], 1000 * max(apart) + 200)
 
+    def step_the_clock(self, seconds, after_ms):
+        library = os.path.join(os.path.dirname(harness.MONITOR), "step_clock.so")
+        self.assertTrue(os.path.exists(library), library)
+        self.environment.update(LD_PRELOAD=library, STEP_SECONDS=str(seconds),
+                                STEP_AFTER_MS=str(after_ms))
+
+    def test_KeepsThePaceOfTheCapture_WhenTheClockIsSet(self):
+        path = self.write(pcap([ethernet(ipv4(udp(rtp(i, 160 * i)))) for i in range(76)]))
+        for seconds in (20, -10):
+            with self.subTest(seconds):
+                self.step_the_clock(seconds, 400)
+                start = time.monotonic()
+                done = self.run_monitor("--interval", "500", path)
+                took = time.monotonic() - start
+                self.assertEqual((done.stderr, done.returncode), ("", 0))
+                self.assertGreaterEqual(took, 1.49)  # 75 times 20 ms
+                said = float(done.stdout.split(" packets in ")[1].split()[0])
+                self.assertTrue(1.49 <= said <= took + 0.01, (said, took))
+                rates = [line.split()[-2] for line in done.stdout.splitlines()
+                         if "01020304" in line and not line.split()[-2] == "-"]
+                # 20 bytes every 20 ms; what the machine was late is made up for in one interval.
+                self.assertLessEqual(max(map(float, rates)), 4 * 8.0)
+
+    def test_MeasuresGapsAndRates_WhenTheClockIsSet(self):
+        for seconds in (20, -10):
+            with self.subTest(seconds):
+                self.step_the_clock(seconds, 1000)
+                port = free_port()
+                if os.path.exists(self.trace):
+                    os.remove(self.trace)
+                process = self.start_live("--json", f"udp://127.0.0.1:{port}")
+                start = time.monotonic()
+                with udp_socket() as sender:
+                    for i in range(100):
+                        time.sleep(max(0, start + 0.02 * i - time.monotonic()))
+                        sender.sendto(rtp(i, 160 * i), ("127.0.0.1", port))
+                took = time.monotonic() - start
+                time.sleep(0.2)
+                stream = self.finish(process)["streams"][0]
+                self.assertLess(stream["longestGapMs"], 1000 * took)
+                self.assertLess(stream["jitterMs"], 1000 * took / 16)
+                self.assertAlmostEqual(stream["bitRate"], 100 * 20 * 8 / took,
+                                       delta=0.2 * stream["bitRate"])
+
     # The end
 
     def assert_stops(self, process, a_signal):
