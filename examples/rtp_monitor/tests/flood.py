@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
-"""Sends new sources without end to a monitor that it starts, and measures its memory.
+"""Sends new sources without end to a monitor that it starts, measures its memory, and fails when
+that exceeds 64 MiB or packets are not accounted for.
 
     flood.py path/to/rtp_monitor [SECONDS [SOURCES_PER_SECOND]]
 """
@@ -14,6 +15,7 @@ import sys
 import time
 
 TURNS_PER_SECOND = 100
+MOST_MIB = 64
 
 
 def send_new_sources(port, per_second, seconds):
@@ -64,7 +66,8 @@ def main():
     print(f"{sent} new sources in {took:.1f} s: {document['rtp']} received, "
           f"{document['inputs'][0]['dropped']} dropped by the socket, "
           f"{document['forgottenStreams']} forgotten; {peak:.1f} MiB at most")
+    return peak < MOST_MIB and document["rtp"] + document["inputs"][0]["dropped"] == sent
 
 
 if __name__ == "__main__":
-    main()
+    sys.exit(0 if main() else 1)
