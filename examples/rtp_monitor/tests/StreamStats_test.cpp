@@ -158,6 +158,87 @@ TEST(CStreamStats, DoesNotStartAnew_AfterTwoLoneJumps) {
     EXPECT_EQ(report.lost, 0U);
 }
 
+// Packets of one audio stream, number aFirst to aLast, as they are sent.
+void Send(CStreamStats* aStats, int aFirst, int aLast, uint32_t aDropped = 0) {
+    for (int i = aFirst; i <= aLast; ++i) {
+        aStats->OnPacket(Header(static_cast<uint16_t>(i), static_cast<uint32_t>(i) * PACKET_UNITS),
+                         CLOCK_RATE, i * PACKET_USEC, aDropped);
+    }
+}
+
+TEST(CStreamStats, LongerStepForward_IsAnOutage_WhenTimestampsGoOn) {
+    CStreamStats stats;
+    Send(&stats, 10, 20);
+    Send(&stats, 20 + 3000, 20 + 3010);
+    const CStreamReport report = stats.Report();
+    EXPECT_EQ(report.expected, 3021U);
+    EXPECT_EQ(report.lost, 2999U);
+    EXPECT_EQ(report.outages, 1U);
+    EXPECT_EQ(report.restarts, 0U);
+    EXPECT_EQ(report.strays, 0U);
+    EXPECT_DOUBLE_EQ(report.longestGapMs, 60000);
+    EXPECT_EQ(report.jitterMs, 0);
+}
+
+TEST(CStreamStats, OutageOfAWholeCircle_IsLoss) {
+    for (const int nMissing : {65534, 65535, 65536, 65537, 131071}) {
+        CStreamStats stats;
+        Send(&stats, 10, 200);
+        Send(&stats, 201 + nMissing, 300 + nMissing);
+        EXPECT_EQ(stats.Report().lost, static_cast<uint64_t>(nMissing));
+        EXPECT_EQ(stats.Report().duplicates, 0U);
+        EXPECT_EQ(stats.Report().outages, 1U);
+    }
+}
+
+TEST(CStreamStats, PacketFarBack_IsLate_WhenItsTimestampIsOld) {
+    CStreamStats stats;
+    Send(&stats, 1000, 1300);
+    Send(&stats, 1100, 1100);
+    EXPECT_EQ(stats.Report().late, 1U);
+    EXPECT_EQ(stats.Report().received, 302U);
+    EXPECT_EQ(stats.Report().strays, 0U);
+}
+
+TEST(CStreamStats, TellsWhatTheSocketDroppedFromLoss) {
+    CStreamStats stats;
+    Send(&stats, 0, 10, 5);
+    Send(&stats, 111, 120, 85);  // 100 are missing, 80 of which the socket dropped
+    EXPECT_EQ(stats.Report().droppedHere, 80U);
+    EXPECT_EQ(stats.Report().lost, 20U);
+    EXPECT_EQ(stats.Report().expected, 121U);
+}
+
+TEST(CStreamStats, LosesNoMoreThanIsMissing_WhenTheSocketDroppedOfOtherStreams) {
+    CStreamStats stats;
+    Send(&stats, 0, 10);
+    Send(&stats, 13, 20, 1000);
+    EXPECT_EQ(stats.Report().droppedHere, 2U);
+    EXPECT_EQ(stats.Report().lost, 0U);
+    Send(&stats, 11, 12, 1000);  // they were late, no more
+    EXPECT_EQ(stats.Report().droppedHere, 0U);
+    EXPECT_EQ(stats.Report().lost, 0U);
+}
+
+TEST(CStreamStats, CountsDropsAcrossTheirWrapAround) {
+    CStreamStats stats;
+    Send(&stats, 0, 10, 0xFFFFFFFF);
+    Send(&stats, 13, 20, 1);
+    EXPECT_EQ(stats.Report().droppedHere, 2U);
+}
+
+TEST(CStreamStats, TakesAJumpForAnOutage_WhenTheSocketDroppedAsMany) {
+    CStreamStats stats;
+    // Timestamps that stand still, as those of a sender that only makes load.
+    for (int i = 0; i < 10; ++i) {
+        stats.OnPacket(Header(static_cast<uint16_t>(i), 0), CLOCK_RATE, i, 0);
+    }
+    stats.OnPacket(Header(10009, 0), CLOCK_RATE, 11, 9999);
+    EXPECT_EQ(stats.Report().droppedHere, 9999U);
+    EXPECT_EQ(stats.Report().lost, 0U);
+    EXPECT_EQ(stats.Report().outages, 1U);
+}
+
 TEST(CStreamStats, IsDoubtful_UntilTwoCameInSequence) {
     CStreamStats stats;
     stats.OnPacket(Header(10, 0, 1), 0, 0, 0);
