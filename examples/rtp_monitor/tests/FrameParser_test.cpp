@@ -20,7 +20,7 @@ const Bytes UDP_PACKET = {0x45, 0, 0,    36,   0,    0,    0, 0,  64, 17, 0, 0, 
 
 EFrame Find(uint32_t aLinkType, const Bytes& aThere, size_t aWireSize, CUdpPacket* aPacket) {
     // A copy of exactly this size, so that an address sanitizer sees a byte read too many.
-    const Bytes there(aThere);
+    const Bytes there(aThere.begin(), aThere.end());
     return FindUdp(aLinkType, there.data(), static_cast<uint32_t>(there.size()),
                    static_cast<uint32_t>(aWireSize), aPacket);
 }
