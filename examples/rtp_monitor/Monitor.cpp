@@ -69,7 +69,7 @@ bool CMonitor::Collect(CReport* aReport, bool aClose) {
     }
     aReport->nowUsec = MonotonicUsec();
     aReport->seconds = static_cast<double>(aReport->nowUsec - m_llStartUsec) / USEC_PER_SEC;
-    aReport->isComplete = aReport->isLive || !m_stop.IsRaised();
+    aReport->isComplete = aReport->isLive || !m_pReceiver->WasStopped();
     aReport->hasIntervals = aReport->isLive || !m_options.fast;
     return true;
 }

@@ -33,7 +33,9 @@ void CReceiver::OnThreadRun() {
     while (bGoOn && !m_stop.IsRaised()) {
         bGoOn = ReadOne();
     }
-    m_bWasStopped = m_bWasStopped || bGoOn;
+    if (bGoOn) {
+        m_bWasStopped.store(true, std::memory_order_relaxed);
+    }
     Flush();  // a failure has been noted
 }
 
@@ -152,7 +154,7 @@ bool CReceiver::WaitForPace(int64_t aArrivalUsec) {
             return Fail(std::strerror(errno));
         }
         if (m_stop.IsRaised()) {
-            m_bWasStopped = true;
+            m_bWasStopped.store(true, std::memory_order_relaxed);
             return false;
         }
         llAheadMs = (llDue - MonotonicUsec()) / USEC_PER_MS;

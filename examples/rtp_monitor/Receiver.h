@@ -31,9 +31,9 @@ class CReceiver : public UTIL_NS::CCmLoopThread {
 
     // Adds what the receiver knows. Any thread, at any time.
     void AddTo(CReport* aReport) const;
-    // Whether reading was ended by aStop. Valid after Join, as the next.
-    bool WasStopped() const { return m_bWasStopped; }
-    // Empty unless reading failed.
+    // Whether reading was ended by aStop. Any thread, at any time.
+    bool WasStopped() const { return m_bWasStopped.load(std::memory_order_relaxed); }
+    // Empty unless reading failed. Valid after Join.
     const std::string& error() const { return m_sError; }
 
   protected:
@@ -65,7 +65,7 @@ class CReceiver : public UTIL_NS::CCmLoopThread {
     StreamWorkers& m_workers;
     CStopSignal& m_stop;
     const bool m_bKeepPace;
-    bool m_bWasStopped = false;
+    std::atomic<bool> m_bWasStopped{false};
     std::string m_sError;
     CCounter m_rtp;
     CCounter m_rtcp;

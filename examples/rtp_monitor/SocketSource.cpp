@@ -78,7 +78,6 @@ class CSocket {
     const int m_nBufferAsked;
     int m_nSocket = -1;
     int m_nBuffer = 0;
-    bool m_bDropKnown = false;
     uint32_t m_dwDropped = 0;  // before the last packet; as the system counts, modulo 2^32
     mutable std::atomic<uint64_t> m_ullDropped{0};  // at the last report
 };
@@ -111,7 +110,9 @@ bool CSocket::Open() {
         return false;
     }
 #if defined(SO_RXQ_OVFL)
-    m_bDropKnown = SetInt(SOL_SOCKET, SO_RXQ_OVFL, 1);
+    if (!SetInt(SOL_SOCKET, SO_RXQ_OVFL, 1)) {
+        return false;
+    }
 #endif
     return bind(m_nSocket, reinterpret_cast<const sockaddr*>(&local), nLength) == 0 &&
            (!m_address.IsGroup() || Join());
@@ -219,7 +220,7 @@ CInputReport CSocket::Report() const {
     // Also those that no packet has followed yet.
     uint32_t figures[SK_MEMINFO_VARS] = {};
     socklen_t nLength = sizeof(figures);
-    if (m_bDropKnown && getsockopt(m_nSocket, SOL_SOCKET, SO_MEMINFO, figures, &nLength) == 0) {
+    if (getsockopt(m_nSocket, SOL_SOCKET, SO_MEMINFO, figures, &nLength) == 0) {
         report.isDropKnown = true;
         // The system counts modulo 2^32.
         const uint64_t ullBefore = m_ullDropped.load(std::memory_order_relaxed);

@@ -12,6 +12,7 @@ constexpr double USEC_PER_MS = 1e3;
 constexpr double BITS_PER_BYTE = 8;
 constexpr double JITTER_GAIN = 1.0 / 16;   // RFC 3550, appendix A.8
 constexpr double PACE_MEMORY = 2000;       // packets
+constexpr double PAUSE = 100;              // times the usual distance
 constexpr double SEQUENCE_CIRCLE = 65536;  // numbers until they begin again
 // How well witnesses must agree: timestamps with numbers, timestamps with arrivals.
 constexpr double TICKS_TOLERANCE = 1.0 / 8;
@@ -34,6 +35,10 @@ bool IsNear(double aLeft, double aRight, double aPart, double aSlack) {
 }  // namespace
 
 void CStreamStats::CPace::Add(double aPackets, double aTicks, double aUsec) {
+    // A pause says nothing about the pace.
+    if (aUsec > USEC_PER_SEC && aUsec * packets > PAUSE * aPackets * usec) {
+        return;
+    }
     if (packets > PACE_MEMORY) {
         packets /= 2;
         ticks /= 2;
@@ -84,7 +89,9 @@ CStreamStats::EPlace CStreamStats::CountSequence(const CRtpHeader& aHeader, uint
         static_cast<int16_t>(static_cast<uint16_t>(aHeader.sequence - m_llHighestSequence));
     const bool bFar = nDistance >= MAX_DROPOUT || nDistance <= -MAX_MISORDER;
     // After a long silence the numbers may have gone round the circle, however near this one is.
-    const int64_t llOutage = packets() > 0 && (bFar || HasBeenSilent(aArrivalUsec))
+    // One that follows closely has been waited for: the sender paused.
+    const bool bFollows = nDistance > 0 && nDistance <= MAX_MISORDER;
+    const int64_t llOutage = packets() > 0 && (bFar || (!bFollows && HasBeenSilent(aArrivalUsec)))
                                  ? OutageLength(aHeader, aClockRate, aArrivalUsec, aDropped)
                                  : 0;
     if (packets() == 0) {
