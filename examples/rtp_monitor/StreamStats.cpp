@@ -16,6 +16,7 @@ constexpr double PAUSE = 100;              // times the usual distance
 constexpr double SEQUENCE_CIRCLE = 65536;  // numbers until they begin again
 // How well witnesses must agree: timestamps with numbers, timestamps with arrivals.
 constexpr double TICKS_TOLERANCE = 1.0 / 8;
+constexpr double LATE_TOLERANCE = 1.0 / 2;  // over a few frames, whose sizes differ
 constexpr double TIME_TOLERANCE = 1.0 / 20;
 constexpr double TIME_SLACK_USEC = 200000;
 // Numbers with arrivals: the pace of packets changes more than that of timestamps.
@@ -238,7 +239,7 @@ bool CStreamStats::IsLate(const CRtpHeader& aHeader) const {
     const double dBack = static_cast<uint16_t>(m_llHighestSequence - aHeader.sequence);
     const double dTicks = static_cast<uint32_t>(m_dwHighestTimestamp - aHeader.timestamp);
     return m_pace.ticks > 0 && dBack < SEQUENCE_CIRCLE / 2 &&
-           IsNear(dTicks, dBack * m_pace.ticks / m_pace.packets, TICKS_TOLERANCE, 0);
+           IsNear(dTicks, dBack * m_pace.ticks / m_pace.packets, LATE_TOLERANCE, 0);
 }
 
 void CStreamStats::CountJitter(EPlace aPlace, uint32_t aTimestamp, uint32_t aClockRate,
