@@ -89,6 +89,9 @@ bool CSocket::Open() {
         errno = ENXIO;
         return false;
     }
+    if (local.ss_family == AF_INET6 && m_address.interface != 0) {
+        reinterpret_cast<sockaddr_in6*>(&local)->sin6_scope_id = m_address.interface;
+    }
     m_nSocket = socket(local.ss_family, SOCK_DGRAM, 0);
     if (m_nSocket < 0 || fcntl(m_nSocket, F_SETFL, O_NONBLOCK) != 0 ||
         fcntl(m_nSocket, F_SETFD, FD_CLOEXEC) != 0 || !SetBuffer()) {
