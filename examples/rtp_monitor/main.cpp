@@ -216,5 +216,13 @@ int Main(int aArgCount, char** aArgs) {
 }  // namespace rtp_monitor
 
 int main(int aArgCount, char** aArgs) {
-    return rtp_monitor::Main(aArgCount, aArgs);
+    const int nExitCode = rtp_monitor::Main(aArgCount, aArgs);
+#if defined(RTP_MONITOR_ENDS_AT_ONCE)
+    // The library waits 0.2 s for trace lines of other threads when a process ends. None of ours is
+    // left, and a capture may have taken less.
+    const bool bWritten = std::fflush(nullptr) == 0;
+    std::_Exit(nExitCode == EXIT_SUCCESS && !bWritten ? rtp_monitor::EXIT_TROUBLE : nExitCode);
+#else
+    return nExitCode;
+#endif
 }
