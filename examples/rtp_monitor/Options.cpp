@@ -38,9 +38,9 @@ Options:
   --help              this text
 
 Settings are read from section RtpMonitor of conf/kelto.cfg (keys Workers, Interval, Streams,
-Buffer, Level, and Clock.TYPE for each payload type); options override them. Section Trace of the same file
-says what the library itself traces. A value there that makes no sense ends the run; a key of
-section RtpMonitor that means nothing is named on standard error.
+Buffer, Level, and Clock.TYPE for each payload type); options override them. Section Trace of the
+same file says what the library itself traces. A value there that makes no sense ends the run; a key
+of section RtpMonitor that means nothing is named on standard error.
 
 Columns: packets and bytes (of payload) that arrived; lost, of those expected by sequence number;
 here, dropped by the monitor's own socket; dup, arrived again; order, arrived out of order; late,
