@@ -203,10 +203,7 @@ int64_t CStreamStats::OutageLength(const CRtpHeader& aHeader, uint32_t aClockRat
     const double dTicks = static_cast<uint32_t>(aHeader.timestamp - m_dwHighestTimestamp);
     const double dUsec = static_cast<double>(aArrivalUsec - m_llHighestArrivalUsec);
     const double dDropped = static_cast<uint32_t>(aDropped - m_dwHighestDropped);
-    if (m_pace.packets <= 0) {
-        return 0;
-    }
-    const double dTicksPerPacket = m_pace.ticks / m_pace.packets;
+    const double dTicksPerPacket = m_pace.packets > 0 ? m_pace.ticks / m_pace.packets : 0;
     // The socket alone dropped as many.
     const double dByTicks =
         dTicksPerPacket > 0 ? NearestNumber(dAhead, dTicks / dTicksPerPacket) : dAhead;

@@ -254,6 +254,14 @@ TEST(CStreamStats, TakesAJumpForAnOutage_WhenTheSocketDroppedAsMany) {
     EXPECT_EQ(stats.Report().outages, 1U);
 }
 
+TEST(CStreamStats, TakesAJumpForAnOutage_WhenTheSocketDroppedAllAfterTheFirst) {
+    CStreamStats stats;
+    Send(&stats, 0, 0);
+    Send(&stats, 5000, 5010, 4999);
+    EXPECT_EQ(stats.Report().droppedHere, 4999U);
+    EXPECT_EQ(stats.Report().restarts, 0U);
+}
+
 TEST(CStreamStats, IsDoubtful_UntilTwoCameInSequence) {
     CStreamStats stats;
     stats.OnPacket(Header(10, 0, 1), 0, 0, 0);
