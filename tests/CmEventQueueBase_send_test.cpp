@@ -486,7 +486,7 @@ class HeldAfterWake {
         g_cmSystem.pthread_cond_signal, &Signal};
 };
 
-// Says which thread ends it.
+// Says which thread destroys it.
 class PlacedEvent : public ICmEvent {
   public:
     PlacedEvent(std::atomic<pthread_t>& aEndedOn, std::function<void()> aWork)

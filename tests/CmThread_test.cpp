@@ -391,7 +391,7 @@ TEST(CmThread, IsDeletedAtOnce_WhenADetachedOneIsDestroyedAfterItsBody) {
     BodyThread* pThread = new BodyThread(life);
     ASSERT_EQ(CM_OK, pThread->Create(TYPE, TF_DETACHED, 1));
     ASSERT_TRUE(Eventually([&] { return pThread->GetStopFlag(); }));
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));  // behind its last step
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));  // after its last step
     EXPECT_FALSE(life.deleted.IsOpen());
     pThread->Destory(0);
     EXPECT_TRUE(life.deleted.IsOpen());
@@ -399,7 +399,7 @@ TEST(CmThread, IsDeletedAtOnce_WhenADetachedOneIsDestroyedAfterItsBody) {
 
 std::atomic<int> g_nThreadsGone{0};
 
-// Counts the threads that ran it when they are gone, behind all that the library does on them.
+// Counts the threads that ran it when they are gone, after all that the library does on them.
 class CountedThread : public BodyThread {
   public:
     using BodyThread::BodyThread;
@@ -675,7 +675,7 @@ TEST(CmThread, TerminateFails_WhenADetachedBodyHasEnded) {
     BodyThread* pThread = new BodyThread(life);
     ASSERT_EQ(CM_OK, pThread->Create(TYPE, TF_DETACHED, 0));
     ASSERT_TRUE(Eventually([&] { return pThread->GetStopFlag(); }));
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));  // behind its last step
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));  // after its last step
     kelto_test::FailingCall<&CCmSystemTable::pthread_cancel> fault(ESRCH, ESRCH);
     EXPECT_EQ(CM_ERROR_FAILURE, pThread->Terminate());
     EXPECT_EQ(0u, fault.calls());  // the thread's number may be another one's by now

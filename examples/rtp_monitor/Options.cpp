@@ -143,7 +143,7 @@ bool TakesValue(const std::string& aName) {
            aName == "--level" || aName == "--trace" || aName == "--home";
 }
 
-// False when there is no usable value behind a --home.
+// False when there is no usable value after a --home.
 bool ApplyHome(int aArgCount, char** aArgs) {
     for (int i = 1; i + 1 < aArgCount; ++i) {
         if (std::strcmp(aArgs[i], "--home") == 0 && !SetHome(aArgs[i + 1])) {

@@ -15,7 +15,7 @@
 
 namespace rtp_monitor {
 
-// Clock rates that the user gave, by payload type; the fixed ones come behind.
+// Clock rates that the user gave, by payload type; the fixed ones come after them.
 typedef std::map<uint8_t, uint32_t> ClockRates;
 
 // What a worker knows at one moment.
@@ -43,7 +43,7 @@ class Worker : private UTIL_NS::CCmTimerWrapperIDSink {
     uint32_t backlog() { return m_pThread->GetEventQueue()->GetPendingEventsCount(); }
     // Adds what the worker knows, all packets posted before included, to aSnapshot.
     bool Take(Snapshot* aSnapshot);
-    // Ends the thread behind the packets that were posted before.
+    // Stops the thread after the packets that were posted before.
     void Stop();
 
   private:

@@ -21,11 +21,11 @@ bool CCmEventQueueSteps::IsOwnThread(ICmEventQueue& aQueue) {
 }
 
 // How far a call has come and who holds it.
-class ACmCallEvent::CState {
+class ACmCallEvent::CCallState {
   public:
-    explicit CState(ACmCallEvent& aCall) : m_Call(aCall) {}
-    CState(const CState&) = delete;
-    CState& operator=(const CState&) = delete;
+    explicit CCallState(ACmCallEvent& aCall) : m_Call(aCall) {}
+    CCallState(const CCallState&) = delete;
+    CCallState& operator=(const CCallState&) = delete;
 
     void RunUnlessAbandoned() {
         int nOutcome = CALL_WAITS;
@@ -34,7 +34,7 @@ class ACmCallEvent::CState {
         }
         m_Call.Run();
         m_Call.Drop();
-        // Release: the caller that reads it reads the value after it.
+        // Release: the caller that reads the outcome can read the value.
         m_nOutcome.store(CALL_HAS_RUN, std::memory_order_release);
         WakeCaller();
     }
@@ -70,7 +70,7 @@ class ACmCallEvent::CState {
     CmResult CallWithin(ICmEventQueue& aQueue, const CCmTimeValue& aLimit);
 
   private:
-    // Whoever takes the outcome away from CALL_WAITS has the callable to itself.
+    // Whoever moves the outcome away from CALL_WAITS has the callable to itself.
     enum EOutcome : int {
         CALL_WAITS,
         CALL_RUNS,
@@ -79,29 +79,29 @@ class ACmCallEvent::CState {
         CALL_DISCARDED,  // by its queue
         CALL_CUT_OFF,    // its thread was cancelled while it ran
     };
-    struct CWait {
+    struct CCallWait {
         CCmMutexThread m_Mutex;
-        CCmConditionVariableThread m_Ended{m_Mutex};
+        CCmConditionVariableThread m_Decided{m_Mutex};  // it has run, or never will
     };
 
     void WakeCaller() {
         if (m_pWait != nullptr) {
             CCmScopedLockT<CCmMutexThread> lock(m_pWait->m_Mutex);
-            m_pWait->m_Ended.Signal();
+            m_pWait->m_Decided.Signal();
         }
     }
 
     ACmCallEvent& m_Call;
-    std::unique_ptr<CWait> m_pWait;  // of a call with a limit
+    std::unique_ptr<CCallWait> m_pWait;  // of a call with a limit
     std::atomic<int> m_nOutcome{CALL_WAITS};
     std::atomic<int> m_nHolders{2};
 };
 
-CmResult ACmCallEvent::CState::CallWithin(ICmEventQueue& aQueue, const CCmTimeValue& aLimit) {
+CmResult ACmCallEvent::CCallState::CallWithin(ICmEventQueue& aQueue, const CCmTimeValue& aLimit) {
     const long long llDeadline = CmLaterNsec(CmMonotonicNsec(), aLimit);
-    m_pWait.reset(new (std::nothrow) CWait);
+    m_pWait.reset(new (std::nothrow) CCallWait);
     if (m_pWait == nullptr) {
-        m_Call.OnDestorySelf();  // for the queue, which never had it
+        m_Call.OnDestorySelf();  // in place of the queue, which never got it
         return CM_ERROR_OUT_OF_MEMORY;
     }
     const CmResult rvPost = aQueue.PostEvent(&m_Call, ICmEventQueue::EPRIORITY_NORMAL);
@@ -113,7 +113,7 @@ CmResult ACmCallEvent::CState::CallWithin(ICmEventQueue& aQueue, const CCmTimeVa
         CCmScopedLockT<CCmMutexThread> lock(m_pWait->m_Mutex);
         rv = lock.result();
         while (CM_SUCCEEDED(rv) && m_nOutcome.load(std::memory_order_acquire) <= CALL_RUNS) {
-            rv = CCmConditionSteps::WaitUntil(m_pWait->m_Ended, llDeadline);
+            rv = CCmConditionSteps::WaitUntil(m_pWait->m_Decided, llDeadline);
         }
     }
     switch (m_nOutcome.load(std::memory_order_acquire)) {
@@ -141,14 +141,14 @@ CmResult ACmCallEvent::OnEventFire() {
 }
 
 void ACmCallEvent::OnDestorySelf() {
-    CState& state = CCmPrivateRoom::Of(m_Private);
+    CCallState& state = CCmPrivateRoom::Of(m_Private);
     state.Discard();
     state.Release();
 }
 
 CmResult ACmCallEvent::Call(ICmEventQueue& aQueue, const CCmTimeValue* aLimit) {
     const CCmDisableCancel disableCancel;
-    CState& state = CCmPrivateRoom::Of(m_Private);
+    CCallState& state = CCmPrivateRoom::Of(m_Private);
     const bool bLimited = aLimit != nullptr && *aLimit < CCmTimeValue::s_tvMax;
     const CmResult rv = bLimited && !CCmEventQueueSteps::IsOwnThread(aQueue)
                             ? state.CallWithin(aQueue, *aLimit)
@@ -160,7 +160,7 @@ CmResult ACmCallEvent::Call(ICmEventQueue& aQueue, const CCmTimeValue* aLimit) {
 }
 
 void ACmCallEvent::LetGo() {
-    CState& state = CCmPrivateRoom::Of(m_Private);
+    CCallState& state = CCmPrivateRoom::Of(m_Private);
     state.Abandon();
     state.Release();
 }
