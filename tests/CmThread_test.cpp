@@ -7,11 +7,13 @@
 #include <chrono>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "support/BodyThread.h"
 #include "support/Events.h"
 #include "support/Eventually.h"
 #include "support/Faults.h"
+#include "support/Gate.h"
 #include "support/TraceSink.h"
 
 namespace UTIL_NS {
@@ -21,6 +23,7 @@ using kelto_test::BodyThread;
 using kelto_test::EndJoinable;
 using kelto_test::EventLog;
 using kelto_test::Eventually;
+using kelto_test::Gate;
 using kelto_test::Life;
 using kelto_test::LoggedEvent;
 using kelto_test::MaskAddresses;
@@ -641,6 +644,83 @@ TEST(CmThread, CreateWaitsForTheInit_WhenTheHandshakeFails) {
         pThread->Destory(0);
     }
     EXPECT_EQ(lLive, kelto_test::LiveAllocations());
+}
+
+// Returns only when the new thread waits for its release.
+Gate g_inBody;
+int LateCreate(pthread_t* aId, const pthread_attr_t* aAttributes, void* (*aStart)(void*),
+               void* aArgument) {
+    pthread_t id = pthread_t();
+    const int rv = pthread_create(&id, aAttributes, aStart, aArgument);
+    EXPECT_TRUE(g_inBody.Wait());
+    *aId = id;
+    return rv;
+}
+
+TEST(CmThread, KnowsItsIdentity_WhenItRunsBeforeItsCreatorGoesOn) {
+    class CAsking : public BodyThread {
+      public:
+        using BodyThread::BodyThread;
+        void OnThreadInit() override {
+            EXPECT_TRUE(IsEqualCurrentThread(GetThreadId()));
+            EXPECT_TRUE(IsEqualCurrentThread(GetThreadHandle()));
+        }
+        void OnThreadRun() override {
+            g_inBody.Open();
+            BodyThread::OnThreadRun();
+        }
+    };
+    kelto_test::ScopedEntry<decltype(g_cmSystem.pthread_create)> entry(g_cmSystem.pthread_create,
+                                                                       &LateCreate);
+    g_inBody.Close();
+    Life life;
+    life.released.Open();
+    BodyThread* pThread = new CAsking(life);
+    EXPECT_EQ(CM_OK, pThread->Create(TYPE, TF_JOINABLE, 1));
+    EXPECT_EQ(CM_OK, pThread->Join());
+    pThread->Destory(0);
+    EXPECT_TRUE(life.ran);
+}
+
+TEST(CmThread, FreesTheHandshake_WhenAnUnknownTypeIsCreatedAgainAfterAFailure) {
+    const long lLive = kelto_test::LiveAllocationsBefore();
+    {
+        Life life;
+        life.released.Open();
+        BodyThread* pThread = new BodyThread(life);
+        {
+            kelto_test::FailingCall<&CCmSystemTable::pthread_create> fault(EAGAIN, EAGAIN);
+            EXPECT_EQ(CM_ERROR_UNEXPECTED, pThread->Create(TT_UNKNOWN, TF_JOINABLE, 0));
+        }
+        EXPECT_EQ(CM_OK, pThread->Create(TYPE, TF_JOINABLE, 0));
+        EXPECT_EQ(CM_OK, pThread->Join());
+        pThread->Destory(0);
+        EXPECT_TRUE(life.ran);
+    }
+    EXPECT_EQ(lLive, kelto_test::LiveAllocations());
+}
+
+TEST(CmThread, Runs_WhenAnUnknownTypeIsCreatedAgainAfterItsInitFailed) {
+    class CFailingOnce : public BodyThread {
+      public:
+        using BodyThread::BodyThread;
+        void OnThreadInit() override {
+            if (!std::exchange(m_bFailed, true)) {
+                SetInitResult(CM_ERROR_NOT_AVAILABLE);
+            }
+        }
+
+      private:
+        bool m_bFailed = false;
+    };
+    Life life;
+    life.released.Open();
+    BodyThread* pThread = new CFailingOnce(life);
+    EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, pThread->Create(TT_UNKNOWN, TF_JOINABLE, 1));
+    EXPECT_EQ(CM_OK, pThread->Create(TYPE, TF_JOINABLE, 1));
+    EXPECT_EQ(CM_OK, pThread->Join());
+    pThread->Destory(0);
+    EXPECT_TRUE(life.ran);
 }
 
 TEST(CmThread, IsJoinedAndNotRun_WhenItsInitFails) {

@@ -729,6 +729,20 @@ TEST_F(CmTimerQueueCalendar, NeedsNoMemory_WhenATimerIsRescheduled) {
     EXPECT_FALSE(fault.hit());
 }
 
+TEST_F(CmTimerQueueCalendar, NeedsNoMemory_WhenTheHandlerOfAZeroTimerSchedulesIt) {
+    m_events.m_priorities.reserve(2);
+    Handler(0)->SetAction([this] {
+        if (m_log.size() == 1) {
+            ScopedAllocationFault fault(1, Failing::FROM_THERE_ON);
+            EXPECT_EQ(CM_OK, Schedule(0, 0));
+            EXPECT_FALSE(fault.hit());
+        }
+    });
+    Schedule(0, 0);
+    m_events.RunAll();
+    EXPECT_EQ((std::vector<int>{0, 0}), Ids(m_log));
+}
+
 TEST_F(CmTimerQueueCalendar, NeedsNoMemory_WhenInSteadyState) {
     std::vector<CountingHandler> handlers(50);
     for (CountingHandler& handler : handlers) {

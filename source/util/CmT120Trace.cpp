@@ -127,7 +127,8 @@ void RecordDisabledKey(CSettings& aSettings, const char* aKey) {
 void ReadModule(CSettings& aSettings, const char* aProcess, const char* aModule,
                 const CCmT120TraceMapEntry* aLevelTable, unsigned long aLevelCount) {
     for (const CCmTraceLevel& level : CM_TRACE_LEVELS) {
-        if (level.m_eModules == CCmTraceLevel::MODULES_NONE || level.m_ulLevel >= aLevelCount) {
+        if (level.m_eModules == CCmTraceLevel::MODULES_NONE || level.m_ulLevel >= aLevelCount ||
+            aLevelTable[level.m_ulLevel].m_pszName == nullptr) {
             continue;
         }
         char szKey[KEY_SIZE];
@@ -433,7 +434,7 @@ unsigned char CCmT120Trace::enable_trace_print(unsigned long aLevel, const char*
     if (m_bEnabled.load(std::memory_order_relaxed) == 0 || !CTraceState::IsLevelOn(*this, aLevel)) {
         return 0;
     }
-    if (aModule == nullptr) {
+    if (aModule == nullptr || m_pLevelTable[aLevel].m_pszName == nullptr) {
         return 1;
     }
     CCmTraceGuard guard;
