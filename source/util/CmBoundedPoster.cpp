@@ -75,7 +75,7 @@ struct CCmBoundedPoster::CPosterState final : CCmReferenceControlT<CCmMutexThrea
         return m_dwCount;
     }
     CmResult Result() const { return m_Guard.Result(); }
-    // For the poster: the events outlive it, and perhaps the queue.
+    // For the poster alone: the events may outlive it and the queue.
     ICmEventQueue& Queue() const { return m_Queue; }
     void Close() { m_Guard.End(); }
 

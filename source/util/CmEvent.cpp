@@ -34,7 +34,7 @@ class ACmCallEvent::CCallState {
         }
         m_Call.Run();
         m_Call.Drop();
-        // Release: the caller that reads it reads the value after it.
+        // Release: the caller that reads the outcome can read the value.
         m_nOutcome.store(CALL_HAS_RUN, std::memory_order_release);
         WakeCaller();
     }
@@ -70,7 +70,7 @@ class ACmCallEvent::CCallState {
     CmResult CallWithin(ICmEventQueue& aQueue, const CCmTimeValue& aLimit);
 
   private:
-    // Whoever takes the outcome away from CALL_WAITS has the callable to itself.
+    // Whoever moves the outcome away from CALL_WAITS has the callable to itself.
     enum EOutcome : int {
         CALL_WAITS,
         CALL_RUNS,
@@ -81,7 +81,7 @@ class ACmCallEvent::CCallState {
     };
     struct CCallWait {
         CCmMutexThread m_Mutex;
-        CCmConditionVariableThread m_Decided{m_Mutex};
+        CCmConditionVariableThread m_Decided{m_Mutex};  // it has run, or never will
     };
 
     void WakeCaller() {
@@ -101,7 +101,7 @@ CmResult ACmCallEvent::CCallState::CallWithin(ICmEventQueue& aQueue, const CCmTi
     const long long llDeadline = CmLaterNsec(CmMonotonicNsec(), aLimit);
     m_pWait.reset(new (std::nothrow) CCallWait);
     if (m_pWait == nullptr) {
-        m_Call.OnDestorySelf();  // for the queue, which never had it
+        m_Call.OnDestorySelf();  // in place of the queue, which never got it
         return CM_ERROR_OUT_OF_MEMORY;
     }
     const CmResult rvPost = aQueue.PostEvent(&m_Call, ICmEventQueue::EPRIORITY_NORMAL);
