@@ -5,6 +5,10 @@ kelto_need_build_tools() {
     kelto_need_compiler
     kelto_need cmake cmake cmake
     kelto_need ninja ninja-build ninja
+}
+
+kelto_need_test_tools() {
+    kelto_need_build_tools
     kelto_need python3 python3 python3
     kelto_need_header gtest/gtest.h libgtest-dev googletest
 }

@@ -29,9 +29,9 @@ class CCaptureSource : public IPacketSource {
     std::string error() const override { return m_sError; }
     bool IsRecorded() const override { return true; }
     int percent() const override {
-        const int64_t llRead = m_llRead.load(std::memory_order_relaxed);
+        const int64_t llTaken = m_llTaken.load(std::memory_order_relaxed);
         return m_llFileSize > 0
-                   ? static_cast<int>(std::min<int64_t>(llRead, m_llFileSize) * 100 / m_llFileSize)
+                   ? static_cast<int>(std::min<int64_t>(llTaken, m_llFileSize) * 100 / m_llFileSize)
                    : -1;
     }
     std::vector<CInputReport> Inputs() const override {
@@ -60,7 +60,9 @@ class CCaptureSource : public IPacketSource {
     DataBlockPtr m_block;    // the bytes being read
     uint32_t m_dwAt = 0;     // of the first one that was not taken
     uint32_t m_dwThere = 0;  // of the first one that is not there yet
-    std::atomic<int64_t> m_llRead{0};
+    int64_t m_llRead = 0;
+    // Bytes of records that were handed out; shown while the run goes on, so one by one.
+    std::atomic<int64_t> m_llTaken{0};
 };
 
 ERead CCaptureSource::Read(CPacket* aPacket, EFrame* aReason) {
@@ -72,6 +74,8 @@ ERead CCaptureSource::Read(CPacket* aPacket, EFrame* aReason) {
                                 : CCaptureReader::EResult::MORE;
         const uint32_t dwFrame = m_dwAt + record.offset;
         m_dwAt += dwTaken;
+        m_llTaken.store(m_llTaken.load(std::memory_order_relaxed) + dwTaken,
+                        std::memory_order_relaxed);
         if (result == CCaptureReader::EResult::FRAME) {
             const auto* pFrame =
                 reinterpret_cast<const unsigned char*>(m_block->m_pPayload) + dwFrame;
@@ -120,13 +124,13 @@ ERead CCaptureSource::Fill() {
         return errno == EINTR || errno == EAGAIN ? ERead::IDLE : Fail(std::strerror(errno));
     }
     if (nRead == 0) {
-        const bool bNothing = m_llRead.load(std::memory_order_relaxed) == 0;
+        const bool bNothing = m_llRead == 0;
         return bNothing             ? Fail("it is empty")
                : m_dwAt < m_dwThere ? Fail("it ends in the middle of a packet")
                                     : ERead::END;
     }
     m_dwThere += static_cast<uint32_t>(nRead);
-    m_llRead.store(m_llRead.load(std::memory_order_relaxed) + nRead, std::memory_order_relaxed);
+    m_llRead += nRead;
     return ERead::PACKET;
 }
 

@@ -7,6 +7,8 @@
 #include "CmResultText.h"
 #include "Monotonic.h"
 #include "PacketSource.h"
+#include "PayloadNames.h"
+#include "Plot.h"
 
 namespace rtp_monitor {
 
@@ -34,7 +36,8 @@ bool CMonitor::Start(std::string* aError) {
     }
     const uint32_t dwBatches = std::max(MOST_BATCHES / m_options.workers, LEAST_BATCHES);
     for (unsigned int i = 0; i < m_options.workers; ++i) {
-        m_workers.push_back(std::make_unique<CStreamWorker>(m_options.clockRates, dwBatches));
+        m_workers.push_back(std::make_unique<CStreamWorker>(m_options.clockRates, dwBatches,
+                                                            !m_options.plotFile.empty()));
         if (CM_FAILED(m_workers.back()->Result())) {
             *aError = std::string("cannot start the worker threads: ") +
                       UTIL_NS::CmResultText(m_workers.back()->Result());
@@ -71,6 +74,35 @@ bool CMonitor::Collect(CReport* aReport, bool aClose) {
     aReport->seconds = static_cast<double>(aReport->nowUsec - m_llStartUsec) / USEC_PER_SEC;
     aReport->isComplete = aReport->isLive || !m_pReceiver->WasStopped();
     aReport->hasIntervals = aReport->isLive || !m_options.fast;
+    Complete(aReport);
+    return true;
+}
+
+// What takes more than the stream's own packets to know.
+void CMonitor::Complete(CReport* aReport) const {
+    int64_t llNow = aReport->isLive ? aReport->nowUsec : INT64_MIN;
+    for (const CStreamReport& stream : aReport->streams) {
+        llNow = std::max(llNow, stream.lastArrivalUsec);
+    }
+    for (CStreamReport& stream : aReport->streams) {
+        stream.silentUsec = llNow - stream.lastArrivalUsec;
+        stream.payloadName = PayloadName(stream.payloadType, m_options.payloadNames);
+        for (CPayloadTypeReport& type : stream.payloadTypes) {
+            type.name = PayloadName(type.type, m_options.payloadNames);
+        }
+    }
+}
+
+bool CMonitor::CollectCurves(const CReport& aReport, std::vector<CCurve>* aCurves) {
+    std::vector<CStreamKey> streams;
+    for (size_t i = 0; i < std::min(aReport.streams.size(), MAX_PLOTTED); ++i) {
+        streams.push_back(aReport.streams[i].key);
+    }
+    for (const std::unique_ptr<CStreamWorker>& worker : m_workers) {
+        if (CM_FAILED(worker->AddCurves(streams, aCurves))) {
+            return false;
+        }
+    }
     return true;
 }
 

@@ -5,11 +5,13 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "CmWorker.h"
 #include "Options.h"
 #include "Receiver.h"
 #include "ReportData.h"
+#include "Series.h"
 #include "StopSignal.h"
 
 namespace rtp_monitor {
@@ -27,8 +29,12 @@ class CMonitor {
     // What is known now. With aClose, the interval ends over which bit rates are taken. One thread
     // at a time.
     bool Collect(CReport* aReport, bool aClose);
+    // How the first streams of aReport went, MAX_PLOTTED at most. Only with COptions::plotFile.
+    bool CollectCurves(const CReport& aReport, std::vector<CCurve>* aCurves);
 
   private:
+    void Complete(CReport* aReport) const;
+
     const COptions& m_options;
     CStopSignal& m_stop;
     StreamWorkers m_workers;

@@ -7,6 +7,8 @@
 #include <vector>
 
 #include "CmConfigReader.h"
+#include "PayloadNames.h"
+#include "StreamOrder.h"
 #include "StreamWorker.h"
 
 namespace rtp_monitor {
@@ -16,13 +18,18 @@ struct COptions {
     bool fast = false;
     bool json = false;
     bool help = false;
+    bool version = false;
     unsigned int workers = 2;
     unsigned int intervalMs = 1000;
+    bool intervalGiven = false;           // on the command line
     unsigned int streams = 10000;         // looked after at a time
     uint64_t receiveBuffer = 4ULL << 20;  // bytes of a socket's; absorbs bursts
     unsigned long traceLevel = 20;        // the monitor's own lines above it are not written
-    std::string traceFile;
+    ESort sort = ESort::WORST;
+    std::string plotFile;   // empty: none
+    std::string traceFile;  // empty: the user's own place
     ClockRates clockRates;
+    PayloadNames payloadNames;
 
     bool IsLive() const;
     std::string InputNames() const;
@@ -31,7 +38,7 @@ struct COptions {
 extern const char CONFIG_SECTION[];
 extern const char HELP_TEXT[];
 
-// False, with a whole sentence in aError, when the arguments make no sense. Sets the home directory
+// False, with a clause in aError, when the arguments make no sense. Sets the home directory
 // first (--home), then reads its conf/kelto.cfg into aConfig and takes section RtpMonitor of it,
 // whose bad values are problems of aConfig, then applies the rest.
 bool ReadOptions(int aArgCount, char** aArgs, UTIL_NS::CCmConfigReader* aConfig, COptions* aOptions,

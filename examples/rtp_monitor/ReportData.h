@@ -17,6 +17,7 @@ struct CPayloadTypeReport {
     uint8_t type = 0;
     uint32_t clockRate = 0;  // Hz; 0: unknown
     uint64_t packets = 0;
+    std::string name;  // empty: none is known
 };
 
 // One stream. received = expected - lost - droppedHere + duplicates + late.
@@ -25,6 +26,7 @@ struct CStreamReport {
     bool isDoubtful = false;  // no two packets with consecutive numbers have been seen
     uint8_t payloadType = 0;  // that of the last packet whose clock is known, if there is one
     uint32_t clockRate = 0;   // Hz, of that type; 0: unknown, and then there is no jitter
+    std::string payloadName;  // of that type; empty: none is known
     std::vector<CPayloadTypeReport> payloadTypes;  // in the order in which they came
     uint64_t payloadTypeChanges = 0;
     uint64_t received = 0;       // with a place in the stream
@@ -44,6 +46,7 @@ struct CStreamReport {
     double longestGapMs = 0;     // between two arrivals
     int64_t firstArrivalUsec = 0;
     int64_t lastArrivalUsec = 0;
+    int64_t silentUsec = 0;  // since then: live until now, of a capture until its last packet
 };
 
 // What was read from: a capture or one socket.

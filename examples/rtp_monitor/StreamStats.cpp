@@ -78,7 +78,7 @@ void CStreamStats::CountPayloadType(uint8_t aType, uint32_t aClockRate) {
             return;
         }
     }
-    m_payloadTypes.push_back({aType, aClockRate, 1});
+    m_payloadTypes.push_back({aType, aClockRate, 1, {}});
 }
 
 CStreamStats::EPlace CStreamStats::CountSequence(const CRtpHeader& aHeader, uint32_t aClockRate,

@@ -1,5 +1,6 @@
 #include "StreamWorker.h"
 
+#include <algorithm>
 #include <string_view>
 #include <utility>
 
@@ -12,8 +13,10 @@ namespace rtp_monitor {
 using UTIL_NS::CCmWorkerOptions;
 using UTIL_NS::CmResult;
 
-CStreamWorker::CStreamWorker(const ClockRates& aClockRates, uint32_t aMostBatches)
-    : m_llIntervalStartUsec(MonotonicUsec()), m_worker(CCmWorkerOptions().Name("streams")) {
+CStreamWorker::CStreamWorker(const ClockRates& aClockRates, uint32_t aMostBatches, bool aKeepSeries)
+    : m_bKeepSeries(aKeepSeries),
+      m_llIntervalStartUsec(MonotonicUsec()),
+      m_worker(CCmWorkerOptions().Name("streams")) {
     if (CM_SUCCEEDED(m_worker.Result())) {
         m_poster.emplace(*m_worker.GetEventQueue(), aMostBatches);
     }
@@ -37,6 +40,23 @@ CmResult CStreamWorker::AddTo(CReport* aReport, bool aClose) {
     return CmCall(m_worker, [this, aReport, aClose] { AddStreams(aReport, aClose); }).Result();
 }
 
+CmResult CStreamWorker::AddCurves(const std::vector<CStreamKey>& aStreams,
+                                  std::vector<CCurve>* aCurves) {
+    return CmCall(m_worker,
+                  [this, &aStreams, aCurves] {
+                      for (const CStream& stream : m_streams) {
+                          if (stream.series.stepUsec() > 0 &&
+                              std::find(aStreams.begin(), aStreams.end(), stream.key) !=
+                                  aStreams.end()) {
+                              aCurves->push_back({stream.key, stream.series.startUsec(),
+                                                  stream.series.stepUsec(),
+                                                  stream.series.Points(stream.stats)});
+                          }
+                      }
+                  })
+        .Result();
+}
+
 void CStreamWorker::OnBatch(const CBatch& aBatch) {
     const std::string_view bytes = UTIL_NS::CmPieceOf(*aBatch.bytes);
     auto pNewKey = aBatch.newStreams.begin();
@@ -48,13 +68,17 @@ void CStreamWorker::OnBatch(const CBatch& aBatch) {
             CStream& stream = m_streams[entry.place];
             m_ullForgottenStreams += stream.stats.packets() > 0 ? 1 : 0;
             m_ullForgottenPackets += stream.stats.packets();
-            stream = {*pNewKey++, CStreamStats()};
+            stream = {*pNewKey++, CStreamStats(), CSeries()};
         }
         CRtpHeader header = {};
         const auto* pPacket = reinterpret_cast<const unsigned char*>(bytes.data()) + entry.offset;
         if (ParsePacket(pPacket, entry.size, entry.wireSize, &header) == EPacketKind::RTP) {
-            m_streams[entry.place].stats.OnPacket(header, m_clockRates[header.payloadType],
-                                                  entry.arrivalUsec, entry.dropped);
+            CStream& stream = m_streams[entry.place];
+            if (m_bKeepSeries) {
+                stream.series.OnTime(entry.arrivalUsec, stream.stats);
+            }
+            stream.stats.OnPacket(header, m_clockRates[header.payloadType], entry.arrivalUsec,
+                                  entry.dropped);
         }
     }
 }

@@ -13,6 +13,7 @@
 #include "CmBoundedPoster.h"
 #include "CmWorker.h"
 #include "ReportData.h"
+#include "Series.h"
 #include "StreamStats.h"
 
 namespace rtp_monitor {
@@ -40,8 +41,8 @@ struct CBatch {
 // One thread of the library and the streams that it looks after.
 class CStreamWorker {
   public:
-    // aMostBatches: how many may wait.
-    CStreamWorker(const ClockRates& aClockRates, uint32_t aMostBatches);
+    // aMostBatches: how many may wait. aKeepSeries: for AddCurves.
+    CStreamWorker(const ClockRates& aClockRates, uint32_t aMostBatches, bool aKeepSeries = false);
 
     // Whether the thread runs; without it nothing below may be called.
     UTIL_NS::CmResult Result() const;
@@ -50,6 +51,9 @@ class CStreamWorker {
     // Adds what the worker knows, all batches posted before included, to aReport. With aClose, the
     // interval ends over which its bit rates are taken.
     UTIL_NS::CmResult AddTo(CReport* aReport, bool aClose);
+    // Appends how those of aStreams went that this worker looks after.
+    UTIL_NS::CmResult AddCurves(const std::vector<CStreamKey>& aStreams,
+                                std::vector<CCurve>* aCurves);
     // The thread, for what else is to run there.
     UTIL_NS::CCmWorker& worker() { return m_worker; }
 
@@ -57,11 +61,13 @@ class CStreamWorker {
     struct CStream {
         CStreamKey key;
         CStreamStats stats;
+        CSeries series;
     };
 
     void OnBatch(const CBatch& aBatch);
     void AddStreams(CReport* aReport, bool aClose);
 
+    const bool m_bKeepSeries;
     std::array<uint32_t, 128> m_clockRates{};  // by payload type
     std::deque<CStream> m_streams;             // by place
     uint64_t m_ullForgottenStreams = 0;
