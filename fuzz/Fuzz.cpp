@@ -11,8 +11,8 @@
 #include <iterator>
 
 #include "CmConfig.h"
+#include "CmSystem.h"
 #include "CmTrace.h"
-#include "port/CmSystem.h"
 
 namespace {
 

@@ -14,17 +14,17 @@
 /// Marks a step of an exported class that only the library calls.
 #define CM_UTIL_HIDDEN __attribute__((visibility("hidden")))
 
-// CM_CONSTANT_INIT: marks a static object that the compiler must initialise, so that it may be used
-// before any other static object is constructed.
 #if defined(__clang__)
 #define CM_CONSTANT_INIT [[clang::require_constant_initialization]]
 #else
-/// Before a static object: the compiler must initialise it.
+/// Before a static object: the compiler must initialise it, so that it may be used before any other
+/// static object is constructed.
 #define CM_CONSTANT_INIT __constinit
 #endif
 
-/// Tell the compiler which way a condition mostly goes.
+/// Tells the compiler that a condition mostly holds.
 #define CM_LIKELY(x) __builtin_expect(!!(x), 1)
+/// Tells the compiler that a condition mostly does not hold.
 #define CM_UNLIKELY(x) __builtin_expect(!!(x), 0)
 
 namespace UTIL_NS {
@@ -42,9 +42,9 @@ static const CCmLibraryInit s_cmLibraryInit;
 /// The library's string type: a byte string, no encoding implied.
 typedef std::string CCmString;
 
-// A 32-bit unsigned number. Not declared where a host has a macro of this name, which must then
-// stand for the same type.
 #ifndef DWORD
+/// A 32-bit unsigned number. Not declared where a host has a macro of this name, which must then
+/// stand for the same type.
 typedef uint32_t DWORD;
 #endif
 
@@ -73,7 +73,8 @@ constexpr CmResult CM_ERROR_OUT_OF_MEMORY = CM_ERROR_BASE + 7;
 constexpr CmResult CM_ERROR_INVALID_ARG = CM_ERROR_BASE + 8;
 /// A synchronous event has not run; a block has too little room.
 constexpr CmResult CM_ERROR_NOT_AVAILABLE = CM_ERROR_BASE + 9;
-/// CM_ERROR_BASE + 10 is never returned; the number stays free.
+// CM_ERROR_BASE + 10 is never returned; the number stays free.
+
 /// Nothing is pending; a thread or a timer handler is not in its list.
 constexpr CmResult CM_ERROR_NOT_FOUND = CM_ERROR_BASE + 11;
 /// The timer handler is scheduled already.
@@ -83,8 +84,9 @@ constexpr CmResult CM_ERROR_PARTIAL_DATA = CM_ERROR_BASE + 13;
 /// A timed wait expired.
 constexpr CmResult CM_ERROR_TIMEOUT = CM_ERROR_BASE + 14;
 
-/// Whether a CmResult is success or any of the errors.
+/// Whether a CmResult is success.
 #define CM_SUCCEEDED(rv) ((rv) == 0)
+/// Whether a CmResult is any of the errors.
 #define CM_FAILED(rv) ((rv) != 0)
 
 }  // namespace UTIL_NS

@@ -47,11 +47,16 @@ class CCmPieces {
       public:
         /// What algorithms ask for.
         typedef std::forward_iterator_tag iterator_category;
+        /// A piece.
         typedef std::string_view value_type;
+        /// Between two iterators of one chain.
         typedef std::ptrdiff_t difference_type;
+        /// For algorithms; nothing here returns one.
         typedef const std::string_view* pointer;
+        /// A piece by value: none is kept anywhere.
         typedef std::string_view reference;
 
+        /// The end.
         const_iterator() = default;
         /// The first piece of aBlock and what comes after it; null is the end.
         explicit const_iterator(const CCmMessageBlock* aBlock) : m_pBlock(aBlock) { Skip(); }
@@ -73,9 +78,11 @@ class CCmPieces {
         /// The block that the piece belongs to.
         const CCmMessageBlock* Block() const { return m_pBlock; }
 
+        /// Whether both stand at one block, or both at the end.
         friend bool operator==(const const_iterator& aLeft, const const_iterator& aRight) {
             return aLeft.m_pBlock == aRight.m_pBlock;
         }
+        /// The opposite.
         friend bool operator!=(const const_iterator& aLeft, const const_iterator& aRight) {
             return !(aLeft == aRight);
         }
@@ -95,9 +102,11 @@ class CCmPieces {
     /// aChain: may be null, which has no pieces.
     explicit CCmPieces(const CCmMessageBlock* aChain) : m_pChain(aChain) {}
 
-    /// The first piece, the end after the last one, and whether there is none.
+    /// The first piece.
     const_iterator begin() const { return const_iterator(m_pChain); }
+    /// After the last piece.
     const_iterator end() const { return const_iterator(); }
+    /// Whether there is none.
     bool empty() const { return begin() == end(); }
 
   private:

@@ -35,18 +35,20 @@ CM_UTIL_EXPORT unsigned long get_tick_count();
 /// The distance from aStart to aEnd, right even when the counter wrapped in between.
 CM_UTIL_EXPORT unsigned long calculate_tick_interval(unsigned long aStart, unsigned long aEnd);
 
-/// The wall clock: microseconds since 1970.
+/// The wall clock, which jumps when it is set.
 struct CM_UTIL_EXPORT timer_policy {
-    /// Microseconds, and the largest number of them.
+    /// Microseconds since 1970.
     static long long now();
+    /// No time is later: 0x7FFFFFFFFFFFFFFF.
     static long long max_time_value();
 };
 
-/// The process clock: microseconds in steps of one clock tick; it always reads 0 when a tick
-/// lasts less than a millisecond.
+/// The process clock, which counts from a moment that the system chooses. It advances by whole ticks,
+/// and always reads 0 when a tick lasts less than a millisecond.
 struct CM_UTIL_EXPORT tick_policy {
-    /// Microseconds, and the largest number of them.
+    /// Microseconds.
     static long long now();
+    /// No time is later: 0x7FFFFFFFFFFFFFFF.
     static long long max_time_value();
 };
 
@@ -55,8 +57,9 @@ struct CM_UTIL_EXPORT tick_policy {
 struct CM_UTIL_EXPORT low_tick_policy {
     class low_tick_generator;
 
-    /// Microseconds, and the largest number of them.
+    /// Microseconds.
     static long long now();
+    /// No time is later: 0x7FFFFFFFFFFFFFFF.
     static long long max_time_value();
 };
 
@@ -67,6 +70,7 @@ struct CM_UTIL_EXPORT tick_type {
     tick_type();
     /// aMicroseconds: of either sign.
     explicit tick_type(long long aMicroseconds);
+    /// The same for a record that exists.
     void reset(long long aMicroseconds);
 
     uint32_t hours;         ///< in total, not reduced to a day
@@ -84,21 +88,22 @@ struct CM_UTIL_EXPORT time_type : tm {
     time_type();
     /// Microseconds since 1970; a negative count is a time before.
     explicit time_type(long long aMicroseconds);
+    /// The same for a record that exists.
     void reset(long long aMicroseconds);
 
     uint32_t milliseconds;  ///< 0 to 999
     uint32_t microseconds;  ///< 0 to 999
 };
 
-/// The process clock, split.
+/// Names the process clock for code that takes either of the two.
 struct CM_UTIL_EXPORT formatted_ticker {
-    /// What it reads at this moment.
+    /// tick_type().
     static tick_type now();
 };
 
-/// The wall clock, split.
+/// Names the wall clock for code that takes either of the two.
 struct CM_UTIL_EXPORT formatted_timer {
-    /// What it reads at this moment.
+    /// time_type().
     static time_type now();
 };
 

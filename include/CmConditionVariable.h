@@ -23,9 +23,9 @@ namespace UTIL_NS {
 /// thereby usable before any other static object is constructed.
 struct CCmStaticInit {};
 
-/// Common part of the two mutexes; its own constructor does not initialise the mutex, it only
-/// fills it with zeros, which makes one whose initialisation failed harmless.
-/// A mutex must not be destroyed while it is held.
+/// Common part of the two mutexes, which initialise it: its own constructor only fills it with
+/// zeros, which makes one whose initialisation failed harmless. A mutex must not be destroyed while
+/// it is held.
 class CM_UTIL_EXPORT CM_CAPABILITY("mutex") CCmMutexThreadBase {
   public:
     virtual ~CCmMutexThreadBase();
@@ -44,13 +44,10 @@ class CM_UTIL_EXPORT CM_CAPABILITY("mutex") CCmMutexThreadBase {
     /// For static objects.
     explicit constexpr CCmMutexThreadBase(const pthread_mutex_t& aMutex) : m_Mutex(aMutex) {}
 
-    /// Initialises the mutex with a type number; the result is that of pthread_mutex_init.
-    int Init(int aType);
-
-    pthread_mutex_t m_Mutex;
+    pthread_mutex_t m_Mutex;  ///< zeros until a subclass has initialised it
 
   private:
-    friend struct CCmConditionSteps;
+    friend struct CCmConditionSteps;  // internal
 };
 
 /// The owning thread may lock it again; it is free after as many calls of UnLock.
@@ -60,7 +57,7 @@ class CM_UTIL_EXPORT CCmMutexThreadRecursive : public CCmMutexThreadBase {
     ~CCmMutexThreadRecursive() override;
     /// For static objects.
     explicit constexpr CCmMutexThreadRecursive(CCmStaticInit)
-        : CCmMutexThreadBase(pthread_mutex_t CM_RECURSIVE_MUTEX_INITIALIZER) {}
+        : CCmMutexThreadBase(CM_RECURSIVE_MUTEX) {}
 };
 
 /// The library's default mutex; not recursive: taking it twice on one thread is a caller error.
@@ -93,11 +90,8 @@ class CM_UTIL_EXPORT CCmConditionVariableThread {
     /// the thread's clean-up handlers run.
     CmResult Wait(CCmTimeValue* aTimeout);
 
-    /// The same up to a moment of the monotonic clock, in nanoseconds; for the library's own waits.
-    CM_UTIL_HIDDEN CmResult WaitUntil_i(long long aDeadlineNsec);
-
   private:
-    friend struct CCmConditionSteps;
+    friend struct CCmConditionSteps;  // internal
 
     CCmMutexThread& m_Mutex;
     pthread_cond_t m_Condition;
@@ -107,10 +101,10 @@ class CM_UTIL_EXPORT CCmConditionVariableThread {
 ///
 /// Manual: Signal opens it for every waiter, present and future, until Pulse. Automatic: Signal
 /// wakes one waiter or, when there is none, lets one later Wait through. A woken thread does not
-/// look at the state again, so a wait may, rarely, end without a signal: what must not be
-/// mistaken is checked by the caller. When the inner mutex cannot be taken, every operation
-/// traces an assertion, returns that result and changes nothing. Its lines are written after the
-/// inner mutex was released.
+/// look at the state again, so Wait may, rarely, return without a signal: a caller who must be sure
+/// checks what it waited for. When the inner mutex cannot be taken, every operation traces an
+/// assertion, returns that result and changes nothing. Its lines are written after the inner mutex
+/// was released.
 class CM_UTIL_EXPORT CCmEventThread {
   public:
     /// aManualReset, aInitialState: 0 or 1. aName: accepted and not used.
@@ -123,18 +117,16 @@ class CM_UTIL_EXPORT CCmEventThread {
     /// aTimeout: relative, null waits without limit. CM_OK, CM_ERROR_TIMEOUT or CM_ERROR_FAILURE. A
     /// cancellation point; a cancelled thread leaves the event usable.
     CmResult Wait(CCmTimeValue* aTimeout = nullptr);
+    /// As the class says. CM_OK or CM_ERROR_FAILURE.
     CmResult Signal();
-    /// Wakes all waiters (manual) or one (automatic), then leaves the event unsignalled.
+    /// Wakes all waiters (manual) or one (automatic), then leaves the event unsignalled. CM_OK or
+    /// CM_ERROR_FAILURE.
     CmResult Pulse();
     /// Does nothing and returns CM_ERROR_FAILURE: only Pulse clears a latched event.
     CmResult Reset();
 
   private:
-    friend class CCmEventSynchronous;
-
-    /// Signal of an automatic event that its waiter leaves alive: the waiter does not wake up only
-    /// to find the mutex taken. It must not be missed: what fails is tried again.
-    CmResult SignalBehindLock_i();
+    friend struct CCmConditionSteps;  // internal
 
     CCmMutexThread m_Mutex;
     CCmConditionVariableThread m_Condition;
@@ -156,7 +148,7 @@ class CM_UTIL_EXPORT CCmSemaphore {
     /// Takes one, waiting for it. CM_OK, or CM_ERROR_FAILURE (a signal interrupted the wait). A
     /// cancellation point, which takes none.
     CmResult Lock();
-    /// Gives one back.
+    /// Gives one back. CM_OK or CM_ERROR_FAILURE.
     CmResult UnLock();
     /// Gives aCount; a count below 1 gives none and returns CM_OK. Stops at the first failure
     /// with CM_ERROR_FAILURE.
@@ -166,16 +158,16 @@ class CM_UTIL_EXPORT CCmSemaphore {
     CmPlatformSemaphore m_Semaphore;
 };
 
-/// A counter that names the mutex it is guarded by. Counting is atomic by itself and takes no
-/// lock: an increment is relaxed, a decrement is acquire-release, so whoever brings the counter
-/// to zero sees everything that the other threads did before they decremented.
+/// A counter that names a mutex, which counting does not take: it is atomic by itself. An increment
+/// is relaxed, a decrement is acquire-release, so whoever brings the counter to zero sees
+/// everything that the other threads did before they decremented.
 template <class MutexType>
 class CCmAtomicOperationT;
 
 /// The mutex that counters name; one for the process.
 extern CM_UTIL_EXPORT CCmMutexThread s_ReferenceControlMutexThread;
 
-/// The counter of several threads; it names a mutex and needs none.
+/// The counter of several threads. Any thread.
 template <>
 class CCmAtomicOperationT<CCmMutexThread> {
   public:
@@ -186,8 +178,9 @@ class CCmAtomicOperationT<CCmMutexThread> {
     CCmAtomicOperationT(const CCmAtomicOperationT&) = delete;
     CCmAtomicOperationT& operator=(const CCmAtomicOperationT&) = delete;
 
-    /// Both return the new value.
+    /// Adds one; returns the new value.
     long operator++() { return m_lValue.fetch_add(1, std::memory_order_relaxed) + 1; }
+    /// Takes one; returns the new value.
     long operator--() { return m_lValue.fetch_sub(1, std::memory_order_acq_rel) - 1; }
     /// For reference counts: true, and the value 0, when the caller's reference is the only one.
     /// Nobody else counts then, so no locked instruction is needed; the acquire orders what the
@@ -205,13 +198,15 @@ class CCmAtomicOperationT<CCmMutexThread> {
     CCmMutexThread& mutex() const { return *m_pMutex; }
 
   private:
-    CCmMutexThread* m_pMutex;  ///< not owned
+    CCmMutexThread* m_pMutex;  ///< not owned; the library does not read it
     std::atomic<long> m_lValue;
 };
 
-/// Thread identities.
+/// The identity of the calling thread.
 CM_UTIL_EXPORT pthread_t GetThreadSelfId();
+/// Whether the two are one thread.
 CM_UTIL_EXPORT bool IsThreadEqual(pthread_t aLeft, pthread_t aRight);
+/// Whether it is the calling thread.
 CM_UTIL_EXPORT bool IsEqualCurrentThread(pthread_t aThread);
 
 }  // namespace UTIL_NS

@@ -5,7 +5,7 @@
 ///     trimmed of blanks, tabs, CRs and LFs.
 ///   - A line whose first non-blank character is "#" is a comment; ";" starts none.
 ///   - A line that holds both "[" and "]" is a section header, even when it also holds "=": a value
-///     with both ends its section. Lines ahead of the first header are never matched, and only the
+///     with both ends its section. Lines before the first header are never matched, and only the
 ///     first section of a name counts.
 ///   - A value between two quotes of one kind loses them and is trimmed again.
 ///   - A line longer than 2047 characters is read as several lines; a NUL ends what is seen of its
@@ -26,9 +26,8 @@
 #ifndef CM_CONFIG_H
 #define CM_CONFIG_H
 
-#include <stdio.h>
-#include <string.h>
-
+#include <cstdio>
+#include <cstring>
 #include <string_view>
 
 #include "CmBase.h"
@@ -81,11 +80,12 @@ CM_UTIL_EXPORT int get_string_from_profile(const char* aSection, const char* aKe
 CM_UTIL_EXPORT int get_string_param(const char* aSection, const char* aKey, char* aOut,
                                     int aOutSize);
 
-/// Not found: 0. A number too large for the type keeps its low bits; one that is too large for a
-/// long (get_uint32_param: an unsigned long) counts as the nearest long first, so that 2^63 gives
-/// -1.
+/// The value as a decimal number; 0 when it is not found. A number too large for a long counts as
+/// the nearest long, and of that the low bits are returned, so that 2^63 gives -1.
 CM_UTIL_EXPORT int get_int_param(const char* aSection, const char* aKey);
+/// The low 16 bits of what get_int_param gives.
 CM_UTIL_EXPORT uint16_t get_uint16_param(const char* aSection, const char* aKey);
+/// As get_int_param, but read as an unsigned long, of which the low 32 bits are returned.
 CM_UTIL_EXPORT uint32_t get_uint32_param(const char* aSection, const char* aKey);
 
 /// 1 when the value equals "TRUE" without regard to case, 0 for any other value ("1", "yes").
@@ -98,7 +98,7 @@ CM_UTIL_EXPORT unsigned char get_bool_param(const char* aSection, const char* aK
 /// nothing changed: null, empty, or more than CM_HOME_DIR_SIZE - 1 characters with that "/". To be
 /// called during start-up.
 inline CmResult CmSetHomeDir(const char* aDir) {
-    const size_t nLength = aDir != nullptr ? strlen(aDir) : 0;
+    const size_t nLength = aDir != nullptr ? std::strlen(aDir) : 0;
     const bool bSlash = nLength > 0 && aDir[nLength - 1] == '/';
     if (nLength == 0 || nLength + (bSlash ? 0 : 1) >= CM_HOME_DIR_SIZE) {
         return CM_ERROR_INVALID_ARG;
@@ -106,7 +106,7 @@ inline CmResult CmSetHomeDir(const char* aDir) {
     char szDir[CM_HOME_DIR_SIZE] = {};
     std::string_view(aDir, nLength).copy(szDir, nLength);
     szDir[nLength - (bSlash ? 1 : 0)] = '/';
-    memcpy(g_def_kelto_home_dir, szDir, sizeof(szDir));
+    std::memcpy(g_def_kelto_home_dir, szDir, sizeof(szDir));
     return CM_OK;
 }
 
@@ -122,34 +122,41 @@ CM_UTIL_EXPORT void init_config(const char* aDir);
 /// Sets g_kelto_config_file_name.
 CM_UTIL_EXPORT void set_kelto_config_file_name(CCmString const& aName);
 
+/// Bytes of a buffer for the main configuration file's path.
+constexpr int CM_CONFIG_PATH_SIZE = 512;
 /// Writes the main configuration file's path, home + "conf/" + file name, into aBuffer, of
 /// CM_CONFIG_PATH_SIZE bytes. A path that does not fit becomes the empty text.
-constexpr int CM_CONFIG_PATH_SIZE = 512;
 CM_UTIL_EXPORT void get_config_file_name(char* aBuffer);
 
 /// The main configuration file as an object. It holds nothing; all instances are the same.
 class CM_UTIL_EXPORT CCmConfigInitFile {
   public:
+    /// Does nothing.
     CCmConfigInitFile();
+    /// Does nothing.
     ~CCmConfigInitFile();
 
     /// Ignores aName and returns CM_OK; SetKeltoConfigFileName changes the file.
     CmResult InitWithFileName(CCmString const& aName);
 
-    /// The value, or aDefault without one. Numbers too large are read as get_int_param does (the
-    /// unsigned ones as get_uint32_param).
+    /// The value as get_int_param reads it, or aDefault without one.
     int GetIntParam(CCmString const& aSection, CCmString const& aKey, int aDefault);
+    /// The value as get_uint32_param reads it, or aDefault without one.
     unsigned int GetDwordParam(CCmString const& aSection, CCmString const& aKey,
                                unsigned int aDefault);
+    /// The low 16 bits of the value as get_uint32_param reads it, or aDefault without one.
     unsigned short GetWordParam(CCmString const& aSection, CCmString const& aKey,
                                 unsigned short aDefault);
+    /// The value, cut to 255 characters, or aDefault without one.
     CCmString GetStringParam(CCmString const& aSection, CCmString const& aKey, CCmString aDefault);
-    /// 1 when the value equals "TRUE" without regard to case, 0 for any other value.
+    /// 1 when the value equals "TRUE" without regard to case, 0 for any other value, aDefault
+    /// without one.
     signed char GetBoolParam(CCmString const& aSection, CCmString const& aKey,
                              signed char aDefault);
 
-    /// As the functions of the same names.
+    /// What get_kelto_home_dir returns.
     CCmString GetKeltoHomeDir();
+    /// As set_kelto_home_env.
     void SetKeltoHomeEnv(CCmString const& aDir);
     /// Takes effect on every later look-up, and makes the trace facility read its settings anew.
     void SetKeltoConfigFileName(CCmString const& aName);
@@ -164,7 +171,7 @@ class CM_UTIL_EXPORT CCmConfigInitFile {
 /// the platform cannot tell the name, and asked for again then. Read once; the text stays valid.
 CM_UTIL_EXPORT const char* get_exec_name();
 
-/// The part of get_exec_name() behind its last "/".
+/// The part of get_exec_name() after its last "/".
 CM_UTIL_EXPORT const char* get_process_name();
 
 /// "util.dll", whatever it is given.

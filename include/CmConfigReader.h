@@ -28,6 +28,7 @@
 #include <vector>
 
 #include "CmBase.h"
+#include "CmPrivateRoom.h"
 #include "CmStrict.h"
 #include "CmTimeValue.h"
 
@@ -38,8 +39,11 @@ class CM_UTIL_EXPORT CCmConfigReader {
   public:
     /// Empty, as if it had read an empty file.
     CCmConfigReader();
+    /// What it handed out is gone with it.
     ~CCmConfigReader();
+    /// Not to be copied.
     CCmConfigReader(const CCmConfigReader&) = delete;
+    /// Likewise.
     CCmConfigReader& operator=(const CCmConfigReader&) = delete;
 
     /// Opens the file once and takes it as it was at one moment, before an edit or after it; where
@@ -68,14 +72,18 @@ class CM_UTIL_EXPORT CCmConfigReader {
 
     /// The value, which may be empty, as long as the snapshot lives.
     CmResult GetText(std::string_view aSection, std::string_view aKey, std::string_view& aValue);
+    /// A decimal number of any integer type, as CmParseNumber has it.
     template <class Integer>
     CmResult GetNumber(std::string_view aSection, std::string_view aKey, Integer& aNumber,
                        Integer aMin = std::numeric_limits<Integer>::min(),
                        Integer aMax = std::numeric_limits<Integer>::max());
+    /// As CmParseBool has it.
     CmResult GetBool(std::string_view aSection, std::string_view aKey, bool& aValue);
+    /// As CmParseDuration has it.
     CmResult GetDuration(std::string_view aSection, std::string_view aKey, CCmTimeValue& aDuration,
                          const CCmTimeValue& aMin = CCmTimeValue(),
                          const CCmTimeValue& aMax = CCmTimeValue(INT64_MAX));
+    /// As CmParseSize has it.
     CmResult GetSize(std::string_view aSection, std::string_view aKey, uint64_t& aBytes,
                      uint64_t aMin = 0, uint64_t aMax = UINT64_MAX);
     /// Of either family, without brackets: a line with "[" and "]" is a section header.
@@ -93,14 +101,14 @@ class CM_UTIL_EXPORT CCmConfigReader {
     const std::vector<CCmString>& problems() const;
 
     /// Appends a sentence for each line with a key that nobody has asked for, a typing error
-    /// perhaps, or that nobody can reach: a second section or key of one name, a line ahead of all
+    /// perhaps, or that nobody can reach: a second section or key of one name, a line before all
     /// sections. aSection: of this section alone, unless it is empty. CM_OK or
     /// CM_ERROR_OUT_OF_MEMORY.
     CmResult ListUnasked(std::string_view aSection, std::vector<CCmString>& aSentences) const;
 
   private:
-    struct Rep;
-    Rep* const m_pRep;  ///< owned; null when there was no memory for it
+    struct CState;
+    CCmPrivateRoomT<CState, 512> m_Private;
 };
 
 template <class Integer>
@@ -111,15 +119,15 @@ CmResult CCmConfigReader::GetNumber(std::string_view aSection, std::string_view 
     if (CM_FAILED(rv) || CmParseNumber(value, aNumber, aMin, aMax)) {
         return rv;
     }
-    char achExpected[80];
+    char szExpected[80];
     if constexpr (std::is_signed<Integer>::value) {
-        std::snprintf(achExpected, sizeof(achExpected), "a whole number from %lld to %lld",
+        std::snprintf(szExpected, sizeof(szExpected), "a whole number from %lld to %lld",
                       static_cast<long long>(aMin), static_cast<long long>(aMax));
     } else {
-        std::snprintf(achExpected, sizeof(achExpected), "a whole number from %llu to %llu",
+        std::snprintf(szExpected, sizeof(szExpected), "a whole number from %llu to %llu",
                       static_cast<unsigned long long>(aMin), static_cast<unsigned long long>(aMax));
     }
-    return Refuse(aSection, aKey, achExpected);
+    return Refuse(aSection, aKey, szExpected);
 }
 
 }  // namespace UTIL_NS

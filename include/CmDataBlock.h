@@ -39,7 +39,7 @@ class CM_UTIL_EXPORT CCmDataBlock final : public CCmReferenceControlT<CCmMutexTh
   private:
     CCmDataBlock(unsigned int aSize, char* aData, long aCount)
         : CCmReferenceControlT<CCmMutexThread>(aCount), m_dwSize(aSize), m_pPayload(aData) {}
-    ~CCmDataBlock() override;
+    CM_UTIL_HIDDEN ~CCmDataBlock() override;
 };
 
 }  // namespace UTIL_NS

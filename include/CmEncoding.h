@@ -3,7 +3,8 @@
 /// Both base64 codecs use the alphabet of RFC 4648 with '=' padding and write no line breaks.
 /// CM_Base64... works on strings and stops at the first character outside the alphabet;
 /// xbase64_... works on buffers and takes such characters for 'A'. For text that nobody vouches
-/// for: CmStrict.h. Any thread, except that two threads must not share an output. \file
+/// for: CmStrict.h. Any thread, except that two threads must not share an output.
+/// \file
 #ifndef CM_ENCODING_H
 #define CM_ENCODING_H
 
@@ -19,7 +20,7 @@ CM_UTIL_EXPORT void CM_Base64Encode(const void* aIn, unsigned long aLen, UTIL_NS
 /// skipped; decoding ends silently at the first character outside the alphabet ('=' and line ends
 /// included), and padding may be missing. A single character of value v left over at the end
 /// gives the byte v * 4 | 4, and a second byte (the upper four bits of w) when the character two
-/// places behind it is in the alphabet, with the value w. Null aIn or no memory: aOut is empty.
+/// places after it is in the alphabet, with the value w. Null aIn or no memory: aOut is empty.
 /// The text may be that of aOut itself.
 CM_UTIL_EXPORT void CM_Base64Decode(const char* aIn, UTIL_NS::CCmString& aOut);
 
@@ -56,7 +57,7 @@ CM_UTIL_EXPORT unsigned long xbase64_decode(unsigned char* aIn, unsigned long aL
 /// Escapes the NUL-terminated aIn as forms do: letters and digits stay, a blank becomes '+', every
 /// other byte '%' and its value in lower-case hexadecimal. A byte below 0x10 gives '%', one digit
 /// and a NUL, so that the text ends there for whoever reads it, although what follows is written
-/// behind. Input is taken while fewer than aOutSize characters have been written, so aOut must
+/// after it. Input is taken while fewer than aOutSize characters have been written, so aOut must
 /// hold aOutSize + 3 bytes; with aOutSize of 0 or less only the terminator is written. Returns
 /// aOut.
 CM_UTIL_EXPORT char* url_string_encode(char* aIn, char* aOut, int aOutSize);

@@ -3,8 +3,6 @@
 #ifndef CM_HTTP_URL_H
 #define CM_HTTP_URL_H
 
-#include <string_view>
-
 #include "CmBase.h"
 #include "CmUtilTemplates.h"
 
@@ -21,21 +19,21 @@ namespace UTIL_NS {
 /// boolean operation returns false, a setter changes nothing and a getter returns an empty text.
 class CM_UTIL_EXPORT CCmHttpUrl : public CCmReferenceControlT<CCmMutexNullSingleThread> {
   public:
-    /// "http", "https", "file", "ws", "wss".
-    static const char* const s_pszSchemeHttp;
-    static const char* const s_pszSchemeHttps;
-    static const char* const s_pszSchemeFile;
-    static const char* const s_pszSchemeWS;
-    static const char* const s_pszSchemeWSS;
+    static const char* const s_pszSchemeHttp;   ///< "http"
+    static const char* const s_pszSchemeHttps;  ///< "https"
+    static const char* const s_pszSchemeFile;   ///< "file"
+    static const char* const s_pszSchemeWS;     ///< "ws"
+    static const char* const s_pszSchemeWSS;    ///< "wss"
 
     /// All texts empty, port 0.
     CCmHttpUrl();
+    /// Called by the last ReleaseReference.
     ~CCmHttpUrl() override;
 
     /// Takes aSpec apart: blanks around it are skipped, the scheme is matched without regard to
     /// case and kept in lower case. False when there is no known scheme or no host; the scheme
     /// (after an empty host also the host and the port) may have been set by then.
-    /// A file URL sets scheme and path only: one '/' behind "file://" is skipped, and the path
+    /// A file URL sets scheme and path only: one '/' after "file://" is skipped, and the path
     /// starts at the first '/' that remains, so "file:///dir/name" has the path "/name". It
     /// leaves a printed form that is still cached in place, so use a fresh object for one. After an
     /// Init that failed, parts of the old URL and of the new one, and the old printed form, stand
@@ -52,11 +50,15 @@ class CM_UTIL_EXPORT CCmHttpUrl : public CCmReferenceControlT<CCmMutexNullSingle
     /// Empty: "/". Any other text is kept as it is, with or without a leading '/'.
     void SetPath(const CCmString& aPath);
 
-    /// The parts as they are kept; the default port is that of the scheme, 0 without one.
+    /// The scheme in lower case.
     CCmString GetScheme() const;
+    /// The host as it was given.
     CCmString GetHostName() const;
+    /// The path as it was given; "/" for an empty one.
     CCmString GetPath() const;
+    /// The port, which is the default one unless another was given.
     unsigned short GetPort() const { return m_wPort; }
+    /// The default port of the scheme; 0 without one.
     unsigned short GetDefaultPort() const;
 
     /// The whole URL, built when a setter has run since the last call. The port is left out when
@@ -65,19 +67,17 @@ class CM_UTIL_EXPORT CCmHttpUrl : public CCmReferenceControlT<CCmMutexNullSingle
     /// "host" when aAlwaysPort is 0 and the port is the default, "host:port" otherwise.
     CCmString GetNameAndPort(signed char aAlwaysPort) const;
 
-    /// The names of the schemes again.
+    /// "http".
     static const char* get_pszSchemeHttp() { return s_pszSchemeHttp; }
+    /// "https".
     static const char* get_pszSchemeHttps() { return s_pszSchemeHttps; }
+    /// "file".
     static const char* get_pszSchemeFile() { return s_pszSchemeFile; }
 
   private:
-    bool Init_i(std::string_view aRemainder);
-    bool SetNameAndPort_i(std::string_view aNameAndPort);
-    void SetPath_i(std::string_view aPath);
-    void AppendNameAndPort_i(CCmString& aText, bool aAlwaysPort) const;
-    void BuildAsciiSpec_i();
+    class CM_UTIL_HIDDEN CSteps;  // internal
 
-    CCmString m_strAsciiSpec;  ///< cached, empty when it must be rebuilt
+    CCmString m_strAsciiSpec;  // cached, empty when it must be rebuilt
     CCmString m_strScheme;
     CCmString m_strPath;
     CCmString m_strHost;

@@ -18,15 +18,18 @@
 
 namespace UTIL_NS {
 
-/// The level functions: deliver the text that printf would build from aFormat, up to a NUL in it,
-/// at level 2 all four, cut to 131071 characters. 0 when aModule or aFormat is null, else 1. Any
-/// thread.
+/// A level function: delivers the text that printf would build from aFormat, up to a NUL in it, cut
+/// to 131071 characters, at level 2 whatever the function's name. 0 when aModule or aFormat is
+/// null, else 1. Any thread.
 CM_UTIL_EXPORT int ccu_trace_debug(const char* aModule, const char* aFormat, ...)
     __attribute__((format(printf, 2, 3)));
+/// The same as ccu_trace_debug.
 CM_UTIL_EXPORT int ccu_trace_info(const char* aModule, const char* aFormat, ...)
     __attribute__((format(printf, 2, 3)));
+/// The same as ccu_trace_debug.
 CM_UTIL_EXPORT int ccu_trace_warn(const char* aModule, const char* aFormat, ...)
     __attribute__((format(printf, 2, 3)));
+/// The same as ccu_trace_debug.
 CM_UTIL_EXPORT int ccu_trace_error(const char* aModule, const char* aFormat, ...)
     __attribute__((format(printf, 2, 3)));
 
@@ -50,11 +53,12 @@ class CM_UTIL_EXPORT YrktraStreamA {
 
   private:
     unsigned long m_ulLevel;
-    unsigned long m_ulLength;  ///< bytes held, the terminator included
+    unsigned long m_ulLength;  // bytes held, the terminator included
     unsigned long m_ulChunkSize;
     char* m_pchBuffer;
 };
 
+/// Log streams; there is one for char.
 template <typename CharType>
 class logstream;
 
@@ -67,6 +71,7 @@ class CM_UTIL_EXPORT logstream<char> : public std::basic_ostringstream<char> {
   public:
     /// aModule: not copied; must outlive the stream.
     logstream(unsigned long aLevel, const char* aModule);
+    /// Delivers. Nothing is thrown, whatever the stream has been told to throw.
     ~logstream() override;
 
   private:
@@ -76,18 +81,21 @@ class CM_UTIL_EXPORT logstream<char> : public std::basic_ostringstream<char> {
 
 }  // namespace ccu
 
-/// The "C" locale and its character conversion facet. Neither of the two ends.
+/// The "C" locale. It does not end with the program.
 extern CM_UTIL_EXPORT const std::locale ccuLoc;
+/// The character conversion facet of ccuLoc.
 extern CM_UTIL_EXPORT const std::codecvt<wchar_t, char, std::mbstate_t>& ccuCvter;
 
-/// A second facility with switches of its own: "Error" and "Warning" are off by default,
-/// "Statistic" and "State" on. As CCmT120Trace in all else.
+/// A second facility with switches of its own and other defaults (CCmTraceLevel::m_bDefault2). As
+/// CCmT120Trace in all else.
 class CM_UTIL_EXPORT CCmT120Trace2 : public CCmT120Trace {
   public:
-    /// As those of CCmT120Trace.
+    /// As that of CCmT120Trace.
     static CCmT120Trace2* instance();
+    /// As that of CCmT120Trace.
     CCmT120Trace2(const char* aName, CCmT120TraceMapEntry* aLevelTable, const char* aFileName,
                   unsigned char aSingleFile);
+    /// As that of CCmT120Trace.
     ~CCmT120Trace2() override;
 
     /// Also remembers the path of a trace file that is named after the process as the log path.
@@ -99,10 +107,11 @@ class CM_UTIL_EXPORT CCmT120Trace2 : public CCmT120Trace {
     std::string GetLogFilePathAndName(std::string& aName);
 
   protected:
+    /// The log path. Not to be changed while another thread is in load or GetLogFilePathAndName.
     std::string m_sLogPath;
 
   private:
-    static std::atomic<CCmT120Trace2*> t120_trace;
+    CM_UTIL_HIDDEN static std::atomic<CCmT120Trace2*> t120_trace;
 };
 
 /// Points to the identity below once get_leading_id has built it; null before. Never released.

@@ -50,7 +50,9 @@ class CM_UTIL_EXPORT CCmMessageBlock {
     static constexpr unsigned long EXTERNAL_DATA = 0x1;
     /// Asks SetData for an area of its own although a data pointer is given; never kept.
     static constexpr unsigned long ALLOCATE_DATA = 0x2;
+    /// Nothing may be read from the block.
     static constexpr unsigned long READ_LOCKED = 0x100;
+    /// Nothing may be written to the block.
     static constexpr unsigned long WRITE_LOCKED = 0x200;
     /// Cleared by every SetData: the two locks among them.
     static constexpr unsigned long INTERNAL_FLAGS = 0xFF00;
@@ -62,6 +64,7 @@ class CM_UTIL_EXPORT CCmMessageBlock {
     /// As SetData with the same arguments; where that fails, the block stays empty.
     explicit CCmMessageBlock(unsigned int aSize, const char* aData = nullptr,
                              unsigned long aFlag = 0, unsigned int aAdvanceWritePtr = 0);
+    /// The same for the other form of SetData.
     explicit CCmMessageBlock(CCmDataBlock* aDb, unsigned long aFlag = 0,
                              unsigned int aAdvanceWritePtr = 0);
     /// The first form for a size of any integer type; literal zeros, which might be either form's,
@@ -70,7 +73,9 @@ class CM_UTIL_EXPORT CCmMessageBlock {
     explicit CCmMessageBlock(Size aSize, const char* aData = nullptr, unsigned long aFlag = 0,
                              unsigned int aAdvanceWritePtr = 0)
         : CCmMessageBlock(static_cast<unsigned int>(aSize), aData, aFlag, aAdvanceWritePtr) {}
+    /// Not to be copied; DuplicateTopLevel makes another view.
     CCmMessageBlock(const CCmMessageBlock&) = delete;
+    /// Likewise.
     CCmMessageBlock& operator=(const CCmMessageBlock&) = delete;
     /// Touches the rest of the chain only when m_bRtpChainedFlag is set.
     ~CCmMessageBlock() {
@@ -94,22 +99,23 @@ class CM_UTIL_EXPORT CCmMessageBlock {
     /// reading with CM_ERROR_FAILURE; when that is this block, *aBytesRead is untouched.
     CmResult Read(void* aDst, unsigned int aCount, unsigned int* aBytesRead = nullptr,
                   signed char aAdvance = 1);
-    /// Copies aCount bytes behind the written ones, block by block; what was placed before the
+    /// Copies aCount bytes after the written ones, block by block; what was placed before the
     /// chain ended or a locked block stopped it stays. A null aSrc advances without copying,
     /// within this block only: where that does not reach, the result is CM_ERROR_PARTIAL_DATA.
     CmResult Write(const void* aSrc, unsigned int aCount, unsigned int* aBytesWritten = nullptr);
 
-    /// Readable and free bytes of the chain; the low 32 bits of the sums.
+    /// Readable bytes of the chain; the low 32 bits of the sum.
     uint32_t GetChainedLength() const;
+    /// Free bytes of the chain; the low 32 bits of the sum.
     uint32_t GetChainedSpace() const;
 
-    /// Links aMb, and the chain behind it, behind the last block. Refused with an assertion when
+    /// Links aMb, and what follows it, after the last block. Refused with an assertion when
     /// that would close a circle: aMb is in this chain, or this chain in aMb's.
     void Append(CCmMessageBlock* aMb);
 
     /// Consumes aCount bytes: Read without a destination.
     CmResult AdvanceChainedReadPtr(unsigned int aCount, unsigned int* aAdvanced = nullptr);
-    /// Counts aCount bytes behind the written ones as written, over as many blocks as it takes.
+    /// Counts aCount bytes after the written ones as written, over as many blocks as it takes.
     /// Stops with CM_ERROR_PARTIAL_DATA at a block that has been read from, and with
     /// CM_ERROR_FAILURE at a locked one, be it this or a later one; what was counted before stays.
     /// A count of 0 is CM_ERROR_PARTIAL_DATA.
@@ -121,10 +127,12 @@ class CM_UTIL_EXPORT CCmMessageBlock {
     /// write pointer to the first block's begin. A later block with an area of its own thereby
     /// loses its write pointer and counts as without readable and free bytes.
     void RewindChained();
+    /// The same; aMb may be null.
     static void RewindChained(CCmMessageBlock* aMb);
     /// Frees the DUPLICATED blocks of the chain; this may be one of them. A block that is left
     /// alone in front of a freed one loses its link to it.
     void DestroyChained();
+    /// The same; aMb may be null.
     static void DestroyChained(CCmMessageBlock* aMb);
 
     /// This block alone on the heap, or null when memory ran out: shares the data block, copies
@@ -132,13 +140,15 @@ class CM_UTIL_EXPORT CCmMessageBlock {
     CCmMessageBlock* DuplicateTopLevel() const;
     /// The same for the whole chain.
     CCmMessageBlock* DuplicateChained() const;
+    /// The same; null gives null.
     static CCmMessageBlock* DuplicateChained(const CCmMessageBlock* aMb);
-    /// Cuts the chain behind its first aStart readable bytes and returns the rest: blocks that
+    /// Cuts the chain after its first aStart readable bytes and returns the rest: blocks that
     /// carry DUPLICATED as they are, duplicates of others, which stay with their owner, unlinked.
-    /// Null, with nothing changed, when nothing lies behind the cut or memory ran out. A cut inside
+    /// Null, with nothing changed, when nothing follows the cut or memory ran out. A cut inside
     /// a block leaves its area to both chains: a write to the first chain, whose block has the rest
     /// of the area as free space, overwrites bytes of the second.
     CCmMessageBlock* Disjoint(unsigned int aStart);
+    /// The same; null gives null.
     static CCmMessageBlock* Disjoint(CCmMessageBlock* aMb, unsigned int aStart);
     /// Drops the empty blocks in front, freeing those that carry DUPLICATED (this may be one), and
     /// returns the first that is not empty, or null: the caller's new chain head. Refused, with
@@ -147,6 +157,7 @@ class CM_UTIL_EXPORT CCmMessageBlock {
 
     /// All readable bytes; locked blocks contribute none. Empty when memory ran out.
     CCmString FlattenChained() const;
+    /// The same; null gives an empty text.
     static CCmString FlattenChained(const CCmMessageBlock* aMb);
     /// A new chain with all readable bytes in one block (zeros for those of a locked block), or a
     /// duplicate of this chain when they lie in its first block already. Null when memory ran out
@@ -155,53 +166,54 @@ class CM_UTIL_EXPORT CCmMessageBlock {
     /// Describes the readable pieces in aIov, at most aMax, and returns how many. Empty blocks take
     /// no entry, a locked block one with a null base; a null aIov is not filled.
     uint32_t FillIov(iovec* aIov, unsigned int aMax) const;
+    /// The same; a null aMb fills none.
     static uint32_t FillIov(const CCmMessageBlock* aMb, iovec* aIov, unsigned int aMax);
 
-    /// Copies nPeekLen bytes out, or nSrcLen bytes over those that are there, nOffset readable
-    /// bytes into the chain. No pointer moves. All or nothing: CM_ERROR_FAILURE when the range
-    /// exceeds the readable bytes and, for Update, when a block of it is read-locked; Peek does
-    /// not look at locks.
+    /// Copies out nPeekLen bytes that start nOffset readable bytes into the chain. No pointer
+    /// moves, and locks are not looked at. All or nothing: CM_ERROR_FAILURE when the range exceeds
+    /// the readable bytes.
     CmResult Peek(unsigned char* pPeekBuffer, unsigned int nPeekLen, unsigned int nOffset) const;
+    /// Copies nSrcLen bytes over those that start nOffset readable bytes into the chain. No pointer
+    /// moves. All or nothing: CM_ERROR_FAILURE when the range exceeds the readable bytes or when a
+    /// block of it is read-locked.
     CmResult Update(const unsigned char* pSrc, unsigned int nSrcLen, unsigned int nOffset);
 
-    /// Set and clear the locks of this block; aLocks: READ_LOCKED, WRITE_LOCKED or both.
+    /// Sets locks of this block; aLocks: READ_LOCKED, WRITE_LOCKED or both.
     void SetLock(unsigned long aLocks) { m_Flag |= aLocks & (READ_LOCKED | WRITE_LOCKED); }
+    /// Clears them.
     void ClearLock(unsigned long aLocks) { m_Flag &= ~(aLocks & (READ_LOCKED | WRITE_LOCKED)); }
 
-    /// This block alone.
+    /// The block after this one; null at the end of the chain.
     CCmMessageBlock* GetNext() const { return m_pNext; }
+    /// The flags of this block.
     unsigned long GetFlag() const { return m_Flag; }
+    /// Readable bytes of this block.
     uint32_t GetTopLevelLength() const;
+    /// Free bytes of this block.
     uint32_t GetTopLevelSpace() const;
     /// Whether its data block has other holders; memory of the caller's has none that are known.
     bool IsShared() const {
         return m_pDataBlock.ParaIn() != nullptr && m_pDataBlock->GetReference() > 1;
     }
-    /// Null, after an assertion, when the lock in question is set.
+    /// The first unread byte; null, after an assertion, when the block is read-locked.
     char* GetTopLevelReadPtr() const;
+    /// The first unwritten byte; null, after an assertion, when the block is write-locked.
     char* GetTopLevelWritePtr() const;
 
   private:
-    CCmMessageBlock(const CCmMessageBlock& aShared, unsigned long aFlag);
+    class CM_UTIL_HIDDEN CSteps;  // internal
 
-    CmResult RefuseArea_i() const;
-    void SetArea_i(char* aBegin, uint32_t aSize);
-    CmResult ReadTopLevel_i(char* aDst, unsigned int aCount, bool aAdvance,
-                            unsigned int& aBytesRead);
-    CmResult WriteTopLevel_i(const char* aSrc, unsigned int aCount, unsigned int& aBytesWritten);
-    CCmMessageBlock* DuplicateExternal_i() const;
-    bool DuplicateForeign_i(const CCmMessageBlock* aBlock, CCmMessageBlock& aCopies) const;
-    static void LinkTail_i(CCmMessageBlock* aHead, CCmMessageBlock* aBlock,
-                           CCmMessageBlock* aCopies);
-    CCmMessageBlock* DestroyIfDuplicated_i(CCmMessageBlock*& aLeftAlone);
+    // A duplicate that shares the data block.
+    CM_UTIL_HIDDEN CCmMessageBlock(const CCmMessageBlock& aShared, unsigned long aFlag);
+    // The destructor's part for a block that owns its successor.
     void DestroyOwned_i();
 
     CCmMessageBlock* m_pNext = nullptr;
     CCmComAutoPtr<CCmDataBlock> m_pDataBlock;
-    char* m_pReadPtr = nullptr;   ///< first unread byte
-    char* m_pWritePtr = nullptr;  ///< first unwritten byte
+    char* m_pReadPtr = nullptr;   // first unread byte
+    char* m_pWritePtr = nullptr;  // first unwritten byte
     char* m_pBeginPtr = nullptr;
-    char* m_pEndPtr = nullptr;  ///< one past the area
+    char* m_pEndPtr = nullptr;  // one past the area
     unsigned long m_Flag = 0;
 
   public:
@@ -226,7 +238,7 @@ inline uint32_t CCmMessageBlock::GetTopLevelSpace() const {
                : 0;
 }
 
-/// The asserted texts are output; their line numbers are fixed.
+// The asserted texts are output; their line numbers are fixed.
 inline char* CCmMessageBlock::GetTopLevelReadPtr() const {
     CM_ASSERTE_RETURN_AT(CM_BIT_DISABLED(m_Flag, READ_LOCKED), nullptr, "include/CmMessageBlock.h",
                          306);

@@ -10,27 +10,31 @@
 
 namespace UTIL_NS {
 
-/// A counting semaphore made of a mutex and a condition, for platforms without unnamed ones.
+#if defined(__APPLE__)
+
+/// A counting semaphore made of a mutex and a condition: there are no unnamed ones here.
 struct CmConditionSemaphore {
-    pthread_mutex_t m_Mutex;
-    pthread_cond_t m_Condition;
-    unsigned int m_dwCount;
+    pthread_mutex_t m_Mutex;     ///< guards the count
+    pthread_cond_t m_Condition;  ///< signalled when the count rises
+    unsigned int m_dwCount;      ///< of the waits that may end at once
 };
 
-// What a semaphore of this platform is made of.
-#if defined(__APPLE__)
+/// What a semaphore of this platform is made of.
 typedef CmConditionSemaphore CmPlatformSemaphore;
+
+/// What a static recursive mutex begins as.
+inline constexpr pthread_mutex_t CM_RECURSIVE_MUTEX = PTHREAD_RECURSIVE_MUTEX_INITIALIZER;
+
 #else
+
+/// What a semaphore of this platform is made of.
 typedef sem_t CmPlatformSemaphore;
+
+/// What a static recursive mutex begins as.
+inline constexpr pthread_mutex_t CM_RECURSIVE_MUTEX = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
+
 #endif
 
 }  // namespace UTIL_NS
-
-// How a static recursive mutex begins.
-#if defined(__APPLE__)
-#define CM_RECURSIVE_MUTEX_INITIALIZER PTHREAD_RECURSIVE_MUTEX_INITIALIZER
-#else
-#define CM_RECURSIVE_MUTEX_INITIALIZER PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP
-#endif
 
 #endif  // CM_PLATFORM_H

@@ -18,6 +18,7 @@
 
 #include "CmBase.h"
 #include "CmEventQueueBase.h"
+#include "CmPrivateRoom.h"
 #include "CmStrict.h"
 #include "CmTimeValue.h"
 
@@ -27,6 +28,7 @@ namespace UTIL_NS {
 class CM_UTIL_EXPORT ACmResolution : public ICmEvent {
   public:
     ACmResolution();
+    /// Called by whoever ends the event.
     ~ACmResolution() override;
 
     /// On the thread of the queue that was named with the question; not called when the question
@@ -40,12 +42,13 @@ class CM_UTIL_EXPORT ACmResolution : public ICmEvent {
     /// In the order in which they are to be tried; empty but with CM_OK.
     const std::vector<CCmIpAddress>& addresses() const;
 
+    /// Calls OnResolved unless the question was cancelled.
     CmResult OnEventFire() final;
 
   private:
     friend class CCmResolver;
-    struct Rep;
-    Rep* const m_pRep;  ///< owned; null when there was no memory for it
+    struct CState;
+    CCmPrivateRoomT<CState, 192> m_Private;
 };
 
 /// Asks the system's resolver, which alone knows /etc/hosts, its servers and its caches. That one
@@ -59,11 +62,14 @@ class CM_UTIL_EXPORT CCmResolver {
     /// Characters of the longest name.
     static constexpr size_t MAX_NAME = 253;
 
+    /// Starts nothing yet. Where memory runs out, every question fails with CM_ERROR_OUT_OF_MEMORY.
     CCmResolver();
     /// Cancels what is pending. Does not wait for the system's resolver: a lookup under way ends by
     /// itself, without touching this object. Not to be called from the destructor of an answer.
     ~CCmResolver();
+    /// Not to be copied.
     CCmResolver(const CCmResolver&) = delete;
+    /// Likewise.
     CCmResolver& operator=(const CCmResolver&) = delete;
 
     /// Asks for the addresses of aName and returns; the answer is posted to aQueue once, at the
@@ -84,8 +90,8 @@ class CM_UTIL_EXPORT CCmResolver {
     CmResult Cancel(uint64_t aId);
 
   private:
-    struct Rep;
-    Rep* const m_pRep;  ///< owned; null when there was no memory for it
+    struct CState;
+    CCmPrivateRoomT<CState, 256> m_Private;
 };
 
 }  // namespace UTIL_NS

@@ -20,9 +20,9 @@ class CM_SCOPED_CAPABILITY CCmScopedLockT {
     CCmScopedLockT(const CCmScopedLockT&) = delete;
     CCmScopedLockT& operator=(const CCmScopedLockT&) = delete;
 
-    /// That of Lock.
+    /// What Lock returned.
     CmResult result() const { return m_Result; }
-    /// Ahead of the end of the scope.
+    /// Unlocks before the end of the scope; the destructor does nothing then.
     void Unlock() CM_RELEASE() { GiveBack(); }
 
   private:

@@ -14,7 +14,8 @@
 /// input.
 ///
 /// CmHttpUrl.h, CmAddress.h and CmEncoding.h have lenient forms of some of this, for hosts that
-/// rely on them. \file
+/// rely on them.
+/// \file
 #ifndef CM_STRICT_H
 #define CM_STRICT_H
 
@@ -52,6 +53,7 @@ struct CCmParsed {
 /// numbers; no "+", no prefix. Leading zeros are allowed and mean nothing.
 CM_UTIL_EXPORT CCmParsed CmParseSigned(std::string_view aText, int64_t& aNumber, int64_t aMin,
                                        int64_t aMax, int aBase = 10);
+/// The same for numbers without a sign.
 CM_UTIL_EXPORT CCmParsed CmParseUnsigned(std::string_view aText, uint64_t& aNumber, uint64_t aMin,
                                          uint64_t aMax, int aBase = 10);
 
@@ -99,16 +101,19 @@ struct CCmIpAddress {
     /// Characters of the longest zone identifier; that of an interface name.
     static constexpr size_t MAX_ZONE = 15;
 
+    /// IPV4 or IPV6; NONE is no address.
     Family m_family = NONE;
     /// In network order; of an IPv4 address the first four count and the others are zero.
     std::array<uint8_t, 16> m_abyBytes{};
     /// Of an IPv6 address: the text after "%", terminated and filled with zeros; empty without one.
     std::array<char, MAX_ZONE + 1> m_achZone{};
 
+    /// Whether they are printed alike.
     friend bool operator==(const CCmIpAddress& aLeft, const CCmIpAddress& aRight) {
         return aLeft.m_family == aRight.m_family && aLeft.m_abyBytes == aRight.m_abyBytes &&
                aLeft.m_achZone == aRight.m_achZone;
     }
+    /// The opposite.
     friend bool operator!=(const CCmIpAddress& aLeft, const CCmIpAddress& aRight) {
         return !(aLeft == aRight);
     }
@@ -116,20 +121,23 @@ struct CCmIpAddress {
 
 /// An address with a port.
 struct CCmEndpoint {
-    CCmIpAddress m_address;
-    uint16_t m_wPort = 0;
+    CCmIpAddress m_address;  ///< of either family
+    uint16_t m_wPort = 0;    ///< in the order of the machine
 
+    /// Whether address and port are equal.
     friend bool operator==(const CCmEndpoint& aLeft, const CCmEndpoint& aRight) {
         return aLeft.m_address == aRight.m_address && aLeft.m_wPort == aRight.m_wPort;
     }
+    /// The opposite.
     friend bool operator!=(const CCmEndpoint& aLeft, const CCmEndpoint& aRight) {
         return !(aLeft == aRight);
     }
 };
 
-/// IPv4: four decimal numbers up to 255 without leading zeros. IPv6: every form of RFC 4291, and
-/// "%" with a zone identifier (RFC 4007) of 1 to 15 letters, digits, "-", ".", "_" and "~".
+/// Four decimal numbers up to 255 without leading zeros, and dots between them.
 CM_UTIL_EXPORT CCmParsed CmParseIpv4(std::string_view aText, CCmIpAddress& aAddress);
+/// Every form of RFC 4291, and "%" with a zone identifier (RFC 4007) of 1 to 15 letters, digits,
+/// "-", ".", "_" and "~".
 CM_UTIL_EXPORT CCmParsed CmParseIpv6(std::string_view aText, CCmIpAddress& aAddress);
 /// Either of them.
 CM_UTIL_EXPORT CCmParsed CmParseIpAddress(std::string_view aText, CCmIpAddress& aAddress);
@@ -146,6 +154,7 @@ constexpr size_t CM_IP_PRINTED_SIZE = 80;
 /// An address without a family is the empty text.
 CM_UTIL_EXPORT std::string_view CmPrint(const CCmIpAddress& aAddress,
                                         char (&aBuffer)[CM_IP_PRINTED_SIZE]);
+/// The same with its port: "192.0.2.1:5004", "[2001:db8::1]:5004".
 CM_UTIL_EXPORT std::string_view CmPrint(const CCmEndpoint& aEndpoint,
                                         char (&aBuffer)[CM_IP_PRINTED_SIZE]);
 
@@ -173,22 +182,22 @@ struct CCmUrlParts {
         FUTURE_HOST,  ///< "v1.x" between brackets
     };
 
-    std::string_view m_scheme;
-    std::string_view m_userInfo;  ///< "user:password"; keep it out of trace lines
-    std::string_view m_host;
-    std::string_view m_port;  ///< may be empty although m_bHasPort
-    std::string_view m_path;
-    std::string_view m_query;
-    std::string_view m_fragment;
-    CCmIpAddress m_hostAddress;
-    uint16_t m_wPort = 0;  ///< 0 when m_port is empty
-    HostKind m_hostKind = NO_HOST;
-    bool m_bHasScheme = false;
-    bool m_bHasAuthority = false;  ///< "//" was there
-    bool m_bHasUserInfo = false;
-    bool m_bHasPort = false;
-    bool m_bHasQuery = false;
-    bool m_bHasFragment = false;
+    std::string_view m_scheme;      ///< without its ":"
+    std::string_view m_userInfo;    ///< "user:password"; keep it out of trace lines
+    std::string_view m_host;        ///< without brackets
+    std::string_view m_port;        ///< may be empty although m_bHasPort
+    std::string_view m_path;        ///< with its leading "/", if it has one
+    std::string_view m_query;       ///< without its "?"
+    std::string_view m_fragment;    ///< without its "#"
+    CCmIpAddress m_hostAddress;     ///< of an IPV4_HOST or IPV6_HOST
+    uint16_t m_wPort = 0;           ///< 0 when m_port is empty
+    HostKind m_hostKind = NO_HOST;  ///< of m_host
+    bool m_bHasScheme = false;      ///< ":" was there after m_scheme
+    bool m_bHasAuthority = false;   ///< "//" was there
+    bool m_bHasUserInfo = false;    ///< "@" was there
+    bool m_bHasPort = false;        ///< ":" was there after m_host
+    bool m_bHasQuery = false;       ///< "?" was there
+    bool m_bHasFragment = false;    ///< "#" was there
 };
 
 /// A URL with its scheme. Hosts between brackets may have a zone after "%25" (RFC 6874). A port is

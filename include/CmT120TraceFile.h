@@ -1,7 +1,7 @@
 /// Trace files: records of trace lines, their manager and the module filter.
 ///
 /// A trace file begins with a header of 32 bytes: the write position in decimal, left-justified in
-/// 31 characters, and a newline. Lines stand up to that position, and behind it the marker
+/// 31 characters, and a newline. Lines stand up to that position, and after it the marker
 /// "************************* Current Trace Point *************************" with two newlines,
 /// which the next line overwrites:
 ///
@@ -26,12 +26,13 @@
 
 #include <fcntl.h>
 #include <regex.h>
-#include <stdio.h>
 
 #include <atomic>
+#include <cstdio>
 
 #include "CmBase.h"
 #include "CmConditionVariable.h"
+#include "CmPrivateRoom.h"
 
 namespace UTIL_NS {
 
@@ -60,8 +61,8 @@ class CM_UTIL_EXPORT CCmT120TraceFile {
 
     /// Any of aTag and aModule may be null. Lines whose module matches a filter are left out. A
     /// line that does not fit what is left of the line buffer is cut and keeps its line end, and
-    /// those after it are lost until the next flush; a null aText reads "(null)". A shared record
-    /// takes write_shared's way.
+    /// those after it are lost until the next flush; a null aText reads "(null)". On a shared
+    /// record the same as write_shared.
     void write(const char* aTag, const char* aModule, const char* aText);
     /// Cuts nothing; a null aText is no line. Waits for the file's lock. Once a position reached
     /// the size limit, the next line goes to the top of the file again.
@@ -80,43 +81,29 @@ class CM_UTIL_EXPORT CCmT120TraceFile {
 
   private:
     friend class CCmT120TraceFileMgr;
+    struct CState;
 
-    CM_UTIL_HIDDEN void end();
-    CM_UTIL_HIDDEN FILE* stream();
-    CM_UTIL_HIDDEN bool has_line_buffer();
-    void collect_line_l(const char* aTag, const char* aModule, const char* aText)
-        CM_REQUIRES(m_Mutex);
-    void write_shared_l(const char* aTag, const char* aModule, const char* aText)
-        CM_REQUIRES(m_Mutex);
-    void write_line_l(long aPosition, const char* aTag, const char* aModule, const char* aText)
-        CM_REQUIRES(m_Mutex);
-    void write_at_l(long aPosition, const char* aText, size_t aLength) CM_REQUIRES(m_Mutex);
-    void flush_buffer_l() CM_REQUIRES(m_Mutex);
-    void request_file_lock_l(struct flock& aRequest);  ///< in the file's turn
-    bool read_position_l(long& aPosition) CM_REQUIRES(m_Mutex);
-    bool is_at_limit_l(long aPosition) const CM_REQUIRES(m_Mutex);
-    void truncate_l(long aPosition) CM_REQUIRES(m_Mutex);
-
-    std::atomic<CCmT120TraceFile*> m_pNext;  ///< set under the manager's mutex
-    unsigned char m_bWrapped;                ///< 1 once a flush found the file at its size limit
-    FILE* m_pStream;                         ///< owns the descriptor, null until attach
+    std::atomic<CCmT120TraceFile*> m_pNext;  // in the manager's list
+    unsigned char m_bWrapped;  // 1 once a flush found the file at its size limit; read by nobody
+    FILE* m_pStream;           // owns the descriptor; null until attach
     char* m_pszName;
     unsigned long m_ulSizeLimit;
     int m_nFlushCount;
     const unsigned char m_bShared;
     struct flock m_LockRequest;
     struct flock m_UnlockRequest;
-    char* m_pchLines;  ///< m_nFlushCount * 2048 + 1 bytes; null when memory ran out
+    char* m_pchLines;  // m_nFlushCount * 2048 + 1 bytes; null when memory ran out
     unsigned long m_ulBufferedBytes;
     int m_nBufferedLines;
-    int m_nValidity;    ///< 20050704 while the record lives
-    int m_nDescriptor;  ///< 0 until attach
-    CCmMutexThread m_Mutex;
+    int m_nValidity;    // 20050704 while the record lives
+    int m_nDescriptor;  // 0 until attach
+    CCmPrivateRoomT<CState, 192> m_Private;
 };
 
 /// The records of the process, by file name.
 class CM_UTIL_EXPORT CCmT120TraceFileMgr {
   public:
+    /// A manager without records.
     constexpr CCmT120TraceFileMgr() = default;
     /// Waits 200 ms for threads that still write, then ends every record: no thread may use one any
     /// more. The records of g_trace_mgr, which ends with the program, are flushed, closed and left
@@ -139,45 +126,46 @@ class CM_UTIL_EXPORT CCmT120TraceFileMgr {
 
     /// Reads the filters from home + "conf/keltoexp.filter": up to 100 lines, each an extended
     /// regular expression with its line end as part of it. So only a last line without a line end
-    /// matches the name of a module. Keeps the filters when the file cannot
-    /// be read or is empty, or is a pipe that somebody still writes to; one line that does not
-    /// compile leaves no filter at all. For hosts; nothing in the library calls it.
+    /// matches the name of a module. Keeps the filters when the file cannot be read or is empty, or
+    /// is a pipe that somebody still writes to; one line that does not compile leaves no filter at
+    /// all. For hosts; nothing in the library calls it.
     static void init_reg_filter();
 
   private:
-    CM_UTIL_HIDDEN void end_records();
-    CM_UTIL_HIDDEN CCmT120TraceFile* unlink_record(const void* aRecord);
+    struct CState;
 
-    std::atomic<CCmT120TraceFile*> m_pHeader{nullptr};  ///< newest first
-    uint32_t m_dwCount = 0;                             ///< of all records ever created
-    /// Destroyed by the manager's destructor, unless other threads may still come.
-    union Mutex {
-        constexpr Mutex() : m_Lock(CCmStaticInit()) {}
-        ~Mutex() {}
-        CCmMutexThreadRecursive m_Lock;
+    std::atomic<CCmT120TraceFile*> m_pHeader{nullptr};  // newest first
+    uint32_t m_dwCount = 0;  // of all records ever created; read by nobody
+    // In a union, which leaves it to the destructor whether the mutex ends: that of the manager of
+    // the process outlives it, for the threads that still trace.
+    union {
+        CCmMutexThreadRecursive m_Mutex{CCmStaticInit()};
     };
-    Mutex m_Mutex;
-    std::atomic<bool> m_bEnded{false};
+    CCmPrivateRoomT<CState, 80> m_Private{};
 };
 
 /// The one manager of the process.
 extern CM_UTIL_EXPORT CCmT120TraceFileMgr g_trace_mgr;
 
-/// The module filters: re holds the compiled ones. regex_cnt is twice their number, since both
-/// reading and compiling a line count; matching stops at the last compiled one.
+/// The largest number of module filters.
 constexpr int CM_TRACE_FILTER_COUNT = 100;
+/// The compiled module filters, one after the other. Only init_reg_filter changes them.
 extern CM_UTIL_EXPORT regex_t re[CM_TRACE_FILTER_COUNT];
+/// Twice the number of module filters, since both reading and compiling a line count.
 extern CM_UTIL_EXPORT std::atomic<int> regex_cnt;
 
 /// 0 when a filter matches aText, -1 when none does, there is none, or aText is null.
 CM_UTIL_EXPORT int regex_match(const char* aText);
 
-/// The operations of g_trace_mgr. A record is null or one that T120_Open_Trace_Dev returned.
+/// CCmT120TraceFileMgr::open of g_trace_mgr.
 CM_UTIL_EXPORT void* T120_Open_Trace_Dev(const char* aName, unsigned long aSizeLimit,
                                          unsigned char aShared, unsigned char aIgnored);
+/// CCmT120TraceFileMgr::close of g_trace_mgr.
 CM_UTIL_EXPORT void T120_Close_Trace_Dev(void* aRecord);
+/// CCmT120TraceFileMgr::write of g_trace_mgr. aRecord: null, or as T120_Open_Trace_Dev returned it.
 CM_UTIL_EXPORT void T120_Write_Trace_Dev(void* aRecord, const char* aTag, const char* aModule,
                                          const char* aText);
+/// CCmT120TraceFileMgr::refresh_settings of g_trace_mgr.
 CM_UTIL_EXPORT void T120_Refresh_Settings(unsigned long aSizeLimit, int aFlushCount);
 
 }  // namespace UTIL_NS

@@ -8,9 +8,8 @@
 ///   pThread->Join();
 ///   pThread->Destory(CM_OK);  // frees the object
 ///
-/// Where timer wrappers are scheduled on the worker, the order of the end is Stop, Join, the
-/// wrappers' destruction, Destory: a wrapper that ends cancels in the timer queue, which goes with
-/// the object.
+/// Where timer wrappers are scheduled on the worker, they are destroyed between Join and Destory: a
+/// wrapper that is destroyed cancels its timer in the queue, which is freed with the object.
 /// \file
 #ifndef CM_THREAD_H
 #define CM_THREAD_H
@@ -24,6 +23,7 @@
 #include "CmBase.h"
 #include "CmConditionVariable.h"
 #include "CmEventQueueBase.h"
+#include "CmPrivateRoom.h"
 #include "CmThreadAnnotations.h"
 #include "CmTimerQueueBase.h"
 #include "CmUtilClasses.h"
@@ -34,14 +34,15 @@ namespace UTIL_NS {
 constexpr int TT_UNKNOWN = -1;  ///< not created
 constexpr int TT_MAIN = 0;      ///< adopts the calling thread; starts none
 
-/// How a thread ends; 0 is taken as TF_JOINABLE. Detached is a flag whose low two bits are 2.
+/// Who waits for a thread; 0 is taken as TF_JOINABLE. Detached is a flag whose low two bits are 2.
 typedef int TFlag;
-constexpr TFlag TF_JOINABLE = 1;  ///< Join waits for it; the owner frees the object by Destory
-constexpr TFlag TF_DETACHED =
-    2;  ///< the object goes when its body has ended and Destory was called
+/// Join waits for the thread; then Destory frees the object.
+constexpr TFlag TF_JOINABLE = 1;
+/// Nobody waits. The object is freed once its body has returned and Destory was called.
+constexpr TFlag TF_DETACHED = 2;
 
-/// Base of every thread object. Objects are created by new and end through Destory, never by
-/// delete from outside; a thread object is created once.
+/// Base of every thread object. Objects are made by new and freed by Destory, never by delete from
+/// outside; a thread object is created once.
 ///
 /// Create, Terminate, Join and Destory are for the owner, one at a time; the other operations
 /// may be called from any thread, once Create has returned and until Destory.
@@ -52,13 +53,13 @@ class CM_UTIL_EXPORT ACmThread {
     ACmThread& operator=(const ACmThread&) = delete;
 
     /// Starts a thread that runs OnThreadInit and then OnThreadRun, and waits until OnThreadInit
-    /// has ended; with TT_MAIN adopts the calling thread and runs neither. aType TT_UNKNOWN starts
-    /// one, too, with a warning. bRegister: whether getCurrentThread finds it. CM_OK,
+    /// has returned; with TT_MAIN adopts the calling thread and runs neither. aType TT_UNKNOWN
+    /// starts one, too, with a warning. bRegister: whether getCurrentThread finds it. CM_OK,
     /// CM_ERROR_ALREADY_INITIALIZED (a second call), CM_ERROR_UNEXPECTED (a system call failed),
     /// CM_ERROR_OUT_OF_MEMORY; of a worker also CM_ERROR_NOT_INITIALIZED (an earlier thread of it,
     /// of unknown type, was stopped). An object whose creation failed is freed by Destory.
     virtual CmResult Create(int aType, TFlag aFlag = TF_JOINABLE, signed char bRegister = 1);
-    /// Asks the body to end; does not wait for it. Here: CM_ERROR_NOT_IMPLEMENTED, and the body
+    /// Asks the body to return; does not wait for it. Here: CM_ERROR_NOT_IMPLEMENTED, and the body
     /// goes on. So a class with a body of its own overrides this: it makes OnThreadRun return, and
     /// wakes the thread if it sleeps. Join would wait for ever otherwise.
     virtual CmResult Stop(CCmTimeValue* aTimeout = nullptr);
@@ -74,8 +75,8 @@ class CM_UTIL_EXPORT ACmThread {
     virtual ICmTimerQueue* GetTimerQueue();
     /// Sets what GetStopFlag tells, and nothing else.
     virtual void SetStop();
-    /// True once the body has ended, or SetStop or Terminate was called. Stop of a worker does not
-    /// set it: it posts an event, and posts are refused from then on.
+    /// True once the body has returned, or SetStop or Terminate was called. Stop of a worker does
+    /// not set it: it posts an event, and posts are refused from then on.
     virtual bool GetStopFlag();
     virtual ~ACmThread();
 
@@ -90,19 +91,19 @@ class CM_UTIL_EXPORT ACmThread {
     /// the calling thread, or pthread_join failed. A cancellation point; the thread can be joined
     /// again then.
     CmResult Join();
-    /// Frees the object, at once or (detached, and its body still runs) when the body has ended.
+    /// Frees the object, at once or (detached, and its body still runs) when the body has returned.
     /// To be called last; a joinable thread has been stopped and joined before. aReason is traced
     /// only. CM_OK.
     CmResult Destory(int aReason);
     /// Cancels the thread at its next cancellation point and sets the stop flag. The result is that
     /// of pthread_cancel, or CM_ERROR_FAILURE when there is no thread to cancel: none was started,
     /// or the object adopted one (whose stop flag is set all the same). An event that was firing
-    /// ends; what its event queue holds stays pending (or, once a worker has run its stop event,
-    /// ends), the queue accepts posts until a Stop closes it, and Join and Destory work as usual.
-    /// The host's own handlers run no destructors on every system (see "Cancelled threads" in
-    /// docs/platforms.md). No destructor of theirs may contain a cancellation point: it cannot be
-    /// unwound, and the process would end. Create, Destory and the library's own destructors are
-    /// none.
+    /// is destroyed (OnDestorySelf); what its event queue holds stays pending, or, once a worker
+    /// has run its stop event, is destroyed, too. The queue accepts posts until a Stop closes it,
+    /// and Join and Destory work as usual. The host's own handlers run no destructors on every
+    /// system (see "Cancelled threads" in docs/platforms.md). No destructor of theirs may contain a
+    /// cancellation point: it cannot be unwound, and the process would end. Create, Destory and the
+    /// library's own destructors are none.
     CmResult Terminate();
 
     /// The start routine of the POSIX thread; pParam is the object. Returns null.
@@ -110,47 +111,30 @@ class CM_UTIL_EXPORT ACmThread {
 
   protected:
     /// For OnThreadInit: makes Create fail with aResult; the body does not run then.
-    void SetInitResult(CmResult aResult) { m_InitResult = aResult; }
+    void SetInitResult(CmResult aResult);
 
-    std::atomic<pthread_t> m_Tid;
-    std::atomic<pthread_t> m_Handle;
-    int m_Type;
-    TFlag m_Flag;
-    CCmEventThread* m_pEvent;  ///< start-up handshake, during Create only; owned
-    bool m_bRegistered;
-    bool m_bRegister;
-    /// The two parties that end a detached thread's object count here; the second one deletes.
+    std::atomic<pthread_t> m_Tid;     ///< what GetThreadId returns
+    std::atomic<pthread_t> m_Handle;  ///< what GetThreadHandle returns
+    int m_Type;                       ///< what GetThreadType returns
+    TFlag m_Flag;                     ///< that of Create; 0 before
+    CCmEventThread* m_pEvent;  ///< Create waits for OnThreadInit on it; owned, null otherwise
+    bool m_bRegistered;        ///< it is in g_threadList
+    bool m_bRegister;          ///< Create was asked to register it; true before
+    /// How many of the two, the owner (in Destory) and the body (when it has returned), are done
+    /// with the object of a detached thread. The second one frees it.
     CCmAtomicOperationT<CCmMutexThread> m_nDestroyRef;
-    std::atomic<bool> m_bStopFlag;
+    std::atomic<bool> m_bStopFlag;  ///< what GetStopFlag returns
 
   private:
-    class CBody;
-
-    CmResult StartThread_i();
-    CmResult CreateThread_i();
-    void WaitUntilStarted_i();
-    void SignalStarted_i(CCmEventThread* aEvent);
-    void BodyHasEnded_i();
-    bool IsSecondEnd_i();
-    bool IsJoinable() const { return (m_Flag & TF_JOINABLE) != 0; }
-    /// The body has ended, or Destory was called: the system may give the thread's number to
-    /// another one, also before Join has come back.
-    bool HasLeftItsId() const {
-        return m_nDestroyRef.value() > 0 ||
-               (m_nStartSteps.load(std::memory_order_relaxed) & STEP_BODY_ENDED) != 0;
-    }
+    class CM_UTIL_HIDDEN CThreadState;
     friend CM_UTIL_EXPORT ACmThread* getCurrentThread();
 
-    static constexpr int STEP_BODY_ENDED = 8;  ///< of a thread of the object's own
-
-    std::atomic<int> m_nStartSteps;  ///< of the start-up handshake, and STEP_BODY_ENDED
-    CmResult m_InitResult;
-    bool m_bHasThread;                ///< a POSIX thread was started for this object
-    std::atomic<bool> m_bOneEndCame;  ///< of a detached thread's object
+    CCmPrivateRoomT<CThreadState, 192> m_Private;
 };
 
-/// The registered thread objects in the order of registration. Neither of the two ends.
+/// Guards g_threadList. Never destroyed, so that static objects of the host may use it.
 extern CM_UTIL_EXPORT CCmMutexThread g_thread_Mutex;
+/// The registered thread objects in the order of registration; not owned. Never destroyed.
 extern CM_UTIL_EXPORT std::list<ACmThread*> g_threadList CM_GUARDED_BY(g_thread_Mutex);
 
 /// Appends aThread (not owned). CM_OK, or CM_ERROR_OUT_OF_MEMORY. Create does this. Any thread.
@@ -158,11 +142,11 @@ CM_UTIL_EXPORT CmResult RegisterThread(ACmThread* aThread);
 /// CM_OK, or CM_ERROR_NOT_FOUND. Any thread.
 CM_UTIL_EXPORT CmResult UnRegisterThread(ACmThread* aThread);
 /// The object of the calling thread, or null when none is registered; null also when the object's
-/// own thread asks after its body has ended. Any thread.
+/// own thread asks after its body has returned. Any thread.
 CM_UTIL_EXPORT ACmThread* getCurrentThread();
 
 /// A worker that sleeps on its event queue and runs what is posted to it. A worker that was stopped
-/// runs no more; one that is stopped before it is created runs what is pending and ends.
+/// runs no more; one that is stopped before it is created runs what is pending and returns.
 class CM_UTIL_EXPORT CCmThreadTaskWithEventQueueOnly : public ACmThread, public CCmStopFlag {
   public:
     CCmThreadTaskWithEventQueueOnly();
@@ -178,10 +162,10 @@ class CM_UTIL_EXPORT CCmThreadTaskWithEventQueueOnly : public ACmThread, public 
     ICmEventQueue* GetEventQueue() override;
 
   protected:
-    /// Waits for events, at most aTimeout, and runs at most aMaxCount of them.
-    void RunEvents_i(CCmTimeValue* aTimeout, DWORD aMaxCount);
+    CCmEventQueueUsingConditionVariable m_EventQueue;  ///< what GetEventQueue returns
 
-    CCmEventQueueUsingConditionVariable m_EventQueue;
+  private:
+    [[maybe_unused]] CCmPrivateRoomT<void, 64> m_Private;  // for later versions
 };
 
 /// The same with a timer queue, whose due timers it fires between the events, at least after every
@@ -199,6 +183,9 @@ class CM_UTIL_EXPORT CCmThreadTask : public CCmThreadTaskWithEventQueueOnly {
     /// Owned; null until OnThreadInit. A subclass may put another one there only if that derives
     /// from CCmTimerQueueBase.
     ICmTimerQueue* m_pTimerQueue;
+
+  private:
+    [[maybe_unused]] CCmPrivateRoomT<void, 64> m_Private;  // for later versions
 };
 
 /// Queues for a thread that the library does not run: their owner calls DoHeartBeat regularly.
@@ -219,8 +206,11 @@ class CM_UTIL_EXPORT CCmThreadHeartBeat : public ACmThread {
     CmResult DoHeartBeat();
 
   protected:
-    CCmEventQueueUsingMutex m_EventQueue;
-    ICmTimerQueue* m_pTimerQueue;  ///< as that of CCmThreadTask
+    CCmEventQueueUsingMutex m_EventQueue;  ///< what GetEventQueue returns
+    ICmTimerQueue* m_pTimerQueue;          ///< as that of CCmThreadTask
+
+  private:
+    [[maybe_unused]] CCmPrivateRoomT<void, 64> m_Private;  // for later versions
 };
 
 /// The event that stops a worker when it is its turn.
@@ -232,6 +222,7 @@ class CCmEventStopT : public ICmEvent {
 
     /// Posts a stop event to aThread. The result is that of the post, or CM_ERROR_OUT_OF_MEMORY.
     static CmResult PostStopEvent(ThreadType* aThread);
+    /// Sets the thread's stop flag, which its loop reads when the event has fired. CM_OK.
     CmResult OnEventFire() override;
 
   private:
@@ -262,7 +253,7 @@ extern template class CM_UTIL_EXPORT CCmEventStopT<CCmThreadTaskWithEventQueueOn
 extern "C" {
 
 /// Creates a registered worker, with a timer queue or without, and waits until it is ready. Its
-/// object is stored through aThread and ends by Destory. Nothing is stored on failure:
+/// object is stored through aThread and freed by Destory. Nothing is stored on failure:
 /// CM_ERROR_INVALID_ARG (aThread is null, or aType is TT_MAIN, which would start no worker),
 /// CM_ERROR_OUT_OF_MEMORY, CM_ERROR_UNEXPECTED (the thread could not be started). Any thread.
 CM_UTIL_EXPORT UTIL_NS::CmResult CreateUserTaskThread(UTIL_NS::ACmThread** aThread,

@@ -23,6 +23,7 @@ class CM_UTIL_EXPORT CCmTimeValue {
     /// The largest value; as a timeout it means no limit.
     static const CCmTimeValue s_tvMax;
 
+    /// s_tvZero.
     constexpr CCmTimeValue() = default;
     /// Seconds and microseconds of either sign; normalises.
     explicit constexpr CCmTimeValue(long aSec, long aUsec = 0) : m_lSec(aSec), m_lUsec(aUsec) {
@@ -34,8 +35,9 @@ class CM_UTIL_EXPORT CCmTimeValue {
     /// The current wall-clock time (seconds since 1970, UTC).
     static CCmTimeValue GetTimeOfDay();
 
-    /// Whole seconds, and the microseconds beyond them; both have the sign of the value.
+    /// Whole seconds, with the sign of the value.
     constexpr long GetSec() const { return m_lSec; }
+    /// The microseconds beyond them, with the sign of the value.
     constexpr long GetUsec() const { return m_lUsec; }
 
     /// {seconds, microseconds * 1000}.
@@ -45,32 +47,41 @@ class CM_UTIL_EXPORT CCmTimeValue {
     /// range saturate.
     constexpr void Normalize();
 
-    /// Saturate at s_tvMax and its negative.
+    /// Saturates at s_tvMax and its negative.
     constexpr CCmTimeValue& operator+=(const CCmTimeValue& aRight);
+    /// Saturates likewise.
     constexpr CCmTimeValue& operator-=(const CCmTimeValue& aRight);
 
+    /// The sum, saturated.
     friend constexpr CCmTimeValue operator+(CCmTimeValue aLeft, const CCmTimeValue& aRight) {
         return aLeft += aRight;
     }
+    /// The difference, saturated.
     friend constexpr CCmTimeValue operator-(CCmTimeValue aLeft, const CCmTimeValue& aRight) {
         return aLeft -= aRight;
     }
+    /// Whether they are the same time.
     friend constexpr bool operator==(const CCmTimeValue& aLeft, const CCmTimeValue& aRight) {
         return aLeft.m_lSec == aRight.m_lSec && aLeft.m_lUsec == aRight.m_lUsec;
     }
+    /// Whether aLeft is the smaller one.
     friend constexpr bool operator<(const CCmTimeValue& aLeft, const CCmTimeValue& aRight) {
         return aLeft.m_lSec != aRight.m_lSec ? aLeft.m_lSec < aRight.m_lSec
                                              : aLeft.m_lUsec < aRight.m_lUsec;
     }
+    /// Whether they differ.
     friend constexpr bool operator!=(const CCmTimeValue& aLeft, const CCmTimeValue& aRight) {
         return !(aLeft == aRight);
     }
+    /// Whether aLeft is the greater one.
     friend constexpr bool operator>(const CCmTimeValue& aLeft, const CCmTimeValue& aRight) {
         return aRight < aLeft;
     }
+    /// Whether aLeft is not the greater one.
     friend constexpr bool operator<=(const CCmTimeValue& aLeft, const CCmTimeValue& aRight) {
         return !(aRight < aLeft);
     }
+    /// Whether aLeft is not the smaller one.
     friend constexpr bool operator>=(const CCmTimeValue& aLeft, const CCmTimeValue& aRight) {
         return !(aLeft < aRight);
     }
@@ -82,8 +93,9 @@ class CM_UTIL_EXPORT CCmTimeValue {
     long m_lUsec = 0;
 };
 
-/// Copies of the two class constants.
+/// A copy of CCmTimeValue::s_tvZero.
 CM_UTIL_EXPORT CCmTimeValue get_tvZero();
+/// A copy of CCmTimeValue::s_tvMax.
 CM_UTIL_EXPORT CCmTimeValue get_tvMax();
 
 constexpr void CCmTimeValue::Normalize() {

@@ -38,7 +38,9 @@ class CCmTimer {
              unsigned int aCount = 0)
         : m_Handle(CmPostTimedT(aWorker, aInterval.Value(), aInterval.Value(), aCount,
                                 std::forward<Callable>(aFunction))) {}
+    /// The timer goes on in the new object; aRight has none.
     CCmTimer(CCmTimer&& aRight) noexcept = default;
+    /// Ends what it had as the destructor does; then as the constructor.
     CCmTimer& operator=(CCmTimer&& aRight) noexcept {
         if (this != &aRight) {
             m_Handle.CancelAndWait();
@@ -46,6 +48,7 @@ class CCmTimer {
         }
         return *this;
     }
+    /// Ends the timer: see above.
     ~CCmTimer() { m_Handle.CancelAndWait(); }
 
     /// CM_OK; CM_ERROR_INVALID_ARG: aInterval is zero or less and aCount not 1; CM_ERROR_NOT_FOUND:

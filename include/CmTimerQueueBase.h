@@ -3,11 +3,8 @@
 #ifndef CM_TIMER_QUEUE_BASE_H
 #define CM_TIMER_QUEUE_BASE_H
 
-#include <cstddef>
-#include <cstdint>
-#include <vector>
-
 #include "CmBase.h"
+#include "CmPrivateRoom.h"
 #include "CmTimeValue.h"
 #include "CmUtilClasses.h"
 
@@ -26,6 +23,7 @@ class ICmTimerHandler {
     virtual void OnTimeout(const CCmTimeValue& aCurTime, void* aArg) = 0;
 
   protected:
+    /// A queue never deletes a handler.
     ~ICmTimerHandler() = default;
 };
 
@@ -40,6 +38,7 @@ class ICmTimerQueue {
                                    const CCmTimeValue& aInterval, unsigned int aCount) = 0;
     /// Drops the timer of aEh; no handler is called.
     virtual CmResult CancelTimer(ICmTimerHandler* aEh) = 0;
+    /// Drops what is pending and calls no handler.
     virtual ~ICmTimerQueue() = default;
 };
 
@@ -50,6 +49,7 @@ class ICmObserver {
     virtual int OnObserve(const char* aTopic, void* aData) = 0;
 
   protected:
+    /// A queue never deletes its observer.
     ~ICmObserver() = default;
 };
 
@@ -60,6 +60,7 @@ class CM_UTIL_EXPORT CCmTimerQueueBase : public ICmTimerQueue {
   public:
     /// Bound to the calling thread. aObserver: may be null, not owned.
     explicit CCmTimerQueueBase(ICmObserver* aObserver);
+    /// On the queue's thread, or after that has ended.
     ~CCmTimerQueueBase() override;
     CCmTimerQueueBase(const CCmTimerQueueBase&) = delete;
     CCmTimerQueueBase& operator=(const CCmTimerQueueBase&) = delete;
@@ -89,14 +90,14 @@ class CM_UTIL_EXPORT CCmTimerQueueBase : public ICmTimerQueue {
 
     /// One pending timer.
     struct CNode {
-        ICmTimerHandler* m_pEh = nullptr;
-        void* m_pToken = nullptr;
-        CCmTimeValue m_tvExpired;   ///< absolute
-        CCmTimeValue m_tvInterval;  ///< zero or negative only when one firing is left
-        DWORD m_dwCount = 0;        ///< firings left, or UNLIMITED_COUNT
+        ICmTimerHandler* m_pEh = nullptr;  ///< whose timer it is; not owned
+        void* m_pToken = nullptr;          ///< handed back in OnTimeout
+        CCmTimeValue m_tvExpired;          ///< when it is due, absolute
+        CCmTimeValue m_tvInterval;         ///< zero or negative only when one firing is left
+        DWORD m_dwCount = 0;               ///< firings left, or UNLIMITED_COUNT
     };
 
-    // The storage primitives.
+    // Where the nodes are kept: what a derived queue supplies. Called with an aEh that is not null.
 
     /// Inserts a node in place of the one with the same handler: 0, or 1 when there was one. Any
     /// other value means failure. May throw std::bad_alloc, having changed nothing.
@@ -112,93 +113,12 @@ class CM_UTIL_EXPORT CCmTimerQueueBase : public ICmTimerQueue {
     virtual int GetEarliestTime_l(CCmTimeValue& aTime) const = 0;
 
   private:
-    void FireFirst_i(const CCmTimeValue& aNow);
+    class CState;  // internal
 
     CCmEnsureSingleThread m_Est;
-    ICmObserver* m_pObserver;  ///< not owned
-};
-
-/// Finds what belongs to a handler: a hash table with the entries in place, where an entry lies at
-/// the place of its handler or, if that is taken, behind it without a gap. It never shrinks, so
-/// that putting back what was erased allocates nothing.
-template <class ValueType>
-class CCmTimerHandlerIndexT {
-  public:
-    /// Null when there is none. Valid until the next change.
-    ValueType* Find(ICmTimerHandler* aEh) {
-        if (m_nCount == 0) {
-            return nullptr;
-        }
-        const size_t nPlace = PlaceOf(aEh);
-        return m_Entries[nPlace].m_pEh != nullptr ? &m_Entries[nPlace].m_Value : nullptr;
-    }
-
-    /// Makes room for one more. Throws std::bad_alloc, having changed nothing.
-    void Reserve() {
-        if (CM_UNLIKELY(2 * (m_nCount + 1) > m_Entries.size())) {
-            Grow();
-        }
-    }
-
-    /// There must be room, and no value of aEh.
-    void Insert(ICmTimerHandler* aEh, const ValueType& aValue) {
-        m_Entries[PlaceOf(aEh)] = Entry{aEh, aValue};
-        ++m_nCount;
-    }
-
-    /// There must be a value of aEh.
-    void Erase(ICmTimerHandler* aEh) {
-        size_t nGap = PlaceOf(aEh);
-        // Entries behind the gap move into it, unless that were ahead of their own place.
-        for (size_t i = Next(nGap); m_Entries[i].m_pEh != nullptr; i = Next(i)) {
-            const size_t nHome = Home(m_Entries[i].m_pEh);
-            if (((i - nHome) & Mask()) >= ((i - nGap) & Mask())) {
-                m_Entries[nGap] = m_Entries[i];
-                nGap = i;
-            }
-        }
-        m_Entries[nGap].m_pEh = nullptr;
-        --m_nCount;
-    }
-
-  private:
-    static constexpr int LEAST_BITS = 4;  ///< of the number of entries
-
-    struct Entry {
-        ICmTimerHandler* m_pEh = nullptr;
-        ValueType m_Value{};
-    };
-
-    size_t Mask() const { return m_Entries.size() - 1; }
-    size_t Next(size_t aPlace) const { return (aPlace + 1) & Mask(); }
-    /// The upper bits of the product depend on all bits of the address.
-    size_t Home(ICmTimerHandler* aEh) const {
-        return reinterpret_cast<uintptr_t>(aEh) * 0x9E3779B97F4A7C15 >> (64 - m_nBits);
-    }
-    /// Where aEh is, or where it would be put.
-    size_t PlaceOf(ICmTimerHandler* aEh) const {
-        size_t nPlace = Home(aEh);
-        while (m_Entries[nPlace].m_pEh != aEh && m_Entries[nPlace].m_pEh != nullptr) {
-            nPlace = Next(nPlace);
-        }
-        return nPlace;
-    }
-
-    void Grow() {
-        const int nBits = m_Entries.empty() ? LEAST_BITS : m_nBits + 1;
-        std::vector<Entry> entries(size_t{1} << nBits);
-        entries.swap(m_Entries);
-        m_nBits = nBits;
-        for (const Entry& entry : entries) {
-            if (entry.m_pEh != nullptr) {
-                m_Entries[PlaceOf(entry.m_pEh)] = entry;
-            }
-        }
-    }
-
-    std::vector<Entry> m_Entries;  ///< none or 2^m_nBits, at most half of them taken
-    size_t m_nCount = 0;
-    int m_nBits = 0;
+    ICmObserver* m_pObserver;  // not owned
+    // Empty so far.
+    [[maybe_unused]] CCmPrivateRoomT<CState, 128> m_Private;
 };
 
 }  // namespace UTIL_NS

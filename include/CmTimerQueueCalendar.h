@@ -4,11 +4,10 @@
 #define CM_TIMER_QUEUE_CALENDAR_H
 
 #include <map>
-#include <memory>
-#include <vector>
 
 #include "CmBase.h"
 #include "CmEventQueueBase.h"
+#include "CmPrivateRoom.h"
 #include "CmTimeValue.h"
 #include "CmTimerQueueBase.h"
 #include "CmUtilClasses.h"
@@ -18,29 +17,24 @@ namespace UTIL_NS {
 /// One timer of the calendar queue, in the chain of its slot. ValueType: pointer to the handler.
 template <class ValueType>
 struct CCmTimerQueueCalendarSlotT {
-    /// For every timer in the wheel, its slot.
-    typedef std::map<ValueType, DWORD> HandlersType;
-
-    CCmTimerQueueCalendarSlotT* m_pNext = nullptr;
-    ValueType m_pEh = nullptr;  ///< not owned
-    void* m_pToken = nullptr;
-    CCmTimeValue m_tvInterval;
-    DWORD m_dwCount = 0;  ///< firings left
-    /// The handler's entry, for a timer in the wheel.
-    typename HandlersType::iterator m_itHandler;
+    CCmTimerQueueCalendarSlotT* m_pNext = nullptr;  ///< in the chain, null at its end
+    ValueType m_pEh = nullptr;                      ///< whose timer it is; not owned
+    void* m_pToken = nullptr;                       ///< handed back in OnTimeout
+    CCmTimeValue m_tvInterval;                      ///< as it was scheduled
+    DWORD m_dwCount = 0;                            ///< firings left
 };
 
-/// Scheduling and cancelling cost a look-up of the handler and a step through one slot, however
-/// many timers are pending; a handler that had no timer is entered into an ordered map, too. Time
-/// passes only by TimerTick: the host calls it once per slot interval, with a timer of its own.
-/// Everything runs on the thread of the event queue.
+/// Scheduling and cancelling cost a look-up of the handler and a walk along the chain of one slot,
+/// however many timers are pending; entering a handler that had no timer takes a walk down an
+/// ordered map, too. Time passes only by TimerTick: the host calls it once per slot interval, with
+/// a timer of its own. Everything runs on the thread of the event queue.
 ///
 /// An interval is rounded up to whole slots, d of them; scheduled between ticks, the timer fires on
-/// the tick that is d behind the next one. A periodic timer is re-armed from the tick that fired
-/// it; its interval must lie between one slot and the wheel's span, since one that comes back to
-/// the slot being fired fires again and again within the same tick. An interval beyond the span is
-/// shortened with an error line: to the last slot while the wheel stands at slot 0, to the next
-/// tick otherwise. A distance that runs past the last slot starts again at slot 1.
+/// the d-th tick after the next one. A periodic timer is re-armed from the tick that fired it; its
+/// interval must lie between one slot and the wheel's span, since one that comes back to the slot
+/// being fired fires again and again within the same tick. An interval beyond the span is shortened
+/// with an error line: to the last slot while the wheel stands at slot 0, to the next tick
+/// otherwise. A distance that runs past the last slot starts again at slot 1.
 ///
 /// A timer with interval zero bypasses the wheel: it fires once, whatever its count, when the event
 /// queue next runs the event that this queue posts of itself, and so do those scheduled meanwhile,
@@ -87,35 +81,22 @@ class CM_UTIL_EXPORT CCmTimerQueueCalendar : public ICmTimerQueue, public ICmEve
 
   private:
     typedef CCmTimerQueueCalendarSlotT<ICmTimerHandler*> CNode;
+    class CState;  // internal
 
     void InsertUnique_i(const CCmTimeValue& aInterval, CNode* aNode);
     CNode* RemoveUniqueHandler_i(ICmTimerHandler* aEh);
     CNode* RemoveUniqueSlot_i(DWORD aSlot, ICmTimerHandler* aEh);
-    void RemoveUniqueEvent_i(ICmTimerHandler* aEh);
-    CmResult PushEvent_i(CNode* aNode, CmResult aResult);
-    void FireSlot_i(DWORD aSlot);
-    void Forget_i(CNode* aNode);
-    CNode::HandlersType::iterator NewEntry_i(ICmTimerHandler* aEh);
-    CNode* NewNode_i();
-    void FreeNode_i(CNode* aNode);
 
     CCmEnsureSingleThread m_Est;
-    DWORD m_dwInterval;            ///< of a slot, milliseconds
-    CNode** m_ppSlots;             ///< m_dwMaxSlotNumber + 1 chains, owned; null: out of memory
-    DWORD m_dwMaxSlotNumber;       ///< the last slot
-    DWORD m_dwCurrentSlot;         ///< what the next TimerTick fires
-    ICmEventQueue* m_pEventQueue;  ///< not owned
-    CNode* m_pEvents;              ///< the timers with interval zero
-    CNode::HandlersType m_Handlers;
-    CNode* m_pSpares;                                              ///< for coming timers
-    CCmTimerHandlerIndexT<CNode::HandlersType::iterator> m_Index;  ///< of m_Handlers
-    /// Follows the entry erased last. A handler that is cancelled and scheduled again, as timeouts
-    /// are, goes back in front of it without a walk down the map.
-    CNode::HandlersType::iterator m_itVacated;
-    /// Entries for coming handlers; there is room for those of m_Handlers, too.
-    /// Null before the first one. Only a pointer: the size of this object is part of the binary
-    /// interface.
-    std::unique_ptr<std::vector<CNode::HandlersType::node_type>> m_pSpareEntries;
+    DWORD m_dwInterval;            // of a slot, milliseconds
+    CNode** m_ppSlots;             // m_dwMaxSlotNumber + 1 chains, owned; null: out of memory
+    DWORD m_dwMaxSlotNumber;       // the last slot
+    DWORD m_dwCurrentSlot;         // what the next TimerTick fires
+    ICmEventQueue* m_pEventQueue;  // not owned
+    CNode* m_pEvents;              // the timers with interval zero
+    // Of every handler that is known as one of the wheel, its slot.
+    std::map<ICmTimerHandler*, DWORD> m_Handlers;
+    CCmPrivateRoomT<CState, 256> m_Private;
 };
 
 }  // namespace UTIL_NS

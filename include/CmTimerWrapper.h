@@ -21,6 +21,7 @@ class CM_UTIL_EXPORT CCmTimerWrapperIDSink {
     /// The timer of aId fired, on the thread of its queue. May schedule and cancel aId, and destroy
     /// it.
     virtual void OnTimer(CCmTimerWrapperID* aId) = 0;
+    /// The wrapper neither owns nor deletes its sink; cancel it before the sink ends.
     virtual ~CCmTimerWrapperIDSink();
 };
 
@@ -33,6 +34,7 @@ class CM_UTIL_EXPORT CCmTimerWrapperIDSink {
 /// mind.
 class CM_UTIL_EXPORT CCmTimerWrapperID : public ICmTimerHandler {
   public:
+    /// No timer, and bound to no queue.
     CCmTimerWrapperID();
     CCmTimerWrapperID(const CCmTimerWrapperID&) = delete;
     CCmTimerWrapperID& operator=(const CCmTimerWrapperID&) = delete;
@@ -54,9 +56,9 @@ class CM_UTIL_EXPORT CCmTimerWrapperID : public ICmTimerHandler {
     virtual ~CCmTimerWrapperID();
 
   private:
-    /// From Schedule to Cancel, also when the queue refused or the timer ended by itself.
+    // From Schedule to Cancel, also when the queue refused or the timer ended by itself.
     bool m_bScheduled;
-    ICmTimerQueue* m_pTimerQueue;  ///< not owned; null until the first Schedule
+    ICmTimerQueue* m_pTimerQueue;  // not owned; null until the first Schedule
 };
 
 /// Keeps a timer of 10 ms on the thread that first asks for the low-resolution clock, which should
@@ -80,12 +82,13 @@ class CM_UTIL_EXPORT low_tick_policy::low_tick_generator : public CCmTimerWrappe
     low_tick_generator();
     ~low_tick_generator() override;
 
-    /// Published with release by the creator and read with acquire by instance, which orders the
-    /// construction of the generator before its use.
+    // Published with release by the creator and read with acquire by instance, which orders the
+    // construction of the generator before its use.
     static std::atomic<low_tick_generator*> pInstance;
-    static CCmMutexThread mutex;  ///< serialises the creation
+    static CCmMutexThread mutex;  // serialises the creation
 
-    long long m_llLastTick;  ///< microseconds of the process clock when the timer last fired
+    // Microseconds of the process clock when the timer last fired. Required; nobody reads it.
+    long long m_llLastTick;
     CCmTimerWrapperID m_Timer;
 };
 

@@ -13,9 +13,11 @@
 
 namespace UTIL_NS {
 
-/// Levels of the library's own lines; lower is more severe.
+/// The level of lines that begin "UTIL ERROR: "; lower levels are more severe.
 constexpr unsigned long CM_TRACE_LEVEL_ERROR = 0;
+/// The level of lines that begin "UTIL WARNING: ".
 constexpr unsigned long CM_TRACE_LEVEL_WARNING = 10;
+/// The level of lines that begin "UTIL INFO: ".
 constexpr unsigned long CM_TRACE_LEVEL_INFO = 20;
 
 /// Receives one line: its level, its text (NUL-terminated, valid during the call only) and its
@@ -54,15 +56,18 @@ CM_UTIL_EXPORT void util_adapter_trace_ex(unsigned long aLevel, const char* aMod
 
 }  // extern "C"
 
-/// Assertions are always compiled in. A false expression writes one error line; then
-/// CM_ASSERTE goes on and CM_ASSERTE_RETURN returns aResult from the function. The _LINE forms
-/// print a fixed line number, the _AT form a fixed file as well (for code in public headers).
+/// An assertion, always compiled in: a false expression writes one error line, and the program goes
+/// on.
 #define CM_ASSERTE(aExpression) CM_ASSERTE_(aExpression, #aExpression, __FILE__, __LINE__)
+/// CM_ASSERTE that prints line number aLine, whatever line it stands in.
 #define CM_ASSERTE_LINE(aExpression, aLine) CM_ASSERTE_(aExpression, #aExpression, __FILE__, aLine)
+/// CM_ASSERTE that, after the line, returns aResult from the function.
 #define CM_ASSERTE_RETURN(aExpression, aResult) \
     CM_ASSERTE_RETURN_(aExpression, #aExpression, aResult, __FILE__, __LINE__)
+/// CM_ASSERTE_RETURN that prints line number aLine.
 #define CM_ASSERTE_RETURN_LINE(aExpression, aResult, aLine) \
     CM_ASSERTE_RETURN_(aExpression, #aExpression, aResult, __FILE__, aLine)
+/// CM_ASSERTE_RETURN that prints file aFile and line number aLine: for code in public headers.
 #define CM_ASSERTE_RETURN_AT(aExpression, aResult, aFile, aLine) \
     CM_ASSERTE_RETURN_(aExpression, #aExpression, aResult, aFile, aLine)
 

@@ -9,56 +9,39 @@
 
 namespace UTIL_NS {
 
-/// The levels beside CM_TRACE_LEVEL_ERROR, _WARNING and _INFO; all others have no use.
+/// Level "Server" of CM_TRACE_LEVELS (CmT120Trace.h).
 constexpr unsigned long CM_TRACE_LEVEL_SERVER = 1;
+/// Level "Meeting" of CM_TRACE_LEVELS (CmT120Trace.h).
 constexpr unsigned long CM_TRACE_LEVEL_MEETING = 11;
+/// Level "Session" of CM_TRACE_LEVELS (CmT120Trace.h).
 constexpr unsigned long CM_TRACE_LEVEL_SESSION = 12;
+/// Level "User" of CM_TRACE_LEVELS (CmT120Trace.h).
 constexpr unsigned long CM_TRACE_LEVEL_USER = 13;
+/// Level "Statistic" of CM_TRACE_LEVELS (CmT120Trace.h).
 constexpr unsigned long CM_TRACE_LEVEL_STATISTIC = 14;
+/// Level "State" of CM_TRACE_LEVELS (CmT120Trace.h).
 constexpr unsigned long CM_TRACE_LEVEL_STATE = 21;
+/// Level "PDU" of CM_TRACE_LEVELS (CmT120Trace.h).
 constexpr unsigned long CM_TRACE_LEVEL_PDU = 22;
+/// Level "Func" of CM_TRACE_LEVELS (CmT120Trace.h).
 constexpr unsigned long CM_TRACE_LEVEL_FUNC = 23;
+/// Level "Tick" of CM_TRACE_LEVELS (CmT120Trace.h).
 constexpr unsigned long CM_TRACE_LEVEL_TICK = 24;
+/// Level "Detail" of CM_TRACE_LEVELS (CmT120Trace.h).
 constexpr unsigned long CM_TRACE_LEVEL_DETAIL = 25;
+/// Level "WDMS" of CM_TRACE_LEVELS (CmT120Trace.h).
 constexpr unsigned long CM_TRACE_LEVEL_WDMS = 26;
+/// Level "Debug" of CM_TRACE_LEVELS (CmT120Trace.h).
 constexpr unsigned long CM_TRACE_LEVEL_DEBUG = 27;
 
 /// A level's name as the configuration spells it; "NA" for a level without a use. Any thread.
 constexpr const char* CmTraceLevelName(unsigned long aLevel) {
-    switch (aLevel) {
-        case CM_TRACE_LEVEL_ERROR:
-            return "Error";
-        case CM_TRACE_LEVEL_SERVER:
-            return "Server";
-        case CM_TRACE_LEVEL_WARNING:
-            return "Warning";
-        case CM_TRACE_LEVEL_MEETING:
-            return "Meeting";
-        case CM_TRACE_LEVEL_SESSION:
-            return "Session";
-        case CM_TRACE_LEVEL_USER:
-            return "User";
-        case CM_TRACE_LEVEL_STATISTIC:
-            return "Statistic";
-        case CM_TRACE_LEVEL_INFO:
-            return "Info";
-        case CM_TRACE_LEVEL_STATE:
-            return "State";
-        case CM_TRACE_LEVEL_PDU:
-            return "PDU";
-        case CM_TRACE_LEVEL_FUNC:
-            return "Func";
-        case CM_TRACE_LEVEL_TICK:
-            return "Tick";
-        case CM_TRACE_LEVEL_DETAIL:
-            return "Detail";
-        case CM_TRACE_LEVEL_WDMS:
-            return "WDMS";
-        case CM_TRACE_LEVEL_DEBUG:
-            return "Debug";
-        default:
-            return "NA";
+    for (const CCmTraceLevel& level : CM_TRACE_LEVELS) {
+        if (level.m_ulLevel == aLevel) {
+            return level.m_pszName;
+        }
     }
+    return CM_TRACE_LEVEL_UNUSED;
 }
 
 /// Writes every line of util_adapter_trace, the library's own above all, to the trace file at aPath

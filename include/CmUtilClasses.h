@@ -19,11 +19,13 @@ class CM_UTIL_EXPORT CCmEnsureSingleThread {
 
     /// Where a check of the calling thread belongs; it does nothing.
     void EnsureSingleThread() const {}
+    /// The object belongs to the calling thread from now on.
     void Reset2CurrentThreadId();
+    /// The object belongs to that thread from now on.
     void Reset2ThreadId(pthread_t aThreadId);
 
   protected:
-    pthread_t m_ThreadId;
+    pthread_t m_ThreadId;  ///< the thread; the library does not read it
 };
 
 /// Whether something is stopped; at first it is not. Meant to be written by its owning thread,
@@ -32,14 +34,16 @@ class CM_UTIL_EXPORT CCmStopFlag : public CCmEnsureSingleThread {
   public:
     CCmStopFlag();
 
-    /// Any thread.
+    /// It is not stopped from now on. Any thread.
     void SetStartFlag();
+    /// It is stopped from now on. Any thread.
     void SetStopFlag();
-    /// True: stopped. Any thread; a momentarily stale value is possible.
+    /// Any thread. The flag stands for itself: nothing that was written before it is ordered by it,
+    /// and the value may be momentarily old.
     bool IsFlagStopped() const { return m_bStopFlag.load(std::memory_order_relaxed); }
 
   protected:
-    std::atomic<bool> m_bStopFlag;
+    std::atomic<bool> m_bStopFlag;  ///< true: stopped
 };
 
 /// Base of objects that CleanupAll destroys. Such an object lives on the heap, registers itself
@@ -64,7 +68,7 @@ class CM_UTIL_EXPORT CCmCleanUpBase {
     CCmCleanUpBase();
 
   private:
-    friend struct CCmCleanUpWalk;
+    friend struct CCmCleanUpWalk;  // internal
 
     CCmCleanUpBase* m_pNext;           ///< itself once CleanupAll has taken it off the registry
     static CCmCleanUpBase* s_pHeader;  ///< guarded by g_SingletonMutex
@@ -82,26 +86,30 @@ class CM_UTIL_EXPORT CCmDataBlockNoMalloc {
     /// The aLen bytes at aData; null: no memory.
     CCmDataBlockNoMalloc(const char* aData, unsigned int aLen);
 
-    /// Copy up to aCount bytes out of the memory or into it, and tell how many they were.
+    /// Copies up to aCount bytes out of the memory; stores how many they were through aBytesRead.
     CmResult Read(void* aDst, unsigned int aCount, unsigned int* aBytesRead);
+    /// Copies up to aCount bytes into the memory; stores how many they were through aBytesWritten.
     CmResult Write(const void* aSrc, unsigned int aCount, unsigned int* aBytesWritten);
 
   private:
-    [[maybe_unused]] const char* m_pBegin;
-    const char* m_pEnd;  ///< one past the last byte
+    [[maybe_unused]] const char* m_pBegin;  ///< the first byte; nobody reads it
+    const char* m_pEnd;                     ///< one past the last byte
     const char* m_pCurrentRead;
     char* m_pCurrentWrite;
 };
 
-/// Whether IPv4 and IPv6 sockets can be opened: -1 until probed, then 1 or 0. Several threads may
-/// probe at once; they find the same.
+/// Whether IPv4 sockets can be opened: -1 until probed, then 1 or 0. Several threads may probe at
+/// once; they find the same.
 extern CM_UTIL_EXPORT int cm_ipv4_enabled;
+/// The same for IPv6.
 extern CM_UTIL_EXPORT int cm_ipv6_enabled;
 
 /// Returns aFlag; when it is -1, sets it first, to 1 when a datagram socket of aFamily (AF_INET,
 /// ...) can be opened and to 0 when not. Any thread.
 CM_UTIL_EXPORT int ip_check(int& aFlag, int aFamily);
+/// cm_ipv4_enabled, probed if need be. Any thread.
 CM_UTIL_EXPORT int ipv4_enabled();
+/// cm_ipv6_enabled, probed if need be. Any thread.
 CM_UTIL_EXPORT int ipv6_enabled();
 
 }  // namespace UTIL_NS

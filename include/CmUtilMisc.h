@@ -1,5 +1,4 @@
-/// The library's entry points, the singleton mutex, sleeping, CRC-16 and the local address
-/// list.
+/// The library's entry points, sleeping, CRC-16 and the local address list.
 /// \file
 #ifndef CM_UTIL_MISC_H
 #define CM_UTIL_MISC_H
@@ -7,31 +6,32 @@
 #include <sys/socket.h>
 
 #include "CmBase.h"
-#include "CmConditionVariable.h"
+#include "CmSingletonMutex.h"
+#include "CmUtilTemplates.h"
 
 namespace UTIL_NS {
 
-/// Serialises the creation of singletons and the clean-up registry. It is ready before the first
-/// constructor of a static object runs and does not end: static objects of a host may use it, and
-/// CleanupAll, wherever they are constructed and destroyed.
-extern CM_UTIL_EXPORT CCmMutexThreadRecursive g_SingletonMutex;
-
 class CCmMessageBlock;
 
-/// CRC-16, reflected, polynomial 0x8005: from 0 on it is CRC-16/ARC, from 0xFFFF on CRC-16/MODBUS.
-///
-/// The table of the reflected polynomial, in two halves: the low bytes of its entries and the high
-/// bytes. Filled before the first calculation.
+/// The low bytes of the table of CRC-16, reflected, polynomial 0x8005. Filled before the first
+/// calculation.
 extern CM_UTIL_EXPORT unsigned char CRC16_H_TABLE[256];
+/// The high bytes of the same table.
 extern CM_UTIL_EXPORT unsigned char CRC16_L_TABLE[256];
+/// Fills both tables; they hold the same after every call.
 CM_UTIL_EXPORT void GenerateCRCTable();
 
 /// Its construction fills the tables. Held by CCmSingletonT<CRCTAbleInit>.
 class CM_UTIL_EXPORT CRCTAbleInit {
   public:
+    /// GenerateCRCTable.
     CRCTAbleInit();
 };
 
+/// The library's own instance.
+extern template class CCmSingletonT<CRCTAbleInit>;
+
+/// CRC-16, reflected, polynomial 0x8005: from 0 on it is CRC-16/ARC, from 0xFFFF on CRC-16/MODBUS.
 /// Carries aCrc over aLen bytes, so that a checksum may span several calls, and returns it. A
 /// null pData returns 0 after an assertion and leaves aCrc. Any thread.
 CM_UTIL_EXPORT unsigned short CalcCRC16(unsigned short& aCrc, unsigned char* pData,
@@ -54,21 +54,18 @@ struct local_addr {
 /// success, also with an empty (null) list; -1 with a null list when the socket, the query or an
 /// allocation fails or aList is null. The socket that it asks through is closed again. Any thread.
 CM_UTIL_EXPORT int get_local_addr(local_addr** aList);
-/// Null is accepted.
+/// Frees what get_local_addr gave; null is accepted.
 CM_UTIL_EXPORT void free_local_addr(local_addr* aList);
 
 }  // namespace UTIL_NS
 
 extern "C" {
 
-/// Both do nothing: what the library needs is set up when it is loaded or on first use. A host
-/// may call them in pairs around its use of the library.
+/// Does nothing: what the library needs is set up when it is loaded or on first use. A host may
+/// call it, with CmUtilCleanup, around its use of the library.
 CM_UTIL_EXPORT void CmUtilInit();
+/// Does nothing, either.
 CM_UTIL_EXPORT void CmUtilCleanup();
-
-/// Stores the address of g_SingletonMutex (a UTIL_NS::CCmMutexThreadRecursive) in *aMutex, so
-/// that a host can serialise its own singletons with the library's. Null is ignored.
-CM_UTIL_EXPORT void GetSingletonMutex(void** aMutex);
 
 /// Sleeps for aMs milliseconds, however many signals interrupt it. A failure other than an
 /// interruption is traced as a warning and ends the sleep.

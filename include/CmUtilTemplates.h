@@ -9,14 +9,13 @@
 #include "CmConditionVariable.h"
 #include "CmTrace.h"
 #include "CmUtilClasses.h"
-#include "CmUtilMisc.h"
 
 namespace UTIL_NS {
 
 /// Selects the count without a lock, for objects that never leave their thread.
 class CCmMutexNullSingleThread {};
 
-/// Base of objects that end when their last reference is released. The count starts at 0; the
+/// Base of objects that are freed when their last reference is released. The count starts at 0; the
 /// caller must not touch the object after ReleaseReference returned 0. Releasing a count that is
 /// 0 already makes it negative and destroys nothing.
 template <class MutexType>
@@ -30,8 +29,9 @@ class CM_UTIL_EXPORT CCmReferenceControlT<CCmMutexThread> {
     CCmReferenceControlT() = default;
     virtual ~CCmReferenceControlT();
 
-    /// Both return the new count.
+    /// Returns the new count.
     virtual uint32_t AddReference() { return static_cast<uint32_t>(++m_lCount); }
+    /// Returns the new count; when that is 0, OnReferenceDestory was called.
     virtual uint32_t ReleaseReference() {
         const uint32_t dwCount = m_lCount.ReleaseOnly() ? 0 : static_cast<uint32_t>(--m_lCount);
         if (dwCount == 0) {
@@ -61,10 +61,13 @@ class CM_UTIL_EXPORT CCmReferenceControlT<CCmMutexNullSingleThread> {
     CCmReferenceControlT(const CCmReferenceControlT&) = delete;
     CCmReferenceControlT& operator=(const CCmReferenceControlT&) = delete;
 
-    /// As those of the thread-safe count.
+    /// Returns the new count.
     virtual uint32_t AddReference();
+    /// Returns the new count; when that is 0, OnReferenceDestory was called.
     virtual uint32_t ReleaseReference();
+    /// The count.
     virtual uint32_t GetReference();
+    /// Called when the count reaches 0; deletes the object.
     virtual void OnReferenceDestory();
 
   private:
@@ -92,7 +95,7 @@ class CCmComAutoPtr {
 
     /// Takes the new reference before it drops the old one, so that a chain in which the old
     /// object owns the new one stays alive. It stores the new object before it releases the old
-    /// one, which, when it ends, may therefore look at this pointer or assign to it.
+    /// one, whose destructor may therefore look at this pointer or assign to it.
     CCmComAutoPtr& operator=(T* aPtr) {
         if (m_pRawPtr == aPtr) {
             return *this;
@@ -121,8 +124,11 @@ class CCmComAutoPtr {
 
     /// The object, null without one; no reference is taken.
     operator T*() const { return m_pRawPtr; }
+    /// The object; there must be one.
     T* operator->() const { return m_pRawPtr; }
+    /// The object; there must be one.
     T& operator*() const { return *m_pRawPtr; }
+    /// The object, null without one, as an argument; no reference is taken.
     T* ParaIn() const { return m_pRawPtr; }
 
   private:
@@ -145,15 +151,15 @@ class CM_UTIL_EXPORT CCmSingletonT : public CCmCleanUpBase {
     static void Create();
 
     T m_Instance;
-    /// Published with release by the creator, read with acquire by Instance, which orders the
-    /// construction of T before its use.
+    /// Published with release by the creator and read with acquire by Instance: T is constructed
+    /// before it is used.
     static std::atomic<CCmSingletonT*> m_psInstance;
 };
 
-/// Calls aCreate with the singleton mutex held; an exception that it throws ends here.
+/// For CCmSingletonT: calls aCreate with the singleton mutex held; catches what it throws.
 CM_UTIL_EXPORT void CmCreateSingleton(void (*aCreate)());
 
-/// Writes the info line that a singleton leaves behind; for ~CCmSingletonT.
+/// For CCmSingletonT: writes the info line of its destruction.
 CM_UTIL_EXPORT void CmTraceSingletonEnd(void* aInstance, void* aThis);
 
 template <class T>
@@ -184,8 +190,6 @@ CCmSingletonT<T>::~CCmSingletonT() {
     m_psInstance.store(nullptr, std::memory_order_relaxed);
 }
 
-extern template class CCmSingletonT<CRCTAbleInit>;
-
 /// The predicate of the trimming templates: the blank (0x20) only; tabs and line ends are kept.
 class CCmIsSpace {
   public:
@@ -193,8 +197,7 @@ class CCmIsSpace {
     bool operator()(char aChar) const { return aChar == ' '; }
 };
 
-/// Removes the leading (LTrimString) or trailing (RTrimString) characters for which aPredicate
-/// holds.
+/// Removes the characters at the start for which aPredicate holds.
 template <class Predicate>
 void LTrimString(CCmString& aText, Predicate aPredicate) {
     size_t nStart = 0;

@@ -10,8 +10,7 @@
 #ifndef CM_WORKER_H
 #define CM_WORKER_H
 
-#include <string.h>
-
+#include <cstring>
 #include <memory>
 #include <type_traits>
 #include <utility>
@@ -71,8 +70,8 @@ class CCmWorkerOptions {
     /// The thread's name, as debuggers and process viewers show it: the first 15 bytes on Linux, 63
     /// on macOS. Null or empty leaves the system's.
     CCmWorkerOptions& Name(const char* aName) {
-        memset(m_szName, 0, sizeof(m_szName));
-        strncpy(m_szName, aName != nullptr ? aName : "", sizeof(m_szName) - 1);
+        std::memset(m_szName, 0, sizeof(m_szName));
+        std::strncpy(m_szName, aName != nullptr ? aName : "", sizeof(m_szName) - 1);
         return *this;
     }
     /// Runs aFunction on the worker's thread before the constructor of CCmWorker returns, with the

@@ -24,6 +24,7 @@
 #include "CmResolver.h"
 #include "CmResultText.h"
 #include "CmScopedLock.h"
+#include "CmSingletonMutex.h"
 #include "CmStrict.h"
 #include "CmT120Trace.h"
 #include "CmT120TraceFile.h"

@@ -4,11 +4,10 @@
 
 #include <algorithm>
 #include <cstring>
-#include <random>
 #include <string>
 #include <vector>
 
-#include "port/CmCpu.h"
+#include "support/RandomBytes.h"
 
 namespace UTIL_NS {
 namespace {
@@ -16,43 +15,21 @@ namespace {
 constexpr char ALPHABET[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 constexpr unsigned char GUARD = 0xA5;
 
-struct EncodeRoad {
-    const char* name;
-    size_t (*run)(const unsigned char*, size_t, char*);
-    bool available;
-    size_t leastLeft;  // fewer bytes than this may be left over
-};
-
-struct DecodeRoad {
-    const char* name;
-    size_t (*run)(const unsigned char*, size_t, unsigned char*);
-    bool available;
-    size_t step;  // characters
-};
-
-std::vector<EncodeRoad> EncodeRoads() {
-    return {{"scalar", CmBase64EncodeScalar, true, 3},
-            {"ssse3", CmBase64EncodeSsse3, CmCpuHas(CM_CPU_SSSE3), 16},
-            {"avx2", CmBase64EncodeAvx2, CmCpuHas(CM_CPU_AVX2), 16}};
-}
-
-std::vector<DecodeRoad> DecodeRoads() {
-    return {{"scalar", CmBase64DecodeScalar, true, 4},
-            {"ssse3", CmBase64DecodeSsse3, CmCpuHas(CM_CPU_SSSE3), 16},
-            {"avx2", CmBase64DecodeAvx2, CmCpuHas(CM_CPU_AVX2), 32}};
-}
-
-std::vector<unsigned char> RandomBytes(size_t aLength, unsigned aSeed) {
-    std::mt19937 random(aSeed);
-    std::vector<unsigned char> bytes(aLength);
-    for (unsigned char& byte : bytes) {
-        byte = static_cast<unsigned char>(random());
+// By scalars, and by each kernel that the processor at hand has.
+std::vector<CCmBase64Kernel> Ways() {
+    std::vector<CCmBase64Kernel> ways = {
+        {"scalar", [] { return true; }, CmBase64EncodeScalar, 3, CmBase64DecodeScalar, 4}};
+    for (const CCmBase64Kernel* pKernel = g_base64Kernels; pKernel->m_pszName != nullptr;
+         ++pKernel) {
+        if (pKernel->m_pfnIsThere()) {
+            ways.push_back(*pKernel);
+        }
     }
-    return bytes;
+    return ways;
 }
 
 std::vector<unsigned char> RandomText(size_t aLength, unsigned aSeed) {
-    std::vector<unsigned char> text = RandomBytes(aLength, aSeed);
+    std::vector<unsigned char> text = kelto_test::RandomBytes(aLength, aSeed);
     for (unsigned char& ch : text) {
         ch = static_cast<unsigned char>(ALPHABET[ch & 63]);
     }
@@ -96,78 +73,73 @@ TEST(CmBase64, ValuesAreThoseOfTheAlphabet) {
     }
 }
 
-TEST(CmBase64, EncodeRoadsGiveTheBits_OfEveryLength) {
-    const std::vector<unsigned char> bytes = RandomBytes(300, 1);
-    for (const EncodeRoad& road : EncodeRoads()) {
-        if (!road.available) {
-            continue;
-        }
+TEST(CmBase64, Encoding_GivesTheBitsOfEveryLength) {
+    const std::vector<unsigned char> bytes = kelto_test::RandomBytes(300, 1);
+    for (const CCmBase64Kernel& way : Ways()) {
         for (size_t nLength = 0; nLength <= bytes.size(); ++nLength) {
             // On the heap and of exactly this size, so that a read outside is noticed.
             const std::vector<unsigned char> in(bytes.end() - static_cast<long>(nLength),
                                                 bytes.end());
             std::vector<char> out(nLength / 3 * 4 + 64, static_cast<char>(GUARD));
-            const size_t nDone = road.run(in.data(), nLength, out.data());
+            const size_t nDone = way.m_pfnEncode(in.data(), nLength, out.data());
             ASSERT_EQ(nDone % 3, 0u);
             ASSERT_LE(nDone, nLength);
-            ASSERT_LT(nLength - nDone, road.leastLeft) << road.name;
+            ASSERT_LT(nLength - nDone, way.m_nEncodeLeft) << way.m_pszName;
             const size_t nText = nDone / 3 * 4;
             ASSERT_EQ(std::string(out.data(), nText), ReferenceEncode(in.data(), nDone / 3))
-                << road.name << ' ' << nLength;
+                << way.m_pszName << ' ' << nLength;
             ASSERT_EQ(std::count(out.begin() + static_cast<long>(nText), out.end(),
                                  static_cast<char>(GUARD)),
                       64 + static_cast<long>((nLength / 3 - nDone / 3) * 4))
-                << road.name << ' ' << nLength;
+                << way.m_pszName << ' ' << nLength;
         }
     }
 }
 
-TEST(CmBase64, EncodeRoadsGiveTheBits_OfEveryByteInEveryPlace) {
-    for (const EncodeRoad& road : EncodeRoads()) {
-        for (size_t nPlace = 0; road.available && nPlace < 48; ++nPlace) {
+TEST(CmBase64, Encoding_GivesTheBitsOfEveryByteInEveryPlace) {
+    for (const CCmBase64Kernel& way : Ways()) {
+        for (size_t nPlace = 0; nPlace < 48; ++nPlace) {
             for (unsigned nByte = 0; nByte < 256; ++nByte) {
                 std::vector<unsigned char> in(48, 0x5A);
                 in[nPlace] = static_cast<unsigned char>(nByte);
                 char achOut[64];
-                const size_t nDone = road.run(in.data(), in.size(), achOut);
+                const size_t nDone = way.m_pfnEncode(in.data(), in.size(), achOut);
                 ASSERT_EQ(std::string(achOut, nDone / 3 * 4), ReferenceEncode(in.data(), nDone / 3))
-                    << road.name << ' ' << nPlace << ' ' << nByte;
+                    << way.m_pszName << ' ' << nPlace << ' ' << nByte;
             }
         }
     }
 }
 
-TEST(CmBase64, DecodeRoadsGiveTheBits_OfEveryLength) {
+TEST(CmBase64, Decoding_GivesTheBitsOfEveryLength) {
     const std::vector<unsigned char> text = RandomText(400, 2);
-    for (const DecodeRoad& road : DecodeRoads()) {
-        if (!road.available) {
-            continue;
-        }
+    for (const CCmBase64Kernel& way : Ways()) {
         for (size_t nLength = 0; nLength <= text.size(); ++nLength) {
             const std::vector<unsigned char> in(text.end() - static_cast<long>(nLength),
                                                 text.end());
-            const size_t nWhole = nLength / road.step * road.step;
+            const size_t nWhole = nLength / way.m_nDecodeStep * way.m_nDecodeStep;
             std::vector<unsigned char> out(nWhole / 4 * 3 + 64, GUARD);
-            ASSERT_EQ(road.run(in.data(), nLength, out.data()), nWhole) << road.name;
+            ASSERT_EQ(way.m_pfnDecode(in.data(), nLength, out.data()), nWhole) << way.m_pszName;
             ASSERT_EQ(std::string(out.begin(), out.end() - 64),
                       ReferenceDecode(in.data(), nWhole / 4))
-                << road.name << ' ' << nLength;
-            ASSERT_EQ(std::count(out.end() - 64, out.end(), GUARD), 64) << road.name << nLength;
+                << way.m_pszName << ' ' << nLength;
+            ASSERT_EQ(std::count(out.end() - 64, out.end(), GUARD), 64) << way.m_pszName << nLength;
         }
     }
 }
 
-TEST(CmBase64, DecodeRoadsStopAtEveryInvalidByte_InEveryPlace) {
+TEST(CmBase64, Decoding_StopsAtEveryInvalidByte_InEveryPlace) {
     constexpr size_t LENGTH = 96;
-    for (const DecodeRoad& road : DecodeRoads()) {
-        for (size_t nPlace = 0; road.available && nPlace < LENGTH; ++nPlace) {
+    for (const CCmBase64Kernel& way : Ways()) {
+        for (size_t nPlace = 0; nPlace < LENGTH; ++nPlace) {
             for (unsigned nByte = 0; nByte < 256; ++nByte) {
                 std::vector<unsigned char> in = RandomText(LENGTH, 3);
                 in[nPlace] = static_cast<unsigned char>(nByte);
-                const size_t nWhole = pr2six[nByte] < 64 ? LENGTH : nPlace / road.step * road.step;
+                const size_t nWhole =
+                    pr2six[nByte] < 64 ? LENGTH : nPlace / way.m_nDecodeStep * way.m_nDecodeStep;
                 std::vector<unsigned char> out(LENGTH / 4 * 3, GUARD);
-                ASSERT_EQ(road.run(in.data(), LENGTH, out.data()), nWhole)
-                    << road.name << ' ' << nPlace << ' ' << nByte;
+                ASSERT_EQ(way.m_pfnDecode(in.data(), LENGTH, out.data()), nWhole)
+                    << way.m_pszName << ' ' << nPlace << ' ' << nByte;
                 ASSERT_EQ(std::string(out.begin(), out.begin() + static_cast<long>(nWhole / 4 * 3)),
                           ReferenceDecode(in.data(), nWhole / 4));
                 ASSERT_EQ(
@@ -178,9 +150,17 @@ TEST(CmBase64, DecodeRoadsStopAtEveryInvalidByte_InEveryPlace) {
     }
 }
 
-TEST(CmBase64, RoadsAgree_OnLongInputs) {
+// Taken where it is there: the text cannot be told from that of the scalars.
+TEST(CmBase64, Kernel_IsTakenWhereTheProcessorHasOne) {
+    const unsigned char abyIn[96] = {};
+    char achText[160];
+    EXPECT_EQ(Ways().size() > 1, CmBase64EncodeByVector(abyIn, sizeof(abyIn), achText) != 0);
+}
+
+TEST(CmBase64, Ways_AgreeOnLongInputs) {
     for (unsigned nSeed = 0; nSeed < 20; ++nSeed) {
-        const std::vector<unsigned char> bytes = RandomBytes(3 * (5000 + 7 * nSeed), nSeed);
+        const std::vector<unsigned char> bytes =
+            kelto_test::RandomBytes(3 * (5000 + 7 * nSeed), nSeed);
         std::string expected(bytes.size() / 3 * 4, '\0');
         CmBase64EncodeScalar(bytes.data(), bytes.size(), &expected[0]);
         std::string text(expected.size(), '\0');

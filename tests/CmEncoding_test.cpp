@@ -11,6 +11,7 @@
 
 #include "CmBase64.h"
 #include "support/Faults.h"
+#include "support/RandomBytes.h"
 
 namespace UTIL_NS {
 namespace {
@@ -66,15 +67,6 @@ CCmString XDecoded(const CCmString& aText) {
     return CCmString(out.begin(), out.begin() + static_cast<long>(ulLength));
 }
 
-CCmString RandomBytes(size_t aLength, unsigned aSeed) {
-    std::mt19937 random(aSeed);
-    CCmString strBytes(aLength, '\0');
-    for (char& ch : strBytes) {
-        ch = static_cast<char>(random());
-    }
-    return strBytes;
-}
-
 TEST(CmBase64String, MeetsStandardVectors) {
     for (const Vector& vector : VECTORS) {
         EXPECT_EQ(Encoded(vector.bytes), vector.text);
@@ -102,7 +94,8 @@ TEST(CmBase64Buffer, EncodesTwoBytesToFourCharacters) {
 
 TEST(CmBase64Both, RoundTripEveryLength) {
     for (size_t nLength = 0; nLength <= 300; ++nLength) {
-        const CCmString strBytes = RandomBytes(nLength, static_cast<unsigned>(nLength));
+        const CCmString strBytes =
+            kelto_test::RandomBytes<CCmString>(nLength, static_cast<unsigned>(nLength));
         const CCmString strText = Encoded(strBytes);
         ASSERT_EQ(strText, XEncoded(strBytes));
         ASSERT_EQ(strText.size(), (nLength + 2) / 3 * 4);
@@ -114,7 +107,7 @@ TEST(CmBase64Both, RoundTripEveryLength) {
 
 TEST(CmBase64Both, RoundTripLongTexts) {
     for (size_t nLength : {3071, 3072, 3073, 3074, 6144, 100000, 1048576}) {
-        const CCmString strBytes = RandomBytes(nLength, 7);
+        const CCmString strBytes = kelto_test::RandomBytes<CCmString>(nLength, 7);
         const CCmString strText = Encoded(strBytes);
         ASSERT_EQ(strText, XEncoded(strBytes));
         ASSERT_EQ(Decoded(strText.c_str()), strBytes) << nLength;
@@ -156,7 +149,7 @@ TEST(CmBase64String, GivesEmptyText_WithoutInput) {
 }
 
 TEST(CmBase64String, WorksInPlace) {
-    CCmString strText = RandomBytes(200, 1);
+    CCmString strText = kelto_test::RandomBytes<CCmString>(200, 1);
     const CCmString strBytes = strText;
     CM_Base64Encode(strText.data(), strText.size(), strText);
     EXPECT_EQ(strText, Encoded(strBytes));
@@ -165,7 +158,7 @@ TEST(CmBase64String, WorksInPlace) {
 }
 
 TEST(CmBase64String, WorksOnAPartOfItsOutput) {
-    CCmString strText = RandomBytes(200, 1);
+    CCmString strText = kelto_test::RandomBytes<CCmString>(200, 1);
     const CCmString strBytes = strText;
     CM_Base64Encode(strText.data() + 8, 192, strText);
     EXPECT_EQ(strText, Encoded(strBytes.substr(8)));
@@ -174,7 +167,7 @@ TEST(CmBase64String, WorksOnAPartOfItsOutput) {
 }
 
 TEST(CmBase64String, GivesEmptyText_WhenMemoryRunsOut) {
-    const CCmString strBytes = RandomBytes(1000, 1);
+    const CCmString strBytes = kelto_test::RandomBytes<CCmString>(1000, 1);
     const CCmString strText = Encoded(strBytes);
     CCmString strOut = "x";
     {
@@ -283,7 +276,7 @@ CCmString ReferenceDecoded(const CCmString& aText) {
 }
 
 TEST(CmBase64String, DecodesAsStated_WithInvalidByteAtEveryOffset) {
-    const CCmString strText = Encoded(RandomBytes(150, 3));
+    const CCmString strText = Encoded(kelto_test::RandomBytes<CCmString>(150, 3));
     for (size_t nPlace = 0; nPlace < strText.size(); ++nPlace) {
         for (char chInvalid : {'=', '!', '\n', '\x80', '\xFF', '-'}) {
             CCmString strBroken = strText;
@@ -294,7 +287,7 @@ TEST(CmBase64String, DecodesAsStated_WithInvalidByteAtEveryOffset) {
 }
 
 TEST(CmBase64String, DecodesAsStated_WhenInvalidBytesAreFarIn) {
-    const CCmString strText = Encoded(RandomBytes(9300, 4));
+    const CCmString strText = Encoded(kelto_test::RandomBytes<CCmString>(9300, 4));
     for (size_t nPlace = 4000; nPlace < 4200; ++nPlace) {
         CCmString strBroken = strText;
         strBroken[nPlace] = '*';
@@ -364,7 +357,7 @@ CCmString XReferenceDecoded(const CCmString& aText) {
 }
 
 TEST(CmBase64Buffer, DecodesAsStated_WithEveryByteAtEveryOffset) {
-    const CCmString strText = XEncoded(RandomBytes(90, 5));
+    const CCmString strText = XEncoded(kelto_test::RandomBytes<CCmString>(90, 5));
     for (size_t nPlace = 0; nPlace < strText.size(); ++nPlace) {
         for (int nByte = 0; nByte < 256; ++nByte) {
             CCmString strBroken = strText;
@@ -403,7 +396,7 @@ TEST(CmBase64Buffer, WritesThreeBytesForEveryGroup) {
 
 TEST(CmBase64Buffer, DecodesAsStated_WithRandomBytes) {
     for (unsigned nSeed = 0; nSeed < 50; ++nSeed) {
-        const CCmString strBytes = RandomBytes(1000 + nSeed, nSeed);
+        const CCmString strBytes = kelto_test::RandomBytes<CCmString>(1000 + nSeed, nSeed);
         ASSERT_EQ(XDecoded(strBytes), XReferenceDecoded(strBytes)) << nSeed;
     }
 }

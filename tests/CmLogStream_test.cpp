@@ -500,13 +500,11 @@ TEST(CmLogStream, Facility2_HasDefaultsOfItsOwn) {
     EXPECT_EQ(0, StatusOfChild([] {
                   ScopedHome home;
                   CCmT120Trace2* pFacility = CCmT120Trace2::instance();
-                  const unsigned char EXPECTED[28] = {
-                      0, 1, 0, 0, 0, 0, 0, 0, 0, 0,  // Error off, Server on
-                      0, 1, 1, 1, 1, 0, 0, 0, 0, 0,  // Warning off; Meeting to Statistic on
-                      1, 1, 0, 0, 0, 0, 0, 0,        // Info and State on
-                  };
-                  for (unsigned long i = 0; i < 28; ++i) {
-                      EXPECT_EQ(EXPECTED[i], pFacility->enable_trace_print(i, nullptr)) << i;
+                  for (const unsigned long ulOff : {0, 10}) {  // Error and Warning
+                      EXPECT_EQ(0, pFacility->enable_trace_print(ulOff, nullptr)) << ulOff;
+                  }
+                  for (const unsigned long ulOn : {14, 21}) {  // Statistic and State
+                      EXPECT_EQ(1, pFacility->enable_trace_print(ulOn, nullptr)) << ulOn;
                   }
               }));
 }

@@ -1,12 +1,12 @@
 #include <gtest/gtest.h>
 
-#include <random>
 #include <vector>
 
 #include "CmTrace.h"
 #include "CmUtilMisc.h"
 #include "support/ChainModel.h"
 #include "support/Faults.h"
+#include "support/RandomBytes.h"
 
 namespace UTIL_NS {
 namespace {
@@ -21,11 +21,7 @@ TEST(CmMessageBlockModel, RandomSequences_AgreeWithTheModel) {
     CalcCRC16(wCrc, &byData, 1);  // creates a singleton that stays
     const long lBefore = kelto_test::LiveAllocations();
     for (unsigned int dwSeed = 0; dwSeed < 4000 && !testing::Test::HasFailure(); ++dwSeed) {
-        std::mt19937 random(dwSeed);
-        std::vector<uint8_t> bytes(400);
-        for (uint8_t& byte : bytes) {
-            byte = static_cast<uint8_t>(random());
-        }
+        const std::vector<uint8_t> bytes = kelto_test::RandomBytes(400, dwSeed);
         EXPECT_EQ("", kelto_test::RunChainModel(bytes.data(), bytes.size())) << "seed " << dwSeed;
     }
     EXPECT_EQ(lBefore, kelto_test::LiveAllocations());

@@ -12,7 +12,6 @@
 
 #include "CmConfig.h"
 #include "CmWorker.h"
-#include "port/CmCpu.h"
 #include "port/CmPort.h"
 #include "support/ChildProcess.h"
 #include "support/FaultRows.h"
@@ -207,14 +206,6 @@ TEST(CmPortLinuxBundle, Bundle_IsOnlyLookedFor) {
     ASSERT_NE(nullptr, hBundle);
     EXPECT_EQ(nullptr, CmPortBundleFunction(hBundle, "YRKINFO2"));
     CmPortBundleRelease(hBundle);
-}
-
-// The compilers of this system bring code of their own that asks.
-TEST(CmPortLinuxCpu, Features_AreThoseThatTheCompilerFinds) {
-    EXPECT_EQ(__builtin_cpu_supports("ssse3") != 0, CmCpuHas(CM_CPU_SSSE3));
-    EXPECT_EQ(__builtin_cpu_supports("pclmul") != 0, CmCpuHas(CM_CPU_PCLMUL));
-    EXPECT_EQ(__builtin_cpu_supports("avx2") != 0, CmCpuHas(CM_CPU_AVX2));
-    EXPECT_EQ(__builtin_cpu_supports("vpclmulqdq") != 0, CmCpuHas(CM_CPU_VPCLMULQDQ));
 }
 
 TEST(CmPortLinux, NamesTheThread_CutToItsLimit) {

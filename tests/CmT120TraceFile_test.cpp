@@ -68,7 +68,7 @@ class CmT120TraceFile : public testing::Test {
     }
     ~CmT120TraceFile() override { ClearFilters(); }
 
-    // A file whose header says that lines start right behind it.
+    // A file whose header says that lines start right after it.
     void WriteEmptyTraceFile() { WriteFile(m_sPath, Header(32)); }
     std::string Content() const { return ReadFile(m_sPath); }
     void WriteFilters(const std::string& aContent) {
@@ -984,7 +984,7 @@ void WriteLines(CCmT120TraceFile& aFile, int aWriter, int aLines) {
     }
 }
 
-// Every line whole, in the order of its writer, none twice; the marker behind the last.
+// Every line whole, in the order of its writer, none twice; the marker after the last.
 void ExpectAllLines(const std::string& aContent, int aLinesEach) {
     const long lPosition = std::stol(aContent.substr(0, 31));
     ASSERT_EQ(Header(lPosition), aContent.substr(0, 32));
@@ -1073,6 +1073,51 @@ TEST_F(CmT120TraceFile, Sharing_SurvivesRecordsThatClose) {
         thread.join();
     }
     ExpectAllLines(Content(), 200);
+}
+
+// ---- Objects without memory, and after their end
+
+TEST_F(CmT120TraceFile, Record_HasNoName_WhenItsConstructorFindsNoMemoryForIt) {
+    FailingCall<&CCmSystemTable::strdup> fault(ENOMEM, nullptr);
+    CCmT120TraceFile file(m_sPath.c_str(), 0, 0, 0);
+    EXPECT_EQ(0, file.is_same_file(m_sPath.c_str()));
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, file.attach());
+    file.write(nullptr, nullptr, "lost");
+    file.write_shared(nullptr, nullptr, "lost");
+    file.flush_buffer();
+    EXPECT_EQ(1, file.refresh_settings(0, 2));
+    EXPECT_EQ(CM_OK, file.attach(m_sPath.c_str()));
+}
+
+TEST_F(CmT120TraceFile, Record_LosesLines_WhenItsConstructorFindsNoMemoryForThem) {
+    for (unsigned char bShared : {0, 1}) {
+        WriteEmptyTraceFile();
+        auto fault = std::make_unique<FailingCall<&CCmSystemTable::malloc>>(ENOMEM, nullptr);
+        CCmT120TraceFile file(m_sPath.c_str(), 0, bShared, 0);
+        fault.reset();
+        EXPECT_EQ(CM_OK, file.attach());
+        file.write(nullptr, nullptr, "lost");
+        file.flush_buffer();
+        EXPECT_EQ(Header(32), Content());
+        EXPECT_EQ(1, file.refresh_settings(0, 2));
+        file.write(nullptr, nullptr, "next");
+        file.flush_buffer();
+        EXPECT_EQ(Stamp() + " next\n", Content().substr(32, Stamp().size() + 6));
+    }
+}
+
+// A manager with static storage, as those have that outlive their end.
+TEST_F(CmT120TraceFile, Manager_OpensNoMoreRecords_OnceItHasEnded) {
+    alignas(CCmT120TraceFileMgr) static unsigned char s_abyManager[sizeof(CCmT120TraceFileMgr)];
+    auto* pManager = new (s_abyManager) CCmT120TraceFileMgr;
+    void* pRecord = pManager->open("a", 0, 0, 0);
+    EXPECT_NE(nullptr, pRecord);
+    pManager->~CCmT120TraceFileMgr();
+    EXPECT_EQ(nullptr, pManager->open("a", 0, 0, 0));
+    EXPECT_EQ(nullptr, pManager->open(nullptr, 0, 0, 0));
+    pManager->close(pRecord);
+    pManager->refresh_settings(0, 2);
+    pManager->write(nullptr, nullptr, nullptr, "to no record");
 }
 
 }  // namespace

@@ -45,7 +45,7 @@ class CmTimerQueueBase : public testing::Test {
     }
 };
 
-TEST_F(CmTimerQueueBase, Schedule_RefusesNullHandler) {
+TEST_F(CmTimerQueueBase, RefusesASchedule_WhenTheHandlerIsNull) {
     EXPECT_EQ(CM_ERROR_INVALID_ARG, m_queue.ScheduleTimer(nullptr, nullptr, Ms(10), 1));
     ExpectOneLine("UTIL ERROR: source/util/CmTimerQueueBase.cpp:78 Assert failed: aEh");
     EXPECT_EQ(CCmTimeValue::s_tvMax, m_queue.GetEarliestTime());
@@ -58,7 +58,7 @@ struct BadInterval {
     const char* reason;
 };
 
-TEST_F(CmTimerQueueBase, Schedule_RefusesIntervalThatCannotRepeat) {
+TEST_F(CmTimerQueueBase, RefusesASchedule_WhenTheIntervalCannotRepeat) {
     const BadInterval rows[] = {
         {0, 0, 0, "zero, without limit"},       {0, 0, 2, "zero, twice"},
         {-1, 0, 0, "negative, without limit"},  {0, -1, 2, "negative, twice"},
@@ -77,14 +77,14 @@ TEST_F(CmTimerQueueBase, Schedule_RefusesIntervalThatCannotRepeat) {
     }
 }
 
-TEST_F(CmTimerQueueBase, Schedule_RefusalKeepsThePendingTimer) {
+TEST_F(CmTimerQueueBase, KeepsThePendingTimer_WhenANewScheduleIsRefused) {
     m_queue.ScheduleTimer(&m_handler, nullptr, Ms(10), 0);
     EXPECT_EQ(CM_ERROR_INVALID_ARG,
               m_queue.ScheduleTimer(&m_handler, nullptr, CCmTimeValue::s_tvZero, 0));
     EXPECT_EQ(CCmTimeValue(START, 10000), m_queue.GetEarliestTime());
 }
 
-TEST_F(CmTimerQueueBase, Schedule_ZeroIntervalFiresOnNextCheck) {
+TEST_F(CmTimerQueueBase, FiresOnTheNextCheck_WhenTheIntervalIsZero) {
     EXPECT_EQ(CM_OK, m_queue.ScheduleTimer(&m_handler, nullptr, CCmTimeValue::s_tvZero, 1));
     EXPECT_EQ(1U, m_queue.CheckExpire());
     EXPECT_EQ(0U, m_queue.CheckExpire());
@@ -92,14 +92,14 @@ TEST_F(CmTimerQueueBase, Schedule_ZeroIntervalFiresOnNextCheck) {
     EXPECT_TRUE(m_sink.lines().empty());
 }
 
-TEST_F(CmTimerQueueBase, Schedule_NegativeIntervalFiresOnceOnNextCheck) {
+TEST_F(CmTimerQueueBase, FiresOnceOnTheNextCheck_WhenTheIntervalIsNegative) {
     EXPECT_EQ(CM_OK, m_queue.ScheduleTimer(&m_handler, nullptr, CCmTimeValue(-5), 1));
     EXPECT_EQ(CCmTimeValue(START - 5), m_queue.GetEarliestTime());
     EXPECT_EQ(1U, m_queue.CheckExpire());
     EXPECT_EQ(0U, m_queue.CheckExpire());
 }
 
-TEST_F(CmTimerQueueBase, Schedule_FindsPendingTimerAndReplacesIt) {
+TEST_F(CmTimerQueueBase, ReplacesTheTimerAndSaysFound_WhenOneIsPending) {
     int nFirst = 0;
     int nSecond = 0;
     EXPECT_EQ(CM_OK, m_queue.ScheduleTimer(&m_handler, &nFirst, Ms(10), 0));
@@ -111,7 +111,7 @@ TEST_F(CmTimerQueueBase, Schedule_FindsPendingTimerAndReplacesIt) {
     EXPECT_EQ(&nSecond, m_log[0].token);
 }
 
-TEST_F(CmTimerQueueBase, Schedule_SaturatesExpiry) {
+TEST_F(CmTimerQueueBase, SaturatesExpiry_WhenTheIntervalReachesBeyondTheLastSecond) {
     EXPECT_EQ(CM_OK, m_queue.ScheduleTimer(&m_handler, nullptr, CCmTimeValue::s_tvMax, 1));
     EXPECT_EQ(CCmTimeValue::s_tvMax, m_queue.GetEarliestTime());
     CCmTimeValue tvRemain;
@@ -119,23 +119,23 @@ TEST_F(CmTimerQueueBase, Schedule_SaturatesExpiry) {
     EXPECT_EQ(CCmTimeValue(INT64_MAX - START, 999999), tvRemain);
 }
 
-TEST_F(CmTimerQueueBase, Schedule_ReadsTheClockOnce) {
+TEST_F(CmTimerQueueBase, ReadsTheClockOnce_WhenATimerIsScheduled) {
     m_queue.ScheduleTimer(&m_handler, nullptr, Ms(10), 1);
     EXPECT_EQ(1U, m_clock.reads());
 }
 
-TEST_F(CmTimerQueueBase, Schedule_NormalisesExpiry) {
+TEST_F(CmTimerQueueBase, NormalisesExpiry_WhenMicrosecondsMakeASecond) {
     m_clock.Set(START, 999999);
     m_queue.ScheduleTimer(&m_handler, nullptr, CCmTimeValue(0, 1), 1);
     EXPECT_EQ(CCmTimeValue(START + 1, 0), m_queue.GetEarliestTime());
 }
 
-TEST_F(CmTimerQueueBase, Cancel_RefusesNullHandler) {
+TEST_F(CmTimerQueueBase, RefusesACancel_WhenTheHandlerIsNull) {
     EXPECT_EQ(CM_ERROR_INVALID_ARG, m_queue.CancelTimer(nullptr));
     ExpectOneLine("UTIL ERROR: source/util/CmTimerQueueBase.cpp:121 Assert failed: aEh");
 }
 
-TEST_F(CmTimerQueueBase, Cancel_DropsTimerWithoutCallingIt) {
+TEST_F(CmTimerQueueBase, CallsNoHandler_WhenItsTimerIsCancelled) {
     m_queue.ScheduleTimer(&m_handler, nullptr, Ms(10), 0);
     EXPECT_EQ(CM_OK, m_queue.CancelTimer(&m_handler));
     EXPECT_EQ(CM_ERROR_NOT_FOUND, m_queue.CancelTimer(&m_handler));
@@ -143,7 +143,7 @@ TEST_F(CmTimerQueueBase, Cancel_DropsTimerWithoutCallingIt) {
     EXPECT_TRUE(m_log.empty());
 }
 
-TEST_F(CmTimerQueueBase, Check_EmptyQueueHasNoLimit) {
+TEST_F(CmTimerQueueBase, HasNoNextExpiry_WhenEmpty) {
     CCmTimeValue tvRemain;
     EXPECT_EQ(0U, m_queue.CheckExpire(&tvRemain));
     EXPECT_EQ(CCmTimeValue::s_tvMax, tvRemain);
@@ -151,7 +151,7 @@ TEST_F(CmTimerQueueBase, Check_EmptyQueueHasNoLimit) {
     EXPECT_EQ(0U, m_queue.CheckExpire(nullptr));
 }
 
-TEST_F(CmTimerQueueBase, Check_StoresNoLimit_WhenLastTimerEnded) {
+TEST_F(CmTimerQueueBase, HasNoNextExpiry_WhenTheLastTimerEnded) {
     m_queue.ScheduleTimer(&m_handler, nullptr, Ms(10), 1);
     m_clock.AdvanceMs(10);
     CCmTimeValue tvRemain;
@@ -159,7 +159,7 @@ TEST_F(CmTimerQueueBase, Check_StoresNoLimit_WhenLastTimerEnded) {
     EXPECT_EQ(CCmTimeValue::s_tvMax, tvRemain);
 }
 
-TEST_F(CmTimerQueueBase, Check_StoresTimeToNextExpiry) {
+TEST_F(CmTimerQueueBase, StoresTheTimeToTheNextExpiry_WhenNothingIsDue) {
     m_queue.ScheduleTimer(&m_handler, nullptr, CCmTimeValue(2, 100), 1);
     m_clock.AdvanceUsec(1000200);
     CCmTimeValue tvRemain;
@@ -167,7 +167,7 @@ TEST_F(CmTimerQueueBase, Check_StoresTimeToNextExpiry) {
     EXPECT_EQ(CCmTimeValue(0, 999900), tvRemain);
 }
 
-TEST_F(CmTimerQueueBase, Check_FiresTimerThatIsDueNow) {
+TEST_F(CmTimerQueueBase, FiresATimer_WhenItIsDueNow) {
     m_queue.ScheduleTimer(&m_handler, nullptr, Ms(10), 1);
     m_clock.AdvanceUsec(9999);
     EXPECT_EQ(0U, m_queue.CheckExpire());
@@ -175,7 +175,7 @@ TEST_F(CmTimerQueueBase, Check_FiresTimerThatIsDueNow) {
     EXPECT_EQ(1U, m_queue.CheckExpire());
 }
 
-TEST_F(CmTimerQueueBase, Check_HandsOverStartOfPassAndToken) {
+TEST_F(CmTimerQueueBase, HandsOverStartOfPassAndToken_WhenATimerFires) {
     int nToken = 0;
     m_queue.ScheduleTimer(&m_handler, &nToken, Ms(10), 1);
     m_handler.SetAction([this] { m_clock.AdvanceMs(5); });
@@ -187,7 +187,7 @@ TEST_F(CmTimerQueueBase, Check_HandsOverStartOfPassAndToken) {
     EXPECT_EQ(CCmTimeValue(START, 25000), m_log[1].now);
 }
 
-TEST_F(CmTimerQueueBase, Check_ReadsTheClockOnce) {
+TEST_F(CmTimerQueueBase, ReadsTheClockOnce_WhenManyTimersFire) {
     std::vector<CountingHandler> handlers(20);
     for (CountingHandler& handler : handlers) {
         m_queue.ScheduleTimer(&handler, nullptr, Ms(10), 0);
@@ -198,7 +198,7 @@ TEST_F(CmTimerQueueBase, Check_ReadsTheClockOnce) {
     EXPECT_EQ(ulBefore + 1, m_clock.reads());
 }
 
-TEST_F(CmTimerQueueBase, Check_LimitedTimerFiresAsOftenAsAsked) {
+TEST_F(CmTimerQueueBase, FiresAsOftenAsAsked_WhenTheCountIsLimited) {
     m_queue.ScheduleTimer(&m_handler, nullptr, Ms(10), 3);
     unsigned int dwFired = 0;
     for (int i = 0; i < 10; ++i) {
@@ -208,7 +208,7 @@ TEST_F(CmTimerQueueBase, Check_LimitedTimerFiresAsOftenAsAsked) {
     EXPECT_EQ(CM_ERROR_NOT_FOUND, m_queue.CancelTimer(&m_handler));
 }
 
-TEST_F(CmTimerQueueBase, Check_UnlimitedTimerGoesOn) {
+TEST_F(CmTimerQueueBase, GoesOn_WhenTheCountIsZero) {
     m_queue.ScheduleTimer(&m_handler, nullptr, Ms(10), 0);
     for (int i = 0; i < 1000; ++i) {
         ASSERT_EQ(1U, CheckAfterMs(10));
@@ -216,32 +216,32 @@ TEST_F(CmTimerQueueBase, Check_UnlimitedTimerGoesOn) {
     EXPECT_EQ(CM_OK, m_queue.CancelTimer(&m_handler));
 }
 
-TEST_F(CmTimerQueueBase, Check_LargestCountIsWithoutLimit) {
+TEST_F(CmTimerQueueBase, GoesOn_WhenTheCountIsTheLargest) {
     m_queue.ScheduleTimer(&m_handler, nullptr, Ms(10), 0xFFFFFFFF);
     EXPECT_EQ(1U, CheckAfterMs(10));
     EXPECT_EQ(1U, CheckAfterMs(10));
 }
 
-TEST_F(CmTimerQueueBase, FiresOnce_WhenSeveralPeriodsMissed) {
+TEST_F(CmTimerQueueBase, FiresOnceAndKeepsThePhase_WhenSeveralPeriodsWereMissed) {
     m_queue.ScheduleTimer(&m_handler, nullptr, Ms(100), 0);
     EXPECT_EQ(1U, CheckAfterMs(350));
     EXPECT_EQ(CCmTimeValue(START, 400000), m_queue.GetEarliestTime());
 }
 
-TEST_F(CmTimerQueueBase, Rearm_SkipsPeriodThatEndsNow) {
+TEST_F(CmTimerQueueBase, SkipsAPeriod_WhenItEndsNow) {
     m_queue.ScheduleTimer(&m_handler, nullptr, Ms(100), 0);
     EXPECT_EQ(1U, CheckAfterMs(300));
     EXPECT_EQ(CCmTimeValue(START, 400000), m_queue.GetEarliestTime());
 }
 
-TEST_F(CmTimerQueueBase, Rearm_MissedPeriodsCountAsOneFiring) {
+TEST_F(CmTimerQueueBase, CountsOneFiring_WhenSeveralPeriodsWereMissed) {
     m_queue.ScheduleTimer(&m_handler, nullptr, Ms(100), 2);
     EXPECT_EQ(1U, CheckAfterMs(950));
     EXPECT_EQ(1U, CheckAfterMs(50));
     EXPECT_EQ(0U, CheckAfterMs(1000));
 }
 
-TEST_F(CmTimerQueueBase, Rearm_KeepsPhaseOverFiftyYears) {
+TEST_F(CmTimerQueueBase, KeepsThePhase_WhenFiftyYearsWereMissed) {
     m_queue.ScheduleTimer(&m_handler, nullptr, CCmTimeValue(0, 7), 0);
     m_clock.Set(START + 1577836800, 0);
     EXPECT_EQ(1U, m_queue.CheckExpire());
@@ -249,14 +249,14 @@ TEST_F(CmTimerQueueBase, Rearm_KeepsPhaseOverFiftyYears) {
     EXPECT_EQ(CCmTimeValue(START + 1577836800, 6), m_queue.GetEarliestTime());
 }
 
-TEST_F(CmTimerQueueBase, Rearm_CountsInMicroseconds) {
+TEST_F(CmTimerQueueBase, KeepsThePhase_WhenTheIntervalIsNoWholeSecond) {
     m_queue.ScheduleTimer(&m_handler, nullptr, CCmTimeValue(1, 999999), 0);
     m_clock.AdvanceUsec(1999999LL * 1000 + 1);
     EXPECT_EQ(1U, m_queue.CheckExpire());
     EXPECT_EQ(CCmTimeValue(START + 2001, 998999), m_queue.GetEarliestTime());
 }
 
-TEST_F(CmTimerQueueBase, Rearm_WorksBeforeTheEpoch) {
+TEST_F(CmTimerQueueBase, KeepsThePhase_WhenTheTimeIsBeforeTheEpoch) {
     m_clock.Set(-100);
     m_queue.ScheduleTimer(&m_handler, nullptr, CCmTimeValue(7), 0);
     m_clock.Set(-50);
@@ -264,7 +264,7 @@ TEST_F(CmTimerQueueBase, Rearm_WorksBeforeTheEpoch) {
     EXPECT_EQ(CCmTimeValue(-44), m_queue.GetEarliestTime());
 }
 
-TEST_F(CmTimerQueueBase, ClockSetBack_DelaysAndLosesNothing) {
+TEST_F(CmTimerQueueBase, DelaysAndLosesNothing_WhenTheClockIsSetBack) {
     m_queue.ScheduleTimer(&m_handler, nullptr, Ms(100), 0);
     m_clock.Set(START - 3600);
     CCmTimeValue tvRemain;
@@ -274,7 +274,7 @@ TEST_F(CmTimerQueueBase, ClockSetBack_DelaysAndLosesNothing) {
     EXPECT_EQ(1U, m_queue.CheckExpire());
 }
 
-TEST_F(CmTimerQueueBase, Handler_CancelsItsPeriodicTimer) {
+TEST_F(CmTimerQueueBase, EndsAPeriodicTimer_WhenItsHandlerCancelsIt) {
     CmResult rv = CM_ERROR_FAILURE;
     m_handler.SetAction([&] { rv = m_queue.CancelTimer(&m_handler); });
     m_queue.ScheduleTimer(&m_handler, nullptr, Ms(10), 0);
@@ -283,7 +283,7 @@ TEST_F(CmTimerQueueBase, Handler_CancelsItsPeriodicTimer) {
     EXPECT_EQ(0U, CheckAfterMs(100));
 }
 
-TEST_F(CmTimerQueueBase, Handler_ReplacesItsPeriodicTimer) {
+TEST_F(CmTimerQueueBase, ReplacesAPeriodicTimer_WhenItsHandlerSchedulesIt) {
     CmResult rv = CM_ERROR_FAILURE;
     m_handler.SetAction([&] { rv = m_queue.ScheduleTimer(&m_handler, nullptr, Ms(50), 1); });
     m_queue.ScheduleTimer(&m_handler, nullptr, Ms(10), 0);
@@ -292,7 +292,7 @@ TEST_F(CmTimerQueueBase, Handler_ReplacesItsPeriodicTimer) {
     EXPECT_EQ(CCmTimeValue(START, 60000), m_queue.GetEarliestTime());
 }
 
-TEST_F(CmTimerQueueBase, Handler_FindsItsLastFiringGone) {
+TEST_F(CmTimerQueueBase, FindsNoTimer_WhenItsHandlerCancelsItInItsLastFiring) {
     std::vector<CmResult> results;
     m_handler.SetAction([&] { results.push_back(m_queue.CancelTimer(&m_handler)); });
     m_queue.ScheduleTimer(&m_handler, nullptr, Ms(10), 2);
@@ -302,7 +302,7 @@ TEST_F(CmTimerQueueBase, Handler_FindsItsLastFiringGone) {
     EXPECT_EQ((std::vector<CmResult>{CM_OK, CM_ERROR_NOT_FOUND}), results);
 }
 
-TEST_F(CmTimerQueueBase, Handler_SchedulesItselfAnewInItsLastFiring) {
+TEST_F(CmTimerQueueBase, TakesATimer_WhenItsHandlerSchedulesItInItsLastFiring) {
     CmResult rv = CM_ERROR_FAILURE;
     m_handler.SetAction([&] { rv = m_queue.ScheduleTimer(&m_handler, nullptr, Ms(10), 1); });
     m_queue.ScheduleTimer(&m_handler, nullptr, Ms(10), 1);
@@ -311,7 +311,7 @@ TEST_F(CmTimerQueueBase, Handler_SchedulesItselfAnewInItsLastFiring) {
     EXPECT_EQ(1U, CheckAfterMs(10));
 }
 
-TEST_F(CmTimerQueueBase, Handler_CancelsAllTimersOfItsPass) {
+TEST_F(CmTimerQueueBase, FiresNoneOfThePass_WhenAHandlerCancelsThem) {
     m_queue.ScheduleTimer(&m_handler, nullptr, Ms(20), 0);
     m_queue.ScheduleTimer(&m_other, nullptr, Ms(10), 0);
     m_other.SetAction([&] {
@@ -325,7 +325,7 @@ TEST_F(CmTimerQueueBase, Handler_CancelsAllTimersOfItsPass) {
     EXPECT_EQ(std::vector<int>{2}, Ids(m_log));
 }
 
-TEST_F(CmTimerQueueBase, Handler_AddsTimerThatIsDueInTheSamePass) {
+TEST_F(CmTimerQueueBase, FiresInTheSamePass_WhenAHandlerAddsADueTimer) {
     m_handler.SetAction(
         [&] { m_queue.ScheduleTimer(&m_other, nullptr, CCmTimeValue::s_tvZero, 1); });
     m_queue.ScheduleTimer(&m_handler, nullptr, Ms(10), 1);
@@ -333,7 +333,7 @@ TEST_F(CmTimerQueueBase, Handler_AddsTimerThatIsDueInTheSamePass) {
     EXPECT_EQ((std::vector<int>{1, 2}), Ids(m_log));
 }
 
-TEST_F(CmTimerQueueBase, Handler_PullsAnotherTimerForward) {
+TEST_F(CmTimerQueueBase, FiresInTheSamePass_WhenAHandlerPullsATimerForward) {
     m_queue.ScheduleTimer(&m_other, nullptr, CCmTimeValue(100), 1);
     m_handler.SetAction([&] {
         EXPECT_EQ(CM_ERROR_FOUND, m_queue.ScheduleTimer(&m_other, nullptr, CCmTimeValue(-1), 1));
@@ -353,7 +353,7 @@ class CountingObserver : public ICmObserver {
     std::vector<std::string> m_topics;
 };
 
-TEST_F(CmTimerQueueBase, Observer_IsToldOfTheFirstTimerOnly) {
+TEST_F(CmTimerQueueBase, TellsTheObserver_WhenTheFirstTimerComes) {
     CountingObserver observer;
     CCmTimerQueueOrderedList queue(&observer);
     queue.ScheduleTimer(&m_handler, nullptr, Ms(10), 1);
@@ -363,7 +363,7 @@ TEST_F(CmTimerQueueBase, Observer_IsToldOfTheFirstTimerOnly) {
     EXPECT_EQ(1U, observer.m_topics.size());
 }
 
-TEST_F(CmTimerQueueBase, Observer_IsToldAgain_WhenQueueRanEmpty) {
+TEST_F(CmTimerQueueBase, TellsTheObserverAgain_WhenTheQueueRanEmpty) {
     CountingObserver observer;
     CCmTimerQueueOrderedList queue(&observer);
     queue.ScheduleTimer(&m_handler, nullptr, Ms(10), 1);
@@ -372,7 +372,7 @@ TEST_F(CmTimerQueueBase, Observer_IsToldAgain_WhenQueueRanEmpty) {
     EXPECT_EQ(2U, observer.m_topics.size());
 }
 
-TEST_F(CmTimerQueueBase, Observer_IsNotToldOfRefusedTimer) {
+TEST_F(CmTimerQueueBase, TellsNoObserver_WhenTheTimerIsRefused) {
     CountingObserver observer;
     CCmTimerQueueOrderedList queue(&observer);
     queue.ScheduleTimer(&m_handler, nullptr, Ms(0), 0);
@@ -424,7 +424,7 @@ class ScriptedQueue : public CCmTimerQueueBase {
     }
 };
 
-TEST_F(CmTimerQueueBase, Schedule_MapsResultsOfThePrimitive) {
+TEST_F(CmTimerQueueBase, ScheduleReturnsAResultCode_WhateverThePrimitiveReturns) {
     ScriptedQueue queue;
     EXPECT_EQ(CM_OK, queue.ScheduleTimer(&m_handler, nullptr, Ms(10), 1));
     queue.m_nPush = 1;
@@ -435,7 +435,7 @@ TEST_F(CmTimerQueueBase, Schedule_MapsResultsOfThePrimitive) {
     EXPECT_EQ(CM_ERROR_FAILURE, queue.ScheduleTimer(&m_handler, nullptr, Ms(10), 1));
 }
 
-TEST_F(CmTimerQueueBase, Observer_IsToldEvenIfThePrimitiveFailed) {
+TEST_F(CmTimerQueueBase, TellsTheObserver_WhenThePrimitiveFailed) {
     CountingObserver observer;
     ScriptedQueue queue(&observer);
     queue.m_nPush = -1;
@@ -443,7 +443,7 @@ TEST_F(CmTimerQueueBase, Observer_IsToldEvenIfThePrimitiveFailed) {
     EXPECT_EQ(std::vector<std::string>{"TimerQueue"}, observer.m_topics);
 }
 
-TEST_F(CmTimerQueueBase, Cancel_MapsResultsOfThePrimitive) {
+TEST_F(CmTimerQueueBase, CancelReturnsAResultCode_WhateverThePrimitiveReturns) {
     ScriptedQueue queue;
     EXPECT_EQ(CM_OK, queue.CancelTimer(&m_handler));
     queue.m_nErase = 1;
@@ -452,7 +452,7 @@ TEST_F(CmTimerQueueBase, Cancel_MapsResultsOfThePrimitive) {
     EXPECT_EQ(CM_ERROR_FAILURE, queue.CancelTimer(&m_handler));
 }
 
-TEST_F(CmTimerQueueBase, Schedule_FillsTheNode) {
+TEST_F(CmTimerQueueBase, FillsTheNode_WhenATimerIsScheduled) {
     ScriptedQueue queue;
     int nToken = 0;
     queue.ScheduleTimer(&m_handler, &nToken, Ms(1500), 0);
@@ -465,7 +465,7 @@ TEST_F(CmTimerQueueBase, Schedule_FillsTheNode) {
     EXPECT_EQ(7U, queue.m_nodes[1].m_dwCount);
 }
 
-TEST_F(CmTimerQueueBase, Check_DoesNotRearmTimerWithoutInterval) {
+TEST_F(CmTimerQueueBase, RearmsNoTimer_WhenItHasNoInterval) {
     ScriptedQueue queue;
     queue.AddNode(&m_handler, CCmTimeValue(START), CCmTimeValue::s_tvZero, 5);
     queue.AddNode(&m_handler, CCmTimeValue(START), CCmTimeValue(-1), 0xFFFFFFFF);
@@ -473,7 +473,7 @@ TEST_F(CmTimerQueueBase, Check_DoesNotRearmTimerWithoutInterval) {
     EXPECT_FALSE(queue.m_bRepushed);
 }
 
-TEST_F(CmTimerQueueBase, Check_RearmSaturates) {
+TEST_F(CmTimerQueueBase, SaturatesExpiry_WhenTheIntervalIsTheLongest) {
     ScriptedQueue queue;
     queue.AddNode(&m_handler, CCmTimeValue(START), CCmTimeValue::s_tvMax, 2);
     EXPECT_EQ(1U, queue.CheckExpire());
@@ -487,7 +487,7 @@ int LastSecond(timeval* aTime, void* /*aZone*/) {
     return 0;
 }
 
-TEST_F(CmTimerQueueBase, Check_RearmSaturates_WhenTheNextPeriodEndsBeyondTheLastSecond) {
+TEST_F(CmTimerQueueBase, SaturatesExpiry_WhenTheNextPeriodEndsBeyondTheLastSecond) {
     ScriptedQueue queue;
     queue.AddNode(&m_handler, CCmTimeValue(START), CCmTimeValue(1000), 2);
     ScopedEntry<decltype(g_cmClock.gettimeofday)> entry(g_cmClock.gettimeofday, &LastSecond);
@@ -495,14 +495,14 @@ TEST_F(CmTimerQueueBase, Check_RearmSaturates_WhenTheNextPeriodEndsBeyondTheLast
     EXPECT_EQ(CCmTimeValue::s_tvMax, queue.m_nodes[0].m_tvExpired);
 }
 
-TEST_F(CmTimerQueueBase, Check_RearmsFromFarBehind) {
+TEST_F(CmTimerQueueBase, RearmsATimer_WhenItWasDueAgesAgo) {
     ScriptedQueue queue;
     queue.AddNode(&m_handler, CCmTimeValue(-INT64_MAX), CCmTimeValue(0, 1), 0xFFFFFFFF);
     EXPECT_EQ(1U, queue.CheckExpire());
     EXPECT_EQ(CCmTimeValue(START, 1), queue.m_nodes[0].m_tvExpired);
 }
 
-TEST_F(CmTimerQueueBase, Rearm_EqualsRepeatedAddition) {
+TEST_F(CmTimerQueueBase, RearmsAsByRepeatedAddition_WhateverWasMissed) {
     const long intervals[] = {1, 3, 999, 999999, 1000000, 1000001, 2500000, 86400000000};
     for (const long lInterval : intervals) {
         for (const long lPast : {0L, 1L, lInterval - 1, lInterval, lInterval + 1, 17 * lInterval,

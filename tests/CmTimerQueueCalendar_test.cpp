@@ -104,7 +104,7 @@ struct Wheel {
     const char* reason;
 };
 
-TEST_F(CmTimerQueueCalendar, Constructor_SizesTheWheel) {
+TEST_F(CmTimerQueueCalendar, SizesTheWheel_ByIntervalAndSpan) {
     const Wheel rows[] = {
         {5, 30, "100000000", "10", "both raised"},
         {9, 60000, "100000000", "5999", "interval raised to 10"},
@@ -132,7 +132,7 @@ TEST_F(CmTimerQueueCalendar, Constructor_SizesTheWheel) {
     }
 }
 
-TEST_F(CmTimerQueueCalendar, Schedule_RefusesNullHandler) {
+TEST_F(CmTimerQueueCalendar, RefusesASchedule_WhenTheHandlerIsNull) {
     EXPECT_EQ(CM_ERROR_INVALID_ARG, m_queue.ScheduleTimer(nullptr, nullptr, Ms(10), 1));
     ASSERT_EQ(1U, m_sink.lines().size());
     EXPECT_EQ(0U, m_sink.lines()[0].level);
@@ -140,7 +140,7 @@ TEST_F(CmTimerQueueCalendar, Schedule_RefusesNullHandler) {
               m_sink.lines()[0].text);
 }
 
-TEST_F(CmTimerQueueCalendar, Cancel_RefusesNullHandler) {
+TEST_F(CmTimerQueueCalendar, RefusesACancel_WhenTheHandlerIsNull) {
     EXPECT_EQ(CM_ERROR_INVALID_ARG, m_queue.CancelTimer(nullptr));
     ASSERT_EQ(1U, m_sink.lines().size());
     EXPECT_EQ("UTIL ERROR: source/util/CmTimerQueueCalendar.cpp:157 Assert failed: aEh",
@@ -153,7 +153,7 @@ struct DistanceRow {
     const char* reason;
 };
 
-TEST_F(CmTimerQueueCalendar, Distance_IsRoundedUp) {
+TEST_F(CmTimerQueueCalendar, RoundsUpToSlots_WhateverTheInterval) {
     const DistanceRow rows[] = {
         {CCmTimeValue(0, 1000), 2, "1 ms: distance 1"},
         {CCmTimeValue(0, 10000), 2, "10 ms: distance 1"},
@@ -185,7 +185,7 @@ struct ClampRow {
     const char* reason;
 };
 
-TEST_F(CmTimerQueueCalendar, Clamp_TracesAndShortens) {
+TEST_F(CmTimerQueueCalendar, TracesAndShortens_WhenTheIntervalIsBeyondTheWheel) {
     const ClampRow rows[] = {
         {CCmTimeValue(0, 90001), nullptr, "90 ms and a microsecond fit"},
         {CCmTimeValue(0, 91000), "interval_s=0 interval_us=91000 dwDistance=10", "91 ms"},
@@ -215,36 +215,36 @@ TEST_F(CmTimerQueueCalendar, Clamp_TracesAndShortens) {
     }
 }
 
-TEST_F(CmTimerQueueCalendar, Clamp_GoesToLastSlot_WhenWheelStandsAtZero) {
+TEST_F(CmTimerQueueCalendar, ShortensToTheLastSlot_WhenTheWheelStandsAtZero) {
     Schedule(0, 5000);
     EXPECT_EQ(11, TicksToFiring());
 }
 
-TEST_F(CmTimerQueueCalendar, Clamp_GoesToNextTick_WhenWheelStandsElsewhere) {
+TEST_F(CmTimerQueueCalendar, ShortensToTheNextTick_WhenTheWheelStandsElsewhere) {
     Tick(3);
     Schedule(0, 5000);
     EXPECT_EQ(1, TicksToFiring());
 }
 
-TEST_F(CmTimerQueueCalendar, Wrap_LandsOneSlotFurther) {
+TEST_F(CmTimerQueueCalendar, LandsOneSlotFurther_WhenItWraps) {
     Tick(5);
     Schedule(0, 60);  // slot 1: ticks of slots 5 to 10, 0 and 1
     EXPECT_EQ(8, TicksToFiring());
 }
 
-TEST_F(CmTimerQueueCalendar, Wrap_DoesNotHappenAtTheLastSlot) {
+TEST_F(CmTimerQueueCalendar, DoesNotWrap_WhenItEndsAtTheLastSlot) {
     Tick(5);
     Schedule(0, 50);  // slot 10
     EXPECT_EQ(6, TicksToFiring());
 }
 
-TEST_F(CmTimerQueueCalendar, Tick_GoesRound) {
+TEST_F(CmTimerQueueCalendar, GoesRound_WhenTheLastSlotWasFired) {
     Tick(10);
     Schedule(0, 10);  // from slot 10 to slot 1, by way of slot 0
     EXPECT_EQ(3, TicksToFiring());
 }
 
-TEST_F(CmTimerQueueCalendar, Tick_HandsOverTimeAndToken) {
+TEST_F(CmTimerQueueCalendar, HandsOverTimeAndToken_WhenATimerFires) {
     int nToken = 0;
     m_queue.ScheduleTimer(Handler(0), &nToken, Ms(10), 1);
     m_clock.AdvanceUsec(1234567);
@@ -254,7 +254,7 @@ TEST_F(CmTimerQueueCalendar, Tick_HandsOverTimeAndToken) {
     EXPECT_EQ(&nToken, m_log[0].token);
 }
 
-TEST_F(CmTimerQueueCalendar, Tick_ReadsTheClockOncePerSlot) {
+TEST_F(CmTimerQueueCalendar, ReadsTheClockOnce_WhenASlotFires) {
     Schedule(0, 10);
     Schedule(1, 10);
     Handler(1)->SetAction([this] { m_clock.AdvanceMs(7); });
@@ -264,7 +264,7 @@ TEST_F(CmTimerQueueCalendar, Tick_ReadsTheClockOncePerSlot) {
     EXPECT_EQ(1U, m_clock.reads());
 }
 
-TEST_F(CmTimerQueueCalendar, Tick_FiresNewestFirst) {
+TEST_F(CmTimerQueueCalendar, FiresNewestFirst_WhenTimersShareASlot) {
     Schedule(0, 10);
     Schedule(1, 10);
     Schedule(2, 10);
@@ -272,7 +272,7 @@ TEST_F(CmTimerQueueCalendar, Tick_FiresNewestFirst) {
     EXPECT_EQ((std::vector<int>{2, 1, 0}), Ids(m_log));
 }
 
-TEST_F(CmTimerQueueCalendar, Tick_IgnoresTheClock) {
+TEST_F(CmTimerQueueCalendar, CountsTicksAlone_WhenTheClockIsSet) {
     Schedule(0, 50);
     m_clock.Set(START + 1000000);
     Tick(5);
@@ -282,7 +282,7 @@ TEST_F(CmTimerQueueCalendar, Tick_IgnoresTheClock) {
     EXPECT_EQ(1U, m_log.size());
 }
 
-TEST_F(CmTimerQueueCalendar, Tick_FiresLimitedTimerAsOftenAsAsked) {
+TEST_F(CmTimerQueueCalendar, FiresAsOftenAsAsked_WhenTheCountIsLimited) {
     Schedule(0, 10, 2);
     Tick(20);
     EXPECT_EQ(2U, m_log.size());
@@ -290,20 +290,20 @@ TEST_F(CmTimerQueueCalendar, Tick_FiresLimitedTimerAsOftenAsAsked) {
     EXPECT_EQ(CM_OK, Schedule(0, 10));
 }
 
-TEST_F(CmTimerQueueCalendar, Tick_RearmsFromTheTickThatFired) {
+TEST_F(CmTimerQueueCalendar, RearmsFromTheTickThatFired_WhenThePeriodRepeats) {
     Schedule(0, 30, 0);
     EXPECT_EQ(4, TicksToFiring());
     EXPECT_EQ(3, TicksToFiring());
     EXPECT_EQ(3, TicksToFiring());
 }
 
-TEST_F(CmTimerQueueCalendar, Tick_FiresAgainInTheSameTick_WhenDistanceIsZero) {
+TEST_F(CmTimerQueueCalendar, FiresAgainInTheSameTick_WhenTheDistanceIsZero) {
     m_queue.ScheduleTimer(Handler(0), nullptr, CCmTimeValue(0, 500), 4);
     Tick();
     EXPECT_EQ(4U, m_log.size());
 }
 
-TEST_F(CmTimerQueueCalendar, Tick_FiresAgainInTheSameTick_WhenClampedOffSlotZero) {
+TEST_F(CmTimerQueueCalendar, FiresAgainInTheSameTick_WhenShortenedOffSlotZero) {
     Tick(1);
     Schedule(0, 5000, 3);
     Tick();
@@ -311,13 +311,13 @@ TEST_F(CmTimerQueueCalendar, Tick_FiresAgainInTheSameTick_WhenClampedOffSlotZero
     EXPECT_EQ(3U, m_sink.lines().size());  // one per insertion: scheduled, re-armed twice
 }
 
-TEST_F(CmTimerQueueCalendar, Schedule_TakesAnyIntervalWithAnyCount) {
+TEST_F(CmTimerQueueCalendar, TakesAnyInterval_WithAnyCount) {
     EXPECT_EQ(CM_OK, Schedule(0, 0, 0));
     EXPECT_EQ(CM_OK, Schedule(1, -10, 0));
     EXPECT_EQ(CM_ERROR_FOUND, Schedule(1, -10, 1));
 }
 
-TEST_F(CmTimerQueueCalendar, Schedule_FindsPendingTimerAndReplacesIt) {
+TEST_F(CmTimerQueueCalendar, ReplacesTheTimerAndSaysFound_WhenOneIsPending) {
     int nToken = 0;
     EXPECT_EQ(CM_OK, Schedule(0, 10, 0));
     EXPECT_EQ(CM_ERROR_FOUND, m_queue.ScheduleTimer(Handler(0), &nToken, Ms(40), 1));
@@ -326,7 +326,7 @@ TEST_F(CmTimerQueueCalendar, Schedule_FindsPendingTimerAndReplacesIt) {
     EXPECT_EQ(&nToken, m_log[0].token);
 }
 
-TEST_F(CmTimerQueueCalendar, Schedule_UnlinksFromTheMiddleOfASlot) {
+TEST_F(CmTimerQueueCalendar, KeepsTheOthersOfTheSlot_WhenOneIsRescheduled) {
     Schedule(0, 10);
     Schedule(1, 10);
     Schedule(2, 10);
@@ -335,14 +335,14 @@ TEST_F(CmTimerQueueCalendar, Schedule_UnlinksFromTheMiddleOfASlot) {
     EXPECT_EQ((std::vector<int>{2, 0, 1}), Ids(m_log));
 }
 
-TEST_F(CmTimerQueueCalendar, Cancel_DropsTimerWithoutCallingIt) {
+TEST_F(CmTimerQueueCalendar, CallsNoHandler_WhenItsTimerIsCancelled) {
     Schedule(0, 10, 0);
     EXPECT_EQ(CM_OK, Cancel(0));
     EXPECT_EQ(CM_ERROR_NOT_FOUND, Cancel(0));
     EXPECT_EQ(0, TicksToFiring());
 }
 
-TEST_F(CmTimerQueueCalendar, Zero_FiresOnceThroughTheEventQueue) {
+TEST_F(CmTimerQueueCalendar, FiresOnceThroughTheEventQueue_WhenTheIntervalIsZero) {
     int nToken = 0;
     EXPECT_EQ(CM_OK, m_queue.ScheduleTimer(Handler(0), &nToken, Ms(0), 5));
     EXPECT_EQ(1U, m_events.m_events.size());
@@ -358,7 +358,7 @@ TEST_F(CmTimerQueueCalendar, Zero_FiresOnceThroughTheEventQueue) {
     EXPECT_EQ(CM_ERROR_NOT_FOUND, Cancel(0));
 }
 
-TEST_F(CmTimerQueueCalendar, Zero_TimersShareOneEventAndFireNewestFirst) {
+TEST_F(CmTimerQueueCalendar, PostsOneEventAndFiresNewestFirst_WhenSeveralIntervalsAreZero) {
     EXPECT_EQ(CM_OK, Schedule(0, 0));
     EXPECT_EQ(CM_OK, Schedule(1, 0));
     EXPECT_EQ(1U, m_events.m_events.size());
@@ -368,14 +368,14 @@ TEST_F(CmTimerQueueCalendar, Zero_TimersShareOneEventAndFireNewestFirst) {
     EXPECT_EQ(1U, m_events.m_events.size());
 }
 
-TEST_F(CmTimerQueueCalendar, Zero_PassReadsTheClockOnce) {
+TEST_F(CmTimerQueueCalendar, ReadsTheClockOnce_WhenItsEventFires) {
     Schedule(0, 0);
     Schedule(1, 0);
     m_events.RunAll();
     EXPECT_EQ(1U, m_clock.reads());
 }
 
-TEST_F(CmTimerQueueCalendar, Zero_RescheduleReplacesAndIsNotFound) {
+TEST_F(CmTimerQueueCalendar, ReplacesTheZeroTimerAndSaysOk_WhenItIsScheduledAgain) {
     int nToken = 0;
     EXPECT_EQ(CM_OK, Schedule(0, 0));
     EXPECT_EQ(CM_OK, m_queue.ScheduleTimer(Handler(0), &nToken, Ms(0), 1));
@@ -384,7 +384,7 @@ TEST_F(CmTimerQueueCalendar, Zero_RescheduleReplacesAndIsNotFound) {
     EXPECT_EQ(&nToken, m_log[0].token);
 }
 
-TEST_F(CmTimerQueueCalendar, Zero_RescheduledToAnIntervalIsNotFound) {
+TEST_F(CmTimerQueueCalendar, ReplacesTheZeroTimerAndSaysOk_WhenItGetsAnInterval) {
     EXPECT_EQ(CM_OK, Schedule(0, 0));
     EXPECT_EQ(CM_OK, Schedule(0, 10));
     m_events.RunAll();
@@ -392,14 +392,14 @@ TEST_F(CmTimerQueueCalendar, Zero_RescheduledToAnIntervalIsNotFound) {
     EXPECT_EQ(2, TicksToFiring());
 }
 
-TEST_F(CmTimerQueueCalendar, Zero_CancelDropsTheTimerAndReportsNotFound) {
+TEST_F(CmTimerQueueCalendar, DropsTheZeroTimerAndSaysNotFound_WhenItIsCancelled) {
     Schedule(0, 0);
     EXPECT_EQ(CM_ERROR_NOT_FOUND, Cancel(0));
     m_events.RunAll();
     EXPECT_TRUE(m_log.empty());
 }
 
-TEST_F(CmTimerQueueCalendar, Zero_RefusedPostEndsTheTimer) {
+TEST_F(CmTimerQueueCalendar, EndsTheZeroTimer_WhenTheEventIsRefused) {
     m_events.m_rvNext = CM_ERROR_NOT_INITIALIZED;
     EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, Schedule(0, 0));
     m_events.m_rvNext = CM_OK;
@@ -417,39 +417,39 @@ class HastyEventQueue : public FakeEventQueue {
     }
 };
 
-TEST_F(CmTimerQueueCalendar, Zero_RefusedPostEndsOnlyAPendingTimer) {
+TEST_F(CmTimerQueueCalendar, EndsNoOtherTimer_WhenTheRefusedEventRanAllTheSame) {
     HastyEventQueue events;
     CCmTimerQueueCalendar queue(10, 110, &events);
     EXPECT_EQ(CM_ERROR_FAILURE, queue.ScheduleTimer(Handler(0), nullptr, Ms(0), 1));
     EXPECT_EQ(std::vector<int>{0}, Ids(m_log));
 }
 
-TEST_F(CmTimerQueueCalendar, Zero_RefusedPostEndsTheWheelTimerBefore) {
+TEST_F(CmTimerQueueCalendar, EndsTheWheelTimerBefore_WhenTheEventIsRefused) {
     Schedule(0, 10, 0);
     m_events.m_rvNext = CM_ERROR_NOT_INITIALIZED;
     EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, Schedule(0, 0));
     EXPECT_EQ(0, TicksToFiring());
 }
 
-TEST_F(CmTimerQueueCalendar, Zero_WithoutEventQueueIsRefused) {
+TEST_F(CmTimerQueueCalendar, RefusesAZeroInterval_WhenThereIsNoEventQueue) {
     CCmTimerQueueCalendar queue(10, 110, nullptr);
     EXPECT_EQ(CM_ERROR_NULL_POINTER, queue.ScheduleTimer(Handler(0), nullptr, Ms(0), 1));
     EXPECT_EQ(CM_OK, queue.ScheduleTimer(Handler(0), nullptr, Ms(10), 1));
 }
 
-TEST_F(CmTimerQueueCalendar, ToZero_ReturnsOk_WhenItPostsTheEvent) {
+TEST_F(CmTimerQueueCalendar, SaysOkForAWheelTimerSetToZero_WhenItPostsTheEvent) {
     Schedule(0, 10);
     EXPECT_EQ(CM_OK, Schedule(0, 0));
 }
 
-TEST_F(CmTimerQueueCalendar, ToZero_ReturnsFound_WhenTheEventIsPending) {
+TEST_F(CmTimerQueueCalendar, SaysFoundForAWheelTimerSetToZero_WhenTheEventIsPending) {
     Schedule(0, 10);
     Schedule(1, 0);
     EXPECT_EQ(CM_ERROR_FOUND, Schedule(0, 0));
     EXPECT_EQ(1U, m_events.m_events.size());
 }
 
-TEST_F(CmTimerQueueCalendar, ToZero_KeepsItsEntry_SoThatCancelMissesIt) {
+TEST_F(CmTimerQueueCalendar, CancelMissesTheTimer_WhenAWheelTimerWasSetToZero) {
     Schedule(0, 10);
     Schedule(0, 0);
     EXPECT_EQ(CM_ERROR_NOT_FOUND, Cancel(0));
@@ -458,7 +458,7 @@ TEST_F(CmTimerQueueCalendar, ToZero_KeepsItsEntry_SoThatCancelMissesIt) {
     EXPECT_EQ(0, TicksToFiring());
 }
 
-TEST_F(CmTimerQueueCalendar, ToZero_KeepsItsEntry_SoThatZeroTimersAddUp) {
+TEST_F(CmTimerQueueCalendar, ZeroTimersAddUp_WhenAWheelTimerWasSetToZero) {
     Schedule(0, 10);
     EXPECT_EQ(CM_OK, Schedule(0, 0));
     EXPECT_EQ(CM_OK, Schedule(0, 0));
@@ -466,7 +466,7 @@ TEST_F(CmTimerQueueCalendar, ToZero_KeepsItsEntry_SoThatZeroTimersAddUp) {
     EXPECT_EQ((std::vector<int>{0, 0}), Ids(m_log));
 }
 
-TEST_F(CmTimerQueueCalendar, ToZero_AndBackToAnInterval_FiresBoth) {
+TEST_F(CmTimerQueueCalendar, FiresBoth_WhenAWheelTimerWasSetToZeroAndBack) {
     Schedule(0, 10);
     EXPECT_EQ(CM_OK, Schedule(0, 0));
     EXPECT_EQ(CM_OK, Schedule(0, 10));
@@ -475,7 +475,7 @@ TEST_F(CmTimerQueueCalendar, ToZero_AndBackToAnInterval_FiresBoth) {
     EXPECT_EQ((std::vector<int>{0, 0}), Ids(m_log));
 }
 
-TEST_F(CmTimerQueueCalendar, ToZero_DuplicatesAreDroppedFromTheHead) {
+TEST_F(CmTimerQueueCalendar, DropsTheNewestZeroTimer_WhenThereAreSeveral) {
     int nTokens[2];
     Schedule(0, 10);
     m_queue.ScheduleTimer(Handler(0), &nTokens[0], Ms(0), 1);
@@ -489,7 +489,7 @@ TEST_F(CmTimerQueueCalendar, ToZero_DuplicatesAreDroppedFromTheHead) {
     EXPECT_EQ(&nTokens[0], m_log[0].token);
 }
 
-TEST_F(CmTimerQueueCalendar, ToZero_StaleEntryTouchesNoOneElsesTimer) {
+TEST_F(CmTimerQueueCalendar, TouchesNoOneElsesTimer_WhenAnEntryIsLeftOver) {
     Schedule(0, 10);
     Schedule(0, 0);
     m_events.RunAll();
@@ -499,7 +499,7 @@ TEST_F(CmTimerQueueCalendar, ToZero_StaleEntryTouchesNoOneElsesTimer) {
     EXPECT_EQ((std::vector<int>{0, 1}), Ids(m_log));
 }
 
-TEST_F(CmTimerQueueCalendar, Handler_CancelsItsPeriodicTimer) {
+TEST_F(CmTimerQueueCalendar, EndsAPeriodicTimer_WhenItsHandlerCancelsIt) {
     CmResult rv = CM_ERROR_FAILURE;
     Handler(0)->SetAction([&] { rv = Cancel(0); });
     Schedule(0, 10, 0);
@@ -508,7 +508,7 @@ TEST_F(CmTimerQueueCalendar, Handler_CancelsItsPeriodicTimer) {
     EXPECT_EQ(0, TicksToFiring());
 }
 
-TEST_F(CmTimerQueueCalendar, Handler_FindsItsLastFiringGone) {
+TEST_F(CmTimerQueueCalendar, FindsNoTimer_WhenItsHandlerCancelsItInItsLastFiring) {
     CmResult rv = CM_OK;
     Handler(0)->SetAction([&] { rv = Cancel(0); });
     Schedule(0, 10, 1);
@@ -516,7 +516,7 @@ TEST_F(CmTimerQueueCalendar, Handler_FindsItsLastFiringGone) {
     EXPECT_EQ(CM_ERROR_NOT_FOUND, rv);
 }
 
-TEST_F(CmTimerQueueCalendar, Handler_ReschedulesItself) {
+TEST_F(CmTimerQueueCalendar, ReplacesATimer_WhenItsHandlerSchedulesIt) {
     std::vector<CmResult> results;
     Handler(0)->SetAction([&] { results.push_back(Schedule(0, 20, 1)); });
     Schedule(0, 10, 0);
@@ -525,7 +525,7 @@ TEST_F(CmTimerQueueCalendar, Handler_ReschedulesItself) {
     EXPECT_EQ((std::vector<CmResult>{CM_ERROR_FOUND, CM_OK}), results);
 }
 
-TEST_F(CmTimerQueueCalendar, Handler_CancelsTheRestOfItsSlot) {
+TEST_F(CmTimerQueueCalendar, FiresNoneOfTheSlot_WhenAHandlerCancelsThem) {
     Schedule(0, 10, 0);
     Schedule(1, 10, 0);
     Schedule(2, 10, 0);
@@ -539,7 +539,7 @@ TEST_F(CmTimerQueueCalendar, Handler_CancelsTheRestOfItsSlot) {
     EXPECT_EQ(std::vector<int>{2}, Ids(m_log));
 }
 
-TEST_F(CmTimerQueueCalendar, Handler_AddsZeroTimerWhileTheyFire) {
+TEST_F(CmTimerQueueCalendar, FiresInTheSamePass_WhenAHandlerAddsAZeroTimer) {
     Handler(0)->SetAction([this] {
         if (m_log.size() < 3) {
             EXPECT_EQ(CM_OK, Schedule(1, 0));
@@ -557,7 +557,7 @@ TEST_F(CmTimerQueueCalendar, Handler_AddsZeroTimerWhileTheyFire) {
     EXPECT_EQ(2U, m_log.size());
 }
 
-TEST_F(CmTimerQueueCalendar, Handler_CancelsAnotherZeroTimerWhileTheyFire) {
+TEST_F(CmTimerQueueCalendar, DoesNotFire_WhenAHandlerOfThePassCancelsIt) {
     Schedule(0, 0);
     Schedule(1, 0);
     Handler(1)->SetAction([this] { EXPECT_EQ(CM_ERROR_NOT_FOUND, Cancel(0)); });
@@ -565,13 +565,13 @@ TEST_F(CmTimerQueueCalendar, Handler_CancelsAnotherZeroTimerWhileTheyFire) {
     EXPECT_EQ(std::vector<int>{1}, Ids(m_log));
 }
 
-TEST_F(CmTimerQueueCalendar, EndOfEvent_LeavesTheQueueAlive) {
+TEST_F(CmTimerQueueCalendar, LivesOn_WhenItsEventEnds) {
     static_cast<ICmEvent&>(m_queue).OnDestorySelf();
     EXPECT_EQ(CM_OK, Schedule(0, 10));
     EXPECT_EQ(2, TicksToFiring());
 }
 
-TEST_F(CmTimerQueueCalendar, Destructor_FreesTheTimerOfAnySlot) {
+TEST_F(CmTimerQueueCalendar, FreesATimer_InWhateverSlot) {
     for (int nTicks = 0; nTicks < 11; ++nTicks) {
         for (long lUsec = 500; lUsec < 100000; lUsec += 10000) {
             const long lLive = kelto_test::LiveAllocations();
@@ -587,7 +587,7 @@ TEST_F(CmTimerQueueCalendar, Destructor_FreesTheTimerOfAnySlot) {
     }
 }
 
-TEST_F(CmTimerQueueCalendar, Destructor_FreesTheTimerThatWaitsForItsEvent) {
+TEST_F(CmTimerQueueCalendar, FreesATimer_WhenItWaitsForItsEvent) {
     m_events.m_priorities.reserve(1);
     const long lLive = kelto_test::LiveAllocations();
     {
@@ -598,7 +598,7 @@ TEST_F(CmTimerQueueCalendar, Destructor_FreesTheTimerThatWaitsForItsEvent) {
     EXPECT_EQ(lLive, kelto_test::LiveAllocations());
 }
 
-TEST_F(CmTimerQueueCalendar, Destructor_FreesWhatHasFired) {
+TEST_F(CmTimerQueueCalendar, FreesATimer_WhenItHasFired) {
     m_events.m_priorities.reserve(1);
     m_log.reserve(2);
     const long lLive = kelto_test::LiveAllocations();
@@ -614,18 +614,21 @@ TEST_F(CmTimerQueueCalendar, Destructor_FreesWhatHasFired) {
     EXPECT_EQ(lLive, kelto_test::LiveAllocations());
 }
 
-TEST_F(CmTimerQueueCalendar, Destructor_FreesWhatAFailedScheduleHadAllocated) {
+TEST_F(CmTimerQueueCalendar, FreesWhatItHas_WhenAScheduleRanOutOfMemory) {
     const long lLive = kelto_test::LiveAllocations();
-    for (unsigned long ulNth = 1; ulNth <= 3; ++ulNth) {
+    bool bHit = true;
+    for (unsigned long ulNth = 1; bHit; ++ulNth) {
         CCmTimerQueueCalendar queue(10, 110, &m_events);
         ScopedAllocationFault fault(ulNth);
-        queue.ScheduleTimer(Handler(0), nullptr, Ms(10), 1);
-        EXPECT_TRUE(fault.hit()) << ulNth;
+        const CmResult rv = queue.ScheduleTimer(Handler(0), nullptr, Ms(10), 1);
+        bHit = fault.hit();
+        EXPECT_EQ(bHit ? CM_ERROR_OUT_OF_MEMORY : CM_OK, rv) << ulNth;
+        EXPECT_TRUE(bHit || ulNth > 1);
     }
     EXPECT_EQ(lLive, kelto_test::LiveAllocations());
 }
 
-TEST_F(CmTimerQueueCalendar, DestructorDropsTimersSilently) {
+TEST_F(CmTimerQueueCalendar, DropsTimersSilently_WhenItEnds) {
     const long lLive = kelto_test::LiveAllocations();
     {
         CCmTimerQueueCalendar queue(10, 110, &m_events);
@@ -643,7 +646,7 @@ TEST_F(CmTimerQueueCalendar, DestructorDropsTimersSilently) {
     EXPECT_GE(lLive + 1, kelto_test::LiveAllocations());  // the sink's vector may keep its memory
 }
 
-TEST_F(CmTimerQueueCalendar, Constructor_TakesTheThreadsEventQueue) {
+TEST_F(CmTimerQueueCalendar, TakesTheThreadsEventQueue_WhenItIsGivenNone) {
     CCmThreadHeartBeat* pThread = new CCmThreadHeartBeat;
     ASSERT_EQ(CM_OK, pThread->Create(TT_MAIN, TF_JOINABLE, 1));
     pThread->OnThreadInit();
@@ -657,7 +660,7 @@ TEST_F(CmTimerQueueCalendar, Constructor_TakesTheThreadsEventQueue) {
     pThread->Destory(CM_OK);
 }
 
-TEST_F(CmTimerQueueCalendar, Allocation_FailureOfTheWheelRefusesTimers) {
+TEST_F(CmTimerQueueCalendar, RefusesTimers_WhenTheWheelGotNoMemory) {
     std::unique_ptr<CCmTimerQueueCalendar> pQueue;
     void* pMemory = ::operator new(sizeof(CCmTimerQueueCalendar));
     {
@@ -672,22 +675,38 @@ TEST_F(CmTimerQueueCalendar, Allocation_FailureOfTheWheelRefusesTimers) {
     EXPECT_EQ(CM_OK, pQueue->OnEventFire());
 }
 
-TEST_F(CmTimerQueueCalendar, Allocation_FailureOfAnyStepChangesNothing) {
-    Schedule(0, 10);
-    // The node; the room for the entry; the entry. What a step before got is kept.
-    for (unsigned long ulNth : {1, 2, 2}) {
-        ScopedAllocationFault fault(ulNth, Failing::FROM_THERE_ON);
-        const CmResult rv = Schedule(1, 10);
-        EXPECT_TRUE(fault.hit());
-        EXPECT_EQ(CM_ERROR_OUT_OF_MEMORY, rv);
-        EXPECT_EQ(CM_ERROR_NOT_FOUND, Cancel(1));
+TEST_F(CmTimerQueueCalendar, ChangesNothing_WhenAScheduleRunsOutOfMemory) {
+    // Wherever it runs out, and however many timers there are: some numbers make a table grow.
+    for (size_t nOthers = 0; nOthers <= 20; ++nOthers) {
+        bool bHit = true;
+        for (unsigned long ulNth = 1; bHit; ++ulNth) {
+            SCOPED_TRACE(std::to_string(nOthers) + " others, allocation " + std::to_string(ulNth));
+            std::vector<CountingHandler> others(nOthers);
+            CountingHandler handler;
+            CCmTimerQueueCalendar queue(10, 110, &m_events);
+            for (CountingHandler& other : others) {
+                queue.ScheduleTimer(&other, nullptr, Ms(10), 1);
+            }
+            CmResult rv;
+            {
+                ScopedAllocationFault fault(ulNth, Failing::FROM_THERE_ON);
+                rv = queue.ScheduleTimer(&handler, nullptr, Ms(10), 1);
+                bHit = fault.hit();
+            }
+            ASSERT_EQ(bHit ? CM_ERROR_OUT_OF_MEMORY : CM_OK, rv);
+            ASSERT_EQ(bHit ? CM_ERROR_NOT_FOUND : CM_OK, queue.CancelTimer(&handler));
+            ASSERT_EQ(CM_OK, queue.ScheduleTimer(&handler, nullptr, Ms(10), 1));
+            queue.TimerTick();
+            queue.TimerTick();
+            EXPECT_EQ(1U, handler.count());
+            for (const CountingHandler& other : others) {
+                ASSERT_EQ(1U, other.count());
+            }
+        }
     }
-    EXPECT_EQ(CM_OK, Schedule(1, 10));
-    Tick(2);
-    EXPECT_EQ((std::vector<int>{1, 0}), Ids(m_log));
 }
 
-TEST_F(CmTimerQueueCalendar, Allocation_FailureKeepsTheZeroTimerBefore) {
+TEST_F(CmTimerQueueCalendar, KeepsTheZeroTimer_WhenItsRescheduleRunsOutOfMemory) {
     Schedule(0, 0);
     {
         ScopedAllocationFault fault(1);
@@ -701,7 +720,7 @@ TEST_F(CmTimerQueueCalendar, Allocation_FailureKeepsTheZeroTimerBefore) {
     EXPECT_EQ(std::vector<int>{0}, Ids(m_log));
 }
 
-TEST_F(CmTimerQueueCalendar, Allocation_IsNotNeededToReschedule) {
+TEST_F(CmTimerQueueCalendar, NeedsNoMemory_WhenATimerIsRescheduled) {
     Schedule(0, 10);
     ScopedAllocationFault fault(1, Failing::FROM_THERE_ON);
     EXPECT_EQ(CM_ERROR_FOUND, Schedule(0, 30));
@@ -709,7 +728,7 @@ TEST_F(CmTimerQueueCalendar, Allocation_IsNotNeededToReschedule) {
     EXPECT_FALSE(fault.hit());
 }
 
-TEST_F(CmTimerQueueCalendar, Allocation_IsNotNeededInSteadyState) {
+TEST_F(CmTimerQueueCalendar, NeedsNoMemory_InSteadyState) {
     std::vector<CountingHandler> handlers(50);
     for (CountingHandler& handler : handlers) {
         m_queue.ScheduleTimer(&handler, nullptr, Ms(20), 0);
@@ -726,9 +745,9 @@ TEST_F(CmTimerQueueCalendar, Allocation_IsNotNeededInSteadyState) {
     EXPECT_LE(40U, handlers[0].count());
 }
 
-// Memory of its own that the queue has, in allocations, behind each of the ways in which timers
+// Memory of its own that the queue has, in allocations, after each of the ways in which timers
 // end and start.
-TEST_F(CmTimerQueueCalendar, Allocation_HoldsNoMore_AfterManyTimers) {
+TEST_F(CmTimerQueueCalendar, HoldsNoMoreMemory_AfterManyTimers) {
     CountingHandler periodic;
     CountingHandler once;
     CountingHandler cancelled;

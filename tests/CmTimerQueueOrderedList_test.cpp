@@ -49,7 +49,7 @@ class CmTimerQueueOrderedList : public testing::Test {
     CCmTimerQueueOrderedList m_queue{nullptr};
 };
 
-TEST_F(CmTimerQueueOrderedList, FiresInOrderOfExpiry) {
+TEST_F(CmTimerQueueOrderedList, FiresInOrderOfExpiry_WhateverTheOrderOfScheduling) {
     Schedule(0, 30);
     Schedule(1, 10);
     Schedule(2, 40);
@@ -64,22 +64,22 @@ TEST_F(CmTimerQueueOrderedList, FiresNewestFirst_WhenExpiryIsEqual) {
     EXPECT_EQ((std::vector<int>{2, 1, 0}), FiredAfterMs(10));
 }
 
-TEST_F(CmTimerQueueOrderedList, RearmedTimerIsTheNewest) {
+TEST_F(CmTimerQueueOrderedList, FiresARearmedTimerFirst_WhenExpiryIsEqual) {
     Schedule(0, 10, 0);
     Schedule(1, 20);
-    // Re-armed for 20 ms as well, behind the schedule of timer 1.
+    // Re-armed for 20 ms as well, after timer 1 was scheduled.
     EXPECT_EQ(std::vector<int>{0}, FiredAfterMs(10));
     EXPECT_EQ((std::vector<int>{0, 1}), FiredAfterMs(10));
 }
 
-TEST_F(CmTimerQueueOrderedList, PeriodicTimersSwapOrder_OnEveryFiring) {
+TEST_F(CmTimerQueueOrderedList, SwapsTheOrder_OnEveryFiringOfEqualPeriods) {
     Schedule(0, 10, 0);
     Schedule(1, 10, 0);
     EXPECT_EQ((std::vector<int>{1, 0}), FiredAfterMs(10));
     EXPECT_EQ((std::vector<int>{0, 1}), FiredAfterMs(10));
 }
 
-TEST_F(CmTimerQueueOrderedList, RescheduledTimerMovesForward) {
+TEST_F(CmTimerQueueOrderedList, MovesATimerForward_WhenItIsRescheduledEarlier) {
     Schedule(0, 10);
     Schedule(1, 20);
     Schedule(2, 30);
@@ -87,7 +87,7 @@ TEST_F(CmTimerQueueOrderedList, RescheduledTimerMovesForward) {
     EXPECT_EQ((std::vector<int>{2, 0, 1}), FiredAfterMs(100));
 }
 
-TEST_F(CmTimerQueueOrderedList, RescheduledTimerMovesBack) {
+TEST_F(CmTimerQueueOrderedList, MovesATimerBack_WhenItIsRescheduledLater) {
     Schedule(0, 10);
     Schedule(1, 20);
     Schedule(2, 30);
@@ -95,14 +95,14 @@ TEST_F(CmTimerQueueOrderedList, RescheduledTimerMovesBack) {
     EXPECT_EQ((std::vector<int>{1, 0, 2}), FiredAfterMs(100));
 }
 
-TEST_F(CmTimerQueueOrderedList, RescheduledTimerMovesToTheEnd) {
+TEST_F(CmTimerQueueOrderedList, MovesATimerToTheEnd_WhenItIsRescheduledLatest) {
     Schedule(0, 10);
     Schedule(1, 20);
     EXPECT_EQ(CM_ERROR_FOUND, Schedule(0, 50));
     EXPECT_EQ((std::vector<int>{1, 0}), FiredAfterMs(100));
 }
 
-TEST_F(CmTimerQueueOrderedList, RescheduledTimerIsTheNewestOfItsExpiry) {
+TEST_F(CmTimerQueueOrderedList, FiresARescheduledTimerFirst_WhenExpiryIsEqual) {
     Schedule(0, 10);
     Schedule(1, 10);
     EXPECT_EQ(CM_ERROR_FOUND, Schedule(0, 10));
@@ -110,7 +110,7 @@ TEST_F(CmTimerQueueOrderedList, RescheduledTimerIsTheNewestOfItsExpiry) {
     EXPECT_EQ((std::vector<int>{0, 1}), FiredAfterMs(10));
 }
 
-TEST_F(CmTimerQueueOrderedList, RescheduledTimerStaysAlone) {
+TEST_F(CmTimerQueueOrderedList, HasOneTimerOfAHandler_HoweverOftenItIsScheduled) {
     Schedule(0, 10);
     EXPECT_EQ(CM_ERROR_FOUND, Schedule(0, 10));
     EXPECT_EQ(CM_ERROR_FOUND, Schedule(0, 40));
@@ -118,7 +118,7 @@ TEST_F(CmTimerQueueOrderedList, RescheduledTimerStaysAlone) {
     EXPECT_EQ(CM_ERROR_NOT_FOUND, m_queue.CancelTimer(m_handlers[0].get()));
 }
 
-TEST_F(CmTimerQueueOrderedList, CancelTakesTheHandlersTimerOnly) {
+TEST_F(CmTimerQueueOrderedList, KeepsTheOthers_WhenOneIsCancelled) {
     Schedule(0, 10);
     Schedule(1, 20);
     Schedule(2, 30);
@@ -126,7 +126,7 @@ TEST_F(CmTimerQueueOrderedList, CancelTakesTheHandlersTimerOnly) {
     EXPECT_EQ((std::vector<int>{0, 2}), FiredAfterMs(100));
 }
 
-TEST_F(CmTimerQueueOrderedList, DestructorDropsTimersSilently) {
+TEST_F(CmTimerQueueOrderedList, DropsTimersSilently_WhenItEnds) {
     const long lLive = kelto_test::LiveAllocations();
     {
         CCmTimerQueueOrderedList queue(nullptr);
@@ -157,7 +157,7 @@ class OpenList : public CCmTimerQueueOrderedList {
     }
 };
 
-TEST_F(CmTimerQueueOrderedList, PopOfEmptyList_WritesAssertion) {
+TEST_F(CmTimerQueueOrderedList, WritesAnAssertionLine_WhenAnEmptyListIsPopped) {
     ScopedTraceSink sink;
     OpenList list;
     OpenList::CNode node;
@@ -170,7 +170,7 @@ TEST_F(CmTimerQueueOrderedList, PopOfEmptyList_WritesAssertion) {
     EXPECT_EQ(nullptr, node.m_pEh);
 }
 
-TEST_F(CmTimerQueueOrderedList, Primitives_ReturnWhatTheyDid) {
+TEST_F(CmTimerQueueOrderedList, PrimitivesSayWhatTheyDid_WhenCalledInTurn) {
     OpenList list;
     CCmTimeValue tvEarliest(7);
     EXPECT_EQ(-1, list.GetEarliestTime_l(tvEarliest));
@@ -187,24 +187,41 @@ TEST_F(CmTimerQueueOrderedList, Primitives_ReturnWhatTheyDid) {
     EXPECT_EQ(1, list.EraseNode_l(m_handlers[0].get()));
 }
 
-TEST_F(CmTimerQueueOrderedList, RePushNode_TakesANodeIntoANewList) {
+TEST_F(CmTimerQueueOrderedList, TakesANodeByRePush_WhenTheListIsNew) {
     OpenList list;
     EXPECT_EQ(0, list.RePushNode_l(OpenList::Node(m_handlers[0].get(), 10)));
     EXPECT_EQ(0, list.EraseNode_l(m_handlers[0].get()));
 }
 
-TEST_F(CmTimerQueueOrderedList, Allocation_FailureChangesNothing) {
-    Schedule(0, 10);
-    {
-        ScopedAllocationFault fault(1);
-        EXPECT_EQ(CM_ERROR_OUT_OF_MEMORY, Schedule(1, 5));
-        EXPECT_TRUE(fault.hit());
+TEST_F(CmTimerQueueOrderedList, ChangesNothing_WhenAScheduleRunsOutOfMemory) {
+    // Wherever it runs out, and however many timers there are: some numbers make a table grow.
+    for (size_t nOthers = 0; nOthers <= 20; ++nOthers) {
+        bool bHit = true;
+        for (unsigned long ulNth = 1; bHit; ++ulNth) {
+            SCOPED_TRACE(std::to_string(nOthers) + " others, allocation " + std::to_string(ulNth));
+            std::vector<CountingHandler> others(nOthers);
+            CountingHandler handler;
+            CCmTimerQueueOrderedList queue(nullptr);
+            for (CountingHandler& other : others) {
+                queue.ScheduleTimer(&other, nullptr, Ms(10), 1);
+            }
+            CmResult rv;
+            {
+                ScopedAllocationFault fault(ulNth, kelto_test::Failing::FROM_THERE_ON);
+                rv = queue.ScheduleTimer(&handler, nullptr, Ms(10), 1);
+                bHit = fault.hit();
+            }
+            ASSERT_EQ(bHit ? CM_ERROR_OUT_OF_MEMORY : CM_OK, rv);
+            ASSERT_EQ(bHit ? CM_ERROR_NOT_FOUND : CM_OK, queue.CancelTimer(&handler));
+            ASSERT_EQ(CM_OK, queue.ScheduleTimer(&handler, nullptr, Ms(10), 1));
+            m_clock.AdvanceMs(10);
+            EXPECT_EQ(nOthers + 1, queue.CheckExpire());
+            EXPECT_EQ(1U, handler.count());
+        }
     }
-    EXPECT_EQ(CM_ERROR_NOT_FOUND, m_queue.CancelTimer(m_handlers[1].get()));
-    EXPECT_EQ(std::vector<int>{0}, FiredAfterMs(10));
 }
 
-TEST_F(CmTimerQueueOrderedList, Allocation_FailureOnEmptyQueueIsNotObserved) {
+TEST_F(CmTimerQueueOrderedList, TellsNoObserver_WhenAScheduleRunsOutOfMemory) {
     class Observer : public ICmObserver {
       public:
         virtual ~Observer() = default;
@@ -222,7 +239,7 @@ TEST_F(CmTimerQueueOrderedList, Allocation_FailureOnEmptyQueueIsNotObserved) {
     EXPECT_EQ(1, observer.m_nCalls);
 }
 
-TEST_F(CmTimerQueueOrderedList, Allocation_IsNotNeededToReschedule) {
+TEST_F(CmTimerQueueOrderedList, NeedsNoMemory_WhenATimerIsRescheduled) {
     Schedule(0, 10);
     Schedule(1, 20);
     ScopedAllocationFault fault(1, kelto_test::Failing::FROM_THERE_ON);
@@ -231,7 +248,7 @@ TEST_F(CmTimerQueueOrderedList, Allocation_IsNotNeededToReschedule) {
     EXPECT_FALSE(fault.hit());
 }
 
-TEST_F(CmTimerQueueOrderedList, Allocation_IsNotNeededInSteadyState) {
+TEST_F(CmTimerQueueOrderedList, NeedsNoMemory_InSteadyState) {
     std::vector<CountingHandler> handlers(50);
     for (CountingHandler& handler : handlers) {
         m_queue.ScheduleTimer(&handler, nullptr, Ms(10), 0);
@@ -248,9 +265,9 @@ TEST_F(CmTimerQueueOrderedList, Allocation_IsNotNeededInSteadyState) {
     EXPECT_EQ(ulBefore, AllocationsOfThisThread());
 }
 
-// Memory of its own that the queue has, in allocations, behind each of the ways in which timers
+// Memory of its own that the queue has, in allocations, after each of the ways in which timers
 // end and start.
-TEST_F(CmTimerQueueOrderedList, Allocation_HoldsNoMore_AfterManyTimers) {
+TEST_F(CmTimerQueueOrderedList, HoldsNoMoreMemory_AfterManyTimers) {
     constexpr int TIMES = 10000;
     CountingHandler periodic;
     m_queue.ScheduleTimer(&periodic, nullptr, Ms(10), 0);
@@ -271,7 +288,7 @@ TEST_F(CmTimerQueueOrderedList, Allocation_HoldsNoMore_AfterManyTimers) {
     EXPECT_EQ(TIMES + 1UL, periodic.count());
 }
 
-TEST_F(CmTimerQueueOrderedList, Allocation_IsNotMoreThanTheMostTimersAtATime) {
+TEST_F(CmTimerQueueOrderedList, HoldsMemoryOfTheMostTimersAtATime_AfterManyTimers) {
     std::vector<CountingHandler> handlers(500);
     const auto scheduleAll = [&] {
         for (CountingHandler& handler : handlers) {
@@ -288,7 +305,7 @@ TEST_F(CmTimerQueueOrderedList, Allocation_IsNotMoreThanTheMostTimersAtATime) {
     EXPECT_EQ(lHeld, kelto_test::LiveAllocations());
 }
 
-TEST(CmTimerQueueOrderedListAlone, FreesAllThatItHeld) {
+TEST(CmTimerQueueOrderedListAlone, FreesAllThatItHeld_WhenItEnds) {
     CountingHandler handlers[3];
     const long lLive = kelto_test::LiveAllocations();
     {
@@ -307,32 +324,6 @@ TEST(CmTimerQueueOrderedListModel, BehavesLikeTheModel_OnRandomOperations) {
     for (unsigned int dwSeed = 1; dwSeed <= 3000; ++dwSeed) {
         const std::vector<uint8_t> bytes = kelto_test::RandomBytes(dwSeed, 800);
         ASSERT_EQ("", kelto_test::RunOrderedListModel(bytes.data(), bytes.size())) << dwSeed;
-    }
-}
-
-TEST(CmTimerHandlerIndexT, FindsWhatWasInserted_ThroughGrowthAndErasure) {
-    constexpr int COUNT = 1000;
-    Firings log;
-    std::vector<std::unique_ptr<RecordingHandler>> handlers;
-    CCmTimerHandlerIndexT<int> index;
-    EXPECT_EQ(nullptr, index.Find(nullptr));
-    for (int i = 0; i < COUNT; ++i) {
-        handlers.push_back(std::make_unique<RecordingHandler>(i, log));
-        EXPECT_EQ(nullptr, index.Find(handlers[i].get()));
-        index.Reserve();
-        index.Insert(handlers[i].get(), i);
-    }
-    for (int i = 0; i < COUNT; i += 2) {
-        index.Erase(handlers[i].get());
-    }
-    for (int i = 0; i < COUNT; ++i) {
-        const int* pValue = index.Find(handlers[i].get());
-        if (i % 2 == 0) {
-            EXPECT_EQ(nullptr, pValue);
-        } else {
-            ASSERT_NE(nullptr, pValue);
-            EXPECT_EQ(i, *pValue);
-        }
     }
 }
 

@@ -14,6 +14,7 @@
 #include <utility>
 #include <vector>
 
+#include "CmSingletonMutex.h"
 #include "CmThread.h"
 #include "CmTimerQueueCalendar.h"
 #include "support/ChildProcess.h"
@@ -64,7 +65,7 @@ class CmTimerWrapperID : public testing::Test {
     CCmThreadHeartBeat* m_pThread = new CCmThreadHeartBeat;
 };
 
-TEST(CmTimerWrapperIDAlone, ScheduleFails_OnThreadWithoutLibraryThread) {
+TEST(CmTimerWrapperIDAlone, RefusesASchedule_WhenTheThreadIsNotTheLibrarys) {
     ScopedTraceSink sink;
     CmResult rvSchedule = CM_OK;
     CmResult rvCancel = CM_ERROR_FAILURE;
@@ -83,7 +84,7 @@ TEST(CmTimerWrapperIDAlone, ScheduleFails_OnThreadWithoutLibraryThread) {
         kelto_test::MaskAddresses(sink.lines()[0].text));
 }
 
-TEST(CmTimerWrapperIDAlone, ScheduleFails_OnThreadWithoutTimerQueue) {
+TEST(CmTimerWrapperIDAlone, RefusesASchedule_WhenTheThreadHasNoTimerQueue) {
     ScopedTraceSink sink;
     CCmThreadTaskWithEventQueueOnly* pThread = new CCmThreadTaskWithEventQueueOnly;
     ASSERT_EQ(CM_OK, pThread->Create(TT_MAIN, TF_JOINABLE, 1));
@@ -93,12 +94,12 @@ TEST(CmTimerWrapperIDAlone, ScheduleFails_OnThreadWithoutTimerQueue) {
     pThread->Destory(CM_OK);
 }
 
-TEST_F(CmTimerWrapperID, CancelOfNeverScheduledTimer_IsOk) {
+TEST_F(CmTimerWrapperID, SaysOk_WhenCancelledBeforeAnySchedule) {
     CCmTimerWrapperID timer;
     EXPECT_EQ(CM_OK, timer.Cancel());
 }
 
-TEST_F(CmTimerWrapperID, TellsItsSink) {
+TEST_F(CmTimerWrapperID, TellsItsSink_WhenItFires) {
     CCmTimerWrapperID timer;
     EXPECT_EQ(CM_OK, timer.Schedule(&m_recorder, Ms(10), 2));
     EXPECT_EQ(0U, FiredAfterMs(9));
@@ -108,14 +109,14 @@ TEST_F(CmTimerWrapperID, TellsItsSink) {
     EXPECT_EQ((std::vector<CCmTimerWrapperID*>{&timer, &timer}), m_recorder.m_ids);
 }
 
-TEST_F(CmTimerWrapperID, ScheduleWithNullSink_FiresSilently) {
+TEST_F(CmTimerWrapperID, FiresSilently_WhenTheSinkIsNull) {
     CCmTimerWrapperID timer;
     EXPECT_EQ(CM_OK, timer.Schedule(nullptr, Ms(10), 1));
     EXPECT_EQ(0U, FiredAfterMs(10));
     EXPECT_EQ(CM_ERROR_NOT_FOUND, timer.Cancel());
 }
 
-TEST_F(CmTimerWrapperID, SecondSchedule_Reschedules) {
+TEST_F(CmTimerWrapperID, SaysFound_WhenScheduledAgain) {
     RecordingSink other;
     CCmTimerWrapperID timer;
     EXPECT_EQ(CM_OK, timer.Schedule(&other, Ms(10), 0));
@@ -124,7 +125,7 @@ TEST_F(CmTimerWrapperID, SecondSchedule_Reschedules) {
     EXPECT_TRUE(other.m_ids.empty());
 }
 
-TEST_F(CmTimerWrapperID, Cancel_StopsTheTimer) {
+TEST_F(CmTimerWrapperID, DoesNotFire_WhenCancelled) {
     CCmTimerWrapperID timer;
     timer.Schedule(&m_recorder, Ms(10), 0);
     EXPECT_EQ(CM_OK, timer.Cancel());
@@ -132,7 +133,7 @@ TEST_F(CmTimerWrapperID, Cancel_StopsTheTimer) {
     EXPECT_EQ(0U, FiredAfterMs(100));
 }
 
-TEST_F(CmTimerWrapperID, CancelAfterLastFiring_IsNotFoundOnce) {
+TEST_F(CmTimerWrapperID, SaysNotFoundOnce_WhenCancelledAfterItsLastFiring) {
     CCmTimerWrapperID timer;
     timer.Schedule(&m_recorder, Ms(10), 1);
     EXPECT_EQ(1U, FiredAfterMs(10));
@@ -140,13 +141,13 @@ TEST_F(CmTimerWrapperID, CancelAfterLastFiring_IsNotFoundOnce) {
     EXPECT_EQ(CM_OK, timer.Cancel());
 }
 
-TEST_F(CmTimerWrapperID, RefusedSchedule_CountsAsScheduled) {
+TEST_F(CmTimerWrapperID, CountsAsScheduled_WhenTheQueueRefused) {
     CCmTimerWrapperID timer;
     EXPECT_EQ(CM_ERROR_INVALID_ARG, timer.Schedule(&m_recorder, Ms(0), 0));
     EXPECT_EQ(CM_ERROR_NOT_FOUND, timer.Cancel());
 }
 
-TEST_F(CmTimerWrapperID, ScheduleWithoutMemory_CountsAsScheduled) {
+TEST_F(CmTimerWrapperID, CountsAsScheduled_WhenMemoryRanOut) {
     CCmTimerWrapperID timer;
     {
         kelto_test::ScopedAllocationFault fault(1);
@@ -157,7 +158,7 @@ TEST_F(CmTimerWrapperID, ScheduleWithoutMemory_CountsAsScheduled) {
     EXPECT_EQ(0U, FiredAfterMs(100));
 }
 
-TEST_F(CmTimerWrapperID, Destructor_CancelsTheTimer) {
+TEST_F(CmTimerWrapperID, CancelsItsTimer_WhenItEnds) {
     {
         CCmTimerWrapperID timer;
         timer.Schedule(&m_recorder, Ms(10), 0);
@@ -165,7 +166,7 @@ TEST_F(CmTimerWrapperID, Destructor_CancelsTheTimer) {
     EXPECT_EQ(0U, FiredAfterMs(100));
 }
 
-TEST_F(CmTimerWrapperID, Sink_MayDestroyTheTimer) {
+TEST_F(CmTimerWrapperID, Ends_WhenItsSinkDestroysIt) {
     std::unique_ptr<CCmTimerWrapperID> pTimer = std::make_unique<CCmTimerWrapperID>();
     m_recorder.m_action = [&] { pTimer.reset(); };
     pTimer->Schedule(&m_recorder, Ms(10), 0);
@@ -173,7 +174,7 @@ TEST_F(CmTimerWrapperID, Sink_MayDestroyTheTimer) {
     EXPECT_EQ(1U, FiredAfterMs(100));
 }
 
-TEST_F(CmTimerWrapperID, StaysBoundToItsFirstQueue) {
+TEST_F(CmTimerWrapperID, StaysBoundToItsFirstQueue_WhenScheduledOnAnotherThread) {
     CCmTimerWrapperID timer;
     timer.Schedule(&m_recorder, Ms(10), 1);
     CmResult rv = CM_ERROR_FAILURE;
@@ -252,21 +253,21 @@ class CmTimerWrapperIDOnCalendar : public testing::Test {
     std::unique_ptr<CCmTimerWrapperID> m_pTimer = std::make_unique<CCmTimerWrapperID>();
 };
 
-TEST_F(CmTimerWrapperIDOnCalendar, TellsItsSink) {
+TEST_F(CmTimerWrapperIDOnCalendar, TellsItsSink_WhenItFires) {
     EXPECT_EQ(CM_OK, Schedule(0));
     EXPECT_EQ(1U, Fired());
     EXPECT_EQ(CM_OK, Schedule(50));
     EXPECT_EQ(2U, Fired());
 }
 
-TEST_F(CmTimerWrapperIDOnCalendar, Destructor_EndsWhatTheQueueDoesNotFind) {
+TEST_F(CmTimerWrapperIDOnCalendar, EndsWhatTheQueueDoesNotFind_WhenItEnds) {
     EXPECT_EQ(CM_OK, Schedule(50));
     EXPECT_EQ(CM_OK, Schedule(0));
     m_pTimer.reset();
     EXPECT_EQ(0U, Fired());
 }
 
-TEST_F(CmTimerWrapperIDOnCalendar, Cancel_EndsWhatTheQueueDoesNotFind) {
+TEST_F(CmTimerWrapperIDOnCalendar, EndsWhatTheQueueDoesNotFind_WhenCancelled) {
     Schedule(50);
     Schedule(0);
     EXPECT_EQ(CM_OK, Schedule(50));  // the zero timer stays beside it
@@ -278,7 +279,7 @@ TEST_F(CmTimerWrapperIDOnCalendar, Cancel_EndsWhatTheQueueDoesNotFind) {
     EXPECT_EQ(0U, Fired());
 }
 
-TEST_F(CmTimerWrapperIDOnCalendar, Cancel_EndsEveryZeroTimerAndNobodyElses) {
+TEST_F(CmTimerWrapperIDOnCalendar, EndsEveryZeroTimerAndNobodyElses_WhenCancelled) {
     RecordingSink others;
     CCmTimerWrapperID before;
     CCmTimerWrapperID between;
@@ -292,7 +293,7 @@ TEST_F(CmTimerWrapperIDOnCalendar, Cancel_EndsEveryZeroTimerAndNobodyElses) {
     EXPECT_EQ((std::vector<CCmTimerWrapperID*>{&between, &before}), others.m_ids);
 }
 
-TEST_F(CmTimerWrapperIDOnCalendar, Cancel_InTheSinkEndsTheRest) {
+TEST_F(CmTimerWrapperIDOnCalendar, EndsTheRest_WhenItsSinkCancelsIt) {
     Schedule(50);
     Schedule(0);
     Schedule(0);
@@ -300,14 +301,14 @@ TEST_F(CmTimerWrapperIDOnCalendar, Cancel_InTheSinkEndsTheRest) {
     EXPECT_EQ(1U, Fired());
 }
 
-TEST_F(CmTimerWrapperIDOnCalendar, TheQueuesOwnCancel_StillMissesWhatItDoesNotFind) {
+TEST_F(CmTimerWrapperIDOnCalendar, IsMissed_WhenTheQueueItselfCancelsAZeroTimer) {
     Schedule(50);
     Schedule(0);
     EXPECT_EQ(CM_ERROR_NOT_FOUND, m_pThread->m_Calendar.CancelTimer(m_pTimer.get()));
     EXPECT_EQ(1U, Fired());
 }
 
-TEST(CmTimerWrapperIDOnWorker, FiresOnTheWorkersThread) {
+TEST(CmTimerWrapperIDOnWorker, FiresOnTheWorkersThread_WhenScheduledThere) {
     ScopedTraceSink sink;
     ACmThread* pThread = nullptr;
     ASSERT_EQ(CM_OK, CreateUserTaskThread(&pThread, TF_JOINABLE, true, 1));
@@ -339,7 +340,7 @@ int InChild(const std::function<bool()>& aCase) {
     return WIFEXITED(nStatus) ? WEXITSTATUS(nStatus) : -1;
 }
 
-TEST(CmLowTick, NowReadsTheClock_AndRecordsMissingTimerQueue) {
+TEST(CmLowTick, NotesThatItHasNoTimer_WhenThereIsNoTimerQueue) {
     EXPECT_EQ(0, InChild([] {
                   ScopedTraceSink sink;
                   ScopedClock clock;
@@ -354,7 +355,7 @@ TEST(CmLowTick, NowReadsTheClock_AndRecordsMissingTimerQueue) {
               }));
 }
 
-TEST(CmLowTick, NowIsReadAfresh) {
+TEST(CmLowTick, ReadsTheClockAfresh_OnEveryCall) {
     EXPECT_EQ(0, InChild([] {
                   ScopedTraceSink sink;
                   ScopedClock clock;
@@ -366,7 +367,7 @@ TEST(CmLowTick, NowIsReadAfresh) {
               }));
 }
 
-TEST(CmLowTick, InstanceIsTheSame_AndHasItsTimer_OnThreadWithTimerQueue) {
+TEST(CmLowTick, HasOneInstanceWithATimer_OnAThreadWithATimerQueue) {
     EXPECT_EQ(
         0, InChild([] {
             ScopedTraceSink sink;
@@ -385,7 +386,7 @@ TEST(CmLowTick, InstanceIsTheSame_AndHasItsTimer_OnThreadWithTimerQueue) {
         }));
 }
 
-TEST(CmLowTick, InstanceCancelsItsTimer_WhenItIsDestroyed) {
+TEST(CmLowTick, CancelsItsTimer_WhenItIsDestroyed) {
     EXPECT_EQ(0, InChild([] {
                   ScopedTraceSink sink;
                   CCmThreadHeartBeat* pThread = new CCmThreadHeartBeat;
@@ -400,7 +401,7 @@ TEST(CmLowTick, InstanceCancelsItsTimer_WhenItIsDestroyed) {
               }));
 }
 
-TEST(CmLowTick, InstanceWithoutMemory_IsTriedAgain) {
+TEST(CmLowTick, IsMadeByTheNextCall_WhenMemoryRanOut) {
     EXPECT_EQ(0, InChild([] {
                   ScopedTraceSink sink;
                   tick_policy::now();  // its singleton is there
@@ -416,7 +417,7 @@ TEST(CmLowTick, InstanceWithoutMemory_IsTriedAgain) {
               }));
 }
 
-TEST(CmLowTick, ThreadsMeetOneInstance) {
+TEST(CmLowTick, HasOneInstance_WhenThreadsAskAtOnce) {
     EXPECT_EQ(0, InChild([] {
                   ScopedTraceSink sink;
                   std::vector<Generator*> generators(8);
@@ -442,7 +443,7 @@ struct AsksForTheTime {
     long long m_llTime;
 };
 
-TEST(CmLowTick, FirstUse_DoesNotWaitForTheSingletonMutex_WithItsOwnHeld) {
+TEST(CmLowTick, DoesNotWaitForTheSingletonMutex_WhenItsOwnIsHeld) {
     EXPECT_EQ(0, InChild([]() CM_NO_THREAD_SAFETY_ANALYSIS {
                   ScopedTraceSink sink;
                   alarm(20);  // ends a child whose threads lock each other out
@@ -457,7 +458,7 @@ TEST(CmLowTick, FirstUse_DoesNotWaitForTheSingletonMutex_WithItsOwnHeld) {
               }));
 }
 
-TEST(CmLowTick, LargestValueIsThatOfSixtyFourBits) {
+TEST(CmLowTick, HasTheLargestValueOfSixtyFourBits_AsItsMaximum) {
     EXPECT_EQ(0x7FFFFFFFFFFFFFFF, low_tick_policy::max_time_value());
 }
 

@@ -27,7 +27,7 @@ using kelto_test::LiveAllocations;
 using kelto_test::LiveAllocationsBefore;
 using kelto_test::TaskThread;
 
-TEST(CCmTimer, FiresUntilItEnds) {
+TEST(CCmTimer, FiresEveryPeriod_UntilItEnds) {
     CCmWorker worker;
     std::atomic<int> fired{0};
     std::atomic<int> ends{0};
@@ -43,7 +43,7 @@ TEST(CCmTimer, FiresUntilItEnds) {
     EXPECT_EQ(nFired, fired);
 }
 
-TEST(CCmTimer, FiresSoManyTimes) {
+TEST(CCmTimer, FiresAsOftenAsAsked_WhenTheCountIsLimited) {
     CCmWorker worker;
     TaskThread other;
     std::atomic<int> fired{0};
@@ -58,7 +58,7 @@ TEST(CCmTimer, FiresSoManyTimes) {
     EXPECT_EQ(CM_ERROR_NOT_FOUND, timer.Cancel());
 }
 
-TEST(CCmTimer, WaitsOnlyWhileTheCallableRuns) {
+TEST(CCmTimer, WaitsForTheCallableAlone_WhenCancelledWhileItRuns) {
     Gate gate;
     Gate begun;
     Gate second;
@@ -93,7 +93,7 @@ TEST(CCmTimer, WaitsOnlyWhileTheCallableRuns) {
     second.Open();
 }
 
-TEST(CCmTimer, EndsInsideItsCallable) {
+TEST(CCmTimer, DestroysTheCallableAfterItsReturn_WhenEndedInsideIt) {
     CCmWorker worker;
     Gate done;
     std::atomic<int> fired{0};
@@ -113,7 +113,7 @@ TEST(CCmTimer, EndsInsideItsCallable) {
     EXPECT_EQ(1, fired);
 }
 
-TEST(CCmTimer, CancelsAtOnceOnTheWorkersThread) {
+TEST(CCmTimer, CancelsAtOnce_OnTheWorkersThread) {
     CCmWorker worker;
     std::atomic<int> fired{0};
     CmCall(worker, [&] {
@@ -125,7 +125,7 @@ TEST(CCmTimer, CancelsAtOnceOnTheWorkersThread) {
     EXPECT_EQ(0, fired);
 }
 
-TEST(CCmTimer, OutlivesItsWorker) {
+TEST(CCmTimer, EndsNormally_WhenItOutlivesItsWorker) {
     std::optional<CCmWorker> worker;
     worker.emplace();
     std::atomic<int> ends{0};
@@ -136,7 +136,7 @@ TEST(CCmTimer, OutlivesItsWorker) {
     EXPECT_EQ(CM_ERROR_NOT_FOUND, timer.Cancel());
 }
 
-TEST(CCmTimer, MovesAndEndsWhatItHad) {
+TEST(CCmTimer, EndsWhatItHad_WhenAnotherIsMovedToIt) {
     CCmWorker worker;
     std::atomic<int> firstEnds{0};
     std::atomic<int> secondEnds{0};
@@ -151,14 +151,14 @@ TEST(CCmTimer, MovesAndEndsWhatItHad) {
     EXPECT_EQ(CM_ERROR_NOT_FOUND, timer.Result());
 }
 
-TEST(CCmTimer, SaysWhyItWasRefused) {
+TEST(CCmTimer, SaysWhy_WhenItWasRefused) {
     CCmWorker worker;
     EXPECT_EQ(CM_ERROR_INVALID_ARG, CCmTimer(worker, 0ms, [] {}).Result());
     worker.Stop();
     EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, CCmTimer(worker, 1ms, [] {}).Result());
 }
 
-TEST(CCmTimer, ManyFireAndEndOnSeveralThreads) {
+TEST(CCmTimer, FiresAndEnds_WhenManyDoOnSeveralThreads) {
     const long lLive = LiveAllocationsBefore();
     {
         CCmWorker worker;
@@ -204,7 +204,7 @@ class DueSink : public CCmTimerWrapperIDSink {
     std::vector<unsigned long> m_missed;
 };
 
-TEST(CCmDueTimerWrapperID, TellsWhatIsDueWhen) {
+TEST(CCmDueTimerWrapperID, TellsWhatWasDueWhen_InItsSink) {
     kelto_test::ScopedClock clock(1000);
     CCmThreadHeartBeat* pThread = new CCmThreadHeartBeat;
     ASSERT_EQ(CM_OK, pThread->Create(TT_MAIN));

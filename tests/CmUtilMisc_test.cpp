@@ -32,8 +32,10 @@ TEST(CmUtilMisc, GetSingletonMutex_GivesTheRecursiveOne) {
     EXPECT_EQ(&g_SingletonMutex, pMutex);
 }
 
-TEST(CmUtilMisc, GetSingletonMutex_IgnoresNull) {
+TEST(CmUtilMisc, GetSingletonMutex_StoresAndTracesNothing_WhenGivenNull) {
+    kelto_test::ScopedTraceSink sink;
     GetSingletonMutex(nullptr);
+    EXPECT_EQ(0u, sink.lines().size());
 }
 
 TEST(CmUtilMisc, SleepMs_SleepsItsTime) {

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "CmScopedLock.h"
+#include "CmSingletonMutex.h"
 #include "support/Faults.h"
 #include "support/TraceSink.h"
 

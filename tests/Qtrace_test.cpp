@@ -88,7 +88,7 @@ struct Head {
     std::string rest;
 };
 
-// time() may lag behind the clock that the lines are stamped with.
+// time() may lag the clock that the lines are stamped with.
 time_t Now() {
     timeval tvNow = {};
     gettimeofday(&tvNow, nullptr);

@@ -7,7 +7,7 @@
 
 #include "../Fuzz.h"
 #include "CmStrict.h"
-#include "port/CmSystem.h"
+#include "CmSystem.h"
 
 using kelto_fuzz::Require;
 using namespace UTIL_NS;

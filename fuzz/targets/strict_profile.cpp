@@ -7,7 +7,7 @@
 
 #include "../Fuzz.h"
 #include "CmConfigReader.h"
-#include "port/CmSystem.h"
+#include "CmSystem.h"
 #include "support/ProfileModel.h"
 
 using kelto_fuzz::Require;

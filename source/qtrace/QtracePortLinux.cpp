@@ -1,7 +1,8 @@
-#include <string.h>
 #include <sys/auxv.h>
 #include <sys/prctl.h>
 #include <unistd.h>
+
+#include <cstring>
 
 #include "QtracePort.h"
 
@@ -16,7 +17,7 @@ const char* ExecutableName() {
     if (pszPath == nullptr) {
         return "";
     }
-    const char* const pchSlash = strrchr(pszPath, '/');
+    const char* const pchSlash = std::strrchr(pszPath, '/');
     return pchSlash != nullptr ? pchSlash + 1 : pszPath;
 }
 
@@ -29,7 +30,7 @@ unsigned long long QtraceThreadNumber() {
 void QtraceThreadName(char (&aName)[QTRACE_THREAD_NAME_SIZE]) {
     static_assert(SYSTEM_NAME_SIZE <= QTRACE_THREAD_NAME_SIZE, "prctl writes as many");
     if (prctl(PR_GET_NAME, aName) != 0 ||
-        strncmp(aName, ExecutableName(), SYSTEM_NAME_SIZE - 1) == 0) {
+        std::strncmp(aName, ExecutableName(), SYSTEM_NAME_SIZE - 1) == 0) {
         aName[0] = '\0';
     }
 }

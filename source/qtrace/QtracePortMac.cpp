@@ -1,5 +1,6 @@
 #include <pthread.h>
-#include <stdint.h>
+
+#include <cstdint>
 
 #include "QtracePort.h"
 

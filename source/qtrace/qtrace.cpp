@@ -1,19 +1,20 @@
 #include "qtrace.h"
 
-#include <errno.h>
 #include <fcntl.h>
-#include <limits.h>
 #include <pthread.h>
 #include <signal.h>
-#include <stdio.h>
-#include <stdlib.h>
-#include <string.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
 
 #include "QtracePort.h"
 
@@ -28,15 +29,15 @@ constexpr size_t HELD_LENGTH_MAX = 1 << 20;  // characters; more than any text t
 // ---- Threshold
 
 constexpr unsigned long LEVEL_UNKNOWN = ULONG_MAX;  // the environment has not been read
-std::atomic<unsigned long> g_ulLevel{LEVEL_UNKNOWN};
+std::atomic<unsigned long> s_ulLevel{LEVEL_UNKNOWN};
 
 unsigned long LevelFromEnvironment() {
-    const char* pszLevel = getenv("QTRACE_LEVEL");
+    const char* pszLevel = std::getenv("QTRACE_LEVEL");
     if (pszLevel == nullptr || *pszLevel < '0' || *pszLevel > '9') {
         return 0;
     }
     char* pchEnd = nullptr;
-    const unsigned long ulLevel = strtoul(pszLevel, &pchEnd, 10);
+    const unsigned long ulLevel = std::strtoul(pszLevel, &pchEnd, 10);
     if (*pchEnd != '\0') {
         return 0;
     }
@@ -46,7 +47,7 @@ unsigned long LevelFromEnvironment() {
 // ---- Destination
 
 constexpr int NOT_OPENED = -1;
-std::atomic<int> g_nDestination{NOT_OPENED};
+std::atomic<int> s_nDestination{NOT_OPENED};
 
 // Moves a descriptor out of the range of the standard streams, which the host may use for
 // something else once it closed them.
@@ -63,12 +64,12 @@ int AboveStandardStreams(int aFile) {
 // directory that aPath lies in.
 bool IsInOwnDirectory(const char* aPath) {
     char szDirectory[PATH_MAX] = ".";
-    if (const char* pchSlash = strrchr(aPath, '/')) {
+    if (const char* pchSlash = std::strrchr(aPath, '/')) {
         const size_t nLength = static_cast<size_t>(pchSlash - aPath) + 1;
         if (nLength >= sizeof(szDirectory)) {
             return false;
         }
-        memcpy(szDirectory, aPath, nLength);
+        std::memcpy(szDirectory, aPath, nLength);
         szDirectory[nLength] = '\0';
     }
     struct stat directory = {};
@@ -98,7 +99,7 @@ int OpenFile(const char* aPath) {
 }
 
 int OpenDestination() {
-    const char* pszPath = getenv("QTRACE_FILE");
+    const char* pszPath = std::getenv("QTRACE_FILE");
     if (pszPath == nullptr || *pszPath == '\0') {
         return STDERR_FILENO;
     }
@@ -110,12 +111,12 @@ int OpenDestination() {
 // Threads that come first at once all open the file; one keeps it.
 int Destination() {
     // Orders the opening, on whichever thread, before each use.
-    int nDestination = g_nDestination.load(std::memory_order_acquire);
+    int nDestination = s_nDestination.load(std::memory_order_acquire);
     if (nDestination != NOT_OPENED) {
         return nDestination;
     }
     const int nOpened = OpenDestination();
-    if (g_nDestination.compare_exchange_strong(nDestination, nOpened)) {
+    if (s_nDestination.compare_exchange_strong(nDestination, nOpened)) {
         return nOpened;
     }
     if (nOpened != STDERR_FILENO) {
@@ -128,9 +129,9 @@ int Destination() {
 
 // Blocks, in the calling thread, the signals that a write may raise, and takes back one that it
 // did raise: a closed pipe or a file at its size limit must not kill the host.
-class WriteSignals {
+class CWriteSignals {
   public:
-    WriteSignals() {
+    CWriteSignals() {
         sigemptyset(&m_Raised);
         sigaddset(&m_Raised, SIGPIPE);
         sigaddset(&m_Raised, SIGXFSZ);
@@ -138,9 +139,9 @@ class WriteSignals {
         KeepPending(SIGPIPE);
         KeepPending(SIGXFSZ);
     }
-    ~WriteSignals() { pthread_sigmask(SIG_SETMASK, &m_Before, nullptr); }
-    WriteSignals(const WriteSignals&) = delete;
-    WriteSignals& operator=(const WriteSignals&) = delete;
+    ~CWriteSignals() { pthread_sigmask(SIG_SETMASK, &m_Before, nullptr); }
+    CWriteSignals(const CWriteSignals&) = delete;
+    CWriteSignals& operator=(const CWriteSignals&) = delete;
 
     void TakeBack(int aSignal) {
         sigset_t pending;
@@ -168,46 +169,46 @@ class WriteSignals {
     sigset_t m_Before;
 };
 
-pthread_mutex_t g_lineMutex = PTHREAD_MUTEX_INITIALIZER;
+pthread_mutex_t s_lineMutex = PTHREAD_MUTEX_INITIALIZER;
 thread_local bool t_bWriting = false;
 
 // In a forked child, where the thread that held the mutex does not exist.
 void FreeLineMutex() {
     const pthread_mutex_t FREE = PTHREAD_MUTEX_INITIALIZER;
-    memcpy(&g_lineMutex, &FREE, sizeof(FREE));
+    std::memcpy(&s_lineMutex, &FREE, sizeof(FREE));
 }
 
 // While it lives, the threads of the process write no other line: what takes a line in parts (a
 // pipe, a terminal, a disk that fills up) gets it in one piece. A signal handler that traces while
 // its own thread writes does not wait for it.
-class LineTurn {
+class CLineTurn {
   public:
-    LineTurn() : m_bNested(t_bWriting) {
+    CLineTurn() : m_bNested(t_bWriting) {
         static const int s_nRegistered = pthread_atfork(nullptr, nullptr, FreeLineMutex);
         static_cast<void>(s_nRegistered);
         if (!m_bNested) {
             t_bWriting = true;
-            pthread_mutex_lock(&g_lineMutex);
+            pthread_mutex_lock(&s_lineMutex);
         }
     }
-    ~LineTurn() {
+    ~CLineTurn() {
         if (!m_bNested) {
-            pthread_mutex_unlock(&g_lineMutex);
+            pthread_mutex_unlock(&s_lineMutex);
             t_bWriting = false;
         }
     }
-    LineTurn(const LineTurn&) = delete;
-    LineTurn& operator=(const LineTurn&) = delete;
+    CLineTurn(const CLineTurn&) = delete;
+    CLineTurn& operator=(const CLineTurn&) = delete;
 
   private:
     const bool m_bNested;
 };
 
 // Part of a line reached the destination, and the rest did not.
-std::atomic<bool> g_bTorn{false};
+std::atomic<bool> s_bTorn{false};
 
 // A short write is that of a disk which is filling up: the rest gets one chance more.
-bool WriteFully(WriteSignals& aSignals, int aFile, const char* aText, size_t aLength) {
+bool WriteFully(CWriteSignals& aSignals, int aFile, const char* aText, size_t aLength) {
     size_t nDone = 0;
     while (nDone < aLength) {
         const ssize_t nWritten = write(aFile, aText + nDone, aLength - nDone);
@@ -217,7 +218,7 @@ bool WriteFully(WriteSignals& aSignals, int aFile, const char* aText, size_t aLe
         if (nWritten <= 0) {
             aSignals.TakeBack(errno == EPIPE ? SIGPIPE : SIGXFSZ);
             if (nDone > 0) {
-                g_bTorn.store(true, std::memory_order_relaxed);
+                s_bTorn.store(true, std::memory_order_relaxed);
             }
             return false;
         }
@@ -229,13 +230,13 @@ bool WriteFully(WriteSignals& aSignals, int aFile, const char* aText, size_t aLe
 // After a torn line, the next starts afresh.
 void WriteLine(const char* aLine, size_t aLength) {
     const int nFile = Destination();
-    WriteSignals signals;
-    LineTurn turn;
-    if (g_bTorn.load(std::memory_order_relaxed)) {
+    CWriteSignals signals;
+    CLineTurn turn;
+    if (s_bTorn.load(std::memory_order_relaxed)) {
         if (!WriteFully(signals, nFile, "\n", 1)) {
             return;
         }
-        g_bTorn.store(false, std::memory_order_relaxed);
+        s_bTorn.store(false, std::memory_order_relaxed);
     }
     WriteFully(signals, nFile, aLine, aLength);
 }
@@ -243,28 +244,28 @@ void WriteLine(const char* aLine, size_t aLength) {
 // ---- Lines
 
 // The local time of one second, kept by each thread for the lines of that second.
-struct SecondText {
+struct CSecondText {
     time_t m_Second;
     char m_szText[32];  // "2026-11-21 09:30:00"; empty before the first line
 };
-thread_local SecondText t_second;
+thread_local CSecondText t_second;
 
 const char* TextOfSecond(time_t aSecond) {
     if (t_second.m_Second != aSecond || t_second.m_szText[0] == '\0') {
         tm date = {};
         localtime_r(&aSecond, &date);
-        strftime(t_second.m_szText, sizeof(t_second.m_szText), "%Y-%m-%d %H:%M:%S", &date);
+        std::strftime(t_second.m_szText, sizeof(t_second.m_szText), "%Y-%m-%d %H:%M:%S", &date);
         t_second.m_Second = aSecond;
     }
     return t_second.m_szText;
 }
 
 // The calling thread's number, and the process that it was read in.
-struct ThreadNumber {
+struct CThreadNumber {
     unsigned long long m_ullNumber;
     std::atomic<pid_t> m_Process;  // 0 before the first line
 };
-thread_local ThreadNumber t_number;
+thread_local CThreadNumber t_number;
 
 // A forked child has the variables of its parent's thread, and a number of its own.
 unsigned long long NumberOfThread(pid_t aProcess) {
@@ -289,10 +290,10 @@ void FormatThreadField(char (&aField)[THREAD_FIELD_SIZE]) {
         return;
     }
     for (char* pch = szName; *pch != '\0'; ++pch) {
-        const unsigned char uch = static_cast<unsigned char>(*pch);
-        *pch = uch <= ' ' || uch == 0x7F || uch == '[' || uch == ']' ? '_' : *pch;
+        const unsigned char byChar = static_cast<unsigned char>(*pch);
+        *pch = byChar <= ' ' || byChar == 0x7F || byChar == '[' || byChar == ']' ? '_' : *pch;
     }
-    snprintf(aField, sizeof(aField), "%s%s", THREAD_FIELD, szName);
+    std::snprintf(aField, sizeof(aField), "%s%s", THREAD_FIELD, szName);
 }
 
 size_t FormatHead(char (&aHead)[HEAD_SIZE], const char* aModule) {
@@ -301,14 +302,16 @@ size_t FormatHead(char (&aHead)[HEAD_SIZE], const char* aModule) {
     const pid_t process = getpid();
     char szThread[THREAD_FIELD_SIZE];
     FormatThreadField(szThread);
-    snprintf(aHead, sizeof(aHead), "%s.%03d pid=%d tid=%llu%s [%.*s] ", TextOfSecond(tvNow.tv_sec),
-             static_cast<int>(tvNow.tv_usec / 1000), static_cast<int>(process),
-             NumberOfThread(process), szThread, MODULE_LENGTH, aModule != nullptr ? aModule : "");
+    std::snprintf(aHead, sizeof(aHead), "%s.%03d pid=%d tid=%llu%s [%.*s] ",
+                  TextOfSecond(tvNow.tv_sec), static_cast<int>(tvNow.tv_usec / 1000),
+                  static_cast<int>(process), NumberOfThread(process), szThread, MODULE_LENGTH,
+                  aModule != nullptr ? aModule : "");
     // The module is the host's: it must not break the line either.
-    for (char* pchEnd = strchr(aHead, '\n'); pchEnd != nullptr; pchEnd = strchr(pchEnd, '\n')) {
+    for (char* pchEnd = std::strchr(aHead, '\n'); pchEnd != nullptr;
+         pchEnd = std::strchr(pchEnd, '\n')) {
         *pchEnd = ' ';
     }
-    return strlen(aHead);
+    return std::strlen(aHead);
 }
 
 size_t LengthWithoutLineEnds(const char* aText, size_t aLength) {
@@ -318,7 +321,7 @@ size_t LengthWithoutLineEnds(const char* aText, size_t aLength) {
     return aLength;
 }
 
-// Copies what fits into aRoom, with a tab behind each line end; returns the bytes written.
+// Copies what fits into aRoom, with a tab after each line end; returns the bytes written.
 size_t CopyIndented(char* aOut, size_t aRoom, const char* aText, size_t aLength) {
     size_t nOut = 0;
     for (size_t i = 0; i < aLength && nOut < aRoom; ++i) {
@@ -340,99 +343,99 @@ size_t CountLineEnds(const char* aText, size_t aLength) {
 
 // Without memory for a long line it goes out cut.
 void WriteText(const char* aModule, const char* aText, size_t aLength) {
-    char achHead[HEAD_SIZE];
-    const size_t nHead = FormatHead(achHead, aModule);
+    char szHead[HEAD_SIZE];
+    const size_t nHead = FormatHead(szHead, aModule);
     const size_t nLength = LengthWithoutLineEnds(aText, aLength);
     const size_t nWanted = nHead + nLength + CountLineEnds(aText, nLength) + 1;
 
     char achLine[STACK_LINE_SIZE];
-    char* pchHeap = nWanted > sizeof(achLine) ? static_cast<char*>(malloc(nWanted)) : nullptr;
+    char* pchHeap = nWanted > sizeof(achLine) ? static_cast<char*>(std::malloc(nWanted)) : nullptr;
     char* pchLine = pchHeap != nullptr ? pchHeap : achLine;
     const size_t nSize = pchHeap != nullptr ? nWanted : sizeof(achLine);
-    memcpy(pchLine, achHead, nHead);
+    std::memcpy(pchLine, szHead, nHead);
     size_t nLine = nHead + CopyIndented(pchLine + nHead, nSize - nHead - 1, aText, nLength);
     pchLine[nLine++] = '\n';
     WriteLine(pchLine, nLine);
-    free(pchHeap);
+    std::free(pchHeap);
 }
 
 // ---- Pieces
 
 // The pieces of one text that a thread has handed over so far.
-struct HeldText {
+struct CHeldText {
     char* m_pchText;
     size_t m_nLength;
     size_t m_nSize;
     char m_szModule[MODULE_LENGTH + 1];
 };
 
-void WriteHeld(HeldText& aHeld) {
+void WriteHeld(CHeldText& aHeld) {
     if (aHeld.m_nLength > 0) {
         WriteText(aHeld.m_szModule, aHeld.m_pchText, aHeld.m_nLength);
     }
-    free(aHeld.m_pchText);
-    aHeld = HeldText();
+    std::free(aHeld.m_pchText);
+    aHeld = CHeldText();
 }
 
 // At the end of a thread.
 void EndHeld(void* aHeld) {
-    HeldText* pHeld = static_cast<HeldText*>(aHeld);
+    CHeldText* pHeld = static_cast<CHeldText*>(aHeld);
     WriteHeld(*pHeld);
-    free(pHeld);
+    std::free(pHeld);
 }
 
-struct HeldKey {
-    HeldKey() : m_Key(), m_bValid(pthread_key_create(&m_Key, EndHeld) == 0) {}
+struct CHeldKey {
+    CHeldKey() : m_Key(), m_bValid(pthread_key_create(&m_Key, EndHeld) == 0) {}
 
     pthread_key_t m_Key;
     bool m_bValid;
 };
 
 // Of the calling thread; null when there is none and, with aCreate, no memory for one.
-HeldText* HeldOfThread(bool aCreate) {
-    static const HeldKey s_key;
+CHeldText* HeldOfThread(bool aCreate) {
+    static const CHeldKey s_key;
     if (!s_key.m_bValid) {
         return nullptr;
     }
-    HeldText* pHeld = static_cast<HeldText*>(pthread_getspecific(s_key.m_Key));
+    CHeldText* pHeld = static_cast<CHeldText*>(pthread_getspecific(s_key.m_Key));
     if (pHeld != nullptr || !aCreate) {
         return pHeld;
     }
-    pHeld = static_cast<HeldText*>(calloc(1, sizeof(HeldText)));
+    pHeld = static_cast<CHeldText*>(std::calloc(1, sizeof(CHeldText)));
     if (pHeld != nullptr && pthread_setspecific(s_key.m_Key, pHeld) != 0) {
-        free(pHeld);
+        std::free(pHeld);
         pHeld = nullptr;
     }
     return pHeld;
 }
 
-bool Append(HeldText& aHeld, const char* aText, size_t aLength) {
+bool Append(CHeldText& aHeld, const char* aText, size_t aLength) {
     const size_t nNeeded = aHeld.m_nLength + aLength;
     if (nNeeded > HELD_LENGTH_MAX) {
         return false;
     }
     if (nNeeded > aHeld.m_nSize) {
-        char* pchGrown = static_cast<char*>(realloc(aHeld.m_pchText, 2 * nNeeded));
+        char* pchGrown = static_cast<char*>(std::realloc(aHeld.m_pchText, 2 * nNeeded));
         if (pchGrown == nullptr) {
             return false;
         }
         aHeld.m_pchText = pchGrown;
         aHeld.m_nSize = 2 * nNeeded;
     }
-    memcpy(aHeld.m_pchText + aHeld.m_nLength, aText, aLength);
+    std::memcpy(aHeld.m_pchText + aHeld.m_nLength, aText, aLength);
     aHeld.m_nLength = nNeeded;
     return true;
 }
 
 void TakePiece(const char* aModule, const char* aText, size_t aLength) {
-    HeldText* pHeld = HeldOfThread(true);
+    CHeldText* pHeld = HeldOfThread(true);
     if (pHeld == nullptr) {
         WriteText(aModule, aText, aLength);
         return;
     }
     if (pHeld->m_nLength == 0) {
-        snprintf(pHeld->m_szModule, sizeof(pHeld->m_szModule), "%s",
-                 aModule != nullptr ? aModule : "");
+        std::snprintf(pHeld->m_szModule, sizeof(pHeld->m_szModule), "%s",
+                      aModule != nullptr ? aModule : "");
     }
     if (!Append(*pHeld, aText, aLength)) {
         WriteHeld(*pHeld);
@@ -445,7 +448,7 @@ void TakePiece(const char* aModule, const char* aText, size_t aLength) {
 }
 
 void TakeWhole(const char* aModule, const char* aText, size_t aLength) {
-    if (HeldText* pHeld = HeldOfThread(false)) {
+    if (CHeldText* pHeld = HeldOfThread(false)) {
         WriteHeld(*pHeld);
     }
     WriteText(aModule, aText, aLength);
@@ -454,17 +457,17 @@ void TakeWhole(const char* aModule, const char* aText, size_t aLength) {
 }  // namespace
 
 unsigned long _getTraceLevel() {
-    const unsigned long ulLevel = g_ulLevel.load(std::memory_order_relaxed);
+    const unsigned long ulLevel = s_ulLevel.load(std::memory_order_relaxed);
     if (__builtin_expect(ulLevel != LEVEL_UNKNOWN, 1)) {
         return ulLevel;
     }
     unsigned long ulKnown = LEVEL_UNKNOWN;
     const unsigned long ulFirst = LevelFromEnvironment();
-    return g_ulLevel.compare_exchange_strong(ulKnown, ulFirst) ? ulFirst : ulKnown;
+    return s_ulLevel.compare_exchange_strong(ulKnown, ulFirst) ? ulFirst : ulKnown;
 }
 
 void qtrace_set_level(unsigned long aLevel) {
-    g_ulLevel.store(aLevel < LEVEL_UNKNOWN ? aLevel : LEVEL_UNKNOWN - 1, std::memory_order_relaxed);
+    s_ulLevel.store(aLevel < LEVEL_UNKNOWN ? aLevel : LEVEL_UNKNOWN - 1, std::memory_order_relaxed);
 }
 
 void YRKTRACERAWA(unsigned long /*aLevel*/, const char* aModule, char* aPrefix, const char* aText) {
@@ -475,9 +478,9 @@ void YRKTRACERAWA(unsigned long /*aLevel*/, const char* aModule, char* aPrefix, 
     int nCancelState = PTHREAD_CANCEL_ENABLE;
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &nCancelState);
     if (aPrefix != nullptr) {
-        TakePiece(aModule, aText, strlen(aText));
+        TakePiece(aModule, aText, std::strlen(aText));
     } else {
-        TakeWhole(aModule, aText, strlen(aText));
+        TakeWhole(aModule, aText, std::strlen(aText));
     }
     pthread_setcancelstate(nCancelState, nullptr);
     errno = nError;

@@ -10,9 +10,10 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "CmAscii.h"
 #include "CmCancel.h"
+#include "CmSystem.h"
 #include "CmTraceLine.h"
-#include "port/CmSystem.h"
 
 namespace UTIL_NS {
 
@@ -25,7 +26,7 @@ constexpr size_t HOST_NAME_SIZE = 256;            // bytes, longer than any host
 constexpr char SCHEME_END[] = "://";
 
 bool IsAddressCharacter(char aChar) {
-    return (aChar >= '0' && aChar <= '9') || aChar == '.' || aChar == ' ' || aChar == '\t';
+    return CmIsDigit(aChar) || aChar == '.' || aChar == ' ' || aChar == '\t';
 }
 
 bool IsAddress(const char* aText) {

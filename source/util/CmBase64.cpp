@@ -11,14 +11,14 @@ std::array<unsigned char, 256> s_base64_decode_table = CmBase64Values<unsigned c
 namespace {
 
 // The two characters of every 12 bits, so that three bytes take two look-ups.
-struct Pair {
-    char text[2];
+struct CPair {
+    char m_achText[2];
 };
 
-constexpr std::array<Pair, 4096> MakePairs() {
-    std::array<Pair, 4096> pairs{};
+constexpr std::array<CPair, 4096> MakePairs() {
+    std::array<CPair, 4096> pairs{};
     for (unsigned i = 0; i < 4096; ++i) {
-        pairs[i] = Pair{{six2pr[i >> 6], six2pr[i & 63]}};
+        pairs[i] = CPair{{six2pr[i >> 6], six2pr[i & 63]}};
     }
     return pairs;
 }
@@ -34,7 +34,7 @@ constexpr std::array<uint32_t, 256> MakePlaced(unsigned aShift) {
     return placed;
 }
 
-constexpr std::array<Pair, 4096> PAIRS = MakePairs();
+constexpr std::array<CPair, 4096> PAIRS = MakePairs();
 constexpr std::array<uint32_t, 256> FIRST = MakePlaced(18);
 constexpr std::array<uint32_t, 256> SECOND = MakePlaced(12);
 constexpr std::array<uint32_t, 256> THIRD = MakePlaced(6);
@@ -43,17 +43,17 @@ constexpr std::array<uint32_t, 256> FOURTH = MakePlaced(0);
 void EncodeGroup(const unsigned char* aIn, char* aOut) {
     const unsigned nUpper = static_cast<unsigned>(aIn[0]) << 4 | aIn[1] >> 4;
     const unsigned nLower = (aIn[1] & 0xFU) << 8 | aIn[2];
-    std::memcpy(aOut, PAIRS[nUpper].text, 2);
-    std::memcpy(aOut + 2, PAIRS[nLower].text, 2);
+    std::memcpy(aOut, PAIRS[nUpper].m_achText, 2);
+    std::memcpy(aOut + 2, PAIRS[nLower].m_achText, 2);
 }
 
 // One or two bytes left over: missing bits are 0, missing characters '='.
 char* EncodeRest(const unsigned char* aIn, size_t aLen, char* aOut) {
-    unsigned char abGroup[3] = {aIn[0], 0, 0};
+    unsigned char abyGroup[3] = {aIn[0], 0, 0};
     if (aLen == 2) {
-        abGroup[1] = aIn[1];
+        abyGroup[1] = aIn[1];
     }
-    EncodeGroup(abGroup, aOut);
+    EncodeGroup(abyGroup, aOut);
     aOut[3] = '=';
     if (aLen == 1) {
         aOut[2] = '=';

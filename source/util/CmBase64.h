@@ -1,8 +1,9 @@
 // The tables and inner loops of the base64 codecs; internal.
 //
-// Both directions have several roads: a scalar one that runs everywhere and vector ones, in
-// port/CmBase64Vector.cpp, for processors that have the instructions. All give the same bytes;
-// CmBase64Encode and CmBase64Decode take the widest that the processor and the length allow.
+// Both directions can be done in several ways: by scalars, which runs everywhere, and by the
+// kernels of a processor, in port/CmBase64X86.cpp and its like, of which CMake takes the one for
+// the processor that it builds for. All give the same bytes; CmBase64Encode and CmBase64Decode take
+// the widest vectors that the processor at hand and the length allow.
 #ifndef CM_BASE64_H
 #define CM_BASE64_H
 
@@ -48,9 +49,9 @@ char* CmBase64Encode(const unsigned char* aIn, size_t aLen, char* aOut);
 // each four of them.
 size_t CmBase64Decode(const unsigned char* aIn, size_t aLen, unsigned char* aOut);
 
-// The roads: each consumes as many whole groups from the front as its steps cover, and returns
-// how many bytes (a multiple of 3) or characters (of 4) that is. It reads only within aLen and
-// writes only what belongs to the groups that it consumed.
+// Each of the following consumes as many whole groups from the front as its steps cover, and
+// returns how many bytes (a multiple of 3) or characters (of 4) that is. It reads only within aLen
+// and writes only what belongs to the groups that it consumed.
 size_t CmBase64EncodeScalar(const unsigned char* aIn, size_t aLen, char* aOut);
 size_t CmBase64DecodeScalar(const unsigned char* aIn, size_t aLen, unsigned char* aOut);
 
@@ -58,11 +59,16 @@ size_t CmBase64DecodeScalar(const unsigned char* aIn, size_t aLen, unsigned char
 size_t CmBase64EncodeByVector(const unsigned char* aIn, size_t aLen, char* aOut);
 size_t CmBase64DecodeByVector(const unsigned char* aIn, size_t aLen, unsigned char* aOut);
 
-// What these two choose from.
-size_t CmBase64EncodeSsse3(const unsigned char* aIn, size_t aLen, char* aOut);
-size_t CmBase64EncodeAvx2(const unsigned char* aIn, size_t aLen, char* aOut);
-size_t CmBase64DecodeSsse3(const unsigned char* aIn, size_t aLen, unsigned char* aOut);
-size_t CmBase64DecodeAvx2(const unsigned char* aIn, size_t aLen, unsigned char* aOut);
+// What these two choose from, for tests; the last has no name.
+struct CCmBase64Kernel {
+    const char* m_pszName;
+    bool (*m_pfnIsThere)();  // on the processor at hand
+    size_t (*m_pfnEncode)(const unsigned char* aIn, size_t aLen, char* aOut);
+    size_t m_nEncodeLeft;  // it leaves fewer bytes than this
+    size_t (*m_pfnDecode)(const unsigned char* aIn, size_t aLen, unsigned char* aOut);
+    size_t m_nDecodeStep;  // characters
+};
+extern const CCmBase64Kernel g_base64Kernels[];
 
 }  // namespace UTIL_NS
 

@@ -4,6 +4,7 @@
 #include <new>
 
 #include "CmCancel.h"
+#include "CmConditionSteps.h"
 #include "CmConditionVariable.h"
 #include "CmLifeGuard.h"
 #include "CmQueueOwner.h"
@@ -39,7 +40,8 @@ struct CCmBoundedPoster::CState final : CCmReferenceControlT<CCmMutexThread> {
         CWaiter waiter(*this);
         CmResult rv = CM_OK;
         while (!waiter.m_bHasRoom && CM_SUCCEEDED(rv)) {
-            rv = aDeadline == CM_NEVER_NSEC ? m_Room.Wait(nullptr) : m_Room.WaitUntil_i(aDeadline);
+            rv = aDeadline == CM_NEVER_NSEC ? m_Room.Wait(nullptr)
+                                            : CCmConditionSteps::WaitUntil(m_Room, aDeadline);
         }
         return waiter.m_bHasRoom ? CM_OK : rv;
     }

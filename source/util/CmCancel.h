@@ -10,8 +10,8 @@
 
 #include <pthread.h>
 
+#include "CmSystem.h"
 #include "port/CmPort.h"
-#include "port/CmSystem.h"
 
 namespace UTIL_NS {
 

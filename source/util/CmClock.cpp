@@ -5,9 +5,10 @@
 
 #include "CmCancel.h"
 #include "CmChrono.h"
+#include "CmSleep.h"
+#include "CmSystem.h"
 #include "CmTimeValue.h"
 #include "port/CmPort.h"
-#include "port/CmSystem.h"
 
 namespace UTIL_NS {
 
@@ -18,7 +19,6 @@ constexpr long long USEC_PER_MS = 1000;
 constexpr long long USEC_PER_SEC = USEC_PER_MS * MS_PER_SEC;
 constexpr long long USEC_PER_MINUTE = USEC_PER_SEC * 60;
 constexpr long long USEC_PER_HOUR = USEC_PER_MINUTE * 60;
-constexpr long NSEC_PER_MS = 1000000;
 constexpr long long MAX_TIME_VALUE = 0x7FFFFFFFFFFFFFFF;
 
 }  // namespace
@@ -135,11 +135,7 @@ CCmTimeValue CmMonotonicNow() {
 }
 
 int ms_sleep(unsigned long aMs) {
-    timespec tsRemain = {static_cast<time_t>(aMs / MS_PER_SEC),
-                         static_cast<long>(aMs % MS_PER_SEC) * NSEC_PER_MS};
-    // An interruption leaves what is left in tsRemain, any other failure leaves it as it is.
-    while (g_cmSystem.nanosleep(&tsRemain, &tsRemain) != 0) {
-    }
+    CmSleepFully(aMs);
     return 0;
 }
 

@@ -1,5 +1,5 @@
-// The steps of a condition's operations, for units that write the line about a failed call only
-// after they have released their mutex; internal.
+// What the library's own units do with conditions and events beyond what hosts are promised;
+// internal.
 #ifndef CM_CONDITION_STEPS_H
 #define CM_CONDITION_STEPS_H
 
@@ -7,24 +7,31 @@
 
 namespace UTIL_NS {
 
-// Wait is Call and WaitResult, Signal is SignalCall and SignalResult. The first steps write no line
-// and return the error number of the system call; the second ones write it and make the result, and
-// do not touch what the condition consists of.
+// An operation in two steps, for callers that write the line about a failed call only after they
+// have released their mutex: a ...Call makes the system call, writes no line and returns its error
+// number; the ...Result that follows writes the line and returns the operation's result. The
+// condition may be gone by then: of it, ...Result uses the address alone.
 struct CCmConditionSteps {
     static int WaitCall(CCmConditionVariableThread& aCondition, const CCmTimeValue* aTimeout);
     static CmResult WaitResult(const CCmConditionVariableThread& aCondition,
                                const CCmTimeValue* aTimeout, int aError);
-    // The same up to a moment of the monotonic clock.
+    // A wait up to a moment of the monotonic clock, in nanoseconds.
+    static CmResult WaitUntil(CCmConditionVariableThread& aCondition, long long aDeadlineNsec);
     static int WaitUntilCall(CCmConditionVariableThread& aCondition, long long aDeadlineNsec);
     static CmResult WaitUntilResult(const CCmConditionVariableThread& aCondition,
                                     long long aDeadlineNsec, int aError);
     static int SignalCall(CCmConditionVariableThread& aCondition);
     static CmResult SignalResult(const CCmConditionVariableThread& aCondition, int aError);
-    // A signal that must not be missed: tried again when it fails. Whether it was given; aError is
-    // that of the last try that failed, 0 when none did: one line is due for all of them.
+    // A signal that must not be missed: tried again when it fails. Returns whether it was given;
+    // aError is that of the last try that failed, for one line about all of them, or 0.
     static bool SignalSurely(CCmConditionVariableThread& aCondition, int& aError);
     static int BroadcastCall(CCmConditionVariableThread& aCondition);
     static CmResult BroadcastResult(const CCmConditionVariableThread& aCondition, int aError);
+
+    // Signal of an automatic event, given after the event's mutex was released, so that the waiter
+    // does not wake up only to find it taken. For a waiter that leaves the event alive. It must not
+    // be missed: what fails is tried again.
+    static CmResult SignalAfterUnlock(CCmEventThread& aEvent);
 };
 
 }  // namespace UTIL_NS

@@ -1,16 +1,15 @@
 #include "CmConditionVariable.h"
 
-#include <errno.h>
-#include <limits.h>
-
 #include <algorithm>
+#include <cerrno>
+#include <climits>
 
 #include "CmCancel.h"
 #include "CmConditionSteps.h"
 #include "CmScopedLock.h"
+#include "CmSystem.h"
 #include "CmTraceLine.h"
 #include "port/CmPort.h"
-#include "port/CmSystem.h"
 
 namespace UTIL_NS {
 
@@ -35,8 +34,26 @@ timespec DeadlineAfter(const CCmTimeValue& aTimeout) {
 
 constexpr long long NSEC_PER_SEC = 1000000000;
 
-// How often a signal is given that must not be missed.
+// A signal that must not be missed is tried this often; what fails so often fails for good.
 constexpr int SIGNAL_TRIES = 3;
+
+// The result is that of pthread_mutex_init, or of what it needs. A mutex that fails becomes zeros.
+int InitMutex(pthread_mutex_t& aMutex, int aType) {
+    pthread_mutexattr_t attribute;
+    int rv = g_cmSystem.pthread_mutexattr_init(&attribute);
+    if (rv != 0) {
+        return rv;
+    }
+    rv = g_cmSystem.pthread_mutexattr_settype(&attribute, aType);
+    if (rv == 0 || aType == MUTEX_TYPE_DEFAULT) {
+        rv = g_cmSystem.pthread_mutex_init(&aMutex, &attribute);
+    }
+    g_cmSystem.pthread_mutexattr_destroy(&attribute);
+    if (rv != 0) {
+        aMutex = pthread_mutex_t();
+    }
+    return rv;
+}
 
 // Whether aError, of a destruction, says only that the object was never made: its initialisation
 // failed, which left zeros and has written its line.
@@ -48,23 +65,6 @@ bool WasNeverMade(const Object& aObject, int aError) {
 }
 
 }  // namespace
-
-int CCmMutexThreadBase::Init(int aType) {
-    pthread_mutexattr_t attribute;
-    int rv = g_cmSystem.pthread_mutexattr_init(&attribute);
-    if (rv != 0) {
-        return rv;
-    }
-    rv = g_cmSystem.pthread_mutexattr_settype(&attribute, aType);
-    if (rv == 0 || aType == MUTEX_TYPE_DEFAULT) {
-        rv = g_cmSystem.pthread_mutex_init(&m_Mutex, &attribute);
-    }
-    g_cmSystem.pthread_mutexattr_destroy(&attribute);
-    if (rv != 0) {
-        m_Mutex = pthread_mutex_t();
-    }
-    return rv;
-}
 
 CCmMutexThreadBase::~CCmMutexThreadBase() {
     const int rv = g_cmSystem.pthread_mutex_destroy(&m_Mutex);
@@ -92,7 +92,7 @@ CmResult CCmMutexThreadBase::TryLock() CM_NO_THREAD_SAFETY_ANALYSIS {
 }
 
 CCmMutexThreadRecursive::CCmMutexThreadRecursive() {
-    const int rv = Init(PTHREAD_MUTEX_RECURSIVE);
+    const int rv = InitMutex(m_Mutex, PTHREAD_MUTEX_RECURSIVE);
     if (rv != 0) {
         CM_ERROR_TRACE_THIS(
             "CCmMutexThreadRecursive::CCmMutexThreadRecursive, pthread_mutex_init() failed! err="
@@ -103,7 +103,7 @@ CCmMutexThreadRecursive::CCmMutexThreadRecursive() {
 CCmMutexThreadRecursive::~CCmMutexThreadRecursive() = default;
 
 CCmMutexThread::CCmMutexThread() {
-    const int rv = Init(MUTEX_TYPE_DEFAULT);
+    const int rv = InitMutex(m_Mutex, MUTEX_TYPE_DEFAULT);
     if (rv != 0) {
         CM_ERROR_TRACE_THIS(
             "CCmMutexThread::CCmMutexThread, pthread_mutex_init() failed! err=" << rv);
@@ -168,7 +168,7 @@ CmResult CCmConditionSteps::BroadcastResult(const CCmConditionVariableThread& aC
     if (CM_LIKELY(aError == 0)) {
         return CM_OK;
     }
-    // The text names Signal.
+    // The line names Signal; hosts know it by this text.
     CM_WARNING_TRACE("CCmConditionVariableThread::Signal, pthread_cond_broadcast() failed! err="
                      << aError << " this=" << CmTraceAddress(&aCondition));
     return CM_ERROR_FAILURE;
@@ -245,9 +245,9 @@ CmResult CCmConditionVariableThread::Wait(CCmTimeValue* aTimeout) {
                                          CCmConditionSteps::WaitCall(*this, aTimeout));
 }
 
-CmResult CCmConditionVariableThread::WaitUntil_i(long long aDeadlineNsec) {
-    return CCmConditionSteps::WaitUntilResult(
-        *this, aDeadlineNsec, CCmConditionSteps::WaitUntilCall(*this, aDeadlineNsec));
+CmResult CCmConditionSteps::WaitUntil(CCmConditionVariableThread& aCondition,
+                                      long long aDeadlineNsec) {
+    return WaitUntilResult(aCondition, aDeadlineNsec, WaitUntilCall(aCondition, aDeadlineNsec));
 }
 
 CCmEventThread::CCmEventThread(signed char aManualReset, signed char aInitialState,
@@ -259,7 +259,8 @@ CCmEventThread::CCmEventThread(signed char aManualReset, signed char aInitialSta
 
 CCmEventThread::~CCmEventThread() = default;
 
-// Whoever wakes may free the event: once the mutex is released, its address alone is used.
+// In the operations of an event, its mutex is the last of it that is touched: a thread that has
+// woken may free the event while the line about a failed call is still being written.
 CmResult CCmEventThread::Wait(CCmTimeValue* aTimeout) {
     CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
     const CmResult rv = lock.result();
@@ -272,12 +273,12 @@ CmResult CCmEventThread::Wait(CCmTimeValue* aTimeout) {
         return CM_OK;
     }
     ++m_nWaiters;
-    CCmCleanUpT cleanUp([&]() CM_NO_THREAD_SAFETY_ANALYSIS {
+    CCmCleanUpT leave([&]() CM_NO_THREAD_SAFETY_ANALYSIS {
         --m_nWaiters;
         lock.Unlock();
     });
     const int nError = CCmConditionSteps::WaitCall(m_Condition, aTimeout);
-    cleanUp.Execute();
+    leave.Execute();
     return CCmConditionSteps::WaitResult(m_Condition, aTimeout, nError);
 }
 
@@ -301,21 +302,21 @@ CmResult CCmEventThread::Signal() {
     return CCmConditionSteps::SignalResult(m_Condition, nError);
 }
 
-CmResult CCmEventThread::SignalBehindLock_i() {
+CmResult CCmConditionSteps::SignalAfterUnlock(CCmEventThread& aEvent) {
     CmResult rv = CM_ERROR_FAILURE;
     for (int i = 0; i < SIGNAL_TRIES && CM_FAILED(rv); ++i) {
-        CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
+        CCmScopedLockT<CCmMutexThread> lock(aEvent.m_Mutex);
         rv = lock.result();
-        if (CM_SUCCEEDED(rv) && m_nWaiters == 0) {
-            m_bSignaled = 1;
+        if (CM_SUCCEEDED(rv) && aEvent.m_nWaiters == 0) {
+            aEvent.m_bSignaled = 1;
             return CM_OK;
         }
     }
     CM_ASSERTE_RETURN(CM_SUCCEEDED(rv), rv);
 
     int nError = 0;
-    const bool bGiven = CCmConditionSteps::SignalSurely(m_Condition, nError);
-    CCmConditionSteps::SignalResult(m_Condition, nError);
+    const bool bGiven = SignalSurely(aEvent.m_Condition, nError);
+    SignalResult(aEvent.m_Condition, nError);
     return bGiven ? CM_OK : CM_ERROR_FAILURE;
 }
 
@@ -339,7 +340,7 @@ CmResult CCmEventThread::Reset() {
 
 CCmSemaphore::CCmSemaphore(long aInitialCount, const char* /*aName*/, long /*aMaximumCount*/)
     : m_Semaphore() {
-    // A count out of range is handed on as one that the system refuses.
+    // What the system's type cannot hold becomes a number that the system refuses.
     const bool bInRange = aInitialCount >= 0 && aInitialCount <= INT_MAX;
     const unsigned int dwCount = bInRange ? static_cast<unsigned int>(aInitialCount) : UINT_MAX;
     if (g_cmSystem.sem_init(&m_Semaphore, 0, dwCount) != 0) {
@@ -376,7 +377,7 @@ CmResult CCmSemaphore::PostN(long aCount) {
     for (long i = 0; i < aCount; ++i) {
         if (g_cmSystem.sem_post(&m_Semaphore) != 0) {
             const int nError = errno;
-            // The text names UnLock.
+            // The line names UnLock; hosts know it by this text.
             CM_WARNING_TRACE_THIS("CCmSemaphore::UnLock, sem_post() failed! err=" << nError);
             return CM_ERROR_FAILURE;
         }

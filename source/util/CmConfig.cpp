@@ -1,12 +1,12 @@
 #include "CmConfig.h"
 
-#include <limits.h>
-#include <stdlib.h>
-#include <string.h>
-
+#include <climits>
+#include <cstdlib>
+#include <cstring>
 #include <new>
 #include <string_view>
 
+#include "CmAscii.h"
 #include "CmCancel.h"
 #include "CmMainSnapshot.h"
 #include "CmProcessName.h"
@@ -36,7 +36,7 @@ std::string_view ViewOf(const char* aText) {
 size_t CopyBounded(char* aOut, size_t aRoom, std::string_view aText) {
     const size_t nLength = aText.size() < aRoom ? aText.size() : aRoom;
     if (nLength > 0) {
-        memcpy(aOut, aText.data(), nLength);
+        std::memcpy(aOut, aText.data(), nLength);
     }
     return nLength;
 }
@@ -63,24 +63,25 @@ int ReadProfile(const char* aSection, const char* aKey, char* aOut, int aOutSize
     return static_cast<int>(CopyTerminated(aOut, static_cast<size_t>(aOutSize), search.value()));
 }
 
-// As sscanf with "%d", "%u" and "%lu"; a text without a number gives 0. A number beyond the type
-// keeps the low bits of what fits a long, as there.
+// As sscanf with "%d" on these systems: what does not fit in a long counts as the nearest long, of
+// which the low bits remain. A text without a number gives 0.
 int ParseInt(const char* aText) {
-    return static_cast<int>(strtol(aText, nullptr, 10));
+    return static_cast<int>(std::strtol(aText, nullptr, 10));
 }
 
+// The same for "%u", "%hu" and "%lu" with an unsigned long.
 unsigned long ParseUnsigned(const char* aText) {
-    return strtoul(aText, nullptr, 10);
+    return std::strtoul(aText, nullptr, 10);
 }
 
 bool IsTrue(const char* aText) {
-    return CmEqualsIgnoringCase(aText, "TRUE");
+    return CmEqualsNoCase(aText, "TRUE");
 }
 
 bool FillExecName() {
-    uint16_t awUnits[CM_PORT_NAME_UNITS];
-    const size_t nUnits = CmPortExecutableName(awUnits);
-    memcpy(s_achExecName, awUnits, nUnits * sizeof(uint16_t));
+    uint16_t units[CM_PORT_NAME_UNITS];
+    const size_t nUnits = CmPortExecutableName(units);
+    std::memcpy(s_achExecName, units, nUnits * sizeof(uint16_t));
     return nUnits > 0;
 }
 
@@ -93,11 +94,11 @@ char* trim_string(char* aStr) {
     if (aStr == nullptr) {
         return nullptr;
     }
-    size_t nLength = strlen(aStr);
-    while (nLength > 0 && CmIsProfileBlank(aStr[nLength - 1])) {
+    size_t nLength = std::strlen(aStr);
+    while (nLength > 0 && CmIsBlank(aStr[nLength - 1])) {
         aStr[--nLength] = '\0';
     }
-    while (CmIsProfileBlank(*aStr)) {
+    while (CmIsBlank(*aStr)) {
         ++aStr;
     }
     return aStr;
@@ -334,7 +335,7 @@ const char* CmProcessNameOf(const char* aExecName, const char* aFallback) {
     if (aExecName == nullptr) {
         return aFallback;
     }
-    const char* const pSlash = strrchr(aExecName, '/');
+    const char* const pSlash = std::strrchr(aExecName, '/');
     return pSlash == nullptr ? aExecName : pSlash + 1;
 }
 
@@ -352,7 +353,7 @@ int MMP_GetCurrentModuleParentPath(char* aBuffer, int aSize) {
         !CmPortApplicationParentPath(aBuffer, static_cast<size_t>(aSize))) {
         return 0;
     }
-    return static_cast<int>(strlen(aBuffer));
+    return static_cast<int>(std::strlen(aBuffer));
 }
 
 }  // namespace UTIL_NS

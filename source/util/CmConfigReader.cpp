@@ -1,9 +1,10 @@
 #include "CmConfigReader.h"
 
-#include <errno.h>
 #include <fcntl.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstdio>
 #include <memory>
 #include <new>
 #include <system_error>
@@ -13,54 +14,43 @@
 #include "CmCancel.h"
 #include "CmConfig.h"
 #include "CmMainSnapshot.h"
+#include "CmPrivateState.h"
 #include "CmProfileReader.h"
+#include "CmSystem.h"
 #include "CmT120Trace.h"
 #include "port/CmFileTime.h"
-#include "port/CmSystem.h"
 
 namespace UTIL_NS {
 
 namespace {
 
-// A file that was not written to for so long holds what its writer meant; the time of a change is
-// no finer than this on the file systems in use.
+// Whoever has not written to a file for so long is taken to be done with it. A later change shows
+// in the file's time then, which is no coarser than this on the file systems in use.
 constexpr long SETTLED_USEC = 20 * 1000;
 constexpr int MAX_TRIES = 50;
 constexpr size_t LONGEST_QUOTE = 64;  // of a value in a sentence
 constexpr size_t NONE = static_cast<size_t>(-1);
 
-// -1, 0 or 1, without regard to ASCII case.
-int Compare(std::string_view aLeft, std::string_view aRight) {
-    const size_t nCommon = std::min(aLeft.size(), aRight.size());
-    for (size_t i = 0; i < nCommon; ++i) {
-        const auto byLeft = static_cast<unsigned char>(CmToLower(aLeft[i]));
-        const auto byRight = static_cast<unsigned char>(CmToLower(aRight[i]));
-        if (byLeft != byRight) {
-            return byLeft < byRight ? -1 : 1;
-        }
-    }
-    return aLeft.size() < aRight.size() ? -1 : aLeft.size() > aRight.size() ? 1 : 0;
-}
-
 // ---- The file
 
 // What tells one state of a file from another.
-struct FileMark {
-    dev_t device = 0;
-    ino_t number = 0;
-    off_t size = -1;
-    timespec time = {};
+struct CFileMark {
+    dev_t m_device = 0;
+    ino_t m_number = 0;
+    off_t m_llSize = -1;
+    timespec m_time = {};
 
-    FileMark() = default;
-    explicit FileMark(const struct stat& aStat)
-        : device(aStat.st_dev),
-          number(aStat.st_ino),
-          size(aStat.st_size),
-          time(CmFileTime(aStat)) {}
-    friend bool operator==(const FileMark& aLeft, const FileMark& aRight) {
-        return std::tie(aLeft.device, aLeft.number, aLeft.size, aLeft.time.tv_sec,
-                        aLeft.time.tv_nsec) == std::tie(aRight.device, aRight.number, aRight.size,
-                                                        aRight.time.tv_sec, aRight.time.tv_nsec);
+    CFileMark() = default;
+    explicit CFileMark(const struct stat& aStat)
+        : m_device(aStat.st_dev),
+          m_number(aStat.st_ino),
+          m_llSize(aStat.st_size),
+          m_time(CmFileTime(aStat)) {}
+    friend bool operator==(const CFileMark& aLeft, const CFileMark& aRight) {
+        return std::tie(aLeft.m_device, aLeft.m_number, aLeft.m_llSize, aLeft.m_time.tv_sec,
+                        aLeft.m_time.tv_nsec) == std::tie(aRight.m_device, aRight.m_number,
+                                                          aRight.m_llSize, aRight.m_time.tv_sec,
+                                                          aRight.m_time.tv_nsec);
     }
 };
 
@@ -76,12 +66,12 @@ class CFile {
     CFile& operator=(const CFile&) = delete;
 
     bool IsOpen() const { return m_nFile >= 0; }
-    bool Mark(FileMark& aMark) const {
+    bool Mark(CFileMark& aMark) const {
         struct stat state = {};
         if (g_cmSystem.fstat(m_nFile, &state) != 0) {
             return false;
         }
-        aMark = FileMark(state);
+        aMark = CFileMark(state);
         return true;
     }
     // All of it, from the start.
@@ -104,25 +94,25 @@ class CFile {
     const int m_nFile;
 };
 
-// Whether a change from now on would get another time than the last one.
-bool IsSettled(const FileMark& aMark) {
+// Whether a change from now on would leave another time than the last one did.
+bool IsSettled(const CFileMark& aMark) {
     timeval now = {};
     if (g_cmSystem.gettimeofday(&now, nullptr) != 0) {
         return false;
     }
     const CCmTimeValue tvAge =
-        CCmTimeValue(now) - CCmTimeValue(aMark.time.tv_sec, aMark.time.tv_nsec / 1000);
+        CCmTimeValue(now) - CCmTimeValue(aMark.m_time.tv_sec, aMark.m_time.tv_nsec / 1000);
     return tvAge >= CCmTimeValue(0, SETTLED_USEC);
 }
 
 // Reads a file as it was at one moment: nobody wrote to it from the first look at its time to the
 // last. A time too young to tell, or one of another machine's clock, is made up for by a second
 // reading that finds the same.
-CmResult TakeSnapshot(const CFile& aFile, CCmString& aText, FileMark& aMark) {
+CmResult TakeSnapshot(const CFile& aFile, CCmString& aText, CFileMark& aMark) {
     CCmString strPrevious;
-    FileMark previous;
+    CFileMark previous;
     for (int i = 0; i < MAX_TRIES; ++i) {
-        FileMark before;
+        CFileMark before;
         if (!aFile.Mark(before)) {
             return CM_ERROR_FAILURE;
         }
@@ -143,17 +133,17 @@ CmResult TakeSnapshot(const CFile& aFile, CCmString& aText, FileMark& aMark) {
 
 // ---- What it says
 
-struct Header {
-    std::string_view name;
-    unsigned line;
+struct CHeader {
+    std::string_view m_name;
+    unsigned m_dwLine;
 };
 
-struct Entry {
-    size_t header;  // NONE ahead of the first
-    std::string_view key;
-    std::string_view value;
-    unsigned line;
-    bool asked;
+struct CEntry {
+    size_t m_nHeader;  // NONE before the first
+    std::string_view m_key;
+    std::string_view m_value;
+    unsigned m_dwLine;
+    bool m_bAsked;
 };
 
 // A text taken apart once. The views point into its text.
@@ -175,38 +165,38 @@ class CProfile {
     }
 
     // Null when the key is absent.
-    Entry* Find(std::string_view aSection, std::string_view aKey) {
+    CEntry* Find(std::string_view aSection, std::string_view aKey) {
         const size_t nHeader = FirstHeader(aSection);
         const size_t nEntry = nHeader == NONE ? NONE : FirstEntry(nHeader, aKey);
         return nEntry == NONE ? nullptr : &m_entries[nEntry];
     }
-    std::string_view SectionOf(const Entry& aEntry) const {
-        return aEntry.header == NONE ? std::string_view() : m_headers[aEntry.header].name;
+    std::string_view SectionOf(const CEntry& aEntry) const {
+        return aEntry.m_nHeader == NONE ? std::string_view() : m_headers[aEntry.m_nHeader].m_name;
     }
     // The line of what keeps an entry from being found; 0 when nothing does.
-    unsigned HiddenBy(const Entry& aEntry) const {
-        const size_t nHeader = FirstHeader(m_headers[aEntry.header].name);
-        if (nHeader != aEntry.header) {
-            return m_headers[nHeader].line;
+    unsigned HiddenBy(const CEntry& aEntry) const {
+        const size_t nHeader = FirstHeader(m_headers[aEntry.m_nHeader].m_name);
+        if (nHeader != aEntry.m_nHeader) {
+            return m_headers[nHeader].m_dwLine;
         }
-        const Entry& first = m_entries[FirstEntry(nHeader, aEntry.key)];
-        return &first == &aEntry ? 0 : first.line;
+        const CEntry& first = m_entries[FirstEntry(nHeader, aEntry.m_key)];
+        return &first == &aEntry ? 0 : first.m_dwLine;
     }
-    const std::vector<Entry>& entries() const { return m_entries; }
+    const std::vector<CEntry>& entries() const { return m_entries; }
 
   private:
     void AddLine(std::string_view aLine, unsigned aNumber) {
         const CCmProfileLine line = CmSplitProfileLine(aLine);
-        if (line.kind == CCmProfileLine::HEADER) {
-            m_headers.push_back({CmTrimmed(line.name), aNumber});
-        } else if (line.kind == CCmProfileLine::KEY) {
+        if (line.m_kind == CCmProfileLine::HEADER) {
+            m_headers.push_back({CmTrimmed(line.m_name), aNumber});
+        } else if (line.m_kind == CCmProfileLine::KEY) {
             const size_t nHeader = m_headers.empty() ? NONE : m_headers.size() - 1;
             m_entries.push_back(
-                {nHeader, CmTrimmed(line.name), CmProfileValue(line.value), aNumber, false});
+                {nHeader, CmTrimmed(line.m_name), CmProfileValue(line.m_value), aNumber, false});
         }
     }
 
-    // Of equal names the first comes first.
+    // Stable: of equal names that which comes first in the file stays first.
     void Sort() {
         for (size_t i = 0; i < m_headers.size(); ++i) {
             m_headerOrder.push_back(i);
@@ -215,36 +205,40 @@ class CProfile {
             m_entryOrder.push_back(i);
         }
         std::stable_sort(m_headerOrder.begin(), m_headerOrder.end(), [this](size_t a, size_t b) {
-            return Compare(m_headers[a].name, m_headers[b].name) < 0;
+            return CmCompareNoCase(m_headers[a].m_name, m_headers[b].m_name) < 0;
         });
         std::stable_sort(m_entryOrder.begin(), m_entryOrder.end(), [this](size_t a, size_t b) {
-            return IsBefore(m_entries[a], m_entries[b].header, m_entries[b].key);
+            return IsBefore(m_entries[a], m_entries[b].m_nHeader, m_entries[b].m_key);
         });
     }
-    static bool IsBefore(const Entry& aEntry, size_t aHeader, std::string_view aKey) {
-        return aEntry.header != aHeader ? aEntry.header < aHeader : Compare(aEntry.key, aKey) < 0;
+    static bool IsBefore(const CEntry& aEntry, size_t aHeader, std::string_view aKey) {
+        return aEntry.m_nHeader != aHeader ? aEntry.m_nHeader < aHeader
+                                           : CmCompareNoCase(aEntry.m_key, aKey) < 0;
     }
 
     size_t FirstHeader(std::string_view aName) const {
-        const auto it = std::lower_bound(m_headerOrder.begin(), m_headerOrder.end(), aName,
-                                         [this](size_t i, std::string_view aWanted) {
-                                             return Compare(m_headers[i].name, aWanted) < 0;
-                                         });
-        return it == m_headerOrder.end() || Compare(m_headers[*it].name, aName) != 0 ? NONE : *it;
+        const auto it =
+            std::lower_bound(m_headerOrder.begin(), m_headerOrder.end(), aName,
+                             [this](size_t i, std::string_view aWanted) {
+                                 return CmCompareNoCase(m_headers[i].m_name, aWanted) < 0;
+                             });
+        return it == m_headerOrder.end() || CmCompareNoCase(m_headers[*it].m_name, aName) != 0
+                   ? NONE
+                   : *it;
     }
     size_t FirstEntry(size_t aHeader, std::string_view aKey) const {
         const auto it = std::lower_bound(m_entryOrder.begin(), m_entryOrder.end(), aKey,
                                          [this, aHeader](size_t i, std::string_view aWanted) {
                                              return IsBefore(m_entries[i], aHeader, aWanted);
                                          });
-        const bool bFound = it != m_entryOrder.end() && m_entries[*it].header == aHeader &&
-                            Compare(m_entries[*it].key, aKey) == 0;
+        const bool bFound = it != m_entryOrder.end() && m_entries[*it].m_nHeader == aHeader &&
+                            CmCompareNoCase(m_entries[*it].m_key, aKey) == 0;
         return bFound ? *it : NONE;
     }
 
     std::unique_ptr<const CCmString> m_pText;  // stays where it is when the profile is moved
-    std::vector<Header> m_headers;
-    std::vector<Entry> m_entries;
+    std::vector<CHeader> m_headers;
+    std::vector<CEntry> m_entries;
     std::vector<size_t> m_headerOrder;
     std::vector<size_t> m_entryOrder;
 };
@@ -268,11 +262,11 @@ CCmString NameOf(std::string_view aName) {
 
 CCmString SecondsOf(const CCmTimeValue& aTime) {
     const bool bNegative = aTime < CCmTimeValue();
-    char achText[48];
-    snprintf(achText, sizeof(achText), "%s%lld.%06lld", bNegative ? "-" : "",
-             static_cast<long long>(bNegative ? -aTime.GetSec() : aTime.GetSec()),
-             static_cast<long long>(bNegative ? -aTime.GetUsec() : aTime.GetUsec()));
-    CCmString strText = achText;
+    char szText[48];
+    std::snprintf(szText, sizeof(szText), "%s%lld.%06lld", bNegative ? "-" : "",
+                  static_cast<long long>(bNegative ? -aTime.GetSec() : aTime.GetSec()),
+                  static_cast<long long>(bNegative ? -aTime.GetUsec() : aTime.GetUsec()));
+    CCmString strText = szText;
     strText.resize(strText.find_last_not_of('0') + 1);
     if (strText.back() == '.') {
         strText.pop_back();
@@ -311,97 +305,101 @@ CCmMainSnapshot* CCmMainSnapshot::Current() {
     return t_pMainSnapshot;
 }
 
-struct __attribute__((visibility("hidden"))) CCmConfigReader::Rep {
-    CCmString strPath;
-    bool bIsMain = false;
-    bool bWasRead = false;
-    bool bExists = false;
-    FileMark mark;
-    CProfile profile;
-    std::vector<CCmString> problems;
+struct CM_UTIL_HIDDEN CCmConfigReader::CState {
+    CCmString m_strPath;
+    bool m_bIsMain = false;
+    bool m_bWasRead = false;
+    bool m_bExists = false;
+    CFileMark m_mark;
+    CProfile m_profile;
+    std::vector<CCmString> m_problems;
 
     CmResult Read(const char* aPath, bool aIsMain);
     CmResult Complain(const char* aPath, CmResult aResult, const CCmString& aWhy);
-    CCmString PlaceOf(const Entry& aEntry) const;
-    CCmString Sentence(const Entry& aEntry, const CCmString& aExpected) const;
-    CCmString UnaskedSentence(const Entry& aEntry) const;
-    std::string_view ValueOf(const Entry& aEntry) const;
+    CCmString PlaceOf(const CEntry& aEntry) const;
+    CCmString Sentence(const CEntry& aEntry, const CCmString& aExpected) const;
+    CCmString UnaskedSentence(const CEntry& aEntry) const;
+    std::string_view ValueOf(const CEntry& aEntry) const;
     CmResult Refuse(std::string_view aSection, std::string_view aKey, const CCmString& aExpected);
 };
 
 // Everything is made first and put in place last, so that running out of memory changes nothing.
-CmResult CCmConfigReader::Rep::Read(const char* aPath, bool aIsMain) {
-    Rep fresh;
-    fresh.strPath = aPath;
-    fresh.bIsMain = aIsMain;
-    fresh.bWasRead = true;
+CmResult CCmConfigReader::CState::Read(const char* aPath, bool aIsMain) {
+    CState fresh;
+    fresh.m_strPath = aPath;
+    fresh.m_bIsMain = aIsMain;
+    fresh.m_bWasRead = true;
     const CFile file(aPath);
-    fresh.bExists = file.IsOpen();
+    fresh.m_bExists = file.IsOpen();
     if (!file.IsOpen() && errno != ENOENT) {
         return Complain(aPath, CM_ERROR_FAILURE, SystemError());
     }
-    if (fresh.bExists) {
+    if (fresh.m_bExists) {
         CCmString strText;
-        const CmResult rv = TakeSnapshot(file, strText, fresh.mark);
+        const CmResult rv = TakeSnapshot(file, strText, fresh.m_mark);
         if (CM_FAILED(rv)) {
             return Complain(aPath, rv,
                             rv == CM_ERROR_FAILURE ? SystemError() : "it does not stop changing");
         }
-        fresh.profile.Parse(std::move(strText));
+        fresh.m_profile.Parse(std::move(strText));
     }
     std::swap(*this, fresh);
-    return bExists ? CM_OK : CM_ERROR_NOT_FOUND;
+    return m_bExists ? CM_OK : CM_ERROR_NOT_FOUND;
 }
 
-CmResult CCmConfigReader::Rep::Complain(const char* aPath, CmResult aResult,
-                                        const CCmString& aWhy) {
-    problems.push_back(CCmString(aPath) + ": cannot be read: " + aWhy);
+CmResult CCmConfigReader::CState::Complain(const char* aPath, CmResult aResult,
+                                           const CCmString& aWhy) {
+    m_problems.push_back(CCmString(aPath) + ": cannot be read: " + aWhy);
     return aResult;
 }
 
-CCmString CCmConfigReader::Rep::PlaceOf(const Entry& aEntry) const {
-    return strPath + ":" + std::to_string(aEntry.line) + ": ";
+CCmString CCmConfigReader::CState::PlaceOf(const CEntry& aEntry) const {
+    return m_strPath + ":" + std::to_string(aEntry.m_dwLine) + ": ";
 }
 
-CCmString CCmConfigReader::Rep::Sentence(const Entry& aEntry, const CCmString& aExpected) const {
-    return PlaceOf(aEntry) + NameOf(aEntry.key) + " = " + Quoted(ValueOf(aEntry)) +
-           " in section [" + NameOf(profile.SectionOf(aEntry)) + "] should be " + aExpected;
+CCmString CCmConfigReader::CState::Sentence(const CEntry& aEntry,
+                                            const CCmString& aExpected) const {
+    return PlaceOf(aEntry) + NameOf(aEntry.m_key) + " = " + Quoted(ValueOf(aEntry)) +
+           " in section [" + NameOf(m_profile.SectionOf(aEntry)) + "] should be " + aExpected;
 }
 
 // Empty when there is nothing to say.
-CCmString CCmConfigReader::Rep::UnaskedSentence(const Entry& aEntry) const {
-    const CCmString strWhat = PlaceOf(aEntry) + "the key " + NameOf(aEntry.key);
-    if (aEntry.header == NONE) {
+CCmString CCmConfigReader::CState::UnaskedSentence(const CEntry& aEntry) const {
+    const CCmString strWhat = PlaceOf(aEntry) + "the key " + NameOf(aEntry.m_key);
+    if (aEntry.m_nHeader == NONE) {
         return strWhat + " is in no section";
     }
-    const CCmString strWhere = strWhat + " in section [" + NameOf(profile.SectionOf(aEntry)) + "] ";
-    const unsigned dwHidden = profile.HiddenBy(aEntry);
+    const CCmString strWhere =
+        strWhat + " in section [" + NameOf(m_profile.SectionOf(aEntry)) + "] ";
+    const unsigned dwHidden = m_profile.HiddenBy(aEntry);
     if (dwHidden != 0) {
         return strWhere + "does not count, because line " + std::to_string(dwHidden) +
                " has that name already";
     }
-    return aEntry.asked ? CCmString() : strWhere + "means nothing here";
+    return aEntry.m_bAsked ? CCmString() : strWhere + "means nothing here";
 }
 
-std::string_view CCmConfigReader::Rep::ValueOf(const Entry& aEntry) const {
-    const bool bSemicolon = bIsMain && !aEntry.value.empty() && aEntry.value.back() == ';';
-    return aEntry.value.substr(0, aEntry.value.size() - (bSemicolon ? 1 : 0));
+std::string_view CCmConfigReader::CState::ValueOf(const CEntry& aEntry) const {
+    const bool bSemicolon = m_bIsMain && !aEntry.m_value.empty() && aEntry.m_value.back() == ';';
+    return aEntry.m_value.substr(0, aEntry.m_value.size() - (bSemicolon ? 1 : 0));
 }
 
-CmResult CCmConfigReader::Rep::Refuse(std::string_view aSection, std::string_view aKey,
-                                      const CCmString& aExpected) {
-    const Entry* pEntry = profile.Find(aSection, aKey);
+CmResult CCmConfigReader::CState::Refuse(std::string_view aSection, std::string_view aKey,
+                                         const CCmString& aExpected) {
+    const CEntry* pEntry = m_profile.Find(aSection, aKey);
     if (pEntry == nullptr) {
         return CM_ERROR_NOT_FOUND;
     }
-    problems.push_back(Sentence(*pEntry, aExpected));
+    m_problems.push_back(Sentence(*pEntry, aExpected));
     return CM_ERROR_INVALID_ARG;
 }
 
-CCmConfigReader::CCmConfigReader() : m_pRep(new (std::nothrow) Rep) {}
+CCmConfigReader::CCmConfigReader() {
+    CCmPrivateRoom::Make(m_Private);
+}
 
 CCmConfigReader::~CCmConfigReader() {
-    delete m_pRep;
+    CCmPrivateRoom::End(m_Private);
 }
 
 CmResult CCmConfigReader::Read(const char* aPath) {
@@ -409,62 +407,63 @@ CmResult CCmConfigReader::Read(const char* aPath) {
     if (aPath == nullptr) {
         return CM_ERROR_INVALID_ARG;
     }
-    return m_pRep == nullptr ? CM_ERROR_OUT_OF_MEMORY
-                             : WithMemory([&] { return m_pRep->Read(aPath, false); });
+    return WithMemory([&] { return CCmPrivateRoom::Of(m_Private).Read(aPath, false); });
 }
 
 CmResult CCmConfigReader::ReadMain() {
     CCmDisableCancel disableCancel;
     char szPath[CM_CONFIG_PATH_SIZE];
     get_config_file_name(szPath);
-    return m_pRep == nullptr ? CM_ERROR_OUT_OF_MEMORY
-                             : WithMemory([&] { return m_pRep->Read(szPath, true); });
+    return WithMemory([&] { return CCmPrivateRoom::Of(m_Private).Read(szPath, true); });
 }
 
 bool CCmConfigReader::HasChanged() const {
-    if (m_pRep == nullptr || !m_pRep->bWasRead) {
+    const CState& read = CCmPrivateRoom::Of(m_Private);
+    if (!read.m_bWasRead) {
         return true;
     }
     struct stat state = {};
-    const bool bExists = g_cmSystem.stat(m_pRep->strPath.c_str(), &state) == 0;
-    return bExists != m_pRep->bExists || (bExists && !(FileMark(state) == m_pRep->mark));
+    const bool bExists = g_cmSystem.stat(read.m_strPath.c_str(), &state) == 0;
+    return bExists != read.m_bExists || (bExists && !(CFileMark(state) == read.m_mark));
 }
 
 CmResult CCmConfigReader::UseForTrace() {
     CCmDisableCancel disableCancel;
-    if (m_pRep == nullptr || !m_pRep->bIsMain) {
+    CState& state = CCmPrivateRoom::Of(m_Private);
+    if (!state.m_bIsMain) {
         return CM_ERROR_NOT_INITIALIZED;
     }
     class CSnapshot final : public CCmMainSnapshot {
       public:
-        explicit CSnapshot(Rep& aRep) : m_rep(aRep) {}
+        explicit CSnapshot(CState& aState) : m_state(aState) {}
         bool Find(std::string_view aSection, std::string_view aKey,
                   std::string_view& aValue) override {
-            Entry* pEntry = m_rep.profile.Find(aSection, aKey);
+            CEntry* pEntry = m_state.m_profile.Find(aSection, aKey);
             if (pEntry == nullptr) {
                 return false;
             }
-            pEntry->asked = true;
-            aValue = pEntry->value;
+            pEntry->m_bAsked = true;
+            aValue = pEntry->m_value;
             return true;
         }
 
       private:
-        Rep& m_rep;
+        CState& m_state;
     };
-    const CSnapshot snapshot(*m_pRep);
+    const CSnapshot snapshot(state);
     refresh_trace_config();
     return CM_OK;
 }
 
 CmResult CCmConfigReader::GetText(std::string_view aSection, std::string_view aKey,
                                   std::string_view& aValue) {
-    Entry* pEntry = m_pRep == nullptr ? nullptr : m_pRep->profile.Find(aSection, aKey);
+    CState& state = CCmPrivateRoom::Of(m_Private);
+    CEntry* pEntry = state.m_profile.Find(aSection, aKey);
     if (pEntry == nullptr) {
         return CM_ERROR_NOT_FOUND;
     }
-    pEntry->asked = true;
-    aValue = m_pRep->ValueOf(*pEntry);
+    pEntry->m_bAsked = true;
+    aValue = state.ValueOf(*pEntry);
     return CM_OK;
 }
 
@@ -486,7 +485,7 @@ CmResult CCmConfigReader::GetDuration(std::string_view aSection, std::string_vie
     return WithMemory([&] {
         const CCmString strMost =
             aMax < CCmTimeValue(INT64_MAX) ? " to " + SecondsOf(aMax) : CCmString(" on");
-        return m_pRep->Refuse(
+        return CCmPrivateRoom::Of(m_Private).Refuse(
             aSection, aKey,
             "a duration with its unit (us, ms, s, min, h or d) from " + SecondsOf(aMin) + strMost);
     });
@@ -500,9 +499,10 @@ CmResult CCmConfigReader::GetSize(std::string_view aSection, std::string_view aK
         return rv;
     }
     return WithMemory([&] {
-        return m_pRep->Refuse(aSection, aKey,
-                              "a size (B, kB, KiB, MB, MiB, GB, GiB, TB, TiB or no unit) from " +
-                                  std::to_string(aMin) + " to " + std::to_string(aMax) + " bytes");
+        return CCmPrivateRoom::Of(m_Private).Refuse(
+            aSection, aKey,
+            "a size (B, kB, KiB, MB, MiB, GB, GiB, TB, TiB or no unit) from " +
+                std::to_string(aMin) + " to " + std::to_string(aMax) + " bytes");
     });
 }
 
@@ -518,30 +518,25 @@ CmResult CCmConfigReader::GetAddress(std::string_view aSection, std::string_view
 
 CmResult CCmConfigReader::Refuse(std::string_view aSection, std::string_view aKey,
                                  const char* aExpected) {
-    if (m_pRep == nullptr) {
-        return CM_ERROR_NOT_FOUND;
-    }
     return WithMemory([&] {
-        return m_pRep->Refuse(aSection, aKey, aExpected == nullptr ? "something else" : aExpected);
+        return CCmPrivateRoom::Of(m_Private).Refuse(
+            aSection, aKey, aExpected == nullptr ? "something else" : aExpected);
     });
 }
 
 const std::vector<CCmString>& CCmConfigReader::problems() const {
-    static const std::vector<CCmString> s_none;
-    return m_pRep == nullptr ? s_none : m_pRep->problems;
+    return CCmPrivateRoom::Of(m_Private).m_problems;
 }
 
 CmResult CCmConfigReader::ListUnasked(std::string_view aSection,
                                       std::vector<CCmString>& aSentences) const {
-    if (m_pRep == nullptr) {
-        return CM_OK;
-    }
+    const CState& state = CCmPrivateRoom::Of(m_Private);
     return WithMemory([&] {
         std::vector<CCmString> sentences = aSentences;
-        for (const Entry& entry : m_pRep->profile.entries()) {
-            const std::string_view section = m_pRep->profile.SectionOf(entry);
-            if (aSection.empty() || CmEqualsIgnoringCase(section, aSection)) {
-                CCmString strSentence = m_pRep->UnaskedSentence(entry);
+        for (const CEntry& entry : state.m_profile.entries()) {
+            const std::string_view section = state.m_profile.SectionOf(entry);
+            if (aSection.empty() || CmEqualsNoCase(section, aSection)) {
+                CCmString strSentence = state.UnaskedSentence(entry);
                 if (!strSentence.empty()) {
                     sentences.push_back(std::move(strSentence));
                 }

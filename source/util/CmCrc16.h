@@ -1,4 +1,4 @@
-// The fast roads of CRC-16; internal. Each gives what the byte-wise loop gives.
+// The fast ways of CRC-16; internal. Each gives what the byte-wise loop gives.
 //
 // The value is the register of the reflected polynomial 0x8005, from any start value on.
 #ifndef CM_CRC16_H
@@ -10,7 +10,7 @@
 
 namespace UTIL_NS {
 
-constexpr size_t CRC16_STEP = 16;  // bytes that the table road takes at a time
+constexpr size_t CRC16_STEP = 16;  // bytes that CmCrc16ByTable takes at a time
 
 // [n][b]: what byte b adds to the register when n more bytes follow it.
 typedef std::array<std::array<uint16_t, 256>, CRC16_STEP> CmCrc16StepTable;
@@ -33,11 +33,19 @@ inline uint16_t CmCrc16Byte(uint16_t aCrc, unsigned char aByte) {
 // Several bytes a step through tables; any length.
 uint16_t CmCrc16ByTable(uint16_t aCrc, const unsigned char* aData, size_t aLength);
 
-// By carry-less multiplication, where the processor has it; at least CRC16_STEP bytes.
+// By carry-less multiplication, where the processor at hand has it; at least CRC16_STEP bytes. This
+// is the kernel: port/CmCrc16X86.cpp or one of its like, of which CMake takes the one for the
+// processor that it builds for.
 bool CmHasCarrylessMultiply();
 uint16_t CmCrc16ByMultiply(uint16_t aCrc, const unsigned char* aData, size_t aLength);
-// As on a processor without the wide form of the instruction, for tests on one that has it.
-uint16_t CmCrc16ByNarrowMultiply(uint16_t aCrc, const unsigned char* aData, size_t aLength);
+
+// What the kernel chooses from, for tests; the last has no name.
+struct CCmCrc16Kernel {
+    const char* m_pszName;
+    bool (*m_pfnIsThere)();  // on the processor at hand
+    uint16_t (*m_pfnCalculate)(uint16_t aCrc, const unsigned char* aData, size_t aLength);
+};
+extern const CCmCrc16Kernel g_crc16Kernels[];
 
 }  // namespace UTIL_NS
 

@@ -20,8 +20,8 @@ constexpr size_t CHUNK_BYTES = 3 * 1024;
 constexpr size_t CHUNK_TEXT = CHUNK_BYTES / 3 * 4;
 
 bool LiesIn(const void* aBytes, const CCmString& aText) {
-    const std::less_equal<const void*> notBehind;
-    return notBehind(aText.data(), aBytes) && notBehind(aBytes, aText.data() + aText.capacity());
+    const std::less_equal<const void*> notAfter;
+    return notAfter(aText.data(), aBytes) && notAfter(aBytes, aText.data() + aText.capacity());
 }
 
 // Makes room for aLength characters; what the string holds is kept only if it need not move.
@@ -70,18 +70,18 @@ size_t LengthWithoutPadding(const unsigned char* aIn, size_t aLen) {
 // The last group of a run, of one to three characters, at aGroup; aIn ends at aEnd, where the
 // padding or the terminator is, which counts as outside the alphabet. Returns the bytes written.
 size_t DecodeRest(const unsigned char* aGroup, const unsigned char* aEnd, unsigned char* aOut) {
-    uint32_t adwValue[3] = {CM_BASE64_INVALID, CM_BASE64_INVALID, CM_BASE64_INVALID};
+    uint32_t values[3] = {CM_BASE64_INVALID, CM_BASE64_INVALID, CM_BASE64_INVALID};
     for (size_t i = 0; i < 3 && aGroup + i < aEnd; ++i) {
-        adwValue[i] = pr2six[aGroup[i]];
+        values[i] = pr2six[aGroup[i]];
     }
-    if (adwValue[0] == CM_BASE64_INVALID) {
+    if (values[0] == CM_BASE64_INVALID) {
         return 0;
     }
-    aOut[0] = static_cast<unsigned char>(adwValue[0] << 2 | adwValue[1] >> 4);
-    if (adwValue[2] == CM_BASE64_INVALID) {
+    aOut[0] = static_cast<unsigned char>(values[0] << 2 | values[1] >> 4);
+    if (values[2] == CM_BASE64_INVALID) {
         return 1;
     }
-    aOut[1] = static_cast<unsigned char>(adwValue[1] << 4 | adwValue[2] >> 2);
+    aOut[1] = static_cast<unsigned char>(values[1] << 4 | values[2] >> 2);
     return 2;
 }
 
@@ -124,19 +124,15 @@ size_t DecodePaddedGroup(const unsigned char* aIn, unsigned char* aOut) {
 }
 
 // What url_string_encode writes for a byte.
-struct Escape {
-    char text[3];
-    unsigned char length;
+struct CEscape {
+    char m_achText[3];
+    unsigned char m_byLength;
 };
 
-constexpr bool IsLetterOrDigit(unsigned aByte) {
-    return (aByte >= 'a' && aByte <= 'z') || (aByte >= 'A' && aByte <= 'Z') ||
-           (aByte >= '0' && aByte <= '9');
-}
-
-constexpr Escape MakeEscape(unsigned aByte) {
-    if (IsLetterOrDigit(aByte)) {
-        return {{static_cast<char>(aByte), 0, 0}, 1};
+constexpr CEscape MakeEscape(unsigned aByte) {
+    const char ch = static_cast<char>(aByte);
+    if (CmIsLetter(ch) || CmIsDigit(ch)) {
+        return {{ch, 0, 0}, 1};
     }
     if (aByte == ' ') {
         return {{'+', 0, 0}, 1};
@@ -148,19 +144,19 @@ constexpr Escape MakeEscape(unsigned aByte) {
     return {{'%', HEX[aByte >> 4], HEX[aByte & 0xF]}, 3};
 }
 
-constexpr std::array<Escape, 256> MakeEscapes() {
-    std::array<Escape, 256> escapes{};
+constexpr std::array<CEscape, 256> MakeEscapes() {
+    std::array<CEscape, 256> escapes{};
     for (unsigned i = 0; i < 256; ++i) {
         escapes[i] = MakeEscape(i);
     }
     return escapes;
 }
 
-constexpr std::array<Escape, 256> ESCAPES = MakeEscapes();
-constexpr ptrdiff_t STORED = sizeof(Escape);
+constexpr std::array<CEscape, 256> ESCAPES = MakeEscapes();
+constexpr ptrdiff_t STORED = sizeof(CEscape);
 
 // A text from its end on, its letters in lower case.
-struct BackwardNoCase {
+struct CBackwardNoCase {
     unsigned char operator()(size_t aPlace) const {
         return static_cast<unsigned char>(CmToLower(*(m_pEnd - 1 - aPlace)));
     }
@@ -207,14 +203,14 @@ char* url_string_encode(char* aIn, char* aOut, int aOutSize) {
     const char* const pLimit = aOut + std::max(aOutSize, 0);
     // All four bytes of an entry are stored where they fit; the next ones overwrite the excess.
     for (; aIn != nullptr && *aIn != '\0' && pLimit - pOut >= STORED; ++aIn) {
-        const Escape& escape = ESCAPES[static_cast<unsigned char>(*aIn)];
+        const CEscape& escape = ESCAPES[static_cast<unsigned char>(*aIn)];
         std::memcpy(pOut, &escape, sizeof(escape));
-        pOut += escape.length;
+        pOut += escape.m_byLength;
     }
     for (; aIn != nullptr && *aIn != '\0' && pOut < pLimit; ++aIn) {
-        const Escape& escape = ESCAPES[static_cast<unsigned char>(*aIn)];
-        std::memcpy(pOut, escape.text, escape.length);
-        pOut += escape.length;
+        const CEscape& escape = ESCAPES[static_cast<unsigned char>(*aIn)];
+        std::memcpy(pOut, escape.m_achText, escape.m_byLength);
+        pOut += escape.m_byLength;
     }
     *pOut = '\0';
     return aOut;
@@ -295,7 +291,7 @@ char* CM_strcaserstr(char* aStr, const char* aSub) {
     }
     const size_t nStr = std::strlen(aStr);
     const size_t nSub = std::strlen(aSub);
-    const UTIL_NS::CCmTextSearchT<UTIL_NS::BackwardNoCase> search({aSub + nSub}, nSub);
+    const UTIL_NS::CCmTextSearchT<UTIL_NS::CBackwardNoCase> search({aSub + nSub}, nSub);
     const size_t nFromEnd = search.Find({aStr + nStr}, nStr, 0);
     return nFromEnd != UTIL_NS::CM_NOT_FOUND ? aStr + (nStr - nFromEnd - nSub) : nullptr;
 }

@@ -1,9 +1,10 @@
 #include "CmEvent.h"
 
 #include "CmCancel.h"
+#include "CmConditionSteps.h"
+#include "CmNsec.h"
 #include "CmQueueOwner.h"
 #include "CmScopedLock.h"
-#include "CmTimedCalls.h"
 
 namespace UTIL_NS {
 
@@ -101,7 +102,7 @@ CmResult ACmCallEvent::CallWithin_i(ICmEventQueue& aQueue, const CCmTimeValue& a
         CCmScopedLockT<CCmMutexThread> lock(m_pWait->m_Mutex);
         rv = lock.result();
         while (CM_SUCCEEDED(rv) && m_nState.load(std::memory_order_acquire) <= CALL_RUNS) {
-            rv = m_pWait->m_Ended.WaitUntil_i(llDeadline);
+            rv = CCmConditionSteps::WaitUntil(m_pWait->m_Ended, llDeadline);
         }
     }
     switch (m_nState.load(std::memory_order_acquire)) {

@@ -6,9 +6,9 @@
 #include "CmCancel.h"
 #include "CmConditionSteps.h"
 #include "CmScopedLock.h"
+#include "CmSystem.h"
 #include "CmTraceLine.h"
 #include "port/CmPort.h"
-#include "port/CmSystem.h"
 
 namespace UTIL_NS {
 
@@ -429,7 +429,7 @@ void CCmEventSynchronous::EndEvent_i() {
 }
 
 void CCmEventSynchronous::Wake_i() {
-    m_SendEvent.SignalBehindLock_i();
+    CCmConditionSteps::SignalAfterUnlock(m_SendEvent);
 }
 
 // From the firing until its sender has posted the wrapper back, the queue must not go.

@@ -1,50 +1,51 @@
 #include "CmFileTurn.h"
 
-#include <errno.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <memory>
 #include <new>
 #include <utility>
 
 #include "CmScopedLock.h"
+#include "CmSystem.h"
 #include "CmTraceGuard.h"
-#include "port/CmSystem.h"
 
 namespace UTIL_NS {
 
 namespace {
 
-// Guards the lists and counts below. Nothing is waited for while it is held.
+// Guards the lists and counts below. Nothing is waited for while it is held, and no other lock is
+// taken.
 CCmEternalLockT<CCmMutexThread> s_listMutex;
 
 // A file, by device and inode, that is open at least once.
-struct TurnFile {
-    TurnFile* m_pNext = nullptr;
+struct CTurnFile {
+    CTurnFile* m_pNext = nullptr;
     dev_t m_Device = 0;
     ino_t m_Inode = 0;
-    int m_nUses = 0;                      // openings until they have been passed to Close
-    CmTurnOpening* m_pToClose = nullptr;  // by whoever has the turn
+    int m_nUses = 0;                       // openings until they have been passed to Close
+    CCmTurnOpening* m_pToClose = nullptr;  // by whoever has the turn
     CCmMutexThread m_Turn{CCmStaticInit()};
 };
 
-TurnFile* s_pFiles CM_GUARDED_BY(s_listMutex.m_Lock) = nullptr;
-CmTurnOpening* s_pOpenings CM_GUARDED_BY(s_listMutex.m_Lock) = nullptr;
+CTurnFile* s_pFiles CM_GUARDED_BY(s_listMutex.m_Lock) = nullptr;
+CCmTurnOpening* s_pOpenings CM_GUARDED_BY(s_listMutex.m_Lock) = nullptr;
 
 }  // namespace
 
-struct CmTurnOpening {
-    CmTurnOpening* m_pNext = nullptr;
+struct CCmTurnOpening {
+    CCmTurnOpening* m_pNext = nullptr;
     int m_nDescriptor = -1;
     FILE* m_pStream = nullptr;  // owns the descriptor
-    TurnFile* m_pFile = nullptr;
+    CTurnFile* m_pFile = nullptr;
     int m_nUses = 1;  // its owner's, until it closes, and each turn's
 };
 
 namespace {
 
-void CloseNow(CmTurnOpening* aOpening) {
+void CloseNow(CCmTurnOpening* aOpening) {
     if (aOpening->m_pStream != nullptr) {
         std::fclose(aOpening->m_pStream);
     } else {
@@ -53,20 +54,23 @@ void CloseNow(CmTurnOpening* aOpening) {
     delete aOpening;
 }
 
-bool HasToClose(const TurnFile& aFile) {
+bool HasClosings(const CTurnFile& aFile) {
     CCmScopedLockT<CCmMutexThread> lock(s_listMutex.m_Lock);
     return aFile.m_pToClose != nullptr;
 }
 
-CmTurnOpening* TakeToClose(TurnFile& aFile) {
+CCmTurnOpening* TakeClosings(CTurnFile& aFile) {
     CCmScopedLockT<CCmMutexThread> lock(s_listMutex.m_Lock);
     return std::exchange(aFile.m_pToClose, nullptr);
 }
 
-// A thread that finds the turn taken may leave: whoever has it comes here when it ends.
-void CloseWhatIsLeft(TurnFile& aFile) {
-    while (HasToClose(aFile) && CM_SUCCEEDED(aFile.m_Turn.TryLock())) {
-        CmTurnOpening* pOpening = TakeToClose(aFile);
+// Closes within a turn, since to close a file takes the process's locks off it. A thread that finds
+// the turn taken need not wait: whoever has it comes here after it, and then finds what this thread
+// listed before it tried. So a thread that has closed asks again: others may have listed more
+// meanwhile, found it at work and left.
+void CloseInTurn(CTurnFile& aFile) {
+    while (HasClosings(aFile) && CM_SUCCEEDED(aFile.m_Turn.TryLock())) {
+        CCmTurnOpening* pOpening = TakeClosings(aFile);
         while (pOpening != nullptr) {
             CloseNow(std::exchange(pOpening, pOpening->m_pNext));
         }
@@ -83,7 +87,7 @@ void Unlink(Node*& aHeader, Node* aNode) {
     *ppLink = aNode->m_pNext;
 }
 
-void EndUseOf(TurnFile* aFile) {
+void EndUseOf(CTurnFile* aFile) {
     {
         CCmScopedLockT<CCmMutexThread> lock(s_listMutex.m_Lock);
         if (--aFile->m_nUses > 0) {
@@ -94,9 +98,10 @@ void EndUseOf(TurnFile* aFile) {
     delete aFile;
 }
 
-// The last use closes it. The file is used until that has been seen to.
-void EndUseOf(CmTurnOpening* aOpening) {
-    TurnFile* const pFile = aOpening->m_pFile;
+// The last use closes it. The opening is itself a use of its file, which ends after that: the turn
+// has to be there until then.
+void EndUseOf(CCmTurnOpening* aOpening) {
+    CTurnFile* const pFile = aOpening->m_pFile;
     {
         CCmScopedLockT<CCmMutexThread> lock(s_listMutex.m_Lock);
         if (--aOpening->m_nUses > 0) {
@@ -105,14 +110,14 @@ void EndUseOf(CmTurnOpening* aOpening) {
         aOpening->m_pNext = pFile->m_pToClose;
         pFile->m_pToClose = aOpening;
     }
-    CloseWhatIsLeft(*pFile);
+    CloseInTurn(*pFile);
     EndUseOf(pFile);
 }
 
-// aNew becomes the file unless it is open already.
-TurnFile* UseFile(const struct stat& aStatus, std::unique_ptr<TurnFile>& aNew)
+// The file that is open already, or aNew, which becomes it. One more use of either.
+CTurnFile* UseFile(const struct stat& aStatus, std::unique_ptr<CTurnFile>& aNew)
     CM_REQUIRES(s_listMutex.m_Lock) {
-    TurnFile* pFile = s_pFiles;
+    CTurnFile* pFile = s_pFiles;
     while (pFile != nullptr &&
            (pFile->m_Device != aStatus.st_dev || pFile->m_Inode != aStatus.st_ino)) {
         pFile = pFile->m_pNext;
@@ -128,17 +133,17 @@ TurnFile* UseFile(const struct stat& aStatus, std::unique_ptr<TurnFile>& aNew)
     return pFile;
 }
 
-CmTurnOpening* FindOpening(FILE* aStream) CM_REQUIRES(s_listMutex.m_Lock) {
-    CmTurnOpening* pOpening = s_pOpenings;
+CCmTurnOpening* FindOpening(FILE* aStream) CM_REQUIRES(s_listMutex.m_Lock) {
+    CCmTurnOpening* pOpening = s_pOpenings;
     while (pOpening != nullptr && pOpening->m_pStream != aStream) {
         pOpening = pOpening->m_pNext;
     }
     return pOpening;
 }
 
-CmTurnOpening* UseOpening(FILE* aStream) {
+CCmTurnOpening* UseOpening(FILE* aStream) {
     CCmScopedLockT<CCmMutexThread> lock(s_listMutex.m_Lock);
-    CmTurnOpening* const pOpening = FindOpening(aStream);
+    CCmTurnOpening* const pOpening = FindOpening(aStream);
     if (pOpening != nullptr) {
         ++pOpening->m_nUses;
     }
@@ -149,8 +154,8 @@ CmTurnOpening* UseOpening(FILE* aStream) {
 
 FILE* CmOpenTurnFile(const char* aPath, int& aDescriptor) {
     // Memory first: once the file is open, it can only be closed in a turn.
-    std::unique_ptr<CmTurnOpening> pNew(new (std::nothrow) CmTurnOpening);
-    std::unique_ptr<TurnFile> pNewFile(new (std::nothrow) TurnFile);
+    std::unique_ptr<CCmTurnOpening> pNew(new (std::nothrow) CCmTurnOpening);
+    std::unique_ptr<CTurnFile> pNewFile(new (std::nothrow) CTurnFile);
     if (pNew == nullptr || pNewFile == nullptr) {
         return nullptr;
     }
@@ -164,7 +169,7 @@ FILE* CmOpenTurnFile(const char* aPath, int& aDescriptor) {
         return nullptr;
     }
     FILE* const pStream = g_cmSystem.fdopen(nDescriptor, "r+");
-    CmTurnOpening* const pOpening = pNew.release();
+    CCmTurnOpening* const pOpening = pNew.release();
     pOpening->m_nDescriptor = nDescriptor;
     pOpening->m_pStream = pStream;
     {
@@ -184,7 +189,7 @@ FILE* CmOpenTurnFile(const char* aPath, int& aDescriptor) {
 }
 
 void CmCloseTurnFile(FILE* aStream) {
-    CmTurnOpening* pOpening;
+    CCmTurnOpening* pOpening;
     {
         CCmScopedLockT<CCmMutexThread> lock(s_listMutex.m_Lock);
         pOpening = FindOpening(aStream);
@@ -201,9 +206,9 @@ CCmFileTurn::CCmFileTurn(FILE* aStream) : m_pOpening(UseOpening(aStream)) {
 
 CCmFileTurn::~CCmFileTurn() {
     if (m_pOpening != nullptr) {
-        TurnFile* const pFile = m_pOpening->m_pFile;
+        CTurnFile* const pFile = m_pOpening->m_pFile;
         pFile->m_Turn.UnLock();
-        CloseWhatIsLeft(*pFile);
+        CloseInTurn(*pFile);
         EndUseOf(m_pOpening);
     }
 }

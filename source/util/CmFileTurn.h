@@ -8,7 +8,7 @@
 #ifndef CM_FILE_TURN_H
 #define CM_FILE_TURN_H
 
-#include <stdio.h>
+#include <cstdio>
 
 namespace UTIL_NS {
 
@@ -20,9 +20,9 @@ FILE* CmOpenTurnFile(const char* aPath, int& aDescriptor);
 // for through aStream have ended. Waits for none of them.
 void CmCloseTurnFile(FILE* aStream);
 
-struct CmTurnOpening;
+struct CCmTurnOpening;
 
-// The turn of the file behind aStream, from construction to destruction.
+// The turn of the file that aStream is open on, from construction to destruction.
 class CCmFileTurn {
   public:
     // Waits for the thread that has it. aStream: of CmOpenTurnFile.
@@ -35,7 +35,7 @@ class CCmFileTurn {
     bool held() const { return m_pOpening != nullptr; }
 
   private:
-    CmTurnOpening* const m_pOpening;
+    CCmTurnOpening* const m_pOpening;
 };
 
 }  // namespace UTIL_NS

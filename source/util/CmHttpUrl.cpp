@@ -26,65 +26,36 @@ constexpr size_t PORT_DIGITS = 5;          // of 65535
 constexpr std::string_view SCHEME_END = "://";
 constexpr std::string_view FILE_WORD = "file";
 
-struct Scheme {
-    std::string_view prefix;  // the word and SCHEME_END
-    unsigned short defaultPort;
-
+struct CScheme {
     constexpr std::string_view word() const {
-        return prefix.substr(0, prefix.size() - SCHEME_END.size());
+        return m_prefix.substr(0, m_prefix.size() - SCHEME_END.size());
     }
+
+    std::string_view m_prefix;  // the word and SCHEME_END
+    unsigned short m_wDefaultPort;
 };
 
-constexpr Scheme SCHEMES[] = {
+constexpr CScheme SCHEMES[] = {
     {"http://", PORT_HTTP}, {"https://", PORT_HTTPS}, {"file://", PORT_NONE},
     {"ws://", PORT_HTTP},   {"wss://", PORT_HTTPS},
 };
 
-// aPrefix is in lower case.
-bool StartsWithNoCase(std::string_view aText, std::string_view aPrefix) {
-    if (aText.size() < aPrefix.size()) {
-        return false;
-    }
-    for (size_t i = 0; i < aPrefix.size(); ++i) {
-        if (CmToLower(aText[i]) != aPrefix[i]) {
-            return false;
-        }
-    }
-    return true;
-}
-
-const Scheme* FindScheme(std::string_view aText) {
-    for (const Scheme& scheme : SCHEMES) {
-        if (StartsWithNoCase(aText, scheme.prefix)) {
+const CScheme* FindScheme(std::string_view aText) {
+    for (const CScheme& scheme : SCHEMES) {
+        if (CmStartsWithNoCase(aText, scheme.m_prefix)) {
             return &scheme;
         }
     }
     return nullptr;
 }
 
-std::string_view TrimLeft(std::string_view aText) {
-    const CCmIsSpace isSpace;
-    while (!aText.empty() && isSpace(aText.front())) {
-        aText.remove_prefix(1);
-    }
-    return aText;
-}
-
-std::string_view TrimRight(std::string_view aText) {
-    const CCmIsSpace isSpace;
-    while (!aText.empty() && isSpace(aText.back())) {
-        aText.remove_suffix(1);
-    }
-    return aText;
-}
-
-// As atoi, with a quick road for the usual text of nothing but a few digits. Behind aText, which is
-// part of a terminated string, come only a '/', or blanks and the terminator: the number cannot run
-// on past its end.
+// As atoi, with a quick way for the usual text of nothing but a few digits. aText is part of a
+// terminated string, in which only a '/', or blanks and the terminator, can follow it: the number
+// ends with it.
 unsigned short ParsePort(std::string_view aText) {
     unsigned int dwPort = 0;
     for (const char ch : aText) {
-        if (ch < '0' || ch > '9' || aText.size() > PORT_DIGITS) {
+        if (!CmIsDigit(ch) || aText.size() > PORT_DIGITS) {
             return static_cast<unsigned short>(std::strtol(aText.data(), nullptr, 10));
         }
         dwPort = dwPort * 10 + static_cast<unsigned int>(ch - '0');
@@ -110,7 +81,7 @@ CCmString Copy(const CCmString& aText) {
     }
 }
 
-struct Forward {
+struct CForward {
     unsigned char operator()(size_t aPlace) const {
         return static_cast<unsigned char>(m_pText[aPlace]);
     }
@@ -121,7 +92,7 @@ CCmString Replaced(std::string_view aText, std::string_view aFrom, std::string_v
     if (aFrom.empty()) {
         return CCmString(aText);
     }
-    const CCmTextSearchT<Forward> search({aFrom.data()}, aFrom.size());
+    const CCmTextSearchT<CForward> search({aFrom.data()}, aFrom.size());
     CCmString strResult;
     size_t nStart = 0;
     while (true) {
@@ -138,66 +109,95 @@ CCmString Replaced(std::string_view aText, std::string_view aFrom, std::string_v
 
 }  // namespace
 
+// Steps that throw for want of memory.
+class CCmHttpUrl::CSteps {
+  public:
+    static bool Init(CCmHttpUrl& aUrl, std::string_view aRemainder) {
+        const bool bIsFile = std::string_view(aUrl.m_strScheme) == FILE_WORD;
+        if (bIsFile && !aRemainder.empty() && aRemainder.front() == '/') {
+            aRemainder.remove_prefix(1);
+        }
+        aRemainder = CmTrimmedRight(CmTrimmedLeft(aRemainder, CCmIsSpace()), CCmIsSpace());
+        const size_t nSlash = aRemainder.find('/');
+        const bool bHasSlash = nSlash != std::string_view::npos;
+        if (bIsFile) {
+            // The cached printed form is left alone here.
+            aUrl.m_strPath = bHasSlash ? aRemainder.substr(nSlash) : aRemainder;
+            return true;
+        }
+        if (!SetNameAndPort(aUrl, aRemainder.substr(0, nSlash))) {
+            return false;
+        }
+        SetPath(aUrl, bHasSlash ? aRemainder.substr(nSlash) : std::string_view());
+        return true;
+    }
+
+    static bool SetNameAndPort(CCmHttpUrl& aUrl, std::string_view aNameAndPort) {
+        if (aNameAndPort.empty()) {
+            return false;
+        }
+        const size_t nColon = aNameAndPort.find(':');
+        aUrl.m_strHost = aNameAndPort.substr(0, nColon);
+        aUrl.SetPort(nColon == std::string_view::npos ? PORT_NONE
+                                                      : ParsePort(aNameAndPort.substr(nColon + 1)));
+        return !aUrl.m_strHost.empty();
+    }
+
+    static void SetPath(CCmHttpUrl& aUrl, std::string_view aPath) {
+        aUrl.m_strPath = aPath.empty() ? std::string_view("/") : aPath;
+        aUrl.m_strAsciiSpec.clear();
+    }
+
+    static void AppendNameAndPort(const CCmHttpUrl& aUrl, CCmString& aText, bool aAlwaysPort) {
+        aText.append(aUrl.m_strHost);
+        if (aAlwaysPort || aUrl.m_wPort != aUrl.GetDefaultPort()) {
+            aText += ':';
+            AppendPort(aText, aUrl.m_wPort);
+        }
+    }
+
+    static CCmString AsciiSpec(const CCmHttpUrl& aUrl) {
+        CCmString strSpec;
+        strSpec.reserve(ASCII_SPEC_RESERVE);
+        strSpec.append(aUrl.m_strScheme).append(SCHEME_END);
+        AppendNameAndPort(aUrl, strSpec, false);
+        if (aUrl.m_strPath.empty() || aUrl.m_strPath.front() != '/') {
+            strSpec += '/';
+        }
+        strSpec.append(aUrl.m_strPath);
+        return strSpec;
+    }
+};
+
 CCmHttpUrl::CCmHttpUrl() : m_wPort(PORT_NONE) {}
 
 CCmHttpUrl::~CCmHttpUrl() = default;
 
 bool CCmHttpUrl::Init(const CCmString& aSpec) {
     CM_INFO_TRACE_THIS("CCmHttpUrl::Init aSepc = " << aSpec);
-    const std::string_view strSpec = TrimLeft(aSpec);
+    const std::string_view strSpec = CmTrimmedLeft(aSpec, CCmIsSpace());
     if (strSpec.empty()) {
         return false;
     }
-    const Scheme* pScheme = FindScheme(strSpec);
+    const CScheme* pScheme = FindScheme(strSpec);
     if (pScheme == nullptr) {
         CM_ERROR_TRACE_THIS("CCmHttpUrl::Init error format, scheme = " << aSpec);
         return false;
     }
     try {
         m_strScheme = pScheme->word();
-        return Init_i(strSpec.substr(pScheme->prefix.size()));
+        return CSteps::Init(*this, strSpec.substr(pScheme->m_prefix.size()));
     } catch (const std::bad_alloc&) {
         return false;
     }
-}
-
-bool CCmHttpUrl::Init_i(std::string_view aRemainder) {
-    const bool bIsFile = std::string_view(m_strScheme) == FILE_WORD;
-    if (bIsFile && !aRemainder.empty() && aRemainder.front() == '/') {
-        aRemainder.remove_prefix(1);
-    }
-    aRemainder = TrimRight(TrimLeft(aRemainder));
-    const size_t nSlash = aRemainder.find('/');
-    const bool bHasSlash = nSlash != std::string_view::npos;
-    if (bIsFile) {
-        // The cached printed form is left alone here.
-        m_strPath = bHasSlash ? aRemainder.substr(nSlash) : aRemainder;
-        return true;
-    }
-    if (!SetNameAndPort_i(aRemainder.substr(0, nSlash))) {
-        return false;
-    }
-    SetPath_i(bHasSlash ? aRemainder.substr(nSlash) : std::string_view());
-    return true;
 }
 
 bool CCmHttpUrl::SetNameAndPort(const CCmString& aNameAndPort) {
     try {
-        return SetNameAndPort_i(aNameAndPort);
+        return CSteps::SetNameAndPort(*this, aNameAndPort);
     } catch (const std::bad_alloc&) {
         return false;
     }
-}
-
-bool CCmHttpUrl::SetNameAndPort_i(std::string_view aNameAndPort) {
-    if (aNameAndPort.empty()) {
-        return false;
-    }
-    const size_t nColon = aNameAndPort.find(':');
-    m_strHost = aNameAndPort.substr(0, nColon);
-    SetPort(nColon == std::string_view::npos ? PORT_NONE
-                                             : ParsePort(aNameAndPort.substr(nColon + 1)));
-    return !m_strHost.empty();
 }
 
 void CCmHttpUrl::SetPort(unsigned short aPort) {
@@ -207,15 +207,10 @@ void CCmHttpUrl::SetPort(unsigned short aPort) {
 
 void CCmHttpUrl::SetPath(const CCmString& aPath) {
     try {
-        SetPath_i(aPath);
+        CSteps::SetPath(*this, aPath);
     } catch (const std::bad_alloc&) {
         return;
     }
-}
-
-void CCmHttpUrl::SetPath_i(std::string_view aPath) {
-    m_strPath = aPath.empty() ? std::string_view("/") : aPath;
-    m_strAsciiSpec.clear();
 }
 
 CCmString CCmHttpUrl::GetScheme() const {
@@ -231,9 +226,9 @@ CCmString CCmHttpUrl::GetPath() const {
 }
 
 unsigned short CCmHttpUrl::GetDefaultPort() const {
-    for (const Scheme& scheme : SCHEMES) {
+    for (const CScheme& scheme : SCHEMES) {
         if (m_strScheme == scheme.word()) {
-            return scheme.defaultPort;
+            return scheme.m_wDefaultPort;
         }
     }
     return PORT_NONE;
@@ -242,7 +237,7 @@ unsigned short CCmHttpUrl::GetDefaultPort() const {
 CCmString CCmHttpUrl::GetAsciiSpec() {
     try {
         if (m_strAsciiSpec.empty()) {
-            BuildAsciiSpec_i();
+            m_strAsciiSpec = CSteps::AsciiSpec(*this);
         }
         return m_strAsciiSpec;
     } catch (const std::bad_alloc&) {
@@ -250,33 +245,13 @@ CCmString CCmHttpUrl::GetAsciiSpec() {
     }
 }
 
-void CCmHttpUrl::BuildAsciiSpec_i() {
-    CCmString strSpec;
-    strSpec.reserve(ASCII_SPEC_RESERVE);
-    strSpec.append(m_strScheme).append(SCHEME_END);
-    AppendNameAndPort_i(strSpec, false);
-    if (m_strPath.empty() || m_strPath.front() != '/') {
-        strSpec += '/';
-    }
-    strSpec.append(m_strPath);
-    m_strAsciiSpec.swap(strSpec);
-}
-
 CCmString CCmHttpUrl::GetNameAndPort(signed char aAlwaysPort) const {
     try {
         CCmString strNameAndPort;
-        AppendNameAndPort_i(strNameAndPort, aAlwaysPort != 0);
+        CSteps::AppendNameAndPort(*this, strNameAndPort, aAlwaysPort != 0);
         return strNameAndPort;
     } catch (const std::bad_alloc&) {
         return CCmString();
-    }
-}
-
-void CCmHttpUrl::AppendNameAndPort_i(CCmString& aText, bool aAlwaysPort) const {
-    aText.append(m_strHost);
-    if (aAlwaysPort || m_wPort != GetDefaultPort()) {
-        aText += ':';
-        AppendPort(aText, m_wPort);
     }
 }
 

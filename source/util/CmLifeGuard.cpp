@@ -5,8 +5,8 @@
 #include "CmCancel.h"
 #include "CmConditionVariable.h"
 #include "CmScopedLock.h"
+#include "CmSystem.h"
 #include "CmUtilTemplates.h"
-#include "port/CmSystem.h"
 
 namespace UTIL_NS {
 

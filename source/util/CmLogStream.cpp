@@ -10,10 +10,10 @@
 
 #include "CmConfig.h"
 #include "CmScopedLock.h"
+#include "CmSystem.h"
 #include "CmTraceFacility.h"
 #include "CmTraceGuard.h"
 #include "CmTraceLine.h"
-#include "port/CmSystem.h"
 #include "qtrace.h"
 
 namespace UTIL_NS {
@@ -30,18 +30,8 @@ constexpr size_t HOST_NAME_SIZE = 512;       // bytes
 constexpr size_t LEADING_ID_SIZE = 1024;     // bytes
 constexpr char FILE_NAME_TAG[] = "##**FILE_NAME_TAG**##";
 
-CCmT120TraceMapEntry s_levelTable2[CM_TRACE_LEVEL_COUNT] = {
-    {0, "Error", {0}, 0},    {1, "Server", {1}, 1},   {2, "NA", {0}, 0},
-    {3, "NA", {0}, 0},       {4, "NA", {0}, 0},       {5, "NA", {0}, 0},
-    {6, "NA", {0}, 0},       {7, "NA", {0}, 0},       {8, "NA", {0}, 0},
-    {9, "NA", {0}, 0},       {10, "Warning", {0}, 0}, {11, "Meeting", {1}, 1},
-    {12, "Session", {1}, 1}, {13, "User", {1}, 1},    {14, "Statistic", {1}, 1},
-    {15, "NA", {0}, 0},      {16, "NA", {0}, 0},      {17, "NA", {0}, 0},
-    {18, "NA", {0}, 0},      {19, "NA", {0}, 0},      {20, "Info", {1}, 1},
-    {21, "State", {1}, 1},   {22, "PDU", {0}, 0},     {23, "Func", {0}, 0},
-    {24, "Tick", {0}, 0},    {25, "Detail", {0}, 0},  {26, "WDMS", {0}, 0},
-    {27, "Debug", {0}, 0},
-};
+CM_CONSTANT_INIT CCmTraceLevelTable s_levelTable2 =
+    CmMakeTraceLevelTable(&CCmTraceLevel::m_bDefault2);
 
 CCmFacilityHolderT<CCmT120Trace2> s_facility2;
 
@@ -49,17 +39,17 @@ bool IsDelivered(unsigned long aLevel) {
     return aLevel >= _getTraceLevel();
 }
 
-// The pieces of aText, whose aLength includes the terminator. A length that ends right behind a
-// piece yields no further one.
+// The pieces of aText, whose aLength includes the terminator. A length that a piece uses up yields
+// no further one.
 void DeliverPieces(unsigned long aLevel, const char* aModule, const char* aText,
                    unsigned long aLength) {
     constexpr unsigned long PIECE_LENGTH = CHUNK_SIZE - 1;
     for (unsigned long ulStart = 0; ulStart < aLength; ulStart += PIECE_LENGTH) {
         const unsigned long ulRest = aLength - ulStart;
-        char achPiece[CHUNK_SIZE] = {};
-        std::memcpy(achPiece, aText + ulStart, ulRest < PIECE_LENGTH ? ulRest : PIECE_LENGTH);
-        char achPrefix[PREFIX_SIZE] = {};
-        YRKTRACERAWA(aLevel, aModule, achPrefix, achPiece);
+        char szPiece[CHUNK_SIZE] = {};
+        std::memcpy(szPiece, aText + ulStart, ulRest < PIECE_LENGTH ? ulRest : PIECE_LENGTH);
+        char szPrefix[PREFIX_SIZE] = {};
+        YRKTRACERAWA(aLevel, aModule, szPrefix, szPiece);
     }
 }
 
@@ -98,26 +88,26 @@ int Format(char* aText, size_t aSize, const char* aFormat, va_list aArguments, i
 void DeliverLong(const char* aModule, const char* aFormat, va_list aArguments, size_t aLength,
                  int aErrno) {
     const size_t nSize = aLength < TEXT_LIMIT ? aLength + 1 : TEXT_LIMIT;
-    char* pchText = static_cast<char*>(g_cmSystem.malloc(nSize));
-    if (pchText == nullptr) {
+    char* pszText = static_cast<char*>(g_cmSystem.malloc(nSize));
+    if (pszText == nullptr) {
         return;
     }
-    Format(pchText, nSize, aFormat, aArguments, aErrno);
-    DeliverAsStream(aModule, pchText, std::strlen(pchText));
-    std::free(pchText);
+    Format(pszText, nSize, aFormat, aArguments, aErrno);
+    DeliverAsStream(aModule, pszText, std::strlen(pszText));
+    std::free(pszText);
 }
 
 // A NUL that a "%c" put in ends the text.
 void DeliverFormatted(const char* aModule, const char* aFormat, va_list aArguments, int aErrno) {
     va_list arguments;
     va_copy(arguments, aArguments);
-    char achText[STACK_TEXT_SIZE];
-    const int nLength = Format(achText, sizeof(achText), aFormat, arguments, aErrno);
+    char szText[STACK_TEXT_SIZE];
+    const int nLength = Format(szText, sizeof(szText), aFormat, arguments, aErrno);
     va_end(arguments);
     if (nLength < 0) {
         DeliverAsStream(aModule, "", 0);
-    } else if (static_cast<size_t>(nLength) < sizeof(achText)) {
-        DeliverAsStream(aModule, achText, std::strlen(achText));
+    } else if (static_cast<size_t>(nLength) < sizeof(szText)) {
+        DeliverAsStream(aModule, szText, std::strlen(szText));
     } else {
         DeliverLong(aModule, aFormat, aArguments, static_cast<size_t>(nLength), aErrno);
     }
@@ -239,13 +229,13 @@ logstream<char>::~logstream() {
     if (!IsDelivered(m_ulLevel)) {
         return;
     }
-    std::string sText;
+    std::string strText;
     const char* pszText = "null";
     try {
         // Past the stream, which takes nothing in a bad state and may have been told to throw.
         rdbuf()->sputc('\0');
-        sText = str();
-        pszText = sText.c_str();
+        strText = str();
+        pszText = strText.c_str();
     } catch (const std::exception&) {
         // Out of memory: the text has no storage.
     }
@@ -260,8 +250,9 @@ std::atomic<CCmT120Trace2*> CCmT120Trace2::t120_trace{nullptr};
 
 CCmT120Trace2* CCmT120Trace2::instance() {
     CCmT120Trace2* pFacility = t120_trace.load(std::memory_order_acquire);
-    return CM_LIKELY(pFacility != nullptr) ? pFacility
-                                           : s_facility2.Create(t120_trace, s_levelTable2);
+    return CM_LIKELY(pFacility != nullptr)
+               ? pFacility
+               : s_facility2.Create(t120_trace, s_levelTable2.m_Entries);
 }
 
 CCmT120Trace2::CCmT120Trace2(const char* aName, CCmT120TraceMapEntry* aLevelTable,
@@ -271,19 +262,20 @@ CCmT120Trace2::CCmT120Trace2(const char* aName, CCmT120TraceMapEntry* aLevelTabl
 CCmT120Trace2::~CCmT120Trace2() = default;
 
 unsigned char CCmT120Trace2::load(void* aFile) {
-    return load_file(aFile, &m_sLogPath);
+    CState::Load(*this, aFile, &m_sLogPath);
+    return 1;
 }
 
 std::string CCmT120Trace2::GetLogFilePathAndName(std::string& aName) {
     CCmTraceGuard guard;
-    CCmScopedLockT<CCmMutexThreadRecursive> lock(mutex());
+    CCmScopedLockT<CCmMutexThreadRecursive> lock(m_Mutex);
     const size_t nTag = m_sLogPath.find(FILE_NAME_TAG);
     if (nTag == std::string::npos) {
         return std::string();
     }
     try {
-        std::string sPath(m_sLogPath);
-        return sPath.replace(nTag, sizeof(FILE_NAME_TAG) - 1, aName);
+        std::string strPath(m_sLogPath);
+        return strPath.replace(nTag, sizeof(FILE_NAME_TAG) - 1, aName);
     } catch (const std::bad_alloc&) {
         return std::string();
     }
@@ -293,21 +285,21 @@ std::atomic<const char*> g_LeadingId{nullptr};
 
 namespace {
 
-char s_achLeadingId[LEADING_ID_SIZE];
+char s_szLeadingId[LEADING_ID_SIZE];
 
 // The machine part of the identity: the setting, else the host name, else nothing.
 void ReadMachine(char (&aMachine)[HOST_NAME_SIZE]) {
     get_string_param("Trace", "MachineID", aMachine, MACHINE_SIZE);
-    char achHost[HOST_NAME_SIZE] = {};
-    if (g_cmSystem.gethostname(achHost, sizeof(achHost)) != 0) {
+    char szHost[HOST_NAME_SIZE] = {};
+    if (g_cmSystem.gethostname(szHost, sizeof(szHost)) != 0) {
         const int nError = errno;
         CM_WARNING_TRACE("CCmDnsManager::GetLocalIps, gethostname() failed! err=" << nError);
         return;
     }
     if (aMachine[0] == '\0') {
         // A name that was cut need not be terminated.
-        achHost[sizeof(achHost) - 1] = '\0';
-        std::memcpy(aMachine, achHost, sizeof(achHost));
+        szHost[sizeof(szHost) - 1] = '\0';
+        std::memcpy(aMachine, szHost, sizeof(szHost));
     }
 }
 
@@ -335,12 +327,12 @@ const char* get_leading_id() {
     if (const char* pszId = g_LeadingId.load(std::memory_order_acquire)) {
         return pszId;
     }
-    char achMachine[HOST_NAME_SIZE] = {};
-    ReadMachine(achMachine);
+    char szMachine[HOST_NAME_SIZE] = {};
+    ReadMachine(szMachine);
     const char* pszProcess = CCmT120Trace::get_process_name();
-    std::snprintf(s_achLeadingId, sizeof(s_achLeadingId), "%.*s.%s.",
-                  LengthWithoutExtension(pszProcess), pszProcess, achMachine);
+    std::snprintf(s_szLeadingId, sizeof(s_szLeadingId), "%.*s.%s.",
+                  LengthWithoutExtension(pszProcess), pszProcess, szMachine);
     // Orders the text before the pointer for the unlocked read above.
-    g_LeadingId.store(s_achLeadingId, std::memory_order_release);
-    return s_achLeadingId;
+    g_LeadingId.store(s_szLeadingId, std::memory_order_release);
+    return s_szLeadingId;
 }

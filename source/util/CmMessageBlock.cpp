@@ -82,6 +82,133 @@ CmResult ForEachPiece(Block* pMB, unsigned int aOffset, unsigned int aCount, int
 
 }  // namespace
 
+// Steps that reach into blocks.
+class CCmMessageBlock::CSteps {
+  public:
+    // For a block whose area is set already.
+    static CmResult RefuseArea(const CCmMessageBlock& aBlock) {
+        CM_WARNING_TRACE("CCmMessageBlock::SetData failed, m_pBeginPtr is not NULL"
+                         << " this=" << CmTraceAddress(&aBlock));
+        return CM_ERROR_FAILURE;
+    }
+
+    static void SetArea(CCmMessageBlock& aBlock, char* aBegin, uint32_t aSize) {
+        aBlock.m_pBeginPtr = aBlock.m_pReadPtr = aBlock.m_pWritePtr = aBegin;
+        aBlock.m_pEndPtr = aBegin + aSize;
+    }
+
+    // One block's part of Read: aCount bytes, or as many as there are.
+    static CmResult Read(CCmMessageBlock& aBlock, char* aDst, unsigned int aCount, bool aAdvance,
+                         unsigned int& aBytesRead) {
+        CM_ASSERTE_RETURN_(CM_BIT_DISABLED(aBlock.m_Flag, READ_LOCKED),
+                           "CM_BIT_DISABLED(m_Flag, READ_LOCKED)", CM_ERROR_FAILURE, __FILE__, 154);
+        aBytesRead = std::min(aCount, aBlock.GetTopLevelLength());
+        if (aDst != nullptr) {
+            CopyBytes(aDst, aBlock.m_pReadPtr, aBytesRead);
+        }
+        if (aAdvance) {
+            aBlock.m_pReadPtr += aBytesRead;
+        }
+        return CM_OK;
+    }
+
+    // One block's part of Write: aCount bytes, or as many as fit.
+    static CmResult Write(CCmMessageBlock& aBlock, const char* aSrc, unsigned int aCount,
+                          unsigned int& aBytesWritten) {
+        CM_ASSERTE_RETURN_(CM_BIT_DISABLED(aBlock.m_Flag, WRITE_LOCKED),
+                           "CM_BIT_DISABLED(m_Flag, WRITE_LOCKED)", CM_ERROR_FAILURE, __FILE__,
+                           227);
+        aBytesWritten = std::min(aCount, aBlock.GetTopLevelSpace());
+        if (aSrc != nullptr) {
+            CopyBytes(aBlock.m_pWritePtr, aSrc, aBytesWritten);
+        }
+        aBlock.m_pWritePtr += aBytesWritten;
+        return CM_OK;
+    }
+
+    // Frees aBlock if it carries DUPLICATED, else notes it in aLeftAlone, and returns its
+    // successor. The block left alone in front of a freed one must not keep a link to it.
+    static CCmMessageBlock* DestroyIfDuplicated(CCmMessageBlock* aBlock,
+                                                CCmMessageBlock*& aLeftAlone) {
+        CCmMessageBlock* pNext = aBlock->m_pNext;
+        if (CM_BIT_DISABLED(aBlock->m_Flag, DUPLICATED)) {
+            aLeftAlone = aBlock;
+            return pNext;
+        }
+        if (aLeftAlone != nullptr) {
+            aLeftAlone->m_pNext = nullptr;
+            aLeftAlone = nullptr;
+        }
+        aBlock->m_pNext = nullptr;
+        delete aBlock;
+        return pNext;
+    }
+
+    // A copy of the caller's memory, the whole area, in storage of its own.
+    static CCmMessageBlock* DuplicateExternal(const CCmMessageBlock& aBlock) {
+        const size_t nSize = static_cast<size_t>(aBlock.m_pEndPtr - aBlock.m_pBeginPtr);
+        CCmMessageBlock* pCopy =
+            new (std::nothrow) CCmMessageBlock(static_cast<unsigned int>(nSize), aBlock.m_pBeginPtr,
+                                               (aBlock.m_Flag & ~DATA_FLAGS) | ALLOCATE_DATA, 0);
+        if (pCopy == nullptr) {
+            return nullptr;
+        }
+        pCopy->m_Flag |= DUPLICATED;
+        if (nSize == 0) {
+            return pCopy;
+        }
+        char* pArea = pCopy->GetTopLevelWritePtr();
+        if (pArea == nullptr) {
+            delete pCopy;
+            return nullptr;
+        }
+        std::memcpy(pArea, aBlock.m_pBeginPtr, nSize);
+        pCopy->m_pReadPtr = AtSameDistance(pArea, aBlock.m_pBeginPtr, aBlock.m_pReadPtr);
+        pCopy->m_pWritePtr = AtSameDistance(pArea, aBlock.m_pBeginPtr, aBlock.m_pWritePtr);
+        return pCopy;
+    }
+
+    // Duplicates, in order, the blocks after aCut that do not carry DUPLICATED, and links the
+    // copies after aCopies. aChain: for the trace. False when memory ran out.
+    static bool DuplicateForeign(const CCmMessageBlock& aChain, const CCmMessageBlock& aCut,
+                                 CCmMessageBlock& aCopies) {
+        CCmMessageBlock* pLast = &aCopies;
+        for (const CCmMessageBlock* pMb = aCut.m_pNext; pMb != nullptr; pMb = pMb->m_pNext) {
+            if (!CM_BIT_DISABLED(pMb->m_Flag, DUPLICATED)) {
+                continue;
+            }
+            CM_WARNING_TRACE(
+                "CCmMessageBlock::Disjoint, there are not DUPLICATED blocks behind the disjointed "
+                "block."
+                << " this=" << CmTraceAddress(&aChain));
+            pLast->m_pNext = pMb->DuplicateTopLevel();
+            if (pLast->m_pNext == nullptr) {
+                return false;
+            }
+            pLast = pLast->m_pNext;
+        }
+        return true;
+    }
+
+    // Links the blocks from aBlock on after aHead. In place of a block that does not carry
+    // DUPLICATED, which is cut loose and stays with its owner, it takes the next of aCopies.
+    static void LinkTail(CCmMessageBlock* aHead, CCmMessageBlock* aBlock,
+                         CCmMessageBlock* aCopies) {
+        while (aBlock != nullptr) {
+            CCmMessageBlock* pNext = aBlock->m_pNext;
+            if (CM_BIT_DISABLED(aBlock->m_Flag, DUPLICATED)) {
+                aBlock->m_pNext = nullptr;
+                aBlock = aCopies;
+                aCopies = aCopies->m_pNext;
+            }
+            aHead->m_pNext = aBlock;
+            aHead = aBlock;
+            aBlock = pNext;
+        }
+        aHead->m_pNext = nullptr;
+    }
+};
+
 CCmMessageBlock::CCmMessageBlock(unsigned int aSize, const char* aData, unsigned long aFlag,
                                  unsigned int aAdvanceWritePtr) {
     SetData(aSize, aData, aFlag, aAdvanceWritePtr);
@@ -91,6 +218,16 @@ CCmMessageBlock::CCmMessageBlock(CCmDataBlock* aDb, unsigned long aFlag,
                                  unsigned int aAdvanceWritePtr) {
     SetData(aDb, aFlag, aAdvanceWritePtr);
 }
+
+// A duplicate that shares the data block: the views differ in their flags alone, so there is
+// nothing of SetData left to do.
+CCmMessageBlock::CCmMessageBlock(const CCmMessageBlock& aShared, unsigned long aFlag)
+    : m_pDataBlock(aShared.m_pDataBlock),
+      m_pReadPtr(aShared.m_pReadPtr),
+      m_pWritePtr(aShared.m_pWritePtr),
+      m_pBeginPtr(aShared.m_pBeginPtr),
+      m_pEndPtr(aShared.m_pEndPtr),
+      m_Flag(aFlag) {}
 
 // Each owned block is cut from its successor before it is deleted, so the deletions do not nest.
 void CCmMessageBlock::DestroyOwned_i() {
@@ -104,21 +241,10 @@ void CCmMessageBlock::DestroyOwned_i() {
     }
 }
 
-// The area is set already.
-CmResult CCmMessageBlock::RefuseArea_i() const {
-    CM_WARNING_TRACE_THIS("CCmMessageBlock::SetData failed, m_pBeginPtr is not NULL");
-    return CM_ERROR_FAILURE;
-}
-
-void CCmMessageBlock::SetArea_i(char* aBegin, uint32_t aSize) {
-    m_pBeginPtr = m_pReadPtr = m_pWritePtr = aBegin;
-    m_pEndPtr = aBegin + aSize;
-}
-
 CmResult CCmMessageBlock::SetData(unsigned int aSize, const char* aData, unsigned long aFlag,
                                   unsigned int aAdvanceWritePtr) {
     if (CM_UNLIKELY(m_pBeginPtr != nullptr)) {
-        return RefuseArea_i();
+        return CSteps::RefuseArea(*this);
     }
     if (aData == nullptr || (aFlag & ALLOCATE_DATA) != 0) {
         if (aSize != 0) {
@@ -128,13 +254,13 @@ CmResult CCmMessageBlock::SetData(unsigned int aSize, const char* aData, unsigne
                 return rv;
             }
             m_pDataBlock.Attach(pDb);
-            SetArea_i(pDb->m_pPayload, pDb->m_dwSize);
+            CSteps::SetArea(*this, pDb->m_pPayload, pDb->m_dwSize);
         } else {
-            SetArea_i(nullptr, 0);  // a rewind may have set the write pointer
+            CSteps::SetArea(*this, nullptr, 0);  // a rewind may have set the write pointer
         }
         aFlag &= ~EXTERNAL_DATA;
     } else {
-        SetArea_i(const_cast<char*>(aData), aSize);
+        CSteps::SetArea(*this, const_cast<char*>(aData), aSize);
         aFlag |= EXTERNAL_DATA;
     }
     if (aAdvanceWritePtr != 0) {
@@ -147,13 +273,13 @@ CmResult CCmMessageBlock::SetData(unsigned int aSize, const char* aData, unsigne
 CmResult CCmMessageBlock::SetData(CCmDataBlock* aDb, unsigned long aFlag,
                                   unsigned int aAdvanceWritePtr) {
     if (CM_UNLIKELY(m_pBeginPtr != nullptr)) {
-        return RefuseArea_i();
+        return CSteps::RefuseArea(*this);
     }
     m_pDataBlock = aDb;
     if (aDb != nullptr) {
-        SetArea_i(aDb->m_pPayload, aDb->m_dwSize);
+        CSteps::SetArea(*this, aDb->m_pPayload, aDb->m_dwSize);
     } else {
-        SetArea_i(nullptr, 0);
+        CSteps::SetArea(*this, nullptr, 0);
     }
     if (aAdvanceWritePtr != 0) {
         AdvanceTopLevelWritePtr(aAdvanceWritePtr);
@@ -162,24 +288,10 @@ CmResult CCmMessageBlock::SetData(CCmDataBlock* aDb, unsigned long aFlag,
     return CM_OK;
 }
 
-// This block's part of Read: aCount bytes, or as many as there are.
-CmResult CCmMessageBlock::ReadTopLevel_i(char* aDst, unsigned int aCount, bool aAdvance,
-                                         unsigned int& aBytesRead) {
-    CM_ASSERTE_RETURN_LINE(CM_BIT_DISABLED(m_Flag, READ_LOCKED), CM_ERROR_FAILURE, 154);
-    aBytesRead = std::min(aCount, GetTopLevelLength());
-    if (aDst != nullptr) {
-        CopyBytes(aDst, m_pReadPtr, aBytesRead);
-    }
-    if (aAdvance) {
-        m_pReadPtr += aBytesRead;
-    }
-    return CM_OK;
-}
-
 CmResult CCmMessageBlock::Read(void* aDst, unsigned int aCount, unsigned int* aBytesRead,
                                signed char aAdvance) {
     unsigned int dwRead = 0;
-    CmResult rv = ReadTopLevel_i(static_cast<char*>(aDst), aCount, aAdvance != 0, dwRead);
+    CmResult rv = CSteps::Read(*this, static_cast<char*>(aDst), aCount, aAdvance != 0, dwRead);
     if (CM_FAILED(rv)) {
         return rv;
     }
@@ -190,30 +302,18 @@ CmResult CCmMessageBlock::Read(void* aDst, unsigned int aCount, unsigned int* aB
         }
         char* pDst = aDst != nullptr ? static_cast<char*>(aDst) + dwRead : nullptr;
         unsigned int dwPart = 0;
-        rv = pMb->ReadTopLevel_i(pDst, aCount - dwRead, aAdvance != 0, dwPart);
+        rv = CSteps::Read(*pMb, pDst, aCount - dwRead, aAdvance != 0, dwPart);
         dwRead += dwPart;
     }
     StoreCount(aBytesRead, dwRead);
     return rv;
 }
 
-// This block's part of Write: aCount bytes, or as many as fit.
-CmResult CCmMessageBlock::WriteTopLevel_i(const char* aSrc, unsigned int aCount,
-                                          unsigned int& aBytesWritten) {
-    CM_ASSERTE_RETURN_LINE(CM_BIT_DISABLED(m_Flag, WRITE_LOCKED), CM_ERROR_FAILURE, 227);
-    aBytesWritten = std::min(aCount, GetTopLevelSpace());
-    if (aSrc != nullptr) {
-        CopyBytes(m_pWritePtr, aSrc, aBytesWritten);
-    }
-    m_pWritePtr += aBytesWritten;
-    return CM_OK;
-}
-
 CmResult CCmMessageBlock::Write(const void* aSrc, unsigned int aCount,
                                 unsigned int* aBytesWritten) {
     const char* pSrc = static_cast<const char*>(aSrc);
     unsigned int dwWritten = 0;
-    CmResult rv = WriteTopLevel_i(pSrc, aCount, dwWritten);
+    CmResult rv = CSteps::Write(*this, pSrc, aCount, dwWritten);
     if (CM_FAILED(rv)) {
         return rv;
     }
@@ -224,7 +324,7 @@ CmResult CCmMessageBlock::Write(const void* aSrc, unsigned int aCount,
             break;
         }
         unsigned int dwPart = 0;
-        rv = pMb->WriteTopLevel_i(pSrc + dwWritten, aCount - dwWritten, dwPart);
+        rv = CSteps::Write(*pMb, pSrc + dwWritten, aCount - dwWritten, dwPart);
         dwWritten += dwPart;
     }
     StoreCount(aBytesWritten, dwWritten);
@@ -296,66 +396,16 @@ void CCmMessageBlock::RewindChained(CCmMessageBlock* aMb) {
     }
 }
 
-// Frees this block if it carries DUPLICATED, else notes it in aLeftAlone, and returns its
-// successor. The block left alone in front of a freed one must not keep a link to it.
-CCmMessageBlock* CCmMessageBlock::DestroyIfDuplicated_i(CCmMessageBlock*& aLeftAlone) {
-    CCmMessageBlock* pNext = m_pNext;
-    if (CM_BIT_DISABLED(m_Flag, DUPLICATED)) {
-        aLeftAlone = this;
-        return pNext;
-    }
-    if (aLeftAlone != nullptr) {
-        aLeftAlone->m_pNext = nullptr;
-        aLeftAlone = nullptr;
-    }
-    m_pNext = nullptr;
-    delete this;
-    return pNext;
-}
-
 void CCmMessageBlock::DestroyChained(CCmMessageBlock* aMb) {
     CCmMessageBlock* pLeftAlone = nullptr;
     while (aMb != nullptr) {
-        aMb = aMb->DestroyIfDuplicated_i(pLeftAlone);
+        aMb = CSteps::DestroyIfDuplicated(aMb, pLeftAlone);
     }
 }
-
-// A copy of the caller's memory, the whole area, in storage of its own.
-CCmMessageBlock* CCmMessageBlock::DuplicateExternal_i() const {
-    const size_t nSize = static_cast<size_t>(m_pEndPtr - m_pBeginPtr);
-    CCmMessageBlock* pCopy = new (std::nothrow) CCmMessageBlock(
-        static_cast<unsigned int>(nSize), m_pBeginPtr, (m_Flag & ~DATA_FLAGS) | ALLOCATE_DATA, 0);
-    if (pCopy == nullptr) {
-        return nullptr;
-    }
-    pCopy->m_Flag |= DUPLICATED;
-    if (nSize == 0) {
-        return pCopy;
-    }
-    char* pArea = pCopy->GetTopLevelWritePtr();
-    if (pArea == nullptr) {
-        delete pCopy;
-        return nullptr;
-    }
-    std::memcpy(pArea, m_pBeginPtr, nSize);
-    pCopy->m_pReadPtr = AtSameDistance(pArea, m_pBeginPtr, m_pReadPtr);
-    pCopy->m_pWritePtr = AtSameDistance(pArea, m_pBeginPtr, m_pWritePtr);
-    return pCopy;
-}
-
-// A duplicate that shares the data block: the views differ in their flags alone, so there is
-// nothing of SetData left to do.
-CCmMessageBlock::CCmMessageBlock(const CCmMessageBlock& aShared, unsigned long aFlag)
-    : m_pDataBlock(aShared.m_pDataBlock),
-      m_pReadPtr(aShared.m_pReadPtr),
-      m_pWritePtr(aShared.m_pWritePtr),
-      m_pBeginPtr(aShared.m_pBeginPtr),
-      m_pEndPtr(aShared.m_pEndPtr),
-      m_Flag(aFlag) {}
 
 CCmMessageBlock* CCmMessageBlock::DuplicateTopLevel() const {
     if (CM_UNLIKELY(!CM_BIT_DISABLED(m_Flag, EXTERNAL_DATA))) {
-        return DuplicateExternal_i();
+        return CSteps::DuplicateExternal(*this);
     }
     try {
         return new CCmMessageBlock(*this, (m_Flag & ~(DATA_FLAGS | INTERNAL_FLAGS)) | DUPLICATED);
@@ -378,45 +428,6 @@ CCmMessageBlock* CCmMessageBlock::DuplicateChained(const CCmMessageBlock* aMb) {
     return pFirst;
 }
 
-// Duplicates, in order, the blocks behind aBlock that do not carry DUPLICATED, and links the
-// copies behind aCopies. False when memory ran out.
-bool CCmMessageBlock::DuplicateForeign_i(const CCmMessageBlock* aBlock,
-                                         CCmMessageBlock& aCopies) const {
-    CCmMessageBlock* pLast = &aCopies;
-    for (const CCmMessageBlock* pMb = aBlock->m_pNext; pMb != nullptr; pMb = pMb->m_pNext) {
-        if (!CM_BIT_DISABLED(pMb->m_Flag, DUPLICATED)) {
-            continue;
-        }
-        CM_WARNING_TRACE_THIS(
-            "CCmMessageBlock::Disjoint, there are not DUPLICATED blocks behind the disjointed "
-            "block.");
-        pLast->m_pNext = pMb->DuplicateTopLevel();
-        if (pLast->m_pNext == nullptr) {
-            return false;
-        }
-        pLast = pLast->m_pNext;
-    }
-    return true;
-}
-
-// Links the blocks from aBlock on behind aHead, taking a copy in place of each block that does
-// not carry DUPLICATED.
-void CCmMessageBlock::LinkTail_i(CCmMessageBlock* aHead, CCmMessageBlock* aBlock,
-                                 CCmMessageBlock* aCopies) {
-    while (aBlock != nullptr) {
-        CCmMessageBlock* pNext = aBlock->m_pNext;
-        if (CM_BIT_DISABLED(aBlock->m_Flag, DUPLICATED)) {
-            aBlock->m_pNext = nullptr;
-            aBlock = aCopies;
-            aCopies = aCopies->m_pNext;
-        }
-        aHead->m_pNext = aBlock;
-        aHead = aBlock;
-        aBlock = pNext;
-    }
-    aHead->m_pNext = nullptr;
-}
-
 CCmMessageBlock* CCmMessageBlock::Disjoint(unsigned int aStart) {
     CCmMessageBlock* pCut = this;
     unsigned int dwKeep = aStart;
@@ -432,13 +443,13 @@ CCmMessageBlock* CCmMessageBlock::Disjoint(unsigned int aStart) {
     const unsigned int dwMoved = pCut->GetTopLevelLength() - dwKeep;
     CCmMessageBlock* pInside = dwMoved != 0 ? pCut->DuplicateTopLevel() : nullptr;
     CCmMessageBlock copies;
-    if ((dwMoved != 0 && pInside == nullptr) || !DuplicateForeign_i(pCut, copies)) {
+    if ((dwMoved != 0 && pInside == nullptr) || !CSteps::DuplicateForeign(*this, *pCut, copies)) {
         DestroyChained(pInside);
         DestroyChained(copies.m_pNext);
         return nullptr;
     }
     CCmMessageBlock anchor;
-    LinkTail_i(pInside != nullptr ? pInside : &anchor, pCut->m_pNext, copies.m_pNext);
+    CSteps::LinkTail(pInside != nullptr ? pInside : &anchor, pCut->m_pNext, copies.m_pNext);
     pCut->m_pNext = nullptr;
     if (pInside == nullptr) {
         return anchor.m_pNext;
@@ -459,7 +470,7 @@ CCmMessageBlock* CCmMessageBlock::ReclaimGarbage() {
     CCmMessageBlock* pLeftAlone = nullptr;
     CCmMessageBlock* pMb = this;
     while (pMb != nullptr && LowBits(pMb->m_pWritePtr) == LowBits(pMb->m_pReadPtr)) {
-        pMb = pMb->DestroyIfDuplicated_i(pLeftAlone);
+        pMb = CSteps::DestroyIfDuplicated(pMb, pLeftAlone);
     }
     return pMb;
 }
@@ -469,7 +480,7 @@ CCmString CCmMessageBlock::FlattenChained(const CCmMessageBlock* aMb) {
     try {
         strData.reserve(ReadableBytes(aMb) + 1);
     } catch (const std::exception&) {
-        return strData;  // every return names it, so that it is built where the caller wants it
+        return strData;  // every return names strData, so the compiler spares the copy
     }
     for (; aMb != nullptr; aMb = aMb->m_pNext) {
         const char* pRead = aMb->GetTopLevelReadPtr();

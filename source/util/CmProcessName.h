@@ -4,7 +4,7 @@
 
 namespace UTIL_NS {
 
-// The part of aExecName behind its last "/", all of it when there is none; aFallback when
+// The part of aExecName after its last "/", all of it when there is none; aFallback when
 // aExecName is null.
 const char* CmProcessNameOf(const char* aExecName, const char* aFallback);
 

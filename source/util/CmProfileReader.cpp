@@ -1,14 +1,15 @@
 #include "CmProfileReader.h"
 
-#include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
-#include <string.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
 
 #include "CmAscii.h"
-#include "port/CmSystem.h"
+#include "CmSystem.h"
 
 namespace UTIL_NS {
 
@@ -22,18 +23,17 @@ std::string_view Unquoted(std::string_view aValue) {
 
 // The first aChar of a text, or its end.
 const char* Find(char aChar, const char* aStart, const char* aEnd) {
-    const void* pFound = memchr(aStart, aChar, static_cast<size_t>(aEnd - aStart));
+    const void* pFound = std::memchr(aStart, aChar, static_cast<size_t>(aEnd - aStart));
     return pFound != nullptr ? static_cast<const char*>(pFound) : aEnd;
 }
 
-// Whether a text, but for blanks behind it, ends with aKey. A "=" behind another text is that of
-// no line with the key.
-bool EndsWithKey(const char* aStart, const char* aEnd, std::string_view aKey) {
-    while (aEnd != aStart && CmIsProfileBlank(aEnd[-1])) {
-        --aEnd;
-    }
-    return static_cast<size_t>(aEnd - aStart) >= aKey.size() &&
-           CmEqualsIgnoringCase(std::string_view(aEnd - aKey.size(), aKey.size()), aKey);
+// Whether a text that a "=" follows ends with aKey, blanks apart. Where it does not, the line of
+// the
+// "=" is not that of the key, and need not be taken apart to know.
+bool EndsWithKey(std::string_view aText, std::string_view aKey) {
+    aText = CmTrimmedRight(aText, CmIsBlank);
+    return aText.size() >= aKey.size() &&
+           CmEqualsNoCase(aText.substr(aText.size() - aKey.size()), aKey);
 }
 
 // Waits until the writer of a named pipe has written or closed it; false when that cannot be done.
@@ -49,39 +49,9 @@ bool IsToBeRepeated(int aFile) {
 
 }  // namespace
 
-bool CmIsProfileBlank(char aChar) {
-    return aChar == ' ' || aChar == '\t' || aChar == '\r' || aChar == '\n';
-}
-
-std::string_view CmTrimmed(std::string_view aText) {
-    while (!aText.empty() && CmIsProfileBlank(aText.front())) {
-        aText.remove_prefix(1);
-    }
-    while (!aText.empty() && CmIsProfileBlank(aText.back())) {
-        aText.remove_suffix(1);
-    }
-    return aText;
-}
-
 bool CmIsProfileComment(std::string_view aLine) {
-    for (const char ch : aLine) {
-        if (!CmIsProfileBlank(ch)) {
-            return ch == '#';
-        }
-    }
-    return false;
-}
-
-bool CmEqualsIgnoringCase(std::string_view aLeft, std::string_view aRight) {
-    if (aLeft.size() != aRight.size()) {
-        return false;
-    }
-    for (size_t i = 0; i < aLeft.size(); ++i) {
-        if (CmToLower(aLeft[i]) != CmToLower(aRight[i])) {
-            return false;
-        }
-    }
-    return true;
+    const std::string_view line = CmTrimmedLeft(aLine, CmIsBlank);
+    return !line.empty() && line.front() == '#';
 }
 
 CCmProfileLine CmSplitProfileLine(std::string_view aLine) {
@@ -93,17 +63,17 @@ CCmProfileLine CmSplitProfileLine(std::string_view aLine) {
     const size_t nOpen = line.find('[');
     const size_t nClose = nOpen == line.npos ? line.npos : line.find(']');
     if (nClose != line.npos) {
-        // The first "]" cuts the line; one ahead of the "[" leaves the name behind it whole.
+        // The first "]" cuts the line; one before the "[" does not shorten the name.
         const size_t nLength = nClose > nOpen ? nClose - nOpen - 1 : line.npos;
-        split.kind = CCmProfileLine::HEADER;
-        split.name = line.substr(nOpen + 1, nLength);
+        split.m_kind = CCmProfileLine::HEADER;
+        split.m_name = line.substr(nOpen + 1, nLength);
         return split;
     }
     const size_t nEqual = line.find('=');
     if (nEqual != line.npos) {
-        split.kind = CCmProfileLine::KEY;
-        split.name = line.substr(0, nEqual);
-        split.value = line.substr(nEqual + 1);
+        split.m_kind = CCmProfileLine::KEY;
+        split.m_name = line.substr(0, nEqual);
+        split.m_value = line.substr(nEqual + 1);
     }
     return split;
 }
@@ -120,25 +90,25 @@ int CmOpenForReading(const char* aPath) {
     return nFile;
 }
 
-CCmProfileSearch::Step CCmProfileSearch::Examine(std::string_view aLine) {
+CCmProfileSearch::EStep CCmProfileSearch::Examine(std::string_view aLine) {
     const CCmProfileLine line = CmSplitProfileLine(aLine);
-    if (line.kind == CCmProfileLine::HEADER) {
+    if (line.m_kind == CCmProfileLine::HEADER) {
         if (m_bInside) {
-            return Step::OUT_OF_REACH;
+            return EStep::OUT_OF_REACH;
         }
-        m_bInside = CmEqualsIgnoringCase(CmTrimmed(line.name), m_section);
-        return Step::GO_ON;
+        m_bInside = CmEqualsNoCase(CmTrimmed(line.m_name), m_section);
+        return EStep::GO_ON;
     }
-    if (!m_bInside || line.kind != CCmProfileLine::KEY ||
-        !CmEqualsIgnoringCase(CmTrimmed(line.name), m_key)) {
-        return Step::GO_ON;
+    if (!m_bInside || line.m_kind != CCmProfileLine::KEY ||
+        !CmEqualsNoCase(CmTrimmed(line.m_name), m_key)) {
+        return EStep::GO_ON;
     }
-    m_value = CmProfileValue(line.value);
-    return Step::FOUND;
+    m_value = CmProfileValue(line.m_value);
+    return EStep::FOUND;
 }
 
 bool CCmStreamLines::Next(std::string_view& aLine) {
-    if (feof(m_pFile) || g_cmSystem.fgets(m_achLine, sizeof(m_achLine), m_pFile) == nullptr) {
+    if (std::feof(m_pFile) || g_cmSystem.fgets(m_achLine, sizeof(m_achLine), m_pFile) == nullptr) {
         return false;
     }
     aLine = m_achLine;
@@ -161,11 +131,11 @@ bool CCmFileLines::Next(std::string_view& aLine) {
     for (;;) {
         const size_t nLeft = static_cast<size_t>(m_pEnd - m_pNext);
         const size_t nMost = std::min<size_t>(nLeft, CM_PROFILE_LINE_MAX);
-        const char* const pLineEnd = static_cast<const char*>(memchr(m_pNext, '\n', nMost));
+        const char* const pLineEnd = static_cast<const char*>(std::memchr(m_pNext, '\n', nMost));
         if (pLineEnd != nullptr || nMost == CM_PROFILE_LINE_MAX || m_bEnd) {
-            const char* const pBehind = pLineEnd != nullptr ? pLineEnd + 1 : m_pNext + nMost;
-            aLine = std::string_view(m_pNext, static_cast<size_t>(pBehind - m_pNext));
-            m_pNext = pBehind;
+            const char* const pAfter = pLineEnd != nullptr ? pLineEnd + 1 : m_pNext + nMost;
+            aLine = std::string_view(m_pNext, static_cast<size_t>(pAfter - m_pNext));
+            m_pNext = pAfter;
             return !aLine.empty();
         }
         Refill();
@@ -180,7 +150,8 @@ bool CCmFileLines::SkipToBracketOrKey(std::string_view aKey) {
     return SkipTo([aKey](const char* aStart, const char* aEnd) {
         const char* const pBracket = Find('[', aStart, aEnd);
         const char* pEqual = Find('=', aStart, pBracket);
-        while (pEqual != pBracket && !EndsWithKey(aStart, pEqual, aKey)) {
+        while (pEqual != pBracket &&
+               !EndsWithKey({aStart, static_cast<size_t>(pEqual - aStart)}, aKey)) {
             pEqual = Find('=', pEqual + 1, pBracket);
         }
         return pEqual;
@@ -200,8 +171,8 @@ bool CCmFileLines::SkipTo(Find aFind) {
     }
 }
 
-// The start of the line that aPosition, at or behind m_pNext, lies in. A line that is too long
-// counts as several, all but the last of the greatest length.
+// The start of the line that aPosition, which is not before m_pNext, lies in. A line that is too
+// long counts as several, all but the last of the greatest length.
 const char* CCmFileLines::LineOf(const char* aPosition) const {
     const char* pLine = aPosition;
     while (pLine > m_pNext && pLine[-1] != '\n') {
@@ -211,11 +182,11 @@ const char* CCmFileLines::LineOf(const char* aPosition) const {
     return pLine + nOffset / CM_PROFILE_LINE_MAX * CM_PROFILE_LINE_MAX;
 }
 
-// Moves the unfinished line, shorter than the greatest length, to the front and reads behind it.
+// Moves the unfinished line, shorter than the greatest length, to the front and reads on after it.
 // At the end of the file it stays as the last line; a read that fails loses it, as it may be cut.
 void CCmFileLines::Refill() {
     const size_t nLeft = static_cast<size_t>(m_pEnd - m_pNext);
-    memmove(m_achBuffer, m_pNext, nLeft);
+    std::memmove(m_achBuffer, m_pNext, nLeft);
     ssize_t nRead;
     do {
         nRead = g_cmSystem.read(m_nFile, m_achBuffer + nLeft, sizeof(m_achBuffer) - nLeft);

@@ -2,9 +2,8 @@
 #ifndef CM_PROFILE_READER_H
 #define CM_PROFILE_READER_H
 
-#include <stddef.h>
-#include <stdio.h>
-
+#include <cstddef>
+#include <cstdio>
 #include <string_view>
 
 #include "CmCancel.h"
@@ -14,19 +13,15 @@ namespace UTIL_NS {
 // What a line holds at most, its line end included.
 constexpr size_t CM_PROFILE_LINE_MAX = 2047;
 
-bool CmIsProfileBlank(char aChar);
-std::string_view CmTrimmed(std::string_view aText);
 bool CmIsProfileComment(std::string_view aLine);
-// ASCII letters only, whatever the locale.
-bool CmEqualsIgnoringCase(std::string_view aLeft, std::string_view aRight);
 
 // A line taken apart; nothing is trimmed. aLine: with or without its line end; a NUL ends what is
 // seen of it.
 struct CCmProfileLine {
-    enum Kind { OTHER, HEADER, KEY };
-    Kind kind = OTHER;
-    std::string_view name;   // of the section or of the key
-    std::string_view value;  // of the key
+    enum EKind { OTHER, HEADER, KEY };
+    EKind m_kind = OTHER;
+    std::string_view m_name;   // of the section or of the key
+    std::string_view m_value;  // of the key
 };
 CCmProfileLine CmSplitProfileLine(std::string_view aLine);
 // Trimmed and without its quotes.
@@ -37,14 +32,14 @@ class CCmProfileSearch {
   public:
     CCmProfileSearch(const char* aSection, const char* aKey) : m_section(aSection), m_key(aKey) {}
 
-    enum class Step { GO_ON, FOUND, OUT_OF_REACH };
+    enum class EStep { GO_ON, FOUND, OUT_OF_REACH };
     // aLine: with or without its line end; a NUL ends what is seen of it.
-    Step Examine(std::string_view aLine);
+    EStep Examine(std::string_view aLine);
 
     // While outside, only a section header changes anything; inside, also a line with the key.
     bool inside() const { return m_bInside; }
     std::string_view key() const { return m_key; }
-    // Behind FOUND: trimmed and without its quotes; a part of the line examined last.
+    // After FOUND: trimmed and without its quotes; a part of the line examined last.
     std::string_view value() const { return m_value; }
 
   private:
@@ -114,9 +109,9 @@ bool CmFindInProfile(Lines& aLines, CCmProfileSearch& aSearch) {
     std::string_view line;
     while ((aSearch.inside() ? aLines.SkipToBracketOrKey(aSearch.key()) : aLines.SkipToBracket()) &&
            aLines.Next(line)) {
-        const CCmProfileSearch::Step step = aSearch.Examine(line);
-        if (step != CCmProfileSearch::Step::GO_ON) {
-            return step == CCmProfileSearch::Step::FOUND;
+        const CCmProfileSearch::EStep step = aSearch.Examine(line);
+        if (step != CCmProfileSearch::EStep::GO_ON) {
+            return step == CCmProfileSearch::EStep::FOUND;
         }
     }
     return false;

@@ -16,25 +16,26 @@
 #include "CmAscii.h"
 #include "CmCancel.h"
 #include "CmConditionVariable.h"
+#include "CmPrivateState.h"
 #include "CmScopedLock.h"
+#include "CmSystem.h"
 #include "CmThread.h"
-#include "port/CmSystem.h"
 
 namespace UTIL_NS {
 
 namespace {
 
-typedef std::chrono::steady_clock Clock;
+typedef std::chrono::steady_clock CClock;
 
 constexpr int THREAD_TYPE = 1;
 constexpr size_t MAX_LABEL = 63;
 constexpr long LONGEST_LIMIT = 1000000000;  // seconds; more is none
-// The wait follows the wall clock, which may be set back meanwhile.
+// A wait ends at a time of the wall clock, and so later where that is set back meanwhile. None is
+// longer than this, after which the limits, which follow the monotonic clock, are looked at anew.
 constexpr CCmTimeValue LONGEST_WAIT(1);
 
 bool IsLabelCharacter(char aChar) {
-    const char ch = CmToLower(aChar);
-    return (ch >= 'a' && ch <= 'z') || (ch >= '0' && ch <= '9') || ch == '-' || ch == '_';
+    return CmIsLetter(aChar) || CmIsDigit(aChar) || aChar == '-' || aChar == '_';
 }
 
 // As systems read the end of an address: decimal, octal or hexadecimal.
@@ -64,9 +65,9 @@ bool IsName(std::string_view aName) {
     return !IsNumber(label);
 }
 
-struct Outcome {
-    CmResult result = CM_ERROR_TIMEOUT;
-    std::vector<CCmIpAddress> addresses;
+struct COutcome {
+    CmResult m_Result = CM_ERROR_TIMEOUT;
+    std::vector<CCmIpAddress> m_addresses;
 };
 
 CmResult ResultOf(int aError) {
@@ -102,56 +103,56 @@ CmResult Collect(const addrinfo* aList, std::vector<CCmIpAddress>& aAddresses) {
     return aAddresses.empty() ? CM_ERROR_NOT_FOUND : CM_OK;
 }
 
-Outcome AskTheSystem(const CCmString& aName, CCmIpAddress::Family aFamily) {
+COutcome AskTheSystem(const CCmString& aName, CCmIpAddress::Family aFamily) {
     addrinfo hints = {};
     hints.ai_family = aFamily == CCmIpAddress::IPV4   ? AF_INET
                       : aFamily == CCmIpAddress::IPV6 ? AF_INET6
                                                       : AF_UNSPEC;
     hints.ai_socktype = SOCK_DGRAM;  // one entry for each address
     addrinfo* pList = nullptr;
-    Outcome outcome;
-    outcome.result = ResultOf(g_cmSystem.getaddrinfo(aName.c_str(), nullptr, &hints, &pList));
-    if (CM_SUCCEEDED(outcome.result)) {
-        outcome.result = Collect(pList, outcome.addresses);
+    COutcome outcome;
+    outcome.m_Result = ResultOf(g_cmSystem.getaddrinfo(aName.c_str(), nullptr, &hints, &pList));
+    if (CM_SUCCEEDED(outcome.m_Result)) {
+        outcome.m_Result = Collect(pList, outcome.m_addresses);
         g_cmSystem.freeaddrinfo(pList);
     }
     return outcome;
 }
 
 // A question that has not been answered. The answer is owned.
-struct Job {
-    CCmString name;
-    CCmIpAddress::Family family = CCmIpAddress::NONE;
-    ICmEventQueue* queue = nullptr;
-    ACmResolution* answer = nullptr;
-    Outcome* outcome = nullptr;  // of the answer
-    Clock::time_point due;       // the start of time once there is an outcome
+struct CJob {
+    CCmString m_strName;
+    CCmIpAddress::Family m_family = CCmIpAddress::NONE;
+    ICmEventQueue* m_pQueue = nullptr;
+    ACmResolution* m_pAnswer = nullptr;
+    COutcome* m_pOutcome = nullptr;  // of the answer
+    CClock::time_point m_due;        // the start of time once there is an outcome
 };
-typedef std::map<uint64_t, Job> Jobs;
+typedef std::map<uint64_t, CJob> CJobs;
 
 // What the resolver, its threads and its answers share; whoever is last frees it.
 //
 // Only the watcher posts answers, one at a time, so that whoever cancels can wait until the queue
 // of an answer is not used any more.
-class CState : public std::enable_shared_from_this<CState> {
+class CQuestions : public std::enable_shared_from_this<CQuestions> {
   public:
-    CState() : m_Changed(m_Mutex), m_Posted(m_Mutex) {}
+    CQuestions() : m_Changed(m_Mutex), m_Posted(m_Mutex) {}
 
     uint64_t NewId();
     // Owns the answer from then on. Throws for want of memory, with nothing changed.
-    void Add(uint64_t aId, const Job& aJob);
+    void Add(uint64_t aId, const CJob& aJob);
     // An answer that the asker itself posts. Throws likewise.
     void AddPosted(uint64_t aId);
     // Whether the answer may run.
     bool TakeLive(uint64_t aId);
     bool Cancel(uint64_t aId, ACmResolution*& aAnswer);
     // From here on nobody is answered; returns what is still to be ended.
-    Jobs Close();
+    CJobs Close();
 
-    // The watcher's body.
+    // What the watcher runs until Close.
     void Watch();
     // A lookup has ended.
-    void Finish(uint64_t aId, Outcome& aOutcome);
+    void Finish(uint64_t aId, COutcome& aOutcome);
     void SetWatcher(pthread_t aThread) {
         const CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
         m_watcher = aThread;
@@ -159,9 +160,9 @@ class CState : public std::enable_shared_from_this<CState> {
 
   private:
     bool StepOrWait();
-    void Deliver(Jobs::node_type aJob);
+    void Deliver(CJobs::node_type aJob);
     void StartLookup(uint64_t aId, const CCmString& aName, CCmIpAddress::Family aFamily);
-    Jobs::node_type TakeDue_l() CM_REQUIRES(m_Mutex);
+    CJobs::node_type TakeDue_l() CM_REQUIRES(m_Mutex);
     bool TakeWaiting_l(uint64_t& aId, CCmString& aName, CCmIpAddress::Family& aFamily)
         CM_REQUIRES(m_Mutex);
     CmResult Wait_l() CM_REQUIRES(m_Mutex);
@@ -169,8 +170,8 @@ class CState : public std::enable_shared_from_this<CState> {
     CCmMutexThread m_Mutex;
     CCmConditionVariableThread m_Changed;  // for the watcher
     CCmConditionVariableThread m_Posted;   // for those that cancel
-    Jobs m_jobs CM_GUARDED_BY(m_Mutex);
-    std::set<std::pair<Clock::time_point, uint64_t>> m_due CM_GUARDED_BY(m_Mutex);  // of m_jobs
+    CJobs m_jobs CM_GUARDED_BY(m_Mutex);
+    std::set<std::pair<CClock::time_point, uint64_t>> m_due CM_GUARDED_BY(m_Mutex);  // of m_jobs
     std::deque<uint64_t> m_waiting CM_GUARDED_BY(m_Mutex);  // for a lookup; some may be gone
     std::set<uint64_t> m_live CM_GUARDED_BY(m_Mutex);       // answers that may still run
     uint64_t m_ullLastId CM_GUARDED_BY(m_Mutex) = 0;
@@ -183,20 +184,20 @@ class CState : public std::enable_shared_from_this<CState> {
 // One question to the system.
 class CLookup : public ACmThread {
   public:
-    CLookup(std::shared_ptr<CState> aState, uint64_t aId, CCmString aName,
+    CLookup(std::shared_ptr<CQuestions> aQuestions, uint64_t aId, CCmString aName,
             CCmIpAddress::Family aFamily)
-        : m_pState(std::move(aState)),
+        : m_pQuestions(std::move(aQuestions)),
           m_ullId(aId),
           m_strName(std::move(aName)),
           m_family(aFamily) {}
 
     void OnThreadRun() override {
-        Outcome outcome = AskTheSystem(m_strName, m_family);
-        m_pState->Finish(m_ullId, outcome);
+        COutcome outcome = AskTheSystem(m_strName, m_family);
+        m_pQuestions->Finish(m_ullId, outcome);
     }
 
   private:
-    const std::shared_ptr<CState> m_pState;
+    const std::shared_ptr<CQuestions> m_pQuestions;
     const uint64_t m_ullId;
     const CCmString m_strName;
     const CCmIpAddress::Family m_family;
@@ -204,54 +205,55 @@ class CLookup : public ACmThread {
 
 class CWatcher : public ACmThread {
   public:
-    explicit CWatcher(std::shared_ptr<CState> aState) : m_pState(std::move(aState)) {}
+    explicit CWatcher(std::shared_ptr<CQuestions> aQuestions)
+        : m_pQuestions(std::move(aQuestions)) {}
 
-    void OnThreadInit() override { m_pState->SetWatcher(::pthread_self()); }
-    void OnThreadRun() override { m_pState->Watch(); }
+    void OnThreadInit() override { m_pQuestions->SetWatcher(::pthread_self()); }
+    void OnThreadRun() override { m_pQuestions->Watch(); }
 
   private:
-    const std::shared_ptr<CState> m_pState;
+    const std::shared_ptr<CQuestions> m_pQuestions;
 };
 
-uint64_t CState::NewId() {
+uint64_t CQuestions::NewId() {
     const CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
     return ++m_ullLastId;
 }
 
-void CState::Add(uint64_t aId, const Job& aJob) {
+void CQuestions::Add(uint64_t aId, const CJob& aJob) {
     const CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
     try {
         m_live.insert(aId);
-        m_due.insert({aJob.due, aId});
+        m_due.insert({aJob.m_due, aId});
         m_waiting.push_back(aId);
         m_jobs.emplace(aId, aJob);
     } catch (const std::exception&) {
         m_live.erase(aId);
-        m_due.erase({aJob.due, aId});
-        throw;  // one too many that wait does not matter
+        m_due.erase({aJob.m_due, aId});
+        throw;  // what is left in m_waiting is passed over when its turn comes
     }
     m_Changed.Signal();
 }
 
-void CState::AddPosted(uint64_t aId) {
+void CQuestions::AddPosted(uint64_t aId) {
     const CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
     m_live.insert(aId);
 }
 
-bool CState::TakeLive(uint64_t aId) {
+bool CQuestions::TakeLive(uint64_t aId) {
     const CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
     return m_live.erase(aId) != 0;
 }
 
-bool CState::Cancel(uint64_t aId, ACmResolution*& aAnswer) {
+bool CQuestions::Cancel(uint64_t aId, ACmResolution*& aAnswer) {
     const CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
     if (m_live.erase(aId) == 0) {
         return false;
     }
     const auto it = m_jobs.find(aId);
     if (it != m_jobs.end()) {
-        aAnswer = it->second.answer;
-        m_due.erase({it->second.due, aId});
+        aAnswer = it->second.m_pAnswer;
+        m_due.erase({it->second.m_due, aId});
         m_jobs.erase(it);
     }
     // An answer that is refused ends on the watcher, and may cancel there.
@@ -261,9 +263,9 @@ bool CState::Cancel(uint64_t aId, ACmResolution*& aAnswer) {
     return true;
 }
 
-Jobs CState::Close() {
+CJobs CQuestions::Close() {
     const CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
-    Jobs jobs;
+    CJobs jobs;
     jobs.swap(m_jobs);
     m_due.clear();
     m_live.clear();
@@ -272,30 +274,30 @@ Jobs CState::Close() {
     return jobs;
 }
 
-void CState::Finish(uint64_t aId, Outcome& aOutcome) {
+void CQuestions::Finish(uint64_t aId, COutcome& aOutcome) {
     const CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
     --m_nLookups;
     const auto it = m_jobs.find(aId);
     if (it != m_jobs.end()) {
-        Job& job = it->second;
-        std::swap(*job.outcome, aOutcome);
+        CJob& job = it->second;
+        std::swap(*job.m_pOutcome, aOutcome);
         // The same node under another key: nothing is allocated.
-        auto due = m_due.extract({job.due, aId});
-        job.due = Clock::time_point::min();
-        due.value().first = job.due;
+        auto due = m_due.extract({job.m_due, aId});
+        job.m_due = CClock::time_point::min();
+        due.value().first = job.m_due;
         m_due.insert(std::move(due));
     }
     m_Changed.Signal();
 }
 
-void CState::Watch() {
+void CQuestions::Watch() {
     while (StepOrWait()) {
     }
 }
 
 // One answer, one lookup or one wait; false when the resolver has ended.
-bool CState::StepOrWait() {
-    Jobs::node_type due;
+bool CQuestions::StepOrWait() {
+    CJobs::node_type due;
     uint64_t ullId = 0;
     CCmString strName;
     CCmIpAddress::Family family = CCmIpAddress::NONE;
@@ -320,8 +322,8 @@ bool CState::StepOrWait() {
     return true;
 }
 
-Jobs::node_type CState::TakeDue_l() {
-    if (m_due.empty() || m_due.begin()->first > Clock::now()) {
+CJobs::node_type CQuestions::TakeDue_l() {
+    if (m_due.empty() || m_due.begin()->first > CClock::now()) {
         return {};
     }
     m_ullPosting = m_due.begin()->second;
@@ -329,14 +331,14 @@ Jobs::node_type CState::TakeDue_l() {
     return m_jobs.extract(m_ullPosting);
 }
 
-bool CState::TakeWaiting_l(uint64_t& aId, CCmString& aName, CCmIpAddress::Family& aFamily) {
+bool CQuestions::TakeWaiting_l(uint64_t& aId, CCmString& aName, CCmIpAddress::Family& aFamily) {
     while (m_nLookups < CCmResolver::MAX_LOOKUPS && !m_waiting.empty()) {
         const auto it = m_jobs.find(m_waiting.front());
         m_waiting.pop_front();
         if (it != m_jobs.end()) {
             aId = it->first;
-            aName.swap(it->second.name);
-            aFamily = it->second.family;
+            aName.swap(it->second.m_strName);
+            aFamily = it->second.m_family;
             ++m_nLookups;
             return true;
         }
@@ -344,91 +346,93 @@ bool CState::TakeWaiting_l(uint64_t& aId, CCmString& aName, CCmIpAddress::Family
     return false;
 }
 
-CmResult CState::Wait_l() {
+CmResult CQuestions::Wait_l() {
     if (m_due.empty()) {
         return m_Changed.Wait(nullptr);
     }
     const auto left =
-        std::chrono::duration_cast<std::chrono::microseconds>(m_due.begin()->first - Clock::now());
+        std::chrono::duration_cast<std::chrono::microseconds>(m_due.begin()->first - CClock::now());
     CCmTimeValue tvWait =
         std::min(CCmTimeValue(0, static_cast<long>(left.count()) + 1), LONGEST_WAIT);
     return m_Changed.Wait(&tvWait);
 }
 
-void CState::Deliver(Jobs::node_type aJob) {
-    const Job& job = aJob.mapped();
-    job.queue->PostEvent(job.answer, ICmEventQueue::EPRIORITY_NORMAL);
+void CQuestions::Deliver(CJobs::node_type aJob) {
+    const CJob& job = aJob.mapped();
+    job.m_pQueue->PostEvent(job.m_pAnswer, ICmEventQueue::EPRIORITY_NORMAL);
     const CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
     m_ullPosting = 0;
     m_Posted.Broadcast();
 }
 
-void CState::StartLookup(uint64_t aId, const CCmString& aName, CCmIpAddress::Family aFamily) {
-    Outcome outcome;
-    outcome.result = CM_ERROR_OUT_OF_MEMORY;
+void CQuestions::StartLookup(uint64_t aId, const CCmString& aName, CCmIpAddress::Family aFamily) {
+    COutcome outcome;
+    outcome.m_Result = CM_ERROR_OUT_OF_MEMORY;
     try {
         auto* pLookup = new CLookup(shared_from_this(), aId, aName, aFamily);
-        outcome.result = pLookup->Create(THREAD_TYPE, TF_DETACHED, 0);
-        pLookup->Destory(outcome.result);
+        outcome.m_Result = pLookup->Create(THREAD_TYPE, TF_DETACHED, 0);
+        pLookup->Destory(outcome.m_Result);
     } catch (const std::exception&) {
     }
-    if (CM_FAILED(outcome.result)) {
+    if (CM_FAILED(outcome.m_Result)) {
         Finish(aId, outcome);
     }
 }
 
 }  // namespace
 
-struct __attribute__((visibility("hidden"))) ACmResolution::Rep {
-    Outcome outcome;
-    uint64_t id = 0;
-    std::shared_ptr<CState> state;
+struct CM_UTIL_HIDDEN ACmResolution::CState {
+    COutcome m_outcome;
+    uint64_t m_ullId = 0;
+    std::shared_ptr<CQuestions> m_pQuestions;  // null until it is asked
 };
 
-struct __attribute__((visibility("hidden"))) CCmResolver::Rep {
-    CCmMutexThread mutex;
-    ACmThread* watcher CM_GUARDED_BY(mutex) = nullptr;  // null until there is a name to look up
-    std::shared_ptr<CState> state = std::make_shared<CState>();
-
-    static Rep* Make() {
+struct CM_UTIL_HIDDEN CCmResolver::CState {
+    CState() {
         try {
-            return new Rep;
+            m_pQuestions = std::make_shared<CQuestions>();
         } catch (const std::exception&) {
-            return nullptr;
+            // Nobody can ask.
         }
     }
     CmResult StartWatcher();
-    CmResult Ask(std::string_view aName, const CCmTimeValue& aLimit, uint64_t aId, Job& aJob);
+    CmResult Ask(std::string_view aName, const CCmTimeValue& aLimit, uint64_t aId, CJob& aJob);
+
+    CCmMutexThread m_Mutex;
+    ACmThread* m_pWatcher CM_GUARDED_BY(m_Mutex) =
+        nullptr;                               // null until there is a name to look up
+    std::shared_ptr<CQuestions> m_pQuestions;  // null without memory
 };
 
-CmResult CCmResolver::Rep::StartWatcher() {
-    const CCmScopedLockT<CCmMutexThread> lock(mutex);
-    if (watcher != nullptr) {
+CmResult CCmResolver::CState::StartWatcher() {
+    const CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
+    if (m_pWatcher != nullptr) {
         return CM_OK;
     }
-    auto* pWatcher = new CWatcher(state);
+    auto* pWatcher = new CWatcher(m_pQuestions);
     const CmResult rv = pWatcher->Create(THREAD_TYPE, TF_JOINABLE, 0);
     if (CM_FAILED(rv)) {
         pWatcher->Destory(rv);
         return rv;
     }
-    watcher = pWatcher;
+    m_pWatcher = pWatcher;
     return CM_OK;
 }
 
-// Takes the answer on success.
-CmResult CCmResolver::Rep::Ask(std::string_view aName, const CCmTimeValue& aLimit, uint64_t aId,
-                               Job& aJob) {
+// On success the answer is owned.
+CmResult CCmResolver::CState::Ask(std::string_view aName, const CCmTimeValue& aLimit, uint64_t aId,
+                                  CJob& aJob) {
     CCmIpAddress address;
-    if (aJob.queue == nullptr || aLimit <= CCmTimeValue()) {
+    if (aJob.m_pQueue == nullptr || aLimit <= CCmTimeValue()) {
         return CM_ERROR_INVALID_ARG;
     }
     if (CmParseIpAddress(aName, address)) {
-        const bool bWanted = aJob.family == CCmIpAddress::NONE || aJob.family == address.m_family;
-        aJob.outcome->result = bWanted ? CM_OK : CM_ERROR_NOT_FOUND;
-        aJob.outcome->addresses.assign(bWanted ? 1 : 0, address);
-        state->AddPosted(aId);
-        aJob.queue->PostEvent(aJob.answer, ICmEventQueue::EPRIORITY_NORMAL);
+        const bool bWanted =
+            aJob.m_family == CCmIpAddress::NONE || aJob.m_family == address.m_family;
+        aJob.m_pOutcome->m_Result = bWanted ? CM_OK : CM_ERROR_NOT_FOUND;
+        aJob.m_pOutcome->m_addresses.assign(bWanted ? 1 : 0, address);
+        m_pQuestions->AddPosted(aId);
+        aJob.m_pQueue->PostEvent(aJob.m_pAnswer, ICmEventQueue::EPRIORITY_NORMAL);
         return CM_OK;
     }
     if (!IsName(aName)) {
@@ -438,56 +442,61 @@ CmResult CCmResolver::Rep::Ask(std::string_view aName, const CCmTimeValue& aLimi
     if (CM_FAILED(rv)) {
         return rv;
     }
-    aJob.name = aName;
-    aJob.due = aLimit.GetSec() >= LONGEST_LIMIT
-                   ? Clock::time_point::max()
-                   : Clock::now() + std::chrono::seconds(aLimit.GetSec()) +
-                         std::chrono::microseconds(aLimit.GetUsec());
-    state->Add(aId, aJob);
+    aJob.m_strName = aName;
+    aJob.m_due = aLimit.GetSec() >= LONGEST_LIMIT
+                     ? CClock::time_point::max()
+                     : CClock::now() + std::chrono::seconds(aLimit.GetSec()) +
+                           std::chrono::microseconds(aLimit.GetUsec());
+    m_pQuestions->Add(aId, aJob);
     return CM_OK;
 }
 
-ACmResolution::ACmResolution() : m_pRep(new (std::nothrow) Rep) {}
+ACmResolution::ACmResolution() {
+    CCmPrivateRoom::Make(m_Private);
+}
 
 ACmResolution::~ACmResolution() {
-    if (m_pRep != nullptr && m_pRep->state != nullptr) {
-        m_pRep->state->TakeLive(m_pRep->id);
+    CState& state = CCmPrivateRoom::Of(m_Private);
+    if (state.m_pQuestions != nullptr) {
+        state.m_pQuestions->TakeLive(state.m_ullId);
     }
-    delete m_pRep;
+    CCmPrivateRoom::End(m_Private);
 }
 
 CmResult ACmResolution::result() const {
-    return m_pRep == nullptr ? CM_ERROR_OUT_OF_MEMORY : m_pRep->outcome.result;
+    return CCmPrivateRoom::Of(m_Private).m_outcome.m_Result;
 }
 
 const std::vector<CCmIpAddress>& ACmResolution::addresses() const {
-    static const std::vector<CCmIpAddress> s_none;
-    return m_pRep == nullptr ? s_none : m_pRep->outcome.addresses;
+    return CCmPrivateRoom::Of(m_Private).m_outcome.m_addresses;
 }
 
 CmResult ACmResolution::OnEventFire() {
-    if (m_pRep != nullptr && m_pRep->state != nullptr && m_pRep->state->TakeLive(m_pRep->id)) {
+    const CState& state = CCmPrivateRoom::Of(m_Private);
+    if (state.m_pQuestions != nullptr && state.m_pQuestions->TakeLive(state.m_ullId)) {
         OnResolved();
     }
     return CM_OK;
 }
 
-CCmResolver::CCmResolver() : m_pRep(Rep::Make()) {}
+CCmResolver::CCmResolver() {
+    CCmPrivateRoom::Make(m_Private);
+}
 
 CCmResolver::~CCmResolver() {
     CCmDisableCancel disableCancel;
-    if (m_pRep == nullptr) {
-        return;
+    CState& state = CCmPrivateRoom::Of(m_Private);
+    if (state.m_pQuestions != nullptr) {
+        const CJobs jobs = state.m_pQuestions->Close();
+        if (state.m_pWatcher != nullptr) {
+            state.m_pWatcher->Join();
+            state.m_pWatcher->Destory(CM_OK);
+        }
+        for (const auto& job : jobs) {
+            job.second.m_pAnswer->OnDestorySelf();
+        }
     }
-    const Jobs jobs = m_pRep->state->Close();
-    if (m_pRep->watcher != nullptr) {
-        m_pRep->watcher->Join();
-        m_pRep->watcher->Destory(CM_OK);
-    }
-    for (const auto& job : jobs) {
-        job.second.answer->OnDestorySelf();
-    }
-    delete m_pRep;
+    CCmPrivateRoom::End(m_Private);
 }
 
 CmResult CCmResolver::Resolve(std::string_view aName, ICmEventQueue* aQueue, ACmResolution* aAnswer,
@@ -497,21 +506,22 @@ CmResult CCmResolver::Resolve(std::string_view aName, ICmEventQueue* aQueue, ACm
     if (aAnswer == nullptr) {
         return CM_ERROR_INVALID_ARG;
     }
+    CState& state = CCmPrivateRoom::Of(m_Private);
     CmResult rv = CM_ERROR_OUT_OF_MEMORY;
-    if (m_pRep != nullptr && aAnswer->m_pRep != nullptr) {
-        ACmResolution::Rep& answer = *aAnswer->m_pRep;
-        answer.state = m_pRep->state;
-        const uint64_t ullId = answer.id = m_pRep->state->NewId();
+    if (state.m_pQuestions != nullptr) {
+        ACmResolution::CState& answer = CCmPrivateRoom::Of(aAnswer->m_Private);
+        answer.m_pQuestions = state.m_pQuestions;
+        const uint64_t ullId = answer.m_ullId = state.m_pQuestions->NewId();
         if (aId != nullptr) {
             *aId = ullId;
         }
-        Job job;
-        job.family = aFamily;
-        job.queue = aQueue;
-        job.answer = aAnswer;
-        job.outcome = &answer.outcome;
+        CJob job;
+        job.m_family = aFamily;
+        job.m_pQueue = aQueue;
+        job.m_pAnswer = aAnswer;
+        job.m_pOutcome = &answer.m_outcome;
         try {
-            rv = m_pRep->Ask(aName, aLimit, ullId, job);
+            rv = state.Ask(aName, aLimit, ullId, job);
         } catch (const std::exception&) {
         }
     }
@@ -523,8 +533,9 @@ CmResult CCmResolver::Resolve(std::string_view aName, ICmEventQueue* aQueue, ACm
 
 CmResult CCmResolver::Cancel(uint64_t aId) {
     CCmDisableCancel disableCancel;
+    CState& state = CCmPrivateRoom::Of(m_Private);
     ACmResolution* pAnswer = nullptr;
-    if (m_pRep == nullptr || !m_pRep->state->Cancel(aId, pAnswer)) {
+    if (state.m_pQuestions == nullptr || !state.m_pQuestions->Cancel(aId, pAnswer)) {
         return CM_ERROR_NOT_FOUND;
     }
     if (pAnswer != nullptr) {

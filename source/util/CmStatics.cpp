@@ -8,14 +8,9 @@
 
 #include "CmBase.h"
 #include "CmConditionVariable.h"
-#include "CmConfig.h"
-#include "CmLogStream.h"
-#include "CmThread.h"
-#include "CmTimerWrapper.h"
-#include "CmUtilMisc.h"
 
 // Defines a variable under the name that another declaration of it has in object files, so that the
-// headers may declare a T where here lies storage for a T that never ends.
+// headers may declare a T where here lies storage for a T that is never destroyed.
 #define CM_TEXT_OF_(x) #x
 #define CM_TEXT_OF(x) CM_TEXT_OF_(x)
 #define CM_NAMED(aMangled) __asm__(CM_TEXT_OF(__USER_LABEL_PREFIX__) aMangled)
@@ -28,6 +23,8 @@
 #endif
 
 namespace UTIL_NS {
+
+class ACmThread;
 
 // Initialised by the compiler.
 template <class T>
@@ -55,10 +52,10 @@ template <class T>
 struct CCmMadeStorageT {
     template <class... Args>
     void Make(Args&&... aArgs) {
-        new (m_achObject) T(std::forward<Args>(aArgs)...);
+        new (m_abyObject) T(std::forward<Args>(aArgs)...);
     }
 
-    alignas(T) unsigned char m_achObject[sizeof(T)];
+    alignas(T) unsigned char m_abyObject[sizeof(T)];
 };
 
 CM_UTIL_EXPORT CCmMadeStorageT<CCmString> g_madeConfigFileName

@@ -1,9 +1,9 @@
 // The exported objects that a host's static objects may use, in their constructors and in their
 // destructors, also when the library is linked into the program; internal.
 //
-// None of them ends. What the compiler can initialise is ready from the start; the rest is made by
-// whoever comes first: a file of the host that includes a header of the library (CCmLibraryInit),
-// or a function that needs it.
+// None of them is ever destroyed. What the compiler can initialise is ready from the start; the
+// rest is made by whoever comes first: a file of the host that includes a header of the library
+// (CCmLibraryInit), or a function that needs it.
 #ifndef CM_STATICS_H
 #define CM_STATICS_H
 

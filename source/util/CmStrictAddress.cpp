@@ -1,12 +1,13 @@
 #include "CmStrict.h"
 
 #include <netinet/in.h>
-#include <string.h>
 
 #include <algorithm>
+#include <cstring>
 
+#include "CmAscii.h"
 #include "CmStrictResult.h"
-#include "port/CmSystem.h"
+#include "CmSystem.h"
 
 namespace UTIL_NS {
 
@@ -16,10 +17,6 @@ constexpr char A_PORT[] = "a port from 0 to 65535";
 constexpr size_t MAX_PORT_DIGITS = 5;
 constexpr size_t GROUPS = 8;  // of an IPv6 address, 16 bits each
 constexpr size_t IPV4_BYTES = 4;
-
-bool IsDigit(char aChar) {
-    return aChar >= '0' && aChar <= '9';
-}
 
 // Four octets from aAt to the end of the text.
 CCmParsed TakeOctets(std::string_view aText, size_t aAt, uint8_t* aBytes) {
@@ -33,7 +30,7 @@ CCmParsed TakeOctets(std::string_view aText, size_t aAt, uint8_t* aBytes) {
         }
         const size_t nStart = nAt;
         unsigned dwOctet = 0;
-        while (nAt < aText.size() && IsDigit(aText[nAt])) {
+        while (nAt < aText.size() && CmIsDigit(aText[nAt])) {
             dwOctet = dwOctet * 10 + static_cast<unsigned>(aText[nAt] - '0');
             if (dwOctet > 255 || (nAt > nStart && aText[nStart] == '0')) {
                 return CmRefused(nStart, "a number up to 255 without leading zeros");
@@ -219,13 +216,13 @@ void PrintIpv6(CPrinter& aPrinter, const CCmIpAddress& aAddress) {
         aPrinter.Put("::ffff:");
         PrintOctets(aPrinter, pBytes + sizeof(MAPPED));
     } else {
-        uint16_t awGroups[GROUPS];
+        uint16_t groups[GROUPS];
         for (size_t i = 0; i < GROUPS; ++i) {
-            awGroups[i] = static_cast<uint16_t>(pBytes[2 * i] << 8 | pBytes[2 * i + 1]);
+            groups[i] = static_cast<uint16_t>(pBytes[2 * i] << 8 | pBytes[2 * i + 1]);
         }
         size_t nGap = 0;
         size_t nLength = 0;
-        FindGap(awGroups, nGap, nLength);
+        FindGap(groups, nGap, nLength);
         for (size_t i = 0; i < GROUPS;) {
             if (i == nGap) {
                 aPrinter.Put("::");
@@ -235,7 +232,7 @@ void PrintIpv6(CPrinter& aPrinter, const CCmIpAddress& aAddress) {
             if (i > 0 && i != nGap + nLength) {
                 aPrinter.Put(':');
             }
-            aPrinter.PutNumber(awGroups[i], 16);
+            aPrinter.PutNumber(groups[i], 16);
             ++i;
         }
     }
@@ -255,7 +252,7 @@ void PrintAddress(CPrinter& aPrinter, const CCmIpAddress& aAddress) {
     }
 }
 
-// A zone's number: as it says, or that of the interface of its name.
+// A zone's number: the zone itself if it is one, else that of the interface of this name.
 CmResult ScopeOf(const CCmIpAddress& aAddress, uint32_t& aScope) {
     const std::string_view zone(aAddress.m_achZone.data(),
                                 ::strnlen(aAddress.m_achZone.data(), CCmIpAddress::MAX_ZONE));
@@ -379,19 +376,19 @@ CmResult CmToSocketAddress(const CCmEndpoint& aEndpoint, sockaddr_storage& aStor
         sockaddr_in ipv4 = {};
         ipv4.sin_family = AF_INET;
         ipv4.sin_port = htons(aEndpoint.m_wPort);
-        memcpy(&ipv4.sin_addr, address.m_abyBytes.data(), sizeof(ipv4.sin_addr));
-        memcpy(&storage, &ipv4, sizeof(ipv4));
+        std::memcpy(&ipv4.sin_addr, address.m_abyBytes.data(), sizeof(ipv4.sin_addr));
+        std::memcpy(&storage, &ipv4, sizeof(ipv4));
         aLength = sizeof(ipv4);
     } else if (address.m_family == CCmIpAddress::IPV6) {
         sockaddr_in6 ipv6 = {};
         ipv6.sin6_family = AF_INET6;
         ipv6.sin6_port = htons(aEndpoint.m_wPort);
-        memcpy(&ipv6.sin6_addr, address.m_abyBytes.data(), sizeof(ipv6.sin6_addr));
+        std::memcpy(&ipv6.sin6_addr, address.m_abyBytes.data(), sizeof(ipv6.sin6_addr));
         const CmResult rv = ScopeOf(address, ipv6.sin6_scope_id);
         if (CM_FAILED(rv)) {
             return rv;
         }
-        memcpy(&storage, &ipv6, sizeof(ipv6));
+        std::memcpy(&storage, &ipv6, sizeof(ipv6));
         aLength = sizeof(ipv6);
     } else {
         return CM_ERROR_INVALID_ARG;
@@ -405,16 +402,16 @@ CmResult CmFromSocketAddress(const sockaddr* aAddress, socklen_t aLength, CCmEnd
     CCmIpAddress& address = endpoint.m_address;
     if (aAddress != nullptr && aLength >= sizeof(sockaddr_in) && aAddress->sa_family == AF_INET) {
         sockaddr_in ipv4;
-        memcpy(&ipv4, aAddress, sizeof(ipv4));
+        std::memcpy(&ipv4, aAddress, sizeof(ipv4));
         address.m_family = CCmIpAddress::IPV4;
-        memcpy(address.m_abyBytes.data(), &ipv4.sin_addr, sizeof(ipv4.sin_addr));
+        std::memcpy(address.m_abyBytes.data(), &ipv4.sin_addr, sizeof(ipv4.sin_addr));
         endpoint.m_wPort = ntohs(ipv4.sin_port);
     } else if (aAddress != nullptr && aLength >= sizeof(sockaddr_in6) &&
                aAddress->sa_family == AF_INET6) {
         sockaddr_in6 ipv6;
-        memcpy(&ipv6, aAddress, sizeof(ipv6));
+        std::memcpy(&ipv6, aAddress, sizeof(ipv6));
         address.m_family = CCmIpAddress::IPV6;
-        memcpy(address.m_abyBytes.data(), &ipv6.sin6_addr, sizeof(ipv6.sin6_addr));
+        std::memcpy(address.m_abyBytes.data(), &ipv6.sin6_addr, sizeof(ipv6.sin6_addr));
         endpoint.m_wPort = ntohs(ipv6.sin6_port);
         if (ipv6.sin6_scope_id != 0) {
             char achZone[CM_IP_PRINTED_SIZE];

@@ -19,11 +19,10 @@ constexpr unsigned NO_DIGIT = 255;
 constexpr unsigned MAX_BASE = 36;
 
 unsigned DigitOf(char aChar) {
-    const char ch = CmToLower(aChar);
-    if (ch >= '0' && ch <= '9') {
-        return static_cast<unsigned>(ch - '0');
+    if (CmIsDigit(aChar)) {
+        return static_cast<unsigned>(aChar - '0');
     }
-    return ch >= 'a' && ch <= 'z' ? static_cast<unsigned>(ch - 'a') + 10 : NO_DIGIT;
+    return CmIsLetter(aChar) ? static_cast<unsigned>(CmToLower(aChar) - 'a') + 10 : NO_DIGIT;
 }
 
 // The digits of a text from aAt on, up to the first other character; returns where that is.
@@ -66,11 +65,11 @@ inline CCmParsed AllDigits(std::string_view aText, size_t aAt, uint64_t& aNumber
     return nEnd == aAt || nEnd != aText.size() ? CmRefused(nEnd, A_DIGIT) : CCmParsed();
 }
 
-struct SizeUnit {
-    std::string_view name;
-    uint64_t bytes;
+struct CSizeUnit {
+    std::string_view m_name;
+    uint64_t m_ullBytes;
 };
-constexpr SizeUnit SIZE_UNITS[] = {
+constexpr CSizeUnit SIZE_UNITS[] = {
     {"", 1},
     {"B", 1},
     {"kB", 1000},
@@ -85,11 +84,11 @@ constexpr SizeUnit SIZE_UNITS[] = {
 
 constexpr uint64_t SECOND = 1000000;  // microseconds
 
-struct DurationUnit {
-    std::string_view name;
-    uint64_t usec;
+struct CDurationUnit {
+    std::string_view m_name;
+    uint64_t m_ullUsec;
 };
-constexpr DurationUnit DURATION_UNITS[] = {
+constexpr CDurationUnit DURATION_UNITS[] = {
     {"us", 1},
     {"ms", 1000},
     {"s", SECOND},
@@ -103,7 +102,7 @@ constexpr size_t MAX_FRACTION = 13;
 template <class Unit, size_t N>
 const Unit* FindUnit(const Unit (&aUnits)[N], std::string_view aName) {
     const Unit* pUnit = std::find_if(std::begin(aUnits), std::end(aUnits),
-                                     [aName](const Unit& unit) { return unit.name == aName; });
+                                     [aName](const Unit& unit) { return unit.m_name == aName; });
     return pUnit == std::end(aUnits) ? nullptr : pUnit;
 }
 
@@ -119,7 +118,7 @@ bool FractionOf(std::string_view aDigits, uint64_t aUnit, uint64_t& aUsec) {
         ullDigits = ullDigits * 10 + static_cast<uint64_t>(ch - '0');
         ullScale *= 10;
     }
-    // What digits * unit / scale is, with nothing that grows beyond 64 bits on the way.
+    // digits * unit / scale, reduced first: no product exceeds 64 bits.
     const uint64_t ullCommon = std::gcd(aUnit, ullScale);
     if (ullDigits % (ullScale / ullCommon) != 0) {
         return false;
@@ -188,7 +187,7 @@ CCmParsed CmParseSigned(std::string_view aText, int64_t& aNumber, int64_t aMin, 
 CCmParsed CmParseBool(std::string_view aText, bool& aValue) {
     constexpr std::string_view YES[] = {"true", "yes", "on", "1"};
     constexpr std::string_view NO[] = {"false", "no", "off", "0"};
-    const auto equals = [aText](std::string_view aWord) { return CmEqualsWord(aText, aWord); };
+    const auto equals = [aText](std::string_view aWord) { return CmEqualsNoCase(aText, aWord); };
     const bool bYes = std::any_of(std::begin(YES), std::end(YES), equals);
     if (!bYes && std::none_of(std::begin(NO), std::end(NO), equals)) {
         return CmRefused(0, "true, yes, on, 1, false, no, off or 0");
@@ -204,12 +203,12 @@ CCmParsed CmParseSize(std::string_view aText, uint64_t& aBytes, uint64_t aMin, u
     if (nDigits == 0) {
         return CmRefused(0, A_DIGIT);
     }
-    const SizeUnit* pUnit = FindUnit(SIZE_UNITS, aText.substr(nDigits));
+    const CSizeUnit* pUnit = FindUnit(SIZE_UNITS, aText.substr(nDigits));
     if (pUnit == nullptr) {
         return CmRefused(nDigits, "B, kB, KiB, MB, MiB, GB, GiB, TB, TiB or no unit");
     }
-    if (!bFits || __builtin_mul_overflow(ullBytes, pUnit->bytes, &ullBytes) || ullBytes < aMin ||
-        ullBytes > aMax) {
+    if (!bFits || __builtin_mul_overflow(ullBytes, pUnit->m_ullBytes, &ullBytes) ||
+        ullBytes < aMin || ullBytes > aMax) {
         return CmOutOfRange(0, "a size within the range");
     }
     aBytes = ullBytes;
@@ -229,22 +228,22 @@ CCmParsed CmParseDuration(std::string_view aText, CCmTimeValue& aDuration, const
     const bool bFraction = nDigits < aText.size() && aText[nDigits] == '.';
     const size_t nFraction = bFraction ? nDigits + 1 : nDigits;
     size_t nUnit = nFraction;
-    while (bFraction && nUnit < aText.size() && aText[nUnit] >= '0' && aText[nUnit] <= '9') {
+    while (bFraction && nUnit < aText.size() && CmIsDigit(aText[nUnit])) {
         ++nUnit;
     }
     if (bFraction && nUnit == nFraction) {
         return CmRefused(nUnit, A_DIGIT);
     }
-    const DurationUnit* pUnit = FindUnit(DURATION_UNITS, aText.substr(nUnit));
+    const CDurationUnit* pUnit = FindUnit(DURATION_UNITS, aText.substr(nUnit));
     if (pUnit == nullptr) {
         return CmRefused(nUnit, "us, ms, s, min, h or d");
     }
     uint64_t ullUsec = 0;
-    if (!FractionOf(aText.substr(nFraction, nUnit - nFraction), pUnit->usec, ullUsec)) {
+    if (!FractionOf(aText.substr(nFraction, nUnit - nFraction), pUnit->m_ullUsec, ullUsec)) {
         return CmRefused(nFraction, "a whole number of microseconds");
     }
     CCmTimeValue tvDuration;
-    if (!bFits || !MakeDuration(ullCount, pUnit->usec, ullUsec, bNegative, tvDuration) ||
+    if (!bFits || !MakeDuration(ullCount, pUnit->m_ullUsec, ullUsec, bNegative, tvDuration) ||
         tvDuration < aMin || tvDuration > aMax) {
         return CmOutOfRange(0, "a duration within the range");
     }

@@ -25,22 +25,9 @@ inline CCmParsed CmNoMemory() {
     return CCmParsed{CM_ERROR_OUT_OF_MEMORY, 0, "enough memory"};
 }
 
-// aWord: in lower case.
-inline bool CmEqualsWord(std::string_view aText, std::string_view aWord) {
-    if (aText.size() != aWord.size()) {
-        return false;
-    }
-    for (size_t i = 0; i < aText.size(); ++i) {
-        if (CmToLower(aText[i]) != aWord[i]) {
-            return false;
-        }
-    }
-    return true;
-}
-
 // The value of a hexadecimal digit, -1 for any other character.
 constexpr int CmHexValue(char aChar) {
-    if (aChar >= '0' && aChar <= '9') {
+    if (CmIsDigit(aChar)) {
         return aChar - '0';
     }
     const char ch = CmToLower(aChar);
@@ -49,8 +36,7 @@ constexpr int CmHexValue(char aChar) {
 
 // What RFC 3986 calls unreserved; zone identifiers are made of it, too.
 constexpr bool CmIsUnreserved(char aChar) {
-    return (aChar >= '0' && aChar <= '9') || (aChar >= 'a' && aChar <= 'z') ||
-           (aChar >= 'A' && aChar <= 'Z') || aChar == '-' || aChar == '.' || aChar == '_' ||
+    return CmIsDigit(aChar) || CmIsLetter(aChar) || aChar == '-' || aChar == '.' || aChar == '_' ||
            aChar == '~';
 }
 

@@ -1,8 +1,7 @@
 #include "CmStrict.h"
 
-#include <string.h>
-
 #include <algorithm>
+#include <cstring>
 #include <new>
 
 #include "CmBase64.h"
@@ -17,8 +16,9 @@ constexpr size_t GROUP = 4;         // characters that give three bytes
 constexpr size_t TRANSLATED = 256;  // characters at a time
 static_assert(TRANSLATED % GROUP == 0, "whole groups");
 
-// A character of the other alphabet as one of the standard alphabet; those that only the standard
-// one has become none of either. Without branches, so that compilers translate many at a time.
+// A character of the URL alphabet as one of the standard alphabet; "+" and "/", which only the
+// latter has, become NUL, which neither has. Without branches, so that compilers translate many
+// characters at a time.
 constexpr char ToStandard(char aChar) {
     const int nDash = -static_cast<int>(aChar == '-') & ('-' ^ '+');
     const int nLine = -static_cast<int>(aChar == '_') & ('_' ^ '/');
@@ -108,7 +108,7 @@ CCmParsed CheckPadding(std::string_view aText, std::string_view aDigits, CmBase6
     return CCmParsed();
 }
 
-// The last two letters of the other alphabet in place of the standard ones.
+// The last two letters of the URL alphabet in place of the standard ones.
 void TranslateToUrl(CCmString& aText) {
     std::replace(aText.begin(), aText.end(), '+', '-');
     std::replace(aText.begin(), aText.end(), '/', '_');
@@ -122,7 +122,7 @@ bool IsContinuation(unsigned char aByte) {
 
 uint64_t HighBits(const unsigned char* aBytes) {
     uint64_t ullWord = 0;
-    memcpy(&ullWord, aBytes, sizeof(ullWord));
+    std::memcpy(&ullWord, aBytes, sizeof(ullWord));
     return ullWord & 0x8080808080808080;
 }
 
@@ -138,15 +138,15 @@ const unsigned char* SkipAscii(const unsigned char* aNext, const unsigned char* 
 }
 
 // The first sequence that is not UTF-8, or the end. The second byte keeps out what is overlong, a
-// surrogate or above U+10FFFF (RFC 3629, 4). Each length advances by a constant, which processors
-// that guess branches run ahead of.
+// surrogate or above U+10FFFF (RFC 3629, 4). Each branch advances by a constant, so that a
+// processor which guesses the branch reads on before it has checked the sequence.
 const unsigned char* FirstBadSequence(const unsigned char* aNext, const unsigned char* aEnd) {
     while (aNext != aEnd) {
         const unsigned char byFirst = *aNext;
         const std::ptrdiff_t nLeft = aEnd - aNext;
         if (byFirst < 0x80) {
             ++aNext;
-            // Asked for now and then only, as it pays in long runs alone.
+            // Looked for at every eighth address only: short runs would cost more than they gain.
             if (reinterpret_cast<uintptr_t>(aNext) % 8 == 0 && nLeft > 8 && HighBits(aNext) == 0) {
                 aNext = SkipAscii(aNext + 8, aEnd);
             }

@@ -11,7 +11,7 @@ namespace UTIL_NS {
 namespace {
 
 // The sets of RFC 3986 that a character is in.
-enum Set : uint8_t {
+enum ESet : uint8_t {
     SCHEME = 1,     // after the first character of a scheme
     USER_INFO = 2,  // but for percent-encoding, as below
     REG_NAME = 4,
@@ -25,12 +25,10 @@ constexpr std::array<uint8_t, 256> MakeSets() {
     std::array<uint8_t, 256> sets{};
     for (unsigned i = 0; i < 128; ++i) {
         const char ch = static_cast<char>(i);
-        const bool bAlpha = CmToLower(ch) >= 'a' && CmToLower(ch) <= 'z';
-        const bool bDigit = ch >= '0' && ch <= '9';
         const bool bName = CmIsUnreserved(ch) || SUB_DELIMS.find(ch) != SUB_DELIMS.npos;
         const bool bPath = bName || ch == ':' || ch == '@' || ch == '/';
         sets[i] = static_cast<uint8_t>(
-            (bAlpha || bDigit || ch == '+' || ch == '-' || ch == '.' ? SCHEME : 0) |
+            (CmIsLetter(ch) || CmIsDigit(ch) || ch == '+' || ch == '-' || ch == '.' ? SCHEME : 0) |
             (bName || ch == ':' ? USER_INFO : 0) | (bName ? REG_NAME : 0) | (bPath ? PATH : 0) |
             (bPath || ch == '?' ? QUERY : 0) | (CmIsUnreserved(ch) ? UNRESERVED : 0));
     }
@@ -40,10 +38,6 @@ constexpr std::array<uint8_t, 256> SETS = MakeSets();
 
 bool IsIn(char aChar, uint8_t aSet) {
     return (SETS[static_cast<unsigned char>(aChar)] & aSet) != 0;
-}
-
-bool IsAlpha(char aChar) {
-    return CmToLower(aChar) >= 'a' && CmToLower(aChar) <= 'z';
 }
 
 // Whether "%" and two hexadecimal digits stand there.
@@ -70,17 +64,17 @@ size_t Skip(std::string_view aText, size_t aAt, uint8_t aSet) {
     return aAt;
 }
 
-struct DefaultPort {
-    std::string_view scheme;
-    uint16_t port;
+struct CDefaultPort {
+    std::string_view m_scheme;
+    uint16_t m_wPort;
 };
 // Schemes that always need a host.
-constexpr DefaultPort DEFAULT_PORTS[] = {{"http", 80}, {"https", 443}, {"ws", 80}, {"wss", 443}};
+constexpr CDefaultPort DEFAULT_PORTS[] = {{"http", 80}, {"https", 443}, {"ws", 80}, {"wss", 443}};
 
-const DefaultPort* FindDefaultPort(std::string_view aScheme) {
-    const auto* pPort =
-        std::find_if(std::begin(DEFAULT_PORTS), std::end(DEFAULT_PORTS),
-                     [aScheme](const auto& port) { return CmEqualsWord(aScheme, port.scheme); });
+const CDefaultPort* FindDefaultPort(std::string_view aScheme) {
+    const auto* pPort = std::find_if(
+        std::begin(DEFAULT_PORTS), std::end(DEFAULT_PORTS),
+        [aScheme](const auto& port) { return CmEqualsNoCase(aScheme, port.m_scheme); });
     return pPort == std::end(DEFAULT_PORTS) ? nullptr : pPort;
 }
 
@@ -136,7 +130,7 @@ class CUrlParser {
             ++nEnd;
         }
         const bool bColon = nEnd < m_text.size() && m_text[nEnd] == ':';
-        const bool bAlpha = !m_text.empty() && IsAlpha(m_text.front());
+        const bool bAlpha = !m_text.empty() && CmIsLetter(m_text.front());
         if (bColon && bAlpha) {
             m_url.m_bHasScheme = true;
             m_url.m_scheme = m_text.substr(0, nEnd);
@@ -279,7 +273,8 @@ CmResult WithMemory(Function aFunction) {
     }
 }
 
-// RFC 3986, 5.2.4. Each step looks at one segment; what is taken off aPath had been put there.
+// RFC 3986, 5.2.4. In linear time: a step takes one segment off the input, and off the path no more
+// than an earlier step put there.
 CCmString WithoutDots(std::string_view aInput) {
     CCmString strPath;
     strPath.reserve(aInput.size());
@@ -338,8 +333,8 @@ CCmString NormalHost(const CCmUrlParts& aUrl) {
     if (aUrl.m_hostKind != CCmUrlParts::IPV6_HOST) {
         return Normal(aUrl.m_host, true);
     }
-    char achPrinted[CM_IP_PRINTED_SIZE];
-    CCmString strHost(CmPrint(aUrl.m_hostAddress, achPrinted));
+    char szPrinted[CM_IP_PRINTED_SIZE];
+    CCmString strHost(CmPrint(aUrl.m_hostAddress, szPrinted));
     const size_t nZone = strHost.find('%');
     if (nZone != strHost.npos) {
         strHost.insert(nZone + 1, "25");
@@ -449,7 +444,7 @@ CCmUrlParts Resolved(const CCmUrlParts& aBase, const CCmUrlParts& aReference, CC
 }
 
 CCmString NormalForm(const CCmUrlParts& aUrl) {
-    const DefaultPort* pDefault = FindDefaultPort(aUrl.m_scheme);
+    const CDefaultPort* pDefault = FindDefaultPort(aUrl.m_scheme);
     const CCmString strScheme = Normal(aUrl.m_scheme, true);
     const CCmString strUserInfo = Normal(aUrl.m_userInfo);
     const CCmString strHost = NormalHost(aUrl);
@@ -466,7 +461,7 @@ CCmString NormalForm(const CCmUrlParts& aUrl) {
     url.m_userInfo = strUserInfo;
     url.m_host = strHost;
     url.m_port = strPort;
-    url.m_bHasPort = !strPort.empty() && (pDefault == nullptr || aUrl.m_wPort != pDefault->port);
+    url.m_bHasPort = !strPort.empty() && (pDefault == nullptr || aUrl.m_wPort != pDefault->m_wPort);
     url.m_path = strPath;
     url.m_query = strQuery;
     url.m_fragment = strFragment;
@@ -484,8 +479,8 @@ CCmParsed CmParseUrlReference(std::string_view aText, CCmUrlParts& aUrl) {
 }
 
 uint16_t CmUrlPort(const CCmUrlParts& aUrl) {
-    const DefaultPort* pDefault = FindDefaultPort(aUrl.m_scheme);
-    return aUrl.m_port.empty() && pDefault != nullptr ? pDefault->port : aUrl.m_wPort;
+    const CDefaultPort* pDefault = FindDefaultPort(aUrl.m_scheme);
+    return aUrl.m_port.empty() && pDefault != nullptr ? pDefault->m_wPort : aUrl.m_wPort;
 }
 
 CmResult CmComposeUrl(const CCmUrlParts& aUrl, CCmString& aText) {

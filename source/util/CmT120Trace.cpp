@@ -12,12 +12,12 @@
 #include "CmLogStream.h"
 #include "CmProcessName.h"
 #include "CmScopedLock.h"
+#include "CmSystem.h"
 #include "CmT120TraceFile.h"
 #include "CmTimeValue.h"
 #include "CmTraceFacility.h"
 #include "CmTraceGuard.h"
 #include "port/CmPort.h"
-#include "port/CmSystem.h"
 
 namespace UTIL_NS {
 
@@ -38,22 +38,8 @@ constexpr size_t MODULE_NAME_LENGTH = 32;  // characters
 constexpr int LEAST_SIZE_LIMIT = 1025;                   // bytes
 constexpr unsigned long DEFAULT_SIZE_LIMIT = 0x1400000;  // 20 MiB
 
-// The levels that have a switch per module, as masks over the level numbers.
-constexpr unsigned long MODULE_DEFAULT_OFF = 0xAA04000;  // 14, 21, 23, 25, 27
-constexpr unsigned long MODULE_DEFAULT_ON = 0x100401;    // 0, 10, 20
-
-CCmT120TraceMapEntry s_levelTable[CM_TRACE_LEVEL_COUNT] = {
-    {0, "Error", {1}, 1},    {1, "Server", {1}, 1},   {2, "NA", {0}, 0},
-    {3, "NA", {0}, 0},       {4, "NA", {0}, 0},       {5, "NA", {0}, 0},
-    {6, "NA", {0}, 0},       {7, "NA", {0}, 0},       {8, "NA", {0}, 0},
-    {9, "NA", {0}, 0},       {10, "Warning", {1}, 1}, {11, "Meeting", {1}, 1},
-    {12, "Session", {1}, 1}, {13, "User", {1}, 1},    {14, "Statistic", {0}, 0},
-    {15, "NA", {0}, 0},      {16, "NA", {0}, 0},      {17, "NA", {0}, 0},
-    {18, "NA", {0}, 0},      {19, "NA", {0}, 0},      {20, "Info", {1}, 1},
-    {21, "State", {0}, 0},   {22, "PDU", {0}, 0},     {23, "Func", {0}, 0},
-    {24, "Tick", {0}, 0},    {25, "Detail", {0}, 0},  {26, "WDMS", {0}, 0},
-    {27, "Debug", {0}, 0},
-};
+CM_CONSTANT_INIT CCmTraceLevelTable s_levelTable =
+    CmMakeTraceLevelTable(&CCmTraceLevel::m_bDefault);
 
 CCmFacilityHolderT<CCmT120Trace> s_facility;
 CCmEternalLockT<CCmMutexThread> s_traceDirMutex;
@@ -108,28 +94,28 @@ bool IsEarlier(uint32_t aReading, uint32_t aOther) {
 }
 
 // What the configuration says.
-struct Settings {
+struct CSettings {
     unsigned long m_ulSizeLimit;
     int m_nFlushCount;
     unsigned char m_bEnabled;
-    unsigned char m_abLevels[CM_TRACE_LEVEL_COUNT];
+    unsigned char m_abyLevels[CM_TRACE_LEVEL_COUNT];
     std::set<CCmString, std::less<>> m_DisabledKeys;
 };
 
-void ReadLevels(Settings& aSettings, const char* aProcess, const CCmT120TraceMapEntry* aLevelTable,
+void ReadLevels(CSettings& aSettings, const char* aProcess, const CCmT120TraceMapEntry* aLevelTable,
                 unsigned long aLevelCount) {
     for (unsigned long i = 0; i < aLevelCount; ++i) {
         const CCmT120TraceMapEntry& entry = aLevelTable[i];
-        aSettings.m_abLevels[i] = entry.m_bEnabled.load(std::memory_order_relaxed);
+        aSettings.m_abyLevels[i] = entry.m_bEnabled.load(std::memory_order_relaxed);
         if (entry.m_pszName != nullptr) {
-            char achKey[KEY_SIZE];
-            std::snprintf(achKey, sizeof(achKey), "%s.%s", aProcess, entry.m_pszName);
-            aSettings.m_abLevels[i] = get_bool_param(SECTION, achKey, entry.m_bDefault);
+            char szKey[KEY_SIZE];
+            std::snprintf(szKey, sizeof(szKey), "%s.%s", aProcess, entry.m_pszName);
+            aSettings.m_abyLevels[i] = get_bool_param(SECTION, szKey, entry.m_bDefault);
         }
     }
 }
 
-void RecordDisabledKey(Settings& aSettings, const char* aKey) {
+void RecordDisabledKey(CSettings& aSettings, const char* aKey) {
     try {
         aSettings.m_DisabledKeys.insert(aKey);
     } catch (const std::bad_alloc&) {
@@ -137,39 +123,38 @@ void RecordDisabledKey(Settings& aSettings, const char* aKey) {
     }
 }
 
-void ReadModule(Settings& aSettings, const char* aProcess, const char* aModule,
+void ReadModule(CSettings& aSettings, const char* aProcess, const char* aModule,
                 const CCmT120TraceMapEntry* aLevelTable, unsigned long aLevelCount) {
-    for (unsigned long i = 0; i < aLevelCount; ++i) {
-        const bool bDefaultOff = (MODULE_DEFAULT_OFF >> i & 1) != 0;
-        const bool bDefaultOn = (MODULE_DEFAULT_ON >> i & 1) != 0;
-        if (!bDefaultOff && !bDefaultOn) {
+    for (const CCmTraceLevel& level : CM_TRACE_LEVELS) {
+        if (level.m_eModules == CCmTraceLevel::MODULES_NONE || level.m_ulLevel >= aLevelCount) {
             continue;
         }
-        char achKey[KEY_SIZE];
-        FormatModuleKey(achKey, aProcess, aModule, aLevelTable[i].m_pszName);
-        if (get_bool_param(SECTION, achKey, bDefaultOn ? 1 : 0) == 0) {
-            RecordDisabledKey(aSettings, achKey);
+        char szKey[KEY_SIZE];
+        FormatModuleKey(szKey, aProcess, aModule, aLevelTable[level.m_ulLevel].m_pszName);
+        const unsigned char byDefault = level.m_eModules == CCmTraceLevel::MODULES_ON ? 1 : 0;
+        if (get_bool_param(SECTION, szKey, byDefault) == 0) {
+            RecordDisabledKey(aSettings, szKey);
         }
     }
 }
 
-void ReadModules(Settings& aSettings, const char* aProcess, const CCmT120TraceMapEntry* aLevelTable,
-                 unsigned long aLevelCount) {
-    char achKey[KEY_SIZE];
-    std::snprintf(achKey, sizeof(achKey), "%s.Module", aProcess);
-    char achList[MODULE_LIST_SIZE];
-    if (get_string_param(SECTION, achKey, achList, sizeof(achList)) == 0) {
+void ReadModules(CSettings& aSettings, const char* aProcess,
+                 const CCmT120TraceMapEntry* aLevelTable, unsigned long aLevelCount) {
+    char szKey[KEY_SIZE];
+    std::snprintf(szKey, sizeof(szKey), "%s.Module", aProcess);
+    char szList[MODULE_LIST_SIZE];
+    if (get_string_param(SECTION, szKey, szList, sizeof(szList)) == 0) {
         return;
     }
-    const char* pchName = achList;
+    const char* pchName = szList;
     while (true) {
         const size_t nLength = std::strcspn(pchName, ",");
         if (nLength > MODULE_NAME_LENGTH) {
             return;
         }
-        char achModule[MODULE_NAME_LENGTH + 1] = {};
-        std::memcpy(achModule, pchName, nLength);
-        ReadModule(aSettings, aProcess, achModule, aLevelTable, aLevelCount);
+        char szModule[MODULE_NAME_LENGTH + 1] = {};
+        std::memcpy(szModule, pchName, nLength);
+        ReadModule(aSettings, aProcess, szModule, aLevelTable, aLevelCount);
         if (pchName[nLength] == '\0') {
             return;
         }
@@ -177,7 +162,7 @@ void ReadModules(Settings& aSettings, const char* aProcess, const CCmT120TraceMa
     }
 }
 
-void ReadSettings(Settings& aSettings, const char* aProcess,
+void ReadSettings(CSettings& aSettings, const char* aProcess,
                   const CCmT120TraceMapEntry* aLevelTable, unsigned long aLevelCount) {
     const int nFlushCount = get_int_param(SECTION, "FlushPerLines");
     aSettings.m_nFlushCount = nFlushCount <= 0 ? 1 : nFlushCount;
@@ -189,7 +174,7 @@ void ReadSettings(Settings& aSettings, const char* aProcess,
 
 // To every trace file, which keeps those of a later reading. One mutex for both facilities, whose
 // readings go to the same files.
-void RefreshFiles(const Settings& aSettings, uint32_t aReading) {
+void RefreshFiles(const CSettings& aSettings, uint32_t aReading) {
     static uint32_t s_dwReading = 0;
     CCmScopedLockT<CCmMutexThread> lock(s_fileSettingsMutex.m_Lock);
     if (IsEarlier(aReading, s_dwReading)) {
@@ -206,12 +191,12 @@ std::atomic<CCmT120Trace*> CCmT120Trace::t120_trace{nullptr};
 CCmT120Trace* CCmT120Trace::instance() {
     CCmT120Trace* pFacility = t120_trace.load(std::memory_order_acquire);
     return CM_LIKELY(pFacility != nullptr) ? pFacility
-                                           : s_facility.Create(t120_trace, s_levelTable);
+                                           : s_facility.Create(t120_trace, s_levelTable.m_Entries);
 }
 
 bool CCmT120Trace::is_wanted(unsigned long aLevel) {
     const CCmT120Trace* pFacility = t120_trace.load(std::memory_order_acquire);
-    return pFacility == nullptr || pFacility->passing_function(aLevel) != nullptr;
+    return pFacility == nullptr || CState::PassingFunction(*pFacility, aLevel) != nullptr;
 }
 
 // Its mutex needs no system call, so the construction has nothing to trace.
@@ -227,7 +212,6 @@ CCmT120Trace::CCmT120Trace(const char* aName, CCmT120TraceMapEntry* aLevelTable,
       m_nDayOfMonth(0),
       m_nMonth(0),
       m_ProcessId(getpid()),
-      m_dwReading(0),
       m_Mutex(CCmStaticInit()),
       m_hBundle(nullptr),
       m_pfnDebug(nullptr),
@@ -235,36 +219,38 @@ CCmT120Trace::CCmT120Trace(const char* aName, CCmT120TraceMapEntry* aLevelTable,
       m_pfnWarn(nullptr),
       m_pfnError(nullptr) {
     CCmTraceGuard guard;
+    CCmPrivateRoom::Make(m_Private);
     const time_t now = CCmTimeValue::GetTimeOfDay().GetSec();
     tm date = {};
     if (g_cmSystem.localtime_r(&now, &date) != nullptr) {
         m_nDayOfMonth = date.tm_mday;
         m_nMonth = date.tm_mon + 1;
     }
-    open_bundle();
+    CState::OpenBundle(*this);
 }
 
 CCmT120Trace::~CCmT120Trace() {
     m_hTraceFiles[0].store(nullptr, std::memory_order_relaxed);
     Close();
+    CCmPrivateRoom::End(m_Private);
 }
 
-void CCmT120Trace::open_bundle() {
-    CCmScopedLockT<CCmMutexThreadRecursive> lock(m_Mutex);
-    char achPath[MODULE_PATH_SIZE];
-    if (FindBundle(achPath)) {
-        m_hBundle = CmPortBundleCreate(achPath);
+void CCmT120Trace::CState::OpenBundle(CCmT120Trace& aFacility) {
+    CCmScopedLockT<CCmMutexThreadRecursive> lock(aFacility.m_Mutex);
+    char szPath[MODULE_PATH_SIZE];
+    if (FindBundle(szPath)) {
+        aFacility.m_hBundle = CmPortBundleCreate(szPath);
     }
-    if (m_hBundle != nullptr) {
+    if (aFacility.m_hBundle != nullptr) {
         // Looked up, never used: the level functions are the library's own.
         for (const char* pszName : {"YRKDEBUG2", "YRKINFO2", "YRKWARN2", "YRKERROR2"}) {
-            CmPortBundleFunction(m_hBundle, pszName);
+            CmPortBundleFunction(aFacility.m_hBundle, pszName);
         }
     }
-    m_pfnDebug.store(ccu_trace_debug, std::memory_order_relaxed);
-    m_pfnInfo.store(ccu_trace_info, std::memory_order_relaxed);
-    m_pfnWarn.store(ccu_trace_warn, std::memory_order_relaxed);
-    m_pfnError.store(ccu_trace_error, std::memory_order_relaxed);
+    aFacility.m_pfnDebug.store(ccu_trace_debug, std::memory_order_relaxed);
+    aFacility.m_pfnInfo.store(ccu_trace_info, std::memory_order_relaxed);
+    aFacility.m_pfnWarn.store(ccu_trace_warn, std::memory_order_relaxed);
+    aFacility.m_pfnError.store(ccu_trace_error, std::memory_order_relaxed);
 }
 
 void CCmT120Trace::Close() {
@@ -282,51 +268,58 @@ void CCmT120Trace::Close() {
 }
 
 unsigned char CCmT120Trace::load(void* aFile) {
-    return load_file(aFile, nullptr);
+    CState::Load(*this, aFile, nullptr);
+    return 1;
 }
 
-unsigned char CCmT120Trace::load_file(void* aFile, CCmString* aLogPath) {
+void CCmT120Trace::CState::Load(CCmT120Trace& aFacility, void* aFile, CCmString* aLogPath) {
     CCmTraceGuard guard;
+    std::atomic<void*>& hFile = aFacility.m_hTraceFiles[0];
     // Acquires what the thread that loaded has set, for those that this one gives the facility to.
-    if (aFile == nullptr && m_hTraceFiles[0].load(std::memory_order_acquire) != nullptr) {
-        return 1;
+    if (aFile == nullptr && hFile.load(std::memory_order_acquire) != nullptr) {
+        return;
     }
     g_cmSystem.mkdir(get_trace_dir(), 0777);
+    const char* pszFileName = aFacility.m_pszFileName;
     const unsigned long ulSizeLimit =
-        ConfiguredSizeLimit(m_pszFileName != nullptr ? m_pszFileName : get_process_name());
-    void* hNew = open_file(aFile, ulSizeLimit, aLogPath);
-    read_config();
-    // The first record lets texts pass only now that the switches are known. Another thread may
-    // have loaded meanwhile.
+        ConfiguredSizeLimit(pszFileName != nullptr ? pszFileName : get_process_name());
+    void* hNew = OpenFile(aFacility, aFile, ulSizeLimit, aLogPath);
+    aFacility.read_config();
+    // Last: without a record every text is dropped, so none passes before the switches are known.
+    // The release pairs with the acquire above. A thread that loaded meanwhile has come first: the
+    // record is the same.
     void* hNone = nullptr;
-    m_hTraceFiles[0].compare_exchange_strong(hNone, hNew, std::memory_order_release,
-                                             std::memory_order_relaxed);
-    return 1;
+    hFile.compare_exchange_strong(hNone, hNew, std::memory_order_release,
+                                  std::memory_order_relaxed);
 }
 
 // Closes aFile (see load) and opens a record. One that replaces the facility's own takes its place
 // at once; the first one, which the caller is to store, is returned.
-void* CCmT120Trace::open_file(void* aFile, unsigned long aSizeLimit, CCmString* aLogPath) {
-    CCmScopedLockT<CCmMutexThreadRecursive> lock(m_Mutex);
-    char achPath[FILE_PATH_SIZE];
-    const bool bHasPath = build_file_path(achPath, sizeof(achPath), aLogPath);
-    const bool bOwn = aFile == m_hTraceFiles[0].load(std::memory_order_relaxed);
+void* CCmT120Trace::CState::OpenFile(CCmT120Trace& aFacility, void* aFile, unsigned long aSizeLimit,
+                                     CCmString* aLogPath) {
+    CCmScopedLockT<CCmMutexThreadRecursive> lock(aFacility.m_Mutex);
+    std::atomic<void*>& hFile = aFacility.m_hTraceFiles[0];
+    char szPath[FILE_PATH_SIZE];
+    const bool bHasPath = BuildFilePath(aFacility, szPath, sizeof(szPath), aLogPath);
+    const bool bOwn = aFile == hFile.load(std::memory_order_relaxed);
     if (aFile != nullptr) {
         T120_Close_Trace_Dev(aFile);
     }
     if (!bHasPath || !(aFile == nullptr || bOwn)) {
         return nullptr;
     }
-    void* hNew = T120_Open_Trace_Dev(achPath, aSizeLimit, m_bSingleFile, 0);
+    void* hNew = T120_Open_Trace_Dev(szPath, aSizeLimit, aFacility.m_bSingleFile, 0);
     if (aFile != nullptr) {
-        m_hTraceFiles[0].store(hNew, std::memory_order_relaxed);
+        hFile.store(hNew, std::memory_order_relaxed);
     }
     return hNew;
 }
 
-bool CCmT120Trace::build_file_path(char* aPath, size_t aSize, CCmString* aLogPath) const {
+bool CCmT120Trace::CState::BuildFilePath(const CCmT120Trace& aFacility, char* aPath, size_t aSize,
+                                         CCmString* aLogPath) {
     const char* pszDir = get_trace_dir();
-    if (m_pszFileName == nullptr) {
+    const char* pszFileName = aFacility.m_pszFileName;
+    if (pszFileName == nullptr) {
         std::snprintf(aPath, aSize, "%s/%s_Trace.txt", pszDir, get_process_name());
         if (aLogPath != nullptr) {
             try {
@@ -335,31 +328,33 @@ bool CCmT120Trace::build_file_path(char* aPath, size_t aSize, CCmString* aLogPat
                 aLogPath->clear();
             }
         }
-    } else if (m_bSingleFile) {
-        std::snprintf(aPath, aSize, "%s/%s", pszDir, m_pszFileName);
+    } else if (aFacility.m_bSingleFile) {
+        std::snprintf(aPath, aSize, "%s/%s", pszDir, pszFileName);
     } else {
-        std::snprintf(aPath, aSize, "%s/%s.%d", pszDir, m_pszFileName,
-                      static_cast<int>(m_ProcessId));
+        std::snprintf(aPath, aSize, "%s/%s.%d", pszDir, pszFileName,
+                      static_cast<int>(aFacility.m_ProcessId));
     }
     return *aPath != '\0';
 }
 
-// The configuration is read without a lock: one may have to wait for it.
+// The configuration is read before the lock is taken: one may have to wait for it.
 void CCmT120Trace::read_config() {
     CCmTraceGuard guard;
     const uint32_t dwReading = s_dwReadings.fetch_add(1, std::memory_order_relaxed) + 1;
-    Settings settings;
+    CSettings settings;
     ReadSettings(settings, get_process_name(), m_pLevelTable, m_ulLevelCount);
     {
         CCmScopedLockT<CCmMutexThreadRecursive> lock(m_Mutex);
-        // What was read later holds.
-        if (IsEarlier(dwReading, m_dwReading)) {
+        // Threads that read at once come here in any order. The switches are those of the reading
+        // that began last, since only that has surely seen the file as it is now.
+        uint32_t& dwInForce = CCmPrivateRoom::Of(m_Private).m_dwReading;
+        if (IsEarlier(dwReading, dwInForce)) {
             return;
         }
-        m_dwReading = dwReading;
+        dwInForce = dwReading;
         m_bEnabled.store(settings.m_bEnabled, std::memory_order_relaxed);
         for (unsigned long i = 0; i < m_ulLevelCount; ++i) {
-            m_pLevelTable[i].m_bEnabled.store(settings.m_abLevels[i], std::memory_order_relaxed);
+            m_pLevelTable[i].m_bEnabled.store(settings.m_abyLevels[i], std::memory_order_relaxed);
         }
         m_DisabledKeys.swap(settings.m_DisabledKeys);
     }
@@ -374,29 +369,50 @@ void refresh_trace_config() {
     CCmT120Trace::instance()->read_config();
 }
 
-// The level function that a text of this level goes to, null when it is dropped.
-CCmT120Trace::LevelFunction CCmT120Trace::passing_function(unsigned long aLevel) const {
-    if (m_hTraceFiles[0].load(std::memory_order_relaxed) == nullptr ||
-        m_bEnabled.load(std::memory_order_relaxed) != 1 || !is_level_on(aLevel)) {
-        return nullptr;
-    }
-    switch (m_pLevelTable[aLevel].m_ulLevel) {
-        case 0:
-            return m_pfnError.load(std::memory_order_relaxed);
-        case 10:
-            return m_pfnWarn.load(std::memory_order_relaxed);
-        case 20:
-            return m_pfnInfo.load(std::memory_order_relaxed);
-        case 25:
-            return m_pfnDebug.load(std::memory_order_relaxed);
+constexpr CCmT120Trace::CState::FunctionField CCmT120Trace::CState::FieldOf(
+    CCmTraceLevel::EFunction aFunction) {
+    switch (aFunction) {
+        case CCmTraceLevel::FUNCTION_DEBUG:
+            return &CCmT120Trace::m_pfnDebug;
+        case CCmTraceLevel::FUNCTION_INFO:
+            return &CCmT120Trace::m_pfnInfo;
+        case CCmTraceLevel::FUNCTION_WARN:
+            return &CCmT120Trace::m_pfnWarn;
+        case CCmTraceLevel::FUNCTION_ERROR:
+            return &CCmT120Trace::m_pfnError;
         default:
             return nullptr;
     }
 }
 
-bool CCmT120Trace::is_level_on(unsigned long aLevel) const {
-    return aLevel < m_ulLevelCount &&
-           m_pLevelTable[aLevel].m_bEnabled.load(std::memory_order_relaxed) != 0;
+constexpr CCmT120Trace::CState::CFunctionFields CCmT120Trace::CState::MakeFunctionFields() {
+    CFunctionFields fields = {};
+    for (const CCmTraceLevel& level : CM_TRACE_LEVELS) {
+        fields.m_Fields[level.m_ulLevel] = FieldOf(level.m_eFunction);
+    }
+    return fields;
+}
+
+constexpr CCmT120Trace::CState::CFunctionFields CCmT120Trace::CState::s_functionFields =
+    MakeFunctionFields();
+
+CCmT120Trace::LevelFunction CCmT120Trace::CState::PassingFunction(const CCmT120Trace& aFacility,
+                                                                  unsigned long aLevel) {
+    if (aFacility.m_hTraceFiles[0].load(std::memory_order_relaxed) == nullptr ||
+        aFacility.m_bEnabled.load(std::memory_order_relaxed) != 1 ||
+        !IsLevelOn(aFacility, aLevel)) {
+        return nullptr;
+    }
+    // The number that the table of a host gives the level may be any.
+    const unsigned long ulLevel = aFacility.m_pLevelTable[aLevel].m_ulLevel;
+    const FunctionField pField =
+        ulLevel < CM_TRACE_LEVEL_COUNT ? s_functionFields.m_Fields[ulLevel] : nullptr;
+    return pField != nullptr ? (aFacility.*pField).load(std::memory_order_relaxed) : nullptr;
+}
+
+bool CCmT120Trace::CState::IsLevelOn(const CCmT120Trace& aFacility, unsigned long aLevel) {
+    return aLevel < aFacility.m_ulLevelCount &&
+           aFacility.m_pLevelTable[aLevel].m_bEnabled.load(std::memory_order_relaxed) != 0;
 }
 
 void CCmT120Trace::trace_string(unsigned long aLevel, char* aText) {
@@ -404,13 +420,13 @@ void CCmT120Trace::trace_string(unsigned long aLevel, char* aText) {
 }
 
 void CCmT120Trace::trace_string(unsigned long aLevel, const char* /*aModule*/, char* aText) {
-    if (LevelFunction pfnLevel = passing_function(aLevel)) {
+    if (LevelFunction pfnLevel = CState::PassingFunction(*this, aLevel)) {
         pfnLevel(DELIVERED_MODULE, "%s", aText);
     }
 }
 
 unsigned char CCmT120Trace::enable_trace_print(unsigned long aLevel, const char* aModule) {
-    if (m_bEnabled.load(std::memory_order_relaxed) == 0 || !is_level_on(aLevel)) {
+    if (m_bEnabled.load(std::memory_order_relaxed) == 0 || !CState::IsLevelOn(*this, aLevel)) {
         return 0;
     }
     if (aModule == nullptr) {
@@ -421,9 +437,9 @@ unsigned char CCmT120Trace::enable_trace_print(unsigned long aLevel, const char*
     if (m_DisabledKeys.empty()) {
         return 1;
     }
-    char achKey[KEY_SIZE];
-    FormatModuleKey(achKey, get_process_name(), aModule, m_pLevelTable[aLevel].m_pszName);
-    return m_DisabledKeys.find(achKey) == m_DisabledKeys.end() ? 1 : 0;
+    char szKey[KEY_SIZE];
+    FormatModuleKey(szKey, get_process_name(), aModule, m_pLevelTable[aLevel].m_pszName);
+    return m_DisabledKeys.find(szKey) == m_DisabledKeys.end() ? 1 : 0;
 }
 
 void CCmT120Trace::log_string(char* /*aText*/) {}
@@ -435,14 +451,14 @@ const char* CCmT120Trace::get_process_name() {
 }
 
 const char* CCmT120Trace::get_trace_dir() {
-    static char s_achTraceDir[TRACE_DIR_SIZE];
-    char achDir[TRACE_DIR_SIZE];
-    std::snprintf(achDir, sizeof(achDir), "%.*s/logs", CM_HOME_DIR_SIZE, g_def_kelto_home_dir);
+    static char s_szTraceDir[TRACE_DIR_SIZE];
+    char szDir[TRACE_DIR_SIZE];
+    std::snprintf(szDir, sizeof(szDir), "%.*s/logs", CM_HOME_DIR_SIZE, g_def_kelto_home_dir);
     CCmScopedLockT<CCmMutexThread> lock(s_traceDirMutex.m_Lock);
-    if (std::strcmp(s_achTraceDir, achDir) != 0) {
-        std::memcpy(s_achTraceDir, achDir, sizeof(achDir));
+    if (std::strcmp(s_szTraceDir, szDir) != 0) {
+        std::memcpy(s_szTraceDir, szDir, sizeof(szDir));
     }
-    return s_achTraceDir;
+    return s_szTraceDir;
 }
 
 }  // namespace UTIL_NS

@@ -1,23 +1,25 @@
 #include "CmT120TraceFile.h"
 
-#include <limits.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <type_traits>
 #include <utility>
 
-#include "CmClock.h"
 #include "CmConfig.h"
 #include "CmFileTurn.h"
+#include "CmPrivateState.h"
 #include "CmProfileReader.h"
 #include "CmScopedLock.h"
+#include "CmSleep.h"
+#include "CmSystem.h"
 #include "CmTimeValue.h"
 #include "CmTraceGuard.h"
-#include "port/CmSystem.h"
 
 namespace UTIL_NS {
 
@@ -28,9 +30,12 @@ constexpr char MARKER[] =
 constexpr size_t MARKER_LENGTH = sizeof(MARKER) - 1;
 static_assert(MARKER_LENGTH == 73, "71 characters and two line ends");
 
-constexpr size_t HEADER_LENGTH = 32;         // bytes, the line end included
-constexpr long POSITION_MAX = LONG_MAX / 2;  // beyond it a header is no position
-constexpr size_t LINE_SIZE = 2048;           // bytes of the line buffer for each line of a flush
+constexpr size_t HEADER_LENGTH = 32;  // bytes, the line end included
+// A larger number in a header is none that was written here: with it, the sum of a position and
+// the length of lines could overflow.
+constexpr long POSITION_MAX = LONG_MAX / 2;
+constexpr size_t LINE_SIZE = 2048;  // bytes of the line buffer for each line of a flush
+// The size of the line buffer stays an int, as the length is that snprintf returns.
 constexpr int FLUSH_COUNT_MAX = (INT_MAX - 1) / static_cast<int>(LINE_SIZE);
 constexpr int VALID = 20050704;
 constexpr unsigned long EXIT_WAIT = 200;             // ms
@@ -61,28 +66,28 @@ int ThreadIdentity() {
     return static_cast<int>(reinterpret_cast<uintptr_t>(reinterpret_cast<void*>(pthread_self())));
 }
 
-// Writes the line into aBuffer as snprintf does and returns its whole length. The paths differ in
-// how they print the process: signed (buffered) or unsigned (shared).
+// Writes the line into aBuffer as snprintf does and returns its whole length. A shared record
+// prints the process as an unsigned number, any other as a signed one.
 int FormatLine(char* aBuffer, size_t aSize, bool aShared, const char* aTag, const char* aModule,
                const char* aText) {
     const CCmTimeValue tvNow = CCmTimeValue::GetTimeOfDay();
     const time_t now = tvNow.GetSec();
     tm date = {};
     g_cmSystem.localtime_r(&now, &date);
-    char achStamp[128];
-    std::snprintf(achStamp, sizeof(achStamp),
+    char szStamp[128];
+    std::snprintf(szStamp, sizeof(szStamp),
                   aShared ? "[%02d/%02d/%04d %02d:%02d:%02d.%03d pid=%u tid=%d]"
                           : "[%02d/%02d/%04d %02d:%02d:%02d.%03d pid=%d tid=%d]",
                   date.tm_mon + 1, date.tm_mday, date.tm_year + 1900, date.tm_hour, date.tm_min,
                   date.tm_sec, static_cast<int>(tvNow.GetUsec() / 1000), getpid(),
                   ThreadIdentity());
     if (aModule == nullptr) {
-        return std::snprintf(aBuffer, aSize, "%s %s\n", achStamp, aText);
+        return std::snprintf(aBuffer, aSize, "%s %s\n", szStamp, aText);
     }
     if (aTag == nullptr) {
-        return std::snprintf(aBuffer, aSize, "%s %s:%s\n", achStamp, aModule, aText);
+        return std::snprintf(aBuffer, aSize, "%s %s:%s\n", szStamp, aModule, aText);
     }
-    return std::snprintf(aBuffer, aSize, "%s [%s] %s:%s\n", achStamp, aTag, aModule, aText);
+    return std::snprintf(aBuffer, aSize, "%s [%s] %s:%s\n", szStamp, aTag, aModule, aText);
 }
 
 // Whole transfers, however many calls they take; false when one fails.
@@ -109,7 +114,7 @@ bool IsWithinFileSizeLimit(long aEnd) {
     return static_cast<rlim_t>(aEnd) <= limit.rlim_cur;
 }
 
-// The start of a file; behind the end of a shorter one aBuffer stays as it is.
+// The start of a file. Where the file is shorter, the rest of aBuffer stays as it is.
 bool ReadFully(int aDescriptor, char* aBuffer, size_t aLength) {
     for (size_t nDone = 0; nDone < aLength;) {
         const ssize_t nRead = g_cmSystem.pread(aDescriptor, aBuffer + nDone, aLength - nDone,
@@ -127,6 +132,38 @@ bool ReadFully(int aDescriptor, char* aBuffer, size_t aLength) {
 
 }  // namespace
 
+// What a record keeps beside its stated fields, and its steps.
+//
+// m_Mutex guards the fields that change, but for m_pNext, which is the manager's. It is held while
+// lines are composed and written, and never while a thread waits for another process: who writes
+// to a shared file takes the file's turn (CmFileTurn.h) and the lock of the file first, and m_Mutex
+// after that.
+struct CM_UTIL_HIDDEN CCmT120TraceFile::CState {
+    explicit CState(CCmT120TraceFile& aFile) : m_File(aFile) {}
+
+    void End();
+
+    FILE* Stream();
+    bool HasLineBuffer();
+    void RequestFileLock(struct flock& aRequest) const;
+
+    void CollectLine_l(const char* aTag, const char* aModule, const char* aText)
+        CM_REQUIRES(m_Mutex);
+    void Flush_l() CM_REQUIRES(m_Mutex);
+    void WriteShared_l(const char* aTag, const char* aModule, const char* aText)
+        CM_REQUIRES(m_Mutex);
+    void WriteLine_l(long aPosition, const char* aTag, const char* aModule, const char* aText)
+        CM_REQUIRES(m_Mutex);
+    void WriteAt_l(long aPosition, const char* aText, size_t aLength) CM_REQUIRES(m_Mutex);
+    bool ReadPosition_l(long& aPosition) const CM_REQUIRES(m_Mutex);
+    bool IsAtLimit_l(long aPosition) const CM_REQUIRES(m_Mutex);
+    void Truncate_l(long aPosition) CM_REQUIRES(m_Mutex);
+    void ForgetLines_l() CM_REQUIRES(m_Mutex);
+
+    CCmT120TraceFile& m_File;
+    CCmMutexThread m_Mutex;
+};
+
 CCmT120TraceFile::CCmT120TraceFile(const char* aName, unsigned long aSizeLimit,
                                    unsigned char aShared, unsigned char /*aIgnored*/)
     : m_pNext(nullptr),
@@ -142,34 +179,22 @@ CCmT120TraceFile::CCmT120TraceFile(const char* aName, unsigned long aSizeLimit,
       m_ulBufferedBytes(0),
       m_nBufferedLines(0),
       m_nValidity(VALID),
-      m_nDescriptor(0) {}
+      m_nDescriptor(0) {
+    CCmPrivateRoom::Make(m_Private, *this);
+}
 
 CCmT120TraceFile::~CCmT120TraceFile() {
     CCmTraceGuard guard;
-    end();
+    CCmPrivateRoom::Of(m_Private).End();
     std::free(m_pchLines);
     std::free(m_pszName);
-}
-
-// Flushes, and closes the attached file. From then on the record drops every line and attaches no
-// file.
-void CCmT120TraceFile::end() {
-    FILE* pStream;
-    {
-        CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
-        flush_buffer_l();
-        pStream = std::exchange(m_pStream, nullptr);
-        // Volatile, so that the mark of a record that is gone reaches its memory.
-        *const_cast<volatile int*>(&m_nValidity) = 0;
-    }
-    if (pStream != nullptr) {
-        CmCloseTurnFile(pStream);
-    }
+    CCmPrivateRoom::End(m_Private);
 }
 
 CmResult CCmT120TraceFile::attach(const char* aPath) {
     CCmTraceGuard guard;
-    CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
+    CState& state = CCmPrivateRoom::Of(m_Private);
+    CCmScopedLockT<CCmMutexThread> lock(state.m_Mutex);
     if (m_pStream != nullptr) {
         return CM_ERROR_ALREADY_INITIALIZED;
     }
@@ -186,30 +211,102 @@ CmResult CCmT120TraceFile::attach(const char* aPath) {
 
 void CCmT120TraceFile::write(const char* aTag, const char* aModule, const char* aText) {
     CCmTraceGuard guard;
+    CState& state = CCmPrivateRoom::Of(m_Private);
     if (m_bShared) {
-        if (has_line_buffer()) {
+        if (state.HasLineBuffer()) {
             write_shared(aTag, aModule, aText);
         }
         return;
     }
-    CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
+    CCmScopedLockT<CCmMutexThread> lock(state.m_Mutex);
     if (m_pchLines == nullptr) {
         return;
     }
     if (regex_match(aModule) != 0) {
-        collect_line_l(aTag, aModule, aText);
+        state.CollectLine_l(aTag, aModule, aText);
     }
     if (m_nBufferedLines >= m_nFlushCount) {
-        flush_buffer_l();
+        state.Flush_l();
     }
 }
 
-void CCmT120TraceFile::collect_line_l(const char* aTag, const char* aModule, const char* aText) {
-    const size_t nRoom = static_cast<size_t>(m_nFlushCount) * LINE_SIZE - m_ulBufferedBytes;
-    char* pchLine = m_pchLines + m_ulBufferedBytes;
+void CCmT120TraceFile::write_shared(const char* aTag, const char* aModule, const char* aText) {
+    CCmTraceGuard guard;
+    CState& state = CCmPrivateRoom::Of(m_Private);
+    FILE* const pStream = state.Stream();
+    if (aText == nullptr || pStream == nullptr) {
+        return;
+    }
+    // Another process may keep the file's lock for any time. Meanwhile this thread has the file's
+    // turn and no lock, so that only those who write to the same file wait with it.
+    CCmFileTurn turn(pStream);
+    if (!turn.held()) {
+        return;
+    }
+    state.RequestFileLock(m_LockRequest);
+    {
+        CCmScopedLockT<CCmMutexThread> lock(state.m_Mutex);
+        state.WriteShared_l(aTag, aModule, aText);
+    }
+    state.RequestFileLock(m_UnlockRequest);
+}
+
+void CCmT120TraceFile::flush_buffer() {
+    CCmTraceGuard guard;
+    CState& state = CCmPrivateRoom::Of(m_Private);
+    CCmScopedLockT<CCmMutexThread> lock(state.m_Mutex);
+    state.Flush_l();
+}
+
+// A new flush count needs a line buffer of another size; the old one has been flushed by then.
+unsigned char CCmT120TraceFile::refresh_settings(unsigned long aSizeLimit, int aFlushCount) {
+    CCmTraceGuard guard;
+    CState& state = CCmPrivateRoom::Of(m_Private);
+    CCmScopedLockT<CCmMutexThread> lock(state.m_Mutex);
+    state.Flush_l();
+    m_ulSizeLimit = aSizeLimit;
+    const int nFlushCount = BoundedFlushCount(aFlushCount);
+    if (nFlushCount == m_nFlushCount) {
+        return 1;
+    }
+    m_nFlushCount = nFlushCount;
+    std::free(m_pchLines);
+    m_pchLines =
+        static_cast<char*>(g_cmSystem.malloc(static_cast<size_t>(nFlushCount) * LINE_SIZE + 1));
+    state.ForgetLines_l();
+    return 1;
+}
+
+unsigned char CCmT120TraceFile::is_same_file(const char* aName) const {
+    return aName != nullptr && m_pszName != nullptr && std::strcmp(aName, m_pszName) == 0 ? 1 : 0;
+}
+
+// Flushes, and closes the attached file. From then on the record drops every line and attaches no
+// file.
+void CCmT120TraceFile::CState::End() {
+    FILE* pStream;
+    {
+        CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
+        Flush_l();
+        pStream = std::exchange(m_File.m_pStream, nullptr);
+        // The destructor's mark is for those who look at freed memory with a debugger. No code
+        // reads it after that, so the compiler would leave an ordinary store out.
+        *const_cast<volatile int*>(&m_File.m_nValidity) = 0;
+    }
+    // Unlocked, and only now that no thread finds the stream here any more.
+    if (pStream != nullptr) {
+        CmCloseTurnFile(pStream);
+    }
+}
+
+void CCmT120TraceFile::CState::CollectLine_l(const char* aTag, const char* aModule,
+                                             const char* aText) {
+    const size_t nRoom =
+        static_cast<size_t>(m_File.m_nFlushCount) * LINE_SIZE - m_File.m_ulBufferedBytes;
+    char* pchLine = m_File.m_pchLines + m_File.m_ulBufferedBytes;
     const int nLength =
         FormatLine(pchLine, nRoom, false, aTag, aModule, aText != nullptr ? aText : "(null)");
-    if (nLength <= 0 || m_pStream == nullptr) {
+    if (nLength <= 0 || m_File.m_pStream == nullptr) {
         return;
     }
     size_t nStored = static_cast<size_t>(nLength);
@@ -219,113 +316,93 @@ void CCmT120TraceFile::collect_line_l(const char* aTag, const char* aModule, con
             pchLine[nStored - 1] = '\n';
         }
     }
-    m_ulBufferedBytes += nStored;
-    ++m_nBufferedLines;
-}
-
-void CCmT120TraceFile::flush_buffer() {
-    CCmTraceGuard guard;
-    CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
-    flush_buffer_l();
+    m_File.m_ulBufferedBytes += nStored;
+    ++m_File.m_nBufferedLines;
 }
 
 // Lines that cannot be written are lost, rather than filling the buffer for good.
-void CCmT120TraceFile::flush_buffer_l() {
-    if (m_pStream == nullptr || m_ulBufferedBytes == 0) {
+void CCmT120TraceFile::CState::Flush_l() {
+    if (m_File.m_pStream == nullptr || m_File.m_ulBufferedBytes == 0) {
         return;
     }
     long lPosition = 0;
-    if (read_position_l(lPosition)) {
-        // The position stays where it is; only the shared path starts at the top again.
-        if (is_at_limit_l(lPosition)) {
-            truncate_l(lPosition);
-            m_bWrapped = 1;
+    if (ReadPosition_l(lPosition)) {
+        // The position stays where it is; only a shared record starts at the top again.
+        if (IsAtLimit_l(lPosition)) {
+            Truncate_l(lPosition);
+            m_File.m_bWrapped = 1;
         }
-        write_at_l(lPosition, m_pchLines, m_ulBufferedBytes);
+        WriteAt_l(lPosition, m_File.m_pchLines, m_File.m_ulBufferedBytes);
     }
-    m_ulBufferedBytes = 0;
-    m_nBufferedLines = 0;
+    ForgetLines_l();
 }
 
-void CCmT120TraceFile::write_shared(const char* aTag, const char* aModule, const char* aText) {
-    CCmTraceGuard guard;
-    FILE* const pStream = stream();
-    if (aText == nullptr || pStream == nullptr) {
-        return;
-    }
-    // Another process may keep the file's lock for any time: meanwhile no lock is held here but the
-    // file's turn.
-    CCmFileTurn turn(pStream);
-    if (!turn.held()) {
-        return;
-    }
-    request_file_lock_l(m_LockRequest);
-    {
-        CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
-        write_shared_l(aTag, aModule, aText);
-    }
-    request_file_lock_l(m_UnlockRequest);
+void CCmT120TraceFile::CState::ForgetLines_l() {
+    m_File.m_ulBufferedBytes = 0;
+    m_File.m_nBufferedLines = 0;
 }
 
-FILE* CCmT120TraceFile::stream() {
+FILE* CCmT120TraceFile::CState::Stream() {
     CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
-    return m_pStream;
+    return m_File.m_pStream;
 }
 
-bool CCmT120TraceFile::has_line_buffer() {
+bool CCmT120TraceFile::CState::HasLineBuffer() {
     CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
-    return m_pchLines != nullptr;
+    return m_File.m_pchLines != nullptr;
 }
 
-// With the file's lock held. The record may have ended while that was waited for.
-void CCmT120TraceFile::write_shared_l(const char* aTag, const char* aModule, const char* aText) {
+// With the file's lock. The record may have ended while that was waited for.
+void CCmT120TraceFile::CState::WriteShared_l(const char* aTag, const char* aModule,
+                                             const char* aText) {
     long lPosition = 0;
-    if (m_pStream == nullptr || !read_position_l(lPosition)) {
+    if (m_File.m_pStream == nullptr || !ReadPosition_l(lPosition)) {
         return;
     }
-    if (is_at_limit_l(lPosition)) {
-        truncate_l(lPosition);
+    if (IsAtLimit_l(lPosition)) {
+        Truncate_l(lPosition);
         lPosition = HEADER_LENGTH;
     }
-    write_line_l(lPosition, aTag, aModule, aText);
+    WriteLine_l(lPosition, aTag, aModule, aText);
 }
 
 // A line of any length; one that needs more memory than there is goes out cut.
-void CCmT120TraceFile::write_line_l(long aPosition, const char* aTag, const char* aModule,
-                                    const char* aText) {
+void CCmT120TraceFile::CState::WriteLine_l(long aPosition, const char* aTag, const char* aModule,
+                                           const char* aText) {
     if (regex_match(aModule) == 0) {
-        write_at_l(aPosition, "", 0);
+        WriteAt_l(aPosition, "", 0);
         return;
     }
-    char achLine[LINE_SIZE];
-    const int nLength = FormatLine(achLine, sizeof(achLine), true, aTag, aModule, aText);
+    char szLine[LINE_SIZE];
+    const int nLength = FormatLine(szLine, sizeof(szLine), true, aTag, aModule, aText);
     if (nLength <= 0) {
         return;
     }
     size_t nStored = static_cast<size_t>(nLength);
-    if (nStored < sizeof(achLine)) {
-        write_at_l(aPosition, achLine, nStored);
+    if (nStored < sizeof(szLine)) {
+        WriteAt_l(aPosition, szLine, nStored);
         return;
     }
-    char* pchLong = static_cast<char*>(g_cmSystem.malloc(nStored + 1));
-    if (pchLong == nullptr) {
-        achLine[sizeof(achLine) - 2] = '\n';
-        write_at_l(aPosition, achLine, sizeof(achLine) - 1);
+    char* pszLong = static_cast<char*>(g_cmSystem.malloc(nStored + 1));
+    if (pszLong == nullptr) {
+        szLine[sizeof(szLine) - 2] = '\n';
+        WriteAt_l(aPosition, szLine, sizeof(szLine) - 1);
         return;
     }
-    FormatLine(pchLong, nStored + 1, true, aTag, aModule, aText);
-    pchLong[nStored - 1] = '\n';
-    write_at_l(aPosition, pchLong, nStored);
-    std::free(pchLong);
+    FormatLine(pszLong, nStored + 1, true, aTag, aModule, aText);
+    pszLong[nStored - 1] = '\n';
+    WriteAt_l(aPosition, pszLong, nStored);
+    std::free(pszLong);
 }
 
-// Until the lock is taken or released. Any other failure leaves the line to be written unlocked.
+// Waits until the lock is taken or released. Any other failure leaves the line to be written
+// unlocked. In the file's turn: the descriptor is open, and no other thread asks.
 //
 // The system takes a process for one owner: it refuses a lock when another process holds it that in
 // turn waits for a lock of some other thread here. No thread of ours waits for a second lock, so
 // that is no deadlock but a matter of time.
-void CCmT120TraceFile::request_file_lock_l(struct flock& aRequest) {
-    while (g_cmSystem.fcntl(m_nDescriptor, F_SETLKW, &aRequest) < 0) {
+void CCmT120TraceFile::CState::RequestFileLock(struct flock& aRequest) const {
+    while (g_cmSystem.fcntl(m_File.m_nDescriptor, F_SETLKW, &aRequest) < 0) {
         if (errno == EDEADLK) {
             g_cmSystem.nanosleep(&DEADLOCK_NAP, nullptr);
         } else if (errno != EINTR && errno != EAGAIN) {
@@ -337,100 +414,101 @@ void CCmT120TraceFile::request_file_lock_l(struct flock& aRequest) {
 // The position in the header; 0 where there is none. False when it cannot be read: then nothing
 // may be written, since it could go over lines that are there.
 //
-// Files are read and written past the stream's buffer, in which another process's changes would
-// not show; the stream owns the descriptor.
-bool CCmT120TraceFile::read_position_l(long& aPosition) {
-    char achHeader[HEADER_LENGTH + 1] = {};
-    if (!ReadFully(m_nDescriptor, achHeader, HEADER_LENGTH)) {
+// Files are read and written by their descriptor, not through the stream, whose buffer would hide
+// what another process has changed. The stream owns the descriptor, no more.
+bool CCmT120TraceFile::CState::ReadPosition_l(long& aPosition) const {
+    char szHeader[HEADER_LENGTH + 1] = {};
+    if (!ReadFully(m_File.m_nDescriptor, szHeader, HEADER_LENGTH)) {
         return false;
     }
-    aPosition = std::strtol(achHeader, nullptr, 10);
+    aPosition = std::strtol(szHeader, nullptr, 10);
     return aPosition >= 0 && aPosition <= POSITION_MAX;
 }
 
-bool CCmT120TraceFile::is_at_limit_l(long aPosition) const {
-    return m_ulSizeLimit != 0 && static_cast<unsigned long>(aPosition) >= m_ulSizeLimit;
+bool CCmT120TraceFile::CState::IsAtLimit_l(long aPosition) const {
+    return m_File.m_ulSizeLimit != 0 &&
+           static_cast<unsigned long>(aPosition) >= m_File.m_ulSizeLimit;
 }
 
-void CCmT120TraceFile::truncate_l(long aPosition) {
+void CCmT120TraceFile::CState::Truncate_l(long aPosition) {
     if (!IsWithinFileSizeLimit(aPosition)) {
         return;
     }
-    while (g_cmSystem.ftruncate(m_nDescriptor, aPosition) < 0 && errno == EINTR) {
+    while (g_cmSystem.ftruncate(m_File.m_nDescriptor, aPosition) < 0 && errno == EINTR) {
     }
 }
 
-// The header moves only when the lines are on disk; until then it leaves them to be overwritten.
-void CCmT120TraceFile::write_at_l(long aPosition, const char* aText, size_t aLength) {
+// The header is written last. Should anything before it fail, it still has the old position: what
+// was written after that does not count, and the next line goes over it.
+void CCmT120TraceFile::CState::WriteAt_l(long aPosition, const char* aText, size_t aLength) {
     const long lEnd = aPosition + static_cast<long>(aLength);
     if (!IsWithinFileSizeLimit(lEnd + static_cast<long>(MARKER_LENGTH)) ||
-        !WriteFully(m_nDescriptor, aText, aLength, aPosition) ||
-        !WriteFully(m_nDescriptor, MARKER, MARKER_LENGTH, lEnd)) {
+        !WriteFully(m_File.m_nDescriptor, aText, aLength, aPosition) ||
+        !WriteFully(m_File.m_nDescriptor, MARKER, MARKER_LENGTH, lEnd)) {
         return;
     }
-    char achHeader[HEADER_LENGTH + 1];
-    std::snprintf(achHeader, sizeof(achHeader), "%-31ld\n", lEnd);
-    WriteFully(m_nDescriptor, achHeader, HEADER_LENGTH, 0);
+    char szHeader[HEADER_LENGTH + 1];
+    std::snprintf(szHeader, sizeof(szHeader), "%-31ld\n", lEnd);
+    WriteFully(m_File.m_nDescriptor, szHeader, HEADER_LENGTH, 0);
 }
 
-unsigned char CCmT120TraceFile::refresh_settings(unsigned long aSizeLimit, int aFlushCount) {
-    CCmTraceGuard guard;
-    CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
-    flush_buffer_l();
-    m_ulSizeLimit = aSizeLimit;
-    const int nFlushCount = BoundedFlushCount(aFlushCount);
-    if (nFlushCount == m_nFlushCount) {
-        return 1;
-    }
-    m_nFlushCount = nFlushCount;
-    std::free(m_pchLines);
-    m_pchLines =
-        static_cast<char*>(g_cmSystem.malloc(static_cast<size_t>(nFlushCount) * LINE_SIZE + 1));
-    m_ulBufferedBytes = 0;
-    m_nBufferedLines = 0;
-    return 1;
+// What a manager keeps beside its stated fields, and its steps. Nothing constructs it, since
+// g_trace_mgr is in use before any constructor runs: zeroes are a manager that lives.
+struct CM_UTIL_HIDDEN CCmT120TraceFileMgr::CState {
+    static bool HasEnded(const CCmT120TraceFileMgr& aManager);
+    static void EndRecords(CCmT120TraceFileMgr& aManager);
+    static void DeleteRecords(CCmT120TraceFileMgr& aManager);
+    static CCmT120TraceFile* Unlink(CCmT120TraceFileMgr& aManager, const void* aRecord);
+
+    std::atomic<bool> m_bEnded;
+};
+
+bool CCmT120TraceFileMgr::CState::HasEnded(const CCmT120TraceFileMgr& aManager) {
+    static_assert(std::is_trivially_default_constructible_v<CState>);
+    static_assert(2 * sizeof(CState) <= sizeof(aManager.m_Private));
+    return CCmPrivateRoom::Of(aManager.m_Private).m_bEnded.load(std::memory_order_relaxed);
 }
 
-unsigned char CCmT120TraceFile::is_same_file(const char* aName) const {
-    return aName != nullptr && m_pszName != nullptr && std::strcmp(aName, m_pszName) == 0 ? 1 : 0;
-}
-
-CCmT120TraceFileMgr g_trace_mgr;
+CM_CONSTANT_INIT CCmT120TraceFileMgr g_trace_mgr;
 
 CCmT120TraceFileMgr::~CCmT120TraceFileMgr() {
     CCmTraceGuard guard;
-    ms_sleep(EXIT_WAIT);
+    CmSleepFully(EXIT_WAIT);
     // Lines that come while the program ends must not take a mutex that is gone.
-    m_bEnded.store(true, std::memory_order_relaxed);
+    CCmPrivateRoom::Of(m_Private).m_bEnded.store(true, std::memory_order_relaxed);
     if (this == &g_trace_mgr) {
-        end_records();
-        return;
+        CState::EndRecords(*this);
+    } else {
+        CState::DeleteRecords(*this);
+        m_Mutex.~CCmMutexThreadRecursive();
     }
-    CCmT120TraceFile* pFile = m_pHeader.exchange(nullptr, std::memory_order_relaxed);
+}
+
+// While the program ends, other threads may still use the records and the mutex: those stay.
+void CCmT120TraceFileMgr::CState::EndRecords(CCmT120TraceFileMgr& aManager) {
+    CCmScopedLockT<CCmMutexThreadRecursive> lock(aManager.m_Mutex);
+    for (CCmT120TraceFile* pFile = aManager.m_pHeader.load(std::memory_order_relaxed);
+         pFile != nullptr; pFile = pFile->m_pNext.load(std::memory_order_relaxed)) {
+        CCmPrivateRoom::Of(pFile->m_Private).End();
+    }
+}
+
+void CCmT120TraceFileMgr::CState::DeleteRecords(CCmT120TraceFileMgr& aManager) {
+    CCmT120TraceFile* pFile = aManager.m_pHeader.exchange(nullptr, std::memory_order_relaxed);
     while (pFile != nullptr) {
         CCmT120TraceFile* pNext = pFile->m_pNext.load(std::memory_order_relaxed);
         delete pFile;
         pFile = pNext;
     }
-    m_Mutex.m_Lock.~CCmMutexThreadRecursive();
-}
-
-// While the program ends, other threads may still use the records and the mutex: those stay.
-void CCmT120TraceFileMgr::end_records() {
-    CCmScopedLockT<CCmMutexThreadRecursive> lock(m_Mutex.m_Lock);
-    for (CCmT120TraceFile* pFile = m_pHeader.load(std::memory_order_relaxed); pFile != nullptr;
-         pFile = pFile->m_pNext.load(std::memory_order_relaxed)) {
-        pFile->end();
-    }
 }
 
 void* CCmT120TraceFileMgr::open(const char* aName, unsigned long aSizeLimit, unsigned char aShared,
                                 unsigned char aIgnored) {
-    if (m_bEnded.load(std::memory_order_relaxed)) {
+    if (CState::HasEnded(*this)) {
         return nullptr;
     }
     CCmTraceGuard guard;
-    CCmScopedLockT<CCmMutexThreadRecursive> lock(m_Mutex.m_Lock);
+    CCmScopedLockT<CCmMutexThreadRecursive> lock(m_Mutex);
     CCmT120TraceFile* pHeader = m_pHeader.load(std::memory_order_relaxed);
     for (CCmT120TraceFile* pFile = pHeader; pFile != nullptr;
          pFile = pFile->m_pNext.load(std::memory_order_relaxed)) {
@@ -445,25 +523,29 @@ void* CCmT120TraceFileMgr::open(const char* aName, unsigned long aSizeLimit, uns
         return nullptr;
     }
     pNew->m_pNext.store(pHeader, std::memory_order_relaxed);
-    // Orders the record before its visibility to refresh_settings, which takes no lock.
+    // Pairs with the acquire of refresh_settings, which walks the list without the mutex: whoever
+    // finds the record there finds it constructed.
     m_pHeader.store(pNew, std::memory_order_release);
     ++m_dwCount;
     return pNew;
 }
 
 void CCmT120TraceFileMgr::close(void* aRecord) {
-    if (m_bEnded.load(std::memory_order_relaxed)) {
+    if (CState::HasEnded(*this)) {
         return;
     }
     CCmTraceGuard guard;
-    delete unlink_record(aRecord);
+    delete CState::Unlink(*this, aRecord);
 }
 
-CCmT120TraceFile* CCmT120TraceFileMgr::unlink_record(const void* aRecord) {
-    CCmScopedLockT<CCmMutexThreadRecursive> lock(m_Mutex.m_Lock);
-    std::atomic<CCmT120TraceFile*>* pLink = &m_pHeader;
+// Takes the record out of the list and returns it, or null when it is not there.
+CCmT120TraceFile* CCmT120TraceFileMgr::CState::Unlink(CCmT120TraceFileMgr& aManager,
+                                                      const void* aRecord) {
+    CCmScopedLockT<CCmMutexThreadRecursive> lock(aManager.m_Mutex);
+    std::atomic<CCmT120TraceFile*>* pLink = &aManager.m_pHeader;
     while (CCmT120TraceFile* pFile = pLink->load(std::memory_order_relaxed)) {
         if (pFile == aRecord) {
+            // As open: the record that becomes visible here was constructed before.
             pLink->store(pFile->m_pNext.load(std::memory_order_relaxed), std::memory_order_release);
             return pFile;
         }
@@ -528,10 +610,10 @@ using FilterLines = char[CM_TRACE_FILTER_COUNT][FILTER_LINE_SIZE];
 FILE* OpenFilterFile() {
     const size_t nHome = ::strnlen(g_def_kelto_home_dir, CM_HOME_DIR_SIZE);
     const bool bSlash = nHome > 0 && g_def_kelto_home_dir[nHome - 1] == '/';
-    char achPath[FILTER_PATH_SIZE];
-    std::snprintf(achPath, sizeof(achPath), "%.*s%s%s", static_cast<int>(nHome),
-                  g_def_kelto_home_dir, bSlash ? "" : "/", FILTER_FILE);
-    const int nFile = CmOpenForReading(achPath);
+    char szPath[FILTER_PATH_SIZE];
+    std::snprintf(szPath, sizeof(szPath), "%.*s%s%s", static_cast<int>(nHome), g_def_kelto_home_dir,
+                  bSlash ? "" : "/", FILTER_FILE);
+    const int nFile = CmOpenForReading(szPath);
     FILE* pFile = nFile >= 0 ? g_cmSystem.fdopen(nFile, "rt") : nullptr;
     if (nFile >= 0 && pFile == nullptr) {
         g_cmSystem.close(nFile);

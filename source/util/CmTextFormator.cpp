@@ -20,23 +20,23 @@ unsigned long Magnitude(T aValue) {
 
 // All texts of two digits: "00" to "99" or "ff".
 template <unsigned Base>
-struct DigitPairs {
-    char text[Base * Base][2];
+struct CDigitPairs {
+    char m_achPairs[Base * Base][2];
 };
 
 template <unsigned Base>
-constexpr DigitPairs<Base> MakeDigitPairs() {
+constexpr CDigitPairs<Base> MakeDigitPairs() {
     constexpr char DIGITS[] = "0123456789abcdef";
-    DigitPairs<Base> pairs = {};
+    CDigitPairs<Base> pairs = {};
     for (unsigned i = 0; i < Base * Base; ++i) {
-        pairs.text[i][0] = DIGITS[i / Base];
-        pairs.text[i][1] = DIGITS[i % Base];
+        pairs.m_achPairs[i][0] = DIGITS[i / Base];
+        pairs.m_achPairs[i][1] = DIGITS[i % Base];
     }
     return pairs;
 }
 
 template <unsigned Base>
-constexpr DigitPairs<Base> DIGIT_PAIRS = MakeDigitPairs<Base>();
+constexpr CDigitPairs<Base> DIGIT_PAIRS = MakeDigitPairs<Base>();
 
 template <unsigned Base>
 size_t CountDigits(unsigned long aValue) {
@@ -54,10 +54,10 @@ size_t FormatDigits(unsigned long aValue, char* aText) {
     char* pEnd = aText + nDigits;
     for (; aValue >= Base; aValue /= Base * Base) {
         pEnd -= 2;
-        std::memcpy(pEnd, DIGIT_PAIRS<Base>.text[aValue % (Base * Base)], 2);
+        std::memcpy(pEnd, DIGIT_PAIRS<Base>.m_achPairs[aValue % (Base * Base)], 2);
     }
     if (pEnd != aText) {
-        *aText = DIGIT_PAIRS<Base>.text[aValue][1];
+        *aText = DIGIT_PAIRS<Base>.m_achPairs[aValue][1];
     }
     return nDigits;
 }
@@ -137,9 +137,9 @@ CCmT120Trace::Text_Formator& CCmT120Trace::Text_Formator::operator<<(unsigned lo
 }
 
 CCmT120Trace::Text_Formator& CCmT120Trace::Text_Formator::operator<<(long long aValue) {
-    char achNumber[NUMBER_SIZE];
-    xtoa_yrk<long long>(aValue, achNumber, sizeof(achNumber));
-    return *this << achNumber;
+    char szNumber[NUMBER_SIZE];
+    xtoa_yrk<long long>(aValue, szNumber, sizeof(szNumber));
+    return *this << szNumber;
 }
 
 CCmT120Trace::Text_Formator& CCmT120Trace::Text_Formator::operator<<(float aValue) {
@@ -147,10 +147,10 @@ CCmT120Trace::Text_Formator& CCmT120Trace::Text_Formator::operator<<(float aValu
 }
 
 CCmT120Trace::Text_Formator& CCmT120Trace::Text_Formator::operator<<(double aValue) {
-    char achNumber[DOUBLE_SIZE];
-    const int nLength = std::snprintf(achNumber, sizeof(achNumber), "%f", aValue);
+    char szNumber[DOUBLE_SIZE];
+    const int nLength = std::snprintf(szNumber, sizeof(szNumber), "%f", aValue);
     if (nLength > 0) {
-        advance(achNumber, static_cast<unsigned long>(nLength));
+        advance(szNumber, static_cast<unsigned long>(nLength));
     }
     return *this;
 }

@@ -20,9 +20,9 @@ class CCmTextSearchT {
   public:
     // aLength: at least 1. The pattern stays readable while the search is used.
     CCmTextSearchT(const Text& aPattern, size_t aLength) : m_Pattern(aPattern), m_nLength(aLength) {
-        const Suffix less = MaximalSuffix(false);
-        const Suffix greater = MaximalSuffix(true);
-        const Suffix& suffix = less.m_nStart > greater.m_nStart ? less : greater;
+        const CSuffix less = MaximalSuffix(false);
+        const CSuffix greater = MaximalSuffix(true);
+        const CSuffix& suffix = less.m_nStart > greater.m_nStart ? less : greater;
         m_nCut = suffix.m_nStart;
         m_nPeriod = suffix.m_nPeriod;
         m_bRepeats = RepeatsLeftOfCut();
@@ -60,13 +60,13 @@ class CCmTextSearchT {
     }
 
   private:
-    struct Suffix {
+    struct CSuffix {
         size_t m_nStart;
         size_t m_nPeriod;
     };
 
     // The greatest suffix in the order of the characters, or in the opposite order, and its period.
-    Suffix MaximalSuffix(bool aOpposite) const {
+    CSuffix MaximalSuffix(bool aOpposite) const {
         size_t nStart = 0;
         size_t nNext = 1;  // the suffix that is compared with it
         size_t nSame = 0;  // characters in which the two agree

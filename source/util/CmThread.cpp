@@ -1,33 +1,25 @@
 #include "CmThread.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "CmCancel.h"
+#include "CmPrivateState.h"
 #include "CmScopedLock.h"
 #include "CmStatics.h"
+#include "CmSystem.h"
 #include "CmTimerQueueOrderedList.h"
 #include "CmTraceLine.h"
-#include "port/CmSystem.h"
 
 namespace UTIL_NS {
 
 namespace {
 
 constexpr DWORD ALL_EVENTS = 0xFFFFFFFF;
-constexpr DWORD EVENTS_PER_PASS = 5;  // of a worker, between two looks at its timers
+// A worker looks at its timers after at most so many events: none is later than these take.
+constexpr DWORD EVENTS_PER_PASS = 5;
 
-// How long Create trusts its wait before it looks for itself, and how long it naps when it cannot
-// wait.
-constexpr long START_LOOK_USEC = 100 * 1000;
-constexpr long START_NAP_NSEC = 1000 * 1000;
-
-// Steps of the start-up handshake; STEP_BODY_ENDED comes after them. INIT_ENDED is published by the
-// new thread before it signals; of the other two the second one frees the event.
-constexpr int STEP_INIT_ENDED = 1;
-constexpr int STEP_THREAD_DONE = 2;
-constexpr int STEP_CREATOR_DONE = 4;
-
-// Creates aQueue unless an earlier thread of the object did. False when memory ran out.
+// Unless an earlier thread of the object has made aQueue. False when memory ran out.
 bool MakeTimerQueue(ICmTimerQueue*& aQueue) {
     if (aQueue == nullptr) {
         aQueue = new (std::nothrow) CCmTimerQueueOrderedList(nullptr);
@@ -35,8 +27,8 @@ bool MakeTimerQueue(ICmTimerQueue*& aQueue) {
     return aQueue != nullptr;
 }
 
-// Fires what is due and returns how long to wait for the next timer. What the queue stores counts
-// from the start of its pass; the handlers have taken time since.
+// Returns how long to wait for the next timer. What the queue tells counts from the start of its
+// pass; the handlers have taken time since.
 CCmTimeValue FireDueTimers(CCmTimerQueueBase& aQueue) {
     CCmTimeValue tvWait;
     const bool bFired = aQueue.CheckExpire(&tvWait) > 0;
@@ -44,20 +36,30 @@ CCmTimeValue FireDueTimers(CCmTimerQueueBase& aQueue) {
         return tvWait;
     }
     const CCmTimeValue tvLeft = aQueue.GetEarliestTime() - CCmTimeValue::GetTimeOfDay();
-    // More would be left only by a clock that was set back.
+    // The clock may have been set: back, which makes it more than the queue tells; ahead, which
+    // makes it less than nothing.
     return std::min(std::max(tvLeft, CCmTimeValue::s_tvZero), tvWait);
 }
 
-// Ends what a stopped worker has not run; also when it is cancelled in an event after its stop
-// event.
-void EndRest(const CCmStopFlag& aFlag, CCmEventQueueUsingConditionVariable& aQueue) {
+// Waits for events, at most aTimeout, and runs at most aMaxCount of them.
+void RunEvents(CCmEventQueueUsingConditionVariable& aQueue, CCmTimeValue* aTimeout,
+               DWORD aMaxCount) {
+    std::list<ICmEvent*> events;
+    if (CM_SUCCEEDED(aQueue.PopOrWaitPendingEvents(events, aTimeout, aMaxCount))) {
+        aQueue.ProcessAndRecycleEvents(events);
+    }
+}
+
+// Destroys what a stopped worker has not run; also when it is cancelled in one of the events that
+// it took together with its stop event.
+void DestroyRest(const CCmStopFlag& aFlag, CCmEventQueueUsingConditionVariable& aQueue) {
     if (aFlag.IsFlagStopped()) {
         aQueue.StopAndDestoryPendingEvents();
     }
 }
 
-// What one more entry of the registry takes. CM_OK or CM_ERROR_OUT_OF_MEMORY.
-CmResult NewEntry(std::list<ACmThread*>& aEntry, ACmThread* aThread) {
+// Allocates one more entry of the registry. CM_OK or CM_ERROR_OUT_OF_MEMORY.
+CmResult MakeEntry(std::list<ACmThread*>& aEntry, ACmThread* aThread) {
     try {
         aEntry.push_back(aThread);
     } catch (const std::bad_alloc&) {
@@ -76,7 +78,7 @@ void RegisterEntry(std::list<ACmThread*>& aEntry) {
 
 CmResult RegisterThread(ACmThread* aThread) {
     std::list<ACmThread*> entry;
-    const CmResult rv = NewEntry(entry, aThread);
+    const CmResult rv = MakeEntry(entry, aThread);
     if (CM_SUCCEEDED(rv)) {
         RegisterEntry(entry);
     }
@@ -95,11 +97,105 @@ CmResult UnRegisterThread(ACmThread* aThread) {
     return CM_ERROR_NOT_FOUND;
 }
 
+// What a thread object keeps to itself.
+//
+// A thread starts in these steps, each of which sets its bit once:
+//   INIT_DONE     the new thread, after OnThreadInit and before it signals the creator
+//   THREAD_DONE   the new thread, when it has signalled
+//   CREATOR_DONE  the creator, when it has seen INIT_DONE
+//   BODY_LEFT     the new thread, when its body has returned or was cancelled
+// The event of the handshake belongs to whichever of THREAD_DONE and CREATOR_DONE comes second: the
+// creator may see INIT_DONE, and return, while the thread is still inside Signal.
+class ACmThread::CThreadState {
+  public:
+    explicit CThreadState(ACmThread& aThread) : m_Thread(aThread) {}
+    CThreadState(const CThreadState&) = delete;
+    CThreadState& operator=(const CThreadState&) = delete;
+
+    // An object of unknown type may be created again once its thread is gone. If that was a
+    // detached one, its body has let go of the object, which does not count for the next thread.
+    void ForgetEarlierThread() {
+        m_bHasThread = false;
+        // Acquire: after all that the earlier thread did with the object.
+        if (m_bOneHasLetGo.exchange(false, std::memory_order_acq_rel)) {
+            --m_Thread.m_nDestroyRef;
+            m_Thread.m_Tid.store(pthread_t(), std::memory_order_relaxed);  // perhaps another's now
+        }
+    }
+    void AdoptCallingThread() {
+        m_nStartSteps.store(0, std::memory_order_relaxed);  // those of an earlier thread
+        m_Thread.m_Tid.store(pthread_self(), std::memory_order_relaxed);
+    }
+    CmResult StartThread();
+
+    // The new thread, once. aEvent: the one it found in the object, which the creator clears.
+    void SignalStarted(CCmEventThread* aEvent) {
+        m_nStartSteps.fetch_or(STEP_INIT_DONE, std::memory_order_release);
+        aEvent->Signal();
+        LeaveHandshake(aEvent, STEP_THREAD_DONE, STEP_CREATOR_DONE);
+    }
+    // The object may be deleted here.
+    void LeaveBody() {
+        if (m_Thread.m_Type != TT_MAIN) {  // an adopted thread goes on, and is still found
+            m_nStartSteps.fetch_or(STEP_BODY_LEFT, std::memory_order_relaxed);
+        }
+        if (!IsJoinable() && LetGo()) {
+            delete &m_Thread;
+        }
+    }
+    // Called by the owner and by the body of a detached thread, when they are done with the object.
+    // True for the second of them, which frees it. m_nDestroyRef tells how many they were; who is
+    // second is decided by the exchange, which orders what the first one did before the deletion.
+    // No mutex of the process: a detached thread may come here while the process exits.
+    bool LetGo() {
+        ++m_Thread.m_nDestroyRef;
+        return m_bOneHasLetGo.exchange(true, std::memory_order_acq_rel);
+    }
+
+    bool IsJoinable() const { return (m_Thread.m_Flag & TF_JOINABLE) != 0; }
+    bool HasThread() const { return m_bHasThread; }
+    // True once the system may have given the thread's number to another one, also while Join has
+    // yet to return. Relaxed: by then, the thread that set it is long gone.
+    bool HasLeftItsId() const {
+        return m_Thread.m_nDestroyRef.value() > 0 ||
+               (m_nStartSteps.load(std::memory_order_relaxed) & STEP_BODY_LEFT) != 0;
+    }
+
+    CmResult m_InitResult = CM_OK;
+
+  private:
+    static constexpr int STEP_INIT_DONE = 1;
+    static constexpr int STEP_THREAD_DONE = 2;
+    static constexpr int STEP_CREATOR_DONE = 4;
+    static constexpr int STEP_BODY_LEFT = 8;
+
+    // A signal that failed would be waited for without end, so the creator looks for itself this
+    // often; and where it cannot wait either, it naps in between.
+    static constexpr long START_LOOK_USEC = 100 * 1000;
+    static constexpr long START_NAP_NSEC = 1000 * 1000;
+
+    CmResult CreateThread();
+    void WaitUntilStarted();
+    // Acquire and release: whoever deletes the event does so after all that the other did with it.
+    void LeaveHandshake(CCmEventThread* aEvent, int aOwnStep, int aStepOfTheOther) {
+        const int nSteps = m_nStartSteps.fetch_or(aOwnStep, std::memory_order_acq_rel);
+        if ((nSteps & aStepOfTheOther) != 0) {
+            delete aEvent;
+        }
+    }
+
+    ACmThread& m_Thread;
+    std::atomic<int> m_nStartSteps{0};
+    bool m_bHasThread = false;                // a POSIX thread was started; for the owner
+    std::atomic<bool> m_bOneHasLetGo{false};  // of a detached thread's object
+};
+
 ACmThread* getCurrentThread() {
     CmMakeStatics();
     CCmScopedLockT<CCmMutexThread> lock(g_thread_Mutex);
     for (ACmThread* pThread : g_threadList) {
-        if (IsEqualCurrentThread(pThread->GetThreadId()) && !pThread->HasLeftItsId()) {
+        if (IsEqualCurrentThread(pThread->GetThreadId()) &&
+            !CCmPrivateRoom::Of(pThread->m_Private).HasLeftItsId()) {
             return pThread;
         }
     }
@@ -114,11 +210,10 @@ ACmThread::ACmThread()
       m_pEvent(nullptr),
       m_bRegistered(false),
       m_bRegister(true),
-      m_bStopFlag(false),
-      m_nStartSteps(0),
-      m_InitResult(CM_OK),
-      m_bHasThread(false),
-      m_bOneEndCame(false) {}
+      m_bStopFlag(false) {
+    static_assert(sizeof(CThreadState) + 128 <= sizeof(m_Private), "too little for later versions");
+    CCmPrivateRoom::Make(m_Private, *this);
+}
 
 ACmThread::~ACmThread() {
     CCmDisableCancel disableCancel;
@@ -127,6 +222,7 @@ ACmThread::~ACmThread() {
         m_bRegistered = false;
     }
     delete m_pEvent;
+    CCmPrivateRoom::End(m_Private);
 }
 
 // Not to be cancelled: whoever creates a thread gets to own it.
@@ -138,26 +234,20 @@ CmResult ACmThread::Create(int aType, TFlag aFlag, signed char bRegister) {
     if (aType == TT_UNKNOWN) {
         CM_WARNING_TRACE("thread type is TT_UNKNOWN");
     }
-    // A thread that the object had before (its type was unknown) has ended, which is not one of the
-    // two ends of the new one. Acquire: after all that a detached one did.
-    m_bHasThread = false;
-    if (m_bOneEndCame.exchange(false, std::memory_order_acq_rel)) {
-        --m_nDestroyRef;
-        m_Tid.store(pthread_t(), std::memory_order_relaxed);  // may be another thread's by now
-    }
+    CThreadState& state = CCmPrivateRoom::Of(m_Private);
+    state.ForgetEarlierThread();
     m_Type = aType;
     m_Flag = aFlag != 0 ? aFlag : TF_JOINABLE;
 
     // Taken first: once the thread runs, registering it must not fail.
     std::list<ACmThread*> entry;
-    if (bRegister != 0 && CM_FAILED(NewEntry(entry, this))) {
+    if (bRegister != 0 && CM_FAILED(MakeEntry(entry, this))) {
         return CM_ERROR_OUT_OF_MEMORY;
     }
     if (m_Type == TT_MAIN) {
-        m_nStartSteps.store(0, std::memory_order_relaxed);  // of a thread that it had before
-        m_Tid.store(pthread_self(), std::memory_order_relaxed);
+        state.AdoptCallingThread();
     } else {
-        const CmResult rv = StartThread_i();
+        const CmResult rv = state.StartThread();
         if (CM_FAILED(rv)) {
             return rv;
         }
@@ -170,143 +260,106 @@ CmResult ACmThread::Create(int aType, TFlag aFlag, signed char bRegister) {
     return CM_OK;
 }
 
-CmResult ACmThread::StartThread_i() {
-    delete m_pEvent;  // of an attempt that failed
-    m_pEvent = new (std::nothrow) CCmEventThread(0, 0);
-    if (m_pEvent == nullptr) {
+CmResult ACmThread::CThreadState::StartThread() {
+    delete m_Thread.m_pEvent;  // of an attempt that failed
+    m_Thread.m_pEvent = new (std::nothrow) CCmEventThread(0, 0);
+    if (m_Thread.m_pEvent == nullptr) {
         return CM_ERROR_OUT_OF_MEMORY;
     }
-    m_nStartSteps.store(0, std::memory_order_relaxed);
+    m_nStartSteps.store(0, std::memory_order_relaxed);  // pthread_create orders it
     m_InitResult = CM_OK;
-    const CmResult rv = CreateThread_i();
+    const CmResult rv = CreateThread();
     if (CM_FAILED(rv)) {
         return rv;
     }
-    WaitUntilStarted_i();
+    WaitUntilStarted();
     if (CM_FAILED(m_InitResult)) {
-        Join();
+        m_Thread.Join();
     }
     return m_InitResult;
 }
 
-CmResult ACmThread::CreateThread_i() {
+CmResult ACmThread::CThreadState::CreateThread() {
+    void* const pThis = CmTraceAddress(&m_Thread);
     pthread_attr_t attributes;
     int rv = g_cmSystem.pthread_attr_init(&attributes);
     if (rv != 0) {
-        CM_ERROR_TRACE_THIS("ACmThread::Create, pthread_attr_init() failed! err=" << rv);
+        CM_ERROR_TRACE("ACmThread::Create, pthread_attr_init() failed! err=" << rv
+                                                                             << " this=" << pThis);
         return CM_ERROR_UNEXPECTED;
     }
-    const bool bDetached = (m_Flag & (TF_JOINABLE | TF_DETACHED)) == TF_DETACHED;
+    const bool bDetached = (m_Thread.m_Flag & (TF_JOINABLE | TF_DETACHED)) == TF_DETACHED;
     rv = g_cmSystem.pthread_attr_setdetachstate(
         &attributes, bDetached ? PTHREAD_CREATE_DETACHED : PTHREAD_CREATE_JOINABLE);
     if (rv != 0) {
-        CM_ERROR_TRACE_THIS("ACmThread::Create, pthread_attr_setdetachstate() failed! err=" << rv);
+        CM_ERROR_TRACE("ACmThread::Create, pthread_attr_setdetachstate() failed! err="
+                       << rv << " this=" << pThis);
         g_cmSystem.pthread_attr_destroy(&attributes);
         return CM_ERROR_UNEXPECTED;
     }
     pthread_t tid = pthread_t();
-    rv = g_cmSystem.pthread_create(&tid, &attributes, &ACmThread::ThreadProc, this);
+    rv = g_cmSystem.pthread_create(&tid, &attributes, &ACmThread::ThreadProc, &m_Thread);
     g_cmSystem.pthread_attr_destroy(&attributes);
     if (rv != 0) {
-        CM_ERROR_TRACE_THIS("ACmThread::Create, pthread_create() failed! err=" << rv);
+        CM_ERROR_TRACE("ACmThread::Create, pthread_create() failed! err=" << rv
+                                                                          << " this=" << pThis);
         return CM_ERROR_UNEXPECTED;
     }
     m_bHasThread = true;
-    m_Tid.store(tid, std::memory_order_relaxed);
-    m_Handle.store(tid, std::memory_order_relaxed);
+    m_Thread.m_Tid.store(tid, std::memory_order_relaxed);
+    m_Thread.m_Handle.store(tid, std::memory_order_relaxed);
     return CM_OK;
 }
 
-void ACmThread::WaitUntilStarted_i() {
+void ACmThread::CThreadState::WaitUntilStarted() {
     CmResult rvWait = CM_OK;
-    // Acquire: behind all that OnThreadInit did.
-    while ((m_nStartSteps.load(std::memory_order_acquire) & STEP_INIT_ENDED) == 0) {
+    // Acquire: what OnThreadInit did, SetInitResult included, is seen from here on.
+    while ((m_nStartSteps.load(std::memory_order_acquire) & STEP_INIT_DONE) == 0) {
         if (CM_SUCCEEDED(rvWait) || rvWait == CM_ERROR_TIMEOUT) {
             CCmTimeValue tvLook(0, START_LOOK_USEC);
-            rvWait = m_pEvent->Wait(&tvLook);
+            rvWait = m_Thread.m_pEvent->Wait(&tvLook);
         } else {
             const timespec tsNap = {0, START_NAP_NSEC};
             g_cmSystem.nanosleep(&tsNap, nullptr);
         }
     }
-    CCmEventThread* pEvent = m_pEvent;
-    m_pEvent = nullptr;
-    const int nSteps = m_nStartSteps.fetch_or(STEP_CREATOR_DONE, std::memory_order_acq_rel);
-    if ((nSteps & STEP_THREAD_DONE) != 0) {
-        delete pEvent;
-    }
+    CCmEventThread* pEvent = m_Thread.m_pEvent;
+    m_Thread.m_pEvent = nullptr;
+    LeaveHandshake(pEvent, STEP_CREATOR_DONE, STEP_THREAD_DONE);
 }
-
-void ACmThread::SignalStarted_i(CCmEventThread* aEvent) {
-    m_nStartSteps.fetch_or(STEP_INIT_ENDED, std::memory_order_release);
-    aEvent->Signal();
-    const int nSteps = m_nStartSteps.fetch_or(STEP_THREAD_DONE, std::memory_order_acq_rel);
-    if ((nSteps & STEP_CREATOR_DONE) != 0) {
-        delete aEvent;
-    }
-}
-
-// What the two ends of a thread's life wait for.
-class ACmThread::CBody {
-  public:
-    explicit CBody(ACmThread* aThread) : m_pThread(aThread), m_pEvent(aThread->m_pEvent) {}
-    CBody(const CBody&) = delete;
-    CBody& operator=(const CBody&) = delete;
-
-    void HasStarted() {
-        if (m_pEvent != nullptr) {
-            m_pThread->SignalStarted_i(m_pEvent);
-            m_pEvent = nullptr;
-        }
-    }
-    // The object may be deleted here.
-    void HasEnded() {
-        CCmDisableCancel disableCancel;
-        HasStarted();
-        m_pThread->BodyHasEnded_i();
-    }
-
-  private:
-    ACmThread* m_pThread;
-    CCmEventThread* m_pEvent;  // null once it was signalled
-};
 
 void* ACmThread::ThreadProc(void* pParam) {
     ACmThread* pThread = static_cast<ACmThread*>(pParam);
     CM_ASSERTE_RETURN(pThread, nullptr);
-    // The creator stores the same; either may come first.
+    // The creator stores the same number when pthread_create returns, perhaps not before
+    // OnThreadInit asks for it.
     pThread->m_Tid.store(pthread_self(), std::memory_order_relaxed);
     if (pThread->m_Type != TT_MAIN) {
         pThread->m_Handle.store(pthread_self(), std::memory_order_relaxed);
     }
 
-    CBody body(pThread);
-    CCmCleanUpT hasEnded([&body] { body.HasEnded(); });
+    CThreadState& state = CCmPrivateRoom::Of(pThread->m_Private);
+    CCmEventThread* pEvent = pThread->m_pEvent;  // null when nobody waits
+    const auto signalStarted = [&state, &pEvent] {
+        if (pEvent != nullptr) {
+            state.SignalStarted(std::exchange(pEvent, nullptr));
+        }
+    };
+    CCmCleanUpT finish([&state, &signalStarted] {
+        CCmDisableCancel disableCancel;
+        signalStarted();  // of a thread that was cancelled in OnThreadInit
+        state.LeaveBody();
+    });
     pThread->OnThreadInit();
-    const bool bInitialized = CM_SUCCEEDED(pThread->m_InitResult);
-    body.HasStarted();
+    // Read before the creator is told, who may create the object anew.
+    const bool bInitialized = CM_SUCCEEDED(state.m_InitResult);
+    signalStarted();
     if (bInitialized) {
         pThread->OnThreadRun();
     }
     pThread->SetStop();
-    hasEnded.Execute();
+    finish.Execute();
     return nullptr;
-}
-
-void ACmThread::BodyHasEnded_i() {
-    if (m_Type != TT_MAIN) {
-        m_nStartSteps.fetch_or(STEP_BODY_ENDED, std::memory_order_relaxed);
-    }
-    if (!IsJoinable() && IsSecondEnd_i()) {
-        delete this;
-    }
-}
-
-// The exchange orders what the first end did before the deletion by the second. No mutex of the
-// process: a detached thread may end while the process exits.
-bool ACmThread::IsSecondEnd_i() {
-    ++m_nDestroyRef;
-    return m_bOneEndCame.exchange(true, std::memory_order_acq_rel);
 }
 
 CmResult ACmThread::Join() {
@@ -314,7 +367,7 @@ CmResult ACmThread::Join() {
     if (IsEqualCurrentThread(tid)) {
         return CM_ERROR_FAILURE;
     }
-    if (tid == pthread_t() || !IsJoinable()) {
+    if (tid == pthread_t() || !CCmPrivateRoom::Of(m_Private).IsJoinable()) {
         return CM_OK;
     }
     const int rv = g_cmSystem.pthread_join(tid, nullptr);
@@ -333,8 +386,9 @@ CmResult ACmThread::Destory(int aReason) {
         m_bRegistered = false;
     }
     CCmDisableCancel disableCancel;
-    // Where no thread ever ran there is no second end.
-    if (IsJoinable() || !m_bHasThread || IsSecondEnd_i()) {
+    CThreadState& state = CCmPrivateRoom::Of(m_Private);
+    // Where no thread was started there is no body that lets go.
+    if (state.IsJoinable() || !state.HasThread() || state.LetGo()) {
         delete this;
     }
     return CM_OK;
@@ -346,13 +400,18 @@ CmResult ACmThread::Terminate() {
         return CM_ERROR_FAILURE;
     }
     const pthread_t tid = m_Tid.load(std::memory_order_relaxed);
-    const bool bIsGone = m_bHasThread && !IsJoinable() && m_nDestroyRef.value() > 0;
+    const CThreadState& state = CCmPrivateRoom::Of(m_Private);
+    const bool bIsGone = state.HasThread() && !state.IsJoinable() && m_nDestroyRef.value() > 0;
     if (tid == pthread_t() || bIsGone) {
         return CM_ERROR_FAILURE;
     }
     const int rv = g_cmSystem.pthread_cancel(tid);
     m_bStopFlag.store(true, std::memory_order_relaxed);
     return rv;
+}
+
+void ACmThread::SetInitResult(CmResult aResult) {
+    CCmPrivateRoom::Of(m_Private).m_InitResult = aResult;
 }
 
 CmResult ACmThread::Stop(CCmTimeValue* /*aTimeout*/) {
@@ -401,7 +460,8 @@ CmResult CCmThreadTaskWithEventQueueOnly::Stop(CCmTimeValue* /*aTimeout*/) {
 void CCmThreadTaskWithEventQueueOnly::OnThreadInit() {
     m_EventQueue.BindToCurrentThread();
     Reset2CurrentThreadId();
-    // An earlier thread of this object has run the stop event; no other can be posted.
+    // An earlier thread of this object has run the stop event, and no other can be posted: this one
+    // would never return.
     if (m_EventQueue.IsStoppedAndEmpty()) {
         SetInitResult(CM_ERROR_NOT_INITIALIZED);
         return;
@@ -411,18 +471,11 @@ void CCmThreadTaskWithEventQueueOnly::OnThreadInit() {
 
 void CCmThreadTaskWithEventQueueOnly::OnThreadRun() {
     CM_INFO_TRACE_THIS("CCmThreadTaskWithEventQueueOnly::OnThreadRun");
-    CCmCleanUpT endRest([this] { EndRest(*this, m_EventQueue); });
+    CCmCleanUpT destroyRest([this] { DestroyRest(*this, m_EventQueue); });
     while (!IsFlagStopped()) {
-        RunEvents_i(nullptr, ALL_EVENTS);
+        RunEvents(m_EventQueue, nullptr, ALL_EVENTS);
     }
-    endRest.Execute();
-}
-
-void CCmThreadTaskWithEventQueueOnly::RunEvents_i(CCmTimeValue* aTimeout, DWORD aMaxCount) {
-    std::list<ICmEvent*> events;
-    if (CM_SUCCEEDED(m_EventQueue.PopOrWaitPendingEvents(events, aTimeout, aMaxCount))) {
-        m_EventQueue.ProcessAndRecycleEvents(events);
-    }
+    destroyRest.Execute();
 }
 
 ICmEventQueue* CCmThreadTaskWithEventQueueOnly::GetEventQueue() {
@@ -445,15 +498,16 @@ void CCmThreadTask::OnThreadInit() {
 
 void CCmThreadTask::OnThreadRun() {
     CM_INFO_TRACE_THIS("CCmThreadTask::OnThreadRun, Begin.");
-    CCmCleanUpT endRest([this] { EndRest(*this, m_EventQueue); });
+    CCmCleanUpT destroyRest([this] { DestroyRest(*this, m_EventQueue); });
     while (!IsFlagStopped()) {
         CCmTimeValue tvWait = CCmTimeValue::s_tvMax;
         if (m_pTimerQueue != nullptr) {
             tvWait = FireDueTimers(*static_cast<CCmTimerQueueBase*>(m_pTimerQueue));
         }
-        RunEvents_i(tvWait == CCmTimeValue::s_tvMax ? nullptr : &tvWait, EVENTS_PER_PASS);
+        RunEvents(m_EventQueue, tvWait == CCmTimeValue::s_tvMax ? nullptr : &tvWait,
+                  EVENTS_PER_PASS);
     }
-    endRest.Execute();
+    destroyRest.Execute();
 }
 
 ICmTimerQueue* CCmThreadTask::GetTimerQueue() {

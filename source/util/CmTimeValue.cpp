@@ -1,6 +1,6 @@
 #include "CmTimeValue.h"
 
-#include "port/CmSystem.h"
+#include "CmSystem.h"
 
 namespace UTIL_NS {
 

@@ -7,10 +7,9 @@
 #include "CmCancel.h"
 #include "CmQueueOwner.h"
 #include "CmScopedLock.h"
+#include "CmSystem.h"
 #include "CmThread.h"
 #include "CmTraceLine.h"
-#include "port/CmPort.h"
-#include "port/CmSystem.h"
 
 namespace UTIL_NS {
 
@@ -19,11 +18,6 @@ namespace {
 constexpr long long NSEC_PER_SEC = 1000000000;
 constexpr long long NSEC_PER_USEC = 1000;
 constexpr long NAP_NSEC = 1000 * 1000;  // between two tries of what the system refused
-
-long long Later(long long aNow, long long aInterval) {
-    long long llSum = 0;
-    return __builtin_add_overflow(aNow, aInterval, &llSum) ? CM_NEVER_NSEC : llSum;
-}
 
 CCmTimeValue ValueOf(long long aNsec) {
     return CCmTimeValue(static_cast<long>(aNsec / NSEC_PER_SEC),
@@ -37,24 +31,6 @@ void Nap() {
 }
 
 }  // namespace
-
-long long CmNsecOf(const CCmTimeValue& aValue) {
-    long long llSec = 0;
-    if (__builtin_mul_overflow(static_cast<long long>(aValue.GetSec()), NSEC_PER_SEC, &llSec)) {
-        return aValue > CCmTimeValue() ? CM_NEVER_NSEC : -CM_NEVER_NSEC;
-    }
-    return Later(llSec, aValue.GetUsec() * NSEC_PER_USEC);
-}
-
-long long CmMonotonicNsec() {
-    timespec tsNow = {};
-    CmPortMonotonicNow(&tsNow);
-    return tsNow.tv_sec * NSEC_PER_SEC + tsNow.tv_nsec;
-}
-
-long long CmLaterNsec(long long aNow, const CCmTimeValue& aInterval) {
-    return Later(aNow, std::max(CmNsecOf(aInterval), 0LL));
-}
 
 CCmTimedCall::CCmTimedCall(CCmTimedEvent* aEvent, long long aDueNsec, long long aPeriodNsec,
                            DWORD aCount)
@@ -278,7 +254,7 @@ bool CCmTimedCalls::Rearm_i(CCmTimedCall& aCall) {
     if (aCall.m_dwLeft > 0) {
         --aCall.m_dwLeft;
     }
-    aCall.m_llDue = Later(aCall.m_llDue, aCall.m_llPeriod);
+    aCall.m_llDue = CmSumNsec(aCall.m_llDue, aCall.m_llPeriod);
     m_pRunning = nullptr;
     // Release: whoever cancels it from now on is after what it did.
     aCall.m_nState.store(CCmTimedCall::STATE_PENDING, std::memory_order_release);

@@ -10,20 +10,14 @@
 #include <pthread.h>
 
 #include <atomic>
-#include <climits>
 #include <vector>
 
 #include "CmConditionVariable.h"
 #include "CmEvent.h"
+#include "CmNsec.h"
 #include "CmUtilTemplates.h"
 
 namespace UTIL_NS {
-
-// Nanoseconds of a clock; saturating.
-constexpr long long CM_NEVER_NSEC = LLONG_MAX;
-long long CmNsecOf(const CCmTimeValue& aValue);
-long long CmMonotonicNsec();
-long long CmLaterNsec(long long aNow, const CCmTimeValue& aInterval);
 
 class CCmTimedCalls;
 

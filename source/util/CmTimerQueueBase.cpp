@@ -94,34 +94,32 @@ unsigned int CCmTimerQueueBase::CheckExpire(CCmTimeValue* aRemainTime) {
     const CCmTimeValue tvNow = CCmTimeValue::GetTimeOfDay();
     unsigned int dwFired = 0;
     CCmTimeValue tvRemain = CCmTimeValue::s_tvMax;
-    // A handler may have changed the queue, so each round looks at it afresh.
+    // A handler may have changed the queue, so each round looks at it afresh. What it schedules for
+    // now or before fires in this pass, too; what is re-armed is due after tvNow, which ends it.
     CCmTimeValue tvEarliest;
     while (GetEarliestTime_l(tvEarliest) == 0) {
         if (tvEarliest > tvNow) {
             tvRemain = tvEarliest - tvNow;
             break;
         }
-        FireFirst_i(tvNow);
+        CNode node;
+        PopFirstNode_l(node);
+        if (node.m_dwCount != UNLIMITED_COUNT) {
+            --node.m_dwCount;
+        }
+        if (node.m_dwCount > 0 && node.m_tvInterval > CCmTimeValue::s_tvZero) {
+            // Back in the queue before the call: its handler may cancel or replace it.
+            node.m_tvExpired = NextExpiry(node.m_tvExpired, node.m_tvInterval, tvNow);
+            RePushNode_l(node);
+        }
+        m_Est.EnsureSingleThread();
+        node.m_pEh->OnTimeout(tvNow, node.m_pToken);
         ++dwFired;
     }
     if (aRemainTime != nullptr) {
         *aRemainTime = tvRemain;
     }
     return dwFired;
-}
-
-void CCmTimerQueueBase::FireFirst_i(const CCmTimeValue& aNow) {
-    CNode node;
-    PopFirstNode_l(node);
-    if (node.m_dwCount != UNLIMITED_COUNT) {
-        --node.m_dwCount;
-    }
-    if (node.m_dwCount > 0 && node.m_tvInterval > CCmTimeValue::s_tvZero) {
-        node.m_tvExpired = NextExpiry(node.m_tvExpired, node.m_tvInterval, aNow);
-        RePushNode_l(node);
-    }
-    m_Est.EnsureSingleThread();
-    node.m_pEh->OnTimeout(aNow, node.m_pToken);
 }
 
 CCmTimeValue CCmTimerQueueBase::GetEarliestTime() const {

@@ -1,15 +1,28 @@
 #include "CmTimerQueueCalendar.h"
 
 #include <iterator>
-#include <utility>
+#include <map>
+#include <new>
+#include <type_traits>
 
+#include "CmPrivateState.h"
 #include "CmThread.h"
 #include "CmTimerCancel.h"
+#include "CmTimerIndex.h"
+#include "CmTimerSpares.h"
 #include "CmTraceLine.h"
 
 namespace UTIL_NS {
 
 namespace {
+
+typedef CCmTimerQueueCalendarSlotT<ICmTimerHandler*> NodeType;
+typedef std::map<ICmTimerHandler*, DWORD> HandlersType;
+
+// What every node of a chain is.
+struct CTimer : NodeType {
+    HandlersType::iterator m_itEntry;  // of its handler, for a timer in the wheel
+};
 
 constexpr DWORD MIN_SLOT_INTERVAL = 10;  // milliseconds
 constexpr DWORD MIN_MAX_SLOT_NUMBER = 10;
@@ -35,29 +48,25 @@ DWORD Distance(const CCmTimeValue& aInterval, DWORD aSlotInterval) {
     return dwMs / aSlotInterval + (dwMs % aSlotInterval != 0 ? 1 : 0);
 }
 
-template <class NodeType>
 void PushHead(NodeType*& aHead, NodeType* aNode) {
     aNode->m_pNext = aHead;
     aHead = aNode;
 }
 
 // The chain must not be empty.
-template <class NodeType>
 NodeType* PopHead(NodeType*& aHead) {
     NodeType* pNode = aHead;
     aHead = pNode->m_pNext;
     return pNode;
 }
 
-template <class NodeType>
 void DeleteChain(NodeType*& aHead) {
     while (aHead != nullptr) {
-        delete PopHead(aHead);
+        delete static_cast<CTimer*>(PopHead(aHead));
     }
 }
 
 // Takes the first node of aEh out of a chain; null when there is none.
-template <class NodeType>
 NodeType* Unlink(NodeType*& aHead, const ICmTimerHandler* aEh) {
     for (NodeType** ppNode = &aHead; *ppNode != nullptr; ppNode = &(*ppNode)->m_pNext) {
         if ((*ppNode)->m_pEh == aEh) {
@@ -66,6 +75,57 @@ NodeType* Unlink(NodeType*& aHead, const ICmTimerHandler* aEh) {
     }
     return nullptr;
 }
+
+// The memory of a calendar's timers, and the way from a handler to its timer. m_Handlers, the map
+// that has the slot of every handler, is part of the object's layout; but to find a handler there
+// is a walk down a tree, one step for each doubling of the timers and most of them to memory that
+// no cache holds. So an index leads from the handler to its entry in the map at once; the map is
+// walked only when a new handler is entered, and not even then where the hint is right.
+class CTimerStore {
+  public:
+    explicit CTimerStore(HandlersType& aHandlers) noexcept : m_itHint(aHandlers.end()) {}
+    ~CTimerStore() { DeleteChain(m_pSpares); }
+
+    // Throws std::bad_alloc.
+    CTimer* NewTimer() {
+        return m_pSpares != nullptr ? static_cast<CTimer*>(PopHead(m_pSpares)) : new CTimer;
+    }
+    // For coming timers; null is accepted.
+    void Keep(NodeType* aTimer) {
+        if (aTimer != nullptr) {
+            PushHead(m_pSpares, aTimer);
+        }
+    }
+
+    // Null when aEh has no entry. Valid until the next change.
+    const HandlersType::iterator* FindEntry(ICmTimerHandler* aEh) { return m_Index.Find(aEh); }
+    // For a handler that has none; its slot is yet to be set. Throws std::bad_alloc, having changed
+    // nothing.
+    HandlersType::iterator NewEntry(HandlersType& aHandlers, ICmTimerHandler* aEh) {
+        m_Index.Reserve();  // first: once the map has the entry, nothing may fail
+        const HandlersType::iterator itEntry = m_SpareEntries.Insert(aHandlers, m_itHint, aEh, 0);
+        m_Index.Insert(aEh, itEntry);
+        return itEntry;
+    }
+    // Ends a timer of the wheel that has left its slot, and its entry.
+    void End(HandlersType& aHandlers, NodeType* aNode) {
+        const HandlersType::iterator itEntry = static_cast<CTimer*>(aNode)->m_itEntry;
+        m_Index.Erase(aNode->m_pEh);
+        // Nothing follows the last entry; to find that out by stepping would climb the whole map.
+        const bool bIsLast = itEntry == std::prev(aHandlers.end());
+        m_itHint = bIsLast ? aHandlers.end() : std::next(itEntry);
+        m_SpareEntries.Keep(aHandlers, itEntry);
+        Keep(aNode);
+    }
+
+  private:
+    NodeType* m_pSpares = nullptr;
+    CCmTimerHandlerIndexT<HandlersType::iterator> m_Index;
+    CCmSpareMapNodesT<ICmTimerHandler*, DWORD> m_SpareEntries;
+    // What follows the entry that ended last. A handler that is cancelled and scheduled again, as
+    // timeouts are, comes to lie right before it again, without a walk down the map.
+    HandlersType::iterator m_itHint;
+};
 
 // Whose timers the calling thread cancels for good, if any.
 thread_local const ICmTimerHandler* t_pCancelledForGood = nullptr;
@@ -80,6 +140,33 @@ CmResult CancelForGood(ICmTimerQueue& aQueue, ICmTimerHandler* aEh) {
     return rv;
 }
 
+class CM_UTIL_HIDDEN CCmTimerQueueCalendar::CState : public CTimerStore {
+  public:
+    using CTimerStore::CTimerStore;
+    CmResult PushEvent(CCmTimerQueueCalendar& aQueue, NodeType* aNode, CmResult aResult);
+};
+
+// Adds a timer with interval zero and, for the first one, posts the event that will fire them.
+// aResult: what to return when the event is posted already.
+CmResult CCmTimerQueueCalendar::CState::PushEvent(CCmTimerQueueCalendar& aQueue, NodeType* aNode,
+                                                  CmResult aResult) {
+    const bool bIsPosted = aQueue.m_pEvents != nullptr;
+    PushHead(aQueue.m_pEvents, aNode);
+    if (bIsPosted) {
+        return aResult;
+    }
+    // In the chain before the post: a queue may run the event on the spot.
+    const CmResult rv =
+        aQueue.m_pEventQueue != nullptr
+            ? aQueue.m_pEventQueue->PostEvent(&aQueue, ICmEventQueue::EPRIORITY_NORMAL)
+            : CM_ERROR_NULL_POINTER;
+    // One that did and refuses it all the same has fired the timer.
+    if (CM_FAILED(rv) && aQueue.m_pEvents == aNode) {
+        Keep(PopHead(aQueue.m_pEvents));
+    }
+    return rv;
+}
+
 CCmTimerQueueCalendar::CCmTimerQueueCalendar(unsigned int aSlotInterval, unsigned int aMaxTime,
                                              ICmEventQueue* aEventQueue)
     : m_dwInterval(aSlotInterval < MIN_SLOT_INTERVAL ? MIN_SLOT_INTERVAL : aSlotInterval),
@@ -87,14 +174,14 @@ CCmTimerQueueCalendar::CCmTimerQueueCalendar(unsigned int aSlotInterval, unsigne
       m_dwMaxSlotNumber(MaxSlotNumber(m_dwInterval, aMaxTime)),
       m_dwCurrentSlot(0),
       m_pEventQueue(aEventQueue != nullptr ? aEventQueue : EventQueueOfThisThread()),
-      m_pEvents(nullptr),
-      m_pSpares(nullptr),
-      m_itVacated(m_Handlers.end()) {
+      m_pEvents(nullptr) {
+    static_assert(std::is_nothrow_constructible_v<CState, HandlersType&>, "needs no memory yet");
+    CCmPrivateRoom::Make(m_Private, m_Handlers);
     m_ppSlots = new (std::nothrow) CNode*[size_t{m_dwMaxSlotNumber} + 1]();
 }
 
 CCmTimerQueueCalendar::~CCmTimerQueueCalendar() {
-    DeleteChain(m_pSpares);
+    CCmPrivateRoom::End(m_Private);
     DeleteChain(m_pEvents);
     if (m_ppSlots == nullptr) {
         return;
@@ -112,56 +199,37 @@ CmResult CCmTimerQueueCalendar::ScheduleTimer(ICmTimerHandler* aEh, void* aToken
     if (CM_UNLIKELY(m_ppSlots == nullptr)) {
         return CM_ERROR_OUT_OF_MEMORY;
     }
+    CState& state = CCmPrivateRoom::Of(m_Private);
     const bool bForWheel = aInterval != CCmTimeValue::s_tvZero;
-    const auto* pKnown = m_Index.Find(aEh);
+    const HandlersType::iterator* const pKnown = state.FindEntry(aEh);
     const bool bIsKnown = pKnown != nullptr;
-    auto itHandler = bIsKnown ? *pKnown : m_Handlers.end();
-    CNode* pNode = bIsKnown ? RemoveUniqueSlot_i(itHandler->second, aEh) : nullptr;
+    HandlersType::iterator itEntry = bIsKnown ? *pKnown : m_Handlers.end();
+    CNode* pNode = bIsKnown ? RemoveUniqueSlot_i(itEntry->second, aEh) : nullptr;
     const CmResult rv = pNode != nullptr ? CM_ERROR_FOUND : CM_OK;
-    // Until all memory is there, nothing changes.
+    // All memory before any change; a timer that has left its slot needs none.
     try {
         if (pNode == nullptr) {
-            pNode = NewNode_i();
+            pNode = state.NewTimer();
         }
         if (bForWheel && !bIsKnown) {
-            m_Index.Reserve();
-            itHandler = NewEntry_i(aEh);
-            m_Index.Insert(aEh, itHandler);
+            itEntry = state.NewEntry(m_Handlers, aEh);
         }
     } catch (const std::bad_alloc&) {
-        if (pNode != nullptr) {
-            FreeNode_i(pNode);
-        }
+        state.Keep(pNode);
         return CM_ERROR_OUT_OF_MEMORY;
     }
     if (!bIsKnown) {
-        RemoveUniqueEvent_i(aEh);
+        state.Keep(Unlink(m_pEvents, aEh));
     }
     pNode->m_pEh = aEh;
     pNode->m_pToken = aToken;
     pNode->m_tvInterval = aInterval;
     pNode->m_dwCount = aCount == 0 ? 0xFFFFFFFF : aCount;
     if (!bForWheel) {
-        return PushEvent_i(pNode, rv);
+        return state.PushEvent(*this, pNode, rv);  // an entry of its handler stays
     }
-    pNode->m_itHandler = itHandler;
+    static_cast<CTimer*>(pNode)->m_itEntry = itEntry;
     InsertUnique_i(aInterval, pNode);
-    return rv;
-}
-
-// Adds a timer with interval zero and, for the first one, posts the event that will fire them.
-CmResult CCmTimerQueueCalendar::PushEvent_i(CNode* aNode, CmResult aResult) {
-    const bool bIsPosted = m_pEvents != nullptr;
-    PushHead(m_pEvents, aNode);
-    if (bIsPosted) {
-        return aResult;
-    }
-    const CmResult rv = m_pEventQueue != nullptr
-                            ? m_pEventQueue->PostEvent(this, ICmEventQueue::EPRIORITY_NORMAL)
-                            : CM_ERROR_NULL_POINTER;
-    if (CM_FAILED(rv) && m_pEvents == aNode) {
-        FreeNode_i(PopHead(m_pEvents));
-    }
     return rv;
 }
 
@@ -175,51 +243,47 @@ void CCmTimerQueueCalendar::InsertUnique_i(const CCmTimeValue& aInterval, CNode*
                             << " m_dwMaxSlotNumber=" << m_dwMaxSlotNumber);
         dwDistance = m_dwMaxSlotNumber;
     }
-    // A wrap goes back by m_dwMaxSlotNumber, one less than there are slots.
+    // A wrap goes back by m_dwMaxSlotNumber, one less than there are slots: never to slot 0.
     const DWORD dwToLast = m_dwMaxSlotNumber - m_dwCurrentSlot;
     const DWORD dwSlot =
         dwDistance <= dwToLast ? m_dwCurrentSlot + dwDistance : dwDistance - dwToLast;
     PushHead(m_ppSlots[dwSlot], aNode);
-    aNode->m_itHandler->second = dwSlot;
+    static_cast<CTimer*>(aNode)->m_itEntry->second = dwSlot;
 }
 
 CmResult CCmTimerQueueCalendar::CancelTimer(ICmTimerHandler* aEh) {
     m_Est.EnsureSingleThread();
     CM_ASSERTE_RETURN_LINE(aEh, CM_ERROR_INVALID_ARG, 157);
+    CState& state = CCmPrivateRoom::Of(m_Private);
     if (m_pEvents != nullptr && t_pCancelledForGood == aEh) {
         while (CNode* pEvent = Unlink(m_pEvents, aEh)) {
-            FreeNode_i(pEvent);
+            state.Keep(pEvent);
         }
     }
     CNode* pNode = RemoveUniqueHandler_i(aEh);
     if (pNode == nullptr) {
         return CM_ERROR_NOT_FOUND;
     }
-    Forget_i(pNode);
+    state.End(m_Handlers, pNode);
     return CM_OK;
 }
 
-// Takes the handler's node out of the wheel. A handler that the wheel does not know loses its
-// node in the event chain instead; then, too, the result is null.
+// Takes the handler's node out of the wheel. A handler without an entry loses its node in the event
+// chain instead; then, too, the result is null.
 CCmTimerQueueCalendar::CNode* CCmTimerQueueCalendar::RemoveUniqueHandler_i(ICmTimerHandler* aEh) {
-    if (const auto* pKnown = m_Index.Find(aEh)) {
+    CState& state = CCmPrivateRoom::Of(m_Private);
+    if (const HandlersType::iterator* pKnown = state.FindEntry(aEh)) {
         return RemoveUniqueSlot_i((*pKnown)->second, aEh);
     }
-    RemoveUniqueEvent_i(aEh);
+    state.Keep(Unlink(m_pEvents, aEh));
     return nullptr;
 }
 
-// Null when the node has left the wheel for the event chain, which leaves its entry behind.
+// Null when the node has left the wheel for the event chain: its entry stays and names the slot
+// that it was in.
 CCmTimerQueueCalendar::CNode* CCmTimerQueueCalendar::RemoveUniqueSlot_i(DWORD aSlot,
                                                                         ICmTimerHandler* aEh) {
     return Unlink(m_ppSlots[aSlot], aEh);
-}
-
-void CCmTimerQueueCalendar::RemoveUniqueEvent_i(ICmTimerHandler* aEh) {
-    CNode* pNode = Unlink(m_pEvents, aEh);
-    if (pNode != nullptr) {
-        FreeNode_i(pNode);
-    }
 }
 
 void CCmTimerQueueCalendar::TimerTick() {
@@ -227,79 +291,42 @@ void CCmTimerQueueCalendar::TimerTick() {
     if (CM_UNLIKELY(m_ppSlots == nullptr)) {
         return;
     }
-    if (m_ppSlots[m_dwCurrentSlot] != nullptr) {
-        FireSlot_i(m_dwCurrentSlot);
+    CNode*& pSlot = m_ppSlots[m_dwCurrentSlot];
+    if (pSlot != nullptr) {
+        const CCmTimeValue tvNow = CCmTimeValue::GetTimeOfDay();
+        CState& state = CCmPrivateRoom::Of(m_Private);
+        // A handler may have changed the chain, so each round looks at it afresh.
+        do {
+            CNode* pNode = PopHead(pSlot);
+            ICmTimerHandler* pEh = pNode->m_pEh;
+            void* pToken = pNode->m_pToken;
+            // Before the call, so that the handler may cancel or replace its timer. The wheel still
+            // stands at this slot: distances count from here.
+            if (--pNode->m_dwCount == 0) {
+                state.End(m_Handlers, pNode);
+            } else {
+                InsertUnique_i(pNode->m_tvInterval, pNode);
+            }
+            pEh->OnTimeout(tvNow, pToken);
+        } while (pSlot != nullptr);
     }
     m_dwCurrentSlot = m_dwCurrentSlot == m_dwMaxSlotNumber ? 0 : m_dwCurrentSlot + 1;
-}
-
-void CCmTimerQueueCalendar::FireSlot_i(DWORD aSlot) {
-    const CCmTimeValue tvNow = CCmTimeValue::GetTimeOfDay();
-    // A handler may have changed the chain, so each round looks at it afresh.
-    while (m_ppSlots[aSlot] != nullptr) {
-        CNode* pNode = PopHead(m_ppSlots[aSlot]);
-        ICmTimerHandler* pEh = pNode->m_pEh;
-        void* pToken = pNode->m_pToken;
-        if (--pNode->m_dwCount == 0) {
-            Forget_i(pNode);
-        } else {
-            InsertUnique_i(pNode->m_tvInterval, pNode);
-        }
-        pEh->OnTimeout(tvNow, pToken);
-    }
 }
 
 CmResult CCmTimerQueueCalendar::OnEventFire() {
     m_Est.EnsureSingleThread();
     const CCmTimeValue tvNow = CCmTimeValue::GetTimeOfDay();
+    CState& state = CCmPrivateRoom::Of(m_Private);
     while (m_pEvents != nullptr) {
         CNode* pNode = PopHead(m_pEvents);
         ICmTimerHandler* pEh = pNode->m_pEh;
         void* pToken = pNode->m_pToken;
-        FreeNode_i(pNode);
+        state.Keep(pNode);  // before the call: what the handler schedules may have it
         pEh->OnTimeout(tvNow, pToken);
     }
     return CM_OK;
 }
 
 void CCmTimerQueueCalendar::OnDestorySelf() {}
-
-// Ends a timer that has left the wheel.
-void CCmTimerQueueCalendar::Forget_i(CNode* aNode) {
-    m_Index.Erase(aNode->m_pEh);
-    // What follows the last entry is known; stepping there would climb the whole map.
-    const bool bIsLast = aNode->m_itHandler == std::prev(m_Handlers.end());
-    m_itVacated = bIsLast ? m_Handlers.end() : std::next(aNode->m_itHandler);
-    m_pSpareEntries->push_back(m_Handlers.extract(aNode->m_itHandler));
-    FreeNode_i(aNode);
-}
-
-// Throws std::bad_alloc, having changed nothing.
-CCmTimerQueueCalendar::CNode::HandlersType::iterator CCmTimerQueueCalendar::NewEntry_i(
-    ICmTimerHandler* aEh) {
-    if (CM_UNLIKELY(m_pSpareEntries == nullptr)) {
-        m_pSpareEntries = std::make_unique<std::vector<CNode::HandlersType::node_type>>();
-    }
-    auto& spares = *m_pSpareEntries;
-    if (spares.empty()) {
-        // Room for the time when all entries are spare: giving one up must not allocate.
-        if (m_Handlers.size() == spares.capacity()) {
-            spares.reserve(2 * m_Handlers.size() + 1);
-        }
-        return m_Handlers.emplace_hint(m_itVacated, aEh, 0);
-    }
-    CNode::HandlersType::node_type entry = std::move(spares.back());
-    spares.pop_back();
-    entry.key() = aEh;
-    return m_Handlers.insert(m_itVacated, std::move(entry));
-}
-
-CCmTimerQueueCalendar::CNode* CCmTimerQueueCalendar::NewNode_i() {
-    return m_pSpares != nullptr ? PopHead(m_pSpares) : new CNode;
-}
-
-void CCmTimerQueueCalendar::FreeNode_i(CNode* aNode) {
-    PushHead(m_pSpares, aNode);
-}
 
 }  // namespace UTIL_NS

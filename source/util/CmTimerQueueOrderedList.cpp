@@ -1,39 +1,30 @@
 #include "CmTimerQueueOrderedList.h"
 
 #include <iterator>
+#include <type_traits>
 
+#include "CmPrivateState.h"
+#include "CmTimerIndex.h"
+#include "CmTimerSpares.h"
 #include "CmTrace.h"
 
 namespace UTIL_NS {
 
-CCmTimerQueueOrderedList::CCmTimerQueueOrderedList(ICmObserver* aObserver)
-    : CCmTimerQueueBase(aObserver) {}
+class CM_UTIL_HIDDEN CCmTimerQueueOrderedList::CState {
+  public:
+    CCmTimerHandlerIndexT<std::list<CNode>::iterator> m_Index;  // of the nodes of m_Nodes
+    CCmSpareListNodesT<CNode> m_Spares;
+};
 
-CCmTimerQueueOrderedList::~CCmTimerQueueOrderedList() = default;
+namespace {
 
-int CCmTimerQueueOrderedList::PushNode_l(const CNode& aNode) {
-    if (const NodesType::iterator* pPlace = m_Index.Find(aNode.m_pEh)) {
-        m_pSpares->splice(m_pSpares->begin(), m_Nodes, *pPlace);
-        InsertSpare_l(aNode);  // the same list node: its place in the index holds
-        return 1;
-    }
-    return CCmTimerQueueOrderedList::RePushNode_l(aNode);
-}
-
-// Puts the first spare list node into its place as aNode; there must be one.
-CCmTimerQueueOrderedList::NodesType::iterator CCmTimerQueueOrderedList::InsertSpare_l(
-    const CNode& aNode) {
-    const auto itNode = m_pSpares->begin();
-    *itNode = aNode;
-    m_Nodes.splice(FindPlace_l(aNode.m_tvExpired), *m_pSpares, itNode);
-    return itNode;
-}
-
-// The first node that is not due before aExpired; looked for from both ends at once.
-CCmTimerQueueOrderedList::NodesType::iterator CCmTimerQueueOrderedList::FindPlace_l(
-    const CCmTimeValue& aExpired) {
-    auto itFront = m_Nodes.begin();
-    auto itBack = m_Nodes.end();
+// Before the first node that is not due before aExpired: among equals the newest fires first.
+// Looked for from both ends at once, so that a place near either is found in few steps.
+template <class ListType>
+typename ListType::iterator FindPlace(ListType& aNodes, const CCmTimeValue& aExpired) {
+    auto itFront = aNodes.begin();
+    auto itBack = aNodes.end();
+    // What lies before itFront is due before aExpired, what lies from itBack on is not.
     while (itFront != itBack) {
         if (itFront->m_tvExpired >= aExpired) {
             return itFront;
@@ -47,34 +38,56 @@ CCmTimerQueueOrderedList::NodesType::iterator CCmTimerQueueOrderedList::FindPlac
     return itBack;
 }
 
+}  // namespace
+
+CCmTimerQueueOrderedList::CCmTimerQueueOrderedList(ICmObserver* aObserver)
+    : CCmTimerQueueBase(aObserver) {
+    static_assert(std::is_nothrow_default_constructible_v<CState>, "needs no memory yet");
+    CCmPrivateRoom::Make(m_Private);
+}
+
+CCmTimerQueueOrderedList::~CCmTimerQueueOrderedList() {
+    CCmPrivateRoom::End(m_Private);
+}
+
+int CCmTimerQueueOrderedList::PushNode_l(const CNode& aNode) {
+    CState& state = CCmPrivateRoom::Of(m_Private);
+    if (const auto* pPlace = state.m_Index.Find(aNode.m_pEh)) {
+        // The list node that was kept last is the one that is used next: the index still holds.
+        state.m_Spares.Keep(m_Nodes, *pPlace);
+        state.m_Spares.Insert(m_Nodes, FindPlace(m_Nodes, aNode.m_tvExpired), aNode);
+        return 1;
+    }
+    return CCmTimerQueueOrderedList::RePushNode_l(aNode);
+}
+
 int CCmTimerQueueOrderedList::EraseNode_l(ICmTimerHandler* aEh) {
-    const NodesType::iterator* pPlace = m_Index.Find(aEh);
+    CState& state = CCmPrivateRoom::Of(m_Private);
+    const auto* pPlace = state.m_Index.Find(aEh);
     if (pPlace == nullptr) {
         return 1;
     }
-    m_pSpares->splice(m_pSpares->begin(), m_Nodes, *pPlace);
-    m_Index.Erase(aEh);
+    state.m_Spares.Keep(m_Nodes, *pPlace);
+    state.m_Index.Erase(aEh);
     return 0;
 }
 
 int CCmTimerQueueOrderedList::RePushNode_l(const CNode& aNode) {
-    // Allocates nothing after a pop.
-    m_Index.Reserve();
-    if (CM_UNLIKELY(m_pSpares == nullptr)) {
-        m_pSpares = std::make_unique<NodesType>();
-    }
-    if (m_pSpares->empty()) {
-        m_pSpares->emplace_front();
-    }
-    m_Index.Insert(aNode.m_pEh, InsertSpare_l(aNode));
+    CState& state = CCmPrivateRoom::Of(m_Private);
+    // All memory first; after a pop there is some of both.
+    state.m_Index.Reserve();
+    state.m_Spares.Reserve();
+    const auto itPlace = FindPlace(m_Nodes, aNode.m_tvExpired);
+    state.m_Index.Insert(aNode.m_pEh, state.m_Spares.Insert(m_Nodes, itPlace, aNode));
     return 0;
 }
 
 int CCmTimerQueueOrderedList::PopFirstNode_l(CNode& aNode) {
     CM_ASSERTE_RETURN_LINE(!m_Nodes.empty(), -1, 35);
+    CState& state = CCmPrivateRoom::Of(m_Private);
     aNode = m_Nodes.front();
-    m_Index.Erase(aNode.m_pEh);
-    m_pSpares->splice(m_pSpares->begin(), m_Nodes, m_Nodes.begin());
+    state.m_Index.Erase(aNode.m_pEh);
+    state.m_Spares.Keep(m_Nodes, m_Nodes.begin());
     return 0;
 }
 

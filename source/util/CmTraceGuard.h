@@ -1,8 +1,9 @@
-// What tracing leaves as it found it; internal.
+// For code that traces: what keeps errno and cancellation out of it, and locks that are there from
+// the start of the program to its end; internal.
 #ifndef CM_TRACE_GUARD_H
 #define CM_TRACE_GUARD_H
 
-#include <errno.h>
+#include <cerrno>
 
 #include "CmCancel.h"
 #include "CmConditionVariable.h"

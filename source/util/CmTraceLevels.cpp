@@ -8,11 +8,11 @@ namespace UTIL_NS {
 
 namespace {
 
-CM_CONSTANT_INIT std::atomic<CCmT120TraceFile*> g_pTraceFile{nullptr};
+CM_CONSTANT_INIT std::atomic<CCmT120TraceFile*> s_pTraceFile{nullptr};
 
 void WriteToFile(unsigned long aLevel, const char* aText, unsigned int /*aLength*/) {
-    // Acquire: after the record was made.
-    CCmT120TraceFile* pFile = g_pTraceFile.load(std::memory_order_acquire);
+    // Pairs with the release of CmTraceToFile: the record is complete.
+    CCmT120TraceFile* pFile = s_pTraceFile.load(std::memory_order_acquire);
     pFile->write_shared(CmTraceLevelName(aLevel), "util", aText);
 }
 
@@ -32,7 +32,7 @@ CmResult CmTraceToFile(const char* aPath, unsigned long aSizeLimit) {
         T120_Close_Trace_Dev(pFile);
         return rv;
     }
-    g_pTraceFile.store(pFile, std::memory_order_release);
+    s_pTraceFile.store(pFile, std::memory_order_release);
     set_util_external_trace_sink(&WriteToFile);
     return CM_OK;
 }

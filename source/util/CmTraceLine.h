@@ -19,15 +19,15 @@ inline void* CmTraceAddress(const void* aObject) {
 
 }  // namespace UTIL_NS
 
-// aFields: what to stream behind the level word, e.g. "Class::Method, text=" << n.
-#define CM_TRACE_LINE_(aLevel, aWord, aFields)                                               \
-    do {                                                                                     \
-        if (::UTIL_NS::CmTraceIsWanted(aLevel)) {                                            \
-            char achLine[::UTIL_NS::CM_TRACE_LINE_SIZE];                                     \
-            ::UTIL_NS::CCmT120Trace::Text_Formator formator(achLine, sizeof(achLine));       \
-            formator << "UTIL " aWord << aFields;                                            \
-            util_adapter_trace(aLevel, achLine, static_cast<unsigned int>(formator.tell())); \
-        }                                                                                    \
+// aFields: what to stream after the level word, e.g. "Class::Method, text=" << n.
+#define CM_TRACE_LINE_(aLevel, aWord, aFields)                                              \
+    do {                                                                                    \
+        if (::UTIL_NS::CmTraceIsWanted(aLevel)) {                                           \
+            char szLine[::UTIL_NS::CM_TRACE_LINE_SIZE];                                     \
+            ::UTIL_NS::CCmT120Trace::Text_Formator formator(szLine, sizeof(szLine));        \
+            formator << "UTIL " aWord << aFields;                                           \
+            util_adapter_trace(aLevel, szLine, static_cast<unsigned int>(formator.tell())); \
+        }                                                                                   \
     } while (0)
 
 #define CM_ERROR_TRACE(aFields) CM_TRACE_LINE_(::UTIL_NS::CM_TRACE_LEVEL_ERROR, "ERROR: ", aFields)
@@ -35,7 +35,7 @@ inline void* CmTraceAddress(const void* aObject) {
     CM_TRACE_LINE_(::UTIL_NS::CM_TRACE_LEVEL_WARNING, "WARNING: ", aFields)
 #define CM_INFO_TRACE(aFields) CM_TRACE_LINE_(::UTIL_NS::CM_TRACE_LEVEL_INFO, "INFO: ", aFields)
 
-// The same with " this=" and the address of this behind the fields.
+// The same with " this=" and the address of this after the fields.
 #define CM_ERROR_TRACE_THIS(aFields) \
     CM_ERROR_TRACE(aFields << " this=" << ::UTIL_NS::CmTraceAddress(this))
 #define CM_WARNING_TRACE_THIS(aFields) \

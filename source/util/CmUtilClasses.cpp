@@ -7,9 +7,9 @@
 
 #include "CmCancel.h"
 #include "CmScopedLock.h"
+#include "CmSingletonMutex.h"
+#include "CmSystem.h"
 #include "CmTrace.h"
-#include "CmUtilMisc.h"
-#include "port/CmSystem.h"
 
 namespace UTIL_NS {
 
@@ -44,7 +44,7 @@ struct CCmCleanUpWalk {
         CCmCleanUpBase::s_pHeader = nullptr;
         s_pInnermost = this;
     }
-    // A CleanUp that throws leaves the rest registered, below what came meanwhile.
+    // A CleanUp that threw leaves the rest registered, to be destroyed after what came meanwhile.
     ~CCmCleanUpWalk() {
         s_pInnermost = m_pOuter;
         if (m_pHeader != nullptr) {
@@ -63,7 +63,7 @@ struct CCmCleanUpWalk {
         return pNext;
     }
 
-    // Off the registry or what a walk took of it.
+    // From the registry or from what a walk has taken off it.
     static void Unlink(CCmCleanUpBase* aObject) {
         CCmCleanUpBase** ppLink = LinkTo(CCmCleanUpBase::s_pHeader, aObject);
         for (CCmCleanUpWalk* pWalk = s_pInnermost; pWalk != nullptr && *ppLink == nullptr;
@@ -100,8 +100,8 @@ CCmCleanUpBase::CCmCleanUpBase() {
 
 CCmCleanUpBase::~CCmCleanUpBase() {
     CCmScopedLockT<CCmMutexThreadRecursive> lock(g_SingletonMutex);
-    // CleanupAll takes an object off before it ends; one whose construction failed half-way, or
-    // that others delete, is still on it.
+    // CleanupAll takes an object off before it destroys it. One whose construction failed half-way,
+    // or that others delete, is still linked.
     if (m_pNext != this) {
         CCmCleanUpWalk::Unlink(this);
     }

@@ -1,22 +1,22 @@
 #include "CmUtilMisc.h"
 
 #include <arpa/inet.h>
-#include <errno.h>
 #include <net/if.h>
 #include <netinet/in.h>
 #include <sys/ioctl.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <new>
 
 #include "CmCancel.h"
 #include "CmCrc16.h"
 #include "CmMessageBlock.h"
+#include "CmSystem.h"
 #include "CmTraceLine.h"
 #include "CmUtilTemplates.h"
 #include "port/CmPort.h"
-#include "port/CmSystem.h"
 
 namespace UTIL_NS {
 
@@ -27,7 +27,7 @@ unsigned char CRC16_L_TABLE[256];
 
 namespace {
 
-// From these lengths on the faster roads pay.
+// From these lengths on the faster ways pay.
 constexpr unsigned int CRC16_TABLE_MIN = 8;      // bytes
 constexpr unsigned int CRC16_MULTIPLY_MIN = 17;  // bytes
 
@@ -190,12 +190,6 @@ void free_local_addr(local_addr* aList) {
 void CmUtilInit() {}
 
 void CmUtilCleanup() {}
-
-void GetSingletonMutex(void** aMutex) {
-    if (aMutex != nullptr) {
-        *aMutex = &UTIL_NS::g_SingletonMutex;
-    }
-}
 
 void SleepMs(unsigned int aMs) {
     timespec tsRemain = {static_cast<time_t>(aMs / 1000), static_cast<long>(aMs % 1000) * 1000000};

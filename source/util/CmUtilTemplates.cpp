@@ -4,6 +4,7 @@
 
 #include "CmCancel.h"
 #include "CmScopedLock.h"
+#include "CmSingletonMutex.h"
 #include "CmTraceLine.h"
 
 namespace UTIL_NS {

@@ -5,11 +5,11 @@
 #include <algorithm>
 
 #include "CmCancel.h"
+#include "CmSystem.h"
 #include "CmTimedCalls.h"
 #include "CmTimerQueueOrderedList.h"
 #include "CmTraceLine.h"
 #include "port/CmPort.h"
-#include "port/CmSystem.h"
 
 namespace UTIL_NS {
 

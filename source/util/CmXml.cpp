@@ -1,8 +1,10 @@
 #include "CmXml.h"
 
-#include <stdio.h>
-#include <stdlib.h>
-#include <string.h>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "CmAscii.h"
 
 namespace UTIL_NS {
 
@@ -11,19 +13,16 @@ namespace {
 constexpr size_t NUMBER_MAX = 64;   // characters of an integer
 constexpr size_t DOUBLE_MAX = 256;  // characters of a double
 
-bool IsBlank(char aChar) {
-    return aChar == ' ' || aChar == '\t' || aChar == '\n' || aChar == '\r';
-}
-
-// Finds aOpening + aTag + ">"; aBehind is set to what follows it.
+// Finds aOpening + aTag + ">"; aAfter is set to what follows it.
 const char* FindTag(const char* aText, const char* aOpening, const char* aTag,
-                    const char*& aBehind) {
-    const size_t nOpening = strlen(aOpening);
-    const size_t nTag = strlen(aTag);
-    for (const char* p = strstr(aText, aOpening); p != nullptr; p = strstr(p + 1, aOpening)) {
+                    const char*& aAfter) {
+    const size_t nOpening = std::strlen(aOpening);
+    const size_t nTag = std::strlen(aTag);
+    for (const char* p = std::strstr(aText, aOpening); p != nullptr;
+         p = std::strstr(p + 1, aOpening)) {
         const char* const pName = p + nOpening;
-        if (strncmp(pName, aTag, nTag) == 0 && pName[nTag] == '>') {
-            aBehind = pName + nTag + 1;
+        if (std::strncmp(pName, aTag, nTag) == 0 && pName[nTag] == '>') {
+            aAfter = pName + nTag + 1;
             return p;
         }
     }
@@ -33,18 +32,18 @@ const char* FindTag(const char* aText, const char* aOpening, const char* aTag,
 // Finds the element's value, without blanks at its ends.
 bool FindValue(const char* aXml, const char* aTag, const char*& aValue, size_t& aLength) {
     const char* pValue = nullptr;
-    const char* pBehind = nullptr;
+    const char* pAfter = nullptr;
     if (aXml == nullptr || aTag == nullptr || FindTag(aXml, "<", aTag, pValue) == nullptr) {
         return false;
     }
-    while (IsBlank(*pValue)) {
+    while (CmIsBlank(*pValue)) {
         ++pValue;
     }
-    const char* pEnd = FindTag(pValue, "</", aTag, pBehind);
+    const char* pEnd = FindTag(pValue, "</", aTag, pAfter);
     if (pEnd == nullptr) {
         return false;
     }
-    while (pEnd > pValue && IsBlank(pEnd[-1])) {
+    while (pEnd > pValue && CmIsBlank(pEnd[-1])) {
         --pEnd;
     }
     aValue = pValue;
@@ -58,7 +57,7 @@ bool CopyValue(const char* aXml, const char* aTag, size_t aMax, char* aOut) {
     if (aOut == nullptr || !FindValue(aXml, aTag, pValue, nLength) || nLength > aMax) {
         return false;
     }
-    memmove(aOut, pValue, nLength);
+    std::memmove(aOut, pValue, nLength);
     aOut[nLength] = '\0';
     return true;
 }
@@ -124,7 +123,7 @@ double get_double_from_XML(char* aXml, const char* aTag, double aDefault) {
     char szValue[DOUBLE_MAX + 1];
     float fValue = 0;
     const bool bRead =
-        CopyValue(aXml, aTag, DOUBLE_MAX, szValue) && sscanf(szValue, "%f", &fValue) == 1;
+        CopyValue(aXml, aTag, DOUBLE_MAX, szValue) && std::sscanf(szValue, "%f", &fValue) == 1;
     return bRead ? static_cast<double>(fValue) : aDefault;
 }
 

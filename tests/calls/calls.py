@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 """Compares the functions that the library takes from the system with calls.txt: each is on the
-list, and one that fails is made through the table of port/CmSystem.h only, and made to fail by a
+list, and one that fails is made through the table of CmSystem.h only, and made to fail by a
 row of the tables of faults.
 """
 

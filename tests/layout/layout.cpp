@@ -2,3 +2,5 @@
 // classes are here already; classes of internal headers and templates that the headers do not
 // instantiate are named below.
 #include "kelto_util.h"
+
+template struct UTIL_NS::CCmTimerQueueCalendarSlotT<UTIL_NS::ICmTimerHandler*>;

@@ -135,7 +135,15 @@ class Layouts:
             is_table = child.name().startswith("_vptr")
             if child.tag == "DW_TAG_member" and not is_static and not is_table:
                 size = self.size_of(self.type_of(child))
-                yield child.number("DW_AT_data_member_location", 0), f"field {child.name()} {size}"
+                name = self.member_name(child)
+                yield child.number("DW_AT_data_member_location", 0), f"field {name} {size}"
+
+    def member_name(self, member):
+        """An anonymous union, which keeps its member from being destroyed, counts as that member."""
+        if member.name():
+            return member.name()
+        members = self.type_of(member).children
+        return self.member_name(next(each for each in members if each.tag == "DW_TAG_member"))
 
     def bases(self, entry):
         for child in entry.children:

@@ -3,7 +3,7 @@
 #ifndef TESTS_SUPPORT_CLOCK_H
 #define TESTS_SUPPORT_CLOCK_H
 
-#include "port/CmSystem.h"
+#include "CmSystem.h"
 
 namespace kelto_test {
 

@@ -7,7 +7,7 @@
 #include <atomic>
 #include <cstddef>
 
-#include "port/CmSystem.h"
+#include "CmSystem.h"
 
 // The number of an error as text, to stand in the literal of an expected line; which number it is
 // differs between systems.

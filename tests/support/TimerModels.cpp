@@ -18,7 +18,7 @@ using namespace UTIL_NS;
 
 constexpr long START = 1000000000;  // seconds
 
-// Takes its choices from a string of bytes; only zeros follow behind its end.
+// Takes its choices from a string of bytes; only zeros follow after its end.
 class ByteDriver {
   public:
     bool AtEnd() const { return m_nLeft == 0; }

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "CmTimerQueueBase.h"
+#include "support/Events.h"
 
 namespace kelto_test {
 
@@ -50,6 +51,16 @@ class CountingHandler : public UTIL_NS::ICmTimerHandler {
 
   private:
     unsigned long m_ulCount = 0;
+};
+
+// Logs -1 when it fires.
+class NotingHandler final : public UTIL_NS::ICmTimerHandler {
+  public:
+    explicit NotingHandler(EventLog& aLog) : m_log(aLog) {}
+    void OnTimeout(const UTIL_NS::CCmTimeValue&, void*) override { m_log.Fired(-1); }
+
+  private:
+    EventLog& m_log;
 };
 
 inline std::vector<int> Ids(const Firings& aLog) {

@@ -5,14 +5,23 @@
 #ifndef CM_CONDITION_SEMAPHORE_H
 #define CM_CONDITION_SEMAPHORE_H
 
-#include <errno.h>
-#include <limits.h>
+#include <cerrno>
+#include <climits>
 
 #include "CmCancel.h"
 #include "CmPlatform.h"
 #include "CmSystem.h"
 
 namespace UTIL_NS {
+
+#if !defined(__APPLE__)
+// As CmPlatform.h has it for macOS. Elsewhere tests alone use it.
+struct CmConditionSemaphore {
+    pthread_mutex_t m_Mutex;
+    pthread_cond_t m_Condition;
+    unsigned int m_dwCount;
+};
+#endif
 
 // The mutex of a semaphore, held.
 class CCmConditionSemaphoreLock {
@@ -94,8 +103,8 @@ inline int CmConditionSemaphorePost(CmConditionSemaphore* aSemaphore) {
     return CmResultToErrno(g_cmSystem.pthread_cond_signal(&aSemaphore->m_Condition));
 }
 
-// The platform's semaphores (CmPort.h) by these; where they are the ones in use, the platform file
-// defines them.
+// The semaphore calls of CmPort.h for this type. Each calls the function of its name above; a
+// platform whose CmPlatformSemaphore is this type defines them in its own file.
 int CmPortSemaphoreInit(CmConditionSemaphore* aSemaphore, int aShared, unsigned aCount);
 int CmPortSemaphoreDestroy(CmConditionSemaphore* aSemaphore);
 int CmPortSemaphoreWait(CmConditionSemaphore* aSemaphore);

@@ -6,8 +6,9 @@
 #define CM_INTERFACE_RECORD_H
 
 #include <net/if.h>
-#include <string.h>
 #include <sys/socket.h>
+
+#include <cstring>
 
 #include "port/CmPort.h"
 
@@ -18,7 +19,7 @@ struct CCmFixedInterfaceRecord {
     static size_t Length(const char* /*aRecord*/) { return sizeof(ifreq); }
     static int Family(const char* aAddress) {
         uint16_t wFamily;
-        memcpy(&wFamily, aAddress, sizeof(wFamily));
+        std::memcpy(&wFamily, aAddress, sizeof(wFamily));
         return wFamily;
     }
 };
@@ -48,10 +49,10 @@ size_t CmReadInterface(const char* aRecords, size_t aLength, CmPortInterface& aI
     if (nLength > aLength) {
         return 0;
     }
-    memcpy(aInterface.m_szName, aRecords, CM_PORT_INTERFACE_NAME_SIZE);
+    std::memcpy(aInterface.m_szName, aRecords, CM_PORT_INTERFACE_NAME_SIZE);
     aInterface.m_szName[CM_PORT_INTERFACE_NAME_SIZE] = '\0';
     aInterface.m_nFamily = Record::Family(pAddress);
-    memcpy(aInterface.m_abyAddress, pAddress, CM_PORT_INTERFACE_ADDRESS_SIZE);
+    std::memcpy(aInterface.m_abyAddress, pAddress, CM_PORT_INTERFACE_ADDRESS_SIZE);
     return nLength;
 }
 

@@ -5,7 +5,7 @@
 #ifndef CM_MAC_SERVICES_H
 #define CM_MAC_SERVICES_H
 
-#include <stddef.h>
+#include <cstddef>
 
 #if __has_include(<ApplicationServices/ApplicationServices.h>)
 
@@ -15,7 +15,7 @@
 
 #else
 
-#include <stdint.h>
+#include <cstdint>
 
 extern "C" {
 

@@ -1,9 +1,10 @@
 // What every platform supplies to the library; internal.
 //
-// CmPortLinux.cpp and CmPortMac.cpp supply it and CMake compiles one of them, so that the units
-// carry no platform code. The types of public classes that differ are in include/CmPlatform.h.
-// Clocks, their tick rate (sysconf) and all other system calls are those of POSIX on every
-// platform; the tables of CmSystem.h hold them.
+// CmPortLinux.cpp and CmPortMac.cpp supply it and CMake compiles one of them, and CmPortPosix.cpp
+// with each, which holds what these two have in common; so the units carry no platform code. The
+// types of public classes that differ are in include/CmPlatform.h. Clocks, their tick rate
+// (sysconf) and all other system calls are those of POSIX on every platform; the tables of
+// CmSystem.h hold them.
 //
 // Nothing here throws or traces. Unless it says otherwise a function may be called from any
 // thread, and a path is NUL-terminated bytes in the file system's encoding.
@@ -11,10 +12,11 @@
 #define CM_PORT_H
 
 #include <pthread.h>
-#include <stddef.h>
-#include <stdint.h>
 #include <sys/time.h>
 #include <time.h>
+
+#include <cstddef>
+#include <cstdint>
 
 #include "CmPlatform.h"
 
@@ -70,7 +72,7 @@ struct CmPortInterface {
 size_t CmPortReadInterface(const char* aRecords, size_t aLength, CmPortInterface& aInterface);
 
 // gettimeofday for those who ask often and need not know exactly: never later than the exact time
-// and at most CM_PORT_COARSE_USEC behind it, at a fraction of the cost where the platform has such
+// and at most CM_PORT_COARSE_USEC before it, at a fraction of the cost where the platform has such
 // a clock. The second argument is ignored. Called through g_cmClock.
 constexpr long CM_PORT_COARSE_USEC = 20 * 1000;
 int CmPortCoarseTimeOfDay(timeval* aNow, void* aUnused);

@@ -1,13 +1,14 @@
 #include "CmPort.h"
 
 #include <pthread.h>
-#include <string.h>
 #include <sys/prctl.h>
 #include <time.h>
 #include <unistd.h>
 
-#include "CmInterfaceRecord.h"
+#include <cstring>
+
 #include "CmSystem.h"
+#include "port/CmInterfaceRecord.h"
 
 namespace UTIL_NS {
 
@@ -15,8 +16,6 @@ namespace {
 
 constexpr size_t PATH_SIZE = 4096;
 
-// An object of the library's own, for the loader to look up.
-const char s_chOfThisModule = 0;
 // What a bundle handle points to: there are no bundles here, only their paths.
 char s_chBundle = 0;
 
@@ -35,7 +34,7 @@ constexpr uint32_t REPLACEMENT_CHARACTER = 0xFFFD;
 // Takes one character off aText, which is not at its end. A byte that is not part of a well-formed
 // UTF-8 character is taken alone and counts as the replacement character.
 uint32_t TakeCharacter(const unsigned char*& aText) {
-    // By number of bytes behind the first: the least character that needs them.
+    // By number of bytes after the first: the least character that needs them.
     constexpr uint32_t LEAST[] = {0, 0x80, 0x800, 0x10000};
     const unsigned char byLead = *aText++;
     if (byLead < 0x80) {
@@ -81,7 +80,7 @@ size_t Utf16FromUtf8(const char* aText, uint16_t (&aUnits)[CM_PORT_NAME_UNITS]) 
 }
 
 const char* LastComponent(const char* aPath) {
-    const char* const pSlash = strrchr(aPath, '/');
+    const char* const pSlash = std::strrchr(aPath, '/');
     return pSlash == nullptr ? aPath : pSlash + 1;
 }
 
@@ -117,29 +116,16 @@ bool CmPortApplicationParentPath(char* aBuffer, size_t aSize) {
         return false;
     }
     for (int i = 0; i < LEVELS; ++i) {
-        *strrchr(szPath, '/') = '\0';
+        *std::strrchr(szPath, '/') = '\0';
         if (szPath[0] == '\0') {
-            strcpy(szPath, "/");
+            std::strcpy(szPath, "/");
         }
     }
-    const size_t nSize = strlen(szPath) + 1;
+    const size_t nSize = std::strlen(szPath) + 1;
     if (nSize > aSize) {
         return false;
     }
-    memcpy(aBuffer, szPath, nSize);
-    return true;
-}
-
-bool CmPortModulePath(char* aBuffer, size_t aSize) {
-    Dl_info info;
-    if (g_cmSystem.dladdr(&s_chOfThisModule, &info) == 0 || info.dli_fname == nullptr) {
-        return false;
-    }
-    const size_t nSize = strlen(info.dli_fname) + 1;
-    if (nSize > aSize) {
-        return false;
-    }
-    memcpy(aBuffer, info.dli_fname, nSize);
+    std::memcpy(aBuffer, szPath, nSize);
     return true;
 }
 
@@ -148,8 +134,8 @@ CmPortItem CmPortItemInformation(const char* aPath) {
         return CmPortItem::UNKNOWN;
     }
     const char* const pName = LastComponent(aPath);
-    const char* const pDot = strrchr(pName, '.');
-    // A dot at the start hides a file, one at the end has nothing behind it.
+    const char* const pDot = std::strrchr(pName, '.');
+    // A dot at the start hides a file, one at the end has nothing after it.
     const bool bExtension = pDot != nullptr && pDot != pName && pDot[1] != '\0';
     return bExtension ? CmPortItem::WITH_EXTENSION : CmPortItem::WITHOUT_EXTENSION;
 }
@@ -179,7 +165,7 @@ int CmPortConditionWaitUntil(pthread_cond_t* aCondition, pthread_mutex_t* aMutex
 
 void CmPortNameThisThread(const char* aName) {
     char szName[16] = {};
-    strncpy(szName, aName, sizeof(szName) - 1);
+    std::strncpy(szName, aName, sizeof(szName) - 1);
     ::pthread_setname_np(pthread_self(), szName);
 }
 

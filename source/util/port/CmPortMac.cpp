@@ -2,22 +2,20 @@
 
 #include <dlfcn.h>
 #include <pthread.h>
-#include <stddef.h>
-#include <string.h>
 #include <time.h>
 
+#include <cstddef>
+#include <cstring>
 #include <memory>
 #include <new>
 
-#include "CmConditionSemaphore.h"
-#include "CmInterfaceRecord.h"
-#include "CmMacServices.h"
 #include "CmSystem.h"
+#include "port/CmConditionSemaphore.h"
+#include "port/CmInterfaceRecord.h"
+#include "port/CmMacServices.h"
 
-#if defined(__clang__)
 // The file reference services are deprecated; their successors know no item information.
-#pragma clang diagnostic ignored "-Wdeprecated-declarations"
-#endif
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 
 namespace UTIL_NS {
 
@@ -26,21 +24,18 @@ namespace {
 static_assert(CM_PORT_NAME_UNITS == sizeof(HFSUniStr255::unicode) / sizeof(UniChar),
               "a catalog name must fit");
 
-// An object of the library's own, for the loader to look up.
-const char s_chOfThisModule = 0;
-
 // Holds what a Create or Copy function returned, possibly null, and releases it.
 template <class Reference>
-class ScopedReference {
+class CScopedReference {
   public:
-    explicit ScopedReference(Reference aReference) : m_reference(aReference) {}
-    ~ScopedReference() {
+    explicit CScopedReference(Reference aReference) : m_reference(aReference) {}
+    ~CScopedReference() {
         if (m_reference != nullptr) {
             CFRelease(m_reference);
         }
     }
-    ScopedReference(const ScopedReference&) = delete;
-    ScopedReference& operator=(const ScopedReference&) = delete;
+    CScopedReference(const CScopedReference&) = delete;
+    CScopedReference& operator=(const CScopedReference&) = delete;
 
     Reference get() const { return m_reference; }
 
@@ -71,7 +66,7 @@ bool ApplicationReference(FSRef& aApplication) {
     }
     const ProcessSerialNumber current = {0, kCurrentProcess};
     ProcessInfoRec info;
-    memset(&info, 0, sizeof(info));
+    std::memset(&info, 0, sizeof(info));
     info.processInfoLength = sizeof(info);
     info.processAppRef = &aApplication;
     return pfnGetProcessInformation(&current, &info) == noErr;
@@ -91,7 +86,7 @@ size_t CmPortExecutableName(uint16_t (&aUnits)[CM_PORT_NAME_UNITS]) {
         return 0;
     }
     const size_t nUnits = name.length < CM_PORT_NAME_UNITS ? name.length : CM_PORT_NAME_UNITS;
-    memcpy(aUnits, name.unicode, nUnits * sizeof(uint16_t));
+    std::memcpy(aUnits, name.unicode, nUnits * sizeof(uint16_t));
     return nUnits;
 }
 
@@ -108,7 +103,7 @@ bool CmPortApplicationParentPath(char* aBuffer, size_t aSize) {
             return false;
         }
         for (int i = 0; i < LEVELS; ++i) {
-            memset(pName.get(), 0, aSize * sizeof(UniChar));
+            std::memset(pName.get(), 0, aSize * sizeof(UniChar));
             if (FSMakeFSRefUnicode(&reference, aSize, pName.get(), kTextEncodingUnknown,
                                    &reference) != noErr) {
                 return false;
@@ -119,28 +114,15 @@ bool CmPortApplicationParentPath(char* aBuffer, size_t aSize) {
                          static_cast<UInt32>(aSize)) == noErr;
 }
 
-bool CmPortModulePath(char* aBuffer, size_t aSize) {
-    Dl_info info;
-    if (g_cmSystem.dladdr(&s_chOfThisModule, &info) == 0 || info.dli_fname == nullptr) {
-        return false;
-    }
-    const size_t nSize = strlen(info.dli_fname) + 1;
-    if (nSize > aSize) {
-        return false;
-    }
-    memcpy(aBuffer, info.dli_fname, nSize);
-    return true;
-}
-
 CmPortItem CmPortItemInformation(const char* aPath) {
     FSRef reference;
     LSItemInfoRecord info;
-    memset(&info, 0, sizeof(info));
+    std::memset(&info, 0, sizeof(info));
     if (!PathReference(aPath, reference) ||
         LSCopyItemInfoForRef(&reference, kLSRequestExtension, &info) != noErr) {
         return CmPortItem::UNKNOWN;
     }
-    const ScopedReference<CFStringRef> extension(info.extension);
+    const CScopedReference<CFStringRef> extension(info.extension);
     return extension.get() != nullptr ? CmPortItem::WITH_EXTENSION : CmPortItem::WITHOUT_EXTENSION;
 }
 
@@ -149,12 +131,12 @@ void* CmPortBundleCreate(const char* aPath) {
     if (!PathReference(aPath, reference)) {
         return nullptr;
     }
-    const ScopedReference<CFURLRef> url(CFURLCreateFromFSRef(nullptr, &reference));
+    const CScopedReference<CFURLRef> url(CFURLCreateFromFSRef(nullptr, &reference));
     return url.get() != nullptr ? CFBundleCreate(nullptr, url.get()) : nullptr;
 }
 
 void* CmPortBundleFunction(void* aBundle, const char* aName) {
-    const ScopedReference<CFStringRef> name(
+    const CScopedReference<CFStringRef> name(
         CFStringCreateWithCString(nullptr, aName, CFStringGetSystemEncoding()));
     return name.get() != nullptr
                ? CFBundleGetFunctionPointerForName(static_cast<CFBundleRef>(aBundle), name.get())
@@ -222,7 +204,7 @@ int CmPortConditionWaitUntil(pthread_cond_t* aCondition, pthread_mutex_t* aMutex
 
 void CmPortNameThisThread(const char* aName) {
     char szName[64] = {};
-    strncpy(szName, aName, sizeof(szName) - 1);
+    std::strncpy(szName, aName, sizeof(szName) - 1);
     ::pthread_setname_np(szName);
 }
 

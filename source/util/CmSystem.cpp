@@ -1,13 +1,14 @@
 #include "CmSystem.h"
 
 #include <fcntl.h>
-#include <stdlib.h>
-#include <string.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "CmPort.h"
+#include <cstdlib>
+#include <cstring>
+
+#include "port/CmPort.h"
 
 namespace UTIL_NS {
 

@@ -1,8 +1,6 @@
-#include "CmCpu.h"
+#include "CmCpuX86.h"
 
-#if defined(__x86_64__)
 #include <cpuid.h>
-#endif
 
 namespace UTIL_NS {
 
@@ -19,7 +17,6 @@ constexpr uint32_t XCR0_SSE_AND_AVX = 0x6;
 
 CmCpuAnswers Answers() {
     CmCpuAnswers answers = {};
-#if defined(__x86_64__)
     uint32_t dwEax = 0;
     uint32_t dwEbx = 0;
     uint32_t dwEcx = 0;
@@ -34,7 +31,6 @@ CmCpuAnswers Answers() {
     if ((answers.dwLeaf1Ecx & LEAF1_ECX_OSXSAVE) != 0) {
         asm volatile("xgetbv" : "=a"(answers.dwKeptRegisters), "=d"(dwEdx) : "c"(0));
     }
-#endif
     return answers;
 }
 

@@ -15,12 +15,13 @@
 #include <poll.h>
 #include <pthread.h>
 #include <regex.h>
-#include <stdio.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/times.h>
 #include <time.h>
 #include <unistd.h>
+
+#include <cstdio>
 
 #include "CmPlatform.h"
 

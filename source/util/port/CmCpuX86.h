@@ -1,11 +1,10 @@
-// What the processor can do beyond the oldest x86-64; internal. Asked of the processor itself, so
-// that it works with every compiler and before main.
-#ifndef CM_CPU_H
-#define CM_CPU_H
-
-#include <stdint.h>
+// What an x86-64 processor can do beyond the oldest one; internal. Asked of the processor itself,
+// so that it works with every compiler and before main.
+#ifndef CM_CPU_X86_H
+#define CM_CPU_X86_H
 
 #include <atomic>
+#include <cstdint>
 
 namespace UTIL_NS {
 
@@ -45,4 +44,4 @@ inline bool CmCpuHas(unsigned int aFeatures) {
 
 }  // namespace UTIL_NS
 
-#endif  // CM_CPU_H
+#endif  // CM_CPU_X86_H

@@ -1,17 +1,14 @@
-// The vector roads of base64, on x86-64 processors that have the instructions.
+// The kernels of base64 on x86-64: vectors, on processors that have the instructions.
 //
 // They work on lanes of 16 bytes, which hold 12 bytes of data or their 16 characters. A shuffle is
 // a look-up of 16 bytes at once in a table of 16, which serves to move bytes as well as to
 // translate them.
-#include "CmBase64.h"
-
-#if defined(__x86_64__)
-
 #include <immintrin.h>
 
 #include <cstring>
 
-#include "CmCpu.h"
+#include "CmBase64.h"
+#include "port/CmCpuX86.h"
 
 namespace UTIL_NS {
 
@@ -20,28 +17,28 @@ namespace {
 constexpr size_t LANE_BYTES = 12;
 constexpr size_t LANE_TEXT = 16;
 
-struct alignas(16) LaneTable {
+struct alignas(16) CLaneTable {
     signed char entries[16];
 };
 
 // Encoding: the bytes of every group as 1 0 2 1, so that each six bits lie within 16.
-constexpr LaneTable SPREAD = {{1, 0, 2, 1, 4, 3, 5, 4, 7, 6, 8, 7, 10, 9, 11, 10}};
+constexpr CLaneTable SPREAD = {{1, 0, 2, 1, 4, 3, 5, 4, 7, 6, 8, 7, 10, 9, 11, 10}};
 // What to add to a value to get its character. By class: 0: a-z, 1 to 10: 0-9, 11: +, 12: /,
 // 13: A-Z.
-constexpr LaneTable TO_CHARACTER = {{'a' - 26, '0' - 52, '0' - 52, '0' - 52, '0' - 52, '0' - 52,
-                                     '0' - 52, '0' - 52, '0' - 52, '0' - 52, '0' - 52, '+' - 62,
-                                     '/' - 63, 'A' - 0, 0, 0}};
+constexpr CLaneTable TO_CHARACTER = {{'a' - 26, '0' - 52, '0' - 52, '0' - 52, '0' - 52, '0' - 52,
+                                      '0' - 52, '0' - 52, '0' - 52, '0' - 52, '0' - 52, '+' - 62,
+                                      '/' - 63, 'A' - 0, 0, 0}};
 // Decoding: a character is in the alphabet when its entries by lower and by upper half byte
 // have no bit in common.
-constexpr LaneTable LOWER_BITS = {{0x15, 0x11, 0x11, 0x11, 0x11, 0x11, 0x11, 0x11, 0x11, 0x11, 0x13,
-                                   0x1A, 0x1B, 0x1B, 0x1B, 0x1A}};
-constexpr LaneTable UPPER_BITS = {{0x10, 0x10, 0x01, 0x02, 0x04, 0x08, 0x04, 0x08, 0x10, 0x10, 0x10,
-                                   0x10, 0x10, 0x10, 0x10, 0x10}};
+constexpr CLaneTable LOWER_BITS = {{0x15, 0x11, 0x11, 0x11, 0x11, 0x11, 0x11, 0x11, 0x11, 0x11,
+                                    0x13, 0x1A, 0x1B, 0x1B, 0x1B, 0x1A}};
+constexpr CLaneTable UPPER_BITS = {{0x10, 0x10, 0x01, 0x02, 0x04, 0x08, 0x04, 0x08, 0x10, 0x10,
+                                    0x10, 0x10, 0x10, 0x10, 0x10, 0x10}};
 // What to add to a character to get its value, by upper half byte; entry 1 stands for '/'.
-constexpr LaneTable TO_VALUE = {{0, 63 - '/', 62 - '+', 52 - '0', 0 - 'A', 0 - 'A', 26 - 'a',
-                                 26 - 'a', 0, 0, 0, 0, 0, 0, 0, 0}};
+constexpr CLaneTable TO_VALUE = {{0, 63 - '/', 62 - '+', 52 - '0', 0 - 'A', 0 - 'A', 26 - 'a',
+                                  26 - 'a', 0, 0, 0, 0, 0, 0, 0, 0}};
 // The three bytes of every group in order, and the groups together.
-constexpr LaneTable GATHER = {{2, 1, 0, 6, 5, 4, 10, 9, 8, 14, 13, 12, -1, -1, -1, -1}};
+constexpr CLaneTable GATHER = {{2, 1, 0, 6, 5, 4, 10, 9, 8, 14, 13, 12, -1, -1, -1, -1}};
 
 __m128i Load(const void* aLane) {
     return _mm_loadu_si128(static_cast<const __m128i*>(aLane));
@@ -54,7 +51,7 @@ void Store(void* aLane, __m128i aValue) {
 #define CM_SSSE3 __attribute__((target("ssse3")))
 #define CM_AVX2 __attribute__((target("avx2")))
 
-CM_AVX2 inline __m256i LoadTwice(const LaneTable& aTable) {
+CM_AVX2 inline __m256i LoadTwice(const CLaneTable& aTable) {
     return _mm256_broadcastsi128_si256(Load(&aTable));
 }
 
@@ -124,10 +121,8 @@ CM_AVX2 inline bool DecodeTwoLanes(__m256i aText, __m256i& aBytes) {
     return true;
 }
 
-}  // namespace
-
 // A lane is loaded whole, so that 16 bytes must be there for 12.
-CM_SSSE3 size_t CmBase64EncodeSsse3(const unsigned char* aIn, size_t aLen, char* aOut) {
+CM_SSSE3 size_t EncodeSsse3(const unsigned char* aIn, size_t aLen, char* aOut) {
     size_t nDone = 0;
     for (; aLen - nDone >= LANE_TEXT; nDone += LANE_BYTES, aOut += LANE_TEXT) {
         Store(aOut, EncodeLane(Load(aIn + nDone)));
@@ -135,7 +130,7 @@ CM_SSSE3 size_t CmBase64EncodeSsse3(const unsigned char* aIn, size_t aLen, char*
     return nDone;
 }
 
-CM_AVX2 size_t CmBase64EncodeAvx2(const unsigned char* aIn, size_t aLen, char* aOut) {
+CM_AVX2 size_t EncodeAvx2(const unsigned char* aIn, size_t aLen, char* aOut) {
     size_t nDone = 0;
     for (; aLen - nDone >= LANE_BYTES + LANE_TEXT; nDone += 2 * LANE_BYTES, aOut += 2 * LANE_TEXT) {
         const __m256i first = _mm256_castsi128_si256(Load(aIn + nDone));
@@ -149,7 +144,7 @@ CM_AVX2 size_t CmBase64EncodeAvx2(const unsigned char* aIn, size_t aLen, char* a
     return nDone;
 }
 
-CM_SSSE3 size_t CmBase64DecodeSsse3(const unsigned char* aIn, size_t aLen, unsigned char* aOut) {
+CM_SSSE3 size_t DecodeSsse3(const unsigned char* aIn, size_t aLen, unsigned char* aOut) {
     size_t nDone = 0;
     __m128i bytes;
     while (aLen - nDone >= LANE_TEXT && DecodeLane(Load(aIn + nDone), bytes)) {
@@ -162,7 +157,7 @@ CM_SSSE3 size_t CmBase64DecodeSsse3(const unsigned char* aIn, size_t aLen, unsig
     return nDone;
 }
 
-CM_AVX2 size_t CmBase64DecodeAvx2(const unsigned char* aIn, size_t aLen, unsigned char* aOut) {
+CM_AVX2 size_t DecodeAvx2(const unsigned char* aIn, size_t aLen, unsigned char* aOut) {
     const __m256i together = _mm256_setr_epi32(0, 1, 2, 4, 5, 6, 3, 7);
     size_t nDone = 0;
     __m256i bytes;
@@ -178,50 +173,34 @@ CM_AVX2 size_t CmBase64DecodeAvx2(const unsigned char* aIn, size_t aLen, unsigne
     return nDone;
 }
 
+bool HasSsse3() {
+    return CmCpuHas(CM_CPU_SSSE3);
+}
+
+bool HasAvx2() {
+    return CmCpuHas(CM_CPU_AVX2);
+}
+
+}  // namespace
+
+const CCmBase64Kernel g_base64Kernels[] = {
+    {"ssse3", HasSsse3, EncodeSsse3, 16, DecodeSsse3, 16},
+    {"avx2", HasAvx2, EncodeAvx2, 16, DecodeAvx2, 32},
+    {nullptr, nullptr, nullptr, 0, nullptr, 0},
+};
+
 size_t CmBase64EncodeByVector(const unsigned char* aIn, size_t aLen, char* aOut) {
     if (CmCpuHas(CM_CPU_AVX2)) {
-        return CmBase64EncodeAvx2(aIn, aLen, aOut);
+        return EncodeAvx2(aIn, aLen, aOut);
     }
-    return CmCpuHas(CM_CPU_SSSE3) ? CmBase64EncodeSsse3(aIn, aLen, aOut) : 0;
+    return CmCpuHas(CM_CPU_SSSE3) ? EncodeSsse3(aIn, aLen, aOut) : 0;
 }
 
 size_t CmBase64DecodeByVector(const unsigned char* aIn, size_t aLen, unsigned char* aOut) {
     if (aLen >= 2 * LANE_TEXT && CmCpuHas(CM_CPU_AVX2)) {
-        return CmBase64DecodeAvx2(aIn, aLen, aOut);
+        return DecodeAvx2(aIn, aLen, aOut);
     }
-    return CmCpuHas(CM_CPU_SSSE3) ? CmBase64DecodeSsse3(aIn, aLen, aOut) : 0;
+    return CmCpuHas(CM_CPU_SSSE3) ? DecodeSsse3(aIn, aLen, aOut) : 0;
 }
 
 }  // namespace UTIL_NS
-
-#else
-
-namespace UTIL_NS {
-
-size_t CmBase64EncodeByVector(const unsigned char*, size_t, char*) {
-    return 0;
-}
-
-size_t CmBase64EncodeSsse3(const unsigned char*, size_t, char*) {
-    return 0;
-}
-
-size_t CmBase64EncodeAvx2(const unsigned char*, size_t, char*) {
-    return 0;
-}
-
-size_t CmBase64DecodeByVector(const unsigned char*, size_t, unsigned char*) {
-    return 0;
-}
-
-size_t CmBase64DecodeSsse3(const unsigned char*, size_t, unsigned char*) {
-    return 0;
-}
-
-size_t CmBase64DecodeAvx2(const unsigned char*, size_t, unsigned char*) {
-    return 0;
-}
-
-}  // namespace UTIL_NS
-
-#endif

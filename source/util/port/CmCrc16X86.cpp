@@ -1,19 +1,17 @@
-// CRC-16 by carry-less multiplication, on x86-64 processors that have the instruction.
+// The kernels of CRC-16 on x86-64: carry-less multiplication, on processors that have the
+// instruction.
 //
 // The data is a polynomial over one bit, so a block that lies n bits in front of another may be
 // added to it after multiplication by x^n modulo the CRC's polynomial. A long buffer is folded
 // eight blocks at a time, side by side, for the multiplier is pipelined. What is left is carried
 // to the end block by block, again side by side, as a sum of 80 bits, whose remainder is found by
 // multiplication with the reciprocal of the polynomial.
-#include "CmCrc16.h"
-
-#if defined(__x86_64__)
-
 #include <immintrin.h>
 
 #include <cstring>
 
-#include "CmCpu.h"
+#include "CmCrc16.h"
+#include "port/CmCpuX86.h"
 
 namespace UTIL_NS {
 
@@ -62,30 +60,30 @@ constexpr uint64_t Reciprocal() {
 
 // What carries the two halves of a block over aBits bits. The first half lies 64 bits further in
 // front; a product of reflected factors comes out multiplied by x, hence one power less.
-struct Factors {
+struct CFactors {
     uint64_t first;
     uint64_t second;
 };
 
-constexpr Factors FactorsFor(unsigned int aBits) {
+constexpr CFactors FactorsFor(unsigned int aBits) {
     return {PowerOfX(aBits + 63), PowerOfX(aBits - 1)};
 }
 
 // [n]: over n blocks and the 16 bits of the register.
-struct CarryTable {
-    Factors factors[2 * FOLDED];
+struct CCarryTable {
+    CFactors factors[2 * FOLDED];
 };
 
-constexpr CarryTable MakeCarryTable() {
-    CarryTable table = {};
+constexpr CCarryTable MakeCarryTable() {
+    CCarryTable table = {};
     for (unsigned int n = 0; n < 2 * FOLDED; ++n) {
         table.factors[n] = FactorsFor(BLOCK_BITS * n + 16);
     }
     return table;
 }
 
-alignas(16) constexpr CarryTable CARRY = MakeCarryTable();
-alignas(16) constexpr Factors FOLD = FactorsFor(BLOCK_BITS * FOLDED);
+alignas(16) constexpr CCarryTable CARRY = MakeCarryTable();
+alignas(16) constexpr CFactors FOLD = FactorsFor(BLOCK_BITS * FOLDED);
 
 CM_TARGET CM_INLINE __m128i Load(const void* aData) {
     return _mm_loadu_si128(static_cast<const __m128i*>(aData));
@@ -96,11 +94,11 @@ CM_TARGET CM_INLINE __m128i Multiply(__m128i aBlock, __m128i aFactors) {
                          _mm_clmulepi64_si128(aBlock, aFactors, 0x11));
 }
 
-// The sum of aCount blocks, carried to the end of the data; aBehind blocks follow them.
-CM_TARGET CM_INLINE __m128i Carry(const unsigned char* aData, size_t aCount, size_t aBehind) {
+// The sum of aCount blocks, carried to the end of the data; aFollowing blocks come after them.
+CM_TARGET CM_INLINE __m128i Carry(const unsigned char* aData, size_t aCount, size_t aFollowing) {
     __m128i sum = _mm_setzero_si128();
     for (size_t i = 0; i < aCount; ++i) {
-        const Factors& factors = CARRY.factors[aBehind + aCount - 1 - i];
+        const CFactors& factors = CARRY.factors[aFollowing + aCount - 1 - i];
         sum = _mm_xor_si128(sum, Multiply(Load(aData + BLOCK_SIZE * i), Load(&factors)));
     }
     return sum;
@@ -175,16 +173,16 @@ alignas(16) constexpr unsigned char SHUFFLES[32] = {
 CM_TARGET __attribute__((noinline)) uint16_t LongByMultiply(__m128i aFront,
                                                             const unsigned char* aData,
                                                             size_t aBlocks, bool aMayBeWide) {
-    alignas(32) unsigned char blocks[BLOCK_SIZE * FOLDED];
-    std::memcpy(blocks, &aFront, BLOCK_SIZE);
-    std::memcpy(blocks + BLOCK_SIZE, aData, sizeof(blocks) - BLOCK_SIZE);
-    aData += sizeof(blocks) - BLOCK_SIZE;
+    alignas(32) unsigned char abyBlocks[BLOCK_SIZE * FOLDED];
+    std::memcpy(abyBlocks, &aFront, BLOCK_SIZE);
+    std::memcpy(abyBlocks + BLOCK_SIZE, aData, sizeof(abyBlocks) - BLOCK_SIZE);
+    aData += sizeof(abyBlocks) - BLOCK_SIZE;
     aBlocks -= FOLDED - 1;
     const auto pfnFold = aMayBeWide && HasWideMultiply() ? FoldGroupsWide : FoldGroups;
-    pfnFold(blocks, aData, aBlocks / FOLDED);
-    aData += aBlocks / FOLDED * sizeof(blocks);
+    pfnFold(abyBlocks, aData, aBlocks / FOLDED);
+    aData += aBlocks / FOLDED * sizeof(abyBlocks);
     aBlocks %= FOLDED;
-    return Remainder(_mm_xor_si128(Carry(blocks, FOLDED, aBlocks), Carry(aData, aBlocks, 0)));
+    return Remainder(_mm_xor_si128(Carry(abyBlocks, FOLDED, aBlocks), Carry(aData, aBlocks, 0)));
 }
 
 CM_TARGET CM_INLINE uint16_t ByMultiply(uint16_t aCrc, const unsigned char* aData, size_t aLength,
@@ -207,7 +205,18 @@ CM_TARGET CM_INLINE uint16_t ByMultiply(uint16_t aCrc, const unsigned char* aDat
     return Remainder(_mm_xor_si128(first, Carry(aData, nBlocks, 0)));
 }
 
+CM_TARGET uint16_t ByNarrowMultiply(uint16_t aCrc, const unsigned char* aData, size_t aLength) {
+    return ByMultiply(aCrc, aData, aLength, false);
+}
+
 }  // namespace
+
+const CCmCrc16Kernel g_crc16Kernels[] = {
+    {"by multiplication", CmHasCarrylessMultiply, CmCrc16ByMultiply},
+    // As on a processor without the wide form of the instruction.
+    {"by narrow multiplication", CmHasCarrylessMultiply, ByNarrowMultiply},
+    {nullptr, nullptr, nullptr},
+};
 
 bool CmHasCarrylessMultiply() {
     return CmCpuHas(CM_CPU_PCLMUL | CM_CPU_SSSE3);
@@ -217,29 +226,4 @@ CM_TARGET uint16_t CmCrc16ByMultiply(uint16_t aCrc, const unsigned char* aData, 
     return ByMultiply(aCrc, aData, aLength, true);
 }
 
-CM_TARGET uint16_t CmCrc16ByNarrowMultiply(uint16_t aCrc, const unsigned char* aData,
-                                           size_t aLength) {
-    return ByMultiply(aCrc, aData, aLength, false);
-}
-
 }  // namespace UTIL_NS
-
-#else
-
-namespace UTIL_NS {
-
-bool CmHasCarrylessMultiply() {
-    return false;
-}
-
-uint16_t CmCrc16ByMultiply(uint16_t aCrc, const unsigned char* aData, size_t aLength) {
-    return CmCrc16ByTable(aCrc, aData, aLength);
-}
-
-uint16_t CmCrc16ByNarrowMultiply(uint16_t aCrc, const unsigned char* aData, size_t aLength) {
-    return CmCrc16ByTable(aCrc, aData, aLength);
-}
-
-}  // namespace UTIL_NS
-
-#endif

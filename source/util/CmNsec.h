@@ -1,0 +1,23 @@
+// Moments and intervals in nanoseconds, for deadlines; internal. Saturating.
+#ifndef CM_NSEC_H
+#define CM_NSEC_H
+
+#include <climits>
+
+#include "CmTimeValue.h"
+
+namespace UTIL_NS {
+
+constexpr long long CM_NEVER_NSEC = LLONG_MAX;
+
+// aLeft + aRight; CM_NEVER_NSEC when that is too late.
+long long CmSumNsec(long long aLeft, long long aRight);
+long long CmNsecOf(const CCmTimeValue& aValue);
+// By the monotonic clock.
+long long CmMonotonicNsec();
+// aNow and aInterval, which counts as nothing when it is negative.
+long long CmLaterNsec(long long aNow, const CCmTimeValue& aInterval);
+
+}  // namespace UTIL_NS
+
+#endif  // CM_NSEC_H

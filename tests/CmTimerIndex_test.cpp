@@ -1,0 +1,140 @@
+#include "CmTimerIndex.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <map>
+#include <new>
+#include <random>
+#include <vector>
+
+#include "support/Faults.h"
+
+namespace UTIL_NS {
+namespace {
+
+using kelto_test::AllocationsOfThisThread;
+using kelto_test::ScopedAllocationFault;
+
+typedef CCmTimerHandlerIndexT<int> IndexType;
+
+// Handlers are known by their addresses alone, so those of nothing will do.
+ICmTimerHandler* Handler(uintptr_t aAddress) {
+    return reinterpret_cast<ICmTimerHandler*>(aAddress);
+}
+
+void Add(IndexType& aIndex, uintptr_t aAddress, int aValue) {
+    aIndex.Reserve();
+    aIndex.Insert(Handler(aAddress), aValue);
+}
+
+TEST(CmTimerHandlerIndexT, FindsNothing_WhenItIsNew) {
+    IndexType index;
+    EXPECT_EQ(nullptr, index.Find(Handler(16)));
+}
+
+TEST(CmTimerHandlerIndexT, FindsNothing_WhenItsOnlyEntryWasErased) {
+    IndexType index;
+    Add(index, 16, 1);
+    index.Erase(Handler(16));
+    EXPECT_EQ(nullptr, index.Find(Handler(16)));
+}
+
+TEST(CmTimerHandlerIndexT, ChangesAValue_ThroughWhatFindReturned) {
+    IndexType index;
+    Add(index, 16, 1);
+    *index.Find(Handler(16)) = 2;
+    ASSERT_NE(nullptr, index.Find(Handler(16)));
+    EXPECT_EQ(2, *index.Find(Handler(16)));
+}
+
+TEST(CmTimerHandlerIndexT, FindsWhatIsLeft_WhenEverySecondOneWasErased) {
+    constexpr int COUNT = 1000;
+    IndexType index;
+    for (int i = 0; i < COUNT; ++i) {
+        const uintptr_t nAddress = 4096 + 48 * static_cast<uintptr_t>(i);
+        EXPECT_EQ(nullptr, index.Find(Handler(nAddress)));
+        Add(index, nAddress, i);
+    }
+    for (int i = 0; i < COUNT; i += 2) {
+        index.Erase(Handler(4096 + 48 * static_cast<uintptr_t>(i)));
+    }
+    for (int i = 0; i < COUNT; ++i) {
+        const int* pValue = index.Find(Handler(4096 + 48 * static_cast<uintptr_t>(i)));
+        if (i % 2 == 0) {
+            EXPECT_EQ(nullptr, pValue);
+        } else {
+            ASSERT_NE(nullptr, pValue);
+            EXPECT_EQ(i, *pValue);
+        }
+    }
+}
+
+// Few handlers and many changes, so that entries lie far from home and round the end.
+TEST(CmTimerHandlerIndexT, BehavesLikeAMap_OnRandomOperations) {
+    std::minstd_rand random(1);
+    for (int nRun = 0; nRun < 300; ++nRun) {
+        IndexType index;
+        std::map<uintptr_t, int> model;
+        std::vector<uintptr_t> addresses(40);
+        for (uintptr_t& nAddress : addresses) {
+            nAddress = static_cast<uintptr_t>(random()) * 8 + 8;
+        }
+        for (int nStep = 0; nStep < 400; ++nStep) {
+            const uintptr_t nAddress = addresses[random() % addresses.size()];
+            if (model.count(nAddress) == 0) {
+                Add(index, nAddress, nStep);
+                model[nAddress] = nStep;
+            } else {
+                index.Erase(Handler(nAddress));
+                model.erase(nAddress);
+            }
+            for (const uintptr_t nOther : addresses) {
+                const int* pValue = index.Find(Handler(nOther));
+                ASSERT_EQ(model.count(nOther) != 0, pValue != nullptr) << nRun << ' ' << nStep;
+                ASSERT_TRUE(pValue == nullptr || *pValue == model[nOther]) << nRun << ' ' << nStep;
+            }
+        }
+    }
+}
+
+TEST(CmTimerHandlerIndexT, NeedsNoMemory_WhenItHeldAsManyBefore) {
+    constexpr uintptr_t COUNT = 1000;
+    IndexType index;
+    for (uintptr_t i = 1; i <= COUNT; ++i) {
+        Add(index, 16 * i, 1);
+    }
+    for (uintptr_t i = 1; i <= COUNT; ++i) {
+        index.Erase(Handler(16 * i));
+    }
+    const unsigned long ulBefore = AllocationsOfThisThread();
+    for (uintptr_t i = 1; i <= COUNT; ++i) {
+        Add(index, 1000000 + 16 * i, 2);
+    }
+    EXPECT_EQ(ulBefore, AllocationsOfThisThread());
+}
+
+TEST(CmTimerHandlerIndexT, KeepsWhatItHas_WhenMemoryRunsOut) {
+    IndexType index;
+    Add(index, 16, 1);
+    int nCount = 1;
+    {
+        ScopedAllocationFault fault(1, kelto_test::Failing::FROM_THERE_ON);
+        const auto addAThousand = [&] {
+            for (int i = 0; i < 1000; ++i) {
+                Add(index, 16 * static_cast<uintptr_t>(nCount + 1), nCount + 1);
+                ++nCount;
+            }
+        };
+        EXPECT_THROW(addAThousand(), std::bad_alloc);
+    }
+    for (int i = 1; i <= nCount; ++i) {
+        const int* pValue = index.Find(Handler(16 * static_cast<uintptr_t>(i)));
+        ASSERT_NE(nullptr, pValue);
+        EXPECT_EQ(i, *pValue);
+    }
+    EXPECT_EQ(nullptr, index.Find(Handler(16 * static_cast<uintptr_t>(nCount + 1))));
+}
+
+}  // namespace
+}  // namespace UTIL_NS
