@@ -35,6 +35,11 @@ TEST(CmXmlString, OtherBlanks_BelongToTheValue) {
     EXPECT_EQ("\v42\f", StringOf("<a>\v42\f</a>", "a"));
 }
 
+TEST(CmXmlString, BytesAbove0x7F_BelongToTheValue) {
+    EXPECT_EQ("\xA0\xE4 \xFF\x80", StringOf("<a> \xA0\xE4 \xFF\x80 </a>", "a"));
+    EXPECT_EQ("1", StringOf("<\xE4>1</\xE4>", "\xE4"));
+}
+
 TEST(CmXmlString, MissingElement_GivesDefault) {
     EXPECT_EQ("default", StringOf("<b>1</b>", "a"));
     EXPECT_EQ("default", StringOf("", "a"));
