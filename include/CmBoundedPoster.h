@@ -40,6 +40,7 @@ class CM_UTIL_EXPORT CCmBoundedPoster {
                      Callable&& aOnLowWater)
         : CCmBoundedPoster(aQueue, aMaxCount, aLowWater,
                            CmMakeEvent(std::forward<Callable>(aOnLowWater))) {}
+    /// Ends no event; the low-water callable does not begin any more.
     ~CCmBoundedPoster();
     CCmBoundedPoster(const CCmBoundedPoster&) = delete;
     CCmBoundedPoster& operator=(const CCmBoundedPoster&) = delete;
@@ -71,8 +72,10 @@ class CM_UTIL_EXPORT CCmBoundedPoster {
         return CM_SUCCEEDED(rv) ? PostIntoRoom(std::forward<Callable>(aFunction)) : rv;
     }
 
-    /// What the events share with the poster. For CCmBoundedEventT.
+  private:
+    // What the events share with the poster.
     struct CM_UTIL_HIDDEN CState;
+    // Gives its room back when it ends.
     class CM_UTIL_EXPORT CBoundedEvent : public ICmEvent {
       public:
         void OnDestorySelf() override;
@@ -81,8 +84,6 @@ class CM_UTIL_EXPORT CCmBoundedPoster {
         friend class CCmBoundedPoster;
         CState* m_pState = nullptr;
     };
-
-  private:
     template <class Function>
     class CEventT final : public CBoundedEvent {
       public:
@@ -104,7 +105,7 @@ class CM_UTIL_EXPORT CCmBoundedPoster {
         return PostEvent(
             CmNewT<CEventT<std::decay_t<Callable>>>(std::forward<Callable>(aFunction)));
     }
-    /// aLimit: null does not wait. Room that was taken goes to PostEvent.
+    // aLimit: null does not wait. Room that was taken goes to PostEvent.
     CmResult TakeRoom(const CCmTimeValue* aLimit);
     CmResult PostEvent(CBoundedEvent* aEvent);
 

@@ -92,11 +92,11 @@ constexpr Duration CmToChrono(const CCmTimeValue& aValue) {
     }
 }
 
-/// A moment of the wall clock, as the system's clock of std::chrono has it, and back.
+/// A moment of the wall clock, as the system's clock of std::chrono has it.
 inline CCmTimeValue CmFromChrono(const std::chrono::system_clock::time_point& aTime) {
     return CmFromChrono(aTime.time_since_epoch());
 }
-/// What exceeds the clock's range becomes its first or last moment.
+/// The way back. What exceeds the clock's range becomes its first or last moment.
 inline std::chrono::system_clock::time_point CmToSystemTime(const CCmTimeValue& aTime) {
     return std::chrono::system_clock::time_point(
         CmToChrono<std::chrono::system_clock::duration>(aTime));
@@ -106,20 +106,22 @@ inline std::chrono::system_clock::time_point CmToSystemTime(const CCmTimeValue& 
 /// std::chrono.
 class CCmInterval {
   public:
-    /// Implicit, for calls like CmPostDelayed(worker, 20ms, f).
+    /// Implicit, for calls like CmPostDelayed(worker, 20_ms, f).
     constexpr CCmInterval(const CCmTimeValue& aValue) : m_tvValue(aValue) {}
+    /// Implicit, for calls like CmPostDelayed(worker, 20ms, f).
     template <class Rep, class Period>
     constexpr CCmInterval(const std::chrono::duration<Rep, Period>& aDuration)
         : m_tvValue(CmFromChrono(aDuration)) {}
 
+    /// Rounded up to whole microseconds, as by CmFromChrono.
     constexpr const CCmTimeValue& Value() const { return m_tvValue; }
 
   private:
     CCmTimeValue m_tvValue;
 };
 
-// Literals: using namespace UTIL_NS::CmLiterals; then 20_ms is a CCmTimeValue. Only the units that
-// nobody reads as something else.
+/// Literals: using namespace UTIL_NS::CmLiterals; then 20_ms is a CCmTimeValue. Only the units that
+/// nobody reads as something else.
 namespace CmLiterals {
 
 /// Seconds.

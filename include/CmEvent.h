@@ -16,7 +16,8 @@
 ///
 /// Refused means that the callable does not run: CM_ERROR_NOT_INITIALIZED (the target was stopped),
 /// CM_ERROR_OUT_OF_MEMORY, CM_ERROR_NULL_POINTER (the target has no queue of the kind that it
-/// takes, or is a worker that could not be created). Nothing else fails, nothing throws. \file
+/// takes, or is a worker that could not be created). Nothing else fails, nothing throws.
+/// \file
 #ifndef CM_EVENT_H
 #define CM_EVENT_H
 
@@ -34,7 +35,7 @@
 
 namespace UTIL_NS {
 
-class CCmTimedCall;  ///< internal
+class CCmTimedCall;  // internal
 
 /// Creates an object without throwing; null when memory ran out, for the object or for what its
 /// constructor copies.
@@ -52,7 +53,7 @@ Type* CmNewT(Args&&... aArgs) {
     return new (std::nothrow) Type(std::forward<Args>(aArgs)...);
 }
 
-/// The event queue, and the thread, of a target.
+/// The event queue of a target; null when it has none.
 template <class Target>
 ICmEventQueue* CmQueueOfT(Target& aTarget) {
     if constexpr (std::is_base_of_v<ICmEventQueue, Target>) {
@@ -61,7 +62,7 @@ ICmEventQueue* CmQueueOfT(Target& aTarget) {
         return aTarget.GetEventQueue();
     }
 }
-/// Null for a worker that could not be created.
+/// The thread of a target; null for a worker that could not be created.
 template <class Target>
 ACmThread* CmThreadOfT(Target& aTarget) {
     if constexpr (std::is_base_of_v<ACmThread, Target>) {
@@ -84,6 +85,7 @@ class CCmCallableEventT final : public ICmEvent {
         std::is_nothrow_constructible_v<Function, Callable>)
         : m_Function(std::forward<Callable>(aFunction)) {}
 
+    /// Calls the callable.
     CmResult OnEventFire() override {
         if constexpr (std::is_same_v<std::invoke_result_t<Function&>, CmResult>) {
             return m_Function();
@@ -138,9 +140,11 @@ class CCmCallResultT {
     /// Whether the callable began to run: after a failure it may still be running, or run no more.
     bool HasBegun() const { return m_bHasBegun; }
 
-    /// There must be a value.
+    /// The value; there must be one.
     Type& operator*() & { return *m_Value; }
+    /// The value of a result that goes; there must be one.
     Type&& operator*() && { return std::move(*m_Value); }
+    /// A member of the value; there must be one.
     Type* operator->() { return &*m_Value; }
     /// The value, or aDefault without one.
     Type ValueOr(Type aDefault) && {
@@ -160,9 +164,11 @@ class CCmCallResultT<void> {
     /// A call without a value.
     CCmCallResultT(CmResult aResult, bool aHasBegun) : m_Result(aResult), m_bHasBegun(aHasBegun) {}
 
+    /// As that of a call with a value.
     CmResult Result() const { return m_Result; }
     /// Whether the callable has run.
     explicit operator bool() const { return CM_SUCCEEDED(m_Result); }
+    /// Whether the callable began to run.
     bool HasBegun() const { return m_bHasBegun; }
 
   private:
@@ -174,7 +180,9 @@ class CCmCallResultT<void> {
 /// CmCall below.
 class CM_UTIL_EXPORT ACmCallEvent : public ICmEvent {
   public:
+    /// For the queue: runs the callable, unless its caller has given up.
     CmResult OnEventFire() override;
+    /// For the queue, last: destroys a callable that has not run and tells the caller.
     void OnDestorySelf() override;
 
     /// Hands the event over and waits, at most aLimit of the monotonic clock (null: no limit).
@@ -182,14 +190,18 @@ class CM_UTIL_EXPORT ACmCallEvent : public ICmEvent {
     CmResult Call(ICmEventQueue& aQueue, const CCmTimeValue* aLimit);
     /// For the caller, last: a callable that has not begun never will.
     void LetGo();
+    /// Whether the callable began to run; does not change any more after Call has failed.
     bool HasBegun() const;
 
   protected:
+    /// Held by the queue and by the caller.
     ACmCallEvent();
+    /// By whoever lets go last.
     ~ACmCallEvent() override;
 
-    /// Runs the callable and keeps its value; destroys it.
+    /// Runs the callable and keeps its value.
     virtual void Run() = 0;
+    /// Destroys the callable.
     virtual void Drop() = 0;
 
   private:
@@ -200,7 +212,7 @@ class CM_UTIL_EXPORT ACmCallEvent : public ICmEvent {
     CM_UTIL_HIDDEN void Abandon_i();
     CM_UTIL_HIDDEN void Release_i();
 
-    CWait* m_pWait;  ///< owned; of a call with a limit
+    CWait* m_pWait;  // owned; of a call with a limit
     std::atomic<int> m_nState;
     std::atomic<int> m_nHolders;
 };
@@ -238,14 +250,15 @@ class CCmCallEventT final : public ACmCallEvent {
     std::optional<Value> m_Value;
 };
 
-/// Lets go of a call's event.
-class CCmCallerEnd {
+/// The caller's hold on a call's event, from its construction to its destruction. For CmCall below.
+class CCmCallHold {
   public:
     /// aEvent: not null.
-    explicit CCmCallerEnd(ACmCallEvent* aEvent) : m_pEvent(aEvent) {}
-    ~CCmCallerEnd() { m_pEvent->LetGo(); }
-    CCmCallerEnd(const CCmCallerEnd&) = delete;
-    CCmCallerEnd& operator=(const CCmCallerEnd&) = delete;
+    explicit CCmCallHold(ACmCallEvent* aEvent) : m_pEvent(aEvent) {}
+    /// Lets go of the event.
+    ~CCmCallHold() { m_pEvent->LetGo(); }
+    CCmCallHold(const CCmCallHold&) = delete;
+    CCmCallHold& operator=(const CCmCallHold&) = delete;
 
   private:
     ACmCallEvent* m_pEvent;
@@ -264,7 +277,7 @@ auto CmCallT(Target& aTarget, const CCmTimeValue* aLimit, Callable&& aFunction) 
     if (pEvent == nullptr) {
         return CCmCallResultT<Type>(CM_ERROR_OUT_OF_MEMORY, false);
     }
-    CCmCallerEnd callerEnd(pEvent);
+    CCmCallHold hold(pEvent);
     const CmResult rv = pEvent->Call(*pQueue, aLimit);
     return CM_SUCCEEDED(rv) ? pEvent->TakeResult() : CCmCallResultT<Type>(rv, pEvent->HasBegun());
 }
@@ -308,7 +321,7 @@ class CCmTimedEvent : public ICmEvent {
     void SetFiring(const CCmTimerFiring& aFiring) { m_Firing = aFiring; }
 
   protected:
-    CCmTimerFiring m_Firing;
+    CCmTimerFiring m_Firing;  ///< the one that comes next or runs
 };
 
 /// The event that CmPostDelayed and the others make.
@@ -321,6 +334,7 @@ class CCmTimedEventT final : public CCmTimedEvent {
         std::is_nothrow_constructible_v<Function, Callable>)
         : m_Function(std::forward<Callable>(aFunction)) {}
 
+    /// Calls the callable, with the firing if it takes one.
     CmResult OnEventFire() override {
         if constexpr (std::is_invocable_v<Function&, const CCmTimerFiring&>) {
             m_Function(m_Firing);
@@ -341,9 +355,13 @@ class CM_UTIL_EXPORT CCmTimerHandle {
   public:
     /// Names nothing.
     CCmTimerHandle() : m_pCall(nullptr), m_Result(CM_ERROR_NOT_FOUND) {}
+    /// Names the same.
     CCmTimerHandle(const CCmTimerHandle& aRight);
+    /// Names what aRight named, which names nothing then.
     CCmTimerHandle(CCmTimerHandle&& aRight) noexcept;
+    /// Names what aRight names.
     CCmTimerHandle& operator=(CCmTimerHandle aRight) noexcept;
+    /// Cancels nothing.
     ~CCmTimerHandle();
 
     /// Posts aEvent (owned) to aThread: fires it after aFirst, and then every aPeriod until it has
@@ -366,7 +384,7 @@ class CM_UTIL_EXPORT CCmTimerHandle {
     CmResult CancelAndWait();
 
   private:
-    CCmTimedCall* m_pCall;  ///< one reference
+    CCmTimedCall* m_pCall;  // one reference
     CmResult m_Result;
 };
 

@@ -17,7 +17,7 @@
 
 #include "CmBase.h"
 #include "CmConditionVariable.h"
-#include "CmThreadAnnotations.h"
+#include "CmPrivateRoom.h"
 #include "CmTimeValue.h"
 
 namespace UTIL_NS {
@@ -25,6 +25,7 @@ namespace UTIL_NS {
 /// One piece of work for another thread; to be created by new, unless OnDestorySelf says otherwise.
 class CM_UTIL_EXPORT ICmEvent {
   public:
+    /// Notes the calling thread.
     ICmEvent();
     ICmEvent(const ICmEvent&) = delete;
     ICmEvent& operator=(const ICmEvent&) = delete;
@@ -37,10 +38,11 @@ class CM_UTIL_EXPORT ICmEvent {
     /// destroys the queue or calls DestoryPendingEvents; on the posting one only when the queue
     /// refuses the event. May post to the same queue.
     virtual void OnDestorySelf();
+    /// For OnDestorySelf: a queue never deletes an event.
     virtual ~ICmEvent();
 
   protected:
-    uint64_t m_ullReserved;  ///< 0; kept for hosts, never read here
+    uint64_t m_ullReserved;  ///< 0; part of the binary interface, which nothing here reads
     pthread_t m_CreatorTid;  ///< the thread that constructed the event
 };
 
@@ -50,9 +52,9 @@ class CM_UTIL_EXPORT ICmEventQueue {
   public:
     /// Accepted and ignored: every event is appended at the tail.
     enum EPriority {
-        EPRIORITY_HIGH = 0,
+        EPRIORITY_HIGH = 0,    ///< as the others
         EPRIORITY_NORMAL = 1,  ///< what the library itself passes
-        EPRIORITY_LOW = 2,
+        EPRIORITY_LOW = 2,     ///< as the others
     };
 
     /// Hands aEvent over; does not wait. A queue has no bound: where posters may be faster than
@@ -71,6 +73,7 @@ class CM_UTIL_EXPORT ICmEventQueue {
     virtual CmResult SendEvent(ICmEvent* aEvent) = 0;
     /// How many events are pending; may be outdated when it is read.
     virtual DWORD GetPendingEventsCount() = 0;
+    /// Ends what is pending.
     virtual ~ICmEventQueue();
 };
 
@@ -82,21 +85,34 @@ class CCmEventSynchronous;
 ///
 /// A queue runs from its construction until SetStopped, for good; then every post and send is
 /// refused. What is pending then is still to be taken out or destroyed by the owner.
+///
+/// Cancellation: an event that has begun when the thread that runs it is cancelled is ended there,
+/// once, and no other begins. The rest goes to the owner of the list: with ProcessEvents, to the
+/// caller, in whose list it stays; with ProcessAndRecycleEvents, to the queue, in which it is
+/// pending again, ahead of what was posted meanwhile. ProcessTakenEvents owns its list itself and
+/// ends the rest unfired.
+///
+/// A host's own queue derives from this class or from a variant. Its PostEvent calls that of its
+/// base, under a lock of its own where the base has none (recursive, if its events post to it when
+/// they are refused); SendEvent reaches that PostEvent. Its destructor begins with WaitForSenders.
 class CM_UTIL_EXPORT CCmEventQueueBase : public ICmEventQueue {
   public:
     /// An event that runs longer than this (50 ms) is reported with a warning line.
     static const CCmTimeValue s_tvReportInterval;
 
+    /// An empty queue that runs and has no consumer yet.
     CCmEventQueueBase();
     CCmEventQueueBase(const CCmEventQueueBase&) = delete;
     CCmEventQueueBase& operator=(const CCmEventQueueBase&) = delete;
-    /// Ends what is pending.
+    /// Waits for senders, refuses what comes from then on and ends what is pending.
     ~CCmEventQueueBase() override;
 
     /// A post that finds more than 100 events pending, and more than 3 s passed since the last
     /// such look (or the construction), writes a warning line.
     CmResult PostEvent(ICmEvent* aEvent, EPriority aPri) override;
+    /// By the PostEvent of the object's own class.
     CmResult SendEvent(ICmEvent* aEvent) override;
+    /// Takes no lock.
     DWORD GetPendingEventsCount() override;
 
     /// Moves the aMaxCount oldest events, or all if there are no more, to the tail of aEvents and
@@ -106,52 +122,41 @@ class CM_UTIL_EXPORT CCmEventQueueBase : public ICmEventQueue {
                               DWORD* aRemainSize = nullptr);
     /// The oldest event alone. CM_ERROR_NOT_FOUND: nothing is pending.
     CmResult PopOnePendingEvent(ICmEvent*& aEvent, DWORD* aRemainSize = nullptr);
-    /// Runs and ends each event in order. Always CM_OK.
+    /// Runs and ends each event in order. Always CM_OK. The list stays as it is, the caller's.
     CmResult ProcessEvents(const std::list<ICmEvent*>& aEvents);
     /// Runs and ends one event. CM_OK, or CM_ERROR_INVALID_ARG for null.
     CmResult ProcessOneEvent(ICmEvent* aEvent);
     /// Ends every pending event without firing it, the oldest first. The count keeps its value.
     void DestoryPendingEvents();
 
-    /// For the owner: makes the calling thread the queue's own, or refuses posts from now on.
+    /// For the owner: makes the calling thread the queue's own.
     void BindToCurrentThread();
+    /// For the owner: refuses posts and sends from now on.
     void SetStopped();
 
   protected:
-    /// One post, prepared before the lock is taken and concluded after it was released.
-    struct CPosting;
-    class CPass;
-    CmResult Prepare_i(CPosting& aPosting, bool aNeedsNode);
-    /// Uses the first node of aNodes, which has one.
-    CmResult Append_l(CPosting& aPosting, std::list<ICmEvent*>& aNodes);
-    void WatchSize_l(CPosting& aPosting);
-    void Conclude_i(CPosting& aPosting, CmResult aResult);
-    /// Runs and ends an event that starts at aStart; returns the start of the next one.
-    CCmTimeValue RunAndEnd_i(ICmEvent* aEvent, const CCmTimeValue& aStart);
-    /// Ends all events of a list that was taken out of the queue, and empties it.
-    static void DestoryEvents_i(std::list<ICmEvent*>& aEvents);
-    /// Waits until no sender touches this queue any more but those that wait for their event, whom
-    /// its end wakes. The destructor of every class that overrides PostEvent calls it first.
-    void WaitForSenders_i();
+    /// For destructors: waits until no sender touches this queue any more but those that wait for
+    /// their event, whom its end wakes. The destructor of every class that overrides PostEvent or
+    /// has a lock of its own calls it first, while its PostEvent still works.
+    void WaitForSenders();
 
-    std::list<ICmEvent*> m_Events;  ///< in posting order
-    std::atomic<DWORD> m_dwSize;    ///< written like m_Events, read without a lock
-    CCmTimeValue m_tvLastReport;
-    std::atomic<pthread_t> m_Tid;  ///< the consumer; 0 until it is bound
-    std::atomic<bool> m_bIsStopped;
+    std::list<ICmEvent*> m_Events;   ///< in posting order
+    std::atomic<DWORD> m_dwSize;     ///< written like m_Events, read without a lock
+    CCmTimeValue m_tvLastReport;     ///< when a post last looked at the size
+    std::atomic<pthread_t> m_Tid;    ///< the consumer; 0 until it is bound
+    std::atomic<bool> m_bIsStopped;  ///< read without a lock
 
   private:
     friend class CCmEventSynchronous;
-    friend class CCmQueueOwner;  // internal: asks for the consumer thread
+    friend class CCmEventQueueSteps;  // internal
+    class CM_UTIL_HIDDEN CState;
 
-    /// Senders that are posting, and those whose event has run and who have yet to post its wrapper
-    /// back; not those that wait.
-    std::atomic<long> m_lBusySenders;
+    CCmPrivateRoomT<CState, 144> m_Private;
 };
 
 /// The wrapper that carries a synchronous send.
 ///
-/// Two ends hold it: the queue's, which fires and ends it once, and the sender's, which waits and
+/// Two hold it: the queue, which fires its event and ends it once, and the sender, who waits and
 /// then posts it back, so that it is freed on the queue's own thread; a sender that cannot (the
 /// queue refuses, or may be gone) lets go of it by itself. Whoever lets go last frees it, also when
 /// its first post is refused. Its event ends on the thread that fired it, whoever that is.
@@ -159,53 +164,50 @@ class CM_UTIL_EXPORT CCmEventSynchronous : public ICmEvent {
   public:
     /// aEvent: owned. aQueue: the queue that is to run it; may be null.
     CCmEventSynchronous(ICmEvent* aEvent, CCmEventQueueBase* aQueue);
+    /// Ends an event that has not been ended and wakes a sender that still waits.
     ~CCmEventSynchronous() override;
 
     /// CM_ERROR_NULL_POINTER: there is no event. CM_OK, with nothing done, on the way back.
     CmResult OnEventFire() override;
+    /// Ends the event and lets go of the wrapper, which goes with the second call.
     void OnDestorySelf() override;
-    /// For the sender, once, behind a successful post: the result of the event's OnEventFire,
+    /// For the sender, once, after a successful post: the result of the event's OnEventFire,
     /// CM_ERROR_NOT_AVAILABLE when it was ended without having run, or the result of a wait that
     /// failed. The caller must not touch the wrapper afterwards.
     CmResult WaitResultAndDeleteThis();
 
   private:
     friend class CCmEventQueueBase;
-    enum EOutcome : int { OUTCOME_NONE, OUTCOME_FIRED, OUTCOME_DISCARDED, OUTCOME_ABANDONED };
+    class CM_UTIL_HIDDEN CState;
 
-    void LetGo_i();
-    void Abandon_i();
-    void EndEvent_i();
-    void Wake_i();
-    void HoldQueue_i();
-    void ReleaseQueue_i();
-
-    std::atomic<ICmEvent*> m_pEvent;
-    CmResult m_Result;
-    CCmEventQueueBase* m_pEventQueue;
-    std::atomic<bool> m_bHasDestoryed;
-    CCmEventThread m_SendEvent;
-    std::atomic<int> m_nOutcome;
-    bool m_bHoldsQueue;      ///< set by SendEvent before it posts
-    bool m_bFiredElsewhere;  ///< on another thread than the one that made the wrapper
+    std::atomic<ICmEvent*> m_pEvent;    // null once it has been ended
+    CmResult m_Result;                  // CM_ERROR_NOT_AVAILABLE until it has fired
+    CCmEventQueueBase* m_pEventQueue;   // not owned
+    std::atomic<bool> m_bHasDestoryed;  // one of the two has let go
+    CCmEventThread m_SendEvent;         // the sender waits for it
+    CCmPrivateRoomT<CState, 80> m_Private;
 };
 
 /// The queue of a consumer that polls.
 class CM_UTIL_EXPORT CCmEventQueueUsingMutex : public CCmEventQueueBase {
   public:
+    /// An empty queue that runs.
     CCmEventQueueUsingMutex();
+    /// As the base.
     ~CCmEventQueueUsingMutex() override;
 
+    /// Under the queue's mutex; what is refused ends after it was released.
     CmResult PostEvent(ICmEvent* aEvent, EPriority aPri) override;
     /// Stores how many events were pending before this one through aOldSize (may be null).
     CmResult PostEventWithOldSize(ICmEvent* aEvent, EPriority aPri, DWORD* aOldSize);
-    /// PopPendingEvents and DestoryPendingEvents under the queue's mutex. Events are ended after
-    /// it was released.
+    /// PopPendingEvents under the queue's mutex.
     CmResult PopPendingEventsLocked(std::list<ICmEvent*>& aEvents, DWORD aMaxCount = 0xFFFFFFFF,
                                     DWORD* aRemainSize = nullptr);
+    /// That of the base; the events are taken out under the queue's mutex and ended after it was
+    /// released.
     void DestoryPendingEvents();
-    /// Consumer thread only. ProcessEvents of a list that was taken out; it is empty afterwards.
-    /// When the thread is cancelled, the events not yet started end unfired.
+    /// Consumer thread only. ProcessEvents of a list that was taken out of this queue; it is empty
+    /// afterwards.
     void ProcessTakenEvents(std::list<ICmEvent*>& aEvents);
 
   private:
@@ -215,10 +217,13 @@ class CM_UTIL_EXPORT CCmEventQueueUsingMutex : public CCmEventQueueBase {
 /// The queue of a consumer that sleeps until an event arrives.
 class CM_UTIL_EXPORT CCmEventQueueUsingConditionVariable : public CCmEventQueueBase {
   public:
+    /// An empty queue that runs.
     CCmEventQueueUsingConditionVariable();
+    /// As the base.
     ~CCmEventQueueUsingConditionVariable() override;
 
-    /// Wakes the consumer when it sleeps.
+    /// Under the queue's mutex; after it was released, wakes the consumer when it sleeps, and ends
+    /// what is refused.
     CmResult PostEvent(ICmEvent* aEvent, EPriority aPri) override;
     /// Consumer thread only. Waits once while nothing is pending, at most aTimeout (relative; null
     /// waits without limit), then takes at most aMaxCount events. CM_ERROR_NOT_FOUND: still empty,
@@ -226,19 +231,13 @@ class CM_UTIL_EXPORT CCmEventQueueUsingConditionVariable : public CCmEventQueueB
     /// cancelled thread leaves the queue usable, and what is pending in it.
     CmResult PopOrWaitPendingEvents(std::list<ICmEvent*>& aEvents, CCmTimeValue* aTimeout,
                                     DWORD aMaxCount = 0xFFFFFFFF);
-    /// Consumer thread only. ProcessEvents, whose list nodes serve coming posts: the queue keeps as
-    /// many as the last list had, between 256 and 16384 (512 KiB). aEvents is empty afterwards.
-    /// When the thread is cancelled, the events not yet started are pending again.
+    /// Consumer thread only. ProcessEvents of a list that was taken out of this queue; it is empty
+    /// afterwards. Its nodes serve coming posts: where passes take about as many events as the one
+    /// before, posts allocate no nodes. The queue keeps 512 KiB of them at most, and what a burst
+    /// left goes back with the smaller passes that follow, each of which frees its own.
     void ProcessAndRecycleEvents(std::list<ICmEvent*>& aEvents);
-    /// The two operations above for a worker's loop of the library's own: the wait lasts up to a
-    /// moment of the monotonic clock, in nanoseconds (null: no limit), and when aStop becomes true,
-    /// the events not yet started are pending again.
-    CM_UTIL_HIDDEN CmResult PopOrWaitUntil_i(std::list<ICmEvent*>& aEvents,
-                                             const long long* aDeadlineNsec, DWORD aMaxCount);
-    CM_UTIL_HIDDEN void ProcessUntilStopped_i(std::list<ICmEvent*>& aEvents,
-                                              const std::atomic<bool>* aStop);
-    /// DestoryPendingEvents of the base; the events are taken out under the queue's mutex and ended
-    /// after it was released.
+    /// That of the base; the events are taken out under the queue's mutex and ended after it was
+    /// released.
     void DestoryPendingEvents();
     /// The same for a consumer that ends: refuses posts from then on, with nothing slipping in
     /// between, so that no sender is left waiting.
@@ -247,19 +246,12 @@ class CM_UTIL_EXPORT CCmEventQueueUsingConditionVariable : public CCmEventQueueB
     bool IsStoppedAndEmpty();
 
   private:
-    class CWaiting;
-
-    CmResult AppendToList_l(CPosting& aPosting) CM_REQUIRES(m_Mutex);
-    void PutBack_i(std::list<ICmEvent*>& aEvents);
+    friend class CCmEventQueueSteps;  // internal
+    class CM_UTIL_HIDDEN CState;
 
     CCmMutexThread m_Mutex;
     CCmConditionVariableThread m_Condition;
-    DWORD m_dwWaiters CM_GUARDED_BY(m_Mutex);              ///< consumers inside the wait
-    std::atomic<DWORD> m_dwSignalled;                      ///< the last wait that was signalled
-    std::list<ICmEvent*> m_Spares CM_GUARDED_BY(m_Mutex);  ///< list nodes for coming posts
-    std::atomic<DWORD> m_dwSpares;                         ///< their number, as a hint
-    DWORD m_dwWait CM_GUARDED_BY(m_Mutex);                 ///< the number of the latest wait
-    std::list<ICmEvent*> m_Spent;  ///< consumer thread only: nodes that are to become spare
+    CCmPrivateRoomT<CState, 160> m_Private;
 };
 
 }  // namespace UTIL_NS

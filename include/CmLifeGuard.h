@@ -16,6 +16,9 @@
 
 namespace UTIL_NS {
 
+template <class Function>
+class CCmGuardedT;
+
 /// To be a member of the object that its callables use, declared last, so that nothing of the
 /// object has ended when the guard does; in a class with derived classes these call End first in
 /// their destructors.
@@ -35,45 +38,53 @@ class CM_UTIL_EXPORT CCmLifeGuard {
   public:
     /// When memory runs out, the guard is one that has ended.
     CCmLifeGuard();
+    /// As End.
     ~CCmLifeGuard();
     CCmLifeGuard(const CCmLifeGuard&) = delete;
     CCmLifeGuard& operator=(const CCmLifeGuard&) = delete;
 
-    /// What the destructor does; may be called more than once, by one thread at a time.
+    /// From now on no callable begins; waits for those that run on other threads. May be called
+    /// more than once, by one thread at a time.
     void End();
     /// CM_OK; CM_ERROR_OUT_OF_MEMORY from the construction on; CM_ERROR_NOT_INITIALIZED: ended.
     CmResult Result() const;
 
-    /// What the wrapped callables share with the guard. For CCmGuardedT.
+    /// The callable that CmPost and the others take: runs aFunction with the arguments that it is
+    /// called with while the guard lives, and returns whether it ran. Any thread may run it.
+    template <class Callable>
+    auto Wrap(Callable&& aFunction) const;
+
+  private:
+    template <class Function>
+    friend class CCmGuardedT;
+
+    // What the wrapped callables share with the guard.
     struct CM_UTIL_HIDDEN CState;
+    // One reference to it; of none when memory ran out.
     class CM_UTIL_EXPORT CReference {
       public:
-        /// aState: may be null.
         explicit CReference(CState* aState);
-        /// One reference more.
         CReference(const CReference& aRight) : CReference(aRight.m_pState) {}
-        /// That of aRight.
         CReference(CReference&& aRight) noexcept
             : m_pState(std::exchange(aRight.m_pState, nullptr)) {}
         CReference& operator=(const CReference&) = delete;
         ~CReference();
 
-        CState* m_pState;  ///< may be null
+        CState* m_pState;
     };
-    /// One run of a callable, on the stack of its thread.
+    // One run of a callable, on the stack of its thread. It is in the guard's list meanwhile.
     class CM_UTIL_EXPORT CRun {
       public:
-        /// Begins, unless the guard has ended.
+        // Begins, unless the guard has ended.
         explicit CRun(const CReference& aReference);
         ~CRun();
         CRun(const CRun&) = delete;
         CRun& operator=(const CRun&) = delete;
 
-        /// Whether the guard lived when this was constructed.
+        // Whether the guard lived when this was constructed.
         bool IsAllowed() const { return m_bAllowed; }
 
       private:
-        friend class CCmLifeGuard;
         friend struct CState;
 
         const CReference m_Reference;
@@ -83,12 +94,6 @@ class CM_UTIL_EXPORT CCmLifeGuard {
         bool m_bAllowed;
     };
 
-    /// The callable that CmPost and the others take: runs aFunction with the arguments that it is
-    /// called with while the guard lives, and returns whether it ran. Any thread may run it.
-    template <class Callable>
-    auto Wrap(Callable&& aFunction) const;
-
-  private:
     CState* m_pState;
 };
 

@@ -116,9 +116,8 @@ class CM_UTIL_EXPORT CCmTimerQueueBase : public ICmTimerQueue {
     class CState;  // internal
 
     CCmEnsureSingleThread m_Est;
-    ICmObserver* m_pObserver;  // not owned
-    // Empty so far.
-    [[maybe_unused]] CCmPrivateRoomT<CState, 128> m_Private;
+    ICmObserver* m_pObserver;                                 // not owned
+    [[maybe_unused]] CCmPrivateRoomT<CState, 128> m_Private;  // for later versions
 };
 
 }  // namespace UTIL_NS

@@ -96,7 +96,7 @@ class CM_UTIL_EXPORT CCmTimerQueueCalendar : public ICmTimerQueue, public ICmEve
     CNode* m_pEvents;              // the timers with interval zero
     // Of every handler that is known as one of the wheel, its slot.
     std::map<ICmTimerHandler*, DWORD> m_Handlers;
-    CCmPrivateRoomT<CState, 256> m_Private;
+    CCmPrivateRoomT<CState, 240> m_Private;
 };
 
 }  // namespace UTIL_NS

@@ -37,7 +37,7 @@ class CM_UTIL_EXPORT CCmTimerQueueOrderedList : public CCmTimerQueueBase {
     class CState;  // internal
 
     std::list<CNode> m_Nodes;  // ascending m_tvExpired, handlers unique
-    CCmPrivateRoomT<CState, 256> m_Private;
+    CCmPrivateRoomT<CState, 240> m_Private;
 };
 
 }  // namespace UTIL_NS

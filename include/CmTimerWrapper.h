@@ -79,8 +79,8 @@ class CM_UTIL_EXPORT low_tick_policy::low_tick_generator : public CCmTimerWrappe
     static std::atomic<int> m_InitTimerSucc;
 
   private:
-    low_tick_generator();
-    ~low_tick_generator() override;
+    CM_UTIL_HIDDEN low_tick_generator();
+    CM_UTIL_HIDDEN ~low_tick_generator() override;
 
     // Published with release by the creator and read with acquire by instance, which orders the
     // construction of the generator before its use.

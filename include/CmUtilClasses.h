@@ -70,8 +70,8 @@ class CM_UTIL_EXPORT CCmCleanUpBase {
   private:
     friend struct CCmCleanUpWalk;  // internal
 
-    CCmCleanUpBase* m_pNext;           ///< itself once CleanupAll has taken it off the registry
-    static CCmCleanUpBase* s_pHeader;  ///< guarded by g_SingletonMutex
+    CCmCleanUpBase* m_pNext;           // itself once CleanupAll has taken it off the registry
+    static CCmCleanUpBase* s_pHeader;  // guarded by g_SingletonMutex
 };
 
 /// A cursor over memory of the caller's, which it neither owns nor copies. Reading and writing

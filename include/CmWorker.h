@@ -23,7 +23,7 @@
 
 namespace UTIL_NS {
 
-class CCmWorkerThread;  ///< internal
+class CCmWorkerThread;  // internal
 
 /// What runs on a worker's thread when it starts or ends.
 class ACmWorkerHook : public CCmReferenceControlT<CCmMutexThread> {
@@ -128,12 +128,12 @@ class CCmWorkerOptions {
         if (aFunction == nullptr) {
             m_Result = CM_ERROR_OUT_OF_MEMORY;
         }
-        m_pHooks[aHook] = aFunction;
+        m_Hooks[aHook] = aFunction;
         return *this;
     }
 
     char m_szName[NAME_SIZE] = {};
-    CCmComAutoPtr<ACmWorkerHook> m_pHooks[2];
+    CCmComAutoPtr<ACmWorkerHook> m_Hooks[2];
     int m_nPriority = 0;
     int m_nType = 1;
     bool m_bPrecise = false;
@@ -148,13 +148,15 @@ class CCmWorkerOptions {
 /// forward step of the wall clock may be noticed only at the next wake-up.
 class CM_UTIL_EXPORT CCmWorker {
   public:
-    /// Start a worker; Result tells whether it runs.
+    /// Starts a worker with the usual options; Result tells whether it runs.
     CCmWorker() : CCmWorker(CCmWorkerOptions()) {}
+    /// Starts a worker; Result tells whether it runs.
     explicit CCmWorker(const CCmWorkerOptions& aOptions);
     CCmWorker(const CCmWorker&) = delete;
     CCmWorker& operator=(const CCmWorker&) = delete;
     /// What aRight owned; aRight is then as one that could not be started.
     CCmWorker(CCmWorker&& aRight) noexcept;
+    /// Ends what this owned and takes over what aRight owned.
     CCmWorker& operator=(CCmWorker&& aRight) noexcept;
     /// As End, from any thread. What fails is traced.
     ~CCmWorker();
@@ -171,18 +173,19 @@ class CM_UTIL_EXPORT CCmWorker {
 
     /// Null without a thread. Valid until End.
     ACmThread* GetThread() const;
+    /// Null without a thread. Valid until End.
     ICmEventQueue* GetEventQueue() const;
 
     /// Waits until all that was posted before has run. CM_ERROR_FAILURE: called on the worker
-    /// itself. Otherwise the results of CmCall. With a limit on the monotonic clock:
-    /// CM_ERROR_TIMEOUT.
+    /// itself. Otherwise the results of CmCall.
     CmResult Drain();
+    /// With a limit on the monotonic clock: CM_ERROR_TIMEOUT.
     CmResult Drain(const CCmInterval& aLimit);
-    /// Do not wait. What was posted before Stop still runs; after StopNow only what runs at that
-    /// moment does, and what is pending ends unfired, on the worker's thread. Later posts and
-    /// timers are refused. CM_OK, also when it was stopped before; CM_ERROR_OUT_OF_MEMORY: nothing
-    /// has changed.
+    /// What was posted before still runs; later posts and timers are refused. Does not wait. CM_OK,
+    /// also when it was stopped before; CM_ERROR_OUT_OF_MEMORY: nothing has changed.
     CmResult Stop();
+    /// The same, but of what is pending nothing runs: it ends unfired, on the worker's thread. What
+    /// runs at that moment runs to its end.
     CmResult StopNow();
     /// Waits until the thread, stopped before, has ended. CM_ERROR_FAILURE: called on the worker
     /// itself.

@@ -237,7 +237,7 @@ std::vector<Operation> Operations() {
     };
 }
 
-TEST(AllocationFaults, EveryOperation_EndsInAResultAndLeaksNothing) {
+TEST(AllocationFaults, EndsInAResultAndLeaksNothing_WhateverAllocationFails) {
     const UtilTraceSink pfnBefore = g_util_trace_sink.load();
     set_util_external_trace_sink(DropLine);
     unsigned long ulFaults = 0;

@@ -193,12 +193,17 @@ TEST_P(CmCancelledCall, SetsTheTraceFacilityUp_WhenItUsesASnapshot) {
 // ---- Resolvers
 
 std::atomic<bool> g_bAnswers{false};  // the system's resolver, which waits for it
-std::atomic<int> g_nInside{0};        // its lookups under way
+std::atomic<int> g_nBegun{0};         // threads that asked it
+std::atomic<int> g_nGone{0};          // those that have gone, after all that the library did there
+
+struct CGoing {
+    CGoing() { ++g_nBegun; }
+    ~CGoing() { ++g_nGone; }
+};
 
 int FindNothing(const char*, const char*, const addrinfo*, addrinfo**) {
-    ++g_nInside;
+    thread_local const CGoing t_going;
     Eventually([] { return g_bAnswers.load(); });
-    --g_nInside;
     return EAI_NONAME;
 }
 
@@ -242,12 +247,12 @@ class CHostQueue : public CCmEventQueueUsingMutex {
 class CmCancelledResolving : public CmCancelledCall {
   protected:
     CmCancelledResolving() { g_bAnswers = false; }
-    // Lookups outlive the resolver.
+    // Lookups outlive the resolver. The counters last: they order what the threads did.
     ~CmCancelledResolving() override {
         g_bAnswers = true;
         m_pResolver.reset();
         EXPECT_TRUE(Eventually(
-            [this] { return g_nInside == 0 && kelto_test::LiveThreads() <= m_nThreads; }));
+            [this] { return kelto_test::LiveThreads() <= m_nThreads && g_nGone == g_nBegun; }));
         m_Queue.Run();
         EXPECT_EQ(m_nAsked, m_nEnded);
     }
@@ -275,7 +280,7 @@ class CmCancelledResolving : public CmCancelledCall {
 INSTANTIATE_TEST_SUITE_P(, CmCancelledResolving, testing::Bool(),
                          [](const auto& aInfo) { return aInfo.param ? "HandlersOnly" : "AsHere"; });
 
-TEST_P(CmCancelledResolving, DestroysTheResolver_WhichWaitsForItsThread) {
+TEST_P(CmCancelledResolving, DestroysTheResolverWhichWaitsForItsThread) {
     const CancellableCall<&CCmSystemTable::pthread_join> join;
     ASSERT_EQ(CM_OK, Ask("waiting.test"));
     EXPECT_TRUE(ReturnsWhenCancelled([this] { m_pResolver.reset(); }));

@@ -61,7 +61,7 @@ class NoStall {
     const std::chrono::nanoseconds m_start;
 };
 
-TEST_P(ClockSteps, CheckExpire_FiresEachDueTimerOnceAndLosesNone) {
+TEST_P(ClockSteps, FiresEachDueTimerOnceAndLosesNone_WhenTheClockIsStepped) {
     ScopedClock clock(START);
     CCmTimerQueueOrderedList queue(nullptr);
     std::vector<CountingHandler> handlers(100);
@@ -83,7 +83,7 @@ TEST_P(ClockSteps, CheckExpire_FiresEachDueTimerOnceAndLosesNone) {
     }
 }
 
-TEST_P(ClockSteps, CheckExpire_GoesOnAfterTheStepWasTakenBack) {
+TEST_P(ClockSteps, CheckExpireGoesOn_AfterTheStepWasTakenBack) {
     ScopedClock clock(START);
     CCmTimerQueueOrderedList queue(nullptr);
     CountingHandler handler;
@@ -100,7 +100,7 @@ TEST_P(ClockSteps, CheckExpire_GoesOnAfterTheStepWasTakenBack) {
 }
 
 // The shortest period there is: fifty years of it, 1.6e15 of them, are one firing all the same.
-TEST_P(ClockSteps, CheckExpire_DoesNotCountMissedPeriods) {
+TEST_P(ClockSteps, DoesNotCountMissedPeriods_WhenTheClockIsStepped) {
     ScopedClock clock(START);
     CCmTimerQueueOrderedList queue(nullptr);
     CountingHandler handler;
@@ -116,7 +116,7 @@ TEST_P(ClockSteps, CheckExpire_DoesNotCountMissedPeriods) {
     EXPECT_EQ(CM_OK, queue.CancelTimer(&handler));
 }
 
-TEST_P(ClockSteps, Wait_KeepsItsLength) {
+TEST_P(ClockSteps, WaitKeepsItsLength_WhenTheClockIsStepped) {
     ScopedClock clock(START);
     CCmEventThread event(0, 0);
     std::thread stepper([&] {
@@ -146,7 +146,7 @@ int TimeOutAtOnce(pthread_cond_t* /*aCondition*/, pthread_mutex_t* /*aMutex*/,
     return ETIMEDOUT;
 }
 
-TEST_P(ClockSteps, Wait_IsAskedForOnceAndInFull_BeforeAndAfterTheStep) {
+TEST_P(ClockSteps, AsksOnceAndForTheWholeWait_WhenTheClockIsStepped) {
     const ScopedEntry<decltype(g_cmSystem.gettimeofday)> now(g_cmSystem.gettimeofday,
                                                              &SystemTimeOfDay);
     const ScopedEntry<decltype(g_cmSystem.pthread_cond_timedwait)> wait(
@@ -162,7 +162,7 @@ TEST_P(ClockSteps, Wait_IsAskedForOnceAndInFull_BeforeAndAfterTheStep) {
 }
 
 // More than 100 pending events are reported once more than 3 s passed since the last look.
-TEST_P(ClockSteps, SizeWatch_ReportsAgainAfterTheStep) {
+TEST_P(ClockSteps, SizeWatchReportsAgain_AfterTheStep) {
     ScopedClock clock(START);
     kelto_test::ScopedTraceSink sink;
     kelto_test::EventLog log;

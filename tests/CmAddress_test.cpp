@@ -181,7 +181,7 @@ TEST_F(CmAddressFake, KeepsWholeTexts_WhenTheyJustFit) {
     EXPECT_STREQ(achIp, "1.2.3.4");
 }
 
-TEST_F(CmAddressFake, WritesTheTerminator_IntoBuffersOfOneByte) {
+TEST_F(CmAddressFake, WritesTheTerminator_WhenTheBufferHasOneByte) {
     char achScheme[] = "x";
     char achIp[] = "y";
     unsigned short wPort = 0;
@@ -190,7 +190,7 @@ TEST_F(CmAddressFake, WritesTheTerminator_IntoBuffersOfOneByte) {
     EXPECT_STREQ(achIp, "");
 }
 
-TEST_F(CmAddressFake, WritesNothing_IntoBuffersWithoutSize) {
+TEST_F(CmAddressFake, WritesNothing_WhenTheBufferHasNoSize) {
     char achScheme[] = "x";
     char achIp[] = "y";
     unsigned short wPort = 0;
@@ -227,7 +227,7 @@ TEST(CmIsIpAddress, TellsAddressesFromNames) {
     }
 }
 
-TEST(CmIsIpAddress, TracesNull) {
+TEST(CmIsIpAddress, IsTraced_WhenTheTextIsNull) {
     ScopedTraceSink sink;
     EXPECT_EQ(is_ip_address(nullptr), 0);
     ASSERT_EQ(sink.lines().size(), 1u);
@@ -280,7 +280,7 @@ TEST_F(CmAddressFake, TracesNulls_WhenResolving) {
     EXPECT_EQ(g_nResolved, 0);
 }
 
-TEST_F(CmAddressFake, ReadsNoMoreThanAnAddress_OfAnUnterminatedOutput) {
+TEST_F(CmAddressFake, ReadsNoMoreThanAnAddress_WhenTheOutputIsNotTerminated) {
     ScopedTraceSink sink;
     char achIp[CM_IP_TEXT_SIZE];
     std::memset(achIp, 'x', sizeof(achIp));
@@ -332,7 +332,7 @@ TEST_F(CmAddressFake, ConvertsTextToNumber) {
     }
 }
 
-TEST_F(CmAddressFake, GivesZero_ForNull) {
+TEST_F(CmAddressFake, GivesZero_WhenTheTextIsNull) {
     EXPECT_EQ(ip_2_id(nullptr), 0u);
 }
 
@@ -421,7 +421,7 @@ TEST(CmAddressReal, ResolvesTheLoopbackName) {
     EXPECT_EQ(ip_2_id(Text("localhost")), 2130706433u);
 }
 
-TEST(CmAddressReal, ResolvesNoImpossibleName) {
+TEST(CmAddressReal, ResolvesNothing_WhenTheNameIsImpossible) {
     // Longer than a label may be, so that no server is asked.
     const std::string strName(64, 'a');
     char achIp[CM_IP_TEXT_SIZE] = "kept";
@@ -437,7 +437,7 @@ TEST(CmAddressReal, LocalAddressesAreDotted) {
     g_local_ip[0] = '\0';
 }
 
-TEST(CmOutputDebugString, DoesNothing) {
+TEST(CmOutputDebugString, TracesAndChangesNothing) {
     ScopedTraceSink sink;
     output_debug_string(Text("x"));
     output_debug_string(nullptr);

@@ -73,7 +73,7 @@ TEST(CmBase64, ValuesAreThoseOfTheAlphabet) {
     }
 }
 
-TEST(CmBase64, Encoding_GivesTheBitsOfEveryLength) {
+TEST(CmBase64, EncodersGiveTheBits_WhateverTheLength) {
     const std::vector<unsigned char> bytes = kelto_test::RandomBytes(300, 1);
     for (const CCmBase64Kernel& way : Ways()) {
         for (size_t nLength = 0; nLength <= bytes.size(); ++nLength) {
@@ -96,7 +96,7 @@ TEST(CmBase64, Encoding_GivesTheBitsOfEveryLength) {
     }
 }
 
-TEST(CmBase64, Encoding_GivesTheBitsOfEveryByteInEveryPlace) {
+TEST(CmBase64, EncodersGiveTheBits_WhateverByteIsInAnyPlace) {
     for (const CCmBase64Kernel& way : Ways()) {
         for (size_t nPlace = 0; nPlace < 48; ++nPlace) {
             for (unsigned nByte = 0; nByte < 256; ++nByte) {
@@ -111,7 +111,7 @@ TEST(CmBase64, Encoding_GivesTheBitsOfEveryByteInEveryPlace) {
     }
 }
 
-TEST(CmBase64, Decoding_GivesTheBitsOfEveryLength) {
+TEST(CmBase64, DecodersGiveTheBits_WhateverTheLength) {
     const std::vector<unsigned char> text = RandomText(400, 2);
     for (const CCmBase64Kernel& way : Ways()) {
         for (size_t nLength = 0; nLength <= text.size(); ++nLength) {
@@ -128,7 +128,7 @@ TEST(CmBase64, Decoding_GivesTheBitsOfEveryLength) {
     }
 }
 
-TEST(CmBase64, Decoding_StopsAtEveryInvalidByte_InEveryPlace) {
+TEST(CmBase64, DecodersStop_WhateverInvalidByteIsInAnyPlace) {
     constexpr size_t LENGTH = 128;  // a multiple of every step
     const std::vector<unsigned char> text = RandomText(LENGTH, 3);
     for (const CCmBase64Kernel& way : Ways()) {
@@ -153,13 +153,13 @@ TEST(CmBase64, Decoding_StopsAtEveryInvalidByte_InEveryPlace) {
 }
 
 // Taken where it is there: the text cannot be told from that of the scalars.
-TEST(CmBase64, Kernel_IsTakenWhereTheProcessorHasOne) {
+TEST(CmBase64, TakesAKernel_WhenTheProcessorHasOne) {
     const unsigned char abyIn[96] = {};
     char achText[160];
     EXPECT_EQ(Ways().size() > 1, CmBase64EncodeByVector(abyIn, sizeof(abyIn), achText) != 0);
 }
 
-TEST(CmBase64, Ways_AgreeOnLongInputs) {
+TEST(CmBase64, ImplementationsAgree_WhenInputsAreLong) {
     for (unsigned nSeed = 0; nSeed < 20; ++nSeed) {
         const std::vector<unsigned char> bytes =
             kelto_test::RandomBytes(3 * (5000 + 7 * nSeed), nSeed);
@@ -176,7 +176,7 @@ TEST(CmBase64, Ways_AgreeOnLongInputs) {
     }
 }
 
-TEST(CmBase64, StopsAtTheGroupOfTheInvalidByte) {
+TEST(CmBase64, StopsAtItsGroup_WhenAByteIsInvalid) {
     const std::vector<unsigned char> text = RandomText(200, 5);
     for (size_t nPlace = 0; nPlace < text.size(); ++nPlace) {
         std::vector<unsigned char> in = text;

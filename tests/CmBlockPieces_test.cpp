@@ -43,14 +43,14 @@ TEST_F(CmBlockPieces, AreTheReadableBytes) {
     EXPECT_EQ(0U, Lines());
 }
 
-TEST_F(CmBlockPieces, LeaveOutLockedBlocks) {
+TEST_F(CmBlockPieces, LeaveBlocksOut_WhenTheyAreLocked) {
     CCmChainPtr pChain = CmMakeChain({"one", "two", "three"});
     pChain->GetNext()->SetLock(CCmMessageBlock::READ_LOCKED);
     EXPECT_EQ((std::vector<std::string>{"one", "three"}), TextsOf(pChain.get()));
     EXPECT_EQ(0U, Lines());  // nothing was asserted
 }
 
-TEST_F(CmBlockPieces, OfNothing_AreNone) {
+TEST_F(CmBlockPieces, AreNone_WhenThereIsNoBlock) {
     EXPECT_TRUE(CCmPieces(nullptr).empty());
     CCmMessageBlock block;
     EXPECT_TRUE(CCmPieces(&block).empty());
@@ -68,7 +68,7 @@ TEST_F(CmBlockPieces, AreTakenFromAnyRange) {
     EXPECT_EQ(texts, TextsOf(pCopy.get()));
 }
 
-TEST_F(CmBlockPieces, MakeChain_LeavesNothing_WhenMemoryRunsOut) {
+TEST_F(CmBlockPieces, MakeChainLeavesNothing_WhenMemoryRunsOut) {
     bool bSucceeded = false;
     for (unsigned long ulNth = 1; !bSucceeded && ulNth < 20; ++ulNth) {
         const ScopedAllocationFault fault(ulNth);
@@ -79,7 +79,7 @@ TEST_F(CmBlockPieces, MakeChain_LeavesNothing_WhenMemoryRunsOut) {
     EXPECT_TRUE(bSucceeded);
 }
 
-TEST_F(CmBlockPieces, AreaOfADataBlock_IsShared) {
+TEST_F(CmBlockPieces, AreaOfADataBlockIsShared) {
     CCmDataBlock* pData = nullptr;
     ASSERT_EQ(CM_OK, CCmDataBlock::CreateInstance(pData, 10, "0123456789"));
     EXPECT_FALSE(CmIsShared(*pData));
@@ -108,7 +108,7 @@ TEST_F(CmBlockPieces, AreaOfADataBlock_IsShared) {
     pData->ReleaseReference();
 }
 
-TEST_F(CmBlockPieces, IsShared_AsksForOtherHolders) {
+TEST_F(CmBlockPieces, IsSharedAsksForOtherHolders) {
     CCmChainPtr pBlock = CmMakeBlock("text");
     EXPECT_FALSE(pBlock->IsShared());
     {

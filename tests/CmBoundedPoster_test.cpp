@@ -33,7 +33,7 @@ void RunAll(CCmEventQueueUsingMutex& aQueue, DWORD aMaxCount = 0xFFFFFFFF) {
     }
 }
 
-TEST(CCmBoundedPoster, TryPost_RefusesWithoutRoom) {
+TEST(CCmBoundedPoster, TryPostRefuses_WhenThereIsNoRoom) {
     CCmEventQueueUsingMutex queue;
     CCmBoundedPoster poster(queue, 3);
     EXPECT_EQ(CM_OK, poster.Result());
@@ -103,7 +103,7 @@ TEST(CCmBoundedPoster, RefusesAll_WhenItCouldNotBeMade) {
     }
 }
 
-TEST(CCmBoundedPoster, Post_WaitsForRoom) {
+TEST(CCmBoundedPoster, PostWaits_UntilThereIsRoom) {
     CCmWorker worker;
     CCmBoundedPoster poster(*worker.GetEventQueue(), 2);
     std::vector<int> ran;
@@ -118,7 +118,7 @@ TEST(CCmBoundedPoster, Post_WaitsForRoom) {
     EXPECT_TRUE(std::is_sorted(ran.begin(), ran.end()));
 }
 
-TEST(CCmBoundedPoster, Post_GivesUpAtItsLimit) {
+TEST(CCmBoundedPoster, PostGivesUpAtItsLimit) {
     CCmWorker worker;
     CCmBoundedPoster poster(*worker.GetEventQueue(), 1);
     Gate gate;
@@ -131,7 +131,7 @@ TEST(CCmBoundedPoster, Post_GivesUpAtItsLimit) {
     EXPECT_EQ(CM_OK, poster.Post(20s, [] {}));
 }
 
-TEST(CCmBoundedPoster, Post_DoesNotWaitOnTheQueuesOwnThread) {
+TEST(CCmBoundedPoster, PostDoesNotWait_WhenOnTheQueuesOwnThread) {
     CCmWorker worker;
     CCmBoundedPoster poster(*worker.GetEventQueue(), 1);
     EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, *CmCall(worker, [&] {
@@ -140,7 +140,7 @@ TEST(CCmBoundedPoster, Post_DoesNotWaitOnTheQueuesOwnThread) {
               }));
 }
 
-TEST(CCmBoundedPoster, Post_IsRefused_WhenTheQueueEndsMeanwhile) {
+TEST(CCmBoundedPoster, PostIsRefused_WhenTheQueueEndsMeanwhile) {
     CCmEventQueueUsingMutex queue;
     CCmBoundedPoster poster(queue, 1);
     EXPECT_EQ(CM_OK, poster.TryPost([] {}));
@@ -154,7 +154,7 @@ TEST(CCmBoundedPoster, Post_IsRefused_WhenTheQueueEndsMeanwhile) {
     EXPECT_EQ(0U, poster.GetCount());
 }
 
-TEST(CCmBoundedPoster, ServesThoseWhoWaitInTurn) {
+TEST(CCmBoundedPoster, ServesInTurn_WhenSeveralWait) {
     CCmEventQueueUsingMutex queue;
     CCmBoundedPoster poster(queue, 1);
     std::vector<int> ran;
@@ -196,7 +196,7 @@ TEST(CCmBoundedPoster, CallsBackAtLowWater) {
     EXPECT_EQ(1, nCalls);
 }
 
-TEST(CCmBoundedPoster, EndsBeforeItsEvents) {
+TEST(CCmBoundedPoster, LetsItsEventsEnd_AfterItself) {
     const long lLive = LiveAllocationsBefore();
     {
         CCmEventQueueUsingMutex queue;
@@ -214,7 +214,7 @@ TEST(CCmBoundedPoster, EndsBeforeItsEvents) {
     EXPECT_EQ(lLive, LiveAllocations());
 }
 
-TEST(CCmBoundedPoster, SeveralThreadsPost) {
+TEST(CCmBoundedPoster, CountsExactly_WhenSeveralThreadsPost) {
     CCmWorker worker;
     std::atomic<int> ran{0};
     std::atomic<int> refused{0};

@@ -31,7 +31,7 @@ TEST(CmFromChrono, RoundsUp) {
     EXPECT_EQ(CCmTimeValue(1), CmFromChrono(999999999ns));
 }
 
-TEST(CmFromChrono, Saturates) {
+TEST(CmFromChrono, Saturates_WhenTheTimeIsTooLong) {
     EXPECT_EQ(CCmTimeValue::s_tvMax, CmFromChrono(hours::max()));
     EXPECT_EQ(CCmTimeValue() - CCmTimeValue::s_tvMax, CmFromChrono(hours::min()));
     EXPECT_EQ(CCmTimeValue::s_tvMax, CmFromChrono(duration<double>(1e30)));
@@ -50,14 +50,14 @@ TEST(CmToChrono, ConvertsToAnyUnit) {
     EXPECT_EQ(3, (CmToChrono<duration<int, std::ratio<1, 3>>>(CCmTimeValue(1)).count()));
 }
 
-TEST(CmToChrono, Saturates) {
+TEST(CmToChrono, Saturates_WhenTheTimeIsTooLong) {
     EXPECT_EQ(nanoseconds::max(), CmToChrono<nanoseconds>(CCmTimeValue::s_tvMax));
     EXPECT_EQ(nanoseconds::min(), CmToChrono<nanoseconds>(CCmTimeValue() - CCmTimeValue::s_tvMax));
     EXPECT_EQ((duration<signed char>::max()), CmToChrono<duration<signed char>>(CCmTimeValue(500)));
     EXPECT_EQ(seconds::max(), CmToChrono<seconds>(CCmTimeValue::s_tvMax));
 }
 
-TEST(CmToChrono, ComesBackUnchanged) {
+TEST(CmToChrono, ComesBackUnchanged_WhateverTheUnit) {
     for (const long lSec : {0L, 1L, -1L, 1700000000L, -1700000000L}) {
         for (const long lUsec : {0L, 1L, 999999L}) {
             const CCmTimeValue tvValue(lSec, lSec < 0 ? -lUsec : lUsec);

@@ -59,13 +59,13 @@ void ExpectTick(uint32_t aHours, uint32_t aMinutes, uint32_t aSeconds, uint32_t 
     EXPECT_EQ(aUs, aTick.microseconds);
 }
 
-TEST(CmClock, MsPerTick_IsAThousandByTheTickRate) {
+TEST(CmClock, MsPerTickIsAThousandByTheTickRate) {
     CCmCleanUpBase::CleanupAll();
     ASSERT_EQ(100, sysconf(_SC_CLK_TCK));
     EXPECT_EQ(10u, CCmSingletonT<PretInitialationTimer>::Instance()->GetMsPerTick());
 }
 
-TEST(CmClock, MsPerTick_IsRoundedDown) {
+TEST(CmClock, MsPerTickIsRoundedDown) {
     const struct {
         long lTicksPerSec;
         uint32_t dwMsPerTick;
@@ -77,13 +77,13 @@ TEST(CmClock, MsPerTick_IsRoundedDown) {
     }
 }
 
-TEST(CmClock, TickCount_IsWallClockMillisecondsTruncated) {
+TEST(CmClock, TickCountIsWallClockMillisecondsTruncated) {
     kelto_test::ScopedClock clock(1234567890, 987999);
     EXPECT_EQ(1234567890987u, get_tick_count());
 }
 
 // The system counts the microseconds of a second up, also before 1970.
-TEST(CmClock, TickCount_IsThatOfTheSystemsParts_Before1970) {
+TEST(CmClock, TickCountIsThatOfTheSystemsParts_Before1970) {
     kelto_test::ScopedClock clock(-2, 500999);
     timeval tvParts = {};
     g_cmClock.gettimeofday(&tvParts, nullptr);
@@ -98,38 +98,38 @@ TEST(CmClock, TickCount_IsThatOfTheSystemsParts_Before1970) {
     EXPECT_EQ(-3000001, timer_policy::now());
 }
 
-TEST(CmClock, TickInterval_SurvivesAWrap) {
+TEST(CmClock, TickIntervalIsRight_WhenTheCountWraps) {
     EXPECT_EQ(0x20u, calculate_tick_interval(0xFFFFFFFFFFFFFFF0, 0x10));
     EXPECT_EQ(50u, calculate_tick_interval(100, 150));
     EXPECT_EQ(0u, calculate_tick_interval(7, 7));
 }
 
-TEST(CmClock, TimerPolicy_IsWallClockMicroseconds) {
+TEST(CmClock, TimerPolicyIsWallClockMicroseconds) {
     kelto_test::ScopedClock clock(1234567890, 987654);
     EXPECT_EQ(1234567890987654, timer_policy::now());
 }
 
-TEST(CmClock, MaxTimeValue_IsTheLargestNumber) {
+TEST(CmClock, MaxTimeValueIsTheLargestNumber) {
     EXPECT_EQ(0x7FFFFFFFFFFFFFFF, timer_policy::max_time_value());
     EXPECT_EQ(0x7FFFFFFFFFFFFFFF, tick_policy::max_time_value());
     EXPECT_EQ(0x7FFFFFFFFFFFFFFF, low_tick_policy::max_time_value());
 }
 
-TEST(CmClock, TickPolicy_IsTheProcessClockInMicroseconds) {
+TEST(CmClock, TickPolicyIsTheProcessClockInMicroseconds) {
     CCmCleanUpBase::CleanupAll();
     kelto_test::ScopedClock clock;
     clock.SetTicks(1234567);
     EXPECT_EQ(12345670000, tick_policy::now());
 }
 
-TEST(CmClock, TickPolicy_ReadsZeroWhenTicksAreTooShort) {
+TEST(CmClock, TickPolicyReadsZero_WhenTicksAreTooShort) {
     ScopedTickRate rate(1001);
     kelto_test::ScopedClock clock;
     clock.SetTicks(1234567);
     EXPECT_EQ(0, tick_policy::now());
 }
 
-TEST(CmClock, TickPolicy_ReadsZeroWithoutMemoryForTheSingleton) {
+TEST(CmClock, TickPolicyReadsZero_WithoutMemoryForTheSingleton) {
     CCmCleanUpBase::CleanupAll();
     kelto_test::ScopedTraceSink sink;
     kelto_test::ScopedAllocationFault fault(1);
@@ -137,31 +137,31 @@ TEST(CmClock, TickPolicy_ReadsZeroWithoutMemoryForTheSingleton) {
     EXPECT_TRUE(fault.hit());
 }
 
-TEST(CmClock, TickType_SplitsACount) {
+TEST(CmClock, TickTypeSplitsACount) {
     ExpectTick(1, 2, 3, 4, 5, tick_type(3723004005));
 }
 
-TEST(CmClock, TickType_DoesNotReduceHours) {
+TEST(CmClock, TickTypeDoesNotReduceHours) {
     ExpectTick(25, 0, 0, 0, 0, tick_type(90000000000));
 }
 
-TEST(CmClock, TickType_ReachesTheEndOfEveryField) {
+TEST(CmClock, TickTypeReachesTheEndOfEveryField) {
     ExpectTick(0, 59, 59, 999, 999, tick_type(3599999999));
     ExpectTick(0, 0, 0, 0, 0, tick_type(0LL));
 }
 
-TEST(CmClock, TickType_DividesANegativeCountTowardZero) {
+TEST(CmClock, TickTypeDividesTowardZero_WhenTheCountIsNegative) {
     ExpectTick(0, 0, 0, 0, 0xFFFFFFFF, tick_type(-1));
     ExpectTick(0, 0, 0xFFFFFFFF, 0xFFFFFE0C, 0, tick_type(-1500000));
 }
 
-TEST(CmClock, TickType_ResetSplitsAnew) {
+TEST(CmClock, TickTypeResetSplitsAnew) {
     tick_type tick(3723004005);
     tick.reset(1000);
     ExpectTick(0, 0, 0, 1, 0, tick);
 }
 
-TEST(CmClock, TickType_DefaultIsNow) {
+TEST(CmClock, TickTypeDefaultIsNow) {
     CCmCleanUpBase::CleanupAll();
     kelto_test::ScopedClock clock;
     clock.SetTicks(6001);
@@ -169,7 +169,7 @@ TEST(CmClock, TickType_DefaultIsNow) {
     ExpectTick(0, 1, 0, 10, 0, formatted_ticker::now());
 }
 
-TEST(CmClock, TimeType_HoldsALocalTime) {
+TEST(CmClock, TimeTypeHoldsALocalTime) {
     ScopedZone zone("XYZ-3");                // three hours ahead of UTC
     const time_type time(1705278896123456);  // 2024-01-15 00:34:56 UTC, a Monday
     EXPECT_EQ(56, time.tm_sec);
@@ -187,14 +187,14 @@ TEST(CmClock, TimeType_HoldsALocalTime) {
     EXPECT_EQ(456u, time.microseconds);
 }
 
-TEST(CmClock, TimeType_HoldsTheDaylightSavingFlag) {
+TEST(CmClock, TimeTypeHoldsTheDaylightSavingFlag) {
     ScopedZone zone("XYZ-3XYS,0,364");       // daylight saving all the year
     const time_type time(1705278896123456);  // 2024-01-15 00:34:56 UTC
     EXPECT_EQ(1, time.tm_isdst);
     EXPECT_EQ(4, time.tm_hour);
 }
 
-TEST(CmClock, TimeType_HoldsMonthTwelve) {
+TEST(CmClock, TimeTypeHoldsMonthTwelve) {
     ScopedZone zone("UTC0");
     const time_type time(1735689599999999);  // 2024-12-31 23:59:59
     EXPECT_EQ(12, time.tm_mon);
@@ -204,7 +204,7 @@ TEST(CmClock, TimeType_HoldsMonthTwelve) {
     EXPECT_EQ(999u, time.microseconds);
 }
 
-TEST(CmClock, TimeType_IsRightBefore1970) {
+TEST(CmClock, TimeTypeIsRight_Before1970) {
     ScopedZone zone("UTC0");
     const time_type time(-1500001);  // 1969-12-31 23:59:58.499999
     EXPECT_EQ(1969, time.tm_year);
@@ -215,7 +215,7 @@ TEST(CmClock, TimeType_IsRightBefore1970) {
     EXPECT_EQ(999u, time.microseconds);
 }
 
-TEST(CmClock, TimeType_TakesEveryCount) {
+TEST(CmClock, TimeTypeTakesEveryCount) {
     const time_type smallest(INT64_MIN);
     EXPECT_EQ(224u, smallest.milliseconds);
     EXPECT_EQ(192u, smallest.microseconds);
@@ -224,7 +224,7 @@ TEST(CmClock, TimeType_TakesEveryCount) {
     EXPECT_EQ(807u, largest.microseconds);
 }
 
-TEST(CmClock, TimeType_HasNoDateWhenTheSystemFails) {
+TEST(CmClock, TimeTypeHasNoDate_WhenTheSystemFails) {
     time_type time(1705278896123456);
     FailingCall<&CCmSystemTable::localtime_r> fault(EOVERFLOW, nullptr);
     time.reset(1705278896654321);
@@ -240,7 +240,7 @@ TEST(CmClock, TimeType_HasNoDateWhenTheSystemFails) {
     EXPECT_EQ(321u, time.microseconds);
 }
 
-TEST(CmClock, TimeType_DefaultIsNow) {
+TEST(CmClock, TimeTypeDefaultIsNow) {
     ScopedZone zone("UTC0");
     kelto_test::ScopedClock clock(1705278896, 123456);
     EXPECT_EQ(56, time_type().tm_sec);
@@ -250,7 +250,7 @@ TEST(CmClock, TimeType_DefaultIsNow) {
     EXPECT_EQ(1, formatted_timer::now().tm_mon);
 }
 
-TEST(CmClock, MsSleep_SleepsItsTimeUnderASignalStorm) {
+TEST(CmClock, MsSleepSleepsItsTime_WhenSignalsKeepComing) {
     kelto_test::SignalStorm storm;
     const auto start = std::chrono::steady_clock::now();
     std::chrono::milliseconds slept(0);
@@ -261,7 +261,7 @@ TEST(CmClock, MsSleep_SleepsItsTimeUnderASignalStorm) {
     EXPECT_GE(std::chrono::steady_clock::now() - start, slept);
 }
 
-TEST(CmClock, MsSleep_RetriesAfterAnyFailure) {
+TEST(CmClock, MsSleepRetries_AfterAnyFailure) {
     kelto_test::ScopedTraceSink sink;
     FailingCall<&CCmSystemTable::nanosleep> fault(EINVAL);
     const auto start = std::chrono::steady_clock::now();
@@ -271,7 +271,7 @@ TEST(CmClock, MsSleep_RetriesAfterAnyFailure) {
     EXPECT_EQ(0u, sink.lines().size());
 }
 
-TEST(CmClock, MsSleep_OfZeroReturns) {
+TEST(CmClock, MsSleepReturns_WhenTheTimeIsZero) {
     EXPECT_EQ(0, ms_sleep(0));
 }
 

@@ -106,7 +106,7 @@ CmResult Free(CCmMutexThreadBase& aMutex) CM_NO_THREAD_SAFETY_ANALYSIS {
     return aMutex.UnLock();
 }
 
-TEST(CmMutex, TryLock_FailsSilentlyWhenBusy) {
+TEST(CmMutex, TryLockFailsSilently_WhenBusy) {
     ScopedTraceSink sink;
     CCmMutexThread mutex;
     ASSERT_EQ(CM_OK, Take(mutex));
@@ -115,13 +115,13 @@ TEST(CmMutex, TryLock_FailsSilentlyWhenBusy) {
     EXPECT_EQ(0u, sink.lines().size());
 }
 
-TEST(CmMutex, TryLock_TakesAFreeMutex) {
+TEST(CmMutex, TryLockSucceeds_WhenTheMutexIsFree) {
     CCmMutexThread mutex;
     ASSERT_EQ(CM_OK, TryTake(mutex));
     EXPECT_EQ(CM_OK, Free(mutex));
 }
 
-TEST(CmMutex, TryLock_IsNotRecursive) {
+TEST(CmMutex, TryLockIsNotRecursive) {
     CCmMutexThread mutex;
     CCmScopedLockT<CCmMutexThread> lock(mutex);
     EXPECT_EQ(CM_ERROR_FAILURE, TryTake(mutex));
@@ -141,17 +141,17 @@ void TakeTwice(CCmMutexThreadRecursive& aMutex) {
     });
 }
 
-TEST(CmMutex, Recursive_IsFreeAfterAsManyUnlocks) {
+TEST(CmMutex, RecursiveOneIsFree_AfterAsManyUnlocks) {
     CCmMutexThreadRecursive mutex;
     TakeTwice(mutex);
 }
 
-TEST(CmMutex, Recursive_OfStaticStorageIsRecursiveToo) {
+TEST(CmMutex, RecursiveOneIsRecursive_WhenItsStorageIsStatic) {
     static CCmMutexThreadRecursive s_Mutex{CCmStaticInit()};
     TakeTwice(s_Mutex);
 }
 
-TEST(CmMutex, Lock_FailureIsSilent) {
+TEST(CmMutex, LockIsSilent_WhenItFails) {
     ScopedTraceSink sink;
     CCmMutexThread mutex;
     FailingCall<&CCmSystemTable::pthread_mutex_lock> fault(EINVAL, EINVAL);
@@ -160,7 +160,7 @@ TEST(CmMutex, Lock_FailureIsSilent) {
     EXPECT_EQ(0u, sink.lines().size());
 }
 
-TEST(CmMutex, TryLock_FailureIsSilent) {
+TEST(CmMutex, TryLockIsSilent_WhenItFails) {
     ScopedTraceSink sink;
     CCmMutexThread mutex;
     FailingCall<&CCmSystemTable::pthread_mutex_trylock> fault(EINVAL, EINVAL);
@@ -168,7 +168,7 @@ TEST(CmMutex, TryLock_FailureIsSilent) {
     EXPECT_EQ(0u, sink.lines().size());
 }
 
-TEST(CmMutex, UnLock_FailureIsTraced) {
+TEST(CmMutex, UnLockIsTraced_WhenItFails) {
     ScopedTraceSink sink;
     CCmMutexThread mutex;
     {
@@ -181,7 +181,7 @@ TEST(CmMutex, UnLock_FailureIsTraced) {
         OnlyLine(sink, 0));
 }
 
-TEST(CmMutex, Lines_EndInTheAddressOfTheObject) {
+TEST(CmMutex, LinesEndInTheAddressOfTheObject) {
     ScopedTraceSink sink;
     CCmMutexThread mutex;
     FailingCall<&CCmSystemTable::pthread_mutex_unlock> fault(EPERM, EPERM);
@@ -192,7 +192,7 @@ TEST(CmMutex, Lines_EndInTheAddressOfTheObject) {
     EXPECT_EQ(1u, sink.count(szAddress));
 }
 
-TEST(CmMutex, Destructor_FailureIsTraced) {
+TEST(CmMutex, DestructorTraces_WhenItFails) {
     ScopedTraceSink sink;
     auto pMutex = std::make_unique<CCmMutexThread>();
     FailingCall<&CCmSystemTable::pthread_mutex_destroy> fault(EBUSY, EBUSY);
@@ -206,28 +206,28 @@ TEST(CmMutex, Destructor_FailureIsTraced) {
 constexpr char RECURSIVE_FAILED[] =
     "UTIL ERROR: CCmMutexThreadRecursive::CCmMutexThreadRecursive, pthread_mutex_init() failed! ";
 
-TEST(CmMutex, Recursive_FailedInitIsTraced) {
+TEST(CmMutex, RecursiveOneTraces_WhenItsInitFails) {
     ScopedTraceSink sink;
     FailingCall<&CCmSystemTable::pthread_mutex_init> fault(ENOMEM, ENOMEM);
     CCmMutexThreadRecursive mutex;
     EXPECT_EQ(std::string(RECURSIVE_FAILED) + "err=12 this=0x#", OnlyLine(sink, 0));
 }
 
-TEST(CmMutex, Recursive_FailedAttributeIsTraced) {
+TEST(CmMutex, RecursiveOneTraces_WhenItsAttributeFails) {
     ScopedTraceSink sink;
     FailingCall<&CCmSystemTable::pthread_mutexattr_init> fault(ENOMEM, ENOMEM);
     CCmMutexThreadRecursive mutex;
     EXPECT_EQ(std::string(RECURSIVE_FAILED) + "err=12 this=0x#", OnlyLine(sink, 0));
 }
 
-TEST(CmMutex, Recursive_RefusedTypeIsTraced) {
+TEST(CmMutex, RecursiveOneTraces_WhenItsTypeIsRefused) {
     ScopedTraceSink sink;
     FailingCall<&CCmSystemTable::pthread_mutexattr_settype> fault(EINVAL, EINVAL);
     CCmMutexThreadRecursive mutex;
     EXPECT_EQ(std::string(RECURSIVE_FAILED) + "err=22 this=0x#", OnlyLine(sink, 0));
 }
 
-TEST(CmMutex, Plain_FailedInitIsTraced) {
+TEST(CmMutex, PlainOneTraces_WhenItsInitFails) {
     ScopedTraceSink sink;
     FailingCall<&CCmSystemTable::pthread_mutex_init> fault(ENOMEM, ENOMEM);
     CCmMutexThread mutex;
@@ -236,7 +236,7 @@ TEST(CmMutex, Plain_FailedInitIsTraced) {
         OnlyLine(sink, 0));
 }
 
-TEST(CmMutex, Plain_RefusedTypeLeavesTheDefaultKind) {
+TEST(CmMutex, PlainOneHasTheDefaultKind_WhenItsTypeIsRefused) {
     ScopedTraceSink sink;
     FailingCall<&CCmSystemTable::pthread_mutexattr_settype> fault(EINVAL, EINVAL);
     CCmMutexThread mutex;
@@ -253,7 +253,7 @@ int RememberType(pthread_mutexattr_t* /*aAttribute*/, int aType) {
     return 0;
 }
 
-TEST(CmMutex, Types_AreThreeAndRecursive) {
+TEST(CmMutex, ThreeTypesAreRecursive) {
     kelto_test::ScopedEntry<int (*)(pthread_mutexattr_t*, int)> entry(
         g_cmSystem.pthread_mutexattr_settype, RememberType);
     CCmMutexThread plain;
@@ -276,7 +276,7 @@ class CmCondition : public testing::Test {
     ScopedTraceSink m_sink;
 };
 
-TEST_F(CmCondition, Constructor_FailureIsTraced) {
+TEST_F(CmCondition, ConstructorTraces_WhenItFails) {
     FailingCall<&CCmSystemTable::pthread_cond_init> fault(EAGAIN, EAGAIN);
     CCmConditionVariableThread condition(m_Mutex);
     EXPECT_EQ(
@@ -286,7 +286,7 @@ TEST_F(CmCondition, Constructor_FailureIsTraced) {
         OnlyLine(m_sink, 10));
 }
 
-TEST_F(CmCondition, Destructor_FailureIsTraced) {
+TEST_F(CmCondition, DestructorTraces_WhenItFails) {
     auto pCondition = std::make_unique<CCmConditionVariableThread>(m_Mutex);
     FailingCall<&CCmSystemTable::pthread_cond_destroy> fault(EBUSY, EBUSY);
     pCondition.reset();
@@ -296,7 +296,7 @@ TEST_F(CmCondition, Destructor_FailureIsTraced) {
         OnlyLine(m_sink, 10));
 }
 
-TEST_F(CmCondition, Signal_FailureIsTraced) {
+TEST_F(CmCondition, SignalTraces_WhenItFails) {
     FailingCall<&CCmSystemTable::pthread_cond_signal> fault(EINVAL, EINVAL);
     EXPECT_EQ(CM_ERROR_FAILURE, m_Condition.Signal());
     EXPECT_EQ(
@@ -305,7 +305,7 @@ TEST_F(CmCondition, Signal_FailureIsTraced) {
         OnlyLine(m_sink, 10));
 }
 
-TEST_F(CmCondition, Broadcast_FailureIsTracedAsSignal) {
+TEST_F(CmCondition, BroadcastTracesAsSignal_WhenItFails) {
     FailingCall<&CCmSystemTable::pthread_cond_broadcast> fault(EINVAL, EINVAL);
     EXPECT_EQ(CM_ERROR_FAILURE, m_Condition.Broadcast());
     EXPECT_EQ(
@@ -314,7 +314,7 @@ TEST_F(CmCondition, Broadcast_FailureIsTracedAsSignal) {
         OnlyLine(m_sink, 10));
 }
 
-TEST_F(CmCondition, Wait_FailureIsTraced) {
+TEST_F(CmCondition, WaitTraces_WhenItFails) {
     FailingCall<&CCmSystemTable::pthread_cond_wait> fault(EINVAL, EINVAL);
     CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
     EXPECT_EQ(CM_ERROR_FAILURE, m_Condition.Wait(nullptr));
@@ -324,7 +324,7 @@ TEST_F(CmCondition, Wait_FailureIsTraced) {
         OnlyLine(m_sink, 10));
 }
 
-TEST_F(CmCondition, Wait_TimedFailureIsTraced) {
+TEST_F(CmCondition, TimedWaitTraces_WhenItFails) {
     FailingCall<&CCmSystemTable::pthread_cond_timedwait> fault(EINVAL, EINVAL);
     EXPECT_EQ(CM_ERROR_FAILURE, WaitFor(CCmTimeValue(1)));
     EXPECT_EQ(
@@ -333,20 +333,20 @@ TEST_F(CmCondition, Wait_TimedFailureIsTraced) {
         OnlyLine(m_sink, 10));
 }
 
-TEST_F(CmCondition, Wait_InterruptedCountsAsWoken) {
+TEST_F(CmCondition, WaitCountsAsWoken_WhenItIsInterrupted) {
     FailingCall<&CCmSystemTable::pthread_cond_timedwait> fault(EINTR, EINTR);
     EXPECT_EQ(CM_OK, WaitFor(CCmTimeValue(1)));
     EXPECT_EQ(0u, m_sink.lines().size());
 }
 
-TEST_F(CmCondition, Wait_TimesOutNotBeforeItsTime) {
+TEST_F(CmCondition, WaitTimesOutNotBeforeItsTime) {
     const Clock::time_point start = Clock::now();
     EXPECT_EQ(CM_ERROR_TIMEOUT, WaitFor(CCmTimeValue(0, 50000)));
     EXPECT_GE(MsSince(start), 49);
     EXPECT_EQ(0u, m_sink.lines().size());
 }
 
-TEST_F(CmCondition, Wait_EndsAtOnceForZeroAndLess) {
+TEST_F(CmCondition, WaitEndsAtOnce_WhenTheTimeoutIsZeroOrLess) {
     const Clock::time_point start = Clock::now();
     EXPECT_EQ(CM_ERROR_TIMEOUT, WaitFor(CCmTimeValue::s_tvZero));
     EXPECT_EQ(CM_ERROR_TIMEOUT, WaitFor(CCmTimeValue(-1, -500000)));
@@ -356,7 +356,7 @@ TEST_F(CmCondition, Wait_EndsAtOnceForZeroAndLess) {
     EXPECT_EQ(0u, m_sink.lines().size());
 }
 
-TEST_F(CmCondition, Wait_HasNoLimitForHugeTimeouts) {
+TEST_F(CmCondition, WaitHasNoLimit_WhenTheTimeoutIsHuge) {
     const CCmTimeValue atvHuge[] = {
         CCmTimeValue::s_tvMax,
         CCmTimeValue::s_tvMax - CCmTimeValue(1700000000),
@@ -396,7 +396,7 @@ int TimeOfDay(timeval* aTv, void* /*aZone*/) {
     return 0;
 }
 
-TEST_F(CmCondition, Wait_DeadlineIsWallClockPlusTimeout) {
+TEST_F(CmCondition, WaitDeadlineIsWallClockPlusTimeout) {
     kelto_test::ScopedEntry<int (*)(timeval*, void*)> clock(g_cmSystem.gettimeofday, TimeOfDay);
     kelto_test::ScopedEntry<int (*)(pthread_cond_t*, pthread_mutex_t*, const timespec*)> wait(
         g_cmSystem.pthread_cond_timedwait, RememberDeadline);
@@ -405,7 +405,7 @@ TEST_F(CmCondition, Wait_DeadlineIsWallClockPlusTimeout) {
     EXPECT_EQ(300000000, g_tsDeadline.tv_nsec);
 }
 
-TEST_F(CmCondition, Wait_DeadlineIsAlwaysAValidRecord) {
+TEST_F(CmCondition, WaitDeadlineIsAlwaysAValidRecord) {
     kelto_test::ScopedEntry<int (*)(pthread_cond_t*, pthread_mutex_t*, const timespec*)> wait(
         g_cmSystem.pthread_cond_timedwait, RememberDeadline);
     for (const CCmTimeValue& tvTimeout :
@@ -423,7 +423,7 @@ TEST_F(CmCondition, Wait_DeadlineIsAlwaysAValidRecord) {
 constexpr signed char MANUAL = 1;
 constexpr signed char AUTO = 0;
 
-TEST(CmEvent, Manual_LetsEveryWaitThroughUntilPulse) {
+TEST(CmEvent, ManualOneLetsEveryWaitThrough_UntilPulse) {
     CCmEventThread event(MANUAL, 0, "name");
     EXPECT_EQ(CM_OK, event.Signal());
     EXPECT_EQ(CM_OK, event.Wait(nullptr));
@@ -433,14 +433,14 @@ TEST(CmEvent, Manual_LetsEveryWaitThroughUntilPulse) {
     EXPECT_EQ(CM_ERROR_TIMEOUT, WaitShortly(event));
 }
 
-TEST(CmEvent, Manual_SignalWakesEveryWaiter) {
+TEST(CmEvent, ManualOneWakesEveryWaiter_WhenSignalled) {
     CCmEventThread event(MANUAL, 0, nullptr);
     Waiters waiters(event, 3);
     EXPECT_EQ(CM_OK, event.Signal());
     waiters.ExpectPassed(3);
 }
 
-TEST(CmEvent, Manual_PulseWakesEveryWaiterAndStaysUnsignalled) {
+TEST(CmEvent, ManualOneWakesEveryWaiterAndStaysUnsignalled_WhenPulsed) {
     CCmEventThread event(MANUAL, 0, nullptr);
     Waiters waiters(event, 3);
     EXPECT_EQ(CM_OK, event.Pulse());
@@ -448,14 +448,14 @@ TEST(CmEvent, Manual_PulseWakesEveryWaiterAndStaysUnsignalled) {
     EXPECT_EQ(CM_ERROR_TIMEOUT, WaitShortly(event));
 }
 
-TEST(CmEvent, Auto_SignalLetsOneLaterWaitThrough) {
+TEST(CmEvent, AutoOneLetsOneLaterWaitThrough_WhenSignalled) {
     CCmEventThread event(AUTO, 0, nullptr);
     EXPECT_EQ(CM_OK, event.Signal());
     EXPECT_EQ(CM_OK, event.Wait(nullptr));
     EXPECT_EQ(CM_ERROR_TIMEOUT, WaitShortly(event));
 }
 
-TEST(CmEvent, Auto_SignalsDoNotAddUp) {
+TEST(CmEvent, AutoOneCountsNoSignals) {
     CCmEventThread event(AUTO, 0, nullptr);
     EXPECT_EQ(CM_OK, event.Signal());
     EXPECT_EQ(CM_OK, event.Signal());
@@ -463,7 +463,7 @@ TEST(CmEvent, Auto_SignalsDoNotAddUp) {
     EXPECT_EQ(CM_ERROR_TIMEOUT, WaitShortly(event));
 }
 
-TEST(CmEvent, Auto_SignalWakesOneOfTwoWaiters) {
+TEST(CmEvent, AutoOneWakesOneOfTwoWaiters_WhenSignalled) {
     CCmEventThread event(AUTO, 0, nullptr);
     Waiters waiters(event, 2);
     EXPECT_EQ(CM_OK, event.Signal());
@@ -474,13 +474,13 @@ TEST(CmEvent, Auto_SignalWakesOneOfTwoWaiters) {
     EXPECT_EQ(CM_ERROR_TIMEOUT, WaitShortly(event));
 }
 
-TEST(CmEvent, Auto_PulseClearsAndWakesNobodyLater) {
+TEST(CmEvent, AutoOneIsClearAndWakesNobodyLater_WhenPulsed) {
     CCmEventThread event(AUTO, 1, nullptr);
     EXPECT_EQ(CM_OK, event.Pulse());
     EXPECT_EQ(CM_ERROR_TIMEOUT, WaitShortly(event));
 }
 
-TEST(CmEvent, Auto_PulseWakesOneWaiter) {
+TEST(CmEvent, AutoOneWakesOneWaiter_WhenPulsed) {
     CCmEventThread event(AUTO, 0, nullptr);
     Waiters waiters(event, 2);
     EXPECT_EQ(CM_OK, event.Pulse());
@@ -489,7 +489,7 @@ TEST(CmEvent, Auto_PulseWakesOneWaiter) {
     waiters.ExpectPassed(2);
 }
 
-TEST(CmEvent, Constructor_TakesTheInitialState) {
+TEST(CmEvent, ConstructorTakesTheInitialState) {
     CCmEventThread automatic(AUTO, 1, nullptr);
     EXPECT_EQ(CM_OK, WaitShortly(automatic));
     EXPECT_EQ(CM_ERROR_TIMEOUT, WaitShortly(automatic));
@@ -498,7 +498,7 @@ TEST(CmEvent, Constructor_TakesTheInitialState) {
     EXPECT_EQ(CM_OK, WaitShortly(manual));
 }
 
-TEST(CmEvent, Reset_FailsAndChangesNothing) {
+TEST(CmEvent, ResetFailsAndChangesNothing) {
     CCmEventThread signalled(MANUAL, 1, nullptr);
     EXPECT_EQ(CM_ERROR_FAILURE, signalled.Reset());
     EXPECT_EQ(CM_OK, WaitShortly(signalled));
@@ -507,7 +507,7 @@ TEST(CmEvent, Reset_FailsAndChangesNothing) {
     EXPECT_EQ(CM_ERROR_TIMEOUT, WaitShortly(unsignalled));
 }
 
-TEST(CmEvent, Wait_WithZeroTimeoutEndsAtOnce) {
+TEST(CmEvent, WaitEndsAtOnce_WhenTheTimeoutIsZero) {
     ScopedTraceSink sink;
     CCmEventThread event(AUTO, 0, nullptr);
     CCmTimeValue tvZero;
@@ -517,14 +517,14 @@ TEST(CmEvent, Wait_WithZeroTimeoutEndsAtOnce) {
     EXPECT_EQ(0u, sink.lines().size());
 }
 
-TEST(CmEvent, Wait_AfterATimeoutIsNoWaiterAnyMore) {
+TEST(CmEvent, WaiterIsNotCounted_AfterItsTimeout) {
     CCmEventThread event(AUTO, 0, nullptr);
     EXPECT_EQ(CM_ERROR_TIMEOUT, WaitShortly(event));
     EXPECT_EQ(CM_OK, event.Signal());
     EXPECT_EQ(CM_OK, WaitShortly(event));
 }
 
-TEST(CmEvent, Wait_WokenThreadLeavesTheStateAlone) {
+TEST(CmEvent, WaitLeavesTheStateAlone_WhenWoken) {
     // A broadcast reaches the waiter of a manual event; the event stays open for others.
     CCmEventThread event(MANUAL, 0, nullptr);
     Waiters waiters(event, 1);
@@ -533,7 +533,7 @@ TEST(CmEvent, Wait_WokenThreadLeavesTheStateAlone) {
     EXPECT_EQ(CM_OK, WaitShortly(event));
 }
 
-TEST(CmEvent, Wait_ReturnsTheFailureOfTheCondition) {
+TEST(CmEvent, WaitReturnsTheFailure_WhenTheConditionFails) {
     ScopedTraceSink sink;
     CCmEventThread event(AUTO, 0, nullptr);
     FailingCall<&CCmSystemTable::pthread_cond_wait> fault(EINVAL, EINVAL);
@@ -541,7 +541,7 @@ TEST(CmEvent, Wait_ReturnsTheFailureOfTheCondition) {
     EXPECT_EQ(1u, sink.count("CCmConditionVariableThread::Wait, pthread_cond_wait() failed!"));
 }
 
-TEST(CmEvent, Signal_ReturnsTheFailureOfTheCondition) {
+TEST(CmEvent, SignalReturnsTheFailure_WhenTheConditionFails) {
     ScopedTraceSink sink;
     CCmEventThread event(MANUAL, 0, nullptr);
     FailingCall<&CCmSystemTable::pthread_cond_broadcast> fault(EINVAL, EINVAL);
@@ -559,7 +559,7 @@ void ExpectLockAssertion(const ScopedTraceSink& aSink) {
     EXPECT_EQ(sEnd, sLine.substr(sLine.size() - sEnd.size()));
 }
 
-TEST(CmEvent, Wait_WithoutItsMutexFails) {
+TEST(CmEvent, WaitFails_WithoutItsMutex) {
     ScopedTraceSink sink;
     CCmEventThread event(AUTO, 1, nullptr);
     {
@@ -570,7 +570,7 @@ TEST(CmEvent, Wait_WithoutItsMutexFails) {
     EXPECT_EQ(CM_OK, WaitShortly(event));  // the signal is still there
 }
 
-TEST(CmEvent, Signal_WithoutItsMutexFails) {
+TEST(CmEvent, SignalFails_WithoutItsMutex) {
     ScopedTraceSink sink;
     CCmEventThread event(AUTO, 0, nullptr);
     {
@@ -581,7 +581,7 @@ TEST(CmEvent, Signal_WithoutItsMutexFails) {
     EXPECT_EQ(CM_ERROR_TIMEOUT, WaitShortly(event));
 }
 
-TEST(CmEvent, Pulse_WithoutItsMutexFails) {
+TEST(CmEvent, PulseFails_WithoutItsMutex) {
     ScopedTraceSink sink;
     CCmEventThread event(MANUAL, 1, nullptr);
     {
@@ -597,7 +597,7 @@ void* WaitOnEvent(void* aEvent) {
     return nullptr;
 }
 
-TEST(CmEvent, Wait_CancelledThreadIsNoWaiterAnyMore) {
+TEST(CmEvent, WaiterIsNotCounted_AfterItsThreadWasCancelled) {
     CCmEventThread event(AUTO, 0, nullptr);
     pthread_t thread;
     ASSERT_EQ(0, pthread_create(&thread, nullptr, WaitOnEvent, &event));
@@ -611,7 +611,7 @@ TEST(CmEvent, Wait_CancelledThreadIsNoWaiterAnyMore) {
     EXPECT_EQ(CM_OK, WaitShortly(event));
 }
 
-TEST(CmEvent, Stress_HandsOverEverySignal) {
+TEST(CmEvent, HandsEverySignalOver_WhenThreadsRace) {
     constexpr int ROUNDS = 2000;
     CCmEventThread ping(AUTO, 0, nullptr);
     CCmEventThread pong(AUTO, 0, nullptr);
@@ -653,7 +653,7 @@ void CountingSink(unsigned long, const char*, unsigned int) {
     g_nLinesUnderLock += g_nHeld != 0 ? 1 : 0;
 }
 
-TEST(CmEvent, Failures_AreTracedBehindTheMutex) {
+TEST(CmEvent, FailuresAreTraced_AfterTheUnlock) {
     CCmEventThread manual(MANUAL, 0, nullptr);
     CCmEventThread automatic(AUTO, 0, nullptr);
     kelto_test::ScopedEntry<int (*)(pthread_mutex_t*)> lock(g_cmSystem.pthread_mutex_lock,
@@ -690,7 +690,7 @@ int SignalledWait(pthread_cond_t*, pthread_mutex_t* aMutex) {
     return LockAndCount(aMutex);
 }
 
-TEST(CmEvent, Signal_FailureIsTracedBehindTheMutex_WhenSomebodyWaits) {
+TEST(CmEvent, SignalTracesAfterTheUnlock_WhenItFailsAndSomebodyWaits) {
     CCmEventThread event(AUTO, 0, nullptr);
     g_pEventToSignal = &event;
     kelto_test::ScopedEntry<int (*)(pthread_mutex_t*)> lock(g_cmSystem.pthread_mutex_lock,
@@ -712,7 +712,7 @@ TEST(CmEvent, Signal_FailureIsTracedBehindTheMutex_WhenSomebodyWaits) {
 
 // ---- Counter ----
 
-TEST(CmAtomicOperation, Operators_ReturnTheNewValue) {
+TEST(CmAtomicOperation, OperatorsReturnTheNewValue) {
     CCmAtomicOperationT<CCmMutexThread> counter;
     EXPECT_EQ(0, counter.value());
     EXPECT_EQ(1, ++counter);
@@ -723,7 +723,7 @@ TEST(CmAtomicOperation, Operators_ReturnTheNewValue) {
     static_assert(std::is_same_v<long, decltype(++counter)>);
 }
 
-TEST(CmAtomicOperation, Counters_NameOneMutexByDefault) {
+TEST(CmAtomicOperation, CountersNameOneMutexByDefault) {
     CCmAtomicOperationT<CCmMutexThread> first;
     CCmAtomicOperationT<CCmMutexThread> second(5);
     EXPECT_EQ(&s_ReferenceControlMutexThread, &first.mutex());
@@ -734,7 +734,7 @@ TEST(CmAtomicOperation, Counters_NameOneMutexByDefault) {
     EXPECT_EQ(&mutex, &third.mutex());
 }
 
-TEST(CmAtomicOperation, Count_IsExactFromEightThreads) {
+TEST(CmAtomicOperation, CountIsExact_WhenEightThreadsCount) {
     constexpr int ROUNDS = 20000;
     CCmAtomicOperationT<CCmMutexThread> counter;
     std::vector<std::thread> threads;
@@ -755,7 +755,7 @@ TEST(CmAtomicOperation, Count_IsExactFromEightThreads) {
 
 // ---- Threads ----
 
-TEST(CmThreadIdentity, Functions_TellThreadsApart) {
+TEST(CmThreadIdentity, TellsThreadsApart) {
     const pthread_t self = GetThreadSelfId();
     EXPECT_TRUE(IsThreadEqual(self, pthread_self()));
     EXPECT_TRUE(IsEqualCurrentThread(self));

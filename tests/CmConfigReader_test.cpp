@@ -105,7 +105,7 @@ TEST_F(CmConfigReaderTest, TellsAbsentFromBad) {
         Problems());
 }
 
-TEST_F(CmConfigReaderTest, SaysWhatItExpected_OfEveryKind) {
+TEST_F(CmConfigReaderTest, SaysWhatItExpected_WhateverTheKind) {
     Read(
         "[s]\n"
         "u = -1\n"
@@ -147,7 +147,7 @@ TEST_F(CmConfigReaderTest, SaysWhatItExpected_OfEveryKind) {
     EXPECT_EQ(CCmTimeValue(1), tvDuration);
 }
 
-TEST_F(CmConfigReaderTest, TakesGoodValuesOfEveryKind) {
+TEST_F(CmConfigReaderTest, TakesGoodValues_WhateverTheKind) {
     Read("[s]\nb = On\nd = 1.5s\nz = 64KiB\np = ::1\nt = ' a b '\n");
     bool bValue = false;
     CCmTimeValue tvDuration;
@@ -168,7 +168,7 @@ TEST_F(CmConfigReaderTest, TakesGoodValuesOfEveryKind) {
     EXPECT_EQ("", Unasked());
 }
 
-TEST_F(CmConfigReaderTest, MakesOnePrintableLineOfAnyValue) {
+TEST_F(CmConfigReaderTest, MakesOnePrintableLine_WhateverTheValue) {
     Read("[s]\nk = a\tb\x01" + std::string(100, 'x') + "\n");
     EXPECT_EQ(CM_ERROR_INVALID_ARG, m_config.Refuse("s", "k", "short"));
     EXPECT_EQ(
@@ -204,7 +204,7 @@ TEST_F(CmConfigReaderTest, ListsWhatNobodyAskedForOrCanReach) {
     EXPECT_EQ("kelto.cfg:8: the key x in section [Other] means nothing here\n", Unasked("other"));
 }
 
-TEST_F(CmConfigReaderTest, TakesOneSemicolonOff_InTheMainFileOnly) {
+TEST_F(CmConfigReaderTest, TakesOneSemicolonOffInTheMainFileOnly) {
     Read("[s]\na = 5;\nb = 5;;\nc = ;\n");
     std::string_view text;
     EXPECT_EQ(CM_OK, m_config.GetText("s", "a", text));
@@ -241,7 +241,7 @@ TEST_F(CmConfigReaderTest, StaysAsItWas_WhenTheFileCannotBeRead) {
     EXPECT_FALSE(m_config.HasChanged());
 }
 
-TEST_F(CmConfigReaderTest, SaysWhenTheFileHasChanged) {
+TEST_F(CmConfigReaderTest, SaysSo_WhenTheFileHasChanged) {
     Read("[s]\nk = 1\n");
     EXPECT_FALSE(m_config.HasChanged());
     Write("[s]\nk = 2\n");  // another file of the same size
@@ -345,7 +345,7 @@ TEST_F(CmConfigReaderTest, GivesUp_WhenTheFileNeverStopsChanging) {
     EXPECT_EQ(m_sPath + ": cannot be read: it does not stop changing", m_config.problems()[0]);
 }
 
-TEST_F(CmConfigReaderTest, OpensTheFileOnce_TheTraceFacilityIncluded) {
+TEST_F(CmConfigReaderTest, OpensTheFileOnceForTheTraceFacilityAndItself) {
     Write("[Trace]\nEnable = TRUE\nFlushPerLines = 3\nTypo = 1\n[Host]\nk = 1\n");
     ASSERT_EQ(CM_OK, m_config.ReadMain());
     {
@@ -451,7 +451,7 @@ TEST_F(CmConfigReaderTest, AgreesWithTheSingleLookUps) {
     EXPECT_LT(1000U, nFound);
 }
 
-TEST_F(CmConfigReaderTest, TracesNothing_AndSurvivesWithoutMemory) {
+TEST_F(CmConfigReaderTest, TracesNothingAndSurvives_WithoutMemory) {
     const kelto_test::ScopedTraceSink sink;
     Write("[s]\nk = two and a long text beside it, for there to be an allocation\n");
     for (unsigned long ulNth = 1;; ++ulNth) {

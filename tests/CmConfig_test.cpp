@@ -86,18 +86,18 @@ std::string Trimmed(const char* aText) {
 
 // ---- Primitives
 
-TEST(CmConfigTrim, Blanks_AreRemovedAtBothEnds) {
+TEST(CmConfigTrim, RemovesBlanksAtBothEnds) {
     EXPECT_EQ("a \tb", Trimmed(" \t\r\na \tb \t\r\n"));
     EXPECT_EQ("\va\f", Trimmed("\va\f"));
 }
 
-TEST(CmConfigTrim, TrailingBlanks_BecomeNuls) {
+TEST(CmConfigTrim, MakesTrailingBlanksNuls) {
     char achText[] = " a \n";
     EXPECT_EQ(achText + 1, trim_string(achText));
     EXPECT_EQ(0, memcmp(" a\0\0\0", achText, sizeof(achText)));
 }
 
-TEST(CmConfigTrim, EmptyText_IsReturnedItself) {
+TEST(CmConfigTrim, ReturnsTheTextItself_WhenItIsEmpty) {
     char achEmpty[] = "";
     char achBlank[] = " \t";
     EXPECT_EQ(achEmpty, trim_string(achEmpty));
@@ -106,7 +106,7 @@ TEST(CmConfigTrim, EmptyText_IsReturnedItself) {
     EXPECT_EQ(nullptr, trim_string(nullptr));
 }
 
-TEST(CmConfigComment, FirstNonBlank_Decides) {
+TEST(CmConfigComment, IsDecidedByTheFirstNonBlank) {
     EXPECT_TRUE(is_comment_line("#"));
     EXPECT_TRUE(is_comment_line(" \t\r\n# x"));
     EXPECT_FALSE(is_comment_line("x # y"));
@@ -179,14 +179,14 @@ const FormatRow FORMAT_ROWS[] = {
     {"[t]\nk=v\n[s]", "s", "k", "(none)", "a header at the end"},
 };
 
-TEST(CmConfigProfile, Lines_AreUnderstood) {
+TEST(CmConfigProfile, UnderstandsLines) {
     for (const FormatRow& row : FORMAT_ROWS) {
         EXPECT_EQ(row.expected, Read(row.content, row.section, row.key)) << row.reason << ":\n"
                                                                          << row.content;
     }
 }
 
-TEST(CmConfigProfile, Nul_EndsItsLine) {
+TEST(CmConfigProfile, EndsALine_WhenItHasANul) {
     using namespace std::string_literals;
     EXPECT_EQ("a", Read("[s]\nk=a\0b\nj=c\n"s, "s", "k"));
     EXPECT_EQ("c", Read("[s]\nk=a\0b\nj=c\n"s, "s", "j"));
@@ -195,13 +195,13 @@ TEST(CmConfigProfile, Nul_EndsItsLine) {
     EXPECT_EQ("a", Read("[s]\0]\nk=a\n"s, "s", "k"));
 }
 
-TEST(CmConfigProfile, HighBytes_AreNoLetters) {
+TEST(CmConfigProfile, TakesHighBytesForNoLetters) {
     EXPECT_EQ("v", Read("[\xC3\x84]\n\xC3\x96=v\n", "\xC3\x84", "\xC3\x96"));
     EXPECT_EQ("(none)", Read("[\xC3\x84]\nk=v\n", "\xC3\xA4", "k"));
     EXPECT_EQ("(none)", Read("[s{]\nk=v\n", "s[", "k"));
 }
 
-TEST(CmConfigProfile, Line_OfAtMost2047Characters) {
+TEST(CmConfigProfile, SplitsALine_WhenItHasMoreThan2047Characters) {
     // The line is cut behind 2047 characters, and the rest is a line of its own.
     const std::string sPad(2047 - 2, 'x');
     EXPECT_EQ(sPad, Read("[s]\nk=" + sPad + "\nj=w\n", "s", "k"));
@@ -212,7 +212,7 @@ TEST(CmConfigProfile, Line_OfAtMost2047Characters) {
     EXPECT_EQ("(none)", Read("[s]\n" + std::string(2 * 2047 + 1, 'x') + "j=w", "s", "j"));
 }
 
-TEST(CmConfigProfile, HeaderInALongLine_IsSeenInItsPiece) {
+TEST(CmConfigProfile, SeesAHeaderInItsPiece_WhenTheLineIsLong) {
     EXPECT_EQ("v", Read(std::string(2044, 'x') + "[s]\nk=v\n", "s", "k"));
     EXPECT_EQ("(none)", Read(std::string(2046, 'x') + "[s]\nk=v\n", "s", "k"))
         << "the opening bracket is the last character of the first piece";
@@ -220,7 +220,7 @@ TEST(CmConfigProfile, HeaderInALongLine_IsSeenInItsPiece) {
     EXPECT_EQ("v", Read(std::string(3 * 2047, 'x') + "[s]\nk=v\n", "s", "k"));
 }
 
-TEST(CmConfigProfile, File_OfManyBuffers) {
+TEST(CmConfigProfile, ReadsWhole_WhenTheFileTakesManyBuffers) {
     std::string sContent;
     for (int i = 0; i < 5000; ++i) {
         sContent += "[section" + std::to_string(i) + "]\nkey = " + std::to_string(i) + "\n# pad\n";
@@ -277,7 +277,7 @@ class ProfileMaker {
     uint32_t m_dwState;
 };
 
-TEST(CmConfigProfile, GeneratedFiles_ReadAsTheModelSays) {
+TEST(CmConfigProfile, ReadsAsTheModelSays_WhateverTheFile) {
     constexpr unsigned FILES = 4000;
     ScopedHome home;
     const std::string sPath = home.path() + "profile";
@@ -300,7 +300,7 @@ TEST(CmConfigProfile, GeneratedFiles_ReadAsTheModelSays) {
 
 // ---- Lengths
 
-TEST(CmConfigReadInitFile, Value_IsCopiedWithinItsBuffer) {
+TEST(CmConfigReadInitFile, CopiesTheValueWithinItsBuffer) {
     char achOut[8];
     const std::unique_ptr<FILE, int (*)(FILE*)> pFile(tmpfile(), fclose);
     fputs("[s]\na=123\nb=1234\nc=12345\n", pFile.get());
@@ -321,7 +321,7 @@ TEST(CmConfigReadInitFile, Value_IsCopiedWithinItsBuffer) {
     EXPECT_EQ(0, memcmp("xxxxxxxx", achOut, 8));
 }
 
-TEST(CmConfigReadInitFile, Stream_IsReadFromWhereItStands) {
+TEST(CmConfigReadInitFile, ReadsTheStreamFromWhereItStands) {
     char szOut[8];
     const std::unique_ptr<FILE, int (*)(FILE*)> pFile(tmpfile(), fclose);
     fputs("[s]\nk=1\n[s]\nk=2\n", pFile.get());
@@ -330,7 +330,7 @@ TEST(CmConfigReadInitFile, Stream_IsReadFromWhereItStands) {
     EXPECT_STREQ("2", szOut);
 }
 
-TEST(CmConfigReadInitFile, Stream_StandsBehindTheKey) {
+TEST(CmConfigReadInitFile, LeavesTheStreamAfterTheKey) {
     char szOut[8];
     const std::unique_ptr<FILE, int (*)(FILE*)> pFile(tmpfile(), fclose);
     fputs("[s]\nk=1\nj=2\n", pFile.get());
@@ -339,7 +339,7 @@ TEST(CmConfigReadInitFile, Stream_StandsBehindTheKey) {
     EXPECT_EQ(8, ftell(pFile.get()));
 }
 
-TEST(CmConfigReadInitFile, StreamAtItsEnd_HoldsNothing) {
+TEST(CmConfigReadInitFile, FindsNothing_WhenTheStreamIsAtItsEnd) {
     char szOut[8];
     const std::unique_ptr<FILE, int (*)(FILE*)> pFile(tmpfile(), fclose);
     fputs("[s]\nk=1\n", pFile.get());
@@ -349,7 +349,7 @@ TEST(CmConfigReadInitFile, StreamAtItsEnd_HoldsNothing) {
     EXPECT_EQ(0, read_init_file(nullptr, "s", "k", szOut, sizeof(szOut)));
 }
 
-TEST(CmConfigReadInitFile, Section_AndKeyAreNeededButNoBuffer) {
+TEST(CmConfigReadInitFile, NeedsSectionAndKeyButNoBuffer) {
     char szOut[8] = "before";
     const std::unique_ptr<FILE, int (*)(FILE*)> pFile(tmpfile(), fclose);
     fputs("[s]\nk=1\n", pFile.get());
@@ -360,7 +360,7 @@ TEST(CmConfigReadInitFile, Section_AndKeyAreNeededButNoBuffer) {
     EXPECT_STREQ("before", szOut);
 }
 
-TEST(CmConfigProfile, Values_AreCutAndTerminated) {
+TEST(CmConfigProfile, CutsAndTerminatesValues) {
     ScopedHome home;
     const std::string sPath = home.path() + "profile";
     for (const size_t nLength : {254u, 255u, 256u, 257u, 2000u}) {
@@ -373,7 +373,7 @@ TEST(CmConfigProfile, Values_AreCutAndTerminated) {
     }
 }
 
-TEST(CmConfigProfile, Default_IsCutToItsBuffer) {
+TEST(CmConfigProfile, CutsTheDefaultToItsBuffer) {
     char szOut[4];
     EXPECT_EQ(3, get_string_from_profile("s", "k", "12345", szOut, sizeof(szOut), "/nowhere/x"));
     EXPECT_STREQ("123", szOut);
@@ -383,7 +383,7 @@ TEST(CmConfigProfile, Default_IsCutToItsBuffer) {
     EXPECT_EQ(0, get_string_from_profile("s", "k", "1", nullptr, 4, "/nowhere/x"));
 }
 
-TEST(CmConfigProfile, NullNames_FindNothing) {
+TEST(CmConfigProfile, FindsNothing_WhenANameIsNull) {
     ScopedHome home;
     const std::string sPath = home.path() + "profile";
     WriteFile(sPath, "[]\n=5\n");
@@ -393,7 +393,7 @@ TEST(CmConfigProfile, NullNames_FindNothing) {
     EXPECT_EQ(7, get_int_from_profile("", "", 7, nullptr));
 }
 
-TEST(CmConfigProfile, Integer_IsParsedOrDefault) {
+TEST(CmConfigProfile, ParsesIntegersOrTakesTheDefault) {
     ScopedHome home;
     const std::string sPath = home.path() + "profile";
     WriteFile(sPath, "[s]\na=12\nb=-3x\nc=x\nd=\n");
@@ -407,12 +407,12 @@ TEST(CmConfigProfile, Integer_IsParsedOrDefault) {
 
 // ---- Files that cannot be read
 
-TEST(CmConfigProfile, Directory_HoldsNothing) {
+TEST(CmConfigProfile, FindsNothing_WhenTheFileIsADirectory) {
     ScopedHome home;
     EXPECT_EQ("(none)", ReadFile(home.path(), "s", "k"));
 }
 
-TEST(CmConfigProfile, NamedPipe_IsReadAsItsWriterWritesIt) {
+TEST(CmConfigProfile, ReadsANamedPipe_WhileItsWriterWrites) {
     ScopedHome home;
     const std::string sPath = home.path() + "profile";
     ASSERT_EQ(0, mkfifo(sPath.c_str(), 0600));
@@ -428,7 +428,7 @@ TEST(CmConfigProfile, NamedPipe_IsReadAsItsWriterWritesIt) {
     close(nPipe);
 }
 
-TEST(CmConfigProfile, NamedPipe_EndsWhenItsWriterClosesIt) {
+TEST(CmConfigProfile, ReadsANamedPipe_UntilItsWriterClosesIt) {
     ScopedHome home;
     const std::string sPath = home.path() + "profile";
     ASSERT_EQ(0, mkfifo(sPath.c_str(), 0600));
@@ -442,7 +442,7 @@ TEST(CmConfigProfile, NamedPipe_EndsWhenItsWriterClosesIt) {
     writer.join();
 }
 
-TEST(CmConfigProfile, NamedPipe_HoldsNothing_WithoutAWriter) {
+TEST(CmConfigProfile, FindsNothingInANamedPipe_WithoutAWriter) {
     ScopedHome home;
     const std::string sPath = home.path() + "profile";
     ASSERT_EQ(0, mkfifo(sPath.c_str(), 0600));
@@ -452,7 +452,7 @@ TEST(CmConfigProfile, NamedPipe_HoldsNothing_WithoutAWriter) {
               }));
 }
 
-TEST(CmConfigProfile, FileWithoutPermission_HoldsNothing) {
+TEST(CmConfigProfile, FindsNothing_WithoutPermissionToRead) {
     FailingCall<&CCmSystemTable::open> fault(EACCES);
     ScopedHome home;
     WriteFile(home.path() + "profile", "[s]\nk=v\n");
@@ -460,7 +460,7 @@ TEST(CmConfigProfile, FileWithoutPermission_HoldsNothing) {
     EXPECT_EQ("v", ReadFile(home.path() + "profile", "s", "k"));
 }
 
-TEST(CmConfigProfile, InterruptedCalls_AreRepeated) {
+TEST(CmConfigProfile, RepeatsACall_WhenItIsInterrupted) {
     ScopedHome home;
     WriteFile(home.path() + "profile", "[s]\nk=v\n");
     FailingCall<&CCmSystemTable::open> open(EINTR);
@@ -476,7 +476,7 @@ int FlagsKeepingOpen(const char* aPath, int aFlags, mode_t aMode) {
     return open(aPath, aFlags, aMode);
 }
 
-TEST(CmConfigProfile, OpenFile_IsNotPassedOnToOtherPrograms) {
+TEST(CmConfigProfile, PassesItsFileOnToNoOtherProgram) {
     ScopedHome home;
     WriteFile(home.path() + "profile", "[s]\nk=v\n");
     kelto_test::ScopedEntry<decltype(g_cmSystem.open)> entry(g_cmSystem.open, &FlagsKeepingOpen);
@@ -486,7 +486,7 @@ TEST(CmConfigProfile, OpenFile_IsNotPassedOnToOtherPrograms) {
 }
 
 // As in a host that has closed its standard input.
-TEST(CmConfigProfile, FileWithDescriptorZero_IsReadAndClosed) {
+TEST(CmConfigProfile, ReadsAndClosesTheFile_WhenItsDescriptorIsZero) {
     ScopedHome home;
     WriteFile(home.path() + "profile", "[s]\nk=v\n");
     const int nInput = dup(0);
@@ -502,7 +502,7 @@ TEST(CmConfigProfile, FileWithDescriptorZero_IsReadAndClosed) {
     EXPECT_TRUE(bClosed);
 }
 
-TEST(CmConfigProfile, FailingRead_LosesTheUnfinishedLine) {
+TEST(CmConfigProfile, LosesTheUnfinishedLine_WhenAReadFails) {
     ScopedHome home;
     // The first read ends within the value of j.
     WriteFile(home.path() + "profile",
@@ -516,7 +516,7 @@ ssize_t ReadOneByte(int aFile, void* aBuffer, size_t aSize) {
     return ::read(aFile, aBuffer, aSize < 1 ? aSize : 1);
 }
 
-TEST(CmConfigProfile, ShortReads_AreJoined) {
+TEST(CmConfigProfile, JoinsReads_WhenTheyAreShort) {
     const std::string sContent =
         "# x\n[t]\nk=w\n" + std::string(2100, 'x') + "\n[s]\n" + std::string(2047, 'y') + "k=v";
     ScopedHome home;
@@ -525,7 +525,7 @@ TEST(CmConfigProfile, ShortReads_AreJoined) {
     EXPECT_EQ("v", ReadFile(home.path() + "profile", "s", "k"));
 }
 
-TEST(CmConfigProfile, LookUp_ClosesItsFile) {
+TEST(CmConfigProfile, ClosesItsFile) {
     ScopedHome home;
     WriteFile(home.path() + "profile", "[s]\nk=v\n");
     const int nLowest = dup(0);
@@ -537,7 +537,7 @@ TEST(CmConfigProfile, LookUp_ClosesItsFile) {
     EXPECT_EQ(nLowest, nAgain);
 }
 
-TEST(CmConfigProfile, LookUp_ReadsASmallFileOnceAndAllocatesNothing) {
+TEST(CmConfigProfile, ReadsOnceAndAllocatesNothing_WhenTheFileIsSmall) {
     ScopedHome home;
     home.WriteConfig("[Trace]\nEnable=TRUE\n[s]\nk=12\n");
     FailingCall<&CCmSystemTable::read> read(EIO, -1, 1000);
@@ -549,7 +549,7 @@ TEST(CmConfigProfile, LookUp_ReadsASmallFileOnceAndAllocatesNothing) {
 
 // ---- The main configuration file
 
-TEST(CmConfigParam, MissingFile_GivesDefaults) {
+TEST(CmConfigParam, GivesDefaults_WhenTheFileIsMissing) {
     ScopedHome home;
     char szOut[8] = "xxx";
     EXPECT_EQ(0, get_string_param("s", "k", szOut, sizeof(szOut)));
@@ -567,7 +567,7 @@ TEST(CmConfigParam, MissingFile_GivesDefaults) {
     EXPECT_EQ(5, config.GetBoolParam("s", "k", 5));
 }
 
-TEST(CmConfigParam, OneTrailingSemicolon_IsRemoved) {
+TEST(CmConfigParam, RemovesOneTrailingSemicolon) {
     ScopedHome home;
     home.WriteConfig("[s]\na=abc;\nb=abc;;\nc=;\nd=\"abc;\"\ne=\"abc\";\n");
     char szOut[8];
@@ -583,7 +583,7 @@ TEST(CmConfigParam, OneTrailingSemicolon_IsRemoved) {
     EXPECT_STREQ("\"abc\"", szOut) << "the quotes are looked at first";
 }
 
-TEST(CmConfigParam, EmptyValue_IsNotFound) {
+TEST(CmConfigParam, IsNotFound_WhenTheValueIsEmpty) {
     ScopedHome home;
     home.WriteConfig("[s]\nk=\n");
     char szOut[8] = "xxx";
@@ -592,7 +592,7 @@ TEST(CmConfigParam, EmptyValue_IsNotFound) {
     EXPECT_EQ(1, get_bool_param("s", "k", 1));
 }
 
-TEST(CmConfigParam, MissingBuffer_IsNotFound) {
+TEST(CmConfigParam, IsNotFound_WithoutABuffer) {
     ScopedHome home;
     home.WriteConfig("[s]\nk=v\n");
     char szOut[4] = "x";
@@ -602,7 +602,7 @@ TEST(CmConfigParam, MissingBuffer_IsNotFound) {
     EXPECT_STREQ("x", szOut);
 }
 
-TEST(CmConfigParam, BufferOfOneCharacter_HoldsTheTerminatorOnly) {
+TEST(CmConfigParam, WritesTheTerminatorOnly_WhenTheBufferHasOneCharacter) {
     ScopedHome home;
     home.WriteConfig("[s]\nk=v\n");
     char achOut[2] = {'x', 'y'};
@@ -612,7 +612,7 @@ TEST(CmConfigParam, BufferOfOneCharacter_HoldsTheTerminatorOnly) {
     EXPECT_EQ(0, memcmp("v\0", achOut, 2));
 }
 
-TEST(CmConfigParam, Numbers_AreParsed) {
+TEST(CmConfigParam, ParsesNumbers) {
     ScopedHome home;
     home.WriteConfig(
         "[s]\nplain=42\nneg=-1\nbad=x42\ntail=42ul\nwide=65537\nhuge=4294967296\nmore=4294967298\n"
@@ -632,7 +632,7 @@ TEST(CmConfigParam, Numbers_AreParsed) {
     EXPECT_EQ(0u, get_uint32_param("s", "bad"));
 }
 
-TEST(CmConfigParam, NumbersBeyondALong_AreItsLimitFirst) {
+TEST(CmConfigParam, TakesTheLimitOfALongFirst_WhenANumberIsBeyond) {
     ScopedHome home;
     home.WriteConfig(
         "[s]\nabove=9223372036854775808\nbelow=-9223372036854775809\n"
@@ -647,7 +647,7 @@ TEST(CmConfigParam, NumbersBeyondALong_AreItsLimitFirst) {
     EXPECT_EQ(65535, CCmConfigInitFile().GetWordParam("s", "huge", 7));
 }
 
-TEST(CmConfigParam, OnlyTrue_IsTrue) {
+TEST(CmConfigParam, TakesOnlyTrueForTrue) {
     ScopedHome home;
     home.WriteConfig("[Trace]\na=TRUE\nb=true\nc=tRuE;\nd=1\ne=yes\nf=on\ng=TRUEX\nh=TRU\n");
     EXPECT_EQ(1, get_bool_param("trace", "A", 0));
@@ -659,7 +659,7 @@ TEST(CmConfigParam, OnlyTrue_IsTrue) {
     EXPECT_EQ(3, get_bool_param("Trace", "z", 3)) << "the default as it is";
 }
 
-TEST(CmConfigParam, LongValues_AreCutAndTerminated) {
+TEST(CmConfigParam, CutsAndTerminatesTheValue_WhenItIsLong) {
     CCmConfigInitFile config;
     ScopedHome home;
     for (const size_t nLength : {255u, 256u, 257u, 2040u, 2047u, 2048u, 3000u}) {
@@ -677,7 +677,7 @@ TEST(CmConfigParam, LongValues_AreCutAndTerminated) {
     }
 }
 
-TEST(CmConfigParam, ChangedFile_TakesEffectAtOnce) {
+TEST(CmConfigParam, TakesEffectAtOnce_WhenTheFileHasChanged) {
     ScopedHome home;
     home.WriteConfig("[s]\nk=1\n");
     EXPECT_EQ(1, get_int_param("s", "k"));
@@ -687,7 +687,7 @@ TEST(CmConfigParam, ChangedFile_TakesEffectAtOnce) {
     EXPECT_EQ(0, get_int_param("s", "k"));
 }
 
-TEST(CmConfigParam, ManyThreads_MayLookUp) {
+TEST(CmConfigParam, FindsTheSame_WhenManyThreadsLookUp) {
     ScopedHome home;
     home.WriteConfig("[s]\nk=12\n");
     std::vector<std::thread> threads;
@@ -707,7 +707,7 @@ TEST(CmConfigParam, ManyThreads_MayLookUp) {
 
 // ---- CCmConfigInitFile
 
-TEST(CmConfigInitFile, Getters_Parse) {
+TEST(CmConfigInitFile, GettersParse) {
     ScopedHome home;
     home.WriteConfig(
         "[s]\nint=-12\ndword=4294967295\nul=17ul\nl=17l\nneg=-1\nword=65537\nbad=x\ntext=a b;\n"
@@ -726,7 +726,7 @@ TEST(CmConfigInitFile, Getters_Parse) {
     EXPECT_EQ(-5, config.GetBoolParam("s", "none", -5));
 }
 
-TEST(CmConfigInitFile, NumberThatDoesNotParse_IsZeroNotDefault) {
+TEST(CmConfigInitFile, GivesZeroNotTheDefault_WhenANumberDoesNotParse) {
     ScopedHome home;
     home.WriteConfig("[s]\nbad=x\n");
     CCmConfigInitFile config;
@@ -735,7 +735,7 @@ TEST(CmConfigInitFile, NumberThatDoesNotParse_IsZeroNotDefault) {
     EXPECT_EQ(0, config.GetWordParam("s", "bad", 5));
 }
 
-TEST(CmConfigInitFile, InitWithFileName_ChangesNothing) {
+TEST(CmConfigInitFile, InitChangesNothing_WhenAFileNameIsGiven) {
     ScopedHome home;
     home.WriteConfig("[s]\nk=1\n");
     WriteFile(home.path() + "conf/other.cfg", "[s]\nk=2\n");
@@ -745,7 +745,7 @@ TEST(CmConfigInitFile, InitWithFileName_ChangesNothing) {
     EXPECT_EQ("kelto.cfg", g_kelto_config_file_name);
 }
 
-TEST(CmConfigInitFile, SetKeltoConfigFileName_ChangesTheFileAndIsTraced) {
+TEST(CmConfigInitFile, SetKeltoConfigFileNameChangesTheFileAndIsTraced) {
     ScopedLocations locations;
     ScopedHome home;
     home.WriteConfig("[s]\nk=1\n");
@@ -760,7 +760,7 @@ TEST(CmConfigInitFile, SetKeltoConfigFileName_ChangesTheFileAndIsTraced) {
               sink.lines().back().text);
 }
 
-TEST(CmConfigInitFile, SetKeltoConfigFileName_RefreshesTheTraceFacility) {
+TEST(CmConfigInitFile, SetKeltoConfigFileNameRefreshesTheTraceFacility) {
     EXPECT_EQ(0, kelto_test::StatusOfChild([] {
                   ScopedLocations locations;
                   ScopedHome home;
@@ -771,12 +771,12 @@ TEST(CmConfigInitFile, SetKeltoConfigFileName_RefreshesTheTraceFacility) {
               }));
 }
 
-TEST(CmConfigInitFile, HomeDir_IsCopied) {
+TEST(CmConfigInitFile, CopiesTheHomeDirectory) {
     ScopedHome home;
     EXPECT_EQ(home.path(), CCmConfigInitFile().GetKeltoHomeDir());
 }
 
-TEST(CmConfigInitFile, SetKeltoHomeEnv_WritesTheEnvironmentOnly) {
+TEST(CmConfigInitFile, SetKeltoHomeEnvWritesTheEnvironmentOnly) {
     ScopedLocations locations;
     ScopedHome home;
     CCmConfigInitFile().SetKeltoHomeEnv("/other");
@@ -784,13 +784,13 @@ TEST(CmConfigInitFile, SetKeltoHomeEnv_WritesTheEnvironmentOnly) {
     EXPECT_EQ(home.path(), get_kelto_home_dir());
 }
 
-TEST(CmConfigInitFile, RabbitmqFileName_IsNotHandedOut) {
+TEST(CmConfigInitFile, KeepsTheRabbitmqFileNameToItself) {
     CCmString sOut = "before";
     CCmConfigInitFile().get_rabbitmq_config_file_name(sOut);
     EXPECT_EQ("before", sOut);
 }
 
-TEST(CmConfigInitFile, NoMemory_NeverThrows) {
+TEST(CmConfigInitFile, NeverThrows_WithoutMemory) {
     ScopedLocations locations;
     ScopedHome home;
     home.WriteConfig("[s]\nk=" + std::string(100, 'v') + "\n");
@@ -810,7 +810,7 @@ TEST(CmConfigInitFile, NoMemory_NeverThrows) {
 
 // ---- Locations
 
-TEST(CmConfigLocation, Defaults_AreSet) {
+TEST(CmConfigLocation, SetsDefaults) {
     EXPECT_STREQ("/tmp/", g_def_kelto_home_dir);
     EXPECT_EQ(16u, sizeof(g_def_kelto_home_dir));
     EXPECT_STREQ("KELTO_MMP_HOME", g_cur_env);
@@ -842,7 +842,7 @@ class CmConfigHome : public testing::Test {
     char m_achHome[CM_HOME_DIR_SIZE];
 };
 
-TEST_F(CmConfigHome, Slash_IsAppendedWhereItIsMissing) {
+TEST_F(CmConfigHome, AppendsASlash_WhenItIsMissing) {
     EXPECT_EQ("/opt/conf/kelto.cfg", PathWithHome("/opt"));
     EXPECT_EQ("/opt/conf/kelto.cfg", PathWithHome("/opt/"));
     EXPECT_EQ("/opt//conf/kelto.cfg", PathWithHome("/opt//"));
@@ -850,12 +850,12 @@ TEST_F(CmConfigHome, Slash_IsAppendedWhereItIsMissing) {
     EXPECT_EQ("/conf/kelto.cfg", PathWithHome(""));
 }
 
-TEST_F(CmConfigHome, HomeWithoutTerminator_EndsWithItsArray) {
+TEST_F(CmConfigHome, EndsWithItsArray_WithoutATerminator) {
     EXPECT_EQ("/0123456789abcde/conf/kelto.cfg", PathWithHome("/0123456789abcdef"));
     EXPECT_EQ("/0123456789abcde", CCmConfigInitFile().GetKeltoHomeDir());
 }
 
-TEST_F(CmConfigHome, PathThatDoesNotFit_IsEmpty) {
+TEST_F(CmConfigHome, IsEmpty_WhenThePathDoesNotFit) {
     set_kelto_config_file_name(CCmString(512 - 1 - 10, 'n'));
     EXPECT_EQ("/tmp/conf/" + std::string(501, 'n'), PathWithHome("/tmp"));
     EXPECT_EQ("/tmp/conf/" + std::string(501, 'n'), PathWithHome("/tmp/"));
@@ -866,7 +866,7 @@ TEST_F(CmConfigHome, PathThatDoesNotFit_IsEmpty) {
     get_config_file_name(nullptr);
 }
 
-TEST(CmConfigLocation, SetKeltoHomeEnv_CopiesAtMost512Characters) {
+TEST(CmConfigLocation, SetKeltoHomeEnvCopiesAtMost512Characters) {
     ScopedLocations locations;
     set_kelto_home_env("/other");
     EXPECT_STREQ("/other", g_cur_env);
@@ -878,7 +878,7 @@ TEST(CmConfigLocation, SetKeltoHomeEnv_CopiesAtMost512Characters) {
     EXPECT_EQ('f', g_cur_env[0]);
 }
 
-TEST(CmConfigLocation, InitConfig_CopiesAtMost510Characters) {
+TEST(CmConfigLocation, InitConfigCopiesAtMost510Characters) {
     ScopedLocations locations;
     init_config(std::string(511, 'x').c_str());
     EXPECT_STREQ("KELTO_MMP_HOME", g_cur_env);
@@ -891,7 +891,7 @@ TEST(CmConfigLocation, InitConfig_CopiesAtMost510Characters) {
     EXPECT_STREQ("/tmp/conf/kelto.cfg", szPath);
 }
 
-TEST(CmConfigLocation, ConfigFileName_IsReplaced) {
+TEST(CmConfigLocation, ReplacesTheConfigFileName) {
     ScopedLocations locations;
     set_kelto_config_file_name("other.cfg");
     char szPath[CM_CONFIG_PATH_SIZE];
@@ -901,12 +901,12 @@ TEST(CmConfigLocation, ConfigFileName_IsReplaced) {
 
 // ---- Names
 
-TEST(CmConfigExecName, RunningExecutable_IsKnown) {
+TEST(CmConfigExecName, IsThatOfTheRunningExecutable) {
     EXPECT_EQ(1u, strlen(get_exec_name()));
     EXPECT_STREQ(get_exec_name(), get_process_name());
 }
 
-TEST(CmConfigProcessName, LastComponent_Counts) {
+TEST(CmConfigProcessName, IsTheLastComponent) {
     EXPECT_STREQ("c", CmProcessNameOf("/a/b/c", "f"));
     EXPECT_STREQ("abc", CmProcessNameOf("abc", "f"));
     EXPECT_STREQ("abc", CmProcessNameOf("/abc", "f"));
@@ -915,12 +915,12 @@ TEST(CmConfigProcessName, LastComponent_Counts) {
     EXPECT_STREQ("f", CmProcessNameOf(nullptr, "f"));
 }
 
-TEST(CmConfigModule, CallerModuleName_IsFixed) {
+TEST(CmConfigModule, NamesAFixedCaller) {
     EXPECT_EQ("util.dll", getCallerModuleName("anything"));
     EXPECT_EQ("util.dll", getCallerModuleName(nullptr));
 }
 
-TEST(CmConfigParentPath, BadArguments_AreAFailure) {
+TEST(CmConfigParentPath, Fails_WhenAnArgumentIsBad) {
     char szPath[64];
     EXPECT_EQ(0, MMP_GetCurrentModuleParentPath(szPath, 0));
     EXPECT_EQ(0, MMP_GetCurrentModuleParentPath(szPath, -1));

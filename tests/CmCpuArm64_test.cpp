@@ -10,7 +10,7 @@
 namespace UTIL_NS {
 namespace {
 
-TEST(CmCpuArm64, Features_FollowFromTheAnswer) {
+TEST(CmCpuArm64, DerivesFeaturesFromTheAnswer) {
     // The bit is that of Linux's interface to programs, HWCAP_PMULL.
     EXPECT_EQ(CM_CPU_ASKED, CmCpuFeaturesOf(0));
     EXPECT_EQ(CM_CPU_ASKED, CmCpuFeaturesOf(~0x10ul));
@@ -18,7 +18,7 @@ TEST(CmCpuArm64, Features_FollowFromTheAnswer) {
     EXPECT_EQ(CM_CPU_ASKED | CM_CPU_PMULL, CmCpuFeaturesOf(~0ul));
 }
 
-TEST(CmCpuArm64, Has_AsksOnceAndWantsAll) {
+TEST(CmCpuArm64, HasAsksOnceAndWantsAll) {
     const unsigned int dwFound = CmCpuAsk();
     for (const unsigned int dwFeatures : {0u, CM_CPU_PMULL, CM_CPU_PMULL | 0x2}) {
         g_dwCmCpuFeatures = 0;
@@ -31,7 +31,7 @@ TEST(CmCpuArm64, Has_AsksOnceAndWantsAll) {
 }
 
 // The processor ends a program that uses what it lacks.
-TEST(CmCpuArm64, Feature_IsThereWhereItsInstructionRuns) {
+TEST(CmCpuArm64, HasTheFeature_WhenItsInstructionRuns) {
     const pid_t child = fork();
     ASSERT_NE(-1, child);
     if (child == 0) {
@@ -43,7 +43,7 @@ TEST(CmCpuArm64, Feature_IsThereWhereItsInstructionRuns) {
     EXPECT_EQ(CmCpuHas(CM_CPU_PMULL), WIFEXITED(nStatus) && WEXITSTATUS(nStatus) == 0);
 }
 
-TEST(CmCpuArm64, AcceleratedCode_IsChosenWhereTheProcessorHasIt) {
+TEST(CmCpuArm64, ChoosesAcceleratedCode_WhenTheProcessorHasIt) {
     const unsigned int dwFound = CmCpuAsk();
     EXPECT_EQ((dwFound & CM_CPU_PMULL) != 0, CmHasCarrylessMultiply());
     g_dwCmCpuFeatures = CM_CPU_ASKED;

@@ -11,7 +11,7 @@ namespace {
 constexpr uint32_t ALL = 0xFFFFFFFF;
 constexpr uint32_t NONE = 0;
 
-TEST(CmCpuX86, Features_FollowFromTheAnswers) {
+TEST(CmCpuX86, DerivesFeaturesFromTheAnswers) {
     // The bits are those of Intel's manual, volume 2A, CPUID, and volume 1, 13.2, XCR0.
     const struct {
         const char* reason;
@@ -36,7 +36,7 @@ TEST(CmCpuX86, Features_FollowFromTheAnswers) {
     }
 }
 
-TEST(CmCpuX86, Has_AsksOnceAndWantsAll) {
+TEST(CmCpuX86, HasAsksOnceAndWantsAll) {
     const unsigned int dwFound = CmCpuAsk();
     for (unsigned int dwFeatures = 0; dwFeatures < 16; ++dwFeatures) {
         g_dwCmCpuFeatures = 0;
@@ -48,7 +48,7 @@ TEST(CmCpuX86, Has_AsksOnceAndWantsAll) {
     g_dwCmCpuFeatures = dwFound;
 }
 
-TEST(CmCpuX86, AcceleratedCode_IsChosenWhereTheProcessorHasIt) {
+TEST(CmCpuX86, ChoosesAcceleratedCode_WhenTheProcessorHasIt) {
     unsigned char abyIn[96] = {};
     char achText[160];
     EXPECT_EQ(CmCpuHas(CM_CPU_SSSE3), CmBase64EncodeByVector(abyIn, sizeof(abyIn), achText) != 0);
@@ -56,7 +56,7 @@ TEST(CmCpuX86, AcceleratedCode_IsChosenWhereTheProcessorHasIt) {
 }
 
 // The oldest Macs that the system runs on have these, and so has what tests are run on.
-TEST(CmCpuX86, Processor_HasWhatEveryMacHas) {
+TEST(CmCpuX86, FindsWhatEveryMacHas) {
     EXPECT_TRUE(CmCpuHas(CM_CPU_SSSE3));
 }
 

@@ -34,31 +34,31 @@ uint16_t BitByBit(uint16_t aCrc, const unsigned char* aData, size_t aLength) {
     return aCrc;
 }
 
-TEST(CmCrc16, CheckValue_FromZeroIsArc) {
+TEST(CmCrc16, CheckValueIsThatOfArc_WhenItStartsFromZero) {
     unsigned short wCrc = 0;
     EXPECT_EQ(0xBB3D, CalcCRC16(wCrc, Bytes(DIGITS), 9));
     EXPECT_EQ(0xBB3D, wCrc);
 }
 
-TEST(CmCrc16, CheckValue_FromOnesIsModbus) {
+TEST(CmCrc16, CheckValueIsThatOfModbus_WhenItStartsFromOnes) {
     unsigned short wCrc = 0xFFFF;
     EXPECT_EQ(0x4B37, CalcCRC16(wCrc, Bytes(DIGITS), 9));
     EXPECT_EQ(0x4B37, wCrc);
 }
 
-TEST(CmCrc16, CalcCRC16_CarriesTheValueOverCalls) {
+TEST(CmCrc16, CalcCRC16CarriesTheValueOverCalls) {
     unsigned short wCrc = 0;
     CalcCRC16(wCrc, Bytes("12345"), 5);
     EXPECT_EQ(0xBB3D, CalcCRC16(wCrc, Bytes("6789"), 4));
 }
 
-TEST(CmCrc16, CalcCRC16_OfNothingKeepsTheValue) {
+TEST(CmCrc16, CalcCRC16KeepsTheValue_WhenThereIsNoData) {
     unsigned short wCrc = 0x1234;
     EXPECT_EQ(0x1234, CalcCRC16(wCrc, Bytes(DIGITS), 0));
     EXPECT_EQ(0x1234, wCrc);
 }
 
-TEST(CmCrc16, CalcCRC16_OfNullIsZeroWhateverTheLength) {
+TEST(CmCrc16, CalcCRC16OfNullIsZero_WhateverTheLength) {
     for (const unsigned int dwLength : {0u, 1u, 100000u}) {
         ScopedTraceSink sink;
         unsigned short wCrc = 0x1234;
@@ -70,7 +70,7 @@ TEST(CmCrc16, CalcCRC16_OfNullIsZeroWhateverTheLength) {
     }
 }
 
-TEST(CmCrc16, Tables_HoldTheReflectedPolynomial) {
+TEST(CmCrc16, TablesHoldTheReflectedPolynomial) {
     std::memset(CRC16_H_TABLE, 0x55, sizeof(CRC16_H_TABLE));
     std::memset(CRC16_L_TABLE, 0x55, sizeof(CRC16_L_TABLE));
     GenerateCRCTable();
@@ -85,7 +85,7 @@ TEST(CmCrc16, Tables_HoldTheReflectedPolynomial) {
     EXPECT_EQ(0xC0, CRC16_L_TABLE[1]);
 }
 
-TEST(CmCrc16, StepTable_IsTheByteTableFollowedByZeros) {
+TEST(CmCrc16, StepTableIsTheByteTableFollowedByZeros) {
     const std::vector<unsigned char> zeros(CRC16_STEP, 0);
     for (unsigned int i = 0; i < 256; ++i) {
         const unsigned char byData = static_cast<unsigned char>(i);
@@ -95,7 +95,7 @@ TEST(CmCrc16, StepTable_IsTheByteTableFollowedByZeros) {
     }
 }
 
-TEST(CmCrc16, EveryWay_MatchesTheDefinitionForEveryLength) {
+TEST(CmCrc16, EveryImplementationMatchesTheDefinition_WhateverTheLength) {
     const std::vector<unsigned char> data = kelto_test::RandomBytes(4096 + 16, 7);
     for (size_t nLength = 0; nLength <= 4096; ++nLength) {
         const unsigned char* pData = data.data() + nLength % 16;  // every alignment
@@ -116,7 +116,7 @@ TEST(CmCrc16, EveryWay_MatchesTheDefinitionForEveryLength) {
     }
 }
 
-TEST(CmCrc16, CalcCRC16_StaysInsideItsBuffer) {
+TEST(CmCrc16, CalcCRC16StaysInsideItsBuffer) {
     // Exact allocations: a sanitizer sees every access beyond them.
     for (size_t nLength = 1; nLength <= 300; ++nLength) {
         std::vector<unsigned char> data =
@@ -128,7 +128,7 @@ TEST(CmCrc16, CalcCRC16_StaysInsideItsBuffer) {
     }
 }
 
-TEST(CmCrc16, CalcCRC16_IsTheSameForEverySplit) {
+TEST(CmCrc16, CalcCRC16IsTheSame_WhateverTheSplit) {
     std::vector<unsigned char> data = kelto_test::RandomBytes(200000, 11);
     const uint16_t wExpected = BitByBit(0xFFFF, data.data(), data.size());
     std::mt19937 random(12);
@@ -146,7 +146,7 @@ TEST(CmCrc16, CalcCRC16_IsTheSameForEverySplit) {
     }
 }
 
-TEST(CmCrc16, CalcCRC16_IsRightWithoutMemoryForTheSingleton) {
+TEST(CmCrc16, CalcCRC16IsRight_WithoutMemoryForTheSingleton) {
     CCmCleanUpBase::CleanupAll();
     ScopedTraceSink sink;
     kelto_test::ScopedAllocationFault fault(1);
@@ -155,7 +155,7 @@ TEST(CmCrc16, CalcCRC16_IsRightWithoutMemoryForTheSingleton) {
     EXPECT_TRUE(fault.hit());
 }
 
-TEST(CmCrc16, CalcCRC16M_CoversTheChain) {
+TEST(CmCrc16, CalcCRC16MCoversTheChain) {
     CCmMessageBlock first(4, "1234", 0, 4);
     CCmMessageBlock second(5, "56789", 0, 5);
     first.Append(&second);
@@ -165,7 +165,7 @@ TEST(CmCrc16, CalcCRC16M_CoversTheChain) {
     EXPECT_EQ(9u, first.GetChainedLength());
 }
 
-TEST(CmCrc16, Tables_AreFilledByAnyCall) {
+TEST(CmCrc16, TablesAreFilled_WhateverTheCall) {
     unsigned short wCrc = 0;
     CCmMessageBlock empty;
     CCmCleanUpBase::CleanupAll();
@@ -178,7 +178,7 @@ TEST(CmCrc16, Tables_AreFilledByAnyCall) {
     EXPECT_EQ(0xC1, CRC16_H_TABLE[1]);
 }
 
-TEST(CmCrc16, CalcCRC16M_StopsAtTheLength) {
+TEST(CmCrc16, CalcCRC16MStopsAtTheLength) {
     CCmMessageBlock first(4, "1234", 0, 4);
     CCmMessageBlock second(5, "56789", 0, 5);
     first.Append(&second);
@@ -186,13 +186,13 @@ TEST(CmCrc16, CalcCRC16M_StopsAtTheLength) {
     EXPECT_EQ(BitByBit(0, Bytes("123456"), 6), CalcCRC16_m(wCrc, first, 6));
 }
 
-TEST(CmCrc16, CalcCRC16M_LengthBeyondTheDataTakesAll) {
+TEST(CmCrc16, CalcCRC16MTakesAll_WhenTheLengthIsBeyondTheData) {
     CCmMessageBlock block(9, DIGITS, 0, 9);
     unsigned short wCrc = 0;
     EXPECT_EQ(0xBB3D, CalcCRC16_m(wCrc, block, 0xFFFFFFFF));
 }
 
-TEST(CmCrc16, CalcCRC16M_SkipsEmptyBlocksWithoutTrace) {
+TEST(CmCrc16, CalcCRC16MSkipsSilently_WhenABlockIsEmpty) {
     ScopedTraceSink sink;
     CCmMessageBlock empty;
     CCmMessageBlock locked;
@@ -205,7 +205,7 @@ TEST(CmCrc16, CalcCRC16M_SkipsEmptyBlocksWithoutTrace) {
     EXPECT_TRUE(sink.lines().empty());
 }
 
-TEST(CmCrc16, CalcCRC16M_LockedBlockAddsNothingButCounts) {
+TEST(CmCrc16, CalcCRC16MAddsNothingButCounts_WhenABlockIsLocked) {
     ScopedTraceSink sink;
     CCmMessageBlock first(2, "12", 0, 2);
     CCmMessageBlock second(2, "XX", 0, 2);
@@ -224,7 +224,7 @@ TEST(CmCrc16, CalcCRC16M_LockedBlockAddsNothingButCounts) {
               sink.lines()[1].text);
 }
 
-TEST(CmCrc16, CalcCRC16M_TakesBlockLengthsModulo65536) {
+TEST(CmCrc16, CalcCRC16MTakesBlockLengthsModulo65536) {
     std::vector<unsigned char> data = kelto_test::RandomBytes(70000, 5);
     const char* pData = reinterpret_cast<const char*>(data.data());
     unsigned short wCrc = 0;

@@ -92,7 +92,7 @@ TEST(CmBase64Buffer, EncodesTwoBytesToFourCharacters) {
     EXPECT_EQ(std::memcmp(abyOut, "aGk=\xA5\xA5", 6), 0);
 }
 
-TEST(CmBase64Both, RoundTripEveryLength) {
+TEST(CmBase64Both, ComesBackUnchanged_WhateverTheLength) {
     for (size_t nLength = 0; nLength <= 300; ++nLength) {
         const CCmString strBytes =
             kelto_test::RandomBytes<CCmString>(nLength, static_cast<unsigned>(nLength));
@@ -105,7 +105,7 @@ TEST(CmBase64Both, RoundTripEveryLength) {
     }
 }
 
-TEST(CmBase64Both, RoundTripLongTexts) {
+TEST(CmBase64Both, ComesBackUnchanged_WhenTheTextIsLong) {
     for (size_t nLength : {3071, 3072, 3073, 3074, 6144, 100000, 1048576}) {
         const CCmString strBytes = kelto_test::RandomBytes<CCmString>(nLength, 7);
         const CCmString strText = Encoded(strBytes);
@@ -115,7 +115,7 @@ TEST(CmBase64Both, RoundTripLongTexts) {
     }
 }
 
-TEST(CmBase64Both, RoundTripEveryByte_InEveryPlaceOfAGroup) {
+TEST(CmBase64Both, ComesBackUnchanged_WhateverByteIsInAnyPlaceOfAGroup) {
     for (size_t nPlace = 0; nPlace < 3; ++nPlace) {
         for (int nByte = 0; nByte < 256; ++nByte) {
             CCmString strBytes = "xyz";
@@ -148,7 +148,7 @@ TEST(CmBase64String, GivesEmptyText_WithoutInput) {
     EXPECT_EQ(strBytes, "");
 }
 
-TEST(CmBase64String, WorksInPlace) {
+TEST(CmBase64String, Works_WhenInputAndOutputAreOne) {
     CCmString strText = kelto_test::RandomBytes<CCmString>(200, 1);
     const CCmString strBytes = strText;
     CM_Base64Encode(strText.data(), strText.size(), strText);
@@ -157,7 +157,7 @@ TEST(CmBase64String, WorksInPlace) {
     EXPECT_EQ(strText, strBytes);
 }
 
-TEST(CmBase64String, WorksOnAPartOfItsOutput) {
+TEST(CmBase64String, Works_WhenTheInputIsPartOfTheOutput) {
     CCmString strText = kelto_test::RandomBytes<CCmString>(200, 1);
     const CCmString strBytes = strText;
     CM_Base64Encode(strText.data() + 8, 192, strText);
@@ -197,7 +197,7 @@ struct DecodeRow {
     const char* reason;
 };
 
-TEST(CmBase64String, DecodesUpToTheFirstInvalidCharacter) {
+TEST(CmBase64String, Decodes_UntilACharacterIsInvalid) {
     const DecodeRow ROWS[] = {
         {"aGk", "hi", "no padding"},
         {"  aGk=", "hi", "leading blanks"},
@@ -225,7 +225,7 @@ TEST(CmBase64String, DecodesUpToTheFirstInvalidCharacter) {
     }
 }
 
-TEST(CmBase64String, GivesFilledByte_ForSingleCharacter) {
+TEST(CmBase64String, GivesFilledByte_WhenThereIsOneCharacter) {
     EXPECT_EQ(Decoded("A"), "\x04");
     EXPECT_EQ(Decoded("B"), "\x04");
     EXPECT_EQ(Decoded("Q"), "\x44");
@@ -240,7 +240,7 @@ TEST(CmBase64String, GivesSecondByte_WhenTheThirdCharacterIsValid) {
     EXPECT_EQ(Decoded("Q!/x"), "\x44\x0F");
 }
 
-TEST(CmBase64String, LooksAtNothingBehindTheTerminator) {
+TEST(CmBase64String, LooksAtNothing_AfterTheTerminator) {
     for (const char* pText : {"", "Q", "QU", "QUJ", "QUJD", " "}) {
         const size_t nSize = std::strlen(pText) + 1;
         std::unique_ptr<char[]> pCopy(new char[nSize]);
@@ -275,7 +275,7 @@ CCmString ReferenceDecoded(const CCmString& aText) {
     return strBytes;
 }
 
-TEST(CmBase64String, DecodesAsStated_WithInvalidByteAtEveryOffset) {
+TEST(CmBase64String, DecodesAsStated_WhateverTheOffsetOfAnInvalidByte) {
     const CCmString strText = Encoded(kelto_test::RandomBytes<CCmString>(150, 3));
     for (size_t nPlace = 0; nPlace < strText.size(); ++nPlace) {
         for (char chInvalid : {'=', '!', '\n', '\x80', '\xFF', '-'}) {
@@ -356,7 +356,7 @@ CCmString XReferenceDecoded(const CCmString& aText) {
     return strBytes;
 }
 
-TEST(CmBase64Buffer, DecodesAsStated_WithEveryByteAtEveryOffset) {
+TEST(CmBase64Buffer, DecodesAsStated_WhateverByteIsAtAnyOffset) {
     const CCmString strText = XEncoded(kelto_test::RandomBytes<CCmString>(90, 5));
     for (size_t nPlace = 0; nPlace < strText.size(); ++nPlace) {
         for (int nByte = 0; nByte < 256; ++nByte) {
@@ -394,7 +394,7 @@ TEST(CmBase64Buffer, WritesThreeBytesForEveryGroup) {
     }
 }
 
-TEST(CmBase64Buffer, DecodesAsStated_WithRandomBytes) {
+TEST(CmBase64Buffer, DecodesAsStated_WhateverTheBytes) {
     for (unsigned nSeed = 0; nSeed < 50; ++nSeed) {
         const CCmString strBytes = kelto_test::RandomBytes<CCmString>(1000 + nSeed, nSeed);
         ASSERT_EQ(XDecoded(strBytes), XReferenceDecoded(strBytes)) << nSeed;
@@ -457,7 +457,7 @@ TEST(CmUrlStringEncode, StopsBeforeTheNextByte_WhenSizeIsReached) {
     EXPECT_EQ(Escaped("a/", 3), "a%2f");
 }
 
-TEST(CmUrlStringEncode, StopsBeforeTheNextByte_AtEverySize) {
+TEST(CmUrlStringEncode, StopsBeforeTheNextByte_WhateverTheSize) {
     const CCmString strText = "ab/c de%fghi\xC3jk lmnop";
     for (int nSize = 1; nSize < 60; ++nSize) {
         CCmString strExpected;
@@ -475,7 +475,7 @@ TEST(CmUrlStringEncode, WritesTheTerminatorOnly_WithoutRoom) {
     EXPECT_EQ(Escaped("abc", -2147483647 - 1), "");
 }
 
-TEST(CmUrlStringEncode, EndsTheText_AtByteBelow16) {
+TEST(CmUrlStringEncode, EndsTheText_WhenAByteIsBelow16) {
     EXPECT_EQ(Escaped("a\nb", 100), "a%a");
     EXPECT_EQ(Escaped("\x01", 100), "%1");
     char achIn[] =
@@ -486,7 +486,7 @@ TEST(CmUrlStringEncode, EndsTheText_AtByteBelow16) {
     EXPECT_EQ(std::memcmp(achOut, "%f\0bc", 6), 0);
 }
 
-TEST(CmUrlStringEncode, AcceptsNull) {
+TEST(CmUrlStringEncode, SucceedsWithNothing_WhenTheTextIsNull) {
     char achText[] = "abc";
     EXPECT_EQ(url_string_encode(achText, nullptr, 10), nullptr);
     char achOut[4] = "xyz";
@@ -504,7 +504,7 @@ TEST(CmStrCaseRStr, FindsTheLastPlace) {
     EXPECT_EQ(CM_strcaserstr(achText, "C"), achText + 5);
 }
 
-TEST(CmStrCaseRStr, FindsOverlappingPlace) {
+TEST(CmStrCaseRStr, FindsThePlace_WhenPlacesOverlap) {
     char achText[] = "aaaa";
     EXPECT_EQ(CM_strcaserstr(achText, "aa"), achText + 2);
 }
@@ -587,7 +587,7 @@ TEST(CmStrCaseRStr, FoldsLettersOnly) {
     EXPECT_EQ(CM_strcaserstr(achText, "\xE4"), achText + 4);
 }
 
-TEST(CmObjectTracer, DoesNothing) {
+TEST(CmObjectTracer, TracesAndChangesNothing) {
     const unsigned long ulBefore = kelto_test::AllocationsOfThisThread();
     yrk::ObjectTracer();
     EXPECT_EQ(kelto_test::AllocationsOfThisThread(), ulBefore);

@@ -16,7 +16,7 @@ struct Fits {
     const char* pszReason;
 };
 
-TEST(CmEncodingXtoa, Writes_WhatFits) {
+TEST(CmEncodingXtoa, Writes_WhenTheTextFits) {
     const Fits rows[] = {
         {-45, 4, "-45", "sign, digits and terminator fill the buffer"},
         {0, 3, "-0", "zero has a sign"},
@@ -44,7 +44,7 @@ struct Refused {
     const char* pszReason;
 };
 
-TEST(CmEncodingXtoa, Refuses_WhatDoesNotFit) {
+TEST(CmEncodingXtoa, Refuses_WhenTheTextDoesNotFit) {
     const Refused rows[] = {
         {1234567, 4, "seven digits in three characters"}, {-45, 3, "no room for the sign"},
         {100, 3, "no room for the last digit"},           {LLONG_MAX, 19, "one character short"},
@@ -60,7 +60,7 @@ TEST(CmEncodingXtoa, Refuses_WhatDoesNotFit) {
     }
 }
 
-TEST(CmEncodingXtoa, Refuses_BuffersBelowThreeBytes) {
+TEST(CmEncodingXtoa, Refuses_WhenTheBufferHasLessThanThreeBytes) {
     for (int nSize : {2, 1, 0, -1, INT_MIN}) {
         char achBuffer[] = "zzz";
         EXPECT_EQ(CM_ERROR_FAILURE, xtoa_yrk<long long>(1, achBuffer, nSize)) << nSize;
@@ -68,7 +68,7 @@ TEST(CmEncodingXtoa, Refuses_BuffersBelowThreeBytes) {
     }
 }
 
-TEST(CmEncodingXtoa, Refuses_ANullBuffer) {
+TEST(CmEncodingXtoa, Refuses_WhenTheBufferIsNull) {
     EXPECT_EQ(CM_ERROR_FAILURE, xtoa_yrk<long long>(1, nullptr, 65));
 }
 

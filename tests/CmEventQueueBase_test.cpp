@@ -197,7 +197,7 @@ TEST(CmEventQueueBase, NamesTheConsumer_WhenItReportsALongQueue) {
                        " this="));
 }
 
-TEST(CmEventQueueBase, ReadsTheClockOnce_PerPost) {
+TEST(CmEventQueueBase, ReadsTheClockOncePerPost) {
     kelto_test::ScopedClock clock;
     EventLog log;
     CCmEventQueueUsingConditionVariable queue;
@@ -397,7 +397,7 @@ TEST(CmEventQueueBase, NotReported_WhenOnlyTheLineBeforeWasSlow) {
     EXPECT_EQ(1, g_nSlowSinkLines);
 }
 
-TEST(CmEventQueueBase, ReadsTheClockAtMostTwice_PerEvent) {
+TEST(CmEventQueueBase, ReadsTheClockAtMostTwicePerEvent) {
     kelto_test::ScopedClock clock;
     EventLog log;
     CCmEventQueueBase queue;

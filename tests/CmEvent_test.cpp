@@ -133,7 +133,7 @@ class NoQueueThread : public ACmThread {
     void OnThreadRun() override {}
 };
 
-TEST(CmPost, RefusesAThreadWithoutAQueue) {
+TEST(CmPost, Refuses_WhenTheThreadHasNoQueue) {
     NoQueueThread thread;
     std::atomic<int> ends{0};
     EXPECT_EQ(CM_ERROR_NULL_POINTER, CmPost(thread, [counter = EndCounter(ends)] {}));
@@ -177,7 +177,7 @@ TEST(CmCall, ReturnsTheValue) {
     EXPECT_EQ("here", std::move(copy).ValueOr("none"));
 }
 
-TEST(CmCall, RunsAfterWhatWasPostedBefore) {
+TEST(CmCall, RunsInTurn_AfterWhatWasPosted) {
     TaskThread worker;
     int nPosted = 0;
     for (int i = 0; i < 10; ++i) {
@@ -186,7 +186,7 @@ TEST(CmCall, RunsAfterWhatWasPostedBefore) {
     EXPECT_EQ(10, *CmCall(*worker, [&nPosted] { return nPosted; }));
 }
 
-TEST(CmCall, RunsAtOnce_OnTheTargetsOwnThread) {
+TEST(CmCall, RunsAtOnce_WhenOnTheTargetsOwnThread) {
     CCmWorker worker;
     std::vector<int> order;
     EXPECT_TRUE(CmCall(worker, [&] {
@@ -198,7 +198,7 @@ TEST(CmCall, RunsAtOnce_OnTheTargetsOwnThread) {
     EXPECT_EQ((std::vector<int>{1, 1, 2}), order);
 }
 
-TEST(CmCall, DestroysTheCallableBeforeTheCallerGoesOn) {
+TEST(CmCall, DestroysTheCallable_BeforeTheCallerGoesOn) {
     TaskThread worker;
     for (int i = 0; i < 200; ++i) {
         std::atomic<int> ends{0};
@@ -339,7 +339,7 @@ TEST(CmCall, SaysSo_WhenMemoryRunsOut) {
 }
 
 // What the callable captured by reference would be gone otherwise.
-TEST(CmCall, IsNotCancelledWhileItWaits) {
+TEST(CmCall, IsNotCancelled_WhileItWaits) {
     TaskThread worker;
     for (const bool bLimited : {false, true}) {
         Gate gate;
@@ -412,7 +412,7 @@ TEST(CmCall, LeavesNothingBehind) {
     EXPECT_EQ(lLive, LiveAllocations());
 }
 
-TEST(CmCall, SeveralThreadsCallAndGiveUp) {
+TEST(CmCall, LosesNothing_WhenSeveralThreadsCallAndGiveUp) {
     CCmWorker worker;
     std::atomic<long> lRan{0};
     std::atomic<long> lCounted{0};
@@ -468,7 +468,7 @@ class CmPostLater : public testing::Test {
 typedef testing::Types<OnWorker, OnTaskThread> Workers;
 TYPED_TEST_SUITE(CmPostLater, Workers, );
 
-TYPED_TEST(CmPostLater, Delayed_RunsOnceAndNotEarly) {
+TYPED_TEST(CmPostLater, DelayedRunsOnceAndNotEarly) {
     Gate ran;
     pthread_t thread = pthread_t();
     std::atomic<int> runs{0};
@@ -491,7 +491,7 @@ TYPED_TEST(CmPostLater, Delayed_RunsOnceAndNotEarly) {
     EXPECT_EQ(1, runs);
 }
 
-TYPED_TEST(CmPostLater, Delayed_RunsInTheOrderOfTheirTimes) {
+TYPED_TEST(CmPostLater, DelayedRunsInTheOrderOfTheirTimes) {
     std::vector<int> order;
     Gate done;
     CmCall(this->m_worker.thread(), [&] {
@@ -505,7 +505,7 @@ TYPED_TEST(CmPostLater, Delayed_RunsInTheOrderOfTheirTimes) {
     EXPECT_EQ((std::vector<int>{0, 1, 2, 3}), order);
 }
 
-TYPED_TEST(CmPostLater, Delayed_WakesAWorkerThatWaitsForSomethingLater) {
+TYPED_TEST(CmPostLater, DelayedWakesTheWorker_WhenItWaitsForSomethingLater) {
     Gate late;
     Gate soon;
     auto later = CmPostDelayed(this->m_worker.thread(), 100s, [&] { late.Open(); });
@@ -515,7 +515,7 @@ TYPED_TEST(CmPostLater, Delayed_WakesAWorkerThatWaitsForSomethingLater) {
     EXPECT_EQ(CM_OK, later.Cancel());
 }
 
-TYPED_TEST(CmPostLater, Every_RunsAgainAndAgainAndTellsWhatWasDue) {
+TYPED_TEST(CmPostLater, EveryRunsAgainAndAgainAndTellsWhatWasDue) {
     std::vector<CCmTimerFiring> firings;
     Gate done;
     CCmTimerHandle handle;
@@ -550,7 +550,7 @@ TYPED_TEST(CmPostLater, Every_RunsAgainAndAgainAndTellsWhatWasDue) {
     EXPECT_EQ(CM_ERROR_NOT_FOUND, handle.Cancel());
 }
 
-TYPED_TEST(CmPostLater, Every_RefusesAnIntervalThatIsNone) {
+TYPED_TEST(CmPostLater, EveryRefuses_WhenTheIntervalIsNone) {
     std::atomic<int> ends{0};
     for (const CCmTimeValue& tvInterval : {CCmTimeValue(0), CCmTimeValue(-1)}) {
         const auto handle =
@@ -561,7 +561,7 @@ TYPED_TEST(CmPostLater, Every_RefusesAnIntervalThatIsNone) {
     EXPECT_EQ(2, ends);
 }
 
-TYPED_TEST(CmPostLater, Cancel_DestroysTheCallableAtOnce) {
+TYPED_TEST(CmPostLater, CancelDestroysTheCallableAtOnce) {
     std::atomic<int> ends{0};
     std::atomic<int> runs{0};
     CCmTimerHandle handle = CmPostDelayed(this->m_worker.thread(), 10s,
@@ -575,7 +575,7 @@ TYPED_TEST(CmPostLater, Cancel_DestroysTheCallableAtOnce) {
     EXPECT_EQ(0, runs);
 }
 
-TYPED_TEST(CmPostLater, Cancel_DoesNotWaitForTheBusyWorker) {
+TYPED_TEST(CmPostLater, CancelDoesNotWait_WhenTheWorkerIsBusy) {
     this->Block();
     std::atomic<int> ends{0};
     CCmTimerHandle handle =
@@ -585,7 +585,7 @@ TYPED_TEST(CmPostLater, Cancel_DoesNotWaitForTheBusyWorker) {
     this->m_gate.Open();
 }
 
-TYPED_TEST(CmPostLater, Cancel_SaysThatItRuns_AndCancelAndWaitWaits) {
+TYPED_TEST(CmPostLater, CancelSaysSoAndCancelAndWaitWaits_WhenItRuns) {
     Gate begun;
     std::atomic<bool> bEnded{false};
     std::atomic<int> ends{0};
@@ -606,7 +606,7 @@ TYPED_TEST(CmPostLater, Cancel_SaysThatItRuns_AndCancelAndWaitWaits) {
     EXPECT_FALSE(handle.IsPending());
 }
 
-TYPED_TEST(CmPostLater, WorkerEnds_DestroysWhatIsPending) {
+TYPED_TEST(CmPostLater, DestroysWhatIsPending_WhenTheWorkerEnds) {
     std::atomic<int> ends{0};
     std::atomic<int> runs{0};
     CCmTimerHandle handle;
@@ -622,7 +622,7 @@ TYPED_TEST(CmPostLater, WorkerEnds_DestroysWhatIsPending) {
     EXPECT_EQ(CM_ERROR_NOT_FOUND, handle.CancelAndWait());
 }
 
-TYPED_TEST(CmPostLater, WorkerStopped_Refuses) {
+TYPED_TEST(CmPostLater, Refuses_WhenTheWorkerIsStopped) {
     this->m_worker.thread().Stop(nullptr);
     std::atomic<int> ends{0};
     const auto handle =
@@ -651,7 +651,7 @@ TYPED_TEST(CmPostLater, SaysSo_WhenMemoryRunsOut) {
     EXPECT_TRUE(bSucceeded);
 }
 
-TYPED_TEST(CmPostLater, ManyThreadsPostAndCancel) {
+TYPED_TEST(CmPostLater, LosesNothing_WhenManyThreadsPostAndCancel) {
     std::atomic<int> ends{0};
     std::atomic<int> runs{0};
     std::atomic<int> cancelled{0};
@@ -681,7 +681,7 @@ TYPED_TEST(CmPostLater, ManyThreadsPostAndCancel) {
     EXPECT_LE(4 * EACH, runs + cancelled);  // one that ran meanwhile counts twice
 }
 
-TEST(CmPostDelayed, GoesAheadOfTheBacklog_OnACmWorker) {
+TEST(CmPostDelayed, GoesAheadOfTheBacklog_WhenOnACmWorker) {
     CCmWorker worker;
     Gate gate;
     CmPost(worker, [&gate] { gate.Wait(); });
@@ -719,7 +719,7 @@ TEST(CmPostDelayed, LeavesNothingBehind) {
     EXPECT_EQ(lLive, LiveAllocations());
 }
 
-TEST(CmTimerHandle, NamesNothing_AtFirst) {
+TEST(CmTimerHandle, NamesNothing_BeforeItIsSet) {
     CCmTimerHandle handle;
     EXPECT_FALSE(handle.IsPending());
     EXPECT_EQ(CM_ERROR_NOT_FOUND, handle.Result());

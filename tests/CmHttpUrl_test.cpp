@@ -58,7 +58,7 @@ TEST(CmHttpUrl, NamesTheSchemes) {
     EXPECT_STREQ(CCmHttpUrl::get_pszSchemeFile(), "file");
 }
 
-TEST(CmHttpUrl, TakesAllPartsApart_WithBlanksAround) {
+TEST(CmHttpUrl, TakesAllPartsApart_WhenBlanksAreAround) {
     CCmHttpUrl url;
     EXPECT_TRUE(url.Init("  HTTP://h:8080/a/b "));
     EXPECT_EQ(url.GetScheme(), "http");
@@ -68,7 +68,7 @@ TEST(CmHttpUrl, TakesAllPartsApart_WithBlanksAround) {
     EXPECT_EQ(url.GetAsciiSpec(), "http://h:8080/a/b");
 }
 
-TEST(CmHttpUrl, TakesDefaults_WithHostAlone) {
+TEST(CmHttpUrl, TakesDefaults_WhenTheHostIsAlone) {
     CCmHttpUrl url;
     EXPECT_TRUE(url.Init("https://h"));
     EXPECT_EQ(url.GetPort(), 443);
@@ -83,18 +83,18 @@ TEST(CmHttpUrl, TakesDefaultPort_WhenPortIsZero) {
     EXPECT_EQ(url.GetPort(), 80);
 }
 
-TEST(CmHttpUrl, Fails_WithEmptyHost) {
+TEST(CmHttpUrl, Fails_WhenTheHostIsEmpty) {
     CCmHttpUrl url;
     EXPECT_FALSE(url.Init("http://:80/"));
 }
 
-TEST(CmHttpUrl, SplitsAtFirstColon_WithAddressInBrackets) {
+TEST(CmHttpUrl, SplitsAtFirstColon_WhenTheAddressIsInBrackets) {
     CCmHttpUrl url;
     EXPECT_TRUE(url.Init("http://[::1]:80/"));
     EXPECT_EQ(url.GetHostName(), "[");
 }
 
-TEST(CmHttpUrl, TracesTheText_OnInit) {
+TEST(CmHttpUrl, TracesTheText_WhenInitialised) {
     ScopedTraceSink sink;
     CCmHttpUrl url;
     url.Init(" http://h/x ");
@@ -104,7 +104,7 @@ TEST(CmHttpUrl, TracesTheText_OnInit) {
               "UTIL INFO: CCmHttpUrl::Init aSepc =  http://h/x  this=0x#");
 }
 
-TEST(CmHttpUrl, TracesOwnAddress_OnInit) {
+TEST(CmHttpUrl, TracesOwnAddress_WhenInitialised) {
     ScopedTraceSink sink;
     CCmHttpUrl url;
     url.Init("");
@@ -124,7 +124,7 @@ TEST(CmHttpUrl, TracesOnlyTheText_WhenEmpty) {
               "UTIL INFO: CCmHttpUrl::Init aSepc =     this=0x#");
 }
 
-TEST(CmHttpUrl, TracesAnError_WithUnknownScheme) {
+TEST(CmHttpUrl, TracesAnError_WhenTheSchemeIsUnknown) {
     ScopedTraceSink sink;
     CCmHttpUrl url;
     EXPECT_FALSE(url.Init(" ftp://h/"));
@@ -136,7 +136,7 @@ TEST(CmHttpUrl, TracesAnError_WithUnknownScheme) {
               "UTIL ERROR: CCmHttpUrl::Init error format, scheme =  ftp://h/ this=0x#");
 }
 
-TEST(CmHttpUrl, KnowsNoScheme_ThatDiffersInOneLetter) {
+TEST(CmHttpUrl, KnowsNoScheme_WhenOneLetterDiffers) {
     for (const char* pszSpec : {"xttp://h/", "hxtp://h/", "httx://h/", "http;//h/", "http:x/h/",
                                 "http:/xh/", "xs://h/", "wx://h/", "xss://h/", "xile://h/"}) {
         CCmHttpUrl url;
@@ -144,7 +144,7 @@ TEST(CmHttpUrl, KnowsNoScheme_ThatDiffersInOneLetter) {
     }
 }
 
-TEST(CmHttpUrl, TracesNoError_WithEmptyHost) {
+TEST(CmHttpUrl, TracesNoError_WhenTheHostIsEmpty) {
     ScopedTraceSink sink;
     CCmHttpUrl url;
     EXPECT_FALSE(url.Init("http:///x"));
@@ -234,7 +234,7 @@ TEST(CmHttpUrl, SetsNameAndPort) {
     EXPECT_EQ(url.GetAsciiSpec(), "http://g:2/p");
 }
 
-TEST(CmHttpUrl, SetsDefaultPort_WithNameAlone) {
+TEST(CmHttpUrl, SetsDefaultPort_WhenTheNameIsAlone) {
     CCmHttpUrl url;
     url.Init("https://h:1/p");
     EXPECT_TRUE(url.SetNameAndPort("g"));
@@ -250,7 +250,7 @@ TEST(CmHttpUrl, SetsPort_BeforeItRefusesEmptyHost) {
     EXPECT_EQ(url.GetAsciiSpec(), "http://:90/p");
 }
 
-TEST(CmHttpUrl, KeepsBlanksAndSlashes_InNameAndPort) {
+TEST(CmHttpUrl, KeepsBlanksAndSlashes_WhenNameAndPortAreSet) {
     CCmHttpUrl url;
     url.Init("http://h/");
     EXPECT_TRUE(url.SetNameAndPort(" a/b : 7/c"));
@@ -331,7 +331,7 @@ TEST(CmHttpUrl, PrintsSlash_WhenFilePathIsEmpty) {
     EXPECT_EQ(url.GetAsciiSpec(), "file:///");
 }
 
-TEST(CmHttpUrl, ReturnsTheCachedForm_AsCopy) {
+TEST(CmHttpUrl, ReturnsACopyOfTheCachedForm) {
     CCmHttpUrl url;
     url.Init("http://h/p");
     CCmString strFirst = url.GetAsciiSpec();
@@ -367,7 +367,7 @@ TEST(CmHttpUrl, PrintsPort_WhenAskedOrNotDefault) {
     }
 }
 
-TEST(CmHttpUrl, AllocatesOnlyResultStrings_OnInit) {
+TEST(CmHttpUrl, AllocatesOnlyResultStrings_WhenInitialised) {
     // The first line of a process makes the trace facility, which allocates.
     CCmT120Trace::instance();
     CCmHttpUrl url;
@@ -421,7 +421,7 @@ TEST(CmHttpUrl, GettersReturnEmptyText_WhenMemoryRunsOut) {
     EXPECT_EQ(url.GetAsciiSpec(), CCmString("http://") + LONG_HOST + "/" + LONG_HOST);
 }
 
-TEST(CmHttpUrl, KeepsEmbeddedNul_InHostAndPath) {
+TEST(CmHttpUrl, KeepsANul_WhenItIsInHostOrPath) {
     CCmHttpUrl url;
     EXPECT_TRUE(url.Init(CCmString("http://a\0b:81/c\0d", 17)));
     EXPECT_EQ(url.GetHostName(), CCmString("a\0b", 3));
@@ -567,7 +567,7 @@ TEST(CmTrimString, RemovesBlanksOnly) {
     EXPECT_EQ(strText, "\t x \n");
 }
 
-TEST(CmTrimString, LeavesNothing_OfBlanks) {
+TEST(CmTrimString, LeavesNothing_WhenThereAreOnlyBlanks) {
     CCmString strLeft = "   ";
     LTrimString(strLeft, CCmIsSpace());
     EXPECT_EQ(strLeft, "");
@@ -576,7 +576,7 @@ TEST(CmTrimString, LeavesNothing_OfBlanks) {
     EXPECT_EQ(strRight, "");
 }
 
-TEST(CmTrimString, LeavesEmptyText) {
+TEST(CmTrimString, ChangesNothing_WhenTheTextIsEmpty) {
     CCmString strText;
     LTrimString(strText, CCmIsSpace());
     RTrimString(strText, CCmIsSpace());

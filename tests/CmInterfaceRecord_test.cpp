@@ -59,19 +59,19 @@ class CmInterfaceRecord : public testing::Test {
 typedef testing::Types<Fixed, Variable> Layouts;
 TYPED_TEST_SUITE(CmInterfaceRecord, Layouts, );
 
-TYPED_TEST(CmInterfaceRecord, Record_IsTakenApart) {
+TYPED_TEST(CmInterfaceRecord, IsTakenApart) {
     EXPECT_EQ(TypeParam::IPV4_LENGTH, this->Read(TypeParam::Make("eth0", AF_INET)));
     EXPECT_STREQ("eth0", this->m_interface.m_szName);
     EXPECT_EQ(AF_INET, this->m_interface.m_nFamily);
     EXPECT_EQ(0, memcmp(this->m_interface.m_abyAddress + 4, "\x0A\0\0\x07", 4));
 }
 
-TYPED_TEST(CmInterfaceRecord, NameOf16Characters_IsTerminated) {
+TYPED_TEST(CmInterfaceRecord, TerminatesTheName_WhenItHas16Characters) {
     this->Read(TypeParam::Make("0123456789abcdef", AF_INET));
     EXPECT_STREQ("0123456789abcdef", this->m_interface.m_szName);
 }
 
-TYPED_TEST(CmInterfaceRecord, Walk_VisitsRecordsOfEveryLength) {
+TYPED_TEST(CmInterfaceRecord, WalkVisitsEveryRecord_WhateverItsLength) {
     std::vector<char> records;
     for (const auto& [sName, nFamily] : std::vector<std::pair<std::string, int>>{
              {"lo", AF_INET}, {"lo", AF_INET6}, {"eth0", AF_INET}}) {
@@ -93,7 +93,7 @@ TYPED_TEST(CmInterfaceRecord, Walk_VisitsRecordsOfEveryLength) {
               lengths);
 }
 
-TYPED_TEST(CmInterfaceRecord, IncompleteRecord_IsNone) {
+TYPED_TEST(CmInterfaceRecord, IsNone_WhenItIsIncomplete) {
     const std::vector<char> whole = TypeParam::Make("eth0", AF_INET);
     for (size_t nLength = 0; nLength < whole.size(); ++nLength) {
         EXPECT_EQ(0u, this->Read(std::vector<char>(whole.begin(),
@@ -102,7 +102,7 @@ TYPED_TEST(CmInterfaceRecord, IncompleteRecord_IsNone) {
     }
 }
 
-TEST(CmInterfaceRecordVariable, ShortAddress_TakesTheRoomOfThirtyTwoBytes) {
+TEST(CmInterfaceRecordVariable, TakesTheRoomOfThirtyTwoBytes_WhenTheAddressIsShort) {
     std::vector<char> record(32);
     CmPortInterface interface;
     for (const char chLength : {0, 1, 15, 16}) {
@@ -115,7 +115,7 @@ TEST(CmInterfaceRecordVariable, ShortAddress_TakesTheRoomOfThirtyTwoBytes) {
               CmReadInterface<CCmVariableInterfaceRecord>(record.data(), record.size(), interface));
 }
 
-TEST(CmInterfaceRecordVariable, LongestAddress_IsUnsigned) {
+TEST(CmInterfaceRecordVariable, TakesTheLengthAsUnsigned_WhenTheAddressIsTheLongest) {
     std::vector<char> record(16 + 255);
     CmPortInterface interface;
     record[16] = static_cast<char>(255);

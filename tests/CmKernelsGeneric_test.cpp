@@ -7,13 +7,13 @@
 namespace UTIL_NS {
 namespace {
 
-TEST(CmKernelsGeneric, NoKernel_IsThere) {
+TEST(CmKernelsGeneric, NoKernelIsThere) {
     EXPECT_EQ(nullptr, g_base64Kernels[0].m_pszName);
     EXPECT_EQ(nullptr, g_crc16Kernels[0].m_pszName);
     EXPECT_FALSE(CmHasCarrylessMultiply());
 }
 
-TEST(CmKernelsGeneric, Multiplication_IsThatOfTheTable) {
+TEST(CmKernelsGeneric, MultiplicationIsThatOfTheTable) {
     unsigned char abyData[64];
     for (unsigned int i = 0; i < sizeof(abyData); ++i) {
         abyData[i] = static_cast<unsigned char>(i * 37);

@@ -24,7 +24,7 @@ using kelto_test::FailingCall;
 using kelto_test::Gate;
 using kelto_test::ScopedAllocationFault;
 
-TEST(CCmLifeGuard, RunsWhileItLives) {
+TEST(CCmLifeGuard, Runs_WhileItLives) {
     CCmWorker worker;
     int nRan = 0;
     {
@@ -38,7 +38,7 @@ TEST(CCmLifeGuard, RunsWhileItLives) {
     EXPECT_EQ(7, nRan);
 }
 
-TEST(CCmLifeGuard, DoesNotRunAfterwards) {
+TEST(CCmLifeGuard, RunsNothing_AfterItsEnd) {
     CCmWorker worker;
     Gate gate;
     CmPost(worker, [&gate] { gate.Wait(); });
@@ -57,7 +57,7 @@ TEST(CCmLifeGuard, DoesNotRunAfterwards) {
     EXPECT_EQ(2, ends);
 }
 
-TEST(CCmLifeGuard, WaitsForTheCallableThatRuns) {
+TEST(CCmLifeGuard, WaitsForTheCallable_WhenItRuns) {
     CCmWorker worker;
     std::optional<CCmLifeGuard> guard;
     guard.emplace();
@@ -90,7 +90,7 @@ TEST(CCmLifeGuard, WaitsAllTheSame_WhenTheWaitFails) {
     runner.join();
 }
 
-TEST(CCmLifeGuard, EndsInsideItsOwnCallable) {
+TEST(CCmLifeGuard, Ends_WhenInsideItsOwnCallable) {
     CCmWorker worker;
     auto pGuard = std::make_unique<CCmLifeGuard>();
     std::atomic<int> ran{0};
@@ -136,7 +136,7 @@ TEST(CCmLifeGuard, RunsNothing_WhenMemoryRanOut) {
 }
 
 // An object that ends while callables for it arrive from and run on several threads.
-TEST(CCmLifeGuard, KeepsCallablesOffAnObjectThatEnds) {
+TEST(CCmLifeGuard, KeepsCallablesOffAnObject_WhenItEnds) {
     struct Object {
         explicit Object(std::atomic<int>& aUses) : m_uses(aUses) {}
         ~Object() {

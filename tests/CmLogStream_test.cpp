@@ -60,7 +60,7 @@ INSTANTIATE_TEST_SUITE_P(All, CmLogStreamLevelFunction,
                                          LevelFunctionCase{"error", ccu_trace_error}),
                          [](const auto& aInfo) { return std::string(aInfo.param.name); });
 
-TEST_P(CmLogStreamLevelFunction, DeliversTheFormattedText_AtLevel2) {
+TEST_P(CmLogStreamLevelFunction, DeliversTheFormattedTextAtLevel2) {
     EXPECT_EQ(1, GetParam().function("net", "fd=%d name=%s", 7, "eth0"));
     const std::vector<TraceCall> calls = m_library.calls();
     ASSERT_EQ(1u, calls.size());
@@ -123,7 +123,7 @@ TEST_P(CmLogStreamLevelFunction, DeliversNothing_WhenTheThresholdRisesBeforeTheE
     EXPECT_TRUE(m_library.calls().empty());
 }
 
-TEST_P(CmLogStreamLevelFunction, CutsATextAt131071Characters) {
+TEST_P(CmLogStreamLevelFunction, CutsTheText_After131071Characters) {
     const std::string sText = TextOfLength(131072);
     GetParam().function("net", "%s", sText.c_str());
     std::string sDelivered;
@@ -142,33 +142,33 @@ TEST_P(CmLogStreamLevelFunction, KeepsErrno) {
     EXPECT_EQ(1u, m_library.calls().size());
 }
 
-TEST_P(CmLogStreamLevelFunction, SwallowsAnException) {
+TEST_P(CmLogStreamLevelFunction, SwallowsIt_WhenAnExceptionIsThrown) {
     m_library.ThrowOnCall(1);
     EXPECT_EQ(1, GetParam().function("net", "text"));
     EXPECT_EQ(1, GetParam().function("net", "next"));
     EXPECT_EQ((Texts{"text", "next"}), m_library.texts());
 }
 
-TEST(CmLogStream, LevelFunction_PrintsAPlainTextAsItIs) {
+TEST(CmLogStream, LevelFunctionPrintsAPlainTextAsItIs) {
     ScopedTraceLibrary library;
     ccu_trace_info("net", "%s", "100%s %n %d");
     EXPECT_EQ(Texts{"100%s %n %d"}, library.texts());
 }
 
-TEST(CmLogStream, LevelFunction_PrintsANullTextAsPrintfDoes) {
+TEST(CmLogStream, LevelFunctionPrintsWhatPrintfDoes_WhenTheTextIsNull) {
     ScopedTraceLibrary library;
     const char* volatile pszNull = nullptr;
     ccu_trace_info("net", "%s", pszNull);
     EXPECT_EQ(Texts{"(null)"}, library.texts());
 }
 
-TEST(CmLogStream, LevelFunction_DeliversAnEmptyText) {
+TEST(CmLogStream, LevelFunctionDeliversIt_WhenTheTextIsEmpty) {
     ScopedTraceLibrary library;
     ccu_trace_info("net", "%s", "");
     EXPECT_EQ(Texts{""}, library.texts());
 }
 
-TEST(CmLogStream, LevelFunction_DeliversAnEmptyText_WhenACharacterHasNoEncoding) {
+TEST(CmLogStream, LevelFunctionDeliversAnEmptyText_WhenACharacterHasNoEncoding) {
     ScopedTraceLibrary library;
     EXPECT_EQ(1, ccu_trace_error("net", "%lc", static_cast<wint_t>(0x110000)));
     EXPECT_EQ(Texts{""}, library.texts());
@@ -176,7 +176,7 @@ TEST(CmLogStream, LevelFunction_DeliversAnEmptyText_WhenACharacterHasNoEncoding)
 
 #ifdef __GLIBC__
 // A text that fits the stack buffer, and one that does not.
-TEST_P(CmLogStreamLevelFunction, PrintsTheCallersErrno_WithPercentM) {
+TEST_P(CmLogStreamLevelFunction, PrintsTheCallersErrno_WhenTheFormatHasPercentM) {
     m_library.SetErrno(EBUSY);
     size_t nBefore = 0;
     for (const size_t nLength : {size_t{3}, size_t{5000}}) {
@@ -194,7 +194,7 @@ TEST_P(CmLogStreamLevelFunction, PrintsTheCallersErrno_WithPercentM) {
 }
 #endif
 
-TEST(CmLogStream, LevelFunction_FormatsWhole_AroundTheStackBuffer) {
+TEST(CmLogStream, LevelFunctionFormatsTheWhole_WhenTheTextIsAsLongAsTheStackBuffer) {
     for (size_t nLength : {1022u, 1023u, 1024u, 1025u, 2047u}) {
         ScopedTraceLibrary library;
         const std::string sText = TextOfLength(nLength - 1);
@@ -203,7 +203,7 @@ TEST(CmLogStream, LevelFunction_FormatsWhole_AroundTheStackBuffer) {
     }
 }
 
-TEST(CmLogStream, LevelFunction_DeliversUpToTheFirstNul) {
+TEST(CmLogStream, LevelFunctionDeliversUpToTheFirstNul) {
     for (size_t nBehind : {1u, 1100u, 3000u, 131072u}) {
         ScopedTraceLibrary library;
         ccu_trace_info("net", "ab%c%s", 0, TextOfLength(nBehind).c_str());
@@ -213,7 +213,7 @@ TEST(CmLogStream, LevelFunction_DeliversUpToTheFirstNul) {
     }
 }
 
-TEST(CmLogStream, LevelFunction_AllocatesNothingForADroppedLine) {
+TEST(CmLogStream, LevelFunctionAllocatesNothing_WhenTheLineIsDropped) {
     ScopedTraceLibrary library;
     library.SetThreshold(3);
     const unsigned long ulBefore = kelto_test::AllocationsOfThisThread();
@@ -230,7 +230,7 @@ bool IsOnStack(const void* aAddress) {
     return there > here - 65536 && there < here + 65536;
 }
 
-TEST(CmLogStream, LevelFunction_DeliversAPlainTextFromWhereItStands) {
+TEST(CmLogStream, LevelFunctionDeliversAPlainTextFromWhereItStands) {
     ScopedTraceLibrary library;
     const std::string sText = TextOfLength(2047);
     const unsigned long ulBefore = kelto_test::AllocationsOfThisThread();
@@ -239,7 +239,7 @@ TEST(CmLogStream, LevelFunction_DeliversAPlainTextFromWhereItStands) {
     EXPECT_EQ(ulBefore, library.lastAllocations());
 }
 
-TEST(CmLogStream, LevelFunction_FormatsAUsualLineOnTheStack) {
+TEST(CmLogStream, LevelFunctionAllocatesNothing_WhenTheLineIsOfUsualLength) {
     ScopedTraceLibrary library;
     const std::string sText = TextOfLength(1022);
     const unsigned long ulBefore = kelto_test::AllocationsOfThisThread();
@@ -271,47 +271,47 @@ std::vector<size_t> PieceLengths(size_t aLength) {
     return lengths;
 }
 
-TEST(CmLogStream, Pieces_OneWithNullPrefix_For2046Characters) {
+TEST(CmLogStream, PiecesAreOneWithNullPrefix_WhenThereAre2046Characters) {
     EXPECT_EQ((std::vector<size_t>{2046}), PieceLengths(2046));
 }
 
-TEST(CmLogStream, Pieces_OneWithNullPrefix_For2047Characters) {
+TEST(CmLogStream, PiecesAreOneWithNullPrefix_WhenThereAre2047Characters) {
     EXPECT_EQ((std::vector<size_t>{2047}), PieceLengths(2047));
 }
 
-TEST(CmLogStream, Pieces_Two_For2048Characters) {
+TEST(CmLogStream, PiecesAreTwo_WhenThereAre2048Characters) {
     EXPECT_EQ((std::vector<size_t>{2047, 1}), PieceLengths(2048));
 }
 
 // Length 4094 with its terminator: a multiple of 2047.
-TEST(CmLogStream, Pieces_Two_For4093Characters) {
+TEST(CmLogStream, PiecesAreTwo_WhenThereAre4093Characters) {
     EXPECT_EQ((std::vector<size_t>{2047, 2046}), PieceLengths(4093));
 }
 
 // The terminator alone makes the third piece.
-TEST(CmLogStream, Pieces_TwoAndAnEmptyOne_For4094Characters) {
+TEST(CmLogStream, PiecesAreTwoAndAnEmptyOne_WhenThereAre4094Characters) {
     EXPECT_EQ((std::vector<size_t>{2047, 2047, 0}), PieceLengths(4094));
 }
 
-TEST(CmLogStream, Pieces_Three_For4095Characters) {
+TEST(CmLogStream, PiecesAreThree_WhenThereAre4095Characters) {
     EXPECT_EQ((std::vector<size_t>{2047, 2047, 1}), PieceLengths(4095));
 }
 
 // 100001 bytes: 48 times 2047 and 1744, without the terminator.
-TEST(CmLogStream, Pieces_FortyNine_For100000Characters) {
+TEST(CmLogStream, PiecesAreFortyNine_WhenThereAre100000Characters) {
     std::vector<size_t> expected(48, 2047);
     expected.push_back(1744);
     EXPECT_EQ(expected, PieceLengths(100000));
 }
 
-TEST(CmLogStream, Pieces_StopAtAnException) {
+TEST(CmLogStream, PiecesStop_WhenAnExceptionIsThrown) {
     ScopedTraceLibrary library;
     library.ThrowOnCall(2);
     ccu_trace_error("net", "%s", TextOfLength(10000).c_str());
     EXPECT_EQ(2u, library.calls().size());
 }
 
-TEST(CmLogStream, Stream_DeliversWhatWasInserted_AtItsEnd) {
+TEST(CmLogStream, StreamDeliversWhatWasInserted_WhenItEnds) {
     ScopedTraceLibrary library;
     {
         ccu::logstream<char> stream(9, "media");
@@ -326,13 +326,13 @@ TEST(CmLogStream, Stream_DeliversWhatWasInserted_AtItsEnd) {
     EXPECT_EQ("rate=48000 ff", calls[0].text);
 }
 
-TEST(CmLogStream, Stream_AsksForTheThresholdOnce) {
+TEST(CmLogStream, StreamAsksForTheThresholdOnce) {
     ScopedTraceLibrary library;
     ccu::logstream<char>(9, "media") << "text";
     EXPECT_EQ(1u, library.thresholdReads());
 }
 
-TEST(CmLogStream, Stream_DeliversNothing_BelowTheThreshold) {
+TEST(CmLogStream, StreamDeliversNothing_WhenBelowTheThreshold) {
     ScopedTraceLibrary library;
     library.SetThreshold(10);
     ccu::logstream<char>(9, "media") << "text";
@@ -341,26 +341,26 @@ TEST(CmLogStream, Stream_DeliversNothing_BelowTheThreshold) {
     EXPECT_EQ(1u, library.calls().size());
 }
 
-TEST(CmLogStream, Stream_DeliversAnEmptyText_WhenNothingWasInserted) {
+TEST(CmLogStream, StreamDeliversAnEmptyText_WhenNothingWasInserted) {
     ScopedTraceLibrary library;
     { ccu::logstream<char> stream(9, "media"); }
     EXPECT_EQ(Texts{""}, library.texts());
 }
 
-TEST(CmLogStream, Stream_DeliversUpToTheFirstNul) {
+TEST(CmLogStream, StreamDeliversUpToTheFirstNul) {
     ScopedTraceLibrary library;
     ccu::logstream<char>(9, "media") << std::string("ab\0cd", 5);
     EXPECT_EQ(Texts{"ab"}, library.texts());
 }
 
-TEST(CmLogStream, Stream_DeliversALongTextInPieces) {
+TEST(CmLogStream, StreamDeliversPieces_WhenTheTextIsLong) {
     ScopedTraceLibrary library;
     const std::string sText = TextOfLength(2048);
     ccu::logstream<char>(9, "media") << sText;
     EXPECT_EQ((Texts{sText.substr(0, 2047), sText.substr(2047)}), library.texts());
 }
 
-TEST(CmLogStream, Stream_SwallowsAnExceptionAndKeepsErrno) {
+TEST(CmLogStream, StreamKeepsErrnoAndThrowsNothing_WhenAnExceptionIsThrown) {
     ScopedTraceLibrary library;
     library.ThrowOnCall(1);
     library.SetErrno(EIO);
@@ -371,7 +371,7 @@ TEST(CmLogStream, Stream_SwallowsAnExceptionAndKeepsErrno) {
     std::free(library.lastText());  // not freed by the stream
 }
 
-TEST(CmLogStream, Stream_DeliversItsText_InABadState) {
+TEST(CmLogStream, StreamDeliversItsText_WhenItsStateIsBad) {
     for (const std::ios::iostate mask : {std::ios::goodbit, std::ios::badbit | std::ios::failbit}) {
         ScopedTraceLibrary library;
         {
@@ -388,7 +388,7 @@ TEST(CmLogStream, Stream_DeliversItsText_InABadState) {
     }
 }
 
-TEST(CmLogStream, Stream_DeliversNull_WhenItsTextHasNoStorage) {
+TEST(CmLogStream, StreamDeliversNull_WhenItsTextHasNoStorage) {
     ScopedTraceLibrary library;
     auto pStream = std::make_unique<ccu::logstream<char>>(9, "media");
     *pStream << TextOfLength(600);
@@ -401,7 +401,7 @@ TEST(CmLogStream, Stream_DeliversNull_WhenItsTextHasNoStorage) {
     EXPECT_EQ(Texts{"null"}, library.texts());
 }
 
-TEST(CmLogStream, Stream_FinishesDeliveryBeforeItsThreadIsCancelled) {
+TEST(CmLogStream, StreamFinishesDelivery_BeforeItsThreadIsCancelled) {
     ScopedTraceLibrary library;
     library.TestCancel();
     pthread_t thread;
@@ -421,7 +421,7 @@ TEST(CmLogStream, Stream_FinishesDeliveryBeforeItsThreadIsCancelled) {
     EXPECT_EQ(4u, library.calls().size());
 }
 
-TEST(CmLogStream, Streams_OnManyThreadsAtOnce) {
+TEST(CmLogStream, StreamsAreWhole_WhenManyThreadsWriteAtOnce) {
     ScopedTraceLibrary library;
     std::vector<std::thread> threads;
     for (int i = 0; i < 4; ++i) {
@@ -438,7 +438,7 @@ TEST(CmLogStream, Streams_OnManyThreadsAtOnce) {
     EXPECT_EQ(1600u, library.calls().size());
 }
 
-TEST(CmLogStream, YrktraStream_JoinsWhatWasWritten) {
+TEST(CmLogStream, YrktraStreamJoinsWhatWasWritten) {
     ScopedTraceLibrary library;
     ccu::YrktraStreamA stream(5);
     stream.writestringa("one ");
@@ -451,7 +451,7 @@ TEST(CmLogStream, YrktraStream_JoinsWhatWasWritten) {
     EXPECT_EQ(5u, library.calls()[0].level);
 }
 
-TEST(CmLogStream, YrktraStream_IgnoresNull) {
+TEST(CmLogStream, YrktraStreamTakesNothing_WhenTheTextIsNull) {
     ScopedTraceLibrary library;
     ccu::YrktraStreamA stream(5);
     stream.writestringa(nullptr);
@@ -463,7 +463,7 @@ TEST(CmLogStream, YrktraStream_IgnoresNull) {
     EXPECT_EQ(Texts{"text"}, library.texts());
 }
 
-TEST(CmLogStream, YrktraStream_DeliversNothing_OnceFlushed) {
+TEST(CmLogStream, YrktraStreamDeliversNothing_AfterItsFlush) {
     ScopedTraceLibrary library;
     ccu::YrktraStreamA stream(5);
     stream.writestringa("text");
@@ -475,7 +475,7 @@ TEST(CmLogStream, YrktraStream_DeliversNothing_OnceFlushed) {
     EXPECT_EQ((Texts{"text", "again"}), library.texts());
 }
 
-TEST(CmLogStream, YrktraStream_NeitherFreesNorDeliversAgain_AfterAnException) {
+TEST(CmLogStream, YrktraStreamNeitherFreesNorDeliversAgain_AfterAnException) {
     ScopedTraceLibrary library;
     library.ThrowOnCall(1);
     {
@@ -489,14 +489,14 @@ TEST(CmLogStream, YrktraStream_NeitherFreesNorDeliversAgain_AfterAnException) {
     std::free(library.lastText());
 }
 
-TEST(CmLogStream, Locale_IsTheClassicOneWithItsConversion) {
+TEST(CmLogStream, LocaleIsTheClassicOneWithItsConversion) {
     EXPECT_EQ("C", ccuLoc.name());
     EXPECT_EQ(1, ccuCvter.max_length());
 }
 
 // ---- The second facility
 
-TEST(CmLogStream, Facility2_HasDefaultsOfItsOwn) {
+TEST(CmLogStream, Facility2HasDefaultsOfItsOwn) {
     EXPECT_EQ(0, StatusOfChild([] {
                   ScopedHome home;
                   CCmT120Trace2* pFacility = CCmT120Trace2::instance();
@@ -509,7 +509,7 @@ TEST(CmLogStream, Facility2_HasDefaultsOfItsOwn) {
               }));
 }
 
-TEST(CmLogStream, Facility2_IsOneOfItsOwn) {
+TEST(CmLogStream, Facility2IsOneOfItsOwn) {
     EXPECT_EQ(0, StatusOfChild([] {
                   ScopedHome home;
                   CCmT120Trace2* pFacility = CCmT120Trace2::instance();
@@ -518,7 +518,7 @@ TEST(CmLogStream, Facility2_IsOneOfItsOwn) {
               }));
 }
 
-TEST(CmLogStream, Facility2_DeliversInfoButNoErrorByDefault) {
+TEST(CmLogStream, Facility2DeliversInfoButNoErrorByDefault) {
     EXPECT_EQ(0, StatusOfChild([] {
                   ScopedHome home;
                   ScopedTraceLibrary library;
@@ -538,7 +538,7 @@ class TaggedTrace : public CCmT120Trace2 {
     std::string Named(std::string aName) { return GetLogFilePathAndName(aName); }
 };
 
-TEST(CmLogStream, Facility2_RemembersTheLogPath_WithoutAFileName) {
+TEST(CmLogStream, Facility2RemembersTheLogPath_WithoutAFileName) {
     ScopedHome home;
     TaggedTrace trace;
     EXPECT_EQ("", trace.logPath());
@@ -546,7 +546,7 @@ TEST(CmLogStream, Facility2_RemembersTheLogPath_WithoutAFileName) {
     EXPECT_EQ(home.path() + "/logs/C_Trace.txt", trace.logPath());
 }
 
-TEST(CmLogStream, Facility2_RemembersNoLogPath_WhenMemoryRunsOut) {
+TEST(CmLogStream, Facility2RemembersNoLogPath_WhenMemoryRunsOut) {
     ScopedHome home;
     TaggedTrace trace;
     trace.logPath() = "before";
@@ -556,33 +556,33 @@ TEST(CmLogStream, Facility2_RemembersNoLogPath_WhenMemoryRunsOut) {
     EXPECT_EQ("", trace.logPath());
 }
 
-TEST(CmLogStream, Facility2_RemembersNoLogPath_WithAFileName) {
+TEST(CmLogStream, Facility2RemembersNoLogPath_WhenThereIsAFileName) {
     ScopedHome home;
     TaggedTrace trace("own.txt");
     EXPECT_EQ(1, trace.load(nullptr));
     EXPECT_EQ("", trace.logPath());
 }
 
-TEST(CmLogStream, LogFileName_IsEmpty_OnAFreshFacility) {
+TEST(CmLogStream, LogFileNameIsEmpty_WhenTheFacilityIsFresh) {
     TaggedTrace trace;
     EXPECT_EQ("", trace.Named("a"));
 }
 
-TEST(CmLogStream, LogFileName_IsEmpty_WithoutTheTag) {
+TEST(CmLogStream, LogFileNameIsEmpty_WithoutTheTag) {
     ScopedHome home;
     TaggedTrace trace;
     trace.load(nullptr);
     EXPECT_EQ("", trace.Named("a"));
 }
 
-TEST(CmLogStream, LogFileName_ReplacesTheFirstTagAndKeepsTheStoredPath) {
+TEST(CmLogStream, LogFileNameReplacesTheFirstTagAndKeepsTheStoredPath) {
     TaggedTrace trace;
     trace.logPath() = "/x/##**FILE_NAME_TAG**##.##**FILE_NAME_TAG**##";
     EXPECT_EQ("/x/call.##**FILE_NAME_TAG**##", trace.Named("call"));
     EXPECT_EQ("/x/##**FILE_NAME_TAG**##.##**FILE_NAME_TAG**##", trace.logPath());
 }
 
-TEST(CmLogStream, LogFileName_IsEmpty_WhenMemoryRunsOut) {
+TEST(CmLogStream, LogFileNameIsEmpty_WhenMemoryRunsOut) {
     TaggedTrace trace;
     trace.logPath() = "/a/path/that/is/long/enough/##**FILE_NAME_TAG**##";
     std::string sName("name");
@@ -605,7 +605,7 @@ int HostNameOf512Characters(char* aName, size_t aSize) {
 
 using HostNameEntry = kelto_test::ScopedEntry<int (*)(char*, size_t)>;
 
-TEST(CmLogStream, LeadingId_NamesProcessAndHost) {
+TEST(CmLogStream, LeadingIdNamesProcessAndHost) {
     EXPECT_EQ(0, StatusOfChild([] {
                   ScopedHome home;
                   HostNameEntry entry(g_cmSystem.gethostname, HostNameH1);
@@ -620,7 +620,7 @@ void RenameProcess(const char* aName) {
     std::strcpy(const_cast<char*>(get_exec_name()), aName);
 }
 
-TEST(CmLogStream, LeadingId_DropsTheExtensionExe) {
+TEST(CmLogStream, LeadingIdDropsTheExtensionExe) {
     EXPECT_EQ(0, StatusOfChild([] {
                   ScopedHome home;
                   RenameProcess("agent.exe");
@@ -629,7 +629,7 @@ TEST(CmLogStream, LeadingId_DropsTheExtensionExe) {
               }));
 }
 
-TEST(CmLogStream, LeadingId_KeepsAnyOtherExtension) {
+TEST(CmLogStream, LeadingIdKeepsAnyOtherExtension) {
     EXPECT_EQ(0, StatusOfChild([] {
                   ScopedHome home;
                   RenameProcess("a.exe.bin");
@@ -638,7 +638,7 @@ TEST(CmLogStream, LeadingId_KeepsAnyOtherExtension) {
               }));
 }
 
-TEST(CmLogStream, LeadingId_PrefersTheConfiguredMachine) {
+TEST(CmLogStream, LeadingIdPrefersTheConfiguredMachine) {
     EXPECT_EQ(0, StatusOfChild([] {
                   ScopedHome home;
                   home.WriteConfig("[Trace]\nMachineID=m7\n");
@@ -647,7 +647,7 @@ TEST(CmLogStream, LeadingId_PrefersTheConfiguredMachine) {
               }));
 }
 
-TEST(CmLogStream, LeadingId_CutsTheConfiguredMachineAt255Characters) {
+TEST(CmLogStream, LeadingIdCutsTheConfiguredMachine_After255Characters) {
     for (size_t nLength : {255u, 256u}) {
         EXPECT_EQ(0, StatusOfChild([nLength] {
                       ScopedHome home;
@@ -657,7 +657,7 @@ TEST(CmLogStream, LeadingId_CutsTheConfiguredMachineAt255Characters) {
     }
 }
 
-TEST(CmLogStream, LeadingId_IsCutAt1023Characters) {
+TEST(CmLogStream, LeadingIdIsCut_After1023Characters) {
     EXPECT_EQ(0, StatusOfChild([] {
                   ScopedHome home;
                   RenameProcess(std::string(511, 'p').c_str());
@@ -666,7 +666,7 @@ TEST(CmLogStream, LeadingId_IsCutAt1023Characters) {
               }));
 }
 
-TEST(CmLogStream, LeadingId_KeepsTheConfiguredMachineAndTraces_WhenTheHostNameFails) {
+TEST(CmLogStream, LeadingIdKeepsTheConfiguredMachineAndTraces_WhenTheHostNameFails) {
     EXPECT_EQ(0, StatusOfChild([] {
                   ScopedHome home;
                   home.WriteConfig("[Trace]\nMachineID=m7\n");
@@ -682,7 +682,7 @@ TEST(CmLogStream, LeadingId_KeepsTheConfiguredMachineAndTraces_WhenTheHostNameFa
               }));
 }
 
-TEST(CmLogStream, LeadingId_HasNoMachine_WhenTheHostNameFailsAndNoneIsConfigured) {
+TEST(CmLogStream, LeadingIdHasNoMachine_WhenTheHostNameFailsAndNoneIsConfigured) {
     EXPECT_EQ(0, StatusOfChild([] {
                   ScopedHome home;
                   FailingCall<&CCmSystemTable::gethostname> fault(EPERM);
@@ -690,7 +690,7 @@ TEST(CmLogStream, LeadingId_HasNoMachine_WhenTheHostNameFailsAndNoneIsConfigured
               }));
 }
 
-TEST(CmLogStream, LeadingId_BoundsAHostNameWithoutTerminator) {
+TEST(CmLogStream, LeadingIdIsBounded_WhenTheHostNameHasNoTerminator) {
     EXPECT_EQ(0, StatusOfChild([] {
                   ScopedHome home;
                   HostNameEntry entry(g_cmSystem.gethostname, HostNameOf512Characters);
@@ -698,7 +698,7 @@ TEST(CmLogStream, LeadingId_BoundsAHostNameWithoutTerminator) {
               }));
 }
 
-TEST(CmLogStream, LeadingId_IsBuiltOnce) {
+TEST(CmLogStream, LeadingIdIsBuiltOnce) {
     EXPECT_EQ(0, StatusOfChild([] {
                   ScopedHome home;
                   home.WriteConfig("[Trace]\nMachineID=m7\n");
@@ -723,7 +723,7 @@ int HostNameWhileAnotherThreadAsks(char* aName, size_t aSize) {
     return HostNameH1(aName, aSize);
 }
 
-TEST(CmLogStream, LeadingId_IsBuiltOnce_WhenAnotherThreadAsksMeanwhile) {
+TEST(CmLogStream, LeadingIdIsBuiltOnce_WhenAnotherThreadAsksMeanwhile) {
     EXPECT_EQ(0, StatusOfChild([] {
                   ScopedHome home;
                   HostNameEntry entry(g_cmSystem.gethostname, HostNameWhileAnotherThreadAsks);
@@ -735,7 +735,7 @@ TEST(CmLogStream, LeadingId_IsBuiltOnce_WhenAnotherThreadAsksMeanwhile) {
               }));
 }
 
-TEST(CmLogStream, LeadingId_IsOne_WhenManyThreadsAskFirst) {
+TEST(CmLogStream, LeadingIdIsOne_WhenManyThreadsAskFirst) {
     EXPECT_EQ(0, StatusOfChild([] {
                   ScopedHome home;
                   std::vector<std::thread> threads;

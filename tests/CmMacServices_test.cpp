@@ -16,13 +16,13 @@ namespace {
 using kelto_test::ScopedHome;
 using kelto_test::WriteFile;
 
-TEST(CmMacServices, Name_IsThatOfTheProgram) {
+TEST(CmMacServices, NameIsThatOfTheProgram) {
     uint16_t awUnits[CM_PORT_NAME_UNITS];
     const size_t nUnits = CmPortExecutableName(awUnits);
     EXPECT_EQ(u"CmMacServices_test", std::u16string(awUnits, awUnits + nUnits));
 }
 
-TEST(CmMacServices, ItemInformation_TellsTheExtension) {
+TEST(CmMacServices, ItemInformationTellsTheExtension) {
     const ScopedHome home;
     const std::string sPlain = home.path() + "plain";
     const std::string sNamed = home.path() + "named.dylib";
@@ -33,7 +33,7 @@ TEST(CmMacServices, ItemInformation_TellsTheExtension) {
     EXPECT_EQ(CmPortItem::UNKNOWN, CmPortItemInformation((home.path() + "missing").c_str()));
 }
 
-TEST(CmMacServices, Bundle_IsCreatedFromItsDirectory) {
+TEST(CmMacServices, BundleIsCreatedFromItsDirectory) {
     const ScopedHome home;
     const std::string sBundle = home.path() + "yrktrace.bundle";
     EXPECT_EQ(nullptr, CmPortBundleCreate(sBundle.c_str()));
@@ -48,7 +48,7 @@ TEST(CmMacServices, Bundle_IsCreatedFromItsDirectory) {
     CmPortBundleRelease(hBundle);
 }
 
-TEST(CmMacServices, ParentPath_IsAsLongAsItSays) {
+TEST(CmMacServices, ParentPathIsAsLongAsItSays) {
     char achPath[1024];
     memset(achPath, 'x', sizeof(achPath));
     const int nLength = MMP_GetCurrentModuleParentPath(achPath, sizeof(achPath));

@@ -13,7 +13,7 @@ namespace {
 
 void DropLine(unsigned long, const char*, unsigned int) {}
 
-TEST(CmMessageBlockModel, RandomSequences_AgreeWithTheModel) {
+TEST(CmMessageBlockModel, AgreesWithTheModel_WhateverTheSequence) {
     const UtilTraceSink pfnBefore = g_util_trace_sink.load();
     set_util_external_trace_sink(DropLine);
     unsigned short wCrc = 0;

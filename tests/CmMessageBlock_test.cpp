@@ -30,7 +30,7 @@ std::string SourceLine(int aLine, const std::string& aText) {
 
 // --- construction and SetData
 
-TEST_F(CmMessageBlock, DefaultConstructor_IsEmpty) {
+TEST_F(CmMessageBlock, DefaultConstructorIsEmpty) {
     CCmMessageBlock block;
     EXPECT_EQ(nullptr, block.GetNext());
     EXPECT_EQ(nullptr, block.GetTopLevelReadPtr());
@@ -42,7 +42,7 @@ TEST_F(CmMessageBlock, DefaultConstructor_IsEmpty) {
 }
 
 // Literal zeros may be a size or a data block.
-TEST_F(CmMessageBlock, Constructor_TakesLiteralZeros) {
+TEST_F(CmMessageBlock, ConstructorTakesLiteralZeros) {
     const CCmMessageBlock fromZeros(0, 0, 0);
     const CCmMessageBlock fromNull(NULL, 0, 0);
     const CCmMessageBlock fromNullptr(nullptr, 0, 0);
@@ -53,7 +53,7 @@ TEST_F(CmMessageBlock, Constructor_TakesLiteralZeros) {
     }
 }
 
-TEST_F(CmMessageBlock, Constructor_TakesASizeOfAnyIntegerType) {
+TEST_F(CmMessageBlock, ConstructorTakesASizeOfAnyIntegerType) {
     const CCmMessageBlock fromInt(10);
     const CCmMessageBlock fromSize(size_t{10}, nullptr);
     const CCmMessageBlock fromShort(static_cast<short>(10), 0, 0);
@@ -63,7 +63,7 @@ TEST_F(CmMessageBlock, Constructor_TakesASizeOfAnyIntegerType) {
     }
 }
 
-TEST_F(CmMessageBlock, SetData_AllocatesWithoutSource) {
+TEST_F(CmMessageBlock, SetDataAllocates_WithoutASource) {
     CCmMessageBlock block;
     EXPECT_EQ(CM_OK, block.SetData(10, nullptr, CCmMessageBlock::EXTERNAL_DATA | 0x10000, 4));
     EXPECT_EQ(4u, block.GetTopLevelLength());
@@ -71,7 +71,7 @@ TEST_F(CmMessageBlock, SetData_AllocatesWithoutSource) {
     EXPECT_EQ(0x10000u, block.GetFlag());
 }
 
-TEST_F(CmMessageBlock, SetData_WrapsTheCallersMemory) {
+TEST_F(CmMessageBlock, SetDataWrapsTheCallersMemory) {
     char achMemory[10] = "abcdefghi";
     CCmMessageBlock block;
     EXPECT_EQ(CM_OK, block.SetData(10, achMemory, 0, 3));
@@ -81,25 +81,29 @@ TEST_F(CmMessageBlock, SetData_WrapsTheCallersMemory) {
     EXPECT_EQ(CCmMessageBlock::EXTERNAL_DATA, block.GetFlag());
 }
 
-TEST_F(CmMessageBlock, SetData_AllocateDataDoesNotCopyTheSource) {
+TEST_F(CmMessageBlock, SetDataCopiesNothing_WhenItAllocates) {
     const char achMemory[] = "bytes that are not taken over";
     CCmMessageBlock block;
-    EXPECT_EQ(CM_OK,
-              block.SetData(sizeof(achMemory), achMemory, CCmMessageBlock::ALLOCATE_DATA, 0));
-    EXPECT_NE(achMemory, block.GetTopLevelReadPtr());
-    EXPECT_NE(0, std::memcmp(achMemory, block.GetTopLevelReadPtr(), sizeof(achMemory)));
+    {
+        const kelto_test::ScopedAllocationFill fill('x');
+        EXPECT_EQ(CM_OK,
+                  block.SetData(sizeof(achMemory), achMemory, CCmMessageBlock::ALLOCATE_DATA, 0));
+    }
+    ASSERT_NE(achMemory, block.GetTopLevelReadPtr());
+    EXPECT_EQ(std::string(sizeof(achMemory), 'x'),
+              std::string(block.GetTopLevelReadPtr(), sizeof(achMemory)));
     EXPECT_EQ(0u, block.GetTopLevelLength());
     EXPECT_EQ(sizeof(achMemory), block.GetTopLevelSpace());
     EXPECT_EQ(0u, block.GetFlag());
 }
 
-TEST_F(CmMessageBlock, SetData_ClearsLocksAndInternalBits) {
+TEST_F(CmMessageBlock, SetDataClearsLocksAndInternalBits) {
     CCmMessageBlock block;
     EXPECT_EQ(CM_OK, block.SetData(4, nullptr, 0xFF00 | 0x10000, 0));
     EXPECT_EQ(0x10000u, block.GetFlag());
 }
 
-TEST_F(CmMessageBlock, SetData_IsRefusedASecondTime) {
+TEST_F(CmMessageBlock, SetDataIsRefused_WhenTheBlockHasData) {
     CCmMessageBlock block(4);
     EXPECT_EQ(CM_ERROR_FAILURE, block.SetData(8, nullptr, 0, 0));
     EXPECT_EQ(CM_ERROR_FAILURE, block.SetData(nullptr, 0, 0));
@@ -111,21 +115,21 @@ TEST_F(CmMessageBlock, SetData_IsRefusedASecondTime) {
     EXPECT_EQ(Line(0), Line(1));
 }
 
-TEST_F(CmMessageBlock, SetData_SizeZeroLeavesTheBlockEmpty) {
+TEST_F(CmMessageBlock, SetDataLeavesTheBlockEmpty_WhenTheSizeIsZero) {
     CCmMessageBlock block(0u);
     EXPECT_EQ(CM_OK, block.SetData(0, nullptr, 0, 0));
     EXPECT_EQ(nullptr, block.GetTopLevelReadPtr());
     EXPECT_EQ(CM_OK, block.SetData(4, nullptr, 0, 0));
 }
 
-TEST_F(CmMessageBlock, SetData_AdvanceBeyondTheAreaIsDropped) {
+TEST_F(CmMessageBlock, SetDataDropsTheAdvance_WhenItIsBeyondTheArea) {
     CCmMessageBlock block;
     EXPECT_EQ(CM_OK, block.SetData(4, nullptr, 0, 5));
     EXPECT_EQ(0u, block.GetTopLevelLength());
     EXPECT_EQ(HeaderLine(319, "(DWORD)(m_pEndPtr - m_pWritePtr) >= aStep"), Line(0));
 }
 
-TEST_F(CmMessageBlock, SetData_OutOfMemoryLeavesTheBlockEmpty) {
+TEST_F(CmMessageBlock, SetDataLeavesTheBlockEmpty_WithoutMemory) {
     CCmMessageBlock block;
     {
         ScopedAllocationFault fault(1);
@@ -137,7 +141,7 @@ TEST_F(CmMessageBlock, SetData_OutOfMemoryLeavesTheBlockEmpty) {
     EXPECT_EQ(CM_OK, block.SetData(4, nullptr, 0, 0));
 }
 
-TEST_F(CmMessageBlock, SetData_SharesADataBlock) {
+TEST_F(CmMessageBlock, SetDataSharesADataBlock) {
     CCmDataBlock* pDb = nullptr;
     ASSERT_EQ(CM_OK, CCmDataBlock::CreateInstance(pDb, 6, "abcdef"));
     {
@@ -152,13 +156,13 @@ TEST_F(CmMessageBlock, SetData_SharesADataBlock) {
     pDb->ReleaseReference();
 }
 
-TEST_F(CmMessageBlock, SetData_NullDataBlockLeavesTheBlockEmpty) {
+TEST_F(CmMessageBlock, SetDataLeavesTheBlockEmpty_WhenTheDataBlockIsNull) {
     CCmMessageBlock block(static_cast<CCmDataBlock*>(nullptr));
     EXPECT_EQ(nullptr, block.GetTopLevelReadPtr());
     EXPECT_EQ(0u, block.GetTopLevelSpace());
 }
 
-TEST_F(CmMessageBlock, SetData_WithoutAnAreaDropsARewoundWritePointer) {
+TEST_F(CmMessageBlock, SetDataDropsARewoundWritePointer_WithoutAnArea) {
     CCmMessageBlock first(4);
     CCmMessageBlock second;
     first.Append(&second);
@@ -173,7 +177,7 @@ TEST_F(CmMessageBlock, SetData_WithoutAnAreaDropsARewoundWritePointer) {
 
 // --- locks and accessors
 
-TEST_F(CmMessageBlock, Locks_AreSetAndClearedOneByOne) {
+TEST_F(CmMessageBlock, LocksAreSetAndClearedOneByOne) {
     CCmMessageBlock block(4);
     block.SetLock(CCmMessageBlock::READ_LOCKED | CCmMessageBlock::DUPLICATED);
     EXPECT_EQ(CCmMessageBlock::READ_LOCKED, block.GetFlag());
@@ -184,7 +188,7 @@ TEST_F(CmMessageBlock, Locks_AreSetAndClearedOneByOne) {
     EXPECT_EQ(0u, block.GetFlag());
 }
 
-TEST_F(CmMessageBlock, Accessors_ReturnNullFromALockedBlock) {
+TEST_F(CmMessageBlock, AccessorsReturnNull_WhenTheBlockIsLocked) {
     CCmMessageBlock block(4);
     block.SetLock(CCmMessageBlock::READ_LOCKED | CCmMessageBlock::WRITE_LOCKED);
     EXPECT_EQ(nullptr, block.GetTopLevelReadPtr());
@@ -208,21 +212,21 @@ class TwoBlocks : public ChainTest {
 
 class CmMessageBlockRead : public TwoBlocks {};
 
-TEST_F(CmMessageBlockRead, WithinOneBlock) {
+TEST_F(CmMessageBlockRead, Reads_WhenOneBlockHoldsAll) {
     EXPECT_EQ(CM_OK, m_first.Read(m_achOut, 3, &m_dwCount));
     EXPECT_EQ(3u, m_dwCount);
     EXPECT_STREQ("abc", m_achOut);
     EXPECT_EQ(4u, m_first.GetChainedLength());
 }
 
-TEST_F(CmMessageBlockRead, AcrossBlocks) {
+TEST_F(CmMessageBlockRead, Reads_WhenSeveralBlocksHoldIt) {
     EXPECT_EQ(CM_OK, m_first.Read(m_achOut, 6, &m_dwCount));
     EXPECT_EQ(6u, m_dwCount);
     EXPECT_STREQ("abcdef", m_achOut);
     EXPECT_EQ("g", m_first.FlattenChained());
 }
 
-TEST_F(CmMessageBlockRead, BeyondTheEndConsumesWhatIsThere) {
+TEST_F(CmMessageBlockRead, ConsumesWhatIsThere_WhenAskedForMore) {
     EXPECT_EQ(CM_ERROR_PARTIAL_DATA, m_first.Read(m_achOut, 10, &m_dwCount));
     EXPECT_EQ(7u, m_dwCount);
     EXPECT_STREQ("abcdefg", m_achOut);
@@ -236,7 +240,7 @@ TEST_F(CmMessageBlockRead, PeekKeepsTheData) {
     EXPECT_EQ(7u, m_first.GetChainedLength());
 }
 
-TEST_F(CmMessageBlockRead, NullDestinationSkipsOrOnlyCounts) {
+TEST_F(CmMessageBlockRead, SkipsOrOnlyCounts_WhenTheDestinationIsNull) {
     EXPECT_EQ(CM_OK, m_first.Read(nullptr, 5, &m_dwCount, 0));
     EXPECT_EQ(5u, m_dwCount);
     EXPECT_EQ(7u, m_first.GetChainedLength());
@@ -244,13 +248,13 @@ TEST_F(CmMessageBlockRead, NullDestinationSkipsOrOnlyCounts) {
     EXPECT_EQ("fg", m_first.FlattenChained());
 }
 
-TEST_F(CmMessageBlockRead, NothingIsReadSuccessfully) {
+TEST_F(CmMessageBlockRead, Succeeds_WhenAskedForNothing) {
     CCmMessageBlock empty;
     EXPECT_EQ(CM_OK, empty.Read(m_achOut, 0, &m_dwCount));
     EXPECT_EQ(0u, m_dwCount);
 }
 
-TEST_F(CmMessageBlockRead, LockedFirstBlockRefuses) {
+TEST_F(CmMessageBlockRead, Refuses_WhenTheFirstBlockIsLocked) {
     m_first.SetLock(CCmMessageBlock::READ_LOCKED);
     EXPECT_EQ(CM_ERROR_FAILURE, m_first.Read(m_achOut, 1, &m_dwCount));
     EXPECT_EQ(99u, m_dwCount);
@@ -259,7 +263,7 @@ TEST_F(CmMessageBlockRead, LockedFirstBlockRefuses) {
     EXPECT_EQ(7u, m_first.GetChainedLength());
 }
 
-TEST_F(CmMessageBlockRead, LockInTheMiddleStopsAfterEarlierBlocks) {
+TEST_F(CmMessageBlockRead, Stops_WhenABlockInTheMiddleIsLocked) {
     m_second.SetLock(CCmMessageBlock::READ_LOCKED);
     EXPECT_EQ(CM_ERROR_FAILURE, m_first.Read(m_achOut, 5, &m_dwCount));
     EXPECT_EQ(4u, m_dwCount);
@@ -267,7 +271,7 @@ TEST_F(CmMessageBlockRead, LockInTheMiddleStopsAfterEarlierBlocks) {
     EXPECT_EQ(SourceLine(154, READ_TEXT), Line(0));
 }
 
-TEST_F(CmMessageBlockRead, LockBehindTheCountIsNotReached) {
+TEST_F(CmMessageBlockRead, ReadsAll_WhenABlockAfterTheCountIsLocked) {
     m_second.SetLock(CCmMessageBlock::READ_LOCKED);
     EXPECT_EQ(CM_OK, m_first.Read(m_achOut, 4, nullptr));
     EXPECT_EQ(0u, Lines());
@@ -282,7 +286,7 @@ TEST_F(CmMessageBlockRead, AdvanceChainedReadPtrSkips) {
 
 // --- Write, lengths
 
-TEST_F(CmMessageBlock, Write_FillsBlockAfterBlock) {
+TEST_F(CmMessageBlock, WriteFillsBlockAfterBlock) {
     CCmMessageBlock first(4);
     CCmMessageBlock second(4);
     first.Append(&second);
@@ -295,7 +299,7 @@ TEST_F(CmMessageBlock, Write_FillsBlockAfterBlock) {
     EXPECT_EQ(2u, first.GetChainedSpace());
 }
 
-TEST_F(CmMessageBlock, Write_BeyondTheEndKeepsWhatFits) {
+TEST_F(CmMessageBlock, WriteKeepsWhatFits_WhenThereIsMore) {
     CCmMessageBlock first(2);
     CCmMessageBlock second(2);
     first.Append(&second);
@@ -305,7 +309,7 @@ TEST_F(CmMessageBlock, Write_BeyondTheEndKeepsWhatFits) {
     EXPECT_EQ("abcd", first.FlattenChained());
 }
 
-TEST_F(CmMessageBlock, Write_NullSourceAdvancesWithinOneBlockOnly) {
+TEST_F(CmMessageBlock, WriteAdvancesWithinOneBlockOnly_WhenTheSourceIsNull) {
     CCmMessageBlock first(4);
     CCmMessageBlock second(4);
     first.Append(&second);
@@ -317,7 +321,7 @@ TEST_F(CmMessageBlock, Write_NullSourceAdvancesWithinOneBlockOnly) {
     EXPECT_EQ(0u, second.GetTopLevelLength());
 }
 
-TEST_F(CmMessageBlock, Write_LockedFirstBlockRefuses) {
+TEST_F(CmMessageBlock, WriteRefuses_WhenTheFirstBlockIsLocked) {
     CCmMessageBlock block(4);
     block.SetLock(CCmMessageBlock::WRITE_LOCKED);
     unsigned int dwWritten = 99;
@@ -328,7 +332,7 @@ TEST_F(CmMessageBlock, Write_LockedFirstBlockRefuses) {
     EXPECT_EQ(SourceLine(227, WRITE_TEXT), Line(0));
 }
 
-TEST_F(CmMessageBlock, Write_LockInTheMiddleStopsAfterEarlierBlocks) {
+TEST_F(CmMessageBlock, WriteStops_WhenABlockInTheMiddleIsLocked) {
     CCmMessageBlock first(2);
     CCmMessageBlock second(2);
     first.Append(&second);
@@ -341,7 +345,7 @@ TEST_F(CmMessageBlock, Write_LockInTheMiddleStopsAfterEarlierBlocks) {
 
 // --- Append
 
-TEST_F(CmMessageBlock, Append_BringsTheChainThatFollows) {
+TEST_F(CmMessageBlock, AppendBringsTheChainThatFollows) {
     CCmMessageBlock a(1, "a", 0, 1);
     CCmMessageBlock b(1, "b", 0, 1);
     CCmMessageBlock c(1, "c", 0, 1);
@@ -351,7 +355,7 @@ TEST_F(CmMessageBlock, Append_BringsTheChainThatFollows) {
     EXPECT_EQ(0u, Lines());
 }
 
-TEST_F(CmMessageBlock, Append_OfABlockInTheChainChangesNothing) {
+TEST_F(CmMessageBlock, AppendChangesNothing_WhenTheBlockIsInTheChain) {
     CCmMessageBlock a;
     CCmMessageBlock b;
     CCmMessageBlock c;
@@ -369,7 +373,7 @@ TEST_F(CmMessageBlock, Append_OfABlockInTheChainChangesNothing) {
     }
 }
 
-TEST_F(CmMessageBlock, Append_RefusesToCloseACircle) {
+TEST_F(CmMessageBlock, AppendRefuses_WhenACircleWouldClose) {
     CCmMessageBlock a;
     CCmMessageBlock b;
     a.Append(&b);
@@ -378,7 +382,7 @@ TEST_F(CmMessageBlock, Append_RefusesToCloseACircle) {
     EXPECT_EQ(SourceLine(311, "aMb != pMbMove"), Line(0));
 }
 
-TEST_F(CmMessageBlock, Append_OfNullChangesNothing) {
+TEST_F(CmMessageBlock, AppendChangesNothing_WhenTheBlockIsNull) {
     CCmMessageBlock a;
     CCmMessageBlock b;
     a.Append(&b);
@@ -390,7 +394,7 @@ TEST_F(CmMessageBlock, Append_OfNullChangesNothing) {
 
 // --- advancing the write pointers
 
-TEST_F(CmMessageBlock, AdvanceChainedWritePtr_CrossesBlocks) {
+TEST_F(CmMessageBlock, AdvanceChainedWritePtrCrossesBlocks) {
     CCmMessageBlock first(4);
     CCmMessageBlock second(4);
     first.Append(&second);
@@ -404,14 +408,14 @@ TEST_F(CmMessageBlock, AdvanceChainedWritePtr_CrossesBlocks) {
     EXPECT_EQ(0u, Lines());
 }
 
-TEST_F(CmMessageBlock, AdvanceChainedWritePtr_ByZeroIsPartial) {
+TEST_F(CmMessageBlock, AdvanceChainedWritePtrIsPartial_WhenTheCountIsZero) {
     CCmMessageBlock block(4);
     unsigned int dwAdvanced = 99;
     EXPECT_EQ(CM_ERROR_PARTIAL_DATA, block.AdvanceChainedWritePtr(0, &dwAdvanced));
     EXPECT_EQ(0u, dwAdvanced);
 }
 
-TEST_F(CmMessageBlock, AdvanceChainedWritePtr_StopsAtABlockThatWasRead) {
+TEST_F(CmMessageBlock, AdvanceChainedWritePtrStops_WhenABlockWasRead) {
     CCmMessageBlock first(4);
     CCmMessageBlock second(4, "abcd", 0, 1);
     first.Append(&second);
@@ -427,7 +431,7 @@ TEST_F(CmMessageBlock, AdvanceChainedWritePtr_StopsAtABlockThatWasRead) {
         Line(0));
 }
 
-TEST_F(CmMessageBlock, AdvanceChainedWritePtr_LockedFirstBlockRefuses) {
+TEST_F(CmMessageBlock, AdvanceChainedWritePtrRefuses_WhenTheFirstBlockIsLocked) {
     CCmMessageBlock block(4);
     block.SetLock(CCmMessageBlock::WRITE_LOCKED);
     unsigned int dwAdvanced = 99;
@@ -437,7 +441,7 @@ TEST_F(CmMessageBlock, AdvanceChainedWritePtr_LockedFirstBlockRefuses) {
     EXPECT_EQ(SourceLine(340, WRITE_TEXT), Line(0));
 }
 
-TEST_F(CmMessageBlock, AdvanceChainedWritePtr_LockInTheMiddleStopsAfterEarlierBlocks) {
+TEST_F(CmMessageBlock, AdvanceChainedWritePtrStops_WhenABlockInTheMiddleIsLocked) {
     CCmMessageBlock first(4);
     CCmMessageBlock second(4);
     first.Append(&second);
@@ -448,7 +452,7 @@ TEST_F(CmMessageBlock, AdvanceChainedWritePtr_LockInTheMiddleStopsAfterEarlierBl
     EXPECT_EQ(HeaderLine(318, WRITE_TEXT), Line(0));
 }
 
-TEST_F(CmMessageBlock, AdvanceTopLevelWritePtr_IsAllOrNothing) {
+TEST_F(CmMessageBlock, AdvanceTopLevelWritePtrIsAllOrNothing) {
     CCmMessageBlock block(4);
     EXPECT_EQ(CM_OK, block.AdvanceTopLevelWritePtr(3));
     EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, block.AdvanceTopLevelWritePtr(2));
@@ -457,7 +461,7 @@ TEST_F(CmMessageBlock, AdvanceTopLevelWritePtr_IsAllOrNothing) {
     EXPECT_EQ(HeaderLine(319, "(DWORD)(m_pEndPtr - m_pWritePtr) >= aStep"), Line(0));
 }
 
-TEST_F(CmMessageBlock, AdvanceTopLevelWritePtr_LockRefuses) {
+TEST_F(CmMessageBlock, AdvanceTopLevelWritePtrRefuses_WhenTheBlockIsLocked) {
     CCmMessageBlock block(4);
     block.SetLock(CCmMessageBlock::WRITE_LOCKED);
     EXPECT_EQ(CM_ERROR_FAILURE, block.AdvanceTopLevelWritePtr(1));
@@ -466,7 +470,7 @@ TEST_F(CmMessageBlock, AdvanceTopLevelWritePtr_LockRefuses) {
 
 // --- rewinding and destroying
 
-TEST_F(CmMessageBlock, RewindChained_LaterBlocksGetTheFirstBegin) {
+TEST_F(CmMessageBlock, RewindChainedGivesLaterBlocksTheFirstBegin) {
     CCmMessageBlock first(4, "abcd", 0, 4);
     CCmMessageBlock second(4, "efgh", 0, 4);
     first.Append(&second);
@@ -480,7 +484,7 @@ TEST_F(CmMessageBlock, RewindChained_LaterBlocksGetTheFirstBegin) {
     EXPECT_EQ(pFirstBegin, second.GetTopLevelWritePtr());
 }
 
-TEST_F(CmMessageBlock, RewindChained_ForeignWritePointerReachesNothing) {
+TEST_F(CmMessageBlock, RewindChainedReachesNothing_WhenTheWritePointerIsForeign) {
     CCmMessageBlock first(4);
     CCmMessageBlock second(4);
     CCmMessageBlock third;
@@ -497,7 +501,7 @@ TEST_F(CmMessageBlock, RewindChained_ForeignWritePointerReachesNothing) {
     pCopy->DestroyChained();
 }
 
-TEST_F(CmMessageBlock, RewindChained_SharedAreaIsWritableAgain) {
+TEST_F(CmMessageBlock, RewindChainedMakesTheAreaWritable_WhenItIsShared) {
     CCmMessageBlock first(4, nullptr, 0, 4);
     CCmMessageBlock* pSecond = first.DuplicateTopLevel();
     first.Append(pSecond);
@@ -506,7 +510,7 @@ TEST_F(CmMessageBlock, RewindChained_SharedAreaIsWritableAgain) {
     first.DestroyChained();
 }
 
-TEST_F(CmMessageBlock, StaticForms_AcceptNull) {
+TEST_F(CmMessageBlock, StaticFormsDoNothing_WhenTheBlockIsNull) {
     CCmMessageBlock* const pNull = nullptr;
     CCmMessageBlock::RewindChained(pNull);
     CCmMessageBlock::DestroyChained(pNull);
@@ -518,7 +522,7 @@ TEST_F(CmMessageBlock, StaticForms_AcceptNull) {
     EXPECT_EQ(0u, Lines());
 }
 
-TEST_F(CmMessageBlock, DestroyChained_LeavesOthersBlocksAlone) {
+TEST_F(CmMessageBlock, DestroyChainedLeavesABlockAlone_WhenItIsOthers) {
     CCmMessageBlock own(2, "xy", 0, 2);
     CCmMessageBlock* pHead = HeapBlock("a");
     pHead->Append(&own);
@@ -528,14 +532,14 @@ TEST_F(CmMessageBlock, DestroyChained_LeavesOthersBlocksAlone) {
     EXPECT_EQ(nullptr, own.GetNext());
 }
 
-TEST_F(CmMessageBlock, DestroyChained_OwnedSuccessorIsFreedOnce) {
+TEST_F(CmMessageBlock, DestroyChainedFreesASuccessorOnce_WhenItIsOwned) {
     CCmMessageBlock* pHead = HeapBlock("a");
     pHead->Append(HeapBlock("b"));
     pHead->m_bRtpChainedFlag = true;
     CCmMessageBlock::DestroyChained(pHead);
 }
 
-TEST_F(CmMessageBlock, Destructor_DeletesOwnedSuccessors) {
+TEST_F(CmMessageBlock, DestructorDeletesOwnedSuccessors) {
     CCmMessageBlock head(1);
     CCmMessageBlock* pSecond = new CCmMessageBlock(1);
     CCmMessageBlock* pThird = new CCmMessageBlock(1);
@@ -547,7 +551,7 @@ TEST_F(CmMessageBlock, Destructor_DeletesOwnedSuccessors) {
     pSecond->m_bRtpChainedFlag = true;
 }
 
-TEST_F(CmMessageBlock, Destructor_WithoutFlagLeavesTheRest) {
+TEST_F(CmMessageBlock, DestructorLeavesTheRest_WithoutTheFlag) {
     CCmMessageBlock rest(1, "z", 0, 1);
     {
         CCmMessageBlock head(1);
@@ -558,7 +562,7 @@ TEST_F(CmMessageBlock, Destructor_WithoutFlagLeavesTheRest) {
 
 // --- duplicating
 
-TEST_F(CmMessageBlock, DuplicateTopLevel_CopiesTheCallersMemory) {
+TEST_F(CmMessageBlock, DuplicateTopLevelCopiesTheCallersMemory) {
     char achMemory[7] = "abcdef";
     CCmMessageBlock block(6, achMemory, 0x10000, 5);
     block.Read(nullptr, 2);
@@ -572,7 +576,7 @@ TEST_F(CmMessageBlock, DuplicateTopLevel_CopiesTheCallersMemory) {
     pCopy->DestroyChained();
 }
 
-TEST_F(CmMessageBlock, DuplicateTopLevel_OfALockedBlockIsUnlockedAndShares) {
+TEST_F(CmMessageBlock, DuplicateTopLevelIsUnlockedAndShares_WhenTheBlockIsLocked) {
     CCmMessageBlock block(6);
     block.Write("abcd", 4);
     block.Read(nullptr, 1);
@@ -587,7 +591,7 @@ TEST_F(CmMessageBlock, DuplicateTopLevel_OfALockedBlockIsUnlockedAndShares) {
     EXPECT_EQ(0u, Lines());
 }
 
-TEST_F(CmMessageBlock, DuplicateTopLevel_OfEmptyBlocks) {
+TEST_F(CmMessageBlock, DuplicateTopLevelIsEmpty_WhenTheBlockIs) {
     CCmMessageBlock empty;
     CCmMessageBlock external(0, "x", 0, 0);
     CCmMessageBlock* pCopy = empty.DuplicateTopLevel();
@@ -599,7 +603,7 @@ TEST_F(CmMessageBlock, DuplicateTopLevel_OfEmptyBlocks) {
     pOther->DestroyChained();
 }
 
-TEST_F(CmMessageBlock, DuplicateTopLevel_DoesNotOwnASuccessor) {
+TEST_F(CmMessageBlock, DuplicateTopLevelDoesNotOwnASuccessor) {
     CCmMessageBlock block(1);
     CCmMessageBlock* pOwned = new CCmMessageBlock(1);
     block.Append(pOwned);
@@ -610,7 +614,7 @@ TEST_F(CmMessageBlock, DuplicateTopLevel_DoesNotOwnASuccessor) {
     pCopy->DestroyChained();
 }
 
-TEST_F(CmMessageBlock, DuplicateChained_SurvivesTheOriginal) {
+TEST_F(CmMessageBlock, DuplicateChainedSurvivesTheOriginal) {
     CCmMessageBlock* pCopy = nullptr;
     {
         CCmMessageBlock first(4);
@@ -632,7 +636,7 @@ class CmMessageBlockDisjoint : public TwoBlocks {
         "disjointed block. this=0x#";
 };
 
-TEST_F(CmMessageBlockDisjoint, AtZeroMovesAllIntoDuplicates) {
+TEST_F(CmMessageBlockDisjoint, MovesAllIntoDuplicates_WhenTheCutIsAtZero) {
     CCmMessageBlock* pTail = m_first.Disjoint(0);
     EXPECT_EQ("abcdefg", pTail->FlattenChained());
     EXPECT_EQ(0u, m_first.GetTopLevelLength());
@@ -644,14 +648,14 @@ TEST_F(CmMessageBlockDisjoint, AtZeroMovesAllIntoDuplicates) {
     pTail->DestroyChained();
 }
 
-TEST_F(CmMessageBlockDisjoint, StaticForm_CutsTheChain) {
+TEST_F(CmMessageBlockDisjoint, StaticFormCutsTheChain) {
     CCmMessageBlock* pTail = CCmMessageBlock::Disjoint(&m_first, 5);
     EXPECT_EQ("abcde", m_first.FlattenChained());
     EXPECT_EQ("fg", pTail->FlattenChained());
     pTail->DestroyChained();
 }
 
-TEST_F(CmMessageBlockDisjoint, InsideABlockCutsIt) {
+TEST_F(CmMessageBlockDisjoint, CutsTheBlock_WhenTheCutIsInsideIt) {
     CCmMessageBlock* pTail = m_first.Disjoint(5);
     EXPECT_EQ("abcde", m_first.FlattenChained());
     EXPECT_EQ("fg", pTail->FlattenChained());
@@ -659,7 +663,7 @@ TEST_F(CmMessageBlockDisjoint, InsideABlockCutsIt) {
     pTail->DestroyChained();
 }
 
-TEST_F(CmMessageBlockDisjoint, AtABoundaryReturnsDuplicatesOfWhatFollows) {
+TEST_F(CmMessageBlockDisjoint, ReturnsDuplicatesOfWhatFollows_WhenTheCutIsAtABoundary) {
     CCmMessageBlock third(2, "hi", 0, 2);
     m_second.Append(&third);
     CCmMessageBlock* pTail = m_first.Disjoint(4);
@@ -672,7 +676,7 @@ TEST_F(CmMessageBlockDisjoint, AtABoundaryReturnsDuplicatesOfWhatFollows) {
     pTail->DestroyChained();
 }
 
-TEST_F(CmMessageBlockDisjoint, DuplicatedBlocksArePassedOnAsTheyAre) {
+TEST_F(CmMessageBlockDisjoint, PassesBlocksOnAsTheyAre_WhenTheyAreDuplicates) {
     CCmMessageBlock* pHead = m_first.DuplicateChained();
     CCmMessageBlock* pSecond = pHead->GetNext();
     CCmMessageBlock* pTail = pHead->Disjoint(4);
@@ -682,7 +686,7 @@ TEST_F(CmMessageBlockDisjoint, DuplicatedBlocksArePassedOnAsTheyAre) {
     pTail->DestroyChained();
 }
 
-TEST_F(CmMessageBlockDisjoint, MixedTailKeepsItsOrder) {
+TEST_F(CmMessageBlockDisjoint, KeepsTheOrder_WhenTheTailIsMixed) {
     CCmMessageBlock third(1, "j", 0, 1);
     m_second.Append(HeapBlock("hi"));
     m_second.Append(&third);
@@ -697,7 +701,7 @@ TEST_F(CmMessageBlockDisjoint, MixedTailKeepsItsOrder) {
     pTail->DestroyChained();
 }
 
-TEST_F(CmMessageBlockDisjoint, AtOrBeyondTheEndReturnsNull) {
+TEST_F(CmMessageBlockDisjoint, ReturnsNull_WhenTheCutIsAtOrBeyondTheEnd) {
     for (const unsigned int dwStart : {7u, 8u, 0xFFFFFFFFu}) {
         EXPECT_EQ(nullptr, m_first.Disjoint(dwStart));
         EXPECT_EQ("abcdefg", m_first.FlattenChained());
@@ -706,7 +710,7 @@ TEST_F(CmMessageBlockDisjoint, AtOrBeyondTheEndReturnsNull) {
     EXPECT_EQ(nullptr, empty.Disjoint(0));
 }
 
-TEST_F(CmMessageBlockDisjoint, EmptyBlocksBehindTheCutBelongToTheTail) {
+TEST_F(CmMessageBlockDisjoint, GivesEmptyBlocksToTheTail_AfterTheCut) {
     CCmMessageBlock* pEmpty = HeapBlock("");
     CCmMessageBlock* pHead = HeapBlock("ab");
     pHead->Append(pEmpty);
@@ -718,7 +722,7 @@ TEST_F(CmMessageBlockDisjoint, EmptyBlocksBehindTheCutBelongToTheTail) {
     pTail->DestroyChained();
 }
 
-TEST_F(CmMessageBlockDisjoint, EmptyBlocksBehindTheLastByteAreTheTail) {
+TEST_F(CmMessageBlockDisjoint, MakesEmptyBlocksTheTail_AfterTheLastByte) {
     CCmMessageBlock* pEmpty = HeapBlock("");
     CCmMessageBlock* pHead = HeapBlock("ab");
     pHead->Append(pEmpty);
@@ -730,7 +734,7 @@ TEST_F(CmMessageBlockDisjoint, EmptyBlocksBehindTheLastByteAreTheTail) {
     pEmpty->DestroyChained();
 }
 
-TEST_F(CmMessageBlockDisjoint, EmptyBlocksInFrontOfTheCutAreSkipped) {
+TEST_F(CmMessageBlockDisjoint, SkipsEmptyBlocks_BeforeTheCut) {
     CCmMessageBlock* pHead = HeapBlock("");
     pHead->Append(HeapBlock("ab"));
     CCmMessageBlock* pTail = pHead->Disjoint(0);
@@ -741,7 +745,7 @@ TEST_F(CmMessageBlockDisjoint, EmptyBlocksInFrontOfTheCutAreSkipped) {
     pTail->DestroyChained();
 }
 
-TEST_F(CmMessageBlockDisjoint, LocksDoNotMatter) {
+TEST_F(CmMessageBlockDisjoint, Cuts_WhateverIsLocked) {
     m_second.SetLock(CCmMessageBlock::READ_LOCKED | CCmMessageBlock::WRITE_LOCKED);
     CCmMessageBlock* pTail = m_first.Disjoint(5);
     EXPECT_EQ("fg", pTail->FlattenChained());
@@ -751,7 +755,7 @@ TEST_F(CmMessageBlockDisjoint, LocksDoNotMatter) {
 
 // --- ReclaimGarbage
 
-TEST_F(CmMessageBlock, ReclaimGarbage_FreesEmptyDuplicates) {
+TEST_F(CmMessageBlock, ReclaimGarbageFreesADuplicate_WhenItIsEmpty) {
     CCmMessageBlock* pHead = HeapBlock("");
     CCmMessageBlock* pData = HeapBlock("abc");
     pHead->Append(HeapBlock(""));
@@ -761,7 +765,7 @@ TEST_F(CmMessageBlock, ReclaimGarbage_FreesEmptyDuplicates) {
     pData->DestroyChained();
 }
 
-TEST_F(CmMessageBlock, ReclaimGarbage_PassesOverOthersBlocks) {
+TEST_F(CmMessageBlock, ReclaimGarbagePassesABlockOver_WhenItIsOthers) {
     CCmMessageBlock own(2);
     own.Append(HeapBlock(""));
     own.Append(HeapBlock(""));
@@ -769,7 +773,7 @@ TEST_F(CmMessageBlock, ReclaimGarbage_PassesOverOthersBlocks) {
     EXPECT_EQ(nullptr, own.GetNext());
 }
 
-TEST_F(CmMessageBlock, ReclaimGarbage_ComparesTheLowBitsOfThePointers) {
+TEST_F(CmMessageBlock, ReclaimGarbageComparesTheLowBitsOfThePointers) {
     // Never accessed: only the numbers of the pointers matter.
     const char* const pFirst = reinterpret_cast<const char*>(uintptr_t{0x100001000});
     const char* const pSameLowBits = reinterpret_cast<const char*>(uintptr_t{0x200001000});
@@ -784,7 +788,7 @@ TEST_F(CmMessageBlock, ReclaimGarbage_ComparesTheLowBitsOfThePointers) {
     EXPECT_EQ(0u, third.GetTopLevelLength());
 }
 
-TEST_F(CmMessageBlock, ReclaimGarbage_IsRefusedForOwnedChains) {
+TEST_F(CmMessageBlock, ReclaimGarbageIsRefused_WhenTheChainIsOwned) {
     CCmMessageBlock head(1);
     head.Append(new CCmMessageBlock(1));
     head.m_bRtpChainedFlag = true;
@@ -797,7 +801,7 @@ TEST_F(CmMessageBlock, ReclaimGarbage_IsRefusedForOwnedChains) {
         Line(0));
 }
 
-TEST_F(CmMessageBlock, ReclaimGarbage_LaterOwnerDoesNotFreeItsSuccessor) {
+TEST_F(CmMessageBlock, ReclaimGarbageLeavesTheSuccessorsAlone_WhenTheOwnerComesLater) {
     CCmMessageBlock* pHead = HeapBlock("");
     CCmMessageBlock* pOwner = HeapBlock("");
     CCmMessageBlock* pData = HeapBlock("abc");
@@ -809,7 +813,7 @@ TEST_F(CmMessageBlock, ReclaimGarbage_LaterOwnerDoesNotFreeItsSuccessor) {
     pData->DestroyChained();
 }
 
-TEST_F(CmMessageBlock, ReclaimGarbage_OwnerLeftAloneForgetsAFreedSuccessor) {
+TEST_F(CmMessageBlock, ReclaimGarbageForgetsASuccessor_WhenItIsFreed) {
     CCmMessageBlock* pHead = HeapBlock("");
     CCmMessageBlock owner(1);
     pHead->Append(&owner);
@@ -821,7 +825,7 @@ TEST_F(CmMessageBlock, ReclaimGarbage_OwnerLeftAloneForgetsAFreedSuccessor) {
 
 // --- flattening, combining, gathering
 
-TEST_F(CmMessageBlock, FlattenChained_LockedBlockContributesNothing) {
+TEST_F(CmMessageBlock, FlattenChainedTakesNothingOfABlock_WhenItIsLocked) {
     CCmMessageBlock first(2, "ab", 0, 2);
     CCmMessageBlock second(2, "cd", 0, 2);
     CCmMessageBlock third(2, "ef", 0, 2);
@@ -833,12 +837,12 @@ TEST_F(CmMessageBlock, FlattenChained_LockedBlockContributesNothing) {
     EXPECT_EQ(HeaderLine(306, READ_TEXT), Line(0));
 }
 
-TEST_F(CmMessageBlock, FlattenChained_KeepsZeroBytes) {
+TEST_F(CmMessageBlock, FlattenChainedKeepsZeroBytes) {
     CCmMessageBlock block(3, "a\0b", 0, 3);
     EXPECT_EQ(std::string("a\0b", 3), block.FlattenChained());
 }
 
-TEST_F(CmMessageBlock, CombineSingleBuffer_GathersIntoOneBlock) {
+TEST_F(CmMessageBlock, CombineSingleBufferGathersIntoOneBlock) {
     CCmMessageBlock first(4, "abcd", 0, 4);
     CCmMessageBlock second(3, "efg", 0, 3);
     first.Append(&second);
@@ -851,7 +855,7 @@ TEST_F(CmMessageBlock, CombineSingleBuffer_GathersIntoOneBlock) {
     pOne->DestroyChained();
 }
 
-TEST_F(CmMessageBlock, CombineSingleBuffer_DuplicatesWhenTheFirstBlockHoldsAll) {
+TEST_F(CmMessageBlock, CombineSingleBufferDuplicates_WhenTheFirstBlockHoldsAll) {
     CCmMessageBlock first(4);
     CCmMessageBlock second(3);
     first.Append(&second);
@@ -862,7 +866,7 @@ TEST_F(CmMessageBlock, CombineSingleBuffer_DuplicatesWhenTheFirstBlockHoldsAll) 
     pCopy->DestroyChained();
 }
 
-TEST_F(CmMessageBlock, CombineSingleBuffer_LockedBlockLeavesZeros) {
+TEST_F(CmMessageBlock, CombineSingleBufferLeavesZeros_WhenABlockIsLocked) {
     CCmMessageBlock first(2, "ab", 0, 2);
     CCmMessageBlock second(2, "cd", 0, 2);
     CCmMessageBlock third(1, "e", 0, 1);
@@ -876,7 +880,7 @@ TEST_F(CmMessageBlock, CombineSingleBuffer_LockedBlockLeavesZeros) {
     pOne->DestroyChained();
 }
 
-TEST_F(CmMessageBlock, FillIov_StopsAtItsRoom) {
+TEST_F(CmMessageBlock, FillIovStopsAtItsRoom) {
     CCmMessageBlock first(1, "a", 0, 1);
     CCmMessageBlock empty;
     CCmMessageBlock second(2, "bc", 0, 2);
@@ -896,7 +900,7 @@ TEST_F(CmMessageBlock, FillIov_StopsAtItsRoom) {
     EXPECT_EQ(0u, first.FillIov(nullptr, 3));
 }
 
-TEST_F(CmMessageBlock, FillIov_LockedBlockHasANullBase) {
+TEST_F(CmMessageBlock, FillIovGivesANullBase_WhenABlockIsLocked) {
     CCmMessageBlock block(2, "ab", 0, 2);
     block.SetLock(CCmMessageBlock::READ_LOCKED);
     iovec iov[1] = {{&block, 9}};
@@ -914,7 +918,7 @@ class CmMessageBlockInPlace : public TwoBlocks {
     unsigned char* Out() { return reinterpret_cast<unsigned char*>(m_achOut); }
 };
 
-TEST_F(CmMessageBlockInPlace, PeekReadsAcrossBlocks) {
+TEST_F(CmMessageBlockInPlace, PeekReads_WhenSeveralBlocksHoldIt) {
     EXPECT_EQ(CM_OK, m_first.Peek(Out(), 4, 2));
     EXPECT_STREQ("cdef", m_achOut);
     EXPECT_EQ(7u, m_first.GetChainedLength());
@@ -922,18 +926,18 @@ TEST_F(CmMessageBlockInPlace, PeekReadsAcrossBlocks) {
     EXPECT_STREQ("abcdefg", m_achOut);
 }
 
-TEST_F(CmMessageBlockInPlace, PeekOfNothingSucceedsEvenIntoNull) {
+TEST_F(CmMessageBlockInPlace, PeekSucceedsEvenIntoNull_WhenAskedForNothing) {
     EXPECT_EQ(CM_OK, m_first.Peek(nullptr, 0, 100));
     EXPECT_EQ(0u, Lines());
 }
 
-TEST_F(CmMessageBlockInPlace, PeekIntoNullIsRefused) {
+TEST_F(CmMessageBlockInPlace, PeekIsRefused_WhenTheDestinationIsNull) {
     EXPECT_EQ(CM_ERROR_FAILURE, m_first.Peek(nullptr, 1, 0));
     ASSERT_EQ(1u, Lines());
     EXPECT_EQ(SourceLine(703, "pPeekBuffer"), Line(0));
 }
 
-TEST_F(CmMessageBlockInPlace, PeekBeyondTheEndIsRefused) {
+TEST_F(CmMessageBlockInPlace, PeekIsRefused_WhenAskedForMoreThanThereIs) {
     const unsigned int ranges[][2] = {{8, 0}, {1, 7}, {2, 0xFFFFFFFF}, {0xFFFFFFFF, 8}};
     for (const unsigned int(&range)[2] : ranges) {
         m_sink.clear();
@@ -944,14 +948,14 @@ TEST_F(CmMessageBlockInPlace, PeekBeyondTheEndIsRefused) {
     }
 }
 
-TEST_F(CmMessageBlockInPlace, PeekDoesNotLookAtLocks) {
+TEST_F(CmMessageBlockInPlace, PeekReads_WhateverIsLocked) {
     m_second.SetLock(CCmMessageBlock::READ_LOCKED);
     EXPECT_EQ(CM_OK, m_first.Peek(Out(), 7, 0));
     EXPECT_STREQ("abcdefg", m_achOut);
     EXPECT_EQ(0u, Lines());
 }
 
-TEST_F(CmMessageBlock, Update_OverwritesAcrossBlocks) {
+TEST_F(CmMessageBlock, UpdateOverwrites_WhenSeveralBlocksHoldIt) {
     CCmMessageBlock first(4);
     CCmMessageBlock second(4);
     first.Append(&second);
@@ -963,7 +967,7 @@ TEST_F(CmMessageBlock, Update_OverwritesAcrossBlocks) {
     EXPECT_EQ(0u, Lines());
 }
 
-TEST_F(CmMessageBlock, Update_RefusalsAreTraced) {
+TEST_F(CmMessageBlock, UpdateTraces_WhenItRefuses) {
     CCmMessageBlock block(4);
     block.Write("abcd", 4);
     const unsigned char achNew[] = {'X', 'Y'};
@@ -977,7 +981,7 @@ TEST_F(CmMessageBlock, Update_RefusalsAreTraced) {
     EXPECT_EQ("abcd", block.FlattenChained());
 }
 
-TEST_F(CmMessageBlock, Update_LockedBlockInTheRangeRefusesTheWhole) {
+TEST_F(CmMessageBlock, UpdateRefusesTheWhole_WhenABlockInTheRangeIsLocked) {
     CCmMessageBlock first(4);
     CCmMessageBlock second(4);
     first.Append(&second);
@@ -995,7 +999,7 @@ TEST_F(CmMessageBlock, Update_LockedBlockInTheRangeRefusesTheWhole) {
 
 // --- lengths beyond 32 bits: blocks that share one large area, of which nothing is touched
 
-TEST_F(CmMessageBlock, Sums_DoNotWrapInChecks) {
+TEST_F(CmMessageBlock, Refuses_WhenASumWouldWrap) {
     constexpr unsigned int HALF = 0x80000000;
     char ch = 'x';
     // The area is never accessed, so that its size need not be there.
@@ -1059,27 +1063,27 @@ void ExpectNullAndUnchanged(Operation aOperation) {
     });
 }
 
-TEST_F(CmMessageBlock, OutOfMemory_DuplicateTopLevel) {
+TEST_F(CmMessageBlock, DuplicateTopLevelIsNull_WithoutMemory) {
     ExpectNullAndUnchanged([](CCmMessageBlock& aMb) { return aMb.DuplicateTopLevel(); });
 }
 
-TEST_F(CmMessageBlock, OutOfMemory_DuplicateChained) {
+TEST_F(CmMessageBlock, DuplicateChainedIsNullAndLeaksNothing_WithoutMemory) {
     ExpectNullAndUnchanged([](CCmMessageBlock& aMb) { return aMb.DuplicateChained(); });
 }
 
-TEST_F(CmMessageBlock, OutOfMemory_DisjointInsideABlock) {
+TEST_F(CmMessageBlock, DisjointInsideABlockChangesNothing_WithoutMemory) {
     ExpectNullAndUnchanged([](CCmMessageBlock& aMb) { return aMb.Disjoint(2); });
 }
 
-TEST_F(CmMessageBlock, OutOfMemory_DisjointAtABoundary) {
+TEST_F(CmMessageBlock, DisjointAtABoundaryChangesNothing_WithoutMemory) {
     ExpectNullAndUnchanged([](CCmMessageBlock& aMb) { return aMb.Disjoint(4); });
 }
 
-TEST_F(CmMessageBlock, OutOfMemory_CombineSingleBuffer) {
+TEST_F(CmMessageBlock, CombineSingleBufferIsNull_WithoutMemory) {
     ExpectNullAndUnchanged([](CCmMessageBlock& aMb) { return aMb.CombineSingleBuffer(); });
 }
 
-TEST_F(CmMessageBlock, OutOfMemory_FlattenChainedIsEmpty) {
+TEST_F(CmMessageBlock, FlattenChainedIsEmpty_WithoutMemory) {
     const std::string sData(100, 'x');
     CCmMessageBlock block(100, sData.data(), 0, 100);
     {
@@ -1092,7 +1096,7 @@ TEST_F(CmMessageBlock, OutOfMemory_FlattenChainedIsEmpty) {
 
 // --- long chains
 
-TEST_F(CmMessageBlock, MillionBlocks_AreWalkedWithoutRecursion) {
+TEST_F(CmMessageBlock, WalksWithoutRecursion_WhenThereAreAMillionBlocks) {
     constexpr unsigned int BLOCKS = 1000000;
     CCmMessageBlock head(1);
     CCmMessageBlock* pLast = &head;
@@ -1113,7 +1117,7 @@ TEST_F(CmMessageBlock, MillionBlocks_AreWalkedWithoutRecursion) {
     pCopy->DestroyChained();
 }
 
-TEST_F(CmMessageBlock, References_OnePerBlockThatShares) {
+TEST_F(CmMessageBlock, HoldsOneReferencePerBlockThatShares) {
     CCmDataBlock* pDb = nullptr;
     ASSERT_EQ(CM_OK, CCmDataBlock::CreateInstance(pDb, 4, "abcd"));
     {

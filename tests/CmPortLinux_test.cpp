@@ -53,7 +53,7 @@ bool IsText(const char* aExpected, const char* aActual) {
     return strcmp(aExpected, aActual) == 0;
 }
 
-TEST(CmPortLinuxName, AsciiName_ReadsAsItsFirstCharacter) {
+TEST(CmPortLinuxName, ReadsAsItsFirstCharacter_WhenItIsAscii) {
     EXPECT_WITH_EXECUTABLE("/opt/bin/agent", IsText("a", get_exec_name()));
     EXPECT_WITH_EXECUTABLE("/opt/bin/agent",
                            memcmp(get_exec_name(), "a\0g\0e\0n\0t\0\0\0", 12) == 0);
@@ -61,7 +61,7 @@ TEST(CmPortLinuxName, AsciiName_ReadsAsItsFirstCharacter) {
     EXPECT_WITH_EXECUTABLE("agent", IsText("a", get_exec_name()));
 }
 
-TEST(CmPortLinuxName, OtherNames_AreConvertedFirst) {
+TEST(CmPortLinuxName, IsConvertedFirst_WhenItIsNotAscii) {
     // U+4E2D, U+6587 and U+E9: the bytes 2D 4E 87 65 E9 00.
     EXPECT_WITH_EXECUTABLE("/opt/\xE4\xB8\xAD\xE6\x96\x87\xC3\xA9",
                            IsText("\x2D\x4E\x87\x65\xE9", get_exec_name()));
@@ -70,7 +70,7 @@ TEST(CmPortLinuxName, OtherNames_AreConvertedFirst) {
                            memcmp(get_exec_name(), "\x3D\xD8\x00\xDE\x00", 6) == 0);
 }
 
-TEST(CmPortLinuxName, BytesThatAreNoText_AreReplaced) {
+TEST(CmPortLinuxName, ReplacesBytes_WhenTheyAreNoText) {
     // Each such byte is U+FFFD.
     for (const char* pBad : {"\xFF", "\x80", "\xC3", "\xC0\xAF", "\xE4\xB8", "\xED\xA0\x80",
                              "\xF4\x90\x80\x80", "\xE0\x80\x80", "\xF8\x80"}) {
@@ -81,7 +81,7 @@ TEST(CmPortLinuxName, BytesThatAreNoText_AreReplaced) {
     }
 }
 
-TEST(CmPortLinuxName, LongestName_IsTerminated) {
+TEST(CmPortLinuxName, IsTerminated_WhenItIsTheLongest) {
     std::string sName = "/opt/";
     std::string sBytes;
     for (int i = 0; i < 300; ++i) {
@@ -91,18 +91,18 @@ TEST(CmPortLinuxName, LongestName_IsTerminated) {
     EXPECT_WITH_EXECUTABLE(sName, IsText(sBytes.c_str(), get_exec_name()));
 }
 
-TEST(CmPortLinuxName, UnknownName_IsEmpty) {
+TEST(CmPortLinuxName, IsEmpty_WhenItIsUnknown) {
     EXPECT_WITH_EXECUTABLE("", IsText("", get_exec_name()));
     EXPECT_WITH_EXECUTABLE("", IsText("", get_process_name()));
     EXPECT_WITH_EXECUTABLE("/" + std::string(5000, 'x'), IsText("", get_exec_name()));
 }
 
-TEST(CmPortLinuxName, Name_IsAskedForAgain_WhenItCouldNotBeRead) {
+TEST(CmPortLinuxName, NameIsAskedForAgain_WhenItCouldNotBeRead) {
     EXPECT_WITH_EXECUTABLE("", IsText("", get_exec_name()) && !(s_sExecutable = "agent").empty() &&
                                    IsText("a", get_exec_name()));
 }
 
-TEST(CmPortLinuxName, Name_IsReadOnce) {
+TEST(CmPortLinuxName, NameIsReadOnce) {
     EXPECT_WITH_EXECUTABLE("/opt/bin/agent", (get_exec_name(), s_sExecutable = "/opt/bin/other",
                                               IsText("a", get_exec_name())));
 }
@@ -118,7 +118,7 @@ class CmPortLinuxParentPath : public testing::Test {
 };
 char CmPortLinuxParentPath::s_achPath[64];
 
-TEST_F(CmPortLinuxParentPath, Path_IsFourDirectoriesUp) {
+TEST_F(CmPortLinuxParentPath, IsFourDirectoriesUp) {
     EXPECT_EQ(4, Get("/opt/App/Contents/bin/agent", 64));
     EXPECT_STREQ("/opt", s_achPath);
     EXPECT_EQ(1, Get("/a/b/c/agent", 64));
@@ -127,12 +127,12 @@ TEST_F(CmPortLinuxParentPath, Path_IsFourDirectoriesUp) {
     EXPECT_STREQ("/", s_achPath);
 }
 
-TEST_F(CmPortLinuxParentPath, PathThatDoesNotFit_IsAFailure) {
+TEST_F(CmPortLinuxParentPath, Fails_WhenThePathDoesNotFit) {
     EXPECT_EQ(4, Get("/opt/a/b/c/d", 5));
     EXPECT_EQ(0, Get("/opt/a/b/c/d", 4));
 }
 
-TEST_F(CmPortLinuxParentPath, UnknownExecutable_IsAFailure) {
+TEST_F(CmPortLinuxParentPath, Fails_WhenTheExecutableIsUnknown) {
     EXPECT_EQ(0, Get("", 64));
     EXPECT_EQ(0, Get(("/" + std::string(5000, 'x')).c_str(), 64));
     // As the kernel names a file that no path leads to.
@@ -151,13 +151,13 @@ int NamelessDladdr(const void* /*aAddress*/, Dl_info* aInfo) {
     return 1;
 }
 
-TEST(CmPortLinuxModule, Path_IsMissing_WhenTheLoaderKnowsNoName) {
+TEST(CmPortLinuxModule, PathIsMissing_WhenTheLoaderKnowsNoName) {
     ScopedEntry<decltype(g_cmSystem.dladdr)> entry(g_cmSystem.dladdr, NamelessDladdr);
     char szPath[8];
     EXPECT_FALSE(CmPortModulePath(szPath, sizeof(szPath)));
 }
 
-TEST(CmPortLinuxModule, Path_ComesFromTheLoader) {
+TEST(CmPortLinuxModule, PathComesFromTheLoader) {
     ScopedEntry<decltype(g_cmSystem.dladdr)> entry(g_cmSystem.dladdr, FakeDladdr);
     char szPath[8];
     s_pModule = "/a/b.so";
@@ -168,13 +168,13 @@ TEST(CmPortLinuxModule, Path_ComesFromTheLoader) {
     EXPECT_FALSE(CmPortModulePath(szPath, 8));
 }
 
-TEST(CmPortLinuxModule, LoadedModule_IsAFile) {
+TEST(CmPortLinuxModule, IsAFile_WhenTheModuleIsLoaded) {
     char szPath[1024];
     ASSERT_TRUE(CmPortModulePath(szPath, sizeof(szPath)));
     EXPECT_TRUE(std::filesystem::exists(szPath)) << szPath;
 }
 
-TEST(CmPortLinuxItem, Extension_IsWhatFollowsADotWithinTheName) {
+TEST(CmPortLinuxItem, ExtensionIsWhatFollowsADotWithinTheName) {
     kelto_test::ScopedHome home;
     const auto item = [&](const char* aName) {
         kelto_test::WriteFile(home.path() + aName, "");
@@ -189,7 +189,7 @@ TEST(CmPortLinuxItem, Extension_IsWhatFollowsADotWithinTheName) {
     EXPECT_EQ(CmPortItem::UNKNOWN, CmPortItemInformation((home.path() + "none.so").c_str()));
 }
 
-TEST(CmPortLinuxItem, DotInADirectory_IsNoExtension) {
+TEST(CmPortLinuxItem, ExtensionIsNone_WhenTheDotIsInADirectory) {
     kelto_test::ScopedHome home;
     std::filesystem::create_directory(home.path() + "a.framework");
     const std::string sPath = home.path() + "a.framework/util";
@@ -197,7 +197,7 @@ TEST(CmPortLinuxItem, DotInADirectory_IsNoExtension) {
     EXPECT_EQ(CmPortItem::WITHOUT_EXTENSION, CmPortItemInformation(sPath.c_str()));
 }
 
-TEST(CmPortLinuxBundle, Bundle_IsOnlyLookedFor) {
+TEST(CmPortLinuxBundle, BundleIsOnlyLookedFor) {
     kelto_test::ScopedHome home;
     const std::string sPath = home.path() + "yrktrace.bundle";
     EXPECT_EQ(nullptr, CmPortBundleCreate(sPath.c_str()));
@@ -208,7 +208,7 @@ TEST(CmPortLinuxBundle, Bundle_IsOnlyLookedFor) {
     CmPortBundleRelease(hBundle);
 }
 
-TEST(CmPortLinux, NamesTheThread_CutToItsLimit) {
+TEST(CmPortLinux, CutsTheNameOfAThreadToItsLimit) {
     CCmWorker worker(CCmWorkerOptions().Name("a name of more than fifteen bytes"));
     EXPECT_EQ("a name of more ", *CmCall(worker, [] {
                   char szName[64] = {};
@@ -217,7 +217,7 @@ TEST(CmPortLinux, NamesTheThread_CutToItsLimit) {
               }));
 }
 
-TEST(CmPortLinux, PreciseWaits_AreThoseOfAWorkerThatAskedForThem) {
+TEST(CmPortLinux, PreciseWaitsAreThoseOfAWorkerThatAskedForThem) {
     const auto slack = [] { return prctl(PR_GET_TIMERSLACK, 0, 0, 0, 0); };
     CCmWorker usual;
     CCmWorker precise(CCmWorkerOptions().PreciseTimers());
@@ -225,7 +225,7 @@ TEST(CmPortLinux, PreciseWaits_AreThoseOfAWorkerThatAskedForThem) {
     EXPECT_EQ(1, *CmCall(precise, slack));
 }
 
-TEST(CmPortLinux, ConditionWaitUntil_EndsByTheMonotonicClock) {
+TEST(CmPortLinux, ConditionWaitUntilEndsByTheMonotonicClock) {
     pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
     pthread_cond_t condition = PTHREAD_COND_INITIALIZER;
     timespec tsStart = {};
@@ -246,7 +246,7 @@ TEST(CmPortLinux, ConditionWaitUntil_EndsByTheMonotonicClock) {
     pthread_mutex_unlock(&mutex);
 }
 
-TEST(CmPortLinuxFaults, Calls_FailWithTheirResult) {
+TEST(CmPortLinuxFaults, CallsReturnTheirResult_WhenTheyFail) {
     typedef CCmSystemTable T;
     const auto findParent = [] {
         char szPath[4096];

@@ -55,7 +55,7 @@ constexpr char BUNDLE[] = "/Apps/lib/yrktrace.bundle";
 
 // ---- Semaphores
 
-TEST(CmPortMacSemaphore, Calls_CountAMutexAndAConditionUpAndDown) {
+TEST(CmPortMacSemaphore, CallsCountAMutexAndAConditionUpAndDown) {
     CmConditionSemaphore semaphore;
     EXPECT_EQ(0, CmPortSemaphoreInit(&semaphore, 0, 1));
     EXPECT_EQ(1u, semaphore.m_dwCount);
@@ -95,7 +95,7 @@ int MadeUpIoctl(int /*aFile*/, unsigned long aRequest, void* aArgument) {
     return 0;
 }
 
-TEST(CmPortMacInterfaces, List_IsReadFromRecordsOfTheirOwnLengths) {
+TEST(CmPortMacInterfaces, ListIsReadFromRecordsOfTheirOwnLengths) {
     ScopedEntry<decltype(g_cmSystem.ioctl)> entry(g_cmSystem.ioctl, MadeUpIoctl);
     kelto_test::ScopedTraceSink sink;
     local_addr* pList = nullptr;
@@ -114,25 +114,25 @@ std::u16string ExecutableName() {
     return std::u16string(awUnits, awUnits + nUnits);
 }
 
-TEST(CmPortMacName, Name_ComesFromTheCatalog) {
+TEST(CmPortMacName, NameComesFromTheCatalog) {
     ScopedMacServices services;
     services.SetApplication(APPLICATION, u"Host");
     EXPECT_EQ(u"Host", ExecutableName());
 }
 
-TEST(CmPortMacName, NonAsciiName_IsKeptUnitByUnit) {
+TEST(CmPortMacName, IsKeptUnitByUnit_WhenItIsNotAscii) {
     ScopedMacServices services;
     services.SetApplication(APPLICATION, u"\u4E2D\u00E9\U0001F600");
     EXPECT_EQ(u"\u4E2D\u00E9\U0001F600", ExecutableName());
 }
 
-TEST(CmPortMacName, LongestName_Fits) {
+TEST(CmPortMacName, Fits_WhenItIsTheLongest) {
     ScopedMacServices services;
     services.SetApplication(APPLICATION, std::u16string(255, u'n'));
     EXPECT_EQ(std::u16string(255, u'n'), ExecutableName());
 }
 
-TEST(CmPortMacName, EachFailingService_GivesNoName) {
+TEST(CmPortMacName, IsNone_WhateverServiceFails) {
     for (const MacService service :
          {MacService::LOAD_PROCESS_SERVICES, MacService::FIND_GET_PROCESS_INFORMATION,
           MacService::GET_PROCESS_INFORMATION, MacService::FS_GET_CATALOG_INFO}) {
@@ -157,22 +157,22 @@ TEST(CmPortMacName, EachFailingService_GivesNoName) {
             testing::ExitedWithCode(0), "");            \
     } while (0)
 
-TEST(CmPortMacName, AsciiName_ReadsAsItsFirstCharacter) {
+TEST(CmPortMacName, ReadsAsItsFirstCharacter_WhenItIsAscii) {
     EXPECT_NAMED(u"agent", MacService::NONE, strcmp(get_exec_name(), "a") == 0);
 }
 
-TEST(CmPortMacName, NonAsciiName_ReadsAsItsBytes) {
+TEST(CmPortMacName, ReadsAsItsBytes_WhenItIsNotAscii) {
     EXPECT_NAMED(u"\u4E2D\u6587", MacService::NONE,
                  strcmp(get_exec_name(), "\x2D\x4E\x87\x65") == 0);
 }
 
-TEST(CmPortMacName, UnknownName_ReadsAsEmpty) {
+TEST(CmPortMacName, ReadsAsEmpty_WhenItIsUnknown) {
     EXPECT_NAMED(u"agent", MacService::FS_GET_CATALOG_INFO, strcmp(get_exec_name(), "") == 0);
 }
 
 // ---- The application's parent path
 
-TEST(CmPortMacParentPath, Path_IsMadeInFourSteps) {
+TEST(CmPortMacParentPath, PathIsMadeInFourSteps) {
     ScopedMacServices services;
     services.SetApplication(APPLICATION, u"Host");
     char szPath[64];
@@ -181,7 +181,7 @@ TEST(CmPortMacParentPath, Path_IsMadeInFourSteps) {
     EXPECT_EQ((std::vector<unsigned long>{64, 64, 64, 64}), services.name_lengths());
 }
 
-TEST(CmPortMacParentPath, PathThatDoesNotFit_IsAFailure) {
+TEST(CmPortMacParentPath, Fails_WhenThePathDoesNotFit) {
     ScopedMacServices services;
     services.SetApplication(APPLICATION, u"Host");
     char szPath[14];
@@ -189,7 +189,7 @@ TEST(CmPortMacParentPath, PathThatDoesNotFit_IsAFailure) {
     EXPECT_EQ(0, MMP_GetCurrentModuleParentPath(szPath, 13));
 }
 
-TEST(CmPortMacParentPath, EachFailingService_IsAFailure) {
+TEST(CmPortMacParentPath, Fails_WhateverServiceFails) {
     struct {
         MacService service;
         int nth;
@@ -211,7 +211,7 @@ TEST(CmPortMacParentPath, EachFailingService_IsAFailure) {
     }
 }
 
-TEST(CmPortMacParentPath, NoMemory_IsAFailure) {
+TEST(CmPortMacParentPath, Fails_WithoutMemory) {
     ScopedMacServices services;
     services.SetApplication(APPLICATION, u"Host");
     char szPath[8];
@@ -241,7 +241,7 @@ class CmPortMacModule : public testing::Test {
     ScopedEntry<decltype(g_cmSystem.dladdr)> m_entry;
 };
 
-TEST_F(CmPortMacModule, Path_ComesFromTheLoader) {
+TEST_F(CmPortMacModule, PathComesFromTheLoader) {
     char szPath[sizeof(PLAIN)];
     EXPECT_TRUE(CmPortModulePath(szPath, sizeof(szPath)));
     EXPECT_STREQ(PLAIN, szPath);
@@ -250,13 +250,13 @@ TEST_F(CmPortMacModule, Path_ComesFromTheLoader) {
     EXPECT_FALSE(CmPortModulePath(szPath, sizeof(szPath)));
 }
 
-TEST_F(CmPortMacModule, Path_IsMissing_WhenTheLoaderKnowsNoName) {
+TEST_F(CmPortMacModule, PathIsMissing_WhenTheLoaderKnowsNoName) {
     ScopedEntry<decltype(g_cmSystem.dladdr)> entry(g_cmSystem.dladdr, NamelessDladdr);
     char szPath[8];
     EXPECT_FALSE(CmPortModulePath(szPath, sizeof(szPath)));
 }
 
-TEST_F(CmPortMacModule, ItemInformation_TellsTheExtension) {
+TEST_F(CmPortMacModule, ItemInformationTellsTheExtension) {
     m_services.AddFile(PLAIN);
     m_services.AddFile(FRAMEWORK);
     EXPECT_EQ(CmPortItem::WITH_EXTENSION, CmPortItemInformation(PLAIN));
@@ -279,40 +279,40 @@ class CmPortMacBundle : public CmPortMacModule {
     }
 };
 
-TEST_F(CmPortMacBundle, PlainLibrary_HasItBesideItself) {
+TEST_F(CmPortMacBundle, LiesBesideIt_WhenTheLibraryIsPlain) {
     m_services.AddFile(PLAIN);
     EXPECT_EQ(BUNDLE, SearchedFrom(PLAIN));
 }
 
-TEST_F(CmPortMacBundle, Framework_HasItBesideThePackage) {
+TEST_F(CmPortMacBundle, LiesBesideThePackage_WhenTheLibraryIsAFramework) {
     m_services.AddFile(FRAMEWORK);
     EXPECT_EQ("/Apps/yrktrace.bundle", SearchedFrom(FRAMEWORK));
 }
 
-TEST_F(CmPortMacBundle, UnknownItem_IsTakenForAPlainLibrary) {
+TEST_F(CmPortMacBundle, LiesBesideIt_WhenTheItemIsUnknown) {
     EXPECT_EQ("/Apps/util.framework/Versions/A/yrktrace.bundle", SearchedFrom(FRAMEWORK));
 }
 
-TEST_F(CmPortMacBundle, TooShortAPath_HasNone) {
+TEST_F(CmPortMacBundle, IsMissing_WhenThePathIsTooShort) {
     m_services.AddFile("/A/util");
     EXPECT_EQ("/A/util", SearchedFrom("/A/util")) << "only the item itself was looked at";
 }
 
-TEST_F(CmPortMacBundle, NonAsciiDirectory_IsKept) {
+TEST_F(CmPortMacBundle, KeepsTheDirectory_WhenItIsNotAscii) {
     EXPECT_EQ("/\xE4\xB8\xAD/yrktrace.bundle", SearchedFrom("/\xE4\xB8\xAD/util.dylib"));
 }
 
-TEST_F(CmPortMacBundle, MissingBundle_IsNull) {
+TEST_F(CmPortMacBundle, IsNull_WhenItIsMissing) {
     EXPECT_EQ(nullptr, CmPortBundleCreate(BUNDLE));
 }
 
-TEST_F(CmPortMacBundle, PathThatIsNoBundle_IsNull) {
+TEST_F(CmPortMacBundle, IsNull_WhenThePathIsNoBundle) {
     m_services.AddFile(BUNDLE);
     EXPECT_EQ(nullptr, CmPortBundleCreate(BUNDLE));
     EXPECT_EQ(0u, m_services.objects());
 }
 
-TEST_F(CmPortMacBundle, Function_IsFoundByName) {
+TEST_F(CmPortMacBundle, FunctionIsFoundByName) {
     m_services.AddBundle(BUNDLE, {"YRKINFO2"});
     void* const hBundle = CmPortBundleCreate(BUNDLE);
     ASSERT_NE(nullptr, hBundle);
@@ -326,7 +326,7 @@ TEST_F(CmPortMacBundle, Function_IsFoundByName) {
     EXPECT_EQ(0u, m_services.objects());
 }
 
-TEST_F(CmPortMacBundle, EachFailingService_GivesNone) {
+TEST_F(CmPortMacBundle, IsMissing_WhateverServiceFails) {
     m_services.AddBundle(BUNDLE, {});
     for (const MacService service :
          {MacService::FS_PATH_MAKE_REF, MacService::CF_URL_CREATE, MacService::CF_BUNDLE_CREATE}) {
@@ -336,7 +336,7 @@ TEST_F(CmPortMacBundle, EachFailingService_GivesNone) {
     }
 }
 
-TEST_F(CmPortMacBundle, Facility_KeepsItUntilClose) {
+TEST_F(CmPortMacBundle, FacilityKeepsIt_UntilClose) {
     m_services.AddFile(PLAIN);
     m_services.AddBundle(BUNDLE, {"YRKDEBUG2", "YRKINFO2", "YRKWARN2", "YRKERROR2"});
     CCmT120TraceMapEntry table[28] = {};
@@ -346,7 +346,7 @@ TEST_F(CmPortMacBundle, Facility_KeepsItUntilClose) {
     EXPECT_EQ(0u, m_services.objects());
 }
 
-TEST_F(CmPortMacBundle, Facility_ReleasesItAtItsEnd) {
+TEST_F(CmPortMacBundle, FacilityReleasesIt_WhenItEnds) {
     m_services.AddFile(PLAIN);
     m_services.AddBundle(BUNDLE, {});
     EXPECT_EQ(BUNDLE, SearchedFrom(PLAIN));
@@ -441,7 +441,7 @@ TEST_F(CmPortMacNeverMade, WhatWasMadeWritesALineAtItsEnd) {
     EXPECT_EQ(1u, m_sink.count("sem_destroy() failed! err=22"));
 }
 
-TEST(CmPortMac, ConditionWaitUntil_WaitsForWhatIsLeft) {
+TEST(CmPortMac, ConditionWaitUntilWaitsForWhatIsLeft) {
     pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
     pthread_cond_t condition = PTHREAD_COND_INITIALIZER;
     timespec tsDeadline = {};
@@ -458,7 +458,7 @@ TEST(CmPortMac, ConditionWaitUntil_WaitsForWhatIsLeft) {
     EXPECT_EQ(1, s_tsInterval.tv_nsec);
 }
 
-TEST(CmPortMac, NamesTheThread_CutToItsLimit) {
+TEST(CmPortMac, CutsTheNameOfAThreadToItsLimit) {
     CmPortNameThisThread("audio");
     EXPECT_EQ("audio", s_sThreadName);
     CmPortNameThisThread(std::string(100, 'x').c_str());

@@ -16,17 +16,18 @@
 #include "CmThread.h"
 #include "CmUtilMisc.h"
 #include "support/Faults.h"
+#include "support/Gate.h"
 #include "support/Threads.h"
 
 using namespace UTIL_NS;
 
 namespace {
 
-std::atomic<int> g_nAsked{0};      // names put to the system
-std::atomic<int> g_nLists{0};      // answers of the system that are not freed
-std::atomic<int> g_nInside{0};     // lookups under way
-std::atomic<int> g_nMost{0};       // the most at one time
-std::atomic<bool> g_bHang{false};  // whether names that begin with "hang" do
+std::atomic<int> g_nAsked{0};   // names put to the system
+std::atomic<int> g_nLists{0};   // answers of the system that are not freed
+std::atomic<int> g_nInside{0};  // lookups under way
+std::atomic<int> g_nMost{0};    // the most at one time
+kelto_test::Gate s_hanging;     // names that begin with "hang" wait until it is open
 
 addrinfo* NewInfo(const sockaddr* aAddress, socklen_t aLength, addrinfo* aNext) {
     auto* pInfo = static_cast<addrinfo*>(calloc(1, sizeof(addrinfo)));
@@ -75,8 +76,8 @@ int Resolve(const char* aName, const char*, const addrinfo* aHints, addrinfo** a
     int nMost = g_nMost;
     while (nInside > nMost && !g_nMost.compare_exchange_weak(nMost, nInside)) {
     }
-    while (strncmp(aName, "hang", 4) == 0 && g_bHang) {
-        SleepMs(1);
+    if (strncmp(aName, "hang", 4) == 0) {
+        s_hanging.Wait();
     }
     const int nFailure = FailureOf(aName);
     g_nLists += nFailure == 0 ? 1 : 0;
@@ -143,11 +144,11 @@ class CmResolverTest : public testing::Test {
           m_freeaddrinfo(g_cmSystem.freeaddrinfo, &Free) {
         g_nAsked = 0;
         g_nMost = 0;
-        g_bHang = true;
+        s_hanging.Close();
     }
     // Lookups outlive the resolver; the next test must not meet them.
     ~CmResolverTest() override {
-        g_bHang = false;
+        s_hanging.Open();
         // The counters last: what they show happened before this.
         EXPECT_TRUE(Becomes([this] {
             return kelto_test::LiveThreads() <= m_nThreads && g_nInside == 0 && g_nLists == 0;
@@ -185,7 +186,7 @@ class CmResolverTest : public testing::Test {
 
 }  // namespace
 
-TEST_F(CmResolverTest, AnswersOnTheQueue_WithBothFamilies) {
+TEST_F(CmResolverTest, AnswersWithBothFamiliesOnTheQueue) {
     CCmResolver resolver;
     Record record;
     ASSERT_EQ(CM_OK, Ask(resolver, "host.test", record));
@@ -249,7 +250,7 @@ TEST_F(CmResolverTest, AnswersAnAddressByItself) {
     EXPECT_EQ(0, g_nAsked);
 }
 
-TEST_F(CmResolverTest, RefusesWhatIsNoName_AndEndsTheAnswer) {
+TEST_F(CmResolverTest, RefusesAndEndsTheAnswer_WhenTheTextIsNoName) {
     CCmResolver resolver;
     const std::string sLabel63(63, 'a');
     const std::string sName253 =
@@ -284,7 +285,7 @@ TEST_F(CmResolverTest, RefusesWhatIsNoName_AndEndsTheAnswer) {
     }
 }
 
-TEST_F(CmResolverTest, AnswersWhenTheLimitHasPassed_ThoughTheSystemHangs) {
+TEST_F(CmResolverTest, Answers_WhenTheLimitHasPassedAndTheSystemHangs) {
     CCmResolver resolver;
     Record hanging;
     Record other;
@@ -299,7 +300,7 @@ TEST_F(CmResolverTest, AnswersWhenTheLimitHasPassed_ThoughTheSystemHangs) {
     EXPECT_EQ(CM_OK, other.result);
 }
 
-TEST_F(CmResolverTest, HasNoLimit_WithTheLargestValue) {
+TEST_F(CmResolverTest, HasNoLimit_WhenTheLimitIsTheLargestValue) {
     CCmResolver resolver;
     Record record;
     ASSERT_EQ(CM_OK, Ask(resolver, "host.test", record, CCmTimeValue::s_tvMax));
@@ -316,7 +317,7 @@ TEST_F(CmResolverTest, PutsFourQuestionsAtATime) {
     EXPECT_TRUE(Becomes([] { return g_nInside == CCmResolver::MAX_LOOKUPS; }));
     SleepMs(30);
     EXPECT_EQ(CCmResolver::MAX_LOOKUPS, g_nAsked);
-    g_bHang = false;
+    s_hanging.Open();
     for (Record& record : records) {
         EXPECT_TRUE(Becomes([&record] { return record.resolved == 1; }));
         EXPECT_EQ(CM_OK, record.result);
@@ -334,13 +335,13 @@ TEST_F(CmResolverTest, EndsAnAnswerUnfired_WhenItIsCancelled) {
     EXPECT_EQ(1, record.ended);
     EXPECT_EQ(CM_ERROR_NOT_FOUND, resolver.Cancel(ullId));
     EXPECT_EQ(CM_ERROR_NOT_FOUND, resolver.Cancel(12345));
-    g_bHang = false;
+    s_hanging.Open();
     SleepMs(20);
     Run();
     EXPECT_EQ(0, record.resolved);
 }
 
-TEST_F(CmResolverTest, IsCancelled_ThoughTheAnswerIsPosted) {
+TEST_F(CmResolverTest, IsCancelled_WhenTheAnswerIsPosted) {
     CCmResolver resolver;
     Record record;
     uint64_t ullId = 0;
@@ -428,7 +429,7 @@ TEST_F(CmResolverTest, AnswersOrEndsEveryQuestion_WhileManyThreadsAskAndCancel) 
     EXPECT_LE(THREADS * QUESTIONS / 2, record.resolved);
 }
 
-TEST_F(CmResolverTest, AnswersThatNoThreadCouldBeStarted) {
+TEST_F(CmResolverTest, SaysSo_WhenNoThreadCanBeStarted) {
     typedef kelto_test::FailingCall<&CCmSystemTable::pthread_create> NoThread;
     CCmResolver resolver;
     Record record;
@@ -450,7 +451,7 @@ TEST_F(CmResolverTest, AnswersThatNoThreadCouldBeStarted) {
     EXPECT_EQ(CM_OK, third.result);
 }
 
-TEST_F(CmResolverTest, SurvivesWithoutMemory) {
+TEST_F(CmResolverTest, Survives_WithoutMemory) {
     for (unsigned long ulNth = 1;; ++ulNth) {
         Record record;
         bool bHit = false;

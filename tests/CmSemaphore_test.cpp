@@ -13,13 +13,17 @@
 #include "CmThread.h"
 #include "port/CmConditionSemaphore.h"
 #include "support/Cancellation.h"
+#include "support/Eventually.h"
 #include "support/Faults.h"
+#include "support/Gate.h"
 #include "support/TraceSink.h"
 
 namespace UTIL_NS {
 namespace {
 
+using kelto_test::Eventually;
 using kelto_test::FailingCall;
+using kelto_test::Gate;
 using kelto_test::MaskAddresses;
 using kelto_test::ScopedTraceSink;
 
@@ -62,14 +66,14 @@ class CmSemaphoreImplementation : public testing::Test {
 typedef testing::Types<Chosen, Condition> Implementations;
 TYPED_TEST_SUITE(CmSemaphoreImplementation, Implementations, );
 
-TYPED_TEST(CmSemaphoreImplementation, Wait_TakesTheInitialCount) {
+TYPED_TEST(CmSemaphoreImplementation, WaitTakesTheInitialCount) {
     this->Init(2);
     EXPECT_EQ(0, this->Wait());
     EXPECT_EQ(0, this->Wait());
     this->Destroy();
 }
 
-TYPED_TEST(CmSemaphoreImplementation, Wait_BlocksAtZeroUntilAPost) {
+TYPED_TEST(CmSemaphoreImplementation, WaitBlocksAtZero_UntilAPost) {
     this->Init(0);
     std::atomic<bool> bPassed{false};
     std::thread waiter([&] {
@@ -84,7 +88,7 @@ TYPED_TEST(CmSemaphoreImplementation, Wait_BlocksAtZeroUntilAPost) {
     this->Destroy();
 }
 
-TYPED_TEST(CmSemaphoreImplementation, Post_WakesOneWaiterEach) {
+TYPED_TEST(CmSemaphoreImplementation, PostWakesOneWaiterEach) {
     this->Init(0);
     std::atomic<int> nPassed{0};
     std::vector<std::thread> waiters;
@@ -96,9 +100,7 @@ TYPED_TEST(CmSemaphoreImplementation, Post_WakesOneWaiterEach) {
     }
     EXPECT_EQ(0, this->Post());
     EXPECT_EQ(0, this->Post());
-    while (nPassed < 2) {
-        std::this_thread::yield();
-    }
+    EXPECT_TRUE(Eventually([&] { return nPassed >= 2; }));
     SleepAMoment();
     EXPECT_EQ(2, nPassed);
     EXPECT_EQ(0, this->Post());
@@ -109,13 +111,13 @@ TYPED_TEST(CmSemaphoreImplementation, Post_WakesOneWaiterEach) {
     this->Destroy();
 }
 
-TYPED_TEST(CmSemaphoreImplementation, Init_RefusesACountOutOfRange) {
+TYPED_TEST(CmSemaphoreImplementation, InitRefuses_WhenTheCountIsOutOfRange) {
     errno = 0;
     EXPECT_EQ(-1, TypeParam::Init(&this->m_Semaphore, UINT_MAX));
     EXPECT_EQ(EINVAL, errno);
 }
 
-TYPED_TEST(CmSemaphoreImplementation, Post_RefusesToOverflow) {
+TYPED_TEST(CmSemaphoreImplementation, PostRefuses_WhenTheCountWouldOverflow) {
     this->Init(INT_MAX);
     errno = 0;
     EXPECT_EQ(-1, this->Post());
@@ -123,7 +125,7 @@ TYPED_TEST(CmSemaphoreImplementation, Post_RefusesToOverflow) {
     this->Destroy();
 }
 
-TYPED_TEST(CmSemaphoreImplementation, Stress_LosesNoPost) {
+TYPED_TEST(CmSemaphoreImplementation, LosesNoPost_WhenThreadsRace) {
     constexpr int ROUNDS = 5000;
     this->Init(0);
     std::vector<std::thread> threads;
@@ -142,10 +144,20 @@ TYPED_TEST(CmSemaphoreImplementation, Stress_LosesNoPost) {
     for (std::thread& thread : threads) {
         thread.join();
     }
+    // As many waits as posts have returned, and nothing is left over.
+    Gate passed;
+    std::thread waiter([&] {
+        this->Wait();
+        passed.Open();
+    });
+    SleepAMoment();
+    EXPECT_FALSE(passed.IsOpen());
+    EXPECT_EQ(0, this->Post());
+    waiter.join();
     this->Destroy();
 }
 
-TYPED_TEST(CmSemaphoreImplementation, Wait_CancelledLeavesTheSemaphoreUsable) {
+TYPED_TEST(CmSemaphoreImplementation, WaitLeavesTheSemaphoreUsable_WhenItsThreadIsCancelled) {
     this->Init(0);
     pthread_t thread;
     auto pfnWait = [](void* aSemaphore) -> void* {
@@ -200,19 +212,19 @@ class CmConditionSemaphoreFailure : public testing::Test {
     CmConditionSemaphore m_Semaphore;
 };
 
-TEST_F(CmConditionSemaphoreFailure, Init_ReportsTheMutex) {
+TEST_F(CmConditionSemaphoreFailure, InitReportsIt_WhenTheMutexFails) {
     FailingCall<&CCmSystemTable::pthread_mutex_init> fault(0, ENOMEM);
     ExpectFailed(ENOMEM, CmConditionSemaphoreInit(&m_Semaphore, 0));
 }
 
-TEST_F(CmConditionSemaphoreFailure, Init_ReportsTheConditionAndEndsTheMutex) {
+TEST_F(CmConditionSemaphoreFailure, InitReportsItAndEndsTheMutex_WhenTheConditionFails) {
     FailingCall<&CCmSystemTable::pthread_cond_init> fault(0, EAGAIN);
     FailingCall<&CCmSystemTable::pthread_mutex_destroy> counting(0, 0, 100);
     ExpectFailed(EAGAIN, CmConditionSemaphoreInit(&m_Semaphore, 0));
     EXPECT_EQ(1u, counting.calls());
 }
 
-TEST_F(CmConditionSemaphoreFailure, Calls_ReportTheirErrors) {
+TEST_F(CmConditionSemaphoreFailure, CallsReportTheirErrors_WhenTheyFail) {
     ASSERT_EQ(0, CmConditionSemaphoreInit(&m_Semaphore, 0));
     {
         FailingCall<&CCmSystemTable::pthread_mutex_lock> fault(0, EINVAL, 1,
@@ -246,7 +258,7 @@ std::string OnlyLine(const ScopedTraceSink& aSink) {
     return MaskAddresses(lines[0].text);
 }
 
-TEST(CmSemaphore, Lock_TakesWhatUnLockGives) {
+TEST(CmSemaphore, LockTakesWhatUnLockGives) {
     ScopedTraceSink sink;
     CCmSemaphore semaphore(1, "name", 1);
     EXPECT_EQ(CM_OK, semaphore.Lock());
@@ -255,7 +267,7 @@ TEST(CmSemaphore, Lock_TakesWhatUnLockGives) {
     EXPECT_EQ(0u, sink.lines().size());
 }
 
-TEST(CmSemaphore, Maximum_IsIgnored) {
+TEST(CmSemaphore, MaximumIsIgnored) {
     CCmSemaphore semaphore(0, nullptr, 1);
     EXPECT_EQ(CM_OK, semaphore.PostN(3));
     EXPECT_EQ(CM_OK, semaphore.Lock());
@@ -263,7 +275,7 @@ TEST(CmSemaphore, Maximum_IsIgnored) {
     EXPECT_EQ(CM_OK, semaphore.Lock());
 }
 
-TEST(CmSemaphore, PostN_BelowOnePostsNothing) {
+TEST(CmSemaphore, PostNPostsNothing_WhenTheCountIsBelowOne) {
     CCmSemaphore semaphore(0);
     FailingCall<&CCmSystemTable::sem_post> counting(0, 0, 100);
     EXPECT_EQ(CM_OK, semaphore.PostN(0));
@@ -272,7 +284,7 @@ TEST(CmSemaphore, PostN_BelowOnePostsNothing) {
     EXPECT_EQ(0u, counting.calls());
 }
 
-TEST(CmSemaphore, PostN_StopsAtTheFirstFailure) {
+TEST(CmSemaphore, PostNStops_WhenAPostFails) {
     ScopedTraceSink sink;
     CCmSemaphore semaphore(0);
     FailingCall<&CCmSystemTable::sem_post> fault(EOVERFLOW, -1, 3);
@@ -284,14 +296,14 @@ TEST(CmSemaphore, PostN_StopsAtTheFirstFailure) {
         OnlyLine(sink));
 }
 
-TEST(CmSemaphore, UnLock_PostsOnce) {
+TEST(CmSemaphore, UnLockPostsOnce) {
     CCmSemaphore semaphore(0);
     FailingCall<&CCmSystemTable::sem_post> counting(0, 0, 100);
     EXPECT_EQ(CM_OK, semaphore.UnLock());
     EXPECT_EQ(1u, counting.calls());
 }
 
-TEST(CmSemaphore, Lock_FailureIsTraced) {
+TEST(CmSemaphore, LockTraces_WhenItFails) {
     ScopedTraceSink sink;
     CCmSemaphore semaphore(1);
     FailingCall<&CCmSystemTable::sem_wait> fault(EINTR);
@@ -300,7 +312,7 @@ TEST(CmSemaphore, Lock_FailureIsTraced) {
               OnlyLine(sink));
 }
 
-TEST(CmSemaphore, Constructor_FailureIsTraced) {
+TEST(CmSemaphore, ConstructorTraces_WhenItFails) {
     ScopedTraceSink sink;
     FailingCall<&CCmSystemTable::sem_init> fault(ENOSYS);
     CCmSemaphore semaphore(1);
@@ -310,7 +322,7 @@ TEST(CmSemaphore, Constructor_FailureIsTraced) {
         OnlyLine(sink));
 }
 
-TEST(CmSemaphore, Constructor_RefusesACountOutOfRange) {
+TEST(CmSemaphore, ConstructorRefuses_WhenTheCountIsOutOfRange) {
     for (long lCount : {-1L, LONG_MIN, 0x80000000L, 0x100000001L, LONG_MAX}) {
         ScopedTraceSink sink;
         CCmSemaphore semaphore(lCount);
@@ -319,7 +331,7 @@ TEST(CmSemaphore, Constructor_RefusesACountOutOfRange) {
     }
 }
 
-TEST(CmSemaphore, Destructor_FailureIsTraced) {
+TEST(CmSemaphore, DestructorTraces_WhenItFails) {
     ScopedTraceSink sink;
     auto pSemaphore = std::make_unique<CCmSemaphore>(1);
     FailingCall<&CCmSystemTable::sem_destroy> fault(EINVAL);

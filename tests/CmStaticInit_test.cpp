@@ -169,46 +169,46 @@ void UseAtTheEnd() CM_NO_THREAD_SAFETY_ANALYSIS {
     CCmCleanUpBase::CleanupAll();
 }
 
-TEST(CmStaticInit, Threads_AreFoundFromBeforeMainOn) {
+TEST(CmStaticInit, ThreadsAreFound_BeforeMainAndAfter) {
     EXPECT_TRUE(g_HostThread.bCreated);
     EXPECT_TRUE(g_HostThread.bFound);
     EXPECT_EQ(g_HostThread.pThread, getCurrentThread());
 }
 
-TEST(CmStaticInit, Mutexes_AreUsableBeforeMain) {
+TEST(CmStaticInit, MutexesAreUsable_BeforeMain) {
     EXPECT_TRUE(g_Found.bRecursive);
     EXPECT_TRUE(g_Found.bSharedMutex);
 }
 
-TEST(CmStaticInit, Singletons_AreUsableBeforeMain) {
+TEST(CmStaticInit, SingletonsAreUsable_BeforeMain) {
     EXPECT_EQ(42, g_Found.nValue);
     EXPECT_GT(g_Found.llTicks, 0);
 }
 
-TEST(CmStaticInit, Values_AreReadyBeforeMain) {
+TEST(CmStaticInit, ValuesAreReady_BeforeMain) {
     EXPECT_EQ(9223372036854775807, g_Found.llSeconds);
     EXPECT_EQ(999999, g_Found.llMicroseconds);
     EXPECT_EQ(1u, g_Found.dwCount);
 }
 
-TEST(CmStaticInit, Configuration_IsFoundFromBeforeMainOn) {
+TEST(CmStaticInit, ConfigurationIsFound_BeforeMainAndAfter) {
     EXPECT_STREQ("/tmp/conf/kelto.cfg", g_Found.szConfigFile);
     EXPECT_EQ("kelto.cfg", g_HostConfiguration.sDefaultName);
     EXPECT_EQ("rabbitmq-config.xml", g_HostConfiguration.sOtherName);
     EXPECT_TRUE(g_HostConfiguration.bCLocale);
 }
 
-TEST(CmStaticInit, ConfigFileName_IsKept_WhenItWasSetBeforeMain) {
+TEST(CmStaticInit, ConfigFileNameIsKept_WhenItWasSetBeforeMain) {
     EXPECT_EQ(std::string(g_HostConfiguration.szHome) + "/conf/host.cfg",
               HostConfiguration::ConfigFile());
 }
 
-TEST(CmStaticInit, Facility_IsLoadedWithItsFile_WhenALineIsTracedBeforeMain) {
+TEST(CmStaticInit, FacilityIsLoadedWithItsFile_WhenALineIsTracedBeforeMain) {
     EXPECT_FALSE(g_HostConfiguration.bEnabled);
     EXPECT_EQ(0, CCmT120Trace::instance()->enable_trace_print(0, nullptr));
 }
 
-TEST(CmStaticInit, Start_TracesNothing) {
+TEST(CmStaticInit, TracesNothing_WhenItStarts) {
     EXPECT_EQ(0u, g_dwLines);
 }
 

@@ -385,7 +385,7 @@ TEST(CmStrictIpv6, PrintsTheExamplesOfRfc5952) {
     }
 }
 
-TEST(CmStrictIpv6, RefusesWhatIsNone) {
+TEST(CmStrictIpv6, Refuses_WhenTheTextIsNoAddress) {
     const struct {
         const char* text;
         size_t at;
@@ -424,7 +424,7 @@ TEST(CmStrictIpv6, RefusesWhatIsNone) {
     }
 }
 
-TEST(CmStrictIpv6, KeepsAZone) {
+TEST(CmStrictIpv6, KeepsTheZone_WhenThereIsOne) {
     CCmIpAddress address;
     // RFC 4007, 11.3.
     for (const char* pszText : {"fe80::1234%1", "ff02::5678%5", "ff08::9abc%10", "fe80::1234%ne0",
@@ -633,7 +633,7 @@ TEST(CmStrictBase64, KeepsWithinItsBuffer) {
     EXPECT_EQ(0U, nLength);
 }
 
-TEST(CmStrictBase64, ComesBackAtEveryLength) {
+TEST(CmStrictBase64, ComesBackUnchanged_WhateverTheLength) {
     for (size_t nLength = 0; nLength < 300; ++nLength) {
         CCmString strBytes;
         for (size_t i = 0; i < nLength; ++i) {
@@ -701,7 +701,7 @@ TEST(CmStrictUtf8, KnowsEveryFirstPair) {
 
 // ---- All of them
 
-TEST(CmStrict, TracesNothingAndAllocatesNothing_WhereNoStringIsFilled) {
+TEST(CmStrict, TracesNothingAndAllocatesNothing_WhenNoStringIsFilled) {
     const kelto_test::ScopedTraceSink sink;
     const unsigned long ulBefore = kelto_test::AllocationsOfThisThread();
     for (const char* pszText : {"12", "1.5s", "x", "", "1.2.3.4", "::1", "[::1]:80", "aGk=",
@@ -730,7 +730,7 @@ TEST(CmStrict, TracesNothingAndAllocatesNothing_WhereNoStringIsFilled) {
     EXPECT_TRUE(sink.lines().empty());
 }
 
-TEST(CmStrict, AnswersOutOfMemory_AndLeavesItsOutput) {
+TEST(CmStrict, AnswersOutOfMemoryAndLeavesItsOutput_WithoutMemory) {
     const std::string sLong(100, 'a');
     const std::string sUrl = "http://host/" + sLong;
     const std::string sQuery = sLong + "=" + sLong;

@@ -94,7 +94,7 @@ TEST(CmStrictUrl, TakesTheExamplesOfRfc3986) {
     }
 }
 
-TEST(CmStrictUrl, RefusesWithThePlace) {
+TEST(CmStrictUrl, NamesThePlace_WhenItRefuses) {
     const struct {
         std::string text;
         CmResult result;
@@ -153,7 +153,7 @@ TEST(CmStrictUrl, RefusesWithThePlace) {
     }
 }
 
-TEST(CmStrictUrl, TakesReferences_WhoseFirstSegmentHasNoColon) {
+TEST(CmStrictUrl, TakesAReference_WhenItsFirstSegmentHasNoColon) {
     CCmUrlParts url;
     for (const char* pszText :
          {"", "#", "?", "a", "./a:b", "a/b:c", "//h", "/a:b", "?a:b", "a@b"}) {
@@ -272,7 +272,7 @@ TEST(CmStrictUrl, HasANormalForm) {
     }
 }
 
-TEST(CmStrictUrl, IsPrintedWithoutItsPassword) {
+TEST(CmStrictUrl, IsPrinted_WithoutItsPassword) {
     CCmUrlParts url;
     ASSERT_TRUE(CmParseUrl("https://me:secret@h/x", url));
     url.m_bHasUserInfo = false;

@@ -85,7 +85,7 @@ class CmT120TraceFile : public testing::Test {
     std::string m_sPath;
 };
 
-TEST_F(CmT120TraceFile, Attach_CreatesTheRecordsOwnFile) {
+TEST_F(CmT120TraceFile, AttachCreatesTheRecordsOwnFile) {
     CCmT120TraceFile file(m_sPath.c_str(), 0, 0, 0);
     EXPECT_FALSE(std::filesystem::exists(m_sPath));
     EXPECT_EQ(CM_OK, file.attach());
@@ -93,14 +93,14 @@ TEST_F(CmT120TraceFile, Attach_CreatesTheRecordsOwnFile) {
     EXPECT_TRUE(std::filesystem::exists(m_sPath));
 }
 
-TEST_F(CmT120TraceFile, Attach_KeepsWhatTheFileHolds) {
+TEST_F(CmT120TraceFile, AttachKeepsWhatTheFileHolds) {
     WriteFile(m_sPath, "kept");
     CCmT120TraceFile file(nullptr, 0, 0, 0);
     EXPECT_EQ(CM_OK, file.attach(m_sPath.c_str()));
     EXPECT_EQ("kept", Content());
 }
 
-TEST_F(CmT120TraceFile, Attach_TakesAnyFileForATraceFile) {
+TEST_F(CmT120TraceFile, AttachTakesAnyFileForATraceFile) {
     for (const char* pszStart : {"no number", "40 is one"}) {
         const std::string sBefore = pszStart + std::string(1000, 'x');
         const size_t nPosition = *pszStart == '4' ? 40 : 0;
@@ -117,23 +117,23 @@ TEST_F(CmT120TraceFile, Attach_TakesAnyFileForATraceFile) {
     }
 }
 
-TEST_F(CmT120TraceFile, Attach_NeedsAName) {
+TEST_F(CmT120TraceFile, AttachFails_WithoutAName) {
     CCmT120TraceFile file(nullptr, 0, 0, 0);
     EXPECT_EQ(CM_ERROR_INVALID_ARG, file.attach());
 }
 
-TEST_F(CmT120TraceFile, Attach_FailsForADirectory) {
+TEST_F(CmT120TraceFile, AttachFails_WhenTheFileIsADirectory) {
     CCmT120TraceFile file(m_Home.path().c_str(), 0, 0, 0);
     EXPECT_EQ(CM_ERROR_FAILURE, file.attach());
 }
 
-TEST_F(CmT120TraceFile, Attach_IsDoneOnce) {
+TEST_F(CmT120TraceFile, AttachDoesNothing_WhenAttachedAlready) {
     CCmT120TraceFile file(m_sPath.c_str(), 0, 0, 0);
     EXPECT_EQ(CM_OK, file.attach());
     EXPECT_EQ(CM_ERROR_ALREADY_INITIALIZED, file.attach());
 }
 
-TEST_F(CmT120TraceFile, Record_WritesNowhere_WithoutAttach) {
+TEST_F(CmT120TraceFile, RecordWritesNowhere_WithoutAttach) {
     for (unsigned char bShared : {0, 1}) {
         CCmT120TraceFile file(m_sPath.c_str(), 0, bShared, 0);
         file.write("tag", "net", "text");
@@ -143,7 +143,7 @@ TEST_F(CmT120TraceFile, Record_WritesNowhere_WithoutAttach) {
     EXPECT_FALSE(std::filesystem::exists(m_sPath));
 }
 
-TEST_F(CmT120TraceFile, Write_FormatsTagAndModule) {
+TEST_F(CmT120TraceFile, WriteFormatsTagAndModule) {
     WriteEmptyTraceFile();
     CCmT120TraceFile file(m_sPath.c_str(), 0, 0, 0);
     file.attach();
@@ -152,7 +152,7 @@ TEST_F(CmT120TraceFile, Write_FormatsTagAndModule) {
     EXPECT_EQ(Header(32 + static_cast<long>(sLine.size())) + sLine + MARKER, Content());
 }
 
-TEST_F(CmT120TraceFile, Write_FormatsModuleWithoutTag) {
+TEST_F(CmT120TraceFile, WriteFormatsTheModule_WithoutATag) {
     WriteEmptyTraceFile();
     CCmT120TraceFile file(m_sPath.c_str(), 0, 0, 0);
     file.attach();
@@ -161,7 +161,7 @@ TEST_F(CmT120TraceFile, Write_FormatsModuleWithoutTag) {
     EXPECT_EQ(Header(32 + static_cast<long>(sLine.size())) + sLine + MARKER, Content());
 }
 
-TEST_F(CmT120TraceFile, Write_FormatsTextOnly_WithoutModule) {
+TEST_F(CmT120TraceFile, WriteFormatsTextOnly_WithoutModule) {
     WriteEmptyTraceFile();
     CCmT120TraceFile file(m_sPath.c_str(), 0, 0, 0);
     file.attach();
@@ -170,7 +170,7 @@ TEST_F(CmT120TraceFile, Write_FormatsTextOnly_WithoutModule) {
     EXPECT_EQ(Header(32 + static_cast<long>(sLine.size())) + sLine + MARKER, Content());
 }
 
-TEST_F(CmT120TraceFile, WriteShared_FormatsTheSameThreeWays) {
+TEST_F(CmT120TraceFile, WriteSharedFormatsTheSameThreeWays) {
     WriteEmptyTraceFile();
     CCmT120TraceFile file(m_sPath.c_str(), 0, 1, 0);
     file.attach();
@@ -182,7 +182,7 @@ TEST_F(CmT120TraceFile, WriteShared_FormatsTheSameThreeWays) {
     EXPECT_EQ(Header(32 + static_cast<long>(sLines.size())) + sLines + MARKER, Content());
 }
 
-TEST_F(CmT120TraceFile, Write_TakesNoTextAsAFormat) {
+TEST_F(CmT120TraceFile, WriteTakesNoTextAsAFormat) {
     WriteEmptyTraceFile();
     CCmT120TraceFile file(m_sPath.c_str(), 0, 0, 0);
     file.attach();
@@ -190,7 +190,7 @@ TEST_F(CmT120TraceFile, Write_TakesNoTextAsAFormat) {
     EXPECT_NE(std::string::npos, Content().find(" [%s] %n:%d%%\n"));
 }
 
-TEST_F(CmT120TraceFile, Write_PrintsANullTextAsPrintfDoes) {
+TEST_F(CmT120TraceFile, WritePrintsWhatPrintfDoes_WhenTheTextIsNull) {
     WriteEmptyTraceFile();
     CCmT120TraceFile file(m_sPath.c_str(), 0, 0, 0);
     file.attach();
@@ -198,7 +198,7 @@ TEST_F(CmT120TraceFile, Write_PrintsANullTextAsPrintfDoes) {
     EXPECT_NE(std::string::npos, Content().find(" net:(null)\n"));
 }
 
-TEST_F(CmT120TraceFile, Write_LosesTheFirst32BytesOfANewFileToTheHeader) {
+TEST_F(CmT120TraceFile, WriteLosesTheFirst32BytesToTheHeader_WhenTheFileIsNew) {
     for (unsigned char bShared : {0, 1}) {
         std::filesystem::remove(m_sPath);
         CCmT120TraceFile file(m_sPath.c_str(), 0, bShared, 0);
@@ -209,7 +209,7 @@ TEST_F(CmT120TraceFile, Write_LosesTheFirst32BytesOfANewFileToTheHeader) {
     }
 }
 
-TEST_F(CmT120TraceFile, Write_WritesOncePerFlushCount) {
+TEST_F(CmT120TraceFile, WriteWritesOncePerFlushCount) {
     WriteEmptyTraceFile();
     CCmT120TraceFile file(m_sPath.c_str(), 0, 0, 0);
     file.attach();
@@ -222,7 +222,7 @@ TEST_F(CmT120TraceFile, Write_WritesOncePerFlushCount) {
     EXPECT_EQ(Header(32 + static_cast<long>(sLines.size())) + sLines + MARKER, Content());
 }
 
-TEST_F(CmT120TraceFile, Flush_WritesWhatWasCollected) {
+TEST_F(CmT120TraceFile, FlushWritesWhatWasCollected) {
     WriteEmptyTraceFile();
     CCmT120TraceFile file(m_sPath.c_str(), 0, 0, 0);
     file.attach();
@@ -235,7 +235,7 @@ TEST_F(CmT120TraceFile, Flush_WritesWhatWasCollected) {
     EXPECT_EQ(sContent, Content());
 }
 
-TEST_F(CmT120TraceFile, Destructor_Flushes) {
+TEST_F(CmT120TraceFile, DestructorFlushes) {
     WriteEmptyTraceFile();
     {
         CCmT120TraceFile file(m_sPath.c_str(), 0, 0, 0);
@@ -246,7 +246,7 @@ TEST_F(CmT120TraceFile, Destructor_Flushes) {
     EXPECT_NE(std::string::npos, Content().find(" last\n"));
 }
 
-TEST_F(CmT120TraceFile, RefreshSettings_FlushesFirst_WithANewCount) {
+TEST_F(CmT120TraceFile, RefreshSettingsFlushesFirst_WhenTheCountIsNew) {
     WriteEmptyTraceFile();
     CCmT120TraceFile file(m_sPath.c_str(), 0, 0, 0);
     file.attach();
@@ -262,7 +262,7 @@ TEST_F(CmT120TraceFile, RefreshSettings_FlushesFirst_WithANewCount) {
     EXPECT_NE(std::string::npos, Content().find("later"));
 }
 
-TEST_F(CmT120TraceFile, RefreshSettings_FlushesToo_WithTheSameCount) {
+TEST_F(CmT120TraceFile, RefreshSettingsFlushesToo_WhenTheCountIsTheSame) {
     WriteEmptyTraceFile();
     CCmT120TraceFile file(m_sPath.c_str(), 0, 0, 0);
     file.attach();
@@ -272,7 +272,7 @@ TEST_F(CmT120TraceFile, RefreshSettings_FlushesToo_WithTheSameCount) {
     EXPECT_NE(std::string::npos, Content().find(" kept\n"));
 }
 
-TEST_F(CmT120TraceFile, RefreshSettings_BoundsTheFlushCount) {
+TEST_F(CmT120TraceFile, RefreshSettingsBoundsTheFlushCount) {
     WriteEmptyTraceFile();
     CCmT120TraceFile file(m_sPath.c_str(), 0, 0, 0);
     file.attach();
@@ -284,7 +284,7 @@ TEST_F(CmT120TraceFile, RefreshSettings_BoundsTheFlushCount) {
     }
 }
 
-TEST_F(CmT120TraceFile, RefreshSettings_LosesLines_WithoutMemoryForThem) {
+TEST_F(CmT120TraceFile, RefreshSettingsLosesLines_WithoutMemoryForThem) {
     for (unsigned char bShared : {0, 1}) {
         WriteEmptyTraceFile();
         CCmT120TraceFile file(m_sPath.c_str(), 0, bShared, 0);
@@ -302,7 +302,7 @@ TEST_F(CmT120TraceFile, RefreshSettings_LosesLines_WithoutMemoryForThem) {
     }
 }
 
-TEST_F(CmT120TraceFile, RefreshSettings_TakesManyLinesPerFlush) {
+TEST_F(CmT120TraceFile, RefreshSettingsTakesManyLinesPerFlush) {
     WriteEmptyTraceFile();
     CCmT120TraceFile file(m_sPath.c_str(), 0, 0, 0);
     file.attach();
@@ -315,7 +315,7 @@ TEST_F(CmT120TraceFile, RefreshSettings_TakesManyLinesPerFlush) {
     EXPECT_NE(Header(32), Content());
 }
 
-TEST_F(CmT120TraceFile, Write_CutsALineAtTheBufferAndCountsWhatWasStored) {
+TEST_F(CmT120TraceFile, WriteCutsTheLineAndCountsWhatWasStored_WhenItIsLongerThanTheBuffer) {
     WriteEmptyTraceFile();
     CCmT120TraceFile file(m_sPath.c_str(), 0, 0, 0);
     file.attach();
@@ -327,7 +327,7 @@ TEST_F(CmT120TraceFile, Write_CutsALineAtTheBufferAndCountsWhatWasStored) {
     EXPECT_EQ(MARKER, sContent.substr(32 + 2047));
 }
 
-TEST_F(CmT120TraceFile, Write_StillFlushes_WhenACutLineFilledTheBuffer) {
+TEST_F(CmT120TraceFile, WriteStillFlushes_WhenACutLineFilledTheBuffer) {
     WriteEmptyTraceFile();
     CCmT120TraceFile file(m_sPath.c_str(), 0, 0, 0);
     file.attach();
@@ -341,7 +341,7 @@ TEST_F(CmT120TraceFile, Write_StillFlushes_WhenACutLineFilledTheBuffer) {
     EXPECT_NE(std::string::npos, Content().find(" room\n"));
 }
 
-TEST_F(CmT120TraceFile, WriteShared_CutsNothing) {
+TEST_F(CmT120TraceFile, WriteSharedCutsNothing) {
     for (size_t nLength : {1900u, 2000u, 2048u, 100000u}) {
         WriteEmptyTraceFile();
         CCmT120TraceFile file(m_sPath.c_str(), 0, 1, 0);
@@ -352,7 +352,7 @@ TEST_F(CmT120TraceFile, WriteShared_CutsNothing) {
     }
 }
 
-TEST_F(CmT120TraceFile, WriteShared_IgnoresANullText) {
+TEST_F(CmT120TraceFile, WriteSharedWritesNothing_WhenTheTextIsNull) {
     WriteEmptyTraceFile();
     CCmT120TraceFile file(m_sPath.c_str(), 0, 1, 0);
     file.attach();
@@ -360,7 +360,7 @@ TEST_F(CmT120TraceFile, WriteShared_IgnoresANullText) {
     EXPECT_EQ(Header(32), Content());
 }
 
-TEST_F(CmT120TraceFile, Write_OverwritesTheMarker) {
+TEST_F(CmT120TraceFile, WriteOverwritesTheMarker) {
     WriteEmptyTraceFile();
     CCmT120TraceFile file(m_sPath.c_str(), 0, 0, 0);
     file.attach();
@@ -370,7 +370,7 @@ TEST_F(CmT120TraceFile, Write_OverwritesTheMarker) {
     EXPECT_EQ(Header(32 + static_cast<long>(sLines.size())) + sLines + MARKER, Content());
 }
 
-TEST_F(CmT120TraceFile, WriteShared_StartsAgainAt32_AtTheSizeLimit) {
+TEST_F(CmT120TraceFile, WriteSharedStartsAgainAt32_WhenTheSizeLimitIsReached) {
     WriteFile(m_sPath, Header(100) + std::string(68, 'o') + MARKER);
     CCmT120TraceFile file(m_sPath.c_str(), 100, 1, 0);
     file.attach();
@@ -382,7 +382,7 @@ TEST_F(CmT120TraceFile, WriteShared_StartsAgainAt32_AtTheSizeLimit) {
 }
 
 // The line is short enough for the cut end to show.
-TEST_F(CmT120TraceFile, WriteShared_CutsTheFileAtThePosition_AtTheSizeLimit) {
+TEST_F(CmT120TraceFile, WriteSharedCutsTheFileAtThePosition_WhenTheSizeLimitIsReached) {
     WriteFile(m_sPath, Header(1000) + std::string(968, 'o') + MARKER);
     CCmT120TraceFile file(m_sPath.c_str(), 1000, 1, 0);
     file.attach();
@@ -391,7 +391,7 @@ TEST_F(CmT120TraceFile, WriteShared_CutsTheFileAtThePosition_AtTheSizeLimit) {
     EXPECT_EQ("ooo", Content().substr(997));
 }
 
-TEST_F(CmT120TraceFile, WriteShared_GoesOn_BelowTheSizeLimit) {
+TEST_F(CmT120TraceFile, WriteSharedGoesOn_BeforeTheSizeLimit) {
     WriteFile(m_sPath, Header(99) + std::string(67, 'o'));
     CCmT120TraceFile file(m_sPath.c_str(), 100, 1, 0);
     file.attach();
@@ -400,7 +400,7 @@ TEST_F(CmT120TraceFile, WriteShared_GoesOn_BelowTheSizeLimit) {
     EXPECT_EQ(Header(99 + static_cast<long>(sLine.size())), Content().substr(0, 32));
 }
 
-TEST_F(CmT120TraceFile, Flush_CutsTheFileButKeepsThePosition_AtTheSizeLimit) {
+TEST_F(CmT120TraceFile, FlushCutsTheFileButKeepsThePosition_WhenTheSizeLimitIsReached) {
     WriteFile(m_sPath, Header(100) + std::string(68, 'o') + std::string(1000, 'r'));
     CCmT120TraceFile file(m_sPath.c_str(), 100, 0, 0);
     file.attach();
@@ -410,7 +410,7 @@ TEST_F(CmT120TraceFile, Flush_CutsTheFileButKeepsThePosition_AtTheSizeLimit) {
               Content());
 }
 
-TEST_F(CmT120TraceFile, Write_DestroysNothing_WhenTheHeaderIsNoPosition) {
+TEST_F(CmT120TraceFile, WriteDestroysNothing_WhenTheHeaderIsNoPosition) {
     for (const char* pszHeader : {"-5", "9223372036854775807", "99999999999999999999"}) {
         std::string sContent(pszHeader);
         sContent.resize(31, ' ');
@@ -425,7 +425,7 @@ TEST_F(CmT120TraceFile, Write_DestroysNothing_WhenTheHeaderIsNoPosition) {
     }
 }
 
-TEST_F(CmT120TraceFile, Write_DestroysNothing_WhenTheHeaderCannotBeRead) {
+TEST_F(CmT120TraceFile, WriteDestroysNothing_WhenTheHeaderCannotBeRead) {
     WriteFile(m_sPath, Header(41) + "old line\n");
     CCmT120TraceFile file(m_sPath.c_str(), 0, 1, 0);
     file.attach();
@@ -438,7 +438,7 @@ TEST_F(CmT120TraceFile, Write_DestroysNothing_WhenTheHeaderCannotBeRead) {
     EXPECT_NE(std::string::npos, Content().find("old line\n" + Stamp() + " next\n"));
 }
 
-TEST_F(CmT120TraceFile, Write_KeepsThePosition_WhenTheDiskIsFull) {
+TEST_F(CmT120TraceFile, WriteKeepsThePosition_WhenTheDiskIsFull) {
     for (unsigned char bShared : {0, 1}) {
         WriteFile(m_sPath, Header(41) + "old line\n");
         CCmT120TraceFile file(m_sPath.c_str(), 0, bShared, 0);
@@ -466,7 +466,7 @@ bool SurvivesFileSizeLimit(UTIL_NS::CCmT120TraceFile& aFile) {
            }) == 0;
 }
 
-TEST_F(CmT120TraceFile, Write_LosesTheLine_BeyondTheFileSizeLimitOfTheProcess) {
+TEST_F(CmT120TraceFile, WriteLosesTheLine_WhenBeyondTheFileSizeLimitOfTheProcess) {
     for (unsigned char bShared : {0, 1}) {
         for (long lPosition : {100, 200, 4000}) {
             WriteFile(m_sPath, Header(lPosition) + std::string(68, 'o'));
@@ -478,7 +478,7 @@ TEST_F(CmT120TraceFile, Write_LosesTheLine_BeyondTheFileSizeLimitOfTheProcess) {
     }
 }
 
-TEST_F(CmT120TraceFile, Write_DoesNotGrowTheFile_BeyondTheFileSizeLimitOfTheProcess) {
+TEST_F(CmT120TraceFile, WriteDoesNotGrowTheFile_WhenBeyondTheFileSizeLimitOfTheProcess) {
     for (unsigned char bShared : {0, 1}) {
         WriteFile(m_sPath, Header(4000) + std::string(68, 'o'));
         CCmT120TraceFile file(m_sPath.c_str(), 1000, bShared, 0);
@@ -489,7 +489,7 @@ TEST_F(CmT120TraceFile, Write_DoesNotGrowTheFile_BeyondTheFileSizeLimitOfTheProc
     }
 }
 
-TEST_F(CmT120TraceFile, Write_TriesAgain_WhenACallIsInterrupted) {
+TEST_F(CmT120TraceFile, WriteTriesAgain_WhenACallIsInterrupted) {
     WriteEmptyTraceFile();
     CCmT120TraceFile file(m_sPath.c_str(), 0, 1, 0);
     file.attach();
@@ -510,7 +510,7 @@ ssize_t PwriteFewBytes(int aFile, const void* aText, size_t aSize, off_t aOffset
     return ::pwrite(aFile, aText, std::min<size_t>(aSize, 7), aOffset);
 }
 
-TEST_F(CmT120TraceFile, Write_JoinsShortTransfers) {
+TEST_F(CmT120TraceFile, WriteJoinsTransfers_WhenTheyAreShort) {
     for (unsigned char bShared : {0, 1}) {
         WriteFile(m_sPath, Header(1000) + std::string(968, 'o') + MARKER);
         CCmT120TraceFile file(m_sPath.c_str(), 0, bShared, 0);
@@ -525,7 +525,7 @@ TEST_F(CmT120TraceFile, Write_JoinsShortTransfers) {
     }
 }
 
-TEST_F(CmT120TraceFile, Write_GoesOn_WhenTruncationFails) {
+TEST_F(CmT120TraceFile, WriteGoesOn_WhenTruncationFails) {
     WriteFile(m_sPath, Header(100) + std::string(68, 'o'));
     CCmT120TraceFile file(m_sPath.c_str(), 100, 1, 0);
     file.attach();
@@ -534,7 +534,7 @@ TEST_F(CmT120TraceFile, Write_GoesOn_WhenTruncationFails) {
     EXPECT_EQ(Stamp() + " top\n", Content().substr(32, Stamp().size() + 5));
 }
 
-TEST_F(CmT120TraceFile, WriteShared_AsksForTheLockAgain_WhenInterruptedUnavailableOrRefused) {
+TEST_F(CmT120TraceFile, WriteSharedAsksForTheLockAgain_WhenInterruptedUnavailableOrRefused) {
     for (int nError : {EINTR, EAGAIN, EDEADLK}) {
         WriteEmptyTraceFile();
         CCmT120TraceFile file(m_sPath.c_str(), 0, 1, 0);
@@ -547,7 +547,7 @@ TEST_F(CmT120TraceFile, WriteShared_AsksForTheLockAgain_WhenInterruptedUnavailab
     }
 }
 
-TEST_F(CmT120TraceFile, WriteShared_WritesUnlocked_WhenTheLockFails) {
+TEST_F(CmT120TraceFile, WriteSharedWritesUnlocked_WhenTheLockFails) {
     WriteEmptyTraceFile();
     CCmT120TraceFile file(m_sPath.c_str(), 0, 1, 0);
     file.attach();
@@ -557,7 +557,7 @@ TEST_F(CmT120TraceFile, WriteShared_WritesUnlocked_WhenTheLockFails) {
     EXPECT_NE(std::string::npos, Content().find(" text\n"));
 }
 
-TEST_F(CmT120TraceFile, WriteShared_AsksForTheReleaseAgain_WhenInterrupted) {
+TEST_F(CmT120TraceFile, WriteSharedAsksForTheReleaseAgain_WhenInterrupted) {
     WriteEmptyTraceFile();
     CCmT120TraceFile file(m_sPath.c_str(), 0, 1, 0);
     file.attach();
@@ -566,7 +566,7 @@ TEST_F(CmT120TraceFile, WriteShared_AsksForTheReleaseAgain_WhenInterrupted) {
     EXPECT_EQ(3u, fault.calls());
 }
 
-TEST_F(CmT120TraceFile, Write_KeepsErrno) {
+TEST_F(CmT120TraceFile, WriteKeepsErrno) {
     CCmT120TraceFile file(m_sPath.c_str(), 0, 1, 0);
     file.attach();
     FailingCall<&CCmSystemTable::fcntl> fault(ENOLCK);
@@ -575,7 +575,7 @@ TEST_F(CmT120TraceFile, Write_KeepsErrno) {
     EXPECT_EQ(ENOENT, errno);
 }
 
-TEST_F(CmT120TraceFile, IsSameFile_ComparesNamesWithCase) {
+TEST_F(CmT120TraceFile, IsSameFileComparesNamesWithCase) {
     CCmT120TraceFile file("name", 0, 0, 0);
     EXPECT_EQ(1, file.is_same_file("name"));
     EXPECT_EQ(0, file.is_same_file("Name"));
@@ -587,13 +587,13 @@ TEST_F(CmT120TraceFile, IsSameFile_ComparesNamesWithCase) {
 
 // ---- Filters
 
-TEST_F(CmT120TraceFile, Filter_MatchesAPatternOnALastLineWithoutLineEnd) {
+TEST_F(CmT120TraceFile, FilterMatches_WhenTheLastLineHasNoLineEnd) {
     SetFilters("^med.*[0-9]$");
     EXPECT_EQ(0, regex_match("media7"));
     EXPECT_EQ(-1, regex_match("media"));
 }
 
-TEST_F(CmT120TraceFile, Filter_IsFoundInAHomeWithoutSlashAtItsEnd) {
+TEST_F(CmT120TraceFile, FilterIsFound_WhenTheHomeHasNoSlashAtItsEnd) {
     WriteFilters("net");
     g_def_kelto_home_dir[m_Home.path().size() - 1] = '\0';
     CCmT120TraceFileMgr::init_reg_filter();
@@ -601,20 +601,20 @@ TEST_F(CmT120TraceFile, Filter_IsFoundInAHomeWithoutSlashAtItsEnd) {
     EXPECT_EQ(0, regex_match("net"));
 }
 
-TEST_F(CmT120TraceFile, Filter_KeepsTheLineEndInThePattern) {
+TEST_F(CmT120TraceFile, FilterKeepsTheLineEndInThePattern) {
     SetFilters("net\n");
     EXPECT_EQ(-1, regex_match("net"));
     EXPECT_EQ(0, regex_match("a net\n"));
 }
 
-TEST_F(CmT120TraceFile, Filter_CountsEachLineTwice) {
+TEST_F(CmT120TraceFile, FilterCountsEachLineTwice) {
     SetFilters("a\nb\nc");
     EXPECT_EQ(6, regex_cnt.load());
     EXPECT_EQ(0, regex_match("c"));
     EXPECT_EQ(-1, regex_match("d"));
 }
 
-TEST_F(CmT120TraceFile, Filter_ReadsUpTo100Lines) {
+TEST_F(CmT120TraceFile, FilterReadsUpTo100Lines) {
     std::string sLines;
     for (int i = 0; i < 120; ++i) {
         sLines += "x" + std::to_string(i) + "x|y" + std::to_string(i) + "y\n";
@@ -626,14 +626,14 @@ TEST_F(CmT120TraceFile, Filter_ReadsUpTo100Lines) {
     EXPECT_EQ(-1, regex_match("none"));
 }
 
-TEST_F(CmT120TraceFile, Filter_IsNone_WhenALineDoesNotCompile) {
+TEST_F(CmT120TraceFile, FilterIsNone_WhenALineDoesNotCompile) {
     SetFilters("a\n(\nb");
     EXPECT_EQ(0, regex_cnt.load());
     EXPECT_EQ(-1, regex_match("a|"));
     EXPECT_EQ(-1, regex_match("b"));
 }
 
-TEST_F(CmT120TraceFile, Filter_Stays_WhenTheFileIsMissingOrEmpty) {
+TEST_F(CmT120TraceFile, FilterStays_WhenTheFileIsMissingOrEmpty) {
     SetFilters("net");
     std::filesystem::remove(m_Home.path() + "conf/keltoexp.filter");
     CCmT120TraceFileMgr::init_reg_filter();
@@ -642,7 +642,7 @@ TEST_F(CmT120TraceFile, Filter_Stays_WhenTheFileIsMissingOrEmpty) {
     EXPECT_EQ(0, regex_match("net"));
 }
 
-TEST_F(CmT120TraceFile, Filter_IsReplaced) {
+TEST_F(CmT120TraceFile, FilterIsReplaced) {
     SetFilters("net");
     SetFilters("media");
     EXPECT_EQ(-1, regex_match("net"));
@@ -650,13 +650,13 @@ TEST_F(CmT120TraceFile, Filter_IsReplaced) {
     EXPECT_EQ(2, regex_cnt.load());
 }
 
-TEST_F(CmT120TraceFile, Filter_ReadsALongLineAsSeveral) {
+TEST_F(CmT120TraceFile, FilterReadsSeveralLines_WhenALineIsLong) {
     SetFilters(std::string(1023, 'a') + "b");
     EXPECT_EQ(4, regex_cnt.load());
     EXPECT_EQ(0, regex_match("b"));
 }
 
-TEST_F(CmT120TraceFile, Filter_WaitsForNoWriterOfANamedPipe) {
+TEST_F(CmT120TraceFile, FilterWaitsForNoWriter_WhenTheFileIsANamedPipe) {
     SetFilters("net");
     const std::string sFilter = m_Home.path() + "conf/keltoexp.filter";
     std::filesystem::remove(sFilter);
@@ -675,13 +675,13 @@ TEST_F(CmT120TraceFile, Filter_WaitsForNoWriterOfANamedPipe) {
     std::filesystem::remove(sFilter);
 }
 
-TEST_F(CmT120TraceFile, Filter_MatchesNoNullModule) {
+TEST_F(CmT120TraceFile, FilterMatchesNothing_WhenTheModuleIsNull) {
     SetFilters(".*");
     EXPECT_EQ(0, regex_match(""));
     EXPECT_EQ(-1, regex_match(nullptr));
 }
 
-TEST_F(CmT120TraceFile, Filter_FindsItsFile_WhenTheHomeHasNoSlashAtItsEnd) {
+TEST_F(CmT120TraceFile, FilterFindsItsFile_WhenTheHomeHasNoSlashAtItsEnd) {
     WriteFilters("net");
     g_def_kelto_home_dir[std::strlen(g_def_kelto_home_dir) - 1] = '\0';
     CCmT120TraceFileMgr::init_reg_filter();
@@ -689,7 +689,7 @@ TEST_F(CmT120TraceFile, Filter_FindsItsFile_WhenTheHomeHasNoSlashAtItsEnd) {
     EXPECT_EQ(0, regex_match("net"));
 }
 
-TEST_F(CmT120TraceFile, Filter_FindsItsFile_WhenTheHomeFillsItsArray) {
+TEST_F(CmT120TraceFile, FilterFindsItsFile_WhenTheHomeFillsItsArray) {
     const std::string sHome(g_def_kelto_home_dir);
     const std::string sLink = sHome.substr(0, sHome.size() - 1) + "_lk";
     std::filesystem::create_directory_symlink(sHome, sLink);
@@ -702,7 +702,7 @@ TEST_F(CmT120TraceFile, Filter_FindsItsFile_WhenTheHomeFillsItsArray) {
     EXPECT_EQ(0, regex_match("net"));
 }
 
-TEST_F(CmT120TraceFile, Write_LeavesOutAFilteredModule) {
+TEST_F(CmT120TraceFile, WriteLeavesTheLineOut_WhenTheModuleIsFiltered) {
     SetFilters("net");
     WriteEmptyTraceFile();
     CCmT120TraceFile file(m_sPath.c_str(), 0, 0, 0);
@@ -714,7 +714,7 @@ TEST_F(CmT120TraceFile, Write_LeavesOutAFilteredModule) {
     EXPECT_EQ(std::string::npos, Content().find("hidden"));
 }
 
-TEST_F(CmT120TraceFile, WriteShared_WritesOnlyTheMarker_ForAFilteredModule) {
+TEST_F(CmT120TraceFile, WriteSharedWritesOnlyTheMarker_WhenTheModuleIsFiltered) {
     SetFilters("net");
     WriteEmptyTraceFile();
     CCmT120TraceFile file(m_sPath.c_str(), 0, 1, 0);
@@ -723,7 +723,7 @@ TEST_F(CmT120TraceFile, WriteShared_WritesOnlyTheMarker_ForAFilteredModule) {
     EXPECT_EQ(Header(32) + MARKER, Content());
 }
 
-TEST_F(CmT120TraceFile, Write_IsNotFiltered_WithoutModule) {
+TEST_F(CmT120TraceFile, WriteIsNotFiltered_WithoutAModule) {
     SetFilters(".*");
     WriteEmptyTraceFile();
     CCmT120TraceFile file(m_sPath.c_str(), 0, 0, 0);
@@ -734,7 +734,7 @@ TEST_F(CmT120TraceFile, Write_IsNotFiltered_WithoutModule) {
 
 // ---- Manager
 
-TEST_F(CmT120TraceFile, Manager_ReturnsTheSameRecordForAName) {
+TEST_F(CmT120TraceFile, ManagerReturnsTheSameRecord_WhenTheNameIsTheSame) {
     void* pFirst = T120_Open_Trace_Dev("a", 0, 0, 0);
     ASSERT_NE(nullptr, pFirst);
     EXPECT_EQ(pFirst, T120_Open_Trace_Dev("a", 99, 1, 0));
@@ -744,7 +744,7 @@ TEST_F(CmT120TraceFile, Manager_ReturnsTheSameRecordForAName) {
     T120_Close_Trace_Dev(pFirst);
 }
 
-TEST_F(CmT120TraceFile, Manager_AlwaysCreatesARecordWithoutAName) {
+TEST_F(CmT120TraceFile, ManagerAlwaysCreatesARecord_WithoutAName) {
     void* pFirst = T120_Open_Trace_Dev(nullptr, 0, 0, 0);
     void* pSecond = T120_Open_Trace_Dev(nullptr, 0, 0, 0);
     EXPECT_NE(pFirst, pSecond);
@@ -752,7 +752,7 @@ TEST_F(CmT120TraceFile, Manager_AlwaysCreatesARecordWithoutAName) {
     T120_Close_Trace_Dev(pSecond);
 }
 
-TEST_F(CmT120TraceFile, Manager_ClosesARecordAnywhereInTheList) {
+TEST_F(CmT120TraceFile, ManagerClosesARecordAnywhereInTheList) {
     void* apRecords[3];
     for (void*& pRecord : apRecords) {
         pRecord = T120_Open_Trace_Dev(nullptr, 0, 0, 0);
@@ -765,7 +765,7 @@ TEST_F(CmT120TraceFile, Manager_ClosesARecordAnywhereInTheList) {
     T120_Close_Trace_Dev(pAgain);
 }
 
-TEST_F(CmT120TraceFile, Manager_ClosesNothingElse) {
+TEST_F(CmT120TraceFile, ManagerClosesNothingElse) {
     void* pRecord = T120_Open_Trace_Dev("a", 0, 0, 0);
     CCmT120TraceFile foreign("a", 0, 0, 0);
     T120_Close_Trace_Dev(&foreign);
@@ -775,7 +775,7 @@ TEST_F(CmT120TraceFile, Manager_ClosesNothingElse) {
     T120_Close_Trace_Dev(pRecord);
 }
 
-TEST_F(CmT120TraceFile, Manager_WritesToARecordAndIgnoresNull) {
+TEST_F(CmT120TraceFile, ManagerWritesToARecordAndIgnoresNull) {
     WriteEmptyTraceFile();
     void* pRecord = T120_Open_Trace_Dev(m_sPath.c_str(), 0, 0, 0);
     static_cast<CCmT120TraceFile*>(pRecord)->attach();
@@ -788,7 +788,7 @@ TEST_F(CmT120TraceFile, Manager_WritesToARecordAndIgnoresNull) {
     T120_Close_Trace_Dev(pRecord);
 }
 
-TEST_F(CmT120TraceFile, Manager_RefreshesEveryRecord) {
+TEST_F(CmT120TraceFile, ManagerRefreshesEveryRecord) {
     void* apRecords[2];
     for (int i = 0; i < 2; ++i) {
         const std::string sPath = m_sPath + std::to_string(i);
@@ -805,13 +805,13 @@ TEST_F(CmT120TraceFile, Manager_RefreshesEveryRecord) {
     }
 }
 
-TEST_F(CmT120TraceFile, Manager_ReturnsNull_WhenMemoryRunsOut) {
+TEST_F(CmT120TraceFile, ManagerReturnsNull_WhenMemoryRunsOut) {
     kelto_test::ScopedAllocationFault fault(1);
     EXPECT_EQ(nullptr, T120_Open_Trace_Dev("a", 0, 0, 0));
     EXPECT_TRUE(fault.hit());
 }
 
-TEST_F(CmT120TraceFile, Manager_WaitsAndFlushesAtItsEnd) {
+TEST_F(CmT120TraceFile, ManagerWaitsAndFlushes_WhenItEnds) {
     WriteEmptyTraceFile();
     const auto start = std::chrono::steady_clock::now();
     {
@@ -834,7 +834,7 @@ Field FieldAt(const void* aObject, size_t aOffset) {
     return field;
 }
 
-TEST_F(CmT120TraceFile, Manager_PutsTheNewestFirstAndCountsAllThatWereEverCreated) {
+TEST_F(CmT120TraceFile, ManagerPutsTheNewestFirstAndCountsAllThatWereEverCreated) {
     const uint32_t dwBefore = FieldAt<uint32_t>(&g_trace_mgr, 8);
     void* pHeader = FieldAt<void*>(&g_trace_mgr, 0);
     void* pFirst = T120_Open_Trace_Dev("a", 0, 0, 0);
@@ -880,7 +880,7 @@ __attribute__((constructor(101))) void RegisterUseLast() {
     std::atexit(UseLast);
 }
 
-TEST(CmT120TraceFileExit, Manager_FlushesItsRecordsAndLeavesThem) {
+TEST(CmT120TraceFileExit, ManagerFlushesItsRecordsAndLeavesThem) {
     EXPECT_EXIT(
         {
             g_pLastHome = new ScopedHome;
@@ -897,7 +897,7 @@ TEST(CmT120TraceFileExit, Manager_FlushesItsRecordsAndLeavesThem) {
 }
 
 // A sanitizer sees a record that was freed under them.
-TEST(CmT120TraceFileExit, Manager_EndsWhileThreadsUseItsRecords) {
+TEST(CmT120TraceFileExit, ManagerEnds_WhileThreadsUseItsRecords) {
     for (int i = 0; i < 5; ++i) {
         EXPECT_EXIT(
             {
@@ -925,7 +925,7 @@ TEST(CmT120TraceFileExit, Manager_EndsWhileThreadsUseItsRecords) {
     }
 }
 
-TEST_F(CmT120TraceFile, Flush_MarksTheRecordAsWrapped_AtTheSizeLimit) {
+TEST_F(CmT120TraceFile, FlushMarksTheRecordAsWrapped_WhenTheSizeLimitIsReached) {
     WriteFile(m_sPath, Header(99) + std::string(68, 'o'));
     CCmT120TraceFile file(m_sPath.c_str(), 100, 0, 0);
     file.attach();
@@ -935,7 +935,7 @@ TEST_F(CmT120TraceFile, Flush_MarksTheRecordAsWrapped_AtTheSizeLimit) {
     EXPECT_EQ(1, FieldAt<unsigned char>(&file, 8));
 }
 
-TEST_F(CmT120TraceFile, Record_IsMarkedAsValid_WhileItLives) {
+TEST_F(CmT120TraceFile, RecordIsMarkedAsValid_WhileItLives) {
     alignas(CCmT120TraceFile) char achMemory[sizeof(CCmT120TraceFile)] = {};
     CCmT120TraceFile* pFile = new (achMemory) CCmT120TraceFile("a", 0, 0, 0);
     const int nMark = 20050704;
@@ -948,7 +948,7 @@ TEST_F(CmT120TraceFile, Record_IsMarkedAsValid_WhileItLives) {
 }
 
 // Ends a record in a thread that is being cancelled, which a destructor would not survive.
-TEST_F(CmT120TraceFile, Destructor_EndsBeforeItsThreadIsCancelled) {
+TEST_F(CmT120TraceFile, DestructorEnds_BeforeItsThreadIsCancelled) {
     auto pFile = std::make_unique<CCmT120TraceFile>(m_sPath.c_str(), 0, 0, 0);
     ASSERT_EQ(CM_OK, pFile->attach());
     std::pair<CCmT120TraceFile*, bool> state(pFile.release(), false);
@@ -1017,7 +1017,7 @@ constexpr int LINES_EACH = 1000;
 constexpr int LINES_EACH = 10000;
 #endif
 
-TEST_F(CmT120TraceFile, Sharing_LosesAndTearsNoLineOfEightProcesses) {
+TEST_F(CmT120TraceFile, SharingLosesAndTearsNoLine_WhenEightProcessesWrite) {
     WriteEmptyTraceFile();
     pid_t apChildren[WRITERS];
     for (int i = 0; i < WRITERS; ++i) {
@@ -1037,7 +1037,7 @@ TEST_F(CmT120TraceFile, Sharing_LosesAndTearsNoLineOfEightProcesses) {
     ExpectAllLines(Content(), LINES_EACH);
 }
 
-TEST_F(CmT120TraceFile, Sharing_LosesAndTearsNoLineOfEightThreads_WithOneRecord) {
+TEST_F(CmT120TraceFile, SharingLosesAndTearsNoLine_WhenEightThreadsWriteToOneRecord) {
     WriteEmptyTraceFile();
     for (unsigned char bShared : {0, 1}) {
         WriteEmptyTraceFile();
@@ -1055,7 +1055,7 @@ TEST_F(CmT120TraceFile, Sharing_LosesAndTearsNoLineOfEightThreads_WithOneRecord)
 }
 
 // Each thread has a record of its own and closes it while the others still write.
-TEST_F(CmT120TraceFile, Sharing_SurvivesRecordsThatClose) {
+TEST_F(CmT120TraceFile, SharingLosesNoLine_WhenRecordsClose) {
     WriteEmptyTraceFile();
     std::vector<std::thread> threads;
     for (int i = 0; i < WRITERS; ++i) {
@@ -1077,7 +1077,7 @@ TEST_F(CmT120TraceFile, Sharing_SurvivesRecordsThatClose) {
 
 // ---- Objects without memory, and after their end
 
-TEST_F(CmT120TraceFile, Record_HasNoName_WhenItsConstructorFindsNoMemoryForIt) {
+TEST_F(CmT120TraceFile, RecordHasNoName_WhenItsConstructorFindsNoMemoryForIt) {
     FailingCall<&CCmSystemTable::strdup> fault(ENOMEM, nullptr);
     CCmT120TraceFile file(m_sPath.c_str(), 0, 0, 0);
     EXPECT_EQ(0, file.is_same_file(m_sPath.c_str()));
@@ -1089,7 +1089,7 @@ TEST_F(CmT120TraceFile, Record_HasNoName_WhenItsConstructorFindsNoMemoryForIt) {
     EXPECT_EQ(CM_OK, file.attach(m_sPath.c_str()));
 }
 
-TEST_F(CmT120TraceFile, Record_LosesLines_WhenItsConstructorFindsNoMemoryForThem) {
+TEST_F(CmT120TraceFile, RecordLosesLines_WhenItsConstructorFindsNoMemoryForThem) {
     for (unsigned char bShared : {0, 1}) {
         WriteEmptyTraceFile();
         auto fault = std::make_unique<FailingCall<&CCmSystemTable::malloc>>(ENOMEM, nullptr);
@@ -1107,7 +1107,7 @@ TEST_F(CmT120TraceFile, Record_LosesLines_WhenItsConstructorFindsNoMemoryForThem
 }
 
 // A manager with static storage, as those have that outlive their end.
-TEST_F(CmT120TraceFile, Manager_OpensNoMoreRecords_OnceItHasEnded) {
+TEST_F(CmT120TraceFile, ManagerOpensNoMoreRecords_AfterItsEnd) {
     alignas(CCmT120TraceFileMgr) static unsigned char s_abyManager[sizeof(CCmT120TraceFileMgr)];
     auto* pManager = new (s_abyManager) CCmT120TraceFileMgr;
     void* pRecord = pManager->open("a", 0, 0, 0);

@@ -20,8 +20,8 @@
 #include "CmTraceLine.h"
 #include "CmUtilClasses.h"
 #include "support/ChildProcess.h"
-#include "support/Eventually.h"
 #include "support/Faults.h"
+#include "support/Gate.h"
 #include "support/Home.h"
 #include "support/LockCalls.h"
 #include "support/Platform.h"
@@ -32,7 +32,7 @@ namespace UTIL_NS {
 namespace {
 
 using kelto_test::EndProcess;
-using kelto_test::Eventually;
+using kelto_test::Gate;
 using kelto_test::LockCalls;
 using kelto_test::ScopedAllocationFault;
 using kelto_test::ScopedHome;
@@ -102,7 +102,7 @@ class CmT120Trace : public testing::Test {
     CCmT120TraceMapEntry m_aTable[CM_TRACE_LEVEL_COUNT];
 };
 
-TEST_F(CmT120Trace, Trace_ReachesTheLibraryForFourLevelsOnly) {
+TEST_F(CmT120Trace, TraceReachesTheLibraryForFourLevelsOnly) {
     std::unique_ptr<CCmT120Trace> pTrace = Load(
         "C.Statistic=TRUE\nC.State=TRUE\nC.PDU=TRUE\nC.Func=TRUE\nC.Tick=TRUE\n"
         "C.Detail=TRUE\nC.WDMS=TRUE\nC.Debug=TRUE\nC.NA=TRUE\n");
@@ -113,7 +113,7 @@ TEST_F(CmT120Trace, Trace_ReachesTheLibraryForFourLevelsOnly) {
     EXPECT_EQ((Texts{"level 0", "level 10", "level 20", "level 25"}), m_Library.texts());
 }
 
-TEST_F(CmT120Trace, Trace_DeliversAtLevel2WithModuleMac) {
+TEST_F(CmT120Trace, TraceDeliversAtLevel2WithModuleMac) {
     std::unique_ptr<CCmT120Trace> pTrace = Load("");
     Trace(*pTrace, 0, "text");
     Trace(*pTrace, 10, "net", "text");
@@ -126,20 +126,20 @@ TEST_F(CmT120Trace, Trace_DeliversAtLevel2WithModuleMac) {
     }
 }
 
-TEST_F(CmT120Trace, Trace_TakesNoTextAsAFormat) {
+TEST_F(CmT120Trace, TraceTakesNoTextAsAFormat) {
     std::unique_ptr<CCmT120Trace> pTrace = Load("");
     Trace(*pTrace, 0, "%s%n%d %%");
     EXPECT_EQ(Texts{"%s%n%d %%"}, m_Library.texts());
 }
 
-TEST_F(CmT120Trace, Trace_DropsLevel1_WhichIsOnByDefault) {
+TEST_F(CmT120Trace, TraceDropsLevel1ThatIsOnByDefault) {
     std::unique_ptr<CCmT120Trace> pTrace = Load("");
     EXPECT_EQ(1, pTrace->enable_trace_print(1, nullptr));
     Trace(*pTrace, 1, "text");
     EXPECT_TRUE(m_Library.calls().empty());
 }
 
-TEST_F(CmT120Trace, Trace_DropsALevelThatDoesNotExist) {
+TEST_F(CmT120Trace, TraceDropsTheLine_WhenItsLevelDoesNotExist) {
     std::unique_ptr<CCmT120Trace> pTrace = Load("");
     for (unsigned long ulLevel : {28ul, 29ul, 1000000ul, ~0ul}) {
         Trace(*pTrace, ulLevel, "text");
@@ -149,13 +149,13 @@ TEST_F(CmT120Trace, Trace_DropsALevelThatDoesNotExist) {
     EXPECT_TRUE(m_Library.calls().empty());
 }
 
-TEST_F(CmT120Trace, Trace_DropsEverything_BeforeLoad) {
+TEST_F(CmT120Trace, TraceDropsEverything_BeforeLoad) {
     std::unique_ptr<CCmT120Trace> pTrace = Create();
     Trace(*pTrace, 0, "text");
     EXPECT_TRUE(m_Library.calls().empty());
 }
 
-TEST_F(CmT120Trace, Trace_DropsEverything_WhenTheRecordCannotBeOpened) {
+TEST_F(CmT120Trace, TraceDropsEverything_WhenTheRecordCannotBeOpened) {
     std::unique_ptr<CCmT120Trace> pTrace = Create();
     {
         ScopedAllocationFault fault(1);
@@ -168,14 +168,14 @@ TEST_F(CmT120Trace, Trace_DropsEverything_WhenTheRecordCannotBeOpened) {
     EXPECT_EQ(Texts{"text"}, m_Library.texts());
 }
 
-TEST_F(CmT120Trace, Trace_DropsALevelThatIsOff) {
+TEST_F(CmT120Trace, TraceDropsTheLine_WhenItsLevelIsOff) {
     std::unique_ptr<CCmT120Trace> pTrace = Load("C.Info=FALSE\n");
     Trace(*pTrace, 20, "off");
     Trace(*pTrace, 10, "on");
     EXPECT_EQ(Texts{"on"}, m_Library.texts());
 }
 
-TEST_F(CmT120Trace, Trace_AllocatesNothing_WhenTheLineIsFilteredOut) {
+TEST_F(CmT120Trace, TraceAllocatesNothing_WhenTheLineIsFilteredOut) {
     std::unique_ptr<CCmT120Trace> pTrace = Load("");
     const unsigned long ulBefore = kelto_test::AllocationsOfThisThread();
     Trace(*pTrace, 25, "net", "off");
@@ -183,7 +183,7 @@ TEST_F(CmT120Trace, Trace_AllocatesNothing_WhenTheLineIsFilteredOut) {
     EXPECT_EQ(0u, m_Library.thresholdReads());
 }
 
-TEST_F(CmT120Trace, Trace_KeepsErrno) {
+TEST_F(CmT120Trace, TraceKeepsErrno) {
     std::unique_ptr<CCmT120Trace> pTrace = Load("");
     m_Library.SetErrno(EIO);
     errno = ENOENT;
@@ -192,7 +192,7 @@ TEST_F(CmT120Trace, Trace_KeepsErrno) {
     EXPECT_EQ(1u, m_Library.calls().size());
 }
 
-TEST_F(CmT120Trace, Hooks_DoNothing) {
+TEST_F(CmT120Trace, HooksReturnAtOnce) {
     std::unique_ptr<CCmT120Trace> pTrace = Load("");
     char achText[] = "text";
     char achFile[] = "file";
@@ -205,13 +205,13 @@ TEST_F(CmT120Trace, Hooks_DoNothing) {
 
 // ---- Configuration
 
-TEST_F(CmT120Trace, Config_HasTheDefaultsOfTheTable_WithoutAFile) {
+TEST_F(CmT120Trace, ConfigHasTheDefaultsOfTheTable_WithoutAFile) {
     std::unique_ptr<CCmT120Trace> pTrace = Create();
     pTrace->load(nullptr);
     EXPECT_EQ((std::vector<int>{0, 1, 10, 11, 12, 13, 20}), LevelsOn(*pTrace));
 }
 
-TEST_F(CmT120Trace, Config_SwitchesEveryLevelByName) {
+TEST_F(CmT120Trace, ConfigSwitchesEveryLevelByName) {
     for (const Level& level : LEVELS) {
         const bool bOn = level.byDefault == 0;
         std::unique_ptr<CCmT120Trace> pTrace =
@@ -225,7 +225,7 @@ TEST_F(CmT120Trace, Config_SwitchesEveryLevelByName) {
     }
 }
 
-TEST_F(CmT120Trace, Config_EnableFalse_SilencesEveryLevel) {
+TEST_F(CmT120Trace, ConfigSilencesEveryLevel_WhenEnableIsFalse) {
     for (const char* pszValue : {"FALSE", "false", "0", "1", "yes", "on", "TRUE!"}) {
         std::unique_ptr<CCmT120Trace> pTrace = Load(std::string("Enable=") + pszValue + "\n");
         EXPECT_TRUE(LevelsOn(*pTrace).empty()) << pszValue;
@@ -234,14 +234,14 @@ TEST_F(CmT120Trace, Config_EnableFalse_SilencesEveryLevel) {
     }
 }
 
-TEST_F(CmT120Trace, Config_EnableTrue_InAnyCase) {
+TEST_F(CmT120Trace, ConfigTakesTrueForEnable_WhateverItsCase) {
     for (const char* pszValue : {"TRUE", "true", "True"}) {
         std::unique_ptr<CCmT120Trace> pTrace = Load(std::string("Enable=") + pszValue + "\n");
         EXPECT_EQ(1, pTrace->enable_trace_print(0, nullptr)) << pszValue;
     }
 }
 
-TEST_F(CmT120Trace, Config_IsReadAgainOnRefresh) {
+TEST_F(CmT120Trace, ConfigIsReadAgain_WhenRefreshed) {
     std::unique_ptr<CCmT120Trace> pTrace = Load("C.Info=FALSE\n");
     m_Home.WriteConfig("[Trace]\nC.Debug=TRUE\n");
     EXPECT_EQ(0, pTrace->enable_trace_print(20, nullptr));
@@ -250,7 +250,7 @@ TEST_F(CmT120Trace, Config_IsReadAgainOnRefresh) {
     EXPECT_EQ(1, pTrace->enable_trace_print(27, nullptr));
 }
 
-TEST_F(CmT120Trace, Config_TurnsLevelsOffPerModule) {
+TEST_F(CmT120Trace, ConfigTurnsLevelsOffPerModule) {
     std::unique_ptr<CCmT120Trace> pTrace = Load(
         "Enable=TRUE\nC.Debug=TRUE\nC.Detail=TRUE\nC.Statistic=TRUE\nC.State=TRUE\n"
         "C.Func=TRUE\nC.PDU=TRUE\nC.Module=net,ui\nC.net.Info=FALSE\nC.ui.Debug=TRUE\n");
@@ -262,7 +262,7 @@ TEST_F(CmT120Trace, Config_TurnsLevelsOffPerModule) {
 }
 
 // The example of docs/configuration.md.
-TEST_F(CmT120Trace, Config_SwitchesNoModuleOnAtALevelThatIsOff) {
+TEST_F(CmT120Trace, ConfigSwitchesNoModuleOn_WhenTheLevelIsOff) {
     const std::string sModules = "C.Module=rtp,stats\nC.rtp.Detail=TRUE\nC.stats.Info=FALSE\n";
     std::unique_ptr<CCmT120Trace> pTrace = Load("C.Detail=TRUE\n" + sModules);
     EXPECT_EQ((std::vector<int>{0, 1, 10, 11, 12, 13, 20, 25}), LevelsOn(*pTrace, "rtp"));
@@ -271,20 +271,20 @@ TEST_F(CmT120Trace, Config_SwitchesNoModuleOnAtALevelThatIsOff) {
     EXPECT_EQ((std::vector<int>{0, 1, 10, 11, 12, 13, 20}), LevelsOn(*pTrace, "rtp"));
 }
 
-TEST_F(CmT120Trace, Config_TurnsDefaultOnLevelsOffPerModule) {
+TEST_F(CmT120Trace, ConfigTurnsDefaultOnLevelsOffPerModule) {
     std::unique_ptr<CCmT120Trace> pTrace = Load(
         "C.Module=net\nC.net.Error=FALSE\nC.net.Warning=FALSE\nC.net.Info=FALSE\n"
         "C.net.Server=FALSE\n");
     EXPECT_EQ((std::vector<int>{1, 11, 12, 13}), LevelsOn(*pTrace, "net"));
 }
 
-TEST_F(CmT120Trace, Config_ModuleDoesNotAffectTracing) {
+TEST_F(CmT120Trace, ConfigModuleDoesNotAffectTracing) {
     std::unique_ptr<CCmT120Trace> pTrace = Load("C.Module=net\nC.net.Error=FALSE\n");
     Trace(*pTrace, 0, "net", "text");
     EXPECT_EQ(Texts{"text"}, m_Library.texts());
 }
 
-TEST_F(CmT120Trace, Config_ForgetsModules_OnRefresh) {
+TEST_F(CmT120Trace, ConfigForgetsModules_WhenRefreshed) {
     std::unique_ptr<CCmT120Trace> pTrace = Load("C.Module=net\nC.net.Error=FALSE\n");
     EXPECT_EQ(0, pTrace->enable_trace_print(0, "net"));
     m_Home.WriteConfig("[Trace]\n");
@@ -292,7 +292,7 @@ TEST_F(CmT120Trace, Config_ForgetsModules_OnRefresh) {
     EXPECT_EQ(1, pTrace->enable_trace_print(0, "net"));
 }
 
-TEST_F(CmT120Trace, Config_ReadsTheEmptyModuleName) {
+TEST_F(CmT120Trace, ConfigReadsTheEmptyModuleName) {
     std::unique_ptr<CCmT120Trace> pTrace =
         Load("C.Module=a,,b\nC.a.Info=FALSE\nC..Info=FALSE\nC.b.Info=FALSE\n");
     for (const char* pszModule : {"a", "", "b"}) {
@@ -301,18 +301,18 @@ TEST_F(CmT120Trace, Config_ReadsTheEmptyModuleName) {
     EXPECT_EQ(1, pTrace->enable_trace_print(20, "c"));
 }
 
-TEST_F(CmT120Trace, Config_ReadsTheEmptyNameBehindALastComma) {
+TEST_F(CmT120Trace, ConfigReadsAnEmptyName_AfterALastComma) {
     std::unique_ptr<CCmT120Trace> pTrace = Load("C.Module=a,\nC..Info=FALSE\n");
     EXPECT_EQ(0, pTrace->enable_trace_print(20, ""));
 }
 
-TEST_F(CmT120Trace, Config_TrimsNoModuleName) {
+TEST_F(CmT120Trace, ConfigTrimsNoModuleName) {
     std::unique_ptr<CCmT120Trace> pTrace = Load("C.Module=a, b\nC. b.Info=FALSE\nC.b.Info=FALSE\n");
     EXPECT_EQ(0, pTrace->enable_trace_print(20, " b"));
     EXPECT_EQ(1, pTrace->enable_trace_print(20, "b"));
 }
 
-TEST_F(CmT120Trace, Config_HonoursAModuleNameOf32Characters) {
+TEST_F(CmT120Trace, ConfigHonoursAModuleName_WhenItHas32Characters) {
     const std::string sName(32, 'm');
     std::unique_ptr<CCmT120Trace> pTrace =
         Load("C.Module=" + sName + ",z\nC." + sName + ".Info=FALSE\nC.z.Info=FALSE\n");
@@ -320,7 +320,7 @@ TEST_F(CmT120Trace, Config_HonoursAModuleNameOf32Characters) {
     EXPECT_EQ(0, pTrace->enable_trace_print(20, "z"));
 }
 
-TEST_F(CmT120Trace, Config_EndsAtAModuleNameOf33Characters) {
+TEST_F(CmT120Trace, ConfigEnds_WhenAModuleNameHas33Characters) {
     const std::string sName(33, 'm');
     std::unique_ptr<CCmT120Trace> pTrace = Load("C.Module=a," + sName + ",z\nC.a.Info=FALSE\nC." +
                                                 sName + ".Info=FALSE\nC.z.Info=FALSE\n");
@@ -329,7 +329,7 @@ TEST_F(CmT120Trace, Config_EndsAtAModuleNameOf33Characters) {
     EXPECT_EQ(1, pTrace->enable_trace_print(20, "z"));
 }
 
-TEST_F(CmT120Trace, Config_ReadsAModuleListOf1024Characters) {
+TEST_F(CmT120Trace, ConfigReadsAModuleListOf1024Characters) {
     std::string sList;
     for (int i = 0; i < 512; ++i) {
         sList += i == 511 ? ",z" : ",y";
@@ -339,7 +339,7 @@ TEST_F(CmT120Trace, Config_ReadsAModuleListOf1024Characters) {
     EXPECT_EQ(0, pTrace->enable_trace_print(20, "z"));
 }
 
-TEST_F(CmT120Trace, Config_LeavesALevelOn_WhenMemoryRunsOut) {
+TEST_F(CmT120Trace, ConfigLeavesALevelOn_WhenMemoryRunsOut) {
     std::unique_ptr<CCmT120Trace> pTrace = Load("");
     m_Home.WriteConfig("[Trace]\nC.Module=net\nC.net.Info=FALSE\n");
     {
@@ -353,7 +353,7 @@ TEST_F(CmT120Trace, Config_LeavesALevelOn_WhenMemoryRunsOut) {
 }
 
 // Stands in for an executable of that name; the buffer is the library's, and writable.
-TEST_F(CmT120Trace, Config_OfAProcessNamedAgent) {
+TEST_F(CmT120Trace, ConfigIsThatOfTheAgent_WhenTheProcessIsNamedSo) {
     EXPECT_EQ(0, StatusOfChild([this] {
                   std::strcpy(const_cast<char*>(get_exec_name()), "agent");
                   std::unique_ptr<CCmT120Trace> pTrace = Load(
@@ -401,7 +401,7 @@ struct SizeCase {
     long limit;
 };
 
-TEST_F(CmT120Trace, File_TakesItsSizeLimitFromTheConfiguration) {
+TEST_F(CmT120Trace, FileTakesItsSizeLimitFromTheConfiguration) {
     const SizeCase CASES[] = {
         {"C=1024\n", 20971520},  // too small
         {"C=1025\n", 1025},      // the smallest
@@ -421,7 +421,7 @@ TEST_F(CmT120Trace, File_TakesItsSizeLimitFromTheConfiguration) {
     }
 }
 
-TEST_F(CmT120Trace, File_IsLimitedByTheProcessName_EvenWithAFileNameOfItsOwn) {
+TEST_F(CmT120Trace, FileIsLimitedByTheProcessName_WhenItHasAFileNameOfItsOwn) {
     m_Home.WriteConfig("[Trace]\nown.txt=2000\nC=3000\n");
     std::unique_ptr<CCmT120Trace> pTrace = Create("own.txt", 1);
     pTrace->load(nullptr);
@@ -438,7 +438,7 @@ struct FlushCase {
     int lines;
 };
 
-TEST_F(CmT120Trace, File_TakesItsFlushCountFromTheConfiguration) {
+TEST_F(CmT120Trace, FileTakesItsFlushCountFromTheConfiguration) {
     const FlushCase CASES[] = {
         {"FlushPerLines=3\n", 3},
         {"FlushPerLines=0\n", 1},
@@ -468,14 +468,14 @@ constexpr char ENORMOUS[] = "100000";  // there, reserving 2 GiB takes seconds
 constexpr char ENORMOUS[] = "2147483647";
 #endif
 
-TEST_F(CmT120Trace, File_TakesAnEnormousFlushCount) {
+TEST_F(CmT120Trace, FileIsWritten_WhenTheFlushCountIsEnormous) {
     std::unique_ptr<CCmT120Trace> pTrace = Load(std::string("FlushPerLines=") + ENORMOUS + "\n");
     Trace(*pTrace, 0, "text");
     EXPECT_EQ(Texts{"text"}, m_Library.texts());
     T120_Refresh_Settings(0, 1);
 }
 
-TEST_F(CmT120Trace, File_IsNamedAfterTheProcessOrAsGiven) {
+TEST_F(CmT120Trace, FileIsNamedAfterTheProcessOrAsGiven) {
     const std::string sLogs = m_Home.path() + "/logs/";
     const std::string sPid = std::to_string(getpid());
     struct {
@@ -504,7 +504,7 @@ TEST_F(CmT120Trace, File_IsNamedAfterTheProcessOrAsGiven) {
 }
 
 // The record by the path that is cut is the facility's, and shared.
-TEST_F(CmT120Trace, File_HasAPathOfAtMost511Characters) {
+TEST_F(CmT120Trace, FileHasAPathOfAtMost511Characters) {
     const std::string sName(600, 'n');
     std::unique_ptr<CCmT120Trace> pTrace = Create(sName.c_str(), 1);
     pTrace->load(nullptr);
@@ -519,7 +519,7 @@ TEST_F(CmT120Trace, File_HasAPathOfAtMost511Characters) {
     T120_Close_Trace_Dev(pRecord);
 }
 
-TEST_F(CmT120Trace, Load_CreatesTheTraceDirectory) {
+TEST_F(CmT120Trace, LoadCreatesTheTraceDirectory) {
     umask(022);
     std::unique_ptr<CCmT120Trace> pTrace = Create();
     EXPECT_FALSE(std::filesystem::exists(m_Home.path() + "logs"));
@@ -530,14 +530,14 @@ TEST_F(CmT120Trace, Load_CreatesTheTraceDirectory) {
     EXPECT_EQ(1, Create()->load(nullptr));
 }
 
-TEST_F(CmT120Trace, Load_DoesNothing_WhenLoadedAlready) {
+TEST_F(CmT120Trace, LoadDoesNothing_WhenLoadedAlready) {
     std::unique_ptr<CCmT120Trace> pTrace = Load("");
     m_Home.WriteConfig("[Trace]\nEnable=FALSE\n");
     EXPECT_EQ(1, pTrace->load(nullptr));
     EXPECT_EQ(1, pTrace->enable_trace_print(0, nullptr));
 }
 
-TEST_F(CmT120Trace, Load_OfItsOwnRecord_OpensItAgainAndReadsTheConfiguration) {
+TEST_F(CmT120Trace, LoadOpensTheRecordAgainAndReadsTheConfiguration_WhenItIsItsOwn) {
     std::unique_ptr<CCmT120Trace> pTrace = Load("");
     CCmT120TraceFile* pRecord = RecordOf(m_Home.path() + "/logs/C_Trace.txt");
     ASSERT_EQ(CM_OK, pRecord->attach());
@@ -552,7 +552,7 @@ TEST_F(CmT120Trace, Load_OfItsOwnRecord_OpensItAgainAndReadsTheConfiguration) {
     T120_Close_Trace_Dev(pRecord);
 }
 
-TEST_F(CmT120Trace, Load_OfAnotherRecord_ClosesItOnly) {
+TEST_F(CmT120Trace, LoadClosesTheRecordOnly_WhenItIsAnother) {
     std::unique_ptr<CCmT120Trace> pTrace = Load("");
     const std::string sOther = m_Home.path() + "other";
     CCmT120TraceFile* pOther = RecordOf(sOther);
@@ -565,14 +565,14 @@ TEST_F(CmT120Trace, Load_OfAnotherRecord_ClosesItOnly) {
     EXPECT_EQ(Texts{"text"}, m_Library.texts());
 }
 
-TEST_F(CmT120Trace, Load_OfAnotherRecord_OpensNothing_WhenNothingWasOpen) {
+TEST_F(CmT120Trace, LoadOpensNothing_WhenTheRecordIsAnotherAndNothingWasOpen) {
     std::unique_ptr<CCmT120Trace> pTrace = Create();
     EXPECT_EQ(1, pTrace->load(RecordOf(m_Home.path() + "other")));
     Trace(*pTrace, 0, "lost");
     EXPECT_TRUE(m_Library.calls().empty());
 }
 
-TEST_F(CmT120Trace, TraceDir_EndsWithTheArrayOfTheHome) {
+TEST_F(CmT120Trace, TraceDirEndsWithTheArrayOfTheHome) {
     const std::string sHome(g_def_kelto_home_dir);
     std::memcpy(g_def_kelto_home_dir, "/0123456789abcde", CM_HOME_DIR_SIZE);
     EXPECT_STREQ("/0123456789abcde/logs", CCmT120Trace::get_trace_dir());
@@ -580,12 +580,12 @@ TEST_F(CmT120Trace, TraceDir_EndsWithTheArrayOfTheHome) {
     EXPECT_EQ(sHome + "/logs", CCmT120Trace::get_trace_dir());
 }
 
-TEST_F(CmT120Trace, TraceDir_KeepsTheDoubledSlash) {
+TEST_F(CmT120Trace, TraceDirKeepsTheDoubledSlash) {
     EXPECT_EQ(m_Home.path() + "/logs", CCmT120Trace::get_trace_dir());
     EXPECT_EQ("//logs", std::string(CCmT120Trace::get_trace_dir()).substr(12));
 }
 
-TEST_F(CmT120Trace, ProcessName_IsTheFirstCharacterOfTheExecutable) {
+TEST_F(CmT120Trace, ProcessNameIsTheFirstCharacterOfTheExecutable) {
     EXPECT_STREQ("C", CCmT120Trace::get_process_name());
 }
 
@@ -614,7 +614,7 @@ bool RunsBesideABundle(const ScopedHome& aHome) {
     return false;
 }
 
-TEST_F(CmT120Trace, Close_TakesTheLevelFunctionsAway_WithABundle) {
+TEST_F(CmT120Trace, CloseTakesTheLevelFunctionsAway_WhenThereIsABundle) {
     if (!RunsBesideABundle(m_Home)) {
         return;
     }
@@ -647,7 +647,7 @@ bool FindsABundle(CCmT120TraceMapEntry* aTable, const std::string& aModule) {
     return library.calls().empty();
 }
 
-TEST_F(CmT120Trace, Bundle_LiesBesideALibraryWithExtension) {
+TEST_F(CmT120Trace, BundleLiesBesideTheLibrary_WhenThatHasAnExtension) {
     std::filesystem::create_directory(m_Home.path() + "yrktrace.bundle");
     std::filesystem::create_directories(m_Home.path() + "a/b/c");
     kelto_test::WriteFile(m_Home.path() + "libutil.so", "");
@@ -656,7 +656,7 @@ TEST_F(CmT120Trace, Bundle_LiesBesideALibraryWithExtension) {
     EXPECT_FALSE(FindsABundle(m_aTable, m_Home.path() + "a/b/c/libutil.so"));
 }
 
-TEST_F(CmT120Trace, Bundle_LiesFourLevelsAboveALibraryWithoutExtension) {
+TEST_F(CmT120Trace, BundleLiesFourLevelsAboveTheLibrary_WhenThatHasNoExtension) {
     std::filesystem::create_directory(m_Home.path() + "yrktrace.bundle");
     std::filesystem::create_directories(m_Home.path() + "a/b/c");
     kelto_test::WriteFile(m_Home.path() + "util", "");
@@ -665,12 +665,12 @@ TEST_F(CmT120Trace, Bundle_LiesFourLevelsAboveALibraryWithoutExtension) {
     EXPECT_FALSE(FindsABundle(m_aTable, m_Home.path() + "util"));
 }
 
-TEST_F(CmT120Trace, Bundle_LiesBesideALibraryThatIsNoFile) {
+TEST_F(CmT120Trace, BundleLiesBesideTheLibrary_WhenThatIsNoFile) {
     std::filesystem::create_directory(m_Home.path() + "yrktrace.bundle");
     EXPECT_TRUE(FindsABundle(m_aTable, m_Home.path() + "gone"));
 }
 
-TEST_F(CmT120Trace, Bundle_IsMissing_WhenThePathHasTooFewComponents) {
+TEST_F(CmT120Trace, BundleIsMissing_WhenThePathHasTooFewComponents) {
     const std::filesystem::path before = std::filesystem::current_path();
     std::filesystem::current_path(m_Home.path());
     std::filesystem::create_directory("yrktrace.bundle");
@@ -681,7 +681,7 @@ TEST_F(CmT120Trace, Bundle_IsMissing_WhenThePathHasTooFewComponents) {
     std::filesystem::current_path(before);
 }
 
-TEST_F(CmT120Trace, Bundle_IsMissing_WhenThePathDoesNotFit) {
+TEST_F(CmT120Trace, BundleIsMissing_WhenThePathDoesNotFit) {
     const std::filesystem::path before = std::filesystem::current_path();
     std::filesystem::current_path(m_Home.path());
     std::filesystem::create_directory("yrktrace.bundle");
@@ -696,7 +696,7 @@ TEST_F(CmT120Trace, Bundle_IsMissing_WhenThePathDoesNotFit) {
     std::filesystem::current_path(before);
 }
 
-TEST_F(CmT120Trace, Close_ChangesNothing_WithoutABundle) {
+TEST_F(CmT120Trace, CloseChangesNothing_WithoutABundle) {
     std::unique_ptr<CCmT120Trace> pTrace = Load("");
     pTrace->Close();
     Trace(*pTrace, 0, "text");
@@ -705,7 +705,7 @@ TEST_F(CmT120Trace, Close_ChangesNothing_WithoutABundle) {
 
 // ---- The facility of the process, in a process of its own each
 
-TEST(CmT120TraceInstance, Instance_IsOneAndDeliversALineWithoutSink) {
+TEST(CmT120TraceInstance, InstanceIsOneAndDeliversALine_WithoutASink) {
     EXPECT_EQ(0, StatusOfChild([] {
                   ScopedHome home;
                   ScopedTraceLibrary library;
@@ -716,7 +716,7 @@ TEST(CmT120TraceInstance, Instance_IsOneAndDeliversALineWithoutSink) {
               }));
 }
 
-TEST(CmT120TraceInstance, Instance_SeesNothing_WhileASinkIsInstalled) {
+TEST(CmT120TraceInstance, InstanceSeesNothing_WhileASinkIsInstalled) {
     EXPECT_EQ(0, StatusOfChild([] {
                   ScopedHome home;
                   ScopedTraceLibrary library;
@@ -730,7 +730,7 @@ TEST(CmT120TraceInstance, Instance_SeesNothing_WhileASinkIsInstalled) {
               }));
 }
 
-TEST(CmT120TraceInstance, Instance_IsLoadedOnce_WhenManyThreadsComeFirst) {
+TEST(CmT120TraceInstance, InstanceIsLoadedOnce_WhenManyThreadsComeFirst) {
     EXPECT_EQ(0, StatusOfChild([] {
                   ScopedHome home;
                   ScopedTraceLibrary library;
@@ -765,20 +765,20 @@ int OpenThatAsksForTheFacility(const char* aPath, int aFlags, mode_t aMode) {
 // Lasts until another thread, which asks for the facility too, has it.
 int OpenWhileAnotherThreadAsks(const char* aPath, int aFlags, mode_t aMode) {
     if (++s_nOpened == 1) {
-        std::atomic<bool> bHasIt{false};
-        s_otherThread = std::thread([&bHasIt] {
+        Gate hasIt;
+        s_otherThread = std::thread([&hasIt] {
             s_pAskedMeanwhile = CCmT120Trace::instance();
             util_adapter_trace(0, "line", 4);
-            bHasIt = true;
+            hasIt.Open();
         });
-        EXPECT_TRUE(Eventually([&bHasIt] { return bHasIt.load(); }));
+        EXPECT_TRUE(hasIt.Wait());
     }
     return open(aPath, aFlags, aMode);
 }
 
 using OpenEntry = kelto_test::ScopedEntry<decltype(g_cmSystem.open)>;
 
-TEST(CmT120TraceInstance, Instance_IsTheOneBeingLoaded_WhenLoadingAsksForIt) {
+TEST(CmT120TraceInstance, InstanceIsTheOneBeingLoaded_WhenLoadingAsksForIt) {
     EXPECT_EQ(0, StatusOfChild([] {
                   ScopedHome home;
                   OpenEntry entry(g_cmSystem.open, OpenThatAsksForTheFacility);
@@ -788,7 +788,7 @@ TEST(CmT120TraceInstance, Instance_IsTheOneBeingLoaded_WhenLoadingAsksForIt) {
               }));
 }
 
-TEST(CmT120TraceInstance, Instance_WaitsForNoOtherThreadThatLoadsIt) {
+TEST(CmT120TraceInstance, InstanceWaitsForNobody_WhenAnotherThreadLoadsIt) {
     EXPECT_EQ(0, StatusOfChild([] {
                   ScopedHome home;
                   ScopedTraceLibrary library;
@@ -801,7 +801,7 @@ TEST(CmT120TraceInstance, Instance_WaitsForNoOtherThreadThatLoadsIt) {
               }));
 }
 
-TEST(CmT120TraceInstance, Instance_NeedsNoMemory) {
+TEST(CmT120TraceInstance, InstanceIsMade_WithoutMemory) {
     EXPECT_EQ(0, StatusOfChild([] {
                   ScopedHome home;
                   ScopedTraceLibrary library;
@@ -815,7 +815,7 @@ TEST(CmT120TraceInstance, Instance_NeedsNoMemory) {
               }));
 }
 
-TEST(CmT120TraceInstance, Instance_IsRefreshed) {
+TEST(CmT120TraceInstance, InstanceIsRefreshed) {
     EXPECT_EQ(0, StatusOfChild([] {
                   ScopedHome home;
                   EXPECT_EQ(1, CCmT120Trace::instance()->enable_trace_print(20, nullptr));
@@ -825,7 +825,7 @@ TEST(CmT120TraceInstance, Instance_IsRefreshed) {
               }));
 }
 
-TEST(CmT120TraceInstance, Switches_WaitForNoConfigurationThatIsBeingWritten) {
+TEST(CmT120TraceInstance, SwitchesWaitForNobody_WhileTheConfigurationIsWritten) {
     EXPECT_EQ(0, StatusOfChild([] {
                   ScopedHome home;
                   const std::string sConfig = home.path() + "conf/kelto.cfg";
@@ -837,16 +837,16 @@ TEST(CmT120TraceInstance, Switches_WaitForNoConfigurationThatIsBeingWritten) {
                       refresh_trace_config();
                       bRefreshed = true;
                   });
-                  std::atomic<bool> bAnswered{false};
-                  std::thread other([&bAnswered] {
+                  Gate answered;
+                  std::thread other([&answered] {
                       std::this_thread::sleep_for(std::chrono::milliseconds(20));
                       CCmT120Trace* pFacility = CCmT120Trace::instance();
                       EXPECT_EQ(1, pFacility->enable_trace_print(20, "net"));
                       util_adapter_trace(20, "line", 4);
                       T120_Close_Trace_Dev(T120_Open_Trace_Dev(nullptr, 0, 0, 0));
-                      bAnswered = true;
+                      answered.Open();
                   });
-                  EXPECT_TRUE(Eventually([&bAnswered] { return bAnswered.load(); }));
+                  EXPECT_TRUE(answered.Wait());
                   EXPECT_FALSE(bRefreshed);
                   close(nPipe);
                   refresh.join();
@@ -854,8 +854,8 @@ TEST(CmT120TraceInstance, Switches_WaitForNoConfigurationThatIsBeingWritten) {
               }));
 }
 
-std::atomic<bool> s_bLateReads{false};
-std::atomic<bool> s_bMayReadOn{false};
+Gate s_lateReads;
+Gate s_mayReadOn;
 thread_local bool t_bLate = false;
 thread_local int t_nOpened = 0;
 
@@ -863,13 +863,13 @@ thread_local int t_nOpened = 0;
 int OpenThatStops(const char* aPath, int aFlags, mode_t aMode) {
     constexpr int OPENED_BEFORE_MODULES = 3 + 28;
     if (t_bLate && ++t_nOpened == OPENED_BEFORE_MODULES + 1) {
-        s_bLateReads = true;
-        EXPECT_TRUE(Eventually([] { return s_bMayReadOn.load(); }));
+        s_lateReads.Open();
+        EXPECT_TRUE(s_mayReadOn.Wait());
     }
     return open(aPath, aFlags, aMode);
 }
 
-TEST(CmT120TraceInstance, Switches_AreThoseOfTheReadingThatBeganLast) {
+TEST(CmT120TraceInstance, SwitchesAreThoseOfTheReadingThatBeganLast) {
     EXPECT_EQ(0, StatusOfChild([] {
                   ScopedHome home;
                   CCmT120Trace::instance();
@@ -878,18 +878,18 @@ TEST(CmT120TraceInstance, Switches_AreThoseOfTheReadingThatBeganLast) {
                       t_bLate = true;
                       refresh_trace_config();
                   });
-                  EXPECT_TRUE(Eventually([] { return s_bLateReads.load(); }));
+                  EXPECT_TRUE(s_lateReads.Wait());
                   home.WriteConfig("[Trace]\nC.Info=FALSE\n");
                   refresh_trace_config();
                   EXPECT_EQ(0, CCmT120Trace::instance()->enable_trace_print(20, nullptr));
-                  s_bMayReadOn = true;
+                  s_mayReadOn.Open();
                   late.join();
                   EXPECT_EQ(0, CCmT120Trace::instance()->enable_trace_print(20, nullptr));
               }));
 }
 
 // The other facility's readings go to the same files.
-TEST(CmT120TraceInstance, Files_KeepTheSettingsOfTheReadingThatBeganLast) {
+TEST(CmT120TraceInstance, FilesKeepTheSettingsOfTheReadingThatBeganLast) {
     EXPECT_EQ(0, StatusOfChild([] {
                   ScopedHome home;
                   CCmT120Trace::instance();
@@ -901,10 +901,10 @@ TEST(CmT120TraceInstance, Files_KeepTheSettingsOfTheReadingThatBeganLast) {
                       t_bLate = true;
                       refresh_trace_config();
                   });
-                  EXPECT_TRUE(Eventually([] { return s_bLateReads.load(); }));
+                  EXPECT_TRUE(s_lateReads.Wait());
                   home.WriteConfig("[Trace]\nFlushPerLines=2\n");
                   CCmT120Trace2::instance();
-                  s_bMayReadOn = true;
+                  s_mayReadOn.Open();
                   late.join();
                   T120_Write_Trace_Dev(pRecord, nullptr, nullptr, "line");
                   EXPECT_EQ(0u, std::filesystem::file_size(sPath));
@@ -914,7 +914,7 @@ TEST(CmT120TraceInstance, Files_KeepTheSettingsOfTheReadingThatBeganLast) {
               }));
 }
 
-TEST(CmT120TraceInstance, Instance_TracesAfterCleanupAll) {
+TEST(CmT120TraceInstance, InstanceTraces_AfterCleanupAll) {
     EXPECT_EQ(0, StatusOfChild([] {
                   ScopedHome home;
                   ScopedTraceLibrary library;
@@ -946,7 +946,7 @@ __attribute__((constructor(101))) void RegisterTraceLast() {
     std::atexit(TraceLast);
 }
 
-TEST(CmT120TraceInstance, Instance_TracesWhileTheProgramEnds) {
+TEST(CmT120TraceInstance, InstanceTraces_WhileTheProgramEnds) {
     EXPECT_EXIT(
         {
             Texts expected(1, "one");
@@ -959,7 +959,7 @@ TEST(CmT120TraceInstance, Instance_TracesWhileTheProgramEnds) {
         testing::ExitedWithCode(7), "");
 }
 
-TEST(CmT120TraceInstance, Instance_ReadsTheChosenFile_WhileTheProgramEnds) {
+TEST(CmT120TraceInstance, InstanceReadsTheChosenFile_WhileTheProgramEnds) {
     EXPECT_EXIT(
         {
             const Texts expected(1, "one");
@@ -975,7 +975,7 @@ TEST(CmT120TraceInstance, Instance_ReadsTheChosenFile_WhileTheProgramEnds) {
 }
 
 // No record can be opened any more.
-TEST(CmT120TraceInstance, Instance_IsSilent_WhenTheFirstLineComesAfterTheEnd) {
+TEST(CmT120TraceInstance, InstanceIsSilent_WhenTheFirstLineComesAfterTheEnd) {
     EXPECT_EXIT(
         {
             const Texts expected;
@@ -986,7 +986,7 @@ TEST(CmT120TraceInstance, Instance_IsSilent_WhenTheFirstLineComesAfterTheEnd) {
         testing::ExitedWithCode(7), "");
 }
 
-TEST(CmT120TraceInstance, IsWanted_UntilTheFacilityExists) {
+TEST(CmT120TraceInstance, IsWantedIsTrue_UntilTheFacilityExists) {
     EXPECT_EQ(0, StatusOfChild([] {
                   ScopedHome home;
                   EXPECT_TRUE(CmTraceIsWanted(25));
@@ -1002,7 +1002,7 @@ TEST(CmT120TraceInstance, IsWanted_UntilTheFacilityExists) {
               }));
 }
 
-TEST(CmT120TraceInstance, IsWanted_FollowsTheConfiguration) {
+TEST(CmT120TraceInstance, IsWantedFollowsTheConfiguration) {
     EXPECT_EQ(0, StatusOfChild([] {
                   ScopedHome home;
                   home.WriteConfig("[Trace]\nC.Info=FALSE\n");
@@ -1014,7 +1014,7 @@ TEST(CmT120TraceInstance, IsWanted_FollowsTheConfiguration) {
               }));
 }
 
-TEST(CmT120TraceInstance, Switches_ChangeWhileThreadsTrace) {
+TEST(CmT120TraceInstance, SwitchesChange_WhileThreadsTrace) {
     EXPECT_EQ(0, StatusOfChild([] {
                   ScopedHome home;
                   ScopedTraceLibrary library;

@@ -25,7 +25,7 @@ class CmTextFormator : public testing::Test {
 constexpr CCmT120Trace::Ordix HEX = CCmT120Trace::ORDIX_HEX;
 constexpr CCmT120Trace::Ordix DEC = CCmT120Trace::ORDIX_DEC;
 
-TEST_F(CmTextFormator, Constructor_ZeroFillsTheWholeBuffer) {
+TEST_F(CmTextFormator, ConstructorZeroFillsTheWholeBuffer) {
     char achBuffer[300];
     std::fill(std::begin(achBuffer), std::end(achBuffer), 'z');
     CCmT120Trace::Text_Formator formator(achBuffer, sizeof(achBuffer));
@@ -34,7 +34,7 @@ TEST_F(CmTextFormator, Constructor_ZeroFillsTheWholeBuffer) {
     EXPECT_EQ(0, formator.get_hex_flag());
 }
 
-TEST_F(CmTextFormator, Reset_StartsAfresh) {
+TEST_F(CmTextFormator, ResetStartsAfresh) {
     m_formator << "some text" << HEX;
     m_achBuffer[2047] = 'z';
     m_formator.reset();
@@ -45,56 +45,56 @@ TEST_F(CmTextFormator, Reset_StartsAfresh) {
     EXPECT_EQ("5", Text());
 }
 
-TEST_F(CmTextFormator, Conversion_GivesTheBuffer) {
+TEST_F(CmTextFormator, ConversionGivesTheBuffer) {
     EXPECT_EQ(m_achBuffer, static_cast<char*>(m_formator));
 }
 
-TEST_F(CmTextFormator, Tell_CountsTheBytesWritten) {
+TEST_F(CmTextFormator, TellCountsTheBytesWritten) {
     m_formator << "abc" << 12;
     EXPECT_EQ(5u, m_formator.tell());
 }
 
-TEST_F(CmTextFormator, Append_ReturnsTheFormator) {
+TEST_F(CmTextFormator, AppendReturnsTheFormator) {
     EXPECT_EQ(&m_formator, &(m_formator << 'a'));
     EXPECT_EQ(&m_formator, &(m_formator << 1.5));
     EXPECT_EQ(&m_formator, &(m_formator << "text"));
     EXPECT_EQ(&m_formator, &(m_formator << HEX));
 }
 
-TEST_F(CmTextFormator, SmallIntegers_PrintAsNumbers) {
+TEST_F(CmTextFormator, PrintsAsNumbers_WhenIntegersAreSmall) {
     m_formator << 'A' << " " << static_cast<unsigned char>(200) << " " << static_cast<short>(-7)
                << " " << static_cast<unsigned short>(65535) << " " << static_cast<char>(-1);
     EXPECT_EQ("65 200 -7 65535 -1", Text());
 }
 
-TEST_F(CmTextFormator, SmallIntegers_PrintInHexadecimalAsInt) {
+TEST_F(CmTextFormator, PrintsInHexadecimalAsInt_WhenIntegersAreSmall) {
     m_formator << HEX << 'A' << " " << HEX << static_cast<unsigned char>(200) << " " << HEX
                << static_cast<short>(-1) << " " << HEX << static_cast<unsigned short>(65535) << " "
                << HEX << '\x80';
     EXPECT_EQ("41 c8 ffffffff ffff ffffff80", Text());
 }
 
-TEST_F(CmTextFormator, Int_PrintsItsWholeRange) {
+TEST_F(CmTextFormator, IntPrintsItsWholeRange) {
     m_formator << INT_MIN << " " << -1 << " " << 0 << " " << INT_MAX;
     EXPECT_EQ("-2147483648 -1 0 2147483647", Text());
 }
 
-TEST_F(CmTextFormator, UnsignedInt_PrintsItsWholeRange) {
+TEST_F(CmTextFormator, UnsignedIntPrintsItsWholeRange) {
     m_formator << 0u << " " << UINT_MAX;
     EXPECT_EQ("0 4294967295", Text());
 }
 
-TEST_F(CmTextFormator, Long_PrintsItsWholeRange) {
+TEST_F(CmTextFormator, LongPrintsItsWholeRange) {
     m_formator << LONG_MIN << " " << 0L << " " << LONG_MAX;
     EXPECT_EQ("-9223372036854775808 0 9223372036854775807", Text());
 }
 
-TEST_F(CmTextFormator, UnsignedLong_PrintsItsWholeRange) {
+TEST_F(CmTextFormator, UnsignedLongPrintsItsWholeRange) {
     m_formator << 0UL << " " << ULONG_MAX;
     EXPECT_EQ("0 18446744073709551615", Text());
 }
 
-TEST_F(CmTextFormator, Decimal_EqualsTheSystemsPrinting) {
+TEST_F(CmTextFormator, DecimalEqualsTheSystemsPrinting) {
     std::mt19937_64 random(1);
     for (int i = 0; i < 20000; ++i) {
         const unsigned long ulValue = random() >> (random() % 64);
@@ -106,7 +106,7 @@ TEST_F(CmTextFormator, Decimal_EqualsTheSystemsPrinting) {
     }
 }
 
-TEST_F(CmTextFormator, Hex_EqualsTheSystemsPrinting) {
+TEST_F(CmTextFormator, HexEqualsTheSystemsPrinting) {
     std::mt19937_64 random(2);
     for (int i = 0; i < 20000; ++i) {
         const unsigned long ulValue = random() >> (random() % 64);
@@ -118,18 +118,18 @@ TEST_F(CmTextFormator, Hex_EqualsTheSystemsPrinting) {
     }
 }
 
-TEST_F(CmTextFormator, Hex_PrintsEveryIntegerType) {
+TEST_F(CmTextFormator, HexPrintsEveryIntegerType) {
     m_formator << HEX << 255 << " " << HEX << -1 << " " << HEX << 0xABCDEFu << " " << HEX << -1L
                << " " << HEX << 0x123456789ABCDEF0UL << " " << HEX << 0;
     EXPECT_EQ("ff ffffffff abcdef ffffffffffffffff 123456789abcdef0 0", Text());
 }
 
-TEST_F(CmTextFormator, Hex_LastsForOneInteger) {
+TEST_F(CmTextFormator, HexLastsForOneInteger) {
     m_formator << HEX << 255 << " " << 255;
     EXPECT_EQ("ff 255", Text());
 }
 
-TEST_F(CmTextFormator, Hex_IsClearedByEveryIntegerUpToLong) {
+TEST_F(CmTextFormator, HexIsClearedByEveryIntegerUpToLong) {
     m_formator << HEX << 'a';
     EXPECT_EQ(0, m_formator.get_hex_flag());
     m_formator << HEX << static_cast<unsigned char>(1);
@@ -148,13 +148,13 @@ TEST_F(CmTextFormator, Hex_IsClearedByEveryIntegerUpToLong) {
     EXPECT_EQ(0, m_formator.get_hex_flag());
 }
 
-TEST_F(CmTextFormator, Hex_IsLeftByTextAndFractions) {
+TEST_F(CmTextFormator, HexIsLeftByTextAndFractions) {
     m_formator << HEX << "text" << std::string("more") << 1.0f << 1.0
                << static_cast<char const*>(nullptr);
     EXPECT_EQ(1, m_formator.get_hex_flag());
 }
 
-TEST_F(CmTextFormator, UnsignedLongLong_PrintsAsUnsignedLong) {
+TEST_F(CmTextFormator, UnsignedLongLongPrintsAsUnsignedLong) {
     m_formator << 0ULL << " " << ULLONG_MAX << " " << HEX << ULLONG_MAX << " " << 255ULL << " "
                << HEX << 0ULL;
     EXPECT_EQ("0 18446744073709551615 ffffffffffffffff 255 0", Text());
@@ -163,27 +163,27 @@ TEST_F(CmTextFormator, UnsignedLongLong_PrintsAsUnsignedLong) {
 }
 
 // Whatever the platform takes them for.
-TEST_F(CmTextFormator, FixedWidths_ArePrinted) {
+TEST_F(CmTextFormator, PrintsFixedWidths) {
     m_formator << UINT64_C(18446744073709551615) << " " << INT64_C(-5) << " " << UINT32_C(7);
     EXPECT_EQ("18446744073709551615 -5 7", Text());
 }
 
-TEST_F(CmTextFormator, LongLong_IgnoresAndKeepsTheHexFlag) {
+TEST_F(CmTextFormator, LongLongIgnoresAndKeepsTheHexFlag) {
     m_formator << HEX << 255LL << " " << 255;
     EXPECT_EQ("255 ff", Text());
 }
 
-TEST_F(CmTextFormator, LongLong_PrintsZeroWithASign) {
+TEST_F(CmTextFormator, LongLongPrintsZeroWithASign) {
     m_formator << 0LL;
     EXPECT_EQ("-0", Text());
 }
 
-TEST_F(CmTextFormator, LongLong_PrintsItsWholeRange) {
+TEST_F(CmTextFormator, LongLongPrintsItsWholeRange) {
     m_formator << LLONG_MIN << " " << -45LL << " " << LLONG_MAX;
     EXPECT_EQ("-9223372036854775808 -45 9223372036854775807", Text());
 }
 
-TEST_F(CmTextFormator, Ordix_OtherValuesChangeNothing) {
+TEST_F(CmTextFormator, OrdixChangesNothing_WhenTheValueIsAnother) {
     m_formator << HEX << static_cast<CCmT120Trace::Ordix>(2);
     EXPECT_EQ(1, m_formator.get_hex_flag());
     m_formator << DEC << static_cast<CCmT120Trace::Ordix>(2);
@@ -191,38 +191,38 @@ TEST_F(CmTextFormator, Ordix_OtherValuesChangeNothing) {
     EXPECT_EQ(0u, m_formator.tell());
 }
 
-TEST_F(CmTextFormator, SetHexFlag_IsWhatGetReturns) {
+TEST_F(CmTextFormator, SetHexFlagIsWhatGetReturns) {
     m_formator.set_hex_flag(7);
     EXPECT_EQ(7, m_formator.get_hex_flag());
     m_formator << 16;
     EXPECT_EQ("10", Text());
 }
 
-TEST_F(CmTextFormator, Fractions_PrintSixDecimals) {
+TEST_F(CmTextFormator, FractionsPrintSixDecimals) {
     m_formator << 1.5 << " " << -0.0000001 << " " << 2.5f << " "
                << std::numeric_limits<double>::infinity() << " " << std::nan("");
     EXPECT_EQ("1.500000 -0.000000 2.500000 inf nan", Text());
 }
 
-TEST_F(CmTextFormator, Fractions_PrintTheLargestDoubleInFull) {
+TEST_F(CmTextFormator, FractionsPrintTheLargestDoubleInFull) {
     m_formator << std::numeric_limits<double>::max();
     EXPECT_EQ(316u, m_formator.tell());  // 309 digits, the point, 6 decimals
     EXPECT_EQ("17976931348623157081", Text().substr(0, 20));
     EXPECT_EQ(".000000", Text().substr(309));
 }
 
-TEST_F(CmTextFormator, Text_NullAppendsNothing) {
+TEST_F(CmTextFormator, AppendsNothing_WhenTheTextIsNull) {
     m_formator << "ab" << static_cast<char const*>(nullptr);
     EXPECT_EQ(2u, m_formator.tell());
     EXPECT_EQ("ab", Text());
 }
 
-TEST_F(CmTextFormator, Text_OfAStringIsAppended) {
+TEST_F(CmTextFormator, AppendsTheTextOfAString) {
     m_formator << CCmString("first ") << CCmString() << CCmString("second");
     EXPECT_EQ("first second", Text());
 }
 
-TEST_F(CmTextFormator, Pointer_PrintsInHexadecimal) {
+TEST_F(CmTextFormator, PointerPrintsInHexadecimal) {
     m_formator << reinterpret_cast<void*>(0x7fff12345678) << " " << 16;
     EXPECT_EQ("0x7fff12345678 16", Text());
     m_formator.reset();
@@ -231,7 +231,7 @@ TEST_F(CmTextFormator, Pointer_PrintsInHexadecimal) {
     EXPECT_EQ(0, m_formator.get_hex_flag());
 }
 
-TEST_F(CmTextFormator, Pointer_MayBeConstOrNull) {
+TEST_F(CmTextFormator, PointerIsPrinted_WhenConstOrNull) {
     int nObject = 0;
     int* const pObject = &nObject;
     m_formator << HEX << static_cast<void*>(pObject);
@@ -248,20 +248,20 @@ TEST_F(CmTextFormator, Pointer_MayBeConstOrNull) {
     EXPECT_EQ("0x0 16", Text());
 }
 
-TEST_F(CmTextFormator, Append_KeepsTheLast96BytesFree) {
+TEST_F(CmTextFormator, AppendKeepsTheLast96BytesFree) {
     m_formator << std::string(3000, 'x');
     EXPECT_EQ(1952u, m_formator.tell());
     EXPECT_EQ(std::string(1952, 'x'), Text());
     EXPECT_EQ(std::string(96, '\0'), std::string(m_achBuffer + 1952, 96));
 }
 
-TEST_F(CmTextFormator, Append_CutsANumberAtTheEnd) {
+TEST_F(CmTextFormator, AppendCutsANumber_WhenItMeetsTheEnd) {
     m_formator << std::string(1950, 'x') << 12345 << 678 << "y";
     EXPECT_EQ(1952u, m_formator.tell());
     EXPECT_EQ("xx12", Text().substr(1948));
 }
 
-TEST_F(CmTextFormator, Append_CutsANumberWhereverItMeetsTheEnd) {
+TEST_F(CmTextFormator, AppendCutsANumber_WhateverDigitMeetsTheEnd) {
     for (size_t nRoom = 0; nRoom <= 100; ++nRoom) {
         m_formator.reset();
         m_formator << std::string(1952 - nRoom, 'x') << LONG_MIN;
@@ -271,7 +271,7 @@ TEST_F(CmTextFormator, Append_CutsANumberWhereverItMeetsTheEnd) {
     }
 }
 
-TEST_F(CmTextFormator, Append_TakesNothingIn96BytesOrFewer) {
+TEST_F(CmTextFormator, AppendTakesNothing_WhenThereAre96BytesOrFewer) {
     for (unsigned long ulSize : {0UL, 1UL, 50UL, 95UL, 96UL}) {
         char achBuffer[97];
         std::fill(std::begin(achBuffer), std::end(achBuffer), 'z');
@@ -283,7 +283,7 @@ TEST_F(CmTextFormator, Append_TakesNothingIn96BytesOrFewer) {
     }
 }
 
-TEST_F(CmTextFormator, Append_TakesOneByteIn97) {
+TEST_F(CmTextFormator, AppendTakesOneByte_WhenThereAre97) {
     char achBuffer[97];
     CCmT120Trace::Text_Formator formator(achBuffer, sizeof(achBuffer));
     formator << "text";
@@ -291,7 +291,7 @@ TEST_F(CmTextFormator, Append_TakesOneByteIn97) {
     EXPECT_STREQ("t", achBuffer);
 }
 
-TEST_F(CmTextFormator, Append_TakesNothingWithoutABuffer) {
+TEST_F(CmTextFormator, AppendTakesNothing_WithoutABuffer) {
     CCmT120Trace::Text_Formator formator(nullptr, 2048);
     formator << "text" << 5 << 1.5 << 6LL;
     formator.reset();
@@ -299,7 +299,7 @@ TEST_F(CmTextFormator, Append_TakesNothingWithoutABuffer) {
     EXPECT_EQ(nullptr, static_cast<char*>(formator));
 }
 
-TEST_F(CmTextFormator, Append_NeverAllocates) {
+TEST_F(CmTextFormator, AppendNeverAllocates) {
     const std::string sText(100, 't');
     const unsigned long ulBefore = kelto_test::AllocationsOfThisThread();
     m_formator << sText << "text" << 1 << 2u << 3L << 4UL << 5LL << 1.5 << 2.5f << HEX << 255

@@ -16,6 +16,7 @@
 #include "support/Events.h"
 #include "support/Eventually.h"
 #include "support/Faults.h"
+#include "support/Gate.h"
 #include "support/Timers.h"
 #include "support/TraceSink.h"
 
@@ -26,6 +27,7 @@ using kelto_test::BodyThread;
 using kelto_test::EndingEvent;
 using kelto_test::EventLog;
 using kelto_test::Eventually;
+using kelto_test::Gate;
 using kelto_test::Life;
 using kelto_test::LoggedEvent;
 using kelto_test::TYPE;
@@ -62,12 +64,12 @@ CmResult SpinUntilCancelled() {
 
 bool CanBeLocked(ICmEventQueue* aQueue) {
     EventLog log;
-    std::atomic<bool> bPosted{false};
+    Gate posted;
     std::thread poster([&] {
         aQueue->PostEvent(new EndingEvent([] {}), NORMAL);
-        bPosted = true;
+        posted.Open();
     });
-    const bool bResult = Eventually([&] { return bPosted.load(); });
+    const bool bResult = posted.Wait();
     poster.join();
     return bResult;
 }
@@ -92,25 +94,25 @@ TEST_P(CmCancelledThread, LosesNoEvent_WhenTerminatedInAHandler) {
     ACmThread* pThread = nullptr;
     ASSERT_EQ(CM_OK, CreateUserTaskThread(&pThread, TF_JOINABLE, true, TYPE));
     ICmEventQueue* pQueue = pThread->GetEventQueue();
-    std::atomic<bool> bBusy{false};
-    std::atomic<bool> bGo{false};
+    Gate busy;
+    Gate go;
     pQueue->PostEvent(new LoggedEvent(log, 0,
                                       [&] {
-                                          Eventually([&] { return bGo.load(); });
+                                          go.Wait();
                                           return CM_OK;
                                       }),
                       NORMAL);
     pQueue->PostEvent(new LoggedEvent(log, 1,
                                       [&] {
-                                          bBusy = true;
+                                          busy.Open();
                                           return SpinUntilCancelled();
                                       }),
                       NORMAL);
     for (int i = 2; i <= 8; ++i) {
         pQueue->PostEvent(new LoggedEvent(log, i), NORMAL);
     }
-    bGo = true;
-    ASSERT_TRUE(Eventually([&] { return bBusy.load(); }));
+    go.Open();
+    ASSERT_TRUE(busy.Wait());
     EXPECT_EQ(0, pThread->Terminate());
     EXPECT_EQ(CM_OK, pThread->Join());
     EXPECT_EQ((Ids{0, 1}), log.fired());
@@ -125,15 +127,15 @@ TEST_P(CmCancelledThread, WakesTheSender_WhenTerminatedInItsEvent) {
     EventLog log;
     ACmThread* pThread = nullptr;
     ASSERT_EQ(CM_OK, CreateUserTaskThread(&pThread, TF_JOINABLE, false, TYPE));
-    std::atomic<bool> bBusy{false};
+    Gate busy;
     CmResult rv = CM_OK;
     std::thread sender([&] {
         rv = pThread->GetEventQueue()->SendEvent(new LoggedEvent(log, 1, [&] {
-            bBusy = true;
+            busy.Open();
             return SpinUntilCancelled();
         }));
     });
-    ASSERT_TRUE(Eventually([&] { return bBusy.load(); }));
+    ASSERT_TRUE(busy.Wait());
     EXPECT_EQ(0, pThread->Terminate());
     sender.join();
     EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, rv);
@@ -181,12 +183,9 @@ class DeafThread : public ACmThread {
     explicit DeafThread(Life& aLife) : m_life(aLife) {}
     ~DeafThread() override {
         kelto_test::TestCancel();
-        m_life.deleted = true;
+        m_life.deleted.Open();
     }
-    void OnThreadRun() override {
-        while (!m_life.released) {
-        }
-    }
+    void OnThreadRun() override { m_life.released.Wait(); }
 
   private:
     Life& m_life;
@@ -198,8 +197,8 @@ TEST_P(CmCancelledThread, IsFreed_WhenItIsTerminatedAsItsBodyEnds) {
     ASSERT_EQ(CM_OK, pThread->Create(TYPE, TF_DETACHED, 0));
     EXPECT_EQ(0, pThread->Terminate());
     pThread->Destory(0);
-    life.released = true;
-    EXPECT_TRUE(Eventually([&] { return life.deleted.load(); }));
+    life.released.Open();
+    EXPECT_TRUE(life.deleted.Wait());
 }
 
 // Acts on its thread's cancellation when it ends.
@@ -217,26 +216,25 @@ TEST_P(CmCancelledThread, EndsEveryEvent_WhenTerminatedWhileItEndsThem) {
     EventLog log;
     CCmThreadTaskWithEventQueueOnly* pTask = new CCmThreadTaskWithEventQueueOnly;
     ASSERT_EQ(CM_OK, pTask->Create(TYPE, TF_JOINABLE, 0));
-    std::atomic<bool> bBusy{false};
-    std::atomic<bool> bGo{false};
+    Gate busy;
+    Gate go;
     ICmEventQueue* pQueue = pTask->GetEventQueue();
     pQueue->PostEvent(new LoggedEvent(log, 0,
                                       [&] {
-                                          bBusy = true;
-                                          while (!bGo) {
-                                          }
+                                          busy.Open();
+                                          go.Wait();
                                           pTask->SetStopFlag();
                                           return CM_OK;
                                       }),
                       NORMAL);
-    ASSERT_TRUE(Eventually([&] { return bBusy.load(); }));
+    ASSERT_TRUE(busy.Wait());
     pQueue->PostEvent(new CancelPointEvent, NORMAL);
     pQueue->PostEvent(new LoggedEvent(log, 1), NORMAL);
     CmResult rv = CM_OK;
     std::thread sender([&] { rv = pQueue->SendEvent(new LoggedEvent(log, 2)); });
     ASSERT_TRUE(Eventually([&] { return pQueue->GetPendingEventsCount() == 3; }));
     EXPECT_EQ(0, pTask->Terminate());
-    bGo = true;
+    go.Open();
     sender.join();
     EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, rv);
     EXPECT_EQ(CM_OK, pTask->Join());
@@ -258,29 +256,29 @@ void ExpectEndOfTheRestAfterTheStopEvent() {
     EventLog log;
     auto* const pTask = new ClosableTask<Task>;
     ASSERT_EQ(CM_OK, pTask->Create(TT_UNKNOWN, TF_JOINABLE, 0));
-    std::atomic<bool> bFirst{false};
-    std::atomic<bool> bGo{false};
-    std::atomic<bool> bBusy{false};
+    Gate first;
+    Gate go;
+    Gate busy;
     ICmEventQueue* const pQueue = pTask->GetEventQueue();
     pQueue->PostEvent(new LoggedEvent(log, 0,
                                       [&] {
-                                          bFirst = true;
-                                          Eventually([&] { return bGo.load(); });
+                                          first.Open();
+                                          go.Wait();
                                           return CM_OK;
                                       }),
                       NORMAL);
-    ASSERT_TRUE(Eventually([&] { return bFirst.load(); }));
+    ASSERT_TRUE(first.Wait());
     CCmEventStopT<CCmThreadTaskWithEventQueueOnly>::PostStopEvent(pTask);
     pQueue->PostEvent(new LoggedEvent(log, 1,
                                       [&] {
-                                          bBusy = true;
+                                          busy.Open();
                                           return SpinUntilCancelled();
                                       }),
                       NORMAL);
     pQueue->PostEvent(new LoggedEvent(log, 2), NORMAL);
     pTask->Close();
-    bGo = true;
-    ASSERT_TRUE(Eventually([&] { return bBusy.load(); }));
+    go.Open();
+    ASSERT_TRUE(busy.Wait());
     EXPECT_EQ(0, pTask->Terminate());
     EXPECT_EQ(CM_OK, pTask->Join());
     EXPECT_EQ((Ids{0, 1, 2}), log.ended());
@@ -341,7 +339,7 @@ void TerminateIn(std::function<void()> aWork, Condition aIsThere) {
     pThread->Destory(0);
 }
 
-TEST_P(CmCancelledThread, EndsTheEventOnce_WhoeverRunsIt) {
+TEST_P(CmCancelledThread, EndsTheEventOnce_WhateverRunsIt) {
     const long lLive = kelto_test::LiveAllocationsBefore();
     std::atomic<int> nEnded{0};
     CCmEventQueueBase queue;
@@ -441,25 +439,25 @@ TEST_P(CmCancelledThread, LeavesNothing_WhenThePosterIsTerminatedInTheEndOfARefu
 // Starts slowly.
 class SlowStarter : public BodyThread {
   public:
-    SlowStarter(Life& aLife, std::atomic<bool>& aGo) : BodyThread(aLife), m_bGo(aGo) {}
+    SlowStarter(Life& aLife, Gate& aGo) : BodyThread(aLife), m_go(aGo) {}
     void OnThreadInit() override {
         s_bStarted = true;
-        Eventually([this] { return m_bGo.load(); });
+        m_go.Wait();
     }
 
     inline static std::atomic<bool> s_bStarted{false};
 
   private:
-    std::atomic<bool>& m_bGo;
+    Gate& m_go;
 };
 
 TEST_P(CmCancelledThread, CreatesItsThread_WhenTheCreatorIsTerminatedMeanwhile) {
     const long lLive = kelto_test::LiveAllocationsBefore();
     {
         Life life;
-        std::atomic<bool> bGo{false};
+        Gate go;
         SlowStarter::s_bStarted = false;
-        SlowStarter* const pStarted = new SlowStarter(life, bGo);
+        SlowStarter* const pStarted = new SlowStarter(life, go);
         std::atomic<CmResult> rv{CM_ERROR_FAILURE};
         WorkThread* pCreator = new WorkThread([&] {
             rv = pStarted->Create(TYPE, TF_JOINABLE, 1);
@@ -468,12 +466,12 @@ TEST_P(CmCancelledThread, CreatesItsThread_WhenTheCreatorIsTerminatedMeanwhile) 
         ASSERT_EQ(CM_OK, pCreator->Create(TYPE, TF_JOINABLE, 0));
         ASSERT_TRUE(Eventually([] { return SlowStarter::s_bStarted.load(); }));
         EXPECT_EQ(0, pCreator->Terminate());
-        bGo = true;
+        go.Open();
         EXPECT_EQ(CM_OK, pCreator->Join());
         pCreator->Destory(0);
         EXPECT_EQ(CM_OK, rv);
         EXPECT_EQ(nullptr, pStarted->startEvent());
-        life.released = true;
+        life.released.Open();
         EXPECT_EQ(CM_OK, pStarted->Join());
         pStarted->Destory(0);
     }
@@ -512,14 +510,14 @@ TEST_P(CmCancelledThread, LeavesTheEventUsable_WhenTerminatedInItsWait) {
                 event.Wait(bTimed ? &tvLong : nullptr);
             },
             [] { return true; });
-        std::atomic<bool> bDone{false};
+        Gate done;
         std::thread other([&] {
             EXPECT_EQ(CM_OK, event.Signal());  // kept: nobody waits
             CCmTimeValue tvNone;
             EXPECT_EQ(CM_OK, event.Wait(&tvNone));
-            bDone = true;
+            done.Open();
         });
-        EXPECT_TRUE(Eventually([&] { return bDone.load(); }));
+        EXPECT_TRUE(done.Wait());
         other.join();
     }
 }
@@ -541,26 +539,26 @@ TEST_P(CmCancelledThread, SendsNextSignalToTheNextConsumer_WhenTerminatedInItsWa
         std::list<ICmEvent*> none;
         queue.PopPendingEvents(none);
     }
-    std::atomic<bool> bTook{false};
+    Gate took;
     std::thread consumer([&] {
         std::list<ICmEvent*> events;
         while (CM_FAILED(queue.PopOrWaitPendingEvents(events, nullptr))) {
         }
         queue.ProcessEvents(events);
-        bTook = true;
+        took.Open();
     });
     queue.PostEvent(new LoggedEvent(log, 1), NORMAL);
-    EXPECT_TRUE(Eventually([&] { return bTook.load(); }));
+    EXPECT_TRUE(took.Wait());
     consumer.join();
     EXPECT_EQ((Ids{0, 1}), log.ended());
 }
 
-std::atomic<bool> g_bInSink{false};
-std::atomic<bool> g_bSinkMayGo{false};
+Gate s_inSink;
+Gate s_sinkMayGo;
 std::atomic<bool> g_bSinkWentOn{false};
 void CancellableSink(unsigned long, const char*, unsigned int) {
-    g_bInSink = true;
-    Eventually([] { return g_bSinkMayGo.load(); });
+    s_inSink.Open();
+    s_sinkMayGo.Wait();
     kelto_test::TestCancel();
     g_bSinkWentOn = true;
 }
@@ -569,7 +567,9 @@ void CancellableSink(unsigned long, const char*, unsigned int) {
 class ScopedCancellableSink {
   public:
     ScopedCancellableSink() : m_pfnPrevious(g_util_trace_sink.load()) {
-        g_bInSink = g_bSinkMayGo = g_bSinkWentOn = false;
+        s_inSink.Close();
+        s_sinkMayGo.Close();
+        g_bSinkWentOn = false;
         set_util_external_trace_sink(&CancellableSink);
     }
     ~ScopedCancellableSink() { set_util_external_trace_sink(m_pfnPrevious); }
@@ -584,19 +584,19 @@ TEST_P(CmCancelledThread, DeliversItsLine_WhenTerminatedInTheSink) {
     EventLog log;
     CCmEventQueueUsingMutex queue;
     queue.SetStopped();
-    std::atomic<bool> bGo{false};
+    Gate go;
     WorkThread* pThread = new WorkThread([&] {
-        Eventually([&] { return bGo.load(); });
+        go.Wait();
         queue.PostEvent(new LoggedEvent(log, 1), NORMAL);  // refused, with a line
         SpinUntilCancelled();
     });
     ASSERT_EQ(CM_OK, pThread->Create(TYPE, TF_JOINABLE, 0));
     {
         ScopedCancellableSink sink;
-        bGo = true;
-        EXPECT_TRUE(Eventually([] { return g_bInSink.load(); }));
+        go.Open();
+        EXPECT_TRUE(s_inSink.Wait());
         EXPECT_EQ(0, pThread->Terminate());
-        g_bSinkMayGo = true;
+        s_sinkMayGo.Open();
         EXPECT_EQ(CM_OK, pThread->Join());
     }
     EXPECT_TRUE(g_bSinkWentOn);
@@ -604,11 +604,11 @@ TEST_P(CmCancelledThread, DeliversItsLine_WhenTerminatedInTheSink) {
     pThread->Destory(0);
 }
 
-std::atomic<bool> g_bInClock{false};
-std::atomic<bool> g_bClockMayGo{false};
+Gate s_inClock;
+Gate s_clockMayGo;
 int HeldTime(timeval* aNow, void*) {
-    g_bInClock = true;
-    Eventually([] { return g_bClockMayGo.load(); });
+    s_inClock.Open();
+    s_clockMayGo.Wait();
     return gettimeofday(aNow, nullptr);
 }
 
@@ -626,11 +626,12 @@ TEST_P(CmCancelledThread, DestroysTheQueue_WhenTerminatedWhileItWaitsForASender)
             default:
                 pQueue = new CCmEventQueueUsingConditionVariable;
         }
-        g_bInClock = g_bClockMayGo = false;
+        s_inClock.Close();
+        s_clockMayGo.Close();
         kelto_test::ScopedEntry<decltype(g_cmClock.coarse_gettimeofday)> entry(
             g_cmClock.coarse_gettimeofday, &HeldTime);
         std::thread sender([&] { pQueue->SendEvent(new LoggedEvent(log, 1)); });
-        ASSERT_TRUE(Eventually([] { return g_bInClock.load(); }));
+        ASSERT_TRUE(s_inClock.Wait());
         std::atomic<bool> bDeleted{false};
         WorkThread* pThread = new WorkThread([&] {
             delete pQueue;
@@ -640,7 +641,7 @@ TEST_P(CmCancelledThread, DestroysTheQueue_WhenTerminatedWhileItWaitsForASender)
         ASSERT_EQ(CM_OK, pThread->Create(TYPE, TF_JOINABLE, 0));
         EXPECT_EQ(0, pThread->Terminate());
         std::this_thread::sleep_for(std::chrono::milliseconds(5));  // into its nap
-        g_bClockMayGo = true;
+        s_clockMayGo.Open();
         sender.join();
         EXPECT_EQ(CM_OK, pThread->Join());
         EXPECT_TRUE(bDeleted);
@@ -673,22 +674,21 @@ void ExpectUncancelled(std::function<void()> aWork, ICmTimerQueue* aTimerQueue =
       private:
         ICmTimerQueue* const m_pQueue;
     };
-    std::atomic<bool> bGo{false};
-    std::atomic<bool> bDone{false};
+    Gate go;
+    Gate done;
     WorkThread* pThread = new CTimedThread(
         [&] {
-            while (!bGo) {
-            }
+            go.Wait();
             aWork();
-            bDone = true;
+            done.Open();
             SpinUntilCancelled();
         },
         aTimerQueue);
     ASSERT_EQ(CM_OK, pThread->Create(TYPE, TF_JOINABLE, 1));
     EXPECT_EQ(0, pThread->Terminate());
-    bGo = true;
+    go.Open();
     EXPECT_EQ(CM_OK, pThread->Join());
-    EXPECT_TRUE(bDone);
+    EXPECT_TRUE(done.IsOpen());
     pThread->Destory(0);
 }
 
@@ -742,10 +742,10 @@ TEST_P(CmCancelledThread, CancelsTheTimer_WhenTerminatedWhileItsWrapperEnds) {
 class SpinningHandler final : public ICmTimerHandler {
   public:
     void OnTimeout(const CCmTimeValue&, void*) override {
-        m_bBusy = true;
+        m_busy.Open();
         SpinUntilCancelled();
     }
-    std::atomic<bool> m_bBusy{false};
+    Gate m_busy;
 };
 
 TEST_P(CmCancelledThread, KeepsItsTimers_WhenTerminatedInATimersHandler) {
@@ -760,7 +760,7 @@ TEST_P(CmCancelledThread, KeepsItsTimers_WhenTerminatedInATimersHandler) {
                                                     &handler, nullptr, kelto_test::Ms(1), 2);
                                             }),
                                             NORMAL);
-        EXPECT_TRUE(Eventually([&] { return handler.m_bBusy.load(); }));
+        EXPECT_TRUE(handler.m_busy.Wait());
         pThread->GetEventQueue()->PostEvent(new LoggedEvent(log, 1), NORMAL);
         EXPECT_EQ(0, pThread->Terminate());
         EXPECT_EQ(CM_OK, pThread->Join());
@@ -775,12 +775,12 @@ TEST_P(CmCancelledThread, KeepsItsTimers_WhenTerminatedInATimersHandler) {
 TEST_P(CmCancelledThread, EndsTheRestUnfired_WhenTerminatedInAHandler) {
     CCmThreadHeartBeat* pThread = new CCmThreadHeartBeat;
     EventLog log;
-    std::atomic<bool> bBusy{false};
+    Gate busy;
     ICmEventQueue* pQueue = pThread->GetEventQueue();
     pQueue->PostEvent(new LoggedEvent(log, 1), NORMAL);
     pQueue->PostEvent(new LoggedEvent(log, 2,
                                       [&] {
-                                          bBusy = true;
+                                          busy.Open();
                                           return SpinUntilCancelled();
                                       }),
                       NORMAL);
@@ -789,7 +789,7 @@ TEST_P(CmCancelledThread, EndsTheRestUnfired_WhenTerminatedInAHandler) {
     std::thread sender([&] { rv = pQueue->SendEvent(new LoggedEvent(log, 4)); });
     ASSERT_TRUE(Eventually([&] { return pQueue->GetPendingEventsCount() == 4; }));
     ASSERT_EQ(CM_OK, pThread->Create(TYPE, TF_JOINABLE, 0));
-    ASSERT_TRUE(Eventually([&] { return bBusy.load(); }));
+    ASSERT_TRUE(busy.Wait());
     EXPECT_EQ(0, pThread->Terminate());
     EXPECT_EQ(CM_OK, pThread->Join());
     sender.join();

@@ -95,7 +95,7 @@ TEST(CmThreadHeartBeat, BeatsOnce_WhenItRunsOnAThreadOfItsOwn) {
     pThread->Destory(0);
 }
 
-TEST(CmThreadHeartBeat, KeepsForTheNextBeat_WhatAnEventPosts) {
+TEST(CmThreadHeartBeat, KeepsAnEventForTheNextBeat_WhenAnEventPostsIt) {
     CCmThreadHeartBeat* pThread = new CCmThreadHeartBeat;
     EventLog log;
     pThread->GetEventQueue()->PostEvent(

@@ -21,11 +21,13 @@
 #include "support/Events.h"
 #include "support/Eventually.h"
 #include "support/Faults.h"
+#include "support/Gate.h"
 
 namespace UTIL_NS {
 namespace {
 
 using kelto_test::Eventually;
+using kelto_test::Gate;
 
 constexpr ICmEventQueue::EPriority NORMAL = ICmEventQueue::EPRIORITY_NORMAL;
 constexpr int TYPE = 7;
@@ -229,7 +231,7 @@ TEST(CmThreadStress, WakesServedAndUnservedSenders_WhenTheirQueueGoesAtOnce) {
     EXPECT_EQ(lLive, kelto_test::LiveAllocations());
 }
 
-TEST(CmThreadStress, LeavesNothing_WhenDetachedWorkersAreDestroyedRightBehindStop) {
+TEST(CmThreadStress, LeavesNothing_WhenDetachedWorkersAreDestroyedRightAfterStop) {
     const int nLives = Scaled(1000);
     const long lLive = kelto_test::LiveAllocationsBefore();
     Balance balance;
@@ -249,7 +251,7 @@ TEST(CmThreadStress, LeavesNothing_WhenDetachedWorkersAreDestroyedRightBehindSto
 }
 
 // Sends back and forth, from event to event.
-TEST(CmThreadStress, ServesSendersThatAreWorkersThemselves) {
+TEST(CmThreadStress, ServesSenders_WhenTheyAreWorkersThemselves) {
     const int nSends = Scaled(2000);
     ACmThread* pSender = nullptr;
     ACmThread* pWorker = nullptr;
@@ -282,7 +284,7 @@ TEST(CmThreadStress, ServesSendersThatAreWorkersThemselves) {
 
 void IgnoreSignal(int) {}
 
-TEST(CmThreadStress, SendsReturnTheirResults_UnderAStormOfSignals) {
+TEST(CmThreadStress, SendsReturnTheirResults_WhenSignalsKeepComing) {
     struct sigaction action = {};
     struct sigaction saved = {};
     action.sa_handler = IgnoreSignal;  // without SA_RESTART: calls are interrupted
@@ -292,22 +294,21 @@ TEST(CmThreadStress, SendsReturnTheirResults_UnderAStormOfSignals) {
         Balance balance;
         ACmThread* pWorker = nullptr;
         ASSERT_EQ(CM_OK, CreateUserTaskThread(&pWorker, TF_JOINABLE, true, TYPE));
-        std::atomic<bool> bDone{false};
+        Gate done;
+        Gate mayEnd;
         std::thread sender([&] {
             for (int i = 0; i < nSends; ++i) {
                 EXPECT_EQ(RESULT, pWorker->GetEventQueue()->SendEvent(new CountedEvent(balance)));
             }
-            bDone = true;
-            while (bDone) {  // stays alive for the last signals
-                std::this_thread::yield();
-            }
+            done.Open();
+            mayEnd.Wait();  // stays alive for the last signals
         });
-        while (!bDone) {
+        while (!done.IsOpen()) {
             pthread_kill(sender.native_handle(), SIGUSR1);
             pthread_kill(pWorker->GetThreadId(), SIGUSR1);
             std::this_thread::yield();
         }
-        bDone = false;
+        mayEnd.Open();
         sender.join();
         pWorker->Stop(nullptr);
         pWorker->Join();

@@ -16,6 +16,7 @@
 #include "support/Events.h"
 #include "support/Eventually.h"
 #include "support/Faults.h"
+#include "support/Gate.h"
 #include "support/Timers.h"
 #include "support/TraceSink.h"
 
@@ -25,6 +26,7 @@ namespace {
 using kelto_test::EndJoinable;
 using kelto_test::EventLog;
 using kelto_test::Eventually;
+using kelto_test::Gate;
 using kelto_test::LoggedEvent;
 using kelto_test::MaskAddresses;
 using kelto_test::NotingHandler;
@@ -120,7 +122,7 @@ class CmThreadTaskTimes : public testing::Test {
     std::vector<std::unique_ptr<kelto_test::RecordingHandler>> m_handlers;
 };
 
-TEST_F(CmThreadTaskTimes, FiresAtOnce_WhatBecameDueDuringAHandler) {
+TEST_F(CmThreadTaskTimes, FiresATimerAtOnce_WhenItBecameDueDuringAHandler) {
     Schedule(1, 10, 510);
     Schedule(2, 300, 0);
     Schedule(3, 490, 0);
@@ -140,7 +142,7 @@ TEST_F(CmThreadTaskTimes, KeepsItsPace_WhenAHandlerTakesLongerThanItsInterval) {
     EXPECT_EQ((std::vector<long long>{60, 160, 260, 360, 460}), m_firedAtMs);
 }
 
-TEST_F(CmThreadTaskTimes, WaitsForTheRest_BehindAHandlerThatTookTime) {
+TEST_F(CmThreadTaskTimes, WaitsForTheRest_AfterAHandlerThatTookTime) {
     Schedule(1, 10, 100);
     Schedule(2, 300, 25);
     NotedWaits noted(*m_pTask, m_clock, 3);
@@ -157,7 +159,7 @@ TEST_F(CmThreadTaskTimes, NeverWaitsLongerThanTheQueueSays_WhenTheClockIsSetBack
     EXPECT_EQ((std::vector<long>{10000, 290000}), noted.waits);
 }
 
-TEST_F(CmThreadTaskTimes, ReadsTheClockOnceMore_OnlyBehindAFiring) {
+TEST_F(CmThreadTaskTimes, ReadsTheClockOnceMore_AfterAFiringOnly) {
     Schedule(1, 10, 0, 2);
     m_handlers[0]->SetAction({});
     m_clock.AdvanceMs(10);
@@ -190,7 +192,7 @@ TEST(CmThreadTask, HasATimerQueue_WhenAskedFor) {
     }
 }
 
-TEST(CmThreadTask, TracesItsLife_ToTheCharacter) {
+TEST(CmThreadTask, TracesItsLifeToTheCharacter) {
     const char* apRunLines[] = {
         "UTIL INFO: CCmThreadTaskWithEventQueueOnly::OnThreadRun this=0x#",
         "UTIL INFO: CCmThreadTask::OnThreadRun, Begin. this=0x#",
@@ -213,7 +215,7 @@ TEST(CmThreadTask, TracesItsLife_ToTheCharacter) {
     }
 }
 
-TEST(CmThreadTask, RunsWhatWasPostedBeforeStop_AndRefusesTheRest) {
+TEST(CmThreadTask, RunsWhatIsPendingAndRefusesTheRest_AfterStop) {
     for (bool bWithTimerQueue : {false, true}) {
         EventLog log;
         Ids expected;
@@ -236,26 +238,26 @@ TEST(CmThreadTask, RunsWhatWasPostedBeforeStop_AndRefusesTheRest) {
     }
 }
 
-TEST(CmThreadTask, EndsUnfired_WhatIsPendingWhenItsLoopEnds) {
+TEST(CmThreadTask, EndsEventsUnfired_WhenItsLoopEndsBeforeTheirTurn) {
     EventLog log;
     ACmThread* pThread = nullptr;
     ASSERT_EQ(CM_OK, CreateUserTaskThread(&pThread, TF_JOINABLE, true, TYPE));
     CCmThreadTaskWithEventQueueOnly* pTask = static_cast<CCmThreadTaskWithEventQueueOnly*>(pThread);
-    std::atomic<bool> bBusy{false};
-    std::atomic<bool> bGo{false};
+    Gate busy;
+    Gate go;
     pThread->GetEventQueue()->PostEvent(new LoggedEvent(log, 0,
                                                         [&] {
-                                                            bBusy = true;
-                                                            Eventually([&] { return bGo.load(); });
+                                                            busy.Open();
+                                                            go.Wait();
                                                             return CM_OK;
                                                         }),
                                         NORMAL);
-    ASSERT_TRUE(Eventually([&] { return bBusy.load(); }));
+    ASSERT_TRUE(busy.Wait());
     EXPECT_EQ(CM_OK, CCmEventStopT<CCmThreadTaskWithEventQueueOnly>::PostStopEvent(pTask));
     for (int i = 1; i <= 20; ++i) {
         EXPECT_EQ(CM_OK, pThread->GetEventQueue()->PostEvent(new LoggedEvent(log, i), NORMAL));
     }
-    bGo = true;
+    go.Open();
     EXPECT_EQ(CM_OK, pThread->Join());
     // The stop event is the first of a batch of five, which still runs as a whole.
     EXPECT_EQ((Ids{0, 1, 2, 3, 4}), log.fired());
@@ -269,16 +271,16 @@ TEST(CmThreadTask, WakesASenderUnserved_WhenItStopsFirst) {
     ASSERT_EQ(CM_OK, CreateUserTaskThread(&pThread, TF_JOINABLE, true, TYPE));
     ICmEventQueue* pQueue = pThread->GetEventQueue();
     CCmThreadTaskWithEventQueueOnly* pTask = static_cast<CCmThreadTaskWithEventQueueOnly*>(pThread);
-    std::atomic<bool> bGo{false};
-    std::atomic<bool> bBusy{false};
+    Gate go;
+    Gate busy;
     pQueue->PostEvent(new LoggedEvent(log, 0,
                                       [&] {
-                                          bBusy = true;
-                                          Eventually([&] { return bGo.load(); });
+                                          busy.Open();
+                                          go.Wait();
                                           return CM_OK;
                                       }),
                       NORMAL);
-    ASSERT_TRUE(Eventually([&] { return bBusy.load(); }));
+    ASSERT_TRUE(busy.Wait());
     CCmEventStopT<CCmThreadTaskWithEventQueueOnly>::PostStopEvent(pTask);
     for (int i = 1; i <= 10; ++i) {
         pQueue->PostEvent(new LoggedEvent(log, i), NORMAL);
@@ -286,7 +288,7 @@ TEST(CmThreadTask, WakesASenderUnserved_WhenItStopsFirst) {
     CmResult rv = CM_OK;
     std::thread sender([&] { rv = pQueue->SendEvent(new LoggedEvent(log, 99)); });
     ASSERT_TRUE(Eventually([&] { return pQueue->GetPendingEventsCount() >= 12; }));
-    bGo = true;
+    go.Open();
     sender.join();
     EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, rv);
     pThread->Join();
@@ -417,22 +419,22 @@ TEST(CmThreadTask, LooksAtItsTimersEveryFiveEvents_WhenManyArePending) {
     auto schedule = [&] {
         return pThread->GetTimerQueue()->ScheduleTimer(&handler, nullptr, CCmTimeValue(), 1);
     };
-    std::atomic<bool> bGo{false};
-    std::atomic<bool> bBusy{false};
+    Gate go;
+    Gate busy;
     pThread->GetEventQueue()->PostEvent(new LoggedEvent(log, 0,
                                                         [&] {
-                                                            bBusy = true;
-                                                            Eventually([&] { return bGo.load(); });
+                                                            busy.Open();
+                                                            go.Wait();
                                                             return schedule();
                                                         }),
                                         NORMAL);
-    ASSERT_TRUE(Eventually([&] { return bBusy.load(); }));
+    ASSERT_TRUE(busy.Wait());
     for (int i = 1; i <= 12; ++i) {
         const bool bEndsABatch = i == 5 || i == 10;
         pThread->GetEventQueue()->PostEvent(
             new LoggedEvent(log, i, [=] { return bEndsABatch ? schedule() : CM_OK; }), NORMAL);
     }
-    bGo = true;
+    go.Open();
     ASSERT_TRUE(Eventually([&] { return log.ended().size() == 13; }));
     EXPECT_EQ((Ids{0, -1, 1, 2, 3, 4, 5, -1, 6, 7, 8, 9, 10, -1, 11, 12}), log.fired());
     EndJoinable(pThread);
@@ -442,17 +444,17 @@ TEST(CmThreadTask, TakesEverythingAtOnce_WhenItHasNoTimerQueue) {
     ACmThread* pThread = nullptr;
     ASSERT_EQ(CM_OK, CreateUserTaskThread(&pThread, TF_JOINABLE, false, TYPE));
     EventLog log;
-    std::atomic<bool> bGo{false};
-    std::atomic<bool> bBusy{false};
+    Gate go;
+    Gate busy;
     DWORD dwPending = 77;
     pThread->GetEventQueue()->PostEvent(new LoggedEvent(log, 0,
                                                         [&] {
-                                                            bBusy = true;
-                                                            Eventually([&] { return bGo.load(); });
+                                                            busy.Open();
+                                                            go.Wait();
                                                             return CM_OK;
                                                         }),
                                         NORMAL);
-    ASSERT_TRUE(Eventually([&] { return bBusy.load(); }));
+    ASSERT_TRUE(busy.Wait());
     pThread->GetEventQueue()->PostEvent(
         new LoggedEvent(log, 1,
                         [&] {
@@ -463,7 +465,7 @@ TEST(CmThreadTask, TakesEverythingAtOnce_WhenItHasNoTimerQueue) {
     for (int i = 2; i <= 30; ++i) {
         pThread->GetEventQueue()->PostEvent(new LoggedEvent(log, i), NORMAL);
     }
-    bGo = true;
+    go.Open();
     // The stop event must not be pending among them.
     EXPECT_TRUE(Eventually([&] { return log.fired().size() == 31; }));
     EndJoinable(pThread);
@@ -471,7 +473,7 @@ TEST(CmThreadTask, TakesEverythingAtOnce_WhenItHasNoTimerQueue) {
     EXPECT_EQ(31u, log.fired().size());
 }
 
-TEST(CmThreadTask, StopFlagStartsStopped_AndStartsWithTheThread) {
+TEST(CmThreadTask, StopFlagIsSet_BeforeTheThreadStarts) {
     CCmStopFlag plain;
     EXPECT_FALSE(plain.IsFlagStopped());
     CCmThreadTaskWithEventQueueOnly* pTask = new CCmThreadTaskWithEventQueueOnly;
@@ -673,7 +675,7 @@ TEST(CmEventStopT, SetsTheStopFlag_WhenItIsItsTurn) {
     pEvent->OnDestorySelf();
 }
 
-TEST(CmEventStopT, DoesNothing_WithoutAThread) {
+TEST(CmEventStopT, SetsNoStopFlag_WithoutAThread) {
     CCmEventStopT<FakeWorker> event(nullptr);
     EXPECT_EQ(CM_OK, event.OnEventFire());
 }

@@ -51,14 +51,14 @@ TEST(CmThread, HasRunItsInit_WhenCreateReturns) {
     EXPECT_EQ(TYPE, pThread->GetThreadType());
     EXPECT_EQ(nullptr, pThread->startEvent());
     EXPECT_FALSE(pThread->GetStopFlag());
-    life.released = true;
+    life.released.Open();
     EXPECT_EQ(CM_OK, pThread->Join());
     EXPECT_TRUE(life.ran);
     EXPECT_TRUE(pThread->GetStopFlag());
     EXPECT_EQ(pthread_t(0), pThread->GetThreadId());
-    EXPECT_FALSE(life.deleted);
+    EXPECT_FALSE(life.deleted.IsOpen());
     EXPECT_EQ(CM_OK, pThread->Destory(0));
-    EXPECT_TRUE(life.deleted);
+    EXPECT_TRUE(life.deleted.IsOpen());
 }
 
 class PlainThread : public ACmThread {
@@ -78,10 +78,10 @@ TEST(CmThread, RunsItsBody_WithoutAnInitOfItsOwn) {
     EXPECT_TRUE(life.ran);
 }
 
-TEST(CmThread, TracesItsLife_ToTheCharacter) {
+TEST(CmThread, TracesItsLifeToTheCharacter) {
     kelto_test::ScopedTraceSink sink;
     Life life;
-    life.released = true;
+    life.released.Open();
     BodyThread* pThread = new BodyThread(life);
     pThread->Create(TYPE, 0, 1);
     pThread->Join();
@@ -95,10 +95,10 @@ TEST(CmThread, TracesItsLife_ToTheCharacter) {
               MaskAddresses(sink.lines()[1].text));
 }
 
-TEST(CmThread, RefusesASecondCreate) {
+TEST(CmThread, RefusesCreate_WhenCreatedAlready) {
     kelto_test::ScopedTraceSink sink;
     Life life;
-    life.released = true;
+    life.released.Open();
     BodyThread* pThread = new BodyThread(life);
     ASSERT_EQ(CM_OK, pThread->Create(TYPE, TF_JOINABLE, 1));
     EXPECT_EQ(CM_ERROR_ALREADY_INITIALIZED, pThread->Create(TYPE, TF_JOINABLE, 1));
@@ -113,7 +113,7 @@ TEST(CmThread, RefusesASecondCreate) {
 TEST(CmThread, WarnsAndCarriesOn_WhenTheTypeIsUnknown) {
     kelto_test::ScopedTraceSink sink;
     Life life;
-    life.released = true;
+    life.released.Open();
     BodyThread* pThread = new BodyThread(life);
     EXPECT_EQ(CM_OK, pThread->Create(TT_UNKNOWN, TF_JOINABLE, 0));
     EXPECT_EQ(TT_UNKNOWN, pThread->GetThreadType());
@@ -137,7 +137,7 @@ TEST(CmThread, StartsNoThread_WhenTheTypeIsMain) {
     EXPECT_FALSE(life.initialized);
     EXPECT_FALSE(life.ran);
     pThread->Destory(0);
-    EXPECT_TRUE(life.deleted);
+    EXPECT_TRUE(life.deleted.IsOpen());
     EXPECT_EQ(nullptr, getCurrentThread());
 }
 
@@ -146,18 +146,18 @@ TEST(CmThread, IsDeletedAtOnce_WhenItAdoptedADetachedThread) {
     BodyThread* pThread = new BodyThread(life);
     EXPECT_EQ(CM_OK, pThread->Create(TT_MAIN, TF_DETACHED, 1));
     pThread->Destory(0);
-    EXPECT_TRUE(life.deleted);
+    EXPECT_TRUE(life.deleted.IsOpen());
 }
 
 TEST(CmThread, IsDeletedAtOnce_WhenItWasNeverCreated) {
     Life life;
     (new BodyThread(life))->Destory(0);
-    EXPECT_TRUE(life.deleted);
+    EXPECT_TRUE(life.deleted.IsOpen());
 }
 
 TEST(CmThread, IsRegisteredOnce_WhenAnUnknownTypeIsCreatedAgain) {
     Life life;
-    life.released = true;
+    life.released.Open();
     const size_t nBefore = RegisteredThreads();
     BodyThread* pThread = new BodyThread(life);
     ASSERT_EQ(CM_OK, pThread->Create(TT_UNKNOWN, TF_JOINABLE, 1));
@@ -216,7 +216,7 @@ TEST(CmThread, LeavesTheOthersRegistered_WhenOneIsUnregistered) {
     EXPECT_EQ(CM_OK, UnRegisterThread(&first));
 }
 
-TEST(CmThread, FindsItself_OnItsOwnThread) {
+TEST(CmThread, FindsItself_WhenOnItsOwnThread) {
     ACmThread* pThread = nullptr;
     ASSERT_EQ(CM_OK, CreateUserTaskThread(&pThread, TF_JOINABLE, false, TYPE));
     ACmThread* pFound = nullptr;
@@ -239,7 +239,7 @@ class ReusedIdThread : public BodyThread {
 
 TEST(CmThread, IsNotFound_WhenItsDetachedThreadHasEndedAndItsIdIsReused) {
     Life life;
-    life.released = true;
+    life.released.Open();
     ReusedIdThread* pThread = new ReusedIdThread(life);
     ASSERT_EQ(CM_OK, pThread->Create(TYPE, TF_DETACHED, 1));
     ASSERT_TRUE(Eventually([&] { return pThread->HasEnded(); }));
@@ -262,7 +262,7 @@ int JoinAndReuse(pthread_t aTid, void** aResult) {
 
 TEST(CmThread, IsNotFound_WhenItIsBeingJoinedAndItsIdIsReused) {
     Life life;
-    life.released = true;
+    life.released.Open();
     g_pJoined = new ReusedIdThread(life);
     ASSERT_EQ(CM_OK, g_pJoined->Create(TYPE, TF_JOINABLE, 1));
     kelto_test::ScopedEntry<decltype(g_cmSystem.pthread_join)> join(g_cmSystem.pthread_join,
@@ -287,12 +287,12 @@ TEST(CmThread, FindsItself_WhileItIsJoined) {
     Life life;
     CFinding* pThread = new CFinding(life);
     for (int nType : {TT_UNKNOWN, TYPE}) {  // the second thread of the object, too
-        life.released = false;
+        life.released.Close();
         pThread->m_pFound = nullptr;
         ASSERT_EQ(CM_OK, pThread->Create(nType, TF_JOINABLE, 1));
         std::thread releasing([&] {
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
-            life.released = true;
+            life.released.Open();
         });
         EXPECT_EQ(CM_OK, pThread->Join());
         EXPECT_EQ(pThread, pThread->m_pFound);
@@ -303,7 +303,7 @@ TEST(CmThread, FindsItself_WhileItIsJoined) {
 
 TEST(CmThread, IsFound_WhenItAdoptsAThreadAfterItsOwnHasEnded) {
     Life life;
-    life.released = true;
+    life.released.Open();
     BodyThread* pThread = new BodyThread(life);
     ASSERT_EQ(CM_OK, pThread->Create(TT_UNKNOWN, TF_JOINABLE, 1));
     EXPECT_EQ(CM_OK, pThread->Join());
@@ -325,7 +325,7 @@ TEST(CmThread, UnregistersItself_WhenItIsDestroyed) {
     EXPECT_EQ(nBefore, RegisteredThreads());
 }
 
-TEST(CmThread, CannotJoinItself) {
+TEST(CmThread, JoinFails_WhenOnItsOwnThread) {
     kelto_test::ScopedTraceSink sink;
     ACmThread* pThread = nullptr;
     ASSERT_EQ(CM_OK, CreateUserTaskThread(&pThread, TF_JOINABLE, false, TYPE));
@@ -347,16 +347,16 @@ TEST(CmThread, JoinReturnsAtOnce_WhenTheThreadIsDetached) {
     BodyThread* pThread = new BodyThread(life);
     ASSERT_EQ(CM_OK, pThread->Create(TYPE, TF_DETACHED, 1));
     EXPECT_EQ(CM_OK, pThread->Join());
-    EXPECT_FALSE(life.released);
+    EXPECT_FALSE(life.released.IsOpen());
     EXPECT_NE(pthread_t(0), pThread->GetThreadId());
-    life.released = true;
+    life.released.Open();
     pThread->Destory(0);
-    EXPECT_TRUE(Eventually([&] { return life.deleted.load(); }));
+    EXPECT_TRUE(life.deleted.Wait());
 }
 
 TEST(CmThread, TracesAndFails_WhenTheJoinFails) {
     Life life;
-    life.released = true;
+    life.released.Open();
     BodyThread* pThread = new BodyThread(life);
     ASSERT_EQ(CM_OK, pThread->Create(TYPE, TF_JOINABLE, 1));
     kelto_test::ScopedTraceSink sink;
@@ -380,21 +380,21 @@ TEST(CmThread, LivesUntilItsBodyEnds_WhenADetachedOneIsDestroyedBefore) {
     EXPECT_EQ(CM_OK, pThread->Destory(0));
     EXPECT_EQ(nBefore, RegisteredThreads());
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    EXPECT_FALSE(life.deleted);
-    life.released = true;
-    EXPECT_TRUE(Eventually([&] { return life.deleted.load(); }));
+    EXPECT_FALSE(life.deleted.IsOpen());
+    life.released.Open();
+    EXPECT_TRUE(life.deleted.Wait());
 }
 
-TEST(CmThread, IsDeletedAtOnce_WhenADetachedOneIsDestroyedBehindItsBody) {
+TEST(CmThread, IsDeletedAtOnce_WhenADetachedOneIsDestroyedAfterItsBody) {
     Life life;
-    life.released = true;
+    life.released.Open();
     BodyThread* pThread = new BodyThread(life);
     ASSERT_EQ(CM_OK, pThread->Create(TYPE, TF_DETACHED, 1));
     ASSERT_TRUE(Eventually([&] { return pThread->GetStopFlag(); }));
     std::this_thread::sleep_for(std::chrono::milliseconds(50));  // behind its last step
-    EXPECT_FALSE(life.deleted);
+    EXPECT_FALSE(life.deleted.IsOpen());
     pThread->Destory(0);
-    EXPECT_TRUE(life.deleted);
+    EXPECT_TRUE(life.deleted.IsOpen());
 }
 
 std::atomic<int> g_nThreadsGone{0};
@@ -414,26 +414,26 @@ class CountedThread : public BodyThread {
 
 TEST(CmThread, LivesUntilItIsDestroyed_WhenADetachedUnknownTypeIsCreatedAgain) {
     Life life;
-    life.released = true;
+    life.released.Open();
     g_nThreadsGone = 0;
     BodyThread* pThread = new CountedThread(life);
     ASSERT_EQ(CM_OK, pThread->Create(TT_UNKNOWN, TF_DETACHED, 0));
     ASSERT_TRUE(Eventually([&] { return g_nThreadsGone == 1; }));
     EXPECT_TRUE(pThread->HasEnded());
-    life.released = false;
+    life.released.Close();
     ASSERT_EQ(CM_OK, pThread->Create(TYPE, TF_DETACHED, 0));
     EXPECT_FALSE(pThread->HasEnded());
-    life.released = true;
-    EXPECT_TRUE(Eventually([&] { return life.deleted || pThread->HasEnded(); }));
-    EXPECT_FALSE(life.deleted);
+    life.released.Open();
+    EXPECT_TRUE(Eventually([&] { return life.deleted.IsOpen() || pThread->HasEnded(); }));
+    EXPECT_FALSE(life.deleted.IsOpen());
     pThread->Destory(0);
-    EXPECT_TRUE(Eventually([&] { return life.deleted.load(); }));
+    EXPECT_TRUE(life.deleted.Wait());
 }
 
 TEST(CmThread, HasNoThread_WhenADetachedUnknownTypeCannotBeCreatedAgain) {
     for (TFlag flag : {TF_JOINABLE, TF_DETACHED}) {
         Life life;
-        life.released = true;
+        life.released.Open();
         g_nThreadsGone = 0;
         BodyThread* pThread = new CountedThread(life);
         ASSERT_EQ(CM_OK, pThread->Create(TT_UNKNOWN, flag, 1));
@@ -448,20 +448,20 @@ TEST(CmThread, HasNoThread_WhenADetachedUnknownTypeCannotBeCreatedAgain) {
         EXPECT_EQ(CM_ERROR_FAILURE, pThread->Terminate());
         EXPECT_EQ(0u, cancelled.calls());
         pThread->Destory(0);
-        EXPECT_TRUE(life.deleted);
+        EXPECT_TRUE(life.deleted.IsOpen());
     }
 }
 
 TEST(CmThread, IsDeletedAtOnce_WhenItAdoptsAThreadAfterADetachedOneOfItsOwn) {
     Life life;
-    life.released = true;
+    life.released.Open();
     g_nThreadsGone = 0;
     BodyThread* pThread = new CountedThread(life);
     ASSERT_EQ(CM_OK, pThread->Create(TT_UNKNOWN, TF_DETACHED, 0));
     ASSERT_TRUE(Eventually([&] { return g_nThreadsGone == 1; }));
     ASSERT_EQ(CM_OK, pThread->Create(TT_MAIN, TF_DETACHED, 0));
     pThread->Destory(0);
-    EXPECT_TRUE(life.deleted);
+    EXPECT_TRUE(life.deleted.IsOpen());
 }
 
 int s_nDetachState = -1;
@@ -492,14 +492,14 @@ TEST(CmThread, IsDetached_WhenTheLowBitsOfTheFlagAreTwo) {
         EXPECT_EQ(row.detached ? PTHREAD_CREATE_DETACHED : PTHREAD_CREATE_JOINABLE, s_nDetachState)
             << row.flag;
         const pthread_t tid = pThread->GetThreadId();
-        life.released = true;
+        life.released.Open();
         pThread->Join();
         EXPECT_EQ(row.joined ? pthread_t(0) : tid, pThread->GetThreadId()) << row.flag;
         if (row.flag == 4) {
             pthread_join(tid, nullptr);  // joinable for the system, not for Join
         }
         pThread->Destory(0);
-        EXPECT_TRUE(Eventually([&] { return life.deleted.load(); })) << row.flag;
+        EXPECT_TRUE(life.deleted.Wait()) << row.flag;
     }
 }
 
@@ -511,7 +511,7 @@ TEST(CmThread, EndsWithNull_WhenTheStartRoutineGetsNoObject) {
 
 TEST(CmThread, KeepsNoHandle_WhenTheStartRoutineRunsAnAdoptedThread) {
     Life life;
-    life.released = true;
+    life.released.Open();
     BodyThread* pThread = new BodyThread(life);
     ASSERT_EQ(CM_OK, pThread->Create(TT_MAIN, TF_JOINABLE, 0));
     EXPECT_EQ(nullptr, ACmThread::ThreadProc(pThread));
@@ -520,7 +520,7 @@ TEST(CmThread, KeepsNoHandle_WhenTheStartRoutineRunsAnAdoptedThread) {
     EXPECT_TRUE(pThread->GetStopFlag());
     EXPECT_EQ((pthread_t)-1, pThread->GetThreadHandle());
     pThread->Destory(0);
-    EXPECT_TRUE(life.deleted);
+    EXPECT_TRUE(life.deleted.IsOpen());
 }
 
 template <auto Call>
@@ -539,7 +539,7 @@ void ExpectCreateFails(int aError, const std::string& aLine) {
         EXPECT_EQ(CM_ERROR_FAILURE, pThread->Terminate());
         EXPECT_EQ(CM_OK, pThread->Join());
         pThread->Destory(CM_ERROR_UNEXPECTED);
-        EXPECT_TRUE(life.deleted);
+        EXPECT_TRUE(life.deleted.IsOpen());
         EXPECT_FALSE(life.initialized);
     }
     const size_t nBefore = RegisteredThreads();
@@ -582,14 +582,14 @@ int CountedAttrDestroy(pthread_attr_t* aAttributes) {
     return pthread_attr_destroy(aAttributes);
 }
 
-TEST(CmThread, DestroysTheAttributes_WhetherItFailsOrNot) {
+TEST(CmThread, DestroysTheAttributes_WhateverFails) {
     kelto_test::ScopedEntry<decltype(g_cmSystem.pthread_attr_init)> init(
         g_cmSystem.pthread_attr_init, &CountedAttrInit);
     kelto_test::ScopedEntry<decltype(g_cmSystem.pthread_attr_destroy)> destroy(
         g_cmSystem.pthread_attr_destroy, &CountedAttrDestroy);
     g_nAttributes = 0;
     Life life;
-    life.released = true;
+    life.released.Open();
     BodyThread* pThread = new BodyThread(life);
     EXPECT_EQ(CM_OK, pThread->Create(TYPE, TF_JOINABLE, 1));
     EXPECT_EQ(0, g_nAttributes.load());
@@ -617,7 +617,7 @@ TEST(CmThread, CreateWaitsForTheInit_WhenItsWaitEndsForNoReason) {
     kelto_test::ScopedEntry<decltype(g_cmSystem.pthread_cond_timedwait)> entry(
         g_cmSystem.pthread_cond_timedwait, &SpuriousTimedWait);
     Life life;
-    life.released = true;
+    life.released.Open();
     BodyThread* pThread = new BodyThread(life);
     EXPECT_EQ(CM_OK, pThread->Create(TYPE, TF_JOINABLE, 1));
     EXPECT_TRUE(life.initialized);
@@ -627,7 +627,7 @@ TEST(CmThread, CreateWaitsForTheInit_WhenItsWaitEndsForNoReason) {
 
 TEST(CmThread, CreateWaitsForTheInit_WhenTheHandshakeFails) {
     Life life;
-    life.released = true;
+    life.released.Open();
     const long lLive = kelto_test::LiveAllocationsBefore();
     {
         kelto_test::FailingCall<&CCmSystemTable::pthread_cond_timedwait> wait(
@@ -657,7 +657,7 @@ TEST(CmThread, IsJoinedAndNotRun_WhenItsInitFails) {
         EXPECT_EQ(flag == TF_JOINABLE, pThread->GetThreadId() == pthread_t(0));
         EXPECT_EQ(nBefore, RegisteredThreads());
         pThread->Destory(0);
-        EXPECT_TRUE(Eventually([&] { return life.deleted.load(); }));
+        EXPECT_TRUE(life.deleted.Wait());
         EXPECT_FALSE(life.ran);
     }
 }
@@ -671,7 +671,7 @@ TEST(CmThread, TerminateFails_WhenThereIsNoThread) {
 
 TEST(CmThread, TerminateFails_WhenADetachedBodyHasEnded) {
     Life life;
-    life.released = true;
+    life.released.Open();
     BodyThread* pThread = new BodyThread(life);
     ASSERT_EQ(CM_OK, pThread->Create(TYPE, TF_DETACHED, 0));
     ASSERT_TRUE(Eventually([&] { return pThread->GetStopFlag(); }));
@@ -684,7 +684,7 @@ TEST(CmThread, TerminateFails_WhenADetachedBodyHasEnded) {
 
 TEST(CmThread, TerminateCancelsNothing_WhenTheThreadIsAdopted) {
     Life life;
-    life.released = true;
+    life.released.Open();
     BodyThread* pThread = new BodyThread(life);
     for (bool bHadAThread : {false, true}) {
         if (bHadAThread) {
@@ -711,7 +711,7 @@ TEST(CmThread, TerminateReturnsTheResultOfTheCall_WhenItFails) {
         EXPECT_EQ(ESRCH, pThread->Terminate());
     }
     EXPECT_TRUE(pThread->GetStopFlag());
-    life.released = true;
+    life.released.Open();
     pThread->Join();
     pThread->Destory(0);
 }

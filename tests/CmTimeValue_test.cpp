@@ -18,50 +18,50 @@ void ExpectFields(long aSec, long aUsec, const CCmTimeValue& aValue) {
     EXPECT_EQ(aUsec, aValue.GetUsec());
 }
 
-TEST(CmTimeValue, Normalize_CarriesWholeSeconds) {
+TEST(CmTimeValue, NormalizeCarriesWholeSeconds) {
     ExpectFields(2, 500000, CCmTimeValue(0, 2500000));
 }
 
-TEST(CmTimeValue, Normalize_CarriesWholeSecondsTowardsNegative) {
+TEST(CmTimeValue, NormalizeCarriesWholeSeconds_WhenNegative) {
     ExpectFields(-2, -500000, CCmTimeValue(0, -2500000));
 }
 
-TEST(CmTimeValue, Normalize_BorrowsFromPositiveSeconds) {
+TEST(CmTimeValue, NormalizeBorrowsFromTheSeconds_WhenTheyArePositive) {
     ExpectFields(0, 999999, CCmTimeValue(1, -1));
 }
 
-TEST(CmTimeValue, Normalize_BorrowsFromNegativeSeconds) {
+TEST(CmTimeValue, NormalizeBorrowsFromTheSeconds_WhenTheyAreNegative) {
     ExpectFields(0, -999999, CCmTimeValue(-1, 1));
 }
 
-TEST(CmTimeValue, Normalize_LeavesNormalisedAlone) {
+TEST(CmTimeValue, NormalizeChangesNothing_WhenNormalised) {
     ExpectFields(5, 999999, CCmTimeValue(5, 999999));
     ExpectFields(-1, -500000, CCmTimeValue(-1, -500000));
     ExpectFields(0, -999999, CCmTimeValue(0, -999999));
 }
 
-TEST(CmTimeValue, Normalize_CarriesExactlyOneSecond) {
+TEST(CmTimeValue, NormalizeCarries_WhenItIsExactlyOneSecond) {
     ExpectFields(1, 0, CCmTimeValue(0, 1000000));
     ExpectFields(-1, 0, CCmTimeValue(0, -1000000));
 }
 
-TEST(CmTimeValue, Normalize_CarriesAndThenFixesTheSign) {
+TEST(CmTimeValue, NormalizeCarriesAndThenFixesTheSign) {
     ExpectFields(2, 500000, CCmTimeValue(5, -2500000));
     ExpectFields(-2, -500000, CCmTimeValue(-5, 2500000));
     ExpectFields(-1, -500000, CCmTimeValue(1, -2500000));
 }
 
-TEST(CmTimeValue, Normalize_TakesTheLargestMicroseconds) {
+TEST(CmTimeValue, NormalizeIsRight_WhenTheMicrosecondsAreTheLargest) {
     ExpectFields(9223372036854, 775807, CCmTimeValue(0, LONG_MAX));
     ExpectFields(-9223372036854, -775808, CCmTimeValue(0, LONG_MIN));
 }
 
-TEST(CmTimeValue, Normalize_SaturatesAtBothEnds) {
+TEST(CmTimeValue, NormalizeSaturatesAtBothEnds) {
     ExpectFields(MAX_SEC, 999999, CCmTimeValue(MAX_SEC, 1000000));
     ExpectFields(-MAX_SEC, -999999, CCmTimeValue(LONG_MIN, -1000000));
 }
 
-TEST(CmTimeValue, Constants_AreZeroAndTheLargestValue) {
+TEST(CmTimeValue, ConstantsAreZeroAndTheLargestValue) {
     ExpectFields(0, 0, CCmTimeValue::s_tvZero);
     ExpectFields(9223372036854775807, 999999, CCmTimeValue::s_tvMax);
     EXPECT_EQ(CCmTimeValue(), CCmTimeValue::s_tvZero);
@@ -69,20 +69,20 @@ TEST(CmTimeValue, Constants_AreZeroAndTheLargestValue) {
     EXPECT_EQ(CCmTimeValue::s_tvMax, get_tvMax());
 }
 
-TEST(CmTimeValue, Max_IsGreaterThanEveryOther) {
+TEST(CmTimeValue, MaxIsGreaterThanEveryOther) {
     EXPECT_GT(CCmTimeValue::s_tvMax, CCmTimeValue(MAX_SEC, 999998));
     EXPECT_GT(CCmTimeValue::s_tvMax, CCmTimeValue(MAX_SEC - 1, 999999));
     EXPECT_GT(CCmTimeValue::s_tvMax, CCmTimeValue::s_tvZero);
     EXPECT_GT(CCmTimeValue::s_tvMax, CCmTimeValue(LONG_MIN, 0));
 }
 
-TEST(CmTimeValue, Fields_AreTwoLongs) {
+TEST(CmTimeValue, FieldsAreTwoLongs) {
     static_assert(std::is_same_v<long, decltype(CCmTimeValue().GetSec())>);
     static_assert(std::is_same_v<long, decltype(CCmTimeValue().GetUsec())>);
     EXPECT_EQ(16u, sizeof(CCmTimeValue));
 }
 
-TEST(CmTimeValue, Add_NormalisesTheSum) {
+TEST(CmTimeValue, AddNormalisesTheSum) {
     ExpectFields(4, 200000, CCmTimeValue(1, 600000) + CCmTimeValue(2, 600000));
     ExpectFields(0, 900000, CCmTimeValue(1, 500000) + CCmTimeValue(0, -600000));
     CCmTimeValue tvSum(1, 999999);
@@ -90,7 +90,7 @@ TEST(CmTimeValue, Add_NormalisesTheSum) {
     ExpectFields(2, 0, tvSum);
 }
 
-TEST(CmTimeValue, Subtract_NormalisesTheDifference) {
+TEST(CmTimeValue, SubtractNormalisesTheDifference) {
     ExpectFields(0, 900000, CCmTimeValue(3, 500000) - CCmTimeValue(2, 600000));
     ExpectFields(0, -900000, CCmTimeValue(2, 600000) - CCmTimeValue(3, 500000));
     CCmTimeValue tvDifference(2, 0);
@@ -98,13 +98,13 @@ TEST(CmTimeValue, Subtract_NormalisesTheDifference) {
     ExpectFields(1, 999999, tvDifference);
 }
 
-TEST(CmTimeValue, Add_SaturatesAtBothEnds) {
+TEST(CmTimeValue, AddSaturatesAtBothEnds) {
     EXPECT_EQ(CCmTimeValue::s_tvMax, CCmTimeValue(1700000000, 5) + CCmTimeValue::s_tvMax);
     EXPECT_EQ(CCmTimeValue::s_tvMax, CCmTimeValue(MAX_SEC, 600000) + CCmTimeValue(0, 600000));
     ExpectFields(-MAX_SEC, -999999, CCmTimeValue(-MAX_SEC, 0) + CCmTimeValue(-MAX_SEC, 0));
 }
 
-TEST(CmTimeValue, Add_OfItselfSaturatesInItsOwnDirection) {
+TEST(CmTimeValue, AddSaturatesInItsOwnDirection_WhenAddedToItself) {
     CCmTimeValue tvLarge = CCmTimeValue::s_tvMax;
     tvLarge += tvLarge;
     EXPECT_EQ(CCmTimeValue::s_tvMax, tvLarge);
@@ -113,13 +113,13 @@ TEST(CmTimeValue, Add_OfItselfSaturatesInItsOwnDirection) {
     ExpectFields(-MAX_SEC, -999999, tvSmall);
 }
 
-TEST(CmTimeValue, Subtract_SaturatesAtBothEnds) {
+TEST(CmTimeValue, SubtractSaturatesAtBothEnds) {
     EXPECT_EQ(CCmTimeValue::s_tvMax, CCmTimeValue(1, 0) - CCmTimeValue(-MAX_SEC, 0));
     ExpectFields(-MAX_SEC, -999999, CCmTimeValue(-5, 0) - CCmTimeValue::s_tvMax);
 }
 
 // The seconds alone are one too many; the microseconds take it away again.
-TEST(CmTimeValue, Subtract_IsExact_WhenTheDifferenceFits) {
+TEST(CmTimeValue, SubtractIsExact_WhenTheDifferenceFits) {
     constexpr long MIN_SEC = -MAX_SEC - 1;
     ExpectFields(MAX_SEC, 999995, CCmTimeValue(0, -5) - CCmTimeValue(MIN_SEC, 0));
     ExpectFields(MAX_SEC, 1, CCmTimeValue(0, -999999) - CCmTimeValue(MIN_SEC, 0));
@@ -129,14 +129,14 @@ TEST(CmTimeValue, Subtract_IsExact_WhenTheDifferenceFits) {
     ExpectFields(MIN_SEC, 0, CCmTimeValue(-MAX_SEC, -999999) - CCmTimeValue(0, 1));
 }
 
-TEST(CmTimeValue, Subtract_OfItselfIsZero) {
+TEST(CmTimeValue, SubtractIsZero_WhenSubtractedFromItself) {
     CCmTimeValue tvValue(-3, -700000);
     const CCmTimeValue& tvSame = tvValue;
     tvValue -= tvSame;
     EXPECT_EQ(CCmTimeValue::s_tvZero, tvValue);
 }
 
-TEST(CmTimeValue, Compare_IsLexicographic) {
+TEST(CmTimeValue, CompareIsLexicographic) {
     const CCmTimeValue tvSmall(1, 999999);
     const CCmTimeValue tvLarge(2, 0);
     EXPECT_TRUE(tvSmall < tvLarge);
@@ -151,18 +151,18 @@ TEST(CmTimeValue, Compare_IsLexicographic) {
     EXPECT_TRUE(CCmTimeValue(-1, -1) < CCmTimeValue(-1, 0));
 }
 
-TEST(CmTimeValue, ToTimeSpec_MultipliesTheMicroseconds) {
+TEST(CmTimeValue, ToTimeSpecMultipliesTheMicroseconds) {
     const timespec ts = CCmTimeValue(3, 250001).ToTimeSpec();
     EXPECT_EQ(3, ts.tv_sec);
     EXPECT_EQ(250001000, ts.tv_nsec);
 }
 
-TEST(CmTimeValue, GetTimeOfDay_ReadsTheClock) {
+TEST(CmTimeValue, GetTimeOfDayReadsTheClock) {
     kelto_test::ScopedClock clock(1234567890, 987654);
     ExpectFields(1234567890, 987654, CCmTimeValue::GetTimeOfDay());
 }
 
-TEST(CmTimeValue, GetTimeOfDay_IsTheSystemsTime) {
+TEST(CmTimeValue, GetTimeOfDayIsTheSystemsTime) {
     timeval tvBefore = {};
     gettimeofday(&tvBefore, nullptr);
     const CCmTimeValue tvNow = CCmTimeValue::GetTimeOfDay();

@@ -40,7 +40,7 @@ TEST(CmTimerHandlerIndexT, FindsNothing_WhenItsOnlyEntryWasErased) {
     EXPECT_EQ(nullptr, index.Find(Handler(16)));
 }
 
-TEST(CmTimerHandlerIndexT, ChangesAValue_ThroughWhatFindReturned) {
+TEST(CmTimerHandlerIndexT, ChangesTheValue_WhenWhatFindReturnedIsWritten) {
     IndexType index;
     Add(index, 16, 1);
     *index.Find(Handler(16)) = 2;
@@ -71,7 +71,7 @@ TEST(CmTimerHandlerIndexT, FindsWhatIsLeft_WhenEverySecondOneWasErased) {
 }
 
 // Few handlers and many changes, so that entries lie far from home and round the end.
-TEST(CmTimerHandlerIndexT, BehavesLikeAMap_OnRandomOperations) {
+TEST(CmTimerHandlerIndexT, BehavesLikeAMap_WhateverTheOperations) {
     std::minstd_rand random(1);
     for (int nRun = 0; nRun < 300; ++nRun) {
         IndexType index;

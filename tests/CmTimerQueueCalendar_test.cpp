@@ -9,6 +9,7 @@
 #include "CmThread.h"
 #include "support/Clock.h"
 #include "support/Faults.h"
+#include "support/RandomBytes.h"
 #include "support/TimerModels.h"
 #include "support/Timers.h"
 #include "support/TraceSink.h"
@@ -104,7 +105,7 @@ struct Wheel {
     const char* reason;
 };
 
-TEST_F(CmTimerQueueCalendar, SizesTheWheel_ByIntervalAndSpan) {
+TEST_F(CmTimerQueueCalendar, SizesTheWheelByIntervalAndSpan) {
     const Wheel rows[] = {
         {5, 30, "100000000", "10", "both raised"},
         {9, 60000, "100000000", "5999", "interval raised to 10"},
@@ -311,7 +312,7 @@ TEST_F(CmTimerQueueCalendar, FiresAgainInTheSameTick_WhenShortenedOffSlotZero) {
     EXPECT_EQ(3U, m_sink.lines().size());  // one per insertion: scheduled, re-armed twice
 }
 
-TEST_F(CmTimerQueueCalendar, TakesAnyInterval_WithAnyCount) {
+TEST_F(CmTimerQueueCalendar, ScheduleSucceeds_WhateverIntervalAndCount) {
     EXPECT_EQ(CM_OK, Schedule(0, 0, 0));
     EXPECT_EQ(CM_OK, Schedule(1, -10, 0));
     EXPECT_EQ(CM_ERROR_FOUND, Schedule(1, -10, 1));
@@ -571,7 +572,7 @@ TEST_F(CmTimerQueueCalendar, LivesOn_WhenItsEventEnds) {
     EXPECT_EQ(2, TicksToFiring());
 }
 
-TEST_F(CmTimerQueueCalendar, FreesATimer_InWhateverSlot) {
+TEST_F(CmTimerQueueCalendar, FreesATimer_WhateverItsSlot) {
     for (int nTicks = 0; nTicks < 11; ++nTicks) {
         for (long lUsec = 500; lUsec < 100000; lUsec += 10000) {
             const long lLive = kelto_test::LiveAllocations();
@@ -728,7 +729,7 @@ TEST_F(CmTimerQueueCalendar, NeedsNoMemory_WhenATimerIsRescheduled) {
     EXPECT_FALSE(fault.hit());
 }
 
-TEST_F(CmTimerQueueCalendar, NeedsNoMemory_InSteadyState) {
+TEST_F(CmTimerQueueCalendar, NeedsNoMemory_WhenInSteadyState) {
     std::vector<CountingHandler> handlers(50);
     for (CountingHandler& handler : handlers) {
         m_queue.ScheduleTimer(&handler, nullptr, Ms(20), 0);
@@ -774,11 +775,11 @@ TEST_F(CmTimerQueueCalendar, HoldsNoMoreMemory_AfterManyTimers) {
     EXPECT_EQ(0U, cancelled.count());
 }
 
-TEST(CmTimerQueueCalendarModel, BehavesLikeTheModel_OnRandomOperations) {
+TEST(CmTimerQueueCalendarModel, BehavesLikeTheModel_WhateverTheOperations) {
     ScopedTraceSink sink;
     int nClamped = 0;
     for (unsigned int dwSeed = 1; dwSeed <= 3000; ++dwSeed) {
-        const std::vector<uint8_t> bytes = kelto_test::RandomBytes(dwSeed, 800);
+        const std::vector<uint8_t> bytes = kelto_test::RandomBytes(800, dwSeed);
         ASSERT_EQ("", kelto_test::RunCalendarModel(bytes.data(), bytes.size(), nClamped)) << dwSeed;
     }
     EXPECT_LT(1000, nClamped);

@@ -7,6 +7,7 @@
 
 #include "support/Clock.h"
 #include "support/Faults.h"
+#include "support/RandomBytes.h"
 #include "support/TimerModels.h"
 #include "support/Timers.h"
 #include "support/TraceSink.h"
@@ -72,7 +73,7 @@ TEST_F(CmTimerQueueOrderedList, FiresARearmedTimerFirst_WhenExpiryIsEqual) {
     EXPECT_EQ((std::vector<int>{0, 1}), FiredAfterMs(10));
 }
 
-TEST_F(CmTimerQueueOrderedList, SwapsTheOrder_OnEveryFiringOfEqualPeriods) {
+TEST_F(CmTimerQueueOrderedList, SwapsTheOrderOnEveryFiringOfEqualPeriods) {
     Schedule(0, 10, 0);
     Schedule(1, 10, 0);
     EXPECT_EQ((std::vector<int>{1, 0}), FiredAfterMs(10));
@@ -110,7 +111,7 @@ TEST_F(CmTimerQueueOrderedList, FiresARescheduledTimerFirst_WhenExpiryIsEqual) {
     EXPECT_EQ((std::vector<int>{0, 1}), FiredAfterMs(10));
 }
 
-TEST_F(CmTimerQueueOrderedList, HasOneTimerOfAHandler_HoweverOftenItIsScheduled) {
+TEST_F(CmTimerQueueOrderedList, HasOneTimerOfAHandler_WhateverTheNumberOfSchedules) {
     Schedule(0, 10);
     EXPECT_EQ(CM_ERROR_FOUND, Schedule(0, 10));
     EXPECT_EQ(CM_ERROR_FOUND, Schedule(0, 40));
@@ -248,7 +249,7 @@ TEST_F(CmTimerQueueOrderedList, NeedsNoMemory_WhenATimerIsRescheduled) {
     EXPECT_FALSE(fault.hit());
 }
 
-TEST_F(CmTimerQueueOrderedList, NeedsNoMemory_InSteadyState) {
+TEST_F(CmTimerQueueOrderedList, NeedsNoMemory_WhenInSteadyState) {
     std::vector<CountingHandler> handlers(50);
     for (CountingHandler& handler : handlers) {
         m_queue.ScheduleTimer(&handler, nullptr, Ms(10), 0);
@@ -319,10 +320,10 @@ TEST(CmTimerQueueOrderedListAlone, FreesAllThatItHeld_WhenItEnds) {
     EXPECT_EQ(lLive, kelto_test::LiveAllocations());
 }
 
-TEST(CmTimerQueueOrderedListModel, BehavesLikeTheModel_OnRandomOperations) {
+TEST(CmTimerQueueOrderedListModel, BehavesLikeTheModel_WhateverTheOperations) {
     kelto_test::ScopedTraceSink sink;  // refused schedules write lines
     for (unsigned int dwSeed = 1; dwSeed <= 3000; ++dwSeed) {
-        const std::vector<uint8_t> bytes = kelto_test::RandomBytes(dwSeed, 800);
+        const std::vector<uint8_t> bytes = kelto_test::RandomBytes(800, dwSeed);
         ASSERT_EQ("", kelto_test::RunOrderedListModel(bytes.data(), bytes.size())) << dwSeed;
     }
 }

@@ -20,7 +20,7 @@ using kelto_test::ScopedAllocationFault;
 typedef CCmSpareListNodesT<int> ListNodes;
 typedef CCmSpareMapNodesT<int, int> MapNodes;
 
-TEST(CCmSpareListNodesT, InsertsBeforeThePlace_WhereverItIs) {
+TEST(CCmSpareListNodesT, InsertsBeforeThePlace_WhateverItIs) {
     ListNodes spares;
     std::list<int> list = {1, 3};
     spares.Reserve();
@@ -40,7 +40,7 @@ TEST(CCmSpareListNodesT, KeepsTheNode_WhenItIsTakenOutAndPutInAgain) {
     EXPECT_EQ((std::list<int>{1, 3, 4}), list);
 }
 
-TEST(CCmSpareListNodesT, NeedsMemoryOnce_HoweverOftenItIsAskedForANode) {
+TEST(CCmSpareListNodesT, NeedsMemoryOnce_WhateverTheNumberOfRequests) {
     ListNodes spares;
     const long lLive = LiveAllocations();
     spares.Reserve();
@@ -85,7 +85,7 @@ TEST(CCmSpareMapNodesT, InsertsInOrder_WhateverTheHint) {
     EXPECT_EQ((std::map<int, int>{{1, 10}, {4, 40}, {7, 70}, {9, 90}}), map);
 }
 
-TEST(CCmSpareMapNodesT, NeedsNoMemory_ForAsManyKeysAsThereWereBefore) {
+TEST(CCmSpareMapNodesT, NeedsNoMemory_WhenThereWereAsManyKeysBefore) {
     constexpr int COUNT = 1000;
     MapNodes spares;
     std::map<int, int> map;
@@ -103,7 +103,7 @@ TEST(CCmSpareMapNodesT, NeedsNoMemory_ForAsManyKeysAsThereWereBefore) {
     EXPECT_EQ(static_cast<size_t>(COUNT), map.size());
 }
 
-TEST(CCmSpareMapNodesT, KeepsWithoutMemory_HoweverManyAndInWhateverOrder) {
+TEST(CCmSpareMapNodesT, KeepsNodes_WithoutMemory) {
     MapNodes spares;
     std::map<int, int> map;
     for (int nMost = 1; nMost < 200; ++nMost) {

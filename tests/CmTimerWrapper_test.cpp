@@ -355,7 +355,7 @@ TEST(CmLowTick, NotesThatItHasNoTimer_WhenThereIsNoTimerQueue) {
               }));
 }
 
-TEST(CmLowTick, ReadsTheClockAfresh_OnEveryCall) {
+TEST(CmLowTick, ReadsTheClockAfreshOnEveryCall) {
     EXPECT_EQ(0, InChild([] {
                   ScopedTraceSink sink;
                   ScopedClock clock;
@@ -367,7 +367,7 @@ TEST(CmLowTick, ReadsTheClockAfresh_OnEveryCall) {
               }));
 }
 
-TEST(CmLowTick, HasOneInstanceWithATimer_OnAThreadWithATimerQueue) {
+TEST(CmLowTick, HasOneInstanceWithATimer_WhenTheThreadHasATimerQueue) {
     EXPECT_EQ(
         0, InChild([] {
             ScopedTraceSink sink;
@@ -458,7 +458,7 @@ TEST(CmLowTick, DoesNotWaitForTheSingletonMutex_WhenItsOwnIsHeld) {
               }));
 }
 
-TEST(CmLowTick, HasTheLargestValueOfSixtyFourBits_AsItsMaximum) {
+TEST(CmLowTick, HasTheLargestValueOfSixtyFourBitsAsItsMaximum) {
     EXPECT_EQ(0x7FFFFFFFFFFFFFFF, low_tick_policy::max_time_value());
 }
 

@@ -113,7 +113,7 @@ TEST(CCmTimer, DestroysTheCallableAfterItsReturn_WhenEndedInsideIt) {
     EXPECT_EQ(1, fired);
 }
 
-TEST(CCmTimer, CancelsAtOnce_OnTheWorkersThread) {
+TEST(CCmTimer, CancelsAtOnce_WhenOnTheWorkersThread) {
     CCmWorker worker;
     std::atomic<int> fired{0};
     CmCall(worker, [&] {
@@ -204,7 +204,7 @@ class DueSink : public CCmTimerWrapperIDSink {
     std::vector<unsigned long> m_missed;
 };
 
-TEST(CCmDueTimerWrapperID, TellsWhatWasDueWhen_InItsSink) {
+TEST(CCmDueTimerWrapperID, TellsItsSinkWhatWasDueWhen) {
     kelto_test::ScopedClock clock(1000);
     CCmThreadHeartBeat* pThread = new CCmThreadHeartBeat;
     ASSERT_EQ(CM_OK, pThread->Create(TT_MAIN));

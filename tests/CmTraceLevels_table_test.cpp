@@ -41,7 +41,7 @@ std::string EverythingOn() {
     return sSection + sProcess + "." + CM_TRACE_LEVEL_UNUSED + "=TRUE\n";
 }
 
-TEST(CmTraceLevelsTable, Rows_AreTheStatedOnes) {
+TEST(CmTraceLevelsTable, RowsAreTheStatedOnes) {
     const Level STATED[] = {
         {0, "Error", 1, 0, Level::MODULES_ON, Level::FUNCTION_ERROR},
         {1, "Server", 1, 1, Level::MODULES_NONE, Level::FUNCTION_NONE},
@@ -71,7 +71,7 @@ TEST(CmTraceLevelsTable, Rows_AreTheStatedOnes) {
 }
 
 // A name is part of a key "process.module.name" of the configuration.
-TEST(CmTraceLevelsTable, Rows_HaveANumberAndANameOfTheirOwn) {
+TEST(CmTraceLevelsTable, RowsHaveANumberAndANameOfTheirOwn) {
     std::set<unsigned long> numbers;
     std::set<std::string> names{CM_TRACE_LEVEL_UNUSED};
     for (const Level& level : CM_TRACE_LEVELS) {
@@ -83,7 +83,7 @@ TEST(CmTraceLevelsTable, Rows_HaveANumberAndANameOfTheirOwn) {
     }
 }
 
-TEST(CmTraceLevelsTable, Constants_AreTheNumbersOfTheirNames) {
+TEST(CmTraceLevelsTable, ConstantsAreTheNumbersOfTheirNames) {
     const std::map<std::string, unsigned long> CONSTANTS = {
         {"Error", CM_TRACE_LEVEL_ERROR},     {"Server", CM_TRACE_LEVEL_SERVER},
         {"Warning", CM_TRACE_LEVEL_WARNING}, {"Meeting", CM_TRACE_LEVEL_MEETING},
@@ -100,14 +100,14 @@ TEST(CmTraceLevelsTable, Constants_AreTheNumbersOfTheirNames) {
     }
 }
 
-TEST(CmTraceLevelsTable, LevelName_IsThatOfTheRow) {
+TEST(CmTraceLevelsTable, LevelNameIsThatOfTheRow) {
     for (unsigned long ulLevel = 0; ulLevel <= CM_TRACE_LEVEL_COUNT; ++ulLevel) {
         const Level* pRow = RowOf(ulLevel);
         EXPECT_STREQ(pRow != nullptr ? pRow->m_pszName : "NA", CmTraceLevelName(ulLevel));
     }
 }
 
-TEST(CmTraceLevelsTable, Facilities_HaveTheDefaultsOfTheRows_WithoutAConfiguration) {
+TEST(CmTraceLevelsTable, FacilitiesHaveTheDefaultsOfTheRows_WithoutAConfiguration) {
     EXPECT_EQ(0, StatusOfChild([] {
                   ScopedHome home;
                   for (unsigned long i = 0; i < CM_TRACE_LEVEL_COUNT; ++i) {
@@ -122,7 +122,7 @@ TEST(CmTraceLevelsTable, Facilities_HaveTheDefaultsOfTheRows_WithoutAConfigurati
               }));
 }
 
-TEST(CmTraceLevelsTable, Modules_HaveTheSwitchesOfTheRows_WhenEveryLevelIsOn) {
+TEST(CmTraceLevelsTable, ModulesHaveTheSwitchesOfTheRows_WhenEveryLevelIsOn) {
     EXPECT_EQ(0, StatusOfChild([] {
                   ScopedHome home;
                   home.WriteConfig(EverythingOn());
@@ -136,7 +136,7 @@ TEST(CmTraceLevelsTable, Modules_HaveTheSwitchesOfTheRows_WhenEveryLevelIsOn) {
               }));
 }
 
-TEST(CmTraceLevelsTable, Modules_FollowTheirKeys_AtTheLevelsThatHaveASwitch) {
+TEST(CmTraceLevelsTable, ModulesFollowTheirKeys_WhenTheLevelHasASwitch) {
     EXPECT_EQ(0, StatusOfChild([] {
                   ScopedHome home;
                   const std::string sProcess = CCmT120Trace::get_process_name();
@@ -156,7 +156,7 @@ TEST(CmTraceLevelsTable, Modules_FollowTheirKeys_AtTheLevelsThatHaveASwitch) {
               }));
 }
 
-TEST(CmTraceLevelsTable, Texts_AreDelivered_AtTheLevelsWithAFunction) {
+TEST(CmTraceLevelsTable, TextsAreDelivered_WhenTheLevelHasAFunction) {
     EXPECT_EQ(0, StatusOfChild([] {
                   ScopedHome home;
                   home.WriteConfig(EverythingOn());
@@ -178,7 +178,7 @@ TEST(CmTraceLevelsTable, Texts_AreDelivered_AtTheLevelsWithAFunction) {
 }
 
 // A host's own table may give an entry any number.
-TEST(CmTraceLevelsTable, Texts_AreDropped_WhenAHostsTableNamesANumberBeyondTheLevels) {
+TEST(CmTraceLevelsTable, TextsAreDropped_WhenAHostsTableNamesANumberBeyondTheLevels) {
     ScopedHome home;
     ScopedTraceLibrary library;
     CCmT120TraceMapEntry table[CM_TRACE_LEVEL_COUNT] = {};

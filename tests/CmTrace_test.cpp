@@ -36,7 +36,7 @@ CmResult AssertSucceeded(CmResult rv) {
     return CM_OK;
 }
 
-TEST(CmTrace, ResultCodes_AreTheStatedNumbers) {
+TEST(CmTrace, ResultCodesAreTheStatedNumbers) {
     EXPECT_EQ(0, CM_OK);
     EXPECT_EQ(0x42004000, CM_ERROR_BASE);
     EXPECT_EQ(0x42004001, CM_ERROR_FAILURE);
@@ -55,7 +55,7 @@ TEST(CmTrace, ResultCodes_AreTheStatedNumbers) {
     static_assert(std::is_same_v<int32_t, CmResult>);
 }
 
-TEST(CmTrace, Succeeded_IsTrueForZeroOnly) {
+TEST(CmTrace, SucceededIsTrueForZeroOnly) {
     EXPECT_TRUE(CM_SUCCEEDED(0));
     EXPECT_FALSE(CM_SUCCEEDED(1));
     EXPECT_FALSE(CM_SUCCEEDED(-1));
@@ -64,13 +64,13 @@ TEST(CmTrace, Succeeded_IsTrueForZeroOnly) {
     EXPECT_TRUE(CM_FAILED(1));
 }
 
-TEST(CmTrace, Levels_AreTheStatedNumbers) {
+TEST(CmTrace, LevelsAreTheStatedNumbers) {
     EXPECT_EQ(0u, CM_TRACE_LEVEL_ERROR);
     EXPECT_EQ(10u, CM_TRACE_LEVEL_WARNING);
     EXPECT_EQ(20u, CM_TRACE_LEVEL_INFO);
 }
 
-TEST(CmTrace, Sink_GetsExactlyWhatIsTraced) {
+TEST(CmTrace, SinkGetsExactlyWhatIsTraced) {
     kelto_test::ScopedTraceSink sink;
     util_adapter_trace(10, "some text", 9);
     ASSERT_EQ(1u, sink.lines().size());
@@ -79,7 +79,7 @@ TEST(CmTrace, Sink_GetsExactlyWhatIsTraced) {
     EXPECT_EQ(9u, sink.lines()[0].length);
 }
 
-TEST(CmTrace, Sink_GetsTheCallersTextNotACopy) {
+TEST(CmTrace, SinkGetsTheCallersTextNotACopy) {
     kelto_test::ScopedTraceSink restore;
     set_util_external_trace_sink(RememberText);
     const char szText[] = "text";
@@ -94,7 +94,7 @@ void BeACancellationPoint(unsigned long, const char* aText, unsigned int) {
 }
 
 // A caller may hold locks, which the end of its thread would leave locked.
-TEST(CmTrace, Sink_IsNotLeftByACancelledThread) {
+TEST(CmTrace, SinkIsNotLeft_WhenItsThreadIsCancelled) {
     kelto_test::ScopedTraceSink restore;
     set_util_external_trace_sink(BeACancellationPoint);
     g_pszSeen = nullptr;
@@ -117,7 +117,7 @@ TEST(CmTrace, Sink_IsNotLeftByACancelledThread) {
     EXPECT_STREQ("second", g_pszSeen);
 }
 
-TEST(CmTrace, Sink_DoesNotLearnTheModule) {
+TEST(CmTrace, SinkDoesNotLearnTheModule) {
     kelto_test::ScopedTraceSink sink;
     util_adapter_trace_ex(20, "module", "some text", 9);
     ASSERT_EQ(1u, sink.lines().size());
@@ -126,7 +126,7 @@ TEST(CmTrace, Sink_DoesNotLearnTheModule) {
     EXPECT_EQ(9u, sink.lines()[0].length);
 }
 
-TEST(CmTrace, Sink_GetsNothingOnceRemoved) {
+TEST(CmTrace, SinkGetsNothing_AfterItsRemoval) {
     kelto_test::ScopedTraceSink sink;
     set_util_external_trace_sink(nullptr);
     EXPECT_EQ(nullptr, g_util_trace_sink.load());
@@ -135,7 +135,7 @@ TEST(CmTrace, Sink_GetsNothingOnceRemoved) {
     EXPECT_EQ(0u, sink.lines().size());
 }
 
-TEST(CmTrace, AssertLog_DoesNothing) {
+TEST(CmTrace, AssertLogTracesNothing) {
     kelto_test::ScopedTraceSink sink;
     char achText[] = "text";
     Assert_Log(achText, achText, 1);
@@ -143,7 +143,7 @@ TEST(CmTrace, AssertLog_DoesNothing) {
     EXPECT_EQ(0u, sink.lines().size());
 }
 
-TEST(CmTrace, Asserte_TracesAndGoesOn) {
+TEST(CmTrace, AsserteTracesAndGoesOn) {
     kelto_test::ScopedTraceSink sink;
     const int nValue = 1;
     bool bWentOn = false;
@@ -157,7 +157,7 @@ TEST(CmTrace, Asserte_TracesAndGoesOn) {
     EXPECT_EQ(sink.lines()[0].text.size(), sink.lines()[0].length);
 }
 
-TEST(CmTrace, Asserte_PrintsItsOwnLine) {
+TEST(CmTrace, AssertePrintsItsOwnLine) {
     kelto_test::ScopedTraceSink sink;
     const int nLine = __LINE__ + 1;
     CM_ASSERTE(false);
@@ -165,28 +165,28 @@ TEST(CmTrace, Asserte_PrintsItsOwnLine) {
                              " Assert failed: false"));
 }
 
-TEST(CmTrace, Asserte_EvaluatesItsExpressionOnce) {
+TEST(CmTrace, AsserteEvaluatesItsExpressionOnce) {
     kelto_test::ScopedTraceSink sink;
     g_nEvaluations = 0;
     CM_ASSERTE(CountedFalse());
     EXPECT_EQ(1, g_nEvaluations);
 }
 
-TEST(CmTrace, Asserte_IsSilentWhenTrue) {
+TEST(CmTrace, AsserteIsSilent_WhenTrue) {
     kelto_test::ScopedTraceSink sink;
     CM_ASSERTE(1 + 1 == 2);
     EXPECT_EQ(CM_OK, AssertNotNull(&sink));
     EXPECT_EQ(0u, sink.lines().size());
 }
 
-TEST(CmTrace, AsserteReturn_ReturnsTheCode) {
+TEST(CmTrace, AsserteReturnReturnsTheCode) {
     kelto_test::ScopedTraceSink sink;
     EXPECT_EQ(CM_ERROR_INVALID_ARG, AssertNotNull(nullptr));
     EXPECT_EQ(1u, sink.lines().size());
     EXPECT_EQ(1u, sink.count(" Assert failed: aEvent"));
 }
 
-TEST(CmTrace, AsserteReturn_PrintsTheExpressionUnexpanded) {
+TEST(CmTrace, AsserteReturnPrintsTheExpressionUnexpanded) {
     kelto_test::ScopedTraceSink sink;
     EXPECT_EQ(CM_ERROR_TIMEOUT, AssertSucceeded(CM_ERROR_TIMEOUT));
     ASSERT_EQ(1u, sink.lines().size());
@@ -194,7 +194,7 @@ TEST(CmTrace, AsserteReturn_PrintsTheExpressionUnexpanded) {
               sink.lines()[0].text);
 }
 
-TEST(CmTrace, Line_HasPrefixLevelWordAndFields) {
+TEST(CmTrace, LineHasPrefixLevelWordAndFields) {
     kelto_test::ScopedTraceSink sink;
     CM_ERROR_TRACE("CCmThing::Do, text"
                    << " nValue=" << 5);
@@ -209,7 +209,7 @@ TEST(CmTrace, Line_HasPrefixLevelWordAndFields) {
     EXPECT_EQ(20u, sink.lines()[2].level);
 }
 
-TEST(CmTrace, Line_IsCutAt1952Characters) {
+TEST(CmTrace, LineIsCut_After1952Characters) {
     kelto_test::ScopedTraceSink sink;
     CM_INFO_TRACE(std::string(3000, 'x'));
     ASSERT_EQ(1u, sink.lines().size());
@@ -217,7 +217,7 @@ TEST(CmTrace, Line_IsCutAt1952Characters) {
     EXPECT_EQ("UTIL INFO: " + std::string(1941, 'x'), sink.lines()[0].text);
 }
 
-TEST(CmTrace, Line_IsComposedWithoutAllocation) {
+TEST(CmTrace, LineIsComposed_WithoutAllocation) {
     kelto_test::ScopedTraceSink restore;
     set_util_external_trace_sink(RememberText);
     const unsigned long ulBefore = kelto_test::AllocationsOfThisThread();

@@ -53,7 +53,7 @@ TEST_F(CmProbes, ClearsTheFlag_WhenNoSocketOpens) {
     EXPECT_EQ(fault.calls(), 1u);
 }
 
-TEST_F(CmProbes, ClearsTheFlag_WithUnknownFamily) {
+TEST_F(CmProbes, ClearsTheFlag_WhenTheFamilyIsUnknown) {
     int nFlag = -1;
     EXPECT_EQ(ip_check(nFlag, 9999), 0);
 }
@@ -108,7 +108,7 @@ TEST_F(CmProbes, RemembersTheFirstAnswer) {
     EXPECT_EQ(socket.calls(), 2u);
 }
 
-TEST_F(CmProbes, FindsTheSame_OnSeveralThreads) {
+TEST_F(CmProbes, FindsTheSame_WhenSeveralThreadsAsk) {
     std::vector<std::thread> threads;
     for (int i = 0; i < 4; ++i) {
         threads.emplace_back([] { EXPECT_EQ(ipv4_enabled(), 1); });

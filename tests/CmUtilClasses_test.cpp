@@ -59,7 +59,7 @@ class CmCleanUpBase : public testing::Test {
     ~CmCleanUpBase() override { CCmCleanUpBase::CleanupAll(); }
 };
 
-TEST_F(CmCleanUpBase, CleanupAll_DestroysTheLatestFirst) {
+TEST_F(CmCleanUpBase, CleanupAllDestroysTheLatestFirst) {
     new Registered('a');
     new Registered('b');
     new Registered('c');
@@ -67,14 +67,14 @@ TEST_F(CmCleanUpBase, CleanupAll_DestroysTheLatestFirst) {
     EXPECT_EQ("cba", g_sEnded);
 }
 
-TEST_F(CmCleanUpBase, CleanupAll_DestroysOnce) {
+TEST_F(CmCleanUpBase, CleanupAllDestroysOnce) {
     new Registered('a');
     CCmCleanUpBase::CleanupAll();
     CCmCleanUpBase::CleanupAll();
     EXPECT_EQ("a", g_sEnded);
 }
 
-TEST_F(CmCleanUpBase, CleanupAll_LeavesWhatADestructorRegistersToTheNextCall) {
+TEST_F(CmCleanUpBase, CleanupAllLeavesAnObjectToTheNextCall_WhenADestructorRegistersIt) {
     new Registered('a');
     new RegistersWhenDestroyed;
     new Registered('b');
@@ -95,7 +95,7 @@ class RegistersItsLike : public CCmCleanUpBase {
     }
 };
 
-TEST_F(CmCleanUpBase, CleanupAll_Ends_WhenDestructorsRegisterTheirLike) {
+TEST_F(CmCleanUpBase, CleanupAllEnds_WhenDestructorsRegisterTheirLike) {
     new RegistersItsLike;
     new Registered('a');
     CCmCleanUpBase::CleanupAll();
@@ -117,7 +117,7 @@ class RegistersAndCleansUp : public CCmCleanUpBase {
     }
 };
 
-TEST_F(CmCleanUpBase, CleanupAll_HandlesOnlyWhatWasRegisteredSince_WhenNested) {
+TEST_F(CmCleanUpBase, CleanupAllHandlesOnlyWhatWasRegisteredSince_WhenNested) {
     new Registered('a');
     new RegistersAndCleansUp;
     new Registered('b');
@@ -146,7 +146,7 @@ class DeletesOthers : public CCmCleanUpBase {
     CCmCleanUpBase* const m_pSecond;
 };
 
-TEST_F(CmCleanUpBase, CleanupAll_DoesNotMeetAgainWhatADestructorDeleted) {
+TEST_F(CmCleanUpBase, CleanupAllSkipsAnObject_WhenADestructorDeletedIt) {
     CCmCleanUpBase* pLast = new Registered('a');
     new Registered('b');
     CCmCleanUpBase* pMiddle = new Registered('c');
@@ -162,7 +162,7 @@ class OutlivesCleanUp : public CCmCleanUpBase {
     void CleanUp() override { g_sEnded += 'k'; }
 };
 
-TEST_F(CmCleanUpBase, CleanupAll_ForgetsAnObjectThatKeepsItself) {
+TEST_F(CmCleanUpBase, CleanupAllForgetsAnObject_WhenItKeepsItself) {
     new Registered('a');
     CCmCleanUpBase* pKept = new OutlivesCleanUp;
     CCmCleanUpBase::CleanupAll();
@@ -181,7 +181,7 @@ class ThrowsOnCleanUp : public CCmCleanUpBase {
     }
 };
 
-TEST_F(CmCleanUpBase, CleanupAll_LeavesTheRestRegistered_WhenACleanUpThrows) {
+TEST_F(CmCleanUpBase, CleanupAllLeavesTheRestRegistered_WhenACleanUpThrows) {
     new Registered('a');
     new Registered('b');
     CCmCleanUpBase* pThrowing = new ThrowsOnCleanUp;
@@ -192,7 +192,7 @@ TEST_F(CmCleanUpBase, CleanupAll_LeavesTheRestRegistered_WhenACleanUpThrows) {
     EXPECT_EQ("nba", g_sEnded);
 }
 
-TEST_F(CmCleanUpBase, CleanupAll_TakesLinearTime) {
+TEST_F(CmCleanUpBase, CleanupAllTakesLinearTime) {
     const auto milliseconds = [](int aCount) {
         for (int i = 0; i < aCount; ++i) {
             new Quiet;
@@ -209,7 +209,7 @@ TEST_F(CmCleanUpBase, CleanupAll_TakesLinearTime) {
     EXPECT_LT(milliseconds(200000), 5000);
 }
 
-TEST_F(CmCleanUpBase, CleanupAll_MayBeCalledByADestructor) {
+TEST_F(CmCleanUpBase, CleanupAllReturns_WhenADestructorCallsIt) {
     new Registered('a');
     new CleansUpWhenDestroyed;
     new Registered('b');
@@ -236,7 +236,7 @@ class TriesTheMutexElsewhere : public CCmCleanUpBase {
     }
 };
 
-TEST_F(CmCleanUpBase, CleanupAll_HoldsTheMutexThroughout) {
+TEST_F(CmCleanUpBase, CleanupAllHoldsTheMutexThroughout) {
     new TriesTheMutexElsewhere;
     new Registered('a');
     new TriesTheMutexElsewhere;
@@ -245,7 +245,7 @@ TEST_F(CmCleanUpBase, CleanupAll_HoldsTheMutexThroughout) {
     EXPECT_EQ("--a--t", g_sEnded);
 }
 
-TEST_F(CmCleanUpBase, CleanupAll_WorksWithoutItsMutex) {
+TEST_F(CmCleanUpBase, CleanupAllDestroysAll_WithoutItsMutex) {
     new Registered('a');
     kelto_test::FailingCall<&CCmSystemTable::pthread_mutex_lock> fault(
         0, EINVAL, 1, kelto_test::Failing::FROM_THERE_ON);
@@ -253,7 +253,7 @@ TEST_F(CmCleanUpBase, CleanupAll_WorksWithoutItsMutex) {
     EXPECT_EQ("a", g_sEnded);
 }
 
-TEST_F(CmCleanUpBase, Registry_ForgetsAnObjectThatFailedHalfWay) {
+TEST_F(CmCleanUpBase, RegistryForgetsAnObject_WhenItsConstructionFailed) {
     new Registered('a');
     EXPECT_THROW(new ThrowsWhenConstructed, std::bad_alloc);
     new Registered('b');
@@ -261,7 +261,7 @@ TEST_F(CmCleanUpBase, Registry_ForgetsAnObjectThatFailedHalfWay) {
     EXPECT_EQ("ba", g_sEnded);
 }
 
-TEST_F(CmCleanUpBase, Registry_ForgetsAnObjectThatOthersDelete) {
+TEST_F(CmCleanUpBase, RegistryForgetsAnObject_WhenOthersDeleteIt) {
     new Registered('a');
     CCmCleanUpBase* pMiddle = new Registered('b');
     new Registered('c');
@@ -270,7 +270,7 @@ TEST_F(CmCleanUpBase, Registry_ForgetsAnObjectThatOthersDelete) {
     EXPECT_EQ("bca", g_sEnded);
 }
 
-TEST_F(CmCleanUpBase, CleanUp_DeletesTheObject) {
+TEST_F(CmCleanUpBase, CleanUpDeletesTheObject) {
     const long lLive = kelto_test::LiveAllocations();
     CCmCleanUpBase* pObject = new Registered('a');
     pObject->CleanUp();
@@ -283,12 +283,12 @@ class Probe : public CCmEnsureSingleThread {
     pthread_t owner() const { return m_ThreadId; }
 };
 
-TEST(CmEnsureSingleThread, Owner_IsTheConstructingThread) {
+TEST(CmEnsureSingleThread, OwnerIsTheConstructingThread) {
     Probe probe;
     EXPECT_TRUE(pthread_equal(pthread_self(), probe.owner()));
 }
 
-TEST(CmEnsureSingleThread, Owner_CanBeReset) {
+TEST(CmEnsureSingleThread, OwnerCanBeReset) {
     Probe probe;
     pthread_t other{};
     std::thread([&probe, &other] {
@@ -301,14 +301,14 @@ TEST(CmEnsureSingleThread, Owner_CanBeReset) {
     EXPECT_TRUE(pthread_equal(pthread_self(), probe.owner()));
 }
 
-TEST(CmEnsureSingleThread, Check_DoesNothing) {
+TEST(CmEnsureSingleThread, CheckTracesNothing) {
     kelto_test::ScopedTraceSink sink;
     const Probe probe;
     std::thread([&probe] { probe.EnsureSingleThread(); }).join();
     EXPECT_EQ(0u, sink.lines().size());
 }
 
-TEST(CmStopFlag, Flag_StartsFalseAndFollowsItsSetters) {
+TEST(CmStopFlag, FlagStartsFalseAndFollowsItsSetters) {
     CCmStopFlag flag;
     EXPECT_FALSE(flag.IsFlagStopped());
     flag.SetStopFlag();
@@ -319,7 +319,7 @@ TEST(CmStopFlag, Flag_StartsFalseAndFollowsItsSetters) {
     EXPECT_FALSE(flag.IsFlagStopped());
 }
 
-TEST(CmStopFlag, Flag_MayBeReadWhileItIsSet) {
+TEST(CmStopFlag, FlagIsRead_WhileItIsSet) {
     CCmStopFlag flag;
     std::thread reader([&flag] {
         while (!flag.IsFlagStopped()) {

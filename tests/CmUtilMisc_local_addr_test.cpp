@@ -125,52 +125,52 @@ TEST_F(CmLocalAddr, GivesEmptyList_WithoutInterfaces) {
     EXPECT_EQ(pList, nullptr);
 }
 
-TEST_F(CmLocalAddr, TakesTheFirstAddress_OfAnInterface) {
+TEST_F(CmLocalAddr, TakesTheFirstAddressOfAnInterface) {
     g_records = {Record("eth0", "192.0.2.1"), Record("eth0", "192.0.2.2"),
                  Record("eth1", "192.0.2.3"), Record("eth1", "192.0.2.4")};
     EXPECT_EQ(Listed(), (Texts{"192.0.2.3", "192.0.2.1"}));
     EXPECT_EQ(g_askedNames, (Texts{"eth0", "eth1"}));
 }
 
-TEST_F(CmLocalAddr, CountsAnAlias_AsItsInterface) {
+TEST_F(CmLocalAddr, CountsAnAliasAsItsInterface) {
     g_records = {Record("eth0", "192.0.2.1"), Record("eth0:1", "192.0.2.2"),
                  Record("eth0:web", "192.0.2.3"), Record("eth1:1", "192.0.2.4")};
     EXPECT_EQ(Listed(), (Texts{"192.0.2.4", "192.0.2.1"}));
     EXPECT_EQ(g_askedNames, (Texts{"eth0", "eth1"}));
 }
 
-TEST_F(CmLocalAddr, ComparesWithThePreviousName_Only) {
+TEST_F(CmLocalAddr, ComparesWithThePreviousNameOnly) {
     g_records = {Record("eth0", "192.0.2.1"), Record("eth1", "192.0.2.2"),
                  Record("eth0", "192.0.2.3")};
     EXPECT_EQ(Listed(), (Texts{"192.0.2.3", "192.0.2.2", "192.0.2.1"}));
 }
 
-TEST_F(CmLocalAddr, PassesOverOtherFamilies) {
+TEST_F(CmLocalAddr, PassesAnInterfaceOver_WhenItsFamilyIsAnother) {
     g_records = {Record("eth0", "192.0.2.1", AF_INET6), Record("eth0", "192.0.2.2"),
                  Record("eth1", "192.0.2.3", AF_UNSPEC)};
     EXPECT_EQ(Listed(), (Texts{"192.0.2.2"}));
 }
 
-TEST_F(CmLocalAddr, PassesOverInterfacesThatAreDown) {
+TEST_F(CmLocalAddr, PassesAnInterfaceOver_WhenItIsDown) {
     g_records = {Record("eth0", "192.0.2.1"), Record("eth1", "192.0.2.2")};
     g_downNames = {"eth0"};
     EXPECT_EQ(Listed(), (Texts{"192.0.2.2"}));
 }
 
-TEST_F(CmLocalAddr, AsksOnce_ForInterfaceThatIsDown) {
+TEST_F(CmLocalAddr, AsksOnce_WhenTheInterfaceIsDown) {
     g_records = {Record("eth0", "192.0.2.1"), Record("eth0:1", "192.0.2.2")};
     g_downNames = {"eth0"};
     EXPECT_EQ(Listed(), Texts{});
     EXPECT_EQ(g_askedNames, (Texts{"eth0"}));
 }
 
-TEST_F(CmLocalAddr, PassesOverInterfacesWithUnknownFlags) {
+TEST_F(CmLocalAddr, PassesAnInterfaceOver_WhenItsFlagsAreUnknown) {
     g_records = {Record("eth0", "192.0.2.1")};
     g_bFlagsFail = true;
     EXPECT_EQ(Listed(), Texts{});
 }
 
-TEST_F(CmLocalAddr, KeepsNamesOfFullLength) {
+TEST_F(CmLocalAddr, KeepsTheName_WhenItIsOfFullLength) {
     g_records = {Record("abcdefghijklmno", "192.0.2.1"), Record("abcdefghijklmnp", "192.0.2.2")};
     g_records[1].ifr_name[15] = 'q';
     EXPECT_EQ(Listed().size(), 2u);
@@ -254,7 +254,7 @@ TEST_F(CmLocalAddr, Fails_WithoutPlaceForTheList) {
     EXPECT_EQ(get_local_addr(nullptr), -1);
 }
 
-TEST_F(CmLocalAddr, FreesNothing_ForNull) {
+TEST_F(CmLocalAddr, FreesNothing_WhenTheListIsNull) {
     const long lLive = kelto_test::LiveAllocations();
     free_local_addr(nullptr);
     EXPECT_EQ(kelto_test::LiveAllocations(), lLive);

@@ -14,7 +14,7 @@ namespace {
 
 using kelto_test::FailingCall;
 
-TEST(CmUtilMisc, InitAndCleanup_ChangeNothing) {
+TEST(CmUtilMisc, InitAndCleanupChangeNothing) {
     kelto_test::ScopedTraceSink sink;
     const long lLive = kelto_test::LiveAllocations();
     CmUtilInit();
@@ -26,25 +26,25 @@ TEST(CmUtilMisc, InitAndCleanup_ChangeNothing) {
     EXPECT_EQ(0u, sink.lines().size());
 }
 
-TEST(CmUtilMisc, GetSingletonMutex_GivesTheRecursiveOne) {
+TEST(CmUtilMisc, GetSingletonMutexGivesTheRecursiveOne) {
     void* pMutex = nullptr;
     GetSingletonMutex(&pMutex);
     EXPECT_EQ(&g_SingletonMutex, pMutex);
 }
 
-TEST(CmUtilMisc, GetSingletonMutex_StoresAndTracesNothing_WhenGivenNull) {
+TEST(CmUtilMisc, GetSingletonMutexStoresAndTracesNothing_WhenTheOutPointerIsNull) {
     kelto_test::ScopedTraceSink sink;
     GetSingletonMutex(nullptr);
     EXPECT_EQ(0u, sink.lines().size());
 }
 
-TEST(CmUtilMisc, SleepMs_SleepsItsTime) {
+TEST(CmUtilMisc, SleepMsSleepsItsTime) {
     const auto start = std::chrono::steady_clock::now();
     SleepMs(50);
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(50));
 }
 
-TEST(CmUtilMisc, SleepMs_SleepsItsTimeUnderASignalStorm) {
+TEST(CmUtilMisc, SleepMsSleepsItsTime_WhenSignalsKeepComing) {
     kelto_test::ScopedTraceSink sink;
     kelto_test::SignalStorm storm;
     const auto start = std::chrono::steady_clock::now();
@@ -64,7 +64,7 @@ int RememberRequest(const timespec* aRequest, timespec* /*aRemain*/) {
     return 0;
 }
 
-TEST(CmUtilMisc, SleepMs_SplitsItsTimeIntoSecondsAndNanoseconds) {
+TEST(CmUtilMisc, SleepMsSplitsItsTimeIntoSecondsAndNanoseconds) {
     kelto_test::ScopedEntry<int (*)(const timespec*, timespec*)> entry(g_cmSystem.nanosleep,
                                                                        RememberRequest);
     SleepMs(4294967295u);
@@ -72,7 +72,7 @@ TEST(CmUtilMisc, SleepMs_SplitsItsTimeIntoSecondsAndNanoseconds) {
     EXPECT_EQ(295000000, g_tsRequest.tv_nsec);
 }
 
-TEST(CmUtilMisc, SleepMs_OtherFailureIsTracedAndEndsTheSleep) {
+TEST(CmUtilMisc, SleepMsTracesAndEnds_WhenItFailsOtherwise) {
     kelto_test::ScopedTraceSink sink;
     FailingCall<&CCmSystemTable::nanosleep> fault(EINVAL);
     SleepMs(100000);
@@ -82,7 +82,7 @@ TEST(CmUtilMisc, SleepMs_OtherFailureIsTracedAndEndsTheSleep) {
     EXPECT_EQ("UTIL WARNING: ::SleepMs,nanosleep() failed! err=22", sink.lines()[0].text);
 }
 
-TEST(CmUtilMisc, SleepMs_GoesOnAfterAnInterruption) {
+TEST(CmUtilMisc, SleepMsGoesOn_AfterAnInterruption) {
     kelto_test::ScopedTraceSink sink;
     FailingCall<&CCmSystemTable::nanosleep> interruption(EINTR);
     const auto start = std::chrono::steady_clock::now();

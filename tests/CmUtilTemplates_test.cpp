@@ -38,12 +38,12 @@ class CmReferenceControl : public testing::Test {
 typedef testing::Types<CCmMutexThread, CCmMutexNullSingleThread> Flavours;
 TYPED_TEST_SUITE(CmReferenceControl, Flavours, );
 
-TYPED_TEST(CmReferenceControl, Count_StartsAtZero) {
+TYPED_TEST(CmReferenceControl, CountStartsAtZero) {
     Counted<TypeParam> object;
     EXPECT_EQ(0u, object.GetReference());
 }
 
-TYPED_TEST(CmReferenceControl, Release_OfTheLastReferenceDestroys) {
+TYPED_TEST(CmReferenceControl, ReleaseDestroys_WhenTheReferenceIsTheLast) {
     auto* pObject = new Counted<TypeParam>;
     EXPECT_EQ(1u, pObject->AddReference());
     EXPECT_EQ(1u, pObject->GetReference());
@@ -51,7 +51,7 @@ TYPED_TEST(CmReferenceControl, Release_OfTheLastReferenceDestroys) {
     EXPECT_EQ(1, g_nDestroyed);
 }
 
-TYPED_TEST(CmReferenceControl, Release_ReturnsTheNewCount) {
+TYPED_TEST(CmReferenceControl, ReleaseReturnsTheNewCount) {
     auto* pObject = new Counted<TypeParam>;
     EXPECT_EQ(1u, pObject->AddReference());
     EXPECT_EQ(2u, pObject->AddReference());
@@ -61,7 +61,7 @@ TYPED_TEST(CmReferenceControl, Release_ReturnsTheNewCount) {
     EXPECT_EQ(1, g_nDestroyed);
 }
 
-TYPED_TEST(CmReferenceControl, Release_OfZeroMakesItNegative) {
+TYPED_TEST(CmReferenceControl, ReleaseMakesTheCountNegative_WhenItIsZero) {
     Counted<TypeParam> object;
     EXPECT_EQ(0xFFFFFFFFu, object.ReleaseReference());
     EXPECT_EQ(0xFFFFFFFFu, object.GetReference());
@@ -75,7 +75,7 @@ class Kept : public CCmReferenceControlT<MutexType> {
     int m_nEnded = 0;
 };
 
-TYPED_TEST(CmReferenceControl, Destory_CanBeOverridden) {
+TYPED_TEST(CmReferenceControl, DestoryIsThatOfTheDerivedClass_WhenOverridden) {
     Kept<TypeParam> object;
     object.AddReference();
     EXPECT_EQ(0u, object.ReleaseReference());
@@ -83,7 +83,7 @@ TYPED_TEST(CmReferenceControl, Destory_CanBeOverridden) {
     EXPECT_EQ(0u, object.GetReference());
 }
 
-TEST(CmReferenceControlThreads, Destory_HappensOnceFromEightThreads) {
+TEST(CmReferenceControlThreads, DestoryHappensOnce_WhenEightThreadsRelease) {
     for (int nRound = 0; nRound < 50; ++nRound) {
         g_nDestroyed = 0;
         auto* pObject = new Counted<CCmMutexThread>;
@@ -115,7 +115,7 @@ class CmComAutoPtr : public testing::Test {
     CmComAutoPtr() { g_nDestroyed = 0; }
 };
 
-TEST_F(CmComAutoPtr, Constructor_TakesAReference) {
+TEST_F(CmComAutoPtr, ConstructorTakesAReference) {
     Object* pObject = new Object;
     {
         CCmComAutoPtr<Object> ptr(pObject);
@@ -127,14 +127,14 @@ TEST_F(CmComAutoPtr, Constructor_TakesAReference) {
     EXPECT_EQ(1, g_nDestroyed);
 }
 
-TEST_F(CmComAutoPtr, Constructor_TakesNull) {
+TEST_F(CmComAutoPtr, ConstructorTakesNothing_WhenThePointerIsNull) {
     CCmComAutoPtr<Object> ptr;
     EXPECT_EQ(nullptr, ptr.ParaIn());
     ptr = nullptr;
     EXPECT_EQ(nullptr, ptr.ParaIn());
 }
 
-TEST_F(CmComAutoPtr, Assign_OfItsOwnPointerChangesNothing) {
+TEST_F(CmComAutoPtr, AssignChangesNothing_WhenThePointerIsItsOwn) {
     Object* pObject = new Object;
     CCmComAutoPtr<Object> ptr(pObject);
     ptr = pObject;
@@ -155,13 +155,13 @@ class Watched : public Counted<CCmMutexThread> {
     int m_nAdded = 0;
 };
 
-TEST_F(CmComAutoPtr, Assign_OfItsOwnPointerTakesNoReference) {
+TEST_F(CmComAutoPtr, AssignTakesNoReference_WhenThePointerIsItsOwn) {
     CCmComAutoPtr<Watched> ptr(new Watched);
     ptr = ptr.ParaIn();
     EXPECT_EQ(1, ptr->m_nAdded);
 }
 
-TEST_F(CmComAutoPtr, Assign_ReleasesTheOldObject) {
+TEST_F(CmComAutoPtr, AssignReleasesTheOldObject) {
     CCmComAutoPtr<Object> ptr(new Object);
     Object* pNew = new Object;
     ptr = pNew;
@@ -171,7 +171,7 @@ TEST_F(CmComAutoPtr, Assign_ReleasesTheOldObject) {
     EXPECT_EQ(2, g_nDestroyed);
 }
 
-TEST_F(CmComAutoPtr, Attach_TakesNoReferenceAndReleasesTheOldObject) {
+TEST_F(CmComAutoPtr, AttachTakesNoReferenceAndReleasesTheOldObject) {
     CCmComAutoPtr<Object> ptr(new Object);
     Object* pNew = new Object;
     pNew->AddReference();
@@ -181,7 +181,7 @@ TEST_F(CmComAutoPtr, Attach_TakesNoReferenceAndReleasesTheOldObject) {
     EXPECT_EQ(1u, pNew->GetReference());
 }
 
-TEST_F(CmComAutoPtr, Attach_FillsAnEmptyPointer) {
+TEST_F(CmComAutoPtr, AttachFillsThePointer_WhenItIsEmpty) {
     Object* pObject = new Object;
     pObject->AddReference();
     {
@@ -192,7 +192,7 @@ TEST_F(CmComAutoPtr, Attach_FillsAnEmptyPointer) {
     EXPECT_EQ(1, g_nDestroyed);
 }
 
-TEST_F(CmComAutoPtr, Copy_SharesTheObject) {
+TEST_F(CmComAutoPtr, CopySharesTheObject) {
     CCmComAutoPtr<Object> first(new Object);
     CCmComAutoPtr<Object> second(first);
     CCmComAutoPtr<Object> third;
@@ -206,7 +206,7 @@ class Link : public Counted<CCmMutexThread> {
     CCmComAutoPtr<Link> m_Next;
 };
 
-TEST_F(CmComAutoPtr, Assign_KeepsAChainThatTheOldObjectOwns) {
+TEST_F(CmComAutoPtr, AssignKeepsAChain_WhenTheOldObjectOwnsIt) {
     CCmComAutoPtr<Link> ptr(new Link);
     ptr->m_Next = new Link;
     ptr = ptr->m_Next.ParaIn();
@@ -229,7 +229,7 @@ class Reassigning : public Counted<CCmMutexThread> {
     inline static Reassigning* m_pHeldAtEnd = nullptr;
 };
 
-TEST_F(CmComAutoPtr, Assign_HoldsTheNewObjectWhenTheOldOneEnds) {
+TEST_F(CmComAutoPtr, AssignHoldsTheNewObject_WhenTheOldOneEnds) {
     CCmComAutoPtr<Reassigning> ptr(new Reassigning);
     Reassigning* pSecond = new Reassigning;
     Reassigning* pThird = new Reassigning;
@@ -292,14 +292,14 @@ class CmSingleton : public testing::Test {
 constexpr char NO_INSTANCE[] =
     "UTIL ERROR: include/CmUtilTemplates.h:58 Assert failed: m_psInstance";
 
-TEST_F(CmSingleton, Instance_IsCreatedOnce) {
+TEST_F(CmSingleton, InstanceIsCreatedOnce) {
     Named<'a'>* pFirst = CCmSingletonT<Named<'a'>>::Instance();
     ASSERT_NE(nullptr, pFirst);
     EXPECT_EQ(pFirst, CCmSingletonT<Named<'a'>>::Instance());
     EXPECT_EQ("a", g_sEvents);
 }
 
-TEST_F(CmSingleton, CleanupAll_DestroysInReverseOrder) {
+TEST_F(CmSingleton, CleanupAllDestroysInReverseOrder) {
     CCmSingletonT<Named<'a'>>::Instance();
     CCmSingletonT<Named<'b'>>::Instance();
     CCmCleanUpBase::CleanupAll();
@@ -308,7 +308,7 @@ TEST_F(CmSingleton, CleanupAll_DestroysInReverseOrder) {
     EXPECT_EQ("ab~b~aa", g_sEvents);
 }
 
-TEST_F(CmSingleton, Destructor_IsTraced) {
+TEST_F(CmSingleton, DestructorIsTraced) {
     CCmSingletonT<Named<'a'>>::Instance();
     ScopedTraceSink sink;
     CCmCleanUpBase::CleanupAll();
@@ -323,7 +323,7 @@ TEST_F(CmSingleton, Destructor_IsTraced) {
     EXPECT_EQ(sLine.substr(nFirst, nThis - nFirst), sLine.substr(nThis + 6));
 }
 
-TEST_F(CmSingleton, Instance_IsNullWithoutMemory) {
+TEST_F(CmSingleton, InstanceIsNull_WithoutMemory) {
     ScopedTraceSink sink;
     {
         kelto_test::ScopedAllocationFault fault(1);
@@ -336,7 +336,7 @@ TEST_F(CmSingleton, Instance_IsNullWithoutMemory) {
     EXPECT_NE(nullptr, CCmSingletonT<Named<'a'>>::Instance());
 }
 
-TEST_F(CmSingleton, Instance_IsNullWhenItsConstructionThrows) {
+TEST_F(CmSingleton, InstanceIsNull_WhenItsConstructionThrows) {
     ScopedTraceSink sink;
     Throwing::s_bThrows = true;
     EXPECT_EQ(nullptr, CCmSingletonT<Throwing>::Instance());
@@ -347,7 +347,7 @@ TEST_F(CmSingleton, Instance_IsNullWhenItsConstructionThrows) {
     EXPECT_EQ("i~i", g_sEvents);
 }
 
-TEST_F(CmSingleton, Instance_FreesTheMutexWhenItsConstructionThrows) {
+TEST_F(CmSingleton, InstanceFreesTheMutex_WhenItsConstructionThrows) {
     ScopedTraceSink sink;
     Throwing::s_bThrows = true;
     EXPECT_EQ(nullptr, CCmSingletonT<Throwing>::Instance());
@@ -359,20 +359,20 @@ TEST_F(CmSingleton, Instance_FreesTheMutexWhenItsConstructionThrows) {
     EXPECT_NE(nullptr, CCmSingletonT<Throwing>::Instance());
 }
 
-TEST_F(CmSingleton, Instance_IsCreatedWithoutItsMutex) {
+TEST_F(CmSingleton, InstanceIsCreated_WithoutItsMutex) {
     kelto_test::FailingCall<&CCmSystemTable::pthread_mutex_lock> fault(
         0, EINVAL, 1, kelto_test::Failing::FROM_THERE_ON);
     EXPECT_NE(nullptr, CCmSingletonT<Named<'a'>>::Instance());
 }
 
-TEST_F(CmSingleton, Instance_TakesNoLockOnceItExists) {
+TEST_F(CmSingleton, InstanceTakesNoLock_AfterItExists) {
     CCmSingletonT<Named<'a'>>::Instance();
     kelto_test::FailingCall<&CCmSystemTable::pthread_mutex_lock> counting(0, 0, 100);
     CCmSingletonT<Named<'a'>>::Instance();
     EXPECT_EQ(0u, counting.calls());
 }
 
-TEST_F(CmSingleton, Instance_IsCreatedOnceByEightThreads) {
+TEST_F(CmSingleton, InstanceIsCreatedOnce_WhenEightThreadsAsk) {
     std::vector<std::thread> threads;
     std::vector<Slow*> instances(8);
     for (int i = 0; i < 8; ++i) {
@@ -388,7 +388,7 @@ TEST_F(CmSingleton, Instance_IsCreatedOnceByEightThreads) {
     EXPECT_EQ(std::vector<Slow*>(8, instances[0]), instances);
 }
 
-TEST_F(CmSingleton, Instance_CreatedByADestructorEndsInTheNextCleanUp) {
+TEST_F(CmSingleton, InstanceEndsInTheNextCleanUp_WhenADestructorCreatedIt) {
     CCmSingletonT<LooksUpWhenDestroyed>::Instance();
     CCmSingletonT<Named<'l'>>::Instance();
     CCmCleanUpBase::CleanupAll();
@@ -408,7 +408,7 @@ struct LooksUpAnother {
     }
 };
 
-TEST_F(CmSingleton, CleanupAll_Ends_WhenADestructorLooksItselfUp) {
+TEST_F(CmSingleton, CleanupAllEnds_WhenADestructorLooksItselfUp) {
     CCmSingletonT<LooksUpAnother<'s', 's'>>::Instance();
     CCmCleanUpBase::CleanupAll();
     EXPECT_EQ("s", g_sEvents);
@@ -417,7 +417,7 @@ TEST_F(CmSingleton, CleanupAll_Ends_WhenADestructorLooksItselfUp) {
     g_sEvents.resize(100);
 }
 
-TEST_F(CmSingleton, CleanupAll_Ends_WhenTwoDestructorsLookEachOtherUp) {
+TEST_F(CmSingleton, CleanupAllEnds_WhenTwoDestructorsLookEachOtherUp) {
     CCmSingletonT<LooksUpAnother<'p', 'q'>>::Instance();
     CCmSingletonT<LooksUpAnother<'q', 'p'>>::Instance();
     CCmCleanUpBase::CleanupAll();
@@ -429,7 +429,7 @@ TEST_F(CmSingleton, CleanupAll_Ends_WhenTwoDestructorsLookEachOtherUp) {
 
 // ---- Trimming ----
 
-TEST(CmTrim, IsSpace_IsTheBlankOnly) {
+TEST(CmTrim, IsSpaceIsTheBlankOnly) {
     CCmIsSpace isSpace;
     EXPECT_TRUE(isSpace(' '));
     for (char ch : {'\t', '\n', '\r', '\v', '\f', '\0', 'a', '\xA0'}) {
@@ -437,7 +437,7 @@ TEST(CmTrim, IsSpace_IsTheBlankOnly) {
     }
 }
 
-TEST(CmTrim, Strings_LoseBlanksAtOneEnd) {
+TEST(CmTrim, StringsLoseBlanksAtOneEnd) {
     CCmString sLeft = "  a b  ";
     LTrimString(sLeft, CCmIsSpace());
     EXPECT_EQ("a b  ", sLeft);
@@ -446,7 +446,7 @@ TEST(CmTrim, Strings_LoseBlanksAtOneEnd) {
     EXPECT_EQ("  a b", sRight);
 }
 
-TEST(CmTrim, Strings_MayBecomeEmpty) {
+TEST(CmTrim, StringsBecomeEmpty_WhenThereAreOnlyBlanks) {
     CCmString sBlanks = "   ";
     LTrimString(sBlanks, CCmIsSpace());
     EXPECT_EQ("", sBlanks);
@@ -458,7 +458,7 @@ TEST(CmTrim, Strings_MayBecomeEmpty) {
     EXPECT_EQ("", sBlanks);
 }
 
-TEST(CmTrim, Strings_KeepTabs) {
+TEST(CmTrim, StringsKeepTabs) {
     CCmString sText = " \ta\t ";
     LTrimString(sText, CCmIsSpace());
     RTrimString(sText, CCmIsSpace());

@@ -22,6 +22,7 @@
 #include "support/Events.h"
 #include "support/Eventually.h"
 #include "support/Faults.h"
+#include "support/Gate.h"
 #include "support/TraceSink.h"
 #include "support/Workers.h"
 
@@ -48,7 +49,7 @@ std::string NameOfThisThread() {
     return szName;
 }
 
-TEST(CCmWorker, RunsUntilTheEndOfTheScope) {
+TEST(CCmWorker, Runs_UntilTheEndOfTheScope) {
     std::vector<int> ran;
     {
         CCmWorker worker;
@@ -130,7 +131,7 @@ TEST(CCmWorker, DoesNotStart_WhenItsStartFunctionFails) {
     EXPECT_EQ(CM_OK, worker.End());
 }
 
-TEST(CCmWorker, OptionsServeSeveralWorkers) {
+TEST(CCmWorker, OptionsServe_WhenThereAreSeveralWorkers) {
     std::atomic<int> starts{0};
     const CCmWorkerOptions options = CCmWorkerOptions().OnStart([&starts] { ++starts; });
     {
@@ -142,7 +143,7 @@ TEST(CCmWorker, OptionsServeSeveralWorkers) {
     EXPECT_EQ(2, starts);
 }
 
-TEST(CCmWorker, RefusesATypeThatIsNone) {
+TEST(CCmWorker, Refuses_WhenTheTypeIsNone) {
     for (const int nType : {TT_MAIN, TT_UNKNOWN}) {
         CCmWorker worker(CCmWorkerOptions().Type(nType));
         EXPECT_EQ(CM_ERROR_INVALID_ARG, worker.Result());
@@ -176,7 +177,7 @@ TEST(CCmWorker, SaysSo_WhenMemoryRunsOut) {
     EXPECT_TRUE(bSucceeded);
 }
 
-TEST(CCmWorker, ReportsARefusedPriority) {
+TEST(CCmWorker, ReportsThePriority_WhenItIsRefused) {
     ScopedTraceSink sink;
     const FailingCall<&CCmSystemTable::pthread_setschedparam> fault(
         EPERM, EPERM, 1, kelto_test::Failing::FROM_THERE_ON);
@@ -209,7 +210,7 @@ TEST(CCmWorker, SetsItsPriority) {
     EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, worker.SetPriority(0));
 }
 
-TEST(CCmWorker, Drain_WaitsForWhatWasPosted) {
+TEST(CCmWorker, DrainWaitsForWhatWasPosted) {
     CCmWorker worker;
     int nRan = 0;
     for (int i = 0; i < 100; ++i) {
@@ -227,7 +228,7 @@ TEST(CCmWorker, Drain_WaitsForWhatWasPosted) {
     EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, worker.Drain());
 }
 
-TEST(CCmWorker, Stop_RunsWhatWasPostedBefore) {
+TEST(CCmWorker, StopRunsWhatWasPostedBefore) {
     CCmWorker worker;
     Gate gate;
     CmPost(worker, [&gate] { gate.Wait(); });
@@ -243,7 +244,7 @@ TEST(CCmWorker, Stop_RunsWhatWasPostedBefore) {
     EXPECT_EQ(50, nRan);
 }
 
-TEST(CCmWorker, StopNow_EndsWhatIsPendingUnfired) {
+TEST(CCmWorker, StopNowEndsWhatIsPendingUnfired) {
     for (const bool bStoppedBefore : {false, true}) {
         CCmWorker worker;
         Gate gate;
@@ -272,7 +273,7 @@ TEST(CCmWorker, StopNow_EndsWhatIsPendingUnfired) {
 }
 
 // The stop comes while one of five events that were taken out together runs.
-TEST(CCmWorker, StopNow_TakesEffectBetweenTwoEvents) {
+TEST(CCmWorker, StopNowTakesEffectBetweenTwoEvents) {
     CCmWorker worker;
     Gate gate;
     CmPost(worker, [&gate] { gate.Wait(); });
@@ -290,14 +291,14 @@ TEST(CCmWorker, StopNow_TakesEffectBetweenTwoEvents) {
     EXPECT_EQ(8, nRan);
 }
 
-TEST(CCmWorker, StopNow_WakesAWorkerThatSleeps) {
+TEST(CCmWorker, StopNowWakesTheWorker_WhenItSleeps) {
     CCmWorker worker;
     worker.Drain();
     EXPECT_EQ(CM_OK, worker.StopNow());
     EXPECT_EQ(CM_OK, worker.Join());
 }
 
-TEST(CCmWorker, Stop_ChangesNothing_WhenMemoryRunsOut) {
+TEST(CCmWorker, StopChangesNothing_WhenMemoryRunsOut) {
     CCmWorker worker;
     worker.Drain();
     {
@@ -317,12 +318,12 @@ TEST(CCmWorker, Stop_ChangesNothing_WhenMemoryRunsOut) {
     EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, worker.Result());
 }
 
-TEST(CCmWorker, Join_FailsOnTheWorkerItself) {
+TEST(CCmWorker, JoinFails_WhenOnTheWorkerItself) {
     CCmWorker worker;
     EXPECT_EQ(CM_ERROR_FAILURE, *CmCall(worker, [&worker] { return worker.Join(); }));
 }
 
-TEST(CCmWorker, MovesToAnotherOwner) {
+TEST(CCmWorker, RunsOn_WhenMovedToAnotherOwner) {
     std::optional<CCmWorker> worker;
     worker.emplace();
     ACmThread* pThread = worker->GetThread();
@@ -342,11 +343,11 @@ TEST(CCmWorker, MovesToAnotherOwner) {
 
 TEST(CCmWorker, EndsOnItsOwnThread_AfterWhatWasPosted) {
     const long lLive = LiveAllocationsBefore();
-    std::atomic<bool> bEnded{false};
+    Gate ended;
     {
         std::vector<int> ran;
         auto pWorker =
-            std::make_unique<CCmWorker>(CCmWorkerOptions().OnEnd([&bEnded] { bEnded = true; }));
+            std::make_unique<CCmWorker>(CCmWorkerOptions().OnEnd([&ended] { ended.Open(); }));
         Gate gate;
         Gate gone;
         CmPost(*pWorker, [&] {
@@ -358,7 +359,7 @@ TEST(CCmWorker, EndsOnItsOwnThread_AfterWhatWasPosted) {
         CmPost(*pWorker, [&] { ran.push_back(2); });
         gate.Open();
         EXPECT_TRUE(gone.Wait());
-        EXPECT_TRUE(Eventually([&] { return bEnded.load(); }));
+        EXPECT_TRUE(ended.Wait());
         EXPECT_EQ(nullptr, pWorker);
         EXPECT_EQ((std::vector<int>{1, 2}), ran);
     }
@@ -392,7 +393,7 @@ class CountingSink : public CCmTimerWrapperIDSink {
     std::atomic<int> m_nFired{0};
 };
 
-TEST(CCmWorker, HasATimerQueueOfTheWallClock_Beside) {
+TEST(CCmWorker, HasATimerQueueOfTheWallClockBeside) {
     CCmWorker worker;
     CountingSink sink;
     CCmTimerWrapperID wrapper;
@@ -427,7 +428,7 @@ void CancelInATimer() {
     EXPECT_EQ(2, ends);
 }
 
-TEST(CCmWorker, SurvivesTheCancellationOfItsThread) {
+TEST(CCmWorker, Survives_WhenItsThreadIsCancelled) {
     CancelInATimer();
 }
 
@@ -528,7 +529,7 @@ TEST(CCmThreadPtr, EndsAWorkerOfTheFullInterface) {
     EXPECT_EQ(1, nRan);
 }
 
-TEST(CmEndThread, FreesAnObjectThatWasNeverCreated) {
+TEST(CmEndThread, FreesTheObject_WhenItWasNeverCreated) {
     const long lLive = LiveAllocationsBefore();
     EXPECT_EQ(CM_OK, CmEndThread(new Loop));
     EXPECT_EQ(CM_OK, CmEndThread(nullptr));
@@ -541,7 +542,7 @@ class Stubborn : public ACmThread {
     Gate m_gate;
 };
 
-TEST(CmEndThread, DoesNotWaitForAThreadThatCannotBeStopped) {
+TEST(CmEndThread, DoesNotWait_WhenTheThreadCannotBeStopped) {
     ScopedTraceSink sink;
     auto* pThread = new Stubborn;
     ASSERT_EQ(CM_OK, pThread->Create(1));
@@ -552,7 +553,7 @@ TEST(CmEndThread, DoesNotWaitForAThreadThatCannotBeStopped) {
     pThread->Destory(CM_OK);
 }
 
-TEST(CmEndThread, FailsOnTheThreadItself) {
+TEST(CmEndThread, Fails_WhenOnTheThreadItself) {
     TaskThread worker;
     EXPECT_EQ(CM_ERROR_FAILURE, *CmCall(*worker, [&] { return CmEndThread(&*worker); }));
 }

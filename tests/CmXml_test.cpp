@@ -27,41 +27,41 @@ std::string Element(const std::string& aValue) {
     return "<a>" + aValue + "</a>";
 }
 
-TEST(CmXmlString, Value_IsTrimmedOfFourBlanks) {
+TEST(CmXmlString, TrimsFourBlanks) {
     EXPECT_EQ("4 2", StringOf("<a> \t\r\n4 2\n\r\t </a>", "a"));
 }
 
-TEST(CmXmlString, OtherBlanks_BelongToTheValue) {
+TEST(CmXmlString, KeepsOtherBlanks) {
     EXPECT_EQ("\v42\f", StringOf("<a>\v42\f</a>", "a"));
 }
 
-TEST(CmXmlString, BytesAbove0x7F_BelongToTheValue) {
+TEST(CmXmlString, KeepsBytesAbove0x7F) {
     EXPECT_EQ("\xA0\xE4 \xFF\x80", StringOf("<a> \xA0\xE4 \xFF\x80 </a>", "a"));
     EXPECT_EQ("1", StringOf("<\xE4>1</\xE4>", "\xE4"));
 }
 
-TEST(CmXmlString, MissingElement_GivesDefault) {
+TEST(CmXmlString, GivesDefault_WhenTheElementIsMissing) {
     EXPECT_EQ("default", StringOf("<b>1</b>", "a"));
     EXPECT_EQ("default", StringOf("", "a"));
 }
 
-TEST(CmXmlString, MissingClosingTag_GivesDefault) {
+TEST(CmXmlString, GivesDefault_WhenTheClosingTagIsMissing) {
     EXPECT_EQ("default", StringOf("<a>1", "a"));
     EXPECT_EQ("default", StringOf("<a>1</b>", "a"));
     EXPECT_EQ("default", StringOf("</a><a>1", "a"));
 }
 
-TEST(CmXmlString, OpeningTagAtTheEnd_GivesDefault) {
+TEST(CmXmlString, GivesDefault_WhenTheOpeningTagIsAtTheEnd) {
     EXPECT_EQ("default", StringOf("<a>", "a"));
     EXPECT_EQ("default", StringOf("<a> \t\r\n", "a"));
 }
 
-TEST(CmXmlString, EmptyElement_IsAnEmptyText) {
+TEST(CmXmlString, GivesAnEmptyText_WhenTheElementIsEmpty) {
     EXPECT_EQ("", StringOf("<a></a>", "a"));
     EXPECT_EQ("", StringOf("<a> \n </a>", "a"));
 }
 
-TEST(CmXmlString, Value_MayReplaceItsDocument) {
+TEST(CmXmlString, IsRight_WhenTheValueReplacesItsDocument) {
     char achXml[] = "<a>some text</a>";
     EXPECT_EQ(achXml, get_string_from_XML(achXml, "a", 16, achXml, s_szDefault));
     EXPECT_STREQ("some text", achXml);
@@ -70,76 +70,76 @@ TEST(CmXmlString, Value_MayReplaceItsDocument) {
     EXPECT_STREQ("<some text", achOther);
 }
 
-TEST(CmXmlString, FirstOpeningTag_Counts) {
+TEST(CmXmlString, TakesTheFirstOpeningTag) {
     EXPECT_EQ("1", StringOf("<r><a>1</a><a>2</a></r>", "a"));
 }
 
-TEST(CmXmlString, FirstClosingTag_EndsANestedElement) {
+TEST(CmXmlString, EndsAtTheFirstClosingTag_WhenElementsAreNested) {
     EXPECT_EQ("<a>1", StringOf("<a><a>1</a>2</a>", "a"));
 }
 
-TEST(CmXmlString, TagThatBeginsAnother_IsNotMatched) {
+TEST(CmXmlString, FindsNothing_WhenTheTagBeginsAnother) {
     EXPECT_EQ("2", StringOf("<ab>1</ab><a>2</a>", "a"));
     EXPECT_EQ("1</ab>", StringOf("<a>1</ab></a>", "a"));
 }
 
-TEST(CmXmlString, Attributes_AreNotUnderstood) {
+TEST(CmXmlString, FindsNothing_WhenTheTagHasAttributes) {
     EXPECT_EQ("default", StringOf("<a x=\"1\">2</a>", "a"));
 }
 
-TEST(CmXmlString, Entities_AreKept) {
+TEST(CmXmlString, KeepsEntities) {
     EXPECT_EQ("&lt;", StringOf("<a>&lt;</a>", "a"));
 }
 
-TEST(CmXmlString, TagNames_AreComparedExactly) {
+TEST(CmXmlString, ComparesTagNamesExactly) {
     EXPECT_EQ("default", StringOf("<A>1</A>", "a"));
 }
 
-TEST(CmXmlString, EmptyTag_IsATagToo) {
+TEST(CmXmlString, FindsTheElement_WhenTheTagIsEmpty) {
     EXPECT_EQ("1", StringOf("<>1</>", ""));
 }
 
-TEST(CmXmlString, TagOfManyCharacters_IsFound) {
+TEST(CmXmlString, FindsTheElement_WhenTheTagHasManyCharacters) {
     const std::string sTag(5000, 't');
     EXPECT_EQ("1", StringOf("<" + sTag + "t>0</" + sTag + "t><" + sTag + ">1</" + sTag + ">",
                             sTag.c_str()));
 }
 
-TEST(CmXmlString, LongestValue_FillsTheBuffer) {
+TEST(CmXmlString, FillsTheBuffer_WhenTheValueIsTheLongest) {
     EXPECT_EQ("12345", StringOf(Element("12345"), "a", 5));
 }
 
-TEST(CmXmlString, TooLongValue_GivesDefaultAndLeavesTheBuffer) {
+TEST(CmXmlString, GivesDefaultAndLeavesTheBuffer_WhenTheValueIsTooLong) {
     std::string sXml = Element("123456");
     char achOut[6] = "xxxxx";
     EXPECT_EQ(s_szDefault, get_string_from_XML(&sXml[0], "a", 5, achOut, s_szDefault));
     EXPECT_STREQ("xxxxx", achOut);
 }
 
-TEST(CmXmlString, LimitOfZero_TakesOnlyTheEmptyValue) {
+TEST(CmXmlString, TakesOnlyTheEmptyValue_WhenTheLimitIsZero) {
     EXPECT_EQ("", StringOf("<a> </a>", "a", 0));
     EXPECT_EQ("default", StringOf("<a>1</a>", "a", 0));
 }
 
-TEST(CmXmlString, NegativeLimit_GivesDefault) {
+TEST(CmXmlString, GivesDefault_WhenTheLimitIsNegative) {
     std::string sXml = "<a></a>";
     char achOut[1];
     EXPECT_EQ(s_szDefault, get_string_from_XML(&sXml[0], "a", -1, achOut, s_szDefault));
 }
 
-TEST(CmXmlString, ValueBeyond16Bits_IsNotMistakenForAShortOne) {
+TEST(CmXmlString, GivesDefault_WhenTheLengthIsBeyond16Bits) {
     std::string sXml = Element(std::string(65537, 'v'));
     char achOut[6] = "xxxxx";
     EXPECT_EQ(s_szDefault, xml_get_string(&sXml[0], "a", 5, achOut, s_szDefault));
     EXPECT_STREQ("xxxxx", achOut);
 }
 
-TEST(CmXmlString, LimitOf65535_TakesAsMany) {
+TEST(CmXmlString, TakesAsMany_WhenTheLimitIs65535) {
     EXPECT_EQ(65535u, StringOf(Element(std::string(65535, 'v')), "a", 65535).size());
     EXPECT_EQ("default", StringOf(Element(std::string(65536, 'v')), "a", 65535));
 }
 
-TEST(CmXmlString, NullArguments_GiveDefault) {
+TEST(CmXmlString, GivesDefault_WhenAnArgumentIsNull) {
     char achOut[2];
     std::string sXml = "<a>1</a>";
     EXPECT_EQ(s_szDefault, get_string_from_XML(nullptr, "a", 1, achOut, s_szDefault));
@@ -148,7 +148,7 @@ TEST(CmXmlString, NullArguments_GiveDefault) {
     EXPECT_EQ(nullptr, xml_get_string(&sXml[0], "z", 1, achOut, nullptr));
 }
 
-TEST(CmXmlNumber, Document_IsAnswered) {
+TEST(CmXmlNumber, AnswersADocument) {
     std::string sXml = "<a> 42 </a><b>7</b>";
     EXPECT_EQ(42u, get_uint32_from_XML(&sXml[0], "a", 5));
     EXPECT_EQ(7u, get_uint32_from_XML(&sXml[0], "b", 5));
@@ -166,7 +166,7 @@ struct NumberRow {
     const char* reason;
 };
 
-TEST(CmXmlNumber, Values_AreParsed) {
+TEST(CmXmlNumber, ParsesValues) {
     const NumberRow rows[] = {
         {"42", 42, 42, 42, 42, 42, "plain"},
         {"+42", 42, 42, 42, 42, 42, "sign"},
@@ -197,7 +197,7 @@ TEST(CmXmlNumber, Values_AreParsed) {
     }
 }
 
-TEST(CmXmlNumber, Defaults_AreCutToTheTypeOfTheResult) {
+TEST(CmXmlNumber, CutsDefaultsToTheTypeOfTheResult) {
     char szXml[] = "";
     EXPECT_EQ(1u, get_uint32_from_XML(szXml, "a", 0x100000001ul));
     EXPECT_EQ(-1, get_int32_from_XML(szXml, "a", static_cast<unsigned long>(-1)));
@@ -206,7 +206,7 @@ TEST(CmXmlNumber, Defaults_AreCutToTheTypeOfTheResult) {
     EXPECT_EQ(65535, xml_get_uint16(szXml, "a", 65535));
 }
 
-TEST(CmXmlNumber, Value_OfAtMost64Characters) {
+TEST(CmXmlNumber, GivesDefault_WhenTheValueHasMoreThan64Characters) {
     std::string s64 = Element(std::string(63, '0') + "7");
     std::string s65 = Element(std::string(64, '0') + "7");
     EXPECT_EQ(7u, get_uint32_from_XML(&s64[0], "a", 5));
@@ -221,26 +221,26 @@ TEST(CmXmlNumber, Value_OfAtMost64Characters) {
     EXPECT_EQ(5u, xml_get_uint16(&s65[0], "a", 5));
 }
 
-TEST(CmXmlDouble, Value_PassesThroughSinglePrecision) {
+TEST(CmXmlDouble, PassesTheValueThroughSinglePrecision) {
     std::string sXml = Element("0.1");
     EXPECT_EQ(0.100000001490116119384765625, get_double_from_XML(&sXml[0], "a", 2.5));
 }
 
-TEST(CmXmlDouble, Default_KeepsItsPrecision) {
+TEST(CmXmlDouble, KeepsThePrecisionOfTheDefault) {
     char szXml[] = "<a></a><b>x</b>";
     EXPECT_EQ(0.1, get_double_from_XML(szXml, "z", 0.1));
     EXPECT_EQ(0.1, get_double_from_XML(szXml, "a", 0.1));
     EXPECT_EQ(0.1, get_double_from_XML(szXml, "b", 0.1));
 }
 
-TEST(CmXmlDouble, Value_OfAtMost256Characters) {
+TEST(CmXmlDouble, GivesDefault_WhenTheValueHasMoreThan256Characters) {
     std::string s256 = Element(std::string(253, '0') + "1.5");
     std::string s257 = Element(std::string(254, '0') + "1.5");
     EXPECT_EQ(1.5, get_double_from_XML(&s256[0], "a", 2.5));
     EXPECT_EQ(2.5, get_double_from_XML(&s257[0], "a", 2.5));
 }
 
-TEST(CmXmlNumber, Reading_AllocatesNothing) {
+TEST(CmXmlNumber, AllocatesNothing) {
     std::string sXml = "<a>42</a>";
     const unsigned long ulBefore = kelto_test::AllocationsOfThisThread();
     EXPECT_EQ(42u, get_uint32_from_XML(&sXml[0], "a", 5));

@@ -108,7 +108,7 @@ class EveryOrder : public testing::Test {
 typedef testing::Types<CCmWorker, TaskThread> Workers;
 TYPED_TEST_SUITE(EveryOrder, Workers, );
 
-TYPED_TEST(EveryOrder, LeavesNothingAndRunsNothingLate) {
+TYPED_TEST(EveryOrder, LeavesNothingAndRunsNothingLate_WhateverTheOrder) {
     const long lLive = LiveAllocationsBefore();
     std::vector<int> order = {WORKER, TIMER, GUARD, POSTER, DELAYED};
     ASSERT_EQ(static_cast<size_t>(PARTS), order.size());
@@ -125,7 +125,7 @@ TYPED_TEST(EveryOrder, LeavesNothingAndRunsNothingLate) {
 
 // ---- Threads of other kinds.
 
-TEST(FrontDoor, HeartBeat_RunsWhatWasPostedForLater) {
+TEST(FrontDoor, HeartBeatRunsWhatWasPostedForLater) {
     auto* pThread = new CCmThreadHeartBeat;
     ASSERT_EQ(CM_OK, pThread->Create(TT_MAIN));
     pThread->OnThreadInit();

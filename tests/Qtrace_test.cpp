@@ -123,7 +123,7 @@ struct LevelCase {
     unsigned long level;
 };
 
-TEST_F(Qtrace, Level_ComesFromTheEnvironment) {
+TEST_F(Qtrace, LevelComesFromTheEnvironment) {
     const LevelCase CASES[] = {
         {nullptr, 0},                                // missing: everything
         {"", 0},                                     // empty
@@ -143,7 +143,7 @@ TEST_F(Qtrace, Level_ComesFromTheEnvironment) {
     unsetenv("QTRACE_LEVEL");
 }
 
-TEST_F(Qtrace, Level_ChangesAtRunTime) {
+TEST_F(Qtrace, LevelChangesAtRunTime) {
     setenv("QTRACE_LEVEL", "3", 1);
     EXPECT_EQ(0, StatusOfChild([] {
                   EXPECT_EQ(3u, _getTraceLevel());
@@ -155,7 +155,7 @@ TEST_F(Qtrace, Level_ChangesAtRunTime) {
     unsetenv("QTRACE_LEVEL");
 }
 
-TEST_F(Qtrace, Level_SetFirstWinsOverTheEnvironment) {
+TEST_F(Qtrace, LevelWinsOverTheEnvironment_WhenSetFirst) {
     setenv("QTRACE_LEVEL", "3", 1);
     EXPECT_EQ(0, StatusOfChild([] {
                   qtrace_set_level(7);
@@ -164,7 +164,7 @@ TEST_F(Qtrace, Level_SetFirstWinsOverTheEnvironment) {
     unsetenv("QTRACE_LEVEL");
 }
 
-TEST_F(Qtrace, Line_HasTimeProcessThreadAndModuleInFront) {
+TEST_F(Qtrace, LineHasTimeProcessThreadAndModuleInFront) {
     const time_t before = Now();
     EXPECT_EQ(0, StatusOfChild([] { Write("UTIL INFO: text"); }));
     const time_t after = Now();
@@ -181,7 +181,7 @@ TEST_F(Qtrace, Line_HasTimeProcessThreadAndModuleInFront) {
     EXPECT_GE(after, written);
 }
 
-TEST_F(Qtrace, Line_IsAppended) {
+TEST_F(Qtrace, LineIsAppended) {
     { std::ofstream(m_sFile) << "old\n"; }
     EXPECT_EQ(0, StatusOfChild([] {
                   Write("one");
@@ -192,7 +192,7 @@ TEST_F(Qtrace, Line_IsAppended) {
     EXPECT_EQ("two", Texts()[2]);
 }
 
-TEST_F(Qtrace, Line_IsOneWrite) {
+TEST_F(Qtrace, LineIsOneWrite) {
     int anPipe[2];
     ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_DGRAM, 0, anPipe));  // a read returns one write
     const int nRoom = 65536;
@@ -214,13 +214,13 @@ TEST_F(Qtrace, Line_IsOneWrite) {
     close(anPipe[1]);
 }
 
-TEST_F(Qtrace, Line_IndentsWhatFollowsALineEnd) {
+TEST_F(Qtrace, LineIndentsWhatFollows_AfterALineEnd) {
     EXPECT_EQ(0, StatusOfChild([] { Write("one\n2026-01-01 two\nthree\r\n\n"); }));
     EXPECT_NE(std::string::npos, Content().find("[MAC] one\n\t2026-01-01 two\n\tthree\n"));
     EXPECT_EQ(3u, Lines().size());
 }
 
-TEST_F(Qtrace, Line_MayBeEmpty) {
+TEST_F(Qtrace, LineIsWritten_WhenEmpty) {
     EXPECT_EQ(0, StatusOfChild([] {
                   Write("");
                   Write("\n");
@@ -228,7 +228,7 @@ TEST_F(Qtrace, Line_MayBeEmpty) {
     EXPECT_EQ((Strings{"", ""}), Texts());
 }
 
-TEST_F(Qtrace, Line_BoundsItsModule) {
+TEST_F(Qtrace, LineBoundsItsModule) {
     EXPECT_EQ(0, StatusOfChild([] {
                   YRKTRACERAWA(2, std::string(5000, 'm').c_str(), nullptr, "text");
                   YRKTRACERAWA(2, nullptr, nullptr, "text");
@@ -241,12 +241,12 @@ TEST_F(Qtrace, Line_BoundsItsModule) {
     EXPECT_NE(std::string::npos, Lines()[2].find(" [a b] text"));
 }
 
-TEST_F(Qtrace, Line_TakesNoTextAsAFormat) {
+TEST_F(Qtrace, LineTakesNoTextAsAFormat) {
     EXPECT_EQ(0, StatusOfChild([] { Write("%s%n%d"); }));
     EXPECT_EQ(Strings{"%s%n%d"}, Texts());
 }
 
-TEST_F(Qtrace, Line_MayHaveAnyLength) {
+TEST_F(Qtrace, LineIsWritten_WhateverItsLength) {
     for (size_t nLength : {4000u, 4030u, 4040u, 4090u, 4096u, 4100u, 131071u}) {
         std::filesystem::remove(m_sFile);
         EXPECT_EQ(0, StatusOfChild([&] { Write(std::string(nLength, 'x')); }));
@@ -254,7 +254,7 @@ TEST_F(Qtrace, Line_MayHaveAnyLength) {
     }
 }
 
-TEST_F(Qtrace, Pieces_BecomeOneLine) {
+TEST_F(Qtrace, PiecesBecomeOneLine) {
     for (size_t nLength : {2048u, 4093u, 4094u, 4095u, 100000u}) {
         std::filesystem::remove(m_sFile);
         const std::string sText = std::string(nLength - 1, 'x') + "!";
@@ -263,7 +263,7 @@ TEST_F(Qtrace, Pieces_BecomeOneLine) {
     }
 }
 
-TEST_F(Qtrace, Pieces_StayTogether_BetweenThreads) {
+TEST_F(Qtrace, PiecesStayTogether_WhenSeveralThreadsWrite) {
     EXPECT_EQ(0, StatusOfChild([] {
                   std::vector<std::thread> threads;
                   for (int i = 0; i < 4; ++i) {
@@ -283,7 +283,7 @@ TEST_F(Qtrace, Pieces_StayTogether_BetweenThreads) {
     }
 }
 
-TEST_F(Qtrace, Pieces_ThatNeverEnd_AreWrittenBeforeTheNextText) {
+TEST_F(Qtrace, PiecesThatNeverEndAreWritten_BeforeTheNextText) {
     EXPECT_EQ(0, StatusOfChild([] {
                   char achPrefix[256] = {};
                   YRKTRACERAWA(2, "MAC", achPrefix, std::string(2047, 'x').c_str());
@@ -292,7 +292,7 @@ TEST_F(Qtrace, Pieces_ThatNeverEnd_AreWrittenBeforeTheNextText) {
     EXPECT_EQ((Strings{std::string(2047, 'x'), "next"}), Texts());
 }
 
-TEST_F(Qtrace, Pieces_ThatNeverEnd_AreWrittenWhenTheThreadEnds) {
+TEST_F(Qtrace, PiecesThatNeverEndAreWritten_WhenTheThreadEnds) {
     EXPECT_EQ(0, StatusOfChild([] {
                   std::thread([] {
                       char achPrefix[256] = {};
@@ -302,7 +302,7 @@ TEST_F(Qtrace, Pieces_ThatNeverEnd_AreWrittenWhenTheThreadEnds) {
     EXPECT_EQ(Strings{std::string(2047, 'x')}, Texts());
 }
 
-TEST_F(Qtrace, Lines_StayWhole_BetweenProcessesAndThreads) {
+TEST_F(Qtrace, LinesStayWhole_WhenProcessesAndThreadsWrite) {
     std::vector<pid_t> children;
     for (int i = 0; i < 4; ++i) {
         const pid_t child = fork();
@@ -355,7 +355,7 @@ std::string ReadLines(int aFile, long aCount) {
     return sRead;
 }
 
-TEST_F(Qtrace, Lines_StayWhole_InAPipeThatTakesThemInParts) {
+TEST_F(Qtrace, LinesStayWhole_WhenAPipeTakesThemInParts) {
     int anPipe[2];
     ASSERT_EQ(0, pipe(anPipe));
     unsetenv("QTRACE_FILE");
@@ -393,7 +393,7 @@ TEST_F(Qtrace, Lines_StayWhole_InAPipeThatTakesThemInParts) {
     EXPECT_EQ(2000, nLines);
 }
 
-TEST_F(Qtrace, Line_IsClosed_WhenAPipeTookItInPart) {
+TEST_F(Qtrace, LineIsClosed_WhenAPipeTookItInPart) {
     ASSERT_EQ(0, mkfifo(m_sFile.c_str(), 0600));
     const int nReader = open(m_sFile.c_str(), O_RDONLY | O_NONBLOCK);
     const size_t nCapacity = static_cast<size_t>(kelto_test::CapacityOfPipe(nReader));
@@ -414,7 +414,7 @@ TEST_F(Qtrace, Line_IsClosed_WhenAPipeTookItInPart) {
     EXPECT_EQ(sRead.size() - 8, sRead.find("] whole\n"));
 }
 
-TEST_F(Qtrace, Line_IsWrittenByAForkedChild_WhileAThreadOfTheParentWrites) {
+TEST_F(Qtrace, LineIsWrittenByAForkedChild_WhileAThreadOfTheParentWrites) {
     int anPipe[2];
     ASSERT_EQ(0, pipe(anPipe));
     EXPECT_EQ(0, StatusOfChild([&] {
@@ -449,7 +449,7 @@ void TraceInHandler(int) {
     Write("handler");
 }
 
-TEST_F(Qtrace, Line_OfASignalHandlerDoesNotWaitForItsOwnThread) {
+TEST_F(Qtrace, LineDoesNotWaitForItsOwnThread_WhenASignalHandlerWritesIt) {
     int anPipe[2];
     ASSERT_EQ(0, pipe(anPipe));
     EXPECT_EQ(0, StatusOfChild([&] {
@@ -495,29 +495,29 @@ class QtraceLink : public Qtrace {
     const std::string m_sShared;
 };
 
-TEST_F(QtraceLink, File_IsNotOpenedThroughALink_InADirectoryThatOthersMayWriteTo) {
+TEST_F(QtraceLink, FileIsNotOpenedThroughALink_WhenOthersMayWriteToTheDirectory) {
     ASSERT_EQ(0, symlink(m_sTarget.c_str(), (m_sShared + "/trace.txt").c_str()));
     EXPECT_EQ("before\n", TargetAfterALine(01777));
     EXPECT_EQ("before\n", TargetAfterALine(0770));
 }
 
-TEST_F(QtraceLink, File_IsNotOpenedByASecondName_InADirectoryThatOthersMayWriteTo) {
+TEST_F(QtraceLink, FileIsNotOpenedByASecondName_WhenOthersMayWriteToTheDirectory) {
     ASSERT_EQ(0, link(m_sTarget.c_str(), (m_sShared + "/trace.txt").c_str()));
     EXPECT_EQ("before\n", TargetAfterALine(01777));
 }
 
-TEST_F(QtraceLink, File_IsOpenedThroughALink_InADirectoryOfOnesOwn) {
+TEST_F(QtraceLink, FileIsOpenedThroughALink_WhenTheDirectoryIsOnesOwn) {
     ASSERT_EQ(0, symlink(m_sTarget.c_str(), (m_sShared + "/trace.txt").c_str()));
     EXPECT_LT(7u, TargetAfterALine(0755).size());
 }
 
-TEST_F(QtraceLink, File_IsCreated_InADirectoryThatOthersMayWriteTo) {
+TEST_F(QtraceLink, FileIsCreated_WhenOthersMayWriteToTheDirectory) {
     EXPECT_EQ("before\n", TargetAfterALine(01777));
     m_sFile = m_sShared + "/trace.txt";
     EXPECT_EQ(Strings{"text"}, Texts());
 }
 
-TEST_F(Qtrace, Line_NamesTheChild_AfterAFork) {
+TEST_F(Qtrace, LineNamesTheChild_AfterAFork) {
     EXPECT_EQ(0, StatusOfChild([] {
                   Write("parent");
                   EXPECT_EQ(0, StatusOfChild([] { Write("child"); }));
@@ -554,7 +554,7 @@ class Numbers {
     int m_anPipe[2];
 };
 
-TEST_F(Qtrace, Thread_HasTheNumberThatDebuggersShow) {
+TEST_F(Qtrace, ThreadHasTheNumberThatDebuggersShow) {
     Numbers numbers;
     EXPECT_EQ(0, StatusOfChild([&] {
                   numbers.Put();
@@ -574,7 +574,7 @@ TEST_F(Qtrace, Thread_HasTheNumberThatDebuggersShow) {
     EXPECT_EQ(ullSecond, Parse(Lines()[2]).thread);
 }
 
-TEST_F(Qtrace, Thread_HasItsNewNumber_AfterAFork) {
+TEST_F(Qtrace, ThreadHasItsNewNumber_AfterAFork) {
     Numbers numbers;
     EXPECT_EQ(0, StatusOfChild([&] {
                   numbers.Put();
@@ -594,7 +594,7 @@ TEST_F(Qtrace, Thread_HasItsNewNumber_AfterAFork) {
     EXPECT_EQ(ullParent, Parse(Lines()[2]).thread);
 }
 
-TEST_F(Qtrace, Thread_IsNamed_FromTheLineOnThatFollowsItsNaming) {
+TEST_F(Qtrace, ThreadIsNamedInEveryLine_AfterItsNaming) {
     EXPECT_EQ(0, StatusOfChild([] {
                   std::thread([] {
                       Write("one");
@@ -612,7 +612,7 @@ TEST_F(Qtrace, Thread_IsNamed_FromTheLineOnThatFollowsItsNaming) {
     EXPECT_EQ(" [MAC] four", Parse(Lines()[3]).rest);
 }
 
-TEST_F(Qtrace, Thread_NameStaysOneField_WhateverItHolds) {
+TEST_F(Qtrace, ThreadNameStaysOneField_WhateverItHolds) {
     EXPECT_EQ(0, StatusOfChild([] {
                   NameThisThread("a b\n[c] d\t=e");
                   Write("text");
@@ -621,7 +621,7 @@ TEST_F(Qtrace, Thread_NameStaysOneField_WhateverItHolds) {
     EXPECT_EQ(" thread=a_b__c__d_=e [MAC] text", Parse(Lines()[0]).rest);
 }
 
-TEST_F(Qtrace, Thread_NameAndModuleOfFullLengthFit) {
+TEST_F(Qtrace, ThreadNameAndModuleFit_WhenOfFullLength) {
     const std::string sName(THREAD_NAME_LENGTH_MAX, 'n');
     const std::string sModule(128, 'm');
     EXPECT_EQ(0, StatusOfChild([&] {
@@ -634,7 +634,7 @@ TEST_F(Qtrace, Thread_NameAndModuleOfFullLengthFit) {
 
 // ---- Destinations that fail
 
-TEST_F(Qtrace, Failure_FallsBackToStandardError_WhenTheFileCannotBeOpened) {
+TEST_F(Qtrace, FallsBackToStandardError_WhenTheFileCannotBeOpened) {
     setenv("QTRACE_FILE", "/nowhere/trace.txt", 1);
     EXPECT_EQ(0, StatusOfChild([this] {
                   const int nFile = open(m_sFile.c_str(), O_WRONLY | O_CREAT, 0666);
@@ -644,7 +644,7 @@ TEST_F(Qtrace, Failure_FallsBackToStandardError_WhenTheFileCannotBeOpened) {
     EXPECT_EQ(Strings{"text"}, Texts());
 }
 
-TEST_F(Qtrace, Failure_OfAFullDisk_IsIgnored) {
+TEST_F(Qtrace, GoesOn_WhenTheDiskIsFull) {
     setenv("QTRACE_FILE", "/dev/full", 1);
     EXPECT_EQ(0, StatusOfChild([] {
                   errno = ENOENT;
@@ -654,7 +654,7 @@ TEST_F(Qtrace, Failure_OfAFullDisk_IsIgnored) {
               }));
 }
 
-TEST_F(Qtrace, Failure_OfAVanishedFile_IsIgnored) {
+TEST_F(Qtrace, GoesOn_WhenTheFileHasVanished) {
     EXPECT_EQ(0, StatusOfChild([this] {
                   Write("one");
                   std::filesystem::remove_all(m_sDir);
@@ -662,7 +662,7 @@ TEST_F(Qtrace, Failure_OfAVanishedFile_IsIgnored) {
               }));
 }
 
-TEST_F(Qtrace, Failure_OfAClosedPipe_RaisesNoSignal) {
+TEST_F(Qtrace, RaisesNoSignal_WhenThePipeIsClosed) {
     unsetenv("QTRACE_FILE");
     EXPECT_EQ(0, StatusOfChild([] {
                   int anPipe[2];
@@ -681,7 +681,7 @@ TEST_F(Qtrace, Failure_OfAClosedPipe_RaisesNoSignal) {
               }));
 }
 
-TEST_F(Qtrace, Failure_OfAClosedPipe_KeepsASignalThatWasPending) {
+TEST_F(Qtrace, KeepsASignalPending_WhenThePipeIsClosed) {
     unsetenv("QTRACE_FILE");
     EXPECT_EQ(0, StatusOfChild([] {
                   int anPipe[2];
@@ -701,7 +701,7 @@ TEST_F(Qtrace, Failure_OfAClosedPipe_KeepsASignalThatWasPending) {
               }));
 }
 
-TEST_F(Qtrace, Failure_OfAFileAtItsSizeLimit_RaisesNoSignalAndTheNextLineStartsAfresh) {
+TEST_F(Qtrace, RaisesNoSignalAndStartsTheNextLineAfresh_WhenTheFileIsAtItsSizeLimit) {
     EXPECT_EQ(0, StatusOfChild([] {
                   rlimit limit = {};
                   getrlimit(RLIMIT_FSIZE, &limit);
@@ -719,7 +719,7 @@ TEST_F(Qtrace, Failure_OfAFileAtItsSizeLimit_RaisesNoSignalAndTheNextLineStartsA
     EXPECT_EQ("whole", Texts()[1]);
 }
 
-TEST_F(Qtrace, Failure_OfAFullPipe_DoesNotBlock) {
+TEST_F(Qtrace, DoesNotBlock_WhenThePipeIsFull) {
     ASSERT_EQ(0, mkfifo(m_sFile.c_str(), 0600));
     const int nReader = open(m_sFile.c_str(), O_RDONLY | O_NONBLOCK);
     EXPECT_EQ(0, StatusOfChild([] {
@@ -730,7 +730,7 @@ TEST_F(Qtrace, Failure_OfAFullPipe_DoesNotBlock) {
     close(nReader);
 }
 
-TEST_F(Qtrace, Failure_OfAPipeWithoutReader_DoesNotBlock) {
+TEST_F(Qtrace, DoesNotBlock_WhenThePipeHasNoReader) {
     ASSERT_EQ(0, mkfifo(m_sFile.c_str(), 0600));
     EXPECT_EQ(0, StatusOfChild([] {
                   dup2(open("/dev/null", O_WRONLY), STDERR_FILENO);
@@ -738,7 +738,7 @@ TEST_F(Qtrace, Failure_OfAPipeWithoutReader_DoesNotBlock) {
               }));
 }
 
-TEST_F(Qtrace, File_StaysOffTheStandardStreams) {
+TEST_F(Qtrace, FileStaysOffTheStandardStreams) {
     EXPECT_EQ(0, StatusOfChild([] {
                   close(STDERR_FILENO);
                   Write("text");
@@ -747,7 +747,7 @@ TEST_F(Qtrace, File_StaysOffTheStandardStreams) {
     EXPECT_EQ(Strings{"text"}, Texts());
 }
 
-TEST_F(Qtrace, Line_IsWritten_BeforeItsThreadIsCancelled) {
+TEST_F(Qtrace, LineIsWritten_BeforeItsThreadIsCancelled) {
     EXPECT_EQ(0, StatusOfChild([] {
                   pthread_t thread;
                   ASSERT_EQ(0, pthread_create(

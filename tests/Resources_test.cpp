@@ -51,7 +51,7 @@ void Probe() {
     ip_check(nFlag, AF_INET);
 }
 
-TEST(Resources, DescriptorsAndThreads_AreTheSameAfter100000Operations) {
+TEST(Resources, DescriptorsAndThreadsAreTheSame_After100000Operations) {
     const kelto_test::ScopedHome home;
     home.WriteConfig("[s]\nk=42\n");
     const std::string sTrace = home.path() + "trace";
@@ -86,7 +86,7 @@ TEST(Resources, DescriptorsAndThreads_AreTheSameAfter100000Operations) {
 }
 
 // What is kept for good is made once: the second time nothing more stays.
-TEST(Resources, KeptByDesign_IsMadeOnce) {
+TEST(Resources, KeptByDesignIsMadeOnce) {
     unsigned short wCrc = 0;
     unsigned char byData = 0;
     const auto useAll = [&] {

@@ -20,12 +20,14 @@
 #include "support/ChildProcess.h"
 #include "support/Eventually.h"
 #include "support/Faults.h"
+#include "support/Gate.h"
 #include "support/Home.h"
 
 namespace UTIL_NS {
 namespace {
 
 using kelto_test::Eventually;
+using kelto_test::Gate;
 using kelto_test::ScopedEntry;
 using kelto_test::ScopedHome;
 using kelto_test::StatusOfChild;
@@ -136,12 +138,12 @@ class StoppedPeer {
     // Whether the operation returns while the peer is stopped.
     template <class Operation>
     bool Returns(Operation aOperation) {
-        std::atomic<bool> bReturned{false};
+        Gate returned;
         std::thread thread([&] {
             aOperation();
-            bReturned = true;
+            returned.Open();
         });
-        const bool bInTime = Eventually([&bReturned] { return bReturned.load(); });
+        const bool bInTime = returned.Wait();
         if (!bInTime) {
             LetGo();
         }
@@ -169,7 +171,7 @@ int StatusWithStoppedPeer(Body aBody) {
     });
 }
 
-TEST(StoppedPeer, HoldsUpNoWriteToAnotherFile) {
+TEST(StoppedPeer, HoldsUpNoWrite_WhenItIsToAnotherFile) {
     EXPECT_EQ(0, StatusWithStoppedPeer([](StoppedPeer& aPeer) {
                   EXPECT_TRUE(aPeer.Returns([&] { aPeer.B().write(nullptr, nullptr, "line"); }));
                   EXPECT_NE(std::string::npos, ReadFile(aPeer.Path("b")).find(" line\n"));
@@ -226,7 +228,7 @@ TEST(StoppedPeer, HoldsUpNoThread_BeforeTheFacilityExists) {
               }));
 }
 
-TEST(StoppedPeer, LetsSettingsInForceWhenTheWriterGetsOn) {
+TEST(StoppedPeer, LetsSettingsInForce_WhenTheWriterGetsOn) {
     EXPECT_EQ(0, StatusWithStoppedPeer([](StoppedPeer& aPeer) {
                   WriteFile(aPeer.Path("a"), Header(500) + std::string(468, 'o'));
                   EXPECT_TRUE(aPeer.Returns([&] { aPeer.A().refresh_settings(500, 7); }));
@@ -239,12 +241,12 @@ TEST(StoppedPeer, LetsSettingsInForceWhenTheWriterGetsOn) {
 
 // ---- The lock within the process
 
-std::atomic<bool> s_bInWrite{false};
-std::atomic<bool> s_bMayGoOn{false};
+Gate s_inWrite;
+Gate s_mayGoOn;
 
 ssize_t PwriteThatWaits(int aFile, const void* aText, size_t aSize, off_t aOffset) {
-    if (!s_bInWrite.exchange(true)) {
-        EXPECT_TRUE(Eventually([] { return s_bMayGoOn.load(); }));
+    if (s_inWrite.Open()) {
+        EXPECT_TRUE(s_mayGoOn.Wait());
     }
     return pwrite(aFile, aText, aSize, aOffset);
 }
@@ -267,23 +269,24 @@ TEST(FileTurn, KeepsTheLock_WhenAnotherRecordOfTheFileIsClosed) {
     ScopedHome home;
     const std::string sPath = home.path() + "a";
     WriteFile(sPath, Header(32));
-    s_bInWrite = s_bMayGoOn = false;
+    s_inWrite.Close();
+    s_mayGoOn.Close();
     PwriteEntry entry(g_cmSystem.pwrite, PwriteThatWaits);
     CCmT120TraceFile file(sPath.c_str(), 0, 1, 0);
     ASSERT_EQ(CM_OK, file.attach());
     auto pOther = std::make_unique<CCmT120TraceFile>(sPath.c_str(), 0, 0, 0);
     ASSERT_EQ(CM_OK, pOther->attach());
     std::thread writer([&file] { file.write(nullptr, nullptr, "line"); });
-    ASSERT_TRUE(Eventually([] { return s_bInWrite.load(); }));
+    ASSERT_TRUE(s_inWrite.Wait());
     EXPECT_TRUE(IsLockedByAnother(sPath));
-    std::atomic<bool> bClosed{false};
+    Gate closed;
     std::thread closer([&] {
         pOther.reset();
-        bClosed = true;
+        closed.Open();
     });
-    EXPECT_TRUE(Eventually([&bClosed] { return bClosed.load(); }));
+    EXPECT_TRUE(closed.Wait());
     EXPECT_TRUE(IsLockedByAnother(sPath));
-    s_bMayGoOn = true;
+    s_mayGoOn.Open();
     writer.join();
     closer.join();
     EXPECT_FALSE(IsLockedByAnother(sPath));
@@ -323,7 +326,8 @@ TEST(FileTurn, NeverWritesUnlocked_WhenTheSystemSeesADeadlock) {
     WriteFile(sA, Header(32));
     WriteFile(sB, Header(32));
     s_nRefusals = 0;
-    s_bInWrite = s_bMayGoOn = false;
+    s_inWrite.Close();
+    s_mayGoOn.Close();
     int anGo[2];
     int anReady[2];
     ASSERT_EQ(0, pipe(anGo));
@@ -347,13 +351,13 @@ TEST(FileTurn, NeverWritesUnlocked_WhenTheSystemSeesADeadlock) {
     char ch = 0;
     ASSERT_EQ(1, ::read(anReady[0], &ch, 1));
     std::thread first([&b] { b.write(nullptr, nullptr, "to b"); });
-    ASSERT_TRUE(Eventually([] { return s_bInWrite.load(); }));
+    ASSERT_TRUE(s_inWrite.Wait());
     ASSERT_EQ(1, ::write(anGo[1], &ch, 1));
     std::this_thread::sleep_for(std::chrono::milliseconds(300));  // for the peer to wait for b
     std::thread second([&a] { a.write(nullptr, nullptr, "to a"); });
     EXPECT_TRUE(Eventually([] { return s_nRefusals > 2; }));
     EXPECT_EQ(Header(32), ReadFile(sA));
-    s_bMayGoOn = true;
+    s_mayGoOn.Open();
     first.join();
     second.join();
     int nStatus = -1;

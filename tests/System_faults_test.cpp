@@ -357,7 +357,7 @@ long OwnAddress() {
 
 // ---- The table
 
-TEST(SystemFaults, MutexCalls_FailWithTheirResultAndLine) {
+TEST(SystemFaults, MutexesGiveResultAndLine_WhateverCallFails) {
     typedef CCmSystemTable T;
     constexpr long FAILURE = CM_ERROR_FAILURE;
     CheckFaultRows({
@@ -401,7 +401,7 @@ TEST(SystemFaults, MutexCalls_FailWithTheirResultAndLine) {
     });
 }
 
-TEST(SystemFaults, ConditionAndSemaphoreCalls_FailWithTheirResultAndLine) {
+TEST(SystemFaults, ConditionsAndSemaphoresGiveResultAndLine_WhateverCallFails) {
     typedef CCmSystemTable T;
     constexpr long FAILURE = CM_ERROR_FAILURE;
     const ScopedEntry<decltype(g_cmSystem.pthread_cond_wait)> wait(g_cmSystem.pthread_cond_wait,
@@ -464,7 +464,7 @@ TEST(SystemFaults, ConditionAndSemaphoreCalls_FailWithTheirResultAndLine) {
     });
 }
 
-TEST(SystemFaults, ThreadCalls_FailWithTheirResultAndLine) {
+TEST(SystemFaults, ThreadsGiveResultAndLine_WhateverCallFails) {
     typedef CCmSystemTable T;
     constexpr long UNEXPECTED = CM_ERROR_UNEXPECTED;
     CheckFaultRows({
@@ -507,7 +507,7 @@ TEST(SystemFaults, ThreadCalls_FailWithTheirResultAndLine) {
     });
 }
 
-TEST(SystemFaults, ClockCalls_FailWithTheirResult) {
+TEST(SystemFaults, ClocksGiveTheirResult_WhateverCallFails) {
     typedef CCmSystemTable T;
     typedef CCmClockTable Clock;
     const ScopedEntry<decltype(g_cmSystem.pthread_cond_timedwait)> wait(
@@ -522,7 +522,7 @@ TEST(SystemFaults, ClockCalls_FailWithTheirResult) {
     });
 }
 
-TEST(SystemFaults, NetworkCalls_FailWithTheirResultAndLine) {
+TEST(SystemFaults, NetworkGivesResultAndLine_WhateverCallFails) {
     typedef CCmSystemTable T;
     const ScopedEntry<decltype(g_cmSystem.gethostbyname)> resolver(g_cmSystem.gethostbyname,
                                                                    &Localhost);
@@ -568,7 +568,7 @@ ssize_t ReadThatWaits(int aFile, void* aBuffer, size_t aSize) {
     return ::read(aFile, aBuffer, aSize);
 }
 
-TEST(SystemFaults, ProfileCalls_FailWithTheirResult) {
+TEST(SystemFaults, ProfilesGiveTheirResult_WhateverCallFails) {
     typedef CCmSystemTable T;
     const kelto_test::ScopedHome home;
     const std::string sProfile = home.path() + "profile";
@@ -664,7 +664,7 @@ class SystemFaultsTraceFile : public testing::Test {
     const std::string m_sPath = m_home.path() + "trace";
 };
 
-TEST_F(SystemFaultsTraceFile, CallsOfABufferedLine_FailWithTheirResult) {
+TEST_F(SystemFaultsTraceFile, WriteGivesItsResult_WhateverCallFails) {
     typedef CCmSystemTable T;
     CCmT120TraceFile file(m_sPath.c_str(), 0, 0, 0);
     ASSERT_EQ(CM_OK, file.attach());
@@ -682,7 +682,7 @@ TEST_F(SystemFaultsTraceFile, CallsOfABufferedLine_FailWithTheirResult) {
     });
 }
 
-TEST_F(SystemFaultsTraceFile, CallsOfASharedLine_FailWithTheirResult) {
+TEST_F(SystemFaultsTraceFile, WriteSharedGivesItsResult_WhateverCallFails) {
     typedef CCmSystemTable T;
     CCmT120TraceFile file(m_sPath.c_str(), 0, 1, 0);
     ASSERT_EQ(CM_OK, file.attach());
@@ -698,7 +698,7 @@ TEST_F(SystemFaultsTraceFile, CallsOfASharedLine_FailWithTheirResult) {
     });
 }
 
-TEST_F(SystemFaultsTraceFile, Truncation_MayFail) {
+TEST_F(SystemFaultsTraceFile, GoesOn_WhenTruncationFails) {
     typedef CCmSystemTable T;
     CCmT120TraceFile file(m_sPath.c_str(), 100, 1, 0);
     ASSERT_EQ(CM_OK, file.attach());
@@ -715,7 +715,7 @@ TEST_F(SystemFaultsTraceFile, Truncation_MayFail) {
     });
 }
 
-TEST_F(SystemFaultsTraceFile, CallsThatOpenIt_FailWithTheirResult) {
+TEST_F(SystemFaultsTraceFile, AttachGivesItsResult_WhateverCallFails) {
     typedef CCmSystemTable T;
     constexpr long FAILURE = CM_ERROR_FAILURE;
     const auto attach = [this] { return Attach(); };
@@ -734,7 +734,7 @@ TEST_F(SystemFaultsTraceFile, CallsThatOpenIt_FailWithTheirResult) {
     });
 }
 
-TEST_F(SystemFaultsTraceFile, CallsOfTheFilter_FailWithTheirResult) {
+TEST_F(SystemFaultsTraceFile, FilterGivesItsResult_WhateverCallFails) {
     typedef CCmSystemTable T;
     const std::string sFilter = m_home.path() + "conf/keltoexp.filter";
     kelto_test::WriteFile(sFilter, "net");
@@ -761,7 +761,7 @@ TEST_F(SystemFaultsTraceFile, CallsOfTheFilter_FailWithTheirResult) {
     CCmT120TraceFileMgr::init_reg_filter();
 }
 
-TEST_F(SystemFaultsTraceFile, Memory_MayRunOut) {
+TEST_F(SystemFaultsTraceFile, GoesOn_WithoutMemory) {
     typedef CCmSystemTable T;
     const auto writeAnew = [this] {
         CCmT120TraceFile file(m_sPath.c_str(), 0, 0, 0);
@@ -795,7 +795,7 @@ TEST_F(SystemFaultsTraceFile, Memory_MayRunOut) {
     });
 }
 
-TEST(SystemFaults, MemoryOfALogStream_MayRunOut) {
+TEST(SystemFaults, LogStreamGoesOn_WithoutMemory) {
     typedef CCmSystemTable T;
     // Whether a text arrives; what could not be held is lost.
     const auto insert = [] {

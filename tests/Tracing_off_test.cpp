@@ -50,7 +50,7 @@ void InSilence(const std::function<void()>& aBody) {
               }));
 }
 
-TEST(TracingOff, Mutexes_WorkOnWhereACallFails) {
+TEST(TracingOff, MutexesWorkOn_WhenACallFails) {
     InSilence([]() CM_NO_THREAD_SAFETY_ANALYSIS {
         {
             FailingCall<&T::pthread_mutex_init> fault(0, EAGAIN);
@@ -77,7 +77,7 @@ TEST(TracingOff, Mutexes_WorkOnWhereACallFails) {
     });
 }
 
-TEST(TracingOff, Conditions_ReturnTheFailureOfACall) {
+TEST(TracingOff, ConditionsReturnTheFailure_WhenACallFails) {
     InSilence([]() CM_NO_THREAD_SAFETY_ANALYSIS {
         CCmMutexThread mutex;
         {
@@ -102,7 +102,7 @@ TEST(TracingOff, Conditions_ReturnTheFailureOfACall) {
     });
 }
 
-TEST(TracingOff, Semaphores_ReturnTheFailureOfACall) {
+TEST(TracingOff, SemaphoresReturnTheFailure_WhenACallFails) {
     InSilence([]() CM_NO_THREAD_SAFETY_ANALYSIS {
         {
             FailingCall<&T::sem_init> fault(ENOSPC);
@@ -130,14 +130,14 @@ CmResult CreateWorker(bool aWithTimers) {
     return rv;
 }
 
-TEST(TracingOff, Workers_LiveAndEnd) {
+TEST(TracingOff, WorkersLiveAndEnd) {
     InSilence([] {
         EXPECT_EQ(CM_OK, CreateWorker(false));
         EXPECT_EQ(CM_OK, CreateWorker(true));
     });
 }
 
-TEST(TracingOff, Workers_AreNotCreated_WhenACallFails) {
+TEST(TracingOff, WorkersAreNotCreated_WhenACallFails) {
     InSilence([] {
         {
             FailingCall<&T::pthread_attr_init> fault(0, ENOMEM);
@@ -157,7 +157,7 @@ class IdleThread : public ACmThread {
     void OnThreadRun() override {}
 };
 
-TEST(TracingOff, Threads_AreCreatedWithoutAType) {
+TEST(TracingOff, ThreadsAreCreated_WithoutAType) {
     InSilence([] {
         ACmThread* pThread = new IdleThread;
         EXPECT_EQ(CM_OK, pThread->Create(TT_UNKNOWN, TF_JOINABLE, 0));
@@ -170,7 +170,7 @@ TEST(TracingOff, Threads_AreCreatedWithoutAType) {
     });
 }
 
-TEST(TracingOff, EventQueue_EndsWhatItRefuses) {
+TEST(TracingOff, EventQueueEndsTheEvent_WhenItRefuses) {
     InSilence([] {
         EventLog log;
         CCmEventQueueUsingConditionVariable queue;
@@ -182,7 +182,7 @@ TEST(TracingOff, EventQueue_EndsWhatItRefuses) {
     });
 }
 
-TEST(TracingOff, EventQueue_TakesEventsWhenItIsLong) {
+TEST(TracingOff, EventQueueTakesEvents_WhenItIsLong) {
     InSilence([] {
         ScopedClock clock(1000);
         EventLog log;
@@ -196,7 +196,7 @@ TEST(TracingOff, EventQueue_TakesEventsWhenItIsLong) {
     });
 }
 
-TEST(TracingOff, EventQueue_RunsASlowEvent) {
+TEST(TracingOff, EventQueueRunsTheEvent_WhenItIsSlow) {
     InSilence([] {
         ScopedClock clock;
         EventLog log;
@@ -209,7 +209,7 @@ TEST(TracingOff, EventQueue_RunsASlowEvent) {
     });
 }
 
-TEST(TracingOff, EventQueue_WaitsNoLongerThanItsCondition) {
+TEST(TracingOff, EventQueueWaitsNoLongerThanItsCondition) {
     InSilence([] {
         CCmEventQueueUsingConditionVariable queue;
         std::list<ICmEvent*> events;
@@ -220,7 +220,7 @@ TEST(TracingOff, EventQueue_WaitsNoLongerThanItsCondition) {
     });
 }
 
-TEST(TracingOff, MessageBlocks_RefuseWhatTheyCannotDo) {
+TEST(TracingOff, MessageBlocksRefuseWhatTheyCannotDo) {
     InSilence([] {
         CCmMessageBlock block(4);
         EXPECT_EQ(CM_ERROR_FAILURE, block.SetData(8, nullptr, 0, 0));
@@ -237,7 +237,7 @@ TEST(TracingOff, MessageBlocks_RefuseWhatTheyCannotDo) {
     });
 }
 
-TEST(TracingOff, MessageBlocks_DuplicateWhatFollowsACut) {
+TEST(TracingOff, MessageBlocksDuplicateWhatFollows_AfterACut) {
     InSilence([] {
         CCmMessageBlock first(4, "abcd", 0, 4);
         CCmMessageBlock second(3, "efg", 0, 3);
@@ -248,7 +248,7 @@ TEST(TracingOff, MessageBlocks_DuplicateWhatFollowsACut) {
     });
 }
 
-TEST(TracingOff, Timers_AreClampedToTheWheel) {
+TEST(TracingOff, TimersAreClampedToTheWheel) {
     InSilence([] {
         ScopedClock clock;
         kelto_test::CountingHandler handler;
@@ -258,14 +258,14 @@ TEST(TracingOff, Timers_AreClampedToTheWheel) {
     });
 }
 
-TEST(TracingOff, TimerWrapper_IsRefusedWithoutAQueue) {
+TEST(TracingOff, TimerWrapperIsRefused_WithoutAQueue) {
     InSilence([] {
         CCmTimerWrapperID timer;
         EXPECT_EQ(CM_ERROR_NULL_POINTER, timer.Schedule(nullptr, CCmTimeValue(1), 1));
     });
 }
 
-TEST(TracingOff, Assertions_ReturnTheirResult) {
+TEST(TracingOff, AssertionsReturnTheirResult) {
     InSilence([] {
         CCmEventQueueBase queue;
         EXPECT_EQ(CM_ERROR_INVALID_ARG, queue.SendEvent(nullptr));
@@ -274,14 +274,14 @@ TEST(TracingOff, Assertions_ReturnTheirResult) {
     });
 }
 
-TEST(TracingOff, Url_TellsWhetherItTookTheText) {
+TEST(TracingOff, UrlTellsWhetherItTookTheText) {
     InSilence([] {
         EXPECT_TRUE(CCmHttpUrl().Init("http://host/"));
         EXPECT_FALSE(CCmHttpUrl().Init("nothing://host/"));
     });
 }
 
-TEST(TracingOff, Addresses_AreNotMadeUp) {
+TEST(TracingOff, AddressesAreNotMadeUp) {
     InSilence([] {
         char szName[] = "host";
         char szIp[CM_IP_TEXT_SIZE] = "before";
@@ -293,7 +293,7 @@ TEST(TracingOff, Addresses_AreNotMadeUp) {
     });
 }
 
-TEST(TracingOff, LocalAddresses_AreListed) {
+TEST(TracingOff, LocalAddressesAreListed) {
     InSilence([] {
         local_addr* pList = nullptr;
         EXPECT_EQ(0, get_local_addr(&pList));
@@ -301,14 +301,14 @@ TEST(TracingOff, LocalAddresses_AreListed) {
     });
 }
 
-TEST(TracingOff, LeadingId_HasNoMachine_WhenTheHostNameFails) {
+TEST(TracingOff, LeadingIdHasNoMachine_WhenTheHostNameFails) {
     InSilence([] {
         FailingCall<&T::gethostname> fault(EFAULT);
         EXPECT_STREQ("T..", get_leading_id());
     });
 }
 
-TEST(TracingOff, Sleep_Ends_WhenItsCallFails) {
+TEST(TracingOff, SleepEnds_WhenItsCallFails) {
     InSilence([] {
         FailingCall<&T::nanosleep> fault(EINVAL, -1, 1, kelto_test::Failing::FROM_THERE_ON);
         SleepMs(1000000);
@@ -318,7 +318,7 @@ TEST(TracingOff, Sleep_Ends_WhenItsCallFails) {
 
 class Single {};
 
-TEST(TracingOff, Singletons_AreMadeAgainAfterTheCleanup) {
+TEST(TracingOff, SingletonsAreMadeAgain_AfterTheCleanup) {
     InSilence([] {
         EXPECT_NE(nullptr, CCmSingletonT<Single>::Instance());
         CCmCleanUpBase::CleanupAll();

@@ -8,8 +8,9 @@
 #include <unistd.h>
 
 #include <cstring>
-#include <future>
 #include <string>
+
+#include "support/Gate.h"
 
 namespace {
 
@@ -27,7 +28,7 @@ bool IsLoaded(const char* aPath) {
 // Loads a library and closes it again.
 class Unload : public testing::TestWithParam<const char*> {};
 
-TEST_P(Unload, Library_Stays_WhenItIsClosed) {
+TEST_P(Unload, LibraryStays_WhenItIsClosed) {
     ASSERT_FALSE(IsLoaded(GetParam()));
     void* hLibrary = dlopen(GetParam(), RTLD_NOW | RTLD_LOCAL);
     ASSERT_NE(nullptr, hLibrary) << dlerror();
@@ -42,8 +43,8 @@ INSTANTIATE_TEST_SUITE_P(Libraries, Unload,
 // Steps of the thread and of its host.
 struct Steps {
     Trace pfnTrace = nullptr;
-    std::promise<void> traced;
-    std::promise<void> closed;
+    kelto_test::Gate traced;
+    kelto_test::Gate closed;
 };
 
 void* TraceInPieces(void* aSteps) {
@@ -52,8 +53,8 @@ void* TraceInPieces(void* aSteps) {
     char achPrefix[256] = {};
     pSteps->pfnTrace(2, "MAC", achPrefix, sPiece.c_str());
     pSteps->pfnTrace(2, "MAC", achPrefix, "the end of the line");
-    pSteps->traced.set_value();
-    pSteps->closed.get_future().wait();
+    pSteps->traced.Open();
+    pSteps->closed.Wait();
     return nullptr;
 }
 
@@ -70,9 +71,11 @@ int EndThreadAfterClosing() {
     if (pthread_create(&thread, nullptr, TraceInPieces, &steps) != 0) {
         return 3;
     }
-    steps.traced.get_future().wait();
+    if (!steps.traced.Wait()) {
+        return 4;
+    }
     dlclose(hLibrary);
-    steps.closed.set_value();
+    steps.closed.Open();
     return pthread_join(thread, nullptr);
 }
 

@@ -14,8 +14,10 @@ A public header must give each name to hosts: by a public or protected declarati
 of a class that hosts can name. What is left are steps of the library's own. Those that hosts' code
 refers to without naming them stand in cmake/exports-inner.txt, each with what refers to it:
 
-    NAME  <-  CALLER      an inline function or a template of a public header that calls NAME
+    NAME  <-  CALLER      an inline function, a template or a class of a public header that calls NAME
+                          or, where NAME is a table, derives from its class
     NAME  <-  virtual     a private virtual function: the tables of derived classes hold its address
+    NAME  <-  stated      private, and part of the binary interface all the same
 
 A line there that is not, or no longer, so is an error as well. clang++ reads the headers.
 """
@@ -54,6 +56,7 @@ PROCESSORS = {0x01000007: "x86_64", 0x0100000C: ARM64}  # of Mach-O
 TABLES = re.compile(r"(?:vtable|typeinfo name|typeinfo|VTT) for (.*)")
 THUNKS = re.compile(r"(?:(?:non-)?virtual thunk|covariant return thunk) to (.*)")
 VIRTUAL = "virtual"
+STATED = "stated"
 
 
 def output_of(*command, text=None):
@@ -128,6 +131,12 @@ def without_lone_types(listed):
     return result
 
 
+def class_of(node):
+    """The name of the class that a node is of."""
+    name = node["type"].get("desugaredQualType", node["type"]["qualType"])
+    return qualified_name(name.replace("const ", ""))
+
+
 class Headers:
     """What the headers of a directory declare, and which of it their inline code refers to."""
 
@@ -141,11 +150,13 @@ class Headers:
         self.patterns = {}      # id of a variable or of a declaration in a template: qualified name
         self.scopes = {}        # id of a class: the names around its members
         self.constructors = {}  # (class, type): mangled name
-        self.uses = []          # (caller, id or (class, type))
+        self.uses = []          # (caller, id or (class, type) or qualified name)
         for file, node in self.read():
             self.file, self.line = file, 0
             self.walk(node, [], True, False, "")
         for caller, used in self.uses:
+            if isinstance(used, str) and not used.startswith("0x"):
+                self.callers[used].add(caller)
             for known in (self.names, self.constructors, self.patterns):
                 if used in known:
                     self.callers[known[used]].add(caller)
@@ -212,7 +223,7 @@ class Headers:
             self.scopes[node["id"]] = within
         if kind in CLASSES and name and is_open:
             self.given.add("class " + "::".join(within))
-        self.note_use(node, caller)
+        self.note_use(node, caller or "::".join(within))
         if kind in CLASSES:
             is_final = any(child.get("kind") == "FinalAttr" for child in inner)
         access = "private" if node.get("tagUsed") == "class" else "public"
@@ -242,15 +253,27 @@ class Headers:
             self.virtual.add(name)
 
     def note_use(self, node, caller):
-        if not caller:
-            return
         if "referencedMemberDecl" in node:
             self.uses.append((caller, node["referencedMemberDecl"]))
         if "referencedDecl" in node:
             self.uses.append((caller, node["referencedDecl"].get("id")))
         if "ctorType" in node:
-            type_name = node["type"].get("desugaredQualType", node["type"]["qualType"])
-            self.uses.append((caller, (type_name.replace("const ", ""), node["ctorType"]["qualType"])))
+            self.uses.append((caller, (class_of(node), node["ctorType"]["qualType"])))
+        # What no expression names: the destructors of objects, and what a derived class or another
+        # constructor takes of a class.
+        if node.get("kind") in ("VarDecl", "FieldDecl"):
+            self.note_class(caller, class_of(node), "~")
+        if node.get("kind") == "FriendDecl" and "<" in node.get("type", {}).get("qualType", ""):
+            self.note_class(class_of(node), caller, "", "~")  # a template that makes and ends it
+        for base in node.get("bases", []):
+            self.uses.append((caller, "class " + class_of(base)))
+            self.note_class(caller, class_of(base), "", "~")
+        if "baseInit" in node:
+            self.note_class(caller, class_of({"type": node["baseInit"]}), "")
+
+    def note_class(self, caller, name, *marks):
+        for mark in marks:
+            self.uses.append((caller, f"{name}::{mark}{name.rpartition('::')[2]}"))
 
 
 class Gifts:
@@ -270,7 +293,7 @@ class Gifts:
             return self.gives(thunk[1])
         table = TABLES.fullmatch(name)
         if table:
-            return re.sub(r"<.*", "", table[1]) in self.classes
+            return qualified_name(table[1]) in self.classes
         return name in self.names
 
     def refers(self, caller, name):
@@ -279,7 +302,9 @@ class Gifts:
         return caller in self.callers_of(name)
 
     def callers_of(self, name):
-        return self.callers.get(name) or self.callers.get(qualified_name(name), ())
+        table = TABLES.fullmatch(name)
+        names = ["class " + qualified_name(table[1])] if table else [name, qualified_name(name)]
+        return set().union(*(self.callers.get(name, ()) for name in names))
 
 
 def without_reason(names, headers, inner):
@@ -296,7 +321,9 @@ def without_reason(names, headers, inner):
             faults[inner.name].append(f"not exported: {name}")
         elif gifts.gives(name):
             faults[inner.name].append(f"given by a public declaration: {name}")
-        elif not gifts.refers(caller, name):
+        elif caller == STATED and name not in gifts.places:
+            faults[inner.name].append(f"in no public header: {name}")
+        elif caller != STATED and not gifts.refers(caller, name):
             faults[inner.name].append(f"not called by {caller}: {name}")
     for name in sorted(names):
         if name not in explained and not gifts.gives(name):

@@ -72,8 +72,21 @@ inline bool CmEqualsNoCase(std::string_view aLeft, std::string_view aRight) {
     return true;
 }
 
-inline bool CmStartsWithNoCase(std::string_view aText, std::string_view aPrefix) {
-    return CmEqualsNoCase(aText.substr(0, aPrefix.size()), aPrefix);
+// The same for a word that is known to be in lower case, at less cost.
+inline bool CmEqualsWord(std::string_view aText, std::string_view aWord) {
+    if (aText.size() != aWord.size()) {
+        return false;
+    }
+    for (size_t i = 0; i < aText.size(); ++i) {
+        if (CmToLower(aText[i]) != aWord[i]) {
+            return false;
+        }
+    }
+    return true;
+}
+
+inline bool CmStartsWithWord(std::string_view aText, std::string_view aWord) {
+    return CmEqualsWord(aText.substr(0, aWord.size()), aWord);
 }
 
 }  // namespace UTIL_NS

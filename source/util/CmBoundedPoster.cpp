@@ -6,8 +6,8 @@
 #include "CmCancel.h"
 #include "CmConditionSteps.h"
 #include "CmConditionVariable.h"
+#include "CmEventQueueSteps.h"
 #include "CmLifeGuard.h"
-#include "CmQueueOwner.h"
 #include "CmScopedLock.h"
 #include "CmTimedCalls.h"
 #include "CmUtilTemplates.h"
@@ -69,11 +69,11 @@ struct CCmBoundedPoster::CState final : CCmReferenceControlT<CCmMutexThread> {
     void End() { m_Guard.End(); }
 
   private:
-    // One that waits, on its own stack.
+    // One that waits, on its own stack, in a list with the longest first.
     struct CWaiter {
         explicit CWaiter(CState& aState) CM_REQUIRES(aState.m_Mutex) : m_State(aState) {
-            *m_State.m_ppEnd = this;
-            m_State.m_ppEnd = &m_pNext;
+            *m_State.m_ppTail = this;
+            m_State.m_ppTail = &m_pNext;
         }
         ~CWaiter() CM_NO_THREAD_SAFETY_ANALYSIS { m_State.Unlink_l(*this); }
         CWaiter(const CWaiter&) = delete;
@@ -85,7 +85,8 @@ struct CCmBoundedPoster::CState final : CCmReferenceControlT<CCmMutexThread> {
         bool m_bLinked = true;
     };
 
-    // To the one that has waited longest, if any.
+    // To the one that has waited longest, if any: the count then stays. All are woken, as a
+    // condition does not wake a particular one; the others go on waiting.
     void GiveRoom_l() CM_REQUIRES(m_Mutex) {
         CWaiter* pWaiter = m_pFirst;
         if (pWaiter == nullptr) {
@@ -105,8 +106,8 @@ struct CCmBoundedPoster::CState final : CCmReferenceControlT<CCmMutexThread> {
             ppWaiter = &(*ppWaiter)->m_pNext;
         }
         *ppWaiter = aWaiter.m_pNext;
-        if (m_ppEnd == &aWaiter.m_pNext) {
-            m_ppEnd = ppWaiter;
+        if (m_ppTail == &aWaiter.m_pNext) {
+            m_ppTail = ppWaiter;
         }
         aWaiter.m_bLinked = false;
     }
@@ -119,7 +120,7 @@ struct CCmBoundedPoster::CState final : CCmReferenceControlT<CCmMutexThread> {
     DWORD m_dwCount CM_GUARDED_BY(m_Mutex) = 0;
     bool m_bWasFull CM_GUARDED_BY(m_Mutex) = false;
     CWaiter* m_pFirst CM_GUARDED_BY(m_Mutex) = nullptr;
-    CWaiter** m_ppEnd CM_GUARDED_BY(m_Mutex) = &m_pFirst;
+    CWaiter** m_ppTail CM_GUARDED_BY(m_Mutex) = &m_pFirst;
     CCmLifeGuard m_Guard;
 };
 
@@ -167,7 +168,7 @@ CmResult CCmBoundedPoster::TakeRoom(const CCmTimeValue* aLimit) {
     if (CM_FAILED(rv)) {
         return rv;
     }
-    const bool bWaits = aLimit != nullptr && !CCmQueueOwner::IsOwnThread(m_Queue);
+    const bool bWaits = aLimit != nullptr && !CCmEventQueueSteps::IsOwnThread(m_Queue);
     const long long llDeadline = bWaits ? CmLaterNsec(CmMonotonicNsec(), *aLimit) : CM_NEVER_NSEC;
     return m_pState->TakeRoom(bWaits, llDeadline);
 }

@@ -2,8 +2,8 @@
 
 #include "CmCancel.h"
 #include "CmConditionSteps.h"
+#include "CmEventQueueSteps.h"
 #include "CmNsec.h"
-#include "CmQueueOwner.h"
 #include "CmScopedLock.h"
 
 namespace UTIL_NS {
@@ -22,7 +22,7 @@ enum ECall : int {
 
 }  // namespace
 
-bool CCmQueueOwner::IsOwnThread(ICmEventQueue& aQueue) {
+bool CCmEventQueueSteps::IsOwnThread(ICmEventQueue& aQueue) {
     if (const auto* pQueue = dynamic_cast<CCmEventQueueBase*>(&aQueue)) {
         return IsEqualCurrentThread(pQueue->m_Tid.load(std::memory_order_relaxed));
     }
@@ -77,7 +77,7 @@ void ACmCallEvent::WakeCaller_i() {
 CmResult ACmCallEvent::Call(ICmEventQueue& aQueue, const CCmTimeValue* aLimit) {
     const CCmDisableCancel disableCancel;
     const bool bLimited = aLimit != nullptr && *aLimit < CCmTimeValue::s_tvMax;
-    const CmResult rv = bLimited && !CCmQueueOwner::IsOwnThread(aQueue)
+    const CmResult rv = bLimited && !CCmEventQueueSteps::IsOwnThread(aQueue)
                             ? CallWithin_i(aQueue, *aLimit)
                             : aQueue.SendEvent(this);
     if (CM_FAILED(rv)) {

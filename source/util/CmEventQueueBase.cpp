@@ -5,8 +5,12 @@
 
 #include "CmCancel.h"
 #include "CmConditionSteps.h"
+#include "CmEventQueueSteps.h"
+#include "CmListNode.h"
+#include "CmPrivateState.h"
 #include "CmScopedLock.h"
 #include "CmSystem.h"
+#include "CmThreadAnnotations.h"
 #include "CmTraceLine.h"
 #include "port/CmPort.h"
 
@@ -14,18 +18,27 @@ namespace UTIL_NS {
 
 namespace {
 
-constexpr CCmTimeValue WATCH_INTERVAL(3);  // between two looks at the size
+// A post looks at the size of its queue once in this time.
+constexpr CCmTimeValue WATCH_INTERVAL(3);
+// Every post reads the coarse clock, which is cheap and late by up to CM_PORT_COARSE_USEC. While it
+// says that no more than this has passed, the interval is not over by the exact clock either.
 constexpr CCmTimeValue WATCH_PAUSE = WATCH_INTERVAL - CCmTimeValue(0, CM_PORT_COARSE_USEC);
-constexpr DWORD LONG_QUEUE_SIZE = 101;        // reported from here on
-constexpr size_t SPARES_AT_LEAST = 256;       // list nodes that a queue may keep
-constexpr size_t SPARES_AT_MOST = 16384;      // even if its last pass took more
-constexpr DWORD NO_WAIT = 0;                  // no wait has this number
-constexpr long SENDERS_NAP_NSEC = 50 * 1000;  // between two looks for busy senders
+// The first size of "more than 100 events", from which the line is written.
+constexpr DWORD LONG_QUEUE_SIZE = 101;
 
-// Release: whoever finds no busy sender left comes after all that this one did.
-void CountOut(std::atomic<long>& aBusySenders) {
-    aBusySenders.fetch_sub(1, std::memory_order_release);
-}
+// How many list nodes a queue keeps for coming posts: as many as the last pass of its consumer had,
+// since the next one may have as many. At least 8 KiB of them, so that passes of one event and of a
+// few by turns do not free and allocate all the time; at most 512 KiB, so that a burst does not
+// cost its memory for good.
+constexpr size_t SPARES_AT_LEAST = 256;
+constexpr size_t SPARES_AT_MOST = 16384;
+
+// Waits of a consumer are numbered from 1.
+constexpr DWORD NO_WAIT = 0;
+
+// Between two looks for busy senders. They are busy for as long as a post takes, so a queue that
+// ends hardly ever has to look twice, and a condition would cost every send.
+constexpr long SENDERS_NAP_NSEC = 50 * 1000;
 
 void EndEach(std::list<ICmEvent*>& aEvents) {
     while (!aEvents.empty()) {
@@ -35,21 +48,18 @@ void EndEach(std::list<ICmEvent*>& aEvents) {
     }
 }
 
+// The same when the thread is cancelled in the end of one of them: the handler ends the others.
+void EndAll(std::list<ICmEvent*>& aEvents) {
+    CCmCleanUpT endRest([&aEvents] { EndEach(aEvents); });
+    EndEach(aEvents);
+    endRest.Release();
+}
+
 CmResult FireAndEnd(ICmEvent* aEvent) {
     CCmCleanUpT end([aEvent] { aEvent->OnDestorySelf(); });
     const CmResult rv = aEvent->OnEventFire();
     end.Execute();
     return rv;
-}
-
-// Gives aList one node. CM_OK or CM_ERROR_OUT_OF_MEMORY.
-CmResult AddNode(std::list<ICmEvent*>& aList, ICmEvent* aEvent) {
-    try {
-        aList.push_back(aEvent);
-    } catch (const std::bad_alloc&) {
-        return CM_ERROR_OUT_OF_MEMORY;
-    }
-    return CM_OK;
 }
 
 }  // namespace
@@ -66,21 +76,95 @@ ICmEventQueue::~ICmEventQueue() = default;
 
 const CCmTimeValue CCmEventQueueBase::s_tvReportInterval(0, 50000);
 
-struct CCmEventQueueBase::CPosting {
-    explicit CPosting(ICmEvent* aEvent) : m_pEvent(aEvent) {}
+// Counts the senders that touch the queue: those that are posting, and those whose event has run
+// and who have yet to post its wrapper back. Those that wait do not touch it.
+class CCmEventQueueBase::CState {
+  public:
+    void CountSenderIn() { m_lBusySenders.fetch_add(1, std::memory_order_relaxed); }
+    // Release: whoever finds no busy sender left comes after all that this one did.
+    void CountSenderOut() { m_lBusySenders.fetch_sub(1, std::memory_order_release); }
+    bool HasBusySenders() const { return m_lBusySenders.load(std::memory_order_acquire) != 0; }
 
-    ICmEvent* m_pEvent;
-    std::list<ICmEvent*> m_Node;  // the node to append, unless a spare one is to be used
+  private:
+    std::atomic<long> m_lBusySenders{0};
+};
+
+// One post, in three steps: what takes time is done before the queue's lock is taken and after it
+// was released.
+class CCmEventQueueSteps::CPosting {
+  public:
+    CPosting(CCmEventQueueBase& aQueue, ICmEvent* aEvent) : m_Queue(aQueue), m_pEvent(aEvent) {}
+    CPosting(const CPosting&) = delete;
+    CPosting& operator=(const CPosting&) = delete;
+
+    // Before the lock. aNeedsNode: whether to allocate the list node here.
+    CmResult Prepare(bool aNeedsNode) {
+        if (CM_UNLIKELY(m_Queue.m_bIsStopped.load(std::memory_order_relaxed))) {
+            return CM_ERROR_NOT_INITIALIZED;
+        }
+        g_cmClock.coarse_gettimeofday(&m_tvCoarseNow, nullptr);
+        return aNeedsNode ? CmAddNode(m_Node, m_pEvent) : CM_OK;
+    }
+    bool HasNode() const { return !m_Node.empty(); }
+    // Under the lock, with the node of Prepare.
+    CmResult Append() { return Append(m_Node); }
+    // The same with the first node of aNodes, which has one.
+    CmResult Append(std::list<ICmEvent*>& aNodes) {
+        // Looked at again: a consumer that ends closes the queue under the lock.
+        if (CM_UNLIKELY(m_Queue.m_bIsStopped.load(std::memory_order_relaxed))) {
+            return CM_ERROR_NOT_INITIALIZED;
+        }
+        m_Queue.m_Events.splice(m_Queue.m_Events.end(), aNodes, aNodes.begin());
+        m_Queue.m_Events.back() = m_pEvent;
+        const DWORD dwSize = m_Queue.m_dwSize.load(std::memory_order_relaxed) + 1;
+        m_Queue.m_dwSize.store(dwSize, std::memory_order_relaxed);
+        WatchSize(dwSize);
+        return CM_OK;
+    }
+    // After the lock was released: writes the lines and ends what is refused.
+    void Conclude(CmResult aResult) {
+        if (CM_UNLIKELY(m_dwReportSize != 0)) {
+            CM_WARNING_TRACE("CCmEventQueueBase::PostEvent, m_dwSize="
+                             << m_dwReportSize << " m_Tid="
+                             << (unsigned long)m_Queue.m_Tid.load(std::memory_order_relaxed)
+                             << " this=" << CmTraceAddress(&m_Queue));
+        }
+        if (CM_SUCCEEDED(aResult)) {
+            return;
+        }
+        if (aResult == CM_ERROR_NOT_INITIALIZED) {
+            CM_WARNING_TRACE("CCmEventQueueBase::PostEvent, has been stopped. this="
+                             << CmTraceAddress(&m_Queue));
+        }
+        m_Node.clear();  // a thread that is cancelled in the end of the event may not unwind
+        m_pEvent->OnDestorySelf();
+    }
+
+  private:
+    void WatchSize(DWORD aSize) {
+        if (CM_LIKELY(CCmTimeValue(m_tvCoarseNow) - m_Queue.m_tvLastReport <= WATCH_PAUSE)) {
+            return;
+        }
+        const CCmTimeValue tvNow = CCmTimeValue::GetTimeOfDay();
+        if (tvNow - m_Queue.m_tvLastReport > WATCH_INTERVAL) {
+            m_Queue.m_tvLastReport = tvNow;
+            m_dwReportSize = aSize >= LONG_QUEUE_SIZE ? aSize : 0;
+        }
+    }
+
+    CCmEventQueueBase& m_Queue;
+    ICmEvent* const m_pEvent;
+    std::list<ICmEvent*> m_Node;  // empty when a spare one is to be used
     timeval m_tvCoarseNow = {};
     DWORD m_dwReportSize = 0;  // the size that is to be reported, if any
 };
 
-// Runs events one after the other. Each starts when the one before it has ended.
-class CCmEventQueueBase::CPass {
+// Runs events one after the other. Each is timed from the end of the one before, so that the clock
+// is read once an event.
+class CCmEventQueueSteps::CPass {
   public:
-    explicit CPass(CCmEventQueueBase& aQueue) : CPass(aQueue, CCmTimeValue::GetTimeOfDay()) {}
-    CPass(CCmEventQueueBase& aQueue, const CCmTimeValue& aStart)
-        : m_Queue(aQueue), m_pFiring(nullptr), m_tvStart(aStart) {}
+    explicit CPass(CCmEventQueueBase& aQueue)
+        : m_Queue(aQueue), m_pFiring(nullptr), m_tvStart(CCmTimeValue::GetTimeOfDay()) {}
     CPass(const CPass&) = delete;
     CPass& operator=(const CPass&) = delete;
 
@@ -93,18 +177,17 @@ class CCmEventQueueBase::CPass {
         const CCmTimeValue tvEnd = CCmTimeValue::GetTimeOfDay();
         const CCmTimeValue tvElapsed = tvEnd - m_tvStart;
         m_tvStart = tvEnd;
-        if (CM_UNLIKELY(tvElapsed > s_tvReportInterval)) {
+        if (CM_UNLIKELY(tvElapsed > CCmEventQueueBase::s_tvReportInterval)) {
             Report(aEvent, tvElapsed);
             m_tvStart = CCmTimeValue::GetTimeOfDay();  // the next event does not pay for the line
         }
     }
-    // For the clean-up of a thread that is cancelled: the event that was firing ends.
+    // For a thread that is cancelled: the event that was firing has begun.
     void EndFiring() {
         if (m_pFiring != nullptr) {
             m_pFiring->OnDestorySelf();
         }
     }
-    const CCmTimeValue& start() const { return m_tvStart; }
 
   private:
     void Report(ICmEvent* aEvent, const CCmTimeValue& aElapsed) const {
@@ -120,109 +203,59 @@ class CCmEventQueueBase::CPass {
     CCmTimeValue m_tvStart;
 };
 
+// The loop of every Process function: runs the events from aNext on. However it ends, by itself, by
+// aStop (may be null) or because the thread is cancelled, what has begun is ended, and aLeave gets
+// the place of the first event that has not begun, to leave it and what follows to their owner.
+template <class IteratorType, class LeaveType>
+void CCmEventQueueSteps::Run(CCmEventQueueBase& aQueue, IteratorType aNext, IteratorType aEnd,
+                             const std::atomic<bool>* aStop, LeaveType aLeave) {
+    CPass pass(aQueue);
+    CCmCleanUpT leave([&pass, &aNext, &aLeave] {
+        pass.EndFiring();
+        aLeave(aNext);
+    });
+    while (aNext != aEnd && (aStop == nullptr || !aStop->load(std::memory_order_relaxed))) {
+        ICmEvent* const pEvent = *aNext++;
+        pass.RunAndEnd(pEvent);
+    }
+    leave.Execute();
+}
+
+// Events end without the lock: they may post.
+void CCmEventQueueSteps::EndPending(CCmEventQueueBase& aQueue, CCmMutexThread& aMutex) {
+    std::list<ICmEvent*> events;
+    {
+        CCmScopedLockT<CCmMutexThread> lock(aMutex);
+        events.swap(aQueue.m_Events);
+    }
+    EndAll(events);
+}
+
 CCmEventQueueBase::CCmEventQueueBase()
     : m_dwSize(0),
       m_tvLastReport(CCmTimeValue::GetTimeOfDay()),
       m_Tid(pthread_t()),
-      m_bIsStopped(false),
-      m_lBusySenders(0) {}
+      m_bIsStopped(false) {
+    CCmPrivateRoom::Make(m_Private);
+}
 
 CCmEventQueueBase::~CCmEventQueueBase() {
     CCmDisableCancel disableCancel;
-    WaitForSenders_i();
+    WaitForSenders();
     SetStopped();  // what an event posts while it is ended is refused
     DestoryPendingEvents();
+    CCmPrivateRoom::End(m_Private);
 }
 
 CmResult CCmEventQueueBase::PostEvent(ICmEvent* aEvent, EPriority /*aPri*/) {
     CM_ASSERTE_RETURN(aEvent, CM_ERROR_INVALID_ARG);
-    CPosting posting(aEvent);
-    CmResult rv = Prepare_i(posting, true);
+    CCmEventQueueSteps::CPosting posting(*this, aEvent);
+    CmResult rv = posting.Prepare(true);
     if (CM_SUCCEEDED(rv)) {
-        rv = Append_l(posting, posting.m_Node);
+        rv = posting.Append();
     }
-    Conclude_i(posting, rv);
+    posting.Conclude(rv);
     return rv;
-}
-
-CmResult CCmEventQueueBase::Prepare_i(CPosting& aPosting, bool aNeedsNode) {
-    if (CM_UNLIKELY(m_bIsStopped.load(std::memory_order_relaxed))) {
-        return CM_ERROR_NOT_INITIALIZED;
-    }
-    g_cmClock.coarse_gettimeofday(&aPosting.m_tvCoarseNow, nullptr);
-    return aNeedsNode ? AddNode(aPosting.m_Node, aPosting.m_pEvent) : CM_OK;
-}
-
-CmResult CCmEventQueueBase::Append_l(CPosting& aPosting, std::list<ICmEvent*>& aNodes) {
-    // Looked at again: a consumer that ends closes the queue under the lock.
-    if (CM_UNLIKELY(m_bIsStopped.load(std::memory_order_relaxed))) {
-        return CM_ERROR_NOT_INITIALIZED;
-    }
-    m_Events.splice(m_Events.end(), aNodes, aNodes.begin());
-    m_Events.back() = aPosting.m_pEvent;
-    m_dwSize.store(m_dwSize.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
-    WatchSize_l(aPosting);
-    return CM_OK;
-}
-
-// Asks the exact clock only when the coarse one cannot rule out that the interval has passed.
-void CCmEventQueueBase::WatchSize_l(CPosting& aPosting) {
-    if (CM_LIKELY(CCmTimeValue(aPosting.m_tvCoarseNow) - m_tvLastReport <= WATCH_PAUSE)) {
-        return;
-    }
-    const CCmTimeValue tvNow = CCmTimeValue::GetTimeOfDay();
-    if (tvNow - m_tvLastReport > WATCH_INTERVAL) {
-        m_tvLastReport = tvNow;
-        const DWORD dwSize = m_dwSize.load(std::memory_order_relaxed);
-        aPosting.m_dwReportSize = dwSize >= LONG_QUEUE_SIZE ? dwSize : 0;
-    }
-}
-
-void CCmEventQueueBase::Conclude_i(CPosting& aPosting, CmResult aResult) {
-    if (CM_UNLIKELY(aPosting.m_dwReportSize != 0)) {
-        CM_WARNING_TRACE_THIS("CCmEventQueueBase::PostEvent, m_dwSize="
-                              << aPosting.m_dwReportSize
-                              << " m_Tid=" << (unsigned long)m_Tid.load(std::memory_order_relaxed));
-    }
-    if (CM_SUCCEEDED(aResult)) {
-        return;
-    }
-    if (aResult == CM_ERROR_NOT_INITIALIZED) {
-        CM_WARNING_TRACE_THIS("CCmEventQueueBase::PostEvent, has been stopped.");
-    }
-    aPosting.m_Node.clear();  // the thread may be cancelled in what follows
-    aPosting.m_pEvent->OnDestorySelf();
-}
-
-CmResult CCmEventQueueBase::SendEvent(ICmEvent* aEvent) {
-    CM_ASSERTE_RETURN(aEvent, CM_ERROR_INVALID_ARG);
-    if (CM_UNLIKELY(m_bIsStopped.load(std::memory_order_relaxed))) {
-        CM_WARNING_TRACE_THIS("CCmEventQueueBase::SendEvent, has been stopped.");
-        aEvent->OnDestorySelf();
-        return CM_ERROR_NOT_INITIALIZED;
-    }
-    if (IsEqualCurrentThread(m_Tid.load(std::memory_order_relaxed))) {
-        return FireAndEnd(aEvent);
-    }
-    CCmEventSynchronous* pSynchronous = new (std::nothrow) CCmEventSynchronous(aEvent, this);
-    if (pSynchronous == nullptr) {
-        aEvent->OnDestorySelf();
-        return CM_ERROR_OUT_OF_MEMORY;
-    }
-    pSynchronous->m_bHoldsQueue = true;
-    m_lBusySenders.fetch_add(1, std::memory_order_relaxed);
-    CCmCleanUpT giveUp([this, pSynchronous] {
-        pSynchronous->Abandon_i();
-        CountOut(m_lBusySenders);
-    });
-    const CmResult rv = PostEvent(pSynchronous, EPRIORITY_NORMAL);
-    giveUp.Release();
-    CountOut(m_lBusySenders);
-    if (CM_FAILED(rv)) {
-        pSynchronous->LetGo_i();  // after the queue, which has ended the event
-        return rv;
-    }
-    return pSynchronous->WaitResultAndDeleteThis();
 }
 
 DWORD CCmEventQueueBase::GetPendingEventsCount() {
@@ -269,39 +302,20 @@ CmResult CCmEventQueueBase::PopOnePendingEvent(ICmEvent*& aEvent, DWORD* aRemain
 }
 
 CmResult CCmEventQueueBase::ProcessEvents(const std::list<ICmEvent*>& aEvents) {
-    CPass pass(*this);
-    CCmCleanUpT endFiring([&pass] { pass.EndFiring(); });
-    for (ICmEvent* pEvent : aEvents) {
-        pass.RunAndEnd(pEvent);
-    }
-    endFiring.Release();
+    CCmEventQueueSteps::Run(*this, aEvents.begin(), aEvents.end(), nullptr, [](auto) {});
     return CM_OK;
 }
 
 CmResult CCmEventQueueBase::ProcessOneEvent(ICmEvent* aEvent) {
     CM_ASSERTE_RETURN(aEvent, CM_ERROR_INVALID_ARG);
-    RunAndEnd_i(aEvent, CCmTimeValue::GetTimeOfDay());
+    CCmEventQueueSteps::Run(*this, &aEvent, &aEvent + 1, nullptr, [](auto) {});
     return CM_OK;
-}
-
-CCmTimeValue CCmEventQueueBase::RunAndEnd_i(ICmEvent* aEvent, const CCmTimeValue& aStart) {
-    CPass pass(*this, aStart);
-    CCmCleanUpT endFiring([&pass] { pass.EndFiring(); });
-    pass.RunAndEnd(aEvent);
-    endFiring.Release();
-    return pass.start();
 }
 
 void CCmEventQueueBase::DestoryPendingEvents() {
     std::list<ICmEvent*> events;
     events.swap(m_Events);
-    DestoryEvents_i(events);
-}
-
-void CCmEventQueueBase::DestoryEvents_i(std::list<ICmEvent*>& aEvents) {
-    CCmCleanUpT endRest([&aEvents] { EndEach(aEvents); });
-    EndEach(aEvents);
-    endRest.Release();
+    EndAll(events);
 }
 
 void CCmEventQueueBase::BindToCurrentThread() {
@@ -312,143 +326,236 @@ void CCmEventQueueBase::SetStopped() {
     m_bIsStopped.store(true, std::memory_order_relaxed);
 }
 
-void CCmEventQueueBase::WaitForSenders_i() {
-    CCmDisableCancel disableCancel;  // for destructors
-    // Acquire: after all that the senders did with this queue.
-    while (m_lBusySenders.load(std::memory_order_acquire) != 0) {
+void CCmEventQueueBase::WaitForSenders() {
+    CCmDisableCancel disableCancel;
+    while (CCmPrivateRoom::Of(m_Private).HasBusySenders()) {
         const timespec tsNap = {0, SENDERS_NAP_NSEC};
         g_cmSystem.nanosleep(&tsNap, nullptr);
     }
+}
+
+// How far a send has come. Two take part: the queue, on whichever thread runs or ends the wrapper,
+// and the sender.
+//
+//   outcome     moved by, in               from        and then
+//   NONE        (constructor)
+//   FIRED       queue, OnEventFire         NONE        wakes the sender, which posts the wrapper
+//                                                      back: a second pass, which fires nothing
+//                                          ABANDONED   (nobody waits; the event has run)
+//   DISCARDED   queue, OnDestorySelf       NONE        wakes the sender, which keeps off the queue
+//   ABANDONED   sender, cancelled or its   NONE        the event runs or ends all the same
+//               wait failed                FIRED       gives the hold on the queue back
+//                                          DISCARDED   -
+//
+// Every move is an exchange with acquire and release: the sender that reads FIRED or DISCARDED
+// comes after the write of m_Result, and of FIRED and ABANDONED whoever moves second sees the move
+// of the other and gives the hold on the queue back, once.
+//
+// m_bHasDestoryed: false until the first of the two has let go, which leaves the wrapper to the
+// other; the second deletes it. The queue lets go in OnDestorySelf of the first pass; the sender by
+// that of the second pass, or by itself where there is none (discarded, abandoned, refused).
+// Acquire and release again: the second comes after all that the first did with it.
+//
+// m_pEvent: whoever exchanges it with null ends the event.
+class CCmEventSynchronous::CState {
+  public:
+    explicit CState(CCmEventSynchronous& aWrapper) : m_Wrapper(aWrapper) {}
+    CState(const CState&) = delete;
+    CState& operator=(const CState&) = delete;
+
+    // For the sender of a wrapper that has a queue; the caller must not touch it afterwards.
+    CmResult Send();
+    CmResult Wait();
+
+    bool IsOnItsWayBack() const {
+        // A sender that gave up has let go, too; its event still runs.
+        return m_Wrapper.m_bHasDestoryed.load(std::memory_order_acquire) &&
+               m_nOutcome.load(std::memory_order_relaxed) != OUTCOME_ABANDONED;
+    }
+    void SetFired() {
+        m_bFiredElsewhere = !IsEqualCurrentThread(m_Wrapper.m_CreatorTid);
+        HoldQueue();
+        if (m_nOutcome.exchange(OUTCOME_FIRED, std::memory_order_acq_rel) == OUTCOME_ABANDONED) {
+            ReleaseQueue();
+        }
+        Wake();
+    }
+    void DiscardUnlessFired() {
+        int nOutcome = OUTCOME_NONE;
+        if (m_nOutcome.compare_exchange_strong(nOutcome, OUTCOME_DISCARDED,
+                                               std::memory_order_acq_rel)) {
+            Wake();
+        }
+    }
+    // An event that has fired ends where it fired. A sender whose post back is refused comes to
+    // OnDestorySelf as well, perhaps before the thread that fired does.
+    bool MayEndEventHere() const {
+        return !m_bFiredElsewhere || !IsEqualCurrentThread(m_Wrapper.m_CreatorTid);
+    }
+    void EndEvent() {
+        ICmEvent* pEvent = m_Wrapper.m_pEvent.exchange(nullptr, std::memory_order_acq_rel);
+        if (pEvent != nullptr) {
+            pEvent->OnDestorySelf();
+        }
+    }
+    void LetGo() {
+        if (m_Wrapper.m_bHasDestoryed.exchange(true, std::memory_order_acq_rel)) {
+            delete &m_Wrapper;
+        }
+    }
+    void Wake() { CCmConditionSteps::SignalAfterUnlock(m_Wrapper.m_SendEvent); }
+
+  private:
+    enum EOutcome : int { OUTCOME_NONE, OUTCOME_FIRED, OUTCOME_DISCARDED, OUTCOME_ABANDONED };
+
+    void Abandon() {
+        if (m_nOutcome.exchange(OUTCOME_ABANDONED, std::memory_order_acq_rel) == OUTCOME_FIRED) {
+            ReleaseQueue();
+        }
+        LetGo();
+    }
+    // From the firing until its sender has posted the wrapper back, the queue must not go.
+    void HoldQueue() {
+        if (m_bHoldsQueue) {
+            QueueState().CountSenderIn();
+        }
+    }
+    void ReleaseQueue() {
+        if (m_bHoldsQueue) {
+            QueueState().CountSenderOut();
+        }
+    }
+    CCmEventQueueBase::CState& QueueState() {
+        return CCmPrivateRoom::Of(m_Wrapper.m_pEventQueue->m_Private);
+    }
+
+    CCmEventSynchronous& m_Wrapper;
+    std::atomic<int> m_nOutcome{OUTCOME_NONE};
+    bool m_bHoldsQueue = false;  // set by Send, before it posts
+    // On another thread than the one that made the wrapper; written before FIRED, read after it.
+    bool m_bFiredElsewhere = false;
+};
+
+CmResult CCmEventQueueBase::SendEvent(ICmEvent* aEvent) {
+    CM_ASSERTE_RETURN(aEvent, CM_ERROR_INVALID_ARG);
+    if (CM_UNLIKELY(m_bIsStopped.load(std::memory_order_relaxed))) {
+        CM_WARNING_TRACE_THIS("CCmEventQueueBase::SendEvent, has been stopped.");
+        aEvent->OnDestorySelf();
+        return CM_ERROR_NOT_INITIALIZED;
+    }
+    if (IsEqualCurrentThread(m_Tid.load(std::memory_order_relaxed))) {
+        return FireAndEnd(aEvent);
+    }
+    CCmEventSynchronous* pSynchronous = new (std::nothrow) CCmEventSynchronous(aEvent, this);
+    if (pSynchronous == nullptr) {
+        aEvent->OnDestorySelf();
+        return CM_ERROR_OUT_OF_MEMORY;
+    }
+    return CCmPrivateRoom::Of(pSynchronous->m_Private).Send();
+}
+
+CmResult CCmEventSynchronous::CState::Send() {
+    CCmEventQueueBase& queue = *m_Wrapper.m_pEventQueue;
+    CCmEventQueueBase::CState& queueState = QueueState();
+    m_bHoldsQueue = true;
+    queueState.CountSenderIn();
+    CCmCleanUpT giveUp([this, &queueState] {
+        Abandon();
+        queueState.CountSenderOut();
+    });
+    const CmResult rv = queue.PostEvent(&m_Wrapper, ICmEventQueue::EPRIORITY_NORMAL);
+    giveUp.Release();
+    queueState.CountSenderOut();
+    if (CM_FAILED(rv)) {
+        LetGo();  // the queue has ended the event and let go before
+        return rv;
+    }
+    return Wait();
+}
+
+CmResult CCmEventSynchronous::CState::Wait() {
+    CCmCleanUpT abandon([this] { Abandon(); });
+    while (m_nOutcome.load(std::memory_order_acquire) == OUTCOME_NONE) {
+        const CmResult rvWait = m_Wrapper.m_SendEvent.Wait(nullptr);
+        if (CM_FAILED(rvWait)) {
+            CM_WARNING_TRACE(
+                "CCmEventSynchronous::WaitResultAndDeleteThis, m_SendEvent.Wait() failed! this="
+                << CmTraceAddress(&m_Wrapper));
+            abandon.Execute();
+            return rvWait;
+        }
+    }
+    abandon.Release();
+    const CmResult rv = m_Wrapper.m_Result;
+    CCmEventQueueBase* const pQueue = m_Wrapper.m_pEventQueue;
+    if (pQueue == nullptr || m_nOutcome.load(std::memory_order_relaxed) == OUTCOME_DISCARDED) {
+        LetGo();  // discarded: the queue may be gone
+        return rv;
+    }
+    // The wrapper may be gone as soon as it is posted; the hold that the firing took outlives it.
+    CCmEventQueueBase::CState* const pHeld = m_bHoldsQueue ? &QueueState() : nullptr;
+    CCmCleanUpT releaseQueue([pHeld] {
+        if (pHeld != nullptr) {
+            pHeld->CountSenderOut();
+        }
+    });
+    pQueue->PostEvent(&m_Wrapper, ICmEventQueue::EPRIORITY_NORMAL);
+    releaseQueue.Execute();
+    return rv;
 }
 
 CCmEventSynchronous::CCmEventSynchronous(ICmEvent* aEvent, CCmEventQueueBase* aQueue)
     : m_pEvent(aEvent),
       m_Result(CM_ERROR_NOT_AVAILABLE),
       m_pEventQueue(aQueue),
-      m_bHasDestoryed(false),
-      m_nOutcome(OUTCOME_NONE),
-      m_bHoldsQueue(false),
-      m_bFiredElsewhere(false) {}
+      m_bHasDestoryed(false) {
+    CCmPrivateRoom::Make(m_Private, *this);
+}
 
 CCmEventSynchronous::~CCmEventSynchronous() {
+    CState& state = CCmPrivateRoom::Of(m_Private);
     if (m_pEvent.load(std::memory_order_relaxed) != nullptr) {
         CCmDisableCancel disableCancel;
-        EndEvent_i();
+        state.EndEvent();
     }
     if (!m_bHasDestoryed.load(std::memory_order_relaxed)) {
-        Wake_i();
+        state.Wake();
     }
+    CCmPrivateRoom::End(m_Private);
 }
 
 CmResult CCmEventSynchronous::OnEventFire() {
-    // A sender that gave up has let go, too; its event still runs.
-    if (m_bHasDestoryed.load(std::memory_order_acquire) &&
-        m_nOutcome.load(std::memory_order_relaxed) != OUTCOME_ABANDONED) {
+    CState& state = CCmPrivateRoom::Of(m_Private);
+    if (state.IsOnItsWayBack()) {
         return CM_OK;
     }
     ICmEvent* pEvent = m_pEvent.load(std::memory_order_relaxed);
     const CmResult rv = pEvent != nullptr ? pEvent->OnEventFire() : CM_ERROR_NULL_POINTER;
     m_Result = rv;
-    m_bFiredElsewhere = !IsEqualCurrentThread(m_CreatorTid);
-    HoldQueue_i();
-    // Release: the sender that reads the outcome reads the result after it.
-    if (m_nOutcome.exchange(OUTCOME_FIRED, std::memory_order_acq_rel) == OUTCOME_ABANDONED) {
-        ReleaseQueue_i();
-    }
-    Wake_i();
+    state.SetFired();
     return rv;
 }
 
 void CCmEventSynchronous::OnDestorySelf() {
-    CCmCleanUpT conclude([this] {
-        int nOutcome = OUTCOME_NONE;
-        if (m_nOutcome.compare_exchange_strong(nOutcome, OUTCOME_DISCARDED,
-                                               std::memory_order_acq_rel)) {
-            Wake_i();
-        }
-        LetGo_i();
+    CState& state = CCmPrivateRoom::Of(m_Private);
+    CCmCleanUpT letGo([&state] {
+        state.DiscardUnlessFired();
+        state.LetGo();
     });
-    // An event that has fired ends where it fired. The sender, whose return post is refused, comes
-    // here as well, perhaps before the thread that fired does.
-    if (!m_bFiredElsewhere || !IsEqualCurrentThread(m_CreatorTid)) {
-        EndEvent_i();
+    if (state.MayEndEventHere()) {
+        state.EndEvent();
     }
-    conclude.Execute();
+    letGo.Execute();
 }
 
 CmResult CCmEventSynchronous::WaitResultAndDeleteThis() {
-    CCmCleanUpT abandon([this] { Abandon_i(); });
-    while (m_nOutcome.load(std::memory_order_acquire) == OUTCOME_NONE) {
-        const CmResult rvWait = m_SendEvent.Wait(nullptr);
-        if (CM_FAILED(rvWait)) {
-            CM_WARNING_TRACE_THIS(
-                "CCmEventSynchronous::WaitResultAndDeleteThis, m_SendEvent.Wait() failed!");
-            abandon.Execute();
-            return rvWait;
-        }
-    }
-    abandon.Release();
-    const CmResult rv = m_Result;
-    // Discarded: the queue may be gone.
-    if (m_nOutcome.load(std::memory_order_relaxed) == OUTCOME_DISCARDED ||
-        m_pEventQueue == nullptr) {
-        LetGo_i();
-        return rv;
-    }
-    std::atomic<long>* const pBusySenders =
-        m_bHoldsQueue ? &m_pEventQueue->m_lBusySenders : nullptr;
-    CCmCleanUpT countOut([pBusySenders] {
-        if (pBusySenders != nullptr) {
-            CountOut(*pBusySenders);
-        }
-    });
-    m_pEventQueue->PostEvent(this, ICmEventQueue::EPRIORITY_NORMAL);  // may free this at once
-    countOut.Execute();
-    return rv;
-}
-
-// The first end to come leaves the wrapper to the other one.
-void CCmEventSynchronous::LetGo_i() {
-    if (m_bHasDestoryed.exchange(true, std::memory_order_acq_rel)) {
-        delete this;
-    }
-}
-
-void CCmEventSynchronous::Abandon_i() {
-    if (m_nOutcome.exchange(OUTCOME_ABANDONED, std::memory_order_acq_rel) == OUTCOME_FIRED) {
-        ReleaseQueue_i();
-    }
-    LetGo_i();
-}
-
-void CCmEventSynchronous::EndEvent_i() {
-    ICmEvent* pEvent = m_pEvent.exchange(nullptr, std::memory_order_acq_rel);
-    if (pEvent != nullptr) {
-        pEvent->OnDestorySelf();
-    }
-}
-
-void CCmEventSynchronous::Wake_i() {
-    CCmConditionSteps::SignalAfterUnlock(m_SendEvent);
-}
-
-// From the firing until its sender has posted the wrapper back, the queue must not go.
-void CCmEventSynchronous::HoldQueue_i() {
-    if (m_bHoldsQueue) {
-        m_pEventQueue->m_lBusySenders.fetch_add(1, std::memory_order_relaxed);
-    }
-}
-
-void CCmEventSynchronous::ReleaseQueue_i() {
-    if (m_bHoldsQueue) {
-        CountOut(m_pEventQueue->m_lBusySenders);
-    }
+    return CCmPrivateRoom::Of(m_Private).Wait();
 }
 
 CCmEventQueueUsingMutex::CCmEventQueueUsingMutex() = default;
 
 CCmEventQueueUsingMutex::~CCmEventQueueUsingMutex() {
-    WaitForSenders_i();
+    WaitForSenders();
 }
 
 CmResult CCmEventQueueUsingMutex::PostEvent(ICmEvent* aEvent, EPriority aPri) {
@@ -457,19 +564,19 @@ CmResult CCmEventQueueUsingMutex::PostEvent(ICmEvent* aEvent, EPriority aPri) {
 
 CmResult CCmEventQueueUsingMutex::PostEventWithOldSize(ICmEvent* aEvent, EPriority /*aPri*/,
                                                        DWORD* aOldSize) {
-    CPosting posting(aEvent);
-    CmResult rv = aEvent != nullptr ? Prepare_i(posting, true) : CM_ERROR_INVALID_ARG;
+    CCmEventQueueSteps::CPosting posting(*this, aEvent);
+    CmResult rv = aEvent != nullptr ? posting.Prepare(true) : CM_ERROR_INVALID_ARG;
     {
         CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
         if (aOldSize != nullptr) {
             *aOldSize = m_dwSize.load(std::memory_order_relaxed);
         }
         if (CM_SUCCEEDED(rv)) {
-            rv = Append_l(posting, posting.m_Node);
+            rv = posting.Append();
         }
     }
     CM_ASSERTE_RETURN(aEvent, rv);
-    Conclude_i(posting, rv);
+    posting.Conclude(rv);
     return rv;
 }
 
@@ -480,136 +587,165 @@ CmResult CCmEventQueueUsingMutex::PopPendingEventsLocked(std::list<ICmEvent*>& a
 }
 
 void CCmEventQueueUsingMutex::DestoryPendingEvents() {
-    std::list<ICmEvent*> events;
-    {
-        CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
-        events.swap(m_Events);
-    }
-    DestoryEvents_i(events);
+    CCmEventQueueSteps::EndPending(*this, m_Mutex);
 }
 
 void CCmEventQueueUsingMutex::ProcessTakenEvents(std::list<ICmEvent*>& aEvents) {
-    CPass pass(*this);
-    CCmCleanUpT endAll([&pass, &aEvents] {
-        pass.EndFiring();
-        EndEach(aEvents);
-    });
-    while (!aEvents.empty()) {
-        ICmEvent* pEvent = aEvents.front();
-        aEvents.pop_front();
-        pass.RunAndEnd(pEvent);
-    }
-    endAll.Release();
+    CCmEventQueueSteps::Run(*this, aEvents.begin(), aEvents.end(), nullptr,
+                            [&aEvents](std::list<ICmEvent*>::iterator aRest) {
+                                aEvents.erase(aEvents.begin(), aRest);
+                                EndEach(aEvents);
+                            });
 }
 
-// A consumer inside the wait. Waits are numbered, so that posters tell the signals of this one from
-// late signals of another.
-class CCmEventQueueUsingConditionVariable::CWaiting {
+// How the consumer waits and posts wake it, and the list nodes that its passes leave for posts.
+class CCmEventQueueUsingConditionVariable::CState {
   public:
-    explicit CWaiting(CCmEventQueueUsingConditionVariable& aQueue) CM_REQUIRES(aQueue.m_Mutex)
-        : m_Queue(aQueue) {
-        ++m_Queue.m_dwWaiters;
-        Renumber_l();
-    }
-    CWaiting(const CWaiting&) = delete;
-    CWaiting& operator=(const CWaiting&) = delete;
+    explicit CState(CCmEventQueueUsingConditionVariable& aQueue) : m_Queue(aQueue) {}
+    CState(const CState&) = delete;
+    CState& operator=(const CState&) = delete;
 
-    // Once, under the lock.
-    void Leave_l() CM_NO_THREAD_SAFETY_ANALYSIS {
-        if (--m_Queue.m_dwWaiters > 0) {
-            Renumber_l();  // which of the consumers the last signal woke is not known
+    CmResult Post(ICmEvent* aEvent) {
+        CCmEventQueueSteps::CPosting posting(m_Queue, aEvent);
+        DWORD dwWait = NO_WAIT;
+        CmResult rv = posting.Prepare(m_dwSpares.load(std::memory_order_relaxed) == 0);
+        if (CM_SUCCEEDED(rv)) {
+            CCmScopedLockT<CCmMutexThread> lock(m_Queue.m_Mutex);
+            rv = Append_l(posting);
+            if (CM_SUCCEEDED(rv)) {
+                dwWait = WaitToSignal_l();
+            }
         }
+        if (dwWait != NO_WAIT) {
+            Signal(dwWait);
+        }
+        posting.Conclude(rv);
+        return rv;
     }
-    // The wait that a post has to signal, or NO_WAIT. Only a signal that has been given counts:
-    // whoever is about to give one may not get on for long. Acquire: that signal came before.
-    static DWORD ToSignal_l(const CCmEventQueueUsingConditionVariable& aQueue)
-        CM_REQUIRES(aQueue.m_Mutex) {
-        const bool bIsSignalled =
-            aQueue.m_dwWaiters == 1 &&
-            aQueue.m_dwSignalled.load(std::memory_order_acquire) == aQueue.m_dwWait;
-        return aQueue.m_dwWaiters == 0 || bIsSignalled ? NO_WAIT : aQueue.m_dwWait;
-    }
+
     // Takes at most aMaxCount events; while nothing is pending, aWait waits once before that, under
     // the lock. A thread that is cancelled in it leaves the queue as it was.
     template <class WaitType>
-    static CmResult PopOrWait(CCmEventQueueUsingConditionVariable& aQueue,
-                              std::list<ICmEvent*>& aEvents, DWORD aMaxCount, WaitType aWait) {
-        CCmScopedLockT<CCmMutexThread> lock(aQueue.m_Mutex);
-        if (!aQueue.m_Spent.empty()) {
-            aQueue.m_Spares.splice(aQueue.m_Spares.end(), aQueue.m_Spent);
-            aQueue.m_dwSpares.store(static_cast<DWORD>(aQueue.m_Spares.size()),
-                                    std::memory_order_relaxed);
+    CmResult PopOrWait(std::list<ICmEvent*>& aEvents, DWORD aMaxCount, WaitType aWait) {
+        CCmScopedLockT<CCmMutexThread> lock(m_Queue.m_Mutex);
+        if (!m_Spent.empty()) {
+            m_Spares.splice(m_Spares.end(), m_Spent);
+            m_dwSpares.store(static_cast<DWORD>(m_Spares.size()), std::memory_order_relaxed);
         }
-        // A wait without the lock would leave it taken.
-        if (aQueue.m_Events.empty() && CM_SUCCEEDED(lock.result())) {
-            CWaiting waiting(aQueue);
-            CCmCleanUpT cleanUp([&waiting, &lock]() CM_NO_THREAD_SAFETY_ANALYSIS {
-                waiting.Leave_l();
+        // Where the lock could not be taken, a wait would return with it taken.
+        if (m_Queue.m_Events.empty() && CM_SUCCEEDED(lock.result())) {
+            EnterWait_l();
+            CCmCleanUpT leave([this, &lock]() CM_NO_THREAD_SAFETY_ANALYSIS {
+                LeaveWait_l();
                 lock.Unlock();
             });
             aWait();
-            cleanUp.Release();
-            waiting.Leave_l();
+            leave.Release();
+            LeaveWait_l();
         }
-        return aQueue.PopPendingEvents(aEvents, aMaxCount, nullptr);
+        return m_Queue.PopPendingEvents(aEvents, aMaxCount, nullptr);
     }
-    // A signal that fails for good is left to the next post.
-    static void Signal(CCmEventQueueUsingConditionVariable& aQueue, DWORD aWait) {
-        int nError = 0;
-        if (CCmConditionSteps::SignalSurely(aQueue.m_Condition, nError)) {
-            aQueue.m_dwSignalled.store(aWait, std::memory_order_release);
-        }
-        CCmConditionSteps::SignalResult(aQueue.m_Condition, nError);
+
+    // Consumer thread only.
+    void Run(std::list<ICmEvent*>& aEvents, const std::atomic<bool>* aStop) {
+        CCmEventQueueSteps::Run(m_Queue, aEvents.begin(), aEvents.end(), aStop,
+                                [this, &aEvents](std::list<ICmEvent*>::iterator aRest) {
+                                    PutBack(aEvents, aRest);
+                                    KeepNodes(aEvents);
+                                });
     }
 
   private:
-    void Renumber_l() CM_NO_THREAD_SAFETY_ANALYSIS {
-        if (++m_Queue.m_dwWait == NO_WAIT) {
-            ++m_Queue.m_dwWait;
+    // The events from aRest on are pending again, in their old place: the head.
+    void PutBack(std::list<ICmEvent*>& aEvents, std::list<ICmEvent*>::iterator aRest) {
+        if (aRest == aEvents.end()) {
+            return;
         }
-        m_Queue.m_dwSignalled.store(NO_WAIT, std::memory_order_relaxed);
+        std::list<ICmEvent*> rest;
+        rest.splice(rest.end(), aEvents, aRest, aEvents.end());
+        CCmScopedLockT<CCmMutexThread> lock(m_Queue.m_Mutex);
+        m_Queue.m_dwSize.fetch_add(static_cast<DWORD>(rest.size()), std::memory_order_relaxed);
+        m_Queue.m_Events.splice(m_Queue.m_Events.begin(), rest);
+    }
+    // With the node that was prepared, or with a spare one.
+    CmResult Append_l(CCmEventQueueSteps::CPosting& aPosting) CM_REQUIRES(m_Queue.m_Mutex) {
+        if (aPosting.HasNode()) {
+            return aPosting.Append();
+        }
+        // Empty: other posters took the last spare node since this one had a look.
+        if (m_Spares.empty() && CM_FAILED(CmAddNode(m_Spares, nullptr))) {
+            return CM_ERROR_OUT_OF_MEMORY;
+        }
+        const CmResult rv = aPosting.Append(m_Spares);
+        m_dwSpares.store(static_cast<DWORD>(m_Spares.size()), std::memory_order_relaxed);
+        return rv;
+    }
+    // The nodes go to m_Spares with the next pop, which holds the lock anyway.
+    void KeepNodes(std::list<ICmEvent*>& aNodes) {
+        const size_t nKept = std::clamp(aNodes.size(), SPARES_AT_LEAST, SPARES_AT_MOST);
+        m_Spent.splice(m_Spent.end(), aNodes);
+        while (!m_Spent.empty() &&
+               m_Spent.size() + m_dwSpares.load(std::memory_order_relaxed) > nKept) {
+            m_Spent.pop_front();
+        }
+    }
+
+    // Waits are numbered, so that a signal that a poster gives late, after the wait that it was
+    // for, is not taken for one of the next wait.
+    void EnterWait_l() CM_REQUIRES(m_Queue.m_Mutex) {
+        ++m_dwWaiters;
+        Renumber_l();
+    }
+    void LeaveWait_l() CM_REQUIRES(m_Queue.m_Mutex) {
+        if (--m_dwWaiters > 0) {
+            Renumber_l();  // which of the consumers the last signal woke is not known
+        }
+    }
+    void Renumber_l() CM_REQUIRES(m_Queue.m_Mutex) {
+        if (++m_dwWait == NO_WAIT) {
+            ++m_dwWait;
+        }
+        m_dwSignalled.store(NO_WAIT, std::memory_order_relaxed);
+    }
+    // The wait that a post has to signal, or NO_WAIT. One that has been signalled needs no second
+    // signal, but only a signal that has been given counts: a poster that is about to give one may
+    // be held up for long. Acquire: the signal was given before its number was stored.
+    DWORD WaitToSignal_l() const CM_REQUIRES(m_Queue.m_Mutex) {
+        const bool bIsSignalled =
+            m_dwWaiters == 1 && m_dwSignalled.load(std::memory_order_acquire) == m_dwWait;
+        return m_dwWaiters == 0 || bIsSignalled ? NO_WAIT : m_dwWait;
+    }
+    // After the lock was released: the consumer does not wake up only to find it taken. A signal
+    // that fails for good is left to the next post.
+    void Signal(DWORD aWait) {
+        int nError = 0;
+        if (CCmConditionSteps::SignalSurely(m_Queue.m_Condition, nError)) {
+            m_dwSignalled.store(aWait, std::memory_order_release);
+        }
+        CCmConditionSteps::SignalResult(m_Queue.m_Condition, nError);
     }
 
     CCmEventQueueUsingConditionVariable& m_Queue;
+    DWORD m_dwWaiters CM_GUARDED_BY(m_Queue.m_Mutex) = 0;     // consumers inside the wait
+    DWORD m_dwWait CM_GUARDED_BY(m_Queue.m_Mutex) = NO_WAIT;  // the number of the latest wait
+    std::atomic<DWORD> m_dwSignalled{NO_WAIT};                // the last wait that was signalled
+    std::atomic<DWORD> m_dwSpares{0};  // the size of m_Spares, as a hint for posts
+    std::list<ICmEvent*> m_Spares CM_GUARDED_BY(m_Queue.m_Mutex);  // nodes for coming posts
+    std::list<ICmEvent*> m_Spent;  // consumer thread only: nodes that are to become spare
 };
 
-CCmEventQueueUsingConditionVariable::CCmEventQueueUsingConditionVariable()
-    : m_Condition(m_Mutex), m_dwWaiters(0), m_dwSignalled(0), m_dwSpares(0), m_dwWait(0) {}
+CCmEventQueueUsingConditionVariable::CCmEventQueueUsingConditionVariable() : m_Condition(m_Mutex) {
+    CCmPrivateRoom::Make(m_Private, *this);
+}
 
 CCmEventQueueUsingConditionVariable::~CCmEventQueueUsingConditionVariable() {
-    WaitForSenders_i();
+    WaitForSenders();
+    CCmPrivateRoom::End(m_Private);
 }
 
 CmResult CCmEventQueueUsingConditionVariable::PostEvent(ICmEvent* aEvent, EPriority /*aPri*/) {
     CM_ASSERTE_RETURN(aEvent, CM_ERROR_INVALID_ARG);
-    CPosting posting(aEvent);
-    DWORD dwWait = NO_WAIT;
-    CmResult rv = Prepare_i(posting, m_dwSpares.load(std::memory_order_relaxed) == 0);
-    if (CM_SUCCEEDED(rv)) {
-        CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
-        rv = AppendToList_l(posting);
-        if (CM_SUCCEEDED(rv)) {
-            dwWait = CWaiting::ToSignal_l(*this);
-        }
-    }
-    if (dwWait != NO_WAIT) {
-        CWaiting::Signal(*this, dwWait);
-    }
-    Conclude_i(posting, rv);
-    return rv;
-}
-
-CmResult CCmEventQueueUsingConditionVariable::AppendToList_l(CPosting& aPosting) {
-    if (!aPosting.m_Node.empty()) {
-        return Append_l(aPosting, aPosting.m_Node);
-    }
-    // Empty: other posters took the last spare node since this one had a look.
-    if (m_Spares.empty() && CM_FAILED(AddNode(m_Spares, nullptr))) {
-        return CM_ERROR_OUT_OF_MEMORY;
-    }
-    const CmResult rv = Append_l(aPosting, m_Spares);
-    m_dwSpares.store(static_cast<DWORD>(m_Spares.size()), std::memory_order_relaxed);
-    return rv;
+    return CCmPrivateRoom::Of(m_Private).Post(aEvent);
 }
 
 CmResult CCmEventQueueUsingConditionVariable::PopOrWaitPendingEvents(std::list<ICmEvent*>& aEvents,
@@ -617,7 +753,7 @@ CmResult CCmEventQueueUsingConditionVariable::PopOrWaitPendingEvents(std::list<I
                                                                      DWORD aMaxCount) {
     int nError = 0;
     DWORD dwSize = 0;
-    const CmResult rv = CWaiting::PopOrWait(*this, aEvents, aMaxCount, [&] {
+    const CmResult rv = CCmPrivateRoom::Of(m_Private).PopOrWait(aEvents, aMaxCount, [&] {
         nError = CCmConditionSteps::WaitCall(m_Condition, aTimeout);
         dwSize = m_dwSize.load(std::memory_order_relaxed);
     });
@@ -632,68 +768,32 @@ CmResult CCmEventQueueUsingConditionVariable::PopOrWaitPendingEvents(std::list<I
     return rv;
 }
 
-CmResult CCmEventQueueUsingConditionVariable::PopOrWaitUntil_i(std::list<ICmEvent*>& aEvents,
-                                                               const long long* aDeadlineNsec,
-                                                               DWORD aMaxCount) {
+CmResult CCmEventQueueSteps::PopOrWaitUntil(CCmEventQueueUsingConditionVariable& aQueue,
+                                            std::list<ICmEvent*>& aEvents,
+                                            const long long* aDeadlineNsec, DWORD aMaxCount) {
     if (aDeadlineNsec == nullptr) {
-        return PopOrWaitPendingEvents(aEvents, nullptr, aMaxCount);
+        return aQueue.PopOrWaitPendingEvents(aEvents, nullptr, aMaxCount);
     }
     int nError = 0;
-    const CmResult rv = CWaiting::PopOrWait(*this, aEvents, aMaxCount, [&] {
-        nError = CCmConditionSteps::WaitUntilCall(m_Condition, *aDeadlineNsec);
+    const CmResult rv = CCmPrivateRoom::Of(aQueue.m_Private).PopOrWait(aEvents, aMaxCount, [&] {
+        nError = CCmConditionSteps::WaitUntilCall(aQueue.m_Condition, *aDeadlineNsec);
     });
-    CCmConditionSteps::WaitUntilResult(m_Condition, *aDeadlineNsec, nError);
+    CCmConditionSteps::WaitUntilResult(aQueue.m_Condition, *aDeadlineNsec, nError);
     return rv;
 }
 
 void CCmEventQueueUsingConditionVariable::ProcessAndRecycleEvents(std::list<ICmEvent*>& aEvents) {
-    ProcessUntilStopped_i(aEvents, nullptr);
+    CCmPrivateRoom::Of(m_Private).Run(aEvents, nullptr);
 }
 
-void CCmEventQueueUsingConditionVariable::ProcessUntilStopped_i(std::list<ICmEvent*>& aEvents,
-                                                                const std::atomic<bool>* aStop) {
-    auto itNext = aEvents.begin();
-    CPass pass(*this);
-    const auto putBackRest = [this, &aEvents, &itNext] {
-        std::list<ICmEvent*> rest;
-        rest.splice(rest.end(), aEvents, itNext, aEvents.end());
-        PutBack_i(rest);
-    };
-    CCmCleanUpT putBack([&aEvents, &pass, &putBackRest] {
-        pass.EndFiring();
-        putBackRest();
-        aEvents.clear();
-    });
-    while (itNext != aEvents.end() &&
-           (aStop == nullptr || !aStop->load(std::memory_order_relaxed))) {
-        ICmEvent* pEvent = *itNext++;
-        pass.RunAndEnd(pEvent);
-    }
-    putBack.Release();
-    if (itNext != aEvents.end()) {
-        putBackRest();
-    }
-    const size_t nKept = std::clamp(aEvents.size(), SPARES_AT_LEAST, SPARES_AT_MOST);
-    m_Spent.splice(m_Spent.end(), aEvents);
-    while (!m_Spent.empty() &&
-           m_Spent.size() + m_dwSpares.load(std::memory_order_relaxed) > nKept) {
-        m_Spent.pop_front();
-    }
-}
-
-void CCmEventQueueUsingConditionVariable::PutBack_i(std::list<ICmEvent*>& aEvents) {
-    CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
-    m_dwSize.fetch_add(static_cast<DWORD>(aEvents.size()), std::memory_order_relaxed);
-    m_Events.splice(m_Events.begin(), aEvents);
+void CCmEventQueueSteps::ProcessUntilStopped(CCmEventQueueUsingConditionVariable& aQueue,
+                                             std::list<ICmEvent*>& aEvents,
+                                             const std::atomic<bool>& aStop) {
+    CCmPrivateRoom::Of(aQueue.m_Private).Run(aEvents, &aStop);
 }
 
 void CCmEventQueueUsingConditionVariable::DestoryPendingEvents() {
-    std::list<ICmEvent*> events;
-    {
-        CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
-        events.swap(m_Events);
-    }
-    DestoryEvents_i(events);
+    CCmEventQueueSteps::EndPending(*this, m_Mutex);
 }
 
 void CCmEventQueueUsingConditionVariable::StopAndDestoryPendingEvents() {

@@ -42,7 +42,7 @@ constexpr CScheme SCHEMES[] = {
 
 const CScheme* FindScheme(std::string_view aText) {
     for (const CScheme& scheme : SCHEMES) {
-        if (CmStartsWithNoCase(aText, scheme.m_prefix)) {
+        if (CmStartsWithWord(aText, scheme.m_prefix)) {
             return &scheme;
         }
     }

@@ -12,7 +12,8 @@ namespace UTIL_NS {
 
 namespace {
 
-constexpr long NAP_NSEC = 1000 * 1000;  // between two looks when the wait fails
+// Between two looks at the list when the wait for its end fails: the guard must not go before.
+constexpr long NAP_NSEC = 1000 * 1000;
 
 }  // namespace
 
@@ -22,7 +23,7 @@ struct CCmLifeGuard::CState final : CCmReferenceControlT<CCmMutexThread> {
         if (m_bEnded) {
             return false;
         }
-        // A thread that were cancelled now would leave a record of its stack behind.
+        // The list refers to the stack of this thread, which must not be gone before Leave.
         pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &aRun.m_nCancelState);
         aRun.m_pNext = m_pRuns;
         m_pRuns = &aRun;

@@ -187,7 +187,7 @@ CCmParsed CmParseSigned(std::string_view aText, int64_t& aNumber, int64_t aMin, 
 CCmParsed CmParseBool(std::string_view aText, bool& aValue) {
     constexpr std::string_view YES[] = {"true", "yes", "on", "1"};
     constexpr std::string_view NO[] = {"false", "no", "off", "0"};
-    const auto equals = [aText](std::string_view aWord) { return CmEqualsNoCase(aText, aWord); };
+    const auto equals = [aText](std::string_view aWord) { return CmEqualsWord(aText, aWord); };
     const bool bYes = std::any_of(std::begin(YES), std::end(YES), equals);
     if (!bYes && std::none_of(std::begin(NO), std::end(NO), equals)) {
         return CmRefused(0, "true, yes, on, 1, false, no, off or 0");

@@ -72,9 +72,9 @@ struct CDefaultPort {
 constexpr CDefaultPort DEFAULT_PORTS[] = {{"http", 80}, {"https", 443}, {"ws", 80}, {"wss", 443}};
 
 const CDefaultPort* FindDefaultPort(std::string_view aScheme) {
-    const auto* pPort = std::find_if(
-        std::begin(DEFAULT_PORTS), std::end(DEFAULT_PORTS),
-        [aScheme](const auto& port) { return CmEqualsNoCase(aScheme, port.m_scheme); });
+    const auto* pPort =
+        std::find_if(std::begin(DEFAULT_PORTS), std::end(DEFAULT_PORTS),
+                     [aScheme](const auto& port) { return CmEqualsWord(aScheme, port.m_scheme); });
     return pPort == std::end(DEFAULT_PORTS) ? nullptr : pPort;
 }
 

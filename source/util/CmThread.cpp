@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "CmCancel.h"
+#include "CmListNode.h"
 #include "CmPrivateState.h"
 #include "CmScopedLock.h"
 #include "CmStatics.h"
@@ -58,16 +59,6 @@ void DestroyRest(const CCmStopFlag& aFlag, CCmEventQueueUsingConditionVariable& 
     }
 }
 
-// Allocates one more entry of the registry. CM_OK or CM_ERROR_OUT_OF_MEMORY.
-CmResult MakeEntry(std::list<ACmThread*>& aEntry, ACmThread* aThread) {
-    try {
-        aEntry.push_back(aThread);
-    } catch (const std::bad_alloc&) {
-        return CM_ERROR_OUT_OF_MEMORY;
-    }
-    return CM_OK;
-}
-
 void RegisterEntry(std::list<ACmThread*>& aEntry) {
     CmMakeStatics();
     CCmScopedLockT<CCmMutexThread> lock(g_thread_Mutex);
@@ -78,7 +69,7 @@ void RegisterEntry(std::list<ACmThread*>& aEntry) {
 
 CmResult RegisterThread(ACmThread* aThread) {
     std::list<ACmThread*> entry;
-    const CmResult rv = MakeEntry(entry, aThread);
+    const CmResult rv = CmAddNode(entry, aThread);
     if (CM_SUCCEEDED(rv)) {
         RegisterEntry(entry);
     }
@@ -241,7 +232,7 @@ CmResult ACmThread::Create(int aType, TFlag aFlag, signed char bRegister) {
 
     // Taken first: once the thread runs, registering it must not fail.
     std::list<ACmThread*> entry;
-    if (bRegister != 0 && CM_FAILED(MakeEntry(entry, this))) {
+    if (bRegister != 0 && CM_FAILED(CmAddNode(entry, this))) {
         return CM_ERROR_OUT_OF_MEMORY;
     }
     if (m_Type == TT_MAIN) {

@@ -5,7 +5,6 @@
 #include <new>
 
 #include "CmCancel.h"
-#include "CmQueueOwner.h"
 #include "CmScopedLock.h"
 #include "CmSystem.h"
 #include "CmThread.h"
@@ -237,11 +236,11 @@ void CCmTimedCalls::Fire_i(CCmTimedCall& aCall, long long aNow) {
     }
     firing.m_tvDue = ValueOf(aCall.m_llDue);
     aCall.m_pEvent->SetFiring(firing);
-    CCmCleanUpT hasRun([this, &aCall] { HasRun_i(aCall); });
+    CCmCleanUpT endRun([this, &aCall] { EndRun_i(aCall); });
     aCall.m_pEvent->OnEventFire();
-    hasRun.Release();
+    endRun.Release();
     if (!Rearm_i(aCall)) {
-        HasRun_i(aCall);
+        EndRun_i(aCall);
     }
 }
 
@@ -263,7 +262,7 @@ bool CCmTimedCalls::Rearm_i(CCmTimedCall& aCall) {
 }
 
 // The callable is gone before anybody learns that it does not run any more.
-void CCmTimedCalls::HasRun_i(CCmTimedCall& aCall) {
+void CCmTimedCalls::EndRun_i(CCmTimedCall& aCall) {
     aCall.EndEvent_i();
     {
         CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
@@ -292,7 +291,7 @@ CCmTimedCall* CCmTimedCalls::TakeFirst_i() {
 void CCmTimedCalls::Close() {
     const CCmComAutoPtr<CCmTimedCalls> self(this);  // the last entry may hold the last reference
     while (CCmTimedCall* pCall = TakeFirst_i()) {
-        HasRun_i(*pCall);
+        EndRun_i(*pCall);
     }
 }
 

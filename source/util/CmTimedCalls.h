@@ -40,7 +40,6 @@ class CCmTimedCall : public CCmReferenceControlT<CCmMutexThread> {
 
     bool EndOnItsWay_i();
     void EndEvent_i();
-    bool Repeats() const { return m_dwLeft != 1; }
 
     CCmTimedEvent* m_pEvent;
     CCmComAutoPtr<CCmTimedCalls> m_pList;  // set before the state leaves STATE_ON_ITS_WAY
@@ -85,7 +84,7 @@ class CCmTimedCalls : public CCmReferenceControlT<CCmMutexThread> {
     CCmTimedCall* TakeDue_i(long long aNow, long long& aNext);
     void Fire_i(CCmTimedCall& aCall, long long aNow);
     bool Rearm_i(CCmTimedCall& aCall);
-    void HasRun_i(CCmTimedCall& aCall);
+    void EndRun_i(CCmTimedCall& aCall);
     CCmTimedCall* TakeFirst_i();
     void Place_l(size_t aPlace, CCmTimedCall* aCall) CM_REQUIRES(m_Mutex);
     void Rise_l(size_t aPlace) CM_REQUIRES(m_Mutex);

@@ -123,7 +123,8 @@ class CTimerStore {
     CCmTimerHandlerIndexT<HandlersType::iterator> m_Index;
     CCmSpareMapNodesT<ICmTimerHandler*, DWORD> m_SpareEntries;
     // What follows the entry that ended last. A handler that is cancelled and scheduled again, as
-    // timeouts are, comes to lie right before it again, without a walk down the map.
+    // timeouts are, comes to lie right before it again, without a walk down the map. Never dangles:
+    // the end of any entry sets it anew.
     HandlersType::iterator m_itHint;
 };
 

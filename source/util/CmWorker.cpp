@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "CmCancel.h"
+#include "CmEventQueueSteps.h"
 #include "CmSystem.h"
 #include "CmTimedCalls.h"
 #include "CmTimerQueueOrderedList.h"
@@ -134,15 +135,16 @@ class CCmWorkerThread final : public CCmThreadTask {
             llDeadline = std::min(llDeadline, CmLaterNsec(CmMonotonicNsec(), tvWait));
         }
         std::list<ICmEvent*> events;
-        const CmResult rv = m_EventQueue.PopOrWaitUntil_i(
-            events, llDeadline == CM_NEVER_NSEC ? nullptr : &llDeadline, EVENTS_PER_PASS);
+        const CmResult rv = CCmEventQueueSteps::PopOrWaitUntil(
+            m_EventQueue, events, llDeadline == CM_NEVER_NSEC ? nullptr : &llDeadline,
+            EVENTS_PER_PASS);
         if (CM_SUCCEEDED(rv)) {
-            m_EventQueue.ProcessUntilStopped_i(events, &m_bStopsNow);
+            CCmEventQueueSteps::ProcessUntilStopped(m_EventQueue, events, m_bStopsNow);
         }
     }
 
     CmResult RunHook(CCmWorkerOptions::EHook aHook) {
-        ACmWorkerHook* pHook = m_Options.m_pHooks[aHook];
+        ACmWorkerHook* pHook = m_Options.m_Hooks[aHook];
         return pHook != nullptr ? pHook->Run(*this) : CM_OK;
     }
 

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 
 #include "CmAscii.h"
 
@@ -29,36 +30,28 @@ const char* FindTag(const char* aText, const char* aOpening, const char* aTag,
     return nullptr;
 }
 
-// Finds the element's value, without blanks at its ends.
-bool FindValue(const char* aXml, const char* aTag, const char*& aValue, size_t& aLength) {
+// The element's value, without blanks at its ends; false when there is none.
+bool FindValue(const char* aXml, const char* aTag, std::string_view& aValue) {
     const char* pValue = nullptr;
     const char* pAfter = nullptr;
     if (aXml == nullptr || aTag == nullptr || FindTag(aXml, "<", aTag, pValue) == nullptr) {
         return false;
     }
-    while (CmIsBlank(*pValue)) {
-        ++pValue;
-    }
     const char* pEnd = FindTag(pValue, "</", aTag, pAfter);
     if (pEnd == nullptr) {
         return false;
     }
-    while (pEnd > pValue && CmIsBlank(pEnd[-1])) {
-        --pEnd;
-    }
-    aValue = pValue;
-    aLength = static_cast<size_t>(pEnd - pValue);
+    aValue = CmTrimmed(std::string_view(pValue, static_cast<size_t>(pEnd - pValue)));
     return true;
 }
 
 bool CopyValue(const char* aXml, const char* aTag, size_t aMax, char* aOut) {
-    const char* pValue = nullptr;
-    size_t nLength = 0;
-    if (aOut == nullptr || !FindValue(aXml, aTag, pValue, nLength) || nLength > aMax) {
+    std::string_view value;
+    if (aOut == nullptr || !FindValue(aXml, aTag, value) || value.size() > aMax) {
         return false;
     }
-    std::memmove(aOut, pValue, nLength);
-    aOut[nLength] = '\0';
+    std::memmove(aOut, value.data(), value.size());
+    aOut[value.size()] = '\0';
     return true;
 }
 
@@ -76,11 +69,11 @@ Number ReadNumber(const char* aXml, const char* aTag, Number aDefault,
 }
 
 long ReadLong(const char* aXml, const char* aTag, unsigned long aDefault) {
-    return ReadNumber(aXml, aTag, static_cast<long>(aDefault), strtol);
+    return ReadNumber(aXml, aTag, static_cast<long>(aDefault), std::strtol);
 }
 
 unsigned long ReadUnsignedLong(const char* aXml, const char* aTag, unsigned long aDefault) {
-    return ReadNumber(aXml, aTag, aDefault, strtoul);
+    return ReadNumber(aXml, aTag, aDefault, std::strtoul);
 }
 
 }  // namespace

@@ -59,7 +59,7 @@ class TraceEndToEnd : public testing::Test {
 
 const std::string LONG_LINE = "[net] " + std::string(5000, 'x');
 
-TEST_F(TraceEndToEnd, Lines_ReachTheFile_OutOfTheBox) {
+TEST_F(TraceEndToEnd, LinesReachTheFile_WithoutAnySetting) {
     EXPECT_EQ((Lines{"[MAC] UTIL ERROR: error line", "[MAC] UTIL WARNING: warning line",
                      "[MAC] UTIL INFO: info line, 100%s",
                      "[MAC] UTIL ERROR: TraceHost.cpp:7 Assert failed: bFine", LONG_LINE,
@@ -68,7 +68,7 @@ TEST_F(TraceEndToEnd, Lines_ReachTheFile_OutOfTheBox) {
 }
 
 // The process is named "T", the first character of its file.
-TEST_F(TraceEndToEnd, Lines_AreFilteredByTheConfiguration) {
+TEST_F(TraceEndToEnd, LinesAreFilteredByTheConfiguration) {
     WriteConfig("[Trace]\nT.Info=FALSE\nT.Warning=FALSE\nT.Detail=TRUE\n");
     EXPECT_EQ((Lines{"[MAC] UTIL ERROR: error line", "[MAC] UTIL detail line",
                      "[MAC] UTIL ERROR: TraceHost.cpp:7 Assert failed: bFine", LONG_LINE,
@@ -76,16 +76,16 @@ TEST_F(TraceEndToEnd, Lines_AreFilteredByTheConfiguration) {
               RunWithFile());
 }
 
-TEST_F(TraceEndToEnd, Lines_AreSilenced_ByEnableFalse) {
+TEST_F(TraceEndToEnd, LinesAreSilenced_WhenEnableIsFalse) {
     WriteConfig("[Trace]\nEnable=FALSE\n");
     EXPECT_EQ((Lines{LONG_LINE, "[media] rate=48000"}), RunWithFile());
 }
 
-TEST_F(TraceEndToEnd, Lines_BelowTheThreshold_AreNotDelivered) {
+TEST_F(TraceEndToEnd, LinesAreNotDelivered_WhenBelowTheThreshold) {
     EXPECT_EQ(Lines{"[media] rate=48000"}, RunWithFile("QTRACE_LEVEL=3"));
 }
 
-TEST_F(TraceEndToEnd, Host_CreatesTheTraceDirectory) {
+TEST_F(TraceEndToEnd, HostCreatesTheTraceDirectory) {
     RunWithFile();
     EXPECT_TRUE(std::filesystem::is_directory(m_sHome + "/logs"));
 }
@@ -99,11 +99,11 @@ const Lines LINES_OF_THE_HOST = {"2 MAC UTIL ERROR: error line",
                                  "2 net piece 906",
                                  "9 media rate=48000"};
 
-TEST_F(TraceEndToEnd, Host_MayBringItsOwnTraceLibrary) {
+TEST_F(TraceEndToEnd, LinesReachTheTraceLibrary_WhenTheHostBringsItsOwn) {
     EXPECT_EQ(LINES_OF_THE_HOST, Run("", TRACE_HOST_WITH_OTHER_LIBRARY));
 }
 
-TEST_F(TraceEndToEnd, Host_MayBringFunctionsOfItsOwn_ThatAreExported) {
+TEST_F(TraceEndToEnd, LinesReachFunctionsOfTheHost_WhenTheyAreExported) {
 #if !defined(__APPLE__)  // there a library is bound to the one that it names, not to the program
     EXPECT_EQ(LINES_OF_THE_HOST, Run("", TRACE_HOST_WITH_OWN_FUNCTIONS));
 #endif

@@ -53,6 +53,23 @@ T CAny<T>::Count() { return T(s_nMade); }
 template <class T>
 T CAny<T>::Made_i() { return T(); }
 extern template struct CAny<int>;
+class GIVEN CHolder {
+  public:
+    template <class T>
+    explicit CHolder(T aValue) : CHolder(aValue, 0) {}
+    ~CHolder();
+  private:
+    struct GIVEN CPart {
+        ~CPart();
+    };
+    struct GIVEN CHidden {
+        virtual ~CHidden();
+    };
+    template <class T>
+    struct CDerivedT : CHidden {};
+    CHolder(long aValue, int);
+    CPart m_part;
+};
 PLANTED_DECLARATION
 }
 extern "C" GIVEN void n_plain();
@@ -73,6 +90,10 @@ int CBase::Step_i(int aCount) { return aCount; }
 void CBase::Other_i() {}
 void CBase::Hidden_i() {}
 template struct CAny<int>;
+CHolder::CHolder(long, int) {}
+CHolder::~CHolder() {}
+CHolder::CPart::~CPart() {}
+CHolder::CHidden::~CHidden() {}
 PLANTED_DEFINITION
 }
 void n_plain() {}
@@ -86,6 +107,12 @@ n::CBase::Other_i()  <-  n::CBase::Outside
 n::CBase::s_nCalls  <-  n::CBase::Inline
 n::CAny<int>::Made_i()  <-  n::CAny::Get
 n::CAny<int>::s_nMade  <-  n::CAny::Count
+n::CHolder::CHolder(long, int)  <-  n::CHolder::CHolder
+n::CHolder::CPart::~CPart()  <-  n::CHolder
+n::CHolder::CHidden::~CHidden()  <-  n::CHolder::CDerivedT
+vtable for n::CHolder::CHidden  <-  n::CHolder::CDerivedT
+typeinfo for n::CHolder::CHidden  <-  n::CHolder::CDerivedT
+typeinfo name for n::CHolder::CHidden  <-  n::CHolder::CDerivedT
 """
 
 # What is planted, lines of the list of steps that replace or follow others, and what the tool says;
@@ -113,6 +140,12 @@ CASES = [
     ("the table of a class that no header declares",
      {"DEFINITION": "struct GIVEN CPlanted { virtual ~CPlanted(); }; CPlanted::~CPlanted() {}"},
      INNER, "given by no public declaration: vtable for n::CPlanted"),
+    ("a private step that is part of the binary interface",
+     {"MEMBER": "void Planted_i();", "DEFINITION": "void CBase::Planted_i() {}"},
+     INNER + "n::CBase::Planted_i()  <-  stated\n", ""),
+    ("a function that is said to be part of the binary interface and stands in no header",
+     {"DEFINITION": "GIVEN void Planted(); void Planted() {}"},
+     INNER + "n::Planted()  <-  stated\n", "in no public header: n::Planted()"),
     ("a private virtual function that nothing explains", {},
      INNER.replace("n::CBase::OnSlot()  <-  virtual\n", ""),
      "given by no public declaration: n::CBase::OnSlot()"),
@@ -131,6 +164,13 @@ CASES = [
     ("a template's step that the caller does not call", {},
      INNER.replace("n::CAny::Get", "n::CBase::Inline"),
      "not called by n::CBase::Inline: n::CAny<int>::Made_i()"),
+    ("the table of a class that the caller does not derive from", {},
+     INNER.replace("vtable for n::CHolder::CHidden  <-  n::CHolder::CDerivedT",
+                   "vtable for n::CHolder::CHidden  <-  n::CHolder::CPart"),
+     "not called by n::CHolder::CPart: vtable for n::CHolder::CHidden"),
+    ("a destructor of what the caller does not hold", {},
+     INNER.replace("~CPart()  <-  n::CHolder", "~CPart()  <-  n::CBase"),
+     "not called by n::CBase: n::CHolder::CPart::~CPart()"),
     ("an explained step that is hidden", {}, INNER + "n::CBase::Hidden_i()  <-  n::CBase::Inline\n",
      "exports-inner.txt: 1\n    not exported: n::CBase::Hidden_i()"),
     ("an explained name that is public", {}, INNER + "n::Function(long)  <-  n::CBase::Inline\n",

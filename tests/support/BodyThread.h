@@ -9,7 +9,7 @@
 #include <thread>
 
 #include "CmThread.h"
-#include "support/Eventually.h"
+#include "support/Gate.h"
 
 namespace kelto_test {
 
@@ -27,22 +27,22 @@ inline size_t RegisteredThreads() {
 struct Life {
     std::atomic<bool> initialized{false};
     std::atomic<bool> ran{false};
-    std::atomic<bool> released{false};  // set by the test: the body may end
-    std::atomic<bool> deleted{false};
+    Gate released;  // opened by the test: the body may end
+    Gate deleted;
 };
 
 // Its body waits until it is released.
 class BodyThread : public UTIL_NS::ACmThread {
   public:
     explicit BodyThread(Life& aLife) : m_life(aLife) {}
-    ~BodyThread() override { m_life.deleted = true; }
+    ~BodyThread() override { m_life.deleted.Open(); }
     void OnThreadInit() override {
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
         m_life.initialized = true;
     }
     void OnThreadRun() override {
         m_life.ran = true;
-        Eventually([this] { return m_life.released.load(); });
+        m_life.released.Wait();
     }
     UTIL_NS::CCmEventThread* startEvent() const { return m_pEvent; }
     // Of a detached one that was not destroyed.

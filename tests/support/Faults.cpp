@@ -1,6 +1,7 @@
 #include "support/Faults.h"
 
 #include <cstdlib>
+#include <cstring>
 #include <new>
 
 namespace kelto_test {
@@ -16,6 +17,8 @@ Failing g_failing = Failing::ONCE;
 AllocationsOf g_threads = AllocationsOf::THIS_THREAD;
 thread_local bool t_bArmedHere = false;
 thread_local unsigned long t_ulAllocations = 0;
+constexpr int NO_FILL = -1;
+thread_local int t_nFill = NO_FILL;
 
 bool FailsNow() {
     if (!g_bArmed.load(std::memory_order_acquire)) {
@@ -43,6 +46,9 @@ void* Allocate(size_t aSize, size_t aAlignment) {
         pMemory = std::malloc(nSize);
     } else if (posix_memalign(&pMemory, aAlignment, nSize) != 0) {
         pMemory = nullptr;
+    }
+    if (pMemory != nullptr && t_nFill != NO_FILL) {
+        std::memset(pMemory, t_nFill, nSize);
     }
     if (pMemory != nullptr) {
         g_lLive.fetch_add(1, std::memory_order_relaxed);
@@ -86,6 +92,14 @@ ScopedAllocationFault::~ScopedAllocationFault() {
 
 bool ScopedAllocationFault::hit() const {
     return g_bHit.load();
+}
+
+ScopedAllocationFill::ScopedAllocationFill(unsigned char aByte) {
+    t_nFill = aByte;
+}
+
+ScopedAllocationFill::~ScopedAllocationFill() {
+    t_nFill = NO_FILL;
 }
 
 long LiveAllocations() {

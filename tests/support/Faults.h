@@ -135,6 +135,16 @@ class ScopedAllocationFault {
     bool hit() const;
 };
 
+// While it lives, memory that the calling thread allocates holds this byte, so that a test may look
+// at what the library leaves unwritten. One at a time.
+class ScopedAllocationFill {
+  public:
+    explicit ScopedAllocationFill(unsigned char aByte);
+    ~ScopedAllocationFill();
+    ScopedAllocationFill(const ScopedAllocationFill&) = delete;
+    ScopedAllocationFill& operator=(const ScopedAllocationFill&) = delete;
+};
+
 // Allocations minus releases through operator new and delete since the program started.
 long LiveAllocations();
 // Allocations made by the calling thread since it started.

@@ -3,7 +3,7 @@
 #include <deque>
 #include <map>
 #include <memory>
-#include <random>
+#include <vector>
 
 #include "CmTimerQueueCalendar.h"
 #include "CmTimerQueueOrderedList.h"
@@ -446,15 +446,6 @@ std::string RunCalendarModel(const uint8_t* aData, size_t aSize, int& aClamped) 
     std::string sError = RunToTheEnd(run);
     aClamped += run.clamped();
     return sError;
-}
-
-std::vector<uint8_t> RandomBytes(unsigned int aSeed, size_t aSize) {
-    std::minstd_rand random(aSeed);
-    std::vector<uint8_t> bytes(aSize);
-    for (uint8_t& byte : bytes) {
-        byte = static_cast<uint8_t>(random() >> 8);
-    }
-    return bytes;
 }
 
 }  // namespace kelto_test

@@ -5,7 +5,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
-#include <vector>
 
 namespace kelto_test {
 
@@ -15,9 +14,6 @@ namespace kelto_test {
 std::string RunOrderedListModel(const uint8_t* aData, size_t aSize);
 // aClamped: grows by the intervals that were shortened, each of which writes a line.
 std::string RunCalendarModel(const uint8_t* aData, size_t aSize, int& aClamped);
-
-// The same bytes for the same seed.
-std::vector<uint8_t> RandomBytes(unsigned int aSeed, size_t aSize);
 
 }  // namespace kelto_test
 

@@ -5,9 +5,9 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <memory>
 
 #include "CmThread.h"
+#include "support/Gate.h"
 
 namespace kelto_test {
 
@@ -34,25 +34,6 @@ class TaskThread {
 
   private:
     UTIL_NS::ACmThread* m_pThread = nullptr;
-};
-
-// Opens once and for all; what waits for it goes on then, also when the gate ends at once.
-class Gate {
-  public:
-    void Open() {
-        const auto pEvent = m_pEvent;
-        pEvent->Signal();
-    }
-    // False after 20 s.
-    bool Wait() {
-        const auto pEvent = m_pEvent;
-        UTIL_NS::CCmTimeValue tvLimit(20);
-        return pEvent->Wait(&tvLimit) == UTIL_NS::CM_OK;
-    }
-
-  private:
-    const std::shared_ptr<UTIL_NS::CCmEventThread> m_pEvent =
-        std::make_shared<UTIL_NS::CCmEventThread>(1);
 };
 
 // Counts one up when it ends; to be captured by a callable. A copy or what it was moved to counts

@@ -1,5 +1,5 @@
 // The locale functions that the target's C++ library is built on, in the "C" locale, and the table
-// of character classes behind isalpha and the like.
+// of character classes that isalpha and its like look into.
 #include <ctype.h>
 #include <dlfcn.h>
 #include <errno.h>

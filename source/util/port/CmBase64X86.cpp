@@ -190,17 +190,19 @@ const CCmBase64Kernel g_base64Kernels[] = {
 };
 
 size_t CmBase64EncodeByVector(const unsigned char* aIn, size_t aLen, char* aOut) {
-    if (CmCpuHas(CM_CPU_AVX2)) {
+    const unsigned int dwFeatures = CmCpuFeatures();
+    if ((dwFeatures & CM_CPU_AVX2) != 0) {
         return EncodeAvx2(aIn, aLen, aOut);
     }
-    return CmCpuHas(CM_CPU_SSSE3) ? EncodeSsse3(aIn, aLen, aOut) : 0;
+    return (dwFeatures & CM_CPU_SSSE3) != 0 ? EncodeSsse3(aIn, aLen, aOut) : 0;
 }
 
 size_t CmBase64DecodeByVector(const unsigned char* aIn, size_t aLen, unsigned char* aOut) {
-    if (aLen >= 2 * LANE_TEXT && CmCpuHas(CM_CPU_AVX2)) {
+    const unsigned int dwFeatures = CmCpuFeatures();
+    if (aLen >= 2 * LANE_TEXT && (dwFeatures & CM_CPU_AVX2) != 0) {
         return DecodeAvx2(aIn, aLen, aOut);
     }
-    return CmCpuHas(CM_CPU_SSSE3) ? DecodeSsse3(aIn, aLen, aOut) : 0;
+    return (dwFeatures & CM_CPU_SSSE3) != 0 ? DecodeSsse3(aIn, aLen, aOut) : 0;
 }
 
 }  // namespace UTIL_NS
