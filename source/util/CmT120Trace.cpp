@@ -310,7 +310,7 @@ void* CCmT120Trace::CState::OpenFile(CCmT120Trace& aFacility, void* aFile, unsig
     }
     void* hNew = T120_Open_Trace_Dev(szPath, aSizeLimit, aFacility.m_bSingleFile, 0);
     if (aFile != nullptr) {
-        hFile.store(hNew, std::memory_order_relaxed);
+        hFile.store(hNew, std::memory_order_release);  // for Load, as the first one
     }
     return hNew;
 }
