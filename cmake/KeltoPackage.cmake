@@ -4,7 +4,7 @@
 #   libkelto-util1    the shared library
 #   libkelto-util-dev headers, links, static libraries, CMake and pkg-config files, documents
 #
-# tools/debian-packages configures, builds and packs them.
+# tools/debian-packages configures, builds and packs them, for amd64 or arm64.
 
 if(NOT KELTO_DEBIAN)
   return()
@@ -22,9 +22,18 @@ set(CPACK_COMPONENTS_GROUPING ONE_PER_GROUP)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS
-  ${PROJECT_BINARY_DIR}/source/qtrace ${PROJECT_BINARY_DIR}/source/util)
+if(CMAKE_CROSSCOMPILING)
+  # The tool would name the packages of the cross compiler; these are the versions that they are of.
+  set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS OFF)
+  set(kelto_system_libraries "libc6 (>= 2.36), libgcc-s1 (>= 12), libstdc++6 (>= 12)")
+  set(CPACK_DEBIAN_QTRACE_PACKAGE_DEPENDS "${kelto_system_libraries}")
+  set(kelto_further_libraries ", ${kelto_system_libraries}")
+else()
+  set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+  set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS
+    ${PROJECT_BINARY_DIR}/source/qtrace ${PROJECT_BINARY_DIR}/source/util)
+  set(kelto_further_libraries "")
+endif()
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 set(CPACK_DEBIAN_PACKAGE_SECTION libs)
@@ -37,7 +46,8 @@ It writes each trace text as one line to the standard error stream or a file.")
 
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libkelto-util1)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${CMAKE_CURRENT_LIST_DIR}/debian/triggers)
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "libqtrace1 (>= ${PROJECT_VERSION})")
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS
+  "libqtrace1 (>= ${PROJECT_VERSION})${kelto_further_libraries}")
 set(CPACK_DEBIAN_RUNTIME_DESCRIPTION
   "Worker threads with event queues and timers, the locks beneath them, chains of
 message blocks, tracing, configuration files, URLs and text encodings.")

@@ -28,6 +28,8 @@ constexpr GoodUrl GOOD_URLS[] = {
     {"http://h:0/", "http", "h", 80, "/", "http://h/", "port 0: default"},
     {"http://h:/", "http", "h", 80, "/", "http://h/", "missing port: default"},
     {"http://h:x/", "http", "h", 80, "/", "http://h/", "port not a number: default"},
+    {"http://h:8\xB1/", "http", "h", 8, "/", "http://h:8/", "a byte above 0x7F ends the port"},
+    {"http://\xE4/\xFF", "http", "\xE4", 80, "/\xFF", "http://\xE4/\xFF", "bytes above 0x7F"},
     {"https://h/", "https", "h", 443, "/", "https://h/", "scheme in lower case"},
     {"HTTPS://h/", "https", "h", 443, "/", "https://h/", "scheme in upper case"},
     {"Https://h/", "https", "h", 443, "/", "https://h/", "scheme in mixed case"},

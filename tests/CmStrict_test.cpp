@@ -68,6 +68,8 @@ TEST(CmStrictNumber, TakesWholeTextsOnly) {
         {"1\n", CM_ERROR_INVALID_ARG, 1, 0},
         {"two", CM_ERROR_INVALID_ARG, 0, 0},
         {"0x10", CM_ERROR_INVALID_ARG, 1, 0},
+        {"1\xB2", CM_ERROR_INVALID_ARG, 1, 0},  // '2' and 0x80
+        {"\xE1", CM_ERROR_INVALID_ARG, 0, 0},   // 'a' and 0x80
         {"20ms", CM_ERROR_INVALID_ARG, 2, 0},
         {"--1", CM_ERROR_INVALID_ARG, 1, 0},
         {std::string("1\0", 2), CM_ERROR_INVALID_ARG, 1, 0},

@@ -612,11 +612,13 @@ bool RunsBesideABundle(const ScopedHome& aHome) {
     std::filesystem::create_directories(aHome.path() + "a/b/c/d");
     std::filesystem::create_directory(aHome.path() + "a/yrktrace.bundle");
     std::filesystem::create_symlink(kelto_test::PathOfThisProgram(), sPath);
-    const std::string sFilter = std::string("--gtest_filter=CmT120Trace.") +
-                                testing::UnitTest::GetInstance()->current_test_info()->name();
+    std::string sFilter = std::string("--gtest_filter=CmT120Trace.") +
+                          testing::UnitTest::GetInstance()->current_test_info()->name();
+    std::string sName = sPath;
+    char* const arguments[] = {&sName[0], &sFilter[0], nullptr};
     EXPECT_EQ(0, StatusOfChild([&] {
                   setenv(BESIDE, "1", 1);
-                  execl(sPath.c_str(), sPath.c_str(), sFilter.c_str(), nullptr);
+                  execv(sPath.c_str(), arguments);
                   ADD_FAILURE() << "cannot run " << sPath;
               }));
     return false;

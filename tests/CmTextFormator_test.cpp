@@ -69,8 +69,9 @@ TEST_F(CmTextFormator, PrintsAsNumbers_WhenIntegersAreSmall) {
 
 TEST_F(CmTextFormator, PrintsInHexadecimalAsInt_WhenIntegersAreSmall) {
     m_formator << HEX << 'A' << " " << HEX << static_cast<unsigned char>(200) << " " << HEX
-               << static_cast<short>(-1) << " " << HEX << static_cast<unsigned short>(65535);
-    EXPECT_EQ("41 c8 ffffffff ffff", Text());
+               << static_cast<short>(-1) << " " << HEX << static_cast<unsigned short>(65535) << " "
+               << HEX << '\x80';
+    EXPECT_EQ("41 c8 ffffffff ffff ffffff80", Text());
 }
 
 TEST_F(CmTextFormator, IntPrintsItsWholeRange) {

@@ -35,6 +35,11 @@ TEST(CmXmlString, KeepsOtherBlanks) {
     EXPECT_EQ("\v42\f", StringOf("<a>\v42\f</a>", "a"));
 }
 
+TEST(CmXmlString, KeepsBytesAbove0x7F) {
+    EXPECT_EQ("\xA0\xE4 \xFF\x80", StringOf("<a> \xA0\xE4 \xFF\x80 </a>", "a"));
+    EXPECT_EQ("1", StringOf("<\xE4>1</\xE4>", "\xE4"));
+}
+
 TEST(CmXmlString, GivesDefault_WhenTheElementIsMissing) {
     EXPECT_EQ("default", StringOf("<b>1</b>", "a"));
     EXPECT_EQ("default", StringOf("", "a"));

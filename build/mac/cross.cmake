@@ -1,8 +1,11 @@
-# Toolchain for building for macOS on Linux x86-64. build/mac/get-tools gets the compiler; the
-# frameworks are linked through the text stubs in build/mac/stubs.
+# Toolchain for building for macOS on x86-64, on Linux x86-64; cross-arm64.cmake is for the other
+# processor. build/mac/get-tools gets the compiler; the frameworks are linked through the text stubs
+# in build/mac/stubs.
 set(CMAKE_SYSTEM_NAME Darwin)
-set(CMAKE_SYSTEM_PROCESSOR x86_64)
-set(CMAKE_CXX_COMPILER "${CMAKE_CURRENT_LIST_DIR}/mac-c++")
+if(NOT CMAKE_SYSTEM_PROCESSOR STREQUAL "arm64")
+  set(CMAKE_SYSTEM_PROCESSOR x86_64)
+  set(CMAKE_CXX_COMPILER "${CMAKE_CURRENT_LIST_DIR}/mac-c++")
+endif()
 set(CMAKE_AR "${CMAKE_CURRENT_LIST_DIR}/mac-ar")
 set(CMAKE_RANLIB "${CMAKE_CURRENT_LIST_DIR}/mac-ranlib")
 # Debian names it with the version of LLVM.

@@ -313,7 +313,7 @@ void* CCmT120Trace::CTraceState::OpenFile(CCmT120Trace& aFacility, void* aFile,
     }
     void* hNew = T120_Open_Trace_Dev(szPath, aSizeLimit, aFacility.m_bSingleFile, 0);
     if (aFile != nullptr) {
-        hFile.store(hNew, std::memory_order_relaxed);
+        hFile.store(hNew, std::memory_order_release);  // for Load, as the first one
     }
     return hNew;
 }

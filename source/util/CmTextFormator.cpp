@@ -89,7 +89,8 @@ void CCmT120Trace::Text_Formator::reset() {
 }
 
 CCmT120Trace::Text_Formator& CCmT120Trace::Text_Formator::operator<<(char aValue) {
-    return *this << static_cast<int>(aValue);
+    // A char is signed on some processors only; the number is the same on all.
+    return *this << static_cast<int>(static_cast<signed char>(aValue));
 }
 
 CCmT120Trace::Text_Formator& CCmT120Trace::Text_Formator::operator<<(unsigned char aValue) {

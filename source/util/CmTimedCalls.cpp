@@ -68,7 +68,8 @@ CmResult CCmTimedCall::Cancel(bool aWaits) {
     if (StopOnItsWay_i()) {
         return CM_OK;
     }
-    // Acquire: m_pList was set before the state became pending or running.
+    // Acquire: m_pList was set before a state that is neither of the two, each of which is stored
+    // with release.
     if (m_nState.load(std::memory_order_acquire) == STATE_DONE) {
         return CM_ERROR_NOT_FOUND;
     }
@@ -221,7 +222,7 @@ CCmTimedCall* CCmTimedCalls::TakeDue_i(long long aNow, long long& aNext) {
     }
     CCmTimedCall* pCall = m_Heap.front();
     Remove_l(*pCall);
-    pCall->m_nState.store(CCmTimedCall::STATE_RUNNING, std::memory_order_relaxed);
+    pCall->m_nState.store(CCmTimedCall::STATE_RUNNING, std::memory_order_release);
     m_pRunning = pCall;
     return pCall;
 }
@@ -283,7 +284,7 @@ CCmTimedCall* CCmTimedCalls::TakeFirst_i() {
     if (pCall == nullptr && !m_Heap.empty()) {
         pCall = m_Heap.front();
         Remove_l(*pCall);
-        pCall->m_nState.store(CCmTimedCall::STATE_RUNNING, std::memory_order_relaxed);
+        pCall->m_nState.store(CCmTimedCall::STATE_RUNNING, std::memory_order_release);
     }
     return pCall;
 }

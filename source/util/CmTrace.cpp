@@ -9,6 +9,8 @@ CM_CONSTANT_INIT std::atomic<UtilTraceSink> g_util_trace_sink{nullptr};
 
 namespace {
 
+// Relaxed: the sink is installed before the threads that trace are started, which orders what it
+// needs.
 UtilTraceSink InstalledSink() {
     return g_util_trace_sink.load(std::memory_order_relaxed);
 }

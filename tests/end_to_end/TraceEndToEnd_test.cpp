@@ -36,7 +36,8 @@ class TraceEndToEnd : public testing::Test {
     // Runs aHost with the variables in front, and returns what it printed.
     Lines Run(const std::string& aVariables, const std::string& aHost) {
         const std::string sOutput = m_sHome + "/output";
-        const std::string sCommand = aVariables + " '" + aHost + "' " + m_sHome + "/ >" + sOutput;
+        const std::string sCommand =
+            aVariables + " " KELTO_RUN_PREFIX " '" + aHost + "' " + m_sHome + "/ >" + sOutput;
         EXPECT_EQ(0, std::system(sCommand.c_str()));
         std::ifstream output(sOutput);
         return LinesOf(output);

@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
 """Compares the binary layout of classes with the expected one.
 
-    layout.py --readelf readelf --object layout.o expected/CmThing.txt   compares
+    layout.py --readelf readelf --object layout.o --processor aarch64 expected/CmThing.txt
+                                                                         compares
     layout.py --readelf readelf --object layout.o --print CCmThing ...   prints, ready to paste
 
 The layout is read from the debug information of an object file, whichever compiler wrote it.
@@ -12,6 +13,7 @@ An expected file holds one block per class, with everything in the order of the 
     virtual 2 OnTimeout     each virtual function that the class itself declares: its slot (a
                             destructor takes two) and name
     field m_dwSize 4        each field: name and size in bytes
+    field m_Mutex 48 aarch64 56     the same, and the size on a processor where it is another
 
 A class must have exactly what its block says. Empty lines and lines that start with # are
 ignored.
@@ -163,7 +165,16 @@ class Layouts:
         return lines
 
 
-def read_expected(path):
+def size_on(line, processor):
+    """A line as it is on the processor, the word after a size that is another there."""
+    words = line.split()
+    if words[0] != "field" or len(words) == 3:
+        return line
+    sizes = dict(zip(words[3::2], words[4::2]))
+    return " ".join(words[:2] + [sizes.get(processor, words[2])])
+
+
+def read_expected(path, processor):
     blocks = []
     with open(path, encoding="utf-8") as file:
         for line in file:
@@ -172,12 +183,12 @@ def read_expected(path):
                 continue
             if line.startswith("class "):
                 blocks.append([])
-            blocks[-1].append(line)
+            blocks[-1].append(size_on(line, processor))
     return blocks
 
 
-def compare(layouts, path):
-    blocks = read_expected(path)
+def compare(layouts, path, processor):
+    blocks = read_expected(path, processor)
     failures = 0 if blocks else 1
     for expected in blocks:
         actual = layouts.describe(expected[0][len("class "):])
@@ -195,6 +206,7 @@ def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--readelf", required=True)
     parser.add_argument("--object", required=True)
+    parser.add_argument("--processor")
     parser.add_argument("--print", nargs="+", metavar="CLASS")
     parser.add_argument("expected", nargs="*")
     arguments = parser.parse_args()
@@ -204,7 +216,7 @@ def main():
         for name in arguments.print:
             print("\n".join(layouts.describe(name) or [f"# no class {name}"]) + "\n")
         return 0
-    results = [compare(layouts, path) for path in arguments.expected]
+    results = [compare(layouts, path, arguments.processor) for path in arguments.expected]
     return 0 if results and all(results) else 1
 
 

@@ -3,8 +3,9 @@
 #ifndef CM_CPU_X86_H
 #define CM_CPU_X86_H
 
-#include <atomic>
 #include <cstdint>
+
+#include "port/CmCpu.h"
 
 namespace UTIL_NS {
 
@@ -13,9 +14,6 @@ constexpr unsigned int CM_CPU_SSSE3 = 0x1;
 constexpr unsigned int CM_CPU_PCLMUL = 0x2;
 constexpr unsigned int CM_CPU_AVX2 = 0x4;  // and the system keeps the wide registers
 constexpr unsigned int CM_CPU_VPCLMULQDQ = 0x8;
-// The processor has been asked.
-constexpr unsigned int CM_CPU_ASKED = 0x80000000;
-
 // What the processor says, by the instruction's leaf, and which registers the system keeps.
 struct CmCpuAnswers {
     uint32_t dwLeaf1Ecx;
@@ -26,24 +24,6 @@ struct CmCpuAnswers {
 
 // The features, and CM_CPU_ASKED, that follow from the answers.
 unsigned int CmCpuFeaturesOf(const CmCpuAnswers& aAnswers);
-
-// Asks the processor and keeps the answer; of two threads both may. Cold, so that no caller saves
-// registers for it in advance.
-[[gnu::cold]] unsigned int CmCpuAsk();
-
-// 0 before the processor has been asked. It hands nothing else over, so relaxed will do.
-extern std::atomic<unsigned int> g_dwCmCpuFeatures;
-
-// All that the processor has, and CM_CPU_ASKED.
-inline unsigned int CmCpuFeatures() {
-    const unsigned int dwFeatures = g_dwCmCpuFeatures.load(std::memory_order_relaxed);
-    return dwFeatures != 0 ? dwFeatures : CmCpuAsk();
-}
-
-// Whether the processor has all of aFeatures.
-inline bool CmCpuHas(unsigned int aFeatures) {
-    return (CmCpuFeatures() & aFeatures) == aFeatures;
-}
 
 }  // namespace UTIL_NS
 

@@ -1,89 +1,22 @@
 // The kernels of CRC-16 on x86-64: carry-less multiplication, on processors that have the
-// instruction.
-//
-// The data is a polynomial over one bit, so a block that lies n bits in front of another may be
-// added to it after multiplication by x^n modulo the CRC's polynomial. A long buffer is folded
-// eight blocks at a time, side by side, for the multiplier is pipelined. What is left is carried
-// to the end block by block, again side by side, as a sum of 80 bits, whose remainder is found by
-// multiplication with the reciprocal of the polynomial.
+// instruction. CmCrc16Factors.h tells how.
 #include <immintrin.h>
 
 #include <cstring>
 
 #include "CmCrc16.h"
 #include "port/CmCpuX86.h"
+#include "port/CmCrc16Factors.h"
 
 namespace UTIL_NS {
 
 namespace {
 
+using namespace crc16;
+
 #define CM_TARGET __attribute__((target("pclmul,ssse3")))
 #define CM_TARGET_WIDE __attribute__((target("pclmul,ssse3,avx2,vpclmulqdq")))
 #define CM_INLINE __attribute__((always_inline)) inline
-
-constexpr size_t BLOCK_SIZE = 16;  // bytes
-constexpr size_t FOLDED = 8;       // blocks side by side
-constexpr unsigned int BLOCK_BITS = 128;
-
-// In a reflected number the highest bit is x^0.
-constexpr uint64_t Reflect(uint64_t aValue) {
-    uint64_t ullReflected = 0;
-    for (unsigned int i = 0; i < 64; ++i) {
-        ullReflected |= ((aValue >> i) & 1) << (63 - i);
-    }
-    return ullReflected;
-}
-
-constexpr uint32_t POLYNOMIAL = 0x18005;
-
-// x^aPower modulo the polynomial, reflected.
-constexpr uint64_t PowerOfX(unsigned int aPower) {
-    uint32_t dwRemainder = 1;
-    for (unsigned int i = 0; i < aPower; ++i) {
-        dwRemainder <<= 1;
-        dwRemainder ^= (dwRemainder & 0x10000) != 0 ? POLYNOMIAL : 0;
-    }
-    return Reflect(dwRemainder);
-}
-
-// x^80 divided by the polynomial, without its highest term x^64, reflected.
-constexpr uint64_t Reciprocal() {
-    uint64_t ullQuotient = 0;
-    uint32_t dwRemainder = 0x10000;
-    for (unsigned int i = 0; i <= 64; ++i) {
-        const bool bFits = (dwRemainder & 0x10000) != 0;
-        ullQuotient = (ullQuotient << 1) | (bFits ? 1 : 0);
-        dwRemainder = (bFits ? dwRemainder ^ POLYNOMIAL : dwRemainder) << 1;
-    }
-    return Reflect(ullQuotient);
-}
-
-// What carries the two halves of a block over aBits bits. The first half lies 64 bits further in
-// front; a product of reflected factors comes out multiplied by x, hence one power less.
-struct CFactors {
-    uint64_t first;
-    uint64_t second;
-};
-
-constexpr CFactors FactorsFor(unsigned int aBits) {
-    return {PowerOfX(aBits + 63), PowerOfX(aBits - 1)};
-}
-
-// [n]: over n blocks and the 16 bits of the register.
-struct CCarryTable {
-    CFactors factors[2 * FOLDED];
-};
-
-constexpr CCarryTable MakeCarryTable() {
-    CCarryTable table = {};
-    for (unsigned int n = 0; n < 2 * FOLDED; ++n) {
-        table.factors[n] = FactorsFor(BLOCK_BITS * n + 16);
-    }
-    return table;
-}
-
-alignas(16) constexpr CCarryTable CARRY = MakeCarryTable();
-alignas(16) constexpr CFactors FOLD = FactorsFor(BLOCK_BITS * FOLDED);
 
 CM_TARGET CM_INLINE __m128i Load(const void* aData) {
     return _mm_loadu_si128(static_cast<const __m128i*>(aData));
@@ -160,12 +93,6 @@ CM_TARGET CM_INLINE uint16_t Remainder(__m128i aSum) {
 bool HasWideMultiply() {
     return CmCpuHas(CM_CPU_VPCLMULQDQ | CM_CPU_AVX2);
 }
-
-// The 16 bytes from n on, as a shuffle, move the first n bytes of a block to its end and put zeros
-// in front of them.
-alignas(16) constexpr unsigned char SHUFFLES[32] = {
-    0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80,
-    0,    1,    2,    3,    4,    5,    6,    7,    8,    9,    10,   11,   12,   13,   14,   15};
 
 // aFront and then aBlocks blocks, at least 2 * FOLDED - 1, at aData. Not inline, so that a short
 // buffer need not make room for eight blocks on the stack. aMayBeWide: whether the wide form of the

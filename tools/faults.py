@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
-"""Proves that a run of the target's code can fail: each fault of the table is put into a copy of the
+"""Proves that a run of a cross build can fail: each fault of its table is put into a copy of the
 sources, the one file concerned is compiled and linked into its program anew, and the program, which
-passes without the fault, has to fail. faults.py BUILD, where BUILD is a cross build of the tests.
+passes without the fault, has to fail. faults.py PRESET, where PRESET is a cross build of the tests.
 """
 
 import collections
@@ -11,14 +11,14 @@ import shutil
 import subprocess
 import sys
 
-ROOT = pathlib.Path(__file__).resolve().parents[3]
+ROOT = pathlib.Path(__file__).resolve().parents[1]
 TIMEOUT_S = 30  # a program that hangs has failed
 
 # What is wrong; the file that gets it; the text to replace, once, and its replacement; the program
 # and the source of it that is compiled anew; what the program is run with, and what it prints then.
 Fault = collections.namedtuple(
     "Fault", "name file text replacement program source arguments output")
-FAULTS = [
+MAC_FAULTS = [
     Fault("a wrong slot of a virtual table",
           "include/CmEventQueueBase.h",
           r"(    virtual CmResult PostEvent\([^;]*;)(.*?)(    virtual DWORD GetPendingEventsCount\([^;]*;)",
@@ -35,6 +35,26 @@ FAULTS = [
           "tests/CmConditionVariable_test", "CmConditionVariable.cpp",
           ["--gtest_filter=*Cancelled*"], "PASSED"),
 ]
+ARM64_FAULTS = [
+    Fault("a char printed as the processor has it",
+          "source/util/CmTextFormator.cpp",
+          r"static_cast<int>\(static_cast<signed char>\(aValue\)\)", "static_cast<int>(aValue)",
+          "tests/CmTextFormator_test", "CmTextFormator.cpp", [], "PASSED"),
+    Fault("a byte outside the alphabet decoded by vectors",
+          "source/util/port/CmBase64Arm64.cpp",
+          r"vdupq_n_u8\(NOT_A_VALUE\)", "vdupq_n_u8(0)",
+          "tests/CmBase64_test", "CmBase64Arm64.cpp",
+          ["--gtest_filter=*InvalidByte*"], "PASSED"),
+    Fault("a block folded twice by carry-less multiplication",
+          "source/util/port/CmCrc16Arm64.cpp",
+          r"Load\(aData \+ 112\)", "Load(aData + 96)",
+          "tests/CmCrc16_test", "CmCrc16Arm64.cpp", ["--gtest_filter=*EveryImplementation*"], "PASSED"),
+]
+# By preset: the faults, and what runs a program of that build.
+BUILDS = {
+    "mac-cross-tests": (MAC_FAULTS, [ROOT / "out/mac-run/macho_run"]),
+    "linux-arm64": (ARM64_FAULTS, ["qemu-aarch64", "-L", "/usr/aarch64-linux-gnu"]),
+}
 
 
 def commands(build, program):
@@ -76,9 +96,9 @@ def build_with(fault, build, folder):
     return program
 
 
-def passes(fault, program):
-    """Whether the loader runs the program to a good end, and what it printed."""
-    run = [ROOT / "out/mac-run/macho_run", program, *fault.arguments]
+def passes(fault, runner, program):
+    """Whether the program runs to a good end, and what it printed."""
+    run = [*runner, program, *fault.arguments]
     try:
         result = subprocess.run(run, capture_output=True, text=True, errors="replace",
                                 timeout=TIMEOUT_S)
@@ -88,17 +108,19 @@ def passes(fault, program):
 
 
 def main():
-    build = pathlib.Path(sys.argv[1]).resolve()
+    preset = sys.argv[1]
+    faults, runner = BUILDS[preset]
+    build = ROOT / "out" / preset
     failed = 0
-    for number, fault in enumerate(FAULTS):
+    for number, fault in enumerate(faults):
         folder = build / "faults" / str(number)
         shutil.rmtree(folder, ignore_errors=True)
         folder.mkdir(parents=True)
-        good, output = passes(fault, build / fault.program)
+        good, output = passes(fault, runner, build / fault.program)
         if not good:
             print(output)
             verdict = "the program fails without it"
-        elif passes(fault, build_with(fault, build, folder))[0]:
+        elif passes(fault, runner, build_with(fault, build, folder))[0]:
             verdict = "NOT FOUND"
         else:
             verdict = "found"
@@ -106,7 +128,7 @@ def main():
         print(f"{fault.name}: {verdict}", flush=True)
     if failed:
         raise SystemExit(f"{failed} planted faults were not found")
-    print(f"a run finds each of {len(FAULTS)} planted faults")
+    print(f"a run finds each of {len(faults)} planted faults")
 
 
 if __name__ == "__main__":

@@ -1,0 +1,12 @@
+# Linux on arm64, built on another Linux with Debian's cross compiler and run by QEMU's user mode.
+set(CMAKE_SYSTEM_NAME Linux)
+set(CMAKE_SYSTEM_PROCESSOR aarch64)
+set(CMAKE_C_COMPILER aarch64-linux-gnu-gcc)
+set(CMAKE_CXX_COMPILER aarch64-linux-gnu-g++)
+set(KELTO_ARM64_ROOT /usr/aarch64-linux-gnu CACHE PATH "Where the C library for arm64 lies")
+set(CMAKE_CROSSCOMPILING_EMULATOR qemu-aarch64 -L ${KELTO_ARM64_ROOT})
+set(CMAKE_FIND_ROOT_PATH ${KELTO_ARM64_ROOT})
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
