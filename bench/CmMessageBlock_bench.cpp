@@ -33,8 +33,8 @@ constexpr unsigned int SIZE = BLOCKS * BLOCK_SIZE;
 const std::string s_strBytes = RandomBytes(SIZE);
 
 // Flattens again and again; aFlatten() returns a std::string. Several of them live at a time, so
-// that the heap hands out the same places in every row: with one, its cost depends on whether what
-// rows before left behind happens to border on it.
+// that the heap hands out the same places in every row: with a single one, the cost depends on what
+// earlier rows have left beside it.
 template <typename Flatten>
 void FlattenRow(benchmark::State& aState, Flatten aFlatten) {
     std::string flats[8];

@@ -21,7 +21,7 @@ target_compile_options(kelto_compile_options INTERFACE
   ${KELTO_WERROR_FLAG}
   $<$<CXX_COMPILER_ID:Clang,AppleClang>:-Wthread-safety>
   # File names in assertion lines and debug information are relative to the project's root, and no
-  # path of the build stays behind, so that two builds in two directories are alike.
+  # path of the build is left in them, so that two builds in two directories are alike.
   "-ffile-prefix-map=${PROJECT_SOURCE_DIR}/="
   "-ffile-prefix-map=${KELTO_ROOT_FROM_BUILD}="
   "-ffile-prefix-map=${CMAKE_BINARY_DIR}=.")

@@ -14,9 +14,10 @@ namespace {
 constexpr DWORD MOST_ON_THE_WAY = 8;
 constexpr int FRAMES = 1000;
 
-class Encoder {
+class CEncoder {
   public:
-    explicit Encoder(CCmWorker& aWorker) : m_poster(*aWorker.GetEventQueue(), MOST_ON_THE_WAY) {}
+    // aWorker must run.
+    explicit CEncoder(CCmWorker& aWorker) : m_poster(*aWorker.GetEventQueue(), MOST_ON_THE_WAY) {}
 
     // False: there was no room for it.
     bool Encode(int aFrame) {
@@ -36,7 +37,10 @@ class Encoder {
 
 int main() {
     CCmWorker worker;
-    auto pEncoder = std::make_unique<Encoder>(worker);
+    if (CM_FAILED(worker.Result())) {
+        return EXIT_FAILURE;
+    }
+    auto pEncoder = std::make_unique<CEncoder>(worker);
     int nDropped = 0;
     for (int nFrame = 1; nFrame <= FRAMES; ++nFrame) {
         nDropped += pEncoder->Encode(nFrame) ? 0 : 1;
@@ -47,7 +51,7 @@ int main() {
     const int nEncoded = pEncoder->encoded();
     std::printf("%d frames encoded, %d dropped\n", nEncoded, nDropped);
 
-    pEncoder->Encode(FRAMES + 1);
+    const bool bPosted = pEncoder->Encode(FRAMES + 1);  // nothing else is on its way
     pEncoder.reset();  // what was posted a moment ago has run or never will
-    return nEncoded + nDropped == FRAMES ? EXIT_SUCCESS : EXIT_FAILURE;
+    return bPosted && nEncoded + nDropped == FRAMES ? EXIT_SUCCESS : EXIT_FAILURE;
 }

@@ -25,6 +25,7 @@ int main() {
     CCmTimeValue tvLimit(10);
     const bool bDone = CM_SUCCEEDED(timer.Result()) && CM_SUCCEEDED(done.Wait(&tvLimit));
 
-    timer.Cancel();  // from here on the callable does not run
-    return bDone && nTicks >= FIRINGS ? EXIT_SUCCESS : EXIT_FAILURE;
+    // From here on the callable does not run, and what it uses may end.
+    const bool bCancelled = CM_SUCCEEDED(timer.Cancel());
+    return bDone && bCancelled && nTicks >= FIRINGS ? EXIT_SUCCESS : EXIT_FAILURE;
 }

@@ -27,7 +27,7 @@ class Input {
     Input(const uint8_t* aData, size_t aSize) : m_pData(aData), m_nLeft(aSize) {}
 
     bool AtEnd() const { return m_nLeft == 0; }
-    // 0 behind the end.
+    // 0 past the end.
     unsigned Byte() {
         if (m_nLeft == 0) {
             return 0;

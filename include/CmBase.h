@@ -22,21 +22,22 @@
 #define CM_CONSTANT_INIT __constinit
 #endif
 
-/// Tells the compiler that a condition mostly holds.
+/// The condition x, for the compiler one that mostly holds.
 #define CM_LIKELY(x) __builtin_expect(!!(x), 1)
-/// Tells the compiler that a condition mostly does not hold.
+/// The condition x, for the compiler one that mostly does not hold.
 #define CM_UNLIKELY(x) __builtin_expect(!!(x), 0)
 
 namespace UTIL_NS {
 
-/// Every file that includes a header of the library holds one: the library's static objects are
-/// ready before those that the file defines are constructed, also when the library is linked into
-/// the program.
+/// Every file that includes a header of the library holds one, so that the library's static objects
+/// are ready before those of the file are constructed, also when the library is linked into the
+/// program.
 class CM_UTIL_EXPORT CCmLibraryInit {
   public:
+    /// Makes those objects ready, unless they are.
     CCmLibraryInit();
 };
-/// See the class.
+/// That of the file that includes this header.
 static const CCmLibraryInit s_cmLibraryInit;
 
 /// The library's string type: a byte string, no encoding implied.
@@ -53,7 +54,7 @@ typedef int32_t CmResult;
 
 /// Success.
 constexpr CmResult CM_OK = 0;
-/// What every error code counts from; not a result itself.
+/// The number that error codes count from; no result itself.
 constexpr CmResult CM_ERROR_BASE = 0x42004000;
 /// A system call failed, a locked block refused, a bounds check failed.
 constexpr CmResult CM_ERROR_FAILURE = CM_ERROR_BASE + 1;

@@ -1,7 +1,7 @@
 /// Message block chains as ranges of std::string_view, and chains made from pieces.
 ///
-///   CCmChainPtr chain = CmMakeChain({header, payload});
-///   for (std::string_view piece : CCmPieces(chain.get())) { crc.Add(piece); }
+///     CCmChainPtr chain = CmMakeChain({header, payload});
+///     for (std::string_view piece : CCmPieces(chain.get())) { crc.Add(piece); }
 /// \file
 #ifndef CM_BLOCK_PIECES_H
 #define CM_BLOCK_PIECES_H
@@ -19,13 +19,13 @@
 
 namespace UTIL_NS {
 
-/// An owner of a chain whose blocks are DUPLICATED, as all that this class's and CmMakeChain's
-/// operations return are.
+/// How a CCmChainPtr ends its chain. The blocks must be DUPLICATED, as those that operations of
+/// CCmMessageBlock and the functions below return are.
 struct CCmChainEnd {
     /// Frees the chain; null is accepted.
     void operator()(CCmMessageBlock* aChain) const { CCmMessageBlock::DestroyChained(aChain); }
 };
-/// To be used like any other unique_ptr.
+/// Owns a chain, as other unique_ptrs own their objects.
 typedef std::unique_ptr<CCmMessageBlock, CCmChainEnd> CCmChainPtr;
 
 /// The readable bytes of one block; none when it is locked for reading. Valid until the block
@@ -82,7 +82,7 @@ class CCmPieces {
         friend bool operator==(const const_iterator& aLeft, const const_iterator& aRight) {
             return aLeft.m_pBlock == aRight.m_pBlock;
         }
-        /// The opposite.
+        /// Whether they stand at different places.
         friend bool operator!=(const const_iterator& aLeft, const const_iterator& aRight) {
             return !(aLeft == aRight);
         }

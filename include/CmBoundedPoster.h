@@ -1,7 +1,7 @@
 /// CCmBoundedPoster: a bound on what is on its way to a queue.
 ///
-///   CCmBoundedPoster poster(*worker.GetEventQueue(), 64);
-///   if (CM_FAILED(poster.TryPost([frame = std::move(frame)] { Encode(frame); }))) { ++dropped; }
+///     CCmBoundedPoster poster(*worker.GetEventQueue(), 64);
+///     if (CM_FAILED(poster.TryPost([frame = std::move(frame)] { Encode(frame); }))) { ++dropped; }
 /// \file
 #ifndef CM_BOUNDED_POSTER_H
 #define CM_BOUNDED_POSTER_H
@@ -57,15 +57,14 @@ class CM_UTIL_EXPORT CCmBoundedPoster {
         const CmResult rv = TakeRoom(nullptr);
         return CM_SUCCEEDED(rv) ? PostIntoRoom(std::forward<Callable>(aFunction)) : rv;
     }
-    /// Waits for room, without limit or at most aLimit of the monotonic clock: CM_ERROR_TIMEOUT. On
-    /// the queue's own thread, which alone makes room, it does not wait: CM_ERROR_NOT_AVAILABLE.
-    /// When the queue ends, those who wait are refused like all others. A thread that waits is not
-    /// cancelled, but afterwards.
+    /// Waits for room, without limit. On the queue's own thread, which alone makes room, it does
+    /// not wait: CM_ERROR_NOT_AVAILABLE. When the queue ends, those who wait are refused like all
+    /// others. A thread that waits is not cancelled, but afterwards.
     template <class Callable>
     CmResult Post(Callable&& aFunction) {
         return Post(CCmInterval(CCmTimeValue::s_tvMax), std::forward<Callable>(aFunction));
     }
-    /// With a limit.
+    /// The same, waiting at most aLimit of the monotonic clock: CM_ERROR_TIMEOUT.
     template <class Callable>
     CmResult Post(const CCmInterval& aLimit, Callable&& aFunction) {
         const CmResult rv = TakeRoom(&aLimit.Value());
@@ -74,7 +73,7 @@ class CM_UTIL_EXPORT CCmBoundedPoster {
 
   private:
     // What the events share with the poster.
-    struct CM_UTIL_HIDDEN CState;
+    struct CM_UTIL_HIDDEN CPosterState;
     // Gives its room back when it ends.
     class CM_UTIL_EXPORT CBoundedEvent : public ICmEvent {
       public:
@@ -82,7 +81,7 @@ class CM_UTIL_EXPORT CCmBoundedPoster {
 
       private:
         friend class CCmBoundedPoster;
-        CState* m_pState = nullptr;
+        CPosterState* m_pState = nullptr;
     };
     template <class Function>
     class CEventT final : public CBoundedEvent {
@@ -109,8 +108,7 @@ class CM_UTIL_EXPORT CCmBoundedPoster {
     CmResult TakeRoom(const CCmTimeValue* aLimit);
     CmResult PostEvent(CBoundedEvent* aEvent);
 
-    ICmEventQueue& m_Queue;
-    CState* m_pState;
+    CPosterState* m_pState;
 };
 
 }  // namespace UTIL_NS

@@ -64,8 +64,8 @@ constexpr CCmTimeValue CmFromChrono(const std::chrono::duration<Rep, Period>& aD
     }
 }
 
-/// The other way, truncated toward zero; s_tvMax and whatever else exceeds the range of Duration
-/// becomes Duration::max(), or Duration::min() below it.
+/// A duration of the unit that is asked for, truncated toward zero; s_tvMax and whatever else
+/// exceeds the range of Duration becomes Duration::max(), or Duration::min() below it.
 template <class Duration = std::chrono::microseconds>
 constexpr Duration CmToChrono(const CCmTimeValue& aValue) {
     typedef typename Duration::rep Rep;
@@ -96,7 +96,8 @@ constexpr Duration CmToChrono(const CCmTimeValue& aValue) {
 inline CCmTimeValue CmFromChrono(const std::chrono::system_clock::time_point& aTime) {
     return CmFromChrono(aTime.time_since_epoch());
 }
-/// The way back. What exceeds the clock's range becomes its first or last moment.
+/// A CCmTimeValue since 1970 as a moment of the system's clock of std::chrono. What exceeds the
+/// clock's range becomes its first or last moment.
 inline std::chrono::system_clock::time_point CmToSystemTime(const CCmTimeValue& aTime) {
     return std::chrono::system_clock::time_point(
         CmToChrono<std::chrono::system_clock::duration>(aTime));

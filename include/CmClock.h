@@ -43,8 +43,8 @@ struct CM_UTIL_EXPORT timer_policy {
     static long long max_time_value();
 };
 
-/// The process clock, which counts from a moment that the system chooses. It advances by whole ticks,
-/// and always reads 0 when a tick lasts less than a millisecond.
+/// The process clock, which counts from a moment that the system chooses. It advances by whole
+/// ticks, and always reads 0 when a tick lasts less than a millisecond.
 struct CM_UTIL_EXPORT tick_policy {
     /// Microseconds.
     static long long now();
@@ -70,7 +70,7 @@ struct CM_UTIL_EXPORT tick_type {
     tick_type();
     /// aMicroseconds: of either sign.
     explicit tick_type(long long aMicroseconds);
-    /// The same for a record that exists.
+    /// Sets all fields, as the constructor does.
     void reset(long long aMicroseconds);
 
     uint32_t hours;         ///< in total, not reduced to a day
@@ -88,22 +88,22 @@ struct CM_UTIL_EXPORT time_type : tm {
     time_type();
     /// Microseconds since 1970; a negative count is a time before.
     explicit time_type(long long aMicroseconds);
-    /// The same for a record that exists.
+    /// Sets all fields, as the constructor does.
     void reset(long long aMicroseconds);
 
     uint32_t milliseconds;  ///< 0 to 999
     uint32_t microseconds;  ///< 0 to 999
 };
 
-/// Names the process clock for code that takes either of the two.
+/// The process clock, for templates that take this or formatted_timer.
 struct CM_UTIL_EXPORT formatted_ticker {
-    /// tick_type().
+    /// The process clock of now.
     static tick_type now();
 };
 
-/// Names the wall clock for code that takes either of the two.
+/// The wall clock, for templates that take this or formatted_ticker.
 struct CM_UTIL_EXPORT formatted_timer {
-    /// time_type().
+    /// The wall clock of now.
     static time_type now();
 };
 

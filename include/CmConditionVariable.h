@@ -2,8 +2,8 @@
 ///
 /// Thin wrappers over POSIX threads. Every class may be used from any thread. A system call that
 /// fails is traced, except in Lock and TryLock (tracing itself takes locks), and reported as
-/// CM_ERROR_FAILURE; none throws, and an object whose constructor failed still exists. It has
-/// written its one line by then: that it cannot be destroyed either is not traced.
+/// CM_ERROR_FAILURE; none throws. An object whose constructor failed exists all the same; that it
+/// cannot be destroyed either is not traced a second time.
 /// \file
 #ifndef CM_CONDITION_VARIABLE_H
 #define CM_CONDITION_VARIABLE_H
@@ -19,15 +19,14 @@
 
 namespace UTIL_NS {
 
-/// Marks the constructors of objects with static storage, which are constant-initialised and
-/// thereby usable before any other static object is constructed.
+/// Marks the constructors for objects with static storage, which are initialised by the compiler
+/// and thereby usable before any other static object is constructed.
 struct CCmStaticInit {};
 
-/// Common part of the two mutexes, which initialise it: its own constructor only fills it with
-/// zeros, which makes one whose initialisation failed harmless. A mutex must not be destroyed while
-/// it is held.
+/// What the two mutexes share. A mutex must not be destroyed while it is held.
 class CM_UTIL_EXPORT CM_CAPABILITY("mutex") CCmMutexThreadBase {
   public:
+    /// Destroys the mutex; a failure is traced.
     virtual ~CCmMutexThreadBase();
     CCmMutexThreadBase(const CCmMutexThreadBase&) = delete;
     CCmMutexThreadBase& operator=(const CCmMutexThreadBase&) = delete;
@@ -40,8 +39,10 @@ class CM_UTIL_EXPORT CM_CAPABILITY("mutex") CCmMutexThreadBase {
     CmResult TryLock() CM_TRY_ACQUIRE(false);
 
   protected:
+    /// For the mutexes, which initialise m_Mutex. Until then it is filled with zeros, so that one
+    /// whose initialisation failed does no harm.
     CCmMutexThreadBase() : m_Mutex() {}
-    /// For static objects.
+    /// For mutexes with static storage: takes over what the compiler initialises.
     explicit constexpr CCmMutexThreadBase(const pthread_mutex_t& aMutex) : m_Mutex(aMutex) {}
 
     pthread_mutex_t m_Mutex;  ///< zeros until a subclass has initialised it
@@ -53,9 +54,11 @@ class CM_UTIL_EXPORT CM_CAPABILITY("mutex") CCmMutexThreadBase {
 /// The owning thread may lock it again; it is free after as many calls of UnLock.
 class CM_UTIL_EXPORT CCmMutexThreadRecursive : public CCmMutexThreadBase {
   public:
+    /// Initialises the mutex; a failure is traced.
     CCmMutexThreadRecursive();
+    /// Leaves the mutex to the base.
     ~CCmMutexThreadRecursive() override;
-    /// For static objects.
+    /// For objects with static storage: CCmMutexThreadRecursive s_Mutex{CCmStaticInit()}.
     explicit constexpr CCmMutexThreadRecursive(CCmStaticInit)
         : CCmMutexThreadBase(CM_RECURSIVE_MUTEX) {}
 };
@@ -63,9 +66,11 @@ class CM_UTIL_EXPORT CCmMutexThreadRecursive : public CCmMutexThreadBase {
 /// The library's default mutex; not recursive: taking it twice on one thread is a caller error.
 class CM_UTIL_EXPORT CCmMutexThread : public CCmMutexThreadBase {
   public:
+    /// Initialises the mutex; a failure is traced.
     CCmMutexThread();
+    /// Leaves the mutex to the base.
     ~CCmMutexThread() override;
-    /// For static objects.
+    /// For objects with static storage: CCmMutexThread s_Mutex{CCmStaticInit()}.
     explicit constexpr CCmMutexThread(CCmStaticInit)
         : CCmMutexThreadBase(pthread_mutex_t PTHREAD_MUTEX_INITIALIZER) {}
 };
@@ -75,6 +80,7 @@ class CM_UTIL_EXPORT CCmConditionVariableThread {
   public:
     /// aMutex: not owned; must outlive the condition.
     explicit CCmConditionVariableThread(CCmMutexThread& aMutex);
+    /// Nobody may wait any more.
     ~CCmConditionVariableThread();
     CCmConditionVariableThread(const CCmConditionVariableThread&) = delete;
     CCmConditionVariableThread& operator=(const CCmConditionVariableThread&) = delete;
@@ -83,11 +89,11 @@ class CM_UTIL_EXPORT CCmConditionVariableThread {
     CmResult Signal();
     /// Wakes every waiter. CM_OK or CM_ERROR_FAILURE.
     CmResult Broadcast();
-    /// The caller holds the bound mutex. aTimeout: relative to now, on the wall clock; null waits
-    /// without limit, s_tvMax as good as that, zero or less not at all. CM_OK when
-    /// woken (or interrupted, or for no reason: the caller checks its own state),
-    /// CM_ERROR_TIMEOUT, or CM_ERROR_FAILURE. A cancellation point; the mutex is held again when
-    /// the thread's clean-up handlers run.
+    /// Releases the bound mutex, which the caller holds, waits, and takes it again. aTimeout:
+    /// relative to now, on the wall clock; null waits without limit, s_tvMax as good as that, zero
+    /// or less not at all. CM_OK: woken, or interrupted, or for no reason at all, so the caller
+    /// looks at its own state. CM_ERROR_TIMEOUT, CM_ERROR_FAILURE. A cancellation point; the mutex
+    /// is held again when the thread's clean-up handlers run.
     CmResult Wait(CCmTimeValue* aTimeout);
 
   private:
@@ -110,6 +116,7 @@ class CM_UTIL_EXPORT CCmEventThread {
     /// aManualReset, aInitialState: 0 or 1. aName: accepted and not used.
     explicit CCmEventThread(signed char aManualReset = 0, signed char aInitialState = 0,
                             const char* aName = nullptr);
+    /// Nobody may wait or signal any more.
     ~CCmEventThread();
     CCmEventThread(const CCmEventThread&) = delete;
     CCmEventThread& operator=(const CCmEventThread&) = delete;
@@ -117,7 +124,8 @@ class CM_UTIL_EXPORT CCmEventThread {
     /// aTimeout: relative, null waits without limit. CM_OK, CM_ERROR_TIMEOUT or CM_ERROR_FAILURE. A
     /// cancellation point; a cancelled thread leaves the event usable.
     CmResult Wait(CCmTimeValue* aTimeout = nullptr);
-    /// As the class says. CM_OK or CM_ERROR_FAILURE.
+    /// Manual: wakes all waiters and stays open. Automatic: wakes one waiter, or lets one later
+    /// Wait through. CM_OK or CM_ERROR_FAILURE.
     CmResult Signal();
     /// Wakes all waiters (manual) or one (automatic), then leaves the event unsignalled. CM_OK or
     /// CM_ERROR_FAILURE.
@@ -141,6 +149,7 @@ class CM_UTIL_EXPORT CCmSemaphore {
     /// Only aInitialCount is used: 0 to INT_MAX.
     explicit CCmSemaphore(long aInitialCount = 1, const char* aName = nullptr,
                           long aMaximumCount = 0x7FFFFFFF);
+    /// Nobody may wait any more.
     ~CCmSemaphore();
     CCmSemaphore(const CCmSemaphore&) = delete;
     CCmSemaphore& operator=(const CCmSemaphore&) = delete;
@@ -192,13 +201,13 @@ class CCmAtomicOperationT<CCmMutexThread> {
         m_lValue.store(0, std::memory_order_relaxed);
         return true;
     }
-    /// May be outdated when it is read.
+    /// The count; may be outdated when it is read.
     long value() const { return m_lValue.load(std::memory_order_relaxed); }
     /// The mutex that the counter names.
     CCmMutexThread& mutex() const { return *m_pMutex; }
 
   private:
-    CCmMutexThread* m_pMutex;  ///< not owned; the library does not read it
+    CCmMutexThread* m_pMutex;  // not owned; the library does not read it
     std::atomic<long> m_lValue;
 };
 

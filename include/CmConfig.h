@@ -34,20 +34,24 @@
 
 namespace UTIL_NS {
 
-/// The home directory of every path that the library builds; a host changes it by writing it, its
-/// last '/' included. The size is fixed: 15 characters fit, and nothing checks what is written. A
-/// longer one goes through a symbolic link.
+/// Bytes of the home directory: 15 characters fit.
 constexpr int CM_HOME_DIR_SIZE = 16;
-extern CM_UTIL_EXPORT char g_def_kelto_home_dir[CM_HOME_DIR_SIZE];  ///< "/tmp/"
+/// The home directory of every path that the library builds; "/tmp/" at first. A host changes it by
+/// writing it, its last '/' included, or by CmSetHomeDir; nothing checks what is written. A longer
+/// one goes through a symbolic link.
+extern CM_UTIL_EXPORT char g_def_kelto_home_dir[CM_HOME_DIR_SIZE];
 
-/// Written by set_kelto_home_env and init_config, read by nothing: it has no effect on any path.
+/// Bytes of g_cur_env.
 constexpr int CM_CUR_ENV_SIZE = 512;
-extern CM_UTIL_EXPORT char g_cur_env[CM_CUR_ENV_SIZE];  ///< "KELTO_MMP_HOME"
+/// Written by set_kelto_home_env and init_config, read by nothing: it has no effect on any path.
+/// "KELTO_MMP_HOME" at first.
+extern CM_UTIL_EXPORT char g_cur_env[CM_CUR_ENV_SIZE];
 
-/// File names below home + "conf/". They do not end: a look-up made while the program ends reads
-/// the main configuration file that was named last.
-extern CM_UTIL_EXPORT CCmString g_kelto_config_file_name;     ///< "kelto.cfg"
-extern CM_UTIL_EXPORT CCmString g_rabbitmq_config_file_name;  ///< "rabbitmq-config.xml", for hosts
+/// The main configuration file's name below home + "conf/"; "kelto.cfg" at first. It does not end:
+/// a look-up made while the program ends reads the file that was named last.
+extern CM_UTIL_EXPORT CCmString g_kelto_config_file_name;
+/// "rabbitmq-config.xml": the name of a file beside that one, for hosts. It does not end either.
+extern CM_UTIL_EXPORT CCmString g_rabbitmq_config_file_name;
 
 // ---- Profile primitives
 

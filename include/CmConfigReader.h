@@ -1,15 +1,15 @@
 /// A profile file that is read once and answers for itself.
 ///
-///   CCmConfigReader config;
-///   config.ReadMain();
-///   int nWorkers = 2;
-///   CCmTimeValue tvInterval(1);
-///   config.GetNumber("Host", "Workers", nWorkers, 1, 64);
-///   config.GetDuration("Host", "Interval", tvInterval, CCmTimeValue(0, 100000));
-///   for (const CCmString& strSentence : config.problems()) {
-///       puts(strSentence.c_str());
-///   }
-///   // kelto.cfg:7: Workers = "two" in section [Host] should be a whole number from 1 to 64
+///     CCmConfigReader config;
+///     config.ReadMain();
+///     int nWorkers = 2;
+///     CCmTimeValue tvInterval(1);
+///     config.GetNumber("Host", "Workers", nWorkers, 1, 64);
+///     config.GetDuration("Host", "Interval", tvInterval, CCmTimeValue(0, 100000));
+///     for (const CCmString& strSentence : config.problems()) {
+///         puts(strSentence.c_str());
+///     }
+///     // kelto.cfg:7: Workers = "two" in section [Host] should be a whole number from 1 to 64
 ///
 /// The grammar is that of CmConfig.h, to the letter: what get_string_from_profile finds there is
 /// found here, but for one thing: values are never cut. ReadMain also takes a single ";" off the
@@ -41,9 +41,7 @@ class CM_UTIL_EXPORT CCmConfigReader {
     CCmConfigReader();
     /// What it handed out is gone with it.
     ~CCmConfigReader();
-    /// Not to be copied.
     CCmConfigReader(const CCmConfigReader&) = delete;
-    /// Likewise.
     CCmConfigReader& operator=(const CCmConfigReader&) = delete;
 
     /// Opens the file once and takes it as it was at one moment, before an edit or after it; where
@@ -107,8 +105,8 @@ class CM_UTIL_EXPORT CCmConfigReader {
     CmResult ListUnasked(std::string_view aSection, std::vector<CCmString>& aSentences) const;
 
   private:
-    struct CState;
-    CCmPrivateRoomT<CState, 512> m_Private;
+    struct CReaderState;
+    CCmPrivateRoomT<CReaderState, 512> m_Private;
 };
 
 template <class Integer>

@@ -69,7 +69,7 @@ CM_UTIL_EXPORT char* url_string_encode(char* aIn, char* aOut, int aOutSize);
 template <typename T>
 CmResult xtoa_yrk(T aValue, char* aBuf, int aSize);
 
-/// The one that the library holds.
+/// For long long, the type for which the library has it.
 template <>
 CM_UTIL_EXPORT CmResult xtoa_yrk<long long>(long long aValue, char* aBuf, int aSize);
 
@@ -77,7 +77,7 @@ CM_UTIL_EXPORT CmResult xtoa_yrk<long long>(long long aValue, char* aBuf, int aS
 
 namespace yrk {
 
-/// A hook for the host; does nothing.
+/// Does nothing.
 CM_UTIL_EXPORT void ObjectTracer();
 
 }  // namespace yrk

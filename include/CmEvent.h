@@ -1,10 +1,10 @@
 /// Work for another thread as a callable: post it, call it and take its value, post it for later.
 ///
-///   CCmWorker worker;                                        // CmWorker.h
-///   CmPost(worker, [buffer = std::move(buffer)] { Send(buffer); });
-///   auto length = CmCall(worker, [&] { return queue.size(); });
-///   if (length) { Show(*length); }
-///   CCmTimerHandle later = CmPostDelayed(worker, 20ms, [] { ... });
+///     CCmWorker worker;                                        // CmWorker.h
+///     CmPost(worker, [buffer = std::move(buffer)] { Send(buffer); });
+///     auto length = CmCall(worker, [&] { return queue.size(); });
+///     if (length) { Show(*length); }
+///     CCmTimerHandle later = CmPostDelayed(worker, 20ms, [] { ... });
 ///
 /// A target is a CCmWorker, an ACmThread or, except for what is to run later, any ICmEventQueue; it
 /// must outlive the call, not what was posted. The callable is moved (or copied) into one object on
@@ -21,7 +21,6 @@
 #ifndef CM_EVENT_H
 #define CM_EVENT_H
 
-#include <atomic>
 #include <new>
 #include <optional>
 #include <type_traits>
@@ -30,6 +29,7 @@
 #include "CmBase.h"
 #include "CmChrono.h"
 #include "CmEventQueueBase.h"
+#include "CmPrivateRoom.h"
 #include "CmThread.h"
 #include "CmTimeValue.h"
 
@@ -157,14 +157,14 @@ class CCmCallResultT {
     std::optional<Type> m_Value;
 };
 
-/// That of a callable without a value.
+/// What the call of a callable without a value came to.
 template <>
 class CCmCallResultT<void> {
   public:
     /// A call without a value.
     CCmCallResultT(CmResult aResult, bool aHasBegun) : m_Result(aResult), m_bHasBegun(aHasBegun) {}
 
-    /// As that of a call with a value.
+    /// As for a call with a value.
     CmResult Result() const { return m_Result; }
     /// Whether the callable has run.
     explicit operator bool() const { return CM_SUCCEEDED(m_Result); }
@@ -205,16 +205,9 @@ class CM_UTIL_EXPORT ACmCallEvent : public ICmEvent {
     virtual void Drop() = 0;
 
   private:
-    struct CWait;
+    class CM_UTIL_HIDDEN CCallState;
 
-    CM_UTIL_HIDDEN CmResult CallWithin_i(ICmEventQueue& aQueue, const CCmTimeValue& aLimit);
-    CM_UTIL_HIDDEN void WakeCaller_i();
-    CM_UTIL_HIDDEN void Abandon_i();
-    CM_UTIL_HIDDEN void Release_i();
-
-    CWait* m_pWait;  // owned; of a call with a limit
-    std::atomic<int> m_nState;
-    std::atomic<int> m_nHolders;
+    CCmPrivateRoomT<CCallState, 96> m_Private;
 };
 
 /// The event that CmCall makes.
@@ -225,7 +218,7 @@ class CCmCallEventT final : public ACmCallEvent {
     template <class Callable>
     explicit CCmCallEventT(Callable&& aFunction) : m_Function(std::forward<Callable>(aFunction)) {}
 
-    /// For the caller, after Call returned CM_OK.
+    /// The value that the callable returned, moved out. For the caller, after Call returned CM_OK.
     CCmCallResultT<Type> TakeResult() {
         if constexpr (std::is_void_v<Type>) {
             return CCmCallResultT<void>(CM_OK, true);
@@ -264,7 +257,7 @@ class CCmCallHold {
     ACmCallEvent* m_pEvent;
 };
 
-/// What the two forms below share. aLimit: may be null.
+/// What the two forms of CmCall share. aLimit: null is without limit.
 template <class Target, class Callable>
 auto CmCallT(Target& aTarget, const CCmTimeValue* aLimit, Callable&& aFunction) {
     typedef std::decay_t<Callable> Function;
@@ -355,7 +348,7 @@ class CM_UTIL_EXPORT CCmTimerHandle {
   public:
     /// Names nothing.
     CCmTimerHandle() : m_pCall(nullptr), m_Result(CM_ERROR_NOT_FOUND) {}
-    /// Names the same.
+    /// Names what aRight names.
     CCmTimerHandle(const CCmTimerHandle& aRight);
     /// Names what aRight named, which names nothing then.
     CCmTimerHandle(CCmTimerHandle&& aRight) noexcept;
@@ -388,7 +381,7 @@ class CM_UTIL_EXPORT CCmTimerHandle {
     CmResult m_Result;
 };
 
-/// What the two below and CCmTimer share.
+/// What CmPostDelayed, CmPostEvery and CCmTimer share; aCount 0 is without limit.
 template <class Target, class Callable>
 CCmTimerHandle CmPostTimedT(Target& aTarget, const CCmTimeValue& aFirst,
                             const CCmTimeValue& aPeriod, unsigned int aCount,

@@ -25,7 +25,7 @@ namespace UTIL_NS {
 /// One piece of work for another thread; to be created by new, unless OnDestorySelf says otherwise.
 class CM_UTIL_EXPORT ICmEvent {
   public:
-    /// Notes the calling thread.
+    /// Stores the calling thread as the creator.
     ICmEvent();
     ICmEvent(const ICmEvent&) = delete;
     ICmEvent& operator=(const ICmEvent&) = delete;
@@ -52,9 +52,9 @@ class CM_UTIL_EXPORT ICmEventQueue {
   public:
     /// Accepted and ignored: every event is appended at the tail.
     enum EPriority {
-        EPRIORITY_HIGH = 0,    ///< as the others
+        EPRIORITY_HIGH = 0,    ///< like normal priority
         EPRIORITY_NORMAL = 1,  ///< what the library itself passes
-        EPRIORITY_LOW = 2,     ///< as the others
+        EPRIORITY_LOW = 2,     ///< like normal priority
     };
 
     /// Hands aEvent over; does not wait. A queue has no bound: where posters may be faster than
@@ -107,10 +107,10 @@ class CM_UTIL_EXPORT CCmEventQueueBase : public ICmEventQueue {
     /// Waits for senders, refuses what comes from then on and ends what is pending.
     ~CCmEventQueueBase() override;
 
-    /// A post that finds more than 100 events pending, and more than 3 s passed since the last
-    /// such look (or the construction), writes a warning line.
+    /// Also watches the size: the first post after more than 3 s since the construction, or since
+    /// such a post, writes a warning line if more than 100 events are pending with it.
     CmResult PostEvent(ICmEvent* aEvent, EPriority aPri) override;
-    /// By the PostEvent of the object's own class.
+    /// Posts through the PostEvent of the object's own class.
     CmResult SendEvent(ICmEvent* aEvent) override;
     /// Takes no lock.
     DWORD GetPendingEventsCount() override;
@@ -141,17 +141,17 @@ class CM_UTIL_EXPORT CCmEventQueueBase : public ICmEventQueue {
     void WaitForSenders();
 
     std::list<ICmEvent*> m_Events;   ///< in posting order
-    std::atomic<DWORD> m_dwSize;     ///< written like m_Events, read without a lock
-    CCmTimeValue m_tvLastReport;     ///< when a post last looked at the size
+    std::atomic<DWORD> m_dwSize;     ///< their count; read without a lock
+    CCmTimeValue m_tvLastReport;     ///< when a post last watched the size
     std::atomic<pthread_t> m_Tid;    ///< the consumer; 0 until it is bound
-    std::atomic<bool> m_bIsStopped;  ///< read without a lock
+    std::atomic<bool> m_bIsStopped;  ///< posts are refused; read without a lock
 
   private:
     friend class CCmEventSynchronous;
     friend class CCmEventQueueSteps;  // internal
-    class CM_UTIL_HIDDEN CState;
+    class CM_UTIL_HIDDEN CQueueState;
 
-    CCmPrivateRoomT<CState, 144> m_Private;
+    CCmPrivateRoomT<CQueueState, 144> m_Private;
 };
 
 /// The wrapper that carries a synchronous send.
@@ -167,9 +167,10 @@ class CM_UTIL_EXPORT CCmEventSynchronous : public ICmEvent {
     /// Ends an event that has not been ended and wakes a sender that still waits.
     ~CCmEventSynchronous() override;
 
-    /// CM_ERROR_NULL_POINTER: there is no event. CM_OK, with nothing done, on the way back.
+    /// Fires the event and wakes the sender, who gets the result; CM_ERROR_NULL_POINTER: there is
+    /// no event. When the sender has posted the wrapper back: CM_OK, with nothing done.
     CmResult OnEventFire() override;
-    /// Ends the event and lets go of the wrapper, which goes with the second call.
+    /// Ends the event and lets go of the wrapper; the second call frees it.
     void OnDestorySelf() override;
     /// For the sender, once, after a successful post: the result of the event's OnEventFire,
     /// CM_ERROR_NOT_AVAILABLE when it was ended without having run, or the result of a wait that
@@ -178,14 +179,14 @@ class CM_UTIL_EXPORT CCmEventSynchronous : public ICmEvent {
 
   private:
     friend class CCmEventQueueBase;
-    class CM_UTIL_HIDDEN CState;
+    class CM_UTIL_HIDDEN CSendState;
 
     std::atomic<ICmEvent*> m_pEvent;    // null once it has been ended
     CmResult m_Result;                  // CM_ERROR_NOT_AVAILABLE until it has fired
     CCmEventQueueBase* m_pEventQueue;   // not owned
     std::atomic<bool> m_bHasDestoryed;  // one of the two has let go
     CCmEventThread m_SendEvent;         // the sender waits for it
-    CCmPrivateRoomT<CState, 80> m_Private;
+    CCmPrivateRoomT<CSendState, 80> m_Private;
 };
 
 /// The queue of a consumer that polls.
@@ -193,7 +194,7 @@ class CM_UTIL_EXPORT CCmEventQueueUsingMutex : public CCmEventQueueBase {
   public:
     /// An empty queue that runs.
     CCmEventQueueUsingMutex();
-    /// As the base.
+    /// Waits for senders, refuses what comes from then on and ends what is pending.
     ~CCmEventQueueUsingMutex() override;
 
     /// Under the queue's mutex; what is refused ends after it was released.
@@ -212,6 +213,7 @@ class CM_UTIL_EXPORT CCmEventQueueUsingMutex : public CCmEventQueueBase {
 
   private:
     CCmMutexThread m_Mutex;
+    [[maybe_unused]] CCmPrivateRoomT<void, 64> m_Private;  // for later versions
 };
 
 /// The queue of a consumer that sleeps until an event arrives.
@@ -219,7 +221,7 @@ class CM_UTIL_EXPORT CCmEventQueueUsingConditionVariable : public CCmEventQueueB
   public:
     /// An empty queue that runs.
     CCmEventQueueUsingConditionVariable();
-    /// As the base.
+    /// Waits for senders, refuses what comes from then on and ends what is pending.
     ~CCmEventQueueUsingConditionVariable() override;
 
     /// Under the queue's mutex; after it was released, wakes the consumer when it sleeps, and ends
@@ -247,11 +249,11 @@ class CM_UTIL_EXPORT CCmEventQueueUsingConditionVariable : public CCmEventQueueB
 
   private:
     friend class CCmEventQueueSteps;  // internal
-    class CM_UTIL_HIDDEN CState;
+    class CM_UTIL_HIDDEN CConditionQueueState;
 
     CCmMutexThread m_Mutex;
     CCmConditionVariableThread m_Condition;
-    CCmPrivateRoomT<CState, 160> m_Private;
+    CCmPrivateRoomT<CConditionQueueState, 160> m_Private;
 };
 
 }  // namespace UTIL_NS

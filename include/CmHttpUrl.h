@@ -75,7 +75,7 @@ class CM_UTIL_EXPORT CCmHttpUrl : public CCmReferenceControlT<CCmMutexNullSingle
     static const char* get_pszSchemeFile() { return s_pszSchemeFile; }
 
   private:
-    class CM_UTIL_HIDDEN CSteps;  // internal
+    class CM_UTIL_HIDDEN CUrlSteps;  // internal
 
     CCmString m_strAsciiSpec;  // cached, empty when it must be rebuilt
     CCmString m_strScheme;

@@ -1,10 +1,10 @@
 /// CCmLifeGuard: callables that run only while an object lives.
 ///
-///   class CSession {
-///       void Start() { CmPost(m_Worker, m_Guard.Wrap([this] { OnStarted(); })); }
-///       ...
-///       CCmLifeGuard m_Guard;   // the last member: it ends first
-///   };
+///     class CSession {
+///         void Start() { CmPost(m_Worker, m_Guard.Wrap([this] { OnStarted(); })); }
+///         ...
+///         CCmLifeGuard m_Guard;   // the last member: it ends first
+///     };
 /// \file
 #ifndef CM_LIFE_GUARD_H
 #define CM_LIFE_GUARD_H
@@ -38,7 +38,7 @@ class CM_UTIL_EXPORT CCmLifeGuard {
   public:
     /// When memory runs out, the guard is one that has ended.
     CCmLifeGuard();
-    /// As End.
+    /// Ends the guard, as End does.
     ~CCmLifeGuard();
     CCmLifeGuard(const CCmLifeGuard&) = delete;
     CCmLifeGuard& operator=(const CCmLifeGuard&) = delete;
@@ -59,18 +59,18 @@ class CM_UTIL_EXPORT CCmLifeGuard {
     friend class CCmGuardedT;
 
     // What the wrapped callables share with the guard.
-    struct CM_UTIL_HIDDEN CState;
+    struct CM_UTIL_HIDDEN CGuardState;
     // One reference to it; of none when memory ran out.
     class CM_UTIL_EXPORT CReference {
       public:
-        explicit CReference(CState* aState);
+        explicit CReference(CGuardState* aState);
         CReference(const CReference& aRight) : CReference(aRight.m_pState) {}
         CReference(CReference&& aRight) noexcept
             : m_pState(std::exchange(aRight.m_pState, nullptr)) {}
         CReference& operator=(const CReference&) = delete;
         ~CReference();
 
-        CState* m_pState;
+        CGuardState* m_pState;
     };
     // One run of a callable, on the stack of its thread. It is in the guard's list meanwhile.
     class CM_UTIL_EXPORT CRun {
@@ -85,7 +85,7 @@ class CM_UTIL_EXPORT CCmLifeGuard {
         bool IsAllowed() const { return m_bAllowed; }
 
       private:
-        friend struct CState;
+        friend struct CGuardState;
 
         const CReference m_Reference;
         unsigned long m_ulThread;
@@ -94,14 +94,14 @@ class CM_UTIL_EXPORT CCmLifeGuard {
         bool m_bAllowed;
     };
 
-    CState* m_pState;
+    CGuardState* m_pState;
 };
 
 /// What Wrap returns. Copies and what it was moved to are guarded alike.
 template <class Function>
 class CCmGuardedT {
   public:
-    /// For Wrap.
+    /// Holds a reference on the guard's state. For Wrap, which makes it.
     template <class Callable>
     CCmGuardedT(const CCmLifeGuard::CReference& aReference, Callable&& aFunction)
         : m_Reference(aReference), m_Function(std::forward<Callable>(aFunction)) {}

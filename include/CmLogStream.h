@@ -64,7 +64,9 @@ class logstream;
 
 /// An output string stream whose destructor delivers what was inserted, up to the first NUL and in
 /// whatever state the stream is:
-///   ccu::logstream<char>(2, "net") << "connected, fd=" << fd;
+///
+///     ccu::logstream<char>(2, "net") << "connected, fd=" << fd;
+///
 /// One thread at a time.
 template <>
 class CM_UTIL_EXPORT logstream<char> : public std::basic_ostringstream<char> {
@@ -90,12 +92,12 @@ extern CM_UTIL_EXPORT const std::codecvt<wchar_t, char, std::mbstate_t>& ccuCvte
 /// CCmT120Trace in all else.
 class CM_UTIL_EXPORT CCmT120Trace2 : public CCmT120Trace {
   public:
-    /// As that of CCmT120Trace.
+    /// The second facility of the process, created and loaded like CCmT120Trace::instance.
     static CCmT120Trace2* instance();
-    /// As that of CCmT120Trace.
+    /// The arguments are those of CCmT120Trace.
     CCmT120Trace2(const char* aName, CCmT120TraceMapEntry* aLevelTable, const char* aFileName,
                   unsigned char aSingleFile);
-    /// As that of CCmT120Trace.
+    /// Releases the bundle; the trace file stays with the file manager.
     ~CCmT120Trace2() override;
 
     /// Also remembers the path of a trace file that is named after the process as the log path.

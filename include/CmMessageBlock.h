@@ -73,9 +73,7 @@ class CM_UTIL_EXPORT CCmMessageBlock {
     explicit CCmMessageBlock(Size aSize, const char* aData = nullptr, unsigned long aFlag = 0,
                              unsigned int aAdvanceWritePtr = 0)
         : CCmMessageBlock(static_cast<unsigned int>(aSize), aData, aFlag, aAdvanceWritePtr) {}
-    /// Not to be copied; DuplicateTopLevel makes another view.
     CCmMessageBlock(const CCmMessageBlock&) = delete;
-    /// Likewise.
     CCmMessageBlock& operator=(const CCmMessageBlock&) = delete;
     /// Touches the rest of the chain only when m_bRtpChainedFlag is set.
     ~CCmMessageBlock() {
@@ -152,7 +150,8 @@ class CM_UTIL_EXPORT CCmMessageBlock {
     static CCmMessageBlock* Disjoint(CCmMessageBlock* aMb, unsigned int aStart);
     /// Drops the empty blocks in front, freeing those that carry DUPLICATED (this may be one), and
     /// returns the first that is not empty, or null: the caller's new chain head. Refused, with
-    /// null, when m_bRtpChainedFlag is set on this block. As above, no link to a freed block stays.
+    /// null, when m_bRtpChainedFlag is set on this block. A block in front
+    /// of a freed one loses its link to it.
     CCmMessageBlock* ReclaimGarbage();
 
     /// All readable bytes; locked blocks contribute none. Empty when memory ran out.
@@ -180,7 +179,7 @@ class CM_UTIL_EXPORT CCmMessageBlock {
 
     /// Sets locks of this block; aLocks: READ_LOCKED, WRITE_LOCKED or both.
     void SetLock(unsigned long aLocks) { m_Flag |= aLocks & (READ_LOCKED | WRITE_LOCKED); }
-    /// Clears them.
+    /// Lifts locks of this block; aLocks as for SetLock.
     void ClearLock(unsigned long aLocks) { m_Flag &= ~(aLocks & (READ_LOCKED | WRITE_LOCKED)); }
 
     /// The block after this one; null at the end of the chain.
@@ -201,7 +200,7 @@ class CM_UTIL_EXPORT CCmMessageBlock {
     char* GetTopLevelWritePtr() const;
 
   private:
-    class CM_UTIL_HIDDEN CSteps;  // internal
+    class CM_UTIL_HIDDEN CBlockSteps;  // internal
 
     // A duplicate that shares the data block.
     CM_UTIL_HIDDEN CCmMessageBlock(const CCmMessageBlock& aShared, unsigned long aFlag);

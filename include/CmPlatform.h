@@ -12,25 +12,25 @@ namespace UTIL_NS {
 
 #if defined(__APPLE__)
 
-/// A counting semaphore made of a mutex and a condition: there are no unnamed ones here.
+/// A counting semaphore made of a mutex and a condition, since this platform has no unnamed ones.
 struct CmConditionSemaphore {
     pthread_mutex_t m_Mutex;     ///< guards the count
     pthread_cond_t m_Condition;  ///< signalled when the count rises
-    unsigned int m_dwCount;      ///< of the waits that may end at once
+    unsigned int m_dwCount;      ///< how many waits return at once
 };
 
-/// What a semaphore of this platform is made of.
+/// What CCmSemaphore holds on this platform.
 typedef CmConditionSemaphore CmPlatformSemaphore;
 
-/// What a static recursive mutex begins as.
+/// The initial value of a recursive mutex with static storage.
 inline constexpr pthread_mutex_t CM_RECURSIVE_MUTEX = PTHREAD_RECURSIVE_MUTEX_INITIALIZER;
 
 #else
 
-/// What a semaphore of this platform is made of.
+/// What CCmSemaphore holds on this platform.
 typedef sem_t CmPlatformSemaphore;
 
-/// What a static recursive mutex begins as.
+/// The initial value of a recursive mutex with static storage.
 inline constexpr pthread_mutex_t CM_RECURSIVE_MUTEX = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
 
 #endif

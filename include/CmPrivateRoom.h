@@ -7,11 +7,12 @@
 
 namespace UTIL_NS {
 
-/// Holds a StateType, which hosts see the name of and nothing else. Its size is larger than what is
-/// kept there, so that later versions may keep more without any layout changing.
+/// Room for a StateType, of which hosts see nothing but the name. It is larger than that, so that
+/// later versions of the library may keep more in an object whose layout stays as it is.
 template <class StateType, size_t SIZE>
 class CCmPrivateRoomT {
   public:
+    /// Leaves the bytes as they are: the library makes the state in them.
     CCmPrivateRoomT() = default;
     CCmPrivateRoomT(const CCmPrivateRoomT&) = delete;
     CCmPrivateRoomT& operator=(const CCmPrivateRoomT&) = delete;

@@ -1,14 +1,15 @@
 /// Names to addresses without waiting: the system's resolver on a worker, the answer as an event.
 ///
-///   class CAnswer : public ACmResolution {
-///       void OnResolved() override {
-///           if (CM_SUCCEEDED(result())) {
-///               Connect(addresses().front());
-///           }
-///       }
-///   };
-///   CCmResolver resolver;
-///   resolver.Resolve("media.example.org", pWorker->GetEventQueue(), new CAnswer, CCmTimeValue(5));
+///     class CAnswer : public ACmResolution {
+///         void OnResolved() override {
+///             if (CM_SUCCEEDED(result())) {
+///                 Connect(addresses().front());
+///             }
+///         }
+///     };
+///     CCmResolver resolver;
+///     resolver.Resolve("media.example.org", pWorker->GetEventQueue(), new CAnswer,
+///     CCmTimeValue(5));
 /// \file
 #ifndef CM_RESOLVER_H
 #define CM_RESOLVER_H
@@ -27,6 +28,7 @@ namespace UTIL_NS {
 /// An answer; to be created by new, once for each question. Ends like every event.
 class CM_UTIL_EXPORT ACmResolution : public ICmEvent {
   public:
+    /// No answer yet: not asked.
     ACmResolution();
     /// Called by whoever ends the event.
     ~ACmResolution() override;
@@ -47,8 +49,8 @@ class CM_UTIL_EXPORT ACmResolution : public ICmEvent {
 
   private:
     friend class CCmResolver;
-    struct CState;
-    CCmPrivateRoomT<CState, 192> m_Private;
+    struct CResolutionState;
+    CCmPrivateRoomT<CResolutionState, 192> m_Private;
 };
 
 /// Asks the system's resolver, which alone knows /etc/hosts, its servers and its caches. That one
@@ -67,9 +69,7 @@ class CM_UTIL_EXPORT CCmResolver {
     /// Cancels what is pending. Does not wait for the system's resolver: a lookup under way ends by
     /// itself, without touching this object. Not to be called from the destructor of an answer.
     ~CCmResolver();
-    /// Not to be copied.
     CCmResolver(const CCmResolver&) = delete;
-    /// Likewise.
     CCmResolver& operator=(const CCmResolver&) = delete;
 
     /// Asks for the addresses of aName and returns; the answer is posted to aQueue once, at the
@@ -90,8 +90,8 @@ class CM_UTIL_EXPORT CCmResolver {
     CmResult Cancel(uint64_t aId);
 
   private:
-    struct CState;
-    CCmPrivateRoomT<CState, 256> m_Private;
+    struct CResolverState;
+    CCmPrivateRoomT<CResolverState, 256> m_Private;
 };
 
 }  // namespace UTIL_NS

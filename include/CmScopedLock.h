@@ -9,13 +9,15 @@ namespace UTIL_NS {
 
 /// Holds aLock from construction to destruction, or to Unlock; unlocks only what it could lock. A
 /// lock that fails does not stop the caller, who may ask for the result.
-///   CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
+///
+///     CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
 template <class LockType>
 class CM_SCOPED_CAPABILITY CCmScopedLockT {
   public:
     /// aLock: not owned; must outlive the guard.
     explicit CCmScopedLockT(LockType& aLock) CM_ACQUIRE(aLock)
         : m_Lock(aLock), m_Result(aLock.Lock()), m_bHeld(CM_SUCCEEDED(m_Result)) {}
+    /// Unlocks what is still held.
     ~CCmScopedLockT() CM_RELEASE() { GiveBack(); }
     CCmScopedLockT(const CCmScopedLockT&) = delete;
     CCmScopedLockT& operator=(const CCmScopedLockT&) = delete;

@@ -1,10 +1,10 @@
 /// Parsers for input that nobody vouches for: numbers, durations, sizes, addresses, URLs, base64.
 ///
-///   uint16_t wPort = 0;
-///   const CCmParsed parsed = CmParsePort(text, wPort);
-///   if (!parsed) {
-///       printf("column %zu: expected %s\n", parsed.m_nAt + 1, parsed.m_pszExpected);
-///   }
+///     uint16_t wPort = 0;
+///     const CCmParsed parsed = CmParsePort(text, wPort);
+///     if (!parsed) {
+///         printf("column %zu: expected %s\n", parsed.m_nAt + 1, parsed.m_pszExpected);
+///     }
 ///
 /// A text is right as a whole or it is refused: no blanks around it, nothing after it, nothing cut
 /// or wrapped to fit. What is refused leaves the output as it was, unless a function says
@@ -96,8 +96,12 @@ CM_UTIL_EXPORT CCmParsed CmParseSize(std::string_view aText, uint64_t& aBytes, u
 
 /// An IP address. A value; two are equal when they are printed alike.
 struct CCmIpAddress {
-    /// Which kind of address; that of a new object is NONE.
-    enum Family : uint8_t { NONE = 0, IPV4 = 4, IPV6 = 6 };
+    /// The kinds of addresses.
+    enum Family : uint8_t {
+        NONE = 0,  ///< no address
+        IPV4 = 4,  ///< four bytes
+        IPV6 = 6,  ///< sixteen bytes, and perhaps a zone
+    };
     /// Characters of the longest zone identifier; that of an interface name.
     static constexpr size_t MAX_ZONE = 15;
 
@@ -113,7 +117,7 @@ struct CCmIpAddress {
         return aLeft.m_family == aRight.m_family && aLeft.m_abyBytes == aRight.m_abyBytes &&
                aLeft.m_achZone == aRight.m_achZone;
     }
-    /// The opposite.
+    /// Whether they differ.
     friend bool operator!=(const CCmIpAddress& aLeft, const CCmIpAddress& aRight) {
         return !(aLeft == aRight);
     }
@@ -128,7 +132,7 @@ struct CCmEndpoint {
     friend bool operator==(const CCmEndpoint& aLeft, const CCmEndpoint& aRight) {
         return aLeft.m_address == aRight.m_address && aLeft.m_wPort == aRight.m_wPort;
     }
-    /// The opposite.
+    /// Whether they differ.
     friend bool operator!=(const CCmEndpoint& aLeft, const CCmEndpoint& aRight) {
         return !(aLeft == aRight);
     }
@@ -224,8 +228,11 @@ CM_UTIL_EXPORT CmResult CmResolveUrl(const CCmUrlParts& aBase, const CCmUrlParts
 /// authority. Two URLs with one normal form mean the same.
 CM_UTIL_EXPORT CmResult CmNormalizeUrl(const CCmUrlParts& aUrl, CCmString& aText);
 
-/// What "+" in a text means: itself, or as in the queries of forms a blank.
-enum class CmPlus { IS_PLUS, IS_BLANK };
+/// What "+" in a text stands for: itself or, as in the queries of forms, a blank.
+enum class CmPlus {
+    IS_PLUS,   ///< "+"
+    IS_BLANK,  ///< " "
+};
 /// "%41" becomes "A". The bytes may be any, NUL among them. On an error aText is as it was.
 CM_UTIL_EXPORT CCmParsed CmPercentDecode(std::string_view aEncoded, CCmString& aText,
                                          CmPlus aPlus = CmPlus::IS_PLUS);
@@ -243,10 +250,18 @@ CM_UTIL_EXPORT CCmParsed CmFindQueryParameter(std::string_view aQuery, std::stri
 
 // ---- Base64 (RFC 4648) and UTF-8
 
-/// The last two characters: "+/" (section 4) or "-_" (section 5, for URLs and file names).
-enum class CmBase64Alphabet { STANDARD, URL };
+/// The last two of the 64 characters: those of section 4, or those of section 5 for URLs and file
+/// names.
+enum class CmBase64Alphabet {
+    STANDARD,  ///< "+/"
+    URL,       ///< "-_"
+};
 /// Whether "=" fills the last four characters up.
-enum class CmBase64Padding { REQUIRED, NONE, OPTIONAL };
+enum class CmBase64Padding {
+    REQUIRED,  ///< it must be there
+    NONE,      ///< it must not be there
+    OPTIONAL,  ///< decoding takes both; encoding writes it
+};
 
 /// Bytes that decoding a text of aLength characters needs at most.
 constexpr size_t CmBase64DecodedMax(size_t aLength) {

@@ -4,12 +4,14 @@
 /// and passes the levels that have one (CM_TRACE_LEVELS) to their level function of CmLogStream.h,
 /// which delivers to the trace library. Its switches are read from section [Trace] of the main
 /// configuration file (CmConfig.h); P is the process name:
-///   Enable               FALSE silences everything; any value but TRUE counts as FALSE
-///   P.<level name>       TRUE or FALSE for one level
-///   P.Module             module names of up to 32 characters, separated by ","
-///   P.<module>.<level>   the level for one module, for enable_trace_print alone
-///   P                    size limit of every trace file in bytes; below 1025 means 20 MiB
-///   FlushPerLines        lines per flush of every trace file; below 1 means 1
+///
+///     Enable            FALSE silences everything; any value but TRUE counts as FALSE
+///     P.LEVEL           TRUE or FALSE for the level of that name
+///     P.Module          module names of up to 32 characters, separated by ","
+///     P.MODULE.LEVEL    the level for one module, for enable_trace_print alone
+///     P                 size limit of every trace file in bytes; below 1025 means 20 MiB
+///     FlushPerLines     lines per flush of every trace file; below 1 means 1
+///
 /// Switches change only when the configuration is read: on load, and by refresh_trace_config.
 /// \file
 #ifndef CM_T120_TRACE_H
@@ -115,6 +117,7 @@ class CM_UTIL_EXPORT CCmT120Trace {
         /// aBuffer: of aSize bytes, zero-filled here; must outlive the formatter, which does not
         /// own it. A null buffer takes nothing.
         Text_Formator(char* aBuffer, unsigned long aSize);
+        /// Leaves the buffer, and the text in it, to its owner.
         virtual ~Text_Formator();
         Text_Formator(const Text_Formator&) = delete;
         Text_Formator& operator=(const Text_Formator&) = delete;
@@ -167,7 +170,7 @@ class CM_UTIL_EXPORT CCmT120Trace {
         Text_Formator& operator<<(const void* aPointer);
         /// As a null void*: "0x0".
         Text_Formator& operator<<(std::nullptr_t);
-        /// Appends nothing; see Ordix.
+        /// Turns hexadecimal output of the next integer on or off; appends nothing.
         Text_Formator& operator<<(Ordix aOrdix);
 
       private:
@@ -209,10 +212,10 @@ class CM_UTIL_EXPORT CCmT120Trace {
     /// Reads all switches anew. Nobody else waits for the file: no lock is held while it is read.
     /// Of two readings at once the one that began last holds.
     void read_config();
-    /// Another name of read_config.
+    /// read_config, by its other name.
     void refersh_trace_config();
 
-    /// The same with module "util.dll".
+    /// trace_string with module "util.dll".
     void trace_string(unsigned long aLevel, char* aText);
     /// Passes aText, which is never taken as a format, to the level function that CM_TRACE_LEVELS
     /// names for the level. Drops it at a level without one, at a level that is switched off, and
@@ -224,7 +227,7 @@ class CM_UTIL_EXPORT CCmT120Trace {
 
     /// Does nothing.
     void log_string(char* aText);
-    /// Does nothing: a place to divert failed assertions to.
+    /// Does nothing.
     void Assert_Log(char* aFile, char* aExpression, int aLine);
 
     /// If there is a bundle, releases it and takes the level functions away: every text is
@@ -239,7 +242,7 @@ class CM_UTIL_EXPORT CCmT120Trace {
     static const char* get_process_name();
 
   private:
-    class CState;
+    class CTraceState;
     friend class CCmT120Trace2;
 
     CM_UTIL_HIDDEN static std::atomic<CCmT120Trace*> t120_trace;
@@ -262,7 +265,7 @@ class CM_UTIL_EXPORT CCmT120Trace {
     std::atomic<LevelFunction> m_pfnInfo;
     std::atomic<LevelFunction> m_pfnWarn;
     std::atomic<LevelFunction> m_pfnError;
-    CCmPrivateRoomT<CState, 128> m_Private;
+    CCmPrivateRoomT<CTraceState, 128> m_Private;
 };
 
 /// Makes the trace facility read its settings anew.

@@ -5,10 +5,10 @@
 /// "************************* Current Trace Point *************************" with two newlines,
 /// which the next line overwrites:
 ///
-///   0        32                             position
-///   +--------+--------+--------+----...----+--------+----------------
-///   | header | line\n | line\n |           | marker | older lines ...
-///   +--------+--------+--------+----...----+--------+----------------
+///     0        32                             position
+///     +--------+--------+--------+----...----+--------+----------------
+///     | header | line\n | line\n |           | marker | older lines ...
+///     +--------+--------+--------+----...----+--------+----------------
 ///
 /// A new file has no header, so its first line starts at 0 and loses 32 bytes to the header. Only a
 /// shared record rolls over at its size limit; the file of any other grows without end.
@@ -59,7 +59,7 @@ class CM_UTIL_EXPORT CCmT120TraceFile {
     /// file takes the process's locks off it.
     CmResult attach(const char* aPath = nullptr);
 
-    /// Any of aTag and aModule may be null. Lines whose module matches a filter are left out. A
+    /// aTag and aModule may be null. Lines whose module matches a filter are left out. A
     /// line that does not fit what is left of the line buffer is cut and keeps its line end, and
     /// those after it are lost until the next flush; a null aText reads "(null)". On a shared
     /// record the same as write_shared.
@@ -76,12 +76,12 @@ class CM_UTIL_EXPORT CCmT120TraceFile {
     /// lock is written under the new limit. Returns 1.
     unsigned char refresh_settings(unsigned long aSizeLimit, int aFlushCount);
 
-    /// 1 when both names are given and equal, else 0.
+    /// 1 when the record has a name and aName is the same, else 0.
     unsigned char is_same_file(const char* aName) const;
 
   private:
     friend class CCmT120TraceFileMgr;
-    struct CState;
+    struct CRecordState;
 
     std::atomic<CCmT120TraceFile*> m_pNext;  // in the manager's list
     unsigned char m_bWrapped;  // 1 once a flush found the file at its size limit; read by nobody
@@ -97,7 +97,7 @@ class CM_UTIL_EXPORT CCmT120TraceFile {
     int m_nBufferedLines;
     int m_nValidity;    // 20050704 while the record lives
     int m_nDescriptor;  // 0 until attach
-    CCmPrivateRoomT<CState, 192> m_Private;
+    CCmPrivateRoomT<CRecordState, 192> m_Private;
 };
 
 /// The records of the process, by file name.
@@ -119,9 +119,10 @@ class CM_UTIL_EXPORT CCmT120TraceFileMgr {
                unsigned char aIgnored);
     /// Ends a record of this manager; anything else is left alone. No thread may be writing to it.
     void close(void* aRecord);
-    /// Nothing for null.
+    /// Writes a line to aRecord, which is of this manager, as its write does; null is ignored.
     void write(void* aRecord, const char* aTag, const char* aModule, const char* aText);
-    /// For every record. Takes no lock of the manager: no record may be closed meanwhile.
+    /// Sets both for every record, as its refresh_settings does. Takes no lock of the manager: no
+    /// record may be closed meanwhile.
     void refresh_settings(unsigned long aSizeLimit, int aFlushCount);
 
     /// Reads the filters from home + "conf/keltoexp.filter": up to 100 lines, each an extended
@@ -132,7 +133,7 @@ class CM_UTIL_EXPORT CCmT120TraceFileMgr {
     static void init_reg_filter();
 
   private:
-    struct CState;
+    struct CManagerState;
 
     std::atomic<CCmT120TraceFile*> m_pHeader{nullptr};  // newest first
     uint32_t m_dwCount = 0;  // of all records ever created; read by nobody
@@ -141,7 +142,7 @@ class CM_UTIL_EXPORT CCmT120TraceFileMgr {
     union {
         CCmMutexThreadRecursive m_Mutex{CCmStaticInit()};
     };
-    CCmPrivateRoomT<CState, 80> m_Private{};
+    CCmPrivateRoomT<CManagerState, 80> m_Private{};
 };
 
 /// The one manager of the process.

@@ -1,12 +1,12 @@
 /// Threads that own an event queue and, optionally, a timer queue; and the registry of them.
 ///
-///   ACmThread* pThread = nullptr;
-///   CreateUserTaskThread(&pThread, TF_JOINABLE, true, 1);
-///   pThread->GetEventQueue()->PostEvent(new CMyEvent, ICmEventQueue::EPRIORITY_NORMAL);
-///   ...
-///   pThread->Stop(nullptr);   // what was posted before still runs
-///   pThread->Join();
-///   pThread->Destory(CM_OK);  // frees the object
+///     ACmThread* pThread = nullptr;
+///     CreateUserTaskThread(&pThread, TF_JOINABLE, true, 1);
+///     pThread->GetEventQueue()->PostEvent(new CMyEvent, ICmEventQueue::EPRIORITY_NORMAL);
+///     ...
+///     pThread->Stop(nullptr);   // what was posted before still runs
+///     pThread->Join();
+///     pThread->Destory(CM_OK);  // frees the object
 ///
 /// Where timer wrappers are scheduled on the worker, they are destroyed between Join and Destory: a
 /// wrapper that is destroyed cancels its timer in the queue, which is freed with the object.
@@ -30,9 +30,11 @@
 
 namespace UTIL_NS {
 
-/// The type of a thread. Every value but these two is chosen by the host, stored and reported back.
-constexpr int TT_UNKNOWN = -1;  ///< not created
-constexpr int TT_MAIN = 0;      ///< adopts the calling thread; starts none
+/// The type of a thread that has not been created. All types but this one and TT_MAIN are the
+/// host's own numbers, which are stored and reported back.
+constexpr int TT_UNKNOWN = -1;
+/// The type of an object that adopts the calling thread and starts none.
+constexpr int TT_MAIN = 0;
 
 /// Who waits for a thread; 0 is taken as TF_JOINABLE. Detached is a flag whose low two bits are 2.
 typedef int TFlag;
@@ -48,6 +50,7 @@ constexpr TFlag TF_DETACHED = 2;
 /// may be called from any thread, once Create has returned and until Destory.
 class CM_UTIL_EXPORT ACmThread {
   public:
+    /// No thread yet: Create starts or adopts one.
     ACmThread();
     ACmThread(const ACmThread&) = delete;
     ACmThread& operator=(const ACmThread&) = delete;
@@ -67,7 +70,7 @@ class CM_UTIL_EXPORT ACmThread {
     virtual void OnThreadInit();
     /// The thread's body.
     virtual void OnThreadRun() = 0;
-    /// Null: there are no reactors.
+    /// Null: threads of this library have no reactor.
     virtual void* GetReactor();
     /// Null when the thread has none. Owned by the object.
     virtual ICmEventQueue* GetEventQueue();
@@ -76,8 +79,9 @@ class CM_UTIL_EXPORT ACmThread {
     /// Sets what GetStopFlag tells, and nothing else.
     virtual void SetStop();
     /// True once the body has returned, or SetStop or Terminate was called. Stop of a worker does
-    /// not set it: it posts an event, and posts are refused from then on.
+    /// not make it true: it posts an event, and posts are refused from then on.
     virtual bool GetStopFlag();
+    /// For Destory, which calls it.
     virtual ~ACmThread();
 
     /// 0 until created and again after a successful Join.
@@ -149,7 +153,9 @@ CM_UTIL_EXPORT ACmThread* getCurrentThread();
 /// runs no more; one that is stopped before it is created runs what is pending and returns.
 class CM_UTIL_EXPORT CCmThreadTaskWithEventQueueOnly : public ACmThread, public CCmStopFlag {
   public:
+    /// No thread yet; posts are accepted all the same.
     CCmThreadTaskWithEventQueueOnly();
+    /// Ends what is pending, unfired.
     ~CCmThreadTaskWithEventQueueOnly() override;
 
     /// Any thread. Everything posted before still runs; later posts are refused. aTimeout is not
@@ -157,8 +163,13 @@ class CM_UTIL_EXPORT CCmThreadTaskWithEventQueueOnly : public ACmThread, public 
     /// CM_ERROR_NOT_INITIALIZED: it has been stopped before. After Terminate, too, it closes the
     /// queue.
     CmResult Stop(CCmTimeValue* aTimeout = nullptr) override;
+    /// Makes the queue that of the new thread. CM_ERROR_NOT_INITIALIZED for Create: an earlier
+    /// thread of the object has run the stop event, which cannot be posted again.
     void OnThreadInit() override;
+    /// Runs events until the stop event has run, and those that were taken off the queue with it;
+    /// then ends what is pending, unfired.
     void OnThreadRun() override;
+    /// Never null.
     ICmEventQueue* GetEventQueue() override;
 
   protected:
@@ -172,11 +183,16 @@ class CM_UTIL_EXPORT CCmThreadTaskWithEventQueueOnly : public ACmThread, public 
 /// five. A timer is late by what runs when it becomes due and before it, and by no more.
 class CM_UTIL_EXPORT CCmThreadTask : public CCmThreadTaskWithEventQueueOnly {
   public:
+    /// No thread and no timer queue yet.
     CCmThreadTask();
+    /// Frees the timer queue, which calls no handler.
     ~CCmThreadTask() override;
 
+    /// Also creates the timer queue, unless there is one; without memory for it Create fails.
     void OnThreadInit() override;
+    /// The same, and fires due timers between the passes over at most five events.
     void OnThreadRun() override;
+    /// Null until OnThreadInit.
     ICmTimerQueue* GetTimerQueue() override;
 
   protected:
@@ -192,22 +208,30 @@ class CM_UTIL_EXPORT CCmThreadTask : public CCmThreadTaskWithEventQueueOnly {
 /// Typically created with TT_MAIN; the owner then calls OnThreadInit itself.
 class CM_UTIL_EXPORT CCmThreadHeartBeat : public ACmThread {
   public:
+    /// No timer queue yet.
     CCmThreadHeartBeat();
+    /// Frees the timer queue, which calls no handler, and ends what is pending, unfired.
     ~CCmThreadHeartBeat() override;
 
     /// Does nothing; CM_OK.
     CmResult Stop(CCmTimeValue* aTimeout = nullptr) override;
+    /// Creates the timer queue, unless there is one, and makes the event queue that of the calling
+    /// thread.
     void OnThreadInit() override;
-    /// One heartbeat.
+    /// DoHeartBeat, once.
     void OnThreadRun() override;
+    /// Never null.
     ICmEventQueue* GetEventQueue() override;
+    /// Null until OnThreadInit.
     ICmTimerQueue* GetTimerQueue() override;
     /// Owning thread only: fires the due timers, then runs the pending events. CM_OK.
     CmResult DoHeartBeat();
 
   protected:
     CCmEventQueueUsingMutex m_EventQueue;  ///< what GetEventQueue returns
-    ICmTimerQueue* m_pTimerQueue;          ///< as that of CCmThreadTask
+    /// Owned; null until OnThreadInit. A subclass may put another one there only if that derives
+    /// from CCmTimerQueueBase.
+    ICmTimerQueue* m_pTimerQueue;
 
   private:
     [[maybe_unused]] CCmPrivateRoomT<void, 64> m_Private;  // for later versions

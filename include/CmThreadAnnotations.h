@@ -6,7 +6,7 @@
 #if defined(__clang__)
 #define CM_THREAD_ANNOTATION_(x) __attribute__((x))
 #else
-/// For the macros of this file.
+/// What the macros below stand for: an attribute for clang, nothing for others.
 #define CM_THREAD_ANNOTATION_(x)
 #endif
 

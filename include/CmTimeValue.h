@@ -18,18 +18,18 @@ class CM_UTIL_EXPORT CCmTimeValue {
     /// Microseconds in a second.
     static constexpr long ONE_SECOND_IN_USECS = 1000000;
 
-    /// No time at all; what a default-constructed value is.
+    /// Zero seconds: what a default-constructed value is.
     static const CCmTimeValue s_tvZero;
     /// The largest value; as a timeout it means no limit.
     static const CCmTimeValue s_tvMax;
 
-    /// s_tvZero.
+    /// Zero seconds.
     constexpr CCmTimeValue() = default;
     /// Seconds and microseconds of either sign; normalises.
     explicit constexpr CCmTimeValue(long aSec, long aUsec = 0) : m_lSec(aSec), m_lUsec(aUsec) {
         Normalize();
     }
-    /// The same from the system's record.
+    /// The seconds and microseconds of a timeval of the system's; normalises.
     explicit constexpr CCmTimeValue(const timeval& aTv) : CCmTimeValue(aTv.tv_sec, aTv.tv_usec) {}
 
     /// The current wall-clock time (seconds since 1970, UTC).
@@ -43,13 +43,13 @@ class CM_UTIL_EXPORT CCmTimeValue {
     /// {seconds, microseconds * 1000}.
     timespec ToTimeSpec() const { return timespec{m_lSec, m_lUsec * 1000}; }
 
-    /// Restores the invariant after the fields were set freely. Values that carry beyond the
-    /// range saturate.
+    /// Brings the fields into the form that the class promises, in which every operation leaves
+    /// them. A value that carries beyond the range saturates.
     constexpr void Normalize();
 
-    /// Saturates at s_tvMax and its negative.
+    /// Adds aRight; saturates at s_tvMax and its negative.
     constexpr CCmTimeValue& operator+=(const CCmTimeValue& aRight);
-    /// Saturates likewise.
+    /// Subtracts aRight; saturates at s_tvMax and its negative.
     constexpr CCmTimeValue& operator-=(const CCmTimeValue& aRight);
 
     /// The sum, saturated.

@@ -1,7 +1,8 @@
 /// CCmTimer: a timer as an object with a callable; and what is due when, for a timer with a sink.
 ///
-///   CCmTimer m_Timer(worker, 20ms, [this](const CCmTimerFiring& aFiring) { Tick(aFiring.m_tvDue);
-///   });
+///     CCmTimer m_Timer(worker, 20ms, [this](const CCmTimerFiring& aFiring) {
+///         Tick(aFiring.m_tvDue);
+///     });
 /// \file
 #ifndef CM_TIMER_H
 #define CM_TIMER_H
@@ -68,7 +69,7 @@ class CCmTimer {
 /// called through this class. Times are those of the wall clock.
 class CCmDueTimerWrapperID : public CCmTimerWrapperID {
   public:
-    /// As that of the base.
+    /// Schedules as the base does, and notes when the timer is due.
     CmResult Schedule(CCmTimerWrapperIDSink* aSink, const CCmTimeValue& aInterval,
                       unsigned int aCount = 0) {
         m_tvInterval = aInterval;

@@ -113,11 +113,9 @@ class CM_UTIL_EXPORT CCmTimerQueueBase : public ICmTimerQueue {
     virtual int GetEarliestTime_l(CCmTimeValue& aTime) const = 0;
 
   private:
-    class CState;  // internal
-
     CCmEnsureSingleThread m_Est;
-    ICmObserver* m_pObserver;                                 // not owned
-    [[maybe_unused]] CCmPrivateRoomT<CState, 128> m_Private;  // for later versions
+    ICmObserver* m_pObserver;                               // not owned
+    [[maybe_unused]] CCmPrivateRoomT<void, 128> m_Private;  // for later versions
 };
 
 }  // namespace UTIL_NS

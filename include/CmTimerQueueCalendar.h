@@ -55,8 +55,8 @@ class CM_UTIL_EXPORT CCmTimerQueueCalendar : public ICmTimerQueue, public ICmEve
 
     /// aCount 0 repeats for 2^32 - 1 firings. Any interval is taken with any count.
     /// CM_OK: scheduled.
-    /// CM_ERROR_FOUND: scheduled, in place of a timer in the wheel. Not reported for a timer with
-    /// interval zero, whichever it replaces, that posts the event.
+    /// CM_ERROR_FOUND: scheduled, in place of a timer in the wheel. Where the new one has interval
+    /// zero and is the first of those to be pending, so that the event is posted: CM_OK.
     /// CM_ERROR_INVALID_ARG: aEh is null.
     /// CM_ERROR_OUT_OF_MEMORY: nothing changed (or the wheel could not be allocated at all).
     /// The result of the event queue that refused the event, CM_ERROR_NULL_POINTER when there is
@@ -80,23 +80,23 @@ class CM_UTIL_EXPORT CCmTimerQueueCalendar : public ICmTimerQueue, public ICmEve
     void OnDestorySelf() override;
 
   private:
-    typedef CCmTimerQueueCalendarSlotT<ICmTimerHandler*> CNode;
-    class CState;  // internal
+    typedef CCmTimerQueueCalendarSlotT<ICmTimerHandler*> CCalendarNode;
+    class CCalendarState;  // internal
 
-    void InsertUnique_i(const CCmTimeValue& aInterval, CNode* aNode);
-    CNode* RemoveUniqueHandler_i(ICmTimerHandler* aEh);
-    CNode* RemoveUniqueSlot_i(DWORD aSlot, ICmTimerHandler* aEh);
+    void InsertUnique_i(const CCmTimeValue& aInterval, CCalendarNode* aNode);
+    CCalendarNode* RemoveUniqueHandler_i(ICmTimerHandler* aEh);
+    CCalendarNode* RemoveUniqueSlot_i(DWORD aSlot, ICmTimerHandler* aEh);
 
     CCmEnsureSingleThread m_Est;
     DWORD m_dwInterval;            // of a slot, milliseconds
-    CNode** m_ppSlots;             // m_dwMaxSlotNumber + 1 chains, owned; null: out of memory
+    CCalendarNode** m_ppSlots;     // m_dwMaxSlotNumber + 1 chains, owned; null: out of memory
     DWORD m_dwMaxSlotNumber;       // the last slot
     DWORD m_dwCurrentSlot;         // what the next TimerTick fires
     ICmEventQueue* m_pEventQueue;  // not owned
-    CNode* m_pEvents;              // the timers with interval zero
+    CCalendarNode* m_pEvents;      // the timers with interval zero
     // Of every handler that is known as one of the wheel, its slot.
     std::map<ICmTimerHandler*, DWORD> m_Handlers;
-    CCmPrivateRoomT<CState, 240> m_Private;
+    CCmPrivateRoomT<CCalendarState, 240> m_Private;
 };
 
 }  // namespace UTIL_NS

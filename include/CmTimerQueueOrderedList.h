@@ -22,22 +22,24 @@ class CM_UTIL_EXPORT CCmTimerQueueOrderedList : public CCmTimerQueueBase {
     ~CCmTimerQueueOrderedList() override;
 
   protected:
-    /// As the base says. Throws std::bad_alloc only for a handler that has no node.
+    /// Inserts aNode where its time belongs, in place of its handler's node: 0, or 1 when there was
+    /// one. Throws std::bad_alloc only when there was none.
     int PushNode_l(const CNode& aNode) override;
-    /// As the base says.
+    /// Removes the node of a handler: 0, or 1 when there is none. Its memory is kept for others.
     int EraseNode_l(ICmTimerHandler* aEh) override;
-    /// As the base says. Throws std::bad_alloc when no node was popped or erased before.
+    /// Inserts a node whose handler has none: 0. Throws std::bad_alloc when no node was popped or
+    /// erased before.
     int RePushNode_l(const CNode& aNode) override;
-    /// As the base says; on an empty queue an assertion line is written.
+    /// Moves the first node to aNode: 0, or -1, with an assertion line, when the queue is empty.
     int PopFirstNode_l(CNode& aNode) override;
-    /// As the base says.
+    /// When the first node is due: 0, or -1 when the queue is empty.
     int GetEarliestTime_l(CCmTimeValue& aTime) const override;
 
   private:
-    class CState;  // internal
+    class COrderedListState;  // internal
 
     std::list<CNode> m_Nodes;  // ascending m_tvExpired, handlers unique
-    CCmPrivateRoomT<CState, 240> m_Private;
+    CCmPrivateRoomT<COrderedListState, 240> m_Private;
 };
 
 }  // namespace UTIL_NS

@@ -72,7 +72,7 @@ class CM_UTIL_EXPORT low_tick_policy::low_tick_generator : public CCmTimerWrappe
     /// Microseconds of the process clock, read afresh.
     static long long now();
 
-    /// Called by the timer.
+    /// Reads the process clock into the copy. Called by the timer.
     void OnTimer(CCmTimerWrapperID* aId) override;
 
     /// 1; 0 once a generator was created on a thread that could not give it its timer.

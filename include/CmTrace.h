@@ -27,10 +27,10 @@ constexpr unsigned long CM_TRACE_LEVEL_INFO = 20;
 /// one that takes the lines to a file.
 typedef void (*UtilTraceSink)(unsigned long aLevel, const char* aText, unsigned int aLength);
 
-/// The installed sink, null until the host installs one.
+/// The installed sink; null until the host installs one, and again once it has installed null.
 extern CM_UTIL_EXPORT std::atomic<UtilTraceSink> g_util_trace_sink;
 
-/// A hook that does nothing; builds may divert assertion failures to it. Any thread.
+/// Does nothing. Any thread.
 CM_UTIL_EXPORT void Assert_Log(char* aFile, char* aExpression, int aLine);
 
 /// Writes the error line of a failed assertion: file, line and the expression as it was written.
@@ -50,7 +50,7 @@ CM_UTIL_EXPORT void set_util_external_trace_sink(UTIL_NS::UtilTraceSink aSink);
 CM_UTIL_EXPORT void util_adapter_trace(unsigned long aLevel, const char* aText,
                                        unsigned int aLength);
 
-/// The same for a named module; an external sink does not learn the module.
+/// util_adapter_trace for a module of that name, which a sink is not told.
 CM_UTIL_EXPORT void util_adapter_trace_ex(unsigned long aLevel, const char* aModule,
                                           const char* aText, unsigned int aLength);
 
@@ -71,6 +71,7 @@ CM_UTIL_EXPORT void util_adapter_trace_ex(unsigned long aLevel, const char* aMod
 #define CM_ASSERTE_RETURN_AT(aExpression, aResult, aFile, aLine) \
     CM_ASSERTE_RETURN_(aExpression, #aExpression, aResult, aFile, aLine)
 
+/// The first two of the macros above: aText is printed for the expression.
 #define CM_ASSERTE_(aExpression, aText, aFile, aLine)           \
     do {                                                        \
         if (CM_UNLIKELY(!(aExpression))) {                      \
@@ -78,6 +79,7 @@ CM_UTIL_EXPORT void util_adapter_trace_ex(unsigned long aLevel, const char* aMod
         }                                                       \
     } while (0)
 
+/// The others: aText is printed for the expression.
 #define CM_ASSERTE_RETURN_(aExpression, aText, aResult, aFile, aLine) \
     do {                                                              \
         if (CM_UNLIKELY(!(aExpression))) {                            \

@@ -15,6 +15,7 @@ namespace UTIL_NS {
 /// Remembers the thread that an object belongs to: the constructing one until it is rebound.
 class CM_UTIL_EXPORT CCmEnsureSingleThread {
   public:
+    /// The object belongs to the calling thread.
     CCmEnsureSingleThread();
 
     /// Where a check of the calling thread belongs; it does nothing.
@@ -32,6 +33,7 @@ class CM_UTIL_EXPORT CCmEnsureSingleThread {
 /// which nothing enforces.
 class CM_UTIL_EXPORT CCmStopFlag : public CCmEnsureSingleThread {
   public:
+    /// Not stopped; belongs to the calling thread.
     CCmStopFlag();
 
     /// It is not stopped from now on. Any thread.
@@ -52,6 +54,7 @@ class CM_UTIL_EXPORT CCmCleanUpBase {
   public:
     CCmCleanUpBase(const CCmCleanUpBase&) = delete;
     CCmCleanUpBase& operator=(const CCmCleanUpBase&) = delete;
+    /// Takes the object off the registry if it is still there.
     virtual ~CCmCleanUpBase();
     /// Deletes the object.
     virtual void CleanUp();
@@ -65,6 +68,7 @@ class CM_UTIL_EXPORT CCmCleanUpBase {
     static void CleanupAll();
 
   protected:
+    /// Registers the object, under the singleton mutex.
     CCmCleanUpBase();
 
   private:
@@ -78,9 +82,9 @@ class CM_UTIL_EXPORT CCmCleanUpBase {
 /// advance independently, both up to the end of the memory: what is read need not have been
 /// written through the cursor. One thread at a time.
 ///
-/// CM_OK, or CM_ERROR_PARTIAL_DATA when fewer than aCount bytes were left. CM_ERROR_INVALID_ARG:
-/// aDst or aSrc is null. CM_ERROR_NOT_INITIALIZED: the cursor has no memory. Out-counts may be
-/// null.
+/// Results of both: CM_OK; CM_ERROR_PARTIAL_DATA: fewer than aCount bytes were left, which were
+/// copied; CM_ERROR_INVALID_ARG: aDst or aSrc is null; CM_ERROR_NOT_INITIALIZED: the cursor has no
+/// memory. The pointers to counts may be null.
 class CM_UTIL_EXPORT CCmDataBlockNoMalloc {
   public:
     /// The aLen bytes at aData; null: no memory.
@@ -92,8 +96,8 @@ class CM_UTIL_EXPORT CCmDataBlockNoMalloc {
     CmResult Write(const void* aSrc, unsigned int aCount, unsigned int* aBytesWritten);
 
   private:
-    [[maybe_unused]] const char* m_pBegin;  ///< the first byte; nobody reads it
-    const char* m_pEnd;                     ///< one past the last byte
+    [[maybe_unused]] const char* m_pBegin;  // the first byte; nobody reads it
+    const char* m_pEnd;                     // one past the last byte
     const char* m_pCurrentRead;
     char* m_pCurrentWrite;
 };

@@ -21,14 +21,14 @@ extern CM_UTIL_EXPORT unsigned char CRC16_L_TABLE[256];
 /// Fills both tables; they hold the same after every call.
 CM_UTIL_EXPORT void GenerateCRCTable();
 
-/// Its construction fills the tables. Held by CCmSingletonT<CRCTAbleInit>.
+/// Fills the tables when CCmSingletonT<CRCTAbleInit> creates it.
 class CM_UTIL_EXPORT CRCTAbleInit {
   public:
-    /// GenerateCRCTable.
+    /// Calls GenerateCRCTable.
     CRCTAbleInit();
 };
 
-/// The library's own instance.
+/// Instantiated in the library.
 extern template class CCmSingletonT<CRCTAbleInit>;
 
 /// CRC-16, reflected, polynomial 0x8005: from 0 on it is CRC-16/ARC, from 0xFFFF on CRC-16/MODBUS.
@@ -64,7 +64,7 @@ extern "C" {
 /// Does nothing: what the library needs is set up when it is loaded or on first use. A host may
 /// call it, with CmUtilCleanup, around its use of the library.
 CM_UTIL_EXPORT void CmUtilInit();
-/// Does nothing, either.
+/// Does nothing: nothing has to be given back.
 CM_UTIL_EXPORT void CmUtilCleanup();
 
 /// Sleeps for aMs milliseconds, however many signals interrupt it. A failure other than an

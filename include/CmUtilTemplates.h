@@ -26,12 +26,14 @@ class CCmReferenceControlT;
 template <>
 class CM_UTIL_EXPORT CCmReferenceControlT<CCmMutexThread> {
   public:
+    /// No reference yet.
     CCmReferenceControlT() = default;
+    /// For OnReferenceDestory: users release references.
     virtual ~CCmReferenceControlT();
 
-    /// Returns the new count.
+    /// Adds one; returns the new count.
     virtual uint32_t AddReference() { return static_cast<uint32_t>(++m_lCount); }
-    /// Returns the new count; when that is 0, OnReferenceDestory was called.
+    /// Takes one; returns the new count. When that is 0, OnReferenceDestory was called.
     virtual uint32_t ReleaseReference() {
         const uint32_t dwCount = m_lCount.ReleaseOnly() ? 0 : static_cast<uint32_t>(--m_lCount);
         if (dwCount == 0) {
@@ -45,7 +47,7 @@ class CM_UTIL_EXPORT CCmReferenceControlT<CCmMutexThread> {
     virtual void OnReferenceDestory();
 
   protected:
-    /// For objects that are born with references.
+    /// With aCount references from the start.
     explicit CCmReferenceControlT(long aCount) : m_lCount(aCount) {}
 
   private:
@@ -56,14 +58,16 @@ class CM_UTIL_EXPORT CCmReferenceControlT<CCmMutexThread> {
 template <>
 class CM_UTIL_EXPORT CCmReferenceControlT<CCmMutexNullSingleThread> {
   public:
+    /// No reference yet.
     CCmReferenceControlT() = default;
+    /// For OnReferenceDestory: users release references.
     virtual ~CCmReferenceControlT();
     CCmReferenceControlT(const CCmReferenceControlT&) = delete;
     CCmReferenceControlT& operator=(const CCmReferenceControlT&) = delete;
 
-    /// Returns the new count.
+    /// Adds one; returns the new count.
     virtual uint32_t AddReference();
-    /// Returns the new count; when that is 0, OnReferenceDestory was called.
+    /// Takes one; returns the new count. When that is 0, OnReferenceDestory was called.
     virtual uint32_t ReleaseReference();
     /// The count.
     virtual uint32_t GetReference();
@@ -87,6 +91,7 @@ class CCmComAutoPtr {
     }
     /// Takes a reference on the same object.
     CCmComAutoPtr(const CCmComAutoPtr& aRight) : CCmComAutoPtr(aRight.m_pRawPtr) {}
+    /// Releases the reference, if it holds one.
     ~CCmComAutoPtr() {
         if (m_pRawPtr != nullptr) {
             m_pRawPtr->ReleaseReference();
@@ -151,8 +156,8 @@ class CM_UTIL_EXPORT CCmSingletonT : public CCmCleanUpBase {
     static void Create();
 
     T m_Instance;
-    /// Published with release by the creator and read with acquire by Instance: T is constructed
-    /// before it is used.
+    // Published with release by the creator and read with acquire by Instance: T is constructed
+    // before it is used.
     static std::atomic<CCmSingletonT*> m_psInstance;
 };
 

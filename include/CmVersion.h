@@ -5,15 +5,19 @@
 
 #include "CmBase.h"
 
-/// The version that a host is compiled with. The build description takes its number from here.
+/// The version that a host is compiled with: the number that rises when hosts have to be compiled
+/// again. The build description takes all three from here.
 #define CM_UTIL_VERSION_MAJOR 1
+/// The number that rises when something is added.
 #define CM_UTIL_VERSION_MINOR 0
+/// The number that rises when something is mended.
 #define CM_UTIL_VERSION_PATCH 0
 
-/// A number of it as text.
+/// The text of x as it is written.
 #define CM_UTIL_VERSION_TEXT_(x) #x
+/// The text of the number that x stands for.
 #define CM_UTIL_VERSION_TEXT(x) CM_UTIL_VERSION_TEXT_(x)
-/// The same as text: "1.0.0".
+/// The version that a host is compiled with as text: "1.0.0".
 #define CM_UTIL_VERSION_STRING                  \
     CM_UTIL_VERSION_TEXT(CM_UTIL_VERSION_MAJOR) \
     "." CM_UTIL_VERSION_TEXT(CM_UTIL_VERSION_MINOR) "." CM_UTIL_VERSION_TEXT(CM_UTIL_VERSION_PATCH)

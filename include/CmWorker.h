@@ -1,9 +1,10 @@
 /// Worker threads as objects: CCmWorker owns one, from its construction to its end.
 ///
-///   CCmWorker worker(CCmWorkerOptions().Name("audio").OnStart([] { return OpenDevice(); }));
-///   if (CM_FAILED(worker.Result())) { ... }       // a start-up function's result, too
-///   CmPost(worker, [] { ... });                    // CmEvent.h
-///                                                  // the end of the scope stops, joins and frees
+///     CCmWorker worker(CCmWorkerOptions().Name("audio").OnStart([] { return OpenDevice(); }));
+///     if (CM_FAILED(worker.Result())) { ... }       // a start-up function's result, too
+///     CmPost(worker, [] { ... });                    // CmEvent.h
+///                                                    // the end of the scope stops, joins and
+///                                                    frees
 ///
 /// CCmLoopThread is the base of a thread whose loop is the host's own.
 /// \file
@@ -32,7 +33,7 @@ class ACmWorkerHook : public CCmReferenceControlT<CCmMutexThread> {
     virtual CmResult Run(ACmThread& aThread) = 0;
 };
 
-/// The one that the options make of a callable.
+/// The hook that CCmWorkerOptions makes of a callable.
 template <class Function>
 class CCmWorkerHookT final : public ACmWorkerHook {
   public:
@@ -207,23 +208,23 @@ class CM_UTIL_EXPORT CCmWorker {
 /// it tries again every millisecond. A detached thread frees its object when it has ended.
 CM_UTIL_EXPORT CmResult CmEndThread(ACmThread* aThread);
 
-/// An owner of a thread object that ends it by CmEndThread; a failure is traced.
+/// How a CCmThreadPtr ends its thread object: by CmEndThread, which traces a failure.
 struct CCmThreadEnd {
-    /// What the owner does in the end.
+    /// CmEndThread.
     void operator()(ACmThread* aThread) const { CmEndThread(aThread); }
 };
-/// To be used like any other unique_ptr.
+/// Owns a thread object, as other unique_ptrs own theirs.
 typedef std::unique_ptr<ACmThread, CCmThreadEnd> CCmThreadPtr;
 
 /// Base of a thread whose loop is the host's own, such as one that waits for sockets:
 ///
-///   class CReceiver : public CCmLoopThread {
-///     public:
-///       void OnThreadRun() override { while (!GetStopFlag()) { poll(...); ... } }
-///       void OnWakeUp() override { write(m_nPipe, "", 1); }   // poll returns
-///   };
-///   CCmThreadPtr receiver(new CReceiver);
-///   receiver->Create(1);
+///     class CReceiver : public CCmLoopThread {
+///       public:
+///         void OnThreadRun() override { while (!GetStopFlag()) { poll(...); ... } }
+///         void OnWakeUp() override { write(m_nPipe, "", 1); }   // poll returns
+///     };
+///     CCmThreadPtr receiver(new CReceiver);
+///     receiver->Create(1);
 ///
 /// Created by new, owned by CCmThreadPtr.
 class CCmLoopThread : public ACmThread {

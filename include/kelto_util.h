@@ -21,6 +21,7 @@
 #include "CmLogStream.h"
 #include "CmMessageBlock.h"
 #include "CmPlatform.h"
+#include "CmPrivateRoom.h"
 #include "CmResolver.h"
 #include "CmResultText.h"
 #include "CmScopedLock.h"

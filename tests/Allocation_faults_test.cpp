@@ -30,7 +30,7 @@ constexpr unsigned long MOST_ALLOCATIONS = 100000;
 
 void DropLine(unsigned long, const char*, unsigned int) {}
 
-// Runs one operation, which leaves nothing behind, until no fault hits it any more. Its result is
+// Runs one operation, which leaves no memory behind, until no fault hits it any more. Its result is
 // true when it did all of its work; it must do so when nothing failed. Returns the faults.
 unsigned long RunUntilClean(Failing aFailing, const std::function<bool()>& aOperation) {
     for (unsigned long ulNth = 1; ulNth < MOST_ALLOCATIONS; ++ulNth) {

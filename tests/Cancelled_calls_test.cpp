@@ -171,8 +171,8 @@ TEST_P(CmCancelledCall, ReadsTheMainFile_WhenItIsASnapshots) {
     EXPECT_EQ(lLive, kelto_test::LiveAllocations());
 }
 
-// Run by itself it makes the facility, too, with its directory and its file: no line of the test
-// has, since there is a sink.
+// Where this case runs alone, its calls also create the trace facility, with its directory and its
+// file: no line of the test has done so, since a sink takes them.
 TEST_P(CmCancelledCall, SetsTheTraceFacilityUp_WhenItUsesASnapshot) {
     const kelto_test::ScopedTraceSink sink;
     const kelto_test::ScopedHome home;
@@ -207,7 +207,7 @@ int FindNothing(const char*, const char*, const addrinfo*, addrinfo**) {
     return EAI_NONAME;
 }
 
-// An answer with a cancellation point in its end.
+// An answer with a cancellation point in its destruction.
 class CAnswer : public ACmResolution {
   public:
     CAnswer(std::atomic<int>& aResolved, std::atomic<int>& aEnded)

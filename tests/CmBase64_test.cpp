@@ -152,7 +152,7 @@ TEST(CmBase64, DecodersStop_WhateverInvalidByteIsInAnyPlace) {
     }
 }
 
-// Taken where it is there: the text cannot be told from that of the scalars.
+// A kernel is used where there is one; the text itself does not show which way made it.
 TEST(CmBase64, TakesAKernel_WhenTheProcessorHasOne) {
     const unsigned char abyIn[96] = {};
     char achText[160];

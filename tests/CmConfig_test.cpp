@@ -69,7 +69,7 @@ std::string ReadFile(const std::string& aPath, const char* aSection, const char*
     return szValue;
 }
 
-// Both roads; they must agree.
+// By both functions, which must agree.
 std::string Read(const std::string& aContent, const char* aSection, const char* aKey) {
     ScopedHome home;
     const std::string sPath = home.path() + "profile";
@@ -150,7 +150,7 @@ const FormatRow FORMAT_ROWS[] = {
     {"[s]\n   # x = 1\nk=v\n", "s", "# x", "(none)", "a comment after blanks"},
     {"[s]\n   # x = 1\nk=v\n", "s", "k", "v", "a comment is skipped"},
     {"[s]\n; x = 1\n", "s", "; x", "1", "\";\" starts no comment"},
-    {"[s]\nk=v # w\n", "s", "k", "v # w", "no comment behind a value"},
+    {"[s]\nk=v # w\n", "s", "k", "v # w", "no comment after a value"},
     {"[s]\nj=[x]\nk=v\n", "s", "k", "(none)", "brackets in a value make a header"},
     {"[t]\nj=[s]\nk=v\n", "s", "k", "v", "which is the section between them"},
     {"[s]\nk=[v\n", "s", "k", "[v", "an opening bracket alone"},
@@ -159,7 +159,7 @@ const FormatRow FORMAT_ROWS[] = {
     {"x[s]y\nk=v\n", "s", "k", "v", "text around a header"},
     {"[s][t]\nk=v\n", "s", "k", "v", "the first \"]\" cuts"},
     {"[a[s]\nk=v\n", "a[s", "k", "v", "the first \"[\" begins"},
-    {"]a[b]c\nk=v\n", "b]c", "k", "v", "a \"]\" ahead cuts nothing behind the \"[\""},
+    {"]a[b]c\nk=v\n", "b]c", "k", "v", "a \"]\" ahead cuts nothing after the \"[\""},
     {"]a[ s \nk=v\n", "s", "k", "v", "which need not be closed again"},
     {"[s]k=w\nk=v\n", "s", "k", "v", "a header line holds no key"},
     {"[s]\nk=\"abc\"\n", "s", "k", "abc", "double quotes"},
@@ -202,7 +202,7 @@ TEST(CmConfigProfile, TakesHighBytesForNoLetters) {
 }
 
 TEST(CmConfigProfile, SplitsALine_WhenItHasMoreThan2047Characters) {
-    // The line is cut behind 2047 characters, and the rest is a line of its own.
+    // The line is cut after 2047 characters, and the rest is a line of its own.
     const std::string sPad(2047 - 2, 'x');
     EXPECT_EQ(sPad, Read("[s]\nk=" + sPad + "\nj=w\n", "s", "k"));
     EXPECT_EQ("w", Read("[s]\nk=" + sPad + "\nj=w\n", "s", "j"));

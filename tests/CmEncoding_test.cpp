@@ -100,7 +100,7 @@ TEST(CmBase64Both, ComesBackUnchanged_WhateverTheLength) {
         ASSERT_EQ(strText, XEncoded(strBytes));
         ASSERT_EQ(strText.size(), (nLength + 2) / 3 * 4);
         ASSERT_EQ(Decoded(strText.c_str()), strBytes) << nLength;
-        // Room for the result alone: nothing is written behind it.
+        // Room for the result alone: nothing is written past it.
         ASSERT_EQ(XDecoded(strText), strBytes) << nLength;
     }
 }
@@ -213,7 +213,7 @@ TEST(CmBase64String, Decodes_UntilACharacterIsInvalid) {
         {"!aGk=", "", "invalid from the start"},
         {"aG\xC3k", "h", "a byte above 0x7F ends the run"},
         {"\xFF", "", "a byte above 0x7F at the start"},
-        {"aGlqa\x80", CCmString("hij\x6C", 4), "a byte above 0x7F behind a single character"},
+        {"aGlqa\x80", CCmString("hij\x6C", 4), "a byte above 0x7F after a single character"},
         {"aG-_", "h", "not the alphabet of URLs"},
         {"/w==", "\xFF", "the last character of the alphabet"},
         {"+/+/", "\xFB\xFF\xBF", "the characters that are no letters or digits"},
@@ -320,8 +320,8 @@ TEST(CmBase64Buffer, DecodesWholeGroups) {
         {"aGk", "", "less than a group"},
         {"aGk=", "hi", "one pad"},
         {"aA==", "h", "two pads"},
-        {"aGk=aGk=", "hihi", "goes on behind padding"},
-        {"aA==aGlq", "hhij", "goes on behind two pads"},
+        {"aGk=aGk=", "hihi", "goes on after padding"},
+        {"aA==aGlq", "hhij", "goes on after two pads"},
         {"aGlqaGk", "hij", "a group that is not whole is ignored"},
         {"aGlqaGk=x", "hijhi", "a character too many is ignored"},
         {"aG=q", "h", "the third character decides"},
@@ -401,7 +401,7 @@ TEST(CmBase64Buffer, DecodesAsStated_WhateverTheBytes) {
     }
 }
 
-// aOut has aOutSize + 3 bytes, with guards behind them.
+// aOut has aOutSize + 3 bytes, with guards after them.
 CCmString Escaped(const char* aText, int aOutSize) {
     const size_t nRoom = static_cast<size_t>(std::max(aOutSize, -2) + 3);
     std::vector<char> in(aText, aText + std::strlen(aText) + 1);

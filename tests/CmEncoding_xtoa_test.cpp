@@ -34,7 +34,7 @@ TEST(CmEncodingXtoa, Writes_WhenTheTextFits) {
         std::memset(achBuffer, 'z', sizeof(achBuffer));
         EXPECT_EQ(CM_OK, xtoa_yrk<long long>(row.llValue, achBuffer, row.nSize)) << row.pszReason;
         EXPECT_STREQ(row.pszText, achBuffer) << row.pszReason;
-        EXPECT_EQ('z', achBuffer[row.nSize]) << "written behind the buffer: " << row.pszReason;
+        EXPECT_EQ('z', achBuffer[row.nSize]) << "written past the buffer: " << row.pszReason;
     }
 }
 
@@ -56,7 +56,7 @@ TEST(CmEncodingXtoa, Refuses_WhenTheTextDoesNotFit) {
         EXPECT_EQ(CM_ERROR_FAILURE, xtoa_yrk<long long>(row.llValue, achBuffer + 1, row.nSize))
             << row.pszReason;
         EXPECT_EQ('z', achBuffer[0]) << "written before the buffer: " << row.pszReason;
-        EXPECT_EQ('z', achBuffer[1 + row.nSize]) << "written behind: " << row.pszReason;
+        EXPECT_EQ('z', achBuffer[1 + row.nSize]) << "written past it: " << row.pszReason;
     }
 }
 

@@ -447,6 +447,35 @@ TEST(CmEventSend, RunsTheEventOnceAndFreesTheWrapper_WhenTheWaitFailed) {
     EXPECT_EQ(lLive, kelto_test::LiveAllocations());
 }
 
+// A wait that fails after the event has run.
+CCmEventQueueUsingMutex* g_pQueueOfTheFailingWait = nullptr;
+int FailAfterTheEventRan(pthread_cond_t*, pthread_mutex_t* aMutex) {
+    pthread_mutex_unlock(aMutex);
+    std::thread([] {
+        Events events;
+        EXPECT_EQ(CM_OK, g_pQueueOfTheFailingWait->PopPendingEventsLocked(events));
+        g_pQueueOfTheFailingWait->ProcessTakenEvents(events);
+    }).join();
+    pthread_mutex_lock(aMutex);
+    return EINVAL;
+}
+
+TEST(CmEventSend, LetsGoOfTheQueue_WhenTheWaitFailsAfterTheEventRan) {
+    const long lLive = kelto_test::LiveAllocationsBefore();
+    {
+        EventLog log;
+        CCmEventQueueUsingMutex queue;
+        g_pQueueOfTheFailingWait = &queue;
+        kelto_test::ScopedEntry<decltype(g_cmSystem.pthread_cond_wait)> entry(
+            g_cmSystem.pthread_cond_wait, &FailAfterTheEventRan);
+        EXPECT_EQ(CM_ERROR_FAILURE, queue.SendEvent(new LoggedEvent(log, 1)));
+        EXPECT_EQ(Ids{1}, log.fired());
+        EXPECT_EQ(Ids{1}, log.ended());
+        EXPECT_EQ(0u, queue.GetPendingEventsCount());
+    }  // the queue's end waits for senders that hold it
+    EXPECT_EQ(lLive, kelto_test::LiveAllocations());
+}
+
 TEST(CmEventSend, GoesOnWaiting_WhenTheWaitEndsForNoReason) {
     EventLog log;
     CCmEventQueueUsingMutex queue;
@@ -486,7 +515,7 @@ class HeldAfterWake {
         g_cmSystem.pthread_cond_signal, &Signal};
 };
 
-// Says which thread ends it.
+// Says which thread destroys it.
 class PlacedEvent : public ICmEvent {
   public:
     PlacedEvent(std::atomic<pthread_t>& aEndedOn, std::function<void()> aWork)

@@ -135,7 +135,7 @@ TEST(CCmLifeGuard, RunsNothing_WhenMemoryRanOut) {
     guard->End();
 }
 
-// An object that ends while callables for it arrive from and run on several threads.
+// An object that is destroyed while callables for it arrive from and run on several threads.
 TEST(CCmLifeGuard, KeepsCallablesOffAnObject_WhenItEnds) {
     struct Object {
         explicit Object(std::atomic<int>& aUses) : m_uses(aUses) {}

@@ -71,7 +71,7 @@ __attribute__((constructor(101))) void UseBeforeMain() CM_NO_THREAD_SAFETY_ANALY
     set_util_external_trace_sink(nullptr);
 }
 
-// The end of a test's process cannot be looked at by the test: a finding there aborts it.
+// No test runs any more when the process exits: what is found wrong then aborts it.
 void AbortUnless(bool aCondition) {
     if (!aCondition) {
         abort();
@@ -119,10 +119,10 @@ struct HostConfiguration {
     bool bCLocale;
     bool bEnabled;
 };
-// The first to trace, and the last to end.
+// Traces first and is destroyed last.
 __attribute__((init_priority(150))) HostConfiguration g_HostConfiguration;
 
-// Ends after the library's own static objects, wherever these are.
+// Destroyed after the library's own static objects, wherever these are.
 struct HostStatic {
     ~HostStatic() CM_NO_THREAD_SAFETY_ANALYSIS {
         CCmCleanUpBase::CleanupAll();

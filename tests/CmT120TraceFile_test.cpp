@@ -947,7 +947,8 @@ TEST_F(CmT120TraceFile, RecordIsMarkedAsValid_WhileItLives) {
     EXPECT_EQ(0, FieldAt<int>(pchMark, 0));
 }
 
-// Ends a record in a thread that is being cancelled, which a destructor would not survive.
+// Destroys a record in a thread that is being cancelled: acting on that in the destructor would
+// end the process.
 TEST_F(CmT120TraceFile, DestructorEnds_BeforeItsThreadIsCancelled) {
     auto pFile = std::make_unique<CCmT120TraceFile>(m_sPath.c_str(), 0, 0, 0);
     ASSERT_EQ(CM_OK, pFile->attach());
@@ -1075,7 +1076,7 @@ TEST_F(CmT120TraceFile, SharingLosesNoLine_WhenRecordsClose) {
     ExpectAllLines(Content(), 200);
 }
 
-// ---- Objects without memory, and after their end
+// ---- Objects without memory, and after their destruction
 
 TEST_F(CmT120TraceFile, RecordHasNoName_WhenItsConstructorFindsNoMemoryForIt) {
     FailingCall<&CCmSystemTable::strdup> fault(ENOMEM, nullptr);
@@ -1106,7 +1107,7 @@ TEST_F(CmT120TraceFile, RecordLosesLines_WhenItsConstructorFindsNoMemoryForThem)
     }
 }
 
-// A manager with static storage, as those have that outlive their end.
+// A manager with static storage, whose memory is still there after its destructor.
 TEST_F(CmT120TraceFile, ManagerOpensNoMoreRecords_AfterItsEnd) {
     alignas(CCmT120TraceFileMgr) static unsigned char s_abyManager[sizeof(CCmT120TraceFileMgr)];
     auto* pManager = new (s_abyManager) CCmT120TraceFileMgr;

@@ -278,6 +278,16 @@ TEST_F(CmT120Trace, ConfigTurnsDefaultOnLevelsOffPerModule) {
     EXPECT_EQ((std::vector<int>{1, 11, 12, 13}), LevelsOn(*pTrace, "net"));
 }
 
+TEST_F(CmT120Trace, ConfigHasNoSwitch_WhenALevelHasNoName) {
+    m_aTable[20].m_pszName = nullptr;
+    m_aTable[27].m_pszName = nullptr;
+    m_aTable[27].m_bEnabled.store(1);
+    std::unique_ptr<CCmT120Trace> pTrace =
+        Load("C.(null)=FALSE\nC.Module=net\nC.net.(null)=FALSE\nC.net.Error=FALSE\n");
+    EXPECT_EQ((std::vector<int>{0, 1, 10, 11, 12, 13, 20, 27}), LevelsOn(*pTrace));
+    EXPECT_EQ((std::vector<int>{1, 10, 11, 12, 13, 20, 27}), LevelsOn(*pTrace, "net"));
+}
+
 TEST_F(CmT120Trace, ConfigModuleDoesNotAffectTracing) {
     std::unique_ptr<CCmT120Trace> pTrace = Load("C.Module=net\nC.net.Error=FALSE\n");
     Trace(*pTrace, 0, "net", "text");

@@ -1,4 +1,4 @@
-// Threads that are cancelled: what they hold is ended and given back.
+// Threads that are cancelled: what they hold is destroyed or given back.
 #include "CmThread.h"
 
 #include <gtest/gtest.h>
@@ -201,7 +201,7 @@ TEST_P(CmCancelledThread, IsFreed_WhenItIsTerminatedAsItsBodyEnds) {
     EXPECT_TRUE(life.deleted.Wait());
 }
 
-// Acts on its thread's cancellation when it ends.
+// Acts on its thread's cancellation when it is destroyed.
 class CancelPointEvent : public ICmEvent {
   public:
     CmResult OnEventFire() override { return CM_OK; }
@@ -307,7 +307,7 @@ class WorkThread : public ACmThread {
     const std::function<void()> m_work;
 };
 
-// An event with a cancellation point in its firing, in its end, or in both.
+// An event with a cancellation point in its firing, in its destruction, or in both.
 class CancellableEvent : public ICmEvent {
   public:
     CancellableEvent(std::atomic<int>& aEnded, bool aInFire)
@@ -407,7 +407,7 @@ TEST_P(CmCancelledThread, LeavesNothing_WhenTheSenderIsTerminatedInTheEndOfARefu
     const long lLive = kelto_test::LiveAllocationsBefore();
     std::atomic<int> nEnded{0};
     {
-        ClosedQueue queue;  // whose end waits for busy senders
+        ClosedQueue queue;  // whose destructor waits for busy senders
         TerminateIn([&] { queue.SendEvent(new CancellableEvent(nEnded, false)); },
                     [&] { return nEnded > 0; });
     }
@@ -650,7 +650,7 @@ TEST_P(CmCancelledThread, DestroysTheQueue_WhenTerminatedWhileItWaitsForASender)
     }
 }
 
-// Its end is a cancellation point.
+// Its destruction is a cancellation point.
 class PointedThread : public WorkThread {
   public:
     explicit PointedThread(std::atomic<bool>& aDeleted) : WorkThread([] {}), m_bDeleted(aDeleted) {}

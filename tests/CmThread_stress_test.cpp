@@ -346,7 +346,7 @@ TEST(CmThreadStress, LeavesNothing_WhenThousandsOfThreadsLiveInEveryFlagCombinat
     EXPECT_EQ(nullptr, getCurrentThread());
 }
 
-// With a cancellation point in its firing and in its end.
+// With a cancellation point in its firing and in its destruction.
 class PointedEvent : public CountedEvent {
   public:
     using CountedEvent::CountedEvent;

@@ -238,6 +238,26 @@ TEST(CmThreadTask, RunsWhatIsPendingAndRefusesTheRest_AfterStop) {
     }
 }
 
+TEST(CmThreadTask, SendsAtOnce_WhenOnItsOwnThread) {
+    for (bool bWithTimerQueue : {false, true}) {
+        EventLog log;
+        ACmThread* pThread = nullptr;
+        ASSERT_EQ(CM_OK, CreateUserTaskThread(&pThread, TF_JOINABLE, bWithTimerQueue, TYPE));
+        ICmEventQueue* pQueue = pThread->GetEventQueue();
+        pQueue->PostEvent(new LoggedEvent(log, 1,
+                                          [&] {
+                                              pQueue->PostEvent(new LoggedEvent(log, 3), NORMAL);
+                                              return pQueue->SendEvent(new LoggedEvent(log, 2));
+                                          }),
+                          NORMAL);
+        // One that waits for itself could not be joined.
+        ASSERT_TRUE(Eventually([&] { return log.ended().size() == 3; }));
+        EndJoinable(pThread);
+        EXPECT_EQ((Ids{1, 2, 3}), log.fired());
+        EXPECT_EQ((Ids{2, 1, 3}), log.ended());
+    }
+}
+
 TEST(CmThreadTask, EndsEventsUnfired_WhenItsLoopEndsBeforeTheirTurn) {
     EventLog log;
     ACmThread* pThread = nullptr;

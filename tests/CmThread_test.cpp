@@ -7,11 +7,13 @@
 #include <chrono>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "support/BodyThread.h"
 #include "support/Events.h"
 #include "support/Eventually.h"
 #include "support/Faults.h"
+#include "support/Gate.h"
 #include "support/TraceSink.h"
 
 namespace UTIL_NS {
@@ -21,6 +23,7 @@ using kelto_test::BodyThread;
 using kelto_test::EndJoinable;
 using kelto_test::EventLog;
 using kelto_test::Eventually;
+using kelto_test::Gate;
 using kelto_test::Life;
 using kelto_test::LoggedEvent;
 using kelto_test::MaskAddresses;
@@ -391,7 +394,7 @@ TEST(CmThread, IsDeletedAtOnce_WhenADetachedOneIsDestroyedAfterItsBody) {
     BodyThread* pThread = new BodyThread(life);
     ASSERT_EQ(CM_OK, pThread->Create(TYPE, TF_DETACHED, 1));
     ASSERT_TRUE(Eventually([&] { return pThread->GetStopFlag(); }));
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));  // behind its last step
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));  // after its last step
     EXPECT_FALSE(life.deleted.IsOpen());
     pThread->Destory(0);
     EXPECT_TRUE(life.deleted.IsOpen());
@@ -399,7 +402,7 @@ TEST(CmThread, IsDeletedAtOnce_WhenADetachedOneIsDestroyedAfterItsBody) {
 
 std::atomic<int> g_nThreadsGone{0};
 
-// Counts the threads that ran it when they are gone, behind all that the library does on them.
+// Counts the threads that ran it when they are gone, after all that the library does on them.
 class CountedThread : public BodyThread {
   public:
     using BodyThread::BodyThread;
@@ -643,6 +646,83 @@ TEST(CmThread, CreateWaitsForTheInit_WhenTheHandshakeFails) {
     EXPECT_EQ(lLive, kelto_test::LiveAllocations());
 }
 
+// Returns only when the new thread waits for its release.
+Gate g_inBody;
+int LateCreate(pthread_t* aId, const pthread_attr_t* aAttributes, void* (*aStart)(void*),
+               void* aArgument) {
+    pthread_t id = pthread_t();
+    const int rv = pthread_create(&id, aAttributes, aStart, aArgument);
+    EXPECT_TRUE(g_inBody.Wait());
+    *aId = id;
+    return rv;
+}
+
+TEST(CmThread, KnowsItsIdentity_WhenItRunsBeforeItsCreatorGoesOn) {
+    class CAsking : public BodyThread {
+      public:
+        using BodyThread::BodyThread;
+        void OnThreadInit() override {
+            EXPECT_TRUE(IsEqualCurrentThread(GetThreadId()));
+            EXPECT_TRUE(IsEqualCurrentThread(GetThreadHandle()));
+        }
+        void OnThreadRun() override {
+            g_inBody.Open();
+            BodyThread::OnThreadRun();
+        }
+    };
+    kelto_test::ScopedEntry<decltype(g_cmSystem.pthread_create)> entry(g_cmSystem.pthread_create,
+                                                                       &LateCreate);
+    g_inBody.Close();
+    Life life;
+    life.released.Open();
+    BodyThread* pThread = new CAsking(life);
+    EXPECT_EQ(CM_OK, pThread->Create(TYPE, TF_JOINABLE, 1));
+    EXPECT_EQ(CM_OK, pThread->Join());
+    pThread->Destory(0);
+    EXPECT_TRUE(life.ran);
+}
+
+TEST(CmThread, FreesTheHandshake_WhenAnUnknownTypeIsCreatedAgainAfterAFailure) {
+    const long lLive = kelto_test::LiveAllocationsBefore();
+    {
+        Life life;
+        life.released.Open();
+        BodyThread* pThread = new BodyThread(life);
+        {
+            kelto_test::FailingCall<&CCmSystemTable::pthread_create> fault(EAGAIN, EAGAIN);
+            EXPECT_EQ(CM_ERROR_UNEXPECTED, pThread->Create(TT_UNKNOWN, TF_JOINABLE, 0));
+        }
+        EXPECT_EQ(CM_OK, pThread->Create(TYPE, TF_JOINABLE, 0));
+        EXPECT_EQ(CM_OK, pThread->Join());
+        pThread->Destory(0);
+        EXPECT_TRUE(life.ran);
+    }
+    EXPECT_EQ(lLive, kelto_test::LiveAllocations());
+}
+
+TEST(CmThread, Runs_WhenAnUnknownTypeIsCreatedAgainAfterItsInitFailed) {
+    class CFailingOnce : public BodyThread {
+      public:
+        using BodyThread::BodyThread;
+        void OnThreadInit() override {
+            if (!std::exchange(m_bFailed, true)) {
+                SetInitResult(CM_ERROR_NOT_AVAILABLE);
+            }
+        }
+
+      private:
+        bool m_bFailed = false;
+    };
+    Life life;
+    life.released.Open();
+    BodyThread* pThread = new CFailingOnce(life);
+    EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, pThread->Create(TT_UNKNOWN, TF_JOINABLE, 1));
+    EXPECT_EQ(CM_OK, pThread->Create(TYPE, TF_JOINABLE, 1));
+    EXPECT_EQ(CM_OK, pThread->Join());
+    pThread->Destory(0);
+    EXPECT_TRUE(life.ran);
+}
+
 TEST(CmThread, IsJoinedAndNotRun_WhenItsInitFails) {
     class CFailing : public BodyThread {
       public:
@@ -675,7 +755,7 @@ TEST(CmThread, TerminateFails_WhenADetachedBodyHasEnded) {
     BodyThread* pThread = new BodyThread(life);
     ASSERT_EQ(CM_OK, pThread->Create(TYPE, TF_DETACHED, 0));
     ASSERT_TRUE(Eventually([&] { return pThread->GetStopFlag(); }));
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));  // behind its last step
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));  // after its last step
     kelto_test::FailingCall<&CCmSystemTable::pthread_cancel> fault(ESRCH, ESRCH);
     EXPECT_EQ(CM_ERROR_FAILURE, pThread->Terminate());
     EXPECT_EQ(0u, fault.calls());  // the thread's number may be another one's by now

@@ -18,7 +18,7 @@ using kelto_test::ScopedAllocationFault;
 
 typedef CCmTimerHandlerIndexT<int> IndexType;
 
-// Handlers are known by their addresses alone, so those of nothing will do.
+// The index uses the address of a handler only, so no objects are needed.
 ICmTimerHandler* Handler(uintptr_t aAddress) {
     return reinterpret_cast<ICmTimerHandler*>(aAddress);
 }

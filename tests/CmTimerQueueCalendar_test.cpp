@@ -409,7 +409,7 @@ TEST_F(CmTimerQueueCalendar, EndsTheZeroTimer_WhenTheEventIsRefused) {
     EXPECT_EQ(std::vector<int>{1}, Ids(m_log));
 }
 
-// Runs what it is given on the spot and refuses it all the same.
+// Runs what it is given at once and then refuses it.
 class HastyEventQueue : public FakeEventQueue {
   public:
     CmResult PostEvent(ICmEvent* aEvent, EPriority /*aPri*/) override {
@@ -481,7 +481,7 @@ TEST_F(CmTimerQueueCalendar, DropsTheNewestZeroTimer_WhenThereAreSeveral) {
     Schedule(0, 10);
     m_queue.ScheduleTimer(Handler(0), &nTokens[0], Ms(0), 1);
     m_queue.ScheduleTimer(Handler(0), &nTokens[1], Ms(0), 1);
-    // A wheel timer again, whose cancelling ends the entry.
+    // A wheel timer again, whose cancelling removes the entry.
     Schedule(0, 10);
     EXPECT_EQ(CM_OK, Cancel(0));
     EXPECT_EQ(CM_ERROR_NOT_FOUND, Cancel(0));
@@ -727,6 +727,20 @@ TEST_F(CmTimerQueueCalendar, NeedsNoMemory_WhenATimerIsRescheduled) {
     EXPECT_EQ(CM_ERROR_FOUND, Schedule(0, 30));
     EXPECT_EQ(CM_ERROR_FOUND, Schedule(0, 70));
     EXPECT_FALSE(fault.hit());
+}
+
+TEST_F(CmTimerQueueCalendar, NeedsNoMemory_WhenTheHandlerOfAZeroTimerSchedulesIt) {
+    m_events.m_priorities.reserve(2);
+    Handler(0)->SetAction([this] {
+        if (m_log.size() == 1) {
+            ScopedAllocationFault fault(1, Failing::FROM_THERE_ON);
+            EXPECT_EQ(CM_OK, Schedule(0, 0));
+            EXPECT_FALSE(fault.hit());
+        }
+    });
+    Schedule(0, 0);
+    m_events.RunAll();
+    EXPECT_EQ((std::vector<int>{0, 0}), Ids(m_log));
 }
 
 TEST_F(CmTimerQueueCalendar, NeedsNoMemory_WhenInSteadyState) {

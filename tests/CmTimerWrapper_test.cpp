@@ -201,7 +201,7 @@ class CountingSink : public CCmTimerWrapperIDSink {
     std::atomic<int> m_nCount{0};
 };
 
-// What a wrapper holds behind its table of functions.
+// What a wrapper holds after its table of functions.
 struct WrapperFields {
     void* functions;
     bool scheduled;

@@ -17,7 +17,7 @@ namespace {
 
 std::string g_sEnded;
 
-// Leaves its letter when it ends.
+// Leaves its letter when it is destroyed.
 class Registered : public CCmCleanUpBase {
   public:
     explicit Registered(char aLetter) : m_chLetter(aLetter) {}
@@ -156,7 +156,7 @@ TEST_F(CmCleanUpBase, CleanupAllSkipsAnObject_WhenADestructorDeletedIt) {
     EXPECT_EQ("DcDadb", g_sEnded);
 }
 
-// Left alive by its CleanUp; it ends on its own.
+// Left alive by its CleanUp; its owner destroys it.
 class OutlivesCleanUp : public CCmCleanUpBase {
   public:
     void CleanUp() override { g_sEnded += 'k'; }
@@ -205,7 +205,7 @@ TEST_F(CmCleanUpBase, CleanupAllTakesLinearTime) {
         return static_cast<double>(after.tv_sec - before.tv_sec) * 1e3 +
                static_cast<double>(after.tv_nsec - before.tv_nsec) / 1e6;
     };
-    // Quadratic, these took half a minute.
+    // Walks of quadratic cost would take half a minute.
     EXPECT_LT(milliseconds(200000), 5000);
 }
 

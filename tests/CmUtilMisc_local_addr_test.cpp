@@ -272,7 +272,7 @@ TEST_F(CmLocalAddr, FreesEveryNode) {
     EXPECT_EQ(kelto_test::LiveAllocations(), lLive);
 }
 
-// Of the interfaces that are up as the system tells by another road.
+// Of the interfaces that are up, by another call of the system.
 TEST(CmLocalAddrReal, ListsAddressesOfThisMachine) {
     std::multiset<std::string> upAddresses;
     ifaddrs* pInterfaces = nullptr;

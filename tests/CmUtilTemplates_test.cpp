@@ -267,7 +267,7 @@ struct Slow {
 
 struct Throwing {
     Throwing() {
-        CCmSingletonT<Named<'i'>>::Instance();  // registers behind the one that fails
+        CCmSingletonT<Named<'i'>>::Instance();  // registers after the one that fails
         if (s_bThrows) {
             throw std::bad_alloc();
         }

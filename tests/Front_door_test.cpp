@@ -1,4 +1,4 @@
-// The objects of the front door together: they end in every order while they are at work.
+// The objects of the front door together: they are destroyed in every order while in use.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -31,7 +31,7 @@ using kelto_test::LiveAllocationsBefore;
 using kelto_test::ScopedTraceSink;
 using kelto_test::TaskThread;
 
-// What a callable of an object that has ended would find.
+// What a callable of an object that was destroyed would find.
 struct Alive {
     std::atomic<bool> m_bTimer{true};
     std::atomic<bool> m_bGuard{true};

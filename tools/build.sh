@@ -7,7 +7,6 @@ kelto_need_build_tools() {
     kelto_need ninja ninja-build ninja
     kelto_need python3 python3 python3
     kelto_need_header gtest/gtest.h libgtest-dev googletest
-    kelto_need_header pcap/pcap.h libpcap-dev libpcap
 }
 
 kelto_jobs() {

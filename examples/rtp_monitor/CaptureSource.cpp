@@ -1,158 +1,177 @@
-#include <pcap/pcap.h>
+#include <errno.h>
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
-#include <cstdio>
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <utility>
 
+#include "CaptureReader.h"
 #include "PacketSource.h"
 
 namespace rtp_monitor {
 
 namespace {
 
-constexpr uint32_t ETHERTYPE_IPV4 = 0x0800;
-constexpr uint32_t ETHERTYPE_VLAN = 0x8100;
-constexpr uint32_t ETHERTYPE_QINQ = 0x88A8;
-constexpr uint32_t ETHERNET_HEADER_SIZE = 14;
-constexpr uint32_t VLAN_TAG_SIZE = 4;
-constexpr uint32_t NULL_HEADER_SIZE = 4;  // BSD loopback
-constexpr unsigned char FAMILY_IPV4 = 2;
-constexpr uint32_t SLL_HEADER_SIZE = 16;   // Linux cooked capture
-constexpr uint32_t SLL2_HEADER_SIZE = 20;  // its second version
-constexpr uint32_t IP_HEADER_SIZE = 20;
-constexpr uint32_t UDP_HEADER_SIZE = 8;
-constexpr unsigned char PROTOCOL_UDP = 17;
-constexpr uint32_t FRAGMENT_MASK = 0x3FFF;  // more fragments, or an offset
-constexpr int64_t USEC_PER_SEC = 1000000;
+class CCaptureSource : public IPacketSource {
+  public:
+    // aFile: owned. aSize: of a regular file; negative for what has to be waited for.
+    CCaptureSource(int aFile, int64_t aSize, std::string aName)
+        : m_nFile(aFile), m_llFileSize(aSize), m_sName(std::move(aName)) {}
+    ~CCaptureSource() override { close(m_nFile); }
 
-uint32_t Read16(const unsigned char* aData) {
-    return static_cast<uint32_t>(aData[0]) << 8 | aData[1];
-}
+    ERead Read(CPacket* aPacket, EFrame* aReason) override;
+    void AddDescriptors(std::vector<pollfd>* aDescriptors) const override {
+        aDescriptors->push_back({m_nFile, POLLIN, 0});
+    }
+    std::string error() const override { return m_sError; }
+    bool IsRecorded() const override { return true; }
+    int percent() const override {
+        const int64_t llRead = m_llRead.load(std::memory_order_relaxed);
+        return m_llFileSize > 0
+                   ? static_cast<int>(std::min<int64_t>(llRead, m_llFileSize) * 100 / m_llFileSize)
+                   : -1;
+    }
+    std::vector<CInputReport> Inputs() const override {
+        std::vector<CInputReport> inputs(1);
+        inputs[0].name = m_sName;
+        return inputs;
+    }
 
-uint32_t Read32(const unsigned char* aData) {
-    return Read16(aData) << 16 | Read16(aData + 2);
-}
+  private:
+    const unsigned char* here() const {
+        return reinterpret_cast<const unsigned char*>(m_block->m_pPayload) + m_dwAt;
+    }
+    ERead Fail(const std::string& aError) {
+        m_sError = aError;
+        return ERead::FAILED;
+    }
+    ERead Fill();
+    bool MakeRoom();
 
-// Where the IPv4 header starts, or a place beyond aSize when the frame holds none.
-uint32_t FindIpv4(int aLinkType, const unsigned char* aData, uint32_t aSize) {
-    switch (aLinkType) {
-        case DLT_EN10MB: {
-            uint32_t dwType = ETHERNET_HEADER_SIZE - 2;
-            while (dwType + 2 <= aSize && (Read16(aData + dwType) == ETHERTYPE_VLAN ||
-                                           Read16(aData + dwType) == ETHERTYPE_QINQ)) {
-                dwType += VLAN_TAG_SIZE;
+    const int m_nFile;
+    const int64_t m_llFileSize;
+    const std::string m_sName;
+    std::string m_sError;
+    CBlockPool m_pool;
+    CCaptureReader m_reader;
+    DataBlockPtr m_block;    // the bytes being read
+    uint32_t m_dwAt = 0;     // of the first one that was not taken
+    uint32_t m_dwThere = 0;  // of the first one that is not there yet
+    std::atomic<int64_t> m_llRead{0};
+};
+
+ERead CCaptureSource::Read(CPacket* aPacket, EFrame* aReason) {
+    while (true) {
+        uint32_t dwTaken = 0;
+        CCaptureRecord record;
+        const auto result = m_block.ParaIn() != nullptr
+                                ? m_reader.Next(here(), m_dwThere - m_dwAt, &dwTaken, &record)
+                                : CCaptureReader::EResult::MORE;
+        const uint32_t dwFrame = m_dwAt + record.offset;
+        m_dwAt += dwTaken;
+        if (result == CCaptureReader::EResult::FRAME) {
+            const auto* pFrame =
+                reinterpret_cast<const unsigned char*>(m_block->m_pPayload) + dwFrame;
+            CUdpPacket udp;
+            *aReason = FindUdp(record.linkType, pFrame, record.size, record.wireSize, &udp);
+            if (*aReason != EFrame::UDP) {
+                return ERead::SKIPPED;
             }
-            const bool bIpv4 = dwType + 2 <= aSize && Read16(aData + dwType) == ETHERTYPE_IPV4;
-            return bIpv4 ? dwType + 2 : UINT32_MAX;
+            aPacket->key = udp.key;
+            if (aPacket->block.ParaIn() != m_block.ParaIn()) {
+                aPacket->block = m_block;
+            }
+            aPacket->offset = dwFrame + udp.offset;
+            aPacket->size = udp.size;
+            aPacket->wireSize = udp.wireSize;
+            aPacket->arrivalUsec = record.timeUsec;
+            return ERead::PACKET;
         }
-        case DLT_NULL:  // the address family in the byte order of the host that captured
-            return aSize >= NULL_HEADER_SIZE && (aData[0] == FAMILY_IPV4 || aData[3] == FAMILY_IPV4)
-                       ? NULL_HEADER_SIZE
-                       : UINT32_MAX;
-        case DLT_LINUX_SLL:
-            return aSize >= SLL_HEADER_SIZE && Read16(aData + 14) == ETHERTYPE_IPV4
-                       ? SLL_HEADER_SIZE
-                       : UINT32_MAX;
-        case DLT_LINUX_SLL2:
-            return aSize >= SLL2_HEADER_SIZE && Read16(aData) == ETHERTYPE_IPV4 ? SLL2_HEADER_SIZE
-                                                                                : UINT32_MAX;
-        default:  // raw IP
-            return 0;
+        if (result == CCaptureReader::EResult::BAD) {
+            return Fail(m_reader.error());
+        }
+        if (result == CCaptureReader::EResult::MORE) {
+            const ERead fill = Fill();
+            if (fill != ERead::PACKET) {
+                return fill;
+            }
+        }
     }
 }
 
-bool IsKnownLinkType(int aLinkType) {
-    return aLinkType == DLT_EN10MB || aLinkType == DLT_NULL || aLinkType == DLT_LINUX_SLL ||
-           aLinkType == DLT_LINUX_SLL2 || aLinkType == DLT_RAW || aLinkType == DLT_IPV4;
+// Reads more of the file. PACKET: something came.
+ERead CCaptureSource::Fill() {
+    if (!MakeRoom()) {
+        return Fail("there is too little memory");
+    }
+    if (m_llFileSize < 0) {
+        // Only poll is woken when the run is to end; so nothing is read that has not come.
+        pollfd input = {m_nFile, POLLIN, 0};
+        if (poll(&input, 1, 0) == 0) {
+            return ERead::IDLE;
+        }
+    }
+    const ssize_t nRead =
+        read(m_nFile, m_block->m_pPayload + m_dwThere, m_block->m_dwSize - m_dwThere);
+    if (nRead < 0) {
+        return errno == EINTR || errno == EAGAIN ? ERead::IDLE : Fail(std::strerror(errno));
+    }
+    if (nRead == 0) {
+        const bool bNothing = m_llRead.load(std::memory_order_relaxed) == 0;
+        return bNothing             ? Fail("it is empty")
+               : m_dwAt < m_dwThere ? Fail("it ends in the middle of a packet")
+                                    : ERead::END;
+    }
+    m_dwThere += static_cast<uint32_t>(nRead);
+    m_llRead.store(m_llRead.load(std::memory_order_relaxed) + nRead, std::memory_order_relaxed);
+    return ERead::PACKET;
 }
 
-// False when the frame is not one whole UDP packet over IPv4.
-bool FindUdp(int aLinkType, const unsigned char* aData, uint32_t aSize, Packet* aPacket) {
-    const uint32_t dwIp = FindIpv4(aLinkType, aData, aSize);
-    if (dwIp > aSize || aSize - dwIp < IP_HEADER_SIZE || aData[dwIp] >> 4 != 4) {
+// Goes on in another block when this one has no room for all of the next record; the part of it
+// that is there is the only thing that is ever copied.
+bool CCaptureSource::MakeRoom() {
+    const uint32_t dwLeft = m_dwThere - m_dwAt;
+    if (m_block.ParaIn() != nullptr && m_reader.needed() <= m_block->m_dwSize - m_dwAt &&
+        m_dwThere < m_block->m_dwSize) {
+        return true;
+    }
+    DataBlockPtr next = m_pool.Take();
+    if (next.ParaIn() == nullptr) {
         return false;
     }
-    const unsigned char* pIp = aData + dwIp;
-    const uint32_t dwIpHeader = (pIp[0] & 0x0FU) * 4;
-    const uint32_t dwTotal = Read16(pIp + 2);
-    if (dwIpHeader < IP_HEADER_SIZE || dwTotal < dwIpHeader + UDP_HEADER_SIZE ||
-        dwTotal > aSize - dwIp || pIp[9] != PROTOCOL_UDP ||
-        (Read16(pIp + 6) & FRAGMENT_MASK) != 0) {
-        return false;
+    if (dwLeft > 0) {
+        std::memcpy(next->m_pPayload, m_block->m_pPayload + m_dwAt, dwLeft);
     }
-    const unsigned char* pUdp = pIp + dwIpHeader;
-    const uint32_t dwUdpLength = Read16(pUdp + 4);
-    if (dwUdpLength < UDP_HEADER_SIZE || dwUdpLength > dwTotal - dwIpHeader) {
-        return false;
-    }
-    aPacket->key.sourceAddress = Read32(pIp + 12);
-    aPacket->key.destinationAddress = Read32(pIp + 16);
-    aPacket->key.sourcePort = static_cast<uint16_t>(Read16(pUdp));
-    aPacket->key.destinationPort = static_cast<uint16_t>(Read16(pUdp + 2));
-    aPacket->data = pUdp + UDP_HEADER_SIZE;
-    aPacket->size = dwUdpLength - UDP_HEADER_SIZE;
+    m_block = next;
+    m_dwAt = 0;
+    m_dwThere = dwLeft;
     return true;
 }
 
-class CaptureSource : public PacketSource {
-  public:
-    CaptureSource(pcap_t* aPcap, long aFileSize)
-        : m_pPcap(aPcap), m_nLinkType(pcap_datalink(aPcap)), m_lFileSize(aFileSize) {}
-    ~CaptureSource() override { pcap_close(m_pPcap); }
-
-    ReadResult Read(Packet* aPacket) override {
-        pcap_pkthdr* pHeader = nullptr;
-        const unsigned char* pData = nullptr;
-        const int rv = pcap_next_ex(m_pPcap, &pHeader, &pData);
-        if (rv == PCAP_ERROR_BREAK) {
-            return ReadResult::END;
-        }
-        if (rv < 0) {
-            return ReadResult::FAILED;
-        }
-        aPacket->arrivalUsec = pHeader->ts.tv_sec * USEC_PER_SEC + pHeader->ts.tv_usec;
-        return FindUdp(m_nLinkType, pData, pHeader->caplen, aPacket) ? ReadResult::PACKET
-                                                                     : ReadResult::SKIPPED;
-    }
-
-    std::string error() const override { return pcap_geterr(m_pPcap); }
-
-    int percent() const override {
-        const long lPosition = std::ftell(pcap_file(m_pPcap));
-        return m_lFileSize > 0 && lPosition >= 0 ? static_cast<int>(lPosition * 100 / m_lFileSize)
-                                                 : -1;
-    }
-
-    bool isRecorded() const override { return true; }
-
-  private:
-    pcap_t* m_pPcap;
-    const int m_nLinkType;
-    const long m_lFileSize;
-};
-
 }  // namespace
 
-std::unique_ptr<PacketSource> OpenCapture(const std::string& aPath, std::string* aError) {
+std::unique_ptr<IPacketSource> OpenCapture(const std::string& aPath, std::string* aError) {
+    // Without waiting for somebody to write to a named pipe.
+    const int nFile =
+        aPath == "-" ? dup(STDIN_FILENO) : open(aPath.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     struct stat info = {};
-    if (stat(aPath.c_str(), &info) == 0 && S_ISDIR(info.st_mode)) {
-        *aError = "it is a directory";
+    if (nFile < 0 || fstat(nFile, &info) != 0) {
+        *aError = "cannot read from " + aPath + ": " + std::strerror(errno);
+        if (nFile >= 0) {
+            close(nFile);
+        }
         return nullptr;
     }
-    char achError[PCAP_ERRBUF_SIZE] = "";
-    pcap_t* pPcap = pcap_open_offline(aPath.c_str(), achError);
-    if (pPcap == nullptr) {
-        *aError = achError;
+    if (S_ISDIR(info.st_mode)) {
+        *aError = "cannot read from " + aPath + ": it is a directory";
+        close(nFile);
         return nullptr;
     }
-    std::unique_ptr<CaptureSource> source =
-        std::make_unique<CaptureSource>(pPcap, static_cast<long>(info.st_size));
-    if (!IsKnownLinkType(pcap_datalink(pPcap))) {
-        const char* pszName = pcap_datalink_val_to_name(pcap_datalink(pPcap));
-        *aError = std::string("it holds frames of a kind that is not understood (") +
-                  (pszName != nullptr ? pszName : "no name") + ")";
-        return nullptr;
-    }
-    return source;
+    const int64_t llSize = S_ISREG(info.st_mode) ? static_cast<int64_t>(info.st_size) : -1;
+    return std::make_unique<CCaptureSource>(nFile, llSize, aPath);
 }
 
 }  // namespace rtp_monitor

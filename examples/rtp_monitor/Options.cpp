@@ -17,13 +17,17 @@ const char HELP_TEXT[] =
 
 Usage:
   rtp_monitor [OPTION...] CAPTURE               a pcap or pcapng file; -: standard input
-  rtp_monitor [OPTION...] udp://ADDRESS:PORT    a local address to receive on
+  rtp_monitor [OPTION...] udp://ADDRESS:PORT... local addresses to receive on, or multicast groups
+                                                (udp://GROUP:PORT?interface=NAME), which are joined
 
 Options:
   --fast              replay a capture as fast as it can be read, not at its own pace
   --json              print one JSON document at the end instead of tables
   --workers N         threads that look after streams, 1 to 64 (default 2)
   --interval MS       time between two tables in milliseconds, 100 or more (default 1000)
+  --streams N         streams looked after at a time, 1 to 1000000 (default 10000); the one not
+                      heard for longest gives its place to a new one, and is counted
+  --buffer SIZE       what the system is asked to keep for each socket (default 4MiB, at most 1GiB)
   --clock TYPE=HZ     clock rate of a dynamic payload type; jitter is shown only for streams
                       whose clock rate is known. May be given several times.
   --level LEVEL       write trace lines of the monitor up to error, warning or info (default info)
@@ -33,16 +37,19 @@ Options:
                       characters with the last / (default /tmp/)
   --help              this text
 
-Settings are read from section RtpMonitor of conf/kelto.cfg (keys Workers, Interval, Level, and
-Clock.TYPE for each payload type); options override them. Section Trace of the same file says what
-the library itself traces. A value there that makes no sense ends the run; a key of section
-RtpMonitor that means nothing is named on standard error.
+Settings are read from section RtpMonitor of conf/kelto.cfg (keys Workers, Interval, Streams,
+Buffer, Level, and Clock.TYPE for each payload type); options override them. Section Trace of the
+same file says what the library itself traces. A value there that makes no sense ends the run; a key
+of section RtpMonitor that means nothing is named on standard error.
 
 Columns: packets and bytes (of payload) that arrived; lost, of those expected by sequence number;
-dup, arrived again; late, arrived out of order; jitter as in RFC 3550, in milliseconds; kbit/s over
-the whole stream and over the last interval (not with --fast); the longest gap between two packets.
-A source counts as a stream once two packets have come in sequence. RTCP, UDP packets that are not
-RTP, and packets that are not whole UDP packets over IPv4 are counted and otherwise left alone.
+here, dropped by the monitor's own socket; dup, arrived again; order, arrived out of order; late,
+arrived more than 100 packets late; stray, belonged nowhere; new, how often it began anew; jitter as
+in RFC 3550, in milliseconds; kbit/s over the whole stream and over the last interval (not with
+--fast); the longest gap between two packets.
+A stream of which no two packets with consecutive numbers have come is doubtful and has a "?" after
+its payload type. RTCP, other UDP packets and frames without UDP are counted and otherwise left
+alone.
 
 Ctrl-C ends a run in order: what was received is shown in a last table.
 Exit code: 0; or 2 with one sentence on standard error when something was wrong with the arguments
@@ -56,6 +63,8 @@ using UTIL_NS::CmParseNumber;
 constexpr unsigned int MAX_WORKERS = 64;
 constexpr unsigned int MIN_INTERVAL_MS = 100;
 constexpr unsigned int MAX_INTERVAL_MS = 3600000;
+constexpr unsigned int MAX_STREAMS = 1000000;
+constexpr uint64_t MAX_BUFFER = 1ULL << 30;
 constexpr unsigned int MAX_PAYLOAD_TYPE = 127;
 constexpr unsigned int MAX_CLOCK_RATE = 10000000;  // Hz
 
@@ -97,11 +106,13 @@ bool SetHome(std::string aHome) {
 }
 
 // Values that are absent leave the default.
-void ReadConfiguration(UTIL_NS::CCmConfigReader* aConfig, Options* aOptions) {
+void ReadConfiguration(UTIL_NS::CCmConfigReader* aConfig, COptions* aOptions) {
     aConfig->ReadMain();
     aConfig->GetNumber(CONFIG_SECTION, "Workers", aOptions->workers, 1U, MAX_WORKERS);
     aConfig->GetNumber(CONFIG_SECTION, "Interval", aOptions->intervalMs, MIN_INTERVAL_MS,
                        MAX_INTERVAL_MS);
+    aConfig->GetNumber(CONFIG_SECTION, "Streams", aOptions->streams, 1U, MAX_STREAMS);
+    aConfig->GetSize(CONFIG_SECTION, "Buffer", aOptions->receiveBuffer, 1, MAX_BUFFER);
     std::string_view level;
     if (aConfig->GetText(CONFIG_SECTION, "Level", level) == UTIL_NS::CM_OK &&
         !ParseLevel(level, &aOptions->traceLevel)) {
@@ -117,13 +128,20 @@ void ReadConfiguration(UTIL_NS::CCmConfigReader* aConfig, Options* aOptions) {
 }
 
 // Applies one option that takes a value; false when the value makes no sense.
-bool ApplyValue(const std::string& aName, const std::string& aValue, Options* aOptions) {
+bool ApplyValue(const std::string& aName, const std::string& aValue, COptions* aOptions) {
     if (aName == "--workers") {
         return static_cast<bool>(CmParseNumber(aValue, aOptions->workers, 1U, MAX_WORKERS));
     }
     if (aName == "--interval") {
         return static_cast<bool>(
             CmParseNumber(aValue, aOptions->intervalMs, MIN_INTERVAL_MS, MAX_INTERVAL_MS));
+    }
+    if (aName == "--streams") {
+        return static_cast<bool>(CmParseNumber(aValue, aOptions->streams, 1U, MAX_STREAMS));
+    }
+    if (aName == "--buffer") {
+        return static_cast<bool>(
+            UTIL_NS::CmParseSize(aValue, aOptions->receiveBuffer, 1, MAX_BUFFER));
     }
     if (aName == "--clock") {
         return ParseClock(aValue, &aOptions->clockRates);
@@ -140,10 +158,11 @@ bool ApplyValue(const std::string& aName, const std::string& aValue, Options* aO
 
 bool TakesValue(const std::string& aName) {
     return aName == "--workers" || aName == "--interval" || aName == "--clock" ||
-           aName == "--level" || aName == "--trace" || aName == "--home";
+           aName == "--streams" || aName == "--buffer" || aName == "--level" ||
+           aName == "--trace" || aName == "--home";
 }
 
-// False when there is no usable value behind a --home.
+// False when there is no usable value after a --home.
 bool ApplyHome(int aArgCount, char** aArgs) {
     for (int i = 1; i + 1 < aArgCount; ++i) {
         if (std::strcmp(aArgs[i], "--home") == 0 && !SetHome(aArgs[i + 1])) {
@@ -153,7 +172,7 @@ bool ApplyHome(int aArgCount, char** aArgs) {
     return true;
 }
 
-void ChooseTraceFile(Options* aOptions) {
+void ChooseTraceFile(COptions* aOptions) {
     const char* pszFromEnvironment = std::getenv("QTRACE_FILE");
     if (aOptions->traceFile.empty() && pszFromEnvironment != nullptr) {
         aOptions->traceFile = pszFromEnvironment;
@@ -165,11 +184,19 @@ void ChooseTraceFile(Options* aOptions) {
 
 }  // namespace
 
-bool Options::IsLive() const {
-    return input.find("://") != std::string::npos;
+bool COptions::IsLive() const {
+    return !inputs.empty() && inputs.front().find("://") != std::string::npos;
 }
 
-bool ReadOptions(int aArgCount, char** aArgs, UTIL_NS::CCmConfigReader* aConfig, Options* aOptions,
+std::string COptions::InputNames() const {
+    std::string sNames;
+    for (const std::string& sInput : inputs) {
+        sNames += (sNames.empty() ? "" : ", ") + sInput;
+    }
+    return sNames;
+}
+
+bool ReadOptions(int aArgCount, char** aArgs, UTIL_NS::CCmConfigReader* aConfig, COptions* aOptions,
                  std::string* aError) {
     if (!ApplyHome(aArgCount, aArgs)) {
         *aError =
@@ -197,16 +224,19 @@ bool ReadOptions(int aArgCount, char** aArgs, UTIL_NS::CCmConfigReader* aConfig,
         } else if (sArg.size() > 1 && sArg[0] == '-') {
             *aError = "there is no option " + sArg + ", see --help";
             return false;
-        } else if (!aOptions->input.empty()) {
-            *aError = "only one capture or address can be given, see --help";
-            return false;
         } else {
-            aOptions->input = sArg;
+            aOptions->inputs.push_back(sArg);
         }
     }
-    if (aOptions->input.empty()) {
+    if (aOptions->inputs.empty()) {
         *aError = "a capture file or an address udp://ADDRESS:PORT is missing, see --help";
         return false;
+    }
+    for (const std::string& sInput : aOptions->inputs) {
+        if (aOptions->inputs.size() > 1 && sInput.find("://") == std::string::npos) {
+            *aError = "only one capture, or several addresses, can be given, see --help";
+            return false;
+        }
     }
     ChooseTraceFile(aOptions);
     return true;

@@ -2,25 +2,30 @@
 #ifndef RTP_MONITOR_OPTIONS_H
 #define RTP_MONITOR_OPTIONS_H
 
+#include <cstdint>
 #include <string>
+#include <vector>
 
 #include "CmConfigReader.h"
-#include "Worker.h"
+#include "StreamWorker.h"
 
 namespace rtp_monitor {
 
-struct Options {
-    std::string input;
+struct COptions {
+    std::vector<std::string> inputs;  // one capture, or any number of addresses
     bool fast = false;
     bool json = false;
     bool help = false;
     unsigned int workers = 2;
     unsigned int intervalMs = 1000;
-    unsigned long traceLevel = 20;  // the monitor's own lines above it are not written
+    unsigned int streams = 10000;         // looked after at a time
+    uint64_t receiveBuffer = 4ULL << 20;  // bytes of a socket's; absorbs bursts
+    unsigned long traceLevel = 20;        // the monitor's own lines above it are not written
     std::string traceFile;
     ClockRates clockRates;
 
     bool IsLive() const;
+    std::string InputNames() const;
 };
 
 extern const char CONFIG_SECTION[];
@@ -29,7 +34,7 @@ extern const char HELP_TEXT[];
 // False, with a whole sentence in aError, when the arguments make no sense. Sets the home directory
 // first (--home), then reads its conf/kelto.cfg into aConfig and takes section RtpMonitor of it,
 // whose bad values are problems of aConfig, then applies the rest.
-bool ReadOptions(int aArgCount, char** aArgs, UTIL_NS::CCmConfigReader* aConfig, Options* aOptions,
+bool ReadOptions(int aArgCount, char** aArgs, UTIL_NS::CCmConfigReader* aConfig, COptions* aOptions,
                  std::string* aError);
 
 }  // namespace rtp_monitor

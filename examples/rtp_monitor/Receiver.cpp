@@ -1,154 +1,177 @@
 #include "Receiver.h"
 
+#include <errno.h>
+#include <poll.h>
+
 #include <algorithm>
+#include <climits>
 #include <cstring>
 #include <utility>
 
-#include "CmTimeValue.h"
-#include "CmUtilMisc.h"
+#include "CmResultText.h"
+#include "Monotonic.h"
 
 namespace rtp_monitor {
 
-using UTIL_NS::CCmDataBlock;
-using UTIL_NS::CCmTimeValue;
-using UTIL_NS::CM_OK;
-using UTIL_NS::CmResult;
-
 namespace {
 
-constexpr uint32_t DATA_BLOCK_SIZE = 256 * 1024;  // bytes, several packets long
-// What may wait for the workers; the two bound the memory.
-constexpr size_t MAX_DATA_BLOCKS = 64;
-constexpr uint32_t MAX_BACKLOG = 8000;  // packets of all workers together
-constexpr unsigned int BACKLOG_SLEEP_MS = 1;
-constexpr int64_t MAX_PACE_SLEEP_MS = 50;
-constexpr int64_t USEC_PER_SEC = 1000000;
 constexpr int64_t USEC_PER_MS = 1000;
-constexpr uint64_t PROGRESS_STRIDE = 1024;  // packets between two looks at the progress
-
-int64_t NowUsec() {
-    const CCmTimeValue tvNow = CCmTimeValue::GetTimeOfDay();
-    return tvNow.GetSec() * USEC_PER_SEC + tvNow.GetUsec();
-}
-
-void Count(std::atomic<uint64_t>& aCounter) {
-    aCounter.fetch_add(1, std::memory_order_relaxed);
-}
 
 }  // namespace
 
-Receiver::Receiver(std::unique_ptr<PacketSource> aSource,
-                   std::vector<std::unique_ptr<Worker>>& aWorkers, bool aKeepPace)
+CReceiver::CReceiver(std::unique_ptr<IPacketSource> aSource, StreamWorkers& aWorkers,
+                     CStopSignal& aStop, bool aKeepPace, uint32_t aMostStreams)
     : m_pSource(std::move(aSource)),
       m_workers(aWorkers),
-      m_bKeepPace(aKeepPace && m_pSource->isRecorded()) {}
+      m_stop(aStop),
+      m_bKeepPace(aKeepPace && m_pSource->IsRecorded()),
+      m_index(aMostStreams),
+      m_pending(aWorkers.size()) {}
 
-CmResult Receiver::Stop(CCmTimeValue* /*aTimeout*/) {
-    m_bStopAsked.store(true, std::memory_order_relaxed);
-    return CM_OK;
+void CReceiver::OnThreadRun() {
+    bool bGoOn = true;
+    while (bGoOn && !m_stop.IsRaised()) {
+        bGoOn = ReadOne();
+    }
+    if (bGoOn) {
+        m_bWasStopped.store(true, std::memory_order_relaxed);
+    }
+    Flush();  // a failure has been noted
 }
 
-void Receiver::OnThreadRun() {
-    Packet packet;
-    for (uint64_t ullRead = 0; !IsStopAsked(); ++ullRead) {
-        if (ullRead % PROGRESS_STRIDE == 0) {
-            m_nProgress.store(m_pSource->percent(), std::memory_order_relaxed);
-        }
-        const ReadResult result = m_pSource->Read(&packet);
-        if (result == ReadResult::PACKET) {
-            if (!HandOn(packet)) {
-                m_sError = "there is too little memory";
-                break;
-            }
-        } else if (result == ReadResult::SKIPPED) {
-            Count(m_counters.skipped);
-        } else if (result == ReadResult::END) {
-            m_nProgress.store(100, std::memory_order_relaxed);
-            break;
-        } else if (result == ReadResult::FAILED) {
-            m_sError = m_pSource->error();
-            break;
-        }
+bool CReceiver::Fail(const std::string& aError) {
+    if (m_sError.empty()) {
+        m_sError = aError;
+    }
+    return false;
+}
+
+bool CReceiver::ReadOne() {
+    EFrame reason = EFrame::UDP;
+    switch (m_pSource->Read(&m_packet, &reason)) {
+        case ERead::PACKET:
+            return HandOn(m_packet);
+        case ERead::SKIPPED:
+            m_skipped[static_cast<size_t>(reason)].Add();
+            return true;
+        case ERead::IDLE:
+            return Flush() && WaitForSource();
+        case ERead::END:
+            return false;
+        default:
+            return Fail(m_pSource->error());
     }
 }
 
-bool Receiver::HandOn(const Packet& aPacket) {
-    if (m_bKeepPace) {
-        WaitForPace(aPacket.arrivalUsec);
+bool CReceiver::HandOn(const CPacket& aPacket) {
+    if (m_bKeepPace && !WaitForPace(aPacket.arrivalUsec)) {
+        return false;
     }
-    RtpHeader header = {};
-    const PacketKind kind = ParsePacket(aPacket.data, aPacket.size, &header);
-    if (kind != PacketKind::RTP) {
-        Count(kind == PacketKind::RTCP ? m_counters.rtcp : m_counters.notRtp);
-        return true;
+    const auto* pData =
+        reinterpret_cast<const unsigned char*>(aPacket.block->m_pPayload) + aPacket.offset;
+    CRtpHeader header = {};
+    switch (ParsePacket(pData, aPacket.size, aPacket.wireSize, &header)) {
+        case EPacketKind::RTP:
+            break;
+        case EPacketKind::RTCP:
+            m_rtcp.Add();
+            return true;
+        case EPacketKind::CUT_OFF:
+            m_skipped[static_cast<size_t>(EFrame::CUT_OFF)].Add();
+            return true;
+        default:
+            m_notRtp.Add();
+            return true;
     }
-    StreamKey key = aPacket.key;
+    if (m_block.ParaIn() != aPacket.block.ParaIn()) {
+        if (!Flush()) {
+            return false;
+        }
+        m_block = aPacket.block;
+    }
+    CStreamKey key = aPacket.key;
     key.ssrc = header.ssrc;
-    // A stream always goes to the same worker, which thereby sees its packets in order.
-    Worker& worker = *m_workers[key.Hash() % m_workers.size()];
-    while (worker.backlog() > MAX_BACKLOG / m_workers.size() && !IsStopAsked()) {
-        SleepMs(BACKLOG_SLEEP_MS);
+    bool bNew = false;
+    // A place always belongs to the same worker, which thereby sees a stream's packets in order.
+    const uint32_t dwPlace = m_index.Find(key, &bNew);
+    const auto dwWorkers = static_cast<uint32_t>(m_workers.size());
+    CBatch& batch = m_pending[dwPlace % dwWorkers];
+    if (bNew) {
+        batch.newStreams.push_back(key);
     }
-    const uint32_t dwPayload = aPacket.size - header.headerSize - header.paddingSize;
-    uint32_t dwOffset = 0;
-    if (!StorePayload(aPacket.data + header.headerSize, dwPayload, &dwOffset) ||
-        !worker.Post(key, header, aPacket.arrivalUsec, m_pData, dwOffset, dwPayload)) {
-        return false;
-    }
-    Count(m_counters.rtp);
+    batch.entries.push_back({dwPlace / dwWorkers, aPacket.offset, aPacket.size, aPacket.wireSize,
+                             aPacket.arrivalUsec, aPacket.dropped, bNew});
+    m_rtp.Add();
     return true;
 }
 
-void Receiver::WaitForPace(int64_t aArrivalUsec) {
-    if (m_firstArrivalUsec < 0) {
-        m_firstArrivalUsec = aArrivalUsec;
-        m_firstHandOnUsec = NowUsec();
-    }
-    const int64_t llDue = m_firstHandOnUsec + (aArrivalUsec - m_firstArrivalUsec);
-    for (int64_t llAhead = llDue - NowUsec(); llAhead >= USEC_PER_MS && !IsStopAsked();
-         llAhead = llDue - NowUsec()) {
-        SleepMs(static_cast<unsigned int>(std::min(llAhead / USEC_PER_MS, MAX_PACE_SLEEP_MS)));
-    }
-}
-
-bool Receiver::StorePayload(const unsigned char* aData, uint32_t aSize, uint32_t* aOffset) {
-    if ((m_pData == nullptr || aSize > DATA_BLOCK_SIZE - m_dwUsed) && !TakeFreeBlock()) {
-        return false;
-    }
-    std::memcpy(m_pData->m_pPayload + m_dwUsed, aData, aSize);
-    *aOffset = m_dwUsed;
-    m_dwUsed += aSize;
-    return true;
-}
-
-// Waits for the workers when packets still hold all blocks, also when a stop was asked for: what
-// was read is handed on.
-bool Receiver::TakeFreeBlock() {
-    m_pData = nullptr;
-    m_dwUsed = 0;
-    m_pData = FindFreeBlock();
-    while (m_pData == nullptr && !m_blocks.empty()) {
-        SleepMs(BACKLOG_SLEEP_MS);
-        m_pData = FindFreeBlock();
-    }
-    return m_pData != nullptr;
-}
-
-Receiver::DataBlockPtr Receiver::FindFreeBlock() {
-    for (DataBlockPtr& block : m_blocks) {
-        // Alone again after the release: it orders what the workers read before what is written.
-        block->AddReference();
-        if (block->ReleaseReference() == 1) {
-            return block;
+// Hands over what was read, and waits where the workers have fallen far back.
+bool CReceiver::Flush() {
+    for (size_t i = 0; i < m_pending.size(); ++i) {
+        CBatch& batch = m_pending[i];
+        if (batch.entries.empty()) {
+            continue;
         }
+        const size_t nEntries = batch.entries.size();
+        batch.bytes = UTIL_NS::CmMakeBlockOfArea(*m_block, 0, m_block->m_dwSize);
+        const UTIL_NS::CmResult rv = batch.bytes != nullptr ? m_workers[i]->Post(std::move(batch))
+                                                            : UTIL_NS::CM_ERROR_OUT_OF_MEMORY;
+        if (CM_FAILED(rv)) {
+            return Fail(std::string("packets could not be handed on: ") +
+                        UTIL_NS::CmResultText(rv));
+        }
+        batch = CBatch();
+        batch.entries.reserve(nEntries);  // as many again, if the pace stays what it is
     }
-    CCmDataBlock* pNew = nullptr;
-    if (m_blocks.size() < MAX_DATA_BLOCKS &&
-        CM_SUCCEEDED(CCmDataBlock::CreateInstance(pNew, DATA_BLOCK_SIZE, nullptr))) {
-        m_blocks.emplace_back().Attach(pNew);
-        return m_blocks.back();
+    return true;
+}
+
+bool CReceiver::WaitForSource() {
+    m_descriptors.assign(1, {m_stop.descriptor(), POLLIN, 0});
+    m_pSource->AddDescriptors(&m_descriptors);
+    if (poll(m_descriptors.data(), static_cast<nfds_t>(m_descriptors.size()), -1) < 0 &&
+        errno != EINTR) {
+        return Fail(std::strerror(errno));
     }
-    return nullptr;
+    return true;
+}
+
+// False when the run ends meanwhile, or cannot go on.
+bool CReceiver::WaitForPace(int64_t aArrivalUsec) {
+    if (m_llFirstArrivalUsec < 0) {
+        m_llFirstArrivalUsec = aArrivalUsec;
+        m_llFirstHandOnUsec = MonotonicUsec();
+    }
+    const int64_t llDue = m_llFirstHandOnUsec + (aArrivalUsec - m_llFirstArrivalUsec);
+    int64_t llAheadMs = (llDue - MonotonicUsec()) / USEC_PER_MS;
+    if (llAheadMs > 0 && !Flush()) {
+        return false;
+    }
+    while (llAheadMs > 0) {
+        pollfd stop = {m_stop.descriptor(), POLLIN, 0};
+        if (poll(&stop, 1, static_cast<int>(std::min<int64_t>(llAheadMs, INT_MAX))) < 0 &&
+            errno != EINTR) {
+            return Fail(std::strerror(errno));
+        }
+        if (m_stop.IsRaised()) {
+            m_bWasStopped.store(true, std::memory_order_relaxed);
+            return false;
+        }
+        llAheadMs = (llDue - MonotonicUsec()) / USEC_PER_MS;
+    }
+    return true;
+}
+
+void CReceiver::AddTo(CReport* aReport) const {
+    aReport->rtp += m_rtp.Get();
+    aReport->rtcp += m_rtcp.Get();
+    aReport->notRtp += m_notRtp.Get();
+    for (size_t i = 0; i < m_skipped.size(); ++i) {
+        aReport->skipped[i] += m_skipped[i].Get();
+    }
+    aReport->inputs = m_pSource->Inputs();
+    aReport->percent = m_pSource->percent();
+    aReport->isLive = !m_pSource->IsRecorded();
 }
 
 }  // namespace rtp_monitor

@@ -2,69 +2,83 @@
 #ifndef RTP_MONITOR_RECEIVER_H
 #define RTP_MONITOR_RECEIVER_H
 
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
 
-#include "CmDataBlock.h"
-#include "CmThread.h"
-#include "CmUtilTemplates.h"
+#include "CmWorker.h"
 #include "PacketSource.h"
-#include "Worker.h"
+#include "StopSignal.h"
+#include "StreamIndex.h"
+#include "StreamWorker.h"
 
 namespace rtp_monitor {
 
-// Packets by what became of them; written by the receiver, read by anyone at any time.
-struct ReceiverCounters {
-    std::atomic<uint64_t> rtp{0};
-    std::atomic<uint64_t> rtcp{0};
-    std::atomic<uint64_t> notRtp{0};   // UDP, but neither of the two
-    std::atomic<uint64_t> skipped{0};  // not UDP over IPv4
-};
+typedef std::vector<std::unique_ptr<CStreamWorker>> StreamWorkers;
 
-class Receiver : public UTIL_NS::ACmThread {
+class CReceiver : public UTIL_NS::CCmLoopThread {
   public:
-    // aKeepPace: a recorded packet is handed on when its time has come. The source is owned, the
-    // workers must outlive the receiver's thread.
-    Receiver(std::unique_ptr<PacketSource> aSource, std::vector<std::unique_ptr<Worker>>& aWorkers,
-             bool aKeepPace);
+    // aKeepPace: a recorded packet is handed on when its time has come. aMostStreams: at least 1.
+    // aStop ends the loop soon, what was read is posted. The source is owned; aStop and the workers
+    // must outlive the thread.
+    CReceiver(std::unique_ptr<IPacketSource> aSource, StreamWorkers& aWorkers, CStopSignal& aStop,
+              bool aKeepPace, uint32_t aMostStreams);
 
-    // Ends the body soon; what was read is posted.
-    UTIL_NS::CmResult Stop(UTIL_NS::CCmTimeValue* aTimeout = nullptr) override;
     void OnThreadRun() override;
 
-    const ReceiverCounters& counters() const { return m_counters; }
-    // In percent; negative when unknown.
-    int progress() const { return m_nProgress.load(std::memory_order_relaxed); }
+    // Adds what the receiver knows. Any thread, at any time.
+    void AddTo(CReport* aReport) const;
+    // Whether reading was ended by aStop. Any thread, at any time.
+    bool WasStopped() const { return m_bWasStopped.load(std::memory_order_relaxed); }
     // Empty unless reading failed. Valid after Join.
     const std::string& error() const { return m_sError; }
 
+  protected:
+    void OnWakeUp() override { m_stop.Raise(); }
+
   private:
-    typedef UTIL_NS::CCmComAutoPtr<UTIL_NS::CCmDataBlock> DataBlockPtr;
+    // Written by the receiver alone, read by anyone.
+    class CCounter {
+      public:
+        void Add() {
+            m_ullCount.store(m_ullCount.load(std::memory_order_relaxed) + 1,
+                             std::memory_order_relaxed);
+        }
+        uint64_t Get() const { return m_ullCount.load(std::memory_order_relaxed); }
 
-    bool IsStopAsked() const { return m_bStopAsked.load(std::memory_order_relaxed); }
-    // False when memory ran out.
-    bool HandOn(const Packet& aPacket);
-    void WaitForPace(int64_t aArrivalUsec);
-    // The offset of the copy within m_pData; false when memory ran out.
-    bool StorePayload(const unsigned char* aData, uint32_t aSize, uint32_t* aOffset);
-    bool TakeFreeBlock();
-    DataBlockPtr FindFreeBlock();
+      private:
+        std::atomic<uint64_t> m_ullCount{0};
+    };
 
-    std::unique_ptr<PacketSource> m_pSource;
-    std::vector<std::unique_ptr<Worker>>& m_workers;
+    // False: it cannot go on.
+    bool ReadOne();
+    bool HandOn(const CPacket& aPacket);
+    bool Flush();
+    bool Fail(const std::string& aError);
+    bool WaitForSource();
+    bool WaitForPace(int64_t aArrivalUsec);
+
+    std::unique_ptr<IPacketSource> m_pSource;
+    StreamWorkers& m_workers;
+    CStopSignal& m_stop;
     const bool m_bKeepPace;
-    std::atomic<bool> m_bStopAsked{false};
-    std::atomic<int> m_nProgress{-1};
-    ReceiverCounters m_counters;
+    std::atomic<bool> m_bWasStopped{false};
     std::string m_sError;
-    std::vector<DataBlockPtr> m_blocks;  // all there are; one that no packet shares is free
-    DataBlockPtr m_pData;                // the one that is being filled
-    uint32_t m_dwUsed = 0;               // bytes of it
-    int64_t m_firstArrivalUsec = -1;
-    int64_t m_firstHandOnUsec = 0;
+    CCounter m_rtp;
+    CCounter m_rtcp;
+    CCounter m_notRtp;
+    std::array<CCounter, static_cast<size_t>(EFrame::COUNT)> m_skipped;
+
+    CStreamIndex m_index;
+    CPacket m_packet;
+    DataBlockPtr m_block;           // that all pending batches are about
+    std::vector<CBatch> m_pending;  // by worker
+    std::vector<pollfd> m_descriptors;
+    int64_t m_llFirstArrivalUsec = -1;
+    int64_t m_llFirstHandOnUsec = 0;
 };
 
 }  // namespace rtp_monitor

@@ -24,31 +24,39 @@ uint32_t Read32(const unsigned char* aData) {
 
 }  // namespace
 
-PacketKind ParsePacket(const unsigned char* aData, size_t aSize, RtpHeader* aHeader) {
-    if (aSize < WORD_SIZE || aData[0] >> 6 != RTP_VERSION) {
-        return PacketKind::OTHER;
+EPacketKind ParsePacket(const unsigned char* aData, size_t aSize, size_t aWireSize,
+                        CRtpHeader* aHeader) {
+    const EPacketKind tooShort = aSize < aWireSize ? EPacketKind::CUT_OFF : EPacketKind::OTHER;
+    if (aSize < WORD_SIZE) {
+        return tooShort;
+    }
+    if (aData[0] >> 6 != RTP_VERSION) {
+        return EPacketKind::OTHER;
     }
     if (aData[1] >= FIRST_RTCP_TYPE && aData[1] <= LAST_RTCP_TYPE) {
-        return PacketKind::RTCP;
+        return EPacketKind::RTCP;
+    }
+    if (aSize < FIXED_HEADER_SIZE) {
+        return tooShort;
     }
     const bool bPadding = (aData[0] & 0x20) != 0;
     const bool bExtension = (aData[0] & 0x10) != 0;
     const size_t nSources = aData[0] & 0x0F;
     size_t nHeader = FIXED_HEADER_SIZE + nSources * WORD_SIZE;
     if (bExtension) {
-        if (aSize < nHeader + EXTENSION_HEADER_SIZE) {
-            return PacketKind::OTHER;
+        nHeader += EXTENSION_HEADER_SIZE;
+        if (aSize >= nHeader) {
+            nHeader += Read16(aData + nHeader - 2) * WORD_SIZE;
         }
-        nHeader += EXTENSION_HEADER_SIZE + Read16(aData + nHeader + 2) * WORD_SIZE;
     }
-    if (aSize < nHeader) {
-        return PacketKind::OTHER;
+    if (aWireSize < nHeader) {
+        return EPacketKind::OTHER;
     }
     size_t nPadding = 0;
-    if (bPadding) {
+    if (bPadding && aSize == aWireSize) {
         nPadding = aData[aSize - 1];
         if (nPadding == 0 || nPadding > aSize - nHeader) {
-            return PacketKind::OTHER;
+            return EPacketKind::OTHER;
         }
     }
     aHeader->payloadType = aData[1] & 0x7F;
@@ -56,9 +64,8 @@ PacketKind ParsePacket(const unsigned char* aData, size_t aSize, RtpHeader* aHea
     aHeader->sequence = Read16(aData + 2);
     aHeader->timestamp = Read32(aData + 4);
     aHeader->ssrc = Read32(aData + 8);
-    aHeader->headerSize = static_cast<uint32_t>(nHeader);
-    aHeader->paddingSize = static_cast<uint32_t>(nPadding);
-    return PacketKind::RTP;
+    aHeader->payloadSize = static_cast<uint32_t>(aWireSize - nHeader - nPadding);
+    return EPacketKind::RTP;
 }
 
 uint32_t StaticClockRate(uint8_t aPayloadType) {

@@ -7,21 +7,27 @@
 
 namespace rtp_monitor {
 
-struct RtpHeader {
+struct CRtpHeader {
     uint8_t payloadType;
     bool marker;
     uint16_t sequence;
     uint32_t timestamp;
     uint32_t ssrc;
-    uint32_t headerSize;   // bytes, contributing sources and extension included
-    uint32_t paddingSize;  // bytes at the end that are no payload
+    uint32_t payloadSize;  // bytes, without header and padding
 };
 
-enum class PacketKind { RTP, RTCP, OTHER };
+enum class EPacketKind {
+    RTP,
+    RTCP,
+    CUT_OFF,  // it may be RTP, but too little of it was captured to know
+    OTHER,    // neither of the two; also a packet whose lengths contradict each other
+};
 
-// Tells what a UDP payload is and, for RTP, fills aHeader. A packet whose lengths contradict each
-// other is OTHER.
-PacketKind ParsePacket(const unsigned char* aData, size_t aSize, RtpHeader* aHeader);
+// Tells what a UDP payload is and, for RTP, fills aHeader. aSize: how much of it is there at aData;
+// aWireSize: how long it was when it was sent, at least aSize. Of a packet that was cut off, what
+// is not there counts as payload: a header extension whose length is missing, and padding.
+EPacketKind ParsePacket(const unsigned char* aData, size_t aSize, size_t aWireSize,
+                        CRtpHeader* aHeader);
 
 // Clock rate in Hz of a payload type with a fixed assignment (RFC 3551), 0 for any other.
 uint32_t StaticClockRate(uint8_t aPayloadType);

@@ -1,164 +1,132 @@
-// rtp_monitor: a monitor for RTP streams, built on the library's threads, events, timers, message
-// blocks, tracing, configuration and address helpers.
+// rtp_monitor: a monitor for RTP streams, built on the library's front door.
 
-#include <signal.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <memory>
 #include <string>
 #include <vector>
 
 #include "CmConfigReader.h"
+#include "CmResultText.h"
 #include "CmT120Trace.h"
-#include "CmTimeValue.h"
+#include "CmTimer.h"
 #include "CmTrace.h"
-#include "CmUtilMisc.h"
+#include "CmWorker.h"
+#include "Monitor.h"
 #include "Options.h"
-#include "PacketSource.h"
-#include "Receiver.h"
 #include "Report.h"
-#include "Worker.h"
+#include "StopSignal.h"
 
 namespace rtp_monitor {
 namespace {
 
-using UTIL_NS::CCmTimeValue;
-
-constexpr int RECEIVER_THREAD_TYPE = 1;
-constexpr unsigned int POLL_MS = 20;
 constexpr int EXIT_TROUBLE = 2;
 constexpr unsigned short OTHER_ROWS = 7;  // of a screen: titles, totals, closing lines
 constexpr char CLEAR_SCREEN[] = "\033[H\033[2J";
-
-volatile sig_atomic_t g_bInterrupted = 0;
-
-void OnInterrupt(int /*aSignal*/) {
-    g_bInterrupted = 1;
-}
-
-void CatchInterrupts() {
-    struct sigaction action = {};
-    action.sa_handler = OnInterrupt;
-    sigaction(SIGINT, &action, nullptr);
-    sigaction(SIGTERM, &action, nullptr);
-}
-
-double SecondsSince(const CCmTimeValue& aStart) {
-    const CCmTimeValue tvPassed = CCmTimeValue::GetTimeOfDay() - aStart;
-    return static_cast<double>(tvPassed.GetSec()) + static_cast<double>(tvPassed.GetUsec()) / 1e6;
-}
 
 int Complain(const std::string& aSentence) {
     std::fprintf(stderr, "rtp_monitor: %s.\n", aSentence.c_str());
     return EXIT_TROUBLE;
 }
 
-// One run from the first packet to the last table.
-class Monitor {
+// Shows a run: tables or progress while it goes on, the figures at its end. Show runs on a thread
+// of its own, so that nothing that is slow to be written holds up the packets.
+class CPresenter {
   public:
-    explicit Monitor(const Options& aOptions) : m_options(aOptions) {}
+    CPresenter(const COptions& aOptions, CMonitor& aMonitor)
+        : m_options(aOptions), m_monitor(aMonitor) {}
 
     int Run();
 
   private:
-    bool StartWorkers();
-    void Watch(Receiver* aReceiver);
-    void ShowTable(const Receiver& aReceiver);
+    void ShowNow();
+    int ShowEnd(const std::string& aError);
+    void ShowBuffers(const CReport& aReport) const;
     size_t MaxStreamsShown() const;
-    std::string ProgressLine(const Receiver& aReceiver) const;
-    int Finish(const Receiver& aReceiver);
-    Totals Collect(const Receiver& aReceiver);
+    std::string ProgressLine(const CReport& aReport) const;
     void Trace(unsigned long aLevel, const std::string& aText) const;
 
-    const Options& m_options;
+    const COptions& m_options;
+    CMonitor& m_monitor;
     const bool m_bTerminal = isatty(STDOUT_FILENO) != 0;
-    std::vector<std::unique_ptr<Worker>> m_workers;
-    CCmTimeValue m_tvStart;
 };
 
 // A line of the host's own, through the library to the trace library.
-void Monitor::Trace(unsigned long aLevel, const std::string& aText) const {
+void CPresenter::Trace(unsigned long aLevel, const std::string& aText) const {
     if (aLevel > m_options.traceLevel) {
         return;
     }
-    char achLine[2048];
-    UTIL_NS::CCmT120Trace::Text_Formator formator(achLine, sizeof(achLine));
+    char szLine[2048];
+    UTIL_NS::CCmT120Trace::Text_Formator formator(szLine, sizeof(szLine));
     formator << "rtp_monitor: " << aText;
-    util_adapter_trace(aLevel, achLine, static_cast<unsigned int>(formator.tell()));
+    util_adapter_trace(aLevel, szLine, static_cast<unsigned int>(formator.tell()));
 }
 
-bool Monitor::StartWorkers() {
-    for (unsigned int i = 0; i < m_options.workers; ++i) {
-        m_workers.push_back(std::make_unique<Worker>(m_options.clockRates));
-        if (!m_workers.back()->Start(m_options.intervalMs)) {
-            return false;
-        }
-    }
-    return true;
-}
-
-int Monitor::Run() {
+int CPresenter::Run() {
     std::string sError;
-    std::unique_ptr<PacketSource> pSource = m_options.IsLive()
-                                                ? OpenSocket(m_options.input, &sError)
-                                                : OpenCapture(m_options.input, &sError);
-    if (pSource == nullptr) {
-        return Complain("cannot read from " + m_options.input + ": " + sError);
+    if (!m_monitor.Start(&sError)) {
+        return Complain(sError);
     }
-    if (!StartWorkers()) {
-        return Complain("cannot start the worker threads");
+    Trace(UTIL_NS::CM_TRACE_LEVEL_INFO, "reading from " + m_options.InputNames());
+    CReport report;
+    if (m_monitor.Collect(&report, false)) {
+        ShowBuffers(report);
     }
-    Trace(UTIL_NS::CM_TRACE_LEVEL_INFO, "reading from " + m_options.input);
-
-    m_tvStart = CCmTimeValue::GetTimeOfDay();
-    Receiver* pReceiver = new Receiver(std::move(pSource), m_workers, !m_options.fast);
-    const UTIL_NS::CmResult rv =
-        pReceiver->Create(RECEIVER_THREAD_TYPE, UTIL_NS::TF_JOINABLE, true);
-    if (CM_FAILED(rv)) {
-        pReceiver->Destory(rv);
-        return Complain("cannot start the receiving thread");
+    UTIL_NS::CCmWorker screen(UTIL_NS::CCmWorkerOptions().Name("screen"));
+    UTIL_NS::CCmTimer timer(screen, std::chrono::milliseconds(m_options.intervalMs),
+                            [this] { ShowNow(); });
+    if (CM_FAILED(timer.Result())) {
+        Complain(std::string("cannot show tables: ") + UTIL_NS::CmResultText(timer.Result()));
     }
-    Watch(pReceiver);
-    pReceiver->Stop(nullptr);
-    pReceiver->Join();
+    m_monitor.Wait(&sError);
+    timer.Cancel();  // waits for a table that is being shown; that there was no timer is no matter
     Trace(UTIL_NS::CM_TRACE_LEVEL_INFO, "the receiver has ended");
-    const int nExitCode = Finish(*pReceiver);
-    pReceiver->Destory(UTIL_NS::CM_OK);
-    return nExitCode;
+    return ShowEnd(sError);
 }
 
-// Until the input is over or the user has had enough.
-void Monitor::Watch(Receiver* aReceiver) {
-    CCmTimeValue tvTable = m_tvStart;
-    while (g_bInterrupted == 0 && !aReceiver->GetStopFlag()) {
-        SleepMs(POLL_MS);
-        if (SecondsSince(tvTable) * 1000 >= m_options.intervalMs) {
-            tvTable = CCmTimeValue::GetTimeOfDay();
-            // The one JSON document is for a program: whoever watches it sees standard error.
-            if (m_options.json) {
-                std::fputs(ProgressLine(*aReceiver).c_str(), stderr);
-            } else {
-                ShowTable(*aReceiver);
-            }
+void CPresenter::ShowBuffers(const CReport& aReport) const {
+    for (const CInputReport& input : aReport.inputs) {
+        if (input.isGroup) {
+            std::fprintf(stderr, "rtp_monitor: joined the multicast group of %s.\n",
+                         input.name.c_str());
+        }
+        if (input.isSocket && input.bufferGranted < input.bufferAsked) {
+            std::fprintf(stderr,
+                         "rtp_monitor: the system grants %s a buffer of %llu bytes, not %llu; "
+                         "packets that do not fit are dropped here.\n",
+                         input.name.c_str(), static_cast<unsigned long long>(input.bufferGranted),
+                         static_cast<unsigned long long>(input.bufferAsked));
         }
     }
 }
 
 // On a terminal one screen with the progress at its end; elsewhere table after table.
-void Monitor::ShowTable(const Receiver& aReceiver) {
-    const std::string sTable = FormatTable(Collect(aReceiver), MaxStreamsShown());
-    std::printf("%s%s%s", m_bTerminal ? CLEAR_SCREEN : "", sTable.c_str(),
-                ProgressLine(aReceiver).c_str());
+void CPresenter::ShowNow() {
+    CReport report;
+    if (!m_monitor.Collect(&report, true)) {
+        return;
+    }
+    // The one JSON document is for a program: whoever watches it sees standard error.
+    if (m_options.json) {
+        std::fputs(ProgressLine(report).c_str(), stderr);
+        return;
+    }
+    std::sort(report.streams.begin(), report.streams.end(),
+              [](const CStreamReport& aLeft, const CStreamReport& aRight) {
+                  return aLeft.key < aRight.key;
+              });
+    std::printf("%s%s%s", m_bTerminal ? CLEAR_SCREEN : "",
+                FormatTable(report, MaxStreamsShown()).c_str(), ProgressLine(report).c_str());
     std::fflush(stdout);
 }
 
 // As many rows as the terminal has, but for the lines around them.
-size_t Monitor::MaxStreamsShown() const {
+size_t CPresenter::MaxStreamsShown() const {
     winsize size = {};
     if (!m_bTerminal || ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_row == 0) {
         return SIZE_MAX;
@@ -166,62 +134,50 @@ size_t Monitor::MaxStreamsShown() const {
     return size.ws_row > OTHER_ROWS ? size.ws_row - OTHER_ROWS : 1;
 }
 
-std::string Monitor::ProgressLine(const Receiver& aReceiver) const {
-    return aReceiver.progress() < 0
+std::string CPresenter::ProgressLine(const CReport& aReport) const {
+    return aReport.percent < 0
                ? std::string()
-               : std::to_string(aReceiver.progress()) + "% of " + m_options.input + " read\n";
+               : std::to_string(aReport.percent) + "% of " + m_options.InputNames() + " read\n";
 }
 
-// The receiver has ended: every packet it posted is handled before the snapshots are taken.
-int Monitor::Finish(const Receiver& aReceiver) {
-    Totals totals = Collect(aReceiver);
-    for (const std::unique_ptr<Worker>& worker : m_workers) {
-        worker->Stop();
+int CPresenter::ShowEnd(const std::string& aError) {
+    CReport report;
+    if (!m_monitor.Collect(&report, false)) {
+        return Complain("the workers do not answer");
     }
-    Trace(UTIL_NS::CM_TRACE_LEVEL_INFO, "the workers have ended");
-    totals.complete = aReceiver.error().empty() && (m_options.IsLive() || g_bInterrupted == 0);
-    const double dSeconds = SecondsSince(m_tvStart);
-    const uint64_t ullHandled = totals.rtp + totals.rtcp + totals.notRtp + totals.skipped;
-    totals.packetsPerSecond = dSeconds > 0 ? static_cast<double>(ullHandled) / dSeconds : 0;
-
-    Trace(UTIL_NS::CM_TRACE_LEVEL_INFO, "handled " + std::to_string(ullHandled) + " packets");
+    std::sort(report.streams.begin(), report.streams.end(),
+              [](const CStreamReport& aLeft, const CStreamReport& aRight) {
+                  return aLeft.key < aRight.key;
+              });
+    report.isFinal = true;
+    report.isComplete = report.isComplete && aError.empty();
+    Trace(UTIL_NS::CM_TRACE_LEVEL_INFO, "handled " + std::to_string(report.Handled()) + " packets");
+    if (!aError.empty() && report.Handled() == 0) {
+        return Complain("cannot read from " + m_options.InputNames() + ": " + aError);
+    }
     if (m_options.json) {
-        std::printf("%s", FormatJson(totals).c_str());
+        std::printf("%s", FormatJson(report).c_str());
     } else {
         std::printf("%s%s%llu packets in %.2f s, %.0f packets per second\nTrace lines are in %s\n",
-                    m_bTerminal ? CLEAR_SCREEN : "", FormatTable(totals).c_str(),
-                    static_cast<unsigned long long>(ullHandled), dSeconds, totals.packetsPerSecond,
+                    m_bTerminal ? CLEAR_SCREEN : "", FormatTable(report).c_str(),
+                    static_cast<unsigned long long>(report.Handled()), report.seconds,
+                    report.seconds > 0 ? static_cast<double>(report.Handled()) / report.seconds : 0,
                     m_options.traceFile.c_str());
     }
     std::fflush(stdout);
-    if (!aReceiver.error().empty()) {
-        Trace(UTIL_NS::CM_TRACE_LEVEL_ERROR, "reading failed: " + aReceiver.error());
-        return Complain("stopped reading " + m_options.input + ": " + aReceiver.error());
+    if (!aError.empty()) {
+        Trace(UTIL_NS::CM_TRACE_LEVEL_ERROR, "reading failed: " + aError);
+        return Complain("stopped reading " + m_options.InputNames() + ": " + aError);
     }
     return EXIT_SUCCESS;
 }
 
-Totals Monitor::Collect(const Receiver& aReceiver) {
-    Totals totals;
-    for (const std::unique_ptr<Worker>& worker : m_workers) {
-        worker->Take(&totals.snapshot);
-    }
-    std::sort(totals.snapshot.streams.begin(), totals.snapshot.streams.end(),
-              [](const StreamReport& aLeft, const StreamReport& aRight) {
-                  return aLeft.key < aRight.key;
-              });
-    totals.rtp = aReceiver.counters().rtp;
-    totals.rtcp = aReceiver.counters().rtcp;
-    totals.notRtp = aReceiver.counters().notRtp;
-    totals.skipped = aReceiver.counters().skipped;
-    totals.hasIntervals = m_options.IsLive() || !m_options.fast;
-    return totals;
-}
-
 // What is wrong with the configuration; false when that ends the run.
 bool CheckConfiguration(const UTIL_NS::CCmConfigReader& aConfig) {
-    std::vector<std::string> unasked;
-    aConfig.ListUnasked(CONFIG_SECTION, unasked);
+    std::vector<UTIL_NS::CCmString> unasked;
+    if (CM_FAILED(aConfig.ListUnasked(CONFIG_SECTION, unasked))) {
+        Complain("the settings that mean nothing could not be listed");
+    }
     for (const std::string& sSentence : unasked) {
         Complain(sSentence);
     }
@@ -233,7 +189,7 @@ bool CheckConfiguration(const UTIL_NS::CCmConfigReader& aConfig) {
 
 int Main(int aArgCount, char** aArgs) {
     UTIL_NS::CCmConfigReader config;
-    Options options;
+    COptions options;
     std::string sError;
     if (!ReadOptions(aArgCount, aArgs, &config, &options, &sError)) {
         return Complain(sError);
@@ -248,13 +204,25 @@ int Main(int aArgCount, char** aArgs) {
     // Before the first trace line, which makes the trace library look at it.
     setenv("QTRACE_FILE", options.traceFile.c_str(), 1);
     config.UseForTrace();
-    CatchInterrupts();
-    return Monitor(options).Run();
+    static CStopSignal s_stop;  // for signals that come when all else has ended
+    if (!s_stop.IsOpen() || !RaiseOnInterrupts(&s_stop)) {
+        return Complain("cannot be interrupted");
+    }
+    CMonitor monitor(options, s_stop);
+    return CPresenter(options, monitor).Run();
 }
 
 }  // namespace
 }  // namespace rtp_monitor
 
 int main(int aArgCount, char** aArgs) {
-    return rtp_monitor::Main(aArgCount, aArgs);
+    const int nExitCode = rtp_monitor::Main(aArgCount, aArgs);
+#if defined(RTP_MONITOR_ENDS_AT_ONCE)
+    // The library waits 0.2 s for trace lines of other threads when a process ends. None of ours is
+    // left, and a capture may have taken less.
+    const bool bWritten = std::fflush(nullptr) == 0;
+    std::_Exit(nExitCode == EXIT_SUCCESS && !bWritten ? rtp_monitor::EXIT_TROUBLE : nExitCode);
+#else
+    return nExitCode;
+#endif
 }

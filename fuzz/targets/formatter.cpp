@@ -82,7 +82,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* aData, size_t aSize) {
         Append(formatter, input);
         Require(formatter.tell() <= nUsable, "the position stays inside");
         for (size_t i = formatter.tell(); i < nSize; ++i) {
-            Require(pBuffer[i] == '\0', "what is behind the text is zero");
+            Require(pBuffer[i] == '\0', "what follows the text is zero");
         }
     }
     return 0;

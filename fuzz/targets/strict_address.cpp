@@ -33,7 +33,7 @@ void CompareIpv4(const std::string& aText) {
     }
 }
 
-// A zone is none of inet_pton's business.
+// inet_pton takes no zones.
 void CompareIpv6(const std::string& aText) {
     CCmIpAddress address;
     uint8_t abyTheirs[16];

@@ -36,7 +36,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* aData, size_t aSize) {
     for (size_t i = 0; i < sText.size() && static_cast<int>(sExpected.size()) < nSize; ++i) {
         Append(sExpected, static_cast<unsigned char>(sText[i]));
     }
-    // Nothing behind the stated size may be touched.
+    // Nothing past the stated size may be touched.
     const std::unique_ptr<char[]> pOut(new char[static_cast<size_t>(nSize < 0 ? 0 : nSize) + 3]);
     Require(UTIL_NS::url_string_encode(&sText[0], pOut.get(), nSize) == pOut.get(), "result");
     Require(std::string(pOut.get(), sExpected.size()) == sExpected, "escaped text");

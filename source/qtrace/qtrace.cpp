@@ -24,11 +24,12 @@ constexpr size_t PIECE_LENGTH = 2047;        // characters of every piece but th
 constexpr size_t STACK_LINE_SIZE = 4096;     // bytes; a longer line is built on the heap
 constexpr size_t HEAD_SIZE = 320;            // bytes, thread name and module included
 constexpr int MODULE_LENGTH = 128;           // characters of a module's name that are printed
-constexpr size_t HELD_LENGTH_MAX = 1 << 20;  // characters; more than any text that comes in pieces
+constexpr size_t HELD_LENGTH_MAX = 1 << 20;  // characters; no text in pieces has so many
 
 // ---- Threshold
 
 constexpr unsigned long LEVEL_UNKNOWN = ULONG_MAX;  // the environment has not been read
+// Relaxed: nothing is handed over with it, and threads that read the environment find the same.
 std::atomic<unsigned long> s_ulLevel{LEVEL_UNKNOWN};
 
 unsigned long LevelFromEnvironment() {
@@ -108,9 +109,9 @@ int OpenDestination() {
     return nMoved < 0 ? STDERR_FILENO : nMoved;
 }
 
-// Threads that come first at once all open the file; one keeps it.
+// Threads that come here first at the same time all open the file; one opening is kept.
 int Destination() {
-    // Orders the opening, on whichever thread, before each use.
+    // Acquire, paired with the exchange below: the file was opened before this thread uses it.
     int nDestination = s_nDestination.load(std::memory_order_acquire);
     if (nDestination != NOT_OPENED) {
         return nDestination;
@@ -172,15 +173,15 @@ class CWriteSignals {
 pthread_mutex_t s_lineMutex = PTHREAD_MUTEX_INITIALIZER;
 thread_local bool t_bWriting = false;
 
-// In a forked child, where the thread that held the mutex does not exist.
+// Called in a forked child, which has no copy of the thread that may have held the mutex.
 void FreeLineMutex() {
     const pthread_mutex_t FREE = PTHREAD_MUTEX_INITIALIZER;
     std::memcpy(&s_lineMutex, &FREE, sizeof(FREE));
 }
 
-// While it lives, the threads of the process write no other line: what takes a line in parts (a
-// pipe, a terminal, a disk that fills up) gets it in one piece. A signal handler that traces while
-// its own thread writes does not wait for it.
+// While it lives, no other thread of the process writes a line: a destination that takes a line in
+// parts (a pipe, a terminal, a disk that fills up) still gets it in one piece. A signal handler
+// that traces while its own thread writes does not wait, since that would be for ever.
 class CLineTurn {
   public:
     CLineTurn() : m_bNested(t_bWriting) {
@@ -204,10 +205,11 @@ class CLineTurn {
     const bool m_bNested;
 };
 
-// Part of a line reached the destination, and the rest did not.
+// Part of a line reached the destination, and the rest did not. Read and written in a line's turn;
+// atomic for signal handlers that trace, which do not wait for theirs.
 std::atomic<bool> s_bTorn{false};
 
-// A short write is that of a disk which is filling up: the rest gets one chance more.
+// A write that takes only a part is repeated with the rest: a disk may be filling up.
 bool WriteFully(CWriteSignals& aSignals, int aFile, const char* aText, size_t aLength) {
     size_t nDone = 0;
     while (nDone < aLength) {
@@ -227,7 +229,7 @@ bool WriteFully(CWriteSignals& aSignals, int aFile, const char* aText, size_t aL
     return true;
 }
 
-// After a torn line, the next starts afresh.
+// After a torn line, the next one starts with a line end.
 void WriteLine(const char* aLine, size_t aLength) {
     const int nFile = Destination();
     CWriteSignals signals;
@@ -341,7 +343,7 @@ size_t CountLineEnds(const char* aText, size_t aLength) {
     return nCount;
 }
 
-// Without memory for a long line it goes out cut.
+// A long line for which there is no memory is cut.
 void WriteText(const char* aModule, const char* aText, size_t aLength) {
     char szHead[HEAD_SIZE];
     const size_t nHead = FormatHead(szHead, aModule);
@@ -377,21 +379,21 @@ void WriteHeld(CHeldText& aHeld) {
     aHeld = CHeldText();
 }
 
-// At the end of a thread.
-void EndHeld(void* aHeld) {
+// Called by the system when the thread exits.
+void WriteAndFreeHeld(void* aHeld) {
     CHeldText* pHeld = static_cast<CHeldText*>(aHeld);
     WriteHeld(*pHeld);
     std::free(pHeld);
 }
 
 struct CHeldKey {
-    CHeldKey() : m_Key(), m_bValid(pthread_key_create(&m_Key, EndHeld) == 0) {}
+    CHeldKey() : m_Key(), m_bValid(pthread_key_create(&m_Key, WriteAndFreeHeld) == 0) {}
 
     pthread_key_t m_Key;
     bool m_bValid;
 };
 
-// Of the calling thread; null when there is none and, with aCreate, no memory for one.
+// What the calling thread holds; null when it holds nothing and aCreate is false or memory ran out.
 CHeldText* HeldOfThread(bool aCreate) {
     static const CHeldKey s_key;
     if (!s_key.m_bValid) {

@@ -36,8 +36,8 @@ bool IsAddress(const char* aText) {
     return *aText == '\0';
 }
 
-// Copies the answer out of the resolver's static storage at once. The resolver holds locks of its
-// own.
+// Copies the answer out of the resolver's static storage at once. Not to be cancelled: the resolver
+// holds locks of its own.
 bool Resolve(const char* aName, char* aIp) {
     CCmDisableCancel disableCancel;
     const hostent* pHost = g_cmSystem.gethostbyname(aName);
@@ -47,7 +47,7 @@ bool Resolve(const char* aName, char* aIp) {
     }
     in_addr address;
     std::memcpy(&address, pHost->h_addr_list[0], sizeof(address));
-    return ::inet_ntop(AF_INET, &address, aIp, CM_IP_TEXT_SIZE) != nullptr;
+    return inet_ntop(AF_INET, &address, aIp, CM_IP_TEXT_SIZE) != nullptr;
 }
 
 bool ResolveHostName(char* aIp) {
@@ -84,7 +84,7 @@ bool TakeNumber(const char*& aText, unsigned long& aNumber) {
 int transport_address_parse(char* aAddr, char* aScheme, int aSchemeSize, char* aIp, int aIpSize,
                             unsigned short* aPort) {
     if (aAddr == nullptr || aScheme == nullptr || aIp == nullptr || aPort == nullptr ||
-        ::strnlen(aAddr, LONGEST_TRANSPORT_ADDRESS + 1) > LONGEST_TRANSPORT_ADDRESS) {
+        strnlen(aAddr, LONGEST_TRANSPORT_ADDRESS + 1) > LONGEST_TRANSPORT_ADDRESS) {
         return 0;
     }
     const char* pSchemeEnd = std::strstr(aAddr, SCHEME_END);
@@ -128,7 +128,7 @@ void resolve_2_ip(char* aName, char* aIp) {
         // An output buffer may hold anything, so no more of it is read than it must have.
         char szOutput[CM_IP_TEXT_SIZE] = "";
         if (aIp != nullptr) {
-            CopyCut(aIp, ::strnlen(aIp, CM_IP_TEXT_SIZE), szOutput, sizeof(szOutput));
+            CopyCut(aIp, strnlen(aIp, CM_IP_TEXT_SIZE), szOutput, sizeof(szOutput));
         }
         CM_ERROR_TRACE("resolve_2_ip: No host_name: " << aName << "; or ip_address: " << szOutput
                                                       << "; given");
@@ -167,7 +167,7 @@ unsigned long ip_2_id(char* aAddr) {
 char* id_2_ip(unsigned long aId) {
     static char ip_str[CM_IP_TEXT_SIZE];
     const in_addr address = {htonl(static_cast<uint32_t>(aId))};
-    ::inet_ntop(AF_INET, &address, ip_str, sizeof(ip_str));
+    inet_ntop(AF_INET, &address, ip_str, sizeof(ip_str));
     return ip_str;
 }
 

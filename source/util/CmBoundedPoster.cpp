@@ -14,10 +14,13 @@
 
 namespace UTIL_NS {
 
-struct CCmBoundedPoster::CState final : CCmReferenceControlT<CCmMutexThread> {
-    CState(DWORD aMaxCount, DWORD aLowWater, ICmEvent* aOnLowWater)
-        : m_dwMaxCount(aMaxCount), m_dwLowWater(aLowWater), m_pOnLowWater(aOnLowWater) {}
-    ~CState() override {
+struct CCmBoundedPoster::CPosterState final : CCmReferenceControlT<CCmMutexThread> {
+    CPosterState(ICmEventQueue& aQueue, DWORD aMaxCount, DWORD aLowWater, ICmEvent* aOnLowWater)
+        : m_Queue(aQueue),
+          m_dwMaxCount(aMaxCount),
+          m_dwLowWater(aLowWater),
+          m_pOnLowWater(aOnLowWater) {}
+    ~CPosterState() override {
         if (m_pOnLowWater != nullptr) {
             m_pOnLowWater->OnDestorySelf();
         }
@@ -36,14 +39,20 @@ struct CCmBoundedPoster::CState final : CCmReferenceControlT<CCmMutexThread> {
         if (CM_FAILED(lock.result())) {
             return lock.result();
         }
-        const CCmDisableCancel disableCancel;
-        CWaiter waiter(*this);
+        const CCmDisableCancel disableCancel;  // the list refers to this stack until Unlink_l
+        CWaiter waiter;
+        *m_ppTail = &waiter;
+        m_ppTail = &waiter.m_pNext;
         CmResult rv = CM_OK;
         while (!waiter.m_bHasRoom && CM_SUCCEEDED(rv)) {
             rv = aDeadline == CM_NEVER_NSEC ? m_Room.Wait(nullptr)
                                             : CCmConditionSteps::WaitUntil(m_Room, aDeadline);
         }
-        return waiter.m_bHasRoom ? CM_OK : rv;
+        if (waiter.m_bHasRoom) {
+            return CM_OK;
+        }
+        Unlink_l(waiter);
+        return rv;
     }
 
     void GiveRoom() {
@@ -66,27 +75,20 @@ struct CCmBoundedPoster::CState final : CCmReferenceControlT<CCmMutexThread> {
         return m_dwCount;
     }
     CmResult Result() const { return m_Guard.Result(); }
-    void End() { m_Guard.End(); }
+    // For the poster alone: the events may outlive it and the queue.
+    ICmEventQueue& Queue() const { return m_Queue; }
+    void Close() { m_Guard.End(); }
 
   private:
-    // One that waits, on its own stack, in a list with the longest first.
+    // A thread that waits for room, on its own stack, in a list with the longest first. Whoever
+    // gives it room takes it off the list.
     struct CWaiter {
-        explicit CWaiter(CState& aState) CM_REQUIRES(aState.m_Mutex) : m_State(aState) {
-            *m_State.m_ppTail = this;
-            m_State.m_ppTail = &m_pNext;
-        }
-        ~CWaiter() CM_NO_THREAD_SAFETY_ANALYSIS { m_State.Unlink_l(*this); }
-        CWaiter(const CWaiter&) = delete;
-        CWaiter& operator=(const CWaiter&) = delete;
-
-        CState& m_State;
         CWaiter* m_pNext = nullptr;
         bool m_bHasRoom = false;
-        bool m_bLinked = true;
     };
 
-    // To the one that has waited longest, if any: the count then stays. All are woken, as a
-    // condition does not wake a particular one; the others go on waiting.
+    // Gives the room to the thread that has waited longest, if any: the count then stays. All are
+    // woken, as a condition does not wake a particular one; the others go on waiting.
     void GiveRoom_l() CM_REQUIRES(m_Mutex) {
         CWaiter* pWaiter = m_pFirst;
         if (pWaiter == nullptr) {
@@ -98,9 +100,6 @@ struct CCmBoundedPoster::CState final : CCmReferenceControlT<CCmMutexThread> {
         m_Room.Broadcast();
     }
     void Unlink_l(CWaiter& aWaiter) CM_REQUIRES(m_Mutex) {
-        if (!aWaiter.m_bLinked) {
-            return;
-        }
         CWaiter** ppWaiter = &m_pFirst;
         while (*ppWaiter != &aWaiter) {
             ppWaiter = &(*ppWaiter)->m_pNext;
@@ -109,9 +108,9 @@ struct CCmBoundedPoster::CState final : CCmReferenceControlT<CCmMutexThread> {
         if (m_ppTail == &aWaiter.m_pNext) {
             m_ppTail = ppWaiter;
         }
-        aWaiter.m_bLinked = false;
     }
 
+    ICmEventQueue& m_Queue;
     const DWORD m_dwMaxCount;
     const DWORD m_dwLowWater;
     ICmEvent* const m_pOnLowWater;  // owned
@@ -120,13 +119,12 @@ struct CCmBoundedPoster::CState final : CCmReferenceControlT<CCmMutexThread> {
     DWORD m_dwCount CM_GUARDED_BY(m_Mutex) = 0;
     bool m_bWasFull CM_GUARDED_BY(m_Mutex) = false;
     CWaiter* m_pFirst CM_GUARDED_BY(m_Mutex) = nullptr;
-    CWaiter** m_ppTail CM_GUARDED_BY(m_Mutex) = &m_pFirst;
+    CWaiter** m_ppTail CM_GUARDED_BY(m_Mutex) = &m_pFirst;  // the last link, which is null
     CCmLifeGuard m_Guard;
 };
 
 CCmBoundedPoster::CCmBoundedPoster(ICmEventQueue& aQueue, DWORD aMaxCount)
-    : m_Queue(aQueue),
-      m_pState(new (std::nothrow) CState(std::max<DWORD>(aMaxCount, 1), 0, nullptr)) {
+    : m_pState(new (std::nothrow) CPosterState(aQueue, std::max<DWORD>(aMaxCount, 1), 0, nullptr)) {
     if (m_pState != nullptr) {
         m_pState->AddReference();
     }
@@ -134,13 +132,13 @@ CCmBoundedPoster::CCmBoundedPoster(ICmEventQueue& aQueue, DWORD aMaxCount)
 
 CCmBoundedPoster::CCmBoundedPoster(ICmEventQueue& aQueue, DWORD aMaxCount, DWORD aLowWater,
                                    ICmEvent* aOnLowWater)
-    : m_Queue(aQueue), m_pState(nullptr) {
+    : m_pState(nullptr) {
     if (aOnLowWater == nullptr) {
         return;
     }
     const DWORD dwMaxCount = std::max<DWORD>(aMaxCount, 1);
-    m_pState =
-        new (std::nothrow) CState(dwMaxCount, std::min(aLowWater, dwMaxCount - 1), aOnLowWater);
+    m_pState = new (std::nothrow)
+        CPosterState(aQueue, dwMaxCount, std::min(aLowWater, dwMaxCount - 1), aOnLowWater);
     if (m_pState == nullptr) {
         aOnLowWater->OnDestorySelf();
         return;
@@ -150,7 +148,7 @@ CCmBoundedPoster::CCmBoundedPoster(ICmEventQueue& aQueue, DWORD aMaxCount, DWORD
 
 CCmBoundedPoster::~CCmBoundedPoster() {
     if (m_pState != nullptr) {
-        m_pState->End();
+        m_pState->Close();
         m_pState->ReleaseReference();
     }
 }
@@ -168,7 +166,7 @@ CmResult CCmBoundedPoster::TakeRoom(const CCmTimeValue* aLimit) {
     if (CM_FAILED(rv)) {
         return rv;
     }
-    const bool bWaits = aLimit != nullptr && !CCmEventQueueSteps::IsOwnThread(m_Queue);
+    const bool bWaits = aLimit != nullptr && !CCmEventQueueSteps::IsOwnThread(m_pState->Queue());
     const long long llDeadline = bWaits ? CmLaterNsec(CmMonotonicNsec(), *aLimit) : CM_NEVER_NSEC;
     return m_pState->TakeRoom(bWaits, llDeadline);
 }
@@ -180,11 +178,11 @@ CmResult CCmBoundedPoster::PostEvent(CBoundedEvent* aEvent) {
     }
     m_pState->AddReference();
     aEvent->m_pState = m_pState;
-    return m_Queue.PostEvent(aEvent, ICmEventQueue::EPRIORITY_NORMAL);
+    return m_pState->Queue().PostEvent(aEvent, ICmEventQueue::EPRIORITY_NORMAL);
 }
 
 void CCmBoundedPoster::CBoundedEvent::OnDestorySelf() {
-    const CCmComAutoPtr<CState> pState(m_pState);
+    const CCmComAutoPtr<CPosterState> pState(m_pState);
     m_pState->ReleaseReference();
     delete this;
     pState->GiveRoom();

@@ -1,6 +1,6 @@
 // What the library does about threads that are cancelled (pthread_cancel) inside it; internal.
 //
-// A cancelled thread runs its clean-up handlers, the newest first. On macOS it ends then, and no
+// A cancelled thread runs its clean-up handlers, the newest first. On macOS it is gone then, and no
 // destructor of its frames is run; on Linux it unwinds, and they are. What a frame owns while it
 // calls something that may be a cancellation point (a wait, a sleep, code of the host) is
 // therefore given back by a CCmCleanUpT, which is right on both, or the thread is not cancelled
@@ -35,8 +35,8 @@ class CCmDisableCancel {
 //   MayBeCancelled();
 //   cleanUp.Execute();  // or Release()
 // aAction runs when the thread is cancelled, or an exception of the host passes, before either is
-// called. It must not be cancelled or throw, and runs above all frames that it refers to. Handlers
-// of one thread end in the reverse order of their construction.
+// called. It must not be cancelled or throw, and runs above all frames that it refers to. The
+// handlers of one thread are released or executed in the reverse order of their construction.
 template <class Action>
 class CCmCleanUpT {
   public:

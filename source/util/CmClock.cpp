@@ -33,7 +33,7 @@ PretInitialationTimer::PretInitialationTimer() : m_dwMsPerTick(0) {
 }
 
 unsigned long get_tick_count() {
-    // The parts as the system delivers them: those of a time value have one sign before 1970.
+    // Not by CCmTimeValue, whose microseconds are negative before 1970; the system's are not.
     timeval tvNow = {};
     g_cmClock.gettimeofday(&tvNow, nullptr);
     return static_cast<unsigned long>(tvNow.tv_sec * MS_PER_SEC + tvNow.tv_usec / USEC_PER_MS);
@@ -95,7 +95,7 @@ time_type::time_type(long long aMicroseconds) : tm() {
 void time_type::reset(long long aMicroseconds) {
     long long llSec = aMicroseconds / USEC_PER_SEC;
     long long llUsec = aMicroseconds % USEC_PER_SEC;
-    if (llUsec < 0) {  // before 1970: the parts of a second count up all the same
+    if (llUsec < 0) {  // before 1970, too, milliseconds and microseconds count forward
         llSec -= 1;
         llUsec += USEC_PER_SEC;
     }
@@ -105,7 +105,8 @@ void time_type::reset(long long aMicroseconds) {
     static_cast<tm&>(*this) = tm();
     const time_t tSec = static_cast<time_t>(llSec);
     tm local = {};
-    CCmDisableCancel disableCancel;  // the call may read a file under a lock of its own
+    CCmDisableCancel
+        disableCancel;  // the C library may hold a lock of its own while it reads the zone's file
     if (g_cmSystem.localtime_r(&tSec, &local) == nullptr) {
         return;
     }

@@ -15,10 +15,12 @@ namespace UTIL_NS {
 
 namespace {
 
-// The type number of CCmMutexThread; platforms that do not know it leave the default kind.
+// The type number that CCmMutexThread asks for. Where the system does not know it, the mutex is of
+// the system's default type.
 constexpr int MUTEX_TYPE_DEFAULT = 3;
 
-// The latest deadline that every system can wait for: its nanoseconds fill 64 bits (year 2262).
+// The latest deadline that every system can wait for: some count it in nanoseconds, in a signed
+// 64-bit number (year 2262).
 constexpr CCmTimeValue DEADLINE_MAX(INT64_MAX / 1000000000);
 
 // Now plus aTimeout, kept within what the system calls take.
@@ -34,10 +36,11 @@ timespec DeadlineAfter(const CCmTimeValue& aTimeout) {
 
 constexpr long long NSEC_PER_SEC = 1000000000;
 
-// A signal that must not be missed is tried this often; what fails so often fails for good.
+// How often a signal that must not be missed is tried; what fails so often is taken to fail always.
 constexpr int SIGNAL_TRIES = 3;
 
-// The result is that of pthread_mutex_init, or of what it needs. A mutex that fails becomes zeros.
+// Returns the error of the first call that failed, or 0. A mutex that could not be made is all
+// zeros.
 int InitMutex(pthread_mutex_t& aMutex, int aType) {
     pthread_mutexattr_t attribute;
     int rv = g_cmSystem.pthread_mutexattr_init(&attribute);
@@ -55,8 +58,8 @@ int InitMutex(pthread_mutex_t& aMutex, int aType) {
     return rv;
 }
 
-// Whether aError, of a destruction, says only that the object was never made: its initialisation
-// failed, which left zeros and has written its line.
+// Whether the destruction of aObject failed with aError only because the object was never made: its
+// initialisation failed, wrote its own line and left all zeros.
 template <class Object>
 bool WasNeverMade(const Object& aObject, int aError) {
     const auto* const pBytes = reinterpret_cast<const unsigned char*>(&aObject);
@@ -218,7 +221,7 @@ CmResult CCmConditionSteps::WaitUntilResult(const CCmConditionVariableThread& aC
     if (aError == 0) {
         return CM_OK;
     }
-    if (aError == EINTR) {  // perhaps again and again: the deadline holds all the same
+    if (aError == EINTR) {  // may come again and again, so the deadline is looked at here
         timespec tsNow = {};
         CmPortMonotonicNow(&tsNow);
         return tsNow.tv_sec * NSEC_PER_SEC + tsNow.tv_nsec < aDeadlineNsec ? CM_OK
@@ -259,8 +262,8 @@ CCmEventThread::CCmEventThread(signed char aManualReset, signed char aInitialSta
 
 CCmEventThread::~CCmEventThread() = default;
 
-// In the operations of an event, its mutex is the last of it that is touched: a thread that has
-// woken may free the event while the line about a failed call is still being written.
+// Each operation of an event touches the event last when it unlocks the mutex: the thread that it
+// woke may free the event while this one still writes the line about a failed call.
 CmResult CCmEventThread::Wait(CCmTimeValue* aTimeout) {
     CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
     const CmResult rv = lock.result();
@@ -340,7 +343,7 @@ CmResult CCmEventThread::Reset() {
 
 CCmSemaphore::CCmSemaphore(long aInitialCount, const char* /*aName*/, long /*aMaximumCount*/)
     : m_Semaphore() {
-    // What the system's type cannot hold becomes a number that the system refuses.
+    // A count that the system's type cannot hold becomes one that the system refuses (EINVAL).
     const bool bInRange = aInitialCount >= 0 && aInitialCount <= INT_MAX;
     const unsigned int dwCount = bInRange ? static_cast<unsigned int>(aInitialCount) : UINT_MAX;
     if (g_cmSystem.sem_init(&m_Semaphore, 0, dwCount) != 0) {

@@ -25,14 +25,14 @@ namespace {
 constexpr int VALUE_SIZE = 256;           // of a value of the main configuration file
 constexpr size_t CUR_ENV_TEXT_MAX = 510;  // what init_config takes
 
-// The bytes of the executable's name in 16-bit units, and a terminating one.
+// The executable's name as hosts get it: the bytes of its 16-bit units and of a terminating unit.
 char s_achExecName[(CM_PORT_NAME_UNITS + 1) * sizeof(uint16_t)];
 
 std::string_view ViewOf(const char* aText) {
     return aText == nullptr ? std::string_view() : std::string_view(aText);
 }
 
-// What of aText fits into aRoom characters is copied to aOut; returns how many those are.
+// Copies as much of aText to aOut as fits into aRoom characters; returns how many it copied.
 size_t CopyBounded(char* aOut, size_t aRoom, std::string_view aText) {
     const size_t nLength = aText.size() < aRoom ? aText.size() : aRoom;
     if (nLength > 0) {
@@ -318,7 +318,7 @@ void CCmConfigInitFile::get_rabbitmq_config_file_name(CCmString& /*aOut*/) {}
 
 const char* get_exec_name() {
     // Filled once: executables keep their names, and the buffer must not change under its readers.
-    // A release once it is filled, matched by this acquire, orders the name before its use.
+    // The release when it is filled pairs with this acquire: who sees the flag sees the name.
     static std::atomic<bool> s_bFilled{false};
     static CCmEternalLockT<CCmMutexThread> s_mutex;
     if (!s_bFilled.load(std::memory_order_acquire)) {

@@ -18,16 +18,18 @@
 #include "CmProfileReader.h"
 #include "CmSystem.h"
 #include "CmT120Trace.h"
+#include "CmWithMemory.h"
 #include "port/CmFileTime.h"
 
 namespace UTIL_NS {
 
 namespace {
 
-// Whoever has not written to a file for so long is taken to be done with it. A later change shows
-// in the file's time then, which is no coarser than this on the file systems in use.
+// A file that has not been written to for so long is taken to be complete. This is also the
+// coarsest step of file times on the file systems in use: a change after it gives the file another
+// time.
 constexpr long SETTLED_USEC = 20 * 1000;
-constexpr int MAX_TRIES = 50;
+constexpr int MAX_TRIES = 50;         // one second in all
 constexpr size_t LONGEST_QUOTE = 64;  // of a value in a sentence
 constexpr size_t NONE = static_cast<size_t>(-1);
 
@@ -35,22 +37,22 @@ constexpr size_t NONE = static_cast<size_t>(-1);
 
 // What tells one state of a file from another.
 struct CFileMark {
-    dev_t m_device = 0;
-    ino_t m_number = 0;
+    dev_t m_Device = 0;
+    ino_t m_Number = 0;
     off_t m_llSize = -1;
-    timespec m_time = {};
+    timespec m_Time = {};
 
     CFileMark() = default;
     explicit CFileMark(const struct stat& aStat)
-        : m_device(aStat.st_dev),
-          m_number(aStat.st_ino),
+        : m_Device(aStat.st_dev),
+          m_Number(aStat.st_ino),
           m_llSize(aStat.st_size),
-          m_time(CmFileTime(aStat)) {}
+          m_Time(CmFileTime(aStat)) {}
     friend bool operator==(const CFileMark& aLeft, const CFileMark& aRight) {
-        return std::tie(aLeft.m_device, aLeft.m_number, aLeft.m_llSize, aLeft.m_time.tv_sec,
-                        aLeft.m_time.tv_nsec) == std::tie(aRight.m_device, aRight.m_number,
-                                                          aRight.m_llSize, aRight.m_time.tv_sec,
-                                                          aRight.m_time.tv_nsec);
+        return std::tie(aLeft.m_Device, aLeft.m_Number, aLeft.m_llSize, aLeft.m_Time.tv_sec,
+                        aLeft.m_Time.tv_nsec) == std::tie(aRight.m_Device, aRight.m_Number,
+                                                          aRight.m_llSize, aRight.m_Time.tv_sec,
+                                                          aRight.m_Time.tv_nsec);
     }
 };
 
@@ -94,20 +96,20 @@ class CFile {
     const int m_nFile;
 };
 
-// Whether a change from now on would leave another time than the last one did.
+// Whether the last change is so old that any later one gives the file another time.
 bool IsSettled(const CFileMark& aMark) {
     timeval now = {};
     if (g_cmSystem.gettimeofday(&now, nullptr) != 0) {
         return false;
     }
     const CCmTimeValue tvAge =
-        CCmTimeValue(now) - CCmTimeValue(aMark.m_time.tv_sec, aMark.m_time.tv_nsec / 1000);
+        CCmTimeValue(now) - CCmTimeValue(aMark.m_Time.tv_sec, aMark.m_Time.tv_nsec / 1000);
     return tvAge >= CCmTimeValue(0, SETTLED_USEC);
 }
 
-// Reads a file as it was at one moment: nobody wrote to it from the first look at its time to the
-// last. A time too young to tell, or one of another machine's clock, is made up for by a second
-// reading that finds the same.
+// Reads a file as it was at one moment: its time is the same before and after the reading. When
+// that time is too recent to tell, or comes from another machine's clock, a second reading must
+// find the same text.
 CmResult TakeSnapshot(const CFile& aFile, CCmString& aText, CFileMark& aMark) {
     CCmString strPrevious;
     CFileMark previous;
@@ -168,47 +170,47 @@ class CProfile {
     CEntry* Find(std::string_view aSection, std::string_view aKey) {
         const size_t nHeader = FirstHeader(aSection);
         const size_t nEntry = nHeader == NONE ? NONE : FirstEntry(nHeader, aKey);
-        return nEntry == NONE ? nullptr : &m_entries[nEntry];
+        return nEntry == NONE ? nullptr : &m_Entries[nEntry];
     }
     std::string_view SectionOf(const CEntry& aEntry) const {
-        return aEntry.m_nHeader == NONE ? std::string_view() : m_headers[aEntry.m_nHeader].m_name;
+        return aEntry.m_nHeader == NONE ? std::string_view() : m_Headers[aEntry.m_nHeader].m_name;
     }
     // The line of what keeps an entry from being found; 0 when nothing does.
     unsigned HiddenBy(const CEntry& aEntry) const {
-        const size_t nHeader = FirstHeader(m_headers[aEntry.m_nHeader].m_name);
+        const size_t nHeader = FirstHeader(m_Headers[aEntry.m_nHeader].m_name);
         if (nHeader != aEntry.m_nHeader) {
-            return m_headers[nHeader].m_dwLine;
+            return m_Headers[nHeader].m_dwLine;
         }
-        const CEntry& first = m_entries[FirstEntry(nHeader, aEntry.m_key)];
+        const CEntry& first = m_Entries[FirstEntry(nHeader, aEntry.m_key)];
         return &first == &aEntry ? 0 : first.m_dwLine;
     }
-    const std::vector<CEntry>& entries() const { return m_entries; }
+    const std::vector<CEntry>& entries() const { return m_Entries; }
 
   private:
     void AddLine(std::string_view aLine, unsigned aNumber) {
         const CCmProfileLine line = CmSplitProfileLine(aLine);
         if (line.m_kind == CCmProfileLine::HEADER) {
-            m_headers.push_back({CmTrimmed(line.m_name), aNumber});
+            m_Headers.push_back({CmTrimmed(line.m_name), aNumber});
         } else if (line.m_kind == CCmProfileLine::KEY) {
-            const size_t nHeader = m_headers.empty() ? NONE : m_headers.size() - 1;
-            m_entries.push_back(
+            const size_t nHeader = m_Headers.empty() ? NONE : m_Headers.size() - 1;
+            m_Entries.push_back(
                 {nHeader, CmTrimmed(line.m_name), CmProfileValue(line.m_value), aNumber, false});
         }
     }
 
     // Stable: of equal names that which comes first in the file stays first.
     void Sort() {
-        for (size_t i = 0; i < m_headers.size(); ++i) {
-            m_headerOrder.push_back(i);
+        for (size_t i = 0; i < m_Headers.size(); ++i) {
+            m_HeaderOrder.push_back(i);
         }
-        for (size_t i = 0; i < m_entries.size(); ++i) {
-            m_entryOrder.push_back(i);
+        for (size_t i = 0; i < m_Entries.size(); ++i) {
+            m_EntryOrder.push_back(i);
         }
-        std::stable_sort(m_headerOrder.begin(), m_headerOrder.end(), [this](size_t a, size_t b) {
-            return CmCompareNoCase(m_headers[a].m_name, m_headers[b].m_name) < 0;
+        std::stable_sort(m_HeaderOrder.begin(), m_HeaderOrder.end(), [this](size_t a, size_t b) {
+            return CmCompareNoCase(m_Headers[a].m_name, m_Headers[b].m_name) < 0;
         });
-        std::stable_sort(m_entryOrder.begin(), m_entryOrder.end(), [this](size_t a, size_t b) {
-            return IsBefore(m_entries[a], m_entries[b].m_nHeader, m_entries[b].m_key);
+        std::stable_sort(m_EntryOrder.begin(), m_EntryOrder.end(), [this](size_t a, size_t b) {
+            return IsBefore(m_Entries[a], m_Entries[b].m_nHeader, m_Entries[b].m_key);
         });
     }
     static bool IsBefore(const CEntry& aEntry, size_t aHeader, std::string_view aKey) {
@@ -218,29 +220,29 @@ class CProfile {
 
     size_t FirstHeader(std::string_view aName) const {
         const auto it =
-            std::lower_bound(m_headerOrder.begin(), m_headerOrder.end(), aName,
+            std::lower_bound(m_HeaderOrder.begin(), m_HeaderOrder.end(), aName,
                              [this](size_t i, std::string_view aWanted) {
-                                 return CmCompareNoCase(m_headers[i].m_name, aWanted) < 0;
+                                 return CmCompareNoCase(m_Headers[i].m_name, aWanted) < 0;
                              });
-        return it == m_headerOrder.end() || CmCompareNoCase(m_headers[*it].m_name, aName) != 0
+        return it == m_HeaderOrder.end() || CmCompareNoCase(m_Headers[*it].m_name, aName) != 0
                    ? NONE
                    : *it;
     }
     size_t FirstEntry(size_t aHeader, std::string_view aKey) const {
-        const auto it = std::lower_bound(m_entryOrder.begin(), m_entryOrder.end(), aKey,
+        const auto it = std::lower_bound(m_EntryOrder.begin(), m_EntryOrder.end(), aKey,
                                          [this, aHeader](size_t i, std::string_view aWanted) {
-                                             return IsBefore(m_entries[i], aHeader, aWanted);
+                                             return IsBefore(m_Entries[i], aHeader, aWanted);
                                          });
-        const bool bFound = it != m_entryOrder.end() && m_entries[*it].m_nHeader == aHeader &&
-                            CmCompareNoCase(m_entries[*it].m_key, aKey) == 0;
+        const bool bFound = it != m_EntryOrder.end() && m_Entries[*it].m_nHeader == aHeader &&
+                            CmCompareNoCase(m_Entries[*it].m_key, aKey) == 0;
         return bFound ? *it : NONE;
     }
 
     std::unique_ptr<const CCmString> m_pText;  // stays where it is when the profile is moved
-    std::vector<CHeader> m_headers;
-    std::vector<CEntry> m_entries;
-    std::vector<size_t> m_headerOrder;
-    std::vector<size_t> m_entryOrder;
+    std::vector<CHeader> m_Headers;
+    std::vector<CEntry> m_Entries;
+    std::vector<size_t> m_HeaderOrder;
+    std::vector<size_t> m_EntryOrder;
 };
 
 // ---- Sentences
@@ -279,16 +281,6 @@ CCmString SystemError() {
     return std::error_code(errno, std::generic_category()).message();
 }
 
-// Runs what may throw for want of memory.
-template <class Function>
-CmResult WithMemory(Function aFunction) {
-    try {
-        return aFunction();
-    } catch (const std::exception&) {
-        return CM_ERROR_OUT_OF_MEMORY;
-    }
-}
-
 thread_local CCmMainSnapshot* t_pMainSnapshot = nullptr;
 
 }  // namespace
@@ -305,14 +297,14 @@ CCmMainSnapshot* CCmMainSnapshot::Current() {
     return t_pMainSnapshot;
 }
 
-struct CM_UTIL_HIDDEN CCmConfigReader::CState {
+struct CM_UTIL_HIDDEN CCmConfigReader::CReaderState {
     CCmString m_strPath;
     bool m_bIsMain = false;
     bool m_bWasRead = false;
     bool m_bExists = false;
-    CFileMark m_mark;
-    CProfile m_profile;
-    std::vector<CCmString> m_problems;
+    CFileMark m_Mark;
+    CProfile m_Profile;
+    std::vector<CCmString> m_Problems;
 
     CmResult Read(const char* aPath, bool aIsMain);
     CmResult Complain(const char* aPath, CmResult aResult, const CCmString& aWhy);
@@ -324,8 +316,8 @@ struct CM_UTIL_HIDDEN CCmConfigReader::CState {
 };
 
 // Everything is made first and put in place last, so that running out of memory changes nothing.
-CmResult CCmConfigReader::CState::Read(const char* aPath, bool aIsMain) {
-    CState fresh;
+CmResult CCmConfigReader::CReaderState::Read(const char* aPath, bool aIsMain) {
+    CReaderState fresh;
     fresh.m_strPath = aPath;
     fresh.m_bIsMain = aIsMain;
     fresh.m_bWasRead = true;
@@ -336,42 +328,42 @@ CmResult CCmConfigReader::CState::Read(const char* aPath, bool aIsMain) {
     }
     if (fresh.m_bExists) {
         CCmString strText;
-        const CmResult rv = TakeSnapshot(file, strText, fresh.m_mark);
+        const CmResult rv = TakeSnapshot(file, strText, fresh.m_Mark);
         if (CM_FAILED(rv)) {
             return Complain(aPath, rv,
                             rv == CM_ERROR_FAILURE ? SystemError() : "it does not stop changing");
         }
-        fresh.m_profile.Parse(std::move(strText));
+        fresh.m_Profile.Parse(std::move(strText));
     }
     std::swap(*this, fresh);
     return m_bExists ? CM_OK : CM_ERROR_NOT_FOUND;
 }
 
-CmResult CCmConfigReader::CState::Complain(const char* aPath, CmResult aResult,
-                                           const CCmString& aWhy) {
-    m_problems.push_back(CCmString(aPath) + ": cannot be read: " + aWhy);
+CmResult CCmConfigReader::CReaderState::Complain(const char* aPath, CmResult aResult,
+                                                 const CCmString& aWhy) {
+    m_Problems.push_back(CCmString(aPath) + ": cannot be read: " + aWhy);
     return aResult;
 }
 
-CCmString CCmConfigReader::CState::PlaceOf(const CEntry& aEntry) const {
+CCmString CCmConfigReader::CReaderState::PlaceOf(const CEntry& aEntry) const {
     return m_strPath + ":" + std::to_string(aEntry.m_dwLine) + ": ";
 }
 
-CCmString CCmConfigReader::CState::Sentence(const CEntry& aEntry,
-                                            const CCmString& aExpected) const {
+CCmString CCmConfigReader::CReaderState::Sentence(const CEntry& aEntry,
+                                                  const CCmString& aExpected) const {
     return PlaceOf(aEntry) + NameOf(aEntry.m_key) + " = " + Quoted(ValueOf(aEntry)) +
-           " in section [" + NameOf(m_profile.SectionOf(aEntry)) + "] should be " + aExpected;
+           " in section [" + NameOf(m_Profile.SectionOf(aEntry)) + "] should be " + aExpected;
 }
 
 // Empty when there is nothing to say.
-CCmString CCmConfigReader::CState::UnaskedSentence(const CEntry& aEntry) const {
+CCmString CCmConfigReader::CReaderState::UnaskedSentence(const CEntry& aEntry) const {
     const CCmString strWhat = PlaceOf(aEntry) + "the key " + NameOf(aEntry.m_key);
     if (aEntry.m_nHeader == NONE) {
         return strWhat + " is in no section";
     }
     const CCmString strWhere =
-        strWhat + " in section [" + NameOf(m_profile.SectionOf(aEntry)) + "] ";
-    const unsigned dwHidden = m_profile.HiddenBy(aEntry);
+        strWhat + " in section [" + NameOf(m_Profile.SectionOf(aEntry)) + "] ";
+    const unsigned dwHidden = m_Profile.HiddenBy(aEntry);
     if (dwHidden != 0) {
         return strWhere + "does not count, because line " + std::to_string(dwHidden) +
                " has that name already";
@@ -379,18 +371,18 @@ CCmString CCmConfigReader::CState::UnaskedSentence(const CEntry& aEntry) const {
     return aEntry.m_bAsked ? CCmString() : strWhere + "means nothing here";
 }
 
-std::string_view CCmConfigReader::CState::ValueOf(const CEntry& aEntry) const {
+std::string_view CCmConfigReader::CReaderState::ValueOf(const CEntry& aEntry) const {
     const bool bSemicolon = m_bIsMain && !aEntry.m_value.empty() && aEntry.m_value.back() == ';';
     return aEntry.m_value.substr(0, aEntry.m_value.size() - (bSemicolon ? 1 : 0));
 }
 
-CmResult CCmConfigReader::CState::Refuse(std::string_view aSection, std::string_view aKey,
-                                         const CCmString& aExpected) {
-    const CEntry* pEntry = m_profile.Find(aSection, aKey);
+CmResult CCmConfigReader::CReaderState::Refuse(std::string_view aSection, std::string_view aKey,
+                                               const CCmString& aExpected) {
+    const CEntry* pEntry = m_Profile.Find(aSection, aKey);
     if (pEntry == nullptr) {
         return CM_ERROR_NOT_FOUND;
     }
-    m_problems.push_back(Sentence(*pEntry, aExpected));
+    m_Problems.push_back(Sentence(*pEntry, aExpected));
     return CM_ERROR_INVALID_ARG;
 }
 
@@ -407,38 +399,38 @@ CmResult CCmConfigReader::Read(const char* aPath) {
     if (aPath == nullptr) {
         return CM_ERROR_INVALID_ARG;
     }
-    return WithMemory([&] { return CCmPrivateRoom::Of(m_Private).Read(aPath, false); });
+    return CmWithMemory([&] { return CCmPrivateRoom::Of(m_Private).Read(aPath, false); });
 }
 
 CmResult CCmConfigReader::ReadMain() {
     CCmDisableCancel disableCancel;
     char szPath[CM_CONFIG_PATH_SIZE];
     get_config_file_name(szPath);
-    return WithMemory([&] { return CCmPrivateRoom::Of(m_Private).Read(szPath, true); });
+    return CmWithMemory([&] { return CCmPrivateRoom::Of(m_Private).Read(szPath, true); });
 }
 
 bool CCmConfigReader::HasChanged() const {
-    const CState& read = CCmPrivateRoom::Of(m_Private);
+    const CReaderState& read = CCmPrivateRoom::Of(m_Private);
     if (!read.m_bWasRead) {
         return true;
     }
     struct stat state = {};
     const bool bExists = g_cmSystem.stat(read.m_strPath.c_str(), &state) == 0;
-    return bExists != read.m_bExists || (bExists && !(CFileMark(state) == read.m_mark));
+    return bExists != read.m_bExists || (bExists && !(CFileMark(state) == read.m_Mark));
 }
 
 CmResult CCmConfigReader::UseForTrace() {
     CCmDisableCancel disableCancel;
-    CState& state = CCmPrivateRoom::Of(m_Private);
+    CReaderState& state = CCmPrivateRoom::Of(m_Private);
     if (!state.m_bIsMain) {
         return CM_ERROR_NOT_INITIALIZED;
     }
     class CSnapshot final : public CCmMainSnapshot {
       public:
-        explicit CSnapshot(CState& aState) : m_state(aState) {}
+        explicit CSnapshot(CReaderState& aState) : m_state(aState) {}
         bool Find(std::string_view aSection, std::string_view aKey,
                   std::string_view& aValue) override {
-            CEntry* pEntry = m_state.m_profile.Find(aSection, aKey);
+            CEntry* pEntry = m_state.m_Profile.Find(aSection, aKey);
             if (pEntry == nullptr) {
                 return false;
             }
@@ -448,7 +440,7 @@ CmResult CCmConfigReader::UseForTrace() {
         }
 
       private:
-        CState& m_state;
+        CReaderState& m_state;
     };
     const CSnapshot snapshot(state);
     refresh_trace_config();
@@ -457,8 +449,8 @@ CmResult CCmConfigReader::UseForTrace() {
 
 CmResult CCmConfigReader::GetText(std::string_view aSection, std::string_view aKey,
                                   std::string_view& aValue) {
-    CState& state = CCmPrivateRoom::Of(m_Private);
-    CEntry* pEntry = state.m_profile.Find(aSection, aKey);
+    CReaderState& state = CCmPrivateRoom::Of(m_Private);
+    CEntry* pEntry = state.m_Profile.Find(aSection, aKey);
     if (pEntry == nullptr) {
         return CM_ERROR_NOT_FOUND;
     }
@@ -482,7 +474,7 @@ CmResult CCmConfigReader::GetDuration(std::string_view aSection, std::string_vie
     if (CM_FAILED(rv) || CmParseDuration(value, aDuration, aMin, aMax)) {
         return rv;
     }
-    return WithMemory([&] {
+    return CmWithMemory([&] {
         const CCmString strMost =
             aMax < CCmTimeValue(INT64_MAX) ? " to " + SecondsOf(aMax) : CCmString(" on");
         return CCmPrivateRoom::Of(m_Private).Refuse(
@@ -498,7 +490,7 @@ CmResult CCmConfigReader::GetSize(std::string_view aSection, std::string_view aK
     if (CM_FAILED(rv) || CmParseSize(value, aBytes, aMin, aMax)) {
         return rv;
     }
-    return WithMemory([&] {
+    return CmWithMemory([&] {
         return CCmPrivateRoom::Of(m_Private).Refuse(
             aSection, aKey,
             "a size (B, kB, KiB, MB, MiB, GB, GiB, TB, TiB or no unit) from " +
@@ -518,23 +510,23 @@ CmResult CCmConfigReader::GetAddress(std::string_view aSection, std::string_view
 
 CmResult CCmConfigReader::Refuse(std::string_view aSection, std::string_view aKey,
                                  const char* aExpected) {
-    return WithMemory([&] {
+    return CmWithMemory([&] {
         return CCmPrivateRoom::Of(m_Private).Refuse(
             aSection, aKey, aExpected == nullptr ? "something else" : aExpected);
     });
 }
 
 const std::vector<CCmString>& CCmConfigReader::problems() const {
-    return CCmPrivateRoom::Of(m_Private).m_problems;
+    return CCmPrivateRoom::Of(m_Private).m_Problems;
 }
 
 CmResult CCmConfigReader::ListUnasked(std::string_view aSection,
                                       std::vector<CCmString>& aSentences) const {
-    const CState& state = CCmPrivateRoom::Of(m_Private);
-    return WithMemory([&] {
+    const CReaderState& state = CCmPrivateRoom::Of(m_Private);
+    return CmWithMemory([&] {
         std::vector<CCmString> sentences = aSentences;
-        for (const CEntry& entry : state.m_profile.entries()) {
-            const std::string_view section = state.m_profile.SectionOf(entry);
+        for (const CEntry& entry : state.m_Profile.entries()) {
+            const std::string_view section = state.m_Profile.SectionOf(entry);
             if (aSection.empty() || CmEqualsNoCase(section, aSection)) {
                 CCmString strSentence = state.UnaskedSentence(entry);
                 if (!strSentence.empty()) {

@@ -1,26 +1,16 @@
 #include "CmEvent.h"
 
+#include <memory>
+#include <new>
+
 #include "CmCancel.h"
 #include "CmConditionSteps.h"
 #include "CmEventQueueSteps.h"
 #include "CmNsec.h"
+#include "CmPrivateState.h"
 #include "CmScopedLock.h"
 
 namespace UTIL_NS {
-
-namespace {
-
-// How far a call has come. Whoever takes the state away from CALL_WAITS has the callable to itself.
-enum ECall : int {
-    CALL_WAITS,
-    CALL_RUNS,
-    CALL_HAS_RUN,
-    CALL_ABANDONED,  // by its caller
-    CALL_DISCARDED,  // by its queue
-    CALL_CUT_OFF,    // its thread was cancelled while it ran
-};
-
-}  // namespace
 
 bool CCmEventQueueSteps::IsOwnThread(ICmEventQueue& aQueue) {
     if (const auto* pQueue = dynamic_cast<CCmEventQueueBase*>(&aQueue)) {
@@ -30,70 +20,91 @@ bool CCmEventQueueSteps::IsOwnThread(ICmEventQueue& aQueue) {
     return pThread != nullptr && pThread->GetEventQueue() == &aQueue;
 }
 
-struct ACmCallEvent::CWait {
-    CCmMutexThread m_Mutex;
-    CCmConditionVariableThread m_Ended{m_Mutex};
+// How far a call has come and who holds it.
+class ACmCallEvent::CCallState {
+  public:
+    explicit CCallState(ACmCallEvent& aCall) : m_Call(aCall) {}
+    CCallState(const CCallState&) = delete;
+    CCallState& operator=(const CCallState&) = delete;
+
+    void RunUnlessAbandoned() {
+        int nOutcome = CALL_WAITS;
+        if (!m_nOutcome.compare_exchange_strong(nOutcome, CALL_RUNS, std::memory_order_acq_rel)) {
+            return;
+        }
+        m_Call.Run();
+        m_Call.Drop();
+        // Release: the caller that reads the outcome can read the value.
+        m_nOutcome.store(CALL_HAS_RUN, std::memory_order_release);
+        WakeCaller();
+    }
+    // Neither when it has run nor when its caller has given up.
+    void Discard() {
+        int nOutcome = CALL_WAITS;
+        if (m_nOutcome.compare_exchange_strong(nOutcome, CALL_DISCARDED,
+                                               std::memory_order_acq_rel)) {
+            m_Call.Drop();
+            WakeCaller();
+        } else if (nOutcome == CALL_RUNS) {
+            m_Call.Drop();
+            m_nOutcome.store(CALL_CUT_OFF, std::memory_order_release);
+            WakeCaller();
+        }
+    }
+    void Abandon() {
+        int nOutcome = CALL_WAITS;
+        if (m_nOutcome.compare_exchange_strong(nOutcome, CALL_ABANDONED,
+                                               std::memory_order_acq_rel)) {
+            m_Call.Drop();
+        }
+    }
+    void Release() {
+        if (m_nHolders.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+            delete &m_Call;
+        }
+    }
+    bool HasBegun() const {
+        const int nOutcome = m_nOutcome.load(std::memory_order_acquire);
+        return nOutcome == CALL_RUNS || nOutcome == CALL_HAS_RUN || nOutcome == CALL_CUT_OFF;
+    }
+    CmResult CallWithin(ICmEventQueue& aQueue, const CCmTimeValue& aLimit);
+
+  private:
+    // Whoever moves the outcome away from CALL_WAITS has the callable to itself.
+    enum EOutcome : int {
+        CALL_WAITS,
+        CALL_RUNS,
+        CALL_HAS_RUN,
+        CALL_ABANDONED,  // by its caller
+        CALL_DISCARDED,  // by its queue
+        CALL_CUT_OFF,    // its thread was cancelled while it ran
+    };
+    struct CCallWait {
+        CCmMutexThread m_Mutex;
+        CCmConditionVariableThread m_Decided{m_Mutex};  // it has run, or never will
+    };
+
+    void WakeCaller() {
+        if (m_pWait != nullptr) {
+            CCmScopedLockT<CCmMutexThread> lock(m_pWait->m_Mutex);
+            m_pWait->m_Decided.Signal();
+        }
+    }
+
+    ACmCallEvent& m_Call;
+    std::unique_ptr<CCallWait> m_pWait;  // of a call with a limit
+    std::atomic<int> m_nOutcome{CALL_WAITS};
+    std::atomic<int> m_nHolders{2};
 };
 
-ACmCallEvent::ACmCallEvent() : m_pWait(nullptr), m_nState(CALL_WAITS), m_nHolders(2) {}
-
-ACmCallEvent::~ACmCallEvent() {
-    delete m_pWait;
-}
-
-CmResult ACmCallEvent::OnEventFire() {
-    int nState = CALL_WAITS;
-    if (!m_nState.compare_exchange_strong(nState, CALL_RUNS, std::memory_order_acq_rel)) {
-        return CM_OK;
-    }
-    Run();
-    Drop();
-    // Release: the caller that reads it reads the value after it.
-    m_nState.store(CALL_HAS_RUN, std::memory_order_release);
-    WakeCaller_i();
-    return CM_OK;
-}
-
-void ACmCallEvent::OnDestorySelf() {
-    int nState = CALL_WAITS;
-    if (m_nState.compare_exchange_strong(nState, CALL_DISCARDED, std::memory_order_acq_rel)) {
-        Drop();
-        WakeCaller_i();
-    } else if (nState == CALL_RUNS) {
-        Drop();
-        m_nState.store(CALL_CUT_OFF, std::memory_order_release);
-        WakeCaller_i();
-    }
-    Release_i();
-}
-
-void ACmCallEvent::WakeCaller_i() {
-    if (m_pWait != nullptr) {
-        CCmScopedLockT<CCmMutexThread> lock(m_pWait->m_Mutex);
-        m_pWait->m_Ended.Signal();
-    }
-}
-
-CmResult ACmCallEvent::Call(ICmEventQueue& aQueue, const CCmTimeValue* aLimit) {
-    const CCmDisableCancel disableCancel;
-    const bool bLimited = aLimit != nullptr && *aLimit < CCmTimeValue::s_tvMax;
-    const CmResult rv = bLimited && !CCmEventQueueSteps::IsOwnThread(aQueue)
-                            ? CallWithin_i(aQueue, *aLimit)
-                            : aQueue.SendEvent(this);
-    if (CM_FAILED(rv)) {
-        Abandon_i();  // from here on HasBegun does not change
-    }
-    return rv;
-}
-
-CmResult ACmCallEvent::CallWithin_i(ICmEventQueue& aQueue, const CCmTimeValue& aLimit) {
+CmResult ACmCallEvent::CCallState::CallWithin(ICmEventQueue& aQueue, const CCmTimeValue& aLimit) {
     const long long llDeadline = CmLaterNsec(CmMonotonicNsec(), aLimit);
-    m_pWait = new (std::nothrow) CWait;
+    m_pWait.reset(new (std::nothrow) CCallWait);
     if (m_pWait == nullptr) {
-        OnDestorySelf();  // for the queue, which never had it
+        m_Call.OnDestorySelf();  // in place of the queue, which never got it
         return CM_ERROR_OUT_OF_MEMORY;
     }
-    const CmResult rvPost = aQueue.PostEvent(this, ICmEventQueue::EPRIORITY_NORMAL);
+    const CmResult rvPost = aQueue.PostEvent(&m_Call, ICmEventQueue::EPRIORITY_NORMAL);
     if (CM_FAILED(rvPost)) {
         return rvPost;
     }
@@ -101,11 +112,11 @@ CmResult ACmCallEvent::CallWithin_i(ICmEventQueue& aQueue, const CCmTimeValue& a
     {
         CCmScopedLockT<CCmMutexThread> lock(m_pWait->m_Mutex);
         rv = lock.result();
-        while (CM_SUCCEEDED(rv) && m_nState.load(std::memory_order_acquire) <= CALL_RUNS) {
-            rv = CCmConditionSteps::WaitUntil(m_pWait->m_Ended, llDeadline);
+        while (CM_SUCCEEDED(rv) && m_nOutcome.load(std::memory_order_acquire) <= CALL_RUNS) {
+            rv = CCmConditionSteps::WaitUntil(m_pWait->m_Decided, llDeadline);
         }
     }
-    switch (m_nState.load(std::memory_order_acquire)) {
+    switch (m_nOutcome.load(std::memory_order_acquire)) {
         case CALL_HAS_RUN:
             return CM_OK;
         case CALL_DISCARDED:
@@ -116,27 +127,46 @@ CmResult ACmCallEvent::CallWithin_i(ICmEventQueue& aQueue, const CCmTimeValue& a
     }
 }
 
-void ACmCallEvent::Abandon_i() {
-    int nState = CALL_WAITS;
-    if (m_nState.compare_exchange_strong(nState, CALL_ABANDONED, std::memory_order_acq_rel)) {
-        Drop();
+ACmCallEvent::ACmCallEvent() {
+    CCmPrivateRoom::Make(m_Private, *this);
+}
+
+ACmCallEvent::~ACmCallEvent() {
+    CCmPrivateRoom::End(m_Private);
+}
+
+CmResult ACmCallEvent::OnEventFire() {
+    CCmPrivateRoom::Of(m_Private).RunUnlessAbandoned();
+    return CM_OK;
+}
+
+void ACmCallEvent::OnDestorySelf() {
+    CCallState& state = CCmPrivateRoom::Of(m_Private);
+    state.Discard();
+    state.Release();
+}
+
+CmResult ACmCallEvent::Call(ICmEventQueue& aQueue, const CCmTimeValue* aLimit) {
+    const CCmDisableCancel disableCancel;
+    CCallState& state = CCmPrivateRoom::Of(m_Private);
+    const bool bLimited = aLimit != nullptr && *aLimit < CCmTimeValue::s_tvMax;
+    const CmResult rv = bLimited && !CCmEventQueueSteps::IsOwnThread(aQueue)
+                            ? state.CallWithin(aQueue, *aLimit)
+                            : aQueue.SendEvent(this);
+    if (CM_FAILED(rv)) {
+        state.Abandon();  // from here on HasBegun does not change
     }
+    return rv;
 }
 
 void ACmCallEvent::LetGo() {
-    Abandon_i();
-    Release_i();
+    CCallState& state = CCmPrivateRoom::Of(m_Private);
+    state.Abandon();
+    state.Release();
 }
 
 bool ACmCallEvent::HasBegun() const {
-    const int nState = m_nState.load(std::memory_order_acquire);
-    return nState == CALL_RUNS || nState == CALL_HAS_RUN || nState == CALL_CUT_OFF;
-}
-
-void ACmCallEvent::Release_i() {
-    if (m_nHolders.fetch_sub(1, std::memory_order_acq_rel) == 1) {
-        delete this;
-    }
+    return CCmPrivateRoom::Of(m_Private).HasBegun();
 }
 
 }  // namespace UTIL_NS

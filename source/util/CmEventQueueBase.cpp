@@ -18,29 +18,30 @@ namespace UTIL_NS {
 
 namespace {
 
-// A post looks at the size of its queue once in this time.
+// A queue's length is looked at by the first post after each such interval: often enough to show a
+// consumer that falls behind, seldom enough not to flood the trace.
 constexpr CCmTimeValue WATCH_INTERVAL(3);
 // Every post reads the coarse clock, which is cheap and late by up to CM_PORT_COARSE_USEC. While it
 // says that no more than this has passed, the interval is not over by the exact clock either.
 constexpr CCmTimeValue WATCH_PAUSE = WATCH_INTERVAL - CCmTimeValue(0, CM_PORT_COARSE_USEC);
-// The first size of "more than 100 events", from which the line is written.
+// A queue that is found this long or longer is reported: more than 100 events.
 constexpr DWORD LONG_QUEUE_SIZE = 101;
 
 // How many list nodes a queue keeps for coming posts: as many as the last pass of its consumer had,
-// since the next one may have as many. At least 8 KiB of them, so that passes of one event and of a
-// few by turns do not free and allocate all the time; at most 512 KiB, so that a burst does not
-// cost its memory for good.
+// since the next one may have as many. At least 256 (8 KiB), so that a small pass after a larger
+// one does not free nodes that the next one has to allocate again; at most 16384 (512 KiB), so that
+// the memory of one burst is not kept for good.
 constexpr size_t SPARES_AT_LEAST = 256;
 constexpr size_t SPARES_AT_MOST = 16384;
 
 // Waits of a consumer are numbered from 1.
 constexpr DWORD NO_WAIT = 0;
 
-// Between two looks for busy senders. They are busy for as long as a post takes, so a queue that
-// ends hardly ever has to look twice, and a condition would cost every send.
+// The sleep between two looks for busy senders. A sender is busy for as long as a post takes, so a
+// queue's destructor hardly ever looks twice; a condition variable would cost every send instead.
 constexpr long SENDERS_NAP_NSEC = 50 * 1000;
 
-void EndEach(std::list<ICmEvent*>& aEvents) {
+void DestroyEach(std::list<ICmEvent*>& aEvents) {
     while (!aEvents.empty()) {
         ICmEvent* pEvent = aEvents.front();
         aEvents.pop_front();
@@ -48,17 +49,17 @@ void EndEach(std::list<ICmEvent*>& aEvents) {
     }
 }
 
-// The same when the thread is cancelled in the end of one of them: the handler ends the others.
-void EndAll(std::list<ICmEvent*>& aEvents) {
-    CCmCleanUpT endRest([&aEvents] { EndEach(aEvents); });
-    EndEach(aEvents);
-    endRest.Release();
+// Destroys all of them even if the thread is cancelled in the OnDestorySelf of one.
+void DestroyAll(std::list<ICmEvent*>& aEvents) {
+    CCmCleanUpT destroyRest([&aEvents] { DestroyEach(aEvents); });
+    DestroyEach(aEvents);
+    destroyRest.Release();
 }
 
-CmResult FireAndEnd(ICmEvent* aEvent) {
-    CCmCleanUpT end([aEvent] { aEvent->OnDestorySelf(); });
+CmResult FireAndDestroy(ICmEvent* aEvent) {
+    CCmCleanUpT destroy([aEvent] { aEvent->OnDestorySelf(); });
     const CmResult rv = aEvent->OnEventFire();
-    end.Execute();
+    destroy.Execute();
     return rv;
 }
 
@@ -78,10 +79,13 @@ const CCmTimeValue CCmEventQueueBase::s_tvReportInterval(0, 50000);
 
 // Counts the senders that touch the queue: those that are posting, and those whose event has run
 // and who have yet to post its wrapper back. Those that wait do not touch it.
-class CCmEventQueueBase::CState {
+class CCmEventQueueBase::CQueueState {
   public:
+    // Relaxed: a sender comes in while somebody else still keeps the queue alive, its host or the
+    // consumer that fires the event.
     void CountSenderIn() { m_lBusySenders.fetch_add(1, std::memory_order_relaxed); }
-    // Release: whoever finds no busy sender left comes after all that this one did.
+    // Release, paired with the acquire below: once the destructor finds no busy sender left, all
+    // that the senders did with the queue lies before it.
     void CountSenderOut() { m_lBusySenders.fetch_sub(1, std::memory_order_release); }
     bool HasBusySenders() const { return m_lBusySenders.load(std::memory_order_acquire) != 0; }
 
@@ -90,7 +94,8 @@ class CCmEventQueueBase::CState {
 };
 
 // One post, in three steps: what takes time is done before the queue's lock is taken and after it
-// was released.
+// was released. m_bIsStopped and m_Tid are read relaxed: outside the lock the answer is only a hint
+// (a post that meets a stop may go either way), inside it the lock orders.
 class CCmEventQueueSteps::CPosting {
   public:
     CPosting(CCmEventQueueBase& aQueue, ICmEvent* aEvent) : m_Queue(aQueue), m_pEvent(aEvent) {}
@@ -110,7 +115,7 @@ class CCmEventQueueSteps::CPosting {
     CmResult Append() { return Append(m_Node); }
     // The same with the first node of aNodes, which has one.
     CmResult Append(std::list<ICmEvent*>& aNodes) {
-        // Looked at again: a consumer that ends closes the queue under the lock.
+        // Looked at again: a consumer that leaves for good closes the queue under the lock.
         if (CM_UNLIKELY(m_Queue.m_bIsStopped.load(std::memory_order_relaxed))) {
             return CM_ERROR_NOT_INITIALIZED;
         }
@@ -121,7 +126,7 @@ class CCmEventQueueSteps::CPosting {
         WatchSize(dwSize);
         return CM_OK;
     }
-    // After the lock was released: writes the lines and ends what is refused.
+    // After the lock was released: writes the lines and destroys an event that was refused.
     void Conclude(CmResult aResult) {
         if (CM_UNLIKELY(m_dwReportSize != 0)) {
             CM_WARNING_TRACE("CCmEventQueueBase::PostEvent, m_dwSize="
@@ -136,7 +141,7 @@ class CCmEventQueueSteps::CPosting {
             CM_WARNING_TRACE("CCmEventQueueBase::PostEvent, has been stopped. this="
                              << CmTraceAddress(&m_Queue));
         }
-        m_Node.clear();  // a thread that is cancelled in the end of the event may not unwind
+        m_Node.clear();  // first: a thread that is cancelled in OnDestorySelf may not unwind
         m_pEvent->OnDestorySelf();
     }
 
@@ -156,11 +161,11 @@ class CCmEventQueueSteps::CPosting {
     ICmEvent* const m_pEvent;
     std::list<ICmEvent*> m_Node;  // empty when a spare one is to be used
     timeval m_tvCoarseNow = {};
-    DWORD m_dwReportSize = 0;  // the size that is to be reported, if any
+    DWORD m_dwReportSize = 0;  // the size to report; 0: nothing
 };
 
-// Runs events one after the other. Each is timed from the end of the one before, so that the clock
-// is read once an event.
+// Runs events one after the other. Each is timed from the moment that the one before was destroyed,
+// so that one reading of the clock an event is enough.
 class CCmEventQueueSteps::CPass {
   public:
     explicit CPass(CCmEventQueueBase& aQueue)
@@ -168,7 +173,7 @@ class CCmEventQueueSteps::CPass {
     CPass(const CPass&) = delete;
     CPass& operator=(const CPass&) = delete;
 
-    void RunAndEnd(ICmEvent* aEvent) {
+    void RunAndDestroy(ICmEvent* aEvent) {
         CM_ASSERTE_RETURN(aEvent, void());
         m_pFiring = aEvent;
         aEvent->OnEventFire();
@@ -179,17 +184,18 @@ class CCmEventQueueSteps::CPass {
         m_tvStart = tvEnd;
         if (CM_UNLIKELY(tvElapsed > CCmEventQueueBase::s_tvReportInterval)) {
             Report(aEvent, tvElapsed);
-            m_tvStart = CCmTimeValue::GetTimeOfDay();  // the next event does not pay for the line
+            m_tvStart = CCmTimeValue::GetTimeOfDay();  // the line is not part of the next event
         }
     }
-    // For a thread that is cancelled: the event that was firing has begun.
-    void EndFiring() {
+    // For a thread that is cancelled: an event that has begun is destroyed where it began.
+    void DestroyFiring() {
         if (m_pFiring != nullptr) {
             m_pFiring->OnDestorySelf();
         }
     }
 
   private:
+    // aEvent has been destroyed: its address is all that is used.
     void Report(ICmEvent* aEvent, const CCmTimeValue& aElapsed) const {
         CM_WARNING_TRACE("CCmEventQueueBase::ProcessOneEvent, report, sec="
                          << aElapsed.GetSec() << " usec=" << aElapsed.GetUsec()
@@ -203,32 +209,33 @@ class CCmEventQueueSteps::CPass {
     CCmTimeValue m_tvStart;
 };
 
-// The loop of every Process function: runs the events from aNext on. However it ends, by itself, by
-// aStop (may be null) or because the thread is cancelled, what has begun is ended, and aLeave gets
-// the place of the first event that has not begun, to leave it and what follows to their owner.
+// The loop of every Process function: runs the events from aNext on. Whether it comes to the end of
+// the list, finds aStop set (may be null) or the thread is cancelled: the event that has begun is
+// destroyed, and aLeave is called with the place of the first event that has not begun, which stays
+// with its owner, as do those after it. aStop is read relaxed: nothing is handed over with it.
 template <class IteratorType, class LeaveType>
 void CCmEventQueueSteps::Run(CCmEventQueueBase& aQueue, IteratorType aNext, IteratorType aEnd,
                              const std::atomic<bool>* aStop, LeaveType aLeave) {
     CPass pass(aQueue);
     CCmCleanUpT leave([&pass, &aNext, &aLeave] {
-        pass.EndFiring();
+        pass.DestroyFiring();
         aLeave(aNext);
     });
     while (aNext != aEnd && (aStop == nullptr || !aStop->load(std::memory_order_relaxed))) {
         ICmEvent* const pEvent = *aNext++;
-        pass.RunAndEnd(pEvent);
+        pass.RunAndDestroy(pEvent);
     }
     leave.Execute();
 }
 
-// Events end without the lock: they may post.
-void CCmEventQueueSteps::EndPending(CCmEventQueueBase& aQueue, CCmMutexThread& aMutex) {
+// Events are destroyed without the lock: they may post.
+void CCmEventQueueSteps::DestroyPending(CCmEventQueueBase& aQueue, CCmMutexThread& aMutex) {
     std::list<ICmEvent*> events;
     {
         CCmScopedLockT<CCmMutexThread> lock(aMutex);
         events.swap(aQueue.m_Events);
     }
-    EndAll(events);
+    DestroyAll(events);
 }
 
 CCmEventQueueBase::CCmEventQueueBase()
@@ -242,7 +249,7 @@ CCmEventQueueBase::CCmEventQueueBase()
 CCmEventQueueBase::~CCmEventQueueBase() {
     CCmDisableCancel disableCancel;
     WaitForSenders();
-    SetStopped();  // what an event posts while it is ended is refused
+    SetStopped();  // what an event posts while it is destroyed is refused
     DestoryPendingEvents();
     CCmPrivateRoom::End(m_Private);
 }
@@ -262,7 +269,8 @@ DWORD CCmEventQueueBase::GetPendingEventsCount() {
     return m_dwSize.load(std::memory_order_relaxed);
 }
 
-// The list may be empty under a count above 0: DestoryPendingEvents leaves the count as it was.
+// m_dwSize may be above 0 while the list is empty: DestoryPendingEvents leaves it as it was. It is
+// atomic for GetPendingEventsCount, which takes no lock; nothing is handed over with it.
 CmResult CCmEventQueueBase::PopPendingEvents(std::list<ICmEvent*>& aEvents, DWORD aMaxCount,
                                              DWORD* aRemainSize) {
     DWORD dwSize = m_dwSize.load(std::memory_order_relaxed);
@@ -315,9 +323,10 @@ CmResult CCmEventQueueBase::ProcessOneEvent(ICmEvent* aEvent) {
 void CCmEventQueueBase::DestoryPendingEvents() {
     std::list<ICmEvent*> events;
     events.swap(m_Events);
-    EndAll(events);
+    DestroyAll(events);
 }
 
+// Relaxed: a thread finds itself in m_Tid only if it stored that itself.
 void CCmEventQueueBase::BindToCurrentThread() {
     m_Tid.store(pthread_self(), std::memory_order_relaxed);
 }
@@ -334,8 +343,8 @@ void CCmEventQueueBase::WaitForSenders() {
     }
 }
 
-// How far a send has come. Two take part: the queue, on whichever thread runs or ends the wrapper,
-// and the sender.
+// How far a send has come. Two take part: the queue, on whichever thread runs or destroys the
+// wrapper, and the sender.
 //
 //   outcome     moved by, in               from        and then
 //   NONE        (constructor)
@@ -343,32 +352,34 @@ void CCmEventQueueBase::WaitForSenders() {
 //                                                      back: a second pass, which fires nothing
 //                                          ABANDONED   (nobody waits; the event has run)
 //   DISCARDED   queue, OnDestorySelf       NONE        wakes the sender, which keeps off the queue
-//   ABANDONED   sender, cancelled or its   NONE        the event runs or ends all the same
+//   ABANDONED   sender, cancelled or its   NONE        the event still runs or is destroyed
 //               wait failed                FIRED       gives the hold on the queue back
 //                                          DISCARDED   -
 //
 // Every move is an exchange with acquire and release: the sender that reads FIRED or DISCARDED
-// comes after the write of m_Result, and of FIRED and ABANDONED whoever moves second sees the move
-// of the other and gives the hold on the queue back, once.
+// comes after the write of m_Result. The hold on the queue (HoldQueue) is taken right before FIRED.
+// If the sender gives up, whichever of FIRED and ABANDONED comes second sees the other and gives
+// the hold back, once; otherwise the sender does, after it has posted the wrapper back.
 //
 // m_bHasDestoryed: false until the first of the two has let go, which leaves the wrapper to the
 // other; the second deletes it. The queue lets go in OnDestorySelf of the first pass; the sender by
 // that of the second pass, or by itself where there is none (discarded, abandoned, refused).
 // Acquire and release again: the second comes after all that the first did with it.
 //
-// m_pEvent: whoever exchanges it with null ends the event.
-class CCmEventSynchronous::CState {
+// m_pEvent: whoever exchanges it with null destroys the event.
+class CCmEventSynchronous::CSendState {
   public:
-    explicit CState(CCmEventSynchronous& aWrapper) : m_Wrapper(aWrapper) {}
-    CState(const CState&) = delete;
-    CState& operator=(const CState&) = delete;
+    explicit CSendState(CCmEventSynchronous& aWrapper) : m_Wrapper(aWrapper) {}
+    CSendState(const CSendState&) = delete;
+    CSendState& operator=(const CSendState&) = delete;
 
     // For the sender of a wrapper that has a queue; the caller must not touch it afterwards.
     CmResult Send();
     CmResult Wait();
 
     bool IsOnItsWayBack() const {
-        // A sender that gave up has let go, too; its event still runs.
+        // A sender that gave up has let go, too; its event still runs. The acquire also covers the
+        // relaxed load: ABANDONED is stored before the sender lets go.
         return m_Wrapper.m_bHasDestoryed.load(std::memory_order_acquire) &&
                m_nOutcome.load(std::memory_order_relaxed) != OUTCOME_ABANDONED;
     }
@@ -387,12 +398,12 @@ class CCmEventSynchronous::CState {
             Wake();
         }
     }
-    // An event that has fired ends where it fired. A sender whose post back is refused comes to
-    // OnDestorySelf as well, perhaps before the thread that fired does.
-    bool MayEndEventHere() const {
+    // An event that has fired is destroyed on the thread that fired it. A sender whose post back is
+    // refused comes to OnDestorySelf as well, perhaps before that thread does.
+    bool MayDestroyEventHere() const {
         return !m_bFiredElsewhere || !IsEqualCurrentThread(m_Wrapper.m_CreatorTid);
     }
-    void EndEvent() {
+    void DestroyEvent() {
         ICmEvent* pEvent = m_Wrapper.m_pEvent.exchange(nullptr, std::memory_order_acq_rel);
         if (pEvent != nullptr) {
             pEvent->OnDestorySelf();
@@ -414,7 +425,7 @@ class CCmEventSynchronous::CState {
         }
         LetGo();
     }
-    // From the firing until its sender has posted the wrapper back, the queue must not go.
+    // From the firing until the sender has posted the wrapper back, the queue must stay alive.
     void HoldQueue() {
         if (m_bHoldsQueue) {
             QueueState().CountSenderIn();
@@ -425,13 +436,13 @@ class CCmEventSynchronous::CState {
             QueueState().CountSenderOut();
         }
     }
-    CCmEventQueueBase::CState& QueueState() {
+    CCmEventQueueBase::CQueueState& QueueState() {
         return CCmPrivateRoom::Of(m_Wrapper.m_pEventQueue->m_Private);
     }
 
     CCmEventSynchronous& m_Wrapper;
     std::atomic<int> m_nOutcome{OUTCOME_NONE};
-    bool m_bHoldsQueue = false;  // set by Send, before it posts
+    bool m_bHoldsQueue = false;  // set by Send, before it posts: the post orders it
     // On another thread than the one that made the wrapper; written before FIRED, read after it.
     bool m_bFiredElsewhere = false;
 };
@@ -444,7 +455,7 @@ CmResult CCmEventQueueBase::SendEvent(ICmEvent* aEvent) {
         return CM_ERROR_NOT_INITIALIZED;
     }
     if (IsEqualCurrentThread(m_Tid.load(std::memory_order_relaxed))) {
-        return FireAndEnd(aEvent);
+        return FireAndDestroy(aEvent);
     }
     CCmEventSynchronous* pSynchronous = new (std::nothrow) CCmEventSynchronous(aEvent, this);
     if (pSynchronous == nullptr) {
@@ -454,9 +465,9 @@ CmResult CCmEventQueueBase::SendEvent(ICmEvent* aEvent) {
     return CCmPrivateRoom::Of(pSynchronous->m_Private).Send();
 }
 
-CmResult CCmEventSynchronous::CState::Send() {
+CmResult CCmEventSynchronous::CSendState::Send() {
     CCmEventQueueBase& queue = *m_Wrapper.m_pEventQueue;
-    CCmEventQueueBase::CState& queueState = QueueState();
+    CCmEventQueueBase::CQueueState& queueState = QueueState();
     m_bHoldsQueue = true;
     queueState.CountSenderIn();
     CCmCleanUpT giveUp([this, &queueState] {
@@ -467,13 +478,13 @@ CmResult CCmEventSynchronous::CState::Send() {
     giveUp.Release();
     queueState.CountSenderOut();
     if (CM_FAILED(rv)) {
-        LetGo();  // the queue has ended the event and let go before
+        LetGo();  // PostEvent destroyed the event and let go for the queue
         return rv;
     }
     return Wait();
 }
 
-CmResult CCmEventSynchronous::CState::Wait() {
+CmResult CCmEventSynchronous::CSendState::Wait() {
     CCmCleanUpT abandon([this] { Abandon(); });
     while (m_nOutcome.load(std::memory_order_acquire) == OUTCOME_NONE) {
         const CmResult rvWait = m_Wrapper.m_SendEvent.Wait(nullptr);
@@ -493,7 +504,7 @@ CmResult CCmEventSynchronous::CState::Wait() {
         return rv;
     }
     // The wrapper may be gone as soon as it is posted; the hold that the firing took outlives it.
-    CCmEventQueueBase::CState* const pHeld = m_bHoldsQueue ? &QueueState() : nullptr;
+    CCmEventQueueBase::CQueueState* const pHeld = m_bHoldsQueue ? &QueueState() : nullptr;
     CCmCleanUpT releaseQueue([pHeld] {
         if (pHeld != nullptr) {
             pHeld->CountSenderOut();
@@ -512,11 +523,12 @@ CCmEventSynchronous::CCmEventSynchronous(ICmEvent* aEvent, CCmEventQueueBase* aQ
     CCmPrivateRoom::Make(m_Private, *this);
 }
 
+// Relaxed loads: whoever deletes the wrapper comes after the other one (LetGo).
 CCmEventSynchronous::~CCmEventSynchronous() {
-    CState& state = CCmPrivateRoom::Of(m_Private);
+    CSendState& state = CCmPrivateRoom::Of(m_Private);
     if (m_pEvent.load(std::memory_order_relaxed) != nullptr) {
         CCmDisableCancel disableCancel;
-        state.EndEvent();
+        state.DestroyEvent();
     }
     if (!m_bHasDestoryed.load(std::memory_order_relaxed)) {
         state.Wake();
@@ -525,10 +537,11 @@ CCmEventSynchronous::~CCmEventSynchronous() {
 }
 
 CmResult CCmEventSynchronous::OnEventFire() {
-    CState& state = CCmPrivateRoom::Of(m_Private);
+    CSendState& state = CCmPrivateRoom::Of(m_Private);
     if (state.IsOnItsWayBack()) {
         return CM_OK;
     }
+    // Relaxed: nobody takes the event out before SetFired.
     ICmEvent* pEvent = m_pEvent.load(std::memory_order_relaxed);
     const CmResult rv = pEvent != nullptr ? pEvent->OnEventFire() : CM_ERROR_NULL_POINTER;
     m_Result = rv;
@@ -537,13 +550,13 @@ CmResult CCmEventSynchronous::OnEventFire() {
 }
 
 void CCmEventSynchronous::OnDestorySelf() {
-    CState& state = CCmPrivateRoom::Of(m_Private);
+    CSendState& state = CCmPrivateRoom::Of(m_Private);
     CCmCleanUpT letGo([&state] {
         state.DiscardUnlessFired();
         state.LetGo();
     });
-    if (state.MayEndEventHere()) {
-        state.EndEvent();
+    if (state.MayDestroyEventHere()) {
+        state.DestroyEvent();
     }
     letGo.Execute();
 }
@@ -587,23 +600,23 @@ CmResult CCmEventQueueUsingMutex::PopPendingEventsLocked(std::list<ICmEvent*>& a
 }
 
 void CCmEventQueueUsingMutex::DestoryPendingEvents() {
-    CCmEventQueueSteps::EndPending(*this, m_Mutex);
+    CCmEventQueueSteps::DestroyPending(*this, m_Mutex);
 }
 
 void CCmEventQueueUsingMutex::ProcessTakenEvents(std::list<ICmEvent*>& aEvents) {
     CCmEventQueueSteps::Run(*this, aEvents.begin(), aEvents.end(), nullptr,
                             [&aEvents](std::list<ICmEvent*>::iterator aRest) {
                                 aEvents.erase(aEvents.begin(), aRest);
-                                EndEach(aEvents);
+                                DestroyEach(aEvents);
                             });
 }
 
 // How the consumer waits and posts wake it, and the list nodes that its passes leave for posts.
-class CCmEventQueueUsingConditionVariable::CState {
+class CCmEventQueueUsingConditionVariable::CConditionQueueState {
   public:
-    explicit CState(CCmEventQueueUsingConditionVariable& aQueue) : m_Queue(aQueue) {}
-    CState(const CState&) = delete;
-    CState& operator=(const CState&) = delete;
+    explicit CConditionQueueState(CCmEventQueueUsingConditionVariable& aQueue) : m_Queue(aQueue) {}
+    CConditionQueueState(const CConditionQueueState&) = delete;
+    CConditionQueueState& operator=(const CConditionQueueState&) = delete;
 
     CmResult Post(ICmEvent* aEvent) {
         CCmEventQueueSteps::CPosting posting(m_Queue, aEvent);
@@ -632,7 +645,8 @@ class CCmEventQueueUsingConditionVariable::CState {
             m_Spares.splice(m_Spares.end(), m_Spent);
             m_dwSpares.store(static_cast<DWORD>(m_Spares.size()), std::memory_order_relaxed);
         }
-        // Where the lock could not be taken, a wait would return with it taken.
+        // Not when the lock could not be taken: the wait would return with it taken, and nobody
+        // would release it.
         if (m_Queue.m_Events.empty() && CM_SUCCEEDED(lock.result())) {
             EnterWait_l();
             CCmCleanUpT leave([this, &lock]() CM_NO_THREAD_SAFETY_ANALYSIS {
@@ -672,7 +686,7 @@ class CCmEventQueueUsingConditionVariable::CState {
         if (aPosting.HasNode()) {
             return aPosting.Append();
         }
-        // Empty: other posters took the last spare node since this one had a look.
+        // Prepare looked at m_dwSpares without the lock: other posters may have taken the last one.
         if (m_Spares.empty() && CM_FAILED(CmAddNode(m_Spares, nullptr))) {
             return CM_ERROR_OUT_OF_MEMORY;
         }
@@ -680,7 +694,8 @@ class CCmEventQueueUsingConditionVariable::CState {
         m_dwSpares.store(static_cast<DWORD>(m_Spares.size()), std::memory_order_relaxed);
         return rv;
     }
-    // The nodes go to m_Spares with the next pop, which holds the lock anyway.
+    // The nodes wait in m_Spent for the next pop, which moves them to m_Spares: it holds the lock
+    // anyway.
     void KeepNodes(std::list<ICmEvent*>& aNodes) {
         const size_t nKept = std::clamp(aNodes.size(), SPARES_AT_LEAST, SPARES_AT_MOST);
         m_Spent.splice(m_Spent.end(), aNodes);
@@ -698,7 +713,7 @@ class CCmEventQueueUsingConditionVariable::CState {
     }
     void LeaveWait_l() CM_REQUIRES(m_Queue.m_Mutex) {
         if (--m_dwWaiters > 0) {
-            Renumber_l();  // which of the consumers the last signal woke is not known
+            Renumber_l();  // the last signal may have been for this one: the others need another
         }
     }
     void Renumber_l() CM_REQUIRES(m_Queue.m_Mutex) {
@@ -708,8 +723,9 @@ class CCmEventQueueUsingConditionVariable::CState {
         m_dwSignalled.store(NO_WAIT, std::memory_order_relaxed);
     }
     // The wait that a post has to signal, or NO_WAIT. One that has been signalled needs no second
-    // signal, but only a signal that has been given counts: a poster that is about to give one may
-    // be held up for long. Acquire: the signal was given before its number was stored.
+    // signal. Only a signal that has been given counts: a poster that is about to give one may be
+    // held up for any time. Acquire, paired with the release in Signal, which stores the number
+    // after the signal was given.
     DWORD WaitToSignal_l() const CM_REQUIRES(m_Queue.m_Mutex) {
         const bool bIsSignalled =
             m_dwWaiters == 1 && m_dwSignalled.load(std::memory_order_acquire) == m_dwWait;
@@ -729,7 +745,7 @@ class CCmEventQueueUsingConditionVariable::CState {
     DWORD m_dwWaiters CM_GUARDED_BY(m_Queue.m_Mutex) = 0;     // consumers inside the wait
     DWORD m_dwWait CM_GUARDED_BY(m_Queue.m_Mutex) = NO_WAIT;  // the number of the latest wait
     std::atomic<DWORD> m_dwSignalled{NO_WAIT};                // the last wait that was signalled
-    std::atomic<DWORD> m_dwSpares{0};  // the size of m_Spares, as a hint for posts
+    std::atomic<DWORD> m_dwSpares{0};  // the size of m_Spares, as a hint for posts (relaxed)
     std::list<ICmEvent*> m_Spares CM_GUARDED_BY(m_Queue.m_Mutex);  // nodes for coming posts
     std::list<ICmEvent*> m_Spent;  // consumer thread only: nodes that are to become spare
 };
@@ -759,7 +775,7 @@ CmResult CCmEventQueueUsingConditionVariable::PopOrWaitPendingEvents(std::list<I
     });
     const CmResult rvWait = CCmConditionSteps::WaitResult(m_Condition, aTimeout, nError);
     if (CM_FAILED(rvWait) && rvWait != CM_ERROR_TIMEOUT) {
-        // The text says something else than what happened.
+        // Hosts know the line by this text, though what failed is the wait.
         CM_ERROR_TRACE_THIS(
             "CCmEventQueueUsingConditionVariable::PopOrWaitPendingEvents,m_Events is not empty. "
             "nSize="
@@ -793,7 +809,7 @@ void CCmEventQueueSteps::ProcessUntilStopped(CCmEventQueueUsingConditionVariable
 }
 
 void CCmEventQueueUsingConditionVariable::DestoryPendingEvents() {
-    CCmEventQueueSteps::EndPending(*this, m_Mutex);
+    CCmEventQueueSteps::DestroyPending(*this, m_Mutex);
 }
 
 void CCmEventQueueUsingConditionVariable::StopAndDestoryPendingEvents() {

@@ -26,17 +26,18 @@ class CCmEventQueueSteps {
     static CmResult PopOrWaitUntil(CCmEventQueueUsingConditionVariable& aQueue,
                                    std::list<ICmEvent*>& aEvents, const long long* aDeadlineNsec,
                                    DWORD aMaxCount);
-    // ProcessAndRecycleEvents until aStop becomes true; what has not begun then is pending again.
+    // ProcessAndRecycleEvents until aStop becomes true; events that have not begun then go back to
+    // the head of the queue.
     static void ProcessUntilStopped(CCmEventQueueUsingConditionVariable& aQueue,
                                     std::list<ICmEvent*>& aEvents, const std::atomic<bool>& aStop);
 
-    // The steps of CmEventQueueBase.cpp.
+    // Defined and used in CmEventQueueBase.cpp alone.
     class CPosting;
     class CPass;
     template <class IteratorType, class LeaveType>
     static void Run(CCmEventQueueBase& aQueue, IteratorType aNext, IteratorType aEnd,
                     const std::atomic<bool>* aStop, LeaveType aLeave);
-    static void EndPending(CCmEventQueueBase& aQueue, CCmMutexThread& aMutex);
+    static void DestroyPending(CCmEventQueueBase& aQueue, CCmMutexThread& aMutex);
 };
 
 }  // namespace UTIL_NS

@@ -16,8 +16,8 @@ namespace UTIL_NS {
 
 namespace {
 
-// Guards the lists and counts below. Nothing is waited for while it is held, and no other lock is
-// taken.
+// Guards the lists and counts below. A thread that holds it waits for nothing and takes no other
+// lock.
 CCmEternalLockT<CCmMutexThread> s_listMutex;
 
 // A file, by device and inode, that is open at least once.
@@ -25,8 +25,8 @@ struct CTurnFile {
     CTurnFile* m_pNext = nullptr;
     dev_t m_Device = 0;
     ino_t m_Inode = 0;
-    int m_nUses = 0;                       // openings until they have been passed to Close
-    CCmTurnOpening* m_pToClose = nullptr;  // by whoever has the turn
+    int m_nUses = 0;                       // openings that have not been closed yet
+    CCmTurnOpening* m_pToClose = nullptr;  // whoever has the turn closes these
     CCmMutexThread m_Turn{CCmStaticInit()};
 };
 
@@ -40,7 +40,7 @@ struct CCmTurnOpening {
     int m_nDescriptor = -1;
     FILE* m_pStream = nullptr;  // owns the descriptor
     CTurnFile* m_pFile = nullptr;
-    int m_nUses = 1;  // its owner's, until it closes, and each turn's
+    int m_nUses = 1;  // one of its owner, until CmCloseTurnFile, and one of each turn
 };
 
 namespace {
@@ -64,10 +64,10 @@ CCmTurnOpening* TakeClosings(CTurnFile& aFile) {
     return std::exchange(aFile.m_pToClose, nullptr);
 }
 
-// Closes within a turn, since to close a file takes the process's locks off it. A thread that finds
-// the turn taken need not wait: whoever has it comes here after it, and then finds what this thread
-// listed before it tried. So a thread that has closed asks again: others may have listed more
-// meanwhile, found it at work and left.
+// Closes what is listed, within a turn, since closing a file takes the process's locks off it. A
+// thread that finds the turn taken need not wait: whoever has the turn comes here when it gives it
+// back, and closes what this thread has listed. For the same reason it looks again after closing:
+// others may have listed more meanwhile and left because it had the turn.
 void CloseInTurn(CTurnFile& aFile) {
     while (HasClosings(aFile) && CM_SUCCEEDED(aFile.m_Turn.TryLock())) {
         CCmTurnOpening* pOpening = TakeClosings(aFile);
@@ -87,7 +87,7 @@ void Unlink(Node*& aHeader, Node* aNode) {
     *ppLink = aNode->m_pNext;
 }
 
-void EndUseOf(CTurnFile* aFile) {
+void Release(CTurnFile* aFile) {
     {
         CCmScopedLockT<CCmMutexThread> lock(s_listMutex.m_Lock);
         if (--aFile->m_nUses > 0) {
@@ -98,9 +98,9 @@ void EndUseOf(CTurnFile* aFile) {
     delete aFile;
 }
 
-// The last use closes it. The opening is itself a use of its file, which ends after that: the turn
-// has to be there until then.
-void EndUseOf(CCmTurnOpening* aOpening) {
+// After the last use it is closed. The opening is itself a use of its file, which is released only
+// then: until it is closed, the turn must exist.
+void Release(CCmTurnOpening* aOpening) {
     CTurnFile* const pFile = aOpening->m_pFile;
     {
         CCmScopedLockT<CCmMutexThread> lock(s_listMutex.m_Lock);
@@ -111,11 +111,12 @@ void EndUseOf(CCmTurnOpening* aOpening) {
         pFile->m_pToClose = aOpening;
     }
     CloseInTurn(*pFile);
-    EndUseOf(pFile);
+    Release(pFile);
 }
 
-// The file that is open already, or aNew, which becomes it. One more use of either.
-CTurnFile* UseFile(const struct stat& aStatus, std::unique_ptr<CTurnFile>& aNew)
+// Counts one more use of the file in the list or, when it is not there, of aNew, which is put
+// there.
+CTurnFile* UseFile_l(const struct stat& aStatus, std::unique_ptr<CTurnFile>& aNew)
     CM_REQUIRES(s_listMutex.m_Lock) {
     CTurnFile* pFile = s_pFiles;
     while (pFile != nullptr &&
@@ -133,7 +134,7 @@ CTurnFile* UseFile(const struct stat& aStatus, std::unique_ptr<CTurnFile>& aNew)
     return pFile;
 }
 
-CCmTurnOpening* FindOpening(FILE* aStream) CM_REQUIRES(s_listMutex.m_Lock) {
+CCmTurnOpening* FindOpening_l(FILE* aStream) CM_REQUIRES(s_listMutex.m_Lock) {
     CCmTurnOpening* pOpening = s_pOpenings;
     while (pOpening != nullptr && pOpening->m_pStream != aStream) {
         pOpening = pOpening->m_pNext;
@@ -143,7 +144,7 @@ CCmTurnOpening* FindOpening(FILE* aStream) CM_REQUIRES(s_listMutex.m_Lock) {
 
 CCmTurnOpening* UseOpening(FILE* aStream) {
     CCmScopedLockT<CCmMutexThread> lock(s_listMutex.m_Lock);
-    CCmTurnOpening* const pOpening = FindOpening(aStream);
+    CCmTurnOpening* const pOpening = FindOpening_l(aStream);
     if (pOpening != nullptr) {
         ++pOpening->m_nUses;
     }
@@ -153,7 +154,7 @@ CCmTurnOpening* UseOpening(FILE* aStream) {
 }  // namespace
 
 FILE* CmOpenTurnFile(const char* aPath, int& aDescriptor) {
-    // Memory first: once the file is open, it can only be closed in a turn.
+    // Memory first: a file that is open must be closed in a turn, which needs these.
     std::unique_ptr<CCmTurnOpening> pNew(new (std::nothrow) CCmTurnOpening);
     std::unique_ptr<CTurnFile> pNewFile(new (std::nothrow) CTurnFile);
     if (pNew == nullptr || pNewFile == nullptr) {
@@ -174,14 +175,14 @@ FILE* CmOpenTurnFile(const char* aPath, int& aDescriptor) {
     pOpening->m_pStream = pStream;
     {
         CCmScopedLockT<CCmMutexThread> lock(s_listMutex.m_Lock);
-        pOpening->m_pFile = UseFile(status, pNewFile);
+        pOpening->m_pFile = UseFile_l(status, pNewFile);
         if (pStream != nullptr) {
             pOpening->m_pNext = s_pOpenings;
             s_pOpenings = pOpening;
         }
     }
     if (pStream == nullptr) {
-        EndUseOf(pOpening);
+        Release(pOpening);
         return nullptr;
     }
     aDescriptor = nDescriptor;
@@ -192,10 +193,10 @@ void CmCloseTurnFile(FILE* aStream) {
     CCmTurnOpening* pOpening;
     {
         CCmScopedLockT<CCmMutexThread> lock(s_listMutex.m_Lock);
-        pOpening = FindOpening(aStream);
+        pOpening = FindOpening_l(aStream);
         Unlink(s_pOpenings, pOpening);
     }
-    EndUseOf(pOpening);
+    Release(pOpening);
 }
 
 CCmFileTurn::CCmFileTurn(FILE* aStream) : m_pOpening(UseOpening(aStream)) {
@@ -209,7 +210,7 @@ CCmFileTurn::~CCmFileTurn() {
         CTurnFile* const pFile = m_pOpening->m_pFile;
         pFile->m_Turn.UnLock();
         CloseInTurn(*pFile);
-        EndUseOf(m_pOpening);
+        Release(m_pOpening);
     }
 }
 

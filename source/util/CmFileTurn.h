@@ -1,10 +1,10 @@
 // Files that several threads of the process lock against other processes; internal.
 //
 // The system's record locks belong to the process: its threads do not exclude each other, and
-// closing any descriptor of a file takes every lock of the process off it. So each file (whatever
-// its names) that is open here has a turn, which a thread takes for as long as it asks for the
-// file's lock and holds it. A file that is closed meanwhile is closed when the turn ends. Nothing
-// waits here but for the turn of a file.
+// closing any descriptor of a file takes every lock of the process off it. So each file that is
+// open here, under whatever names, has a turn (a lock among the threads). A thread has it from
+// before it asks for the file's lock until it has released that. A file that others close meanwhile
+// is closed when the turn is given back. Nothing here waits for anything but the turn of a file.
 #ifndef CM_FILE_TURN_H
 #define CM_FILE_TURN_H
 
@@ -16,8 +16,8 @@ namespace UTIL_NS {
 // cannot be opened or memory ran out. aDescriptor: that of the stream, which owns it.
 FILE* CmOpenTurnFile(const char* aPath, int& aDescriptor);
 
-// Closes what CmOpenTurnFile opened, at the latest when the turns that threads have taken or wait
-// for through aStream have ended. Waits for none of them.
+// Closes what CmOpenTurnFile opened, at the latest when every thread that has taken a turn through
+// aStream, or waits for one, has given it back. Waits for none of them.
 void CmCloseTurnFile(FILE* aStream);
 
 struct CCmTurnOpening;
@@ -32,7 +32,7 @@ class CCmFileTurn {
     CCmFileTurn& operator=(const CCmFileTurn&) = delete;
 
     // False when aStream has been closed; otherwise it stays open while the turn lives.
-    bool held() const { return m_pOpening != nullptr; }
+    bool IsHeld() const { return m_pOpening != nullptr; }
 
   private:
     CCmTurnOpening* const m_pOpening;

@@ -110,7 +110,7 @@ CCmString Replaced(std::string_view aText, std::string_view aFrom, std::string_v
 }  // namespace
 
 // Steps that throw for want of memory.
-class CCmHttpUrl::CSteps {
+class CCmHttpUrl::CUrlSteps {
   public:
     static bool Init(CCmHttpUrl& aUrl, std::string_view aRemainder) {
         const bool bIsFile = std::string_view(aUrl.m_strScheme) == FILE_WORD;
@@ -186,7 +186,7 @@ bool CCmHttpUrl::Init(const CCmString& aSpec) {
     }
     try {
         m_strScheme = pScheme->word();
-        return CSteps::Init(*this, strSpec.substr(pScheme->m_prefix.size()));
+        return CUrlSteps::Init(*this, strSpec.substr(pScheme->m_prefix.size()));
     } catch (const std::bad_alloc&) {
         return false;
     }
@@ -194,7 +194,7 @@ bool CCmHttpUrl::Init(const CCmString& aSpec) {
 
 bool CCmHttpUrl::SetNameAndPort(const CCmString& aNameAndPort) {
     try {
-        return CSteps::SetNameAndPort(*this, aNameAndPort);
+        return CUrlSteps::SetNameAndPort(*this, aNameAndPort);
     } catch (const std::bad_alloc&) {
         return false;
     }
@@ -207,7 +207,7 @@ void CCmHttpUrl::SetPort(unsigned short aPort) {
 
 void CCmHttpUrl::SetPath(const CCmString& aPath) {
     try {
-        CSteps::SetPath(*this, aPath);
+        CUrlSteps::SetPath(*this, aPath);
     } catch (const std::bad_alloc&) {
         return;
     }
@@ -237,7 +237,7 @@ unsigned short CCmHttpUrl::GetDefaultPort() const {
 CCmString CCmHttpUrl::GetAsciiSpec() {
     try {
         if (m_strAsciiSpec.empty()) {
-            m_strAsciiSpec = CSteps::AsciiSpec(*this);
+            m_strAsciiSpec = CUrlSteps::AsciiSpec(*this);
         }
         return m_strAsciiSpec;
     } catch (const std::bad_alloc&) {
@@ -248,7 +248,7 @@ CCmString CCmHttpUrl::GetAsciiSpec() {
 CCmString CCmHttpUrl::GetNameAndPort(signed char aAlwaysPort) const {
     try {
         CCmString strNameAndPort;
-        CSteps::AppendNameAndPort(*this, strNameAndPort, aAlwaysPort != 0);
+        CUrlSteps::AppendNameAndPort(*this, strNameAndPort, aAlwaysPort != 0);
         return strNameAndPort;
     } catch (const std::bad_alloc&) {
         return CCmString();

@@ -12,18 +12,19 @@ namespace UTIL_NS {
 
 namespace {
 
-// Between two looks at the list when the wait for its end fails: the guard must not go before.
+// Between two looks at the list while the wait for it fails: the guard must not be freed before the
+// callables that run elsewhere have returned.
 constexpr long NAP_NSEC = 1000 * 1000;
 
 }  // namespace
 
-struct CCmLifeGuard::CState final : CCmReferenceControlT<CCmMutexThread> {
+struct CCmLifeGuard::CGuardState final : CCmReferenceControlT<CCmMutexThread> {
     bool Enter(CRun& aRun) {
         CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
-        if (m_bEnded) {
+        if (m_bClosed) {
             return false;
         }
-        // The list refers to the stack of this thread, which must not be gone before Leave.
+        // aRun is on the stack of this thread, which must not be cancelled before Leave.
         pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &aRun.m_nCancelState);
         aRun.m_pNext = m_pRuns;
         m_pRuns = &aRun;
@@ -36,22 +37,24 @@ struct CCmLifeGuard::CState final : CCmReferenceControlT<CCmMutexThread> {
             ppRun = &(*ppRun)->m_pNext;
         }
         *ppRun = aRun.m_pNext;
-        if (m_bEnded) {
+        if (m_bClosed) {
             m_Left.Broadcast();
         }
     }
-    bool End() {
+    // No callable begins after that; waits for those that run on other threads. False when it could
+    // not wait.
+    bool Close() {
         CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
-        m_bEnded = true;
+        m_bClosed = true;
         CmResult rv = lock.result();
         while (CM_SUCCEEDED(rv) && RunsElsewhere_l()) {
             rv = m_Left.Wait(nullptr);
         }
         return !RunsElsewhere_l();
     }
-    bool HasEnded() {
+    bool IsClosed() {
         CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
-        return m_bEnded;
+        return m_bClosed;
     }
 
   private:
@@ -67,10 +70,10 @@ struct CCmLifeGuard::CState final : CCmReferenceControlT<CCmMutexThread> {
     CCmMutexThread m_Mutex;
     CCmConditionVariableThread m_Left{m_Mutex};
     CRun* m_pRuns CM_GUARDED_BY(m_Mutex) = nullptr;
-    bool m_bEnded CM_GUARDED_BY(m_Mutex) = false;
+    bool m_bClosed CM_GUARDED_BY(m_Mutex) = false;
 };
 
-CCmLifeGuard::CReference::CReference(CState* aState) : m_pState(aState) {
+CCmLifeGuard::CReference::CReference(CGuardState* aState) : m_pState(aState) {
     if (m_pState != nullptr) {
         m_pState->AddReference();
     }
@@ -96,7 +99,7 @@ CCmLifeGuard::CRun::~CRun() {
     }
 }
 
-CCmLifeGuard::CCmLifeGuard() : m_pState(new (std::nothrow) CState) {
+CCmLifeGuard::CCmLifeGuard() : m_pState(new (std::nothrow) CGuardState) {
     if (m_pState != nullptr) {
         m_pState->AddReference();
     }
@@ -111,7 +114,7 @@ CCmLifeGuard::~CCmLifeGuard() {
 
 void CCmLifeGuard::End() {
     const CCmDisableCancel disableCancel;
-    while (m_pState != nullptr && !m_pState->End()) {
+    while (m_pState != nullptr && !m_pState->Close()) {
         const timespec tsNap = {0, NAP_NSEC};
         g_cmSystem.nanosleep(&tsNap, nullptr);
     }
@@ -121,7 +124,7 @@ CmResult CCmLifeGuard::Result() const {
     if (m_pState == nullptr) {
         return CM_ERROR_OUT_OF_MEMORY;
     }
-    return m_pState->HasEnded() ? CM_ERROR_NOT_INITIALIZED : CM_OK;
+    return m_pState->IsClosed() ? CM_ERROR_NOT_INITIALIZED : CM_OK;
 }
 
 }  // namespace UTIL_NS

@@ -39,8 +39,8 @@ bool IsDelivered(unsigned long aLevel) {
     return aLevel >= _getTraceLevel();
 }
 
-// The pieces of aText, whose aLength includes the terminator. A length that a piece uses up yields
-// no further one.
+// Delivers aText in pieces. aLength includes the terminator: where that alone is left over, the
+// last piece is empty.
 void DeliverPieces(unsigned long aLevel, const char* aModule, const char* aText,
                    unsigned long aLength) {
     constexpr unsigned long PIECE_LENGTH = CHUNK_SIZE - 1;
@@ -54,7 +54,7 @@ void DeliverPieces(unsigned long aLevel, const char* aModule, const char* aText,
 }
 
 // aLength includes the terminator; more than aChunkSize goes out in pieces. False when the trace
-// library threw. The thread cannot be cancelled meanwhile, so only its own exceptions are caught.
+// library threw. Callers have disabled cancellation, so no unwinding of the thread is caught here.
 bool Deliver(unsigned long aLevel, const char* aModule, const char* aText, unsigned long aLength,
              unsigned long aChunkSize = CHUNK_SIZE) {
     try {
@@ -113,8 +113,8 @@ void DeliverFormatted(const char* aModule, const char* aFormat, va_list aArgumen
     }
 }
 
-// A text that is its own format's only argument needs no formatting and, unless it is cut, no
-// copy. False when it is to be formatted after all.
+// For the format "%s": delivers the text without formatting and, unless it has to be cut, without a
+// copy. False when it must be formatted.
 bool DeliverPlain(const char* aModule, const char* aFormat, va_list aArguments) {
     if (std::strcmp(aFormat, "%s") != 0) {
         return false;
@@ -262,7 +262,7 @@ CCmT120Trace2::CCmT120Trace2(const char* aName, CCmT120TraceMapEntry* aLevelTabl
 CCmT120Trace2::~CCmT120Trace2() = default;
 
 unsigned char CCmT120Trace2::load(void* aFile) {
-    CState::Load(*this, aFile, &m_sLogPath);
+    CTraceState::Load(*this, aFile, &m_sLogPath);
     return 1;
 }
 
@@ -332,7 +332,8 @@ const char* get_leading_id() {
     const char* pszProcess = CCmT120Trace::get_process_name();
     std::snprintf(s_szLeadingId, sizeof(s_szLeadingId), "%.*s.%s.",
                   LengthWithoutExtension(pszProcess), pszProcess, szMachine);
-    // Orders the text before the pointer for the unlocked read above.
+    // Release, paired with the acquire of the unlocked read above: who sees the pointer sees the
+    // text.
     g_LeadingId.store(s_szLeadingId, std::memory_order_release);
     return s_szLeadingId;
 }

@@ -35,7 +35,7 @@ uint64_t ReadableBytes(const CCmMessageBlock* aMb) {
     return ullSum;
 }
 
-// Walks only as far as it takes to know.
+// Walks no further than it takes to know.
 bool HasReadableBytes(const CCmMessageBlock* aMb, uint64_t aCount) {
     for (uint64_t ullSum = 0; aMb != nullptr; aMb = aMb->GetNext()) {
         ullSum += aMb->GetTopLevelLength();
@@ -51,8 +51,8 @@ DWORD LowBits(const char* aPtr) {
     return static_cast<DWORD>(reinterpret_cast<uintptr_t>(aPtr));
 }
 
-// The pointer that lies to aNewBegin as aPtr lies to aBegin. A write pointer that a rewind took
-// from another area stays out of reach thereby.
+// The pointer as far from aNewBegin as aPtr is from aBegin. By numbers, not as a difference of
+// pointers: a rewind may have set a write pointer outside the area, and then it stays outside.
 char* AtSameDistance(char* aNewBegin, const char* aBegin, const char* aPtr) {
     return reinterpret_cast<char*>(reinterpret_cast<uintptr_t>(aNewBegin) +
                                    reinterpret_cast<uintptr_t>(aPtr) -
@@ -83,7 +83,7 @@ CmResult ForEachPiece(Block* pMB, unsigned int aOffset, unsigned int aCount, int
 }  // namespace
 
 // Steps that reach into blocks.
-class CCmMessageBlock::CSteps {
+class CCmMessageBlock::CBlockSteps {
   public:
     // For a block whose area is set already.
     static CmResult RefuseArea(const CCmMessageBlock& aBlock) {
@@ -244,7 +244,7 @@ void CCmMessageBlock::DestroyOwned_i() {
 CmResult CCmMessageBlock::SetData(unsigned int aSize, const char* aData, unsigned long aFlag,
                                   unsigned int aAdvanceWritePtr) {
     if (CM_UNLIKELY(m_pBeginPtr != nullptr)) {
-        return CSteps::RefuseArea(*this);
+        return CBlockSteps::RefuseArea(*this);
     }
     if (aData == nullptr || (aFlag & ALLOCATE_DATA) != 0) {
         if (aSize != 0) {
@@ -254,13 +254,13 @@ CmResult CCmMessageBlock::SetData(unsigned int aSize, const char* aData, unsigne
                 return rv;
             }
             m_pDataBlock.Attach(pDb);
-            CSteps::SetArea(*this, pDb->m_pPayload, pDb->m_dwSize);
+            CBlockSteps::SetArea(*this, pDb->m_pPayload, pDb->m_dwSize);
         } else {
-            CSteps::SetArea(*this, nullptr, 0);  // a rewind may have set the write pointer
+            CBlockSteps::SetArea(*this, nullptr, 0);  // a rewind may have set the write pointer
         }
         aFlag &= ~EXTERNAL_DATA;
     } else {
-        CSteps::SetArea(*this, const_cast<char*>(aData), aSize);
+        CBlockSteps::SetArea(*this, const_cast<char*>(aData), aSize);
         aFlag |= EXTERNAL_DATA;
     }
     if (aAdvanceWritePtr != 0) {
@@ -273,13 +273,13 @@ CmResult CCmMessageBlock::SetData(unsigned int aSize, const char* aData, unsigne
 CmResult CCmMessageBlock::SetData(CCmDataBlock* aDb, unsigned long aFlag,
                                   unsigned int aAdvanceWritePtr) {
     if (CM_UNLIKELY(m_pBeginPtr != nullptr)) {
-        return CSteps::RefuseArea(*this);
+        return CBlockSteps::RefuseArea(*this);
     }
     m_pDataBlock = aDb;
     if (aDb != nullptr) {
-        CSteps::SetArea(*this, aDb->m_pPayload, aDb->m_dwSize);
+        CBlockSteps::SetArea(*this, aDb->m_pPayload, aDb->m_dwSize);
     } else {
-        CSteps::SetArea(*this, nullptr, 0);
+        CBlockSteps::SetArea(*this, nullptr, 0);
     }
     if (aAdvanceWritePtr != 0) {
         AdvanceTopLevelWritePtr(aAdvanceWritePtr);
@@ -291,7 +291,7 @@ CmResult CCmMessageBlock::SetData(CCmDataBlock* aDb, unsigned long aFlag,
 CmResult CCmMessageBlock::Read(void* aDst, unsigned int aCount, unsigned int* aBytesRead,
                                signed char aAdvance) {
     unsigned int dwRead = 0;
-    CmResult rv = CSteps::Read(*this, static_cast<char*>(aDst), aCount, aAdvance != 0, dwRead);
+    CmResult rv = CBlockSteps::Read(*this, static_cast<char*>(aDst), aCount, aAdvance != 0, dwRead);
     if (CM_FAILED(rv)) {
         return rv;
     }
@@ -302,7 +302,7 @@ CmResult CCmMessageBlock::Read(void* aDst, unsigned int aCount, unsigned int* aB
         }
         char* pDst = aDst != nullptr ? static_cast<char*>(aDst) + dwRead : nullptr;
         unsigned int dwPart = 0;
-        rv = CSteps::Read(*pMb, pDst, aCount - dwRead, aAdvance != 0, dwPart);
+        rv = CBlockSteps::Read(*pMb, pDst, aCount - dwRead, aAdvance != 0, dwPart);
         dwRead += dwPart;
     }
     StoreCount(aBytesRead, dwRead);
@@ -313,7 +313,7 @@ CmResult CCmMessageBlock::Write(const void* aSrc, unsigned int aCount,
                                 unsigned int* aBytesWritten) {
     const char* pSrc = static_cast<const char*>(aSrc);
     unsigned int dwWritten = 0;
-    CmResult rv = CSteps::Write(*this, pSrc, aCount, dwWritten);
+    CmResult rv = CBlockSteps::Write(*this, pSrc, aCount, dwWritten);
     if (CM_FAILED(rv)) {
         return rv;
     }
@@ -324,7 +324,7 @@ CmResult CCmMessageBlock::Write(const void* aSrc, unsigned int aCount,
             break;
         }
         unsigned int dwPart = 0;
-        rv = CSteps::Write(*pMb, pSrc + dwWritten, aCount - dwWritten, dwPart);
+        rv = CBlockSteps::Write(*pMb, pSrc + dwWritten, aCount - dwWritten, dwPart);
         dwWritten += dwPart;
     }
     StoreCount(aBytesWritten, dwWritten);
@@ -348,7 +348,7 @@ void CCmMessageBlock::Append(CCmMessageBlock* aMb) {
     while (pMbMove->m_pNext != nullptr) {
         pMbMove = pMbMove->m_pNext;
     }
-    // Chains that share a block end in the same one.
+    // If the chains had a block in common, their last blocks would be the same.
     for (const CCmMessageBlock* pMb = aMb; pMb != nullptr; pMb = pMb->m_pNext) {
         CM_ASSERTE_RETURN_(pMb != pMbMove, "aMb != pMbMove", , __FILE__, 311);
     }
@@ -399,13 +399,13 @@ void CCmMessageBlock::RewindChained(CCmMessageBlock* aMb) {
 void CCmMessageBlock::DestroyChained(CCmMessageBlock* aMb) {
     CCmMessageBlock* pLeftAlone = nullptr;
     while (aMb != nullptr) {
-        aMb = CSteps::DestroyIfDuplicated(aMb, pLeftAlone);
+        aMb = CBlockSteps::DestroyIfDuplicated(aMb, pLeftAlone);
     }
 }
 
 CCmMessageBlock* CCmMessageBlock::DuplicateTopLevel() const {
     if (CM_UNLIKELY(!CM_BIT_DISABLED(m_Flag, EXTERNAL_DATA))) {
-        return CSteps::DuplicateExternal(*this);
+        return CBlockSteps::DuplicateExternal(*this);
     }
     try {
         return new CCmMessageBlock(*this, (m_Flag & ~(DATA_FLAGS | INTERNAL_FLAGS)) | DUPLICATED);
@@ -439,17 +439,18 @@ CCmMessageBlock* CCmMessageBlock::Disjoint(unsigned int aStart) {
     if (pCut == nullptr) {
         return nullptr;
     }
-    // What can fail comes first, then the chain is changed.
+    // What can fail is done before the chain is changed.
     const unsigned int dwMoved = pCut->GetTopLevelLength() - dwKeep;
     CCmMessageBlock* pInside = dwMoved != 0 ? pCut->DuplicateTopLevel() : nullptr;
     CCmMessageBlock copies;
-    if ((dwMoved != 0 && pInside == nullptr) || !CSteps::DuplicateForeign(*this, *pCut, copies)) {
+    if ((dwMoved != 0 && pInside == nullptr) ||
+        !CBlockSteps::DuplicateForeign(*this, *pCut, copies)) {
         DestroyChained(pInside);
         DestroyChained(copies.m_pNext);
         return nullptr;
     }
     CCmMessageBlock anchor;
-    CSteps::LinkTail(pInside != nullptr ? pInside : &anchor, pCut->m_pNext, copies.m_pNext);
+    CBlockSteps::LinkTail(pInside != nullptr ? pInside : &anchor, pCut->m_pNext, copies.m_pNext);
     pCut->m_pNext = nullptr;
     if (pInside == nullptr) {
         return anchor.m_pNext;
@@ -470,7 +471,7 @@ CCmMessageBlock* CCmMessageBlock::ReclaimGarbage() {
     CCmMessageBlock* pLeftAlone = nullptr;
     CCmMessageBlock* pMb = this;
     while (pMb != nullptr && LowBits(pMb->m_pWritePtr) == LowBits(pMb->m_pReadPtr)) {
-        pMb = CSteps::DestroyIfDuplicated(pMb, pLeftAlone);
+        pMb = CBlockSteps::DestroyIfDuplicated(pMb, pLeftAlone);
     }
     return pMb;
 }
@@ -480,7 +481,7 @@ CCmString CCmMessageBlock::FlattenChained(const CCmMessageBlock* aMb) {
     try {
         strData.reserve(ReadableBytes(aMb) + 1);
     } catch (const std::exception&) {
-        return strData;  // every return names strData, so the compiler spares the copy
+        return strData;  // the same variable in every return: the compiler makes no copy
     }
     for (; aMb != nullptr; aMb = aMb->m_pNext) {
         const char* pRead = aMb->GetTopLevelReadPtr();

@@ -10,12 +10,12 @@ namespace UTIL_NS {
 
 constexpr long long CM_NEVER_NSEC = LLONG_MAX;
 
-// aLeft + aRight; CM_NEVER_NSEC when that is too late.
+// aLeft + aRight; CM_NEVER_NSEC when the sum is greater.
 long long CmSumNsec(long long aLeft, long long aRight);
 long long CmNsecOf(const CCmTimeValue& aValue);
 // By the monotonic clock.
 long long CmMonotonicNsec();
-// aNow and aInterval, which counts as nothing when it is negative.
+// aNow + aInterval, saturating; a negative interval counts as zero.
 long long CmLaterNsec(long long aNow, const CCmTimeValue& aInterval);
 
 }  // namespace UTIL_NS

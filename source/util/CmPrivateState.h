@@ -9,7 +9,8 @@
 
 namespace UTIL_NS {
 
-// The owner's constructor makes the state, its destructor ends it; in between Of finds it.
+// The owner's constructor makes the state, its destructor destroys it by End; in between Of finds
+// it.
 struct CCmPrivateRoom {
     template <class StateType, size_t SIZE, class... Arguments>
     static StateType& Make(CCmPrivateRoomT<StateType, SIZE>& aRoom, Arguments&&... aArguments) {

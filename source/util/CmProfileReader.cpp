@@ -27,9 +27,8 @@ const char* Find(char aChar, const char* aStart, const char* aEnd) {
     return pFound != nullptr ? static_cast<const char*>(pFound) : aEnd;
 }
 
-// Whether a text that a "=" follows ends with aKey, blanks apart. Where it does not, the line of
-// the
-// "=" is not that of the key, and need not be taken apart to know.
+// Whether a text, which a "=" follows, ends with aKey and perhaps blanks. If not, the line is not
+// that of the key: a test that needs no line to be taken apart.
 bool EndsWithKey(std::string_view aText, std::string_view aKey) {
     aText = CmTrimmedRight(aText, CmIsBlank);
     return aText.size() >= aKey.size() &&
@@ -158,7 +157,7 @@ bool CCmFileLines::SkipToBracketOrKey(std::string_view aKey) {
     });
 }
 
-// Skips the lines in front of what aFind finds; it is given the text that has been read.
+// Skips the lines before the one with the place that aFind finds in the text that has been read.
 template <class Find>
 bool CCmFileLines::SkipTo(Find aFind) {
     for (;;) {
@@ -182,8 +181,9 @@ const char* CCmFileLines::LineOf(const char* aPosition) const {
     return pLine + nOffset / CM_PROFILE_LINE_MAX * CM_PROFILE_LINE_MAX;
 }
 
-// Moves the unfinished line, shorter than the greatest length, to the front and reads on after it.
-// At the end of the file it stays as the last line; a read that fails loses it, as it may be cut.
+// Moves the unfinished line, which is shorter than the greatest length, to the front and reads more
+// after it. At the end of the file it is the last line; when a read fails it is dropped, since it
+// may be cut.
 void CCmFileLines::Refill() {
     const size_t nLeft = static_cast<size_t>(m_pEnd - m_pNext);
     std::memmove(m_achBuffer, m_pNext, nLeft);

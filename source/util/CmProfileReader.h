@@ -37,7 +37,7 @@ class CCmProfileSearch {
     EStep Examine(std::string_view aLine);
 
     // While outside, only a section header changes anything; inside, also a line with the key.
-    bool inside() const { return m_bInside; }
+    bool IsInside() const { return m_bInside; }
     std::string_view key() const { return m_key; }
     // After FOUND: trimmed and without its quotes; a part of the line examined last.
     std::string_view value() const { return m_value; }
@@ -91,13 +91,13 @@ class CCmFileLines {
     const char* LineOf(const char* aPosition) const;
     void Refill();
 
-    // Takes a usual file with one read; room for several lines of the greatest length.
+    // Most files are read at once; several lines of the greatest length fit.
     static constexpr size_t BUFFER_SIZE = 8 * 1024;
     static_assert(BUFFER_SIZE > 2 * CM_PROFILE_LINE_MAX, "a refill must make room for a line");
 
     CCmDisableCancel m_DisableCancel;
     const int m_nFile;
-    bool m_bEnd;          // no more to be read
+    bool m_bEnd;          // nothing is left to be read
     const char* m_pNext;  // start of the next line
     const char* m_pEnd;   // end of what has been read
     char m_achBuffer[BUFFER_SIZE];
@@ -107,8 +107,9 @@ class CCmFileLines {
 template <class Lines>
 bool CmFindInProfile(Lines& aLines, CCmProfileSearch& aSearch) {
     std::string_view line;
-    while ((aSearch.inside() ? aLines.SkipToBracketOrKey(aSearch.key()) : aLines.SkipToBracket()) &&
-           aLines.Next(line)) {
+    while (
+        (aSearch.IsInside() ? aLines.SkipToBracketOrKey(aSearch.key()) : aLines.SkipToBracket()) &&
+        aLines.Next(line)) {
         const CCmProfileSearch::EStep step = aSearch.Examine(line);
         if (step != CCmProfileSearch::EStep::GO_ON) {
             return step == CCmProfileSearch::EStep::FOUND;

@@ -27,18 +27,23 @@ namespace {
 
 typedef std::chrono::steady_clock CClock;
 
+// Of the resolver's own threads, which nobody looks up by it: any but TT_UNKNOWN and TT_MAIN.
 constexpr int THREAD_TYPE = 1;
-constexpr size_t MAX_LABEL = 63;
-constexpr long LONGEST_LIMIT = 1000000000;  // seconds; more is none
-// A wait ends at a time of the wall clock, and so later where that is set back meanwhile. None is
-// longer than this, after which the limits, which follow the monotonic clock, are looked at anew.
+constexpr size_t MAX_LABEL = 63;  // characters between two dots, as DNS has it
+// In seconds, 31 years; a longer limit counts as none, so that no sum with the clock overflows.
+constexpr long LONGEST_LIMIT = 1000000000;
+// Limits follow the monotonic clock, but a wait has its deadline on the wall clock, and is too long
+// when that is set back meanwhile. So no single wait is longer than this.
 constexpr CCmTimeValue LONGEST_WAIT(1);
+// The watcher's sleep in place of a wait that fails: it must not spin.
+constexpr timespec WAIT_FAILURE_NAP = {0, 10 * 1000 * 1000};  // 10 ms
 
 bool IsLabelCharacter(char aChar) {
     return CmIsLetter(aChar) || CmIsDigit(aChar) || aChar == '-' || aChar == '_';
 }
 
-// As systems read the end of an address: decimal, octal or hexadecimal.
+// Whether systems take the last part of a name for a number, and the name for an IPv4 address:
+// decimal, octal or hexadecimal.
 bool IsNumber(std::string_view aLabel) {
     if (aLabel.find_first_not_of("0123456789") == aLabel.npos) {
         return true;
@@ -67,7 +72,7 @@ bool IsName(std::string_view aName) {
 
 struct COutcome {
     CmResult m_Result = CM_ERROR_TIMEOUT;
-    std::vector<CCmIpAddress> m_addresses;
+    std::vector<CCmIpAddress> m_Addresses;
 };
 
 CmResult ResultOf(int aError) {
@@ -113,7 +118,7 @@ COutcome AskTheSystem(const CCmString& aName, CCmIpAddress::Family aFamily) {
     COutcome outcome;
     outcome.m_Result = ResultOf(g_cmSystem.getaddrinfo(aName.c_str(), nullptr, &hints, &pList));
     if (CM_SUCCEEDED(outcome.m_Result)) {
-        outcome.m_Result = Collect(pList, outcome.m_addresses);
+        outcome.m_Result = Collect(pList, outcome.m_Addresses);
         g_cmSystem.freeaddrinfo(pList);
     }
     return outcome;
@@ -122,18 +127,19 @@ COutcome AskTheSystem(const CCmString& aName, CCmIpAddress::Family aFamily) {
 // A question that has not been answered. The answer is owned.
 struct CJob {
     CCmString m_strName;
-    CCmIpAddress::Family m_family = CCmIpAddress::NONE;
+    CCmIpAddress::Family m_eFamily = CCmIpAddress::NONE;
     ICmEventQueue* m_pQueue = nullptr;
     ACmResolution* m_pAnswer = nullptr;
     COutcome* m_pOutcome = nullptr;  // of the answer
-    CClock::time_point m_due;        // the start of time once there is an outcome
+    CClock::time_point m_Due;        // at once (the least value) when there is an outcome
 };
 typedef std::map<uint64_t, CJob> CJobs;
 
-// What the resolver, its threads and its answers share; whoever is last frees it.
+// What the resolver, its threads and its answers share; whoever is last frees it. One mutex guards
+// all of it.
 //
-// Only the watcher posts answers, one at a time, so that whoever cancels can wait until the queue
-// of an answer is not used any more.
+// Only the watcher posts answers, one at a time and without the mutex. While it does, m_ullPosting
+// names the answer, and Cancel waits until it is posted: after that the queue may be destroyed.
 class CQuestions : public std::enable_shared_from_this<CQuestions> {
   public:
     CQuestions() : m_Changed(m_Mutex), m_Posted(m_Mutex) {}
@@ -141,21 +147,21 @@ class CQuestions : public std::enable_shared_from_this<CQuestions> {
     uint64_t NewId();
     // Owns the answer from then on. Throws for want of memory, with nothing changed.
     void Add(uint64_t aId, const CJob& aJob);
-    // An answer that the asker itself posts. Throws likewise.
+    // For an answer that Resolve itself posts. Throws likewise.
     void AddPosted(uint64_t aId);
     // Whether the answer may run.
     bool TakeLive(uint64_t aId);
     bool Cancel(uint64_t aId, ACmResolution*& aAnswer);
-    // From here on nobody is answered; returns what is still to be ended.
+    // From here on nobody is answered; returns what is still to be destroyed.
     CJobs Close();
 
     // What the watcher runs until Close.
     void Watch();
-    // A lookup has ended.
+    // Stores what a lookup found; its answer is due at once.
     void Finish(uint64_t aId, COutcome& aOutcome);
     void SetWatcher(pthread_t aThread) {
         const CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
-        m_watcher = aThread;
+        m_Watcher = aThread;
     }
 
   private:
@@ -170,15 +176,15 @@ class CQuestions : public std::enable_shared_from_this<CQuestions> {
     CCmMutexThread m_Mutex;
     CCmConditionVariableThread m_Changed;  // for the watcher
     CCmConditionVariableThread m_Posted;   // for those that cancel
-    CJobs m_jobs CM_GUARDED_BY(m_Mutex);
-    std::set<std::pair<CClock::time_point, uint64_t>> m_due CM_GUARDED_BY(m_Mutex);  // of m_jobs
-    std::deque<uint64_t> m_waiting CM_GUARDED_BY(m_Mutex);  // for a lookup; some may be gone
-    std::set<uint64_t> m_live CM_GUARDED_BY(m_Mutex);       // answers that may still run
+    CJobs m_Jobs CM_GUARDED_BY(m_Mutex);
+    std::set<std::pair<CClock::time_point, uint64_t>> m_Due CM_GUARDED_BY(m_Mutex);  // of m_Jobs
+    std::deque<uint64_t> m_Waiting CM_GUARDED_BY(m_Mutex);  // for a lookup; some may be gone
+    std::set<uint64_t> m_Live CM_GUARDED_BY(m_Mutex);       // answers that may still run
     uint64_t m_ullLastId CM_GUARDED_BY(m_Mutex) = 0;
     uint64_t m_ullPosting CM_GUARDED_BY(m_Mutex) = 0;  // what the watcher is posting
     int m_nLookups CM_GUARDED_BY(m_Mutex) = 0;
     bool m_bClosed CM_GUARDED_BY(m_Mutex) = false;
-    pthread_t m_watcher CM_GUARDED_BY(m_Mutex) = {};
+    pthread_t m_Watcher CM_GUARDED_BY(m_Mutex) = {};
 };
 
 // One question to the system.
@@ -189,10 +195,10 @@ class CLookup : public ACmThread {
         : m_pQuestions(std::move(aQuestions)),
           m_ullId(aId),
           m_strName(std::move(aName)),
-          m_family(aFamily) {}
+          m_eFamily(aFamily) {}
 
     void OnThreadRun() override {
-        COutcome outcome = AskTheSystem(m_strName, m_family);
+        COutcome outcome = AskTheSystem(m_strName, m_eFamily);
         m_pQuestions->Finish(m_ullId, outcome);
     }
 
@@ -200,7 +206,7 @@ class CLookup : public ACmThread {
     const std::shared_ptr<CQuestions> m_pQuestions;
     const uint64_t m_ullId;
     const CCmString m_strName;
-    const CCmIpAddress::Family m_family;
+    const CCmIpAddress::Family m_eFamily;
 };
 
 class CWatcher : public ACmThread {
@@ -208,7 +214,7 @@ class CWatcher : public ACmThread {
     explicit CWatcher(std::shared_ptr<CQuestions> aQuestions)
         : m_pQuestions(std::move(aQuestions)) {}
 
-    void OnThreadInit() override { m_pQuestions->SetWatcher(::pthread_self()); }
+    void OnThreadInit() override { m_pQuestions->SetWatcher(pthread_self()); }
     void OnThreadRun() override { m_pQuestions->Watch(); }
 
   private:
@@ -223,41 +229,42 @@ uint64_t CQuestions::NewId() {
 void CQuestions::Add(uint64_t aId, const CJob& aJob) {
     const CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
     try {
-        m_live.insert(aId);
-        m_due.insert({aJob.m_due, aId});
-        m_waiting.push_back(aId);
-        m_jobs.emplace(aId, aJob);
+        m_Live.insert(aId);
+        m_Due.insert({aJob.m_Due, aId});
+        m_Waiting.push_back(aId);
+        m_Jobs.emplace(aId, aJob);
     } catch (const std::exception&) {
-        m_live.erase(aId);
-        m_due.erase({aJob.m_due, aId});
-        throw;  // what is left in m_waiting is passed over when its turn comes
+        m_Live.erase(aId);
+        m_Due.erase({aJob.m_Due, aId});
+        throw;  // a number left in m_Waiting is skipped when its turn comes
     }
     m_Changed.Signal();
 }
 
 void CQuestions::AddPosted(uint64_t aId) {
     const CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
-    m_live.insert(aId);
+    m_Live.insert(aId);
 }
 
 bool CQuestions::TakeLive(uint64_t aId) {
     const CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
-    return m_live.erase(aId) != 0;
+    return m_Live.erase(aId) != 0;
 }
 
 bool CQuestions::Cancel(uint64_t aId, ACmResolution*& aAnswer) {
     const CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
-    if (m_live.erase(aId) == 0) {
+    if (m_Live.erase(aId) == 0) {
         return false;
     }
-    const auto it = m_jobs.find(aId);
-    if (it != m_jobs.end()) {
+    const auto it = m_Jobs.find(aId);
+    if (it != m_Jobs.end()) {
         aAnswer = it->second.m_pAnswer;
-        m_due.erase({it->second.m_due, aId});
-        m_jobs.erase(it);
+        m_Due.erase({it->second.m_Due, aId});
+        m_Jobs.erase(it);
     }
-    // An answer that is refused ends on the watcher, and may cancel there.
-    while (m_ullPosting == aId && ::pthread_equal(m_watcher, ::pthread_self()) == 0) {
+    // The watcher does not wait for itself: an answer that the queue refuses is destroyed on it,
+    // and that may cancel.
+    while (m_ullPosting == aId && !IsEqualCurrentThread(m_Watcher)) {
         m_Posted.Wait(nullptr);
     }
     return true;
@@ -266,9 +273,9 @@ bool CQuestions::Cancel(uint64_t aId, ACmResolution*& aAnswer) {
 CJobs CQuestions::Close() {
     const CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
     CJobs jobs;
-    jobs.swap(m_jobs);
-    m_due.clear();
-    m_live.clear();
+    jobs.swap(m_Jobs);
+    m_Due.clear();
+    m_Live.clear();
     m_bClosed = true;
     m_Changed.Signal();
     return jobs;
@@ -277,15 +284,15 @@ CJobs CQuestions::Close() {
 void CQuestions::Finish(uint64_t aId, COutcome& aOutcome) {
     const CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
     --m_nLookups;
-    const auto it = m_jobs.find(aId);
-    if (it != m_jobs.end()) {
+    const auto it = m_Jobs.find(aId);
+    if (it != m_Jobs.end()) {
         CJob& job = it->second;
         std::swap(*job.m_pOutcome, aOutcome);
-        // The same node under another key: nothing is allocated.
-        auto due = m_due.extract({job.m_due, aId});
-        job.m_due = CClock::time_point::min();
-        due.value().first = job.m_due;
-        m_due.insert(std::move(due));
+        // The same node is put back under another key, so nothing is allocated.
+        auto due = m_Due.extract({job.m_Due, aId});
+        job.m_Due = CClock::time_point::min();
+        due.value().first = job.m_Due;
+        m_Due.insert(std::move(due));
     }
     m_Changed.Signal();
 }
@@ -295,7 +302,7 @@ void CQuestions::Watch() {
     }
 }
 
-// One answer, one lookup or one wait; false when the resolver has ended.
+// Delivers one answer, starts one lookup or waits once; false after Close.
 bool CQuestions::StepOrWait() {
     CJobs::node_type due;
     uint64_t ullId = 0;
@@ -316,29 +323,28 @@ bool CQuestions::StepOrWait() {
     } else if (ullId != 0) {
         StartLookup(ullId, strName, family);
     } else {
-        const timespec pause = {0, 10 * 1000 * 1000};  // rather than spin where no wait works
-        g_cmSystem.nanosleep(&pause, nullptr);
+        g_cmSystem.nanosleep(&WAIT_FAILURE_NAP, nullptr);
     }
     return true;
 }
 
 CJobs::node_type CQuestions::TakeDue_l() {
-    if (m_due.empty() || m_due.begin()->first > CClock::now()) {
+    if (m_Due.empty() || m_Due.begin()->first > CClock::now()) {
         return {};
     }
-    m_ullPosting = m_due.begin()->second;
-    m_due.erase(m_due.begin());
-    return m_jobs.extract(m_ullPosting);
+    m_ullPosting = m_Due.begin()->second;
+    m_Due.erase(m_Due.begin());
+    return m_Jobs.extract(m_ullPosting);
 }
 
 bool CQuestions::TakeWaiting_l(uint64_t& aId, CCmString& aName, CCmIpAddress::Family& aFamily) {
-    while (m_nLookups < CCmResolver::MAX_LOOKUPS && !m_waiting.empty()) {
-        const auto it = m_jobs.find(m_waiting.front());
-        m_waiting.pop_front();
-        if (it != m_jobs.end()) {
+    while (m_nLookups < CCmResolver::MAX_LOOKUPS && !m_Waiting.empty()) {
+        const auto it = m_Jobs.find(m_Waiting.front());
+        m_Waiting.pop_front();
+        if (it != m_Jobs.end()) {
             aId = it->first;
             aName.swap(it->second.m_strName);
-            aFamily = it->second.m_family;
+            aFamily = it->second.m_eFamily;
             ++m_nLookups;
             return true;
         }
@@ -347,11 +353,11 @@ bool CQuestions::TakeWaiting_l(uint64_t& aId, CCmString& aName, CCmIpAddress::Fa
 }
 
 CmResult CQuestions::Wait_l() {
-    if (m_due.empty()) {
+    if (m_Due.empty()) {
         return m_Changed.Wait(nullptr);
     }
     const auto left =
-        std::chrono::duration_cast<std::chrono::microseconds>(m_due.begin()->first - CClock::now());
+        std::chrono::duration_cast<std::chrono::microseconds>(m_Due.begin()->first - CClock::now());
     CCmTimeValue tvWait =
         std::min(CCmTimeValue(0, static_cast<long>(left.count()) + 1), LONGEST_WAIT);
     return m_Changed.Wait(&tvWait);
@@ -381,14 +387,14 @@ void CQuestions::StartLookup(uint64_t aId, const CCmString& aName, CCmIpAddress:
 
 }  // namespace
 
-struct CM_UTIL_HIDDEN ACmResolution::CState {
-    COutcome m_outcome;
+struct CM_UTIL_HIDDEN ACmResolution::CResolutionState {
+    COutcome m_Outcome;
     uint64_t m_ullId = 0;
     std::shared_ptr<CQuestions> m_pQuestions;  // null until it is asked
 };
 
-struct CM_UTIL_HIDDEN CCmResolver::CState {
-    CState() {
+struct CM_UTIL_HIDDEN CCmResolver::CResolverState {
+    CResolverState() {
         try {
             m_pQuestions = std::make_shared<CQuestions>();
         } catch (const std::exception&) {
@@ -404,7 +410,7 @@ struct CM_UTIL_HIDDEN CCmResolver::CState {
     std::shared_ptr<CQuestions> m_pQuestions;  // null without memory
 };
 
-CmResult CCmResolver::CState::StartWatcher() {
+CmResult CCmResolver::CResolverState::StartWatcher() {
     const CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
     if (m_pWatcher != nullptr) {
         return CM_OK;
@@ -420,17 +426,17 @@ CmResult CCmResolver::CState::StartWatcher() {
 }
 
 // On success the answer is owned.
-CmResult CCmResolver::CState::Ask(std::string_view aName, const CCmTimeValue& aLimit, uint64_t aId,
-                                  CJob& aJob) {
+CmResult CCmResolver::CResolverState::Ask(std::string_view aName, const CCmTimeValue& aLimit,
+                                          uint64_t aId, CJob& aJob) {
     CCmIpAddress address;
     if (aJob.m_pQueue == nullptr || aLimit <= CCmTimeValue()) {
         return CM_ERROR_INVALID_ARG;
     }
     if (CmParseIpAddress(aName, address)) {
         const bool bWanted =
-            aJob.m_family == CCmIpAddress::NONE || aJob.m_family == address.m_family;
+            aJob.m_eFamily == CCmIpAddress::NONE || aJob.m_eFamily == address.m_family;
         aJob.m_pOutcome->m_Result = bWanted ? CM_OK : CM_ERROR_NOT_FOUND;
-        aJob.m_pOutcome->m_addresses.assign(bWanted ? 1 : 0, address);
+        aJob.m_pOutcome->m_Addresses.assign(bWanted ? 1 : 0, address);
         m_pQuestions->AddPosted(aId);
         aJob.m_pQueue->PostEvent(aJob.m_pAnswer, ICmEventQueue::EPRIORITY_NORMAL);
         return CM_OK;
@@ -443,7 +449,7 @@ CmResult CCmResolver::CState::Ask(std::string_view aName, const CCmTimeValue& aL
         return rv;
     }
     aJob.m_strName = aName;
-    aJob.m_due = aLimit.GetSec() >= LONGEST_LIMIT
+    aJob.m_Due = aLimit.GetSec() >= LONGEST_LIMIT
                      ? CClock::time_point::max()
                      : CClock::now() + std::chrono::seconds(aLimit.GetSec()) +
                            std::chrono::microseconds(aLimit.GetUsec());
@@ -456,7 +462,7 @@ ACmResolution::ACmResolution() {
 }
 
 ACmResolution::~ACmResolution() {
-    CState& state = CCmPrivateRoom::Of(m_Private);
+    CResolutionState& state = CCmPrivateRoom::Of(m_Private);
     if (state.m_pQuestions != nullptr) {
         state.m_pQuestions->TakeLive(state.m_ullId);
     }
@@ -464,15 +470,15 @@ ACmResolution::~ACmResolution() {
 }
 
 CmResult ACmResolution::result() const {
-    return CCmPrivateRoom::Of(m_Private).m_outcome.m_Result;
+    return CCmPrivateRoom::Of(m_Private).m_Outcome.m_Result;
 }
 
 const std::vector<CCmIpAddress>& ACmResolution::addresses() const {
-    return CCmPrivateRoom::Of(m_Private).m_outcome.m_addresses;
+    return CCmPrivateRoom::Of(m_Private).m_Outcome.m_Addresses;
 }
 
 CmResult ACmResolution::OnEventFire() {
-    const CState& state = CCmPrivateRoom::Of(m_Private);
+    const CResolutionState& state = CCmPrivateRoom::Of(m_Private);
     if (state.m_pQuestions != nullptr && state.m_pQuestions->TakeLive(state.m_ullId)) {
         OnResolved();
     }
@@ -485,7 +491,7 @@ CCmResolver::CCmResolver() {
 
 CCmResolver::~CCmResolver() {
     CCmDisableCancel disableCancel;
-    CState& state = CCmPrivateRoom::Of(m_Private);
+    CResolverState& state = CCmPrivateRoom::Of(m_Private);
     if (state.m_pQuestions != nullptr) {
         const CJobs jobs = state.m_pQuestions->Close();
         if (state.m_pWatcher != nullptr) {
@@ -506,20 +512,20 @@ CmResult CCmResolver::Resolve(std::string_view aName, ICmEventQueue* aQueue, ACm
     if (aAnswer == nullptr) {
         return CM_ERROR_INVALID_ARG;
     }
-    CState& state = CCmPrivateRoom::Of(m_Private);
+    CResolverState& state = CCmPrivateRoom::Of(m_Private);
     CmResult rv = CM_ERROR_OUT_OF_MEMORY;
     if (state.m_pQuestions != nullptr) {
-        ACmResolution::CState& answer = CCmPrivateRoom::Of(aAnswer->m_Private);
+        ACmResolution::CResolutionState& answer = CCmPrivateRoom::Of(aAnswer->m_Private);
         answer.m_pQuestions = state.m_pQuestions;
         const uint64_t ullId = answer.m_ullId = state.m_pQuestions->NewId();
         if (aId != nullptr) {
             *aId = ullId;
         }
         CJob job;
-        job.m_family = aFamily;
+        job.m_eFamily = aFamily;
         job.m_pQueue = aQueue;
         job.m_pAnswer = aAnswer;
-        job.m_pOutcome = &answer.m_outcome;
+        job.m_pOutcome = &answer.m_Outcome;
         try {
             rv = state.Ask(aName, aLimit, ullId, job);
         } catch (const std::exception&) {
@@ -533,7 +539,7 @@ CmResult CCmResolver::Resolve(std::string_view aName, ICmEventQueue* aQueue, ACm
 
 CmResult CCmResolver::Cancel(uint64_t aId) {
     CCmDisableCancel disableCancel;
-    CState& state = CCmPrivateRoom::Of(m_Private);
+    CResolverState& state = CCmPrivateRoom::Of(m_Private);
     ACmResolution* pAnswer = nullptr;
     if (state.m_pQuestions == nullptr || !state.m_pQuestions->Cancel(aId, pAnswer)) {
         return CM_ERROR_NOT_FOUND;

@@ -9,13 +9,13 @@
 #include "CmBase.h"
 #include "CmConditionVariable.h"
 
-// Defines a variable under the name that another declaration of it has in object files, so that the
-// headers may declare a T where here lies storage for a T that is never destroyed.
+// Defines a variable under the name that the declaration in the public header has in object files:
+// hosts see a T, here is storage for a T that is never destroyed.
 #define CM_TEXT_OF_(x) #x
 #define CM_TEXT_OF(x) CM_TEXT_OF_(x)
 #define CM_NAMED(aMangled) __asm__(CM_TEXT_OF(__USER_LABEL_PREFIX__) aMangled)
 
-// What the GNU library appends to the names of variables of its string and list types.
+// What the GNU library adds to the names of variables of its string and list types.
 #if defined(_GLIBCXX_USE_CXX11_ABI) && _GLIBCXX_USE_CXX11_ABI
 #define CM_NAME_TAG "B5cxx11"
 #else
@@ -26,30 +26,30 @@ namespace UTIL_NS {
 
 class ACmThread;
 
-// Initialised by the compiler.
+// Constant-initialised, and never destroyed: a union does not destroy its member.
 template <class T>
-union CCmReadyStorageT {
-    constexpr CCmReadyStorageT() : m_Object(CCmStaticInit()) {}
-    ~CCmReadyStorageT() {}
+union CReadyStorageT {
+    constexpr CReadyStorageT() : m_Object(CCmStaticInit()) {}
+    ~CReadyStorageT() {}
 
     T m_Object;
 };
 
-CM_CONSTANT_INIT CM_UTIL_EXPORT CCmReadyStorageT<CCmMutexThreadRecursive> g_readySingletonMutex
+CM_CONSTANT_INIT CM_UTIL_EXPORT CReadyStorageT<CCmMutexThreadRecursive> g_readySingletonMutex
     CM_NAMED("_ZN7UTIL_NS16g_SingletonMutexE");
 
-CM_CONSTANT_INIT CM_UTIL_EXPORT CCmReadyStorageT<CCmMutexThread> g_readyReferenceMutex
+CM_CONSTANT_INIT CM_UTIL_EXPORT CReadyStorageT<CCmMutexThread> g_readyReferenceMutex
     CM_NAMED("_ZN7UTIL_NS29s_ReferenceControlMutexThreadE");
 
-CM_CONSTANT_INIT CM_UTIL_EXPORT CCmReadyStorageT<CCmMutexThread> g_readyThreadMutex
+CM_CONSTANT_INIT CM_UTIL_EXPORT CReadyStorageT<CCmMutexThread> g_readyThreadMutex
     CM_NAMED("_ZN7UTIL_NS14g_thread_MutexE");
 
-CM_CONSTANT_INIT CM_UTIL_EXPORT CCmReadyStorageT<CCmMutexThread> g_readyGeneratorMutex
+CM_CONSTANT_INIT CM_UTIL_EXPORT CReadyStorageT<CCmMutexThread> g_readyGeneratorMutex
     CM_NAMED("_ZN7UTIL_NS15low_tick_policy18low_tick_generator5mutexE");
 
-// Zero until CmMakeStatics has made the object.
+// All zeros until CmMakeStatics has made the object; never destroyed.
 template <class T>
-struct CCmMadeStorageT {
+struct CMadeStorageT {
     template <class... Args>
     void Make(Args&&... aArgs) {
         new (m_abyObject) T(std::forward<Args>(aArgs)...);
@@ -58,25 +58,25 @@ struct CCmMadeStorageT {
     alignas(T) unsigned char m_abyObject[sizeof(T)];
 };
 
-CM_UTIL_EXPORT CCmMadeStorageT<CCmString> g_madeConfigFileName
+CM_UTIL_EXPORT CMadeStorageT<CCmString> g_madeConfigFileName
     CM_NAMED("_ZN7UTIL_NS24g_kelto_config_file_name" CM_NAME_TAG "E");
 
-CM_UTIL_EXPORT CCmMadeStorageT<CCmString> g_madeRabbitmqFileName
+CM_UTIL_EXPORT CMadeStorageT<CCmString> g_madeRabbitmqFileName
     CM_NAMED("_ZN7UTIL_NS27g_rabbitmq_config_file_name" CM_NAME_TAG "E");
 
-CM_UTIL_EXPORT CCmMadeStorageT<std::list<ACmThread*>> g_madeThreadList
+CM_UTIL_EXPORT CMadeStorageT<std::list<ACmThread*>> g_madeThreadList
     CM_NAMED("_ZN7UTIL_NS12g_threadList" CM_NAME_TAG "E");
 
-CM_UTIL_EXPORT CCmMadeStorageT<std::locale> g_madeLocale CM_NAMED("_ZN7UTIL_NS6ccuLocE");
+CM_UTIL_EXPORT CMadeStorageT<std::locale> g_madeLocale CM_NAMED("_ZN7UTIL_NS6ccuLocE");
 
-// A reference lies in memory as a pointer.
-typedef std::codecvt<wchar_t, char, std::mbstate_t> CCmCodecvt;
-CM_UTIL_EXPORT const CCmCodecvt* g_madeCodecvt CM_NAMED("_ZN7UTIL_NS8ccuCvterE") = nullptr;
+// Declared to hosts as a reference, which lies in memory as a pointer.
+typedef std::codecvt<wchar_t, char, std::mbstate_t> CodecvtType;
+CM_UTIL_EXPORT const CodecvtType* g_madeCodecvt CM_NAMED("_ZN7UTIL_NS8ccuCvterE") = nullptr;
 
 namespace {
 
-// A name that finds no memory is empty.
-void MakeText(CCmMadeStorageT<CCmString>& aStorage, const char* aText) {
+// Without memory for aText the name is empty.
+void MakeText(CMadeStorageT<CCmString>& aStorage, const char* aText) {
     try {
         aStorage.Make(aText);
     } catch (const std::bad_alloc&) {
@@ -89,7 +89,7 @@ bool MakeAll() {
     MakeText(g_madeRabbitmqFileName, "rabbitmq-config.xml");
     g_madeThreadList.Make();
     g_madeLocale.Make(std::locale::classic());
-    g_madeCodecvt = &std::use_facet<CCmCodecvt>(std::locale::classic());
+    g_madeCodecvt = &std::use_facet<CodecvtType>(std::locale::classic());
     return true;
 }
 

@@ -238,9 +238,8 @@ void PrintIpv6(CPrinter& aPrinter, const CCmIpAddress& aAddress) {
     }
     if (aAddress.m_achZone[0] != '\0') {
         aPrinter.Put('%');
-        aPrinter.Put(
-            std::string_view(aAddress.m_achZone.data(),
-                             ::strnlen(aAddress.m_achZone.data(), CCmIpAddress::MAX_ZONE)));
+        aPrinter.Put(std::string_view(aAddress.m_achZone.data(),
+                                      strnlen(aAddress.m_achZone.data(), CCmIpAddress::MAX_ZONE)));
     }
 }
 
@@ -255,7 +254,7 @@ void PrintAddress(CPrinter& aPrinter, const CCmIpAddress& aAddress) {
 // A zone's number: the zone itself if it is one, else that of the interface of this name.
 CmResult ScopeOf(const CCmIpAddress& aAddress, uint32_t& aScope) {
     const std::string_view zone(aAddress.m_achZone.data(),
-                                ::strnlen(aAddress.m_achZone.data(), CCmIpAddress::MAX_ZONE));
+                                strnlen(aAddress.m_achZone.data(), CCmIpAddress::MAX_ZONE));
     aScope = 0;
     if (zone.empty() || CmParseNumber(zone, aScope)) {
         return CM_OK;

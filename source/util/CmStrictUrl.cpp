@@ -5,6 +5,7 @@
 
 #include "CmAscii.h"
 #include "CmStrictResult.h"
+#include "CmWithMemory.h"
 
 namespace UTIL_NS {
 
@@ -262,17 +263,6 @@ CCmParsed ParseInto(std::string_view aText, bool aNeedsScheme, CCmUrlParts& aUrl
     return parsed;
 }
 
-// Runs what may throw for want of memory.
-template <class Function>
-CmResult WithMemory(Function aFunction) {
-    try {
-        aFunction();
-        return CM_OK;
-    } catch (const std::exception&) {
-        return CM_ERROR_OUT_OF_MEMORY;
-    }
-}
-
 // RFC 3986, 5.2.4. In linear time: a step takes one segment off the input, and off the path no more
 // than an earlier step put there.
 CCmString WithoutDots(std::string_view aInput) {
@@ -484,23 +474,23 @@ uint16_t CmUrlPort(const CCmUrlParts& aUrl) {
 }
 
 CmResult CmComposeUrl(const CCmUrlParts& aUrl, CCmString& aText) {
-    return WithMemory([&] { aText = Composed(aUrl); });
+    return CmWithMemory([&] { aText = Composed(aUrl); });
 }
 
 CmResult CmResolveUrl(const CCmUrlParts& aBase, const CCmUrlParts& aReference, CCmString& aText) {
-    return WithMemory([&] {
+    return CmWithMemory([&] {
         CCmString strPath;
         aText = Composed(Resolved(aBase, aReference, strPath));
     });
 }
 
 CmResult CmNormalizeUrl(const CCmUrlParts& aUrl, CCmString& aText) {
-    return WithMemory([&] { aText = NormalForm(aUrl); });
+    return CmWithMemory([&] { aText = NormalForm(aUrl); });
 }
 
 CCmParsed CmPercentDecode(std::string_view aEncoded, CCmString& aText, CmPlus aPlus) {
     CCmParsed parsed;
-    const CmResult rv = WithMemory([&] {
+    const CmResult rv = CmWithMemory([&] {
         CCmString strText;
         strText.reserve(aEncoded.size());
         for (size_t i = 0; i < aEncoded.size(); ++i) {
@@ -524,7 +514,7 @@ CCmParsed CmPercentDecode(std::string_view aEncoded, CCmString& aText, CmPlus aP
 
 CmResult CmPercentEncode(std::string_view aText, CCmString& aEncoded) {
     constexpr char HEX[] = "0123456789ABCDEF";
-    return WithMemory([&] {
+    return CmWithMemory([&] {
         CCmString strEncoded;
         for (const char ch : aText) {
             if (IsIn(ch, UNRESERVED)) {

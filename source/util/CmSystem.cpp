@@ -14,7 +14,7 @@ namespace UTIL_NS {
 
 namespace {
 
-// The calls themselves take a variable number of arguments.
+// The system's functions take a variable number of arguments, so their types do not fit the table.
 int Fcntl(int aFile, int aCommand, struct flock* aLock) {
     return ::fcntl(aFile, aCommand, aLock);
 }
@@ -27,15 +27,9 @@ int Open(const char* aPath, int aFlags, mode_t aMode) {
     return ::open(aPath, aFlags, aMode);
 }
 
-// Where the C library has no function of that name it is an inline one.
+// In some C libraries fstat is only an inline function.
 int Fstat(int aFile, struct stat* aStatus) {
     return ::fstat(aFile, aStatus);
-}
-
-// Declared with an array of known size, which its pointer type would carry on.
-int Regexec(const regex_t* aExpression, const char* aText, size_t aCount, regmatch_t* aMatches,
-            int aFlags) {
-    return ::regexec(aExpression, aText, aCount, aMatches, aFlags);
 }
 
 }  // namespace
@@ -101,7 +95,7 @@ CCmSystemTable g_cmSystem = {
     ::fdopen,
     ::fgets,
     ::regcomp,
-    Regexec,
+    ::regexec,
     ::malloc,
     ::strdup,
     ::if_nametoindex,

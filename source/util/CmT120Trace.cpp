@@ -86,9 +86,10 @@ void FormatModuleKey(char (&aKey)[KEY_SIZE], const char* aProcess, const char* a
     std::snprintf(aKey, sizeof(aKey), "%s.%s.%s", aProcess, aModule, aLevelName);
 }
 
-// Numbers the readings of the configuration.
+// Numbers the readings of the configuration in the order in which they begin.
 std::atomic<uint32_t> s_dwReadings{0};
 
+// Holds also when the numbers have wrapped.
 bool IsEarlier(uint32_t aReading, uint32_t aOther) {
     return static_cast<int32_t>(aReading - aOther) < 0;
 }
@@ -126,7 +127,8 @@ void RecordDisabledKey(CSettings& aSettings, const char* aKey) {
 void ReadModule(CSettings& aSettings, const char* aProcess, const char* aModule,
                 const CCmT120TraceMapEntry* aLevelTable, unsigned long aLevelCount) {
     for (const CCmTraceLevel& level : CM_TRACE_LEVELS) {
-        if (level.m_eModules == CCmTraceLevel::MODULES_NONE || level.m_ulLevel >= aLevelCount) {
+        if (level.m_eModules == CCmTraceLevel::MODULES_NONE || level.m_ulLevel >= aLevelCount ||
+            aLevelTable[level.m_ulLevel].m_pszName == nullptr) {
             continue;
         }
         char szKey[KEY_SIZE];
@@ -172,8 +174,8 @@ void ReadSettings(CSettings& aSettings, const char* aProcess,
     ReadModules(aSettings, aProcess, aLevelTable, aLevelCount);
 }
 
-// To every trace file, which keeps those of a later reading. One mutex for both facilities, whose
-// readings go to the same files.
+// Hands the settings to every trace file, unless those of a later reading are there already. One
+// mutex for both facilities, whose readings go to the same files.
 void RefreshFiles(const CSettings& aSettings, uint32_t aReading) {
     static uint32_t s_dwReading = 0;
     CCmScopedLockT<CCmMutexThread> lock(s_fileSettingsMutex.m_Lock);
@@ -196,7 +198,7 @@ CCmT120Trace* CCmT120Trace::instance() {
 
 bool CCmT120Trace::is_wanted(unsigned long aLevel) {
     const CCmT120Trace* pFacility = t120_trace.load(std::memory_order_acquire);
-    return pFacility == nullptr || CState::PassingFunction(*pFacility, aLevel) != nullptr;
+    return pFacility == nullptr || CTraceState::PassingFunction(*pFacility, aLevel) != nullptr;
 }
 
 // Its mutex needs no system call, so the construction has nothing to trace.
@@ -226,7 +228,7 @@ CCmT120Trace::CCmT120Trace(const char* aName, CCmT120TraceMapEntry* aLevelTable,
         m_nDayOfMonth = date.tm_mday;
         m_nMonth = date.tm_mon + 1;
     }
-    CState::OpenBundle(*this);
+    CTraceState::OpenBundle(*this);
 }
 
 CCmT120Trace::~CCmT120Trace() {
@@ -235,7 +237,7 @@ CCmT120Trace::~CCmT120Trace() {
     CCmPrivateRoom::End(m_Private);
 }
 
-void CCmT120Trace::CState::OpenBundle(CCmT120Trace& aFacility) {
+void CCmT120Trace::CTraceState::OpenBundle(CCmT120Trace& aFacility) {
     CCmScopedLockT<CCmMutexThreadRecursive> lock(aFacility.m_Mutex);
     char szPath[MODULE_PATH_SIZE];
     if (FindBundle(szPath)) {
@@ -268,14 +270,15 @@ void CCmT120Trace::Close() {
 }
 
 unsigned char CCmT120Trace::load(void* aFile) {
-    CState::Load(*this, aFile, nullptr);
+    CTraceState::Load(*this, aFile, nullptr);
     return 1;
 }
 
-void CCmT120Trace::CState::Load(CCmT120Trace& aFacility, void* aFile, CCmString* aLogPath) {
+void CCmT120Trace::CTraceState::Load(CCmT120Trace& aFacility, void* aFile, CCmString* aLogPath) {
     CCmTraceGuard guard;
     std::atomic<void*>& hFile = aFacility.m_hTraceFiles[0];
-    // Acquires what the thread that loaded has set, for those that this one gives the facility to.
+    // Another thread may have loaded the facility. Acquire: whoever gets the facility from this
+    // thread finds all that was set there.
     if (aFile == nullptr && hFile.load(std::memory_order_acquire) != nullptr) {
         return;
     }
@@ -285,18 +288,18 @@ void CCmT120Trace::CState::Load(CCmT120Trace& aFacility, void* aFile, CCmString*
         ConfiguredSizeLimit(pszFileName != nullptr ? pszFileName : get_process_name());
     void* hNew = OpenFile(aFacility, aFile, ulSizeLimit, aLogPath);
     aFacility.read_config();
-    // Last: without a record every text is dropped, so none passes before the switches are known.
-    // The release pairs with the acquire above. A thread that loaded meanwhile has come first: the
-    // record is the same.
+    // Stored last: without a record every text is dropped, so none passes before the switches are
+    // read. The release pairs with the acquire above. If another thread has stored one meanwhile,
+    // it is the same record, as the name of the file is the same.
     void* hNone = nullptr;
     hFile.compare_exchange_strong(hNone, hNew, std::memory_order_release,
                                   std::memory_order_relaxed);
 }
 
-// Closes aFile (see load) and opens a record. One that replaces the facility's own takes its place
-// at once; the first one, which the caller is to store, is returned.
-void* CCmT120Trace::CState::OpenFile(CCmT120Trace& aFacility, void* aFile, unsigned long aSizeLimit,
-                                     CCmString* aLogPath) {
+// Closes aFile (see load) and opens a record, which is returned. If aFile was the facility's own
+// record, the new one takes its place at once; a first one is stored by the caller.
+void* CCmT120Trace::CTraceState::OpenFile(CCmT120Trace& aFacility, void* aFile,
+                                          unsigned long aSizeLimit, CCmString* aLogPath) {
     CCmScopedLockT<CCmMutexThreadRecursive> lock(aFacility.m_Mutex);
     std::atomic<void*>& hFile = aFacility.m_hTraceFiles[0];
     char szPath[FILE_PATH_SIZE];
@@ -315,8 +318,8 @@ void* CCmT120Trace::CState::OpenFile(CCmT120Trace& aFacility, void* aFile, unsig
     return hNew;
 }
 
-bool CCmT120Trace::CState::BuildFilePath(const CCmT120Trace& aFacility, char* aPath, size_t aSize,
-                                         CCmString* aLogPath) {
+bool CCmT120Trace::CTraceState::BuildFilePath(const CCmT120Trace& aFacility, char* aPath,
+                                              size_t aSize, CCmString* aLogPath) {
     const char* pszDir = get_trace_dir();
     const char* pszFileName = aFacility.m_pszFileName;
     if (pszFileName == nullptr) {
@@ -337,7 +340,7 @@ bool CCmT120Trace::CState::BuildFilePath(const CCmT120Trace& aFacility, char* aP
     return *aPath != '\0';
 }
 
-// The configuration is read before the lock is taken: one may have to wait for it.
+// The configuration is read before the lock is taken, since its file may keep the reader waiting.
 void CCmT120Trace::read_config() {
     CCmTraceGuard guard;
     const uint32_t dwReading = s_dwReadings.fetch_add(1, std::memory_order_relaxed) + 1;
@@ -345,8 +348,8 @@ void CCmT120Trace::read_config() {
     ReadSettings(settings, get_process_name(), m_pLevelTable, m_ulLevelCount);
     {
         CCmScopedLockT<CCmMutexThreadRecursive> lock(m_Mutex);
-        // Threads that read at once come here in any order. The switches are those of the reading
-        // that began last, since only that has surely seen the file as it is now.
+        // Threads that read at the same time come here in any order. The reading that began last
+        // counts: only that one is sure to have seen the file as it is now.
         uint32_t& dwInForce = CCmPrivateRoom::Of(m_Private).m_dwReading;
         if (IsEarlier(dwReading, dwInForce)) {
             return;
@@ -369,7 +372,7 @@ void refresh_trace_config() {
     CCmT120Trace::instance()->read_config();
 }
 
-constexpr CCmT120Trace::CState::FunctionField CCmT120Trace::CState::FieldOf(
+constexpr CCmT120Trace::CTraceState::FunctionField CCmT120Trace::CTraceState::FieldOf(
     CCmTraceLevel::EFunction aFunction) {
     switch (aFunction) {
         case CCmTraceLevel::FUNCTION_DEBUG:
@@ -385,7 +388,8 @@ constexpr CCmT120Trace::CState::FunctionField CCmT120Trace::CState::FieldOf(
     }
 }
 
-constexpr CCmT120Trace::CState::CFunctionFields CCmT120Trace::CState::MakeFunctionFields() {
+constexpr CCmT120Trace::CTraceState::CFunctionFields
+CCmT120Trace::CTraceState::MakeFunctionFields() {
     CFunctionFields fields = {};
     for (const CCmTraceLevel& level : CM_TRACE_LEVELS) {
         fields.m_Fields[level.m_ulLevel] = FieldOf(level.m_eFunction);
@@ -393,24 +397,25 @@ constexpr CCmT120Trace::CState::CFunctionFields CCmT120Trace::CState::MakeFuncti
     return fields;
 }
 
-constexpr CCmT120Trace::CState::CFunctionFields CCmT120Trace::CState::s_functionFields =
+constexpr CCmT120Trace::CTraceState::CFunctionFields CCmT120Trace::CTraceState::s_functionFields =
     MakeFunctionFields();
 
-CCmT120Trace::LevelFunction CCmT120Trace::CState::PassingFunction(const CCmT120Trace& aFacility,
-                                                                  unsigned long aLevel) {
+CCmT120Trace::LevelFunction CCmT120Trace::CTraceState::PassingFunction(
+    const CCmT120Trace& aFacility, unsigned long aLevel) {
+    // Relaxed: the record is only compared with null, and each switch stands for itself.
     if (aFacility.m_hTraceFiles[0].load(std::memory_order_relaxed) == nullptr ||
         aFacility.m_bEnabled.load(std::memory_order_relaxed) != 1 ||
         !IsLevelOn(aFacility, aLevel)) {
         return nullptr;
     }
-    // The number that the table of a host gives the level may be any.
+    // A host's own table may give the level any number.
     const unsigned long ulLevel = aFacility.m_pLevelTable[aLevel].m_ulLevel;
     const FunctionField pField =
         ulLevel < CM_TRACE_LEVEL_COUNT ? s_functionFields.m_Fields[ulLevel] : nullptr;
     return pField != nullptr ? (aFacility.*pField).load(std::memory_order_relaxed) : nullptr;
 }
 
-bool CCmT120Trace::CState::IsLevelOn(const CCmT120Trace& aFacility, unsigned long aLevel) {
+bool CCmT120Trace::CTraceState::IsLevelOn(const CCmT120Trace& aFacility, unsigned long aLevel) {
     return aLevel < aFacility.m_ulLevelCount &&
            aFacility.m_pLevelTable[aLevel].m_bEnabled.load(std::memory_order_relaxed) != 0;
 }
@@ -420,16 +425,16 @@ void CCmT120Trace::trace_string(unsigned long aLevel, char* aText) {
 }
 
 void CCmT120Trace::trace_string(unsigned long aLevel, const char* /*aModule*/, char* aText) {
-    if (LevelFunction pfnLevel = CState::PassingFunction(*this, aLevel)) {
+    if (LevelFunction pfnLevel = CTraceState::PassingFunction(*this, aLevel)) {
         pfnLevel(DELIVERED_MODULE, "%s", aText);
     }
 }
 
 unsigned char CCmT120Trace::enable_trace_print(unsigned long aLevel, const char* aModule) {
-    if (m_bEnabled.load(std::memory_order_relaxed) == 0 || !CState::IsLevelOn(*this, aLevel)) {
+    if (m_bEnabled.load(std::memory_order_relaxed) == 0 || !CTraceState::IsLevelOn(*this, aLevel)) {
         return 0;
     }
-    if (aModule == nullptr) {
+    if (aModule == nullptr || m_pLevelTable[aLevel].m_pszName == nullptr) {
         return 1;
     }
     CCmTraceGuard guard;

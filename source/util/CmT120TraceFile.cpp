@@ -31,14 +31,16 @@ constexpr size_t MARKER_LENGTH = sizeof(MARKER) - 1;
 static_assert(MARKER_LENGTH == 73, "71 characters and two line ends");
 
 constexpr size_t HEADER_LENGTH = 32;  // bytes, the line end included
-// A larger number in a header is none that was written here: with it, the sum of a position and
-// the length of lines could overflow.
+// A header with a larger number was not written here. Up to this one, the sum of a position and the
+// length of lines does not overflow.
 constexpr long POSITION_MAX = LONG_MAX / 2;
 constexpr size_t LINE_SIZE = 2048;  // bytes of the line buffer for each line of a flush
-// The size of the line buffer stays an int, as the length is that snprintf returns.
+// The size of the line buffer fits an int, in which snprintf returns its length.
 constexpr int FLUSH_COUNT_MAX = (INT_MAX - 1) / static_cast<int>(LINE_SIZE);
-constexpr int VALID = 20050704;
-constexpr unsigned long EXIT_WAIT = 200;             // ms
+constexpr int VALID = 20050704;  // the mark of a record that lives
+// How long a manager's destructor lets threads finish the lines that they are writing.
+constexpr unsigned long EXIT_WAIT = 200;  // ms
+// Between two requests for a file's lock while the system takes the wait for a deadlock.
 constexpr timespec DEADLOCK_NAP = {0, 1000 * 1000};  // 1 ms
 
 constexpr char FILTER_FILE[] = "conf/keltoexp.filter";
@@ -90,7 +92,7 @@ int FormatLine(char* aBuffer, size_t aSize, bool aShared, const char* aTag, cons
     return std::snprintf(aBuffer, aSize, "%s [%s] %s:%s\n", szStamp, aTag, aModule, aText);
 }
 
-// Whole transfers, however many calls they take; false when one fails.
+// Writes all of it, in as many calls as it takes; false when one fails.
 bool WriteFully(int aDescriptor, const char* aText, size_t aLength, off_t aOffset) {
     while (aLength > 0) {
         const ssize_t nWritten = g_cmSystem.pwrite(aDescriptor, aText, aLength, aOffset);
@@ -107,14 +109,15 @@ bool WriteFully(int aDescriptor, const char* aText, size_t aLength, off_t aOffse
     return true;
 }
 
-// Beyond the process's limit a write, or a file that is made longer, raises a signal that ends it.
+// Beyond the process's limit a write, or making a file longer, raises a signal (SIGXFSZ) that kills
+// the process.
 bool IsWithinFileSizeLimit(long aEnd) {
     rlimit limit = {RLIM_INFINITY, RLIM_INFINITY};
-    ::getrlimit(RLIMIT_FSIZE, &limit);
+    getrlimit(RLIMIT_FSIZE, &limit);
     return static_cast<rlim_t>(aEnd) <= limit.rlim_cur;
 }
 
-// The start of a file. Where the file is shorter, the rest of aBuffer stays as it is.
+// Reads the start of a file; in a shorter one the rest of aBuffer stays as it is.
 bool ReadFully(int aDescriptor, char* aBuffer, size_t aLength) {
     for (size_t nDone = 0; nDone < aLength;) {
         const ssize_t nRead = g_cmSystem.pread(aDescriptor, aBuffer + nDone, aLength - nDone,
@@ -134,14 +137,16 @@ bool ReadFully(int aDescriptor, char* aBuffer, size_t aLength) {
 
 // What a record keeps beside its stated fields, and its steps.
 //
-// m_Mutex guards the fields that change, but for m_pNext, which is the manager's. It is held while
-// lines are composed and written, and never while a thread waits for another process: who writes
-// to a shared file takes the file's turn (CmFileTurn.h) and the lock of the file first, and m_Mutex
-// after that.
-struct CM_UTIL_HIDDEN CCmT120TraceFile::CState {
-    explicit CState(CCmT120TraceFile& aFile) : m_File(aFile) {}
+// m_Mutex guards the fields that change, but for m_pNext, which the manager guards. It is held
+// while lines are composed and written, but never while a thread waits for another process: to
+// write to a shared file, a thread takes first the file's turn (CmFileTurn.h), then the lock of the
+// file, and m_Mutex last.
+struct CM_UTIL_HIDDEN CCmT120TraceFile::CRecordState {
+    explicit CRecordState(CCmT120TraceFile& aFile) : m_File(aFile) {}
 
-    void End();
+    // Flushes, and closes the attached file. From then on the record drops every line and attaches
+    // no file.
+    void Close();
 
     FILE* Stream();
     bool HasLineBuffer();
@@ -185,7 +190,7 @@ CCmT120TraceFile::CCmT120TraceFile(const char* aName, unsigned long aSizeLimit,
 
 CCmT120TraceFile::~CCmT120TraceFile() {
     CCmTraceGuard guard;
-    CCmPrivateRoom::Of(m_Private).End();
+    CCmPrivateRoom::Of(m_Private).Close();
     std::free(m_pchLines);
     std::free(m_pszName);
     CCmPrivateRoom::End(m_Private);
@@ -193,7 +198,7 @@ CCmT120TraceFile::~CCmT120TraceFile() {
 
 CmResult CCmT120TraceFile::attach(const char* aPath) {
     CCmTraceGuard guard;
-    CState& state = CCmPrivateRoom::Of(m_Private);
+    CRecordState& state = CCmPrivateRoom::Of(m_Private);
     CCmScopedLockT<CCmMutexThread> lock(state.m_Mutex);
     if (m_pStream != nullptr) {
         return CM_ERROR_ALREADY_INITIALIZED;
@@ -211,7 +216,7 @@ CmResult CCmT120TraceFile::attach(const char* aPath) {
 
 void CCmT120TraceFile::write(const char* aTag, const char* aModule, const char* aText) {
     CCmTraceGuard guard;
-    CState& state = CCmPrivateRoom::Of(m_Private);
+    CRecordState& state = CCmPrivateRoom::Of(m_Private);
     if (m_bShared) {
         if (state.HasLineBuffer()) {
             write_shared(aTag, aModule, aText);
@@ -232,15 +237,15 @@ void CCmT120TraceFile::write(const char* aTag, const char* aModule, const char* 
 
 void CCmT120TraceFile::write_shared(const char* aTag, const char* aModule, const char* aText) {
     CCmTraceGuard guard;
-    CState& state = CCmPrivateRoom::Of(m_Private);
+    CRecordState& state = CCmPrivateRoom::Of(m_Private);
     FILE* const pStream = state.Stream();
     if (aText == nullptr || pStream == nullptr) {
         return;
     }
-    // Another process may keep the file's lock for any time. Meanwhile this thread has the file's
-    // turn and no lock, so that only those who write to the same file wait with it.
+    // Another process may hold the file's lock for any time. While this thread waits for it, it has
+    // the file's turn but not m_Mutex, so that only threads that write to the same file wait too.
     CCmFileTurn turn(pStream);
-    if (!turn.held()) {
+    if (!turn.IsHeld()) {
         return;
     }
     state.RequestFileLock(m_LockRequest);
@@ -253,7 +258,7 @@ void CCmT120TraceFile::write_shared(const char* aTag, const char* aModule, const
 
 void CCmT120TraceFile::flush_buffer() {
     CCmTraceGuard guard;
-    CState& state = CCmPrivateRoom::Of(m_Private);
+    CRecordState& state = CCmPrivateRoom::Of(m_Private);
     CCmScopedLockT<CCmMutexThread> lock(state.m_Mutex);
     state.Flush_l();
 }
@@ -261,7 +266,7 @@ void CCmT120TraceFile::flush_buffer() {
 // A new flush count needs a line buffer of another size; the old one has been flushed by then.
 unsigned char CCmT120TraceFile::refresh_settings(unsigned long aSizeLimit, int aFlushCount) {
     CCmTraceGuard guard;
-    CState& state = CCmPrivateRoom::Of(m_Private);
+    CRecordState& state = CCmPrivateRoom::Of(m_Private);
     CCmScopedLockT<CCmMutexThread> lock(state.m_Mutex);
     state.Flush_l();
     m_ulSizeLimit = aSizeLimit;
@@ -281,26 +286,25 @@ unsigned char CCmT120TraceFile::is_same_file(const char* aName) const {
     return aName != nullptr && m_pszName != nullptr && std::strcmp(aName, m_pszName) == 0 ? 1 : 0;
 }
 
-// Flushes, and closes the attached file. From then on the record drops every line and attaches no
-// file.
-void CCmT120TraceFile::CState::End() {
+void CCmT120TraceFile::CRecordState::Close() {
     FILE* pStream;
     {
         CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
         Flush_l();
         pStream = std::exchange(m_File.m_pStream, nullptr);
-        // The destructor's mark is for those who look at freed memory with a debugger. No code
-        // reads it after that, so the compiler would leave an ordinary store out.
+        // For those who look at freed memory with a debugger. Volatile: in a destructor the
+        // compiler would drop an ordinary store, which no code reads.
         *const_cast<volatile int*>(&m_File.m_nValidity) = 0;
     }
-    // Unlocked, and only now that no thread finds the stream here any more.
+    // After the mutex was released: it is the innermost lock, and closing takes the file's turn. No
+    // thread finds the stream in the record any more.
     if (pStream != nullptr) {
         CmCloseTurnFile(pStream);
     }
 }
 
-void CCmT120TraceFile::CState::CollectLine_l(const char* aTag, const char* aModule,
-                                             const char* aText) {
+void CCmT120TraceFile::CRecordState::CollectLine_l(const char* aTag, const char* aModule,
+                                                   const char* aText) {
     const size_t nRoom =
         static_cast<size_t>(m_File.m_nFlushCount) * LINE_SIZE - m_File.m_ulBufferedBytes;
     char* pchLine = m_File.m_pchLines + m_File.m_ulBufferedBytes;
@@ -320,41 +324,43 @@ void CCmT120TraceFile::CState::CollectLine_l(const char* aTag, const char* aModu
     ++m_File.m_nBufferedLines;
 }
 
-// Lines that cannot be written are lost, rather than filling the buffer for good.
-void CCmT120TraceFile::CState::Flush_l() {
+// Lines that cannot be written are dropped: kept, they would fill the buffer, and no later line
+// would find room.
+void CCmT120TraceFile::CRecordState::Flush_l() {
     if (m_File.m_pStream == nullptr || m_File.m_ulBufferedBytes == 0) {
         return;
     }
     long lPosition = 0;
     if (ReadPosition_l(lPosition)) {
-        // The position stays where it is; only a shared record starts at the top again.
+        // The file is cut off, but lines go on at the same position; only a shared record starts at
+        // the top again.
         if (IsAtLimit_l(lPosition)) {
             Truncate_l(lPosition);
-            m_File.m_bWrapped = 1;
+            m_File.m_bWrapped = 1;  // a required field; nobody reads it
         }
         WriteAt_l(lPosition, m_File.m_pchLines, m_File.m_ulBufferedBytes);
     }
     ForgetLines_l();
 }
 
-void CCmT120TraceFile::CState::ForgetLines_l() {
+void CCmT120TraceFile::CRecordState::ForgetLines_l() {
     m_File.m_ulBufferedBytes = 0;
     m_File.m_nBufferedLines = 0;
 }
 
-FILE* CCmT120TraceFile::CState::Stream() {
+FILE* CCmT120TraceFile::CRecordState::Stream() {
     CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
     return m_File.m_pStream;
 }
 
-bool CCmT120TraceFile::CState::HasLineBuffer() {
+bool CCmT120TraceFile::CRecordState::HasLineBuffer() {
     CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
     return m_File.m_pchLines != nullptr;
 }
 
-// With the file's lock. The record may have ended while that was waited for.
-void CCmT120TraceFile::CState::WriteShared_l(const char* aTag, const char* aModule,
-                                             const char* aText) {
+// With the file's lock. The record may have been closed while this thread waited for that.
+void CCmT120TraceFile::CRecordState::WriteShared_l(const char* aTag, const char* aModule,
+                                                   const char* aText) {
     long lPosition = 0;
     if (m_File.m_pStream == nullptr || !ReadPosition_l(lPosition)) {
         return;
@@ -366,9 +372,9 @@ void CCmT120TraceFile::CState::WriteShared_l(const char* aTag, const char* aModu
     WriteLine_l(lPosition, aTag, aModule, aText);
 }
 
-// A line of any length; one that needs more memory than there is goes out cut.
-void CCmT120TraceFile::CState::WriteLine_l(long aPosition, const char* aTag, const char* aModule,
-                                           const char* aText) {
+// A line of any length; one for which there is no memory is cut to LINE_SIZE.
+void CCmT120TraceFile::CRecordState::WriteLine_l(long aPosition, const char* aTag,
+                                                 const char* aModule, const char* aText) {
     if (regex_match(aModule) == 0) {
         WriteAt_l(aPosition, "", 0);
         return;
@@ -395,13 +401,15 @@ void CCmT120TraceFile::CState::WriteLine_l(long aPosition, const char* aTag, con
     std::free(pszLong);
 }
 
-// Waits until the lock is taken or released. Any other failure leaves the line to be written
-// unlocked. In the file's turn: the descriptor is open, and no other thread asks.
+// Called in the file's turn: the descriptor is open, and no other thread makes a request for the
+// file. Repeats what was interrupted or refused for a time; after any other failure the line is
+// written without the lock.
 //
-// The system takes a process for one owner: it refuses a lock when another process holds it that in
-// turn waits for a lock of some other thread here. No thread of ours waits for a second lock, so
-// that is no deadlock but a matter of time.
-void CCmT120TraceFile::CState::RequestFileLock(struct flock& aRequest) const {
+// The system sees a process as one owner. It reports a deadlock when the process that holds this
+// file's lock waits for another file's lock that another thread of this process holds. No thread
+// here waits for a lock while it holds one, so that lock is soon released, and asking again is
+// enough.
+void CCmT120TraceFile::CRecordState::RequestFileLock(struct flock& aRequest) const {
     while (g_cmSystem.fcntl(m_File.m_nDescriptor, F_SETLKW, &aRequest) < 0) {
         if (errno == EDEADLK) {
             g_cmSystem.nanosleep(&DEADLOCK_NAP, nullptr);
@@ -412,11 +420,11 @@ void CCmT120TraceFile::CState::RequestFileLock(struct flock& aRequest) const {
 }
 
 // The position in the header; 0 where there is none. False when it cannot be read: then nothing
-// may be written, since it could go over lines that are there.
+// may be written, since that could overwrite lines.
 //
-// Files are read and written by their descriptor, not through the stream, whose buffer would hide
-// what another process has changed. The stream owns the descriptor, no more.
-bool CCmT120TraceFile::CState::ReadPosition_l(long& aPosition) const {
+// Files are read and written by their descriptor; the stream, a required field, only owns it. Its
+// buffer would hide what another process has changed.
+bool CCmT120TraceFile::CRecordState::ReadPosition_l(long& aPosition) const {
     char szHeader[HEADER_LENGTH + 1] = {};
     if (!ReadFully(m_File.m_nDescriptor, szHeader, HEADER_LENGTH)) {
         return false;
@@ -425,12 +433,12 @@ bool CCmT120TraceFile::CState::ReadPosition_l(long& aPosition) const {
     return aPosition >= 0 && aPosition <= POSITION_MAX;
 }
 
-bool CCmT120TraceFile::CState::IsAtLimit_l(long aPosition) const {
+bool CCmT120TraceFile::CRecordState::IsAtLimit_l(long aPosition) const {
     return m_File.m_ulSizeLimit != 0 &&
            static_cast<unsigned long>(aPosition) >= m_File.m_ulSizeLimit;
 }
 
-void CCmT120TraceFile::CState::Truncate_l(long aPosition) {
+void CCmT120TraceFile::CRecordState::Truncate_l(long aPosition) {
     if (!IsWithinFileSizeLimit(aPosition)) {
         return;
     }
@@ -438,9 +446,9 @@ void CCmT120TraceFile::CState::Truncate_l(long aPosition) {
     }
 }
 
-// The header is written last. Should anything before it fail, it still has the old position: what
-// was written after that does not count, and the next line goes over it.
-void CCmT120TraceFile::CState::WriteAt_l(long aPosition, const char* aText, size_t aLength) {
+// The header is written last. If a write before it fails, it still has the old position, and the
+// next line overwrites what was written after that.
+void CCmT120TraceFile::CRecordState::WriteAt_l(long aPosition, const char* aText, size_t aLength) {
     const long lEnd = aPosition + static_cast<long>(aLength);
     if (!IsWithinFileSizeLimit(lEnd + static_cast<long>(MARKER_LENGTH)) ||
         !WriteFully(m_File.m_nDescriptor, aText, aLength, aPosition) ||
@@ -452,21 +460,23 @@ void CCmT120TraceFile::CState::WriteAt_l(long aPosition, const char* aText, size
     WriteFully(m_File.m_nDescriptor, szHeader, HEADER_LENGTH, 0);
 }
 
-// What a manager keeps beside its stated fields, and its steps. Nothing constructs it, since
-// g_trace_mgr is in use before any constructor runs: zeroes are a manager that lives.
-struct CM_UTIL_HIDDEN CCmT120TraceFileMgr::CState {
-    static bool HasEnded(const CCmT120TraceFileMgr& aManager);
-    static void EndRecords(CCmT120TraceFileMgr& aManager);
+// What a manager keeps beside its stated fields, and its steps. No constructor makes it, since
+// g_trace_mgr is used before any constructor runs: all zeros are a manager in use.
+struct CM_UTIL_HIDDEN CCmT120TraceFileMgr::CManagerState {
+    static bool IsClosed(const CCmT120TraceFileMgr& aManager);
+    static void CloseRecords(CCmT120TraceFileMgr& aManager);
     static void DeleteRecords(CCmT120TraceFileMgr& aManager);
     static CCmT120TraceFile* Unlink(CCmT120TraceFileMgr& aManager, const void* aRecord);
 
-    std::atomic<bool> m_bEnded;
+    // Set by the destructor. Relaxed: nothing is handed over with it, and a thread that reads it
+    // too late still finds the mutex and the records of g_trace_mgr, which are never freed.
+    std::atomic<bool> m_bClosed;
 };
 
-bool CCmT120TraceFileMgr::CState::HasEnded(const CCmT120TraceFileMgr& aManager) {
-    static_assert(std::is_trivially_default_constructible_v<CState>);
-    static_assert(2 * sizeof(CState) <= sizeof(aManager.m_Private));
-    return CCmPrivateRoom::Of(aManager.m_Private).m_bEnded.load(std::memory_order_relaxed);
+bool CCmT120TraceFileMgr::CManagerState::IsClosed(const CCmT120TraceFileMgr& aManager) {
+    static_assert(std::is_trivially_default_constructible_v<CManagerState>);
+    static_assert(2 * sizeof(CManagerState) <= sizeof(aManager.m_Private));
+    return CCmPrivateRoom::Of(aManager.m_Private).m_bClosed.load(std::memory_order_relaxed);
 }
 
 CM_CONSTANT_INIT CCmT120TraceFileMgr g_trace_mgr;
@@ -474,26 +484,27 @@ CM_CONSTANT_INIT CCmT120TraceFileMgr g_trace_mgr;
 CCmT120TraceFileMgr::~CCmT120TraceFileMgr() {
     CCmTraceGuard guard;
     CmSleepFully(EXIT_WAIT);
-    // Lines that come while the program ends must not take a mutex that is gone.
-    CCmPrivateRoom::Of(m_Private).m_bEnded.store(true, std::memory_order_relaxed);
+    // From here on open and close do nothing: a host's own manager is about to lose its mutex.
+    CCmPrivateRoom::Of(m_Private).m_bClosed.store(true, std::memory_order_relaxed);
     if (this == &g_trace_mgr) {
-        CState::EndRecords(*this);
+        CManagerState::CloseRecords(*this);
     } else {
-        CState::DeleteRecords(*this);
+        CManagerState::DeleteRecords(*this);
         m_Mutex.~CCmMutexThreadRecursive();
     }
 }
 
-// While the program ends, other threads may still use the records and the mutex: those stay.
-void CCmT120TraceFileMgr::CState::EndRecords(CCmT120TraceFileMgr& aManager) {
+// While the program exits, other threads may still use the records and the mutex: they are not
+// freed.
+void CCmT120TraceFileMgr::CManagerState::CloseRecords(CCmT120TraceFileMgr& aManager) {
     CCmScopedLockT<CCmMutexThreadRecursive> lock(aManager.m_Mutex);
     for (CCmT120TraceFile* pFile = aManager.m_pHeader.load(std::memory_order_relaxed);
          pFile != nullptr; pFile = pFile->m_pNext.load(std::memory_order_relaxed)) {
-        CCmPrivateRoom::Of(pFile->m_Private).End();
+        CCmPrivateRoom::Of(pFile->m_Private).Close();
     }
 }
 
-void CCmT120TraceFileMgr::CState::DeleteRecords(CCmT120TraceFileMgr& aManager) {
+void CCmT120TraceFileMgr::CManagerState::DeleteRecords(CCmT120TraceFileMgr& aManager) {
     CCmT120TraceFile* pFile = aManager.m_pHeader.exchange(nullptr, std::memory_order_relaxed);
     while (pFile != nullptr) {
         CCmT120TraceFile* pNext = pFile->m_pNext.load(std::memory_order_relaxed);
@@ -504,7 +515,7 @@ void CCmT120TraceFileMgr::CState::DeleteRecords(CCmT120TraceFileMgr& aManager) {
 
 void* CCmT120TraceFileMgr::open(const char* aName, unsigned long aSizeLimit, unsigned char aShared,
                                 unsigned char aIgnored) {
-    if (CState::HasEnded(*this)) {
+    if (CManagerState::IsClosed(*this)) {
         return nullptr;
     }
     CCmTraceGuard guard;
@@ -524,28 +535,29 @@ void* CCmT120TraceFileMgr::open(const char* aName, unsigned long aSizeLimit, uns
     }
     pNew->m_pNext.store(pHeader, std::memory_order_relaxed);
     // Pairs with the acquire of refresh_settings, which walks the list without the mutex: whoever
-    // finds the record there finds it constructed.
+    // finds the record there finds it constructed. All other accesses to the list are made with the
+    // mutex and so are relaxed.
     m_pHeader.store(pNew, std::memory_order_release);
-    ++m_dwCount;
+    ++m_dwCount;  // a required field; nobody reads it
     return pNew;
 }
 
 void CCmT120TraceFileMgr::close(void* aRecord) {
-    if (CState::HasEnded(*this)) {
+    if (CManagerState::IsClosed(*this)) {
         return;
     }
     CCmTraceGuard guard;
-    delete CState::Unlink(*this, aRecord);
+    delete CManagerState::Unlink(*this, aRecord);
 }
 
 // Takes the record out of the list and returns it, or null when it is not there.
-CCmT120TraceFile* CCmT120TraceFileMgr::CState::Unlink(CCmT120TraceFileMgr& aManager,
-                                                      const void* aRecord) {
+CCmT120TraceFile* CCmT120TraceFileMgr::CManagerState::Unlink(CCmT120TraceFileMgr& aManager,
+                                                             const void* aRecord) {
     CCmScopedLockT<CCmMutexThreadRecursive> lock(aManager.m_Mutex);
     std::atomic<CCmT120TraceFile*>* pLink = &aManager.m_pHeader;
     while (CCmT120TraceFile* pFile = pLink->load(std::memory_order_relaxed)) {
         if (pFile == aRecord) {
-            // As open: the record that becomes visible here was constructed before.
+            // As in open: whoever now finds the next record here finds it constructed.
             pLink->store(pFile->m_pNext.load(std::memory_order_relaxed), std::memory_order_release);
             return pFile;
         }
@@ -606,9 +618,9 @@ namespace {
 
 using FilterLines = char[CM_TRACE_FILTER_COUNT][FILTER_LINE_SIZE];
 
-// Without waiting for the writer of a named pipe.
+// Does not wait for the writer of a named pipe.
 FILE* OpenFilterFile() {
-    const size_t nHome = ::strnlen(g_def_kelto_home_dir, CM_HOME_DIR_SIZE);
+    const size_t nHome = strnlen(g_def_kelto_home_dir, CM_HOME_DIR_SIZE);
     const bool bSlash = nHome > 0 && g_def_kelto_home_dir[nHome - 1] == '/';
     char szPath[FILTER_PATH_SIZE];
     std::snprintf(szPath, sizeof(szPath), "%.*s%s%s", static_cast<int>(nHome), g_def_kelto_home_dir,
@@ -621,7 +633,8 @@ FILE* OpenFilterFile() {
     return pFile;
 }
 
-// 0 also when the file cannot be read to its end, as a named pipe that is still being written.
+// Returns the number of lines; 0 also when the file cannot be read to its end, such as a named pipe
+// that is still being written.
 int ReadFilterLines(FilterLines& aLines) {
     FILE* pFile = OpenFilterFile();
     if (pFile == nullptr) {
@@ -641,13 +654,14 @@ int ReadFilterLines(FilterLines& aLines) {
 
 void FreeFilters() {
     for (int i = 0; i < s_nCompiled; ++i) {
-        ::regfree(&re[i]);
+        regfree(&re[i]);
     }
     s_nCompiled = 0;
     std::memset(re, 0, sizeof(re));
 }
 
-// Each line read and each line compiled counts, so that success ends at twice the lines.
+// regex_cnt counts each line read and each line compiled: twice the filters. It is stored relaxed:
+// regex_match takes the mutex before it looks at the filters.
 void CompileFilters(const FilterLines& aLines, int aCount) {
     int nFilters = aCount;
     for (int i = 0; i < aCount; ++i) {

@@ -17,10 +17,11 @@ namespace UTIL_NS {
 namespace {
 
 constexpr DWORD ALL_EVENTS = 0xFFFFFFFF;
-// A worker looks at its timers after at most so many events: none is later than these take.
+// How many events a worker runs at most before it looks at its timers again: a timer is late by no
+// more than these take.
 constexpr DWORD EVENTS_PER_PASS = 5;
 
-// Unless an earlier thread of the object has made aQueue. False when memory ran out.
+// Makes aQueue, unless an earlier thread of the object did. False when memory ran out.
 bool MakeTimerQueue(ICmTimerQueue*& aQueue) {
     if (aQueue == nullptr) {
         aQueue = new (std::nothrow) CCmTimerQueueOrderedList(nullptr);
@@ -28,8 +29,8 @@ bool MakeTimerQueue(ICmTimerQueue*& aQueue) {
     return aQueue != nullptr;
 }
 
-// Returns how long to wait for the next timer. What the queue tells counts from the start of its
-// pass; the handlers have taken time since.
+// Returns how long to wait for the next timer. CheckExpire tells that from the start of its pass,
+// and the handlers have taken time since.
 CCmTimeValue FireDueTimers(CCmTimerQueueBase& aQueue) {
     CCmTimeValue tvWait;
     const bool bFired = aQueue.CheckExpire(&tvWait) > 0;
@@ -37,8 +38,8 @@ CCmTimeValue FireDueTimers(CCmTimerQueueBase& aQueue) {
         return tvWait;
     }
     const CCmTimeValue tvLeft = aQueue.GetEarliestTime() - CCmTimeValue::GetTimeOfDay();
-    // The clock may have been set: back, which makes it more than the queue tells; ahead, which
-    // makes it less than nothing.
+    // The clock may have been set meanwhile: set back, it would make the wait longer than
+    // CheckExpire told; set ahead, negative.
     return std::min(std::max(tvLeft, CCmTimeValue::s_tvZero), tvWait);
 }
 
@@ -90,6 +91,9 @@ CmResult UnRegisterThread(ACmThread* aThread) {
 
 // What a thread object keeps to itself.
 //
+// m_Tid, m_Handle and m_bStopFlag of the object are read and written relaxed: nothing is handed
+// over with them.
+//
 // A thread starts in these steps, each of which sets its bit once:
 //   INIT_DONE     the new thread, after OnThreadInit and before it signals the creator
 //   THREAD_DONE   the new thread, when it has signalled
@@ -104,7 +108,8 @@ class ACmThread::CThreadState {
     CThreadState& operator=(const CThreadState&) = delete;
 
     // An object of unknown type may be created again once its thread is gone. If that was a
-    // detached one, its body has let go of the object, which does not count for the next thread.
+    // detached one, its body has let go of the object; the next thread's body must not be taken for
+    // the second to do so.
     void ForgetEarlierThread() {
         m_bHasThread = false;
         // Acquire: after all that the earlier thread did with the object.
@@ -119,13 +124,14 @@ class ACmThread::CThreadState {
     }
     CmResult StartThread();
 
-    // The new thread, once. aEvent: the one it found in the object, which the creator clears.
+    // Called by the new thread, once. aEvent: what it found in m_pEvent, which the creator clears.
+    // The release pairs with the acquire in WaitUntilStarted.
     void SignalStarted(CCmEventThread* aEvent) {
         m_nStartSteps.fetch_or(STEP_INIT_DONE, std::memory_order_release);
         aEvent->Signal();
         LeaveHandshake(aEvent, STEP_THREAD_DONE, STEP_CREATOR_DONE);
     }
-    // The object may be deleted here.
+    // May free the object.
     void LeaveBody() {
         if (m_Thread.m_Type != TT_MAIN) {  // an adopted thread goes on, and is still found
             m_nStartSteps.fetch_or(STEP_BODY_LEFT, std::memory_order_relaxed);
@@ -135,9 +141,10 @@ class ACmThread::CThreadState {
         }
     }
     // Called by the owner and by the body of a detached thread, when they are done with the object.
-    // True for the second of them, which frees it. m_nDestroyRef tells how many they were; who is
-    // second is decided by the exchange, which orders what the first one did before the deletion.
-    // No mutex of the process: a detached thread may come here while the process exits.
+    // True for the second of them, which frees it. m_nDestroyRef is a required field and only shows
+    // how many have let go; who is second is decided by the exchange, which orders all that the
+    // first one did before the deletion. No mutex of the library is taken: a detached thread may
+    // come here while the process exits.
     bool LetGo() {
         ++m_Thread.m_nDestroyRef;
         return m_bOneHasLetGo.exchange(true, std::memory_order_acq_rel);
@@ -145,8 +152,9 @@ class ACmThread::CThreadState {
 
     bool IsJoinable() const { return (m_Thread.m_Flag & TF_JOINABLE) != 0; }
     bool HasThread() const { return m_bHasThread; }
-    // True once the system may have given the thread's number to another one, also while Join has
-    // yet to return. Relaxed: by then, the thread that set it is long gone.
+    // True once the system may have given the thread's number to another one, which may be before
+    // Join returns. Relaxed: the caller has that number, so either it is the thread itself, or it
+    // was started after the thread that set the bit was gone.
     bool HasLeftItsId() const {
         return m_Thread.m_nDestroyRef.value() > 0 ||
                (m_nStartSteps.load(std::memory_order_relaxed) & STEP_BODY_LEFT) != 0;
@@ -160,8 +168,8 @@ class ACmThread::CThreadState {
     static constexpr int STEP_CREATOR_DONE = 4;
     static constexpr int STEP_BODY_LEFT = 8;
 
-    // A signal that failed would be waited for without end, so the creator looks for itself this
-    // often; and where it cannot wait either, it naps in between.
+    // If the new thread's signal failed, the creator would wait for ever: it looks at the steps
+    // itself this often, and sleeps in between where its wait fails as well.
     static constexpr long START_LOOK_USEC = 100 * 1000;
     static constexpr long START_NAP_NSEC = 1000 * 1000;
 
@@ -177,7 +185,7 @@ class ACmThread::CThreadState {
 
     ACmThread& m_Thread;
     std::atomic<int> m_nStartSteps{0};
-    bool m_bHasThread = false;                // a POSIX thread was started; for the owner
+    bool m_bHasThread = false;                // a POSIX thread was started; used by the owner only
     std::atomic<bool> m_bOneHasLetGo{false};  // of a detached thread's object
 };
 
@@ -216,7 +224,7 @@ ACmThread::~ACmThread() {
     CCmPrivateRoom::End(m_Private);
 }
 
-// Not to be cancelled: whoever creates a thread gets to own it.
+// Not to be cancelled half-way: the thread would run without an owner.
 CmResult ACmThread::Create(int aType, TFlag aFlag, signed char bRegister) {
     CCmDisableCancel disableCancel;
     CM_INFO_TRACE_THIS("ACmThread::Create, aType=" << aType << " aFlag=" << aFlag
@@ -230,7 +238,7 @@ CmResult ACmThread::Create(int aType, TFlag aFlag, signed char bRegister) {
     m_Type = aType;
     m_Flag = aFlag != 0 ? aFlag : TF_JOINABLE;
 
-    // Taken first: once the thread runs, registering it must not fail.
+    // Allocated first: once the thread runs, registering it must not fail.
     std::list<ACmThread*> entry;
     if (bRegister != 0 && CM_FAILED(CmAddNode(entry, this))) {
         return CM_ERROR_OUT_OF_MEMORY;
@@ -257,7 +265,7 @@ CmResult ACmThread::CThreadState::StartThread() {
     if (m_Thread.m_pEvent == nullptr) {
         return CM_ERROR_OUT_OF_MEMORY;
     }
-    m_nStartSteps.store(0, std::memory_order_relaxed);  // pthread_create orders it
+    m_nStartSteps.store(0, std::memory_order_relaxed);  // before pthread_create, which orders it
     m_InitResult = CM_OK;
     const CmResult rv = CreateThread();
     if (CM_FAILED(rv)) {
@@ -338,11 +346,11 @@ void* ACmThread::ThreadProc(void* pParam) {
     };
     CCmCleanUpT finish([&state, &signalStarted] {
         CCmDisableCancel disableCancel;
-        signalStarted();  // of a thread that was cancelled in OnThreadInit
+        signalStarted();  // if it was cancelled in OnThreadInit, the creator still waits
         state.LeaveBody();
     });
     pThread->OnThreadInit();
-    // Read before the creator is told, who may create the object anew.
+    // Read before the signal: after it, the creator may start another thread of the object.
     const bool bInitialized = CM_SUCCEEDED(state.m_InitResult);
     signalStarted();
     if (bInitialized) {
@@ -378,7 +386,7 @@ CmResult ACmThread::Destory(int aReason) {
     }
     CCmDisableCancel disableCancel;
     CThreadState& state = CCmPrivateRoom::Of(m_Private);
-    // Where no thread was started there is no body that lets go.
+    // If no thread was started, no body will let go.
     if (state.IsJoinable() || !state.HasThread() || state.LetGo()) {
         delete this;
     }

@@ -44,53 +44,53 @@ CCmTimedCall::CCmTimedCall(CCmTimedEvent* aEvent, long long aDueNsec, long long 
 
 CCmTimedCall::~CCmTimedCall() = default;
 
-bool CCmTimedCall::HasEnded() const {
-    return m_nState.load(std::memory_order_acquire) == STATE_ENDED;
+bool CCmTimedCall::IsDone() const {
+    return m_nState.load(std::memory_order_acquire) == STATE_DONE;
 }
 
-// Whoever takes the state away from STATE_ON_ITS_WAY has the event to itself.
-bool CCmTimedCall::EndOnItsWay_i() {
+// Whoever moves the state away from STATE_ON_ITS_WAY has the event to itself.
+bool CCmTimedCall::StopOnItsWay_i() {
     int nState = STATE_ON_ITS_WAY;
-    if (!m_nState.compare_exchange_strong(nState, STATE_ENDED, std::memory_order_acq_rel)) {
+    if (!m_nState.compare_exchange_strong(nState, STATE_DONE, std::memory_order_acq_rel)) {
         return false;
     }
-    EndEvent_i();
+    DestroyEvent_i();
     return true;
 }
 
-void CCmTimedCall::EndEvent_i() {
+void CCmTimedCall::DestroyEvent_i() {
     CCmTimedEvent* pEvent = m_pEvent;
     m_pEvent = nullptr;
     pEvent->OnDestorySelf();
 }
 
 CmResult CCmTimedCall::Cancel(bool aWaits) {
-    if (EndOnItsWay_i()) {
+    if (StopOnItsWay_i()) {
         return CM_OK;
     }
-    // Acquire: m_pList was set before a state that is neither of the two, each of which is stored
-    // with release.
-    if (m_nState.load(std::memory_order_acquire) == STATE_ENDED) {
+    // Acquire: m_pList was set before the state became pending or running, which is stored with
+    // release.
+    if (m_nState.load(std::memory_order_acquire) == STATE_DONE) {
         return CM_ERROR_NOT_FOUND;
     }
     return m_pList->Cancel(*this, aWaits);
 }
 
 void CCmTimedCall::Refuse() {
-    EndOnItsWay_i();
+    StopOnItsWay_i();
 }
 
 CCmTimedCalls::CCmTimedCalls(EClock aClock)
     : m_eClock(aClock),
       m_Tid(pthread_t()),
-      m_Ended(m_Mutex),
+      m_Finished(m_Mutex),
       m_bIsEmpty(true),
       m_pRunning(nullptr),
       m_ullOrders(0),
       m_dwWaiters(0),
       m_bRefuses(false) {}
 
-CCmTimedCalls::~CCmTimedCalls() = default;  // the entries hold it: there are none left
+CCmTimedCalls::~CCmTimedCalls() = default;  // entries hold references to it: none is left
 
 void CCmTimedCalls::BindToCurrentThread() {
     m_Tid.store(pthread_self(), std::memory_order_relaxed);
@@ -153,7 +153,7 @@ CmResult CCmTimedCalls::Cancel(CCmTimedCall& aCall, bool aWaits) {
         return rv;
     }
     if (IsEqualCurrentThread(m_Tid.load(std::memory_order_relaxed))) {
-        return CM_OK;  // called by itself
+        return CM_OK;  // the callable cancels itself
     }
     if (aWaits) {
         WaitWhileItRuns_i(aCall);
@@ -162,14 +162,14 @@ CmResult CCmTimedCalls::Cancel(CCmTimedCall& aCall, bool aWaits) {
     return CM_ERROR_NOT_AVAILABLE;
 }
 
-// CM_ERROR_NOT_AVAILABLE: it runs.
+// CM_ERROR_NOT_AVAILABLE: it is running.
 CmResult CCmTimedCalls::TryCancel_i(CCmTimedCall& aCall) {
     {
         CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
         switch (aCall.m_nState.load(std::memory_order_relaxed)) {
             case CCmTimedCall::STATE_PENDING:
                 Remove_l(aCall);
-                aCall.m_nState.store(CCmTimedCall::STATE_ENDED, std::memory_order_release);
+                aCall.m_nState.store(CCmTimedCall::STATE_DONE, std::memory_order_release);
                 break;
             case CCmTimedCall::STATE_RUNNING:
                 aCall.m_bCancelled = true;
@@ -178,7 +178,7 @@ CmResult CCmTimedCalls::TryCancel_i(CCmTimedCall& aCall) {
                 return CM_ERROR_NOT_FOUND;
         }
     }
-    aCall.EndEvent_i();
+    aCall.DestroyEvent_i();
     aCall.ReleaseReference();  // that of the heap
     return CM_OK;
 }
@@ -191,10 +191,10 @@ void CCmTimedCalls::WaitWhileItRuns_i(CCmTimedCall& aCall) {
         ++m_dwWaiters;
         while (CM_SUCCEEDED(rv) &&
                aCall.m_nState.load(std::memory_order_relaxed) == CCmTimedCall::STATE_RUNNING) {
-            rv = m_Ended.Wait(nullptr);
+            rv = m_Finished.Wait(nullptr);
         }
         --m_dwWaiters;
-        // Acquire: after all that the callable did.
+        // Acquire: the callable has returned, and what it did is seen by the caller.
         if (aCall.m_nState.load(std::memory_order_acquire) != CCmTimedCall::STATE_RUNNING) {
             return;
         }
@@ -213,7 +213,7 @@ long long CCmTimedCalls::FireDue() {
     return llNext;
 }
 
-// Null when nothing is due by aNow; then aNext is when something is.
+// Null when nothing is due by aNow; aNext is then the time at which something is.
 CCmTimedCall* CCmTimedCalls::TakeDue_i(long long aNow, long long& aNext) {
     CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
     if (m_Heap.empty() || m_Heap.front()->m_llDue > aNow) {
@@ -237,11 +237,11 @@ void CCmTimedCalls::Fire_i(CCmTimedCall& aCall, long long aNow) {
     }
     firing.m_tvDue = ValueOf(aCall.m_llDue);
     aCall.m_pEvent->SetFiring(firing);
-    CCmCleanUpT endRun([this, &aCall] { EndRun_i(aCall); });
+    CCmCleanUpT finishRun([this, &aCall] { FinishRun_i(aCall); });
     aCall.m_pEvent->OnEventFire();
-    endRun.Release();
+    finishRun.Release();
     if (!Rearm_i(aCall)) {
-        EndRun_i(aCall);
+        FinishRun_i(aCall);
     }
 }
 
@@ -256,27 +256,27 @@ bool CCmTimedCalls::Rearm_i(CCmTimedCall& aCall) {
     }
     aCall.m_llDue = CmSumNsec(aCall.m_llDue, aCall.m_llPeriod);
     m_pRunning = nullptr;
-    // Release: whoever cancels it from now on is after what it did.
+    // Release: whoever cancels it from now on sees what it did.
     aCall.m_nState.store(CCmTimedCall::STATE_PENDING, std::memory_order_release);
     Push_l(aCall);
     return true;
 }
 
-// The callable is gone before anybody learns that it does not run any more.
-void CCmTimedCalls::EndRun_i(CCmTimedCall& aCall) {
-    aCall.EndEvent_i();
+// The callable is destroyed before anybody can see that the call is done.
+void CCmTimedCalls::FinishRun_i(CCmTimedCall& aCall) {
+    aCall.DestroyEvent_i();
     {
         CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
         m_pRunning = nullptr;
-        aCall.m_nState.store(CCmTimedCall::STATE_ENDED, std::memory_order_release);
+        aCall.m_nState.store(CCmTimedCall::STATE_DONE, std::memory_order_release);
         if (m_dwWaiters > 0) {
-            m_Ended.Broadcast();
+            m_Finished.Broadcast();
         }
     }
     aCall.ReleaseReference();
 }
 
-// One that is still running when its list ends was left by a thread that is gone.
+// A call that is still marked as running was left so by a thread that is gone (see Close).
 CCmTimedCall* CCmTimedCalls::TakeFirst_i() {
     CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
     m_bRefuses = true;
@@ -290,9 +290,9 @@ CCmTimedCall* CCmTimedCalls::TakeFirst_i() {
 }
 
 void CCmTimedCalls::Close() {
-    const CCmComAutoPtr<CCmTimedCalls> self(this);  // the last entry may hold the last reference
+    const CCmComAutoPtr<CCmTimedCalls> self(this);  // the last call may have the last reference
     while (CCmTimedCall* pCall = TakeFirst_i()) {
-        EndRun_i(*pCall);
+        FinishRun_i(*pCall);
     }
 }
 
@@ -351,16 +351,16 @@ void CCmTimedCalls::Remove_l(CCmTimedCall& aCall) {
 
 namespace {
 
-// The callable is gone, or late.
+// A call that could not be put in or scheduled again: destroyed unfired, or late.
 void TraceRefusal(CmResult aResult) {
     CM_WARNING_TRACE("CmPostDelayed, refused on the worker. rv=" << aResult);
 }
 
-// Stands for the list of a thread in one of its timer queues: one timer, at the earliest due time.
+// Drives the list of a thread by one timer in one of its timer queues, due with the first call.
 class CDriver final : public ICmTimerHandler {
   public:
     CDriver(ICmTimerQueue* aQueue, CCmTimedCalls* aList) : m_pQueue(aQueue), m_pList(aList) {}
-    // Its thread ends; the queue may be gone.
+    // Runs when the thread does its last steps; the queue may be gone.
     ~CDriver() { m_pList->Close(); }
     CDriver(const CDriver&) = delete;
     CDriver& operator=(const CDriver&) = delete;
@@ -390,8 +390,9 @@ class CDriver final : public ICmTimerHandler {
     }
 
   private:
-    // Periodic, so that it is pending while it fires and takes no memory to schedule again. Done
-    // anew each time: a queue may have ended, and this be another one at its address.
+    // The timer is periodic: then it is pending while it fires, and scheduling it again takes no
+    // memory. It is scheduled each time: m_pQueue may be a new queue at the address of one that was
+    // destroyed.
     CmResult Schedule_i() {
         const long long llWait = m_pList->NextDue() - m_pList->Now();
         const long lUsec = static_cast<long>(std::max(llWait / NSEC_PER_USEC, 1LL));
@@ -461,7 +462,7 @@ CmResult SendToTimerQueue(ACmThread& aThread, CCmTimedCall& aCall) {
                                : CM_ERROR_OUT_OF_MEMORY;
 }
 
-// Puts a call into the list of a CCmWorker and wakes it when that is due before all others.
+// Puts a call into the list of a CCmWorker, and wakes the worker when the call is due first.
 CmResult PutIntoList(ACmThread& aThread, CCmTimedCalls& aList, CCmTimedCall& aCall) {
     bool bMustWake = false;
     CmResult rv = aList.Insert(aCall, bMustWake);
@@ -473,7 +474,7 @@ CmResult PutIntoList(ACmThread& aThread, CCmTimedCalls& aList, CCmTimedCall& aCa
     if (CM_FAILED(rv)) {
         aCall.Cancel(false);
     }
-    // Others may rely on this wake-up: they were put in after it and are due later.
+    // Other threads may have put in calls that are due later and rely on this wake-up.
     for (CmResult rvOthers = rv;
          rvOthers == CM_ERROR_OUT_OF_MEMORY && aList.NextDue() != CM_NEVER_NSEC;
          rvOthers = wake()) {
@@ -543,7 +544,7 @@ CCmTimerHandle::~CCmTimerHandle() {
 }
 
 bool CCmTimerHandle::IsPending() const {
-    return m_pCall != nullptr && !m_pCall->HasEnded();
+    return m_pCall != nullptr && !m_pCall->IsDone();
 }
 
 CmResult CCmTimerHandle::Cancel() {

@@ -2,8 +2,9 @@
 //
 // CCmTimedCalls is the list of one thread and CCmTimedCall one entry. A CCmWorker has a list that
 // its loop drives by the monotonic clock; any thread inserts. On another worker a driver, made by
-// the first call that arrives there, stands for the list in the worker's timer queue. Any thread
-// cancels. Lists and entries are counted, so that worker and handles may end in any order.
+// the first call that arrives there, drives the list as a timer of the worker's timer queue. Any
+// thread cancels. Lists and entries are counted, so that the worker and the handles may be
+// destroyed in any order.
 #ifndef CM_TIMED_CALLS_H
 #define CM_TIMED_CALLS_H
 
@@ -21,25 +22,26 @@ namespace UTIL_NS {
 
 class CCmTimedCalls;
 
-// On its way to a list, in it, running, or ended, for good. The callable is gone once it has ended.
+// On its way to a list, pending there, running, or done, which is final: it will not run again and
+// its callable has been destroyed.
 class CCmTimedCall : public CCmReferenceControlT<CCmMutexThread> {
   public:
     // aEvent: owned.
     CCmTimedCall(CCmTimedEvent* aEvent, long long aDueNsec, long long aPeriodNsec, DWORD aCount);
     ~CCmTimedCall() override;
 
-    bool HasEnded() const;
+    bool IsDone() const;
     // As those of CCmTimerHandle.
     CmResult Cancel(bool aWaits);
-    // For whoever brings it to its list: ends it, unless it has been cancelled before.
+    // For whoever cannot bring it to its list: it is done, unless it was cancelled before.
     void Refuse();
 
   private:
     friend class CCmTimedCalls;
-    enum EState : int { STATE_ON_ITS_WAY, STATE_PENDING, STATE_RUNNING, STATE_ENDED };
+    enum EState : int { STATE_ON_ITS_WAY, STATE_PENDING, STATE_RUNNING, STATE_DONE };
 
-    bool EndOnItsWay_i();
-    void EndEvent_i();
+    bool StopOnItsWay_i();
+    void DestroyEvent_i();
 
     CCmTimedEvent* m_pEvent;
     CCmComAutoPtr<CCmTimedCalls> m_pList;  // set before the state leaves STATE_ON_ITS_WAY
@@ -68,11 +70,11 @@ class CCmTimedCalls : public CCmReferenceControlT<CCmMutexThread> {
     CmResult Insert(CCmTimedCall& aCall, bool& aMustWake);
     // Any thread: when the next one is due.
     long long NextDue();
-    // From now on nothing is taken in. Any thread.
+    // Any thread: no more calls are taken in.
     void Refuse();
-    // Own thread: runs what is due, each at most once, and returns when the next one is.
+    // Own thread: runs what is due, each at most once, and returns when the next one is due.
     long long FireDue();
-    // Own thread, or nobody's any more: ends everything unfired, for good.
+    // On its own thread, or when that is gone: destroys every callable unfired; refuses what comes.
     void Close();
 
   private:
@@ -84,7 +86,7 @@ class CCmTimedCalls : public CCmReferenceControlT<CCmMutexThread> {
     CCmTimedCall* TakeDue_i(long long aNow, long long& aNext);
     void Fire_i(CCmTimedCall& aCall, long long aNow);
     bool Rearm_i(CCmTimedCall& aCall);
-    void EndRun_i(CCmTimedCall& aCall);
+    void FinishRun_i(CCmTimedCall& aCall);
     CCmTimedCall* TakeFirst_i();
     void Place_l(size_t aPlace, CCmTimedCall* aCall) CM_REQUIRES(m_Mutex);
     void Rise_l(size_t aPlace) CM_REQUIRES(m_Mutex);
@@ -96,17 +98,20 @@ class CCmTimedCalls : public CCmReferenceControlT<CCmMutexThread> {
     const EClock m_eClock;
     std::atomic<pthread_t> m_Tid;
     CCmMutexThread m_Mutex;
-    CCmConditionVariableThread m_Ended;  // one that ran does not run any more
-    // A heap of references; has room for the running one as well.
+    CCmConditionVariableThread m_Finished;  // a call that ran is done
+    // A heap of references, with capacity for the running one as well.
     std::vector<CCmTimedCall*> m_Heap CM_GUARDED_BY(m_Mutex);
-    std::atomic<bool> m_bIsEmpty;  // the heap, as a hint: whoever fills it wakes the thread
+    // Whether the heap is empty, read relaxed and without the lock as a hint: whoever puts the
+    // first call in wakes the thread afterwards.
+    std::atomic<bool> m_bIsEmpty;
     CCmTimedCall* m_pRunning CM_GUARDED_BY(m_Mutex);
     uint64_t m_ullOrders CM_GUARDED_BY(m_Mutex);
     DWORD m_dwWaiters CM_GUARDED_BY(m_Mutex);
     bool m_bRefuses CM_GUARDED_BY(m_Mutex);
 };
 
-// The list of a CCmWorker's thread, null for any other; no reference is taken. CmWorker.cpp.
+// The list of a CCmWorker's thread, null for any other; takes no reference. Defined in
+// CmWorker.cpp.
 CCmTimedCalls* CmTimedCallsOf(ACmThread& aThread);
 
 }  // namespace UTIL_NS

@@ -1,4 +1,4 @@
-// How a timer wrapper ends its timer; internal.
+// How a timer wrapper cancels its timer; internal.
 #ifndef CM_TIMER_CANCEL_H
 #define CM_TIMER_CANCEL_H
 
@@ -6,8 +6,8 @@
 
 namespace UTIL_NS {
 
-// CancelTimer of aQueue, of whatever class, with its result. A calendar that is called by it also
-// drops those timers of aEh with interval zero that its CancelTimer does not find: aEh is not
+// Calls CancelTimer of aQueue, which may be of any class, and returns its result. A calendar then
+// also drops timers of aEh with interval zero, which its CancelTimer leaves otherwise: aEh is not
 // called any more.
 CmResult CancelForGood(ICmTimerQueue& aQueue, ICmTimerHandler* aEh);
 

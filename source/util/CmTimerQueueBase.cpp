@@ -21,7 +21,8 @@ CCmTimeValue FromUsec(WideUsec aUsec) {
 }
 
 // The first of aExpired + aInterval, aExpired + 2 * aInterval ... that is later than aNow, which
-// aExpired is not. The division serves a clock that jumped ahead by any number of periods.
+// aExpired is not. A division, not a loop: the clock may have jumped ahead by any number of
+// periods.
 CCmTimeValue NextExpiry(const CCmTimeValue& aExpired, const CCmTimeValue& aInterval,
                         const CCmTimeValue& aNow) {
     const CCmTimeValue tvNext = aExpired + aInterval;
@@ -95,7 +96,8 @@ unsigned int CCmTimerQueueBase::CheckExpire(CCmTimeValue* aRemainTime) {
     unsigned int dwFired = 0;
     CCmTimeValue tvRemain = CCmTimeValue::s_tvMax;
     // A handler may have changed the queue, so each round looks at it afresh. What it schedules for
-    // now or before fires in this pass, too; what is re-armed is due after tvNow, which ends it.
+    // tvNow or earlier fires in this pass, too. A timer that is armed again is due after tvNow, so
+    // the pass comes to its end.
     CCmTimeValue tvEarliest;
     while (GetEarliestTime_l(tvEarliest) == 0) {
         if (tvEarliest > tvNow) {

@@ -19,13 +19,14 @@ namespace {
 typedef CCmTimerQueueCalendarSlotT<ICmTimerHandler*> NodeType;
 typedef std::map<ICmTimerHandler*, DWORD> HandlersType;
 
-// What every node of a chain is.
+// Every node of a chain is one of these.
 struct CTimer : NodeType {
-    HandlersType::iterator m_itEntry;  // of its handler, for a timer in the wheel
+    HandlersType::iterator m_itEntry;  // its handler's, while the timer is in the wheel
 };
 
-constexpr DWORD MIN_SLOT_INTERVAL = 10;  // milliseconds
-constexpr DWORD MIN_MAX_SLOT_NUMBER = 10;
+constexpr DWORD MIN_SLOT_INTERVAL = 10;        // milliseconds
+constexpr DWORD MIN_MAX_SLOT_NUMBER = 10;      // the number of the last slot, at least
+constexpr DWORD UNLIMITED_COUNT = 0xFFFFFFFF;  // 2^32 - 1 firings: in practice without end
 
 DWORD MaxSlotNumber(DWORD aInterval, DWORD aMaxTime) {
     if (aInterval > aMaxTime) {
@@ -40,8 +41,8 @@ ICmEventQueue* EventQueueOfThisThread() {
     return pThread != nullptr ? pThread->GetEventQueue() : nullptr;
 }
 
-// How many slots an interval takes, rounded up. Milliseconds are counted modulo 2^32, so that a
-// negative interval is a very long one.
+// How many slots an interval takes, rounded up. Milliseconds are counted modulo 2^32: a negative
+// interval is a very long one.
 DWORD Distance(const CCmTimeValue& aInterval, DWORD aSlotInterval) {
     const DWORD dwMs = static_cast<DWORD>(aInterval.GetSec()) * 1000 +
                        static_cast<DWORD>(aInterval.GetUsec() / 1000);
@@ -76,11 +77,11 @@ NodeType* Unlink(NodeType*& aHead, const ICmTimerHandler* aEh) {
     return nullptr;
 }
 
-// The memory of a calendar's timers, and the way from a handler to its timer. m_Handlers, the map
-// that has the slot of every handler, is part of the object's layout; but to find a handler there
-// is a walk down a tree, one step for each doubling of the timers and most of them to memory that
-// no cache holds. So an index leads from the handler to its entry in the map at once; the map is
-// walked only when a new handler is entered, and not even then where the hint is right.
+// The memory of a calendar's timers, and the way from a handler to its timer. The map m_Handlers,
+// from each handler to its slot, is a required field. A search in it takes as many steps as the
+// number of timers has binary digits, and most of them miss the cache. Therefore a hash index leads
+// from each handler to its entry in the map; the map itself is searched only for the place of a new
+// entry, and not even then if the hint is right.
 class CTimerStore {
   public:
     explicit CTimerStore(HandlersType& aHandlers) noexcept : m_itHint(aHandlers.end()) {}
@@ -107,11 +108,12 @@ class CTimerStore {
         m_Index.Insert(aEh, itEntry);
         return itEntry;
     }
-    // Ends a timer of the wheel that has left its slot, and its entry.
-    void End(HandlersType& aHandlers, NodeType* aNode) {
+    // Takes the entry of a timer that has left its slot out of the map, and keeps the memory of
+    // both for coming timers.
+    void Recycle(HandlersType& aHandlers, NodeType* aNode) {
         const HandlersType::iterator itEntry = static_cast<CTimer*>(aNode)->m_itEntry;
         m_Index.Erase(aNode->m_pEh);
-        // Nothing follows the last entry; to find that out by stepping would climb the whole map.
+        // A test first: std::next of the last entry would climb the whole tree.
         const bool bIsLast = itEntry == std::prev(aHandlers.end());
         m_itHint = bIsLast ? aHandlers.end() : std::next(itEntry);
         m_SpareEntries.Keep(aHandlers, itEntry);
@@ -122,13 +124,14 @@ class CTimerStore {
     NodeType* m_pSpares = nullptr;
     CCmTimerHandlerIndexT<HandlersType::iterator> m_Index;
     CCmSpareMapNodesT<ICmTimerHandler*, DWORD> m_SpareEntries;
-    // What follows the entry that ended last. A handler that is cancelled and scheduled again, as
-    // timeouts are, comes to lie right before it again, without a walk down the map. Never dangles:
-    // the end of any entry sets it anew.
+    // The entry after the one that was recycled last. A handler that is cancelled and scheduled
+    // again, as timeouts are, belongs right before it, and is put there without a search. Always
+    // valid: no entry leaves the map without setting it anew.
     HandlersType::iterator m_itHint;
 };
 
-// Whose timers the calling thread cancels for good, if any.
+// The handler whose timers the calling thread cancels for good, if any. It cannot be an argument:
+// CancelTimer is a stated virtual function, and the queue may be of any class.
 thread_local const ICmTimerHandler* t_pCancelledForGood = nullptr;
 
 }  // namespace
@@ -141,7 +144,7 @@ CmResult CancelForGood(ICmTimerQueue& aQueue, ICmTimerHandler* aEh) {
     return rv;
 }
 
-class CM_UTIL_HIDDEN CCmTimerQueueCalendar::CState : public CTimerStore {
+class CM_UTIL_HIDDEN CCmTimerQueueCalendar::CCalendarState : public CTimerStore {
   public:
     using CTimerStore::CTimerStore;
     CmResult PushEvent(CCmTimerQueueCalendar& aQueue, NodeType* aNode, CmResult aResult);
@@ -149,19 +152,19 @@ class CM_UTIL_HIDDEN CCmTimerQueueCalendar::CState : public CTimerStore {
 
 // Adds a timer with interval zero and, for the first one, posts the event that will fire them.
 // aResult: what to return when the event is posted already.
-CmResult CCmTimerQueueCalendar::CState::PushEvent(CCmTimerQueueCalendar& aQueue, NodeType* aNode,
-                                                  CmResult aResult) {
+CmResult CCmTimerQueueCalendar::CCalendarState::PushEvent(CCmTimerQueueCalendar& aQueue,
+                                                          NodeType* aNode, CmResult aResult) {
     const bool bIsPosted = aQueue.m_pEvents != nullptr;
     PushHead(aQueue.m_pEvents, aNode);
     if (bIsPosted) {
         return aResult;
     }
-    // In the chain before the post: a queue may run the event on the spot.
+    // It is in the chain before the post: the queue may run the event at once.
     const CmResult rv =
         aQueue.m_pEventQueue != nullptr
             ? aQueue.m_pEventQueue->PostEvent(&aQueue, ICmEventQueue::EPRIORITY_NORMAL)
             : CM_ERROR_NULL_POINTER;
-    // One that did and refuses it all the same has fired the timer.
+    // If the queue ran the event and failed all the same, the timer has fired and is not here.
     if (CM_FAILED(rv) && aQueue.m_pEvents == aNode) {
         Keep(PopHead(aQueue.m_pEvents));
     }
@@ -176,9 +179,10 @@ CCmTimerQueueCalendar::CCmTimerQueueCalendar(unsigned int aSlotInterval, unsigne
       m_dwCurrentSlot(0),
       m_pEventQueue(aEventQueue != nullptr ? aEventQueue : EventQueueOfThisThread()),
       m_pEvents(nullptr) {
-    static_assert(std::is_nothrow_constructible_v<CState, HandlersType&>, "needs no memory yet");
+    static_assert(std::is_nothrow_constructible_v<CCalendarState, HandlersType&>,
+                  "needs no memory yet");
     CCmPrivateRoom::Make(m_Private, m_Handlers);
-    m_ppSlots = new (std::nothrow) CNode*[size_t{m_dwMaxSlotNumber} + 1]();
+    m_ppSlots = new (std::nothrow) CCalendarNode*[size_t{m_dwMaxSlotNumber} + 1]();
 }
 
 CCmTimerQueueCalendar::~CCmTimerQueueCalendar() {
@@ -200,14 +204,15 @@ CmResult CCmTimerQueueCalendar::ScheduleTimer(ICmTimerHandler* aEh, void* aToken
     if (CM_UNLIKELY(m_ppSlots == nullptr)) {
         return CM_ERROR_OUT_OF_MEMORY;
     }
-    CState& state = CCmPrivateRoom::Of(m_Private);
+    CCalendarState& state = CCmPrivateRoom::Of(m_Private);
     const bool bForWheel = aInterval != CCmTimeValue::s_tvZero;
     const HandlersType::iterator* const pKnown = state.FindEntry(aEh);
     const bool bIsKnown = pKnown != nullptr;
     HandlersType::iterator itEntry = bIsKnown ? *pKnown : m_Handlers.end();
-    CNode* pNode = bIsKnown ? RemoveUniqueSlot_i(itEntry->second, aEh) : nullptr;
+    CCalendarNode* pNode = bIsKnown ? RemoveUniqueSlot_i((*pKnown)->second, aEh) : nullptr;
     const CmResult rv = pNode != nullptr ? CM_ERROR_FOUND : CM_OK;
-    // All memory before any change; a timer that has left its slot needs none.
+    // All memory is taken before anything changes; a timer that was just taken out of its slot
+    // needs none.
     try {
         if (pNode == nullptr) {
             pNode = state.NewTimer();
@@ -225,9 +230,9 @@ CmResult CCmTimerQueueCalendar::ScheduleTimer(ICmTimerHandler* aEh, void* aToken
     pNode->m_pEh = aEh;
     pNode->m_pToken = aToken;
     pNode->m_tvInterval = aInterval;
-    pNode->m_dwCount = aCount == 0 ? 0xFFFFFFFF : aCount;
+    pNode->m_dwCount = aCount == 0 ? UNLIMITED_COUNT : aCount;
     if (!bForWheel) {
-        return state.PushEvent(*this, pNode, rv);  // an entry of its handler stays
+        return state.PushEvent(*this, pNode, rv);  // an entry that the handler has stays
     }
     static_cast<CTimer*>(pNode)->m_itEntry = itEntry;
     InsertUnique_i(aInterval, pNode);
@@ -235,7 +240,7 @@ CmResult CCmTimerQueueCalendar::ScheduleTimer(ICmTimerHandler* aEh, void* aToken
 }
 
 // Puts a node into the wheel, aInterval ahead of the current slot; its handler has an entry.
-void CCmTimerQueueCalendar::InsertUnique_i(const CCmTimeValue& aInterval, CNode* aNode) {
+void CCmTimerQueueCalendar::InsertUnique_i(const CCmTimeValue& aInterval, CCalendarNode* aNode) {
     DWORD dwDistance = Distance(aInterval, m_dwInterval);
     if (dwDistance > m_dwMaxSlotNumber - 1) {
         CM_ERROR_TRACE_THIS("CCmTimerQueueCalendar::InsertUnique_i, exceed max interval."
@@ -255,24 +260,25 @@ void CCmTimerQueueCalendar::InsertUnique_i(const CCmTimeValue& aInterval, CNode*
 CmResult CCmTimerQueueCalendar::CancelTimer(ICmTimerHandler* aEh) {
     m_Est.EnsureSingleThread();
     CM_ASSERTE_RETURN_LINE(aEh, CM_ERROR_INVALID_ARG, 157);
-    CState& state = CCmPrivateRoom::Of(m_Private);
+    CCalendarState& state = CCmPrivateRoom::Of(m_Private);
     if (m_pEvents != nullptr && t_pCancelledForGood == aEh) {
-        while (CNode* pEvent = Unlink(m_pEvents, aEh)) {
+        while (CCalendarNode* pEvent = Unlink(m_pEvents, aEh)) {
             state.Keep(pEvent);
         }
     }
-    CNode* pNode = RemoveUniqueHandler_i(aEh);
+    CCalendarNode* pNode = RemoveUniqueHandler_i(aEh);
     if (pNode == nullptr) {
         return CM_ERROR_NOT_FOUND;
     }
-    state.End(m_Handlers, pNode);
+    state.Recycle(m_Handlers, pNode);
     return CM_OK;
 }
 
 // Takes the handler's node out of the wheel. A handler without an entry loses its node in the event
 // chain instead; then, too, the result is null.
-CCmTimerQueueCalendar::CNode* CCmTimerQueueCalendar::RemoveUniqueHandler_i(ICmTimerHandler* aEh) {
-    CState& state = CCmPrivateRoom::Of(m_Private);
+CCmTimerQueueCalendar::CCalendarNode* CCmTimerQueueCalendar::RemoveUniqueHandler_i(
+    ICmTimerHandler* aEh) {
+    CCalendarState& state = CCmPrivateRoom::Of(m_Private);
     if (const HandlersType::iterator* pKnown = state.FindEntry(aEh)) {
         return RemoveUniqueSlot_i((*pKnown)->second, aEh);
     }
@@ -280,10 +286,10 @@ CCmTimerQueueCalendar::CNode* CCmTimerQueueCalendar::RemoveUniqueHandler_i(ICmTi
     return nullptr;
 }
 
-// Null when the node has left the wheel for the event chain: its entry stays and names the slot
+// Null when the node has moved from the wheel to the event chain: its entry stays, with the slot
 // that it was in.
-CCmTimerQueueCalendar::CNode* CCmTimerQueueCalendar::RemoveUniqueSlot_i(DWORD aSlot,
-                                                                        ICmTimerHandler* aEh) {
+CCmTimerQueueCalendar::CCalendarNode* CCmTimerQueueCalendar::RemoveUniqueSlot_i(
+    DWORD aSlot, ICmTimerHandler* aEh) {
     return Unlink(m_ppSlots[aSlot], aEh);
 }
 
@@ -292,19 +298,19 @@ void CCmTimerQueueCalendar::TimerTick() {
     if (CM_UNLIKELY(m_ppSlots == nullptr)) {
         return;
     }
-    CNode*& pSlot = m_ppSlots[m_dwCurrentSlot];
+    CCalendarNode*& pSlot = m_ppSlots[m_dwCurrentSlot];
     if (pSlot != nullptr) {
         const CCmTimeValue tvNow = CCmTimeValue::GetTimeOfDay();
-        CState& state = CCmPrivateRoom::Of(m_Private);
+        CCalendarState& state = CCmPrivateRoom::Of(m_Private);
         // A handler may have changed the chain, so each round looks at it afresh.
         do {
-            CNode* pNode = PopHead(pSlot);
+            CCalendarNode* pNode = PopHead(pSlot);
             ICmTimerHandler* pEh = pNode->m_pEh;
             void* pToken = pNode->m_pToken;
             // Before the call, so that the handler may cancel or replace its timer. The wheel still
             // stands at this slot: distances count from here.
             if (--pNode->m_dwCount == 0) {
-                state.End(m_Handlers, pNode);
+                state.Recycle(m_Handlers, pNode);
             } else {
                 InsertUnique_i(pNode->m_tvInterval, pNode);
             }
@@ -317,12 +323,12 @@ void CCmTimerQueueCalendar::TimerTick() {
 CmResult CCmTimerQueueCalendar::OnEventFire() {
     m_Est.EnsureSingleThread();
     const CCmTimeValue tvNow = CCmTimeValue::GetTimeOfDay();
-    CState& state = CCmPrivateRoom::Of(m_Private);
+    CCalendarState& state = CCmPrivateRoom::Of(m_Private);
     while (m_pEvents != nullptr) {
-        CNode* pNode = PopHead(m_pEvents);
+        CCalendarNode* pNode = PopHead(m_pEvents);
         ICmTimerHandler* pEh = pNode->m_pEh;
         void* pToken = pNode->m_pToken;
-        state.Keep(pNode);  // before the call: what the handler schedules may have it
+        state.Keep(pNode);  // before the call: a timer that the handler schedules may use it
         pEh->OnTimeout(tvNow, pToken);
     }
     return CM_OK;

@@ -10,7 +10,7 @@
 
 namespace UTIL_NS {
 
-class CM_UTIL_HIDDEN CCmTimerQueueOrderedList::CState {
+class CM_UTIL_HIDDEN CCmTimerQueueOrderedList::COrderedListState {
   public:
     CCmTimerHandlerIndexT<std::list<CNode>::iterator> m_Index;  // of the nodes of m_Nodes
     CCmSpareListNodesT<CNode> m_Spares;
@@ -18,8 +18,8 @@ class CM_UTIL_HIDDEN CCmTimerQueueOrderedList::CState {
 
 namespace {
 
-// Before the first node that is not due before aExpired: among equals the newest fires first.
-// Looked for from both ends at once, so that a place near either is found in few steps.
+// The place of a new node: before the first one that is not due earlier, so that among equals the
+// newest fires first. Searched from both ends at once: a place near either takes few steps.
 template <class ListType>
 typename ListType::iterator FindPlace(ListType& aNodes, const CCmTimeValue& aExpired) {
     auto itFront = aNodes.begin();
@@ -42,7 +42,8 @@ typename ListType::iterator FindPlace(ListType& aNodes, const CCmTimeValue& aExp
 
 CCmTimerQueueOrderedList::CCmTimerQueueOrderedList(ICmObserver* aObserver)
     : CCmTimerQueueBase(aObserver) {
-    static_assert(std::is_nothrow_default_constructible_v<CState>, "needs no memory yet");
+    static_assert(std::is_nothrow_default_constructible_v<COrderedListState>,
+                  "needs no memory yet");
     CCmPrivateRoom::Make(m_Private);
 }
 
@@ -51,9 +52,9 @@ CCmTimerQueueOrderedList::~CCmTimerQueueOrderedList() {
 }
 
 int CCmTimerQueueOrderedList::PushNode_l(const CNode& aNode) {
-    CState& state = CCmPrivateRoom::Of(m_Private);
+    COrderedListState& state = CCmPrivateRoom::Of(m_Private);
     if (const auto* pPlace = state.m_Index.Find(aNode.m_pEh)) {
-        // The list node that was kept last is the one that is used next: the index still holds.
+        // Insert uses the list node that Keep took last, so the index still points to it.
         state.m_Spares.Keep(m_Nodes, *pPlace);
         state.m_Spares.Insert(m_Nodes, FindPlace(m_Nodes, aNode.m_tvExpired), aNode);
         return 1;
@@ -62,7 +63,7 @@ int CCmTimerQueueOrderedList::PushNode_l(const CNode& aNode) {
 }
 
 int CCmTimerQueueOrderedList::EraseNode_l(ICmTimerHandler* aEh) {
-    CState& state = CCmPrivateRoom::Of(m_Private);
+    COrderedListState& state = CCmPrivateRoom::Of(m_Private);
     const auto* pPlace = state.m_Index.Find(aEh);
     if (pPlace == nullptr) {
         return 1;
@@ -73,8 +74,8 @@ int CCmTimerQueueOrderedList::EraseNode_l(ICmTimerHandler* aEh) {
 }
 
 int CCmTimerQueueOrderedList::RePushNode_l(const CNode& aNode) {
-    CState& state = CCmPrivateRoom::Of(m_Private);
-    // All memory first; after a pop there is some of both.
+    COrderedListState& state = CCmPrivateRoom::Of(m_Private);
+    // All memory is taken before anything changes; after a pop none is needed.
     state.m_Index.Reserve();
     state.m_Spares.Reserve();
     const auto itPlace = FindPlace(m_Nodes, aNode.m_tvExpired);
@@ -84,7 +85,7 @@ int CCmTimerQueueOrderedList::RePushNode_l(const CNode& aNode) {
 
 int CCmTimerQueueOrderedList::PopFirstNode_l(CNode& aNode) {
     CM_ASSERTE_RETURN_LINE(!m_Nodes.empty(), -1, 35);
-    CState& state = CCmPrivateRoom::Of(m_Private);
+    COrderedListState& state = CCmPrivateRoom::Of(m_Private);
     aNode = m_Nodes.front();
     state.m_Index.Erase(aNode.m_pEh);
     state.m_Spares.Keep(m_Nodes, m_Nodes.begin());

@@ -1,4 +1,4 @@
-// The memory of ended timers, kept for coming ones; internal.
+// The memory of timers that fired or were cancelled, kept for coming ones; internal.
 #ifndef CM_TIMER_SPARES_H
 #define CM_TIMER_SPARES_H
 
@@ -63,7 +63,7 @@ class CCmSpareMapNodesT {
         return aMap.insert(aHint, std::move(node));
     }
     // Takes a node out of the map, all of whose nodes came by Insert. Allocates nothing, since
-    // what ends a timer must not fail.
+    // cancelling a timer and its last firing must not fail.
     void Keep(MapType& aMap, Iterator aNode) { m_Nodes.push_back(aMap.extract(aNode)); }
 
   private:

@@ -71,8 +71,8 @@ low_tick_policy::low_tick_generator* low_tick_policy::low_tick_generator::instan
         return pGenerator;
     }
     CCmDisableCancel disableCancel;
-    // Reading the clock may create a singleton, and scheduling may call a host that does: the
-    // mutex is held for neither, so that who comes with the singleton mutex may take it.
+    // The mutex is not held while the clock is read and the timer is scheduled: both may take the
+    // singleton mutex, and a thread that holds that one may come here.
     low_tick_generator* pCreated = new (std::nothrow) low_tick_generator;
     if (pCreated == nullptr) {
         return pInstance.load(std::memory_order_acquire);
@@ -96,7 +96,7 @@ low_tick_policy::low_tick_generator* low_tick_policy::low_tick_generator::instan
 }
 
 void low_tick_policy::low_tick_generator::OnTimer(CCmTimerWrapperID* /*aId*/) {
-    m_llLastTick = now();
+    m_llLastTick = now();  // a required field; nobody reads it
 }
 
 long long low_tick_policy::low_tick_generator::now() {

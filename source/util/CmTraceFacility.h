@@ -14,7 +14,7 @@
 namespace UTIL_NS {
 
 // What a facility keeps beside its stated fields, and its steps.
-class CM_UTIL_HIDDEN CCmT120Trace::CState {
+class CM_UTIL_HIDDEN CCmT120Trace::CTraceState {
   public:
     // load, which also stores the path of a file that is named after the process in aLogPath
     // unless that is null.
@@ -76,21 +76,21 @@ constexpr CCmTraceLevelTable CmMakeTraceLevelTable(unsigned char CCmTraceLevel::
 }
 
 // The place of one facility. Static storage, so that creating it cannot fail, and never
-// destroyed, so that lines may be written while the program ends.
+// destroyed, so that lines may be written while the program exits.
 template <class Facility>
 class CCmFacilityHolderT {
   public:
-    // Creates the facility, loads it and publishes it in aInstance. The release there pairs with
-    // the acquire of who reads aInstance: who finds the facility finds it loaded.
+    // Creates the facility, loads it and publishes it in aInstance. The release pairs with the
+    // acquire of whoever reads aInstance: who finds the facility finds it loaded.
     //
-    // To load is to read the configuration, and that file may keep its reader waiting (a named
-    // pipe, a network disk). No lock is held meanwhile, so no thread waits for one that loads: it
-    // loads the facility as well. The first record that is opened and the switches that were read
-    // last are the ones that count.
+    // Loading reads the configuration, whose file may keep its reader waiting (a named pipe, a
+    // network disk). So no lock is held meanwhile, and no thread waits for another one that loads:
+    // it loads the facility as well. The record that is opened first and the switches that are read
+    // last count.
     Facility* Create(std::atomic<Facility*>& aInstance, CCmT120TraceMapEntry* aLevelTable) {
         CCmTraceGuard guard;
         Facility* const pFacility = Construct(aLevelTable);
-        // To load may trace, and so ask for the facility: then it is the one being loaded.
+        // Loading may trace, and so come here again: it gets the facility that is being loaded.
         static thread_local bool t_bLoads = false;
         if (!t_bLoads) {
             t_bLoads = true;

@@ -1,5 +1,5 @@
-// For code that traces: what keeps errno and cancellation out of it, and locks that are there from
-// the start of the program to its end; internal.
+// For code that traces: a guard of errno and against cancellation, and locks that can be used
+// before main and while the program exits; internal.
 #ifndef CM_TRACE_GUARD_H
 #define CM_TRACE_GUARD_H
 
@@ -10,8 +10,8 @@
 
 namespace UTIL_NS {
 
-// While it lives the thread is not cancelled: a trace line may leave through a destructor, and
-// may hold locks. Afterwards errno is as it was.
+// While it lives the thread is not cancelled: lines are written in destructors, from which nothing
+// may be thrown, and with locks held. Its destructor restores errno.
 class CCmTraceGuard {
   public:
     CCmTraceGuard() = default;
@@ -32,8 +32,8 @@ class CCmTraceGuard {
     CCmDisableCancel m_DisableCancel;
 };
 
-// A lock of tracing's own: usable before any static object is constructed and never destroyed, so
-// that lines written while the program starts or ends find it.
+// A lock of tracing's own: constant-initialised and never destroyed, so that lines may be written
+// while static objects are constructed and destroyed.
 template <class LockType>
 union CCmEternalLockT {
     constexpr CCmEternalLockT() : m_Lock(CCmStaticInit()) {}

@@ -27,7 +27,7 @@ unsigned char CRC16_L_TABLE[256];
 
 namespace {
 
-// From these lengths on the faster ways pay.
+// From these lengths on the other ways are faster than the byte-wise loop.
 constexpr unsigned int CRC16_TABLE_MIN = 8;      // bytes
 constexpr unsigned int CRC16_MULTIPLY_MIN = 17;  // bytes
 
@@ -67,7 +67,8 @@ unsigned short CalcCRC16(unsigned short& aCrc, unsigned char* pData, unsigned in
     CM_ASSERTE_RETURN_LINE(pData, 0, 101);
     if (aLen >= CRC16_MULTIPLY_MIN && CmHasCarrylessMultiply()) {
         aCrc = CmCrc16ByMultiply(aCrc, pData, aLen);
-    } else if (aLen >= CRC16_TABLE_MIN || pTables == nullptr) {
+    } else if (aLen >= CRC16_TABLE_MIN ||
+               pTables == nullptr) {  // no memory for CalcByByte's tables
         aCrc = CmCrc16ByTable(aCrc, pData, aLen);
     } else {
         aCrc = CalcByByte(aCrc, pData, aLen);
@@ -76,7 +77,7 @@ unsigned short CalcCRC16(unsigned short& aCrc, unsigned char* pData, unsigned in
 }
 
 unsigned short CalcCRC16_m(unsigned short& aCrc, CCmMessageBlock& aMb, unsigned int aLen) {
-    CCmSingletonT<CRCTAbleInit>::Instance();  // the tables exist after any call
+    CCmSingletonT<CRCTAbleInit>::Instance();  // hosts find the tables filled after any call
     unsigned int dwRemain = aLen;
     for (const CCmMessageBlock* pMb = &aMb; pMb != nullptr && dwRemain != 0; pMb = pMb->GetNext()) {
         const unsigned int dwLength = std::min(dwRemain, pMb->GetTopLevelLength() % 65536);
@@ -113,8 +114,8 @@ bool PushLocalAddr(const CmPortInterface& aInterface, local_addr** aList) {
     pNode->next = *aList;
     *aList = pNode;
     char szAddress[INET_ADDRSTRLEN] = "";
-    ::inet_ntop(AF_INET, aInterface.m_abyAddress + offsetof(sockaddr_in, sin_addr), szAddress,
-                sizeof(szAddress));
+    inet_ntop(AF_INET, aInterface.m_abyAddress + offsetof(sockaddr_in, sin_addr), szAddress,
+              sizeof(szAddress));
     CM_INFO_TRACE("addr is: " << szAddress);
     return true;
 }

@@ -16,7 +16,7 @@ namespace UTIL_NS {
 
 namespace {
 
-constexpr DWORD EVENTS_PER_PASS = 5;         // between two looks at the timers
+constexpr DWORD EVENTS_PER_PASS = 5;         // as in CmThread.cpp: bounds how late a timer is
 constexpr long STOP_NAP_NSEC = 1000 * 1000;  // between two tries of a stop without memory
 
 CmResult StopUntilMemory(ACmThread& aThread) {
@@ -31,7 +31,7 @@ CmResult StopUntilMemory(ACmThread& aThread) {
 
 }  // namespace
 
-// The thread of a CCmWorker: that of a CCmThreadTask with a loop that waits by the monotonic clock.
+// The thread of a CCmWorker: a CCmThreadTask whose loop waits by the monotonic clock.
 class CCmWorkerThread final : public CCmThreadTask {
   public:
     CCmWorkerThread(const CCmWorkerOptions& aOptions, CCmTimedCalls* aTimedCalls)
@@ -48,7 +48,8 @@ class CCmWorkerThread final : public CCmThreadTask {
         }
         return rv;
     }
-    // The stop event wakes the loop, which then does not look at it any more.
+    // The stop event only wakes the loop, which finds m_bStopsNow before it runs the event.
+    // Relaxed: nothing is handed over with the flag.
     CmResult StopNow() {
         const CmResult rv = Stop(nullptr);
         if (rv != CM_ERROR_OUT_OF_MEMORY) {
@@ -69,7 +70,7 @@ class CCmWorkerThread final : public CCmThreadTask {
         }
         m_pTimedCalls->BindToCurrentThread();
         CCmThreadTask::OnThreadInit();
-        if (m_pTimerQueue != nullptr) {  // otherwise it does not start
+        if (m_pTimerQueue != nullptr) {  // without it, OnThreadInit has failed already
             const CmResult rv = RunHook(CCmWorkerOptions::HOOK_START);
             if (CM_FAILED(rv)) {
                 SetInitResult(rv);
@@ -96,7 +97,8 @@ class CCmWorkerThread final : public CCmThreadTask {
             return CM_ERROR_INVALID_ARG;
         }
         sched_param parameter = {};
-        // Threads start in the middle of the usual ones; Linux has one level alone, zero.
+        // Level 0 is the priority that threads start with: the middle of the usual range. Linux has
+        // one usual level only, zero.
         parameter.sched_priority = aLevel != 0 ? aLevel : (nLowest + nHighest) / 2;
         const int rv = g_cmSystem.pthread_setschedparam(aThread, nPolicy, &parameter);
         if (rv != 0) {
@@ -106,7 +108,7 @@ class CCmWorkerThread final : public CCmThreadTask {
         return CM_OK;
     }
 
-    // Own thread: the object ends when the thread has, after Destory.
+    // Own thread: after Destory, the thread frees its object when its body returns.
     void Detach() {
         pthread_detach(pthread_self());
         m_Flag = TF_DETACHED;
@@ -262,7 +264,7 @@ CmResult CmEndThread(ACmThread* aThread) {
     if (aThread == nullptr) {
         return CM_OK;
     }
-    const CCmDisableCancel disableCancel;  // the object would be lost
+    const CCmDisableCancel disableCancel;  // cancelled half-way, the object would leak
     CmResult rv = aThread->GetThreadId() != pthread_t() ? StopUntilMemory(*aThread) : CM_OK;
     if (CM_SUCCEEDED(rv)) {
         rv = aThread->Join();

@@ -1,4 +1,4 @@
-// The road of a trace line through the shared libraries, in host programs of their own.
+// The way of a trace line through the shared libraries, in host programs of their own.
 #include <gtest/gtest.h>
 #include <stdlib.h>
 

@@ -317,7 +317,8 @@ class Driver {
         return copies;
     }
 
-    // Puts a new chain in aOther's place; when that is where it came from, the new one ends.
+    // Puts a new chain in aOther's place; when that is where it came from, the new one is
+    // destroyed.
     void Replace(const Chain& aChain, Chain& aOther, Chain aNew) {
         if (&aChain == &aOther) {
             return Destroy(aNew);

@@ -14,7 +14,7 @@
 
 namespace kelto_test {
 
-// LiveAllocations behind the first trace line, which creates the trace facility for good.
+// LiveAllocations after the first trace line, which creates the trace facility for good.
 inline long LiveAllocationsBefore() {
     util_adapter_trace(UTIL_NS::CM_TRACE_LEVEL_INFO, "", 0);
     return LiveAllocations();
@@ -31,7 +31,7 @@ class EventLog {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_ended.push_back(aId);
     }
-    // The events that were fired or ended, in this order.
+    // The events that were fired or destroyed, in this order.
     std::vector<int> fired() const {
         std::lock_guard<std::mutex> lock(m_mutex);
         return m_fired;
@@ -47,7 +47,7 @@ class EventLog {
     std::vector<int> m_ended;
 };
 
-// Logs its firing and its end; what else it does when fired is up to the test.
+// Logs its firing and its destruction; what else it does when fired is up to the test.
 class LoggedEvent : public UTIL_NS::ICmEvent {
   public:
     typedef std::function<UTIL_NS::CmResult()> Work;
@@ -70,7 +70,7 @@ class LoggedEvent : public UTIL_NS::ICmEvent {
     const Work m_work;
 };
 
-// The same with something to do when it ends.
+// The same with something to do when it is destroyed.
 class EndingEvent : public UTIL_NS::ICmEvent {
   public:
     explicit EndingEvent(std::function<void()> aAtEnd) : m_atEnd(std::move(aAtEnd)) {}

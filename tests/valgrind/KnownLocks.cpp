@@ -1,5 +1,5 @@
 // Helgrind learns of a recursive mutex that is initialised statically when it is locked, and would
-// report the end of one that never was. Part of every test program in a build for it.
+// report the destruction of one that never was. Part of every test program in a build for it.
 #include "CmT120TraceFile.h"
 #include "CmUtilMisc.h"
 

@@ -24,7 +24,7 @@ def list_members(value):
     anchor = value["_M_impl"]["_M_node"]
     node = anchor["_M_next"]
     while node != anchor.address:
-        # A node is two pointers and the member behind them, aligned.
+        # A node is two pointers and the member after them, aligned.
         at = int(node) + 2 * node.type.sizeof
         yield gdb.Value(at).cast(member_type.pointer()).dereference()
         node = node["_M_next"]

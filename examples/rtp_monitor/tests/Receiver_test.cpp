@@ -2,148 +2,132 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "CmEvent.h"
 #include "CmUtilMisc.h"
 
 namespace rtp_monitor {
 namespace {
 
-using UTIL_NS::ACmThread;
 using UTIL_NS::CM_OK;
-using UTIL_NS::CmResult;
 
-constexpr int RECEIVER_TYPE = 1;
-constexpr int WORKER_TYPE = 2;
+constexpr uint32_t MOST_BATCHES = 4;
+constexpr uint64_t PACKETS = 1000;
 
-// A live source that always has a packet, aCount of them.
-class EndlessSource : public PacketSource {
+// A live source that always has a packet, PACKETS of them, each in a data block of its own.
+class CEndlessSource : public IPacketSource {
   public:
-    EndlessSource(uint32_t aSize, uint64_t aCount, std::atomic<uint64_t>* aRead)
-        : m_packet(aSize), m_ullCount(aCount), m_pRead(aRead) {
-        m_packet[0] = 0x80;
-    }
+    explicit CEndlessSource(std::atomic<uint64_t>* aRead) : m_pRead(aRead) {}
 
-    ReadResult Read(Packet* aPacket) override {
-        if (*m_pRead == m_ullCount) {
-            return ReadResult::END;
+    ERead Read(CPacket* aPacket, EFrame* /*aReason*/) override {
+        if (*m_pRead == PACKETS) {
+            return ERead::END;
         }
-        m_packet[3] = static_cast<unsigned char>(++*m_pRead);
-        aPacket->data = m_packet.data();
-        aPacket->size = static_cast<uint32_t>(m_packet.size());
-        return ReadResult::PACKET;
+        aPacket->block = m_pool.Take();
+        char* pData = aPacket->block->m_pPayload;
+        std::fill(pData, pData + SIZE, 0);
+        pData[0] = static_cast<char>(0x80);
+        const uint64_t ullNumber = ++*m_pRead;
+        pData[2] = static_cast<char>(ullNumber >> 8);
+        pData[3] = static_cast<char>(ullNumber);
+        aPacket->size = aPacket->wireSize = SIZE;
+        return ERead::PACKET;
     }
+    void AddDescriptors(std::vector<pollfd>* /*aDescriptors*/) const override {}
     std::string error() const override { return ""; }
     int percent() const override { return -1; }
-    bool isRecorded() const override { return false; }
+    bool IsRecorded() const override { return false; }
+    std::vector<CInputReport> Inputs() const override { return {}; }
 
   private:
-    std::vector<unsigned char> m_packet;
-    const uint64_t m_ullCount;
+    static constexpr uint32_t SIZE = 100;
+
+    CBlockPool m_pool;
     std::atomic<uint64_t>* m_pRead;
 };
 
-class WaitEvent : public UTIL_NS::ICmEvent {
-  public:
-    WaitEvent(UTIL_NS::CCmEventThread* aStarted, UTIL_NS::CCmEventThread* aGo)
-        : m_pStarted(aStarted), m_pGo(aGo) {}
-    CmResult OnEventFire() override {
-        m_pStarted->Signal();
-        return m_pGo->Wait(nullptr);
-    }
-
-  private:
-    UTIL_NS::CCmEventThread* m_pStarted;
-    UTIL_NS::CCmEventThread* m_pGo;
-};
-
-ACmThread* FindWorkerThread() {
-    UTIL_NS::g_thread_Mutex.Lock();
-    ACmThread* pFound = nullptr;
-    for (ACmThread* pThread : UTIL_NS::g_threadList) {
-        pFound = pThread->GetThreadType() == WORKER_TYPE ? pThread : pFound;
-    }
-    UTIL_NS::g_thread_Mutex.UnLock();
-    return pFound;
-}
-
-// A receiver in front of one worker that stands still until Go.
-class ReceiverBackPressure : public testing::Test {
+// A receiver before one worker that stands still until Go.
+class CReceiverBackPressure : public testing::Test {
   protected:
     void SetUp() override {
-        m_workers.push_back(std::make_unique<Worker>(ClockRates()));
-        ASSERT_TRUE(m_workers[0]->Start(1000));
-        ACmThread* pThread = FindWorkerThread();
-        ASSERT_NE(pThread, nullptr);
-        pThread->GetEventQueue()->PostEvent(new WaitEvent(&m_started, &m_go),
-                                            UTIL_NS::ICmEventQueue::EPRIORITY_NORMAL);
+        ASSERT_TRUE(m_stop.IsOpen());
+        m_workers.push_back(std::make_unique<CStreamWorker>(ClockRates(), MOST_BATCHES));
+        ASSERT_EQ(m_workers[0]->Result(), CM_OK);
+        ASSERT_EQ(CmPost(m_workers[0]->worker(),
+                         [this] {
+                             m_started.Signal();
+                             m_go.Wait(nullptr);
+                         }),
+                  CM_OK);
         ASSERT_EQ(m_started.Wait(nullptr), CM_OK);
     }
-
     void TearDown() override {
-        Go();
+        m_go.Signal();
+        m_thread.reset();
         m_workers.clear();
-        if (m_pReceiver != nullptr) {
-            m_pReceiver->Destory(CM_OK);
-        }
     }
 
-    void Receive(uint32_t aPacketSize, uint64_t aCount) {
-        m_pReceiver = new Receiver(std::make_unique<EndlessSource>(aPacketSize, aCount, &m_read),
-                                   m_workers, false);
-        ASSERT_EQ(m_pReceiver->Create(RECEIVER_TYPE), CM_OK);
+    void Receive() {
+        m_pReceiver =
+            new CReceiver(std::make_unique<CEndlessSource>(&m_read), m_workers, m_stop, false, 10);
+        m_thread.reset(m_pReceiver);
+        ASSERT_EQ(m_thread->Create(1), CM_OK);
     }
-
-    // How many packets were handed on a while after there were aExpected of them.
-    uint64_t HandedOn(uint64_t aExpected) const {
-        for (int i = 0; i < 6000 && m_pReceiver->counters().rtp < aExpected; ++i) {
+    // How many packets were read a while after there were aExpected of them.
+    uint64_t ReadUpTo(uint64_t aExpected) const {
+        for (int i = 0; i < 6000 && m_read < aExpected; ++i) {
             SleepMs(10);
         }
         SleepMs(100);
-        return m_pReceiver->counters().rtp;
+        return m_read;
     }
-
-    void Go() { m_go.Signal(); }
+    CReport Collect() {
+        CReport report;
+        m_pReceiver->AddTo(&report);
+        EXPECT_EQ(m_workers[0]->AddTo(&report, false), CM_OK);
+        return report;
+    }
 
     UTIL_NS::CCmEventThread m_started{1};
     UTIL_NS::CCmEventThread m_go{1};  // stays signalled
     std::atomic<uint64_t> m_read{0};
-    std::vector<std::unique_ptr<Worker>> m_workers;
-    Receiver* m_pReceiver = nullptr;
+    CStopSignal m_stop;
+    StreamWorkers m_workers;
+    UTIL_NS::CCmThreadPtr m_thread;
+    CReceiver* m_pReceiver = nullptr;
 };
 
-TEST_F(ReceiverBackPressure, WaitsBehind8000Packets_AndThenGoesOn) {
-    Receive(100, 20000);
-    EXPECT_EQ(HandedOn(8001), 8001U);  // the last one found 8000 waiting
-    Go();
-    m_pReceiver->Join();
-    EXPECT_EQ(m_pReceiver->counters().rtp, 20000U);
+// One batch is being handled, MOST_BATCHES wait with it, one is being handed over, and what it was
+// handed over for has been read.
+TEST_F(CReceiverBackPressure, WaitsForTheWorker_AndThenGoesOn) {
+    Receive();
+    EXPECT_EQ(ReadUpTo(MOST_BATCHES + 2), MOST_BATCHES + 2);
+    m_go.Signal();
+    EXPECT_EQ(m_thread->Join(), CM_OK);
+    const CReport report = Collect();
+    EXPECT_EQ(report.rtp, PACKETS);
+    ASSERT_EQ(report.streams.size(), 1U);
+    EXPECT_EQ(report.streams[0].received, PACKETS);
+    EXPECT_EQ(report.streams[0].lost, 0U);
 }
 
-TEST_F(ReceiverBackPressure, WaitsWith64DataBlocks_AndThenGoesOn) {
-    Receive(65000, 1000);  // four fit into a block
-    EXPECT_EQ(HandedOn(256), 256U);
-    Go();
-    m_pReceiver->Join();
-    EXPECT_EQ(m_pReceiver->counters().rtp, 1000U);
-}
-
-TEST_F(ReceiverBackPressure, HandsOnWhatWasRead_WhenStoppedMeanwhile) {
-    Receive(65000, 1000);
-    EXPECT_EQ(HandedOn(256), 256U);
-    m_pReceiver->Stop(nullptr);
+TEST_F(CReceiverBackPressure, HandsOnWhatWasRead_WhenStoppedMeanwhile) {
+    Receive();
+    EXPECT_EQ(ReadUpTo(MOST_BATCHES + 2), MOST_BATCHES + 2);
+    m_thread->Stop();
     SleepMs(100);  // time enough to give up
-    Go();
-    m_pReceiver->Join();
-    EXPECT_EQ(m_read, 257U);
-    EXPECT_EQ(m_pReceiver->counters().rtp, 257U);
-    Snapshot snapshot;
-    ASSERT_TRUE(m_workers[0]->Take(&snapshot));
-    ASSERT_EQ(snapshot.streams.size(), 1U);
-    EXPECT_EQ(snapshot.streams[0].packets, 257U);
+    m_go.Signal();
+    EXPECT_EQ(m_thread->Join(), CM_OK);
+    const CReport report = Collect();
+    EXPECT_EQ(m_read, MOST_BATCHES + 2);
+    EXPECT_EQ(report.rtp, MOST_BATCHES + 2);
+    ASSERT_EQ(report.streams.size(), 1U);
+    EXPECT_EQ(report.streams[0].received, MOST_BATCHES + 2);
 }
 
 }  // namespace

@@ -20,28 +20,29 @@ Bytes operator+(Bytes aLeft, const Bytes& aRight) {
     return aLeft;
 }
 
-struct Case {
+struct CCase {
     const char* name;
     Bytes packet;
-    PacketKind kind;
+    EPacketKind kind;
     uint32_t headerSize;
     uint32_t paddingSize;
 };
 
-std::ostream& operator<<(std::ostream& aStream, const Case& aCase) {
+std::ostream& operator<<(std::ostream& aStream, const CCase& aCase) {
     return aStream << aCase.name;
 }
 
-class RtpPacketTable : public testing::TestWithParam<Case> {};
+class RtpPacketTable : public testing::TestWithParam<CCase> {};
 
 TEST_P(RtpPacketTable, TellsKindHeaderAndPadding) {
-    const Case& expected = GetParam();
-    RtpHeader header = {};
+    const CCase& expected = GetParam();
+    CRtpHeader header = {};
     // A copy of exactly this size, so that an address sanitizer sees a byte read too many.
     const Bytes packet(expected.packet);
-    EXPECT_EQ(ParsePacket(packet.data(), packet.size(), &header), expected.kind);
-    EXPECT_EQ(header.headerSize, expected.headerSize);
-    EXPECT_EQ(header.paddingSize, expected.paddingSize);
+    EXPECT_EQ(ParsePacket(packet.data(), packet.size(), packet.size(), &header), expected.kind);
+    EXPECT_EQ(header.payloadSize, expected.kind == EPacketKind::RTP
+                                      ? packet.size() - expected.headerSize - expected.paddingSize
+                                      : 0);
 }
 
 const Bytes FOUR = {0, 0, 0, 0};
@@ -49,50 +50,81 @@ const Bytes FOUR = {0, 0, 0, 0};
 INSTANTIATE_TEST_SUITE_P(
     Packets, RtpPacketTable,
     testing::Values(
-        Case{"Empty", {}, PacketKind::OTHER, 0, 0},
-        Case{"ThreeBytes", {0x80, 0x60, 0}, PacketKind::OTHER, 0, 0},
-        Case{"ElevenBytes", {0x80, 0x60, 0, 1, 0, 0, 0, 0, 0, 0, 0}, PacketKind::OTHER, 0, 0},
-        Case{"HeaderOnly", FixedHeader(), PacketKind::RTP, 12, 0},
-        Case{"Payload", FixedHeader() + Bytes{1, 2, 3}, PacketKind::RTP, 12, 0},
-        Case{"Version0", FixedHeader(0x00), PacketKind::OTHER, 0, 0},
-        Case{"Version1", FixedHeader(0x40), PacketKind::OTHER, 0, 0},
-        Case{"Version3", FixedHeader(0xC0), PacketKind::OTHER, 0, 0},
-        Case{"TwoSources", FixedHeader(0x82) + FOUR + FOUR, PacketKind::RTP, 20, 0},
-        Case{"FifteenSources", FixedHeader(0x8F) + Bytes(60), PacketKind::RTP, 72, 0},
-        Case{"SourcesCutOff", FixedHeader(0x82) + FOUR + Bytes{0, 0, 0}, PacketKind::OTHER, 0, 0},
-        Case{"EmptyExtension", FixedHeader(0x90) + Bytes{0xBE, 0xDE, 0, 0}, PacketKind::RTP, 16, 0},
-        Case{"Extension", FixedHeader(0x90) + Bytes{0xBE, 0xDE, 0, 1} + FOUR + Bytes{9},
-             PacketKind::RTP, 20, 0},
-        Case{"ExtensionBehindSources", FixedHeader(0x91) + FOUR + Bytes{0, 0, 0, 2} + FOUR + FOUR,
-             PacketKind::RTP, 28, 0},
-        Case{"ExtensionHeaderCutOff", FixedHeader(0x90) + Bytes{0xBE, 0xDE, 0}, PacketKind::OTHER,
-             0, 0},
-        Case{"ExtensionCutOff", FixedHeader(0x90) + Bytes{0, 0, 0, 2} + FOUR + Bytes{0, 0, 0},
-             PacketKind::OTHER, 0, 0},
-        Case{"LongestExtensionCutOff", FixedHeader(0x90) + Bytes{0, 0, 0xFF, 0xFF} + FOUR,
-             PacketKind::OTHER, 0, 0},
-        Case{"Padding", FixedHeader(0xA0) + Bytes{7, 0, 2}, PacketKind::RTP, 12, 2},
-        Case{"PaddingOnly", FixedHeader(0xA0) + Bytes{0, 0, 0, 4}, PacketKind::RTP, 12, 4},
-        Case{"PaddingOfNothing", FixedHeader(0xA0) + Bytes{7, 7, 0}, PacketKind::OTHER, 0, 0},
-        Case{"PaddingLongerThanPayload", FixedHeader(0xA0) + Bytes{0, 0, 4}, PacketKind::OTHER, 0,
-             0},
-        Case{"PaddingWithoutPayload", FixedHeader(0xA0), PacketKind::OTHER, 0, 0},
-        Case{"PaddingIntoTheExtension", FixedHeader(0xB0) + Bytes{0, 0, 0, 1, 0, 0, 0, 3},
-             PacketKind::OTHER, 0, 0},
-        Case{"SenderReport", FixedHeader(0x80, 200), PacketKind::RTCP, 0, 0},
-        Case{"ReceiverReportWithoutBlocks", {0x80, 201, 0, 1}, PacketKind::RTCP, 0, 0},
-        Case{"TransportFeedback", FixedHeader(0x81, 205), PacketKind::RTCP, 0, 0},
-        Case{"PictureLossIndication", FixedHeader(0x81, 206), PacketKind::RTCP, 0, 0},
-        Case{"LowestRtcpType", FixedHeader(0x80, 192), PacketKind::RTCP, 0, 0},
-        Case{"HighestRtcpType", FixedHeader(0x80, 223), PacketKind::RTCP, 0, 0},
-        Case{"TypeBelowRtcp", FixedHeader(0x80, 191), PacketKind::RTP, 12, 0},
-        Case{"TypeAboveRtcp", FixedHeader(0x80, 224), PacketKind::RTP, 12, 0}),
-    [](const testing::TestParamInfo<Case>& aInfo) { return std::string(aInfo.param.name); });
+        CCase{"Empty", {}, EPacketKind::OTHER, 0, 0},
+        CCase{"ThreeBytes", {0x80, 0x60, 0}, EPacketKind::OTHER, 0, 0},
+        CCase{"ElevenBytes", {0x80, 0x60, 0, 1, 0, 0, 0, 0, 0, 0, 0}, EPacketKind::OTHER, 0, 0},
+        CCase{"HeaderOnly", FixedHeader(), EPacketKind::RTP, 12, 0},
+        CCase{"Payload", FixedHeader() + Bytes{1, 2, 3}, EPacketKind::RTP, 12, 0},
+        CCase{"Version0", FixedHeader(0x00), EPacketKind::OTHER, 0, 0},
+        CCase{"Version1", FixedHeader(0x40), EPacketKind::OTHER, 0, 0},
+        CCase{"Version3", FixedHeader(0xC0), EPacketKind::OTHER, 0, 0},
+        CCase{"TwoSources", FixedHeader(0x82) + FOUR + FOUR, EPacketKind::RTP, 20, 0},
+        CCase{"FifteenSources", FixedHeader(0x8F) + Bytes(60), EPacketKind::RTP, 72, 0},
+        CCase{"SourcesCutOff", FixedHeader(0x82) + FOUR + Bytes{0, 0, 0}, EPacketKind::OTHER, 0, 0},
+        CCase{"EmptyExtension", FixedHeader(0x90) + Bytes{0xBE, 0xDE, 0, 0}, EPacketKind::RTP, 16,
+              0},
+        CCase{"Extension", FixedHeader(0x90) + Bytes{0xBE, 0xDE, 0, 1} + FOUR + Bytes{9},
+              EPacketKind::RTP, 20, 0},
+        CCase{"ExtensionAfterSources", FixedHeader(0x91) + FOUR + Bytes{0, 0, 0, 2} + FOUR + FOUR,
+              EPacketKind::RTP, 28, 0},
+        CCase{"ExtensionHeaderCutOff", FixedHeader(0x90) + Bytes{0xBE, 0xDE, 0}, EPacketKind::OTHER,
+              0, 0},
+        CCase{"ExtensionCutOff", FixedHeader(0x90) + Bytes{0, 0, 0, 2} + FOUR + Bytes{0, 0, 0},
+              EPacketKind::OTHER, 0, 0},
+        CCase{"LongestExtensionCutOff", FixedHeader(0x90) + Bytes{0, 0, 0xFF, 0xFF} + FOUR,
+              EPacketKind::OTHER, 0, 0},
+        CCase{"Padding", FixedHeader(0xA0) + Bytes{7, 0, 2}, EPacketKind::RTP, 12, 2},
+        CCase{"PaddingOnly", FixedHeader(0xA0) + Bytes{0, 0, 0, 4}, EPacketKind::RTP, 12, 4},
+        CCase{"PaddingOfNothing", FixedHeader(0xA0) + Bytes{7, 7, 0}, EPacketKind::OTHER, 0, 0},
+        CCase{"PaddingLongerThanPayload", FixedHeader(0xA0) + Bytes{0, 0, 4}, EPacketKind::OTHER, 0,
+              0},
+        CCase{"PaddingWithoutPayload", FixedHeader(0xA0), EPacketKind::OTHER, 0, 0},
+        CCase{"PaddingIntoTheExtension", FixedHeader(0xB0) + Bytes{0, 0, 0, 1, 0, 0, 0, 3},
+              EPacketKind::OTHER, 0, 0},
+        CCase{"SenderReport", FixedHeader(0x80, 200), EPacketKind::RTCP, 0, 0},
+        CCase{"ReceiverReportWithoutBlocks", {0x80, 201, 0, 1}, EPacketKind::RTCP, 0, 0},
+        CCase{"TransportFeedback", FixedHeader(0x81, 205), EPacketKind::RTCP, 0, 0},
+        CCase{"PictureLossIndication", FixedHeader(0x81, 206), EPacketKind::RTCP, 0, 0},
+        CCase{"LowestRtcpType", FixedHeader(0x80, 192), EPacketKind::RTCP, 0, 0},
+        CCase{"HighestRtcpType", FixedHeader(0x80, 223), EPacketKind::RTCP, 0, 0},
+        CCase{"TypeBelowRtcp", FixedHeader(0x80, 191), EPacketKind::RTP, 12, 0},
+        CCase{"TypeAboveRtcp", FixedHeader(0x80, 224), EPacketKind::RTP, 12, 0}),
+    [](const testing::TestParamInfo<CCase>& aInfo) { return std::string(aInfo.param.name); });
+
+// What is known of a packet of which only the first bytes were captured.
+TEST(RtpPacket, TakesThePayloadFromTheWire_WhenThePacketIsCutOff) {
+    const struct {
+        Bytes there;
+        size_t wireSize;
+        EPacketKind kind;
+        uint32_t payloadSize;
+    } cases[] = {
+        {FixedHeader(), 172, EPacketKind::RTP, 160},
+        {FixedHeader() + Bytes{1, 2, 3}, 172, EPacketKind::RTP, 160},
+        {FixedHeader(0xA0) + Bytes{9}, 172, EPacketKind::RTP, 160},  // the padding is not known
+        {FixedHeader(0x82), 172, EPacketKind::RTP, 152},
+        {FixedHeader(0x90) + Bytes{0xBE, 0xDE, 0, 1}, 172, EPacketKind::RTP, 152},
+        {FixedHeader(0x90), 172, EPacketKind::RTP, 156},  // nor is the extension's length
+        {FixedHeader(0x8F), 71, EPacketKind::OTHER, 0},
+        {FixedHeader(0x90) + Bytes{0, 0, 1, 0}, 172, EPacketKind::OTHER, 0},
+        {{0x80, 0x60, 0, 1, 0, 0, 0, 0, 0, 0, 0}, 172, EPacketKind::CUT_OFF, 0},
+        {{0x80, 0x60, 0}, 172, EPacketKind::CUT_OFF, 0},
+        {{0x80, 200, 0, 1}, 172, EPacketKind::RTCP, 0},
+        {{}, 172, EPacketKind::CUT_OFF, 0},
+    };
+    for (const auto& expected : cases) {
+        CRtpHeader header = {};
+        EXPECT_EQ(
+            ParsePacket(expected.there.data(), expected.there.size(), expected.wireSize, &header),
+            expected.kind);
+        EXPECT_EQ(header.payloadSize, expected.payloadSize);
+    }
+}
 
 TEST(RtpPacket, ReadsFieldsInNetworkOrder) {
     const Bytes packet = FixedHeader(0x80, 0xE0);
-    RtpHeader header = {};
-    ASSERT_EQ(ParsePacket(packet.data(), packet.size(), &header), PacketKind::RTP);
+    CRtpHeader header = {};
+    ASSERT_EQ(ParsePacket(packet.data(), packet.size(), packet.size(), &header), EPacketKind::RTP);
     EXPECT_EQ(header.payloadType, 96);
     EXPECT_TRUE(header.marker);
     EXPECT_EQ(header.sequence, 0x1234);
@@ -102,8 +134,8 @@ TEST(RtpPacket, ReadsFieldsInNetworkOrder) {
 
 TEST(RtpPacket, MarkerIsNoPartOfTheType) {
     const Bytes packet = FixedHeader(0x80, 0x60);
-    RtpHeader header = {};
-    ASSERT_EQ(ParsePacket(packet.data(), packet.size(), &header), PacketKind::RTP);
+    CRtpHeader header = {};
+    ASSERT_EQ(ParsePacket(packet.data(), packet.size(), packet.size(), &header), EPacketKind::RTP);
     EXPECT_EQ(header.payloadType, 96);
     EXPECT_FALSE(header.marker);
 }

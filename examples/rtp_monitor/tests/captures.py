@@ -22,8 +22,10 @@ def ipv4(payload, protocol=17, fragment=0, options=b"", size=None):
         bytes([10, 0, 0, 1, 10, 0, 0, 2]) + options + payload
 
 
-def ipv6(payload):
-    return struct.pack(">IHBB", 0x60000000, len(payload), 17, 64) + bytes(32) + payload
+def ipv6(payload, next_header=17, size=None):
+    length = len(payload) if size is None else size
+    return struct.pack(">IHBB", 0x60000000, length, next_header, 64) + \
+        bytes.fromhex("20010db8000000000000000000000001 20010db8000000000000000000000002") + payload
 
 
 def ethernet(payload, ether_type=0x0800, tags=()):

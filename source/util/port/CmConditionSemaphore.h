@@ -1,7 +1,7 @@
-// The semaphore of platforms that have no unnamed ones, made of a mutex and a condition; internal.
+// The semaphore for platforms that have no unnamed ones, made of a mutex and a condition; internal.
 //
 // The four functions behave as sem_init, sem_destroy, sem_wait and sem_post: 0, or -1 with errno
-// set. A wait is a cancellation point and never ends for a signal.
+// set. A wait is a cancellation point; signals do not interrupt it.
 #ifndef CM_CONDITION_SEMAPHORE_H
 #define CM_CONDITION_SEMAPHORE_H
 
@@ -22,26 +22,6 @@ struct CmConditionSemaphore {
     unsigned int m_dwCount;
 };
 #endif
-
-// The mutex of a semaphore, held.
-class CCmConditionSemaphoreLock {
-  public:
-    explicit CCmConditionSemaphoreLock(pthread_mutex_t& aMutex)
-        : m_Mutex(aMutex), m_nError(g_cmSystem.pthread_mutex_lock(&aMutex)) {}
-    ~CCmConditionSemaphoreLock() {
-        if (m_nError == 0) {
-            g_cmSystem.pthread_mutex_unlock(&m_Mutex);
-        }
-    }
-    CCmConditionSemaphoreLock(const CCmConditionSemaphoreLock&) = delete;
-    CCmConditionSemaphoreLock& operator=(const CCmConditionSemaphoreLock&) = delete;
-
-    int error() const { return m_nError; }
-
-  private:
-    pthread_mutex_t& m_Mutex;
-    const int m_nError;
-};
 
 // What the calls of POSIX threads return, in the form of the semaphore calls.
 inline int CmResultToErrno(int aError) {
@@ -92,15 +72,18 @@ inline int CmConditionSemaphoreWait(CmConditionSemaphore* aSemaphore) {
 }
 
 inline int CmConditionSemaphorePost(CmConditionSemaphore* aSemaphore) {
-    CCmConditionSemaphoreLock lock(aSemaphore->m_Mutex);
-    if (lock.error() != 0) {
-        return CmResultToErrno(lock.error());
+    int rv = g_cmSystem.pthread_mutex_lock(&aSemaphore->m_Mutex);
+    if (rv != 0) {
+        return CmResultToErrno(rv);
     }
     if (aSemaphore->m_dwCount == INT_MAX) {
-        return CmResultToErrno(EOVERFLOW);
+        rv = EOVERFLOW;
+    } else {
+        ++aSemaphore->m_dwCount;
+        rv = g_cmSystem.pthread_cond_signal(&aSemaphore->m_Condition);
     }
-    ++aSemaphore->m_dwCount;
-    return CmResultToErrno(g_cmSystem.pthread_cond_signal(&aSemaphore->m_Condition));
+    g_cmSystem.pthread_mutex_unlock(&aSemaphore->m_Mutex);
+    return CmResultToErrno(rv);
 }
 
 // The semaphore calls of CmPort.h for this type. Each calls the function of its name above; a

@@ -87,19 +87,19 @@ const char* LastComponent(const char* aPath) {
 }  // namespace
 
 int CmPortSemaphoreInit(CmPlatformSemaphore* aSemaphore, int aShared, unsigned aCount) {
-    return ::sem_init(aSemaphore, aShared, aCount);
+    return sem_init(aSemaphore, aShared, aCount);
 }
 
 int CmPortSemaphoreDestroy(CmPlatformSemaphore* aSemaphore) {
-    return ::sem_destroy(aSemaphore);
+    return sem_destroy(aSemaphore);
 }
 
 int CmPortSemaphoreWait(CmPlatformSemaphore* aSemaphore) {
-    return ::sem_wait(aSemaphore);
+    return sem_wait(aSemaphore);
 }
 
 int CmPortSemaphorePost(CmPlatformSemaphore* aSemaphore) {
-    return ::sem_post(aSemaphore);
+    return sem_post(aSemaphore);
 }
 
 size_t CmPortExecutableName(uint16_t (&aUnits)[CM_PORT_NAME_UNITS]) {
@@ -107,8 +107,8 @@ size_t CmPortExecutableName(uint16_t (&aUnits)[CM_PORT_NAME_UNITS]) {
     return ExecutablePath(szPath) ? Utf16FromUtf8(LastComponent(szPath), aUnits) : 0;
 }
 
-// Four directories up from the executable's file; "/" is its own parent. The kernel's name of a
-// file that no path leads to does not start with it.
+// Four directories up from the executable's file; "/" is its own parent. For a file that no path
+// leads to, the kernel gives a name that does not start with "/".
 bool CmPortApplicationParentPath(char* aBuffer, size_t aSize) {
     constexpr int LEVELS = 4;
     char szPath[PATH_SIZE];
@@ -155,28 +155,28 @@ size_t CmPortReadInterface(const char* aRecords, size_t aLength, CmPortInterface
 }
 
 void CmPortMonotonicNow(timespec* aNow) {
-    ::clock_gettime(CLOCK_MONOTONIC, aNow);
+    clock_gettime(CLOCK_MONOTONIC, aNow);
 }
 
 int CmPortConditionWaitUntil(pthread_cond_t* aCondition, pthread_mutex_t* aMutex,
                              const timespec* aDeadline) {
-    return ::pthread_cond_clockwait(aCondition, aMutex, CLOCK_MONOTONIC, aDeadline);
+    return pthread_cond_clockwait(aCondition, aMutex, CLOCK_MONOTONIC, aDeadline);
 }
 
 void CmPortNameThisThread(const char* aName) {
     char szName[16] = {};
     std::strncpy(szName, aName, sizeof(szName) - 1);
-    ::pthread_setname_np(pthread_self(), szName);
+    pthread_setname_np(pthread_self(), szName);
 }
 
 void CmPortPreciseWaits() {
-    ::prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL);
+    prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL);
 }
 
 // The time of the kernel's last tick; ticks are at most 10 ms apart.
 int CmPortCoarseTimeOfDay(timeval* aNow, void* /*aUnused*/) {
     timespec tsNow = {};
-    const int rv = ::clock_gettime(CLOCK_REALTIME_COARSE, &tsNow);
+    const int rv = clock_gettime(CLOCK_REALTIME_COARSE, &tsNow);
     aNow->tv_sec = tsNow.tv_sec;
     aNow->tv_usec = tsNow.tv_nsec / 1000;
     return rv;
@@ -186,7 +186,7 @@ bool CmPortTakesZeros() {
     return true;
 }
 
-// A cancelled thread unwinds.
+// Nothing to do: a cancelled thread unwinds, and destructors do the work.
 void CmPortPushCleanUp(CmPortCleanUp* /*aCleanUp*/) {}
 
 void CmPortPopCleanUp(CmPortCleanUp* /*aCleanUp*/) {}

@@ -153,10 +153,10 @@ size_t CmPortReadInterface(const char* aRecords, size_t aLength, CmPortInterface
 
 // The exact clock: there is no coarse one, and it takes no system call.
 int CmPortCoarseTimeOfDay(timeval* aNow, void* /*aUnused*/) {
-    return ::gettimeofday(aNow, nullptr);
+    return gettimeofday(aNow, nullptr);
 }
 
-// They begin with a signature.
+// False: each of these objects begins with a signature that is not zero.
 bool CmPortTakesZeros() {
     return false;
 }
@@ -183,7 +183,7 @@ void CmPortPopCleanUp(CmPortCleanUp* aCleanUp) {
 
 // The clock of relative waits; like them it stands still while the machine sleeps.
 void CmPortMonotonicNow(timespec* aNow) {
-    ::clock_gettime(CLOCK_UPTIME_RAW, aNow);
+    clock_gettime(CLOCK_UPTIME_RAW, aNow);
 }
 
 int CmPortConditionWaitUntil(pthread_cond_t* aCondition, pthread_mutex_t* aMutex,
@@ -199,13 +199,13 @@ int CmPortConditionWaitUntil(pthread_cond_t* aCondition, pthread_mutex_t* aMutex
     if (tsInterval.tv_sec < 0 || (tsInterval.tv_sec == 0 && tsInterval.tv_nsec == 0)) {
         tsInterval = {0, 1};  // an interval of zero would wait without limit
     }
-    return ::pthread_cond_timedwait_relative_np(aCondition, aMutex, &tsInterval);
+    return pthread_cond_timedwait_relative_np(aCondition, aMutex, &tsInterval);
 }
 
 void CmPortNameThisThread(const char* aName) {
     char szName[64] = {};
     std::strncpy(szName, aName, sizeof(szName) - 1);
-    ::pthread_setname_np(szName);
+    pthread_setname_np(szName);
 }
 
 void CmPortPreciseWaits() {}

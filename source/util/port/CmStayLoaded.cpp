@@ -3,7 +3,7 @@
 
 namespace {
 
-// Threads that traced call into the library when they end, whether or not their host has closed it.
+// A thread that traced calls into the library when it exits, whether or not the host has closed it.
 __attribute__((constructor)) void StayLoaded() {
     Dl_info info = {};
     if (dladdr(reinterpret_cast<void*>(&StayLoaded), &info) != 0) {
