@@ -27,7 +27,6 @@ from captures import ethernet, ipv4, pcap, rtp, udp
 
 TESTS = os.path.dirname(os.path.abspath(__file__))
 CALL = os.path.join(TESTS, "..", "data", "call.pcap")
-CALL_CLOCKS = ("--clock", "96=90000", "--clock", "97=48000")
 ENTER, LEAVE, RED = "\x1b[?1049h", "\x1b[?1049l", "\x1b[1;31m"
 SVG = "{http://www.w3.org/2000/svg}"
 
@@ -116,8 +115,8 @@ class Interface(harness.MonitorTest):
 
     def test_LetsColumnsFallAway_InTheStatedOrder(self):
         path = self.write(capture(stream(0, 30)), "c")
-        everything = ("ssrc type packets bytes lost loss here dup order late stray new jitter kbit/s "
-                      "now gap ms")
+        everything = ("ssrc type packets bytes lost loss here dup order late stray new jitter "
+                      "kbit/s now gap ms")
         for columns, titles in (
                 (200, everything),
                 (120, "ssrc type packets lost loss here stray new jitter kbit/s now gap ms"),
@@ -342,8 +341,8 @@ class Interface(harness.MonitorTest):
             self.assertLessEqual(len(line.get("points").split()), 2 * 121)
 
     def test_DrawsTheWorstOfManyStreams_AndSaysSo(self):
-        root, size = self.plot(capture(*(stream(0, 20, 1 + i, missing=(5,) if i == 200 else ())
-                                         for i in range(250))))
+        root, _ = self.plot(capture(*(stream(0, 20, 1 + i, missing=(5,) if i == 200 else ())
+                                      for i in range(250))))
         text = [one for one in root.itertext() if "streams" in one]
         self.assertIn("250 streams, the first 100 are shown", text)
         self.assertEqual(len(self.charts(root, "rate", "polyline")), 100)
