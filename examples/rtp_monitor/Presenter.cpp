@@ -32,7 +32,7 @@ constexpr mode_t FILE_MODE = 0666;
 }  // namespace
 
 int Complain(const std::string& aClause) {
-    std::fprintf(stderr, "rtp_monitor: %s.\n", aClause.c_str());
+    COutput(STDERR_FILENO).Write("rtp_monitor: " + aClause + ".\n");
     return EXIT_TROUBLE;
 }
 
@@ -122,6 +122,7 @@ void CPresenter::OnTick() {
     if (m_options.json || !m_terminal.IsScreen()) {
         ShowProgress(ProgressLine(report));
     }
+    m_output.CheckReader();
     if (m_output.HasFailed()) {
         m_stop.Raise();
     }
@@ -229,6 +230,10 @@ int CPresenter::ShowEnd(const std::string& aError) {
 bool CPresenter::CheckPlotFile() const {
     if (m_options.plotFile.empty()) {
         return true;
+    }
+    if (IsSameFile(m_options.plotFile, m_options.inputs.front())) {
+        Complain("cannot write a picture to " + m_options.plotFile + ": it is the capture");
+        return false;
     }
     const int nFile = open(m_options.plotFile.c_str(),
                            O_WRONLY | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, FILE_MODE);

@@ -512,6 +512,70 @@ class Interface(harness.MonitorTest):
             self.assertEqual(process.stderr.read(),
                              "rtp_monitor: cannot write to standard output: Broken pipe.\n")
 
+    def test_EndsTheRun_WhenThePipeIsClosedBeforeAnythingIsWritten(self):
+        process = self.start("--json", self.live_address())
+        process.stdout.close()
+        self.assertEqual(process.wait(timeout=LIMIT), 2)
+        self.assertEqual(process.stderr.read(),
+                         "rtp_monitor: cannot write to standard output: Broken pipe.\n")
+
+    def test_EndsSoon_WhenNobodyReadsItsOutput(self):
+        read, write = os.pipe()
+        self.addCleanup(os.close, read)
+        os.set_blocking(write, False)
+        try:
+            while True:
+                os.write(write, bytes(4096))
+        except BlockingIOError:
+            os.set_blocking(write, True)
+        # Results alone, and with what is said about them.
+        for errors in (subprocess.PIPE, write):
+            with self.subTest(errors):
+                process = subprocess.Popen(
+                    self.command("--json", "--interval=100", self.live_address()),
+                    env=self.environment, text=True, stdout=write, stderr=errors)
+                self.addCleanup(process.kill)
+                time.sleep(0.5)
+                begin = time.monotonic()
+                process.terminate()
+                self.assertEqual(process.wait(timeout=LIMIT), 2)
+                self.assertLess(time.monotonic() - begin, 5)  # half a second, on an idle machine
+                if process.stderr is not None:
+                    with process.stderr as said:
+                        self.assertEqual(said.read(), "rtp_monitor: cannot write to standard "
+                                         "output: it is full and nobody reads it.\n")
+        os.close(write)
+
+    def test_RunsOn_WhenItIsToOutliveItsTerminal(self):
+        process = self.start(self.live_address(), preexec_fn=lambda: signal.signal(
+            signal.SIGHUP, signal.SIG_IGN))
+        self.wait_for_trace("reading from")
+        process.send_signal(signal.SIGHUP)
+        with self.assertRaises(subprocess.TimeoutExpired):
+            process.wait(timeout=0.5)
+        process.terminate()
+        self.assertEqual(process.wait(timeout=LIMIT), 0)
+
+    def test_TellsNoIntervalBitRate_BeforeAnIntervalIsOver(self):
+        path = self.write(capture(stream(0, 10)))
+        for interval, known in (("3600000", False), ("100", True)):
+            with self.subTest(interval):
+                done = self.run_monitor("--json", "--interval", interval, path)
+                rate = json.loads(done.stdout)["streams"][0]["intervalBitRate"]
+                self.assertEqual(rate is not None, known)
+
+    def test_ComplainsAndLeavesTheCapture_WhenItIsToBeWrittenTo(self):
+        data = capture(stream(0, 10))
+        path = self.write(data)
+        other = os.path.join(self.home, "other name")
+        os.link(path, other)
+        self.assert_complains(["--fast", "--plot", other, path],
+                              f"cannot write a picture to {other}: it is the capture")
+        self.assert_complains(["--fast", "--trace", other, path],
+                              f"cannot write trace lines to {other}: it is the capture")
+        with open(path, "rb") as file:
+            self.assertEqual(file.read(), data)
+
     def live_address(self):
         with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as probe:
             probe.bind(("127.0.0.1", 0))
