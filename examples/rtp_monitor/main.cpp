@@ -59,8 +59,7 @@ int Main(int aArgCount, char** aArgs) {
         return EXIT_TROUBLE;
     }
     if (!options.traceFile.empty() && IsSameFile(options.traceFile, options.inputs.front())) {
-        return Complain("cannot write trace lines to " + options.traceFile +
-                        ": it is the capture");
+        return Complain("cannot write trace lines to " + options.traceFile + ": it is the capture");
     }
     // Before the first trace line, which makes the trace library look at it.
     CTraceFile traceFile;

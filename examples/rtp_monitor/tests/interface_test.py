@@ -113,7 +113,7 @@ class Interface(harness.MonitorTest):
                     if self.trace not in line:  # a path stays whole, to be copied
                         self.assertLessEqual(len(line), columns, line)
 
-    def test_LetsColumnsFallAway_InTheStatedOrder(self):
+    def test_LetsColumnsFallAwayInTheStatedOrder(self):
         path = self.write(capture(stream(0, 30)), "c")
         everything = ("ssrc type packets bytes lost loss here dup order late stray new jitter "
                       "kbit/s now gap ms")
@@ -175,7 +175,7 @@ class Interface(harness.MonitorTest):
             self.assertRegex(plain(frame), r"\nand \d+ more streams\n")
         self.assertEqual(text.split(LEAVE)[1].count("> 10.0.0.2:5004"), 59)
 
-    def test_ShowsTableAfterTable_OnADumbTerminal(self):
+    def test_ShowsTableAfterTable_WhenTheTerminalIsDumb(self):
         path = self.write(capture(stream(0, 30)), "c")
         for term in ("dumb", ""):
             text = self.shown("--interval", "100", path, term=term, columns=80)
@@ -184,7 +184,7 @@ class Interface(harness.MonitorTest):
             self.assertLessEqual(max(len(line) for line in text.splitlines()
                                      if self.trace not in line), 80)
 
-    def test_ShowsBadFiguresInColour_UnlessToldNotTo(self):
+    def test_ShowsBadFiguresInColour_UntilToldNotTo(self):
         path = self.write(capture(stream(0, 100, missing=(5, 6)), stream(0, 100, 5)), "c")
         text = self.shown("--fast", path)
         self.assertEqual(re.findall(r"\x1b\[1;31m *(\S+)\x1b\[0m", text), ["2.0%"])
@@ -208,7 +208,7 @@ class Interface(harness.MonitorTest):
         return [int(row[3] if row[3] != "ended" else row[4], 16)
                 for row in self.rows("--fast", *arguments)]
 
-    def test_ShowsTheWorstStreamsFirst_OrAsTold(self):
+    def test_ShowsTheWorstStreamsFirstOrAsTold(self):
         path = self.write(capture(
             stream(0, 100, 1), stream(0, 120, 2, missing=range(10, 15)),
             stream(0, 110, 3, missing=(9,)), stream(0, 200, 4, step_ms=10),
@@ -251,7 +251,7 @@ class Interface(harness.MonitorTest):
 
     # Progress
 
-    def test_ShowsProgressTwiceASecond_OfASmallCapture(self):
+    def test_ShowsProgressTwiceASecond_WhenTheCaptureIsSmall(self):
         path = self.write(capture(stream(0, 1000, step_ms=3)), "c")
         screen = Screen(self, path)
         screen.finish(self)
@@ -334,13 +334,13 @@ class Interface(harness.MonitorTest):
         self.assertEqual(self.charts(root, "jitter", "polyline"), [])
         self.assertIn("the clock rate is not known (--clock)", list(root.itertext()))
 
-    def test_KeepsThePictureSmall_HoweverLongTheCapture(self):
+    def test_KeepsThePictureSmall_WhateverTheCapturesLength(self):
         root, size = self.plot(capture(stream(0, 100000), stream(0, 3, 5, step_ms=900000000)))
         self.assertLess(size, 40000)
         for line in self.charts(root, "rate", "polyline"):
             self.assertLessEqual(len(line.get("points").split()), 2 * 121)
 
-    def test_DrawsTheWorstOfManyStreams_AndSaysSo(self):
+    def test_SaysThatItDrawsTheWorst_WhenThereAreManyStreams(self):
         root, _ = self.plot(capture(*(stream(0, 20, 1 + i, missing=(5,) if i == 200 else ())
                                       for i in range(250))))
         text = [one for one in root.itertext() if "streams" in one]
@@ -369,7 +369,7 @@ class Interface(harness.MonitorTest):
 
     # JSON
 
-    def test_PrintsAnObjectForEachInterval_Live(self):
+    def test_PrintsAnObjectForEachInterval_WhenLive(self):
         with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as probe:
             probe.bind(("127.0.0.1", 0))
             port = probe.getsockname()[1]
@@ -394,7 +394,7 @@ class Interface(harness.MonitorTest):
                                for one in document["streams"]), 0)
         self.assertEqual(documents[-1]["streams"][0]["packets"], 50)
 
-    def test_PrintsAnObjectForEachInterval_FromAPipe(self):
+    def test_PrintsAnObjectForEachInterval_WhenItReadsAPipe(self):
         process = self.start("--json", "--interval", "100", "-", stdin=subprocess.PIPE)
         process.stdin.buffer.write(capture(stream(0, 10)))
         process.stdin.flush()
@@ -456,7 +456,7 @@ class Interface(harness.MonitorTest):
         self.assertEqual((done.stderr, done.returncode), ("", 0))
         self.assertRegex(done.stdout, r"\Artp_monitor \d+\.\d+\.\d+, kelto_util \d+\.\d+\.\d+\n\Z")
 
-    def test_PrintsTheSameHelp_ForBothOptions(self):
+    def test_PrintsTheSameHelp_WhateverTheOption(self):
         help_text = self.run_monitor("--help").stdout
         self.assertEqual(self.run_monitor("-h").stdout, help_text)
         for word in ("--plot FILE", "--sort ORDER", "--version", "-h, --help", "NO_COLOR"):
