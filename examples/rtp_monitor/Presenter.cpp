@@ -32,7 +32,7 @@ constexpr mode_t FILE_MODE = 0666;
 }  // namespace
 
 int Complain(const std::string& aClause) {
-    COutput(STDERR_FILENO).Write("rtp_monitor: " + aClause + ".\n");
+    COutput(STDERR_FILENO).Write("rtp_monitor: " + Printable(aClause) + ".\n");
     return EXIT_TROUBLE;
 }
 
@@ -137,7 +137,8 @@ void CPresenter::ShowTable(const CReport& aReport) {
         style.columns = m_terminal.Columns();
     }
     if (!m_terminal.IsScreen()) {
-        m_output.Write(FormatTable(report, style) + sProgress + (sProgress.empty() ? "" : "\n"));
+        m_output.Write(FormatTable(report, style) + sProgress.substr(0, style.columns) +
+                       (sProgress.empty() ? "" : "\n"));
         return;
     }
     const size_t nRows = m_terminal.Rows();
@@ -157,7 +158,10 @@ void CPresenter::ShowProgress(const std::string& aLine) {
         m_bProgressLine = true;
         m_messages.Write(ERASE_LINE + aLine.substr(0, m_messageTerminal.Columns() - 1));
     } else if (!m_options.fast && (m_options.json || m_messageTerminal.IsTerminal())) {
-        m_messages.Write(aLine + "\n");
+        m_messages.Write((m_messageTerminal.IsTerminal()
+                              ? aLine.substr(0, m_messageTerminal.Columns())
+                              : aLine) +
+                         "\n");
     }
 }
 
@@ -212,7 +216,7 @@ int CPresenter::ShowEnd(const std::string& aError) {
                 report.seconds > 0 ? static_cast<double>(report.Handled()) / report.seconds : 0) +
             (m_options.plotFile.empty() || nExit != EXIT_SUCCESS
                  ? std::string()
-                 : "The picture is in " + m_options.plotFile + "\n") +
+                 : "The picture is in " + Printable(m_options.plotFile) + "\n") +
             m_traceFile.ClosingLine();
         m_output.Write(FormatTable(report, style) + FoldLines(sClosing, style.columns));
     }

@@ -184,6 +184,21 @@ class Interface(harness.MonitorTest):
             self.assertLessEqual(max(len(line) for line in text.splitlines()
                                      if self.trace not in line), 80)
 
+    def test_FitsADumbTerminal_WhateverTheNameOfTheCapture(self):
+        path = self.write(capture(stream(0, 40)), "name " * 20)
+        for arguments in (("--interval=200",), ("--json",)):
+            with self.subTest(arguments):
+                text = plain(self.shown(*arguments, path, columns=60, term="dumb"))
+                self.assertIn("% of ", text)
+                self.assertLessEqual(max(len(line) for line in text.splitlines()
+                                         if not line.startswith("{")), 60)
+
+    def test_SendsNoCommandsToTheTerminal_WhateverTheNameOfTheCapture(self):
+        path = self.write(capture(stream(0, 40)), "a\x1b[31mb\nc\x7f")
+        self.assertIn("a?[31mb?c? read", plain(self.shown("--interval=200", path)))
+        os.remove(path)
+        self.assertIn("a?[31mb?c?: No such", self.run_monitor(path).stderr)
+
     def test_ShowsBadFiguresInColour_UntilToldNotTo(self):
         path = self.write(capture(stream(0, 100, missing=(5, 6)), stream(0, 100, 5)), "c")
         text = self.shown("--fast", path)
