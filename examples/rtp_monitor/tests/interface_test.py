@@ -344,6 +344,20 @@ class Interface(harness.MonitorTest):
         heights = {float(point.split(",")[1]) for point in line.get("points").split()}
         self.assertEqual(len(heights), 1)
 
+    def test_DrawsAnOutageWhileItLasts(self):
+        # Nothing from the third to the end of the seventh second of ten.
+        root, _ = self.plot(capture(stream(0, 500, missing=range(100, 400))))
+        bars = self.charts(root, "loss", "rect")
+        self.assertAlmostEqual(sum(float(bar.get("width")) for bar in bars), 0.6 * 310, delta=10)
+        self.assertAlmostEqual(min(float(bar.get("x")) for bar in bars), 64 + 0.2 * 310, delta=5)
+
+    def test_DrawsAPauseAsNoLoss_WhenOnePacketOfItsEndIsLost(self):
+        root, _ = self.plot(capture(stream(0, 200, missing=range(190, 191)),
+                                    stream(12000, 200, missing=(0,), start=200)))
+        bars = self.charts(root, "loss", "rect")
+        self.assertEqual(len(bars), 2)
+        self.assertLess(sum(float(bar.get("width")) for bar in bars), 12)
+
     def test_DrawsNoJitter_WithoutAClock(self):
         root, _ = self.plot(capture(stream(0, 50, payload_type=99)))
         self.assertEqual(self.charts(root, "jitter", "polyline"), [])
