@@ -73,7 +73,8 @@ bool CMonitor::Collect(CReport* aReport, bool aClose) {
     aReport->nowUsec = MonotonicUsec();
     aReport->seconds = static_cast<double>(aReport->nowUsec - m_llStartUsec) / USEC_PER_SEC;
     aReport->isComplete = aReport->isLive || !m_pReceiver->WasStopped();
-    aReport->hasIntervals = aReport->isLive || !m_options.fast;
+    m_bIntervalClosed = m_bIntervalClosed || (aClose && (aReport->isLive || !m_options.fast));
+    aReport->hasIntervals = m_bIntervalClosed;
     Complete(aReport);
     return true;
 }

@@ -41,6 +41,7 @@ class CMonitor {
     UTIL_NS::CCmThreadPtr m_pThread;   // the receiver; ends before the workers
     CReceiver* m_pReceiver = nullptr;  // the same
     int64_t m_llStartUsec = 0;
+    bool m_bIntervalClosed = false;  // a first one
 };
 
 }  // namespace rtp_monitor

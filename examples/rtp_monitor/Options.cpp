@@ -7,6 +7,7 @@
 #include "CmConfig.h"
 #include "CmStrict.h"
 #include "CmT120Trace.h"
+#include "Text.h"
 
 namespace rtp_monitor {
 
@@ -270,7 +271,7 @@ bool COptions::IsLive() const {
 std::string COptions::InputNames() const {
     std::string sNames;
     for (const std::string& sInput : inputs) {
-        sNames += (sNames.empty() ? "" : ", ") + sInput;
+        sNames += (sNames.empty() ? "" : ", ") + Printable(sInput);
     }
     return sNames;
 }

@@ -137,14 +137,42 @@ double Growth(const std::vector<CPoint>& aPoints, size_t aStep, uint64_t CPoint:
     return ullNow > ullBefore ? static_cast<double>(ullNow - ullBefore) : 0;
 }
 
+// The shares that were lost of what was expected in each step. A loss shows when the next packet
+// comes; where nothing came for whole steps, and as much is missing as they would have brought, it
+// is theirs, too.
+std::vector<double> LossOf(const std::vector<CPoint>& aPoints) {
+    const double dUsual = aPoints.empty() ? 0
+                                          : static_cast<double>(aPoints.back().expected) /
+                                                static_cast<double>(aPoints.size());
+    std::vector<double> losses;
+    size_t nSilent = 0;  // steps before this one
+    for (size_t i = 0; i < aPoints.size(); ++i) {
+        const double dExpected = Growth(aPoints, i, &CPoint::expected);
+        const double dLost = Growth(aPoints, i, &CPoint::lost);
+        losses.push_back(dExpected > 0 ? std::min(100.0, 100 * dLost / dExpected) : 0);
+        if (dExpected > 0) {
+            if (dLost >= static_cast<double>(nSilent) * dUsual / 2) {
+                std::fill_n(losses.rbegin(), nSilent + 1, losses.back());
+            }
+            nSilent = 0;
+        } else {
+            ++nSilent;
+        }
+    }
+    return losses;
+}
+
 std::vector<CChart> ChartsOf(const CStreamReport& aStream, const CCurve& aCurve) {
-    CChart loss = {"loss", "%", "loss", LOSS_LIMIT_PERCENT * 2, LOSS_LIMIT_PERCENT, true, {}};
+    CChart loss = {"loss",
+                   "%",
+                   "loss",
+                   LOSS_LIMIT_PERCENT * 2,
+                   LOSS_LIMIT_PERCENT,
+                   true,
+                   LossOf(aCurve.points)};
     CChart jitter = {"jitter", "ms", "jitter", 1, JITTER_LIMIT_MS, false, {}};
     CChart rate = {"bit rate", "kbit/s", "rate", 1, 0, false, {}};
     for (size_t i = 0; i < aCurve.points.size(); ++i) {
-        const double dExpected = Growth(aCurve.points, i, &CPoint::expected);
-        const double dLost = Growth(aCurve.points, i, &CPoint::lost);
-        loss.values.push_back(dExpected > 0 ? std::min(100.0, 100 * dLost / dExpected) : 0);
         jitter.values.push_back(aCurve.points[i].jitterMs);
         const double dBits = Growth(aCurve.points, i, &CPoint::bytes) * BITS_PER_BYTE;
         // The last step is not over: of a piece of one there is no rate to speak of, unless there
@@ -200,8 +228,9 @@ void CPage::AddStream(const CStreamReport& aStream, const CCurve* aCurve, int aT
     AddText(16, aTop + 20, "s",
             FormatSource(aStream.key) + " > " + FormatDestination(aStream.key) +
                 Format("   %08x   ", aStream.key.ssrc) + sType +
-                Format("   %llu packets, %llu lost (%.1f%%)", Number(aStream.received),
-                       Number(aStream.lost), LossPercent(aStream)));
+                Format("   %llu %s, %llu lost (%.1f%%)", Number(aStream.received),
+                       aStream.received == 1 ? "packet" : "packets", Number(aStream.lost),
+                       LossPercent(aStream)));
     if (aCurve == nullptr) {
         return;
     }

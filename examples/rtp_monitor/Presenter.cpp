@@ -32,7 +32,7 @@ constexpr mode_t FILE_MODE = 0666;
 }  // namespace
 
 int Complain(const std::string& aClause) {
-    std::fprintf(stderr, "rtp_monitor: %s.\n", aClause.c_str());
+    COutput(STDERR_FILENO).Write("rtp_monitor: " + Printable(aClause) + ".\n");
     return EXIT_TROUBLE;
 }
 
@@ -122,6 +122,7 @@ void CPresenter::OnTick() {
     if (m_options.json || !m_terminal.IsScreen()) {
         ShowProgress(ProgressLine(report));
     }
+    m_output.CheckReader();
     if (m_output.HasFailed()) {
         m_stop.Raise();
     }
@@ -136,7 +137,8 @@ void CPresenter::ShowTable(const CReport& aReport) {
         style.columns = m_terminal.Columns();
     }
     if (!m_terminal.IsScreen()) {
-        m_output.Write(FormatTable(report, style) + sProgress + (sProgress.empty() ? "" : "\n"));
+        m_output.Write(FormatTable(report, style) + sProgress.substr(0, style.columns) +
+                       (sProgress.empty() ? "" : "\n"));
         return;
     }
     const size_t nRows = m_terminal.Rows();
@@ -156,7 +158,10 @@ void CPresenter::ShowProgress(const std::string& aLine) {
         m_bProgressLine = true;
         m_messages.Write(ERASE_LINE + aLine.substr(0, m_messageTerminal.Columns() - 1));
     } else if (!m_options.fast && (m_options.json || m_messageTerminal.IsTerminal())) {
-        m_messages.Write(aLine + "\n");
+        m_messages.Write((m_messageTerminal.IsTerminal()
+                              ? aLine.substr(0, m_messageTerminal.Columns())
+                              : aLine) +
+                         "\n");
     }
 }
 
@@ -211,7 +216,7 @@ int CPresenter::ShowEnd(const std::string& aError) {
                 report.seconds > 0 ? static_cast<double>(report.Handled()) / report.seconds : 0) +
             (m_options.plotFile.empty() || nExit != EXIT_SUCCESS
                  ? std::string()
-                 : "The picture is in " + m_options.plotFile + "\n") +
+                 : "The picture is in " + Printable(m_options.plotFile) + "\n") +
             m_traceFile.ClosingLine();
         m_output.Write(FormatTable(report, style) + FoldLines(sClosing, style.columns));
     }
@@ -229,6 +234,10 @@ int CPresenter::ShowEnd(const std::string& aError) {
 bool CPresenter::CheckPlotFile() const {
     if (m_options.plotFile.empty()) {
         return true;
+    }
+    if (IsSameFile(m_options.plotFile, m_options.inputs.front())) {
+        Complain("cannot write a picture to " + m_options.plotFile + ": it is the capture");
+        return false;
     }
     const int nFile = open(m_options.plotFile.c_str(),
                            O_WRONLY | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, FILE_MODE);

@@ -5,8 +5,6 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <initializer_list>
-
 namespace rtp_monitor {
 
 namespace {
@@ -58,12 +56,12 @@ bool RaiseOnInterrupts(CStopSignal* aSignal) {
     struct sigaction action = {};
     action.sa_handler = OnInterrupt;
     action.sa_flags = SA_RESTART;  // what has to end waits with poll, which returns all the same
-    for (const int nSignal : {SIGINT, SIGTERM, SIGHUP}) {
-        if (sigaction(nSignal, &action, nullptr) != 0) {
-            return false;
-        }
-    }
-    return true;
+    // A run that was started to outlive its terminal (nohup) does.
+    struct sigaction inherited = {};
+    const bool bOutlives =
+        sigaction(SIGHUP, nullptr, &inherited) == 0 && inherited.sa_handler == SIG_IGN;
+    return sigaction(SIGINT, &action, nullptr) == 0 && sigaction(SIGTERM, &action, nullptr) == 0 &&
+           (bOutlives || sigaction(SIGHUP, &action, nullptr) == 0);
 }
 
 }  // namespace rtp_monitor

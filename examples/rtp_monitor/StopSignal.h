@@ -28,8 +28,8 @@ class CStopSignal {
     std::atomic<bool> m_bRaised{false};
 };
 
-// Makes SIGINT, SIGTERM and SIGHUP raise aSignal, which must outlive the process's signals. False
-// when the system refuses.
+// Makes SIGINT, SIGTERM and, unless it was ignored at the start, SIGHUP raise aSignal, which must
+// outlive the process's signals. False when the system refuses.
 bool RaiseOnInterrupts(CStopSignal* aSignal);
 
 }  // namespace rtp_monitor

@@ -27,6 +27,15 @@ inline unsigned long long Number(uint64_t aNumber) {
     return aNumber;
 }
 
+// Names of files may hold anything; to a terminal control characters would be commands.
+inline std::string Printable(std::string aText) {
+    for (char& ch : aText) {
+        const auto by = static_cast<unsigned char>(ch);
+        ch = by < 0x20 || by == 0x7F ? '?' : ch;
+    }
+    return aText;
+}
+
 }  // namespace rtp_monitor
 
 #endif  // RTP_MONITOR_TEXT_H

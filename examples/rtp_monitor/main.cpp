@@ -58,6 +58,9 @@ int Main(int aArgCount, char** aArgs) {
     if (!CheckConfiguration(config)) {
         return EXIT_TROUBLE;
     }
+    if (!options.traceFile.empty() && IsSameFile(options.traceFile, options.inputs.front())) {
+        return Complain("cannot write trace lines to " + options.traceFile + ": it is the capture");
+    }
     // Before the first trace line, which makes the trace library look at it.
     CTraceFile traceFile;
     if (!traceFile.Choose(options.traceFile, &sError)) {
@@ -72,6 +75,7 @@ int Main(int aArgCount, char** aArgs) {
     if (!s_stop.IsOpen() || !RaiseOnInterrupts(&s_stop)) {
         return Complain("cannot be interrupted");
     }
+    EndWaitsForReaders(s_stop.descriptor());
     CMonitor monitor(options, s_stop);
     return CPresenter(options, monitor, s_stop, output, traceFile).Run();
 }

@@ -14,6 +14,7 @@ import sys
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 CASE = re.compile(r"^(?:TYPED_)?TEST(?:_F|_P)?\(\s*(\w+),\s*(\w+)\)", re.M)
+SCRIPT_CASE = re.compile(r"^    def test_(\w+)\(self", re.M)
 NAME = re.compile(r"[A-Z][A-Za-z0-9]*"
                   r"(_(When|While|Until|Before|After|Without|Whatever)[A-Z0-9][A-Za-z0-9]*)?")
 NO_MAP = {"CMakeLists.txt", "README.md"}
@@ -54,13 +55,19 @@ def compare(page, entries, support, known_units, cases):
 
 def real():
     tests = ROOT / "tests"
-    files = sorted(tests.rglob("*_test.cpp"))
+    examples = ROOT / "examples"
+    files = sorted(tests.rglob("*_test.cpp")) + sorted(examples.rglob("*_test.cpp"))
+    # All scripts of an example test one program.
+    scripts = [(file, file.parent.parent.name.replace("_", ""))
+               for file in sorted(examples.rglob("*_test.py"))]
     return ((tests / "README.md").read_text(),
             {path.name for path in tests.iterdir() if not path.name.startswith((".", "__"))},
             {path.stem for path in (tests / "support").iterdir()},
             units(),
             [(file.relative_to(ROOT), *case) for file in files
-             for case in CASE.findall(file.read_text())])
+             for case in CASE.findall(file.read_text())] +
+            [(file.relative_to(ROOT), subject, name) for file, subject in scripts
+             for name in SCRIPT_CASE.findall(file.read_text())])
 
 
 def faults():

@@ -70,7 +70,7 @@ Bytes Capture() {
     return Bytes(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
 }
 
-TEST(CaptureReader, ReadsTheSame_InPiecesOfAnySize) {
+TEST(CaptureReader, ReadsTheSame_WhateverTheSizeOfThePieces) {
     std::mt19937 chance(1);
     Bytes file = Capture();
     ASSERT_GT(file.size(), 100000U);

@@ -104,7 +104,7 @@ class CReceiverBackPressure : public testing::Test {
 
 // One batch is being handled, MOST_BATCHES wait with it, one is being handed over, and what it was
 // handed over for has been read.
-TEST_F(CReceiverBackPressure, WaitsForTheWorker_AndThenGoesOn) {
+TEST_F(CReceiverBackPressure, GoesOn_AfterTheWorkerCaughtUp) {
     Receive();
     EXPECT_EQ(ReadUpTo(MOST_BATCHES + 2), MOST_BATCHES + 2);
     m_go.Signal();

@@ -38,7 +38,7 @@ TEST_F(Series, HasAPointForEachStep) {
     EXPECT_EQ(points[3].expected, 35U);
 }
 
-TEST_F(Series, HasEqualPoints_WhereNothingCame) {
+TEST_F(Series, HasEqualPoints_WhileNothingComes) {
     Send(0);
     Send(3 * STEP);
     const std::vector<CPoint> points = Points();

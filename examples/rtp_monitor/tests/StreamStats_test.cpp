@@ -73,14 +73,14 @@ TEST(CStreamStats, CountsDuplicates_WithoutHidingLost) {
     EXPECT_EQ(report.outOfOrder, 0U);
 }
 
-TEST(CStreamStats, CountsSwappedPair_AsOneOutOfOrder) {
+TEST(CStreamStats, CountsASwappedPairAsOneOutOfOrder) {
     const CStreamReport report = ReportOf({10, 11, 13, 12, 14});
     EXPECT_EQ(report.outOfOrder, 1U);
     EXPECT_EQ(report.lost, 0U);
     EXPECT_EQ(report.duplicates, 0U);
 }
 
-TEST(CStreamStats, TellsSecondLateCopy_AsDuplicate) {
+TEST(CStreamStats, CountsASecondLateCopyAsADuplicate) {
     const CStreamReport report = ReportOf({10, 12, 11, 11});
     EXPECT_EQ(report.outOfOrder, 1U);
     EXPECT_EQ(report.duplicates, 1U);
@@ -117,13 +117,13 @@ TEST(CStreamStats, CountsThreeRoundsOfTheCircle) {
     EXPECT_EQ(stats.Report().lost, 0U);
 }
 
-TEST(CStreamStats, LongestStepForward_IsLoss) {
+TEST(CStreamStats, LongestStepForwardIsLoss) {
     const CStreamReport report = ReportOf({10, 11, 11 + 2999});
     EXPECT_EQ(report.expected, 3001U);
     EXPECT_EQ(report.lost, 2998U);
 }
 
-TEST(CStreamStats, LongerStepForward_IsAJumpThatCountsNothing) {
+TEST(CStreamStats, LongerStepForwardIsAJumpThatCountsNothing) {
     const CStreamReport report = ReportOf({10, 11, 11 + 3000, 12});
     EXPECT_EQ(report.expected, 3U);
     EXPECT_EQ(report.lost, 0U);
@@ -132,13 +132,13 @@ TEST(CStreamStats, LongerStepForward_IsAJumpThatCountsNothing) {
     EXPECT_EQ(report.strays, 1U);
 }
 
-TEST(CStreamStats, LongestStepBack_IsOutOfOrder) {
+TEST(CStreamStats, LongestStepBackIsOutOfOrder) {
     const CStreamReport report = ReportOf({200, 201, 202, 202 - 99});
     EXPECT_EQ(report.outOfOrder, 1U);
     EXPECT_EQ(report.expected, 100U);
 }
 
-TEST(CStreamStats, LongerStepBack_IsAJump) {
+TEST(CStreamStats, LongerStepBackIsAJump) {
     const CStreamReport report = ReportOf({200, 201, 202, 202 - 100});
     EXPECT_EQ(report.outOfOrder, 0U);
     EXPECT_EQ(report.expected, 3U);
@@ -166,7 +166,7 @@ void Send(CStreamStats* aStats, int aFirst, int aLast, uint32_t aDropped = 0) {
     }
 }
 
-TEST(CStreamStats, LongerStepForward_IsAnOutage_WhenTimestampsGoOn) {
+TEST(CStreamStats, LongerStepForwardIsAnOutage_WhenTimestampsGoOn) {
     CStreamStats stats;
     Send(&stats, 10, 20);
     Send(&stats, 20 + 3000, 20 + 3010);
@@ -180,7 +180,7 @@ TEST(CStreamStats, LongerStepForward_IsAnOutage_WhenTimestampsGoOn) {
     EXPECT_EQ(report.jitterMs, 0);
 }
 
-TEST(CStreamStats, OutageOfAWholeCircle_IsLoss) {
+TEST(CStreamStats, OutageOfAWholeCircleIsLoss) {
     for (const int nMissing : {65534, 65535, 65636, 131071}) {
         CStreamStats stats;
         Send(&stats, 10, 200);
@@ -193,7 +193,7 @@ TEST(CStreamStats, OutageOfAWholeCircle_IsLoss) {
 
 // Twenty minutes of silence, as when a call is held, after which the numbers go on as if nothing
 // had been.
-TEST(CStreamStats, PauseOfTheSender_IsNoLoss) {
+TEST(CStreamStats, PauseOfTheSenderIsNoLoss) {
     CStreamStats stats;
     Send(&stats, 10, 200);
     for (int i = 201; i < 300; ++i) {
@@ -206,7 +206,7 @@ TEST(CStreamStats, PauseOfTheSender_IsNoLoss) {
     EXPECT_EQ(stats.Report().expected, 290U);
 }
 
-TEST(CStreamStats, PacketFarBack_IsLate_WhenItsTimestampIsOld) {
+TEST(CStreamStats, PacketFarBackIsLate_WhenItsTimestampIsOld) {
     CStreamStats stats;
     Send(&stats, 1000, 1300);
     Send(&stats, 1100, 1100);
@@ -304,7 +304,7 @@ TEST(CStreamStats, HasNoJitter_WithoutAClock) {
     EXPECT_EQ(stats.Report().clockRate, 0U);
 }
 
-TEST(CStreamStats, RestartWithAnotherTimestamp_IsNoJitter) {
+TEST(CStreamStats, RestartIsNoJitter_WhenTheTimestampIsAnother) {
     CStreamStats stats;
     stats.OnPacket(Header(1, 0, 1), CLOCK_RATE, 0, 0);
     stats.OnPacket(Header(2, PACKET_UNITS, 1), CLOCK_RATE, 20000, 0);
@@ -315,7 +315,7 @@ TEST(CStreamStats, RestartWithAnotherTimestamp_IsNoJitter) {
     EXPECT_EQ(stats.Report().jitterMs, 0);
 }
 
-TEST(CStreamStats, PacketThatBelongsNowhere_IsNoJitter) {
+TEST(CStreamStats, PacketThatBelongsNowhereIsNoJitter) {
     CStreamStats stats;
     stats.OnPacket(Header(1, 0, 1), CLOCK_RATE, 0, 0);
     stats.OnPacket(Header(2, PACKET_UNITS, 1), CLOCK_RATE, 20000, 0);
@@ -329,11 +329,11 @@ TEST(CStreamStats, TakesBitRateOverTheStreamsLife) {
     EXPECT_DOUBLE_EQ(ReportOf({1, 2, 3, 4, 5}).bitRate, 50000);
 }
 
-TEST(CStreamStats, HasNoBitRate_OfOnePacket) {
+TEST(CStreamStats, HasNoBitRate_UntilTheSecondPacket) {
     EXPECT_EQ(ReportOf({1}).bitRate, 0);
 }
 
-TEST(CStreamStats, TakesIntervalBitRate_OfTheClosedIntervalOnly) {
+TEST(CStreamStats, TakesIntervalBitRateOfTheClosedIntervalOnly) {
     CStreamStats stats;
     stats.OnPacket(Header(1, 0, 1000), 0, 0, 0);
     EXPECT_EQ(stats.Report().intervalBitRate, 0);

@@ -93,7 +93,7 @@ TEST(Table, LosesOneColumnAfterTheOther_WhenItGetsNarrower) {
     EXPECT_NE(Lines(FormatTable(report, Style(20)))[0].find("loss"), std::string::npos);
 }
 
-TEST(Table, FitsEveryHeight_AndCountsWhatItLeavesOut) {
+TEST(Table, CountsWhatItLeavesOut_WhateverTheHeight) {
     const CReport report = Report(20);
     for (size_t nRows = 1; nRows <= 30; ++nRows) {
         const std::vector<std::string> lines = Lines(FormatTable(report, Style(80, nRows)));
@@ -148,7 +148,7 @@ TEST(Table, FoldsLinesBetweenWords) {
     EXPECT_EQ(FoldLines("", 5), "");
 }
 
-TEST(StreamOrder, PutsDoubtfulStreamsLast_AndEqualOnesByAddress) {
+TEST(StreamOrder, PutsDoubtfulStreamsLastAndEqualOnesByAddress) {
     std::vector<CStreamReport> streams = {Stream(3), Stream(1), Stream(2), Stream(4)};
     streams[0].lost = 50;
     streams[0].isDoubtful = true;

@@ -27,7 +27,6 @@ from captures import ethernet, ipv4, pcap, rtp, udp
 
 TESTS = os.path.dirname(os.path.abspath(__file__))
 CALL = os.path.join(TESTS, "..", "data", "call.pcap")
-CALL_CLOCKS = ("--clock", "96=90000", "--clock", "97=48000")
 ENTER, LEAVE, RED = "\x1b[?1049h", "\x1b[?1049l", "\x1b[1;31m"
 SVG = "{http://www.w3.org/2000/svg}"
 
@@ -114,10 +113,10 @@ class Interface(harness.MonitorTest):
                     if self.trace not in line:  # a path stays whole, to be copied
                         self.assertLessEqual(len(line), columns, line)
 
-    def test_LetsColumnsFallAway_InTheStatedOrder(self):
+    def test_LetsColumnsFallAwayInTheStatedOrder(self):
         path = self.write(capture(stream(0, 30)), "c")
-        everything = ("ssrc type packets bytes lost loss here dup order late stray new jitter kbit/s "
-                      "now gap ms")
+        everything = ("ssrc type packets bytes lost loss here dup order late stray new jitter "
+                      "kbit/s now gap ms")
         for columns, titles in (
                 (200, everything),
                 (120, "ssrc type packets lost loss here stray new jitter kbit/s now gap ms"),
@@ -176,7 +175,7 @@ class Interface(harness.MonitorTest):
             self.assertRegex(plain(frame), r"\nand \d+ more streams\n")
         self.assertEqual(text.split(LEAVE)[1].count("> 10.0.0.2:5004"), 59)
 
-    def test_ShowsTableAfterTable_OnADumbTerminal(self):
+    def test_ShowsTableAfterTable_WhenTheTerminalIsDumb(self):
         path = self.write(capture(stream(0, 30)), "c")
         for term in ("dumb", ""):
             text = self.shown("--interval", "100", path, term=term, columns=80)
@@ -185,7 +184,22 @@ class Interface(harness.MonitorTest):
             self.assertLessEqual(max(len(line) for line in text.splitlines()
                                      if self.trace not in line), 80)
 
-    def test_ShowsBadFiguresInColour_UnlessToldNotTo(self):
+    def test_FitsADumbTerminal_WhateverTheNameOfTheCapture(self):
+        path = self.write(capture(stream(0, 40)), "name " * 20)
+        for arguments in (("--interval=200",), ("--json",)):
+            with self.subTest(arguments):
+                text = plain(self.shown(*arguments, path, columns=60, term="dumb"))
+                self.assertIn("% of ", text)
+                self.assertLessEqual(max(len(line) for line in text.splitlines()
+                                         if not line.startswith("{")), 60)
+
+    def test_SendsNoCommandsToTheTerminal_WhateverTheNameOfTheCapture(self):
+        path = self.write(capture(stream(0, 40)), "a\x1b[31mb\nc\x7f")
+        self.assertIn("a?[31mb?c? read", plain(self.shown("--interval=200", path)))
+        os.remove(path)
+        self.assertIn("a?[31mb?c?: No such", self.run_monitor(path).stderr)
+
+    def test_ShowsBadFiguresInColour_UntilToldNotTo(self):
         path = self.write(capture(stream(0, 100, missing=(5, 6)), stream(0, 100, 5)), "c")
         text = self.shown("--fast", path)
         self.assertEqual(re.findall(r"\x1b\[1;31m *(\S+)\x1b\[0m", text), ["2.0%"])
@@ -209,7 +223,7 @@ class Interface(harness.MonitorTest):
         return [int(row[3] if row[3] != "ended" else row[4], 16)
                 for row in self.rows("--fast", *arguments)]
 
-    def test_ShowsTheWorstStreamsFirst_OrAsTold(self):
+    def test_ShowsTheWorstStreamsFirstOrAsTold(self):
         path = self.write(capture(
             stream(0, 100, 1), stream(0, 120, 2, missing=range(10, 15)),
             stream(0, 110, 3, missing=(9,)), stream(0, 200, 4, step_ms=10),
@@ -252,7 +266,7 @@ class Interface(harness.MonitorTest):
 
     # Progress
 
-    def test_ShowsProgressTwiceASecond_OfASmallCapture(self):
+    def test_ShowsProgressTwiceASecond_WhenTheCaptureIsSmall(self):
         path = self.write(capture(stream(0, 1000, step_ms=3)), "c")
         screen = Screen(self, path)
         screen.finish(self)
@@ -330,20 +344,34 @@ class Interface(harness.MonitorTest):
         heights = {float(point.split(",")[1]) for point in line.get("points").split()}
         self.assertEqual(len(heights), 1)
 
+    def test_DrawsAnOutageWhileItLasts(self):
+        # Nothing from the third to the end of the seventh second of ten.
+        root, _ = self.plot(capture(stream(0, 500, missing=range(100, 400))))
+        bars = self.charts(root, "loss", "rect")
+        self.assertAlmostEqual(sum(float(bar.get("width")) for bar in bars), 0.6 * 310, delta=10)
+        self.assertAlmostEqual(min(float(bar.get("x")) for bar in bars), 64 + 0.2 * 310, delta=5)
+
+    def test_DrawsAPauseAsNoLoss_WhenOnePacketOfItsEndIsLost(self):
+        root, _ = self.plot(capture(stream(0, 200, missing=range(190, 191)),
+                                    stream(12000, 200, missing=(0,), start=200)))
+        bars = self.charts(root, "loss", "rect")
+        self.assertEqual(len(bars), 2)
+        self.assertLess(sum(float(bar.get("width")) for bar in bars), 12)
+
     def test_DrawsNoJitter_WithoutAClock(self):
         root, _ = self.plot(capture(stream(0, 50, payload_type=99)))
         self.assertEqual(self.charts(root, "jitter", "polyline"), [])
         self.assertIn("the clock rate is not known (--clock)", list(root.itertext()))
 
-    def test_KeepsThePictureSmall_HoweverLongTheCapture(self):
+    def test_KeepsThePictureSmall_WhateverTheCapturesLength(self):
         root, size = self.plot(capture(stream(0, 100000), stream(0, 3, 5, step_ms=900000000)))
         self.assertLess(size, 40000)
         for line in self.charts(root, "rate", "polyline"):
             self.assertLessEqual(len(line.get("points").split()), 2 * 121)
 
-    def test_DrawsTheWorstOfManyStreams_AndSaysSo(self):
-        root, size = self.plot(capture(*(stream(0, 20, 1 + i, missing=(5,) if i == 200 else ())
-                                         for i in range(250))))
+    def test_SaysThatItDrawsTheWorst_WhenThereAreManyStreams(self):
+        root, _ = self.plot(capture(*(stream(0, 20, 1 + i, missing=(5,) if i == 200 else ())
+                                      for i in range(250))))
         text = [one for one in root.itertext() if "streams" in one]
         self.assertIn("250 streams, the first 100 are shown", text)
         self.assertEqual(len(self.charts(root, "rate", "polyline")), 100)
@@ -370,7 +398,7 @@ class Interface(harness.MonitorTest):
 
     # JSON
 
-    def test_PrintsAnObjectForEachInterval_Live(self):
+    def test_PrintsAnObjectForEachInterval_WhenLive(self):
         with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as probe:
             probe.bind(("127.0.0.1", 0))
             port = probe.getsockname()[1]
@@ -395,7 +423,7 @@ class Interface(harness.MonitorTest):
                                for one in document["streams"]), 0)
         self.assertEqual(documents[-1]["streams"][0]["packets"], 50)
 
-    def test_PrintsAnObjectForEachInterval_FromAPipe(self):
+    def test_PrintsAnObjectForEachInterval_WhenItReadsAPipe(self):
         process = self.start("--json", "--interval", "100", "-", stdin=subprocess.PIPE)
         process.stdin.buffer.write(capture(stream(0, 10)))
         process.stdin.flush()
@@ -457,7 +485,7 @@ class Interface(harness.MonitorTest):
         self.assertEqual((done.stderr, done.returncode), ("", 0))
         self.assertRegex(done.stdout, r"\Artp_monitor \d+\.\d+\.\d+, kelto_util \d+\.\d+\.\d+\n\Z")
 
-    def test_PrintsTheSameHelp_ForBothOptions(self):
+    def test_PrintsTheSameHelp_WhateverTheOption(self):
         help_text = self.run_monitor("--help").stdout
         self.assertEqual(self.run_monitor("-h").stdout, help_text)
         for word in ("--plot FILE", "--sort ORDER", "--version", "-h, --help", "NO_COLOR"):
@@ -512,6 +540,70 @@ class Interface(harness.MonitorTest):
             self.assertEqual(process.wait(timeout=LIMIT), 2)
             self.assertEqual(process.stderr.read(),
                              "rtp_monitor: cannot write to standard output: Broken pipe.\n")
+
+    def test_EndsTheRun_WhenThePipeIsClosedBeforeAnythingIsWritten(self):
+        process = self.start("--json", self.live_address())
+        process.stdout.close()
+        self.assertEqual(process.wait(timeout=LIMIT), 2)
+        self.assertEqual(process.stderr.read(),
+                         "rtp_monitor: cannot write to standard output: Broken pipe.\n")
+
+    def test_EndsSoon_WhenNobodyReadsItsOutput(self):
+        read, write = os.pipe()
+        self.addCleanup(os.close, read)
+        os.set_blocking(write, False)
+        try:
+            while True:
+                os.write(write, bytes(4096))
+        except BlockingIOError:
+            os.set_blocking(write, True)
+        # Results alone, and with what is said about them.
+        for errors in (subprocess.PIPE, write):
+            with self.subTest(errors):
+                process = subprocess.Popen(
+                    self.command("--json", "--interval=100", self.live_address()),
+                    env=self.environment, text=True, stdout=write, stderr=errors)
+                self.addCleanup(process.kill)
+                time.sleep(0.5)
+                begin = time.monotonic()
+                process.terminate()
+                self.assertEqual(process.wait(timeout=LIMIT), 2)
+                self.assertLess(time.monotonic() - begin, 5)  # half a second, on an idle machine
+                if process.stderr is not None:
+                    with process.stderr as said:
+                        self.assertEqual(said.read(), "rtp_monitor: cannot write to standard "
+                                         "output: it is full and nobody reads it.\n")
+        os.close(write)
+
+    def test_RunsOn_WhenItIsToOutliveItsTerminal(self):
+        process = self.start(self.live_address(), preexec_fn=lambda: signal.signal(
+            signal.SIGHUP, signal.SIG_IGN))
+        self.wait_for_trace("reading from")
+        process.send_signal(signal.SIGHUP)
+        with self.assertRaises(subprocess.TimeoutExpired):
+            process.wait(timeout=0.5)
+        process.terminate()
+        self.assertEqual(process.wait(timeout=LIMIT), 0)
+
+    def test_TellsNoIntervalBitRate_BeforeAnIntervalIsOver(self):
+        path = self.write(capture(stream(0, 10)))
+        for interval, known in (("3600000", False), ("100", True)):
+            with self.subTest(interval):
+                done = self.run_monitor("--json", "--interval", interval, path)
+                rate = json.loads(done.stdout)["streams"][0]["intervalBitRate"]
+                self.assertEqual(rate is not None, known)
+
+    def test_ComplainsAndLeavesTheCapture_WhenItIsToBeWrittenTo(self):
+        data = capture(stream(0, 10))
+        path = self.write(data)
+        other = os.path.join(self.home, "other name")
+        os.link(path, other)
+        self.assert_complains(["--fast", "--plot", other, path],
+                              f"cannot write a picture to {other}: it is the capture")
+        self.assert_complains(["--fast", "--trace", other, path],
+                              f"cannot write trace lines to {other}: it is the capture")
+        with open(path, "rb") as file:
+            self.assertEqual(file.read(), data)
 
     def live_address(self):
         with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as probe:

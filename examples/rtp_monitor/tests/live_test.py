@@ -98,7 +98,7 @@ class Live(harness.MonitorTest):
         self.assertEqual((stream["source"], stream["destination"], stream["packets"]),
                          (source, f"[::1]:{port}", 100))
 
-    def test_JoinsAGroup_AndSaysSo(self):
+    def test_SaysThatItJoinedAGroup(self):
         loopback = "lo" if sys.platform == "linux" else "lo0"
         port = free_port()
         address = f"udp://239.255.77.1:{port}?interface={loopback}"
@@ -116,7 +116,7 @@ class Live(harness.MonitorTest):
                          (100, True))
         self.assertIn(f"joined the multicast group of {address}", errors)
 
-    def test_Complains_AboutInterfacesThatAreNotThere(self):
+    def test_Complains_WhenThereIsNoSuchInterface(self):
         for address in ("udp://239.255.77.1:5004?interface=nowhere9",
                         "udp://[ff02::1%25nowhere9]:5004"):
             self.assert_complains([address], f"cannot read from {address}: there is no interface "
@@ -172,7 +172,7 @@ class Live(harness.MonitorTest):
                          (sent, 700, dropped))
 
     @unittest.skipUnless(sys.platform == "linux", "the system does not tell what is dropped")
-    def test_TellsItsOwnDropsFromLoss_WithSeveralStreams(self):
+    def test_TellsItsOwnDropsFromLoss_WhenThereAreSeveralStreams(self):
         def send(sender, port, first):
             for i in range(first, 10000):
                 for ssrc in (0x01020304, 2, 3):

@@ -52,7 +52,7 @@ def frames(count, first=100):
 class RtpMonitor(harness.MonitorTest):
     # The bundled capture
 
-    def test_PrintsKnownFigures_OfTheBundledCapture(self):
+    def test_PrintsKnownFiguresOfTheBundledCapture(self):
         done = self.run_monitor("--fast", "--json", *CALL_CLOCKS, CALL)
         self.assertEqual((done.stderr, done.returncode), ("", 0))
         document = json.loads(done.stdout)
@@ -62,13 +62,13 @@ class RtpMonitor(harness.MonitorTest):
         self.assertEqual((document["rtp"], document["rtcp"], document["notRtp"],
                           document["skipped"], document["complete"]), (1306, 8, 0, 0, True))
 
-    def test_KnownFigures_AreThoseOfTheScript(self):
+    def test_KnownFiguresAreThoseOfTheScript(self):
         done = subprocess.run(
             [sys.executable, os.path.join(TESTS, "figures.py"), CALL, "96=90000", "97=48000"],
             stdout=subprocess.PIPE, text=True, check=True)
         self.assertEqual(json.loads(done.stdout), [VIDEO, AUDIO])
 
-    def test_PrintsSameFigures_WithAnyNumberOfWorkers(self):
+    def test_PrintsSameFigures_WhateverTheNumberOfWorkers(self):
         for workers in ("1", "3", "64"):
             done = self.run_monitor("--fast", "--json", "--workers", workers, *CALL_CLOCKS, CALL)
             self.assertEqual([known(stream) for stream in json.loads(done.stdout)["streams"]],
@@ -114,7 +114,7 @@ class RtpMonitor(harness.MonitorTest):
                 self.assertEqual(document["streams"][0]["source"], "10.0.0.1:4000")
                 self.assertEqual(document["streams"][0]["destination"], "10.0.0.2:5004")
 
-    def test_SkipsAndCounts_ByReason(self):
+    def test_SkipsAndCountsByReason(self):
         whole = ethernet(ipv4(udp(rtp(1))))
         packet = ipv4(udp(rtp(1)))
         long = udp(rtp(1, payload=bytes(2000)))
@@ -176,7 +176,7 @@ class RtpMonitor(harness.MonitorTest):
             [ethernet(ipv4(udp(data))) for data in (rtcp, rtcp, b"", b"GET /", rtp(1)[:11])]))
         self.assertEqual((document["rtcp"], document["notRtp"], document["rtp"]), (2, 3, 0))
 
-    def test_ShowsStreamsWithoutConsecutiveNumbers_AsDoubtful(self):
+    def test_ShowsAStreamAsDoubtful_WhenNoNumbersAreConsecutive(self):
         lone = [rtp(1, ssrc=1)]
         every_other = [rtp(2 * i, 320 * i, ssrc=2) for i in range(50)]
         stream = [rtp(i, 160 * i, ssrc=3) for i in range(2)]
@@ -189,7 +189,7 @@ class RtpMonitor(harness.MonitorTest):
         self.assertEqual([" PCMU? " in line for line in table.splitlines() if "10.0.0.1" in line],
                          [False, True, True])
 
-    def test_GivesPlacesOfTheLeastRecentlyHeard_ToNewStreams(self):
+    def test_GivesPlacesOfTheLeastRecentlyHeardToNewStreams(self):
         lone = [rtp(i, ssrc=i) for i in range(1000)]
         stream = [rtp(i, ssrc=0xFFFFFFFF) for i in range(1000)]
         mixed = [ethernet(ipv4(udp(data))) for pair in zip(lone, stream) for data in pair]
@@ -232,7 +232,7 @@ class RtpMonitor(harness.MonitorTest):
         self.assertRegex(done.stderr, rf"^rtp_monitor: stopped reading {path}: it ends in the middle of a packet\.\n$")
         self.assertEqual(done.returncode, 2)
 
-    def test_Complains_AboutFilesThatAreNoCaptures(self):
+    def test_Complains_WhenAFileIsNoCapture(self):
         self.assert_complains(["/no/such/file"], "cannot read from /no/such/file: "
                               "No such file or directory")
         self.assert_complains(["/"], "cannot read from /: it is a directory")
@@ -242,7 +242,7 @@ class RtpMonitor(harness.MonitorTest):
         path = self.write(b"")
         self.assert_complains([path], f"cannot read from {path}: it is empty")
 
-    def test_Complains_AboutBadArguments(self):
+    def test_Complains_WhenArgumentsAreBad(self):
         for arguments, sentence in (
                 ([], "a capture file or an address udp://ADDRESS:PORT is missing, see --help"),
                 (["a", "b"], "only one capture, or several addresses, can be given, see --help"),
@@ -272,7 +272,7 @@ class RtpMonitor(harness.MonitorTest):
             with self.subTest(arguments):
                 self.assertEqual(self.assert_complains(arguments, sentence).stdout, "")
 
-    def test_Complains_AboutBadAddresses(self):
+    def test_Complains_WhenAnAddressIsBad(self):
         for address in ("tcp://127.0.0.1:5004", "udp://127.0.0.1", "udp://127.0.0.1:0",
                         "udp://127.0.0.1:65537", "udp://1.2.3:5904",
                         "udp://300.1.1.1:5004", "udp://127.0.0.1.5:5004", "udp://127.0.0.1:5004/",
@@ -365,7 +365,7 @@ class RtpMonitor(harness.MonitorTest):
 
     # Settings and views
 
-    def test_TakesSettingsFromTheConfiguration_UnlessOverridden(self):
+    def test_TakesSettingsFromTheConfiguration_UntilOverridden(self):
         os.mkdir(os.path.join(self.home, "conf"))
         with open(os.path.join(self.home, "conf", "kelto.cfg"), "w") as file:
             file.write("[RtpMonitor]\nWorkers=3\nLevel=error\nClock.96=90000\nClock.97=1000\n")
@@ -404,7 +404,7 @@ class RtpMonitor(harness.MonitorTest):
             events = events[16 + length:]
         self.assertEqual(opens, 1)
 
-    def test_Complains_AboutBadSettings(self):
+    def test_Complains_WhenASettingIsBad(self):
         path = self.configure("[RtpMonitor]\nWorkers = two\nInterval = 20ms\nLevel = loud\n"
                               "Clock.96 = 0x10\n")
         done = self.run_monitor("--fast", CALL)
@@ -417,7 +417,7 @@ class RtpMonitor(harness.MonitorTest):
             f'rtp_monitor: {path}:5: Clock.96 = "0x10" {where} a clock rate in Hz, with or without a '
             "name, such as 48000/opus."])
 
-    def test_Warns_AboutSettingsThatMeanNothing(self):
+    def test_Warns_WhenASettingMeansNothing(self):
         path = self.configure("[RtpMonitor]\nWrokers = 3\n[Other]\nx = 1\n")
         done = self.run_monitor("--fast", "--json", CALL)
         self.assertEqual(done.returncode, 0)
@@ -445,7 +445,7 @@ class RtpMonitor(harness.MonitorTest):
         self.assertRegex(done.stdout, rf"skipped 0\n\d\.\d s: \d+% of {path} read\nsource")
         self.assertEqual(done.stderr, "")
 
-    def test_PrintsProgressToStandardError_WithJson(self):
+    def test_PrintsProgressToStandardError_WhenItPrintsJson(self):
         path = self.write(pcap(frames(30)))
         done = self.run_monitor("--json", "--interval", "100", path)
         self.assertEqual(json.loads(done.stdout)["rtp"], 30)

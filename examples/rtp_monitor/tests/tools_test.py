@@ -68,7 +68,7 @@ class Tools(harness.MonitorTest):
     def test_AgreesWithTshark(self):
         self.assertEqual(len(self.assert_agrees(CALL, gaps=False)), 2)
 
-    def test_AgreesWithTshark_AboutOutages(self):
+    def test_AgreesWithTshark_WhenThereAreOutages(self):
         whole = self.write(truth_test.capture(truth_test.arrive(truth_test.audio(9000))))
         for first, last in ((501, 1000), (501, 3500), (501, 5500)):
             with self.subTest(last - first + 1):
@@ -76,17 +76,17 @@ class Tools(harness.MonitorTest):
                 stream = self.assert_agrees(path)[0]
                 self.assertEqual(stream["lost"], last - first + 1)
 
-    def test_AgreesWithTshark_OverIpv6(self):
+    def test_AgreesWithTshark_WhenItIsIpv6(self):
         arrivals = truth_test.arrive(truth_test.without(truth_test.audio(900), 100, 7))
         path = self.write(truth_test.capture(arrivals, lambda data: truth_test.ethernet(
             truth_test.ipv6(truth_test.udp(data)), 0x86DD)))
         self.assertEqual(self.assert_agrees(path)[0]["lost"], 7)
 
-    def test_ReadsTheSame_OfHeadersOnly(self):
+    def test_ReadsTheSame_WhenThereAreHeadersOnly(self):
         self.assertEqual(self.streams_of(self.editcap(CALL, before=("-s", "64"))),
                          self.streams_of(CALL))
 
-    def test_ReadsTheSame_InEveryFormat(self):
+    def test_ReadsTheSame_WhateverTheFormat(self):
         for kind in ("pcap", "nsecpcap", "pcapng"):
             with self.subTest(kind):
                 self.assertEqual(self.streams_of(self.editcap(CALL, before=("-F", kind))),

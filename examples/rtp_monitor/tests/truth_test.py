@@ -130,7 +130,7 @@ class Truth(harness.MonitorTest):
 
     # Outages
 
-    def test_CountsAnOutageAsLoss_HoweverLongItIs(self):
+    def test_CountsAnOutageAsLoss_WhateverItsLength(self):
         packets = audio(400000)
         for first, length in ((500, 2998), (500, 2999), (500, 3000), (500, 5000), (500, 32768),
                               (500, 40000), (500, 65400), (500, 65535), (500, 65636), (500, 70000),
@@ -139,7 +139,7 @@ class Truth(harness.MonitorTest):
                 arrivals = arrive(without(packets[:first + length + 300], first, length))
                 self.assert_truth(arrivals, outages=1 if length >= 2999 else 0)
 
-    def test_CountsAnOutageAsLoss_WithAnUnknownClock(self):
+    def test_CountsAnOutageAsLoss_WhenTheClockIsUnknown(self):
         packets = audio(90000, payload_type=111, step=960)
         for length in (3000, 5000, 70000):
             with self.subTest(length):
@@ -159,7 +159,7 @@ class Truth(harness.MonitorTest):
         arrivals = [Arrival(20000 * i, sent) for i, sent in enumerate(packets)]
         self.assert_truth(arrivals, outages=1)
 
-    def test_CountsAnOutageAsLoss_WhereTimestampsWrap(self):
+    def test_CountsAnOutageAsLoss_WhenTimestampsWrap(self):
         packets = without(audio(9000, first_timestamp=2**32 - 160 * 2000), 500, 5000)
         self.assert_truth(arrive(packets), outages=1)
 
@@ -171,7 +171,7 @@ class Truth(harness.MonitorTest):
 
     # What is none
 
-    def test_CountsNoLoss_WhereTheSenderBeginsAnew(self):
+    def test_CountsNoLoss_WhenTheSenderBeginsAnew(self):
         for name, number, timestamp in (("all is new", 31000, 0x81234567),
                                         ("timestamps go on", 31000, 50000 + 160 * 500),
                                         ("numbers go back", 200, 0x12345678),
@@ -402,7 +402,7 @@ class Truth(harness.MonitorTest):
         document = self.json_of(data)
         self.assertEqual((document["rtp"], document["skippedFor"]["otherLinkType"]), (0, 3))
 
-    def test_Complains_AboutTimeStampsOutOfRange(self):
+    def test_Complains_WhenATimeStampIsOutOfRange(self):
         def with_stamp(high, options=b""):
             data = pcapng([])
             interface = struct.pack("<HHI", 1, 0, 0) + options
