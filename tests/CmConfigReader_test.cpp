@@ -193,15 +193,15 @@ TEST_F(CmConfigReaderTest, ListsWhatNobodyAskedForOrCanReach) {
     EXPECT_EQ(2, nNumber);
     EXPECT_EQ(CM_ERROR_NOT_FOUND, m_config.GetNumber("Host", "Late", nNumber));
     EXPECT_EQ(
-        "kelto.cfg:1: the key early is in no section\n"
-        "kelto.cfg:4: the key Wrokers in section [Host] means nothing here\n"
-        "kelto.cfg:5: the key workers in section [Host] does not count, because line 3 has that "
+        "kelto.cfg:1: early = \"1\" is in no section\n"
+        "kelto.cfg:4: Wrokers = \"3\" in section [Host] means nothing here\n"
+        "kelto.cfg:5: workers = \"4\" in section [Host] does not count, because line 3 has that "
         "name already\n"
-        "kelto.cfg:8: the key x in section [Other] means nothing here\n"
-        "kelto.cfg:10: the key Late in section [HOST] does not count, because line 2 has that "
+        "kelto.cfg:8: x = \"1\" in section [Other] means nothing here\n"
+        "kelto.cfg:10: Late = \"6\" in section [HOST] does not count, because line 2 has that "
         "name already\n",
         Unasked());
-    EXPECT_EQ("kelto.cfg:8: the key x in section [Other] means nothing here\n", Unasked("other"));
+    EXPECT_EQ("kelto.cfg:8: x = \"1\" in section [Other] means nothing here\n", Unasked("other"));
 }
 
 TEST_F(CmConfigReaderTest, TakesOneSemicolonOffInTheMainFileOnly) {
@@ -362,7 +362,7 @@ TEST_F(CmConfigReaderTest, OpensTheFileOnceForTheTraceFacilityAndItself) {
     int nNumber = 0;
     EXPECT_EQ(CM_OK, config.GetNumber("Host", "k", nNumber));
     EXPECT_EQ(1, opens.count());
-    EXPECT_EQ("kelto.cfg:4: the key Typo in section [Trace] means nothing here\n",
+    EXPECT_EQ("kelto.cfg:4: Typo = \"1\" in section [Trace] means nothing here\n",
               Unasked("Trace"));
 }
 

@@ -310,6 +310,7 @@ struct CM_UTIL_HIDDEN CCmConfigReader::CReaderState {
     CmResult Complain(const char* aPath, CmResult aResult, const CCmString& aWhy);
     CCmString PlaceOf(const CEntry& aEntry) const;
     CCmString Sentence(const CEntry& aEntry, const CCmString& aExpected) const;
+    CCmString Setting(const CEntry& aEntry) const;  // place, key and value
     CCmString UnaskedSentence(const CEntry& aEntry) const;
     std::string_view ValueOf(const CEntry& aEntry) const;
     CmResult Refuse(std::string_view aSection, std::string_view aKey, const CCmString& aExpected);
@@ -351,13 +352,17 @@ CCmString CCmConfigReader::CReaderState::PlaceOf(const CEntry& aEntry) const {
 
 CCmString CCmConfigReader::CReaderState::Sentence(const CEntry& aEntry,
                                                   const CCmString& aExpected) const {
-    return PlaceOf(aEntry) + NameOf(aEntry.m_key) + " = " + Quoted(ValueOf(aEntry)) +
-           " in section [" + NameOf(m_Profile.SectionOf(aEntry)) + "] should be " + aExpected;
+    return Setting(aEntry) + " in section [" + NameOf(m_Profile.SectionOf(aEntry)) +
+           "] should be " + aExpected;
+}
+
+CCmString CCmConfigReader::CReaderState::Setting(const CEntry& aEntry) const {
+    return PlaceOf(aEntry) + NameOf(aEntry.m_key) + " = " + Quoted(ValueOf(aEntry));
 }
 
 // Empty when there is nothing to say.
 CCmString CCmConfigReader::CReaderState::UnaskedSentence(const CEntry& aEntry) const {
-    const CCmString strWhat = PlaceOf(aEntry) + "the key " + NameOf(aEntry.m_key);
+    const CCmString strWhat = Setting(aEntry);
     if (aEntry.m_nHeader == NONE) {
         return strWhat + " is in no section";
     }

@@ -421,7 +421,7 @@ class RtpMonitor(harness.MonitorTest):
         path = self.configure("[RtpMonitor]\nWrokers = 3\n[Other]\nx = 1\n")
         done = self.run_monitor("--fast", "--json", CALL)
         self.assertEqual(done.returncode, 0)
-        self.assertEqual(done.stderr, f"rtp_monitor: {path}:2: the key Wrokers in section "
+        self.assertEqual(done.stderr, f'rtp_monitor: {path}:2: Wrokers = "3" in section '
                                       "[RtpMonitor] means nothing here.\n")
 
     def test_WritesTraceLinesWhereToldTo(self):
