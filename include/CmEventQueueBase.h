@@ -88,7 +88,8 @@ class CCmEventSynchronous;
 ///
 /// Cancellation: an event that has begun when the thread that runs it is cancelled is ended there,
 /// once, and no other begins. The rest goes to the owner of the list: with ProcessEvents, to the
-/// caller, in whose list it stays; with ProcessAndRecycleEvents, to the queue, in which it is
+/// caller, in whose list it stays (those that have ended stay there, too, so that a caller who may
+/// be cancelled counts what has run); with ProcessAndRecycleEvents, to the queue, in which it is
 /// pending again, ahead of what was posted meanwhile. ProcessTakenEvents owns its list itself and
 /// ends the rest unfired.
 ///

@@ -363,7 +363,8 @@ void CCmEventQueueBase::WaitForSenders() {
 //
 // m_bHasDestoryed: false until the first of the two has let go, which leaves the wrapper to the
 // other; the second deletes it. The queue lets go in OnDestorySelf of the first pass; the sender by
-// that of the second pass, or by itself where there is none (discarded, abandoned, refused).
+// that of the second pass, or by itself where there is none (discarded, abandoned, refused, or
+// without a queue).
 // Acquire and release again: the second comes after all that the first did with it.
 //
 // m_pEvent: whoever exchanges it with null destroys the event.
