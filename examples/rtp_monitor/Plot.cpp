@@ -244,7 +244,7 @@ void CPage::AddStream(const CStreamReport& aStream, const CCurve* aCurve, int aT
 void CPage::AddChart(const CChart& aChart, const CCurve& aCurve, int aLeft, int aTop) {
     AddText(aLeft, aTop - 6, "", std::string(aChart.title) + ", " + aChart.unit);
     if (aChart.values.empty()) {
-        AddText(aLeft + CHART_WIDTH / 2, aTop + CHART_HEIGHT / 2, "m",
+        AddText(aLeft + CHART_WIDTH / 2.0, aTop + CHART_HEIGHT / 2.0, "m",
                 "the clock rate is not known (--clock)");
         return;
     }

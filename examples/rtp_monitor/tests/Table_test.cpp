@@ -155,6 +155,7 @@ TEST(StreamOrder, PutsDoubtfulStreamsLastAndEqualOnesByAddress) {
     streams[3].jitterMs = JITTER_LIMIT_MS / 2;
     SortStreams(ESort::WORST, &streams);
     std::vector<uint32_t> ssrcs;
+    ssrcs.reserve(streams.size());
     for (const CStreamReport& stream : streams) {
         ssrcs.push_back(stream.key.ssrc);
     }
