@@ -474,7 +474,7 @@ struct CM_UTIL_HIDDEN CCmT120TraceFileMgr::CManagerState {
 };
 
 bool CCmT120TraceFileMgr::CManagerState::IsClosed(const CCmT120TraceFileMgr& aManager) {
-    static_assert(std::is_trivially_default_constructible_v<CManagerState>);
+    static_assert(std::is_trivially_destructible_v<CManagerState>);
     static_assert(2 * sizeof(CManagerState) <= sizeof(aManager.m_Private));
     return CCmPrivateRoom::Of(aManager.m_Private).m_bClosed.load(std::memory_order_relaxed);
 }
