@@ -23,12 +23,15 @@ using kelto_test::StatusOfChild;
 using Level = CCmTraceLevel;
 
 const Level* RowOf(unsigned long aLevel) {
-    for (const Level& level : CM_TRACE_LEVELS) {
-        if (level.m_ulLevel == aLevel) {
-            return &level;
+    static const std::map<unsigned long, const Level*> s_rows = [] {
+        std::map<unsigned long, const Level*> rows;
+        for (const Level& level : CM_TRACE_LEVELS) {
+            rows.emplace(level.m_ulLevel, &level);
         }
-    }
-    return nullptr;
+        return rows;
+    }();
+    const auto itRow = s_rows.find(aLevel);
+    return itRow != s_rows.end() ? itRow->second : nullptr;
 }
 
 // "[Trace]" with every level on and a module "m".

@@ -17,8 +17,10 @@ set(CMAKE_OSX_SYSROOT "" CACHE STRING "")
 set(CMAKE_OSX_DEPLOYMENT_TARGET 10.13 CACHE STRING "")
 # With the annotations, what came after the deployment target is refused, and what the headers have
 # instead is compiled here.
+# The compiler makes tables of offsets between sections out of comparisons, and its linker does not
+# fill them in: every look-up found the first entry. Without tables it compares.
 set(CMAKE_CXX_FLAGS_INIT
-  "-fno-sanitize=undefined -U_LIBCPP_HAS_VENDOR_AVAILABILITY_ANNOTATIONS -D_LIBCPP_HAS_VENDOR_AVAILABILITY_ANNOTATIONS=1")
+  "-fno-sanitize=undefined -fno-jump-tables -U_LIBCPP_HAS_VENDOR_AVAILABILITY_ANNOTATIONS -D_LIBCPP_HAS_VENDOR_AVAILABILITY_ANNOTATIONS=1")
 set(CMAKE_EXE_LINKER_FLAGS_INIT
   "\"-F${CMAKE_CURRENT_LIST_DIR}/stubs\" -nostdlib++ \"${CMAKE_CURRENT_LIST_DIR}/../../out/mac-tools/libc++-whole.tbd\"")
 set(CMAKE_SHARED_LINKER_FLAGS_INIT

@@ -53,11 +53,13 @@ namespace {
 constexpr const char* PLAIN_NAMES[] = {
     // memory and text
     "calloc free malloc memchr memcmp memcpy memmove memset realloc strcasecmp strchr strcmp "
-    "strcpy strcspn strdup strlen strncasecmp strncmp strncpy strnlen strrchr strstr wcscmp wcslen "
+    "strcpy strcspn strdup strlen strncasecmp strncmp strncpy strnlen strpbrk strrchr strstr "
+    "wcscmp wcslen "
     "wcsstr "
     "wmemchr wmemcmp",
     // numbers
-    "atoi atol ceilf nextafter remainder strtod strtof strtol strtold strtoll strtoul strtoull "
+    "atoi atol ceilf nextafter remainder round strtod strtof strtol strtold strtoll strtoul "
+    "strtoull "
     "wcstod wcstof wcstol wcstold wcstoll wcstoul wcstoull arc4random",
     // compiler support
     "__divti3",
