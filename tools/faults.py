@@ -26,7 +26,7 @@ MAC_FAULTS = [
           "examples/quick_start", "quick_start.cpp", [], "hello"),
     Fault("a list node lost with every timer that is armed again",
           "source/util/CmTimerSpares.h",
-          r"if \(m_Nodes\.empty\(\)\) (\{\s*m_Nodes\.emplace_front)", r"\1",
+          r"if \(CM_UNLIKELY\(m_Nodes\.empty\(\)\)\) (\{\s*m_Nodes\.emplace_front)", r"\1",
           "tests/CmTimerQueueOrderedList_test", "CmTimerQueueOrderedList.cpp",
           ["--gtest_filter=*Memory*"], "PASSED"),
     Fault("a clean-up handler missing from a wait",
