@@ -48,7 +48,7 @@ TEST(CmTimerHandlerIndexT, ChangesTheValue_WhenWhatFindReturnedIsWritten) {
     EXPECT_EQ(2, *index.Find(Handler(16)));
 }
 
-TEST(CmTimerHandlerIndexT, LooksUpTheEntryOrItsPlace_WhetherThereIsOneOrNot) {
+TEST(CmTimerHandlerIndexT, LooksUpItsPlace_WhenAHandlerHasNoEntry) {
     IndexType index;
     EXPECT_EQ(nullptr, index.Look(Handler(16)));
     EXPECT_FALSE(index.HasRoom());
