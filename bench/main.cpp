@@ -2,7 +2,12 @@
 
 #include <benchmark/benchmark.h>
 
+#include "Process.h"
+
 int main(int argc, char** argv) {
+    if (kelto_bench::FreshMeasurement::RunAsked(argc, argv)) {
+        return 0;
+    }
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
         return 1;
