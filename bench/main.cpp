@@ -5,9 +5,7 @@
 #include "Process.h"
 
 int main(int argc, char** argv) {
-    if (kelto_bench::FreshMeasurement::RunAsked(argc, argv)) {
-        return 0;
-    }
+    kelto_bench::FreshMeasurement::RunIfAsked(argc, argv);
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
         return 1;

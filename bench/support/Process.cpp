@@ -72,12 +72,12 @@ double FreshMeasurement::Take(const std::string& aName) {
     return std::strtod(RunProcess({"/proc/self/exe", OPTION, aName}).m_strOutput.c_str(), nullptr);
 }
 
-bool FreshMeasurement::RunAsked(int aCount, char** aArguments) {
-    if (aCount != 3 || std::string(aArguments[1]) != OPTION) {
-        return false;
+void FreshMeasurement::RunIfAsked(int aCount, char** aArguments) {
+    if (aCount == 3 && std::string(aArguments[1]) == OPTION) {
+        std::printf("%.0f\n", Measurements().at(aArguments[2])());
+        std::fflush(stdout);
+        std::_Exit(0);  // nothing that ends with the process is measured
     }
-    std::printf("%.0f\n", Measurements().at(aArguments[2])());
-    return true;
 }
 
 double ResidentBytes() {

@@ -22,8 +22,8 @@ class FreshMeasurement {
 
     // Runs this program anew for one of them.
     static double Take(const std::string& aName);
-    // What main does in that process; false: this is no such process.
-    static bool RunAsked(int aCount, char** aArguments);
+    // What main does first. In such a process it does not return.
+    static void RunIfAsked(int aCount, char** aArguments);
 };
 
 // What the process has of the memory, in bytes.
