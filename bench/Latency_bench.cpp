@@ -149,7 +149,14 @@ void AddLoadRows(const char* aWho) {
 const bool s_bAdded = [] {
     ForEachWorker(
         [](auto aType, const char* aWho) { AddRows<typename decltype(aType)::Type>(aWho); });
-    AddRows<CConditionWorker>("std::deque + condition variable by hand");
+    AddRows<CConditionWorker>(BY_HAND_PEER);
+    if (std::thread::hardware_concurrency() > 1) {
+        AddLoadRows<CKelto>(OURS);
+        ForEachPeer([](auto aType, const char* aWho) {
+            AddLoadRows<typename decltype(aType)::Type>(aWho);
+        });
+        AddLoadRows<CConditionWorker>(BY_HAND_PEER);
+    }
     return true;
 }();
 
