@@ -39,6 +39,7 @@ void PostToRun(benchmark::State& aState, int aPosters, bool aTwoCores) {
             PostBatch(*pWorker, tally, nEach);
         } else {
             std::vector<std::thread> posters;
+            posters.reserve(static_cast<size_t>(aPosters));
             for (int i = 0; i < aPosters; ++i) {
                 posters.emplace_back([&] { PostBatch(*pWorker, tally, nEach); });
             }
@@ -164,6 +165,7 @@ void AddCallableRows() {
 void PostToWorkers(benchmark::State& aState, int aWorkers) {
     const Pinned pinned(POSTER_CORE);
     std::vector<std::unique_ptr<CKelto>> workers;
+    workers.reserve(static_cast<size_t>(aWorkers));
     std::vector<CTally> tallies(static_cast<size_t>(aWorkers));
     for (int i = 0; i < aWorkers; ++i) {
         workers.push_back(PlacedWorker<CKelto>(false));

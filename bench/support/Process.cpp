@@ -46,6 +46,7 @@ CFinished RunProcess(const std::vector<std::string>& aCommand) {
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, nFiles[1], STDOUT_FILENO);
     std::vector<char*> arguments;
+    arguments.reserve(aCommand.size() + 1);
     for (const std::string& strArgument : aCommand) {
         arguments.push_back(const_cast<char*>(strArgument.c_str()));
     }

@@ -127,7 +127,7 @@ class CKeltoWorker {
     }
     template <typename TallyType>
     void Post(TallyType& aTally, long aNumber) {
-        m_pQueue->PostEvent(new CAddEvent(aTally, aNumber),
+        m_pQueue->PostEvent(new CAddEvent<TallyType>(aTally, aNumber),
                             UTIL_NS::ICmEventQueue::EPRIORITY_NORMAL);
     }
     template <typename Function>
@@ -136,7 +136,8 @@ class CKeltoWorker {
                             UTIL_NS::ICmEventQueue::EPRIORITY_NORMAL);
     }
     void Send(CTally& aTally, long aNumber) {
-        Check(m_pQueue->SendEvent(new CAddEvent(aTally, aNumber)) == UTIL_NS::CM_OK, "send");
+        Check(m_pQueue->SendEvent(new CAddEvent<CTally>(aTally, aNumber)) == UTIL_NS::CM_OK,
+              "send");
     }
 
   private:
@@ -377,7 +378,7 @@ class CQueueWorker {
     }
     template <typename TallyType>
     void Post(TallyType& aTally, long aNumber) {
-        m_Queue.Push(new CAddTask(aTally, aNumber));
+        m_Queue.Push(new CAddTask<TallyType>(aTally, aNumber));
     }
     template <typename Function>
     void PostFunction(Function aFunction) {
@@ -434,13 +435,13 @@ class CPocoWorker {
   public:
     CPocoWorker() : m_Thread([this] { RunAll(); }) {}
     ~CPocoWorker() {
-        m_Queue.enqueueNotification(new CItem(nullptr));
+        m_Queue.enqueueNotification(Poco::makeAuto<CItem>(nullptr));
         m_Thread.join();
     }
     template <typename TallyType>
     void Post(TallyType& aTally, long aNumber) {
         m_Queue.enqueueNotification(
-            new CItem(std::make_unique<CAddTask<TallyType>>(aTally, aNumber)));
+            Poco::makeAuto<CItem>(std::make_unique<CAddTask<TallyType>>(aTally, aNumber)));
     }
 
   private:
