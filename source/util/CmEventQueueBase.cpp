@@ -90,7 +90,7 @@ class CCmEventQueueBase::CQueueState {
     bool HasBusySenders() const { return m_lBusySenders.load(std::memory_order_acquire) != 0; }
 
   private:
-    std::atomic<long> m_lBusySenders{0};
+    CmStd::atomic<long> m_lBusySenders{0};
 };
 
 // One post, in three steps: what takes time is done before the queue's lock is taken and after it
@@ -215,7 +215,7 @@ class CCmEventQueueSteps::CPass {
 // with its owner, as do those after it. aStop is read relaxed: nothing is handed over with it.
 template <class IteratorType, class LeaveType>
 void CCmEventQueueSteps::Run(CCmEventQueueBase& aQueue, IteratorType aNext, IteratorType aEnd,
-                             const std::atomic<bool>* aStop, LeaveType aLeave) {
+                             const CmStd::atomic<bool>* aStop, LeaveType aLeave) {
     CPass pass(aQueue);
     CCmCleanUpT leave([&pass, &aNext, &aLeave] {
         pass.DestroyFiring();
@@ -442,7 +442,7 @@ class CCmEventSynchronous::CSendState {
     }
 
     CCmEventSynchronous& m_Wrapper;
-    std::atomic<int> m_nOutcome{OUTCOME_NONE};
+    CmStd::atomic<int> m_nOutcome{OUTCOME_NONE};
     bool m_bHoldsQueue = false;  // set by Send, before it posts: the post orders it
     // On another thread than the one that made the wrapper; written before FIRED, read after it.
     bool m_bFiredElsewhere = false;
@@ -662,7 +662,7 @@ class CCmEventQueueUsingConditionVariable::CConditionQueueState {
     }
 
     // Consumer thread only.
-    void Run(std::list<ICmEvent*>& aEvents, const std::atomic<bool>* aStop) {
+    void Run(std::list<ICmEvent*>& aEvents, const CmStd::atomic<bool>* aStop) {
         CCmEventQueueSteps::Run(m_Queue, aEvents.begin(), aEvents.end(), aStop,
                                 [this, &aEvents](std::list<ICmEvent*>::iterator aRest) {
                                     PutBack(aEvents, aRest);
@@ -745,8 +745,8 @@ class CCmEventQueueUsingConditionVariable::CConditionQueueState {
     CCmEventQueueUsingConditionVariable& m_Queue;
     DWORD m_dwWaiters CM_GUARDED_BY(m_Queue.m_Mutex) = 0;     // consumers inside the wait
     DWORD m_dwWait CM_GUARDED_BY(m_Queue.m_Mutex) = NO_WAIT;  // the number of the latest wait
-    std::atomic<DWORD> m_dwSignalled{NO_WAIT};                // the last wait that was signalled
-    std::atomic<DWORD> m_dwSpares{0};  // the size of m_Spares, as a hint for posts (relaxed)
+    CmStd::atomic<DWORD> m_dwSignalled{NO_WAIT};              // the last wait that was signalled
+    CmStd::atomic<DWORD> m_dwSpares{0};  // the size of m_Spares, as a hint for posts (relaxed)
     std::list<ICmEvent*> m_Spares CM_GUARDED_BY(m_Queue.m_Mutex);  // nodes for coming posts
     std::list<ICmEvent*> m_Spent;  // consumer thread only: nodes that are to become spare
 };
@@ -805,7 +805,7 @@ void CCmEventQueueUsingConditionVariable::ProcessAndRecycleEvents(std::list<ICmE
 
 void CCmEventQueueSteps::ProcessUntilStopped(CCmEventQueueUsingConditionVariable& aQueue,
                                              std::list<ICmEvent*>& aEvents,
-                                             const std::atomic<bool>& aStop) {
+                                             const CmStd::atomic<bool>& aStop) {
     CCmPrivateRoom::Of(aQueue.m_Private).Run(aEvents, &aStop);
 }
 

@@ -2,9 +2,9 @@
 #ifndef CM_EVENT_QUEUE_STEPS_H
 #define CM_EVENT_QUEUE_STEPS_H
 
-#include <atomic>
 #include <list>
 
+#include "CmAtomic.h"
 #include "CmBase.h"
 
 namespace UTIL_NS {
@@ -29,14 +29,15 @@ class CCmEventQueueSteps {
     // ProcessAndRecycleEvents until aStop becomes true; events that have not begun then go back to
     // the head of the queue.
     static void ProcessUntilStopped(CCmEventQueueUsingConditionVariable& aQueue,
-                                    std::list<ICmEvent*>& aEvents, const std::atomic<bool>& aStop);
+                                    std::list<ICmEvent*>& aEvents,
+                                    const CmStd::atomic<bool>& aStop);
 
     // Defined and used in CmEventQueueBase.cpp alone.
     class CPosting;
     class CPass;
     template <class IteratorType, class LeaveType>
     static void Run(CCmEventQueueBase& aQueue, IteratorType aNext, IteratorType aEnd,
-                    const std::atomic<bool>* aStop, LeaveType aLeave);
+                    const CmStd::atomic<bool>* aStop, LeaveType aLeave);
     static void DestroyPending(CCmEventQueueBase& aQueue, CCmMutexThread& aMutex);
 };
 
