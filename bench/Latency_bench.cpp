@@ -15,6 +15,8 @@ using namespace kelto_bench;
 namespace {
 
 constexpr char AREA[] = "latency";
+// Waking is all of these rows, and a worker by hand wakes as one of a library does: it is a peer.
+constexpr char BY_HAND_PEER[] = "std::deque + condition variable by hand";
 
 // ---- Of a worker that sleeps.
 
@@ -132,6 +134,10 @@ void AddRows(const char* aWho) {
         AREA, "post to a sleeping worker, two cores", aWho,
         [](benchmark::State& aState) { PostToSleeperAlone<Worker>(aState, true); }, Clock::FIGURES);
     Row(AREA, "post beside a busy thread", aWho, PostBesideBusyThread<Worker>, Clock::FIGURES);
+}
+
+template <typename Worker>
+void AddLoadRows(const char* aWho) {
     for (int nPercent : {10, 30, 50, 70, 90}) {
         Row(
             "growth: 99th percentile of latency, over load in %", std::to_string(nPercent), aWho,

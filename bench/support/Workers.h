@@ -215,7 +215,8 @@ class CKeltoValueByHand : public CKelto {
 // A worker of the front door, with its list of timers.
 class CKeltoFrontDoor {
   public:
-    void Post(CTally& aTally, long aNumber) {
+    template <typename TallyType>
+    void Post(TallyType& aTally, long aNumber) {
         UTIL_NS::CmPost(m_Worker, [&aTally, aNumber] { aTally.Add(aNumber); });
     }
     void Send(CTally& aTally, long aNumber) {
