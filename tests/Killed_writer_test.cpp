@@ -10,7 +10,6 @@
 #include <fstream>
 #include <iterator>
 #include <set>
-#include <sstream>
 #include <string>
 #include <thread>
 
@@ -23,13 +22,14 @@
 namespace UTIL_NS {
 namespace {
 
+using kelto_test::ELosses;
 using kelto_test::EMoment;
 using kelto_test::EndProcess;
+using kelto_test::FaultOf;
 using kelto_test::NumberedFile;
 using kelto_test::NumberedText;
 using kelto_test::ScopedCallHook;
 using kelto_test::ScopedHome;
-using kelto_test::TRACE_HEADER_LENGTH;
 using kelto_test::TraceLineId;
 
 using Ids = std::set<TraceLineId>;
@@ -153,35 +153,6 @@ std::string ReadFile(const std::string& aPath) {
     return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
 }
 
-// Whether an acknowledged line that is not among those up to the position may be missing there: the
-// file has started again at the top since. It is still there, after the position, or a later line
-// is, which has overwritten it.
-bool IsRolledOver(TraceLineId aId, const std::string& aContent) {
-    std::istringstream content(aContent.substr(TRACE_HEADER_LENGTH));
-    for (std::string sLine; std::getline(content, sLine);) {
-        const TraceLineId id = kelto_test::IdOfLine(sLine, false);
-        if (id.first != 0 && (id.first != aId.first || id.second >= aId.second)) {
-            return true;
-        }
-    }
-    return false;
-}
-
-// Empty when all is well.
-std::string FaultOf(const std::string& aContent, const Scenario& aScenario,
-                    const Ids& aAcknowledged) {
-    const NumberedFile file = kelto_test::ReadNumberedFile(aContent);
-    if (!file.fault.empty()) {
-        return file.fault;
-    }
-    for (const TraceLineId& id : aAcknowledged) {
-        if (file.lines.count(id) == 0 && !(aScenario.RollsOver() && IsRolledOver(id, aContent))) {
-            return "acknowledged, and lost: " + NumberedText(id);
-        }
-    }
-    return "";
-}
-
 // ---- The test
 
 class KilledWriter : public testing::TestWithParam<Scenario> {
@@ -203,7 +174,8 @@ class KilledWriter : public testing::TestWithParam<Scenario> {
         if (bOther) {
             EXPECT_EQ(0, EndOf(other));
         }
-        std::string sFault = FaultOf(ReadFile(m_sPath), GetParam(), CloseAndRead(anPipe));
+        std::string sFault =
+            FaultOf(ReadFile(m_sPath), CloseAndRead(anPipe), GetParam().RollsOver());
         if (sFault.empty()) {
             sFault = FaultOfNext();
         }
@@ -227,8 +199,8 @@ class KilledWriter : public testing::TestWithParam<Scenario> {
         EXPECT_LE(LINES - 1, static_cast<int>(std::distance(acknowledged.lower_bound({NEXT, 0}),
                                                             acknowledged.end())));
         const std::string sContent = ReadFile(m_sPath);
-        const NumberedFile file = kelto_test::ReadNumberedFile(sContent);
-        const std::string sFault = FaultOf(sContent, GetParam(), acknowledged);
+        const NumberedFile file = kelto_test::ReadNumberedFile(sContent, ELosses::NONE);
+        const std::string sFault = FaultOf(sContent, acknowledged, GetParam().RollsOver());
         if (!sFault.empty()) {
             return "next process: " + sFault;
         }

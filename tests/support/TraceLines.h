@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <map>
 #include <set>
+#include <sstream>
 #include <string>
 #include <utility>
 
@@ -53,9 +54,13 @@ inline TraceLineId IdOfLine(const std::string& aLine, bool aWithoutFront) {
     return bWhole || aWithoutFront ? id : NONE;
 }
 
-// Takes in the lines up to aEnd: all whole, none twice, and those of each writer in their order
-// without a gap. Of a new file, the header has cut the first line, which is number 1 of its writer.
-inline void CollectLines(const std::string& aContent, size_t aEnd, NumberedFile& aFile) {
+// What may have become of lines: all are there, or some could not be written.
+enum class ELosses { NONE, SOME };
+
+// Takes in the lines up to aEnd: all whole, none twice, and those of each writer in their order,
+// without a gap where none were lost. Of a new file, the header has cut the first line.
+inline void CollectLines(const std::string& aContent, size_t aEnd, ELosses aLosses,
+                         NumberedFile& aFile) {
     std::map<int, int> last;
     for (size_t nAt = TRACE_HEADER_LENGTH; nAt < aEnd;) {
         const size_t nLineEnd = aContent.find('\n', nAt);
@@ -63,16 +68,17 @@ inline void CollectLines(const std::string& aContent, size_t aEnd, NumberedFile&
         TraceLineId id = IdOfLine(sLine, false);
         if (id.first == 0 && nAt == TRACE_HEADER_LENGTH) {
             id = IdOfLine(sLine, true);
-            id = id.second == 1 ? id : TraceLineId{0, 0};
+            id = id.second == 1 || aLosses == ELosses::SOME ? id : TraceLineId{0, 0};
         }
         if (id.first == 0 || nLineEnd >= aEnd) {
             aFile.fault = "torn at " + std::to_string(nAt) + ": " + sLine;
             return;
         }
-        const bool bFirst = last.count(id.first) == 0;
-        if (!bFirst && last[id.first] + 1 != id.second) {
+        const int nBefore = last.count(id.first) != 0 ? last[id.first] : 0;
+        const bool bFollows = aLosses == ELosses::SOME || nBefore == 0 || nBefore + 1 == id.second;
+        if (id.second <= nBefore || !bFollows) {
             aFile.fault =
-                "line " + NumberedText(id) + " does not follow " + std::to_string(last[id.first]);
+                "line " + NumberedText(id) + " does not follow " + std::to_string(nBefore);
             return;
         }
         last[id.first] = id.second;
@@ -82,7 +88,7 @@ inline void CollectLines(const std::string& aContent, size_t aEnd, NumberedFile&
 }
 
 // A file without a number at its top counts as empty: its next writer starts there.
-inline NumberedFile ReadNumberedFile(const std::string& aContent) {
+inline NumberedFile ReadNumberedFile(const std::string& aContent, ELosses aLosses) {
     NumberedFile file;
     file.position = std::strtol(aContent.substr(0, TRACE_HEADER_LENGTH).c_str(), nullptr, 10);
     if (file.position == 0) {
@@ -95,14 +101,44 @@ inline NumberedFile ReadNumberedFile(const std::string& aContent) {
         return file;
     }
     file.isMarked = aContent.compare(nPosition, sizeof(TRACE_MARKER) - 1, TRACE_MARKER) == 0;
-    CollectLines(aContent, nPosition, file);
+    CollectLines(aContent, nPosition, aLosses, file);
     const size_t nMarker = aContent.find(TRACE_MARKER, TRACE_HEADER_LENGTH);
     if (file.fault.empty() && nMarker != std::string::npos) {
         NumberedFile beforeMarker;
-        CollectLines(aContent, nMarker, beforeMarker);
+        CollectLines(aContent, nMarker, aLosses, beforeMarker);
         file.fault = beforeMarker.fault.empty() ? "" : "before the marker, " + beforeMarker.fault;
     }
     return file;
+}
+
+// Whether an acknowledged line that is not among those up to the position may be missing there: the
+// file has started again at the top since. It is still there, after the position, or a later line
+// is, which has overwritten it.
+inline bool IsRolledOver(TraceLineId aId, const std::string& aContent) {
+    std::istringstream content(aContent.substr(TRACE_HEADER_LENGTH));
+    for (std::string sLine; std::getline(content, sLine);) {
+        const TraceLineId id = IdOfLine(sLine, false);
+        if (id.first != 0 && (id.first != aId.first || id.second >= aId.second)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// What is wrong with a file that is to hold these lines; empty: nothing. aRollsOver: it starts
+// again at the top when it is full.
+inline std::string FaultOf(const std::string& aContent, const std::set<TraceLineId>& aAcknowledged,
+                           bool aRollsOver, ELosses aLosses = ELosses::NONE) {
+    const NumberedFile file = ReadNumberedFile(aContent, aLosses);
+    if (!file.fault.empty()) {
+        return file.fault;
+    }
+    for (const TraceLineId& id : aAcknowledged) {
+        if (file.lines.count(id) == 0 && !(aRollsOver && IsRolledOver(id, aContent))) {
+            return "acknowledged, and lost: " + NumberedText(id);
+        }
+    }
+    return "";
 }
 
 }  // namespace kelto_test
