@@ -10,6 +10,8 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <map>
+#include <utility>
 #include <vector>
 
 #include "../Fuzz.h"
@@ -207,11 +209,15 @@ void CheckJson(const std::string& aJson) {
 void CheckReport(CReport& aReport, const std::vector<CSent>& aSent, unsigned aStyle) {
     uint64_t ullRtp = 0;
     uint64_t ullRtcp = 0;
+    std::map<std::pair<uint16_t, uint32_t>, uint64_t> packets;  // by port and source
     for (const CSent& sent : aSent) {
         CRtpHeader header = {};
         const EPacketKind kind =
             ParsePacket(sent.bytes.data(), sent.bytes.size(), sent.bytes.size(), &header);
-        ullRtp += kind == EPacketKind::RTP ? 1 : 0;
+        if (kind == EPacketKind::RTP) {
+            ++ullRtp;
+            ++packets[{sent.port, header.ssrc}];
+        }
         ullRtcp += kind == EPacketKind::RTCP ? 1 : 0;
         Require(kind != EPacketKind::CUT_OFF, "a socket cuts nothing off");
     }
@@ -219,7 +225,11 @@ void CheckReport(CReport& aReport, const std::vector<CSent>& aSent, unsigned aSt
             "each packet counts once");
     uint64_t ullInStreams = aReport.forgottenPackets;
     for (const CStreamReport& stream : aReport.streams) {
-        ullInStreams += stream.received + stream.strays;
+        const uint64_t ullCounted = stream.received + stream.strays;
+        const uint64_t ullSent = packets[{stream.key.sourcePort, stream.key.ssrc}];
+        Require(ullCounted == ullSent || (ullCounted < ullSent && aReport.forgottenStreams > 0),
+                "a stream has its own packets");
+        ullInStreams += ullCounted;
         CheckStream(stream);
     }
     Require(ullInStreams == ullRtp, "each packet of a stream is in one");
