@@ -73,6 +73,32 @@ class PlainThread : public ACmThread {
     Life& m_life;
 };
 
+// What classes of the host see of the base.
+class CInsideThread : public PlainThread {
+  public:
+    explicit CInsideThread(Life& aLife) : PlainThread(aLife) {
+        EXPECT_EQ(0, m_Flag);
+        EXPECT_FALSE(m_bRegistered);
+        EXPECT_TRUE(m_bRegister);
+        EXPECT_EQ(0, m_nDestroyRef.value());
+        EXPECT_EQ(nullptr, m_pEvent);
+    }
+    void CheckCreated() {
+        EXPECT_EQ(TF_JOINABLE, m_Flag);
+        EXPECT_FALSE(m_bRegistered);
+        EXPECT_FALSE(m_bRegister);
+        EXPECT_EQ(nullptr, m_pEvent);
+    }
+};
+
+TEST(CmThread, ShowsItsStateToDerivedClasses) {
+    Life life;
+    auto* pThread = new CInsideThread(life);
+    ASSERT_EQ(CM_OK, pThread->Create(TYPE, 0, 0));
+    pThread->CheckCreated();
+    EndJoinable(pThread);
+}
+
 TEST(CmThread, RunsItsBody_WithoutAnInitOfItsOwn) {
     Life life;
     ACmThread* pThread = new PlainThread(life);
