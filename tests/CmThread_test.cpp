@@ -234,6 +234,17 @@ TEST(CmThread, RegistersTwice_WhenAskedTwice) {
     EXPECT_EQ(nBefore, RegisteredThreads());
 }
 
+TEST(CmThread, RegisterFails_WithoutMemory) {
+    Life life;
+    BodyThread thread(life);
+    const size_t nBefore = RegisteredThreads();
+    {
+        kelto_test::ScopedAllocationFault fault(1);
+        EXPECT_EQ(CM_ERROR_OUT_OF_MEMORY, RegisterThread(&thread));
+    }
+    EXPECT_EQ(nBefore, RegisteredThreads());
+}
+
 TEST(CmThread, LeavesTheOthersRegistered_WhenOneIsUnregistered) {
     Life life;
     BodyThread first(life);
