@@ -685,6 +685,7 @@ TEST_F(CmT120Trace, BundleIsMissing_WhenThePathHasTooFewComponents) {
     std::filesystem::current_path(m_Home.path());
     std::filesystem::create_directory("yrktrace.bundle");
     std::filesystem::create_directories("a/b");
+    std::filesystem::create_directory("a/yrktrace.bundle");
     kelto_test::WriteFile("a/b/util", "");
     EXPECT_FALSE(FindsABundle(m_aTable, "libutil.so"));
     EXPECT_FALSE(FindsABundle(m_aTable, "a/b/util"));
