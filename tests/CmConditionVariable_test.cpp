@@ -728,6 +728,45 @@ void CountingSink(unsigned long, const char*, unsigned int) {
     g_nLinesUnderLock += g_nHeld != 0 ? 1 : 0;
 }
 
+CCmEventThread* g_pWaitedFor = nullptr;
+CmResult g_resultOfSignal = CM_ERROR_UNEXPECTED;
+
+// A wait in which the signal comes.
+int SignalWhileWaiting(pthread_cond_t* /*aCondition*/, pthread_mutex_t* aMutex) {
+    pthread_mutex_unlock(aMutex);
+    g_resultOfSignal = CCmConditionSteps::SignalAfterUnlock(*g_pWaitedFor);
+    pthread_mutex_lock(aMutex);
+    return 0;
+}
+
+TEST(CmEvent, SignalAfterTheUnlockTellsWhetherItWasGiven) {
+    kelto_test::ScopedEntry<int (*)(pthread_cond_t*, pthread_mutex_t*)> wait(
+        g_cmSystem.pthread_cond_wait, SignalWhileWaiting);
+    ScopedTraceSink sink;
+    CCmEventThread event(AUTO, 0);
+    g_pWaitedFor = &event;
+    EXPECT_EQ(CM_OK, event.Wait(nullptr));
+    EXPECT_EQ(CM_OK, g_resultOfSignal);
+    FailingCall<&CCmSystemTable::pthread_cond_signal> signal(EINVAL, EINVAL, 1,
+                                                             kelto_test::Failing::FROM_THERE_ON);
+    EXPECT_EQ(CM_OK, event.Wait(nullptr));
+    EXPECT_EQ(CM_ERROR_FAILURE, g_resultOfSignal);
+    EXPECT_EQ(3u, signal.calls());
+}
+
+TEST(CmEvent, SignalAfterTheUnlockLocksThreeTimesAtMost) {
+    ScopedTraceSink sink;
+    CCmEventThread event(AUTO, 0);
+    {
+        FailingCall<&CCmSystemTable::pthread_mutex_lock> lock(EINVAL, EINVAL, 1,
+                                                              kelto_test::Failing::FROM_THERE_ON);
+        EXPECT_EQ(CM_ERROR_FAILURE, CCmConditionSteps::SignalAfterUnlock(event));
+        EXPECT_EQ(3u, lock.calls());
+    }
+    EXPECT_EQ(CM_OK, CCmConditionSteps::SignalAfterUnlock(event));
+    EXPECT_EQ(CM_OK, WaitShortly(event));
+}
+
 TEST(CmEvent, FailuresAreTraced_AfterTheUnlock) {
     CCmEventThread manual(MANUAL, 0, nullptr);
     CCmEventThread automatic(AUTO, 0, nullptr);
