@@ -53,7 +53,7 @@ sockaddr_in Loopback(uint16_t aPort) {
 // A socket of its own port.
 class CSender {
   public:
-    CSender() : m_nSocket(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+    CSender() : m_nSocket(socket(AF_INET, SOCK_DGRAM, 0)) {
         sockaddr_in address = Loopback(0);
         socklen_t nLength = sizeof(address);
         Require(m_nSocket >= 0 &&

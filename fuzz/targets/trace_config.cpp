@@ -2,11 +2,13 @@
 // stand in the files and what is cut off, against a model. The input is an operation string in one
 // line, then a configuration, the filters, and the configurations that are read later, with a line
 // "---" between them.
-#include <regex.h>
+#include <pthread.h>
+#include <strings.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <set>
 #include <vector>
