@@ -1,0 +1,16 @@
+// The memory of schedules: freed blocks are not given again within one, so that what still uses
+// them is seen, and what a schedule leaves allocated is a leak.
+#ifndef TESTS_SCHEDULE_MEMORY_H
+#define TESTS_SCHEDULE_MEMORY_H
+
+namespace kelto_test {
+
+// aWarmsUp: what is allocated in this schedule may stay.
+void BeginMemory(bool aWarmsUp);
+// What is wrong at the end; null: nothing.
+const char* JudgeMemory();
+bool IsFreed(const void* aPlace);
+
+}  // namespace kelto_test
+
+#endif  // TESTS_SCHEDULE_MEMORY_H
