@@ -189,6 +189,11 @@ bool CExploration::Next(unsigned aSteps) {
     if (aSteps > m_nLongest) {
         m_nLongest = aSteps;
     }
+    m_bHasMore = Advance();
+    return m_bHasMore;
+}
+
+bool CExploration::Advance() {
     if (m_Way == RANDOM) {
         ++m_ullSeed;
         return true;

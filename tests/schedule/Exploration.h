@@ -49,6 +49,8 @@ class CExploration {
     int Pick(unsigned aStep, uint64_t aState, const CCandidates& aCandidates);
     // It has ended after aSteps. False: there are no more.
     bool Next(unsigned aSteps);
+    // What that said last.
+    bool HasMore() const { return m_bHasMore; }
 
     // The number of the schedule that runs or ran last.
     size_t Number(char* aBuffer, size_t aSize) const;
@@ -111,6 +113,7 @@ class CExploration {
     static constexpr int CHANGES = 3;
 
     void OfferWhatWasLearnt();
+    bool Advance();
     bool IsKnown(uint64_t aState);
     int PickOfAll(unsigned aStep, uint64_t aState, const CCandidates& aCandidates);
     int PickAtRandom(unsigned aStep, const CCandidates& aCandidates);
@@ -121,6 +124,7 @@ class CExploration {
     int m_nBudget;
     int m_nSpent;
     bool m_bLearnt;
+    bool m_bHasMore;
     bool m_bKnown;  // nothing is tried from here on
     unsigned m_nDepth;
     unsigned m_nNodes;

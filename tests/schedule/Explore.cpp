@@ -65,7 +65,8 @@ EEnd RunSome(const std::function<void()>& aScenario, const CSettings& aSettings,
              unsigned long aUntil, bool aTells) {
     CExploration& exploration = Exploration();
     for (;;) {
-        const bool bGood = RunSchedule(exploration, aScenario, aSettings, aTells, false);
+        const bool bGood = RunSchedule(exploration, aScenario, aSettings, aTells,
+                                       aSettings.m_bFreshProcess ? EMemory::LEFT : EMemory::JUDGED);
         if (!bGood) {
             return FAILED;
         }
@@ -179,7 +180,12 @@ bool RunAll(const std::function<void()>& aScenario, const CSettings& aSettings,
     CExploration& exploration = Exploration();
     while (exploration.m_ulSchedules < aUntil) {
         exploration.m_szFailure[0] = '\0';
-        if (RunSomeElsewhere(aScenario, aSettings, aUntil, false) == DONE) {
+        const unsigned long ulUntil =
+            aSettings.m_bFreshProcess ? exploration.m_ulSchedules + 1 : aUntil;
+        if (RunSomeElsewhere(aScenario, aSettings, ulUntil, false) == DONE) {
+            if (exploration.HasMore()) {
+                continue;
+            }
             return true;
         }
         if (aCount.m_ulFailed++ == 0) {
@@ -294,10 +300,10 @@ void Explore(const std::function<void()>& aScenario, const CSettings& aSettings)
     CExploration& exploration = Exploration();
     madvise(&exploration, sizeof(CExploration), MADV_REMOVE);  // zeros again
     // Once before all, for what the library makes with its first use.
-    {
+    if (!aSettings.m_bFreshProcess) {
         const CScheduledCalls calls;
         exploration.StartReplay("0");
-        if (!RunSchedule(exploration, aScenario, aSettings, false, true)) {
+        if (!RunSchedule(exploration, aScenario, aSettings, false, EMemory::STAYS)) {
             FAIL() << exploration.m_szFailure << "without a preemption";
         }
     }

@@ -5,8 +5,13 @@
 
 namespace kelto_test {
 
-// aWarmsUp: what is allocated in this schedule may stay.
-void BeginMemory(bool aWarmsUp);
+enum class EMemory {
+    JUDGED,  // what is left is a leak
+    LEFT,    // it is none, but the process ends with the schedule
+    STAYS,   // it is used in later schedules
+};
+
+void BeginMemory(EMemory aMemory);
 // What is wrong at the end; null: nothing.
 const char* JudgeMemory();
 bool IsFreed(const void* aPlace);

@@ -19,6 +19,9 @@ struct CSettings {
     // The schedules of a bounded run, and those of a full one, which tries a preemption more.
     unsigned long m_ulSchedules = 20000;
     unsigned long m_ulAllSchedules = 2000000;
+    // Each schedule in a process of its own, for what a process makes once: nothing is made before
+    // the first one, and what a schedule leaves is no leak. Some thousand schedules a second.
+    bool m_bFreshProcess = false;
     // Steps of a schedule; one that takes more is taken to go on for ever.
     int m_nSteps = 20000;
 };
@@ -64,6 +67,8 @@ class CThreadOf {
 // The number of the calling thread: 0 runs the scenario, the others are numbered as they start; the
 // number of one that has ended and was joined is given again.
 int ThreadNumber();
+// Whether that thread waits on a condition, and nobody has woken it.
+bool Sleeps(int aThread);
 // Called whenever all threads are asleep and the clock goes on, which it does only then, or when
 // the schedule ends a wait early. For what must not be so, such as a sleeping consumer with events.
 void WhenAllSleep(std::function<void()> aCheck);

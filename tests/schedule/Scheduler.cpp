@@ -21,7 +21,6 @@
 #include "CmSystem.h"
 #include "schedule/Atomic.h"
 #include "schedule/Fibers.h"
-#include "schedule/Memory.h"
 
 extern "C" char __executable_start;  // the linker's
 
@@ -1105,6 +1104,12 @@ int ThreadNumber() {
     return s_nCurrent;
 }
 
+bool Sleeps(int aThread) {
+    const CThread& thread = s_Threads[aThread];
+    return thread.m_State == CThread::LIVE && thread.m_Step == EStep::WAIT &&
+           !thread.m_bBackFromWait;
+}
+
 void WhenAllSleep(std::function<void()> aCheck) {
     *s_pAllSleep = std::move(aCheck);
 }
@@ -1256,7 +1261,7 @@ unsigned StepsOfSchedule() {
 }
 
 bool RunSchedule(CExploration& aExploration, const std::function<void()>& aScenario,
-                 const CSettings& aSettings, bool aTells, bool aWarmsUp) {
+                 const CSettings& aSettings, bool aTells, EMemory aMemory) {
     s_pExploration = &aExploration;
     s_pSettings = &aSettings;
     s_pScenario = &aScenario;
@@ -1280,7 +1285,7 @@ bool RunSchedule(CExploration& aExploration, const std::function<void()>& aScena
         thread.m_AtEnd.clear();
     }
     aExploration.Begin();
-    BeginMemory(aWarmsUp);
+    BeginMemory(aMemory);
     StartThread(0, &RunScenario, nullptr, false);
     s_nCurrent = 0;
     g_bScheduled = true;

@@ -9,6 +9,7 @@
 #include <functional>
 
 #include "schedule/Exploration.h"
+#include "schedule/Memory.h"
 #include "schedule/Schedule.h"
 
 namespace kelto_test {
@@ -26,10 +27,9 @@ class CScheduledCalls {
 };
 
 // Runs aScenario once, as aExploration decides. False: something was wrong, and is written there;
-// nothing else must be run in this process. aTells: the steps are written there as well. aWarmsUp:
-// what it leaves allocated is no leak.
+// nothing else must be run in this process. aTells: the steps are written there as well.
 bool RunSchedule(CExploration& aExploration, const std::function<void()>& aScenario,
-                 const CSettings& aSettings, bool aTells, bool aWarmsUp);
+                 const CSettings& aSettings, bool aTells, EMemory aMemory);
 unsigned StepsOfSchedule();
 // What ends the process ends the schedule that runs, and fails it.
 void CatchFailures();
