@@ -95,7 +95,7 @@ class CWatchedEvent : public UTIL_NS::ICmEvent {
   private:
     const int m_nId;
     const Work m_Work;
-    const std::function<void()> m_AtEnd;
+    std::function<void()> m_AtEnd;
 };
 
 // What has become of the event with the number aId (0 to 31).

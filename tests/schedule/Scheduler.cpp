@@ -1150,10 +1150,11 @@ void CWatchedEvent::OnDestorySelf() {
     if (fate.m_nFired == fate.m_nMade && fate.m_nEndedOn != fate.m_nFiredOn) {
         FailNow("a fired event is ended on another thread");
     }
-    if (m_AtEnd) {
-        m_AtEnd();
+    const std::function<void()> atEnd = std::move(m_AtEnd);
+    delete this;  // first: the thread may be cancelled in what follows
+    if (atEnd) {
+        atEnd();
     }
-    delete this;
 }
 
 const CFate& FateOf(int aId) {
