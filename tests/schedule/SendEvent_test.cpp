@@ -244,6 +244,22 @@ TEST(ScheduledSend, IsOutlivedByTheQueue_WhenTheThreadThatFreesItIsCancelled) {
     });
 }
 
+TEST(ScheduledSend, IsOutlivedByAQueueOfTheHost_WhenTheThreadThatFreesItIsCancelled) {
+    Explore([] {
+        auto* const pQueue = new CCmEventQueueUsingConditionVariable;
+        CThreadOf consumer([pQueue] {
+            pQueue->BindToCurrentThread();
+            std::list<ICmEvent*> events;
+            SCHEDULE_EXPECT(pQueue->PopOrWaitPendingEvents(events, nullptr, 1) == CM_OK);
+            pQueue->ProcessEvents(events);
+        });
+        CThreadOf sender([pQueue] { SendSomehow(*pQueue, 0); });
+        consumer.Join();
+        CThreadOf owner([pQueue] { delete pQueue; });
+        owner.Cancel();
+    });
+}
+
 TEST(ScheduledSend, Returns_WhenItsQueueHasNoLock) {
     Explore([] {
         auto* const pThread = new CCmThreadHeartBeat;
