@@ -9,12 +9,13 @@ namespace kelto_test {
 void CExploration::OfferWhatWasLearnt() {
     m_bLearnt = false;
     for (CPlace& place : m_Places) {
-        place.m_bOffered = m_Way != ALL || place.IsShared();
+        place.m_bOffered = m_Way != ALL || !m_bReduces || place.IsShared();
     }
 }
 
-void CExploration::StartAll(int aPreemptions) {
+void CExploration::StartAll(int aPreemptions, bool aReduces) {
     m_Way = ALL;
+    m_bReduces = aReduces;
     m_nBudget = aPreemptions;
     m_nNodes = 0;
     OfferWhatWasLearnt();
@@ -131,7 +132,7 @@ int CExploration::PickOfAll(unsigned aStep, uint64_t aState, const CCandidates& 
     if (m_bKnown || m_nNodes == NODES) {
         return 0;
     }
-    if (IsKnown(aState)) {
+    if (m_bReduces && IsKnown(aState)) {
         m_bKnown = true;
         ++m_ulKnown;
         return 0;
@@ -236,7 +237,7 @@ CExploration::CPlace& CExploration::PlaceOf(const void* aPlace) {
             if (m_nPlaces < PLACES / 4 * 3) {
                 ++m_nPlaces;
                 place.m_pPlace = aPlace;
-                place.m_bOffered = m_Way != ALL;
+                place.m_bOffered = m_Way != ALL || !m_bReduces;
             }
             return place;  // all that find no room are one
         }

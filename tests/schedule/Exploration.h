@@ -36,7 +36,7 @@ class CExploration {
     enum EWay : int { ALL, RANDOM, REPLAY };
 
     // All schedules with at most aPreemptions, from the first one on.
-    void StartAll(int aPreemptions);
+    void StartAll(int aPreemptions, bool aReduces);
     // Walks for which aSeed stands: threads have priorities, which change at some random steps.
     void StartRandom(uint64_t aSeed);
     // The one that aNumber says; false: it says none.
@@ -121,6 +121,7 @@ class CExploration {
     uint64_t Random();
 
     EWay m_Way;
+    bool m_bReduces;
     int m_nBudget;
     int m_nSpent;
     bool m_bLearnt;

@@ -15,6 +15,7 @@
 #include <map>
 #include <new>
 #include <string>
+#include <utility>
 
 #include "CmTrace.h"
 #include "schedule/Exploration.h"
@@ -62,11 +63,10 @@ void CheckProgress(int /*aSignal*/) {
 
 // Runs schedules up to a failure, until there are no more, or aUntil are done.
 EEnd RunSome(const std::function<void()>& aScenario, const CSettings& aSettings,
-             unsigned long aUntil, bool aTells) {
+             unsigned long aUntil, bool aTells, EMemory aMemory) {
     CExploration& exploration = Exploration();
     for (;;) {
-        const bool bGood = RunSchedule(exploration, aScenario, aSettings, aTells,
-                                       aSettings.m_bFreshProcess ? EMemory::LEFT : EMemory::JUDGED);
+        const bool bGood = RunSchedule(exploration, aScenario, aSettings, aTells, aMemory);
         if (!bGood) {
             return FAILED;
         }
@@ -78,7 +78,7 @@ EEnd RunSome(const std::function<void()>& aScenario, const CSettings& aSettings,
 
 // The same in a process of its own.
 EEnd RunSomeElsewhere(const std::function<void()>& aScenario, const CSettings& aSettings,
-                      unsigned long aUntil, bool aTells) {
+                      unsigned long aUntil, bool aTells, EMemory aMemory) {
     std::fflush(nullptr);
     const pid_t pid = fork();
     if (pid == 0) {
@@ -86,7 +86,7 @@ EEnd RunSomeElsewhere(const std::function<void()>& aScenario, const CSettings& a
         signal(SIGALRM, &CheckProgress);
         alarm(SECONDS_OF_A_SCHEDULE);
         const CScheduledCalls calls;
-        _exit(RunSome(aScenario, aSettings, aUntil, aTells));
+        _exit(RunSome(aScenario, aSettings, aUntil, aTells, aMemory));
     }
     int nStatus = 0;
     waitpid(pid, &nStatus, 0);
@@ -101,6 +101,10 @@ EEnd RunSomeElsewhere(const std::function<void()>& aScenario, const CSettings& a
                           : "the process has ended");
     }
     return FAILED;
+}
+
+EMemory MemoryOf(const CSettings& aSettings) {
+    return aSettings.m_bFreshProcess ? EMemory::LEFT : EMemory::JUDGED;
 }
 
 std::string NumberOfSchedule() {
@@ -159,7 +163,7 @@ void Tell(const std::function<void()>& aScenario, const CSettings& aSettings,
     }
     exploration.m_szFailure[0] = '\0';
     exploration.m_szSteps[0] = '\0';
-    RunSomeElsewhere(aScenario, aSettings, ~0ul, true);
+    RunSomeElsewhere(aScenario, aSettings, ~0ul, true, MemoryOf(aSettings));
     std::printf("%s", WithLines(exploration.m_szSteps).c_str());
     std::printf(
         "schedule %s: %s", aNumber.c_str(),
@@ -169,9 +173,11 @@ void Tell(const std::function<void()>& aScenario, const CSettings& aSettings,
 
 struct CCount {
     unsigned long m_ulFailed = 0;
-    std::string m_strFirst;       // its number
-    unsigned long m_ulFirst = 0;  // its place
+    unsigned long m_ulRandom = 0;  // of all schedules
+    std::string m_strFirst;        // its number
+    unsigned long m_ulFirst = 0;   // its place
     std::string m_strWhat;
+    int m_nComplete = -1;  // every schedule with so many preemptions was run
 };
 
 // Up to aUntil schedules. False: one has failed, and that is enough.
@@ -182,7 +188,7 @@ bool RunAll(const std::function<void()>& aScenario, const CSettings& aSettings,
         exploration.m_szFailure[0] = '\0';
         const unsigned long ulUntil =
             aSettings.m_bFreshProcess ? exploration.m_ulSchedules + 1 : aUntil;
-        if (RunSomeElsewhere(aScenario, aSettings, ulUntil, false) == DONE) {
+        if (RunSomeElsewhere(aScenario, aSettings, ulUntil, false, MemoryOf(aSettings)) == DONE) {
             if (exploration.HasMore()) {
                 continue;
             }
@@ -211,7 +217,6 @@ unsigned long AllSchedulesOf(const CSettings& aSettings) {
                              : aSettings.m_ulSchedules / s_Options.m_ulPart;
 }
 
-// What was left is told: all: every schedule with so many preemptions was run.
 void ExploreAll(const std::function<void()>& aScenario, const CSettings& aSettings,
                 CCount& aCount) {
     CExploration& exploration = Exploration();
@@ -222,7 +227,7 @@ void ExploreAll(const std::function<void()>& aScenario, const CSettings& aSettin
     int nComplete = -1;
     for (int i = 0; i <= nPreemptions; ++i) {
         do {
-            exploration.StartAll(i);
+            exploration.StartAll(i, aSettings.m_bReduces);
             if (!RunAll(aScenario, aSettings, ulUntil, aCount)) {
                 return;
             }
@@ -232,13 +237,7 @@ void ExploreAll(const std::function<void()>& aScenario, const CSettings& aSettin
         }
         nComplete = i;
     }
-    std::printf("%lu schedules, %lu to a known state, longest %u steps; ",
-                exploration.m_ulSchedules, exploration.m_ulKnown, exploration.m_nLongest);
-    if (nComplete < 0) {
-        std::printf("not all without a preemption\n");
-    } else {
-        std::printf("all with %d preemptions\n", nComplete);
-    }
+    aCount.m_nComplete = nComplete;
 }
 
 void ExploreRandom(const std::function<void()>& aScenario, const CSettings& aSettings,
@@ -259,7 +258,7 @@ void ExploreRandom(const std::function<void()>& aScenario, const CSettings& aSet
             return;
         }
     }
-    std::printf("%lu random schedules\n", exploration.m_ulSchedules - ulBefore);
+    aCount.m_ulRandom = exploration.m_ulSchedules - ulBefore;
 }
 
 bool TakeNumber(const char* aArgument, const char* aName, unsigned long& aNumber) {
@@ -293,30 +292,65 @@ bool TakeOption(const char* aArgument) {
 
 }  // namespace
 
-void Explore(const std::function<void()>& aScenario, const CSettings& aSettings) {
+namespace {
+
+// For a new scenario. False: already its first schedule fails.
+bool Prepare(const std::function<void()>& aScenario, const CSettings& aSettings) {
     set_util_external_trace_sink(&DropLine);
     static const bool s_bMade = (MakeThreads(), true);
-    ASSERT_TRUE(s_bMade);
     CExploration& exploration = Exploration();
     madvise(&exploration, sizeof(CExploration), MADV_REMOVE);  // zeros again
-    // Once before all, for what the library makes with its first use.
-    if (!aSettings.m_bFreshProcess) {
-        const CScheduledCalls calls;
-        exploration.StartReplay("0");
-        if (!RunSchedule(exploration, aScenario, aSettings, false, EMemory::STAYS)) {
-            FAIL() << exploration.m_szFailure << "without a preemption";
-        }
+    if (!s_bMade || aSettings.m_bFreshProcess) {
+        return s_bMade;
     }
-    if (!s_Options.m_strReplay.empty()) {
-        Tell(aScenario, aSettings, s_Options.m_strReplay);
-        EXPECT_STREQ("", exploration.m_szFailure);
-        return;
+    // Once before all, for what the library makes with its first use. Elsewhere before: nothing can
+    // be run here after a failure.
+    exploration.StartReplay("0");
+    if (RunSomeElsewhere(aScenario, aSettings, 1, false, EMemory::STAYS) == FAILED) {
+        return false;
     }
+    const CScheduledCalls calls;
+    exploration.StartReplay("0");
+    const bool bGood = RunSchedule(exploration, aScenario, aSettings, false, EMemory::STAYS);
+    exploration.m_ulSchedules = 0;
+    return bGood;
+}
+
+CCount Run(const std::function<void()>& aScenario, const CSettings& aSettings) {
+    CExploration& exploration = Exploration();
     CCount count;
+    if (!Prepare(aScenario, aSettings)) {
+        count.m_ulFailed = 1;
+        count.m_strFirst = "0";
+        count.m_strWhat = exploration.m_szFailure;
+        return count;
+    }
     ExploreAll(aScenario, aSettings, count);
     if ((s_Options.m_ulRandom != 0 || s_Options.m_ulSeconds != 0) &&
         (count.m_ulFailed == 0 || s_Options.m_bCount)) {
         ExploreRandom(aScenario, aSettings, count);
+    }
+    return count;
+}
+
+}  // namespace
+
+void Explore(const std::function<void()>& aScenario, const CSettings& aSettings) {
+    CExploration& exploration = Exploration();
+    if (!s_Options.m_strReplay.empty()) {
+        Prepare(aScenario, aSettings);
+        Tell(aScenario, aSettings, s_Options.m_strReplay);
+        EXPECT_STREQ("", exploration.m_szFailure);
+        return;
+    }
+    const CCount count = Run(aScenario, aSettings);
+    std::printf("%lu schedules, %lu of them to a known state and %lu random, %u steps at most, ",
+                exploration.m_ulSchedules, exploration.m_ulKnown, count.m_ulRandom,
+                exploration.m_nLongest);
+    if (count.m_nComplete < 0) {
+        std::printf("not all\n");
+    } else {
+        std::printf("all with %d preemptions\n", count.m_nComplete);
     }
     if (s_Options.m_bCount) {
         std::printf("%lu of %lu schedules fail, the first as number %lu\n", count.m_ulFailed,
@@ -327,6 +361,13 @@ void Explore(const std::function<void()>& aScenario, const CSettings& aSettings)
                       << "; --replay=" << count.m_strFirst;
         Tell(aScenario, aSettings, count.m_strFirst);
     }
+}
+
+std::string FirstFailure(const std::function<void()>& aScenario, const CSettings& aSettings) {
+    const COptions options = std::exchange(s_Options, COptions());
+    const std::string strWhat = Run(aScenario, aSettings).m_strWhat;
+    s_Options = options;
+    return strWhat;
 }
 
 }  // namespace kelto_test

@@ -22,6 +22,8 @@ struct CSettings {
     // Each schedule in a process of its own, for what a process makes once: nothing is made before
     // the first one, and what a schedule leaves is no leak. Some thousand schedules a second.
     bool m_bFreshProcess = false;
+    // Neither leaves out steps that nobody else sees nor stops at states that are known.
+    bool m_bReduces = true;
     // Steps of a schedule; one that takes more is taken to go on for ever.
     int m_nSteps = 20000;
 };
@@ -29,6 +31,9 @@ struct CSettings {
 // Runs aScenario in every schedule, each time from the start on a thread of the scheduler, and
 // fails the test on the first schedule in which something is wrong. Not to be called in aScenario.
 void Explore(const std::function<void()>& aScenario, const CSettings& aSettings = {});
+
+// For tests of the scheduler itself: what goes wrong first, or an empty text.
+std::string FirstFailure(const std::function<void()>& aScenario, const CSettings& aSettings = {});
 
 // The following is for scenarios.
 
