@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <new>
 
+#include "CmBlockPool.h"
 #include "CmCancel.h"
 #include "CmConditionSteps.h"
 #include "CmEventQueueSteps.h"
@@ -71,6 +72,18 @@ ICmEvent::~ICmEvent() = default;
 
 void ICmEvent::OnDestorySelf() {
     delete this;
+}
+
+void* ICmEvent::operator new(size_t aSize) {
+    return CCmBlockPool::Allocate(aSize);
+}
+
+void* ICmEvent::operator new(size_t aSize, const std::nothrow_t&) noexcept {
+    return CCmBlockPool::AllocateOrNull(aSize);
+}
+
+void ICmEvent::operator delete(void* aMemory) noexcept {
+    CCmBlockPool::Free(aMemory);
 }
 
 ICmEventQueue::~ICmEventQueue() = default;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "CmBlockPool.h"
 #include "CmCancel.h"
 #include "CmListNode.h"
 #include "CmPrivateState.h"
@@ -43,9 +44,14 @@ CCmTimeValue FireDueTimers(CCmTimerQueueBase& aQueue) {
     return std::min(std::max(tvLeft, CCmTimeValue::s_tvZero), tvWait);
 }
 
-// Waits for events, at most aTimeout, and runs at most aMaxCount of them.
+// Waits for events, at most aTimeout, and runs at most aMaxCount of them. May return without one
+// before that, to look after the memory of those that have run.
 void RunEvents(CCmEventQueueUsingConditionVariable& aQueue, CCmTimeValue* aTimeout,
                DWORD aMaxCount) {
+    CCmTimeValue tvTend(CCmBlockPool::TEND_SEC);
+    if (CM_UNLIKELY(CCmBlockPool::Tend()) && (aTimeout == nullptr || *aTimeout > tvTend)) {
+        aTimeout = &tvTend;
+    }
     std::list<ICmEvent*> events;
     if (CM_SUCCEEDED(aQueue.PopOrWaitPendingEvents(events, aTimeout, aMaxCount))) {
         aQueue.ProcessAndRecycleEvents(events);

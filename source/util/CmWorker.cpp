@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "CmBlockPool.h"
 #include "CmCancel.h"
 #include "CmEventQueueSteps.h"
 #include "CmSystem.h"
@@ -135,6 +136,10 @@ class CCmWorkerThread final : public CCmThreadTask {
         }
         if (tvWait != CCmTimeValue::s_tvMax) {
             llDeadline = std::min(llDeadline, CmLaterNsec(CmMonotonicNsec(), tvWait));
+        }
+        if (CM_UNLIKELY(CCmBlockPool::Tend())) {
+            llDeadline = std::min(
+                llDeadline, CmLaterNsec(CmMonotonicNsec(), CCmTimeValue(CCmBlockPool::TEND_SEC)));
         }
         std::list<ICmEvent*> events;
         const CmResult rv = CCmEventQueueSteps::PopOrWaitUntil(
