@@ -253,12 +253,15 @@ uint32_t TakeChunk(unsigned aClass) {
     return dwChunk;
 }
 
-// Maps the chunk anew, which is what gives pages back on every system. One that the system does not
-// take back stays usable all the same.
-void GiveChunkBack(uint32_t aChunk) {
-    NoAccess(Range() + aChunk * CCmBlockPool::CHUNK_SIZE, CCmBlockPool::CHUNK_SIZE, MAP_FIXED);
-    CommittedOf(ClassOfChunk(aChunk)).fetch_sub(1, std::memory_order_relaxed);
-    s_freeChunks.Push(aChunk, s_dwChunkLinks);
+// Maps the chunks anew, which is what gives pages back on every system. Those that the system does
+// not take back stay usable all the same.
+void GiveChunksBack(uint32_t aFirst, uint32_t aEnd) {
+    NoAccess(Range() + aFirst * CCmBlockPool::CHUNK_SIZE,
+             (aEnd - aFirst) * CCmBlockPool::CHUNK_SIZE, MAP_FIXED);
+    CommittedOf(ClassOfChunk(aFirst)).fetch_sub(aEnd - aFirst, std::memory_order_relaxed);
+    for (uint32_t i = aEnd; i > aFirst; --i) {
+        s_freeChunks.Push(i - 1, s_dwChunkLinks);
+    }
 }
 
 // Magazines.
@@ -408,15 +411,19 @@ bool IsWhollyIdle(uint32_t aChunk, unsigned aClass) {
     return s_wIdleBlocks[aChunk] == BlocksOfChunk(aClass);
 }
 
-// Gives the wholly idle chunks of the class back and forgets the counts.
+// Gives the wholly idle chunks of the class back, neighbours by one call, and forgets the counts.
 void GiveIdleChunksBack(unsigned aClass) {
-    for (uint32_t i = 0; i < CHUNKS; ++i) {
-        const bool bIsIdle = s_wIdleBlocks[i] != 0 && IsWhollyIdle(i, aClass);
-        s_wIdleBlocks[i] = 0;
-        if (bIsIdle) {
-            GiveChunkBack(i);
+    uint32_t dwFirst = NO_CHUNK;
+    for (uint32_t i = 0; i <= CHUNKS; ++i) {
+        const bool bIsIdle = i < CHUNKS && IsWhollyIdle(i, aClass);
+        if (bIsIdle && dwFirst == NO_CHUNK) {
+            dwFirst = i;
+        } else if (!bIsIdle && dwFirst != NO_CHUNK) {
+            GiveChunksBack(dwFirst, i);
+            dwFirst = NO_CHUNK;
         }
     }
+    std::memset(s_wIdleBlocks, 0, sizeof(s_wIdleBlocks));
 }
 
 void TrimClass(unsigned aClass) {
