@@ -13,6 +13,7 @@
 #include <pthread.h>
 
 #include <list>
+#include <new>
 
 #include "CmAtomic.h"
 #include "CmBase.h"
@@ -40,6 +41,49 @@ class CM_UTIL_EXPORT ICmEvent {
     virtual void OnDestorySelf();
     /// For OnDestorySelf: a queue never deletes an event.
     virtual ~ICmEvent();
+
+    /// The memory of events: what the thread that runs them frees serves those that post (see
+    /// docs/events.md), for events of at most 512 bytes that need no more than the usual alignment;
+    /// the rest comes from the system. Throws std::bad_alloc. Any thread.
+    static void* operator new(size_t aSize);
+    /// The same; null when there is no memory.
+    static void* operator new(size_t aSize, const std::nothrow_t&) noexcept;
+    /// In memory of the caller's.
+    static void* operator new(size_t, void* aMemory) noexcept { return aMemory; }
+    /// Frees what any operator new gave without an alignment, that of the class or the global one;
+    /// null does nothing.
+    static void operator delete(void* aMemory) noexcept;
+    /// For a constructor that throws.
+    static void operator delete(void* aMemory, const std::nothrow_t&) noexcept {
+        operator delete(aMemory);
+    }
+    /// For a constructor that throws; the memory stays the caller's.
+    static void operator delete(void*, void*) noexcept {}
+#ifdef __cpp_aligned_new
+    /// Of an event that needs more than the usual alignment: the global one.
+    static void* operator new(size_t aSize, std::align_val_t aAlignment) {
+        return ::operator new(aSize, aAlignment);
+    }
+    /// The same; null when there is no memory.
+    static void* operator new(size_t aSize, std::align_val_t aAlignment,
+                              const std::nothrow_t& aNoThrow) noexcept {
+        return ::operator new(aSize, aAlignment, aNoThrow);
+    }
+    /// Frees memory of the two above.
+    static void operator delete(void* aMemory, std::align_val_t aAlignment) noexcept {
+        ::operator delete(aMemory, aAlignment);
+    }
+    /// For a constructor that throws.
+    static void operator delete(void* aMemory, std::align_val_t aAlignment,
+                                const std::nothrow_t&) noexcept {
+        ::operator delete(aMemory, aAlignment);
+    }
+#else
+    /// The system's C++ library has no memory of a larger alignment.
+    static void* operator new(size_t, std::align_val_t) = delete;
+    /// The same.
+    static void* operator new(size_t, std::align_val_t, const std::nothrow_t&) noexcept = delete;
+#endif
 
   protected:
     uint64_t m_ullReserved;  ///< 0; part of the binary interface, which nothing here reads

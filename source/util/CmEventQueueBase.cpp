@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <new>
 
+#include "CmBlockPool.h"
 #include "CmCancel.h"
 #include "CmConditionSteps.h"
 #include "CmEventQueueSteps.h"
@@ -74,6 +75,18 @@ ICmEvent::~ICmEvent() = default;
 
 void ICmEvent::OnDestorySelf() {
     delete this;
+}
+
+void* ICmEvent::operator new(size_t aSize) {
+    return CCmBlockPool::Allocate(aSize);
+}
+
+void* ICmEvent::operator new(size_t aSize, const std::nothrow_t&) noexcept {
+    return CCmBlockPool::AllocateOrNull(aSize);
+}
+
+void ICmEvent::operator delete(void* aMemory) noexcept {
+    CCmBlockPool::Free(aMemory);
 }
 
 ICmEventQueue::~ICmEventQueue() = default;
@@ -918,6 +931,10 @@ void CCmEventQueueSteps::CLoop::End() {
 
 void CCmEventQueueSteps::CLoop::RunEvents(CCmTimeValue* aTimeout, DWORD aMaxCount) {
     EndDiscarded();
+    CCmTimeValue tvTend(CCmBlockPool::TEND_SEC);
+    if (CM_UNLIKELY(CCmBlockPool::Tend()) && (aTimeout == nullptr || *aTimeout > tvTend)) {
+        aTimeout = &tvTend;
+    }
     std::list<ICmEvent*> events;
     if (CM_SUCCEEDED(m_Queue.PopOrWaitPendingEvents(events, aTimeout, aMaxCount))) {
         RunTaken(events, nullptr);

@@ -57,7 +57,7 @@ class CCmEventQueueSteps::CLoop {
     // Something else than events has taken time: a timer has fired.
     void ForgetEnd() { m_bGoesOn = false; }
     // Waits while nothing is pending, at most aTimeout (null: no limit), and runs at most aMaxCount
-    // events.
+    // events. May return without one before that, to look after the memory of those that have run.
     void RunEvents(CCmTimeValue* aTimeout, DWORD aMaxCount);
     // The same with a limit by the monotonic clock, in nanoseconds (null: none). When aStop becomes
     // true, events that have not begun go back to the head of the queue.

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "CmBlockPool.h"
 #include "CmCancel.h"
 #include "CmEventQueueSteps.h"
 #include "CmSystem.h"
@@ -144,6 +145,10 @@ class CCmWorkerThread final : public CCmThreadTask {
         }
         if (tvWait != CCmTimeValue::s_tvMax) {
             llDeadline = std::min(llDeadline, CmLaterNsec(CmMonotonicNsec(), tvWait));
+        }
+        if (CM_UNLIKELY(CCmBlockPool::Tend())) {
+            llDeadline = std::min(
+                llDeadline, CmLaterNsec(CmMonotonicNsec(), CCmTimeValue(CCmBlockPool::TEND_SEC)));
         }
         aLoop.RunEventsUntil(llDeadline == CM_NEVER_NSEC ? nullptr : &llDeadline, EVENTS_PER_PASS,
                              m_bStopsNow);
