@@ -13,7 +13,7 @@ import sys
 
 OURS = "kelto_util"
 PERCENTILES = {"percentile_50": "median", "percentile_90": "90th percentile",
-               "percentile_99": "99th percentile"}
+               "percentile_99": "99th percentile", "percentile_99.9": "99.9th percentile"}
 NOT_PEERS = ("floor:", "limit:", "variant:")
 
 # Our time over that of the best peer; at most.
@@ -86,8 +86,10 @@ class Row:
 
 def times(work, run):
     """(work, nanoseconds) of each line that a run is for."""
-    if "percentile_50" not in run:
+    if "items_per_second" in run:
         yield work, 1e9 / run["items_per_second"]
+    elif "nanoseconds" in run:
+        yield work, run["nanoseconds"]
     for key, name in PERCENTILES.items():
         if key in run:
             yield f"{work}, {name}", run[key]

@@ -12,9 +12,9 @@
 
 #include <pthread.h>
 
-#include <atomic>
 #include <list>
 
+#include "CmAtomic.h"
 #include "CmBase.h"
 #include "CmConditionVariable.h"
 #include "CmPrivateRoom.h"
@@ -144,10 +144,10 @@ class CM_UTIL_EXPORT CCmEventQueueBase : public ICmEventQueue {
     /// In posting order. What a worker's events post to their own worker may be in a list of its
     /// own ahead of these, which the functions above take into account.
     std::list<ICmEvent*> m_Events;
-    std::atomic<DWORD> m_dwSize;     ///< the count of m_Events; read without a lock
-    CCmTimeValue m_tvLastReport;     ///< when a post last watched the size
-    std::atomic<pthread_t> m_Tid;    ///< the consumer; 0 until it is bound
-    std::atomic<bool> m_bIsStopped;  ///< posts are refused; read without a lock
+    CmStd::atomic<DWORD> m_dwSize;     ///< the count of m_Events; read without a lock
+    CCmTimeValue m_tvLastReport;       ///< when a post last watched the size
+    CmStd::atomic<pthread_t> m_Tid;    ///< the consumer; 0 until it is bound
+    CmStd::atomic<bool> m_bIsStopped;  ///< posts are refused; read without a lock
 
   private:
     friend class CCmEventSynchronous;
@@ -184,11 +184,11 @@ class CM_UTIL_EXPORT CCmEventSynchronous : public ICmEvent {
     friend class CCmEventQueueBase;
     class CM_UTIL_HIDDEN CSendState;
 
-    std::atomic<ICmEvent*> m_pEvent;    // null once it has been ended
-    CmResult m_Result;                  // CM_ERROR_NOT_AVAILABLE until it has fired
-    CCmEventQueueBase* m_pEventQueue;   // not owned
-    std::atomic<bool> m_bHasDestoryed;  // one of the two has let go
-    CCmEventThread m_SendEvent;         // the sender waits for it
+    CmStd::atomic<ICmEvent*> m_pEvent;    // null once it has been ended
+    CmResult m_Result;                    // CM_ERROR_NOT_AVAILABLE until it has fired
+    CCmEventQueueBase* m_pEventQueue;     // not owned
+    CmStd::atomic<bool> m_bHasDestoryed;  // one of the two has let go
+    CCmEventThread m_SendEvent;           // the sender waits for it
     CCmPrivateRoomT<CSendState, 80> m_Private;
 };
 

@@ -116,17 +116,17 @@ class CCmEventQueueBase::CQueueState {
 
     // The length of the loop's private list, which the loop's thread alone changes. A count like
     // m_dwSize: nothing is handed over with it.
-    std::atomic<DWORD> m_dwOwn{0};
+    CmStd::atomic<DWORD> m_dwOwn{0};
     // How often another thread has destroyed what is pending while the private list was not empty.
     // The loop's thread ends those events without firing them. Relaxed: if that destruction
     // happened before the loop looks here, it sees it; if not, the two may go either way.
-    std::atomic<DWORD> m_dwDiscards{0};
+    CmStd::atomic<DWORD> m_dwDiscards{0};
     // The core on which a loop last fired a send; -1: unknown. A hint (relaxed).
-    std::atomic<int> m_nLoopCore{-1};
+    CmStd::atomic<int> m_nLoopCore{-1};
 
   private:
-    std::atomic<long> m_lBusySenders{0};
-    std::atomic<pthread_t> m_LoopTid{pthread_t()};
+    CmStd::atomic<long> m_lBusySenders{0};
+    CmStd::atomic<pthread_t> m_LoopTid{pthread_t()};
     CCmEventQueueSteps::CLoop* m_pLoop = nullptr;  // read by its own thread only
 };
 
@@ -278,7 +278,7 @@ class CCmEventQueueSteps::CPass {
 // with its owner, as do those after it. aStop is read relaxed: nothing is handed over with it.
 template <class IteratorType, class LeaveType>
 void CCmEventQueueSteps::Run(CPass& aPass, IteratorType aNext, IteratorType aEnd,
-                             const std::atomic<bool>* aStop, LeaveType aLeave) {
+                             const CmStd::atomic<bool>* aStop, LeaveType aLeave) {
     CCmCleanUpT leave([&aPass, &aNext, &aLeave] {
         aPass.DestroyFiring();
         aLeave(aNext);
@@ -520,7 +520,7 @@ class CCmEventSynchronous::CSendState {
     }
 
     CCmEventSynchronous& m_Wrapper;
-    std::atomic<int> m_nOutcome{OUTCOME_NONE};
+    CmStd::atomic<int> m_nOutcome{OUTCOME_NONE};
     bool m_bHoldsQueue = false;  // set by Send, before it posts: the post orders it
     // On another thread than the one that made the wrapper; written before FIRED, read after it.
     bool m_bFiredElsewhere = false;
@@ -772,7 +772,7 @@ class CCmEventQueueUsingConditionVariable::CConditionQueueState {
 
     // Consumer thread only.
     void Run(CCmEventQueueSteps::CPass& aPass, std::list<ICmEvent*>& aEvents,
-             const std::atomic<bool>* aStop) {
+             const CmStd::atomic<bool>* aStop) {
         CCmEventQueueSteps::Run(aPass, aEvents.begin(), aEvents.end(), aStop,
                                 [this, &aEvents](std::list<ICmEvent*>::iterator aRest) {
                                     PutBack(aEvents, aRest);
@@ -859,8 +859,8 @@ class CCmEventQueueUsingConditionVariable::CConditionQueueState {
     CCmEventQueueUsingConditionVariable& m_Queue;
     DWORD m_dwWaiters CM_GUARDED_BY(m_Queue.m_Mutex) = 0;     // consumers inside the wait
     DWORD m_dwWait CM_GUARDED_BY(m_Queue.m_Mutex) = NO_WAIT;  // the number of the latest wait
-    std::atomic<DWORD> m_dwSignalled{NO_WAIT};                // the last wait that was signalled
-    std::atomic<DWORD> m_dwSpares{0};  // the size of m_Spares, as a hint for posts (relaxed)
+    CmStd::atomic<DWORD> m_dwSignalled{NO_WAIT};              // the last wait that was signalled
+    CmStd::atomic<DWORD> m_dwSpares{0};  // the size of m_Spares, as a hint for posts (relaxed)
     std::list<ICmEvent*> m_Spares CM_GUARDED_BY(m_Queue.m_Mutex);  // nodes for coming posts
     std::list<ICmEvent*> m_Spent;  // consumer thread only: nodes that are to become spare
 };
@@ -960,7 +960,7 @@ void CCmEventQueueSteps::CLoop::RunEvents(CCmTimeValue* aTimeout, DWORD aMaxCoun
 }
 
 void CCmEventQueueSteps::CLoop::RunEventsUntil(const long long* aDeadlineNsec, DWORD aMaxCount,
-                                               const std::atomic<bool>& aStop) {
+                                               const CmStd::atomic<bool>& aStop) {
     EndDiscarded();
     if (m_nOwnCore != -1 && aDeadlineNsec == nullptr) {
         AwaitSender();
@@ -1019,7 +1019,7 @@ CmResult CCmEventQueueSteps::CLoop::PopOrWaitUntil(std::list<ICmEvent*>& aEvents
 }
 
 void CCmEventQueueSteps::CLoop::RunTaken(std::list<ICmEvent*>& aEvents,
-                                         const std::atomic<bool>* aStop) {
+                                         const CmStd::atomic<bool>* aStop) {
     CPass pass(m_Queue, m_bGoesOn ? m_tvEnd : CCmTimeValue::GetTimeOfDay());
     CCmPrivateRoom::Of(m_Queue.m_Private).Run(pass, aEvents, aStop);
     m_tvEnd = pass.End();

@@ -2,9 +2,9 @@
 #ifndef CM_EVENT_QUEUE_STEPS_H
 #define CM_EVENT_QUEUE_STEPS_H
 
-#include <atomic>
 #include <list>
 
+#include "CmAtomic.h"
 #include "CmBase.h"
 #include "CmBriefWait.h"
 #include "CmEventQueueBase.h"
@@ -25,7 +25,7 @@ class CCmEventQueueSteps {
     class CPass;
     template <class IteratorType, class LeaveType>
     static void Run(CPass& aPass, IteratorType aNext, IteratorType aEnd,
-                    const std::atomic<bool>* aStop, LeaveType aLeave);
+                    const CmStd::atomic<bool>* aStop, LeaveType aLeave);
     static void DestroyPending(CCmEventQueueBase& aQueue, CCmMutexThread& aMutex);
     static DWORD PendingCount(const CCmEventQueueBase& aQueue);
     static DWORD OwnCount(const CCmEventQueueBase& aQueue);
@@ -63,7 +63,7 @@ class CCmEventQueueSteps::CLoop {
     // The same with a limit by the monotonic clock, in nanoseconds (null: none). When aStop becomes
     // true, events that have not begun go back to the head of the queue.
     void RunEventsUntil(const long long* aDeadlineNsec, DWORD aMaxCount,
-                        const std::atomic<bool>& aStop);
+                        const CmStd::atomic<bool>& aStop);
 
   private:
     friend class CCmEventQueueBase;
@@ -74,7 +74,7 @@ class CCmEventQueueSteps::CLoop {
     void AwaitSender();
     CmResult PopOrWaitUntil(std::list<ICmEvent*>& aEvents, const long long* aDeadlineNsec,
                             DWORD aMaxCount);
-    void RunTaken(std::list<ICmEvent*>& aEvents, const std::atomic<bool>* aStop);
+    void RunTaken(std::list<ICmEvent*>& aEvents, const CmStd::atomic<bool>* aStop);
     void NoteSend(int aSenderCore);
     bool MayPost() const;
     void NoteWatch();

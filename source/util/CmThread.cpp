@@ -181,9 +181,9 @@ class ACmThread::CThreadState {
     }
 
     ACmThread& m_Thread;
-    std::atomic<int> m_nStartSteps{0};
-    bool m_bHasThread = false;                // a POSIX thread was started; used by the owner only
-    std::atomic<bool> m_bOneHasLetGo{false};  // of a detached thread's object
+    CmStd::atomic<int> m_nStartSteps{0};
+    bool m_bHasThread = false;  // a POSIX thread was started; used by the owner only
+    CmStd::atomic<bool> m_bOneHasLetGo{false};  // of a detached thread's object
 };
 
 ACmThread* getCurrentThread() {

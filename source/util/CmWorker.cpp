@@ -157,7 +157,7 @@ class CCmWorkerThread final : public CCmThreadTask {
     const CCmWorkerOptions m_Options;
     const CCmComAutoPtr<CCmTimedCalls> m_pTimedCalls;
     CmResult m_PriorityResult;
-    std::atomic<bool> m_bStopsNow;
+    CmStd::atomic<bool> m_bStopsNow;
 };
 
 CCmTimedCalls* CmTimedCallsOf(ACmThread& aThread) {
