@@ -480,7 +480,7 @@ struct CM_UTIL_HIDDEN CCmT120TraceFileMgr::CManagerState {
 
     // Set by the destructor. Relaxed: nothing is handed over with it, and a thread that reads it
     // too late still finds the mutex and the records of g_trace_mgr, which are never freed.
-    std::atomic<bool> m_bClosed;
+    CmStd::atomic<bool> m_bClosed;
 };
 
 bool CCmT120TraceFileMgr::CManagerState::IsClosed(const CCmT120TraceFileMgr& aManager) {
@@ -564,7 +564,7 @@ void CCmT120TraceFileMgr::close(void* aRecord) {
 CCmT120TraceFile* CCmT120TraceFileMgr::CManagerState::Unlink(CCmT120TraceFileMgr& aManager,
                                                              const void* aRecord) {
     CCmScopedLockT<CCmMutexThreadRecursive> lock(aManager.m_Mutex);
-    std::atomic<CCmT120TraceFile*>* pLink = &aManager.m_pHeader;
+    CmStd::atomic<CCmT120TraceFile*>* pLink = &aManager.m_pHeader;
     while (CCmT120TraceFile* pFile = pLink->load(std::memory_order_relaxed)) {
         if (pFile == aRecord) {
             // As in open: whoever now finds the next record here finds it constructed.
@@ -608,7 +608,7 @@ void T120_Refresh_Settings(unsigned long aSizeLimit, int aFlushCount) {
 }
 
 regex_t re[CM_TRACE_FILTER_COUNT];
-std::atomic<int> regex_cnt{0};
+CmStd::atomic<int> regex_cnt{0};
 
 int regex_match(const char* aText) {
     if (aText == nullptr || regex_cnt.load(std::memory_order_relaxed) == 0) {
