@@ -12,10 +12,10 @@
 
 #include <pthread.h>
 
-#include <atomic>
 #include <list>
 #include <new>
 
+#include "CmAtomic.h"
 #include "CmBase.h"
 #include "CmConditionVariable.h"
 #include "CmPrivateRoom.h"
@@ -185,11 +185,13 @@ class CM_UTIL_EXPORT CCmEventQueueBase : public ICmEventQueue {
     /// has a lock of its own calls it first, while its PostEvent still works.
     void WaitForSenders();
 
-    std::list<ICmEvent*> m_Events;   ///< in posting order
-    std::atomic<DWORD> m_dwSize;     ///< their count; read without a lock
-    CCmTimeValue m_tvLastReport;     ///< when a post last watched the size
-    std::atomic<pthread_t> m_Tid;    ///< the consumer; 0 until it is bound
-    std::atomic<bool> m_bIsStopped;  ///< posts are refused; read without a lock
+    /// In posting order. What a worker's events post to their own worker may be in a list of its
+    /// own ahead of these, which the functions above take into account.
+    std::list<ICmEvent*> m_Events;
+    CmStd::atomic<DWORD> m_dwSize;     ///< the count of m_Events; read without a lock
+    CCmTimeValue m_tvLastReport;       ///< when a post last watched the size
+    CmStd::atomic<pthread_t> m_Tid;    ///< the consumer; 0 until it is bound
+    CmStd::atomic<bool> m_bIsStopped;  ///< posts are refused; read without a lock
 
   private:
     friend class CCmEventSynchronous;
@@ -226,11 +228,11 @@ class CM_UTIL_EXPORT CCmEventSynchronous : public ICmEvent {
     friend class CCmEventQueueBase;
     class CM_UTIL_HIDDEN CSendState;
 
-    std::atomic<ICmEvent*> m_pEvent;    // null once it has been ended
-    CmResult m_Result;                  // CM_ERROR_NOT_AVAILABLE until it has fired
-    CCmEventQueueBase* m_pEventQueue;   // not owned
-    std::atomic<bool> m_bHasDestoryed;  // one of the two has let go
-    CCmEventThread m_SendEvent;         // the sender waits for it
+    CmStd::atomic<ICmEvent*> m_pEvent;    // null once it has been ended
+    CmResult m_Result;                    // CM_ERROR_NOT_AVAILABLE until it has fired
+    CCmEventQueueBase* m_pEventQueue;     // not owned
+    CmStd::atomic<bool> m_bHasDestoryed;  // one of the two has let go
+    CCmEventThread m_SendEvent;           // the sender waits for it
     CCmPrivateRoomT<CSendState, 80> m_Private;
 };
 
@@ -284,7 +286,8 @@ class CM_UTIL_EXPORT CCmEventQueueUsingConditionVariable : public CCmEventQueueB
     /// left goes back with the smaller passes that follow, each of which frees its own.
     void ProcessAndRecycleEvents(std::list<ICmEvent*>& aEvents);
     /// That of the base; the events are taken out under the queue's mutex and ended after it was
-    /// released.
+    /// released. Of a worker's queue, on another thread: what the worker's own events have posted
+    /// is ended by the worker, unfired, before its next pass.
     void DestoryPendingEvents();
     /// The same for a consumer that ends: refuses posts from then on, with nothing slipping in
     /// between, so that no sender is left waiting.
