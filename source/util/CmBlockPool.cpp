@@ -10,6 +10,7 @@
 #include <new>
 #include <utility>
 
+#include "CmNumberStack.h"
 #include "CmSystem.h"
 #include "CmTraceLine.h"
 #include "port/CmPort.h"
@@ -70,56 +71,6 @@ static_assert(BLOCK_SIZES[0] * CCmBlockPool::MAGAZINE_BLOCKS >= 7 * MAGAZINE_SIZ
 constexpr long IDLE_SLACK = 64 * 1024;
 constexpr long long TEND_USEC = CCmBlockPool::TEND_SEC * 1000 * 1000;
 
-// A stack of numbers below 2^32 - 1 without a lock. The links lie outside what the numbers stand
-// for, in memory that is always there: Pop may read the link of a number that another thread has
-// just popped and whose memory it gave back. It notices by the tag, which every change counts up.
-//
-// Push is a release and Pop an acquire: who pops a number comes after all that was done with its
-// memory before it was pushed. Every change is a read-modify-write, so this holds across those in
-// between.
-class CStack {
-  public:
-    static constexpr uint32_t NONE = UINT32_MAX;
-
-    void Push(uint32_t aNumber, std::atomic<uint32_t>* aLinks) {
-        uint64_t ullHead = m_ullHead.load(std::memory_order_relaxed);
-        do {
-            aLinks[aNumber].store(FirstOf(ullHead), std::memory_order_relaxed);
-        } while (!m_ullHead.compare_exchange_weak(ullHead, After(ullHead, aNumber),
-                                                  std::memory_order_release,
-                                                  std::memory_order_relaxed));
-    }
-    uint32_t Pop(const std::atomic<uint32_t>* aLinks) {
-        uint64_t ullHead = m_ullHead.load(std::memory_order_acquire);
-        uint32_t dwNext = NONE;
-        do {
-            if (FirstOf(ullHead) == NONE) {
-                return NONE;
-            }
-            dwNext = aLinks[FirstOf(ullHead)].load(std::memory_order_relaxed);
-        } while (!m_ullHead.compare_exchange_weak(
-            ullHead, After(ullHead, dwNext), std::memory_order_acquire, std::memory_order_acquire));
-        return FirstOf(ullHead);
-    }
-    // The first of all, which are linked and the caller's from then on.
-    uint32_t PopAll() {
-        uint64_t ullHead = m_ullHead.load(std::memory_order_relaxed);
-        while (!m_ullHead.compare_exchange_weak(
-            ullHead, After(ullHead, NONE), std::memory_order_acquire, std::memory_order_relaxed)) {
-        }
-        return FirstOf(ullHead);
-    }
-
-  private:
-    // The number is stored plus one, so that zeros are an empty stack.
-    static uint32_t FirstOf(uint64_t aHead) { return static_cast<uint32_t>(aHead) - 1; }
-    static uint64_t After(uint64_t aHead, uint32_t aFirst) {
-        return (((aHead >> 32) + 1) << 32) | static_cast<uint32_t>(aFirst + 1);
-    }
-
-    std::atomic<uint64_t> m_ullHead{0};
-};
-
 // A free block that found no place in a magazine. Blocks are pushed one by one and taken all at
 // once, so nobody reads one that is not its own.
 struct CStray {
@@ -132,7 +83,7 @@ constexpr size_t MARK_AT = 8;
 constexpr uint64_t FREE_MARK = 0x9e3779b97f4a7c15;
 
 struct alignas(64) CDepot {
-    CStack m_Full;
+    CCmNumberStack m_Full;
     std::atomic<CStray*> m_pStrays{nullptr};
 };
 
@@ -150,10 +101,10 @@ std::atomic<int> s_nSwitch{KELTO_BLOCK_POOL ? SWITCH_AUTO : SWITCH_OFF};
 pthread_key_t s_key;  // written before STATE_READY
 
 CDepot s_depots[CLASSES];
-CStack s_emptyMagazines;
+CCmNumberStack s_emptyMagazines;
 std::atomic<uint32_t> s_dwMagazineLinks[MAGAZINES];
 // Chunks that are not committed: those that have been, and the rest from s_dwFreshChunk on.
-CStack s_freeChunks;
+CCmNumberStack s_freeChunks;
 std::atomic<uint32_t> s_dwChunkLinks[CHUNKS];
 std::atomic<uint32_t> s_dwFreshChunk{0};
 // Those that are: of magazines, and of blocks.
@@ -217,7 +168,7 @@ void* NoAccess(void* aPlace, size_t aSize, int aFlags) {
 
 // Chunks.
 
-constexpr uint32_t NO_CHUNK = CStack::NONE;
+constexpr uint32_t NO_CHUNK = CCmNumberStack::NONE;
 
 uint32_t TakeFreshChunk() {
     uint32_t dwChunk = s_dwFreshChunk.load(std::memory_order_relaxed);
@@ -273,7 +224,7 @@ void PutEmpty(void* aMagazine) {
 // Null when there is no memory for one.
 CMagazine* TakeEmpty() {
     uint32_t dwNumber = s_emptyMagazines.Pop(s_dwMagazineLinks);
-    if (dwNumber == CStack::NONE) {
+    if (dwNumber == CCmNumberStack::NONE) {
         const uint32_t dwChunk = TakeChunk(MAGAZINE_CLASS);
         if (dwChunk == NO_CHUNK) {
             return nullptr;
@@ -304,7 +255,7 @@ void CountTaken(unsigned aClass, uint32_t aBlocks) {
 
 CMagazine* TakeFull(unsigned aClass) {
     const uint32_t dwNumber = s_depots[aClass].m_Full.Pop(s_dwMagazineLinks);
-    if (dwNumber == CStack::NONE) {
+    if (dwNumber == CCmNumberStack::NONE) {
         return nullptr;
     }
     CMagazine* const pMagazine = MagazineOf(dwNumber);
@@ -431,12 +382,12 @@ void TrimClass(unsigned aClass) {
         PutFull(aClass, pStrays);
     }
     const uint32_t dwAll = s_depots[aClass].m_Full.PopAll();
-    for (uint32_t i = dwAll; i != CStack::NONE; i = NextOf(i)) {
+    for (uint32_t i = dwAll; i != CCmNumberStack::NONE; i = NextOf(i)) {
         CountTaken(aClass, MagazineOf(i)->m_dwCount);
         CountIdle(*MagazineOf(i));
     }
     CFiller filler(aClass, nullptr);
-    for (uint32_t i = dwAll; i != CStack::NONE;) {
+    for (uint32_t i = dwAll; i != CCmNumberStack::NONE;) {
         const CMagazine magazine = *MagazineOf(i);
         const uint32_t dwNext = NextOf(i);
         PutEmpty(MagazineOf(i));  // which the filler takes again
@@ -456,10 +407,10 @@ void TrimClass(unsigned aClass) {
 void TrimMagazines() {
     const uint32_t dwAll = s_emptyMagazines.PopAll();
     const uint32_t dwPerChunk = BlocksOfChunk(MAGAZINE_CLASS);
-    for (uint32_t i = dwAll; i != CStack::NONE; i = NextOf(i)) {
+    for (uint32_t i = dwAll; i != CCmNumberStack::NONE; i = NextOf(i)) {
         ++s_wIdleBlocks[i / dwPerChunk];
     }
-    for (uint32_t i = dwAll; i != CStack::NONE;) {
+    for (uint32_t i = dwAll; i != CCmNumberStack::NONE;) {
         const uint32_t dwNext = NextOf(i);
         if (!IsWhollyIdle(i / dwPerChunk, MAGAZINE_CLASS)) {
             s_emptyMagazines.Push(i, s_dwMagazineLinks);
