@@ -10,8 +10,7 @@
 
 #include <pthread.h>
 
-#include <atomic>
-
+#include "CmAtomic.h"
 #include "CmBase.h"
 #include "CmPlatform.h"
 #include "CmThreadAnnotations.h"
@@ -208,7 +207,7 @@ class CCmAtomicOperationT<CCmMutexThread> {
 
   private:
     CCmMutexThread* m_pMutex;  // not owned; the library does not read it
-    std::atomic<long> m_lValue;
+    CmStd::atomic<long> m_lValue;
 };
 
 /// The identity of the calling thread.

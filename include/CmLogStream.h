@@ -13,6 +13,7 @@
 #include <sstream>
 #include <string>
 
+#include "CmAtomic.h"
 #include "CmBase.h"
 #include "CmT120Trace.h"
 
@@ -113,11 +114,11 @@ class CM_UTIL_EXPORT CCmT120Trace2 : public CCmT120Trace {
     std::string m_sLogPath;
 
   private:
-    CM_UTIL_HIDDEN static std::atomic<CCmT120Trace2*> t120_trace;
+    CM_UTIL_HIDDEN static CmStd::atomic<CCmT120Trace2*> t120_trace;
 };
 
 /// Points to the identity below once get_leading_id has built it; null before. Never released.
-extern CM_UTIL_EXPORT std::atomic<const char*> g_LeadingId;
+extern CM_UTIL_EXPORT CmStd::atomic<const char*> g_LeadingId;
 
 }  // namespace UTIL_NS
 

@@ -19,11 +19,11 @@
 
 #include <sys/types.h>
 
-#include <atomic>
 #include <cstddef>
 #include <functional>
 #include <set>
 
+#include "CmAtomic.h"
 #include "CmBase.h"
 #include "CmConditionVariable.h"
 #include "CmPrivateRoom.h"
@@ -89,8 +89,8 @@ inline constexpr char CM_TRACE_LEVEL_UNUSED[] = "NA";
 struct CCmT120TraceMapEntry {
     unsigned long m_ulLevel;  ///< its number
     const char* m_pszName;    ///< as the configuration spells it; null: it has no switch
-    std::atomic<unsigned char> m_bEnabled;  ///< rewritten by read_config, read without a lock
-    unsigned char m_bDefault;               ///< what holds when the configuration says nothing
+    CmStd::atomic<unsigned char> m_bEnabled;  ///< rewritten by read_config, read without a lock
+    unsigned char m_bDefault;                 ///< what holds when the configuration says nothing
 };
 
 /// The facility. Any thread may trace; a text that is filtered out takes no lock and allocates
@@ -245,26 +245,26 @@ class CM_UTIL_EXPORT CCmT120Trace {
     class CTraceState;
     friend class CCmT120Trace2;
 
-    CM_UTIL_HIDDEN static std::atomic<CCmT120Trace*> t120_trace;
+    CM_UTIL_HIDDEN static CmStd::atomic<CCmT120Trace*> t120_trace;
 
     const char* m_pszName;  // read by nobody: for whoever looks at the process with a debugger
     const unsigned long m_ulLevelCount;
     CCmT120TraceMapEntry* const m_pLevelTable;
     const char* const m_pszFileName;
     const unsigned char m_bSingleFile;
-    std::atomic<unsigned char> m_bEnabled;
-    std::atomic<void*> m_hTraceFiles[3];  // only the first is ever opened
-    int m_nDayOfMonth;                    // of the construction; read by nobody
-    int m_nMonth;                         // 1 to 12; read by nobody
+    CmStd::atomic<unsigned char> m_bEnabled;
+    CmStd::atomic<void*> m_hTraceFiles[3];  // only the first is ever opened
+    int m_nDayOfMonth;                      // of the construction; read by nobody
+    int m_nMonth;                           // 1 to 12; read by nobody
     const pid_t m_ProcessId;
     CCmMutexThreadRecursive m_Mutex;  // configuration and loading
     // "process.module.level name" of the switches that are off
     std::set<CCmString, std::less<>> m_DisabledKeys CM_GUARDED_BY(m_Mutex);
     void* m_hBundle CM_GUARDED_BY(m_Mutex);
-    std::atomic<LevelFunction> m_pfnDebug;
-    std::atomic<LevelFunction> m_pfnInfo;
-    std::atomic<LevelFunction> m_pfnWarn;
-    std::atomic<LevelFunction> m_pfnError;
+    CmStd::atomic<LevelFunction> m_pfnDebug;
+    CmStd::atomic<LevelFunction> m_pfnInfo;
+    CmStd::atomic<LevelFunction> m_pfnWarn;
+    CmStd::atomic<LevelFunction> m_pfnError;
     CCmPrivateRoomT<CTraceState, 128> m_Private;
 };
 

@@ -27,9 +27,9 @@
 #include <fcntl.h>
 #include <regex.h>
 
-#include <atomic>
 #include <cstdio>
 
+#include "CmAtomic.h"
 #include "CmBase.h"
 #include "CmConditionVariable.h"
 #include "CmPrivateRoom.h"
@@ -83,7 +83,7 @@ class CM_UTIL_EXPORT CCmT120TraceFile {
     friend class CCmT120TraceFileMgr;
     struct CRecordState;
 
-    std::atomic<CCmT120TraceFile*> m_pNext;  // in the manager's list
+    CmStd::atomic<CCmT120TraceFile*> m_pNext;  // in the manager's list
     unsigned char m_bWrapped;  // 1 once a flush found the file at its size limit; read by nobody
     FILE* m_pStream;           // owns the descriptor; null until attach
     char* m_pszName;
@@ -135,7 +135,7 @@ class CM_UTIL_EXPORT CCmT120TraceFileMgr {
   private:
     struct CManagerState;
 
-    std::atomic<CCmT120TraceFile*> m_pHeader{nullptr};  // newest first
+    CmStd::atomic<CCmT120TraceFile*> m_pHeader{nullptr};  // newest first
     uint32_t m_dwCount = 0;  // of all records ever created; read by nobody
     // In a union, which leaves it to the destructor whether the mutex ends: that of the manager of
     // the process outlives it, for the threads that still trace.
@@ -153,7 +153,7 @@ constexpr int CM_TRACE_FILTER_COUNT = 100;
 /// The compiled module filters, one after the other. Only init_reg_filter changes them.
 extern CM_UTIL_EXPORT regex_t re[CM_TRACE_FILTER_COUNT];
 /// Twice the number of module filters, since both reading and compiling a line count.
-extern CM_UTIL_EXPORT std::atomic<int> regex_cnt;
+extern CM_UTIL_EXPORT CmStd::atomic<int> regex_cnt;
 
 /// 0 when a filter matches aText, -1 when none does, there is none, or aText is null.
 CM_UTIL_EXPORT int regex_match(const char* aText);

@@ -16,10 +16,10 @@
 
 #include <pthread.h>
 
-#include <atomic>
 #include <list>
 #include <new>
 
+#include "CmAtomic.h"
 #include "CmBase.h"
 #include "CmConditionVariable.h"
 #include "CmEventQueueBase.h"
@@ -117,17 +117,17 @@ class CM_UTIL_EXPORT ACmThread {
     /// For OnThreadInit: makes Create fail with aResult; the body does not run then.
     void SetInitResult(CmResult aResult);
 
-    std::atomic<pthread_t> m_Tid;     ///< what GetThreadId returns
-    std::atomic<pthread_t> m_Handle;  ///< what GetThreadHandle returns
-    int m_Type;                       ///< what GetThreadType returns
-    TFlag m_Flag;                     ///< that of Create; 0 before
+    CmStd::atomic<pthread_t> m_Tid;     ///< what GetThreadId returns
+    CmStd::atomic<pthread_t> m_Handle;  ///< what GetThreadHandle returns
+    int m_Type;                         ///< what GetThreadType returns
+    TFlag m_Flag;                       ///< that of Create; 0 before
     CCmEventThread* m_pEvent;  ///< Create waits for OnThreadInit on it; owned, null otherwise
     bool m_bRegistered;        ///< it is in g_threadList
     bool m_bRegister;          ///< Create was asked to register it; true before
     /// How many of the two, the owner (in Destory) and the body (when it has returned), are done
     /// with the object of a detached thread. The second one frees it.
     CCmAtomicOperationT<CCmMutexThread> m_nDestroyRef;
-    std::atomic<bool> m_bStopFlag;  ///< what GetStopFlag returns
+    CmStd::atomic<bool> m_bStopFlag;  ///< what GetStopFlag returns
 
   private:
     class CM_UTIL_HIDDEN CThreadState;

@@ -3,8 +3,7 @@
 #ifndef CM_TIMER_WRAPPER_H
 #define CM_TIMER_WRAPPER_H
 
-#include <atomic>
-
+#include "CmAtomic.h"
 #include "CmBase.h"
 #include "CmClock.h"
 #include "CmConditionVariable.h"
@@ -76,7 +75,7 @@ class CM_UTIL_EXPORT low_tick_policy::low_tick_generator : public CCmTimerWrappe
     void OnTimer(CCmTimerWrapperID* aId) override;
 
     /// 1; 0 once a generator was created on a thread that could not give it its timer.
-    static std::atomic<int> m_InitTimerSucc;
+    static CmStd::atomic<int> m_InitTimerSucc;
 
   private:
     CM_UTIL_HIDDEN low_tick_generator();
@@ -84,7 +83,7 @@ class CM_UTIL_EXPORT low_tick_policy::low_tick_generator : public CCmTimerWrappe
 
     // Published with release by the creator and read with acquire by instance, which orders the
     // construction of the generator before its use.
-    static std::atomic<low_tick_generator*> pInstance;
+    static CmStd::atomic<low_tick_generator*> pInstance;
     static CCmMutexThread mutex;  // serialises the creation
 
     // Microseconds of the process clock when the timer last fired. Required; nobody reads it.

@@ -7,8 +7,7 @@
 #ifndef CM_TRACE_H
 #define CM_TRACE_H
 
-#include <atomic>
-
+#include "CmAtomic.h"
 #include "CmBase.h"
 
 namespace UTIL_NS {
@@ -28,7 +27,7 @@ constexpr unsigned long CM_TRACE_LEVEL_INFO = 20;
 typedef void (*UtilTraceSink)(unsigned long aLevel, const char* aText, unsigned int aLength);
 
 /// The installed sink; null until the host installs one, and again once it has installed null.
-extern CM_UTIL_EXPORT std::atomic<UtilTraceSink> g_util_trace_sink;
+extern CM_UTIL_EXPORT CmStd::atomic<UtilTraceSink> g_util_trace_sink;
 
 /// Does nothing. Any thread.
 CM_UTIL_EXPORT void Assert_Log(char* aFile, char* aExpression, int aLine);

@@ -6,8 +6,7 @@
 
 #include <pthread.h>
 
-#include <atomic>
-
+#include "CmAtomic.h"
 #include "CmBase.h"
 
 namespace UTIL_NS {
@@ -45,7 +44,7 @@ class CM_UTIL_EXPORT CCmStopFlag : public CCmEnsureSingleThread {
     bool IsFlagStopped() const { return m_bStopFlag.load(std::memory_order_relaxed); }
 
   protected:
-    std::atomic<bool> m_bStopFlag;  ///< true: stopped
+    CmStd::atomic<bool> m_bStopFlag;  ///< true: stopped
 };
 
 /// Base of objects that CleanupAll destroys. Such an object lives on the heap, registers itself

@@ -5,6 +5,7 @@
 
 #include <new>
 
+#include "CmAtomic.h"
 #include "CmBase.h"
 #include "CmConditionVariable.h"
 #include "CmTrace.h"
@@ -158,7 +159,7 @@ class CM_UTIL_EXPORT CCmSingletonT : public CCmCleanUpBase {
     T m_Instance;
     // Published with release by the creator and read with acquire by Instance: T is constructed
     // before it is used.
-    static std::atomic<CCmSingletonT*> m_psInstance;
+    static CmStd::atomic<CCmSingletonT*> m_psInstance;
 };
 
 /// For CCmSingletonT: calls aCreate with the singleton mutex held; catches what it throws.
@@ -168,7 +169,7 @@ CM_UTIL_EXPORT void CmCreateSingleton(void (*aCreate)());
 CM_UTIL_EXPORT void CmTraceSingletonEnd(void* aInstance, void* aThis);
 
 template <class T>
-std::atomic<CCmSingletonT<T>*> CCmSingletonT<T>::m_psInstance{nullptr};
+CmStd::atomic<CCmSingletonT<T>*> CCmSingletonT<T>::m_psInstance{nullptr};
 
 template <class T>
 T* CCmSingletonT<T>::Instance() {

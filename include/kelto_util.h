@@ -4,6 +4,7 @@
 #define KELTO_UTIL_H
 
 #include "CmAddress.h"
+#include "CmAtomic.h"
 #include "CmBase.h"
 #include "CmBlockPieces.h"
 #include "CmBoundedPoster.h"

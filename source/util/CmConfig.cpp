@@ -319,7 +319,7 @@ void CCmConfigInitFile::get_rabbitmq_config_file_name(CCmString& /*aOut*/) {}
 const char* get_exec_name() {
     // Filled once: executables keep their names, and the buffer must not change under its readers.
     // The release when it is filled pairs with this acquire: who sees the flag sees the name.
-    static std::atomic<bool> s_bFilled{false};
+    static CmStd::atomic<bool> s_bFilled{false};
     static CCmEternalLockT<CCmMutexThread> s_mutex;
     if (!s_bFilled.load(std::memory_order_acquire)) {
         CCmTraceGuard guard;

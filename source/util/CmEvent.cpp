@@ -93,8 +93,8 @@ class ACmCallEvent::CCallState {
 
     ACmCallEvent& m_Call;
     std::unique_ptr<CCallWait> m_pWait;  // of a call with a limit
-    std::atomic<int> m_nOutcome{CALL_WAITS};
-    std::atomic<int> m_nHolders{2};
+    CmStd::atomic<int> m_nOutcome{CALL_WAITS};
+    CmStd::atomic<int> m_nHolders{2};
 };
 
 CmResult ACmCallEvent::CCallState::CallWithin(ICmEventQueue& aQueue, const CCmTimeValue& aLimit) {

@@ -246,7 +246,7 @@ logstream<char>::~logstream() {
 
 }  // namespace ccu
 
-std::atomic<CCmT120Trace2*> CCmT120Trace2::t120_trace{nullptr};
+CmStd::atomic<CCmT120Trace2*> CCmT120Trace2::t120_trace{nullptr};
 
 CCmT120Trace2* CCmT120Trace2::instance() {
     CCmT120Trace2* pFacility = t120_trace.load(std::memory_order_acquire);
@@ -281,7 +281,7 @@ std::string CCmT120Trace2::GetLogFilePathAndName(std::string& aName) {
     }
 }
 
-std::atomic<const char*> g_LeadingId{nullptr};
+CmStd::atomic<const char*> g_LeadingId{nullptr};
 
 namespace {
 

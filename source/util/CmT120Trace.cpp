@@ -87,7 +87,7 @@ void FormatModuleKey(char (&aKey)[KEY_SIZE], const char* aProcess, const char* a
 }
 
 // Numbers the readings of the configuration in the order in which they begin.
-std::atomic<uint32_t> s_dwReadings{0};
+CmStd::atomic<uint32_t> s_dwReadings{0};
 
 // Holds also when the numbers have wrapped.
 bool IsEarlier(uint32_t aReading, uint32_t aOther) {
@@ -188,7 +188,7 @@ void RefreshFiles(const CSettings& aSettings, uint32_t aReading) {
 
 }  // namespace
 
-std::atomic<CCmT120Trace*> CCmT120Trace::t120_trace{nullptr};
+CmStd::atomic<CCmT120Trace*> CCmT120Trace::t120_trace{nullptr};
 
 CCmT120Trace* CCmT120Trace::instance() {
     CCmT120Trace* pFacility = t120_trace.load(std::memory_order_acquire);
@@ -276,7 +276,7 @@ unsigned char CCmT120Trace::load(void* aFile) {
 
 void CCmT120Trace::CTraceState::Load(CCmT120Trace& aFacility, void* aFile, CCmString* aLogPath) {
     CCmTraceGuard guard;
-    std::atomic<void*>& hFile = aFacility.m_hTraceFiles[0];
+    CmStd::atomic<void*>& hFile = aFacility.m_hTraceFiles[0];
     // Another thread may have loaded the facility. Acquire: whoever gets the facility from this
     // thread finds all that was set there.
     if (aFile == nullptr && hFile.load(std::memory_order_acquire) != nullptr) {
@@ -301,7 +301,7 @@ void CCmT120Trace::CTraceState::Load(CCmT120Trace& aFacility, void* aFile, CCmSt
 void* CCmT120Trace::CTraceState::OpenFile(CCmT120Trace& aFacility, void* aFile,
                                           unsigned long aSizeLimit, CCmString* aLogPath) {
     CCmScopedLockT<CCmMutexThreadRecursive> lock(aFacility.m_Mutex);
-    std::atomic<void*>& hFile = aFacility.m_hTraceFiles[0];
+    CmStd::atomic<void*>& hFile = aFacility.m_hTraceFiles[0];
     char szPath[FILE_PATH_SIZE];
     const bool bHasPath = BuildFilePath(aFacility, szPath, sizeof(szPath), aLogPath);
     const bool bOwn = aFile == hFile.load(std::memory_order_relaxed);

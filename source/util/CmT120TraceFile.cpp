@@ -160,6 +160,7 @@ struct CM_UTIL_HIDDEN CCmT120TraceFile::CRecordState {
     void WriteLine_l(long aPosition, const char* aTag, const char* aModule, const char* aText)
         CM_REQUIRES(m_Mutex);
     void WriteAt_l(long aPosition, const char* aText, size_t aLength) CM_REQUIRES(m_Mutex);
+    bool WriteHeader_l(long aPosition) CM_REQUIRES(m_Mutex);
     bool ReadPosition_l(long& aPosition) const CM_REQUIRES(m_Mutex);
     bool IsAtLimit_l(long aPosition) const CM_REQUIRES(m_Mutex);
     void Truncate_l(long aPosition) CM_REQUIRES(m_Mutex);
@@ -367,7 +368,12 @@ void CCmT120TraceFile::CRecordState::WriteShared_l(const char* aTag, const char*
     }
     if (IsAtLimit_l(lPosition)) {
         Truncate_l(lPosition);
+        // Before the line, which tears the one that it overwrites: whoever finds the file after
+        // this process was killed takes no torn line for a part of the trace.
         lPosition = HEADER_LENGTH;
+        if (!WriteHeader_l(lPosition)) {
+            return;
+        }
     }
     WriteLine_l(lPosition, aTag, aModule, aText);
 }
@@ -450,14 +456,18 @@ void CCmT120TraceFile::CRecordState::Truncate_l(long aPosition) {
 // next line overwrites what was written after that.
 void CCmT120TraceFile::CRecordState::WriteAt_l(long aPosition, const char* aText, size_t aLength) {
     const long lEnd = aPosition + static_cast<long>(aLength);
-    if (!IsWithinFileSizeLimit(lEnd + static_cast<long>(MARKER_LENGTH)) ||
-        !WriteFully(m_File.m_nDescriptor, aText, aLength, aPosition) ||
-        !WriteFully(m_File.m_nDescriptor, MARKER, MARKER_LENGTH, lEnd)) {
-        return;
+    if (IsWithinFileSizeLimit(lEnd + static_cast<long>(MARKER_LENGTH)) &&
+        WriteFully(m_File.m_nDescriptor, aText, aLength, aPosition) &&
+        WriteFully(m_File.m_nDescriptor, MARKER, MARKER_LENGTH, lEnd)) {
+        WriteHeader_l(lEnd);
     }
+}
+
+bool CCmT120TraceFile::CRecordState::WriteHeader_l(long aPosition) {
     char szHeader[HEADER_LENGTH + 1];
-    std::snprintf(szHeader, sizeof(szHeader), "%-31ld\n", lEnd);
-    WriteFully(m_File.m_nDescriptor, szHeader, HEADER_LENGTH, 0);
+    std::snprintf(szHeader, sizeof(szHeader), "%-31ld\n", aPosition);
+    return IsWithinFileSizeLimit(HEADER_LENGTH) &&
+           WriteFully(m_File.m_nDescriptor, szHeader, HEADER_LENGTH, 0);
 }
 
 // What a manager keeps beside its stated fields, and its steps. No constructor makes it, since
@@ -470,7 +480,7 @@ struct CM_UTIL_HIDDEN CCmT120TraceFileMgr::CManagerState {
 
     // Set by the destructor. Relaxed: nothing is handed over with it, and a thread that reads it
     // too late still finds the mutex and the records of g_trace_mgr, which are never freed.
-    std::atomic<bool> m_bClosed;
+    CmStd::atomic<bool> m_bClosed;
 };
 
 bool CCmT120TraceFileMgr::CManagerState::IsClosed(const CCmT120TraceFileMgr& aManager) {
@@ -554,7 +564,7 @@ void CCmT120TraceFileMgr::close(void* aRecord) {
 CCmT120TraceFile* CCmT120TraceFileMgr::CManagerState::Unlink(CCmT120TraceFileMgr& aManager,
                                                              const void* aRecord) {
     CCmScopedLockT<CCmMutexThreadRecursive> lock(aManager.m_Mutex);
-    std::atomic<CCmT120TraceFile*>* pLink = &aManager.m_pHeader;
+    CmStd::atomic<CCmT120TraceFile*>* pLink = &aManager.m_pHeader;
     while (CCmT120TraceFile* pFile = pLink->load(std::memory_order_relaxed)) {
         if (pFile == aRecord) {
             // As in open: whoever now finds the next record here finds it constructed.
@@ -598,7 +608,7 @@ void T120_Refresh_Settings(unsigned long aSizeLimit, int aFlushCount) {
 }
 
 regex_t re[CM_TRACE_FILTER_COUNT];
-std::atomic<int> regex_cnt{0};
+CmStd::atomic<int> regex_cnt{0};
 
 int regex_match(const char* aText) {
     if (aText == nullptr || regex_cnt.load(std::memory_order_relaxed) == 0) {

@@ -10,9 +10,9 @@
 
 #include <pthread.h>
 
-#include <atomic>
 #include <vector>
 
+#include "CmAtomic.h"
 #include "CmConditionVariable.h"
 #include "CmEvent.h"
 #include "CmNsec.h"
@@ -45,7 +45,7 @@ class CCmTimedCall : public CCmReferenceControlT<CCmMutexThread> {
 
     CCmTimedEvent* m_pEvent;
     CCmComAutoPtr<CCmTimedCalls> m_pList;  // set before the state leaves STATE_ON_ITS_WAY
-    std::atomic<int> m_nState;
+    CmStd::atomic<int> m_nState;
     long long m_llDue;
     const long long m_llPeriod;
     DWORD m_dwLeft;  // firings, the coming one included; 0: without limit
@@ -73,7 +73,8 @@ class CCmTimedCalls : public CCmReferenceControlT<CCmMutexThread> {
     // Any thread: no more calls are taken in.
     void Refuse();
     // Own thread: runs what is due, each at most once, and returns when the next one is due.
-    long long FireDue();
+    // aFired (may be null) is set when one has run.
+    long long FireDue(bool* aFired = nullptr);
     // On its own thread, or when that is gone: destroys every callable unfired; refuses what comes.
     void Close();
 
@@ -96,14 +97,14 @@ class CCmTimedCalls : public CCmReferenceControlT<CCmMutexThread> {
     static bool IsEarlier(const CCmTimedCall& aLeft, const CCmTimedCall& aRight);
 
     const EClock m_eClock;
-    std::atomic<pthread_t> m_Tid;
+    CmStd::atomic<pthread_t> m_Tid;
     CCmMutexThread m_Mutex;
     CCmConditionVariableThread m_Finished;  // a call that ran is done
     // A heap of references, with capacity for the running one as well.
     std::vector<CCmTimedCall*> m_Heap CM_GUARDED_BY(m_Mutex);
     // Whether the heap is empty, read relaxed and without the lock as a hint: whoever puts the
     // first call in wakes the thread afterwards.
-    std::atomic<bool> m_bIsEmpty;
+    CmStd::atomic<bool> m_bIsEmpty;
     CCmTimedCall* m_pRunning CM_GUARDED_BY(m_Mutex);
     uint64_t m_ullOrders CM_GUARDED_BY(m_Mutex);
     DWORD m_dwWaiters CM_GUARDED_BY(m_Mutex);

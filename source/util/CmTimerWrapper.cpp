@@ -57,8 +57,8 @@ void CCmTimerWrapperID::OnTimeout(const CCmTimeValue& /*aCurTime*/, void* aArg) 
     }
 }
 
-CM_CONSTANT_INIT std::atomic<int> low_tick_policy::low_tick_generator::m_InitTimerSucc{1};
-CM_CONSTANT_INIT std::atomic<low_tick_policy::low_tick_generator*>
+CM_CONSTANT_INIT CmStd::atomic<int> low_tick_policy::low_tick_generator::m_InitTimerSucc{1};
+CM_CONSTANT_INIT CmStd::atomic<low_tick_policy::low_tick_generator*>
     low_tick_policy::low_tick_generator::pInstance{nullptr};
 
 low_tick_policy::low_tick_generator::low_tick_generator() : m_llLastTick(now()) {}

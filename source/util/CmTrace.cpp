@@ -5,7 +5,7 @@
 
 namespace UTIL_NS {
 
-CM_CONSTANT_INIT std::atomic<UtilTraceSink> g_util_trace_sink{nullptr};
+CM_CONSTANT_INIT CmStd::atomic<UtilTraceSink> g_util_trace_sink{nullptr};
 
 namespace {
 

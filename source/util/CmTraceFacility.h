@@ -2,10 +2,10 @@
 #ifndef CM_TRACE_FACILITY_H
 #define CM_TRACE_FACILITY_H
 
-#include <atomic>
 #include <new>
 #include <utility>
 
+#include "CmAtomic.h"
 #include "CmPrivateState.h"
 #include "CmScopedLock.h"
 #include "CmT120Trace.h"
@@ -27,7 +27,7 @@ class CM_UTIL_HIDDEN CCmT120Trace::CTraceState {
     uint32_t m_dwReading = 0;  // of the configuration, the one in force; guarded by m_Mutex
 
   private:
-    typedef std::atomic<LevelFunction> CCmT120Trace::*FunctionField;
+    typedef CmStd::atomic<LevelFunction> CCmT120Trace::*FunctionField;
     // By level; null for one without a function.
     struct CFunctionFields {
         FunctionField m_Fields[CM_TRACE_LEVEL_COUNT];
@@ -87,7 +87,7 @@ class CCmFacilityHolderT {
     // network disk). So no lock is held meanwhile, and no thread waits for another one that loads:
     // it loads the facility as well. The record that is opened first and the switches that are read
     // last count.
-    Facility* Create(std::atomic<Facility*>& aInstance, CCmT120TraceMapEntry* aLevelTable) {
+    Facility* Create(CmStd::atomic<Facility*>& aInstance, CCmT120TraceMapEntry* aLevelTable) {
         CCmTraceGuard guard;
         Facility* const pFacility = Construct(aLevelTable);
         // Loading may trace, and so come here again: it gets the facility that is being loaded.

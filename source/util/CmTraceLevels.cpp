@@ -1,14 +1,13 @@
 #include "CmTraceLevels.h"
 
-#include <atomic>
-
+#include "CmAtomic.h"
 #include "CmT120TraceFile.h"
 
 namespace UTIL_NS {
 
 namespace {
 
-CM_CONSTANT_INIT std::atomic<CCmT120TraceFile*> s_pTraceFile{nullptr};
+CM_CONSTANT_INIT CmStd::atomic<CCmT120TraceFile*> s_pTraceFile{nullptr};
 
 void WriteToFile(unsigned long aLevel, const char* aText, unsigned int /*aLength*/) {
     // Pairs with the release of CmTraceToFile: the record is complete.

@@ -109,6 +109,10 @@ void CmPortNameThisThread(const char* aName);
 // 50 us otherwise. Nothing to do on macOS.
 void CmPortPreciseWaits();
 
+// Whether a sanitizer that watches memory is in the program: that of addresses, of threads or of
+// uninitialised memory.
+bool CmPortHasSanitizer();
+
 // A counting semaphore: as sem_init, sem_destroy, sem_wait and sem_post, 0 or -1 with errno set.
 // The units call them through g_cmSystem. CmConditionSemaphore.h serves where the system has no
 // unnamed semaphores.

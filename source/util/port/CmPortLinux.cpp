@@ -10,6 +10,14 @@
 #include "CmSystem.h"
 #include "port/CmInterfaceRecord.h"
 
+// The sanitizers' run-time libraries; null in a program without them.
+extern "C" {
+__attribute__((weak)) void __asan_init();
+__attribute__((weak)) void __hwasan_init();
+__attribute__((weak)) void __msan_init();
+__attribute__((weak)) void __tsan_init();
+}
+
 namespace UTIL_NS {
 
 namespace {
@@ -180,6 +188,11 @@ int CmPortCoarseTimeOfDay(timeval* aNow, void* /*aUnused*/) {
     aNow->tv_sec = tsNow.tv_sec;
     aNow->tv_usec = tsNow.tv_nsec / 1000;
     return rv;
+}
+
+bool CmPortHasSanitizer() {
+    return __asan_init != nullptr || __hwasan_init != nullptr || __msan_init != nullptr ||
+           __tsan_init != nullptr;
 }
 
 bool CmPortTakesZeros() {

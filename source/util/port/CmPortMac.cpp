@@ -157,6 +157,15 @@ int CmPortCoarseTimeOfDay(timeval* aNow, void* /*aUnused*/) {
 }
 
 // False: each of these objects begins with a signature that is not zero.
+bool CmPortHasSanitizer() {
+    for (const char* pszName : {"__asan_init", "__tsan_init"}) {
+        if (g_cmSystem.dlsym(RTLD_DEFAULT, pszName) != nullptr) {
+            return true;
+        }
+    }
+    return false;
+}
+
 bool CmPortTakesZeros() {
     return false;
 }

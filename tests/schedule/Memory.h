@@ -1,0 +1,21 @@
+// The memory of schedules: freed blocks are not given again within one, so that what still uses
+// them is seen, and what a schedule leaves allocated is a leak.
+#ifndef TESTS_SCHEDULE_MEMORY_H
+#define TESTS_SCHEDULE_MEMORY_H
+
+namespace kelto_test {
+
+enum class EMemory {
+    JUDGED,  // what is left is a leak
+    LEFT,    // it is none, but the process ends with the schedule
+    STAYS,   // it is used in later schedules
+};
+
+void BeginMemory(EMemory aMemory);
+// What is wrong at the end; null: nothing.
+const char* JudgeMemory();
+bool IsFreed(const void* aPlace);
+
+}  // namespace kelto_test
+
+#endif  // TESTS_SCHEDULE_MEMORY_H
