@@ -120,6 +120,42 @@ class Recipes(Planted):
         self.assert_fails("tests/package/recipes", says="recipes: ")
 
 
+class Coverage(Planted):
+    """tools/coverage over a library of two functions, one of which has a branch."""
+
+    def setUp(self):
+        super().setUp()
+        self.copy("tools/coverage", "tools/build.sh", "tools/unexecuted.py", "CMakePresets.json",
+                  "cmake/KeltoCompileOptions.cmake", "cmake/linux-arm64.cmake")
+        self.write("include/a.h", "#pragma once\nint First(int aNumber);\nint Second();\n")
+        self.write("source/util/a.cpp", '#include "a.h"\nint First(int aNumber) {\n'
+                   "    if (aNumber == 1) {\n        return 2;\n    }\n    return 3;\n}\n"
+                   "int Second() { return 4; }\n")
+        self.write("tests/A_test.cpp", '#include "a.h"\nint main() { return First(1) + First(2) + Second() - 9; }\n')
+        self.write("CMakeLists.txt", PROJECT + """
+include_directories(include)
+add_library(kelto_util SHARED source/util/a.cpp)
+set_target_properties(kelto_util PROPERTIES LIBRARY_OUTPUT_DIRECTORY source/util)
+add_executable(A_test tests/A_test.cpp source/util/a.cpp)
+set_target_properties(A_test PROPERTIES RUNTIME_OUTPUT_DIRECTORY tests)
+target_link_libraries(kelto_util PRIVATE kelto_compile_options)
+target_link_libraries(A_test PRIVATE kelto_compile_options)
+add_custom_target(kelto_test_programs DEPENDS A_test)
+add_test(NAME A COMMAND A_test)
+set_tests_properties(A PROPERTIES LABELS program)
+""")
+
+    def test_WhatIsBelowAFloorOrNotExecutedIsFound(self):
+        command = ("tools/coverage", "--clang", "95", "90")
+        self.assert_passes(*command, says="lines 100.00% (floor 95%), branches 100.00% (floor 90%)")
+        self.replace("tests/A_test.cpp", "First(1) + First(2) + Second()", "First(1) + First(1) + Second() + 1")
+        self.assert_fails(*command, says="branches 50.00%")
+        self.assert_fails("tools/coverage", "--clang", "95", "40", says="lines 87.50%")
+        self.assert_passes("tools/coverage", "--clang", "80", "40")
+        self.replace("tests/A_test.cpp", "Second() + 1", "5")
+        self.assert_fails("tools/coverage", "--clang", "10", "10", says="never executed: Second()")
+
+
 class Fuzz(Planted):
     """fuzz/run and the check of it, over two targets."""
 
