@@ -1,5 +1,7 @@
 #include "CmEventQueueBase.h"
 
+#include <sched.h>
+
 #include <algorithm>
 #include <new>
 
@@ -35,11 +37,20 @@ constexpr DWORD LONG_QUEUE_SIZE = 101;
 constexpr size_t SPARES_AT_LEAST = 256;
 constexpr size_t SPARES_AT_MOST = 16384;
 
-// How many nodes a loop keeps from other posters, for what its own events post.
+// How many nodes a loop allocates and keeps at most for what its own events post.
 constexpr size_t SPARES_OF_LOOP = 16;
 
 // Waits of a consumer are numbered from 1.
 constexpr DWORD NO_WAIT = 0;
+
+// How long a sender looks out for its result, and a loop for that sender's next post, before they
+// sleep: as long as it takes to wake a thread on an idle core.
+constexpr long long SPIN_NSEC = 50 * 1000;
+// A yield that took longer gave the core to a thread that has nothing to do with the send.
+constexpr CCmTimeValue LONG_YIELD(0, 100);
+
+// Whether the senders' spins have been worth it on this thread.
+thread_local CCmLearnedTry t_sendSpin;
 
 // The sleep between two looks for busy senders. A sender is busy for as long as a post takes, so a
 // queue's destructor hardly ever looks twice; a condition variable would cost every send instead.
@@ -123,6 +134,8 @@ class CCmEventQueueBase::CQueueState {
     // The loop's thread ends those events without firing them. Relaxed: if that destruction
     // happened before the loop looks here, it sees it; if not, the two may go either way.
     CmStd::atomic<DWORD> m_dwDiscards{0};
+    // The core on which a loop last fired a send; -1: unknown. A hint (relaxed).
+    CmStd::atomic<int> m_nLoopCore{-1};
 
   private:
     CmStd::atomic<long> m_lBusySenders{0};
@@ -460,6 +473,11 @@ class CCmEventSynchronous::CSendState {
     void SetFired() {
         m_bFiredElsewhere = !IsEqualCurrentThread(m_Wrapper.m_CreatorTid);
         HoldQueue();
+        if (m_bHoldsQueue) {
+            if (CCmEventQueueSteps::CLoop* const pLoop = QueueState().LoopOfThisThread()) {
+                pLoop->NoteSend(m_nSenderCore);
+            }
+        }
         if (m_nOutcome.exchange(OUTCOME_FIRED, std::memory_order_acq_rel) == OUTCOME_ABANDONED) {
             ReleaseQueue();
         }
@@ -519,6 +537,7 @@ class CCmEventSynchronous::CSendState {
     bool m_bHoldsQueue = false;  // set by Send, before it posts: the post orders it
     // On another thread than the one that made the wrapper; written before FIRED, read after it.
     bool m_bFiredElsewhere = false;
+    int m_nSenderCore = -1;  // where Send was called, or -1
 };
 
 CmResult CCmEventQueueBase::SendEvent(ICmEvent* aEvent) {
@@ -543,6 +562,9 @@ CmResult CCmEventSynchronous::CSendState::Send() {
     CCmEventQueueBase& queue = *m_Wrapper.m_pEventQueue;
     CCmEventQueueBase::CQueueState& queueState = QueueState();
     m_bHoldsQueue = true;
+    m_nSenderCore = CmPortCurrentCore();
+    const int nLoopCore = queueState.m_nLoopCore.load(std::memory_order_relaxed);
+    const bool bMaySpin = nLoopCore != -1 && nLoopCore != m_nSenderCore;
     queueState.CountSenderIn();
     CCmCleanUpT giveUp([this, &queueState] {
         Abandon();
@@ -554,6 +576,11 @@ CmResult CCmEventSynchronous::CSendState::Send() {
     if (CM_FAILED(rv)) {
         LetGo();  // PostEvent destroyed the event and let go for the queue
         return rv;
+    }
+    if (bMaySpin && t_sendSpin.MayTry()) {
+        t_sendSpin.Note(CmSpinUntil(
+            [this] { return m_nOutcome.load(std::memory_order_relaxed) != OUTCOME_NONE; },
+            SPIN_NSEC));
     }
     return Wait();
 }
@@ -695,8 +722,7 @@ class CCmEventQueueUsingConditionVariable::CConditionQueueState {
 
     CmResult Post(ICmEvent* aEvent) {
         CCmEventQueueSteps::CLoop* const pLoop = CCmEventQueueSteps::LoopOfThisThread(m_Queue);
-        if (pLoop != nullptr && !m_Spent.empty() && pLoop->MayPost()) {
-            pLoop->PostOwn(aEvent, m_Spent);
+        if (pLoop != nullptr && pLoop->MayPost() && pLoop->PostOwn(aEvent, m_Spent)) {
             return CM_OK;
         }
         CCmEventQueueSteps::CPosting posting(m_Queue, aEvent);
@@ -732,8 +758,11 @@ class CCmEventQueueUsingConditionVariable::CConditionQueueState {
             pLoop->GiveOwn();
             pLoop->NoteWatch();
         }
-        if (m_Spent.size() > (pLoop != nullptr ? SPARES_OF_LOOP : 0)) {
-            m_Spares.splice(m_Spares.end(), m_Spent);
+        const size_t nNodesOfLoop = pLoop != nullptr ? pLoop->CountOfNodes() : 0;
+        if (m_Spent.size() > nNodesOfLoop) {
+            m_Spares.splice(m_Spares.begin(), m_Spent);
+            m_Spent.splice(m_Spent.begin(), m_Spares, m_Spares.begin(),
+                           std::next(m_Spares.begin(), static_cast<long>(nNodesOfLoop)));
             m_dwSpares.store(static_cast<DWORD>(m_Spares.size()), std::memory_order_relaxed);
         }
         // Not when the lock could not be taken: the wait would return with it taken, and nobody
@@ -911,7 +940,10 @@ CCmEventQueueSteps::CLoop::CLoop(CCmEventQueueUsingConditionVariable& aQueue)
       m_State(CCmPrivateRoom::Of(aQueue.CCmEventQueueBase::m_Private)),
       m_pOuter(m_State.LoopOfThisThread()),
       m_dwDiscards(m_State.m_dwDiscards.load(std::memory_order_relaxed)),
-      m_bGoesOn(false) {
+      m_bGoesOn(false),
+      m_nNodes(0),
+      m_nOwnCore(-1),
+      m_nSenderCore(-1) {
     CCmScopedLockT<CCmMutexThread> lock(m_Queue.m_Mutex);
     if (m_pOuter != nullptr) {
         m_pOuter->GiveOwn();
@@ -931,6 +963,9 @@ void CCmEventQueueSteps::CLoop::End() {
 
 void CCmEventQueueSteps::CLoop::RunEvents(CCmTimeValue* aTimeout, DWORD aMaxCount) {
     EndDiscarded();
+    if (m_nOwnCore != -1 && aTimeout == nullptr) {
+        AwaitSender();
+    }
     CCmTimeValue tvTend(CCmBlockPool::TEND_SEC);
     if (CM_UNLIKELY(CCmBlockPool::Tend()) && (aTimeout == nullptr || *aTimeout > tvTend)) {
         aTimeout = &tvTend;
@@ -944,10 +979,46 @@ void CCmEventQueueSteps::CLoop::RunEvents(CCmTimeValue* aTimeout, DWORD aMaxCoun
 void CCmEventQueueSteps::CLoop::RunEventsUntil(const long long* aDeadlineNsec, DWORD aMaxCount,
                                                const CmStd::atomic<bool>& aStop) {
     EndDiscarded();
+    if (m_nOwnCore != -1 && aDeadlineNsec == nullptr) {
+        AwaitSender();
+    }
     std::list<ICmEvent*> events;
     if (CM_SUCCEEDED(PopOrWaitUntil(events, aDeadlineNsec, aMaxCount))) {
         RunTaken(events, &aStop);
     }
+}
+
+// A sender whose event has fired posts its wrapper back as soon as it runs, and often the next send
+// after it. If the loop slept by then, each would have to wake it. On a core of its own the loop
+// looks out for them for a moment. On the sender's core it lets the sender go first; where a yield
+// has given the core to somebody else for long, it does not do that again for a long time.
+void CCmEventQueueSteps::CLoop::AwaitSender() {
+    const bool bSameCore = m_nOwnCore == m_nSenderCore;
+    m_nOwnCore = -1;
+    const auto hasPost = [this] { return m_Queue.m_dwSize.load(std::memory_order_relaxed) != 0; };
+    CCmLearnedTry& learned = bSameCore ? m_Yield : m_Spin;
+    if (!m_bGoesOn || !m_Own.empty() || hasPost() || !learned.MayTry()) {
+        return;
+    }
+    if (bSameCore) {
+        sched_yield();
+    }
+    const bool bCame = bSameCore ? hasPost() : CmSpinUntil(hasPost, SPIN_NSEC);
+    // This reading is the start of the next event, so that it costs nothing where that is there.
+    const CCmTimeValue tvNow = CCmTimeValue::GetTimeOfDay();
+    if (bSameCore && tvNow - m_tvEnd > LONG_YIELD) {
+        learned.NoteHarm();
+    } else {
+        learned.Note(bCame);
+    }
+    m_tvEnd = tvNow;
+}
+
+// An event that was sent has been fired in this pass.
+void CCmEventQueueSteps::CLoop::NoteSend(int aSenderCore) {
+    m_nOwnCore = aSenderCore != -1 ? CmPortCurrentCore() : -1;
+    m_nSenderCore = aSenderCore;
+    m_State.m_nLoopCore.store(m_nOwnCore, std::memory_order_relaxed);
 }
 
 CmResult CCmEventQueueSteps::CLoop::PopOrWaitUntil(std::list<ICmEvent*>& aEvents,
@@ -990,11 +1061,19 @@ void CCmEventQueueSteps::CLoop::NoteWatch() {
     m_tvWatchFrom = m_Queue.m_tvLastReport + WATCH_PAUSE;
 }
 
-// With the first node of aNodes, which has one.
-void CCmEventQueueSteps::CLoop::PostOwn(ICmEvent* aEvent, std::list<ICmEvent*>& aNodes) {
+// With a node of aNodes, the spent ones. Those that the loop has allocated stay there for it: other
+// posters do without them. False when there is none.
+bool CCmEventQueueSteps::CLoop::PostOwn(ICmEvent* aEvent, std::list<ICmEvent*>& aNodes) {
+    if (CM_UNLIKELY(aNodes.empty())) {
+        if (m_nNodes == SPARES_OF_LOOP || CM_FAILED(CmAddNode(aNodes, nullptr))) {
+            return false;
+        }
+        ++m_nNodes;
+    }
     m_Own.splice(m_Own.end(), aNodes, aNodes.begin());
     m_Own.back() = aEvent;
     CountOwn(m_Own.size());
+    return true;
 }
 
 // Takes at most aMaxCount events, without the lock, if they can only be the loop's own.

@@ -6,6 +6,7 @@
 
 #include "CmAtomic.h"
 #include "CmBase.h"
+#include "CmBriefWait.h"
 #include "CmEventQueueBase.h"
 #include "CmTimeValue.h"
 
@@ -67,14 +68,18 @@ class CCmEventQueueSteps::CLoop {
   private:
     friend class CCmEventQueueBase;
     friend class CCmEventQueueSteps;
+    friend class CCmEventSynchronous;
     friend class CCmEventQueueUsingConditionVariable;
 
+    void AwaitSender();
     CmResult PopOrWaitUntil(std::list<ICmEvent*>& aEvents, const long long* aDeadlineNsec,
                             DWORD aMaxCount);
     void RunTaken(std::list<ICmEvent*>& aEvents, const CmStd::atomic<bool>* aStop);
+    void NoteSend(int aSenderCore);
     bool MayPost() const;
     void NoteWatch();
-    void PostOwn(ICmEvent* aEvent, std::list<ICmEvent*>& aNodes);
+    bool PostOwn(ICmEvent* aEvent, std::list<ICmEvent*>& aNodes);
+    size_t CountOfNodes() const { return m_nNodes; }
     bool TakeOwn(std::list<ICmEvent*>& aEvents, DWORD aMaxCount);
     void GiveOwn();
     bool HasDiscards() const;
@@ -90,6 +95,11 @@ class CCmEventQueueSteps::CLoop {
     CCmTimeValue m_tvEnd;              // when the last event ended
     DWORD m_dwDiscards;                // how many of the queue's have been seen to
     bool m_bGoesOn;                    // the next event starts at m_tvEnd
+    size_t m_nNodes;                   // that it has allocated
+    int m_nOwnCore;                    // where the last send of this pass was fired, or -1
+    int m_nSenderCore;                 // where it was sent
+    CCmLearnedTry m_Spin;              // for its sender's next post
+    CCmLearnedTry m_Yield;
 };
 
 }  // namespace UTIL_NS

@@ -96,6 +96,9 @@ void CmPortPopCleanUp(CmPortCleanUp* aCleanUp);
 // The clock that no step of the wall clock touches; it stands still while the machine sleeps.
 void CmPortMonotonicNow(timespec* aNow);
 
+// The number of the core that the calling thread is on, perhaps no longer; -1 where that is unknown.
+int CmPortCurrentCore();
+
 // pthread_cond_timedwait with a deadline on that clock. Called through g_cmSystem under the name
 // pthread_cond_clockwait.
 int CmPortConditionWaitUntil(pthread_cond_t* aCondition, pthread_mutex_t* aMutex,

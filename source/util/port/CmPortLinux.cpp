@@ -1,6 +1,7 @@
 #include "CmPort.h"
 
 #include <pthread.h>
+#include <sched.h>
 #include <sys/prctl.h>
 #include <time.h>
 #include <unistd.h>
@@ -160,6 +161,10 @@ void CmPortBundleRelease(void* /*aBundle*/) {}
 
 size_t CmPortReadInterface(const char* aRecords, size_t aLength, CmPortInterface& aInterface) {
     return CmReadInterface<CCmFixedInterfaceRecord>(aRecords, aLength, aInterface);
+}
+
+int CmPortCurrentCore() {
+    return sched_getcpu();
 }
 
 void CmPortMonotonicNow(timespec* aNow) {

@@ -191,6 +191,10 @@ void CmPortPopCleanUp(CmPortCleanUp* aCleanUp) {
 }
 
 // The clock of relative waits; like them it stands still while the machine sleeps.
+int CmPortCurrentCore() {
+    return -1;
+}
+
 void CmPortMonotonicNow(timespec* aNow) {
     clock_gettime(CLOCK_UPTIME_RAW, aNow);
 }
