@@ -3,7 +3,10 @@
 there, and where ctest has an entry for each case, it has one for each that a source or a script
 declares. A program that is on no list any more would not be missed otherwise.
 
-    registered.py BUILD [--cases CTEST] [--without FILE...] DIRECTORY...
+    registered.py BUILD [--cases CTEST] [--without NAME]... [--whole NAME]... DIRECTORY...
+
+--without: a file, or a directory with its files, that this build leaves out; --whole: one whose
+cases run in entries of their own making.
 """
 
 import argparse
@@ -36,9 +39,13 @@ def cases_of(source):
                                     else rf"(.*/)?{subject}(/.*)?\.{name}([</].*)?")
 
 
-def faults(build, directories, without, ctest):
-    sources = sorted(path.resolve() for directory in directories
-                     for path in directory.rglob("*_test.cpp") if path.name not in without)
+def found_in(directories, pattern, without):
+    return sorted(path.resolve() for directory in directories for path in directory.rglob(pattern)
+                  if not {path.name, path.parent.name} & set(without))
+
+
+def faults(build, directories, without, whole, ctest):
+    sources = found_in(directories, "*_test.cpp", without)
     if not sources:
         yield "there are no tests"
     there = compiled(build)
@@ -49,11 +56,11 @@ def faults(build, directories, without, ctest):
         return
     names = registered(build, ctest)
     text = "\n".join(names)
-    for source in sources:
+    for source in found_in(directories, "*_test.cpp", without + whole):
         for case, pattern in cases_of(source):
             if not re.search(rf"^{pattern}$", text, re.M):
                 yield f"{source}: ctest has no {case}"
-    for script in sorted(path for directory in directories for path in directory.rglob("*_test.py")):
+    for script in found_in(directories, "*_test.py", without + whole):
         for case in SCRIPT_CASE.findall(script.read_text()):
             if not re.search(rf"^\w+\.{case}$", text, re.M):
                 yield f"{script}: ctest has no {case}"
@@ -65,8 +72,10 @@ def main():
     parser.add_argument("directories", nargs="+", type=pathlib.Path)
     parser.add_argument("--cases", metavar="CTEST")
     parser.add_argument("--without", action="append", default=[])
+    parser.add_argument("--whole", action="append", default=[])
     arguments = parser.parse_args()
-    found = list(faults(arguments.build, arguments.directories, arguments.without, arguments.cases))
+    found = list(faults(arguments.build, arguments.directories, arguments.without,
+                        arguments.whole, arguments.cases))
     print(*found, f"{len(found)} tests are not registered", sep="\n")
     return 1 if found else 0
 

@@ -50,6 +50,15 @@ class Registered(Planted):
         self.write("tests/example_test.py", "class Example:\n    def test_IsLost(self):\n        pass\n")
         self.assert_fails(*self.command, says="ctest has no IsLost")
 
+    def test_DirectoriesAreLeftOutAsTold(self):
+        self.write("tests/other/Other_test.cpp", "TEST(Other, IsInAPart) {}\n")
+        self.assert_fails(*self.command, says="Other_test.cpp: is not compiled")
+        self.assert_fails(*self.command, "--whole", "other", says="Other_test.cpp: is not compiled")
+        self.assert_passes(*self.command, "--without", "other")
+        self.build("tests/Good_test.cpp", "tests/other/Other_test.cpp")
+        self.assert_fails(*self.command, says="ctest has no Other.IsInAPart")
+        self.assert_passes(*self.command, "--whole", "other")
+
     def test_FailsWithoutTests(self):
         (self.root / "tests/Good_test.cpp").unlink()
         self.assert_fails(*self.command, says="there are no tests")
