@@ -2,12 +2,18 @@
 
 #include "CmTimerQueueBase.h"
 
+#include <time.h>
+
 #include <algorithm>
+#include <chrono>
+#include <functional>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "CmTimerQueueCalendar.h"
 #include "CmTimerQueueOrderedList.h"
+#include "CmWorker.h"
 #include "Row.h"
 #if KELTO_WITH_ACE
 #include <ace/Event_Handler.h>
@@ -50,19 +56,35 @@ std::vector<unsigned int> Intervals(size_t aCount) {
     return intervals;
 }
 
-class Handler final : public ICmTimerHandler {
+// Every timer that fires is counted, and handed to s_fired if that is set.
+long s_lFired = 0;
+std::function<void(size_t)> s_fired;
+
+void Fire(size_t aTimer) {
+    ++s_lFired;
+    if (s_fired) {
+        s_fired(aTimer);
+    }
+}
+
+class CHandler final : public ICmTimerHandler {
   public:
-    void OnTimeout(const CCmTimeValue&, void*) override { ++s_lFired; }
-    static long s_lFired;
+    void OnTimeout(const CCmTimeValue&, void* aTimer) override {
+        Fire(reinterpret_cast<size_t>(aTimer));
+    }
 };
-long Handler::s_lFired = 0;
+
+void* Token(size_t aTimer) {
+    return reinterpret_cast<void*>(aTimer);
+}
 
 CCmTimeValue Milliseconds(unsigned int aMs) {
     return CCmTimeValue(aMs / 1000, aMs % 1000 * 1000L);
 }
 
-// ---- Schedule and cancel. A queue offers Add(i, ms) and Cancel(i) for timers 0 to n. The measured
-// one lies amid the others in memory, too: the first and the last are special in a sorted map.
+// ---- Schedule and cancel. A queue offers Add(i, ms) and Cancel(i) for timers 0 to n; some also
+// Pass(), which fires what is due. The measured timer lies amid the others in memory, too: the
+// first and the last are special in a sorted map.
 
 template <typename Queue>
 void ScheduleAndCancel(benchmark::State& aState, size_t aPending) {
@@ -88,43 +110,67 @@ void ScheduleAndCancel(benchmark::State& aState, size_t aPending) {
     CountItems(aState);
 }
 
-class OrderedList {
+// Handlers, and their timers in any queue of ours.
+class COurTimers {
   public:
-    explicit OrderedList(size_t aTimers) : m_Handlers(aTimers), m_Queue(nullptr) {}
+    COurTimers(size_t aTimers, ICmTimerQueue* aQueue) : m_Handlers(aTimers), m_pQueue(aQueue) {}
     bool Add(size_t aTimer, unsigned int aMs) {
-        return m_Queue.ScheduleTimer(&m_Handlers[aTimer], nullptr, Milliseconds(aMs), 1) == CM_OK;
+        const CmResult result =
+            m_pQueue->ScheduleTimer(&m_Handlers[aTimer], Token(aTimer), Milliseconds(aMs), 1);
+        return result == CM_OK || result == CM_ERROR_FOUND;
     }
-    bool Cancel(size_t aTimer) { return m_Queue.CancelTimer(&m_Handlers[aTimer]) == CM_OK; }
+    bool Cancel(size_t aTimer) { return m_pQueue->CancelTimer(&m_Handlers[aTimer]) == CM_OK; }
 
   private:
-    std::vector<Handler> m_Handlers;
+    std::vector<CHandler> m_Handlers;
+    ICmTimerQueue* m_pQueue;
+};
+
+class COrderedList : public COurTimers {
+  public:
+    explicit COrderedList(size_t aTimers) : COurTimers(aTimers, &m_Queue), m_Queue(nullptr) {}
+    void Pass() { m_Queue.CheckExpire(); }
+
+  private:
     CCmTimerQueueOrderedList m_Queue;
 };
 
-class Calendar {
+// The host ticks it, once per slot.
+class CCalendar : public COurTimers {
   public:
-    explicit Calendar(size_t aTimers)
-        : m_Handlers(aTimers), m_Queue(10, 10000 + SPREAD_MS + 1000, nullptr) {}
-    bool Add(size_t aTimer, unsigned int aMs) {
-        return m_Queue.ScheduleTimer(&m_Handlers[aTimer], nullptr, Milliseconds(aMs), 1) == CM_OK;
+    explicit CCalendar(size_t aTimers)
+        : COurTimers(aTimers, &m_Queue), m_Queue(SLOT.count(), 10000 + SPREAD_MS + 1000, nullptr) {}
+    void Pass() {
+        for (const auto now = std::chrono::steady_clock::now(); m_Tick <= now; m_Tick += SLOT) {
+            m_Queue.TimerTick();
+        }
     }
-    bool Cancel(size_t aTimer) { return m_Queue.CancelTimer(&m_Handlers[aTimer]) == CM_OK; }
 
   private:
-    std::vector<Handler> m_Handlers;
+    static constexpr std::chrono::duration<unsigned int, std::milli> SLOT{10};
+
     CCmTimerQueueCalendar m_Queue;
+    std::chrono::steady_clock::time_point m_Tick = std::chrono::steady_clock::now() + SLOT;
+};
+
+// That of the worker that makes this.
+class CWorkersQueue : public COurTimers {
+  public:
+    explicit CWorkersQueue(size_t aTimers)
+        : COurTimers(aTimers, getCurrentThread()->GetTimerQueue()) {}
 };
 
 #if KELTO_WITH_LIBUV
-class Libuv {
+class CLibuv {
   public:
-    explicit Libuv(size_t aTimers) : m_Timers(aTimers) {
+    explicit CLibuv(size_t aTimers) : m_Timers(aTimers) {
         uv_loop_init(&m_Loop);
-        for (uv_timer_t& timer : m_Timers) {
-            uv_timer_init(&m_Loop, &timer);
+        for (size_t i = 0; i < aTimers; ++i) {
+            uv_timer_init(&m_Loop, &m_Timers[i]);
+            m_Timers[i].data = Token(i);
         }
     }
-    ~Libuv() {
+    ~CLibuv() {
         for (uv_timer_t& timer : m_Timers) {
             uv_close(reinterpret_cast<uv_handle_t*>(&timer), nullptr);
         }
@@ -133,8 +179,11 @@ class Libuv {
     }
     bool Add(size_t aTimer, unsigned int aMs) {
         return uv_timer_start(
-                   &m_Timers[aTimer], [](uv_timer_t*) {}, aMs, 0) == 0;
+                   &m_Timers[aTimer],
+                   [](uv_timer_t* aFired) { Fire(reinterpret_cast<size_t>(aFired->data)); }, aMs,
+                   0) == 0;
     }
+    void Pass() { uv_run(&m_Loop, UV_RUN_NOWAIT); }
     bool Cancel(size_t aTimer) {
         const bool bWasActive =
             uv_is_active(reinterpret_cast<uv_handle_t*>(&m_Timers[aTimer])) != 0;
@@ -149,26 +198,30 @@ class Libuv {
 };
 
 // Reads the clock for each timer, as the others do, not once per turn of the loop.
-class LibuvAtNow : public Libuv {
+class CLibuvAtNow : public CLibuv {
   public:
-    using Libuv::Libuv;
+    using CLibuv::CLibuv;
     bool Add(size_t aTimer, unsigned int aMs) {
         uv_update_time(&m_Loop);
-        return Libuv::Add(aTimer, aMs);
+        return CLibuv::Add(aTimer, aMs);
     }
 };
 #endif
 
 #if KELTO_WITH_LIBEVENT
-class Libevent {
+class CLibevent {
   public:
-    explicit Libevent(size_t aTimers) : m_pBase(event_base_new()), m_Timers(aTimers) {
-        for (event*& pTimer : m_Timers) {
-            pTimer = evtimer_new(
-                m_pBase, [](evutil_socket_t, short, void*) {}, nullptr);
+    explicit CLibevent(size_t aTimers) : m_pBase(event_base_new()), m_Timers(aTimers) {
+        for (size_t i = 0; i < aTimers; ++i) {
+            m_Timers[i] = evtimer_new(
+                m_pBase,
+                [](evutil_socket_t, short, void* aTimer) {
+                    Fire(reinterpret_cast<size_t>(aTimer));
+                },
+                Token(i));
         }
     }
-    ~Libevent() {
+    ~CLibevent() {
         for (event* pTimer : m_Timers) {
             event_free(pTimer);
         }
@@ -182,6 +235,7 @@ class Libevent {
         const bool bWasPending = evtimer_pending(m_Timers[aTimer], nullptr) != 0;
         return evtimer_del(m_Timers[aTimer]) == 0 && bWasPending;
     }
+    void Pass() { event_base_loop(m_pBase, EVLOOP_NONBLOCK); }
 
   private:
     event_base* m_pBase;
@@ -190,18 +244,18 @@ class Libevent {
 #endif
 
 #if KELTO_WITH_ACE
-class AceHandler : public ACE_Event_Handler {
+class CAceHandler : public ACE_Event_Handler {
   public:
     int handle_timeout(const ACE_Time_Value&, const void*) override {
-        ++Handler::s_lFired;
+        ++s_lFired;
         return 0;
     }
 };
 
 template <typename Queue>
-class Ace {
+class CAce {
   public:
-    explicit Ace(size_t aTimers) : m_Ids(aTimers, -1) {}
+    explicit CAce(size_t aTimers) : m_Ids(aTimers, -1) {}
     bool Add(size_t aTimer, unsigned int aMs) {
         const ACE_Time_Value due = ACE_OS::gettimeofday() + ACE_Time_Value(0, aMs * 1000L);
         m_Ids[aTimer] = m_Queue.schedule(&m_Handler, nullptr, due);
@@ -210,16 +264,16 @@ class Ace {
     bool Cancel(size_t aTimer) { return m_Queue.cancel(m_Ids[aTimer]) == 1; }
 
   private:
-    AceHandler m_Handler;
+    CAceHandler m_Handler;
     std::vector<long> m_Ids;
     Queue m_Queue;
 };
 #endif
 
 #if KELTO_WITH_BOOST
-class Asio {
+class CAsio {
   public:
-    explicit Asio(size_t aTimers) {
+    explicit CAsio(size_t aTimers) {
         for (size_t i = 0; i < aTimers; ++i) {
             m_Timers.emplace_back(m_Context);
         }
@@ -248,38 +302,116 @@ void AddRow(const char* aArea, const std::string& aWork, size_t aPending, const 
         [=](benchmark::State& aState) { ScheduleAndCancel<Queue>(aState, aPending); });
 }
 
+void AddPeerRows(const std::string& aWork, size_t aPending) {
+#if KELTO_WITH_LIBUV
+    AddRow<CLibuv>(AREA, aWork, aPending, "libuv");
+    AddRow<CLibuvAtNow>(AREA, aWork, aPending, "variant: libuv, clock read for each");
+#endif
+#if KELTO_WITH_LIBEVENT
+    AddRow<CLibevent>(AREA, aWork, aPending, "libevent");
+#endif
+#if KELTO_WITH_ACE
+    AddRow<CAce<ACE_Timer_Heap>>(AREA, aWork, aPending, "ACE heap");
+    AddRow<CAce<ACE_Timer_Wheel>>(AREA, aWork, aPending, "ACE wheel");
+#endif
+#if KELTO_WITH_BOOST
+    AddRow<CAsio>(AREA, aWork, aPending, "Asio");
+#endif
+}
+
 template <typename OurQueue>
 void AddRows(const std::string& aWork, size_t aPending) {
     AddRow<OurQueue>(AREA, aWork, aPending, OURS);
+    AddPeerRows(aWork, aPending);
+}
+
+void AddWorkerRows(const std::string& aWork, size_t aPending) {
+    Row(AREA, aWork, OURS, [=](benchmark::State& aState) {
+        CCmWorker worker;
+        Check(
+            CmCall(worker, [&] { ScheduleAndCancel<CWorkersQueue>(aState, aPending); }).Result() ==
+                CM_OK,
+            "call");
+    });
+    AddPeerRows(aWork, aPending);
+}
+
+// ---- Churn: most timers are put off before they are due, as those of connections are; some are
+// cancelled for another, and some are short and fire. What fired starts again.
+
+constexpr size_t CHURN_TIMERS = 100000;
+constexpr unsigned int SHORT_MS = 5;
+constexpr unsigned int SHORT_SPREAD_MS = 15;
+constexpr timespec PAST_SHORT = {0, 50000000};  // later than the last of them, in any queue
+
+template <typename Queue>
+void Churn(benchmark::State& aState) {
+    Queue queue(CHURN_TIMERS);
+    std::vector<unsigned int> longs = Intervals(CHURN_TIMERS);
+    std::sort(longs.rbegin(), longs.rend());
+    for (size_t i = 0; i < CHURN_TIMERS; ++i) {
+        Check(queue.Add(i, longs[i]), "schedule");
+    }
+    Numbers numbers;
+    const auto pfnLong = [&] { return 10000 + numbers.Next() % SPREAD_MS; };
+    s_lFired = 0;
+    s_fired = [&](size_t aTimer) { Check(queue.Add(aTimer, pfnLong()), "schedule again"); };
+    long lShort = 0;
+    for (auto _ : aState) {
+        for (int64_t i = 0; i < BATCH; ++i) {
+            const size_t nTimer = numbers.Next() % CHURN_TIMERS;
+            const unsigned int dwKind = numbers.Next() % 100;
+            if (dwKind < 80) {
+                Check(queue.Add(nTimer, pfnLong()), "put off");
+            } else if (dwKind < 95) {
+                Check(queue.Cancel(nTimer), "cancel");
+                Check(queue.Add(nTimer, pfnLong()), "schedule another");
+            } else {
+                Check(queue.Add(nTimer, SHORT_MS + numbers.Next() % SHORT_SPREAD_MS), "short");
+                ++lShort;
+            }
+        }
+        queue.Pass();
+    }
+    nanosleep(&PAST_SHORT, nullptr);
+    queue.Pass();
+    s_fired = nullptr;
+    // One that is put off before it is due, or made short twice, does not fire for it.
+    Check(s_lFired > lShort / 2 && s_lFired <= lShort, "number that fired");
+    for (size_t i = 0; i < CHURN_TIMERS; ++i) {
+        Check(queue.Cancel(i), "all are pending");
+    }
+    CountItems(aState, BATCH);
+}
+
+template <typename OurQueue>
+void AddChurnRows(const char* aWork) {
+    Row(AREA, aWork, OURS, Churn<OurQueue>);
 #if KELTO_WITH_LIBUV
-    AddRow<Libuv>(AREA, aWork, aPending, "libuv");
-    AddRow<LibuvAtNow>(AREA, aWork, aPending, "variant: libuv, clock read for each");
+    Row(AREA, aWork, "libuv", Churn<CLibuv>);
 #endif
 #if KELTO_WITH_LIBEVENT
-    AddRow<Libevent>(AREA, aWork, aPending, "libevent");
-#endif
-#if KELTO_WITH_ACE
-    AddRow<Ace<ACE_Timer_Heap>>(AREA, aWork, aPending, "ACE heap");
-    AddRow<Ace<ACE_Timer_Wheel>>(AREA, aWork, aPending, "ACE wheel");
-#endif
-#if KELTO_WITH_BOOST
-    AddRow<Asio>(AREA, aWork, aPending, "Asio");
+    Row(AREA, aWork, "libevent", Churn<CLibevent>);
 #endif
 }
 
 const bool s_bAdded = [] {
-    AddRows<OrderedList>("schedule + cancel, 10 pending (list)", 10);
-    AddRows<OrderedList>("schedule + cancel, 100 pending (list)", 100);
-    AddRows<Calendar>("schedule + cancel, 10k pending (calendar)", 10000);
+    AddRows<COrderedList>("schedule + cancel, 10 pending (list)", 10);
+    AddRows<COrderedList>("schedule + cancel, 100 pending (list)", 100);
+    AddRows<CCalendar>("schedule + cancel, 10k pending (calendar)", 10000);
+    AddWorkerRows("schedule + cancel, 10k pending (a worker's own)", 10000);
+    AddWorkerRows("schedule + cancel, 100k pending (a worker's own)", 100000);
+    AddChurnRows<COrderedList>("100k pending, put off, cancelled and fired (list)");
+    AddChurnRows<CCalendar>("100k pending, put off, cancelled and fired (calendar)");
     for (size_t nPending : {size_t{10}, size_t{100}, size_t{1000}, size_t{10000}, size_t{100000}}) {
         const std::string pending = std::to_string(nPending);
-        AddRow<OrderedList>(GROWTH, pending, nPending, "kelto_util, list");
-        AddRow<Calendar>(GROWTH, pending, nPending, "kelto_util, calendar");
+        AddRow<COrderedList>(GROWTH, pending, nPending, "kelto_util, list");
+        AddRow<CCalendar>(GROWTH, pending, nPending, "kelto_util, calendar");
 #if KELTO_WITH_LIBUV
-        AddRow<Libuv>(GROWTH, pending, nPending, "libuv");
+        AddRow<CLibuv>(GROWTH, pending, nPending, "libuv");
 #endif
 #if KELTO_WITH_LIBEVENT
-        AddRow<Libevent>(GROWTH, pending, nPending, "libevent");
+        AddRow<CLibevent>(GROWTH, pending, nPending, "libevent");
 #endif
     }
     return true;
@@ -289,21 +421,21 @@ const bool s_bAdded = [] {
 
 template <typename Schedule, typename Pass>
 void FireDue(benchmark::State& aState, Schedule aSchedule, Pass aPass) {
-    Handler::s_lFired = 0;
+    s_lFired = 0;
     for (auto _ : aState) {
         aSchedule();
         const double start = ThreadSeconds();
         aPass();
         aState.SetIterationTime(ThreadSeconds() - start);
     }
-    Check(Handler::s_lFired == aState.iterations() * BATCH, FIRE);
+    Check(s_lFired == aState.iterations() * BATCH, FIRE);
     CountItems(aState, BATCH);
 }
 
 const Row s_oursFire(
     AREA, FIRE, OURS,
     [](benchmark::State& aState) {
-        std::vector<Handler> handlers(size_t{BATCH});
+        std::vector<CHandler> handlers(size_t{BATCH});
         CCmTimerQueueOrderedList queue(nullptr);
         FireDue(
             aState,
@@ -321,7 +453,7 @@ const Row s_oursFire(
 #if KELTO_WITH_ACE
 template <typename Queue>
 void AceFire(benchmark::State& aState) {
-    AceHandler handler;
+    CAceHandler handler;
     Queue queue;
     FireDue(
         aState,
@@ -353,7 +485,7 @@ const Row s_uvFire(
             [&] {
                 for (uv_timer_t& timer : timers) {
                     uv_timer_start(
-                        &timer, [](uv_timer_t*) { ++Handler::s_lFired; }, 0, 0);
+                        &timer, [](uv_timer_t*) { ++s_lFired; }, 0, 0);
                 }
             },
             [&] { uv_run(&loop, UV_RUN_NOWAIT); });
@@ -374,7 +506,7 @@ const Row s_libeventFire(
         std::vector<event*> timers(size_t{BATCH});
         for (event*& pTimer : timers) {
             pTimer = evtimer_new(
-                pBase, [](evutil_socket_t, short, void*) { ++Handler::s_lFired; }, nullptr);
+                pBase, [](evutil_socket_t, short, void*) { ++s_lFired; }, nullptr);
         }
         FireDue(
             aState,

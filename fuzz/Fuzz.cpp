@@ -41,18 +41,29 @@ ScratchFile::ScratchFile(const std::string& aName) {
     char szHome[] = "/tmp/fXXXXXX";
     Require(mkdtemp(szHome) != nullptr, "there is a temporary directory");
     m_sHome = std::string(szHome) + "/";
-    m_sPath = m_sHome + aName;
-    std::filesystem::create_directories(std::filesystem::path(m_sPath).parent_path());
     Require(m_sHome.size() < sizeof(UTIL_NS::g_def_kelto_home_dir), "the home fits");
     strcpy(UTIL_NS::g_def_kelto_home_dir, m_sHome.c_str());
+    Open(aName);
+}
+
+ScratchFile::ScratchFile(const ScratchFile& aOther, const std::string& aName)
+    : m_sHome(aOther.m_sHome), m_bOwnsHome(false) {
+    Open(aName);
+}
+
+void ScratchFile::Open(const std::string& aName) {
+    m_sPath = m_sHome + aName;
+    std::filesystem::create_directories(std::filesystem::path(m_sPath).parent_path());
     m_nFile = open(m_sPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
     Require(m_nFile >= 0, "the scratch file can be opened");
 }
 
 ScratchFile::~ScratchFile() {
     close(m_nFile);
-    std::error_code ignored;
-    std::filesystem::remove_all(m_sHome, ignored);
+    if (m_bOwnsHome) {
+        std::error_code ignored;
+        std::filesystem::remove_all(m_sHome, ignored);
+    }
 }
 
 // Written over rather than anew: some file systems flush a file that was emptied when it is closed.
@@ -64,7 +75,11 @@ void ScratchFile::SetContent(const std::string& aContent) const {
 }
 
 std::string ScratchFile::Content() const {
-    std::ifstream file(m_sPath, std::ios::binary);
+    return ContentOf(m_sPath);
+}
+
+std::string ContentOf(const std::string& aPath) {
+    std::ifstream file(aPath, std::ios::binary);
     return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
 }
 

@@ -71,6 +71,8 @@ class ScratchFile {
   public:
     // aName: below a home directory of the process's own, which the library is told about.
     explicit ScratchFile(const std::string& aName);
+    // aOther: whose home it shares, and which ends after it.
+    ScratchFile(const ScratchFile& aOther, const std::string& aName);
     ~ScratchFile();
     ScratchFile(const ScratchFile&) = delete;
     ScratchFile& operator=(const ScratchFile&) = delete;
@@ -80,10 +82,16 @@ class ScratchFile {
     std::string Content() const;
 
   private:
+    void Open(const std::string& aName);
+
     std::string m_sHome;
+    bool m_bOwnsHome = true;
     std::string m_sPath;
     int m_nFile = -1;
 };
+
+// Empty when the file cannot be read.
+std::string ContentOf(const std::string& aPath);
 
 }  // namespace kelto_fuzz
 

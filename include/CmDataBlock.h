@@ -30,9 +30,6 @@ class CM_UTIL_EXPORT CCmDataBlock final : public CCmReferenceControlT<CCmMutexTh
     /// Ends the block: destructor, then the release of its one allocation.
     void OnReferenceDestory() override;
 
-    /// The allocation is larger than the object, so it must not be released by the object's size.
-    static void operator delete(void* aMemory) { ::operator delete(aMemory); }
-
     const uint32_t m_dwSize;  ///< capacity in bytes
     char* const m_pPayload;   ///< first byte
 
@@ -40,6 +37,8 @@ class CM_UTIL_EXPORT CCmDataBlock final : public CCmReferenceControlT<CCmMutexTh
     CCmDataBlock(unsigned int aSize, char* aData, long aCount)
         : CCmReferenceControlT<CCmMutexThread>(aCount), m_dwSize(aSize), m_pPayload(aData) {}
     CM_UTIL_HIDDEN ~CCmDataBlock() override;
+    // Of what CreateInstance allocated, which is larger than the object.
+    CM_UTIL_HIDDEN static void operator delete(void* aMemory);
 };
 
 }  // namespace UTIL_NS

@@ -13,6 +13,7 @@
 #include <pthread.h>
 
 #include <list>
+#include <new>
 
 #include "CmAtomic.h"
 #include "CmBase.h"
@@ -40,6 +41,49 @@ class CM_UTIL_EXPORT ICmEvent {
     virtual void OnDestorySelf();
     /// For OnDestorySelf: a queue never deletes an event.
     virtual ~ICmEvent();
+
+    /// The memory of events: what the thread that runs them frees serves those that post (see
+    /// docs/events.md), for events of at most 512 bytes that need no more than the usual alignment;
+    /// the rest comes from the system. Throws std::bad_alloc. Any thread.
+    static void* operator new(size_t aSize);
+    /// The same; null when there is no memory.
+    static void* operator new(size_t aSize, const std::nothrow_t&) noexcept;
+    /// In memory of the caller's.
+    static void* operator new(size_t, void* aMemory) noexcept { return aMemory; }
+    /// Frees what any operator new gave without an alignment, that of the class or the global one;
+    /// null does nothing.
+    static void operator delete(void* aMemory) noexcept;
+    /// For a constructor that throws.
+    static void operator delete(void* aMemory, const std::nothrow_t&) noexcept {
+        operator delete(aMemory);
+    }
+    /// For a constructor that throws; the memory stays the caller's.
+    static void operator delete(void*, void*) noexcept {}
+#ifdef __cpp_aligned_new
+    /// Of an event that needs more than the usual alignment: the global one.
+    static void* operator new(size_t aSize, std::align_val_t aAlignment) {
+        return ::operator new(aSize, aAlignment);
+    }
+    /// The same; null when there is no memory.
+    static void* operator new(size_t aSize, std::align_val_t aAlignment,
+                              const std::nothrow_t& aNoThrow) noexcept {
+        return ::operator new(aSize, aAlignment, aNoThrow);
+    }
+    /// Frees memory of the two above.
+    static void operator delete(void* aMemory, std::align_val_t aAlignment) noexcept {
+        ::operator delete(aMemory, aAlignment);
+    }
+    /// For a constructor that throws.
+    static void operator delete(void* aMemory, std::align_val_t aAlignment,
+                                const std::nothrow_t&) noexcept {
+        ::operator delete(aMemory, aAlignment);
+    }
+#else
+    /// The system's C++ library has no memory of a larger alignment.
+    static void* operator new(size_t, std::align_val_t) = delete;
+    /// The same.
+    static void* operator new(size_t, std::align_val_t, const std::nothrow_t&) noexcept = delete;
+#endif
 
   protected:
     uint64_t m_ullReserved;  ///< 0; part of the binary interface, which nothing here reads
@@ -141,8 +185,10 @@ class CM_UTIL_EXPORT CCmEventQueueBase : public ICmEventQueue {
     /// has a lock of its own calls it first, while its PostEvent still works.
     void WaitForSenders();
 
-    std::list<ICmEvent*> m_Events;     ///< in posting order
-    CmStd::atomic<DWORD> m_dwSize;     ///< their count; read without a lock
+    /// In posting order. What a worker's events post to their own worker may be in a list of its
+    /// own ahead of these, which the functions above take into account.
+    std::list<ICmEvent*> m_Events;
+    CmStd::atomic<DWORD> m_dwSize;     ///< the count of m_Events; read without a lock
     CCmTimeValue m_tvLastReport;       ///< when a post last watched the size
     CmStd::atomic<pthread_t> m_Tid;    ///< the consumer; 0 until it is bound
     CmStd::atomic<bool> m_bIsStopped;  ///< posts are refused; read without a lock
@@ -240,7 +286,8 @@ class CM_UTIL_EXPORT CCmEventQueueUsingConditionVariable : public CCmEventQueueB
     /// left goes back with the smaller passes that follow, each of which frees its own.
     void ProcessAndRecycleEvents(std::list<ICmEvent*>& aEvents);
     /// That of the base; the events are taken out under the queue's mutex and ended after it was
-    /// released.
+    /// released. Of a worker's queue, on another thread: what the worker's own events have posted
+    /// is ended by the worker, unfired, before its next pass.
     void DestoryPendingEvents();
     /// The same for a consumer that ends: refuses posts from then on, with nothing slipping in
     /// between, so that no sender is left waiting.

@@ -47,7 +47,8 @@ TEST(CCmBoundedPoster, TryPostRefuses_WhenThereIsNoRoom) {
     EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, poster.TryPost(std::move(refused)));
     RunAll(queue, 1);
     EXPECT_EQ(2U, poster.GetCount());
-    EXPECT_EQ(CM_OK, poster.TryPost(std::move(refused)));  // it was not moved from
+    // It was not moved from. NOLINTNEXTLINE(bugprone-use-after-move)
+    EXPECT_EQ(CM_OK, poster.TryPost(std::move(refused)));
     RunAll(queue);
     EXPECT_EQ((std::vector<int>{0, 1, 2, 3}), ran);
     EXPECT_EQ(0U, poster.GetCount());

@@ -13,7 +13,9 @@
 #include <type_traits>
 #include <vector>
 
+#include "CmConditionSteps.h"
 #include "CmScopedLock.h"
+#include "port/CmPort.h"
 #include "support/Faults.h"
 #include "support/TraceSink.h"
 
@@ -296,6 +298,15 @@ TEST_F(CmCondition, DestructorTraces_WhenItFails) {
         OnlyLine(m_sink, 10));
 }
 
+TEST_F(CmCondition, TracesNothing_WhenAllIsWell) {
+    {
+        CCmConditionVariableThread condition(m_Mutex);
+        EXPECT_EQ(CM_OK, condition.Signal());
+        EXPECT_EQ(CM_OK, condition.Broadcast());
+    }
+    EXPECT_EQ(0u, m_sink.lines().size());
+}
+
 TEST_F(CmCondition, SignalTraces_WhenItFails) {
     FailingCall<&CCmSystemTable::pthread_cond_signal> fault(EINVAL, EINVAL);
     EXPECT_EQ(CM_ERROR_FAILURE, m_Condition.Signal());
@@ -416,6 +427,70 @@ TEST_F(CmCondition, WaitDeadlineIsAlwaysAValidRecord) {
         EXPECT_GE(g_tsDeadline.tv_nsec, 0);
         EXPECT_LT(g_tsDeadline.tv_nsec, 1000000000);
     }
+}
+
+int g_nSignalFailures = 0;
+int g_nSignalCalls = 0;
+
+int FailToSignal(pthread_cond_t* /*aCondition*/) {
+    ++g_nSignalCalls;
+    return g_nSignalFailures-- > 0 ? EAGAIN : 0;
+}
+
+TEST_F(CmCondition, SureSignalIsTriedThreeTimes) {
+    const struct {
+        int failures;
+        bool given;
+        int calls;
+        int error;
+    } rows[] = {{0, true, 1, 0}, {1, true, 2, EAGAIN}, {2, true, 3, EAGAIN}, {3, false, 3, EAGAIN}};
+    kelto_test::ScopedEntry<int (*)(pthread_cond_t*)> signal(g_cmSystem.pthread_cond_signal,
+                                                             FailToSignal);
+    for (const auto& row : rows) {
+        g_nSignalFailures = row.failures;
+        g_nSignalCalls = 0;
+        int nError = -1;
+        EXPECT_EQ(row.given, CCmConditionSteps::SignalSurely(m_Condition, nError)) << row.failures;
+        EXPECT_EQ(row.calls, g_nSignalCalls) << row.failures;
+        EXPECT_EQ(row.error, nError) << row.failures;
+    }
+}
+
+constexpr long long NSEC_PER_SEC = 1000000000;
+
+TEST_F(CmCondition, WaitUntilHandsTheMomentOver) {
+    kelto_test::ScopedEntry<int (*)(pthread_cond_t*, pthread_mutex_t*, const timespec*)> wait(
+        g_cmSystem.pthread_cond_clockwait, RememberDeadline);
+    EXPECT_EQ(CM_OK, CCmConditionSteps::WaitUntil(m_Condition, 3 * NSEC_PER_SEC + 400000001));
+    EXPECT_EQ(3, g_tsDeadline.tv_sec);
+    EXPECT_EQ(400000001, g_tsDeadline.tv_nsec);
+}
+
+TEST_F(CmCondition, WaitUntilTimesOut_WhenTheTimeIsOver) {
+    CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
+    EXPECT_EQ(CM_ERROR_TIMEOUT, CCmConditionSteps::WaitUntil(m_Condition, 1));
+    EXPECT_EQ(0u, m_sink.lines().size());
+}
+
+// Interruptions may come again and again; a wait that counted each as a wake-up would never end.
+TEST_F(CmCondition, WaitUntilLooksAtTheClock_WhenItIsInterrupted) {
+    timespec tsNow = {};
+    CmPortMonotonicNow(&tsNow);
+    const long long llNow = tsNow.tv_sec * NSEC_PER_SEC + tsNow.tv_nsec;
+    FailingCall<&CCmSystemTable::pthread_cond_clockwait> fault(EINTR, EINTR, 1,
+                                                               kelto_test::Failing::FROM_THERE_ON);
+    EXPECT_EQ(CM_ERROR_TIMEOUT, CCmConditionSteps::WaitUntil(m_Condition, llNow));
+    EXPECT_EQ(CM_OK, CCmConditionSteps::WaitUntil(m_Condition, llNow + 3600 * NSEC_PER_SEC));
+    EXPECT_EQ(0u, m_sink.lines().size());
+}
+
+TEST_F(CmCondition, WaitUntilTraces_WhenItFails) {
+    FailingCall<&CCmSystemTable::pthread_cond_clockwait> fault(EINVAL, EINVAL);
+    EXPECT_EQ(CM_ERROR_FAILURE, CCmConditionSteps::WaitUntil(m_Condition, 1));
+    EXPECT_EQ(
+        "UTIL WARNING: CCmConditionVariableThread::Wait, pthread_cond_clockwait() failed! err=22 "
+        "this=0x#",
+        OnlyLine(m_sink, 10));
 }
 
 // ---- Event ----
@@ -651,6 +726,45 @@ int UnlockAndCount(pthread_mutex_t* aMutex) {
 void CountingSink(unsigned long, const char*, unsigned int) {
     ++g_nLines;
     g_nLinesUnderLock += g_nHeld != 0 ? 1 : 0;
+}
+
+CCmEventThread* g_pWaitedFor = nullptr;
+CmResult g_resultOfSignal = CM_ERROR_UNEXPECTED;
+
+// A wait in which the signal comes.
+int SignalWhileWaiting(pthread_cond_t* /*aCondition*/, pthread_mutex_t* aMutex) {
+    pthread_mutex_unlock(aMutex);
+    g_resultOfSignal = CCmConditionSteps::SignalAfterUnlock(*g_pWaitedFor);
+    pthread_mutex_lock(aMutex);
+    return 0;
+}
+
+TEST(CmEvent, SignalAfterTheUnlockTellsWhetherItWasGiven) {
+    kelto_test::ScopedEntry<int (*)(pthread_cond_t*, pthread_mutex_t*)> wait(
+        g_cmSystem.pthread_cond_wait, SignalWhileWaiting);
+    ScopedTraceSink sink;
+    CCmEventThread event(AUTO, 0);
+    g_pWaitedFor = &event;
+    EXPECT_EQ(CM_OK, event.Wait(nullptr));
+    EXPECT_EQ(CM_OK, g_resultOfSignal);
+    FailingCall<&CCmSystemTable::pthread_cond_signal> signal(EINVAL, EINVAL, 1,
+                                                             kelto_test::Failing::FROM_THERE_ON);
+    EXPECT_EQ(CM_OK, event.Wait(nullptr));
+    EXPECT_EQ(CM_ERROR_FAILURE, g_resultOfSignal);
+    EXPECT_EQ(3u, signal.calls());
+}
+
+TEST(CmEvent, SignalAfterTheUnlockLocksThreeTimesAtMost) {
+    ScopedTraceSink sink;
+    CCmEventThread event(AUTO, 0);
+    {
+        FailingCall<&CCmSystemTable::pthread_mutex_lock> lock(EINVAL, EINVAL, 1,
+                                                              kelto_test::Failing::FROM_THERE_ON);
+        EXPECT_EQ(CM_ERROR_FAILURE, CCmConditionSteps::SignalAfterUnlock(event));
+        EXPECT_EQ(3u, lock.calls());
+    }
+    EXPECT_EQ(CM_OK, CCmConditionSteps::SignalAfterUnlock(event));
+    EXPECT_EQ(CM_OK, WaitShortly(event));
 }
 
 TEST(CmEvent, FailuresAreTraced_AfterTheUnlock) {

@@ -74,7 +74,7 @@ std::string Read(const std::string& aContent, const char* aSection, const char* 
     ScopedHome home;
     const std::string sPath = home.path() + "profile";
     WriteFile(sPath, aContent);
-    const std::string sValue = ReadFile(sPath, aSection, aKey);
+    std::string sValue = ReadFile(sPath, aSection, aKey);
     EXPECT_EQ(sValue, ReadStream(sPath, aSection, aKey));
     return sValue;
 }

@@ -218,7 +218,7 @@ TEST(CmCall, HasNoValue_WhenTheTargetIsStopped) {
     EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, value.Result());
     EXPECT_FALSE(value.HasBegun());
     EXPECT_EQ(1, ends);
-    EXPECT_EQ(3, std::move(value).ValueOr(3));
+    EXPECT_EQ(3, std::move(value).ValueOr(3));  // NOLINT(performance-move-const-arg)
     EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, CmCall(*worker, 1s, [] { return 1; }).Result());
 }
 

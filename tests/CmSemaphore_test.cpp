@@ -267,6 +267,16 @@ TEST(CmSemaphore, LockTakesWhatUnLockGives) {
     EXPECT_EQ(0u, sink.lines().size());
 }
 
+TEST(CmSemaphore, TracesNothing_WhenAllIsWell) {
+    ScopedTraceSink sink;
+    {
+        CCmSemaphore semaphore(1, nullptr, 1);
+        EXPECT_EQ(CM_OK, semaphore.Lock());
+        EXPECT_EQ(CM_OK, semaphore.UnLock());
+    }
+    EXPECT_EQ(0u, sink.lines().size());
+}
+
 TEST(CmSemaphore, MaximumIsIgnored) {
     CCmSemaphore semaphore(0, nullptr, 1);
     EXPECT_EQ(CM_OK, semaphore.PostN(3));

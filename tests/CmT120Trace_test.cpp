@@ -168,6 +168,15 @@ TEST_F(CmT120Trace, TraceDropsEverything_WhenTheRecordCannotBeOpened) {
     EXPECT_EQ(Texts{"text"}, m_Library.texts());
 }
 
+TEST_F(CmT120Trace, TraceDropsTheLine_WhenTheTableGivesItANumberBeyondTheLevels) {
+    for (unsigned long ulLevel : {28ul, 29ul, ~0ul}) {
+        m_aTable[0].m_ulLevel = ulLevel;
+        std::unique_ptr<CCmT120Trace> pTrace = Load("");
+        Trace(*pTrace, 0, "text");
+    }
+    EXPECT_TRUE(m_Library.calls().empty());
+}
+
 TEST_F(CmT120Trace, TraceDropsTheLine_WhenItsLevelIsOff) {
     std::unique_ptr<CCmT120Trace> pTrace = Load("C.Info=FALSE\n");
     Trace(*pTrace, 20, "off");
@@ -562,6 +571,20 @@ TEST_F(CmT120Trace, LoadOpensTheRecordAgainAndReadsTheConfiguration_WhenItIsItsO
     T120_Close_Trace_Dev(pRecord);
 }
 
+TEST_F(CmT120Trace, TraceDropsEverything_WhenTheRecordCannotBeOpenedAgain) {
+    std::unique_ptr<CCmT120Trace> pTrace = Load("");
+    CCmT120TraceFile* pRecord = RecordOf(m_Home.path() + "/logs/C_Trace.txt");
+    {
+        ScopedAllocationFault fault(1);
+        EXPECT_EQ(1, pTrace->load(pRecord));
+        EXPECT_TRUE(fault.hit());
+    }
+    Trace(*pTrace, 0, "lost");
+    pTrace->load(nullptr);
+    Trace(*pTrace, 0, "text");
+    EXPECT_EQ(Texts{"text"}, m_Library.texts());
+}
+
 TEST_F(CmT120Trace, LoadClosesTheRecordOnly_WhenItIsAnother) {
     std::unique_ptr<CCmT120Trace> pTrace = Load("");
     const std::string sOther = m_Home.path() + "other";
@@ -685,6 +708,7 @@ TEST_F(CmT120Trace, BundleIsMissing_WhenThePathHasTooFewComponents) {
     std::filesystem::current_path(m_Home.path());
     std::filesystem::create_directory("yrktrace.bundle");
     std::filesystem::create_directories("a/b");
+    std::filesystem::create_directory("a/yrktrace.bundle");
     kelto_test::WriteFile("a/b/util", "");
     EXPECT_FALSE(FindsABundle(m_aTable, "libutil.so"));
     EXPECT_FALSE(FindsABundle(m_aTable, "a/b/util"));

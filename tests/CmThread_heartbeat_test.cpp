@@ -59,6 +59,21 @@ TEST(CmThreadHeartBeat, BeatsWithoutTimers_WhenItsQueueHadNoMemory) {
     pThread->Destory(0);
 }
 
+// Finds no memory when it is initialised, whichever thread that is on.
+class CHeartBeatWithoutMemory : public CCmThreadHeartBeat {
+  public:
+    void OnThreadInit() override {
+        kelto_test::ScopedAllocationFault fault(1);
+        CCmThreadHeartBeat::OnThreadInit();
+    }
+};
+
+TEST(CmThreadHeartBeat, CreateFails_WhenItsQueueHadNoMemory) {
+    CCmThreadHeartBeat* pThread = new CHeartBeatWithoutMemory;
+    EXPECT_EQ(CM_ERROR_OUT_OF_MEMORY, pThread->Create(TYPE, TF_JOINABLE, 1));
+    pThread->Destory(0);
+}
+
 TEST(CmThreadHeartBeat, FiresTimersThenEvents_WhenItBeats) {
     CCmThreadHeartBeat* pThread = new CCmThreadHeartBeat;
     pThread->Create(TT_MAIN, TF_JOINABLE, 1);

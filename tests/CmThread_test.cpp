@@ -73,6 +73,32 @@ class PlainThread : public ACmThread {
     Life& m_life;
 };
 
+// What classes of the host see of the base.
+class CInsideThread : public PlainThread {
+  public:
+    explicit CInsideThread(Life& aLife) : PlainThread(aLife) {
+        EXPECT_EQ(0, m_Flag);
+        EXPECT_FALSE(m_bRegistered);
+        EXPECT_TRUE(m_bRegister);
+        EXPECT_EQ(0, m_nDestroyRef.value());
+        EXPECT_EQ(nullptr, m_pEvent);
+    }
+    void CheckCreated() {
+        EXPECT_EQ(TF_JOINABLE, m_Flag);
+        EXPECT_FALSE(m_bRegistered);
+        EXPECT_FALSE(m_bRegister);
+        EXPECT_EQ(nullptr, m_pEvent);
+    }
+};
+
+TEST(CmThread, ShowsItsStateToDerivedClasses) {
+    Life life;
+    auto* pThread = new CInsideThread(life);
+    ASSERT_EQ(CM_OK, pThread->Create(TYPE, 0, 0));
+    pThread->CheckCreated();
+    EndJoinable(pThread);
+}
+
 TEST(CmThread, RunsItsBody_WithoutAnInitOfItsOwn) {
     Life life;
     ACmThread* pThread = new PlainThread(life);
@@ -205,6 +231,17 @@ TEST(CmThread, RegistersTwice_WhenAskedTwice) {
     EXPECT_EQ(CM_OK, UnRegisterThread(&thread));
     EXPECT_EQ(CM_OK, UnRegisterThread(&thread));
     EXPECT_EQ(CM_ERROR_NOT_FOUND, UnRegisterThread(&thread));
+    EXPECT_EQ(nBefore, RegisteredThreads());
+}
+
+TEST(CmThread, RegisterFails_WithoutMemory) {
+    Life life;
+    BodyThread thread(life);
+    const size_t nBefore = RegisteredThreads();
+    {
+        kelto_test::ScopedAllocationFault fault(1);
+        EXPECT_EQ(CM_ERROR_OUT_OF_MEMORY, RegisterThread(&thread));
+    }
     EXPECT_EQ(nBefore, RegisteredThreads());
 }
 

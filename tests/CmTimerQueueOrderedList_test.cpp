@@ -2,7 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <memory>
+#include <random>
 #include <vector>
 
 #include "support/Clock.h"
@@ -220,6 +223,96 @@ TEST_F(CmTimerQueueOrderedList, ChangesNothing_WhenAScheduleRunsOutOfMemory) {
             EXPECT_EQ(1U, handler.count());
         }
     }
+}
+
+// The nodes of a long list, which places are looked up in, in the order in which they are popped.
+// Times that no number of microseconds counts are among them.
+TEST_F(CmTimerQueueOrderedList, PopsALongListInOrder_WhateverTheTimes) {
+    const long lSeconds[] = {0, 1, -1, 1000000000, INT64_MAX, INT64_MAX - 1, INT64_MIN + 1};
+    constexpr int COUNT = 2000;
+    std::vector<CountingHandler> handlers(COUNT);
+    std::minstd_rand random(1);
+    OpenList list;
+    std::vector<OpenList::CNode> expected;
+    for (CountingHandler& handler : handlers) {
+        OpenList::CNode node = OpenList::Node(&handler, 0);
+        const long lSec = lSeconds[random() % 7] / static_cast<long>(1 + random() % 3);
+        node.m_tvExpired = CCmTimeValue(lSec, static_cast<long>(random() % 300));
+        ASSERT_EQ(0, list.PushNode_l(node));
+        expected.insert(std::find_if(expected.begin(), expected.end(),
+                                     [&](const OpenList::CNode& aOther) {
+                                         return aOther.m_tvExpired >= node.m_tvExpired;
+                                     }),
+                        node);
+    }
+    for (const OpenList::CNode& node : expected) {
+        OpenList::CNode popped;
+        ASSERT_EQ(0, list.PopFirstNode_l(popped));
+        ASSERT_EQ(node.m_pEh, popped.m_pEh);
+        ASSERT_EQ(node.m_tvExpired, popped.m_tvExpired);
+    }
+    CCmTimeValue tvEarliest;
+    EXPECT_EQ(-1, list.GetEarliestTime_l(tvEarliest));
+}
+
+TEST_F(CmTimerQueueOrderedList, KeepsTheOrder_WhenALongListRunsOutOfMemory) {
+    constexpr int COUNT = 400;
+    bool bHit = true;
+    for (unsigned long ulNth = 1; bHit; ++ulNth) {
+        SCOPED_TRACE("allocation " + std::to_string(ulNth));
+        std::vector<std::unique_ptr<RecordingHandler>> handlers;
+        for (int nId = 0; nId < COUNT; ++nId) {
+            handlers.push_back(std::make_unique<RecordingHandler>(nId, m_log));
+        }
+        m_log.clear();
+        m_log.reserve(COUNT);
+        CCmTimerQueueOrderedList queue(nullptr);
+        int nRefused = 0;
+        {
+            ScopedAllocationFault fault(ulNth);
+            for (int i = 0; i < COUNT; ++i) {
+                // 7 and 400 have no common divisor: each number below 400 once, in disorder.
+                const int nId = i * 7 % COUNT;
+                CmResult rv = queue.ScheduleTimer(handlers[nId].get(), nullptr, Ms(nId + 1), 1);
+                if (rv == CM_ERROR_OUT_OF_MEMORY) {
+                    ++nRefused;
+                    rv = queue.ScheduleTimer(handlers[nId].get(), nullptr, Ms(nId + 1), 1);
+                }
+                ASSERT_EQ(CM_OK, rv);
+            }
+            bHit = fault.hit();
+        }
+        ASSERT_LE(nRefused, 1);
+        m_clock.AdvanceMs(COUNT);
+        ASSERT_EQ(unsigned{COUNT}, queue.CheckExpire());
+        for (int nId = 0; nId < COUNT; ++nId) {
+            ASSERT_EQ(nId, Ids(m_log)[nId]);
+        }
+    }
+}
+
+TEST_F(CmTimerQueueOrderedList, NeedsNoMemory_WhenALongListIsInSteadyState) {
+    std::vector<CountingHandler> handlers(1000);
+    long lMs = 0;
+    for (CountingHandler& handler : handlers) {
+        m_queue.ScheduleTimer(&handler, nullptr, Ms(1000 + lMs++), 0);
+    }
+    const auto runTwentySeconds = [&] {
+        for (int i = 0; i < 2000; ++i) {
+            m_clock.AdvanceMs(10);
+            m_queue.CheckExpire();
+            Schedule(0, 500 + i % 1000);
+            m_queue.CancelTimer(m_handlers[0].get());
+        }
+    };
+    for (int i = 0; i < 5; ++i) {
+        runTwentySeconds();  // what is kept of former timers finds its bound
+    }
+    const unsigned long ulBefore = AllocationsOfThisThread();
+    for (int i = 0; i < 5; ++i) {
+        runTwentySeconds();
+    }
+    EXPECT_EQ(ulBefore, AllocationsOfThisThread());
 }
 
 TEST_F(CmTimerQueueOrderedList, TellsNoObserver_WhenAScheduleRunsOutOfMemory) {

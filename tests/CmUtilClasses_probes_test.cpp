@@ -73,6 +73,23 @@ TEST_F(CmProbes, ClosesNothing_WhenNoSocketOpens) {
     EXPECT_EQ(closed.calls(), 0u);
 }
 
+int FirstSocket(int /*aFamily*/, int /*aType*/, int /*aProtocol*/) {
+    return 0;
+}
+int g_nClosed = -1;
+int RecordingClose(int aFile) {
+    g_nClosed = aFile;
+    return 0;
+}
+
+// As in a process that has closed its standard input.
+TEST_F(CmProbes, SetsTheFlag_WhenTheSocketIsTheFirstDescriptor) {
+    kelto_test::ScopedEntry<decltype(g_cmSystem.socket)> socket(g_cmSystem.socket, FirstSocket);
+    kelto_test::ScopedEntry<decltype(g_cmSystem.close)> close(g_cmSystem.close, RecordingClose);
+    EXPECT_EQ(ipv4_enabled(), 1);
+    EXPECT_EQ(g_nClosed, 0);
+}
+
 int g_nFamily = 0;
 int g_nType = 0;
 

@@ -156,6 +156,51 @@ TEST_F(CmCleanUpBase, CleanupAllSkipsAnObject_WhenADestructorDeletedIt) {
     EXPECT_EQ("DcDadb", g_sEnded);
 }
 
+class RegistersForAMoment : public CCmCleanUpBase {
+  public:
+    ~RegistersForAMoment() override {
+        g_sEnded += 'R';
+        delete new Registered('m');
+    }
+};
+
+TEST_F(CmCleanUpBase, RegistryForgetsAnObject_WhenADestructorRegistersAndDeletesIt) {
+    new Registered('a');
+    new RegistersForAMoment;
+    CCmCleanUpBase::CleanupAll();
+    EXPECT_EQ("Rma", g_sEnded);
+}
+
+// Writes over what earlier calls have left on the stack.
+void OverwriteStack() {
+    volatile char achUsed[2048];
+    for (volatile char& ch : achUsed) {
+        ch = 0x7F;
+    }
+}
+
+// A nested call ends before it deletes an object that the outer one would come to.
+class DeletesAfterANestedCall : public CCmCleanUpBase {
+  public:
+    explicit DeletesAfterANestedCall(CCmCleanUpBase* aOther) : m_pOther(aOther) {}
+    ~DeletesAfterANestedCall() override {
+        CCmCleanUpBase::CleanupAll();
+        OverwriteStack();
+        delete m_pOther;
+    }
+
+  private:
+    CCmCleanUpBase* const m_pOther;
+};
+
+TEST_F(CmCleanUpBase, CleanupAllSkipsAnObject_WhenItIsDeletedAfterANestedCall) {
+    new Registered('a');
+    CCmCleanUpBase* pOther = new Registered('b');
+    new DeletesAfterANestedCall(pOther);
+    CCmCleanUpBase::CleanupAll();
+    EXPECT_EQ("ba", g_sEnded);
+}
+
 // Left alive by its CleanUp; its owner destroys it.
 class OutlivesCleanUp : public CCmCleanUpBase {
   public:

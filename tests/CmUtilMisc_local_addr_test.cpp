@@ -91,7 +91,7 @@ std::vector<std::string> Addresses(const local_addr* aList) {
 std::vector<std::string> Listed() {
     local_addr* pList = nullptr;
     EXPECT_EQ(get_local_addr(&pList), 0);
-    const std::vector<std::string> addresses = Addresses(pList);
+    std::vector<std::string> addresses = Addresses(pList);
     free_local_addr(pList);
     return addresses;
 }

@@ -194,7 +194,7 @@ TEST_F(CmComAutoPtr, AttachFillsThePointer_WhenItIsEmpty) {
 
 TEST_F(CmComAutoPtr, CopySharesTheObject) {
     CCmComAutoPtr<Object> first(new Object);
-    CCmComAutoPtr<Object> second(first);
+    CCmComAutoPtr<Object> second(first);  // NOLINT(performance-unnecessary-copy-initialization)
     CCmComAutoPtr<Object> third;
     third = first;
     EXPECT_EQ(3u, first->GetReference());

@@ -719,6 +719,16 @@ TEST_F(Qtrace, RaisesNoSignalAndStartsTheNextLineAfresh_WhenTheFileIsAtItsSizeLi
     EXPECT_EQ("whole", Texts()[1]);
 }
 
+TEST_F(Qtrace, StartsItsFirstLineAfresh_WhenTheFileEndsWithinALine) {
+    std::ofstream(m_sFile) << "2026-11-22 09:30:00.000 pid=1 tid=1 [MAC] to";
+    EXPECT_EQ(0, StatusOfChild([] {
+                  Write("one");
+                  Write("two");
+              }));
+    ASSERT_EQ(3u, Lines().size());
+    EXPECT_EQ((Strings{"to", "one", "two"}), Texts());
+}
+
 TEST_F(Qtrace, DoesNotBlock_WhenThePipeIsFull) {
     ASSERT_EQ(0, mkfifo(m_sFile.c_str(), 0600));
     const int nReader = open(m_sFile.c_str(), O_RDONLY | O_NONBLOCK);

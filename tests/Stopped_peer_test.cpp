@@ -10,6 +10,7 @@
 #include <fstream>
 #include <iterator>
 #include <memory>
+#include <set>
 #include <string>
 #include <thread>
 
@@ -19,15 +20,21 @@
 #include "CmThread.h"
 #include "support/ChildProcess.h"
 #include "support/Eventually.h"
+#include "support/EveryCall.h"
 #include "support/Faults.h"
 #include "support/Gate.h"
 #include "support/Home.h"
+#include "support/TraceLines.h"
 
 namespace UTIL_NS {
 namespace {
 
+using kelto_test::EMoment;
+using kelto_test::EndProcess;
 using kelto_test::Eventually;
 using kelto_test::Gate;
+using kelto_test::NumberedText;
+using kelto_test::ScopedCallHook;
 using kelto_test::ScopedEntry;
 using kelto_test::ScopedHome;
 using kelto_test::StatusOfChild;
@@ -238,6 +245,98 @@ TEST(StoppedPeer, LetsSettingsInForce_WhenTheWriterGetsOn) {
                             static_cast<size_t>(std::stol(sContent.substr(0, 31))));
               }));
 }
+
+// ---- Stopped at every call
+
+unsigned long s_ulCalls = 0;
+unsigned long s_ulStopAt = 0;
+EMoment s_stopMoment = EMoment::BEFORE;
+
+void StopAtCall(EMoment aMoment) {
+    if (aMoment == s_stopMoment && ++s_ulCalls == s_ulStopAt) {
+        raise(SIGSTOP);
+    }
+}
+
+void WriteNumbered(const std::string& aPath, unsigned long aLimit, int aWriter) {
+    CCmT120TraceFile file(aPath.c_str(), aLimit, 1, 0);
+    EXPECT_EQ(CM_OK, file.attach());
+    for (int n = 1; n <= 5; ++n) {
+        file.write(nullptr, "m", NumberedText({aWriter, n}).c_str());
+    }
+}
+
+// A process that writes the same lines and stops at one of its calls.
+class StoppingWriter {
+  public:
+    StoppingWriter(const std::string& aPath, unsigned long aLimit) : m_process(fork()) {
+        if (m_process == 0) {
+            s_ulCalls = 0;
+            const ScopedCallHook hook(&StopAtCall);
+            WriteNumbered(aPath, aLimit, 1);
+            EndProcess(testing::Test::HasFailure() ? 1 : 0);
+        }
+        waitpid(m_process, &m_nStatus, WUNTRACED);
+    }
+    ~StoppingWriter() { EXPECT_EQ(0, m_nStatus); }
+    StoppingWriter(const StoppingWriter&) = delete;
+    StoppingWriter& operator=(const StoppingWriter&) = delete;
+
+    // Otherwise it came to its end.
+    bool IsStopped() const { return WIFSTOPPED(m_nStatus); }
+    void GoOn() {
+        kill(m_process, SIGCONT);
+        waitpid(m_process, &m_nStatus, 0);
+    }
+
+  private:
+    const pid_t m_process;
+    int m_nStatus = -1;
+};
+
+class StoppedWriter : public testing::TestWithParam<unsigned long> {};
+
+TEST_P(StoppedWriter, HoldsUpNoOtherFileAndLosesNoLine_WhereverItStops) {
+    ScopedHome home;
+    const std::string sPath = home.path() + "a";
+    const std::string sOther = home.path() + "b";
+    const std::set<kelto_test::TraceLineId> last = {{1, 5}, {2, 5}};
+    unsigned long ulStops = 0;
+    for (const EMoment moment : {EMoment::BEFORE, EMoment::AFTER}) {
+        s_stopMoment = moment;
+        s_ulStopAt = 0;
+        bool bStopped = false;
+        do {
+            s_ulStopAt += KELTO_TEST_STRIDE;
+            unlink(sPath.c_str());
+            unlink(sOther.c_str());
+            StoppingWriter writer(sPath, GetParam());
+            bStopped = writer.IsStopped();
+            std::thread same([&] { WriteNumbered(sPath, GetParam(), 2); });
+            Gate returned;
+            std::thread other([&] {
+                WriteNumbered(sOther, 0, 3);
+                returned.Open();
+            });
+            EXPECT_TRUE(returned.Wait());
+            if (bStopped) {
+                ++ulStops;
+                writer.GoOn();
+            }
+            same.join();
+            other.join();
+            ASSERT_EQ("", kelto_test::FaultOf(ReadFile(sPath), last, GetParam() != 0))
+                << "stopped " << (moment == EMoment::BEFORE ? "before" : "after") << " call "
+                << s_ulStopAt << "\n"
+                << ReadFile(sPath);
+            ASSERT_EQ("", kelto_test::FaultOf(ReadFile(sOther), {{3, 1}, {3, 5}}, false));
+        } while (bStopped);
+    }
+    printf("%lu stops\n", ulStops);
+    EXPECT_LE(150UL, ulStops * KELTO_TEST_STRIDE);
+}
+
+INSTANTIATE_TEST_SUITE_P(Limits, StoppedWriter, testing::Values(0, 400));
 
 // ---- The lock within the process
 

@@ -89,4 +89,55 @@ TEST(UnloadThread, Ends_WhenItTracedAndTheLibraryWasClosed) {
     EXPECT_EQ(0, nStatus);
 }
 
+// A thread that has freed an event ends.
+struct EventSteps {
+    void* (*pfnNew)(size_t) = nullptr;
+    void (*pfnDelete)(void*) = nullptr;
+    kelto_test::Gate freed;
+    kelto_test::Gate closed;
+};
+
+void* MakeAndFree(void* aSteps) {
+    EventSteps* pSteps = static_cast<EventSteps*>(aSteps);
+    pSteps->pfnDelete(pSteps->pfnNew(64));
+    pSteps->freed.Open();
+    pSteps->closed.Wait();
+    return nullptr;
+}
+
+int EndPooledThreadAfterClosing() {
+    void* hLibrary = dlopen(UTIL_LIBRARY, RTLD_NOW | RTLD_LOCAL);
+    if (hLibrary == nullptr) {
+        return 2;
+    }
+    EventSteps steps;
+    void* const pNew = dlsym(hLibrary, "_ZN7UTIL_NS8ICmEventnwEm");
+    void* const pDelete = dlsym(hLibrary, "_ZN7UTIL_NS8ICmEventdlEPv");
+    if (pNew == nullptr || pDelete == nullptr) {
+        return 3;
+    }
+    memcpy(&steps.pfnNew, &pNew, sizeof(pNew));
+    memcpy(&steps.pfnDelete, &pDelete, sizeof(pDelete));
+    pthread_t thread;
+    if (pthread_create(&thread, nullptr, MakeAndFree, &steps) != 0) {
+        return 4;
+    }
+    if (!steps.freed.Wait()) {
+        return 5;
+    }
+    dlclose(hLibrary);
+    steps.closed.Open();
+    return pthread_join(thread, nullptr);
+}
+
+TEST(UnloadThread, Ends_WhenItFreedAnEventAndTheLibraryWasClosed) {
+    const pid_t child = fork();
+    if (child == 0) {
+        _exit(EndPooledThreadAfterClosing());
+    }
+    int nStatus = -1;
+    waitpid(child, &nStatus, 0);
+    EXPECT_EQ(0, nStatus);
+}
+
 }  // namespace

@@ -62,12 +62,20 @@ double ThreadSeconds() {
     return static_cast<double>(now.tv_sec) + 1e-9 * static_cast<double>(now.tv_nsec);
 }
 
-void CountLatencies(benchmark::State& aState, std::vector<double> aNanoseconds) {
-    std::sort(aNanoseconds.begin(), aNanoseconds.end());
-    for (size_t nPercentile : {50, 90, 99}) {
-        aState.counters["percentile_" + std::to_string(nPercentile)] =
-            aNanoseconds[(aNanoseconds.size() - 1) * nPercentile / 100];
+void CountFigure(benchmark::State& aState, const char* aUnit, double aValue) {
+    aState.counters[aUnit] = aValue;
+}
+
+void CountLatencies(benchmark::State& aState, const std::vector<double>& aNanoseconds) {
+    for (const char* pszPercentile : {"50", "90", "99", "99.9"}) {
+        aState.counters[std::string("percentile_") + pszPercentile] =
+            Percentile(aNanoseconds, std::strtod(pszPercentile, nullptr) / 100);
     }
+}
+
+double Percentile(std::vector<double> aValues, double aPart) {
+    std::sort(aValues.begin(), aValues.end());
+    return aValues[static_cast<size_t>(static_cast<double>(aValues.size() - 1) * aPart)];
 }
 
 std::string RandomBytes(size_t aSize) {

@@ -25,9 +25,7 @@ enum class Clock {
     PROCESS,  // processor time of all threads
     WALL,     // elapsed time
     MANUAL,   // what the row reports by SetIterationTime
-    // None: the row runs once a repetition and ends by CountLatencies; the tables have a line for
-    // each of three percentiles.
-    LATENCIES,
+    FIGURES,  // none: the row runs once a repetition and ends by CountFigure or CountLatencies
 };
 
 // Registers a row during the initialisation of static objects.
@@ -44,7 +42,7 @@ class Row {
             pRow->UseRealTime();
         } else if (aClock == Clock::MANUAL) {
             pRow->UseManualTime();
-        } else if (aClock == Clock::LATENCIES) {
+        } else if (aClock == Clock::FIGURES) {
             pRow->Iterations(1);
         }
     }
@@ -59,8 +57,18 @@ inline void Touch(const void* aObject) {
     asm volatile("" : : "g"(aObject) : "memory");
 }
 
-// The result of a row of Clock::LATENCIES. Not empty.
-void CountLatencies(benchmark::State& aState, std::vector<double> aNanoseconds);
+// Units of figures.
+inline constexpr char NANOSECONDS[] = "nanoseconds";
+inline constexpr char BYTES[] = "bytes";
+
+// The result of a row of Clock::FIGURES.
+void CountFigure(benchmark::State& aState, const char* aUnit, double aValue);
+
+// As above; the tables have a line for each of several percentiles.
+void CountLatencies(benchmark::State& aState, const std::vector<double>& aNanoseconds);
+
+// The value below which that part of aValues lies, which are not empty.
+double Percentile(std::vector<double> aValues, double aPart);
 
 // Counts aPerIteration pieces of work for each iteration; times are per piece.
 inline void CountItems(benchmark::State& aState, int64_t aPerIteration = 1) {

@@ -26,6 +26,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* aData, size_t aSize) {
     const unsigned long ulLimit = input.Byte() % 2 != 0 ? input.Bits<uint16_t>() : 0;
     const std::string sBefore = input.Rest();
     char szHeader[HEADER_LENGTH + 1] = {};
+    // NOLINTNEXTLINE(bugprone-not-null-terminated-result): the array was cleared
     memcpy(szHeader, sBefore.data(), std::min(sBefore.size(), HEADER_LENGTH));
     const long lBefore = strtol(szHeader, nullptr, 10);
     if (lBefore > POSITION_READ_BACK && lBefore <= LONG_MAX / 2) {

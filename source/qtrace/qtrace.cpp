@@ -205,9 +205,41 @@ class CLineTurn {
     const bool m_bNested;
 };
 
-// Part of a line reached the destination, and the rest did not. Read and written in a line's turn;
-// atomic for signal handlers that trace, which do not wait for theirs.
-std::atomic<bool> s_bTorn{false};
+// Whether part of a line reached the destination, and the rest did not. Read and written in a
+// line's turn; atomic for signal handlers that trace, which do not wait for theirs.
+enum class ETorn { NOT_LOOKED, NO, YES };
+std::atomic<ETorn> s_eTorn{ETorn::NOT_LOOKED};
+
+// Whether a file that holds something ends within a line: the disk was full, or a process was
+// killed. It is read by its name, since the destination is open for writing only.
+bool EndsWithinLine(int aDestination) {
+    const char* const pszPath = std::getenv("QTRACE_FILE");
+    struct stat file = {};
+    if (pszPath == nullptr || fstat(aDestination, &file) != 0 || !S_ISREG(file.st_mode) ||
+        file.st_size == 0) {
+        return false;
+    }
+    const int nFile = open(pszPath, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
+    if (nFile < 0) {
+        return false;
+    }
+    struct stat opened = {};
+    char ch = '\n';
+    const bool bRead = fstat(nFile, &opened) == 0 && opened.st_dev == file.st_dev &&
+                       opened.st_ino == file.st_ino &&
+                       pread(nFile, &ch, 1, opened.st_size - 1) == 1;
+    close(nFile);
+    return bRead && ch != '\n';
+}
+
+// Looks at the file once in a process, before its first line.
+bool IsTorn(int aDestination) {
+    if (s_eTorn.load(std::memory_order_relaxed) == ETorn::NOT_LOOKED) {
+        s_eTorn.store(EndsWithinLine(aDestination) ? ETorn::YES : ETorn::NO,
+                      std::memory_order_relaxed);
+    }
+    return s_eTorn.load(std::memory_order_relaxed) == ETorn::YES;
+}
 
 // A write that takes only a part is repeated with the rest: a disk may be filling up.
 bool WriteFully(CWriteSignals& aSignals, int aFile, const char* aText, size_t aLength) {
@@ -220,7 +252,7 @@ bool WriteFully(CWriteSignals& aSignals, int aFile, const char* aText, size_t aL
         if (nWritten <= 0) {
             aSignals.TakeBack(errno == EPIPE ? SIGPIPE : SIGXFSZ);
             if (nDone > 0) {
-                s_bTorn.store(true, std::memory_order_relaxed);
+                s_eTorn.store(ETorn::YES, std::memory_order_relaxed);
             }
             return false;
         }
@@ -234,11 +266,11 @@ void WriteLine(const char* aLine, size_t aLength) {
     const int nFile = Destination();
     CWriteSignals signals;
     CLineTurn turn;
-    if (s_bTorn.load(std::memory_order_relaxed)) {
+    if (IsTorn(nFile)) {
         if (!WriteFully(signals, nFile, "\n", 1)) {
             return;
         }
-        s_bTorn.store(false, std::memory_order_relaxed);
+        s_eTorn.store(ETorn::NO, std::memory_order_relaxed);
     }
     WriteFully(signals, nFile, aLine, aLength);
 }

@@ -3,16 +3,16 @@
 #include <cstring>
 #include <new>
 
+#include "CmBlockPool.h"
+
 namespace UTIL_NS {
 
 CCmDataBlock::~CCmDataBlock() = default;
 
 CmResult CCmDataBlock::CreateInstance(CCmDataBlock*& aDb, unsigned int aSize, const char* aData) {
     CM_ASSERTE_RETURN_LINE(aSize > 0, CM_ERROR_INVALID_ARG, 15);
-    void* pMemory = nullptr;
-    try {
-        pMemory = ::operator new(sizeof(CCmDataBlock) + aSize);
-    } catch (const std::bad_alloc&) {
+    void* const pMemory = CCmBlockPool::AllocateOrNull(sizeof(CCmDataBlock) + aSize);
+    if (pMemory == nullptr) {
         return CM_ERROR_OUT_OF_MEMORY;
     }
     char* pPayload = static_cast<char*>(pMemory) + sizeof(CCmDataBlock);
@@ -25,6 +25,10 @@ CmResult CCmDataBlock::CreateInstance(CCmDataBlock*& aDb, unsigned int aSize, co
 
 void CCmDataBlock::OnReferenceDestory() {
     delete this;
+}
+
+void CCmDataBlock::operator delete(void* aMemory) {
+    CCmBlockPool::Free(aMemory);
 }
 
 }  // namespace UTIL_NS

@@ -1,8 +1,11 @@
 #include "CmEventQueueBase.h"
 
+#include <sched.h>
+
 #include <algorithm>
 #include <new>
 
+#include "CmBlockPool.h"
 #include "CmCancel.h"
 #include "CmConditionSteps.h"
 #include "CmEventQueueSteps.h"
@@ -34,8 +37,20 @@ constexpr DWORD LONG_QUEUE_SIZE = 101;
 constexpr size_t SPARES_AT_LEAST = 256;
 constexpr size_t SPARES_AT_MOST = 16384;
 
+// How many nodes a loop allocates and keeps at most for what its own events post.
+constexpr size_t SPARES_OF_LOOP = 16;
+
 // Waits of a consumer are numbered from 1.
 constexpr DWORD NO_WAIT = 0;
+
+// How long a sender looks out for its result, and a loop for that sender's next post, before they
+// sleep: as long as it takes to wake a thread on an idle core.
+constexpr long long SPIN_NSEC = 50 * 1000;
+// A yield that took longer gave the core to a thread that has nothing to do with the send.
+constexpr CCmTimeValue LONG_YIELD(0, 100);
+
+// Whether the senders' spins have been worth it on this thread.
+thread_local CCmLearnedTry t_sendSpin;
 
 // The sleep between two looks for busy senders. A sender is busy for as long as a post takes, so a
 // queue's destructor hardly ever looks twice; a condition variable would cost every send instead.
@@ -73,14 +88,27 @@ void ICmEvent::OnDestorySelf() {
     delete this;
 }
 
+void* ICmEvent::operator new(size_t aSize) {
+    return CCmBlockPool::Allocate(aSize);
+}
+
+void* ICmEvent::operator new(size_t aSize, const std::nothrow_t&) noexcept {
+    return CCmBlockPool::AllocateOrNull(aSize);
+}
+
+void ICmEvent::operator delete(void* aMemory) noexcept {
+    CCmBlockPool::Free(aMemory);
+}
+
 ICmEventQueue::~ICmEventQueue() = default;
 
 const CCmTimeValue CCmEventQueueBase::s_tvReportInterval(0, 50000);
 
-// Counts the senders that touch the queue: those that are posting, and those whose event has run
-// and who have yet to post its wrapper back. Those that wait do not touch it.
 class CCmEventQueueBase::CQueueState {
   public:
+    // Counts the senders that touch the queue: those that are posting, and those whose event has
+    // run and who have yet to post its wrapper back. Those that wait do not touch it.
+    //
     // Relaxed: a sender comes in while somebody else still keeps the queue alive, its host or the
     // consumer that fires the event.
     void CountSenderIn() { m_lBusySenders.fetch_add(1, std::memory_order_relaxed); }
@@ -89,9 +117,54 @@ class CCmEventQueueBase::CQueueState {
     void CountSenderOut() { m_lBusySenders.fetch_sub(1, std::memory_order_release); }
     bool HasBusySenders() const { return m_lBusySenders.load(std::memory_order_acquire) != 0; }
 
+    // The loop that runs this queue, for its own thread; null for all others. Relaxed: a thread
+    // finds itself in m_LoopTid only if it stored that itself, after m_pLoop.
+    CCmEventQueueSteps::CLoop* LoopOfThisThread() const {
+        return IsEqualCurrentThread(m_LoopTid.load(std::memory_order_relaxed)) ? m_pLoop : nullptr;
+    }
+    void SetLoop(CCmEventQueueSteps::CLoop* aLoop) {
+        m_pLoop = aLoop;
+        m_LoopTid.store(aLoop != nullptr ? pthread_self() : pthread_t(), std::memory_order_relaxed);
+    }
+
+    // The length of the loop's private list, which the loop's thread alone changes. A count like
+    // m_dwSize: nothing is handed over with it.
+    CmStd::atomic<DWORD> m_dwOwn{0};
+    // How often another thread has destroyed what is pending while the private list was not empty.
+    // The loop's thread ends those events without firing them. Relaxed: if that destruction
+    // happened before the loop looks here, it sees it; if not, the two may go either way.
+    CmStd::atomic<DWORD> m_dwDiscards{0};
+    // The core on which a loop last fired a send; -1: unknown. A hint (relaxed).
+    CmStd::atomic<int> m_nLoopCore{-1};
+
   private:
     CmStd::atomic<long> m_lBusySenders{0};
+    CmStd::atomic<pthread_t> m_LoopTid{pthread_t()};
+    CCmEventQueueSteps::CLoop* m_pLoop = nullptr;  // read by its own thread only
 };
+
+CCmEventQueueSteps::CLoop* CCmEventQueueSteps::LoopOfThisThread(CCmEventQueueBase& aQueue) {
+    return CCmPrivateRoom::Of(aQueue.m_Private).LoopOfThisThread();
+}
+
+// Those in the queue and those in the private list of its loop.
+DWORD CCmEventQueueSteps::PendingCount(const CCmEventQueueBase& aQueue) {
+    return aQueue.m_dwSize.load(std::memory_order_relaxed) + OwnCount(aQueue);
+}
+
+DWORD CCmEventQueueSteps::OwnCount(const CCmEventQueueBase& aQueue) {
+    return CCmPrivateRoom::Of(aQueue.m_Private).m_dwOwn.load(std::memory_order_relaxed);
+}
+
+// For the functions without a lock, whose callers serialise: on the loop's thread the private list
+// counts as the first part of the queue.
+void CCmEventQueueSteps::GatherOwn(CCmEventQueueBase& aQueue) {
+    if (CM_UNLIKELY(OwnCount(aQueue) != 0)) {
+        if (CLoop* const pLoop = LoopOfThisThread(aQueue)) {
+            pLoop->GiveOwn();
+        }
+    }
+}
 
 // One post, in three steps: what takes time is done before the queue's lock is taken and after it
 // was released. m_bIsStopped and m_Tid are read relaxed: outside the lock the answer is only a hint
@@ -123,7 +196,7 @@ class CCmEventQueueSteps::CPosting {
         m_Queue.m_Events.back() = m_pEvent;
         const DWORD dwSize = m_Queue.m_dwSize.load(std::memory_order_relaxed) + 1;
         m_Queue.m_dwSize.store(dwSize, std::memory_order_relaxed);
-        WatchSize(dwSize);
+        WatchSize();
         return CM_OK;
     }
     // After the lock was released: writes the lines and destroys an event that was refused.
@@ -146,14 +219,15 @@ class CCmEventQueueSteps::CPosting {
     }
 
   private:
-    void WatchSize(DWORD aSize) {
+    void WatchSize() {
         if (CM_LIKELY(CCmTimeValue(m_tvCoarseNow) - m_Queue.m_tvLastReport <= WATCH_PAUSE)) {
             return;
         }
         const CCmTimeValue tvNow = CCmTimeValue::GetTimeOfDay();
         if (tvNow - m_Queue.m_tvLastReport > WATCH_INTERVAL) {
             m_Queue.m_tvLastReport = tvNow;
-            m_dwReportSize = aSize >= LONG_QUEUE_SIZE ? aSize : 0;
+            const DWORD dwSize = PendingCount(m_Queue);
+            m_dwReportSize = dwSize >= LONG_QUEUE_SIZE ? dwSize : 0;
         }
     }
 
@@ -168,8 +242,9 @@ class CCmEventQueueSteps::CPosting {
 // so that one reading of the clock an event is enough.
 class CCmEventQueueSteps::CPass {
   public:
-    explicit CPass(CCmEventQueueBase& aQueue)
-        : m_Queue(aQueue), m_pFiring(nullptr), m_tvStart(CCmTimeValue::GetTimeOfDay()) {}
+    explicit CPass(CCmEventQueueBase& aQueue) : CPass(aQueue, CCmTimeValue::GetTimeOfDay()) {}
+    CPass(CCmEventQueueBase& aQueue, const CCmTimeValue& aStart)
+        : m_Queue(aQueue), m_pFiring(nullptr), m_tvStart(aStart) {}
     CPass(const CPass&) = delete;
     CPass& operator=(const CPass&) = delete;
 
@@ -187,6 +262,8 @@ class CCmEventQueueSteps::CPass {
             m_tvStart = CCmTimeValue::GetTimeOfDay();  // the line is not part of the next event
         }
     }
+    // When the last event ended, or the pass began.
+    const CCmTimeValue& End() const { return m_tvStart; }
     // For a thread that is cancelled: an event that has begun is destroyed where it began.
     void DestroyFiring() {
         if (m_pFiring != nullptr) {
@@ -198,9 +275,8 @@ class CCmEventQueueSteps::CPass {
     // aEvent has been destroyed: its address is all that is used.
     void Report(ICmEvent* aEvent, const CCmTimeValue& aElapsed) const {
         CM_WARNING_TRACE("CCmEventQueueBase::ProcessOneEvent, report, sec="
-                         << aElapsed.GetSec() << " usec=" << aElapsed.GetUsec()
-                         << " aEvent=" << CmTraceAddress(aEvent)
-                         << " m_dwSize=" << m_Queue.m_dwSize.load(std::memory_order_relaxed)
+                         << aElapsed.GetSec() << " usec=" << aElapsed.GetUsec() << " aEvent="
+                         << CmTraceAddress(aEvent) << " m_dwSize=" << PendingCount(m_Queue)
                          << " this=" << CmTraceAddress(&m_Queue));
     }
 
@@ -214,25 +290,30 @@ class CCmEventQueueSteps::CPass {
 // destroyed, and aLeave is called with the place of the first event that has not begun, which stays
 // with its owner, as do those after it. aStop is read relaxed: nothing is handed over with it.
 template <class IteratorType, class LeaveType>
-void CCmEventQueueSteps::Run(CCmEventQueueBase& aQueue, IteratorType aNext, IteratorType aEnd,
+void CCmEventQueueSteps::Run(CPass& aPass, IteratorType aNext, IteratorType aEnd,
                              const CmStd::atomic<bool>* aStop, LeaveType aLeave) {
-    CPass pass(aQueue);
-    CCmCleanUpT leave([&pass, &aNext, &aLeave] {
-        pass.DestroyFiring();
+    CCmCleanUpT leave([&aPass, &aNext, &aLeave] {
+        aPass.DestroyFiring();
         aLeave(aNext);
     });
     while (aNext != aEnd && (aStop == nullptr || !aStop->load(std::memory_order_relaxed))) {
         ICmEvent* const pEvent = *aNext++;
-        pass.RunAndDestroy(pEvent);
+        aPass.RunAndDestroy(pEvent);
     }
     leave.Execute();
 }
 
 // Events are destroyed without the lock: they may post.
 void CCmEventQueueSteps::DestroyPending(CCmEventQueueBase& aQueue, CCmMutexThread& aMutex) {
+    CCmEventQueueBase::CQueueState& state = CCmPrivateRoom::Of(aQueue.m_Private);
     std::list<ICmEvent*> events;
     {
         CCmScopedLockT<CCmMutexThread> lock(aMutex);
+        if (CLoop* const pLoop = state.LoopOfThisThread()) {
+            pLoop->GiveOwn();
+        } else if (state.m_dwOwn.load(std::memory_order_relaxed) != 0) {
+            state.m_dwDiscards.fetch_add(1, std::memory_order_relaxed);
+        }
         events.swap(aQueue.m_Events);
     }
     DestroyAll(events);
@@ -266,13 +347,14 @@ CmResult CCmEventQueueBase::PostEvent(ICmEvent* aEvent, EPriority /*aPri*/) {
 }
 
 DWORD CCmEventQueueBase::GetPendingEventsCount() {
-    return m_dwSize.load(std::memory_order_relaxed);
+    return CCmEventQueueSteps::PendingCount(*this);
 }
 
 // m_dwSize may be above 0 while the list is empty: DestoryPendingEvents leaves it as it was. It is
 // atomic for GetPendingEventsCount, which takes no lock; nothing is handed over with it.
 CmResult CCmEventQueueBase::PopPendingEvents(std::list<ICmEvent*>& aEvents, DWORD aMaxCount,
                                              DWORD* aRemainSize) {
+    CCmEventQueueSteps::GatherOwn(*this);
     DWORD dwSize = m_dwSize.load(std::memory_order_relaxed);
     if (dwSize == 0) {
         return CM_ERROR_NOT_FOUND;
@@ -296,6 +378,7 @@ CmResult CCmEventQueueBase::PopPendingEvents(std::list<ICmEvent*>& aEvents, DWOR
 }
 
 CmResult CCmEventQueueBase::PopOnePendingEvent(ICmEvent*& aEvent, DWORD* aRemainSize) {
+    CCmEventQueueSteps::GatherOwn(*this);
     if (m_Events.empty()) {
         return CM_ERROR_NOT_FOUND;
     }
@@ -310,17 +393,20 @@ CmResult CCmEventQueueBase::PopOnePendingEvent(ICmEvent*& aEvent, DWORD* aRemain
 }
 
 CmResult CCmEventQueueBase::ProcessEvents(const std::list<ICmEvent*>& aEvents) {
-    CCmEventQueueSteps::Run(*this, aEvents.begin(), aEvents.end(), nullptr, [](auto) {});
+    CCmEventQueueSteps::CPass pass(*this);
+    CCmEventQueueSteps::Run(pass, aEvents.begin(), aEvents.end(), nullptr, [](auto) {});
     return CM_OK;
 }
 
 CmResult CCmEventQueueBase::ProcessOneEvent(ICmEvent* aEvent) {
     CM_ASSERTE_RETURN(aEvent, CM_ERROR_INVALID_ARG);
-    CCmEventQueueSteps::Run(*this, &aEvent, &aEvent + 1, nullptr, [](auto) {});
+    CCmEventQueueSteps::CPass pass(*this);
+    CCmEventQueueSteps::Run(pass, &aEvent, &aEvent + 1, nullptr, [](auto) {});
     return CM_OK;
 }
 
 void CCmEventQueueBase::DestoryPendingEvents() {
+    CCmEventQueueSteps::GatherOwn(*this);
     std::list<ICmEvent*> events;
     events.swap(m_Events);
     DestroyAll(events);
@@ -387,6 +473,11 @@ class CCmEventSynchronous::CSendState {
     void SetFired() {
         m_bFiredElsewhere = !IsEqualCurrentThread(m_Wrapper.m_CreatorTid);
         HoldQueue();
+        if (m_bHoldsQueue) {
+            if (CCmEventQueueSteps::CLoop* const pLoop = QueueState().LoopOfThisThread()) {
+                pLoop->NoteSend(m_nSenderCore);
+            }
+        }
         if (m_nOutcome.exchange(OUTCOME_FIRED, std::memory_order_acq_rel) == OUTCOME_ABANDONED) {
             ReleaseQueue();
         }
@@ -446,6 +537,7 @@ class CCmEventSynchronous::CSendState {
     bool m_bHoldsQueue = false;  // set by Send, before it posts: the post orders it
     // On another thread than the one that made the wrapper; written before FIRED, read after it.
     bool m_bFiredElsewhere = false;
+    int m_nSenderCore = -1;  // where Send was called, or -1
 };
 
 CmResult CCmEventQueueBase::SendEvent(ICmEvent* aEvent) {
@@ -470,6 +562,9 @@ CmResult CCmEventSynchronous::CSendState::Send() {
     CCmEventQueueBase& queue = *m_Wrapper.m_pEventQueue;
     CCmEventQueueBase::CQueueState& queueState = QueueState();
     m_bHoldsQueue = true;
+    m_nSenderCore = CmPortCurrentCore();
+    const int nLoopCore = queueState.m_nLoopCore.load(std::memory_order_relaxed);
+    const bool bMaySpin = nLoopCore != -1 && nLoopCore != m_nSenderCore;
     queueState.CountSenderIn();
     CCmCleanUpT giveUp([this, &queueState] {
         Abandon();
@@ -481,6 +576,11 @@ CmResult CCmEventSynchronous::CSendState::Send() {
     if (CM_FAILED(rv)) {
         LetGo();  // PostEvent destroyed the event and let go for the queue
         return rv;
+    }
+    if (bMaySpin && t_sendSpin.MayTry()) {
+        t_sendSpin.Note(CmSpinUntil(
+            [this] { return m_nOutcome.load(std::memory_order_relaxed) != OUTCOME_NONE; },
+            SPIN_NSEC));
     }
     return Wait();
 }
@@ -605,7 +705,8 @@ void CCmEventQueueUsingMutex::DestoryPendingEvents() {
 }
 
 void CCmEventQueueUsingMutex::ProcessTakenEvents(std::list<ICmEvent*>& aEvents) {
-    CCmEventQueueSteps::Run(*this, aEvents.begin(), aEvents.end(), nullptr,
+    CCmEventQueueSteps::CPass pass(*this);
+    CCmEventQueueSteps::Run(pass, aEvents.begin(), aEvents.end(), nullptr,
                             [&aEvents](std::list<ICmEvent*>::iterator aRest) {
                                 aEvents.erase(aEvents.begin(), aRest);
                                 DestroyEach(aEvents);
@@ -620,6 +721,10 @@ class CCmEventQueueUsingConditionVariable::CConditionQueueState {
     CConditionQueueState& operator=(const CConditionQueueState&) = delete;
 
     CmResult Post(ICmEvent* aEvent) {
+        CCmEventQueueSteps::CLoop* const pLoop = CCmEventQueueSteps::LoopOfThisThread(m_Queue);
+        if (pLoop != nullptr && pLoop->MayPost() && pLoop->PostOwn(aEvent, m_Spent)) {
+            return CM_OK;
+        }
         CCmEventQueueSteps::CPosting posting(m_Queue, aEvent);
         DWORD dwWait = NO_WAIT;
         CmResult rv = posting.Prepare(m_dwSpares.load(std::memory_order_relaxed) == 0);
@@ -628,6 +733,9 @@ class CCmEventQueueUsingConditionVariable::CConditionQueueState {
             rv = Append_l(posting);
             if (CM_SUCCEEDED(rv)) {
                 dwWait = WaitToSignal_l();
+            }
+            if (pLoop != nullptr) {
+                pLoop->NoteWatch();
             }
         }
         if (dwWait != NO_WAIT) {
@@ -641,14 +749,28 @@ class CCmEventQueueUsingConditionVariable::CConditionQueueState {
     // the lock. A thread that is cancelled in it leaves the queue as it was.
     template <class WaitType>
     CmResult PopOrWait(std::list<ICmEvent*>& aEvents, DWORD aMaxCount, WaitType aWait) {
+        CCmEventQueueSteps::CLoop* const pLoop = CCmEventQueueSteps::LoopOfThisThread(m_Queue);
+        if (pLoop != nullptr && pLoop->TakeOwn(aEvents, aMaxCount)) {
+            return CM_OK;
+        }
         CCmScopedLockT<CCmMutexThread> lock(m_Queue.m_Mutex);
-        if (!m_Spent.empty()) {
-            m_Spares.splice(m_Spares.end(), m_Spent);
+        if (pLoop != nullptr) {
+            pLoop->GiveOwn();
+            pLoop->NoteWatch();
+        }
+        const size_t nNodesOfLoop = pLoop != nullptr ? pLoop->CountOfNodes() : 0;
+        if (m_Spent.size() > nNodesOfLoop) {
+            m_Spares.splice(m_Spares.begin(), m_Spent);
+            m_Spent.splice(m_Spent.begin(), m_Spares, m_Spares.begin(),
+                           std::next(m_Spares.begin(), static_cast<long>(nNodesOfLoop)));
             m_dwSpares.store(static_cast<DWORD>(m_Spares.size()), std::memory_order_relaxed);
         }
         // Not when the lock could not be taken: the wait would return with it taken, and nobody
         // would release it.
         if (m_Queue.m_Events.empty() && CM_SUCCEEDED(lock.result())) {
+            if (pLoop != nullptr) {
+                pLoop->ForgetEnd();
+            }
             EnterWait_l();
             CCmCleanUpT leave([this, &lock]() CM_NO_THREAD_SAFETY_ANALYSIS {
                 LeaveWait_l();
@@ -662,8 +784,9 @@ class CCmEventQueueUsingConditionVariable::CConditionQueueState {
     }
 
     // Consumer thread only.
-    void Run(std::list<ICmEvent*>& aEvents, const CmStd::atomic<bool>* aStop) {
-        CCmEventQueueSteps::Run(m_Queue, aEvents.begin(), aEvents.end(), aStop,
+    void Run(CCmEventQueueSteps::CPass& aPass, std::list<ICmEvent*>& aEvents,
+             const CmStd::atomic<bool>* aStop) {
+        CCmEventQueueSteps::Run(aPass, aEvents.begin(), aEvents.end(), aStop,
                                 [this, &aEvents](std::list<ICmEvent*>::iterator aRest) {
                                     PutBack(aEvents, aRest);
                                     KeepNodes(aEvents);
@@ -679,6 +802,10 @@ class CCmEventQueueUsingConditionVariable::CConditionQueueState {
         std::list<ICmEvent*> rest;
         rest.splice(rest.end(), aEvents, aRest, aEvents.end());
         CCmScopedLockT<CCmMutexThread> lock(m_Queue.m_Mutex);
+        if (CCmEventQueueSteps::CLoop* const pLoop =
+                CCmEventQueueSteps::LoopOfThisThread(m_Queue)) {
+            pLoop->GiveOwn();
+        }
         m_Queue.m_dwSize.fetch_add(static_cast<DWORD>(rest.size()), std::memory_order_relaxed);
         m_Queue.m_Events.splice(m_Queue.m_Events.begin(), rest);
     }
@@ -785,28 +912,9 @@ CmResult CCmEventQueueUsingConditionVariable::PopOrWaitPendingEvents(std::list<I
     return rv;
 }
 
-CmResult CCmEventQueueSteps::PopOrWaitUntil(CCmEventQueueUsingConditionVariable& aQueue,
-                                            std::list<ICmEvent*>& aEvents,
-                                            const long long* aDeadlineNsec, DWORD aMaxCount) {
-    if (aDeadlineNsec == nullptr) {
-        return aQueue.PopOrWaitPendingEvents(aEvents, nullptr, aMaxCount);
-    }
-    int nError = 0;
-    const CmResult rv = CCmPrivateRoom::Of(aQueue.m_Private).PopOrWait(aEvents, aMaxCount, [&] {
-        nError = CCmConditionSteps::WaitUntilCall(aQueue.m_Condition, *aDeadlineNsec);
-    });
-    CCmConditionSteps::WaitUntilResult(aQueue.m_Condition, *aDeadlineNsec, nError);
-    return rv;
-}
-
 void CCmEventQueueUsingConditionVariable::ProcessAndRecycleEvents(std::list<ICmEvent*>& aEvents) {
-    CCmPrivateRoom::Of(m_Private).Run(aEvents, nullptr);
-}
-
-void CCmEventQueueSteps::ProcessUntilStopped(CCmEventQueueUsingConditionVariable& aQueue,
-                                             std::list<ICmEvent*>& aEvents,
-                                             const CmStd::atomic<bool>& aStop) {
-    CCmPrivateRoom::Of(aQueue.m_Private).Run(aEvents, &aStop);
+    CCmEventQueueSteps::CPass pass(*this);
+    CCmPrivateRoom::Of(m_Private).Run(pass, aEvents, nullptr);
 }
 
 void CCmEventQueueUsingConditionVariable::DestoryPendingEvents() {
@@ -823,7 +931,197 @@ void CCmEventQueueUsingConditionVariable::StopAndDestoryPendingEvents() {
 
 bool CCmEventQueueUsingConditionVariable::IsStoppedAndEmpty() {
     CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
-    return m_bIsStopped.load(std::memory_order_relaxed) && m_Events.empty();
+    return m_bIsStopped.load(std::memory_order_relaxed) && m_Events.empty() &&
+           CCmEventQueueSteps::OwnCount(*this) == 0;
+}
+
+CCmEventQueueSteps::CLoop::CLoop(CCmEventQueueUsingConditionVariable& aQueue)
+    : m_Queue(aQueue),
+      m_State(CCmPrivateRoom::Of(aQueue.CCmEventQueueBase::m_Private)),
+      m_pOuter(m_State.LoopOfThisThread()),
+      m_dwDiscards(m_State.m_dwDiscards.load(std::memory_order_relaxed)),
+      m_bGoesOn(false),
+      m_nNodes(0),
+      m_nOwnCore(-1),
+      m_nSenderCore(-1) {
+    CCmScopedLockT<CCmMutexThread> lock(m_Queue.m_Mutex);
+    if (m_pOuter != nullptr) {
+        m_pOuter->GiveOwn();
+    }
+    NoteWatch();
+    m_State.SetLoop(this);
+}
+
+void CCmEventQueueSteps::CLoop::End() {
+    {
+        CCmScopedLockT<CCmMutexThread> lock(m_Queue.m_Mutex);
+        GiveOwn();
+        m_State.SetLoop(m_pOuter);
+    }
+    DestroyEach(m_Discarded);
+}
+
+void CCmEventQueueSteps::CLoop::RunEvents(CCmTimeValue* aTimeout, DWORD aMaxCount) {
+    EndDiscarded();
+    if (m_nOwnCore != -1 && aTimeout == nullptr) {
+        AwaitSender();
+    }
+    CCmTimeValue tvTend(CCmBlockPool::TEND_SEC);
+    if (CM_UNLIKELY(CCmBlockPool::Tend()) && (aTimeout == nullptr || *aTimeout > tvTend)) {
+        aTimeout = &tvTend;
+    }
+    std::list<ICmEvent*> events;
+    if (CM_SUCCEEDED(m_Queue.PopOrWaitPendingEvents(events, aTimeout, aMaxCount))) {
+        RunTaken(events, nullptr);
+    }
+}
+
+void CCmEventQueueSteps::CLoop::RunEventsUntil(const long long* aDeadlineNsec, DWORD aMaxCount,
+                                               const CmStd::atomic<bool>& aStop) {
+    EndDiscarded();
+    if (m_nOwnCore != -1 && aDeadlineNsec == nullptr) {
+        AwaitSender();
+    }
+    std::list<ICmEvent*> events;
+    if (CM_SUCCEEDED(PopOrWaitUntil(events, aDeadlineNsec, aMaxCount))) {
+        RunTaken(events, &aStop);
+    }
+}
+
+// A sender whose event has fired posts its wrapper back as soon as it runs, and often the next send
+// after it. If the loop slept by then, each would have to wake it. On a core of its own the loop
+// looks out for them for a moment. On the sender's core it lets the sender go first; where a yield
+// has given the core to somebody else for long, it does not do that again for a long time.
+void CCmEventQueueSteps::CLoop::AwaitSender() {
+    const bool bSameCore = m_nOwnCore == m_nSenderCore;
+    m_nOwnCore = -1;
+    const auto hasPost = [this] { return m_Queue.m_dwSize.load(std::memory_order_relaxed) != 0; };
+    CCmLearnedTry& learned = bSameCore ? m_Yield : m_Spin;
+    if (!m_bGoesOn || !m_Own.empty() || hasPost() || !learned.MayTry()) {
+        return;
+    }
+    if (bSameCore) {
+        sched_yield();
+    }
+    const bool bCame = bSameCore ? hasPost() : CmSpinUntil(hasPost, SPIN_NSEC);
+    // This reading is the start of the next event, so that it costs nothing where that is there.
+    const CCmTimeValue tvNow = CCmTimeValue::GetTimeOfDay();
+    if (bSameCore && tvNow - m_tvEnd > LONG_YIELD) {
+        learned.NoteHarm();
+    } else {
+        learned.Note(bCame);
+    }
+    m_tvEnd = tvNow;
+}
+
+// An event that was sent has been fired in this pass.
+void CCmEventQueueSteps::CLoop::NoteSend(int aSenderCore) {
+    m_nOwnCore = aSenderCore != -1 ? CmPortCurrentCore() : -1;
+    m_nSenderCore = aSenderCore;
+    m_State.m_nLoopCore.store(m_nOwnCore, std::memory_order_relaxed);
+}
+
+CmResult CCmEventQueueSteps::CLoop::PopOrWaitUntil(std::list<ICmEvent*>& aEvents,
+                                                   const long long* aDeadlineNsec,
+                                                   DWORD aMaxCount) {
+    if (aDeadlineNsec == nullptr) {
+        return m_Queue.PopOrWaitPendingEvents(aEvents, nullptr, aMaxCount);
+    }
+    int nError = 0;
+    const CmResult rv = CCmPrivateRoom::Of(m_Queue.m_Private).PopOrWait(aEvents, aMaxCount, [&] {
+        nError = CCmConditionSteps::WaitUntilCall(m_Queue.m_Condition, *aDeadlineNsec);
+    });
+    CCmConditionSteps::WaitUntilResult(m_Queue.m_Condition, *aDeadlineNsec, nError);
+    return rv;
+}
+
+void CCmEventQueueSteps::CLoop::RunTaken(std::list<ICmEvent*>& aEvents,
+                                         const CmStd::atomic<bool>* aStop) {
+    CPass pass(m_Queue, m_bGoesOn ? m_tvEnd : CCmTimeValue::GetTimeOfDay());
+    CCmPrivateRoom::Of(m_Queue.m_Private).Run(pass, aEvents, aStop);
+    m_tvEnd = pass.End();
+    m_bGoesOn = true;
+}
+
+// Whether a post may go to the private list. m_bIsStopped relaxed, as in CPosting::Prepare: what
+// this thread has closed itself it finds closed.
+bool CCmEventQueueSteps::CLoop::MayPost() const {
+    if (m_Queue.m_dwSize.load(std::memory_order_relaxed) != 0 || HasDiscards() ||
+        m_Queue.m_bIsStopped.load(std::memory_order_relaxed)) {
+        return false;
+    }
+    timeval tvCoarseNow = {};
+    g_cmClock.coarse_gettimeofday(&tvCoarseNow, nullptr);
+    return CCmTimeValue(tvCoarseNow) <= m_tvWatchFrom;
+}
+
+// Under the lock. A stale m_tvWatchFrom is early: a post then looks at the real one, under the
+// lock.
+void CCmEventQueueSteps::CLoop::NoteWatch() {
+    m_tvWatchFrom = m_Queue.m_tvLastReport + WATCH_PAUSE;
+}
+
+// With a node of aNodes, the spent ones. Those that the loop has allocated stay there for it: other
+// posters do without them. False when there is none.
+bool CCmEventQueueSteps::CLoop::PostOwn(ICmEvent* aEvent, std::list<ICmEvent*>& aNodes) {
+    if (CM_UNLIKELY(aNodes.empty())) {
+        if (m_nNodes == SPARES_OF_LOOP || CM_FAILED(CmAddNode(aNodes, nullptr))) {
+            return false;
+        }
+        ++m_nNodes;
+    }
+    m_Own.splice(m_Own.end(), aNodes, aNodes.begin());
+    m_Own.back() = aEvent;
+    CountOwn(m_Own.size());
+    return true;
+}
+
+// Takes at most aMaxCount events, without the lock, if they can only be the loop's own.
+bool CCmEventQueueSteps::CLoop::TakeOwn(std::list<ICmEvent*>& aEvents, DWORD aMaxCount) {
+    if (m_Own.empty() || m_Queue.m_dwSize.load(std::memory_order_relaxed) != 0 || HasDiscards()) {
+        return false;
+    }
+    if (m_Own.size() <= aMaxCount) {
+        aEvents.splice(aEvents.end(), m_Own);
+    } else {
+        aEvents.splice(aEvents.end(), m_Own, m_Own.begin(), std::next(m_Own.begin(), aMaxCount));
+    }
+    CountOwn(m_Own.size());
+    return true;
+}
+
+// Under the lock. What is in the private list becomes the head of the queue, or is to be destroyed.
+void CCmEventQueueSteps::CLoop::GiveOwn() {
+    const bool bDiscards = HasDiscards();
+    m_dwDiscards = m_State.m_dwDiscards.load(std::memory_order_relaxed);
+    if (m_Own.empty()) {
+        return;
+    }
+    m_Queue.m_dwSize.fetch_add(static_cast<DWORD>(m_Own.size()), std::memory_order_relaxed);
+    if (bDiscards) {
+        m_Discarded.splice(m_Discarded.end(), m_Own);
+    } else {
+        m_Queue.m_Events.splice(m_Queue.m_Events.begin(), m_Own);
+    }
+    CountOwn(0);
+}
+
+bool CCmEventQueueSteps::CLoop::HasDiscards() const {
+    return m_State.m_dwDiscards.load(std::memory_order_relaxed) != m_dwDiscards;
+}
+
+void CCmEventQueueSteps::CLoop::EndDiscarded() {
+    if (CM_UNLIKELY(HasDiscards())) {
+        CCmScopedLockT<CCmMutexThread> lock(m_Queue.m_Mutex);
+        GiveOwn();
+    }
+    if (CM_UNLIKELY(!m_Discarded.empty())) {
+        DestroyAll(m_Discarded);
+    }
+}
+
+void CCmEventQueueSteps::CLoop::CountOwn(size_t aCount) {
+    m_State.m_dwOwn.store(static_cast<DWORD>(aCount), std::memory_order_relaxed);
 }
 
 }  // namespace UTIL_NS

@@ -6,14 +6,11 @@
 
 #include "CmAtomic.h"
 #include "CmBase.h"
+#include "CmBriefWait.h"
+#include "CmEventQueueBase.h"
+#include "CmTimeValue.h"
 
 namespace UTIL_NS {
-
-class CCmEventQueueBase;
-class CCmEventQueueUsingConditionVariable;
-class CCmMutexThread;
-class ICmEvent;
-class ICmEventQueue;
 
 class CCmEventQueueSteps {
   public:
@@ -21,24 +18,88 @@ class CCmEventQueueSteps {
     // counts as that of the registered thread that has it. CmEvent.cpp.
     static bool IsOwnThread(ICmEventQueue& aQueue);
 
-    // For a loop that waits by the monotonic clock: PopOrWaitPendingEvents up to a moment of it, in
-    // nanoseconds (null: no limit).
-    static CmResult PopOrWaitUntil(CCmEventQueueUsingConditionVariable& aQueue,
-                                   std::list<ICmEvent*>& aEvents, const long long* aDeadlineNsec,
-                                   DWORD aMaxCount);
-    // ProcessAndRecycleEvents until aStop becomes true; events that have not begun then go back to
-    // the head of the queue.
-    static void ProcessUntilStopped(CCmEventQueueUsingConditionVariable& aQueue,
-                                    std::list<ICmEvent*>& aEvents,
-                                    const CmStd::atomic<bool>& aStop);
+    class CLoop;
 
     // Defined and used in CmEventQueueBase.cpp alone.
     class CPosting;
     class CPass;
     template <class IteratorType, class LeaveType>
-    static void Run(CCmEventQueueBase& aQueue, IteratorType aNext, IteratorType aEnd,
+    static void Run(CPass& aPass, IteratorType aNext, IteratorType aEnd,
                     const CmStd::atomic<bool>* aStop, LeaveType aLeave);
     static void DestroyPending(CCmEventQueueBase& aQueue, CCmMutexThread& aMutex);
+    static DWORD PendingCount(const CCmEventQueueBase& aQueue);
+    static DWORD OwnCount(const CCmEventQueueBase& aQueue);
+    static void GatherOwn(CCmEventQueueBase& aQueue);
+    static CLoop* LoopOfThisThread(CCmEventQueueBase& aQueue);
+};
+
+// A consumer that does nothing but run its queue, and timers between the passes, from the
+// construction of its loop to End. While the loop lives:
+//
+// - What its own events and timers post goes to a private list, without the lock, as long as the
+//   queue itself is empty. The private list runs before the queue, and that is the order of
+//   posting. Of an event P in it and an event X in the queue, X cannot have been posted before P:
+//   the post of X raised m_dwSize, and had it happened before that of P, the latter would have read
+//   that value or a later one; later ones are lower only once this thread has taken X out, since
+//   nobody else does.
+// - The end of one event is the start of the next also from pass to pass, which saves a reading of
+//   the clock, unless the consumer has waited meanwhile or says ForgetEnd.
+//
+// Loop thread only. A loop of a queue inside another of the same queue takes over until its End.
+class CCmEventQueueSteps::CLoop {
+  public:
+    explicit CLoop(CCmEventQueueUsingConditionVariable& aQueue);
+    CLoop(const CLoop&) = delete;
+    CLoop& operator=(const CLoop&) = delete;
+    // Must be called, also when the thread is cancelled: what is in the private list is pending in
+    // the queue then, ahead of what others have posted.
+    void End();
+
+    // Something else than events has taken time: a timer has fired.
+    void ForgetEnd() { m_bGoesOn = false; }
+    // Waits while nothing is pending, at most aTimeout (null: no limit), and runs at most aMaxCount
+    // events. May return without one before that, to look after the memory of those that have run.
+    void RunEvents(CCmTimeValue* aTimeout, DWORD aMaxCount);
+    // The same with a limit by the monotonic clock, in nanoseconds (null: none). When aStop becomes
+    // true, events that have not begun go back to the head of the queue.
+    void RunEventsUntil(const long long* aDeadlineNsec, DWORD aMaxCount,
+                        const CmStd::atomic<bool>& aStop);
+
+  private:
+    friend class CCmEventQueueBase;
+    friend class CCmEventQueueSteps;
+    friend class CCmEventSynchronous;
+    friend class CCmEventQueueUsingConditionVariable;
+
+    void AwaitSender();
+    CmResult PopOrWaitUntil(std::list<ICmEvent*>& aEvents, const long long* aDeadlineNsec,
+                            DWORD aMaxCount);
+    void RunTaken(std::list<ICmEvent*>& aEvents, const CmStd::atomic<bool>* aStop);
+    void NoteSend(int aSenderCore);
+    bool MayPost() const;
+    void NoteWatch();
+    bool PostOwn(ICmEvent* aEvent, std::list<ICmEvent*>& aNodes);
+    size_t CountOfNodes() const { return m_nNodes; }
+    bool TakeOwn(std::list<ICmEvent*>& aEvents, DWORD aMaxCount);
+    void GiveOwn();
+    bool HasDiscards() const;
+    void EndDiscarded();
+    void CountOwn(size_t aCount);
+
+    CCmEventQueueUsingConditionVariable& m_Queue;
+    CCmEventQueueBase::CQueueState& m_State;
+    CLoop* const m_pOuter;             // of the same queue on this thread; may be null
+    std::list<ICmEvent*> m_Own;        // the private list
+    std::list<ICmEvent*> m_Discarded;  // what was in it, to be destroyed without having been fired
+    CCmTimeValue m_tvWatchFrom;        // until then no post looks at the queue's length
+    CCmTimeValue m_tvEnd;              // when the last event ended
+    DWORD m_dwDiscards;                // how many of the queue's have been seen to
+    bool m_bGoesOn;                    // the next event starts at m_tvEnd
+    size_t m_nNodes;                   // that it has allocated
+    int m_nOwnCore;                    // where the last send of this pass was fired, or -1
+    int m_nSenderCore;                 // where it was sent
+    CCmLearnedTry m_Spin;              // for its sender's next post
+    CCmLearnedTry m_Yield;
 };
 
 }  // namespace UTIL_NS

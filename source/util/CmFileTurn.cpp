@@ -160,7 +160,10 @@ FILE* CmOpenTurnFile(const char* aPath, int& aDescriptor) {
     if (pNew == nullptr || pNewFile == nullptr) {
         return nullptr;
     }
-    const int nDescriptor = g_cmSystem.open(aPath, O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+    int nDescriptor;
+    do {
+        nDescriptor = g_cmSystem.open(aPath, O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+    } while (nDescriptor < 0 && errno == EINTR);
     if (nDescriptor < 0) {
         return nullptr;
     }

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/ioctl.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -102,6 +103,10 @@ CCmSystemTable g_cmSystem = {
     ::stat,
     ::getaddrinfo,
     ::freeaddrinfo,
+    ::mmap,
+    ::mprotect,
+    ::pthread_key_create,
+    ::pthread_setspecific,
 };
 
 }  // namespace UTIL_NS

@@ -101,6 +101,10 @@ struct CCmSystemTable {
     int (*stat)(const char*, struct stat*);
     int (*getaddrinfo)(const char*, const char*, const addrinfo*, addrinfo**);
     void (*freeaddrinfo)(addrinfo*);
+    void* (*mmap)(void*, size_t, int, int, int, off_t);
+    int (*mprotect)(void*, size_t, int);
+    int (*pthread_key_create)(pthread_key_t*, void (*)(void*));
+    int (*pthread_setspecific)(pthread_key_t, const void*);
 };
 extern CCmSystemTable g_cmSystem;
 

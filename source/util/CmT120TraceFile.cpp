@@ -160,6 +160,7 @@ struct CM_UTIL_HIDDEN CCmT120TraceFile::CRecordState {
     void WriteLine_l(long aPosition, const char* aTag, const char* aModule, const char* aText)
         CM_REQUIRES(m_Mutex);
     void WriteAt_l(long aPosition, const char* aText, size_t aLength) CM_REQUIRES(m_Mutex);
+    bool WriteHeader_l(long aPosition) CM_REQUIRES(m_Mutex);
     bool ReadPosition_l(long& aPosition) const CM_REQUIRES(m_Mutex);
     bool IsAtLimit_l(long aPosition) const CM_REQUIRES(m_Mutex);
     void Truncate_l(long aPosition) CM_REQUIRES(m_Mutex);
@@ -367,7 +368,12 @@ void CCmT120TraceFile::CRecordState::WriteShared_l(const char* aTag, const char*
     }
     if (IsAtLimit_l(lPosition)) {
         Truncate_l(lPosition);
+        // Before the line, which tears the one that it overwrites: whoever finds the file after
+        // this process was killed takes no torn line for a part of the trace.
         lPosition = HEADER_LENGTH;
+        if (!WriteHeader_l(lPosition)) {
+            return;
+        }
     }
     WriteLine_l(lPosition, aTag, aModule, aText);
 }
@@ -450,14 +456,18 @@ void CCmT120TraceFile::CRecordState::Truncate_l(long aPosition) {
 // next line overwrites what was written after that.
 void CCmT120TraceFile::CRecordState::WriteAt_l(long aPosition, const char* aText, size_t aLength) {
     const long lEnd = aPosition + static_cast<long>(aLength);
-    if (!IsWithinFileSizeLimit(lEnd + static_cast<long>(MARKER_LENGTH)) ||
-        !WriteFully(m_File.m_nDescriptor, aText, aLength, aPosition) ||
-        !WriteFully(m_File.m_nDescriptor, MARKER, MARKER_LENGTH, lEnd)) {
-        return;
+    if (IsWithinFileSizeLimit(lEnd + static_cast<long>(MARKER_LENGTH)) &&
+        WriteFully(m_File.m_nDescriptor, aText, aLength, aPosition) &&
+        WriteFully(m_File.m_nDescriptor, MARKER, MARKER_LENGTH, lEnd)) {
+        WriteHeader_l(lEnd);
     }
+}
+
+bool CCmT120TraceFile::CRecordState::WriteHeader_l(long aPosition) {
     char szHeader[HEADER_LENGTH + 1];
-    std::snprintf(szHeader, sizeof(szHeader), "%-31ld\n", lEnd);
-    WriteFully(m_File.m_nDescriptor, szHeader, HEADER_LENGTH, 0);
+    std::snprintf(szHeader, sizeof(szHeader), "%-31ld\n", aPosition);
+    return IsWithinFileSizeLimit(HEADER_LENGTH) &&
+           WriteFully(m_File.m_nDescriptor, szHeader, HEADER_LENGTH, 0);
 }
 
 // What a manager keeps beside its stated fields, and its steps. No constructor makes it, since

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "CmCancel.h"
+#include "CmEventQueueSteps.h"
 #include "CmListNode.h"
 #include "CmPrivateState.h"
 #include "CmScopedLock.h"
@@ -31,10 +32,13 @@ bool MakeTimerQueue(ICmTimerQueue*& aQueue) {
 
 // Returns how long to wait for the next timer. CheckExpire tells that from the start of its pass,
 // and the handlers have taken time since.
-CCmTimeValue FireDueTimers(CCmTimerQueueBase& aQueue) {
+CCmTimeValue FireDueTimers(CCmTimerQueueBase& aQueue, CCmEventQueueSteps::CLoop& aLoop) {
     CCmTimeValue tvWait;
-    const bool bFired = aQueue.CheckExpire(&tvWait) > 0;
-    if (CM_LIKELY(!bFired) || tvWait == CCmTimeValue::s_tvMax) {
+    if (CM_LIKELY(aQueue.CheckExpire(&tvWait) <= 0)) {
+        return tvWait;
+    }
+    aLoop.ForgetEnd();
+    if (tvWait == CCmTimeValue::s_tvMax) {
         return tvWait;
     }
     const CCmTimeValue tvLeft = aQueue.GetEarliestTime() - CCmTimeValue::GetTimeOfDay();
@@ -43,21 +47,14 @@ CCmTimeValue FireDueTimers(CCmTimerQueueBase& aQueue) {
     return std::min(std::max(tvLeft, CCmTimeValue::s_tvZero), tvWait);
 }
 
-// Waits for events, at most aTimeout, and runs at most aMaxCount of them.
-void RunEvents(CCmEventQueueUsingConditionVariable& aQueue, CCmTimeValue* aTimeout,
-               DWORD aMaxCount) {
-    std::list<ICmEvent*> events;
-    if (CM_SUCCEEDED(aQueue.PopOrWaitPendingEvents(events, aTimeout, aMaxCount))) {
-        aQueue.ProcessAndRecycleEvents(events);
-    }
-}
-
 // Destroys what a stopped worker has not run; also when it is cancelled in one of the events that
 // it took together with its stop event.
-void DestroyRest(const CCmStopFlag& aFlag, CCmEventQueueUsingConditionVariable& aQueue) {
+void EndLoop(const CCmStopFlag& aFlag, CCmEventQueueUsingConditionVariable& aQueue,
+             CCmEventQueueSteps::CLoop& aLoop) {
     if (aFlag.IsFlagStopped()) {
         aQueue.StopAndDestoryPendingEvents();
     }
+    aLoop.End();
 }
 
 void RegisterEntry(std::list<ACmThread*>& aEntry) {
@@ -470,11 +467,12 @@ void CCmThreadTaskWithEventQueueOnly::OnThreadInit() {
 
 void CCmThreadTaskWithEventQueueOnly::OnThreadRun() {
     CM_INFO_TRACE_THIS("CCmThreadTaskWithEventQueueOnly::OnThreadRun");
-    CCmCleanUpT destroyRest([this] { DestroyRest(*this, m_EventQueue); });
+    CCmEventQueueSteps::CLoop loop(m_EventQueue);
+    CCmCleanUpT endLoop([this, &loop] { EndLoop(*this, m_EventQueue, loop); });
     while (!IsFlagStopped()) {
-        RunEvents(m_EventQueue, nullptr, ALL_EVENTS);
+        loop.RunEvents(nullptr, ALL_EVENTS);
     }
-    destroyRest.Execute();
+    endLoop.Execute();
 }
 
 ICmEventQueue* CCmThreadTaskWithEventQueueOnly::GetEventQueue() {
@@ -497,16 +495,16 @@ void CCmThreadTask::OnThreadInit() {
 
 void CCmThreadTask::OnThreadRun() {
     CM_INFO_TRACE_THIS("CCmThreadTask::OnThreadRun, Begin.");
-    CCmCleanUpT destroyRest([this] { DestroyRest(*this, m_EventQueue); });
+    CCmEventQueueSteps::CLoop loop(m_EventQueue);
+    CCmCleanUpT endLoop([this, &loop] { EndLoop(*this, m_EventQueue, loop); });
     while (!IsFlagStopped()) {
         CCmTimeValue tvWait = CCmTimeValue::s_tvMax;
         if (m_pTimerQueue != nullptr) {
-            tvWait = FireDueTimers(*static_cast<CCmTimerQueueBase*>(m_pTimerQueue));
+            tvWait = FireDueTimers(*static_cast<CCmTimerQueueBase*>(m_pTimerQueue), loop);
         }
-        RunEvents(m_EventQueue, tvWait == CCmTimeValue::s_tvMax ? nullptr : &tvWait,
-                  EVENTS_PER_PASS);
+        loop.RunEvents(tvWait == CCmTimeValue::s_tvMax ? nullptr : &tvWait, EVENTS_PER_PASS);
     }
-    destroyRest.Execute();
+    endLoop.Execute();
 }
 
 ICmTimerQueue* CCmThreadTask::GetTimerQueue() {

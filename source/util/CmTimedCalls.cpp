@@ -201,7 +201,7 @@ void CCmTimedCalls::WaitWhileItRuns_i(CCmTimedCall& aCall) {
     }
 }
 
-long long CCmTimedCalls::FireDue() {
+long long CCmTimedCalls::FireDue(bool* aFired) {
     if (m_bIsEmpty.load(std::memory_order_relaxed)) {
         return CM_NEVER_NSEC;
     }
@@ -209,6 +209,9 @@ long long CCmTimedCalls::FireDue() {
     long long llNext = CM_NEVER_NSEC;
     while (CCmTimedCall* pCall = TakeDue_i(llNow, llNext)) {
         Fire_i(*pCall, llNow);
+        if (aFired != nullptr) {
+            *aFired = true;
+        }
     }
     return llNext;
 }

@@ -73,7 +73,8 @@ class CCmTimedCalls : public CCmReferenceControlT<CCmMutexThread> {
     // Any thread: no more calls are taken in.
     void Refuse();
     // Own thread: runs what is due, each at most once, and returns when the next one is due.
-    long long FireDue();
+    // aFired (may be null) is set when one has run.
+    long long FireDue(bool* aFired = nullptr);
     // On its own thread, or when that is gone: destroys every callable unfired; refuses what comes.
     void Close();
 

@@ -1,44 +1,111 @@
 #include "CmTimerQueueOrderedList.h"
 
+#include <cstdint>
 #include <iterator>
 #include <type_traits>
 
 #include "CmPrivateState.h"
 #include "CmTimerIndex.h"
+#include "CmTimerMarks.h"
 #include "CmTimerSpares.h"
 #include "CmTrace.h"
 
 namespace UTIL_NS {
 
+// Keeps the list, and finds places in it.
 class CM_UTIL_HIDDEN CCmTimerQueueOrderedList::COrderedListState {
   public:
-    CCmTimerHandlerIndexT<std::list<CNode>::iterator> m_Index;  // of the nodes of m_Nodes
-    CCmSpareListNodesT<CNode> m_Spares;
-};
+    typedef std::list<CNode> ListType;
+    typedef ListType::iterator Iterator;
 
-namespace {
-
-// The place of a new node: before the first one that is not due earlier, so that among equals the
-// newest fires first. Searched from both ends at once: a place near either takes few steps.
-template <class ListType>
-typename ListType::iterator FindPlace(ListType& aNodes, const CCmTimeValue& aExpired) {
-    auto itFront = aNodes.begin();
-    auto itBack = aNodes.end();
-    // What lies before itFront is due before aExpired, what lies from itBack on is not.
-    while (itFront != itBack) {
-        if (itFront->m_tvExpired >= aExpired) {
-            return itFront;
+    // A spare node with aNode, at its place in the list. Memory was reserved, or a node just taken
+    // out.
+    Iterator Insert(ListType& aNodes, const CNode& aNode) {
+        const bool bLong = aNodes.size() >= LONG_LIST;
+        const Iterator itPlace =
+            bLong ? FindInLong(aNodes, aNode.m_tvExpired) : FindInShort(aNodes, aNode.m_tvExpired);
+        const Iterator itNode = m_Spares.Insert(aNodes, itPlace, aNode);
+        if (CM_UNLIKELY(bLong && IsToBeMarked())) {
+            m_Marks.Add(KeyOf(aNode.m_tvExpired), itNode);
         }
-        ++itFront;
-        if (itFront == itBack || std::prev(itBack)->m_tvExpired < aExpired) {
-            break;
-        }
-        --itBack;
+        return itNode;
     }
-    return itBack;
-}
+    // Takes a node out of the list.
+    void TakeOut(ListType& aNodes, Iterator aNode) {
+        aNode->m_pEh = nullptr;  // its mark, if it has one, holds no longer
+        m_Spares.Keep(aNodes, aNode);
+    }
 
-}  // namespace
+    CCmTimerHandlerIndexT<Iterator> m_Index;  // of the nodes of m_Nodes
+    CCmSpareListNodesT<CNode> m_Spares;
+
+  private:
+    // Nodes in a list that is worth marks.
+    static constexpr size_t LONG_LIST = 128;
+
+    // Grows with the time. Times beyond what it can tell apart, 270,000 years from 1970, share it.
+    static int64_t KeyOf(const CCmTimeValue& aTime) {
+        constexpr int64_t USEC_RANGE = int64_t{1} << 20;  // a second's, rounded up
+        constexpr int64_t MOST_SEC = INT64_MAX / USEC_RANGE - 1;
+        if (CM_UNLIKELY(aTime.GetSec() > MOST_SEC)) {
+            return INT64_MAX;
+        }
+        if (CM_UNLIKELY(aTime.GetSec() < -MOST_SEC)) {
+            return INT64_MIN;
+        }
+        return aTime.GetSec() * USEC_RANGE + aTime.GetUsec();
+    }
+    struct CHolds {
+        bool operator()(Iterator aNode, int64_t aKey) const {
+            return aNode->m_pEh != nullptr && KeyOf(aNode->m_tvExpired) == aKey;
+        }
+    };
+
+    // The place of a new node: before the first one that is not due earlier, so that among equals
+    // the newest fires first. Searched from both ends at once: a place near either takes few steps.
+    static Iterator FindInShort(ListType& aNodes, const CCmTimeValue& aExpired) {
+        auto itFront = aNodes.begin();
+        auto itBack = aNodes.end();
+        // What lies before itFront is due before aExpired, what lies from itBack on is not.
+        while (itFront != itBack) {
+            if (itFront->m_tvExpired >= aExpired) {
+                return itFront;
+            }
+            ++itFront;
+            if (itFront == itBack || std::prev(itBack)->m_tvExpired < aExpired) {
+                break;
+            }
+            --itBack;
+        }
+        return itBack;
+    }
+    // The same place. Wherever the mark is, the walk ends there.
+    Iterator FindInLong(ListType& aNodes, const CCmTimeValue& aExpired) {
+        if (aNodes.front().m_tvExpired >= aExpired) {
+            return aNodes.begin();
+        }
+        if (aNodes.back().m_tvExpired < aExpired) {
+            return aNodes.end();
+        }
+        Iterator itPlace = m_Marks.Find(KeyOf(aExpired), aNodes.end());
+        while (itPlace != aNodes.end() && itPlace->m_tvExpired < aExpired) {
+            ++itPlace;  // only among times that share a key
+        }
+        while (std::prev(itPlace)->m_tvExpired >= aExpired) {
+            --itPlace;
+        }
+        return itPlace;
+    }
+    // One time in eight, at random: no order of scheduling and cancelling leaves long stretches
+    // without a mark.
+    bool IsToBeMarked() {
+        m_dwRandom = m_dwRandom * 1664525 + 1013904223;
+        return m_dwRandom >> 29 == 0;
+    }
+
+    CCmTimerMarksT<Iterator, CHolds> m_Marks;
+    DWORD m_dwRandom = 1;
+};
 
 CCmTimerQueueOrderedList::CCmTimerQueueOrderedList(ICmObserver* aObserver)
     : CCmTimerQueueBase(aObserver) {
@@ -53,33 +120,43 @@ CCmTimerQueueOrderedList::~CCmTimerQueueOrderedList() {
 
 int CCmTimerQueueOrderedList::PushNode_l(const CNode& aNode) {
     COrderedListState& state = CCmPrivateRoom::Of(m_Private);
-    if (const auto* pPlace = state.m_Index.Find(aNode.m_pEh)) {
-        // Insert uses the list node that Keep took last, so the index still points to it.
-        state.m_Spares.Keep(m_Nodes, *pPlace);
-        state.m_Spares.Insert(m_Nodes, FindPlace(m_Nodes, aNode.m_tvExpired), aNode);
-        return 1;
+    auto* pEntry = state.m_Index.Look(aNode.m_pEh);
+    const bool bFound = pEntry != nullptr && pEntry->m_pEh != nullptr;
+    if (bFound) {
+        // Insert uses the list node that was taken out last, so the entry stays right.
+        state.TakeOut(m_Nodes, pEntry->m_Value);
+    } else {
+        // All memory is taken before anything changes.
+        if (CM_UNLIKELY(!state.m_Index.HasRoom())) {
+            state.m_Index.Reserve();
+            pEntry = state.m_Index.Look(aNode.m_pEh);
+        }
+        state.m_Spares.Reserve();
     }
-    return CCmTimerQueueOrderedList::RePushNode_l(aNode);
+    const auto itNode = state.Insert(m_Nodes, aNode);
+    if (!bFound) {
+        state.m_Index.Fill(*pEntry, aNode.m_pEh, itNode);
+    }
+    return bFound ? 1 : 0;
 }
 
 int CCmTimerQueueOrderedList::EraseNode_l(ICmTimerHandler* aEh) {
     COrderedListState& state = CCmPrivateRoom::Of(m_Private);
-    const auto* pPlace = state.m_Index.Find(aEh);
-    if (pPlace == nullptr) {
+    auto* const pEntry = state.m_Index.Look(aEh);
+    if (pEntry == nullptr || pEntry->m_pEh == nullptr) {
         return 1;
     }
-    state.m_Spares.Keep(m_Nodes, *pPlace);
-    state.m_Index.Erase(aEh);
+    state.TakeOut(m_Nodes, pEntry->m_Value);
+    state.m_Index.Erase(*pEntry);
     return 0;
 }
 
 int CCmTimerQueueOrderedList::RePushNode_l(const CNode& aNode) {
     COrderedListState& state = CCmPrivateRoom::Of(m_Private);
-    // All memory is taken before anything changes; after a pop none is needed.
+    // After a pop no memory is needed.
     state.m_Index.Reserve();
     state.m_Spares.Reserve();
-    const auto itPlace = FindPlace(m_Nodes, aNode.m_tvExpired);
-    state.m_Index.Insert(aNode.m_pEh, state.m_Spares.Insert(m_Nodes, itPlace, aNode));
+    state.m_Index.Insert(aNode.m_pEh, state.Insert(m_Nodes, aNode));
     return 0;
 }
 
@@ -88,7 +165,7 @@ int CCmTimerQueueOrderedList::PopFirstNode_l(CNode& aNode) {
     COrderedListState& state = CCmPrivateRoom::Of(m_Private);
     aNode = m_Nodes.front();
     state.m_Index.Erase(aNode.m_pEh);
-    state.m_Spares.Keep(m_Nodes, m_Nodes.begin());
+    state.TakeOut(m_Nodes, m_Nodes.begin());
     return 0;
 }
 

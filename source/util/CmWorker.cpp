@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "CmBlockPool.h"
 #include "CmCancel.h"
 #include "CmEventQueueSteps.h"
 #include "CmSystem.h"
@@ -81,10 +82,13 @@ class CCmWorkerThread final : public CCmThreadTask {
     }
 
     void OnThreadRun() override {
+        CCmEventQueueSteps::CLoop loop(m_EventQueue);
+        CCmCleanUpT endLoop([&loop] { loop.End(); });
         while (!HasToStop()) {
-            RunOnePass();
+            RunOnePass(loop);
         }
         m_EventQueue.StopAndDestoryPendingEvents();
+        endLoop.Execute();
         m_pTimedCalls->Close();
         RunHook(CCmWorkerOptions::HOOK_END);
     }
@@ -123,26 +127,31 @@ class CCmWorkerThread final : public CCmThreadTask {
         return IsFlagStopped() || m_bStopsNow.load(std::memory_order_relaxed);
     }
 
-    void RunOnePass() {
+    void RunOnePass(CCmEventQueueSteps::CLoop& aLoop) {
         CCmTimeValue tvWait = CCmTimeValue::s_tvMax;
         auto* pTimers = static_cast<CCmTimerQueueBase*>(m_pTimerQueue);
         if (pTimers->GetEarliestTime() != CCmTimeValue::s_tvMax) {
-            pTimers->CheckExpire(&tvWait);
+            if (pTimers->CheckExpire(&tvWait) > 0) {
+                aLoop.ForgetEnd();
+            }
         }
-        long long llDeadline = m_pTimedCalls->FireDue();
+        bool bFired = false;
+        long long llDeadline = m_pTimedCalls->FireDue(&bFired);
+        if (bFired) {
+            aLoop.ForgetEnd();
+        }
         if (HasToStop()) {
             return;
         }
         if (tvWait != CCmTimeValue::s_tvMax) {
             llDeadline = std::min(llDeadline, CmLaterNsec(CmMonotonicNsec(), tvWait));
         }
-        std::list<ICmEvent*> events;
-        const CmResult rv = CCmEventQueueSteps::PopOrWaitUntil(
-            m_EventQueue, events, llDeadline == CM_NEVER_NSEC ? nullptr : &llDeadline,
-            EVENTS_PER_PASS);
-        if (CM_SUCCEEDED(rv)) {
-            CCmEventQueueSteps::ProcessUntilStopped(m_EventQueue, events, m_bStopsNow);
+        if (CM_UNLIKELY(CCmBlockPool::Tend())) {
+            llDeadline = std::min(
+                llDeadline, CmLaterNsec(CmMonotonicNsec(), CCmTimeValue(CCmBlockPool::TEND_SEC)));
         }
+        aLoop.RunEventsUntil(llDeadline == CM_NEVER_NSEC ? nullptr : &llDeadline, EVENTS_PER_PASS,
+                             m_bStopsNow);
     }
 
     CmResult RunHook(CCmWorkerOptions::EHook aHook) {

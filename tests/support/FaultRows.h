@@ -43,6 +43,46 @@ auto Returned(int aError, Effect aEffect = Effect::NONE) {
     return Fault<Member>(0, aError, aEffect);
 }
 
+// Of the calls that transfer bytes: less than what they are asked for, although there is more. Half
+// of it, and nothing fails.
+template <auto Member>
+class ShortCall;
+
+template <typename Buffer, typename... Rest,
+          ssize_t (*UTIL_NS::CCmSystemTable::*Member)(int, Buffer*, size_t, Rest...)>
+class ShortCall<Member> {
+  public:
+    ShortCall(unsigned long aNth, Failing aFailing)
+        : m_plan(aNth, aFailing), m_entry(UTIL_NS::g_cmSystem.*Member, &Call) {
+        s_pCurrent = this;
+    }
+    ~ShortCall() { s_pCurrent = nullptr; }
+    ShortCall(const ShortCall&) = delete;
+    ShortCall& operator=(const ShortCall&) = delete;
+
+    FaultPlan& plan() { return m_plan; }
+
+  private:
+    static ssize_t Call(int aFile, Buffer* aBuffer, size_t aSize, Rest... aRest) {
+        const bool bShort = s_pCurrent->m_plan.HitsNow();
+        return s_pCurrent->m_entry.original()(aFile, aBuffer, bShort ? (aSize + 1) / 2 : aSize,
+                                              aRest...);
+    }
+
+    inline static ShortCall* s_pCurrent = nullptr;
+
+    FaultPlan m_plan;
+    const ScopedEntry<ssize_t (*)(int, Buffer*, size_t, Rest...)> m_entry;
+};
+
+template <auto Member>
+auto Short() {
+    return [](unsigned long aNth, Failing aFailing) {
+        const auto pCall = std::make_shared<ShortCall<Member>>(aNth, aFailing);
+        return std::shared_ptr<FaultPlan>(pCall, &pCall->plan());
+    };
+}
+
 }  // namespace kelto_test
 
 #endif  // TESTS_SUPPORT_FAULTROWS_H

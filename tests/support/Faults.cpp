@@ -13,6 +13,7 @@ std::atomic<bool> g_bArmed{false};
 std::atomic<bool> g_bHit{false};
 std::atomic<unsigned long> g_ulCalls{0};
 unsigned long g_ulNth = 0;
+unsigned long g_ulSecond = 0;  // 0: none
 Failing g_failing = Failing::ONCE;
 AllocationsOf g_threads = AllocationsOf::THIS_THREAD;
 thread_local bool t_bArmedHere = false;
@@ -28,8 +29,10 @@ bool FailsNow() {
         return false;
     }
     const unsigned long ulCall = g_ulCalls.fetch_add(1) + 1;
-    const bool bFails = g_failing == Failing::ONCE ? ulCall == g_ulNth : ulCall >= g_ulNth;
-    if (bFails) {
+    const bool bFails = g_failing == Failing::FROM_THERE_ON
+                            ? ulCall >= g_ulNth
+                            : ulCall == g_ulNth || ulCall == g_ulSecond;
+    if (bFails && (g_ulSecond == 0 || ulCall == g_ulSecond)) {
         g_bHit.store(true);
     }
     return bFails;
@@ -79,10 +82,16 @@ ScopedAllocationFault::ScopedAllocationFault(unsigned long aNth, Failing aFailin
     g_ulCalls.store(0);
     g_bHit.store(false);
     g_ulNth = aNth;
+    g_ulSecond = 0;
     g_failing = aFailing;
     g_threads = aThreads;
     t_bArmedHere = true;
     g_bArmed.store(true, std::memory_order_release);
+}
+
+ScopedAllocationFault::ScopedAllocationFault(unsigned long aNth, unsigned long aAfterwards)
+    : ScopedAllocationFault(aNth, Failing::ONCE, AllocationsOf::THIS_THREAD) {
+    g_ulSecond = aNth + aAfterwards;
 }
 
 ScopedAllocationFault::~ScopedAllocationFault() {
@@ -92,6 +101,10 @@ ScopedAllocationFault::~ScopedAllocationFault() {
 
 bool ScopedAllocationFault::hit() const {
     return g_bHit.load();
+}
+
+void LiftAllocationFault() {
+    g_bArmed.store(false);
 }
 
 ScopedAllocationFill::ScopedAllocationFill(unsigned char aByte) {

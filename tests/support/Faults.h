@@ -127,13 +127,18 @@ class ScopedAllocationFault {
   public:
     explicit ScopedAllocationFault(unsigned long aNth, Failing aFailing = Failing::ONCE,
                                    AllocationsOf aThreads = AllocationsOf::THIS_THREAD);
+    // Two allocations of this thread fail: the aNth, and the aAfterwards-th after it.
+    ScopedAllocationFault(unsigned long aNth, unsigned long aAfterwards);
     ~ScopedAllocationFault();
     ScopedAllocationFault(const ScopedAllocationFault&) = delete;
     ScopedAllocationFault& operator=(const ScopedAllocationFault&) = delete;
 
-    // Whether an allocation has failed so far.
+    // Whether an allocation has failed so far, of two the second one.
     bool hit() const;
 };
+
+// From here on no allocation fails, although a fault lives: for an operation that has to be undone.
+void LiftAllocationFault();
 
 // While it lives, memory that the calling thread allocates holds this byte, so that a test may look
 // at what the library leaves unwritten. One at a time.

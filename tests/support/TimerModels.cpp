@@ -3,6 +3,7 @@
 #include <deque>
 #include <map>
 #include <memory>
+#include <random>
 #include <vector>
 
 #include "CmTimerQueueCalendar.h"
@@ -118,16 +119,35 @@ class ListModel {
 // One random run of queue and model side by side; handlers operate on the queue as they fire.
 class ListRun : public ByteDriver {
   public:
-    static constexpr int HANDLERS = 12;
+    static constexpr int HANDLERS = 12;  // of the timers that change most
+    static constexpr int CROWD = 300;    // further ones: a queue looks places up in a long list
 
     ListRun(const uint8_t* aData, size_t aSize) : ByteDriver(aData, aSize) {
         m_model.m_llNow = START * 1000000LL;
-        for (int nId = 0; nId < HANDLERS; ++nId) {
+        for (int nId = 0; nId < HANDLERS + CROWD; ++nId) {
             m_handlers.push_back(std::make_unique<Handler>(*this, nId));
         }
     }
 
     void Step() {
+        switch (Pick(20)) {
+            case 18:
+                GatherCrowd();
+                break;
+            case 19:
+                DisperseCrowd();
+                break;
+            default:
+                StepOfFew();
+        }
+        const long long llEarliest = m_model.Earliest();
+        Expect((llEarliest < 0 ? CCmTimeValue::s_tvMax : CCmTimeValue(0, llEarliest)) ==
+                   (m_queue.GetEarliestTime()),
+               "GetEarliestTime");
+    }
+
+  private:
+    void StepOfFew() {
         switch (Pick(4)) {
             case 0:
                 m_model.m_llNow += Pick(10) == 0 ? Pick(2000000) - 1000000 : Pick(30) * 500;
@@ -139,13 +159,8 @@ class ListRun : public ByteDriver {
             default:
                 Operate();
         }
-        const long long llEarliest = m_model.Earliest();
-        Expect((llEarliest < 0 ? CCmTimeValue::s_tvMax : CCmTimeValue(0, llEarliest)) ==
-                   (m_queue.GetEarliestTime()),
-               "GetEarliestTime");
     }
 
-  private:
     class Handler : public ICmTimerHandler {
       public:
         Handler(ListRun& aRun, int aId) : m_run(aRun), m_nId(aId) {}
@@ -160,20 +175,44 @@ class ListRun : public ByteDriver {
     };
 
     void Operate() {
-        const int nId = static_cast<int>(Pick(HANDLERS));
+        const int nId = Pick(4) == 0 ? HANDLERS + Pick(CROWD) : Pick(HANDLERS);
         if (Pick(3) == 0) {
-            Expect((m_model.Cancel(nId)) == (m_queue.CancelTimer(m_handlers[nId].get())),
-                   "CancelTimer");
+            Cancel(nId);
             return;
         }
         // Few distinct intervals, so that equal expiries are frequent.
         const long lInterval = Pick(12) * 500 - 500;
         const unsigned int dwCount = static_cast<unsigned int>(Pick(4));
-        const long lToken = Pick(1000000);
-        Expect((m_model.Schedule(nId, lToken, lInterval, dwCount)) ==
-                   (m_queue.ScheduleTimer(m_handlers[nId].get(), reinterpret_cast<void*>(lToken),
-                                          CCmTimeValue(0, lInterval), dwCount)),
+        Schedule(nId, Pick(1000000), lInterval, dwCount);
+    }
+    // Timers with intervals that rise, fall, hardly differ or lie anywhere.
+    void GatherCrowd() {
+        const int nOrder = Pick(4);
+        const int nFirst = Pick(CROWD);
+        const long lShift = Pick(100) * 500;
+        std::minstd_rand random(static_cast<unsigned int>(Pick(256)) + 1);
+        for (int i = nFirst; i < CROWD; ++i) {
+            const long lAny = static_cast<long>(random() % 20000);
+            const long lIntervals[] = {i * 60L, (CROWD - i) * 60L, lAny % 3 * 500, lAny};
+            Schedule(HANDLERS + i, i, lShift + 500 + lIntervals[nOrder], random() % 3 == 0 ? 0 : 1);
+        }
+    }
+    void DisperseCrowd() {
+        const int nFirst = Pick(CROWD);
+        const int nStride = 1 + Pick(3);
+        for (int i = nFirst; i < CROWD; i += nStride) {
+            Cancel(HANDLERS + i);
+        }
+    }
+    void Schedule(int aId, long aToken, long aInterval, unsigned int aCount) {
+        Expect((m_model.Schedule(aId, aToken, aInterval, aCount)) ==
+                   (m_queue.ScheduleTimer(m_handlers[aId].get(), reinterpret_cast<void*>(aToken),
+                                          CCmTimeValue(0, aInterval), aCount)),
                "ScheduleTimer");
+    }
+    void Cancel(int aId) {
+        Expect((m_model.Cancel(aId)) == (m_queue.CancelTimer(m_handlers[aId].get())),
+               "CancelTimer");
     }
     void Check() {
         m_llPass = m_model.m_llNow;

@@ -8,6 +8,7 @@
 #include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -121,6 +122,16 @@ int SetRlimit(int aLimit, const rlimit* aValues) {
     return setrlimit(static_cast<__rlimit_resource>(ToHost(LIMITS, aLimit)), &values);
 }
 
+// ---- Memory
+
+void* Mmap(void* aPlace, size_t aSize, int aAccess, int aFlags, int aFile, off_t aOffset) {
+    constexpr Pair FLAGS[] = {
+        {0x1, MAP_SHARED},     {0x2, MAP_PRIVATE},      {0x10, MAP_FIXED},
+        {0x40, MAP_NORESERVE}, {0x1000, MAP_ANONYMOUS},
+    };
+    return mmap(aPlace, aSize, aAccess, FlagsToHost(FLAGS, aFlags), aFile, aOffset);
+}
+
 long SysConf(int aName) {
     constexpr Pair NAMES[] = {
         {1, _SC_ARG_MAX},           {2, _SC_CHILD_MAX},      {3, _SC_CLK_TCK},
@@ -201,6 +212,9 @@ void SupplyProcesses() {
         {"_system", Address(&System)},
         {"_getrlimit", Address(&GetRlimit)},
         {"_setrlimit", Address(&SetRlimit)},
+        {"_mmap", Address(&Mmap)},
+        {"_mprotect", Address(&mprotect)},
+        {"_munmap", Address(&munmap)},
         {"_sysconf", Address(&SysConf)},
         {"_environ", &environ},
         {"__NSGetArgc", Address(&NsGetArgc)},

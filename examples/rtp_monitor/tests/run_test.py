@@ -74,6 +74,40 @@ class RtpMonitor(harness.MonitorTest):
             self.assertEqual([known(stream) for stream in json.loads(done.stdout)["streams"]],
                              [VIDEO, AUDIO])
 
+    # Allocations that fail
+
+    def check_with_failing_allocation(self, number):
+        """Whether the run had so many allocations."""
+        failed = os.path.join(self.home, "failed")
+        self.environment.update(FAIL_ALLOCATION=str(number), FAILED_ALLOCATION=failed)
+        done = self.run_monitor("--fast", "--json", *CALL_CLOCKS, CALL)
+        reached = os.path.exists(failed)
+        what = f"allocation {number} failed: {done.returncode}, {done.stderr}"
+        if done.returncode == -signal.SIGABRT:  # its own, where nothing else is left to do
+            self.assertIn("terminate called", done.stderr, what)
+        elif done.returncode == 0 and done.stderr == "":
+            streams = [known(stream) for stream in json.loads(done.stdout)["streams"]]
+            self.assertEqual(streams, [VIDEO, AUDIO], what)
+        else:
+            self.assertIn(done.returncode, (0, 2), what)
+            self.assertRegex(done.stderr, "^rtp_monitor: ", what)
+        if reached:
+            os.remove(failed)
+        return reached
+
+    def test_EndsByItselfAndHidesNothing_WhateverAllocationFails(self):
+        library = os.path.join(os.path.dirname(harness.MONITOR), "fail_allocation.so")
+        self.assertTrue(os.path.exists(library), library)
+        link = os.path.join(self.home, "fail_allocation.so")  # the loader takes no blank
+        os.symlink(os.path.abspath(library), link)
+        self.environment.update(LD_PRELOAD=link)
+        # Without memory for good, the end of a worker waits for ever.
+        for failures in (1, 2, 8):
+            count = 0
+            while self.check_with_failing_allocation(f"{count + 1}+{failures}"):
+                count += 1
+            self.assertGreater(count, 150)
+
     def test_PrintsTable(self):
         done = self.run_monitor("--fast", *CALL_CLOCKS, CALL)
         self.assertEqual((done.stderr, done.returncode), ("", 0))

@@ -96,6 +96,9 @@ void CmPortPopCleanUp(CmPortCleanUp* aCleanUp);
 // The clock that no step of the wall clock touches; it stands still while the machine sleeps.
 void CmPortMonotonicNow(timespec* aNow);
 
+// The number of the core that the calling thread is on, perhaps no longer; -1 where that is unknown.
+int CmPortCurrentCore();
+
 // pthread_cond_timedwait with a deadline on that clock. Called through g_cmSystem under the name
 // pthread_cond_clockwait.
 int CmPortConditionWaitUntil(pthread_cond_t* aCondition, pthread_mutex_t* aMutex,
@@ -108,6 +111,10 @@ void CmPortNameThisThread(const char* aName);
 // Lets timed waits of the calling thread end as early as the platform can; Linux rounds them by
 // 50 us otherwise. Nothing to do on macOS.
 void CmPortPreciseWaits();
+
+// Whether a sanitizer that watches memory is in the program: that of addresses, of threads or of
+// uninitialised memory.
+bool CmPortHasSanitizer();
 
 // A counting semaphore: as sem_init, sem_destroy, sem_wait and sem_post, 0 or -1 with errno set.
 // The units call them through g_cmSystem. CmConditionSemaphore.h serves where the system has no

@@ -1,6 +1,7 @@
 #include "CmPort.h"
 
 #include <pthread.h>
+#include <sched.h>
 #include <sys/prctl.h>
 #include <time.h>
 #include <unistd.h>
@@ -9,6 +10,14 @@
 
 #include "CmSystem.h"
 #include "port/CmInterfaceRecord.h"
+
+// The sanitizers' run-time libraries; null in a program without them.
+extern "C" {
+__attribute__((weak)) void __asan_init();
+__attribute__((weak)) void __hwasan_init();
+__attribute__((weak)) void __msan_init();
+__attribute__((weak)) void __tsan_init();
+}
 
 namespace UTIL_NS {
 
@@ -154,6 +163,10 @@ size_t CmPortReadInterface(const char* aRecords, size_t aLength, CmPortInterface
     return CmReadInterface<CCmFixedInterfaceRecord>(aRecords, aLength, aInterface);
 }
 
+int CmPortCurrentCore() {
+    return sched_getcpu();
+}
+
 void CmPortMonotonicNow(timespec* aNow) {
     clock_gettime(CLOCK_MONOTONIC, aNow);
 }
@@ -180,6 +193,11 @@ int CmPortCoarseTimeOfDay(timeval* aNow, void* /*aUnused*/) {
     aNow->tv_sec = tsNow.tv_sec;
     aNow->tv_usec = tsNow.tv_nsec / 1000;
     return rv;
+}
+
+bool CmPortHasSanitizer() {
+    return __asan_init != nullptr || __hwasan_init != nullptr || __msan_init != nullptr ||
+           __tsan_init != nullptr;
 }
 
 bool CmPortTakesZeros() {

@@ -157,6 +157,15 @@ int CmPortCoarseTimeOfDay(timeval* aNow, void* /*aUnused*/) {
 }
 
 // False: each of these objects begins with a signature that is not zero.
+bool CmPortHasSanitizer() {
+    for (const char* pszName : {"__asan_init", "__tsan_init"}) {
+        if (g_cmSystem.dlsym(RTLD_DEFAULT, pszName) != nullptr) {
+            return true;
+        }
+    }
+    return false;
+}
+
 bool CmPortTakesZeros() {
     return false;
 }
@@ -182,6 +191,10 @@ void CmPortPopCleanUp(CmPortCleanUp* aCleanUp) {
 }
 
 // The clock of relative waits; like them it stands still while the machine sleeps.
+int CmPortCurrentCore() {
+    return -1;
+}
+
 void CmPortMonotonicNow(timespec* aNow) {
     clock_gettime(CLOCK_UPTIME_RAW, aNow);
 }

@@ -1,0 +1,616 @@
+// What the events of a worker post to its own queue, alone and mixed with what others post and
+// take.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <deque>
+#include <functional>
+#include <list>
+#include <optional>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "CmSystem.h"
+#include "CmThread.h"
+#include "CmWorker.h"
+#include "support/Cancellation.h"
+#include "support/Clock.h"
+#include "support/Events.h"
+#include "support/Eventually.h"
+#include "support/Faults.h"
+#include "support/Gate.h"
+#include "support/RandomBytes.h"
+#include "support/TraceSink.h"
+
+namespace UTIL_NS {
+namespace {
+
+using kelto_test::EventLog;
+using kelto_test::Eventually;
+using kelto_test::Gate;
+using kelto_test::LoggedEvent;
+
+typedef std::vector<int> Ids;
+typedef std::list<ICmEvent*> Events;
+
+constexpr ICmEventQueue::EPriority NORMAL = ICmEventQueue::EPRIORITY_NORMAL;
+constexpr int TYPE = 7;
+
+// A worker whose queue the test sees; runs on the test's thread until its stop flag is set.
+template <class TaskType>
+class CShownTaskT : public TaskType {
+  public:
+    CCmEventQueueUsingConditionVariable& Queue() { return this->m_EventQueue; }
+    void RunHere() {
+        this->Create(TT_MAIN, TF_JOINABLE, 0);
+        this->OnThreadInit();
+        this->OnThreadRun();
+    }
+};
+typedef CShownTaskT<CCmThreadTaskWithEventQueueOnly> CShownTask;
+
+// Counts the locks that the calling thread takes.
+class CLockCount {
+  public:
+    CLockCount() { t_nLocks = 0; }
+    int Get() const { return t_nLocks; }
+
+  private:
+    static int Lock(pthread_mutex_t* aMutex) {
+        ++t_nLocks;
+        return pthread_mutex_lock(aMutex);
+    }
+    inline static thread_local int t_nLocks = 0;
+    kelto_test::ScopedEntry<int (*)(pthread_mutex_t*)> m_Entry{g_cmSystem.pthread_mutex_lock,
+                                                               &Lock};
+};
+
+template <class Function>
+void OnAnotherThread(Function aFunction) {
+    std::thread(aFunction).join();
+}
+
+// Every event posts the next.
+class CRelay : public ICmEvent {
+  public:
+    CRelay(CShownTask& aTask, int aLeft, std::function<void(int)> aAtEach)
+        : m_Task(aTask), m_nLeft(aLeft), m_AtEach(std::move(aAtEach)) {}
+    CmResult OnEventFire() override {
+        m_AtEach(m_nLeft);
+        if (m_nLeft == 0) {
+            m_Task.SetStopFlag();
+        } else {
+            EXPECT_EQ(CM_OK,
+                      m_Task.Queue().PostEvent(new CRelay(m_Task, m_nLeft - 1, m_AtEach), NORMAL));
+            EXPECT_EQ(1u, m_Task.Queue().GetPendingEventsCount());
+        }
+        return CM_OK;
+    }
+
+  private:
+    CShownTask& m_Task;
+    const int m_nLeft;
+    const std::function<void(int)> m_AtEach;
+};
+
+TEST(CmEventSelfPost, TakesNoLock_WhenNothingElseIsPending) {
+    CShownTask task;
+    CLockCount locks;
+    int nBefore = 0;
+    int nAfter = 0;
+    task.Queue().PostEvent(new CRelay(task, 100,
+                                      [&](int aLeft) {
+                                          nBefore = aLeft == 95 ? locks.Get() : nBefore;
+                                          nAfter = aLeft == 5 ? locks.Get() : nAfter;
+                                      }),
+                           NORMAL);
+    task.RunHere();
+    EXPECT_LT(0, nBefore);
+    EXPECT_EQ(nBefore, nAfter);
+}
+
+TEST(CmEventSelfPost, AllocatesNoNode_WhenPassesAreAlike) {
+    CShownTask task;
+    EventLog log;
+    int nLeft = 20;
+    std::function<CmResult()> postNext = [&] {
+        if (--nLeft == 0) {
+            task.SetStopFlag();
+            return CM_OK;
+        }
+        LoggedEvent* const pNext = new LoggedEvent(log, nLeft, [&] { return postNext(); });
+        if (nLeft > 15) {  // the nodes that go round are made
+            return task.Queue().PostEvent(pNext, NORMAL);
+        }
+        const kelto_test::ScopedAllocationFault noMemory(1, kelto_test::Failing::FROM_THERE_ON);
+        EXPECT_EQ(CM_OK, task.Queue().PostEvent(pNext, NORMAL));
+        return CM_OK;
+    };
+    task.Queue().PostEvent(new LoggedEvent(log, 20, [&] { return postNext(); }), NORMAL);
+    task.RunHere();
+    EXPECT_EQ(20u, log.ended().size());
+}
+
+TEST(CmEventSelfPost, EndsTheEvent_WhenThereIsNoNodeAndNoMemory) {
+    CShownTask task;
+    EventLog log;
+    int nEnded = 0;
+    CmResult rv = CM_OK;
+    task.Queue().PostEvent(new LoggedEvent(log, 1,
+                                           [&] {
+                                               ICmEvent* const pNext =
+                                                   new kelto_test::EndingEvent([&] { ++nEnded; });
+                                               const kelto_test::ScopedAllocationFault noMemory(
+                                                   1, kelto_test::Failing::FROM_THERE_ON);
+                                               rv = task.Queue().PostEvent(pNext, NORMAL);
+                                               task.SetStopFlag();
+                                               return CM_OK;
+                                           }),
+                           NORMAL);
+    task.RunHere();
+    EXPECT_EQ(CM_ERROR_OUT_OF_MEMORY, rv);
+    EXPECT_EQ(1, nEnded);
+}
+
+TEST(CmEventSelfPost, WatchesTheLength_WhenMoreThanThreeSecondsHavePassed) {
+    kelto_test::ScopedClock clock;
+    kelto_test::ScopedTraceSink sink;
+    CShownTask task;
+    EventLog log;
+    const auto post = [&] { task.Queue().PostEvent(new LoggedEvent(log), NORMAL); };
+    task.Queue().PostEvent(new CRelay(task, 2,
+                                      [&](int aLeft) {
+                                          if (aLeft != 0) {
+                                              return;
+                                          }
+                                          clock.AdvanceUsec(3000001);
+                                          post();  // looks, and finds the queue short
+                                          clock.AdvanceUsec(2000000);
+                                          for (int i = 0; i < 120; ++i) {
+                                              post();
+                                          }
+                                          EXPECT_EQ(0u, sink.count("m_dwSize="));
+                                          clock.AdvanceUsec(1000001);
+                                          post();
+                                          EXPECT_EQ(1u, sink.count("m_dwSize=122 "));
+                                      }),
+                           NORMAL);
+    task.RunHere();
+    EXPECT_EQ(122u, log.ended().size());
+}
+
+TEST(CmEventSelfPost, RunsBeforeAStopThatComesLaterAndIsRefusedAfterIt) {
+    CShownTask task;
+    EventLog log;
+    CmResult rv = CM_OK;
+    task.Queue().PostEvent(
+        new LoggedEvent(log, 0,
+                        [&] {
+                            task.Queue().PostEvent(new LoggedEvent(log, 1), NORMAL);
+                            task.Stop(nullptr);
+                            rv = task.Queue().PostEvent(new LoggedEvent(log, 2), NORMAL);
+                            return CM_OK;
+                        }),
+        NORMAL);
+    task.RunHere();
+    EXPECT_EQ((Ids{0, 1}), log.fired());
+    EXPECT_EQ((Ids{2, 0, 1}), log.ended());
+    EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, rv);
+}
+
+TEST(CmEventSelfPost, EndsUnfired_WhenTheLoopHasToStop) {
+    CShownTask task;
+    EventLog log;
+    task.Queue().PostEvent(new LoggedEvent(log, 0), NORMAL);  // its node serves the next post
+    task.Queue().PostEvent(
+        new LoggedEvent(log, 1,
+                        [&] {
+                            task.Queue().PostEvent(new LoggedEvent(log, 2), NORMAL);
+                            task.Queue().PostEvent(new LoggedEvent(log, 3), NORMAL);
+                            task.SetStopFlag();
+                            return CM_OK;
+                        }),
+        NORMAL);
+    task.RunHere();
+    EXPECT_EQ((Ids{0, 1}), log.fired());
+    EXPECT_EQ((Ids{0, 1, 2, 3}), log.ended());
+    EXPECT_TRUE(task.Queue().IsStoppedAndEmpty());
+}
+
+TEST(CmEventSelfPost, StopsNowBeforeIt_WhenTheWorkerDoes) {
+    EventLog log;
+    {
+        CCmWorker worker;
+        Gate posted;
+        worker.GetEventQueue()->PostEvent(new LoggedEvent(log, 1,
+                                                          [&] {
+                                                              worker.GetEventQueue()->PostEvent(
+                                                                  new LoggedEvent(log, 2), NORMAL);
+                                                              EXPECT_EQ(CM_OK, worker.StopNow());
+                                                              posted.Open();
+                                                              return CM_OK;
+                                                          }),
+                                          NORMAL);
+        EXPECT_TRUE(posted.Wait());
+        EXPECT_EQ(CM_OK, worker.Join());
+    }
+    EXPECT_EQ((Ids{1}), log.fired());
+    EXPECT_EQ((Ids{1, 2}), log.ended());
+}
+
+TEST(CmEventSelfPost, StaysOutOfALoopInside_WhenThatHasEnded) {
+    CShownTask task;
+    EventLog log;
+    const auto postTo = [&](int aId) { task.Queue().PostEvent(new LoggedEvent(log, aId), NORMAL); };
+    task.Queue().PostEvent(new LoggedEvent(log, 0), NORMAL);
+    task.Queue().PostEvent(new LoggedEvent(log, 1,
+                                           [&] {
+                                               postTo(3);
+                                               task.Queue().PostEvent(
+                                                   new LoggedEvent(log, 4,
+                                                                   [&] {
+                                                                       postTo(5);
+                                                                       task.SetStopFlag();
+                                                                       return CM_OK;
+                                                                   }),
+                                                   NORMAL);
+                                               task.OnThreadRun();  // ends with the queue closed
+                                               return CM_OK;
+                                           }),
+                           NORMAL);
+    task.Queue().PostEvent(new LoggedEvent(log, 2), NORMAL);
+    task.RunHere();
+    EXPECT_EQ((Ids{0, 1, 3, 4, 2}), log.fired());
+    EXPECT_EQ((Ids{0, 3, 4, 5, 1, 2}), log.ended());
+}
+
+// On a system that unwinds a cancelled thread (where this one does) and on one that does not.
+class CmEventSelfPostCancelled : public testing::TestWithParam<bool> {
+  protected:
+    CmEventSelfPostCancelled() {
+        if (GetParam()) {
+            m_HandlersOnly.emplace();
+        }
+    }
+
+    template <class ThreadType>
+    void StaysPending(bool aOthersInItsPass);
+
+  private:
+    std::optional<kelto_test::ScopedHandlersOnly> m_HandlersOnly;
+};
+
+INSTANTIATE_TEST_SUITE_P(, CmEventSelfPostCancelled, testing::Bool(),
+                         [](const auto& aInfo) { return aInfo.param ? "HandlersOnly" : "AsHere"; });
+
+// 2 posts 3, which posts 6 and in which the thread is cancelled; aOthersInItsPass: and 4 and 5.
+template <class ThreadType>
+void CmEventSelfPostCancelled::StaysPending(bool aOthersInItsPass) {
+    const long lLive = kelto_test::LiveAllocationsBefore();
+    {
+        const Ids rest = aOthersInItsPass ? Ids{4, 5, 6} : Ids{6};
+        Ids all = {1, 2, 3};
+        all.insert(all.end(), rest.begin(), rest.end());
+        EventLog log;
+        CShownTaskT<ThreadType>* pTask = new CShownTaskT<ThreadType>;
+        CCmEventQueueUsingConditionVariable& queue = pTask->Queue();
+        const auto post = [&](int aId, const LoggedEvent::Work& aWork = nullptr) {
+            queue.PostEvent(new LoggedEvent(log, aId, aWork), NORMAL);
+        };
+        std::atomic<bool> bHangs{false};
+        const auto hang = [&] {
+            post(6);
+            bHangs = true;
+            for (;;) {
+                kelto_test::TestCancel();
+                std::this_thread::yield();
+            }
+            return CM_OK;
+        };
+        post(1, [&] {
+            post(2, [&] {
+                post(3, hang);
+                if (aOthersInItsPass) {
+                    post(4);
+                    post(5);
+                }
+                return CM_OK;
+            });
+            return CM_OK;
+        });
+        ASSERT_EQ(CM_OK, pTask->Create(TYPE, TF_JOINABLE, 0));
+        EXPECT_TRUE(Eventually([&] { return bHangs.load(); }));
+        EXPECT_EQ(0, pTask->Terminate());
+        EXPECT_EQ(CM_OK, pTask->Join());
+        EXPECT_EQ((Ids{1, 2, 3}), log.fired());
+        EXPECT_EQ((Ids{1, 2, 3}), log.ended());
+        EXPECT_EQ(rest.size(), queue.GetPendingEventsCount());
+        Events events;
+        EXPECT_EQ(CM_OK, queue.PopPendingEvents(events));
+        queue.ProcessAndRecycleEvents(events);
+        EXPECT_EQ(all, log.fired());
+        post(7);
+        pTask->Destory(0);
+        all.push_back(7);
+        EXPECT_EQ(all, log.ended());
+    }
+    EXPECT_EQ(lLive, kelto_test::LiveAllocations());
+}
+
+TEST_P(CmEventSelfPostCancelled, StaysPending_WhenItsLoopIsOfEventsOnly) {
+    StaysPending<CCmThreadTaskWithEventQueueOnly>(true);
+    StaysPending<CCmThreadTaskWithEventQueueOnly>(false);
+}
+
+TEST_P(CmEventSelfPostCancelled, StaysPending_WhenItsLoopHasTimers) {
+    StaysPending<CCmThreadTask>(true);
+    StaysPending<CCmThreadTask>(false);
+}
+
+TEST(CmEventSelfPost, EndsUnfired_WhenAnotherThreadDestroysWhatIsPending) {
+    CShownTask task;
+    EventLog log;
+    const auto post = [&](int aId) { task.Queue().PostEvent(new LoggedEvent(log, aId), NORMAL); };
+    post(1);
+    task.Queue().PostEvent(new LoggedEvent(log, 2,
+                                           [&] {
+                                               post(3);
+                                               OnAnotherThread([&] {
+                                                   post(4);
+                                                   task.Queue().DestoryPendingEvents();
+                                               });
+                                               post(5);
+                                               post(6);
+                                               return CM_OK;
+                                           }),
+                           NORMAL);
+    task.Queue().PostEvent(new LoggedEvent(log, 7, [&] { return task.Stop(nullptr); }), NORMAL);
+    task.RunHere();
+    EXPECT_EQ((Ids{1, 2, 7, 5, 6}), log.fired());
+    EXPECT_EQ((Ids{4, 1, 2, 7, 3, 5, 6}).size(), log.ended().size());
+    Ids ended = log.ended();
+    std::sort(ended.begin(), ended.end());
+    EXPECT_EQ((Ids{1, 2, 3, 4, 5, 6, 7}), ended);
+}
+
+// The queue of a worker as its users know it: one list. Its events act at random; every act
+// happens after the one before, whichever thread it is on.
+class CSelfPostModel {
+  public:
+    explicit CSelfPostModel(DWORD aSeed) : m_Bytes(kelto_test::RandomBytes(BYTES, aSeed)) {}
+
+    void Run() {
+        Post();
+        m_Task.RunHere();
+        std::sort(m_Ended.begin(), m_Ended.end());
+        Ids all;
+        for (int i = 0; i < m_nPosted; ++i) {
+            all.push_back(i);
+        }
+        EXPECT_EQ(all, m_Ended);
+        EXPECT_EQ(m_nPosted, m_nFired + m_nDestroyed);
+    }
+
+  private:
+    static constexpr size_t BYTES = 1500;
+
+    class CActing : public ICmEvent {
+      public:
+        CActing(CSelfPostModel& aModel, int aId) : m_Model(aModel), m_nId(aId) {}
+        CmResult OnEventFire() override {
+            m_Model.Fire(m_nId);
+            return CM_OK;
+        }
+        void OnDestorySelf() override {
+            m_Model.m_Ended.push_back(m_nId);
+            delete this;
+        }
+
+      private:
+        CSelfPostModel& m_Model;
+        const int m_nId;
+    };
+
+    size_t NextByte() { return m_nNext < m_Bytes.size() ? m_Bytes[m_nNext++] : 0; }
+
+    void Post() {
+        const int nId = m_nPosted++;
+        m_Pending.push_back(nId);
+        ++m_dwCount;
+        EXPECT_EQ(CM_OK, m_Task.Queue().PostEvent(new CActing(*this, nId), NORMAL));
+    }
+    // The loop takes all that is pending when it has run what it took before.
+    void Fire(int aId) {
+        if (m_Batches.back().empty()) {
+            ASSERT_EQ(1u, m_Batches.size());
+            m_Batches.back() = Take(0xFFFFFFFF);
+        }
+        ASSERT_FALSE(m_Batches.back().empty());
+        ASSERT_EQ(m_Batches.back().front(), aId);
+        m_Batches.back().pop_front();
+        ++m_nFired;
+        for (size_t nActs = NextByte() % 5; nActs > 0 && m_nNext < m_Bytes.size(); --nActs) {
+            Act(NextByte() % 32);
+            ASSERT_EQ(m_dwCount, m_Task.Queue().GetPendingEventsCount());
+        }
+        if (m_Pending.empty() && m_Batches.size() == 1 && m_Batches.back().empty()) {
+            if (m_nNext < m_Bytes.size()) {
+                Post();
+            } else {
+                m_Task.SetStopFlag();
+            }
+        }
+    }
+    void Act(size_t aAct) {
+        if (aAct < 14) {
+            Post();
+        } else if (aAct < 20) {
+            OnAnotherThread([this] { Post(); });
+        } else if (aAct < 24) {
+            RunInside(static_cast<DWORD>(NextByte() % 4));
+        } else if (aAct < 28) {
+            RunOne();
+        } else if (aAct == 28) {
+            DestroyPending();
+        } else if (aAct == 29) {
+            OnAnotherThread([this] { DestroyPending(); });
+        }
+    }
+    std::deque<int> Take(DWORD aMaxCount) {
+        std::deque<int> taken;
+        if (m_dwCount <= aMaxCount) {
+            taken.swap(m_Pending);
+            m_dwCount = 0;
+        }
+        while (taken.size() < aMaxCount && !m_Pending.empty()) {
+            taken.push_back(m_Pending.front());
+            m_Pending.pop_front();
+            --m_dwCount;
+        }
+        return taken;
+    }
+    void RunInside(DWORD aMaxCount) {
+        if (m_Pending.empty()) {
+            return;  // it would wait
+        }
+        m_Batches.push_back(Take(aMaxCount));
+        Events events;
+        EXPECT_EQ(CM_OK, m_Task.Queue().PopOrWaitPendingEvents(events, nullptr, aMaxCount));
+        ASSERT_EQ(m_Batches.back().size(), events.size());
+        m_Task.Queue().ProcessAndRecycleEvents(events);
+        EXPECT_TRUE(m_Batches.back().empty());
+        m_Batches.pop_back();
+    }
+    void RunOne() {
+        ICmEvent* pEvent = nullptr;
+        if (m_Pending.empty()) {
+            EXPECT_EQ(CM_ERROR_NOT_FOUND, m_Task.Queue().PopOnePendingEvent(pEvent));
+            return;
+        }
+        m_Batches.push_back({m_Pending.front()});
+        m_Pending.pop_front();
+        --m_dwCount;
+        DWORD dwRemain = 0;
+        ASSERT_EQ(CM_OK, m_Task.Queue().PopOnePendingEvent(pEvent, &dwRemain));
+        EXPECT_EQ(m_dwCount, dwRemain);
+        m_Task.Queue().ProcessOneEvent(pEvent);
+        m_Batches.pop_back();
+    }
+    void DestroyPending() {
+        m_nDestroyed += static_cast<int>(m_Pending.size());
+        m_Pending.clear();
+        m_Task.Queue().DestoryPendingEvents();
+    }
+
+    CShownTask m_Task;
+    const std::vector<uint8_t> m_Bytes;
+    size_t m_nNext = 0;
+    std::deque<int> m_Pending;
+    DWORD m_dwCount = 0;  // that of the queue, which a destruction leaves as it is
+    std::vector<std::deque<int>> m_Batches{1};  // what was taken and has not begun, outermost first
+    int m_nPosted = 0;
+    int m_nFired = 0;
+    int m_nDestroyed = 0;
+    Ids m_Ended;
+};
+
+TEST(CmEventSelfPost, KeepsTheOrderOfPosting_WhenOthersPostAndTakeAsWell) {
+    for (DWORD dwSeed = 1; dwSeed <= 40; ++dwSeed) {
+        SCOPED_TRACE("seed " + std::to_string(dwSeed));
+        CSelfPostModel(dwSeed).Run();
+        if (HasFailure()) {
+            return;
+        }
+    }
+}
+
+// Passes that follow each other without a wait: 5 events each, of a worker with timers.
+class CmEventPassTimes : public testing::Test {
+  protected:
+    void Post(int aId, long aTakesUsec, std::function<void()> aWork = nullptr) {
+        m_Task.Queue().PostEvent(new LoggedEvent(m_Log, aId,
+                                                 [this, aTakesUsec, aWork] {
+                                                     m_Clock.AdvanceUsec(aTakesUsec);
+                                                     if (aWork) {
+                                                         aWork();
+                                                     }
+                                                     return CM_OK;
+                                                 }),
+                                 NORMAL);
+    }
+    void PostStop() {
+        Post(0, 0, [this] { m_Task.SetStopFlag(); });
+    }
+
+    kelto_test::ScopedClock m_Clock;
+    kelto_test::ScopedTraceSink m_Sink;
+    EventLog m_Log;
+    CShownTaskT<CCmThreadTask> m_Task;
+};
+
+TEST_F(CmEventPassTimes, ReportsExactlyWhatTakesLonger_WhereverInItsPass) {
+    for (int i = 0; i < 6; ++i) {
+        Post(1, 50000);
+        Post(2, 50001);
+    }
+    PostStop();
+    m_Task.RunHere();
+    EXPECT_EQ(6u, m_Sink.count("ProcessOneEvent, report, sec=0 usec=50001 "));
+    EXPECT_EQ(6u, m_Sink.count("ProcessOneEvent, report"));
+}
+
+TEST_F(CmEventPassTimes, GoOnWhereTheLastEnded_WhenNothingIsBetween) {
+    constexpr unsigned long EVENTS = 29;
+    constexpr unsigned long PASSES = 6;
+    for (unsigned long i = 0; i < EVENTS; ++i) {
+        Post(1, 10);
+    }
+    PostStop();
+    unsigned long ulReads = m_Clock.reads();
+    m_Task.RunHere();
+    ulReads = m_Clock.reads() - ulReads;
+    // One for each event and one at the first; the timer queue reads the clock once a pass.
+    EXPECT_GE(EVENTS + 1 + 1 + PASSES, ulReads);
+}
+
+class CTakingHandler : public ICmTimerHandler {
+  public:
+    explicit CTakingHandler(std::function<void()> aWork) : m_Work(std::move(aWork)) {}
+    virtual ~CTakingHandler() = default;
+    void OnTimeout(const CCmTimeValue& /*aCurTime*/, void* /*aArg*/) override { m_Work(); }
+
+  private:
+    const std::function<void()> m_Work;
+};
+
+TEST_F(CmEventPassTimes, LeaveOutWhatATimerTakes) {
+    CTakingHandler handler([this] { m_Clock.AdvanceUsec(70000); });
+    Post(1, 10000, [&] {
+        m_Task.GetTimerQueue()->ScheduleTimer(&handler, nullptr, CCmTimeValue(0, 20000), 1);
+    });
+    for (int i = 0; i < 9; ++i) {
+        Post(2, 6000);
+    }
+    PostStop();
+    m_Task.RunHere();
+    EXPECT_EQ(0u, m_Sink.count("ProcessOneEvent, report"));
+    EXPECT_EQ(11u, m_Log.fired().size());
+}
+
+TEST_F(CmEventPassTimes, LeaveOutAWait) {
+    std::thread poster([&] {
+        EXPECT_TRUE(Eventually([&] { return m_Log.ended().size() == 1; }));
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));  // it waits by then
+        m_Clock.AdvanceUsec(70000);
+        PostStop();
+    });
+    Post(1, 10);
+    m_Task.RunHere();
+    poster.join();
+    EXPECT_EQ(0u, m_Sink.count("ProcessOneEvent, report"));
+}
+
+}  // namespace
+}  // namespace UTIL_NS
