@@ -4,12 +4,12 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cstdint>
 #include <cstring>
 #include <new>
 #include <utility>
 
+#include "CmAtomic.h"
 #include "CmNumberStack.h"
 #include "CmSystem.h"
 #include "CmTraceLine.h"
@@ -84,7 +84,7 @@ constexpr uint64_t FREE_MARK = 0x9e3779b97f4a7c15;
 
 struct alignas(64) CDepot {
     CCmNumberStack m_Full;
-    std::atomic<CStray*> m_pStrays{nullptr};
+    CmStd::atomic<CStray*> m_pStrays{nullptr};
 };
 
 enum EState : int { STATE_NEW, STATE_STARTING, STATE_READY };
@@ -95,33 +95,33 @@ enum ESwitch : int { SWITCH_AUTO, SWITCH_ON, SWITCH_OFF };
 constexpr uintptr_t NO_RANGE = uintptr_t{0} - CCmBlockPool::RANGE_SIZE;
 
 // Relaxed: who frees a block of the range came by it from a thread that had read the address.
-std::atomic<uintptr_t> s_nRange{NO_RANGE};
-std::atomic<int> s_nState{STATE_NEW};
-std::atomic<int> s_nSwitch{KELTO_BLOCK_POOL ? SWITCH_AUTO : SWITCH_OFF};
+CmStd::atomic<uintptr_t> s_nRange{NO_RANGE};
+CmStd::atomic<int> s_nState{STATE_NEW};
+CmStd::atomic<int> s_nSwitch{KELTO_BLOCK_POOL ? SWITCH_AUTO : SWITCH_OFF};
 pthread_key_t s_key;  // written before STATE_READY
 
 CDepot s_depots[CLASSES];
 CCmNumberStack s_emptyMagazines;
-std::atomic<uint32_t> s_dwMagazineLinks[MAGAZINES];
+CmStd::atomic<uint32_t> s_dwMagazineLinks[MAGAZINES];
 // Chunks that are not committed: those that have been, and the rest from s_dwFreshChunk on.
 CCmNumberStack s_freeChunks;
-std::atomic<uint32_t> s_dwChunkLinks[CHUNKS];
-std::atomic<uint32_t> s_dwFreshChunk{0};
+CmStd::atomic<uint32_t> s_dwChunkLinks[CHUNKS];
+CmStd::atomic<uint32_t> s_dwFreshChunk{0};
 // Those that are: of magazines, and of blocks.
-std::atomic<uint32_t> s_dwMagazineChunks{0};
-std::atomic<uint32_t> s_dwBlockChunks{0};
+CmStd::atomic<uint32_t> s_dwMagazineChunks{0};
+CmStd::atomic<uint32_t> s_dwBlockChunks{0};
 // The class of a chunk's blocks. Relaxed: it is written before the blocks come into use.
-std::atomic<uint8_t> s_byChunkClasses[CHUNKS];
+CmStd::atomic<uint8_t> s_byChunkClasses[CHUNKS];
 
 // What Tend goes by; relaxed, nothing is handed over with it.
-std::atomic<long> s_lIdle{0};           // bytes in full magazines of the depot
-std::atomic<long> s_lLeastIdle{0};      // the least that it was since s_llTended
-std::atomic<long> s_lIdleFloor{0};      // what the last trim could not give back
-std::atomic<bool> s_bIsTended{false};   // a thread has m_bTends
-std::atomic<long long> s_llTended{0};   // microseconds, when that thread last looked
-std::atomic<long long> s_llTrimmed{0};  // when the last trim was
+CmStd::atomic<long> s_lIdle{0};           // bytes in full magazines of the depot
+CmStd::atomic<long> s_lLeastIdle{0};      // the least that it was since s_llTended
+CmStd::atomic<long> s_lIdleFloor{0};      // what the last trim could not give back
+CmStd::atomic<bool> s_bIsTended{false};   // a thread has m_bTends
+CmStd::atomic<long long> s_llTended{0};   // microseconds, when that thread last looked
+CmStd::atomic<long long> s_llTrimmed{0};  // when the last trim was
 // Held by the one that trims; nobody waits for it.
-std::atomic<bool> s_bTrims{false};
+CmStd::atomic<bool> s_bTrims{false};
 uint16_t s_wIdleBlocks[CHUNKS];  // of the one that trims; zeros between trims
 
 thread_local CThreadCache* t_pCache = nullptr;
@@ -178,7 +178,7 @@ uint32_t TakeFreshChunk() {
     return dwChunk < CHUNKS ? dwChunk : NO_CHUNK;
 }
 
-std::atomic<uint32_t>& CommittedOf(unsigned aClass) {
+CmStd::atomic<uint32_t>& CommittedOf(unsigned aClass) {
     return aClass == MAGAZINE_CLASS ? s_dwMagazineChunks : s_dwBlockChunks;
 }
 
@@ -265,7 +265,7 @@ CMagazine* TakeFull(unsigned aClass) {
 
 void PutStray(unsigned aClass, void* aBlock) {
     CStray* const pStray = ::new (aBlock) CStray{nullptr};
-    std::atomic<CStray*>& pHead = s_depots[aClass].m_pStrays;
+    CmStd::atomic<CStray*>& pHead = s_depots[aClass].m_pStrays;
     pStray->m_pNext = pHead.load(std::memory_order_relaxed);
     // Release, paired with the acquire in TakeStrays.
     while (!pHead.compare_exchange_weak(pStray->m_pNext, pStray, std::memory_order_release,
@@ -310,7 +310,7 @@ class CFiller {
 };
 
 CMagazine* TakeStrays(unsigned aClass) {
-    std::atomic<CStray*>& pHead = s_depots[aClass].m_pStrays;
+    CmStd::atomic<CStray*>& pHead = s_depots[aClass].m_pStrays;
     if (pHead.load(std::memory_order_relaxed) == nullptr) {
         return nullptr;
     }

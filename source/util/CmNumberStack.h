@@ -2,8 +2,9 @@
 #ifndef CM_NUMBER_STACK_H
 #define CM_NUMBER_STACK_H
 
-#include <atomic>
 #include <cstdint>
+
+#include "CmAtomic.h"
 
 namespace UTIL_NS {
 
@@ -58,7 +59,7 @@ class CCmNumberStack {
         return (((aHead >> 32) + 1) << 32) | static_cast<uint32_t>(aFirst + 1);
     }
 
-    std::atomic<uint64_t> m_ullHead{0};
+    CmStd::atomic<uint64_t> m_ullHead{0};
 };
 
 }  // namespace UTIL_NS
