@@ -286,6 +286,55 @@ TEST(ScheduledSend, IsOutlivedByTheQueue_WhenEachThreadHasACoreOfItsOwn) {
         settings);
 }
 
+TEST(ScheduledSend, WakesTheWorker_WhenAPostFollowsOnAnotherCore) {
+    CSettings settings;
+    settings.m_bOneCore = false;
+    Explore(
+        [] {
+            ACmThread& worker = MakeWorker();
+            ICmEventQueue& queue = *worker.GetEventQueue();
+            SCHEDULE_EXPECT(queue.SendEvent(Answering(0)) == ANSWER);
+            PostTo(queue, WORKER, 1);
+            WaitUntil([] { return FateOf(1).m_nEnded > 0; });
+            SCHEDULE_EXPECT(queue.SendEvent(Answering(2)) == ANSWER);
+            EndWorker(worker);
+        },
+        settings);
+}
+
+TEST(ScheduledSend, ReturnsToEach_WhenTwoSendersHaveCoresOfTheirOwn) {
+    CSettings settings;
+    settings.m_bOneCore = false;
+    Explore(
+        [] {
+            ACmThread& worker = MakeWorker();
+            ICmEventQueue& queue = *worker.GetEventQueue();
+            {
+                CThreadOf other(
+                    [&queue] { SCHEDULE_EXPECT(queue.SendEvent(Answering(0)) == ANSWER); });
+                SCHEDULE_EXPECT(queue.SendEvent(Answering(1)) == ANSWER);
+            }
+            EndWorker(worker);
+        },
+        settings);
+}
+
+TEST(ScheduledSend, EndsTheEventWhereItFired_WhenAWorkerOnAnotherCoreIsStopped) {
+    CSettings settings;
+    settings.m_bOneCore = false;
+    Explore(
+        [] {
+            ACmThread& worker = MakeWorker();
+            {
+                CThreadOf sender([&worker] { SendSomehow(*worker.GetEventQueue(), 0); });
+                SCHEDULE_EXPECT(worker.Stop(nullptr) == CM_OK);
+            }
+            SCHEDULE_EXPECT(worker.Join() == CM_OK);
+            worker.Destory(CM_OK);
+        },
+        settings);
+}
+
 TEST(ScheduledSend, Returns_WhenItsQueueHasNoLock) {
     Explore([] {
         auto* const pThread = new CCmThreadHeartBeat;
