@@ -4,6 +4,8 @@
 
 #include <array>
 
+#include "CmSystem.h"
+#include "CmWorker.h"
 #include "schedule/Workers.h"
 
 namespace kelto_test {
@@ -111,8 +113,8 @@ TEST(ScheduledOwnPost, KeepsTheOrderOfPosting_WhenTheEventsPostOnAndTwoOthersPos
                 log.Post(queue, 5);
             }
             WaitUntil([] {
-                return FateOf(2).m_nEnded > 0 && FateOf(3).m_nEnded > 0 &&
-                       FateOf(4).m_nEnded > 0 && FateOf(5).m_nEnded > 0;
+                return FateOf(2).m_nEnded > 0 && FateOf(3).m_nEnded > 0 && FateOf(4).m_nEnded > 0 &&
+                       FateOf(5).m_nEnded > 0;
             });
             EndWorker(worker);
             ExpectFired(6);
@@ -207,11 +209,15 @@ TEST(ScheduledOwnPost, EndsOnce_WhenAnotherThreadDestroysWhatIsPendingMeanwhile)
         ACmThread& worker = MakeWorker();
         Queue& queue = QueueOf(worker);
         CPostLog log;
+        bool bPosted = false;
         log.Post(queue, 0, [&] {
             log.Post(queue, 1);
             log.Post(queue, 2);
+            bPosted = true;
             return CM_OK;
         });
+        const bool bAfterPosts = Choose(2) == 1;
+        WaitUntil([&] { return bPosted || !bAfterPosts; });
         queue.DestoryPendingEvents();
         // What is posted after that runs.
         log.Post(queue, 3);
@@ -247,6 +253,30 @@ TEST(ScheduledOwnPost, RunsOrIsRefused_WhenTheWorkerIsStoppedMeanwhile) {
     });
 }
 
+TEST(ScheduledOwnPost, IsRefused_WhenTheWorkerWasStoppedAtOnce) {
+    Explore([] {
+        CCmWorker worker;
+        SCHEDULE_EXPECT(worker.Result() == CM_OK);
+        ICmEventQueue& queue = *worker.GetEventQueue();
+        CPostLog log;
+        bool bFires = false;
+        bool bStopped = false;
+        log.Post(queue, 0, [&] {
+            log.Post(queue, 1);
+            bFires = true;
+            WaitUntil([&bStopped] { return bStopped; });
+            log.Post(queue, 2);
+            return CM_OK;
+        });
+        WaitUntil([&bFires] { return bFires; });
+        SCHEDULE_EXPECT(worker.StopNow() == CM_OK);
+        bStopped = true;
+        SCHEDULE_EXPECT(worker.Join() == CM_OK);
+        SCHEDULE_EXPECT(FateOf(1).m_nFired == 0 && FateOf(1).m_nEnded == 1);
+        SCHEDULE_EXPECT(!log.IsAccepted(2) && FateOf(2).m_nEndedOn == WORKER);
+    });
+}
+
 TEST(ScheduledOwnPost, EndsOnce_WhenTheWorkerIsTerminatedMeanwhile) {
     Explore([] {
         ACmThread& worker = MakeWorker();
@@ -255,6 +285,8 @@ TEST(ScheduledOwnPost, EndsOnce_WhenTheWorkerIsTerminatedMeanwhile) {
         log.Post(queue, 0, [&] {
             log.Post(queue, 1);
             log.Post(queue, 2);
+            const timespec tsNap = {0, 1000};
+            g_cmSystem.nanosleep(&tsNap, nullptr);
             return CM_OK;
         });
         log.Post(queue, 3);
