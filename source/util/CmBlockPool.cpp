@@ -97,7 +97,11 @@ constexpr uintptr_t NO_RANGE = uintptr_t{0} - CCmBlockPool::RANGE_SIZE;
 // Relaxed: who frees a block of the range came by it from a thread that had read the address.
 std::atomic<uintptr_t> s_nRange{NO_RANGE};
 std::atomic<int> s_nState{STATE_NEW};
-std::atomic<int> s_nSwitch{KELTO_BLOCK_POOL ? SWITCH_AUTO : SWITCH_OFF};
+#ifdef KELTO_BLOCK_POOL
+std::atomic<int> s_nSwitch{SWITCH_AUTO};
+#else
+std::atomic<int> s_nSwitch{SWITCH_OFF};
+#endif
 pthread_key_t s_key;  // written before STATE_READY
 
 CDepot s_depots[CLASSES];
