@@ -55,7 +55,7 @@ TEST_F(CmTimerMarksT, FindsTheEnd_WhenEveryMarkIsBefore) {
     EXPECT_EQ(nullptr, Find(4));
 }
 
-TEST_F(CmTimerMarksT, FindsTheNextMark_WhereverTheKeyLies) {
+TEST_F(CmTimerMarksT, FindsTheNextMark_WhateverTheKey) {
     Node* const p10 = Add(10);
     Node* const p30 = Add(30);
     Node* const p20 = Add(20);
@@ -66,7 +66,7 @@ TEST_F(CmTimerMarksT, FindsTheNextMark_WhereverTheKeyLies) {
     EXPECT_EQ(p30, Find(21));
 }
 
-TEST_F(CmTimerMarksT, FindsTheMarkOfTheGreatestKey_ThoughItMeansNoneElsewhere) {
+TEST_F(CmTimerMarksT, FindsTheMarkOfTheGreatestKey_WhenThereIsOne) {
     EXPECT_EQ(nullptr, Find(INT64_MAX));
     Node* const pGreatest = Add(INT64_MAX);
     Node* const pLeast = Add(INT64_MIN);
@@ -81,13 +81,13 @@ TEST_F(CmTimerMarksT, FindsTheNewNode_WhenAKeyIsMarkedAgain) {
     EXPECT_EQ(pNew, Find(5));
 }
 
-TEST_F(CmTimerMarksT, PassesAMark_WhoseNodeLeftTheList) {
+TEST_F(CmTimerMarksT, PassesAMark_WhenItsNodeLeftTheList) {
     Add(10)->isInList = false;
     Node* const p20 = Add(20);
     EXPECT_EQ(p20, Find(5));
 }
 
-TEST_F(CmTimerMarksT, PassesAMark_WhoseNodeHasAnotherKey) {
+TEST_F(CmTimerMarksT, PassesAMark_WhenItsNodeHasAnotherKey) {
     Add(10)->key = 40;
     Node* const p20 = Add(20);
     EXPECT_EQ(p20, Find(5));

@@ -209,7 +209,7 @@ class KilledQtrace : public testing::TestWithParam<Scenario> {
     Ids m_acknowledged;
 };
 
-TEST_P(KilledQtrace, LeavesEveryAcknowledgedLineAndAFileToGoOnFrom_WhereverItIsKilled) {
+TEST_P(KilledQtrace, LeavesEveryAcknowledgedLineAndAFileToGoOnFrom_WhateverCallItIsKilledAt) {
     unsigned long ulKills = 0;
     unsigned long ulStop = 0;
     do {

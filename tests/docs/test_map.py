@@ -16,7 +16,7 @@ ROOT = pathlib.Path(__file__).resolve().parents[2]
 CASE = re.compile(r"^(?:TYPED_)?TEST(?:_F|_P)?\(\s*(\w+),\s*(\w+)\)", re.M)
 SCRIPT_CASE = re.compile(r"^    def test_(\w+)\(self", re.M)
 NAME = re.compile(r"[A-Z][A-Za-z0-9]*"
-                  r"(_(When|While|Until|Before|After|Without|Whatever)[A-Z0-9][A-Za-z0-9]*)?")
+                  r"(_(When|While|Until|Before|After|Without|Whatever|Wherever)[A-Z0-9][A-Za-z0-9]*)?")
 NO_MAP = {"CMakeLists.txt", "README.md"}
 
 
