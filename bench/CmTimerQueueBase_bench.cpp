@@ -376,8 +376,8 @@ void Churn(benchmark::State& aState) {
     nanosleep(&PAST_SHORT, nullptr);
     queue.Pass();
     s_fired = nullptr;
-    // One that is put off before it is due, or made short twice, does not fire for it.
-    Check(s_lFired > lShort / 2 && s_lFired <= lShort, "number that fired");
+    // A short one that is put off does not fire; on a slow machine long ones do, too.
+    Check(s_lFired > lShort / 2, "number that fired");
     for (size_t i = 0; i < CHURN_TIMERS; ++i) {
         Check(queue.Cancel(i), "all are pending");
     }

@@ -6,6 +6,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "Row.h"
 #include "Workers.h"
@@ -15,8 +16,14 @@ using namespace kelto_bench;
 namespace {
 
 constexpr char AREA[] = "latency";
+constexpr size_t WARM_UP = 100;  // posts at the start that do not count
 // Waking is all of these rows, and a worker by hand wakes as one of a library does: it is a peer.
 constexpr char BY_HAND_PEER[] = "std::deque + condition variable by hand";
+
+std::vector<double> Warm(const CLatencies& aLatencies) {
+    const std::vector<double>& all = aLatencies.nsec();
+    return std::vector<double>(all.begin() + WARM_UP, all.end());
+}
 
 // ---- Of a worker that sleeps.
 
@@ -53,9 +60,10 @@ class CBusyThread {
 template <typename Worker>
 void PostToSleeper(benchmark::State& aState, bool aTwoCores, const CPace& aPace) {
     const auto pWorker = PlacedWorker<Worker>(aTwoCores);
-    CLatencies latencies(aPace.m_nPosts);
+    const size_t nPosts = WARM_UP + aPace.m_nPosts;
+    CLatencies latencies(nPosts);
     for (auto _ : aState) {
-        for (size_t i = 0; i < aPace.m_nPosts; ++i) {
+        for (size_t i = 0; i < nPosts; ++i) {
             nanosleep(&aPace.m_Pause, nullptr);
             pWorker->Post(latencies, NowNsec());
         }
@@ -63,7 +71,7 @@ void PostToSleeper(benchmark::State& aState, bool aTwoCores, const CPace& aPace)
             nanosleep(&aPace.m_Pause, nullptr);
         }
     }
-    CountLatencies(aState, latencies.nsec());
+    CountLatencies(aState, Warm(latencies));
 }
 
 template <typename Worker>
@@ -106,11 +114,12 @@ void PostAtLoad(benchmark::State& aState, int aPercent) {
     const Pinned pinned(POSTER_CORE);
     const auto pWorker = PlacedWorker<Worker>(true);
     const double gap = 100.0 * WORK_NSEC / aPercent;
-    CWorkingLatencies latencies(LOADED_POSTS);
+    constexpr size_t POSTS = WARM_UP + LOADED_POSTS;
+    CWorkingLatencies latencies(POSTS);
     Numbers numbers;
     for (auto _ : aState) {
         double due = static_cast<double>(NowNsec());
-        for (size_t i = 0; i < LOADED_POSTS; ++i) {
+        for (size_t i = 0; i < POSTS; ++i) {
             due -= gap * std::log((numbers.Next() + 1.0) / (UINT32_MAX / 2 + 2.0));
             WorkUntil(static_cast<long>(due));
             pWorker->Post(latencies, static_cast<long>(due));
@@ -118,7 +127,7 @@ void PostAtLoad(benchmark::State& aState, int aPercent) {
         while (!latencies.AreAllThere()) {
         }
     }
-    CountFigure(aState, NANOSECONDS, Percentile(latencies.nsec(), 0.99));
+    CountFigure(aState, NANOSECONDS, Percentile(Warm(latencies), 0.99));
 }
 
 template <typename Worker>

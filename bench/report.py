@@ -401,7 +401,7 @@ def short_number(value):
 
 def plot(title, works):
     """Figures over size, both logarithmic but for percentages, as SVG text."""
-    width, height, left, right, top, bottom = 720, 380, 80, 210, 44, 56
+    width, height, left, right, top, bottom = 760, 380, 80, 250, 44, 56
     what, over = title.rsplit(" over ", 1)
     is_linear = over.endswith("%")
     series = {}
@@ -438,7 +438,7 @@ def plot(title, works):
     middle = (top + height - bottom) / 2
     picture.text(16, middle, "latency" if "latency" in what else "time of one",
                  f'text-anchor="middle" transform="rotate(-90 16 {middle:.1f})"')
-    names = sorted(series)
+    names = sorted(series, key=lambda who: (not who.startswith(OURS), who))
     ordered = sorted(series.items(), key=lambda item: -max(item[1])[1])
     places = spread_labels([py(max(points)[1]) + 4 for _, points in ordered])
     for (who, points), place in zip(ordered, places):

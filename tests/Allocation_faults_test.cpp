@@ -46,7 +46,7 @@ using kelto_test::ScopedAllocationFault;
 
 constexpr int EVENTS = 256;
 constexpr unsigned long MOST_ALLOCATIONS = 100000;
-constexpr unsigned long MOST_PAIRS = 100000 / KELTO_TEST_STRIDE;  // of an operation
+constexpr unsigned long MOST_PAIRS = 100000 / KELTO_TEST_STRIDE / KELTO_TEST_STRIDE;
 
 void DropLine(unsigned long, const char*, unsigned int) {}
 

@@ -195,7 +195,7 @@ TEST_P(ClockSteps, SizeWatchReportsAgain_AfterTheStep) {
 
 // ---- At random, against models
 
-constexpr int RANDOM_STEPS = 10000 / KELTO_TEST_STRIDE;
+constexpr int RANDOM_STEPS = 10000;
 
 // A wall clock between 1970 and 2200 that is set by a microsecond, by years and by all between.
 class CErraticClock {

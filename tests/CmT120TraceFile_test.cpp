@@ -352,6 +352,34 @@ TEST_F(CmT120TraceFile, WriteSharedCutsNothing) {
     }
 }
 
+TEST_F(CmT120TraceFile, WriteSharedCutsALongLine_WithoutMemoryForIt) {
+    WriteEmptyTraceFile();
+    CCmT120TraceFile file(m_sPath.c_str(), 0, 1, 0);
+    file.attach();
+    {
+        FailingCall<&CCmSystemTable::malloc> fault(ENOMEM, nullptr);
+        file.write(nullptr, nullptr, std::string(5000, 'x').c_str());
+    }
+    const std::string sStart = Stamp() + " ";
+    EXPECT_EQ(Header(32 + 2047) + sStart + std::string(2046 - sStart.size(), 'x') + "\n" + MARKER,
+              Content());
+}
+
+size_t g_nAllocated = 0;
+
+void* RecordingMalloc(size_t aSize) {
+    g_nAllocated = aSize;
+    return std::malloc(aSize);
+}
+
+TEST_F(CmT120TraceFile, LineBufferHasRoomForEachLineAndATerminator) {
+    kelto_test::ScopedEntry<decltype(g_cmSystem.malloc)> entry(g_cmSystem.malloc, RecordingMalloc);
+    CCmT120TraceFile file(m_sPath.c_str(), 0, 0, 0);
+    EXPECT_EQ(2049u, g_nAllocated);
+    file.refresh_settings(0, 3);
+    EXPECT_EQ(3u * 2048 + 1, g_nAllocated);
+}
+
 TEST_F(CmT120TraceFile, WriteSharedWritesNothing_WhenTheTextIsNull) {
     WriteEmptyTraceFile();
     CCmT120TraceFile file(m_sPath.c_str(), 0, 1, 0);
@@ -506,8 +534,10 @@ ssize_t PreadFewBytes(int aFile, void* aBuffer, size_t aSize, off_t aOffset) {
     return ::pread(aFile, aBuffer, std::min<size_t>(aSize, 3), aOffset);
 }
 
+size_t g_nBytesPerWrite = 0;
+
 ssize_t PwriteFewBytes(int aFile, const void* aText, size_t aSize, off_t aOffset) {
-    return ::pwrite(aFile, aText, std::min<size_t>(aSize, 7), aOffset);
+    return ::pwrite(aFile, aText, std::min(aSize, g_nBytesPerWrite), aOffset);
 }
 
 TEST_F(CmT120TraceFile, WriteJoinsTransfers_WhenTheyAreShort) {
@@ -516,6 +546,7 @@ TEST_F(CmT120TraceFile, WriteJoinsTransfers_WhenTheyAreShort) {
         CCmT120TraceFile file(m_sPath.c_str(), 0, bShared, 0);
         file.attach();
         PreadEntry readEntry(g_cmSystem.pread, PreadFewBytes);
+        g_nBytesPerWrite = bShared ? 7 : 1;
         PwriteEntry writeEntry(g_cmSystem.pwrite, PwriteFewBytes);
         file.write(nullptr, nullptr, "text");
         const std::string sLine = Stamp() + " text\n";

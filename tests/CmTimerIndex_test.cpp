@@ -48,6 +48,24 @@ TEST(CmTimerHandlerIndexT, ChangesTheValue_WhenWhatFindReturnedIsWritten) {
     EXPECT_EQ(2, *index.Find(Handler(16)));
 }
 
+TEST(CmTimerHandlerIndexT, LooksUpItsPlace_WhenAHandlerHasNoEntry) {
+    IndexType index;
+    EXPECT_EQ(nullptr, index.Look(Handler(16)));
+    EXPECT_FALSE(index.HasRoom());
+    index.Reserve();
+    EXPECT_TRUE(index.HasRoom());
+    IndexType::CEntry* const pPlace = index.Look(Handler(16));
+    ASSERT_NE(nullptr, pPlace);
+    EXPECT_EQ(nullptr, pPlace->m_pEh);
+    index.Fill(*pPlace, Handler(16), 7);
+    EXPECT_EQ(pPlace, index.Look(Handler(16)));
+    ASSERT_NE(nullptr, index.Find(Handler(16)));
+    EXPECT_EQ(7, *index.Find(Handler(16)));
+    index.Erase(*pPlace);
+    EXPECT_EQ(nullptr, index.Find(Handler(16)));
+    EXPECT_EQ(nullptr, index.Look(Handler(16))->m_pEh);
+}
+
 TEST(CmTimerHandlerIndexT, FindsWhatIsLeft_WhenEverySecondOneWasErased) {
     constexpr int COUNT = 1000;
     IndexType index;

@@ -55,7 +55,7 @@ TEST_F(CmTimerMarksT, FindsTheEnd_WhenEveryMarkIsBefore) {
     EXPECT_EQ(nullptr, Find(4));
 }
 
-TEST_F(CmTimerMarksT, FindsTheNextMark_WhereverTheKeyLies) {
+TEST_F(CmTimerMarksT, FindsTheNextMark_WhateverTheKey) {
     Node* const p10 = Add(10);
     Node* const p30 = Add(30);
     Node* const p20 = Add(20);
@@ -66,7 +66,7 @@ TEST_F(CmTimerMarksT, FindsTheNextMark_WhereverTheKeyLies) {
     EXPECT_EQ(p30, Find(21));
 }
 
-TEST_F(CmTimerMarksT, FindsTheMarkOfTheGreatestKey_WhenItMeansNoneElsewhere) {
+TEST_F(CmTimerMarksT, FindsTheMarkOfTheGreatestKey_WhenThereIsOne) {
     EXPECT_EQ(nullptr, Find(INT64_MAX));
     Node* const pGreatest = Add(INT64_MAX);
     Node* const pLeast = Add(INT64_MIN);

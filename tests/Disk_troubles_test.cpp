@@ -97,7 +97,7 @@ ssize_t WriteToFullDisk(int aFile, const void* aText, size_t aSize, off_t aOffse
     return -1;
 }
 
-TEST_P(DiskTroubles, LosesOnlyTheLinesThatFoundNoRoom_WhereverTheDiskIsFull) {
+TEST_P(DiskTroubles, LosesOnlyTheLinesThatFoundNoRoom_WhenTheDiskIsFull) {
     const PwriteEntry entry(g_cmSystem.pwrite, &WriteToFullDisk);
     unsigned long ulCases = 0;
     s_ulFirstFailing = 0;
@@ -218,7 +218,7 @@ long LoadFacility() {
     return CCmT120Trace("test", s_table, "name", 1).load(nullptr);
 }
 
-TEST_P(DiskTroubles, GoesOnAndFindsTheDirectoryAgain_WhereverItGoesAway) {
+TEST_P(DiskTroubles, GoesOnAndFindsTheDirectoryAgain_WhenItGoesAway) {
     s_sDirectory = m_home.path();
     s_ulAtCall = 0;
     do {

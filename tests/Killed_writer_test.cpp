@@ -216,7 +216,7 @@ class KilledWriter : public testing::TestWithParam<Scenario> {
     Ids m_acknowledged;
 };
 
-TEST_P(KilledWriter, LeavesEveryAcknowledgedLineAndAFileToGoOnFrom_WhereverItIsKilled) {
+TEST_P(KilledWriter, LeavesEveryAcknowledgedLineAndAFileToGoOnFrom_WhateverCallItIsKilledAt) {
     unsigned long ulKills = 0;
     for (const EMoment moment : {EMoment::BEFORE, EMoment::AFTER}) {
         unsigned long ulCall = 0;

@@ -296,7 +296,7 @@ class StoppingWriter {
 
 class StoppedWriter : public testing::TestWithParam<unsigned long> {};
 
-TEST_P(StoppedWriter, HoldsUpNoOtherFileAndLosesNoLine_WhereverItStops) {
+TEST_P(StoppedWriter, HoldsUpNoOtherFileAndLosesNoLine_WhateverCallItStopsAt) {
     ScopedHome home;
     const std::string sPath = home.path() + "a";
     const std::string sOther = home.path() + "b";

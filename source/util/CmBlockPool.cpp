@@ -4,12 +4,13 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cstdint>
 #include <cstring>
 #include <new>
 #include <utility>
 
+#include "CmAtomic.h"
+#include "CmNumberStack.h"
 #include "CmSystem.h"
 #include "CmTraceLine.h"
 #include "port/CmPort.h"
@@ -70,56 +71,6 @@ static_assert(BLOCK_SIZES[0] * CCmBlockPool::MAGAZINE_BLOCKS >= 7 * MAGAZINE_SIZ
 constexpr long IDLE_SLACK = 64 * 1024;
 constexpr long long TEND_USEC = CCmBlockPool::TEND_SEC * 1000 * 1000;
 
-// A stack of numbers below 2^32 - 1 without a lock. The links lie outside what the numbers stand
-// for, in memory that is always there: Pop may read the link of a number that another thread has
-// just popped and whose memory it gave back. It notices by the tag, which every change counts up.
-//
-// Push is a release and Pop an acquire: who pops a number comes after all that was done with its
-// memory before it was pushed. Every change is a read-modify-write, so this holds across those in
-// between.
-class CStack {
-  public:
-    static constexpr uint32_t NONE = UINT32_MAX;
-
-    void Push(uint32_t aNumber, std::atomic<uint32_t>* aLinks) {
-        uint64_t ullHead = m_ullHead.load(std::memory_order_relaxed);
-        do {
-            aLinks[aNumber].store(FirstOf(ullHead), std::memory_order_relaxed);
-        } while (!m_ullHead.compare_exchange_weak(ullHead, After(ullHead, aNumber),
-                                                  std::memory_order_release,
-                                                  std::memory_order_relaxed));
-    }
-    uint32_t Pop(const std::atomic<uint32_t>* aLinks) {
-        uint64_t ullHead = m_ullHead.load(std::memory_order_acquire);
-        uint32_t dwNext = NONE;
-        do {
-            if (FirstOf(ullHead) == NONE) {
-                return NONE;
-            }
-            dwNext = aLinks[FirstOf(ullHead)].load(std::memory_order_relaxed);
-        } while (!m_ullHead.compare_exchange_weak(
-            ullHead, After(ullHead, dwNext), std::memory_order_acquire, std::memory_order_acquire));
-        return FirstOf(ullHead);
-    }
-    // The first of all, which are linked and the caller's from then on.
-    uint32_t PopAll() {
-        uint64_t ullHead = m_ullHead.load(std::memory_order_relaxed);
-        while (!m_ullHead.compare_exchange_weak(
-            ullHead, After(ullHead, NONE), std::memory_order_acquire, std::memory_order_relaxed)) {
-        }
-        return FirstOf(ullHead);
-    }
-
-  private:
-    // The number is stored plus one, so that zeros are an empty stack.
-    static uint32_t FirstOf(uint64_t aHead) { return static_cast<uint32_t>(aHead) - 1; }
-    static uint64_t After(uint64_t aHead, uint32_t aFirst) {
-        return (((aHead >> 32) + 1) << 32) | static_cast<uint32_t>(aFirst + 1);
-    }
-
-    std::atomic<uint64_t> m_ullHead{0};
-};
-
 // A free block that found no place in a magazine. Blocks are pushed one by one and taken all at
 // once, so nobody reads one that is not its own.
 struct CStray {
@@ -132,8 +83,8 @@ constexpr size_t MARK_AT = 8;
 constexpr uint64_t FREE_MARK = 0x9e3779b97f4a7c15;
 
 struct alignas(64) CDepot {
-    CStack m_Full;
-    std::atomic<CStray*> m_pStrays{nullptr};
+    CCmNumberStack m_Full;
+    CmStd::atomic<CStray*> m_pStrays{nullptr};
 };
 
 enum EState : int { STATE_NEW, STATE_STARTING, STATE_READY };
@@ -144,33 +95,37 @@ enum ESwitch : int { SWITCH_AUTO, SWITCH_ON, SWITCH_OFF };
 constexpr uintptr_t NO_RANGE = uintptr_t{0} - CCmBlockPool::RANGE_SIZE;
 
 // Relaxed: who frees a block of the range came by it from a thread that had read the address.
-std::atomic<uintptr_t> s_nRange{NO_RANGE};
-std::atomic<int> s_nState{STATE_NEW};
-std::atomic<int> s_nSwitch{KELTO_BLOCK_POOL ? SWITCH_AUTO : SWITCH_OFF};
+CmStd::atomic<uintptr_t> s_nRange{NO_RANGE};
+CmStd::atomic<int> s_nState{STATE_NEW};
+#ifdef KELTO_BLOCK_POOL
+CmStd::atomic<int> s_nSwitch{SWITCH_AUTO};
+#else
+CmStd::atomic<int> s_nSwitch{SWITCH_OFF};
+#endif
 pthread_key_t s_key;  // written before STATE_READY
 
 CDepot s_depots[CLASSES];
-CStack s_emptyMagazines;
-std::atomic<uint32_t> s_dwMagazineLinks[MAGAZINES];
+CCmNumberStack s_emptyMagazines;
+CmStd::atomic<uint32_t> s_dwMagazineLinks[MAGAZINES];
 // Chunks that are not committed: those that have been, and the rest from s_dwFreshChunk on.
-CStack s_freeChunks;
-std::atomic<uint32_t> s_dwChunkLinks[CHUNKS];
-std::atomic<uint32_t> s_dwFreshChunk{0};
+CCmNumberStack s_freeChunks;
+CmStd::atomic<uint32_t> s_dwChunkLinks[CHUNKS];
+CmStd::atomic<uint32_t> s_dwFreshChunk{0};
 // Those that are: of magazines, and of blocks.
-std::atomic<uint32_t> s_dwMagazineChunks{0};
-std::atomic<uint32_t> s_dwBlockChunks{0};
+CmStd::atomic<uint32_t> s_dwMagazineChunks{0};
+CmStd::atomic<uint32_t> s_dwBlockChunks{0};
 // The class of a chunk's blocks. Relaxed: it is written before the blocks come into use.
-std::atomic<uint8_t> s_byChunkClasses[CHUNKS];
+CmStd::atomic<uint8_t> s_byChunkClasses[CHUNKS];
 
 // What Tend goes by; relaxed, nothing is handed over with it.
-std::atomic<long> s_lIdle{0};           // bytes in full magazines of the depot
-std::atomic<long> s_lLeastIdle{0};      // the least that it was since s_llTended
-std::atomic<long> s_lIdleFloor{0};      // what the last trim could not give back
-std::atomic<bool> s_bIsTended{false};   // a thread has m_bTends
-std::atomic<long long> s_llTended{0};   // microseconds, when that thread last looked
-std::atomic<long long> s_llTrimmed{0};  // when the last trim was
+CmStd::atomic<long> s_lIdle{0};           // bytes in full magazines of the depot
+CmStd::atomic<long> s_lLeastIdle{0};      // the least that it was since s_llTended
+CmStd::atomic<long> s_lIdleFloor{0};      // what the last trim could not give back
+CmStd::atomic<bool> s_bIsTended{false};   // a thread has m_bTends
+CmStd::atomic<long long> s_llTended{0};   // microseconds, when that thread last looked
+CmStd::atomic<long long> s_llTrimmed{0};  // when the last trim was
 // Held by the one that trims; nobody waits for it.
-std::atomic<bool> s_bTrims{false};
+CmStd::atomic<bool> s_bTrims{false};
 uint16_t s_wIdleBlocks[CHUNKS];  // of the one that trims; zeros between trims
 
 thread_local CThreadCache* t_pCache = nullptr;
@@ -217,7 +172,7 @@ void* NoAccess(void* aPlace, size_t aSize, int aFlags) {
 
 // Chunks.
 
-constexpr uint32_t NO_CHUNK = CStack::NONE;
+constexpr uint32_t NO_CHUNK = CCmNumberStack::NONE;
 
 uint32_t TakeFreshChunk() {
     uint32_t dwChunk = s_dwFreshChunk.load(std::memory_order_relaxed);
@@ -227,7 +182,7 @@ uint32_t TakeFreshChunk() {
     return dwChunk < CHUNKS ? dwChunk : NO_CHUNK;
 }
 
-std::atomic<uint32_t>& CommittedOf(unsigned aClass) {
+CmStd::atomic<uint32_t>& CommittedOf(unsigned aClass) {
     return aClass == MAGAZINE_CLASS ? s_dwMagazineChunks : s_dwBlockChunks;
 }
 
@@ -273,7 +228,7 @@ void PutEmpty(void* aMagazine) {
 // Null when there is no memory for one.
 CMagazine* TakeEmpty() {
     uint32_t dwNumber = s_emptyMagazines.Pop(s_dwMagazineLinks);
-    if (dwNumber == CStack::NONE) {
+    if (dwNumber == CCmNumberStack::NONE) {
         const uint32_t dwChunk = TakeChunk(MAGAZINE_CLASS);
         if (dwChunk == NO_CHUNK) {
             return nullptr;
@@ -304,7 +259,7 @@ void CountTaken(unsigned aClass, uint32_t aBlocks) {
 
 CMagazine* TakeFull(unsigned aClass) {
     const uint32_t dwNumber = s_depots[aClass].m_Full.Pop(s_dwMagazineLinks);
-    if (dwNumber == CStack::NONE) {
+    if (dwNumber == CCmNumberStack::NONE) {
         return nullptr;
     }
     CMagazine* const pMagazine = MagazineOf(dwNumber);
@@ -314,7 +269,7 @@ CMagazine* TakeFull(unsigned aClass) {
 
 void PutStray(unsigned aClass, void* aBlock) {
     CStray* const pStray = ::new (aBlock) CStray{nullptr};
-    std::atomic<CStray*>& pHead = s_depots[aClass].m_pStrays;
+    CmStd::atomic<CStray*>& pHead = s_depots[aClass].m_pStrays;
     pStray->m_pNext = pHead.load(std::memory_order_relaxed);
     // Release, paired with the acquire in TakeStrays.
     while (!pHead.compare_exchange_weak(pStray->m_pNext, pStray, std::memory_order_release,
@@ -359,7 +314,7 @@ class CFiller {
 };
 
 CMagazine* TakeStrays(unsigned aClass) {
-    std::atomic<CStray*>& pHead = s_depots[aClass].m_pStrays;
+    CmStd::atomic<CStray*>& pHead = s_depots[aClass].m_pStrays;
     if (pHead.load(std::memory_order_relaxed) == nullptr) {
         return nullptr;
     }
@@ -431,12 +386,12 @@ void TrimClass(unsigned aClass) {
         PutFull(aClass, pStrays);
     }
     const uint32_t dwAll = s_depots[aClass].m_Full.PopAll();
-    for (uint32_t i = dwAll; i != CStack::NONE; i = NextOf(i)) {
+    for (uint32_t i = dwAll; i != CCmNumberStack::NONE; i = NextOf(i)) {
         CountTaken(aClass, MagazineOf(i)->m_dwCount);
         CountIdle(*MagazineOf(i));
     }
     CFiller filler(aClass, nullptr);
-    for (uint32_t i = dwAll; i != CStack::NONE;) {
+    for (uint32_t i = dwAll; i != CCmNumberStack::NONE;) {
         const CMagazine magazine = *MagazineOf(i);
         const uint32_t dwNext = NextOf(i);
         PutEmpty(MagazineOf(i));  // which the filler takes again
@@ -456,10 +411,10 @@ void TrimClass(unsigned aClass) {
 void TrimMagazines() {
     const uint32_t dwAll = s_emptyMagazines.PopAll();
     const uint32_t dwPerChunk = BlocksOfChunk(MAGAZINE_CLASS);
-    for (uint32_t i = dwAll; i != CStack::NONE; i = NextOf(i)) {
+    for (uint32_t i = dwAll; i != CCmNumberStack::NONE; i = NextOf(i)) {
         ++s_wIdleBlocks[i / dwPerChunk];
     }
-    for (uint32_t i = dwAll; i != CStack::NONE;) {
+    for (uint32_t i = dwAll; i != CCmNumberStack::NONE;) {
         const uint32_t dwNext = NextOf(i);
         if (!IsWhollyIdle(i / dwPerChunk, MAGAZINE_CLASS)) {
             s_emptyMagazines.Push(i, s_dwMagazineLinks);

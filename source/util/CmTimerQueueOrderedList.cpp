@@ -63,7 +63,8 @@ class CM_UTIL_HIDDEN CCmTimerQueueOrderedList::COrderedListState {
 
     // The place of a new node: before the first one that is not due earlier, so that among equals
     // the newest fires first. Searched from both ends at once: a place near either takes few steps.
-    static Iterator FindInShort(ListType& aNodes, const CCmTimeValue& aExpired) {
+    // Not inlined: a loop of its own has the registers to itself.
+    [[gnu::noinline]] static Iterator FindInShort(ListType& aNodes, const CCmTimeValue& aExpired) {
         auto itFront = aNodes.begin();
         auto itBack = aNodes.end();
         // What lies before itFront is due before aExpired, what lies from itBack on is not.

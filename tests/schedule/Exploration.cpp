@@ -4,18 +4,21 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "schedule/Memory.h"
+
 namespace kelto_test {
 
 void CExploration::OfferWhatWasLearnt() {
     m_bLearnt = false;
     for (CPlace& place : m_Places) {
-        place.m_bOffered = m_Way != ALL || !m_bReduces || place.IsShared();
+        place.m_bOffered = m_Way != ALL || m_bOffersAll || place.IsShared();
     }
 }
 
 void CExploration::StartAll(int aPreemptions, bool aReduces) {
     m_Way = ALL;
     m_bReduces = aReduces;
+    m_bOffersAll = !aReduces || KELTO_SANITIZED != 0;
     m_nBudget = aPreemptions;
     m_nNodes = 0;
     OfferWhatWasLearnt();
@@ -237,7 +240,7 @@ CExploration::CPlace& CExploration::PlaceOf(const void* aPlace) {
             if (m_nPlaces < PLACES / 4 * 3) {
                 ++m_nPlaces;
                 place.m_pPlace = aPlace;
-                place.m_bOffered = m_Way != ALL || !m_bReduces;
+                place.m_bOffered = m_Way != ALL || m_bOffersAll;
             }
             return place;  // all that find no room are one
         }

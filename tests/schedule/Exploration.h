@@ -122,6 +122,7 @@ class CExploration {
 
     EWay m_Way;
     bool m_bReduces;
+    bool m_bOffersAll;  // places are not learnt
     int m_nBudget;
     int m_nSpent;
     bool m_bLearnt;

@@ -306,7 +306,7 @@ bool Prepare(const std::function<void()>& aScenario, const CSettings& aSettings)
     // Once before all, for what the library makes with its first use. Elsewhere before: nothing can
     // be run here after a failure.
     exploration.StartReplay("0");
-    if (RunSomeElsewhere(aScenario, aSettings, 1, false, EMemory::STAYS) == FAILED) {
+    if (RunSomeElsewhere(aScenario, aSettings, 1, false, EMemory::LEFT) == FAILED) {
         return false;
     }
     const CScheduledCalls calls;

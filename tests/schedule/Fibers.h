@@ -58,7 +58,8 @@ class CFiber {
     Job m_Job = nullptr;
     pthread_t m_Id = pthread_t();
     CContext m_Context;
-    void* m_pBase = nullptr;
+    void* m_pStack = nullptr;  // its lowest byte
+    void* m_pBase = nullptr;   // the frame of Run
     std::jmp_buf m_Back;
 };
 

@@ -1,6 +1,7 @@
 // Functions of the C and C++ libraries that the library calls without a table; these take their
 // place by their names.
 #include <pthread.h>
+#include <sched.h>
 #include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
@@ -59,6 +60,17 @@ void pthread_testcancel() {
     if (g_bScheduled) {
         kelto_test::TestCancel();
     }
+}
+
+int sched_getcpu() noexcept {
+    return g_bScheduled ? kelto_test::CoreOfThread() : 0;
+}
+
+int sched_yield() noexcept {
+    if (g_bScheduled) {
+        kelto_test::YieldThread();
+    }
+    return 0;
 }
 
 int clock_gettime(clockid_t aClock, timespec* aNow) noexcept {

@@ -11,12 +11,6 @@
 #include "schedule/Atomic.h"
 #include "schedule/Scheduler.h"
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define SANITIZED 1
-#else
-#define SANITIZED 0
-#endif
-
 namespace kelto_test {
 
 namespace {
@@ -102,7 +96,7 @@ void Free(void* aMemory) {
 }  // namespace
 
 void BeginMemory(EMemory aMemory) {
-    if (s_pArenas == nullptr && SANITIZED == 0) {
+    if (s_pArenas == nullptr && KELTO_SANITIZED == 0) {
         s_pArenas =
             static_cast<char*>(mmap(nullptr, THREADS_AT_MOST * ARENA_SIZE, PROT_READ | PROT_WRITE,
                                     MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0));
@@ -114,7 +108,7 @@ void BeginMemory(EMemory aMemory) {
         arena.m_nUsed = 0;
     }
     s_Memory = aMemory;
-    s_bArenas = aMemory != EMemory::STAYS && SANITIZED == 0;
+    s_bArenas = aMemory != EMemory::STAYS && KELTO_SANITIZED == 0;
     s_lLiveBefore = s_lLive;
 }
 

@@ -3,6 +3,13 @@
 #ifndef TESTS_SCHEDULE_MEMORY_H
 #define TESTS_SCHEDULE_MEMORY_H
 
+// The sanitizers look after memory themselves; then a block lies elsewhere each time.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define KELTO_SANITIZED 1
+#else
+#define KELTO_SANITIZED 0
+#endif
+
 namespace kelto_test {
 
 enum class EMemory {

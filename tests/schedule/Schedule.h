@@ -19,6 +19,8 @@ struct CSettings {
     // The schedules of a bounded run, and those of a full one, which tries a preemption more.
     unsigned long m_ulSchedules = 20000;
     unsigned long m_ulAllSchedules = 2000000;
+    // All threads find themselves on one core; otherwise each on its own.
+    bool m_bOneCore = true;
     // Each schedule in a process of its own, for what a process makes once: nothing is made before
     // the first one, and what a schedule leaves is no leak. Some thousand schedules a second.
     bool m_bFreshProcess = false;
@@ -77,8 +79,8 @@ bool Sleeps(int aThread);
 // Called whenever all threads are asleep and the clock goes on, which it does only then, or when
 // the schedule ends a wait early. For what must not be so, such as a sleeping consumer with events.
 void WhenAllSleep(std::function<void()> aCheck);
-// The virtual time, in nanoseconds from the start of the schedule; it stands still but for waits
-// and sleeps that end.
+// The virtual time, in nanoseconds from the start of the schedule. Waits and sleeps that end move
+// it on, and so does, a little, each look at the monotonic clock.
 long long NowNsec();
 
 // What can be made to fail on the calling thread.

@@ -53,11 +53,12 @@ enum class EStep : uint8_t {
     UNTIL,
     CHOOSE,
     CALL,
+    YIELD,
 };
 const char* const STEP_NAMES[] = {
     "starts", "load",   "store",     "exchange",   "lock",     "trylock", "unlock",
     "wait",   "signal", "broadcast", "sem_wait",   "sem_post", "create",  "join",
-    "cancel", "sleep",  "static",    "wait until", "choose",   "call",
+    "cancel", "sleep",  "static",    "wait until", "choose",   "call",    "yield",
 };
 
 constexpr long long NSEC_PER_SEC = 1000000000;
@@ -65,6 +66,8 @@ constexpr long long NSEC_PER_SEC = 1000000000;
 constexpr long long REAL_START = 1700000000 * NSEC_PER_SEC;
 constexpr long long MONOTONIC_START = 5000 * NSEC_PER_SEC;
 constexpr long long NEVER = INT64_MAX;
+// What a look at the monotonic clock takes.
+constexpr long long LOOK_NSEC = 20 * 1000;
 
 // What threads do with one place, in this schedule.
 struct CObject {
@@ -322,14 +325,16 @@ int PickThread() {
     if (bGoesOn) {
         candidates.Add(s_nCurrent, 0);
     }
-    const bool bOffers = !bGoesOn || (s_pExploration->HasBudget(1) && IsShared(Current()));
+    const bool bYields = bGoesOn && Current().m_Step == EStep::YIELD;
+    const bool bOffers =
+        !bGoesOn || bYields || (s_pExploration->HasBudget(1) && IsShared(Current()));
     if (bOffers) {
         int nEarliest = -1;
         for (int i = 1; i <= THREADS_AT_MOST; ++i) {
             const int nThread = (s_nCurrent + i + THREADS_AT_MOST) % THREADS_AT_MOST;
             bLives = bLives || s_Threads[nThread].m_State == CThread::LIVE;
             if (nThread != s_nCurrent && IsEnabled(nThread)) {
-                candidates.Add(nThread, bGoesOn ? 1 : 0);
+                candidates.Add(nThread, bGoesOn && !bYields ? 1 : 0);
             }
             if (MayTimeOut(nThread) && (nEarliest < 0 || s_Threads[nThread].m_llDeadline <
                                                              s_Threads[nEarliest].m_llDeadline)) {
@@ -1250,8 +1255,20 @@ void TestCancel() {
     BeforeCall();
 }
 
+int CoreOfThread() {
+    return s_pSettings->m_bOneCore ? 0 : s_nCurrent;
+}
+
+void YieldThread() {
+    Step(EStep::YIELD, nullptr);
+}
+
 int ReadClock(clockid_t aClock, timespec* aNow) {
     const bool bMonotonic = aClock == CLOCK_MONOTONIC || aClock == CLOCK_MONOTONIC_COARSE;
+    if (bMonotonic) {  // for those that look at it again and again until time has passed
+        s_llNow += LOOK_NSEC;
+        Touch(&s_chClock, true);
+    }
     const long long llNow = ReadClock() + (bMonotonic ? MONOTONIC_START : REAL_START);
     *aNow = {static_cast<time_t>(llNow / NSEC_PER_SEC), static_cast<long>(llNow % NSEC_PER_SEC)};
     return 0;

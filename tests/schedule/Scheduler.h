@@ -42,6 +42,8 @@ void GiveBackStatic(unsigned char* aGuard, bool aIsMade);
 void RunAtThreadEnd(void (*aFunction)(void*), void* aObject);
 void DetachThread(pthread_t aThread);
 void TestCancel();
+int CoreOfThread();
+void YieldThread();
 int ReadClock(clockid_t aClock, timespec* aNow);
 bool AllocationFails();
 

@@ -260,6 +260,32 @@ TEST(ScheduledSend, IsOutlivedByAQueueOfTheHost_WhenTheThreadThatFreesItIsCancel
     });
 }
 
+TEST(ScheduledSend, ReturnsTwice_WhenSenderAndWorkerHaveCoresOfTheirOwn) {
+    CSettings settings;
+    settings.m_bOneCore = false;
+    Explore(
+        [] {
+            ACmThread& worker = MakeWorker();
+            SCHEDULE_EXPECT(worker.GetEventQueue()->SendEvent(Answering(0)) == ANSWER);
+            SCHEDULE_EXPECT(worker.GetEventQueue()->SendEvent(Answering(1)) == ANSWER);
+            EndWorker(worker);
+        },
+        settings);
+}
+
+TEST(ScheduledSend, IsOutlivedByTheQueue_WhenEachThreadHasACoreOfItsOwn) {
+    CSettings settings;
+    settings.m_bOneCore = false;
+    Explore(
+        [] {
+            ACmThread& worker = MakeWorker();
+            CThreadOf sender([&worker] { SendSomehow(*worker.GetEventQueue(), 0); });
+            WaitUntil([] { return FateOf(0).m_nFired > 0; });
+            EndWorker(worker);
+        },
+        settings);
+}
+
 TEST(ScheduledSend, Returns_WhenItsQueueHasNoLock) {
     Explore([] {
         auto* const pThread = new CCmThreadHeartBeat;

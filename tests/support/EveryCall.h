@@ -71,7 +71,8 @@ class ScopedCallHook {
                   &T::fcntl, &T::ftruncate, &T::pread, &T::pwrite, &T::gethostname, &T::socket,
                   &T::ioctl, &T::gethostbyname, &T::access, &T::mkdir, &T::fdopen, &T::fgets,
                   &T::regcomp, &T::regexec, &T::malloc, &T::strdup, &T::if_nametoindex, &T::stat,
-                  &T::getaddrinfo, &T::freeaddrinfo>();
+                  &T::getaddrinfo, &T::freeaddrinfo, &T::mmap, &T::mprotect, &T::pthread_key_create,
+                  &T::pthread_setspecific>();
     }
     ~ScopedCallHook() { UTIL_NS::g_cmSystem = s_everyCallOriginals; }
     ScopedCallHook(const ScopedCallHook&) = delete;
