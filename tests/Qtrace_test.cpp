@@ -721,6 +721,8 @@ TEST_F(Qtrace, RaisesNoSignalAndStartsTheNextLineAfresh_WhenTheFileIsAtItsSizeLi
 
 TEST_F(Qtrace, StartsItsFirstLineAfresh_WhenTheFileEndsWithinALine) {
     std::ofstream(m_sFile) << "2026-11-22 09:30:00.000 pid=1 tid=1 [MAC] to";
+    const timespec longAgo[] = {{1000000000, 0}, {1000000000, 0}};
+    ASSERT_EQ(0, utimensat(AT_FDCWD, m_sFile.c_str(), longAgo, 0));
     EXPECT_EQ(0, StatusOfChild([] {
                   Write("one");
                   Write("two");

@@ -210,13 +210,16 @@ class CLineTurn {
 enum class ETorn { NOT_LOOKED, NO, YES };
 std::atomic<ETorn> s_eTorn{ETorn::NOT_LOOKED};
 
-// Whether a file that holds something ends within a line: the disk was full, or a process was
-// killed. It is read by its name, since the destination is open for writing only.
+constexpr time_t REST = 2;  // seconds
+
+// Whether a file ends within a line: the disk was full, or a process was killed. Not while others
+// write to it: it may then be seen between the parts of a line. It is read by its name, since the
+// destination is open for writing only.
 bool EndsWithinLine(int aDestination) {
     const char* const pszPath = std::getenv("QTRACE_FILE");
     struct stat file = {};
     if (pszPath == nullptr || fstat(aDestination, &file) != 0 || !S_ISREG(file.st_mode) ||
-        file.st_size == 0) {
+        file.st_size == 0 || std::time(nullptr) - file.st_mtime <= REST) {
         return false;
     }
     const int nFile = open(pszPath, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);

@@ -97,7 +97,11 @@ constexpr uintptr_t NO_RANGE = uintptr_t{0} - CCmBlockPool::RANGE_SIZE;
 // Relaxed: who frees a block of the range came by it from a thread that had read the address.
 CmStd::atomic<uintptr_t> s_nRange{NO_RANGE};
 CmStd::atomic<int> s_nState{STATE_NEW};
-CmStd::atomic<int> s_nSwitch{KELTO_BLOCK_POOL ? SWITCH_AUTO : SWITCH_OFF};
+#ifdef KELTO_BLOCK_POOL
+CmStd::atomic<int> s_nSwitch{SWITCH_AUTO};
+#else
+CmStd::atomic<int> s_nSwitch{SWITCH_OFF};
+#endif
 pthread_key_t s_key;  // written before STATE_READY
 
 CDepot s_depots[CLASSES];

@@ -46,7 +46,7 @@ class CSchedule : public ICmEvent {
 
 }  // namespace
 
-extern "C" __attribute__((noinline)) void Look(const void* aObject) {
+extern "C" __attribute__((noinline)) void LookAtThem(const void* aObject) {
     std::printf("%d\n", aObject != nullptr ? 1 : 0);
 }
 
@@ -83,10 +83,10 @@ int main() {
     pStaller->m_Begun.Wait(nullptr);
     pWorker->GetEventQueue()->PostEvent(new CWork, ICmEventQueue::EPRIORITY_NORMAL);
 
-    Look(&tvInterval);
-    Look(&tvLimit);
-    Look(&pQueue);
-    Look(&pTimers);
+    LookAtThem(&tvInterval);
+    LookAtThem(&tvLimit);
+    LookAtThem(&pQueue);
+    LookAtThem(&pTimers);
     pStaller->m_Release.Signal();
     pWorker->Stop();
     pWorker->Join();

@@ -96,7 +96,8 @@ void CmPortPopCleanUp(CmPortCleanUp* aCleanUp);
 // The clock that no step of the wall clock touches; it stands still while the machine sleeps.
 void CmPortMonotonicNow(timespec* aNow);
 
-// The number of the core that the calling thread is on, perhaps no longer; -1 where that is unknown.
+// The number of the core that the calling thread is on, which may change at any time; -1 where that
+// is unknown.
 int CmPortCurrentCore();
 
 // pthread_cond_timedwait with a deadline on that clock. Called through g_cmSystem under the name
