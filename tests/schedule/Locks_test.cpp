@@ -182,7 +182,6 @@ TEST(ScheduledEvent, CanBeFreedByTheThreadThatItWoke) {
             SCHEDULE_EXPECT(pEvent->Wait() == CM_OK);
             delete pEvent;
         });
-        WaitUntil([] { return Sleeps(1); });
         SCHEDULE_EXPECT(pEvent->Signal() == CM_OK);
     });
 }
