@@ -43,7 +43,7 @@ def snippets(page):
 
 def error_of(compiler, text):
     options = ["-std=c++17", "-fsyntax-only", "-I", ROOT / "include", "-I", ROOT / "source/qtrace",
-               "-x", "c++", "-"]
+               "-I", ROOT / "tests", "-x", "c++", "-"]
     done = subprocess.run([compiler, *options], input=text, capture_output=True, text=True)
     return "" if done.returncode == 0 else done.stderr or "failed"
 

@@ -134,7 +134,7 @@ TEST(ScheduledQueue, LosesNothing_WhenTheWaitOfItsConsumerTimesOut) {
             CCmTimeValue tvTimeout(0, 1000);
             RunEventsOf(queue, 2, &tvTimeout);
         });
-        WhenAllSleep([&queue] { SCHEDULE_EXPECT(FateOf(0).m_nMade == FateOf(0).m_nFired); });
+        WhenAllSleep([] { SCHEDULE_EXPECT(FateOf(0).m_nMade == FateOf(0).m_nFired); });
         PostTo(queue, WORKER, 0);
         PostTo(queue, WORKER, 1);
         consumer.Join();

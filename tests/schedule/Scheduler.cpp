@@ -1008,7 +1008,6 @@ void RunThread(CFiber& aFiber) {
 
 CFate s_Fates[32];
 int s_nFired = 0;
-CFate s_NoFate;
 
 void JudgeEnd() {
     for (CObject* pObject : s_Used) {

@@ -344,7 +344,7 @@ TEST(ScheduledSend, Returns_WhenItsQueueHasNoLock) {
             CThreadOf sender([pThread] {
                 SCHEDULE_EXPECT(pThread->GetEventQueue()->SendEvent(Answering(0)) == ANSWER);
             });
-            WaitUntil([pThread] { return Sleeps(1); });
+            WaitUntil([] { return Sleeps(1); });
             pThread->DoHeartBeat();
             sender.Join();
             pThread->DoHeartBeat();

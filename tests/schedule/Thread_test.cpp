@@ -233,7 +233,7 @@ TEST(ScheduledThread, EndsEachEventOnce_WhenItIsTerminatedWhileOneEnds) {
             g_cmSystem.nanosleep(&tsNap, nullptr);
         };
         ICmEventQueue& queue = *worker.GetEventQueue();
-        PostTo(queue, WORKER, 0, [&worker, &queue] {
+        PostTo(queue, WORKER, 0, [&worker] {
             worker.Stop(nullptr);
             return CM_OK;
         });
