@@ -529,7 +529,7 @@ TEST(CmEventSelfPost, KeepsTheOrderOfPosting_WhenOthersPostAndTakeAsWell) {
 // Passes that follow each other without a wait: 5 events each, of a worker with timers.
 class CmEventPassTimes : public testing::Test {
   protected:
-    void Post(int aId, long aTakesUsec, std::function<void()> aWork = nullptr) {
+    void Post(int aId, long aTakesUsec, const std::function<void()>& aWork = nullptr) {
         m_Task.Queue().PostEvent(new LoggedEvent(m_Log, aId,
                                                  [this, aTakesUsec, aWork] {
                                                      m_Clock.AdvanceUsec(aTakesUsec);

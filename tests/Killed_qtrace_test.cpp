@@ -114,7 +114,7 @@ bool KillAtStop(pid_t aProcess, unsigned long aStop) {
 
 // The number in a whole line; {0, 0}: it is none.
 TraceLineId IdOfLine(const std::string& aLine) {
-    const size_t nText = aLine.rfind("w");
+    const size_t nText = aLine.rfind('w');
     TraceLineId id;
     if (nText == std::string::npos ||
         std::sscanf(aLine.c_str() + nText, "w%d n%d", &id.first, &id.second) != 2) {

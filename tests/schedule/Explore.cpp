@@ -365,7 +365,7 @@ void Explore(const std::function<void()>& aScenario, const CSettings& aSettings)
 
 std::string FirstFailure(const std::function<void()>& aScenario, const CSettings& aSettings) {
     const COptions options = std::exchange(s_Options, COptions());
-    const std::string strWhat = Run(aScenario, aSettings).m_strWhat;
+    std::string strWhat = Run(aScenario, aSettings).m_strWhat;
     s_Options = options;
     return strWhat;
 }

@@ -52,7 +52,7 @@ std::string FirstFailure(const std::function<void()>& aScenario, const CSettings
 // A number from 0 to aCount - 1; every one is tried.
 int Choose(int aCount);
 // Sleeps until aCondition holds; it reads and must not write, nor touch the library.
-void WaitUntil(std::function<bool()> aCondition);
+void WaitUntil(const std::function<bool()>& aCondition);
 // Runs aBody on a thread of its own. To be joined.
 class CThreadOf {
   public:

@@ -623,7 +623,7 @@ int ChooseOf(int aCount) {
     for (int i = 0; i < aCount; ++i) {
         candidates.Add(i, 0);
     }
-    const uint64_t ullState = Mix(s_ullTrace, static_cast<uint64_t>(s_nCurrent + 100));
+    const uint64_t ullState = Mix(s_ullTrace, static_cast<uint64_t>(s_nCurrent) + 100);
     const int nChosen = s_pExploration->Pick(++s_nSteps, ullState, candidates);
     Touch(&Current().m_chSelf, true, static_cast<uint64_t>(nChosen) + 1);
     if (s_bTells) {
@@ -1078,7 +1078,7 @@ int Choose(int aCount) {
     return ChooseOf(aCount);
 }
 
-void WaitUntil(std::function<bool()> aCondition) {
+void WaitUntil(const std::function<bool()>& aCondition) {
     CThread& thread = Current();
     thread.m_pCondition = &aCondition;
     Step(EStep::UNTIL, nullptr);
