@@ -280,6 +280,34 @@ TEST(ScheduledOwnPost, IsRefused_WhenTheWorkerWasStoppedAtOnce) {
     });
 }
 
+TEST(ScheduledOwnPost, IsRefused_WhenAnEventHasClosedTheQueue) {
+    Explore([] {
+        ACmThread& worker = MakeWorker();
+        Queue& queue = QueueOf(worker);
+        CPostLog log;
+        const bool bHasPosted = Choose(2) == 1;
+        log.Post(queue, 0, [&] {
+            if (bHasPosted) {
+                log.Post(queue, 1);
+            }
+            queue.SetStopped();
+            log.Post(queue, 2);
+            return CM_OK;
+        });
+        log.Post(queue, 3);
+        WaitUntil([&] {
+            return FateOf(bHasPosted ? 1 : 0).m_nEnded > 0 &&
+                   (!log.IsAccepted(3) || FateOf(3).m_nEnded > 0);
+        });
+        worker.Terminate();
+        SCHEDULE_EXPECT(worker.Join() == CM_OK);
+        worker.Destory(CM_OK);
+        SCHEDULE_EXPECT(FateOf(1).m_nFired == (bHasPosted ? 1 : 0));
+        SCHEDULE_EXPECT(!log.IsAccepted(2) && FateOf(2).m_nEndedOn == WORKER);
+        log.ExpectOrder();
+    });
+}
+
 TEST(ScheduledOwnPost, EndsOnce_WhenTheWorkerIsTerminatedMeanwhile) {
     Explore([] {
         ACmThread& worker = MakeWorker();

@@ -87,7 +87,7 @@ TEST(ScheduledTraceFile, HasEachLineOnce_WhenTwoThreadsWriteAndItIsRefreshed) {
                 SCHEDULE_EXPECT(file.attach(name.Get()) == CM_OK);
                 // The header cuts the first line of a new file.
                 file.write("tag", "module", "zero\n");
-                file.flush_buffer();
+                SCHEDULE_EXPECT(file.refresh_settings(0, 4) == 1);
                 CThreadOf first([&file] { file.write("tag", "module", "one\n"); });
                 CThreadOf second([&file] { file.write("tag", "module", "two\n"); });
                 SCHEDULE_EXPECT(file.refresh_settings(0, 3) == 1);
