@@ -108,7 +108,7 @@ TEST(ScheduledBlock, IsFreedOnce_WhenTwoThreadsReleaseIt) {
             const auto share = [pBlock] {
                 CCmComAutoPtr<CCmDataBlock> pShared(pBlock);
                 CCmMessageBlock message(pBlock, 0, 5);
-                SCHEDULE_EXPECT(TextOf(message) == std::string("text", 5));
+                SCHEDULE_EXPECT(TextOf(message) == std::string("text\0", 5));
             };
             CThreadOf first(share);
             CThreadOf second(share);
