@@ -224,7 +224,8 @@ TEST(ScheduledCall, ReturnsItsValueOrWhyNot_WhenTheWorkerIsStoppedMeanwhile) {
                 });
                 SCHEDULE_EXPECT(result.HasBegun() == (nRuns == 1));
                 SCHEDULE_EXPECT(static_cast<bool>(result) == (nRuns == 1));
-                SCHEDULE_EXPECT(result.ValueOr(-1) == (nRuns == 1 ? 4711 : -1));
+                // NOLINTNEXTLINE(performance-move-const-arg): ValueOr takes from its object.
+                SCHEDULE_EXPECT(std::move(result).ValueOr(-1) == (nRuns == 1 ? 4711 : -1));
                 SCHEDULE_EXPECT(pHeld.use_count() == 1);
             });
             SCHEDULE_EXPECT((Choose(2) == 0 ? worker.Stop() : worker.StopNow()) == CM_OK);
