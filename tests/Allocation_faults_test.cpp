@@ -346,7 +346,7 @@ bool ComposeStrictly() {
     CCmUrlParts parts;
     CCmUrlParts reference;
     EXPECT_TRUE(CmParseUrl(URL, parts));
-    EXPECT_TRUE(CmParseUrlReference("../" + std::string("c"), reference));
+    EXPECT_TRUE(CmParseUrlReference("../c", reference));
     CCmString strText[6];
     bool bDone = IsOkOrOutOfMemory(CmComposeUrl(parts, strText[0]));
     bDone = IsOkOrOutOfMemory(CmResolveUrl(parts, reference, strText[1])) && bDone;
