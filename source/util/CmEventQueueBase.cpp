@@ -935,11 +935,14 @@ bool CCmEventQueueUsingConditionVariable::IsStoppedAndEmpty() {
            CCmEventQueueSteps::OwnCount(*this) == 0;
 }
 
+auto& CCmEventQueueSteps::CLoop::QueueState() const {
+    return CCmPrivateRoom::Of(m_Queue.CCmEventQueueBase::m_Private);
+}
+
 CCmEventQueueSteps::CLoop::CLoop(CCmEventQueueUsingConditionVariable& aQueue)
     : m_Queue(aQueue),
-      m_State(CCmPrivateRoom::Of(aQueue.CCmEventQueueBase::m_Private)),
-      m_pOuter(m_State.LoopOfThisThread()),
-      m_dwDiscards(m_State.m_dwDiscards.load(std::memory_order_relaxed)),
+      m_pOuter(QueueState().LoopOfThisThread()),
+      m_dwDiscards(QueueState().m_dwDiscards.load(std::memory_order_relaxed)),
       m_bGoesOn(false),
       m_nNodes(0),
       m_nOwnCore(-1),
@@ -949,14 +952,14 @@ CCmEventQueueSteps::CLoop::CLoop(CCmEventQueueUsingConditionVariable& aQueue)
         m_pOuter->GiveOwn();
     }
     NoteWatch();
-    m_State.SetLoop(this);
+    QueueState().SetLoop(this);
 }
 
 void CCmEventQueueSteps::CLoop::End() {
     {
         CCmScopedLockT<CCmMutexThread> lock(m_Queue.m_Mutex);
         GiveOwn();
-        m_State.SetLoop(m_pOuter);
+        QueueState().SetLoop(m_pOuter);
     }
     DestroyEach(m_Discarded);
 }
@@ -1018,7 +1021,7 @@ void CCmEventQueueSteps::CLoop::AwaitSender() {
 void CCmEventQueueSteps::CLoop::NoteSend(int aSenderCore) {
     m_nOwnCore = aSenderCore != -1 ? CmPortCurrentCore() : -1;
     m_nSenderCore = aSenderCore;
-    m_State.m_nLoopCore.store(m_nOwnCore, std::memory_order_relaxed);
+    QueueState().m_nLoopCore.store(m_nOwnCore, std::memory_order_relaxed);
 }
 
 CmResult CCmEventQueueSteps::CLoop::PopOrWaitUntil(std::list<ICmEvent*>& aEvents,
@@ -1093,7 +1096,7 @@ bool CCmEventQueueSteps::CLoop::TakeOwn(std::list<ICmEvent*>& aEvents, DWORD aMa
 // Under the lock. What is in the private list becomes the head of the queue, or is to be destroyed.
 void CCmEventQueueSteps::CLoop::GiveOwn() {
     const bool bDiscards = HasDiscards();
-    m_dwDiscards = m_State.m_dwDiscards.load(std::memory_order_relaxed);
+    m_dwDiscards = QueueState().m_dwDiscards.load(std::memory_order_relaxed);
     if (m_Own.empty()) {
         return;
     }
@@ -1107,7 +1110,7 @@ void CCmEventQueueSteps::CLoop::GiveOwn() {
 }
 
 bool CCmEventQueueSteps::CLoop::HasDiscards() const {
-    return m_State.m_dwDiscards.load(std::memory_order_relaxed) != m_dwDiscards;
+    return QueueState().m_dwDiscards.load(std::memory_order_relaxed) != m_dwDiscards;
 }
 
 void CCmEventQueueSteps::CLoop::EndDiscarded() {
@@ -1121,7 +1124,7 @@ void CCmEventQueueSteps::CLoop::EndDiscarded() {
 }
 
 void CCmEventQueueSteps::CLoop::CountOwn(size_t aCount) {
-    m_State.m_dwOwn.store(static_cast<DWORD>(aCount), std::memory_order_relaxed);
+    QueueState().m_dwOwn.store(static_cast<DWORD>(aCount), std::memory_order_relaxed);
 }
 
 }  // namespace UTIL_NS

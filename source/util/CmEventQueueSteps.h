@@ -7,10 +7,15 @@
 #include "CmAtomic.h"
 #include "CmBase.h"
 #include "CmBriefWait.h"
-#include "CmEventQueueBase.h"
 #include "CmTimeValue.h"
 
 namespace UTIL_NS {
+
+class CCmEventQueueBase;
+class CCmEventQueueUsingConditionVariable;
+class CCmMutexThread;
+class ICmEvent;
+class ICmEventQueue;
 
 class CCmEventQueueSteps {
   public:
@@ -71,6 +76,7 @@ class CCmEventQueueSteps::CLoop {
     friend class CCmEventSynchronous;
     friend class CCmEventQueueUsingConditionVariable;
 
+    auto& QueueState() const;
     void AwaitSender();
     CmResult PopOrWaitUntil(std::list<ICmEvent*>& aEvents, const long long* aDeadlineNsec,
                             DWORD aMaxCount);
@@ -87,7 +93,6 @@ class CCmEventQueueSteps::CLoop {
     void CountOwn(size_t aCount);
 
     CCmEventQueueUsingConditionVariable& m_Queue;
-    CCmEventQueueBase::CQueueState& m_State;
     CLoop* const m_pOuter;             // of the same queue on this thread; may be null
     std::list<ICmEvent*> m_Own;        // the private list
     std::list<ICmEvent*> m_Discarded;  // what was in it, to be destroyed without having been fired
