@@ -434,6 +434,29 @@ TEST(CmBlockPool, KeepsIdleMemory_WhenItWasNeededWithinTheSecond) {
     }
 }
 
+TEST(CmBlockPool, GivesIdleMemoryBack_WhenTheEventsThatKeptItHaveEnded) {
+    const ScopedBlockPool pool;
+    ScopedClock clock;
+    std::vector<Event*> kept;
+    std::vector<Event*> events = MakeEvents(20000);
+    for (size_t i = 0; i < events.size(); i += 200) {
+        kept.push_back(std::exchange(events[i], new Event));
+    }
+    EndAll(events);
+    clock.AdvanceMs(5000);
+    EXPECT_TRUE(CCmBlockPool::Tend());
+    clock.AdvanceMs(1000);
+    EXPECT_FALSE(CCmBlockPool::Tend());
+    EXPECT_LT(70u, CCmBlockPool::Chunks()) << "each has an event that lives";
+    events = MakeEvents(19000);
+    EndAll(events);
+    EndAll(kept);
+    EXPECT_TRUE(CCmBlockPool::Tend());
+    clock.AdvanceMs(1000);
+    EXPECT_FALSE(CCmBlockPool::Tend());
+    EXPECT_EQ(1u, CCmBlockPool::Chunks());
+}
+
 TEST(CmBlockPool, TellsOneThreadToLookAgain_WhenSeveralAsk) {
     const ScopedBlockPool pool;
     ScopedClock clock;
