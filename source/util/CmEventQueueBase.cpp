@@ -961,7 +961,7 @@ void CCmEventQueueSteps::CLoop::End() {
         GiveOwn();
         QueueState().SetLoop(m_pOuter);
     }
-    DestroyEach(m_Discarded);
+    DestroyAll(m_Discarded);
 }
 
 void CCmEventQueueSteps::CLoop::RunEvents(CCmTimeValue* aTimeout, DWORD aMaxCount) {
