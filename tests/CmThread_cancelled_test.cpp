@@ -308,6 +308,33 @@ class WorkThread : public ACmThread {
     const std::function<void()> m_work;
 };
 
+// Otherwise a thread that does nothing but send could not be terminated.
+TEST(CmCancelledSender, IsCancelled_WhenItsResultIsThereAlready) {
+    const long lLive = kelto_test::LiveAllocationsBefore();
+    {
+        EventLog log;
+        CCmEventQueueUsingMutex queue;
+        auto* const pSynchronous = new CCmEventSynchronous(new LoggedEvent(log, 1), &queue);
+        ASSERT_EQ(CM_OK, queue.PostEvent(pSynchronous, NORMAL));
+        std::list<ICmEvent*> events;
+        queue.PopPendingEventsLocked(events);
+        queue.ProcessTakenEvents(events);
+        EXPECT_EQ(Ids{1}, log.ended());
+        bool bReturned = false;
+        auto* const pSender = new WorkThread([&] {
+            pthread_cancel(pthread_self());
+            pSynchronous->WaitResultAndDeleteThis();
+            bReturned = true;
+        });
+        ASSERT_EQ(CM_OK, pSender->Create(TYPE, TF_JOINABLE, 0));
+        EXPECT_EQ(CM_OK, pSender->Join());
+        pSender->Destory(0);
+        EXPECT_FALSE(bReturned);
+        EXPECT_EQ(0u, queue.GetPendingEventsCount());
+    }
+    EXPECT_EQ(lLive, kelto_test::LiveAllocations());
+}
+
 // An event with a cancellation point in its firing, in its destruction, or in both.
 class CancellableEvent : public ICmEvent {
   public:

@@ -587,6 +587,7 @@ CmResult CCmEventSynchronous::CSendState::Send() {
 
 CmResult CCmEventSynchronous::CSendState::Wait() {
     CCmCleanUpT abandon([this] { Abandon(); });
+    pthread_testcancel();  // the result may be there by now, so that nothing waits
     while (m_nOutcome.load(std::memory_order_acquire) == OUTCOME_NONE) {
         const CmResult rvWait = m_Wrapper.m_SendEvent.Wait(nullptr);
         if (CM_FAILED(rvWait)) {
@@ -1015,6 +1016,7 @@ void CCmEventQueueSteps::CLoop::AwaitSender() {
         learned.Note(bCame);
     }
     m_tvEnd = tvNow;
+    pthread_testcancel();  // like the wait that this may be in place of
 }
 
 // An event that was sent has been fired in this pass.
