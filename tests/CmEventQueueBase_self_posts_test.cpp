@@ -67,6 +67,23 @@ class CLockCount {
                                                                &Lock};
 };
 
+// Does something once, when the calling thread is about to take its next lock.
+class CAtNextLock {
+  public:
+    void Arm(std::function<void()> aWork) { t_work = std::move(aWork); }
+
+  private:
+    static int Lock(pthread_mutex_t* aMutex) {
+        if (const auto work = std::exchange(t_work, nullptr)) {
+            work();
+        }
+        return pthread_mutex_lock(aMutex);
+    }
+    inline static thread_local std::function<void()> t_work;
+    kelto_test::ScopedEntry<int (*)(pthread_mutex_t*)> m_Entry{g_cmSystem.pthread_mutex_lock,
+                                                               &Lock};
+};
+
 template <class Function>
 void OnAnotherThread(Function aFunction) {
     std::thread(aFunction).join();
@@ -373,6 +390,30 @@ TEST(CmEventSelfPost, EndsUnfired_WhenAnotherThreadDestroysWhatIsPending) {
     Ids ended = log.ended();
     std::sort(ended.begin(), ended.end());
     EXPECT_EQ((Ids{1, 2, 3, 4, 5, 6, 7}), ended);
+}
+
+TEST(CmEventSelfPost, EndsUnfiredAtOnce_WhenItIsDestroyedAsItsWorkerIsAboutToWait) {
+    CAtNextLock atLock;
+    CShownTask task;
+    EventLog log;
+    const auto post = [&](int aId) { task.Queue().PostEvent(new LoggedEvent(log, aId), NORMAL); };
+    task.Queue().PostEvent(
+        new LoggedEvent(log, 1,
+                        [&] {
+                            post(2);
+                            OnAnotherThread([&] { post(3); });
+                            atLock.Arm([&] {
+                                OnAnotherThread([&] { task.Queue().DestoryPendingEvents(); });
+                            });
+                            return CM_OK;
+                        }),
+        NORMAL);
+    std::thread worker([&] { task.RunHere(); });
+    EXPECT_TRUE(Eventually([&] { return log.ended().size() == 3; }));
+    task.Stop(nullptr);
+    worker.join();
+    EXPECT_EQ(Ids{1}, log.fired());
+    EXPECT_EQ((Ids{1, 3, 2}), log.ended());
 }
 
 // The queue of a worker as its users know it: one list. Its events act at random; every act

@@ -758,6 +758,12 @@ class CCmEventQueueUsingConditionVariable::CConditionQueueState {
         if (pLoop != nullptr) {
             pLoop->GiveOwn();
             pLoop->NoteWatch();
+            // Found only now: they do not have to wait until the next post comes.
+            if (CM_UNLIKELY(pLoop->HasToEndSome()) && m_Queue.m_Events.empty()) {
+                lock.Unlock();
+                pLoop->EndDiscarded();
+                return CM_ERROR_NOT_FOUND;
+            }
         }
         const size_t nNodesOfLoop = pLoop != nullptr ? pLoop->CountOfNodes() : 0;
         if (m_Spent.size() > nNodesOfLoop) {
@@ -1120,7 +1126,7 @@ void CCmEventQueueSteps::CLoop::EndDiscarded() {
         CCmScopedLockT<CCmMutexThread> lock(m_Queue.m_Mutex);
         GiveOwn();
     }
-    if (CM_UNLIKELY(!m_Discarded.empty())) {
+    if (CM_UNLIKELY(HasToEndSome())) {
         DestroyAll(m_Discarded);
     }
 }

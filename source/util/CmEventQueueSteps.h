@@ -89,6 +89,7 @@ class CCmEventQueueSteps::CLoop {
     bool TakeOwn(std::list<ICmEvent*>& aEvents, DWORD aMaxCount);
     void GiveOwn();
     bool HasDiscards() const;
+    bool HasToEndSome() const { return !m_Discarded.empty(); }
     void EndDiscarded();
     void CountOwn(size_t aCount);
 
