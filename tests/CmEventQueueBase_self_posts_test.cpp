@@ -640,6 +640,47 @@ TEST_F(CmEventPassTimes, LeaveOutWhatATimerTakes) {
     EXPECT_EQ(11u, m_Log.fired().size());
 }
 
+TEST_F(CmEventPassTimes, LeaveOutTheEndOfWhatAnotherThreadDestroyed) {
+    Post(1, 10, [&] {
+        m_Task.Queue().PostEvent(
+            new kelto_test::EndingEvent([&] { m_Clock.AdvanceUsec(70000); }), NORMAL);
+        OnAnotherThread([&] {
+            m_Task.Queue().DestoryPendingEvents();
+            PostStop();
+        });
+    });
+    m_Task.RunHere();
+    EXPECT_EQ(0u, m_Sink.count("ProcessOneEvent, report"));
+    EXPECT_EQ((Ids{1, 0}), m_Log.fired());
+}
+
+// How often the clock is read in a pass of aEvents events and one of a single event after it, but
+// for once an event.
+unsigned long ReadsOfTwoPasses(const kelto_test::ScopedClock& aClock, unsigned long aEvents) {
+    CShownTask task;
+    EventLog log;
+    const auto post = [&](const LoggedEvent::Work& aWork) {
+        task.Queue().PostEvent(new LoggedEvent(log, 1, aWork), NORMAL);
+    };
+    for (unsigned long i = 1; i < aEvents; ++i) {
+        post(nullptr);
+    }
+    post([&] {
+        post([&] {
+            task.SetStopFlag();
+            return CM_OK;
+        });
+        return CM_OK;
+    });
+    const unsigned long ulReads = aClock.reads();
+    task.RunHere();
+    return aClock.reads() - ulReads - aEvents;
+}
+
+TEST_F(CmEventPassTimes, LeaveOutTheNodesThatALongPassFrees) {
+    EXPECT_EQ(ReadsOfTwoPasses(m_Clock, 200) + 1, ReadsOfTwoPasses(m_Clock, 300));
+}
+
 TEST_F(CmEventPassTimes, LeaveOutAWait) {
     std::thread poster([&] {
         EXPECT_TRUE(Eventually([&] { return m_Log.ended().size() == 1; }));

@@ -977,7 +977,7 @@ void CCmEventQueueSteps::CLoop::RunEvents(CCmTimeValue* aTimeout, DWORD aMaxCoun
         AwaitSender();
     }
     CCmTimeValue tvTend(CCmBlockPool::TEND_SEC);
-    if (CM_UNLIKELY(CCmBlockPool::Tend()) && (aTimeout == nullptr || *aTimeout > tvTend)) {
+    if (CM_UNLIKELY(TendMemory()) && (aTimeout == nullptr || *aTimeout > tvTend)) {
         aTimeout = &tvTend;
     }
     std::list<ICmEvent*> events;
@@ -996,6 +996,15 @@ void CCmEventQueueSteps::CLoop::RunEventsUntil(const long long* aDeadlineNsec, D
     if (CM_SUCCEEDED(PopOrWaitUntil(events, aDeadlineNsec, aMaxCount))) {
         RunTaken(events, &aStop);
     }
+}
+
+bool CCmEventQueueSteps::CLoop::TendMemory() {
+    bool bHasTrimmed = false;
+    const bool bIsToLookAgain = CCmBlockPool::Tend(&bHasTrimmed);
+    if (CM_UNLIKELY(bHasTrimmed)) {
+        ForgetEnd();
+    }
+    return bIsToLookAgain;
 }
 
 // A sender whose event has fired posts its wrapper back as soon as it runs, and often the next send
@@ -1048,10 +1057,12 @@ CmResult CCmEventQueueSteps::CLoop::PopOrWaitUntil(std::list<ICmEvent*>& aEvents
 
 void CCmEventQueueSteps::CLoop::RunTaken(std::list<ICmEvent*>& aEvents,
                                          const CmStd::atomic<bool>* aStop) {
+    // A longer pass may free nodes when it is over, which is no part of the next event.
+    const bool bIsShort = aEvents.size() <= SPARES_AT_LEAST;
     CPass pass(m_Queue, m_bGoesOn ? m_tvEnd : CCmTimeValue::GetTimeOfDay());
     CCmPrivateRoom::Of(m_Queue.m_Private).Run(pass, aEvents, aStop);
     m_tvEnd = pass.End();
-    m_bGoesOn = true;
+    m_bGoesOn = bIsShort;
 }
 
 // Whether a post may go to the private list. m_bIsStopped relaxed, as in CPosting::Prepare: what
@@ -1128,6 +1139,7 @@ void CCmEventQueueSteps::CLoop::EndDiscarded() {
     }
     if (CM_UNLIKELY(HasToEndSome())) {
         DestroyAll(m_Discarded);
+        ForgetEnd();
     }
 }
 

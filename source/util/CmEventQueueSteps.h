@@ -48,7 +48,7 @@ class CCmEventQueueSteps {
 //   that value or a later one; later ones are lower only once this thread has taken X out, since
 //   nobody else does.
 // - The end of one event is the start of the next also from pass to pass, which saves a reading of
-//   the clock, unless the consumer has waited meanwhile or says ForgetEnd.
+//   the clock, unless the consumer has waited or done something long meanwhile (ForgetEnd).
 //
 // Loop thread only. A loop of a queue inside another of the same queue takes over until its End.
 class CCmEventQueueSteps::CLoop {
@@ -62,6 +62,8 @@ class CCmEventQueueSteps::CLoop {
 
     // Something else than events has taken time: a timer has fired.
     void ForgetEnd() { m_bGoesOn = false; }
+    // CCmBlockPool::Tend, which may take its time.
+    bool TendMemory();
     // Waits while nothing is pending, at most aTimeout (null: no limit), and runs at most aMaxCount
     // events. May return without one before that, to look after the memory of those that have run.
     void RunEvents(CCmTimeValue* aTimeout, DWORD aMaxCount);
