@@ -642,8 +642,8 @@ TEST_F(CmEventPassTimes, LeaveOutWhatATimerTakes) {
 
 TEST_F(CmEventPassTimes, LeaveOutTheEndOfWhatAnotherThreadDestroyed) {
     Post(1, 10, [&] {
-        m_Task.Queue().PostEvent(
-            new kelto_test::EndingEvent([&] { m_Clock.AdvanceUsec(70000); }), NORMAL);
+        m_Task.Queue().PostEvent(new kelto_test::EndingEvent([&] { m_Clock.AdvanceUsec(70000); }),
+                                 NORMAL);
         OnAnotherThread([&] {
             m_Task.Queue().DestoryPendingEvents();
             PostStop();
