@@ -31,6 +31,7 @@
 #include "support/BlockPool.h"
 #include "support/ChildProcess.h"
 #include "support/Clock.h"
+#include "support/Events.h"
 #include "support/Eventually.h"
 #include "support/Faults.h"
 #include "support/Gate.h"
@@ -432,6 +433,83 @@ TEST(CmBlockPool, KeepsIdleMemory_WhenItWasNeededWithinTheSecond) {
         EXPECT_TRUE(CCmBlockPool::Tend());
         EXPECT_EQ(nChunks, CCmBlockPool::Chunks());
     }
+}
+
+TEST(CmBlockPool, GivesIdleMemoryBack_WhenTheEventsThatKeptItHaveEnded) {
+    const ScopedBlockPool pool;
+    ScopedClock clock;
+    std::vector<Event*> kept;
+    std::vector<Event*> events = MakeEvents(20000);
+    for (size_t i = 0; i < events.size(); i += 200) {
+        kept.push_back(std::exchange(events[i], new Event));
+    }
+    EndAll(events);
+    clock.AdvanceMs(5000);
+    EXPECT_TRUE(CCmBlockPool::Tend());
+    clock.AdvanceMs(1000);
+    EXPECT_FALSE(CCmBlockPool::Tend());
+    EXPECT_LT(70u, CCmBlockPool::Chunks()) << "each has an event that lives";
+    events = MakeEvents(19000);
+    EndAll(events);
+    EndAll(kept);
+    EXPECT_TRUE(CCmBlockPool::Tend());
+    clock.AdvanceMs(1000);
+    EXPECT_FALSE(CCmBlockPool::Tend());
+    EXPECT_EQ(1u, CCmBlockPool::Chunks());
+}
+
+class CShownTask : public CCmThreadTaskWithEventQueueOnly {
+  public:
+    void RunHere() {
+        Create(TT_MAIN, TF_JOINABLE, 0);
+        OnThreadInit();
+        OnThreadRun();
+    }
+};
+
+// Mapping takes its time.
+class CSlowMap {
+  public:
+    explicit CSlowMap(ScopedClock& aClock) { s_pClock = &aClock; }
+
+  private:
+    static void* Map(void* aPlace, size_t aSize, int aProtection, int aFlags, int aFile,
+                     off_t aOffset) {
+        s_pClock->AdvanceMs(70);
+        return mmap(aPlace, aSize, aProtection, aFlags, aFile, aOffset);
+    }
+    inline static ScopedClock* s_pClock = nullptr;
+    kelto_test::ScopedEntry<decltype(CCmSystemTable::mmap)> m_Entry{g_cmSystem.mmap, &Map};
+};
+
+TEST(CmBlockPool, IsTrimmedAtTheExpenseOfNoEvent) {
+    const ScopedBlockPool pool;
+    const ScopedTraceSink sink;
+    ScopedClock clock;
+    CShownTask task;
+    kelto_test::EventLog log;
+    const auto post = [&](const kelto_test::LoggedEvent::Work& aWork) {
+        task.GetEventQueue()->PostEvent(new kelto_test::LoggedEvent(log, 1, aWork),
+                                        ICmEventQueue::EPRIORITY_NORMAL);
+    };
+    std::vector<Event*> events = MakeEvents(20000);
+    EndAll(events);
+    const size_t nChunks = CCmBlockPool::Chunks();
+    clock.AdvanceMs(5000);
+    EXPECT_TRUE(CCmBlockPool::Tend());
+    const CSlowMap slowMap(clock);
+    post([&] {
+        clock.AdvanceMs(1000);
+        post([&] {
+            task.SetStopFlag();
+            return CM_OK;
+        });
+        return CM_OK;
+    });
+    task.RunHere();
+    EXPECT_GT(nChunks, CCmBlockPool::Chunks());
+    EXPECT_EQ(1u, sink.count("ProcessOneEvent, report, sec=1 usec=0 "));
+    EXPECT_EQ(1u, sink.count("ProcessOneEvent, report"));
 }
 
 TEST(CmBlockPool, TellsOneThreadToLookAgain_WhenSeveralAsk) {

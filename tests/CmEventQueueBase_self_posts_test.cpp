@@ -67,6 +67,23 @@ class CLockCount {
                                                                &Lock};
 };
 
+// Does something once, when the calling thread is about to take its next lock.
+class CAtNextLock {
+  public:
+    void Arm(std::function<void()> aWork) { t_work = std::move(aWork); }
+
+  private:
+    static int Lock(pthread_mutex_t* aMutex) {
+        if (const auto work = std::exchange(t_work, nullptr)) {
+            work();
+        }
+        return pthread_mutex_lock(aMutex);
+    }
+    inline static thread_local std::function<void()> t_work;
+    kelto_test::ScopedEntry<int (*)(pthread_mutex_t*)> m_Entry{g_cmSystem.pthread_mutex_lock,
+                                                               &Lock};
+};
+
 template <class Function>
 void OnAnotherThread(Function aFunction) {
     std::thread(aFunction).join();
@@ -375,6 +392,30 @@ TEST(CmEventSelfPost, EndsUnfired_WhenAnotherThreadDestroysWhatIsPending) {
     EXPECT_EQ((Ids{1, 2, 3, 4, 5, 6, 7}), ended);
 }
 
+TEST(CmEventSelfPost, EndsUnfiredAtOnce_WhenItIsDestroyedAsItsWorkerIsAboutToWait) {
+    CAtNextLock atLock;
+    CShownTask task;
+    EventLog log;
+    const auto post = [&](int aId) { task.Queue().PostEvent(new LoggedEvent(log, aId), NORMAL); };
+    task.Queue().PostEvent(
+        new LoggedEvent(log, 1,
+                        [&] {
+                            post(2);
+                            OnAnotherThread([&] { post(3); });
+                            atLock.Arm([&] {
+                                OnAnotherThread([&] { task.Queue().DestoryPendingEvents(); });
+                            });
+                            return CM_OK;
+                        }),
+        NORMAL);
+    std::thread worker([&] { task.RunHere(); });
+    EXPECT_TRUE(Eventually([&] { return log.ended().size() == 3; }));
+    task.Stop(nullptr);
+    worker.join();
+    EXPECT_EQ(Ids{1}, log.fired());
+    EXPECT_EQ((Ids{1, 3, 2}), log.ended());
+}
+
 // The queue of a worker as its users know it: one list. Its events act at random; every act
 // happens after the one before, whichever thread it is on.
 class CSelfPostModel {
@@ -597,6 +638,47 @@ TEST_F(CmEventPassTimes, LeaveOutWhatATimerTakes) {
     m_Task.RunHere();
     EXPECT_EQ(0u, m_Sink.count("ProcessOneEvent, report"));
     EXPECT_EQ(11u, m_Log.fired().size());
+}
+
+TEST_F(CmEventPassTimes, LeaveOutTheEndOfWhatAnotherThreadDestroyed) {
+    Post(1, 10, [&] {
+        m_Task.Queue().PostEvent(new kelto_test::EndingEvent([&] { m_Clock.AdvanceUsec(70000); }),
+                                 NORMAL);
+        OnAnotherThread([&] {
+            m_Task.Queue().DestoryPendingEvents();
+            PostStop();
+        });
+    });
+    m_Task.RunHere();
+    EXPECT_EQ(0u, m_Sink.count("ProcessOneEvent, report"));
+    EXPECT_EQ((Ids{1, 0}), m_Log.fired());
+}
+
+// How often the clock is read in a pass of aEvents events and one of a single event after it, but
+// for once an event.
+unsigned long ReadsOfTwoPasses(const kelto_test::ScopedClock& aClock, unsigned long aEvents) {
+    CShownTask task;
+    EventLog log;
+    const auto post = [&](const LoggedEvent::Work& aWork) {
+        task.Queue().PostEvent(new LoggedEvent(log, 1, aWork), NORMAL);
+    };
+    for (unsigned long i = 1; i < aEvents; ++i) {
+        post(nullptr);
+    }
+    post([&] {
+        post([&] {
+            task.SetStopFlag();
+            return CM_OK;
+        });
+        return CM_OK;
+    });
+    const unsigned long ulReads = aClock.reads();
+    task.RunHere();
+    return aClock.reads() - ulReads - aEvents;
+}
+
+TEST_F(CmEventPassTimes, LeaveOutTheNodesThatALongPassFrees) {
+    EXPECT_EQ(ReadsOfTwoPasses(m_Clock, 200) + 1, ReadsOfTwoPasses(m_Clock, 300));
 }
 
 TEST_F(CmEventPassTimes, LeaveOutAWait) {

@@ -9,6 +9,7 @@
 #include <optional>
 #include <thread>
 
+#include "CmEventQueueSteps.h"
 #include "CmTimerQueueOrderedList.h"
 #include "CmTimerWrapper.h"
 #include "support/BodyThread.h"
@@ -307,6 +308,33 @@ class WorkThread : public ACmThread {
     const std::function<void()> m_work;
 };
 
+// Otherwise a thread that does nothing but send could not be terminated.
+TEST(CmCancelledSender, IsCancelled_WhenItsResultIsThereAlready) {
+    const long lLive = kelto_test::LiveAllocationsBefore();
+    {
+        EventLog log;
+        CCmEventQueueUsingMutex queue;
+        auto* const pSynchronous = new CCmEventSynchronous(new LoggedEvent(log, 1), &queue);
+        ASSERT_EQ(CM_OK, queue.PostEvent(pSynchronous, NORMAL));
+        std::list<ICmEvent*> events;
+        queue.PopPendingEventsLocked(events);
+        queue.ProcessTakenEvents(events);
+        EXPECT_EQ(Ids{1}, log.ended());
+        bool bReturned = false;
+        auto* const pSender = new WorkThread([&] {
+            pthread_cancel(pthread_self());
+            pSynchronous->WaitResultAndDeleteThis();
+            bReturned = true;
+        });
+        ASSERT_EQ(CM_OK, pSender->Create(TYPE, TF_JOINABLE, 0));
+        EXPECT_EQ(CM_OK, pSender->Join());
+        pSender->Destory(0);
+        EXPECT_FALSE(bReturned);
+        EXPECT_EQ(0u, queue.GetPendingEventsCount());
+    }
+    EXPECT_EQ(lLive, kelto_test::LiveAllocations());
+}
+
 // An event with a cancellation point in its firing, in its destruction, or in both.
 class CancellableEvent : public ICmEvent {
   public:
@@ -326,6 +354,43 @@ class CancellableEvent : public ICmEvent {
     std::atomic<int>& m_nEnded;
     const bool m_bInFire;
 };
+
+// So that a later thread of the same id does not take itself for the worker.
+TEST_P(CmCancelledThread, LeavesItsLoop_WhenTerminatedWhileItEndsEvents) {
+    kelto_test::ScopedTraceSink sink;
+    EventLog log;
+    auto* const pTask = new CCmThreadTaskWithEventQueueOnly;
+    ASSERT_EQ(CM_OK, pTask->Create(TYPE, TF_JOINABLE, 0));
+    Gate busy;
+    Gate go;
+    std::atomic<int> nEnded{0};
+    ICmEventQueue* const pQueue = pTask->GetEventQueue();
+    pQueue->PostEvent(new LoggedEvent(log, 0,
+                                      [&] {
+                                          busy.Open();
+                                          go.Wait();
+                                          pTask->SetStopFlag();
+                                          return CM_OK;
+                                      }),
+                      NORMAL);
+    ASSERT_TRUE(busy.Wait());
+    pQueue->PostEvent(new CancellableEvent(nEnded, false), NORMAL);
+    go.Open();
+    EXPECT_TRUE(Eventually([&] { return nEnded == 1; }));
+    const pthread_t tid = pTask->GetThreadId();
+    EXPECT_EQ(0, pTask->Terminate());
+    EXPECT_EQ(CM_OK, pTask->Join());
+    bool bIsReused = false;
+    for (int i = 0; i < 100 && !bIsReused; ++i) {
+        std::thread([&] {
+            bIsReused = pthread_equal(pthread_self(), tid) != 0;
+            EXPECT_EQ(nullptr, CCmEventQueueSteps::LoopOfThisThread(
+                                   dynamic_cast<CCmEventQueueBase&>(*pQueue)));
+        }).join();
+    }
+    EXPECT_TRUE(bIsReused);
+    pTask->Destory(0);
+}
 
 // Terminates a thread that does aWork as soon as aIsThere says that it is at its cancellation
 // point.

@@ -255,6 +255,10 @@ void CountTaken(unsigned aClass, uint32_t aBlocks) {
     if (lIdle < s_lLeastIdle.load(std::memory_order_relaxed)) {
         s_lLeastIdle.store(lIdle, std::memory_order_relaxed);
     }
+    // What was in use again may come back as wholly idle chunks.
+    if (lIdle < s_lIdleFloor.load(std::memory_order_relaxed)) {
+        s_lIdleFloor.store(lIdle, std::memory_order_relaxed);
+    }
 }
 
 CMagazine* TakeFull(unsigned aClass) {
@@ -545,9 +549,11 @@ CThreadCache* MakeCache() {
     return t_pCache = pCache;
 }
 
-// Its cache is what ends the tending together with the thread.
+// Its cache is what ends the tending together with the thread. Looks before it writes: where one
+// thread tends, all others come here with every pass.
 bool StartTending() {
-    if (s_bIsTended.exchange(true, std::memory_order_relaxed)) {
+    if (s_bIsTended.load(std::memory_order_relaxed) ||
+        s_bIsTended.exchange(true, std::memory_order_relaxed)) {
         return false;
     }
     CThreadCache* const pCache = t_pCache != nullptr ? t_pCache : MakeCache();
@@ -688,7 +694,7 @@ void CCmBlockPool::Free(void* aMemory) noexcept {
 
 // One thread at a time tends: the first that finds something idle, until it has given it back,
 // finds nothing any more, or ends.
-bool CCmBlockPool::Tend() {
+bool CCmBlockPool::Tend(bool* aHasTrimmed) {
     const bool bTends = t_pCache != nullptr && t_pCache->m_bTends;
     const long lIdle = s_lIdle.load(std::memory_order_relaxed);
     if (CM_LIKELY(!HasIdle(lIdle))) {
@@ -697,17 +703,22 @@ bool CCmBlockPool::Tend() {
         }
         return false;
     }
+    if (!bTends && !StartTending()) {
+        return false;
+    }
     const long long llNow = CoarseUsec();
-    if (!bTends) {
-        if (!StartTending()) {
+    if (bTends) {
+        if (!IsLongAgo(llNow, s_llTended.load(std::memory_order_relaxed))) {
+            return true;
+        }
+        if (HasIdle(s_lLeastIdle.load(std::memory_order_relaxed))) {
+            StopTending(*t_pCache);
+            Trim();
+            if (aHasTrimmed != nullptr) {
+                *aHasTrimmed = true;
+            }
             return false;
         }
-    } else if (!IsLongAgo(llNow, s_llTended.load(std::memory_order_relaxed))) {
-        return true;
-    } else if (HasIdle(s_lLeastIdle.load(std::memory_order_relaxed))) {
-        StopTending(*t_pCache);
-        Trim();
-        return false;
     }
     s_llTended.store(llNow, std::memory_order_relaxed);
     s_lLeastIdle.store(lIdle, std::memory_order_relaxed);

@@ -45,9 +45,10 @@ class CCmBlockPool {
 
     // For a worker that is about to wait: gives memory back that has been idle for TEND_SEC. True
     // when there is more that may become so, and nobody else has been told to look again after that
-    // time. Any thread.
+    // time. aHasTrimmed (may be null) is set when it has looked through what is idle, which takes
+    // milliseconds where that is much. Any thread.
     static constexpr long TEND_SEC = 1;
-    static bool Tend();
+    static bool Tend(bool* aHasTrimmed = nullptr);
 
     // The rest is for tests.
     //

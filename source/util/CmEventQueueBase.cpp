@@ -587,6 +587,7 @@ CmResult CCmEventSynchronous::CSendState::Send() {
 
 CmResult CCmEventSynchronous::CSendState::Wait() {
     CCmCleanUpT abandon([this] { Abandon(); });
+    pthread_testcancel();  // the result may be there by now, so that nothing waits
     while (m_nOutcome.load(std::memory_order_acquire) == OUTCOME_NONE) {
         const CmResult rvWait = m_Wrapper.m_SendEvent.Wait(nullptr);
         if (CM_FAILED(rvWait)) {
@@ -757,6 +758,12 @@ class CCmEventQueueUsingConditionVariable::CConditionQueueState {
         if (pLoop != nullptr) {
             pLoop->GiveOwn();
             pLoop->NoteWatch();
+            // Found only now: they do not have to wait until the next post comes.
+            if (CM_UNLIKELY(pLoop->HasToEndSome()) && m_Queue.m_Events.empty()) {
+                lock.Unlock();
+                pLoop->EndDiscarded();
+                return CM_ERROR_NOT_FOUND;
+            }
         }
         const size_t nNodesOfLoop = pLoop != nullptr ? pLoop->CountOfNodes() : 0;
         if (m_Spent.size() > nNodesOfLoop) {
@@ -935,11 +942,14 @@ bool CCmEventQueueUsingConditionVariable::IsStoppedAndEmpty() {
            CCmEventQueueSteps::OwnCount(*this) == 0;
 }
 
+auto& CCmEventQueueSteps::CLoop::QueueState() const {
+    return CCmPrivateRoom::Of(m_Queue.CCmEventQueueBase::m_Private);
+}
+
 CCmEventQueueSteps::CLoop::CLoop(CCmEventQueueUsingConditionVariable& aQueue)
     : m_Queue(aQueue),
-      m_State(CCmPrivateRoom::Of(aQueue.CCmEventQueueBase::m_Private)),
-      m_pOuter(m_State.LoopOfThisThread()),
-      m_dwDiscards(m_State.m_dwDiscards.load(std::memory_order_relaxed)),
+      m_pOuter(QueueState().LoopOfThisThread()),
+      m_dwDiscards(QueueState().m_dwDiscards.load(std::memory_order_relaxed)),
       m_bGoesOn(false),
       m_nNodes(0),
       m_nOwnCore(-1),
@@ -949,16 +959,16 @@ CCmEventQueueSteps::CLoop::CLoop(CCmEventQueueUsingConditionVariable& aQueue)
         m_pOuter->GiveOwn();
     }
     NoteWatch();
-    m_State.SetLoop(this);
+    QueueState().SetLoop(this);
 }
 
 void CCmEventQueueSteps::CLoop::End() {
     {
         CCmScopedLockT<CCmMutexThread> lock(m_Queue.m_Mutex);
         GiveOwn();
-        m_State.SetLoop(m_pOuter);
+        QueueState().SetLoop(m_pOuter);
     }
-    DestroyEach(m_Discarded);
+    DestroyAll(m_Discarded);
 }
 
 void CCmEventQueueSteps::CLoop::RunEvents(CCmTimeValue* aTimeout, DWORD aMaxCount) {
@@ -967,7 +977,7 @@ void CCmEventQueueSteps::CLoop::RunEvents(CCmTimeValue* aTimeout, DWORD aMaxCoun
         AwaitSender();
     }
     CCmTimeValue tvTend(CCmBlockPool::TEND_SEC);
-    if (CM_UNLIKELY(CCmBlockPool::Tend()) && (aTimeout == nullptr || *aTimeout > tvTend)) {
+    if (CM_UNLIKELY(TendMemory()) && (aTimeout == nullptr || *aTimeout > tvTend)) {
         aTimeout = &tvTend;
     }
     std::list<ICmEvent*> events;
@@ -986,6 +996,15 @@ void CCmEventQueueSteps::CLoop::RunEventsUntil(const long long* aDeadlineNsec, D
     if (CM_SUCCEEDED(PopOrWaitUntil(events, aDeadlineNsec, aMaxCount))) {
         RunTaken(events, &aStop);
     }
+}
+
+bool CCmEventQueueSteps::CLoop::TendMemory() {
+    bool bHasTrimmed = false;
+    const bool bIsToLookAgain = CCmBlockPool::Tend(&bHasTrimmed);
+    if (CM_UNLIKELY(bHasTrimmed)) {
+        ForgetEnd();
+    }
+    return bIsToLookAgain;
 }
 
 // A sender whose event has fired posts its wrapper back as soon as it runs, and often the next send
@@ -1012,13 +1031,14 @@ void CCmEventQueueSteps::CLoop::AwaitSender() {
         learned.Note(bCame);
     }
     m_tvEnd = tvNow;
+    pthread_testcancel();  // like the wait that this may be in place of
 }
 
 // An event that was sent has been fired in this pass.
 void CCmEventQueueSteps::CLoop::NoteSend(int aSenderCore) {
     m_nOwnCore = aSenderCore != -1 ? CmPortCurrentCore() : -1;
     m_nSenderCore = aSenderCore;
-    m_State.m_nLoopCore.store(m_nOwnCore, std::memory_order_relaxed);
+    QueueState().m_nLoopCore.store(m_nOwnCore, std::memory_order_relaxed);
 }
 
 CmResult CCmEventQueueSteps::CLoop::PopOrWaitUntil(std::list<ICmEvent*>& aEvents,
@@ -1037,10 +1057,12 @@ CmResult CCmEventQueueSteps::CLoop::PopOrWaitUntil(std::list<ICmEvent*>& aEvents
 
 void CCmEventQueueSteps::CLoop::RunTaken(std::list<ICmEvent*>& aEvents,
                                          const CmStd::atomic<bool>* aStop) {
+    // A longer pass may free nodes when it is over, which is no part of the next event.
+    const bool bIsShort = aEvents.size() <= SPARES_AT_LEAST;
     CPass pass(m_Queue, m_bGoesOn ? m_tvEnd : CCmTimeValue::GetTimeOfDay());
     CCmPrivateRoom::Of(m_Queue.m_Private).Run(pass, aEvents, aStop);
     m_tvEnd = pass.End();
-    m_bGoesOn = true;
+    m_bGoesOn = bIsShort;
 }
 
 // Whether a post may go to the private list. m_bIsStopped relaxed, as in CPosting::Prepare: what
@@ -1093,7 +1115,7 @@ bool CCmEventQueueSteps::CLoop::TakeOwn(std::list<ICmEvent*>& aEvents, DWORD aMa
 // Under the lock. What is in the private list becomes the head of the queue, or is to be destroyed.
 void CCmEventQueueSteps::CLoop::GiveOwn() {
     const bool bDiscards = HasDiscards();
-    m_dwDiscards = m_State.m_dwDiscards.load(std::memory_order_relaxed);
+    m_dwDiscards = QueueState().m_dwDiscards.load(std::memory_order_relaxed);
     if (m_Own.empty()) {
         return;
     }
@@ -1107,7 +1129,7 @@ void CCmEventQueueSteps::CLoop::GiveOwn() {
 }
 
 bool CCmEventQueueSteps::CLoop::HasDiscards() const {
-    return m_State.m_dwDiscards.load(std::memory_order_relaxed) != m_dwDiscards;
+    return QueueState().m_dwDiscards.load(std::memory_order_relaxed) != m_dwDiscards;
 }
 
 void CCmEventQueueSteps::CLoop::EndDiscarded() {
@@ -1115,13 +1137,14 @@ void CCmEventQueueSteps::CLoop::EndDiscarded() {
         CCmScopedLockT<CCmMutexThread> lock(m_Queue.m_Mutex);
         GiveOwn();
     }
-    if (CM_UNLIKELY(!m_Discarded.empty())) {
+    if (CM_UNLIKELY(HasToEndSome())) {
         DestroyAll(m_Discarded);
+        ForgetEnd();
     }
 }
 
 void CCmEventQueueSteps::CLoop::CountOwn(size_t aCount) {
-    m_State.m_dwOwn.store(static_cast<DWORD>(aCount), std::memory_order_relaxed);
+    QueueState().m_dwOwn.store(static_cast<DWORD>(aCount), std::memory_order_relaxed);
 }
 
 }  // namespace UTIL_NS

@@ -7,10 +7,15 @@
 #include "CmAtomic.h"
 #include "CmBase.h"
 #include "CmBriefWait.h"
-#include "CmEventQueueBase.h"
 #include "CmTimeValue.h"
 
 namespace UTIL_NS {
+
+class CCmEventQueueBase;
+class CCmEventQueueUsingConditionVariable;
+class CCmMutexThread;
+class ICmEvent;
+class ICmEventQueue;
 
 class CCmEventQueueSteps {
   public:
@@ -43,7 +48,7 @@ class CCmEventQueueSteps {
 //   that value or a later one; later ones are lower only once this thread has taken X out, since
 //   nobody else does.
 // - The end of one event is the start of the next also from pass to pass, which saves a reading of
-//   the clock, unless the consumer has waited meanwhile or says ForgetEnd.
+//   the clock, unless the consumer has waited or done something long meanwhile (ForgetEnd).
 //
 // Loop thread only. A loop of a queue inside another of the same queue takes over until its End.
 class CCmEventQueueSteps::CLoop {
@@ -57,6 +62,8 @@ class CCmEventQueueSteps::CLoop {
 
     // Something else than events has taken time: a timer has fired.
     void ForgetEnd() { m_bGoesOn = false; }
+    // CCmBlockPool::Tend, which may take its time.
+    bool TendMemory();
     // Waits while nothing is pending, at most aTimeout (null: no limit), and runs at most aMaxCount
     // events. May return without one before that, to look after the memory of those that have run.
     void RunEvents(CCmTimeValue* aTimeout, DWORD aMaxCount);
@@ -71,6 +78,7 @@ class CCmEventQueueSteps::CLoop {
     friend class CCmEventSynchronous;
     friend class CCmEventQueueUsingConditionVariable;
 
+    auto& QueueState() const;
     void AwaitSender();
     CmResult PopOrWaitUntil(std::list<ICmEvent*>& aEvents, const long long* aDeadlineNsec,
                             DWORD aMaxCount);
@@ -83,11 +91,11 @@ class CCmEventQueueSteps::CLoop {
     bool TakeOwn(std::list<ICmEvent*>& aEvents, DWORD aMaxCount);
     void GiveOwn();
     bool HasDiscards() const;
+    bool HasToEndSome() const { return !m_Discarded.empty(); }
     void EndDiscarded();
     void CountOwn(size_t aCount);
 
     CCmEventQueueUsingConditionVariable& m_Queue;
-    CCmEventQueueBase::CQueueState& m_State;
     CLoop* const m_pOuter;             // of the same queue on this thread; may be null
     std::list<ICmEvent*> m_Own;        // the private list
     std::list<ICmEvent*> m_Discarded;  // what was in it, to be destroyed without having been fired

@@ -51,10 +51,11 @@ CCmTimeValue FireDueTimers(CCmTimerQueueBase& aQueue, CCmEventQueueSteps::CLoop&
 // it took together with its stop event.
 void EndLoop(const CCmStopFlag& aFlag, CCmEventQueueUsingConditionVariable& aQueue,
              CCmEventQueueSteps::CLoop& aLoop) {
+    CCmCleanUpT endLoop([&aLoop] { aLoop.End(); });
     if (aFlag.IsFlagStopped()) {
         aQueue.StopAndDestoryPendingEvents();
     }
-    aLoop.End();
+    endLoop.Execute();
 }
 
 void RegisterEntry(std::list<ACmThread*>& aEntry) {

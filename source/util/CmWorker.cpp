@@ -146,7 +146,7 @@ class CCmWorkerThread final : public CCmThreadTask {
         if (tvWait != CCmTimeValue::s_tvMax) {
             llDeadline = std::min(llDeadline, CmLaterNsec(CmMonotonicNsec(), tvWait));
         }
-        if (CM_UNLIKELY(CCmBlockPool::Tend())) {
+        if (CM_UNLIKELY(aLoop.TendMemory())) {
             llDeadline = std::min(
                 llDeadline, CmLaterNsec(CmMonotonicNsec(), CCmTimeValue(CCmBlockPool::TEND_SEC)));
         }

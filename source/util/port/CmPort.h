@@ -113,8 +113,8 @@ void CmPortNameThisThread(const char* aName);
 // 50 us otherwise. Nothing to do on macOS.
 void CmPortPreciseWaits();
 
-// Whether a sanitizer that watches memory is in the program: that of addresses, of threads or of
-// uninitialised memory.
+// Whether a sanitizer that watches memory is in the program: that of addresses, of threads, of
+// leaks or of uninitialised memory.
 bool CmPortHasSanitizer();
 
 // A counting semaphore: as sem_init, sem_destroy, sem_wait and sem_post, 0 or -1 with errno set.

@@ -15,6 +15,7 @@
 extern "C" {
 __attribute__((weak)) void __asan_init();
 __attribute__((weak)) void __hwasan_init();
+__attribute__((weak)) void __lsan_init();
 __attribute__((weak)) void __msan_init();
 __attribute__((weak)) void __tsan_init();
 }
@@ -196,8 +197,8 @@ int CmPortCoarseTimeOfDay(timeval* aNow, void* /*aUnused*/) {
 }
 
 bool CmPortHasSanitizer() {
-    return __asan_init != nullptr || __hwasan_init != nullptr || __msan_init != nullptr ||
-           __tsan_init != nullptr;
+    return __asan_init != nullptr || __hwasan_init != nullptr || __lsan_init != nullptr ||
+           __msan_init != nullptr || __tsan_init != nullptr;
 }
 
 bool CmPortTakesZeros() {

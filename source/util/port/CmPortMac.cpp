@@ -156,9 +156,8 @@ int CmPortCoarseTimeOfDay(timeval* aNow, void* /*aUnused*/) {
     return gettimeofday(aNow, nullptr);
 }
 
-// False: each of these objects begins with a signature that is not zero.
 bool CmPortHasSanitizer() {
-    for (const char* pszName : {"__asan_init", "__tsan_init"}) {
+    for (const char* pszName : {"__asan_init", "__lsan_init", "__tsan_init"}) {
         if (g_cmSystem.dlsym(RTLD_DEFAULT, pszName) != nullptr) {
             return true;
         }
@@ -166,6 +165,7 @@ bool CmPortHasSanitizer() {
     return false;
 }
 
+// False: each of these objects begins with a signature that is not zero.
 bool CmPortTakesZeros() {
     return false;
 }
@@ -190,11 +190,11 @@ void CmPortPopCleanUp(CmPortCleanUp* aCleanUp) {
     CmMacCleanUps() = reinterpret_cast<__darwin_pthread_handler_rec*>(aCleanUp->m_pNext);
 }
 
-// The clock of relative waits; like them it stands still while the machine sleeps.
 int CmPortCurrentCore() {
     return -1;
 }
 
+// The clock of relative waits; like them it stands still while the machine sleeps.
 void CmPortMonotonicNow(timespec* aNow) {
     clock_gettime(CLOCK_UPTIME_RAW, aNow);
 }
