@@ -7,10 +7,16 @@
 #include "CmAtomic.h"
 #include "CmBase.h"
 #include "CmBriefWait.h"
-#include "CmEventQueueBase.h"
 #include "CmTimeValue.h"
 
 namespace UTIL_NS {
+
+class CCmEventQueueBase;
+class CCmEventQueueUsingConditionVariable;
+class CCmEventSynchronous;
+class CCmMutexThread;
+class ICmEvent;
+class ICmEventQueue;
 
 class CCmEventQueueSteps {
   public:
