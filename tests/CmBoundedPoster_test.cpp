@@ -25,6 +25,7 @@ using kelto_test::Gate;
 using kelto_test::LiveAllocations;
 using kelto_test::LiveAllocationsBefore;
 using kelto_test::ScopedAllocationFault;
+using kelto_test::ScopedEntry;
 
 void RunAll(CCmEventQueueUsingMutex& aQueue, DWORD aMaxCount = 0xFFFFFFFF) {
     std::list<ICmEvent*> events;
@@ -155,16 +156,33 @@ TEST(CCmBoundedPoster, PostIsRefused_WhenTheQueueEndsMeanwhile) {
     EXPECT_EQ(0U, poster.GetCount());
 }
 
+// Notes that the calling thread waits, once it holds a place in the turn.
+thread_local std::atomic<bool>* t_pWaits = nullptr;
+int (*g_pfnWait)(pthread_cond_t*, pthread_mutex_t*) = nullptr;
+
+int NotedWait(pthread_cond_t* aCondition, pthread_mutex_t* aMutex) {
+    if (t_pWaits != nullptr) {
+        *t_pWaits = true;
+    }
+    return g_pfnWait(aCondition, aMutex);
+}
+
 TEST(CCmBoundedPoster, ServesInTurn_WhenSeveralWait) {
+    const ScopedEntry<decltype(g_cmSystem.pthread_cond_wait)> entry(g_cmSystem.pthread_cond_wait,
+                                                                    NotedWait);
+    g_pfnWait = entry.original();
     CCmEventQueueUsingMutex queue;
     CCmBoundedPoster poster(queue, 1);
     std::vector<int> ran;
     EXPECT_EQ(CM_OK, poster.TryPost([] {}));
+    std::atomic<bool> waits[3] = {};
     std::vector<std::thread> waiters;
     for (int i = 0; i < 3; ++i) {
-        waiters.emplace_back(
-            [&, i] { EXPECT_EQ(CM_OK, poster.Post([&ran, i] { ran.push_back(i); })); });
-        std::this_thread::sleep_for(20ms);  // they come one after the other
+        waiters.emplace_back([&, i] {
+            t_pWaits = &waits[i];
+            EXPECT_EQ(CM_OK, poster.Post([&ran, i] { ran.push_back(i); }));
+        });
+        EXPECT_TRUE(Eventually([&] { return waits[i].load(); }));
     }
     while (ran.size() < 3) {
         EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, poster.TryPost([&ran] { ran.push_back(9); }));

@@ -81,8 +81,8 @@ TEST(CCmInterval, TakesBoth) {
 }
 
 TEST(CmMonotonicNow, NeverGoesBackAndPasses) {
+    const auto start = steady_clock::now();  // before tvStart, by any time
     const CCmTimeValue tvStart = CmMonotonicNow();
-    const auto start = steady_clock::now();
     CCmTimeValue tvLast = tvStart;
     for (int i = 0; i < 1000; ++i) {
         const CCmTimeValue tvNow = CmMonotonicNow();

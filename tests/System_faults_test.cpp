@@ -33,6 +33,7 @@
 #include "CmUtilMisc.h"
 #include "CmWorker.h"
 #include "port/CmPort.h"
+#include "support/Eventually.h"
 #include "support/FaultRows.h"
 #include "support/Home.h"
 #include "support/Threads.h"
@@ -329,9 +330,7 @@ long ResolveByEvent() {
             events.clear();
         }
     }
-    for (int i = 0; i < 2000 && kelto_test::LiveThreads() > nThreads; ++i) {
-        SleepMs(1);
-    }
+    EXPECT_TRUE(kelto_test::Eventually([&] { return kelto_test::LiveThreads() <= nThreads; }));
     return lResult;
 }
 

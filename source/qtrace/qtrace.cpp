@@ -229,8 +229,8 @@ bool EndsWithinLine(int aDestination) {
     struct stat opened = {};
     char ch = '\n';
     const bool bRead = fstat(nFile, &opened) == 0 && opened.st_dev == file.st_dev &&
-                       opened.st_ino == file.st_ino &&
-                       pread(nFile, &ch, 1, opened.st_size - 1) == 1;
+                       opened.st_ino == file.st_ino && opened.st_size == file.st_size &&
+                       pread(nFile, &ch, 1, file.st_size - 1) == 1;
     close(nFile);
     return bRead && ch != '\n';
 }

@@ -42,18 +42,56 @@ class Demo(Planted):
                 self.write("demo", DEMO).chmod(0o755)
 
 
+# A monitor that has seen nothing, and one that counts what comes to its port.
+NOTHING = '{"rtp": 0, "forgottenPackets": 0, "skipped": 0, "skippedFor": {}, "streams": []}'
+COUNTING = """#!/usr/bin/env python3
+import json, signal, socket, sys
+ended = []
+signal.signal(signal.SIGINT, lambda *_: ended.append(1))
+count = 0
+with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as receiver:
+    receiver.bind(("127.0.0.1", int(sys.argv[-1].split(":")[-1])))
+    receiver.settimeout(0.1)
+    while not ended:
+        try:
+            receiver.recv(2048)
+            count += 1
+        except OSError:
+            pass
+print(json.dumps({"rtp": count, "inputs": [{"dropped": 0}], "forgottenStreams": 0}))
+"""
+REPLAYED = """echo '{"streams": [{"packets": 1000, "lost": 0}], "packetsPerSecond": 1}'"""
+
+
 class Monitor(Planted):
-    def test_AMonitorThatSaysSomethingElseIsFound(self):
-        tests = ROOT / "examples/rtp_monitor/tests"
-        self.script("build/rtp_monitor", "echo '{\"streams\": []}'")
-        self.script("build/bare_loop", "exit 0")
-        self.script("build/blast", "exit 0")
-        self.assert_fails("python3", tests / "tools_test.py", "build/rtp_monitor", "test_AgreesWithTshark",
-                          says="FAILED (")
-        for arguments in (("flood.py", "build/rtp_monitor", "1"), ("bench.py", "build", "replay", "1000")):
-            with self.subTest(arguments[0]):
-                status, said = self.run_in("python3", tests / arguments[0], *arguments[1:])
-                self.assertNotEqual(status, 0, said)
+    """The scripts themselves, over stand-ins for the monitor."""
+
+    def setUp(self):
+        super().setUp()
+        self.tests = ROOT / "examples/rtp_monitor/tests"
+
+    def test_AMonitorThatDoesNotAgreeWithTheToolsIsFound(self):
+        self.script("build/rtp_monitor", f"echo '{NOTHING}'")
+        self.assert_fails("python3", self.tests / "tools_test.py", "build/rtp_monitor",
+                          "test_AgreesWithTshark", says="FAILED (failures=1)")
+
+    def test_AMonitorThatLosesPacketsIsFound(self):
+        command = ("python3", self.tests / "flood.py", "build/rtp_monitor", "1", "1000")
+        self.write("build/rtp_monitor", COUNTING).chmod(0o755)
+        self.assert_passes(*command, says="1000 new sources in")
+        self.replace("build/rtp_monitor", "print(", "count -= 1\nprint(")
+        self.assert_fails(*command, says="1000 new sources in")
+
+    def test_AMonitorThatIsSlowOrMiscountsIsFound(self):
+        command = ("python3", self.tests / "bench.py", "build", "replay", "1000")
+        self.script("build/bare_loop", "sleep 0.2")
+        self.script("build/rtp_monitor", REPLAYED)
+        self.assert_passes(*command)
+        for old, new in (("1000", "999"), ('"lost": 0', '"lost": 1'), ("echo", "sleep 0.8; echo")):
+            with self.subTest(new):
+                self.replace("build/rtp_monitor", old, new)
+                self.assert_fails(*command, says="replay of 1000 packets")
+                self.script("build/rtp_monitor", REPLAYED)
 
 
 if __name__ == "__main__":

@@ -42,6 +42,17 @@ class Run(Planted):
         self.assert_fails(".ci/run", "tset", says="there is no step 'tset'; there are: format test")
         self.assertFalse((self.root / "out").exists())
 
+    def test_FailsWhenAStepDoesNothing(self):
+        self.replace(".ci/run", "step_demo() {", "step_demos() {")
+        self.assert_fails(".ci/run", "test", "demo", says="\n1 passed, 1 failed, 0 skipped\n")
+        self.replace(".ci/run", 'for script in "${scripts[@]}"', "for script in")
+        self.assert_fails(".ci/run", "checks", says="\nfailed: checks, which checked nothing\n")
+
+    def test_EveryCheckHasANameOfItsOwn(self):
+        _, said = self.run_in(".ci/run", "checks")
+        names = re.findall(r"^== (.*)$", said, re.M)
+        self.assertEqual(len(SCRIPTS), len(set(names)), names)
+
     def test_FailsWithoutTheRunBitOfACheck(self):
         for name in (SCRIPTS[0], SCRIPTS[-1]):
             with self.subTest(name):
