@@ -215,6 +215,9 @@ class Score:
         text = f"Targets: {self.met} of {self.targets} met."
         if self.near:
             text += f" {self.near} of those missed are missed by less than their rows spread."
+        unseen = sum(len(at_most) for at_most in TARGETS.values()) - self.targets
+        if unseen:
+            text += f" {unseen} more were not measured."
         return text
 
 
