@@ -176,7 +176,8 @@ class Objects(Planted):
     """What is read from objects and libraries."""
 
     def test_CallsOnNoListAreFound(self):
-        self.copy("tests/calls", "tests/System_faults_test.cpp", "tests/CmPortLinux_test.cpp")
+        self.copy("tests/calls", "tests/System_faults_test.cpp", "tests/CmBlockPool_start_test.cpp",
+                  "tests/CmPortLinux_test.cpp")
         self.write("good.cpp", "#include <unistd.h>\nint Good() { return getpid(); }\n")
         self.write("fault.cpp", "#include <unistd.h>\n#include <fcntl.h>\n"
                                 "int Fault() { return open(\"/\", 0); }\n")
