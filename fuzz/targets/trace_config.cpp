@@ -56,7 +56,14 @@ bool IsTrue(const std::string& aValue) {
 
 std::string ValueOf(const std::vector<kelto_test::ModelRecord>& aRecords, const std::string& aKey,
                     const std::string& aNone) {
-    return ModelFind(aRecords, SECTION, aKey, aNone).substr(0, VALUE_LENGTH);
+    std::string sValue = ModelFind(aRecords, SECTION, aKey, "").substr(0, VALUE_LENGTH);
+    if (sValue.empty()) {
+        return aNone;
+    }
+    if (sValue.back() == ';') {
+        sValue.pop_back();
+    }
+    return sValue;
 }
 
 // What a configuration says.

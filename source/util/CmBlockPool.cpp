@@ -272,7 +272,7 @@ CMagazine* TakeFull(unsigned aClass) {
 }
 
 void PutStray(unsigned aClass, void* aBlock) {
-    CStray* const pStray = ::new (aBlock) CStray{nullptr};
+    CStray* const pStray = new (aBlock) CStray{nullptr};
     CmStd::atomic<CStray*>& pHead = s_depots[aClass].m_pStrays;
     pStray->m_pNext = pHead.load(std::memory_order_relaxed);
     // Release, paired with the acquire in TakeStrays.
@@ -541,7 +541,7 @@ CThreadCache* MakeCache() {
     if (pMemory == nullptr) {
         return nullptr;
     }
-    CThreadCache* const pCache = ::new (static_cast<void*>(pMemory)) CThreadCache{};
+    CThreadCache* const pCache = new (static_cast<void*>(pMemory)) CThreadCache();
     if (g_cmSystem.pthread_setspecific(s_key, pCache) != 0) {
         PutEmpty(pCache);
         return nullptr;

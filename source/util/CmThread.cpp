@@ -34,7 +34,7 @@ bool MakeTimerQueue(ICmTimerQueue*& aQueue) {
 // and the handlers have taken time since.
 CCmTimeValue FireDueTimers(CCmTimerQueueBase& aQueue, CCmEventQueueSteps::CLoop& aLoop) {
     CCmTimeValue tvWait;
-    if (CM_LIKELY(aQueue.CheckExpire(&tvWait) <= 0)) {
+    if (CM_LIKELY(aQueue.CheckExpire(&tvWait) == 0)) {
         return tvWait;
     }
     aLoop.ForgetEnd();
