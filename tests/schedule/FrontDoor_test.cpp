@@ -81,7 +81,7 @@ TEST(ScheduledGuard, WaitsForTheOther_WhenACallableEndsIt) {
     });
 }
 
-TEST(ScheduledDelayedPost, RunsOrIsCancelled_AsTheResultSays) {
+TEST(ScheduledDelayedPost, RunsOrIsCancelledAsTheResultSays) {
     Explore([] {
         CCmWorker worker;
         CRuns runs;

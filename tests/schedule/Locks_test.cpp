@@ -32,7 +32,7 @@ class CPlace {
 
 }  // namespace
 
-TEST(ScheduledEvent, LetsOneThroughForASignal_WhetherItWaitsOrNot) {
+TEST(ScheduledEvent, LetsOneThroughForASignal_WhenItWaitsOrWhenNot) {
     Explore([] {
         CCmEventThread event;
         {

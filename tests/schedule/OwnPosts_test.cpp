@@ -71,7 +71,7 @@ void ExpectFired(int aCount) {
 
 }  // namespace
 
-TEST(ScheduledOwnPost, KeepsTheOrderOfPosting_AmongThePostsOfAnother) {
+TEST(ScheduledOwnPost, KeepsTheOrderOfPosting_WhenAnotherPostsAsWell) {
     Explore([] {
         ACmThread& worker = MakeWorker();
         ICmEventQueue& queue = *worker.GetEventQueue();

@@ -485,7 +485,6 @@ void SupplyThreads() {
         {"_pthread_getschedparam", Address(&GetScheduling)},
         {"_sched_get_priority_min", Address(&PriorityMin)},
         {"_sched_get_priority_max", Address(&PriorityMax)},
-        {"_sched_yield", Address(&sched_yield)},
         {"_pthread_threadid_np", Address(&ThreadId)},
         {"_pthread_key_create", Address(&KeyCreate)},
         {"_pthread_key_delete", Address(&KeyDelete)},
