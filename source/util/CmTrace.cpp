@@ -39,6 +39,9 @@ void set_util_external_trace_sink(UTIL_NS::UtilTraceSink aSink) {
 }
 
 void util_adapter_trace(unsigned long aLevel, const char* aText, unsigned int aLength) {
+    if (!UTIL_NS::CmTraceIsWanted(aLevel)) {
+        return;  // before the guard, which costs more than all the rest of a line that is dropped
+    }
     UTIL_NS::CCmTraceGuard guard;
     if (UTIL_NS::UtilTraceSink pfnSink = UTIL_NS::InstalledSink()) {
         pfnSink(aLevel, aText, aLength);
@@ -49,6 +52,9 @@ void util_adapter_trace(unsigned long aLevel, const char* aText, unsigned int aL
 
 void util_adapter_trace_ex(unsigned long aLevel, const char* aModule, const char* aText,
                            unsigned int aLength) {
+    if (!UTIL_NS::CmTraceIsWanted(aLevel)) {
+        return;  // before the guard, which costs more than all the rest of a line that is dropped
+    }
     UTIL_NS::CCmTraceGuard guard;
     if (UTIL_NS::UtilTraceSink pfnSink = UTIL_NS::InstalledSink()) {
         pfnSink(aLevel, aText, aLength);
