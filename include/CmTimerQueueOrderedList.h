@@ -12,10 +12,11 @@ namespace UTIL_NS {
 
 /// Cancelling and firing take the same time however many timers are pending. So does scheduling at
 /// either end of the list; a place in between is reached by a walk from the nearer end and, when
-/// 128 or more are pending, by a search whose time grows, on average, with the logarithm of how many
-/// different times there are. Of timers due at the same time, the one scheduled or re-armed last
-/// fires first. The queue keeps the memory of as many timers as were ever pending at a time, so that
-/// it allocates nothing in its steady state; for want of memory the search falls back to a walk.
+/// 128 or more are pending, by a search whose time grows, on average, with the logarithm of how
+/// many different times there are. Of timers due at the same time, the one scheduled or re-armed
+/// last fires first. The queue keeps the memory of as many timers as were ever pending at a time,
+/// so that it allocates nothing in its steady state; for want of memory the search falls back to a
+/// walk.
 ///
 /// What finds handlers and places is kept beside the list. A derived class therefore changes the
 /// pending timers through the primitives below alone, or overrides all five of them and keeps its
