@@ -32,7 +32,7 @@ FOREIGN = set("""
 def project_files():
     for path in sorted(ROOT.rglob("*")):
         parts = path.relative_to(ROOT).parts
-        if parts[0] not in ("out", ".git") and path.suffix != ".abi" and "corpus" not in parts \
+        if parts[0] not in ("out", ".git") and path.suffix != ".gz" and "corpus" not in parts \
                 and path.is_file() and path.name != "CHANGELOG.md":
             yield path
 
