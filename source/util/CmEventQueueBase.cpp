@@ -992,6 +992,13 @@ void CCmEventQueueSteps::CLoop::RunEventsUntil(const long long* aDeadlineNsec, D
     if (m_nOwnCore != -1 && aDeadlineNsec == nullptr) {
         AwaitSender();
     }
+    long long llTend = 0;
+    if (CM_UNLIKELY(TendMemory())) {
+        llTend = CmLaterNsec(CmMonotonicNsec(), CCmTimeValue(CCmBlockPool::TEND_SEC));
+        if (aDeadlineNsec == nullptr || *aDeadlineNsec > llTend) {
+            aDeadlineNsec = &llTend;
+        }
+    }
     std::list<ICmEvent*> events;
     if (CM_SUCCEEDED(PopOrWaitUntil(events, aDeadlineNsec, aMaxCount))) {
         RunTaken(events, &aStop);

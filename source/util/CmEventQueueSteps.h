@@ -62,8 +62,6 @@ class CCmEventQueueSteps::CLoop {
 
     // Something else than events has taken time: a timer has fired.
     void ForgetEnd() { m_bGoesOn = false; }
-    // CCmBlockPool::Tend, which may take its time.
-    bool TendMemory();
     // Waits while nothing is pending, at most aTimeout (null: no limit), and runs at most aMaxCount
     // events. May return without one before that, to look after the memory of those that have run.
     void RunEvents(CCmTimeValue* aTimeout, DWORD aMaxCount);
@@ -79,6 +77,8 @@ class CCmEventQueueSteps::CLoop {
     friend class CCmEventQueueUsingConditionVariable;
 
     auto& QueueState() const;
+    // CCmBlockPool::Tend, which may take its time.
+    bool TendMemory();
     void AwaitSender();
     CmResult PopOrWaitUntil(std::list<ICmEvent*>& aEvents, const long long* aDeadlineNsec,
                             DWORD aMaxCount);

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 
-#include "CmBlockPool.h"
 #include "CmCancel.h"
 #include "CmEventQueueSteps.h"
 #include "CmSystem.h"
@@ -130,10 +129,9 @@ class CCmWorkerThread final : public CCmThreadTask {
     void RunOnePass(CCmEventQueueSteps::CLoop& aLoop) {
         CCmTimeValue tvWait = CCmTimeValue::s_tvMax;
         auto* pTimers = static_cast<CCmTimerQueueBase*>(m_pTimerQueue);
-        if (pTimers->GetEarliestTime() != CCmTimeValue::s_tvMax) {
-            if (pTimers->CheckExpire(&tvWait) > 0) {
-                aLoop.ForgetEnd();
-            }
+        if (pTimers->GetEarliestTime() != CCmTimeValue::s_tvMax &&
+            pTimers->CheckExpire(&tvWait) > 0) {
+            aLoop.ForgetEnd();
         }
         bool bFired = false;
         long long llDeadline = m_pTimedCalls->FireDue(&bFired);
@@ -145,10 +143,6 @@ class CCmWorkerThread final : public CCmThreadTask {
         }
         if (tvWait != CCmTimeValue::s_tvMax) {
             llDeadline = std::min(llDeadline, CmLaterNsec(CmMonotonicNsec(), tvWait));
-        }
-        if (CM_UNLIKELY(aLoop.TendMemory())) {
-            llDeadline = std::min(
-                llDeadline, CmLaterNsec(CmMonotonicNsec(), CCmTimeValue(CCmBlockPool::TEND_SEC)));
         }
         aLoop.RunEventsUntil(llDeadline == CM_NEVER_NSEC ? nullptr : &llDeadline, EVENTS_PER_PASS,
                              m_bStopsNow);
