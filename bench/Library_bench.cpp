@@ -137,7 +137,8 @@ const bool s_bAdded = [] {
     AddLoadRows("libACE-7.0.8", "ACE");
     AddLoadRows("libspdlog", "spdlog");
     AddCompileRow(OURS, {"kelto_util.h"});
-    AddCompileRow("floor: headers string, functional and memory", {"string", "functional", "memory"});
+    AddCompileRow("floor: headers string, functional and memory",
+                  {"string", "functional", "memory"});
 #if KELTO_WITH_BOOST
     AddCompileRow("Asio", {"boost/asio.hpp"});
 #endif
