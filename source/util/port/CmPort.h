@@ -117,6 +117,12 @@ void CmPortPreciseWaits();
 // leaks or of uninitialised memory.
 bool CmPortHasSanitizer();
 
+// The name of the class whose objects begin with the address aTable, of their virtual functions, as
+// the compiler writes it (mangled); null when it was built without type information. The name lives
+// as long as the module that has the class. What is known here of the C++ ABI is known nowhere
+// else.
+const char* CmPortClassName(const void* aTable);
+
 // A counting semaphore: as sem_init, sem_destroy, sem_wait and sem_post, 0 or -1 with errno set.
 // The units call them through g_cmSystem. CmConditionSemaphore.h serves where the system has no
 // unnamed semaphores.

@@ -2,6 +2,7 @@
 #include <dlfcn.h>
 
 #include <cstring>
+#include <typeinfo>
 
 #include "CmPort.h"
 #include "CmSystem.h"
@@ -26,6 +27,12 @@ bool CmPortModulePath(char* aBuffer, size_t aSize) {
     }
     std::memcpy(aBuffer, info.dli_fname, nSize);
     return true;
+}
+
+// The word in front of the virtual functions is the address of the type information.
+const char* CmPortClassName(const void* aTable) {
+    const std::type_info* const pType = static_cast<const std::type_info* const*>(aTable)[-1];
+    return pType == nullptr ? nullptr : pType->name();
 }
 
 }  // namespace UTIL_NS
