@@ -109,6 +109,19 @@ int CmPortConditionWaitUntil(pthread_cond_t* aCondition, pthread_mutex_t* aMutex
 // bytes on Linux, 63 on macOS) is cut.
 void CmPortNameThisThread(const char* aName);
 
+// Reads that name, terminated and cut at aSize bytes; empty when it has none or cannot be had.
+void CmPortNameOfThisThread(char* aName, size_t aSize);
+
+// The name that the compiler gave the class with this table of virtual functions, for
+// CmPortReadableClassName; null where the class was compiled without run-time type information. By
+// the C++ ABI that both platforms share, the word in front of the table is the address of that
+// information.
+const char* CmPortClassName(const void* aTable);
+
+// That name as people write it, terminated and cut at aSize bytes; as it is when there is no
+// memory.
+void CmPortReadableClassName(const char* aName, char* aText, size_t aSize);
+
 // Lets timed waits of the calling thread end as early as the platform can; Linux rounds them by
 // 50 us otherwise. Nothing to do on macOS.
 void CmPortPreciseWaits();
