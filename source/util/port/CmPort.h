@@ -109,6 +109,19 @@ int CmPortConditionWaitUntil(pthread_cond_t* aCondition, pthread_mutex_t* aMutex
 // bytes on Linux, 63 on macOS) is cut.
 void CmPortNameThisThread(const char* aName);
 
+// Reads that name, terminated and cut at aSize bytes; empty when it has none or cannot be had.
+void CmPortNameOfThisThread(char* aName, size_t aSize);
+
+// The name that the compiler gave the class with this table of virtual functions, for
+// CmPortReadableClassName; null where the class was compiled without run-time type information. By
+// the C++ ABI that both platforms share, the word in front of the table is the address of that
+// information. The name lives as long as the module that has the class.
+const char* CmPortClassName(const void* aTable);
+
+// That name as people write it, terminated and cut at aSize bytes; as it is when there is no
+// memory.
+void CmPortReadableClassName(const char* aName, char* aText, size_t aSize);
+
 // Lets timed waits of the calling thread end as early as the platform can; Linux rounds them by
 // 50 us otherwise. Nothing to do on macOS.
 void CmPortPreciseWaits();
@@ -116,12 +129,6 @@ void CmPortPreciseWaits();
 // Whether a sanitizer that watches memory is in the program: that of addresses, of threads, of
 // leaks or of uninitialised memory.
 bool CmPortHasSanitizer();
-
-// The name of the class whose objects begin with the address aTable, of their virtual functions, as
-// the compiler writes it (mangled); null when it was built without type information. The name lives
-// as long as the module that has the class. What is known here of the C++ ABI is known nowhere
-// else.
-const char* CmPortClassName(const void* aTable);
 
 // A counting semaphore: as sem_init, sem_destroy, sem_wait and sem_post, 0 or -1 with errno set.
 // The units call them through g_cmSystem. CmConditionSemaphore.h serves where the system has no

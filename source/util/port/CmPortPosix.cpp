@@ -1,6 +1,9 @@
 // The part of CmPort.h that is the same on all platforms of today.
+#include <cxxabi.h>
 #include <dlfcn.h>
 
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <typeinfo>
 
@@ -29,10 +32,23 @@ bool CmPortModulePath(char* aBuffer, size_t aSize) {
     return true;
 }
 
+void CmPortNameOfThisThread(char* aName, size_t aSize) {
+    if (pthread_getname_np(pthread_self(), aName, aSize) != 0) {
+        aName[0] = '\0';
+    }
+}
+
 // The word in front of the virtual functions is the address of the type information.
 const char* CmPortClassName(const void* aTable) {
-    const std::type_info* const pType = static_cast<const std::type_info* const*>(aTable)[-1];
-    return pType == nullptr ? nullptr : pType->name();
+    const auto* const pType = static_cast<const std::type_info* const*>(aTable)[-1];
+    return pType != nullptr ? pType->name() : nullptr;
+}
+
+void CmPortReadableClassName(const char* aName, char* aText, size_t aSize) {
+    int nStatus = 0;
+    char* const pszReadable = abi::__cxa_demangle(aName, nullptr, nullptr, &nStatus);
+    std::snprintf(aText, aSize, "%s", pszReadable != nullptr ? pszReadable : aName);
+    std::free(pszReadable);
 }
 
 }  // namespace UTIL_NS
