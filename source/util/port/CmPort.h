@@ -116,7 +116,7 @@ void CmPortNameOfThisThread(char* aName, size_t aSize);
 // The name that the compiler gave the class with this table of virtual functions, for
 // CmPortReadableClassName; null where the class was compiled without run-time type information. By
 // the C++ ABI that both platforms share, the word in front of the table is the address of that
-// information.
+// information. The name lives as long as the module that has the class.
 const char* CmPortClassName(const void* aTable);
 
 // That name as people write it, terminated and cut at aSize bytes; as it is when there is no
