@@ -542,7 +542,7 @@ TEST(CCmWatch, TellsHowLongAWorkerSleeps) {
     const uint64_t ullAsleep = FiguresOf(worker).m_ullAsleep;
     EXPECT_LE(ullBefore + 40000, ullAsleep);
     CmCall(worker, TakeLong);
-    const CCmWorkerFigures figures = FiguresOf(worker);
+    const CCmWorkerFigures figures = FiguresAtRest(worker);
     EXPECT_LE(60000U, figures.m_ullInEvents);
 }
 

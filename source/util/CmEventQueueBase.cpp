@@ -532,6 +532,7 @@ void CCmEventQueueSteps::CPass::RunWatched(ICmEvent* aEvent) {
     const bool bCounts = !seen.m_bIsWayBack && m_pWatched->IsOwnOf(m_dwStart);
     CCmWatchedThread& thread = *m_Run.Thread();
     const long long llStart = CmUsecOf(m_tvStart);
+    m_Run.SetCurrent(seen.m_pTable, llStart);
     long long llWaited = -1;
     if (m_pWatched->m_dwTaken.Get() != 0) {
         m_pWatched->m_dwTaken.Set(m_pWatched->m_dwTaken.Get() - 1);
@@ -545,7 +546,6 @@ void CCmEventQueueSteps::CPass::RunWatched(ICmEvent* aEvent) {
             thread.m_Waited.Add(llWaited);
         }
     }
-    m_Run.SetCurrent(seen.m_pTable, llStart);
     const CCmTimeValue tvElapsed = FireAndEnd(aEvent);
     const long long llRan = CmUsecOf(tvElapsed);
     if (bCounts) {

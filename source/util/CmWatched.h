@@ -4,9 +4,11 @@
 // queue, while the watch is on. The registry lists them. Its lock is taken where a thread or a
 // queue begins or ends and by those who read; no event, timer or post waits for it.
 //
-// A figure is written by one thread at a time, with relaxed loads and stores: readers see each as
-// it was a moment ago, and nothing is handed over with it. Every start of the watch has a number.
-// What was counted for an earlier one counts as 0, until its writer comes by and clears it.
+// A figure is written by one thread at a time, with plain loads and stores; readers see each as it
+// was a moment ago. They are stored with release and read with acquire, which costs nothing on
+// x86-64: who sees that an event has begun sees what it is, and who sees then that nothing runs
+// sees all that was counted of it. Every start of the watch has a number. What was counted for an
+// earlier one counts as 0, until its writer comes by and clears it.
 #ifndef CM_WATCHED_H
 #define CM_WATCHED_H
 
@@ -53,8 +55,8 @@ void CmClassText(const void* aTable, char* aText, size_t aSize);
 template <class ValueType>
 class CCmWatchedT {
   public:
-    ValueType Get() const { return m_Value.load(std::memory_order_relaxed); }
-    void Set(ValueType aValue) { m_Value.store(aValue, std::memory_order_relaxed); }
+    ValueType Get() const { return m_Value.load(std::memory_order_acquire); }
+    void Set(ValueType aValue) { m_Value.store(aValue, std::memory_order_release); }
     void Add(ValueType aValue) { Set(static_cast<ValueType>(Get() + aValue)); }
     bool Raise(ValueType aValue) {
         if (CM_LIKELY(aValue <= Get())) {
