@@ -109,6 +109,11 @@ int CmPortConditionWaitUntil(pthread_cond_t* aCondition, pthread_mutex_t* aMutex
 // bytes on Linux, 63 on macOS) is cut.
 void CmPortNameThisThread(const char* aName);
 
+// The name of a thread that is alive, empty where it has none or the platform cannot tell; cut to
+// aSize bytes (at least 1), terminator included. Linux reads a file for threads other than the
+// calling one.
+void CmPortNameOfThread(pthread_t aThread, char* aName, size_t aSize);
+
 // Lets timed waits of the calling thread end as early as the platform can; Linux rounds them by
 // 50 us otherwise. Nothing to do on macOS.
 void CmPortPreciseWaits();

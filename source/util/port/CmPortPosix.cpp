@@ -28,4 +28,10 @@ bool CmPortModulePath(char* aBuffer, size_t aSize) {
     return true;
 }
 
+void CmPortNameOfThread(pthread_t aThread, char* aName, size_t aSize) {
+    if (pthread_getname_np(aThread, aName, aSize) != 0) {
+        aName[0] = '\0';
+    }
+}
+
 }  // namespace UTIL_NS
