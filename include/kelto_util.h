@@ -44,6 +44,7 @@
 #include "CmUtilMisc.h"
 #include "CmUtilTemplates.h"
 #include "CmVersion.h"
+#include "CmWatch.h"
 #include "CmWorker.h"
 #include "CmXml.h"
 

@@ -19,6 +19,7 @@
 #include "CmEventQueueBase.h"
 #include "CmHttpUrl.h"
 #include "CmLifeGuard.h"
+#include "CmLogStream.h"
 #include "CmMessageBlock.h"
 #include "CmResolver.h"
 #include "CmStrict.h"
@@ -390,6 +391,59 @@ bool LiveAsThread() {
     return rv == CM_OK;
 }
 
+// What is left of a text is delivered.
+bool StreamTexts() {
+    static const std::string TEXT(600, 'a');
+    bool bDone = false;
+    {
+        ccu::logstream<char> stream(9, "module");
+        stream << TEXT << 5;
+        stream << TEXT;
+        bDone = stream.good();
+    }
+    ccu::YrktraStreamA text(9);
+    for (int i = 0; i < 3; ++i) {
+        text.writestringa(TEXT.c_str());
+    }
+    text.flusha("module");
+    return bDone;
+}
+
+class CEndedAnswer : public ACmResolution {
+  public:
+    explicit CEndedAnswer(int& aEnded) : m_nEnded(aEnded) {}
+    ~CEndedAnswer() override { ++m_nEnded; }
+    void OnResolved() override { EXPECT_TRUE(IsOkOrOutOfMemory(result())); }
+
+  private:
+    int& m_nEnded;
+};
+
+// An address is its own answer. Names take other threads: see CmResolver_test.
+bool ResolveAddresses() {
+    int nAnswers = 0;
+    int nEnded = 0;
+    int nGood = 0;
+    {
+        CCmEventQueueUsingMutex queue;
+        CCmResolver resolver;
+        for (const char* pszAddress : {"192.0.2.7", "2001:db8::7", "[::1]"}) {
+            auto* const pAnswer = new (std::nothrow) CEndedAnswer(nEnded);
+            if (pAnswer == nullptr) {
+                continue;
+            }
+            ++nAnswers;
+            const CmResult rv = resolver.Resolve(pszAddress, &queue, pAnswer, CCmTimeValue(60));
+            nGood += rv == CM_OK ? 1 : 0;
+        }
+        std::list<ICmEvent*> events;
+        queue.PopPendingEventsLocked(events);
+        queue.ProcessTakenEvents(events);
+    }
+    EXPECT_EQ(nAnswers, nEnded);
+    return nGood == 2;
+}
+
 struct Operation {
     const char* name;
     std::function<bool()> run;
@@ -409,6 +463,8 @@ std::vector<Operation> Operations(const std::string& aHome) {
         {"configuration", [sProfile] { return ReadConfiguration(sProfile); }},
         {"strict parsers", ComposeStrictly},
         {"trace file", [sTrace] { return WriteTraceFile(sTrace); }},
+        {"log stream", StreamTexts},
+        {"resolver", ResolveAddresses},
         {"thread", LiveAsThread},
         {"post, no lock", [] { return PostAndRun<CCmEventQueueBase>(EVENTS); }},
         {"post, mutex", [] { return PostAndRun<CCmEventQueueUsingMutex>(EVENTS); }},

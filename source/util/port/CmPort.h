@@ -109,10 +109,21 @@ int CmPortConditionWaitUntil(pthread_cond_t* aCondition, pthread_mutex_t* aMutex
 // bytes on Linux, 63 on macOS) is cut.
 void CmPortNameThisThread(const char* aName);
 
-// The name of a thread that is alive, empty where it has none or the platform cannot tell; cut to
-// aSize bytes (at least 1), terminator included. Linux reads a file for threads other than the
-// calling one.
+// Reads that name, terminated and cut at aSize bytes; empty when it has none or cannot be had.
+void CmPortNameOfThisThread(char* aName, size_t aSize);
+
+// The same of any thread that is alive; Linux reads a file for that.
 void CmPortNameOfThread(pthread_t aThread, char* aName, size_t aSize);
+
+// The name that the compiler gave the class with this table of virtual functions, for
+// CmPortReadableClassName; null where the class was compiled without run-time type information. By
+// the C++ ABI that both platforms share, the word in front of the table is the address of that
+// information. The name lives as long as the module that has the class.
+const char* CmPortClassName(const void* aTable);
+
+// That name as people write it, terminated and cut at aSize bytes; as it is when there is no
+// memory.
+void CmPortReadableClassName(const char* aName, char* aText, size_t aSize);
 
 // Lets timed waits of the calling thread end as early as the platform can; Linux rounds them by
 // 50 us otherwise. Nothing to do on macOS.

@@ -1,7 +1,11 @@
 // The part of CmPort.h that is the same on all platforms of today.
+#include <cxxabi.h>
 #include <dlfcn.h>
 
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <typeinfo>
 
 #include "CmPort.h"
 #include "CmSystem.h"
@@ -32,6 +36,23 @@ void CmPortNameOfThread(pthread_t aThread, char* aName, size_t aSize) {
     if (pthread_getname_np(aThread, aName, aSize) != 0) {
         aName[0] = '\0';
     }
+}
+
+void CmPortNameOfThisThread(char* aName, size_t aSize) {
+    CmPortNameOfThread(pthread_self(), aName, aSize);
+}
+
+// The word in front of the virtual functions is the address of the type information.
+const char* CmPortClassName(const void* aTable) {
+    const auto* const pType = static_cast<const std::type_info* const*>(aTable)[-1];
+    return pType != nullptr ? pType->name() : nullptr;
+}
+
+void CmPortReadableClassName(const char* aName, char* aText, size_t aSize) {
+    int nStatus = 0;
+    char* const pszReadable = abi::__cxa_demangle(aName, nullptr, nullptr, &nStatus);
+    std::snprintf(aText, aSize, "%s", pszReadable != nullptr ? pszReadable : aName);
+    std::free(pszReadable);
 }
 
 }  // namespace UTIL_NS

@@ -1,0 +1,165 @@
+/// What the workers of a host do, while it runs: how much each has run, how long events wait, what
+/// took longest, and what a slow event was. Off unless it is asked for.
+///
+///     CCmWatch::Start();                             // or [Watch] Enable=1 in the profile
+///     CCmWorkerFigures figures[32];
+///     size_t nWorkers = 0;
+///     CCmWatch::Read(figures, 32, nWorkers);         // from any thread; stops nobody
+///
+/// docs/watch.md tells what each figure means, what the watch writes and what it costs.
+/// \file
+#ifndef CM_WATCH_H
+#define CM_WATCH_H
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+#include "CmBase.h"
+
+namespace UTIL_NS {
+
+/// How the watch is to be. Each of the set functions can be left out. In brackets: the key of the
+/// section [Watch] in the profile that says the same.
+class CCmWatchOptions {
+  public:
+    /// The longest directory, with its terminator.
+    static constexpr size_t DIRECTORY_SIZE = 1024;
+
+    /// Whether a file keeps what the threads did last, also when the process is killed [Record];
+    /// yes by default. Where no file can be made, the watch goes on without one.
+    CCmWatchOptions& Record(bool aRecord) {
+        m_bRecord = aRecord;
+        return *this;
+    }
+    /// How many units of 32 bytes are kept of each thread [Records]: a power of two, 256 to 65536;
+    /// 2048 by default.
+    CCmWatchOptions& Records(DWORD aRecords) {
+        Require(aRecords >= 256 && aRecords <= 65536 && (aRecords & (aRecords - 1)) == 0);
+        m_dwRecords = aRecords;
+        return *this;
+    }
+    /// Of how many threads records are kept [Threads]: 4 to 1024; 64 by default. A thread beyond
+    /// them has figures, but no records.
+    CCmWatchOptions& Threads(DWORD aThreads) {
+        Require(aThreads >= 4 && aThreads <= 1024);
+        m_dwThreads = aThreads;
+        return *this;
+    }
+    /// Whether trace lines are among the records, those of filtered levels, too [Lines]; yes by
+    /// default.
+    CCmWatchOptions& Lines(bool aLines) {
+        m_bLines = aLines;
+        return *this;
+    }
+    /// A synchronous send that has blocked for this many milliseconds is reported once [LongSend];
+    /// 1000 by default, 0: never.
+    CCmWatchOptions& LongSend(DWORD aMsec) {
+        m_dwLongSendMsec = aMsec;
+        return *this;
+    }
+    /// Where the file is made [Directory]; null or empty: the user's own runtime directory.
+    CCmWatchOptions& Directory(const char* aDirectory) {
+        const char* const pszDirectory = aDirectory != nullptr ? aDirectory : "";
+        Require(std::strlen(pszDirectory) < sizeof(m_szDirectory));
+        std::memset(m_szDirectory, 0, sizeof(m_szDirectory));
+        std::strncpy(m_szDirectory, pszDirectory, sizeof(m_szDirectory) - 1);
+        return *this;
+    }
+
+    /// CM_OK; CM_ERROR_INVALID_ARG: one of the above is out of its range, so that the watch would
+    /// not start.
+    CmResult Result() const { return m_Result; }
+    /// As given to Record.
+    bool HasRecord() const { return m_bRecord; }
+    /// As given to Records.
+    DWORD GetRecords() const { return m_dwRecords; }
+    /// As given to Threads.
+    DWORD GetThreads() const { return m_dwThreads; }
+    /// As given to Lines.
+    bool HasLines() const { return m_bLines; }
+    /// As given to LongSend.
+    DWORD GetLongSend() const { return m_dwLongSendMsec; }
+    /// As given to Directory; never null.
+    const char* GetDirectory() const { return m_szDirectory; }
+
+  private:
+    void Require(bool aIsInRange) {
+        if (!aIsInRange) {
+            m_Result = CM_ERROR_INVALID_ARG;
+        }
+    }
+
+    char m_szDirectory[DIRECTORY_SIZE] = {};
+    CmResult m_Result = CM_OK;
+    DWORD m_dwRecords = 2048;
+    DWORD m_dwThreads = 64;
+    DWORD m_dwLongSendMsec = 1000;
+    bool m_bRecord = true;
+    bool m_bLines = true;
+    uint64_t m_ullReserved[8] = {};  // for later versions
+};
+
+/// How long something took, each time: microseconds. The three in the middle are at most a quarter
+/// too high, since they are the upper end of a range of lengths; the longest is exact.
+struct CCmWatchDistribution {
+    uint64_t m_ullCount = 0;    ///< how many times
+    uint64_t m_ullMedian = 0;   ///< half of them took no longer
+    uint64_t m_ull99 = 0;       ///< 99 of 100 took no longer
+    uint64_t m_ull999 = 0;      ///< 999 of 1000 took no longer
+    uint64_t m_ullLongest = 0;  ///< the longest
+};
+
+/// What one worker has done since the watch was started: a thread with an event queue, and all
+/// queues that it runs. Times are microseconds of the wall clock. While nobody posts and nothing
+/// runs, m_ullPosted is the sum of m_ullRun, m_ullUnfired and m_ullPending; what was pending when
+/// the watch was started counts as posted then. A synchronous send is one event; one that a thread
+/// makes to itself runs within another event and is none.
+struct CCmWorkerFigures {
+    /// A class name's longest part that is kept, with its terminator.
+    static constexpr size_t CLASS_SIZE = 160;
+    /// A thread name's, too.
+    static constexpr size_t NAME_SIZE = 64;
+
+    char m_szName[NAME_SIZE] = {};  ///< the thread's, as the system knows it; may be empty
+    uint64_t m_ullThread = 0;   ///< its pthread_t as a number; 0: not known yet, or it has ended
+    uint64_t m_ullPosted = 0;   ///< events accepted by the queues
+    uint64_t m_ullRun = 0;      ///< events begun
+    uint64_t m_ullRefused = 0;  ///< events that a post has refused and ended
+    uint64_t m_ullUnfired = 0;  ///< events ended without having run, after they were pending
+    uint64_t m_ullPending = 0;  ///< events that are pending now
+    uint64_t m_ullMostPending = 0;  ///< the most that were
+    uint64_t m_ullAsleep = 0;       ///< time that the thread has waited for events
+    uint64_t m_ullInEvents = 0;     ///< time in events
+    uint64_t m_ullInTimers = 0;     ///< time in handlers of timers
+    uint64_t m_ullTimersFired = 0;  ///< calls of timer handlers and of delayed posts
+    CCmWatchDistribution m_Run;     ///< how long events ran
+    CCmWatchDistribution m_Waited;  ///< how long events waited; a sample: see docs/watch.md
+    CCmWatchDistribution m_Late;    ///< how late timers fired
+    CCmWatchDistribution m_Sends;   ///< synchronous sends of this thread, and how long they blocked
+    char m_szLongestClass[CLASS_SIZE] = {};  ///< the class of the longest event; empty: none yet
+    char m_szCurrentClass[CLASS_SIZE] = {};  ///< what runs now: the class; empty: nothing
+    uint64_t m_ullCurrent = 0;               ///< and for how long
+    uint64_t m_ullReserved[16] = {};         ///< 0; for later versions
+};
+
+/// The watch of this process. Any thread; nothing throws.
+class CM_UTIL_EXPORT CCmWatch {
+  public:
+    /// Turns it on, with all figures at 0. CM_OK; CM_ERROR_INVALID_ARG: that of the options;
+    /// CM_ERROR_ALREADY_INITIALIZED: it is on; CM_ERROR_OUT_OF_MEMORY.
+    static CmResult Start(const CCmWatchOptions& aOptions = CCmWatchOptions());
+    /// Turns it off; the figures keep their last values, and Read still gives them. CM_OK, also
+    /// when it was off.
+    static CmResult Stop();
+    /// Whether it is on.
+    static bool IsOn();
+    /// Copies the figures of up to aRoom workers to aFigures, in the order in which they began, and
+    /// sets aCount to the number of all workers, which may be more. Takes no lock that an event, a
+    /// timer or a post takes. aFigures may be null when aRoom is 0. CM_OK; CM_ERROR_INVALID_ARG.
+    static CmResult Read(CCmWorkerFigures* aFigures, size_t aRoom, size_t& aCount);
+};
+
+}  // namespace UTIL_NS
+
+#endif  // CM_WATCH_H
