@@ -69,10 +69,19 @@ class CCmFlightRing {
     void Put(uint64_t aHead, uint64_t aFirst, uint64_t aSecond, uint64_t aThird);
     void PutText(const char* aText, size_t aLength);
 
+    // Reads unit aNumber, which the ring's thread may be about to overwrite: false then.
+    bool Read(uint64_t aNumber, CCmFlightUnit& aUnit) const;
+    // FindPost with the number of the unit; aTable: null for any.
+    bool Find(const void* aEvent, const void* aTable, long long aNotAfterUsec, long long& aUsec,
+              uint64_t& aNumber) const;
+    // The name in the last THREAD before unit aNumber; empty when it has been overwritten.
+    void FindName(uint64_t aNumber, char (&aName)[CM_FLIGHT_NAME_SIZE]) const;
+
     CCmFlightSlot* m_pSlot = nullptr;
     CCmFlightUnit* m_pUnits = nullptr;
-    uint64_t m_ullMask = 0;     // units - 1
-    uint64_t m_ullWritten = 0;  // the slot's, which nobody is trusted to have left alone
+    uint64_t m_ullMask = 0;  // units - 1
+    // The slot's, which lies in a file that others can write to.
+    uint64_t m_ullWritten = 0;
     // The tables that this thread knows to be in the class table, by PlaceOf.
     const void* m_pKnown[KNOWN_TABLES] = {};
 };
@@ -108,17 +117,22 @@ class CCmFlight {
     // Every 250 ms: stores the times in the file's header, and says once, by a line, when somebody
     // has cut the file, since when there is none.
     static void Tick(long long aWallUsec, long long aMonotonicUsec);
+
+  private:
+    struct CState;
 };
 
-// Single writer; the words are released one by one, so that FindPost, which acquires them, sees in
+// Single writer; the words are released one by one, so that Read, which acquires them, sees in
 // m_ullWritten what the thread may have overwritten. On x86-64 that is a plain store.
 inline void CCmFlightRing::Put(uint64_t aHead, uint64_t aFirst, uint64_t aSecond, uint64_t aThird) {
-    CCmFlightUnit& unit = m_pUnits[m_ullWritten & m_ullMask];
+    const uint64_t ullWritten = __atomic_load_n(&m_ullWritten, __ATOMIC_RELAXED);
+    CCmFlightUnit& unit = m_pUnits[ullWritten & m_ullMask];
     __atomic_store_n(&unit.m_ullHead, aHead, __ATOMIC_RELEASE);
     __atomic_store_n(&unit.m_ullWords[0], aFirst, __ATOMIC_RELEASE);
     __atomic_store_n(&unit.m_ullWords[1], aSecond, __ATOMIC_RELEASE);
     __atomic_store_n(&unit.m_ullWords[2], aThird, __ATOMIC_RELEASE);
-    __atomic_store_n(&m_pSlot->m_ullWritten, ++m_ullWritten, __ATOMIC_RELEASE);
+    __atomic_store_n(&m_ullWritten, ullWritten + 1, __ATOMIC_RELEASE);
+    __atomic_store_n(&m_pSlot->m_ullWritten, ullWritten + 1, __ATOMIC_RELEASE);
 }
 
 // A length is negative when the clock was set back meanwhile.
@@ -171,7 +185,9 @@ inline void CCmFlightRing::Step(long long aUsec, long long aByUsec) {
 
 // The class is released after its start: who acquires it finds that start or a later one.
 inline void CCmFlightRing::Current(const void* aTable, long long aStartUsec) {
-    EnsureClass(aTable);
+    if (aTable != nullptr) {
+        EnsureClass(aTable);
+    }
     __atomic_store_n(&m_pSlot->m_ullCurrentStart, static_cast<uint64_t>(aStartUsec),
                      __ATOMIC_RELAXED);
     __atomic_store_n(&m_pSlot->m_ullCurrentTable, CmFlightAddress(aTable), __ATOMIC_RELEASE);

@@ -1,6 +1,7 @@
 #include "CmSystem.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
@@ -26,6 +27,10 @@ int Ioctl(int aFile, unsigned long aRequest, void* aArgument) {
 
 int Open(const char* aPath, int aFlags, mode_t aMode) {
     return ::open(aPath, aFlags, aMode);
+}
+
+int OpenAt(int aDirectory, const char* aPath, int aFlags, mode_t aMode) {
+    return ::openat(aDirectory, aPath, aFlags, aMode);
 }
 
 // In some C libraries fstat is only an inline function.
@@ -107,6 +112,12 @@ CCmSystemTable g_cmSystem = {
     ::mprotect,
     ::pthread_key_create,
     ::pthread_setspecific,
+    ::pthread_atfork,
+    OpenAt,
+    ::unlinkat,
+    ::flock,
+    CmPortAllocateFile,
+    ::fdopendir,
 };
 
 }  // namespace UTIL_NS

@@ -8,6 +8,7 @@
 #ifndef CM_SYSTEM_H
 #define CM_SYSTEM_H
 
+#include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <net/if.h>
@@ -105,6 +106,12 @@ struct CCmSystemTable {
     int (*mprotect)(void*, size_t, int);
     int (*pthread_key_create)(pthread_key_t*, void (*)(void*));
     int (*pthread_setspecific)(pthread_key_t, const void*);
+    int (*pthread_atfork)(void (*)(), void (*)(), void (*)());
+    int (*openat)(int, const char*, int, mode_t);
+    int (*unlinkat)(int, const char*, int);
+    int (*flock)(int, int);
+    int (*posix_fallocate)(int, off_t, off_t);  // see CmPortAllocateFile
+    DIR* (*fdopendir)(int);
 };
 extern CCmSystemTable g_cmSystem;
 

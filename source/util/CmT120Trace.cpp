@@ -17,6 +17,7 @@
 #include "CmTimeValue.h"
 #include "CmTraceFacility.h"
 #include "CmTraceGuard.h"
+#include "CmTraceTap.h"
 #include "port/CmPort.h"
 
 namespace UTIL_NS {
@@ -198,7 +199,8 @@ CCmT120Trace* CCmT120Trace::instance() {
 
 bool CCmT120Trace::is_wanted(unsigned long aLevel) {
     const CCmT120Trace* pFacility = t120_trace.load(std::memory_order_acquire);
-    return pFacility == nullptr || CTraceState::PassingFunction(*pFacility, aLevel) != nullptr;
+    return pFacility == nullptr || CmInstalledTraceTap() != nullptr ||
+           CTraceState::PassingFunction(*pFacility, aLevel) != nullptr;
 }
 
 // Its mutex needs no system call, so the construction has nothing to trace.
@@ -425,8 +427,13 @@ void CCmT120Trace::trace_string(unsigned long aLevel, char* aText) {
 }
 
 void CCmT120Trace::trace_string(unsigned long aLevel, const char* /*aModule*/, char* aText) {
-    if (LevelFunction pfnLevel = CTraceState::PassingFunction(*this, aLevel)) {
+    const LevelFunction pfnLevel = CTraceState::PassingFunction(*this, aLevel);
+    if (pfnLevel != nullptr) {
         pfnLevel(DELIVERED_MODULE, "%s", aText);
+    }
+    const CmTraceTap pfnTap = CmInstalledTraceTap();
+    if (CM_UNLIKELY(pfnTap != nullptr)) {
+        pfnTap(aLevel, pfnLevel == nullptr, aText, std::strlen(aText));
     }
 }
 

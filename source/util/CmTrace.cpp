@@ -2,6 +2,7 @@
 
 #include "CmTraceGuard.h"
 #include "CmTraceLine.h"
+#include "CmTraceTap.h"
 
 namespace UTIL_NS {
 
@@ -18,6 +19,15 @@ UtilTraceSink InstalledSink() {
 // The facility takes text that is not const and leaves it as it is.
 char* TextForFacility(const char* aText) {
     return const_cast<char*>(aText);
+}
+
+// The facility does the same for the lines that it gets.
+void HandOver(UtilTraceSink aSink, unsigned long aLevel, const char* aText, unsigned int aLength) {
+    aSink(aLevel, aText, aLength);
+    const CmTraceTap pfnTap = CmInstalledTraceTap();
+    if (CM_UNLIKELY(pfnTap != nullptr)) {
+        pfnTap(aLevel, false, aText, aLength);
+    }
 }
 
 }  // namespace
@@ -44,7 +54,7 @@ void util_adapter_trace(unsigned long aLevel, const char* aText, unsigned int aL
     }
     UTIL_NS::CCmTraceGuard guard;
     if (UTIL_NS::UtilTraceSink pfnSink = UTIL_NS::InstalledSink()) {
-        pfnSink(aLevel, aText, aLength);
+        UTIL_NS::HandOver(pfnSink, aLevel, aText, aLength);
     } else {
         UTIL_NS::CCmT120Trace::instance()->trace_string(aLevel, UTIL_NS::TextForFacility(aText));
     }
@@ -57,7 +67,7 @@ void util_adapter_trace_ex(unsigned long aLevel, const char* aModule, const char
     }
     UTIL_NS::CCmTraceGuard guard;
     if (UTIL_NS::UtilTraceSink pfnSink = UTIL_NS::InstalledSink()) {
-        pfnSink(aLevel, aText, aLength);
+        UTIL_NS::HandOver(pfnSink, aLevel, aText, aLength);
     } else {
         UTIL_NS::CCmT120Trace::instance()->trace_string(aLevel, aModule,
                                                         UTIL_NS::TextForFacility(aText));

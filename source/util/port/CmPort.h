@@ -13,6 +13,7 @@
 
 #include <pthread.h>
 #include <sys/time.h>
+#include <sys/types.h>
 #include <time.h>
 
 #include <cstddef>
@@ -132,6 +133,27 @@ void CmPortPreciseWaits();
 // Whether a sanitizer that watches memory is in the program: that of addresses, of threads, of
 // leaks or of uninitialised memory.
 bool CmPortHasSanitizer();
+
+// Gives a new file its size, and its blocks, as far as the file system can, so that writing to it
+// cannot fail later for want of room. 0 or an error number. aStart: 0. Called through g_cmSystem
+// under the name posix_fallocate.
+int CmPortAllocateFile(int aFile, off_t aStart, off_t aSize);
+
+// Writes the path of a directory for the user's own short-lived files, with a "/" at its end. False
+// when the platform has none or it does not fit.
+bool CmPortUserDirectory(char* aBuffer, size_t aSize);
+
+// Puts fresh memory, zeros, of the process's own in the place of what is mapped at aBegin, a page's
+// begin, while other threads may use it.
+bool CmPortReplaceMapping(void* aBegin, size_t aSize);
+
+// From now on, when a file that is mapped at aBegin has no page to an access any more (it was cut,
+// or its disk is full or gone), CmPortReplaceMapping does, and the access goes on. Other bus errors
+// go where they went before. One mapping at a time; not at the same time as CmPortUnguardMapping.
+void CmPortGuardMapping(void* aBegin, size_t aSize);
+void CmPortUnguardMapping();
+// Whether that has happened since CmPortGuardMapping.
+bool CmPortIsMappingLost();
 
 // A counting semaphore: as sem_init, sem_destroy, sem_wait and sem_post, 0 or -1 with errno set.
 // The units call them through g_cmSystem. CmConditionSemaphore.h serves where the system has no

@@ -1,11 +1,13 @@
 #include "CmPort.h"
 
+#include <fcntl.h>
 #include <pthread.h>
 #include <sched.h>
 #include <sys/prctl.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 
 #include "CmSystem.h"
@@ -194,6 +196,20 @@ int CmPortCoarseTimeOfDay(timeval* aNow, void* /*aUnused*/) {
     aNow->tv_sec = tsNow.tv_sec;
     aNow->tv_usec = tsNow.tv_nsec / 1000;
     return rv;
+}
+
+// A signal may interrupt it, for one that comes over and over not for ever.
+int CmPortAllocateFile(int aFile, off_t aStart, off_t aSize) {
+    constexpr int ATTEMPTS = 100;
+    int rv = EINTR;
+    for (int i = 0; i < ATTEMPTS && rv == EINTR; ++i) {
+        rv = posix_fallocate(aFile, aStart, aSize);
+    }
+    return rv;
+}
+
+bool CmPortUserDirectory(char* /*aBuffer*/, size_t /*aSize*/) {
+    return false;
 }
 
 bool CmPortHasSanitizer() {

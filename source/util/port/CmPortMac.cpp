@@ -1,9 +1,12 @@
 #include "CmPort.h"
 
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <pthread.h>
 #include <time.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstddef>
 #include <cstring>
 #include <memory>
@@ -154,6 +157,25 @@ size_t CmPortReadInterface(const char* aRecords, size_t aLength, CmPortInterface
 // The exact clock: there is no coarse one, and it takes no system call.
 int CmPortCoarseTimeOfDay(timeval* aNow, void* /*aUnused*/) {
     return gettimeofday(aNow, nullptr);
+}
+
+// The blocks need not be contiguous. A file system that cannot keep any ready gives them when they
+// are written.
+int CmPortAllocateFile(int aFile, off_t aStart, off_t aSize) {
+    fstore_t store = {};
+    store.fst_flags = F_ALLOCATEALL;
+    store.fst_posmode = F_PEOFPOSMODE;
+    store.fst_offset = aStart;
+    store.fst_length = aSize;
+    if (fcntl(aFile, F_PREALLOCATE, &store) != 0 && errno != ENOTSUP && errno != EINVAL) {
+        return errno;
+    }
+    return g_cmSystem.ftruncate(aFile, aSize) == 0 ? 0 : errno;
+}
+
+bool CmPortUserDirectory(char* aBuffer, size_t aSize) {
+    const size_t nSize = confstr(_CS_DARWIN_USER_TEMP_DIR, aBuffer, aSize);
+    return nSize > 1 && nSize <= aSize;
 }
 
 bool CmPortHasSanitizer() {

@@ -1,0 +1,109 @@
+// The part of CmPort.h that looks after a mapped file.
+#include <signal.h>
+#include <sys/mman.h>
+
+#include <cerrno>
+#include <cstdint>
+
+#include "CmAtomic.h"
+#include "CmPort.h"
+#include "CmSystem.h"
+
+namespace UTIL_NS {
+
+namespace {
+
+// Read in a signal handler. The size is released after the begin, and is 0 while nothing is
+// guarded.
+CmStd::atomic<uintptr_t> s_nBegin{0};
+CmStd::atomic<size_t> s_nSize{0};
+CmStd::atomic<bool> s_bIsLost{false};
+
+// Written before the handler is installed, which then stays the way to the one before it.
+struct sigaction s_previous;
+bool s_bIsInstalled = false;
+
+bool IsGuarded(const void* aAddress) {
+    const size_t nSize = s_nSize.load(std::memory_order_acquire);
+    return reinterpret_cast<uintptr_t>(aAddress) - s_nBegin.load(std::memory_order_relaxed) < nSize;
+}
+
+// The handler before, or the system's action: what faulted faults again, and what a process sent is
+// sent again and comes when the handler returns.
+void PassOn(int aSignal, siginfo_t* aInfo, void* aContext) {
+    if ((s_previous.sa_flags & SA_SIGINFO) != 0) {
+        s_previous.sa_sigaction(aSignal, aInfo, aContext);
+        return;
+    }
+    const bool bIsFault = aInfo->si_code > 0 && aInfo->si_code != SI_USER;
+    if (s_previous.sa_handler == SIG_IGN && !bIsFault) {
+        return;
+    }
+    if (s_previous.sa_handler != SIG_DFL && s_previous.sa_handler != SIG_IGN) {
+        s_previous.sa_handler(aSignal);
+        return;
+    }
+    struct sigaction action = {};
+    action.sa_handler = SIG_DFL;
+    sigaction(aSignal, &action, nullptr);
+    if (!bIsFault) {
+        raise(aSignal);
+    }
+}
+
+void OnBusError(int aSignal, siginfo_t* aInfo, void* aContext) {
+    const int nError = errno;
+    // Of a signal that a process sent, si_code says so and si_addr means nothing.
+    if (aInfo->si_code > 0 && aInfo->si_code != SI_USER && IsGuarded(aInfo->si_addr) &&
+        CmPortReplaceMapping(reinterpret_cast<void*>(s_nBegin.load(std::memory_order_relaxed)),
+                             s_nSize.load(std::memory_order_relaxed))) {
+        s_bIsLost.store(true, std::memory_order_relaxed);
+    } else {
+        PassOn(aSignal, aInfo, aContext);
+    }
+    errno = nError;
+}
+
+bool IsOurs(const struct sigaction& aAction) {
+    return (aAction.sa_flags & SA_SIGINFO) != 0 && aAction.sa_sigaction == &OnBusError;
+}
+
+}  // namespace
+
+bool CmPortReplaceMapping(void* aBegin, size_t aSize) {
+    return g_cmSystem.mmap(aBegin, aSize, PROT_READ | PROT_WRITE,
+                           MAP_PRIVATE | MAP_ANON | MAP_NORESERVE | MAP_FIXED, -1, 0) == aBegin;
+}
+
+void CmPortGuardMapping(void* aBegin, size_t aSize) {
+    s_bIsLost.store(false, std::memory_order_relaxed);
+    s_nBegin.store(reinterpret_cast<uintptr_t>(aBegin), std::memory_order_relaxed);
+    s_nSize.store(aSize, std::memory_order_release);
+    // One that could not be taken back is installed still, and calls this one perhaps.
+    if (s_bIsInstalled) {
+        return;
+    }
+    sigaction(SIGBUS, nullptr, &s_previous);
+    struct sigaction action = {};
+    action.sa_sigaction = &OnBusError;
+    action.sa_mask = s_previous.sa_mask;
+    action.sa_flags = SA_SIGINFO | SA_ONSTACK | (s_previous.sa_flags & (SA_NODEFER | SA_RESTART));
+    sigaction(SIGBUS, &action, nullptr);
+    s_bIsInstalled = true;
+}
+
+// Where somebody has installed a handler since then, this one stays, which that one may call.
+void CmPortUnguardMapping() {
+    s_nSize.store(0, std::memory_order_relaxed);
+    struct sigaction action = {};
+    if (s_bIsInstalled && sigaction(SIGBUS, nullptr, &action) == 0 && IsOurs(action)) {
+        sigaction(SIGBUS, &s_previous, nullptr);
+        s_bIsInstalled = false;
+    }
+}
+
+bool CmPortIsMappingLost() {
+    return s_bIsLost.load(std::memory_order_relaxed);
+}
+
+}  // namespace UTIL_NS
