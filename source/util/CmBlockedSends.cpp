@@ -20,13 +20,6 @@ constexpr char REST[] = " -> ...";
 CmStd::atomic<uint64_t> s_ullThreads{0};
 thread_local uint64_t t_ullThread = 0;
 
-uint64_t NumberOfThisThread() {
-    if (t_ullThread == 0) {
-        t_ullThread = s_ullThreads.fetch_add(1, std::memory_order_relaxed) + 1;
-    }
-    return t_ullThread;
-}
-
 CM_CONSTANT_INIT CCmEternalLockT<CCmMutexThread> s_lock;
 CM_CONSTANT_INIT CCmBlockedSend* s_pFirst CM_GUARDED_BY(s_lock.m_Lock) = nullptr;
 
@@ -50,6 +43,13 @@ void NameOf(pthread_t aThread, char (&aName)[NAME_SIZE]) {
 
 }  // namespace
 
+uint64_t CmNumberOfThisThread() {
+    if (t_ullThread == 0) {
+        t_ullThread = s_ullThreads.fetch_add(1, std::memory_order_relaxed) + 1;
+    }
+    return t_ullThread;
+}
+
 CM_CONSTANT_INIT CmStd::atomic<bool> CCmBlockedSend::s_bIsOn{false};
 
 void CCmBlockedSend::SwitchOn(bool aIsOn) {
@@ -60,7 +60,7 @@ void CCmBlockedSend::SwitchOn(bool aIsOn) {
 // number was stored before the switch was turned, and Enter, which comes after that, reads it. If
 // not, it updates the waits that were entered before, with the lock held.
 void CCmAwaitedThread::BindToCurrentThread() {
-    const uint64_t ullThread = NumberOfThisThread();
+    const uint64_t ullThread = CmNumberOfThisThread();
     m_ullThread.store(ullThread, std::memory_order_seq_cst);
     if (CM_LIKELY(!CCmBlockedSend::s_bIsOn.load(std::memory_order_seq_cst))) {
         return;
@@ -74,18 +74,19 @@ void CCmAwaitedThread::BindToCurrentThread() {
     }
 }
 
-bool CCmBlockedSend::Enter(const CCmAwaitedThread& aAwaited, GoesOn aGoesOn, const void* aObject,
-                           char (&aNames)[NAMES_SIZE]) {
+bool CCmBlockedSend::Link(const CCmAwaitedThread* aAwaited, uint64_t aNumber, GoesOn aGoesOn,
+                          const void* aObject, char (&aNames)[NAMES_SIZE]) {
     m_Tid = pthread_self();
-    m_ullThread = NumberOfThisThread();
-    m_pAwaited = &aAwaited;
+    m_ullThread = CmNumberOfThisThread();
+    m_pAwaited = aAwaited;
     m_pfnGoesOn = aGoesOn;
     m_pObject = aObject;
     CCmScopedLockT<CCmMutexThread> lock(s_lock.m_Lock);
     if (CM_FAILED(lock.result())) {
         return false;
     }
-    m_ullAwaited = aAwaited.m_ullThread.load(std::memory_order_seq_cst);
+    m_ullAwaited =
+        aAwaited != nullptr ? aAwaited->m_ullThread.load(std::memory_order_seq_cst) : aNumber;
     m_pNext = s_pFirst;
     m_ppLink = &s_pFirst;
     if (m_pNext != nullptr) {

@@ -28,9 +28,11 @@
 
 namespace UTIL_NS {
 
-// The thread that runs what is sent to a queue, or a thread itself, for those who wait for it. A
-// number that no other thread ever gets stands for it, since the system gives those of threads that
-// have ended to new ones.
+// The number of the calling thread, from 1. No other thread ever gets it, as it may get a pthread_t
+// of one that has ended.
+uint64_t CmNumberOfThisThread();
+
+// The thread that runs what is sent to a queue, or a thread itself, for those who wait for it.
 class CCmAwaitedThread {
   public:
     constexpr CCmAwaitedThread() = default;
@@ -66,7 +68,13 @@ class CCmBlockedSend {
     // Once. aAwaited is used here alone. True when the calling thread and others wait for each
     // other from now on: aNames is "A -> B -> A" then.
     bool Enter(const CCmAwaitedThread& aAwaited, GoesOn aGoesOn, const void* aObject,
-               char (&aNames)[NAMES_SIZE]);
+               char (&aNames)[NAMES_SIZE]) {
+        return Link(&aAwaited, 0, aGoesOn, aObject, aNames);
+    }
+    // The same for a thread by its number.
+    bool Enter(uint64_t aAwaited, GoesOn aGoesOn, const void* aObject, char (&aNames)[NAMES_SIZE]) {
+        return Link(nullptr, aAwaited, aGoesOn, aObject, aNames);
+    }
     // No matter whether it was entered.
     void Leave() {
         if (m_bIsEntered) {
@@ -77,6 +85,8 @@ class CCmBlockedSend {
   private:
     friend class CCmAwaitedThread;
 
+    bool Link(const CCmAwaitedThread* aAwaited, uint64_t aNumber, GoesOn aGoesOn,
+              const void* aObject, char (&aNames)[NAMES_SIZE]);
     void Unlink();
     bool HasClosedCircle_l();
     void WriteNames_l(char (&aNames)[NAMES_SIZE]) const;
@@ -85,8 +95,8 @@ class CCmBlockedSend {
 
     bool m_bIsEntered = false;
     pthread_t m_Tid;                     // of the thread that waits
-    uint64_t m_ullThread;                // the same as a number of CCmAwaitedThread
-    uint64_t m_ullAwaited;               // for whom
+    uint64_t m_ullThread;                // its number
+    uint64_t m_ullAwaited;               // that of the other one; 0: not known
     const CCmAwaitedThread* m_pAwaited;  // may be gone: its address alone is used
     GoesOn m_pfnGoesOn;
     const void* m_pObject;

@@ -9,7 +9,9 @@
 #include <memory>
 #include <vector>
 
+#include "CmLifeGuard.h"
 #include "CmTrace.h"
+#include "CmWorker.h"
 #include "schedule/Workers.h"
 
 namespace kelto_test {
@@ -161,6 +163,23 @@ void SendAround(int aThreads, MeanwhileType aMeanwhile) {
     JudgeCircle(aThreads, 0, haveReturned, [&queues] { queues[0].DestoryPendingEvents(); });
 }
 
+// A thread of a host that waits for a worker otherwise than by a send, while an event or a timer of
+// the worker may send to it. aIsOver tells that neither waits. True when they waited for each
+// other.
+template <class OverType>
+void JudgePair(CCmEventQueueUsingMutex& aQueue, OverType aIsOver) {
+    WaitUntil([&] { return aIsOver() || (s_nSaid > 0 && AllSleep(2)); });
+    if (aIsOver()) {
+        SCHEDULE_EXPECT(s_nSaid == 0);
+        return;
+    }
+    SCHEDULE_EXPECT(s_nSaid == 1 && s_nThreadsSaid == 2);
+    SCHEDULE_EXPECT(FateOf(1).m_nMade == 1 && FateOf(1).m_nEnded == 0);
+    aQueue.DestoryPendingEvents();
+    WaitUntil(aIsOver);
+    SCHEDULE_EXPECT(s_nSaid == 1);
+}
+
 }  // namespace
 
 TEST(ScheduledCircle, IsSaidWhereThereIsOne_WhenTwoWorkersSendToEachOther) {
@@ -277,6 +296,63 @@ TEST(ScheduledCircle, IsNotSaid_WhenOneOfItsSendersHasBeenCancelled) {
         next.Join();
         // The worker may have been about to say so.
         SCHEDULE_EXPECT(s_nSaid == nSaid || s_nSaidBy == 1);
+        EndWorker(worker);
+    });
+}
+
+TEST(ScheduledCircle, IsSaid_WhenAThreadJoinsAWorkerThatSendsToIt) {
+    Explore([] {
+        const CWatching watching;
+        CCmEventQueueUsingMutex queue;
+        queue.BindToCurrentThread();
+        ACmThread& worker = MakeWorker();
+        QueueOf(worker).PostEvent(Sending(0, queue, 1), NORMAL);
+        worker.Stop(nullptr);
+        // The end of this thread's wait, which it cannot bring about itself.
+        CThreadOf other([&queue] {
+            WaitUntil([] { return s_nSaid > 0 && Sleeps(1); });
+            queue.DestoryPendingEvents();
+        });
+        SCHEDULE_EXPECT(worker.Join() == CM_OK);
+        SCHEDULE_EXPECT(s_nSaid == 1 && s_nThreadsSaid == 2);
+        worker.Destory(CM_OK);
+    });
+}
+
+TEST(ScheduledCircle, IsSaidWhereThereIsOne_WhenACallIsCancelledThatSends) {
+    Explore([] {
+        const CWatching watching;
+        CCmEventQueueUsingMutex queue;
+        CCmWorker worker;
+        CCmTimerHandle call = CmPostDelayed(worker, CCmTimeValue(),
+                                            [&queue] { queue.SendEvent(new CWatchedEvent(1)); });
+        bool bIsCancelled = false;
+        CThreadOf other([&] {
+            queue.BindToCurrentThread();
+            call.CancelAndWait();
+            bIsCancelled = true;
+        });
+        JudgePair(queue, [&bIsCancelled] {
+            return bIsCancelled && FateOf(1).m_nMade == FateOf(1).m_nEnded;
+        });
+    });
+}
+
+TEST(ScheduledCircle, IsSaidWhereThereIsOne_WhenAGuardEndsWhoseCallableSends) {
+    Explore([] {
+        const CWatching watching;
+        CCmEventQueueUsingMutex queue;
+        CCmLifeGuard guard;
+        ACmThread& worker = MakeWorker();
+        CmPost(worker, guard.Wrap([&queue] { queue.SendEvent(new CWatchedEvent(1)); }));
+        bool bHasEnded = false;
+        CThreadOf other([&] {
+            queue.BindToCurrentThread();
+            guard.End();
+            bHasEnded = true;
+        });
+        JudgePair(queue,
+                  [&bHasEnded] { return bHasEnded && FateOf(1).m_nMade == FateOf(1).m_nEnded; });
         EndWorker(worker);
     });
 }
