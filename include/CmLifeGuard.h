@@ -88,7 +88,7 @@ class CM_UTIL_EXPORT CCmLifeGuard {
         friend struct CGuardState;
 
         const CReference m_Reference;
-        unsigned long m_ulThread;
+        unsigned long m_ulThread;  // a number that no other thread gets
         CRun* m_pNext;
         int m_nCancelState;
         bool m_bAllowed;

@@ -6,6 +6,7 @@
 #include <new>
 
 #include "CmBlockPool.h"
+#include "CmBlockedSends.h"
 #include "CmCancel.h"
 #include "CmConditionSteps.h"
 #include "CmEventQueueSteps.h"
@@ -136,6 +137,8 @@ class CCmEventQueueBase::CQueueState {
     CmStd::atomic<DWORD> m_dwDiscards{0};
     // The core on which a loop last fired a send; -1: unknown. A hint (relaxed).
     CmStd::atomic<int> m_nLoopCore{-1};
+    // The thread in m_Tid, for those that wait for it.
+    CCmAwaitedThread m_Consumer;
 
   private:
     CmStd::atomic<long> m_lBusySenders{0};
@@ -415,6 +418,7 @@ void CCmEventQueueBase::DestoryPendingEvents() {
 // Relaxed: a thread finds itself in m_Tid only if it stored that itself.
 void CCmEventQueueBase::BindToCurrentThread() {
     m_Tid.store(pthread_self(), std::memory_order_relaxed);
+    CCmPrivateRoom::Of(m_Private).m_Consumer.BindToCurrentThread();
 }
 
 void CCmEventQueueBase::SetStopped() {
@@ -462,7 +466,8 @@ class CCmEventSynchronous::CSendState {
 
     // For the sender of a wrapper that has a queue; the caller must not touch it afterwards.
     CmResult Send();
-    CmResult Wait();
+    // aBlocked: what has been entered for this wait.
+    CmResult Wait(CCmBlockedSend& aBlocked);
 
     bool IsOnItsWayBack() const {
         // A sender that gave up has let go, too; its event still runs. The acquire also covers the
@@ -511,6 +516,13 @@ class CCmEventSynchronous::CSendState {
   private:
     enum EOutcome : int { OUTCOME_NONE, OUTCOME_FIRED, OUTCOME_DISCARDED, OUTCOME_ABANDONED };
 
+    // Once the event has been posted, and while the queue is held.
+    void EnterWait(CCmBlockedSend& aBlocked);
+    // aBlocked refers to this object, which may be gone afterwards.
+    void Abandon(CCmBlockedSend& aBlocked) {
+        aBlocked.Leave();
+        Abandon();
+    }
     void Abandon() {
         if (m_nOutcome.exchange(OUTCOME_ABANDONED, std::memory_order_acq_rel) == OUTCOME_FIRED) {
             ReleaseQueue();
@@ -566,11 +578,15 @@ CmResult CCmEventSynchronous::CSendState::Send() {
     const int nLoopCore = queueState.m_nLoopCore.load(std::memory_order_relaxed);
     const bool bMaySpin = nLoopCore != -1 && nLoopCore != m_nSenderCore;
     queueState.CountSenderIn();
-    CCmCleanUpT giveUp([this, &queueState] {
-        Abandon();
+    CCmBlockedSend blocked;
+    CCmCleanUpT giveUp([this, &queueState, &blocked] {
+        Abandon(blocked);
         queueState.CountSenderOut();
     });
     const CmResult rv = queue.PostEvent(&m_Wrapper, ICmEventQueue::EPRIORITY_NORMAL);
+    if (CM_UNLIKELY(CCmBlockedSend::IsOn()) && CM_SUCCEEDED(rv)) {
+        EnterWait(blocked);
+    }
     giveUp.Release();
     queueState.CountSenderOut();
     if (CM_FAILED(rv)) {
@@ -582,11 +598,23 @@ CmResult CCmEventSynchronous::CSendState::Send() {
             [this] { return m_nOutcome.load(std::memory_order_relaxed) != OUTCOME_NONE; },
             SPIN_NSEC));
     }
-    return Wait();
+    return Wait(blocked);
 }
 
-CmResult CCmEventSynchronous::CSendState::Wait() {
-    CCmCleanUpT abandon([this] { Abandon(); });
+void CCmEventSynchronous::CSendState::EnterWait(CCmBlockedSend& aBlocked) {
+    char szNames[CCmBlockedSend::NAMES_SIZE];
+    const auto goesOn = [](const void* aState) {
+        return static_cast<const CSendState*>(aState)->m_nOutcome.load(std::memory_order_acquire) ==
+               OUTCOME_NONE;
+    };
+    if (aBlocked.Enter(QueueState().m_Consumer, goesOn, this, szNames)) {
+        CM_WARNING_TRACE(
+            "CCmEventQueueBase::SendEvent, watch, threads wait for each other: " << szNames);
+    }
+}
+
+CmResult CCmEventSynchronous::CSendState::Wait(CCmBlockedSend& aBlocked) {
+    CCmCleanUpT abandon([this, &aBlocked] { Abandon(aBlocked); });
     pthread_testcancel();  // the result may be there by now, so that nothing waits
     while (m_nOutcome.load(std::memory_order_acquire) == OUTCOME_NONE) {
         const CmResult rvWait = m_Wrapper.m_SendEvent.Wait(nullptr);
@@ -599,6 +627,7 @@ CmResult CCmEventSynchronous::CSendState::Wait() {
         }
     }
     abandon.Release();
+    aBlocked.Leave();
     const CmResult rv = m_Wrapper.m_Result;
     CCmEventQueueBase* const pQueue = m_Wrapper.m_pEventQueue;
     if (pQueue == nullptr || m_nOutcome.load(std::memory_order_relaxed) == OUTCOME_DISCARDED) {
@@ -664,7 +693,9 @@ void CCmEventSynchronous::OnDestorySelf() {
 }
 
 CmResult CCmEventSynchronous::WaitResultAndDeleteThis() {
-    return CCmPrivateRoom::Of(m_Private).Wait();
+    // Not entered: the queue may be gone, and its thread unknown.
+    CCmBlockedSend blocked;
+    return CCmPrivateRoom::Of(m_Private).Wait(blocked);
 }
 
 CCmEventQueueUsingMutex::CCmEventQueueUsingMutex() = default;

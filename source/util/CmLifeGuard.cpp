@@ -2,10 +2,13 @@
 
 #include <new>
 
+#include "CmAtomic.h"
+#include "CmBlockedSends.h"
 #include "CmCancel.h"
 #include "CmConditionVariable.h"
 #include "CmScopedLock.h"
 #include "CmSystem.h"
+#include "CmTraceLine.h"
 #include "CmUtilTemplates.h"
 
 namespace UTIL_NS {
@@ -37,6 +40,9 @@ struct CCmLifeGuard::CGuardState final : CCmReferenceControlT<CCmMutexThread> {
             ppRun = &(*ppRun)->m_pNext;
         }
         *ppRun = aRun.m_pNext;
+        if (m_pAwaited.load(std::memory_order_relaxed) == &aRun) {
+            m_pAwaited.store(nullptr, std::memory_order_release);
+        }
         if (m_bClosed) {
             m_Left.Broadcast();
         }
@@ -47,10 +53,28 @@ struct CCmLifeGuard::CGuardState final : CCmReferenceControlT<CCmMutexThread> {
         CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
         m_bClosed = true;
         CmResult rv = lock.result();
-        while (CM_SUCCEEDED(rv) && RunsElsewhere_l()) {
+        while (CM_SUCCEEDED(rv) && FirstElsewhere_l() != nullptr) {
             rv = m_Left.Wait(nullptr);
         }
-        return !RunsElsewhere_l();
+        return FirstElsewhere_l() == nullptr;
+    }
+    // The same for a thread whose waits are watched: waits for one callable after the other. What
+    // is left is for Close, also where a wait fails.
+    void CloseWatched() {
+        CmResult rv = CM_OK;
+        while (CM_SUCCEEDED(rv)) {
+            const CAwaited awaited = AwaitFirst();
+            if (awaited.m_pRun == nullptr) {
+                return;
+            }
+            CCmBlockedSend blocked;
+            EnterWait(awaited, blocked);
+            CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
+            rv = lock.result();
+            while (CM_SUCCEEDED(rv) && awaited.GoesOn()) {
+                rv = m_Left.Wait(nullptr);
+            }
+        }
     }
     bool IsClosed() {
         CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
@@ -58,18 +82,45 @@ struct CCmLifeGuard::CGuardState final : CCmReferenceControlT<CCmMutexThread> {
     }
 
   private:
-    bool RunsElsewhere_l() const CM_REQUIRES(m_Mutex) {
-        for (const CRun* pRun = m_pRuns; pRun != nullptr; pRun = pRun->m_pNext) {
-            if (!IsEqualCurrentThread((pthread_t)pRun->m_ulThread)) {
-                return true;
-            }
+    const CRun* FirstElsewhere_l() const CM_REQUIRES(m_Mutex) {
+        const CRun* pRun = m_pRuns;
+        while (pRun != nullptr && pRun->m_ulThread == CmNumberOfThisThread()) {
+            pRun = pRun->m_pNext;
         }
-        return false;
+        return pRun;
+    }
+    // A callable that a thread waits for. Its CRun may be gone: its address alone is used.
+    struct CAwaited {
+        bool GoesOn() const { return m_State.m_pAwaited.load(std::memory_order_acquire) == m_pRun; }
+
+        const CGuardState& m_State;
+        const CRun* m_pRun;
+        uint64_t m_ullThread;
+    };
+
+    CAwaited AwaitFirst() {
+        CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
+        m_bClosed = true;
+        const CRun* const pRun = FirstElsewhere_l();
+        m_pAwaited.store(pRun, std::memory_order_relaxed);
+        return {*this, pRun, pRun != nullptr ? pRun->m_ulThread : 0};
+    }
+    static void EnterWait(const CAwaited& aAwaited, CCmBlockedSend& aBlocked) {
+        char szNames[CCmBlockedSend::NAMES_SIZE];
+        const auto goesOn = [](const void* aObject) {
+            return static_cast<const CAwaited*>(aObject)->GoesOn();
+        };
+        if (aBlocked.Enter(aAwaited.m_ullThread, goesOn, &aAwaited, szNames)) {
+            CM_WARNING_TRACE("CCmLifeGuard::End, watch, threads wait for each other: " << szNames);
+        }
     }
 
     CCmMutexThread m_Mutex;
     CCmConditionVariableThread m_Left{m_Mutex};
     CRun* m_pRuns CM_GUARDED_BY(m_Mutex) = nullptr;
+    // What a watched thread waits for. Released by the callable's thread, before that may wait for
+    // something itself.
+    CmStd::atomic<const CRun*> m_pAwaited{nullptr};
     bool m_bClosed CM_GUARDED_BY(m_Mutex) = false;
 };
 
@@ -87,7 +138,7 @@ CCmLifeGuard::CReference::~CReference() {
 
 CCmLifeGuard::CRun::CRun(const CReference& aReference)
     : m_Reference(aReference),
-      m_ulThread((unsigned long)pthread_self()),
+      m_ulThread(CmNumberOfThisThread()),
       m_pNext(nullptr),
       m_nCancelState(PTHREAD_CANCEL_ENABLE),
       m_bAllowed(m_Reference.m_pState != nullptr && m_Reference.m_pState->Enter(*this)) {}
@@ -114,6 +165,9 @@ CCmLifeGuard::~CCmLifeGuard() {
 
 void CCmLifeGuard::End() {
     const CCmDisableCancel disableCancel;
+    if (CM_UNLIKELY(CCmBlockedSend::IsOn()) && m_pState != nullptr) {
+        m_pState->CloseWatched();
+    }
     while (m_pState != nullptr && !m_pState->Close()) {
         const timespec tsNap = {0, NAP_NSEC};
         g_cmSystem.nanosleep(&tsNap, nullptr);

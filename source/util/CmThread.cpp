@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "CmBlockedSends.h"
 #include "CmCancel.h"
 #include "CmEventQueueSteps.h"
 #include "CmListNode.h"
@@ -119,8 +120,11 @@ class ACmThread::CThreadState {
     void AdoptCallingThread() {
         m_nStartSteps.store(0, std::memory_order_relaxed);  // those of an earlier thread
         m_Thread.m_Tid.store(pthread_self(), std::memory_order_relaxed);
+        m_Awaited.BindToCurrentThread();
     }
     CmResult StartThread();
+    // For whoever is about to join the thread.
+    void EnterJoin(CCmBlockedSend& aBlocked) const;
 
     // Called by the new thread, once. aEvent: what it found in m_pEvent, which the creator clears.
     // The release pairs with the acquire in WaitUntilStarted.
@@ -159,6 +163,7 @@ class ACmThread::CThreadState {
     }
 
     CmResult m_InitResult = CM_OK;
+    CCmAwaitedThread m_Awaited;
 
   private:
     static constexpr int STEP_INIT_DONE = 1;
@@ -325,6 +330,15 @@ void ACmThread::CThreadState::WaitUntilStarted() {
     LeaveHandshake(pEvent, STEP_CREATOR_DONE, STEP_THREAD_DONE);
 }
 
+// While a thread waits for something, it has not ended.
+void ACmThread::CThreadState::EnterJoin(CCmBlockedSend& aBlocked) const {
+    char szNames[CCmBlockedSend::NAMES_SIZE];
+    const auto goesOn = [](const void*) { return true; };
+    if (aBlocked.Enter(m_Awaited, goesOn, nullptr, szNames)) {
+        CM_WARNING_TRACE("ACmThread::Join, watch, threads wait for each other: " << szNames);
+    }
+}
+
 void* ACmThread::ThreadProc(void* pParam) {
     ACmThread* pThread = static_cast<ACmThread*>(pParam);
     CM_ASSERTE_RETURN(pThread, nullptr);
@@ -336,6 +350,7 @@ void* ACmThread::ThreadProc(void* pParam) {
     }
 
     CThreadState& state = CCmPrivateRoom::Of(pThread->m_Private);
+    state.m_Awaited.BindToCurrentThread();
     CCmEventThread* pEvent = pThread->m_pEvent;  // null when nobody waits
     const auto signalStarted = [&state, &pEvent] {
         if (pEvent != nullptr) {
@@ -367,7 +382,13 @@ CmResult ACmThread::Join() {
     if (tid == pthread_t() || !CCmPrivateRoom::Of(m_Private).IsJoinable()) {
         return CM_OK;
     }
+    CCmBlockedSend blocked;
+    CCmCleanUpT leave([&blocked] { blocked.Leave(); });
+    if (CM_UNLIKELY(CCmBlockedSend::IsOn())) {
+        CCmPrivateRoom::Of(m_Private).EnterJoin(blocked);
+    }
     const int rv = g_cmSystem.pthread_join(tid, nullptr);
+    leave.Execute();
     if (rv != 0) {
         CM_ERROR_TRACE_THIS("ACmThread::Join, pthread_join() failed! err=" << rv);
         return CM_ERROR_FAILURE;

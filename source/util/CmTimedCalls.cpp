@@ -94,6 +94,7 @@ CCmTimedCalls::~CCmTimedCalls() = default;  // entries hold references to it: no
 
 void CCmTimedCalls::BindToCurrentThread() {
     m_Tid.store(pthread_self(), std::memory_order_relaxed);
+    m_Thread.BindToCurrentThread();
 }
 
 long long CCmTimedCalls::Now() const {
@@ -185,6 +186,10 @@ CmResult CCmTimedCalls::TryCancel_i(CCmTimedCall& aCall) {
 
 void CCmTimedCalls::WaitWhileItRuns_i(CCmTimedCall& aCall) {
     const CCmDisableCancel disableCancel;
+    CCmBlockedSend blocked;
+    if (CM_UNLIKELY(CCmBlockedSend::IsOn())) {
+        EnterWait_i(aCall, blocked);
+    }
     for (;; Nap()) {
         CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
         CmResult rv = lock.result();
@@ -198,6 +203,19 @@ void CCmTimedCalls::WaitWhileItRuns_i(CCmTimedCall& aCall) {
         if (aCall.m_nState.load(std::memory_order_acquire) != CCmTimedCall::STATE_RUNNING) {
             return;
         }
+    }
+}
+
+// It runs, for the last time.
+void CCmTimedCalls::EnterWait_i(CCmTimedCall& aCall, CCmBlockedSend& aBlocked) {
+    char szNames[CCmBlockedSend::NAMES_SIZE];
+    const auto goesOn = [](const void* aObject) {
+        return static_cast<const CCmTimedCall*>(aObject)->m_nState.load(
+                   std::memory_order_acquire) == CCmTimedCall::STATE_RUNNING;
+    };
+    if (aBlocked.Enter(m_Thread, goesOn, &aCall, szNames)) {
+        CM_WARNING_TRACE(
+            "CCmTimerHandle::CancelAndWait, watch, threads wait for each other: " << szNames);
     }
 }
 

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "CmAtomic.h"
+#include "CmBlockedSends.h"
 #include "CmConditionVariable.h"
 #include "CmEvent.h"
 #include "CmNsec.h"
@@ -84,6 +85,7 @@ class CCmTimedCalls : public CCmReferenceControlT<CCmMutexThread> {
     CmResult Cancel(CCmTimedCall& aCall, bool aWaits);
     CmResult TryCancel_i(CCmTimedCall& aCall);
     void WaitWhileItRuns_i(CCmTimedCall& aCall);
+    void EnterWait_i(CCmTimedCall& aCall, CCmBlockedSend& aBlocked);
     CCmTimedCall* TakeDue_i(long long aNow, long long& aNext);
     void Fire_i(CCmTimedCall& aCall, long long aNow);
     bool Rearm_i(CCmTimedCall& aCall);
@@ -98,6 +100,7 @@ class CCmTimedCalls : public CCmReferenceControlT<CCmMutexThread> {
 
     const EClock m_eClock;
     CmStd::atomic<pthread_t> m_Tid;
+    CCmAwaitedThread m_Thread;  // the same one, for those that wait for it
     CCmMutexThread m_Mutex;
     CCmConditionVariableThread m_Finished;  // a call that ran is done
     // A heap of references, with capacity for the running one as well.

@@ -113,6 +113,9 @@ void CmPortNameThisThread(const char* aName);
 // Reads that name, terminated and cut at aSize bytes; empty when it has none or cannot be had.
 void CmPortNameOfThisThread(char* aName, size_t aSize);
 
+// The same of any thread that is alive; Linux reads a file for that.
+void CmPortNameOfThread(pthread_t aThread, char* aName, size_t aSize);
+
 // The name that the compiler gave the class with this table of virtual functions, for
 // CmPortReadableClassName; null where the class was compiled without run-time type information. By
 // the C++ ABI that both platforms share, the word in front of the table is the address of that

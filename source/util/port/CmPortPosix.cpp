@@ -32,10 +32,14 @@ bool CmPortModulePath(char* aBuffer, size_t aSize) {
     return true;
 }
 
-void CmPortNameOfThisThread(char* aName, size_t aSize) {
-    if (pthread_getname_np(pthread_self(), aName, aSize) != 0) {
+void CmPortNameOfThread(pthread_t aThread, char* aName, size_t aSize) {
+    if (pthread_getname_np(aThread, aName, aSize) != 0) {
         aName[0] = '\0';
     }
+}
+
+void CmPortNameOfThisThread(char* aName, size_t aSize) {
+    CmPortNameOfThread(pthread_self(), aName, aSize);
 }
 
 // The word in front of the virtual functions is the address of the type information.

@@ -1,0 +1,314 @@
+// Threads that wait for each other: what is said about them. In which orders it is said at all is
+// for schedule/BlockedSends_test.cpp.
+#include "CmBlockedSends.h"
+
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "CmLifeGuard.h"
+#include "CmWorker.h"
+#include "support/Eventually.h"
+#include "support/Faults.h"
+#include "support/Gate.h"
+#include "support/TraceSink.h"
+
+namespace UTIL_NS {
+namespace {
+
+using kelto_test::Eventually;
+using kelto_test::Gate;
+using kelto_test::ScopedTraceSink;
+
+constexpr char CIRCLE[] = ", watch, threads wait for each other: ";
+
+class Switched {
+  public:
+    Switched() { CCmBlockedSend::SwitchOn(true); }
+    ~Switched() { CCmBlockedSend::SwitchOn(false); }
+    Switched(const Switched&) = delete;
+    Switched& operator=(const Switched&) = delete;
+};
+
+void EndPending(CCmWorker& aWorker) {
+    static_cast<CCmEventQueueUsingConditionVariable*>(aWorker.GetEventQueue())
+        ->DestoryPendingEvents();
+}
+
+// The first line about a circle, once there is one.
+std::string FirstCircle(const ScopedTraceSink& aSink) {
+    std::string strLine;
+    EXPECT_TRUE(Eventually([&] {
+        for (const kelto_test::TraceLine& line : aSink.lines()) {
+            if (line.text.find(CIRCLE) != std::string::npos) {
+                strLine = line.text;
+            }
+        }
+        return !strLine.empty();
+    }));
+    return strLine;
+}
+
+// Which of two threads closes the circle, and so comes first in the line, is a matter of time.
+void ExpectCircle(const ScopedTraceSink& aSink, const std::string& aPlace, const std::string& aLeft,
+                  const std::string& aRight) {
+    const std::string strLine = FirstCircle(aSink);
+    const std::string strStart = "UTIL WARNING: " + aPlace + CIRCLE;
+    EXPECT_TRUE(strLine == strStart + aLeft + " -> " + aRight + " -> " + aLeft ||
+                strLine == strStart + aRight + " -> " + aLeft + " -> " + aRight)
+        << strLine;
+    EXPECT_EQ(1U, aSink.count(CIRCLE));
+}
+
+// Two workers, of whose events each begins only when both of them run.
+struct Pair {
+    template <class LeftType, class RightType>
+    void Run(LeftType aLeft, RightType aRight) {
+        CmPost(m_left, [this, aLeft]() mutable {
+            m_leftRuns.Open();
+            EXPECT_TRUE(m_rightRuns.Wait());
+            aLeft();
+        });
+        CmPost(m_right, [this, aRight]() mutable {
+            m_rightRuns.Open();
+            EXPECT_TRUE(m_leftRuns.Wait());
+            aRight();
+        });
+    }
+
+    Gate m_leftRuns;
+    Gate m_rightRuns;
+    CCmWorker m_left{CCmWorkerOptions().Name("left")};
+    CCmWorker m_right{CCmWorkerOptions().Name("right")};
+};
+
+TEST(CmBlockedSends, SaysTheNames_WhenTwoWorkersSendToEachOther) {
+    const Switched on;
+    ScopedTraceSink sink;
+    Pair pair;
+    const auto sendTo = [](CCmWorker& aWorker) {
+        aWorker.GetEventQueue()->SendEvent(CmMakeEvent([] {}));
+    };
+    pair.Run([&] { sendTo(pair.m_right); }, [&] { sendTo(pair.m_left); });
+    ExpectCircle(sink, "CCmEventQueueBase::SendEvent", "left", "right");
+    EndPending(pair.m_left);
+}
+
+TEST(CmBlockedSends, SaysTheNames_WhenThreeWorkersCallEachOther) {
+    const Switched on;
+    ScopedTraceSink sink;
+    CCmWorker workers[3] = {CCmWorker(CCmWorkerOptions().Name("first")),
+                            CCmWorker(CCmWorkerOptions().Name("second")),
+                            CCmWorker(CCmWorkerOptions().Name("third"))};
+    Gate runs[3];
+    for (int i = 0; i < 3; ++i) {
+        CmPost(workers[i], [&, i] {
+            runs[i].Open();
+            EXPECT_TRUE(runs[0].Wait() && runs[1].Wait() && runs[2].Wait());
+            CmCall(workers[(i + 1) % 3], [] {});
+        });
+    }
+    const std::string strLine = FirstCircle(sink);
+    const std::string strNames = strLine.substr(strLine.find(CIRCLE) + sizeof(CIRCLE) - 1);
+    EXPECT_TRUE(strNames == "first -> second -> third -> first" ||
+                strNames == "second -> third -> first -> second" ||
+                strNames == "third -> first -> second -> third")
+        << strLine;
+    EXPECT_EQ(1U, sink.count(CIRCLE));
+    EndPending(workers[0]);
+}
+
+TEST(CmBlockedSends, SaysTheNames_WhenACallIsCancelledThatSends) {
+    const Switched on;
+    ScopedTraceSink sink;
+    Pair pair;
+    CCmTimerHandle call;
+    Gate isPosted;
+    call = CmPostDelayed(pair.m_left, CCmTimeValue(), [&] {
+        pair.m_leftRuns.Open();
+        EXPECT_TRUE(isPosted.Wait());
+        CmCall(pair.m_right, [] {});
+    });
+    CmPost(pair.m_right, [&] {
+        EXPECT_TRUE(pair.m_leftRuns.Wait());
+        isPosted.Open();
+        call.CancelAndWait();
+    });
+    const std::string strLine = FirstCircle(sink);
+    EXPECT_TRUE(strLine == std::string("UTIL WARNING: CCmTimerHandle::CancelAndWait") + CIRCLE +
+                               "right -> left -> right" ||
+                strLine == std::string("UTIL WARNING: CCmEventQueueBase::SendEvent") + CIRCLE +
+                               "left -> right -> left")
+        << strLine;
+    EXPECT_EQ(1U, sink.count(CIRCLE));
+    EndPending(pair.m_right);
+}
+
+TEST(CmBlockedSends, SaysTheNames_WhenAWorkerIsJoinedThatSends) {
+    const Switched on;
+    ScopedTraceSink sink;
+    Pair pair;
+    Gate hasSent;
+    pair.Run([&] { CmCall(pair.m_right, [] {}); },
+             [&] {
+                 EXPECT_TRUE(Eventually(
+                     [&] { return pair.m_right.GetEventQueue()->GetPendingEventsCount() > 0; }));
+                 pair.m_left.Stop();
+                 pair.m_left.Join();
+             });
+    // The post is seen before the wait is entered, so either may be the last.
+    const std::string strLine = FirstCircle(sink);
+    EXPECT_TRUE(strLine == std::string("UTIL WARNING: ACmThread::Join") + CIRCLE +
+                               "right -> left -> right" ||
+                strLine == std::string("UTIL WARNING: CCmEventQueueBase::SendEvent") + CIRCLE +
+                               "left -> right -> left")
+        << strLine;
+    EXPECT_EQ(1U, sink.count(CIRCLE));
+    EndPending(pair.m_right);
+}
+
+TEST(CmBlockedSends, SaysTheNames_WhenAGuardEndsWhoseCallableSends) {
+    const Switched on;
+    ScopedTraceSink sink;
+    Pair pair;
+    CCmLifeGuard guard;
+    pair.Run(guard.Wrap([&] { CmCall(pair.m_right, [] {}); }), [&] {
+        EXPECT_TRUE(
+            Eventually([&] { return pair.m_right.GetEventQueue()->GetPendingEventsCount() > 0; }));
+        guard.End();
+    });
+    const std::string strLine = FirstCircle(sink);
+    EXPECT_TRUE(strLine == std::string("UTIL WARNING: CCmLifeGuard::End") + CIRCLE +
+                               "right -> left -> right" ||
+                strLine == std::string("UTIL WARNING: CCmEventQueueBase::SendEvent") + CIRCLE +
+                               "left -> right -> left")
+        << strLine;
+    EndPending(pair.m_right);
+}
+
+TEST(CmBlockedSends, GuardEndsAfterAllItsCallables_WhenItIsWatched) {
+    const Switched on;
+    ScopedTraceSink sink;
+    CCmLifeGuard guard;
+    Gate release;
+    Gate runs[2];
+    std::atomic<int> nDone{0};
+    std::thread others[2];
+    for (int i = 0; i < 2; ++i) {
+        others[i] = std::thread(guard.Wrap([&, i] {
+            runs[i].Open();
+            EXPECT_TRUE(release.Wait());
+            ++nDone;
+        }));
+    }
+    EXPECT_TRUE(runs[0].Wait() && runs[1].Wait());
+    std::thread opener([&] {
+        EXPECT_TRUE(Eventually([&] { return guard.Result() == CM_ERROR_NOT_INITIALIZED; }));
+        release.Open();
+    });
+    guard.End();
+    EXPECT_EQ(2, nDone);
+    EXPECT_EQ(0U, sink.count(CIRCLE));
+    opener.join();
+    others[0].join();
+    others[1].join();
+}
+
+TEST(CmBlockedSends, SaysNothing_WhileItIsOff) {
+    ScopedTraceSink sink;
+    Pair pair;
+    pair.Run([&] { CmCall(pair.m_right, [] {}); }, [&] { CmCall(pair.m_left, [] {}); });
+    EXPECT_TRUE(pair.m_leftRuns.Wait() && pair.m_rightRuns.Wait());
+    EXPECT_TRUE(Eventually([&] {
+        return pair.m_left.GetEventQueue()->GetPendingEventsCount() > 0 &&
+               pair.m_right.GetEventQueue()->GetPendingEventsCount() > 0;
+    }));
+    EndPending(pair.m_left);
+    pair.m_left.End();
+    pair.m_right.End();
+    EXPECT_EQ(0U, sink.count(CIRCLE));
+}
+
+TEST(CmBlockedSends, SaysANumber_WhenAThreadHasNoName) {
+    const Switched on;
+    ScopedTraceSink sink;
+    Pair pair;
+    pair.Run([&] { CmCall(pair.m_right, [] {}); },
+             [&] {
+                 pthread_setname_np(pthread_self(), "");
+                 CmCall(pair.m_left, [] {});
+             });
+    EXPECT_NE(std::string::npos, FirstCircle(sink).find("thread 0x"));
+    EndPending(pair.m_left);
+}
+
+TEST(CmBlockedSends, CutsTheNames_WhenThereIsNoRoomForAll) {
+    const Switched on;
+    ScopedTraceSink sink;
+    constexpr int COUNT = 80;
+    std::vector<std::unique_ptr<CCmWorker>> workers;
+    std::vector<Gate> runs(COUNT);
+    for (int i = 0; i < COUNT; ++i) {
+        const std::string strName = "thread-name-" + std::to_string(100 + i);
+        workers.emplace_back(new CCmWorker(CCmWorkerOptions().Name(strName.c_str())));
+    }
+    for (int i = 0; i < COUNT; ++i) {
+        CmPost(*workers[static_cast<size_t>(i)], [&, i] {
+            runs[static_cast<size_t>(i)].Open();
+            EXPECT_TRUE(runs[static_cast<size_t>((i + 1) % COUNT)].Wait());
+            CmCall(*workers[static_cast<size_t>((i + 1) % COUNT)], [] {});
+        });
+    }
+    const std::string strLine = FirstCircle(sink);
+    const std::string strNames = strLine.substr(strLine.find(CIRCLE) + sizeof(CIRCLE) - 1);
+    EXPECT_LT(strNames.size(), CCmBlockedSend::NAMES_SIZE);
+    EXPECT_EQ(" -> ...", strNames.substr(strNames.size() - 7));
+    EXPECT_EQ(0U, strNames.find("thread-name-1"));
+    EndPending(*workers[0]);
+}
+
+TEST(CmBlockedSends, Sends_WhenItsListCannotBeLocked) {
+    const Switched on;
+    kelto_test::FailingCall<&CCmSystemTable::pthread_mutex_lock> fault(EINVAL, EINVAL, 1,
+                                                                       kelto_test::Failing::ONCE);
+    CCmBlockedSend blocked;
+    CCmAwaitedThread awaited;
+    char szNames[CCmBlockedSend::NAMES_SIZE];
+    EXPECT_FALSE(blocked.Enter(
+        awaited, [](const void*) { return true; }, nullptr, szNames));
+    blocked.Leave();
+}
+
+TEST(CmBlockedSends, ClosesACircle_WhenAThreadWaitsForItself) {
+    const Switched on;
+    CCmAwaitedThread awaited;
+    awaited.BindToCurrentThread();
+    CCmBlockedSend blocked;
+    char szNames[CCmBlockedSend::NAMES_SIZE];
+    EXPECT_TRUE(blocked.Enter(
+        awaited, [](const void*) { return true; }, nullptr, szNames));
+    blocked.Leave();
+    CCmBlockedSend over;
+    EXPECT_FALSE(over.Enter(
+        awaited, [](const void*) { return false; }, nullptr, szNames));
+}
+
+TEST(CmBlockedSends, NumbersDiffer_WhenAThreadComesAfterAnother) {
+    uint64_t ullFirst = 0;
+    uint64_t ullSecond = 0;
+    std::thread([&] { ullFirst = CmNumberOfThisThread(); }).join();
+    std::thread([&] {
+        ullSecond = CmNumberOfThisThread();
+        EXPECT_EQ(ullSecond, CmNumberOfThisThread());
+    }).join();
+    EXPECT_NE(0U, ullFirst);
+    EXPECT_LT(ullFirst, ullSecond);
+}
+
+}  // namespace
+}  // namespace UTIL_NS
