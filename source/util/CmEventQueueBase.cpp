@@ -16,6 +16,7 @@
 #include "CmSystem.h"
 #include "CmThreadAnnotations.h"
 #include "CmTraceLine.h"
+#include "CmWatched.h"
 #include "port/CmPort.h"
 
 namespace UTIL_NS {
@@ -583,6 +584,10 @@ CmResult CCmEventSynchronous::CSendState::Send() {
         Abandon(blocked);
         queueState.CountSenderOut();
     });
+    if (CM_UNLIKELY(CCmBlockedSend::IsOn())) {
+        // Relaxed, and before the post: nobody else has the event yet.
+        blocked.SetSent(CmTableOf(m_Wrapper.m_pEvent.load(std::memory_order_relaxed)));
+    }
     const CmResult rv = queue.PostEvent(&m_Wrapper, ICmEventQueue::EPRIORITY_NORMAL);
     if (CM_UNLIKELY(CCmBlockedSend::IsOn()) && CM_SUCCEEDED(rv)) {
         EnterWait(blocked);
