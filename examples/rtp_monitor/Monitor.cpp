@@ -35,9 +35,9 @@ bool CMonitor::Start(std::string* aError) {
         return false;
     }
     const uint32_t dwBatches = std::max(MOST_BATCHES / m_options.workers, LEAST_BATCHES);
-    for (unsigned int i = 0; i < m_options.workers; ++i) {
+    for (unsigned int i = 1; i <= m_options.workers; ++i) {
         m_workers.push_back(std::make_unique<CStreamWorker>(m_options.clockRates, dwBatches,
-                                                            !m_options.plotFile.empty()));
+                                                            !m_options.plotFile.empty(), i));
         if (CM_FAILED(m_workers.back()->Result())) {
             *aError = std::string("cannot start the worker threads: ") +
                       UTIL_NS::CmResultText(m_workers.back()->Result());

@@ -73,8 +73,8 @@ int CPresenter::Run() {
     if (!bPlot) {
         m_stop.Raise();  // weeks from now it would be too late
     }
-    UTIL_NS::CCmWorker screen(UTIL_NS::CCmWorkerOptions().Name("screen"));
-    UTIL_NS::CCmTimer timer(screen,
+    UTIL_NS::CCmWorker tables(UTIL_NS::CCmWorkerOptions().Name("tables"));
+    UTIL_NS::CCmTimer timer(tables,
                             std::chrono::microseconds(m_options.intervalMs * 1000ULL / m_dwTicks),
                             [this] { OnTick(); });
     if (CM_FAILED(timer.Result())) {

@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <poll.h>
+#include <pthread.h>
 
 #include <algorithm>
 #include <climits>
@@ -17,6 +18,15 @@ namespace {
 
 constexpr int64_t USEC_PER_MS = 1000;
 
+// For debuggers, and for who asks who posted a batch.
+void NameThisThread(const char* aName) {
+#ifdef __APPLE__
+    pthread_setname_np(aName);
+#else
+    pthread_setname_np(pthread_self(), aName);
+#endif
+}
+
 }  // namespace
 
 CReceiver::CReceiver(std::unique_ptr<IPacketSource> aSource, StreamWorkers& aWorkers,
@@ -29,6 +39,7 @@ CReceiver::CReceiver(std::unique_ptr<IPacketSource> aSource, StreamWorkers& aWor
       m_pending(aWorkers.size()) {}
 
 void CReceiver::OnThreadRun() {
+    NameThisThread("receiver");
     bool bGoOn = true;
     while (bGoOn && !m_stop.IsRaised()) {
         bGoOn = ReadOne();

@@ -1,6 +1,7 @@
 #include "StreamWorker.h"
 
 #include <algorithm>
+#include <string>
 #include <string_view>
 #include <utility>
 
@@ -13,10 +14,11 @@ namespace rtp_monitor {
 using UTIL_NS::CCmWorkerOptions;
 using UTIL_NS::CmResult;
 
-CStreamWorker::CStreamWorker(const ClockRates& aClockRates, uint32_t aMostBatches, bool aKeepSeries)
+CStreamWorker::CStreamWorker(const ClockRates& aClockRates, uint32_t aMostBatches, bool aKeepSeries,
+                             unsigned int aNumber)
     : m_bKeepSeries(aKeepSeries),
       m_llIntervalStartUsec(MonotonicUsec()),
-      m_worker(CCmWorkerOptions().Name("streams")) {
+      m_worker(CCmWorkerOptions().Name(("streams " + std::to_string(aNumber)).c_str())) {
     if (CM_SUCCEEDED(m_worker.Result())) {
         m_poster.emplace(*m_worker.GetEventQueue(), aMostBatches);
     }

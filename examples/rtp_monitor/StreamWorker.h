@@ -41,8 +41,9 @@ struct CBatch {
 // One thread of the library and the streams that it looks after.
 class CStreamWorker {
   public:
-    // aMostBatches: how many may wait. aKeepSeries: for AddCurves.
-    CStreamWorker(const ClockRates& aClockRates, uint32_t aMostBatches, bool aKeepSeries = false);
+    // aMostBatches: how many may wait. aKeepSeries: for AddCurves. aNumber: in the thread's name.
+    CStreamWorker(const ClockRates& aClockRates, uint32_t aMostBatches, bool aKeepSeries = false,
+                  unsigned int aNumber = 1);
 
     // Whether the thread runs; without it nothing below may be called.
     UTIL_NS::CmResult Result() const;

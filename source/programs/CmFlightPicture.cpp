@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <array>
+#include <map>
 #include <unordered_map>
 
 #include "CmFlightOutput.h"
@@ -101,15 +102,11 @@ class CPicturePrinter {
                aKind == ECmRecord::RUNNING;
     }
 
-    int64_t LengthOf(const CCmFlightRecord& aRecord) const {
-        return aRecord.kind == ECmRecord::RUNNING ? m_llTo - aRecord.usec : aRecord.length;
-    }
-
     void FindClasses() {
         std::unordered_map<uint64_t, int64_t> totals;
         for (const CCmFlightRecord& record : m_Records.records) {
             if (record.isShown && HasBar(record.kind)) {
-                totals[record.table] += std::min(LengthOf(record), m_llTo - m_llFrom);
+                totals[record.table] += std::min(record.length, m_llTo - m_llFrom);
             }
         }
         m_Legend.assign(totals.begin(), totals.end());
@@ -183,12 +180,12 @@ class CPicturePrinter {
 
     void PrintBar(const CCmFlightRecord& aRecord, size_t aRow) {
         const double dX = X(aRecord.usec);
-        const double dEnd = X(aRecord.usec + LengthOf(aRecord));
+        const double dEnd = X(aRecord.usec + aRecord.length);
         if (!IsSeen(aRow, dX, dEnd)) {
             return;
         }
         const std::string strClass = m_Reader.ClassOf(aRecord.table);
-        const std::string strLength = CmLengthText(LengthOf(aRecord));
+        const std::string strLength = CmLengthText(aRecord.length);
         const char* pszMore = aRecord.kind == ECmRecord::EVENT ? ""
                               : aRecord.kind == ECmRecord::TIMER
                                   ? " rx=\"8\""
@@ -295,9 +292,9 @@ class CPicturePrinter {
     const std::vector<std::string> m_Labels;
     int64_t m_llFrom = 0;
     int64_t m_llTo = 0;
-    std::unordered_map<uint32_t, size_t> m_Rows;  // of threads
-    std::vector<double> m_Ends;                   // of the last bar in a row
-    size_t m_nLeftOut = 0;                        // threads
+    std::map<uint32_t, size_t> m_Rows;  // of threads
+    std::vector<double> m_Ends;         // of the last bar in a row
+    size_t m_nLeftOut = 0;              // threads
     size_t m_nClasses = 0;
     size_t m_nShapes = 0;
     std::vector<std::pair<uint64_t, int64_t>> m_Legend;  // class and time

@@ -159,8 +159,10 @@ bool CCmFlightReader::ReadSlot(uint32_t aSlot, CCmFlightSlot* aOut) {
                     sizeof(ullCount))) {
             return false;
         }
-        if (m_eState != EState::LIVE ||
-            (ullCount % 2 == 0 && ullCount == aOut->m_ullFiguresCount)) {
+        // While a thread is given the slot, it seems to be free.
+        const bool bWhole = ullCount % 2 == 0 && ullCount == aOut->m_ullFiguresCount &&
+                            (aOut->m_dwState != CCmFlightSlot::FREE || aOut->m_ullWritten == 0);
+        if (m_eState != EState::LIVE || bWhole) {
             return true;
         }
     }

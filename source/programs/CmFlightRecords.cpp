@@ -265,6 +265,15 @@ CCmFlightRecords CmReadRecords(CCmFlightReader& aReader) {
         out.isLimited = out.isLimited || ring.isLimited;
         CRingDecoder(ring, slot, &out).Decode();
     }
+    out.lastUsec = aReader.LastUsec();
+    for (const CCmFlightRecord& record : out.records) {
+        out.lastUsec = std::max(out.lastUsec, CmEndOf(record));
+    }
+    for (CCmFlightRecord& record : out.records) {
+        if (record.kind == ECmRecord::RUNNING) {
+            record.length = out.lastUsec - record.usec;
+        }
+    }
     std::stable_sort(out.records.begin(), out.records.end(), IsBefore);
     FindPosts(&out);
     return out;
@@ -291,14 +300,6 @@ void CmFilterRecords(const CCmFlightFilter& aFilter, CCmFlightRecords* aRecords)
 // A step has no length but a distance.
 int64_t CmEndOf(const CCmFlightRecord& aRecord) {
     return aRecord.usec + (aRecord.kind == ECmRecord::STEP ? 0 : aRecord.length);
-}
-
-int64_t CmLastUsec(const CCmFlightRecords& aRecords) {
-    int64_t llLast = 0;
-    for (const CCmFlightRecord& record : aRecords.records) {
-        llLast = std::max(llLast, CmEndOf(record));
-    }
-    return llLast;
 }
 
 std::vector<std::string> CmThreadLabels(const CCmFlightRecords& aRecords) {

@@ -66,6 +66,7 @@ struct CCmFlightRecords {
     std::vector<std::string> texts;
     std::unordered_map<uint64_t, uint32_t>
         queues;              // which thread runs what a queue has, where known
+    int64_t lastUsec = 0;    // when the recording ends
     bool isLimited = false;  // the oldest records are left out
     std::string error;       // empty, or what could not be read, in one line
 };
@@ -85,8 +86,6 @@ void CmFilterRecords(const CCmFlightFilter& aFilter, CCmFlightRecords* aRecords)
 
 // When a record ended.
 int64_t CmEndOf(const CCmFlightRecord& aRecord);
-// When the last one did; 0 without any.
-int64_t CmLastUsec(const CCmFlightRecords& aRecords);
 
 // What the threads are called, as they are: the name, with the number where the name is not given
 // or not the only one of its kind.

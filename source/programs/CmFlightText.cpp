@@ -43,8 +43,10 @@ class CTextPrinter {
     }
 
     std::string Line(const CCmFlightRecord& aRecord) {
+        const std::string strDetails = Details(aRecord);
+        const std::string strKind = CmRecordName(aRecord.kind);
         return CmTimeText(aRecord.usec) + "  " + CmPadRight(m_Labels[aRecord.thread], m_nLabel) +
-               "  " + CmPadRight(CmRecordName(aRecord.kind), 10) + Details(aRecord) + "\n";
+               "  " + (strDetails.empty() ? strKind : CmPadRight(strKind, 10) + strDetails) + "\n";
     }
 
     std::string ThreadLine(uint32_t aThread) {
@@ -137,8 +139,8 @@ void CmPrintHead(CCmFlightReader& aReader, const CCmFlightRecords& aRecords,
         std::count_if(aRecords.records.begin(), aRecords.records.end(),
                       [](const CCmFlightRecord& aRecord) { return aRecord.isShown; });
     aSink("# " + CmPrintable(aReader.Process()) + " " + std::to_string(aReader.ProcessId()) +
-          ", from " + CmTimeText(aReader.StartUsec()) + " to " +
-          CmTimeText(std::max(aReader.LastUsec(), CmLastUsec(aRecords))) + ", " + pszState +
+          ", from " + CmTimeText(aReader.StartUsec()) + " to " + CmTimeText(aRecords.lastUsec) +
+          ", " + pszState +
           CmFormat("; %zu threads, %zu of %zu records\n", aRecords.threads.size(),
                    static_cast<size_t>(nShown), aRecords.records.size()));
     if (aRecords.isLimited) {

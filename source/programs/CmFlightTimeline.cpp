@@ -20,7 +20,6 @@ class CTimelinePrinter {
           m_Labels(CmThreadLabels(aRecords)) {}
 
     void Print() {
-        m_llEnd = std::max(m_Reader.LastUsec(), CmLastUsec(m_Records));
         m_Sink("{\"displayTimeUnit\": \"ms\", \"traceEvents\": [");
         Put("M", "process_name", 0, 0,
             ", \"args\": {\"name\": " + CmJsonText(m_Reader.Process()) + "}");
@@ -56,10 +55,10 @@ class CTimelinePrinter {
         m_bFirst = false;
     }
 
-    void PutSlice(const CCmFlightRecord& aRecord, int64_t aLength, const std::string& aArguments) {
+    void PutSlice(const CCmFlightRecord& aRecord, const std::string& aArguments) {
         Put("X", m_Reader.ClassOf(aRecord.table), aRecord.thread, aRecord.usec,
             CmFormat(", \"cat\": \"%s\", \"dur\": %lld, \"args\": {", CmRecordName(aRecord.kind),
-                     static_cast<long long>(aLength)) +
+                     static_cast<long long>(aRecord.length)) +
                 aArguments + "}");
     }
 
@@ -93,7 +92,7 @@ class CTimelinePrinter {
                          static_cast<long long>(std::max<int64_t>(aRecord.usec - pPost->usec, 0))) +
                 CmJsonText(m_Labels[pPost->thread]);
         }
-        PutSlice(aRecord, aRecord.length, strArguments);
+        PutSlice(aRecord, strArguments);
         PutPending(aRecord, aRecord.usec);
         if (pPost != nullptr && pPost->isShown) {
             PutArrow(*pPost, aRecord, aId);
@@ -106,17 +105,17 @@ class CTimelinePrinter {
                 PutEvent(aRecord, aId);
                 break;
             case ECmRecord::POST:
-                PutSlice(aRecord, 0, "");
+                PutSlice(aRecord, "");
                 break;
             case ECmRecord::TIMER:
-                PutSlice(aRecord, aRecord.length,
+                PutSlice(aRecord,
                          CmFormat("\"lateUsec\": %lld", static_cast<long long>(aRecord.late)));
                 break;
             case ECmRecord::SEND:
-                PutSlice(aRecord, aRecord.length, "");
+                PutSlice(aRecord, "");
                 break;
             case ECmRecord::RUNNING:
-                PutSlice(aRecord, std::max<int64_t>(m_llEnd - aRecord.usec, 0), "\"ended\": false");
+                PutSlice(aRecord, "\"ended\": false");
                 break;
             case ECmRecord::HIGH_WATER:
                 PutMark(
@@ -141,7 +140,6 @@ class CTimelinePrinter {
     const CCmFlightRecords& m_Records;
     const CmTextSink& m_Sink;
     const std::vector<std::string> m_Labels;
-    int64_t m_llEnd = 0;
     bool m_bFirst = true;
 };
 

@@ -13,6 +13,9 @@ constexpr double USEC_PER_SEC = 1e6;
 constexpr size_t LEAST_NAME = 8;  // columns
 constexpr size_t MOST_NAME = 24;
 constexpr size_t LEAST_NOW = 10;
+// Columns of less than this importance do not keep these from growing by so many columns.
+constexpr int ESSENTIAL = 50;
+constexpr size_t GROWTH = 18;
 constexpr char NOT_KNOWN[] = "-";
 
 std::string Length(const CCmTopLengths& aLengths, uint64_t aUsec) {
@@ -68,7 +71,10 @@ const std::array COLUMNS = {
             [](Worker w) { return Length(w.running, w.running.longest); },
             [](Worker w) { return Number(w.running.longest); }, "how long an event ran at most"},
     CColumn{"class", 'c', "OF CLASS", 16, 35,
-            [](Worker w) { return CmPrintable(CmShortClassName(w.longestClass)); },
+            [](Worker w) {
+                return w.longestClass.empty() ? NOT_KNOWN
+                                              : CmPrintable(CmShortClassName(w.longestClass));
+            },
             [](Worker w) { return Number(w.running.longest); }, "the class of that event"},
     CColumn{"timers", 't', "TIM/S", 5, 30, [](Worker w) { return Rate(w, w.timersPerSec); },
             [](Worker w) { return w.timersPerSec; }, "timers fired each second"},
@@ -151,7 +157,8 @@ CLayout LayOut(const std::vector<const CCmTopWorker*>& aWorkers, size_t aColumns
     nUsed += bNow ? 1 + LEAST_NOW : 0;
     for (const size_t nColumn : order) {
         // Those that matter less do not take the place of one that was too wide.
-        if (nUsed + 1 + COLUMNS[nColumn].width > aColumns) {
+        const size_t nKept = COLUMNS[nColumn].importance < ESSENTIAL ? GROWTH : 0;
+        if (nUsed + 1 + COLUMNS[nColumn].width + nKept > aColumns) {
             break;
         }
         layout.isShown[nColumn] = true;

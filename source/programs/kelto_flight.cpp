@@ -8,11 +8,11 @@
 #include <string>
 #include <vector>
 
-#include "CmFlightFiles.h"
 #include "CmFlightOutput.h"
 #include "CmFlightReader.h"
 #include "CmFlightRecords.h"
 #include "CmProgramText.h"
+#include "CmRecordings.h"
 
 namespace {
 
@@ -30,7 +30,7 @@ Without FILE the newest recording of this user. Its records are printed, a line 
   --from TIME, --to TIME
                         not what ended before or began after: [YYYY-MM-DD ]HH:MM[:SS[.FRACTION]] in
                         local time, or @SECONDS since 1970
-  --last SECONDS        the same, counted from the last record
+  --last SECONDS        the last ones of the recording
   --threads             print the threads instead
   --json OUT            write trace-event JSON for timeline viewers instead; -: standard output
   --svg OUT             write a picture instead
@@ -125,12 +125,12 @@ class COutput {
 };
 
 int List(const std::string& aDirectory) {
-    std::vector<CCmFlightFile> files;
+    std::vector<CCmRecording> files;
     std::string strError;
-    if (!CmListFlightFiles(aDirectory, &files, &strError)) {
+    if (!CmListRecordings(aDirectory, &files, &strError)) {
         return Complain(strError, 1);
     }
-    for (const CCmFlightFile& file : files) {
+    for (const CCmRecording& file : files) {
         std::printf("%s %llu %s %s %s\n", CmPrintable(file.process).c_str(),
                     static_cast<unsigned long long>(file.pid), CmTimeText(file.startUsec).c_str(),
                     file.isLive ? "runs" : "over", CmPrintable(file.path).c_str());
@@ -143,8 +143,8 @@ bool FindFile(CArguments* aArguments, std::string* aError) {
     if (!aArguments->file.empty()) {
         return true;
     }
-    std::vector<CCmFlightFile> files;
-    if (!CmListFlightFiles(aArguments->directory, &files, aError)) {
+    std::vector<CCmRecording> files;
+    if (!CmListRecordings(aArguments->directory, &files, aError)) {
         return false;
     }
     if (files.empty()) {
@@ -190,7 +190,7 @@ int Show(CArguments& aArguments) {
         return Complain(reader.Error(), 1);
     }
     CCmFlightRecords records = CmReadRecords(reader);
-    strError = ReadTimes(aArguments, CmLastUsec(records), &aArguments.filter);
+    strError = ReadTimes(aArguments, records.lastUsec, &aArguments.filter);
     if (!strError.empty()) {
         return Misused(strError);
     }
@@ -217,7 +217,7 @@ int Show(CArguments& aArguments) {
 
 int Run(int aCount, char** aValues) {
     CArguments arguments;
-    arguments.directory = CmFlightDirectory();
+    arguments.directory = CmRecordingDirectory();
     for (int nOption = 0; (nOption = getopt_long(aCount, aValues, "", OPTIONS, nullptr)) != -1;) {
         ECmRecord eKind = ECmRecord::EVENT;
         switch (nOption) {

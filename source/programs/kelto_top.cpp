@@ -12,9 +12,9 @@
 #include <thread>
 #include <vector>
 
-#include "CmFlightFiles.h"
 #include "CmFlightReader.h"
 #include "CmProgramText.h"
+#include "CmRecordings.h"
 #include "CmTopReading.h"
 #include "CmTopScreen.h"
 #include "CmTopTable.h"
@@ -81,7 +81,7 @@ int Misused(const std::string& aWhat) {
     return Complain(aWhat + "; --help tells more", 2);
 }
 
-std::string Described(const CCmFlightFile& aFile) {
+std::string Described(const CCmRecording& aFile) {
     return CmPrintable(aFile.process) + " " + std::to_string(aFile.pid);
 }
 
@@ -91,12 +91,12 @@ bool FindFile(const CArguments& aArguments, std::string* aPath, std::string* aEr
         *aPath = aArguments.process;
         return true;
     }
-    std::vector<CCmFlightFile> files;
-    if (!CmListFlightFiles(aArguments.directory, &files, aError)) {
+    std::vector<CCmRecording> files;
+    if (!CmListRecordings(aArguments.directory, &files, aError)) {
         return false;
     }
-    std::vector<const CCmFlightFile*> found;
-    for (const CCmFlightFile& file : files) {
+    std::vector<const CCmRecording*> found;
+    for (const CCmRecording& file : files) {
         if (file.isLive && (aArguments.process.empty() || aArguments.process == file.process ||
                             aArguments.process == std::to_string(file.pid))) {
             found.push_back(&file);
@@ -288,7 +288,7 @@ int Show(const CArguments& aArguments) {
 
 int Run(int aCount, char** aValues) {
     CArguments arguments;
-    arguments.directory = CmFlightDirectory();
+    arguments.directory = CmRecordingDirectory();
     for (int nOption = 0; (nOption = getopt_long(aCount, aValues, "", OPTIONS, nullptr)) != -1;) {
         switch (nOption) {
             case ONCE:

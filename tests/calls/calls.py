@@ -12,7 +12,8 @@ import subprocess
 TESTS = pathlib.Path(__file__).resolve().parents[1]
 LIST = TESTS / "calls" / "calls.txt"
 ROWS = [TESTS / name for name in (
-    "System_faults_test.cpp", "CmBlockPool_start_test.cpp", "CmPortLinux_test.cpp")]
+    "System_faults_test.cpp", "CmBlockPool_start_test.cpp", "CmFlight_file_test.cpp",
+    "CmFlight_start_test.cpp", "CmPortLinux_test.cpp")]
 # Where the table and what stands in it are defined.
 TABLE = {"CmSystem.cpp.o", "CmPortLinux.cpp.o"}
 # C++ and what compilers and sanitizers put in; the trace library.

@@ -39,9 +39,8 @@ class ProgramTest(unittest.TestCase):
         return file
 
     def run_program(self, program, *arguments, **keywords):
-        return subprocess.run([PROGRAMS[program], *arguments], env=self.environment,
-                              stdout=subprocess.PIPE, stderr=subprocess.PIPE, timeout=LIMIT,
-                              **keywords)
+        return subprocess.run([PROGRAMS[program], *arguments], env=self.environment, timeout=LIMIT,
+                              **{"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, **keywords})
 
     def flight(self, *arguments):
         return self.run_program("flight", *arguments)
@@ -66,7 +65,7 @@ def call():
     redraw = recording.add_class("7CRedraw")
     tick = recording.add_class("")
     net = recording.add(1, "net")
-    worker = recording.add(2, "worker 1")
+    worker = recording.add(2, "worker 1", start=START + 10)
     net.begin(START, 1, 0x7f0000000001, "net")
     worker.begin(START + 10, 2, 0x7f0000000002, "worker 1")
     net.post(START + 1000, packet, 0xA0, 0xC0)

@@ -1,4 +1,5 @@
 // The part of CmPort.h that looks after a mapped file.
+#include <sched.h>
 #include <signal.h>
 #include <sys/mman.h>
 
@@ -17,7 +18,8 @@ namespace {
 // guarded.
 CmStd::atomic<uintptr_t> s_nBegin{0};
 CmStd::atomic<size_t> s_nSize{0};
-CmStd::atomic<bool> s_bIsLost{false};
+enum EState : int { STATE_WHOLE, STATE_BEING_REPLACED, STATE_LOST };
+CmStd::atomic<int> s_nState{STATE_WHOLE};
 
 // Written before the handler is installed, which then stays the way to the one before it.
 struct sigaction s_previous;
@@ -51,14 +53,27 @@ void PassOn(int aSignal, siginfo_t* aInfo, void* aContext) {
     }
 }
 
+// True: the access may go on. Of threads that fault at the same time one replaces what is mapped,
+// lest it takes from another what that one has written since.
+bool Replace() {
+    int nState = STATE_WHOLE;
+    if (s_nState.compare_exchange_strong(nState, STATE_BEING_REPLACED, std::memory_order_relaxed)) {
+        const bool bIsDone =
+            CmPortReplaceMapping(reinterpret_cast<void*>(s_nBegin.load(std::memory_order_relaxed)),
+                                 s_nSize.load(std::memory_order_relaxed));
+        s_nState.store(bIsDone ? STATE_LOST : STATE_WHOLE, std::memory_order_relaxed);
+        return bIsDone;
+    }
+    while (s_nState.load(std::memory_order_relaxed) == STATE_BEING_REPLACED) {
+        sched_yield();
+    }
+    return true;
+}
+
 void OnBusError(int aSignal, siginfo_t* aInfo, void* aContext) {
     const int nError = errno;
-    // Of a signal that a process sent, si_code says so and si_addr means nothing.
-    if (aInfo->si_code > 0 && aInfo->si_code != SI_USER && IsGuarded(aInfo->si_addr) &&
-        CmPortReplaceMapping(reinterpret_cast<void*>(s_nBegin.load(std::memory_order_relaxed)),
-                             s_nSize.load(std::memory_order_relaxed))) {
-        s_bIsLost.store(true, std::memory_order_relaxed);
-    } else {
+    // Another code is that of a signal that was sent, with no address, or of broken memory.
+    if (aInfo->si_code != BUS_ADRERR || !IsGuarded(aInfo->si_addr) || !Replace()) {
         PassOn(aSignal, aInfo, aContext);
     }
     errno = nError;
@@ -76,7 +91,7 @@ bool CmPortReplaceMapping(void* aBegin, size_t aSize) {
 }
 
 void CmPortGuardMapping(void* aBegin, size_t aSize) {
-    s_bIsLost.store(false, std::memory_order_relaxed);
+    s_nState.store(STATE_WHOLE, std::memory_order_relaxed);
     s_nBegin.store(reinterpret_cast<uintptr_t>(aBegin), std::memory_order_relaxed);
     s_nSize.store(aSize, std::memory_order_release);
     // One that could not be taken back is installed still, and calls this one perhaps.
@@ -103,7 +118,7 @@ void CmPortUnguardMapping() {
 }
 
 bool CmPortIsMappingLost() {
-    return s_bIsLost.load(std::memory_order_relaxed);
+    return s_nState.load(std::memory_order_relaxed) == STATE_LOST;
 }
 
 }  // namespace UTIL_NS

@@ -1,4 +1,4 @@
-#include "CmFlightFiles.h"
+#include "CmRecordings.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -13,17 +13,17 @@
 #include <memory>
 #include <string_view>
 
+#include "CmFlightFormat.h"
 #include "CmProgramText.h"
 
 namespace UTIL_NS {
 
 namespace {
 
-constexpr char ENDING[] = ".flight";
-
-std::string Environment(const char* aName) {
-    const char* pszValue = std::getenv(aName);
-    return pszValue != nullptr ? pszValue : "";
+// A directory that a variable of the environment names; empty where it does not.
+std::string DirectoryOf(const char* aVariable) {
+    const char* pszDirectory = std::getenv(aVariable);
+    return pszDirectory != nullptr && *pszDirectory == '/' ? pszDirectory : "";
 }
 
 // Of systems that give each user one, with the "/" that it ends in; else empty.
@@ -49,9 +49,9 @@ std::string_view TakeLast(std::string_view& aName) {
 }
 
 // NAME.PID.START.flight
-bool ReadName(std::string_view aName, CCmFlightFile* aFile) {
-    const size_t nEnding = std::strlen(ENDING);
-    if (aName.size() < nEnding || aName.substr(aName.size() - nEnding) != ENDING) {
+bool ReadName(std::string_view aName, CCmRecording* aFile) {
+    const size_t nEnding = std::strlen(CM_FLIGHT_SUFFIX);
+    if (aName.size() < nEnding || aName.substr(aName.size() - nEnding) != CM_FLIGHT_SUFFIX) {
         return false;
     }
     aName.remove_suffix(nEnding);
@@ -81,8 +81,8 @@ bool LookAt(const std::string& aPath, bool* aIsLive) {
 
 }  // namespace
 
-std::string CmFlightDirectory() {
-    const std::string strRuntime = Environment("XDG_RUNTIME_DIR");
+std::string CmRecordingDirectory() {
+    const std::string strRuntime = DirectoryOf("XDG_RUNTIME_DIR");
     if (!strRuntime.empty()) {
         return strRuntime + "/kelto";
     }
@@ -90,12 +90,12 @@ std::string CmFlightDirectory() {
     if (!strOwn.empty()) {
         return strOwn + "kelto";
     }
-    const std::string strTemporary = Environment("TMPDIR");
+    const std::string strTemporary = DirectoryOf("TMPDIR");
     return (strTemporary.empty() ? "/tmp" : strTemporary) + "/kelto-" + std::to_string(geteuid());
 }
 
-bool CmListFlightFiles(const std::string& aDirectory, std::vector<CCmFlightFile>* aFiles,
-                       std::string* aError) {
+bool CmListRecordings(const std::string& aDirectory, std::vector<CCmRecording>* aFiles,
+                      std::string* aError) {
     aFiles->clear();
     const int nDirectory =
         open(aDirectory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
@@ -118,14 +118,14 @@ bool CmListFlightFiles(const std::string& aDirectory, std::vector<CCmFlightFile>
         return false;
     }
     while (const dirent* pEntry = readdir(pDirectory.get())) {
-        CCmFlightFile file;
+        CCmRecording file;
         file.path = aDirectory + "/" + pEntry->d_name;
         if (ReadName(pEntry->d_name, &file) && LookAt(file.path, &file.isLive)) {
             aFiles->push_back(std::move(file));
         }
     }
     std::sort(aFiles->begin(), aFiles->end(),
-              [](const CCmFlightFile& aOne, const CCmFlightFile& aOther) {
+              [](const CCmRecording& aOne, const CCmRecording& aOther) {
                   return aOne.startUsec != aOther.startUsec ? aOne.startUsec > aOther.startUsec
                                                             : aOne.path < aOther.path;
               });
