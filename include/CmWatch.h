@@ -60,10 +60,12 @@ class CCmWatchOptions {
     }
     /// Where the file is made [Directory]; null or empty: the user's own runtime directory.
     CCmWatchOptions& Directory(const char* aDirectory) {
-        const char* const pszDirectory = aDirectory != nullptr ? aDirectory : "";
-        Require(std::strlen(pszDirectory) < sizeof(m_szDirectory));
+        const size_t nLength = aDirectory != nullptr ? std::strlen(aDirectory) : 0;
+        Require(nLength < sizeof(m_szDirectory));
         std::memset(m_szDirectory, 0, sizeof(m_szDirectory));
-        std::strncpy(m_szDirectory, pszDirectory, sizeof(m_szDirectory) - 1);
+        if (nLength < sizeof(m_szDirectory) && nLength > 0) {
+            std::memcpy(m_szDirectory, aDirectory, nLength);
+        }
         return *this;
     }
 
