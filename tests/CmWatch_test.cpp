@@ -169,7 +169,7 @@ struct CModel {
     std::atomic<uint64_t> m_ullRun{0};
 };
 
-TEST(CCmWatch, CountsWhatHappened_UnderLoad) {
+TEST(CCmWatch, CountsWhatHappened_WhileManyPost) {
     constexpr int WORKERS = 3;
     constexpr int POSTERS = 4;
     constexpr int ROUNDS = 400;
@@ -238,7 +238,7 @@ TEST(CCmWatch, CountsWhatHappened_UnderLoad) {
     }
 }
 
-TEST(CCmWatch, CountsTimersThatFire_UnderLoad) {
+TEST(CCmWatch, CountsTimersThatFire_WhileManyArePosted) {
     const ScopedWatch watch;
     CCmWorker worker(Named("timers"));
     TaskThread task;
@@ -331,7 +331,7 @@ TEST(CCmWatch, CountsWhatAWorkerLeavesUnfired_WhenItStopsNow) {
 }
 
 // Events of every kind are under way while the watch is turned on and off.
-TEST(CCmWatch, PostedIsRunUnfiredAndPending_WheneverItIsTurnedOn) {
+TEST(CCmWatch, PostedIsRunUnfiredAndPending_WhileItIsTurnedOnAndOff) {
     CCmWorker worker(Named("middle"));
     TaskThread task;
     std::atomic<bool> bEnd{false};
@@ -489,7 +489,7 @@ TEST(CCmWatch, MeasuresTheWaitOfOneEventInSixtyFour_WhileTheWorkerIsBusy) {
     EXPECT_LE(30000U, figures.m_Waited.m_ullLongest);
 }
 
-TEST(CCmWatch, MeasuresTheWait_WheneverAnEventWakesTheWorker) {
+TEST(CCmWatch, MeasuresTheWait_WhenAnEventWakesTheWorker) {
     const ScopedWatch watch;
     CCmWorker worker(Named("woken"));
     FiguresAtRest(worker);

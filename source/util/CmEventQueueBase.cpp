@@ -113,7 +113,7 @@ void ICmEvent::operator delete(void* aMemory) noexcept {
 
 ICmEventQueue::~ICmEventQueue() = default;
 
-const CCmTimeValue CCmEventQueueBase::s_tvReportInterval(0, 50000);
+const CCmTimeValue CCmEventQueueBase::s_tvReportInterval(0, CM_SLOW_USEC);
 
 class CCmEventQueueBase::CQueueState {
   public:
@@ -152,11 +152,11 @@ class CCmEventQueueBase::CQueueState {
     CmStd::atomic<DWORD> m_dwDiscards{0};
     // The core on which a loop last fired a send; -1: unknown. A hint (relaxed).
     CmStd::atomic<int> m_nLoopCore{-1};
-    // The thread in m_Tid, for those that wait for it.
-    CCmAwaitedThread m_Consumer;
     // Null until the watch is on and something happens in the queue. Release and acquire: who finds
     // it finds it made.
     CmStd::atomic<CCmWatchedQueue*> m_pWatched{nullptr};
+    // The thread in m_Tid, for those that wait for it.
+    CCmAwaitedThread m_Consumer;
 
   private:
     CmStd::atomic<long> m_lBusySenders{0};
@@ -292,7 +292,7 @@ class CCmEventQueueSteps::CPosting {
         }
         CCmWatchedQueue& watched = *m_pWatched;
         watched.m_ullPosted.Add(1);
-        const DWORD dwPending = WatchedPending(watched);
+        const DWORD dwPending = watched.Pending(g_cmWatchOn.load(std::memory_order_relaxed));
         if (watched.m_dwMost.Raise(dwPending) &&
             dwPending >= std::min(2 * watched.m_dwMarked, watched.m_dwMarked + MARK_STEP)) {
             m_dwMark = watched.m_dwMarked = dwPending;
@@ -318,12 +318,13 @@ void CCmEventQueueSteps::LearnTableOfSends() {
 }
 
 CCmWatchedQueue* CCmEventQueueSteps::EnsureWatched(CCmEventQueueBase& aQueue) {
-    CmStd::atomic<CCmWatchedQueue*>& pWatched = CCmPrivateRoom::Of(aQueue.m_Private).m_pWatched;
+    CCmEventQueueBase::CQueueState& state = CCmPrivateRoom::Of(aQueue.m_Private);
+    CmStd::atomic<CCmWatchedQueue*>& pWatched = state.m_pWatched;
     CCmWatchedQueue* pFound = pWatched.load(std::memory_order_acquire);
     if (CM_LIKELY(pFound != nullptr)) {
         return pFound;
     }
-    CCmWatchedQueue* const pMade = CCmWatchedQueue::Make(aQueue);
+    CCmWatchedQueue* const pMade = CCmWatchedQueue::Make({aQueue.m_dwSize, state.m_dwOwn});
     if (pWatched.compare_exchange_strong(pFound, pMade, std::memory_order_acq_rel)) {
         return pMade;
     }
@@ -363,19 +364,6 @@ uint64_t CCmEventQueueSteps::CountWithoutWaysBack(const std::list<ICmEvent*>& aE
     return static_cast<uint64_t>(
         std::count_if(aEvents.begin(), aEvents.end(),
                       [](const ICmEvent* aEvent) { return !See(aEvent).m_bIsWayBack; }));
-}
-
-// Read while others write: a difference may be negative for a moment.
-DWORD CCmEventQueueSteps::WatchedPending(const CCmWatchedQueue& aWatched) {
-    const DWORD dwStart = g_cmWatchOn.load(std::memory_order_relaxed);
-    long lPending = PendingCount(aWatched.Queue());
-    if (dwStart == 0 || aWatched.IsOf(dwStart)) {
-        lPending -= aWatched.m_dwGhosts.Get();
-    }
-    if (dwStart == 0 || aWatched.IsOwnOf(dwStart)) {
-        lPending += aWatched.m_dwTaken.Get();
-    }
-    return static_cast<DWORD>(std::max(lPending, 0L));
 }
 
 // After they have been taken out.
@@ -556,7 +544,7 @@ void CCmEventQueueSteps::CPass::RunWatched(ICmEvent* aEvent) {
             thread.m_pLongest.Set(seen.m_pTable);
         }
         if (CCmFlightRing* const pRing = thread.Ring()) {
-            pRing->Event(llStart, llRan, seen.m_pTable, aEvent, WatchedPending(*m_pWatched));
+            pRing->Event(llStart, llRan, seen.m_pTable, aEvent, m_pWatched->Pending(m_dwStart));
         }
     }
     if (m_Run.IsOutermost()) {
@@ -588,7 +576,7 @@ void CCmEventQueueSteps::CPass::ReportWatched(const ICmEvent* aEvent, const void
         "CCmEventQueueBase::ProcessOneEvent, watch, class="
         << static_cast<const char*>(szClass) << " postedBy=" << static_cast<const char*>(szPoster)
         << " waitedUsec=" << static_cast<const char*>(szWaited) << " ranUsec=" << aRan
-        << " pending=" << WatchedPending(*m_pWatched) << " this=" << CmTraceAddress(&m_Queue));
+        << " pending=" << m_pWatched->Pending(m_dwStart) << " this=" << CmTraceAddress(&m_Queue));
 }
 
 // The loop of every Process function: runs the events from aNext on. Whether it comes to the end of
@@ -1515,7 +1503,7 @@ void CCmEventQueueSteps::CLoop::NoteOwnPost(const ICmEvent* aEvent) {
             pWatched->BeginOwn(dwStart, dwOwn - 1);
         }
         pWatched->m_ullOwnPosted.Add(1);
-        pWatched->m_dwOwnMost.Raise(WatchedPending(*pWatched));
+        pWatched->m_dwOwnMost.Raise(pWatched->Pending(dwStart));
         if (pWatched->m_OwnProbe.Wants(aEvent, false)) {
             pWatched->m_OwnProbe.Set(aEvent, CmUsecOf(CCmTimeValue::GetTimeOfDay()));
         }

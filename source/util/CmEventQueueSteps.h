@@ -56,8 +56,6 @@ class CCmEventQueueSteps {
     static CCmWatchedQueue* Watched_l(CCmEventQueueBase& aQueue);
     // The same for what the consumer counts.
     static CCmWatchedQueue* WatchedOwn(CCmEventQueueBase& aQueue);
-    // All that has been posted and has not begun, that which the consumer has taken out included.
-    static DWORD WatchedPending(const CCmWatchedQueue& aWatched);
     static void NoteTaken_l(CCmEventQueueBase& aQueue, CCmWatchedQueue& aWatched, size_t aCount);
     static void NoteUnfired_l(CCmEventQueueBase& aQueue);
     static void NoteConsumer(CCmEventQueueBase& aQueue);

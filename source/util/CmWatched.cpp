@@ -6,8 +6,6 @@
 #include <new>
 
 #include "CmBlockedSends.h"
-#include "CmEventQueueBase.h"
-#include "CmEventQueueSteps.h"
 #include "CmFlight.h"
 #include "CmScopedLock.h"
 #include "CmSystem.h"
@@ -274,7 +272,7 @@ void CCmWatchRegistry::Remove(CCmWatchedQueue& aQueue) {
 template <class FiguresType>
 void CCmWatchRegistry::AddQueue_l(FiguresType& aFigures, const CCmWatchedQueue& aQueue) const {
     const bool bIsOf = aQueue.IsOf(m_dwStart);
-    const uint64_t ullPending = CCmEventQueueSteps::WatchedPending(aQueue);
+    const uint64_t ullPending = aQueue.Pending(m_dwStart);
     aFigures.m_ullPending += ullPending;
     aFigures.m_ullRefused += aQueue.m_Refused.Of(m_dwStart);
     aFigures.m_ullUnfired += aQueue.m_Unfired.Of(m_dwStart);
@@ -417,8 +415,8 @@ size_t CmReadWorkers(CCmWorkerFigures* aFigures, size_t aRoom) {
     return CCmWatchRegistry::Instance().Read(aFigures, aRoom);
 }
 
-CCmWatchedQueue* CCmWatchedQueue::Make(const CCmEventQueueBase& aQueue) {
-    auto* const pQueue = new (std::nothrow) CCmWatchedQueue(aQueue);
+CCmWatchedQueue* CCmWatchedQueue::Make(const CCounts& aCounts) {
+    auto* const pQueue = new (std::nothrow) CCmWatchedQueue(aCounts);
     if (pQueue != nullptr) {
         CCmWatchRegistry::Instance().Add(*pQueue);
     }
@@ -430,6 +428,19 @@ void CCmWatchedQueue::End(CCmWatchedQueue* aQueue) {
         CCmWatchRegistry::Instance().Remove(*aQueue);
         delete aQueue;
     }
+}
+
+// Read while others write: a difference may be negative for a moment.
+DWORD CCmWatchedQueue::Pending(DWORD aStart) const {
+    long lPending = long{m_Counts.m_dwSize.load(std::memory_order_relaxed)} +
+                    long{m_Counts.m_dwOwn.load(std::memory_order_relaxed)};
+    if (IsOf(aStart)) {
+        lPending -= long{m_dwGhosts.Get()};
+    }
+    if (IsOwnOf(aStart)) {
+        lPending += long{m_dwTaken.Get()};
+    }
+    return static_cast<DWORD>(std::max(lPending, 0L));
 }
 
 void CCmWatchedQueue::Begin(DWORD aStart, uint64_t aPending, DWORD aGhosts) {
@@ -503,7 +514,7 @@ bool CCmWatchedTimers::Count(long long aLateUsec) {
     if (CCmFlightRing* const pRing = thread.Ring()) {
         pRing->Timer(llStart, m_llRan, m_llLate, m_pTable);
     }
-    return m_llRan > CmUsecOf(CCmEventQueueBase::s_tvReportInterval);
+    return m_llRan > CM_SLOW_USEC;
 }
 
 void CCmWatchedTimers::ForgetLine() {
@@ -524,7 +535,7 @@ void CCmWatchedSend::Begin(const ICmEvent* aEvent) {
     }
 }
 
-void CCmWatchedSend::Count(const CCmEventQueueBase* aQueue) {
+void CCmWatchedSend::Count(const void* aQueue) {
     const long long llBlocked = NowUsec() - m_llStart;
     m_pThread->m_Sends.Add(llBlocked);
     if (CCmFlightRing* const pRing = m_pThread->Ring()) {

@@ -20,11 +20,10 @@
 #include "CmAtomic.h"
 #include "CmBase.h"
 #include "CmTimeValue.h"
-#include "CmWatch.h"
+#include "CmWatchFigures.h"
 
 namespace UTIL_NS {
 
-class CCmEventQueueBase;
 class CCmFlightRing;
 class CCmWatchRegistry;
 class ICmEvent;
@@ -41,6 +40,9 @@ inline bool CmWatchIsOn() {
 inline long long CmUsecOf(const CCmTimeValue& aTime) {
     return aTime.GetSec() * 1000000LL + aTime.GetUsec();
 }
+
+// What takes longer is slow, and reported.
+constexpr long CM_SLOW_USEC = 50 * 1000;
 
 // The table of an object's class: the first word of every object with virtual functions.
 inline const void* CmTableOf(const void* aObject) {
@@ -238,12 +240,19 @@ class CCmWatchedProbe {
 // A queue, for as long as it lives.
 class CCmWatchedQueue {
   public:
-    explicit CCmWatchedQueue(const CCmEventQueueBase& aQueue) : m_Queue(aQueue) {}
+    // What the queue counts itself: the events that it has, and those in the private list of its
+    // consumer.
+    struct CCounts {
+        const CmStd::atomic<DWORD>& m_dwSize;
+        const CmStd::atomic<DWORD>& m_dwOwn;
+    };
+
+    explicit CCmWatchedQueue(const CCounts& aCounts) : m_Counts(aCounts) {}
     CCmWatchedQueue(const CCmWatchedQueue&) = delete;
     CCmWatchedQueue& operator=(const CCmWatchedQueue&) = delete;
 
     // Puts it into the registry, and takes it out and deletes it.
-    static CCmWatchedQueue* Make(const CCmEventQueueBase& aQueue);
+    static CCmWatchedQueue* Make(const CCounts& aCounts);
     static void End(CCmWatchedQueue* aQueue);
 
     // Whether the part that is written under the queue's lock is of aStart; if not, it has to begin
@@ -261,7 +270,9 @@ class CCmWatchedQueue {
         }
     }
     CCmWatchedThread* Consumer() const { return m_pConsumer.Get(); }
-    const CCmEventQueueBase& Queue() const { return m_Queue; }
+    // All that has been posted and has not begun, that which the consumer has taken out included.
+    // aStart: of the watch.
+    DWORD Pending(DWORD aStart) const;
 
     // The consumer takes events out.
     void NoteTaken(size_t aCount) {
@@ -290,7 +301,7 @@ class CCmWatchedQueue {
   private:
     friend class CCmWatchRegistry;
 
-    const CCmEventQueueBase& m_Queue;
+    const CCounts m_Counts;
     CCmWatchedT<DWORD> m_dwStart;
     CCmWatchedT<DWORD> m_dwOwnStart;
     CCmWatchedT<CCmWatchedThread*> m_pConsumer;
@@ -367,7 +378,7 @@ class CCmWatchedSend {
         }
     }
     // It is over.
-    void End(const CCmEventQueueBase* aQueue) {
+    void End(const void* aQueue) {
         if (CM_UNLIKELY(m_pThread != nullptr)) {
             Count(aQueue);
         }
@@ -375,7 +386,7 @@ class CCmWatchedSend {
 
   private:
     void Begin(const ICmEvent* aEvent);
-    void Count(const CCmEventQueueBase* aQueue);
+    void Count(const void* aQueue);
 
     CCmWatchedThread* m_pThread = nullptr;
     const void* m_pTable = nullptr;
