@@ -911,8 +911,13 @@ CmResult CCmEventSynchronous::CSendState::Send() {
         Abandon(blocked);
         queueState.CountSenderOut();
     });
+    const bool bIsWatched = CCmBlockedSend::IsOn();
+    if (CM_UNLIKELY(bIsWatched)) {
+        // Relaxed, and before the post: nobody else has the event yet.
+        blocked.SetSent(CmTableOf(m_Wrapper.m_pEvent.load(std::memory_order_relaxed)));
+    }
     const CmResult rv = queue.PostEvent(&m_Wrapper, ICmEventQueue::EPRIORITY_NORMAL);
-    if (CM_UNLIKELY(CCmBlockedSend::IsOn()) && CM_SUCCEEDED(rv)) {
+    if (CM_UNLIKELY(bIsWatched) && CM_SUCCEEDED(rv)) {
         EnterWait(blocked);
     }
     giveUp.Release();

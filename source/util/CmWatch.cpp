@@ -1,10 +1,16 @@
 #include "CmWatch.h"
 
+#include <utility>
+
+#include "CmBlockedSends.h"
 #include "CmConfig.h"
 #include "CmEventQueueSteps.h"
 #include "CmFlight.h"
+#include "CmNsec.h"
 #include "CmScopedLock.h"
 #include "CmThreadAnnotations.h"
+#include "CmTimeValue.h"
+#include "CmWatchThread.h"
 #include "CmWatched.h"
 
 namespace UTIL_NS {
@@ -21,6 +27,7 @@ union CSwitch {
 };
 CM_CONSTANT_INIT CSwitch s_switch;
 DWORD s_dwStarts = 0;
+CCmWatchThread* s_pThread = nullptr;
 
 // Relaxed: nothing is handed over with it.
 CmStd::atomic<bool> s_bProfileIsRead{false};
@@ -91,14 +98,26 @@ CmResult CCmWatch::Start(const CCmWatchOptions& aOptions) {
     ++s_dwStarts;
     CmSetWatchStart(s_dwStarts);
     g_cmWatchOn.store(s_dwStarts, std::memory_order_relaxed);
+    CCmBlockedSend::SwitchOn(true);
+    s_pThread = CCmWatchThread::Start(aOptions.GetLongSend());
     return CM_OK;
 }
 
 CmResult CCmWatch::Stop() {
-    CCmScopedLockT<CCmMutexThread> lock(s_switch.m_Mutex);
-    if (CmWatchIsOn()) {
-        g_cmWatchOn.store(0, std::memory_order_relaxed);
-        CCmFlight::Close();
+    CCmWatchThread* pThread = nullptr;
+    {
+        CCmScopedLockT<CCmMutexThread> lock(s_switch.m_Mutex);
+        if (CmWatchIsOn()) {
+            g_cmWatchOn.store(0, std::memory_order_relaxed);
+            CCmBlockedSend::SwitchOn(false);
+            std::swap(pThread, s_pThread);
+            CCmWatchRounds::StoreFigures(CmNsecOf(CCmTimeValue::GetTimeOfDay()));
+            CCmFlight::Close();
+        }
+    }
+    // Without the lock: one of its lines may be on its way to somebody who asks for it.
+    if (pThread != nullptr) {
+        pThread->End();
     }
     return CM_OK;
 }

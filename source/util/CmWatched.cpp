@@ -5,6 +5,7 @@
 #include <cstring>
 #include <new>
 
+#include "CmBlockedSends.h"
 #include "CmFlight.h"
 #include "CmScopedLock.h"
 #include "CmSystem.h"
@@ -140,7 +141,6 @@ class CCmWatchRegistry {
     CCmMutexThread m_Mutex;
     CCmWatchedThread* m_pThreads = nullptr;  // the newest last
     CCmWatchedQueue* m_pQueues = nullptr;    // the newest first
-    uint64_t m_ullNumbers = 0;
     size_t m_nEnded = 0;
     DWORD m_dwStart = 0;
     bool m_bHasKey = false;
@@ -217,7 +217,7 @@ CCmWatchedThread* CCmWatchRegistry::MakeThread() {
     pThread->m_pNext = nullptr;
     pThread->m_pRing = CCmFlight::AttachThisThread(nullptr);
     CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
-    pThread->m_ullNumber = ++m_ullNumbers;
+    pThread->m_ullNumber = CmNumberOfThisThread();
     CCmWatchedThread** pp = &m_pThreads;
     while (*pp != nullptr) {
         pp = &(*pp)->m_pNext;

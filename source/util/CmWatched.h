@@ -127,7 +127,7 @@ class CCmWatchedThread {
     const char* Name() const { return m_szName; }
     pthread_t Tid() const { return m_Tid; }
     bool HasEnded() const { return m_bHasEnded; }
-    uint64_t Number() const { return m_ullNumber; }  // from 1, in the order of their beginning
+    uint64_t Number() const { return m_ullNumber; }  // that of CmNumberOfThisThread
     CCmFlightRing* Ring() const { return m_pRing; }  // null: no records of this thread
     // Its figures with those of the queues that it runs. Under the registry's lock.
     void CopyFigures(CCmWorkerFigures& aFigures) const;
