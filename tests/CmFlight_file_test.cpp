@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <atomic>
 #include <csetjmp>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <set>
@@ -213,6 +214,31 @@ TEST(CmFlightFile, IsNotMade_WhenAskedForMemoryOnly) {
     CCmFlight::Close();
     EXPECT_TRUE(directory.names().empty());
     EXPECT_TRUE(sink.lines().empty());
+}
+
+TEST(CmFlightFile, TellsTheExitOfAProgramFromOneThatIsKilled) {
+    const ScopedDirectory directory;
+    const auto endOf = [&](void (*aEnd)()) {
+        const pid_t process = fork();
+        if (process == 0) {
+            if (CCmFlight::Open(Options(directory.path().c_str())) == CM_OK) {
+                aEnd();
+            }
+            EndProcess(1);
+        }
+        int nStatus = 0;
+        waitpid(process, &nStatus, 0);
+        const std::vector<std::string> names = directory.names();
+        EXPECT_EQ(1u, names.size());
+        const std::string sPath = directory.path() + "/" + names.at(0);
+        const FlightFile file(sPath);
+        EXPECT_TRUE(file.isValid);
+        std::filesystem::remove(sPath);
+        return file.endWall;
+    };
+    EXPECT_NE(0u, endOf([] { std::exit(0); }));
+    EXPECT_EQ(0u, endOf([] { raise(SIGKILL); }));
+    EXPECT_EQ(0u, endOf([] { std::abort(); }));
 }
 
 TEST(CmFlightFile, IsMadeOnce_WhenOpenedTwice) {
