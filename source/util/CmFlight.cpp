@@ -121,7 +121,7 @@ uint32_t PowerOfTwo(uint32_t aNumber) {
 // ---- Classes
 
 void StoreClass(CCmFlightClass& aPlace, const CCmFlightClass& aClass) {
-    Release(aPlace.m_ullTable, aClass.m_ullTable);
+    Release(aPlace.m_ullTable, __atomic_load_n(&aClass.m_ullTable, __ATOMIC_RELAXED));
     Release(aPlace.m_dwState, uint32_t{CCmFlightClass::BEING_WRITTEN});
     ReleaseWords(aPlace.m_szName, aClass.m_szName, sizeof(aClass.m_szName));
     Release(aPlace.m_dwState, uint32_t{CCmFlightClass::COMPLETE});
