@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/file.h>
 #include <sys/mman.h>
@@ -475,6 +476,51 @@ TEST(CmFlightFile, IsCutOnce_WhenThreadsRecordAllTheTime) {
     for (std::thread& thread : threads) {
         thread.join();
     }
+}
+
+// A second replacement would take away what has been recorded since the first.
+std::atomic<int> s_nReplacements{0};
+std::atomic<bool> s_bOtherComes{false};
+decltype(g_cmSystem.mmap) s_pfnMmap = nullptr;
+
+void* MapWhileTheOtherComes(void* aAddress, size_t aSize, int aProtection, int aFlags, int aFile,
+                            off_t aOffset) {
+    if (++s_nReplacements == 1) {
+        while (!s_bOtherComes) {
+            sched_yield();
+        }
+        usleep(20000);  // in which it faults as well
+    }
+    return s_pfnMmap(aAddress, aSize, aProtection, aFlags, aFile, aOffset);
+}
+
+TEST(CmFlightFile, IsReplacedOnce_WhenTwoThreadsFindItCut) {
+    const ScopedFlight flight;
+    CCmFlightRing* const pRing = CCmFlight::AttachThisThread("first");
+    std::atomic<bool> bCut{false};
+    std::atomic<bool> bReady{false};
+    std::thread other([&] {
+        CCmFlightRing* const pOther = CCmFlight::AttachThisThread("second");
+        bReady = true;
+        while (!bCut || s_nReplacements == 0) {
+            sched_yield();
+        }
+        s_bOtherComes = true;
+        pOther->Post(1, nullptr, pOther, nullptr);
+    });
+    while (!bReady) {
+        sched_yield();
+    }
+    s_pfnMmap = g_cmSystem.mmap;
+    const kelto_test::ScopedEntry<decltype(g_cmSystem.mmap)> entry(g_cmSystem.mmap,
+                                                                   &MapWhileTheOtherComes);
+    ASSERT_EQ(0, truncate(flight.path().c_str(), 0));
+    bCut = true;
+    pRing->Post(1, nullptr, pRing, nullptr);
+    other.join();
+    EXPECT_EQ(1, s_nReplacements);
+    long long llUsec = 0;
+    EXPECT_TRUE(pRing->FindPost(pRing, 1, llUsec));
 }
 
 // ---- Other bus errors
