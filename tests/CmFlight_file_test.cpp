@@ -7,6 +7,7 @@
 #include <signal.h>
 #include <sys/file.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -343,6 +344,20 @@ TEST(CmFlightFile, GivesWayToMemory_WhenACallFails) {
     ExpectNoFile("openat", EACCES, Fault<&T::openat>(EACCES, -1), 2);
     ExpectNoFile("posix_fallocate", ENOSPC, Returned<&T::posix_fallocate>(ENOSPC), 1);
     ExpectNoFile("mmap", ENODEV, Fault<&T::mmap, void*>(ENODEV, MAP_FAILED), 1);
+}
+
+// Beyond the limit the system sends a signal that ends the process.
+TEST(CmFlightFile, GivesWayToMemory_WhenTheProcessMayNotHaveFilesOfItsSize) {
+    const ScopedDirectory directory;
+    EXPECT_EQ(0, StatusOfChild([&] {
+                  const rlimit limit = {4096, 4096};
+                  ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &limit));
+                  const ScopedTraceSink sink;
+                  EXPECT_EQ("", PathOf(Options(directory.path().c_str()), CM_ERROR_FAILURE));
+                  EXPECT_EQ(1u,
+                            sink.count("posix_fallocate() failed! err=" + std::to_string(EFBIG)));
+              }));
+    EXPECT_TRUE(directory.names().empty());
 }
 
 TEST(CmFlightFile, IsMade_WhateverFailsOfOldOnes) {
