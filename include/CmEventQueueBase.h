@@ -226,6 +226,7 @@ class CM_UTIL_EXPORT CCmEventSynchronous : public ICmEvent {
 
   private:
     friend class CCmEventQueueBase;
+    friend class CCmEventQueueSteps;  // internal
     class CM_UTIL_HIDDEN CSendState;
 
     CmStd::atomic<ICmEvent*> m_pEvent;    // null once it has been ended

@@ -45,6 +45,7 @@
 #include "CmUtilTemplates.h"
 #include "CmVersion.h"
 #include "CmWatch.h"
+#include "CmWatchFigures.h"
 #include "CmWorker.h"
 #include "CmXml.h"
 

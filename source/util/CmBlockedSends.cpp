@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "CmNsec.h"
 #include "CmScopedLock.h"
 #include "CmTraceGuard.h"
 #include "port/CmPort.h"
@@ -11,8 +12,10 @@ namespace UTIL_NS {
 
 namespace {
 
+constexpr long long NSEC_PER_MSEC = 1000 * 1000;
+
 // The longest name of a thread, on any platform, and its terminator.
-constexpr size_t NAME_SIZE = 64;
+constexpr size_t NAME_SIZE = CCmBlockedSend::CLong::NAME_SIZE;
 constexpr char ARROW[] = " -> ";
 // What stands for the names that have no room.
 constexpr char REST[] = " -> ...";
@@ -81,6 +84,7 @@ bool CCmBlockedSend::Link(const CCmAwaitedThread* aAwaited, uint64_t aNumber, Go
     m_pAwaited = aAwaited;
     m_pfnGoesOn = aGoesOn;
     m_pObject = aObject;
+    m_llStartNsec = m_pTable != nullptr ? CmMonotonicNsec() : 0;
     CCmScopedLockT<CCmMutexThread> lock(s_lock.m_Lock);
     if (CM_FAILED(lock.result())) {
         return false;
@@ -108,6 +112,29 @@ void CCmBlockedSend::Unlink() {
     if (m_pNext != nullptr) {
         m_pNext->m_ppLink = m_ppLink;
     }
+}
+
+// What it tells of is alive while the lock is held: the thread, which is in the list, and the
+// event, which has not ended.
+bool CCmBlockedSend::TakeLong(long long aNowNsec, long long aLimitMsec, CLong& aLong) {
+    CCmScopedLockT<CCmMutexThread> lock(s_lock.m_Lock);
+    for (CCmBlockedSend* pSend = s_pFirst; pSend != nullptr; pSend = pSend->m_pNext) {
+        const long long llMsec = (aNowNsec - pSend->m_llStartNsec) / NSEC_PER_MSEC;
+        if (pSend->m_pTable == nullptr || pSend->m_bIsLong || llMsec < aLimitMsec ||
+            !pSend->m_pfnGoesOn(pSend->m_pObject)) {
+            continue;
+        }
+        pSend->m_bIsLong = true;
+        NameOf(pSend->m_Tid, aLong.m_szThread);
+        aLong.m_ullAwaited = pSend->m_ullAwaited;
+        aLong.m_llMsec = llMsec;
+        aLong.m_pTable = pSend->m_pTable;
+        const char* const pszClass = CmPortClassName(pSend->m_pTable);
+        std::snprintf(aLong.m_szClass, sizeof(aLong.m_szClass), "%s",
+                      pszClass != nullptr ? pszClass : "");
+        return true;
+    }
+    return false;
 }
 
 // Follows the waits backwards, from those that wait for this thread on: mostly there is none. A

@@ -65,6 +65,9 @@ class CCmBlockedSend {
     static bool IsOn() { return s_bIsOn.load(std::memory_order_relaxed); }
     static void SwitchOn(bool aIsOn);
 
+    // Before Enter: this wait is that for an event whose class has this table, so that LongSend may
+    // tell of it.
+    void SetSent(const void* aTable) { m_pTable = aTable; }
     // Once. aAwaited is used here alone. True when the calling thread and others wait for each
     // other from now on: aNames is "A -> B -> A" then.
     bool Enter(const CCmAwaitedThread& aAwaited, GoesOn aGoesOn, const void* aObject,
@@ -82,6 +85,21 @@ class CCmBlockedSend {
         }
     }
 
+    // A send that has blocked for long.
+    struct CLong {
+        static constexpr size_t NAME_SIZE = 64;
+        static constexpr size_t CLASS_SIZE = 240;
+
+        char m_szThread[NAME_SIZE];
+        uint64_t m_ullAwaited;       // the number of the thread that it waits for; 0: not known
+        long long m_llMsec;          // for how long
+        const void* m_pTable;        // of the event's class
+        char m_szClass[CLASS_SIZE];  // its name as the compiler writes it; empty: it has none
+    };
+    // One that has blocked for aLimitMsec or more and of which this has not told yet; false when
+    // there is none (any more). aNowNsec: by the monotonic clock. Any thread.
+    static bool TakeLong(long long aNowNsec, long long aLimitMsec, CLong& aLong);
+
   private:
     friend class CCmAwaitedThread;
 
@@ -94,6 +112,9 @@ class CCmBlockedSend {
     static CmStd::atomic<bool> s_bIsOn;
 
     bool m_bIsEntered = false;
+    bool m_bIsLong = false;  // TakeLong has told
+    const void* m_pTable = nullptr;
+    long long m_llStartNsec;             // of a send
     pthread_t m_Tid;                     // of the thread that waits
     uint64_t m_ullThread;                // its number
     uint64_t m_ullAwaited;               // that of the other one; 0: not known

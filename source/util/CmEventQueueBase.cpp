@@ -3,6 +3,7 @@
 #include <sched.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <new>
 
 #include "CmBlockPool.h"
@@ -10,12 +11,14 @@
 #include "CmCancel.h"
 #include "CmConditionSteps.h"
 #include "CmEventQueueSteps.h"
+#include "CmFlight.h"
 #include "CmListNode.h"
 #include "CmPrivateState.h"
 #include "CmScopedLock.h"
 #include "CmSystem.h"
 #include "CmThreadAnnotations.h"
 #include "CmTraceLine.h"
+#include "CmWatched.h"
 #include "port/CmPort.h"
 
 namespace UTIL_NS {
@@ -44,11 +47,18 @@ constexpr size_t SPARES_OF_LOOP = 16;
 // Waits of a consumer are numbered from 1.
 constexpr DWORD NO_WAIT = 0;
 
+// A high-water mark is recorded when it is twice the last one, or this much above it.
+constexpr DWORD MARK_STEP = 16;
+
 // How long a sender looks out for its result, and a loop for that sender's next post, before they
 // sleep: as long as it takes to wake a thread on an idle core.
 constexpr long long SPIN_NSEC = 50 * 1000;
 // A yield that took longer gave the core to a thread that has nothing to do with the send.
 constexpr CCmTimeValue LONG_YIELD(0, 100);
+
+// Of CCmEventSynchronous. Relaxed: it is learned before the watch is turned on, and a thread that
+// does not see it yet takes a send for any other event.
+CmStd::atomic<const void*> s_pTableOfSends{nullptr};
 
 // Whether the senders' spins have been worth it on this thread.
 thread_local CCmLearnedTry t_sendSpin;
@@ -103,10 +113,15 @@ void ICmEvent::operator delete(void* aMemory) noexcept {
 
 ICmEventQueue::~ICmEventQueue() = default;
 
-const CCmTimeValue CCmEventQueueBase::s_tvReportInterval(0, 50000);
+const CCmTimeValue CCmEventQueueBase::s_tvReportInterval(0, CM_SLOW_USEC);
 
 class CCmEventQueueBase::CQueueState {
   public:
+    CQueueState() = default;
+    CQueueState(const CQueueState&) = delete;
+    CQueueState& operator=(const CQueueState&) = delete;
+    ~CQueueState() { CCmWatchedQueue::End(m_pWatched.load(std::memory_order_relaxed)); }
+
     // Counts the senders that touch the queue: those that are posting, and those whose event has
     // run and who have yet to post its wrapper back. Those that wait do not touch it.
     //
@@ -137,6 +152,9 @@ class CCmEventQueueBase::CQueueState {
     CmStd::atomic<DWORD> m_dwDiscards{0};
     // The core on which a loop last fired a send; -1: unknown. A hint (relaxed).
     CmStd::atomic<int> m_nLoopCore{-1};
+    // Null until the watch is on and something happens in the queue. Release and acquire: who finds
+    // it finds it made.
+    CmStd::atomic<CCmWatchedQueue*> m_pWatched{nullptr};
     // The thread in m_Tid, for those that wait for it.
     CCmAwaitedThread m_Consumer;
 
@@ -184,6 +202,9 @@ class CCmEventQueueSteps::CPosting {
             return CM_ERROR_NOT_INITIALIZED;
         }
         g_cmClock.coarse_gettimeofday(&m_tvCoarseNow, nullptr);
+        if (CmWatchIsOn()) {
+            Record();
+        }
         return aNeedsNode ? CmAddNode(m_Node, m_pEvent) : CM_OK;
     }
     bool HasNode() const { return !m_Node.empty(); }
@@ -195,12 +216,20 @@ class CCmEventQueueSteps::CPosting {
         if (CM_UNLIKELY(m_Queue.m_bIsStopped.load(std::memory_order_relaxed))) {
             return CM_ERROR_NOT_INITIALIZED;
         }
+        // Before the event is there: the watch may begin with what is.
+        m_pWatched = CmWatchIsOn() ? Watched_l(m_Queue) : nullptr;
         m_Queue.m_Events.splice(m_Queue.m_Events.end(), aNodes, aNodes.begin());
         m_Queue.m_Events.back() = m_pEvent;
         const DWORD dwSize = m_Queue.m_dwSize.load(std::memory_order_relaxed) + 1;
         m_Queue.m_dwSize.store(dwSize, std::memory_order_relaxed);
         WatchSize();
         return CM_OK;
+    }
+    // After Append, still under the lock. aIsAwaited: the consumer sleeps until the event comes.
+    void Count(bool aIsAwaited) {
+        if (CM_UNLIKELY(m_pWatched != nullptr)) {
+            CountWatched(aIsAwaited);
+        }
     }
     // After the lock was released: writes the lines and destroys an event that was refused.
     void Conclude(CmResult aResult) {
@@ -210,8 +239,16 @@ class CCmEventQueueSteps::CPosting {
                              << (unsigned long)m_Queue.m_Tid.load(std::memory_order_relaxed)
                              << " this=" << CmTraceAddress(&m_Queue));
         }
+        if (CM_UNLIKELY(m_dwMark != 0)) {
+            if (CCmFlightRing* const pRing = RingOfThisThread()) {
+                pRing->HighWater(CmUsecOf(CCmTimeValue(m_tvCoarseNow)), m_dwMark, &m_Queue);
+            }
+        }
         if (CM_SUCCEEDED(aResult)) {
             return;
+        }
+        if (CmWatchIsOn() && !See(m_pEvent).m_bIsWayBack) {
+            NoteRefused(m_Queue);
         }
         if (aResult == CM_ERROR_NOT_INITIALIZED) {
             CM_WARNING_TRACE("CCmEventQueueBase::PostEvent, has been stopped. this="
@@ -234,12 +271,156 @@ class CCmEventQueueSteps::CPosting {
         }
     }
 
+    static CCmFlightRing* RingOfThisThread() {
+        const CCmWatchedThread* const pThread = CmEnsureWatchedThread();
+        return pThread != nullptr ? pThread->Ring() : nullptr;
+    }
+    // In the ring of the thread that posts: who it was, and when, is asked for only if the event
+    // takes long.
+    void Record() {
+        EnsureWatched(m_Queue);
+        CCmFlightRing* const pRing = RingOfThisThread();
+        const CSeenEvent seen = See(m_pEvent);
+        m_bIsWayBack = seen.m_bIsWayBack;
+        if (pRing != nullptr && !m_bIsWayBack) {
+            pRing->Post(CmUsecOf(CCmTimeValue(m_tvCoarseNow)), seen.m_pTable, m_pEvent, &m_Queue);
+        }
+    }
+    void CountWatched(bool aIsAwaited) {
+        if (m_bIsWayBack) {
+            return;
+        }
+        CCmWatchedQueue& watched = *m_pWatched;
+        watched.m_ullPosted.Add(1);
+        const DWORD dwPending = watched.Pending(g_cmWatchOn.load(std::memory_order_relaxed));
+        if (watched.m_dwMost.Raise(dwPending) &&
+            dwPending >= std::min(2 * watched.m_dwMarked, watched.m_dwMarked + MARK_STEP)) {
+            m_dwMark = watched.m_dwMarked = dwPending;
+        }
+        if (watched.m_Probe.Wants(m_pEvent, aIsAwaited)) {
+            watched.m_Probe.Set(m_pEvent, CmUsecOf(CCmTimeValue::GetTimeOfDay()));
+        }
+    }
+
     CCmEventQueueBase& m_Queue;
     ICmEvent* const m_pEvent;
     std::list<ICmEvent*> m_Node;  // empty when a spare one is to be used
     timeval m_tvCoarseNow = {};
-    DWORD m_dwReportSize = 0;  // the size to report; 0: nothing
+    DWORD m_dwReportSize = 0;               // the size to report; 0: nothing
+    DWORD m_dwMark = 0;                     // a high-water mark to record; 0: none
+    CCmWatchedQueue* m_pWatched = nullptr;  // since Append
+    bool m_bIsWayBack = false;              // of a synchronous send
 };
+
+void CCmEventQueueSteps::LearnTableOfSends() {
+    const CCmEventSynchronous send(nullptr, nullptr);
+    s_pTableOfSends.store(CmTableOf(&send), std::memory_order_relaxed);
+}
+
+CCmWatchedQueue* CCmEventQueueSteps::EnsureWatched(CCmEventQueueBase& aQueue) {
+    CCmEventQueueBase::CQueueState& state = CCmPrivateRoom::Of(aQueue.m_Private);
+    CmStd::atomic<CCmWatchedQueue*>& pWatched = state.m_pWatched;
+    CCmWatchedQueue* pFound = pWatched.load(std::memory_order_acquire);
+    if (CM_LIKELY(pFound != nullptr)) {
+        return pFound;
+    }
+    CCmWatchedQueue* const pMade = CCmWatchedQueue::Make({aQueue.m_dwSize, state.m_dwOwn});
+    if (pWatched.compare_exchange_strong(pFound, pMade, std::memory_order_acq_rel)) {
+        return pMade;
+    }
+    CCmWatchedQueue::End(pMade);  // another thread was faster
+    return pFound;
+}
+
+CCmWatchedQueue* CCmEventQueueSteps::Watched_l(CCmEventQueueBase& aQueue) {
+    const DWORD dwStart = g_cmWatchOn.load(std::memory_order_relaxed);
+    CCmWatchedQueue* const pWatched =
+        CCmPrivateRoom::Of(aQueue.m_Private).m_pWatched.load(std::memory_order_acquire);
+    if (dwStart == 0 || pWatched == nullptr) {
+        return nullptr;
+    }
+    if (CM_UNLIKELY(!pWatched->IsOf(dwStart))) {
+        pWatched->Begin(dwStart, CountWithoutWaysBack(aQueue.m_Events),
+                        aQueue.m_dwSize.load(std::memory_order_relaxed) -
+                            static_cast<DWORD>(aQueue.m_Events.size()));
+    }
+    return pWatched;
+}
+
+CCmWatchedQueue* CCmEventQueueSteps::WatchedOwn(CCmEventQueueBase& aQueue) {
+    const DWORD dwStart = g_cmWatchOn.load(std::memory_order_relaxed);
+    CCmWatchedQueue* const pWatched =
+        CCmPrivateRoom::Of(aQueue.m_Private).m_pWatched.load(std::memory_order_acquire);
+    if (dwStart == 0 || pWatched == nullptr) {
+        return nullptr;
+    }
+    if (CM_UNLIKELY(!pWatched->IsOwnOf(dwStart))) {
+        pWatched->BeginOwn(dwStart, OwnCount(aQueue));
+    }
+    return pWatched;
+}
+
+uint64_t CCmEventQueueSteps::CountWithoutWaysBack(const std::list<ICmEvent*>& aEvents) {
+    return static_cast<uint64_t>(
+        std::count_if(aEvents.begin(), aEvents.end(),
+                      [](const ICmEvent* aEvent) { return !See(aEvent).m_bIsWayBack; }));
+}
+
+// After they have been taken out.
+void CCmEventQueueSteps::NoteTaken_l(CCmEventQueueBase& aQueue, CCmWatchedQueue& aWatched,
+                                     size_t aCount) {
+    WatchedOwn(aQueue);
+    aWatched.NoteTaken(aCount);
+    if (CM_UNLIKELY(aWatched.m_dwGhosts.Get() != 0)) {
+        aWatched.m_dwGhosts.Set(aQueue.m_dwSize.load(std::memory_order_relaxed) -
+                                static_cast<DWORD>(aQueue.m_Events.size()));
+    }
+}
+
+// Before they are taken out. m_dwSize stays as it is.
+void CCmEventQueueSteps::NoteUnfired_l(CCmEventQueueBase& aQueue) {
+    if (CCmWatchedQueue* const pWatched = Watched_l(aQueue)) {
+        pWatched->m_Unfired.Add(g_cmWatchOn.load(std::memory_order_relaxed),
+                                CountWithoutWaysBack(aQueue.m_Events));
+        pWatched->m_dwGhosts.Set(aQueue.m_dwSize.load(std::memory_order_relaxed));
+        pWatched->m_Probe.Forget();
+        pWatched->m_OwnProbe.Forget();
+    }
+}
+
+// The calling thread is about to take events out, not under the queue's lock.
+void CCmEventQueueSteps::NoteConsumer(CCmEventQueueBase& aQueue) {
+    CCmWatchedQueue* const pWatched = EnsureWatched(aQueue);
+    CCmWatchedThread* const pThread = CmEnsureWatchedThread();
+    if (pWatched != nullptr && pThread != nullptr) {
+        pWatched->SetConsumer(pThread);
+    }
+}
+
+void CCmEventQueueSteps::NoteRefused(CCmEventQueueBase& aQueue) {
+    if (CCmWatchedQueue* const pWatched = EnsureWatched(aQueue)) {
+        pWatched->m_Refused.Add(g_cmWatchOn.load(std::memory_order_relaxed), 1);
+    }
+}
+
+// Null when the sleep is not to be counted.
+CCmWatchedThread* CCmEventQueueSteps::FallAsleep(const CLoop* aLoop) {
+    CCmWatchedThread* const pThread = CmWatchedThread();
+    if (pThread == nullptr || pThread->m_dwDepth != 0 ||
+        !pThread->IsOf(g_cmWatchOn.load(std::memory_order_relaxed))) {
+        return nullptr;
+    }
+    const bool bGoesOn = aLoop != nullptr && aLoop->m_bGoesOn;
+    pThread->m_llAsleepSince.Set(CmUsecOf(bGoesOn ? aLoop->m_tvEnd : CCmTimeValue::GetTimeOfDay()));
+    return pThread;
+}
+
+// With events there, the pass that runs them reads the clock anyway (CPass::BeginWatch).
+void CCmEventQueueSteps::WakeUp(CCmWatchedThread& aThread, bool aHasEvents) {
+    if (!aHasEvents) {
+        aThread.EndSleep(CmUsecOf(CCmTimeValue::GetTimeOfDay()));
+    }
+}
 
 // Runs events one after the other. Each is timed from the moment that the one before was destroyed,
 // so that one reading of the clock an event is enough.
@@ -247,19 +428,21 @@ class CCmEventQueueSteps::CPass {
   public:
     explicit CPass(CCmEventQueueBase& aQueue) : CPass(aQueue, CCmTimeValue::GetTimeOfDay()) {}
     CPass(CCmEventQueueBase& aQueue, const CCmTimeValue& aStart)
-        : m_Queue(aQueue), m_pFiring(nullptr), m_tvStart(aStart) {}
+        : m_Queue(aQueue), m_pFiring(nullptr), m_tvStart(aStart) {
+        if (CmWatchIsOn()) {
+            BeginWatch();
+        }
+    }
     CPass(const CPass&) = delete;
     CPass& operator=(const CPass&) = delete;
 
     void RunAndDestroy(ICmEvent* aEvent) {
         CM_ASSERTE_RETURN(aEvent, void());
-        m_pFiring = aEvent;
-        aEvent->OnEventFire();
-        m_pFiring = nullptr;
-        aEvent->OnDestorySelf();
-        const CCmTimeValue tvEnd = CCmTimeValue::GetTimeOfDay();
-        const CCmTimeValue tvElapsed = tvEnd - m_tvStart;
-        m_tvStart = tvEnd;
+        if (CM_UNLIKELY(m_pWatched != nullptr)) {
+            RunWatched(aEvent);
+            return;
+        }
+        const CCmTimeValue tvElapsed = FireAndEnd(aEvent);
         if (CM_UNLIKELY(tvElapsed > CCmEventQueueBase::s_tvReportInterval)) {
             Report(aEvent, tvElapsed);
             m_tvStart = CCmTimeValue::GetTimeOfDay();  // the line is not part of the next event
@@ -273,8 +456,31 @@ class CCmEventQueueSteps::CPass {
             m_pFiring->OnDestorySelf();
         }
     }
+    // Events that were taken out and will not run are about to be destroyed.
+    void NoteUnfired(const std::list<ICmEvent*>& aEvents) {
+        if (CM_UNLIKELY(m_pWatched != nullptr)) {
+            m_pWatched->m_Unfired.Add(m_dwStart, CountWithoutWaysBack(aEvents));
+            m_pWatched->m_dwTaken.Set(0);
+        }
+    }
 
   private:
+    // How long it took, from m_tvStart to its end, which is m_tvStart then.
+    CCmTimeValue FireAndEnd(ICmEvent* aEvent) {
+        m_pFiring = aEvent;
+        aEvent->OnEventFire();
+        m_pFiring = nullptr;
+        aEvent->OnDestorySelf();
+        const CCmTimeValue tvEnd = CCmTimeValue::GetTimeOfDay();
+        const CCmTimeValue tvElapsed = tvEnd - m_tvStart;
+        m_tvStart = tvEnd;
+        return tvElapsed;
+    }
+    void BeginWatch();
+    void RunWatched(ICmEvent* aEvent);
+    void ReportWatched(const ICmEvent* aEvent, const void* aTable, long long aStart,
+                       long long aWaited, long long aRan) const;
+
     // aEvent has been destroyed: its address is all that is used.
     void Report(ICmEvent* aEvent, const CCmTimeValue& aElapsed) const {
         CM_WARNING_TRACE("CCmEventQueueBase::ProcessOneEvent, report, sec="
@@ -286,7 +492,92 @@ class CCmEventQueueSteps::CPass {
     CCmEventQueueBase& m_Queue;
     ICmEvent* m_pFiring;
     CCmTimeValue m_tvStart;
+    CCmWatchedQueue* m_pWatched = nullptr;  // the events of this pass are counted there
+    DWORD m_dwStart = 0;                    // of the watch
+    CCmWatchedRun m_Run;
 };
+
+// Events that were taken out before the watch was on are not counted: nobody has counted their
+// posts.
+void CCmEventQueueSteps::CPass::BeginWatch() {
+    CCmWatchedThread* const pThread = CmEnsureWatchedThread();
+    if (pThread == nullptr) {
+        return;
+    }
+    pThread->EndSleep(CmUsecOf(m_tvStart));
+    CCmWatchedQueue* const pWatched = WatchedOwn(m_Queue);
+    if (pWatched == nullptr) {
+        return;
+    }
+    pWatched->SetConsumer(pThread);
+    m_dwStart = g_cmWatchOn.load(std::memory_order_relaxed);
+    if (pWatched->m_dwTakenStart == m_dwStart && pWatched->IsOwnOf(m_dwStart)) {
+        m_pWatched = pWatched;
+        m_Run.Enter(pThread);
+    }
+}
+
+void CCmEventQueueSteps::CPass::RunWatched(ICmEvent* aEvent) {
+    const CSeenEvent seen = See(aEvent);
+    // An event within this pass may have turned the watch off and on again.
+    const bool bCounts = !seen.m_bIsWayBack && m_pWatched->IsOwnOf(m_dwStart);
+    CCmWatchedThread& thread = *m_Run.Thread();
+    const long long llStart = CmUsecOf(m_tvStart);
+    m_Run.SetCurrent(seen.m_pTable, llStart);
+    long long llWaited = -1;
+    if (m_pWatched->m_dwTaken.Get() != 0) {
+        m_pWatched->m_dwTaken.Set(m_pWatched->m_dwTaken.Get() - 1);
+    }
+    if (bCounts) {
+        m_pWatched->m_ullRun.Add(1);
+        long long llPosted = 0;
+        if (CM_UNLIKELY(m_pWatched->m_Probe.Take(aEvent, llPosted) ||
+                        m_pWatched->m_OwnProbe.Take(aEvent, llPosted))) {
+            llWaited = std::max(llStart - llPosted, 0LL);
+            thread.m_Waited.Add(llWaited);
+        }
+    }
+    const CCmTimeValue tvElapsed = FireAndEnd(aEvent);
+    const long long llRan = CmUsecOf(tvElapsed);
+    if (bCounts) {
+        if (CM_UNLIKELY(thread.m_Run.Add(llRan))) {
+            thread.m_pLongest.Set(seen.m_pTable);
+        }
+        if (CCmFlightRing* const pRing = thread.Ring()) {
+            pRing->Event(llStart, llRan, seen.m_pTable, aEvent, m_pWatched->Pending(m_dwStart));
+        }
+    }
+    if (m_Run.IsOutermost()) {
+        thread.m_ullInEvents.Add(static_cast<uint64_t>(std::max(llRan, 0LL)));
+    }
+    if (CM_UNLIKELY(tvElapsed > CCmEventQueueBase::s_tvReportInterval)) {
+        Report(aEvent, tvElapsed);
+        ReportWatched(aEvent, seen.m_pTable, llStart, llWaited, llRan);
+        m_tvStart = CCmTimeValue::GetTimeOfDay();  // the lines are not part of the next event
+    }
+}
+
+// aWaited: -1 when it has not been measured.
+void CCmEventQueueSteps::CPass::ReportWatched(const ICmEvent* aEvent, const void* aTable,
+                                              long long aStart, long long aWaited,
+                                              long long aRan) const {
+    char szClass[CM_CLASS_TEXT_SIZE];
+    CmClassText(aTable, szClass, sizeof(szClass));
+    char szPoster[CM_FLIGHT_NAME_SIZE] = "unknown";
+    char szWaited[24] = "unknown";
+    long long llPosted = 0;
+    if (CCmFlight::FindPost(aEvent, aTable, aStart, llPosted, szPoster)) {
+        aWaited = aWaited >= 0 ? aWaited : std::max(aStart - llPosted, 0LL);
+    }
+    if (aWaited >= 0) {
+        std::snprintf(szWaited, sizeof(szWaited), "%lld", aWaited);
+    }
+    CM_WARNING_TRACE(
+        "CCmEventQueueBase::ProcessOneEvent, watch, class="
+        << static_cast<const char*>(szClass) << " postedBy=" << static_cast<const char*>(szPoster)
+        << " waitedUsec=" << static_cast<const char*>(szWaited) << " ranUsec=" << aRan
+        << " pending=" << m_pWatched->Pending(m_dwStart) << " this=" << CmTraceAddress(&m_Queue));
+}
 
 // The loop of every Process function: runs the events from aNext on. Whether it comes to the end of
 // the list, finds aStop set (may be null) or the thread is cancelled: the event that has begun is
@@ -317,6 +608,9 @@ void CCmEventQueueSteps::DestroyPending(CCmEventQueueBase& aQueue, CCmMutexThrea
         } else if (state.m_dwOwn.load(std::memory_order_relaxed) != 0) {
             state.m_dwDiscards.fetch_add(1, std::memory_order_relaxed);
         }
+        if (CmWatchIsOn()) {
+            NoteUnfired_l(aQueue);
+        }
         events.swap(aQueue.m_Events);
     }
     DestroyAll(events);
@@ -344,6 +638,7 @@ CmResult CCmEventQueueBase::PostEvent(ICmEvent* aEvent, EPriority /*aPri*/) {
     CmResult rv = posting.Prepare(true);
     if (CM_SUCCEEDED(rv)) {
         rv = posting.Append();
+        posting.Count(false);
     }
     posting.Conclude(rv);
     return rv;
@@ -362,6 +657,9 @@ CmResult CCmEventQueueBase::PopPendingEvents(std::list<ICmEvent*>& aEvents, DWOR
     if (dwSize == 0) {
         return CM_ERROR_NOT_FOUND;
     }
+    CCmWatchedQueue* const pWatched =
+        CmWatchIsOn() ? CCmEventQueueSteps::Watched_l(*this) : nullptr;
+    const size_t nTaken = std::min<size_t>(m_Events.size(), aMaxCount);
     if (dwSize <= aMaxCount) {
         aEvents.splice(aEvents.end(), m_Events);
         dwSize = 0;
@@ -374,6 +672,9 @@ CmResult CCmEventQueueBase::PopPendingEvents(std::list<ICmEvent*>& aEvents, DWOR
         aEvents.splice(aEvents.end(), m_Events, m_Events.begin(), itEnd);
     }
     m_dwSize.store(dwSize, std::memory_order_relaxed);
+    if (CM_UNLIKELY(pWatched != nullptr)) {
+        CCmEventQueueSteps::NoteTaken_l(*this, *pWatched, nTaken);
+    }
     if (aRemainSize != nullptr) {
         *aRemainSize = dwSize;
     }
@@ -385,10 +686,15 @@ CmResult CCmEventQueueBase::PopOnePendingEvent(ICmEvent*& aEvent, DWORD* aRemain
     if (m_Events.empty()) {
         return CM_ERROR_NOT_FOUND;
     }
+    CCmWatchedQueue* const pWatched =
+        CmWatchIsOn() ? CCmEventQueueSteps::Watched_l(*this) : nullptr;
     aEvent = m_Events.front();
     m_Events.pop_front();
     const DWORD dwSize = m_dwSize.load(std::memory_order_relaxed) - 1;
     m_dwSize.store(dwSize, std::memory_order_relaxed);
+    if (CM_UNLIKELY(pWatched != nullptr)) {
+        CCmEventQueueSteps::NoteTaken_l(*this, *pWatched, 1);
+    }
     if (aRemainSize != nullptr) {
         *aRemainSize = dwSize;
     }
@@ -410,6 +716,9 @@ CmResult CCmEventQueueBase::ProcessOneEvent(ICmEvent* aEvent) {
 
 void CCmEventQueueBase::DestoryPendingEvents() {
     CCmEventQueueSteps::GatherOwn(*this);
+    if (CmWatchIsOn()) {
+        CCmEventQueueSteps::NoteUnfired_l(*this);
+    }
     std::list<ICmEvent*> events;
     events.swap(m_Events);
     DestroyAll(events);
@@ -469,6 +778,8 @@ class CCmEventSynchronous::CSendState {
     // aBlocked: what has been entered for this wait.
     CmResult Wait(CCmBlockedSend& aBlocked);
 
+    // Of a wrapper that is pending.
+    bool HasFired() const { return m_nOutcome.load(std::memory_order_relaxed) == OUTCOME_FIRED; }
     bool IsOnItsWayBack() const {
         // A sender that gave up has let go, too; its event still runs. The acquire also covers the
         // relaxed load: ABANDONED is stored before the sender lets go.
@@ -556,6 +867,9 @@ CmResult CCmEventQueueBase::SendEvent(ICmEvent* aEvent) {
     CM_ASSERTE_RETURN(aEvent, CM_ERROR_INVALID_ARG);
     if (CM_UNLIKELY(m_bIsStopped.load(std::memory_order_relaxed))) {
         CM_WARNING_TRACE_THIS("CCmEventQueueBase::SendEvent, has been stopped.");
+        if (CmWatchIsOn()) {
+            CCmEventQueueSteps::NoteRefused(*this);
+        }
         aEvent->OnDestorySelf();
         return CM_ERROR_NOT_INITIALIZED;
     }
@@ -570,8 +884,22 @@ CmResult CCmEventQueueBase::SendEvent(ICmEvent* aEvent) {
     return CCmPrivateRoom::Of(pSynchronous->m_Private).Send();
 }
 
+// Relaxed: nobody takes the event out before the wrapper has fired.
+CCmEventQueueSteps::CSeenEvent CCmEventQueueSteps::See(const ICmEvent* aEvent) {
+    CSeenEvent seen = {CmTableOf(aEvent), false};
+    if (seen.m_pTable == s_pTableOfSends.load(std::memory_order_relaxed)) {
+        const auto& wrapper = *static_cast<const CCmEventSynchronous*>(aEvent);
+        seen.m_bIsWayBack = CCmPrivateRoom::Of(wrapper.m_Private).HasFired();
+        const ICmEvent* const pCarried =
+            seen.m_bIsWayBack ? nullptr : wrapper.m_pEvent.load(std::memory_order_relaxed);
+        seen.m_pTable = pCarried != nullptr ? CmTableOf(pCarried) : seen.m_pTable;
+    }
+    return seen;
+}
+
 CmResult CCmEventSynchronous::CSendState::Send() {
     CCmEventQueueBase& queue = *m_Wrapper.m_pEventQueue;
+    CCmWatchedSend watched(m_Wrapper.m_pEvent.load(std::memory_order_relaxed));
     CCmEventQueueBase::CQueueState& queueState = QueueState();
     m_bHoldsQueue = true;
     m_nSenderCore = CmPortCurrentCore();
@@ -583,8 +911,13 @@ CmResult CCmEventSynchronous::CSendState::Send() {
         Abandon(blocked);
         queueState.CountSenderOut();
     });
+    const bool bIsWatched = CCmBlockedSend::IsOn();
+    if (CM_UNLIKELY(bIsWatched)) {
+        // Relaxed, and before the post: nobody else has the event yet.
+        blocked.SetSent(CmTableOf(m_Wrapper.m_pEvent.load(std::memory_order_relaxed)));
+    }
     const CmResult rv = queue.PostEvent(&m_Wrapper, ICmEventQueue::EPRIORITY_NORMAL);
-    if (CM_UNLIKELY(CCmBlockedSend::IsOn()) && CM_SUCCEEDED(rv)) {
+    if (CM_UNLIKELY(bIsWatched) && CM_SUCCEEDED(rv)) {
         EnterWait(blocked);
     }
     giveUp.Release();
@@ -598,7 +931,9 @@ CmResult CCmEventSynchronous::CSendState::Send() {
             [this] { return m_nOutcome.load(std::memory_order_relaxed) != OUTCOME_NONE; },
             SPIN_NSEC));
     }
-    return Wait(blocked);
+    const CmResult rvWait = Wait(blocked);
+    watched.End(&queue);
+    return rvWait;
 }
 
 void CCmEventSynchronous::CSendState::EnterWait(CCmBlockedSend& aBlocked) {
@@ -719,6 +1054,7 @@ CmResult CCmEventQueueUsingMutex::PostEventWithOldSize(ICmEvent* aEvent, EPriori
         }
         if (CM_SUCCEEDED(rv)) {
             rv = posting.Append();
+            posting.Count(false);
         }
     }
     CM_ASSERTE_RETURN(aEvent, rv);
@@ -728,6 +1064,9 @@ CmResult CCmEventQueueUsingMutex::PostEventWithOldSize(ICmEvent* aEvent, EPriori
 
 CmResult CCmEventQueueUsingMutex::PopPendingEventsLocked(std::list<ICmEvent*>& aEvents,
                                                          DWORD aMaxCount, DWORD* aRemainSize) {
+    if (CmWatchIsOn()) {
+        CCmEventQueueSteps::NoteConsumer(*this);
+    }
     CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
     return PopPendingEvents(aEvents, aMaxCount, aRemainSize);
 }
@@ -739,8 +1078,9 @@ void CCmEventQueueUsingMutex::DestoryPendingEvents() {
 void CCmEventQueueUsingMutex::ProcessTakenEvents(std::list<ICmEvent*>& aEvents) {
     CCmEventQueueSteps::CPass pass(*this);
     CCmEventQueueSteps::Run(pass, aEvents.begin(), aEvents.end(), nullptr,
-                            [&aEvents](std::list<ICmEvent*>::iterator aRest) {
+                            [&aEvents, &pass](std::list<ICmEvent*>::iterator aRest) {
                                 aEvents.erase(aEvents.begin(), aRest);
+                                pass.NoteUnfired(aEvents);
                                 DestroyEach(aEvents);
                             });
 }
@@ -755,6 +1095,9 @@ class CCmEventQueueUsingConditionVariable::CConditionQueueState {
     CmResult Post(ICmEvent* aEvent) {
         CCmEventQueueSteps::CLoop* const pLoop = CCmEventQueueSteps::LoopOfThisThread(m_Queue);
         if (pLoop != nullptr && pLoop->MayPost() && pLoop->PostOwn(aEvent, m_Spent)) {
+            if (CmWatchIsOn()) {
+                pLoop->NoteOwnPost(aEvent);
+            }
             return CM_OK;
         }
         CCmEventQueueSteps::CPosting posting(m_Queue, aEvent);
@@ -765,6 +1108,7 @@ class CCmEventQueueUsingConditionVariable::CConditionQueueState {
             rv = Append_l(posting);
             if (CM_SUCCEEDED(rv)) {
                 dwWait = WaitToSignal_l();
+                posting.Count(dwWait != NO_WAIT);
             }
             if (pLoop != nullptr) {
                 pLoop->NoteWatch();
@@ -782,6 +1126,9 @@ class CCmEventQueueUsingConditionVariable::CConditionQueueState {
     template <class WaitType>
     CmResult PopOrWait(std::list<ICmEvent*>& aEvents, DWORD aMaxCount, WaitType aWait) {
         CCmEventQueueSteps::CLoop* const pLoop = CCmEventQueueSteps::LoopOfThisThread(m_Queue);
+        if (CmWatchIsOn()) {
+            CCmEventQueueSteps::NoteConsumer(m_Queue);
+        }
         if (pLoop != nullptr && pLoop->TakeOwn(aEvents, aMaxCount)) {
             return CM_OK;
         }
@@ -806,6 +1153,8 @@ class CCmEventQueueUsingConditionVariable::CConditionQueueState {
         // Not when the lock could not be taken: the wait would return with it taken, and nobody
         // would release it.
         if (m_Queue.m_Events.empty() && CM_SUCCEEDED(lock.result())) {
+            CCmWatchedThread* const pSleeper =
+                CmWatchIsOn() ? CCmEventQueueSteps::FallAsleep(pLoop) : nullptr;
             if (pLoop != nullptr) {
                 pLoop->ForgetEnd();
             }
@@ -817,6 +1166,9 @@ class CCmEventQueueUsingConditionVariable::CConditionQueueState {
             aWait();
             leave.Release();
             LeaveWait_l();
+            if (CM_UNLIKELY(pSleeper != nullptr)) {
+                CCmEventQueueSteps::WakeUp(*pSleeper, !m_Queue.m_Events.empty());
+            }
         }
         return m_Queue.PopPendingEvents(aEvents, aMaxCount, nullptr);
     }
@@ -846,6 +1198,10 @@ class CCmEventQueueUsingConditionVariable::CConditionQueueState {
         }
         m_Queue.m_dwSize.fetch_add(static_cast<DWORD>(rest.size()), std::memory_order_relaxed);
         m_Queue.m_Events.splice(m_Queue.m_Events.begin(), rest);
+        if (CCmWatchedQueue* const pWatched =
+                CmWatchIsOn() ? CCmEventQueueSteps::Watched_l(m_Queue) : nullptr) {
+            pWatched->m_dwTaken.Set(0);
+        }
     }
     // With the node that was prepared, or with a spare one.
     CmResult Append_l(CCmEventQueueSteps::CPosting& aPosting) CM_REQUIRES(m_Queue.m_Mutex) {
@@ -980,6 +1336,7 @@ auto& CCmEventQueueSteps::CLoop::QueueState() const {
 CCmEventQueueSteps::CLoop::CLoop(CCmEventQueueUsingConditionVariable& aQueue)
     : m_Queue(aQueue),
       m_pOuter(QueueState().LoopOfThisThread()),
+      m_tvCoarseNow(),
       m_dwDiscards(QueueState().m_dwDiscards.load(std::memory_order_relaxed)),
       m_bGoesOn(false),
       m_nNodes(0),
@@ -1105,14 +1462,13 @@ void CCmEventQueueSteps::CLoop::RunTaken(std::list<ICmEvent*>& aEvents,
 
 // Whether a post may go to the private list. m_bIsStopped relaxed, as in CPosting::Prepare: what
 // this thread has closed itself it finds closed.
-bool CCmEventQueueSteps::CLoop::MayPost() const {
+bool CCmEventQueueSteps::CLoop::MayPost() {
     if (m_Queue.m_dwSize.load(std::memory_order_relaxed) != 0 || HasDiscards() ||
         m_Queue.m_bIsStopped.load(std::memory_order_relaxed)) {
         return false;
     }
-    timeval tvCoarseNow = {};
-    g_cmClock.coarse_gettimeofday(&tvCoarseNow, nullptr);
-    return CCmTimeValue(tvCoarseNow) <= m_tvWatchFrom;
+    g_cmClock.coarse_gettimeofday(&m_tvCoarseNow, nullptr);
+    return CCmTimeValue(m_tvCoarseNow) <= m_tvWatchFrom;
 }
 
 // Under the lock. A stale m_tvWatchFrom is early: a post then looks at the real one, under the
@@ -1136,10 +1492,38 @@ bool CCmEventQueueSteps::CLoop::PostOwn(ICmEvent* aEvent, std::list<ICmEvent*>& 
     return true;
 }
 
+// After PostOwn.
+void CCmEventQueueSteps::CLoop::NoteOwnPost(const ICmEvent* aEvent) {
+    EnsureWatched(m_Queue);
+    const DWORD dwOwn = OwnCount(m_Queue);
+    const DWORD dwStart = g_cmWatchOn.load(std::memory_order_relaxed);
+    CCmWatchedQueue* const pWatched = QueueState().m_pWatched.load(std::memory_order_acquire);
+    if (pWatched != nullptr && dwStart != 0) {
+        if (!pWatched->IsOwnOf(dwStart)) {
+            pWatched->BeginOwn(dwStart, dwOwn - 1);
+        }
+        pWatched->m_ullOwnPosted.Add(1);
+        pWatched->m_dwOwnMost.Raise(pWatched->Pending(dwStart));
+        if (pWatched->m_OwnProbe.Wants(aEvent, false)) {
+            pWatched->m_OwnProbe.Set(aEvent, CmUsecOf(CCmTimeValue::GetTimeOfDay()));
+        }
+    }
+    const CCmWatchedThread* const pThread = CmEnsureWatchedThread();
+    if (pThread != nullptr && pThread->Ring() != nullptr) {
+        pThread->Ring()->Post(CmUsecOf(CCmTimeValue(m_tvCoarseNow)), See(aEvent).m_pTable, aEvent,
+                              &m_Queue);
+    }
+}
+
 // Takes at most aMaxCount events, without the lock, if they can only be the loop's own.
 bool CCmEventQueueSteps::CLoop::TakeOwn(std::list<ICmEvent*>& aEvents, DWORD aMaxCount) {
     if (m_Own.empty() || m_Queue.m_dwSize.load(std::memory_order_relaxed) != 0 || HasDiscards()) {
         return false;
+    }
+    if (CmWatchIsOn()) {
+        if (CCmWatchedQueue* const pWatched = WatchedOwn(m_Queue)) {
+            pWatched->NoteTaken(std::min<size_t>(m_Own.size(), aMaxCount));
+        }
     }
     if (m_Own.size() <= aMaxCount) {
         aEvents.splice(aEvents.end(), m_Own);
@@ -1156,6 +1540,16 @@ void CCmEventQueueSteps::CLoop::GiveOwn() {
     m_dwDiscards = QueueState().m_dwDiscards.load(std::memory_order_relaxed);
     if (m_Own.empty()) {
         return;
+    }
+    // Before they are there: they count as posted on this thread.
+    CCmWatchedQueue* const pWatched = CmWatchIsOn() ? Watched_l(m_Queue) : nullptr;
+    if (CM_UNLIKELY(pWatched != nullptr)) {
+        WatchedOwn(m_Queue);
+        if (bDiscards) {
+            pWatched->m_Unfired.Add(g_cmWatchOn.load(std::memory_order_relaxed), m_Own.size());
+            pWatched->m_dwGhosts.Add(static_cast<DWORD>(m_Own.size()));
+            pWatched->m_OwnProbe.Forget();
+        }
     }
     m_Queue.m_dwSize.fetch_add(static_cast<DWORD>(m_Own.size()), std::memory_order_relaxed);
     if (bDiscards) {

@@ -14,6 +14,8 @@ namespace UTIL_NS {
 class CCmEventQueueBase;
 class CCmEventQueueUsingConditionVariable;
 class CCmMutexThread;
+class CCmWatchedQueue;
+class CCmWatchedThread;
 class ICmEvent;
 class ICmEventQueue;
 
@@ -36,6 +38,30 @@ class CCmEventQueueSteps {
     static DWORD OwnCount(const CCmEventQueueBase& aQueue);
     static void GatherOwn(CCmEventQueueBase& aQueue);
     static CLoop* LoopOfThisThread(CCmEventQueueBase& aQueue);
+
+    // What follows is for the watch, and called only while it is on.
+    //
+    // The table by which CCmEventSynchronous is known; before the watch is turned on.
+    static void LearnTableOfSends();
+    struct CSeenEvent {
+        const void* m_pTable;  // of the class; of a synchronous send, that of what it carries
+        bool m_bIsWayBack;     // of a synchronous send: it has been counted when it was posted
+    };
+    static CSeenEvent See(const ICmEvent* aEvent);
+    static uint64_t CountWithoutWaysBack(const std::list<ICmEvent*>& aEvents);
+    // Not under the queue's lock. Null when there is no memory.
+    static CCmWatchedQueue* EnsureWatched(CCmEventQueueBase& aQueue);
+    // What the watch keeps of a queue; null when it does not. Under the queue's lock, by which all
+    // that look there agree from when on the watch is on.
+    static CCmWatchedQueue* Watched_l(CCmEventQueueBase& aQueue);
+    // The same for what the consumer counts.
+    static CCmWatchedQueue* WatchedOwn(CCmEventQueueBase& aQueue);
+    static void NoteTaken_l(CCmEventQueueBase& aQueue, CCmWatchedQueue& aWatched, size_t aCount);
+    static void NoteUnfired_l(CCmEventQueueBase& aQueue);
+    static void NoteConsumer(CCmEventQueueBase& aQueue);
+    static void NoteRefused(CCmEventQueueBase& aQueue);
+    static CCmWatchedThread* FallAsleep(const CLoop* aLoop);
+    static void WakeUp(CCmWatchedThread& aThread, bool aHasEvents);
 };
 
 // A consumer that does nothing but run its queue, and timers between the passes, from the
@@ -84,7 +110,7 @@ class CCmEventQueueSteps::CLoop {
                             DWORD aMaxCount);
     void RunTaken(std::list<ICmEvent*>& aEvents, const CmStd::atomic<bool>* aStop);
     void NoteSend(int aSenderCore);
-    bool MayPost() const;
+    bool MayPost();
     void NoteWatch();
     bool PostOwn(ICmEvent* aEvent, std::list<ICmEvent*>& aNodes);
     size_t CountOfNodes() const { return m_nNodes; }
@@ -94,6 +120,7 @@ class CCmEventQueueSteps::CLoop {
     bool HasToEndSome() const { return !m_Discarded.empty(); }
     void EndDiscarded();
     void CountOwn(size_t aCount);
+    void NoteOwnPost(const ICmEvent* aEvent);
 
     CCmEventQueueUsingConditionVariable& m_Queue;
     CLoop* const m_pOuter;             // of the same queue on this thread; may be null
@@ -101,6 +128,7 @@ class CCmEventQueueSteps::CLoop {
     std::list<ICmEvent*> m_Discarded;  // what was in it, to be destroyed without having been fired
     CCmTimeValue m_tvWatchFrom;        // until then no post looks at the queue's length
     CCmTimeValue m_tvEnd;              // when the last event ended
+    timeval m_tvCoarseNow;             // as MayPost has read it
     DWORD m_dwDiscards;                // how many of the queue's have been seen to
     bool m_bGoesOn;                    // the next event starts at m_tvEnd
     size_t m_nNodes;                   // that it has allocated

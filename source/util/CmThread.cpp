@@ -13,6 +13,7 @@
 #include "CmSystem.h"
 #include "CmTimerQueueOrderedList.h"
 #include "CmTraceLine.h"
+#include "CmWatched.h"
 
 namespace UTIL_NS {
 
@@ -230,6 +231,7 @@ ACmThread::~ACmThread() {
 // Not to be cancelled half-way: the thread would run without an owner.
 CmResult ACmThread::Create(int aType, TFlag aFlag, signed char bRegister) {
     CCmDisableCancel disableCancel;
+    CmWatchAsProfileSays();
     CM_INFO_TRACE_THIS("ACmThread::Create, aType=" << aType << " aFlag=" << aFlag
                                                    << " Register=" << static_cast<int>(bRegister));
     CM_ASSERTE_RETURN(m_Type == TT_UNKNOWN, CM_ERROR_ALREADY_INITIALIZED);
@@ -363,6 +365,7 @@ void* ACmThread::ThreadProc(void* pParam) {
         state.LeaveBody();
     });
     pThread->OnThreadInit();
+    CmEnsureWatchedThread();  // by now it has its name
     // Read before the signal: after it, the creator may start another thread of the object.
     const bool bInitialized = CM_SUCCEEDED(state.m_InitResult);
     signalStarted();

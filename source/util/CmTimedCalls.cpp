@@ -9,6 +9,7 @@
 #include "CmSystem.h"
 #include "CmThread.h"
 #include "CmTraceLine.h"
+#include "CmWatched.h"
 
 namespace UTIL_NS {
 
@@ -21,6 +22,14 @@ constexpr long NAP_NSEC = 1000 * 1000;  // between two tries of what the system 
 CCmTimeValue ValueOf(long long aNsec) {
     return CCmTimeValue(static_cast<long>(aNsec / NSEC_PER_SEC),
                         static_cast<long>(aNsec % NSEC_PER_SEC / NSEC_PER_USEC));
+}
+
+void ReportSlow(const CCmWatchedTimers& aWatched, const CCmTimedCalls* aCalls) {
+    char szClass[CM_CLASS_TEXT_SIZE];
+    CmClassText(aWatched.Table(), szClass, sizeof(szClass));
+    CM_WARNING_TRACE("CCmTimedCalls::FireDue, watch, class="
+                     << static_cast<const char*>(szClass) << " lateUsec=" << aWatched.LateUsec()
+                     << " ranUsec=" << aWatched.RanUsec() << " this=" << CmTraceAddress(aCalls));
 }
 
 void Nap() {
@@ -225,8 +234,21 @@ long long CCmTimedCalls::FireDue(bool* aFired) {
     }
     const long long llNow = Now();
     long long llNext = CM_NEVER_NSEC;
+    CCmWatchedTimers watched;
+    CCmTimeValue tvStart;
     while (CCmTimedCall* pCall = TakeDue_i(llNow, llNext)) {
+        const long long llLate = llNow - pCall->m_llDue;
+        if (CmWatchIsOn()) {
+            if (tvStart == CCmTimeValue::s_tvZero) {
+                tvStart = CCmTimeValue::GetTimeOfDay();
+            }
+            watched.BeginOne(CmTableOf(pCall->m_pEvent), tvStart);
+        }
         Fire_i(*pCall, llNow);
+        if (watched.EndOne(llLate / NSEC_PER_USEC)) {
+            ReportSlow(watched, this);
+            watched.ForgetLine();
+        }
         if (aFired != nullptr) {
             *aFired = true;
         }
@@ -400,7 +422,9 @@ class CDriver final : public ICmTimerHandler {
         return rvTimer;
     }
     void OnTimeout(const CCmTimeValue& /*aCurTime*/, void* /*aArg*/) override {
-        if (m_pList->FireDue() == CM_NEVER_NSEC) {
+        const long long llNext = m_pList->FireDue();
+        CCmWatchedTimers::CountOthersOnly();
+        if (llNext == CM_NEVER_NSEC) {
             m_pQueue->CancelTimer(this);
             return;
         }

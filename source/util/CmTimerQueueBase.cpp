@@ -1,6 +1,7 @@
 #include "CmTimerQueueBase.h"
 
-#include "CmTrace.h"
+#include "CmTraceLine.h"
+#include "CmWatched.h"
 
 namespace UTIL_NS {
 
@@ -33,6 +34,14 @@ CCmTimeValue NextExpiry(const CCmTimeValue& aExpired, const CCmTimeValue& aInter
     const WideUsec interval = ToUsec(aInterval);
     const WideUsec periods = (ToUsec(aNow) - expired) / interval + 1;
     return FromUsec(expired + periods * interval);
+}
+
+void ReportSlow(const CCmWatchedTimers& aWatched, const CCmTimerQueueBase* aQueue) {
+    char szClass[CM_CLASS_TEXT_SIZE];
+    CmClassText(aWatched.Table(), szClass, sizeof(szClass));
+    CM_WARNING_TRACE("CCmTimerQueueBase::CheckExpire, watch, class="
+                     << static_cast<const char*>(szClass) << " lateUsec=" << aWatched.LateUsec()
+                     << " ranUsec=" << aWatched.RanUsec() << " this=" << CmTraceAddress(aQueue));
 }
 
 }  // namespace
@@ -95,6 +104,7 @@ unsigned int CCmTimerQueueBase::CheckExpire(CCmTimeValue* aRemainTime) {
     const CCmTimeValue tvNow = CCmTimeValue::GetTimeOfDay();
     unsigned int dwFired = 0;
     CCmTimeValue tvRemain = CCmTimeValue::s_tvMax;
+    CCmWatchedTimers watched;
     // A handler may have changed the queue, so each round looks at it afresh. What it schedules for
     // tvNow or earlier fires in this pass, too. A timer that is armed again is due after tvNow, so
     // the pass comes to its end.
@@ -106,6 +116,7 @@ unsigned int CCmTimerQueueBase::CheckExpire(CCmTimeValue* aRemainTime) {
         }
         CNode node;
         PopFirstNode_l(node);
+        const CCmTimeValue tvDue = node.m_tvExpired;
         if (node.m_dwCount != UNLIMITED_COUNT) {
             --node.m_dwCount;
         }
@@ -115,7 +126,14 @@ unsigned int CCmTimerQueueBase::CheckExpire(CCmTimeValue* aRemainTime) {
             RePushNode_l(node);
         }
         m_Est.EnsureSingleThread();
+        if (CmWatchIsOn()) {
+            watched.BeginOne(CmTableOf(node.m_pEh), tvNow);
+        }
         node.m_pEh->OnTimeout(tvNow, node.m_pToken);
+        if (watched.EndOne(CmUsecOf(tvNow) - CmUsecOf(tvDue))) {
+            ReportSlow(watched, this);
+            watched.ForgetLine();
+        }
         ++dwFired;
     }
     if (aRemainTime != nullptr) {

@@ -1,63 +1,86 @@
 #include "CmWatched.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <new>
 
+#include "CmBlockedSends.h"
+#include "CmFlight.h"
 #include "CmScopedLock.h"
 #include "CmSystem.h"
+#include "CmThreadAnnotations.h"
 #include "port/CmPort.h"
 
 namespace UTIL_NS {
 
 CmStd::atomic<DWORD> g_cmWatchOn{0};
 
-unsigned CCmWatchedDistribution::BucketOf(uint64_t aUsec) {
-    if (aUsec < 4) {
-        return static_cast<unsigned>(aUsec);
+namespace {
+
+// How many threads that have ended are kept; then new ones take the place of the oldest.
+constexpr size_t MOST_ENDED = 64;
+
+thread_local CCmWatchedThread* t_pThread = nullptr;
+thread_local bool t_bIsPastEnd = false;
+
+long long NowUsec() {
+    return CmUsecOf(CCmTimeValue::GetTimeOfDay());
+}
+
+uint64_t ToFigure(long long aUsec) {
+    return aUsec > 0 ? static_cast<uint64_t>(aUsec) : 0;
+}
+
+}  // namespace
+
+void CmClassText(const void* aTable, char* aText, size_t aSize) {
+    const char* const pszName = aTable != nullptr ? CmPortClassName(aTable) : "";
+    if (pszName == nullptr) {
+        std::snprintf(aText, aSize, "%p", const_cast<void*>(aTable));
+    } else {
+        CmPortReadableClassName(pszName, aText, aSize);
     }
-    const unsigned nPower = 63U - static_cast<unsigned>(__builtin_clzll(aUsec));
-    const unsigned nBucket = (nPower - 1) * 4 + static_cast<unsigned>((aUsec >> (nPower - 2)) & 3);
-    return nBucket < BUCKETS ? nBucket : BUCKETS - 1;
 }
 
-uint64_t CCmWatchedDistribution::EndOf(unsigned aBucket) {
-    if (aBucket < 4) {
-        return aBucket;
-    }
-    const unsigned nPower = aBucket / 4 + 1;
-    return ((uint64_t{aBucket % 4} + 5) << (nPower - 2)) - 1;
+void CCmWatchedSharedCount::Add(DWORD aStart, uint64_t aCount) {
+    const uint64_t ullStart = uint64_t{aStart} << COUNT_BITS;
+    uint64_t ullOld = m_ullStartAndCount.load(std::memory_order_relaxed);
+    uint64_t ullNew = 0;
+    do {
+        const uint64_t ullCount = (ullOld & ~COUNT_MASK) == ullStart ? ullOld & COUNT_MASK : 0;
+        ullNew = ullStart | ((ullCount + aCount) & COUNT_MASK);
+    } while (!m_ullStartAndCount.compare_exchange_weak(ullOld, ullNew, std::memory_order_relaxed));
 }
 
-void CCmWatchedDistribution::Add(long long aUsec) {
-    const uint64_t ullUsec = aUsec > 0 ? static_cast<uint64_t>(aUsec) : 0;
-    m_dwCounts[BucketOf(ullUsec)].Add(1);
-    m_ullLongest.Raise(ullUsec);
+uint64_t CCmWatchedSharedCount::Of(DWORD aStart) const {
+    const uint64_t ullBoth = m_ullStartAndCount.load(std::memory_order_relaxed);
+    return (ullBoth & ~COUNT_MASK) == uint64_t{aStart} << COUNT_BITS ? ullBoth & COUNT_MASK : 0;
 }
 
-void CCmWatchedDistribution::CopyTo(CCmWatchDistribution& aCopy) const {
+CCmWatchDistribution CCmWatchedDistribution::Copy() const {
+    CCmWatchDistribution copy;
     uint64_t ullCounts[BUCKETS];
-    uint64_t ullAll = 0;
     for (unsigned i = 0; i < BUCKETS; ++i) {
         ullCounts[i] = m_dwCounts[i].Get();
-        ullAll += ullCounts[i];
+        copy.m_ullCount += ullCounts[i];
     }
-    aCopy.m_ullCount = ullAll;
-    aCopy.m_ullLongest = m_ullLongest.Get();
-    const auto reach = [&](uint64_t aPerThousand) -> uint64_t {
-        const uint64_t ullWanted = (ullAll * aPerThousand + 999) / 1000;
+    copy.m_ullLongest = m_ullLongest.Get();
+    const auto reach = [&](uint64_t aPerThousand) {
+        const uint64_t ullWanted = (copy.m_ullCount * aPerThousand + 999) / 1000;
         uint64_t ullSeen = 0;
         for (unsigned i = 0; i < BUCKETS - 1; ++i) {
             ullSeen += ullCounts[i];
             if (ullSeen >= ullWanted) {
-                return EndOf(i) < aCopy.m_ullLongest ? EndOf(i) : aCopy.m_ullLongest;
+                return EndOf(i) < copy.m_ullLongest ? EndOf(i) : copy.m_ullLongest;
             }
         }
-        return aCopy.m_ullLongest;
+        return copy.m_ullLongest;
     };
-    aCopy.m_ullMedian = reach(500);
-    aCopy.m_ull99 = reach(990);
-    aCopy.m_ull999 = reach(999);
+    copy.m_ullMedian = reach(500);
+    copy.m_ull99 = reach(990);
+    copy.m_ull999 = reach(999);
+    return copy;
 }
 
 void CCmWatchedDistribution::Clear() {
@@ -67,76 +90,456 @@ void CCmWatchedDistribution::Clear() {
     m_ullLongest.Set(0);
 }
 
-// Never destroyed: threads end while the process does.
+// All threads and queues that are watched, and the numbers of the last start. Never destroyed:
+// threads end while the process does.
 class CCmWatchRegistry {
   public:
-    static void Visit(void (*aVisit)(CCmWatchedThread&, void*), void* aArgument) {
-        CCmScopedLockT<CCmMutexThread> lock(Lock());
-        for (CCmWatchedThread* p = s_pFirst; p != nullptr; p = p->m_pNext) {
+    constexpr CCmWatchRegistry() : m_Mutex(CCmStaticInit()) {}
+    static CCmWatchRegistry& Instance();
+
+    bool EnsureKey();
+    CCmWatchedThread* MakeThread();
+    void EndThread(CCmWatchedThread& aThread);
+    void Visit(void (*aVisit)(CCmWatchedThread&, void*), void* aArgument) {
+        CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
+        for (CCmWatchedThread* p = m_pThreads; p != nullptr; p = p->m_pNext) {
             aVisit(*p, aArgument);
         }
     }
-    static CCmWatchedThread* Make() {
-        auto* const pThread = new (std::nothrow) CCmWatchedThread;
-        if (pThread == nullptr) {
-            return nullptr;
-        }
-        pThread->m_Tid = pthread_self();
-        CmPortNameOfThisThread(pThread->m_szName, sizeof(pThread->m_szName));
-        CCmScopedLockT<CCmMutexThread> lock(Lock());
-        pThread->m_ullNumber = ++s_ullNumbers;
-        *s_ppLast = pThread;
-        s_ppLast = &pThread->m_pNext;
-        return pThread;
+    void Add(CCmWatchedQueue& aQueue);
+    void Remove(CCmWatchedQueue& aQueue);
+    void SetStart(DWORD aStart) {
+        CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
+        m_dwStart = aStart;
     }
+    size_t Read(CCmWorkerFigures* aFigures, size_t aRoom);
+
+    template <class FiguresType>
+    void AddQueue_l(FiguresType& aFigures, const CCmWatchedQueue& aQueue) const;
+    template <class FiguresType>
+    void AddQueues_l(FiguresType& aFigures, const CCmWatchedThread& aThread) const {
+        for (const CCmWatchedQueue* p = m_pQueues; p != nullptr; p = p->m_pNext) {
+            if (p->Consumer() == &aThread) {
+                AddQueue_l(aFigures, *p);
+            }
+        }
+    }
+    static void Clear(CCmWatchedThread& aThread, DWORD aStart) { aThread.Clear(aStart); }
+    DWORD Start_l() const { return m_dwStart; }
 
   private:
-    static CCmMutexThread& Lock() {
-        union CStorage {
-            constexpr CStorage() : m_Mutex(CCmStaticInit()) {}
-            ~CStorage() {}
-            CCmMutexThread m_Mutex;
-        };
-        CM_CONSTANT_INIT static CStorage s_storage;
-        return s_storage.m_Mutex;
+    bool HasQueue_l(const CCmWatchedThread& aThread) const {
+        for (const CCmWatchedQueue* p = m_pQueues; p != nullptr; p = p->m_pNext) {
+            if (p->Consumer() == &aThread) {
+                return true;
+            }
+        }
+        return false;
     }
+    CCmWatchedThread* TakeEnded_l();
 
-    static CCmWatchedThread* s_pFirst;
-    static CCmWatchedThread** s_ppLast;
-    static uint64_t s_ullNumbers;
+    CCmMutexThread m_Mutex;
+    CCmWatchedThread* m_pThreads = nullptr;  // the newest last
+    CCmWatchedQueue* m_pQueues = nullptr;    // the newest first
+    size_t m_nEnded = 0;
+    DWORD m_dwStart = 0;
+    bool m_bHasKey = false;
+    pthread_key_t m_Key = 0;
 };
-
-CCmWatchedThread* CCmWatchRegistry::s_pFirst = nullptr;
-CCmWatchedThread** CCmWatchRegistry::s_ppLast = &CCmWatchRegistry::s_pFirst;
-uint64_t CCmWatchRegistry::s_ullNumbers = 0;
 
 namespace {
 
-thread_local CCmWatchedThread* t_pThread = nullptr;
+union CRegistryStorage {
+    constexpr CRegistryStorage() : m_Registry() {}
+    ~CRegistryStorage() {}
+
+    CCmWatchRegistry m_Registry;
+};
+CM_CONSTANT_INIT CRegistryStorage s_registry;
 
 }  // namespace
+
+CCmWatchRegistry& CCmWatchRegistry::Instance() {
+    return s_registry.m_Registry;
+}
+
+bool CCmWatchRegistry::EnsureKey() {
+    CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
+    if (!m_bHasKey) {
+        m_bHasKey = g_cmSystem.pthread_key_create(&m_Key, [](void* aThread) {
+            t_bIsPastEnd = true;
+            t_pThread = nullptr;
+            Instance().EndThread(*static_cast<CCmWatchedThread*>(aThread));
+        }) == 0;
+    }
+    return m_bHasKey;
+}
+
+// The one that ended first, if there are enough of them.
+CCmWatchedThread* CCmWatchRegistry::TakeEnded_l() {
+    if (m_nEnded < MOST_ENDED) {
+        return nullptr;
+    }
+    for (CCmWatchedThread** pp = &m_pThreads; *pp != nullptr; pp = &(*pp)->m_pNext) {
+        CCmWatchedThread* const pThread = *pp;
+        if (pThread->m_bHasEnded) {
+            *pp = pThread->m_pNext;
+            --m_nEnded;
+            return pThread;
+        }
+    }
+    return nullptr;
+}
+
+CCmWatchedThread* CCmWatchRegistry::MakeThread() {
+    if (!EnsureKey()) {
+        return nullptr;
+    }
+    CCmWatchedThread* pThread = nullptr;
+    {
+        CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
+        pThread = TakeEnded_l();
+    }
+    if (pThread == nullptr) {
+        pThread = new (std::nothrow) CCmWatchedThread;
+    }
+    if (pThread == nullptr) {
+        return nullptr;
+    }
+    if (g_cmSystem.pthread_setspecific(m_Key, pThread) != 0) {
+        delete pThread;
+        return nullptr;
+    }
+    CmPortNameOfThisThread(pThread->m_szName, sizeof(pThread->m_szName));
+    pThread->m_Tid = pthread_self();
+    pThread->m_bHasEnded = false;
+    pThread->m_dwStart.store(0, std::memory_order_relaxed);  // the figures are another thread's
+    pThread->m_pNext = nullptr;
+    pThread->m_pRing = CCmFlight::AttachThisThread(nullptr);
+    CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
+    pThread->m_ullNumber = CmNumberOfThisThread();
+    CCmWatchedThread** pp = &m_pThreads;
+    while (*pp != nullptr) {
+        pp = &(*pp)->m_pNext;
+    }
+    *pp = pThread;
+    return pThread;
+}
+
+// On the thread itself, when it ends.
+void CCmWatchRegistry::EndThread(CCmWatchedThread& aThread) {
+    CCmFlightRing* const pRing = aThread.m_pRing;
+    {
+        CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
+        if (pRing != nullptr) {
+            CCmFlightFigures figures = {};
+            aThread.CopyFigures(figures);
+            pRing->Figures(figures, NowUsec());
+            pRing->Current(nullptr, 0);
+        }
+        for (CCmWatchedQueue* p = m_pQueues; p != nullptr; p = p->m_pNext) {
+            if (p->Consumer() == &aThread) {
+                std::memcpy(p->m_szName, aThread.m_szName, sizeof(p->m_szName));
+                p->SetConsumer(nullptr);
+            }
+        }
+        aThread.m_bHasEnded = true;
+        aThread.m_pRing = nullptr;
+        aThread.m_pCurrent.Set(nullptr);
+        aThread.m_llAsleepSince.Set(0);
+        ++m_nEnded;
+    }
+    CCmFlight::Detach(pRing);
+}
+
+void CCmWatchRegistry::Add(CCmWatchedQueue& aQueue) {
+    CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
+    aQueue.m_pNext = m_pQueues;
+    if (m_pQueues != nullptr) {
+        m_pQueues->m_pPrevious = &aQueue;
+    }
+    m_pQueues = &aQueue;
+}
+
+void CCmWatchRegistry::Remove(CCmWatchedQueue& aQueue) {
+    CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
+    (aQueue.m_pPrevious != nullptr ? aQueue.m_pPrevious->m_pNext : m_pQueues) = aQueue.m_pNext;
+    if (aQueue.m_pNext != nullptr) {
+        aQueue.m_pNext->m_pPrevious = aQueue.m_pPrevious;
+    }
+}
+
+template <class FiguresType>
+void CCmWatchRegistry::AddQueue_l(FiguresType& aFigures, const CCmWatchedQueue& aQueue) const {
+    const bool bIsOf = aQueue.IsOf(m_dwStart);
+    const uint64_t ullPending = aQueue.Pending(m_dwStart);
+    aFigures.m_ullPending += ullPending;
+    aFigures.m_ullRefused += aQueue.m_Refused.Of(m_dwStart);
+    aFigures.m_ullUnfired += aQueue.m_Unfired.Of(m_dwStart);
+    uint64_t ullMost = ullPending;
+    if (bIsOf) {
+        aFigures.m_ullPosted += aQueue.m_ullPosted.Get();
+        ullMost = std::max<uint64_t>(ullMost, aQueue.m_dwMost.Get());
+    }
+    if (aQueue.IsOwnOf(m_dwStart)) {
+        aFigures.m_ullPosted += aQueue.m_ullOwnPosted.Get();
+        aFigures.m_ullRun += aQueue.m_ullRun.Get();
+        ullMost = std::max<uint64_t>(ullMost, aQueue.m_dwOwnMost.Get());
+    }
+    aFigures.m_ullMostPending += ullMost;
+}
+
+size_t CCmWatchRegistry::Read(CCmWorkerFigures* aFigures, size_t aRoom) {
+    CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
+    size_t nCount = 0;
+    for (const CCmWatchedThread* p = m_pThreads; p != nullptr; p = p->m_pNext) {
+        if (HasQueue_l(*p)) {
+            if (nCount < aRoom) {
+                p->CopyFigures(aFigures[nCount] = CCmWorkerFigures());
+            }
+            ++nCount;
+        }
+    }
+    for (const CCmWatchedQueue* p = m_pQueues; p != nullptr; p = p->m_pNext) {
+        if (p->Consumer() == nullptr) {
+            if (nCount < aRoom) {
+                AddQueue_l(aFigures[nCount] = CCmWorkerFigures(), *p);
+                std::memcpy(aFigures[nCount].m_szName, p->m_szName, sizeof(p->m_szName));
+            }
+            ++nCount;
+        }
+    }
+    return nCount;
+}
+
+void CCmWatchedThread::Clear(DWORD aStart) {
+    m_Run.Clear();
+    m_Waited.Clear();
+    m_Late.Clear();
+    m_Sends.Clear();
+    m_pLongest.Set(nullptr);
+    m_ullAsleep.Set(0);
+    m_llAsleepSince.Set(0);
+    m_ullInEvents.Set(0);
+    m_ullInTimers.Set(0);
+    m_ullTimersFired.Set(0);
+    m_pCurrent.Set(nullptr);
+    if (m_pRing == nullptr) {
+        m_pRing = CCmFlight::AttachThisThread(nullptr);
+    }
+    m_dwStart.store(aStart, std::memory_order_release);
+}
+
+void CCmWatchedThread::CopyFigures(CCmWorkerFigures& aFigures) const {
+    const CCmWatchRegistry& registry = CCmWatchRegistry::Instance();
+    std::memcpy(aFigures.m_szName, m_szName, sizeof(m_szName));
+    aFigures.m_ullThread = m_bHasEnded ? 0 : (uint64_t)m_Tid;
+    registry.AddQueues_l(aFigures, *this);
+    if (!IsOf(registry.Start_l())) {
+        return;
+    }
+    aFigures.m_ullAsleep = m_ullAsleep.Get();
+    const long long llSince = m_llAsleepSince.Get();
+    if (llSince != 0) {
+        aFigures.m_ullAsleep += ToFigure(NowUsec() - llSince);
+    }
+    aFigures.m_ullInEvents = m_ullInEvents.Get();
+    aFigures.m_ullInTimers = m_ullInTimers.Get();
+    aFigures.m_ullTimersFired = m_ullTimersFired.Get();
+    aFigures.m_Run = m_Run.Copy();
+    aFigures.m_Waited = m_Waited.Copy();
+    aFigures.m_Late = m_Late.Copy();
+    aFigures.m_Sends = m_Sends.Copy();
+    CmClassText(m_pLongest.Get(), aFigures.m_szLongestClass, sizeof(aFigures.m_szLongestClass));
+    if (const void* const pCurrent = m_pCurrent.Get()) {
+        CmClassText(pCurrent, aFigures.m_szCurrentClass, sizeof(aFigures.m_szCurrentClass));
+        aFigures.m_ullCurrent = ToFigure(NowUsec() - m_llCurrentStart.Get());
+    }
+}
+
+void CCmWatchedThread::CopyFigures(CCmFlightFigures& aFigures) const {
+    const CCmWatchRegistry& registry = CCmWatchRegistry::Instance();
+    aFigures = CCmFlightFigures();
+    registry.AddQueues_l(aFigures, *this);
+    if (!IsOf(registry.Start_l())) {
+        return;
+    }
+    aFigures.m_ullAsleepUsec = m_ullAsleep.Get();
+    const long long llSince = m_llAsleepSince.Get();
+    if (llSince != 0) {
+        aFigures.m_ullAsleepUsec += ToFigure(NowUsec() - llSince);
+    }
+    aFigures.m_ullEventsUsec = m_ullInEvents.Get();
+    aFigures.m_ullTimersUsec = m_ullInTimers.Get();
+    aFigures.m_ullTimers = m_ullTimersFired.Get();
+    aFigures.m_ullLongestTable = reinterpret_cast<uintptr_t>(m_pLongest.Get());
+    const auto copy = [](CCmFlightSpread& aSpread, const CCmWatchedDistribution& aDistribution) {
+        const CCmWatchDistribution copied = aDistribution.Copy();
+        aSpread = {copied.m_ullCount, copied.m_ullMedian, copied.m_ull99, copied.m_ull999,
+                   copied.m_ullLongest};
+    };
+    copy(aFigures.m_RunTime, m_Run);
+    copy(aFigures.m_WaitingTime, m_Waited);
+    copy(aFigures.m_TimerLateness, m_Late);
+    copy(aFigures.m_BlockedSends, m_Sends);
+    aFigures.m_ullSends = aFigures.m_BlockedSends.m_ullCount;
+}
 
 CCmWatchedThread* CmWatchedThread() {
     return t_pThread;
 }
 
 CCmWatchedThread* CmEnsureWatchedThread() {
-    if (t_pThread == nullptr && CmWatchIsOn()) {
-        t_pThread = CCmWatchRegistry::Make();
+    const DWORD dwStart = g_cmWatchOn.load(std::memory_order_relaxed);
+    if (dwStart == 0 || t_bIsPastEnd) {
+        return nullptr;
+    }
+    if (CM_UNLIKELY(t_pThread == nullptr)) {
+        t_pThread = CCmWatchRegistry::Instance().MakeThread();
+    }
+    if (t_pThread != nullptr && CM_UNLIKELY(!t_pThread->IsOf(dwStart))) {
+        CCmWatchRegistry::Clear(*t_pThread, dwStart);
     }
     return t_pThread;
 }
 
 void CmVisitWatchedThreads(void (*aVisit)(CCmWatchedThread&, void*), void* aArgument) {
-    CCmWatchRegistry::Visit(aVisit, aArgument);
+    CCmWatchRegistry::Instance().Visit(aVisit, aArgument);
 }
 
-void CmClassText(const void* aTable, char* aText, size_t aSize) {
-    const char* const pszName = CmPortClassName(aTable);
-    if (pszName == nullptr) {
-        std::snprintf(aText, aSize, "%p", const_cast<void*>(aTable));
-    } else {
-        CmPortReadableClassName(pszName, aText, aSize);
+void CmSetWatchStart(DWORD aStart) {
+    CCmWatchRegistry::Instance().SetStart(aStart);
+}
+
+size_t CmReadWorkers(CCmWorkerFigures* aFigures, size_t aRoom) {
+    return CCmWatchRegistry::Instance().Read(aFigures, aRoom);
+}
+
+CCmWatchedQueue* CCmWatchedQueue::Make(const CCounts& aCounts) {
+    auto* const pQueue = new (std::nothrow) CCmWatchedQueue(aCounts);
+    if (pQueue != nullptr) {
+        CCmWatchRegistry::Instance().Add(*pQueue);
+    }
+    return pQueue;
+}
+
+void CCmWatchedQueue::End(CCmWatchedQueue* aQueue) {
+    if (aQueue != nullptr) {
+        CCmWatchRegistry::Instance().Remove(*aQueue);
+        delete aQueue;
+    }
+}
+
+// Read while others write: a difference may be negative for a moment.
+DWORD CCmWatchedQueue::Pending(DWORD aStart) const {
+    long lPending = long{m_Counts.m_dwSize.load(std::memory_order_relaxed)} +
+                    long{m_Counts.m_dwOwn.load(std::memory_order_relaxed)};
+    if (IsOf(aStart)) {
+        lPending -= long{m_dwGhosts.Get()};
+    }
+    if (IsOwnOf(aStart)) {
+        lPending += long{m_dwTaken.Get()};
+    }
+    return static_cast<DWORD>(std::max(lPending, 0L));
+}
+
+void CCmWatchedQueue::Begin(DWORD aStart, uint64_t aPending, DWORD aGhosts) {
+    m_ullPosted.Set(aPending);
+    m_dwMost.Set(static_cast<DWORD>(aPending));
+    m_dwGhosts.Set(aGhosts);
+    m_dwMarked = 0;
+    m_Probe.Forget();
+    m_dwStart.Set(aStart);
+}
+
+void CCmWatchedQueue::BeginOwn(DWORD aStart, uint64_t aOwn) {
+    m_ullRun.Set(0);
+    m_ullOwnPosted.Set(aOwn);
+    m_dwOwnMost.Set(static_cast<DWORD>(aOwn));
+    m_dwTaken.Set(0);
+    m_OwnProbe.Forget();
+    m_dwOwnStart.Set(aStart);
+}
+
+void CCmWatchedRun::Enter(CCmWatchedThread* aThread) {
+    m_pThread = aThread;
+    m_pOuter = aThread->m_pCurrent.Get();
+    m_llOuterStart = aThread->m_llCurrentStart.Get();
+    ++aThread->m_dwDepth;
+}
+
+void CCmWatchedRun::Leave() {
+    --m_pThread->m_dwDepth;
+    SetCurrent(m_pOuter, m_llOuterStart);
+}
+
+void CCmWatchedRun::SetCurrent(const void* aTable, long long aStartUsec) {
+    m_pThread->m_llCurrentStart.Set(aStartUsec);
+    m_pThread->m_pCurrent.Set(aTable);
+    if (CCmFlightRing* const pRing = m_pThread->Ring()) {
+        pRing->Current(aTable, aStartUsec);
+    }
+}
+
+void CCmWatchedTimers::BeginOne(const void* aTable, const CCmTimeValue& aNow) {
+    if (m_Run.Thread() == nullptr) {
+        CCmWatchedThread* const pThread = CmEnsureWatchedThread();
+        if (pThread == nullptr) {
+            return;
+        }
+        m_Run.Enter(pThread);
+        m_llBegin = CmUsecOf(aNow);
+        m_llStart = m_llBegin;
+    }
+    m_pTable = aTable;
+    m_Run.Thread()->m_bFiresOthers = false;
+    m_Run.SetCurrent(aTable, m_llStart);
+}
+
+bool CCmWatchedTimers::Count(long long aLateUsec) {
+    CCmWatchedThread& thread = *m_Run.Thread();
+    const long long llStart = m_llStart;
+    m_llStart = NowUsec();
+    m_llRan = m_llStart - llStart;
+    m_llLate = aLateUsec + (llStart - m_llBegin);
+    if (m_Run.IsOutermost()) {
+        thread.m_ullInTimers.Add(ToFigure(m_llRan));
+    }
+    if (thread.m_bFiresOthers) {
+        thread.m_bFiresOthers = false;
+        return false;
+    }
+    thread.m_ullTimersFired.Add(1);
+    thread.m_Late.Add(m_llLate);
+    if (CCmFlightRing* const pRing = thread.Ring()) {
+        pRing->Timer(llStart, m_llRan, m_llLate, m_pTable);
+    }
+    return m_llRan > CM_SLOW_USEC;
+}
+
+void CCmWatchedTimers::ForgetLine() {
+    m_llStart = NowUsec();
+}
+
+void CCmWatchedTimers::CountOthersOnly() {
+    if (t_pThread != nullptr) {
+        t_pThread->m_bFiresOthers = true;
+    }
+}
+
+void CCmWatchedSend::Begin(const ICmEvent* aEvent) {
+    m_pThread = CmEnsureWatchedThread();
+    if (m_pThread != nullptr) {
+        m_pTable = CmTableOf(aEvent);
+        m_llStart = NowUsec();
+    }
+}
+
+void CCmWatchedSend::Count(const void* aQueue) {
+    const long long llBlocked = NowUsec() - m_llStart;
+    m_pThread->m_Sends.Add(llBlocked);
+    if (CCmFlightRing* const pRing = m_pThread->Ring()) {
+        pRing->Send(m_llStart, llBlocked, m_pTable, aQueue);
     }
 }
 

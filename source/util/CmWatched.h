@@ -4,8 +4,11 @@
 // queue, while the watch is on. The registry lists them. Its lock is taken where a thread or a
 // queue begins or ends and by those who read; no event, timer or post waits for it.
 //
-// Figures are written by one thread each, or under the queue's lock, with relaxed loads and stores:
-// readers see each number as it was a moment ago, and nothing is handed over with it.
+// A figure is written by one thread at a time, with plain loads and stores; readers see each as it
+// was a moment ago. They are stored with release and read with acquire, which costs nothing on
+// x86-64: who sees that an event has begun sees what it is, and who sees then that nothing runs
+// sees all that was counted of it. Every start of the watch has a number. What was counted for an
+// earlier one counts as 0, until its writer comes by and clears it.
 #ifndef CM_WATCHED_H
 #define CM_WATCHED_H
 
@@ -16,38 +19,70 @@
 
 #include "CmAtomic.h"
 #include "CmBase.h"
-#include "CmWatch.h"
+#include "CmTimeValue.h"
+#include "CmWatchFigures.h"
 
 namespace UTIL_NS {
 
-class CCmEventQueueBase;
 class CCmFlightRing;
-class CCmTimeValue;
+class CCmWatchRegistry;
 class ICmEvent;
+struct CCmFlightFigures;
 
-// 0: the watch is off; else the number of its start, from 1. Relaxed: who sees a start late counts
-// from then on.
+// 0: the watch is off; else the number of its start. Relaxed: who sees a start late counts from
+// then on.
 extern CmStd::atomic<DWORD> g_cmWatchOn;
 
 inline bool CmWatchIsOn() {
-    return g_cmWatchOn.load(std::memory_order_relaxed) != 0;
+    return CM_UNLIKELY(g_cmWatchOn.load(std::memory_order_relaxed) != 0);
 }
 
-// A number that one thread at a time writes.
+inline long long CmUsecOf(const CCmTimeValue& aTime) {
+    return aTime.GetSec() * 1000000LL + aTime.GetUsec();
+}
+
+// What takes longer is slow, and reported.
+constexpr long CM_SLOW_USEC = 50 * 1000;
+
+// The table of an object's class: the first word of every object with virtual functions.
+inline const void* CmTableOf(const void* aObject) {
+    return *static_cast<const void* const*>(aObject);
+}
+constexpr size_t CM_CLASS_TEXT_SIZE = 512;
+// The class's name as people write it, or the address of the table where it is not known; cut at
+// aSize bytes. Empty for null. Allocates.
+void CmClassText(const void* aTable, char* aText, size_t aSize);
+
+// A value that one thread at a time writes.
 template <class ValueType>
 class CCmWatchedT {
   public:
-    ValueType Get() const { return m_Value.load(std::memory_order_relaxed); }
-    void Set(ValueType aValue) { m_Value.store(aValue, std::memory_order_relaxed); }
+    ValueType Get() const { return m_Value.load(std::memory_order_acquire); }
+    void Set(ValueType aValue) { m_Value.store(aValue, std::memory_order_release); }
     void Add(ValueType aValue) { Set(static_cast<ValueType>(Get() + aValue)); }
-    void Raise(ValueType aValue) {
-        if (aValue > Get()) {
-            Set(aValue);
+    bool Raise(ValueType aValue) {
+        if (CM_LIKELY(aValue <= Get())) {
+            return false;
         }
+        Set(aValue);
+        return true;
     }
 
   private:
-    CmStd::atomic<ValueType> m_Value{0};
+    CmStd::atomic<ValueType> m_Value{};
+};
+
+// A count that several threads add to, now and then; with the start that it is of.
+class CCmWatchedSharedCount {
+  public:
+    void Add(DWORD aStart, uint64_t aCount);
+    uint64_t Of(DWORD aStart) const;
+
+  private:
+    static constexpr unsigned COUNT_BITS = 40;
+    static constexpr uint64_t COUNT_MASK = (uint64_t{1} << COUNT_BITS) - 1;
+
+    CmStd::atomic<uint64_t> m_ullStartAndCount{0};
 };
 
 // Lengths in microseconds, counted by ranges: four for each power of two.
@@ -56,13 +91,27 @@ class CCmWatchedDistribution {
     static constexpr unsigned BUCKETS = 96;
 
     // The range of a length, and the last length of a range; the last range has no end.
-    static unsigned BucketOf(uint64_t aUsec);
-    static uint64_t EndOf(unsigned aBucket);
+    static unsigned BucketOf(uint64_t aUsec) {
+        if (aUsec < 4) {
+            return static_cast<unsigned>(aUsec);
+        }
+        const unsigned nPower = 63U - static_cast<unsigned>(__builtin_clzll(aUsec));
+        const unsigned nBucket =
+            (nPower - 1) * 4 + static_cast<unsigned>((aUsec >> (nPower - 2)) & 3);
+        return nBucket < BUCKETS ? nBucket : BUCKETS - 1;
+    }
+    static uint64_t EndOf(unsigned aBucket) {
+        return aBucket < 4 ? aBucket : ((uint64_t{aBucket % 4} + 5) << (aBucket / 4 - 1)) - 1;
+    }
 
-    void Add(long long aUsec);
-    uint64_t Longest() const { return m_ullLongest.Get(); }
-    // Adds what another thread has written to a copy of the reader's own.
-    void CopyTo(CCmWatchDistribution& aCopy) const;
+    // True when it is the longest so far. A length is negative when the wall clock was set back
+    // meanwhile.
+    bool Add(long long aUsec) {
+        const uint64_t ullUsec = aUsec > 0 ? static_cast<uint64_t>(aUsec) : 0;
+        m_dwCounts[BucketOf(ullUsec)].Add(1);
+        return m_ullLongest.Raise(ullUsec);
+    }
+    CCmWatchDistribution Copy() const;
     void Clear();
 
   private:
@@ -70,20 +119,37 @@ class CCmWatchedDistribution {
     CCmWatchedT<uint64_t> m_ullLongest;
 };
 
-// A thread. What it writes, it alone writes.
+// A thread; found by CmWatchedThread on it and by CmForEachWatchedThread. What it writes, it alone
+// writes.
 class CCmWatchedThread {
   public:
-    // Under the registry's lock, or on the thread itself.
+    // On the thread itself, or under the registry's lock.
     const char* Name() const { return m_szName; }
     pthread_t Tid() const { return m_Tid; }
     bool HasEnded() const { return m_bHasEnded; }
-    uint64_t Number() const { return m_ullNumber; }  // from 1, in the order of their beginning
-    // Null: no records of this thread.
-    CCmFlightRing* Ring() const { return m_pRing.load(std::memory_order_relaxed); }
+    uint64_t Number() const { return m_ullNumber; }  // that of CmNumberOfThisThread
+    CCmFlightRing* Ring() const { return m_pRing; }  // null: no records of this thread
+    // Its figures with those of the queues that it runs. Under the registry's lock.
+    void CopyFigures(CCmWorkerFigures& aFigures) const;
+    void CopyFigures(CCmFlightFigures& aFigures) const;
+
+    bool IsOf(DWORD aStart) const {
+        // Acquire, paired with the release in Clear: the figures are of that start.
+        return m_dwStart.load(std::memory_order_acquire) == aStart;
+    }
+
+    // Its own: a sleep, if there was one, has ended at aUsec.
+    void EndSleep(long long aUsec) {
+        const long long llSince = m_llAsleepSince.Get();
+        if (llSince != 0) {
+            m_llAsleepSince.Set(0);
+            m_ullAsleep.Add(aUsec > llSince ? static_cast<uint64_t>(aUsec - llSince) : 0);
+        }
+    }
 
     // What runs now: the table of its class, null for nothing, and since when.
     CCmWatchedT<const void*> m_pCurrent;
-    CCmWatchedT<long long> m_llCurrentUsec;
+    CCmWatchedT<long long> m_llCurrentStart;
 
     CCmWatchedDistribution m_Run;
     CCmWatchedDistribution m_Waited;
@@ -96,25 +162,32 @@ class CCmWatchedThread {
     CCmWatchedT<uint64_t> m_ullInTimers;
     CCmWatchedT<uint64_t> m_ullTimersFired;
 
+    // Used by the thread alone: how many events and timer handlers are on its stack, and whether
+    // the innermost handler is one of the library's own, which fires others.
+    DWORD m_dwDepth = 0;
+    bool m_bFiresOthers = false;
+
   private:
     friend class CCmWatchRegistry;
+
+    void Clear(DWORD aStart);
 
     char m_szName[CCmWorkerFigures::NAME_SIZE] = {};
     pthread_t m_Tid = pthread_t();
     bool m_bHasEnded = false;
     uint64_t m_ullNumber = 0;
-    DWORD m_dwStart = 0;  // the start of the watch that the figures are of
-    CmStd::atomic<CCmFlightRing*> m_pRing{nullptr};
+    CmStd::atomic<DWORD> m_dwStart{0};
+    CCmFlightRing* m_pRing = nullptr;
     CCmWatchedThread* m_pNext = nullptr;
 };
 
-// That of the calling thread, null where it has none (yet).
+// That of the calling thread; null when it has none.
 CCmWatchedThread* CmWatchedThread();
 // The same, made if it is not there; null when the watch is off, there is no memory or the thread
 // is about to end.
 CCmWatchedThread* CmEnsureWatchedThread();
-// Calls aVisit for each thread, the oldest first, those that have ended included as long as nothing
-// new has taken their place; under the registry's lock.
+// Calls aVisit for each thread, those that have ended included as long as no new one has taken
+// their place; under the registry's lock.
 void CmVisitWatchedThreads(void (*aVisit)(CCmWatchedThread&, void*), void* aArgument);
 template <class VisitType>
 void CmForEachWatchedThread(VisitType aVisit) {
@@ -123,13 +196,210 @@ void CmForEachWatchedThread(VisitType aVisit) {
                           &aVisit);
 }
 
-// The table of an object's class: the first word of every object with virtual functions.
-inline const void* CmTableOf(const void* aObject) {
-    return *static_cast<const void* const*>(aObject);
-}
-// The class's name as people write it, or the address of the table where it is not known; cut at
-// aSize bytes. Allocates.
-void CmClassText(const void* aTable, char* aText, size_t aSize);
+// One event of a queue whose waiting time is measured. Posters set it, one at a time; the consumer,
+// who finds it by the event's address, takes it away. The consumer reads it without the queue's
+// lock: it has the event, so what was set with it lies before.
+class CCmWatchedProbe {
+  public:
+    // For each event that is posted. aIsAwaited: the consumer sleeps until it comes.
+    bool Wants(const ICmEvent* aEvent, bool aIsAwaited) {
+        ++m_dwPosts;
+        const ICmEvent* const pEvent = m_pEvent.Get();
+        if (CM_LIKELY(pEvent != nullptr && pEvent != aEvent)) {
+            return m_dwPosts > LOST_AFTER;
+        }
+        return aIsAwaited || m_dwPosts >= POSTS_BETWEEN || pEvent != nullptr;
+    }
+    void Set(const ICmEvent* aEvent, long long aUsec) {
+        m_dwPosts = 0;
+        m_llUsec.Set(aUsec);
+        m_pEvent.Set(aEvent);
+    }
+    // True for the event that it is on, with the time when that was posted.
+    bool Take(const ICmEvent* aEvent, long long& aUsec) {
+        if (CM_LIKELY(m_pEvent.Get() != aEvent)) {
+            return false;
+        }
+        aUsec = m_llUsec.Get();
+        m_pEvent.Set(nullptr);
+        return true;
+    }
+    void Forget() { m_pEvent.Set(nullptr); }
+
+  private:
+    static constexpr DWORD POSTS_BETWEEN = 64;
+    // Of a probe that was taken out of the queue and never run. One whose address is posted again
+    // is known to be gone.
+    static constexpr DWORD LOST_AFTER = 1000000;
+
+    CCmWatchedT<const ICmEvent*> m_pEvent;
+    CCmWatchedT<long long> m_llUsec;
+    DWORD m_dwPosts = 0;
+};
+
+// A queue, for as long as it lives.
+class CCmWatchedQueue {
+  public:
+    // What the queue counts itself: the events that it has, and those in the private list of its
+    // consumer.
+    struct CCounts {
+        const CmStd::atomic<DWORD>& m_dwSize;
+        const CmStd::atomic<DWORD>& m_dwOwn;
+    };
+
+    explicit CCmWatchedQueue(const CCounts& aCounts) : m_Counts(aCounts) {}
+    CCmWatchedQueue(const CCmWatchedQueue&) = delete;
+    CCmWatchedQueue& operator=(const CCmWatchedQueue&) = delete;
+
+    // Puts it into the registry, and takes it out and deletes it.
+    static CCmWatchedQueue* Make(const CCounts& aCounts);
+    static void End(CCmWatchedQueue* aQueue);
+
+    // Whether the part that is written under the queue's lock is of aStart; if not, it has to begin
+    // with what is pending.
+    bool IsOf(DWORD aStart) const { return m_dwStart.Get() == aStart; }
+    void Begin(DWORD aStart, uint64_t aPending, DWORD aGhosts);
+    // The same for what the consumer writes. aOwn: the length of its private list.
+    bool IsOwnOf(DWORD aStart) const { return m_dwOwnStart.Get() == aStart; }
+    void BeginOwn(DWORD aStart, uint64_t aOwn);
+
+    // The consumer is the calling thread. A thread that ends is forgotten.
+    void SetConsumer(CCmWatchedThread* aThread) {
+        if (CM_UNLIKELY(m_pConsumer.Get() != aThread)) {
+            m_pConsumer.Set(aThread);
+        }
+    }
+    CCmWatchedThread* Consumer() const { return m_pConsumer.Get(); }
+    // All that has been posted and has not begun, that which the consumer has taken out included.
+    // aStart: of the watch.
+    DWORD Pending(DWORD aStart) const;
+
+    // The consumer takes events out.
+    void NoteTaken(size_t aCount) {
+        m_dwTakenStart = g_cmWatchOn.load(std::memory_order_relaxed);
+        m_dwTaken.Set(static_cast<DWORD>(aCount));
+    }
+
+    // Under the queue's lock.
+    CCmWatchedT<uint64_t> m_ullPosted;
+    CCmWatchedT<DWORD> m_dwMost;
+    CCmWatchedT<DWORD> m_dwGhosts;  // the queue counts them as pending; they have been destroyed
+    CCmWatchedProbe m_Probe;
+    DWORD m_dwMarked = 0;  // the pending events of the last high-water mark
+
+    // The consumer's.
+    CCmWatchedT<uint64_t> m_ullRun;
+    CCmWatchedT<uint64_t> m_ullOwnPosted;
+    CCmWatchedT<DWORD> m_dwOwnMost;
+    CCmWatchedT<DWORD> m_dwTaken;  // events that it has taken out and not begun
+    CCmWatchedProbe m_OwnProbe;
+    DWORD m_dwTakenStart = 0;  // of the watch, when events were last taken out; 0: it was off
+
+    CCmWatchedSharedCount m_Refused;
+    CCmWatchedSharedCount m_Unfired;
+
+  private:
+    friend class CCmWatchRegistry;
+
+    const CCounts m_Counts;
+    CCmWatchedT<DWORD> m_dwStart;
+    CCmWatchedT<DWORD> m_dwOwnStart;
+    CCmWatchedT<CCmWatchedThread*> m_pConsumer;
+    char m_szName[CCmWorkerFigures::NAME_SIZE] = {};  // of the last consumer that has ended
+    CCmWatchedQueue* m_pPrevious = nullptr;
+    CCmWatchedQueue* m_pNext = nullptr;
+};
+
+// An event or a timer handler that runs, on the stack of its thread. What runs within it counts,
+// too, but its time is part of that of the outermost.
+class CCmWatchedRun {
+  public:
+    CCmWatchedRun() = default;
+    CCmWatchedRun(const CCmWatchedRun&) = delete;
+    CCmWatchedRun& operator=(const CCmWatchedRun&) = delete;
+    ~CCmWatchedRun() {
+        if (CM_UNLIKELY(m_pThread != nullptr)) {
+            Leave();
+        }
+    }
+
+    // aThread: that of the caller.
+    void Enter(CCmWatchedThread* aThread);
+    CCmWatchedThread* Thread() const { return m_pThread; }
+    bool IsOutermost() const { return m_pThread->m_dwDepth == 1; }
+    void SetCurrent(const void* aTable, long long aStartUsec);
+
+  private:
+    void Leave();
+
+    CCmWatchedThread* m_pThread = nullptr;
+    const void* m_pOuter = nullptr;
+    long long m_llOuterStart = 0;
+};
+
+// The timers that fire in one pass over a list of them.
+class CCmWatchedTimers {
+  public:
+    // One is about to be called; not while the watch is off. aTable: its class. aNow: the wall
+    // clock at the start of the pass.
+    void BeginOne(const void* aTable, const CCmTimeValue& aNow);
+    // It has returned. aLateUsec: how late it was when the pass began. True when it took so long
+    // that it is to be reported. Does nothing without BeginOne.
+    bool EndOne(long long aLateUsec) {
+        return CM_UNLIKELY(m_pTable != nullptr) && Count(aLateUsec);
+    }
+    // Of the last one.
+    const void* Table() const { return m_pTable; }
+    long long LateUsec() const { return m_llLate; }
+    long long RanUsec() const { return m_llRan; }
+    // The line about it has been written: it is not part of the next one.
+    void ForgetLine();
+
+    // For a handler that has done nothing but fire others: it does not count itself.
+    static void CountOthersOnly();
+
+  private:
+    bool Count(long long aLateUsec);
+
+    CCmWatchedRun m_Run;
+    const void* m_pTable = nullptr;  // null: the watch is off
+    long long m_llBegin = 0;         // of the pass
+    long long m_llStart = 0;         // of the one that runs
+    long long m_llLate = 0;
+    long long m_llRan = 0;
+};
+
+// A synchronous send of the calling thread.
+class CCmWatchedSend {
+  public:
+    explicit CCmWatchedSend(const ICmEvent* aEvent) {
+        if (CmWatchIsOn()) {
+            Begin(aEvent);
+        }
+    }
+    // It is over.
+    void End(const void* aQueue) {
+        if (CM_UNLIKELY(m_pThread != nullptr)) {
+            Count(aQueue);
+        }
+    }
+
+  private:
+    void Begin(const ICmEvent* aEvent);
+    void Count(const void* aQueue);
+
+    CCmWatchedThread* m_pThread = nullptr;
+    const void* m_pTable = nullptr;
+    long long m_llStart = 0;
+};
+
+// For CCmWatch: the number of the start whose figures are read, and the rows.
+void CmSetWatchStart(DWORD aStart);
+size_t CmReadWorkers(CCmWorkerFigures* aFigures, size_t aRoom);
+
+// Reads the section [Watch] of the profile, once in the process, and starts the watch if it says
+// so. CmWatch.cpp.
+void CmWatchAsProfileSays();
 
 }  // namespace UTIL_NS
 

@@ -170,6 +170,11 @@ int AttrGetDetachState(const Attributes* aAttributes, int* aState) {
     return ErrorToTarget(nError);
 }
 
+int AttrSetStackSize(Attributes* aAttributes, size_t aSize) {
+    return ErrorToTarget(
+        !IsMade(aAttributes) ? EINVAL : pthread_attr_setstacksize(&aAttributes->host, aSize));
+}
+
 // ---- Threads
 
 int Create(Thread** aThread, const Attributes* aAttributes, void* (*aRoutine)(void*),
@@ -467,6 +472,7 @@ void SupplyThreads() {
         {"_pthread_attr_init", Address(&AttrInit)},
         {"_pthread_attr_destroy", Address(&AttrDestroy)},
         {"_pthread_attr_setdetachstate", Address(&AttrSetDetachState)},
+        {"_pthread_attr_setstacksize", Address(&AttrSetStackSize)},
         {"_pthread_attr_getdetachstate", Address(&AttrGetDetachState)},
         {"_pthread_create", Address(&Create)},
         {"_pthread_join", Address(&Join)},

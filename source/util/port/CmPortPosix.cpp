@@ -44,8 +44,8 @@ void CmPortNameOfThisThread(char* aName, size_t aSize) {
 
 // The word in front of the virtual functions is the address of the type information.
 const char* CmPortClassName(const void* aTable) {
-    const auto* const pType = static_cast<const std::type_info* const*>(aTable)[-1];
-    return pType != nullptr ? pType->name() : nullptr;
+    const std::type_info* const pType = static_cast<const std::type_info* const*>(aTable)[-1];
+    return pType == nullptr ? nullptr : pType->name();
 }
 
 void CmPortReadableClassName(const char* aName, char* aText, size_t aSize) {

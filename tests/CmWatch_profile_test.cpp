@@ -1,0 +1,46 @@
+// What the profile says of the watch is read once in a process: every case runs in one of its own.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "CmWatch.h"
+#include "support/ChildProcess.h"
+#include "support/Home.h"
+#include "support/Workers.h"
+
+namespace UTIL_NS {
+namespace {
+
+using kelto_test::EndProcess;
+using kelto_test::ScopedHome;
+using kelto_test::StatusOfChild;
+using kelto_test::TaskThread;
+
+TEST(CCmWatch, IsStartedByTheProfile_WhenTheFirstThreadIsCreated) {
+    constexpr int ON = 7;
+    const auto statusWith = [](const std::string& aProfile) {
+        const int nStatus = StatusOfChild([&] {
+            const ScopedHome home;
+            home.WriteConfig(aProfile);
+            EXPECT_FALSE(CCmWatch::IsOn());
+            TaskThread first;
+            const bool bWasOn = CCmWatch::IsOn();
+            CCmWatch::Stop();
+            TaskThread second;  // it is not read again
+            EXPECT_FALSE(CCmWatch::IsOn());
+            if (bWasOn && !::testing::Test::HasFailure()) {
+                second.End();
+                first.End();
+                EndProcess(ON);
+            }
+        });
+        return WIFEXITED(nStatus) ? WEXITSTATUS(nStatus) : -1;
+    };
+    EXPECT_EQ(ON, statusWith("[Watch]\nEnable = 1\nRecord = 0\n"));
+    EXPECT_EQ(ON, statusWith("[Watch]\nEnable = TRUE\nRecord = 0\nThreads = 100000\n"));
+    EXPECT_EQ(0, statusWith("[Watch]\nEnable = 0\nRecord = 0\n"));
+    EXPECT_EQ(0, statusWith("[Trace]\nEnable = TRUE\n"));
+}
+
+}  // namespace
+}  // namespace UTIL_NS

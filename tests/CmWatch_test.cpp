@@ -1,0 +1,809 @@
+#include "CmWatch.h"
+
+#include <gtest/gtest.h>
+#include <pthread.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "CmEvent.h"
+#include "CmThread.h"
+#include "CmWatched.h"
+#include "CmWorker.h"
+#include "support/Eventually.h"
+#include "support/Faults.h"
+#include "support/Gate.h"
+#include "support/TraceSink.h"
+#include "support/Watch.h"
+#include "support/Workers.h"
+
+namespace UTIL_NS {
+namespace {
+
+using namespace std::chrono_literals;
+using kelto_test::Eventually;
+using kelto_test::FiguresAtRest;
+using kelto_test::FiguresOf;
+using kelto_test::Gate;
+using kelto_test::LiveAllocations;
+using kelto_test::NamelessEvent;
+using kelto_test::Rows;
+using kelto_test::ScopedAllocationFault;
+using kelto_test::ScopedTraceSink;
+using kelto_test::ScopedWatch;
+using kelto_test::TaskThread;
+
+// Takes 60 ms: reported as slow.
+void TakeLong() {
+    std::this_thread::sleep_for(60ms);
+}
+
+class CNothing final : public ICmEvent {
+  public:
+    CmResult OnEventFire() override { return CM_OK; }
+};
+
+class CSlowEvent final : public ICmEvent {
+  public:
+    CmResult OnEventFire() override {
+        TakeLong();
+        return CM_OK;
+    }
+};
+
+class CSlowHandler final : public ICmTimerHandler {
+  public:
+    void OnTimeout(const CCmTimeValue& /*aCurTime*/, void* /*aArg*/) override {
+        TakeLong();
+        m_Fired.Open();
+    }
+    Gate m_Fired;
+};
+
+CCmWorkerOptions Named(const char* aName) {
+    return CCmWorkerOptions().Name(aName);
+}
+
+TEST(CCmWatchOptions, AreRefused_WhenOneIsOutOfItsRange) {
+    EXPECT_EQ(CM_OK, CCmWatchOptions().Result());
+    EXPECT_EQ(CM_OK, CCmWatchOptions().Records(256).Threads(4).LongSend(0).Result());
+    EXPECT_EQ(CM_OK, CCmWatchOptions().Records(65536).Threads(1024).Directory("/tmp").Result());
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, CCmWatchOptions().Records(128).Result());
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, CCmWatchOptions().Records(131072).Result());
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, CCmWatchOptions().Records(2000).Result());
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, CCmWatchOptions().Threads(3).Result());
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, CCmWatchOptions().Threads(1025).Result());
+    const std::string sLong(CCmWatchOptions::DIRECTORY_SIZE, 'd');
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, CCmWatchOptions().Directory(sLong.c_str()).Result());
+    EXPECT_EQ(CM_OK, CCmWatchOptions().Directory(sLong.c_str() + 1).Result());
+    EXPECT_EQ(sLong.substr(1),
+              std::string(CCmWatchOptions().Directory(sLong.c_str() + 1).GetDirectory()));
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, CCmWatch::Start(CCmWatchOptions().Threads(3)));
+    EXPECT_FALSE(CCmWatch::IsOn());
+}
+
+TEST(CCmWatch, IsOff_UntilItIsStarted) {
+    EXPECT_FALSE(CCmWatch::IsOn());
+    {
+        const ScopedWatch watch;
+        EXPECT_TRUE(CCmWatch::IsOn());
+        EXPECT_EQ(CM_ERROR_ALREADY_INITIALIZED, CCmWatch::Start());
+    }
+    EXPECT_FALSE(CCmWatch::IsOn());
+    EXPECT_EQ(CM_OK, CCmWatch::Stop());
+}
+
+TEST(CCmWatch, ReadTellsHowManyWorkersThereAre_WhateverTheRoom) {
+    const ScopedWatch watch;
+    CCmWorker first(Named("first"));
+    CCmWorker second(Named("second"));
+    FiguresAtRest(first);
+    FiguresAtRest(second);
+    size_t nAll = 0;
+    ASSERT_EQ(CM_OK, CCmWatch::Read(nullptr, 0, nAll));
+    EXPECT_LE(2U, nAll);
+    CCmWorkerFigures one;
+    size_t nCount = 0;
+    ASSERT_EQ(CM_OK, CCmWatch::Read(&one, 1, nCount));
+    EXPECT_EQ(nAll, nCount);
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, CCmWatch::Read(nullptr, 1, nCount));
+    const std::vector<CCmWorkerFigures> rows = Rows();
+    const auto at = [&](const char* aName) {
+        return std::find_if(rows.begin(), rows.end(), [&](const CCmWorkerFigures& aRow) {
+            return std::string(aName) == aRow.m_szName;
+        });
+    };
+    ASSERT_NE(rows.end(), at("first"));
+    EXPECT_LT(at("first"), at("second"));
+    EXPECT_EQ((uint64_t)first.GetThread()->GetThreadId(), at("first")->m_ullThread);
+}
+
+TEST(CCmWatchedDistribution, EndOfABucketIsAtMostAQuarterAboveItsLengths) {
+    unsigned nLast = 0;
+    for (uint64_t ullUsec = 0; ullUsec < 33000000; ullUsec += 1 + ullUsec / 1000) {
+        const unsigned nBucket = CCmWatchedDistribution::BucketOf(ullUsec);
+        ASSERT_LE(ullUsec, CCmWatchedDistribution::EndOf(nBucket)) << ullUsec;
+        ASSERT_LE(CCmWatchedDistribution::EndOf(nBucket), ullUsec + ullUsec / 4) << ullUsec;
+        ASSERT_LE(nLast, nBucket);
+        ASSERT_GT(CCmWatchedDistribution::BUCKETS, nBucket);
+        nLast = nBucket;
+    }
+    EXPECT_EQ(CCmWatchedDistribution::BUCKETS - 1,
+              CCmWatchedDistribution::BucketOf(uint64_t{1} << 40));
+}
+
+TEST(CCmWatchedDistribution, TellsWhatMostLengthsDoNotExceed) {
+    CCmWatchedDistribution distribution;
+    std::vector<uint64_t> lengths;
+    for (uint64_t i = 0; i < 3000; ++i) {
+        lengths.push_back((i * 7919) % 3000 * ((i % 100) + 1));
+        distribution.Add(static_cast<long long>(lengths.back()));
+    }
+    std::sort(lengths.begin(), lengths.end());
+    const CCmWatchDistribution told = distribution.Copy();
+    const auto check = [&](uint64_t aTold, size_t aPlace) {
+        EXPECT_LE(lengths[aPlace], aTold);
+        EXPECT_LE(aTold, lengths[aPlace] + lengths[aPlace] / 4);
+    };
+    EXPECT_EQ(3000U, told.m_ullCount);
+    check(told.m_ullMedian, 1499);
+    check(told.m_ull99, 2969);
+    check(told.m_ull999, 2996);
+    EXPECT_EQ(lengths.back(), told.m_ullLongest);
+    distribution.Add(-5);  // the clock was set back
+    EXPECT_EQ(3001U, distribution.Copy().m_ullCount);
+    distribution.Clear();
+    EXPECT_EQ(0U, distribution.Copy().m_ullCount);
+    EXPECT_EQ(0U, distribution.Copy().m_ullLongest);
+}
+
+// What is exact, against what the test has counted itself.
+struct CModel {
+    std::atomic<uint64_t> m_ullPosted{0};
+    std::atomic<uint64_t> m_ullRun{0};
+};
+
+TEST(CCmWatch, CountsWhatHappened_WhileManyPost) {
+    constexpr int WORKERS = 3;
+    constexpr int POSTERS = 4;
+    constexpr int ROUNDS = 400;
+    const ScopedWatch watch;
+    CModel models[WORKERS];
+    std::unique_ptr<CCmWorker> workers[WORKERS];
+    for (int i = 0; i < WORKERS; ++i) {
+        workers[i] = std::make_unique<CCmWorker>(Named(("load" + std::to_string(i)).c_str()));
+    }
+    std::vector<std::thread> posters;
+    for (int nPoster = 0; nPoster < POSTERS; ++nPoster) {
+        posters.emplace_back([&, nPoster] {
+            for (int nRound = 0; nRound < ROUNDS; ++nRound) {
+                const int nWorker = (nPoster + nRound) % WORKERS;
+                CModel& model = models[nWorker];
+                CCmWorker& worker = *workers[nWorker];
+                const auto run = [&model] { ++model.m_ullRun; };
+                switch (nRound % 4) {
+                    case 0:
+                        ++model.m_ullPosted;
+                        CmCall(worker, run);
+                        break;
+                    case 1:  // what runs posts two more
+                        model.m_ullPosted += 3;
+                        CmPost(worker, [&model, &worker, run] {
+                            ++model.m_ullRun;
+                            CmPost(worker, run);
+                            CmPost(worker, run);
+                        });
+                        break;
+                    default:
+                        ++model.m_ullPosted;
+                        CmPost(worker, run);
+                }
+            }
+        });
+    }
+    // Reading meanwhile stops nobody, and what it tells does not go back.
+    std::vector<uint64_t> last(WORKERS, 0);
+    for (int i = 0; i < 50; ++i) {
+        for (int nWorker = 0; nWorker < WORKERS; ++nWorker) {
+            const CCmWorkerFigures figures = FiguresOf(*workers[nWorker]);
+            EXPECT_LE(last[nWorker], figures.m_ullRun);
+            last[nWorker] = figures.m_ullRun;
+        }
+        std::this_thread::sleep_for(1ms);
+    }
+    for (std::thread& poster : posters) {
+        poster.join();
+    }
+    for (int i = 0; i < WORKERS; ++i) {
+        const CCmWorkerFigures figures = FiguresAtRest(*workers[i]);
+        EXPECT_EQ(models[i].m_ullPosted, figures.m_ullPosted);
+        EXPECT_EQ(models[i].m_ullRun, figures.m_ullRun);
+        EXPECT_EQ(figures.m_ullRun, figures.m_Run.m_ullCount);
+        EXPECT_EQ(0U, figures.m_ullUnfired);
+        EXPECT_EQ(0U, figures.m_ullRefused);
+        EXPECT_LE(1U, figures.m_ullMostPending);
+        EXPECT_LE(1U, figures.m_Waited.m_ullCount);
+        EXPECT_LE(figures.m_Waited.m_ullCount, figures.m_ullRun);
+        EXPECT_LE(figures.m_Run.m_ullMedian, figures.m_Run.m_ull99);
+        EXPECT_LE(figures.m_Run.m_ull99, figures.m_Run.m_ull999);
+        EXPECT_LE(figures.m_Run.m_ull999, figures.m_Run.m_ullLongest);
+        EXPECT_LE(figures.m_Run.m_ullLongest, figures.m_ullInEvents);
+        EXPECT_NE(std::string(), figures.m_szLongestClass);
+    }
+}
+
+TEST(CCmWatch, CountsTimersThatFire_WhileManyArePosted) {
+    const ScopedWatch watch;
+    CCmWorker worker(Named("timers"));
+    TaskThread task;
+    constexpr uint64_t TIMERS = 300;
+    std::thread poster([&] {
+        for (uint64_t i = 0; i < TIMERS; ++i) {
+            CmPostDelayed(worker, i % 2 == 0 ? 1ms : 2ms, [] {});
+            CmPostDelayed(*task, i % 2 == 0 ? 1ms : 2ms, [] {});
+        }
+    });
+    poster.join();
+    for (ACmThread* pThread : {worker.GetThread(), &*task}) {
+        EXPECT_TRUE(Eventually([&] { return FiguresOf(*pThread).m_ullTimersFired >= TIMERS; }));
+        const CCmWorkerFigures figures = FiguresAtRest(*pThread);
+        EXPECT_EQ(TIMERS, figures.m_ullTimersFired);
+        EXPECT_EQ(TIMERS, figures.m_Late.m_ullCount);
+    }
+}
+
+TEST(CCmWatch, CountsWhatIsRefusedAndWhatEndsUnfired) {
+    const ScopedWatch watch;
+    TaskThread worker;
+    Gate begun;
+    Gate go;
+    CmPost(*worker, [&] {
+        begun.Open();
+        go.Wait();
+    });
+    ASSERT_TRUE(begun.Wait());
+    for (int i = 0; i < 7; ++i) {
+        CmPost(*worker, [] {});
+    }
+    auto* const pQueue = static_cast<CCmEventQueueUsingConditionVariable*>(worker->GetEventQueue());
+    pQueue->DestoryPendingEvents();
+    const CCmWorkerFigures ended = FiguresOf(*worker);
+    EXPECT_EQ(8U, ended.m_ullPosted);
+    EXPECT_EQ(7U, ended.m_ullUnfired);
+    EXPECT_EQ(0U, ended.m_ullPending);
+    EXPECT_LE(7U, ended.m_ullMostPending);
+    EXPECT_EQ(1U, ended.m_ullRun);
+    for (int i = 0; i < 3; ++i) {
+        CmPost(*worker, [] {});
+    }
+    EXPECT_EQ(3U, FiguresOf(*worker).m_ullPending);
+    worker->Stop(nullptr);  // posts an event of its own
+    EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, CmPost(*worker, [] {}));
+    EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, CmCall(*worker, [] {}).Result());
+    const CCmWorkerFigures refused = FiguresOf(*worker);
+    EXPECT_EQ(2U, refused.m_ullRefused);
+    EXPECT_EQ(12U, refused.m_ullPosted);
+    go.Open();
+    EXPECT_EQ(CM_OK, worker->Join());
+    // Its thread has gone, its queue is still there.
+    const std::vector<CCmWorkerFigures> rows = Rows();
+    const auto row = std::find_if(rows.begin(), rows.end(), [](const CCmWorkerFigures& aRow) {
+        return aRow.m_ullPosted == 12;
+    });
+    ASSERT_NE(rows.end(), row);
+    EXPECT_EQ(0U, row->m_ullThread);
+    EXPECT_EQ(5U, row->m_ullRun);
+    EXPECT_EQ(0U, row->m_ullPending);
+}
+
+TEST(CCmWatch, CountsWhatAWorkerLeavesUnfired_WhenItStopsNow) {
+    const ScopedWatch watch;
+    CCmWorker worker(Named("stopped"));
+    Gate begun;
+    Gate go;
+    std::atomic<uint64_t> ullUnfired{0};
+    CmPost(worker, [&] {
+        begun.Open();
+        go.Wait();
+    });
+    ASSERT_TRUE(begun.Wait());
+    for (int i = 0; i < 12; ++i) {
+        CmPost(worker, [] {});
+    }
+    EXPECT_EQ(CM_OK, worker.StopNow());
+    go.Open();
+    EXPECT_EQ(CM_OK, worker.Join());
+    const std::vector<CCmWorkerFigures> rows = Rows();
+    const auto row = std::find_if(rows.begin(), rows.end(), [](const CCmWorkerFigures& aRow) {
+        return std::string("stopped") == aRow.m_szName;
+    });
+    ASSERT_NE(rows.end(), row);
+    EXPECT_EQ(14U, row->m_ullPosted);  // its stop event, too
+    EXPECT_EQ(1U, row->m_ullRun);
+    EXPECT_EQ(13U, row->m_ullUnfired);
+    EXPECT_EQ(0U, row->m_ullPending);
+}
+
+// Events of every kind are under way while the watch is turned on and off.
+TEST(CCmWatch, PostedIsRunUnfiredAndPending_WhileItIsTurnedOnAndOff) {
+    CCmWorker worker(Named("middle"));
+    TaskThread task;
+    std::atomic<bool> bEnd{false};
+    std::vector<std::thread> posters;
+    for (int nPoster = 0; nPoster < 2; ++nPoster) {
+        posters.emplace_back([&, nPoster] {
+            while (!bEnd) {
+                CmCall(worker, [] {});
+                CmPost(worker, [&] { CmPost(worker, [] {}); });
+                CmPost(*task, [&] { CmPost(*task, [] {}); });
+                CmCall(*task, [] {});
+                if (nPoster == 0) {
+                    static_cast<CCmEventQueueUsingConditionVariable*>(task->GetEventQueue())
+                        ->DestoryPendingEvents();
+                }
+            }
+        });
+    }
+    for (int i = 0; i < 40; ++i) {
+        std::this_thread::sleep_for(2ms);
+        ASSERT_EQ(CM_OK, CCmWatch::Start(CCmWatchOptions().Record(false).LongSend(0)));
+        std::this_thread::sleep_for(2ms);
+        if (i < 39) {
+            CCmWatch::Stop();
+        }
+    }
+    std::this_thread::sleep_for(5ms);
+    bEnd = true;
+    for (std::thread& poster : posters) {
+        poster.join();
+    }
+    EXPECT_LT(0U, FiguresAtRest(worker).m_ullRun);
+    EXPECT_LT(0U, FiguresAtRest(*task).m_ullRun);
+    CCmWatch::Stop();
+}
+
+TEST(CCmWatch, CountsWhatIsPendingAsPosted_WhenItIsStarted) {
+    CCmWorker worker(Named("pending"));
+    Gate begun;
+    Gate go;
+    CmPost(worker, [&] {
+        begun.Open();
+        go.Wait();
+    });
+    ASSERT_TRUE(begun.Wait());
+    for (int i = 0; i < 20; ++i) {
+        CmPost(worker, [] {});
+    }
+    const ScopedWatch watch;
+    CmPost(worker, [] {});
+    go.Open();
+    const CCmWorkerFigures figures = FiguresAtRest(worker);
+    EXPECT_EQ(21U, figures.m_ullPosted);
+    EXPECT_EQ(21U, figures.m_ullRun);  // not the one that had begun
+    EXPECT_EQ(21U, figures.m_ullMostPending);
+}
+
+TEST(CCmWatch, CountsFromZero_WhenItIsStartedAgain) {
+    CCmWorker worker(Named("again"));
+    {
+        const ScopedWatch watch;
+        for (int i = 0; i < 5; ++i) {
+            CmPost(worker, [] {});
+        }
+        EXPECT_EQ(5U, FiguresAtRest(worker).m_ullRun);
+    }
+    EXPECT_EQ(5U, FiguresOf(worker).m_ullRun);  // the last values
+    CmPost(worker, [] {});
+    EXPECT_EQ(CM_OK, worker.Drain());
+    EXPECT_EQ(5U, FiguresOf(worker).m_ullRun);
+    const ScopedWatch watch;
+    EXPECT_EQ(0U, FiguresOf(worker).m_ullRun);
+    EXPECT_EQ(0U, FiguresOf(worker).m_Run.m_ullCount);
+    EXPECT_EQ(0U, FiguresOf(worker).m_ullInEvents);
+    CmPost(worker, [] {});
+    EXPECT_EQ(1U, FiguresAtRest(worker).m_ullRun);
+    EXPECT_EQ(1U, FiguresOf(worker).m_Run.m_ullCount);
+}
+
+TEST(CCmWatch, TellsHowLongEventsRunAndWhatTheLongestWas) {
+    const ScopedWatch watch;
+    CCmWorker worker(Named("length"));
+    for (int i = 0; i < 100; ++i) {
+        CmPost(worker, [] {});
+    }
+    worker.GetEventQueue()->PostEvent(new CSlowEvent, ICmEventQueue::EPRIORITY_NORMAL);
+    const CCmWorkerFigures figures = FiguresAtRest(worker);
+    EXPECT_LE(60000U, figures.m_Run.m_ullLongest);
+    EXPECT_LE(60000U, figures.m_ullInEvents);
+    EXPECT_GT(60000U, figures.m_Run.m_ullMedian);
+    EXPECT_NE(std::string::npos, std::string(figures.m_szLongestClass).find("CSlowEvent"));
+}
+
+TEST(CCmWatch, TellsTheAddressOfTheTable_WhenAClassHasNoTypeInformation) {
+    const ScopedWatch watch;
+    CCmWorker worker(Named("nameless"));
+    ICmEvent* const pEvent = NamelessEvent(20);
+    char szTable[32];
+    std::snprintf(szTable, sizeof(szTable), "%p", const_cast<void*>(CmTableOf(pEvent)));
+    worker.GetEventQueue()->PostEvent(pEvent, ICmEventQueue::EPRIORITY_NORMAL);
+    EXPECT_EQ(std::string(szTable), FiguresAtRest(worker).m_szLongestClass);
+}
+
+TEST(CCmWatch, TellsWhatRunsNow) {
+    const ScopedWatch watch;
+    CCmWorker worker(Named("current"));
+    FiguresAtRest(worker);
+    Gate begun;
+    Gate go;
+    class CWaiting final : public ICmEvent {
+      public:
+        CWaiting(Gate& aBegun, Gate& aGo) : m_begun(aBegun), m_go(aGo) {}
+        CmResult OnEventFire() override {
+            m_begun.Open();
+            m_go.Wait();
+            return CM_OK;
+        }
+
+      private:
+        Gate& m_begun;
+        Gate& m_go;
+    };
+    worker.GetEventQueue()->PostEvent(new CWaiting(begun, go), ICmEventQueue::EPRIORITY_NORMAL);
+    ASSERT_TRUE(begun.Wait());
+    std::this_thread::sleep_for(20ms);
+    const CCmWorkerFigures busy = FiguresOf(worker);
+    EXPECT_NE(std::string::npos, std::string(busy.m_szCurrentClass).find("CWaiting"));
+    EXPECT_LE(20000U, busy.m_ullCurrent);
+    EXPECT_EQ(1U, busy.m_ullRun);
+    go.Open();
+    FiguresAtRest(worker);
+    EXPECT_TRUE(Eventually([&] { return FiguresOf(worker).m_szCurrentClass[0] == '\0'; }));
+}
+
+TEST(CCmWatch, MeasuresTheWaitOfOneEventInSixtyFour_WhileTheWorkerIsBusy) {
+    const ScopedWatch watch;
+    CCmWorker worker(Named("waits"));
+    FiguresAtRest(worker);
+    Gate begun;
+    Gate go;
+    std::this_thread::sleep_for(5ms);  // it sleeps by then, most likely
+    CmPost(worker, [&] {
+        begun.Open();
+        go.Wait();
+    });
+    ASSERT_TRUE(begun.Wait());
+    const uint64_t ullBefore = FiguresOf(worker).m_Waited.m_ullCount;
+    for (int i = 0; i < 128; ++i) {  // one or two of them
+        CmPost(worker, [] {});
+    }
+    std::this_thread::sleep_for(30ms);
+    go.Open();
+    const CCmWorkerFigures figures = FiguresAtRest(worker);
+    EXPECT_EQ(ullBefore + 1, figures.m_Waited.m_ullCount);
+    EXPECT_LE(30000U, figures.m_Waited.m_ullLongest);
+}
+
+TEST(CCmWatch, MeasuresTheWait_WhenAnEventWakesTheWorker) {
+    const ScopedWatch watch;
+    CCmWorker worker(Named("woken"));
+    FiguresAtRest(worker);
+    uint64_t ullCount = FiguresOf(worker).m_Waited.m_ullCount;
+    for (int i = 0; i < 5; ++i) {
+        std::this_thread::sleep_for(30ms);  // it sleeps
+        CmPost(worker, [] {});
+        FiguresAtRest(worker);
+    }
+    EXPECT_LE(ullCount + 4, FiguresOf(worker).m_Waited.m_ullCount);
+}
+
+TEST(CCmWatch, ForgetsTheProbe_WhenItsEventIsDestroyed) {
+    const ScopedWatch watch;
+    CCmEventQueueUsingMutex queue;
+    const auto post = [&] {
+        return queue.PostEvent(new CNothing, ICmEventQueue::EPRIORITY_NORMAL);
+    };
+    for (int nRound = 0; nRound < 3; ++nRound) {
+        for (int i = 0; i < 64; ++i) {
+            ASSERT_EQ(CM_OK, post());
+        }
+        queue.DestoryPendingEvents();
+    }
+    for (int i = 0; i < 64; ++i) {
+        ASSERT_EQ(CM_OK, post());
+    }
+    std::list<ICmEvent*> events;
+    ASSERT_EQ(CM_OK, queue.PopPendingEventsLocked(events));
+    queue.ProcessTakenEvents(events);
+    const std::vector<CCmWorkerFigures> rows = Rows();
+    const auto row = std::find_if(rows.begin(), rows.end(), [](const CCmWorkerFigures& aRow) {
+        return aRow.m_ullUnfired == 192;
+    });
+    ASSERT_NE(rows.end(), row);
+    EXPECT_EQ(256U, row->m_ullPosted);
+    EXPECT_EQ(64U, row->m_ullRun);
+    EXPECT_EQ(0U, row->m_ullPending);
+    EXPECT_EQ(1U, row->m_Waited.m_ullCount);
+}
+
+TEST(CCmWatch, TellsHowLongAWorkerSleeps) {
+    const ScopedWatch watch;
+    CCmWorker worker(Named("sleeps"));
+    FiguresAtRest(worker);
+    const uint64_t ullBefore = FiguresOf(worker).m_ullAsleep;
+    std::this_thread::sleep_for(50ms);
+    EXPECT_LE(ullBefore + 40000, FiguresOf(worker).m_ullAsleep);  // while it does
+    FiguresAtRest(worker);
+    const uint64_t ullAsleep = FiguresOf(worker).m_ullAsleep;
+    EXPECT_LE(ullBefore + 40000, ullAsleep);
+    CmCall(worker, TakeLong);
+    const CCmWorkerFigures figures = FiguresAtRest(worker);
+    EXPECT_LE(60000U, figures.m_ullInEvents);
+}
+
+TEST(CCmWatch, CountsSendsAndHowLongTheyBlock) {
+    const ScopedWatch watch;
+    CCmWorker sender(Named("sender"));
+    CCmWorker target(Named("target"));
+    CmCall(sender, [&] {
+        for (int i = 0; i < 9; ++i) {
+            EXPECT_EQ(CM_OK, CmCall(target, [] {}).Result());
+        }
+        CmCall(target, [] { std::this_thread::sleep_for(20ms); });
+        CmCall(sender, [] {});  // at once, within this event
+    });
+    const CCmWorkerFigures figures = FiguresAtRest(sender);
+    EXPECT_EQ(10U, figures.m_Sends.m_ullCount);
+    EXPECT_LE(20000U, figures.m_Sends.m_ullLongest);
+    EXPECT_EQ(1U, figures.m_ullRun);
+    const CCmWorkerFigures figuresOfTarget = FiguresAtRest(target);
+    EXPECT_EQ(10U, figuresOfTarget.m_ullRun);  // their way back is none
+    EXPECT_EQ(10U, figuresOfTarget.m_ullPosted);
+}
+
+TEST(CCmWatch, CountsTimersAndHowLateTheyFire) {
+    const ScopedWatch watch;
+    TaskThread task;
+    CCmWorker worker(Named("timers"));
+    for (ACmThread* pThread : {&*task, worker.GetThread()}) {
+        SCOPED_TRACE(pThread == &*task ? "task" : "worker");
+        Gate fired;
+        Gate blocked;
+        Gate go;
+        CmPost(*pThread, [&] {  // it is late by as much as this takes
+            blocked.Open();
+            go.Wait();
+            std::this_thread::sleep_for(30ms);
+        });
+        ASSERT_TRUE(blocked.Wait());
+        CCmTimerHandle timer = CmPostDelayed(*pThread, 5ms, [&] { fired.Open(); });
+        go.Open();
+        ASSERT_TRUE(fired.Wait());
+        const CCmWorkerFigures figures = FiguresAtRest(*pThread);
+        EXPECT_EQ(1U, figures.m_ullTimersFired);
+        EXPECT_EQ(1U, figures.m_Late.m_ullCount);
+        if (pThread != &*task) {  // the task arms its timer after the event only
+            EXPECT_LE(25000U, figures.m_Late.m_ullLongest);
+        }
+    }
+}
+
+TEST(CCmWatch, ShowsAThreadThatIsDrivenByItsHeartBeat) {
+    const ScopedWatch watch;
+    CCmThreadHeartBeat heart;
+    ASSERT_EQ(CM_OK, heart.Create(TT_MAIN, TF_JOINABLE, 0));
+    heart.OnThreadInit();
+    for (int i = 0; i < 3; ++i) {
+        CmPost(*heart.GetEventQueue(), [] {});
+    }
+    EXPECT_EQ(CM_OK, heart.DoHeartBeat());
+    const CCmWorkerFigures figures = FiguresOf(heart);
+    EXPECT_EQ(3U, figures.m_ullPosted);
+    EXPECT_EQ(3U, figures.m_ullRun);
+    EXPECT_EQ(0U, figures.m_ullPending);
+}
+
+TEST(CCmWatch, ForgetsThreadsThatHaveEnded) {
+    const ScopedWatch watch;
+    const auto count = [] {
+        size_t nThreads = 0;
+        CmForEachWatchedThread([&](CCmWatchedThread&) { ++nThreads; });
+        return nThreads;
+    };
+    for (int i = 0; i < 200; ++i) {
+        CCmWorker worker(Named(("w" + std::to_string(i)).c_str()));
+        CmPost(worker, [] {});
+        const CCmWorkerFigures figures = FiguresAtRest(worker);
+        ASSERT_EQ(1U, figures.m_ullRun);  // none of the thread whose place it has
+        ASSERT_EQ(1U, figures.m_Run.m_ullCount);
+        ASSERT_EQ("w" + std::to_string(i), std::string(figures.m_szName));
+    }
+    EXPECT_GE(75U, count());
+    for (const CCmWorkerFigures& row : Rows()) {
+        EXPECT_NE('w', row.m_szName[0]) << row.m_szName;
+    }
+}
+
+TEST(CCmWatch, SaysWhatASlowEventWas) {
+    const ScopedWatch watch;
+    ScopedTraceSink sink;
+    CCmWorker worker(Named("slow"));
+    Gate begun;
+    Gate go;
+    CmPost(worker, [&] {
+        begun.Open();
+        go.Wait();
+    });
+    ASSERT_TRUE(begun.Wait());
+    std::thread([&] {
+        pthread_setname_np(pthread_self(), "the poster");
+        worker.GetEventQueue()->PostEvent(new CSlowEvent, ICmEventQueue::EPRIORITY_NORMAL);
+    }).join();  // it is gone when the line is written
+    CmPost(worker, [] {});
+    CmPost(worker, [] {});
+    std::this_thread::sleep_for(10ms);
+    go.Open();
+    FiguresAtRest(worker);
+    const auto lines = sink.lines();
+    const auto slow = std::find_if(lines.begin(), lines.end(), [](const auto& aLine) {
+        return aLine.text.find(", watch, ") != std::string::npos &&
+               aLine.text.find("CSlowEvent") != std::string::npos;
+    });
+    ASSERT_NE(lines.end(), slow);
+    const std::string& sText = slow->text;
+    EXPECT_EQ(CM_TRACE_LEVEL_WARNING, slow->level);
+    EXPECT_EQ(0U, sText.find("UTIL WARNING: CCmEventQueueBase::ProcessOneEvent, watch, class="
+                             "UTIL_NS::(anonymous namespace)::CSlowEvent postedBy="))
+        << sText;
+    EXPECT_NE(std::string::npos, sText.find(" postedBy=the poster waitedUsec=")) << sText;
+    EXPECT_NE(std::string::npos, sText.find(" pending=2 this=0x")) << sText;
+    const auto number = [&](const char* aKey) {
+        return std::atoll(sText.c_str() + sText.find(aKey) + std::string(aKey).size());
+    };
+    EXPECT_LE(10000, number("waitedUsec=")) << sText;
+    EXPECT_LE(60000, number("ranUsec=")) << sText;
+    // Right after the line that there has always been.
+    ASSERT_NE(lines.begin(), slow);
+    EXPECT_EQ(0U, std::prev(slow)->text.find(
+                      "UTIL WARNING: CCmEventQueueBase::ProcessOneEvent, report, sec=0 usec="));
+}
+
+TEST(CCmWatch, SaysWhatASlowSendWas) {
+    const ScopedWatch watch;
+    ScopedTraceSink sink;
+    CCmWorker worker(Named("slow send"));
+    CCmWorker sender(Named("its sender"));
+    CmPost(sender, [&] { worker.GetEventQueue()->SendEvent(new CSlowEvent); });
+    FiguresAtRest(sender);
+    EXPECT_EQ(1U, sink.count("CSlowEvent postedBy=its sender waitedUsec="));
+}
+
+TEST(CCmWatch, SaysWhichTimerHandlerWasSlow) {
+    const ScopedWatch watch;
+    ScopedTraceSink sink;
+    TaskThread task;
+    CCmWorker worker(Named("slow timer"));
+    CSlowHandler handler;
+    CmCall(*task, [&] {
+        task->GetTimerQueue()->ScheduleTimer(&handler, nullptr, CCmTimeValue(0, 1000), 1);
+    });
+    ASSERT_TRUE(handler.m_Fired.Wait());
+    Gate fired;
+    CCmTimerHandle delayed = CmPostDelayed(worker, 1ms, [&] {
+        TakeLong();
+        fired.Open();
+    });
+    ASSERT_TRUE(fired.Wait());
+    Gate driven;
+    CCmTimerHandle onTask = CmPostDelayed(*task, 1ms, [&] {
+        TakeLong();
+        driven.Open();
+    });
+    ASSERT_TRUE(driven.Wait());
+    FiguresAtRest(*task);
+    FiguresAtRest(worker);
+    EXPECT_EQ(1U, sink.count("CCmTimerQueueBase::CheckExpire, watch, class="));
+    EXPECT_EQ(1U, sink.count("CSlowHandler lateUsec="));
+    EXPECT_EQ(2U, sink.count("CCmTimedCalls::FireDue, watch, class="));
+    EXPECT_LE(180000U, FiguresOf(*task).m_ullInTimers + FiguresOf(worker).m_ullInTimers);
+    EXPECT_EQ(2U, FiguresOf(*task).m_ullTimersFired);
+}
+
+TEST(CCmWatch, SaysNothing_WhileItIsOff) {
+    ScopedTraceSink sink;
+    TaskThread task;
+    CSlowHandler handler;
+    CmCall(*task, [&] {
+        task->GetTimerQueue()->ScheduleTimer(&handler, nullptr, CCmTimeValue(0, 1000), 1);
+        TakeLong();
+    });
+    ASSERT_TRUE(handler.m_Fired.Wait());
+    task.End();
+    EXPECT_EQ(1U, sink.count("CCmEventQueueBase::ProcessOneEvent, report,"));
+    EXPECT_EQ(0U, sink.count(", watch, "));
+}
+
+// Without memory nothing fails but the figures.
+TEST(CCmWatch, ChangesNoResult_WhenMemoryRunsOut) {
+    CCmWorker worker(Named("no memory"));
+    for (unsigned long ulNth = 1; ulNth < 8; ++ulNth) {
+        SCOPED_TRACE(ulNth);
+        CmResult rvStart = CM_OK;
+        CmResult rv = CM_ERROR_FAILURE;
+        CCmEventQueueUsingMutex queue;
+        ICmEvent* const pEvent = new CNothing;
+        {
+            const ScopedAllocationFault fault(ulNth, kelto_test::Failing::FROM_THERE_ON);
+            rvStart = CCmWatch::Start(CCmWatchOptions().Record(false));
+        }
+        if (CM_FAILED(rvStart)) {
+            EXPECT_EQ(CM_ERROR_OUT_OF_MEMORY, rvStart);
+            EXPECT_FALSE(CCmWatch::IsOn());
+            ASSERT_EQ(CM_OK, CCmWatch::Start(CCmWatchOptions().Record(false)));
+        }
+        std::thread([&] {
+            std::list<ICmEvent*> events;
+            ASSERT_EQ(CM_OK, queue.PostEvent(pEvent, ICmEventQueue::EPRIORITY_NORMAL));
+            ASSERT_EQ(CM_OK, queue.PopPendingEventsLocked(events));
+            const ScopedAllocationFault fault(1, kelto_test::Failing::FROM_THERE_ON);
+            queue.ProcessTakenEvents(events);
+            rv = CM_OK;
+        }).join();
+        EXPECT_EQ(CM_OK, rv);
+        size_t nCount = 0;
+        EXPECT_EQ(CM_OK, CCmWatch::Read(nullptr, 0, nCount));
+        CCmWatch::Stop();
+    }
+}
+
+TEST(CCmWatch, KeepsNothingOfAQueueThatHasEnded) {
+    const ScopedWatch watch;
+    const auto once = [] {
+        CCmEventQueueUsingMutex queue;
+        queue.PostEvent(new CNothing, ICmEventQueue::EPRIORITY_NORMAL);
+        queue.DestoryPendingEvents();
+    };
+    once();  // makes what is kept of this thread
+    const size_t nRows = Rows().size();
+    const long lBefore = LiveAllocations();
+    for (int i = 0; i < 100; ++i) {
+        once();
+    }
+    EXPECT_EQ(lBefore, LiveAllocations());
+    EXPECT_EQ(nRows, Rows().size());
+}
+
+// A thread that is cancelled in an event ends like any other.
+TEST(CCmWatch, CountsTheEventInWhichAThreadIsCancelled) {
+    const ScopedWatch watch;
+    TaskThread task;
+    Gate begun;
+    CmPost(*task, [&] {
+        begun.Open();
+        for (;;) {
+            std::this_thread::sleep_for(1ms);
+            pthread_testcancel();
+        }
+    });
+    ASSERT_TRUE(begun.Wait());
+    for (int i = 0; i < 4; ++i) {
+        CmPost(*task, [] {});
+    }
+    EXPECT_EQ(CM_OK, task->Terminate());
+    EXPECT_EQ(CM_OK, task->Join());
+    const std::vector<CCmWorkerFigures> rows = Rows();
+    const auto row = std::find_if(rows.begin(), rows.end(), [](const CCmWorkerFigures& aRow) {
+        return aRow.m_ullThread == 0 && aRow.m_ullPosted == 5;
+    });
+    ASSERT_NE(rows.end(), row);
+    EXPECT_EQ(1U, row->m_ullRun);
+    EXPECT_EQ(4U, row->m_ullPending + row->m_ullUnfired);
+}
+
+}  // namespace
+}  // namespace UTIL_NS
