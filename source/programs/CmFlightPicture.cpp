@@ -42,7 +42,7 @@ class CPicturePrinter {
         FindRows();
         FindClasses();
         const double dBottom = TOP + ROW * static_cast<double>(std::max<size_t>(m_Rows.size(), 1));
-        const double dHeight = dBottom + 40 + 18 * static_cast<double>(m_Legend.size());
+        const double dHeight = dBottom + 40 + 18 * static_cast<double>(m_Legend.size() + 1);
         m_Sink.Put(
             CmFormat("<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"%.0f\" height=\"%.0f\" "
                      "viewBox=\"0 0 %.0f %.0f\" font-family=\"sans-serif\" font-size=\"11\">\n",
