@@ -105,6 +105,25 @@ std::string SourceNames(std::string_view aMangled) {
     return strNames;
 }
 
+// The name of the function whose text, with arguments, aText ends in; empty where it ends
+// otherwise.
+std::string_view FunctionAtEnd(std::string_view aText) {
+    const size_t nClose = aText.rfind(')');
+    if (nClose == std::string_view::npos) {
+        return std::string_view();
+    }
+    size_t nOpen = nClose;
+    for (size_t nDepth = 1; nDepth > 0; nDepth -= aText[nOpen] == '(' ? 1 : 0) {
+        if (nOpen == 0) {
+            return std::string_view();
+        }
+        --nOpen;
+        nDepth += aText[nOpen] == ')' ? 1 : 0;
+    }
+    const std::string_view name = aText.substr(0, nOpen);
+    return name.substr(name.find_last_of(":<>(), ") + 1);
+}
+
 bool BreakDown(int64_t aUsec, tm* aTime) {
     const std::time_t tSeconds = static_cast<std::time_t>(aUsec / USEC_PER_SEC);
     return aUsec >= 0 && aUsec < LAST_USEC && localtime_r(&tSeconds, aTime) != nullptr;
@@ -242,6 +261,12 @@ std::string CmClassName(std::string_view aName) {
 }
 
 std::string CmShortClassName(std::string_view aClassName) {
+    // As GCC's library has it, and as Clang's does.
+    const size_t nLambda = std::min(aClassName.find("::{lambda("), aClassName.find("::'lambda"));
+    const std::string_view function = FunctionAtEnd(aClassName.substr(0, nLambda));
+    if (nLambda != std::string_view::npos && !function.empty()) {
+        return std::string(function) + "{lambda}";
+    }
     std::string strOut;
     size_t nDepth = 0;
     for (size_t i = 0; i < aClassName.size(); ++i) {

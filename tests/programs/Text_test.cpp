@@ -110,6 +110,18 @@ TEST_F(ProgramText, ShortensClassesToTheirOwnName) {
     EXPECT_EQ(CmShortClassName("a>b"), "a>b");
 }
 
+TEST_F(ProgramText, ShortensWhatWasMadeOfALambdaToItsFunction) {
+    EXPECT_EQ(CmShortClassName("a::CCallT<b::Work(a::CWorker&, int (*)())::{lambda()#2}, bool>"),
+              "Work{lambda}");
+    EXPECT_EQ(CmShortClassName("a::CCallT<main::'lambda'()>"), "CCallT<\xE2\x80\xA6>");
+    EXPECT_EQ(CmShortClassName("a::CCallT<b::CHost::Run() const::'lambda0'()>"), "Run{lambda}");
+    EXPECT_EQ(
+        CmShortClassName("CT<f<int>(int)::{lambda(int)#1}::operator()(int) const::{lambda()#1}>"),
+        "CT<\xE2\x80\xA6>");
+    EXPECT_EQ(CmShortClassName(")::{lambda()#1}"), "{\xE2\x80\xA6}");
+    EXPECT_EQ(CmShortClassName("::{lambda("), "{");
+}
+
 TEST_F(ProgramText, LengthsHaveTheirUnit) {
     EXPECT_EQ(CmLengthText(0), "0us");
     EXPECT_EQ(CmLengthText(999), "999us");
