@@ -1,6 +1,6 @@
 # What `cmake --install` puts where. Everything is relocatable: paths are relative to the file that
 # holds them. Install components: Runtime, Qtrace (our stand-in for the trace library, left out
-# where the real one is installed), Development, Documentation.
+# where the real one is installed), Programs, Development, Documentation.
 
 include(CMakePackageConfigHelpers)
 
@@ -27,6 +27,20 @@ if(KELTO_OWN_QTRACE)
   endif()
   install(FILES source/qtrace/qtrace.h
     DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kelto_util COMPONENT Development)
+endif()
+
+if(TARGET kelto-flight)
+  install(TARGETS kelto-flight kelto-top
+    RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT Programs)
+  foreach(program kelto-flight kelto-top)
+    set(page source/programs/${program}.1)
+    if(KELTO_DEBIAN)  # whose pages are compressed
+      execute_process(COMMAND gzip -9nc ${page} WORKING_DIRECTORY ${PROJECT_SOURCE_DIR}
+        OUTPUT_FILE ${PROJECT_BINARY_DIR}/${program}.1.gz COMMAND_ERROR_IS_FATAL ANY)
+      set(page ${PROJECT_BINARY_DIR}/${program}.1.gz)
+    endif()
+    install(FILES ${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT Programs)
+  endforeach()
 endif()
 
 install(DIRECTORY include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kelto_util

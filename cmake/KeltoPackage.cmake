@@ -2,6 +2,7 @@
 #
 #   libqtrace1        our stand-in for the trace library; the real one takes its place
 #   libkelto-util1    the shared library
+#   kelto-util-tools  kelto-flight and kelto-top
 #   libkelto-util-dev headers, links, static libraries, CMake and pkg-config files, documents
 #
 # tools/debian-packages configures, builds and packs them, for amd64 or arm64.
@@ -17,7 +18,7 @@ set(CPACK_PACKAGE_CONTACT "kelto_util maintainers <maintainers@kelto.invalid>")
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
-set(CPACK_COMPONENTS_ALL Qtrace Runtime Development Documentation)
+set(CPACK_COMPONENTS_ALL Qtrace Runtime Programs Development Documentation)
 set(CPACK_COMPONENTS_GROUPING ONE_PER_GROUP)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
@@ -52,6 +53,16 @@ set(CPACK_DEBIAN_RUNTIME_DESCRIPTION
   "Worker threads with event queues and timers, the locks beneath them, chains of
 message blocks, tracing, configuration files, URLs and text encodings.")
 
+set(CPACK_DEBIAN_PROGRAMS_PACKAGE_NAME kelto-util-tools)
+set(CPACK_DEBIAN_PROGRAMS_PACKAGE_SECTION utils)
+if(CMAKE_CROSSCOMPILING)
+  set(CPACK_DEBIAN_PROGRAMS_PACKAGE_DEPENDS "${kelto_system_libraries}")
+endif()
+set(CPACK_DEBIAN_PROGRAMS_DESCRIPTION
+  "What worker threads do and did last: viewers for flight recorders' files.
+kelto-top shows the workers of a running process, kelto-flight prints what the
+threads of a process did last, also after it was killed.")
+
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libkelto-util-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SHLIBDEPS OFF)
@@ -63,16 +74,18 @@ set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION
 include(CPack)
 cpack_add_component(Qtrace GROUP Qtrace)
 cpack_add_component(Runtime GROUP Runtime)
+cpack_add_component(Programs GROUP Programs)
 cpack_add_component(Development GROUP Development)
 cpack_add_component(Documentation GROUP Development)
 cpack_add_component_group(Qtrace)
 cpack_add_component_group(Runtime)
+cpack_add_component_group(Programs)
 cpack_add_component_group(Development)
 
 # What each package must carry about itself.
 execute_process(COMMAND gzip -9nc ${CMAKE_CURRENT_LIST_DIR}/debian/changelog
   OUTPUT_FILE ${PROJECT_BINARY_DIR}/changelog.gz COMMAND_ERROR_IS_FATAL ANY)
-foreach(component Qtrace Runtime Development)
+foreach(component Qtrace Runtime Programs Development)
   string(TOUPPER ${component} COMPONENT)
   install(FILES ${PROJECT_BINARY_DIR}/changelog.gz ${CMAKE_CURRENT_LIST_DIR}/debian/copyright
     DESTINATION share/doc/${CPACK_DEBIAN_${COMPONENT}_PACKAGE_NAME} COMPONENT ${component})

@@ -95,7 +95,7 @@ mode_t ModeOf(const std::string& aPath) {
 
 // ---- Where it lies
 
-TEST(CmFlightFile, LiesInTheUsersRuntimeDirectory_WhichOthersCannotRead) {
+TEST(CmFlightFile, LiesUnreadableForOthers_WhenTheUserHasARuntimeDirectory) {
     const ScopedDirectory runtime;
     const ScopedVariable variable("XDG_RUNTIME_DIR", runtime.path().c_str());
     const mode_t mask = umask(0);
@@ -128,7 +128,7 @@ TEST(CmFlightFile, LiesBelowTheTemporaryDirectory_WithoutARuntimeDirectory) {
     EXPECT_EQ(0u, PathOf(Options("")).find(sDirectory + "/"));
 }
 
-TEST(CmFlightFile, IsNotMade_WhereTheDirectoryIsNotTheUsersAlone) {
+TEST(CmFlightFile, IsNotMade_WhenTheDirectoryIsNotTheUsersAlone) {
     const ScopedDirectory directory;
     const std::string sPlace = directory.path() + "/d";
     const char* const pszPlace = sPlace.c_str();
@@ -171,7 +171,7 @@ TEST(CmFlightFile, IsNotMade_WhereTheDirectoryIsNotTheUsersAlone) {
     EXPECT_TRUE(std::filesystem::is_empty(directory.path() + "/other"));
 }
 
-TEST(CmFlightFile, IsNotMade_InADirectoryOfAnotherUser) {
+TEST(CmFlightFile, IsNotMade_WhenTheDirectoryIsAnotherUsers) {
     if (geteuid() != 0) {
         GTEST_SKIP() << "only root can give a directory away";
     }
@@ -185,7 +185,7 @@ TEST(CmFlightFile, IsNotMade_InADirectoryOfAnotherUser) {
     EXPECT_TRUE(std::filesystem::is_empty(sPlace));
 }
 
-TEST(CmFlightFile, IsNotMade_WhereTheDirectoryCannotBeMadeOrItsPathIsTooLong) {
+TEST(CmFlightFile, IsNotMade_WhenTheDirectoryCannotBeMadeOrItsPathIsTooLong) {
     const ScopedDirectory directory;
     const ScopedTraceSink sink;
     EXPECT_EQ("", PathOf(Options((directory.path() + "/no/d").c_str()), CM_ERROR_FAILURE));
@@ -226,7 +226,7 @@ TEST(CmFlightFile, IsMadeOnce_WhenOpenedTwice) {
 
 using Names = std::set<std::string>;
 
-TEST(CmFlightFile, KeepsTheFiveNewestThatWereLeft_AndThoseInUse) {
+TEST(CmFlightFile, KeepsTheFiveNewestAndThoseInUse_WhenMoreWereLeft) {
     const ScopedDirectory directory;
     const auto path = [&](const std::string& aName) { return directory.path() + "/" + aName; };
     Names kept;
@@ -379,7 +379,7 @@ TEST(CmFlightFile, GivesAThreadNoRing_WhenItsEndWouldNotBeSeen) {
 
 // ---- Cut by others
 
-TEST(CmFlightFile, GivesWayToMemory_WhenItIsCut_AndALineSaysSoOnce) {
+TEST(CmFlightFile, GivesWayToMemoryAndSaysSoOnce_WhenItIsCut) {
     for (const off_t size : {off_t{0}, off_t{4096}, off_t{140 * 1024}}) {
         SCOPED_TRACE(size);
         const ScopedFlight flight;
@@ -429,10 +429,11 @@ TEST(CmFlightFile, IsCutOnce_WhenThreadsRecordAllTheTime) {
         threads.emplace_back([&] {
             CCmFlightRing* const pRing = CCmFlight::AttachThisThread("records");
             ++nBegan;
-            for (long long ll = 0; !bEnd; ++ll) {
-                pRing->Post(ll, nullptr, pRing, nullptr);
-            }
             long long llUsec = 0;
+            while (!bEnd) {
+                pRing->Post(0, nullptr, pRing, nullptr);
+            }
+            pRing->Post(0, nullptr, pRing, nullptr);
             EXPECT_TRUE(pRing->FindPost(pRing, INT64_MAX, llUsec));
         });
     }
@@ -515,7 +516,7 @@ TEST(CmFlightFile, LeavesOtherBusErrorsToAHandlerWithoutInformation) {
               }));
 }
 
-TEST(CmFlightFile, LetsOtherBusErrorsEndTheProcess_AsTheyDoWithoutIt) {
+TEST(CmFlightFile, LetsOtherBusErrorsEndTheProcess_WhenNobodyHandlesThem) {
     const ScopedDirectory directory;
     for (const bool bIsSent : {false, true}) {
         for (const bool bIsIgnored : {false, true}) {
@@ -589,7 +590,7 @@ TEST(CmFlightFile, BelongsToTheParent_WhenTheProcessForks) {
     pRing->Post(4, nullptr, pRing, nullptr);  // still looked after
 }
 
-TEST(CmFlightFile, CanBeOpenedInAForkedChild_AsItsOwn) {
+TEST(CmFlightFile, IsTheChildsOwn_WhenItIsOpenedAfterAFork) {
     const ScopedFlight flight;
     CCmFlight::AttachThisThread("both")->Post(1, nullptr, &flight, nullptr);
     const ScopedDirectory directory;

@@ -64,7 +64,7 @@ std::string Described(const FlightRecord& aRecord) {
 
 // ---- Records
 
-TEST(CmFlight, KeepsEachKindOfRecord_WithAllOfIt) {
+TEST(CmFlight, KeepsEachKindOfRecord) {
     const ScopedFlight flight;
     CCmFlightRing* const pRing = CCmFlight::AttachThisThread("kinds");
     ASSERT_NE(nullptr, pRing);
@@ -128,7 +128,7 @@ TEST(CmFlight, KeepsTheLastRecords_WhenTheRingWraps) {
     }
 }
 
-TEST(CmFlight, KeepsLinesOfAnyLength_AndCutsThemAtTheLimit) {
+TEST(CmFlight, KeepsLinesOfAnyLengthUpToTheLimit) {
     const ScopedFlight flight(1024);
     CCmFlightRing* const pRing = CCmFlight::AttachThisThread("lines");
     std::string sText;
@@ -168,7 +168,7 @@ TEST(CmFlight, ShowsWhatRunsNow_UntilItIsOver) {
     EXPECT_EQ(0u, thread.currentTable);
 }
 
-TEST(CmFlight, KeepsFigures_UnderAnEvenCount) {
+TEST(CmFlight, KeepsFiguresUnderAnEvenCount) {
     const ScopedFlight flight;
     CCmFlightRing* const pRing = CCmFlight::AttachThisThread("figures");
     EXPECT_EQ(std::vector<uint64_t>(32), flight.ReadThread("figures").figures);
@@ -191,7 +191,7 @@ TEST(CmFlight, TellsTheProcessAndWhenItBeganTickedAndEnded) {
     const ScopedFlight flight(512, 7);
     FlightFile file = flight.Read();
     EXPECT_EQ(static_cast<uint32_t>(getpid()), file.process);
-    EXPECT_EQ(CCmT120Trace::get_process_name(), file.processName);
+    EXPECT_EQ("CmFlight_test", file.processName);
     EXPECT_EQ(512u, file.units);
     EXPECT_EQ(7u, file.slots);
     EXPECT_NE(0u, file.startWall);
@@ -219,7 +219,7 @@ TEST(CmFlight, TakesSizesWithinItsLimits) {
 
 // ---- Classes
 
-TEST(CmFlight, KeepsNoName_WhereTheClassHasNoTypeInformation) {
+TEST(CmFlight, KeepsNoName_WhenTheClassHasNoTypeInformation) {
     const ScopedFlight flight;
     CCmFlight::AttachThisThread("no names")->Event(1, 1, s_tables.At(5), nullptr, 0);
     const uint64_t ullTable = reinterpret_cast<uintptr_t>(s_tables.At(5));
@@ -243,7 +243,7 @@ TEST(CmFlight, KeepsClassesOfEarlierFiles_WhenItIsOpenedAgain) {
 }
 
 // In a process of its own, as the table stays full.
-TEST(CmFlight, CountsClassesThatFindNoPlace_AndRecordsTheirTables) {
+TEST(CmFlight, CountsClassesAndRecordsTheirTables_WhenTheyFindNoPlace) {
     EXPECT_EQ(0, StatusOfChild([] {
                   const ScopedFlight flight(1024);
                   CCmFlightRing* const pRing = CCmFlight::AttachThisThread("classes");
@@ -338,7 +338,7 @@ TEST(CmFlight, GivesNoRing_WhenAllSlotsAreTaken) {
     EXPECT_EQ(2u, flight.Read().unslotted);
 }
 
-TEST(CmFlight, GivesTheSlotThatEndedFirst_AndKeepsNamesUntilThen) {
+TEST(CmFlight, GivesTheSlotThatEndedFirst_WhenNoneIsFree) {
     const ScopedFlight flight(256, 4);
     CRingThread a("a"), b("b", true), c("c"), d("d");
     CCmFlightRing* const pFirst = b.Ring();
@@ -372,7 +372,7 @@ TEST(CmFlight, GivesTheSlotThatEndedFirst_AndKeepsNamesUntilThen) {
     EXPECT_EQ(next.records[3].number, next.first);
 }
 
-TEST(CmFlight, TakesAnotherNameOver_AndTheSystemsWithoutOne) {
+TEST(CmFlight, TakesTheSystemsNameOver_WhenThereIsNoOther) {
     const ScopedFlight flight;
     std::thread([&] {
         CmPortNameThisThread("of the system");
@@ -395,7 +395,7 @@ TEST(CmFlight, GivesNoRing_WhenItIsNotOpen) {
     EXPECT_FALSE(CCmFlight::IsOpen());
 }
 
-TEST(CmFlight, KeepsRingsOfThreads_FromOneFileToTheNext) {
+TEST(CmFlight, KeepsRingsOfThreads_WhenAnotherFileIsOpened) {
     CCmFlightRing* pRing = nullptr;
     auto* const pFirst = new ScopedFlight;
     CRingThread thread("goes on");
@@ -414,7 +414,7 @@ TEST(CmFlight, KeepsRingsOfThreads_FromOneFileToTheNext) {
 
 // ---- Posts
 
-TEST(CmFlight, FindsTheYoungestPostOfAnEvent_NotLaterThanAsked) {
+TEST(CmFlight, FindsTheYoungestPostThatIsNotLaterThanAsked) {
     const ScopedFlight flight;
     CCmFlightRing* const pRing = CCmFlight::AttachThisThread("posts");
     pRing->Post(10, s_tables.At(0), Address(0x10), nullptr);
@@ -438,7 +438,7 @@ TEST(CmFlight, FindsTheYoungestPostOfAnEvent_NotLaterThanAsked) {
     EXPECT_FALSE(pRing->FindPost(Address(0x20), 100, llUsec)) << "it has been overwritten";
 }
 
-TEST(CmFlight, NamesThePoster_AlsoWhenItHasEndedAndAnotherHasItsRing) {
+TEST(CmFlight, NamesThePoster_WhenItHasEndedAndAnotherHasItsRing) {
     const ScopedFlight flight(256, 4);
     const void* const pTable = s_tables.At(2);
     const auto post = [&](const char* aName, uintptr_t aEvent, long long aUsec) {
@@ -524,7 +524,7 @@ void Trace(unsigned long aLevel, const std::string& aText) {
     util_adapter_trace(aLevel, aText.c_str(), static_cast<unsigned int>(aText.size()));
 }
 
-TEST(CmFlight, TakesTheLinesThatASinkGets_WhichGetsNoOthers) {
+TEST(CmFlight, TakesTheLinesThatASinkGets_WhenOneIsInstalled) {
     const ScopedFlight flight(256, 4, true);
     CCmFlight::AttachThisThread("traces");
     const ScopedTraceSink sink;
@@ -577,7 +577,7 @@ TEST(CmFlight, TakesLinesOfAllLevels_WithoutAnotherOneElsewhere) {
     EXPECT_EQ(withoutIt, TextsOfAllLevels());
 }
 
-TEST(CmFlight, TakesNoLines_UnlessAskedTo) {
+TEST(CmFlight, TakesNoLines_WhenNotAskedTo) {
     const ScopedFlight flight(256, 4, false);
     CCmFlight::AttachThisThread("traces");
     const ScopedTraceSink sink;
@@ -585,7 +585,7 @@ TEST(CmFlight, TakesNoLines_UnlessAskedTo) {
     EXPECT_TRUE(LinesOf(flight.ReadThread("traces")).empty());
 }
 
-TEST(CmFlight, GivesAThreadThatTracesARing_ButNoneOnceItHasGivenItBack) {
+TEST(CmFlight, GivesNoSecondRingToAThreadThatTraces_WhenItGaveTheFirstBack) {
     const ScopedFlight flight(256, 4, true);
     const ScopedTraceSink sink;
     std::thread([&] {

@@ -126,6 +126,16 @@ bool CCmFlightReader::CheckHeader() {
     return true;
 }
 
+bool CCmFlightReader::CheckSize() {
+    struct stat status = {};
+    if (fstat(m_nFile, &status) != 0) {
+        return Fail(std::strerror(errno));
+    }
+    const uint64_t ullSize = static_cast<uint64_t>(status.st_size);
+    return ullSize >= m_Header.m_ullFileSize ||
+           Fail(CmFormat("it is cut after %llu bytes", Printed(ullSize)));
+}
+
 bool CCmFlightReader::ReadClasses() {
     std::vector<CCmFlightClass> classes(m_Header.m_dwClassCount);
     if (!ReadAt(m_Header.m_dwHeaderSize, classes.data(), classes.size() * sizeof(CCmFlightClass))) {

@@ -40,6 +40,7 @@ class CCmFlightReader {
     bool Read();  // header, state and classes; Open does it as well
     bool ReadSlot(uint32_t aSlot, CCmFlightSlot* aOut);
     bool ReadRing(uint32_t aSlot, CCmFlightSlot* aOut, CRing* aRing);
+    bool CheckSize();  // whether the file is as long as it says
     const std::string& Error() const { return m_strError; }
 
     const std::string& Path() const { return m_strPath; }

@@ -265,6 +265,9 @@ CCmFlightRecords CmReadRecords(CCmFlightReader& aReader) {
         out.isLimited = out.isLimited || ring.isLimited;
         CRingDecoder(ring, slot, &out).Decode();
     }
+    if (out.error.empty() && !aReader.CheckSize()) {
+        out.error = aReader.Error();
+    }
     out.lastUsec = aReader.LastUsec();
     for (const CCmFlightRecord& record : out.records) {
         out.lastUsec = std::max(out.lastUsec, CmEndOf(record));

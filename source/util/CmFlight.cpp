@@ -15,7 +15,6 @@
 #include "CmNsec.h"
 #include "CmScopedLock.h"
 #include "CmSystem.h"
-#include "CmT120Trace.h"
 #include "CmTraceGuard.h"
 #include "CmTraceLine.h"
 #include "CmTraceTap.h"
@@ -95,6 +94,16 @@ uint64_t NumberOf(pthread_t aThread) {
 void CopyName(char (&aCopy)[CM_FLIGHT_NAME_SIZE], const char* aName) {
     std::memset(aCopy, 0, sizeof(aCopy));
     std::strncpy(aCopy, aName, sizeof(aCopy) - 1);
+}
+
+// The executable's file name; what is not ASCII as "_".
+void CopyProcessName(char (&aCopy)[CM_FLIGHT_NAME_SIZE]) {
+    uint16_t wUnits[CM_PORT_NAME_UNITS];
+    const size_t nUnits = CmPortExecutableName(wUnits);
+    CopyName(aCopy, nUnits == 0 ? "process" : "");
+    for (size_t i = 0; i < nUnits && i < sizeof(aCopy) - 1; ++i) {
+        aCopy[i] = wUnits[i] < 0x80 ? static_cast<char>(wUnits[i]) : '_';
+    }
 }
 
 uint32_t Within(uint32_t aNumber, uint32_t aLeast, uint32_t aMost) {
@@ -306,8 +315,10 @@ void CCmFlight::CState::EndRings() {
 
 // Puts a file in the place of the memory.
 bool CCmFlight::CState::MapFile(const char* aDirectory, uint64_t aStartUsec) {
-    if (!CmFlightMakeFile(aDirectory, CCmT120Trace::get_process_name(),
-                          static_cast<long long>(aStartUsec), Size(), m_File)) {
+    char szProcess[CM_FLIGHT_NAME_SIZE];
+    CopyProcessName(szProcess);
+    if (!CmFlightMakeFile(aDirectory, szProcess, static_cast<long long>(aStartUsec), Size(),
+                          m_File)) {
         return false;
     }
     void* const pBegin = s_pBegin.load(std::memory_order_relaxed);
@@ -336,7 +347,7 @@ void CCmFlight::CState::FillHeader(uint64_t aStartUsec) {
     header.m_dwUnitSize = sizeof(CCmFlightUnit);
     header.m_dwUnitCount = m_dwUnits;
     header.m_dwProcessId = static_cast<uint32_t>(getpid());
-    CopyName(header.m_szProcess, CCmT120Trace::get_process_name());
+    CopyProcessName(header.m_szProcess);
     header.m_ullStartWall = aStartUsec;
     header.m_ullStartMonotonic = static_cast<uint64_t>(CmMonotonicNsec() / NSEC_PER_USEC);
     header.m_ullEndWall = 0;

@@ -406,6 +406,9 @@ class FlightTest(ProgramTest):
         os.chown(self.directory, 12345, -1)
         self.assert_complains(self.flight(), "it is not this user's directory")
 
+    def test_PageOfTheManualHasTheOptions(self):
+        self.assert_page_of_the_manual_has_the_options("flight")
+
     def test_TellsItsVersionAndHelp(self):
         self.assertRegex(self.flight("--version").stdout.decode(), r"^kelto-flight \d+\.\d+\.\d+\n$")
         self.assertIn("--json OUT", self.flight("--help").stdout.decode())

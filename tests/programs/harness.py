@@ -2,6 +2,8 @@
 
 import fcntl
 import os
+import pathlib
+import re
 import shutil
 import subprocess
 import sys
@@ -10,6 +12,7 @@ import unittest
 
 from recording import START, Recording
 
+ROOT = pathlib.Path(__file__).resolve().parents[2]
 LIMIT = 60  # seconds; a run that takes longer hangs
 PROGRAMS = {}
 
@@ -47,6 +50,11 @@ class ProgramTest(unittest.TestCase):
 
     def top(self, *arguments):
         return self.run_program("top", *arguments)
+
+    def assert_page_of_the_manual_has_the_options(self, program):
+        said = set(re.findall(r"--([a-z]+)", self.run_program(program, "--help").stdout.decode()))
+        page = (ROOT / f"source/programs/kelto-{program}.1").read_text().replace("\\-", "-")
+        self.assertEqual(said, set(re.findall(r"--([a-z]+)", page)))
 
     def assert_prints(self, done, text):
         self.assertEqual((done.stderr.decode(), done.returncode), ("", 0))

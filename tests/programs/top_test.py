@@ -9,10 +9,11 @@ import re
 import select
 import signal
 import struct
+import subprocess
 import termios
 import time
 
-from harness import LIMIT, PROGRAMS, ProgramTest, main
+from harness import LIMIT, PROGRAMS, ROOT, ProgramTest, main
 from recording import ENDED, START, Recording
 
 SPREAD = {"count": 10, "median": 5, "p99": 1200, "p999": 80000, "longest": 301000}
@@ -165,7 +166,7 @@ class TopTest(ProgramTest):
                          run_time=dict.fromkeys(SPREAD, (1 << 64) - 1))
             slot.current = ((1 << 64) - 1, (1 << 64) - 1)
         self.assertEqual(len(self.json(self.write(recording))["workers"]), 4)
-        self.assertEqual(self.top("--once", recording_path := self.write(recording)).returncode, 0, recording_path)
+        self.assertEqual(self.top("--once", self.write(recording)).returncode, 0)
 
     def test_LeavesOutWhatHasEnded_WhileTheProcessRuns(self):
         document = self.json("--interval", "0", self.live(host()))
@@ -174,19 +175,18 @@ class TopTest(ProgramTest):
     def test_RatesAreOfTheTimeBetweenTwoReadings(self):
         recording = host()
         path = self.live(recording)
-        process = self.start_top("--once", "--json", "--interval", "2", path)
-        time.sleep(0.5)  # it has read the first time, or else finds no growth below
+        process = self.start_top("--json", "--interval", "0.5", path)
+        self.assertIsNone(json.loads(process.stdout.readline())["workers"][0]["busy"])
         net = recording.slots[0]
         net.figures = dict(net.figures, run=1990, timers=60, events=900_000, timers_usec=200_000)
         net.figures_wall += 1_000_000
         with open(path, "r+b") as file:
             file.write(recording.pack())
-        output, _ = process.communicate(timeout=LIMIT)
-        net = json.loads(output)["workers"][0]
+        while (net := json.loads(process.stdout.readline())["workers"][0])["run"] == 990:
+            self.assertIsNone(net["busy"])  # nothing new was written
         self.assertEqual((net["eventsPerSecond"], net["timersPerSecond"], net["busy"]), (1000, 10, 0.6))
 
     def start_top(self, *arguments):
-        import subprocess
         process = subprocess.Popen([PROGRAMS["top"], *arguments], env=self.environment, text=True,
                                    stdout=subprocess.PIPE)
         self.addCleanup(process.stdout.close)
@@ -248,9 +248,30 @@ class TopTest(ProgramTest):
             self.assert_complains(self.top(*arguments), sentence, status=2)
         self.assertEqual(self.top("--no-such-option").returncode, 2)
 
+    def test_PageOfTheManualHasTheOptions(self):
+        self.assert_page_of_the_manual_has_the_options("top")
+
     def test_TellsItsVersionAndHelp(self):
         self.assertRegex(self.top("--version").stdout.decode(), r"^kelto-top \d+\.\d+\.\d+\n$")
         self.assertIn("p  pending  PEND", self.top("--help").stdout.decode())
+
+    # -- docs/programs.md
+
+    @staticmethod
+    def page_rows(heading, cells):
+        """The first cells of the table with that heading."""
+        page = (ROOT / "docs/programs.md").read_text().split(f"\n| {heading} |")[1].split("\n\n")[0]
+        return [re.findall("`([^`]+)`", " ".join(row.split("|")[1:1 + cells]))
+                for row in page.splitlines()[2:]]
+
+    def test_PageHasTheColumns(self):
+        said = re.findall(r"^  (\w)  \w+ +(OF CLASS|\S+)", self.top("--help").stdout.decode(), re.M)
+        self.assertEqual(self.page_rows("Key", 2), [list(row) for row in said])
+
+    def test_PageHasTheMembersOfTheJson(self):
+        document = self.json(self.write(host()))
+        for heading, value in (("Member", document), ("Member of a worker", document["workers"][0])):
+            self.assertEqual(set(sum(self.page_rows(heading, 1), [])), set(value))
 
     # -- the terminal
 

@@ -16,5 +16,6 @@ vcpkg_cmake_configure(
 vcpkg_cmake_install()
 vcpkg_cmake_config_fixup(PACKAGE_NAME kelto_util CONFIG_PATH lib/cmake/kelto_util)
 vcpkg_fixup_pkgconfig()
+vcpkg_copy_tools(TOOL_NAMES kelto-flight kelto-top AUTO_CLEAN)
 file(REMOVE_RECURSE "${CURRENT_PACKAGES_DIR}/debug/include" "${CURRENT_PACKAGES_DIR}/debug/share")
 vcpkg_install_copyright(FILE_LIST "${SOURCE_PATH}/cmake/debian/copyright")
