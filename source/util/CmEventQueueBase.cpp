@@ -558,6 +558,10 @@ void CCmEventQueueSteps::CPass::RunWatched(ICmEvent* aEvent) {
 }
 
 // aWaited: -1 when it has not been measured.
+//
+// An event starts where the one before has ended, which may be shortly before it was posted; so its
+// post is looked for up to its end, less what the clock of posts may be late: what has been posted
+// at the same address since is another event.
 void CCmEventQueueSteps::CPass::ReportWatched(const ICmEvent* aEvent, const void* aTable,
                                               long long aStart, long long aWaited,
                                               long long aRan) const {
@@ -566,7 +570,8 @@ void CCmEventQueueSteps::CPass::ReportWatched(const ICmEvent* aEvent, const void
     char szPoster[CM_FLIGHT_NAME_SIZE] = "unknown";
     char szWaited[24] = "unknown";
     long long llPosted = 0;
-    if (CCmFlight::FindPost(aEvent, aTable, aStart, llPosted, szPoster)) {
+    const long long llLastPost = aStart + aRan - CM_PORT_COARSE_USEC;
+    if (CCmFlight::FindPost(aEvent, aTable, llLastPost, llPosted, szPoster)) {
         aWaited = aWaited >= 0 ? aWaited : std::max(aStart - llPosted, 0LL);
     }
     if (aWaited >= 0) {
