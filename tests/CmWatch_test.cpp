@@ -2,10 +2,12 @@
 
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <sys/mman.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <string>
@@ -458,6 +460,26 @@ TEST(CCmWatch, TellsTheAddressOfTheTable_WhenAClassHasNoTypeInformation) {
     std::snprintf(szTable, sizeof(szTable), "%p", const_cast<void*>(CmTableOf(pEvent)));
     worker.GetEventQueue()->PostEvent(pEvent, ICmEventQueue::EPRIORITY_NORMAL);
     EXPECT_EQ(std::string(szTable), FiguresAtRest(worker).m_szLongestClass);
+}
+
+// The table lies in memory that goes away, as that of a module that is unloaded.
+TEST(CCmWatch, KeepsTheNameOfAClass_WhenItsModuleIsGone) {
+    const ScopedWatch watch;
+    constexpr size_t WORDS = 6;  // two in front of the table, and four functions
+    void* const pMemory =
+        mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(MAP_FAILED, pMemory);
+    CCmWorker worker(Named("module"));
+    auto* const pEvent = new CSlowEvent;
+    const void* const* const pTable = static_cast<const void* const*>(CmTableOf(pEvent));
+    std::memcpy(pMemory, pTable - 2, WORDS * sizeof(void*));
+    const void* const pCopy = static_cast<const void* const*>(pMemory) + 2;
+    std::memcpy(static_cast<void*>(pEvent), &pCopy, sizeof(pCopy));
+    worker.GetEventQueue()->PostEvent(pEvent, ICmEventQueue::EPRIORITY_NORMAL);
+    FiguresAtRest(worker);
+    ASSERT_EQ(0, munmap(pMemory, 4096));
+    EXPECT_NE(std::string::npos,
+              std::string(FiguresOf(worker).m_szLongestClass).find("CSlowEvent"));
 }
 
 TEST(CCmWatch, TellsWhatRunsNow) {

@@ -35,11 +35,13 @@ uint64_t ToFigure(long long aUsec) {
 }  // namespace
 
 void CmClassText(const void* aTable, char* aText, size_t aSize) {
-    const char* const pszName = aTable != nullptr ? CmPortClassName(aTable) : "";
-    if (pszName == nullptr) {
+    char szName[CM_FLIGHT_CLASS_NAME_SIZE] = "";
+    if (aTable == nullptr) {
+        aText[0] = '\0';
+    } else if (!CCmFlight::CopyClassName(aTable, szName) || szName[0] == '\0') {
         std::snprintf(aText, aSize, "%p", const_cast<void*>(aTable));
     } else {
-        CmPortReadableClassName(pszName, aText, aSize);
+        CmPortReadableClassName(szName, aText, aSize);
     }
 }
 

@@ -49,8 +49,9 @@ inline const void* CmTableOf(const void* aObject) {
     return *static_cast<const void* const*>(aObject);
 }
 constexpr size_t CM_CLASS_TEXT_SIZE = 512;
-// The class's name as people write it, or the address of the table where it is not known; cut at
-// aSize bytes. Empty for null. Allocates.
+// The class's name as people write it, or the address of the table where it has none, or no ring of
+// records has met it; cut at aSize bytes. Empty for null. Looks at no more than the address: the
+// module that has the table may have been unloaded. Allocates.
 void CmClassText(const void* aTable, char* aText, size_t aSize);
 
 // A value that one thread at a time writes.
