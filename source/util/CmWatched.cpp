@@ -452,6 +452,7 @@ void CCmWatchedQueue::Begin(DWORD aStart, uint64_t aPending, DWORD aGhosts) {
     m_dwMost.Set(static_cast<DWORD>(aPending));
     m_dwGhosts.Set(aGhosts);
     m_dwMarked = 0;
+    m_dwPosts = 0;
     m_Probe.Forget();
     m_dwStart.Set(aStart);
 }
@@ -461,6 +462,7 @@ void CCmWatchedQueue::BeginOwn(DWORD aStart, uint64_t aOwn) {
     m_ullOwnPosted.Set(aOwn);
     m_dwOwnMost.Set(static_cast<DWORD>(aOwn));
     m_dwTaken.Set(0);
+    m_dwOwnPosts = 0;
     m_OwnProbe.Forget();
     m_dwOwnStart.Set(aStart);
 }
