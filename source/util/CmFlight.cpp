@@ -226,6 +226,7 @@ struct CCmFlight::CState {
     void EndRings() CM_REQUIRES(s_Lock.m_Lock);
     bool MapFile(const char* aDirectory, const char* aProcess, uint64_t aStartUsec)
         CM_REQUIRES(s_Lock.m_Lock);
+    void LeaveFile() CM_REQUIRES(s_Lock.m_Lock);
     void FillHeader(const char* aProcess, uint64_t aStartUsec) CM_REQUIRES(s_Lock.m_Lock);
 
     uint32_t FindSlot() const CM_REQUIRES(s_Lock.m_Lock);
@@ -431,7 +432,21 @@ CmResult CCmFlight::Open(const CCmFlightOptions& aOptions) {
     return CM_ERROR_FAILURE;
 }
 
-// Memory takes the file's place, for the threads that still record.
+// Memory takes the file's place, if there is one, for the threads that still record. As long as it
+// cannot, what is mapped is looked after. Closing gives the lock back, which a forked child has,
+// too.
+void CCmFlight::CState::LeaveFile() {
+    const bool bIsReplaced = CmPortReplaceMapping(s_pBegin.load(std::memory_order_relaxed), Size());
+    if (m_File.m_nFile < 0) {
+        return;
+    }
+    if (bIsReplaced) {
+        CmPortUnguardMapping();
+    }
+    g_cmSystem.close(m_File.m_nFile);
+    m_File.m_nFile = -1;
+}
+
 void CCmFlight::Close() {
     g_cmTraceTap.store(nullptr, std::memory_order_relaxed);
     CHold hold;
@@ -441,12 +456,7 @@ void CCmFlight::Close() {
     }
     state.m_bIsOpen = false;
     Release(Header()->m_ullEndWall, WallUsec());
-    CmPortReplaceMapping(s_pBegin.load(std::memory_order_relaxed), state.Size());
-    if (state.m_File.m_nFile >= 0) {
-        CmPortUnguardMapping();
-        g_cmSystem.close(state.m_File.m_nFile);
-        state.m_File.m_nFile = -1;
-    }
+    state.LeaveFile();
 }
 
 bool CCmFlight::IsOpen() {
@@ -642,12 +652,7 @@ void CCmFlight::CState::AfterForkInChild() {
     g_cmTraceTap.store(nullptr, std::memory_order_relaxed);
     state.m_bIsOpen = false;
     if (state.m_dwSlots != 0) {
-        CmPortReplaceMapping(s_pBegin.load(std::memory_order_relaxed), state.Size());
-    }
-    if (state.m_File.m_nFile >= 0) {
-        CmPortUnguardMapping();
-        g_cmSystem.close(state.m_File.m_nFile);  // with it the child would hold the lock
-        state.m_File.m_nFile = -1;
+        state.LeaveFile();
     }
     state.m_dwLive = 0;
     for (uint32_t i = 0; i < state.m_dwSlots; ++i) {
