@@ -118,14 +118,18 @@ uint32_t PowerOfTwo(uint32_t aNumber) {
     return dwPower;
 }
 
-// Has the system map the pages now rather than when records come to them. What is there stays.
+// Has the system map the pages now rather than when records come to them. What is there stays: the
+// caller alone writes there. aBegin, aSize: multiples of a word.
 void TouchPages(void* aBegin, uint64_t aSize) {
     constexpr uint64_t LEAST_PAGE = 4096;
-    unsigned char* const pBegin = static_cast<unsigned char*>(aBegin);
+    const auto touch = [&](uint64_t aOffset) {
+        uint64_t& ullWord = static_cast<uint64_t*>(aBegin)[aOffset / sizeof(uint64_t)];
+        Release(ullWord, __atomic_load_n(&ullWord, __ATOMIC_RELAXED));
+    };
     for (uint64_t i = 0; i < aSize; i += LEAST_PAGE) {
-        __atomic_fetch_or(pBegin + i, 0, __ATOMIC_RELAXED);
+        touch(i);
     }
-    __atomic_fetch_or(pBegin + aSize - 1, 0, __ATOMIC_RELAXED);
+    touch(aSize - sizeof(uint64_t));
 }
 
 // ---- Classes
