@@ -70,7 +70,8 @@ constexpr const char* PLAIN_NAMES[] = {
     "snprintf "
     "sscanf swprintf tmpfile ungetc ungetwc vfprintf vprintf vsnprintf",
     // files
-    "access chdir chmod dup dup2 fchmod ftruncate getcwd isatty link mkdir mkdtemp mkfifo mkstemp "
+    "access chdir chmod dup dup2 fchmod flock ftruncate getcwd isatty link mkdir mkdtemp mkfifo "
+    "mkstemp "
     "pipe "
     "readlink rename symlink truncate umask unlink rmdir",
     // time
