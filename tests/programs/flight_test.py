@@ -5,7 +5,7 @@ import os
 import re
 import xml.etree.ElementTree
 
-from harness import ProgramTest, call, main
+from harness import ROOT, ProgramTest, call, main
 from recording import CUT, ENDED, FREE, START, Recording
 
 HEAD = ("# media-host 4711, from 2026-11-22 09:30:00.000000 to 2026-11-22 09:30:01.000000, was killed; "
@@ -160,6 +160,17 @@ class FlightTest(ProgramTest):
         slot.event(START + 12, 1, 2)
         self.assertEqual([record.split(": ", 1)[1] for record in self.records(recording)[:-1]],
                          texts + ["cut off…", "y" * 16 + "z" * 24 + "…"])
+
+    def test_NamesLevelsAsTheLibraryDoes(self):
+        header = (ROOT / "include/CmT120Trace.h").read_text()
+        levels = dict(re.findall(r'^    \{(\d+), +"(\w+)",', header, re.M))
+        self.assertGreater(len(levels), 10)
+        recording = Recording()
+        slot = recording.add(1, "net")
+        for level in range(40):
+            slot.line(START + level, level, "x")
+        self.assertEqual([re.search(r"line +(\w+): x", record).group(1) for record in self.records(recording)],
+                         [levels.get(str(level), "NA") for level in range(40)])
 
     def test_LeavesOutTextWithoutItsBeginning(self):
         recording = Recording(units=16)

@@ -306,6 +306,16 @@ class TopTest(ProgramTest):
             self.assertNotIn(b"\n", terminal.output.split(b"\x1b[J")[0].split(b"\x1b[H")[1][-1:])
             terminal.kill()
 
+    def test_SaysHowManyWorkersThereIsNoRoomFor(self):
+        recording = Recording()
+        for number in range(10):
+            recording.add(number, f"w{number}").watched(posted=1)
+        path = self.live(recording)
+        for rows, last in ((11, "and 2 more"), (12, "w9"), (3, "and 10 more")):
+            terminal = Terminal(self, 80, rows, path, "--sort", "name")
+            self.assertEqual(terminal.show()[-1][:len(last)], last)
+            terminal.kill()
+
     def test_FollowsTheTerminalsSize(self):
         terminal = Terminal(self, 80, 10, self.live(host()), "--interval", "3600")
         terminal.show()
