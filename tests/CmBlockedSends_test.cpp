@@ -102,10 +102,10 @@ TEST(CmBlockedSends, SaysTheNames_WhenTwoWorkersSendToEachOther) {
 TEST(CmBlockedSends, SaysTheNames_WhenThreeWorkersCallEachOther) {
     const Switched on;
     ScopedTraceSink sink;
+    Gate runs[3];
     CCmWorker workers[3] = {CCmWorker(CCmWorkerOptions().Name("first")),
                             CCmWorker(CCmWorkerOptions().Name("second")),
                             CCmWorker(CCmWorkerOptions().Name("third"))};
-    Gate runs[3];
     for (int i = 0; i < 3; ++i) {
         CmPost(workers[i], [&, i] {
             runs[i].Open();
@@ -126,9 +126,9 @@ TEST(CmBlockedSends, SaysTheNames_WhenThreeWorkersCallEachOther) {
 TEST(CmBlockedSends, SaysTheNames_WhenACallIsCancelledThatSends) {
     const Switched on;
     ScopedTraceSink sink;
-    Pair pair;
     CCmTimerHandle call;
     Gate isPosted;
+    Pair pair;
     call = CmPostDelayed(pair.m_left, CCmTimeValue(), [&] {
         pair.m_leftRuns.Open();
         EXPECT_TRUE(isPosted.Wait());
@@ -153,7 +153,6 @@ TEST(CmBlockedSends, SaysTheNames_WhenAWorkerIsJoinedThatSends) {
     const Switched on;
     ScopedTraceSink sink;
     Pair pair;
-    Gate hasSent;
     pair.Run([&] { CmCall(pair.m_right, [] {}); },
              [&] {
                  EXPECT_TRUE(Eventually(
@@ -175,8 +174,8 @@ TEST(CmBlockedSends, SaysTheNames_WhenAWorkerIsJoinedThatSends) {
 TEST(CmBlockedSends, SaysTheNames_WhenAGuardEndsWhoseCallableSends) {
     const Switched on;
     ScopedTraceSink sink;
-    Pair pair;
     CCmLifeGuard guard;
+    Pair pair;
     pair.Run(guard.Wrap([&] { CmCall(pair.m_right, [] {}); }), [&] {
         EXPECT_TRUE(
             Eventually([&] { return pair.m_right.GetEventQueue()->GetPendingEventsCount() > 0; }));
@@ -251,8 +250,8 @@ TEST(CmBlockedSends, CutsTheNames_WhenThereIsNoRoomForAll) {
     const Switched on;
     ScopedTraceSink sink;
     constexpr int COUNT = 80;
-    std::vector<std::unique_ptr<CCmWorker>> workers;
     std::vector<Gate> runs(COUNT);
+    std::vector<std::unique_ptr<CCmWorker>> workers;
     for (int i = 0; i < COUNT; ++i) {
         const std::string strName = "thread-name-" + std::to_string(100 + i);
         workers.emplace_back(new CCmWorker(CCmWorkerOptions().Name(strName.c_str())));
