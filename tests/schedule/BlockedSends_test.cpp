@@ -214,7 +214,9 @@ TEST(ScheduledCircle, IsThereInSomeSchedulesAndNotInOthers_WhenTwoThreadsSend) {
 }
 
 TEST(ScheduledCircle, IsNotSaid_WhenAThreadSendsBackAfterwards) {
-    Explore([] {
+    CSettings settings;
+    settings.m_ulSchedules = 100000;
+    const auto scenario = [] {
         const CWatching watching;
         ACmThread& first = MakeWorker();
         ACmThread& second = MakeWorker();
@@ -229,11 +231,13 @@ TEST(ScheduledCircle, IsNotSaid_WhenAThreadSendsBackAfterwards) {
         SCHEDULE_EXPECT(s_nSaid == 0 && FateOf(3).m_nFired == 1);
         EndWorker(first);
         EndWorker(second);
-    });
+    };
+    Explore(scenario, settings);
 }
 
 TEST(ScheduledCircle, IsNotSaid_WhenSendsAreNested) {
     CSettings settings;
+    settings.m_ulSchedules = 300000;
     settings.m_nPreemptions = 1;
     Explore(
         [] {
