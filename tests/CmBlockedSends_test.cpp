@@ -6,6 +6,8 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 
+#include <atomic>
+#include <chrono>
 #include <memory>
 #include <string>
 #include <thread>
@@ -13,6 +15,7 @@
 
 #include "CmLifeGuard.h"
 #include "CmWorker.h"
+#include "support/Cancellation.h"
 #include "support/Eventually.h"
 #include "support/Faults.h"
 #include "support/Gate.h"
@@ -269,6 +272,81 @@ TEST(CmBlockedSends, CutsTheNames_WhenThereIsNoRoomForAll) {
     EXPECT_EQ(" -> ...", strNames.substr(strNames.size() - 7));
     EXPECT_EQ(0U, strNames.find("thread-name-1"));
     EndPending(*workers[0]);
+}
+
+// Whether a wait of this thread for the one with that number would close a circle.
+bool WaitsForThisThread(uint64_t aThread) {
+    CCmBlockedSend probe;
+    char szNames[CCmBlockedSend::NAMES_SIZE];
+    return probe.Enter(
+        aThread, [](const void*) { return true; }, nullptr, szNames);
+}
+
+void CancelASender() {
+    const Switched on;
+    ScopedTraceSink sink;
+    CCmEventQueueUsingMutex queue;
+    queue.BindToCurrentThread();
+    ACmThread* pSender = nullptr;
+    ASSERT_EQ(CM_OK, CreateUserTaskThread(&pSender, TF_JOINABLE, false, 1));
+    std::atomic<uint64_t> ullSender{0};
+    CmPost(*pSender, [&] {
+        ullSender = CmNumberOfThisThread();
+        queue.SendEvent(CmMakeEvent([] {}));
+    });
+    EXPECT_TRUE(Eventually([&] { return ullSender != 0 && WaitsForThisThread(ullSender.load()); }));
+    EXPECT_EQ(0, pSender->Terminate());
+    EXPECT_EQ(CM_OK, pSender->Join());
+    EXPECT_EQ(0U, sink.count(CIRCLE));
+    EXPECT_FALSE(WaitsForThisThread(ullSender));
+    pSender->Destory(CM_OK);
+    queue.DestoryPendingEvents();
+}
+
+TEST(CmBlockedSends, LeavesTheList_WhenItsSenderIsCancelled) {
+    CancelASender();
+}
+
+TEST(CmBlockedSends, LeavesTheList_WhenItsSenderIsCancelledWithoutDestructors) {
+    const kelto_test::ScopedHandlersOnly handlersOnly;
+    CancelASender();
+}
+
+TEST(CmBlockedSends, LeavesTheList_WhenItsWaitFails) {
+    const Switched on;
+    ScopedTraceSink sink;
+    CCmEventQueueUsingMutex queue;
+    queue.BindToCurrentThread();
+    std::atomic<uint64_t> ullSender{0};
+    const kelto_test::FailingCall<&CCmSystemTable::pthread_cond_wait> fault(EINVAL, EINVAL);
+    std::thread([&] {
+        ullSender = CmNumberOfThisThread();
+        EXPECT_EQ(CM_ERROR_FAILURE, queue.SendEvent(CmMakeEvent([] {})));
+    }).join();
+    EXPECT_FALSE(WaitsForThisThread(ullSender));
+    queue.DestoryPendingEvents();
+}
+
+TEST(CmBlockedSends, GuardEndsAfterItsCallable_WhenItIsWatchedAndItsWaitFails) {
+    const Switched on;
+    ScopedTraceSink sink;
+    CCmLifeGuard guard;
+    Gate runs;
+    std::atomic<bool> bDone{false};
+    std::thread other(guard.Wrap([&] {
+        runs.Open();
+        EXPECT_TRUE(Eventually([&] { return guard.Result() == CM_ERROR_NOT_INITIALIZED; }));
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        bDone = true;
+    }));
+    EXPECT_TRUE(runs.Wait());
+    {
+        const kelto_test::FailingCall<&CCmSystemTable::pthread_cond_wait> fault(
+            EINVAL, EINVAL, 1, kelto_test::Failing::FROM_THERE_ON);
+        guard.End();
+        EXPECT_TRUE(bDone);
+    }
+    other.join();
 }
 
 TEST(CmBlockedSends, Sends_WhenItsListCannotBeLocked) {

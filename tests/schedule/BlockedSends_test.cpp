@@ -323,6 +323,20 @@ TEST(ScheduledCircle, IsSaid_WhenAThreadJoinsAWorkerThatSendsToIt) {
     });
 }
 
+TEST(ScheduledCircle, IsNotSaid_WhenTheWorkerThatIsJoinedHasBeenTerminated) {
+    Explore([] {
+        const CWatching watching;
+        CCmEventQueueUsingMutex queue;
+        queue.BindToCurrentThread();
+        ACmThread& worker = MakeWorker();
+        QueueOf(worker).PostEvent(Sending(0, queue, 1), NORMAL);
+        worker.Terminate();
+        SCHEDULE_EXPECT(worker.Join() == CM_OK);
+        SCHEDULE_EXPECT(s_nSaid == 0);
+        worker.Destory(CM_OK);
+    });
+}
+
 TEST(ScheduledCircle, IsSaidWhereThereIsOne_WhenACallIsCancelledThatSends) {
     Explore([] {
         const CWatching watching;
