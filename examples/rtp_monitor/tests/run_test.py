@@ -469,7 +469,8 @@ class RtpMonitor(harness.MonitorTest):
         done = self.run_monitor("--help")
         self.assertEqual((done.stderr, done.returncode), ("", 0))
         for word in ("--fast", "--json", "--workers N", "--interval MS", "--clock TYPE=HZ[/NAME]",
-                     "--level LEVEL", "--trace FILE", "--home DIR", "Ctrl-C", "Exit code: 0; or 2"):
+                     "--level LEVEL", "--trace FILE", "--watch", "--home DIR", "Ctrl-C",
+                     "Exit code: 0; or 2"):
             self.assertIn(word, done.stdout)
         self.assertLessEqual(max(map(len, done.stdout.splitlines())), 100)
 

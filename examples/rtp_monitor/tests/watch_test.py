@@ -1,0 +1,184 @@
+#!/usr/bin/env python3
+"""Looks into the monitor with kelto-top and kelto-flight, and does what the README tells about a
+slow handler.
+
+    watch_test.py path/to/rtp_monitor path/to/rtp_monitor_slow directory/of/kelto-top test_Name
+"""
+
+import datetime
+import json
+import os
+import re
+import shlex
+import signal
+import subprocess
+import sys
+import time
+
+import harness
+from harness import LIMIT
+
+TESTS = os.path.dirname(os.path.abspath(__file__))
+README = os.path.join(TESTS, "..", "README.md")
+CALL = os.path.join(TESTS, "..", "data", "call.pcap")
+CASE = "## A slow handler, found in three steps"
+WORKERS = {"streams 1", "streams 2", "tables"}  # as the monitor names them
+SLOW_USEC = 120000  # what tests/slow_handler.cpp sleeps, at least
+BATCH = "rtp_monitor::CStreamWorker::Post("  # within the name of an event's class
+SLOW = ""
+PROGRAMS = ""
+
+
+class Watch(harness.MonitorTest):
+    def setUp(self):
+        super().setUp()
+        self.environment["XDG_RUNTIME_DIR"] = self.home
+        self.directory = os.path.join(self.home, "kelto")
+
+    def program(self, name, *arguments):
+        return subprocess.run([os.path.join(PROGRAMS, name), *arguments], env=self.environment,
+                              text=True, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                              timeout=LIMIT)
+
+    def printed(self, name, *arguments):
+        done = self.program(name, *arguments)
+        self.assertEqual((done.stderr, done.returncode), ("", 0), [name, *arguments])
+        return done.stdout
+
+    def recording(self):
+        files = os.listdir(self.directory)
+        self.assertEqual(len(files), 1, files)
+        return os.path.join(self.directory, files[0])
+
+    def rows_of(self, process):
+        """The rows of kelto-top by name."""
+        done = self.program("kelto-top", str(process.pid), "--once", "--json", "--interval", "0")
+        self.assertEqual((done.stderr, done.returncode), ("", 0))
+        return {row["name"]: row for row in json.loads(done.stdout)["workers"]}
+
+    def wait_for_rows(self, process, condition):
+        """Figures are written some time after what they count."""
+        deadline = time.monotonic() + LIMIT
+        while not condition(rows := self.rows_of(process)):
+            self.assertLess(time.monotonic(), deadline, rows)
+            time.sleep(0.05)
+        return rows
+
+    def start_watched(self):
+        process = self.start("--watch", CALL)
+        self.wait_for_trace("rtp_monitor: reading from")
+        return process
+
+    def kill(self, process):
+        process.kill()
+        process.communicate(timeout=LIMIT)
+        self.assertEqual(process.returncode, -signal.SIGKILL)
+
+    def test_ShowsTheWorkersByTheirNames_WhileItIsWatched(self):
+        process = self.start_watched()
+        rows = self.wait_for_rows(process, lambda rows: WORKERS <= rows.keys() and all(
+            rows[name]["run"] > 0 for name in ("streams 1", "streams 2")))
+        for name in ("streams 1", "streams 2"):
+            self.assertGreaterEqual(rows[name]["posted"], rows[name]["run"])
+            self.assertTrue(rows[name]["longestClass"])
+        self.wait_for_rows(process, lambda rows: rows["tables"]["timers"] > 0)
+
+    def test_LeavesARecording_WhenItIsKilled(self):
+        process = self.start_watched()
+        self.wait_for_rows(process, lambda rows: rows.get("streams 1", {"run": 0})["run"] > 0)
+        self.kill(process)
+        text = self.printed("kelto-flight")
+        self.assertRegex(text, r"\A# rtp_monitor \d+, from .*, was killed; ")
+        self.assertRegex(text, r"  streams 1 +event +class=\"[^\"]*" + re.escape(BATCH) +
+                         r".* postedBy=\"receiver\"")
+        self.assertRegex(text, rf" line +Info: rtp_monitor: reading from {re.escape(CALL)}\n")
+        self.assertEqual(text, self.printed("kelto-flight", self.recording()))
+        names = re.findall(r"^(\S.*?) +number=", self.printed("kelto-flight", "--threads"), re.M)
+        self.assertLessEqual(WORKERS | {"receiver"}, set(names))
+
+    def test_EndsItsRecordingInOrder(self):
+        done = self.run_monitor("--fast", "--watch", CALL)
+        self.assertEqual((done.stderr, done.returncode), ("", 0))
+        self.assertIn(f"\nThe recording is in {self.recording()}\n", done.stdout)
+        self.assertIn(", ended in order; ", self.printed("kelto-flight"))
+
+    def test_SaysThatThereIsNoRecording_WhenTheDirectoryIsOpenToOthers(self):
+        os.mkdir(self.directory)
+        os.chmod(self.directory, 0o755)
+        done = self.run_monitor("--fast", "--json", "--watch", CALL)
+        self.assertEqual(done.stderr, "rtp_monitor: no recording can be kept, the trace lines tell "
+                                      "why.\n")
+        self.assertEqual((json.loads(done.stdout)["rtp"], done.returncode), (1306, 0))
+        self.assertIn("CCmFlight::Open, no file, ", self.trace_text())
+        self.assertEqual(os.listdir(self.directory), [])
+
+    def test_KeepsNoRecording_WithoutWatch(self):
+        done = self.run_monitor("--fast", CALL)
+        self.assertEqual((done.stderr, done.returncode), ("", 0))
+        self.assertNotIn("recording", done.stdout)
+        self.assertFalse(os.path.exists(self.directory))
+
+    def test_KeepsARecording_WhenTheConfigurationSaysSo(self):
+        os.mkdir(os.path.join(self.home, "conf"))
+        with open(os.path.join(self.home, "conf", "kelto.cfg"), "w") as file:
+            file.write("[Watch]\nEnable = 1\n")
+        done = self.run_monitor("--fast", CALL)
+        self.assertEqual((done.stderr, done.returncode), ("", 0))
+        self.assertIn(f"\nThe recording is in {self.recording()}\n", done.stdout)
+
+    # The worked case. Its commands are those of the README, and so is what it looks for.
+
+    def commands(self):
+        with open(README) as file:
+            case = file.read().split(f"\n{CASE}\n")[1].split("\n## ")[0]
+        return [shlex.split(line) for line in re.findall(r"^    \$ (.*)$", case, re.M)]
+
+    def test_FindsTheSlowHandler_AfterThreeSteps(self):
+        start, top, grep, flight = self.commands()
+        self.assertEqual(start, ["rtp_monitor_slow", "--watch", "--trace", "slow.log", "call.pcap"])
+        log = os.path.join(self.home, "slow.log")
+        process = self.start("--watch", "--trace", log, CALL, monitor=SLOW)
+        self.wait_for_trace("rtp_monitor: reading from", log)
+        self.wait_for_rows(process, lambda rows: any(
+            row["runUsec"]["longest"] >= SLOW_USEC for row in rows.values()))
+
+        # Which worker, and how long.
+        self.assertEqual(top, ["kelto-top", "--once", "--sort", "longest", "rtp_monitor_slow"])
+        lines = self.printed(*top).splitlines()
+        self.assertRegex(lines[0], r"\Artp_monitor_slow \d+, ")
+        self.assertRegex(lines[2], r"\Astreams [12] ")
+        culprit = lines[2][:len("streams 1")]
+        row = self.rows_of(process)[culprit]
+        self.assertGreaterEqual(row["runUsec"]["longest"], SLOW_USEC)
+        self.assertIn(BATCH, row["longestClass"])
+
+        # Which event, and who posted it.
+        self.assertEqual((grep[0], grep[2]), ("grep", "slow.log"))
+        found = subprocess.run([*grep[:2], log], text=True, stdout=subprocess.PIPE).stdout
+        slow = re.findall(r"^(\S+ [\d:.]+) .*, class=(.*) postedBy=(.*) waitedUsec=\w+ "
+                          r"ranUsec=(\d+) pending=\d+ ", found, re.M)
+        self.assertTrue(slow, found)
+        for _, name, poster, ran in slow:
+            self.assertIn(BATCH, name)
+            self.assertEqual(poster, "receiver")
+            self.assertGreaterEqual(int(ran), SLOW_USEC)
+
+        # What ran before and after it, when all is over.
+        self.kill(process)
+        self.assertEqual(flight[:6] + flight[7:8], ["kelto-flight", "--thread", "streams 1",
+                                                    "--kind", "event", "--from", "--to"])
+        end = datetime.datetime.fromisoformat(slow[0][0])  # of the event: its line comes then
+        flight[2], flight[6] = culprit, str(end - datetime.timedelta(seconds=1))
+        flight[8] = str(end + datetime.timedelta(seconds=1))
+        events = self.printed(*flight).splitlines()[1:]
+        for line in events:
+            self.assertRegex(line, rf"  {culprit} +event +class=\".*\" ranUsec=\d+ ")
+        ran = [int(re.search(r" ranUsec=(\d+)", line).group(1)) for line in events]
+        self.assertGreaterEqual(max(ran), SLOW_USEC)
+        self.assertIn(BATCH, events[ran.index(max(ran))])
+        self.assertIn(' postedBy="receiver" ', events[ran.index(max(ran))])
+
+
+if __name__ == "__main__":
+    SLOW, PROGRAMS = (os.path.abspath(sys.argv.pop(2)) for _ in range(2))
+    harness.run(Watch)
