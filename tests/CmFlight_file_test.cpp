@@ -3,9 +3,11 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/file.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -13,6 +15,7 @@
 #include <algorithm>
 #include <atomic>
 #include <csetjmp>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <set>
@@ -215,6 +218,31 @@ TEST(CmFlightFile, IsNotMade_WhenAskedForMemoryOnly) {
     EXPECT_TRUE(sink.lines().empty());
 }
 
+TEST(CmFlightFile, TellsTheExitOfAProgramFromOneThatIsKilled) {
+    const ScopedDirectory directory;
+    const auto endOf = [&](void (*aEnd)()) {
+        const pid_t process = fork();
+        if (process == 0) {
+            if (CCmFlight::Open(Options(directory.path().c_str())) == CM_OK) {
+                aEnd();
+            }
+            EndProcess(1);
+        }
+        int nStatus = 0;
+        waitpid(process, &nStatus, 0);
+        const std::vector<std::string> names = directory.names();
+        EXPECT_EQ(1u, names.size());
+        const std::string sPath = directory.path() + "/" + names.at(0);
+        const FlightFile file(sPath);
+        EXPECT_TRUE(file.isValid);
+        std::filesystem::remove(sPath);
+        return file.endWall;
+    };
+    EXPECT_NE(0u, endOf([] { std::exit(0); }));
+    EXPECT_EQ(0u, endOf([] { raise(SIGKILL); }));
+    EXPECT_EQ(0u, endOf([] { std::abort(); }));
+}
+
 TEST(CmFlightFile, IsMadeOnce_WhenOpenedTwice) {
     const ScopedFlight flight;
     EXPECT_EQ(CM_ERROR_ALREADY_INITIALIZED,
@@ -316,6 +344,20 @@ TEST(CmFlightFile, GivesWayToMemory_WhenACallFails) {
     ExpectNoFile("openat", EACCES, Fault<&T::openat>(EACCES, -1), 2);
     ExpectNoFile("posix_fallocate", ENOSPC, Returned<&T::posix_fallocate>(ENOSPC), 1);
     ExpectNoFile("mmap", ENODEV, Fault<&T::mmap, void*>(ENODEV, MAP_FAILED), 1);
+}
+
+// Beyond the limit the system sends a signal that ends the process.
+TEST(CmFlightFile, GivesWayToMemory_WhenTheProcessMayNotHaveFilesOfItsSize) {
+    const ScopedDirectory directory;
+    EXPECT_EQ(0, StatusOfChild([&] {
+                  const rlimit limit = {4096, 4096};
+                  ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &limit));
+                  const ScopedTraceSink sink;
+                  EXPECT_EQ("", PathOf(Options(directory.path().c_str()), CM_ERROR_FAILURE));
+                  EXPECT_EQ(1u,
+                            sink.count("posix_fallocate() failed! err=" + std::to_string(EFBIG)));
+              }));
+    EXPECT_TRUE(directory.names().empty());
 }
 
 TEST(CmFlightFile, IsMade_WhateverFailsOfOldOnes) {
@@ -449,6 +491,51 @@ TEST(CmFlightFile, IsCutOnce_WhenThreadsRecordAllTheTime) {
     for (std::thread& thread : threads) {
         thread.join();
     }
+}
+
+// A second replacement would take away what has been recorded since the first.
+std::atomic<int> s_nReplacements{0};
+std::atomic<bool> s_bOtherComes{false};
+decltype(g_cmSystem.mmap) s_pfnMmap = nullptr;
+
+void* MapWhileTheOtherComes(void* aAddress, size_t aSize, int aProtection, int aFlags, int aFile,
+                            off_t aOffset) {
+    if (++s_nReplacements == 1) {
+        while (!s_bOtherComes) {
+            sched_yield();
+        }
+        usleep(20000);  // in which it faults as well
+    }
+    return s_pfnMmap(aAddress, aSize, aProtection, aFlags, aFile, aOffset);
+}
+
+TEST(CmFlightFile, IsReplacedOnce_WhenTwoThreadsFindItCut) {
+    const ScopedFlight flight;
+    CCmFlightRing* const pRing = CCmFlight::AttachThisThread("first");
+    std::atomic<bool> bCut{false};
+    std::atomic<bool> bReady{false};
+    std::thread other([&] {
+        CCmFlightRing* const pOther = CCmFlight::AttachThisThread("second");
+        bReady = true;
+        while (!bCut || s_nReplacements == 0) {
+            sched_yield();
+        }
+        s_bOtherComes = true;
+        pOther->Post(1, nullptr, pOther, nullptr);
+    });
+    while (!bReady) {
+        sched_yield();
+    }
+    s_pfnMmap = g_cmSystem.mmap;
+    const kelto_test::ScopedEntry<decltype(g_cmSystem.mmap)> entry(g_cmSystem.mmap,
+                                                                   &MapWhileTheOtherComes);
+    ASSERT_EQ(0, truncate(flight.path().c_str(), 0));
+    bCut = true;
+    pRing->Post(1, nullptr, pRing, nullptr);
+    other.join();
+    EXPECT_EQ(1, s_nReplacements);
+    long long llUsec = 0;
+    EXPECT_TRUE(pRing->FindPost(pRing, 1, llUsec));
 }
 
 // ---- Other bus errors

@@ -467,6 +467,23 @@ TEST(CmFlight, NamesThePoster_WhenItHasEndedAndAnotherHasItsRing) {
     EXPECT_STREQ("b", szPoster) << "the youngest of all threads";
     EXPECT_EQ(8, llUsec);
     EXPECT_FALSE(find(0x3000, pTable, 100));
+    // Its post is there still, its name is not.
+    post("overwritten", 0x4000, 30);
+    std::thread([&] {
+        CCmFlightRing* const pRing = CCmFlight::AttachThisThread("overwrites");
+        const uint64_t ullHas = flight.ReadThread("overwrites").records.size();
+        EXPECT_LT(3u, ullHas);
+        long long llThere = 0;
+        while (pRing->FindPost(Address(0x4000), 100, llThere)) {
+            ASSERT_TRUE(find(0x4000, pTable, 100));
+            if (*szPoster == '\0') {
+                return;
+            }
+            EXPECT_STREQ("overwritten", szPoster);
+            pRing->HighWater(40, 0, nullptr);
+        }
+        ADD_FAILURE() << "the name was there for as long as the post";
+    }).join();
 }
 
 // What is found is one that was posted, whatever the poster overwrites meanwhile.

@@ -1126,10 +1126,11 @@ class CCmEventQueueUsingConditionVariable::CConditionQueueState {
     template <class WaitType>
     CmResult PopOrWait(std::list<ICmEvent*>& aEvents, DWORD aMaxCount, WaitType aWait) {
         CCmEventQueueSteps::CLoop* const pLoop = CCmEventQueueSteps::LoopOfThisThread(m_Queue);
-        if (CmWatchIsOn()) {
+        const bool bIsWatched = CmWatchIsOn();
+        if (CM_UNLIKELY(bIsWatched)) {
             CCmEventQueueSteps::NoteConsumer(m_Queue);
         }
-        if (pLoop != nullptr && pLoop->TakeOwn(aEvents, aMaxCount)) {
+        if (pLoop != nullptr && pLoop->TakeOwn(aEvents, aMaxCount, bIsWatched)) {
             return CM_OK;
         }
         CCmScopedLockT<CCmMutexThread> lock(m_Queue.m_Mutex);
@@ -1516,11 +1517,13 @@ void CCmEventQueueSteps::CLoop::NoteOwnPost(const ICmEvent* aEvent) {
 }
 
 // Takes at most aMaxCount events, without the lock, if they can only be the loop's own.
-bool CCmEventQueueSteps::CLoop::TakeOwn(std::list<ICmEvent*>& aEvents, DWORD aMaxCount) {
+// aIsWatched: what this thread has just seen.
+bool CCmEventQueueSteps::CLoop::TakeOwn(std::list<ICmEvent*>& aEvents, DWORD aMaxCount,
+                                        bool aIsWatched) {
     if (m_Own.empty() || m_Queue.m_dwSize.load(std::memory_order_relaxed) != 0 || HasDiscards()) {
         return false;
     }
-    if (CmWatchIsOn()) {
+    if (CM_UNLIKELY(aIsWatched)) {
         if (CCmWatchedQueue* const pWatched = WatchedOwn(m_Queue)) {
             pWatched->NoteTaken(std::min<size_t>(m_Own.size(), aMaxCount));
         }

@@ -114,7 +114,7 @@ class CCmEventQueueSteps::CLoop {
     void NoteWatch();
     bool PostOwn(ICmEvent* aEvent, std::list<ICmEvent*>& aNodes);
     size_t CountOfNodes() const { return m_nNodes; }
-    bool TakeOwn(std::list<ICmEvent*>& aEvents, DWORD aMaxCount);
+    bool TakeOwn(std::list<ICmEvent*>& aEvents, DWORD aMaxCount, bool aIsWatched);
     void GiveOwn();
     bool HasDiscards() const;
     bool HasToEndSome() const { return !m_Discarded.empty(); }

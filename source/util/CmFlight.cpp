@@ -121,7 +121,7 @@ uint32_t PowerOfTwo(uint32_t aNumber) {
 // ---- Classes
 
 void StoreClass(CCmFlightClass& aPlace, const CCmFlightClass& aClass) {
-    Release(aPlace.m_ullTable, aClass.m_ullTable);
+    Release(aPlace.m_ullTable, __atomic_load_n(&aClass.m_ullTable, __ATOMIC_RELAXED));
     Release(aPlace.m_dwState, uint32_t{CCmFlightClass::BEING_WRITTEN});
     ReleaseWords(aPlace.m_szName, aClass.m_szName, sizeof(aClass.m_szName));
     Release(aPlace.m_dwState, uint32_t{CCmFlightClass::COMPLETE});
@@ -230,6 +230,10 @@ struct CCmFlight::CState {
         return CmFlightFileSize(m_dwSlots, m_dwUnits);
     }
 
+    struct CAtExit {
+        ~CAtExit() { MarkEnd(); }
+    };
+    static void MarkEnd();
     static void BeforeFork() CM_NO_THREAD_SAFETY_ANALYSIS;
     static void AfterForkInParent() CM_NO_THREAD_SAFETY_ANALYSIS;
     static void AfterForkInChild() CM_NO_THREAD_SAFETY_ANALYSIS;
@@ -354,6 +358,14 @@ void CCmFlight::CState::FillHeader(uint64_t aStartUsec) {
     ReleaseWords(header.m_achMagic, CM_FLIGHT_MAGIC, sizeof(CM_FLIGHT_MAGIC));
 }
 
+// A process that ends in order does so whether or not it has closed the recorder.
+void CCmFlight::CState::MarkEnd() {
+    CHold hold;
+    if (s_State.m_bIsOpen) {
+        Release(Header()->m_ullEndWall, WallUsec());
+    }
+}
+
 CmResult CCmFlight::Open(const CCmFlightOptions& aOptions) {
     CCmFlightFile file;
     {
@@ -387,6 +399,7 @@ CmResult CCmFlight::Open(const CCmFlightOptions& aOptions) {
         CopyClasses();
         state.FillHeader(ullStart);
         state.m_bIsOpen = true;
+        static const CState::CAtExit s_atExit;
     }
     if (aOptions.m_bLines) {
         g_cmTraceTap.store(&TakeLine, std::memory_order_relaxed);
@@ -751,10 +764,14 @@ bool CCmFlight::FindPost(const void* aEvent, const void* aTable, long long aNotA
         return false;
     }
     const COwner& owner = state.OwnerOf(*pFound);
+    char szName[CM_FLIGHT_NAME_SIZE];
     if (ullFound >= owner.m_ullFirst) {
-        std::memcpy(aPoster, owner.m_szName, sizeof(aPoster));
+        std::memcpy(szName, owner.m_szName, sizeof(szName));
     } else {
-        pFound->FindName(ullFound, aPoster);
+        pFound->FindName(ullFound, szName);
+    }
+    if (szName[0] != '\0') {
+        std::memcpy(aPoster, szName, sizeof(aPoster));
     }
     return true;
 }

@@ -93,7 +93,8 @@ class CCmFlight {
     // CM_ERROR_OUT_OF_MEMORY: there is nothing; CM_ERROR_ALREADY_INITIALIZED: it is open. Sizes
     // other than those of an earlier Open count only when no thread is attached.
     static CmResult Open(const CCmFlightOptions& aOptions);
-    // Ends the file. The rings stay valid: what their threads still record reaches nobody.
+    // Ends the file, as the program's exit does. The rings stay valid: what their threads still
+    // record reaches nobody.
     static void Close();
     static bool IsOpen();
     // The file's path; empty when there is none. False, and empty: it does not fit.
@@ -110,7 +111,8 @@ class CCmFlight {
     static void Detach(CCmFlightRing* aRing);
 
     // The youngest post of aEvent, whose class has aTable, in all rings, as in
-    // CCmFlightRing::FindPost, and the name of the thread that posted.
+    // CCmFlightRing::FindPost, and the name of the thread that posted; aPoster stays as it is when
+    // that has been overwritten.
     static bool FindPost(const void* aEvent, const void* aTable, long long aNotAfterUsec,
                          long long& aUsec, char (&aPoster)[CM_FLIGHT_NAME_SIZE]);
 

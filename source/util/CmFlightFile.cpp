@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -197,13 +198,21 @@ void CopyName(const char* aName, char (&aCopy)[CM_FLIGHT_NAME_SIZE]) {
     }
 }
 
+// For a file beyond the process's limit the system sends a signal that may end it.
+int Allocate(int aFile, uint64_t aSize) {
+    rlimit limit = {};
+    getrlimit(RLIMIT_FSIZE, &limit);
+    return limit.rlim_cur < aSize ? EFBIG
+                                  : g_cmSystem.posix_fallocate(aFile, 0, static_cast<off_t>(aSize));
+}
+
 bool MakeFile(int aDirectory, const char* aName, uint64_t aSize, CCmFlightFile& aFile) {
     CDescriptor file(g_cmSystem.openat(
         aDirectory, aName, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, FILE_MODE));
     if (file.Get() < 0) {
         return HasFailed(aFile, "openat", errno);
     }
-    const int rv = g_cmSystem.posix_fallocate(file.Get(), 0, static_cast<off_t>(aSize));
+    const int rv = Allocate(file.Get(), aSize);
     if (rv != 0) {
         g_cmSystem.unlinkat(aDirectory, aName, 0);
         return HasFailed(aFile, "posix_fallocate", rv);

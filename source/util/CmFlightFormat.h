@@ -55,8 +55,8 @@ struct CCmFlightHeader {
     uint64_t m_ullStartMonotonic;
     uint64_t m_ullTickWall;  // when figures were last written, by both clocks; 0: never
     uint64_t m_ullTickMonotonic;
-    uint64_t m_ullEndWall;         // when it was closed; 0: it is open, or its process died
-    uint64_t m_ullLostClasses;     // times that the class table had no place for a class
+    uint64_t m_ullEndWall;      // when it was closed, or the program exited; 0: not yet, or killed
+    uint64_t m_ullLostClasses;  // times that the class table had no place for a class
     uint64_t m_ullUnslottedCount;  // times that no slot was free for a thread
 };
 static_assert(sizeof(CCmFlightHeader) == 184);
