@@ -13,6 +13,7 @@
 #include "CmEventQueueSteps.h"
 #include "CmFlight.h"
 #include "CmListNode.h"
+#include "CmNsec.h"
 #include "CmPrivateState.h"
 #include "CmScopedLock.h"
 #include "CmSystem.h"
@@ -1375,18 +1376,15 @@ void CCmEventQueueSteps::CLoop::RunEvents(CCmTimeValue* aTimeout, DWORD aMaxCoun
     }
 }
 
-void CCmEventQueueSteps::CLoop::RunEventsUntil(const long long* aDeadlineNsec, DWORD aMaxCount,
+void CCmEventQueueSteps::CLoop::RunEventsUntil(long long aDeadlineNsec, DWORD aMaxCount,
                                                const CmStd::atomic<bool>& aStop) {
     EndDiscarded();
-    if (m_nOwnCore != -1 && aDeadlineNsec == nullptr) {
+    if (m_nOwnCore != -1 && aDeadlineNsec == CM_NEVER_NSEC) {
         AwaitSender();
     }
-    long long llTend = 0;
     if (CM_UNLIKELY(TendMemory())) {
-        llTend = CmLaterNsec(CmMonotonicNsec(), CCmTimeValue(CCmBlockPool::TEND_SEC));
-        if (aDeadlineNsec == nullptr || *aDeadlineNsec > llTend) {
-            aDeadlineNsec = &llTend;
-        }
+        aDeadlineNsec = std::min(
+            aDeadlineNsec, CmLaterNsec(CmMonotonicNsec(), CCmTimeValue(CCmBlockPool::TEND_SEC)));
     }
     std::list<ICmEvent*> events;
     if (CM_SUCCEEDED(PopOrWaitUntil(events, aDeadlineNsec, aMaxCount))) {
@@ -1438,16 +1436,15 @@ void CCmEventQueueSteps::CLoop::NoteSend(int aSenderCore) {
 }
 
 CmResult CCmEventQueueSteps::CLoop::PopOrWaitUntil(std::list<ICmEvent*>& aEvents,
-                                                   const long long* aDeadlineNsec,
-                                                   DWORD aMaxCount) {
-    if (aDeadlineNsec == nullptr) {
+                                                   long long aDeadlineNsec, DWORD aMaxCount) {
+    if (aDeadlineNsec == CM_NEVER_NSEC) {
         return m_Queue.PopOrWaitPendingEvents(aEvents, nullptr, aMaxCount);
     }
     int nError = 0;
     const CmResult rv = CCmPrivateRoom::Of(m_Queue.m_Private).PopOrWait(aEvents, aMaxCount, [&] {
-        nError = CCmConditionSteps::WaitUntilCall(m_Queue.m_Condition, *aDeadlineNsec);
+        nError = CCmConditionSteps::WaitUntilCall(m_Queue.m_Condition, aDeadlineNsec);
     });
-    CCmConditionSteps::WaitUntilResult(m_Queue.m_Condition, *aDeadlineNsec, nError);
+    CCmConditionSteps::WaitUntilResult(m_Queue.m_Condition, aDeadlineNsec, nError);
     return rv;
 }
 
