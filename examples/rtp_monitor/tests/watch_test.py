@@ -9,11 +9,13 @@ import datetime
 import json
 import os
 import re
+import resource
 import shlex
 import signal
 import subprocess
 import sys
 import time
+import unittest
 
 import harness
 from harness import LIMIT
@@ -111,6 +113,16 @@ class Watch(harness.MonitorTest):
         self.assertEqual((json.loads(done.stdout)["rtp"], done.returncode), (1306, 0))
         self.assertIn("CCmFlight::Open, no file, ", self.trace_text())
         self.assertEqual(os.listdir(self.directory), [])
+
+    @unittest.skipUnless(sys.platform == "linux", "limits the memory as Linux does")
+    def test_Complains_WhenThereIsNoMemoryToWatch(self):
+        sentence = "rtp_monitor: cannot watch the threads: CM_ERROR_OUT_OF_MEMORY.\n"
+        for limit in range(4 << 20, 64 << 20, 256 << 10):  # what is too little for the rest is first
+            done = self.run_monitor("--fast", "--json", "--watch", CALL, preexec_fn=lambda:
+                                    resource.setrlimit(resource.RLIMIT_AS, (limit, limit)))
+            if done.stderr == sentence:
+                break
+        self.assertEqual((done.stderr, done.stdout, done.returncode), (sentence, "", 2))
 
     def test_KeepsNoRecording_WithoutWatch(self):
         done = self.run_monitor("--fast", CALL)
