@@ -58,13 +58,16 @@ class Watch(harness.MonitorTest):
         self.assertEqual((done.stderr, done.returncode), ("", 0))
         return {row["name"]: row for row in json.loads(done.stdout)["workers"]}
 
+    def wait_for(self, condition):
+        deadline = time.monotonic() + LIMIT
+        while not condition():
+            self.assertLess(time.monotonic(), deadline)
+            time.sleep(0.05)
+
     def wait_for_rows(self, process, condition):
         """Figures are written some time after what they count."""
-        deadline = time.monotonic() + LIMIT
-        while not condition(rows := self.rows_of(process)):
-            self.assertLess(time.monotonic(), deadline, rows)
-            time.sleep(0.05)
-        return rows
+        self.wait_for(lambda: condition(self.rows_of(process)))
+        return self.rows_of(process)
 
     def start_watched(self):
         process = self.start("--watch", CALL)
@@ -138,57 +141,58 @@ class Watch(harness.MonitorTest):
         self.assertEqual((done.stderr, done.returncode), ("", 0))
         self.assertIn(f"\nThe recording is in {self.recording()}\n", done.stdout)
 
-    # The worked case. Its commands are those of the README, and so is what it looks for.
+    # The worked case, with the commands of the README. On a busy machine other events may take as
+    # long as the slow ones, or longer.
 
     def commands(self):
         with open(README) as file:
             case = file.read().split(f"\n{CASE}\n")[1].split("\n## ")[0]
         return [shlex.split(line) for line in re.findall(r"^    \$ (.*)$", case, re.M)]
 
+    def slow_lines(self, command, log):
+        """What the command finds of slow batches: end, thread, poster, microseconds."""
+        found = subprocess.run([*command[:-1], log], text=True, stdout=subprocess.PIPE).stdout
+        return [(datetime.datetime.fromisoformat(end), thread.replace("_", " "), poster, int(ran))
+                for end, thread, name, poster, ran in re.findall(
+                    r"^(\S+ [\d:.]+) .* thread=(\S+) .*, class=(.*) postedBy=(.*) waitedUsec=\w+ "
+                    r"ranUsec=(\d+) pending=\d+ ", found, re.M)
+                if BATCH in name and int(ran) >= SLOW_USEC]
+
     def test_FindsTheSlowHandler_AfterThreeSteps(self):
         start, top, grep, flight = self.commands()
         self.assertEqual(start, ["rtp_monitor_slow", "--watch", "--trace", "slow.log", "call.pcap"])
-        log = os.path.join(self.home, "slow.log")
-        process = self.start("--watch", "--trace", log, CALL, monitor=SLOW)
-        self.wait_for_trace("rtp_monitor: reading from", log)
-        self.wait_for_rows(process, lambda rows: any(
-            row["runUsec"]["longest"] >= SLOW_USEC for row in rows.values()))
-
-        # Which worker, and how long.
         self.assertEqual(top, ["kelto-top", "--once", "--sort", "longest", "rtp_monitor_slow"])
-        lines = self.printed(*top).splitlines()
-        self.assertRegex(lines[0], r"\Artp_monitor_slow \d+, ")
-        self.assertRegex(lines[2], r"\Astreams [12] ")
-        culprit = lines[2][:len("streams 1")]
-        row = self.rows_of(process)[culprit]
-        self.assertGreaterEqual(row["runUsec"]["longest"], SLOW_USEC)
-        self.assertIn(BATCH, row["longestClass"])
-
-        # Which event, and who posted it.
         self.assertEqual((grep[0], grep[2]), ("grep", "slow.log"))
-        found = subprocess.run([*grep[:2], log], text=True, stdout=subprocess.PIPE).stdout
-        slow = re.findall(r"^(\S+ [\d:.]+) .*, class=(.*) postedBy=(.*) waitedUsec=\w+ "
-                          r"ranUsec=(\d+) pending=\d+ ", found, re.M)
-        self.assertTrue(slow, found)
-        for _, name, poster, ran in slow:
-            self.assertIn(BATCH, name)
-            self.assertEqual(poster, "receiver")
-            self.assertGreaterEqual(int(ran), SLOW_USEC)
-
-        # What ran before and after it, when all is over.
-        self.kill(process)
         self.assertEqual(flight[:6] + flight[7:8], ["kelto-flight", "--thread", "streams 1",
                                                     "--kind", "event", "--from", "--to"])
-        end = datetime.datetime.fromisoformat(slow[0][0])  # of the event: its line comes then
+        log = os.path.join(self.home, "slow.log")
+        process = self.start("--watch", "--trace", log, CALL, monitor=SLOW)
+        self.wait_for_trace(BATCH, log)
+        self.wait_for(lambda: self.slow_lines(grep, log))
+        end, culprit, poster, ran = self.slow_lines(grep, log)[0]
+        row = self.wait_for_rows(
+            process, lambda rows: rows[culprit]["runUsec"]["longest"] >= ran)[culprit]
+
+        # Which worker, and how long its longest event took.
+        lines = self.printed(*top).splitlines()
+        self.assertRegex(lines[0], r"\Artp_monitor_slow \d+, ")
+        self.assertTrue(any(re.match(rf"{culprit} .* (\d{{3}}ms|\d+(\.\d)?s) ", line)
+                            for line in lines[2:]), lines)
+        self.assertTrue(BATCH in row["longestClass"] or row["runUsec"]["longest"] > ran, row)
+
+        # Which event, of which worker, and who posted it.
+        self.assertIn(culprit, ("streams 1", "streams 2"))
+        self.assertEqual(poster, "receiver")
+
+        # What that worker ran then, when all is over.
+        self.kill(process)
         flight[2], flight[6] = culprit, str(end - datetime.timedelta(seconds=1))
         flight[8] = str(end + datetime.timedelta(seconds=1))
         events = self.printed(*flight).splitlines()[1:]
         for line in events:
             self.assertRegex(line, rf"  {culprit} +event +class=\".*\" ranUsec=\d+ ")
-        ran = [int(re.search(r" ranUsec=(\d+)", line).group(1)) for line in events]
-        self.assertGreaterEqual(max(ran), SLOW_USEC)
-        self.assertIn(BATCH, events[ran.index(max(ran))])
-        self.assertIn(' postedBy="receiver" ', events[ran.index(max(ran))])
+        self.assertTrue(any(BATCH in line and f" ranUsec={ran} " in line and
+                            ' postedBy="receiver" ' in line for line in events), events)
 
 
 if __name__ == "__main__":
