@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <string>
@@ -14,6 +15,7 @@
 
 #include "CmEvent.h"
 #include "CmThread.h"
+#include "CmTimerQueueOrderedList.h"
 #include "CmWatched.h"
 #include "CmWorker.h"
 #include "support/Eventually.h"
@@ -97,6 +99,30 @@ TEST(CCmWatch, IsOff_UntilItIsStarted) {
     }
     EXPECT_FALSE(CCmWatch::IsOn());
     EXPECT_EQ(CM_OK, CCmWatch::Stop());
+}
+
+// Says that there is no file, while it starts.
+CmResult StartWithoutFile() {
+    return CCmWatch::Start(CCmWatchOptions().Directory("/dev/null/none"));
+}
+
+TEST(CCmWatch, StartsAndStops_WhenItsOwnLinesAskForIt) {
+    static CmResult s_rvStart = CM_OK;
+    static bool s_bSaid = false;
+    const ScopedTraceSink restores;
+    set_util_external_trace_sink([](unsigned long, const char* aText, unsigned int) {
+        if (std::strstr(aText, "CCmFlight::Open, no file") != nullptr) {
+            s_bSaid = true;
+            s_rvStart = CCmWatch::Start();
+            CCmWatch::Stop();
+        }
+    });
+    EXPECT_EQ(CM_OK, StartWithoutFile());
+    EXPECT_TRUE(s_bSaid);
+    EXPECT_EQ(CM_ERROR_ALREADY_INITIALIZED, s_rvStart);
+    EXPECT_TRUE(CCmWatch::IsOn());
+    CCmWatch::Stop();
+    EXPECT_FALSE(CCmWatch::IsOn());
 }
 
 TEST(CCmWatch, ReadTellsHowManyWorkersThereAre_WhateverTheRoom) {
@@ -712,6 +738,51 @@ TEST(CCmWatch, SaysWhichTimerHandlerWasSlow) {
     EXPECT_EQ(2U, sink.count("CCmTimedCalls::FireDue, watch, class="));
     EXPECT_LE(180000U, FiguresOf(*task).m_ullInTimers + FiguresOf(worker).m_ullInTimers);
     EXPECT_EQ(2U, FiguresOf(*task).m_ullTimersFired);
+}
+
+// Two timers of one pass: the first turns the watch off, or off and on, the second is slow.
+class CSwitchHandler final : public ICmTimerHandler {
+  public:
+    explicit CSwitchHandler(std::function<void()> aSwitch) : m_Switch(std::move(aSwitch)) {}
+    void OnTimeout(const CCmTimeValue& /*aCurTime*/, void* /*aArg*/) override { m_Switch(); }
+
+  private:
+    std::function<void()> m_Switch;
+};
+
+void FireInOnePass(const std::vector<ICmTimerHandler*>& aHandlers) {
+    CCmTimerQueueOrderedList timers(nullptr);
+    for (size_t i = aHandlers.size(); i > 0; --i) {  // of those due at once, the newest is first
+        timers.ScheduleTimer(aHandlers[i - 1], nullptr, CCmTimeValue::s_tvZero, 1);
+    }
+    std::this_thread::sleep_for(1ms);
+    EXPECT_EQ(aHandlers.size(), timers.CheckExpire(nullptr));
+}
+
+TEST(CCmWatch, SaysNothingOfATimer_WhenTheOneBeforeTurnedItOff) {
+    ScopedTraceSink sink;
+    CSwitchHandler turnOff([] { CCmWatch::Stop(); });
+    CSlowHandler slow;
+    {
+        const ScopedWatch watch;
+        FireInOnePass({&turnOff, &slow});
+    }
+    EXPECT_EQ(0U, sink.count(", watch, "));
+}
+
+TEST(CCmWatch, TakesNoTimeOfOthersForATimers_WhenItIsTurnedOnAgainInTheSamePass) {
+    ScopedTraceSink sink;
+    CSwitchHandler turnOff([] { CCmWatch::Stop(); });
+    CSwitchHandler turnOn(
+        [] { EXPECT_EQ(CM_OK, CCmWatch::Start(CCmWatchOptions().Record(false))); });
+    CSlowHandler slow;
+    CSwitchHandler nothing([] {});
+    {
+        const ScopedWatch watch;
+        FireInOnePass({&turnOff, &slow, &turnOn, &nothing});
+        EXPECT_TRUE(CCmWatch::IsOn());
+    }
+    EXPECT_EQ(0U, sink.count(", watch, "));
 }
 
 TEST(CCmWatch, SaysNothing_WhileItIsOff) {

@@ -481,15 +481,19 @@ void CCmWatchedRun::SetCurrent(const void* aTable, long long aStartUsec) {
     }
 }
 
-void CCmWatchedTimers::BeginOne(const void* aTable, const CCmTimeValue& aNow) {
+void CCmWatchedTimers::Begin(const void* aTable, const CCmTimeValue* aNow) {
     if (m_Run.Thread() == nullptr) {
         CCmWatchedThread* const pThread = CmEnsureWatchedThread();
         if (pThread == nullptr) {
             return;
         }
         m_Run.Enter(pThread);
-        m_llBegin = CmUsecOf(aNow);
+        m_llBegin = aNow != nullptr ? CmUsecOf(*aNow) : NowUsec();
         m_llStart = m_llBegin;
+    }
+    if (m_bHasMissed) {
+        m_bHasMissed = false;
+        m_llStart = NowUsec();
     }
     m_pTable = aTable;
     m_Run.Thread()->m_bFiresOthers = false;

@@ -340,11 +340,18 @@ class CCmWatchedRun {
 // The timers that fire in one pass over a list of them.
 class CCmWatchedTimers {
   public:
-    // One is about to be called; not while the watch is off. aTable: its class. aNow: the wall
-    // clock at the start of the pass.
-    void BeginOne(const void* aTable, const CCmTimeValue& aNow);
+    // One is about to be called. aHandler: an object with virtual functions. aNow: the wall clock
+    // at the start of the pass; null: about now.
+    void BeginOne(const void* aHandler, const CCmTimeValue* aNow) {
+        if (CmWatchIsOn()) {
+            Begin(CmTableOf(aHandler), aNow);
+        } else {
+            m_pTable = nullptr;
+            m_bHasMissed = true;
+        }
+    }
     // It has returned. aLateUsec: how late it was when the pass began. True when it took so long
-    // that it is to be reported. Does nothing without BeginOne.
+    // that it is to be reported.
     bool EndOne(long long aLateUsec) {
         return CM_UNLIKELY(m_pTable != nullptr) && Count(aLateUsec);
     }
@@ -359,10 +366,12 @@ class CCmWatchedTimers {
     static void CountOthersOnly();
 
   private:
+    void Begin(const void* aTable, const CCmTimeValue* aNow);
     bool Count(long long aLateUsec);
 
     CCmWatchedRun m_Run;
-    const void* m_pTable = nullptr;  // null: the watch is off
+    const void* m_pTable = nullptr;  // of the one that runs; null: it began without the watch
+    bool m_bHasMissed = false;       // as did the one before
     long long m_llBegin = 0;         // of the pass
     long long m_llStart = 0;         // of the one that runs
     long long m_llLate = 0;
