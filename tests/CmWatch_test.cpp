@@ -16,8 +16,10 @@
 #include "CmEvent.h"
 #include "CmThread.h"
 #include "CmTimerQueueOrderedList.h"
+#include "CmTraceLine.h"
 #include "CmWatched.h"
 #include "CmWorker.h"
+#include "port/CmPort.h"
 #include "support/Eventually.h"
 #include "support/Faults.h"
 #include "support/Gate.h"
@@ -655,6 +657,53 @@ TEST(CCmWatch, ForgetsThreadsThatHaveEnded) {
     }
 }
 
+// As a thread does on macOS that is cancelled within an event.
+TEST(CCmWatch, BeginsANewThreadOutsideOfEvents_WhenTheOneBeforeItLeftNone) {
+    const ScopedWatch watch;
+    alignas(CCmWatchedRun) static unsigned char s_abyRun[sizeof(CCmWatchedRun)];
+    const CCmWatchedThread* pLeft = nullptr;
+    std::thread([&pLeft] {
+        CCmWatchedThread* const pThread = CmEnsureWatchedThread();
+        ::new (s_abyRun) CCmWatchedRun;
+        reinterpret_cast<CCmWatchedRun*>(s_abyRun)->Enter(pThread);
+        pLeft = pThread;
+    }).join();
+    bool bIsFound = false;
+    for (int i = 0; i < 200 && !bIsFound; ++i) {
+        std::thread([&] {
+            const CCmWatchedThread* const pThread = CmEnsureWatchedThread();
+            bIsFound = pThread == pLeft;
+            EXPECT_EQ(0U, pThread->m_dwDepth);
+        }).join();
+    }
+    EXPECT_TRUE(bIsFound);
+}
+
+// Traces a line before it has its name.
+class CLateName final : public CCmThreadTask {
+  public:
+    void OnThreadInit() override {
+        CCmThreadTask::OnThreadInit();
+        CM_INFO_TRACE("no name yet");
+        CmPortNameThisThread("late name");
+    }
+};
+
+TEST(CCmWatch, KnowsAPosterByItsName_WhenItTracedALineBeforeItHadOne) {
+    const ScopedWatch watch;
+    ScopedTraceSink sink;
+    CCmWorker worker(Named("slow"));
+    CLateName poster;
+    ASSERT_EQ(CM_OK, poster.Create(1));
+    CmCall(poster, [&] {
+        worker.GetEventQueue()->PostEvent(new CSlowEvent, ICmEventQueue::EPRIORITY_NORMAL);
+    });
+    FiguresAtRest(worker);
+    poster.Stop(nullptr);
+    poster.Join();
+    EXPECT_EQ(1U, sink.count("CSlowEvent postedBy=late name waitedUsec="));
+}
+
 TEST(CCmWatch, SaysWhatASlowEventWas) {
     const ScopedWatch watch;
     ScopedTraceSink sink;
@@ -752,8 +801,9 @@ class CSwitchHandler final : public ICmTimerHandler {
 
 void FireInOnePass(const std::vector<ICmTimerHandler*>& aHandlers) {
     CCmTimerQueueOrderedList timers(nullptr);
-    for (size_t i = aHandlers.size(); i > 0; --i) {  // of those due at once, the newest is first
-        timers.ScheduleTimer(aHandlers[i - 1], nullptr, CCmTimeValue::s_tvZero, 1);
+    for (size_t i = 0; i < aHandlers.size(); ++i) {
+        const CCmTimeValue tvInterval(0, 1 + 100 * static_cast<long>(i));
+        timers.ScheduleTimer(aHandlers[i], nullptr, tvInterval, 1);
     }
     std::this_thread::sleep_for(1ms);
     EXPECT_EQ(aHandlers.size(), timers.CheckExpire(nullptr));

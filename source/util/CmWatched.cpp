@@ -215,7 +215,11 @@ CCmWatchedThread* CCmWatchRegistry::MakeThread() {
     pThread->m_bHasEnded = false;
     pThread->m_dwStart.store(0, std::memory_order_relaxed);  // the figures are another thread's
     pThread->m_pNext = nullptr;
-    pThread->m_pRing = CCmFlight::AttachThisThread(nullptr);
+    // By name: a line that it wrote earlier may have attached it under the name of its creator.
+    pThread->m_pRing.Set(CCmFlight::AttachThisThread(pThread->m_szName));
+    // On macOS a thread that is cancelled leaves what it has entered.
+    pThread->m_dwDepth = 0;
+    pThread->m_bFiresOthers = false;
     CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
     pThread->m_ullNumber = CmNumberOfThisThread();
     CCmWatchedThread** pp = &m_pThreads;
@@ -228,7 +232,7 @@ CCmWatchedThread* CCmWatchRegistry::MakeThread() {
 
 // On the thread itself, when it ends.
 void CCmWatchRegistry::EndThread(CCmWatchedThread& aThread) {
-    CCmFlightRing* const pRing = aThread.m_pRing;
+    CCmFlightRing* const pRing = aThread.Ring();
     {
         CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
         if (pRing != nullptr) {
@@ -244,7 +248,7 @@ void CCmWatchRegistry::EndThread(CCmWatchedThread& aThread) {
             }
         }
         aThread.m_bHasEnded = true;
-        aThread.m_pRing = nullptr;
+        aThread.m_pRing.Set(nullptr);
         aThread.m_pCurrent.Set(nullptr);
         aThread.m_llAsleepSince.Set(0);
         ++m_nEnded;
@@ -324,8 +328,8 @@ void CCmWatchedThread::Clear(DWORD aStart) {
     m_ullInTimers.Set(0);
     m_ullTimersFired.Set(0);
     m_pCurrent.Set(nullptr);
-    if (m_pRing == nullptr) {
-        m_pRing = CCmFlight::AttachThisThread(nullptr);
+    if (Ring() == nullptr) {
+        m_pRing.Set(CCmFlight::AttachThisThread(nullptr));
     }
     m_dwStart.store(aStart, std::memory_order_release);
 }

@@ -128,7 +128,7 @@ class CCmWatchedThread {
     pthread_t Tid() const { return m_Tid; }
     bool HasEnded() const { return m_bHasEnded; }
     uint64_t Number() const { return m_ullNumber; }  // that of CmNumberOfThisThread
-    CCmFlightRing* Ring() const { return m_pRing; }  // null: no records of this thread
+    CCmFlightRing* Ring() const { return m_pRing.Get(); }  // null: no records of this thread
     // Its figures with those of the queues that it runs. Under the registry's lock.
     void CopyFigures(CCmWorkerFigures& aFigures) const;
     void CopyFigures(CCmFlightFigures& aFigures) const;
@@ -177,7 +177,7 @@ class CCmWatchedThread {
     bool m_bHasEnded = false;
     uint64_t m_ullNumber = 0;
     CmStd::atomic<DWORD> m_dwStart{0};
-    CCmFlightRing* m_pRing = nullptr;
+    CCmWatchedT<CCmFlightRing*> m_pRing;
     CCmWatchedThread* m_pNext = nullptr;
 };
 
