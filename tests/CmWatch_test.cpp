@@ -22,6 +22,7 @@
 #include "port/CmPort.h"
 #include "support/Eventually.h"
 #include "support/Faults.h"
+#include "support/Flight.h"
 #include "support/Gate.h"
 #include "support/TraceSink.h"
 #include "support/Watch.h"
@@ -39,6 +40,7 @@ using kelto_test::LiveAllocations;
 using kelto_test::NamelessEvent;
 using kelto_test::Rows;
 using kelto_test::ScopedAllocationFault;
+using kelto_test::ScopedDirectory;
 using kelto_test::ScopedTraceSink;
 using kelto_test::ScopedWatch;
 using kelto_test::TaskThread;
@@ -125,6 +127,30 @@ TEST(CCmWatch, StartsAndStops_WhenItsOwnLinesAskForIt) {
     EXPECT_TRUE(CCmWatch::IsOn());
     CCmWatch::Stop();
     EXPECT_FALSE(CCmWatch::IsOn());
+}
+
+TEST(CCmWatch, TellsWhereTheRecordingIs_WhileThereIsOne) {
+    const auto recording = [](size_t aSize, CmResult aExpected) {
+        char szPath[1024] = "before";
+        EXPECT_EQ(aExpected, CCmWatch::GetRecording(szPath, aSize));
+        return std::string(szPath);
+    };
+    EXPECT_EQ("", recording(1024, CM_OK));
+    {
+        const ScopedWatch watch;
+        EXPECT_EQ("", recording(1024, CM_OK));
+    }
+    const ScopedDirectory directory;
+    ASSERT_EQ(CM_OK, CCmWatch::Start(CCmWatchOptions().Directory(directory.path().c_str())));
+    ASSERT_EQ(1u, directory.names().size());
+    const std::string sPath = directory.path() + "/" + directory.names().front();
+    EXPECT_EQ(sPath, recording(1024, CM_OK));
+    EXPECT_EQ(sPath, recording(sPath.size() + 1, CM_OK));
+    EXPECT_EQ("", recording(sPath.size(), CM_ERROR_INVALID_ARG));
+    EXPECT_EQ("before", recording(0, CM_ERROR_INVALID_ARG));
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, CCmWatch::GetRecording(nullptr, 1024));
+    EXPECT_EQ(CM_OK, CCmWatch::Stop());
+    EXPECT_EQ("", recording(1024, CM_OK));
 }
 
 TEST(CCmWatch, ReadTellsHowManyWorkersThereAre_WhateverTheRoom) {
@@ -433,7 +459,6 @@ TEST(CCmWatch, CountsFromZero_WhenItIsStartedAgain) {
     const ScopedWatch watch;
     EXPECT_EQ(0U, FiguresOf(worker).m_ullRun);
     EXPECT_EQ(0U, FiguresOf(worker).m_Run.m_ullCount);
-    EXPECT_EQ(0U, FiguresOf(worker).m_ullInEvents);
     CmPost(worker, [] {});
     EXPECT_EQ(1U, FiguresAtRest(worker).m_ullRun);
     EXPECT_EQ(1U, FiguresOf(worker).m_Run.m_ullCount);
@@ -755,6 +780,7 @@ TEST(CCmWatch, SaysWhatASlowSendWas) {
     CCmWorker sender(Named("its sender"));
     CmPost(sender, [&] { worker.GetEventQueue()->SendEvent(new CSlowEvent); });
     FiguresAtRest(sender);
+    FiguresAtRest(worker);  // which has written the line by then
     EXPECT_EQ(1U, sink.count("CSlowEvent postedBy=its sender waitedUsec="));
 }
 

@@ -13,6 +13,7 @@
 #include "CmEventQueueSteps.h"
 #include "CmFlight.h"
 #include "CmListNode.h"
+#include "CmNsec.h"
 #include "CmPrivateState.h"
 #include "CmScopedLock.h"
 #include "CmSystem.h"
@@ -558,6 +559,10 @@ void CCmEventQueueSteps::CPass::RunWatched(ICmEvent* aEvent) {
 }
 
 // aWaited: -1 when it has not been measured.
+//
+// An event starts where the one before has ended, which may be shortly before it was posted; so its
+// post is looked for up to its end, less what the clock of posts may be late: what has been posted
+// at the same address since is another event.
 void CCmEventQueueSteps::CPass::ReportWatched(const ICmEvent* aEvent, const void* aTable,
                                               long long aStart, long long aWaited,
                                               long long aRan) const {
@@ -566,7 +571,8 @@ void CCmEventQueueSteps::CPass::ReportWatched(const ICmEvent* aEvent, const void
     char szPoster[CM_FLIGHT_NAME_SIZE] = "unknown";
     char szWaited[24] = "unknown";
     long long llPosted = 0;
-    if (CCmFlight::FindPost(aEvent, aTable, aStart, llPosted, szPoster)) {
+    const long long llLastPost = aStart + aRan - CM_PORT_COARSE_USEC;
+    if (CCmFlight::FindPost(aEvent, aTable, llLastPost, llPosted, szPoster)) {
         aWaited = aWaited >= 0 ? aWaited : std::max(aStart - llPosted, 0LL);
     }
     if (aWaited >= 0) {
@@ -1375,18 +1381,15 @@ void CCmEventQueueSteps::CLoop::RunEvents(CCmTimeValue* aTimeout, DWORD aMaxCoun
     }
 }
 
-void CCmEventQueueSteps::CLoop::RunEventsUntil(const long long* aDeadlineNsec, DWORD aMaxCount,
+void CCmEventQueueSteps::CLoop::RunEventsUntil(long long aDeadlineNsec, DWORD aMaxCount,
                                                const CmStd::atomic<bool>& aStop) {
     EndDiscarded();
-    if (m_nOwnCore != -1 && aDeadlineNsec == nullptr) {
+    if (m_nOwnCore != -1 && aDeadlineNsec == CM_NEVER_NSEC) {
         AwaitSender();
     }
-    long long llTend = 0;
     if (CM_UNLIKELY(TendMemory())) {
-        llTend = CmLaterNsec(CmMonotonicNsec(), CCmTimeValue(CCmBlockPool::TEND_SEC));
-        if (aDeadlineNsec == nullptr || *aDeadlineNsec > llTend) {
-            aDeadlineNsec = &llTend;
-        }
+        aDeadlineNsec = std::min(
+            aDeadlineNsec, CmLaterNsec(CmMonotonicNsec(), CCmTimeValue(CCmBlockPool::TEND_SEC)));
     }
     std::list<ICmEvent*> events;
     if (CM_SUCCEEDED(PopOrWaitUntil(events, aDeadlineNsec, aMaxCount))) {
@@ -1438,16 +1441,15 @@ void CCmEventQueueSteps::CLoop::NoteSend(int aSenderCore) {
 }
 
 CmResult CCmEventQueueSteps::CLoop::PopOrWaitUntil(std::list<ICmEvent*>& aEvents,
-                                                   const long long* aDeadlineNsec,
-                                                   DWORD aMaxCount) {
-    if (aDeadlineNsec == nullptr) {
+                                                   long long aDeadlineNsec, DWORD aMaxCount) {
+    if (aDeadlineNsec == CM_NEVER_NSEC) {
         return m_Queue.PopOrWaitPendingEvents(aEvents, nullptr, aMaxCount);
     }
     int nError = 0;
     const CmResult rv = CCmPrivateRoom::Of(m_Queue.m_Private).PopOrWait(aEvents, aMaxCount, [&] {
-        nError = CCmConditionSteps::WaitUntilCall(m_Queue.m_Condition, *aDeadlineNsec);
+        nError = CCmConditionSteps::WaitUntilCall(m_Queue.m_Condition, aDeadlineNsec);
     });
-    CCmConditionSteps::WaitUntilResult(m_Queue.m_Condition, *aDeadlineNsec, nError);
+    CCmConditionSteps::WaitUntilResult(m_Queue.m_Condition, aDeadlineNsec, nError);
     return rv;
 }
 

@@ -342,6 +342,12 @@ void CCmWatchedThread::CopyFigures(CCmWorkerFigures& aFigures) const {
     if (!IsOf(registry.Start_l())) {
         return;
     }
+    // Between those of the queue and those of the thread: if nothing runs, what has been counted as
+    // run is in all that follows.
+    if (const void* const pCurrent = m_pCurrent.Get()) {
+        CmClassText(pCurrent, aFigures.m_szCurrentClass, sizeof(aFigures.m_szCurrentClass));
+        aFigures.m_ullCurrent = ToFigure(NowUsec() - m_llCurrentStart.Get());
+    }
     aFigures.m_ullAsleep = m_ullAsleep.Get();
     const long long llSince = m_llAsleepSince.Get();
     if (llSince != 0) {
@@ -355,10 +361,6 @@ void CCmWatchedThread::CopyFigures(CCmWorkerFigures& aFigures) const {
     aFigures.m_Late = m_Late.Copy();
     aFigures.m_Sends = m_Sends.Copy();
     CmClassText(m_pLongest.Get(), aFigures.m_szLongestClass, sizeof(aFigures.m_szLongestClass));
-    if (const void* const pCurrent = m_pCurrent.Get()) {
-        CmClassText(pCurrent, aFigures.m_szCurrentClass, sizeof(aFigures.m_szCurrentClass));
-        aFigures.m_ullCurrent = ToFigure(NowUsec() - m_llCurrentStart.Get());
-    }
 }
 
 void CCmWatchedThread::CopyFigures(CCmFlightFigures& aFigures) const {
