@@ -55,6 +55,18 @@ class CNothing final : public ICmEvent {
     CmResult OnEventFire() override { return CM_OK; }
 };
 
+class CSwitchEvent final : public ICmEvent {
+  public:
+    explicit CSwitchEvent(std::function<void()> aSwitch) : m_Switch(std::move(aSwitch)) {}
+    CmResult OnEventFire() override {
+        m_Switch();
+        return CM_OK;
+    }
+
+  private:
+    const std::function<void()> m_Switch;
+};
+
 class CSlowEvent final : public ICmEvent {
   public:
     CmResult OnEventFire() override {
@@ -356,6 +368,17 @@ TEST(CCmWatch, CountsWhatIsRefusedAndWhatEndsUnfired) {
     EXPECT_EQ(0U, row->m_ullPending);
 }
 
+// Also of a thread that has ended.
+CCmWorkerFigures RowOf(const std::string& aName) {
+    for (const CCmWorkerFigures& row : Rows()) {
+        if (aName == row.m_szName) {
+            return row;
+        }
+    }
+    ADD_FAILURE() << "no row " << aName;
+    return CCmWorkerFigures();
+}
+
 TEST(CCmWatch, CountsWhatAWorkerLeavesUnfired_WhenItStopsNow) {
     const ScopedWatch watch;
     CCmWorker worker(Named("stopped"));
@@ -373,18 +396,122 @@ TEST(CCmWatch, CountsWhatAWorkerLeavesUnfired_WhenItStopsNow) {
     EXPECT_EQ(CM_OK, worker.StopNow());
     go.Open();
     EXPECT_EQ(CM_OK, worker.Join());
-    const std::vector<CCmWorkerFigures> rows = Rows();
-    const auto row = std::find_if(rows.begin(), rows.end(), [](const CCmWorkerFigures& aRow) {
-        return std::string("stopped") == aRow.m_szName;
-    });
-    ASSERT_NE(rows.end(), row);
-    EXPECT_EQ(14U, row->m_ullPosted);  // its stop event, too
-    EXPECT_EQ(1U, row->m_ullRun);
-    EXPECT_EQ(13U, row->m_ullUnfired);
-    EXPECT_EQ(0U, row->m_ullPending);
+    const CCmWorkerFigures row = RowOf("stopped");
+    EXPECT_EQ(14U, row.m_ullPosted);  // its stop event, too
+    EXPECT_EQ(1U, row.m_ullRun);
+    EXPECT_EQ(13U, row.m_ullUnfired);
+    EXPECT_EQ(0U, row.m_ullPending);
 }
 
 // Events of every kind are under way while the watch is turned on and off.
+// Taken out before the watch was on, pending again after that.
+TEST(CCmWatch, CountsWhatIsPutBackAsPosted_WhenItWasTakenOutBefore) {
+    CCmWorker worker(Named("put back"));
+    Gate firstBegun;
+    Gate first;
+    Gate secondBegun;
+    Gate second;
+    CmPost(worker, [&] {
+        firstBegun.Open();
+        first.Wait();
+    });
+    ASSERT_TRUE(firstBegun.Wait());
+    CmPost(worker, [&] {
+        secondBegun.Open();
+        second.Wait();
+    });
+    for (int i = 0; i < 4; ++i) {
+        CmPost(worker, [] {});
+    }
+    first.Open();
+    ASSERT_TRUE(secondBegun.Wait());  // the four after it have been taken out with it
+    const ScopedWatch watch;
+    CmPost(worker, [] {});
+    EXPECT_EQ(CM_OK, worker.StopNow());
+    second.Open();
+    EXPECT_EQ(CM_OK, worker.Join());
+    const CCmWorkerFigures row = RowOf("");  // it has not come to its queue since
+    EXPECT_EQ(6U, row.m_ullPosted);          // its stop event, too
+    EXPECT_EQ(0U, row.m_ullRun);
+    EXPECT_EQ(6U, row.m_ullUnfired);
+    EXPECT_EQ(0U, row.m_ullPending);
+}
+
+TEST(CCmWatch, KeepsItsFigures_WhenItIsStopped) {
+    CCmWorker sleeper(Named("sleeper"));
+    CCmWorker worker(Named("stays"));
+    Gate begun;
+    Gate go;
+    {
+        const ScopedWatch watch;
+        CmPost(sleeper, [] {});
+        FiguresAtRest(sleeper);
+        CmPost(worker, [&] {
+            begun.Open();
+            go.Wait();
+        });
+        ASSERT_TRUE(begun.Wait());
+        CmPost(worker, [] {});
+    }
+    const CCmWorkerFigures asleep = FiguresOf(sleeper);
+    const CCmWorkerFigures before = FiguresOf(worker);
+    EXPECT_EQ(2U, before.m_ullPosted);
+    EXPECT_EQ(1U, before.m_ullPending);
+    go.Open();
+    CmCall(worker, [] {});
+    TakeLong();
+    EXPECT_EQ(asleep.m_ullAsleep, FiguresOf(sleeper).m_ullAsleep);
+    CmCall(sleeper, [] {});
+    EXPECT_EQ(asleep.m_ullAsleep, FiguresOf(sleeper).m_ullAsleep);
+    const CCmWorkerFigures after = FiguresOf(worker);
+    EXPECT_EQ(2U, after.m_ullPosted);
+    EXPECT_EQ(1U, after.m_ullRun);
+    EXPECT_EQ(1U, after.m_ullPending);
+}
+
+TEST(CCmWatchedSharedCount, KeepsTheCountOfTheLatestStart) {
+    CCmWatchedSharedCount count;
+    count.Add(1, 2);
+    count.Add(2, 3);
+    count.Add(1, 4);  // of a thread that has not seen the second start
+    count.Add(0, 5);  // of one that has seen the end
+    EXPECT_EQ(3U, count.Of(2));
+    EXPECT_EQ(0U, count.Of(1));
+}
+
+TEST(CCmWatch, CountsNoEventOfAPass_WhenTheOneBeforeTurnedItOff) {
+    CCmEventQueueUsingMutex queue;
+    ScopedTraceSink sink;
+    {
+        const ScopedWatch watch;
+        queue.PostEvent(new CSwitchEvent([] { CCmWatch::Stop(); }),
+                        ICmEventQueue::EPRIORITY_NORMAL);
+        queue.PostEvent(new CSlowEvent, ICmEventQueue::EPRIORITY_NORMAL);
+        std::list<ICmEvent*> events;
+        ASSERT_EQ(CM_OK, queue.PopPendingEventsLocked(events, 5, nullptr));
+        queue.ProcessTakenEvents(events);
+        const CCmWorkerFigures row = RowOf("CmWatch_test");
+        EXPECT_EQ(2U, row.m_ullPosted);
+        EXPECT_EQ(1U, row.m_ullRun);
+        EXPECT_EQ(1U, row.m_ullPending);
+    }
+    EXPECT_EQ(1U, sink.count("CCmEventQueueBase::ProcessOneEvent, report,"));
+    EXPECT_EQ(0U, sink.count(", watch, "));
+}
+
+TEST(CCmWatch, CountsASendAsRefused_WhenThereIsNoMemoryForIt) {
+    const ScopedWatch watch;
+    CCmWorker worker(Named("refuses"));
+    CmCall(worker, [] {});
+    const CCmWorkerFigures before = FiguresAtRest(worker);
+    ICmEvent* const pEvent = new CNothing;
+    {
+        const ScopedAllocationFault fault(1);
+        EXPECT_EQ(CM_ERROR_OUT_OF_MEMORY, worker.GetEventQueue()->SendEvent(pEvent));
+    }
+    EXPECT_EQ(before.m_ullRefused + 1, FiguresAtRest(worker).m_ullRefused);
+}
+
 TEST(CCmWatch, PostedIsRunUnfiredAndPending_WhileItIsTurnedOnAndOff) {
     CCmWorker worker(Named("middle"));
     TaskThread task;

@@ -144,6 +144,7 @@ CmResult CCmWatch::Stop() {
         if (CmWatchIsOn()) {
             g_cmWatchOn.store(0, std::memory_order_relaxed);
             CCmBlockedSend::SwitchOn(false);
+            CmSetWatchEnd();
             std::swap(pThread, s_pThread);
             CCmWatchRounds::StoreFigures(CmNsecOf(CCmTimeValue::GetTimeOfDay()));
             CCmFlight::Close();

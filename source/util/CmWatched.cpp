@@ -48,6 +48,9 @@ void CCmWatchedSharedCount::Add(DWORD aStart, uint64_t aCount) {
     uint64_t ullOld = m_ullStartAndCount.load(std::memory_order_relaxed);
     uint64_t ullNew = 0;
     do {
+        if (ullOld >> COUNT_BITS > aStart) {
+            return;  // that start is over
+        }
         const uint64_t ullCount = (ullOld & ~COUNT_MASK) == ullStart ? ullOld & COUNT_MASK : 0;
         ullNew = ullStart | ((ullCount + aCount) & COUNT_MASK);
     } while (!m_ullStartAndCount.compare_exchange_weak(ullOld, ullNew, std::memory_order_relaxed));
@@ -111,6 +114,11 @@ class CCmWatchRegistry {
     void SetStart(DWORD aStart) {
         CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
         m_dwStart = aStart;
+        m_llEnd = 0;
+    }
+    void SetEnd() {
+        CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
+        m_llEnd = NowUsec();
     }
     size_t Read(CCmWorkerFigures* aFigures, size_t aRoom);
 
@@ -126,6 +134,8 @@ class CCmWatchRegistry {
     }
     static void Clear(CCmWatchedThread& aThread, DWORD aStart) { aThread.Clear(aStart); }
     DWORD Start_l() const { return m_dwStart; }
+    // The time of what the figures tell.
+    long long Now_l() const { return m_llEnd != 0 ? m_llEnd : NowUsec(); }
 
   private:
     bool HasQueue_l(const CCmWatchedThread& aThread) const {
@@ -143,6 +153,7 @@ class CCmWatchRegistry {
     CCmWatchedQueue* m_pQueues = nullptr;    // the newest first
     size_t m_nEnded = 0;
     DWORD m_dwStart = 0;
+    long long m_llEnd = 0;  // of the watch; 0: it is on
     bool m_bHasKey = false;
     pthread_key_t m_Key = 0;
 };
@@ -275,22 +286,29 @@ void CCmWatchRegistry::Remove(CCmWatchedQueue& aQueue) {
 
 template <class FiguresType>
 void CCmWatchRegistry::AddQueue_l(FiguresType& aFigures, const CCmWatchedQueue& aQueue) const {
-    const bool bIsOf = aQueue.IsOf(m_dwStart);
-    const uint64_t ullPending = aQueue.Pending(m_dwStart);
-    aFigures.m_ullPending += ullPending;
-    aFigures.m_ullRefused += aQueue.m_Refused.Of(m_dwStart);
-    aFigures.m_ullUnfired += aQueue.m_Unfired.Of(m_dwStart);
-    uint64_t ullMost = ullPending;
-    if (bIsOf) {
-        aFigures.m_ullPosted += aQueue.m_ullPosted.Get();
-        ullMost = std::max<uint64_t>(ullMost, aQueue.m_dwMost.Get());
+    const uint64_t ullUnfired = aQueue.m_Unfired.Of(m_dwStart);
+    uint64_t ullPosted = 0;
+    uint64_t ullRun = 0;
+    uint64_t ullMost = 0;
+    if (aQueue.IsOf(m_dwStart)) {
+        ullPosted = aQueue.m_ullPosted.Get();
+        ullMost = aQueue.m_dwMost.Get();
     }
     if (aQueue.IsOwnOf(m_dwStart)) {
-        aFigures.m_ullPosted += aQueue.m_ullOwnPosted.Get();
-        aFigures.m_ullRun += aQueue.m_ullRun.Get();
+        ullPosted += aQueue.m_ullOwnPosted.Get();
+        ullRun = aQueue.m_ullRun.Get();
         ullMost = std::max<uint64_t>(ullMost, aQueue.m_dwOwnMost.Get());
     }
-    aFigures.m_ullMostPending += ullMost;
+    // After its end what was pending then: the queue goes on.
+    const uint64_t ullGone = ullRun + ullUnfired;
+    const uint64_t ullPending =
+        m_llEnd == 0 ? aQueue.Pending(m_dwStart) : ullPosted - std::min(ullPosted, ullGone);
+    aFigures.m_ullPosted += ullPosted;
+    aFigures.m_ullRun += ullRun;
+    aFigures.m_ullRefused += aQueue.m_Refused.Of(m_dwStart);
+    aFigures.m_ullUnfired += ullUnfired;
+    aFigures.m_ullPending += ullPending;
+    aFigures.m_ullMostPending += std::max(ullMost, ullPending);
 }
 
 size_t CCmWatchRegistry::Read(CCmWorkerFigures* aFigures, size_t aRoom) {
@@ -346,12 +364,12 @@ void CCmWatchedThread::CopyFigures(CCmWorkerFigures& aFigures) const {
     // run is in all that follows.
     if (const void* const pCurrent = m_pCurrent.Get()) {
         CmClassText(pCurrent, aFigures.m_szCurrentClass, sizeof(aFigures.m_szCurrentClass));
-        aFigures.m_ullCurrent = ToFigure(NowUsec() - m_llCurrentStart.Get());
+        aFigures.m_ullCurrent = ToFigure(registry.Now_l() - m_llCurrentStart.Get());
     }
     aFigures.m_ullAsleep = m_ullAsleep.Get();
     const long long llSince = m_llAsleepSince.Get();
     if (llSince != 0) {
-        aFigures.m_ullAsleep += ToFigure(NowUsec() - llSince);
+        aFigures.m_ullAsleep += ToFigure(registry.Now_l() - llSince);
     }
     aFigures.m_ullInEvents = m_ullInEvents.Get();
     aFigures.m_ullInTimers = m_ullInTimers.Get();
@@ -373,7 +391,7 @@ void CCmWatchedThread::CopyFigures(CCmFlightFigures& aFigures) const {
     aFigures.m_ullAsleepUsec = m_ullAsleep.Get();
     const long long llSince = m_llAsleepSince.Get();
     if (llSince != 0) {
-        aFigures.m_ullAsleepUsec += ToFigure(NowUsec() - llSince);
+        aFigures.m_ullAsleepUsec += ToFigure(registry.Now_l() - llSince);
     }
     aFigures.m_ullEventsUsec = m_ullInEvents.Get();
     aFigures.m_ullTimersUsec = m_ullInTimers.Get();
@@ -415,6 +433,10 @@ void CmVisitWatchedThreads(void (*aVisit)(CCmWatchedThread&, void*), void* aArgu
 
 void CmSetWatchStart(DWORD aStart) {
     CCmWatchRegistry::Instance().SetStart(aStart);
+}
+
+void CmSetWatchEnd() {
+    CCmWatchRegistry::Instance().SetEnd();
 }
 
 size_t CmReadWorkers(CCmWorkerFigures* aFigures, size_t aRoom) {

@@ -72,7 +72,7 @@ class CCmWatchedT {
     CmStd::atomic<ValueType> m_Value{};
 };
 
-// A count that several threads add to, now and then; with the start that it is of.
+// A count that several threads add to, now and then; of the latest start.
 class CCmWatchedSharedCount {
   public:
     void Add(DWORD aStart, uint64_t aCount);
@@ -258,9 +258,11 @@ class CCmWatchedQueue {
     // Whether the part that is written under the queue's lock is of aStart; if not, it has to begin
     // with what is pending.
     bool IsOf(DWORD aStart) const { return m_dwStart.Get() == aStart; }
+    DWORD Start() const { return m_dwStart.Get(); }
     void Begin(DWORD aStart, uint64_t aPending, DWORD aGhosts);
     // The same for what the consumer writes. aOwn: the length of its private list.
     bool IsOwnOf(DWORD aStart) const { return m_dwOwnStart.Get() == aStart; }
+    DWORD OwnStart() const { return m_dwOwnStart.Get(); }
     void BeginOwn(DWORD aStart, uint64_t aOwn);
 
     // The consumer is the calling thread. A thread that ends is forgotten.
@@ -274,9 +276,9 @@ class CCmWatchedQueue {
     // aStart: of the watch.
     DWORD Pending(DWORD aStart) const;
 
-    // The consumer takes events out.
-    void NoteTaken(size_t aCount) {
-        m_dwTakenStart = g_cmWatchOn.load(std::memory_order_relaxed);
+    // The consumer takes events out, which have been counted since aStart.
+    void NoteTaken(DWORD aStart, size_t aCount) {
+        m_dwTakenStart = aStart;
         m_dwTaken.Set(static_cast<DWORD>(aCount));
     }
 
@@ -293,7 +295,7 @@ class CCmWatchedQueue {
     CCmWatchedT<DWORD> m_dwOwnMost;
     CCmWatchedT<DWORD> m_dwTaken;  // events that it has taken out and not begun
     CCmWatchedProbe m_OwnProbe;
-    DWORD m_dwTakenStart = 0;  // of the watch, when events were last taken out; 0: it was off
+    DWORD m_dwTakenStart = 0;  // of the watch, that has counted what was last taken out
 
     CCmWatchedSharedCount m_Refused;
     CCmWatchedSharedCount m_Unfired;
@@ -402,8 +404,10 @@ class CCmWatchedSend {
     long long m_llStart = 0;
 };
 
-// For CCmWatch: the number of the start whose figures are read, and the rows.
+// For CCmWatch: the number of the start whose figures are read, that they stay as they are from now
+// on, and the rows.
 void CmSetWatchStart(DWORD aStart);
+void CmSetWatchEnd();
 size_t CmReadWorkers(CCmWorkerFigures* aFigures, size_t aRoom);
 
 // Reads the section [Watch] of the profile, once in the process, and starts the watch if it says
