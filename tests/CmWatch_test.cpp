@@ -15,6 +15,7 @@
 
 #include "CmEvent.h"
 #include "CmThread.h"
+#include "CmTimerQueueCalendar.h"
 #include "CmTimerQueueOrderedList.h"
 #include "CmTraceLine.h"
 #include "CmWatched.h"
@@ -940,6 +941,29 @@ TEST(CCmWatch, SaysWhichTimerHandlerWasSlow) {
     EXPECT_EQ(2U, sink.count("CCmTimedCalls::FireDue, watch, class="));
     EXPECT_LE(180000U, FiguresOf(*task).m_ullInTimers + FiguresOf(worker).m_ullInTimers);
     EXPECT_EQ(2U, FiguresOf(*task).m_ullTimersFired);
+}
+
+TEST(CCmWatch, SaysWhichHandlerOfACalendarQueueWasSlow) {
+    const ScopedWatch watch;
+    ScopedTraceSink sink;
+    TaskThread task;
+    CSlowHandler inSlot;
+    CSlowHandler atOnce;
+    std::unique_ptr<CCmTimerQueueCalendar> calendar;
+    CmCall(*task, [&] {
+        calendar = std::make_unique<CCmTimerQueueCalendar>(10, 1000);
+        calendar->ScheduleTimer(&inSlot, nullptr, CCmTimeValue(0, 10000), 1);
+        calendar->ScheduleTimer(&atOnce, nullptr, CCmTimeValue::s_tvZero, 1);
+        calendar->TimerTick();
+        calendar->TimerTick();
+    });
+    ASSERT_TRUE(atOnce.m_Fired.Wait());
+    CmCall(*task, [&] { calendar.reset(); });
+    EXPECT_EQ(2U, sink.count("CCmTimerQueueCalendar::TimerTick, watch, class="));
+    EXPECT_EQ(2U, sink.count("CSlowHandler ranUsec="));
+    const CCmWorkerFigures figures = FiguresAtRest(*task);
+    EXPECT_EQ(2U, figures.m_ullTimersFired);
+    EXPECT_EQ(0U, figures.m_Late.m_ullCount);
 }
 
 // Two timers of one pass: the first turns the watch off, or off and on, the second is slow.

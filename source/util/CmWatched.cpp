@@ -533,7 +533,8 @@ bool CCmWatchedTimers::Count(long long aLateUsec) {
     const long long llStart = m_llStart;
     m_llStart = NowUsec();
     m_llRan = m_llStart - llStart;
-    m_llLate = aLateUsec + (llStart - m_llBegin);
+    const bool bIsLateKnown = aLateUsec != UNKNOWN_USEC;
+    m_llLate = bIsLateKnown ? aLateUsec + (llStart - m_llBegin) : 0;
     if (m_Run.IsOutermost()) {
         thread.m_ullInTimers.Add(ToFigure(m_llRan));
     }
@@ -542,7 +543,9 @@ bool CCmWatchedTimers::Count(long long aLateUsec) {
         return false;
     }
     thread.m_ullTimersFired.Add(1);
-    thread.m_Late.Add(m_llLate);
+    if (bIsLateKnown) {
+        thread.m_Late.Add(m_llLate);
+    }
     if (CCmFlightRing* const pRing = thread.Ring()) {
         pRing->Timer(llStart, m_llRan, m_llLate, m_pTable);
     }

@@ -352,8 +352,9 @@ class CCmWatchedTimers {
             m_bHasMissed = true;
         }
     }
-    // It has returned. aLateUsec: how late it was when the pass began. True when it took so long
-    // that it is to be reported.
+    // It has returned. aLateUsec: how late it was when the pass began, or UNKNOWN_USEC. True when
+    // it took so long that it is to be reported.
+    static constexpr long long UNKNOWN_USEC = -1;
     bool EndOne(long long aLateUsec) {
         return CM_UNLIKELY(m_pTable != nullptr) && Count(aLateUsec);
     }
