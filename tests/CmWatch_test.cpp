@@ -16,6 +16,9 @@
 
 #include "CmEvent.h"
 #include "CmThread.h"
+#include "CmTimerQueueCalendar.h"
+#include "CmTimerQueueOrderedList.h"
+#include "CmTraceLine.h"
 #include "CmWatched.h"
 #include "CmWorker.h"
 #include "port/CmPort.h"
@@ -54,6 +57,18 @@ void TakeLong() {
 class CNothing final : public ICmEvent {
   public:
     CmResult OnEventFire() override { return CM_OK; }
+};
+
+class CSwitchEvent final : public ICmEvent {
+  public:
+    explicit CSwitchEvent(std::function<void()> aSwitch) : m_Switch(std::move(aSwitch)) {}
+    CmResult OnEventFire() override {
+        m_Switch();
+        return CM_OK;
+    }
+
+  private:
+    const std::function<void()> m_Switch;
 };
 
 class CSlowEvent final : public ICmEvent {
@@ -104,6 +119,30 @@ TEST(CCmWatch, IsOff_UntilItIsStarted) {
     }
     EXPECT_FALSE(CCmWatch::IsOn());
     EXPECT_EQ(CM_OK, CCmWatch::Stop());
+}
+
+// Says that there is no file, while it starts.
+CmResult StartWithoutFile() {
+    return CCmWatch::Start(CCmWatchOptions().Directory("/dev/null/none"));
+}
+
+TEST(CCmWatch, StartsAndStops_WhenItsOwnLinesAskForIt) {
+    static CmResult s_rvStart = CM_OK;
+    static bool s_bSaid = false;
+    const ScopedTraceSink restores;
+    set_util_external_trace_sink([](unsigned long, const char* aText, unsigned int) {
+        if (std::strstr(aText, "CCmFlight::Open, no file") != nullptr) {
+            s_bSaid = true;
+            s_rvStart = CCmWatch::Start();
+            CCmWatch::Stop();
+        }
+    });
+    EXPECT_EQ(CM_OK, StartWithoutFile());
+    EXPECT_TRUE(s_bSaid);
+    EXPECT_EQ(CM_ERROR_ALREADY_INITIALIZED, s_rvStart);
+    EXPECT_TRUE(CCmWatch::IsOn());
+    CCmWatch::Stop();
+    EXPECT_FALSE(CCmWatch::IsOn());
 }
 
 TEST(CCmWatch, TellsWhereTheRecordingIs_WhileThereIsOne) {
@@ -333,6 +372,17 @@ TEST(CCmWatch, CountsWhatIsRefusedAndWhatEndsUnfired) {
     EXPECT_EQ(0U, row->m_ullPending);
 }
 
+// Also of a thread that has ended.
+CCmWorkerFigures RowOf(const std::string& aName) {
+    for (const CCmWorkerFigures& row : Rows()) {
+        if (aName == row.m_szName) {
+            return row;
+        }
+    }
+    ADD_FAILURE() << "no row " << aName;
+    return CCmWorkerFigures();
+}
+
 TEST(CCmWatch, CountsWhatAWorkerLeavesUnfired_WhenItStopsNow) {
     const ScopedWatch watch;
     CCmWorker worker(Named("stopped"));
@@ -349,18 +399,122 @@ TEST(CCmWatch, CountsWhatAWorkerLeavesUnfired_WhenItStopsNow) {
     EXPECT_EQ(CM_OK, worker.StopNow());
     go.Open();
     EXPECT_EQ(CM_OK, worker.Join());
-    const std::vector<CCmWorkerFigures> rows = Rows();
-    const auto row = std::find_if(rows.begin(), rows.end(), [](const CCmWorkerFigures& aRow) {
-        return std::string("stopped") == aRow.m_szName;
-    });
-    ASSERT_NE(rows.end(), row);
-    EXPECT_EQ(14U, row->m_ullPosted);  // its stop event, too
-    EXPECT_EQ(1U, row->m_ullRun);
-    EXPECT_EQ(13U, row->m_ullUnfired);
-    EXPECT_EQ(0U, row->m_ullPending);
+    const CCmWorkerFigures row = RowOf("stopped");
+    EXPECT_EQ(14U, row.m_ullPosted);  // its stop event, too
+    EXPECT_EQ(1U, row.m_ullRun);
+    EXPECT_EQ(13U, row.m_ullUnfired);
+    EXPECT_EQ(0U, row.m_ullPending);
 }
 
 // Events of every kind are under way while the watch is turned on and off.
+// Taken out before the watch was on, pending again after that.
+TEST(CCmWatch, CountsWhatIsPutBackAsPosted_WhenItWasTakenOutBefore) {
+    CCmWorker worker(Named("put back"));
+    Gate firstBegun;
+    Gate first;
+    Gate secondBegun;
+    Gate second;
+    CmPost(worker, [&] {
+        firstBegun.Open();
+        first.Wait();
+    });
+    ASSERT_TRUE(firstBegun.Wait());
+    CmPost(worker, [&] {
+        secondBegun.Open();
+        second.Wait();
+    });
+    for (int i = 0; i < 4; ++i) {
+        CmPost(worker, [] {});
+    }
+    first.Open();
+    ASSERT_TRUE(secondBegun.Wait());  // the four after it have been taken out with it
+    const ScopedWatch watch;
+    CmPost(worker, [] {});
+    EXPECT_EQ(CM_OK, worker.StopNow());
+    second.Open();
+    EXPECT_EQ(CM_OK, worker.Join());
+    const CCmWorkerFigures row = RowOf("");  // it has not come to its queue since
+    EXPECT_EQ(6U, row.m_ullPosted);          // its stop event, too
+    EXPECT_EQ(0U, row.m_ullRun);
+    EXPECT_EQ(6U, row.m_ullUnfired);
+    EXPECT_EQ(0U, row.m_ullPending);
+}
+
+TEST(CCmWatch, KeepsItsFigures_WhenItIsStopped) {
+    CCmWorker sleeper(Named("sleeper"));
+    CCmWorker worker(Named("stays"));
+    Gate begun;
+    Gate go;
+    {
+        const ScopedWatch watch;
+        CmPost(sleeper, [] {});
+        FiguresAtRest(sleeper);
+        CmPost(worker, [&] {
+            begun.Open();
+            go.Wait();
+        });
+        ASSERT_TRUE(begun.Wait());
+        CmPost(worker, [] {});
+    }
+    const CCmWorkerFigures asleep = FiguresOf(sleeper);
+    const CCmWorkerFigures before = FiguresOf(worker);
+    EXPECT_EQ(2U, before.m_ullPosted);
+    EXPECT_EQ(1U, before.m_ullPending);
+    go.Open();
+    CmCall(worker, [] {});
+    TakeLong();
+    EXPECT_EQ(asleep.m_ullAsleep, FiguresOf(sleeper).m_ullAsleep);
+    CmCall(sleeper, [] {});
+    EXPECT_EQ(asleep.m_ullAsleep, FiguresOf(sleeper).m_ullAsleep);
+    const CCmWorkerFigures after = FiguresOf(worker);
+    EXPECT_EQ(2U, after.m_ullPosted);
+    EXPECT_EQ(1U, after.m_ullRun);
+    EXPECT_EQ(1U, after.m_ullPending);
+}
+
+TEST(CCmWatchedSharedCount, KeepsTheCountOfTheLatestStart) {
+    CCmWatchedSharedCount count;
+    count.Add(1, 2);
+    count.Add(2, 3);
+    count.Add(1, 4);  // of a thread that has not seen the second start
+    count.Add(0, 5);  // of one that has seen the end
+    EXPECT_EQ(3U, count.Of(2));
+    EXPECT_EQ(0U, count.Of(1));
+}
+
+TEST(CCmWatch, CountsNoEventOfAPass_WhenTheOneBeforeTurnedItOff) {
+    CCmEventQueueUsingMutex queue;
+    ScopedTraceSink sink;
+    {
+        const ScopedWatch watch;
+        queue.PostEvent(new CSwitchEvent([] { CCmWatch::Stop(); }),
+                        ICmEventQueue::EPRIORITY_NORMAL);
+        queue.PostEvent(new CSlowEvent, ICmEventQueue::EPRIORITY_NORMAL);
+        std::list<ICmEvent*> events;
+        ASSERT_EQ(CM_OK, queue.PopPendingEventsLocked(events, 5, nullptr));
+        queue.ProcessTakenEvents(events);
+        const CCmWorkerFigures row = RowOf("CmWatch_test");
+        EXPECT_EQ(2U, row.m_ullPosted);
+        EXPECT_EQ(1U, row.m_ullRun);
+        EXPECT_EQ(1U, row.m_ullPending);
+    }
+    EXPECT_EQ(1U, sink.count("CCmEventQueueBase::ProcessOneEvent, report,"));
+    EXPECT_EQ(0U, sink.count(", watch, "));
+}
+
+TEST(CCmWatch, CountsASendAsRefused_WhenThereIsNoMemoryForIt) {
+    const ScopedWatch watch;
+    CCmWorker worker(Named("refuses"));
+    CmCall(worker, [] {});
+    const CCmWorkerFigures before = FiguresAtRest(worker);
+    ICmEvent* const pEvent = new CNothing;
+    {
+        const ScopedAllocationFault fault(1);
+        EXPECT_EQ(CM_ERROR_OUT_OF_MEMORY, worker.GetEventQueue()->SendEvent(pEvent));
+    }
+    EXPECT_EQ(before.m_ullRefused + 1, FiguresAtRest(worker).m_ullRefused);
+}
+
 TEST(CCmWatch, PostedIsRunUnfiredAndPending_WhileItIsTurnedOnAndOff) {
     CCmWorker worker(Named("middle"));
     TaskThread task;
@@ -678,6 +832,53 @@ TEST(CCmWatch, ForgetsThreadsThatHaveEnded) {
     }
 }
 
+// As a thread does on macOS that is cancelled within an event.
+TEST(CCmWatch, BeginsANewThreadOutsideOfEvents_WhenTheOneBeforeItLeftNone) {
+    const ScopedWatch watch;
+    alignas(CCmWatchedRun) static unsigned char s_abyRun[sizeof(CCmWatchedRun)];
+    const CCmWatchedThread* pLeft = nullptr;
+    std::thread([&pLeft] {
+        CCmWatchedThread* const pThread = CmEnsureWatchedThread();
+        ::new (s_abyRun) CCmWatchedRun;
+        reinterpret_cast<CCmWatchedRun*>(s_abyRun)->Enter(pThread);
+        pLeft = pThread;
+    }).join();
+    bool bIsFound = false;
+    for (int i = 0; i < 200 && !bIsFound; ++i) {
+        std::thread([&] {
+            const CCmWatchedThread* const pThread = CmEnsureWatchedThread();
+            bIsFound = pThread == pLeft;
+            EXPECT_EQ(0U, pThread->m_dwDepth);
+        }).join();
+    }
+    EXPECT_TRUE(bIsFound);
+}
+
+// Traces a line before it has its name.
+class CLateName final : public CCmThreadTask {
+  public:
+    void OnThreadInit() override {
+        CCmThreadTask::OnThreadInit();
+        CM_INFO_TRACE("no name yet");
+        CmPortNameThisThread("late name");
+    }
+};
+
+TEST(CCmWatch, KnowsAPosterByItsName_WhenItTracedALineBeforeItHadOne) {
+    const ScopedWatch watch;
+    ScopedTraceSink sink;
+    CCmWorker worker(Named("slow"));
+    CLateName poster;
+    ASSERT_EQ(CM_OK, poster.Create(1));
+    CmCall(poster, [&] {
+        worker.GetEventQueue()->PostEvent(new CSlowEvent, ICmEventQueue::EPRIORITY_NORMAL);
+    });
+    FiguresAtRest(worker);
+    poster.Stop(nullptr);
+    poster.Join();
+    EXPECT_EQ(1U, sink.count("CSlowEvent postedBy=late name waitedUsec="));
+}
+
 TEST(CCmWatch, SaysWhatASlowEventWas) {
     const ScopedWatch watch;
     ScopedTraceSink sink;
@@ -762,6 +963,75 @@ TEST(CCmWatch, SaysWhichTimerHandlerWasSlow) {
     EXPECT_EQ(2U, sink.count("CCmTimedCalls::FireDue, watch, class="));
     EXPECT_LE(180000U, FiguresOf(*task).m_ullInTimers + FiguresOf(worker).m_ullInTimers);
     EXPECT_EQ(2U, FiguresOf(*task).m_ullTimersFired);
+}
+
+TEST(CCmWatch, SaysWhichHandlerOfACalendarQueueWasSlow) {
+    const ScopedWatch watch;
+    ScopedTraceSink sink;
+    TaskThread task;
+    CSlowHandler inSlot;
+    CSlowHandler atOnce;
+    std::unique_ptr<CCmTimerQueueCalendar> calendar;
+    CmCall(*task, [&] {
+        calendar = std::make_unique<CCmTimerQueueCalendar>(10, 1000);
+        calendar->ScheduleTimer(&inSlot, nullptr, CCmTimeValue(0, 10000), 1);
+        calendar->ScheduleTimer(&atOnce, nullptr, CCmTimeValue::s_tvZero, 1);
+        calendar->TimerTick();
+        calendar->TimerTick();
+    });
+    ASSERT_TRUE(atOnce.m_Fired.Wait());
+    CmCall(*task, [&] { calendar.reset(); });
+    EXPECT_EQ(2U, sink.count("CCmTimerQueueCalendar::TimerTick, watch, class="));
+    EXPECT_EQ(2U, sink.count("CSlowHandler ranUsec="));
+    const CCmWorkerFigures figures = FiguresAtRest(*task);
+    EXPECT_EQ(2U, figures.m_ullTimersFired);
+    EXPECT_EQ(0U, figures.m_Late.m_ullCount);
+}
+
+// Two timers of one pass: the first turns the watch off, or off and on, the second is slow.
+class CSwitchHandler final : public ICmTimerHandler {
+  public:
+    explicit CSwitchHandler(std::function<void()> aSwitch) : m_Switch(std::move(aSwitch)) {}
+    void OnTimeout(const CCmTimeValue& /*aCurTime*/, void* /*aArg*/) override { m_Switch(); }
+
+  private:
+    std::function<void()> m_Switch;
+};
+
+void FireInOnePass(const std::vector<ICmTimerHandler*>& aHandlers) {
+    CCmTimerQueueOrderedList timers(nullptr);
+    for (size_t i = 0; i < aHandlers.size(); ++i) {
+        const CCmTimeValue tvInterval(0, 1 + 100 * static_cast<long>(i));
+        timers.ScheduleTimer(aHandlers[i], nullptr, tvInterval, 1);
+    }
+    std::this_thread::sleep_for(1ms);
+    EXPECT_EQ(aHandlers.size(), timers.CheckExpire(nullptr));
+}
+
+TEST(CCmWatch, SaysNothingOfATimer_WhenTheOneBeforeTurnedItOff) {
+    ScopedTraceSink sink;
+    CSwitchHandler turnOff([] { CCmWatch::Stop(); });
+    CSlowHandler slow;
+    {
+        const ScopedWatch watch;
+        FireInOnePass({&turnOff, &slow});
+    }
+    EXPECT_EQ(0U, sink.count(", watch, "));
+}
+
+TEST(CCmWatch, TakesNoTimeOfOthersForATimers_WhenItIsTurnedOnAgainInTheSamePass) {
+    ScopedTraceSink sink;
+    CSwitchHandler turnOff([] { CCmWatch::Stop(); });
+    CSwitchHandler turnOn(
+        [] { EXPECT_EQ(CM_OK, CCmWatch::Start(CCmWatchOptions().Record(false))); });
+    CSlowHandler slow;
+    CSwitchHandler nothing([] {});
+    {
+        const ScopedWatch watch;
+        FireInOnePass({&turnOff, &slow, &turnOn, &nothing});
+        EXPECT_TRUE(CCmWatch::IsOn());
+    }
+    EXPECT_EQ(0U, sink.count(", watch, "));
 }
 
 TEST(CCmWatch, SaysNothing_WhileItIsOff) {

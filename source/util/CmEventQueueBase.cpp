@@ -219,6 +219,9 @@ class CCmEventQueueSteps::CPosting {
         }
         // Before the event is there: the watch may begin with what is.
         m_pWatched = CmWatchIsOn() ? Watched_l(m_Queue) : nullptr;
+        if (CM_UNLIKELY(m_pWatched != nullptr && !m_bIsRecorded)) {
+            m_bIsWayBack = See(m_pEvent).m_bIsWayBack;
+        }
         m_Queue.m_Events.splice(m_Queue.m_Events.end(), aNodes, aNodes.begin());
         m_Queue.m_Events.back() = m_pEvent;
         const DWORD dwSize = m_Queue.m_dwSize.load(std::memory_order_relaxed) + 1;
@@ -280,6 +283,7 @@ class CCmEventQueueSteps::CPosting {
     // takes long.
     void Record() {
         EnsureWatched(m_Queue);
+        m_bIsRecorded = true;
         CCmFlightRing* const pRing = RingOfThisThread();
         const CSeenEvent seen = See(m_pEvent);
         m_bIsWayBack = seen.m_bIsWayBack;
@@ -313,6 +317,7 @@ class CCmEventQueueSteps::CPosting {
     DWORD m_dwReportSize = 0;               // the size to report; 0: nothing
     DWORD m_dwMark = 0;                     // a high-water mark to record; 0: none
     CCmWatchedQueue* m_pWatched = nullptr;  // since Append
+    bool m_bIsRecorded = false;             // the watch was on before the lock was taken
     bool m_bIsWayBack = false;              // of a synchronous send
 };
 
@@ -374,7 +379,7 @@ uint64_t CCmEventQueueSteps::CountWithoutWaysBack(const std::list<ICmEvent*>& aE
 void CCmEventQueueSteps::NoteTaken_l(CCmEventQueueBase& aQueue, CCmWatchedQueue& aWatched,
                                      size_t aCount) {
     WatchedOwn(aQueue);
-    aWatched.NoteTaken(aCount);
+    aWatched.NoteTaken(aWatched.Start(), aCount);
     if (CM_UNLIKELY(aWatched.m_dwGhosts.Get() != 0)) {
         aWatched.m_dwGhosts.Set(aQueue.m_dwSize.load(std::memory_order_relaxed) -
                                 static_cast<DWORD>(aQueue.m_Events.size()));
@@ -421,7 +426,7 @@ CCmWatchedThread* CCmEventQueueSteps::FallAsleep(const CLoop* aLoop) {
 
 // With events there, the pass that runs them reads the clock anyway (CPass::BeginWatch).
 void CCmEventQueueSteps::WakeUp(CCmWatchedThread& aThread, bool aHasEvents) {
-    if (!aHasEvents) {
+    if (!aHasEvents && aThread.IsOf(g_cmWatchOn.load(std::memory_order_relaxed))) {
         aThread.EndSleep(CmUsecOf(CCmTimeValue::GetTimeOfDay()));
     }
 }
@@ -442,7 +447,9 @@ class CCmEventQueueSteps::CPass {
 
     void RunAndDestroy(ICmEvent* aEvent) {
         CM_ASSERTE_RETURN(aEvent, void());
-        if (CM_UNLIKELY(m_pWatched != nullptr)) {
+        // An event within this pass may have turned the watch off, and on again.
+        if (CM_UNLIKELY(m_pWatched != nullptr &&
+                        m_dwStart == g_cmWatchOn.load(std::memory_order_relaxed))) {
             RunWatched(aEvent);
             return;
         }
@@ -465,6 +472,17 @@ class CCmEventQueueSteps::CPass {
         if (CM_UNLIKELY(m_pWatched != nullptr)) {
             m_pWatched->m_Unfired.Add(m_dwStart, CountWithoutWaysBack(aEvents));
             m_pWatched->m_dwTaken.Set(0);
+        }
+    }
+
+    // The same of events that are about to be pending again. Those that were taken out before the
+    // watch was on count as posted from now on.
+    void NotePutBack_l(const std::list<ICmEvent*>& aEvents) const {
+        if (CCmWatchedQueue* const pWatched = Watched_l(m_Queue)) {
+            if (m_pWatched == nullptr || m_dwStart != pWatched->Start()) {
+                pWatched->m_ullPosted.Add(CountWithoutWaysBack(aEvents));
+            }
+            pWatched->m_dwTaken.Set(0);
         }
     }
 
@@ -523,8 +541,7 @@ void CCmEventQueueSteps::CPass::BeginWatch() {
 
 void CCmEventQueueSteps::CPass::RunWatched(ICmEvent* aEvent) {
     const CSeenEvent seen = See(aEvent);
-    // An event within this pass may have turned the watch off and on again.
-    const bool bCounts = !seen.m_bIsWayBack && m_pWatched->IsOwnOf(m_dwStart);
+    const bool bCounts = !seen.m_bIsWayBack;
     CCmWatchedThread& thread = *m_Run.Thread();
     const long long llStart = CmUsecOf(m_tvStart);
     m_Run.SetCurrent(seen.m_pTable, llStart);
@@ -887,6 +904,9 @@ CmResult CCmEventQueueBase::SendEvent(ICmEvent* aEvent) {
     }
     CCmEventSynchronous* pSynchronous = new (std::nothrow) CCmEventSynchronous(aEvent, this);
     if (pSynchronous == nullptr) {
+        if (CmWatchIsOn()) {
+            CCmEventQueueSteps::NoteRefused(*this);
+        }
         aEvent->OnDestorySelf();
         return CM_ERROR_OUT_OF_MEMORY;
     }
@@ -1187,15 +1207,16 @@ class CCmEventQueueUsingConditionVariable::CConditionQueueState {
     void Run(CCmEventQueueSteps::CPass& aPass, std::list<ICmEvent*>& aEvents,
              const CmStd::atomic<bool>* aStop) {
         CCmEventQueueSteps::Run(aPass, aEvents.begin(), aEvents.end(), aStop,
-                                [this, &aEvents](std::list<ICmEvent*>::iterator aRest) {
-                                    PutBack(aEvents, aRest);
+                                [this, &aPass, &aEvents](std::list<ICmEvent*>::iterator aRest) {
+                                    PutBack(aPass, aEvents, aRest);
                                     KeepNodes(aEvents);
                                 });
     }
 
   private:
     // The events from aRest on are pending again, in their old place: the head.
-    void PutBack(std::list<ICmEvent*>& aEvents, std::list<ICmEvent*>::iterator aRest) {
+    void PutBack(CCmEventQueueSteps::CPass& aPass, std::list<ICmEvent*>& aEvents,
+                 std::list<ICmEvent*>::iterator aRest) {
         if (aRest == aEvents.end()) {
             return;
         }
@@ -1206,12 +1227,11 @@ class CCmEventQueueUsingConditionVariable::CConditionQueueState {
                 CCmEventQueueSteps::LoopOfThisThread(m_Queue)) {
             pLoop->GiveOwn();
         }
+        if (CmWatchIsOn()) {
+            aPass.NotePutBack_l(rest);
+        }
         m_Queue.m_dwSize.fetch_add(static_cast<DWORD>(rest.size()), std::memory_order_relaxed);
         m_Queue.m_Events.splice(m_Queue.m_Events.begin(), rest);
-        if (CCmWatchedQueue* const pWatched =
-                CmWatchIsOn() ? CCmEventQueueSteps::Watched_l(m_Queue) : nullptr) {
-            pWatched->m_dwTaken.Set(0);
-        }
     }
     // With the node that was prepared, or with a spare one.
     CmResult Append_l(CCmEventQueueSteps::CPosting& aPosting) CM_REQUIRES(m_Queue.m_Mutex) {
@@ -1531,7 +1551,7 @@ bool CCmEventQueueSteps::CLoop::TakeOwn(std::list<ICmEvent*>& aEvents, DWORD aMa
     }
     if (CM_UNLIKELY(aIsWatched)) {
         if (CCmWatchedQueue* const pWatched = WatchedOwn(m_Queue)) {
-            pWatched->NoteTaken(std::min<size_t>(m_Own.size(), aMaxCount));
+            pWatched->NoteTaken(pWatched->OwnStart(), std::min<size_t>(m_Own.size(), aMaxCount));
         }
     }
     if (m_Own.size() <= aMaxCount) {

@@ -73,7 +73,7 @@ class CCmWatchedT {
     CmStd::atomic<ValueType> m_Value{};
 };
 
-// A count that several threads add to, now and then; with the start that it is of.
+// A count that several threads add to, now and then; of the latest start.
 class CCmWatchedSharedCount {
   public:
     void Add(DWORD aStart, uint64_t aCount);
@@ -129,7 +129,7 @@ class CCmWatchedThread {
     pthread_t Tid() const { return m_Tid; }
     bool HasEnded() const { return m_bHasEnded; }
     uint64_t Number() const { return m_ullNumber; }  // that of CmNumberOfThisThread
-    CCmFlightRing* Ring() const { return m_pRing; }  // null: no records of this thread
+    CCmFlightRing* Ring() const { return m_pRing.Get(); }  // null: no records of this thread
     // Its figures with those of the queues that it runs. Under the registry's lock.
     void CopyFigures(CCmWorkerFigures& aFigures) const;
     void CopyFigures(CCmFlightFigures& aFigures) const;
@@ -178,7 +178,7 @@ class CCmWatchedThread {
     bool m_bHasEnded = false;
     uint64_t m_ullNumber = 0;
     CmStd::atomic<DWORD> m_dwStart{0};
-    CCmFlightRing* m_pRing = nullptr;
+    CCmWatchedT<CCmFlightRing*> m_pRing;
     CCmWatchedThread* m_pNext = nullptr;
 };
 
@@ -259,9 +259,11 @@ class CCmWatchedQueue {
     // Whether the part that is written under the queue's lock is of aStart; if not, it has to begin
     // with what is pending.
     bool IsOf(DWORD aStart) const { return m_dwStart.Get() == aStart; }
+    DWORD Start() const { return m_dwStart.Get(); }
     void Begin(DWORD aStart, uint64_t aPending, DWORD aGhosts);
     // The same for what the consumer writes. aOwn: the length of its private list.
     bool IsOwnOf(DWORD aStart) const { return m_dwOwnStart.Get() == aStart; }
+    DWORD OwnStart() const { return m_dwOwnStart.Get(); }
     void BeginOwn(DWORD aStart, uint64_t aOwn);
 
     // The consumer is the calling thread. A thread that ends is forgotten.
@@ -275,9 +277,9 @@ class CCmWatchedQueue {
     // aStart: of the watch.
     DWORD Pending(DWORD aStart) const;
 
-    // The consumer takes events out.
-    void NoteTaken(size_t aCount) {
-        m_dwTakenStart = g_cmWatchOn.load(std::memory_order_relaxed);
+    // The consumer takes events out, which have been counted since aStart.
+    void NoteTaken(DWORD aStart, size_t aCount) {
+        m_dwTakenStart = aStart;
         m_dwTaken.Set(static_cast<DWORD>(aCount));
     }
 
@@ -323,7 +325,7 @@ class CCmWatchedQueue {
     CCmWatchedT<DWORD> m_dwTaken;  // events that it has taken out and not begun
     CCmWatchedProbe m_OwnProbe;
     DWORD m_dwOwnPosts = 0;    // since the last probe
-    DWORD m_dwTakenStart = 0;  // of the watch, when events were last taken out; 0: it was off
+    DWORD m_dwTakenStart = 0;  // of the watch, that has counted what was last taken out
 };
 
 // An event or a timer handler that runs, on the stack of its thread. What runs within it counts,
@@ -356,11 +358,19 @@ class CCmWatchedRun {
 // The timers that fire in one pass over a list of them.
 class CCmWatchedTimers {
   public:
-    // One is about to be called; not while the watch is off. aTable: its class. aNow: the wall
-    // clock at the start of the pass.
-    void BeginOne(const void* aTable, const CCmTimeValue& aNow);
-    // It has returned. aLateUsec: how late it was when the pass began. True when it took so long
-    // that it is to be reported. Does nothing without BeginOne.
+    // One is about to be called. aHandler: an object with virtual functions. aNow: the wall clock
+    // at the start of the pass; null: about now.
+    void BeginOne(const void* aHandler, const CCmTimeValue* aNow) {
+        if (CmWatchIsOn()) {
+            Begin(CmTableOf(aHandler), aNow);
+        } else {
+            m_pTable = nullptr;
+            m_bHasMissed = true;
+        }
+    }
+    // It has returned. aLateUsec: how late it was when the pass began, or UNKNOWN_USEC. True when
+    // it took so long that it is to be reported.
+    static constexpr long long UNKNOWN_USEC = -1;
     bool EndOne(long long aLateUsec) {
         return CM_UNLIKELY(m_pTable != nullptr) && Count(aLateUsec);
     }
@@ -375,10 +385,12 @@ class CCmWatchedTimers {
     static void CountOthersOnly();
 
   private:
+    void Begin(const void* aTable, const CCmTimeValue* aNow);
     bool Count(long long aLateUsec);
 
     CCmWatchedRun m_Run;
-    const void* m_pTable = nullptr;  // null: the watch is off
+    const void* m_pTable = nullptr;  // of the one that runs; null: it began without the watch
+    bool m_bHasMissed = false;       // as did the one before
     long long m_llBegin = 0;         // of the pass
     long long m_llStart = 0;         // of the one that runs
     long long m_llLate = 0;
@@ -409,8 +421,10 @@ class CCmWatchedSend {
     long long m_llStart = 0;
 };
 
-// For CCmWatch: the number of the start whose figures are read, and the rows.
+// For CCmWatch: the number of the start whose figures are read, that they stay as they are from now
+// on, and the rows.
 void CmSetWatchStart(DWORD aStart);
+void CmSetWatchEnd();
 size_t CmReadWorkers(CCmWorkerFigures* aFigures, size_t aRoom);
 
 // Reads the section [Watch] of the profile, once in the process, and starts the watch if it says
