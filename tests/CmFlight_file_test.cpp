@@ -308,6 +308,40 @@ TEST(CmFlightFile, KeepsFiveAndItsOwn_WhenItIsOpenedOverAndOver) {
     }
 }
 
+// Locks a file that is made, as programs do that ask whether it is in use, and lets it go later.
+std::thread* s_pLooking = nullptr;
+decltype(g_cmSystem.openat) s_pfnOpenAt = nullptr;
+int OpenWhileSomebodyLooks(int aDirectory, const char* aPath, int aFlags, mode_t aMode) {
+    const int nFile = s_pfnOpenAt(aDirectory, aPath, aFlags, aMode);
+    if ((aFlags & O_CREAT) != 0) {
+        const int nOther = s_pfnOpenAt(aDirectory, aPath, O_RDONLY, 0);
+        EXPECT_EQ(0, flock(nOther, LOCK_SH | LOCK_NB));
+        *s_pLooking = std::thread([nOther] {
+            usleep(3000);
+            close(nOther);
+        });
+    }
+    return nFile;
+}
+
+TEST(CmFlightFile, IsInUse_WhenSomebodyLooksWhetherItIsWhileItIsMade) {
+    const ScopedDirectory directory;
+    std::thread looking;
+    s_pLooking = &looking;
+    {
+        const kelto_test::ScopedEntry<decltype(g_cmSystem.openat)> entry(g_cmSystem.openat,
+                                                                         &OpenWhileSomebodyLooks);
+        s_pfnOpenAt = entry.original();
+        EXPECT_EQ(CM_OK, CCmFlight::Open(Options(directory.path().c_str())));
+    }
+    looking.join();
+    const int nFile = open((directory.path() + "/" + directory.names().at(0)).c_str(), O_RDONLY);
+    EXPECT_EQ(-1, flock(nFile, LOCK_SH | LOCK_NB));
+    EXPECT_EQ(EWOULDBLOCK, errno);
+    close(nFile);
+    CCmFlight::Close();
+}
+
 // ---- Calls that fail
 
 // aInject makes the aNth of its calls fail.
@@ -460,6 +494,24 @@ TEST(CmFlightFile, GivesWayToMemoryAndSaysSoOnce_WhenItIsCut) {
                 flight.path(),
             sink.lines()[0].text);
     }
+}
+
+// A bus error that is blocked ends the process whatever handles it.
+TEST(CmFlightFile, GivesWayToMemory_WhenTheThreadHadBlockedAllSignals) {
+    const ScopedFlight flight;
+    std::thread([&] {
+        sigset_t signals;
+        sigfillset(&signals);
+        EXPECT_EQ(0, pthread_sigmask(SIG_SETMASK, &signals, nullptr));
+        CCmFlightRing* const pRing = CCmFlight::AttachThisThread("blocks signals");
+        ASSERT_EQ(0, truncate(flight.path().c_str(), 0));
+        pRing->Post(1, nullptr, pRing, nullptr);
+        long long llUsec = 0;
+        EXPECT_TRUE(pRing->FindPost(pRing, 1, llUsec));
+        EXPECT_EQ(0, pthread_sigmask(SIG_SETMASK, nullptr, &signals));
+        EXPECT_EQ(0, sigismember(&signals, SIGBUS));
+        EXPECT_EQ(1, sigismember(&signals, SIGTERM)) << "no other";
+    }).join();
 }
 
 TEST(CmFlightFile, IsCutOnce_WhenThreadsRecordAllTheTime) {

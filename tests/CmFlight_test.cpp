@@ -338,6 +338,20 @@ TEST(CmFlight, GivesNoRing_WhenAllSlotsAreTaken) {
     EXPECT_EQ(2u, flight.Read().unslotted);
 }
 
+TEST(CmFlight, CountsAThreadOnce_WhenItAsksForASlotOverAndOver) {
+    const ScopedFlight flight(256, 4);
+    CRingThread a("a"), b("b"), c("c"), d("d");
+    std::thread([&] {
+        for (int i = 0; i < 1000; ++i) {
+            EXPECT_EQ(nullptr, CCmFlight::AttachThisThread(nullptr));
+        }
+        EXPECT_EQ(1u, flight.Read().unslotted);
+        a.End();
+        EXPECT_NE(nullptr, CCmFlight::AttachThisThread(nullptr)) << "now there is one";
+    }).join();
+    EXPECT_EQ(1u, flight.Read().unslotted);
+}
+
 TEST(CmFlight, GivesTheSlotThatEndedFirst_WhenNoneIsFree) {
     const ScopedFlight flight(256, 4);
     CRingThread a("a"), b("b", true), c("c"), d("d");

@@ -43,8 +43,14 @@ struct CThisThread {
     CCmFlightRing* m_pRing;
     bool m_bIsBusy;    // in here: lines that are traced meanwhile are not taken
     bool m_bHasEnded;  // its ring was given back: its lines get it none again
+    // When it found no slot last: of s_dwVacancies, and of the Open; 0: never.
+    uint32_t m_dwRefusedAt;
+    uint32_t m_dwRefusedIn;
 };
 thread_local CThisThread t_this = {};
+
+// Grows with all that may give a slot to a thread that found none. Such a thread asks once each.
+CmStd::atomic<uint32_t> s_dwVacancies{1};
 
 // Of all files, at the same places; entered without a lock. The compilers' atomic functions, as for
 // what is mapped.
@@ -219,6 +225,7 @@ struct CCmFlight::CState {
 
     uint32_t FindSlot() const CM_REQUIRES(s_Lock.m_Lock);
     CCmFlightRing* TakeSlot(const char* aName) CM_REQUIRES(s_Lock.m_Lock);
+    void CountRefusal() CM_REQUIRES(s_Lock.m_Lock);
     void Rename(CCmFlightRing& aRing, const char* aName) CM_REQUIRES(s_Lock.m_Lock);
     void PutThread(CCmFlightRing& aRing, uint64_t aUsec) CM_REQUIRES(s_Lock.m_Lock);
     void EndThread(CCmFlightRing& aRing, uint64_t aUsec) CM_REQUIRES(s_Lock.m_Lock);
@@ -244,6 +251,7 @@ struct CCmFlight::CState {
     pthread_key_t m_Key;  // a thread's ring, with the lowest bit set once it is about to go
 
     bool m_bIsOpen;
+    uint32_t m_dwOpens;
     bool m_bIsLossSaid;
     CCmFlightFile m_File;
 
@@ -399,6 +407,8 @@ CmResult CCmFlight::Open(const CCmFlightOptions& aOptions) {
         CopyClasses();
         state.FillHeader(ullStart);
         state.m_bIsOpen = true;
+        ++state.m_dwOpens;
+        s_dwVacancies.fetch_add(1, std::memory_order_relaxed);
         static const CState::CAtExit s_atExit;
     }
     if (aOptions.m_bLines) {
@@ -478,6 +488,10 @@ CCmFlightRing* CCmFlight::AttachThisThread(const char* aName) {
     if (t_this.m_pRing != nullptr && aName == nullptr) {
         return t_this.m_pRing;
     }
+    if (t_this.m_pRing == nullptr &&
+        t_this.m_dwRefusedAt == s_dwVacancies.load(std::memory_order_relaxed)) {
+        return nullptr;
+    }
     char szName[CM_FLIGHT_NAME_SIZE];
     if (aName == nullptr) {
         CmPortNameOfThisThread(szName, sizeof(szName));
@@ -540,13 +554,14 @@ CCmFlightRing* CCmFlight::CState::TakeSlot(const char* aName) {
     }
     const uint32_t dwSlot = FindSlot();
     if (dwSlot == m_dwSlots) {
-        __atomic_fetch_add(&Header()->m_ullUnslottedCount, 1, __ATOMIC_RELAXED);
+        CountRefusal();
         return nullptr;
     }
     CCmFlightRing& ring = m_pRings[dwSlot];
     if (g_cmSystem.pthread_setspecific(m_Key, &ring) != 0) {
         return nullptr;  // its end would not be seen
     }
+    CmPortUnblockBusErrors();  // the ring may lie in a file that is cut
     const uint64_t ullNow = WallUsec();
     COwner& owner = m_pOwners[dwSlot];
     owner.m_eState = CCmFlightSlot::LIVE;
@@ -563,6 +578,15 @@ CCmFlightRing* CCmFlight::CState::TakeSlot(const char* aName) {
     StoreOwner(ring);
     PutThread(ring, ullNow);
     return &ring;
+}
+
+// A thread counts once.
+void CCmFlight::CState::CountRefusal() {
+    t_this.m_dwRefusedAt = s_dwVacancies.load(std::memory_order_relaxed);
+    if (t_this.m_dwRefusedIn != m_dwOpens) {
+        t_this.m_dwRefusedIn = m_dwOpens;
+        __atomic_fetch_add(&Header()->m_ullUnslottedCount, 1, __ATOMIC_RELAXED);
+    }
 }
 
 void CCmFlight::CState::Rename(CCmFlightRing& aRing, const char* aName) {
@@ -589,6 +613,7 @@ void CCmFlight::CState::EndThread(CCmFlightRing& aRing, uint64_t aUsec) {
     owner.m_ullEnd = aUsec;
     owner.m_ullOrder = ++m_ullEnded;
     --m_dwLive;
+    s_dwVacancies.fetch_add(1, std::memory_order_relaxed);
     StoreOwner(aRing);
 }
 
