@@ -7,9 +7,11 @@
 #include <thread>
 #include <vector>
 
+#include "CmWatch.h"
 #include "Row.h"
 #include "Workers.h"
 
+using namespace UTIL_NS;
 using namespace kelto_bench;
 
 namespace {
@@ -71,6 +73,20 @@ void AddPostRows(const char* aArea, const std::string& aWork, int aPosters, bool
         AddPostRow<typename decltype(aType)::Type>(aArea, aWork, aPosters, aTwoCores, aWho);
     });
     AddPostRow<CConditionWorker>(aArea, aWork, aPosters, aTwoCores, BY_HAND);
+}
+
+// Ours, with the watch on.
+void AddWatchedRows(const std::string& aWork, bool aTwoCores) {
+    for (const bool bFile : {false, true}) {
+        Row(
+            AREA, aWork, bFile ? "variant: watched, recorded in a file" : "variant: watched",
+            [=](benchmark::State& aState) {
+                Check(CM_SUCCEEDED(CCmWatch::Start(CCmWatchOptions().Record(bFile))), "watch");
+                PostToRun<CKelto>(aState, 1, aTwoCores);
+                CCmWatch::Stop();
+            },
+            aTwoCores ? Clock::WALL : Clock::PROCESS);
+    }
 }
 
 // ---- Post to itself: every event posts the next.
@@ -188,10 +204,12 @@ void PostToWorkers(benchmark::State& aState, int aWorkers) {
 
 const bool s_bAdded = [] {
     AddPostRows(AREA, "post to run, 1 poster, one core", 1, false);
+    AddWatchedRows("post to run, 1 poster, one core", false);
     AddPostRows(AREA, "post to run, 4 posters, one core", 4, false);
     AddCallableRows();
     if (std::thread::hardware_concurrency() > 1) {
         AddPostRows(AREA, "post to run, 1 poster, two cores", 1, true);
+        AddWatchedRows("post to run, 1 poster, two cores", true);
         AddSendRows(true);
     }
     AddSendRows(false);

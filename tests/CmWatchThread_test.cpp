@@ -17,6 +17,7 @@
 #include "CmBlockedSends.h"
 #include "CmNsec.h"
 #include "CmSystem.h"
+#include "CmWatch.h"
 #include "CmWorker.h"
 #include "support/ChildProcess.h"
 #include "support/Eventually.h"
@@ -36,6 +37,7 @@ using kelto_test::FlightFile;
 using kelto_test::FlightRecord;
 using kelto_test::FlightThread;
 using kelto_test::Gate;
+using kelto_test::ScopedDirectory;
 using kelto_test::ScopedFlight;
 using kelto_test::ScopedTraceSink;
 using kelto_test::StatusOfChild;
@@ -241,6 +243,70 @@ TEST(CmWatchRounds, SayNothingOfSends_WhenThereIsNoLimit) {
     EXPECT_EQ(0U, sink.count(LONG_SEND));
 }
 
+TEST(CmWatchRounds, NameTheThreadThatIsWaitedFor_WhenTheWatchKnowsIt) {
+    ScopedTraceSink sink;
+    ASSERT_EQ(CM_OK, CCmWatch::Start(CCmWatchOptions().Record(false).LongSend(NEVER)));
+    {
+        LongSend send;
+        CCmWatchRounds rounds(1000);
+        EXPECT_TRUE(Eventually([&] {
+            rounds.Run(0, send.After(20000));
+            return sink.count(LONG_SEND) == 1;
+        }));
+    }
+    CCmWatch::Stop();
+    EXPECT_EQ(1U,
+              sink.count("SendEvent, watch, thread=sender waits for thread=consumer since ms="));
+}
+
+TEST(CmWatchRounds, SayUnknown_WhenTheThreadThatIsWaitedForHasEnded) {
+    ScopedTraceSink sink;
+    ASSERT_EQ(CM_OK, CCmWatch::Start(CCmWatchOptions().Record(false).LongSend(NEVER)));
+    CCmEventQueueUsingMutex queue;
+    Gate hasEnded;
+    std::thread sender([&] {
+        EXPECT_TRUE(hasEnded.Wait());
+        queue.SendEvent(CmMakeEvent([] {}));
+    });
+    std::thread([&queue] {
+        queue.BindToCurrentThread();
+        queue.ProcessOneEvent(CmMakeEvent([] {}));
+    }).join();
+    hasEnded.Open();
+    CCmWatchRounds rounds(1000);
+    EXPECT_TRUE(Eventually([&] {
+        rounds.Run(0, CmMonotonicNsec() + 20 * SEC);
+        return sink.count(LONG_SEND) == 1;
+    }));
+    EXPECT_EQ(1U, sink.count(" waits for thread=unknown since ms="));
+    queue.DestoryPendingEvents();
+    sender.join();
+    CCmWatch::Stop();
+}
+
+TEST(CmWatchRounds, StoreTheFiguresOfEachThread) {
+    const ScopedDirectory directory;
+    ASSERT_EQ(CM_OK, CCmWatch::Start(CCmWatchOptions().Directory(directory.path().c_str())));
+    char szPath[1024];
+    CCmFlight::CopyPath(szPath, sizeof(szPath));
+    CCmWorker worker(CCmWorkerOptions().Name("figures"));
+    for (int i = 0; i < 7; ++i) {
+        CmPost(worker, [] {});
+    }
+    const auto stored = [&] {
+        const FlightFile file(szPath);
+        const auto threads = file.Named("figures");
+        return threads.size() == 1 && threads[0]->figuresWall != 0 ? threads[0]->figures
+                                                                   : std::vector<uint64_t>(32);
+    };
+    // Posted and run, by the thread of the watch.
+    EXPECT_TRUE(Eventually([&] { return stored()[0] == 7 && stored()[1] == 7; }));
+    CmPost(worker, [] {});
+    EXPECT_EQ(CM_OK, CmCall(worker, [] {}).Result());
+    CCmWatch::Stop();
+    EXPECT_EQ(9U, stored()[0]);  // the last ones
+}
+
 // Ended by the receiver of a line about a send, on its own thread.
 std::atomic<CCmWatchThread*> s_pEndedByItsLine{nullptr};
 Gate s_lineEndedIt;
@@ -280,6 +346,36 @@ TEST(CmWatchThread, EndsItself_WhenOneOfItsLinesSaysSo) {
     s_pEndedByItsLine = CCmWatchThread::Start(1);
     EXPECT_TRUE(s_lineEndedIt.Wait());
     set_util_external_trace_sink(pfnBefore);
+}
+
+void StopOnLine(unsigned long, const char* aText, unsigned int) {
+    if (std::strstr(aText, LONG_SEND) != nullptr) {
+        CCmWatch::Stop();
+        s_lineEndedIt.Open();
+    }
+}
+
+TEST(CmWatchThread, EndsWithTheWatch_WhenOneOfItsLinesStopsThat) {
+    s_lineEndedIt.Close();
+    const UtilTraceSink pfnBefore = g_util_trace_sink;
+    set_util_external_trace_sink(&StopOnLine);
+    ASSERT_EQ(CM_OK, CCmWatch::Start(CCmWatchOptions().Record(false).LongSend(1)));
+    {
+        LongSend send;
+        EXPECT_TRUE(s_lineEndedIt.Wait());
+    }
+    EXPECT_FALSE(CCmWatch::IsOn());
+    set_util_external_trace_sink(pfnBefore);
+}
+
+TEST(CmWatchThread, IsLeftOut_WhenItCannotBeStarted) {
+    ScopedTraceSink sink;
+    {
+        const FailingCall<&CCmSystemTable::pthread_create> fault(EAGAIN, EAGAIN);
+        EXPECT_EQ(CM_OK, CCmWatch::Start(CCmWatchOptions().Record(false)));
+    }
+    EXPECT_TRUE(CCmWatch::IsOn());
+    EXPECT_EQ(CM_OK, CCmWatch::Stop());
 }
 
 TEST(CmWatchThread, IsNull_WhenThereIsNoThread) {

@@ -18,6 +18,7 @@
 #include "CmWorker.h"
 #include "support/Eventually.h"
 #include "support/Faults.h"
+#include "support/Flight.h"
 #include "support/Gate.h"
 #include "support/TraceSink.h"
 #include "support/Watch.h"
@@ -35,6 +36,7 @@ using kelto_test::LiveAllocations;
 using kelto_test::NamelessEvent;
 using kelto_test::Rows;
 using kelto_test::ScopedAllocationFault;
+using kelto_test::ScopedDirectory;
 using kelto_test::ScopedTraceSink;
 using kelto_test::ScopedWatch;
 using kelto_test::TaskThread;
@@ -97,6 +99,30 @@ TEST(CCmWatch, IsOff_UntilItIsStarted) {
     }
     EXPECT_FALSE(CCmWatch::IsOn());
     EXPECT_EQ(CM_OK, CCmWatch::Stop());
+}
+
+TEST(CCmWatch, TellsWhereTheRecordingIs_WhileThereIsOne) {
+    const auto recording = [](size_t aSize, CmResult aExpected) {
+        char szPath[1024] = "before";
+        EXPECT_EQ(aExpected, CCmWatch::GetRecording(szPath, aSize));
+        return std::string(szPath);
+    };
+    EXPECT_EQ("", recording(1024, CM_OK));
+    {
+        const ScopedWatch watch;
+        EXPECT_EQ("", recording(1024, CM_OK));
+    }
+    const ScopedDirectory directory;
+    ASSERT_EQ(CM_OK, CCmWatch::Start(CCmWatchOptions().Directory(directory.path().c_str())));
+    ASSERT_EQ(1u, directory.names().size());
+    const std::string sPath = directory.path() + "/" + directory.names().front();
+    EXPECT_EQ(sPath, recording(1024, CM_OK));
+    EXPECT_EQ(sPath, recording(sPath.size() + 1, CM_OK));
+    EXPECT_EQ("", recording(sPath.size(), CM_ERROR_INVALID_ARG));
+    EXPECT_EQ("before", recording(0, CM_ERROR_INVALID_ARG));
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, CCmWatch::GetRecording(nullptr, 1024));
+    EXPECT_EQ(CM_OK, CCmWatch::Stop());
+    EXPECT_EQ("", recording(1024, CM_OK));
 }
 
 TEST(CCmWatch, ReadTellsHowManyWorkersThereAre_WhateverTheRoom) {

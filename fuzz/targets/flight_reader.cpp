@@ -13,12 +13,18 @@ using namespace UTIL_NS;
 namespace {
 
 typedef void (*Printer)(CCmFlightReader& aReader, const CCmFlightRecords& aRecords,
-                        const CmTextSink& aSink);
+                        ICmTextSink& aSink);
+
+class CText final : public ICmTextSink {
+  public:
+    void Put(std::string_view aText) override { text += aText; }
+    std::string text;
+};
 
 std::string Printed(Printer aPrinter, CCmFlightReader& aReader, const CCmFlightRecords& aRecords) {
-    std::string sText;
-    aPrinter(aReader, aRecords, [&](std::string_view aText) { sText += aText; });
-    return sText;
+    CText text;
+    aPrinter(aReader, aRecords, text);
+    return text.text;
 }
 
 void CheckError(const std::string& aError) {
@@ -43,19 +49,25 @@ void CheckRecords(const CCmFlightRecords& aRecords) {
     }
 }
 
+// Without those of the head.
+size_t LinesOf(const std::string& aText) {
+    size_t nLines = 0;
+    for (size_t n = 0; n < aText.size(); n = aText.find('\n', n) + 1) {
+        nLines += aText[n] == '#' && aText[n + 1] == ' ' ? 0 : 1;
+    }
+    return nLines;
+}
+
 void CheckPrinted(CCmFlightReader& aReader, const CCmFlightRecords& aRecords) {
     const std::string sLines = Printed(CmPrintRecords, aReader, aRecords);
     const auto nShown =
         std::count_if(aRecords.records.begin(), aRecords.records.end(),
                       [](const CCmFlightRecord& aRecord) { return aRecord.isShown; });
-    Require(std::count(sLines.begin(), sLines.end(), '\n') == nShown, "a line for each record");
+    Require(LinesOf(sLines) == static_cast<size_t>(nShown), "a line for each record");
     Require(kelto_fuzz::IsPrintable(sLines), "the lines are text");
     const std::string sThreads = Printed(CmPrintThreads, aReader, aRecords);
-    Require(static_cast<size_t>(std::count(sThreads.begin(), sThreads.end(), '\n')) ==
-                aRecords.threads.size(),
-            "a line for each thread");
+    Require(LinesOf(sThreads) == aRecords.threads.size(), "a line for each thread");
     Require(kelto_fuzz::IsPrintable(sThreads), "the threads are text");
-    Require(kelto_fuzz::IsPrintable(Printed(CmPrintHead, aReader, aRecords)), "the head is text");
     const std::string sJson = Printed(CmPrintTimeline, aReader, aRecords);
     Require(kelto_fuzz::IsPrintable(sJson) && kelto_fuzz::IsJson(sJson), "the timeline is JSON");
     const std::string sPicture = Printed(CmPrintPicture, aReader, aRecords);

@@ -2,8 +2,6 @@
 #ifndef CM_FLIGHT_OUTPUT_H
 #define CM_FLIGHT_OUTPUT_H
 
-#include <functional>
-#include <string>
 #include <string_view>
 
 #include "CmFlightRecords.h"
@@ -11,30 +9,30 @@
 namespace UTIL_NS {
 
 // Takes text, piece by piece.
-typedef std::function<void(std::string_view)> CmTextSink;
+class ICmTextSink {
+  public:
+    virtual void Put(std::string_view aText) = 0;
+
+  protected:
+    ~ICmTextSink() = default;
+};
 
 // As the configuration spells it; "NA" where there is no such level.
 const char* CmFlightLevelName(unsigned aLevel);
 
-// Lines that begin with "# ": what was recorded, and what of it is missing.
-void CmPrintHead(CCmFlightReader& aReader, const CCmFlightRecords& aRecords,
-                 const CmTextSink& aSink);
-// A line for each record that is shown.
-void CmPrintRecords(CCmFlightReader& aReader, const CCmFlightRecords& aRecords,
-                    const CmTextSink& aSink);
-// A line for each thread.
-void CmPrintThreads(CCmFlightReader& aReader, const CCmFlightRecords& aRecords,
-                    const CmTextSink& aSink);
+// Lines that begin with "# ", of what was recorded and what of it is missing; then a line for each
+// record that is shown, or for each thread.
+void CmPrintRecords(CCmFlightReader& aReader, const CCmFlightRecords& aRecords, ICmTextSink& aSink);
+void CmPrintThreads(CCmFlightReader& aReader, const CCmFlightRecords& aRecords, ICmTextSink& aSink);
 
 // The trace-event format, which browsers' and other timeline viewers open: what ran as slices of
 // the threads, posts as arrows to the events that they led to, pending events as counters, the rest
 // as marks.
 void CmPrintTimeline(CCmFlightReader& aReader, const CCmFlightRecords& aRecords,
-                     const CmTextSink& aSink);
+                     ICmTextSink& aSink);
 
 // SVG: a row for each thread, with what ran, posts, lines and steps of the clock.
-void CmPrintPicture(CCmFlightReader& aReader, const CCmFlightRecords& aRecords,
-                    const CmTextSink& aSink);
+void CmPrintPicture(CCmFlightReader& aReader, const CCmFlightRecords& aRecords, ICmTextSink& aSink);
 
 }  // namespace UTIL_NS
 

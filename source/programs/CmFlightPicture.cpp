@@ -31,8 +31,7 @@ constexpr std::array<const char*, 7> COLOURS = {"#4477aa", "#ee6677", "#228833",
 
 class CPicturePrinter {
   public:
-    CPicturePrinter(CCmFlightReader& aReader, const CCmFlightRecords& aRecords,
-                    const CmTextSink& aSink)
+    CPicturePrinter(CCmFlightReader& aReader, const CCmFlightRecords& aRecords, ICmTextSink& aSink)
         : m_Reader(aReader),
           m_Records(aRecords),
           m_Sink(aSink),
@@ -43,12 +42,12 @@ class CPicturePrinter {
         FindRows();
         FindClasses();
         const double dBottom = TOP + ROW * static_cast<double>(std::max<size_t>(m_Rows.size(), 1));
-        const double dHeight = dBottom + 40 + 18 * static_cast<double>(m_Legend.size());
-        m_Sink(
+        const double dHeight = dBottom + 40 + 18 * static_cast<double>(m_Legend.size() + 1);
+        m_Sink.Put(
             CmFormat("<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"%.0f\" height=\"%.0f\" "
                      "viewBox=\"0 0 %.0f %.0f\" font-family=\"sans-serif\" font-size=\"11\">\n",
                      WIDTH, dHeight, WIDTH, dHeight));
-        m_Sink("<rect width=\"100%\" height=\"100%\" fill=\"#ffffff\"/>\n");
+        m_Sink.Put("<rect width=\"100%\" height=\"100%\" fill=\"#ffffff\"/>\n");
         PrintHead();
         PrintAxis(dBottom);
         PrintRows();
@@ -59,7 +58,7 @@ class CPicturePrinter {
         }
         PrintArrows();
         PrintLegend(dBottom + 40);
-        m_Sink("</svg>\n");
+        m_Sink.Put("</svg>\n");
     }
 
   private:
@@ -130,8 +129,8 @@ class CPicturePrinter {
     double Y(size_t aRow) const { return TOP + ROW * static_cast<double>(aRow) + 12; }
 
     void PrintText(double aX, double aY, const char* aMore, const std::string& aText) {
-        m_Sink(CmFormat("<text x=\"%.1f\" y=\"%.1f\"%s>", aX, aY, aMore) + CmXmlText(aText) +
-               "</text>\n");
+        m_Sink.Put(CmFormat("<text x=\"%.1f\" y=\"%.1f\"%s>", aX, aY, aMore) + CmXmlText(aText) +
+                   "</text>\n");
     }
 
     void PrintHead() {
@@ -153,8 +152,8 @@ class CPicturePrinter {
         for (double d = 0; d <= dRange; d += dStep) {
             const int64_t llOffset = static_cast<int64_t>(d);
             const double dX = X(m_llFrom + llOffset);
-            m_Sink(CmFormat("<path d=\"M%.1f %.1fV%.1f\" stroke=\"#dddddd\"/>\n", dX, TOP - 6,
-                            aBottom));
+            m_Sink.Put(CmFormat("<path d=\"M%.1f %.1fV%.1f\" stroke=\"#dddddd\"/>\n", dX, TOP - 6,
+                                aBottom));
             PrintText(dX, TOP - 10, " fill=\"#555555\" text-anchor=\"middle\"",
                       "+" + CmLengthText(llOffset));
         }
@@ -164,8 +163,8 @@ class CPicturePrinter {
         for (const auto& [dwThread, nRow] : m_Rows) {
             PrintText(LEFT - 8, Y(nRow) + BAR / 2 + 4, " text-anchor=\"end\"",
                       CmCut(CmPrintable(m_Labels[dwThread]), 22));
-            m_Sink(CmFormat("<path d=\"M%.1f %.1fH%.1f\" stroke=\"#bbbbbb\"/>\n", LEFT,
-                            Y(nRow) + BAR, RIGHT));
+            m_Sink.Put(CmFormat("<path d=\"M%.1f %.1fH%.1f\" stroke=\"#bbbbbb\"/>\n", LEFT,
+                                Y(nRow) + BAR, RIGHT));
         }
     }
 
@@ -190,11 +189,12 @@ class CPicturePrinter {
                               : aRecord.kind == ECmRecord::TIMER
                                   ? " rx=\"8\""
                                   : " stroke=\"#cc0000\" stroke-width=\"2\"";
-        m_Sink(CmFormat("<rect x=\"%.2f\" y=\"%.1f\" width=\"%.2f\" height=\"%.0f\" fill=\"%s\"%s>",
-                        dX, Y(aRow), std::max(dEnd - dX, LEAST), BAR, m_Colours[aRecord.table],
-                        pszMore) +
-               "<title>" + CmXmlText(strClass) + ", " + CmRecordName(aRecord.kind) + ", " +
-               strLength + "</title></rect>\n");
+        m_Sink.Put(
+            CmFormat("<rect x=\"%.2f\" y=\"%.1f\" width=\"%.2f\" height=\"%.0f\" fill=\"%s\"%s>",
+                     dX, Y(aRow), std::max(dEnd - dX, LEAST), BAR, m_Colours[aRecord.table],
+                     pszMore) +
+            "<title>" + CmXmlText(strClass) + ", " + CmRecordName(aRecord.kind) + ", " + strLength +
+            "</title></rect>\n");
         const std::string strLabel = CmShortClassName(strClass) + " " + strLength;
         if (CHARACTER * static_cast<double>(CmColumns(strLabel)) < dEnd - dX) {
             PrintText(dX + 3, Y(aRow) + BAR / 2 + 4, " fill=\"#ffffff\" pointer-events=\"none\"",
@@ -206,9 +206,9 @@ class CPicturePrinter {
     void PrintMark(const CCmFlightRecord& aRecord, size_t aRow) {
         const bool bGrave = aRecord.level <= WARNING_LEVEL;
         const std::string& strText = m_Records.texts[aRecord.text];
-        m_Sink(CmFormat("<circle cx=\"%.2f\" cy=\"%.1f\" r=\"3\" fill=\"%s\"><title>",
-                        X(aRecord.usec), Y(aRow) - 5, bGrave ? "#cc0000" : "#888888") +
-               CmXmlText(strText) + "</title></circle>\n");
+        m_Sink.Put(CmFormat("<circle cx=\"%.2f\" cy=\"%.1f\" r=\"3\" fill=\"%s\"><title>",
+                            X(aRecord.usec), Y(aRow) - 5, bGrave ? "#cc0000" : "#888888") +
+                   CmXmlText(strText) + "</title></circle>\n");
         ++m_nShapes;
     }
 
@@ -221,14 +221,14 @@ class CPicturePrinter {
         if (HasBar(aRecord.kind)) {
             PrintBar(aRecord, row->second);
         } else if (aRecord.kind == ECmRecord::SEND) {
-            m_Sink(CmFormat("<path d=\"M%.2f %.1fH%.2f\" stroke=\"#cc0000\" stroke-width=\"3\"/>\n",
-                            dX, Y(row->second) + BAR + 3,
-                            std::max(X(CmEndOf(aRecord)), dX + LEAST)));
+            m_Sink.Put(
+                CmFormat("<path d=\"M%.2f %.1fH%.2f\" stroke=\"#cc0000\" stroke-width=\"3\"/>\n",
+                         dX, Y(row->second) + BAR + 3, std::max(X(CmEndOf(aRecord)), dX + LEAST)));
             ++m_nShapes;
         } else if (aRecord.kind == ECmRecord::LINE) {
             PrintMark(aRecord, row->second);
         } else if (aRecord.kind == ECmRecord::STEP) {
-            m_Sink(CmFormat(
+            m_Sink.Put(CmFormat(
                 "<path d=\"M%.2f %.1fV%.1f\" stroke=\"#cc0000\" stroke-dasharray=\"4 3\"/>\n", dX,
                 TOP, aBottom));
             ++m_nShapes;
@@ -253,7 +253,7 @@ class CPicturePrinter {
             const CCmFlightRecord& post = PostOf(*pEvent);
             const size_t nFrom = m_Rows[post.thread];
             const size_t nTo = m_Rows[pEvent->thread];
-            m_Sink(
+            m_Sink.Put(
                 CmFormat("<path d=\"M%.2f %.1fL%.2f %.1f\" stroke=\"#000000\" "
                          "stroke-opacity=\"0.35\"/>\n",
                          X(post.usec), Y(nFrom) + (nFrom < nTo ? BAR : 0), X(pEvent->usec),
@@ -272,7 +272,7 @@ class CPicturePrinter {
     void PrintLegend(double aTop) {
         double dY = aTop;
         for (const auto& [ullTable, llTotal] : m_Legend) {
-            m_Sink(
+            m_Sink.Put(
                 CmFormat("<rect x=\"%.1f\" y=\"%.1f\" width=\"12\" height=\"12\" fill=\"%s\"/>\n",
                          LEFT, dY - 10, m_Colours[ullTable]));
             PrintText(LEFT + 18, dY, "",
@@ -288,7 +288,7 @@ class CPicturePrinter {
 
     CCmFlightReader& m_Reader;
     const CCmFlightRecords& m_Records;
-    const CmTextSink& m_Sink;
+    ICmTextSink& m_Sink;
     const std::vector<std::string> m_Labels;
     int64_t m_llFrom = 0;
     int64_t m_llTo = 0;
@@ -304,7 +304,7 @@ class CPicturePrinter {
 }  // namespace
 
 void CmPrintPicture(CCmFlightReader& aReader, const CCmFlightRecords& aRecords,
-                    const CmTextSink& aSink) {
+                    ICmTextSink& aSink) {
     CPicturePrinter(aReader, aRecords, aSink).Print();
 }
 

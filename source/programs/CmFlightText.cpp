@@ -118,6 +118,31 @@ class CTextPrinter {
     size_t m_nLabel = 0;                // columns
 };
 
+void PrintHead(CCmFlightReader& aReader, const CCmFlightRecords& aRecords, ICmTextSink& aSink) {
+    const CCmFlightReader::EState eState = aReader.State();
+    const char* pszState = eState == CCmFlightReader::EState::LIVE    ? "still runs"
+                           : eState == CCmFlightReader::EState::ENDED ? "ended in order"
+                                                                      : "was killed";
+    const auto nShown =
+        std::count_if(aRecords.records.begin(), aRecords.records.end(),
+                      [](const CCmFlightRecord& aRecord) { return aRecord.isShown; });
+    aSink.Put("# " + CmPrintable(aReader.Process()) + " " + std::to_string(aReader.ProcessId()) +
+              ", from " + CmTimeText(aReader.StartUsec()) + " to " + CmTimeText(aRecords.lastUsec) +
+              ", " + pszState +
+              CmFormat("; %zu threads, %zu of %zu records\n", aRecords.threads.size(),
+                       static_cast<size_t>(nShown), aRecords.records.size()));
+    if (aRecords.isLimited) {
+        aSink.Put("# There are more records; of each thread the last ones are taken.\n");
+    }
+    if (aReader.UnslottedThreads() > 0) {
+        aSink.Put(CmFormat("# Not recorded, for want of a place: %llu threads.\n",
+                           static_cast<unsigned long long>(aReader.UnslottedThreads())));
+    }
+    if (aReader.LostClasses() > 0) {
+        aSink.Put("# Some classes have no name, as there were too many.\n");
+    }
+}
+
 }  // namespace
 
 const char* CmFlightLevelName(unsigned aLevel) {
@@ -129,47 +154,23 @@ const char* CmFlightLevelName(unsigned aLevel) {
     return "NA";
 }
 
-void CmPrintHead(CCmFlightReader& aReader, const CCmFlightRecords& aRecords,
-                 const CmTextSink& aSink) {
-    const CCmFlightReader::EState eState = aReader.State();
-    const char* pszState = eState == CCmFlightReader::EState::LIVE    ? "still runs"
-                           : eState == CCmFlightReader::EState::ENDED ? "ended in order"
-                                                                      : "was killed";
-    const auto nShown =
-        std::count_if(aRecords.records.begin(), aRecords.records.end(),
-                      [](const CCmFlightRecord& aRecord) { return aRecord.isShown; });
-    aSink("# " + CmPrintable(aReader.Process()) + " " + std::to_string(aReader.ProcessId()) +
-          ", from " + CmTimeText(aReader.StartUsec()) + " to " + CmTimeText(aRecords.lastUsec) +
-          ", " + pszState +
-          CmFormat("; %zu threads, %zu of %zu records\n", aRecords.threads.size(),
-                   static_cast<size_t>(nShown), aRecords.records.size()));
-    if (aRecords.isLimited) {
-        aSink("# There are more records; of each thread the last ones are taken.\n");
-    }
-    if (aReader.UnslottedThreads() > 0) {
-        aSink(CmFormat("# Not recorded, for want of a place: %llu threads.\n",
-                       static_cast<unsigned long long>(aReader.UnslottedThreads())));
-    }
-    if (aReader.LostClasses() > 0) {
-        aSink("# Some classes have no name, as there were too many.\n");
-    }
-}
-
 void CmPrintRecords(CCmFlightReader& aReader, const CCmFlightRecords& aRecords,
-                    const CmTextSink& aSink) {
+                    ICmTextSink& aSink) {
+    PrintHead(aReader, aRecords, aSink);
     CTextPrinter printer(aReader, aRecords);
     for (const CCmFlightRecord& record : aRecords.records) {
         if (record.isShown) {
-            aSink(printer.Line(record));
+            aSink.Put(printer.Line(record));
         }
     }
 }
 
 void CmPrintThreads(CCmFlightReader& aReader, const CCmFlightRecords& aRecords,
-                    const CmTextSink& aSink) {
+                    ICmTextSink& aSink) {
+    PrintHead(aReader, aRecords, aSink);
     CTextPrinter printer(aReader, aRecords);
     for (uint32_t i = 0; i < aRecords.threads.size(); ++i) {
-        aSink(printer.ThreadLine(i));
+        aSink.Put(printer.ThreadLine(i));
     }
 }
 

@@ -12,15 +12,14 @@ constexpr uint64_t UNKNOWN_THREADS = uint64_t{1} << 32;
 
 class CTimelinePrinter {
   public:
-    CTimelinePrinter(CCmFlightReader& aReader, const CCmFlightRecords& aRecords,
-                     const CmTextSink& aSink)
+    CTimelinePrinter(CCmFlightReader& aReader, const CCmFlightRecords& aRecords, ICmTextSink& aSink)
         : m_Reader(aReader),
           m_Records(aRecords),
           m_Sink(aSink),
           m_Labels(CmThreadLabels(aRecords)) {}
 
     void Print() {
-        m_Sink("{\"displayTimeUnit\": \"ms\", \"traceEvents\": [");
+        m_Sink.Put("{\"displayTimeUnit\": \"ms\", \"traceEvents\": [");
         Put("M", "process_name", 0, 0,
             ", \"args\": {\"name\": " + CmJsonText(m_Reader.Process()) + "}");
         for (uint32_t i = 0; i < m_Records.threads.size(); ++i) {
@@ -32,7 +31,7 @@ class CTimelinePrinter {
                 PutRecord(m_Records.records[i], i);
             }
         }
-        m_Sink("\n]}\n");
+        m_Sink.Put("\n]}\n");
     }
 
   private:
@@ -44,14 +43,14 @@ class CTimelinePrinter {
     // aMore: further members, each after a comma.
     void Put(const char* aPhase, const std::string& aName, uint32_t aThread, int64_t aUsec,
              const std::string& aMore) {
-        m_Sink(std::string(m_bFirst ? "" : ",") + "\n{\"ph\": \"" + aPhase +
-               "\", \"name\": " + CmJsonText(aName) +
-               CmFormat(", \"pid\": %llu, \"tid\": %llu, \"ts\": %lld",
-                        static_cast<unsigned long long>(m_Reader.ProcessId()),
-                        static_cast<unsigned long long>(
-                            aThread < m_Records.threads.size() ? ThreadId(aThread) : 0),
-                        static_cast<long long>(aUsec)) +
-               aMore + "}");
+        m_Sink.Put(std::string(m_bFirst ? "" : ",") + "\n{\"ph\": \"" + aPhase +
+                   "\", \"name\": " + CmJsonText(aName) +
+                   CmFormat(", \"pid\": %llu, \"tid\": %llu, \"ts\": %lld",
+                            static_cast<unsigned long long>(m_Reader.ProcessId()),
+                            static_cast<unsigned long long>(
+                                aThread < m_Records.threads.size() ? ThreadId(aThread) : 0),
+                            static_cast<long long>(aUsec)) +
+                   aMore + "}");
         m_bFirst = false;
     }
 
@@ -138,7 +137,7 @@ class CTimelinePrinter {
 
     CCmFlightReader& m_Reader;
     const CCmFlightRecords& m_Records;
-    const CmTextSink& m_Sink;
+    ICmTextSink& m_Sink;
     const std::vector<std::string> m_Labels;
     bool m_bFirst = true;
 };
@@ -146,7 +145,7 @@ class CTimelinePrinter {
 }  // namespace
 
 void CmPrintTimeline(CCmFlightReader& aReader, const CCmFlightRecords& aRecords,
-                     const CmTextSink& aSink) {
+                     ICmTextSink& aSink) {
     CTimelinePrinter(aReader, aRecords, aSink).Print();
 }
 

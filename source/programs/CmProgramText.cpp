@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <memory>
+#include <vector>
 
 namespace UTIL_NS {
 
@@ -142,6 +143,55 @@ bool TakeDate(std::string_view& aText, tm* aTime) {
     return bGood;
 }
 
+// What stands after the last "::", with "<...>" for template arguments; with what is before it, if
+// asked.
+std::string LastPart(std::string_view aName, bool aIsWithOwner) {
+    std::string strOwner;
+    std::string strOut;
+    size_t nDepth = 0;
+    for (size_t i = 0; i < aName.size(); ++i) {
+        const char ch = aName[i];
+        if (ch == '<' || ch == '(' || ch == '{') {
+            strOut += nDepth == 0 ? std::string(1, ch) : std::string();
+            ++nDepth;
+        } else if ((ch == '>' || ch == ')' || ch == '}') && nDepth > 0) {
+            --nDepth;
+            strOut += nDepth == 0 ? std::string(ELLIPSIS) + ch : std::string();
+        } else if (nDepth == 0 && aName.substr(i, 2) == "::") {
+            strOwner = strOut + "::";
+            strOut.clear();
+            ++i;
+        } else if (nDepth == 0) {
+            strOut += ch;
+        }
+    }
+    return aIsWithOwner ? strOwner + strOut : strOut;
+}
+
+// The function in which a lambda stands, without its arguments: it says more than the template that
+// the lambda was given to. Empty: there is none.
+std::string_view FunctionWithLambda(std::string_view aClassName) {
+    const size_t nLambda = std::min(aClassName.find("::{lambda("), aClassName.find("::$_"));
+    if (nLambda == std::string_view::npos) {
+        return std::string_view();
+    }
+    std::vector<size_t> begins = {0};  // of what stands in each of the brackets that are open
+    size_t nEnd = nLambda;
+    for (size_t i = 0; i < nLambda; ++i) {
+        const char ch = aClassName[i];
+        if (ch == '<' || ch == '(') {
+            begins.push_back(i + 1);
+        } else if ((ch == '>' || ch == ')') && begins.size() > 1) {
+            nEnd = ch == ')' ? begins.back() - 1 : nEnd;
+            begins.pop_back();
+        } else if (ch == ' ' && aClassName.substr(i, 6) != " const") {
+            begins.back() = i + 1;
+        }
+    }
+    return nEnd > begins.back() ? aClassName.substr(begins.back(), nEnd - begins.back())
+                                : std::string_view();
+}
+
 }  // namespace
 
 std::string CmPrintable(std::string_view aText) {
@@ -242,23 +292,9 @@ std::string CmClassName(std::string_view aName) {
 }
 
 std::string CmShortClassName(std::string_view aClassName) {
-    std::string strOut;
-    size_t nDepth = 0;
-    for (size_t i = 0; i < aClassName.size(); ++i) {
-        const char ch = aClassName[i];
-        if (ch == '<' || ch == '(' || ch == '{') {
-            strOut += nDepth == 0 ? std::string(1, ch) : std::string();
-            ++nDepth;
-        } else if ((ch == '>' || ch == ')' || ch == '}') && nDepth > 0) {
-            --nDepth;
-            strOut += nDepth == 0 ? std::string(ELLIPSIS) + ch : std::string();
-        } else if (nDepth == 0 && aClassName.substr(i, 2) == "::") {
-            strOut.clear();
-            ++i;
-        } else if (nDepth == 0) {
-            strOut += ch;
-        }
-    }
+    const std::string_view function = FunctionWithLambda(aClassName);
+    const std::string strOut =
+        function.empty() ? LastPart(aClassName, false) : LastPart(function, true);
     return strOut.empty() ? std::string(aClassName) : strOut;
 }
 

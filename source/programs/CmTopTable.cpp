@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 
 #include "CmProgramText.h"
 
@@ -25,7 +26,8 @@ std::string Length(const CCmTopLengths& aLengths, uint64_t aUsec) {
 }
 
 std::string Rate(const CCmTopWorker& aWorker, double aRate) {
-    return aWorker.isRated ? CmCountText(static_cast<uint64_t>(aRate + 0.5)) : NOT_KNOWN;
+    return aWorker.isRated ? CmCountText(static_cast<uint64_t>(std::llround(std::min(aRate, 1e18))))
+                           : NOT_KNOWN;
 }
 
 std::string Busy(const CCmTopWorker& aWorker) {

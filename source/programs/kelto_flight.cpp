@@ -94,19 +94,17 @@ int Misused(const std::string& aWhat) {
 }
 
 // What text goes to; standard output, or a file that is made.
-class COutput {
+class COutput final : public ICmTextSink {
   public:
     explicit COutput(const std::string& aPath)
         : m_strPath(aPath), m_pFile(aPath == "-" ? stdout : std::fopen(aPath.c_str(), "we")) {}
     COutput(const COutput&) = delete;
     COutput& operator=(const COutput&) = delete;
 
-    CmTextSink Sink() {
-        return [this](std::string_view aText) {
-            if (m_pFile != nullptr) {
-                std::fwrite(aText.data(), 1, aText.size(), m_pFile);
-            }
-        };
+    void Put(std::string_view aText) override {
+        if (m_pFile != nullptr) {
+            std::fwrite(aText.data(), 1, aText.size(), m_pFile);
+        }
     }
 
     // Empty, or why something is missing.
@@ -173,9 +171,13 @@ std::string ReadTimes(const CArguments& aArguments, int64_t aLastUsec, CCmFlight
     return "";
 }
 
-int WriteTo(const std::string& aPath, const std::function<void(const CmTextSink&)>& aPrint) {
+typedef void (*Printer)(CCmFlightReader& aReader, const CCmFlightRecords& aRecords,
+                        ICmTextSink& aSink);
+
+int Print(Printer aPrinter, CCmFlightReader& aReader, const CCmFlightRecords& aRecords,
+          const std::string& aPath) {
     COutput output(aPath);
-    aPrint(output.Sink());
+    aPrinter(aReader, aRecords, output);
     const std::string strError = output.End();
     return strError.empty() ? 0 : Complain(strError, 1);
 }
@@ -197,20 +199,14 @@ int Show(CArguments& aArguments) {
     CmFilterRecords(aArguments.filter, &records);
     int nStatus = 0;
     if (!aArguments.json.empty()) {
-        nStatus |= WriteTo(aArguments.json, [&](const CmTextSink& aSink) {
-            CmPrintTimeline(reader, records, aSink);
-        });
+        nStatus |= Print(CmPrintTimeline, reader, records, aArguments.json);
     }
     if (!aArguments.svg.empty()) {
-        nStatus |= WriteTo(aArguments.svg, [&](const CmTextSink& aSink) {
-            CmPrintPicture(reader, records, aSink);
-        });
+        nStatus |= Print(CmPrintPicture, reader, records, aArguments.svg);
     }
     if (aArguments.json.empty() && aArguments.svg.empty()) {
-        nStatus |= WriteTo("-", [&](const CmTextSink& aSink) {
-            CmPrintHead(reader, records, aSink);
-            (aArguments.isThreads ? CmPrintThreads : CmPrintRecords)(reader, records, aSink);
-        });
+        nStatus |=
+            Print(aArguments.isThreads ? CmPrintThreads : CmPrintRecords, reader, records, "-");
     }
     return records.error.empty() ? nStatus : Complain(records.error, 1);
 }

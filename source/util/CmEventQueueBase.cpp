@@ -13,6 +13,7 @@
 #include "CmEventQueueSteps.h"
 #include "CmFlight.h"
 #include "CmListNode.h"
+#include "CmNsec.h"
 #include "CmPrivateState.h"
 #include "CmScopedLock.h"
 #include "CmSystem.h"
@@ -1126,10 +1127,11 @@ class CCmEventQueueUsingConditionVariable::CConditionQueueState {
     template <class WaitType>
     CmResult PopOrWait(std::list<ICmEvent*>& aEvents, DWORD aMaxCount, WaitType aWait) {
         CCmEventQueueSteps::CLoop* const pLoop = CCmEventQueueSteps::LoopOfThisThread(m_Queue);
-        if (CmWatchIsOn()) {
+        const bool bIsWatched = CmWatchIsOn();
+        if (CM_UNLIKELY(bIsWatched)) {
             CCmEventQueueSteps::NoteConsumer(m_Queue);
         }
-        if (pLoop != nullptr && pLoop->TakeOwn(aEvents, aMaxCount)) {
+        if (pLoop != nullptr && pLoop->TakeOwn(aEvents, aMaxCount, bIsWatched)) {
             return CM_OK;
         }
         CCmScopedLockT<CCmMutexThread> lock(m_Queue.m_Mutex);
@@ -1374,18 +1376,15 @@ void CCmEventQueueSteps::CLoop::RunEvents(CCmTimeValue* aTimeout, DWORD aMaxCoun
     }
 }
 
-void CCmEventQueueSteps::CLoop::RunEventsUntil(const long long* aDeadlineNsec, DWORD aMaxCount,
+void CCmEventQueueSteps::CLoop::RunEventsUntil(long long aDeadlineNsec, DWORD aMaxCount,
                                                const CmStd::atomic<bool>& aStop) {
     EndDiscarded();
-    if (m_nOwnCore != -1 && aDeadlineNsec == nullptr) {
+    if (m_nOwnCore != -1 && aDeadlineNsec == CM_NEVER_NSEC) {
         AwaitSender();
     }
-    long long llTend = 0;
     if (CM_UNLIKELY(TendMemory())) {
-        llTend = CmLaterNsec(CmMonotonicNsec(), CCmTimeValue(CCmBlockPool::TEND_SEC));
-        if (aDeadlineNsec == nullptr || *aDeadlineNsec > llTend) {
-            aDeadlineNsec = &llTend;
-        }
+        aDeadlineNsec = std::min(
+            aDeadlineNsec, CmLaterNsec(CmMonotonicNsec(), CCmTimeValue(CCmBlockPool::TEND_SEC)));
     }
     std::list<ICmEvent*> events;
     if (CM_SUCCEEDED(PopOrWaitUntil(events, aDeadlineNsec, aMaxCount))) {
@@ -1437,16 +1436,15 @@ void CCmEventQueueSteps::CLoop::NoteSend(int aSenderCore) {
 }
 
 CmResult CCmEventQueueSteps::CLoop::PopOrWaitUntil(std::list<ICmEvent*>& aEvents,
-                                                   const long long* aDeadlineNsec,
-                                                   DWORD aMaxCount) {
-    if (aDeadlineNsec == nullptr) {
+                                                   long long aDeadlineNsec, DWORD aMaxCount) {
+    if (aDeadlineNsec == CM_NEVER_NSEC) {
         return m_Queue.PopOrWaitPendingEvents(aEvents, nullptr, aMaxCount);
     }
     int nError = 0;
     const CmResult rv = CCmPrivateRoom::Of(m_Queue.m_Private).PopOrWait(aEvents, aMaxCount, [&] {
-        nError = CCmConditionSteps::WaitUntilCall(m_Queue.m_Condition, *aDeadlineNsec);
+        nError = CCmConditionSteps::WaitUntilCall(m_Queue.m_Condition, aDeadlineNsec);
     });
-    CCmConditionSteps::WaitUntilResult(m_Queue.m_Condition, *aDeadlineNsec, nError);
+    CCmConditionSteps::WaitUntilResult(m_Queue.m_Condition, aDeadlineNsec, nError);
     return rv;
 }
 
@@ -1516,11 +1514,13 @@ void CCmEventQueueSteps::CLoop::NoteOwnPost(const ICmEvent* aEvent) {
 }
 
 // Takes at most aMaxCount events, without the lock, if they can only be the loop's own.
-bool CCmEventQueueSteps::CLoop::TakeOwn(std::list<ICmEvent*>& aEvents, DWORD aMaxCount) {
+// aIsWatched: what this thread has just seen.
+bool CCmEventQueueSteps::CLoop::TakeOwn(std::list<ICmEvent*>& aEvents, DWORD aMaxCount,
+                                        bool aIsWatched) {
     if (m_Own.empty() || m_Queue.m_dwSize.load(std::memory_order_relaxed) != 0 || HasDiscards()) {
         return false;
     }
-    if (CmWatchIsOn()) {
+    if (CM_UNLIKELY(aIsWatched)) {
         if (CCmWatchedQueue* const pWatched = WatchedOwn(m_Queue)) {
             pWatched->NoteTaken(std::min<size_t>(m_Own.size(), aMaxCount));
         }

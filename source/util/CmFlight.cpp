@@ -451,10 +451,15 @@ bool CCmFlight::IsOpen() {
     return CState::s_State.m_bIsOpen;
 }
 
-void CCmFlight::CopyPath(char* aPath, size_t aSize) {
+bool CCmFlight::CopyPath(char* aPath, size_t aSize) {
     CHold hold;
     const CCmFlightFile& file = CState::s_State.m_File;
-    std::snprintf(aPath, aSize, "%s", file.m_nFile >= 0 ? file.m_szPath : "");
+    const int nLength = std::snprintf(aPath, aSize, "%s", file.m_nFile >= 0 ? file.m_szPath : "");
+    const bool bFits = nLength >= 0 && static_cast<size_t>(nLength) < aSize;
+    if (!bFits && aSize > 0) {
+        aPath[0] = '\0';
+    }
+    return bFits;
 }
 
 void CCmFlight::Tick(long long aWallUsec, long long aMonotonicUsec) {

@@ -97,8 +97,8 @@ class CCmFlight {
     // record reaches nobody.
     static void Close();
     static bool IsOpen();
-    // The file's path, cut to the room; empty when there is none.
-    static void CopyPath(char* aPath, size_t aSize);
+    // The file's path; empty when there is none. False, and empty: it does not fit.
+    static bool CopyPath(char* aPath, size_t aSize);
 
     // The ring of the calling thread, made on the first call and valid until the thread ends; null
     // when the recorder was never open, has no slot free, or the process was forked. aName: null

@@ -135,6 +135,12 @@ CmResult CCmWatch::Read(CCmWorkerFigures* aFigures, size_t aRoom, size_t& aCount
     return CM_OK;
 }
 
+CmResult CCmWatch::GetRecording(char* aPath, size_t aSize) {
+    return aPath != nullptr && aSize > 0 && CCmFlight::CopyPath(aPath, aSize)
+               ? CM_OK
+               : CM_ERROR_INVALID_ARG;
+}
+
 void CmWatchAsProfileSays() {
     if (CM_LIKELY(s_bProfileIsRead.load(std::memory_order_relaxed)) ||
         s_bProfileIsRead.exchange(true, std::memory_order_relaxed)) {

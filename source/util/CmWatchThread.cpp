@@ -102,7 +102,7 @@ void CCmWatchRounds::StoreFigures(long long aWallNsec) {
     CmForEachWatchedThread([aWallNsec](CCmWatchedThread& aThread) {
         if (CCmFlightRing* const pRing = aThread.Ring()) {
             CCmFlightFigures figures = {};
-            // TMP aThread.CopyFigures(figures);
+            aThread.CopyFigures(figures);
             pRing->Figures(figures, aWallNsec / NSEC_PER_USEC);
         }
     });

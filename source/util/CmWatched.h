@@ -333,8 +333,8 @@ class CCmWatchedRun {
     void Leave();
 
     CCmWatchedThread* m_pThread = nullptr;
-    const void* m_pOuter = nullptr;
-    long long m_llOuterStart = 0;
+    const void* m_pOuter;  // since Enter: what ran before
+    long long m_llOuterStart;
 };
 
 // The timers that fire in one pass over a list of them.

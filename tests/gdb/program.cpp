@@ -51,6 +51,9 @@ extern "C" __attribute__((noinline)) void LookAtThem(const void* aObject) {
 }
 
 int main() {
+    if (CM_FAILED(CCmWatch::Start())) {
+        return 1;
+    }
     CCmTimeValue tvInterval(-1, -500000);
     CCmTimeValue tvLimit = CCmTimeValue::s_tvMax;
     CCmEventQueueUsingMutex queue;
@@ -79,6 +82,7 @@ int main() {
     }
     pWorker->GetEventQueue()->PostEvent(new CSchedule(pWorker, &first),
                                         ICmEventQueue::EPRIORITY_NORMAL);
+    pWorker->GetEventQueue()->SendEvent(new CWork);
     pWorker->GetEventQueue()->PostEvent(pStaller, ICmEventQueue::EPRIORITY_NORMAL);
     pStaller->m_Begun.Wait(nullptr);
     pWorker->GetEventQueue()->PostEvent(new CWork, ICmEventQueue::EPRIORITY_NORMAL);

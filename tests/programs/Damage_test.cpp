@@ -102,6 +102,12 @@ CFile MakeFile() {
     return file;
 }
 
+class CCount final : public ICmTextSink {
+  public:
+    void Put(std::string_view aText) override { count += aText.size(); }
+    size_t count = 0;
+};
+
 class DamagedRecording : public testing::Test {
   protected:
     void SetUp() override {
@@ -130,12 +136,12 @@ class DamagedRecording : public testing::Test {
         } else {
             CCmFlightRecords records = CmReadRecords(reader);
             CmFilterRecords(CCmFlightFilter(), &records);
-            const CmTextSink sink = [&](std::string_view aText) { result.printed += aText.size(); };
-            CmPrintHead(reader, records, sink);
+            CCount sink;
             CmPrintRecords(reader, records, sink);
             CmPrintThreads(reader, records, sink);
             CmPrintTimeline(reader, records, sink);
             CmPrintPicture(reader, records, sink);
+            result.printed = sink.count;
             result.error = records.error;
             result.records = records.records.size();
             CCmTopReading reading;

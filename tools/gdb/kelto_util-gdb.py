@@ -1,8 +1,11 @@
 """kelto_util in gdb: time values, event queues, timer queues, workers and chains of message blocks
-print readably, also through a pointer to their interface, and kelto-workers lists the workers of a
-process or of a core file. gdb loads this file by itself when it lies beside the library and gdb trusts the
+print readably, also through a pointer to their interface, kelto-workers lists the workers of a
+process or of a core file, and kelto-figures what the watch has counted of them. gdb loads this file by itself when it lies beside the library and gdb trusts the
 directory (add-auto-load-safe-path); otherwise: source kelto_util-gdb.py
 """
+
+import re
+import time
 
 import gdb
 import gdb.printing
@@ -288,5 +291,152 @@ and its class, its state, events pending and timers due. Works on a core file, t
         print(f"{len(workers)} workers")
 
 
+class Watch:
+    """What the watch keeps, read out of the library's own objects: needs its debug information."""
+
+    def __init__(self):
+        self.registry = gdb.parse_and_eval("'UTIL_NS::(anonymous namespace)::s_registry'.m_Registry")
+        self.start = int(self.registry["m_dwStart"])
+
+    def threads(self):
+        return self.chain(self.registry["m_pThreads"])
+
+    def queues(self):
+        return self.chain(self.registry["m_pQueues"])
+
+    @staticmethod
+    def chain(pointer):
+        while int(pointer) != 0:
+            yield pointer
+            pointer = pointer["m_pNext"]
+
+    @staticmethod
+    def is_on():
+        return int(plain(gdb.parse_and_eval("UTIL_NS::g_cmWatchOn"))) != 0
+
+    @staticmethod
+    def record():
+        """The path of the recorder's file; empty when there is none."""
+        state = gdb.parse_and_eval("UTIL_NS::CCmFlight::CState::s_State")
+        return state["m_File"]["m_szPath"].string() if state["m_bIsOpen"] else ""
+
+    def shared(self, count):
+        """Of a count that other threads than one write; it names its start in its upper bits."""
+        both = int(plain(count))
+        return both & (2**40 - 1) if both >> 40 == self.start else 0
+
+    def counts(self, thread):
+        """What the queues of a thread have counted, of those without one for null; None when there
+        is no such queue."""
+        found = None
+        for queue in self.queues():
+            if int(plain(queue["m_pConsumer"])) != int(thread):
+                continue
+            found = found or dict(posted=0, run=0, refused=0, unfired=0, pending=0)
+            pending = sum(int(plain(queue["m_Counts"][name].referenced_value()))
+                          for name in ("m_dwSize", "m_dwOwn"))
+            if int(plain(queue["m_dwStart"])) == self.start:
+                found["posted"] += int(plain(queue["m_ullPosted"]))
+                pending -= int(plain(queue["m_dwGhosts"]))
+            if int(plain(queue["m_dwOwnStart"])) == self.start:
+                found["posted"] += int(plain(queue["m_ullOwnPosted"]))
+                found["run"] += int(plain(queue["m_ullRun"]))
+                pending += int(plain(queue["m_dwTaken"]))
+            found["refused"] += self.shared(queue["m_Refused"])
+            found["unfired"] += self.shared(queue["m_Unfired"])
+            found["pending"] += max(pending, 0)
+        return found
+
+
+def class_text(table):
+    """The class whose objects begin with this address, of its virtual functions."""
+    symbol = gdb.execute(f"info symbol {int(table):#x}", to_string=True)
+    found = re.match(r"vtable for (.*) \+ \d+( in section .*)?$", symbol.strip())
+    return found.group(1) if found else f"{int(table):#x}"
+
+
+def moment_text(microseconds):
+    seconds, rest = divmod(microseconds, 1000000)
+    return f"{time.strftime('%Y-%m-%d %H:%M:%S', time.gmtime(seconds))}.{rest:06d} UTC"
+
+
+def spread_text(distribution):
+    """Microseconds: median, 99 and 99.9 of 100, which may be a quarter too high, and the longest."""
+    counts = [int(plain(distribution["m_dwCounts"][index])) for index in range(96)]
+    longest = int(plain(distribution["m_ullLongest"]))
+
+    def reach(per_thousand):
+        wanted, seen = (sum(counts) * per_thousand + 999) // 1000, 0
+        for index, count in enumerate(counts[:-1]):
+            seen += count
+            if seen >= wanted:
+                end = index if index < 4 else ((index % 4 + 5) << (index // 4 - 1)) - 1
+                return min(end, longest)
+        return longest
+
+    return f"{reach(500)}/{reach(990)}/{reach(999)}/{longest} us"
+
+
+class Figures(gdb.Command):
+    """kelto-figures: what the watch has counted of each thread, and what it runs since when.
+
+Of a process whose watch is on or was on, or of its core file. A thread has one line with the
+events of its queues, one with what it runs, and one with its times: median, 99 of 100, 999 of 1000
+and the longest. The records of what it did last are in the recorder's file, whose path comes first."""
+
+    def __init__(self):
+        super().__init__("kelto-figures", gdb.COMMAND_STATUS)
+
+    def invoke(self, _argument, _from_tty):
+        try:
+            watch = Watch()
+            record = watch.record()
+        except gdb.error as error:
+            raise gdb.GdbError(f"the library has no debug information: {error}")
+        if watch.start == 0:
+            print("the watch was never on")
+            return
+        print(f"the watch {'is on' if watch.is_on() else 'was on'}, "
+              f"recorder: {record or 'no file'}")
+        numbers = Workers.threads()
+        for thread in watch.threads():
+            self.show_thread(watch, thread, numbers)
+        counts = watch.counts(0)
+        if counts:
+            self.show_counts("queues without a thread", counts)
+
+    @staticmethod
+    def show_counts(who, counts):
+        print(f"{who}: {counts['posted']} posted, {counts['run']} run, {counts['refused']} refused, "
+              f"{counts['unfired']} ended unfired, {counts['pending']} pending")
+
+    def show_thread(self, watch, thread, numbers):
+        name = thread["m_szName"].string(errors="replace")
+        found = None if thread["m_bHasEnded"] else numbers.get(int(thread["m_Tid"]))
+        who = f"thread {found.num if found else '(ended)'} \"{name}\""
+        counts = watch.counts(thread)
+        if counts:
+            self.show_counts(who, counts)
+        else:
+            print(f"{who}: no queue")
+        if int(plain(thread["m_dwStart"])) != watch.start:
+            return
+        if int(plain(thread["m_pCurrent"])) != 0:
+            print(f"  runs {class_text(plain(thread['m_pCurrent']))} "
+                  f"since {moment_text(int(plain(thread['m_llCurrentStart'])))}")
+        for label, member, total in (("run", "m_Run", "m_ullInEvents"), ("waited", "m_Waited", None),
+                                     ("timers late", "m_Late", "m_ullInTimers"),
+                                     ("sends blocked", "m_Sends", None)):
+            distribution = thread[member]
+            count = sum(int(plain(distribution["m_dwCounts"][index])) for index in range(96))
+            if count:
+                took = f", {int(plain(thread[total]))} us in all" if total else ""
+                longest = ""
+                if member == "m_Run" and int(plain(thread["m_pLongest"])) != 0:
+                    longest = f", longest {class_text(plain(thread['m_pLongest']))}"
+                print(f"  {label}: {count}{took}, {spread_text(distribution)}{longest}")
+
+
 gdb.printing.register_pretty_printer(gdb.current_objfile(), Printers("kelto_util"), replace=True)
 Workers()
+Figures()

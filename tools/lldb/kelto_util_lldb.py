@@ -1,9 +1,12 @@
 """kelto_util in lldb: time values, event queues, timer queues, workers and chains of message blocks
-show a line of what they hold, also through a pointer to their interface, and kelto-workers lists the
-workers of a process or of a core file. To load it, also from ~/.lldbinit:
+show a line of what they hold, also through a pointer to their interface, kelto-workers lists the
+workers of a process or of a core file, and kelto-figures what the watch has counted of them. To load
+it, also from ~/.lldbinit:
 
     command script import kelto_util_lldb.py
 """
+
+import time
 
 import lldb
 
@@ -197,6 +200,158 @@ def workers(debugger, _command, context, result, _memory):
     result.AppendMessage(f"{len(found)} workers")
 
 
+class Watch:
+    """What the watch keeps, read out of the library's own objects: needs its debug information."""
+
+    def __init__(self, target):
+        self.target = target
+        self.registry = field(self.variable("UTIL_NS::(anonymous namespace)::s_registry"), "m_Registry")
+        self.start = self.number_of(self.registry, "m_dwStart")
+
+    def variable(self, name):
+        found = self.target.FindFirstGlobalVariable(name)
+        if not found.IsValid():
+            raise LookupError(f"the library has no debug information: no {name}")
+        return found
+
+    @staticmethod
+    def number_of(value, *names):
+        for name in names:
+            value = field(value, name)
+        return number(value)
+
+    def chain(self, name):
+        pointer = field(self.registry, name)
+        while number(pointer) != 0:
+            yield pointer
+            pointer = field(pointer.Dereference(), "m_pNext")
+
+    def is_on(self):
+        return number(self.variable("UTIL_NS::g_cmWatchOn")) != 0
+
+    def record(self):
+        """The path of the recorder's file; empty when there is none."""
+        state = self.variable("UTIL_NS::CCmFlight::CState::s_State")
+        path = text_of(field(field(state, "m_File"), "m_szPath"))
+        return path if self.number_of(state, "m_bIsOpen") else ""
+
+    def shared(self, count):
+        """Of a count that other threads than one write; it names its start in its upper bits."""
+        both = number(count)
+        return both & (2**40 - 1) if both >> 40 == self.start else 0
+
+    def counts(self, thread):
+        """What the queues of a thread have counted, of those without one for 0; None when there is
+        no such queue."""
+        found = None
+        for pointer in self.chain("m_pQueues"):
+            queue = pointer.Dereference()
+            if self.number_of(queue, "m_pConsumer") != thread:
+                continue
+            found = found or dict(posted=0, run=0, refused=0, unfired=0, pending=0)
+            pending = sum(number(field(field(queue, "m_Counts"), name).Dereference())
+                          for name in ("m_dwSize", "m_dwOwn"))
+            if self.number_of(queue, "m_dwStart") == self.start:
+                found["posted"] += self.number_of(queue, "m_ullPosted")
+                pending -= self.number_of(queue, "m_dwGhosts")
+            if self.number_of(queue, "m_dwOwnStart") == self.start:
+                found["posted"] += self.number_of(queue, "m_ullOwnPosted")
+                found["run"] += self.number_of(queue, "m_ullRun")
+                pending += self.number_of(queue, "m_dwTaken")
+            found["refused"] += self.shared(field(queue, "m_Refused"))
+            found["unfired"] += self.shared(field(queue, "m_Unfired"))
+            found["pending"] += max(pending, 0)
+        return found
+
+    def class_text(self, table):
+        """The class whose objects begin with this address, of its virtual functions."""
+        symbol = symbol_at(self.target, table)
+        return symbol[len(TABLE):] if symbol.startswith(TABLE) else f"{table:#x}"
+
+
+def text_of(array):
+    """Of an array of characters."""
+    error = lldb.SBError()
+    address = array.GetLoadAddress()
+    return array.GetProcess().ReadCStringFromMemory(address, array.GetByteSize(), error)
+
+
+def moment_text(microseconds):
+    seconds, rest = divmod(microseconds, 1000000)
+    return f"{time.strftime('%Y-%m-%d %H:%M:%S', time.gmtime(seconds))}.{rest:06d} UTC"
+
+
+def spread(distribution):
+    """How many, and in microseconds: median, 99 and 99.9 of 100, which may be a quarter too high,
+    and the longest."""
+    array = field(distribution, "m_dwCounts")
+    counts = [number(array.GetChildAtIndex(index)) for index in range(array.GetNumChildren())]
+    longest = number(field(distribution, "m_ullLongest"))
+
+    def reach(per_thousand):
+        wanted, seen = (sum(counts) * per_thousand + 999) // 1000, 0
+        for index, count in enumerate(counts[:-1]):
+            seen += count
+            if seen >= wanted:
+                end = index if index < 4 else ((index % 4 + 5) << (index // 4 - 1)) - 1
+                return min(end, longest)
+        return longest
+
+    return sum(counts), f"{reach(500)}/{reach(990)}/{reach(999)}/{longest} us"
+
+
+def counts_text(counts):
+    return (f"{counts['posted']} posted, {counts['run']} run, {counts['refused']} refused, "
+            f"{counts['unfired']} ended unfired, {counts['pending']} pending")
+
+
+def thread_figures(watch, pointer):
+    thread = pointer.Dereference()
+    ended = " (ended)" if watch.number_of(thread, "m_bHasEnded") else ""
+    counts = watch.counts(number(pointer))
+    yield (f"thread{ended} \"{text_of(field(thread, 'm_szName'))}\": "
+           f"{counts_text(counts) if counts else 'no queue'}")
+    if watch.number_of(thread, "m_dwStart") != watch.start:
+        return
+    current = watch.number_of(thread, "m_pCurrent")
+    if current:
+        yield (f"  runs {watch.class_text(current)} "
+               f"since {moment_text(watch.number_of(thread, 'm_llCurrentStart'))}")
+    for label, member, total in (("run", "m_Run", "m_ullInEvents"), ("waited", "m_Waited", None),
+                                 ("timers late", "m_Late", "m_ullInTimers"),
+                                 ("sends blocked", "m_Sends", None)):
+        count, lengths = spread(field(thread, member))
+        if count:
+            took = f", {watch.number_of(thread, total)} us in all" if total else ""
+            slowest = watch.number_of(thread, "m_pLongest") if member == "m_Run" else 0
+            longest = f", longest {watch.class_text(slowest)}" if slowest else ""
+            yield f"  {label}: {count}{took}, {lengths}{longest}"
+
+
+def figures(debugger, _command, context, result, _memory):
+    """kelto-figures: what the watch has counted of each thread, and what it runs since when. Of a
+    process whose watch is on or was on, or of its core file; the library needs its debug
+    information. The times are the median, 99 of 100, 999 of 1000 and the longest. What the threads
+    did last is in the recorder's file, whose path comes first."""
+    try:
+        watch = Watch(context.GetTarget())
+        record = watch.record()
+    except LookupError as error:
+        result.SetError(str(error))
+        return
+    if watch.start == 0:
+        result.AppendMessage("the watch was never on")
+        return
+    result.AppendMessage(f"the watch {'is on' if watch.is_on() else 'was on'}, "
+                         f"recorder: {record or 'no file'}")
+    for pointer in watch.chain("m_pThreads"):
+        for line in thread_figures(watch, pointer):
+            result.AppendMessage(line)
+    counts = watch.counts(0)
+    if counts:
+        result.AppendMessage(f"queues without a thread: {counts_text(counts)}")
+
+
 def __lldb_init_module(debugger, _memory):
     module = __name__
     add = f"type summary add --category kelto_util --python-function {module}"
@@ -206,3 +361,4 @@ def __lldb_init_module(debugger, _memory):
         debugger.HandleCommand(f'{add}.interface --skip-references "{name} *"')
     debugger.HandleCommand("type category enable kelto_util")
     debugger.HandleCommand(f"command script add --function {module}.workers kelto-workers")
+    debugger.HandleCommand(f"command script add --function {module}.figures kelto-figures")
