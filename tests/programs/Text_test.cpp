@@ -100,6 +100,29 @@ TEST_F(ProgramText, ClassNamesAreBounded_WhenFewBytesStandForMany) {
     EXPECT_LE(CmClassName(strName).size(), 4100U);
 }
 
+// Each level is of the one before, four times; the room that a recording has is for a gigabyte.
+TEST_F(ProgramText, NamesWhatIsLeftOfAClass_WhenItsReferencesMultiply) {
+    std::string strName = "1xI1aIcE1bIS1_S1_S1_S1_E";
+    for (const char* pszBefore : {"S3_", "S4_", "S5_", "S6_", "S7_", "S8_"}) {
+        strName += "S2_I";
+        for (int i = 0; i < 4; ++i) {
+            strName += pszBefore;
+        }
+        strName += "E";
+    }
+    EXPECT_EQ(CmClassName(strName + "E"), "x\xE2\x80\xA6");
+}
+
+TEST_F(ProgramText, NamesAClassThatRefersToItsPartsAsOftenAsRealOnesDo) {
+    std::string strName = "N5media5COneTI";
+    std::string strArguments;
+    for (int i = 0; i < 20; ++i) {
+        strName += "NS_1AE";
+        strArguments += i == 0 ? "media::A" : ", media::A";
+    }
+    EXPECT_EQ(CmClassName(strName + "EE"), "media::COneT<" + strArguments + ">");
+}
+
 TEST_F(ProgramText, ShortensClassesToTheirOwnName) {
     EXPECT_EQ(CmShortClassName("CPacket"), "CPacket");
     EXPECT_EQ(CmShortClassName("media::CPacket"), "CPacket");
