@@ -66,7 +66,7 @@ CCharacter FirstCharacter(std::string_view aText) {
 
 // What a terminal acts on rather than shows.
 bool IsControl(uint32_t aCode) {
-    return aCode < 0x20 || (aCode >= 0x7F && aCode < 0xA0) ||
+    return aCode < 0x20 || (aCode >= 0x7F && aCode < 0xA0) || aCode == 0x061C ||
            (aCode >= 0x200B && aCode <= 0x200F) || (aCode >= 0x2028 && aCode <= 0x202E) ||
            (aCode >= 0x2060 && aCode <= 0x206F) || aCode == 0xFEFF;
 }

@@ -46,6 +46,7 @@ const CEscape ESCAPES[] = {
      "\xF0\x9F\x98\x80"},
     {"8-bit control", "\xC2\x9B", "\\xc2\\x9b", "\"\\u009b\"", "\xEF\xBF\xBD"},
     {"right to left", "\xE2\x80\xAE", "\\xe2\\x80\\xae", "\"\\u202e\"", "\xEF\xBF\xBD"},
+    {"Arabic letter mark", "\xD8\x9C", "\\xd8\\x9c", "\"\\u061c\"", "\xEF\xBF\xBD"},
     {"byte alone", "\xFFx", "\\xffx", "\"\\ufffdx\"", "\xEF\xBF\xBDx"},
     {"cut character", "\xE2\x82", "\\xe2\\x82", "\"\\ufffd\\ufffd\"", "\xEF\xBF\xBD\xEF\xBF\xBD"},
     {"longer than need be", "\xC0\xAF", "\\xc0\\xaf", "\"\\ufffd\\ufffd\"",
