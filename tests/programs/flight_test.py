@@ -307,6 +307,13 @@ class FlightTest(ProgramTest):
             done = self.run_program("flight", recording, stdout=full)
         self.assert_complains(done, "kelto-flight: -: cannot be written")
 
+    def test_LeavesRecordingsAlone_WhenToldToWriteToOne(self):
+        path = self.write(call())
+        for option in ("--json", "--svg"):
+            self.assert_complains(self.flight(option, path), "is called like a recording", status=2)
+        with open(path, "rb") as file:
+            self.assertEqual(file.read(), call().pack())
+
     # -- picture
 
     def test_PictureHasARowForEachThread(self):
