@@ -338,6 +338,14 @@ class FlightTest(ProgramTest):
         root = xml.etree.ElementTree.fromstring(self.printed(recording, "--svg", "-"))
         self.assertIn("6 more threads are not drawn", "".join(root.itertext()))
 
+    def test_PictureAddsUpLengthsOfAnySize(self):
+        recording = Recording()
+        slot = recording.add(1, b"x")
+        table = recording.add_class(b"3Any")
+        for n in range(200):
+            slot.timer(n, 2**64 - 1, 0, table)
+        self.assertRegex(self.printed(recording, "--svg", "-"), r"Any, \d+d in all")
+
     def test_PictureIsBounded_WhenThereAreManyRecords(self):
         recording = Recording(units=65536)
         slot = recording.add(1, "net")
