@@ -608,6 +608,19 @@ TEST(CmFlight, TakesLinesOfAllLevels_WithoutAnotherOneElsewhere) {
     EXPECT_EQ(withoutIt, TextsOfAllLevels());
 }
 
+void IgnoreLine(unsigned long /*aLevel*/, const char* /*aText*/, unsigned int /*aLength*/) {}
+
+TEST(CmFlight, TakesNoLine_WhenItHasNoText) {
+    const ScopedHome home;
+    const ScopedFlight flight(256, 4, true);
+    CCmFlight::AttachThisThread("traces");
+    CCmT120Trace::instance()->trace_string(27, nullptr);
+    set_util_external_trace_sink(&IgnoreLine);
+    util_adapter_trace(0, nullptr, 3);
+    set_util_external_trace_sink(nullptr);
+    EXPECT_TRUE(LinesOf(flight.ReadThread("traces")).empty());
+}
+
 TEST(CmFlight, TakesNoLines_WhenNotAskedTo) {
     const ScopedFlight flight(256, 4, false);
     CCmFlight::AttachThisThread("traces");
