@@ -215,7 +215,7 @@ CCmWatchedThread* CCmWatchRegistry::MakeThread() {
     pThread->m_bHasEnded = false;
     pThread->m_dwStart.store(0, std::memory_order_relaxed);  // the figures are another thread's
     pThread->m_pNext = nullptr;
-    pThread->m_pRing = CCmFlight::AttachThisThread(nullptr);
+    pThread->m_pRing = CCmFlight::AttachThisThread(pThread->m_szName);
     CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
     pThread->m_ullNumber = CmNumberOfThisThread();
     CCmWatchedThread** pp = &m_pThreads;
