@@ -25,6 +25,7 @@
 
 #include "CmFlight.h"
 #include "CmSystem.h"
+#include "CmT120Trace.h"
 #include "port/CmPort.h"
 #include "support/ChildProcess.h"
 #include "support/FaultRows.h"
@@ -46,6 +47,7 @@ using kelto_test::NO_LINE;
 using kelto_test::Returned;
 using kelto_test::ScopedDirectory;
 using kelto_test::ScopedFlight;
+using kelto_test::ScopedHome;
 using kelto_test::ScopedTraceSink;
 using kelto_test::StatusOfChild;
 using kelto_test::WriteFile;
@@ -241,6 +243,21 @@ TEST(CmFlightFile, TellsTheExitOfAProgramFromOneThatIsKilled) {
     EXPECT_NE(0u, endOf([] { std::exit(0); }));
     EXPECT_EQ(0u, endOf([] { raise(SIGKILL); }));
     EXPECT_EQ(0u, endOf([] { std::abort(); }));
+}
+
+TEST(CmFlightFile, TakesNoLines_WhenThereIsNone) {
+    const ScopedHome home;
+    CCmT120Trace::instance();
+    CCmFlightOptions options;
+    options.m_bFile = false;
+    EXPECT_EQ(CM_OK, CCmFlight::Open(options));
+    EXPECT_FALSE(CCmT120Trace::is_wanted(27));
+    CCmFlight::Close();
+    options.m_bFile = true;
+    options.m_pszDirectory = "/nowhere/there";
+    EXPECT_EQ(CM_ERROR_FAILURE, CCmFlight::Open(options));
+    EXPECT_FALSE(CCmT120Trace::is_wanted(27));
+    CCmFlight::Close();
 }
 
 TEST(CmFlightFile, IsMadeOnce_WhenOpenedTwice) {

@@ -197,6 +197,19 @@ void TakeLine(unsigned long aLevel, bool aIsFiltered, const char* aText, size_t 
     }
 }
 
+// ---- Files
+
+void SayWhyThereIsNone(const CCmFlightFile& aFile) {
+    if (aFile.m_pszCall != nullptr) {
+        CM_WARNING_TRACE("CCmFlight::Open, no file, " << aFile.m_pszCall
+                                                      << "() failed! err=" << aFile.m_nError
+                                                      << " path=" << aFile.m_szPath);
+    } else {
+        CM_WARNING_TRACE("CCmFlight::Open, no file, not a directory of this user alone. path="
+                         << aFile.m_szPath);
+    }
+}
+
 // ---- What all share
 
 // Guards the state below.
@@ -233,6 +246,7 @@ struct CCmFlight::CState {
     bool MapFile(const char* aDirectory, const char* aProcess, uint64_t aStartUsec)
         CM_REQUIRES(s_Lock.m_Lock);
     void LeaveFile() CM_REQUIRES(s_Lock.m_Lock);
+    void BeginSlots() CM_REQUIRES(s_Lock.m_Lock);
     void FillHeader(const char* aProcess, uint64_t aStartUsec) CM_REQUIRES(s_Lock.m_Lock);
 
     uint32_t FindSlot() const CM_REQUIRES(s_Lock.m_Lock);
@@ -376,6 +390,18 @@ void CCmFlight::CState::FillHeader(const char* aProcess, uint64_t aStartUsec) {
     ReleaseWords(header.m_achMagic, CM_FLIGHT_MAGIC, sizeof(CM_FLIGHT_MAGIC));
 }
 
+// What was recorded before is not in this file.
+void CCmFlight::CState::BeginSlots() {
+    for (uint32_t i = 0; i < m_dwSlots; ++i) {
+        COwner& owner = m_pOwners[i];
+        owner.m_ullFirst = __atomic_load_n(&m_pRings[i].m_ullWritten, __ATOMIC_RELAXED);
+        owner.m_eState =
+            owner.m_eState == CCmFlightSlot::ENDED ? CCmFlightSlot::FREE : owner.m_eState;
+        StoreOwner(m_pRings[i]);
+        Release(m_pRings[i].m_pSlot->m_ullWritten, owner.m_ullFirst);
+    }
+}
+
 // A process that ends in order does so whether or not it has closed the recorder.
 void CCmFlight::CState::MarkEnd() {
     CHold hold;
@@ -389,6 +415,7 @@ CmResult CCmFlight::Open(const CCmFlightOptions& aOptions) {
     char szProcess[CM_FLIGHT_NAME_SIZE];
     CopyProcessName(szProcess);
     CCmFlightFile file;
+    bool bHasFile = false;
     {
         CHold hold;
         CState& state = CState::s_State;
@@ -405,19 +432,9 @@ CmResult CCmFlight::Open(const CCmFlightOptions& aOptions) {
         const uint64_t ullStart = WallUsec();
         state.m_bIsLossSaid = false;
         state.m_File = CCmFlightFile();
-        const bool bHasFile =
-            aOptions.m_bFile && state.MapFile(aOptions.m_pszDirectory, szProcess, ullStart);
+        bHasFile = aOptions.m_bFile && state.MapFile(aOptions.m_pszDirectory, szProcess, ullStart);
         file = state.m_File;
-        file.m_nFile = aOptions.m_bFile && !bHasFile ? -1 : 0;
-        for (uint32_t i = 0; i < state.m_dwSlots; ++i) {
-            // What was recorded before is not in this file.
-            COwner& owner = state.m_pOwners[i];
-            owner.m_ullFirst = __atomic_load_n(&state.m_pRings[i].m_ullWritten, __ATOMIC_RELAXED);
-            owner.m_eState =
-                owner.m_eState == CCmFlightSlot::ENDED ? CCmFlightSlot::FREE : owner.m_eState;
-            state.StoreOwner(state.m_pRings[i]);
-            Release(state.m_pRings[i].m_pSlot->m_ullWritten, owner.m_ullFirst);
-        }
+        state.BeginSlots();
         CopyClasses();
         state.FillHeader(szProcess, ullStart);
         state.m_bIsOpen = true;
@@ -425,20 +442,14 @@ CmResult CCmFlight::Open(const CCmFlightOptions& aOptions) {
         s_dwVacancies.fetch_add(1, std::memory_order_relaxed);
         static const CState::CAtExit s_atExit;
     }
-    if (aOptions.m_bLines) {
+    // Nobody would read them in memory, where they would only push out records of posts.
+    if (bHasFile && aOptions.m_bLines) {
         g_cmTraceTap.store(&TakeLine, std::memory_order_relaxed);
     }
-    if (file.m_nFile == 0) {
+    if (bHasFile || !aOptions.m_bFile) {
         return CM_OK;
     }
-    if (file.m_pszCall != nullptr) {
-        CM_WARNING_TRACE("CCmFlight::Open, no file, " << file.m_pszCall
-                                                      << "() failed! err=" << file.m_nError
-                                                      << " path=" << file.m_szPath);
-    } else {
-        CM_WARNING_TRACE(
-            "CCmFlight::Open, no file, not a directory of this user alone. path=" << file.m_szPath);
-    }
+    SayWhyThereIsNone(file);
     return CM_ERROR_FAILURE;
 }
 

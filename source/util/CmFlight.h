@@ -17,7 +17,7 @@ namespace UTIL_NS {
 
 struct CCmFlightOptions {
     bool m_bFile = true;        // keep a file; false: in memory only
-    bool m_bLines = true;       // record trace lines, those that are filtered too
+    bool m_bLines = true;       // trace lines go to the file, those that are filtered too
     uint32_t m_dwUnits = 2048;  // of a thread's ring; made a power of two within limits
     uint32_t m_dwThreads = 64;  // slots, likewise within limits
     const char* m_pszDirectory =
