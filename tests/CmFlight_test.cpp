@@ -188,6 +188,20 @@ TEST(CmFlight, KeepsFiguresUnderAnEvenCount) {
     EXPECT_LT(ullBefore, thread.figuresCount);
 }
 
+TEST(CmFlight, StoresNoFigures_UntilTheThreadHasSome) {
+    const ScopedFlight flight;
+    CCmFlightRing* const pRing = CCmFlight::AttachThisThread("posts");
+    CCmFlightFigures figures = {};
+    pRing->Figures(figures, 1000);
+    EXPECT_EQ(0u, flight.ReadThread("posts").figuresWall);
+    figures.m_ullSends = 1;
+    pRing->Figures(figures, 2000);
+    EXPECT_EQ(2000u, flight.ReadThread("posts").figuresWall);
+    figures.m_ullSends = 0;
+    pRing->Figures(figures, 3000);
+    EXPECT_EQ(3000u, flight.ReadThread("posts").figuresWall);
+}
+
 TEST(CmFlight, TellsTheProcessAndWhenItBeganTickedAndEnded) {
     const ScopedFlight flight(512, 7);
     FlightFile file = flight.Read();

@@ -739,6 +739,11 @@ void CCmFlightRing::PutText(const char* aText, size_t aLength) {
 }
 
 void CCmFlightRing::Figures(const CCmFlightFigures& aFigures, long long aWallUsec) {
+    static constexpr CCmFlightFigures NONE = {};
+    if (aWallUsec != 0 && __atomic_load_n(&m_pSlot->m_ullFiguresWall, __ATOMIC_RELAXED) == 0 &&
+        std::memcmp(&aFigures, &NONE, sizeof(NONE)) == 0) {
+        return;
+    }
     const uint64_t ullCount = __atomic_load_n(&m_pSlot->m_ullFiguresCount, __ATOMIC_RELAXED) | 1;
     Release(m_pSlot->m_ullFiguresCount, ullCount);
     Release(m_pSlot->m_ullFiguresWall, static_cast<uint64_t>(aWallUsec));

@@ -45,7 +45,8 @@ class CCmFlightRing {
     // What runs from now on; null: nothing.
     void Current(const void* aTable, long long aStartUsec);
 
-    // Stores the figures in the slot. One thread at a time, any.
+    // Stores the figures in the slot; not those of a thread that has none yet, as it is no worker.
+    // One thread at a time, any.
     void Figures(const CCmFlightFigures& aFigures, long long aWallUsec);
     // The youngest Post of aEvent not later than aNotAfterUsec that is still there. Any thread,
     // while the ring's thread goes on.
