@@ -379,7 +379,7 @@ uint64_t CCmEventQueueSteps::CountWithoutWaysBack(const std::list<ICmEvent*>& aE
 void CCmEventQueueSteps::NoteTaken_l(CCmEventQueueBase& aQueue, CCmWatchedQueue& aWatched,
                                      size_t aCount) {
     WatchedOwn(aQueue);
-    aWatched.NoteTaken(aWatched.Start(), aCount);
+    aWatched.NoteTaken(aWatched.Start(), aCount, aQueue.m_Events.size());
     if (CM_UNLIKELY(aWatched.m_dwGhosts.Get() != 0)) {
         aWatched.m_dwGhosts.Set(aQueue.m_dwSize.load(std::memory_order_relaxed) -
                                 static_cast<DWORD>(aQueue.m_Events.size()));
@@ -565,7 +565,8 @@ void CCmEventQueueSteps::CPass::RunWatched(ICmEvent* aEvent) {
             thread.m_pLongest.Set(seen.m_pTable);
         }
         if (CCmFlightRing* const pRing = thread.Ring()) {
-            pRing->Event(llStart, llRan, seen.m_pTable, aEvent, m_pWatched->Pending(m_dwStart));
+            pRing->Event(llStart, llRan, seen.m_pTable, aEvent,
+                         m_pWatched->PendingAfter(m_dwStart, llRan));
         }
     }
     if (m_Run.IsOutermost()) {
@@ -1551,7 +1552,8 @@ bool CCmEventQueueSteps::CLoop::TakeOwn(std::list<ICmEvent*>& aEvents, DWORD aMa
     }
     if (CM_UNLIKELY(aIsWatched)) {
         if (CCmWatchedQueue* const pWatched = WatchedOwn(m_Queue)) {
-            pWatched->NoteTaken(pWatched->OwnStart(), std::min<size_t>(m_Own.size(), aMaxCount));
+            const size_t nTaken = std::min<size_t>(m_Own.size(), aMaxCount);
+            pWatched->NoteTaken(pWatched->OwnStart(), nTaken, m_Own.size() - nTaken);
         }
     }
     if (m_Own.size() <= aMaxCount) {
