@@ -150,10 +150,14 @@ void NameClass(size_t aPlace, const void* aTable) {
     StoreClass(ClassesOfFile()[aPlace], entry);
 }
 
+size_t PlaceOfClass(uint64_t aTable) {
+    return (aTable >> 4 ^ aTable >> 13) % CM_FLIGHT_CLASS_COUNT;
+}
+
 // Whether the table is in the list, or has been put there.
 bool EnsureClassListed(const void* aTable) {
     const uint64_t ullTable = CmFlightAddress(aTable);
-    const size_t nFirst = (ullTable >> 4 ^ ullTable >> 13) % CM_FLIGHT_CLASS_COUNT;
+    const size_t nFirst = PlaceOfClass(ullTable);
     for (size_t i = 0; i < CM_FLIGHT_CLASS_COUNT; ++i) {
         const size_t nPlace = (nFirst + i) % CM_FLIGHT_CLASS_COUNT;
         uint64_t ullThere = __atomic_load_n(&s_classes[nPlace].m_ullTable, __ATOMIC_RELAXED);
@@ -765,6 +769,24 @@ void CCmFlightRing::FindName(uint64_t aNumber, char (&aName)[CM_FLIGHT_NAME_SIZE
         std::memcpy(aName, achText, sizeof(aName) - 1);
         return;
     }
+}
+
+bool CCmFlight::CopyClassName(const void* aTable, char (&aName)[CM_FLIGHT_CLASS_NAME_SIZE]) {
+    const uint64_t ullTable = CmFlightAddress(aTable);
+    for (size_t i = 0; i < CM_FLIGHT_CLASS_COUNT; ++i) {
+        const CCmFlightClass& entry =
+            s_classes[(PlaceOfClass(ullTable) + i) % CM_FLIGHT_CLASS_COUNT];
+        const uint64_t ullThere = __atomic_load_n(&entry.m_ullTable, __ATOMIC_RELAXED);
+        if (ullThere == ullTable &&
+            __atomic_load_n(&entry.m_dwState, __ATOMIC_ACQUIRE) == CCmFlightClass::COMPLETE) {
+            std::memcpy(aName, entry.m_szName, sizeof(aName));
+            return true;
+        }
+        if (ullThere == ullTable || ullThere == 0) {
+            return false;
+        }
+    }
+    return false;
 }
 
 bool CCmFlight::FindPost(const void* aEvent, const void* aTable, long long aNotAfterUsec,
