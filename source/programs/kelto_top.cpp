@@ -129,7 +129,8 @@ class CTop {
 
     // With the rates since the reading before.
     bool Read() {
-        CCmTopReading before = std::move(m_Reading);
+        CCmTopReading before;
+        std::swap(before, m_Reading);
         const bool bGood =
             (m_bRead ? m_Reader.Read() : true) && CmReadFigures(m_Reader, &m_Reading);
         CmRateWorkers(before, &m_Reading);
@@ -278,7 +279,7 @@ int Show(const CArguments& aArguments) {
     // As a process ends that the signal ends.
     if (CCmTopScreen::Signal() != 0) {
         signal(CCmTopScreen::Signal(), SIG_DFL);
-        raise(CCmTopScreen::Signal());
+        kill(getpid(), CCmTopScreen::Signal());
         sigset_t none;
         sigemptyset(&none);
         sigprocmask(SIG_SETMASK, &none, nullptr);
