@@ -100,7 +100,7 @@ class CCmWatchOptions {
     DWORD m_dwLongSendMsec = 1000;
     bool m_bRecord = true;
     bool m_bLines = true;
-    uint64_t m_ullReserved[8] = {};  // for later versions
+    [[maybe_unused]] uint64_t m_ullReserved[8] = {};  // for later versions
 };
 
 /// The watch of this process. Any thread; nothing throws.
@@ -118,6 +118,11 @@ class CM_UTIL_EXPORT CCmWatch {
     /// sets aCount to the number of all workers, which may be more. Takes no lock that an event, a
     /// timer or a post takes. aFigures may be null when aRoom is 0. CM_OK; CM_ERROR_INVALID_ARG.
     static CmResult Read(CCmWorkerFigures* aFigures, size_t aRoom, size_t& aCount);
+    /// Copies the path of the recording to aPath, which has room for aSize bytes with the
+    /// terminator: of the file that keeps what the threads did last. Empty: there is none, because
+    /// the watch is off, was not asked for one or could make none, as a trace line says. CM_OK;
+    /// CM_ERROR_INVALID_ARG: null, or the path does not fit; the text is empty then.
+    static CmResult GetRecording(char* aPath, size_t aSize);
 };
 
 }  // namespace UTIL_NS

@@ -2,10 +2,12 @@
 
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <sys/mman.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <string>
@@ -14,10 +16,16 @@
 
 #include "CmEvent.h"
 #include "CmThread.h"
+#include "CmTimerQueueCalendar.h"
+#include "CmTimerQueueOrderedList.h"
+#include "CmTraceLine.h"
 #include "CmWatched.h"
 #include "CmWorker.h"
+#include "port/CmPort.h"
+#include "support/Events.h"
 #include "support/Eventually.h"
 #include "support/Faults.h"
+#include "support/Flight.h"
 #include "support/Gate.h"
 #include "support/TraceSink.h"
 #include "support/Watch.h"
@@ -27,6 +35,7 @@ namespace UTIL_NS {
 namespace {
 
 using namespace std::chrono_literals;
+using kelto_test::EndingEvent;
 using kelto_test::Eventually;
 using kelto_test::FiguresAtRest;
 using kelto_test::FiguresOf;
@@ -35,6 +44,7 @@ using kelto_test::LiveAllocations;
 using kelto_test::NamelessEvent;
 using kelto_test::Rows;
 using kelto_test::ScopedAllocationFault;
+using kelto_test::ScopedDirectory;
 using kelto_test::ScopedTraceSink;
 using kelto_test::ScopedWatch;
 using kelto_test::TaskThread;
@@ -47,6 +57,18 @@ void TakeLong() {
 class CNothing final : public ICmEvent {
   public:
     CmResult OnEventFire() override { return CM_OK; }
+};
+
+class CSwitchEvent final : public ICmEvent {
+  public:
+    explicit CSwitchEvent(std::function<void()> aSwitch) : m_Switch(std::move(aSwitch)) {}
+    CmResult OnEventFire() override {
+        m_Switch();
+        return CM_OK;
+    }
+
+  private:
+    const std::function<void()> m_Switch;
 };
 
 class CSlowEvent final : public ICmEvent {
@@ -97,6 +119,54 @@ TEST(CCmWatch, IsOff_UntilItIsStarted) {
     }
     EXPECT_FALSE(CCmWatch::IsOn());
     EXPECT_EQ(CM_OK, CCmWatch::Stop());
+}
+
+// Says that there is no file, while it starts.
+CmResult StartWithoutFile() {
+    return CCmWatch::Start(CCmWatchOptions().Directory("/dev/null/none"));
+}
+
+TEST(CCmWatch, StartsAndStops_WhenItsOwnLinesAskForIt) {
+    static CmResult s_rvStart = CM_OK;
+    static bool s_bSaid = false;
+    const ScopedTraceSink restores;
+    set_util_external_trace_sink([](unsigned long, const char* aText, unsigned int) {
+        if (std::strstr(aText, "CCmFlight::Open, no file") != nullptr) {
+            s_bSaid = true;
+            s_rvStart = CCmWatch::Start();
+            CCmWatch::Stop();
+        }
+    });
+    EXPECT_EQ(CM_OK, StartWithoutFile());
+    EXPECT_TRUE(s_bSaid);
+    EXPECT_EQ(CM_ERROR_ALREADY_INITIALIZED, s_rvStart);
+    EXPECT_TRUE(CCmWatch::IsOn());
+    CCmWatch::Stop();
+    EXPECT_FALSE(CCmWatch::IsOn());
+}
+
+TEST(CCmWatch, TellsWhereTheRecordingIs_WhileThereIsOne) {
+    const auto recording = [](size_t aSize, CmResult aExpected) {
+        char szPath[1024] = "before";
+        EXPECT_EQ(aExpected, CCmWatch::GetRecording(szPath, aSize));
+        return std::string(szPath);
+    };
+    EXPECT_EQ("", recording(1024, CM_OK));
+    {
+        const ScopedWatch watch;
+        EXPECT_EQ("", recording(1024, CM_OK));
+    }
+    const ScopedDirectory directory;
+    ASSERT_EQ(CM_OK, CCmWatch::Start(CCmWatchOptions().Directory(directory.path().c_str())));
+    ASSERT_EQ(1u, directory.names().size());
+    const std::string sPath = directory.path() + "/" + directory.names().front();
+    EXPECT_EQ(sPath, recording(1024, CM_OK));
+    EXPECT_EQ(sPath, recording(sPath.size() + 1, CM_OK));
+    EXPECT_EQ("", recording(sPath.size(), CM_ERROR_INVALID_ARG));
+    EXPECT_EQ("before", recording(0, CM_ERROR_INVALID_ARG));
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, CCmWatch::GetRecording(nullptr, 1024));
+    EXPECT_EQ(CM_OK, CCmWatch::Stop());
+    EXPECT_EQ("", recording(1024, CM_OK));
 }
 
 TEST(CCmWatch, ReadTellsHowManyWorkersThereAre_WhateverTheRoom) {
@@ -302,12 +372,22 @@ TEST(CCmWatch, CountsWhatIsRefusedAndWhatEndsUnfired) {
     EXPECT_EQ(0U, row->m_ullPending);
 }
 
+// Also of a thread that has ended.
+CCmWorkerFigures RowOf(const std::string& aName) {
+    for (const CCmWorkerFigures& row : Rows()) {
+        if (aName == row.m_szName) {
+            return row;
+        }
+    }
+    ADD_FAILURE() << "no row " << aName;
+    return CCmWorkerFigures();
+}
+
 TEST(CCmWatch, CountsWhatAWorkerLeavesUnfired_WhenItStopsNow) {
     const ScopedWatch watch;
     CCmWorker worker(Named("stopped"));
     Gate begun;
     Gate go;
-    std::atomic<uint64_t> ullUnfired{0};
     CmPost(worker, [&] {
         begun.Open();
         go.Wait();
@@ -319,18 +399,122 @@ TEST(CCmWatch, CountsWhatAWorkerLeavesUnfired_WhenItStopsNow) {
     EXPECT_EQ(CM_OK, worker.StopNow());
     go.Open();
     EXPECT_EQ(CM_OK, worker.Join());
-    const std::vector<CCmWorkerFigures> rows = Rows();
-    const auto row = std::find_if(rows.begin(), rows.end(), [](const CCmWorkerFigures& aRow) {
-        return std::string("stopped") == aRow.m_szName;
-    });
-    ASSERT_NE(rows.end(), row);
-    EXPECT_EQ(14U, row->m_ullPosted);  // its stop event, too
-    EXPECT_EQ(1U, row->m_ullRun);
-    EXPECT_EQ(13U, row->m_ullUnfired);
-    EXPECT_EQ(0U, row->m_ullPending);
+    const CCmWorkerFigures row = RowOf("stopped");
+    EXPECT_EQ(14U, row.m_ullPosted);  // its stop event, too
+    EXPECT_EQ(1U, row.m_ullRun);
+    EXPECT_EQ(13U, row.m_ullUnfired);
+    EXPECT_EQ(0U, row.m_ullPending);
 }
 
 // Events of every kind are under way while the watch is turned on and off.
+// Taken out before the watch was on, pending again after that.
+TEST(CCmWatch, CountsWhatIsPutBackAsPosted_WhenItWasTakenOutBefore) {
+    CCmWorker worker(Named("put back"));
+    Gate firstBegun;
+    Gate first;
+    Gate secondBegun;
+    Gate second;
+    CmPost(worker, [&] {
+        firstBegun.Open();
+        first.Wait();
+    });
+    ASSERT_TRUE(firstBegun.Wait());
+    CmPost(worker, [&] {
+        secondBegun.Open();
+        second.Wait();
+    });
+    for (int i = 0; i < 4; ++i) {
+        CmPost(worker, [] {});
+    }
+    first.Open();
+    ASSERT_TRUE(secondBegun.Wait());  // the four after it have been taken out with it
+    const ScopedWatch watch;
+    CmPost(worker, [] {});
+    EXPECT_EQ(CM_OK, worker.StopNow());
+    second.Open();
+    EXPECT_EQ(CM_OK, worker.Join());
+    const CCmWorkerFigures row = RowOf("");  // it has not come to its queue since
+    EXPECT_EQ(6U, row.m_ullPosted);          // its stop event, too
+    EXPECT_EQ(0U, row.m_ullRun);
+    EXPECT_EQ(6U, row.m_ullUnfired);
+    EXPECT_EQ(0U, row.m_ullPending);
+}
+
+TEST(CCmWatch, KeepsItsFigures_WhenItIsStopped) {
+    CCmWorker sleeper(Named("sleeper"));
+    CCmWorker worker(Named("stays"));
+    Gate begun;
+    Gate go;
+    {
+        const ScopedWatch watch;
+        CmPost(sleeper, [] {});
+        FiguresAtRest(sleeper);
+        CmPost(worker, [&] {
+            begun.Open();
+            go.Wait();
+        });
+        ASSERT_TRUE(begun.Wait());
+        CmPost(worker, [] {});
+    }
+    const CCmWorkerFigures asleep = FiguresOf(sleeper);
+    const CCmWorkerFigures before = FiguresOf(worker);
+    EXPECT_EQ(2U, before.m_ullPosted);
+    EXPECT_EQ(1U, before.m_ullPending);
+    go.Open();
+    CmCall(worker, [] {});
+    TakeLong();
+    EXPECT_EQ(asleep.m_ullAsleep, FiguresOf(sleeper).m_ullAsleep);
+    CmCall(sleeper, [] {});
+    EXPECT_EQ(asleep.m_ullAsleep, FiguresOf(sleeper).m_ullAsleep);
+    const CCmWorkerFigures after = FiguresOf(worker);
+    EXPECT_EQ(2U, after.m_ullPosted);
+    EXPECT_EQ(1U, after.m_ullRun);
+    EXPECT_EQ(1U, after.m_ullPending);
+}
+
+TEST(CCmWatchedSharedCount, KeepsTheCountOfTheLatestStart) {
+    CCmWatchedSharedCount count;
+    count.Add(1, 2);
+    count.Add(2, 3);
+    count.Add(1, 4);  // of a thread that has not seen the second start
+    count.Add(0, 5);  // of one that has seen the end
+    EXPECT_EQ(3U, count.Of(2));
+    EXPECT_EQ(0U, count.Of(1));
+}
+
+TEST(CCmWatch, CountsNoEventOfAPass_WhenTheOneBeforeTurnedItOff) {
+    CCmEventQueueUsingMutex queue;
+    ScopedTraceSink sink;
+    {
+        const ScopedWatch watch;
+        queue.PostEvent(new CSwitchEvent([] { CCmWatch::Stop(); }),
+                        ICmEventQueue::EPRIORITY_NORMAL);
+        queue.PostEvent(new CSlowEvent, ICmEventQueue::EPRIORITY_NORMAL);
+        std::list<ICmEvent*> events;
+        ASSERT_EQ(CM_OK, queue.PopPendingEventsLocked(events, 5, nullptr));
+        queue.ProcessTakenEvents(events);
+        const CCmWorkerFigures row = RowOf("CmWatch_test");
+        EXPECT_EQ(2U, row.m_ullPosted);
+        EXPECT_EQ(1U, row.m_ullRun);
+        EXPECT_EQ(1U, row.m_ullPending);
+    }
+    EXPECT_EQ(1U, sink.count("CCmEventQueueBase::ProcessOneEvent, report,"));
+    EXPECT_EQ(0U, sink.count(", watch, "));
+}
+
+TEST(CCmWatch, CountsASendAsRefused_WhenThereIsNoMemoryForIt) {
+    const ScopedWatch watch;
+    CCmWorker worker(Named("refuses"));
+    CmCall(worker, [] {});
+    const CCmWorkerFigures before = FiguresAtRest(worker);
+    ICmEvent* const pEvent = new CNothing;
+    {
+        const ScopedAllocationFault fault(1);
+        EXPECT_EQ(CM_ERROR_OUT_OF_MEMORY, worker.GetEventQueue()->SendEvent(pEvent));
+    }
+    EXPECT_EQ(before.m_ullRefused + 1, FiguresAtRest(worker).m_ullRefused);
+}
+
 TEST(CCmWatch, PostedIsRunUnfiredAndPending_WhileItIsTurnedOnAndOff) {
     CCmWorker worker(Named("middle"));
     TaskThread task;
@@ -405,7 +589,6 @@ TEST(CCmWatch, CountsFromZero_WhenItIsStartedAgain) {
     const ScopedWatch watch;
     EXPECT_EQ(0U, FiguresOf(worker).m_ullRun);
     EXPECT_EQ(0U, FiguresOf(worker).m_Run.m_ullCount);
-    EXPECT_EQ(0U, FiguresOf(worker).m_ullInEvents);
     CmPost(worker, [] {});
     EXPECT_EQ(1U, FiguresAtRest(worker).m_ullRun);
     EXPECT_EQ(1U, FiguresOf(worker).m_Run.m_ullCount);
@@ -433,6 +616,26 @@ TEST(CCmWatch, TellsTheAddressOfTheTable_WhenAClassHasNoTypeInformation) {
     std::snprintf(szTable, sizeof(szTable), "%p", const_cast<void*>(CmTableOf(pEvent)));
     worker.GetEventQueue()->PostEvent(pEvent, ICmEventQueue::EPRIORITY_NORMAL);
     EXPECT_EQ(std::string(szTable), FiguresAtRest(worker).m_szLongestClass);
+}
+
+// The table lies in memory that goes away, as that of a module that is unloaded.
+TEST(CCmWatch, KeepsTheNameOfAClass_WhenItsModuleIsGone) {
+    const ScopedWatch watch;
+    constexpr size_t WORDS = 6;  // two in front of the table, and four functions
+    void* const pMemory =
+        mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(MAP_FAILED, pMemory);
+    CCmWorker worker(Named("module"));
+    auto* const pEvent = new CSlowEvent;
+    const void* const* const pTable = static_cast<const void* const*>(CmTableOf(pEvent));
+    std::memcpy(pMemory, pTable - 2, WORDS * sizeof(void*));
+    const void* const pCopy = static_cast<const void* const*>(pMemory) + 2;
+    std::memcpy(static_cast<void*>(pEvent), &pCopy, sizeof(pCopy));
+    worker.GetEventQueue()->PostEvent(pEvent, ICmEventQueue::EPRIORITY_NORMAL);
+    FiguresAtRest(worker);
+    ASSERT_EQ(0, munmap(pMemory, 4096));
+    EXPECT_NE(std::string::npos,
+              std::string(FiguresOf(worker).m_szLongestClass).find("CSlowEvent"));
 }
 
 TEST(CCmWatch, TellsWhatRunsNow) {
@@ -629,6 +832,53 @@ TEST(CCmWatch, ForgetsThreadsThatHaveEnded) {
     }
 }
 
+// As a thread does on macOS that is cancelled within an event.
+TEST(CCmWatch, BeginsANewThreadOutsideOfEvents_WhenTheOneBeforeItLeftNone) {
+    const ScopedWatch watch;
+    alignas(CCmWatchedRun) static unsigned char s_abyRun[sizeof(CCmWatchedRun)];
+    const CCmWatchedThread* pLeft = nullptr;
+    std::thread([&pLeft] {
+        CCmWatchedThread* const pThread = CmEnsureWatchedThread();
+        ::new (s_abyRun) CCmWatchedRun;
+        reinterpret_cast<CCmWatchedRun*>(s_abyRun)->Enter(pThread);
+        pLeft = pThread;
+    }).join();
+    bool bIsFound = false;
+    for (int i = 0; i < 200 && !bIsFound; ++i) {
+        std::thread([&] {
+            const CCmWatchedThread* const pThread = CmEnsureWatchedThread();
+            bIsFound = pThread == pLeft;
+            EXPECT_EQ(0U, pThread->m_dwDepth);
+        }).join();
+    }
+    EXPECT_TRUE(bIsFound);
+}
+
+// Traces a line before it has its name.
+class CLateName final : public CCmThreadTask {
+  public:
+    void OnThreadInit() override {
+        CCmThreadTask::OnThreadInit();
+        CM_INFO_TRACE("no name yet");
+        CmPortNameThisThread("late name");
+    }
+};
+
+TEST(CCmWatch, KnowsAPosterByItsName_WhenItTracedALineBeforeItHadOne) {
+    const ScopedWatch watch;
+    ScopedTraceSink sink;
+    CCmWorker worker(Named("slow"));
+    CLateName poster;
+    ASSERT_EQ(CM_OK, poster.Create(1));
+    CmCall(poster, [&] {
+        worker.GetEventQueue()->PostEvent(new CSlowEvent, ICmEventQueue::EPRIORITY_NORMAL);
+    });
+    FiguresAtRest(worker);
+    poster.Stop(nullptr);
+    poster.Join();
+    EXPECT_EQ(1U, sink.count("CSlowEvent postedBy=late name waitedUsec="));
+}
+
 TEST(CCmWatch, SaysWhatASlowEventWas) {
     const ScopedWatch watch;
     ScopedTraceSink sink;
@@ -641,7 +891,7 @@ TEST(CCmWatch, SaysWhatASlowEventWas) {
     });
     ASSERT_TRUE(begun.Wait());
     std::thread([&] {
-        pthread_setname_np(pthread_self(), "the poster");
+        CmPortNameThisThread("the poster");
         worker.GetEventQueue()->PostEvent(new CSlowEvent, ICmEventQueue::EPRIORITY_NORMAL);
     }).join();  // it is gone when the line is written
     CmPost(worker, [] {});
@@ -680,6 +930,7 @@ TEST(CCmWatch, SaysWhatASlowSendWas) {
     CCmWorker sender(Named("its sender"));
     CmPost(sender, [&] { worker.GetEventQueue()->SendEvent(new CSlowEvent); });
     FiguresAtRest(sender);
+    FiguresAtRest(worker);  // which has written the line by then
     EXPECT_EQ(1U, sink.count("CSlowEvent postedBy=its sender waitedUsec="));
 }
 
@@ -714,6 +965,75 @@ TEST(CCmWatch, SaysWhichTimerHandlerWasSlow) {
     EXPECT_EQ(2U, FiguresOf(*task).m_ullTimersFired);
 }
 
+TEST(CCmWatch, SaysWhichHandlerOfACalendarQueueWasSlow) {
+    const ScopedWatch watch;
+    ScopedTraceSink sink;
+    TaskThread task;
+    CSlowHandler inSlot;
+    CSlowHandler atOnce;
+    std::unique_ptr<CCmTimerQueueCalendar> calendar;
+    CmCall(*task, [&] {
+        calendar = std::make_unique<CCmTimerQueueCalendar>(10, 1000);
+        calendar->ScheduleTimer(&inSlot, nullptr, CCmTimeValue(0, 10000), 1);
+        calendar->ScheduleTimer(&atOnce, nullptr, CCmTimeValue::s_tvZero, 1);
+        calendar->TimerTick();
+        calendar->TimerTick();
+    });
+    ASSERT_TRUE(atOnce.m_Fired.Wait());
+    CmCall(*task, [&] { calendar.reset(); });
+    EXPECT_EQ(2U, sink.count("CCmTimerQueueCalendar::TimerTick, watch, class="));
+    EXPECT_EQ(2U, sink.count("CSlowHandler ranUsec="));
+    const CCmWorkerFigures figures = FiguresAtRest(*task);
+    EXPECT_EQ(2U, figures.m_ullTimersFired);
+    EXPECT_EQ(0U, figures.m_Late.m_ullCount);
+}
+
+// Two timers of one pass: the first turns the watch off, or off and on, the second is slow.
+class CSwitchHandler final : public ICmTimerHandler {
+  public:
+    explicit CSwitchHandler(std::function<void()> aSwitch) : m_Switch(std::move(aSwitch)) {}
+    void OnTimeout(const CCmTimeValue& /*aCurTime*/, void* /*aArg*/) override { m_Switch(); }
+
+  private:
+    std::function<void()> m_Switch;
+};
+
+void FireInOnePass(const std::vector<ICmTimerHandler*>& aHandlers) {
+    CCmTimerQueueOrderedList timers(nullptr);
+    for (size_t i = 0; i < aHandlers.size(); ++i) {
+        const CCmTimeValue tvInterval(0, 1 + 100 * static_cast<long>(i));
+        timers.ScheduleTimer(aHandlers[i], nullptr, tvInterval, 1);
+    }
+    std::this_thread::sleep_for(1ms);
+    EXPECT_EQ(aHandlers.size(), timers.CheckExpire(nullptr));
+}
+
+TEST(CCmWatch, SaysNothingOfATimer_WhenTheOneBeforeTurnedItOff) {
+    ScopedTraceSink sink;
+    CSwitchHandler turnOff([] { CCmWatch::Stop(); });
+    CSlowHandler slow;
+    {
+        const ScopedWatch watch;
+        FireInOnePass({&turnOff, &slow});
+    }
+    EXPECT_EQ(0U, sink.count(", watch, "));
+}
+
+TEST(CCmWatch, TakesNoTimeOfOthersForATimers_WhenItIsTurnedOnAgainInTheSamePass) {
+    ScopedTraceSink sink;
+    CSwitchHandler turnOff([] { CCmWatch::Stop(); });
+    CSwitchHandler turnOn(
+        [] { EXPECT_EQ(CM_OK, CCmWatch::Start(CCmWatchOptions().Record(false))); });
+    CSlowHandler slow;
+    CSwitchHandler nothing([] {});
+    {
+        const ScopedWatch watch;
+        FireInOnePass({&turnOff, &slow, &turnOn, &nothing});
+        EXPECT_TRUE(CCmWatch::IsOn());
+    }
+    EXPECT_EQ(0U, sink.count(", watch, "));
+}
+
 TEST(CCmWatch, SaysNothing_WhileItIsOff) {
     ScopedTraceSink sink;
     TaskThread task;
@@ -728,15 +1048,11 @@ TEST(CCmWatch, SaysNothing_WhileItIsOff) {
     EXPECT_EQ(0U, sink.count(", watch, "));
 }
 
-// Without memory nothing fails but the figures.
+// Without memory nothing fails but the figures, and what fails anyway.
 TEST(CCmWatch, ChangesNoResult_WhenMemoryRunsOut) {
-    CCmWorker worker(Named("no memory"));
-    for (unsigned long ulNth = 1; ulNth < 8; ++ulNth) {
+    for (unsigned long ulNth = 1; ulNth < 10; ++ulNth) {
         SCOPED_TRACE(ulNth);
         CmResult rvStart = CM_OK;
-        CmResult rv = CM_ERROR_FAILURE;
-        CCmEventQueueUsingMutex queue;
-        ICmEvent* const pEvent = new CNothing;
         {
             const ScopedAllocationFault fault(ulNth, kelto_test::Failing::FROM_THERE_ON);
             rvStart = CCmWatch::Start(CCmWatchOptions().Record(false));
@@ -746,15 +1062,27 @@ TEST(CCmWatch, ChangesNoResult_WhenMemoryRunsOut) {
             EXPECT_FALSE(CCmWatch::IsOn());
             ASSERT_EQ(CM_OK, CCmWatch::Start(CCmWatchOptions().Record(false)));
         }
-        std::thread([&] {
-            std::list<ICmEvent*> events;
-            ASSERT_EQ(CM_OK, queue.PostEvent(pEvent, ICmEventQueue::EPRIORITY_NORMAL));
-            ASSERT_EQ(CM_OK, queue.PopPendingEventsLocked(events));
-            const ScopedAllocationFault fault(1, kelto_test::Failing::FROM_THERE_ON);
-            queue.ProcessTakenEvents(events);
-            rv = CM_OK;
-        }).join();
-        EXPECT_EQ(CM_OK, rv);
+        std::atomic<int> nEnded{0};
+        int nPosted = 0;
+        std::thread([&] {  // of which nothing is kept yet
+            CCmEventQueueUsingMutex queue;
+            ICmEvent* events[4];
+            for (ICmEvent*& pEvent : events) {
+                pEvent = new EndingEvent([&] { ++nEnded; });
+            }
+            const ScopedAllocationFault fault(ulNth);
+            for (ICmEvent* pEvent : events) {
+                const CmResult rv = queue.PostEvent(pEvent, ICmEventQueue::EPRIORITY_NORMAL);
+                EXPECT_TRUE(rv == CM_OK || rv == CM_ERROR_OUT_OF_MEMORY) << rv;
+                nPosted += CM_SUCCEEDED(rv) ? 1 : 0;
+            }
+            EXPECT_LE(3, nPosted);  // one node at most could not be had
+            std::list<ICmEvent*> taken;
+            EXPECT_EQ(CM_OK, queue.PopPendingEventsLocked(taken));
+            queue.ProcessTakenEvents(taken);
+        })
+            .join();
+        EXPECT_EQ(4, nEnded);
         size_t nCount = 0;
         EXPECT_EQ(CM_OK, CCmWatch::Read(nullptr, 0, nCount));
         CCmWatch::Stop();

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <memory>
+#include <vector>
 
 namespace UTIL_NS {
 
@@ -105,25 +106,6 @@ std::string SourceNames(std::string_view aMangled) {
     return strNames;
 }
 
-// The name of the function whose text, with arguments, aText ends in; empty where it ends
-// otherwise.
-std::string_view FunctionAtEnd(std::string_view aText) {
-    const size_t nClose = aText.rfind(')');
-    if (nClose == std::string_view::npos) {
-        return std::string_view();
-    }
-    size_t nOpen = nClose;
-    for (size_t nDepth = 1; nDepth > 0; nDepth -= aText[nOpen] == '(' ? 1 : 0) {
-        if (nOpen == 0) {
-            return std::string_view();
-        }
-        --nOpen;
-        nDepth += aText[nOpen] == ')' ? 1 : 0;
-    }
-    const std::string_view name = aText.substr(0, nOpen);
-    return name.substr(name.find_last_of(":<>(), ") + 1);
-}
-
 bool BreakDown(int64_t aUsec, tm* aTime) {
     const std::time_t tSeconds = static_cast<std::time_t>(aUsec / USEC_PER_SEC);
     return aUsec >= 0 && aUsec < LAST_USEC && localtime_r(&tSeconds, aTime) != nullptr;
@@ -159,6 +141,55 @@ bool TakeDate(std::string_view& aText, tm* aTime) {
     aTime->tm_year -= 1900;
     aTime->tm_mon -= 1;
     return bGood;
+}
+
+// What stands after the last "::", with "<...>" for template arguments; with what is before it, if
+// asked.
+std::string LastPart(std::string_view aName, bool aIsWithOwner) {
+    std::string strOwner;
+    std::string strOut;
+    size_t nDepth = 0;
+    for (size_t i = 0; i < aName.size(); ++i) {
+        const char ch = aName[i];
+        if (ch == '<' || ch == '(' || ch == '{') {
+            strOut += nDepth == 0 ? std::string(1, ch) : std::string();
+            ++nDepth;
+        } else if ((ch == '>' || ch == ')' || ch == '}') && nDepth > 0) {
+            --nDepth;
+            strOut += nDepth == 0 ? std::string(ELLIPSIS) + ch : std::string();
+        } else if (nDepth == 0 && aName.substr(i, 2) == "::") {
+            strOwner = strOut + "::";
+            strOut.clear();
+            ++i;
+        } else if (nDepth == 0) {
+            strOut += ch;
+        }
+    }
+    return aIsWithOwner ? strOwner + strOut : strOut;
+}
+
+// The function in which a lambda stands, without its arguments: it says more than the template that
+// the lambda was given to. Empty: there is none.
+std::string_view FunctionWithLambda(std::string_view aClassName) {
+    const size_t nLambda = std::min(aClassName.find("::{lambda("), aClassName.find("::$_"));
+    if (nLambda == std::string_view::npos) {
+        return std::string_view();
+    }
+    std::vector<size_t> begins = {0};  // of what stands in each of the brackets that are open
+    size_t nEnd = nLambda;
+    for (size_t i = 0; i < nLambda; ++i) {
+        const char ch = aClassName[i];
+        if (ch == '<' || ch == '(') {
+            begins.push_back(i + 1);
+        } else if ((ch == '>' || ch == ')') && begins.size() > 1) {
+            nEnd = ch == ')' ? begins.back() - 1 : nEnd;
+            begins.pop_back();
+        } else if (ch == ' ' && aClassName.substr(i, 6) != " const") {
+            begins.back() = i + 1;
+        }
+    }
+    return nEnd > begins.back() ? aClassName.substr(begins.back(), nEnd - begins.back())
+                                : std::string_view();
 }
 
 }  // namespace
@@ -261,29 +292,9 @@ std::string CmClassName(std::string_view aName) {
 }
 
 std::string CmShortClassName(std::string_view aClassName) {
-    // As GCC's library has it, and as Clang's does.
-    const size_t nLambda = std::min(aClassName.find("::{lambda("), aClassName.find("::'lambda"));
-    const std::string_view function = FunctionAtEnd(aClassName.substr(0, nLambda));
-    if (nLambda != std::string_view::npos && !function.empty()) {
-        return std::string(function) + "{lambda}";
-    }
-    std::string strOut;
-    size_t nDepth = 0;
-    for (size_t i = 0; i < aClassName.size(); ++i) {
-        const char ch = aClassName[i];
-        if (ch == '<' || ch == '(' || ch == '{') {
-            strOut += nDepth == 0 ? std::string(1, ch) : std::string();
-            ++nDepth;
-        } else if ((ch == '>' || ch == ')' || ch == '}') && nDepth > 0) {
-            --nDepth;
-            strOut += nDepth == 0 ? std::string(ELLIPSIS) + ch : std::string();
-        } else if (nDepth == 0 && aClassName.substr(i, 2) == "::") {
-            strOut.clear();
-            ++i;
-        } else if (nDepth == 0) {
-            strOut += ch;
-        }
-    }
+    const std::string_view function = FunctionWithLambda(aClassName);
+    const std::string strOut =
+        function.empty() ? LastPart(aClassName, false) : LastPart(function, true);
     return strOut.empty() ? std::string(aClassName) : strOut;
 }
 

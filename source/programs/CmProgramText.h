@@ -33,8 +33,8 @@ std::string CmPadLeft(std::string_view aText, size_t aColumns);
 // that was cut is given as far as its classes can be told, with an ellipsis; anything else as it
 // is.
 std::string CmClassName(std::string_view aName);
-// The last part of such a name, without namespaces, and with "<...>" for template arguments. Of
-// what was made of a lambda expression, the function that this stands in: "Work{lambda}".
+// The last part of such a name, without namespaces, and with "<...>" for template arguments; of a
+// lambda, and of what one was given to, the function in which it stands.
 std::string CmShortClassName(std::string_view aClassName);
 
 // As std::printf does it, of any length.

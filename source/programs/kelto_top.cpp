@@ -10,6 +10,7 @@
 #include <exception>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "CmFlightReader.h"

@@ -13,6 +13,7 @@
 #include "CmEventQueueSteps.h"
 #include "CmFlight.h"
 #include "CmListNode.h"
+#include "CmNsec.h"
 #include "CmPrivateState.h"
 #include "CmScopedLock.h"
 #include "CmSystem.h"
@@ -218,6 +219,9 @@ class CCmEventQueueSteps::CPosting {
         }
         // Before the event is there: the watch may begin with what is.
         m_pWatched = CmWatchIsOn() ? Watched_l(m_Queue) : nullptr;
+        if (CM_UNLIKELY(m_pWatched != nullptr && !m_bIsRecorded)) {
+            m_bIsWayBack = See(m_pEvent).m_bIsWayBack;
+        }
         m_Queue.m_Events.splice(m_Queue.m_Events.end(), aNodes, aNodes.begin());
         m_Queue.m_Events.back() = m_pEvent;
         const DWORD dwSize = m_Queue.m_dwSize.load(std::memory_order_relaxed) + 1;
@@ -279,6 +283,7 @@ class CCmEventQueueSteps::CPosting {
     // takes long.
     void Record() {
         EnsureWatched(m_Queue);
+        m_bIsRecorded = true;
         CCmFlightRing* const pRing = RingOfThisThread();
         const CSeenEvent seen = See(m_pEvent);
         m_bIsWayBack = seen.m_bIsWayBack;
@@ -292,13 +297,16 @@ class CCmEventQueueSteps::CPosting {
         }
         CCmWatchedQueue& watched = *m_pWatched;
         watched.m_ullPosted.Add(1);
-        const DWORD dwPending = watched.Pending(g_cmWatchOn.load(std::memory_order_relaxed));
+        // Without what the consumer has taken out, which it alone writes.
+        const DWORD dwPending =
+            m_Queue.m_dwSize.load(std::memory_order_relaxed) - watched.m_dwGhosts.Get();
         if (watched.m_dwMost.Raise(dwPending) &&
             dwPending >= std::min(2 * watched.m_dwMarked, watched.m_dwMarked + MARK_STEP)) {
             m_dwMark = watched.m_dwMarked = dwPending;
         }
-        if (watched.m_Probe.Wants(m_pEvent, aIsAwaited)) {
-            watched.m_Probe.Set(m_pEvent, CmUsecOf(CCmTimeValue::GetTimeOfDay()));
+        if (watched.m_Probe.Wants(m_pEvent, aIsAwaited, watched.m_dwPosts)) {
+            watched.m_Probe.Set(m_pEvent, CmUsecOf(CCmTimeValue::GetTimeOfDay()),
+                                watched.m_dwPosts);
         }
     }
 
@@ -309,6 +317,7 @@ class CCmEventQueueSteps::CPosting {
     DWORD m_dwReportSize = 0;               // the size to report; 0: nothing
     DWORD m_dwMark = 0;                     // a high-water mark to record; 0: none
     CCmWatchedQueue* m_pWatched = nullptr;  // since Append
+    bool m_bIsRecorded = false;             // the watch was on before the lock was taken
     bool m_bIsWayBack = false;              // of a synchronous send
 };
 
@@ -370,7 +379,7 @@ uint64_t CCmEventQueueSteps::CountWithoutWaysBack(const std::list<ICmEvent*>& aE
 void CCmEventQueueSteps::NoteTaken_l(CCmEventQueueBase& aQueue, CCmWatchedQueue& aWatched,
                                      size_t aCount) {
     WatchedOwn(aQueue);
-    aWatched.NoteTaken(aCount);
+    aWatched.NoteTaken(aWatched.Start(), aCount);
     if (CM_UNLIKELY(aWatched.m_dwGhosts.Get() != 0)) {
         aWatched.m_dwGhosts.Set(aQueue.m_dwSize.load(std::memory_order_relaxed) -
                                 static_cast<DWORD>(aQueue.m_Events.size()));
@@ -417,7 +426,7 @@ CCmWatchedThread* CCmEventQueueSteps::FallAsleep(const CLoop* aLoop) {
 
 // With events there, the pass that runs them reads the clock anyway (CPass::BeginWatch).
 void CCmEventQueueSteps::WakeUp(CCmWatchedThread& aThread, bool aHasEvents) {
-    if (!aHasEvents) {
+    if (!aHasEvents && aThread.IsOf(g_cmWatchOn.load(std::memory_order_relaxed))) {
         aThread.EndSleep(CmUsecOf(CCmTimeValue::GetTimeOfDay()));
     }
 }
@@ -438,7 +447,9 @@ class CCmEventQueueSteps::CPass {
 
     void RunAndDestroy(ICmEvent* aEvent) {
         CM_ASSERTE_RETURN(aEvent, void());
-        if (CM_UNLIKELY(m_pWatched != nullptr)) {
+        // An event within this pass may have turned the watch off, and on again.
+        if (CM_UNLIKELY(m_pWatched != nullptr &&
+                        m_dwStart == g_cmWatchOn.load(std::memory_order_relaxed))) {
             RunWatched(aEvent);
             return;
         }
@@ -461,6 +472,17 @@ class CCmEventQueueSteps::CPass {
         if (CM_UNLIKELY(m_pWatched != nullptr)) {
             m_pWatched->m_Unfired.Add(m_dwStart, CountWithoutWaysBack(aEvents));
             m_pWatched->m_dwTaken.Set(0);
+        }
+    }
+
+    // The same of events that are about to be pending again. Those that were taken out before the
+    // watch was on count as posted from now on.
+    void NotePutBack_l(const std::list<ICmEvent*>& aEvents) const {
+        if (CCmWatchedQueue* const pWatched = Watched_l(m_Queue)) {
+            if (m_pWatched == nullptr || m_dwStart != pWatched->Start()) {
+                pWatched->m_ullPosted.Add(CountWithoutWaysBack(aEvents));
+            }
+            pWatched->m_dwTaken.Set(0);
         }
     }
 
@@ -519,8 +541,7 @@ void CCmEventQueueSteps::CPass::BeginWatch() {
 
 void CCmEventQueueSteps::CPass::RunWatched(ICmEvent* aEvent) {
     const CSeenEvent seen = See(aEvent);
-    // An event within this pass may have turned the watch off and on again.
-    const bool bCounts = !seen.m_bIsWayBack && m_pWatched->IsOwnOf(m_dwStart);
+    const bool bCounts = !seen.m_bIsWayBack;
     CCmWatchedThread& thread = *m_Run.Thread();
     const long long llStart = CmUsecOf(m_tvStart);
     m_Run.SetCurrent(seen.m_pTable, llStart);
@@ -558,6 +579,10 @@ void CCmEventQueueSteps::CPass::RunWatched(ICmEvent* aEvent) {
 }
 
 // aWaited: -1 when it has not been measured.
+//
+// An event starts where the one before has ended, which may be shortly before it was posted; so its
+// post is looked for up to its end, less what the clock of posts may be late: what has been posted
+// at the same address since is another event.
 void CCmEventQueueSteps::CPass::ReportWatched(const ICmEvent* aEvent, const void* aTable,
                                               long long aStart, long long aWaited,
                                               long long aRan) const {
@@ -566,7 +591,8 @@ void CCmEventQueueSteps::CPass::ReportWatched(const ICmEvent* aEvent, const void
     char szPoster[CM_FLIGHT_NAME_SIZE] = "unknown";
     char szWaited[24] = "unknown";
     long long llPosted = 0;
-    if (CCmFlight::FindPost(aEvent, aTable, aStart, llPosted, szPoster)) {
+    const long long llLastPost = aStart + aRan - CM_PORT_COARSE_USEC;
+    if (CCmFlight::FindPost(aEvent, aTable, llLastPost, llPosted, szPoster)) {
         aWaited = aWaited >= 0 ? aWaited : std::max(aStart - llPosted, 0LL);
     }
     if (aWaited >= 0) {
@@ -878,6 +904,9 @@ CmResult CCmEventQueueBase::SendEvent(ICmEvent* aEvent) {
     }
     CCmEventSynchronous* pSynchronous = new (std::nothrow) CCmEventSynchronous(aEvent, this);
     if (pSynchronous == nullptr) {
+        if (CmWatchIsOn()) {
+            CCmEventQueueSteps::NoteRefused(*this);
+        }
         aEvent->OnDestorySelf();
         return CM_ERROR_OUT_OF_MEMORY;
     }
@@ -1178,15 +1207,16 @@ class CCmEventQueueUsingConditionVariable::CConditionQueueState {
     void Run(CCmEventQueueSteps::CPass& aPass, std::list<ICmEvent*>& aEvents,
              const CmStd::atomic<bool>* aStop) {
         CCmEventQueueSteps::Run(aPass, aEvents.begin(), aEvents.end(), aStop,
-                                [this, &aEvents](std::list<ICmEvent*>::iterator aRest) {
-                                    PutBack(aEvents, aRest);
+                                [this, &aPass, &aEvents](std::list<ICmEvent*>::iterator aRest) {
+                                    PutBack(aPass, aEvents, aRest);
                                     KeepNodes(aEvents);
                                 });
     }
 
   private:
     // The events from aRest on are pending again, in their old place: the head.
-    void PutBack(std::list<ICmEvent*>& aEvents, std::list<ICmEvent*>::iterator aRest) {
+    void PutBack(CCmEventQueueSteps::CPass& aPass, std::list<ICmEvent*>& aEvents,
+                 std::list<ICmEvent*>::iterator aRest) {
         if (aRest == aEvents.end()) {
             return;
         }
@@ -1197,12 +1227,11 @@ class CCmEventQueueUsingConditionVariable::CConditionQueueState {
                 CCmEventQueueSteps::LoopOfThisThread(m_Queue)) {
             pLoop->GiveOwn();
         }
+        if (CmWatchIsOn()) {
+            aPass.NotePutBack_l(rest);
+        }
         m_Queue.m_dwSize.fetch_add(static_cast<DWORD>(rest.size()), std::memory_order_relaxed);
         m_Queue.m_Events.splice(m_Queue.m_Events.begin(), rest);
-        if (CCmWatchedQueue* const pWatched =
-                CmWatchIsOn() ? CCmEventQueueSteps::Watched_l(m_Queue) : nullptr) {
-            pWatched->m_dwTaken.Set(0);
-        }
     }
     // With the node that was prepared, or with a spare one.
     CmResult Append_l(CCmEventQueueSteps::CPosting& aPosting) CM_REQUIRES(m_Queue.m_Mutex) {
@@ -1375,18 +1404,15 @@ void CCmEventQueueSteps::CLoop::RunEvents(CCmTimeValue* aTimeout, DWORD aMaxCoun
     }
 }
 
-void CCmEventQueueSteps::CLoop::RunEventsUntil(const long long* aDeadlineNsec, DWORD aMaxCount,
+void CCmEventQueueSteps::CLoop::RunEventsUntil(long long aDeadlineNsec, DWORD aMaxCount,
                                                const CmStd::atomic<bool>& aStop) {
     EndDiscarded();
-    if (m_nOwnCore != -1 && aDeadlineNsec == nullptr) {
+    if (m_nOwnCore != -1 && aDeadlineNsec == CM_NEVER_NSEC) {
         AwaitSender();
     }
-    long long llTend = 0;
     if (CM_UNLIKELY(TendMemory())) {
-        llTend = CmLaterNsec(CmMonotonicNsec(), CCmTimeValue(CCmBlockPool::TEND_SEC));
-        if (aDeadlineNsec == nullptr || *aDeadlineNsec > llTend) {
-            aDeadlineNsec = &llTend;
-        }
+        aDeadlineNsec = std::min(
+            aDeadlineNsec, CmLaterNsec(CmMonotonicNsec(), CCmTimeValue(CCmBlockPool::TEND_SEC)));
     }
     std::list<ICmEvent*> events;
     if (CM_SUCCEEDED(PopOrWaitUntil(events, aDeadlineNsec, aMaxCount))) {
@@ -1438,16 +1464,15 @@ void CCmEventQueueSteps::CLoop::NoteSend(int aSenderCore) {
 }
 
 CmResult CCmEventQueueSteps::CLoop::PopOrWaitUntil(std::list<ICmEvent*>& aEvents,
-                                                   const long long* aDeadlineNsec,
-                                                   DWORD aMaxCount) {
-    if (aDeadlineNsec == nullptr) {
+                                                   long long aDeadlineNsec, DWORD aMaxCount) {
+    if (aDeadlineNsec == CM_NEVER_NSEC) {
         return m_Queue.PopOrWaitPendingEvents(aEvents, nullptr, aMaxCount);
     }
     int nError = 0;
     const CmResult rv = CCmPrivateRoom::Of(m_Queue.m_Private).PopOrWait(aEvents, aMaxCount, [&] {
-        nError = CCmConditionSteps::WaitUntilCall(m_Queue.m_Condition, *aDeadlineNsec);
+        nError = CCmConditionSteps::WaitUntilCall(m_Queue.m_Condition, aDeadlineNsec);
     });
-    CCmConditionSteps::WaitUntilResult(m_Queue.m_Condition, *aDeadlineNsec, nError);
+    CCmConditionSteps::WaitUntilResult(m_Queue.m_Condition, aDeadlineNsec, nError);
     return rv;
 }
 
@@ -1505,8 +1530,9 @@ void CCmEventQueueSteps::CLoop::NoteOwnPost(const ICmEvent* aEvent) {
         }
         pWatched->m_ullOwnPosted.Add(1);
         pWatched->m_dwOwnMost.Raise(pWatched->Pending(dwStart));
-        if (pWatched->m_OwnProbe.Wants(aEvent, false)) {
-            pWatched->m_OwnProbe.Set(aEvent, CmUsecOf(CCmTimeValue::GetTimeOfDay()));
+        if (pWatched->m_OwnProbe.Wants(aEvent, false, pWatched->m_dwOwnPosts)) {
+            pWatched->m_OwnProbe.Set(aEvent, CmUsecOf(CCmTimeValue::GetTimeOfDay()),
+                                     pWatched->m_dwOwnPosts);
         }
     }
     const CCmWatchedThread* const pThread = CmEnsureWatchedThread();
@@ -1525,7 +1551,7 @@ bool CCmEventQueueSteps::CLoop::TakeOwn(std::list<ICmEvent*>& aEvents, DWORD aMa
     }
     if (CM_UNLIKELY(aIsWatched)) {
         if (CCmWatchedQueue* const pWatched = WatchedOwn(m_Queue)) {
-            pWatched->NoteTaken(std::min<size_t>(m_Own.size(), aMaxCount));
+            pWatched->NoteTaken(pWatched->OwnStart(), std::min<size_t>(m_Own.size(), aMaxCount));
         }
     }
     if (m_Own.size() <= aMaxCount) {

@@ -91,10 +91,9 @@ class CCmEventQueueSteps::CLoop {
     // Waits while nothing is pending, at most aTimeout (null: no limit), and runs at most aMaxCount
     // events. May return without one before that, to look after the memory of those that have run.
     void RunEvents(CCmTimeValue* aTimeout, DWORD aMaxCount);
-    // The same with a limit by the monotonic clock, in nanoseconds (null: none). When aStop becomes
-    // true, events that have not begun go back to the head of the queue.
-    void RunEventsUntil(const long long* aDeadlineNsec, DWORD aMaxCount,
-                        const CmStd::atomic<bool>& aStop);
+    // The same with a limit by the monotonic clock, in nanoseconds (CM_NEVER_NSEC: none). When
+    // aStop becomes true, events that have not begun go back to the head of the queue.
+    void RunEventsUntil(long long aDeadlineNsec, DWORD aMaxCount, const CmStd::atomic<bool>& aStop);
 
   private:
     friend class CCmEventQueueBase;
@@ -106,7 +105,7 @@ class CCmEventQueueSteps::CLoop {
     // CCmBlockPool::Tend, which may take its time.
     bool TendMemory();
     void AwaitSender();
-    CmResult PopOrWaitUntil(std::list<ICmEvent*>& aEvents, const long long* aDeadlineNsec,
+    CmResult PopOrWaitUntil(std::list<ICmEvent*>& aEvents, long long aDeadlineNsec,
                             DWORD aMaxCount);
     void RunTaken(std::list<ICmEvent*>& aEvents, const CmStd::atomic<bool>* aStop);
     void NoteSend(int aSenderCore);

@@ -97,8 +97,8 @@ class CCmFlight {
     // record reaches nobody.
     static void Close();
     static bool IsOpen();
-    // The file's path, cut to the room; empty when there is none.
-    static void CopyPath(char* aPath, size_t aSize);
+    // The file's path; empty when there is none. False, and empty: it does not fit.
+    static bool CopyPath(char* aPath, size_t aSize);
 
     // The ring of the calling thread, made on the first call and valid until the thread ends; null
     // when the recorder was never open, has no slot free, or the process was forked. aName: null
@@ -115,6 +115,10 @@ class CCmFlight {
     // that has been overwritten.
     static bool FindPost(const void* aEvent, const void* aTable, long long aNotAfterUsec,
                          long long& aUsec, char (&aPoster)[CM_FLIGHT_NAME_SIZE]);
+
+    // The name that was copied when a record first told of the class with this table, whose module
+    // may be gone by now: empty for a class without type information. False when none has.
+    static bool CopyClassName(const void* aTable, char (&aName)[CM_FLIGHT_CLASS_NAME_SIZE]);
 
     // Every 250 ms: stores the times in the file's header, and says once, by a line, when somebody
     // has cut the file, since when there is none.

@@ -235,15 +235,9 @@ long long CCmTimedCalls::FireDue(bool* aFired) {
     const long long llNow = Now();
     long long llNext = CM_NEVER_NSEC;
     CCmWatchedTimers watched;
-    CCmTimeValue tvStart;
     while (CCmTimedCall* pCall = TakeDue_i(llNow, llNext)) {
         const long long llLate = llNow - pCall->m_llDue;
-        if (CmWatchIsOn()) {
-            if (tvStart == CCmTimeValue::s_tvZero) {
-                tvStart = CCmTimeValue::GetTimeOfDay();
-            }
-            watched.BeginOne(CmTableOf(pCall->m_pEvent), tvStart);
-        }
+        watched.BeginOne(pCall->m_pEvent, nullptr);
         Fire_i(*pCall, llNow);
         if (watched.EndOne(llLate / NSEC_PER_USEC)) {
             ReportSlow(watched, this);

@@ -126,9 +126,7 @@ unsigned int CCmTimerQueueBase::CheckExpire(CCmTimeValue* aRemainTime) {
             RePushNode_l(node);
         }
         m_Est.EnsureSingleThread();
-        if (CmWatchIsOn()) {
-            watched.BeginOne(CmTableOf(node.m_pEh), tvNow);
-        }
+        watched.BeginOne(node.m_pEh, &tvNow);
         node.m_pEh->OnTimeout(tvNow, node.m_pToken);
         if (watched.EndOne(CmUsecOf(tvNow) - CmUsecOf(tvDue))) {
             ReportSlow(watched, this);

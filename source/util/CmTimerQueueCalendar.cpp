@@ -11,6 +11,7 @@
 #include "CmTimerIndex.h"
 #include "CmTimerSpares.h"
 #include "CmTraceLine.h"
+#include "CmWatched.h"
 
 namespace UTIL_NS {
 
@@ -39,6 +40,21 @@ DWORD MaxSlotNumber(DWORD aInterval, DWORD aMaxTime) {
 ICmEventQueue* EventQueueOfThisThread() {
     ACmThread* pThread = getCurrentThread();
     return pThread != nullptr ? pThread->GetEventQueue() : nullptr;
+}
+
+// When a timer was due by the clock is not known: it fires with its tick.
+void Fire(CCmWatchedTimers& aWatched, ICmTimerHandler* aEh, const CCmTimeValue& aNow, void* aToken,
+          const CCmTimerQueueCalendar* aQueue) {
+    aWatched.BeginOne(aEh, &aNow);
+    aEh->OnTimeout(aNow, aToken);
+    if (aWatched.EndOne(CCmWatchedTimers::UNKNOWN_USEC)) {
+        char szClass[CM_CLASS_TEXT_SIZE];
+        CmClassText(aWatched.Table(), szClass, sizeof(szClass));
+        CM_WARNING_TRACE("CCmTimerQueueCalendar::TimerTick, watch, class="
+                         << static_cast<const char*>(szClass) << " ranUsec=" << aWatched.RanUsec()
+                         << " this=" << CmTraceAddress(aQueue));
+        aWatched.ForgetLine();
+    }
 }
 
 // How many slots an interval takes, rounded up. Milliseconds are counted modulo 2^32: a negative
@@ -302,6 +318,7 @@ void CCmTimerQueueCalendar::TimerTick() {
     if (pSlot != nullptr) {
         const CCmTimeValue tvNow = CCmTimeValue::GetTimeOfDay();
         CCalendarState& state = CCmPrivateRoom::Of(m_Private);
+        CCmWatchedTimers watched;
         // A handler may have changed the chain, so each round looks at it afresh.
         do {
             CCalendarNode* pNode = PopHead(pSlot);
@@ -314,7 +331,7 @@ void CCmTimerQueueCalendar::TimerTick() {
             } else {
                 InsertUnique_i(pNode->m_tvInterval, pNode);
             }
-            pEh->OnTimeout(tvNow, pToken);
+            Fire(watched, pEh, tvNow, pToken, this);
         } while (pSlot != nullptr);
     }
     m_dwCurrentSlot = m_dwCurrentSlot == m_dwMaxSlotNumber ? 0 : m_dwCurrentSlot + 1;
@@ -324,12 +341,13 @@ CmResult CCmTimerQueueCalendar::OnEventFire() {
     m_Est.EnsureSingleThread();
     const CCmTimeValue tvNow = CCmTimeValue::GetTimeOfDay();
     CCalendarState& state = CCmPrivateRoom::Of(m_Private);
+    CCmWatchedTimers watched;
     while (m_pEvents != nullptr) {
         CCalendarNode* pNode = PopHead(m_pEvents);
         ICmTimerHandler* pEh = pNode->m_pEh;
         void* pToken = pNode->m_pToken;
         state.Keep(pNode);  // before the call: a timer that the handler schedules may use it
-        pEh->OnTimeout(tvNow, pToken);
+        Fire(watched, pEh, tvNow, pToken, this);
     }
     return CM_OK;
 }

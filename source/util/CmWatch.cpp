@@ -26,6 +26,7 @@ union CSwitch {
     CCmMutexThread m_Mutex;
 };
 CM_CONSTANT_INIT CSwitch s_switch;
+bool s_bIsStarting = false;
 DWORD s_dwStarts = 0;
 CCmWatchThread* s_pThread = nullptr;
 
@@ -81,25 +82,58 @@ CCmFlightOptions FlightOptionsOf(const CCmWatchOptions& aOptions) {
     return options;
 }
 
-}  // namespace
-
-CmResult CCmWatch::Start(const CCmWatchOptions& aOptions) {
-    if (CM_FAILED(aOptions.Result())) {
-        return aOptions.Result();
-    }
+// False when the watch is on or about to be.
+bool BeginStart() {
     CCmScopedLockT<CCmMutexThread> lock(s_switch.m_Mutex);
-    if (CmWatchIsOn()) {
-        return CM_ERROR_ALREADY_INITIALIZED;
-    }
-    if (CCmFlight::Open(FlightOptionsOf(aOptions)) == CM_ERROR_OUT_OF_MEMORY) {
-        return CM_ERROR_OUT_OF_MEMORY;
+    const bool bBegins = !CmWatchIsOn() && !s_bIsStarting;
+    s_bIsStarting = s_bIsStarting || bBegins;
+    return bBegins;
+}
+
+// The number of the start; 0 when it is not to be.
+DWORD EndStart(bool aTurnsOn) {
+    CCmScopedLockT<CCmMutexThread> lock(s_switch.m_Mutex);
+    s_bIsStarting = false;
+    if (!aTurnsOn) {
+        return 0;
     }
     CCmEventQueueSteps::LearnTableOfSends();
     ++s_dwStarts;
     CmSetWatchStart(s_dwStarts);
     g_cmWatchOn.store(s_dwStarts, std::memory_order_relaxed);
     CCmBlockedSend::SwitchOn(true);
-    s_pThread = CCmWatchThread::Start(aOptions.GetLongSend());
+    return s_dwStarts;
+}
+
+// For Stop; false when that has come by already.
+bool KeepThread(CCmWatchThread* aThread, DWORD aStart) {
+    CCmScopedLockT<CCmMutexThread> lock(s_switch.m_Mutex);
+    if (g_cmWatchOn.load(std::memory_order_relaxed) != aStart) {
+        return false;
+    }
+    s_pThread = aThread;
+    return true;
+}
+
+}  // namespace
+
+CmResult CCmWatch::Start(const CCmWatchOptions& aOptions) {
+    if (CM_FAILED(aOptions.Result())) {
+        return aOptions.Result();
+    }
+    if (!BeginStart()) {
+        return CM_ERROR_ALREADY_INITIALIZED;
+    }
+    // Without the lock, as the thread below: who gets one of their lines may turn to the watch.
+    const bool bHasMemory = CCmFlight::Open(FlightOptionsOf(aOptions)) != CM_ERROR_OUT_OF_MEMORY;
+    const DWORD dwStart = EndStart(bHasMemory);
+    if (!bHasMemory) {
+        return CM_ERROR_OUT_OF_MEMORY;
+    }
+    CCmWatchThread* const pThread = CCmWatchThread::Start(aOptions.GetLongSend());
+    if (pThread != nullptr && !KeepThread(pThread, dwStart)) {
+        pThread->End();
+    }
     return CM_OK;
 }
 
@@ -110,6 +144,7 @@ CmResult CCmWatch::Stop() {
         if (CmWatchIsOn()) {
             g_cmWatchOn.store(0, std::memory_order_relaxed);
             CCmBlockedSend::SwitchOn(false);
+            CmSetWatchEnd();
             std::swap(pThread, s_pThread);
             CCmWatchRounds::StoreFigures(CmNsecOf(CCmTimeValue::GetTimeOfDay()));
             CCmFlight::Close();
@@ -133,6 +168,12 @@ CmResult CCmWatch::Read(CCmWorkerFigures* aFigures, size_t aRoom, size_t& aCount
     }
     aCount = CmReadWorkers(aFigures, aRoom);
     return CM_OK;
+}
+
+CmResult CCmWatch::GetRecording(char* aPath, size_t aSize) {
+    return aPath != nullptr && aSize > 0 && CCmFlight::CopyPath(aPath, aSize)
+               ? CM_OK
+               : CM_ERROR_INVALID_ARG;
 }
 
 void CmWatchAsProfileSays() {

@@ -35,11 +35,13 @@ uint64_t ToFigure(long long aUsec) {
 }  // namespace
 
 void CmClassText(const void* aTable, char* aText, size_t aSize) {
-    const char* const pszName = aTable != nullptr ? CmPortClassName(aTable) : "";
-    if (pszName == nullptr) {
+    char szName[CM_FLIGHT_CLASS_NAME_SIZE] = "";
+    if (aTable == nullptr) {
+        aText[0] = '\0';
+    } else if (!CCmFlight::CopyClassName(aTable, szName) || szName[0] == '\0') {
         std::snprintf(aText, aSize, "%p", const_cast<void*>(aTable));
     } else {
-        CmPortReadableClassName(pszName, aText, aSize);
+        CmPortReadableClassName(szName, aText, aSize);
     }
 }
 
@@ -48,6 +50,9 @@ void CCmWatchedSharedCount::Add(DWORD aStart, uint64_t aCount) {
     uint64_t ullOld = m_ullStartAndCount.load(std::memory_order_relaxed);
     uint64_t ullNew = 0;
     do {
+        if (ullOld >> COUNT_BITS > aStart) {
+            return;  // that start is over
+        }
         const uint64_t ullCount = (ullOld & ~COUNT_MASK) == ullStart ? ullOld & COUNT_MASK : 0;
         ullNew = ullStart | ((ullCount + aCount) & COUNT_MASK);
     } while (!m_ullStartAndCount.compare_exchange_weak(ullOld, ullNew, std::memory_order_relaxed));
@@ -111,6 +116,11 @@ class CCmWatchRegistry {
     void SetStart(DWORD aStart) {
         CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
         m_dwStart = aStart;
+        m_llEnd = 0;
+    }
+    void SetEnd() {
+        CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
+        m_llEnd = NowUsec();
     }
     size_t Read(CCmWorkerFigures* aFigures, size_t aRoom);
 
@@ -126,6 +136,8 @@ class CCmWatchRegistry {
     }
     static void Clear(CCmWatchedThread& aThread, DWORD aStart) { aThread.Clear(aStart); }
     DWORD Start_l() const { return m_dwStart; }
+    // The time of what the figures tell.
+    long long Now_l() const { return m_llEnd != 0 ? m_llEnd : NowUsec(); }
 
   private:
     bool HasQueue_l(const CCmWatchedThread& aThread) const {
@@ -143,6 +155,7 @@ class CCmWatchRegistry {
     CCmWatchedQueue* m_pQueues = nullptr;    // the newest first
     size_t m_nEnded = 0;
     DWORD m_dwStart = 0;
+    long long m_llEnd = 0;  // of the watch; 0: it is on
     bool m_bHasKey = false;
     pthread_key_t m_Key = 0;
 };
@@ -215,7 +228,11 @@ CCmWatchedThread* CCmWatchRegistry::MakeThread() {
     pThread->m_bHasEnded = false;
     pThread->m_dwStart.store(0, std::memory_order_relaxed);  // the figures are another thread's
     pThread->m_pNext = nullptr;
-    pThread->m_pRing = CCmFlight::AttachThisThread(nullptr);
+    // By name: a line that it wrote earlier may have attached it under the name of its creator.
+    pThread->m_pRing.Set(CCmFlight::AttachThisThread(pThread->m_szName));
+    // On macOS a thread that is cancelled leaves what it has entered.
+    pThread->m_dwDepth = 0;
+    pThread->m_bFiresOthers = false;
     CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
     pThread->m_ullNumber = CmNumberOfThisThread();
     CCmWatchedThread** pp = &m_pThreads;
@@ -228,7 +245,7 @@ CCmWatchedThread* CCmWatchRegistry::MakeThread() {
 
 // On the thread itself, when it ends.
 void CCmWatchRegistry::EndThread(CCmWatchedThread& aThread) {
-    CCmFlightRing* const pRing = aThread.m_pRing;
+    CCmFlightRing* const pRing = aThread.Ring();
     {
         CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
         if (pRing != nullptr) {
@@ -244,7 +261,7 @@ void CCmWatchRegistry::EndThread(CCmWatchedThread& aThread) {
             }
         }
         aThread.m_bHasEnded = true;
-        aThread.m_pRing = nullptr;
+        aThread.m_pRing.Set(nullptr);
         aThread.m_pCurrent.Set(nullptr);
         aThread.m_llAsleepSince.Set(0);
         ++m_nEnded;
@@ -271,22 +288,29 @@ void CCmWatchRegistry::Remove(CCmWatchedQueue& aQueue) {
 
 template <class FiguresType>
 void CCmWatchRegistry::AddQueue_l(FiguresType& aFigures, const CCmWatchedQueue& aQueue) const {
-    const bool bIsOf = aQueue.IsOf(m_dwStart);
-    const uint64_t ullPending = aQueue.Pending(m_dwStart);
-    aFigures.m_ullPending += ullPending;
-    aFigures.m_ullRefused += aQueue.m_Refused.Of(m_dwStart);
-    aFigures.m_ullUnfired += aQueue.m_Unfired.Of(m_dwStart);
-    uint64_t ullMost = ullPending;
-    if (bIsOf) {
-        aFigures.m_ullPosted += aQueue.m_ullPosted.Get();
-        ullMost = std::max<uint64_t>(ullMost, aQueue.m_dwMost.Get());
+    const uint64_t ullUnfired = aQueue.m_Unfired.Of(m_dwStart);
+    uint64_t ullPosted = 0;
+    uint64_t ullRun = 0;
+    uint64_t ullMost = 0;
+    if (aQueue.IsOf(m_dwStart)) {
+        ullPosted = aQueue.m_ullPosted.Get();
+        ullMost = aQueue.m_dwMost.Get();
     }
     if (aQueue.IsOwnOf(m_dwStart)) {
-        aFigures.m_ullPosted += aQueue.m_ullOwnPosted.Get();
-        aFigures.m_ullRun += aQueue.m_ullRun.Get();
+        ullPosted += aQueue.m_ullOwnPosted.Get();
+        ullRun = aQueue.m_ullRun.Get();
         ullMost = std::max<uint64_t>(ullMost, aQueue.m_dwOwnMost.Get());
     }
-    aFigures.m_ullMostPending += ullMost;
+    // After its end what was pending then: the queue goes on.
+    const uint64_t ullGone = ullRun + ullUnfired;
+    const uint64_t ullPending =
+        m_llEnd == 0 ? aQueue.Pending(m_dwStart) : ullPosted - std::min(ullPosted, ullGone);
+    aFigures.m_ullPosted += ullPosted;
+    aFigures.m_ullRun += ullRun;
+    aFigures.m_ullRefused += aQueue.m_Refused.Of(m_dwStart);
+    aFigures.m_ullUnfired += ullUnfired;
+    aFigures.m_ullPending += ullPending;
+    aFigures.m_ullMostPending += std::max(ullMost, ullPending);
 }
 
 size_t CCmWatchRegistry::Read(CCmWorkerFigures* aFigures, size_t aRoom) {
@@ -324,8 +348,8 @@ void CCmWatchedThread::Clear(DWORD aStart) {
     m_ullInTimers.Set(0);
     m_ullTimersFired.Set(0);
     m_pCurrent.Set(nullptr);
-    if (m_pRing == nullptr) {
-        m_pRing = CCmFlight::AttachThisThread(nullptr);
+    if (Ring() == nullptr) {
+        m_pRing.Set(CCmFlight::AttachThisThread(nullptr));
     }
     m_dwStart.store(aStart, std::memory_order_release);
 }
@@ -338,10 +362,16 @@ void CCmWatchedThread::CopyFigures(CCmWorkerFigures& aFigures) const {
     if (!IsOf(registry.Start_l())) {
         return;
     }
+    // Between those of the queue and those of the thread: if nothing runs, what has been counted as
+    // run is in all that follows.
+    if (const void* const pCurrent = m_pCurrent.Get()) {
+        CmClassText(pCurrent, aFigures.m_szCurrentClass, sizeof(aFigures.m_szCurrentClass));
+        aFigures.m_ullCurrent = ToFigure(registry.Now_l() - m_llCurrentStart.Get());
+    }
     aFigures.m_ullAsleep = m_ullAsleep.Get();
     const long long llSince = m_llAsleepSince.Get();
     if (llSince != 0) {
-        aFigures.m_ullAsleep += ToFigure(NowUsec() - llSince);
+        aFigures.m_ullAsleep += ToFigure(registry.Now_l() - llSince);
     }
     aFigures.m_ullInEvents = m_ullInEvents.Get();
     aFigures.m_ullInTimers = m_ullInTimers.Get();
@@ -351,10 +381,6 @@ void CCmWatchedThread::CopyFigures(CCmWorkerFigures& aFigures) const {
     aFigures.m_Late = m_Late.Copy();
     aFigures.m_Sends = m_Sends.Copy();
     CmClassText(m_pLongest.Get(), aFigures.m_szLongestClass, sizeof(aFigures.m_szLongestClass));
-    if (const void* const pCurrent = m_pCurrent.Get()) {
-        CmClassText(pCurrent, aFigures.m_szCurrentClass, sizeof(aFigures.m_szCurrentClass));
-        aFigures.m_ullCurrent = ToFigure(NowUsec() - m_llCurrentStart.Get());
-    }
 }
 
 void CCmWatchedThread::CopyFigures(CCmFlightFigures& aFigures) const {
@@ -367,7 +393,7 @@ void CCmWatchedThread::CopyFigures(CCmFlightFigures& aFigures) const {
     aFigures.m_ullAsleepUsec = m_ullAsleep.Get();
     const long long llSince = m_llAsleepSince.Get();
     if (llSince != 0) {
-        aFigures.m_ullAsleepUsec += ToFigure(NowUsec() - llSince);
+        aFigures.m_ullAsleepUsec += ToFigure(registry.Now_l() - llSince);
     }
     aFigures.m_ullEventsUsec = m_ullInEvents.Get();
     aFigures.m_ullTimersUsec = m_ullInTimers.Get();
@@ -411,6 +437,10 @@ void CmSetWatchStart(DWORD aStart) {
     CCmWatchRegistry::Instance().SetStart(aStart);
 }
 
+void CmSetWatchEnd() {
+    CCmWatchRegistry::Instance().SetEnd();
+}
+
 size_t CmReadWorkers(CCmWorkerFigures* aFigures, size_t aRoom) {
     return CCmWatchRegistry::Instance().Read(aFigures, aRoom);
 }
@@ -448,6 +478,7 @@ void CCmWatchedQueue::Begin(DWORD aStart, uint64_t aPending, DWORD aGhosts) {
     m_dwMost.Set(static_cast<DWORD>(aPending));
     m_dwGhosts.Set(aGhosts);
     m_dwMarked = 0;
+    m_dwPosts = 0;
     m_Probe.Forget();
     m_dwStart.Set(aStart);
 }
@@ -457,6 +488,7 @@ void CCmWatchedQueue::BeginOwn(DWORD aStart, uint64_t aOwn) {
     m_ullOwnPosted.Set(aOwn);
     m_dwOwnMost.Set(static_cast<DWORD>(aOwn));
     m_dwTaken.Set(0);
+    m_dwOwnPosts = 0;
     m_OwnProbe.Forget();
     m_dwOwnStart.Set(aStart);
 }
@@ -481,15 +513,19 @@ void CCmWatchedRun::SetCurrent(const void* aTable, long long aStartUsec) {
     }
 }
 
-void CCmWatchedTimers::BeginOne(const void* aTable, const CCmTimeValue& aNow) {
+void CCmWatchedTimers::Begin(const void* aTable, const CCmTimeValue* aNow) {
     if (m_Run.Thread() == nullptr) {
         CCmWatchedThread* const pThread = CmEnsureWatchedThread();
         if (pThread == nullptr) {
             return;
         }
         m_Run.Enter(pThread);
-        m_llBegin = CmUsecOf(aNow);
+        m_llBegin = aNow != nullptr ? CmUsecOf(*aNow) : NowUsec();
         m_llStart = m_llBegin;
+    }
+    if (m_bHasMissed) {
+        m_bHasMissed = false;
+        m_llStart = NowUsec();
     }
     m_pTable = aTable;
     m_Run.Thread()->m_bFiresOthers = false;
@@ -501,7 +537,8 @@ bool CCmWatchedTimers::Count(long long aLateUsec) {
     const long long llStart = m_llStart;
     m_llStart = NowUsec();
     m_llRan = m_llStart - llStart;
-    m_llLate = aLateUsec + (llStart - m_llBegin);
+    const bool bIsLateKnown = aLateUsec != UNKNOWN_USEC;
+    m_llLate = bIsLateKnown ? aLateUsec + (llStart - m_llBegin) : 0;
     if (m_Run.IsOutermost()) {
         thread.m_ullInTimers.Add(ToFigure(m_llRan));
     }
@@ -510,7 +547,9 @@ bool CCmWatchedTimers::Count(long long aLateUsec) {
         return false;
     }
     thread.m_ullTimersFired.Add(1);
-    thread.m_Late.Add(m_llLate);
+    if (bIsLateKnown) {
+        thread.m_Late.Add(m_llLate);
+    }
     if (CCmFlightRing* const pRing = thread.Ring()) {
         pRing->Timer(llStart, m_llRan, m_llLate, m_pTable);
     }

@@ -49,8 +49,9 @@ inline const void* CmTableOf(const void* aObject) {
     return *static_cast<const void* const*>(aObject);
 }
 constexpr size_t CM_CLASS_TEXT_SIZE = 512;
-// The class's name as people write it, or the address of the table where it is not known; cut at
-// aSize bytes. Empty for null. Allocates.
+// The class's name as people write it, or the address of the table where it has none, or no ring of
+// records has met it; cut at aSize bytes. Empty for null. Looks at no more than the address: the
+// module that has the table may have been unloaded. Allocates.
 void CmClassText(const void* aTable, char* aText, size_t aSize);
 
 // A value that one thread at a time writes.
@@ -72,7 +73,7 @@ class CCmWatchedT {
     CmStd::atomic<ValueType> m_Value{};
 };
 
-// A count that several threads add to, now and then; with the start that it is of.
+// A count that several threads add to, now and then; of the latest start.
 class CCmWatchedSharedCount {
   public:
     void Add(DWORD aStart, uint64_t aCount);
@@ -128,7 +129,7 @@ class CCmWatchedThread {
     pthread_t Tid() const { return m_Tid; }
     bool HasEnded() const { return m_bHasEnded; }
     uint64_t Number() const { return m_ullNumber; }  // that of CmNumberOfThisThread
-    CCmFlightRing* Ring() const { return m_pRing; }  // null: no records of this thread
+    CCmFlightRing* Ring() const { return m_pRing.Get(); }  // null: no records of this thread
     // Its figures with those of the queues that it runs. Under the registry's lock.
     void CopyFigures(CCmWorkerFigures& aFigures) const;
     void CopyFigures(CCmFlightFigures& aFigures) const;
@@ -177,7 +178,7 @@ class CCmWatchedThread {
     bool m_bHasEnded = false;
     uint64_t m_ullNumber = 0;
     CmStd::atomic<DWORD> m_dwStart{0};
-    CCmFlightRing* m_pRing = nullptr;
+    CCmWatchedT<CCmFlightRing*> m_pRing;
     CCmWatchedThread* m_pNext = nullptr;
 };
 
@@ -201,17 +202,18 @@ void CmForEachWatchedThread(VisitType aVisit) {
 // lock: it has the event, so what was set with it lies before.
 class CCmWatchedProbe {
   public:
-    // For each event that is posted. aIsAwaited: the consumer sleeps until it comes.
-    bool Wants(const ICmEvent* aEvent, bool aIsAwaited) {
-        ++m_dwPosts;
+    // For each event that is posted. aIsAwaited: the consumer sleeps until it comes. aPosts: how
+    // many there were since the last probe; the poster's.
+    bool Wants(const ICmEvent* aEvent, bool aIsAwaited, DWORD& aPosts) const {
+        ++aPosts;
         const ICmEvent* const pEvent = m_pEvent.Get();
         if (CM_LIKELY(pEvent != nullptr && pEvent != aEvent)) {
-            return m_dwPosts > LOST_AFTER;
+            return aPosts > LOST_AFTER;
         }
-        return aIsAwaited || m_dwPosts >= POSTS_BETWEEN || pEvent != nullptr;
+        return aIsAwaited || aPosts >= POSTS_BETWEEN || pEvent != nullptr;
     }
-    void Set(const ICmEvent* aEvent, long long aUsec) {
-        m_dwPosts = 0;
+    void Set(const ICmEvent* aEvent, long long aUsec, DWORD& aPosts) {
+        aPosts = 0;
         m_llUsec.Set(aUsec);
         m_pEvent.Set(aEvent);
     }
@@ -234,7 +236,6 @@ class CCmWatchedProbe {
 
     CCmWatchedT<const ICmEvent*> m_pEvent;
     CCmWatchedT<long long> m_llUsec;
-    DWORD m_dwPosts = 0;
 };
 
 // A queue, for as long as it lives.
@@ -258,9 +259,11 @@ class CCmWatchedQueue {
     // Whether the part that is written under the queue's lock is of aStart; if not, it has to begin
     // with what is pending.
     bool IsOf(DWORD aStart) const { return m_dwStart.Get() == aStart; }
+    DWORD Start() const { return m_dwStart.Get(); }
     void Begin(DWORD aStart, uint64_t aPending, DWORD aGhosts);
     // The same for what the consumer writes. aOwn: the length of its private list.
     bool IsOwnOf(DWORD aStart) const { return m_dwOwnStart.Get() == aStart; }
+    DWORD OwnStart() const { return m_dwOwnStart.Get(); }
     void BeginOwn(DWORD aStart, uint64_t aOwn);
 
     // The consumer is the calling thread. A thread that ends is forgotten.
@@ -274,32 +277,20 @@ class CCmWatchedQueue {
     // aStart: of the watch.
     DWORD Pending(DWORD aStart) const;
 
-    // The consumer takes events out.
-    void NoteTaken(size_t aCount) {
-        m_dwTakenStart = g_cmWatchOn.load(std::memory_order_relaxed);
+    // The consumer takes events out, which have been counted since aStart.
+    void NoteTaken(DWORD aStart, size_t aCount) {
+        m_dwTakenStart = aStart;
         m_dwTaken.Set(static_cast<DWORD>(aCount));
     }
 
-    // Under the queue's lock.
-    CCmWatchedT<uint64_t> m_ullPosted;
-    CCmWatchedT<DWORD> m_dwMost;
+    // Posters and the consumer write to cache lines of their own. Both read these, which change
+    // seldom.
     CCmWatchedT<DWORD> m_dwGhosts;  // the queue counts them as pending; they have been destroyed
     CCmWatchedProbe m_Probe;
-    DWORD m_dwMarked = 0;  // the pending events of the last high-water mark
-
-    // The consumer's.
-    CCmWatchedT<uint64_t> m_ullRun;
-    CCmWatchedT<uint64_t> m_ullOwnPosted;
-    CCmWatchedT<DWORD> m_dwOwnMost;
-    CCmWatchedT<DWORD> m_dwTaken;  // events that it has taken out and not begun
-    CCmWatchedProbe m_OwnProbe;
-    DWORD m_dwTakenStart = 0;  // of the watch, when events were last taken out; 0: it was off
-
-    CCmWatchedSharedCount m_Refused;
-    CCmWatchedSharedCount m_Unfired;
 
   private:
     friend class CCmWatchRegistry;
+    static constexpr size_t LINE_SIZE = 64;
 
     const CCounts m_Counts;
     CCmWatchedT<DWORD> m_dwStart;
@@ -308,6 +299,33 @@ class CCmWatchedQueue {
     char m_szName[CCmWorkerFigures::NAME_SIZE] = {};  // of the last consumer that has ended
     CCmWatchedQueue* m_pPrevious = nullptr;
     CCmWatchedQueue* m_pNext = nullptr;
+
+  public:
+    CCmWatchedSharedCount m_Refused;
+    CCmWatchedSharedCount m_Unfired;
+
+  private:
+    [[maybe_unused]] char m_achBetween[LINE_SIZE];
+
+  public:
+    // Under the queue's lock, by posters.
+    CCmWatchedT<uint64_t> m_ullPosted;
+    CCmWatchedT<DWORD> m_dwMost;
+    DWORD m_dwMarked = 0;  // the pending events of the last high-water mark
+    DWORD m_dwPosts = 0;   // since the last probe
+
+  private:
+    [[maybe_unused]] char m_achBetweenToo[LINE_SIZE];
+
+  public:
+    // The consumer's.
+    CCmWatchedT<uint64_t> m_ullRun;
+    CCmWatchedT<uint64_t> m_ullOwnPosted;
+    CCmWatchedT<DWORD> m_dwOwnMost;
+    CCmWatchedT<DWORD> m_dwTaken;  // events that it has taken out and not begun
+    CCmWatchedProbe m_OwnProbe;
+    DWORD m_dwOwnPosts = 0;    // since the last probe
+    DWORD m_dwTakenStart = 0;  // of the watch, that has counted what was last taken out
 };
 
 // An event or a timer handler that runs, on the stack of its thread. What runs within it counts,
@@ -340,11 +358,19 @@ class CCmWatchedRun {
 // The timers that fire in one pass over a list of them.
 class CCmWatchedTimers {
   public:
-    // One is about to be called; not while the watch is off. aTable: its class. aNow: the wall
-    // clock at the start of the pass.
-    void BeginOne(const void* aTable, const CCmTimeValue& aNow);
-    // It has returned. aLateUsec: how late it was when the pass began. True when it took so long
-    // that it is to be reported. Does nothing without BeginOne.
+    // One is about to be called. aHandler: an object with virtual functions. aNow: the wall clock
+    // at the start of the pass; null: about now.
+    void BeginOne(const void* aHandler, const CCmTimeValue* aNow) {
+        if (CmWatchIsOn()) {
+            Begin(CmTableOf(aHandler), aNow);
+        } else {
+            m_pTable = nullptr;
+            m_bHasMissed = true;
+        }
+    }
+    // It has returned. aLateUsec: how late it was when the pass began, or UNKNOWN_USEC. True when
+    // it took so long that it is to be reported.
+    static constexpr long long UNKNOWN_USEC = -1;
     bool EndOne(long long aLateUsec) {
         return CM_UNLIKELY(m_pTable != nullptr) && Count(aLateUsec);
     }
@@ -359,10 +385,12 @@ class CCmWatchedTimers {
     static void CountOthersOnly();
 
   private:
+    void Begin(const void* aTable, const CCmTimeValue* aNow);
     bool Count(long long aLateUsec);
 
     CCmWatchedRun m_Run;
-    const void* m_pTable = nullptr;  // null: the watch is off
+    const void* m_pTable = nullptr;  // of the one that runs; null: it began without the watch
+    bool m_bHasMissed = false;       // as did the one before
     long long m_llBegin = 0;         // of the pass
     long long m_llStart = 0;         // of the one that runs
     long long m_llLate = 0;
@@ -393,8 +421,10 @@ class CCmWatchedSend {
     long long m_llStart = 0;
 };
 
-// For CCmWatch: the number of the start whose figures are read, and the rows.
+// For CCmWatch: the number of the start whose figures are read, that they stay as they are from now
+// on, and the rows.
 void CmSetWatchStart(DWORD aStart);
+void CmSetWatchEnd();
 size_t CmReadWorkers(CCmWorkerFigures* aFigures, size_t aRoom);
 
 // Reads the section [Watch] of the profile, once in the process, and starts the watch if it says

@@ -144,8 +144,7 @@ class CCmWorkerThread final : public CCmThreadTask {
         if (tvWait != CCmTimeValue::s_tvMax) {
             llDeadline = std::min(llDeadline, CmLaterNsec(CmMonotonicNsec(), tvWait));
         }
-        aLoop.RunEventsUntil(llDeadline == CM_NEVER_NSEC ? nullptr : &llDeadline, EVENTS_PER_PASS,
-                             m_bStopsNow);
+        aLoop.RunEventsUntil(llDeadline, EVENTS_PER_PASS, m_bStopsNow);
     }
 
     CmResult RunHook(CCmWorkerOptions::EHook aHook) {

@@ -105,21 +105,24 @@ TEST_F(ProgramText, ShortensClassesToTheirOwnName) {
     EXPECT_EQ(CmShortClassName("media::CPacket"), "CPacket");
     EXPECT_EQ(CmShortClassName("media::COneT<a::b<c>, d>"), "COneT<\xE2\x80\xA6>");
     EXPECT_EQ(CmShortClassName("(anonymous namespace)::CSend"), "CSend");
-    EXPECT_EQ(CmShortClassName("main::{lambda()#1}"), "{\xE2\x80\xA6}");
     EXPECT_EQ(CmShortClassName("a::"), "a::");
     EXPECT_EQ(CmShortClassName("a>b"), "a>b");
 }
 
-TEST_F(ProgramText, ShortensWhatWasMadeOfALambdaToItsFunction) {
-    EXPECT_EQ(CmShortClassName("a::CCallT<b::Work(a::CWorker&, int (*)())::{lambda()#2}, bool>"),
-              "Work{lambda}");
-    EXPECT_EQ(CmShortClassName("a::CCallT<main::'lambda'()>"), "CCallT<\xE2\x80\xA6>");
-    EXPECT_EQ(CmShortClassName("a::CCallT<b::CHost::Run() const::'lambda0'()>"), "Run{lambda}");
-    EXPECT_EQ(
-        CmShortClassName("CT<f<int>(int)::{lambda(int)#1}::operator()(int) const::{lambda()#1}>"),
-        "CT<\xE2\x80\xA6>");
-    EXPECT_EQ(CmShortClassName(")::{lambda()#1}"), "{\xE2\x80\xA6}");
-    EXPECT_EQ(CmShortClassName("::{lambda("), "{");
+TEST_F(ProgramText, ALambdaIsCalledByItsFunction) {
+    EXPECT_EQ(CmShortClassName("main::{lambda()#1}"), "main");
+    EXPECT_EQ(CmShortClassName("N::CEventT<media::CSource::Read(media::CBlock&&)::{lambda()#1}>"),
+              "CSource::Read");
+    EXPECT_EQ(CmShortClassName("N::CEventT<media::CSource::Read(int)::$_0>"), "CSource::Read");
+    EXPECT_EQ(CmShortClassName("N::CEventT<int, void N::Put<a::B>(a::B) const::{lambda(int)#2}>"),
+              "N::Put<\xE2\x80\xA6>");
+    EXPECT_EQ(CmShortClassName("N::CCallT<N::(anonymous namespace)::Put(N::C&)::{lambda()#1}::"
+                               "operator()() const::{lambda()#1}>"),
+              "(\xE2\x80\xA6)::Put");
+    EXPECT_EQ(CmShortClassName("N::CEventT<N::s_x::{lambda()#1}>"), "N::s_x");
+    EXPECT_EQ(CmShortClassName("::{lambda()#1}"), "{\xE2\x80\xA6}");
+    EXPECT_EQ(CmShortClassName(")>::{lambda("), ")>");
+    EXPECT_EQ(CmShortClassName("<(::{lambda("), "<");
 }
 
 TEST_F(ProgramText, LengthsHaveTheirUnit) {
