@@ -39,6 +39,7 @@ using kelto_test::EndingEvent;
 using kelto_test::Eventually;
 using kelto_test::FiguresAtRest;
 using kelto_test::FiguresOf;
+using kelto_test::FlightFile;
 using kelto_test::Gate;
 using kelto_test::LiveAllocations;
 using kelto_test::NamelessEvent;
@@ -809,6 +810,21 @@ TEST(CCmWatch, ShowsAThreadThatIsDrivenByItsHeartBeat) {
     EXPECT_EQ(3U, figures.m_ullPosted);
     EXPECT_EQ(3U, figures.m_ullRun);
     EXPECT_EQ(0U, figures.m_ullPending);
+}
+
+TEST(CCmWatch, TheRecordingCallsAThreadByItsName_WhenItTracedBeforeItHadOne) {
+    const ScopedDirectory directory;
+    const ScopedTraceSink sink;
+    ASSERT_EQ(CM_OK, CCmWatch::Start(CCmWatchOptions().Directory(directory.path().c_str())));
+    char szPath[1024];
+    EXPECT_EQ(CM_OK, CCmWatch::GetRecording(szPath, sizeof(szPath)));
+    std::thread([&] {
+        util_adapter_trace(0, "a line", 6);
+        CmPortNameThisThread("named later");
+        CmEnsureWatchedThread();
+        EXPECT_EQ(1u, FlightFile(szPath).Named("named later").size());
+    }).join();
+    CCmWatch::Stop();
 }
 
 TEST(CCmWatch, ForgetsThreadsThatHaveEnded) {
