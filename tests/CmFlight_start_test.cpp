@@ -3,12 +3,13 @@
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 
-#include <string>
+#include <memory>
 
 #include "CmFlight.h"
 #include "CmSystem.h"
 #include "support/ChildProcess.h"
 #include "support/FaultRows.h"
+#include "support/Faults.h"
 #include "support/Flight.h"
 
 namespace UTIL_NS {
@@ -46,6 +47,11 @@ TEST(CmFlightStart, GivesNothing_WithoutMemoryOrHandlers) {
     ExpectNothing("pthread_key_create", Returned<&T::pthread_key_create>(EAGAIN));
     ExpectNothing("pthread_atfork", Returned<&T::pthread_atfork>(ENOMEM));
     ExpectNothing("mmap", Fault<&T::mmap, void*>(ENOMEM, MAP_FAILED));
+    for (const unsigned long ulNth : {1UL, 2UL}) {
+        ExpectNothing("new", [=](unsigned long, Failing) {
+            return std::make_unique<kelto_test::ScopedAllocationFault>(ulNth);
+        });
+    }
 }
 
 }  // namespace

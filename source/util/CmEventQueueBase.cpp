@@ -293,13 +293,16 @@ class CCmEventQueueSteps::CPosting {
         }
         CCmWatchedQueue& watched = *m_pWatched;
         watched.m_ullPosted.Add(1);
-        const DWORD dwPending = watched.Pending(g_cmWatchOn.load(std::memory_order_relaxed));
+        // Without what the consumer has taken out, which it alone writes.
+        const DWORD dwPending =
+            m_Queue.m_dwSize.load(std::memory_order_relaxed) - watched.m_dwGhosts.Get();
         if (watched.m_dwMost.Raise(dwPending) &&
             dwPending >= std::min(2 * watched.m_dwMarked, watched.m_dwMarked + MARK_STEP)) {
             m_dwMark = watched.m_dwMarked = dwPending;
         }
-        if (watched.m_Probe.Wants(m_pEvent, aIsAwaited)) {
-            watched.m_Probe.Set(m_pEvent, CmUsecOf(CCmTimeValue::GetTimeOfDay()));
+        if (watched.m_Probe.Wants(m_pEvent, aIsAwaited, watched.m_dwPosts)) {
+            watched.m_Probe.Set(m_pEvent, CmUsecOf(CCmTimeValue::GetTimeOfDay()),
+                                watched.m_dwPosts);
         }
     }
 
@@ -559,6 +562,10 @@ void CCmEventQueueSteps::CPass::RunWatched(ICmEvent* aEvent) {
 }
 
 // aWaited: -1 when it has not been measured.
+//
+// An event starts where the one before has ended, which may be shortly before it was posted; so its
+// post is looked for up to its end, less what the clock of posts may be late: what has been posted
+// at the same address since is another event.
 void CCmEventQueueSteps::CPass::ReportWatched(const ICmEvent* aEvent, const void* aTable,
                                               long long aStart, long long aWaited,
                                               long long aRan) const {
@@ -567,7 +574,8 @@ void CCmEventQueueSteps::CPass::ReportWatched(const ICmEvent* aEvent, const void
     char szPoster[CM_FLIGHT_NAME_SIZE] = "unknown";
     char szWaited[24] = "unknown";
     long long llPosted = 0;
-    if (CCmFlight::FindPost(aEvent, aTable, aStart, llPosted, szPoster)) {
+    const long long llLastPost = aStart + aRan - CM_PORT_COARSE_USEC;
+    if (CCmFlight::FindPost(aEvent, aTable, llLastPost, llPosted, szPoster)) {
         aWaited = aWaited >= 0 ? aWaited : std::max(aStart - llPosted, 0LL);
     }
     if (aWaited >= 0) {
@@ -1502,8 +1510,9 @@ void CCmEventQueueSteps::CLoop::NoteOwnPost(const ICmEvent* aEvent) {
         }
         pWatched->m_ullOwnPosted.Add(1);
         pWatched->m_dwOwnMost.Raise(pWatched->Pending(dwStart));
-        if (pWatched->m_OwnProbe.Wants(aEvent, false)) {
-            pWatched->m_OwnProbe.Set(aEvent, CmUsecOf(CCmTimeValue::GetTimeOfDay()));
+        if (pWatched->m_OwnProbe.Wants(aEvent, false, pWatched->m_dwOwnPosts)) {
+            pWatched->m_OwnProbe.Set(aEvent, CmUsecOf(CCmTimeValue::GetTimeOfDay()),
+                                     pWatched->m_dwOwnPosts);
         }
     }
     const CCmWatchedThread* const pThread = CmEnsureWatchedThread();

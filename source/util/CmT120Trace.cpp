@@ -428,13 +428,23 @@ void CCmT120Trace::trace_string(unsigned long aLevel, char* aText) {
 
 void CCmT120Trace::trace_string(unsigned long aLevel, const char* /*aModule*/, char* aText) {
     const LevelFunction pfnLevel = CTraceState::PassingFunction(*this, aLevel);
-    if (pfnLevel != nullptr) {
-        pfnLevel(DELIVERED_MODULE, "%s", aText);
-    }
     const CmTraceTap pfnTap = CmInstalledTraceTap();
     if (CM_UNLIKELY(pfnTap != nullptr)) {
-        pfnTap(aLevel, pfnLevel == nullptr, aText, std::strlen(aText));
+        CTraceState::PassToBoth(pfnLevel, pfnTap, aLevel, aText);
+    } else if (pfnLevel != nullptr) {
+        pfnLevel(DELIVERED_MODULE, "%s", aText);
     }
+}
+
+// Apart, as hardly anybody takes lines.
+__attribute__((noinline)) void CCmT120Trace::CTraceState::PassToBoth(LevelFunction aFunction,
+                                                                     CmTraceTap aTap,
+                                                                     unsigned long aLevel,
+                                                                     char* aText) {
+    if (aFunction != nullptr) {
+        aFunction(DELIVERED_MODULE, "%s", aText);
+    }
+    aTap(aLevel, aFunction == nullptr, aText, std::strlen(aText));
 }
 
 unsigned char CCmT120Trace::enable_trace_print(unsigned long aLevel, const char* aModule) {

@@ -21,12 +21,20 @@ char* TextForFacility(const char* aText) {
     return const_cast<char*>(aText);
 }
 
-// The facility does the same for the lines that it gets.
-void HandOver(UtilTraceSink aSink, unsigned long aLevel, const char* aText, unsigned int aLength) {
+// Apart, as hardly anybody takes lines. The facility does the same for those that it gets.
+__attribute__((noinline)) void HandOverToBoth(UtilTraceSink aSink, CmTraceTap aTap,
+                                              unsigned long aLevel, const char* aText,
+                                              unsigned int aLength) {
     aSink(aLevel, aText, aLength);
+    aTap(aLevel, false, aText, aLength);
+}
+
+void HandOver(UtilTraceSink aSink, unsigned long aLevel, const char* aText, unsigned int aLength) {
     const CmTraceTap pfnTap = CmInstalledTraceTap();
     if (CM_UNLIKELY(pfnTap != nullptr)) {
-        pfnTap(aLevel, false, aText, aLength);
+        HandOverToBoth(aSink, pfnTap, aLevel, aText, aLength);
+    } else {
+        aSink(aLevel, aText, aLength);
     }
 }
 

@@ -10,6 +10,7 @@
 #include "CmScopedLock.h"
 #include "CmT120Trace.h"
 #include "CmTraceGuard.h"
+#include "CmTraceTap.h"
 
 namespace UTIL_NS {
 
@@ -23,6 +24,9 @@ class CM_UTIL_HIDDEN CCmT120Trace::CTraceState {
     // The level function that a text of the level goes to, null when it is dropped.
     static LevelFunction PassingFunction(const CCmT120Trace& aFacility, unsigned long aLevel);
     static bool IsLevelOn(const CCmT120Trace& aFacility, unsigned long aLevel);
+    // To the function, unless it is null, and to those who take lines.
+    static void PassToBoth(LevelFunction aFunction, CmTraceTap aTap, unsigned long aLevel,
+                           char* aText);
 
     uint32_t m_dwReading = 0;  // of the configuration, the one in force; guarded by m_Mutex
 

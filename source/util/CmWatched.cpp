@@ -35,11 +35,13 @@ uint64_t ToFigure(long long aUsec) {
 }  // namespace
 
 void CmClassText(const void* aTable, char* aText, size_t aSize) {
-    const char* const pszName = aTable != nullptr ? CmPortClassName(aTable) : "";
-    if (pszName == nullptr) {
+    char szName[CM_FLIGHT_CLASS_NAME_SIZE] = "";
+    if (aTable == nullptr) {
+        aText[0] = '\0';
+    } else if (!CCmFlight::CopyClassName(aTable, szName) || szName[0] == '\0') {
         std::snprintf(aText, aSize, "%p", const_cast<void*>(aTable));
     } else {
-        CmPortReadableClassName(pszName, aText, aSize);
+        CmPortReadableClassName(szName, aText, aSize);
     }
 }
 
@@ -338,6 +340,12 @@ void CCmWatchedThread::CopyFigures(CCmWorkerFigures& aFigures) const {
     if (!IsOf(registry.Start_l())) {
         return;
     }
+    // Between those of the queue and those of the thread: if nothing runs, what has been counted as
+    // run is in all that follows.
+    if (const void* const pCurrent = m_pCurrent.Get()) {
+        CmClassText(pCurrent, aFigures.m_szCurrentClass, sizeof(aFigures.m_szCurrentClass));
+        aFigures.m_ullCurrent = ToFigure(NowUsec() - m_llCurrentStart.Get());
+    }
     aFigures.m_ullAsleep = m_ullAsleep.Get();
     const long long llSince = m_llAsleepSince.Get();
     if (llSince != 0) {
@@ -351,10 +359,6 @@ void CCmWatchedThread::CopyFigures(CCmWorkerFigures& aFigures) const {
     aFigures.m_Late = m_Late.Copy();
     aFigures.m_Sends = m_Sends.Copy();
     CmClassText(m_pLongest.Get(), aFigures.m_szLongestClass, sizeof(aFigures.m_szLongestClass));
-    if (const void* const pCurrent = m_pCurrent.Get()) {
-        CmClassText(pCurrent, aFigures.m_szCurrentClass, sizeof(aFigures.m_szCurrentClass));
-        aFigures.m_ullCurrent = ToFigure(NowUsec() - m_llCurrentStart.Get());
-    }
 }
 
 void CCmWatchedThread::CopyFigures(CCmFlightFigures& aFigures) const {
@@ -448,6 +452,7 @@ void CCmWatchedQueue::Begin(DWORD aStart, uint64_t aPending, DWORD aGhosts) {
     m_dwMost.Set(static_cast<DWORD>(aPending));
     m_dwGhosts.Set(aGhosts);
     m_dwMarked = 0;
+    m_dwPosts = 0;
     m_Probe.Forget();
     m_dwStart.Set(aStart);
 }
@@ -457,6 +462,7 @@ void CCmWatchedQueue::BeginOwn(DWORD aStart, uint64_t aOwn) {
     m_ullOwnPosted.Set(aOwn);
     m_dwOwnMost.Set(static_cast<DWORD>(aOwn));
     m_dwTaken.Set(0);
+    m_dwOwnPosts = 0;
     m_OwnProbe.Forget();
     m_dwOwnStart.Set(aStart);
 }
