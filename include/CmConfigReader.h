@@ -60,7 +60,9 @@ class CM_UTIL_EXPORT CCmConfigReader {
 
     /// Makes the trace facility take its settings from this snapshot of the main configuration
     /// file, so that it need not open the file itself. refresh_trace_config reads the file again.
-    /// CM_ERROR_NOT_INITIALIZED: the main file has not been read.
+    /// Before the first thread of the library, the watch (CmWatch.h) takes its settings from it,
+    /// too, and is started if they say so. CM_ERROR_NOT_INITIALIZED: the main file has not been
+    /// read.
     CmResult UseForTrace();
 
     // ---- Look-ups. CM_OK with the value stored. CM_ERROR_NOT_FOUND: the key is absent.

@@ -109,7 +109,8 @@ class CM_UTIL_EXPORT ICmEventQueue {
     /// Hands aEvent over, waits until it has fired and returns the result of its OnEventFire; its
     /// OnDestorySelf may come later. On the queue's own thread both run at once, overtaking what is
     /// pending. Waits without limit on a queue that nobody runs; so two threads that send to each
-    /// other wait for ever: send in one direction and post in the other. CM_ERROR_NOT_AVAILABLE:
+    /// other wait for ever: send in one direction and post in the other. The watch (CmWatch.h) says
+    /// which threads do. CM_ERROR_NOT_AVAILABLE:
     /// the event was ended without having run (its thread stopped first, or its queue ended), or
     /// its thread was cancelled while it ran. CM_ERROR_FAILURE: the wait failed; the event runs or
     /// ends later. Otherwise fails like PostEvent. A cancellation point; what a cancelled sender

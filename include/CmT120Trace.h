@@ -188,7 +188,7 @@ class CM_UTIL_EXPORT CCmT120Trace {
     static CCmT120Trace* instance();
 
     /// False when trace_string of instance() would drop every text of this level. True as long as
-    /// that facility does not exist. No lock.
+    /// that facility does not exist, and while the watch records lines (CmWatch.h). No lock.
     static bool is_wanted(unsigned long aLevel);
 
     /// aLevelTable: CM_TRACE_LEVEL_COUNT entries. aFileName: a trace file's name in the trace

@@ -100,7 +100,7 @@ class CCmWatchOptions {
     DWORD m_dwLongSendMsec = 1000;
     bool m_bRecord = true;
     bool m_bLines = true;
-    uint64_t m_ullReserved[8] = {};  // for later versions
+    [[maybe_unused]] uint64_t m_ullReserved[8] = {};  // for later versions
 };
 
 /// The watch of this process. Any thread; nothing throws.

@@ -6,6 +6,8 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 
+#include <atomic>
+#include <chrono>
 #include <memory>
 #include <string>
 #include <thread>
@@ -13,6 +15,7 @@
 
 #include "CmLifeGuard.h"
 #include "CmWorker.h"
+#include "support/Cancellation.h"
 #include "support/Eventually.h"
 #include "support/Faults.h"
 #include "support/Gate.h"
@@ -102,10 +105,10 @@ TEST(CmBlockedSends, SaysTheNames_WhenTwoWorkersSendToEachOther) {
 TEST(CmBlockedSends, SaysTheNames_WhenThreeWorkersCallEachOther) {
     const Switched on;
     ScopedTraceSink sink;
+    Gate runs[3];
     CCmWorker workers[3] = {CCmWorker(CCmWorkerOptions().Name("first")),
                             CCmWorker(CCmWorkerOptions().Name("second")),
                             CCmWorker(CCmWorkerOptions().Name("third"))};
-    Gate runs[3];
     for (int i = 0; i < 3; ++i) {
         CmPost(workers[i], [&, i] {
             runs[i].Open();
@@ -126,9 +129,9 @@ TEST(CmBlockedSends, SaysTheNames_WhenThreeWorkersCallEachOther) {
 TEST(CmBlockedSends, SaysTheNames_WhenACallIsCancelledThatSends) {
     const Switched on;
     ScopedTraceSink sink;
-    Pair pair;
     CCmTimerHandle call;
     Gate isPosted;
+    Pair pair;
     call = CmPostDelayed(pair.m_left, CCmTimeValue(), [&] {
         pair.m_leftRuns.Open();
         EXPECT_TRUE(isPosted.Wait());
@@ -153,7 +156,6 @@ TEST(CmBlockedSends, SaysTheNames_WhenAWorkerIsJoinedThatSends) {
     const Switched on;
     ScopedTraceSink sink;
     Pair pair;
-    Gate hasSent;
     pair.Run([&] { CmCall(pair.m_right, [] {}); },
              [&] {
                  EXPECT_TRUE(Eventually(
@@ -175,8 +177,8 @@ TEST(CmBlockedSends, SaysTheNames_WhenAWorkerIsJoinedThatSends) {
 TEST(CmBlockedSends, SaysTheNames_WhenAGuardEndsWhoseCallableSends) {
     const Switched on;
     ScopedTraceSink sink;
-    Pair pair;
     CCmLifeGuard guard;
+    Pair pair;
     pair.Run(guard.Wrap([&] { CmCall(pair.m_right, [] {}); }), [&] {
         EXPECT_TRUE(
             Eventually([&] { return pair.m_right.GetEventQueue()->GetPendingEventsCount() > 0; }));
@@ -251,8 +253,8 @@ TEST(CmBlockedSends, CutsTheNames_WhenThereIsNoRoomForAll) {
     const Switched on;
     ScopedTraceSink sink;
     constexpr int COUNT = 80;
-    std::vector<std::unique_ptr<CCmWorker>> workers;
     std::vector<Gate> runs(COUNT);
+    std::vector<std::unique_ptr<CCmWorker>> workers;
     for (int i = 0; i < COUNT; ++i) {
         const std::string strName = "thread-name-" + std::to_string(100 + i);
         workers.emplace_back(new CCmWorker(CCmWorkerOptions().Name(strName.c_str())));
@@ -270,6 +272,81 @@ TEST(CmBlockedSends, CutsTheNames_WhenThereIsNoRoomForAll) {
     EXPECT_EQ(" -> ...", strNames.substr(strNames.size() - 7));
     EXPECT_EQ(0U, strNames.find("thread-name-1"));
     EndPending(*workers[0]);
+}
+
+// Whether a wait of this thread for the one with that number would close a circle.
+bool WaitsForThisThread(uint64_t aThread) {
+    CCmBlockedSend probe;
+    char szNames[CCmBlockedSend::NAMES_SIZE];
+    return probe.Enter(
+        aThread, [](const void*) { return true; }, nullptr, szNames);
+}
+
+void CancelASender() {
+    const Switched on;
+    ScopedTraceSink sink;
+    CCmEventQueueUsingMutex queue;
+    queue.BindToCurrentThread();
+    ACmThread* pSender = nullptr;
+    ASSERT_EQ(CM_OK, CreateUserTaskThread(&pSender, TF_JOINABLE, false, 1));
+    std::atomic<uint64_t> ullSender{0};
+    CmPost(*pSender, [&] {
+        ullSender = CmNumberOfThisThread();
+        queue.SendEvent(CmMakeEvent([] {}));
+    });
+    EXPECT_TRUE(Eventually([&] { return ullSender != 0 && WaitsForThisThread(ullSender.load()); }));
+    EXPECT_EQ(0, pSender->Terminate());
+    EXPECT_EQ(CM_OK, pSender->Join());
+    EXPECT_EQ(0U, sink.count(CIRCLE));
+    EXPECT_FALSE(WaitsForThisThread(ullSender));
+    pSender->Destory(CM_OK);
+    queue.DestoryPendingEvents();
+}
+
+TEST(CmBlockedSends, LeavesTheList_WhenItsSenderIsCancelled) {
+    CancelASender();
+}
+
+TEST(CmBlockedSends, LeavesTheList_WhenItsSenderIsCancelledWithoutDestructors) {
+    const kelto_test::ScopedHandlersOnly handlersOnly;
+    CancelASender();
+}
+
+TEST(CmBlockedSends, LeavesTheList_WhenItsWaitFails) {
+    const Switched on;
+    ScopedTraceSink sink;
+    CCmEventQueueUsingMutex queue;
+    queue.BindToCurrentThread();
+    std::atomic<uint64_t> ullSender{0};
+    const kelto_test::FailingCall<&CCmSystemTable::pthread_cond_wait> fault(EINVAL, EINVAL);
+    std::thread([&] {
+        ullSender = CmNumberOfThisThread();
+        EXPECT_EQ(CM_ERROR_FAILURE, queue.SendEvent(CmMakeEvent([] {})));
+    }).join();
+    EXPECT_FALSE(WaitsForThisThread(ullSender));
+    queue.DestoryPendingEvents();
+}
+
+TEST(CmBlockedSends, GuardEndsAfterItsCallable_WhenItIsWatchedAndItsWaitFails) {
+    const Switched on;
+    ScopedTraceSink sink;
+    CCmLifeGuard guard;
+    Gate runs;
+    std::atomic<bool> bDone{false};
+    std::thread other(guard.Wrap([&] {
+        runs.Open();
+        EXPECT_TRUE(Eventually([&] { return guard.Result() == CM_ERROR_NOT_INITIALIZED; }));
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        bDone = true;
+    }));
+    EXPECT_TRUE(runs.Wait());
+    {
+        const kelto_test::FailingCall<&CCmSystemTable::pthread_cond_wait> fault(
+            EINVAL, EINVAL, 1, kelto_test::Failing::FROM_THERE_ON);
+        guard.End();
+        EXPECT_TRUE(bDone);
+    }
+    other.join();
 }
 
 TEST(CmBlockedSends, Sends_WhenItsListCannotBeLocked) {

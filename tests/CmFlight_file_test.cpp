@@ -493,6 +493,20 @@ TEST(CmFlightFile, IsCutOnce_WhenThreadsRecordAllTheTime) {
     }
 }
 
+TEST(CmFlightFile, IsLookedAfter_WhenNoMemoryTakesItsPlaceAtTheEnd) {
+    const ScopedFlight flight;
+    CCmFlightRing* const pRing = CCmFlight::AttachThisThread("after the end");
+    {
+        const auto pFault =
+            Fault<&CCmSystemTable::mmap, void*>(ENOMEM, MAP_FAILED)(1, Failing::ONCE);
+        CCmFlight::Close();
+    }
+    ASSERT_EQ(0, truncate(flight.path().c_str(), 0));
+    pRing->Post(1, nullptr, pRing, nullptr);
+    long long llUsec = 0;
+    EXPECT_TRUE(pRing->FindPost(pRing, 1, llUsec));
+}
+
 // A second replacement would take away what has been recorded since the first.
 std::atomic<int> s_nReplacements{0};
 std::atomic<bool> s_bOtherComes{false};
@@ -540,7 +554,7 @@ TEST(CmFlightFile, IsReplacedOnce_WhenTwoThreadsFindItCut) {
 
 // ---- Other bus errors
 
-sigjmp_buf s_jump;
+std::jmp_buf s_jump;
 std::atomic<int> s_nHandled{0};
 
 // Touches a file of this test's own that was cut, until somebody jumps out of it.
@@ -556,7 +570,7 @@ void FaultElsewhere(const std::string& aPath) {
 void InstallHandler(void (*aHandler)(int, siginfo_t*, void*)) {
     struct sigaction action = {};
     action.sa_sigaction = aHandler;
-    action.sa_flags = SA_SIGINFO;
+    action.sa_flags = SA_SIGINFO | SA_NODEFER;  // a jump out of it leaves no signal blocked
     EXPECT_EQ(0, sigaction(SIGBUS, &action, nullptr));
 }
 
@@ -565,12 +579,12 @@ TEST(CmFlightFile, LeavesOtherBusErrorsToTheHandlerBefore) {
                   InstallHandler([](int, siginfo_t* aInfo, void*) {
                       ++s_nHandled;
                       if (aInfo->si_code > 0 && aInfo->si_code != SI_USER) {
-                          siglongjmp(s_jump, 1);
+                          std::longjmp(s_jump, 1);
                       }
                   });
                   const ScopedFlight flight;
                   CCmFlightRing* const pRing = CCmFlight::AttachThisThread("faults");
-                  if (sigsetjmp(s_jump, 1) == 0) {
+                  if (setjmp(s_jump) == 0) {
                       FaultElsewhere(flight.directory().path() + "/other");
                       ADD_FAILURE() << "no fault";
                   }

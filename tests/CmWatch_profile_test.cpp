@@ -3,6 +3,7 @@
 
 #include <string>
 
+#include "CmConfigReader.h"
 #include "CmWatch.h"
 #include "support/ChildProcess.h"
 #include "support/Home.h"
@@ -40,6 +41,32 @@ TEST(CCmWatch, IsStartedByTheProfile_WhenTheFirstThreadIsCreated) {
     EXPECT_EQ(ON, statusWith("[Watch]\nEnable = TRUE\nRecord = 0\nThreads = 100000\n"));
     EXPECT_EQ(0, statusWith("[Watch]\nEnable = 0\nRecord = 0\n"));
     EXPECT_EQ(0, statusWith("[Trace]\nEnable = TRUE\n"));
+}
+
+TEST(CCmWatch, IsStartedByTheSnapshotAlone_WhenTheHostHasOne) {
+    const auto isOnWith = [](const std::string& aSnapshot, const std::string& aLater) {
+        constexpr int ON = 7;
+        const int nStatus = StatusOfChild([&] {
+            const ScopedHome home;
+            home.WriteConfig(aSnapshot);
+            CCmConfigReader config;
+            EXPECT_EQ(CM_OK, config.ReadMain());
+            home.WriteConfig(aLater);
+            EXPECT_EQ(CM_OK, config.UseForTrace());
+            const bool bIsOn = CCmWatch::IsOn();
+            TaskThread first;
+            EXPECT_EQ(bIsOn, CCmWatch::IsOn());
+            if (bIsOn && !::testing::Test::HasFailure()) {
+                CCmWatch::Stop();
+                first.End();
+                EndProcess(ON);
+            }
+        });
+        EXPECT_TRUE(WIFEXITED(nStatus) && (WEXITSTATUS(nStatus) == ON || nStatus == 0)) << nStatus;
+        return nStatus != 0;
+    };
+    EXPECT_TRUE(isOnWith("[Watch]\nEnable = 1\nRecord = 0\n", ""));
+    EXPECT_FALSE(isOnWith("", "[Watch]\nEnable = 1\nRecord = 0\n"));
 }
 
 }  // namespace

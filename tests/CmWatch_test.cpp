@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -23,6 +24,7 @@
 #include "CmWatched.h"
 #include "CmWorker.h"
 #include "port/CmPort.h"
+#include "support/Events.h"
 #include "support/Eventually.h"
 #include "support/Faults.h"
 #include "support/Flight.h"
@@ -35,6 +37,7 @@ namespace UTIL_NS {
 namespace {
 
 using namespace std::chrono_literals;
+using kelto_test::EndingEvent;
 using kelto_test::Eventually;
 using kelto_test::FiguresAtRest;
 using kelto_test::FiguresOf;
@@ -387,7 +390,6 @@ TEST(CCmWatch, CountsWhatAWorkerLeavesUnfired_WhenItStopsNow) {
     CCmWorker worker(Named("stopped"));
     Gate begun;
     Gate go;
-    std::atomic<uint64_t> ullUnfired{0};
     CmPost(worker, [&] {
         begun.Open();
         go.Wait();
@@ -667,6 +669,26 @@ TEST(CCmWatch, TellsTheAddressOfTheTable_WhenAClassHasNoTypeInformation) {
     EXPECT_EQ(std::string(szTable), FiguresAtRest(worker).m_szLongestClass);
 }
 
+// The table lies in memory that goes away, as that of a module that is unloaded.
+TEST(CCmWatch, KeepsTheNameOfAClass_WhenItsModuleIsGone) {
+    const ScopedWatch watch;
+    constexpr size_t WORDS = 6;  // two in front of the table, and four functions
+    void* const pMemory =
+        mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(MAP_FAILED, pMemory);
+    CCmWorker worker(Named("module"));
+    auto* const pEvent = new CSlowEvent;
+    const void* const* const pTable = static_cast<const void* const*>(CmTableOf(pEvent));
+    std::memcpy(pMemory, pTable - 2, WORDS * sizeof(void*));
+    const void* const pCopy = static_cast<const void* const*>(pMemory) + 2;
+    std::memcpy(static_cast<void*>(pEvent), &pCopy, sizeof(pCopy));
+    worker.GetEventQueue()->PostEvent(pEvent, ICmEventQueue::EPRIORITY_NORMAL);
+    FiguresAtRest(worker);
+    ASSERT_EQ(0, munmap(pMemory, 4096));
+    EXPECT_NE(std::string::npos,
+              std::string(FiguresOf(worker).m_szLongestClass).find("CSlowEvent"));
+}
+
 TEST(CCmWatch, TellsWhatRunsNow) {
     const ScopedWatch watch;
     CCmWorker worker(Named("current"));
@@ -920,7 +942,7 @@ TEST(CCmWatch, SaysWhatASlowEventWas) {
     });
     ASSERT_TRUE(begun.Wait());
     std::thread([&] {
-        pthread_setname_np(pthread_self(), "the poster");
+        CmPortNameThisThread("the poster");
         worker.GetEventQueue()->PostEvent(new CSlowEvent, ICmEventQueue::EPRIORITY_NORMAL);
     }).join();  // it is gone when the line is written
     CmPost(worker, [] {});
@@ -1077,15 +1099,11 @@ TEST(CCmWatch, SaysNothing_WhileItIsOff) {
     EXPECT_EQ(0U, sink.count(", watch, "));
 }
 
-// Without memory nothing fails but the figures.
+// Without memory nothing fails but the figures, and what fails anyway.
 TEST(CCmWatch, ChangesNoResult_WhenMemoryRunsOut) {
-    CCmWorker worker(Named("no memory"));
-    for (unsigned long ulNth = 1; ulNth < 8; ++ulNth) {
+    for (unsigned long ulNth = 1; ulNth < 10; ++ulNth) {
         SCOPED_TRACE(ulNth);
         CmResult rvStart = CM_OK;
-        CmResult rv = CM_ERROR_FAILURE;
-        CCmEventQueueUsingMutex queue;
-        ICmEvent* const pEvent = new CNothing;
         {
             const ScopedAllocationFault fault(ulNth, kelto_test::Failing::FROM_THERE_ON);
             rvStart = CCmWatch::Start(CCmWatchOptions().Record(false));
@@ -1095,15 +1113,27 @@ TEST(CCmWatch, ChangesNoResult_WhenMemoryRunsOut) {
             EXPECT_FALSE(CCmWatch::IsOn());
             ASSERT_EQ(CM_OK, CCmWatch::Start(CCmWatchOptions().Record(false)));
         }
-        std::thread([&] {
-            std::list<ICmEvent*> events;
-            ASSERT_EQ(CM_OK, queue.PostEvent(pEvent, ICmEventQueue::EPRIORITY_NORMAL));
-            ASSERT_EQ(CM_OK, queue.PopPendingEventsLocked(events));
-            const ScopedAllocationFault fault(1, kelto_test::Failing::FROM_THERE_ON);
-            queue.ProcessTakenEvents(events);
-            rv = CM_OK;
-        }).join();
-        EXPECT_EQ(CM_OK, rv);
+        std::atomic<int> nEnded{0};
+        int nPosted = 0;
+        std::thread([&] {  // of which nothing is kept yet
+            CCmEventQueueUsingMutex queue;
+            ICmEvent* events[4];
+            for (ICmEvent*& pEvent : events) {
+                pEvent = new EndingEvent([&] { ++nEnded; });
+            }
+            const ScopedAllocationFault fault(ulNth);
+            for (ICmEvent* pEvent : events) {
+                const CmResult rv = queue.PostEvent(pEvent, ICmEventQueue::EPRIORITY_NORMAL);
+                EXPECT_TRUE(rv == CM_OK || rv == CM_ERROR_OUT_OF_MEMORY) << rv;
+                nPosted += CM_SUCCEEDED(rv) ? 1 : 0;
+            }
+            EXPECT_LE(3, nPosted);  // one node at most could not be had
+            std::list<ICmEvent*> taken;
+            EXPECT_EQ(CM_OK, queue.PopPendingEventsLocked(taken));
+            queue.ProcessTakenEvents(taken);
+        })
+            .join();
+        EXPECT_EQ(4, nEnded);
         size_t nCount = 0;
         EXPECT_EQ(CM_OK, CCmWatch::Read(nullptr, 0, nCount));
         CCmWatch::Stop();

@@ -40,6 +40,9 @@ Options:
   --level LEVEL       write trace lines of the monitor up to error, warning or info (default info)
   --trace FILE        where trace lines go (default: $QTRACE_FILE, else rtp_monitor/rtp_monitor.log
                       in $XDG_STATE_HOME, in ~/.local/state without it; on a Mac ~/Library/Logs)
+  --watch             let kelto-top show what the threads do, and record what they did last for
+                      kelto-flight, which also reads it when the run was killed; trace lines tell
+                      of slow batches and timers in full
   --home DIR          home directory of the configuration file conf/kelto.cfg, at most 15
                       characters with the last / (default /tmp/)
   -h, --help          this text
@@ -196,6 +199,7 @@ struct CValue {
 bool ApplyFlag(const std::string& aName, COptions* aOptions) {
     bool* const pFlag = aName == "--fast"                    ? &aOptions->fast
                         : aName == "--json"                  ? &aOptions->json
+                        : aName == "--watch"                 ? &aOptions->watch
                         : aName == "--version"               ? &aOptions->version
                         : aName == "--help" || aName == "-h" ? &aOptions->help
                                                              : nullptr;

@@ -17,6 +17,7 @@ struct COptions {
     std::vector<std::string> inputs;  // one capture, or any number of addresses
     bool fast = false;
     bool json = false;
+    bool watch = false;
     bool help = false;
     bool version = false;
     unsigned int workers = 2;

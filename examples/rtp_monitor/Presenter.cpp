@@ -1,6 +1,7 @@
 #include "Presenter.h"
 
 #include <fcntl.h>
+#include <limits.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -14,6 +15,7 @@
 #include "CmT120Trace.h"
 #include "CmTimer.h"
 #include "CmTrace.h"
+#include "CmWatch.h"
 #include "CmWorker.h"
 #include "Json.h"
 #include "Plot.h"
@@ -34,6 +36,11 @@ constexpr mode_t FILE_MODE = 0666;
 int Complain(const std::string& aClause) {
     COutput(STDERR_FILENO).Write("rtp_monitor: " + Printable(aClause) + ".\n");
     return EXIT_TROUBLE;
+}
+
+std::string RecordingPath() {
+    char szPath[PATH_MAX];
+    return CM_SUCCEEDED(UTIL_NS::CCmWatch::GetRecording(szPath, sizeof(szPath))) ? szPath : "";
 }
 
 CPresenter::CPresenter(const COptions& aOptions, CMonitor& aMonitor, CStopSignal& aStop,
@@ -208,6 +215,7 @@ int CPresenter::ShowEnd(const std::string& aError) {
         CTableStyle style;
         style.columns = m_terminal.IsTerminal() ? m_terminal.Columns() : style.columns;
         style.colour = m_terminal.HasColour();
+        const std::string sRecording = RecordingPath();
         const std::string sClosing =
             PartialLine(report) +
             Format(
@@ -217,6 +225,7 @@ int CPresenter::ShowEnd(const std::string& aError) {
             (m_options.plotFile.empty() || nExit != EXIT_SUCCESS
                  ? std::string()
                  : "The picture is in " + Printable(m_options.plotFile) + "\n") +
+            (sRecording.empty() ? "" : "The recording is in " + Printable(sRecording) + "\n") +
             m_traceFile.ClosingLine();
         m_output.Write(FormatTable(report, style) + FoldLines(sClosing, style.columns));
     }

@@ -18,6 +18,9 @@ constexpr int EXIT_TROUBLE = 2;
 // Prints a clause as a sentence of the monitor's to standard error. EXIT_TROUBLE.
 int Complain(const std::string& aClause);
 
+// Where the recording of the watch lies; empty: there is none.
+std::string RecordingPath();
+
 class CPresenter {
   public:
     // All of it must outlive the presenter; aStop ends the run when nobody can be shown it.

@@ -38,8 +38,12 @@ CReceiver::CReceiver(std::unique_ptr<IPacketSource> aSource, StreamWorkers& aWor
       m_index(aMostStreams),
       m_pending(aWorkers.size()) {}
 
-void CReceiver::OnThreadRun() {
+void CReceiver::OnThreadInit() {
     NameThisThread("receiver");
+    CCmLoopThread::OnThreadInit();
+}
+
+void CReceiver::OnThreadRun() {
     bool bGoOn = true;
     while (bGoOn && !m_stop.IsRaised()) {
         bGoOn = ReadOne();

@@ -27,6 +27,7 @@ class CReceiver : public UTIL_NS::CCmLoopThread {
     CReceiver(std::unique_ptr<IPacketSource> aSource, StreamWorkers& aWorkers, CStopSignal& aStop,
               bool aKeepPace, uint32_t aMostStreams);
 
+    void OnThreadInit() override;
     void OnThreadRun() override;
 
     // Adds what the receiver knows. Any thread, at any time.

@@ -7,7 +7,9 @@
 #include <vector>
 
 #include "CmConfigReader.h"
+#include "CmResultText.h"
 #include "CmVersion.h"
+#include "CmWatch.h"
 #include "Monitor.h"
 #include "Options.h"
 #include "Output.h"
@@ -36,6 +38,20 @@ bool CheckConfiguration(const UTIL_NS::CCmConfigReader& aConfig) {
 int Print(COutput& aOutput, const std::string& aText) {
     return aOutput.Write(aText) ? EXIT_SUCCESS
                                 : Complain("cannot write to standard output: " + aOutput.error());
+}
+
+// Before the first thread, so that all of them are watched from their beginning. A recording that
+// cannot be kept ends nothing: trace lines still tell of what is slow.
+bool Watch() {
+    const UTIL_NS::CmResult rv = UTIL_NS::CCmWatch::Start();
+    if (CM_FAILED(rv) && rv != UTIL_NS::CM_ERROR_ALREADY_INITIALIZED) {  // by the configuration
+        Complain(std::string("cannot watch the threads: ") + UTIL_NS::CmResultText(rv));
+        return false;
+    }
+    if (RecordingPath().empty()) {
+        Complain("no recording can be kept, the trace lines tell why");
+    }
+    return true;
 }
 
 int Main(int aArgCount, char** aArgs) {
@@ -76,8 +92,16 @@ int Main(int aArgCount, char** aArgs) {
         return Complain("cannot be interrupted");
     }
     EndWaitsForReaders(s_stop.descriptor());
-    CMonitor monitor(options, s_stop);
-    return CPresenter(options, monitor, s_stop, output, traceFile).Run();
+    if (options.watch && !Watch()) {
+        return EXIT_TROUBLE;
+    }
+    int nExit = EXIT_SUCCESS;
+    {
+        CMonitor monitor(options, s_stop);
+        nExit = CPresenter(options, monitor, s_stop, output, traceFile).Run();
+    }
+    UTIL_NS::CCmWatch::Stop();  // by which its recording is known to be whole
+    return nExit;
 }
 
 }  // namespace

@@ -329,6 +329,10 @@ std::string CmTopTable(const CCmTopReading& aReading, const CCmTopOrder& aOrder,
     for (const CCmTopWorker* pWorker : workers) {
         lines.push_back(WorkerLine(aReading, *pWorker, layout));
     }
+    if (lines.size() > aRows && aRows > 2) {
+        lines[aRows - 1] =
+            CmCut("and " + std::to_string(lines.size() - aRows + 1) + " more", aColumns);
+    }
     std::string strTable;
     for (size_t i = 0; i < std::min(lines.size(), aRows); ++i) {
         strTable += lines[i] + "\n";

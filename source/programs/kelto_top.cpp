@@ -10,6 +10,7 @@
 #include <exception>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "CmFlightReader.h"
@@ -129,7 +130,8 @@ class CTop {
 
     // With the rates since the reading before.
     bool Read() {
-        CCmTopReading before = std::move(m_Reading);
+        CCmTopReading before;
+        std::swap(before, m_Reading);
         const bool bGood =
             (m_bRead ? m_Reader.Read() : true) && CmReadFigures(m_Reader, &m_Reading);
         CmRateWorkers(before, &m_Reading);

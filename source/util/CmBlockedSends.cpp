@@ -119,7 +119,7 @@ bool CCmBlockedSend::Link(const CCmAwaitedThread* aAwaited, uint64_t aNumber, Go
     }
     s_pFirst = this;
     m_bIsEntered = true;
-    if (CM_LIKELY(!HasClosedCircle_l())) {
+    if (CM_LIKELY(!HasClosedCircle_l(s_pFirst))) {
         return false;
     }
     WriteNames_l(aNames);
@@ -160,11 +160,11 @@ bool CCmBlockedSend::TakeLong(long long aNowNsec, long long aLimitMsec, CLong& a
 
 // Follows the waits backwards, from those that wait for this thread on: mostly there is none. A
 // circle without this wait has been found before. On success m_pTowards leads along it.
-bool CCmBlockedSend::HasClosedCircle_l() {
+bool CCmBlockedSend::HasClosedCircle_l(CCmBlockedSend* aFirst) {
     if (m_ullAwaited == 0 || !m_pfnGoesOn(m_pObject)) {
         return false;
     }
-    for (CCmBlockedSend* pSend = s_pFirst; pSend != nullptr; pSend = pSend->m_pNext) {
+    for (CCmBlockedSend* pSend = aFirst; pSend != nullptr; pSend = pSend->m_pNext) {
         pSend->m_pTowards = nullptr;
     }
     m_pNextFound = nullptr;
@@ -174,7 +174,7 @@ bool CCmBlockedSend::HasClosedCircle_l() {
             m_pTowards = pTo;
             return true;
         }
-        for (CCmBlockedSend* pSend = s_pFirst; pSend != nullptr; pSend = pSend->m_pNext) {
+        for (CCmBlockedSend* pSend = aFirst; pSend != nullptr; pSend = pSend->m_pNext) {
             if (pSend->m_ullAwaited == pTo->m_ullThread && pSend != this &&
                 pSend->m_pTowards == nullptr && pSend->m_pfnGoesOn(pSend->m_pObject)) {
                 pSend->m_pTowards = pTo;

@@ -112,7 +112,7 @@ class CCmBlockedSend {
     bool Link(const CCmAwaitedThread* aAwaited, uint64_t aNumber, GoesOn aGoesOn,
               const void* aObject, char (&aNames)[NAMES_SIZE]);
     void Unlink();
-    bool HasClosedCircle_l();
+    bool HasClosedCircle_l(CCmBlockedSend* aFirst);
     void WriteNames_l(char (&aNames)[NAMES_SIZE]) const;
 
     static CmStd::atomic<bool> s_bIsOn;

@@ -18,6 +18,7 @@
 #include "CmProfileReader.h"
 #include "CmSystem.h"
 #include "CmT120Trace.h"
+#include "CmWatched.h"
 #include "CmWithMemory.h"
 #include "port/CmFileTime.h"
 
@@ -449,6 +450,7 @@ CmResult CCmConfigReader::UseForTrace() {
     };
     const CSnapshot snapshot(state);
     refresh_trace_config();
+    CmWatchAsProfileSays();
     return CM_OK;
 }
 

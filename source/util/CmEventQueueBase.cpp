@@ -297,13 +297,16 @@ class CCmEventQueueSteps::CPosting {
         }
         CCmWatchedQueue& watched = *m_pWatched;
         watched.m_ullPosted.Add(1);
-        const DWORD dwPending = watched.Pending(g_cmWatchOn.load(std::memory_order_relaxed));
+        // Without what the consumer has taken out, which it alone writes.
+        const DWORD dwPending =
+            m_Queue.m_dwSize.load(std::memory_order_relaxed) - watched.m_dwGhosts.Get();
         if (watched.m_dwMost.Raise(dwPending) &&
             dwPending >= std::min(2 * watched.m_dwMarked, watched.m_dwMarked + MARK_STEP)) {
             m_dwMark = watched.m_dwMarked = dwPending;
         }
-        if (watched.m_Probe.Wants(m_pEvent, aIsAwaited)) {
-            watched.m_Probe.Set(m_pEvent, CmUsecOf(CCmTimeValue::GetTimeOfDay()));
+        if (watched.m_Probe.Wants(m_pEvent, aIsAwaited, watched.m_dwPosts)) {
+            watched.m_Probe.Set(m_pEvent, CmUsecOf(CCmTimeValue::GetTimeOfDay()),
+                                watched.m_dwPosts);
         }
     }
 
@@ -1527,8 +1530,9 @@ void CCmEventQueueSteps::CLoop::NoteOwnPost(const ICmEvent* aEvent) {
         }
         pWatched->m_ullOwnPosted.Add(1);
         pWatched->m_dwOwnMost.Raise(pWatched->Pending(dwStart));
-        if (pWatched->m_OwnProbe.Wants(aEvent, false)) {
-            pWatched->m_OwnProbe.Set(aEvent, CmUsecOf(CCmTimeValue::GetTimeOfDay()));
+        if (pWatched->m_OwnProbe.Wants(aEvent, false, pWatched->m_dwOwnPosts)) {
+            pWatched->m_OwnProbe.Set(aEvent, CmUsecOf(CCmTimeValue::GetTimeOfDay()),
+                                     pWatched->m_dwOwnPosts);
         }
     }
     const CCmWatchedThread* const pThread = CmEnsureWatchedThread();

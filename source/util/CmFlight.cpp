@@ -118,14 +118,18 @@ uint32_t PowerOfTwo(uint32_t aNumber) {
     return dwPower;
 }
 
-// Has the system map the pages now rather than when records come to them. What is there stays.
+// Has the system map the pages now rather than when records come to them. What is there stays: the
+// caller alone writes there. aBegin, aSize: multiples of a word.
 void TouchPages(void* aBegin, uint64_t aSize) {
     constexpr uint64_t LEAST_PAGE = 4096;
-    unsigned char* const pBegin = static_cast<unsigned char*>(aBegin);
+    const auto touch = [&](uint64_t aOffset) {
+        uint64_t& ullWord = static_cast<uint64_t*>(aBegin)[aOffset / sizeof(uint64_t)];
+        Release(ullWord, __atomic_load_n(&ullWord, __ATOMIC_RELAXED));
+    };
     for (uint64_t i = 0; i < aSize; i += LEAST_PAGE) {
-        __atomic_fetch_or(pBegin + i, 0, __ATOMIC_RELAXED);
+        touch(i);
     }
-    __atomic_fetch_or(pBegin + aSize - 1, 0, __ATOMIC_RELAXED);
+    touch(aSize - sizeof(uint64_t));
 }
 
 // ---- Classes
@@ -146,10 +150,14 @@ void NameClass(size_t aPlace, const void* aTable) {
     StoreClass(ClassesOfFile()[aPlace], entry);
 }
 
+size_t PlaceOfClass(uint64_t aTable) {
+    return (aTable >> 4 ^ aTable >> 13) % CM_FLIGHT_CLASS_COUNT;
+}
+
 // Whether the table is in the list, or has been put there.
 bool EnsureClassListed(const void* aTable) {
     const uint64_t ullTable = CmFlightAddress(aTable);
-    const size_t nFirst = (ullTable >> 4 ^ ullTable >> 13) % CM_FLIGHT_CLASS_COUNT;
+    const size_t nFirst = PlaceOfClass(ullTable);
     for (size_t i = 0; i < CM_FLIGHT_CLASS_COUNT; ++i) {
         const size_t nPlace = (nFirst + i) % CM_FLIGHT_CLASS_COUNT;
         uint64_t ullThere = __atomic_load_n(&s_classes[nPlace].m_ullTable, __ATOMIC_RELAXED);
@@ -226,6 +234,7 @@ struct CCmFlight::CState {
     void EndRings() CM_REQUIRES(s_Lock.m_Lock);
     bool MapFile(const char* aDirectory, const char* aProcess, uint64_t aStartUsec)
         CM_REQUIRES(s_Lock.m_Lock);
+    void LeaveFile() CM_REQUIRES(s_Lock.m_Lock);
     void FillHeader(const char* aProcess, uint64_t aStartUsec) CM_REQUIRES(s_Lock.m_Lock);
 
     uint32_t FindSlot() const CM_REQUIRES(s_Lock.m_Lock);
@@ -431,7 +440,21 @@ CmResult CCmFlight::Open(const CCmFlightOptions& aOptions) {
     return CM_ERROR_FAILURE;
 }
 
-// Memory takes the file's place, for the threads that still record.
+// Memory takes the file's place, if there is one, for the threads that still record. As long as it
+// cannot, what is mapped is looked after. Closing gives the lock back, which a forked child has,
+// too.
+void CCmFlight::CState::LeaveFile() {
+    const bool bIsReplaced = CmPortReplaceMapping(s_pBegin.load(std::memory_order_relaxed), Size());
+    if (m_File.m_nFile < 0) {
+        return;
+    }
+    if (bIsReplaced) {
+        CmPortUnguardMapping();
+    }
+    g_cmSystem.close(m_File.m_nFile);
+    m_File.m_nFile = -1;
+}
+
 void CCmFlight::Close() {
     g_cmTraceTap.store(nullptr, std::memory_order_relaxed);
     CHold hold;
@@ -441,12 +464,7 @@ void CCmFlight::Close() {
     }
     state.m_bIsOpen = false;
     Release(Header()->m_ullEndWall, WallUsec());
-    CmPortReplaceMapping(s_pBegin.load(std::memory_order_relaxed), state.Size());
-    if (state.m_File.m_nFile >= 0) {
-        CmPortUnguardMapping();
-        g_cmSystem.close(state.m_File.m_nFile);
-        state.m_File.m_nFile = -1;
-    }
+    state.LeaveFile();
 }
 
 bool CCmFlight::IsOpen() {
@@ -642,12 +660,7 @@ void CCmFlight::CState::AfterForkInChild() {
     g_cmTraceTap.store(nullptr, std::memory_order_relaxed);
     state.m_bIsOpen = false;
     if (state.m_dwSlots != 0) {
-        CmPortReplaceMapping(s_pBegin.load(std::memory_order_relaxed), state.Size());
-    }
-    if (state.m_File.m_nFile >= 0) {
-        CmPortUnguardMapping();
-        g_cmSystem.close(state.m_File.m_nFile);  // with it the child would hold the lock
-        state.m_File.m_nFile = -1;
+        state.LeaveFile();
     }
     state.m_dwLive = 0;
     for (uint32_t i = 0; i < state.m_dwSlots; ++i) {
@@ -756,6 +769,24 @@ void CCmFlightRing::FindName(uint64_t aNumber, char (&aName)[CM_FLIGHT_NAME_SIZE
         std::memcpy(aName, achText, sizeof(aName) - 1);
         return;
     }
+}
+
+bool CCmFlight::CopyClassName(const void* aTable, char (&aName)[CM_FLIGHT_CLASS_NAME_SIZE]) {
+    const uint64_t ullTable = CmFlightAddress(aTable);
+    for (size_t i = 0; i < CM_FLIGHT_CLASS_COUNT; ++i) {
+        const CCmFlightClass& entry =
+            s_classes[(PlaceOfClass(ullTable) + i) % CM_FLIGHT_CLASS_COUNT];
+        const uint64_t ullThere = __atomic_load_n(&entry.m_ullTable, __ATOMIC_RELAXED);
+        if (ullThere == ullTable &&
+            __atomic_load_n(&entry.m_dwState, __ATOMIC_ACQUIRE) == CCmFlightClass::COMPLETE) {
+            std::memcpy(aName, entry.m_szName, sizeof(aName));
+            return true;
+        }
+        if (ullThere == ullTable || ullThere == 0) {
+            return false;
+        }
+    }
+    return false;
 }
 
 bool CCmFlight::FindPost(const void* aEvent, const void* aTable, long long aNotAfterUsec,

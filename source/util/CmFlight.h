@@ -116,6 +116,10 @@ class CCmFlight {
     static bool FindPost(const void* aEvent, const void* aTable, long long aNotAfterUsec,
                          long long& aUsec, char (&aPoster)[CM_FLIGHT_NAME_SIZE]);
 
+    // The name that was copied when a record first told of the class with this table, whose module
+    // may be gone by now: empty for a class without type information. False when none has.
+    static bool CopyClassName(const void* aTable, char (&aName)[CM_FLIGHT_CLASS_NAME_SIZE]);
+
     // Every 250 ms: stores the times in the file's header, and says once, by a line, when somebody
     // has cut the file, since when there is none.
     static void Tick(long long aWallUsec, long long aMonotonicUsec);

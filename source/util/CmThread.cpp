@@ -165,6 +165,8 @@ class ACmThread::CThreadState {
 
     CmResult m_InitResult = CM_OK;
     CCmAwaitedThread m_Awaited;
+    // By Terminate, so that it waits for nobody for good. Relaxed: nothing is handed over with it.
+    CmStd::atomic<bool> m_bIsCancelled{false};
 
   private:
     static constexpr int STEP_INIT_DONE = 1;
@@ -272,6 +274,7 @@ CmResult ACmThread::CThreadState::StartThread() {
     }
     m_nStartSteps.store(0, std::memory_order_relaxed);  // before pthread_create, which orders it
     m_InitResult = CM_OK;
+    m_bIsCancelled.store(false, std::memory_order_relaxed);
     const CmResult rv = CreateThread();
     if (CM_FAILED(rv)) {
         return rv;
@@ -387,8 +390,10 @@ CmResult ACmThread::Join() {
     }
     CCmBlockedSend blocked;
     CCmCleanUpT leave([&blocked] { blocked.Leave(); });
-    if (CM_UNLIKELY(CCmBlockedSend::IsOn())) {
-        CCmPrivateRoom::Of(m_Private).EnterJoin(blocked);
+    const CThreadState& state = CCmPrivateRoom::Of(m_Private);
+    if (CM_UNLIKELY(CCmBlockedSend::IsOn()) &&
+        !state.m_bIsCancelled.load(std::memory_order_relaxed)) {
+        state.EnterJoin(blocked);
     }
     const int rv = g_cmSystem.pthread_join(tid, nullptr);
     leave.Execute();
@@ -421,11 +426,12 @@ CmResult ACmThread::Terminate() {
         return CM_ERROR_FAILURE;
     }
     const pthread_t tid = m_Tid.load(std::memory_order_relaxed);
-    const CThreadState& state = CCmPrivateRoom::Of(m_Private);
+    CThreadState& state = CCmPrivateRoom::Of(m_Private);
     const bool bIsGone = state.HasThread() && !state.IsJoinable() && m_nDestroyRef.value() > 0;
     if (tid == pthread_t() || bIsGone) {
         return CM_ERROR_FAILURE;
     }
+    state.m_bIsCancelled.store(true, std::memory_order_relaxed);
     const int rv = g_cmSystem.pthread_cancel(tid);
     m_bStopFlag.store(true, std::memory_order_relaxed);
     return rv;

@@ -35,11 +35,13 @@ uint64_t ToFigure(long long aUsec) {
 }  // namespace
 
 void CmClassText(const void* aTable, char* aText, size_t aSize) {
-    const char* const pszName = aTable != nullptr ? CmPortClassName(aTable) : "";
-    if (pszName == nullptr) {
+    char szName[CM_FLIGHT_CLASS_NAME_SIZE] = "";
+    if (aTable == nullptr) {
+        aText[0] = '\0';
+    } else if (!CCmFlight::CopyClassName(aTable, szName) || szName[0] == '\0') {
         std::snprintf(aText, aSize, "%p", const_cast<void*>(aTable));
     } else {
-        CmPortReadableClassName(pszName, aText, aSize);
+        CmPortReadableClassName(szName, aText, aSize);
     }
 }
 
@@ -504,6 +506,7 @@ void CCmWatchedQueue::Begin(DWORD aStart, uint64_t aPending, DWORD aGhosts) {
     m_dwMost.Set(static_cast<DWORD>(aPending));
     m_dwGhosts.Set(aGhosts);
     m_dwMarked = 0;
+    m_dwPosts = 0;
     m_Probe.Forget();
     m_dwStart.Set(aStart);
 }
@@ -513,6 +516,7 @@ void CCmWatchedQueue::BeginOwn(DWORD aStart, uint64_t aOwn) {
     m_ullOwnPosted.Set(aOwn);
     m_dwOwnMost.Set(static_cast<DWORD>(aOwn));
     m_dwTaken.Set(0);
+    m_dwOwnPosts = 0;
     m_OwnProbe.Forget();
     m_dwOwnStart.Set(aStart);
 }

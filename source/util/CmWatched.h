@@ -49,8 +49,9 @@ inline const void* CmTableOf(const void* aObject) {
     return *static_cast<const void* const*>(aObject);
 }
 constexpr size_t CM_CLASS_TEXT_SIZE = 512;
-// The class's name as people write it, or the address of the table where it is not known; cut at
-// aSize bytes. Empty for null. Allocates.
+// The class's name as people write it, or the address of the table where it has none, or no ring of
+// records has met it; cut at aSize bytes. Empty for null. Looks at no more than the address: the
+// module that has the table may have been unloaded. Allocates.
 void CmClassText(const void* aTable, char* aText, size_t aSize);
 
 // A value that one thread at a time writes.
@@ -201,17 +202,18 @@ void CmForEachWatchedThread(VisitType aVisit) {
 // lock: it has the event, so what was set with it lies before.
 class CCmWatchedProbe {
   public:
-    // For each event that is posted. aIsAwaited: the consumer sleeps until it comes.
-    bool Wants(const ICmEvent* aEvent, bool aIsAwaited) {
-        ++m_dwPosts;
+    // For each event that is posted. aIsAwaited: the consumer sleeps until it comes. aPosts: how
+    // many there were since the last probe; the poster's.
+    bool Wants(const ICmEvent* aEvent, bool aIsAwaited, DWORD& aPosts) const {
+        ++aPosts;
         const ICmEvent* const pEvent = m_pEvent.Get();
         if (CM_LIKELY(pEvent != nullptr && pEvent != aEvent)) {
-            return m_dwPosts > LOST_AFTER;
+            return aPosts > LOST_AFTER;
         }
-        return aIsAwaited || m_dwPosts >= POSTS_BETWEEN || pEvent != nullptr;
+        return aIsAwaited || aPosts >= POSTS_BETWEEN || pEvent != nullptr;
     }
-    void Set(const ICmEvent* aEvent, long long aUsec) {
-        m_dwPosts = 0;
+    void Set(const ICmEvent* aEvent, long long aUsec, DWORD& aPosts) {
+        aPosts = 0;
         m_llUsec.Set(aUsec);
         m_pEvent.Set(aEvent);
     }
@@ -234,7 +236,6 @@ class CCmWatchedProbe {
 
     CCmWatchedT<const ICmEvent*> m_pEvent;
     CCmWatchedT<long long> m_llUsec;
-    DWORD m_dwPosts = 0;
 };
 
 // A queue, for as long as it lives.
@@ -282,26 +283,14 @@ class CCmWatchedQueue {
         m_dwTaken.Set(static_cast<DWORD>(aCount));
     }
 
-    // Under the queue's lock.
-    CCmWatchedT<uint64_t> m_ullPosted;
-    CCmWatchedT<DWORD> m_dwMost;
+    // Posters and the consumer write to cache lines of their own. Both read these, which change
+    // seldom.
     CCmWatchedT<DWORD> m_dwGhosts;  // the queue counts them as pending; they have been destroyed
     CCmWatchedProbe m_Probe;
-    DWORD m_dwMarked = 0;  // the pending events of the last high-water mark
-
-    // The consumer's.
-    CCmWatchedT<uint64_t> m_ullRun;
-    CCmWatchedT<uint64_t> m_ullOwnPosted;
-    CCmWatchedT<DWORD> m_dwOwnMost;
-    CCmWatchedT<DWORD> m_dwTaken;  // events that it has taken out and not begun
-    CCmWatchedProbe m_OwnProbe;
-    DWORD m_dwTakenStart = 0;  // of the watch, that has counted what was last taken out
-
-    CCmWatchedSharedCount m_Refused;
-    CCmWatchedSharedCount m_Unfired;
 
   private:
     friend class CCmWatchRegistry;
+    static constexpr size_t LINE_SIZE = 64;
 
     const CCounts m_Counts;
     CCmWatchedT<DWORD> m_dwStart;
@@ -310,6 +299,33 @@ class CCmWatchedQueue {
     char m_szName[CCmWorkerFigures::NAME_SIZE] = {};  // of the last consumer that has ended
     CCmWatchedQueue* m_pPrevious = nullptr;
     CCmWatchedQueue* m_pNext = nullptr;
+
+  public:
+    CCmWatchedSharedCount m_Refused;
+    CCmWatchedSharedCount m_Unfired;
+
+  private:
+    [[maybe_unused]] char m_achBetween[LINE_SIZE];
+
+  public:
+    // Under the queue's lock, by posters.
+    CCmWatchedT<uint64_t> m_ullPosted;
+    CCmWatchedT<DWORD> m_dwMost;
+    DWORD m_dwMarked = 0;  // the pending events of the last high-water mark
+    DWORD m_dwPosts = 0;   // since the last probe
+
+  private:
+    [[maybe_unused]] char m_achBetweenToo[LINE_SIZE];
+
+  public:
+    // The consumer's.
+    CCmWatchedT<uint64_t> m_ullRun;
+    CCmWatchedT<uint64_t> m_ullOwnPosted;
+    CCmWatchedT<DWORD> m_dwOwnMost;
+    CCmWatchedT<DWORD> m_dwTaken;  // events that it has taken out and not begun
+    CCmWatchedProbe m_OwnProbe;
+    DWORD m_dwOwnPosts = 0;    // since the last probe
+    DWORD m_dwTakenStart = 0;  // of the watch, that has counted what was last taken out
 };
 
 // An event or a timer handler that runs, on the stack of its thread. What runs within it counts,

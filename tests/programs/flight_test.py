@@ -5,7 +5,7 @@ import os
 import re
 import xml.etree.ElementTree
 
-from harness import ProgramTest, call, main
+from harness import ROOT, ProgramTest, call, main
 from recording import CUT, ENDED, FREE, START, Recording
 
 HEAD = ("# media-host 4711, from 2026-11-22 09:30:00.000000 to 2026-11-22 09:30:01.000000, was killed; "
@@ -158,8 +158,21 @@ class FlightTest(ProgramTest):
         slot.line(START + 10, 20, "cut off", flags=CUT)
         slot.line(START + 11, 20, "y" * 16 + "z" * 24, length=60)  # the last unit of it is missing
         slot.event(START + 12, 1, 2)
-        self.assertEqual([record.split(": ", 1)[1] for record in self.records(recording)[:-1]],
-                         texts + ["cut off…", "y" * 16 + "z" * 24 + "…"])
+        slot.line(START + 13, 20, "v" * 16, length=40)
+        slot.unit(8, 2, 0x7777777777777777)  # the second unit of another line
+        self.assertEqual([record.split(": ", 1)[1] for record in self.records(recording) if " line " in record],
+                         texts + ["cut off…", "y" * 16 + "z" * 24 + "…", "v" * 16 + "…"])
+
+    def test_NamesLevelsAsTheLibraryDoes(self):
+        header = (ROOT / "include/CmT120Trace.h").read_text()
+        levels = dict(re.findall(r'^    \{(\d+), +"(\w+)",', header, re.M))
+        self.assertGreater(len(levels), 10)
+        recording = Recording()
+        slot = recording.add(1, "net")
+        for level in range(40):
+            slot.line(START + level, level, "x")
+        self.assertEqual([re.search(r"line +(\w+): x", record).group(1) for record in self.records(recording)],
+                         [levels.get(str(level), "NA") for level in range(40)])
 
     def test_LeavesOutTextWithoutItsBeginning(self):
         recording = Recording(units=16)
@@ -195,6 +208,14 @@ class FlightTest(ProgramTest):
         kinds = [record.split()[1] for record in self.records(recording)]
         self.assertEqual(kinds, ["post", "event", "post", "event"])
         self.assertIn("waitedUsec=500 ", self.records(recording)[3])
+
+    def test_FindsThePostOfTheSameMicrosecond(self):
+        recording = Recording()
+        recording.add(1, "worker").event(START + 5, 1, 1, 0xA)
+        recording.add(2, "net").post(START + 5, 1, 0xA, 0xC)
+        records = self.records(recording)
+        self.assertEqual([record.split()[1] for record in records], ["post", "event"])
+        self.assertIn('waitedUsec=0 postedBy="net"', records[1])
 
     def test_FindsThePostOfAnAddressThatIsUsedAgain(self):
         recording = Recording()

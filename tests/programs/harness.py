@@ -1,4 +1,4 @@
-"""What the scripts that run kelto-flight and kelto-top share: SCRIPT FLIGHT TOP [TEST...]"""
+"""What the scripts that run kelto-flight and kelto-top share: SCRIPT FLIGHT TOP HOST [TEST...]"""
 
 import fcntl
 import os
@@ -91,10 +91,10 @@ def call():
 
 
 def main(module):
-    PROGRAMS["flight"], PROGRAMS["top"] = sys.argv[1:3]
+    PROGRAMS["flight"], PROGRAMS["top"], PROGRAMS["host"] = sys.argv[1:4]
     loader = unittest.TestLoader()
     suite = loader.loadTestsFromModule(sys.modules[module])
-    names = sys.argv[3:]
+    names = sys.argv[4:]
     cases = [case for group in suite for case in group if not names or case._testMethodName in names]
     if names and len(cases) != len(names):
         sys.exit(f"no such test: {names}")

@@ -180,11 +180,20 @@ class TopTest(ProgramTest):
         net = recording.slots[0]
         net.figures = dict(net.figures, run=1990, timers=60, events=900_000, timers_usec=200_000)
         net.figures_wall += 1_000_000
+        other = recording.slots[1]  # its event began long before and has ended now
+        other.figures, other.figures_wall = dict(other.figures, events=5_000_000), net.figures_wall
         with open(path, "r+b") as file:
             file.write(recording.pack())
-        while (net := json.loads(process.stdout.readline())["workers"][0])["run"] == 990:
-            self.assertIsNone(net["busy"])  # nothing new was written
+        while (workers := self.by_name(process.stdout.readline()))["net"]["run"] == 990:
+            self.assertIsNone(workers["net"]["busy"])  # nothing new was written
+        net, other = workers.values()
         self.assertEqual((net["eventsPerSecond"], net["timersPerSecond"], net["busy"]), (1000, 10, 0.6))
+        self.assertEqual((other["eventsPerSecond"], other["busy"]), (0, 1))
+
+    @staticmethod
+    def by_name(line):
+        return {worker["name"]: worker for worker in sorted(json.loads(line)["workers"], reverse=True,
+                                                            key=lambda worker: worker["name"])}
 
     def start_top(self, *arguments):
         process = subprocess.Popen([PROGRAMS["top"], *arguments], env=self.environment, text=True,
@@ -304,6 +313,16 @@ class TopTest(ProgramTest):
             screen = terminal.show()
             self.assertLessEqual(len(screen), rows)
             self.assertNotIn(b"\n", terminal.output.split(b"\x1b[J")[0].split(b"\x1b[H")[1][-1:])
+            terminal.kill()
+
+    def test_SaysHowManyWorkersThereIsNoRoomFor(self):
+        recording = Recording()
+        for number in range(10):
+            recording.add(number, f"w{number}").watched(posted=1)
+        path = self.live(recording)
+        for rows, last in ((11, "and 2 more"), (12, "w9"), (3, "and 10 more")):
+            terminal = Terminal(self, 80, rows, path, "--sort", "name")
+            self.assertEqual(terminal.show()[-1][:len(last)], last)
             terminal.kill()
 
     def test_FollowsTheTerminalsSize(self):

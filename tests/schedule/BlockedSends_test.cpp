@@ -214,7 +214,9 @@ TEST(ScheduledCircle, IsThereInSomeSchedulesAndNotInOthers_WhenTwoThreadsSend) {
 }
 
 TEST(ScheduledCircle, IsNotSaid_WhenAThreadSendsBackAfterwards) {
-    Explore([] {
+    CSettings settings;
+    settings.m_ulSchedules = 100000;
+    const auto scenario = [] {
         const CWatching watching;
         ACmThread& first = MakeWorker();
         ACmThread& second = MakeWorker();
@@ -229,11 +231,13 @@ TEST(ScheduledCircle, IsNotSaid_WhenAThreadSendsBackAfterwards) {
         SCHEDULE_EXPECT(s_nSaid == 0 && FateOf(3).m_nFired == 1);
         EndWorker(first);
         EndWorker(second);
-    });
+    };
+    Explore(scenario, settings);
 }
 
 TEST(ScheduledCircle, IsNotSaid_WhenSendsAreNested) {
     CSettings settings;
+    settings.m_ulSchedules = 300000;
     settings.m_nPreemptions = 1;
     Explore(
         [] {
@@ -315,6 +319,20 @@ TEST(ScheduledCircle, IsSaid_WhenAThreadJoinsAWorkerThatSendsToIt) {
         });
         SCHEDULE_EXPECT(worker.Join() == CM_OK);
         SCHEDULE_EXPECT(s_nSaid == 1 && s_nThreadsSaid == 2);
+        worker.Destory(CM_OK);
+    });
+}
+
+TEST(ScheduledCircle, IsNotSaid_WhenTheWorkerThatIsJoinedHasBeenTerminated) {
+    Explore([] {
+        const CWatching watching;
+        CCmEventQueueUsingMutex queue;
+        queue.BindToCurrentThread();
+        ACmThread& worker = MakeWorker();
+        QueueOf(worker).PostEvent(Sending(0, queue, 1), NORMAL);
+        worker.Terminate();
+        SCHEDULE_EXPECT(worker.Join() == CM_OK);
+        SCHEDULE_EXPECT(s_nSaid == 0);
         worker.Destory(CM_OK);
     });
 }

@@ -94,6 +94,27 @@ constexpr Pair LOCK_COMMANDS[] = {{7, F_GETLK}, {8, F_SETLK}, {9, F_SETLKW}};
 constexpr Pair PLAIN_COMMANDS[] = {{0, F_DUPFD}, {1, F_GETFD}, {2, F_SETFD}, {67, F_DUPFD_CLOEXEC}};
 constexpr int TARGET_F_GETFL = 3;
 constexpr int TARGET_F_SETFL = 4;
+constexpr int TARGET_F_PREALLOCATE = 42;
+
+struct TargetFstore {
+    uint32_t fst_flags;
+    int32_t fst_posmode;
+    int64_t fst_offset;
+    int64_t fst_length;
+    int64_t fst_bytesalloc;
+};
+static_assert(sizeof(TargetFstore) == 32, "the target's size");
+
+// From the end of the file on, all or nothing; its size stays.
+int Preallocate(int aFile, TargetFstore* aStore) {
+    if (aStore->fst_flags != 4 || aStore->fst_posmode != 3 || aStore->fst_offset != 0) {
+        Refuse("preallocate in another way");
+    }
+    const off_t end = lseek(aFile, 0, SEEK_END);
+    const int rv = fallocate(aFile, FALLOC_FL_KEEP_SIZE, end, aStore->fst_length);
+    aStore->fst_bytesalloc = rv == 0 ? aStore->fst_length : 0;
+    return rv;
+}
 
 int FcntlLock(int aFile, int aCommand, TargetFlock* aLock) {
     struct flock lock = {};
@@ -121,6 +142,9 @@ int Fcntl(int aFile, int aCommand, ...) {
     }
     if (ToHost(PLAIN_COMMANDS, aCommand) != -1) {
         return fcntl(aFile, ToHost(PLAIN_COMMANDS, aCommand), nArgument);
+    }
+    if (aCommand == TARGET_F_PREALLOCATE) {
+        return Preallocate(aFile, static_cast<TargetFstore*>(pArgument));
     }
     if (aCommand == TARGET_F_GETFL) {
         const int nFlags = fcntl(aFile, F_GETFL);

@@ -70,13 +70,14 @@ constexpr const char* PLAIN_NAMES[] = {
     "snprintf "
     "sscanf swprintf tmpfile ungetc ungetwc vfprintf vprintf vsnprintf",
     // files
-    "access chdir chmod dup dup2 fchmod ftruncate getcwd isatty link mkdir mkdtemp mkfifo mkstemp "
+    "access chdir chmod chown dup dup2 fchmod flock ftruncate getcwd isatty link mkdir mkdtemp "
+    "mkfifo mkstemp "
     "pipe "
     "readlink rename symlink truncate umask unlink rmdir",
     // time
     "gettimeofday localtime_r mktime strftime strptime time times tzset",
     // processes
-    "_exit abort alarm exit fork getenv geteuid getpid sched_yield setenv unsetenv",
+    "_exit abort alarm exit fork getenv geteuid getpid getrusage pause sched_yield setenv unsetenv",
     // network
     "gethostname",
 };

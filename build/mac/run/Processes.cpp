@@ -146,6 +146,15 @@ long SysConf(int aName) {
     return sysconf(nName);
 }
 
+// The one name that is asked for, of the user's own temporary directory, has no value here.
+size_t ConfStr(int aName, char*, size_t) {
+    constexpr int TARGET_CS_DARWIN_USER_TEMP_DIR = 65537;
+    if (aName != TARGET_CS_DARWIN_USER_TEMP_DIR) {
+        Refuse("confstr of %d", aName);
+    }
+    return 0;
+}
+
 // ---- Of the process itself
 
 int* NsGetArgc() {
@@ -216,6 +225,7 @@ void SupplyProcesses() {
         {"_mprotect", Address(&mprotect)},
         {"_munmap", Address(&munmap)},
         {"_sysconf", Address(&SysConf)},
+        {"_confstr", Address(&ConfStr)},
         {"_environ", &environ},
         {"__NSGetArgc", Address(&NsGetArgc)},
         {"__NSGetArgv", Address(&NsGetArgv)},

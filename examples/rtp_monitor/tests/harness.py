@@ -34,8 +34,10 @@ class MonitorTest(unittest.TestCase):
                               stdout=subprocess.PIPE, stderr=subprocess.PIPE, timeout=LIMIT,
                               **keywords)
 
-    def start(self, *arguments, **keywords):
-        process = subprocess.Popen(self.command(*arguments), env=self.environment, text=True,
+    def start(self, *arguments, monitor=None, **keywords):
+        command = self.command(*arguments)
+        command[0] = monitor or command[0]
+        process = subprocess.Popen(command, env=self.environment, text=True,
                                    stdout=subprocess.PIPE, stderr=subprocess.PIPE, **keywords)
         self.addCleanup(process.stdout.close)
         self.addCleanup(process.stderr.close)
@@ -50,13 +52,13 @@ class MonitorTest(unittest.TestCase):
         self.assert_sums(document)
         return document
 
-    def trace_text(self):
-        with open(self.trace) as file:
+    def trace_text(self, path=None):
+        with open(path or self.trace) as file:
             return file.read()
 
-    def wait_for_trace(self, text):
+    def wait_for_trace(self, text, path=None):
         deadline = time.monotonic() + LIMIT
-        while not os.path.exists(self.trace) or text not in self.trace_text():
+        while not os.path.exists(path or self.trace) or text not in self.trace_text(path):
             self.assertLess(time.monotonic(), deadline, f"no trace line with '{text}'")
             time.sleep(0.02)
 

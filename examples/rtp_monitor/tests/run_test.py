@@ -76,13 +76,13 @@ class RtpMonitor(harness.MonitorTest):
 
     # Allocations that fail
 
-    def check_with_failing_allocation(self, number):
+    def check_with_failing_allocation(self, number, *arguments):
         """Whether the run had so many allocations."""
         failed = os.path.join(self.home, "failed")
         self.environment.update(FAIL_ALLOCATION=str(number), FAILED_ALLOCATION=failed)
-        done = self.run_monitor("--fast", "--json", *CALL_CLOCKS, CALL)
+        done = self.run_monitor("--fast", "--json", *arguments, *CALL_CLOCKS, CALL)
         reached = os.path.exists(failed)
-        what = f"allocation {number} failed: {done.returncode}, {done.stderr}"
+        what = f"allocation {number} failed, {arguments}: {done.returncode}, {done.stderr}"
         if done.returncode == -signal.SIGABRT:  # its own, where nothing else is left to do
             self.assertIn("terminate called", done.stderr, what)
         elif done.returncode == 0 and done.stderr == "":
@@ -100,11 +100,11 @@ class RtpMonitor(harness.MonitorTest):
         self.assertTrue(os.path.exists(library), library)
         link = os.path.join(self.home, "fail_allocation.so")  # the loader takes no blank
         os.symlink(os.path.abspath(library), link)
-        self.environment.update(LD_PRELOAD=link)
+        self.environment.update(LD_PRELOAD=link, XDG_RUNTIME_DIR=self.home)
         # Without memory for good, the end of a worker waits for ever.
-        for failures in (1, 2, 8):
+        for failures, *arguments in (1,), (2,), (8,), (1, "--watch"), (8, "--watch"):
             count = 0
-            while self.check_with_failing_allocation(f"{count + 1}+{failures}"):
+            while self.check_with_failing_allocation(f"{count + 1}+{failures}", *arguments):
                 count += 1
             self.assertGreater(count, 150)
 
@@ -469,7 +469,8 @@ class RtpMonitor(harness.MonitorTest):
         done = self.run_monitor("--help")
         self.assertEqual((done.stderr, done.returncode), ("", 0))
         for word in ("--fast", "--json", "--workers N", "--interval MS", "--clock TYPE=HZ[/NAME]",
-                     "--level LEVEL", "--trace FILE", "--home DIR", "Ctrl-C", "Exit code: 0; or 2"):
+                     "--level LEVEL", "--trace FILE", "--watch", "--home DIR", "Ctrl-C",
+                     "Exit code: 0; or 2"):
             self.assertIn(word, done.stdout)
         self.assertLessEqual(max(map(len, done.stdout.splitlines())), 100)
 
