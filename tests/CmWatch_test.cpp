@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -439,6 +441,55 @@ TEST(CCmWatch, CountsWhatIsPutBackAsPosted_WhenItWasTakenOutBefore) {
     EXPECT_EQ(0U, row.m_ullRun);
     EXPECT_EQ(6U, row.m_ullUnfired);
     EXPECT_EQ(0U, row.m_ullPending);
+}
+
+// 0 when the child of a fork finds the watch off and can use it on its own.
+int UseInChild() {
+    alarm(20);
+    if (CCmWatch::IsOn()) {
+        return 1;
+    }
+    if (CM_FAILED(CCmWatch::Start(CCmWatchOptions().Record(false).Records(256)))) {
+        return 2;
+    }
+    CCmWorker worker(Named("child"));
+    CmCall(worker, [] {});
+    const bool bCounts = FiguresOf(worker).m_ullPosted == 1 && FiguresOf(worker).m_ullRun == 1;
+    CCmWatch::Stop();
+    return bCounts ? 0 : 3;
+}
+
+TEST(CCmWatch, IsOffInTheChild_WhenTheProcessIsForked) {
+    const ScopedTraceSink quiet;
+    set_util_external_trace_sink([](unsigned long, const char*, unsigned int) {});
+    const ScopedWatch watch;
+    CCmWorker worker(Named("parent"));
+    std::atomic<bool> bEnd{false};
+    std::thread sender([&] {
+        while (!bEnd) {
+            worker.GetEventQueue()->SendEvent(new CNothing);
+        }
+    });
+    std::thread reader([&] {
+        size_t nCount = 0;
+        std::vector<CCmWorkerFigures> figures(8);
+        while (!bEnd) {
+            CCmWatch::Read(figures.data(), figures.size(), nCount);
+        }
+    });
+    for (int i = 0; i < 20; ++i) {
+        const pid_t child = fork();
+        if (child == 0) {
+            _exit(UseInChild());
+        }
+        int nStatus = 0;
+        ASSERT_EQ(child, waitpid(child, &nStatus, 0));
+        EXPECT_EQ(0, nStatus) << i;
+    }
+    bEnd = true;
+    sender.join();
+    reader.join();
+    EXPECT_TRUE(CCmWatch::IsOn());
 }
 
 TEST(CCmWatch, KeepsItsFigures_WhenItIsStopped) {

@@ -77,6 +77,27 @@ void CCmAwaitedThread::BindToCurrentThread() {
     }
 }
 
+void CCmBlockedSend::Hold() CM_NO_THREAD_SAFETY_ANALYSIS {
+    s_lock.m_Lock.Lock();
+}
+
+void CCmBlockedSend::Release() CM_NO_THREAD_SAFETY_ANALYSIS {
+    s_lock.m_Lock.UnLock();
+}
+
+// The stacks of the others are still there, until another thread is made.
+void CCmBlockedSend::ForgetOtherThreads() CM_NO_THREAD_SAFETY_ANALYSIS {
+    CCmBlockedSend** ppLink = &s_pFirst;
+    for (CCmBlockedSend* pSend = s_pFirst; pSend != nullptr; pSend = pSend->m_pNext) {
+        if (pSend->m_ullThread == CmNumberOfThisThread()) {
+            *ppLink = pSend;
+            pSend->m_ppLink = ppLink;
+            ppLink = &pSend->m_pNext;
+        }
+    }
+    *ppLink = nullptr;
+}
+
 bool CCmBlockedSend::Link(const CCmAwaitedThread* aAwaited, uint64_t aNumber, GoesOn aGoesOn,
                           const void* aObject, char (&aNames)[NAMES_SIZE]) {
     m_Tid = pthread_self();

@@ -65,6 +65,12 @@ class CCmBlockedSend {
     static bool IsOn() { return s_bIsOn.load(std::memory_order_relaxed); }
     static void SwitchOn(bool aIsOn);
 
+    // Around a fork: nobody enters or leaves. In the child, meanwhile: the others are gone, and so
+    // may be the memory of their waits.
+    static void Hold();
+    static void Release();
+    static void ForgetOtherThreads();
+
     // Before Enter: this wait is that for an event whose class has this table, so that LongSend may
     // tell of it.
     void SetSent(const void* aTable) { m_pTable = aTable; }

@@ -8,6 +8,7 @@
 #include "CmFlight.h"
 #include "CmNsec.h"
 #include "CmScopedLock.h"
+#include "CmSystem.h"
 #include "CmThreadAnnotations.h"
 #include "CmTimeValue.h"
 #include "CmWatchThread.h"
@@ -27,6 +28,7 @@ union CSwitch {
 };
 CM_CONSTANT_INIT CSwitch s_switch;
 bool s_bIsStarting = false;
+bool s_bHasForkHandlers = false;
 DWORD s_dwStarts = 0;
 CCmWatchThread* s_pThread = nullptr;
 
@@ -82,6 +84,30 @@ CCmFlightOptions FlightOptionsOf(const CCmWatchOptions& aOptions) {
     return options;
 }
 
+// A fork waits until nobody has one of these locks. The child has none of the threads that are
+// watched, nor that of the watch: there it is off.
+void BeforeFork() CM_NO_THREAD_SAFETY_ANALYSIS {
+    s_switch.m_Mutex.Lock();
+    CmHoldWatched();
+    CCmBlockedSend::Hold();
+}
+
+void AfterForkInParent() CM_NO_THREAD_SAFETY_ANALYSIS {
+    CCmBlockedSend::Release();
+    CmReleaseWatched();
+    s_switch.m_Mutex.UnLock();
+}
+
+void AfterForkInChild() CM_NO_THREAD_SAFETY_ANALYSIS {
+    g_cmWatchOn.store(0, std::memory_order_relaxed);
+    s_bIsStarting = false;
+    s_pThread = nullptr;
+    CCmBlockedSend::SwitchOn(false);
+    CCmBlockedSend::ForgetOtherThreads();
+    CmForgetOtherThreads();
+    AfterForkInParent();
+}
+
 // False when the watch is on or about to be.
 bool BeginStart() {
     CCmScopedLockT<CCmMutexThread> lock(s_switch.m_Mutex);
@@ -96,6 +122,11 @@ DWORD EndStart(bool aTurnsOn) {
     s_bIsStarting = false;
     if (!aTurnsOn) {
         return 0;
+    }
+    // After those of the recorder, so that these locks are taken before its own.
+    if (!s_bHasForkHandlers) {
+        s_bHasForkHandlers =
+            g_cmSystem.pthread_atfork(&BeforeFork, &AfterForkInParent, &AfterForkInChild) == 0;
     }
     CCmEventQueueSteps::LearnTableOfSends();
     ++s_dwStarts;

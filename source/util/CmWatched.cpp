@@ -123,6 +123,8 @@ class CCmWatchRegistry {
         m_llEnd = NowUsec();
     }
     size_t Read(CCmWorkerFigures* aFigures, size_t aRoom);
+    CCmMutexThread& Mutex() { return m_Mutex; }
+    void ForgetOthers_l();
 
     template <class FiguresType>
     void AddQueue_l(FiguresType& aFigures, const CCmWatchedQueue& aQueue) const;
@@ -149,6 +151,7 @@ class CCmWatchRegistry {
         return false;
     }
     CCmWatchedThread* TakeEnded_l();
+    void End_l(CCmWatchedThread& aThread);
 
     CCmMutexThread m_Mutex;
     CCmWatchedThread* m_pThreads = nullptr;  // the newest last
@@ -254,19 +257,32 @@ void CCmWatchRegistry::EndThread(CCmWatchedThread& aThread) {
             pRing->Figures(figures, NowUsec());
             pRing->Current(nullptr, 0);
         }
-        for (CCmWatchedQueue* p = m_pQueues; p != nullptr; p = p->m_pNext) {
-            if (p->Consumer() == &aThread) {
-                std::memcpy(p->m_szName, aThread.m_szName, sizeof(p->m_szName));
-                p->SetConsumer(nullptr);
-            }
-        }
-        aThread.m_bHasEnded = true;
-        aThread.m_pRing.Set(nullptr);
-        aThread.m_pCurrent.Set(nullptr);
-        aThread.m_llAsleepSince.Set(0);
-        ++m_nEnded;
+        End_l(aThread);
     }
     CCmFlight::Detach(pRing);
+}
+
+void CCmWatchRegistry::End_l(CCmWatchedThread& aThread) {
+    for (CCmWatchedQueue* p = m_pQueues; p != nullptr; p = p->m_pNext) {
+        if (p->Consumer() == &aThread) {
+            std::memcpy(p->m_szName, aThread.m_szName, sizeof(p->m_szName));
+            p->SetConsumer(nullptr);
+        }
+    }
+    aThread.m_bHasEnded = true;
+    aThread.m_pRing.Set(nullptr);
+    aThread.m_pCurrent.Set(nullptr);
+    aThread.m_llAsleepSince.Set(0);
+    ++m_nEnded;
+}
+
+void CCmWatchRegistry::ForgetOthers_l() {
+    m_llEnd = NowUsec();
+    for (CCmWatchedThread* p = m_pThreads; p != nullptr; p = p->m_pNext) {
+        if (p != t_pThread && !p->m_bHasEnded) {
+            End_l(*p);
+        }
+    }
 }
 
 void CCmWatchRegistry::Add(CCmWatchedQueue& aQueue) {
@@ -439,6 +455,18 @@ void CmSetWatchStart(DWORD aStart) {
 
 void CmSetWatchEnd() {
     CCmWatchRegistry::Instance().SetEnd();
+}
+
+void CmHoldWatched() CM_NO_THREAD_SAFETY_ANALYSIS {
+    CCmWatchRegistry::Instance().Mutex().Lock();
+}
+
+void CmReleaseWatched() CM_NO_THREAD_SAFETY_ANALYSIS {
+    CCmWatchRegistry::Instance().Mutex().UnLock();
+}
+
+void CmForgetOtherThreads() {
+    CCmWatchRegistry::Instance().ForgetOthers_l();
 }
 
 size_t CmReadWorkers(CCmWorkerFigures* aFigures, size_t aRoom) {

@@ -436,6 +436,11 @@ void CmSetWatchStart(DWORD aStart);
 void CmSetWatchEnd();
 size_t CmReadWorkers(CCmWorkerFigures* aFigures, size_t aRoom);
 
+// Around a fork: nobody is in the registry. In the child, meanwhile: all other threads are gone.
+void CmHoldWatched();
+void CmReleaseWatched();
+void CmForgetOtherThreads();
+
 // Reads the section [Watch] of the profile, once in the process, and starts the watch if it says
 // so. CmWatch.cpp.
 void CmWatchAsProfileSays();
