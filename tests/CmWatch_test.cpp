@@ -28,6 +28,7 @@
 #include "support/Eventually.h"
 #include "support/Faults.h"
 #include "support/Flight.h"
+#include "support/FlightFile.h"
 #include "support/Gate.h"
 #include "support/TraceSink.h"
 #include "support/Watch.h"
@@ -41,6 +42,8 @@ using kelto_test::EndingEvent;
 using kelto_test::Eventually;
 using kelto_test::FiguresAtRest;
 using kelto_test::FiguresOf;
+using kelto_test::FlightFile;
+using kelto_test::FlightRecord;
 using kelto_test::Gate;
 using kelto_test::LiveAllocations;
 using kelto_test::NamelessEvent;
@@ -489,6 +492,62 @@ TEST(CCmWatch, IsOffInTheChild_WhenTheProcessIsForked) {
     sender.join();
     reader.join();
     EXPECT_TRUE(CCmWatch::IsOn());
+}
+
+TEST(CCmWatch, RecordsHighWaterMarks_WhenOthersPostAndWhenTheWorkerDoes) {
+    const ScopedDirectory directory;
+    ASSERT_EQ(CM_OK, CCmWatch::Start(CCmWatchOptions().Directory(directory.path().c_str())));
+    CCmWorker worker(Named("marks"));
+    Gate begun;
+    Gate go;
+    CmPost(worker, [&] {
+        begun.Open();
+        go.Wait();
+    });
+    ASSERT_TRUE(begun.Wait());
+    std::thread poster([&] {
+        CmPortNameThisThread("poster");
+        for (int i = 0; i < 20; ++i) {
+            CmPost(worker, [] {});
+        }
+    });
+    poster.join();
+    go.Open();
+    CmCall(worker, [] {});
+    CmPost(worker, [&] {  // what a worker posts to itself has a list of its own
+        for (int i = 0; i < 14; ++i) {
+            CmPost(worker, [] {});
+        }
+    });
+    FiguresAtRest(worker);
+    char szPath[1024];
+    ASSERT_EQ(CM_OK, CCmWatch::GetRecording(szPath, sizeof(szPath)));
+    const FlightFile file(szPath);
+    CCmWatch::Stop();
+    const auto highest = [&](const char* aName) {
+        uint64_t ullHighest = 0;
+        for (const auto* pThread : file.Named(aName)) {
+            for (const FlightRecord& record : pThread->records) {
+                if (record.kind == kelto_test::HIGH_WATER) {
+                    ullHighest = std::max(ullHighest, record.words[0]);
+                }
+            }
+        }
+        return ullHighest;
+    };
+    EXPECT_EQ(16U, highest("poster"));
+    EXPECT_EQ(8U, highest("marks"));
+}
+
+TEST(CCmWatch, TellsTheMostThatWerePending_WhenAWorkerPostsMoreThanItsOwnListTakes) {
+    const ScopedWatch watch;
+    CCmWorker worker(Named("most"));
+    CmPost(worker, [&] {
+        for (int i = 0; i < 100; ++i) {
+            CmPost(worker, [] {});
+        }
+    });
+    EXPECT_EQ(100U, FiguresAtRest(worker).m_ullMostPending);
 }
 
 TEST(CCmWatch, KeepsItsFigures_WhenItIsStopped) {

@@ -48,9 +48,6 @@ constexpr size_t SPARES_OF_LOOP = 16;
 // Waits of a consumer are numbered from 1.
 constexpr DWORD NO_WAIT = 0;
 
-// A high-water mark is recorded when it is twice the last one, or this much above it.
-constexpr DWORD MARK_STEP = 16;
-
 // How long a sender looks out for its result, and a loop for that sender's next post, before they
 // sleep: as long as it takes to wake a thread on an idle core.
 constexpr long long SPIN_NSEC = 50 * 1000;
@@ -230,9 +227,10 @@ class CCmEventQueueSteps::CPosting {
         return CM_OK;
     }
     // After Append, still under the lock. aIsAwaited: the consumer sleeps until the event comes.
-    void Count(bool aIsAwaited) {
+    // aOwn: the length of its private list, for a post of its own; others do not look there.
+    void Count(bool aIsAwaited, DWORD aOwn) {
         if (CM_UNLIKELY(m_pWatched != nullptr)) {
-            CountWatched(aIsAwaited);
+            CountWatched(aIsAwaited, aOwn);
         }
     }
     // After the lock was released: writes the lines and destroys an event that was refused.
@@ -291,7 +289,7 @@ class CCmEventQueueSteps::CPosting {
             pRing->Post(CmUsecOf(CCmTimeValue(m_tvCoarseNow)), seen.m_pTable, m_pEvent, &m_Queue);
         }
     }
-    void CountWatched(bool aIsAwaited) {
+    void CountWatched(bool aIsAwaited, DWORD aOwn) {
         if (m_bIsWayBack) {
             return;
         }
@@ -299,10 +297,9 @@ class CCmEventQueueSteps::CPosting {
         watched.m_ullPosted.Add(1);
         // Without what the consumer has taken out, which it alone writes.
         const DWORD dwPending =
-            m_Queue.m_dwSize.load(std::memory_order_relaxed) - watched.m_dwGhosts.Get();
-        if (watched.m_dwMost.Raise(dwPending) &&
-            dwPending >= std::min(2 * watched.m_dwMarked, watched.m_dwMarked + MARK_STEP)) {
-            m_dwMark = watched.m_dwMarked = dwPending;
+            m_Queue.m_dwSize.load(std::memory_order_relaxed) - watched.m_dwGhosts.Get() + aOwn;
+        if (CM_UNLIKELY(watched.m_Most.Raise(dwPending))) {
+            m_dwMark = dwPending;
         }
         if (watched.m_Probe.Wants(m_pEvent, aIsAwaited, watched.m_dwPosts)) {
             watched.m_Probe.Set(m_pEvent, CmUsecOf(CCmTimeValue::GetTimeOfDay()),
@@ -664,7 +661,7 @@ CmResult CCmEventQueueBase::PostEvent(ICmEvent* aEvent, EPriority /*aPri*/) {
     CmResult rv = posting.Prepare(true);
     if (CM_SUCCEEDED(rv)) {
         rv = posting.Append();
-        posting.Count(false);
+        posting.Count(false, 0);
     }
     posting.Conclude(rv);
     return rv;
@@ -1083,7 +1080,7 @@ CmResult CCmEventQueueUsingMutex::PostEventWithOldSize(ICmEvent* aEvent, EPriori
         }
         if (CM_SUCCEEDED(rv)) {
             rv = posting.Append();
-            posting.Count(false);
+            posting.Count(false, 0);
         }
     }
     CM_ASSERTE_RETURN(aEvent, rv);
@@ -1137,7 +1134,8 @@ class CCmEventQueueUsingConditionVariable::CConditionQueueState {
             rv = Append_l(posting);
             if (CM_SUCCEEDED(rv)) {
                 dwWait = WaitToSignal_l();
-                posting.Count(dwWait != NO_WAIT);
+                posting.Count(dwWait != NO_WAIT,
+                              pLoop != nullptr ? CCmEventQueueSteps::OwnCount(m_Queue) : 0);
             }
             if (pLoop != nullptr) {
                 pLoop->NoteWatch();
@@ -1521,6 +1519,8 @@ bool CCmEventQueueSteps::CLoop::PostOwn(ICmEvent* aEvent, std::list<ICmEvent*>& 
 // After PostOwn.
 void CCmEventQueueSteps::CLoop::NoteOwnPost(const ICmEvent* aEvent) {
     EnsureWatched(m_Queue);
+    const CCmWatchedThread* const pThread = CmEnsureWatchedThread();
+    CCmFlightRing* const pRing = pThread != nullptr ? pThread->Ring() : nullptr;
     const DWORD dwOwn = OwnCount(m_Queue);
     const DWORD dwStart = g_cmWatchOn.load(std::memory_order_relaxed);
     CCmWatchedQueue* const pWatched = QueueState().m_pWatched.load(std::memory_order_acquire);
@@ -1529,16 +1529,17 @@ void CCmEventQueueSteps::CLoop::NoteOwnPost(const ICmEvent* aEvent) {
             pWatched->BeginOwn(dwStart, dwOwn - 1);
         }
         pWatched->m_ullOwnPosted.Add(1);
-        pWatched->m_dwOwnMost.Raise(pWatched->Pending(dwStart));
+        const DWORD dwPending = pWatched->Pending(dwStart);
+        if (CM_UNLIKELY(pWatched->m_OwnMost.Raise(dwPending) && pRing != nullptr)) {
+            pRing->HighWater(CmUsecOf(CCmTimeValue(m_tvCoarseNow)), dwPending, &m_Queue);
+        }
         if (pWatched->m_OwnProbe.Wants(aEvent, false, pWatched->m_dwOwnPosts)) {
             pWatched->m_OwnProbe.Set(aEvent, CmUsecOf(CCmTimeValue::GetTimeOfDay()),
                                      pWatched->m_dwOwnPosts);
         }
     }
-    const CCmWatchedThread* const pThread = CmEnsureWatchedThread();
-    if (pThread != nullptr && pThread->Ring() != nullptr) {
-        pThread->Ring()->Post(CmUsecOf(CCmTimeValue(m_tvCoarseNow)), See(aEvent).m_pTable, aEvent,
-                              &m_Queue);
+    if (pRing != nullptr) {
+        pRing->Post(CmUsecOf(CCmTimeValue(m_tvCoarseNow)), See(aEvent).m_pTable, aEvent, &m_Queue);
     }
 }
 

@@ -73,6 +73,31 @@ class CCmWatchedT {
     CmStd::atomic<ValueType> m_Value{};
 };
 
+// The most events that were pending.
+class CCmWatchedMost {
+  public:
+    DWORD Get() const { return m_dwMost.Get(); }
+    void Begin(DWORD aPending) {
+        m_dwMost.Set(aPending);
+        m_dwMarked = 0;
+    }
+    // True when it is to be recorded: it is twice the last that was, or so much above it.
+    bool Raise(DWORD aPending) {
+        if (CM_LIKELY(!m_dwMost.Raise(aPending)) ||
+            aPending < (m_dwMarked < MARK_STEP ? 2 * m_dwMarked : m_dwMarked + MARK_STEP)) {
+            return false;
+        }
+        m_dwMarked = aPending;
+        return true;
+    }
+
+  private:
+    static constexpr DWORD MARK_STEP = 16;
+
+    CCmWatchedT<DWORD> m_dwMost;
+    DWORD m_dwMarked = 0;
+};
+
 // A count that several threads add to, now and then; of the latest start.
 class CCmWatchedSharedCount {
   public:
@@ -310,9 +335,8 @@ class CCmWatchedQueue {
   public:
     // Under the queue's lock, by posters.
     CCmWatchedT<uint64_t> m_ullPosted;
-    CCmWatchedT<DWORD> m_dwMost;
-    DWORD m_dwMarked = 0;  // the pending events of the last high-water mark
-    DWORD m_dwPosts = 0;   // since the last probe
+    CCmWatchedMost m_Most;
+    DWORD m_dwPosts = 0;  // since the last probe
 
   private:
     [[maybe_unused]] char m_achBetweenToo[LINE_SIZE];
@@ -321,7 +345,7 @@ class CCmWatchedQueue {
     // The consumer's.
     CCmWatchedT<uint64_t> m_ullRun;
     CCmWatchedT<uint64_t> m_ullOwnPosted;
-    CCmWatchedT<DWORD> m_dwOwnMost;
+    CCmWatchedMost m_OwnMost;
     CCmWatchedT<DWORD> m_dwTaken;  // events that it has taken out and not begun
     CCmWatchedProbe m_OwnProbe;
     DWORD m_dwOwnPosts = 0;    // since the last probe
