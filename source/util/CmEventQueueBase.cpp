@@ -290,14 +290,15 @@ class CCmEventQueueSteps::CPosting {
         }
     }
     void CountWatched(bool aIsAwaited, DWORD aOwn) {
+        CCmWatchedQueue& watched = *m_pWatched;
         if (m_bIsWayBack) {
+            watched.m_dwWaysBack.Add(1);
             return;
         }
-        CCmWatchedQueue& watched = *m_pWatched;
         watched.m_ullPosted.Add(1);
         // Without what the consumer has taken out, which it alone writes.
-        const DWORD dwPending =
-            m_Queue.m_dwSize.load(std::memory_order_relaxed) - watched.m_dwGhosts.Get() + aOwn;
+        const DWORD dwPending = m_Queue.m_dwSize.load(std::memory_order_relaxed) -
+                                watched.m_dwGhosts.Get() - watched.m_dwWaysBack.Get() + aOwn;
         if (CM_UNLIKELY(watched.m_Most.Raise(dwPending))) {
             m_dwMark = dwPending;
         }
@@ -346,9 +347,10 @@ CCmWatchedQueue* CCmEventQueueSteps::Watched_l(CCmEventQueueBase& aQueue) {
         return nullptr;
     }
     if (CM_UNLIKELY(!pWatched->IsOf(dwStart))) {
-        pWatched->Begin(dwStart, CountWithoutWaysBack(aQueue.m_Events),
-                        aQueue.m_dwSize.load(std::memory_order_relaxed) -
-                            static_cast<DWORD>(aQueue.m_Events.size()));
+        const auto dwEvents = static_cast<DWORD>(aQueue.m_Events.size());
+        const DWORD dwWaysBack = CountWaysBack(aQueue.m_Events.begin(), aQueue.m_Events.end());
+        pWatched->Begin(dwStart, dwEvents - dwWaysBack,
+                        aQueue.m_dwSize.load(std::memory_order_relaxed) - dwEvents, dwWaysBack);
     }
     return pWatched;
 }
@@ -366,17 +368,27 @@ CCmWatchedQueue* CCmEventQueueSteps::WatchedOwn(CCmEventQueueBase& aQueue) {
     return pWatched;
 }
 
-uint64_t CCmEventQueueSteps::CountWithoutWaysBack(const std::list<ICmEvent*>& aEvents) {
-    return static_cast<uint64_t>(
-        std::count_if(aEvents.begin(), aEvents.end(),
-                      [](const ICmEvent* aEvent) { return !See(aEvent).m_bIsWayBack; }));
+template <class IteratorType>
+DWORD CCmEventQueueSteps::CountWaysBack(IteratorType aBegin, IteratorType aEnd) {
+    return static_cast<DWORD>(std::count_if(
+        aBegin, aEnd, [](const ICmEvent* aEvent) { return See(aEvent).m_bIsWayBack; }));
 }
 
-// After they have been taken out.
+uint64_t CCmEventQueueSteps::CountWithoutWaysBack(const std::list<ICmEvent*>& aEvents) {
+    return aEvents.size() - CountWaysBack(aEvents.begin(), aEvents.end());
+}
+
+// After they have been taken out, the last aCount before aEnd.
+template <class IteratorType>
 void CCmEventQueueSteps::NoteTaken_l(CCmEventQueueBase& aQueue, CCmWatchedQueue& aWatched,
-                                     size_t aCount) {
+                                     IteratorType aEnd, size_t aCount) {
     WatchedOwn(aQueue);
-    aWatched.NoteTaken(aWatched.Start(), aCount);
+    DWORD dwWaysBack = 0;
+    if (CM_UNLIKELY(aWatched.m_dwWaysBack.Get() != 0)) {
+        dwWaysBack = CountWaysBack(std::prev(aEnd, static_cast<long>(aCount)), aEnd);
+        aWatched.m_dwWaysBack.Set(aWatched.m_dwWaysBack.Get() - dwWaysBack);
+    }
+    aWatched.NoteTaken(aWatched.Start(), aCount - dwWaysBack);
     if (CM_UNLIKELY(aWatched.m_dwGhosts.Get() != 0)) {
         aWatched.m_dwGhosts.Set(aQueue.m_dwSize.load(std::memory_order_relaxed) -
                                 static_cast<DWORD>(aQueue.m_Events.size()));
@@ -389,6 +401,7 @@ void CCmEventQueueSteps::NoteUnfired_l(CCmEventQueueBase& aQueue) {
         pWatched->m_Unfired.Add(g_cmWatchOn.load(std::memory_order_relaxed),
                                 CountWithoutWaysBack(aQueue.m_Events));
         pWatched->m_dwGhosts.Set(aQueue.m_dwSize.load(std::memory_order_relaxed));
+        pWatched->m_dwWaysBack.Set(0);
         pWatched->m_Probe.Forget();
         pWatched->m_OwnProbe.Forget();
     }
@@ -476,9 +489,11 @@ class CCmEventQueueSteps::CPass {
     // watch was on count as posted from now on.
     void NotePutBack_l(const std::list<ICmEvent*>& aEvents) const {
         if (CCmWatchedQueue* const pWatched = Watched_l(m_Queue)) {
+            const DWORD dwWaysBack = CountWaysBack(aEvents.begin(), aEvents.end());
             if (m_pWatched == nullptr || m_dwStart != pWatched->Start()) {
-                pWatched->m_ullPosted.Add(CountWithoutWaysBack(aEvents));
+                pWatched->m_ullPosted.Add(aEvents.size() - dwWaysBack);
             }
+            pWatched->m_dwWaysBack.Add(dwWaysBack);
             pWatched->m_dwTaken.Set(0);
         }
     }
@@ -543,10 +558,10 @@ void CCmEventQueueSteps::CPass::RunWatched(ICmEvent* aEvent) {
     const long long llStart = CmUsecOf(m_tvStart);
     m_Run.SetCurrent(seen.m_pTable, llStart);
     long long llWaited = -1;
-    if (m_pWatched->m_dwTaken.Get() != 0) {
-        m_pWatched->m_dwTaken.Set(m_pWatched->m_dwTaken.Get() - 1);
-    }
     if (bCounts) {
+        if (m_pWatched->m_dwTaken.Get() != 0) {
+            m_pWatched->m_dwTaken.Set(m_pWatched->m_dwTaken.Get() - 1);
+        }
         m_pWatched->m_ullRun.Add(1);
         long long llPosted = 0;
         if (CM_UNLIKELY(m_pWatched->m_Probe.Take(aEvent, llPosted) ||
@@ -696,7 +711,7 @@ CmResult CCmEventQueueBase::PopPendingEvents(std::list<ICmEvent*>& aEvents, DWOR
     }
     m_dwSize.store(dwSize, std::memory_order_relaxed);
     if (CM_UNLIKELY(pWatched != nullptr)) {
-        CCmEventQueueSteps::NoteTaken_l(*this, *pWatched, nTaken);
+        CCmEventQueueSteps::NoteTaken_l(*this, *pWatched, aEvents.end(), nTaken);
     }
     if (aRemainSize != nullptr) {
         *aRemainSize = dwSize;
@@ -716,7 +731,7 @@ CmResult CCmEventQueueBase::PopOnePendingEvent(ICmEvent*& aEvent, DWORD* aRemain
     const DWORD dwSize = m_dwSize.load(std::memory_order_relaxed) - 1;
     m_dwSize.store(dwSize, std::memory_order_relaxed);
     if (CM_UNLIKELY(pWatched != nullptr)) {
-        CCmEventQueueSteps::NoteTaken_l(*this, *pWatched, 1);
+        CCmEventQueueSteps::NoteTaken_l(*this, *pWatched, &aEvent + 1, 1);
     }
     if (aRemainSize != nullptr) {
         *aRemainSize = dwSize;

@@ -493,7 +493,7 @@ DWORD CCmWatchedQueue::Pending(DWORD aStart) const {
     long lPending = long{m_Counts.m_dwSize.load(std::memory_order_relaxed)} +
                     long{m_Counts.m_dwOwn.load(std::memory_order_relaxed)};
     if (IsOf(aStart)) {
-        lPending -= long{m_dwGhosts.Get()};
+        lPending -= long{m_dwGhosts.Get()} + long{m_dwWaysBack.Get()};
     }
     if (IsOwnOf(aStart)) {
         lPending += long{m_dwTaken.Get()};
@@ -501,10 +501,11 @@ DWORD CCmWatchedQueue::Pending(DWORD aStart) const {
     return static_cast<DWORD>(std::max(lPending, 0L));
 }
 
-void CCmWatchedQueue::Begin(DWORD aStart, uint64_t aPending, DWORD aGhosts) {
+void CCmWatchedQueue::Begin(DWORD aStart, uint64_t aPending, DWORD aGhosts, DWORD aWaysBack) {
     m_ullPosted.Set(aPending);
     m_Most.Begin(static_cast<DWORD>(aPending));
     m_dwGhosts.Set(aGhosts);
+    m_dwWaysBack.Set(aWaysBack);
     m_dwPosts = 0;
     m_Probe.Forget();
     m_dwStart.Set(aStart);

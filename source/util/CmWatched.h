@@ -153,7 +153,7 @@ class CCmWatchedThread {
     const char* Name() const { return m_szName; }
     pthread_t Tid() const { return m_Tid; }
     bool HasEnded() const { return m_bHasEnded; }
-    uint64_t Number() const { return m_ullNumber; }  // that of CmNumberOfThisThread
+    uint64_t Number() const { return m_ullNumber; }        // that of CmNumberOfThisThread
     CCmFlightRing* Ring() const { return m_pRing.Get(); }  // null: no records of this thread
     // Its figures with those of the queues that it runs. Under the registry's lock.
     void CopyFigures(CCmWorkerFigures& aFigures) const;
@@ -285,7 +285,7 @@ class CCmWatchedQueue {
     // with what is pending.
     bool IsOf(DWORD aStart) const { return m_dwStart.Get() == aStart; }
     DWORD Start() const { return m_dwStart.Get(); }
-    void Begin(DWORD aStart, uint64_t aPending, DWORD aGhosts);
+    void Begin(DWORD aStart, uint64_t aPending, DWORD aGhosts, DWORD aWaysBack);
     // The same for what the consumer writes. aOwn: the length of its private list.
     bool IsOwnOf(DWORD aStart) const { return m_dwOwnStart.Get() == aStart; }
     DWORD OwnStart() const { return m_dwOwnStart.Get(); }
@@ -310,7 +310,8 @@ class CCmWatchedQueue {
 
     // Posters and the consumer write to cache lines of their own. Both read these, which change
     // seldom.
-    CCmWatchedT<DWORD> m_dwGhosts;  // the queue counts them as pending; they have been destroyed
+    CCmWatchedT<DWORD> m_dwGhosts;    // the queue counts them as pending; they have been destroyed
+    CCmWatchedT<DWORD> m_dwWaysBack;  // of synchronous sends, in the queue: those events have run
     CCmWatchedProbe m_Probe;
 
   private:
