@@ -47,8 +47,8 @@ class CCmWatchOptions {
         m_dwThreads = aThreads;
         return *this;
     }
-    /// Whether trace lines are among the records, those of filtered levels, too [Lines]; yes by
-    /// default.
+    /// Whether a recorder's file has trace lines, too, those of filtered levels included [Lines];
+    /// yes by default.
     CCmWatchOptions& Lines(bool aLines) {
         m_bLines = aLines;
         return *this;

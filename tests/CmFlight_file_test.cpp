@@ -25,6 +25,7 @@
 
 #include "CmFlight.h"
 #include "CmSystem.h"
+#include "CmT120Trace.h"
 #include "port/CmPort.h"
 #include "support/ChildProcess.h"
 #include "support/FaultRows.h"
@@ -46,6 +47,7 @@ using kelto_test::NO_LINE;
 using kelto_test::Returned;
 using kelto_test::ScopedDirectory;
 using kelto_test::ScopedFlight;
+using kelto_test::ScopedHome;
 using kelto_test::ScopedTraceSink;
 using kelto_test::StatusOfChild;
 using kelto_test::WriteFile;
@@ -243,6 +245,21 @@ TEST(CmFlightFile, TellsTheExitOfAProgramFromOneThatIsKilled) {
     EXPECT_EQ(0u, endOf([] { std::abort(); }));
 }
 
+TEST(CmFlightFile, TakesNoLines_WhenThereIsNone) {
+    const ScopedHome home;
+    CCmT120Trace::instance();
+    CCmFlightOptions options;
+    options.m_bFile = false;
+    EXPECT_EQ(CM_OK, CCmFlight::Open(options));
+    EXPECT_FALSE(CCmT120Trace::is_wanted(27));
+    CCmFlight::Close();
+    options.m_bFile = true;
+    options.m_pszDirectory = "/nowhere/there";
+    EXPECT_EQ(CM_ERROR_FAILURE, CCmFlight::Open(options));
+    EXPECT_FALSE(CCmT120Trace::is_wanted(27));
+    CCmFlight::Close();
+}
+
 TEST(CmFlightFile, IsMadeOnce_WhenOpenedTwice) {
     const ScopedFlight flight;
     EXPECT_EQ(CM_ERROR_ALREADY_INITIALIZED,
@@ -306,6 +323,40 @@ TEST(CmFlightFile, KeepsFiveAndItsOwn_WhenItIsOpenedOverAndOver) {
     for (size_t i = 0; i < paths.size(); ++i) {
         EXPECT_EQ(i >= 3, std::filesystem::exists(paths[i])) << i;
     }
+}
+
+// Locks a file that is made, as programs do that ask whether it is in use, and lets it go later.
+std::thread* s_pLooking = nullptr;
+decltype(g_cmSystem.openat) s_pfnOpenAt = nullptr;
+int OpenWhileSomebodyLooks(int aDirectory, const char* aPath, int aFlags, mode_t aMode) {
+    const int nFile = s_pfnOpenAt(aDirectory, aPath, aFlags, aMode);
+    if ((aFlags & O_CREAT) != 0) {
+        const int nOther = s_pfnOpenAt(aDirectory, aPath, O_RDONLY, 0);
+        EXPECT_EQ(0, flock(nOther, LOCK_SH | LOCK_NB));
+        *s_pLooking = std::thread([nOther] {
+            usleep(3000);
+            close(nOther);
+        });
+    }
+    return nFile;
+}
+
+TEST(CmFlightFile, IsInUse_WhenSomebodyLooksWhetherItIsWhileItIsMade) {
+    const ScopedDirectory directory;
+    std::thread looking;
+    s_pLooking = &looking;
+    {
+        const kelto_test::ScopedEntry<decltype(g_cmSystem.openat)> entry(g_cmSystem.openat,
+                                                                         &OpenWhileSomebodyLooks);
+        s_pfnOpenAt = entry.original();
+        EXPECT_EQ(CM_OK, CCmFlight::Open(Options(directory.path().c_str())));
+    }
+    looking.join();
+    const int nFile = open((directory.path() + "/" + directory.names().at(0)).c_str(), O_RDONLY);
+    EXPECT_EQ(-1, flock(nFile, LOCK_SH | LOCK_NB));
+    EXPECT_EQ(EWOULDBLOCK, errno);
+    close(nFile);
+    CCmFlight::Close();
 }
 
 // ---- Calls that fail
@@ -462,6 +513,24 @@ TEST(CmFlightFile, GivesWayToMemoryAndSaysSoOnce_WhenItIsCut) {
     }
 }
 
+// A bus error that is blocked ends the process whatever handles it.
+TEST(CmFlightFile, GivesWayToMemory_WhenTheThreadHadBlockedAllSignals) {
+    const ScopedFlight flight;
+    std::thread([&] {
+        sigset_t signals;
+        sigfillset(&signals);
+        EXPECT_EQ(0, pthread_sigmask(SIG_SETMASK, &signals, nullptr));
+        CCmFlightRing* const pRing = CCmFlight::AttachThisThread("blocks signals");
+        ASSERT_EQ(0, truncate(flight.path().c_str(), 0));
+        pRing->Post(1, nullptr, pRing, nullptr);
+        long long llUsec = 0;
+        EXPECT_TRUE(pRing->FindPost(pRing, 1, llUsec));
+        EXPECT_EQ(0, pthread_sigmask(SIG_SETMASK, nullptr, &signals));
+        EXPECT_EQ(0, sigismember(&signals, SIGBUS));
+        EXPECT_EQ(1, sigismember(&signals, SIGTERM)) << "no other";
+    }).join();
+}
+
 TEST(CmFlightFile, IsCutOnce_WhenThreadsRecordAllTheTime) {
     const ScopedFlight flight;
     std::atomic<bool> bEnd{false};
@@ -570,7 +639,7 @@ void FaultElsewhere(const std::string& aPath) {
 void InstallHandler(void (*aHandler)(int, siginfo_t*, void*)) {
     struct sigaction action = {};
     action.sa_sigaction = aHandler;
-    action.sa_flags = SA_SIGINFO | SA_NODEFER;  // a jump out of it leaves no signal blocked
+    action.sa_flags = SA_SIGINFO;
     EXPECT_EQ(0, sigaction(SIGBUS, &action, nullptr));
 }
 
@@ -589,6 +658,10 @@ TEST(CmFlightFile, LeavesOtherBusErrorsToTheHandlerBefore) {
                       ADD_FAILURE() << "no fault";
                   }
                   EXPECT_EQ(1, s_nHandled);
+                  sigset_t jumpedOut;
+                  sigemptyset(&jumpedOut);
+                  sigaddset(&jumpedOut, SIGBUS);
+                  EXPECT_EQ(0, pthread_sigmask(SIG_UNBLOCK, &jumpedOut, nullptr));
                   raise(SIGBUS);
                   EXPECT_EQ(2, s_nHandled);
                   ASSERT_EQ(0, truncate(flight.path().c_str(), 0));

@@ -188,6 +188,20 @@ TEST(CmFlight, KeepsFiguresUnderAnEvenCount) {
     EXPECT_LT(ullBefore, thread.figuresCount);
 }
 
+TEST(CmFlight, StoresNoFigures_UntilTheThreadHasSome) {
+    const ScopedFlight flight;
+    CCmFlightRing* const pRing = CCmFlight::AttachThisThread("posts");
+    CCmFlightFigures figures = {};
+    pRing->Figures(figures, 1000);
+    EXPECT_EQ(0u, flight.ReadThread("posts").figuresWall);
+    figures.m_ullSends = 1;
+    pRing->Figures(figures, 2000);
+    EXPECT_EQ(2000u, flight.ReadThread("posts").figuresWall);
+    figures.m_ullSends = 0;
+    pRing->Figures(figures, 3000);
+    EXPECT_EQ(3000u, flight.ReadThread("posts").figuresWall);
+}
+
 TEST(CmFlight, TellsTheProcessAndWhenItBeganTickedAndEnded) {
     const ScopedFlight flight(512, 7);
     FlightFile file = flight.Read();
@@ -356,6 +370,20 @@ TEST(CmFlight, GivesNoRing_WhenAllSlotsAreTaken) {
     EXPECT_EQ(nullptr, e.Ring());
     EXPECT_EQ(nullptr, f.Ring());
     EXPECT_EQ(2u, flight.Read().unslotted);
+}
+
+TEST(CmFlight, CountsAThreadOnce_WhenItAsksForASlotOverAndOver) {
+    const ScopedFlight flight(256, 4);
+    CRingThread a("a"), b("b"), c("c"), d("d");
+    std::thread([&] {
+        for (int i = 0; i < 1000; ++i) {
+            EXPECT_EQ(nullptr, CCmFlight::AttachThisThread(nullptr));
+        }
+        EXPECT_EQ(1u, flight.Read().unslotted);
+        a.End();
+        EXPECT_NE(nullptr, CCmFlight::AttachThisThread(nullptr)) << "now there is one";
+    }).join();
+    EXPECT_EQ(1u, flight.Read().unslotted);
 }
 
 TEST(CmFlight, GivesTheSlotThatEndedFirst_WhenNoneIsFree) {
@@ -612,6 +640,19 @@ TEST(CmFlight, TakesLinesOfAllLevels_WithoutAnotherOneElsewhere) {
     }
     EXPECT_FALSE(CCmT120Trace::is_wanted(27));
     EXPECT_EQ(withoutIt, TextsOfAllLevels());
+}
+
+void IgnoreLine(unsigned long /*aLevel*/, const char* /*aText*/, unsigned int /*aLength*/) {}
+
+TEST(CmFlight, TakesNoLine_WhenItHasNoText) {
+    const ScopedHome home;
+    const ScopedFlight flight(256, 4, true);
+    CCmFlight::AttachThisThread("traces");
+    CCmT120Trace::instance()->trace_string(27, nullptr);
+    set_util_external_trace_sink(&IgnoreLine);
+    util_adapter_trace(0, nullptr, 3);
+    set_util_external_trace_sink(nullptr);
+    EXPECT_TRUE(LinesOf(flight.ReadThread("traces")).empty());
 }
 
 TEST(CmFlight, TakesNoLines_WhenNotAskedTo) {

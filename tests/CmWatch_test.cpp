@@ -946,6 +946,21 @@ TEST(CCmWatch, CountsASendAsOneEvent_WhileItsWayBackIsInTheQueue) {
     }
 }
 
+TEST(CCmWatch, TheRecordingCallsAThreadByItsName_WhenItTracedBeforeItHadOne) {
+    const ScopedDirectory directory;
+    const ScopedTraceSink sink;
+    ASSERT_EQ(CM_OK, CCmWatch::Start(CCmWatchOptions().Directory(directory.path().c_str())));
+    char szPath[1024];
+    EXPECT_EQ(CM_OK, CCmWatch::GetRecording(szPath, sizeof(szPath)));
+    std::thread([&] {
+        util_adapter_trace(0, "a line", 6);
+        CmPortNameThisThread("named later");
+        CmEnsureWatchedThread();
+        EXPECT_EQ(1u, FlightFile(szPath).Named("named later").size());
+    }).join();
+    CCmWatch::Stop();
+}
+
 TEST(CCmWatch, ForgetsThreadsThatHaveEnded) {
     const ScopedWatch watch;
     const auto count = [] {

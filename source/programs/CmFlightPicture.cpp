@@ -105,7 +105,9 @@ class CPicturePrinter {
         std::unordered_map<uint64_t, int64_t> totals;
         for (const CCmFlightRecord& record : m_Records.records) {
             if (record.isShown && HasBar(record.kind)) {
-                totals[record.table] += std::min(record.length, m_llTo - m_llFrom);
+                int64_t& llTotal = totals[record.table];
+                llTotal = std::min(llTotal + std::min(record.length, m_llTo - m_llFrom),
+                                   CM_FLIGHT_LAST_USEC);
             }
         }
         m_Legend.assign(totals.begin(), totals.end());

@@ -115,10 +115,9 @@ bool CCmFlightReader::CheckHeader() {
         return Fail("it is damaged: sizes in its header are out of range");
     }
     // In 64 bits none of these sums wraps, the offset being looked at first.
-    const uint64_t ullClassesEnd =
-        header.m_dwHeaderSize + uint64_t{header.m_dwClassCount} * header.m_dwClassSize;
+    const uint64_t ullClasses = uint64_t{header.m_dwClassCount} * header.m_dwClassSize;
     const uint64_t ullSlots = uint64_t{header.m_dwSlotCount} * header.m_dwSlotSize;
-    if (header.m_ullSlotsOffset < ullClassesEnd ||
+    if (header.m_ullSlotsOffset < header.m_dwHeaderSize + ullClasses ||
         header.m_ullSlotsOffset > static_cast<uint64_t>(CM_FLIGHT_LAST_USEC) ||
         header.m_ullSlotsOffset + ullSlots != header.m_ullFileSize) {
         return Fail("it is damaged: the parts in its header do not fit together");

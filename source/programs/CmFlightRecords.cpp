@@ -1,8 +1,8 @@
 #include "CmFlightRecords.h"
 
 #include <algorithm>
-#include <array>
 #include <cstring>
+#include <iterator>
 
 #include "CmProgramText.h"
 
@@ -13,8 +13,9 @@ namespace {
 // Posts carry the time of a clock that moves every few milliseconds.
 constexpr int64_t COARSE_USEC = 20000;
 
-constexpr std::array<const char*, static_cast<size_t>(ECmRecord::COUNT)> NAMES = {
-    "begin", "post", "event", "timer", "send", "running", "high-water", "step", "line", "end"};
+constexpr const char* NAMES[] = {"begin",   "post",       "event", "timer", "send",
+                                 "running", "high-water", "step",  "line",  "end"};
+static_assert(std::size(NAMES) == static_cast<size_t>(ECmRecord::COUNT));
 
 struct CWords {
     char achBytes[sizeof(CCmFlightUnit::m_ullWords)];
@@ -248,9 +249,9 @@ const char* CmRecordName(ECmRecord aKind) {
 }
 
 bool CmRecordOf(const std::string& aName, ECmRecord* aKind) {
-    const auto name = std::find(NAMES.begin(), NAMES.end(), aName);
-    *aKind = static_cast<ECmRecord>(name - NAMES.begin());
-    return name != NAMES.end();
+    const auto name = std::find(std::begin(NAMES), std::end(NAMES), aName);
+    *aKind = static_cast<ECmRecord>(name - std::begin(NAMES));
+    return name != std::end(NAMES);
 }
 
 CCmFlightRecords CmReadRecords(CCmFlightReader& aReader) {

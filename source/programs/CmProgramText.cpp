@@ -20,6 +20,9 @@ constexpr uint64_t LAST_SECOND = INT64_C(253402300799);
 constexpr char ELLIPSIS[] = "\xE2\x80\xA6";
 constexpr char REPLACEMENT[] = "\xEF\xBF\xBD";
 constexpr size_t LONGEST_CLASS_NAME = 4096;  // as shown; a few bytes of input may stand for many
+// Each reference in a mangled name stands for an earlier part of it, which may hold references:
+// with so many, a name cannot grow to more than some 100 KB.
+constexpr size_t MOST_REFERENCES = 24;
 
 unsigned char ByteAt(std::string_view aText, size_t aAt) {
     return static_cast<unsigned char>(aText[aAt]);
@@ -63,7 +66,7 @@ CCharacter FirstCharacter(std::string_view aText) {
 
 // What a terminal acts on rather than shows.
 bool IsControl(uint32_t aCode) {
-    return aCode < 0x20 || (aCode >= 0x7F && aCode < 0xA0) ||
+    return aCode < 0x20 || (aCode >= 0x7F && aCode < 0xA0) || aCode == 0x061C ||
            (aCode >= 0x200B && aCode <= 0x200F) || (aCode >= 0x2028 && aCode <= 0x202E) ||
            (aCode >= 0x2060 && aCode <= 0x206F) || aCode == 0xFEFF;
 }
@@ -104,6 +107,17 @@ std::string SourceNames(std::string_view aMangled) {
         aMangled.remove_prefix(name.size());
     }
     return strNames;
+}
+
+// "S_", "S1A_", "T_" and the like; what looks like one within a name counts as well.
+size_t CountReferences(std::string_view aMangled) {
+    size_t nCount = 0;
+    for (size_t n = aMangled.find_first_of("ST"); n < aMangled.size();
+         n = aMangled.find_first_of("ST", n + 1)) {
+        const size_t nEnd = aMangled.find_first_not_of("0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ", n);
+        nCount += nEnd < aMangled.size() && aMangled[nEnd] == '_' ? 1 : 0;
+    }
+    return nCount;
 }
 
 bool BreakDown(int64_t aUsec, tm* aTime) {
@@ -279,7 +293,10 @@ std::string CmClassName(std::string_view aName) {
     const std::string strName(aName);
     int nStatus = 0;
     const std::unique_ptr<char, void (*)(void*)> pDemangled(
-        abi::__cxa_demangle(strName.c_str(), nullptr, nullptr, &nStatus), std::free);
+        CountReferences(aName) <= MOST_REFERENCES
+            ? abi::__cxa_demangle(strName.c_str(), nullptr, nullptr, &nStatus)
+            : nullptr,
+        std::free);
     // Single letters are the names of simple types, which no class has.
     if (pDemangled != nullptr && strName.size() > 1) {
         const std::string strDemangled = pDemangled.get();

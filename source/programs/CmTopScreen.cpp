@@ -182,7 +182,7 @@ CCmTopScreen::EWhat CCmTopScreen::Wait(int64_t aUsec, char* aKey) {
     if (s_bStop != 0) {
         s_bStop = 0;
         Leave();
-        raise(SIGSTOP);
+        kill(getpid(), SIGSTOP);
         Enter();
         return EWhat::SIZE;
     }

@@ -97,7 +97,9 @@ int Misused(const std::string& aWhat) {
 class COutput final : public ICmTextSink {
   public:
     explicit COutput(const std::string& aPath)
-        : m_strPath(aPath), m_pFile(aPath == "-" ? stdout : std::fopen(aPath.c_str(), "we")) {}
+        : m_strPath(aPath),
+          m_pFile(aPath == "-" ? stdout : std::fopen(aPath.c_str(), "we")),
+          m_nError(errno) {}
     COutput(const COutput&) = delete;
     COutput& operator=(const COutput&) = delete;
 
@@ -110,7 +112,7 @@ class COutput final : public ICmTextSink {
     // Empty, or why something is missing.
     std::string End() {
         if (m_pFile == nullptr) {
-            return CmPrintable(m_strPath) + ": " + std::strerror(errno);
+            return CmPrintable(m_strPath) + ": " + std::strerror(m_nError);
         }
         const bool bBad = std::ferror(m_pFile) != 0;
         const bool bEnd = m_pFile == stdout ? std::fflush(stdout) == 0 : std::fclose(m_pFile) == 0;
@@ -120,6 +122,7 @@ class COutput final : public ICmTextSink {
   private:
     const std::string m_strPath;
     std::FILE* const m_pFile;
+    const int m_nError;  // where there is no file
 };
 
 int List(const std::string& aDirectory) {
@@ -211,6 +214,13 @@ int Show(CArguments& aArguments) {
     return records.error.empty() ? nStatus : Complain(records.error, 1);
 }
 
+// Where the file to read stands for the one to write, it would be lost.
+bool IsCalledLikeRecording(const std::string& aPath) {
+    const std::string strSuffix = CM_FLIGHT_SUFFIX;
+    return aPath.size() >= strSuffix.size() &&
+           aPath.compare(aPath.size() - strSuffix.size(), strSuffix.size(), strSuffix) == 0;
+}
+
 int Run(int aCount, char** aValues) {
     CArguments arguments;
     arguments.directory = CmRecordingDirectory();
@@ -265,6 +275,11 @@ int Run(int aCount, char** aValues) {
     }
     if (optind < aCount) {
         arguments.file = aValues[optind];
+    }
+    for (const std::string& strOut : {arguments.json, arguments.svg}) {
+        if (IsCalledLikeRecording(strOut)) {
+            return Misused("'" + CmPrintable(strOut) + "' is called like a recording");
+        }
     }
     return arguments.isList ? List(arguments.directory) : Show(arguments);
 }

@@ -280,7 +280,7 @@ int Show(const CArguments& aArguments) {
     // As a process ends that the signal ends.
     if (CCmTopScreen::Signal() != 0) {
         signal(CCmTopScreen::Signal(), SIG_DFL);
-        raise(CCmTopScreen::Signal());
+        kill(getpid(), CCmTopScreen::Signal());
         sigset_t none;
         sigemptyset(&none);
         sigprocmask(SIG_SETMASK, &none, nullptr);

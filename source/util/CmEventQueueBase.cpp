@@ -388,7 +388,8 @@ void CCmEventQueueSteps::NoteTaken_l(CCmEventQueueBase& aQueue, CCmWatchedQueue&
         dwWaysBack = CountWaysBack(std::prev(aEnd, static_cast<long>(aCount)), aEnd);
         aWatched.m_dwWaysBack.Set(aWatched.m_dwWaysBack.Get() - dwWaysBack);
     }
-    aWatched.NoteTaken(aWatched.Start(), aCount - dwWaysBack);
+    aWatched.NoteTaken(aWatched.Start(), aCount - dwWaysBack,
+                       aQueue.m_Events.size() - aWatched.m_dwWaysBack.Get());
     if (CM_UNLIKELY(aWatched.m_dwGhosts.Get() != 0)) {
         aWatched.m_dwGhosts.Set(aQueue.m_dwSize.load(std::memory_order_relaxed) -
                                 static_cast<DWORD>(aQueue.m_Events.size()));
@@ -577,7 +578,8 @@ void CCmEventQueueSteps::CPass::RunWatched(ICmEvent* aEvent) {
             thread.m_pLongest.Set(seen.m_pTable);
         }
         if (CCmFlightRing* const pRing = thread.Ring()) {
-            pRing->Event(llStart, llRan, seen.m_pTable, aEvent, m_pWatched->Pending(m_dwStart));
+            pRing->Event(llStart, llRan, seen.m_pTable, aEvent,
+                         m_pWatched->PendingAfter(m_dwStart, llRan));
         }
     }
     if (m_Run.IsOutermost()) {
@@ -1567,7 +1569,8 @@ bool CCmEventQueueSteps::CLoop::TakeOwn(std::list<ICmEvent*>& aEvents, DWORD aMa
     }
     if (CM_UNLIKELY(aIsWatched)) {
         if (CCmWatchedQueue* const pWatched = WatchedOwn(m_Queue)) {
-            pWatched->NoteTaken(pWatched->OwnStart(), std::min<size_t>(m_Own.size(), aMaxCount));
+            const size_t nTaken = std::min<size_t>(m_Own.size(), aMaxCount);
+            pWatched->NoteTaken(pWatched->OwnStart(), nTaken, m_Own.size() - nTaken);
         }
     }
     if (m_Own.size() <= aMaxCount) {

@@ -43,8 +43,14 @@ struct CThisThread {
     CCmFlightRing* m_pRing;
     bool m_bIsBusy;    // in here: lines that are traced meanwhile are not taken
     bool m_bHasEnded;  // its ring was given back: its lines get it none again
+    // When it found no slot last: of s_dwVacancies, and of the Open; 0: never.
+    uint32_t m_dwRefusedAt;
+    uint32_t m_dwRefusedIn;
 };
 thread_local CThisThread t_this = {};
+
+// Grows with all that may give a slot to a thread that found none. Such a thread asks once each.
+CmStd::atomic<uint32_t> s_dwVacancies{1};
 
 // Of all files, at the same places; entered without a lock. The compilers' atomic functions, as for
 // what is mapped.
@@ -199,6 +205,19 @@ void TakeLine(unsigned long aLevel, bool aIsFiltered, const char* aText, size_t 
     }
 }
 
+// ---- Files
+
+void SayWhyThereIsNone(const CCmFlightFile& aFile) {
+    if (aFile.m_pszCall != nullptr) {
+        CM_WARNING_TRACE("CCmFlight::Open, no file, " << aFile.m_pszCall
+                                                      << "() failed! err=" << aFile.m_nError
+                                                      << " path=" << aFile.m_szPath);
+    } else {
+        CM_WARNING_TRACE("CCmFlight::Open, no file, not a directory of this user alone. path="
+                         << aFile.m_szPath);
+    }
+}
+
 // ---- What all share
 
 // Guards the state below.
@@ -235,10 +254,12 @@ struct CCmFlight::CState {
     bool MapFile(const char* aDirectory, const char* aProcess, uint64_t aStartUsec)
         CM_REQUIRES(s_Lock.m_Lock);
     void LeaveFile() CM_REQUIRES(s_Lock.m_Lock);
+    void BeginSlots() CM_REQUIRES(s_Lock.m_Lock);
     void FillHeader(const char* aProcess, uint64_t aStartUsec) CM_REQUIRES(s_Lock.m_Lock);
 
     uint32_t FindSlot() const CM_REQUIRES(s_Lock.m_Lock);
     CCmFlightRing* TakeSlot(const char* aName) CM_REQUIRES(s_Lock.m_Lock);
+    void CountRefusal() CM_REQUIRES(s_Lock.m_Lock);
     void Rename(CCmFlightRing& aRing, const char* aName) CM_REQUIRES(s_Lock.m_Lock);
     void PutThread(CCmFlightRing& aRing, uint64_t aUsec) CM_REQUIRES(s_Lock.m_Lock);
     void EndThread(CCmFlightRing& aRing, uint64_t aUsec) CM_REQUIRES(s_Lock.m_Lock);
@@ -264,6 +285,7 @@ struct CCmFlight::CState {
     pthread_key_t m_Key;  // a thread's ring, with the lowest bit set once it is about to go
 
     bool m_bIsOpen;
+    uint32_t m_dwOpens;
     bool m_bIsLossSaid;
     CCmFlightFile m_File;
 
@@ -376,6 +398,18 @@ void CCmFlight::CState::FillHeader(const char* aProcess, uint64_t aStartUsec) {
     ReleaseWords(header.m_achMagic, CM_FLIGHT_MAGIC, sizeof(CM_FLIGHT_MAGIC));
 }
 
+// What was recorded before is not in this file.
+void CCmFlight::CState::BeginSlots() {
+    for (uint32_t i = 0; i < m_dwSlots; ++i) {
+        COwner& owner = m_pOwners[i];
+        owner.m_ullFirst = __atomic_load_n(&m_pRings[i].m_ullWritten, __ATOMIC_RELAXED);
+        owner.m_eState =
+            owner.m_eState == CCmFlightSlot::ENDED ? CCmFlightSlot::FREE : owner.m_eState;
+        StoreOwner(m_pRings[i]);
+        Release(m_pRings[i].m_pSlot->m_ullWritten, owner.m_ullFirst);
+    }
+}
+
 // A process that ends in order does so whether or not it has closed the recorder.
 void CCmFlight::CState::MarkEnd() {
     CHold hold;
@@ -389,6 +423,7 @@ CmResult CCmFlight::Open(const CCmFlightOptions& aOptions) {
     char szProcess[CM_FLIGHT_NAME_SIZE];
     CopyProcessName(szProcess);
     CCmFlightFile file;
+    bool bHasFile = false;
     {
         CHold hold;
         CState& state = CState::s_State;
@@ -405,38 +440,24 @@ CmResult CCmFlight::Open(const CCmFlightOptions& aOptions) {
         const uint64_t ullStart = WallUsec();
         state.m_bIsLossSaid = false;
         state.m_File = CCmFlightFile();
-        const bool bHasFile =
-            aOptions.m_bFile && state.MapFile(aOptions.m_pszDirectory, szProcess, ullStart);
+        bHasFile = aOptions.m_bFile && state.MapFile(aOptions.m_pszDirectory, szProcess, ullStart);
         file = state.m_File;
-        file.m_nFile = aOptions.m_bFile && !bHasFile ? -1 : 0;
-        for (uint32_t i = 0; i < state.m_dwSlots; ++i) {
-            // What was recorded before is not in this file.
-            COwner& owner = state.m_pOwners[i];
-            owner.m_ullFirst = __atomic_load_n(&state.m_pRings[i].m_ullWritten, __ATOMIC_RELAXED);
-            owner.m_eState =
-                owner.m_eState == CCmFlightSlot::ENDED ? CCmFlightSlot::FREE : owner.m_eState;
-            state.StoreOwner(state.m_pRings[i]);
-            Release(state.m_pRings[i].m_pSlot->m_ullWritten, owner.m_ullFirst);
-        }
+        state.BeginSlots();
         CopyClasses();
         state.FillHeader(szProcess, ullStart);
         state.m_bIsOpen = true;
+        ++state.m_dwOpens;
+        s_dwVacancies.fetch_add(1, std::memory_order_relaxed);
         static const CState::CAtExit s_atExit;
     }
-    if (aOptions.m_bLines) {
+    // Nobody would read them in memory, where they would only push out records of posts.
+    if (bHasFile && aOptions.m_bLines) {
         g_cmTraceTap.store(&TakeLine, std::memory_order_relaxed);
     }
-    if (file.m_nFile == 0) {
+    if (bHasFile || !aOptions.m_bFile) {
         return CM_OK;
     }
-    if (file.m_pszCall != nullptr) {
-        CM_WARNING_TRACE("CCmFlight::Open, no file, " << file.m_pszCall
-                                                      << "() failed! err=" << file.m_nError
-                                                      << " path=" << file.m_szPath);
-    } else {
-        CM_WARNING_TRACE(
-            "CCmFlight::Open, no file, not a directory of this user alone. path=" << file.m_szPath);
-    }
+    SayWhyThereIsNone(file);
     return CM_ERROR_FAILURE;
 }
 
@@ -514,6 +535,10 @@ CCmFlightRing* CCmFlight::AttachThisThread(const char* aName) {
     if (t_this.m_pRing != nullptr && aName == nullptr) {
         return t_this.m_pRing;
     }
+    if (t_this.m_pRing == nullptr &&
+        t_this.m_dwRefusedAt == s_dwVacancies.load(std::memory_order_relaxed)) {
+        return nullptr;
+    }
     char szName[CM_FLIGHT_NAME_SIZE];
     if (aName == nullptr) {
         CmPortNameOfThisThread(szName, sizeof(szName));
@@ -576,13 +601,14 @@ CCmFlightRing* CCmFlight::CState::TakeSlot(const char* aName) {
     }
     const uint32_t dwSlot = FindSlot();
     if (dwSlot == m_dwSlots) {
-        __atomic_fetch_add(&Header()->m_ullUnslottedCount, 1, __ATOMIC_RELAXED);
+        CountRefusal();
         return nullptr;
     }
     CCmFlightRing& ring = m_pRings[dwSlot];
     if (g_cmSystem.pthread_setspecific(m_Key, &ring) != 0) {
         return nullptr;  // its end would not be seen
     }
+    CmPortUnblockBusErrors();  // the ring may lie in a file that is cut
     const uint64_t ullNow = WallUsec();
     COwner& owner = m_pOwners[dwSlot];
     owner.m_eState = CCmFlightSlot::LIVE;
@@ -600,6 +626,15 @@ CCmFlightRing* CCmFlight::CState::TakeSlot(const char* aName) {
     StoreOwner(ring);
     PutThread(ring, ullNow);
     return &ring;
+}
+
+// A thread counts once.
+void CCmFlight::CState::CountRefusal() {
+    t_this.m_dwRefusedAt = s_dwVacancies.load(std::memory_order_relaxed);
+    if (t_this.m_dwRefusedIn != m_dwOpens) {
+        t_this.m_dwRefusedIn = m_dwOpens;
+        __atomic_fetch_add(&Header()->m_ullUnslottedCount, 1, __ATOMIC_RELAXED);
+    }
 }
 
 void CCmFlight::CState::Rename(CCmFlightRing& aRing, const char* aName) {
@@ -626,6 +661,7 @@ void CCmFlight::CState::EndThread(CCmFlightRing& aRing, uint64_t aUsec) {
     owner.m_ullEnd = aUsec;
     owner.m_ullOrder = ++m_ullEnded;
     --m_dwLive;
+    s_dwVacancies.fetch_add(1, std::memory_order_relaxed);
     StoreOwner(aRing);
 }
 
@@ -711,6 +747,11 @@ void CCmFlightRing::PutText(const char* aText, size_t aLength) {
 }
 
 void CCmFlightRing::Figures(const CCmFlightFigures& aFigures, long long aWallUsec) {
+    static constexpr CCmFlightFigures NONE = {};
+    if (aWallUsec != 0 && __atomic_load_n(&m_pSlot->m_ullFiguresWall, __ATOMIC_RELAXED) == 0 &&
+        std::memcmp(&aFigures, &NONE, sizeof(NONE)) == 0) {
+        return;
+    }
     const uint64_t ullCount = __atomic_load_n(&m_pSlot->m_ullFiguresCount, __ATOMIC_RELAXED) | 1;
     Release(m_pSlot->m_ullFiguresCount, ullCount);
     Release(m_pSlot->m_ullFiguresWall, static_cast<uint64_t>(aWallUsec));

@@ -17,7 +17,7 @@ namespace UTIL_NS {
 
 struct CCmFlightOptions {
     bool m_bFile = true;        // keep a file; false: in memory only
-    bool m_bLines = true;       // record trace lines, those that are filtered too
+    bool m_bLines = true;       // trace lines go to the file, those that are filtered too
     uint32_t m_dwUnits = 2048;  // of a thread's ring; made a power of two within limits
     uint32_t m_dwThreads = 64;  // slots, likewise within limits
     const char* m_pszDirectory =
@@ -45,7 +45,8 @@ class CCmFlightRing {
     // What runs from now on; null: nothing.
     void Current(const void* aTable, long long aStartUsec);
 
-    // Stores the figures in the slot. One thread at a time, any.
+    // Stores the figures in the slot; not those of a thread that has none yet, as it is no worker.
+    // One thread at a time, any.
     void Figures(const CCmFlightFigures& aFigures, long long aWallUsec);
     // The youngest Post of aEvent not later than aNotAfterUsec that is still there. Any thread,
     // while the ring's thread goes on.

@@ -206,20 +206,30 @@ int Allocate(int aFile, uint64_t aSize) {
                                   : g_cmSystem.posix_fallocate(aFile, 0, static_cast<off_t>(aSize));
 }
 
+// Whoever asks whether a file is in use locks it for a moment. Where files cannot be locked,
+// another process takes it for one that was left, and may remove its name one day.
+void Lock(int aFile) {
+    constexpr int ATTEMPTS = 200;
+    constexpr timespec NAP = {0, 1000 * 1000};
+    for (int i = 0;
+         i < ATTEMPTS && g_cmSystem.flock(aFile, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+         ++i) {
+        g_cmSystem.nanosleep(&NAP, nullptr);
+    }
+}
+
 bool MakeFile(int aDirectory, const char* aName, uint64_t aSize, CCmFlightFile& aFile) {
     CDescriptor file(g_cmSystem.openat(
         aDirectory, aName, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, FILE_MODE));
     if (file.Get() < 0) {
         return HasFailed(aFile, "openat", errno);
     }
+    Lock(file.Get());
     const int rv = Allocate(file.Get(), aSize);
     if (rv != 0) {
         g_cmSystem.unlinkat(aDirectory, aName, 0);
         return HasFailed(aFile, "posix_fallocate", rv);
     }
-    // Where files cannot be locked, another process takes it for one that was left, and may remove
-    // its name one day.
-    g_cmSystem.flock(file.Get(), LOCK_EX | LOCK_NB);
     aFile.m_nFile = file.Release();
     return true;
 }

@@ -57,7 +57,7 @@ struct CCmFlightHeader {
     uint64_t m_ullTickMonotonic;
     uint64_t m_ullEndWall;      // when it was closed, or the program exited; 0: not yet, or killed
     uint64_t m_ullLostClasses;  // times that the class table had no place for a class
-    uint64_t m_ullUnslottedCount;  // times that no slot was free for a thread
+    uint64_t m_ullUnslottedCount;  // threads that found no slot free
 };
 static_assert(sizeof(CCmFlightHeader) == 184);
 static_assert(sizeof(CCmFlightHeader) <= CM_FLIGHT_HEADER_SIZE);

@@ -444,7 +444,9 @@ __attribute__((noinline)) void CCmT120Trace::CTraceState::PassToBoth(LevelFuncti
     if (aFunction != nullptr) {
         aFunction(DELIVERED_MODULE, "%s", aText);
     }
-    aTap(aLevel, aFunction == nullptr, aText, std::strlen(aText));
+    if (aText != nullptr) {
+        aTap(aLevel, aFunction == nullptr, aText, std::strlen(aText));
+    }
 }
 
 unsigned char CCmT120Trace::enable_trace_print(unsigned long aLevel, const char* aModule) {

@@ -26,7 +26,9 @@ __attribute__((noinline)) void HandOverToBoth(UtilTraceSink aSink, CmTraceTap aT
                                               unsigned long aLevel, const char* aText,
                                               unsigned int aLength) {
     aSink(aLevel, aText, aLength);
-    aTap(aLevel, false, aText, aLength);
+    if (aText != nullptr) {
+        aTap(aLevel, false, aText, aLength);
+    }
 }
 
 void HandOver(UtilTraceSink aSink, unsigned long aLevel, const char* aText, unsigned int aLength) {

@@ -302,10 +302,18 @@ class CCmWatchedQueue {
     // aStart: of the watch.
     DWORD Pending(DWORD aStart) const;
 
-    // The consumer takes events out, which have been counted since aStart.
-    void NoteTaken(DWORD aStart, size_t aCount) {
+    // The consumer takes events out, which have been counted since aStart. aLeft: that it leaves
+    // there.
+    void NoteTaken(DWORD aStart, size_t aCount, size_t aLeft) {
         m_dwTakenStart = aStart;
         m_dwTaken.Set(static_cast<DWORD>(aCount));
+        m_dwLeft = static_cast<DWORD>(aLeft);
+    }
+    // For the consumer, after an event that took aUsec: Pending, or, after a short one, what was
+    // there when the consumer came by, since the queue's own count is on a line of the posters.
+    DWORD PendingAfter(DWORD aStart, long long aUsec) const {
+        constexpr long long SHORT_USEC = 1000;
+        return aUsec < SHORT_USEC ? m_dwTaken.Get() + m_dwLeft : Pending(aStart);
     }
 
     // Posters and the consumer write to cache lines of their own. Both read these, which change
@@ -349,6 +357,7 @@ class CCmWatchedQueue {
     CCmWatchedMost m_OwnMost;
     CCmWatchedT<DWORD> m_dwTaken;  // events that it has taken out and not begun
     CCmWatchedProbe m_OwnProbe;
+    DWORD m_dwLeft = 0;        // that it has left in the queue when it took those
     DWORD m_dwOwnPosts = 0;    // since the last probe
     DWORD m_dwTakenStart = 0;  // of the watch, that has counted what was last taken out
 };

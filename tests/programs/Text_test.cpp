@@ -46,6 +46,7 @@ const CEscape ESCAPES[] = {
      "\xF0\x9F\x98\x80"},
     {"8-bit control", "\xC2\x9B", "\\xc2\\x9b", "\"\\u009b\"", "\xEF\xBF\xBD"},
     {"right to left", "\xE2\x80\xAE", "\\xe2\\x80\\xae", "\"\\u202e\"", "\xEF\xBF\xBD"},
+    {"Arabic letter mark", "\xD8\x9C", "\\xd8\\x9c", "\"\\u061c\"", "\xEF\xBF\xBD"},
     {"byte alone", "\xFFx", "\\xffx", "\"\\ufffdx\"", "\xEF\xBF\xBDx"},
     {"cut character", "\xE2\x82", "\\xe2\\x82", "\"\\ufffd\\ufffd\"", "\xEF\xBF\xBD\xEF\xBF\xBD"},
     {"longer than need be", "\xC0\xAF", "\\xc0\\xaf", "\"\\ufffd\\ufffd\"",
@@ -98,6 +99,29 @@ TEST_F(ProgramText, ClassNamesAreBounded_WhenFewBytesStandForMany) {
         strName = "St4pairI" + strName + pszPair + "E";
     }
     EXPECT_LE(CmClassName(strName).size(), 4100U);
+}
+
+// Each level is of the one before, four times; the room that a recording has is for a gigabyte.
+TEST_F(ProgramText, NamesWhatIsLeftOfAClass_WhenItsReferencesMultiply) {
+    std::string strName = "1xI1aIcE1bIS1_S1_S1_S1_E";
+    for (const char* pszBefore : {"S3_", "S4_", "S5_", "S6_", "S7_", "S8_"}) {
+        strName += "S2_I";
+        for (int i = 0; i < 4; ++i) {
+            strName += pszBefore;
+        }
+        strName += "E";
+    }
+    EXPECT_EQ(CmClassName(strName + "E"), "x\xE2\x80\xA6");
+}
+
+TEST_F(ProgramText, NamesAClassThatRefersToItsPartsAsOftenAsRealOnesDo) {
+    std::string strName = "N5media5COneTI";
+    std::string strArguments;
+    for (int i = 0; i < 20; ++i) {
+        strName += "NS_1AE";
+        strArguments += i == 0 ? "media::A" : ", media::A";
+    }
+    EXPECT_EQ(CmClassName(strName + "EE"), "media::COneT<" + strArguments + ">");
 }
 
 TEST_F(ProgramText, ShortensClassesToTheirOwnName) {

@@ -328,6 +328,13 @@ class FlightTest(ProgramTest):
             done = self.run_program("flight", recording, stdout=full)
         self.assert_complains(done, "kelto-flight: -: cannot be written")
 
+    def test_LeavesRecordingsAlone_WhenToldToWriteToOne(self):
+        path = self.write(call())
+        for option in ("--json", "--svg"):
+            self.assert_complains(self.flight(option, path), "is called like a recording", status=2)
+        with open(path, "rb") as file:
+            self.assertEqual(file.read(), call().pack())
+
     # -- picture
 
     def test_PictureHasARowForEachThread(self):
@@ -351,6 +358,14 @@ class FlightTest(ProgramTest):
             slot.line(START, 20, bytes(range(256)))
         root = xml.etree.ElementTree.fromstring(self.printed(recording, "--svg", "-"))
         self.assertIn("6 more threads are not drawn", "".join(root.itertext()))
+
+    def test_PictureAddsUpLengthsOfAnySize(self):
+        recording = Recording()
+        slot = recording.add(1, b"x")
+        table = recording.add_class(b"3Any")
+        for n in range(200):
+            slot.timer(n, 2**64 - 1, 0, table)
+        self.assertRegex(self.printed(recording, "--svg", "-"), r"Any, \d+d in all")
 
     def test_PictureIsBounded_WhenThereAreManyRecords(self):
         recording = Recording(units=65536)

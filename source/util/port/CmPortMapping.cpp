@@ -121,4 +121,11 @@ bool CmPortIsMappingLost() {
     return s_nState.load(std::memory_order_relaxed) == STATE_LOST;
 }
 
+void CmPortUnblockBusErrors() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGBUS);
+    pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+}
+
 }  // namespace UTIL_NS
