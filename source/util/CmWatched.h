@@ -2,7 +2,8 @@
 //
 // Both are objects of the heap that are made when something first happens on a thread, or in a
 // queue, while the watch is on. The registry lists them. Its lock is taken where a thread or a
-// queue begins or ends and by those who read; no event, timer or post waits for it.
+// queue begins or ends and by those who read; no event, timer or post waits for it, but the first
+// one of a thread or a queue.
 //
 // A figure is written by one thread at a time, with plain loads and stores; readers see each as it
 // was a moment ago. They are stored with release and read with acquire, which costs nothing on
