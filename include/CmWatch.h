@@ -34,7 +34,8 @@ class CCmWatchOptions {
         return *this;
     }
     /// How many units of 32 bytes are kept of each thread [Records]: a power of two, 256 to 65536;
-    /// 2048 by default.
+    /// 2048 by default. This and Threads stay as an earlier start had them while a thread lives of
+    /// which that kept records.
     CCmWatchOptions& Records(DWORD aRecords) {
         Require(aRecords >= 256 && aRecords <= 65536 && (aRecords & (aRecords - 1)) == 0);
         m_dwRecords = aRecords;
@@ -115,8 +116,9 @@ class CM_UTIL_EXPORT CCmWatch {
     /// Whether it is on.
     static bool IsOn();
     /// Copies the figures of up to aRoom workers to aFigures, in the order in which they began, and
-    /// sets aCount to the number of all workers, which may be more. Takes no lock that an event, a
-    /// timer or a post takes. aFigures may be null when aRoom is 0. CM_OK; CM_ERROR_INVALID_ARG.
+    /// sets aCount to the number of all workers, which may be more. No event, timer or post waits
+    /// for it, but the first one of a thread or a queue. aFigures may be null when aRoom is 0.
+    /// CM_OK; CM_ERROR_INVALID_ARG.
     static CmResult Read(CCmWorkerFigures* aFigures, size_t aRoom, size_t& aCount);
     /// Copies the path of the recording to aPath, which has room for aSize bytes with the
     /// terminator: of the file that keeps what the threads did last. Empty: there is none, because

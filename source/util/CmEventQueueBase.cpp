@@ -48,9 +48,6 @@ constexpr size_t SPARES_OF_LOOP = 16;
 // Waits of a consumer are numbered from 1.
 constexpr DWORD NO_WAIT = 0;
 
-// A high-water mark is recorded when it is twice the last one, or this much above it.
-constexpr DWORD MARK_STEP = 16;
-
 // How long a sender looks out for its result, and a loop for that sender's next post, before they
 // sleep: as long as it takes to wake a thread on an idle core.
 constexpr long long SPIN_NSEC = 50 * 1000;
@@ -230,9 +227,10 @@ class CCmEventQueueSteps::CPosting {
         return CM_OK;
     }
     // After Append, still under the lock. aIsAwaited: the consumer sleeps until the event comes.
-    void Count(bool aIsAwaited) {
+    // aOwn: the length of its private list, for a post of its own; others do not look there.
+    void Count(bool aIsAwaited, DWORD aOwn) {
         if (CM_UNLIKELY(m_pWatched != nullptr)) {
-            CountWatched(aIsAwaited);
+            CountWatched(aIsAwaited, aOwn);
         }
     }
     // After the lock was released: writes the lines and destroys an event that was refused.
@@ -291,18 +289,18 @@ class CCmEventQueueSteps::CPosting {
             pRing->Post(CmUsecOf(CCmTimeValue(m_tvCoarseNow)), seen.m_pTable, m_pEvent, &m_Queue);
         }
     }
-    void CountWatched(bool aIsAwaited) {
+    void CountWatched(bool aIsAwaited, DWORD aOwn) {
+        CCmWatchedQueue& watched = *m_pWatched;
         if (m_bIsWayBack) {
+            watched.m_dwWaysBack.Add(1);
             return;
         }
-        CCmWatchedQueue& watched = *m_pWatched;
         watched.m_ullPosted.Add(1);
         // Without what the consumer has taken out, which it alone writes.
-        const DWORD dwPending =
-            m_Queue.m_dwSize.load(std::memory_order_relaxed) - watched.m_dwGhosts.Get();
-        if (watched.m_dwMost.Raise(dwPending) &&
-            dwPending >= std::min(2 * watched.m_dwMarked, watched.m_dwMarked + MARK_STEP)) {
-            m_dwMark = watched.m_dwMarked = dwPending;
+        const DWORD dwPending = m_Queue.m_dwSize.load(std::memory_order_relaxed) -
+                                watched.m_dwGhosts.Get() - watched.m_dwWaysBack.Get() + aOwn;
+        if (CM_UNLIKELY(watched.m_Most.Raise(dwPending))) {
+            m_dwMark = dwPending;
         }
         if (watched.m_Probe.Wants(m_pEvent, aIsAwaited, watched.m_dwPosts)) {
             watched.m_Probe.Set(m_pEvent, CmUsecOf(CCmTimeValue::GetTimeOfDay()),
@@ -349,9 +347,10 @@ CCmWatchedQueue* CCmEventQueueSteps::Watched_l(CCmEventQueueBase& aQueue) {
         return nullptr;
     }
     if (CM_UNLIKELY(!pWatched->IsOf(dwStart))) {
-        pWatched->Begin(dwStart, CountWithoutWaysBack(aQueue.m_Events),
-                        aQueue.m_dwSize.load(std::memory_order_relaxed) -
-                            static_cast<DWORD>(aQueue.m_Events.size()));
+        const auto dwEvents = static_cast<DWORD>(aQueue.m_Events.size());
+        const DWORD dwWaysBack = CountWaysBack(aQueue.m_Events.begin(), aQueue.m_Events.end());
+        pWatched->Begin(dwStart, dwEvents - dwWaysBack,
+                        aQueue.m_dwSize.load(std::memory_order_relaxed) - dwEvents, dwWaysBack);
     }
     return pWatched;
 }
@@ -369,17 +368,28 @@ CCmWatchedQueue* CCmEventQueueSteps::WatchedOwn(CCmEventQueueBase& aQueue) {
     return pWatched;
 }
 
-uint64_t CCmEventQueueSteps::CountWithoutWaysBack(const std::list<ICmEvent*>& aEvents) {
-    return static_cast<uint64_t>(
-        std::count_if(aEvents.begin(), aEvents.end(),
-                      [](const ICmEvent* aEvent) { return !See(aEvent).m_bIsWayBack; }));
+template <class IteratorType>
+DWORD CCmEventQueueSteps::CountWaysBack(IteratorType aBegin, IteratorType aEnd) {
+    return static_cast<DWORD>(std::count_if(
+        aBegin, aEnd, [](const ICmEvent* aEvent) { return See(aEvent).m_bIsWayBack; }));
 }
 
-// After they have been taken out.
+uint64_t CCmEventQueueSteps::CountWithoutWaysBack(const std::list<ICmEvent*>& aEvents) {
+    return aEvents.size() - CountWaysBack(aEvents.begin(), aEvents.end());
+}
+
+// After they have been taken out, the last aCount before aEnd.
+template <class IteratorType>
 void CCmEventQueueSteps::NoteTaken_l(CCmEventQueueBase& aQueue, CCmWatchedQueue& aWatched,
-                                     size_t aCount) {
+                                     IteratorType aEnd, size_t aCount) {
     WatchedOwn(aQueue);
-    aWatched.NoteTaken(aWatched.Start(), aCount, aQueue.m_Events.size());
+    DWORD dwWaysBack = 0;
+    if (CM_UNLIKELY(aWatched.m_dwWaysBack.Get() != 0)) {
+        dwWaysBack = CountWaysBack(std::prev(aEnd, static_cast<long>(aCount)), aEnd);
+        aWatched.m_dwWaysBack.Set(aWatched.m_dwWaysBack.Get() - dwWaysBack);
+    }
+    aWatched.NoteTaken(aWatched.Start(), aCount - dwWaysBack,
+                       aQueue.m_Events.size() - aWatched.m_dwWaysBack.Get());
     if (CM_UNLIKELY(aWatched.m_dwGhosts.Get() != 0)) {
         aWatched.m_dwGhosts.Set(aQueue.m_dwSize.load(std::memory_order_relaxed) -
                                 static_cast<DWORD>(aQueue.m_Events.size()));
@@ -392,6 +402,7 @@ void CCmEventQueueSteps::NoteUnfired_l(CCmEventQueueBase& aQueue) {
         pWatched->m_Unfired.Add(g_cmWatchOn.load(std::memory_order_relaxed),
                                 CountWithoutWaysBack(aQueue.m_Events));
         pWatched->m_dwGhosts.Set(aQueue.m_dwSize.load(std::memory_order_relaxed));
+        pWatched->m_dwWaysBack.Set(0);
         pWatched->m_Probe.Forget();
         pWatched->m_OwnProbe.Forget();
     }
@@ -479,9 +490,11 @@ class CCmEventQueueSteps::CPass {
     // watch was on count as posted from now on.
     void NotePutBack_l(const std::list<ICmEvent*>& aEvents) const {
         if (CCmWatchedQueue* const pWatched = Watched_l(m_Queue)) {
+            const DWORD dwWaysBack = CountWaysBack(aEvents.begin(), aEvents.end());
             if (m_pWatched == nullptr || m_dwStart != pWatched->Start()) {
-                pWatched->m_ullPosted.Add(CountWithoutWaysBack(aEvents));
+                pWatched->m_ullPosted.Add(aEvents.size() - dwWaysBack);
             }
+            pWatched->m_dwWaysBack.Add(dwWaysBack);
             pWatched->m_dwTaken.Set(0);
         }
     }
@@ -546,10 +559,10 @@ void CCmEventQueueSteps::CPass::RunWatched(ICmEvent* aEvent) {
     const long long llStart = CmUsecOf(m_tvStart);
     m_Run.SetCurrent(seen.m_pTable, llStart);
     long long llWaited = -1;
-    if (m_pWatched->m_dwTaken.Get() != 0) {
-        m_pWatched->m_dwTaken.Set(m_pWatched->m_dwTaken.Get() - 1);
-    }
     if (bCounts) {
+        if (m_pWatched->m_dwTaken.Get() != 0) {
+            m_pWatched->m_dwTaken.Set(m_pWatched->m_dwTaken.Get() - 1);
+        }
         m_pWatched->m_ullRun.Add(1);
         long long llPosted = 0;
         if (CM_UNLIKELY(m_pWatched->m_Probe.Take(aEvent, llPosted) ||
@@ -665,7 +678,7 @@ CmResult CCmEventQueueBase::PostEvent(ICmEvent* aEvent, EPriority /*aPri*/) {
     CmResult rv = posting.Prepare(true);
     if (CM_SUCCEEDED(rv)) {
         rv = posting.Append();
-        posting.Count(false);
+        posting.Count(false, 0);
     }
     posting.Conclude(rv);
     return rv;
@@ -700,7 +713,7 @@ CmResult CCmEventQueueBase::PopPendingEvents(std::list<ICmEvent*>& aEvents, DWOR
     }
     m_dwSize.store(dwSize, std::memory_order_relaxed);
     if (CM_UNLIKELY(pWatched != nullptr)) {
-        CCmEventQueueSteps::NoteTaken_l(*this, *pWatched, nTaken);
+        CCmEventQueueSteps::NoteTaken_l(*this, *pWatched, aEvents.end(), nTaken);
     }
     if (aRemainSize != nullptr) {
         *aRemainSize = dwSize;
@@ -720,7 +733,7 @@ CmResult CCmEventQueueBase::PopOnePendingEvent(ICmEvent*& aEvent, DWORD* aRemain
     const DWORD dwSize = m_dwSize.load(std::memory_order_relaxed) - 1;
     m_dwSize.store(dwSize, std::memory_order_relaxed);
     if (CM_UNLIKELY(pWatched != nullptr)) {
-        CCmEventQueueSteps::NoteTaken_l(*this, *pWatched, 1);
+        CCmEventQueueSteps::NoteTaken_l(*this, *pWatched, &aEvent + 1, 1);
     }
     if (aRemainSize != nullptr) {
         *aRemainSize = dwSize;
@@ -1084,7 +1097,7 @@ CmResult CCmEventQueueUsingMutex::PostEventWithOldSize(ICmEvent* aEvent, EPriori
         }
         if (CM_SUCCEEDED(rv)) {
             rv = posting.Append();
-            posting.Count(false);
+            posting.Count(false, 0);
         }
     }
     CM_ASSERTE_RETURN(aEvent, rv);
@@ -1138,7 +1151,8 @@ class CCmEventQueueUsingConditionVariable::CConditionQueueState {
             rv = Append_l(posting);
             if (CM_SUCCEEDED(rv)) {
                 dwWait = WaitToSignal_l();
-                posting.Count(dwWait != NO_WAIT);
+                posting.Count(dwWait != NO_WAIT,
+                              pLoop != nullptr ? CCmEventQueueSteps::OwnCount(m_Queue) : 0);
             }
             if (pLoop != nullptr) {
                 pLoop->NoteWatch();
@@ -1522,6 +1536,8 @@ bool CCmEventQueueSteps::CLoop::PostOwn(ICmEvent* aEvent, std::list<ICmEvent*>& 
 // After PostOwn.
 void CCmEventQueueSteps::CLoop::NoteOwnPost(const ICmEvent* aEvent) {
     EnsureWatched(m_Queue);
+    const CCmWatchedThread* const pThread = CmEnsureWatchedThread();
+    CCmFlightRing* const pRing = pThread != nullptr ? pThread->Ring() : nullptr;
     const DWORD dwOwn = OwnCount(m_Queue);
     const DWORD dwStart = g_cmWatchOn.load(std::memory_order_relaxed);
     CCmWatchedQueue* const pWatched = QueueState().m_pWatched.load(std::memory_order_acquire);
@@ -1530,16 +1546,17 @@ void CCmEventQueueSteps::CLoop::NoteOwnPost(const ICmEvent* aEvent) {
             pWatched->BeginOwn(dwStart, dwOwn - 1);
         }
         pWatched->m_ullOwnPosted.Add(1);
-        pWatched->m_dwOwnMost.Raise(pWatched->Pending(dwStart));
+        const DWORD dwPending = pWatched->Pending(dwStart);
+        if (CM_UNLIKELY(pWatched->m_OwnMost.Raise(dwPending) && pRing != nullptr)) {
+            pRing->HighWater(CmUsecOf(CCmTimeValue(m_tvCoarseNow)), dwPending, &m_Queue);
+        }
         if (pWatched->m_OwnProbe.Wants(aEvent, false, pWatched->m_dwOwnPosts)) {
             pWatched->m_OwnProbe.Set(aEvent, CmUsecOf(CCmTimeValue::GetTimeOfDay()),
                                      pWatched->m_dwOwnPosts);
         }
     }
-    const CCmWatchedThread* const pThread = CmEnsureWatchedThread();
-    if (pThread != nullptr && pThread->Ring() != nullptr) {
-        pThread->Ring()->Post(CmUsecOf(CCmTimeValue(m_tvCoarseNow)), See(aEvent).m_pTable, aEvent,
-                              &m_Queue);
+    if (pRing != nullptr) {
+        pRing->Post(CmUsecOf(CCmTimeValue(m_tvCoarseNow)), See(aEvent).m_pTable, aEvent, &m_Queue);
     }
 }
 

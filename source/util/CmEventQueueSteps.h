@@ -48,6 +48,8 @@ class CCmEventQueueSteps {
         bool m_bIsWayBack;     // of a synchronous send: it has been counted when it was posted
     };
     static CSeenEvent See(const ICmEvent* aEvent);
+    template <class IteratorType>
+    static DWORD CountWaysBack(IteratorType aBegin, IteratorType aEnd);
     static uint64_t CountWithoutWaysBack(const std::list<ICmEvent*>& aEvents);
     // Not under the queue's lock. Null when there is no memory.
     static CCmWatchedQueue* EnsureWatched(CCmEventQueueBase& aQueue);
@@ -56,7 +58,9 @@ class CCmEventQueueSteps {
     static CCmWatchedQueue* Watched_l(CCmEventQueueBase& aQueue);
     // The same for what the consumer counts.
     static CCmWatchedQueue* WatchedOwn(CCmEventQueueBase& aQueue);
-    static void NoteTaken_l(CCmEventQueueBase& aQueue, CCmWatchedQueue& aWatched, size_t aCount);
+    template <class IteratorType>
+    static void NoteTaken_l(CCmEventQueueBase& aQueue, CCmWatchedQueue& aWatched, IteratorType aEnd,
+                            size_t aCount);
     static void NoteUnfired_l(CCmEventQueueBase& aQueue);
     static void NoteConsumer(CCmEventQueueBase& aQueue);
     static void NoteRefused(CCmEventQueueBase& aQueue);

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "CmBlockedSends.h"
+#include "CmCancel.h"
 #include "CmConfig.h"
 #include "CmEventQueueSteps.h"
 #include "CmFlight.h"
@@ -152,6 +153,7 @@ CmResult CCmWatch::Start(const CCmWatchOptions& aOptions) {
     if (CM_FAILED(aOptions.Result())) {
         return aOptions.Result();
     }
+    const CCmDisableCancel disableCancel;
     if (!BeginStart()) {
         return CM_ERROR_ALREADY_INITIALIZED;
     }
@@ -169,6 +171,7 @@ CmResult CCmWatch::Start(const CCmWatchOptions& aOptions) {
 }
 
 CmResult CCmWatch::Stop() {
+    const CCmDisableCancel disableCancel;
     CCmWatchThread* pThread = nullptr;
     {
         CCmScopedLockT<CCmMutexThread> lock(s_switch.m_Mutex);

@@ -310,12 +310,12 @@ void CCmWatchRegistry::AddQueue_l(FiguresType& aFigures, const CCmWatchedQueue& 
     uint64_t ullMost = 0;
     if (aQueue.IsOf(m_dwStart)) {
         ullPosted = aQueue.m_ullPosted.Get();
-        ullMost = aQueue.m_dwMost.Get();
+        ullMost = aQueue.m_Most.Get();
     }
     if (aQueue.IsOwnOf(m_dwStart)) {
         ullPosted += aQueue.m_ullOwnPosted.Get();
         ullRun = aQueue.m_ullRun.Get();
-        ullMost = std::max<uint64_t>(ullMost, aQueue.m_dwOwnMost.Get());
+        ullMost = std::max<uint64_t>(ullMost, aQueue.m_OwnMost.Get());
     }
     // After its end what was pending then: the queue goes on.
     const uint64_t ullGone = ullRun + ullUnfired;
@@ -493,7 +493,7 @@ DWORD CCmWatchedQueue::Pending(DWORD aStart) const {
     long lPending = long{m_Counts.m_dwSize.load(std::memory_order_relaxed)} +
                     long{m_Counts.m_dwOwn.load(std::memory_order_relaxed)};
     if (IsOf(aStart)) {
-        lPending -= long{m_dwGhosts.Get()};
+        lPending -= long{m_dwGhosts.Get()} + long{m_dwWaysBack.Get()};
     }
     if (IsOwnOf(aStart)) {
         lPending += long{m_dwTaken.Get()};
@@ -501,11 +501,11 @@ DWORD CCmWatchedQueue::Pending(DWORD aStart) const {
     return static_cast<DWORD>(std::max(lPending, 0L));
 }
 
-void CCmWatchedQueue::Begin(DWORD aStart, uint64_t aPending, DWORD aGhosts) {
+void CCmWatchedQueue::Begin(DWORD aStart, uint64_t aPending, DWORD aGhosts, DWORD aWaysBack) {
     m_ullPosted.Set(aPending);
-    m_dwMost.Set(static_cast<DWORD>(aPending));
+    m_Most.Begin(static_cast<DWORD>(aPending));
     m_dwGhosts.Set(aGhosts);
-    m_dwMarked = 0;
+    m_dwWaysBack.Set(aWaysBack);
     m_dwPosts = 0;
     m_Probe.Forget();
     m_dwStart.Set(aStart);
@@ -514,7 +514,7 @@ void CCmWatchedQueue::Begin(DWORD aStart, uint64_t aPending, DWORD aGhosts) {
 void CCmWatchedQueue::BeginOwn(DWORD aStart, uint64_t aOwn) {
     m_ullRun.Set(0);
     m_ullOwnPosted.Set(aOwn);
-    m_dwOwnMost.Set(static_cast<DWORD>(aOwn));
+    m_OwnMost.Begin(static_cast<DWORD>(aOwn));
     m_dwTaken.Set(0);
     m_dwOwnPosts = 0;
     m_OwnProbe.Forget();

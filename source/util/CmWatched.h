@@ -2,7 +2,8 @@
 //
 // Both are objects of the heap that are made when something first happens on a thread, or in a
 // queue, while the watch is on. The registry lists them. Its lock is taken where a thread or a
-// queue begins or ends and by those who read; no event, timer or post waits for it.
+// queue begins or ends and by those who read; no event, timer or post waits for it, but the first
+// one of a thread or a queue.
 //
 // A figure is written by one thread at a time, with plain loads and stores; readers see each as it
 // was a moment ago. They are stored with release and read with acquire, which costs nothing on
@@ -71,6 +72,31 @@ class CCmWatchedT {
 
   private:
     CmStd::atomic<ValueType> m_Value{};
+};
+
+// The most events that were pending.
+class CCmWatchedMost {
+  public:
+    DWORD Get() const { return m_dwMost.Get(); }
+    void Begin(DWORD aPending) {
+        m_dwMost.Set(aPending);
+        m_dwMarked = 0;
+    }
+    // True when it is to be recorded: it is twice the last that was, or so much above it.
+    bool Raise(DWORD aPending) {
+        if (CM_LIKELY(!m_dwMost.Raise(aPending)) ||
+            aPending < (m_dwMarked < MARK_STEP ? 2 * m_dwMarked : m_dwMarked + MARK_STEP)) {
+            return false;
+        }
+        m_dwMarked = aPending;
+        return true;
+    }
+
+  private:
+    static constexpr DWORD MARK_STEP = 16;
+
+    CCmWatchedT<DWORD> m_dwMost;
+    DWORD m_dwMarked = 0;
 };
 
 // A count that several threads add to, now and then; of the latest start.
@@ -260,7 +286,7 @@ class CCmWatchedQueue {
     // with what is pending.
     bool IsOf(DWORD aStart) const { return m_dwStart.Get() == aStart; }
     DWORD Start() const { return m_dwStart.Get(); }
-    void Begin(DWORD aStart, uint64_t aPending, DWORD aGhosts);
+    void Begin(DWORD aStart, uint64_t aPending, DWORD aGhosts, DWORD aWaysBack);
     // The same for what the consumer writes. aOwn: the length of its private list.
     bool IsOwnOf(DWORD aStart) const { return m_dwOwnStart.Get() == aStart; }
     DWORD OwnStart() const { return m_dwOwnStart.Get(); }
@@ -293,7 +319,8 @@ class CCmWatchedQueue {
 
     // Posters and the consumer write to cache lines of their own. Both read these, which change
     // seldom.
-    CCmWatchedT<DWORD> m_dwGhosts;  // the queue counts them as pending; they have been destroyed
+    CCmWatchedT<DWORD> m_dwGhosts;    // the queue counts them as pending; they have been destroyed
+    CCmWatchedT<DWORD> m_dwWaysBack;  // of synchronous sends, in the queue: those events have run
     CCmWatchedProbe m_Probe;
 
   private:
@@ -318,9 +345,8 @@ class CCmWatchedQueue {
   public:
     // Under the queue's lock, by posters.
     CCmWatchedT<uint64_t> m_ullPosted;
-    CCmWatchedT<DWORD> m_dwMost;
-    DWORD m_dwMarked = 0;  // the pending events of the last high-water mark
-    DWORD m_dwPosts = 0;   // since the last probe
+    CCmWatchedMost m_Most;
+    DWORD m_dwPosts = 0;  // since the last probe
 
   private:
     [[maybe_unused]] char m_achBetweenToo[LINE_SIZE];
@@ -329,7 +355,7 @@ class CCmWatchedQueue {
     // The consumer's.
     CCmWatchedT<uint64_t> m_ullRun;
     CCmWatchedT<uint64_t> m_ullOwnPosted;
-    CCmWatchedT<DWORD> m_dwOwnMost;
+    CCmWatchedMost m_OwnMost;
     CCmWatchedT<DWORD> m_dwTaken;  // events that it has taken out and not begun
     CCmWatchedProbe m_OwnProbe;
     DWORD m_dwLeft = 0;        // that it has left in the queue when it took those

@@ -72,7 +72,8 @@ class ScopedCallHook {
                   &T::ioctl, &T::gethostbyname, &T::access, &T::mkdir, &T::fdopen, &T::fgets,
                   &T::regcomp, &T::regexec, &T::malloc, &T::strdup, &T::if_nametoindex, &T::stat,
                   &T::getaddrinfo, &T::freeaddrinfo, &T::mmap, &T::mprotect, &T::pthread_key_create,
-                  &T::pthread_setspecific>();
+                  &T::pthread_setspecific, &T::pthread_atfork, &T::openat, &T::unlinkat, &T::flock,
+                  &T::posix_fallocate, &T::fdopendir>();
     }
     ~ScopedCallHook() { UTIL_NS::g_cmSystem = s_everyCallOriginals; }
     ScopedCallHook(const ScopedCallHook&) = delete;
