@@ -62,7 +62,7 @@ def faults(build, directories, without, whole, ctest):
                 yield f"{source}: ctest has no {case}"
     for script in found_in(directories, "*_test.py", without + whole):
         for case in SCRIPT_CASE.findall(script.read_text()):
-            if not re.search(rf"^\w+\.{case}$", text, re.M):
+            if not re.search(rf"^[\w-]+\.{case}$", text, re.M):
                 yield f"{script}: ctest has no {case}"
 
 
