@@ -8,6 +8,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <string>
 
 #include "CmAddress.h"
@@ -52,6 +53,24 @@ constexpr char APPLICATION[] = "/Applications/Host.app/Contents/MacOS/Host";
 constexpr char FRAMEWORK[] = "/Apps/util.framework/Versions/A/util";
 constexpr char PLAIN[] = "/Apps/lib/util.dylib";
 constexpr char BUNDLE[] = "/Apps/lib/yrktrace.bundle";
+
+// ---- Files
+
+TEST(CmPortMacFiles, HaveTheirSize_WhenTheSystemKeepsNoBlocksReady) {
+    char szPath[] = "/tmp/kelto_portXXXXXX";
+    const int nFile = mkstemp(szPath);
+    ASSERT_LE(0, nFile);
+    unlink(szPath);
+    EXPECT_EQ(0, CmPortAllocateFile(nFile, 0, 100000));
+    EXPECT_EQ(100000, lseek(nFile, 0, SEEK_END));
+    close(nFile);
+    EXPECT_EQ(EBADF, CmPortAllocateFile(nFile, 0, 100000));
+}
+
+TEST(CmPortMacFiles, HaveNoDirectoryOfTheUsers_WhereTheSystemKnowsNone) {
+    char szPath[100];
+    EXPECT_FALSE(CmPortUserDirectory(szPath, sizeof(szPath)));
+}
 
 // ---- Semaphores
 

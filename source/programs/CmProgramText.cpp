@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <ctime>
+#include <iterator>
 #include <memory>
 #include <vector>
 
@@ -83,6 +84,30 @@ void ForEachCharacter(std::string_view aText, KeepType aKeep, ReplaceType aRepla
         }
         aText.remove_prefix(std::max<size_t>(first.length, 1));
     }
+}
+
+struct CCodes {
+    uint32_t first;
+    uint32_t last;
+};
+// Marks that stand over the character before them.
+constexpr CCodes COMBINING[] = {{0x0300, 0x036F}, {0x1AB0, 0x1AFF}, {0x1DC0, 0x1DFF},
+                                {0x20D0, 0x20FF}, {0xFE00, 0xFE0F}, {0xFE20, 0xFE2F}};
+// East Asian characters and pictures.
+constexpr CCodes WIDE[] = {
+    {0x1100, 0x115F},   {0x2E80, 0x303E},   {0x3041, 0xA4CF},  {0xA960, 0xA97C}, {0xAC00, 0xD7A3},
+    {0xF900, 0xFAFF},   {0xFE30, 0xFE6F},   {0xFF01, 0xFF60},  {0xFFE0, 0xFFE6}, {0x1F300, 0x1F64F},
+    {0x1F680, 0x1F6FF}, {0x1F900, 0x1FAFF}, {0x20000, 0x3FFFD}};
+
+// On a terminal.
+size_t ColumnsOf(uint32_t aCode) {
+    const auto isIn = [aCode](const CCodes& aCodes) {
+        return aCode >= aCodes.first && aCode <= aCodes.last;
+    };
+    if (std::any_of(std::begin(WIDE), std::end(WIDE), isIn)) {
+        return 2;
+    }
+    return std::any_of(std::begin(COMBINING), std::end(COMBINING), isIn) ? 0 : 1;
 }
 
 std::string Escaped(unsigned char aByte) {
@@ -259,24 +284,35 @@ std::string CmXmlText(std::string_view aText) {
 }
 
 size_t CmColumns(std::string_view aText) {
-    return static_cast<size_t>(std::count_if(aText.begin(), aText.end(), [](char aChar) {
-        return (static_cast<unsigned char>(aChar) & 0xC0) != 0x80;
-    }));
+    size_t nColumns = 0;
+    ForEachCharacter(
+        aText, [&](std::string_view, uint32_t aCode) { nColumns += ColumnsOf(aCode); },
+        [&](unsigned char) { ++nColumns; });
+    return nColumns;
 }
 
 std::string CmCut(std::string_view aText, size_t aColumns) {
     if (CmColumns(aText) <= aColumns) {
         return std::string(aText);
     }
-    std::string strOut;
-    size_t nLeft = aColumns;
-    while (nLeft > 1) {
-        const size_t nLength = std::max<size_t>(FirstCharacter(aText).length, 1);
-        strOut += aText.substr(0, nLength);
-        aText.remove_prefix(nLength);
-        --nLeft;
+    if (aColumns == 0) {
+        return "";
     }
-    return nLeft == 1 ? strOut + ELLIPSIS : strOut;
+    size_t nKept = 0;
+    size_t nColumns = 1;  // of the mark
+    bool bFits = true;
+    ForEachCharacter(
+        aText,
+        [&](std::string_view aCharacter, uint32_t aCode) {
+            nColumns += ColumnsOf(aCode);
+            bFits = bFits && nColumns <= aColumns;
+            nKept += bFits ? aCharacter.size() : 0;
+        },
+        [&](unsigned char) {
+            bFits = bFits && ++nColumns <= aColumns;
+            nKept += bFits ? 1 : 0;
+        });
+    return std::string(aText.substr(0, nKept)) + ELLIPSIS;
 }
 
 std::string CmPadRight(std::string_view aText, size_t aColumns) {

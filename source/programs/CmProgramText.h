@@ -21,7 +21,7 @@ std::string CmJsonText(std::string_view aText);
 // For the text and the attributes of XML; what XML does not allow becomes U+FFFD.
 std::string CmXmlText(std::string_view aText);
 
-// The columns that a printable text takes on a terminal, one for each character.
+// The columns that a printable text takes on a terminal: none, one or two for each character.
 size_t CmColumns(std::string_view aText);
 // At most aColumns columns of a printable text, cut at the end, which is marked.
 std::string CmCut(std::string_view aText, size_t aColumns);

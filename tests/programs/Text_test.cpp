@@ -76,6 +76,19 @@ TEST_F(ProgramText, IsCutByCharacters) {
     EXPECT_EQ(CmPadLeft("12345", 4), "123\xE2\x80\xA6");
 }
 
+TEST_F(ProgramText, TakesTheColumnsThatATerminalGivesIt) {
+    const std::string strWide = "\xE4\xBC\x9A\xE8\xAE\xAE";  // two characters
+    EXPECT_EQ(CmColumns(strWide), 4U);
+    EXPECT_EQ(CmColumns("\xF0\x9F\x98\x80"), 2U);
+    EXPECT_EQ(CmColumns("a\xCC\x88"), 1U) << "a and its dots";
+    EXPECT_EQ(CmColumns("\xC3\xA4\xE2\x80\xA6"), 2U);
+    EXPECT_EQ(CmCut(strWide, 4), strWide);
+    EXPECT_EQ(CmCut(strWide, 3), "\xE4\xBC\x9A\xE2\x80\xA6");
+    EXPECT_EQ(CmCut(strWide, 2), "\xE2\x80\xA6") << "half of one is none";
+    EXPECT_EQ(CmPadRight(strWide, 2), "\xE2\x80\xA6 ");
+    EXPECT_EQ(CmPadLeft(strWide, 5), " " + strWide);
+}
+
 TEST_F(ProgramText, NamesClassesAsTheirSourceDoes) {
     EXPECT_EQ(CmClassName("4CBad"), "CBad");
     EXPECT_EQ(CmClassName("N5media7CPacketE"), "media::CPacket");

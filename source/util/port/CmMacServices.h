@@ -5,6 +5,9 @@
 #ifndef CM_MAC_SERVICES_H
 #define CM_MAC_SERVICES_H
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cstddef>
 
 #if __has_include(<ApplicationServices/ApplicationServices.h>)
@@ -113,6 +116,24 @@ OSErr GetProcessInformation(const ProcessSerialNumber* aProcess, ProcessInfoRec*
 
 #endif
 
+// ---- Files, for a build elsewhere
+
+#ifndef F_PREALLOCATE
+struct fstore_t {
+    unsigned fst_flags;
+    int fst_posmode;
+    off_t fst_offset;
+    off_t fst_length;
+    off_t fst_bytesalloc;
+};
+#define F_PREALLOCATE 42
+#define F_ALLOCATEALL 4
+#define F_PEOFPOSMODE 3
+#endif
+#ifndef _CS_DARWIN_USER_TEMP_DIR
+#define _CS_DARWIN_USER_TEMP_DIR 65537
+#endif
+
 // What the library was built to, wherever the declarations come from.
 static_assert(sizeof(FSRef) == 80, "a file reference");
 static_assert(sizeof(HFSUniStr255) == 512 && offsetof(HFSUniStr255, unicode) == 2,
@@ -136,6 +157,8 @@ static_assert(sizeof(ProcessInfoRec) == 72 && offsetof(ProcessInfoRec, processIn
                   offsetof(ProcessInfoRec, processActiveTime) == 60 &&
                   offsetof(ProcessInfoRec, processAppRef) == 64,
               "the process information's record");
+static_assert(sizeof(fstore_t) == 32 && offsetof(fstore_t, fst_length) == 16,
+              "what a file is to have");
 static_assert(kLSRequestExtension == 1, "the flag that asks for the extension");
 
 // ---- POSIX threads
