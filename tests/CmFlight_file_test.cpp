@@ -712,6 +712,48 @@ TEST(CmFlightFile, LetsOtherBusErrorsEndTheProcess_WhenNobodyHandlesThem) {
     }
 }
 
+// As those do that report a crash: they return, and the fault comes again and ends the process.
+TEST(CmFlightFile, LetsOtherBusErrorsEndTheProcess_WhenTheirHandlerIsForOne) {
+    const ScopedDirectory directory;
+    for (const bool bIsSent : {false, true}) {
+        const int nStatus = StatusOfChild([&] {
+            struct sigaction action = {};
+            action.sa_handler = [](int) {
+                if (++s_nHandled > 1) {
+                    _exit(1);
+                }
+            };
+            action.sa_flags = static_cast<int>(SA_RESETHAND);
+            EXPECT_EQ(0, sigaction(SIGBUS, &action, nullptr));
+            EXPECT_EQ(CM_OK, CCmFlight::Open(Options(directory.path().c_str())));
+            if (bIsSent) {
+                raise(SIGBUS);
+                EXPECT_EQ(1, s_nHandled);
+                CCmFlight::Close();
+                raise(SIGBUS);
+            } else {
+                FaultElsewhere(directory.path() + "/other");
+            }
+        });
+        EXPECT_TRUE(WIFSIGNALED(nStatus)) << nStatus;
+        EXPECT_EQ(SIGBUS, WTERMSIG(nStatus));
+    }
+}
+
+TEST(CmFlightFile, LetsOtherBusErrorsEndTheProcess_WhenTheDefaultHasAHandlersFlags) {
+    const ScopedDirectory directory;
+    const int nStatus = StatusOfChild([&] {
+        struct sigaction action = {};
+        action.sa_handler = SIG_DFL;
+        action.sa_flags = SA_SIGINFO;
+        EXPECT_EQ(0, sigaction(SIGBUS, &action, nullptr));
+        EXPECT_EQ(CM_OK, CCmFlight::Open(Options(directory.path().c_str())));
+        FaultElsewhere(directory.path() + "/other");
+    });
+    EXPECT_TRUE(WIFSIGNALED(nStatus)) << nStatus;
+    EXPECT_EQ(SIGBUS, WTERMSIG(nStatus));
+}
+
 TEST(CmFlightFile, StaysTheHandlerBefore_WhenSomebodyInstallsOneAfterIt) {
     EXPECT_EQ(0, StatusOfChild([] {
                   static struct sigaction s_before;

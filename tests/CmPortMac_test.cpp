@@ -67,7 +67,7 @@ TEST(CmPortMacFiles, HaveTheirSize_WhenTheSystemKeepsNoBlocksReady) {
     EXPECT_EQ(EBADF, CmPortAllocateFile(nFile, 0, 100000));
 }
 
-TEST(CmPortMacFiles, HaveNoDirectoryOfTheUsers_WhereTheSystemKnowsNone) {
+TEST(CmPortMacFiles, HaveNoDirectoryOfTheUsers_WhenTheSystemKnowsNone) {
     char szPath[100];
     EXPECT_FALSE(CmPortUserDirectory(szPath, sizeof(szPath)));
 }

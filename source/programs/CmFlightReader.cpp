@@ -18,8 +18,7 @@ namespace {
 // What a file may have at most, so that no file makes a reader take memory beyond bounds. Those of
 // the library have fewer.
 constexpr uint32_t MOST_CLASSES = 4096;
-constexpr uint64_t MOST_UNITS_READ = uint64_t{1} << 21;  // of all rings together
-constexpr int READINGS = 8;                              // of figures that are being written
+constexpr int READINGS = 8;  // of figures that are being written
 
 unsigned long long Printed(uint64_t aNumber) {
     return aNumber;
@@ -178,7 +177,7 @@ bool CCmFlightReader::ReadSlot(uint32_t aSlot, CCmFlightSlot* aOut) {
     return true;
 }
 
-bool CCmFlightReader::ReadRing(uint32_t aSlot, CCmFlightSlot* aOut, CRing* aRing) {
+bool CCmFlightReader::ReadRing(uint32_t aSlot, uint64_t aMost, CCmFlightSlot* aOut, CRing* aRing) {
     if (!ReadSlot(aSlot, aOut)) {
         return false;
     }
@@ -195,8 +194,7 @@ bool CCmFlightReader::ReadRing(uint32_t aSlot, CCmFlightSlot* aOut, CRing* aRing
     const uint64_t ullEnd = aOut->m_ullWritten;
     ullWritten = std::max(ullWritten, ullEnd);
     const uint64_t ullWhole = ullWritten >= ullCount ? ullWritten - ullCount + 1 : 0;
-    const uint64_t ullMost = MOST_UNITS_READ / std::max<uint64_t>(m_Header.m_dwSlotCount, 1);
-    const uint64_t ullLimit = ullEnd > ullMost ? ullEnd - ullMost : 0;
+    const uint64_t ullLimit = ullEnd > aMost ? ullEnd - aMost : 0;
     aRing->isLimited = ullLimit > ullWhole;
     aRing->first = std::min(std::max(ullWhole, ullLimit), ullEnd);
     aRing->units.clear();

@@ -39,7 +39,8 @@ class CCmFlightReader {
     bool Open(const std::string& aPath);
     bool Read();  // header, state and classes; Open does it as well
     bool ReadSlot(uint32_t aSlot, CCmFlightSlot* aOut);
-    bool ReadRing(uint32_t aSlot, CCmFlightSlot* aOut, CRing* aRing);
+    // The last units, at most aMost.
+    bool ReadRing(uint32_t aSlot, uint64_t aMost, CCmFlightSlot* aOut, CRing* aRing);
     bool CheckSize();  // whether the file is as long as it says
     const std::string& Error() const { return m_strError; }
 

@@ -10,6 +10,9 @@ namespace UTIL_NS {
 
 namespace {
 
+// Of all rings together, so that memory stays bounded.
+constexpr uint64_t MOST_UNITS = uint64_t{1} << 21;
+
 // Posts carry the time of a clock that moves every few milliseconds.
 constexpr int64_t COARSE_USEC = 20000;
 
@@ -238,6 +241,15 @@ void FindPosts(CCmFlightRecords* aRecords) {
     }
 }
 
+uint32_t UsedRings(CCmFlightReader& aReader) {
+    uint32_t dwUsed = 0;
+    for (uint32_t i = 0; i < aReader.SlotCount(); ++i) {
+        CCmFlightSlot slot = {};
+        dwUsed += aReader.ReadSlot(i, &slot) && slot.m_ullWritten > 0 ? 1 : 0;
+    }
+    return dwUsed;
+}
+
 bool IsBefore(const CCmFlightRecord& aOne, const CCmFlightRecord& aOther) {
     return aOne.usec != aOther.usec ? aOne.usec < aOther.usec : aOne.kind < aOther.kind;
 }
@@ -256,10 +268,14 @@ bool CmRecordOf(const std::string& aName, ECmRecord* aKind) {
 
 CCmFlightRecords CmReadRecords(CCmFlightReader& aReader) {
     CCmFlightRecords out;
+    const uint64_t ullShare = MOST_UNITS / std::max<uint64_t>(UsedRings(aReader), 1);
+    uint64_t ullLeft = MOST_UNITS;  // rings may have come into use meanwhile
     for (uint32_t i = 0; i < aReader.SlotCount(); ++i) {
         CCmFlightReader::CRing ring;
         CCmFlightSlot slot = {};
-        if (!aReader.ReadRing(i, &slot, &ring)) {
+        const bool bRead = aReader.ReadRing(i, std::min(ullShare, ullLeft), &slot, &ring);
+        ullLeft -= ring.units.size();
+        if (!bRead) {
             out.error = out.error.empty() ? aReader.Error() : out.error;
             continue;
         }

@@ -235,11 +235,21 @@ class FlightTest(ProgramTest):
         slot = recording.add(1, "net")
         for n in range(4095):
             slot.event(START + n, 1, 1)
-        recording.slots += [recording.add(n, "idle", state=FREE) for n in range(2, 600)]
-        recording.slots = recording.slots[:600]
-        text = self.printed(recording).splitlines()
+        recording.slots = [slot] * 600
+        text = self.printed(recording, "--threads").splitlines()
         self.assertIn("# There are more records; of each thread the last ones are taken.", text)
-        self.assertEqual(len(text), 2 + 2 ** 21 // 600)
+        self.assertEqual({line.split()[-1] for line in text[2:]}, {f"records={2 ** 21 // 600}"})
+        self.assertEqual(len(text), 2 + 600)
+
+    def test_TakesAllRecords_WhenMostPlacesAreUnused(self):
+        recording = Recording(units=4096)
+        slot = recording.add(1, "net")
+        for n in range(4095):
+            slot.event(START + n, 1, 1)
+        for n in range(2, 601):
+            recording.add(n, "idle", state=FREE)
+        text = self.printed(recording).splitlines()
+        self.assertEqual(len(text), 1 + 4095)
         self.assertIn(".004094", text[-1])
 
     # -- timeline

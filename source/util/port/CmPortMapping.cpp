@@ -24,6 +24,13 @@ CmStd::atomic<int> s_nState{STATE_WHOLE};
 // Written before the handler is installed, which then stays the way to the one before it.
 struct sigaction s_previous;
 bool s_bIsInstalled = false;
+// A handler before that was for one signal only has had it.
+CmStd::atomic<bool> s_bIsUsed{false};
+
+// Whatever the flags: both kinds are at the same place.
+bool HadHandler() {
+    return s_previous.sa_handler != SIG_DFL && s_previous.sa_handler != SIG_IGN;
+}
 
 bool IsGuarded(const void* aAddress) {
     const size_t nSize = s_nSize.load(std::memory_order_acquire);
@@ -33,16 +40,17 @@ bool IsGuarded(const void* aAddress) {
 // The handler before, or the system's action: what faulted faults again, and what a process sent is
 // sent again and comes when the handler returns.
 void PassOn(int aSignal, siginfo_t* aInfo, void* aContext) {
-    if ((s_previous.sa_flags & SA_SIGINFO) != 0) {
-        s_previous.sa_sigaction(aSignal, aInfo, aContext);
+    const bool bIsForOne = (s_previous.sa_flags & static_cast<int>(SA_RESETHAND)) != 0;
+    if (HadHandler() && !(bIsForOne && s_bIsUsed.exchange(true, std::memory_order_relaxed))) {
+        if ((s_previous.sa_flags & SA_SIGINFO) != 0) {
+            s_previous.sa_sigaction(aSignal, aInfo, aContext);
+        } else {
+            s_previous.sa_handler(aSignal);
+        }
         return;
     }
     const bool bIsFault = aInfo->si_code > 0 && aInfo->si_code != SI_USER;
     if (s_previous.sa_handler == SIG_IGN && !bIsFault) {
-        return;
-    }
-    if (s_previous.sa_handler != SIG_DFL && s_previous.sa_handler != SIG_IGN) {
-        s_previous.sa_handler(aSignal);
         return;
     }
     struct sigaction action = {};
@@ -102,7 +110,9 @@ void CmPortGuardMapping(void* aBegin, size_t aSize) {
     struct sigaction action = {};
     action.sa_sigaction = &OnBusError;
     action.sa_mask = s_previous.sa_mask;
-    action.sa_flags = SA_SIGINFO | SA_ONSTACK | (s_previous.sa_flags & (SA_NODEFER | SA_RESTART));
+    action.sa_flags = SA_SIGINFO | (HadHandler() ? s_previous.sa_flags & SA_ONSTACK : SA_ONSTACK) |
+                      (s_previous.sa_flags & (SA_NODEFER | SA_RESTART));
+    s_bIsUsed.store(false, std::memory_order_relaxed);
     sigaction(SIGBUS, &action, nullptr);
     s_bIsInstalled = true;
 }
@@ -112,6 +122,9 @@ void CmPortUnguardMapping() {
     s_nSize.store(0, std::memory_order_relaxed);
     struct sigaction action = {};
     if (s_bIsInstalled && sigaction(SIGBUS, nullptr, &action) == 0 && IsOurs(action)) {
+        if (s_bIsUsed.load(std::memory_order_relaxed)) {
+            s_previous = {};
+        }
         sigaction(SIGBUS, &s_previous, nullptr);
         s_bIsInstalled = false;
     }
