@@ -502,7 +502,7 @@ TEST(CmFlight, NamesThePoster_WhenItHasEndedAndAnotherHasItsRing) {
     long long llUsec = 0;
     const auto find = [&](uintptr_t aEvent, const void* aTable, long long aUsec) {
         std::memset(szPoster, 0, sizeof(szPoster));
-        return CCmFlight::FindPost(Address(aEvent), aTable, aUsec, llUsec, szPoster);
+        return CCmFlight::FindPost(Address(aEvent), aTable, nullptr, aUsec, llUsec, szPoster);
     };
     EXPECT_TRUE(find(0x2000, pTable, 100));
     EXPECT_STREQ("after it", szPoster);
@@ -549,7 +549,7 @@ TEST(CmFlight, FindsWholePosts_WhileTheThreadRecords) {
         const uintptr_t nEvent = 1 + i % 64;
         long long llUsec = 0;
         char szPoster[CM_FLIGHT_NAME_SIZE] = {};
-        if (CCmFlight::FindPost(Address(nEvent), nullptr, INT64_MAX, llUsec, szPoster)) {
+        if (CCmFlight::FindPost(Address(nEvent), nullptr, nullptr, INT64_MAX, llUsec, szPoster)) {
             ++nFound;
             EXPECT_EQ(nEvent, static_cast<uintptr_t>(1 + llUsec % 64));
             EXPECT_STREQ("poster", szPoster);

@@ -1035,6 +1035,54 @@ TEST(CCmWatch, KnowsAPosterByItsName_WhenItTracedALineBeforeItHadOne) {
     EXPECT_EQ(1U, sink.count("CSlowEvent postedBy=late name waitedUsec="));
 }
 
+// Its memory is used again, as that of most events is.
+class CReusedEvent final : public ICmEvent {
+  public:
+    explicit CReusedEvent(std::function<void()> aFunction) : m_Function(std::move(aFunction)) {}
+    CmResult OnEventFire() override {
+        m_Function();
+        return CM_OK;
+    }
+    void OnDestorySelf() override {}
+
+    std::function<void()> m_Function;
+};
+
+TEST(CCmWatch, TakesNoEarlierPosterForThatOfASlowEvent_WhenItsRecordIsOverwritten) {
+    ASSERT_EQ(CM_OK, CCmWatch::Start(CCmWatchOptions().Record(false).Records(256)));
+    ScopedTraceSink sink;
+    CCmWorker worker(Named("reused"));
+    CCmWorker other(Named("other"));
+    CCmWorker quiet(Named("quiet"));
+    CCmWorker busy(Named("busy"));
+    const auto post = [](CCmWorker& aWorker, ICmEvent* aEvent) {
+        aWorker.GetEventQueue()->PostEvent(aEvent, ICmEventQueue::EPRIORITY_NORMAL);
+    };
+    Gate isOver;
+    CReusedEvent event([] {});
+    Gate isPosted;
+    CmPost(worker, [&] { isPosted.Wait(); });
+    CmCall(quiet, [&] { post(worker, &event); });
+    std::this_thread::sleep_for(20ms);  // more than a step of the coarse clock
+    isPosted.Open();
+    CmCall(worker, [] {});
+    event.m_Function = [&] {
+        isOver.Wait();
+        TakeLong();
+    };
+    CmCall(busy, [&] {
+        post(worker, &event);
+        for (int i = 0; i < 3000; ++i) {
+            post(other, new CNothing);
+        }
+    });
+    isOver.Open();
+    CmCall(worker, [] {});
+    EXPECT_EQ(1U, sink.count("CReusedEvent postedBy="));
+    EXPECT_EQ(0U, sink.count("postedBy=quiet"));
+    CCmWatch::Stop();
+}
+
 TEST(CCmWatch, SaysWhatASlowEventWas) {
     const ScopedWatch watch;
     ScopedTraceSink sink;

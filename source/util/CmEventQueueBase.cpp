@@ -596,7 +596,8 @@ void CCmEventQueueSteps::CPass::RunWatched(ICmEvent* aEvent) {
 //
 // An event starts where the one before has ended, which may be shortly before it was posted; so its
 // post is looked for up to its end, less what the clock of posts may be late: what has been posted
-// at the same address since is another event.
+// at the same address since is another event. So is one that was posted before, if by that clock an
+// event has run there since: the record of this post has been overwritten.
 void CCmEventQueueSteps::CPass::ReportWatched(const ICmEvent* aEvent, const void* aTable,
                                               long long aStart, long long aWaited,
                                               long long aRan) const {
@@ -606,8 +607,13 @@ void CCmEventQueueSteps::CPass::ReportWatched(const ICmEvent* aEvent, const void
     char szWaited[24] = "unknown";
     long long llPosted = 0;
     const long long llLastPost = aStart + aRan - CM_PORT_COARSE_USEC;
-    if (CCmFlight::FindPost(aEvent, aTable, llLastPost, llPosted, szPoster)) {
-        aWaited = aWaited >= 0 ? aWaited : std::max(aStart - llPosted, 0LL);
+    if (CCmFlight::FindPost(aEvent, aTable, &m_Queue, llLastPost, llPosted, szPoster)) {
+        const CCmFlightRing* const pRing = m_Run.Thread()->Ring();
+        if (pRing != nullptr && pRing->HasRun(aEvent, llPosted + CM_PORT_COARSE_USEC, aStart)) {
+            std::snprintf(szPoster, sizeof(szPoster), "unknown");
+        } else if (aWaited < 0) {
+            aWaited = std::max(aStart - llPosted, 0LL);
+        }
     }
     if (aWaited >= 0) {
         std::snprintf(szWaited, sizeof(szWaited), "%lld", aWaited);

@@ -771,18 +771,36 @@ bool CCmFlightRing::Read(uint64_t aNumber, CCmFlightUnit& aUnit) const {
 
 bool CCmFlightRing::FindPost(const void* aEvent, long long aNotAfterUsec, long long& aUsec) const {
     uint64_t ullNumber = 0;
-    return Find(aEvent, nullptr, aNotAfterUsec, aUsec, ullNumber);
+    return Find(aEvent, nullptr, nullptr, aNotAfterUsec, aUsec, ullNumber);
 }
 
-bool CCmFlightRing::Find(const void* aEvent, const void* aTable, long long aNotAfterUsec,
-                         long long& aUsec, uint64_t& aNumber) const {
+bool CCmFlightRing::HasRun(const void* aEvent, long long aAfterUsec, long long aBeforeUsec) const {
+    CCmFlightUnit unit;
+    uint64_t ullNumber = __atomic_load_n(&m_ullWritten, __ATOMIC_ACQUIRE);
+    while (ullNumber-- > 0 && Read(ullNumber, unit)) {
+        if (CmFlightKind(unit.m_ullHead) != CCmFlightUnit::EVENT ||
+            unit.m_ullWords[2] != CmFlightAddress(aEvent)) {
+            continue;
+        }
+        const auto llStart = static_cast<long long>(CmFlightTime(unit.m_ullHead));
+        const auto llLength = static_cast<long long>(CmFlightRunLength(unit.m_ullWords[0]));
+        if (llStart < aBeforeUsec && llStart + llLength > aAfterUsec) {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool CCmFlightRing::Find(const void* aEvent, const void* aTable, const void* aQueue,
+                         long long aNotAfterUsec, long long& aUsec, uint64_t& aNumber) const {
     CCmFlightUnit unit;
     uint64_t ullNumber = __atomic_load_n(&m_ullWritten, __ATOMIC_ACQUIRE);
     while (ullNumber-- > 0 && Read(ullNumber, unit)) {
         const long long llUsec = static_cast<long long>(CmFlightTime(unit.m_ullHead));
         if (CmFlightKind(unit.m_ullHead) == CCmFlightUnit::POST &&
             unit.m_ullWords[1] == CmFlightAddress(aEvent) && llUsec <= aNotAfterUsec &&
-            (aTable == nullptr || unit.m_ullWords[0] == CmFlightAddress(aTable))) {
+            (aTable == nullptr || unit.m_ullWords[0] == CmFlightAddress(aTable)) &&
+            (aQueue == nullptr || unit.m_ullWords[2] == CmFlightAddress(aQueue))) {
             aUsec = llUsec;
             aNumber = ullNumber;
             return true;
@@ -830,8 +848,9 @@ bool CCmFlight::CopyClassName(const void* aTable, char (&aName)[CM_FLIGHT_CLASS_
     return false;
 }
 
-bool CCmFlight::FindPost(const void* aEvent, const void* aTable, long long aNotAfterUsec,
-                         long long& aUsec, char (&aPoster)[CM_FLIGHT_NAME_SIZE]) {
+bool CCmFlight::FindPost(const void* aEvent, const void* aTable, const void* aQueue,
+                         long long aNotAfterUsec, long long& aUsec,
+                         char (&aPoster)[CM_FLIGHT_NAME_SIZE]) {
     CHold hold;
     const CState& state = CState::s_State;
     const CCmFlightRing* pFound = nullptr;
@@ -839,7 +858,7 @@ bool CCmFlight::FindPost(const void* aEvent, const void* aTable, long long aNotA
     for (uint32_t i = 0; i < state.m_dwSlots; ++i) {
         long long llUsec = 0;
         uint64_t ullNumber = 0;
-        if (state.m_pRings[i].Find(aEvent, aTable, aNotAfterUsec, llUsec, ullNumber) &&
+        if (state.m_pRings[i].Find(aEvent, aTable, aQueue, aNotAfterUsec, llUsec, ullNumber) &&
             (pFound == nullptr || llUsec > aUsec)) {
             pFound = &state.m_pRings[i];
             ullFound = ullNumber;

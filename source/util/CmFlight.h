@@ -51,6 +51,9 @@ class CCmFlightRing {
     // The youngest Post of aEvent not later than aNotAfterUsec that is still there. Any thread,
     // while the ring's thread goes on.
     bool FindPost(const void* aEvent, long long aNotAfterUsec, long long& aUsec) const;
+    // Whether an event with this address began before aBeforeUsec and ended after aAfterUsec, as
+    // far as its record is still there.
+    bool HasRun(const void* aEvent, long long aAfterUsec, long long aBeforeUsec) const;
 
   private:
     friend class CCmFlight;
@@ -72,9 +75,9 @@ class CCmFlightRing {
 
     // Reads unit aNumber, which the ring's thread may be about to overwrite: false then.
     bool Read(uint64_t aNumber, CCmFlightUnit& aUnit) const;
-    // FindPost with the number of the unit; aTable: null for any.
-    bool Find(const void* aEvent, const void* aTable, long long aNotAfterUsec, long long& aUsec,
-              uint64_t& aNumber) const;
+    // FindPost with the number of the unit; aTable, aQueue: null for any.
+    bool Find(const void* aEvent, const void* aTable, const void* aQueue, long long aNotAfterUsec,
+              long long& aUsec, uint64_t& aNumber) const;
     // The name in the last THREAD before unit aNumber; empty when it has been overwritten.
     void FindName(uint64_t aNumber, char (&aName)[CM_FLIGHT_NAME_SIZE]) const;
 
@@ -114,8 +117,9 @@ class CCmFlight {
     // The youngest post of aEvent, whose class has aTable, in all rings, as in
     // CCmFlightRing::FindPost, and the name of the thread that posted; aPoster stays as it is when
     // that has been overwritten.
-    static bool FindPost(const void* aEvent, const void* aTable, long long aNotAfterUsec,
-                         long long& aUsec, char (&aPoster)[CM_FLIGHT_NAME_SIZE]);
+    static bool FindPost(const void* aEvent, const void* aTable, const void* aQueue,
+                         long long aNotAfterUsec, long long& aUsec,
+                         char (&aPoster)[CM_FLIGHT_NAME_SIZE]);
 
     // The name that was copied when a record first told of the class with this table, whose module
     // may be gone by now: empty for a class without type information. False when none has.

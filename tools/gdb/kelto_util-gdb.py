@@ -337,7 +337,7 @@ class Watch:
                           for name in ("m_dwSize", "m_dwOwn"))
             if int(plain(queue["m_dwStart"])) == self.start:
                 found["posted"] += int(plain(queue["m_ullPosted"]))
-                pending -= int(plain(queue["m_dwGhosts"]))
+                pending -= int(plain(queue["m_dwGhosts"])) + int(plain(queue["m_dwWaysBack"]))
             if int(plain(queue["m_dwOwnStart"])) == self.start:
                 found["posted"] += int(plain(queue["m_ullOwnPosted"]))
                 found["run"] += int(plain(queue["m_ullRun"]))

@@ -254,6 +254,7 @@ class Watch:
             if self.number_of(queue, "m_dwStart") == self.start:
                 found["posted"] += self.number_of(queue, "m_ullPosted")
                 pending -= self.number_of(queue, "m_dwGhosts")
+                pending -= self.number_of(queue, "m_dwWaysBack")
             if self.number_of(queue, "m_dwOwnStart") == self.start:
                 found["posted"] += self.number_of(queue, "m_ullOwnPosted")
                 found["run"] += self.number_of(queue, "m_ullRun")
