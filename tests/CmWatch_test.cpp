@@ -811,6 +811,24 @@ TEST(CCmWatch, MeasuresTheWaitOfOneEventInSixtyFour_WhileTheWorkerIsBusy) {
     EXPECT_LE(30000U, figures.m_Waited.m_ullLongest);
 }
 
+TEST(CCmWatch, MeasuresTheWait_WhenFewEventsComeDuringALongOne) {
+    const ScopedWatch watch;
+    CCmWorker worker(Named("long"));
+    FiguresAtRest(worker);
+    Gate begun;
+    Gate go;
+    CmPost(worker, [&] {
+        begun.Open();
+        go.Wait();
+    });
+    ASSERT_TRUE(begun.Wait());
+    std::this_thread::sleep_for(50ms);  // longer than a coarse clock is late, and ten more
+    CmPost(worker, [] {});
+    std::this_thread::sleep_for(30ms);
+    go.Open();
+    EXPECT_LE(30000U, FiguresAtRest(worker).m_Waited.m_ullLongest);
+}
+
 TEST(CCmWatch, MeasuresTheWait_WhenAnEventWakesTheWorker) {
     const ScopedWatch watch;
     CCmWorker worker(Named("woken"));

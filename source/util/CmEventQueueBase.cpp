@@ -302,7 +302,7 @@ class CCmEventQueueSteps::CPosting {
         if (CM_UNLIKELY(watched.m_Most.Raise(dwPending))) {
             m_dwMark = dwPending;
         }
-        if (watched.m_Probe.Wants(m_pEvent, aIsAwaited, watched.m_dwPosts)) {
+        if (watched.m_Probe.Wants(m_pEvent, aIsAwaited, m_tvCoarseNow, watched.m_dwPosts)) {
             watched.m_Probe.Set(m_pEvent, CmUsecOf(CCmTimeValue::GetTimeOfDay()),
                                 watched.m_dwPosts);
         }
@@ -1556,7 +1556,7 @@ void CCmEventQueueSteps::CLoop::NoteOwnPost(const ICmEvent* aEvent) {
         if (CM_UNLIKELY(pWatched->m_OwnMost.Raise(dwPending) && pRing != nullptr)) {
             pRing->HighWater(CmUsecOf(CCmTimeValue(m_tvCoarseNow)), dwPending, &m_Queue);
         }
-        if (pWatched->m_OwnProbe.Wants(aEvent, false, pWatched->m_dwOwnPosts)) {
+        if (pWatched->m_OwnProbe.Wants(aEvent, false, m_tvCoarseNow, pWatched->m_dwOwnPosts)) {
             pWatched->m_OwnProbe.Set(aEvent, CmUsecOf(CCmTimeValue::GetTimeOfDay()),
                                      pWatched->m_dwOwnPosts);
         }

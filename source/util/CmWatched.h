@@ -14,6 +14,7 @@
 #define CM_WATCHED_H
 
 #include <pthread.h>
+#include <sys/time.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -228,15 +229,16 @@ void CmForEachWatchedThread(VisitType aVisit) {
 // lock: it has the event, so what was set with it lies before.
 class CCmWatchedProbe {
   public:
-    // For each event that is posted. aIsAwaited: the consumer sleeps until it comes. aPosts: how
-    // many there were since the last probe; the poster's.
-    bool Wants(const ICmEvent* aEvent, bool aIsAwaited, DWORD& aPosts) const {
+    // For each event that is posted. aIsAwaited: the consumer sleeps until it comes. aCoarseNow: as
+    // the post has read it. aPosts: how many there were since the last probe; the poster's.
+    bool Wants(const ICmEvent* aEvent, bool aIsAwaited, const timeval& aCoarseNow,
+               DWORD& aPosts) const {
         ++aPosts;
         const ICmEvent* const pEvent = m_pEvent.Get();
         if (CM_LIKELY(pEvent != nullptr && pEvent != aEvent)) {
             return aPosts > LOST_AFTER;
         }
-        return aIsAwaited || aPosts >= POSTS_BETWEEN || pEvent != nullptr;
+        return aIsAwaited || aPosts >= POSTS_BETWEEN || pEvent != nullptr || IsOld(aCoarseNow);
     }
     void Set(const ICmEvent* aEvent, long long aUsec, DWORD& aPosts) {
         aPosts = 0;
@@ -256,12 +258,19 @@ class CCmWatchedProbe {
 
   private:
     static constexpr DWORD POSTS_BETWEEN = 64;
+    static constexpr long long USEC_BETWEEN = 10000;
     // Of a probe that was taken out of the queue and never run. One whose address is posted again
     // is known to be gone.
     static constexpr DWORD LOST_AFTER = 1000000;
 
+    // So that few posts show what a long event has them wait.
+    bool IsOld(const timeval& aCoarseNow) const {
+        const long long llUsec = CmUsecOf(CCmTimeValue(aCoarseNow)) - m_llUsec.Get();
+        return llUsec >= USEC_BETWEEN || llUsec <= -USEC_BETWEEN * 10;  // the clock was set back
+    }
+
     CCmWatchedT<const ICmEvent*> m_pEvent;
-    CCmWatchedT<long long> m_llUsec;
+    CCmWatchedT<long long> m_llUsec;  // of the last one; 0: there was none
 };
 
 // A queue, for as long as it lives.
