@@ -96,7 +96,7 @@ void Handle(int aSignal, void (*aHandler)(int), int aFlags) {
     sigaction(aSignal, &action, nullptr);  // fails for numbers of no signal alone
 }
 
-// Signals come while Wait waits, and at no other time.
+// Signals come while Wait waits and while the terminal takes what is written, at no other time.
 sigset_t WaitedFor() {
     sigset_t signals;
     sigemptyset(&signals);
@@ -175,7 +175,10 @@ CCmTopScreen::EWhat CCmTopScreen::Wait(int64_t aUsec, char* aKey) {
     wait.tv_nsec = static_cast<long>(std::max<int64_t>(aUsec, 0) % USEC_PER_SEC) * 1000;
     sigset_t none;
     sigemptyset(&none);
-    const int nReady = pselect(STDIN_FILENO + 1, &files, nullptr, nullptr, &wait, &none);
+    // One that came while something was written would not end the wait.
+    const bool bHasCome = s_nEnd != 0 || s_bStop != 0 || s_bSize != 0;
+    const int nReady =
+        bHasCome ? 0 : pselect(STDIN_FILENO + 1, &files, nullptr, nullptr, &wait, &none);
     if (s_nEnd != 0) {
         return EWhat::END;
     }

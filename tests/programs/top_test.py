@@ -77,6 +77,17 @@ class Terminal:
             if time.monotonic() > deadline:
                 raise AssertionError("it does not end")
 
+    def wait_until_stopped(self):
+        deadline = time.monotonic() + LIMIT
+        while True:
+            pid, status = os.waitpid(self.pid, os.WUNTRACED | os.WNOHANG)
+            if pid:
+                self.test.assertTrue(os.WIFSTOPPED(status))
+                return
+            if time.monotonic() > deadline:
+                raise AssertionError("it does not stop")
+            self.read(0.01)
+
     def read(self, wait):
         while select.select([self.master], [], [], wait)[0]:
             self.output += os.read(self.master, 65536)
@@ -402,13 +413,29 @@ class TopTest(ProgramTest):
         terminal = Terminal(self, 80, 10, self.live(host()), "--interval", "3600")
         terminal.show()
         os.kill(terminal.pid, signal.SIGTSTP)
-        _, status = os.waitpid(terminal.pid, os.WUNTRACED)
-        self.assertTrue(os.WIFSTOPPED(status))
+        terminal.wait_until_stopped()
         terminal.read(0)
         terminal.assert_restored()
         os.kill(terminal.pid, signal.SIGCONT)
         terminal.wait_for(lambda screens: len(screens) > 1)
         self.assertEqual(terminal.output.count(b"\x1b[?1049h"), 2)
+
+    def test_StopsAndEnds_WhenSignalsComeWhileItWrites(self):
+        terminal = Terminal(self, 80, 10, self.live(host()), "--interval", "3600")
+        terminal.show()
+        for number in (signal.SIGTSTP, signal.SIGTERM):
+            termios.tcflow(terminal.slave, termios.TCOOFF)
+            os.write(terminal.master, b"i")
+            time.sleep(0.3)  # it writes by then, and is held up
+            os.kill(terminal.pid, number)
+            time.sleep(0.1)
+            termios.tcflow(terminal.slave, termios.TCOON)
+            if number == signal.SIGTSTP:
+                terminal.wait_until_stopped()
+                os.kill(terminal.pid, signal.SIGCONT)
+                terminal.wait_for(lambda screens: len(screens) > 2)
+        self.assertEqual(os.WTERMSIG(terminal.wait()), signal.SIGTERM)
+        terminal.assert_restored()
 
     def test_ShowsThatTheProcessHasEnded(self):
         path = self.write(host())
