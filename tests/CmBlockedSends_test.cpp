@@ -19,6 +19,7 @@
 #include "support/Eventually.h"
 #include "support/Faults.h"
 #include "support/Gate.h"
+#include "support/Platform.h"
 #include "support/TraceSink.h"
 
 namespace UTIL_NS {
@@ -242,7 +243,7 @@ TEST(CmBlockedSends, SaysANumber_WhenAThreadHasNoName) {
     Pair pair;
     pair.Run([&] { CmCall(pair.m_right, [] {}); },
              [&] {
-                 pthread_setname_np(pthread_self(), "");
+                 kelto_test::NameThisThread("");
                  CmCall(pair.m_left, [] {});
              });
     EXPECT_NE(std::string::npos, FirstCircle(sink).find("thread 0x"));

@@ -24,6 +24,7 @@
 #include "support/Faults.h"
 #include "support/Flight.h"
 #include "support/Gate.h"
+#include "support/Platform.h"
 #include "support/TraceSink.h"
 
 namespace UTIL_NS {
@@ -94,7 +95,7 @@ class LongSend {
   public:
     LongSend()
         : m_llBefore(CmMonotonicNsec()), m_sender([this] {
-              pthread_setname_np(pthread_self(), "sender");
+              kelto_test::NameThisThread("sender");
               EXPECT_EQ(CM_OK, m_consumer.GetEventQueue()->SendEvent(new SlowEvent(m_release)));
           }) {}
     ~LongSend() {

@@ -36,6 +36,9 @@ def host():
     return recording
 
 
+ENTER = b"\x1b[?1049h"
+
+
 class Terminal:
     """A terminal of that size which kelto-top runs in."""
 
@@ -417,8 +420,7 @@ class TopTest(ProgramTest):
         terminal.read(0)
         terminal.assert_restored()
         os.kill(terminal.pid, signal.SIGCONT)
-        terminal.wait_for(lambda screens: len(screens) > 1)
-        self.assertEqual(terminal.output.count(b"\x1b[?1049h"), 2)
+        terminal.wait_for(lambda screens: terminal.output.count(ENTER) == 2)
 
     def test_StopsAndEnds_WhenSignalsComeWhileItWrites(self):
         terminal = Terminal(self, 80, 10, self.live(host()), "--interval", "3600")
@@ -433,7 +435,7 @@ class TopTest(ProgramTest):
             if number == signal.SIGTSTP:
                 terminal.wait_until_stopped()
                 os.kill(terminal.pid, signal.SIGCONT)
-                terminal.wait_for(lambda screens: len(screens) > 2)
+                terminal.wait_for(lambda screens: terminal.output.count(ENTER) == 2)
         self.assertEqual(os.WTERMSIG(terminal.wait()), signal.SIGTERM)
         terminal.assert_restored()
 
