@@ -6,6 +6,7 @@
 #include <pthread.h>
 #include <string.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -62,7 +63,9 @@ TEST(CmPortMacFiles, HaveTheirSize_WhenTheSystemKeepsNoBlocksReady) {
     ASSERT_LE(0, nFile);
     unlink(szPath);
     EXPECT_EQ(0, CmPortAllocateFile(nFile, 0, 100000));
-    EXPECT_EQ(100000, lseek(nFile, 0, SEEK_END));
+    struct stat status = {};
+    EXPECT_EQ(0, fstat(nFile, &status));
+    EXPECT_EQ(100000, status.st_size);
     close(nFile);
     EXPECT_EQ(EBADF, CmPortAllocateFile(nFile, 0, 100000));
 }

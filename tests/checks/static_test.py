@@ -177,6 +177,7 @@ class Objects(Planted):
 
     def test_CallsOnNoListAreFound(self):
         self.copy("tests/calls", "tests/System_faults_test.cpp", "tests/CmBlockPool_start_test.cpp",
+                  "tests/CmFlight_file_test.cpp", "tests/CmFlight_start_test.cpp",
                   "tests/CmPortLinux_test.cpp")
         self.write("good.cpp", "#include <unistd.h>\nint Good() { return getpid(); }\n")
         self.write("fault.cpp", "#include <unistd.h>\n#include <fcntl.h>\n"

@@ -3,6 +3,7 @@
 #define TESTS_SUPPORT_WATCH_H
 
 #include <gtest/gtest.h>
+#include <pthread.h>
 
 #include <vector>
 
@@ -38,13 +39,16 @@ inline std::vector<UTIL_NS::CCmWorkerFigures> Rows() {
     return rows;
 }
 
-inline UTIL_NS::CCmWorkerFigures FiguresOf(UTIL_NS::ACmThread& aThread) {
+inline UTIL_NS::CCmWorkerFigures FiguresOf(pthread_t aThread) {
     for (const UTIL_NS::CCmWorkerFigures& row : Rows()) {
-        if (row.m_ullThread == (uint64_t)aThread.GetThreadId()) {
+        if (row.m_ullThread == (uint64_t)aThread) {
             return row;
         }
     }
     return UTIL_NS::CCmWorkerFigures();
+}
+inline UTIL_NS::CCmWorkerFigures FiguresOf(UTIL_NS::ACmThread& aThread) {
+    return FiguresOf(aThread.GetThreadId());
 }
 inline UTIL_NS::CCmWorkerFigures FiguresOf(UTIL_NS::CCmWorker& aWorker) {
     return FiguresOf(*aWorker.GetThread());
