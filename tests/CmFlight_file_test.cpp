@@ -401,12 +401,16 @@ TEST(CmFlightFile, GivesWayToMemory_WhenACallFails) {
 TEST(CmFlightFile, GivesWayToMemory_WhenTheProcessMayNotHaveFilesOfItsSize) {
     const ScopedDirectory directory;
     EXPECT_EQ(0, StatusOfChild([&] {
-                  const rlimit limit = {4096, 4096};
+                  rlimit before = {};
+                  ASSERT_EQ(0, getrlimit(RLIMIT_FSIZE, &before));
+                  const rlimit limit = {4096, before.rlim_max};
                   ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &limit));
                   const ScopedTraceSink sink;
                   EXPECT_EQ("", PathOf(Options(directory.path().c_str()), CM_ERROR_FAILURE));
                   EXPECT_EQ(1u,
                             sink.count("posix_fallocate() failed! err=" + std::to_string(EFBIG)));
+                  // What measures coverage writes a file at the end.
+                  EXPECT_EQ(0, setrlimit(RLIMIT_FSIZE, &before));
               }));
     EXPECT_TRUE(directory.names().empty());
 }
