@@ -412,7 +412,6 @@ TEST(CCmWatch, CountsWhatAWorkerLeavesUnfired_WhenItStopsNow) {
     EXPECT_EQ(0U, row.m_ullPending);
 }
 
-// Events of every kind are under way while the watch is turned on and off.
 // Taken out before the watch was on, pending again after that.
 TEST(CCmWatch, CountsWhatIsPutBackAsPosted_WhenItWasTakenOutBefore) {
     CCmWorker worker(Named("put back"));
@@ -629,6 +628,7 @@ TEST(CCmWatch, CountsASendAsRefused_WhenThereIsNoMemoryForIt) {
     EXPECT_EQ(before.m_ullRefused + 1, FiguresAtRest(worker).m_ullRefused);
 }
 
+// Events of every kind are under way while the watch is turned on and off.
 TEST(CCmWatch, PostedIsRunUnfiredAndPending_WhileItIsTurnedOnAndOff) {
     CCmWorker worker(Named("middle"));
     TaskThread task;
