@@ -505,6 +505,20 @@ TEST_F(CmResolverTest, SaysSo_WhenNoThreadCanBeStarted) {
     EXPECT_EQ(CM_OK, third.result);
 }
 
+TEST_F(CmResolverTest, AsksAndAnswersAsEver_WhileWaitsFail) {
+    const kelto_test::FailingCall<&CCmSystemTable::pthread_cond_timedwait> fault(
+        0, EINVAL, 1, kelto_test::Failing::FROM_THERE_ON);
+    CCmResolver resolver;
+    Record record;
+    ASSERT_EQ(CM_OK, Ask(resolver, "hang.test", record));
+    EXPECT_TRUE(Becomes([&] { return fault.calls() > 3 && g_nInside > 0; }));
+    EXPECT_EQ(1, g_nAsked);
+    s_hanging.Open();
+    EXPECT_TRUE(Becomes([&] { return record.ended == 1; }));
+    EXPECT_EQ(CM_OK, record.result);
+    EXPECT_EQ(1, g_nAsked);
+}
+
 TEST_F(CmResolverTest, Survives_WithoutMemory) {
     for (unsigned long ulNth = 1;; ++ulNth) {
         Record record;
