@@ -201,6 +201,19 @@ TEST(CmBase64String, GivesEmptyText_WhenTheTextWouldBeTooLongForAString) {
     }
 }
 
+TEST(CmBase64String, AllocatesOnce_HoweverLongTheText) {
+    const CCmString strBytes = kelto_test::RandomBytes<CCmString>(100000, 6);
+    CCmString strText;
+    unsigned long ulBefore = kelto_test::AllocationsOfThisThread();
+    CM_Base64Encode(strBytes.data(), strBytes.size(), strText);
+    EXPECT_EQ(ulBefore + 1, kelto_test::AllocationsOfThisThread());
+    CCmString strBack;
+    ulBefore = kelto_test::AllocationsOfThisThread();
+    CM_Base64Decode(strText.c_str(), strBack);
+    EXPECT_EQ(ulBefore + 1, kelto_test::AllocationsOfThisThread());
+    EXPECT_EQ(strBytes, strBack);
+}
+
 TEST(CmBase64String, DecodesWithoutAnAllocation_WhenTheBytesFitIntoTheOutput) {
     for (size_t nSize = 40; nSize < 100; ++nSize) {
         CCmString strOut(nSize, 'x');
