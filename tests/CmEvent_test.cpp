@@ -4,15 +4,19 @@
 #include <pthread.h>
 #include <sched.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <memory>
+#include <random>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "CmWorker.h"
 #include "support/Cancellation.h"
+#include "support/Clock.h"
 #include "support/Events.h"
 #include "support/Eventually.h"
 #include "support/Faults.h"
@@ -30,6 +34,7 @@ using kelto_test::Gate;
 using kelto_test::LiveAllocations;
 using kelto_test::LiveAllocationsBefore;
 using kelto_test::ScopedAllocationFault;
+using kelto_test::ScopedClock;
 using kelto_test::ScopedHandlersOnly;
 using kelto_test::TaskThread;
 using kelto_test::TestCancel;
@@ -685,6 +690,66 @@ TYPED_TEST(CmPostLater, LosesNothing_WhenManyThreadsPostAndCancel) {
     EXPECT_EQ(4 * EACH, ends);
     EXPECT_GE(4 * EACH, runs);
     EXPECT_LE(4 * EACH, runs + cancelled);  // one that ran meanwhile counts twice
+}
+
+// On the test's own thread, which runs what is due when it is told to, by a clock of its own.
+class CmPostLaterByHand : public testing::Test {
+  protected:
+    CmPostLaterByHand() {
+        m_pThread->Create(TT_MAIN, TF_JOINABLE, 1);
+        m_pThread->OnThreadInit();
+    }
+    ~CmPostLaterByHand() override { m_pThread->Destory(CM_OK); }
+
+    // What was posted is in the list afterwards.
+    void Arrive() { m_pThread->DoHeartBeat(); }
+    void PassMs(long aMs) {
+        m_clock.AdvanceMs(aMs);
+        m_pThread->DoHeartBeat();
+    }
+
+    ScopedClock m_clock;
+    CCmThreadHeartBeat* const m_pThread = new CCmThreadHeartBeat;
+};
+
+TEST_F(CmPostLaterByHand, RunsWhenItIsDueAndNotBefore) {
+    int nRuns = 0;
+    CmPostDelayed(*m_pThread, 10ms, [&] { ++nRuns; });
+    Arrive();
+    PassMs(9);
+    EXPECT_EQ(0, nRuns);
+    PassMs(1);
+    EXPECT_EQ(1, nRuns);
+}
+
+TEST_F(CmPostLaterByHand, RunsInTheOrderOfTheirTimesAndThenOfTheirPosts_WhateverIsCancelled) {
+    std::minstd_rand random(1);
+    std::vector<std::pair<int, int>> runs;  // when it is due, and which it is
+    std::vector<std::pair<int, int>> expected;
+    std::vector<CCmTimerHandle> handles;
+    for (int nNow = 0; nNow < 100; nNow += 10) {
+        const size_t nFirst = handles.size();
+        for (int i = 0; i < 60; ++i) {
+            const std::pair<int, int> which(nNow + 1 + static_cast<int>(random() % 90),
+                                            static_cast<int>(handles.size()));
+            handles.push_back(CmPostDelayed(*m_pThread,
+                                            std::chrono::milliseconds(which.first - nNow),
+                                            [&runs, which] { runs.push_back(which); }));
+            expected.push_back(which);
+        }
+        Arrive();
+        for (size_t i = nFirst; i < handles.size(); i += 1 + random() % 3) {
+            EXPECT_EQ(CM_OK, handles[i].Cancel());
+            expected[i].first = -1;
+        }
+        PassMs(10);
+    }
+    PassMs(100);
+    expected.erase(std::remove_if(expected.begin(), expected.end(),
+                                  [](const auto& aWhich) { return aWhich.first < 0; }),
+                   expected.end());
+    std::sort(expected.begin(), expected.end());
+    EXPECT_EQ(expected, runs);
 }
 
 TEST(CmPostDelayed, GoesAheadOfTheBacklog_WhenOnACmWorker) {
