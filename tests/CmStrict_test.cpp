@@ -424,6 +424,27 @@ TEST(CmStrictIpv6, Refuses_WhenTheTextIsNoAddress) {
     }
 }
 
+TEST(CmStrictIpv6, SaysWhatItExpected_WhenTheTextIsNoAddress) {
+    const struct {
+        const char* text;
+        const char* expected;
+    } ROWS[] = {
+        {"::g", "a hexadecimal digit"},
+        {"12345::", "a colon"},
+        {"1:2:3", "eight groups"},
+        {"1:2:3:4:5:6:7:1.2.3.4", "a colon"},
+        {"::1.2.3", "a dot"},
+        {"::1.2.3.", "a digit"},
+        {"::1.2.3.256", "a number up to 255 without leading zeros"},
+        {"::1.2.3.4.5", "the end of the address"},
+        {"::1%", "a zone of 1 to 15 letters, digits, \"-\", \".\", \"_\" and \"~\""},
+    };
+    for (const auto& row : ROWS) {
+        CCmIpAddress address;
+        EXPECT_STREQ(row.expected, CmParseIpv6(row.text, address).m_pszExpected) << row.text;
+    }
+}
+
 TEST(CmStrictIpv6, KeepsTheZone_WhenThereIsOne) {
     CCmIpAddress address;
     // RFC 4007, 11.3.
@@ -699,6 +720,19 @@ TEST(CmStrictUtf8, KnowsEveryFirstPair) {
     }
 }
 
+TEST(CmStrictUtf8, NamesThePlace_WhereverTheBadByteIsAndTheTextStarts) {
+    for (size_t nStart = 0; nStart < 8; ++nStart) {
+        for (size_t nPlace = nStart; nPlace < 100; ++nPlace) {
+            std::string sText(140, 'a');
+            sText[nPlace] = '\xFF';
+            const std::string_view text = std::string_view(sText).substr(nStart);
+            ExpectAnswer(CmCheckUtf8(text), CM_ERROR_INVALID_ARG, nPlace - nStart, sText);
+            // Without the byte and what follows it.
+            ExpectAnswer(CmCheckUtf8(text.substr(0, nPlace - nStart)), CM_OK, 0, sText);
+        }
+    }
+}
+
 // ---- All of them
 
 // Each text is the front of a longer one, whose rest would make another answer.
@@ -751,6 +785,10 @@ TEST(CmStrict, EndsWithItsText_WhenMoreFollowsInMemory) {
     for (const CRow& row : {CRow{"\xC3\xA9", 1, 0}, CRow{"\xE2\x82\xAC", 2, 0},
                             CRow{"\xF0\x9F\x98\x80", 3, 0}, CRow{"a\xC3", 1, GOOD}}) {
         check(row, CmCheckUtf8({row.text, row.length}));
+    }
+    const std::string sLong(100, 'a');
+    for (size_t nLength = 0; nLength < 60; ++nLength) {
+        EXPECT_TRUE(CmCheckUtf8(std::string_view(sLong).substr(0, nLength))) << nLength;
     }
 }
 
