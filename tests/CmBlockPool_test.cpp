@@ -573,6 +573,30 @@ TEST(CmBlockPool, TurnsToTheSystem_WhenThatCommitsNoMemory) {
     EndAll(events);
 }
 
+// More refusals than there are chunks, and than there are magazines.
+TEST(CmBlockPool, LosesNothing_WhenTheSystemCommitsNoMemoryTimeAndAgain) {
+    const ScopedBlockPool pool;
+    std::vector<void*> kept;  // of a size of its own each time, which takes a magazine
+    for (size_t nSize = 64; nSize < CCmBlockPool::LARGEST_BLOCK; nSize += 64) {
+        {
+            const FailingCommit fault(ENOMEM, -1, 1, Failing::FROM_THERE_ON);
+            for (size_t i = 0; i < CCmBlockPool::RANGE_SIZE / CCmBlockPool::CHUNK_SIZE; ++i) {
+                CCmBlockPool::Free(CCmBlockPool::Allocate(CCmBlockPool::LARGEST_BLOCK));
+            }
+            EXPECT_LE(CCmBlockPool::RANGE_SIZE / CCmBlockPool::CHUNK_SIZE, fault.calls());
+        }
+        LargestEvent* const pEvent = new LargestEvent;
+        EXPECT_TRUE(CCmBlockPool::IsFromHere(pEvent));
+        End(pEvent);
+        kept.push_back(CCmBlockPool::Allocate(nSize));
+        CCmBlockPool::Trim();
+    }
+    for (void* const pMemory : kept) {
+        CCmBlockPool::Free(pMemory);
+    }
+    EXPECT_EQ(1u, ChunksAfterTrim());
+}
+
 TEST(CmBlockPool, LosesNoBlock_WhenThereIsNoMemoryForAMagazine) {
     const ScopedBlockPool pool;
     std::vector<Event*> events = MakeEvents(1000);
