@@ -435,6 +435,24 @@ TEST(CmBlockPool, KeepsIdleMemory_WhenItWasNeededWithinTheSecond) {
     }
 }
 
+TEST(CmBlockPool, GivesIdleMemoryBack_WhenAThreadEndsASecondAfterTheLastTime) {
+    const ScopedBlockPool pool;
+    ScopedClock clock;
+    const size_t nBefore = ChunksAfterTrim();
+    const auto burst = [] {
+        std::vector<Event*> events = MakeEvents(20000);
+        EndAll(events);
+    };
+    std::thread(burst).join();
+    EXPECT_LT(nBefore + 10, CCmBlockPool::Chunks()) << "it was trimmed just now";
+    clock.AdvanceMs(CCmBlockPool::TEND_SEC * 1000);
+    std::thread(burst).join();
+    EXPECT_GE(nBefore + 1, CCmBlockPool::Chunks());
+    std::thread(burst).join();
+    EXPECT_LT(nBefore + 10, CCmBlockPool::Chunks()) << "the next thread may need it";
+    EXPECT_EQ(nBefore, ChunksAfterTrim());
+}
+
 TEST(CmBlockPool, GivesIdleMemoryBack_WhenTheEventsThatKeptItHaveEnded) {
     const ScopedBlockPool pool;
     ScopedClock clock;
