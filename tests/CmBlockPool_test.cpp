@@ -541,6 +541,20 @@ TEST(CmBlockPool, TellsOneThreadToLookAgain_WhenSeveralAsk) {
     EXPECT_TRUE(CCmBlockPool::Tend());
 }
 
+TEST(CmBlockPool, TellsAnotherThreadToLookAgain_WhenOneCannotKeepACache) {
+    const ScopedBlockPool pool;
+    ScopedClock clock;
+    std::vector<Event*> events = MakeEvents(20000);
+    EndAll(events);
+    {
+        const FailingCall<&CCmSystemTable::pthread_setspecific> fault(0, ENOMEM, 1,
+                                                                      Failing::FROM_THERE_ON);
+        std::thread([] { EXPECT_FALSE(CCmBlockPool::Tend()); }).join();
+        EXPECT_LT(0u, fault.calls());
+    }
+    EXPECT_TRUE(CCmBlockPool::Tend());
+}
+
 TEST(CmBlockPool, GivesABurstBack_WhenItsWorkerSleeps) {
     for (const bool bWithTimerQueue : {false, true}) {
         const ScopedBlockPool pool;
