@@ -20,12 +20,14 @@
 #include "support/Events.h"
 #include "support/Eventually.h"
 #include "support/Faults.h"
+#include "support/TraceSink.h"
 #include "support/Workers.h"
 
 namespace UTIL_NS {
 namespace {
 
 using namespace std::chrono_literals;
+using kelto_test::AllocationsOfThisThread;
 using kelto_test::EndCounter;
 using kelto_test::Eventually;
 using kelto_test::Failing;
@@ -36,6 +38,7 @@ using kelto_test::LiveAllocationsBefore;
 using kelto_test::ScopedAllocationFault;
 using kelto_test::ScopedClock;
 using kelto_test::ScopedHandlersOnly;
+using kelto_test::ScopedTraceSink;
 using kelto_test::TaskThread;
 using kelto_test::TestCancel;
 
@@ -750,6 +753,78 @@ TEST_F(CmPostLaterByHand, RunsInTheOrderOfTheirTimesAndThenOfTheirPosts_Whatever
                    expected.end());
     std::sort(expected.begin(), expected.end());
     EXPECT_EQ(expected, runs);
+}
+
+TEST_F(CmPostLaterByHand, EndsTheCallableAndSaysSo_WhenMemoryRunsOutOnItsThread) {
+    bool bHit = true;
+    int nRefused = 0;
+    const auto runOut = [&](unsigned long aNth) {
+        CCmThreadHeartBeat* const pThread = new CCmThreadHeartBeat;
+        pThread->Create(TT_MAIN, TF_JOINABLE, 0);
+        pThread->OnThreadInit();
+        const ScopedTraceSink sink;
+        int nRuns = 0;
+        std::atomic<int> ends{0};
+        const CCmTimerHandle handle =
+            CmPostDelayed(*pThread, 10ms, [&nRuns, counter = EndCounter(ends)] { ++nRuns; });
+        {
+            const ScopedAllocationFault fault(aNth);
+            pThread->DoHeartBeat();
+            bHit = fault.hit();
+        }
+        const int nLines =
+            static_cast<int>(sink.count("CmPostDelayed, refused on the worker. rv="));
+        EXPECT_EQ(nLines, ends) << aNth;
+        EXPECT_EQ(nLines == 0, handle.IsPending()) << aNth;
+        m_clock.AdvanceMs(10);
+        pThread->DoHeartBeat();
+        EXPECT_EQ(1 - nLines, nRuns) << aNth;
+        EXPECT_EQ(1, ends) << aNth;
+        nRefused += nLines;
+        pThread->Destory(CM_OK);
+    };
+    // Each on a thread of its own, to which it is the first.
+    for (unsigned long ulNth = 1; bHit && ulNth < 100; ++ulNth) {
+        std::thread(runOut, ulNth).join();
+    }
+    EXPECT_FALSE(bHit);
+    EXPECT_LE(6, nRefused);  // the list and what drives it, the timer and where it is found
+}
+
+TEST_F(CmPostLaterByHand, SaysNothing_WhenItWasCancelledOnItsWay) {
+    const ScopedTraceSink sink;
+    CCmTimerHandle cancelled = CmPostDelayed(*m_pThread, 10ms, [] {});
+    const CCmTimerHandle handle = CmPostDelayed(*m_pThread, 10ms, [] {});
+    EXPECT_EQ(CM_OK, cancelled.Cancel());
+    Arrive();
+    EXPECT_TRUE(handle.IsPending());
+    EXPECT_TRUE(sink.lines().empty());
+}
+
+// The event that wakes it takes memory.
+TEST(CmPostDelayed, WakesTheWorker_OnlyWhenItIsDueFirst) {
+    CCmWorker worker;
+    const auto allocations = [&worker](const CCmInterval& aInterval) {
+        const unsigned long ulBefore = AllocationsOfThisThread();
+        CmPostDelayed(worker, aInterval, [] {});
+        return AllocationsOfThisThread() - ulBefore;
+    };
+    allocations(100s);
+    const unsigned long ulLater = allocations(200s);
+    EXPECT_LT(ulLater, allocations(50s));
+    EXPECT_EQ(ulLater, allocations(60s));
+    unsigned long ulThere = 0;
+    CmCall(worker, [&] { ulThere = allocations(40s); });
+    EXPECT_EQ(ulLater, ulThere);
+}
+
+TEST(CmPostDelayed, IsRefused_WithoutAThread) {
+    CCmWorker worker;
+    worker.End();
+    std::atomic<int> ends{0};
+    EXPECT_EQ(CM_ERROR_NULL_POINTER,
+              CmPostDelayed(worker, 0ms, [counter = EndCounter(ends)] {}).Result());
+    EXPECT_EQ(1, ends);
 }
 
 TEST(CmPostDelayed, GoesAheadOfTheBacklog_WhenOnACmWorker) {
