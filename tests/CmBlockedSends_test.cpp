@@ -371,7 +371,7 @@ TEST(CmBlockedSends, ClosesACircle_WhenTheAwaitedThreadIsBoundMeanwhile) {
     }
 }
 
-TEST(CmBlockedSends, IsLong_FromTheLimitOn) {
+TEST(CmBlockedSends, IsLong_WhenTheLimitHasPassed) {
     const Switched on;
     constexpr long long NSEC_PER_SEC = 1000 * 1000 * 1000;
     const std::unique_ptr<ICmEvent> pEvent(CmMakeEvent([] {}));

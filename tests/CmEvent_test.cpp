@@ -246,7 +246,7 @@ CmResult ResultOfACall(ICmEventQueue& aOwn, ICmEventQueue& aCalled) {
     return rv;
 }
 
-TEST(CmCall, HasALimit_UnlessTheHostsQueueIsThatOfTheThread) {
+TEST(CmCall, HasALimit_WhenTheHostsQueueIsOfAnotherThread) {
     CHostQueue own;
     CHostQueue other;
     EXPECT_EQ(CM_OK, ResultOfACall(own, own));
