@@ -435,6 +435,24 @@ TEST(CmBlockPool, KeepsIdleMemory_WhenItWasNeededWithinTheSecond) {
     }
 }
 
+TEST(CmBlockPool, GivesIdleMemoryBack_WhenAThreadEndsASecondAfterTheLastTime) {
+    const ScopedBlockPool pool;
+    ScopedClock clock;
+    const size_t nBefore = ChunksAfterTrim();
+    const auto burst = [] {
+        std::vector<Event*> events = MakeEvents(20000);
+        EndAll(events);
+    };
+    std::thread(burst).join();
+    EXPECT_LT(nBefore + 10, CCmBlockPool::Chunks()) << "it was trimmed just now";
+    clock.AdvanceMs(CCmBlockPool::TEND_SEC * 1000);
+    std::thread(burst).join();
+    EXPECT_GE(nBefore + 1, CCmBlockPool::Chunks());
+    std::thread(burst).join();
+    EXPECT_LT(nBefore + 10, CCmBlockPool::Chunks()) << "the next thread may need it";
+    EXPECT_EQ(nBefore, ChunksAfterTrim());
+}
+
 TEST(CmBlockPool, GivesIdleMemoryBack_WhenTheEventsThatKeptItHaveEnded) {
     const ScopedBlockPool pool;
     ScopedClock clock;
@@ -523,6 +541,20 @@ TEST(CmBlockPool, TellsOneThreadToLookAgain_WhenSeveralAsk) {
     EXPECT_TRUE(CCmBlockPool::Tend());
 }
 
+TEST(CmBlockPool, TellsAnotherThreadToLookAgain_WhenOneCannotKeepACache) {
+    const ScopedBlockPool pool;
+    ScopedClock clock;
+    std::vector<Event*> events = MakeEvents(20000);
+    EndAll(events);
+    {
+        const FailingCall<&CCmSystemTable::pthread_setspecific> fault(0, ENOMEM, 1,
+                                                                      Failing::FROM_THERE_ON);
+        std::thread([] { EXPECT_FALSE(CCmBlockPool::Tend()); }).join();
+        EXPECT_LT(0u, fault.calls());
+    }
+    EXPECT_TRUE(CCmBlockPool::Tend());
+}
+
 TEST(CmBlockPool, GivesABurstBack_WhenItsWorkerSleeps) {
     for (const bool bWithTimerQueue : {false, true}) {
         const ScopedBlockPool pool;
@@ -571,6 +603,30 @@ TEST(CmBlockPool, TurnsToTheSystem_WhenThatCommitsNoMemory) {
     events = MakeEvents(1000);
     EXPECT_TRUE(CCmBlockPool::IsFromHere(events.back()));
     EndAll(events);
+}
+
+// More refusals than there are chunks, and than there are magazines.
+TEST(CmBlockPool, LosesNothing_WhenTheSystemCommitsNoMemoryTimeAndAgain) {
+    const ScopedBlockPool pool;
+    std::vector<void*> kept;  // of a size of its own each time, which takes a magazine
+    for (size_t nSize = 64; nSize < CCmBlockPool::LARGEST_BLOCK; nSize += 64) {
+        {
+            const FailingCommit fault(ENOMEM, -1, 1, Failing::FROM_THERE_ON);
+            for (size_t i = 0; i < CCmBlockPool::RANGE_SIZE / CCmBlockPool::CHUNK_SIZE; ++i) {
+                CCmBlockPool::Free(CCmBlockPool::Allocate(CCmBlockPool::LARGEST_BLOCK));
+            }
+            EXPECT_LE(CCmBlockPool::RANGE_SIZE / CCmBlockPool::CHUNK_SIZE, fault.calls());
+        }
+        LargestEvent* const pEvent = new LargestEvent;
+        EXPECT_TRUE(CCmBlockPool::IsFromHere(pEvent));
+        End(pEvent);
+        kept.push_back(CCmBlockPool::Allocate(nSize));
+        CCmBlockPool::Trim();
+    }
+    for (void* const pMemory : kept) {
+        CCmBlockPool::Free(pMemory);
+    }
+    EXPECT_EQ(1u, ChunksAfterTrim());
 }
 
 TEST(CmBlockPool, LosesNoBlock_WhenThereIsNoMemoryForAMagazine) {

@@ -4,24 +4,30 @@
 #include <pthread.h>
 #include <sched.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <memory>
+#include <random>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "CmWorker.h"
 #include "support/Cancellation.h"
+#include "support/Clock.h"
 #include "support/Events.h"
 #include "support/Eventually.h"
 #include "support/Faults.h"
+#include "support/TraceSink.h"
 #include "support/Workers.h"
 
 namespace UTIL_NS {
 namespace {
 
 using namespace std::chrono_literals;
+using kelto_test::AllocationsOfThisThread;
 using kelto_test::EndCounter;
 using kelto_test::Eventually;
 using kelto_test::Failing;
@@ -30,7 +36,9 @@ using kelto_test::Gate;
 using kelto_test::LiveAllocations;
 using kelto_test::LiveAllocationsBefore;
 using kelto_test::ScopedAllocationFault;
+using kelto_test::ScopedClock;
 using kelto_test::ScopedHandlersOnly;
+using kelto_test::ScopedTraceSink;
 using kelto_test::TaskThread;
 using kelto_test::TestCancel;
 
@@ -196,6 +204,122 @@ TEST(CmCall, RunsAtOnce_WhenOnTheTargetsOwnThread) {
     }));
     EXPECT_EQ(CM_OK, worker.Drain());
     EXPECT_EQ((std::vector<int>{1, 1, 2}), order);
+}
+
+// A queue that a host wrote itself: what is posted waits for its end, what is sent runs at once.
+class CHostQueue : public ICmEventQueue {
+  public:
+    ~CHostQueue() override {
+        for (ICmEvent* pEvent : m_events) {
+            pEvent->OnDestorySelf();
+        }
+    }
+    CmResult PostEvent(ICmEvent* aEvent, EPriority /*aPri*/) override {
+        m_events.push_back(aEvent);
+        return CM_OK;
+    }
+    CmResult SendEvent(ICmEvent* aEvent) override {
+        const CmResult rv = aEvent->OnEventFire();
+        aEvent->OnDestorySelf();
+        return rv;
+    }
+    DWORD GetPendingEventsCount() override { return static_cast<DWORD>(m_events.size()); }
+
+  private:
+    std::vector<ICmEvent*> m_events;
+};
+
+// The result of a call with a limit to a queue on a thread that has aOwn.
+CmResult ResultOfACall(ICmEventQueue& aOwn, ICmEventQueue& aCalled) {
+    class CHostThread : public ACmThread {
+      public:
+        CHostThread(ICmEventQueue& aOwn, ICmEventQueue& aCalled) : m_Own(aOwn), m_Called(aCalled) {}
+        void OnThreadRun() override {
+            EXPECT_TRUE(m_Created.Wait());  // the library knows the thread from then on
+            m_Result = CmCall(m_Called, 0ms, [] {}).Result();
+        }
+        ICmEventQueue* GetEventQueue() override { return &m_Own; }
+
+        ICmEventQueue& m_Own;
+        ICmEventQueue& m_Called;
+        Gate m_Created;
+        CmResult m_Result = CM_OK;
+    };
+    auto* pThread = new CHostThread(aOwn, aCalled);
+    EXPECT_EQ(CM_OK, pThread->Create(1, TF_JOINABLE));
+    pThread->m_Created.Open();
+    EXPECT_EQ(CM_OK, pThread->Join());
+    const CmResult rv = pThread->m_Result;
+    EXPECT_EQ(CM_OK, pThread->Destory(CM_OK));
+    return rv;
+}
+
+TEST(CmCall, HasALimit_WhenTheHostsQueueIsOfAnotherThread) {
+    CHostQueue own;
+    CHostQueue other;
+    EXPECT_EQ(CM_OK, ResultOfACall(own, own));
+    EXPECT_EQ(CM_ERROR_TIMEOUT, ResultOfACall(own, other));
+    CmResult rv = CM_OK;
+    std::thread([&] { rv = CmCall(own, 0ms, [] {}).Result(); }).join();
+    EXPECT_EQ(CM_ERROR_TIMEOUT, rv) << "a thread that the library does not know";
+    EXPECT_EQ(1u, own.GetPendingEventsCount());
+    EXPECT_EQ(1u, other.GetPendingEventsCount());
+}
+
+// Tells what becomes of its callable.
+class CHeldCall final : public ACmCallEvent {
+  public:
+    explicit CHeldCall(std::string& aDone) : m_strDone(aDone) {}
+    ~CHeldCall() override { m_strDone += "end"; }
+
+  private:
+    void Run() override { m_strDone += "run "; }
+    void Drop() override { m_strDone += "drop "; }
+
+    std::string& m_strDone;
+};
+
+TEST(CmCall, DestroysTheCallable_WhenEitherSideLetsGo) {
+    std::string strDone;
+    auto* pCall = new CHeldCall(strDone);
+    pCall->OnDestorySelf();
+    EXPECT_EQ("drop ", strDone) << "while its caller still holds the event";
+    pCall->LetGo();
+    EXPECT_EQ("drop end", strDone);
+    strDone.clear();
+    pCall = new CHeldCall(strDone);
+    pCall->LetGo();
+    EXPECT_EQ("drop ", strDone) << "while its queue still holds the event";
+    EXPECT_EQ(CM_OK, pCall->OnEventFire());
+    pCall->OnDestorySelf();
+    EXPECT_EQ("drop end", strDone);
+    strDone.clear();
+    pCall = new CHeldCall(strDone);
+    EXPECT_EQ(CM_OK, pCall->OnEventFire());
+    EXPECT_EQ("run drop ", strDone) << "before the caller goes on";
+    pCall->LetGo();
+    pCall->OnDestorySelf();
+    EXPECT_EQ("run drop end", strDone);
+}
+
+TEST(CmCall, IsGivenUp_BeforeItsCallerHearsOfTheLimit) {
+    std::string strDone;
+    CHostQueue queue;
+    auto* pCall = new CHeldCall(strDone);
+    const CCmTimeValue tvLimit;
+    EXPECT_EQ(CM_ERROR_TIMEOUT, pCall->Call(queue, &tvLimit));
+    EXPECT_EQ("drop ", strDone);
+    EXPECT_EQ(CM_OK, pCall->OnEventFire());
+    EXPECT_FALSE(pCall->HasBegun());
+    EXPECT_EQ("drop ", strDone);
+    pCall->LetGo();
+}
+
+TEST(CmCall, Fails_WhenItCannotLock) {
+    CHostQueue queue;
+    const FailingCall<&CCmSystemTable::pthread_mutex_lock> fault(0, EINVAL, 1,
+                                                                 Failing::FROM_THERE_ON);
+    EXPECT_EQ(CM_ERROR_FAILURE, CmCall(queue, 0ms, [] {}).Result());
 }
 
 TEST(CmCall, DestroysTheCallable_BeforeTheCallerGoesOn) {
@@ -685,6 +809,138 @@ TYPED_TEST(CmPostLater, LosesNothing_WhenManyThreadsPostAndCancel) {
     EXPECT_EQ(4 * EACH, ends);
     EXPECT_GE(4 * EACH, runs);
     EXPECT_LE(4 * EACH, runs + cancelled);  // one that ran meanwhile counts twice
+}
+
+// On the test's own thread, which runs what is due when it is told to, by a clock of its own.
+class CmPostLaterByHand : public testing::Test {
+  protected:
+    CmPostLaterByHand() {
+        m_pThread->Create(TT_MAIN, TF_JOINABLE, 1);
+        m_pThread->OnThreadInit();
+    }
+    ~CmPostLaterByHand() override { m_pThread->Destory(CM_OK); }
+
+    // What was posted is in the list afterwards.
+    void Arrive() { m_pThread->DoHeartBeat(); }
+    void PassMs(long aMs) {
+        m_clock.AdvanceMs(aMs);
+        m_pThread->DoHeartBeat();
+    }
+
+    ScopedClock m_clock;
+    CCmThreadHeartBeat* const m_pThread = new CCmThreadHeartBeat;
+};
+
+TEST_F(CmPostLaterByHand, RunsWhenItIsDueAndNotBefore) {
+    int nRuns = 0;
+    CmPostDelayed(*m_pThread, 10ms, [&] { ++nRuns; });
+    Arrive();
+    PassMs(9);
+    EXPECT_EQ(0, nRuns);
+    PassMs(1);
+    EXPECT_EQ(1, nRuns);
+}
+
+TEST_F(CmPostLaterByHand, RunsInTheOrderOfTheirTimesAndThenOfTheirPosts_WhateverIsCancelled) {
+    std::minstd_rand random(1);
+    std::vector<std::pair<int, int>> runs;  // when it is due, and which it is
+    std::vector<std::pair<int, int>> expected;
+    std::vector<CCmTimerHandle> handles;
+    for (int nNow = 0; nNow < 100; nNow += 10) {
+        const size_t nFirst = handles.size();
+        for (int i = 0; i < 60; ++i) {
+            const std::pair<int, int> which(nNow + 1 + static_cast<int>(random() % 90),
+                                            static_cast<int>(handles.size()));
+            handles.push_back(CmPostDelayed(*m_pThread,
+                                            std::chrono::milliseconds(which.first - nNow),
+                                            [&runs, which] { runs.push_back(which); }));
+            expected.push_back(which);
+        }
+        Arrive();
+        for (size_t i = nFirst; i < handles.size(); i += 1 + random() % 3) {
+            EXPECT_EQ(CM_OK, handles[i].Cancel());
+            expected[i].first = -1;
+        }
+        PassMs(10);
+    }
+    PassMs(100);
+    expected.erase(std::remove_if(expected.begin(), expected.end(),
+                                  [](const auto& aWhich) { return aWhich.first < 0; }),
+                   expected.end());
+    std::sort(expected.begin(), expected.end());
+    EXPECT_EQ(expected, runs);
+}
+
+TEST_F(CmPostLaterByHand, EndsTheCallableAndSaysSo_WhenMemoryRunsOutOnItsThread) {
+    bool bHit = true;
+    int nRefused = 0;
+    const auto runOut = [&](unsigned long aNth) {
+        CCmThreadHeartBeat* const pThread = new CCmThreadHeartBeat;
+        pThread->Create(TT_MAIN, TF_JOINABLE, 0);
+        pThread->OnThreadInit();
+        const ScopedTraceSink sink;
+        int nRuns = 0;
+        std::atomic<int> ends{0};
+        const CCmTimerHandle handle =
+            CmPostDelayed(*pThread, 10ms, [&nRuns, counter = EndCounter(ends)] { ++nRuns; });
+        {
+            const ScopedAllocationFault fault(aNth);
+            pThread->DoHeartBeat();
+            bHit = fault.hit();
+        }
+        const int nLines =
+            static_cast<int>(sink.count("CmPostDelayed, refused on the worker. rv="));
+        EXPECT_EQ(nLines, ends) << aNth;
+        EXPECT_EQ(nLines == 0, handle.IsPending()) << aNth;
+        m_clock.AdvanceMs(10);
+        pThread->DoHeartBeat();
+        EXPECT_EQ(1 - nLines, nRuns) << aNth;
+        EXPECT_EQ(1, ends) << aNth;
+        nRefused += nLines;
+        pThread->Destory(CM_OK);
+    };
+    // Each on a thread of its own, to which it is the first.
+    for (unsigned long ulNth = 1; bHit && ulNth < 100; ++ulNth) {
+        std::thread(runOut, ulNth).join();
+    }
+    EXPECT_FALSE(bHit);
+    EXPECT_LE(6, nRefused);  // the list and what drives it, the timer and where it is found
+}
+
+TEST_F(CmPostLaterByHand, SaysNothing_WhenItWasCancelledOnItsWay) {
+    const ScopedTraceSink sink;
+    CCmTimerHandle cancelled = CmPostDelayed(*m_pThread, 10ms, [] {});
+    const CCmTimerHandle handle = CmPostDelayed(*m_pThread, 10ms, [] {});
+    EXPECT_EQ(CM_OK, cancelled.Cancel());
+    Arrive();
+    EXPECT_TRUE(handle.IsPending());
+    EXPECT_TRUE(sink.lines().empty());
+}
+
+// The event that wakes it takes memory.
+TEST(CmPostDelayed, WakesTheWorker_OnlyWhenItIsDueFirst) {
+    CCmWorker worker;
+    const auto allocations = [&worker](const CCmInterval& aInterval) {
+        const unsigned long ulBefore = AllocationsOfThisThread();
+        CmPostDelayed(worker, aInterval, [] {});
+        return AllocationsOfThisThread() - ulBefore;
+    };
+    allocations(100s);
+    const unsigned long ulLater = allocations(200s);
+    EXPECT_LT(ulLater, allocations(50s));
+    EXPECT_EQ(ulLater, allocations(60s));
+    unsigned long ulThere = 0;
+    CmCall(worker, [&] { ulThere = allocations(40s); });
+    EXPECT_EQ(ulLater, ulThere);
+}
+
+TEST(CmPostDelayed, IsRefused_WithoutAThread) {
+    CCmWorker worker;
+    worker.End();
+    std::atomic<int> ends{0};
+    EXPECT_EQ(CM_ERROR_NULL_POINTER,
+              CmPostDelayed(worker, 0ms, [counter = EndCounter(ends)] {}).Result());
+    EXPECT_EQ(1, ends);
 }
 
 TEST(CmPostDelayed, GoesAheadOfTheBacklog_WhenOnACmWorker) {

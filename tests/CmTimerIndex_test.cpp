@@ -6,6 +6,7 @@
 #include <map>
 #include <new>
 #include <random>
+#include <set>
 #include <vector>
 
 #include "support/Faults.h"
@@ -130,6 +131,26 @@ TEST(CmTimerHandlerIndexT, NeedsNoMemory_WhenItHeldAsManyBefore) {
         Add(index, 1000000 + 16 * i, 2);
     }
     EXPECT_EQ(ulBefore, AllocationsOfThisThread());
+}
+
+// The places at which searches begin, seen in an index that had many entries and has none. A few
+// handlers may share one.
+TEST(CmTimerHandlerIndexT, SpreadsHandlers_WhateverLiesBetweenThem) {
+    constexpr uintptr_t COUNT = 2000;
+    IndexType index;
+    for (uintptr_t i = 1; i <= COUNT; ++i) {
+        Add(index, 16 * i, 1);
+    }
+    for (uintptr_t i = 1; i <= COUNT; ++i) {
+        index.Erase(Handler(16 * i));
+    }
+    for (const uintptr_t nStep : {16, 48, 64, 1000, 4096, 65536}) {
+        std::set<IndexType::CEntry*> places;
+        for (uintptr_t i = 1; i <= COUNT; ++i) {
+            places.insert(index.Look(Handler(0x10000000 + nStep * i)));
+        }
+        EXPECT_LT(COUNT / 3, places.size()) << nStep;
+    }
 }
 
 TEST(CmTimerHandlerIndexT, KeepsWhatItHas_WhenMemoryRunsOut) {

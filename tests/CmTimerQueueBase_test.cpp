@@ -10,6 +10,7 @@
 #include "support/Faults.h"
 #include "support/Timers.h"
 #include "support/TraceSink.h"
+#include "support/Watch.h"
 
 namespace UTIL_NS {
 namespace {
@@ -519,6 +520,16 @@ TEST_F(CmTimerQueueBase, RearmsAsByRepeatedAddition_WhateverWasMissed) {
             ASSERT_EQ(tvExpected, queue.m_nodes[0].m_tvExpired) << lInterval << ' ' << lPast;
         }
     }
+}
+
+TEST_F(CmTimerQueueBase, SaysHowLateAndForHowLong_WhenAHandlerRanForLongWithTheWatchOn) {
+    const kelto_test::ScopedWatch watch;
+    m_handler.SetAction([this] { m_clock.AdvanceMs(60); });
+    m_queue.ScheduleTimer(&m_handler, nullptr, Ms(10), 1);
+    m_queue.ScheduleTimer(&m_other, nullptr, Ms(12), 1);
+    EXPECT_EQ(2U, CheckAfterMs(14));
+    EXPECT_EQ(1U, m_sink.count("CCmTimerQueueBase::CheckExpire, watch, class="));
+    EXPECT_EQ(1U, m_sink.count("RecordingHandler lateUsec=4000 ranUsec=60000 this="));
 }
 
 }  // namespace

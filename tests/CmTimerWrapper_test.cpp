@@ -1,6 +1,7 @@
 #include "CmTimerWrapper.h"
 
 #include <gtest/gtest.h>
+#include <sys/times.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -434,6 +435,46 @@ TEST(CmLowTick, HasOneInstance_WhenThreadsAskAtOnce) {
                       }
                   }
                   return sink.lines().size() == 1;
+              }));
+}
+
+Generator* g_pMeanwhile = nullptr;
+long g_lLiveMeanwhile = 0;
+int g_nTimesRead = 0;
+
+clock_t ReadTimes(tms* /*aTimes*/) {
+    ++g_nTimesRead;
+    return 0;
+}
+
+// The clock is read while a generator is made: as if another thread came in between.
+clock_t AskMeanwhile(tms* aTimes) {
+    g_cmClock.times = ReadTimes;
+    g_pMeanwhile = Generator::instance();
+    g_lLiveMeanwhile = kelto_test::LiveAllocations();
+    return ReadTimes(aTimes);
+}
+
+TEST(CmLowTick, ReturnsTheOtherAndFreesItsOwn_WhenAnotherWasFirst) {
+    EXPECT_EQ(0, InChild([] {
+                  ScopedTraceSink sink;
+                  ScopedClock clock;
+                  tick_policy::now();  // its singleton is there
+                  g_cmClock.times = AskMeanwhile;
+                  const Generator* const pGenerator = Generator::instance();
+                  return g_pMeanwhile != nullptr && pGenerator == g_pMeanwhile &&
+                         kelto_test::LiveAllocations() == g_lLiveMeanwhile - 1;
+              }));
+}
+
+TEST(CmLowTick, ReadsTheProcessClock_WhenItsTimerFires) {
+    EXPECT_EQ(0, InChild([] {
+                  ScopedTraceSink sink;
+                  ScopedClock clock;
+                  CCmTimerWrapperIDSink* const pGenerator = Generator::instance();
+                  g_cmClock.times = ReadTimes;
+                  pGenerator->OnTimer(nullptr);
+                  return g_nTimesRead == 1;
               }));
 }
 
