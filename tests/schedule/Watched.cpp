@@ -24,7 +24,7 @@ CWatch::CWatch() {
     CCmEventQueueSteps::LearnTableOfSends();
     SCHEDULE_EXPECT(s_registry.m_Registry.EnsureKey());
     if (!s_bIsKept) {
-        std::memcpy(s_achKept, &s_registry, sizeof(s_registry));
+        std::memcpy(s_achKept, static_cast<const void*>(&s_registry), sizeof(s_registry));
         s_bIsKept = true;
     }
 }
