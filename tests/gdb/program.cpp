@@ -59,6 +59,11 @@ int main() {
     CCmEventQueueUsingMutex queue;
     queue.PostEvent(new CWork, ICmEventQueue::EPRIORITY_NORMAL);
     queue.PostEvent(new CWork, ICmEventQueue::EPRIORITY_NORMAL);
+    // Nobody comes by the queue after the second start.
+    CCmWatch::Stop();
+    if (CM_FAILED(CCmWatch::Start())) {
+        return 1;
+    }
 
     CHandler first;
     CHandler second;

@@ -333,15 +333,22 @@ class Watch:
             if int(plain(queue["m_pConsumer"])) != int(thread):
                 continue
             found = found or dict(posted=0, run=0, refused=0, unfired=0, pending=0)
-            pending = sum(int(plain(queue["m_Counts"][name].referenced_value()))
-                          for name in ("m_dwSize", "m_dwOwn"))
+            size, own = (int(plain(queue["m_Counts"][name].referenced_value()))
+                         for name in ("m_dwSize", "m_dwOwn"))
+            pending = size + own
+            # While it is on, a part that nobody has come by since the start has what was pending
+            # then.
             if int(plain(queue["m_dwStart"])) == self.start:
                 found["posted"] += int(plain(queue["m_ullPosted"]))
                 pending -= int(plain(queue["m_dwGhosts"])) + int(plain(queue["m_dwWaysBack"]))
+            elif self.is_on():
+                found["posted"] += size
             if int(plain(queue["m_dwOwnStart"])) == self.start:
                 found["posted"] += int(plain(queue["m_ullOwnPosted"]))
                 found["run"] += int(plain(queue["m_ullRun"]))
                 pending += int(plain(queue["m_dwTaken"]))
+            elif self.is_on():
+                found["posted"] += own
             found["refused"] += self.shared(queue["m_Refused"])
             found["unfired"] += self.shared(queue["m_Unfired"])
             found["pending"] += max(pending, 0)

@@ -249,16 +249,23 @@ class Watch:
             if self.number_of(queue, "m_pConsumer") != thread:
                 continue
             found = found or dict(posted=0, run=0, refused=0, unfired=0, pending=0)
-            pending = sum(number(field(field(queue, "m_Counts"), name).Dereference())
-                          for name in ("m_dwSize", "m_dwOwn"))
+            size, own = (number(field(field(queue, "m_Counts"), name).Dereference())
+                         for name in ("m_dwSize", "m_dwOwn"))
+            pending = size + own
+            # While it is on, a part that nobody has come by since the start has what was pending
+            # then.
             if self.number_of(queue, "m_dwStart") == self.start:
                 found["posted"] += self.number_of(queue, "m_ullPosted")
                 pending -= self.number_of(queue, "m_dwGhosts")
                 pending -= self.number_of(queue, "m_dwWaysBack")
+            elif self.is_on():
+                found["posted"] += size
             if self.number_of(queue, "m_dwOwnStart") == self.start:
                 found["posted"] += self.number_of(queue, "m_ullOwnPosted")
                 found["run"] += self.number_of(queue, "m_ullRun")
                 pending += self.number_of(queue, "m_dwTaken")
+            elif self.is_on():
+                found["posted"] += own
             found["refused"] += self.shared(field(queue, "m_Refused"))
             found["unfired"] += self.shared(field(queue, "m_Unfired"))
             found["pending"] += max(pending, 0)
