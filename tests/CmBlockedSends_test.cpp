@@ -14,6 +14,8 @@
 #include <vector>
 
 #include "CmLifeGuard.h"
+#include "CmNsec.h"
+#include "CmWatched.h"
 #include "CmWorker.h"
 #include "support/Cancellation.h"
 #include "support/Eventually.h"
@@ -90,6 +92,19 @@ struct Pair {
     CCmWorker m_left{CCmWorkerOptions().Name("left")};
     CCmWorker m_right{CCmWorkerOptions().Name("right")};
 };
+
+// First: no thread of the program has a number yet.
+TEST(CmBlockedSends, NumbersDiffer_WhenAThreadComesAfterAnother) {
+    uint64_t ullFirst = 0;
+    uint64_t ullSecond = 0;
+    std::thread([&] { ullFirst = CmNumberOfThisThread(); }).join();
+    std::thread([&] {
+        ullSecond = CmNumberOfThisThread();
+        EXPECT_EQ(ullSecond, CmNumberOfThisThread());
+    }).join();
+    EXPECT_NE(0U, ullFirst);
+    EXPECT_LT(ullFirst, ullSecond);
+}
 
 TEST(CmBlockedSends, SaysTheNames_WhenTwoWorkersSendToEachOther) {
     const Switched on;
@@ -275,12 +290,105 @@ TEST(CmBlockedSends, CutsTheNames_WhenThereIsNoRoomForAll) {
     EndPending(*workers[0]);
 }
 
+TEST(CmBlockedSends, FillsTheRoom_WhenTheNamesFitJust) {
+    const Switched on;
+    // 15 and 52 times 4 + 15 and 4 + 9 are 1016 characters: 8 are left for " -> ..." and the end.
+    constexpr size_t COUNT = 55;
+    const std::string strNine(9, 'n');
+    const std::string strFifteen(15, 'n');
+    std::string strExpected = strFifteen;
+    for (size_t i = 1; i <= 52; ++i) {
+        strExpected += " -> " + strFifteen;
+    }
+    strExpected += " -> " + strNine + " -> ...";
+    ASSERT_EQ(CCmBlockedSend::NAMES_SIZE - 1, strExpected.size());
+
+    const auto goesOn = [](const void*) { return true; };
+    std::vector<std::atomic<uint64_t>> numbers(COUNT);
+    std::vector<Gate> starts(COUNT);
+    std::vector<Gate> waits(COUNT);
+    Gate end;
+    struct {
+        char szNames[CCmBlockedSend::NAMES_SIZE];
+        char szAfter[4];
+    } room = {"", "abc"};
+    std::vector<std::thread> threads;
+    for (size_t i = 0; i < COUNT; ++i) {
+        threads.emplace_back([&, i] {
+            kelto_test::NameThisThread((i == COUNT - 2 ? strNine : strFifteen).c_str());
+            numbers[i] = CmNumberOfThisThread();
+            starts[i].Open();
+            const size_t nNext = (i + 1) % COUNT;
+            EXPECT_TRUE(starts[nNext].Wait());
+            for (size_t j = 1; i == 0 && j < COUNT; ++j) {  // the first closes the circle
+                EXPECT_TRUE(waits[j].Wait());
+            }
+            CCmBlockedSend blocked;
+            EXPECT_EQ(i == 0, blocked.Enter(numbers[nNext], goesOn, nullptr, room.szNames));
+            waits[i].Open();
+            EXPECT_TRUE(end.Wait());
+        });
+    }
+    EXPECT_TRUE(waits[0].Wait());
+    end.Open();
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(strExpected, room.szNames);
+    EXPECT_STREQ("abc", room.szAfter);
+}
+
 // Whether a wait of this thread for the one with that number would close a circle.
 bool WaitsForThisThread(uint64_t aThread) {
     CCmBlockedSend probe;
     char szNames[CCmBlockedSend::NAMES_SIZE];
     return probe.Enter(
         aThread, [](const void*) { return true; }, nullptr, szNames);
+}
+
+TEST(CmBlockedSends, ClosesACircle_WhenTheAwaitedThreadIsBoundMeanwhile) {
+    const Switched on;
+    const auto goesOn = [](const void*) { return true; };
+    for (const bool bIsBound : {false, true}) {
+        CCmAwaitedThread awaited;
+        CCmAwaitedThread other;
+        Gate waits;
+        Gate end;
+        std::atomic<uint64_t> ullWaiter{0};
+        std::thread waiter([&] {
+            ullWaiter = CmNumberOfThisThread();
+            char szNames[CCmBlockedSend::NAMES_SIZE];
+            CCmBlockedSend blocked;
+            EXPECT_FALSE(blocked.Enter(awaited, goesOn, nullptr, szNames));
+            waits.Open();
+            EXPECT_TRUE(end.Wait());
+        });
+        EXPECT_TRUE(waits.Wait());
+        (bIsBound ? awaited : other).BindToCurrentThread();
+        EXPECT_EQ(bIsBound, WaitsForThisThread(ullWaiter));
+        end.Open();
+        waiter.join();
+    }
+}
+
+TEST(CmBlockedSends, IsLong_WhenTheLimitHasPassed) {
+    const Switched on;
+    constexpr long long NSEC_PER_SEC = 1000 * 1000 * 1000;
+    const std::unique_ptr<ICmEvent> pEvent(CmMakeEvent([] {}));
+    char szNames[CCmBlockedSend::NAMES_SIZE];
+    CCmBlockedSend blocked;
+    blocked.SetSent(CmTableOf(pEvent.get()));
+    const long long llBefore = CmMonotonicNsec();
+    EXPECT_FALSE(blocked.Enter(
+        CmNumberOfThisThread() + 1, [](const void*) { return true; }, nullptr, szNames));
+    const long long llAfter = CmMonotonicNsec();
+    CCmBlockedSend::CLong found;
+    EXPECT_FALSE(CCmBlockedSend::TakeLong(llBefore + 10 * NSEC_PER_SEC, 10001, found));
+    ASSERT_TRUE(CCmBlockedSend::TakeLong(llAfter + 10 * NSEC_PER_SEC, 10000, found));
+    EXPECT_LE(10000, found.m_llMsec);
+    EXPECT_GE(10000 + (llAfter - llBefore) / 1000000 + 1, found.m_llMsec);
+    EXPECT_EQ(CmNumberOfThisThread() + 1, found.m_ullAwaited);
+    EXPECT_FALSE(CCmBlockedSend::TakeLong(llAfter + 20 * NSEC_PER_SEC, 10000, found)) << "told of";
 }
 
 void CancelASender() {
@@ -374,18 +482,6 @@ TEST(CmBlockedSends, ClosesACircle_WhenAThreadWaitsForItself) {
     CCmBlockedSend over;
     EXPECT_FALSE(over.Enter(
         awaited, [](const void*) { return false; }, nullptr, szNames));
-}
-
-TEST(CmBlockedSends, NumbersDiffer_WhenAThreadComesAfterAnother) {
-    uint64_t ullFirst = 0;
-    uint64_t ullSecond = 0;
-    std::thread([&] { ullFirst = CmNumberOfThisThread(); }).join();
-    std::thread([&] {
-        ullSecond = CmNumberOfThisThread();
-        EXPECT_EQ(ullSecond, CmNumberOfThisThread());
-    }).join();
-    EXPECT_NE(0U, ullFirst);
-    EXPECT_LT(ullFirst, ullSecond);
 }
 
 }  // namespace

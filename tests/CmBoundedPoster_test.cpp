@@ -1,5 +1,6 @@
 #include "CmBoundedPoster.h"
 
+#include <errno.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -131,6 +132,18 @@ TEST(CCmBoundedPoster, PostGivesUpAtItsLimit) {
     EXPECT_EQ(1U, poster.GetCount());
     gate.Open();
     EXPECT_EQ(CM_OK, poster.Post(20s, [] {}));
+}
+
+TEST(CCmBoundedPoster, PostFails_WhenItCannotLock) {
+    CCmEventQueueUsingMutex queue;
+    CCmBoundedPoster poster(queue, 1);
+    EXPECT_EQ(CM_OK, poster.Post([] {}));
+    {
+        const kelto_test::FailingCall<&CCmSystemTable::pthread_mutex_lock> fault(
+            0, EINVAL, 1, kelto_test::Failing::FROM_THERE_ON);
+        EXPECT_EQ(CM_ERROR_FAILURE, poster.Post(20s, [] {}));
+    }
+    EXPECT_EQ(1U, poster.GetCount());
 }
 
 TEST(CCmBoundedPoster, PostDoesNotWait_WhenOnTheQueuesOwnThread) {

@@ -105,6 +105,28 @@ TEST_F(CmConfigReaderTest, TellsAbsentFromBad) {
         Problems());
 }
 
+TEST_F(CmConfigReaderTest, LeavesTheDefault_WhenTheKeyIsAbsentWhateverTheKind) {
+    Read("[s]\nother = 1\n");
+    bool bValue = true;
+    CCmTimeValue tvDuration(7);
+    uint64_t ullBytes = 7;
+    CCmIpAddress address;
+    address.m_family = CCmIpAddress::IPV4;
+    const CCmIpAddress before = address;
+    std::string_view text = "old";
+    EXPECT_EQ(CM_ERROR_NOT_FOUND, m_config.GetBool("s", "k", bValue));
+    EXPECT_EQ(CM_ERROR_NOT_FOUND, m_config.GetDuration("s", "k", tvDuration));
+    EXPECT_EQ(CM_ERROR_NOT_FOUND, m_config.GetSize("s", "k", ullBytes));
+    EXPECT_EQ(CM_ERROR_NOT_FOUND, m_config.GetAddress("s", "k", address));
+    EXPECT_EQ(CM_ERROR_NOT_FOUND, m_config.GetText("s", "k", text));
+    EXPECT_TRUE(bValue);
+    EXPECT_EQ(CCmTimeValue(7), tvDuration);
+    EXPECT_EQ(7U, ullBytes);
+    EXPECT_EQ(before, address);
+    EXPECT_EQ("old", text);
+    EXPECT_EQ("", Problems());
+}
+
 TEST_F(CmConfigReaderTest, SaysWhatItExpected_WhateverTheKind) {
     Read(
         "[s]\n"
@@ -316,6 +338,13 @@ ssize_t EditBeforeReading(int aFile, void* aBuffer, size_t aSize, off_t aPositio
     return pread(aFile, aBuffer, aSize, aPosition);
 }
 
+CCmTimeValue g_tvSlept;
+
+int CountTheSleep(const timespec* aTime, timespec* aRemain) {
+    g_tvSlept += CCmTimeValue(aTime->tv_sec, aTime->tv_nsec / 1000);
+    return nanosleep(aTime, aRemain);
+}
+
 }  // namespace
 
 TEST_F(CmConfigReaderTest, ReadsAgain_WhenTheFileIsEditedBetweenTwoReads) {
@@ -339,7 +368,11 @@ TEST_F(CmConfigReaderTest, GivesUp_WhenTheFileNeverStopsChanging) {
     g_nEdits = 1000000;
     const kelto_test::ScopedEntry<decltype(g_cmSystem.pread)> entry(g_cmSystem.pread,
                                                                     &EditBeforeReading);
+    const kelto_test::ScopedEntry<decltype(g_cmSystem.nanosleep)> sleep(g_cmSystem.nanosleep,
+                                                                        &CountTheSleep);
+    g_tvSlept = CCmTimeValue();
     EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, m_config.Read(m_sPath.c_str()));
+    EXPECT_EQ(CCmTimeValue(1), g_tvSlept);
     g_nEdits = 0;
     ASSERT_EQ(1U, m_config.problems().size());
     EXPECT_EQ(m_sPath + ": cannot be read: it does not stop changing", m_config.problems()[0]);

@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -426,6 +427,31 @@ TEST(CmConfigProfile, ReadsANamedPipe_WhileItsWriterWrites) {
     EXPECT_EQ("v", ReadFile(sPath, "s", "k"));
     writer.join();
     close(nPipe);
+}
+
+int g_nWriteEnd = -1;
+
+// A writer that writes as soon as it is waited for without limit.
+int WriteWhenAwaited(pollfd* aFiles, nfds_t aCount, int aLimit) {
+    if (aLimit >= 0) {
+        errno = EINVAL;
+        return -1;
+    }
+    EXPECT_EQ(8, write(g_nWriteEnd, "[s]\nk=v\n", 8));
+    return poll(aFiles, aCount, aLimit);
+}
+
+TEST(CmConfigProfile, WaitsWithoutLimit_WhenTheWriterOfANamedPipeIsSlow) {
+    ScopedHome home;
+    const std::string sPath = home.path() + "profile";
+    ASSERT_EQ(0, mkfifo(sPath.c_str(), 0600));
+    g_nWriteEnd = open(sPath.c_str(), O_RDWR);
+    {
+        const kelto_test::ScopedEntry<decltype(g_cmSystem.poll)> entry(g_cmSystem.poll,
+                                                                       &WriteWhenAwaited);
+        EXPECT_EQ("v", ReadFile(sPath, "s", "k"));
+    }
+    close(g_nWriteEnd);
 }
 
 TEST(CmConfigProfile, ReadsANamedPipe_UntilItsWriterClosesIt) {

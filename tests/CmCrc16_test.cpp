@@ -148,6 +148,8 @@ TEST(CmCrc16, CalcCRC16IsTheSame_WhateverTheSplit) {
 
 TEST(CmCrc16, CalcCRC16IsRight_WithoutMemoryForTheSingleton) {
     CCmCleanUpBase::CleanupAll();
+    std::memset(CRC16_H_TABLE, 0x55, sizeof(CRC16_H_TABLE));
+    std::memset(CRC16_L_TABLE, 0x55, sizeof(CRC16_L_TABLE));
     ScopedTraceSink sink;
     kelto_test::ScopedAllocationFault fault(1);
     unsigned short wCrc = 0;
@@ -178,12 +180,15 @@ TEST(CmCrc16, TablesAreFilled_WhateverTheCall) {
     EXPECT_EQ(0xC1, CRC16_H_TABLE[1]);
 }
 
-TEST(CmCrc16, CalcCRC16MStopsAtTheLength) {
+TEST(CmCrc16, CalcCRC16MStopsAtTheLength_WhateverBlockItEndsIn) {
     CCmMessageBlock first(4, "1234", 0, 4);
     CCmMessageBlock second(5, "56789", 0, 5);
     first.Append(&second);
-    unsigned short wCrc = 0;
-    EXPECT_EQ(BitByBit(0, Bytes("123456"), 6), CalcCRC16_m(wCrc, first, 6));
+    for (unsigned int nLength = 0; nLength <= 9; ++nLength) {
+        unsigned short wCrc = 0;
+        EXPECT_EQ(BitByBit(0, Bytes(DIGITS), nLength), CalcCRC16_m(wCrc, first, nLength))
+            << nLength;
+    }
 }
 
 TEST(CmCrc16, CalcCRC16MTakesAll_WhenTheLengthIsBeyondTheData) {

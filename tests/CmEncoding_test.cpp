@@ -191,6 +191,28 @@ TEST(CmBase64String, GivesEmptyText_WhenLengthIsImpossible) {
     EXPECT_EQ(strOut, "");
 }
 
+TEST(CmBase64String, GivesEmptyText_WhenTheTextWouldBeTooLongForAString) {
+    CCmString strOut;
+    const size_t nMost = strOut.max_size() / 4 * 3;
+    for (size_t nLength = nMost + 1; nLength <= nMost + 6; ++nLength) {
+        strOut = "x";
+        CM_Base64Encode("x", nLength, strOut);
+        EXPECT_EQ(strOut, "") << nLength;
+    }
+}
+
+TEST(CmBase64String, DecodesWithoutAnAllocation_WhenTheBytesFitIntoTheOutput) {
+    for (size_t nSize = 40; nSize < 100; ++nSize) {
+        CCmString strOut(nSize, 'x');
+        const CCmString strBytes = kelto_test::RandomBytes<CCmString>(strOut.capacity(), 2);
+        const CCmString strText = Encoded(strBytes);
+        const unsigned long ulBefore = kelto_test::AllocationsOfThisThread();
+        CM_Base64Decode(strText.c_str(), strOut);
+        EXPECT_EQ(ulBefore, kelto_test::AllocationsOfThisThread()) << nSize;
+        EXPECT_EQ(strBytes, strOut);
+    }
+}
+
 struct DecodeRow {
     const char* text;
     CCmString bytes;

@@ -44,9 +44,11 @@ TEST(CmEvent, KnowsItsThread_WhenConstructed) {
     struct CPlain : ICmEvent {
         CmResult OnEventFire() override { return CM_OK; }
         pthread_t creator() const { return m_CreatorTid; }
+        uint64_t reserved() const { return m_ullReserved; }
     };
     CPlain event;
     EXPECT_TRUE(pthread_equal(pthread_self(), event.creator()));
+    EXPECT_EQ(0u, event.reserved());
 }
 
 TEST(CmEventQueueBase, PostsNothing_WhenTheEventIsNull) {

@@ -206,6 +206,122 @@ TEST(CmCall, RunsAtOnce_WhenOnTheTargetsOwnThread) {
     EXPECT_EQ((std::vector<int>{1, 1, 2}), order);
 }
 
+// A queue that a host wrote itself: what is posted waits for its end, what is sent runs at once.
+class CHostQueue : public ICmEventQueue {
+  public:
+    ~CHostQueue() override {
+        for (ICmEvent* pEvent : m_events) {
+            pEvent->OnDestorySelf();
+        }
+    }
+    CmResult PostEvent(ICmEvent* aEvent, EPriority /*aPri*/) override {
+        m_events.push_back(aEvent);
+        return CM_OK;
+    }
+    CmResult SendEvent(ICmEvent* aEvent) override {
+        const CmResult rv = aEvent->OnEventFire();
+        aEvent->OnDestorySelf();
+        return rv;
+    }
+    DWORD GetPendingEventsCount() override { return static_cast<DWORD>(m_events.size()); }
+
+  private:
+    std::vector<ICmEvent*> m_events;
+};
+
+// The result of a call with a limit to a queue on a thread that has aOwn.
+CmResult ResultOfACall(ICmEventQueue& aOwn, ICmEventQueue& aCalled) {
+    class CHostThread : public ACmThread {
+      public:
+        CHostThread(ICmEventQueue& aOwn, ICmEventQueue& aCalled) : m_Own(aOwn), m_Called(aCalled) {}
+        void OnThreadRun() override {
+            EXPECT_TRUE(m_Created.Wait());  // the library knows the thread from then on
+            m_Result = CmCall(m_Called, 0ms, [] {}).Result();
+        }
+        ICmEventQueue* GetEventQueue() override { return &m_Own; }
+
+        ICmEventQueue& m_Own;
+        ICmEventQueue& m_Called;
+        Gate m_Created;
+        CmResult m_Result = CM_OK;
+    };
+    auto* pThread = new CHostThread(aOwn, aCalled);
+    EXPECT_EQ(CM_OK, pThread->Create(1, TF_JOINABLE));
+    pThread->m_Created.Open();
+    EXPECT_EQ(CM_OK, pThread->Join());
+    const CmResult rv = pThread->m_Result;
+    EXPECT_EQ(CM_OK, pThread->Destory(CM_OK));
+    return rv;
+}
+
+TEST(CmCall, HasALimit_WhenTheHostsQueueIsOfAnotherThread) {
+    CHostQueue own;
+    CHostQueue other;
+    EXPECT_EQ(CM_OK, ResultOfACall(own, own));
+    EXPECT_EQ(CM_ERROR_TIMEOUT, ResultOfACall(own, other));
+    CmResult rv = CM_OK;
+    std::thread([&] { rv = CmCall(own, 0ms, [] {}).Result(); }).join();
+    EXPECT_EQ(CM_ERROR_TIMEOUT, rv) << "a thread that the library does not know";
+    EXPECT_EQ(1u, own.GetPendingEventsCount());
+    EXPECT_EQ(1u, other.GetPendingEventsCount());
+}
+
+// Tells what becomes of its callable.
+class CHeldCall final : public ACmCallEvent {
+  public:
+    explicit CHeldCall(std::string& aDone) : m_strDone(aDone) {}
+    ~CHeldCall() override { m_strDone += "end"; }
+
+  private:
+    void Run() override { m_strDone += "run "; }
+    void Drop() override { m_strDone += "drop "; }
+
+    std::string& m_strDone;
+};
+
+TEST(CmCall, DestroysTheCallable_WhenEitherSideLetsGo) {
+    std::string strDone;
+    auto* pCall = new CHeldCall(strDone);
+    pCall->OnDestorySelf();
+    EXPECT_EQ("drop ", strDone) << "while its caller still holds the event";
+    pCall->LetGo();
+    EXPECT_EQ("drop end", strDone);
+    strDone.clear();
+    pCall = new CHeldCall(strDone);
+    pCall->LetGo();
+    EXPECT_EQ("drop ", strDone) << "while its queue still holds the event";
+    EXPECT_EQ(CM_OK, pCall->OnEventFire());
+    pCall->OnDestorySelf();
+    EXPECT_EQ("drop end", strDone);
+    strDone.clear();
+    pCall = new CHeldCall(strDone);
+    EXPECT_EQ(CM_OK, pCall->OnEventFire());
+    EXPECT_EQ("run drop ", strDone) << "before the caller goes on";
+    pCall->LetGo();
+    pCall->OnDestorySelf();
+    EXPECT_EQ("run drop end", strDone);
+}
+
+TEST(CmCall, IsGivenUp_BeforeItsCallerHearsOfTheLimit) {
+    std::string strDone;
+    CHostQueue queue;
+    auto* pCall = new CHeldCall(strDone);
+    const CCmTimeValue tvLimit;
+    EXPECT_EQ(CM_ERROR_TIMEOUT, pCall->Call(queue, &tvLimit));
+    EXPECT_EQ("drop ", strDone);
+    EXPECT_EQ(CM_OK, pCall->OnEventFire());
+    EXPECT_FALSE(pCall->HasBegun());
+    EXPECT_EQ("drop ", strDone);
+    pCall->LetGo();
+}
+
+TEST(CmCall, Fails_WhenItCannotLock) {
+    CHostQueue queue;
+    const FailingCall<&CCmSystemTable::pthread_mutex_lock> fault(0, EINVAL, 1,
+                                                                 Failing::FROM_THERE_ON);
+    EXPECT_EQ(CM_ERROR_FAILURE, CmCall(queue, 0ms, [] {}).Result());
+}
+
 TEST(CmCall, DestroysTheCallable_BeforeTheCallerGoesOn) {
     TaskThread worker;
     for (int i = 0; i < 200; ++i) {

@@ -566,18 +566,21 @@ TEST(CmFlightFile, IsCutOnce_WhenThreadsRecordAllTheTime) {
     }
 }
 
+// In a process of its own, since the handler stays.
 TEST(CmFlightFile, IsLookedAfter_WhenNoMemoryTakesItsPlaceAtTheEnd) {
-    const ScopedFlight flight;
-    CCmFlightRing* const pRing = CCmFlight::AttachThisThread("after the end");
-    {
-        const auto pFault =
-            Fault<&CCmSystemTable::mmap, void*>(ENOMEM, MAP_FAILED)(1, Failing::ONCE);
-        CCmFlight::Close();
-    }
-    ASSERT_EQ(0, truncate(flight.path().c_str(), 0));
-    pRing->Post(1, nullptr, pRing, nullptr);
-    long long llUsec = 0;
-    EXPECT_TRUE(pRing->FindPost(pRing, 1, llUsec));
+    EXPECT_EQ(0, StatusOfChild([] {
+                  const ScopedFlight flight;
+                  CCmFlightRing* const pRing = CCmFlight::AttachThisThread("after the end");
+                  {
+                      const auto pFault =
+                          Fault<&CCmSystemTable::mmap, void*>(ENOMEM, MAP_FAILED)(1, Failing::ONCE);
+                      CCmFlight::Close();
+                  }
+                  ASSERT_EQ(0, truncate(flight.path().c_str(), 0));
+                  pRing->Post(1, nullptr, pRing, nullptr);
+                  long long llUsec = 0;
+                  EXPECT_TRUE(pRing->FindPost(pRing, 1, llUsec));
+              }));
 }
 
 // A second replacement would take away what has been recorded since the first.

@@ -82,6 +82,39 @@ TEST(CmPortLinuxName, ReplacesBytes_WhenTheyAreNoText) {
     }
 }
 
+std::u16string NameOf(const std::string& aBytes) {
+    s_sExecutable = "/opt/" + aBytes;
+    ScopedEntry<decltype(g_cmSystem.readlink)> entry(g_cmSystem.readlink, FakeReadlink);
+    uint16_t awUnits[CM_PORT_NAME_UNITS];
+    const size_t nUnits = CmPortExecutableName(awUnits);
+    return std::u16string(awUnits, awUnits + nUnits);
+}
+
+TEST(CmPortLinuxName, IsConverted_WhenItIsOfTheFirstAndTheLastCharacters) {
+    EXPECT_EQ(u"\x0001\x007F", NameOf("\x01\x7F"));                  // of one byte
+    EXPECT_EQ(u"\x0080\x07FF", NameOf("\xC2\x80\xDF\xBF"));          // of two
+    EXPECT_EQ(u"\x0800\xFFFF", NameOf("\xE0\xA0\x80\xEF\xBF\xBF"));  // of three
+    EXPECT_EQ(u"\xD7FF\xE000", NameOf("\xED\x9F\xBF\xEE\x80\x80"));  // beside surrogates
+    EXPECT_EQ(u"\xD800\xDC00", NameOf("\xF0\x90\x80\x80"));          // of four
+    EXPECT_EQ(u"\xDBFF\xDFFF", NameOf("\xF4\x8F\xBF\xBF"));
+    for (const char* pBad : {
+             "\x80", "\xBF", "\xC1\xBF", "\xE0\x9F\xBF", "\xF0\x8F\xBF\xBF",  // too long
+             "\xED\xA0\x80", "\xED\xBF\xBF",                                  // surrogates
+             "\xF4\x90\x80\x80", "\xF7\xBF\xBF\xBF", "\xF8\x88\x80\x80\x80",  // too large
+             "\xE4\xB8\xC0", "\xE4\xFF\x80",                                  // no more bytes
+         }) {
+        EXPECT_EQ(std::u16string(strlen(pBad), 0xFFFD), NameOf(pBad))
+            << testing::PrintToString(pBad);
+    }
+    EXPECT_EQ(u"\xFFFD\xFFFDx", NameOf("\xE4\xB8x"));
+}
+
+TEST(CmPortLinuxName, IsCutBeforeAPair_WhenThatHasNoRoom) {
+    EXPECT_EQ(std::u16string(253, 'x') + u"\xD83D\xDE00",
+              NameOf(std::string(253, 'x') + "\xF0\x9F\x98\x80" + "y"));
+    EXPECT_EQ(std::u16string(254, 'x'), NameOf(std::string(254, 'x') + "\xF0\x9F\x98\x80"));
+}
+
 TEST(CmPortLinuxName, IsTerminated_WhenItIsTheLongest) {
     std::string sName = "/opt/";
     std::string sBytes;

@@ -1,4 +1,5 @@
 // The library with its macOS platform file, over fakes of the services that this file calls.
+#include <dlfcn.h>
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <net/if.h>
@@ -7,8 +8,10 @@
 #include <string.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <unistd.h>
 
+#include <climits>
 #include <cstdlib>
 #include <string>
 
@@ -19,6 +22,7 @@
 #include "CmUtilMisc.h"
 #include "port/CmConditionSemaphore.h"
 #include "port/CmPort.h"
+#include "port/CmTimeLeft.h"
 #include "support/ChildProcess.h"
 #include "support/Faults.h"
 #include "support/MacServices.h"
@@ -39,6 +43,20 @@ extern "C" int pthread_cond_timedwait_relative_np(pthread_cond_t* /*aCondition*/
 int pthread_setname_np(const char* aName) {
     s_sThreadName = aName;
     return 0;
+}
+
+// The directory that macOS keeps for the temporary files of the user, null if there is none.
+static const char* s_pUserDirectory = nullptr;
+
+extern "C" size_t confstr(int aName, char* aBuffer, size_t aSize) {
+    if (aName != _CS_DARWIN_USER_TEMP_DIR || s_pUserDirectory == nullptr) {
+        return 0;
+    }
+    const size_t nSize = strlen(s_pUserDirectory) + 1;
+    if (aSize >= nSize) {
+        memcpy(aBuffer, s_pUserDirectory, nSize);
+    }
+    return nSize;
 }
 
 namespace UTIL_NS {
@@ -70,9 +88,77 @@ TEST(CmPortMacFiles, HaveTheirSize_WhenTheSystemKeepsNoBlocksReady) {
     EXPECT_EQ(EBADF, CmPortAllocateFile(nFile, 0, 100000));
 }
 
+// What the system was asked to keep ready, and the error number of its answer.
+fstore_t s_store;
+int s_nStoreError = 0;
+
+int RecordingFcntl(int /*aFile*/, int aCommand, void* aArgument) {
+    EXPECT_EQ(F_PREALLOCATE, aCommand);
+    s_store = *static_cast<const fstore_t*>(aArgument);
+    errno = s_nStoreError;
+    return s_nStoreError == 0 ? 0 : -1;
+}
+
+TEST(CmPortMacFiles, HaveAllTheirBlocksFromTheirEndOn) {
+    ScopedEntry<decltype(g_cmSystem.fcntl)> entry(g_cmSystem.fcntl, &RecordingFcntl);
+    kelto_test::FailingCall<&CCmSystemTable::ftruncate> sizing(EIO, 0, 1,
+                                                               kelto_test::Failing::FROM_THERE_ON);
+    s_nStoreError = 0;
+    EXPECT_EQ(0, CmPortAllocateFile(7, 0, 100000));
+    EXPECT_EQ(static_cast<unsigned>(F_ALLOCATEALL), s_store.fst_flags);
+    EXPECT_EQ(F_PEOFPOSMODE, s_store.fst_posmode);
+    EXPECT_EQ(0, s_store.fst_offset) << "from the end on, the system takes no other";
+    EXPECT_EQ(100000, s_store.fst_length);
+    EXPECT_EQ(1u, sizing.calls()) << "the blocks alone are no size";
+}
+
+TEST(CmPortMacFiles, Fail_WhenThereIsNoRoom) {
+    ScopedEntry<decltype(g_cmSystem.fcntl)> entry(g_cmSystem.fcntl, &RecordingFcntl);
+    kelto_test::FailingCall<&CCmSystemTable::ftruncate> sizing(EIO, 0, 1,
+                                                               kelto_test::Failing::FROM_THERE_ON);
+    s_nStoreError = ENOSPC;
+    EXPECT_EQ(ENOSPC, CmPortAllocateFile(7, 0, 100000));
+    EXPECT_EQ(0u, sizing.calls()) << "nothing was made larger";
+    for (const int nError : {ENOTSUP, EINVAL}) {  // a file system that keeps none ready
+        s_nStoreError = nError;
+        EXPECT_EQ(0, CmPortAllocateFile(7, 0, 100000));
+    }
+}
+
 TEST(CmPortMacFiles, HaveNoDirectoryOfTheUsers_WhenTheSystemKnowsNone) {
     char szPath[100];
     EXPECT_FALSE(CmPortUserDirectory(szPath, sizeof(szPath)));
+    s_pUserDirectory = "";
+    EXPECT_FALSE(CmPortUserDirectory(szPath, sizeof(szPath)));
+    s_pUserDirectory = nullptr;
+}
+
+TEST(CmPortMacFiles, HaveTheDirectoryOfTheUsers_WhenItFits) {
+    s_pUserDirectory = "/T";
+    char szPath[3];
+    EXPECT_TRUE(CmPortUserDirectory(szPath, 3));
+    EXPECT_STREQ("/T", szPath);
+    EXPECT_FALSE(CmPortUserDirectory(szPath, 2));
+    s_pUserDirectory = nullptr;
+}
+
+// ---- Sanitizers
+
+const char* s_pLoadedName = nullptr;
+
+void* FindLoadedName(void* aLibrary, const char* aName) {
+    EXPECT_EQ(RTLD_DEFAULT, aLibrary);
+    return s_pLoadedName != nullptr && strcmp(s_pLoadedName, aName) == 0 ? &s_pLoadedName : nullptr;
+}
+
+TEST(CmPortMacSanitizer, IsKnownByItsStart) {
+    ScopedEntry<decltype(g_cmSystem.dlsym)> entry(g_cmSystem.dlsym, &FindLoadedName);
+    s_pLoadedName = nullptr;
+    EXPECT_FALSE(CmPortHasSanitizer());
+    for (const char* pszName : {"__asan_init", "__lsan_init", "__tsan_init"}) {
+        s_pLoadedName = pszName;
+        EXPECT_TRUE(CmPortHasSanitizer()) << pszName;
+    }
 }
 
 // ---- Semaphores
@@ -86,6 +172,26 @@ TEST(CmPortMacSemaphore, CallsCountAMutexAndAConditionUpAndDown) {
     EXPECT_EQ(0, CmPortSemaphorePost(&semaphore));
     EXPECT_EQ(1u, semaphore.m_dwCount);
     EXPECT_EQ(0, CmPortSemaphoreDestroy(&semaphore));
+}
+
+TEST(CmPortMacSemaphore, CallsTellWhyTheyFail) {
+    CmConditionSemaphore semaphore;
+    errno = 0;
+    EXPECT_EQ(-1, CmPortSemaphoreInit(&semaphore, 0, 1u + INT_MAX));
+    EXPECT_EQ(EINVAL, errno);
+    ASSERT_EQ(0, CmPortSemaphoreInit(&semaphore, 0, INT_MAX));
+    EXPECT_EQ(-1, CmPortSemaphorePost(&semaphore));
+    EXPECT_EQ(EOVERFLOW, errno);
+    {
+        kelto_test::FailingCall<&CCmSystemTable::pthread_mutex_lock> fault(EDEADLK, EDEADLK);
+        EXPECT_EQ(-1, CmPortSemaphoreWait(&semaphore));
+        EXPECT_EQ(EDEADLK, errno);
+    }
+    {
+        kelto_test::FailingCall<&CCmSystemTable::pthread_mutex_destroy> fault(EBUSY, EBUSY);
+        EXPECT_EQ(-1, CmPortSemaphoreDestroy(&semaphore));
+        EXPECT_EQ(EBUSY, errno);
+    }
 }
 
 // ---- Interfaces
@@ -478,6 +584,39 @@ TEST(CmPortMac, ConditionWaitUntilWaitsForWhatIsLeft) {
     EXPECT_EQ(ETIMEDOUT, CmPortConditionWaitUntil(&condition, &mutex, &tsDeadline));
     EXPECT_EQ(0, s_tsInterval.tv_sec);
     EXPECT_EQ(1, s_tsInterval.tv_nsec);
+}
+
+TEST(CmPortMac, TimeLeftIsANanosecond_WhenTheDeadlineHasPassed) {
+    const struct {
+        timespec now;
+        timespec deadline;
+        timespec left;
+    } rows[] = {
+        {{5, 0}, {7, 0}, {2, 0}},
+        {{5, 400000000}, {7, 100000000}, {1, 700000000}},
+        {{5, 100000000}, {7, 400000000}, {2, 300000000}},
+        {{5, 900000000}, {6, 100000000}, {0, 200000000}},
+        {{5, 1}, {5, 2}, {0, 1}},
+        {{5, 7}, {5, 7}, {0, 1}},
+        {{5, 7}, {5, 6}, {0, 1}},
+        {{5, 7}, {4, 999999999}, {0, 1}},
+        {{5, 7}, {4, 7}, {0, 1}},
+    };
+    for (const auto& row : rows) {
+        const timespec tsLeft = CmTimeLeft(row.now, row.deadline);
+        EXPECT_EQ(row.left.tv_sec, tsLeft.tv_sec) << row.deadline.tv_nsec;
+        EXPECT_EQ(row.left.tv_nsec, tsLeft.tv_nsec) << row.deadline.tv_nsec;
+    }
+}
+
+TEST(CmPortMac, CoarseTimeOfDayIsThatOfTheSystem) {
+    timeval tvNow = {};
+    EXPECT_EQ(0, CmPortCoarseTimeOfDay(&tvNow, nullptr));
+    EXPECT_LT(0, tvNow.tv_sec);
+}
+
+TEST(CmPortMac, KnowsNoCore) {
+    EXPECT_EQ(-1, CmPortCurrentCore());
 }
 
 TEST(CmPortMac, CutsTheNameOfAThreadToItsLimit) {

@@ -259,8 +259,8 @@ TEST_F(CmResolverTest, RefusesAndEndsTheAnswer_WhenTheTextIsNoName) {
          {std::string(), std::string("."), std::string("a..b"), std::string(".a"),
           std::string("a b"), std::string("a/b"), std::string("[::1]"), std::string("1.2.3"),
           std::string("300.1.1.1"), std::string("16909060"), std::string("a.0x7f"),
-          std::string("a.1."), std::string("a\0b", 3), std::string("\xC3\xA9"), sLabel63 + "a",
-          sName253 + "a", std::string("fe80::g")}) {
+          std::string("a.0X"), std::string("0x"), std::string("a.1."), std::string("a\0b", 3),
+          std::string("\xC3\xA9"), sLabel63 + "a", sName253 + "a", std::string("fe80::g")}) {
         Record record;
         EXPECT_EQ(CM_ERROR_INVALID_ARG,
                   resolver.Resolve(sName, &m_queue, new CAnswer(record), CCmTimeValue(1)))
@@ -357,6 +357,60 @@ TEST_F(CmResolverTest, IsCancelled_WhenTheAnswerIsPosted) {
     EXPECT_EQ(0, record.resolved);
 }
 
+namespace {
+
+// A queue that posts when its gate opens.
+class CSlowQueue : public ICmEventQueue {
+  public:
+    explicit CSlowQueue(ICmEventQueue& aQueue) : m_queue(aQueue) {}
+    CmResult PostEvent(ICmEvent* aEvent, EPriority aPri) override {
+        m_entered.Open();
+        EXPECT_TRUE(m_gate.Wait());
+        const CmResult rv = m_queue.PostEvent(aEvent, aPri);
+        m_bPosted = true;
+        return rv;
+    }
+    CmResult SendEvent(ICmEvent* aEvent) override { return m_queue.SendEvent(aEvent); }
+    DWORD GetPendingEventsCount() override { return m_queue.GetPendingEventsCount(); }
+
+    kelto_test::Gate m_entered;
+    kelto_test::Gate m_gate;
+    std::atomic<bool> m_bPosted{false};
+
+  private:
+    ICmEventQueue& m_queue;
+};
+
+}  // namespace
+
+// The queue may be destroyed after Cancel.
+TEST_F(CmResolverTest, CancelWaits_WhileTheAnswerIsBeingPosted) {
+    CCmResolver resolver;
+    CSlowQueue queue(m_queue);
+    Record record;
+    uint64_t ullId = 0;
+    ASSERT_EQ(CM_OK, resolver.Resolve("host.test", &queue, new CAnswer(record), CCmTimeValue(60),
+                                      CCmIpAddress::NONE, &ullId));
+    ASSERT_TRUE(queue.m_entered.Wait());
+    std::thread canceller([&] {
+        EXPECT_EQ(CM_OK, resolver.Cancel(ullId));
+        EXPECT_TRUE(queue.m_bPosted);
+    });
+    SleepMs(20);
+    queue.m_gate.Open();
+    canceller.join();
+    Run();
+    EXPECT_EQ(1, record.ended);
+    EXPECT_EQ(0, record.resolved);
+}
+
+TEST_F(CmResolverTest, AnswersNothing_WhenAnAnswerIsFiredThatWasNeverAsked) {
+    Record record;
+    CAnswer answer(record);
+    EXPECT_EQ(CM_OK, answer.OnEventFire());
+    EXPECT_EQ(0, record.resolved);
+}
+
 TEST_F(CmResolverTest, CancelsWhatIsPending_WhenItEnds) {
     Record pending;
     Record posted;
@@ -449,6 +503,20 @@ TEST_F(CmResolverTest, SaysSo_WhenNoThreadCanBeStarted) {
     ASSERT_EQ(CM_OK, Ask(resolver, "host.test", third));
     EXPECT_TRUE(Becomes([&] { return third.ended == 1; }));
     EXPECT_EQ(CM_OK, third.result);
+}
+
+TEST_F(CmResolverTest, AsksAndAnswersAsEver_WhileWaitsFail) {
+    const kelto_test::FailingCall<&CCmSystemTable::pthread_cond_timedwait> fault(
+        0, EINVAL, 1, kelto_test::Failing::FROM_THERE_ON);
+    CCmResolver resolver;
+    Record record;
+    ASSERT_EQ(CM_OK, Ask(resolver, "hang.test", record));
+    EXPECT_TRUE(Becomes([&] { return fault.calls() > 3 && g_nInside > 0; }));
+    EXPECT_EQ(1, g_nAsked);
+    s_hanging.Open();
+    EXPECT_TRUE(Becomes([&] { return record.ended == 1; }));
+    EXPECT_EQ(CM_OK, record.result);
+    EXPECT_EQ(1, g_nAsked);
 }
 
 TEST_F(CmResolverTest, Survives_WithoutMemory) {

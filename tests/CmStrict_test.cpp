@@ -424,6 +424,27 @@ TEST(CmStrictIpv6, Refuses_WhenTheTextIsNoAddress) {
     }
 }
 
+TEST(CmStrictIpv6, SaysWhatItExpected_WhenTheTextIsNoAddress) {
+    const struct {
+        const char* text;
+        const char* expected;
+    } ROWS[] = {
+        {"::g", "a hexadecimal digit"},
+        {"12345::", "a colon"},
+        {"1:2:3", "eight groups"},
+        {"1:2:3:4:5:6:7:1.2.3.4", "a colon"},
+        {"::1.2.3", "a dot"},
+        {"::1.2.3.", "a digit"},
+        {"::1.2.3.256", "a number up to 255 without leading zeros"},
+        {"::1.2.3.4.5", "the end of the address"},
+        {"::1%", "a zone of 1 to 15 letters, digits, \"-\", \".\", \"_\" and \"~\""},
+    };
+    for (const auto& row : ROWS) {
+        CCmIpAddress address;
+        EXPECT_STREQ(row.expected, CmParseIpv6(row.text, address).m_pszExpected) << row.text;
+    }
+}
+
 TEST(CmStrictIpv6, KeepsTheZone_WhenThereIsOne) {
     CCmIpAddress address;
     // RFC 4007, 11.3.
@@ -699,7 +720,77 @@ TEST(CmStrictUtf8, KnowsEveryFirstPair) {
     }
 }
 
+TEST(CmStrictUtf8, NamesThePlace_WhereverTheBadByteIsAndTheTextStarts) {
+    for (size_t nStart = 0; nStart < 8; ++nStart) {
+        for (size_t nPlace = nStart; nPlace < 100; ++nPlace) {
+            std::string sText(140, 'a');
+            sText[nPlace] = '\xFF';
+            const std::string_view text = std::string_view(sText).substr(nStart);
+            ExpectAnswer(CmCheckUtf8(text), CM_ERROR_INVALID_ARG, nPlace - nStart, sText);
+            // Without the byte and what follows it.
+            ExpectAnswer(CmCheckUtf8(text.substr(0, nPlace - nStart)), CM_OK, 0, sText);
+        }
+    }
+}
+
 // ---- All of them
+
+// Each text is the front of a longer one, whose rest would make another answer.
+TEST(CmStrict, EndsWithItsText_WhenMoreFollowsInMemory) {
+    struct CRow {
+        const char* text;
+        size_t length;
+        size_t at;
+    };
+    const auto check = [](const CRow& aRow, const CCmParsed& aParsed) {
+        ExpectAnswer(aParsed, aRow.at == GOOD ? CM_OK : CM_ERROR_INVALID_ARG, aRow.at, aRow.text);
+    };
+    for (const CRow& row : {CRow{"123", 2, GOOD}, CRow{"-1", 1, 1}, CRow{"12", 0, 0}}) {
+        int nNumber = 12;
+        check(row, CmParseNumber({row.text, row.length}, nNumber));
+        EXPECT_EQ(12, nNumber) << row.text;
+    }
+    for (const CRow& row : {CRow{"20.5s", 2, 2}, CRow{"20s", 2, 2}, CRow{"1.5s", 2, 2},
+                            CRow{"1.5s", 3, 3}, CRow{"-1s", 1, 1}, CRow{"2min", 2, 1}}) {
+        CCmTimeValue tvDuration;
+        check(row, CmParseDuration({row.text, row.length}, tvDuration));
+    }
+    for (const CRow& row : {CRow{"64KiB", 2, GOOD}, CRow{"64KiB", 3, 2}, CRow{"6", 0, 0}}) {
+        uint64_t ullBytes = 64;
+        check(row, CmParseSize({row.text, row.length}, ullBytes));
+        EXPECT_EQ(64U, ullBytes) << row.text;
+    }
+    for (const CRow& row : {CRow{"1.2.3.45", 7, GOOD}, CRow{"1.2.3.4", 5, 5}, CRow{"1.2.3.4", 6, 6},
+                            CRow{"::12", 3, GOOD}, CRow{"1::", 1, 1}, CRow{"1::2", 2, 2},
+                            CRow{"::1.2.3.4", 3, GOOD}, CRow{"fe80::1%1", 8, 8}}) {
+        CCmIpAddress address;
+        check(row, CmParseIpAddress({row.text, row.length}, address));
+    }
+    for (const CRow& row :
+         {CRow{"127.0.0.1:80", 9, 9}, CRow{"127.0.0.1:80", 10, 10}, CRow{"[::1]:80", 0, 0},
+          CRow{"[::1]:80", 4, 4}, CRow{"[::1]:80", 5, 5}, CRow{"[::1]:80", 7, GOOD}}) {
+        CCmEndpoint endpoint;
+        check(row, CmParseEndpoint({row.text, row.length}, endpoint));
+    }
+    for (const CRow& row :
+         {CRow{"http://h/%41", 11, 9}, CRow{"http:", 4, 4}, CRow{"x://h@", 5, GOOD},
+          CRow{"x://[::1]", 8, 8}, CRow{"x://[v1.a]", 7, 7}, CRow{"x:a?%41", 6, 4}}) {
+        CCmUrlParts url;
+        check(row, CmParseUrl({row.text, row.length}, url));
+    }
+    for (const CRow& row : {CRow{"Zm9v", 3, 2}, CRow{"Zg==", 3, 2}, CRow{"Zm9vYg==", 4, GOOD}}) {
+        CCmString strBytes;
+        check(row, CmDecodeBase64({row.text, row.length}, strBytes));
+    }
+    for (const CRow& row : {CRow{"\xC3\xA9", 1, 0}, CRow{"\xE2\x82\xAC", 2, 0},
+                            CRow{"\xF0\x9F\x98\x80", 3, 0}, CRow{"a\xC3", 1, GOOD}}) {
+        check(row, CmCheckUtf8({row.text, row.length}));
+    }
+    const std::string sLong(100, 'a');
+    for (size_t nLength = 0; nLength < 60; ++nLength) {
+        EXPECT_TRUE(CmCheckUtf8(std::string_view(sLong).substr(0, nLength))) << nLength;
+    }
+}
 
 TEST(CmStrict, TracesNothingAndAllocatesNothing_WhenNoStringIsFilled) {
     const kelto_test::ScopedTraceSink sink;

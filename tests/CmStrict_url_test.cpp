@@ -70,6 +70,7 @@ TEST(CmStrictUrl, TakesTheExamplesOfRfc3986) {
         {"x://[fe80::a%25en1]/", "x", "-", "fe80::a%25en1", "-", "/", "-", "-",
          CCmUrlParts::IPV6_HOST},
         {"x:", "x", "-", "-", "-", "", "-", "-", CCmUrlParts::NO_HOST},
+        {"a1+b-c.d:", "a1+b-c.d", "-", "-", "-", "", "-", "-", CCmUrlParts::NO_HOST},
         {"http://a%20b/%7Ex", "http", "-", "a%20b", "-", "/%7Ex", "-", "-", CCmUrlParts::NAME_HOST},
         {"http://300.1.1.1/", "http", "-", "300.1.1.1", "-", "/", "-", "-", CCmUrlParts::NAME_HOST},
     };
@@ -150,6 +151,32 @@ TEST(CmStrictUrl, NamesThePlace_WhenItRefuses) {
         EXPECT_EQ(row.at, parsed.m_nAt) << row.text;
         EXPECT_NE(nullptr, parsed.m_pszExpected) << row.text;
         EXPECT_EQ(7, url.m_wPort) << row.text;
+    }
+}
+
+TEST(CmStrictUrl, SaysWhatItExpected_WhenItRefuses) {
+    const struct {
+        const char* text;
+        const char* expected;
+    } ROWS[] = {
+        {"http://h/%4", "\"%\" and two hexadecimal digits"},
+        {"http://h/a b", "a character of a URL, or its percent-encoding"},
+        {"http://h/&\\", "a character of a URL, or its percent-encoding"},
+        {"host", "a colon after the scheme"},
+        {"//host", "a scheme, which starts with a letter"},
+        {"http:///x", "a host"},
+        {"http:x", "\"//\" and a host"},
+        {"http://h:70000/", "a port from 0 to 65535"},
+        {"http://[::1", "a \"]\""},
+        {"http://[v.x]/", "a version and a dot"},
+        {"http://[v1.]/", "an address"},
+        {"http://[fe80::1%1]/", "\"%25\" before the zone"},
+        {"http://[fe80::1%25]/",
+         "a zone of 1 to 15 letters, digits, \"-\", \".\", \"_\" and \"~\""},
+    };
+    for (const auto& row : ROWS) {
+        CCmUrlParts url;
+        EXPECT_STREQ(row.expected, CmParseUrl(row.text, url).m_pszExpected) << row.text;
     }
 }
 
@@ -264,12 +291,37 @@ TEST(CmStrictUrl, HasANormalForm) {
         {"x:/.//h", "x:/.//h"},
         {"x:/a/..//h", "x:/.//h"},
         {"mailto:A@B", "mailto:A@B"},
+        {"x:.", "x:"},
+        {"x:..", "x:"},
+        {"x:./a", "x:a"},
+        {"x:../a", "x:a"},
         {"http://h?", "http://h/?"},
     };
     for (const auto& row : ROWS) {
         EXPECT_EQ(row.normal, Normalized(row.text)) << row.text;
         EXPECT_EQ(row.normal, Normalized(row.normal)) << "again";
     }
+}
+
+TEST(CmStrictUrl, IsComposedSoThatItIsReadAsItWas) {
+    CCmUrlParts url;
+    CCmString strText;
+    const std::string sQuery = "?" + std::string(200, 'q');
+    for (const std::string& sText :
+         {std::string("a/b:c"), std::string("./a:b"), std::string("/a:b"), std::string("?a:b"),
+          std::string("//h/a:b"), std::string("0/b:c"), std::string(), sQuery}) {
+        ASSERT_TRUE(CmParseUrlReference(sText, url)) << sText;
+        EXPECT_EQ(CM_OK, CmComposeUrl(url, strText));
+        EXPECT_EQ(sText, strText);
+    }
+    // A first segment with a colon would be a scheme, "//" an authority.
+    CCmUrlParts parts;
+    parts.m_path = "a:b/c";
+    EXPECT_EQ(CM_OK, CmComposeUrl(parts, strText));
+    EXPECT_EQ("./a:b/c", strText);
+    parts.m_path = "//a";
+    EXPECT_EQ(CM_OK, CmComposeUrl(parts, strText));
+    EXPECT_EQ("/.//a", strText);
 }
 
 TEST(CmStrictUrl, IsPrinted_WithoutItsPassword) {

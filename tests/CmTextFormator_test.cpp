@@ -118,6 +118,23 @@ TEST_F(CmTextFormator, HexEqualsTheSystemsPrinting) {
     }
 }
 
+TEST_F(CmTextFormator, NumbersEqualTheSystemsPrinting_WhereTheNextDigitComes) {
+    const auto expect = [this](unsigned long aValue) {
+        char achExpected[48];
+        std::snprintf(achExpected, sizeof(achExpected), "%lu %lx", aValue, aValue);
+        m_formator.reset();
+        m_formator << aValue << " " << HEX << aValue;
+        EXPECT_EQ(achExpected, Text());
+    };
+    for (const unsigned long ulBase : {10UL, 16UL}) {
+        for (unsigned long ulPower = 1; ulPower <= ULONG_MAX / ulBase; ulPower *= ulBase) {
+            expect(ulPower * ulBase - 1);
+            expect(ulPower * ulBase);
+            expect(ulPower * ulBase + 1);
+        }
+    }
+}
+
 TEST_F(CmTextFormator, HexPrintsEveryIntegerType) {
     m_formator << HEX << 255 << " " << HEX << -1 << " " << HEX << 0xABCDEFu << " " << HEX << -1L
                << " " << HEX << 0x123456789ABCDEF0UL << " " << HEX << 0;

@@ -532,6 +532,7 @@ CCmThreadTaskWithEventQueueOnly* StoppedTask(bool aWithTimers) {
 TEST(CmThreadTask, IsRefused_WhenAnEarlierThreadOfItWasStopped) {
     for (TFlag flag : {TF_JOINABLE, TF_DETACHED}) {
         for (int nType : {TYPE, TT_UNKNOWN}) {
+            const long lLive = kelto_test::LiveAllocationsBefore();
             CCmThreadTaskWithEventQueueOnly* pTask = StoppedTask(nType == TYPE);
             const size_t nBefore = RegisteredThreads();
             const CmResult rv = pTask->Create(nType, flag, 1);
@@ -544,6 +545,8 @@ TEST(CmThreadTask, IsRefused_WhenAnEarlierThreadOfItWasStopped) {
             EXPECT_TRUE(pTask->IsFlagStopped());
             EXPECT_EQ(CM_OK, pTask->Join());
             pTask->Destory(rv);
+            // A detached thread may still be on its way out.
+            EXPECT_TRUE(Eventually([&] { return kelto_test::LiveAllocations() == lLive; }));
         }
     }
 }

@@ -708,6 +708,28 @@ TEST(CCmWatch, CountsFromZero_WhenItIsStartedAgain) {
     EXPECT_EQ(1U, FiguresOf(worker).m_Run.m_ullCount);
 }
 
+TEST(CCmWatch, CountsWhatIsPendingAsPosted_WhenItIsStartedAgainDuringAnEvent) {
+    CCmWorker worker(Named("during"));
+    Gate begun;
+    Gate go;
+    {
+        const ScopedWatch watch;
+        CmPost(worker, [&] {
+            begun.Open();
+            go.Wait();
+        });
+        ASSERT_TRUE(begun.Wait());
+        CmPost(worker, [] {});
+        CmPost(worker, [] {});
+    }
+    const ScopedWatch watch;
+    const CCmWorkerFigures figures = FiguresOf(worker);
+    EXPECT_EQ(2U, figures.m_ullPosted);
+    EXPECT_EQ(2U, figures.m_ullPending);
+    go.Open();
+    EXPECT_EQ(2U, FiguresAtRest(worker).m_ullRun);
+}
+
 TEST(CCmWatch, TellsHowLongEventsRunAndWhatTheLongestWas) {
     const ScopedWatch watch;
     CCmWorker worker(Named("length"));

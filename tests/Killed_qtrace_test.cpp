@@ -58,10 +58,10 @@ void WriteText(TraceLineId aId) {
 
 // Acknowledges, through the pipe, the lines that were written while the file had room.
 void LiveAsWriter(const std::string& aPath, bool aLimited, int aWriter, int aPipe) {
-    if (aLimited) {
-        const rlimit limit = {LIMIT, LIMIT};
-        EXPECT_EQ(0, setrlimit(RLIMIT_FSIZE, &limit));
-    }
+    rlimit before = {};
+    EXPECT_EQ(0, getrlimit(RLIMIT_FSIZE, &before));
+    const rlimit limit = {LIMIT, before.rlim_max};
+    EXPECT_EQ(0, setrlimit(RLIMIT_FSIZE, aLimited ? &limit : &before));
     for (int n = 1; n <= LINES; ++n) {
         WriteText({aWriter, aLimited ? 2 * n - 1 : n});
         struct stat status = {};
@@ -72,6 +72,8 @@ void LiveAsWriter(const std::string& aPath, bool aLimited, int aWriter, int aPip
             EXPECT_EQ(2, ::write(aPipe, achId, sizeof(achId)));
         }
     }
+    // What measures coverage writes a file when the process ends.
+    EXPECT_EQ(0, setrlimit(RLIMIT_FSIZE, &before));
 }
 
 pid_t StartWriter(const std::string& aPath, bool aLimited, int aWriter, int aPipe) {

@@ -92,8 +92,8 @@ class Peer {
 std::atomic<int> s_nRequests{0};
 std::atomic<int> s_nRefusals{0};
 
-int CountingFcntl(int aFile, int aCommand, struct flock* aRequest) {
-    if (aRequest->l_type == F_WRLCK) {
+int CountingFcntl(int aFile, int aCommand, void* aRequest) {
+    if (static_cast<const struct flock*>(aRequest)->l_type == F_WRLCK) {
         ++s_nRequests;
     }
     const int rv = fcntl(aFile, aCommand, aRequest);

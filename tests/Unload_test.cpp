@@ -25,15 +25,35 @@ bool IsLoaded(const char* aPath) {
     return true;
 }
 
+// In a process of its own, since what stays stays for the tests that follow, too.
+template <class Body>
+int StatusOfChild(Body aBody) {
+    const pid_t child = fork();
+    if (child == 0) {
+        _exit(aBody());
+    }
+    int nStatus = -1;
+    waitpid(child, &nStatus, 0);
+    return nStatus;
+}
+
 // Loads a library and closes it again.
 class Unload : public testing::TestWithParam<const char*> {};
 
 TEST_P(Unload, LibraryStays_WhenItIsClosed) {
-    ASSERT_FALSE(IsLoaded(GetParam()));
-    void* hLibrary = dlopen(GetParam(), RTLD_NOW | RTLD_LOCAL);
-    ASSERT_NE(nullptr, hLibrary) << dlerror();
-    EXPECT_EQ(0, dlclose(hLibrary));
-    EXPECT_TRUE(IsLoaded(GetParam()));
+    EXPECT_EQ(0, StatusOfChild([] {
+                  if (IsLoaded(GetParam())) {
+                      return 1;
+                  }
+                  void* hLibrary = dlopen(GetParam(), RTLD_NOW | RTLD_LOCAL);
+                  if (hLibrary == nullptr) {
+                      return 2;
+                  }
+                  if (dlclose(hLibrary) != 0) {
+                      return 3;
+                  }
+                  return IsLoaded(GetParam()) ? 0 : 4;
+              }));
 }
 
 // The last one is pinned in the way of systems whose linker has no option for it.
@@ -80,13 +100,7 @@ int EndThreadAfterClosing() {
 }
 
 TEST(UnloadThread, Ends_WhenItTracedAndTheLibraryWasClosed) {
-    const pid_t child = fork();
-    if (child == 0) {
-        _exit(EndThreadAfterClosing());
-    }
-    int nStatus = -1;
-    waitpid(child, &nStatus, 0);
-    EXPECT_EQ(0, nStatus);
+    EXPECT_EQ(0, StatusOfChild(&EndThreadAfterClosing));
 }
 
 // A thread that has freed an event ends.
@@ -131,13 +145,7 @@ int EndPooledThreadAfterClosing() {
 }
 
 TEST(UnloadThread, Ends_WhenItFreedAnEventAndTheLibraryWasClosed) {
-    const pid_t child = fork();
-    if (child == 0) {
-        _exit(EndPooledThreadAfterClosing());
-    }
-    int nStatus = -1;
-    waitpid(child, &nStatus, 0);
-    EXPECT_EQ(0, nStatus);
+    EXPECT_EQ(0, StatusOfChild(&EndPooledThreadAfterClosing));
 }
 
 }  // namespace

@@ -30,7 +30,7 @@ bool IsAddressCharacter(char aChar) {
 }
 
 bool IsAddress(const char* aText) {
-    while (*aText != '\0' && IsAddressCharacter(*aText)) {
+    while (IsAddressCharacter(*aText)) {
         ++aText;
     }
     return *aText == '\0';

@@ -39,7 +39,7 @@ void GrowTo(CCmString& aText, size_t aLength) {
 }
 
 void Encode(const unsigned char* aIn, size_t aLen, CCmString& aOut) {
-    if (aLen > aOut.max_size() / 4 * 3 - 3) {
+    if (aLen > aOut.max_size() / 4 * 3) {
         throw std::bad_alloc();
     }
     const size_t nLength = CmBase64EncodedLength(aLen);
@@ -132,10 +132,10 @@ struct CEscape {
 constexpr CEscape MakeEscape(unsigned aByte) {
     const char ch = static_cast<char>(aByte);
     if (CmIsLetter(ch) || CmIsDigit(ch)) {
-        return {{ch, 0, 0}, 1};
+        return {{ch}, 1};
     }
     if (aByte == ' ') {
-        return {{'+', 0, 0}, 1};
+        return {{'+'}, 1};
     }
     constexpr char HEX[] = "0123456789abcdef";
     if (aByte < 0x10) {

@@ -362,10 +362,15 @@ CCmWatchedQueue* CCmEventQueueSteps::WatchedOwn(CCmEventQueueBase& aQueue) {
     if (dwStart == 0 || pWatched == nullptr) {
         return nullptr;
     }
-    if (CM_UNLIKELY(!pWatched->IsOwnOf(dwStart))) {
-        pWatched->BeginOwn(dwStart, OwnCount(aQueue));
-    }
+    EnsureOwn(aQueue, *pWatched, dwStart);
     return pWatched;
+}
+
+void CCmEventQueueSteps::EnsureOwn(const CCmEventQueueBase& aQueue, CCmWatchedQueue& aWatched,
+                                   DWORD aStart) {
+    if (CM_UNLIKELY(!aWatched.IsOwnOf(aStart))) {
+        aWatched.BeginOwn(aStart, OwnCount(aQueue));
+    }
 }
 
 template <class IteratorType>
@@ -382,7 +387,7 @@ uint64_t CCmEventQueueSteps::CountWithoutWaysBack(const std::list<ICmEvent*>& aE
 template <class IteratorType>
 void CCmEventQueueSteps::NoteTaken_l(CCmEventQueueBase& aQueue, CCmWatchedQueue& aWatched,
                                      IteratorType aEnd, size_t aCount) {
-    WatchedOwn(aQueue);
+    EnsureOwn(aQueue, aWatched, aWatched.Start());
     DWORD dwWaysBack = 0;
     if (CM_UNLIKELY(aWatched.m_dwWaysBack.Get() != 0)) {
         dwWaysBack = CountWaysBack(std::prev(aEnd, static_cast<long>(aCount)), aEnd);
@@ -399,8 +404,7 @@ void CCmEventQueueSteps::NoteTaken_l(CCmEventQueueBase& aQueue, CCmWatchedQueue&
 // Before they are taken out. m_dwSize stays as it is.
 void CCmEventQueueSteps::NoteUnfired_l(CCmEventQueueBase& aQueue) {
     if (CCmWatchedQueue* const pWatched = Watched_l(aQueue)) {
-        pWatched->m_Unfired.Add(g_cmWatchOn.load(std::memory_order_relaxed),
-                                CountWithoutWaysBack(aQueue.m_Events));
+        pWatched->m_Unfired.Add(pWatched->Start(), CountWithoutWaysBack(aQueue.m_Events));
         pWatched->m_dwGhosts.Set(aQueue.m_dwSize.load(std::memory_order_relaxed));
         pWatched->m_dwWaysBack.Set(0);
         pWatched->m_Probe.Forget();
@@ -1598,9 +1602,9 @@ void CCmEventQueueSteps::CLoop::GiveOwn() {
     // Before they are there: they count as posted on this thread.
     CCmWatchedQueue* const pWatched = CmWatchIsOn() ? Watched_l(m_Queue) : nullptr;
     if (CM_UNLIKELY(pWatched != nullptr)) {
-        WatchedOwn(m_Queue);
+        EnsureOwn(m_Queue, *pWatched, pWatched->Start());
         if (bDiscards) {
-            pWatched->m_Unfired.Add(g_cmWatchOn.load(std::memory_order_relaxed), m_Own.size());
+            pWatched->m_Unfired.Add(pWatched->Start(), m_Own.size());
             pWatched->m_dwGhosts.Add(static_cast<DWORD>(m_Own.size()));
             pWatched->m_OwnProbe.Forget();
         }

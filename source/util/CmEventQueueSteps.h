@@ -54,10 +54,12 @@ class CCmEventQueueSteps {
     // Not under the queue's lock. Null when there is no memory.
     static CCmWatchedQueue* EnsureWatched(CCmEventQueueBase& aQueue);
     // What the watch keeps of a queue; null when it does not. Under the queue's lock, by which all
-    // that look there agree from when on the watch is on.
+    // that look there agree from when on the watch is on. What is counted there is of its Start():
+    // the watch may have been started again meanwhile.
     static CCmWatchedQueue* Watched_l(CCmEventQueueBase& aQueue);
     // The same for what the consumer counts.
     static CCmWatchedQueue* WatchedOwn(CCmEventQueueBase& aQueue);
+    static void EnsureOwn(const CCmEventQueueBase& aQueue, CCmWatchedQueue& aWatched, DWORD aStart);
     template <class IteratorType>
     static void NoteTaken_l(CCmEventQueueBase& aQueue, CCmWatchedQueue& aWatched, IteratorType aEnd,
                             size_t aCount);

@@ -14,6 +14,7 @@ namespace UTIL_NS {
 namespace {
 
 constexpr char A_PORT[] = "a port from 0 to 65535";
+constexpr char A_ZONE[] = "a zone of 1 to 15 letters, digits, \"-\", \".\", \"_\" and \"~\"";
 constexpr size_t MAX_PORT_DIGITS = 5;
 constexpr size_t GROUPS = 8;  // of an IPv6 address, 16 bits each
 constexpr size_t IPV4_BYTES = 4;
@@ -141,13 +142,12 @@ class CGroups {
 };
 
 CCmParsed TakeZone(std::string_view aZone, CCmIpAddress& aAddress) {
-    constexpr char EXPECTED[] = "a zone of 1 to 15 letters, digits, \"-\", \".\", \"_\" and \"~\"";
     size_t nAt = 0;
     while (nAt < aZone.size() && CmIsUnreserved(aZone[nAt])) {
         ++nAt;
     }
     if (nAt != aZone.size() || aZone.empty() || aZone.size() > CCmIpAddress::MAX_ZONE) {
-        return CmRefused(std::min(nAt, CCmIpAddress::MAX_ZONE), EXPECTED);
+        return CmRefused(std::min(nAt, CCmIpAddress::MAX_ZONE), A_ZONE);
     }
     std::copy(aZone.begin(), aZone.end(), aAddress.m_achZone.begin());
     return CCmParsed();

@@ -17,8 +17,8 @@ namespace UTIL_NS {
 namespace {
 
 // The system's functions take a variable number of arguments, so their types do not fit the table.
-int Fcntl(int aFile, int aCommand, struct flock* aLock) {
-    return ::fcntl(aFile, aCommand, aLock);
+int Fcntl(int aFile, int aCommand, void* aArgument) {
+    return ::fcntl(aFile, aCommand, aArgument);
 }
 
 int Ioctl(int aFile, unsigned long aRequest, void* aArgument) {

@@ -81,7 +81,7 @@ struct CCmSystemTable {
     void* (*dlopen)(const char*, int);
     void* (*dlsym)(void*, const char*);
     ssize_t (*readlink)(const char*, char*, size_t);
-    int (*fcntl)(int, int, struct flock*);
+    int (*fcntl)(int, int, void*);
     int (*ftruncate)(int, off_t);
     ssize_t (*pread)(int, void*, size_t, off_t);
     ssize_t (*pwrite)(int, const void*, size_t, off_t);

@@ -193,7 +193,7 @@ CCmT120Trace::Text_Formator& CCmT120Trace::Text_Formator::operator<<(Ordix aOrdi
 }
 
 void CCmT120Trace::Text_Formator::advance(const char* aText, unsigned long aLength) {
-    if (m_ulSize <= RESERVED_TAIL || m_ulPosition >= m_ulSize - RESERVED_TAIL) {
+    if (m_ulPosition + RESERVED_TAIL >= m_ulSize) {
         return;
     }
     const unsigned long ulRoom = m_ulSize - RESERVED_TAIL - m_ulPosition;

@@ -98,8 +98,7 @@ static_assert(LOCAL_ADDR_LENGTH == CM_PORT_INTERFACE_ADDRESS_SIZE,
 
 bool IsInterfaceUp(int aSocket, const char* aName) {
     ifreq request = {};
-    std::memcpy(request.ifr_name, aName,
-                std::min(std::strlen(aName) + 1, sizeof(request.ifr_name)));
+    std::memcpy(request.ifr_name, aName, std::min(std::strlen(aName), sizeof(request.ifr_name)));
     return g_cmSystem.ioctl(aSocket, SIOCGIFFLAGS, &request) >= 0 &&
            (request.ifr_flags & IFF_UP) != 0;
 }

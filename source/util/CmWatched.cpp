@@ -308,14 +308,19 @@ void CCmWatchRegistry::AddQueue_l(FiguresType& aFigures, const CCmWatchedQueue& 
     uint64_t ullPosted = 0;
     uint64_t ullRun = 0;
     uint64_t ullMost = 0;
+    // While it is on, a part that nobody has come by since the start has what was pending then.
     if (aQueue.IsOf(m_dwStart)) {
         ullPosted = aQueue.m_ullPosted.Get();
         ullMost = aQueue.m_Most.Get();
+    } else if (m_llEnd == 0) {
+        ullPosted = aQueue.m_Counts.m_dwSize.load(std::memory_order_relaxed);
     }
     if (aQueue.IsOwnOf(m_dwStart)) {
         ullPosted += aQueue.m_ullOwnPosted.Get();
         ullRun = aQueue.m_ullRun.Get();
         ullMost = std::max<uint64_t>(ullMost, aQueue.m_OwnMost.Get());
+    } else if (m_llEnd == 0) {
+        ullPosted += aQueue.m_Counts.m_dwOwn.load(std::memory_order_relaxed);
     }
     // After its end what was pending then: the queue goes on.
     const uint64_t ullGone = ullRun + ullUnfired;

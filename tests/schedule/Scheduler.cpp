@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <execinfo.h>
 #include <fcntl.h>
+#include <limits.h>
 #include <pthread.h>
 #include <semaphore.h>
 #include <signal.h>
@@ -971,6 +972,27 @@ ssize_t WriteAt(int aFile, const void* aBuffer, size_t aSize, off_t aOffset) {
     return s_Saved.pwrite(aFile, aBuffer, aSize, aOffset);
 }
 
+// The destructors of thread-specific values. A key is made once, and known from then on.
+void (*s_apfnKeys[PTHREAD_KEYS_MAX])(void*);
+
+int MakeKey(pthread_key_t* aKey, void (*aDestructor)(void*)) {
+    const int nError = s_Saved.pthread_key_create(aKey, aDestructor);
+    if (nError == 0) {
+        s_apfnKeys[*aKey] = aDestructor;
+    }
+    return nError;
+}
+// Not in the system's thread, which outlives the one of the schedule.
+int SetSpecific(pthread_key_t aKey, const void* aValue) {
+    if (!IsScheduled()) {
+        return s_Saved.pthread_setspecific(aKey, aValue);
+    }
+    if (aValue != nullptr && s_apfnKeys[aKey] != nullptr) {
+        RunAtThreadEnd(s_apfnKeys[aKey], const_cast<void*>(aValue));
+    }
+    return 0;
+}
+
 void* RunScenario(void* /*aUnused*/) {
     (*s_pScenario)();
     return nullptr;
@@ -1190,6 +1212,8 @@ CScheduledCalls::CScheduledCalls() {
     g_cmSystem.pthread_create = &CreateThread;
     g_cmSystem.pthread_join = &JoinThread;
     g_cmSystem.pthread_cancel = &CancelThread;
+    g_cmSystem.pthread_key_create = &MakeKey;
+    g_cmSystem.pthread_setspecific = &SetSpecific;
     g_cmSystem.gettimeofday = &TimeOfDay;
     g_cmSystem.nanosleep = &Sleep;
     g_cmSystem.sem_init = &SemaphoreInit;

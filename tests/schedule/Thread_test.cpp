@@ -110,12 +110,18 @@ TEST(ScheduledThread, IsFreedOnce_WhenADetachedWorkerIsStopped) {
     });
 }
 
-TEST(ScheduledThread, CanBeCreatedAgain_WhenTheSystemHadNoThread) {
+TEST(ScheduledThread, CanBeCreatedAgain_WhenTheSystemHadNoThreadAndItsTypeIsUnknown) {
     Explore([] {
         auto* const pThread = new CBareThread;
+        const int nType = Choose(2) == 0 ? TT_UNKNOWN : 1;
         FailCall(EFault::CREATE, 1);
-        SCHEDULE_EXPECT(pThread->Create(1, TF_JOINABLE, 1) == CM_ERROR_UNEXPECTED);
+        SCHEDULE_EXPECT(pThread->Create(nType, TF_JOINABLE, 1) == CM_ERROR_UNEXPECTED);
+        SCHEDULE_EXPECT(pThread->Create(nType, TF_JOINABLE, 1) ==
+                        (nType == TT_UNKNOWN ? CM_OK : CM_ERROR_ALREADY_INITIALIZED));
+        SCHEDULE_EXPECT(pThread->Join() == CM_OK);
+        SCHEDULE_EXPECT(CBareThread::s_nBodies == (nType == TT_UNKNOWN ? 1 : 0));
         pThread->Destory(CM_OK);
+        SCHEDULE_EXPECT(CBareThread::s_nFreed == 1);
     });
 }
 

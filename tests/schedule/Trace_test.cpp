@@ -126,19 +126,29 @@ TEST(ScheduledTraceFile, IsTheSameForBoth_WhenTwoThreadsOpenItAndOneCloses) {
 TEST(ScheduledTraceFile, RefreshesWhatIsThere_WhileAnotherThreadOpensAndWrites) {
     CSettings settings;
     settings.m_ulSchedules = 3000;
+    const CFileName name;
     Explore(
-        [] {
+        [&name] {
+            std::remove(name.Get());
             void* const pFirst = T120_Open_Trace_Dev("first", 0, 0, 0);
+            SCHEDULE_EXPECT(pFirst != nullptr);
+            SCHEDULE_EXPECT(static_cast<CCmT120TraceFile*>(pFirst)->attach(name.Get()) == CM_OK);
+            T120_Refresh_Settings(0, 4);
+            // The header cuts the first line of a new file.
+            T120_Write_Trace_Dev(pFirst, "tag", "module", "zero\n");
             void* pSecond = nullptr;
             {
                 CThreadOf other([&] {
                     pSecond = T120_Open_Trace_Dev("second", 0, 0, 0);
-                    T120_Write_Trace_Dev(pSecond, "tag", "module", "line");
-                    T120_Write_Trace_Dev(pFirst, "tag", "module", "line");
+                    T120_Write_Trace_Dev(pSecond, "tag", "module", "line\n");
+                    T120_Write_Trace_Dev(pFirst, "tag", "module", "one\n");
                 });
-                T120_Refresh_Settings(1000, 2);
+                T120_Refresh_Settings(0, 1);
             }
-            SCHEDULE_EXPECT(pFirst != nullptr && pSecond != nullptr && pFirst != pSecond);
+            SCHEDULE_EXPECT(pSecond != nullptr && pFirst != pSecond);
+            // One that was not refreshed keeps it until it has four lines.
+            T120_Write_Trace_Dev(pFirst, "tag", "module", "two\n");
+            SCHEDULE_EXPECT(name.CountOf("one") == 1 && name.CountOf("two") == 1);
             T120_Close_Trace_Dev(pFirst);
             T120_Close_Trace_Dev(pSecond);
         },

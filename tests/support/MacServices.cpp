@@ -185,8 +185,9 @@ OSStatus LSCopyItemInfoForRef(const FSRef* aRef, LSRequestedInfo aWhich, LSItemI
     const std::string sPath = PathOf(*aRef);
     const size_t nDot = sPath.rfind('.');
     const bool bExtension = nDot != std::string::npos && sPath.find('/', nDot) == std::string::npos;
-    aInfo->extension =
-        bExtension ? static_cast<CFStringRef>(services.Create(sPath.substr(nDot))) : nullptr;
+    if (bExtension) {  // what an item does not have is not written
+        aInfo->extension = static_cast<CFStringRef>(services.Create(sPath.substr(nDot)));
+    }
     return noErr;
 }
 

@@ -16,6 +16,7 @@
 #include "port/CmConditionSemaphore.h"
 #include "port/CmInterfaceRecord.h"
 #include "port/CmMacServices.h"
+#include "port/CmTimeLeft.h"
 
 // The file reference services are deprecated; their successors know no item information.
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
@@ -161,13 +162,13 @@ int CmPortCoarseTimeOfDay(timeval* aNow, void* /*aUnused*/) {
 
 // The blocks need not be contiguous. A file system that cannot keep any ready gives them when they
 // are written.
-int CmPortAllocateFile(int aFile, off_t aStart, off_t aSize) {
+int CmPortAllocateFile(int aFile, off_t /*aStart*/, off_t aSize) {
     fstore_t store = {};
     store.fst_flags = F_ALLOCATEALL;
     store.fst_posmode = F_PEOFPOSMODE;
-    store.fst_offset = aStart;
     store.fst_length = aSize;
-    if (fcntl(aFile, F_PREALLOCATE, &store) != 0 && errno != ENOTSUP && errno != EINVAL) {
+    if (g_cmSystem.fcntl(aFile, F_PREALLOCATE, &store) != 0 && errno != ENOTSUP &&
+        errno != EINVAL) {
         return errno;
     }
     return g_cmSystem.ftruncate(aFile, aSize) == 0 ? 0 : errno;
@@ -223,17 +224,9 @@ void CmPortMonotonicNow(timespec* aNow) {
 
 int CmPortConditionWaitUntil(pthread_cond_t* aCondition, pthread_mutex_t* aMutex,
                              const timespec* aDeadline) {
-    constexpr long NSEC_PER_SEC = 1000000000;
     timespec tsNow;
     CmPortMonotonicNow(&tsNow);
-    timespec tsInterval = {aDeadline->tv_sec - tsNow.tv_sec, aDeadline->tv_nsec - tsNow.tv_nsec};
-    if (tsInterval.tv_nsec < 0) {
-        tsInterval.tv_sec -= 1;
-        tsInterval.tv_nsec += NSEC_PER_SEC;
-    }
-    if (tsInterval.tv_sec < 0 || (tsInterval.tv_sec == 0 && tsInterval.tv_nsec == 0)) {
-        tsInterval = {0, 1};  // an interval of zero would wait without limit
-    }
+    const timespec tsInterval = CmTimeLeft(tsNow, *aDeadline);
     return pthread_cond_timedwait_relative_np(aCondition, aMutex, &tsInterval);
 }
 
