@@ -133,6 +133,19 @@ TEST(CmTimerHandlerIndexT, NeedsNoMemory_WhenItHeldAsManyBefore) {
     EXPECT_EQ(ulBefore, AllocationsOfThisThread());
 }
 
+TEST(CmTimerHandlerIndexT, DoublesItsPlaces_WhenMoreThanHalfWouldBeTaken) {
+    IndexType index;
+    std::vector<uintptr_t> growths;
+    for (uintptr_t i = 1; i <= 64; ++i) {
+        const unsigned long ulBefore = AllocationsOfThisThread();
+        Add(index, 16 * i, 1);
+        if (AllocationsOfThisThread() != ulBefore) {
+            growths.push_back(i);
+        }
+    }
+    EXPECT_EQ((std::vector<uintptr_t>{1, 9, 17, 33}), growths);
+}
+
 // The places at which searches begin, seen in an index that had many entries and has none. A few
 // handlers may share one.
 TEST(CmTimerHandlerIndexT, SpreadsHandlers_WhateverLiesBetweenThem) {

@@ -183,25 +183,59 @@ TEST_F(CmTimerMarksT, NeedsNoMemory_WhenItHeldAsManyBefore) {
     EXPECT_EQ(ulBefore, AllocationsOfThisThread());
 }
 
-// Each thousand of nodes is marked where no search comes by, and leaves the list before the next.
+// As many marks as there may be in one piece of memory.
+TEST_F(CmTimerMarksT, NeedsNoMemory_WhenEverySecondMarkHoldsNoLonger) {
+    constexpr size_t COUNT = 64;
+    std::vector<Node> nodes(COUNT + COUNT / 2);
+    const auto add = [&](size_t aNode, int64_t aKey) {
+        nodes[aNode] = Node{aKey, true};
+        m_marks.Add(aKey, &nodes[aNode]);
+    };
+    for (size_t i = 0; i < COUNT; ++i) {
+        add(i, static_cast<int64_t>(2 * i));
+    }
+    for (size_t i = 0; i < COUNT; i += 2) {
+        nodes[i].isInList = false;
+    }
+    const unsigned long ulBefore = AllocationsOfThisThread();
+    for (size_t i = 0; i < COUNT / 2; ++i) {
+        add(COUNT + i, static_cast<int64_t>(4 * i + 1));
+    }
+    EXPECT_EQ(ulBefore, AllocationsOfThisThread());
+    for (size_t i = 0; i < COUNT / 2; ++i) {
+        EXPECT_EQ(&nodes[COUNT + i], Find(static_cast<int64_t>(4 * i)));
+        EXPECT_EQ(&nodes[2 * i + 1], Find(static_cast<int64_t>(4 * i + 2)));
+    }
+}
+
+// Each thousand of nodes is marked where no search comes by, and leaves the list before the next;
+// some stay before all of them.
 TEST_F(CmTimerMarksT, HoldsBoundedMemory_WhenNoSearchComesUponWhatLeft) {
     constexpr int64_t COUNT = 1000;
-    std::vector<Node> nodes(COUNT);
-    const long lBefore = LiveAllocations();
-    long lAfterFive = 0;
-    for (int64_t llRound = 0; llRound < 500; ++llRound) {
-        for (Node& node : nodes) {
-            node.isInList = false;
+    for (const int64_t llStaying : {0, 200}) {
+        MarksType marks;
+        std::vector<Node> staying(static_cast<size_t>(llStaying));
+        std::vector<Node> nodes(COUNT);
+        const long lBefore = LiveAllocations();
+        long lAfterFive = 0;
+        for (int64_t i = 0; i < llStaying; ++i) {
+            staying[static_cast<size_t>(i)] = Node{i - llStaying, true};
+            marks.Add(i - llStaying, &staying[static_cast<size_t>(i)]);
         }
-        for (int64_t i = 0; i < COUNT; ++i) {
-            nodes[static_cast<size_t>(i)] = Node{llRound * COUNT + i, true};
-            m_marks.Add(llRound * COUNT + i, &nodes[static_cast<size_t>(i)]);
+        for (int64_t llRound = 0; llRound < 500; ++llRound) {
+            for (Node& node : nodes) {
+                node.isInList = false;
+            }
+            for (int64_t i = 0; i < COUNT; ++i) {
+                nodes[static_cast<size_t>(i)] = Node{llRound * COUNT + i, true};
+                marks.Add(llRound * COUNT + i, &nodes[static_cast<size_t>(i)]);
+            }
+            if (llRound == 4) {
+                lAfterFive = LiveAllocations() - lBefore;
+            }
         }
-        if (llRound == 4) {
-            lAfterFive = LiveAllocations() - lBefore;
-        }
+        EXPECT_LE(LiveAllocations() - lBefore, 2 * lAfterFive) << llStaying;
     }
-    EXPECT_LE(LiveAllocations() - lBefore, 2 * lAfterFive);
 }
 
 }  // namespace

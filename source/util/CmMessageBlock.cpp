@@ -35,7 +35,7 @@ uint64_t ReadableBytes(const CCmMessageBlock* aMb) {
     return ullSum;
 }
 
-// Walks no further than it takes to know.
+// Walks no further than it takes to know. aCount: not 0.
 bool HasReadableBytes(const CCmMessageBlock* aMb, uint64_t aCount) {
     for (uint64_t ullSum = 0; aMb != nullptr; aMb = aMb->GetNext()) {
         ullSum += aMb->GetTopLevelLength();
@@ -43,7 +43,7 @@ bool HasReadableBytes(const CCmMessageBlock* aMb, uint64_t aCount) {
             return true;
         }
     }
-    return aCount == 0;
+    return false;
 }
 
 // Blocks hold less than 4 GB, so their pointers differ in these bits if at all.
