@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <memory>
@@ -226,6 +227,21 @@ TEST(CCmBoundedPoster, CallsBackAtLowWater) {
     EXPECT_EQ(1, nCalls);
     RunAll(queue);
     EXPECT_EQ(1, nCalls);
+}
+
+TEST(CCmBoundedPoster, CallsBackAfterOneHasEnded_WhenTheLowWaterIsTooHigh) {
+    for (const DWORD dwMaxCount : {0, 1, 3}) {
+        CCmEventQueueUsingMutex queue;
+        int nCalls = 0;
+        CCmBoundedPoster poster(queue, dwMaxCount, 7, [&nCalls] { ++nCalls; });
+        for (DWORD i = 0; i < std::max<DWORD>(dwMaxCount, 1); ++i) {
+            EXPECT_EQ(CM_OK, poster.TryPost([] {}));
+        }
+        EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, poster.TryPost([] {}));
+        EXPECT_EQ(0, nCalls);
+        RunAll(queue, 1);
+        EXPECT_EQ(1, nCalls);
+    }
 }
 
 TEST(CCmBoundedPoster, LetsItsEventsEnd_AfterItself) {
