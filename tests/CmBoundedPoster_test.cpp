@@ -244,6 +244,28 @@ TEST(CCmBoundedPoster, CallsBackAfterOneHasEnded_WhenTheLowWaterIsTooHigh) {
     }
 }
 
+TEST(CCmBoundedPoster, DoesNotCallBack_WhenAnotherPosterTakesTheRoom) {
+    const ScopedEntry<decltype(g_cmSystem.pthread_cond_wait)> entry(g_cmSystem.pthread_cond_wait,
+                                                                    NotedWait);
+    g_pfnWait = entry.original();
+    CCmEventQueueUsingMutex queue;
+    int nCalls = 0;
+    CCmBoundedPoster poster(queue, 1, 7, [&nCalls] { ++nCalls; });
+    EXPECT_EQ(CM_OK, poster.TryPost([] {}));
+    std::atomic<bool> bWaits{false};
+    std::thread waiter([&] {
+        t_pWaits = &bWaits;
+        EXPECT_EQ(CM_OK, poster.Post([] {}));
+    });
+    EXPECT_TRUE(Eventually([&] { return bWaits.load(); }));
+    EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, poster.TryPost([] {}));  // and has to wait for the lock
+    RunAll(queue, 1);
+    EXPECT_EQ(0, nCalls);
+    waiter.join();
+    RunAll(queue, 1);
+    EXPECT_EQ(1, nCalls);
+}
+
 TEST(CCmBoundedPoster, LetsItsEventsEnd_AfterItself) {
     const long lLive = LiveAllocationsBefore();
     {
