@@ -4,6 +4,7 @@
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "support/Faults.h"
@@ -53,6 +54,37 @@ TEST_F(CmFileTurn, ClosesTheDescriptor_WhenThereIsNoStream) {
     EXPECT_EQ(-1, nDescriptor);
     EXPECT_LE(0, s_nClosed);
     EXPECT_EQ(-1, close(s_nClosed)) << "is closed";
+}
+
+TEST_F(CmFileTurn, MakesAFileThatIsNoProgram_WhenThereIsNone) {
+    unlink(m_szPath);
+    int nDescriptor = -1;
+    FILE* const pStream = CmOpenTurnFile(m_szPath, nDescriptor);
+    ASSERT_NE(nullptr, pStream);
+    struct stat status = {};
+    EXPECT_EQ(0, fstat(nDescriptor, &status));
+    EXPECT_EQ(0600u, status.st_mode & 0711u);
+    CmCloseTurnFile(pStream);
+}
+
+TEST_F(CmFileTurn, OpensNothing_WhenTheFileIsUnknown) {
+    const FailingCall<&CCmSystemTable::fstat> fault(EIO);
+    int nDescriptor = -1;
+    EXPECT_EQ(nullptr, CmOpenTurnFile(m_szPath, nDescriptor));
+    EXPECT_LE(0, s_nClosed);
+    EXPECT_EQ(-1, close(s_nClosed)) << "is closed";
+}
+
+TEST_F(CmFileTurn, OpensNothing_WhenMemoryRunsOut) {
+    const long lLive = kelto_test::LiveAllocations();
+    for (unsigned long ulNth = 1; ulNth <= 2; ++ulNth) {
+        const kelto_test::ScopedAllocationFault fault(ulNth);
+        int nDescriptor = -1;
+        EXPECT_EQ(nullptr, CmOpenTurnFile(m_szPath, nDescriptor));
+        EXPECT_TRUE(fault.hit());
+    }
+    EXPECT_EQ(lLive, kelto_test::LiveAllocations());
+    EXPECT_EQ(-1, s_nClosed) << "was not opened";
 }
 
 TEST_F(CmFileTurn, IsThatOfTheFile_WhenItIsOpenTwice) {
