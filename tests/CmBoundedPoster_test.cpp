@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <memory>
@@ -225,6 +226,43 @@ TEST(CCmBoundedPoster, CallsBackAtLowWater) {
     RunAll(queue, 1);
     EXPECT_EQ(1, nCalls);
     RunAll(queue);
+    EXPECT_EQ(1, nCalls);
+}
+
+TEST(CCmBoundedPoster, CallsBackAfterOneHasEnded_WhenTheLowWaterIsTooHigh) {
+    for (const DWORD dwMaxCount : {0, 1, 3}) {
+        CCmEventQueueUsingMutex queue;
+        int nCalls = 0;
+        CCmBoundedPoster poster(queue, dwMaxCount, 7, [&nCalls] { ++nCalls; });
+        for (DWORD i = 0; i < std::max<DWORD>(dwMaxCount, 1); ++i) {
+            EXPECT_EQ(CM_OK, poster.TryPost([] {}));
+        }
+        EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, poster.TryPost([] {}));
+        EXPECT_EQ(0, nCalls);
+        RunAll(queue, 1);
+        EXPECT_EQ(1, nCalls);
+    }
+}
+
+TEST(CCmBoundedPoster, DoesNotCallBack_WhenAnotherPosterTakesTheRoom) {
+    const ScopedEntry<decltype(g_cmSystem.pthread_cond_wait)> entry(g_cmSystem.pthread_cond_wait,
+                                                                    NotedWait);
+    g_pfnWait = entry.original();
+    CCmEventQueueUsingMutex queue;
+    int nCalls = 0;
+    CCmBoundedPoster poster(queue, 1, 7, [&nCalls] { ++nCalls; });
+    EXPECT_EQ(CM_OK, poster.TryPost([] {}));
+    std::atomic<bool> bWaits{false};
+    std::thread waiter([&] {
+        t_pWaits = &bWaits;
+        EXPECT_EQ(CM_OK, poster.Post([] {}));
+    });
+    EXPECT_TRUE(Eventually([&] { return bWaits.load(); }));
+    EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, poster.TryPost([] {}));  // and has to wait for the lock
+    RunAll(queue, 1);
+    EXPECT_EQ(0, nCalls);
+    waiter.join();
+    RunAll(queue, 1);
     EXPECT_EQ(1, nCalls);
 }
 

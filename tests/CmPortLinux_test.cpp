@@ -17,6 +17,15 @@
 #include "support/FaultRows.h"
 #include "support/Home.h"
 
+// What posix_fallocate returns, and how often it has been called.
+static int s_nAllocateError = 0;
+static int s_nAllocations = 0;
+
+extern "C" int posix_fallocate(int /*aFile*/, off_t /*aStart*/, off_t /*aSize*/) {
+    ++s_nAllocations;
+    return s_nAllocateError;
+}
+
 namespace UTIL_NS {
 namespace {
 
@@ -139,6 +148,19 @@ TEST(CmPortLinuxName, NameIsAskedForAgain_WhenItCouldNotBeRead) {
 TEST(CmPortLinuxName, NameIsReadOnce) {
     EXPECT_WITH_EXECUTABLE("/opt/bin/agent", (get_exec_name(), s_sExecutable = "/opt/bin/other",
                                               IsText("a", get_exec_name())));
+}
+
+TEST(CmPortLinuxFiles, AreAskedForAgain_WhileTheCallIsInterrupted) {
+    const struct {
+        int error;
+        int calls;
+    } rows[] = {{0, 1}, {ENOSPC, 1}, {EINTR, 100}};  // it does not go on for ever
+    for (const auto& row : rows) {
+        s_nAllocateError = row.error;
+        s_nAllocations = 0;
+        EXPECT_EQ(row.error, CmPortAllocateFile(7, 0, 100));
+        EXPECT_EQ(row.calls, s_nAllocations);
+    }
 }
 
 class CmPortLinuxParentPath : public testing::Test {

@@ -48,7 +48,11 @@ int pthread_setname_np(const char* aName) {
 // The directory that macOS keeps for the temporary files of the user, null if there is none.
 static const char* s_pUserDirectory = nullptr;
 
+#if defined(__APPLE__)
 extern "C" size_t confstr(int aName, char* aBuffer, size_t aSize) {
+#else
+size_t CmMacConfStr(int aName, char* aBuffer, size_t aSize) {
+#endif
     if (aName != _CS_DARWIN_USER_TEMP_DIR || s_pUserDirectory == nullptr) {
         return 0;
     }

@@ -527,19 +527,19 @@ TEST(CCmWatch, RecordsHighWaterMarks_WhenOthersPostAndWhenTheWorkerDoes) {
     ASSERT_EQ(CM_OK, CCmWatch::GetRecording(szPath, sizeof(szPath)));
     const FlightFile file(szPath);
     CCmWatch::Stop();
-    const auto highest = [&](const char* aName) {
-        uint64_t ullHighest = 0;
+    const auto marks = [&](const char* aName) {
+        std::vector<uint64_t> found;
         for (const auto* pThread : file.Named(aName)) {
             for (const FlightRecord& record : pThread->records) {
                 if (record.kind == kelto_test::HIGH_WATER) {
-                    ullHighest = std::max(ullHighest, record.words[0]);
+                    found.push_back(record.words[0]);
                 }
             }
         }
-        return ullHighest;
+        return found;
     };
-    EXPECT_EQ(16U, highest("poster"));
-    EXPECT_EQ(8U, highest("marks"));
+    EXPECT_EQ((std::vector<uint64_t>{2, 4, 8, 16}), marks("poster"));
+    EXPECT_EQ((std::vector<uint64_t>{1, 2, 4, 8}), marks("marks"));
 }
 
 TEST(CCmWatch, TellsTheMostThatWerePending_WhenAWorkerPostsMoreThanItsOwnListTakes) {
@@ -551,6 +551,27 @@ TEST(CCmWatch, TellsTheMostThatWerePending_WhenAWorkerPostsMoreThanItsOwnListTak
         }
     });
     EXPECT_EQ(100U, FiguresAtRest(worker).m_ullMostPending);
+}
+
+// What a send leaves in the sender's own queue has run already.
+TEST(CCmWatch, TellsTheMostThatWerePending_WhenAWorkerSends) {
+    const ScopedWatch watch;
+    CCmWorker target(Named("target"));
+    CCmWorker sender(Named("sends"));
+    for (int i = 0; i < 3; ++i) {
+        CmCall(sender, [&target] {
+            for (int j = 0; j < 10; ++j) {
+                target.GetEventQueue()->SendEvent(new CNothing);
+            }
+        });
+        EXPECT_EQ(CM_OK, sender.Drain());
+    }
+    for (CCmWorker* pWorker : {&target, &sender}) {
+        const CCmWorkerFigures figures = FiguresAtRest(*pWorker);
+        EXPECT_GE(1U, figures.m_ullMostPending);
+        EXPECT_EQ(0U, figures.m_ullPending);
+        EXPECT_EQ(figures.m_ullPosted, figures.m_ullRun);
+    }
 }
 
 TEST(CCmWatch, KeepsItsFigures_WhenItIsStopped) {

@@ -173,6 +173,10 @@ inline __darwin_pthread_handler_rec*& CmMacCleanUps() {
     return pthread_self()->__cleanup_stack;
 }
 
+inline size_t CmMacConfStr(int aName, char* aBuffer, size_t aSize) {
+    return confstr(aName, aBuffer, aSize);
+}
+
 #else
 
 // Over fakes, on another system: what the macOS headers declare beyond POSIX.
@@ -190,6 +194,9 @@ struct __darwin_pthread_handler_rec {
     __darwin_pthread_handler_rec* __next;
 };
 __darwin_pthread_handler_rec*& CmMacCleanUps();
+
+// Under a name of its own: sanitizers call confstr as they start.
+size_t CmMacConfStr(int aName, char* aBuffer, size_t aSize);
 
 #endif
 

@@ -175,7 +175,7 @@ int CmPortAllocateFile(int aFile, off_t /*aStart*/, off_t aSize) {
 }
 
 bool CmPortUserDirectory(char* aBuffer, size_t aSize) {
-    const size_t nSize = confstr(_CS_DARWIN_USER_TEMP_DIR, aBuffer, aSize);
+    const size_t nSize = CmMacConfStr(_CS_DARWIN_USER_TEMP_DIR, aBuffer, aSize);
     return nSize > 1 && nSize <= aSize;
 }
 

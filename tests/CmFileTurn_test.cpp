@@ -1,0 +1,111 @@
+// Files that several threads lock, by themselves; CmT120TraceFile_test has them as trace files.
+#include "CmFileTurn.h"
+
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "support/Faults.h"
+
+namespace UTIL_NS {
+namespace {
+
+using kelto_test::FailingCall;
+using kelto_test::ScopedEntry;
+
+int s_nClosed = -1;  // the last descriptor that was closed without a stream
+
+int RecordingClose(int aFile) {
+    s_nClosed = aFile;
+    return close(aFile);
+}
+
+class CmFileTurn : public testing::Test {
+  protected:
+    CmFileTurn() : m_Close(g_cmSystem.close, &RecordingClose) {
+        s_nClosed = -1;
+        close(mkstemp(m_szPath));
+    }
+    ~CmFileTurn() override { unlink(m_szPath); }
+
+    char m_szPath[32] = "/tmp/kelto_turnXXXXXX";
+
+  private:
+    ScopedEntry<decltype(g_cmSystem.close)> m_Close;
+};
+
+TEST_F(CmFileTurn, ClosesTheStream_WhenThereIsOne) {
+    int nDescriptor = -1;
+    FILE* const pStream = CmOpenTurnFile(m_szPath, nDescriptor);
+    ASSERT_NE(nullptr, pStream);
+    EXPECT_EQ(fileno(pStream), nDescriptor);
+    CmCloseTurnFile(pStream);
+    EXPECT_EQ(-1, s_nClosed) << "the stream owns the descriptor";
+    EXPECT_EQ(-1, close(nDescriptor));
+    EXPECT_FALSE(CCmFileTurn(pStream).IsHeld());
+}
+
+TEST_F(CmFileTurn, ClosesTheDescriptor_WhenThereIsNoStream) {
+    const FailingCall<&CCmSystemTable::fdopen> fault(ENOMEM, nullptr);
+    int nDescriptor = -1;
+    EXPECT_EQ(nullptr, CmOpenTurnFile(m_szPath, nDescriptor));
+    EXPECT_EQ(-1, nDescriptor);
+    EXPECT_LE(0, s_nClosed);
+    EXPECT_EQ(-1, close(s_nClosed)) << "is closed";
+}
+
+TEST_F(CmFileTurn, MakesAFileThatIsNoProgram_WhenThereIsNone) {
+    unlink(m_szPath);
+    int nDescriptor = -1;
+    FILE* const pStream = CmOpenTurnFile(m_szPath, nDescriptor);
+    ASSERT_NE(nullptr, pStream);
+    struct stat status = {};
+    EXPECT_EQ(0, fstat(nDescriptor, &status));
+    EXPECT_EQ(0600u, status.st_mode & 0711u);
+    CmCloseTurnFile(pStream);
+}
+
+TEST_F(CmFileTurn, OpensNothing_WhenTheFileIsUnknown) {
+    const FailingCall<&CCmSystemTable::fstat> fault(EIO);
+    int nDescriptor = -1;
+    EXPECT_EQ(nullptr, CmOpenTurnFile(m_szPath, nDescriptor));
+    EXPECT_LE(0, s_nClosed);
+    EXPECT_EQ(-1, close(s_nClosed)) << "is closed";
+}
+
+TEST_F(CmFileTurn, OpensNothing_WhenMemoryRunsOut) {
+    const long lLive = kelto_test::LiveAllocations();
+    for (unsigned long ulNth = 1; ulNth <= 2; ++ulNth) {
+        const kelto_test::ScopedAllocationFault fault(ulNth);
+        int nDescriptor = -1;
+        EXPECT_EQ(nullptr, CmOpenTurnFile(m_szPath, nDescriptor));
+        EXPECT_TRUE(fault.hit());
+    }
+    EXPECT_EQ(lLive, kelto_test::LiveAllocations());
+    EXPECT_EQ(-1, s_nClosed) << "was not opened";
+}
+
+TEST_F(CmFileTurn, IsThatOfTheFile_WhenItIsOpenTwice) {
+    int nFirst = -1;
+    int nSecond = -1;
+    FILE* const pFirst = CmOpenTurnFile(m_szPath, nFirst);
+    FILE* const pSecond = CmOpenTurnFile(m_szPath, nSecond);
+    ASSERT_NE(nullptr, pFirst);
+    ASSERT_NE(nullptr, pSecond);
+    {
+        const CCmFileTurn turn(pFirst);
+        EXPECT_TRUE(turn.IsHeld());
+        // Closing either would take the process's locks off the file.
+        CmCloseTurnFile(pSecond);
+        CmCloseTurnFile(pFirst);
+        EXPECT_EQ(0, lseek(nFirst, 0, SEEK_SET)) << "is open";
+        EXPECT_EQ(0, lseek(nSecond, 0, SEEK_SET)) << "is open";
+    }
+    EXPECT_EQ(-1, lseek(nFirst, 0, SEEK_SET)) << "is closed";
+    EXPECT_EQ(-1, lseek(nSecond, 0, SEEK_SET)) << "is closed";
+}
+
+}  // namespace
+}  // namespace UTIL_NS
