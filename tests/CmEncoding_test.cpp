@@ -201,7 +201,7 @@ TEST(CmBase64String, GivesEmptyText_WhenTheTextWouldBeTooLongForAString) {
     }
 }
 
-TEST(CmBase64String, AllocatesOnce_HoweverLongTheText) {
+TEST(CmBase64String, AllocatesOnce_WhateverTheLength) {
     const CCmString strBytes = kelto_test::RandomBytes<CCmString>(100000, 6);
     CCmString strText;
     unsigned long ulBefore = kelto_test::AllocationsOfThisThread();

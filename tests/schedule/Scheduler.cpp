@@ -959,7 +959,7 @@ int PollFiles(struct pollfd* aFiles, nfds_t aCount, int aTimeout) {
     BeforeCall();
     return s_Saved.poll(aFiles, aCount, aTimeout);
 }
-int LockFile(int aFile, int aCommand, struct flock* aLock) {
+int LockFile(int aFile, int aCommand, void* aLock) {
     BeforeCall();
     return s_Saved.fcntl(aFile, aCommand, aLock);
 }
