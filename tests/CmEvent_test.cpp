@@ -918,7 +918,7 @@ TEST_F(CmPostLaterByHand, SaysNothing_WhenItWasCancelledOnItsWay) {
 }
 
 // The event that wakes it takes memory.
-TEST(CmPostDelayed, WakesTheWorker_OnlyWhenItIsDueFirst) {
+TEST(CmPostDelayed, WakesTheWorker_WhenItAloneIsDueFirst) {
     CCmWorker worker;
     const auto allocations = [&worker](const CCmInterval& aInterval) {
         const unsigned long ulBefore = AllocationsOfThisThread();

@@ -118,7 +118,7 @@ TEST_F(CmTextFormator, HexEqualsTheSystemsPrinting) {
     }
 }
 
-TEST_F(CmTextFormator, NumbersEqualTheSystemsPrinting_WhereTheNextDigitComes) {
+TEST_F(CmTextFormator, NumbersEqualTheSystemsPrinting_WhereverTheNextDigitComes) {
     const auto expect = [this](unsigned long aValue) {
         char achExpected[48];
         std::snprintf(achExpected, sizeof(achExpected), "%lu %lx", aValue, aValue);
