@@ -1,6 +1,6 @@
 // The unit CmWatched as it is, and what makes its registry forget: what it keeps of threads lives
 // as long as the process, which runs many schedules here.
-#include "CmWatched.cpp"
+#include "CmWatched.cpp"  // NOLINT(bugprone-suspicious-include)
 
 #include <vector>
 
