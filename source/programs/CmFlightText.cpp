@@ -37,6 +37,10 @@ class CTextPrinter {
         : m_Reader(aReader), m_Records(aRecords), m_Labels(CmThreadLabels(aRecords)) {
         for (std::string& strLabel : m_Labels) {
             strLabel = CmPrintable(strLabel);
+            // "# " begins the lines of the head alone.
+            if (strLabel == "#" || strLabel.rfind("# ", 0) == 0) {
+                strLabel.replace(0, 1, "\\x23");
+            }
             m_nLabel = std::max(m_nLabel, CmColumns(strLabel));
         }
         m_nLabel = std::min(m_nLabel, MOST_LABEL);

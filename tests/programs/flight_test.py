@@ -130,6 +130,13 @@ class FlightTest(ProgramTest):
         self.assertIn("# a\\x1b[2Jb 4711,", text)
         self.assertIn("x\\x0ay\\xff  line       Info: one\\x0atwo\\x1b]0;title\\x07", text)
 
+    def test_BeginsNoThreadAsALineOfTheHead(self):
+        recording = Recording()
+        for number, name in enumerate((b"#", b"# x", b"#x"), 1):
+            recording.add(number, name)
+        lines = self.printed(recording, "--threads").splitlines()[1:]
+        self.assertEqual([line.split("  ")[0].split(" number")[0].strip() for line in lines], ["\\x23", "\\x23 x", "#x"])
+
     # -- what rings hold
 
     def test_LeavesOutWhatMayBeHalfWritten_WhenTheRingIsFull(self):
