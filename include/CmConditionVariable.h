@@ -200,8 +200,9 @@ class CCmAtomicOperationT<CCmMutexThread> {
         m_lValue.store(0, std::memory_order_relaxed);
         return true;
     }
-    /// The count; may be outdated when it is read.
-    long value() const { return m_lValue.load(std::memory_order_relaxed); }
+    /// The count; may be outdated when it is read. Acquire: a holder that finds 1 comes after what
+    /// the other holders did before they released, and may change what they have read.
+    long value() const { return m_lValue.load(std::memory_order_acquire); }
     /// The mutex that the counter names.
     CCmMutexThread& mutex() const { return *m_pMutex; }
 

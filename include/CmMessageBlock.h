@@ -191,6 +191,7 @@ class CM_UTIL_EXPORT CCmMessageBlock {
     /// Free bytes of this block.
     uint32_t GetTopLevelSpace() const;
     /// Whether its data block has other holders; memory of the caller's has none that are known.
+    /// After false, what others read of it has been read, and its bytes may be changed.
     bool IsShared() const {
         return m_pDataBlock.ParaIn() != nullptr && m_pDataBlock->GetReference() > 1;
     }
