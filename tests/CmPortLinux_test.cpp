@@ -6,6 +6,7 @@
 #include <string.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -336,6 +337,21 @@ TEST(CmPortLinux, WorkerIsDetached_WhenItEndsOnItsOwnThread) {
     CmPost(*pWorker, [&pWorker] { std::exchange(pWorker, nullptr).reset(); });
     EXPECT_TRUE(ended.Wait());
     EXPECT_EQ(PTHREAD_CREATE_DETACHED, nState) << "nobody else frees what the system keeps of it";
+}
+
+long long CoarseUsec() {
+    timespec tsNow = {};
+    clock_gettime(CLOCK_REALTIME_COARSE, &tsNow);
+    return tsNow.tv_sec * 1000000LL + tsNow.tv_nsec / 1000;
+}
+
+TEST(CmPortLinux, CoarseTimeIsThatOfTheLastTick) {
+    const long long llBefore = CoarseUsec();
+    timeval tvNow = {};
+    EXPECT_EQ(0, CmPortCoarseTimeOfDay(&tvNow, nullptr));
+    const long long llNow = tvNow.tv_sec * 1000000LL + tvNow.tv_usec;
+    EXPECT_LE(llBefore, llNow);
+    EXPECT_LE(llNow, CoarseUsec());
 }
 
 TEST(CmPortLinux, ConditionWaitUntilEndsByTheMonotonicClock) {
