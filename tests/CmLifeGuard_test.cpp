@@ -1,6 +1,7 @@
 #include "CmLifeGuard.h"
 
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <time.h>
 
 #include <atomic>
@@ -108,6 +109,27 @@ TEST(CCmLifeGuard, WaitsAllTheSame_WhenTheWaitFails) {
     EXPECT_EQ(1, s_nNaps) << "between the wait that failed and the next";
     EXPECT_TRUE(s_bNapsAreShort);
     runner.join();
+}
+
+// Of the calling thread; changes nothing.
+int CancelState() {
+    int nState = -1;
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &nState);
+    pthread_setcancelstate(nState, nullptr);
+    return nState;
+}
+
+TEST(CCmLifeGuard, ThreadCanBeCancelledAsBefore_AfterACallable) {
+    CCmLifeGuard guard;
+    std::thread([&guard] {
+        for (const int nBefore : {PTHREAD_CANCEL_ENABLE, PTHREAD_CANCEL_DISABLE}) {
+            pthread_setcancelstate(nBefore, nullptr);
+            int nInside = -1;
+            EXPECT_TRUE(guard.Wrap([&nInside] { nInside = CancelState(); })());
+            EXPECT_EQ(PTHREAD_CANCEL_DISABLE, nInside);
+            EXPECT_EQ(nBefore, CancelState());
+        }
+    }).join();
 }
 
 TEST(CCmLifeGuard, LeavesNothing_AfterTheLastOfItsCallables) {

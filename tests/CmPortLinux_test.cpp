@@ -339,6 +339,12 @@ TEST(CmPortLinux, WorkerIsDetached_WhenItEndsOnItsOwnThread) {
     EXPECT_EQ(PTHREAD_CREATE_DETACHED, nState) << "nobody else frees what the system keeps of it";
 }
 
+TEST(CmPortLinux, HasNoUserDirectoryOfItsOwn) {
+    char szPath[64] = "unchanged";
+    EXPECT_FALSE(CmPortUserDirectory(szPath, sizeof(szPath)));
+    EXPECT_STREQ("unchanged", szPath);
+}
+
 long long CoarseUsec() {
     timespec tsNow = {};
     clock_gettime(CLOCK_REALTIME_COARSE, &tsNow);
