@@ -10,6 +10,7 @@
 #include <sstream>
 #include <string>
 
+#include "CmT120TraceFile.h"
 #include "support/Faults.h"
 #include "support/TraceSink.h"
 
@@ -80,6 +81,40 @@ TEST_F(CmTraceToFileTest, ChangesNothing_WhenMemoryRunsOut) {
     const ScopedAllocationFault fault(1);
     EXPECT_EQ(CM_ERROR_OUT_OF_MEMORY, CmTraceToFile(m_sPath.c_str()));
     EXPECT_EQ(pfnBefore, g_util_trace_sink.load());
+}
+
+// What a host may do with records of its own, which the manager finds by the same path.
+TEST_F(CmTraceToFileTest, LeavesAHostsRecordAlone_WhenTheFileCannotBeOpened) {
+    const char* const pszPath = "/no such directory/file";
+    void* const hRecord = T120_Open_Trace_Dev(pszPath, 0, 1, 0);
+    ASSERT_NE(nullptr, hRecord);
+    EXPECT_EQ(CM_ERROR_FAILURE, CmTraceToFile(pszPath));
+    // Takes the memory of a record that was freed.
+    void* const hOther = T120_Open_Trace_Dev(nullptr, 0, 1, 0);
+    EXPECT_EQ(hRecord, T120_Open_Trace_Dev(pszPath, 0, 1, 0));
+    T120_Close_Trace_Dev(hOther);
+    T120_Close_Trace_Dev(T120_Open_Trace_Dev(pszPath, 0, 1, 0));
+}
+
+TEST_F(CmTraceToFileTest, GoesOn_WhenAHostClosesItsRecordOfTheFile) {
+    ASSERT_EQ(CM_OK, CmTraceToFile(m_sPath.c_str()));
+    CmAssertFailed("first.cpp", 1, "too early");
+    T120_Close_Trace_Dev(T120_Open_Trace_Dev(m_sPath.c_str(), 0, 1, 0));
+    CmAssertFailed("file.cpp", 12, "bGood");
+    EXPECT_NE(std::string::npos, Content().find("file.cpp:12 Assert failed: bGood\n"));
+}
+
+TEST_F(CmTraceToFileTest, WritesToTheFile_WhenAHostsRecordOfThatNameWritesElsewhere) {
+    auto* pRecord = static_cast<CCmT120TraceFile*>(T120_Open_Trace_Dev(m_sPath.c_str(), 0, 1, 0));
+    ASSERT_NE(nullptr, pRecord);
+    const std::string sElsewhere = m_sPath + ".elsewhere";
+    ASSERT_EQ(CM_OK, pRecord->attach(sElsewhere.c_str()));
+    EXPECT_EQ(CM_OK, CmTraceToFile(m_sPath.c_str()));
+    CmAssertFailed("first.cpp", 1, "too early");
+    CmAssertFailed("file.cpp", 12, "bGood");
+    EXPECT_NE(std::string::npos, Content().find("file.cpp:12 Assert failed: bGood\n"));
+    T120_Close_Trace_Dev(pRecord);
+    unlink(sElsewhere.c_str());
 }
 
 }  // namespace
