@@ -359,20 +359,31 @@ void CCmFlight::CState::EndRings() {
     m_dwSlots = 0;
 }
 
-// Puts a file in the place of the memory.
+// Puts a file in the place of the memory. It is mapped elsewhere first: a call that fails at a
+// fixed address may have unmapped what was there, in which threads record.
 bool CCmFlight::CState::MapFile(const char* aDirectory, const char* aProcess, uint64_t aStartUsec) {
     if (!CmFlightMakeFile(aDirectory, aProcess, static_cast<long long>(aStartUsec), Size(),
                           m_File)) {
         return false;
     }
     void* const pBegin = s_pBegin.load(std::memory_order_relaxed);
-    if (g_cmSystem.mmap(pBegin, Size(), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_FIXED,
-                        m_File.m_nFile, 0) == pBegin) {
-        CmPortGuardMapping(pBegin, Size());
-        return true;
+    const auto map = [this](void* aAddress, int aFlags) CM_REQUIRES(s_Lock.m_Lock) {
+        return g_cmSystem.mmap(aAddress, Size(), PROT_READ | PROT_WRITE, MAP_SHARED | aFlags,
+                               m_File.m_nFile, 0);
+    };
+    void* const pTrial = map(nullptr, 0);
+    if (pTrial != MAP_FAILED) {
+        munmap(pTrial, Size());
+        if (map(pBegin, MAP_FIXED) == pBegin) {
+            CmPortGuardMapping(pBegin, Size());
+            return true;
+        }
     }
     m_File.m_pszCall = "mmap";
     m_File.m_nError = errno;
+    if (pTrial != MAP_FAILED) {
+        CmPortReplaceMapping(pBegin, Size());
+    }
     CmFlightRemoveFile(m_File);
     return false;
 }
