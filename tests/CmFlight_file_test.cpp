@@ -579,6 +579,20 @@ TEST(CmFlightFile, GivesWayToMemory_WhenTheThreadHadBlockedAllSignals) {
     }).join();
 }
 
+// As a host's main thread does, which waits for signals and records nothing.
+TEST(CmFlightFile, GivesWayToMemory_WhenAThreadThatBlocksAllSignalsEndsIt) {
+    EXPECT_EQ(0, StatusOfChild([] {
+                  const ScopedFlight flight;
+                  sigset_t signals;
+                  sigfillset(&signals);
+                  EXPECT_EQ(0, pthread_sigmask(SIG_SETMASK, &signals, nullptr));
+                  ASSERT_EQ(0, truncate(flight.path().c_str(), 0));
+                  CCmFlight::Close();
+                  EXPECT_EQ(0, pthread_sigmask(SIG_SETMASK, nullptr, &signals));
+                  EXPECT_EQ(1, sigismember(&signals, SIGBUS)) << "it has them blocked again";
+              }));
+}
+
 TEST(CmFlightFile, IsCutOnce_WhenThreadsRecordAllTheTime) {
     const ScopedFlight flight;
     std::atomic<bool> bEnd{false};

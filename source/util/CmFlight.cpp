@@ -223,11 +223,17 @@ void SayWhyThereIsNone(const CCmFlightFile& aFile) {
 // Guards the state below.
 CM_CONSTANT_INIT CCmEternalLockT<CCmMutexThread> s_Lock;
 
-// Holds the lock. The thread is not cancelled, and what it traces is not taken.
+// Holds the lock. The thread is not cancelled, and what it traces is not taken. Bus errors reach
+// it, as the file may be cut at any time: in here, and for as long as it has a ring.
 class CM_SCOPED_CAPABILITY CHold {
   public:
-    CHold() CM_ACQUIRE(s_Lock.m_Lock) : m_Lock(s_Lock.m_Lock) {}
-    ~CHold() CM_RELEASE() {}
+    CHold() CM_ACQUIRE(s_Lock.m_Lock)
+        : m_Lock(s_Lock.m_Lock), m_bBlocksBusErrors(CmPortUnblockBusErrors()) {}
+    ~CHold() CM_RELEASE() {
+        if (m_bBlocksBusErrors && t_this.m_pRing == nullptr) {
+            CmPortBlockBusErrors();
+        }
+    }
     CHold(const CHold&) = delete;
     CHold& operator=(const CHold&) = delete;
 
@@ -242,6 +248,7 @@ class CM_SCOPED_CAPABILITY CHold {
     CCmTraceGuard m_Guard;
     CBusy m_Busy;
     CCmScopedLockT<CCmMutexThread> m_Lock;
+    const bool m_bBlocksBusErrors;
 };
 
 }  // namespace
@@ -619,7 +626,6 @@ CCmFlightRing* CCmFlight::CState::TakeSlot(const char* aName) {
     if (g_cmSystem.pthread_setspecific(m_Key, &ring) != 0) {
         return nullptr;  // its end would not be seen
     }
-    CmPortUnblockBusErrors();  // the ring may lie in a file that is cut
     const uint64_t ullNow = WallUsec();
     COwner& owner = m_pOwners[dwSlot];
     owner.m_eState = CCmFlightSlot::LIVE;
