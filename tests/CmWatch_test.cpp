@@ -18,6 +18,8 @@
 #include <vector>
 
 #include "CmEvent.h"
+#include "CmFlight.h"
+#include "CmSystem.h"
 #include "CmThread.h"
 #include "CmTimerQueueCalendar.h"
 #include "CmTimerQueueOrderedList.h"
@@ -45,6 +47,7 @@ using kelto_test::FiguresAtRest;
 using kelto_test::FiguresOf;
 using kelto_test::FlightFile;
 using kelto_test::FlightRecord;
+using kelto_test::FlightThread;
 using kelto_test::Gate;
 using kelto_test::LiveAllocations;
 using kelto_test::NamelessEvent;
@@ -1028,6 +1031,83 @@ TEST(CCmWatch, TheRecordingCallsAThreadByItsName_WhenItTracedBeforeItHadOne) {
         CmEnsureWatchedThread();
         EXPECT_EQ(1u, FlightFile(szPath).Named("named later").size());
     }).join();
+    CCmWatch::Stop();
+}
+
+TEST(CCmWatch, RecordsAThreadThatFoundNoPlace_WhenAnotherHasEnded) {
+    const ScopedDirectory directory;
+    ASSERT_EQ(CM_OK,
+              CCmWatch::Start(
+                  CCmWatchOptions().Directory(directory.path().c_str()).Threads(4).Lines(false)));
+    char szPath[1024];
+    EXPECT_EQ(CM_OK, CCmWatch::GetRecording(szPath, sizeof(szPath)));
+    {
+        // There may be more than four places, if a test before has kept them.
+        Gate end;
+        std::atomic<int> nThere{0};
+        std::atomic<bool> bFull{false};
+        std::vector<std::thread> threads;
+        while (!bFull) {
+            threads.emplace_back([&] {
+                bFull = CCmFlight::AttachThisThread("has a place") == nullptr;
+                ++nThere;
+                end.Wait();
+            });
+            ASSERT_TRUE(Eventually([&] { return nThere == static_cast<int>(threads.size()); }));
+        }
+        CCmWorker late(Named("came late"));
+        CmPost(late, [] {});
+        FiguresAtRest(late);
+        EXPECT_EQ(0u, FlightFile(szPath).Named("came late").size());
+        end.Open();
+        for (std::thread& thread : threads) {
+            thread.join();
+        }
+        late.GetEventQueue()->PostEvent(new CNothing, ICmEventQueue::EPRIORITY_NORMAL);
+        FiguresAtRest(late);
+        const FlightFile file(szPath);
+        EXPECT_EQ(1u, file.Named("came late").size());
+        for (const FlightThread* pThread : file.Named("came late")) {
+            EXPECT_EQ(1, std::count_if(pThread->records.begin(), pThread->records.end(),
+                                       [](const FlightRecord& aRecord) {
+                                           return aRecord.kind == CCmFlightUnit::EVENT;
+                                       }));
+        }
+    }
+    CCmWatch::Stop();
+}
+
+// What is called when a thread ends comes in the order of its keys, round by round.
+decltype(g_cmSystem.pthread_setspecific) s_pfnSetSpecific = nullptr;
+thread_local const CCmWatchedThread* t_pEnding = nullptr;
+std::atomic<int> s_nGivenBack{0};
+
+int SetSpecific(pthread_key_t aKey, const void* aValue) {
+    if (aValue == nullptr && t_pEnding != nullptr) {
+        ++s_nGivenBack;
+        EXPECT_EQ(nullptr, t_pEnding->Ring()) << "another thread may have it from now on";
+    }
+    return s_pfnSetSpecific(aKey, aValue);
+}
+
+TEST(CCmWatch, LetsGoOfItsRecordsBeforeAnotherThreadGetsThem_WhenItComesWhileItsThreadEnds) {
+    const ScopedDirectory directory;
+    const ScopedTraceSink sink;
+    ASSERT_EQ(CM_OK, CCmWatch::Start(CCmWatchOptions().Directory(directory.path().c_str())));
+    CmEnsureWatchedThread();  // so that the keys of the library come before that of the test
+    pthread_key_t key = 0;
+    ASSERT_EQ(0, pthread_key_create(&key, [](void*) { t_pEnding = CmEnsureWatchedThread(); }));
+    s_pfnSetSpecific = g_cmSystem.pthread_setspecific;
+    {
+        const kelto_test::ScopedEntry<decltype(g_cmSystem.pthread_setspecific)> entry(
+            g_cmSystem.pthread_setspecific, &SetSpecific);
+        std::thread([&] {
+            pthread_setspecific(key, &key);
+            util_adapter_trace(0, "a line", 6);
+        }).join();
+    }
+    EXPECT_EQ(1, s_nGivenBack);
+    pthread_key_delete(key);
     CCmWatch::Stop();
 }
 

@@ -566,6 +566,8 @@ CCmFlightRing* CCmFlight::AttachThisThread(const char* aName) {
     CHold hold;
     if (t_this.m_pRing != nullptr) {
         CState::s_State.Rename(*t_this.m_pRing, szName);
+        // Somebody who detaches it counts on it from now on; the thread may be about to end.
+        g_cmSystem.pthread_setspecific(CState::s_State.m_Key, t_this.m_pRing);
     } else {
         t_this.m_pRing = CState::s_State.TakeSlot(szName);
         t_this.m_bHasEnded = false;

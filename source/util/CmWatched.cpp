@@ -137,6 +137,9 @@ class CCmWatchRegistry {
         }
     }
     static void Clear(CCmWatchedThread& aThread, DWORD aStart) { aThread.Clear(aStart); }
+    static void EnsureRing(CCmWatchedThread& aThread) {
+        aThread.m_pRing.Set(CCmFlight::AttachThisThread(nullptr));
+    }
     DWORD Start_l() const { return m_dwStart; }
     // The time of what the figures tell.
     long long Now_l() const { return m_llEnd != 0 ? m_llEnd : NowUsec(); }
@@ -369,9 +372,6 @@ void CCmWatchedThread::Clear(DWORD aStart) {
     m_ullInTimers.Set(0);
     m_ullTimersFired.Set(0);
     m_pCurrent.Set(nullptr);
-    if (Ring() == nullptr) {
-        m_pRing.Set(CCmFlight::AttachThisThread(nullptr));
-    }
     m_dwStart.store(aStart, std::memory_order_release);
 }
 
@@ -443,9 +443,16 @@ CCmWatchedThread* CmEnsureWatchedThread() {
     }
     if (CM_UNLIKELY(t_pThread == nullptr)) {
         t_pThread = CCmWatchRegistry::Instance().MakeThread();
+        if (t_pThread == nullptr) {
+            return nullptr;
+        }
     }
-    if (t_pThread != nullptr && CM_UNLIKELY(!t_pThread->IsOf(dwStart))) {
+    if (CM_UNLIKELY(!t_pThread->IsOf(dwStart))) {
         CCmWatchRegistry::Clear(*t_pThread, dwStart);
+    }
+    // One that found no place among the rings gets that of a thread that has ended since.
+    if (CM_UNLIKELY(t_pThread->Ring() == nullptr)) {
+        CCmWatchRegistry::EnsureRing(*t_pThread);
     }
     return t_pThread;
 }
