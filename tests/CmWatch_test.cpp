@@ -606,6 +606,8 @@ TEST(CCmWatch, KeepsItsFigures_WhenItIsStopped) {
     CmCall(sleeper, [] {});
     EXPECT_EQ(asleep.m_ullAsleep, FiguresOf(sleeper).m_ullAsleep);
     const CCmWorkerFigures after = FiguresOf(worker);
+    EXPECT_EQ(0U, after.m_Run.m_ullCount);  // it ended later
+    EXPECT_EQ(before.m_ullInEvents, after.m_ullInEvents);
     EXPECT_EQ(2U, after.m_ullPosted);
     EXPECT_EQ(1U, after.m_ullRun);
     EXPECT_EQ(1U, after.m_ullPending);
@@ -754,6 +756,24 @@ TEST(CCmWatch, CountsWhatIsPendingAsPosted_WhenItIsStartedAgainDuringAnEvent) {
     EXPECT_EQ(2U, figures.m_ullPending);
     go.Open();
     EXPECT_EQ(2U, FiguresAtRest(worker).m_ullRun);
+}
+
+// What runs when the watch is started does not count, however it goes on.
+TEST(CCmWatch, CountsNothingOfTheEventThatRuns_WhenItIsStartedAgainDuringThat) {
+    CCmWorker worker(Named("restarted"));
+    const ScopedWatch watch;
+    CmPost(worker, [&] {
+        TakeLong();
+        CCmWatch::Stop();
+        EXPECT_EQ(CM_OK, CCmWatch::Start(CCmWatchOptions().Record(false)));
+        CmPost(worker, [] {});
+    });
+    ASSERT_TRUE(Eventually([&] { return FiguresOf(worker).m_ullRun == 1; }));
+    const CCmWorkerFigures figures = FiguresAtRest(worker);
+    EXPECT_EQ(1U, figures.m_ullPosted);
+    EXPECT_EQ(1U, figures.m_ullRun);
+    EXPECT_EQ(1U, figures.m_Run.m_ullCount);
+    EXPECT_GT(50000U, figures.m_ullInEvents);
 }
 
 TEST(CCmWatch, TellsHowLongEventsRunAndWhatTheLongestWas) {
@@ -1381,6 +1401,20 @@ TEST(CCmWatch, TakesNoTimeOfOthersForATimers_WhenItIsTurnedOnAgainInTheSamePass)
         EXPECT_TRUE(CCmWatch::IsOn());
     }
     EXPECT_EQ(0U, sink.count(", watch, "));
+}
+
+TEST(CCmWatch, CountsNothingOfTheTimerThatRuns_WhenItIsStartedAgainDuringThat) {
+    CSwitchHandler again([] {
+        TakeLong();
+        CCmWatch::Stop();
+        EXPECT_EQ(CM_OK, CCmWatch::Start(CCmWatchOptions().Record(false)));
+        CmEnsureWatchedThread();
+    });
+    const ScopedWatch watch;
+    FireInOnePass({&again});
+    EXPECT_EQ(0U, CmWatchedThread()->m_ullTimersFired.Get());
+    EXPECT_EQ(0U, CmWatchedThread()->m_Late.Copy().m_ullCount);
+    EXPECT_EQ(0U, CmWatchedThread()->m_ullInTimers.Get());
 }
 
 TEST(CCmWatch, SaysNothing_WhileItIsOff) {
