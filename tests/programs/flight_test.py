@@ -237,6 +237,21 @@ class FlightTest(ProgramTest):
                  if " event " in record]
         self.assertEqual([wait and int(wait.group(1)) for wait in waits], [0, 10, 20, None, None])
 
+    def test_FindsThePostsOfOneTick_WhenTheirAddressIsUsedAgain(self):
+        """Their clock moves every few milliseconds: all of them seem to come before the first event."""
+        recording = Recording()
+        net, worker = recording.add(1, "net"), recording.add(2, "worker")
+        net.post(START - 4000, 1, 0xA, 0xC)  # its event was not run
+        for n in range(3):
+            net.post(START, 1, 0xA, 0xC).post(START, 2, 0xB, 0xC)
+            worker.event(START + 1000 * n + 10, 1, 1, 0xA).event(START + 1000 * n + 20, 1, 2, 0xB)
+        net.post(START + 4000, 1, 0xA, 0xC)
+        worker.event(START + 4010, 1, 1, 0xA)
+        waits = [re.search(r"waitedUsec=(\d+)", record) for record in self.records(recording)
+                 if " event " in record]
+        self.assertEqual([wait and int(wait.group(1)) for wait in waits],
+                         [10, 20, 1010, 1020, 2010, 2020, 10])
+
     def test_TakesTheLastRecords_WhenThereAreTooMany(self):
         recording = Recording(units=4096)
         slot = recording.add(1, "net")
