@@ -453,9 +453,14 @@ class FlightTest(ProgramTest):
         for arguments, sentence in (
                 (["--kind", "x"], "'x' is no kind"), (["--from", "x"], "'x' is no time"),
                 (["--to", "25:00"], "'25:00' is no time"), (["--last", "-1"], "'-1' are no seconds"),
-                ([path], "there is more than one file"), (["--from", "\x1b"], "'\\x1b' is no time")):
+                ([path], "there is more than one file"), (["--from", "\x1b"], "'\\x1b' is no time"),
+                (["--from", ""], "--from is empty"), (["--to", ""], "--to is empty"),
+                (["--last", ""], "--last is empty"), (["--json", ""], "--json is empty"),
+                (["--svg", ""], "--svg is empty"), (["--directory", ""], "--directory is empty"),
+                (["--json", "-", "--svg", "-"], "'-' is to have both")):
             self.assert_complains(self.flight(path, *arguments), sentence, status=2)
         self.assertEqual(self.flight("--no-such-option").returncode, 2)
+        self.assert_complains(self.flight(""), "the name of the file is empty", status=2)
 
     def test_Complains_WhenThereIsNoRecording(self):
         self.assert_complains(self.flight(), "kelto: there is no recording")
@@ -473,6 +478,12 @@ class FlightTest(ProgramTest):
             self.skipTest("only root gives directories away")
         os.chown(self.directory, 12345, -1)
         self.assert_complains(self.flight(), "it is not this user's directory")
+
+    def test_Complains_WhenItsHelpCannotBeWritten(self):
+        for option in ("--help", "--version"):
+            with open("/dev/full", "w") as full:
+                done = self.run_program("flight", option, stdout=full)
+            self.assert_complains(done, "standard output: cannot be written")
 
     def test_PageOfTheManualHasTheOptions(self):
         self.assert_page_of_the_manual_has_the_options("flight")
