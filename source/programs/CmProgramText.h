@@ -49,6 +49,9 @@ std::string CmFormat(const char* aFormat, Args... aArgs) {
     return strText;
 }
 
+// Writes to standard output, and has it there. False: not all of it could be written.
+bool CmPutOut(std::string_view aText);
+
 // The wall clock.
 int64_t CmNowUsec();
 // Local time, "2026-11-22 09:30:00.000001"; the number itself where there is no such time.
