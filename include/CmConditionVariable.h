@@ -175,7 +175,8 @@ class CCmAtomicOperationT;
 /// The mutex that counters name; one for the process.
 extern CM_UTIL_EXPORT CCmMutexThread s_ReferenceControlMutexThread;
 
-/// The counter of several threads. Any thread.
+/// The counter of several threads. Any thread. As if a mutex were held: who counts comes after all
+/// that others did before they counted.
 template <>
 class CCmAtomicOperationT<CCmMutexThread> {
   public:
@@ -187,7 +188,7 @@ class CCmAtomicOperationT<CCmMutexThread> {
     CCmAtomicOperationT& operator=(const CCmAtomicOperationT&) = delete;
 
     /// Adds one; returns the new value.
-    long operator++() { return m_lValue.fetch_add(1, std::memory_order_relaxed) + 1; }
+    long operator++() { return m_lValue.fetch_add(1, std::memory_order_acq_rel) + 1; }
     /// Takes one; returns the new value.
     long operator--() { return m_lValue.fetch_sub(1, std::memory_order_acq_rel) - 1; }
     /// For reference counts: true, and the value 0, when the caller's reference is the only one.
