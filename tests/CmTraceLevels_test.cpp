@@ -68,6 +68,15 @@ TEST_F(CmTraceToFileTest, WritesTheLinesOfTheLibrary) {
     EXPECT_EQ(std::string::npos, Content().find("elsewhere"));
 }
 
+TEST_F(CmTraceToFileTest, TakesTheNewSizeLimit_WhenTheFileIsTheSame) {
+    ASSERT_EQ(CM_OK, CmTraceToFile(m_sPath.c_str()));
+    ASSERT_EQ(CM_OK, CmTraceToFile(m_sPath.c_str(), 2048));
+    for (int i = 0; i < 100; ++i) {
+        CmAssertFailed("file.cpp", i, "bGood");
+    }
+    EXPECT_GT(2048u + 512, Content().size());
+}
+
 TEST_F(CmTraceToFileTest, ChangesNothing_WhenTheFileCannotBeOpened) {
     ScopedTraceSink sink;
     const UtilTraceSink pfnBefore = g_util_trace_sink;

@@ -45,6 +45,7 @@ CmResult CmTraceToFile(const char* aPath, unsigned long aSizeLimit) {
         T120_Close_Trace_Dev(pFile);
         return rv;
     }
+    pFile->refresh_settings(aSizeLimit, 1);  // of a record that an earlier call has made
     s_pTraceFile.store(pFile, std::memory_order_release);
     set_util_external_trace_sink(&WriteToFile);
     return CM_OK;
