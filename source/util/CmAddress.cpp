@@ -165,10 +165,10 @@ unsigned long ip_2_id(char* aAddr) {
 }
 
 char* id_2_ip(unsigned long aId) {
-    static char s_szText[CM_IP_TEXT_SIZE];
+    static char ip_str[CM_IP_TEXT_SIZE];
     const in_addr address = {htonl(static_cast<uint32_t>(aId))};
-    inet_ntop(AF_INET, &address, s_szText, sizeof(s_szText));
-    return s_szText;
+    inet_ntop(AF_INET, &address, ip_str, sizeof(ip_str));
+    return ip_str;
 }
 
 char* get_local_ip() {
