@@ -626,6 +626,7 @@ uint32_t CCmFlight::CState::FindSlot() const {
 
 CCmFlightRing* CCmFlight::CState::TakeSlot(const char* aName) {
     if (!m_bIsOpen) {
+        t_this.m_dwRefusedAt = s_dwVacancies.load(std::memory_order_relaxed);
         return nullptr;
     }
     const uint32_t dwSlot = FindSlot();
