@@ -780,6 +780,18 @@ TEST(CCmWatch, CountsNothingOfTheEventThatRuns_WhenItIsStartedAgainDuringThat) {
               figures.m_ullInEvents);
 }
 
+TEST(CCmWatch, CountsNoSend_WhenItIsStartedAgainDuringThat) {
+    CCmWorker worker(Named("answers"));
+    const ScopedWatch watch;
+    CmCall(worker, [] {
+        CCmWatch::Stop();
+        EXPECT_EQ(CM_OK, CCmWatch::Start(CCmWatchOptions().Record(false)));
+    });
+    EXPECT_EQ(0U, CmEnsureWatchedThread()->m_Sends.Copy().m_ullCount);
+    CmCall(worker, [] {});
+    EXPECT_EQ(1U, CmEnsureWatchedThread()->m_Sends.Copy().m_ullCount);
+}
+
 TEST(CCmWatch, TellsHowLongEventsRunAndWhatTheLongestWas) {
     const ScopedWatch watch;
     CCmWorker worker(Named("length"));
