@@ -68,8 +68,7 @@ std::string CmCountText(uint64_t aCount);
 bool CmReadNumber(std::string_view aText, uint64_t aMax, uint64_t* aNumber);
 // Seconds with up to six figures after the point, as microseconds. False: they are none.
 bool CmReadSeconds(std::string_view aText, int64_t* aUsec);
-// "[YYYY-MM-DD ]HH:MM[:SS[.FRACTION]]" in local time, its date that of aDayUsec where it has none,
-// or
+// "[YYYY-MM-DD ]HH:MM[:SS[.FRACTION]]" in local time, without a date on the day of aDayUsec, or
 // "@SECONDS[.FRACTION]" since 1970. False: it is none.
 bool CmReadTime(std::string_view aText, int64_t aDayUsec, int64_t* aUsec);
 
