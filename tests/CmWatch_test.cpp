@@ -760,20 +760,36 @@ TEST(CCmWatch, CountsWhatIsPendingAsPosted_WhenItIsStartedAgainDuringAnEvent) {
 
 // What runs when the watch is started does not count, however it goes on.
 TEST(CCmWatch, CountsNothingOfTheEventThatRuns_WhenItIsStartedAgainDuringThat) {
+    Gate next;
+    CCmTimeValue tvAgain;
     CCmWorker worker(Named("restarted"));
     const ScopedWatch watch;
     CmPost(worker, [&] {
         TakeLong();
         CCmWatch::Stop();
+        tvAgain = CCmTimeValue::GetTimeOfDay();
         EXPECT_EQ(CM_OK, CCmWatch::Start(CCmWatchOptions().Record(false)));
-        CmPost(worker, [] {});
+        CmPost(worker, [&next] { next.Open(); });
     });
-    ASSERT_TRUE(Eventually([&] { return FiguresOf(worker).m_ullRun == 1; }));
+    ASSERT_TRUE(next.Wait());
     const CCmWorkerFigures figures = FiguresAtRest(worker);
     EXPECT_EQ(1U, figures.m_ullPosted);
     EXPECT_EQ(1U, figures.m_ullRun);
     EXPECT_EQ(1U, figures.m_Run.m_ullCount);
-    EXPECT_GT(50000U, figures.m_ullInEvents);
+    EXPECT_GE(static_cast<uint64_t>(CmUsecOf(CCmTimeValue::GetTimeOfDay() - tvAgain)),
+              figures.m_ullInEvents);
+}
+
+TEST(CCmWatch, CountsNoSend_WhenItIsStartedAgainDuringThat) {
+    CCmWorker worker(Named("answers"));
+    const ScopedWatch watch;
+    CmCall(worker, [] {
+        CCmWatch::Stop();
+        EXPECT_EQ(CM_OK, CCmWatch::Start(CCmWatchOptions().Record(false)));
+    });
+    EXPECT_EQ(0U, CmEnsureWatchedThread()->m_Sends.Copy().m_ullCount);
+    CmCall(worker, [] {});
+    EXPECT_EQ(1U, CmEnsureWatchedThread()->m_Sends.Copy().m_ullCount);
 }
 
 TEST(CCmWatch, TellsHowLongEventsRunAndWhatTheLongestWas) {

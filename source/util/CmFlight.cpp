@@ -37,6 +37,9 @@ struct COwner {
     uint64_t m_ullFirst = 0;
     uint64_t m_ullOrder = 0;  // of those that have ended, the least did first
     char m_szName[CM_FLIGHT_NAME_SIZE] = {};
+    // Of the one before, for who has found a post of it in the ring.
+    uint64_t m_ullFirstBefore = 0;
+    char m_szNameBefore[CM_FLIGHT_NAME_SIZE] = {};
 };
 
 struct CThisThread {
@@ -274,6 +277,11 @@ struct CCmFlight::CState {
     COwner& OwnerOf(const CCmFlightRing& aRing) const CM_REQUIRES(s_Lock.m_Lock) {
         return m_pOwners[&aRing - m_pRings];
     }
+    static const CCmFlightRing* Search(const void* aEvent, const void* aTable, const void* aQueue,
+                                       long long aNotAfterUsec, long long& aUsec,
+                                       uint64_t& aNumber) CM_NO_THREAD_SAFETY_ANALYSIS;
+    void CopyNameAt(const CCmFlightRing& aRing, uint64_t aNumber,
+                    char (&aName)[CM_FLIGHT_NAME_SIZE]) const CM_REQUIRES(s_Lock.m_Lock);
     uint64_t Size() const CM_REQUIRES(s_Lock.m_Lock) {
         return CmFlightFileSize(m_dwSlots, m_dwUnits);
     }
@@ -421,6 +429,7 @@ void CCmFlight::CState::BeginSlots() {
     for (uint32_t i = 0; i < m_dwSlots; ++i) {
         COwner& owner = m_pOwners[i];
         owner.m_ullFirst = __atomic_load_n(&m_pRings[i].m_ullWritten, __ATOMIC_RELAXED);
+        owner.m_ullFirstBefore = owner.m_ullFirst;
         owner.m_eState =
             owner.m_eState == CCmFlightSlot::ENDED ? CCmFlightSlot::FREE : owner.m_eState;
         StoreOwner(m_pRings[i]);
@@ -617,6 +626,7 @@ uint32_t CCmFlight::CState::FindSlot() const {
 
 CCmFlightRing* CCmFlight::CState::TakeSlot(const char* aName) {
     if (!m_bIsOpen) {
+        t_this.m_dwRefusedAt = s_dwVacancies.load(std::memory_order_relaxed);
         return nullptr;
     }
     const uint32_t dwSlot = FindSlot();
@@ -630,6 +640,8 @@ CCmFlightRing* CCmFlight::CState::TakeSlot(const char* aName) {
     }
     const uint64_t ullNow = WallUsec();
     COwner& owner = m_pOwners[dwSlot];
+    owner.m_ullFirstBefore = owner.m_ullFirst;
+    std::memcpy(owner.m_szNameBefore, owner.m_szName, sizeof(owner.m_szNameBefore));
     owner.m_eState = CCmFlightSlot::LIVE;
     owner.m_dwNumber = ++m_dwCame;
     owner.m_Thread = pthread_self();
@@ -867,33 +879,56 @@ bool CCmFlight::CopyClassName(const void* aTable, char (&aName)[CM_FLIGHT_CLASS_
     return false;
 }
 
+// Without the lock for a thread that has a ring: then all of them stay.
+const CCmFlightRing* CCmFlight::CState::Search(const void* aEvent, const void* aTable,
+                                               const void* aQueue, long long aNotAfterUsec,
+                                               long long& aUsec, uint64_t& aNumber) {
+    const CCmFlightRing* pFound = nullptr;
+    for (uint32_t i = 0; i < s_State.m_dwSlots; ++i) {
+        const CCmFlightRing& ring = s_State.m_pRings[i];
+        long long llUsec = 0;
+        uint64_t ullNumber = 0;
+        if (ring.Find(aEvent, aTable, aQueue, aNotAfterUsec, llUsec, ullNumber) &&
+            (pFound == nullptr || llUsec > aUsec)) {
+            pFound = &ring;
+            aNumber = ullNumber;
+            aUsec = llUsec;
+        }
+    }
+    return pFound;
+}
+
+// Of the thread whose ring it was when unit aNumber was written; empty when it is not known.
+void CCmFlight::CState::CopyNameAt(const CCmFlightRing& aRing, uint64_t aNumber,
+                                   char (&aName)[CM_FLIGHT_NAME_SIZE]) const {
+    const COwner& owner = OwnerOf(aRing);
+    if (aNumber >= owner.m_ullFirst) {
+        std::memcpy(aName, owner.m_szName, sizeof(aName));
+    } else if (aNumber >= owner.m_ullFirstBefore) {
+        std::memcpy(aName, owner.m_szNameBefore, sizeof(aName));
+    } else {
+        aRing.FindName(aNumber, aName);
+    }
+}
+
 bool CCmFlight::FindPost(const void* aEvent, const void* aTable, const void* aQueue,
                          long long aNotAfterUsec, long long& aUsec,
                          char (&aPoster)[CM_FLIGHT_NAME_SIZE]) {
-    CHold hold;
-    const CState& state = CState::s_State;
+    const bool bHasRing = t_this.m_pRing != nullptr;
     const CCmFlightRing* pFound = nullptr;
-    uint64_t ullFound = 0;
-    for (uint32_t i = 0; i < state.m_dwSlots; ++i) {
-        long long llUsec = 0;
-        uint64_t ullNumber = 0;
-        if (state.m_pRings[i].Find(aEvent, aTable, aQueue, aNotAfterUsec, llUsec, ullNumber) &&
-            (pFound == nullptr || llUsec > aUsec)) {
-            pFound = &state.m_pRings[i];
-            ullFound = ullNumber;
-            aUsec = llUsec;
-        }
+    uint64_t ullNumber = 0;
+    if (bHasRing) {
+        pFound = CState::Search(aEvent, aTable, aQueue, aNotAfterUsec, aUsec, ullNumber);
+    }
+    CHold hold;
+    if (!bHasRing) {
+        pFound = CState::Search(aEvent, aTable, aQueue, aNotAfterUsec, aUsec, ullNumber);
     }
     if (pFound == nullptr) {
         return false;
     }
-    const COwner& owner = state.OwnerOf(*pFound);
     char szName[CM_FLIGHT_NAME_SIZE];
-    if (ullFound >= owner.m_ullFirst) {
-        std::memcpy(szName, owner.m_szName, sizeof(szName));
-    } else {
-        pFound->FindName(ullFound, szName);
-    }
+    CState::s_State.CopyNameAt(*pFound, ullNumber, szName);
     if (szName[0] != '\0') {
         std::memcpy(aPoster, szName, sizeof(aPoster));
     }

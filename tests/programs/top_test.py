@@ -401,6 +401,16 @@ class TopTest(ProgramTest):
             self.assertEqual(os.WTERMSIG(status), number)
             terminal.assert_restored()
 
+    def test_RestoresTheTerminal_WhenASignalEndsItWhileTheUserHoldsIt(self):
+        path = self.live(host())
+        for number in (signal.SIGTERM, signal.SIGHUP):
+            terminal = Terminal(self, 80, 10, path, "--interval", "3600")
+            terminal.show()
+            os.write(terminal.master, b"\x13")  # Ctrl-S
+            os.kill(terminal.pid, number)
+            self.assertEqual(os.WTERMSIG(terminal.wait()), number)
+            terminal.assert_restored()
+
     def test_RestoresTheTerminal_WhenItCrashes(self):
         path = self.live(host())
         for number in (signal.SIGSEGV, signal.SIGABRT, signal.SIGBUS):
