@@ -12,6 +12,8 @@
 #include "support/EventQueues.h"
 #include "support/Events.h"
 #include "support/Eventually.h"
+#include "support/Faults.h"
+#include "support/TraceSink.h"
 #include "support/Workers.h"
 
 namespace UTIL_NS {
@@ -99,6 +101,48 @@ TEST(CmBriefWait, IsOverForTheLoop_WhenNoSendHasFiredSince) {
     const unsigned long ulBefore = readsOfPosts();
     EXPECT_EQ(CM_OK, queue.SendEvent(new kelto_test::LoggedEvent(log)));
     EXPECT_EQ(ulBefore, readsOfPosts());
+}
+
+thread_local bool t_bIsLoop = false;
+std::atomic<int> s_nReadsLeft{0};
+int (*s_pfnTimeWithoutJumps)(timeval*, void*) = nullptr;
+kelto_test::ScopedClock* s_pClockThatJumps = nullptr;
+ICmEventQueue* s_pQueueOfJumps = nullptr;
+
+// The last of the loop's readings, if it is one before an event and not the one after it.
+int TimeWithJumps(timeval* aTime, void* aZone) {
+    if (t_bIsLoop && s_nReadsLeft == 1 && s_pQueueOfJumps->GetPendingEventsCount() > 0) {
+        s_pClockThatJumps->AdvanceUsec(70000);
+    }
+    const int nResult = s_pfnTimeWithoutJumps(aTime, aZone);
+    if (t_bIsLoop && s_nReadsLeft > 0) {
+        --s_nReadsLeft;
+    }
+    return nResult;
+}
+
+// After the end of what was sent and before the clock is read again, time passes.
+TEST(CmBriefWait, IsNoPartOfTheNextEvent_WhenTheSenderHasComeBack) {
+    kelto_test::ScopedClock clock;
+    s_pClockThatJumps = &clock;
+    s_pfnTimeWithoutJumps = g_cmClock.gettimeofday;
+    const kelto_test::ScopedEntry<decltype(g_cmClock.gettimeofday)> entry(g_cmClock.gettimeofday,
+                                                                          &TimeWithJumps);
+    kelto_test::ScopedTraceSink sink;
+    kelto_test::TaskThread worker(false);
+    s_pQueueOfJumps = worker->GetEventQueue();
+    kelto_test::EventLog log;
+    for (int i = 0; i < 100; ++i) {
+        EXPECT_EQ(CM_OK, s_pQueueOfJumps->SendEvent(new kelto_test::LoggedEvent(log, i, [] {
+            t_bIsLoop = true;
+            s_nReadsLeft = 2;
+            return CM_OK;
+        })));
+        EXPECT_TRUE(kelto_test::Eventually([] { return s_nReadsLeft == 0; }));
+    }
+    worker.End();
+    EXPECT_EQ(100u, log.fired().size());
+    EXPECT_EQ(0u, sink.count("ProcessOneEvent, report"));
 }
 
 // On cores of their own, on one core, beside other senders: whatever the machine does.
