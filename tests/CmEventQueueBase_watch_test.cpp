@@ -451,6 +451,7 @@ TEST(CmEventQueueWatch, RecordsWhatIsPendingAfterAnEvent_WhileASendIsOnItsWayBac
 TEST(CmEventQueueWatch, TellsWhatIsPending_WhenOneAtATimeIsTaken) {
     const ScopedWatch watch;
     CCmEventQueueUsingMutex queue;
+    CKeptEvent other;
     std::thread sender([&queue] { EXPECT_EQ(CM_OK, queue.SendEvent(new EndingEvent([] {}))); });
     ASSERT_TRUE(Eventually([&queue] { return queue.GetPendingEventsCount() == 1; }));
     PostSome(queue, 1);
@@ -458,12 +459,14 @@ TEST(CmEventQueueWatch, TellsWhatIsPending_WhenOneAtATimeIsTaken) {
     sender.join();
     PostSome(queue, 1);
     for (const unsigned nPending : {1U, 1U, 0U}) {  // the second is the send on its way back
-        ICmEvent* pEvent = nullptr;
-        ASSERT_EQ(CM_OK, queue.PopOnePendingEvent(pEvent));
-        queue.ProcessOneEvent(pEvent);
+        ICmEvent* events[] = {&other, &other, nullptr, &other};
+        ASSERT_EQ(CM_OK, queue.PopOnePendingEvent(events[2]));
+        queue.ProcessOneEvent(events[2]);
         EXPECT_EQ(nPending, Figures().m_ullPending);
         EXPECT_EQ(3U - nPending, Figures().m_ullRun);
     }
+    PostSome(queue, 2);
+    EXPECT_EQ(2U, Figures().m_ullPending);
 }
 
 // What was destroyed and what is on its way back was there before.
