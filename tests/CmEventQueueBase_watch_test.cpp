@@ -317,19 +317,17 @@ TEST(CmEventQueueWatch, NamesThePosterOfASlowEvent_WhenAnotherPostsItAgainMeanwh
 }
 
 TEST(CmEventQueueWatch, CountsEveryRefusal_WhenTwoThreadsMeetAQueueForTheFirstTime) {
+    const ScopedEntry<decltype(g_cmSystem.pthread_mutex_lock)> lock(g_cmSystem.pthread_mutex_lock,
+                                                                    &LockAfterWork);
     const ScopedWatch watch;
     CCmEventQueueBase queue;
     queue.SetStopped();
     const auto post = [&queue] {
         EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, queue.PostEvent(new EndingEvent([] {}), NORMAL));
     };
-    {
-        const ScopedEntry<decltype(g_cmSystem.pthread_mutex_lock)> lock(
-            g_cmSystem.pthread_mutex_lock, &LockAfterWork);
-        t_atNextCall = [&post] { OnAnotherThread(post); };
-        post();
-        EXPECT_EQ(nullptr, t_atNextCall);
-    }
+    t_atNextCall = [&post] { OnAnotherThread(post); };
+    post();
+    EXPECT_EQ(nullptr, t_atNextCall);
     const std::vector<CCmWorkerFigures> rows = Rows();
     EXPECT_EQ(1, std::count_if(rows.begin(), rows.end(), [](const CCmWorkerFigures& aRow) {
                   return aRow.m_ullRefused == 2;
