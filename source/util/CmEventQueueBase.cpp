@@ -456,8 +456,7 @@ class CCmEventQueueSteps::CPass {
     void RunAndDestroy(ICmEvent* aEvent) {
         CM_ASSERTE_RETURN(aEvent, void());
         // An event within this pass may have turned the watch off, and on again.
-        if (CM_UNLIKELY(m_pWatched != nullptr &&
-                        m_dwStart == g_cmWatchOn.load(std::memory_order_relaxed))) {
+        if (CM_UNLIKELY(m_pWatched != nullptr && CmWatchIsOnSince(m_dwStart))) {
             RunWatched(aEvent);
             return;
         }
@@ -570,8 +569,9 @@ void CCmEventQueueSteps::CPass::RunWatched(ICmEvent* aEvent) {
     }
     const CCmTimeValue tvElapsed = FireAndEnd(aEvent);
     const long long llRan = CmUsecOf(tvElapsed);
+    const bool bIsOnSince = CmWatchIsOnSince(m_dwStart);
     if (bCounts) {
-        if (CM_UNLIKELY(thread.m_Run.Add(llRan))) {
+        if (bIsOnSince && CM_UNLIKELY(thread.m_Run.Add(llRan))) {
             thread.m_pLongest.Set(seen.m_pTable);
         }
         if (CCmFlightRing* const pRing = thread.Ring()) {
@@ -579,7 +579,7 @@ void CCmEventQueueSteps::CPass::RunWatched(ICmEvent* aEvent) {
                          m_pWatched->PendingAfter(m_dwStart, llRan));
         }
     }
-    if (m_Run.IsOutermost()) {
+    if (bIsOnSince && m_Run.IsOutermost()) {
         thread.m_ullInEvents.Add(static_cast<uint64_t>(std::max(llRan, 0LL)));
     }
     if (CM_UNLIKELY(tvElapsed > CCmEventQueueBase::s_tvReportInterval)) {
