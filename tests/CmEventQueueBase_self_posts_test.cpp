@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <chrono>
 #include <deque>
 #include <functional>
 #include <list>
@@ -12,6 +14,7 @@
 #include <utility>
 #include <vector>
 
+#include "CmEvent.h"
 #include "CmSystem.h"
 #include "CmThread.h"
 #include "CmWorker.h"
@@ -431,6 +434,34 @@ TEST(CmEventSelfPost, EndsUnfiredBeforeTheNextPass_WhenAnotherThreadDestroysIt) 
     EXPECT_TRUE(Eventually([&] { return log.ended().size() == 3; }));
     EXPECT_EQ((Ids{1, 3}), log.fired());
     EXPECT_EQ((Ids{1, 2, 3}), log.ended());
+}
+
+// A worker that has a timer waits until that is due.
+TEST(CmEventLoop, WritesALineAndGoesOn_WhenItsLimitedWaitFails) {
+    const kelto_test::ScopedTraceSink sink;
+    {
+        const kelto_test::FailingCall<&CCmSystemTable::pthread_cond_clockwait> fault(EINVAL,
+                                                                                     EINVAL);
+        CCmWorker worker;
+        Gate fired;
+        CmPostDelayed(worker, std::chrono::milliseconds(5), [&fired] { fired.Open(); });
+        EXPECT_TRUE(fired.Wait());
+        EXPECT_EQ(CM_OK, worker.Drain());
+    }
+    EXPECT_EQ(1u, sink.count(", pthread_cond_clockwait() failed! err=22 "));
+}
+
+TEST(CmEventLoop, WritesNoLine_WhenItHasALimitAndNeedNotWait) {
+    const kelto_test::ScopedTraceSink sink;
+    {
+        CCmWorker worker;
+        CCmTimerHandle timer = CmPostDelayed(worker, std::chrono::seconds(100), [] {});
+        for (int i = 0; i < 20; ++i) {
+            CmPost(worker, [&worker] { CmPost(worker, [] {}); });
+        }
+        EXPECT_EQ(CM_OK, worker.Drain());
+    }
+    EXPECT_EQ(0u, sink.count("failed!"));
 }
 
 // The queue of a worker as its users know it: one list. Its events act at random; every act
