@@ -13,7 +13,6 @@
 #include <filesystem>
 #include <memory>
 #include <string>
-#include <utility>
 
 #include "CmConfig.h"
 #include "CmWorker.h"
@@ -334,7 +333,12 @@ TEST(CmPortLinux, WorkerIsDetached_WhenItEndsOnItsOwnThread) {
         }
         ended.Open();
     }));
-    CmPost(*pWorker, [&pWorker] { std::exchange(pWorker, nullptr).reset(); });
+    Gate posted;
+    CmPost(*pWorker, [&] {
+        posted.Wait();
+        pWorker.reset();
+    });
+    posted.Open();
     EXPECT_TRUE(ended.Wait());
     EXPECT_EQ(PTHREAD_CREATE_DETACHED, nState) << "nobody else frees what the system keeps of it";
 }
