@@ -259,6 +259,32 @@ int RememberType(pthread_mutexattr_t* /*aAttribute*/, int aType) {
     return 0;
 }
 
+TEST(CmMutex, AttributeIsEnded_WhateverFails) {
+    typedef CCmSystemTable T;
+    const ScopedTraceSink sink;
+    const FailingCall<&T::pthread_mutexattr_destroy> ends(0, 0, 100);
+    { const CCmMutexThreadRecursive mutex; }
+    EXPECT_EQ(1u, ends.calls());
+    {
+        const FailingCall<&T::pthread_mutexattr_settype> fault(EINVAL, EINVAL);
+        const CCmMutexThreadRecursive mutex;
+    }
+    EXPECT_EQ(2u, ends.calls());
+    {
+        const FailingCall<&T::pthread_mutex_init> fault(ENOMEM, ENOMEM);
+        const CCmMutexThreadRecursive mutex;
+    }
+    EXPECT_EQ(3u, ends.calls());
+}
+
+TEST(CmMutex, TracesNothing_WhenAllIsWell) {
+    const ScopedTraceSink sink;
+    { const CCmMutexThreadRecursive mutex; }
+    { const CCmMutexThread mutex; }
+    { const CCmSemaphore semaphore(1); }
+    EXPECT_TRUE(sink.lines().empty());
+}
+
 // The object that a call could not make, of which the call left something else than zeros.
 template <class ObjectType>
 int LeaveRemains(ObjectType* aObject, int aResult) {

@@ -149,6 +149,7 @@ TEST_F(CmFileTurn, IsNotThatOfAnother_WhenTheirDeviceOrTheirNumberDiffers) {
             CmCloseTurnFile(pSecond);
             EXPECT_EQ(row.isSame, IsOpen(nSecond)) << row.device << ' ' << row.inode;
         }
+        EXPECT_FALSE(IsOpen(nSecond)) << "closed with the turn";
         CmCloseTurnFile(pFirst);
     }
 }
@@ -168,8 +169,8 @@ int NoteClose(int aFile) {
 
 TEST_F(CmFileTurn, OpensOnce_WhenTheDescriptorIsZero) {
     s_nOpenings = 0;
-    const ScopedEntry<decltype(g_cmSystem.open)> open(g_cmSystem.open, &OpenZero);
-    const ScopedEntry<decltype(g_cmSystem.close)> close(g_cmSystem.close, &NoteClose);
+    const ScopedEntry<decltype(g_cmSystem.open)> opening(g_cmSystem.open, &OpenZero);
+    const ScopedEntry<decltype(g_cmSystem.close)> closing(g_cmSystem.close, &NoteClose);
     const FailingCall<&CCmSystemTable::fstat> fault(EIO);
     int nDescriptor = -1;
     EXPECT_EQ(nullptr, CmOpenTurnFile(m_szPath, nDescriptor));

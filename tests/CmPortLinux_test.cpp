@@ -13,8 +13,9 @@
 #include <filesystem>
 #include <memory>
 #include <string>
-#include <utility>
+#include <thread>
 
+#include "CmConditionVariable.h"
 #include "CmConfig.h"
 #include "CmWorker.h"
 #include "port/CmPort.h"
@@ -22,6 +23,7 @@
 #include "support/FaultRows.h"
 #include "support/Gate.h"
 #include "support/Home.h"
+#include "support/TraceSink.h"
 
 // What posix_fallocate returns, and how often it has been called.
 static int s_nAllocateError = 0;
@@ -113,12 +115,16 @@ TEST(CmPortLinuxName, ReplacesBytes_WhenTheyAreNoText) {
     }
 }
 
-std::u16string NameOf(const std::string& aBytes) {
-    s_sExecutable = "/opt/" + aBytes;
+std::u16string NameOfPath(const std::string& aPath) {
+    s_sExecutable = aPath;
     ScopedEntry<decltype(g_cmSystem.readlink)> entry(g_cmSystem.readlink, FakeReadlink);
     uint16_t awUnits[CM_PORT_NAME_UNITS];
     const size_t nUnits = CmPortExecutableName(awUnits);
     return std::u16string(awUnits, awUnits + nUnits);
+}
+
+std::u16string NameOf(const std::string& aBytes) {
+    return NameOfPath("/opt/" + aBytes);
 }
 
 TEST(CmPortLinuxName, IsConverted_WhenItIsOfTheFirstAndTheLastCharacters) {
@@ -132,7 +138,7 @@ TEST(CmPortLinuxName, IsConverted_WhenItIsOfTheFirstAndTheLastCharacters) {
              "\x80", "\xBF", "\xC1\xBF", "\xE0\x9F\xBF", "\xF0\x8F\xBF\xBF",  // too long
              "\xED\xA0\x80", "\xED\xBF\xBF",                                  // surrogates
              "\xF4\x90\x80\x80", "\xF7\xBF\xBF\xBF", "\xF8\x88\x80\x80\x80",  // too large
-             "\xE4\xB8\xC0", "\xE4\xFF\x80",                                  // no more bytes
+             "\xF8\x90\x80\x80", "\xE4\xB8\xC0", "\xE4\xFF\x80",              // no more bytes
          }) {
         EXPECT_EQ(std::u16string(strlen(pBad), 0xFFFD), NameOf(pBad))
             << testing::PrintToString(pBad);
@@ -160,6 +166,12 @@ TEST(CmPortLinuxName, IsEmpty_WhenItIsUnknown) {
     EXPECT_WITH_EXECUTABLE("", IsText("", get_exec_name()));
     EXPECT_WITH_EXECUTABLE("", IsText("", get_process_name()));
     EXPECT_WITH_EXECUTABLE("/" + std::string(5000, 'x'), IsText("", get_exec_name()));
+}
+
+TEST(CmPortLinuxName, IsKnown_WhenThePathIsOfTheShortestOrTheLongest) {
+    EXPECT_EQ(u"a", NameOfPath("a"));
+    EXPECT_EQ(255u, NameOfPath("/" + std::string(4094, 'x')).size());
+    EXPECT_EQ(u"", NameOfPath("/" + std::string(4095, 'x'))) << "perhaps cut";
 }
 
 TEST(CmPortLinuxName, NameIsAskedForAgain_WhenItCouldNotBeRead) {
@@ -334,9 +346,38 @@ TEST(CmPortLinux, WorkerIsDetached_WhenItEndsOnItsOwnThread) {
         }
         ended.Open();
     }));
-    CmPost(*pWorker, [&pWorker] { std::exchange(pWorker, nullptr).reset(); });
+    Gate posted;
+    CmPost(*pWorker, [&] {
+        posted.Wait();
+        pWorker.reset();
+    });
+    posted.Open();
     EXPECT_TRUE(ended.Wait());
     EXPECT_EQ(PTHREAD_CREATE_DETACHED, nState) << "nobody else frees what the system keeps of it";
+}
+
+TEST(CmPortLinux, CoreIsTheOneThatTheThreadIsBoundTo) {
+    std::thread([] {
+        cpu_set_t allowed;
+        ASSERT_EQ(0, sched_getaffinity(0, sizeof(allowed), &allowed));
+        for (int i = 0; i < CPU_SETSIZE; ++i) {
+            if (CPU_ISSET(i, &allowed) != 0) {
+                cpu_set_t one;
+                CPU_ZERO(&one);
+                CPU_SET(i, &one);
+                ASSERT_EQ(0, sched_setaffinity(0, sizeof(one), &one));
+                EXPECT_EQ(i, CmPortCurrentCore());
+            }
+        }
+    }).join();
+}
+
+// All zeros are what the system's calls make, too: the end of such an object must not fail.
+TEST(CmPortLinux, EndOfZerosIsTraced_WhenItFails) {
+    kelto_test::ScopedTraceSink sink;
+    const kelto_test::FailingCall<&CCmSystemTable::sem_destroy> fault(EINVAL);
+    { const CCmSemaphore semaphore(0); }
+    EXPECT_EQ(1u, sink.count("CCmSemaphore::~CCmSemaphore, sem_destroy() failed! err=22"));
 }
 
 TEST(CmPortLinux, HasNoUserDirectoryOfItsOwn) {

@@ -332,6 +332,28 @@ TEST(CmSemaphore, ConstructorTraces_WhenItFails) {
         OnlyLine(sink));
 }
 
+int s_nShared = -1;
+unsigned s_nCount = 0;
+
+int NoteInit(CmPlatformSemaphore* /*aSemaphore*/, int aShared, unsigned aCount) {
+    s_nShared = aShared;
+    s_nCount = aCount;
+    errno = ENOSYS;
+    return -1;
+}
+
+TEST(CmSemaphore, IsOfThisProcessAlone_WhateverItsCount) {
+    const ScopedTraceSink sink;
+    const kelto_test::ScopedEntry<decltype(g_cmSystem.sem_init)> entry(g_cmSystem.sem_init,
+                                                                       &NoteInit);
+    for (const long lCount : {0L, 1L, static_cast<long>(INT_MAX)}) {
+        s_nShared = -1;
+        { const CCmSemaphore semaphore(lCount); }
+        EXPECT_EQ(0, s_nShared);
+        EXPECT_EQ(static_cast<unsigned>(lCount), s_nCount);
+    }
+}
+
 TEST(CmSemaphore, ConstructorRefuses_WhenTheCountIsOutOfRange) {
     for (long lCount : {-1L, LONG_MIN, 0x80000000L, 0x100000001L, LONG_MAX}) {
         ScopedTraceSink sink;

@@ -110,6 +110,23 @@ TEST(CCmWorker, RunsItsFunctionsOnItsThread) {
     EXPECT_EQ((std::vector<std::string>{"start hooks", "event", "end hooks"}), ran);
 }
 
+TEST(CCmWorker, RunsItsEndFunction_AfterWhatAnotherThreadDestroyed) {
+    std::atomic<int> ends{0};
+    int nEndsBefore = -1;
+    CCmWorker worker(CCmWorkerOptions().OnEnd([&] { nEndsBefore = ends; }));
+    CmPost(worker, [&] {
+        CmPost(worker, [counter = EndCounter(ends)] {});
+        std::thread([&worker] {
+            static_cast<CCmEventQueueUsingConditionVariable*>(worker.GetEventQueue())
+                ->DestoryPendingEvents();
+        }).join();
+        EXPECT_EQ(CM_OK, worker.StopNow());
+    });
+    EXPECT_EQ(CM_OK, worker.Join());
+    EXPECT_EQ(1, nEndsBefore);
+    EXPECT_EQ(1, ends);
+}
+
 TEST(CCmWorker, DoesNotStart_WhenItsStartFunctionFails) {
     std::atomic<int> ends{0};
     bool bEnded = false;
@@ -521,18 +538,61 @@ TEST(CCmWorker, LeavesOutOfTheTimeOfAnEvent_WhateverATimerTakes) {
 
 TEST(CCmWorker, ReadsTheClockOnceAnEvent_WhenNothingIsBetween) {
     constexpr size_t EVENTS = 41;
-    ScopedClock clock;
+    constexpr size_t PASSES = EVENTS / 5 + 1;
+    for (const bool bHasTimer : {false, true}) {
+        SCOPED_TRACE(bHasTimer);
+        ScopedClock clock;
+        CCmWorker worker;
+        WorkingSink timer([] {});
+        CCmTimerWrapperID wrapper;
+        Gate gate;
+        CmPost(worker, [&] {
+            if (bHasTimer) {
+                wrapper.Schedule(&timer, CCmTimeValue(100), 1);
+            }
+            gate.Wait();
+        });
+        std::vector<unsigned long> reads;
+        for (size_t i = 0; i < EVENTS; ++i) {
+            CmPost(worker, [&] { reads.push_back(clock.reads()); });
+        }
+        gate.Open();
+        CmCall(worker, [&wrapper] { wrapper.Cancel(); });
+        ASSERT_EQ(EVENTS, reads.size());
+        // The timer queue reads it once a pass, for what is not yet due.
+        EXPECT_GE(EVENTS - 1 + (bHasTimer ? PASSES : 0), reads.back() - reads.front());
+    }
+}
+
+TEST(CCmWorker, FiresATimerAfterFiveEventsAtMost_WhenManyArePending) {
     CCmWorker worker;
     Gate gate;
-    CmPost(worker, [&gate] { gate.Wait(); });
-    std::vector<unsigned long> reads;
-    for (size_t i = 0; i < EVENTS; ++i) {
-        CmPost(worker, [&] { reads.push_back(clock.reads()); });
+    Gate begun;
+    CmPost(worker, [&] {
+        begun.Open();
+        gate.Wait();
+    });
+    EXPECT_TRUE(begun.Wait());  // alone
+    int nRan = 0;
+    int nRanBefore = -1;
+    CmPost(worker, [&] {
+        ++nRan;
+        CmPostDelayed(worker, 0ms, [&] { nRanBefore = nRan; });
+    });
+    for (int i = 0; i < 20; ++i) {
+        CmPost(worker, [&nRan] { ++nRan; });
     }
     gate.Open();
-    worker.End();
-    ASSERT_EQ(EVENTS, reads.size());
-    EXPECT_EQ(EVENTS - 1, reads.back() - reads.front());
+    EXPECT_EQ(CM_OK, worker.Drain());
+    EXPECT_GE(5, nRanBefore);
+}
+
+TEST(CCmWorker, Ends_WhenATimerSetsItsStopFlag) {
+    CCmWorker worker;
+    auto* pTask = dynamic_cast<CCmThreadTask*>(worker.GetThread());
+    ASSERT_NE(nullptr, pTask);
+    CmPostDelayed(worker, 1ms, [pTask] { pTask->SetStopFlag(); });
+    EXPECT_EQ(CM_OK, worker.Join());
 }
 
 class CountingSink : public CCmTimerWrapperIDSink {

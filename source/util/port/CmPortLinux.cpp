@@ -31,7 +31,7 @@ namespace {
 constexpr size_t PATH_SIZE = 4096;
 
 // What a bundle handle points to: there are no bundles here, only their paths.
-char s_chBundle = 0;
+char s_chBundle{};
 
 // False also when the path may have been cut.
 bool ExecutablePath(char (&aPath)[PATH_SIZE]) {
@@ -48,8 +48,8 @@ constexpr uint32_t REPLACEMENT_CHARACTER = 0xFFFD;
 // Takes one character off aText, which is not at its end. A byte that is not part of a well-formed
 // UTF-8 character is taken alone and counts as the replacement character.
 uint32_t TakeCharacter(const unsigned char*& aText) {
-    // By number of bytes after the first: the least character that needs them.
-    constexpr uint32_t LEAST[] = {0, 0x80, 0x800, 0x10000};
+    // The least character that needs one, two and three bytes after the first.
+    constexpr uint32_t LEAST[] = {0x80, 0x800, 0x10000};
     const unsigned char byLead = *aText++;
     if (byLead < 0x80) {
         return byLead;
@@ -66,7 +66,7 @@ uint32_t TakeCharacter(const unsigned char*& aText) {
         dwCharacter = dwCharacter << 6 | (aText[i] & 0x3F);
     }
     const bool bSurrogate = dwCharacter >= 0xD800 && dwCharacter <= 0xDFFF;
-    if (dwCharacter < LEAST[nMore] || dwCharacter > 0x10FFFF || bSurrogate) {
+    if (dwCharacter < LEAST[nMore - 1] || dwCharacter > 0x10FFFF || bSurrogate) {
         return REPLACEMENT_CHARACTER;
     }
     aText += nMore;
