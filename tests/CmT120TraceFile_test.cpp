@@ -780,6 +780,19 @@ TEST_F(CmT120TraceFile, WriteGoesOn_WhenTruncationFails) {
     EXPECT_EQ(Stamp() + " top\n", Content().substr(32, Stamp().size() + 5));
 }
 
+TEST_F(CmT120TraceFile, WriteTruncatesAgain_WhenInterruptedAlone) {
+    // 0: the call succeeds, and errno is that of an earlier one.
+    for (const int nError : {0, EINTR, EIO}) {
+        WriteFile(m_sPath, Header(100) + std::string(68, 'o'));
+        CCmT120TraceFile file(m_sPath.c_str(), 100, 1, 0);
+        file.attach();
+        FailingCall<&CCmSystemTable::ftruncate> fault(nError, -1, nError != 0 ? 1 : 0);
+        errno = EINTR;
+        file.write(nullptr, nullptr, "top");
+        EXPECT_EQ(nError == EINTR ? 2U : 1U, fault.calls()) << nError;
+    }
+}
+
 TEST_F(CmT120TraceFile, WriteSharedAsksForTheLockAgain_WhenInterruptedUnavailableOrRefused) {
     for (int nError : {EINTR, EAGAIN, EDEADLK}) {
         WriteEmptyTraceFile();
@@ -1189,14 +1202,14 @@ void UseLast() {
         return;
     }
     const std::string sPath = g_pLastHome->path() + "last.txt";
-    const bool bStays = FieldAt<void*>(&g_trace_mgr, 0) == g_pLastRecord &&
-                        g_pLastRecord->is_same_file(sPath.c_str()) == 1;
     T120_Refresh_Settings(0, 5);
     T120_Write_Trace_Dev(g_pLastRecord, nullptr, nullptr, "dropped");
     g_pLastRecord->flush_buffer();
     const bool bAttaches = g_pLastRecord->attach() == CM_OK;
     const bool bOpens = T120_Open_Trace_Dev("new", 0, 0, 0) != nullptr;
     T120_Close_Trace_Dev(g_pLastRecord);
+    const bool bStays = FieldAt<void*>(&g_trace_mgr, 0) == g_pLastRecord &&
+                        g_pLastRecord->is_same_file(sPath.c_str()) == 1;
     const std::string sContent = ReadFile(sPath);
     const bool bFlushed = sContent.find(" kept\n") != std::string::npos &&
                           sContent.find("dropped") == std::string::npos;
