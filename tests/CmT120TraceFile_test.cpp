@@ -943,6 +943,21 @@ TEST_F(CmT120TraceFile, FilterLeavesNoFileOpen_WhateverTheFileHolds) {
         SetFilters(pszFilters);
         EXPECT_EQ(nBefore, NextDescriptor()) << pszFilters;
     }
+    FailingCall<&CCmSystemTable::fdopen> fault(ENOMEM, nullptr);
+    SetFilters("net");
+    EXPECT_EQ(1U, fault.calls());
+    EXPECT_EQ(nBefore, NextDescriptor());
+}
+
+TEST_F(CmT120TraceFile, FilterStays_WhenMemoryRunsOut) {
+    SetFilters("net");
+    {
+        FailingCall<&CCmSystemTable::malloc> fault(ENOMEM, nullptr);
+        SetFilters("media");
+        EXPECT_EQ(1U, fault.calls());
+    }
+    EXPECT_EQ(0, regex_match("net"));
+    EXPECT_EQ(-1, regex_match("media"));
 }
 
 TEST_F(CmT120TraceFile, FilterIsReplaced) {
