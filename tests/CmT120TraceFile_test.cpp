@@ -546,12 +546,13 @@ ssize_t PwriteThatFails(int /*aFile*/, const void* /*aText*/, size_t /*aSize*/, 
     return -1;
 }
 
-// Up to half of what a long holds, a position is taken for one that was written here.
+// Up to half of what a long holds, a position is taken for one that was written here: the header is
+// set back, since the size limit is reached.
 TEST_F(CmT120TraceFile, WriteTriesNothing_WhenThePositionIsTooLarge) {
     kelto_test::ScopedEntry<decltype(g_cmSystem.pwrite)> entry(g_cmSystem.pwrite, PwriteThatFails);
     for (const long lPosition : {LONG_MAX / 2, LONG_MAX / 2 + 1}) {
         WriteFile(m_sPath, Header(lPosition));
-        CCmT120TraceFile file(m_sPath.c_str(), 0, 1, 0);
+        CCmT120TraceFile file(m_sPath.c_str(), 100, 1, 0);
         file.attach();
         g_ulTries = 0;
         file.write(nullptr, nullptr, "lost");
