@@ -26,6 +26,7 @@
 #include "support/Clock.h"
 #include "support/Faults.h"
 #include "support/Home.h"
+#include "support/LockCalls.h"
 
 namespace UTIL_NS {
 namespace {
@@ -992,6 +993,13 @@ TEST_F(CmT120TraceFile, FilterWaitsForNoWriter_WhenTheFileIsANamedPipe) {
                   EXPECT_EQ(0, regex_match("net"));
               }));
     std::filesystem::remove(sFilter);
+}
+
+TEST_F(CmT120TraceFile, FilterTakesNoLock_WhenThereIsNone) {
+    ClearFilters();
+    kelto_test::LockCalls none;
+    EXPECT_EQ(-1, regex_match("net"));
+    EXPECT_FALSE(none.seen());
 }
 
 TEST_F(CmT120TraceFile, FilterMatchesNothing_WhenTheModuleIsNull) {
