@@ -25,6 +25,7 @@
 #include "support/ChildProcess.h"
 #include "support/Clock.h"
 #include "support/Faults.h"
+#include "support/Gate.h"
 #include "support/Home.h"
 #include "support/LockCalls.h"
 
@@ -1146,6 +1147,44 @@ TEST_F(CmT120TraceFile, ManagerRefreshesEveryRecord) {
         T120_Close_Trace_Dev(apRecords[i]);
         EXPECT_NE(std::string::npos, ReadFile(m_sPath + std::to_string(i)).find(" held\n"));
     }
+}
+
+kelto_test::Gate s_isWriting;
+kelto_test::Gate s_mayWriteOn;
+
+ssize_t PwriteThatWaits(int aFile, const void* aText, size_t aSize, off_t aOffset) {
+    s_isWriting.Open();
+    EXPECT_TRUE(s_mayWriteOn.Wait());
+    return ::pwrite(aFile, aText, aSize, aOffset);
+}
+
+// They go there without the mutex of the manager, and the trace facility may send them at any time.
+TEST_F(CmT120TraceFile, ManagerClosesNoRecord_WhileSettingsGoFromRecordToRecord) {
+    s_isWriting.Close();
+    s_mayWriteOn.Close();
+    const auto older = [this] {
+        return static_cast<CCmT120TraceFile*>(T120_Open_Trace_Dev(m_sPath.c_str(), 0, 0, 0));
+    };
+    ASSERT_EQ(CM_OK, older()->attach());
+    // The newer record is the first.
+    auto* pNewer = static_cast<CCmT120TraceFile*>(T120_Open_Trace_Dev(nullptr, 0, 0, 0));
+    ASSERT_EQ(CM_OK, pNewer->attach((m_sPath + ".newer").c_str()));
+    pNewer->refresh_settings(0, 2);
+    pNewer->write(nullptr, nullptr, "collected");
+    {
+        const PwriteEntry entry(g_cmSystem.pwrite, PwriteThatWaits);
+        std::thread refresher([] { T120_Refresh_Settings(0, 2); });
+        EXPECT_TRUE(s_isWriting.Wait());
+        std::thread closer([&] { T120_Close_Trace_Dev(older()); });
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        EXPECT_EQ(CM_ERROR_ALREADY_INITIALIZED, older()->attach());
+        s_mayWriteOn.Open();
+        refresher.join();
+        closer.join();
+    }
+    EXPECT_EQ(CM_OK, older()->attach()) << "a new record";
+    T120_Close_Trace_Dev(older());
+    T120_Close_Trace_Dev(pNewer);
 }
 
 TEST_F(CmT120TraceFile, ManagerReturnsNull_WhenMemoryRunsOut) {

@@ -47,6 +47,10 @@ constexpr char FILTER_FILE[] = "conf/keltoexp.filter";
 constexpr size_t FILTER_PATH_SIZE = 64;    // bytes; the home directory has at most 16
 constexpr size_t FILTER_LINE_SIZE = 1024;  // bytes
 
+// Keeps records alive while refresh_settings goes from one to the next without the mutex of their
+// manager: closing one takes this first. The first line of any thread may bring that about, by
+// loading the trace facility, so that a host could not avoid it.
+CCmEternalLockT<CCmMutexThread> s_walkMutex;
 CCmEternalLockT<CCmMutexThread> s_filterMutex;
 int s_nCompiled = 0;  // entries of re in use, guarded by s_filterMutex
 
@@ -551,6 +555,7 @@ void CCmT120TraceFileMgr::close(void* aRecord) {
         return;
     }
     CCmTraceGuard guard;
+    CCmScopedLockT<CCmMutexThread> walk(s_walkMutex.m_Lock);
     delete CManagerState::Unlink(*this, aRecord);
 }
 
@@ -578,6 +583,8 @@ void CCmT120TraceFileMgr::write(void* aRecord, const char* aTag, const char* aMo
 }
 
 void CCmT120TraceFileMgr::refresh_settings(unsigned long aSizeLimit, int aFlushCount) {
+    CCmTraceGuard guard;
+    CCmScopedLockT<CCmMutexThread> walk(s_walkMutex.m_Lock);
     for (CCmT120TraceFile* pFile = m_pHeader.load(std::memory_order_acquire); pFile != nullptr;
          pFile = pFile->m_pNext.load(std::memory_order_acquire)) {
         pFile->refresh_settings(aSizeLimit, aFlushCount);
