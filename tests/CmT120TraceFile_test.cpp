@@ -10,6 +10,8 @@
 
 #include <algorithm>
 #include <chrono>
+#include <climits>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -25,6 +27,7 @@
 #include "support/Faults.h"
 #include "support/Gate.h"
 #include "support/Home.h"
+#include "support/LockCalls.h"
 
 namespace UTIL_NS {
 namespace {
@@ -142,6 +145,31 @@ TEST_F(CmT120TraceFile, RecordWritesNowhere_WithoutAttach) {
         file.flush_buffer();
     }
     EXPECT_FALSE(std::filesystem::exists(m_sPath));
+}
+
+TEST_F(CmT120TraceFile, RecordForgetsItsLines_BeforeAttach) {
+    for (unsigned char bShared : {0, 1}) {
+        WriteEmptyTraceFile();
+        CCmT120TraceFile file(m_sPath.c_str(), 0, bShared, 0);
+        file.write(nullptr, nullptr, "lost");
+        file.attach();
+        file.write(nullptr, nullptr, "kept");
+        const std::string sLine = Stamp() + " kept\n";
+        EXPECT_EQ(Header(32 + static_cast<long>(sLine.size())) + sLine + MARKER, Content());
+    }
+}
+
+TEST_F(CmT120TraceFile, WriteStampsWholeMilliseconds_WhateverTheMicroseconds) {
+    for (const long lUsec : {0, 999, 1000, 999000, 999999}) {
+        WriteEmptyTraceFile();
+        m_Clock.Set(1100000000, lUsec);
+        CCmT120TraceFile file(m_sPath.c_str(), 0, 0, 0);
+        file.attach();
+        file.write(nullptr, nullptr, "text");
+        char szTime[32];
+        std::snprintf(szTime, sizeof(szTime), " 06:33:20.%03ld pid=", lUsec / 1000);
+        EXPECT_NE(std::string::npos, Content().find(szTime)) << lUsec;
+    }
 }
 
 TEST_F(CmT120TraceFile, WriteFormatsTagAndModule) {
@@ -273,6 +301,17 @@ TEST_F(CmT120TraceFile, RefreshSettingsFlushesToo_WhenTheCountIsTheSame) {
     EXPECT_NE(std::string::npos, Content().find(" kept\n"));
 }
 
+TEST_F(CmT120TraceFile, RefreshSettingsSetsTheSizeLimit_WhateverTheFlushCount) {
+    for (const int nFlushCount : {1, 2}) {
+        WriteFile(m_sPath, Header(100) + std::string(68, 'o'));
+        CCmT120TraceFile file(m_sPath.c_str(), 0, 1, 0);
+        file.attach();
+        file.refresh_settings(100, nFlushCount);
+        file.write(nullptr, nullptr, "top");
+        EXPECT_EQ(Stamp() + " top\n", Content().substr(32, Stamp().size() + 5));
+    }
+}
+
 TEST_F(CmT120TraceFile, RefreshSettingsBoundsTheFlushCount) {
     WriteEmptyTraceFile();
     CCmT120TraceFile file(m_sPath.c_str(), 0, 0, 0);
@@ -326,6 +365,27 @@ TEST_F(CmT120TraceFile, WriteCutsTheLineAndCountsWhatWasStored_WhenItIsLongerTha
     EXPECT_EQ(32u + 2047 + 73, sContent.size());
     EXPECT_EQ("xxx\n", sContent.substr(32 + 2043, 4));
     EXPECT_EQ(MARKER, sContent.substr(32 + 2047));
+}
+
+TEST_F(CmT120TraceFile, WriteEndsTheLastLine_WhateverRoomIsLeftForIt) {
+    constexpr size_t ROOM = size_t{2} * 2048;
+    const size_t nAround = Stamp().size() + 2;  // a blank and a line end
+    for (const size_t nLeft : {3, 2, 1, 0}) {
+        WriteEmptyTraceFile();
+        CCmT120TraceFile file(m_sPath.c_str(), 0, 0, 0);
+        file.attach();
+        file.refresh_settings(0, 2);
+        const std::string sFirst(ROOM - nLeft - nAround, 'x');
+        file.write(nullptr, nullptr, sFirst.c_str());
+        file.write(nullptr, nullptr, "next");
+        std::string sLines = Stamp() + " " + sFirst + "\n";
+        if (nLeft == 0) {
+            sLines.replace(sLines.size() - 2, 2, "\n");  // cut, too
+        } else if (nLeft > 1) {
+            sLines += std::string(nLeft - 2, '[') + "\n";
+        }
+        EXPECT_EQ(Header(32 + static_cast<long>(sLines.size())) + sLines + MARKER, Content());
+    }
 }
 
 TEST_F(CmT120TraceFile, WriteStillFlushes_WhenACutLineFilledTheBuffer) {
@@ -470,25 +530,65 @@ TEST_F(CmT120TraceFile, WriteDestroysNothing_WhenTheHeaderIsNoPosition) {
         sContent += "\nold line\n";
         WriteFile(m_sPath, sContent);
         for (unsigned char bShared : {0, 1}) {
-            CCmT120TraceFile file(m_sPath.c_str(), 0, bShared, 0);
-            file.attach();
-            file.write(nullptr, nullptr, "lost");
+            for (const unsigned long ulSizeLimit : {0, 100}) {
+                CCmT120TraceFile file(m_sPath.c_str(), ulSizeLimit, bShared, 0);
+                file.attach();
+                file.write(nullptr, nullptr, "lost");
+            }
         }
         EXPECT_EQ(sContent, Content()) << pszHeader;
     }
 }
 
+unsigned long g_ulTries = 0;
+
+ssize_t PwriteThatFails(int /*aFile*/, const void* /*aText*/, size_t /*aSize*/, off_t /*aOffset*/) {
+    ++g_ulTries;
+    errno = EFBIG;
+    return -1;
+}
+
+// Up to half of what a long holds, a position is taken for one that was written here: the header is
+// set back, since the size limit is reached.
+TEST_F(CmT120TraceFile, WriteTriesNothing_WhenThePositionIsTooLarge) {
+    kelto_test::ScopedEntry<decltype(g_cmSystem.pwrite)> entry(g_cmSystem.pwrite, PwriteThatFails);
+    for (const long lPosition : {LONG_MAX / 2, LONG_MAX / 2 + 1}) {
+        WriteFile(m_sPath, Header(lPosition));
+        CCmT120TraceFile file(m_sPath.c_str(), 100, 1, 0);
+        file.attach();
+        g_ulTries = 0;
+        file.write(nullptr, nullptr, "lost");
+        EXPECT_EQ(lPosition == LONG_MAX / 2 ? 1U : 0U, g_ulTries);
+    }
+}
+
 TEST_F(CmT120TraceFile, WriteDestroysNothing_WhenTheHeaderCannotBeRead) {
-    WriteFile(m_sPath, Header(41) + "old line\n");
-    CCmT120TraceFile file(m_sPath.c_str(), 0, 1, 0);
+    for (unsigned char bShared : {0, 1}) {
+        WriteFile(m_sPath, Header(41) + "old line\n");
+        CCmT120TraceFile file(m_sPath.c_str(), 100, bShared, 0);
+        file.attach();
+        {
+            FailingCall<&CCmSystemTable::pread> fault(EIO);
+            file.write(nullptr, nullptr, "lost");
+        }
+        EXPECT_EQ(Header(41) + "old line\n", Content());
+        file.write(nullptr, nullptr, "next");
+        EXPECT_NE(std::string::npos, Content().find("old line\n" + Stamp() + " next\n"));
+    }
+}
+
+// Nobody would find it: the header leads past it.
+TEST_F(CmT120TraceFile, WriteSharedLosesTheLine_WhenTheHeaderCannotBeSetBack) {
+    const std::string sContent = Header(100) + std::string(68, 'o');
+    WriteFile(m_sPath, sContent);
+    CCmT120TraceFile file(m_sPath.c_str(), 100, 1, 0);
     file.attach();
     {
-        FailingCall<&CCmSystemTable::pread> fault(EIO);
+        FailingCall<&CCmSystemTable::pwrite> fault(EIO);
         file.write(nullptr, nullptr, "lost");
+        EXPECT_EQ(1U, fault.calls());
     }
-    EXPECT_EQ(Header(41) + "old line\n", Content());
-    file.write(nullptr, nullptr, "next");
-    EXPECT_NE(std::string::npos, Content().find("old line\n" + Stamp() + " next\n"));
+    EXPECT_EQ(sContent, Content());
 }
 
 TEST_F(CmT120TraceFile, WriteKeepsThePosition_WhenTheDiskIsFull) {
@@ -507,12 +607,62 @@ TEST_F(CmT120TraceFile, WriteKeepsThePosition_WhenTheDiskIsFull) {
     }
 }
 
-// Whether the child that wrote under a limit of 200 bytes to a file lives to its end.
-bool SurvivesFileSizeLimit(UTIL_NS::CCmT120TraceFile& aFile) {
-    return kelto_test::StatusOfChild([&aFile] {
+// The line is written first, then the marker and last the header.
+TEST_F(CmT120TraceFile, WriteKeepsThePosition_WhenOneOfItsWritesFails) {
+    for (unsigned char bShared : {0, 1}) {
+        for (const unsigned long ulNth : {1, 2, 3}) {
+            WriteFile(m_sPath, Header(41) + "old line\n");
+            CCmT120TraceFile file(m_sPath.c_str(), 0, bShared, 0);
+            file.attach();
+            {
+                FailingCall<&CCmSystemTable::pwrite> fault(EIO, -1, ulNth);
+                file.write(nullptr, nullptr, "lost");
+                EXPECT_EQ(ulNth, fault.calls());
+            }
+            EXPECT_EQ(Header(41) + "old line\n", Content().substr(0, 41));
+            file.write(nullptr, nullptr, "next");
+            EXPECT_NE(std::string::npos, Content().find("old line\n" + Stamp() + " next\n"));
+        }
+    }
+}
+
+unsigned long g_ulIdleCalls = 0;
+
+// Transfers nothing for ten times and leaves errno as it is.
+ssize_t PwriteNothing(int aFile, const void* aText, size_t aSize, off_t aOffset) {
+    return ++g_ulIdleCalls <= 10 ? 0 : ::pwrite(aFile, aText, aSize, aOffset);
+}
+
+ssize_t PreadNothing(int aFile, void* aBuffer, size_t aSize, off_t aOffset) {
+    return ++g_ulIdleCalls <= 10 ? 0 : ::pread(aFile, aBuffer, aSize, aOffset);
+}
+
+TEST_F(CmT120TraceFile, WriteTriesOnce_WhenNothingIsTransferred) {
+    WriteFile(m_sPath, Header(41) + "old line\n");
+    CCmT120TraceFile file(m_sPath.c_str(), 0, 1, 0);
+    file.attach();
+    {
+        kelto_test::ScopedEntry<decltype(g_cmSystem.pwrite)> entry(g_cmSystem.pwrite,
+                                                                   PwriteNothing);
+        g_ulIdleCalls = 0;
+        errno = EINTR;  // of an earlier call
+        file.write(nullptr, nullptr, "lost");
+        EXPECT_EQ(1U, g_ulIdleCalls);
+    }
+    EXPECT_EQ(Header(41) + "old line\n", Content());
+    kelto_test::ScopedEntry<decltype(g_cmSystem.pread)> entry(g_cmSystem.pread, PreadNothing);
+    g_ulIdleCalls = 0;
+    errno = EINTR;
+    file.write(nullptr, nullptr, "to the empty file that was read");
+    EXPECT_EQ(1U, g_ulIdleCalls);
+}
+
+// Whether the child that wrote under a limit of aLimit bytes to a file lives to its end.
+bool SurvivesFileSizeLimit(UTIL_NS::CCmT120TraceFile& aFile, rlim_t aLimit = 200) {
+    return kelto_test::StatusOfChild([&aFile, aLimit] {
                rlimit before;
                ASSERT_EQ(0, getrlimit(RLIMIT_FSIZE, &before));
-               const rlimit limit = {200, before.rlim_max};
+               const rlimit limit = {aLimit, before.rlim_max};
                ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &limit));
                aFile.write(nullptr, nullptr, "text");
                ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &before));
@@ -542,6 +692,17 @@ TEST_F(CmT120TraceFile, WriteDoesNotGrowTheFile_WhenBeyondTheFileSizeLimitOfTheP
     }
 }
 
+TEST_F(CmT120TraceFile, WriteFillsTheFile_UntilItsEndIsTheLimitOfTheProcess) {
+    const rlim_t END = 32 + Stamp().size() + 6 + sizeof(MARKER) - 1;  // " text\n"
+    for (const rlim_t limit : {END - 1, END}) {
+        WriteEmptyTraceFile();
+        CCmT120TraceFile file(m_sPath.c_str(), 0, 1, 0);
+        file.attach();
+        EXPECT_TRUE(SurvivesFileSizeLimit(file, limit));
+        EXPECT_EQ(limit == END ? END : 32, Content().size());
+    }
+}
+
 TEST_F(CmT120TraceFile, WriteTriesAgain_WhenACallIsInterrupted) {
     WriteEmptyTraceFile();
     CCmT120TraceFile file(m_sPath.c_str(), 0, 1, 0);
@@ -555,11 +716,14 @@ TEST_F(CmT120TraceFile, WriteTriesAgain_WhenACallIsInterrupted) {
 using PreadEntry = kelto_test::ScopedEntry<decltype(g_cmSystem.pread)>;
 using PwriteEntry = kelto_test::ScopedEntry<decltype(g_cmSystem.pwrite)>;
 
-ssize_t PreadFewBytes(int aFile, void* aBuffer, size_t aSize, off_t aOffset) {
-    return ::pread(aFile, aBuffer, std::min<size_t>(aSize, 3), aOffset);
-}
-
+size_t g_nBytesPerRead = 0;
 size_t g_nBytesPerWrite = 0;
+
+// Reads are of the header, which ends the buffer too.
+ssize_t PreadFewBytes(int aFile, void* aBuffer, size_t aSize, off_t aOffset) {
+    EXPECT_EQ(32U, static_cast<size_t>(aOffset) + aSize);
+    return ::pread(aFile, aBuffer, std::min(aSize, g_nBytesPerRead), aOffset);
+}
 
 ssize_t PwriteFewBytes(int aFile, const void* aText, size_t aSize, off_t aOffset) {
     return ::pwrite(aFile, aText, std::min(aSize, g_nBytesPerWrite), aOffset);
@@ -570,6 +734,7 @@ TEST_F(CmT120TraceFile, WriteJoinsTransfers_WhenTheyAreShort) {
         WriteFile(m_sPath, Header(1000) + std::string(968, 'o') + MARKER);
         CCmT120TraceFile file(m_sPath.c_str(), 0, bShared, 0);
         file.attach();
+        g_nBytesPerRead = bShared ? 3 : 1;
         PreadEntry readEntry(g_cmSystem.pread, PreadFewBytes);
         g_nBytesPerWrite = bShared ? 7 : 1;
         PwriteEntry writeEntry(g_cmSystem.pwrite, PwriteFewBytes);
@@ -618,6 +783,19 @@ TEST_F(CmT120TraceFile, WriteGoesOn_WhenTruncationFails) {
     EXPECT_EQ(Stamp() + " top\n", Content().substr(32, Stamp().size() + 5));
 }
 
+TEST_F(CmT120TraceFile, WriteTruncatesAgain_WhenInterruptedAlone) {
+    // 0: the call succeeds, and errno is that of an earlier one.
+    for (const int nError : {0, EINTR, EIO}) {
+        WriteFile(m_sPath, Header(100) + std::string(68, 'o'));
+        CCmT120TraceFile file(m_sPath.c_str(), 100, 1, 0);
+        file.attach();
+        FailingCall<&CCmSystemTable::ftruncate> fault(nError, -1, nError != 0 ? 1 : 0);
+        errno = EINTR;
+        file.write(nullptr, nullptr, "top");
+        EXPECT_EQ(nError == EINTR ? 2U : 1U, fault.calls()) << nError;
+    }
+}
+
 TEST_F(CmT120TraceFile, WriteSharedAsksForTheLockAgain_WhenInterruptedUnavailableOrRefused) {
     for (int nError : {EINTR, EAGAIN, EDEADLK}) {
         WriteEmptyTraceFile();
@@ -629,6 +807,26 @@ TEST_F(CmT120TraceFile, WriteSharedAsksForTheLockAgain_WhenInterruptedUnavailabl
         EXPECT_EQ(3u, fault.calls());
         EXPECT_NE(std::string::npos, Content().find(" text\n"));
     }
+}
+
+timespec g_Nap = {};
+
+int RecordingNap(const timespec* aTime, timespec* /*aRemain*/) {
+    g_Nap = *aTime;
+    return 0;
+}
+
+TEST_F(CmT120TraceFile, WriteSharedNapsBriefly_WhenTheLockIsRefusedAsADeadlock) {
+    WriteEmptyTraceFile();
+    CCmT120TraceFile file(m_sPath.c_str(), 0, 1, 0);
+    file.attach();
+    FailingCall<&CCmSystemTable::fcntl> fault(EDEADLK);
+    kelto_test::ScopedEntry<decltype(g_cmSystem.nanosleep)> entry(g_cmSystem.nanosleep,
+                                                                  RecordingNap);
+    file.write(nullptr, nullptr, "text");
+    EXPECT_EQ(0, g_Nap.tv_sec);
+    EXPECT_LE(100 * 1000, g_Nap.tv_nsec);
+    EXPECT_GE(10 * 1000 * 1000, g_Nap.tv_nsec);
 }
 
 TEST_F(CmT120TraceFile, WriteSharedWritesUnlocked_WhenTheLockFails) {
@@ -748,6 +946,21 @@ TEST_F(CmT120TraceFile, FilterLeavesNoFileOpen_WhateverTheFileHolds) {
         SetFilters(pszFilters);
         EXPECT_EQ(nBefore, NextDescriptor()) << pszFilters;
     }
+    FailingCall<&CCmSystemTable::fdopen> fault(ENOMEM, nullptr);
+    SetFilters("net");
+    EXPECT_EQ(1U, fault.calls());
+    EXPECT_EQ(nBefore, NextDescriptor());
+}
+
+TEST_F(CmT120TraceFile, FilterStays_WhenMemoryRunsOut) {
+    SetFilters("net");
+    {
+        FailingCall<&CCmSystemTable::malloc> fault(ENOMEM, nullptr);
+        SetFilters("media");
+        EXPECT_EQ(1U, fault.calls());
+    }
+    EXPECT_EQ(0, regex_match("net"));
+    EXPECT_EQ(-1, regex_match("media"));
 }
 
 TEST_F(CmT120TraceFile, FilterIsReplaced) {
@@ -781,6 +994,13 @@ TEST_F(CmT120TraceFile, FilterWaitsForNoWriter_WhenTheFileIsANamedPipe) {
                   EXPECT_EQ(0, regex_match("net"));
               }));
     std::filesystem::remove(sFilter);
+}
+
+TEST_F(CmT120TraceFile, FilterTakesNoLock_WhenThereIsNone) {
+    ClearFilters();
+    kelto_test::LockCalls none;
+    EXPECT_EQ(-1, regex_match("net"));
+    EXPECT_FALSE(none.seen());
 }
 
 TEST_F(CmT120TraceFile, FilterMatchesNothing_WhenTheModuleIsNull) {
@@ -1045,14 +1265,14 @@ void UseLast() {
         return;
     }
     const std::string sPath = g_pLastHome->path() + "last.txt";
-    const bool bStays = FieldAt<void*>(&g_trace_mgr, 0) == g_pLastRecord &&
-                        g_pLastRecord->is_same_file(sPath.c_str()) == 1;
     T120_Refresh_Settings(0, 5);
     T120_Write_Trace_Dev(g_pLastRecord, nullptr, nullptr, "dropped");
     g_pLastRecord->flush_buffer();
     const bool bAttaches = g_pLastRecord->attach() == CM_OK;
     const bool bOpens = T120_Open_Trace_Dev("new", 0, 0, 0) != nullptr;
     T120_Close_Trace_Dev(g_pLastRecord);
+    const bool bStays = FieldAt<void*>(&g_trace_mgr, 0) == g_pLastRecord &&
+                        g_pLastRecord->is_same_file(sPath.c_str()) == 1;
     const std::string sContent = ReadFile(sPath);
     const bool bFlushed = sContent.find(" kept\n") != std::string::npos &&
                           sContent.find("dropped") == std::string::npos;

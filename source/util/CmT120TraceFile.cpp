@@ -72,18 +72,15 @@ int ThreadIdentity() {
     return static_cast<int>(reinterpret_cast<uintptr_t>(reinterpret_cast<void*>(pthread_self())));
 }
 
-// Writes the line into aBuffer as snprintf does and returns its whole length. A shared record
-// prints the process as an unsigned number, any other as a signed one.
-int FormatLine(char* aBuffer, size_t aSize, bool aShared, const char* aTag, const char* aModule,
+// Writes the line into aBuffer as snprintf does and returns its whole length.
+int FormatLine(char* aBuffer, size_t aSize, const char* aTag, const char* aModule,
                const char* aText) {
     const CCmTimeValue tvNow = CCmTimeValue::GetTimeOfDay();
     const time_t now = tvNow.GetSec();
     tm date = {};
     g_cmSystem.localtime_r(&now, &date);
     char szStamp[128];
-    std::snprintf(szStamp, sizeof(szStamp),
-                  aShared ? "[%02d/%02d/%04d %02d:%02d:%02d.%03d pid=%u tid=%d]"
-                          : "[%02d/%02d/%04d %02d:%02d:%02d.%03d pid=%d tid=%d]",
+    std::snprintf(szStamp, sizeof(szStamp), "[%02d/%02d/%04d %02d:%02d:%02d.%03d pid=%d tid=%d]",
                   date.tm_mon + 1, date.tm_mday, date.tm_year + 1900, date.tm_hour, date.tm_min,
                   date.tm_sec, static_cast<int>(tvNow.GetUsec() / 1000), getpid(),
                   ThreadIdentity());
@@ -168,7 +165,6 @@ struct CM_UTIL_HIDDEN CCmT120TraceFile::CRecordState {
     long ReadPosition_l() const CM_REQUIRES(m_Mutex);
     bool IsAtLimit_l(long aPosition) const CM_REQUIRES(m_Mutex);
     void Truncate_l(long aPosition) CM_REQUIRES(m_Mutex);
-    void ForgetLines_l() CM_REQUIRES(m_Mutex);
 
     CCmT120TraceFile& m_File;
     CCmMutexThread m_Mutex;
@@ -283,7 +279,6 @@ unsigned char CCmT120TraceFile::refresh_settings(unsigned long aSizeLimit, int a
     std::free(m_pchLines);
     m_pchLines =
         static_cast<char*>(g_cmSystem.malloc(static_cast<size_t>(nFlushCount) * LINE_SIZE + 1));
-    state.ForgetLines_l();
     return 1;
 }
 
@@ -314,8 +309,8 @@ void CCmT120TraceFile::CRecordState::CollectLine_l(const char* aTag, const char*
         static_cast<size_t>(m_File.m_nFlushCount) * LINE_SIZE - m_File.m_ulBufferedBytes;
     char* pchLine = m_File.m_pchLines + m_File.m_ulBufferedBytes;
     const int nLength =
-        FormatLine(pchLine, nRoom, false, aTag, aModule, aText != nullptr ? aText : "(null)");
-    if (nLength <= 0 || m_File.m_pStream == nullptr) {
+        FormatLine(pchLine, nRoom, aTag, aModule, aText != nullptr ? aText : "(null)");
+    if (nLength < 0 || m_File.m_pStream == nullptr) {
         return;
     }
     size_t nStored = static_cast<size_t>(nLength);
@@ -345,10 +340,6 @@ void CCmT120TraceFile::CRecordState::Flush_l() {
         }
         WriteAt_l(lPosition, m_File.m_pchLines, m_File.m_ulBufferedBytes);
     }
-    ForgetLines_l();
-}
-
-void CCmT120TraceFile::CRecordState::ForgetLines_l() {
     m_File.m_ulBufferedBytes = 0;
     m_File.m_nBufferedLines = 0;
 }
@@ -393,8 +384,8 @@ void CCmT120TraceFile::CRecordState::WriteLine_l(long aPosition, const char* aTa
         return;
     }
     char szLine[LINE_SIZE];
-    const int nLength = FormatLine(szLine, sizeof(szLine), true, aTag, aModule, aText);
-    if (nLength <= 0) {
+    const int nLength = FormatLine(szLine, sizeof(szLine), aTag, aModule, aText);
+    if (nLength < 0) {
         return;
     }
     size_t nStored = static_cast<size_t>(nLength);
@@ -402,14 +393,14 @@ void CCmT120TraceFile::CRecordState::WriteLine_l(long aPosition, const char* aTa
         WriteAt_l(aPosition, szLine, nStored);
         return;
     }
-    char* pszLong = static_cast<char*>(g_cmSystem.malloc(nStored + 1));
+    char* pszLong = static_cast<char*>(g_cmSystem.malloc(nStored));
     if (pszLong == nullptr) {
         szLine[sizeof(szLine) - 2] = '\n';
         WriteAt_l(aPosition, szLine, sizeof(szLine) - 1);
         return;
     }
-    FormatLine(pszLong, nStored + 1, true, aTag, aModule, aText);
-    pszLong[nStored - 1] = '\n';
+    FormatLine(pszLong, nStored, aTag, aModule, aText);
+    pszLong[nStored - 1] = '\n';  // where the terminator was
     WriteAt_l(aPosition, pszLong, nStored);
     std::free(pszLong);
 }
