@@ -5,12 +5,15 @@
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <sched.h>
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "CmCancel.h"
@@ -189,6 +192,91 @@ TEST(CmBlockedSends, SaysTheNames_WhenAWorkerIsJoinedThatSends) {
         << strLine;
     EXPECT_EQ(1U, sink.count(CIRCLE));
     EndPending(pair.m_right);
+}
+
+// Which of the two waits is entered last is a matter of time.
+void ExpectCircleOfAJoin(const ScopedTraceSink& aSink, const std::string& aJoined) {
+    const std::string strLine = FirstCircle(aSink);
+    EXPECT_TRUE(strLine == std::string("UTIL WARNING: ACmThread::Join") + CIRCLE + "worker -> " +
+                               aJoined + " -> worker" ||
+                strLine == std::string("UTIL WARNING: CCmEventQueueBase::SendEvent") + CIRCLE +
+                               aJoined + " -> worker -> " + aJoined)
+        << strLine;
+    EXPECT_EQ(1U, aSink.count(CIRCLE));
+}
+
+class FunctionThread : public ACmThread {
+  public:
+    explicit FunctionThread(std::function<void()> aBody) : m_Body(std::move(aBody)) {}
+    void OnThreadRun() override { m_Body(); }
+
+  private:
+    const std::function<void()> m_Body;
+};
+
+Gate* s_pMayJoin = nullptr;
+
+int JoinNobody(pthread_t /*aThread*/, void** /*aResult*/) {
+    EXPECT_TRUE(s_pMayJoin->Wait());
+    return 0;
+}
+
+TEST(CmBlockedSends, SaysTheNames_WhenAnAdoptedThreadIsJoinedThatSends) {
+    const Switched on;
+    ScopedTraceSink sink;
+    CCmWorker worker(CCmWorkerOptions().Name("worker"));
+    Gate mayJoin;
+    s_pMayJoin = &mayJoin;
+    const kelto_test::ScopedEntry<decltype(g_cmSystem.pthread_join)> entry(g_cmSystem.pthread_join,
+                                                                           &JoinNobody);
+    auto* pAdopted = new FunctionThread([] {});
+    Gate joining;
+    std::thread other([&] {
+        kelto_test::NameThisThread("adopted");
+        EXPECT_EQ(CM_OK, pAdopted->Create(TT_MAIN, TF_JOINABLE, 0));
+        CmPost(worker, [&] {
+            joining.Open();
+            EXPECT_EQ(CM_OK, pAdopted->Join());
+        });
+        EXPECT_TRUE(joining.Wait());
+        worker.GetEventQueue()->SendEvent(CmMakeEvent([] {}));
+    });
+    ExpectCircleOfAJoin(sink, "adopted");
+    EndPending(worker);
+    other.join();
+    mayJoin.Open();
+    EXPECT_EQ(CM_OK, worker.Drain());
+    pAdopted->Destory(CM_OK);
+}
+
+TEST(CmBlockedSends, SaysTheNames_WhenAThreadIsJoinedAfterACancelledOneOfItsObject) {
+    const Switched on;
+    ScopedTraceSink sink;
+    CCmWorker worker(CCmWorkerOptions().Name("worker"));
+    Gate joining;
+    bool bIsFirst = true;
+    auto* pThread = new FunctionThread([&] {
+        while (bIsFirst) {
+            sched_yield();  // no cancellation point of which a sanitizer loses track
+            kelto_test::TestCancel();
+        }
+        kelto_test::NameThisThread("second");
+        EXPECT_TRUE(joining.Wait());
+        worker.GetEventQueue()->SendEvent(CmMakeEvent([] {}));
+    });
+    ASSERT_EQ(CM_OK, pThread->Create(TT_UNKNOWN, TF_JOINABLE, 0));
+    EXPECT_EQ(0, pThread->Terminate());
+    EXPECT_EQ(CM_OK, pThread->Join());
+    bIsFirst = false;
+    ASSERT_EQ(CM_OK, pThread->Create(TT_UNKNOWN, TF_JOINABLE, 0));
+    CmPost(worker, [&] {
+        joining.Open();
+        EXPECT_EQ(CM_OK, pThread->Join());
+    });
+    ExpectCircleOfAJoin(sink, "second");
+    EndPending(worker);
+    EXPECT_EQ(CM_OK, worker.Drain());
+    pThread->Destory(CM_OK);
 }
 
 TEST(CmBlockedSends, SaysTheNames_WhenAGuardEndsWhoseCallableSends) {
@@ -514,6 +602,86 @@ TEST(CmBlockedSends, GuardEndsAfterItsCallable_WhenItIsWatchedAndItsWaitFails) {
         EXPECT_TRUE(bDone);
     }
     other.join();
+}
+
+// While it lives, the calling thread fails to take the mutex that it takes first, when it takes it
+// for the second time; and its waits are noted, and whether it held that mutex.
+class FailingRelock {
+  public:
+    FailingRelock() {
+        s_Thread = std::this_thread::get_id();
+        s_pMutex = nullptr;
+        s_nLocks = 0;
+        s_bHolds = false;
+        s_bHeldAlways = true;
+    }
+    ~FailingRelock() { s_nWaits = 0; }
+    FailingRelock(const FailingRelock&) = delete;
+    FailingRelock& operator=(const FailingRelock&) = delete;
+
+    static int Waits() { return s_nWaits; }
+    static bool HeldItWheneverItWaited() { return s_bHeldAlways; }
+
+  private:
+    static int Lock(pthread_mutex_t* aMutex) {
+        if (std::this_thread::get_id() == s_Thread && (s_pMutex == nullptr || s_pMutex == aMutex)) {
+            s_pMutex = aMutex;
+            if (++s_nLocks == 2) {
+                return EINVAL;
+            }
+            s_bHolds = true;
+        }
+        return pthread_mutex_lock(aMutex);
+    }
+    static int UnLock(pthread_mutex_t* aMutex) {
+        if (std::this_thread::get_id() == s_Thread && s_pMutex == aMutex) {
+            s_bHolds = false;
+        }
+        return pthread_mutex_unlock(aMutex);
+    }
+    static int Wait(pthread_cond_t* aCondition, pthread_mutex_t* aMutex) {
+        if (std::this_thread::get_id() != s_Thread) {
+            return pthread_cond_wait(aCondition, aMutex);
+        }
+        s_bHeldAlways = s_bHeldAlways && s_bHolds;
+        ++s_nWaits;
+        return s_bHolds ? pthread_cond_wait(aCondition, aMutex) : EPERM;
+    }
+
+    inline static std::thread::id s_Thread;
+    inline static pthread_mutex_t* s_pMutex = nullptr;
+    inline static int s_nLocks = 0;
+    inline static std::atomic<int> s_nWaits{0};
+    inline static bool s_bHolds = false;
+    inline static bool s_bHeldAlways = true;
+
+    typedef CCmSystemTable T;
+    kelto_test::ScopedEntry<decltype(T::pthread_mutex_lock)> m_Lock{g_cmSystem.pthread_mutex_lock,
+                                                                    &Lock};
+    kelto_test::ScopedEntry<decltype(T::pthread_mutex_unlock)> m_UnLock{
+        g_cmSystem.pthread_mutex_unlock, &UnLock};
+    kelto_test::ScopedEntry<decltype(T::pthread_cond_wait)> m_Wait{g_cmSystem.pthread_cond_wait,
+                                                                   &Wait};
+};
+
+TEST(CmBlockedSends, GuardWaitsWithItsLockAlone_WhenItIsWatchedAndItsLockFails) {
+    const Switched on;
+    CCmLifeGuard guard;
+    Gate runs;
+    std::atomic<bool> bDone{false};
+    std::thread other(guard.Wrap([&] {
+        runs.Open();
+        EXPECT_TRUE(Eventually([] { return FailingRelock::Waits() > 0; }));
+        bDone = true;
+    }));
+    EXPECT_TRUE(runs.Wait());
+    {
+        const FailingRelock relock;
+        guard.End();
+        EXPECT_TRUE(bDone);
+        EXPECT_TRUE(FailingRelock::HeldItWheneverItWaited());
+        other.join();
+    }
 }
 
 TEST(CmBlockedSends, Sends_WhenItsListCannotBeLocked) {

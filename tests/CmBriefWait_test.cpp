@@ -8,7 +8,10 @@
 #include <vector>
 
 #include "CmEventQueueBase.h"
+#include "support/Clock.h"
+#include "support/EventQueues.h"
 #include "support/Events.h"
+#include "support/Eventually.h"
 #include "support/Workers.h"
 
 namespace UTIL_NS {
@@ -67,6 +70,35 @@ TEST(CmSpinUntil, Returns_WhenItIsThereOrTheTimeIsOver) {
     int nLooks = 0;
     EXPECT_TRUE(CmSpinUntil([&nLooks] { return ++nLooks == 3; }, 1000000000LL));
     EXPECT_EQ(3, nLooks);
+}
+
+// A loop that looks out reads the clock; there is no other reading between two of its passes.
+TEST(CmBriefWait, IsOverForTheLoop_WhenNoSendHasFiredSince) {
+    kelto_test::ScopedClock clock;
+    kelto_test::WaitCounter counter;
+    kelto_test::TaskThread worker(false);
+    ICmEventQueue& queue = *worker->GetEventQueue();
+    kelto_test::EventLog log;
+    // How often the clock is read for events each of which finds the loop asleep.
+    const auto readsOfPosts = [&] {
+        unsigned long ulReads = 0;
+        for (int i = 0; i < 10; ++i) {
+            std::atomic<int> nWaits{-1};
+            ulReads = i == 1 ? clock.reads() : ulReads;
+            queue.PostEvent(new kelto_test::LoggedEvent(log, i,
+                                                        [&nWaits] {
+                                                            nWaits = kelto_test::g_nWaits.load();
+                                                            return CM_OK;
+                                                        }),
+                            ICmEventQueue::EPRIORITY_NORMAL);
+            EXPECT_TRUE(kelto_test::Eventually(
+                [&nWaits] { return nWaits != -1 && kelto_test::g_nWaits > nWaits; }));
+        }
+        return clock.reads() - ulReads;
+    };
+    const unsigned long ulBefore = readsOfPosts();
+    EXPECT_EQ(CM_OK, queue.SendEvent(new kelto_test::LoggedEvent(log)));
+    EXPECT_EQ(ulBefore, readsOfPosts());
 }
 
 // On cores of their own, on one core, beside other senders: whatever the machine does.

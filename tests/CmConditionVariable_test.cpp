@@ -4,13 +4,16 @@
 #include <gtest/gtest.h>
 #include <limits.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <string>
 #include <thread>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "CmConditionSteps.h"
@@ -24,6 +27,7 @@ namespace {
 
 using kelto_test::FailingCall;
 using kelto_test::MaskAddresses;
+using kelto_test::ScopedEntry;
 using kelto_test::ScopedTraceSink;
 
 typedef std::chrono::steady_clock Clock;
@@ -253,6 +257,61 @@ int g_nType = 0;
 int RememberType(pthread_mutexattr_t* /*aAttribute*/, int aType) {
     g_nType = aType;
     return 0;
+}
+
+// The object that a call could not make, of which the call left something else than zeros.
+template <class ObjectType>
+int LeaveRemains(ObjectType* aObject, int aResult) {
+    std::memset(static_cast<void*>(aObject), 0xA5, sizeof(*aObject));
+    errno = ENOSYS;
+    return aResult;
+}
+
+bool s_bIsAllZeros = false;
+
+template <class ObjectType>
+int NoteWhetherAllZeros(ObjectType* aObject) {
+    const auto* const pBytes = reinterpret_cast<const unsigned char*>(aObject);
+    s_bIsAllZeros = std::all_of(pBytes, pBytes + sizeof(*aObject), [](int n) { return n == 0; });
+    return 0;
+}
+
+TEST(CmNeverMade, ObjectsAreAllZeros_WhateverTheCallLeft) {
+    typedef CCmSystemTable T;
+    const ScopedTraceSink sink;
+    CCmMutexThread usable;
+    {
+        const ScopedEntry<decltype(T::pthread_mutex_init)> init(
+            g_cmSystem.pthread_mutex_init, [](pthread_mutex_t* aMutex, const pthread_mutexattr_t*) {
+                return LeaveRemains(aMutex, ENOMEM);
+            });
+        const ScopedEntry<decltype(T::pthread_mutex_destroy)> destroy(
+            g_cmSystem.pthread_mutex_destroy, &NoteWhetherAllZeros<pthread_mutex_t>);
+        { const CCmMutexThread mutex; }
+        EXPECT_TRUE(std::exchange(s_bIsAllZeros, false));
+    }
+    {
+        const ScopedEntry<decltype(T::pthread_cond_init)> init(
+            g_cmSystem.pthread_cond_init,
+            [](pthread_cond_t* aCondition, const pthread_condattr_t*) {
+                return LeaveRemains(aCondition, ENOMEM);
+            });
+        const ScopedEntry<decltype(T::pthread_cond_destroy)> destroy(
+            g_cmSystem.pthread_cond_destroy, &NoteWhetherAllZeros<pthread_cond_t>);
+        { const CCmConditionVariableThread condition(usable); }
+        EXPECT_TRUE(std::exchange(s_bIsAllZeros, false));
+    }
+    {
+        const ScopedEntry<decltype(T::sem_init)> init(
+            g_cmSystem.sem_init, [](CmPlatformSemaphore* aSemaphore, int, unsigned) {
+                return LeaveRemains(aSemaphore, -1);
+            });
+        const ScopedEntry<decltype(T::sem_destroy)> destroy(
+            g_cmSystem.sem_destroy, &NoteWhetherAllZeros<CmPlatformSemaphore>);
+        { const CCmSemaphore semaphore(1); }
+        EXPECT_TRUE(std::exchange(s_bIsAllZeros, false));
+    }
+    EXPECT_EQ(3u, sink.lines().size());
 }
 
 TEST(CmMutex, ThreeTypesAreRecursive) {
@@ -852,6 +911,24 @@ TEST(CmAtomicOperation, CountersNameOneMutexByDefault) {
     CCmMutexThread mutex;
     CCmAtomicOperationT<CCmMutexThread> third(0, mutex);
     EXPECT_EQ(&mutex, &third.mutex());
+}
+
+TEST(CmAtomicOperation, CountingComesAfterWhatOthersDidBeforeTheyCounted) {
+    for (int i = 0; i < 20; ++i) {
+        CCmAtomicOperationT<CCmMutexThread> counter;
+        int nParts[2] = {};
+        int nSum = 0;
+        const auto count = [&](int aPart) {
+            nParts[aPart] = aPart + 1;
+            if (++counter == 2) {
+                nSum = nParts[0] + nParts[1];
+            }
+        };
+        std::thread other(count, 1);
+        count(0);
+        other.join();
+        EXPECT_EQ(3, nSum);
+    }
 }
 
 TEST(CmAtomicOperation, CountIsExact_WhenEightThreadsCount) {

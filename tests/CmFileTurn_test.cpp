@@ -42,6 +42,7 @@ class CmFileTurn : public testing::Test {
 };
 
 TEST_F(CmFileTurn, ClosesTheStream_WhenThereIsOne) {
+    const long lLive = kelto_test::LiveAllocations();
     int nDescriptor = -1;
     FILE* const pStream = CmOpenTurnFile(m_szPath, nDescriptor);
     ASSERT_NE(nullptr, pStream);
@@ -50,6 +51,7 @@ TEST_F(CmFileTurn, ClosesTheStream_WhenThereIsOne) {
     EXPECT_EQ(-1, s_nClosed) << "the stream owns the descriptor";
     EXPECT_FALSE(IsOpen(nDescriptor));
     EXPECT_FALSE(CCmFileTurn(pStream).IsHeld());
+    EXPECT_EQ(lLive, kelto_test::LiveAllocations());
 }
 
 TEST_F(CmFileTurn, ClosesTheDescriptor_WhenThereIsNoStream) {
@@ -93,6 +95,7 @@ TEST_F(CmFileTurn, OpensNothing_WhenMemoryRunsOut) {
 }
 
 TEST_F(CmFileTurn, IsThatOfTheFile_WhenItIsOpenTwice) {
+    const long lLive = kelto_test::LiveAllocations();
     int nFirst = -1;
     int nSecond = -1;
     FILE* const pFirst = CmOpenTurnFile(m_szPath, nFirst);
@@ -110,6 +113,68 @@ TEST_F(CmFileTurn, IsThatOfTheFile_WhenItIsOpenTwice) {
     }
     EXPECT_FALSE(IsOpen(nFirst));
     EXPECT_FALSE(IsOpen(nSecond));
+    EXPECT_EQ(lLive, kelto_test::LiveAllocations());
+}
+
+dev_t s_Device = 0;
+ino_t s_Inode = 0;
+
+int FakeFstat(int aFile, struct stat* aStatus) {
+    const int rv = fstat(aFile, aStatus);
+    aStatus->st_dev = s_Device;
+    aStatus->st_ino = s_Inode;
+    return rv;
+}
+
+TEST_F(CmFileTurn, IsNotThatOfAnother_WhenTheirDeviceOrTheirNumberDiffers) {
+    const struct {
+        dev_t device;
+        ino_t inode;
+        bool isSame;
+    } rows[] = {{7, 100, true}, {7, 101, false}, {8, 100, false}};
+    const ScopedEntry<decltype(g_cmSystem.fstat)> entry(g_cmSystem.fstat, &FakeFstat);
+    for (const auto& row : rows) {
+        s_Device = 7;
+        s_Inode = 100;
+        int nFirst = -1;
+        int nSecond = -1;
+        FILE* const pFirst = CmOpenTurnFile(m_szPath, nFirst);
+        s_Device = row.device;
+        s_Inode = row.inode;
+        FILE* const pSecond = CmOpenTurnFile(m_szPath, nSecond);
+        ASSERT_NE(nullptr, pFirst);
+        ASSERT_NE(nullptr, pSecond);
+        {
+            const CCmFileTurn turn(pFirst);
+            CmCloseTurnFile(pSecond);
+            EXPECT_EQ(row.isSame, IsOpen(nSecond)) << row.device << ' ' << row.inode;
+        }
+        CmCloseTurnFile(pFirst);
+    }
+}
+
+int s_nOpenings = 0;
+
+int OpenZero(const char* /*aPath*/, int /*aFlags*/, mode_t /*aMode*/) {
+    errno = s_nOpenings == 0 ? EINTR : 0;  // of something before
+    ++s_nOpenings;
+    return 0;
+}
+
+int NoteClose(int aFile) {
+    s_nClosed = aFile;
+    return 0;
+}
+
+TEST_F(CmFileTurn, OpensOnce_WhenTheDescriptorIsZero) {
+    s_nOpenings = 0;
+    const ScopedEntry<decltype(g_cmSystem.open)> open(g_cmSystem.open, &OpenZero);
+    const ScopedEntry<decltype(g_cmSystem.close)> close(g_cmSystem.close, &NoteClose);
+    const FailingCall<&CCmSystemTable::fstat> fault(EIO);
+    int nDescriptor = -1;
+    EXPECT_EQ(nullptr, CmOpenTurnFile(m_szPath, nDescriptor));
+    EXPECT_EQ(1, s_nOpenings);
+    EXPECT_EQ(0, s_nClosed);
 }
 
 }  // namespace

@@ -1,6 +1,8 @@
 #include "CmLifeGuard.h"
 
 #include <gtest/gtest.h>
+#include <pthread.h>
+#include <time.h>
 
 #include <atomic>
 #include <chrono>
@@ -12,6 +14,7 @@
 #include "CmTimer.h"
 #include "CmWorker.h"
 #include "support/Events.h"
+#include "support/Eventually.h"
 #include "support/Faults.h"
 #include "support/Workers.h"
 
@@ -20,9 +23,11 @@ namespace {
 
 using namespace std::chrono_literals;
 using kelto_test::EndCounter;
+using kelto_test::Eventually;
 using kelto_test::FailingCall;
 using kelto_test::Gate;
 using kelto_test::ScopedAllocationFault;
+using kelto_test::ScopedEntry;
 
 TEST(CCmLifeGuard, Runs_WhileItLives) {
     CCmWorker worker;
@@ -73,21 +78,70 @@ TEST(CCmLifeGuard, WaitsForTheCallable_WhenItRuns) {
     EXPECT_TRUE(bReturned);
 }
 
+std::atomic<int> s_nNaps{0};
+std::atomic<bool> s_bNapsAreShort{true};
+
+int NoteNap(const timespec* aTime, timespec* aLeft) {
+    ++s_nNaps;
+    if (aTime->tv_sec != 0 || aTime->tv_nsec < 100000 || aTime->tv_nsec > 10000000) {
+        s_bNapsAreShort = false;
+    }
+    return nanosleep(aTime, aLeft);
+}
+
 TEST(CCmLifeGuard, WaitsAllTheSame_WhenTheWaitFails) {
+    s_nNaps = 0;
+    s_bNapsAreShort = true;
+    const ScopedEntry<decltype(g_cmSystem.nanosleep)> entry(g_cmSystem.nanosleep, &NoteNap);
     const FailingCall<&CCmSystemTable::pthread_cond_wait> fault(0, EINVAL);
     CCmLifeGuard guard;
     Gate begun;
     std::atomic<bool> bReturned{false};
     std::thread runner(guard.Wrap([&] {
         begun.Open();
-        std::this_thread::sleep_for(10ms);
+        EXPECT_TRUE(Eventually([] { return s_nNaps > 0; }));
         bReturned = true;
     }));
     EXPECT_TRUE(begun.Wait());
     guard.End();
     EXPECT_TRUE(bReturned);
     EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, guard.Result());
+    EXPECT_EQ(1, s_nNaps) << "between the wait that failed and the next";
+    EXPECT_TRUE(s_bNapsAreShort);
     runner.join();
+}
+
+// Of the calling thread; changes nothing.
+int CancelState() {
+    int nState = -1;
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &nState);
+    pthread_setcancelstate(nState, nullptr);
+    return nState;
+}
+
+TEST(CCmLifeGuard, ThreadCanBeCancelledAsBefore_AfterACallable) {
+    CCmLifeGuard guard;
+    std::thread([&guard] {
+        for (const int nBefore : {PTHREAD_CANCEL_ENABLE, PTHREAD_CANCEL_DISABLE}) {
+            pthread_setcancelstate(nBefore, nullptr);
+            int nInside = -1;
+            EXPECT_TRUE(guard.Wrap([&nInside] { nInside = CancelState(); })());
+            EXPECT_EQ(PTHREAD_CANCEL_DISABLE, nInside);
+            EXPECT_EQ(nBefore, CancelState());
+        }
+    }).join();
+}
+
+TEST(CCmLifeGuard, LeavesNothing_AfterTheLastOfItsCallables) {
+    const long lLive = kelto_test::LiveAllocations();
+    {
+        auto pGuard = std::make_unique<CCmLifeGuard>();
+        auto callable = pGuard->Wrap([] {});
+        EXPECT_TRUE(callable());
+        pGuard.reset();
+        EXPECT_FALSE(callable());
+    }
+    EXPECT_EQ(lLive, kelto_test::LiveAllocations());
 }
 
 TEST(CCmLifeGuard, Ends_WhenInsideItsOwnCallable) {

@@ -63,7 +63,8 @@ TEST(CCmNumberStack, GivesAllThatAreLeft_WhenTheyArePoppedAtOnce) {
     EXPECT_EQ(NONE, numbers.Pop());
 }
 
-// Links by which the first reader is held up, after it has read one, until aMeanwhile has run.
+// Links by which the first user is held up, after it has read or written one, until aMeanwhile has
+// run.
 template <class MeanwhileType>
 struct HeldUpLinks {
     struct Link {
@@ -72,14 +73,21 @@ struct HeldUpLinks {
 
         uint32_t load(std::memory_order aOrder) const {
             const uint32_t dwNext = pLinks->numbers.links[dwNumber].load(aOrder);
-            if (!pLinks->bHeldUp) {
-                pLinks->bHeldUp = true;
-                pLinks->meanwhile();
-            }
+            pLinks->HoldUp();
             return dwNext;
+        }
+        void store(uint32_t aNext, std::memory_order aOrder) const {
+            pLinks->numbers.links[dwNumber].store(aNext, aOrder);
+            pLinks->HoldUp();
         }
     };
     Link operator[](uint32_t aNumber) { return {this, aNumber}; }
+    void HoldUp() {
+        if (!bHeldUp) {
+            bHeldUp = true;
+            meanwhile();
+        }
+    }
 
     Numbers& numbers;
     MeanwhileType meanwhile;
@@ -87,18 +95,36 @@ struct HeldUpLinks {
 };
 
 TEST(CCmNumberStack, NoticesThatItsFirstWasAway_WhenItIsTheFirstAgain) {
-    Numbers numbers;
-    for (const uint32_t dwNumber : {3u, 2u, 1u}) {
-        numbers.Push(dwNumber);
+    for (const int nChangesBefore : {0, 100, 10000}) {
+        SCOPED_TRACE(nChangesBefore);
+        Numbers numbers;
+        for (int i = 0; i < nChangesBefore; i += 2) {
+            numbers.Push(5);
+            EXPECT_EQ(5u, numbers.Pop());
+        }
+        for (const uint32_t dwNumber : {3u, 2u, 1u}) {
+            numbers.Push(dwNumber);
+        }
+        const auto takeTwoAndPutOneBack = [&numbers] {
+            EXPECT_EQ(1u, numbers.Pop());
+            EXPECT_EQ(2u, numbers.Pop());
+            numbers.Push(1);
+        };
+        HeldUpLinks<decltype(takeTwoAndPutOneBack)> links = {numbers, takeTwoAndPutOneBack};
+        EXPECT_EQ(1u, (numbers.stack.Pop<HeldUpLinks<decltype(takeTwoAndPutOneBack)>&>(links)));
+        EXPECT_EQ((std::vector<uint32_t>{3}), numbers.Rest()) << "2 was taken";
     }
-    const auto takeTwoAndPutOneBack = [&numbers] {
-        EXPECT_EQ(1u, numbers.Pop());
-        EXPECT_EQ(2u, numbers.Pop());
-        numbers.Push(1);
-    };
-    HeldUpLinks<decltype(takeTwoAndPutOneBack)> links = {numbers, takeTwoAndPutOneBack};
-    EXPECT_EQ(1u, (numbers.stack.Pop<HeldUpLinks<decltype(takeTwoAndPutOneBack)>&>(links)));
-    EXPECT_EQ((std::vector<uint32_t>{3}), numbers.Rest()) << "2 was taken";
+}
+
+TEST(CCmNumberStack, TakesANumber_WhenAnotherWasPushedMeanwhile) {
+    Numbers numbers;
+    numbers.Push(3);
+    const auto pushAnother = [&numbers] { numbers.Push(2); };
+    HeldUpLinks<decltype(pushAnother)> links = {numbers, pushAnother};
+    numbers.stack.Push<HeldUpLinks<decltype(pushAnother)>&>(1, links);
+    for (const uint32_t dwNumber : {1u, 2u, 3u, NONE}) {
+        EXPECT_EQ(dwNumber, numbers.Pop());
+    }
 }
 
 // What a thread wrote before it pushed is there for the one that pops, also by way of a third one

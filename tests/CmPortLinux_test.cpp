@@ -2,19 +2,25 @@
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <sched.h>
 #include <string.h>
 #include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
+#include <memory>
 #include <string>
+#include <utility>
 
 #include "CmConfig.h"
 #include "CmWorker.h"
 #include "port/CmPort.h"
 #include "support/ChildProcess.h"
 #include "support/FaultRows.h"
+#include "support/Gate.h"
 #include "support/Home.h"
 
 // What posix_fallocate returns, and how often it has been called.
@@ -26,11 +32,27 @@ extern "C" int posix_fallocate(int /*aFile*/, off_t /*aStart*/, off_t /*aSize*/)
     return s_nAllocateError;
 }
 
+// Above zero while a test has given the usual priorities a range, from 15 to this.
+static int s_nUsualHighest = 0;
+
+extern "C" int sched_get_priority_min(int aPolicy) noexcept {
+    return aPolicy == SCHED_OTHER && s_nUsualHighest > 0
+               ? 15
+               : static_cast<int>(syscall(SYS_sched_get_priority_min, aPolicy));
+}
+
+extern "C" int sched_get_priority_max(int aPolicy) noexcept {
+    return aPolicy == SCHED_OTHER && s_nUsualHighest > 0
+               ? s_nUsualHighest
+               : static_cast<int>(syscall(SYS_sched_get_priority_max, aPolicy));
+}
+
 namespace UTIL_NS {
 namespace {
 
 using kelto_test::EndProcess;
 using kelto_test::Fault;
+using kelto_test::Gate;
 using kelto_test::NO_LINE;
 using kelto_test::ScopedEntry;
 
@@ -279,6 +301,63 @@ TEST(CmPortLinux, PreciseWaitsAreThoseOfAWorkerThatAskedForThem) {
     CCmWorker precise(CCmWorkerOptions().PreciseTimers());
     EXPECT_EQ(slack(), *CmCall(usual, slack));
     EXPECT_EQ(1, *CmCall(precise, slack));
+}
+
+int s_nAskedPolicy = -1;
+int s_nAskedPriority = -1;
+
+int NoteScheduling(pthread_t /*aThread*/, int aPolicy, const sched_param* aParameter) {
+    s_nAskedPolicy = aPolicy;
+    s_nAskedPriority = aParameter->sched_priority;
+    return 0;
+}
+
+TEST(CmPortLinux, UsualPriorityIsTheMiddle_WhenThereAreSeveral) {
+    const ScopedEntry<decltype(g_cmSystem.pthread_setschedparam)> entry(
+        g_cmSystem.pthread_setschedparam, &NoteScheduling);
+    CCmWorker worker;
+    s_nUsualHighest = 47;
+    EXPECT_EQ(CM_OK, worker.SetPriority(0));
+    s_nUsualHighest = 0;
+    EXPECT_EQ(SCHED_OTHER, s_nAskedPolicy);
+    EXPECT_EQ(31, s_nAskedPriority);
+}
+
+TEST(CmPortLinux, WorkerIsDetached_WhenItEndsOnItsOwnThread) {
+    int nState = -1;
+    Gate ended;
+    auto pWorker = std::make_unique<CCmWorker>(CCmWorkerOptions().OnEnd([&] {
+        pthread_attr_t attributes;
+        if (pthread_getattr_np(pthread_self(), &attributes) == 0) {
+            pthread_attr_getdetachstate(&attributes, &nState);
+            pthread_attr_destroy(&attributes);
+        }
+        ended.Open();
+    }));
+    CmPost(*pWorker, [&pWorker] { std::exchange(pWorker, nullptr).reset(); });
+    EXPECT_TRUE(ended.Wait());
+    EXPECT_EQ(PTHREAD_CREATE_DETACHED, nState) << "nobody else frees what the system keeps of it";
+}
+
+TEST(CmPortLinux, HasNoUserDirectoryOfItsOwn) {
+    char szPath[64] = "unchanged";
+    EXPECT_FALSE(CmPortUserDirectory(szPath, sizeof(szPath)));
+    EXPECT_STREQ("unchanged", szPath);
+}
+
+long long CoarseUsec() {
+    timespec tsNow = {};
+    clock_gettime(CLOCK_REALTIME_COARSE, &tsNow);
+    return tsNow.tv_sec * 1000000LL + tsNow.tv_nsec / 1000;
+}
+
+TEST(CmPortLinux, CoarseTimeIsThatOfTheLastTick) {
+    const long long llBefore = CoarseUsec();
+    timeval tvNow = {};
+    EXPECT_EQ(0, CmPortCoarseTimeOfDay(&tvNow, nullptr));
+    const long long llNow = tvNow.tv_sec * 1000000LL + tvNow.tv_usec;
+    EXPECT_LE(llBefore, llNow);
+    EXPECT_LE(llNow, CoarseUsec());
 }
 
 TEST(CmPortLinux, ConditionWaitUntilEndsByTheMonotonicClock) {

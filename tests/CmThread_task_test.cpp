@@ -192,6 +192,19 @@ TEST(CmThreadTask, HasATimerQueue_WhenAskedFor) {
     }
 }
 
+class OwnedTask : public CCmThreadTask {
+  public:
+    pthread_t Owner() const { return m_ThreadId; }
+};
+
+TEST(CmThreadTask, BelongsToItsThread_AfterCreate) {
+    auto* pTask = new OwnedTask;
+    EXPECT_TRUE(pthread_equal(pthread_self(), pTask->Owner()));
+    ASSERT_EQ(CM_OK, pTask->Create(TYPE, TF_JOINABLE, 0));
+    EXPECT_TRUE(pthread_equal(pTask->GetThreadId(), pTask->Owner()));
+    EndJoinable(pTask);
+}
+
 TEST(CmThreadTask, TracesItsLifeToTheCharacter) {
     const char* apRunLines[] = {
         "UTIL INFO: CCmThreadTaskWithEventQueueOnly::OnThreadRun this=0x#",

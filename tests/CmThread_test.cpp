@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <gtest/gtest.h>
+#include <time.h>
 
 #include <atomic>
 #include <chrono>
@@ -96,6 +97,51 @@ TEST(CmThread, ShowsItsStateToDerivedClasses) {
     auto* pThread = new CInsideThread(life);
     ASSERT_EQ(CM_OK, pThread->Create(TYPE, 0, 0));
     pThread->CheckCreated();
+    EndJoinable(pThread);
+}
+
+// Waits and naps while it lives. The first wait is over at once.
+class NotedWaits {
+  public:
+    NotedWaits() {
+        s_nWaits = 0;
+        s_nNaps = 0;
+    }
+
+    static int Waits() { return s_nWaits; }
+    static int Naps() { return s_nNaps; }
+
+  private:
+    static int Wait(pthread_cond_t* aCondition, pthread_mutex_t* aMutex,
+                    const timespec* aDeadline) {
+        return ++s_nWaits == 1 ? ETIMEDOUT : pthread_cond_timedwait(aCondition, aMutex, aDeadline);
+    }
+    static int Nap(const timespec* aTime, timespec* aLeft) {
+        ++s_nNaps;
+        return nanosleep(aTime, aLeft);
+    }
+
+    inline static std::atomic<int> s_nWaits{0};
+    inline static std::atomic<int> s_nNaps{0};
+
+    kelto_test::ScopedEntry<decltype(g_cmSystem.pthread_cond_timedwait)> m_Wait{
+        g_cmSystem.pthread_cond_timedwait, &Wait};
+    kelto_test::ScopedEntry<decltype(g_cmSystem.nanosleep)> m_Nap{g_cmSystem.nanosleep, &Nap};
+};
+
+class AwaitedThread : public ACmThread {
+  public:
+    void OnThreadInit() override {
+        EXPECT_TRUE(Eventually([] { return NotedWaits::Waits() >= 2; }));
+    }
+    void OnThreadRun() override {}
+};
+
+TEST(CmThread, CreateWaitsForASignal_UntilTheInitIsOver) {
+    const NotedWaits noted;
+    auto* pThread = new AwaitedThread;
+    ASSERT_EQ(CM_OK, pThread->Create(TYPE, TF_JOINABLE, 1));
+    EXPECT_EQ(0, NotedWaits::Naps());
     EndJoinable(pThread);
 }
 

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -38,6 +39,7 @@ using kelto_test::LiveAllocations;
 using kelto_test::LiveAllocationsBefore;
 using kelto_test::ScopedAllocationFault;
 using kelto_test::ScopedClock;
+using kelto_test::ScopedEntry;
 using kelto_test::ScopedHandlersOnly;
 using kelto_test::ScopedTraceSink;
 using kelto_test::TaskThread;
@@ -86,6 +88,11 @@ TEST(CCmWorker, NamesItsThread) {
     EXPECT_EQ(NameOfThisThread(), *CmCall(unnamed, NameOfThisThread));
 }
 
+TEST(CCmWorker, NamesItsThread_WhenTheNameIsOneCharacter) {
+    CCmWorker worker(CCmWorkerOptions().Name("a"));
+    EXPECT_EQ("a", *CmCall(worker, NameOfThisThread));
+}
+
 TEST(CCmWorker, RunsItsFunctionsOnItsThread) {
     std::vector<std::string> ran;
     ACmThread* pSeen = nullptr;
@@ -129,6 +136,37 @@ TEST(CCmWorker, DoesNotStart_WhenItsStartFunctionFails) {
     EXPECT_EQ(CM_ERROR_NOT_FOUND, worker.SetPriority(0));
     EXPECT_EQ(CM_ERROR_NOT_FOUND, worker.PriorityResult());
     EXPECT_EQ(CM_OK, worker.End());
+}
+
+// Notes on which thread it ends; to be captured by a callable.
+class EndThread {
+  public:
+    explicit EndThread(std::thread::id& aThread) : m_pThread(&aThread) {}
+    EndThread(EndThread&& aRight) noexcept : m_pThread(std::exchange(aRight.m_pThread, nullptr)) {}
+    ~EndThread() {
+        if (m_pThread != nullptr) {
+            *m_pThread = std::this_thread::get_id();
+        }
+    }
+
+  private:
+    std::thread::id* m_pThread;
+};
+
+TEST(CCmWorker, EndsWhatIsPendingOnItsThread_WhenItsStartFunctionFails) {
+    std::thread::id own;
+    std::thread::id posted;
+    std::thread::id delayed;
+    const CCmWorker worker(CCmWorkerOptions().OnStart([&](ACmThread& aThread) -> CmResult {
+        own = std::this_thread::get_id();
+        CmPost(aThread, [end = EndThread(posted)] {});
+        CmPostDelayed(aThread, 100s, [end = EndThread(delayed)] {});
+        return CM_ERROR_NOT_FOUND;
+    }));
+    EXPECT_EQ(CM_ERROR_NOT_FOUND, worker.Result());
+    EXPECT_NE(std::this_thread::get_id(), own);
+    EXPECT_EQ(own, posted);
+    EXPECT_EQ(own, delayed);
 }
 
 TEST(CCmWorker, OptionsServe_WhenThereAreSeveralWorkers) {
@@ -210,6 +248,27 @@ TEST(CCmWorker, SetsItsPriority) {
     EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, worker.SetPriority(0));
 }
 
+std::pair<int, int> s_asked;  // the policy and the priority of the last request
+
+int NoteScheduling(pthread_t /*aThread*/, int aPolicy, const sched_param* aParameter) {
+    s_asked = {aPolicy, aParameter->sched_priority};
+    return 0;
+}
+
+TEST(CCmWorker, AsksForThePriority_WhenItIsOfTheRange) {
+    const ScopedEntry<decltype(g_cmSystem.pthread_setschedparam)> entry(
+        g_cmSystem.pthread_setschedparam, &NoteScheduling);
+    const int nLowest = sched_get_priority_min(SCHED_RR);
+    const int nHighest = sched_get_priority_max(SCHED_RR);
+    CCmWorker worker(CCmWorkerOptions().Priority(nLowest));
+    EXPECT_EQ(CM_OK, worker.PriorityResult());
+    EXPECT_EQ(std::make_pair(SCHED_RR, nLowest), s_asked);
+    EXPECT_EQ(CM_OK, worker.SetPriority(nHighest));
+    EXPECT_EQ(std::make_pair(SCHED_RR, nHighest), s_asked);
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, worker.SetPriority(nHighest + 1));
+    EXPECT_EQ(std::make_pair(SCHED_RR, nHighest), s_asked) << "no such level";
+}
+
 TEST(CCmWorker, DrainWaitsForWhatWasPosted) {
     CCmWorker worker;
     int nRan = 0;
@@ -239,6 +298,7 @@ TEST(CCmWorker, StopRunsWhatWasPostedBefore) {
     EXPECT_EQ(CM_OK, worker.Stop());
     EXPECT_EQ(CM_OK, worker.Stop());
     EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, CmPost(worker, [] {}));
+    EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, CmPostDelayed(worker, 0ms, [] {}).Result());
     gate.Open();
     EXPECT_EQ(CM_OK, worker.Join());
     EXPECT_EQ(50, nRan);
@@ -270,6 +330,24 @@ TEST(CCmWorker, StopNowEndsWhatIsPendingUnfired) {
         EXPECT_EQ(0, ran);
         EXPECT_EQ(51, ends);
     }
+}
+
+TEST(CCmWorker, RefusesTimers_AfterItsStop) {
+    CCmWorker worker;
+    Gate gate;
+    CmResult rvOwn = CM_OK;
+    const CCmTimerHandle first = CmPostDelayed(worker, 100s, [] {});
+    CmPost(worker, [&] {
+        gate.Wait();
+        rvOwn = CmPostDelayed(worker, 200s, [] {}).Result();
+    });
+    EXPECT_EQ(CM_OK, worker.Stop());
+    // Later than what is pending, it need not wake the worker.
+    EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, CmPostDelayed(worker, 200s, [] {}).Result());
+    gate.Open();
+    EXPECT_EQ(CM_OK, worker.Join());
+    EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, rvOwn);
+    EXPECT_FALSE(first.IsPending());
 }
 
 // The stop comes while one of five events that were taken out together runs.
@@ -316,6 +394,27 @@ TEST(CCmWorker, StopChangesNothing_WhenMemoryRunsOut) {
         EXPECT_TRUE(fault.hit());
     }
     EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, worker.Result());
+}
+
+int s_nNaps = 0;
+long long s_llNapsNsec = 0;
+
+int NoteNap(const timespec* aTime, timespec* /*aLeft*/) {
+    ++s_nNaps;
+    s_llNapsNsec += aTime->tv_sec * 1000000000LL + aTime->tv_nsec;
+    return 0;
+}
+
+TEST(CCmWorker, EndTriesAgainEveryMillisecond_WhileMemoryIsOut) {
+    CCmWorker worker;
+    worker.Drain();
+    s_nNaps = 0;
+    s_llNapsNsec = 0;
+    const ScopedEntry<decltype(g_cmSystem.nanosleep)> entry(g_cmSystem.nanosleep, &NoteNap);
+    const ScopedAllocationFault fault(1, 1);
+    EXPECT_EQ(CM_OK, worker.End());
+    EXPECT_EQ(2, s_nNaps);
+    EXPECT_EQ(2 * 1000000, s_llNapsNsec);
 }
 
 TEST(CCmWorker, JoinFails_WhenOnTheWorkerItself) {
@@ -387,6 +486,55 @@ TEST(CCmWorker, CountsOnItsOwnClock_WhenTheWallClockIsSet) {
     }
 }
 
+class WorkingSink : public CCmTimerWrapperIDSink {
+  public:
+    explicit WorkingSink(std::function<void()> aWork) : m_Work(std::move(aWork)) {}
+    void OnTimer(CCmTimerWrapperID* /*aId*/) override { m_Work(); }
+
+  private:
+    const std::function<void()> m_Work;
+};
+
+TEST(CCmWorker, LeavesOutOfTheTimeOfAnEvent_WhateverATimerTakes) {
+    ScopedTraceSink sink;
+    ScopedClock clock;
+    CCmWorker worker;
+    Gate fired;
+    const auto takeTime = [&] {
+        clock.AdvanceMs(70);
+        CmPost(worker, [&fired] { fired.Open(); });
+    };
+    CmPost(worker, [&] { CmPostDelayed(worker, 0ms, takeTime); });
+    EXPECT_TRUE(fired.Wait());
+    fired.Close();
+
+    WorkingSink timer(takeTime);
+    CCmTimerWrapperID wrapper;
+    CmPost(worker, [&] {
+        wrapper.Schedule(&timer, CCmTimeValue(0, 1000), 1);
+        clock.AdvanceMs(1);
+    });
+    EXPECT_TRUE(fired.Wait());
+    CmCall(worker, [&wrapper] { wrapper.Cancel(); });
+    EXPECT_EQ(0U, sink.count("ProcessOneEvent, report"));
+}
+
+TEST(CCmWorker, ReadsTheClockOnceAnEvent_WhenNothingIsBetween) {
+    constexpr size_t EVENTS = 41;
+    ScopedClock clock;
+    CCmWorker worker;
+    Gate gate;
+    CmPost(worker, [&gate] { gate.Wait(); });
+    std::vector<unsigned long> reads;
+    for (size_t i = 0; i < EVENTS; ++i) {
+        CmPost(worker, [&] { reads.push_back(clock.reads()); });
+    }
+    gate.Open();
+    worker.End();
+    ASSERT_EQ(EVENTS, reads.size());
+    EXPECT_EQ(EVENTS - 1, reads.back() - reads.front());
+}
+
 class CountingSink : public CCmTimerWrapperIDSink {
   public:
     void OnTimer(CCmTimerWrapperID* /*aId*/) override { ++m_nFired; }
@@ -403,6 +551,15 @@ TEST(CCmWorker, HasATimerQueueOfTheWallClockBeside) {
               *CmCall(worker, [&] { return wrapper.Schedule(&sink, CCmTimeValue(0, 2000), 0); }));
     EXPECT_TRUE(Eventually([&] { return sink.m_nFired >= 3 && fired >= 3; }));
     CmCall(worker, [&] { wrapper.Cancel(); });
+}
+
+TEST(CCmWorker, FiresTheTimersOfItsTimerQueue_WhenNothingElseIsPending) {
+    CCmWorker worker;
+    CountingSink sink;
+    CCmTimerWrapperID wrapper;
+    CmPost(worker, [&] { wrapper.Schedule(&sink, CCmTimeValue(0, 2000), 3); });
+    EXPECT_TRUE(Eventually([&sink] { return sink.m_nFired == 3; }));
+    CmCall(worker, [&wrapper] { wrapper.Cancel(); });
 }
 
 // Cancels a worker in a callable that repeats.

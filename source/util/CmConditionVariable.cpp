@@ -28,10 +28,7 @@ timespec DeadlineAfter(const CCmTimeValue& aTimeout) {
     timeval tvNow = {};
     g_cmSystem.gettimeofday(&tvNow, nullptr);
     const CCmTimeValue tvDeadline = CCmTimeValue(tvNow) + aTimeout;
-    if (tvDeadline < CCmTimeValue::s_tvZero) {
-        return CCmTimeValue::s_tvZero.ToTimeSpec();
-    }
-    return (tvDeadline < DEADLINE_MAX ? tvDeadline : DEADLINE_MAX).ToTimeSpec();
+    return std::clamp(tvDeadline, CCmTimeValue::s_tvZero, DEADLINE_MAX).ToTimeSpec();
 }
 
 constexpr long long NSEC_PER_SEC = 1000000000;

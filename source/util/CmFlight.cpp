@@ -223,11 +223,17 @@ void SayWhyThereIsNone(const CCmFlightFile& aFile) {
 // Guards the state below.
 CM_CONSTANT_INIT CCmEternalLockT<CCmMutexThread> s_Lock;
 
-// Holds the lock. The thread is not cancelled, and what it traces is not taken.
+// Holds the lock. The thread is not cancelled, and what it traces is not taken. Bus errors reach
+// it, as the file may be cut at any time: in here, and for as long as it has a ring.
 class CM_SCOPED_CAPABILITY CHold {
   public:
-    CHold() CM_ACQUIRE(s_Lock.m_Lock) : m_Lock(s_Lock.m_Lock) {}
-    ~CHold() CM_RELEASE() {}
+    CHold() CM_ACQUIRE(s_Lock.m_Lock)
+        : m_Lock(s_Lock.m_Lock), m_bBlocksBusErrors(CmPortUnblockBusErrors()) {}
+    ~CHold() CM_RELEASE() {
+        if (m_bBlocksBusErrors && t_this.m_pRing == nullptr) {
+            CmPortBlockBusErrors();
+        }
+    }
     CHold(const CHold&) = delete;
     CHold& operator=(const CHold&) = delete;
 
@@ -242,6 +248,7 @@ class CM_SCOPED_CAPABILITY CHold {
     CCmTraceGuard m_Guard;
     CBusy m_Busy;
     CCmScopedLockT<CCmMutexThread> m_Lock;
+    const bool m_bBlocksBusErrors;
 };
 
 }  // namespace
@@ -359,20 +366,31 @@ void CCmFlight::CState::EndRings() {
     m_dwSlots = 0;
 }
 
-// Puts a file in the place of the memory.
+// Puts a file in the place of the memory. It is mapped elsewhere first: a call that fails at a
+// fixed address may have unmapped what was there, in which threads record.
 bool CCmFlight::CState::MapFile(const char* aDirectory, const char* aProcess, uint64_t aStartUsec) {
     if (!CmFlightMakeFile(aDirectory, aProcess, static_cast<long long>(aStartUsec), Size(),
                           m_File)) {
         return false;
     }
     void* const pBegin = s_pBegin.load(std::memory_order_relaxed);
-    if (g_cmSystem.mmap(pBegin, Size(), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_FIXED,
-                        m_File.m_nFile, 0) == pBegin) {
-        CmPortGuardMapping(pBegin, Size());
-        return true;
+    const auto map = [this](void* aAddress, int aFlags) CM_REQUIRES(s_Lock.m_Lock) {
+        return g_cmSystem.mmap(aAddress, Size(), PROT_READ | PROT_WRITE, MAP_SHARED | aFlags,
+                               m_File.m_nFile, 0);
+    };
+    void* const pTrial = map(nullptr, 0);
+    if (pTrial != MAP_FAILED) {
+        munmap(pTrial, Size());
+        if (map(pBegin, MAP_FIXED) == pBegin) {
+            CmPortGuardMapping(pBegin, Size());
+            return true;
+        }
     }
     m_File.m_pszCall = "mmap";
     m_File.m_nError = errno;
+    if (pTrial != MAP_FAILED) {
+        CmPortReplaceMapping(pBegin, Size());
+    }
     CmFlightRemoveFile(m_File);
     return false;
 }
@@ -548,6 +566,8 @@ CCmFlightRing* CCmFlight::AttachThisThread(const char* aName) {
     CHold hold;
     if (t_this.m_pRing != nullptr) {
         CState::s_State.Rename(*t_this.m_pRing, szName);
+        // Somebody who detaches it counts on it from now on; the thread may be about to end.
+        g_cmSystem.pthread_setspecific(CState::s_State.m_Key, t_this.m_pRing);
     } else {
         t_this.m_pRing = CState::s_State.TakeSlot(szName);
         t_this.m_bHasEnded = false;
@@ -608,7 +628,6 @@ CCmFlightRing* CCmFlight::CState::TakeSlot(const char* aName) {
     if (g_cmSystem.pthread_setspecific(m_Key, &ring) != 0) {
         return nullptr;  // its end would not be seen
     }
-    CmPortUnblockBusErrors();  // the ring may lie in a file that is cut
     const uint64_t ullNow = WallUsec();
     COwner& owner = m_pOwners[dwSlot];
     owner.m_eState = CCmFlightSlot::LIVE;

@@ -1,6 +1,7 @@
 #include "CmLifeGuard.h"
 
 #include <new>
+#include <optional>
 
 #include "CmAtomic.h"
 #include "CmBlockedSends.h"
@@ -63,15 +64,15 @@ struct CCmLifeGuard::CGuardState final : CCmReferenceControlT<CCmMutexThread> {
     void CloseWatched() {
         CmResult rv = CM_OK;
         while (CM_SUCCEEDED(rv)) {
-            const CAwaited awaited = AwaitFirst();
-            if (awaited.m_pRun == nullptr) {
+            const std::optional<CAwaited> awaited = AwaitFirst();
+            if (!awaited) {
                 return;
             }
             CCmBlockedSend blocked;
-            EnterWait(awaited, blocked);
+            EnterWait(*awaited, blocked);
             CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
             rv = lock.result();
-            while (CM_SUCCEEDED(rv) && awaited.GoesOn()) {
+            while (CM_SUCCEEDED(rv) && awaited->GoesOn()) {
                 rv = m_Left.Wait(nullptr);
             }
         }
@@ -98,12 +99,15 @@ struct CCmLifeGuard::CGuardState final : CCmReferenceControlT<CCmMutexThread> {
         uint64_t m_ullThread;
     };
 
-    CAwaited AwaitFirst() {
+    std::optional<CAwaited> AwaitFirst() {
         CCmScopedLockT<CCmMutexThread> lock(m_Mutex);
         m_bClosed = true;
         const CRun* const pRun = FirstElsewhere_l();
+        if (pRun == nullptr) {
+            return std::nullopt;
+        }
         m_pAwaited.store(pRun, std::memory_order_relaxed);
-        return {*this, pRun, pRun != nullptr ? pRun->m_ulThread : 0};
+        return CAwaited{*this, pRun, pRun->m_ulThread};
     }
     static void EnterWait(const CAwaited& aAwaited, CCmBlockedSend& aBlocked) {
         char szNames[CCmBlockedSend::NAMES_SIZE];

@@ -7,8 +7,10 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <iterator>
 
 #include "CmSystem.h"
 #include "port/CmInterfaceRecord.h"
@@ -192,10 +194,10 @@ void CmPortPreciseWaits() {
 // The time of the kernel's last tick; ticks are at most 10 ms apart.
 int CmPortCoarseTimeOfDay(timeval* aNow, void* /*aUnused*/) {
     timespec tsNow = {};
-    const int rv = clock_gettime(CLOCK_REALTIME_COARSE, &tsNow);
+    clock_gettime(CLOCK_REALTIME_COARSE, &tsNow);
     aNow->tv_sec = tsNow.tv_sec;
     aNow->tv_usec = tsNow.tv_nsec / 1000;
-    return rv;
+    return 0;
 }
 
 // A signal may interrupt it, for one that comes over and over not for ever.
@@ -213,8 +215,10 @@ bool CmPortUserDirectory(char* /*aBuffer*/, size_t /*aSize*/) {
 }
 
 bool CmPortHasSanitizer() {
-    return __asan_init != nullptr || __hwasan_init != nullptr || __lsan_init != nullptr ||
-           __msan_init != nullptr || __tsan_init != nullptr;
+    typedef void (*Init)();
+    const Init inits[] = {__asan_init, __hwasan_init, __lsan_init, __msan_init, __tsan_init};
+    return std::any_of(std::begin(inits), std::end(inits),
+                       [](Init aInit) { return aInit != nullptr; });
 }
 
 bool CmPortTakesZeros() {

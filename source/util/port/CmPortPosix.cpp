@@ -15,7 +15,7 @@ namespace UTIL_NS {
 namespace {
 
 // An object of the library's own, for the loader to look up.
-const char s_chOfThisModule = 0;
+const char s_chOfThisModule{};
 
 }  // namespace
 
@@ -49,8 +49,7 @@ const char* CmPortClassName(const void* aTable) {
 }
 
 void CmPortReadableClassName(const char* aName, char* aText, size_t aSize) {
-    int nStatus = 0;
-    char* const pszReadable = abi::__cxa_demangle(aName, nullptr, nullptr, &nStatus);
+    char* const pszReadable = abi::__cxa_demangle(aName, nullptr, nullptr, nullptr);
     std::snprintf(aText, aSize, "%s", pszReadable != nullptr ? pszReadable : aName);
     std::free(pszReadable);
 }
