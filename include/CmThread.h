@@ -101,13 +101,13 @@ class CM_UTIL_EXPORT ACmThread {
     CmResult Destory(int aReason);
     /// Cancels the thread at its next cancellation point and sets the stop flag. The result is that
     /// of pthread_cancel, or CM_ERROR_FAILURE when there is no thread to cancel: none was started,
-    /// or the object adopted one (whose stop flag is set all the same). An event that was firing
-    /// is destroyed (OnDestorySelf); what its event queue holds stays pending, or, once a worker
-    /// has run its stop event, is destroyed, too. The queue accepts posts until a Stop closes it,
-    /// and Join and Destory work as usual. The host's own handlers run no destructors on every
-    /// system (see "Cancelled threads" in docs/platforms.md). No destructor of theirs may contain a
-    /// cancellation point: it cannot be unwound, and the process would end. Create, Destory and the
-    /// library's own destructors are none.
+    /// it is gone, or the object adopted one. The flag is set all the same. An event that was
+    /// firing is destroyed (OnDestorySelf); what its event queue holds stays pending, or, once a
+    /// worker has run its stop event, is destroyed, too. The queue accepts posts until a Stop
+    /// closes it, and Join and Destory work as usual. The host's own handlers run no destructors on
+    /// every system (see "Cancelled threads" in docs/platforms.md). No destructor of theirs may
+    /// contain a cancellation point: it cannot be unwound, and the process would end. Create,
+    /// Destory and the library's own destructors are none.
     CmResult Terminate();
 
     /// The start routine of the POSIX thread; pParam is the object. Returns null.

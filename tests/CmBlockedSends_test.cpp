@@ -16,6 +16,7 @@
 #include <utility>
 #include <vector>
 
+#include "CmCancel.h"
 #include "CmLifeGuard.h"
 #include "CmNsec.h"
 #include "CmWatched.h"
@@ -507,6 +508,63 @@ TEST(CmBlockedSends, LeavesTheList_WhenItsSenderIsCancelled) {
 TEST(CmBlockedSends, LeavesTheList_WhenItsSenderIsCancelledWithoutDestructors) {
     const kelto_test::ScopedHandlersOnly handlersOnly;
     CancelASender();
+}
+
+// On a thread that has asked for it, a join that only a cancellation ends.
+int (*g_pfnJoin)(pthread_t, void**) = nullptr;
+thread_local bool t_bJoinsUntilCancelled = false;
+int JoinOrWaitToBeCancelled(pthread_t aThread, void** aResult) {
+    while (t_bJoinsUntilCancelled) {
+        kelto_test::ScopedHandlersOnly::TestCancel();
+        pthread_testcancel();
+        const CCmDisableCancel disableCancel;  // ThreadSanitizer loses a thread that sleeps
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return g_pfnJoin(aThread, aResult);
+}
+
+void CancelAJoiner() {
+    const Switched on;
+    ScopedTraceSink sink;
+    const kelto_test::ScopedEntry<int (*)(pthread_t, void**)> entry(g_cmSystem.pthread_join,
+                                                                    &JoinOrWaitToBeCancelled);
+    g_pfnJoin = entry.original();
+    ACmThread* pJoined = nullptr;
+    ACmThread* pJoiner = nullptr;
+    ASSERT_EQ(CM_OK, CreateUserTaskThread(&pJoined, TF_JOINABLE, false, 1));
+    ASSERT_EQ(CM_OK, CreateUserTaskThread(&pJoiner, TF_JOINABLE, false, 1));
+    std::atomic<uint64_t> ullJoiner{0};
+    Gate waits;
+    Gate isCancelled;
+    CmPost(*pJoined, [&] {
+        EXPECT_TRUE(
+            Eventually([&] { return ullJoiner != 0 && WaitsForThisThread(ullJoiner.load()); }));
+        waits.Open();
+        EXPECT_TRUE(isCancelled.Wait());
+        EXPECT_FALSE(WaitsForThisThread(ullJoiner));
+    });
+    CmPost(*pJoiner, [&] {
+        t_bJoinsUntilCancelled = true;
+        ullJoiner = CmNumberOfThisThread();
+        pJoined->Join();
+    });
+    EXPECT_TRUE(waits.Wait());
+    EXPECT_EQ(0, pJoiner->Terminate());
+    EXPECT_EQ(CM_OK, pJoiner->Join());
+    isCancelled.Open();
+    EXPECT_EQ(CM_OK, pJoined->Stop());
+    EXPECT_EQ(CM_OK, pJoined->Join());
+    pJoiner->Destory(CM_OK);
+    pJoined->Destory(CM_OK);
+}
+
+TEST(CmBlockedSends, LeavesTheList_WhenAJoinerIsCancelled) {
+    CancelAJoiner();
+}
+
+TEST(CmBlockedSends, LeavesTheList_WhenAJoinerIsCancelledWithoutDestructors) {
+    const kelto_test::ScopedHandlersOnly handlersOnly;
+    CancelAJoiner();
 }
 
 TEST(CmBlockedSends, LeavesTheList_WhenItsWaitFails) {

@@ -665,6 +665,12 @@ TEST(CmEvent, ResetFailsAndChangesNothing) {
     CCmEventThread unsignalled(AUTO, 0, nullptr);
     EXPECT_EQ(CM_ERROR_FAILURE, unsignalled.Reset());
     EXPECT_EQ(CM_ERROR_TIMEOUT, WaitShortly(unsignalled));
+    CCmEventThread latched(AUTO, 1, nullptr);
+    EXPECT_EQ(CM_ERROR_FAILURE, latched.Reset());
+    EXPECT_EQ(CM_OK, WaitShortly(latched));
+    CCmEventThread closed(MANUAL, 0, nullptr);
+    EXPECT_EQ(CM_ERROR_FAILURE, closed.Reset());
+    EXPECT_EQ(CM_ERROR_TIMEOUT, WaitShortly(closed));
 }
 
 TEST(CmEvent, WaitEndsAtOnce_WhenTheTimeoutIsZero) {

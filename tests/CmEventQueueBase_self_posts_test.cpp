@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <deque>
 #include <functional>
 #include <list>
@@ -18,6 +19,7 @@
 #include "CmSystem.h"
 #include "CmThread.h"
 #include "CmWorker.h"
+#include "port/CmPort.h"
 #include "support/Cancellation.h"
 #include "support/Clock.h"
 #include "support/Events.h"
@@ -26,6 +28,7 @@
 #include "support/Gate.h"
 #include "support/RandomBytes.h"
 #include "support/TraceSink.h"
+#include "support/Watch.h"
 
 namespace UTIL_NS {
 namespace {
@@ -199,6 +202,71 @@ TEST(CmEventSelfPost, WatchesTheLength_WhenMoreThanThreeSecondsHavePassed) {
                            NORMAL);
     task.RunHere();
     EXPECT_EQ(122u, log.ended().size());
+}
+
+TEST(CmEventSelfPost, CountsToo_WhenALongQueueIsReported) {
+    kelto_test::ScopedClock clock;
+    kelto_test::ScopedTraceSink sink;
+    CShownTask task;
+    EventLog log;
+    task.Queue().PostEvent(new CRelay(task, 0,
+                                      [&](int) {
+                                          for (int i = 0; i < 120; ++i) {
+                                              task.Queue().PostEvent(new LoggedEvent(log), NORMAL);
+                                          }
+                                          clock.AdvanceUsec(3000001);
+                                          task.Queue().PostEvent(new LoggedEvent(log), NORMAL);
+                                      }),
+                           NORMAL);
+    task.RunHere();
+    EXPECT_EQ(1u, sink.count("PostEvent, m_dwSize=121 "));
+}
+
+TEST(CmEventSelfPost, IsTaken_WhenAnEventTakesWhatIsPending) {
+    CShownTask task;
+    EventLog log;
+    Events events;
+    DWORD dwRemain = 77;
+    task.Queue().PostEvent(
+        new CRelay(task, 0,
+                   [&](int) {
+                       for (int i = 1; i <= 3; ++i) {
+                           task.Queue().PostEvent(new LoggedEvent(log, i), NORMAL);
+                       }
+                       EXPECT_EQ(CM_OK, task.Queue().PopPendingEvents(events, 2, &dwRemain));
+                   }),
+        NORMAL);
+    task.RunHere();
+    EXPECT_EQ(1u, dwRemain);
+    EXPECT_EQ(Ids{3}, log.ended());  // the loop ended it, unfired
+    task.Queue().ProcessEvents(events);
+    EXPECT_EQ((Ids{1, 2}), log.fired());
+}
+
+TEST(CmEventSelfPost, EndsUnfiredAndStaysCounted_WhenAnEventDestroysWhatIsPending) {
+    for (bool bTakesTheLock : {false, true}) {
+        SCOPED_TRACE(bTakesTheLock);
+        CShownTask task;
+        EventLog log;
+        task.Queue().PostEvent(
+            new CRelay(task, 0,
+                       [&](int) {
+                           for (int i = 1; i <= 2; ++i) {
+                               task.Queue().PostEvent(new LoggedEvent(log, i), NORMAL);
+                           }
+                           if (bTakesTheLock) {
+                               task.Queue().DestoryPendingEvents();
+                           } else {
+                               task.Queue().CCmEventQueueBase::DestoryPendingEvents();
+                           }
+                           EXPECT_EQ((Ids{1, 2}), log.ended());
+                           EXPECT_EQ(2u, task.Queue().GetPendingEventsCount());
+                       }),
+            NORMAL);
+        task.RunHere();
+        EXPECT_EQ(Ids(), log.fired());
+        EXPECT_EQ((Ids{1, 2}), log.ended());
+    }
 }
 
 TEST(CmEventSelfPost, RunsBeforeAStopThatComesLaterAndIsRefusedAfterIt) {
@@ -650,6 +718,48 @@ TEST_F(CmEventPassTimes, ReportsExactlyWhatTakesLonger_WhereverInItsPass) {
     EXPECT_EQ(6u, m_Sink.count("ProcessOneEvent, report"));
 }
 
+TEST_F(CmEventPassTimes, ReportsExactlyWhatTakesLonger_WhileTheWatchIsOn) {
+    const kelto_test::ScopedWatch watch;
+    for (int i = 0; i < 6; ++i) {
+        Post(1, 50000);
+        Post(2, 50001);
+    }
+    PostStop();
+    m_Task.RunHere();
+    EXPECT_EQ(6u, m_Sink.count("ProcessOneEvent, report, sec=0 usec=50001 "));
+    EXPECT_EQ(6u, m_Sink.count("ProcessOneEvent, report"));
+    EXPECT_EQ(6u, m_Sink.count("ProcessOneEvent, watch"));
+}
+
+TEST_F(CmEventPassTimes, TellHowManyArePending_WhenTheirOwnEventsPostedThem) {
+    Post(1, 60000, [this] {
+        Post(2, 0);
+        PostStop();
+    });
+    m_Task.RunHere();
+    EXPECT_EQ(1u, m_Sink.count("ProcessOneEvent, report, sec=0 usec=60000 aEvent=0x"));
+    EXPECT_EQ(1u, m_Sink.count(" m_dwSize=2 this=0x"));
+}
+
+kelto_test::ScopedClock* g_pClockOfLines = nullptr;
+int g_nReports = 0;
+void TakeLongAndCountReports(unsigned long, const char* aText, unsigned int) {
+    g_pClockOfLines->AdvanceUsec(60000);
+    g_nReports += std::strstr(aText, "ProcessOneEvent, report") != nullptr ? 1 : 0;
+}
+
+TEST_F(CmEventPassTimes, LeaveOutTheLinesAboutTheEventBefore_WhileTheWatchIsOn) {
+    const kelto_test::ScopedWatch watch;
+    g_pClockOfLines = &m_Clock;
+    g_nReports = 0;
+    Post(1, 60000, [] { set_util_external_trace_sink(TakeLongAndCountReports); });
+    Post(2, 0);
+    PostStop();
+    m_Task.RunHere();
+    EXPECT_EQ((Ids{1, 2, 0}), m_Log.fired());
+    EXPECT_EQ(1, g_nReports);
+}
+
 TEST_F(CmEventPassTimes, GoOnWhereTheLastEnded_WhenNothingIsBetween) {
     constexpr unsigned long EVENTS = 29;
     constexpr unsigned long PASSES = 6;
@@ -739,6 +849,69 @@ TEST_F(CmEventPassTimes, LeaveOutAWait) {
     Post(1, 10);
     m_Task.RunHere();
     poster.join();
+    EXPECT_EQ(0u, m_Sink.count("ProcessOneEvent, report"));
+}
+
+// Does something when the calling thread reads a clock for the aNth time from then on.
+template <auto Member>
+class CAtReadingT {
+  public:
+    CAtReadingT() { s_pfnRead = m_Entry.original(); }
+    void Arm(int aNth, std::function<void()> aWork) {
+        t_nLeft = aNth;
+        t_work = std::move(aWork);
+    }
+
+  private:
+    typedef int (*ReadType)(timeval*, void*);
+
+    static int Read(timeval* aTv, void* aZone) {
+        if (t_nLeft > 0 && --t_nLeft == 0) {
+            const auto work = std::exchange(t_work, nullptr);
+            work();
+        }
+        return s_pfnRead(aTv, aZone);
+    }
+    inline static ReadType s_pfnRead = nullptr;
+    inline static thread_local int t_nLeft = 0;
+    inline static thread_local std::function<void()> t_work;
+    kelto_test::ScopedEntry<ReadType> m_Entry{g_cmClock.*Member, &Read};
+};
+
+// The sender's wrapper comes back when the loop has given up looking out for it and is about to
+// wait.
+TEST_F(CmEventPassTimes, LeaveOutTheTimeInWhichASenderIsAwaited) {
+    if (CmPortCurrentCore() == -1) {
+        return;  // nobody is looked out for
+    }
+    CShownTask task;
+    CAtReadingT<&CCmClockTable::gettimeofday> atReading;
+    CAtReadingT<&CCmClockTable::coarse_gettimeofday> atPost;
+    CAtNextLock atNextLock;
+    Gate go;
+    bool bAwaited = false;
+    const auto event = [&] {
+        atReading.Arm(1, [&] {  // it has ended
+            atReading.Arm(1, [&] {
+                bAwaited = true;
+                m_Clock.AdvanceUsec(70000);
+            });
+            atNextLock.Arm([&] {
+                EXPECT_TRUE(bAwaited);
+                go.Open();
+                EXPECT_TRUE(Eventually([&] { return task.Queue().GetPendingEventsCount() != 0; }));
+            });
+        });
+        return CM_OK;
+    };
+    std::thread sender([&] {
+        atPost.Arm(2, [&] { EXPECT_TRUE(go.Wait()); });  // there, and back
+        EXPECT_EQ(CM_OK, task.Queue().SendEvent(new LoggedEvent(m_Log, 1, event)));
+        task.Queue().PostEvent(new CRelay(task, 0, [](int) {}), NORMAL);
+    });
+    task.RunHere();
+    sender.join();
+    EXPECT_EQ(Ids{1}, m_Log.ended());
     EXPECT_EQ(0u, m_Sink.count("ProcessOneEvent, report"));
 }
 

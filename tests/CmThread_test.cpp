@@ -280,6 +280,28 @@ TEST(CmThread, RegistersTwice_WhenAskedTwice) {
     EXPECT_EQ(nBefore, RegisteredThreads());
 }
 
+TEST(CmThread, IsRegisteredAndFound_WhenTheLockCannotBeTaken) {
+    Life life;
+    BodyThread* pThread = new BodyThread(life);
+    ASSERT_EQ(CM_OK, pThread->Create(TT_MAIN, TF_JOINABLE, 0));
+    const size_t nBefore = RegisteredThreads();
+    kelto_test::ScopedTraceSink sink;
+    {
+        kelto_test::FailingCall<&CCmSystemTable::pthread_mutex_lock> fault(
+            EINVAL, EINVAL, 1, kelto_test::Failing::FROM_THERE_ON);
+        kelto_test::FailingCall<&CCmSystemTable::pthread_mutex_unlock> unlock(0, 0, 100);
+        EXPECT_EQ(CM_OK, RegisterThread(pThread));
+        EXPECT_EQ(pThread, getCurrentThread());
+        EXPECT_EQ(CM_OK, UnRegisterThread(pThread));
+        EXPECT_EQ(nullptr, getCurrentThread());
+        EXPECT_EQ(4u, fault.calls());
+        EXPECT_EQ(0u, unlock.calls());  // what was not taken is not released
+    }
+    EXPECT_EQ(0u, sink.lines().size());
+    EXPECT_EQ(nBefore, RegisteredThreads());
+    pThread->Destory(0);
+}
+
 TEST(CmThread, RegisterFails_WithoutMemory) {
     Life life;
     BodyThread thread(life);
@@ -828,8 +850,9 @@ TEST(CmThread, IsJoinedAndNotRun_WhenItsInitFails) {
 TEST(CmThread, TerminateFails_WhenThereIsNoThread) {
     Life life;
     BodyThread thread(life);
-    EXPECT_EQ(CM_ERROR_FAILURE, thread.Terminate());
     EXPECT_FALSE(thread.GetStopFlag());
+    EXPECT_EQ(CM_ERROR_FAILURE, thread.Terminate());
+    EXPECT_TRUE(thread.GetStopFlag());
 }
 
 TEST(CmThread, TerminateFails_WhenADetachedBodyHasEnded) {

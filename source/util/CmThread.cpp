@@ -421,18 +421,14 @@ CmResult ACmThread::Destory(int aReason) {
 }
 
 CmResult ACmThread::Terminate() {
-    if (m_Type == TT_MAIN) {
-        m_bStopFlag.store(true, std::memory_order_relaxed);
-        return CM_ERROR_FAILURE;
-    }
     const pthread_t tid = m_Tid.load(std::memory_order_relaxed);
     CThreadState& state = CCmPrivateRoom::Of(m_Private);
     const bool bIsGone = state.HasThread() && !state.IsJoinable() && m_nDestroyRef.value() > 0;
-    if (tid == pthread_t() || bIsGone) {
-        return CM_ERROR_FAILURE;
+    CmResult rv = CM_ERROR_FAILURE;
+    if (m_Type != TT_MAIN && tid != pthread_t() && !bIsGone) {
+        state.m_bIsCancelled.store(true, std::memory_order_relaxed);
+        rv = g_cmSystem.pthread_cancel(tid);
     }
-    state.m_bIsCancelled.store(true, std::memory_order_relaxed);
-    const int rv = g_cmSystem.pthread_cancel(tid);
     m_bStopFlag.store(true, std::memory_order_relaxed);
     return rv;
 }
