@@ -30,9 +30,9 @@ class CM_UTIL_EXPORT CCmBoundedPoster {
   public:
     /// aQueue: not owned. aMaxCount: at least 1, less is taken as 1.
     CCmBoundedPoster(ICmEventQueue& aQueue, DWORD aMaxCount);
-    /// With a callable that is run when so many of the events have ended that only aLowWater (less
-    /// than aMaxCount; more is taken as that) are left on their way, after there had been no room
-    /// for one. It runs on the thread that ended the last of them, the queue's as a rule, with
+    /// With a callable that is run when so many of the events have ended that only aLowWater (at
+    /// most aMaxCount - 1, which more is taken as) are left on their way, after there had been no
+    /// room for one. It runs on the thread that ended the last of them, the queue's as a rule, with
     /// nothing held; it may post. It does not begin after the poster has ended, whose destructor
     /// waits while it runs on another thread.
     template <class Callable>

@@ -175,7 +175,8 @@ class CCmAtomicOperationT;
 /// The mutex that counters name; one for the process.
 extern CM_UTIL_EXPORT CCmMutexThread s_ReferenceControlMutexThread;
 
-/// The counter of several threads. Any thread.
+/// The counter of several threads. Any thread. As if a mutex were held: who counts comes after all
+/// that others did before they counted.
 template <>
 class CCmAtomicOperationT<CCmMutexThread> {
   public:
@@ -187,7 +188,7 @@ class CCmAtomicOperationT<CCmMutexThread> {
     CCmAtomicOperationT& operator=(const CCmAtomicOperationT&) = delete;
 
     /// Adds one; returns the new value.
-    long operator++() { return m_lValue.fetch_add(1, std::memory_order_relaxed) + 1; }
+    long operator++() { return m_lValue.fetch_add(1, std::memory_order_acq_rel) + 1; }
     /// Takes one; returns the new value.
     long operator--() { return m_lValue.fetch_sub(1, std::memory_order_acq_rel) - 1; }
     /// For reference counts: true, and the value 0, when the caller's reference is the only one.
@@ -200,8 +201,9 @@ class CCmAtomicOperationT<CCmMutexThread> {
         m_lValue.store(0, std::memory_order_relaxed);
         return true;
     }
-    /// The count; may be outdated when it is read.
-    long value() const { return m_lValue.load(std::memory_order_relaxed); }
+    /// The count; may be outdated when it is read. Acquire: a holder that finds 1 comes after what
+    /// the other holders did before they released, and may change what they have read.
+    long value() const { return m_lValue.load(std::memory_order_acquire); }
     /// The mutex that the counter names.
     CCmMutexThread& mutex() const { return *m_pMutex; }
 

@@ -58,8 +58,8 @@ CM_UTIL_EXPORT unsigned long xbase64_decode(unsigned char* aIn, unsigned long aL
 /// other byte '%' and its value in lower-case hexadecimal. A byte below 0x10 gives '%', one digit
 /// and a NUL, so that the text ends there for whoever reads it, although what follows is written
 /// after it. Input is taken while fewer than aOutSize characters have been written, so aOut must
-/// hold aOutSize + 3 bytes; with aOutSize of 0 or less only the terminator is written. Returns
-/// aOut.
+/// hold aOutSize + 3 bytes; with aOutSize of 0 or less, or a null aIn, only the terminator is
+/// written. Returns aOut; null when that is null.
 CM_UTIL_EXPORT char* url_string_encode(char* aIn, char* aOut, int aOutSize);
 
 /// Writes aValue in decimal into aBuf, NUL-terminated. A value of 0 or below gets a "-" in

@@ -15,8 +15,8 @@
 /// is refused. A capture whose destructor needs the target is therefore not a good idea.
 ///
 /// Refused means that the callable does not run: CM_ERROR_NOT_INITIALIZED (the target was stopped),
-/// CM_ERROR_OUT_OF_MEMORY, CM_ERROR_NULL_POINTER (the target has no queue of the kind that it
-/// takes, or is a worker that could not be created). Nothing else fails, nothing throws.
+/// CM_ERROR_OUT_OF_MEMORY, CM_ERROR_NULL_POINTER (the target lacks the queue that the call needs,
+/// or is a worker that could not be created). Nothing throws.
 /// \file
 #ifndef CM_EVENT_H
 #define CM_EVENT_H

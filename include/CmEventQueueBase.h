@@ -110,11 +110,10 @@ class CM_UTIL_EXPORT ICmEventQueue {
     /// OnDestorySelf may come later. On the queue's own thread both run at once, overtaking what is
     /// pending. Waits without limit on a queue that nobody runs; so two threads that send to each
     /// other wait for ever: send in one direction and post in the other. The watch (CmWatch.h) says
-    /// which threads do. CM_ERROR_NOT_AVAILABLE:
-    /// the event was ended without having run (its thread stopped first, or its queue ended), or
-    /// its thread was cancelled while it ran. CM_ERROR_FAILURE: the wait failed; the event runs or
-    /// ends later. Otherwise fails like PostEvent. A cancellation point; what a cancelled sender
-    /// has sent runs all the same.
+    /// which threads do. CM_ERROR_NOT_AVAILABLE: the event was ended without having run (its thread
+    /// stopped first, or its queue ended), or its thread was cancelled while it ran.
+    /// CM_ERROR_FAILURE: the wait failed; the event runs or ends later. Otherwise fails like
+    /// PostEvent. A cancellation point; what a cancelled sender has sent runs all the same.
     virtual CmResult SendEvent(ICmEvent* aEvent) = 0;
     /// How many events are pending; may be outdated when it is read.
     virtual DWORD GetPendingEventsCount() = 0;

@@ -150,8 +150,8 @@ class CM_UTIL_EXPORT CCmMessageBlock {
     static CCmMessageBlock* Disjoint(CCmMessageBlock* aMb, unsigned int aStart);
     /// Drops the empty blocks in front, freeing those that carry DUPLICATED (this may be one), and
     /// returns the first that is not empty, or null: the caller's new chain head. Refused, with
-    /// null, when m_bRtpChainedFlag is set on this block. A block in front
-    /// of a freed one loses its link to it.
+    /// null, when m_bRtpChainedFlag is set on this block. A block in front of a freed one loses its
+    /// link to it.
     CCmMessageBlock* ReclaimGarbage();
 
     /// All readable bytes; locked blocks contribute none. Empty when memory ran out.
@@ -191,6 +191,7 @@ class CM_UTIL_EXPORT CCmMessageBlock {
     /// Free bytes of this block.
     uint32_t GetTopLevelSpace() const;
     /// Whether its data block has other holders; memory of the caller's has none that are known.
+    /// After false, what others read of it has been read, and its bytes may be changed.
     bool IsShared() const {
         return m_pDataBlock.ParaIn() != nullptr && m_pDataBlock->GetReference() > 1;
     }

@@ -8,8 +8,8 @@
 ///         }
 ///     };
 ///     CCmResolver resolver;
-///     resolver.Resolve("media.example.org", pWorker->GetEventQueue(), new CAnswer,
-///     CCmTimeValue(5));
+///     ICmEventQueue* pQueue = pWorker->GetEventQueue();
+///     resolver.Resolve("media.example.org", pQueue, new CAnswer, CCmTimeValue(5));
 /// \file
 #ifndef CM_RESOLVER_H
 #define CM_RESOLVER_H

@@ -215,17 +215,19 @@ CM_UTIL_EXPORT CCmParsed CmParseUrlReference(std::string_view aText, CCmUrlParts
 CM_UTIL_EXPORT uint16_t CmUrlPort(const CCmUrlParts& aUrl);
 
 /// Puts parts together again. Turn m_bHasUserInfo off to print a URL where others read it.
-/// A path that would be taken for an authority or a scheme gets "/." or "./" in front.
+/// A path that would be taken for an authority or a scheme gets "/." or "./" in front. CM_OK or
+/// CM_ERROR_OUT_OF_MEMORY.
 CM_UTIL_EXPORT CmResult CmComposeUrl(const CCmUrlParts& aUrl, CCmString& aText);
 
-/// What aReference means where aBase, a URL with a scheme, is the document (RFC 3986, 5.2).
+/// What aReference means where aBase, a URL with a scheme, is the document (RFC 3986, 5.2). CM_OK
+/// or CM_ERROR_OUT_OF_MEMORY.
 CM_UTIL_EXPORT CmResult CmResolveUrl(const CCmUrlParts& aBase, const CCmUrlParts& aReference,
                                      CCmString& aText);
 
 /// The normal form of a URL with a scheme (RFC 3986, 6.2.2 and 6.2.3): scheme and host in lower
 /// case, percent-encoding in upper case and only where needed, "." and ".." resolved, IPv6
 /// addresses as RFC 5952 prints them, no empty or default port, "/" for an empty path after an
-/// authority. Two URLs with one normal form mean the same.
+/// authority. Two URLs with one normal form mean the same. CM_OK or CM_ERROR_OUT_OF_MEMORY.
 CM_UTIL_EXPORT CmResult CmNormalizeUrl(const CCmUrlParts& aUrl, CCmString& aText);
 
 /// What "+" in a text stands for: itself or, as in the queries of forms, a blank.
@@ -236,7 +238,7 @@ enum class CmPlus {
 /// "%41" becomes "A". The bytes may be any, NUL among them. On an error aText is as it was.
 CM_UTIL_EXPORT CCmParsed CmPercentDecode(std::string_view aEncoded, CCmString& aText,
                                          CmPlus aPlus = CmPlus::IS_PLUS);
-/// Encodes every byte but letters, digits, "-", ".", "_" and "~".
+/// Encodes every byte but letters, digits, "-", ".", "_" and "~". CM_OK or CM_ERROR_OUT_OF_MEMORY.
 CM_UTIL_EXPORT CmResult CmPercentEncode(std::string_view aText, CCmString& aEncoded);
 
 /// Takes the first of the parameters "name=value&name=value" off aQuery; false at the end. Still

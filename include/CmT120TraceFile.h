@@ -118,11 +118,12 @@ class CM_UTIL_EXPORT CCmT120TraceFileMgr {
     void* open(const char* aName, unsigned long aSizeLimit, unsigned char aShared,
                unsigned char aIgnored);
     /// Ends a record of this manager; anything else is left alone. No thread may be writing to it.
+    /// Waits for a thread that is in refresh_settings of a manager.
     void close(void* aRecord);
     /// Writes a line to aRecord, which is of this manager, as its write does; null is ignored.
     void write(void* aRecord, const char* aTag, const char* aModule, const char* aText);
-    /// Sets both for every record, as its refresh_settings does. Takes no lock of the manager: no
-    /// record may be closed meanwhile.
+    /// Sets both for every record, as its refresh_settings does. The mutex of the manager is not
+    /// held: records may be opened meanwhile.
     void refresh_settings(unsigned long aSizeLimit, int aFlushCount);
 
     /// Reads the filters from home + "conf/keltoexp.filter": up to 100 lines, each an extended

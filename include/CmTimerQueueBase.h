@@ -33,10 +33,12 @@ class ICmTimerQueue {
   public:
     /// Fires aEh after aInterval, and then every aInterval until it has fired aCount times; aCount
     /// 0 repeats without limit. aToken is handed back and not looked at. A pending timer of aEh is
-    /// replaced.
+    /// replaced. CM_OK; CM_ERROR_FOUND: scheduled, in place of a pending one; anything else: not
+    /// scheduled, as the queue's class says.
     virtual CmResult ScheduleTimer(ICmTimerHandler* aEh, void* aToken,
                                    const CCmTimeValue& aInterval, unsigned int aCount) = 0;
-    /// Drops the timer of aEh; no handler is called.
+    /// Drops the timer of aEh; no handler is called. CM_OK; CM_ERROR_NOT_FOUND: it has none;
+    /// CM_ERROR_INVALID_ARG: null.
     virtual CmResult CancelTimer(ICmTimerHandler* aEh) = 0;
     /// Drops what is pending and calls no handler.
     virtual ~ICmTimerQueue() = default;

@@ -53,8 +53,9 @@ constexpr const char* CmTraceLevelName(unsigned long aLevel) {
 ///
 /// To be called before threads that trace are started: it installs a sink (CmTrace.h), which
 /// filters nothing. A second call changes the file, and null gives the lines back to the trace
-/// facility; a file once opened stays open. CM_OK; CM_ERROR_FAILURE: the file cannot be opened;
-/// CM_ERROR_OUT_OF_MEMORY; the lines go where they went before then.
+/// facility; a file once opened stays open, by a record that no name of a host's finds. CM_OK;
+/// CM_ERROR_FAILURE: the file cannot be opened; CM_ERROR_OUT_OF_MEMORY; the lines go where they
+/// went before then.
 CM_UTIL_EXPORT CmResult CmTraceToFile(const char* aPath, unsigned long aSizeLimit = 0);
 
 }  // namespace UTIL_NS

@@ -9,7 +9,8 @@
 namespace UTIL_NS {
 
 /// How long something took, each time: microseconds. The three in the middle are at most a quarter
-/// too high, since they are the upper end of a range of lengths; the longest is exact.
+/// too high, since they are the upper end of a range of lengths, or the longest where they are
+/// beyond 29 s; the longest is exact.
 struct CCmWatchDistribution {
     uint64_t m_ullCount = 0;    ///< how many times
     uint64_t m_ullMedian = 0;   ///< half of them took no longer

@@ -3,8 +3,7 @@
 ///     CCmWorker worker(CCmWorkerOptions().Name("audio").OnStart([] { return OpenDevice(); }));
 ///     if (CM_FAILED(worker.Result())) { ... }       // a start-up function's result, too
 ///     CmPost(worker, [] { ... });                    // CmEvent.h
-///                                                    // the end of the scope stops, joins and
-///                                                    frees
+///     // the end of the scope stops, joins and frees
 ///
 /// CCmLoopThread is the base of a thread whose loop is the host's own.
 /// \file

@@ -4,9 +4,11 @@
 
 #include <algorithm>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "support/Chains.h"
+#include "support/Eventually.h"
 #include "support/Faults.h"
 
 namespace UTIL_NS {
@@ -119,6 +121,24 @@ TEST_F(CmBlockPieces, IsSharedAsksForOtherHolders) {
     char achMemory[4] = {};
     const CCmMessageBlock external(sizeof(achMemory), achMemory);
     EXPECT_FALSE(external.IsShared());
+}
+
+// What another thread has read of them it has read before.
+TEST_F(CmBlockPieces, BytesMayBeWritten_WhenIsSharedTellsThatNobodyElseHasThem) {
+    for (int i = 0; i < 20; ++i) {
+        CCmChainPtr pBlock = CmMakeBlock("text");
+        CCmChainPtr pCopy(pBlock->DuplicateTopLevel());
+        std::string sRead;
+        std::thread reader([&] {
+            sRead = pCopy->FlattenChained();
+            pCopy.reset();
+        });
+        EXPECT_TRUE(kelto_test::Eventually([&] { return !pBlock->IsShared(); }));
+        EXPECT_EQ(CM_OK, pBlock->Update(reinterpret_cast<const unsigned char*>("TEXT"), 4, 0));
+        reader.join();
+        EXPECT_EQ("text", sRead);
+        EXPECT_EQ("TEXT", pBlock->FlattenChained());
+    }
 }
 
 }  // namespace

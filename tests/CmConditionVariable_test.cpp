@@ -947,6 +947,24 @@ TEST(CmAtomicOperation, CountersNameOneMutexByDefault) {
     EXPECT_EQ(&mutex, &third.mutex());
 }
 
+TEST(CmAtomicOperation, CountingComesAfterWhatOthersDidBeforeTheyCounted) {
+    for (int i = 0; i < 20; ++i) {
+        CCmAtomicOperationT<CCmMutexThread> counter;
+        int nParts[2] = {};
+        int nSum = 0;
+        const auto count = [&](int aPart) {
+            nParts[aPart] = aPart + 1;
+            if (++counter == 2) {
+                nSum = nParts[0] + nParts[1];
+            }
+        };
+        std::thread other(count, 1);
+        count(0);
+        other.join();
+        EXPECT_EQ(3, nSum);
+    }
+}
+
 TEST(CmAtomicOperation, CountIsExact_WhenEightThreadsCount) {
     constexpr int ROUNDS = 20000;
     CCmAtomicOperationT<CCmMutexThread> counter;

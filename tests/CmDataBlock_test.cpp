@@ -199,5 +199,31 @@ TEST(CmDataBlockNoMalloc, WriteTraces_WhenItRefuses) {
               sink.lines()[1].text);
 }
 
+// Only what overwrites the object brings it there: its fields are the first byte, the end, the
+// position of reading and that of writing.
+TEST(CmDataBlockNoMalloc, CopiesNothingAndTraces_WhenItsPositionIsPastTheEnd) {
+    ScopedTraceSink sink;
+    char achMemory[4] = "abc";
+    char achOut[4] = "---";
+    CCmDataBlockNoMalloc cursor(achMemory, 2);
+    const char* const pchPast = achMemory + 3;
+    static_assert(sizeof(cursor) == 4 * sizeof(pchPast));
+    for (const size_t nField : {2, 3}) {
+        std::memcpy(reinterpret_cast<char*>(&cursor) + nField * sizeof(pchPast), &pchPast,
+                    sizeof(pchPast));
+    }
+    EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, cursor.Read(achOut, 1, nullptr));
+    EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, cursor.Write("x", 1, nullptr));
+    EXPECT_STREQ("---", achOut);
+    EXPECT_STREQ("abc", achMemory);
+    ASSERT_EQ(2u, sink.lines().size());
+    EXPECT_EQ(
+        "UTIL ERROR: source/util/CmUtilClasses.cpp:79 Assert failed: m_pCurrentRead <= m_pEnd",
+        sink.lines()[0].text);
+    EXPECT_EQ(
+        "UTIL ERROR: source/util/CmUtilClasses.cpp:99 Assert failed: m_pCurrentWrite <= m_pEnd",
+        sink.lines()[1].text);
+}
+
 }  // namespace
 }  // namespace UTIL_NS

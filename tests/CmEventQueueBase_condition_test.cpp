@@ -250,6 +250,31 @@ TEST(CmEventQueueUsingConditionVariable, WakesEveryConsumer_WhenSeveralWait) {
     EXPECT_EQ(static_cast<size_t>(CONSUMERS), log.ended().size());
 }
 
+TEST(CmEventQueueUsingConditionVariable, SignalsTheLastConsumer_WhenAnotherTookTheFirstEvent) {
+    EventLog log;
+    CCmEventQueueUsingConditionVariable queue;
+    WaitCounter counter;
+    std::atomic<int> nTook{0};
+    const auto consume = [&] {
+        Events events;
+        CCmTimeValue tvTimeout(20);
+        while (CM_FAILED(queue.PopOrWaitPendingEvents(events, &tvTimeout, 1))) {
+        }
+        ++nTook;
+        queue.ProcessEvents(events);
+    };
+    std::thread consumers[] = {std::thread(consume), std::thread(consume)};
+    EXPECT_TRUE(Eventually([] { return g_nWaits == 2; }));
+    Post(queue, log, 1, 1);
+    EXPECT_TRUE(Eventually([&] { return nTook == 1; }));
+    Post(queue, log, 2, 2);
+    EXPECT_EQ(2, g_nSignals.load());
+    for (std::thread& consumer : consumers) {
+        consumer.join();
+    }
+    EXPECT_EQ((Ids{1, 2}), log.fired());
+}
+
 std::atomic<int> g_nLocksHeldAtSignal{-1};
 int LockCheckingSignal(pthread_cond_t* aCondition) {
     g_nLocksHeldAtSignal = t_nLocksHeld;

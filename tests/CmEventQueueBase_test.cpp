@@ -511,8 +511,15 @@ TEST(CmEventQueueBase, EndsTheEvent_WhenItsConsumerEndsJustBeforeThePost) {
     EventLog log;
     CCmEventQueueUsingMutex polled;
     CCmEventQueueUsingConditionVariable waited;
+    CCmEventQueueUsingConditionVariable withSpareNodes;
+    for (int i = 0; i < 2; ++i) {  // the second pass makes those of the first spare
+        withSpareNodes.PostEvent(new EndingEvent([] {}), NORMAL);
+        Events events;
+        EXPECT_EQ(CM_OK, withSpareNodes.PopOrWaitPendingEvents(events, nullptr));
+        withSpareNodes.ProcessAndRecycleEvents(events);
+    }
     for (CCmEventQueueBase* pQueue :
-         {static_cast<CCmEventQueueBase*>(&polled), static_cast<CCmEventQueueBase*>(&waited)}) {
+         std::initializer_list<CCmEventQueueBase*>{&polled, &waited, &withSpareNodes}) {
         ICmEvent* pEvent = new LoggedEvent(log, 1);
         g_pQueueToStop = pQueue;
         {
@@ -522,7 +529,7 @@ TEST(CmEventQueueBase, EndsTheEvent_WhenItsConsumerEndsJustBeforeThePost) {
         }
         EXPECT_EQ(0u, pQueue->GetPendingEventsCount());
     }
-    EXPECT_EQ((Ids{1, 1}), log.ended());
+    EXPECT_EQ((Ids{1, 1, 1}), log.ended());
     EXPECT_EQ(Ids(), log.fired());
 }
 

@@ -397,6 +397,50 @@ TEST(CmFlightFile, GivesWayToMemory_WhenACallFails) {
     ExpectNoFile("mmap", ENODEV, Fault<&T::mmap, void*>(ENODEV, MAP_FAILED), 1);
 }
 
+// A call that fails may have unmapped what was at the fixed address.
+decltype(g_cmSystem.mmap) s_pfnMapPrivate = nullptr;
+int s_nFailingFlags = 0;
+
+void* MapUnlessShared(void* aAddress, size_t aSize, int aProtection, int aFlags, int aFile,
+                      off_t aOffset) {
+    if ((aFlags & s_nFailingFlags) != s_nFailingFlags) {
+        return s_pfnMapPrivate(aAddress, aSize, aProtection, aFlags, aFile, aOffset);
+    }
+    if ((aFlags & MAP_FIXED) != 0) {
+        munmap(aAddress, aSize);
+    }
+    errno = ENODEV;
+    return MAP_FAILED;
+}
+
+TEST(CmFlightFile, GivesWayToMemory_WhenTheCallThatMapsItUnmapsTheMemory) {
+    for (const int nFlags : {MAP_SHARED, MAP_SHARED | MAP_FIXED}) {
+        EXPECT_EQ(0, StatusOfChild([nFlags] {
+                      const ScopedDirectory directory;
+                      s_nFailingFlags = nFlags;
+                      s_pfnMapPrivate = g_cmSystem.mmap;
+                      const kelto_test::ScopedEntry<decltype(g_cmSystem.mmap)> entry(
+                          g_cmSystem.mmap, &MapUnlessShared);
+                      EXPECT_EQ(CM_ERROR_FAILURE,
+                                CCmFlight::Open(Options(directory.path().c_str())));
+                      EXPECT_TRUE(directory.names().empty());
+                      CCmFlightRing* const pRing = CCmFlight::AttachThisThread("in memory");
+                      ASSERT_NE(nullptr, pRing);
+                      pRing->Post(1, nullptr, pRing, nullptr);
+                      long long llUsec = 0;
+                      EXPECT_TRUE(pRing->FindPost(pRing, 1, llUsec));
+                      CCmFlight::Close();
+                  }));
+    }
+}
+
+// On some file systems a call that makes room ends when a signal comes, that of a profiler's timer.
+TEST(CmFlightFile, IsMade_WhenSignalsInterruptTheCallThatMakesRoom) {
+    const ScopedDirectory directory;
+    const auto pFault = Returned<&CCmSystemTable::posix_fallocate>(EINTR)(1, Failing::ONCE);
+    EXPECT_TRUE(FlightFile(PathOf(Options(directory.path().c_str()))).isValid);
+}
+
 // Beyond the limit the system sends a signal that ends the process.
 TEST(CmFlightFile, GivesWayToMemory_WhenTheProcessMayNotHaveFilesOfItsSize) {
     const ScopedDirectory directory;
@@ -533,6 +577,20 @@ TEST(CmFlightFile, GivesWayToMemory_WhenTheThreadHadBlockedAllSignals) {
         EXPECT_EQ(0, sigismember(&signals, SIGBUS));
         EXPECT_EQ(1, sigismember(&signals, SIGTERM)) << "no other";
     }).join();
+}
+
+// As a host's main thread does, which waits for signals and records nothing.
+TEST(CmFlightFile, GivesWayToMemory_WhenAThreadThatBlocksAllSignalsEndsIt) {
+    EXPECT_EQ(0, StatusOfChild([] {
+                  const ScopedFlight flight;
+                  sigset_t signals;
+                  sigfillset(&signals);
+                  EXPECT_EQ(0, pthread_sigmask(SIG_SETMASK, &signals, nullptr));
+                  ASSERT_EQ(0, truncate(flight.path().c_str(), 0));
+                  CCmFlight::Close();
+                  EXPECT_EQ(0, pthread_sigmask(SIG_SETMASK, nullptr, &signals));
+                  EXPECT_EQ(1, sigismember(&signals, SIGBUS)) << "it has them blocked again";
+              }));
 }
 
 TEST(CmFlightFile, IsCutOnce_WhenThreadsRecordAllTheTime) {

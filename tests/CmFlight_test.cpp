@@ -515,23 +515,53 @@ TEST(CmFlight, NamesThePoster_WhenItHasEndedAndAnotherHasItsRing) {
     EXPECT_STREQ("b", szPoster) << "the youngest of all threads";
     EXPECT_EQ(8, llUsec);
     EXPECT_FALSE(find(0x3000, pTable, 100));
-    // Its post is there still, its name is not.
-    post("overwritten", 0x4000, 30);
+    // The name of the thread before is known for as long as its post is there, those of earlier
+    // ones may be overwritten sooner.
+    post("earlier", 0x4000, 30);
+    post("the one before", 0x5000, 35);
     std::thread([&] {
         CCmFlightRing* const pRing = CCmFlight::AttachThisThread("overwrites");
-        const uint64_t ullHas = flight.ReadThread("overwrites").records.size();
-        EXPECT_LT(3u, ullHas);
+        EXPECT_LT(3u, flight.ReadThread("overwrites").records.size());
+        bool bIsForgotten = false;
         long long llThere = 0;
-        while (pRing->FindPost(Address(0x4000), 100, llThere)) {
-            ASSERT_TRUE(find(0x4000, pTable, 100));
-            if (*szPoster == '\0') {
-                return;
+        while (pRing->FindPost(Address(0x5000), 100, llThere)) {
+            ASSERT_TRUE(find(0x5000, pTable, 100));
+            EXPECT_STREQ("the one before", szPoster);
+            if (find(0x4000, pTable, 100)) {
+                bIsForgotten = bIsForgotten || *szPoster == '\0';
+                EXPECT_STREQ(bIsForgotten ? "" : "earlier", szPoster);
             }
-            EXPECT_STREQ("overwritten", szPoster);
             pRing->HighWater(40, 0, nullptr);
         }
-        ADD_FAILURE() << "the name was there for as long as the post";
+        EXPECT_TRUE(bIsForgotten) << "the name was there for as long as the post";
     }).join();
+}
+
+TEST(CmFlight, NamesThePoster_WhileThreadsComeAndGo) {
+    const ScopedFlight flight(256, 4);
+    CCmFlight::AttachThisThread("finds");
+    std::atomic<bool> bEnd{false};
+    std::thread others([&] {
+        for (int n = 1; !bEnd; ++n) {
+            std::thread([n] {
+                CCmFlightRing* const pRing =
+                    CCmFlight::AttachThisThread(("poster " + std::to_string(n % 64)).c_str());
+                pRing->Post(n, Address(0), Address(1 + n % 64), nullptr);
+            }).join();
+        }
+    });
+    int nFound = 0;
+    for (int i = 0; i < 2000 || nFound == 0; ++i) {
+        const uintptr_t nEvent = 1 + i % 64;
+        long long llUsec = 0;
+        char szPoster[CM_FLIGHT_NAME_SIZE] = {};
+        if (CCmFlight::FindPost(Address(nEvent), nullptr, nullptr, INT64_MAX, llUsec, szPoster)) {
+            ++nFound;
+            EXPECT_EQ("poster " + std::to_string(llUsec % 64), szPoster);
+        }
+    }
+    bEnd = true;
+    others.join();
 }
 
 // What is found is one that was posted, whatever the poster overwrites meanwhile.

@@ -203,6 +203,18 @@ TEST(CmLogStream, LevelFunctionFormatsTheWhole_WhenTheTextIsAsLongAsTheStackBuff
     }
 }
 
+TEST(CmLogStream, LevelFunctionDeliversNothing_WhenALongTextFindsNoMemory) {
+    ScopedTraceLibrary library;
+    {
+        FailingCall<&CCmSystemTable::malloc> fault(ENOMEM, nullptr);
+        EXPECT_EQ(1, ccu_trace_error("net", "%s %d", TextOfLength(1024).c_str(), 1));
+        EXPECT_EQ(1U, fault.calls());
+    }
+    EXPECT_TRUE(library.calls().empty());
+    ccu_trace_error("net", "next");
+    EXPECT_EQ(Texts{"next"}, library.texts());
+}
+
 TEST(CmLogStream, LevelFunctionDeliversUpToTheFirstNul) {
     for (size_t nBehind : {1u, 1100u, 3000u, 131072u}) {
         ScopedTraceLibrary library;
@@ -324,6 +336,17 @@ TEST(CmLogStream, StreamDeliversWhatWasInserted_WhenItEnds) {
     EXPECT_EQ("media", calls[0].module);
     EXPECT_FALSE(calls[0].prefixed);
     EXPECT_EQ("rate=48000 ff", calls[0].text);
+}
+
+TEST(CmLogStream, StreamDeliversWhatStandsBeforeItsPosition_WhenThatWasSetBack) {
+    ScopedTraceLibrary library;
+    {
+        ccu::logstream<char> stream(9, "media");
+        stream << "rate=48000";
+        stream.seekp(5);
+        stream << 44;
+    }
+    EXPECT_EQ(Texts{"rate=44"}, library.texts());
 }
 
 TEST(CmLogStream, StreamAsksForTheThresholdOnce) {
@@ -449,6 +472,31 @@ TEST(CmLogStream, YrktraStreamJoinsWhatWasWritten) {
     ASSERT_EQ(1u, library.calls().size());
     EXPECT_EQ("1 two three", library.calls()[0].text);
     EXPECT_EQ(5u, library.calls()[0].level);
+}
+
+// How many bytes a stream holds: its second field.
+unsigned long LengthOf(const ccu::YrktraStreamA& aStream) {
+    unsigned long ulLength;
+    std::memcpy(&ulLength, reinterpret_cast<const char*>(&aStream) + 8, sizeof(ulLength));
+    return ulLength;
+}
+
+TEST(CmLogStream, YrktraStreamHoldsNothing_WhenMemoryRunsOut) {
+    ScopedTraceLibrary library;
+    ccu::YrktraStreamA stream(5);
+    EXPECT_EQ(0U, LengthOf(stream));
+    stream.writestringa("text");
+    EXPECT_EQ(5U, LengthOf(stream));
+    {
+        FailingCall<&CCmSystemTable::malloc> fault(ENOMEM, nullptr);
+        stream.writestringa(" lost");
+    }
+    EXPECT_EQ(0U, LengthOf(stream));
+    stream.flusha("net");
+    EXPECT_TRUE(library.calls().empty());
+    stream.writestringa("next");
+    stream.flusha("net");
+    EXPECT_EQ(Texts{"next"}, library.texts());
 }
 
 TEST(CmLogStream, YrktraStreamTakesNothing_WhenTheTextIsNull) {
@@ -686,6 +734,21 @@ TEST(CmLogStream, LeadingIdHasNoMachine_WhenTheHostNameFailsAndNoneIsConfigured)
     EXPECT_EQ(0, StatusOfChild([] {
                   ScopedHome home;
                   FailingCall<&CCmSystemTable::gethostname> fault(EPERM);
+                  EXPECT_STREQ("C..", get_leading_id());
+              }));
+}
+
+// As a system does whose name is longer than the buffer.
+int HostNameThatIsCut(char* aName, size_t aSize) {
+    std::memset(aName, 'h', aSize);
+    errno = ENAMETOOLONG;
+    return -1;
+}
+
+TEST(CmLogStream, LeadingIdHasNoMachine_WhenTheHostNameIsCut) {
+    EXPECT_EQ(0, StatusOfChild([] {
+                  ScopedHome home;
+                  HostNameEntry entry(g_cmSystem.gethostname, HostNameThatIsCut);
                   EXPECT_STREQ("C..", get_leading_id());
               }));
 }

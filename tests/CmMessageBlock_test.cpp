@@ -1,5 +1,6 @@
 #include "CmMessageBlock.h"
 
+#include <cstdint>
 #include <cstring>
 #include <memory>
 #include <vector>
@@ -1018,6 +1019,20 @@ TEST_F(CmMessageBlock, Refuses_WhenASumWouldWrap) {
 }
 
 // --- memory running out
+
+TEST_F(CmMessageBlock, CombineSingleBufferAsksForMemory_UntilTheSumExceedsABlock) {
+    constexpr unsigned int MOST = UINT32_MAX;
+    char ch = 'x';
+    for (const unsigned int dwBeyond : {0U, 1U}) {
+        // Neither area is ever accessed.
+        CCmMessageBlock first(MOST - 1, &ch, 0, MOST - 1);
+        CCmMessageBlock second(1 + dwBeyond, &ch, 0, 1 + dwBeyond);
+        first.Append(&second);
+        ScopedAllocationFault fault(1, kelto_test::Failing::FROM_THERE_ON);
+        EXPECT_EQ(nullptr, first.CombineSingleBuffer());
+        EXPECT_EQ(dwBeyond == 0, fault.hit());
+    }
+}
 
 // Runs aOperation with its n-th allocation failing, for every n until none fails.
 template <class Operation>

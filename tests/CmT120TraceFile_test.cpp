@@ -23,6 +23,7 @@
 #include "support/ChildProcess.h"
 #include "support/Clock.h"
 #include "support/Faults.h"
+#include "support/Gate.h"
 #include "support/Home.h"
 
 namespace UTIL_NS {
@@ -342,7 +343,8 @@ TEST_F(CmT120TraceFile, WriteStillFlushes_WhenACutLineFilledTheBuffer) {
 }
 
 TEST_F(CmT120TraceFile, WriteSharedCutsNothing) {
-    for (size_t nLength : {1900u, 2000u, 2048u, 100000u}) {
+    const size_t nAround = Stamp().size() + 2;  // a blank and a line end
+    for (size_t nLength : {2047 - nAround, 2048 - nAround, 2049 - nAround, size_t{100000}}) {
         WriteEmptyTraceFile();
         CCmT120TraceFile file(m_sPath.c_str(), 0, 1, 0);
         file.attach();
@@ -363,6 +365,29 @@ TEST_F(CmT120TraceFile, WriteSharedCutsALongLine_WithoutMemoryForIt) {
     const std::string sStart = Stamp() + " ";
     EXPECT_EQ(Header(32 + 2047) + sStart + std::string(2046 - sStart.size(), 'x') + "\n" + MARKER,
               Content());
+}
+
+int g_nYear = 0;
+
+// A year later each time.
+tm* LocaltimeOfALateYear(const time_t* aTime, tm* aDate) {
+    tm* pDate = ::localtime_r(aTime, aDate);
+    aDate->tm_year = g_nYear++ - 1900;
+    return pDate;
+}
+
+// The line is composed once for its length, and once more where there is room.
+TEST_F(CmT120TraceFile, WriteSharedEndsALongLine_WhenItsStampGrowsMeanwhile) {
+    WriteEmptyTraceFile();
+    CCmT120TraceFile file(m_sPath.c_str(), 0, 1, 0);
+    file.attach();
+    kelto_test::ScopedEntry<decltype(g_cmSystem.localtime_r)> entry(g_cmSystem.localtime_r,
+                                                                    LocaltimeOfALateYear);
+    g_nYear = 9999;
+    file.write(nullptr, nullptr, std::string(3000, 'x').c_str());
+    const std::string sContent = Content();
+    EXPECT_NE(std::string::npos, sContent.find("/10000 "));
+    EXPECT_NE(std::string::npos, sContent.find(" " + std::string(2999, 'x') + "\n" + MARKER));
 }
 
 size_t g_nAllocated = 0;
@@ -556,6 +581,34 @@ TEST_F(CmT120TraceFile, WriteJoinsTransfers_WhenTheyAreShort) {
     }
 }
 
+unsigned long g_ulReads = 0;
+unsigned long g_ulWrites = 0;
+
+ssize_t CountingPread(int aFile, void* aBuffer, size_t aSize, off_t aOffset) {
+    ++g_ulReads;
+    return ::pread(aFile, aBuffer, aSize, aOffset);
+}
+
+ssize_t CountingPwrite(int aFile, const void* aText, size_t aSize, off_t aOffset) {
+    ++g_ulWrites;
+    return ::pwrite(aFile, aText, aSize, aOffset);
+}
+
+// It reads the header, and writes the lines, the marker and the header.
+TEST_F(CmT120TraceFile, WriteCallsTheSystemFourTimes_WhateverTheRecord) {
+    for (unsigned char bShared : {0, 1}) {
+        WriteEmptyTraceFile();
+        CCmT120TraceFile file(m_sPath.c_str(), 0, bShared, 0);
+        file.attach();
+        PreadEntry readEntry(g_cmSystem.pread, CountingPread);
+        PwriteEntry writeEntry(g_cmSystem.pwrite, CountingPwrite);
+        g_ulReads = g_ulWrites = 0;
+        file.write(nullptr, nullptr, "text");
+        EXPECT_EQ(1U, g_ulReads);
+        EXPECT_EQ(3U, g_ulWrites);
+    }
+}
+
 TEST_F(CmT120TraceFile, WriteGoesOn_WhenTruncationFails) {
     WriteFile(m_sPath, Header(100) + std::string(68, 'o'));
     CCmT120TraceFile file(m_sPath.c_str(), 100, 1, 0);
@@ -673,6 +726,30 @@ TEST_F(CmT120TraceFile, FilterStays_WhenTheFileIsMissingOrEmpty) {
     EXPECT_EQ(0, regex_match("net"));
 }
 
+// No host finds an expression there that was freed.
+TEST_F(CmT120TraceFile, FilterTableIsZero_WhenThereAreNoFilters) {
+    SetFilters("net\nmedia");
+    const char* const pchTable = reinterpret_cast<const char*>(re);
+    EXPECT_NE(std::string(sizeof(re), '\0'), std::string(pchTable, sizeof(re)));
+    SetFilters("(");
+    EXPECT_EQ(std::string(sizeof(re), '\0'), std::string(pchTable, sizeof(re)));
+}
+
+// The lowest descriptor that is free.
+int NextDescriptor() {
+    const int nFile = open("/dev/null", O_RDONLY);
+    close(nFile);
+    return nFile;
+}
+
+TEST_F(CmT120TraceFile, FilterLeavesNoFileOpen_WhateverTheFileHolds) {
+    const int nBefore = NextDescriptor();
+    for (const char* pszFilters : {"", "net", "("}) {
+        SetFilters(pszFilters);
+        EXPECT_EQ(nBefore, NextDescriptor()) << pszFilters;
+    }
+}
+
 TEST_F(CmT120TraceFile, FilterIsReplaced) {
     SetFilters("net");
     SetFilters("media");
@@ -712,12 +789,28 @@ TEST_F(CmT120TraceFile, FilterMatchesNothing_WhenTheModuleIsNull) {
     EXPECT_EQ(-1, regex_match(nullptr));
 }
 
-TEST_F(CmT120TraceFile, FilterFindsItsFile_WhenTheHomeHasNoSlashAtItsEnd) {
-    WriteFilters("net");
-    g_def_kelto_home_dir[std::strlen(g_def_kelto_home_dir) - 1] = '\0';
-    CCmT120TraceFileMgr::init_reg_filter();
-    std::strcat(g_def_kelto_home_dir, "/");
-    EXPECT_EQ(0, regex_match("net"));
+std::string g_sOpened;
+
+int OpenOfNothing(const char* aPath, int /*aFlags*/, mode_t /*aMode*/) {
+    g_sOpened = aPath;
+    errno = ENOENT;
+    return -1;
+}
+
+TEST_F(CmT120TraceFile, FilterPathHasASlashAfterTheHome_WhateverTheHome) {
+    const std::string sHome(g_def_kelto_home_dir);
+    const char* const CASES[][2] = {
+        {"", "/conf/keltoexp.filter"},        {"/", "/conf/keltoexp.filter"},
+        {"/a", "/a/conf/keltoexp.filter"},    {"/a/", "/a/conf/keltoexp.filter"},
+        {"/a//", "/a//conf/keltoexp.filter"},
+    };
+    for (const auto& path : CASES) {
+        std::strcpy(g_def_kelto_home_dir, path[0]);
+        kelto_test::ScopedEntry<decltype(g_cmSystem.open)> entry(g_cmSystem.open, OpenOfNothing);
+        CCmT120TraceFileMgr::init_reg_filter();
+        EXPECT_EQ(path[1], g_sOpened);
+    }
+    std::strcpy(g_def_kelto_home_dir, sHome.c_str());
 }
 
 TEST_F(CmT120TraceFile, FilterFindsItsFile_WhenTheHomeFillsItsArray) {
@@ -836,10 +929,71 @@ TEST_F(CmT120TraceFile, ManagerRefreshesEveryRecord) {
     }
 }
 
+kelto_test::Gate s_isWriting;
+kelto_test::Gate s_mayWriteOn;
+
+ssize_t PwriteThatWaits(int aFile, const void* aText, size_t aSize, off_t aOffset) {
+    s_isWriting.Open();
+    EXPECT_TRUE(s_mayWriteOn.Wait());
+    return ::pwrite(aFile, aText, aSize, aOffset);
+}
+
+// They go there without the mutex of the manager, and the trace facility may send them at any time.
+TEST_F(CmT120TraceFile, ManagerClosesNoRecord_WhileSettingsGoFromRecordToRecord) {
+    s_isWriting.Close();
+    s_mayWriteOn.Close();
+    const auto older = [this] {
+        return static_cast<CCmT120TraceFile*>(T120_Open_Trace_Dev(m_sPath.c_str(), 0, 0, 0));
+    };
+    ASSERT_EQ(CM_OK, older()->attach());
+    // The newer record is the first.
+    auto* pNewer = static_cast<CCmT120TraceFile*>(T120_Open_Trace_Dev(nullptr, 0, 0, 0));
+    ASSERT_EQ(CM_OK, pNewer->attach((m_sPath + ".newer").c_str()));
+    pNewer->refresh_settings(0, 2);
+    pNewer->write(nullptr, nullptr, "collected");
+    {
+        const PwriteEntry entry(g_cmSystem.pwrite, PwriteThatWaits);
+        std::thread refresher([] { T120_Refresh_Settings(0, 2); });
+        EXPECT_TRUE(s_isWriting.Wait());
+        std::thread closer([&] { T120_Close_Trace_Dev(older()); });
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        EXPECT_EQ(CM_ERROR_ALREADY_INITIALIZED, older()->attach());
+        s_mayWriteOn.Open();
+        refresher.join();
+        closer.join();
+    }
+    EXPECT_EQ(CM_OK, older()->attach()) << "a new record";
+    T120_Close_Trace_Dev(older());
+    T120_Close_Trace_Dev(pNewer);
+}
+
 TEST_F(CmT120TraceFile, ManagerReturnsNull_WhenMemoryRunsOut) {
     kelto_test::ScopedAllocationFault fault(1);
     EXPECT_EQ(nullptr, T120_Open_Trace_Dev("a", 0, 0, 0));
     EXPECT_TRUE(fault.hit());
+}
+
+TEST_F(CmT120TraceFile, ManagerFreesARecord_WhenItsNameFindsNoMemory) {
+    const long lLive = kelto_test::LiveAllocations();
+    FailingCall<&CCmSystemTable::strdup> fault(ENOMEM, nullptr);
+    EXPECT_EQ(nullptr, T120_Open_Trace_Dev("a", 0, 0, 0));
+    EXPECT_EQ(1U, fault.calls());
+    EXPECT_EQ(lLive, kelto_test::LiveAllocations());
+}
+
+long g_lSleptMs = 0;
+
+int RecordingNanosleep(const timespec* aTime, timespec* /*aRemain*/) {
+    g_lSleptMs += aTime->tv_sec * 1000 + aTime->tv_nsec / 1000000;
+    return 0;
+}
+
+TEST_F(CmT120TraceFile, ManagerGivesThreads200Milliseconds_WhenItEnds) {
+    kelto_test::ScopedEntry<decltype(g_cmSystem.nanosleep)> entry(g_cmSystem.nanosleep,
+                                                                  RecordingNanosleep);
+    g_lSleptMs = 0;
+    { CCmT120TraceFileMgr manager; }
+    EXPECT_EQ(200, g_lSleptMs);
 }
 
 TEST_F(CmT120TraceFile, ManagerWaitsAndFlushes_WhenItEnds) {

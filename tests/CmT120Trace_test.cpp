@@ -18,8 +18,10 @@
 #include "CmT120TraceFile.h"
 #include "CmTrace.h"
 #include "CmTraceLine.h"
+#include "CmTraceTap.h"
 #include "CmUtilClasses.h"
 #include "support/ChildProcess.h"
+#include "support/Clock.h"
 #include "support/Faults.h"
 #include "support/Gate.h"
 #include "support/Home.h"
@@ -201,6 +203,37 @@ TEST_F(CmT120Trace, TraceKeepsErrno) {
     EXPECT_EQ(1u, m_Library.calls().size());
 }
 
+struct TakenLine {
+    unsigned long level;
+    bool isFiltered;
+    std::string text;
+};
+
+std::vector<TakenLine> s_takenLines;
+
+void TakeLine(unsigned long aLevel, bool aIsFiltered, const char* aText, size_t aLength) {
+    s_takenLines.push_back({aLevel, aIsFiltered, std::string(aText, aLength)});
+}
+
+TEST_F(CmT120Trace, TraceHandsEveryLineToTheTapToo_WhileThereIsOne) {
+    std::unique_ptr<CCmT120Trace> pTrace = Load("");
+    s_takenLines.clear();
+    g_cmTraceTap.store(TakeLine);
+    Trace(*pTrace, 20, "on");
+    Trace(*pTrace, 25, "off");
+    pTrace->trace_string(0, nullptr);
+    g_cmTraceTap.store(nullptr);
+    Trace(*pTrace, 10, "later");
+    EXPECT_EQ((Texts{"on", "(null)", "later"}), m_Library.texts());
+    ASSERT_EQ(2U, s_takenLines.size());
+    EXPECT_EQ(20U, s_takenLines[0].level);
+    EXPECT_FALSE(s_takenLines[0].isFiltered);
+    EXPECT_EQ("on", s_takenLines[0].text);
+    EXPECT_EQ(25U, s_takenLines[1].level);
+    EXPECT_TRUE(s_takenLines[1].isFiltered);
+    EXPECT_EQ("off", s_takenLines[1].text);
+}
+
 TEST_F(CmT120Trace, HooksReturnAtOnce) {
     std::unique_ptr<CCmT120Trace> pTrace = Load("");
     char achText[] = "text";
@@ -213,6 +246,10 @@ TEST_F(CmT120Trace, HooksReturnAtOnce) {
 }
 
 // ---- Configuration
+
+TEST_F(CmT120Trace, LevelsAreOnAsInTheTable_BeforeLoad) {
+    EXPECT_EQ((std::vector<int>{0, 1, 10, 11, 12, 13, 20}), LevelsOn(*Create()));
+}
 
 TEST_F(CmT120Trace, ConfigHasTheDefaultsOfTheTable_WithoutAFile) {
     std::unique_ptr<CCmT120Trace> pTrace = Create();
@@ -295,6 +332,18 @@ TEST_F(CmT120Trace, ConfigHasNoSwitch_WhenALevelHasNoName) {
         Load("C.(null)=FALSE\nC.Module=net\nC.net.(null)=FALSE\nC.net.Error=FALSE\n");
     EXPECT_EQ((std::vector<int>{0, 1, 10, 11, 12, 13, 20, 27}), LevelsOn(*pTrace));
     EXPECT_EQ((std::vector<int>{1, 10, 11, 12, 13, 20, 27}), LevelsOn(*pTrace, "net"));
+}
+
+// Nor is one looked up whose key has the name that printf gives to null.
+TEST_F(CmT120Trace, ConfigHasNoSwitch_WithoutTheNameOfAModuleOrALevel) {
+    m_aTable[14].m_pszName = "(null)";
+    m_aTable[20].m_pszName = nullptr;
+    m_Home.WriteConfig("[Trace]\nC.Module=net,(null)\nC.(null).Error=FALSE\n");
+    std::unique_ptr<CCmT120Trace> pTrace = Create();
+    pTrace->load(nullptr);
+    EXPECT_EQ(0, pTrace->enable_trace_print(0, "(null)"));
+    EXPECT_EQ(1, pTrace->enable_trace_print(0, nullptr));
+    EXPECT_EQ(1, pTrace->enable_trace_print(20, "net"));
 }
 
 TEST_F(CmT120Trace, ConfigModuleDoesNotAffectTracing) {
@@ -386,6 +435,33 @@ TEST_F(CmT120Trace, ConfigIsThatOfTheAgent_WhenTheProcessIsNamedSo) {
 
 // ---- Trace file
 
+// What host code sees of an object: its first fields.
+template <typename Field>
+Field FieldAt(const void* aObject, size_t aOffset) {
+    Field field;
+    std::memcpy(&field, static_cast<const char*>(aObject) + aOffset, sizeof(field));
+    return field;
+}
+
+TEST_F(CmT120Trace, KeepsTheDayAndMonthOfItsConstruction_WhateverTheDayLater) {
+    const time_t START = 1100000000;
+    kelto_test::ScopedClock clock(START);
+    tm date = {};
+    ASSERT_NE(nullptr, localtime_r(&START, &date));
+    std::unique_ptr<CCmT120Trace> pTrace = Create();
+    clock.Set(START + 40 * 24 * 3600);
+    pTrace->load(nullptr);
+    EXPECT_EQ(date.tm_mday, FieldAt<int>(pTrace.get(), 72));
+    EXPECT_EQ(date.tm_mon + 1, FieldAt<int>(pTrace.get(), 76));
+}
+
+TEST_F(CmT120Trace, HasNoDayOfItsConstruction_WhenTheLocalTimeFails) {
+    kelto_test::FailingCall<&CCmSystemTable::localtime_r> fault(EOVERFLOW, nullptr);
+    std::unique_ptr<CCmT120Trace> pTrace = Create();
+    EXPECT_EQ(0, FieldAt<int>(pTrace.get(), 72));
+    EXPECT_EQ(0, FieldAt<int>(pTrace.get(), 76));
+}
+
 // The record that the facility opened, by its path.
 CCmT120TraceFile* RecordOf(const std::string& aPath) {
     return static_cast<CCmT120TraceFile*>(T120_Open_Trace_Dev(aPath.c_str(), 0, 0, 0));
@@ -452,6 +528,32 @@ TEST_F(CmT120Trace, FileIsLimitedByTheProcessName_WhenItHasAFileNameOfItsOwn) {
     T120_Close_Trace_Dev(pRecord);
 }
 
+std::string s_sLookedAt;
+unsigned long s_ulLimitMeanwhile = 0;
+int s_nFilesRead = 0;
+
+// Takes the limit of the facility's record when the configuration is read for the second time.
+int OpenThatLooksAtTheRecord(const char* aPath, int aFlags, mode_t aMode) {
+    if (++s_nFilesRead == 2) {
+        s_ulLimitMeanwhile = FieldAt<unsigned long>(RecordOf(s_sLookedAt), 32);
+    }
+    return open(aPath, aFlags, aMode);
+}
+
+// The first reading, before the record is opened, is of its limit alone.
+TEST_F(CmT120Trace, FileIsLimitedByItsOwnName_UntilTheConfigurationIsRead) {
+    m_Home.WriteConfig("[Trace]\nown.txt=2000\nC=3000\n");
+    s_sLookedAt = m_Home.path() + "/logs/own.txt";
+    std::unique_ptr<CCmT120Trace> pTrace = Create("own.txt", 1);
+    kelto_test::ScopedEntry<decltype(g_cmSystem.open)> entry(g_cmSystem.open,
+                                                             OpenThatLooksAtTheRecord);
+    s_nFilesRead = 0;
+    pTrace->load(nullptr);
+    EXPECT_EQ(2000U, s_ulLimitMeanwhile);
+    EXPECT_EQ(3000U, FieldAt<unsigned long>(RecordOf(s_sLookedAt), 32));
+    T120_Close_Trace_Dev(RecordOf(s_sLookedAt));
+}
+
 struct FlushCase {
     const char* value;
     int lines;
@@ -510,8 +612,9 @@ TEST_F(CmT120Trace, FileIsNamedAfterTheProcessOrAsGiven) {
     for (const auto& file : CASES) {
         std::unique_ptr<CCmT120Trace> pTrace = Create(file.fileName, file.single);
         pTrace->load(nullptr);
+        const auto dwRecords = FieldAt<uint32_t>(&g_trace_mgr, 8);  // ever opened
         CCmT120TraceFile* pRecord = RecordOf(file.path);
-        // A record that had not been there would be the newest, and not shared.
+        EXPECT_EQ(dwRecords, FieldAt<uint32_t>(&g_trace_mgr, 8)) << file.path;
         EXPECT_EQ(1, pRecord->is_same_file(file.path.c_str()));
         ASSERT_EQ(CM_OK, pRecord->attach());
         kelto_test::WriteFile(file.path, Header(32));
@@ -613,6 +716,15 @@ TEST_F(CmT120Trace, TraceDirEndsWithTheArrayOfTheHome) {
     EXPECT_EQ(sHome + "/logs", CCmT120Trace::get_trace_dir());
 }
 
+// Its text may be read by other threads, so it is not written again either.
+TEST_F(CmT120Trace, TraceDirIsLeftAlone_UntilTheHomeChanges) {
+    char* const pchLast = const_cast<char*>(CCmT120Trace::get_trace_dir()) + 511;
+    *pchLast = 'x';
+    EXPECT_EQ(m_Home.path() + "/logs", CCmT120Trace::get_trace_dir());
+    EXPECT_EQ('x', *pchLast);
+    *pchLast = '\0';
+}
+
 TEST_F(CmT120Trace, TraceDirKeepsTheDoubledSlash) {
     EXPECT_EQ(m_Home.path() + "/logs", CCmT120Trace::get_trace_dir());
     EXPECT_EQ("//logs", std::string(CCmT120Trace::get_trace_dir()).substr(12));
@@ -687,6 +799,25 @@ TEST_F(CmT120Trace, BundleLiesBesideTheLibrary_WhenThatHasAnExtension) {
     kelto_test::WriteFile(m_Home.path() + "a/b/c/libutil.so", "");
     EXPECT_TRUE(FindsABundle(m_aTable, m_Home.path() + "libutil.so"));
     EXPECT_FALSE(FindsABundle(m_aTable, m_Home.path() + "a/b/c/libutil.so"));
+}
+
+int DladdrThatFails(const void* /*aAddress*/, Dl_info* /*aInfo*/) {
+    return 0;
+}
+
+int AccessOfAnything(const char* /*aPath*/, int /*aMode*/) {
+    return 0;
+}
+
+TEST_F(CmT120Trace, BundleIsMissing_WhenTheLibraryHasNoPath) {
+    kelto_test::ScopedEntry<decltype(g_cmSystem.dladdr)> dladdrEntry(g_cmSystem.dladdr,
+                                                                     DladdrThatFails);
+    kelto_test::ScopedEntry<decltype(g_cmSystem.access)> accessEntry(g_cmSystem.access,
+                                                                     AccessOfAnything);
+    std::unique_ptr<CCmT120Trace> pTrace = Load("");
+    pTrace->Close();
+    Trace(*pTrace, 0, "text");
+    EXPECT_EQ(Texts{"text"}, m_Library.texts());
 }
 
 TEST_F(CmT120Trace, BundleLiesFourLevelsAboveTheLibrary_WhenThatHasNoExtension) {

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "CmThread.h"
+#include "CmTimerCancel.h"
 #include "support/Clock.h"
 #include "support/Faults.h"
 #include "support/RandomBytes.h"
@@ -490,6 +491,45 @@ TEST_F(CmTimerQueueCalendar, DropsTheNewestZeroTimer_WhenThereAreSeveral) {
     EXPECT_EQ(&nTokens[0], m_log[0].token);
 }
 
+// What is cancelled for good also loses the zero timer that CancelTimer does not find.
+TEST_F(CmTimerQueueCalendar, CancelLeavesTheZeroTimer_AfterOneWasCancelledForGood) {
+    CancelForGood(m_queue, Handler(0));
+    Schedule(0, 10);
+    Schedule(0, 0);
+    EXPECT_EQ(CM_ERROR_NOT_FOUND, Cancel(0));
+    m_events.RunAll();
+    EXPECT_EQ(std::vector<int>{0}, Ids(m_log));
+}
+
+// A queue of the host's, in whose CancelTimer another timer ends for good.
+TEST_F(CmTimerQueueCalendar, CancelsForGood_WhenAnotherTimerIsCancelledMeanwhile) {
+    class HostQueue : public ICmTimerQueue {
+      public:
+        HostQueue(CCmTimerQueueCalendar& aQueue, ICmTimerHandler* aOther)
+            : m_queue(aQueue), m_pOther(aOther) {}
+        virtual ~HostQueue() = default;
+        CmResult ScheduleTimer(ICmTimerHandler*, void*, const CCmTimeValue&,
+                               unsigned int) override {
+            return CM_ERROR_NOT_IMPLEMENTED;
+        }
+        CmResult CancelTimer(ICmTimerHandler* aEh) override {
+            CancelForGood(m_queue, m_pOther);
+            return m_queue.CancelTimer(aEh);
+        }
+
+      private:
+        CCmTimerQueueCalendar& m_queue;
+        ICmTimerHandler* const m_pOther;
+    } queue(m_queue, Handler(1));
+    for (int nId : {0, 1, 2}) {
+        Schedule(nId, 10);
+        Schedule(nId, 0);
+    }
+    EXPECT_EQ(CM_ERROR_NOT_FOUND, CancelForGood(queue, Handler(0)));
+    m_events.RunAll();
+    EXPECT_EQ(std::vector<int>{2}, Ids(m_log));
+}
+
 TEST_F(CmTimerQueueCalendar, TouchesNoOneElsesTimer_WhenAnEntryIsLeftOver) {
     Schedule(0, 10);
     Schedule(0, 0);
@@ -597,6 +637,19 @@ TEST_F(CmTimerQueueCalendar, FreesATimer_WhenItWaitsForItsEvent) {
         m_events.m_events.clear();
     }
     EXPECT_EQ(lLive, kelto_test::LiveAllocations());
+}
+
+TEST_F(CmTimerQueueCalendar, FreesATimer_WhenItIsCancelledForGood) {
+    m_events.m_priorities.reserve(1);
+    const long lLive = kelto_test::LiveAllocations();
+    {
+        CCmTimerQueueCalendar queue(10, 110, &m_events);
+        queue.ScheduleTimer(Handler(0), nullptr, Ms(0), 1);
+        EXPECT_EQ(CM_ERROR_NOT_FOUND, CancelForGood(queue, Handler(0)));
+        m_events.RunAll();
+    }
+    EXPECT_EQ(lLive, kelto_test::LiveAllocations());
+    EXPECT_TRUE(m_log.empty());
 }
 
 TEST_F(CmTimerQueueCalendar, FreesATimer_WhenItHasFired) {

@@ -4,8 +4,11 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <iterator>
+#include <list>
 #include <memory>
 #include <random>
+#include <utility>
 #include <vector>
 
 #include "support/Clock.h"
@@ -253,6 +256,134 @@ TEST_F(CmTimerQueueOrderedList, PopsALongListInOrder_WhateverTheTimes) {
     }
     CCmTimeValue tvEarliest;
     EXPECT_EQ(-1, list.GetEarliestTime_l(tvEarliest));
+}
+
+// The nodes of a list. The language lets an explicit instantiation name a private member.
+std::list<OpenList::CNode>& NodesOf(CCmTimerQueueOrderedList& aList);
+template <auto NODES>
+struct NodesAccess {
+    friend std::list<OpenList::CNode>& NodesOf(CCmTimerQueueOrderedList& aList) {
+        return aList.*NODES;
+    }
+};
+template struct NodesAccess<&CCmTimerQueueOrderedList::m_Nodes>;
+
+// While it lives, a search that comes by a node with one of these numbers ends there: a node before
+// the place that is looked for is due never, one after it was due long ago. The first and the last
+// node stay as they are.
+class ScopedTraps {
+  public:
+    ScopedTraps(OpenList& aList, size_t aPlace, size_t aFrom, size_t aTo) {
+        size_t nNode = 0;
+        for (OpenList::CNode& node : NodesOf(aList)) {
+            if (nNode >= std::max<size_t>(aFrom, 1) && nNode < aTo &&
+                nNode + 1 < NodesOf(aList).size()) {
+                m_saved.emplace_back(&node, node.m_tvExpired);
+                node.m_tvExpired = CCmTimeValue(nNode < aPlace ? INT64_MAX - 1 : INT64_MIN + 1);
+            }
+            ++nNode;
+        }
+    }
+    ~ScopedTraps() {
+        for (const auto& saved : m_saved) {
+            saved.first->m_tvExpired = saved.second;
+        }
+    }
+    ScopedTraps(const ScopedTraps&) = delete;
+    ScopedTraps& operator=(const ScopedTraps&) = delete;
+
+    size_t count() const { return m_saved.size(); }
+
+  private:
+    std::vector<std::pair<OpenList::CNode*, CCmTimeValue>> m_saved;
+};
+
+// The number of the node that comes first, from 0 on, with this handler.
+size_t NumberOf(OpenList& aList, const ICmTimerHandler* aEh) {
+    const std::list<OpenList::CNode>& nodes = NodesOf(aList);
+    const auto itNode = std::find_if(nodes.begin(), nodes.end(), [=](const OpenList::CNode& aNode) {
+        return aNode.m_pEh == aEh;
+    });
+    return static_cast<size_t>(std::distance(nodes.begin(), itNode));
+}
+
+TEST_F(CmTimerQueueOrderedList, LooksAtNoNodeFarFromThePlace_WhenTheListIsShort) {
+    constexpr size_t COUNT = 120;
+    constexpr size_t NEAR = 6;
+    std::vector<CountingHandler> handlers(COUNT);
+    OpenList list;
+    for (size_t i = 0; i < COUNT; ++i) {
+        ASSERT_EQ(0, list.PushNode_l(OpenList::Node(&handlers[i], 10 * static_cast<long>(i))));
+    }
+    for (const size_t nPlace : {NEAR - 1, COUNT - NEAR + 1}) {
+        ScopedTraps traps(list, nPlace, NEAR, COUNT - NEAR);
+        ASSERT_EQ(COUNT - 2 * NEAR, traps.count());
+        list.PushNode_l(OpenList::Node(m_handlers[0].get(), 10 * static_cast<long>(nPlace) - 5));
+        EXPECT_EQ(nPlace, NumberOf(list, m_handlers[0].get()));
+        list.EraseNode_l(m_handlers[0].get());
+    }
+}
+
+// A node each millisecond for four seconds, and some that are due never. The first 128 came when
+// the list was short, and have no mark.
+TEST_F(CmTimerQueueOrderedList, LooksAtNoNodeFarFromThePlace_WhenTheListIsLong) {
+    constexpr size_t COUNT = 4000;
+    constexpr size_t NEVER = 20;
+    constexpr size_t NEAR = 200;
+    std::vector<CountingHandler> handlers(COUNT);
+    std::vector<CountingHandler> handlersNever(NEVER);
+    OpenList list;
+    for (size_t i = 0; i < COUNT; ++i) {
+        OpenList::CNode node = OpenList::Node(&handlers[i], START);
+        node.m_tvExpired += CCmTimeValue(0, static_cast<long>(1000 * i));
+        ASSERT_EQ(0, list.PushNode_l(node));
+    }
+    for (size_t i = 0; i < NEVER; ++i) {
+        OpenList::CNode node = OpenList::Node(&handlersNever[i], 0);
+        node.m_tvExpired = CCmTimeValue::s_tvMax;
+        const ScopedTraps traps(list, COUNT, 0, COUNT - NEAR);
+        list.PushNode_l(node);
+        ASSERT_EQ(COUNT, NumberOf(list, &handlersNever[i]));
+    }
+    for (size_t nPlace = 1; nPlace < COUNT; nPlace += 37) {
+        const ScopedTraps before(list, nPlace, 0, nPlace > NEAR ? nPlace - NEAR : 0);
+        const ScopedTraps after(list, nPlace, nPlace + NEAR, COUNT + NEVER);
+        OpenList::CNode node = OpenList::Node(m_handlers[0].get(), START);
+        node.m_tvExpired += CCmTimeValue(0, static_cast<long>(1000 * nPlace - 500));
+        list.PushNode_l(node);
+        ASSERT_EQ(nPlace, NumberOf(list, m_handlers[0].get()));
+        list.EraseNode_l(m_handlers[0].get());
+    }
+}
+
+// The marks do not tell such times apart.
+TEST_F(CmTimerQueueOrderedList, LooksAtNoNodeFarFromThePlace_WhenTimesAreOfADistantFuture) {
+    constexpr size_t NEAR = 100;  // timers that are due soon
+    constexpr size_t COUNT = 200;
+    std::vector<CountingHandler> handlers(COUNT);
+    for (size_t nPlace = NEAR + 1; nPlace < COUNT; ++nPlace) {
+        OpenList list;
+        const auto fnTime = [](size_t aNode) {
+            return (aNode < NEAR ? 0 : INT64_MAX / 2) + 10 * static_cast<long>(aNode);
+        };
+        for (size_t i = 0; i < COUNT; ++i) {
+            ASSERT_EQ(0, list.PushNode_l(OpenList::Node(&handlers[i], fnTime(i))));
+        }
+        const ScopedTraps traps(list, nPlace, 0, NEAR);
+        list.PushNode_l(OpenList::Node(m_handlers[0].get(), fnTime(nPlace) - 5));
+        ASSERT_EQ(nPlace, NumberOf(list, m_handlers[0].get()));
+    }
+}
+
+// One mark in eight nodes, and at least sixteen marks in what is allocated for them at a time.
+TEST_F(CmTimerQueueOrderedList, HoldsLittleMemoryBesideItsNodes_WhenAListIsLong) {
+    constexpr long COUNT = 16384;
+    std::vector<CountingHandler> handlers(COUNT);
+    const long lLive = kelto_test::LiveAllocations();
+    for (long i = 0; i < COUNT; ++i) {
+        m_queue.ScheduleTimer(&handlers[static_cast<size_t>(i)], nullptr, Ms(i + 1), 1);
+    }
+    EXPECT_GE(COUNT + COUNT / 8 / 16, kelto_test::LiveAllocations() - lLive);
 }
 
 TEST_F(CmTimerQueueOrderedList, KeepsTheOrder_WhenALongListRunsOutOfMemory) {

@@ -76,12 +76,13 @@ TEST(CCmSpareMapNodesT, InsertsInOrder_WhateverTheHint) {
     MapNodes spares;
     std::map<int, int> map;
     for (const int nKey : {5, 1, 9, 3, 7}) {
-        spares.Insert(map, map.begin(), nKey, 10 * nKey);
+        spares.Insert(map, map.begin(), nKey)->second = 10 * nKey;
     }
     spares.Keep(map, map.find(3));
     spares.Keep(map, map.find(5));
-    const auto itNode = spares.Insert(map, map.end(), 4, 40);
+    const auto itNode = spares.Insert(map, map.end(), 4);
     EXPECT_EQ(4, itNode->first);
+    itNode->second = 40;
     EXPECT_EQ((std::map<int, int>{{1, 10}, {4, 40}, {7, 70}, {9, 90}}), map);
 }
 
@@ -90,14 +91,14 @@ TEST(CCmSpareMapNodesT, NeedsNoMemory_WhenThereWereAsManyKeysBefore) {
     MapNodes spares;
     std::map<int, int> map;
     for (int i = 0; i < COUNT; ++i) {
-        spares.Insert(map, map.end(), i, i);
+        spares.Insert(map, map.end(), i);
     }
     const unsigned long ulBefore = AllocationsOfThisThread();
     while (!map.empty()) {
         spares.Keep(map, map.begin());
     }
     for (int i = 0; i < COUNT; ++i) {
-        spares.Insert(map, map.end(), -i, i);
+        spares.Insert(map, map.end(), -i);
     }
     EXPECT_EQ(ulBefore, AllocationsOfThisThread());
     EXPECT_EQ(static_cast<size_t>(COUNT), map.size());
@@ -108,7 +109,7 @@ TEST(CCmSpareMapNodesT, KeepsNodes_WithoutMemory) {
     std::map<int, int> map;
     for (int nMost = 1; nMost < 200; ++nMost) {
         while (static_cast<int>(map.size()) < nMost) {
-            spares.Insert(map, map.end(), static_cast<int>(map.size()), 0);
+            spares.Insert(map, map.end(), static_cast<int>(map.size()));
         }
         ScopedAllocationFault fault(1, Failing::FROM_THERE_ON);
         while (!map.empty()) {
@@ -121,13 +122,13 @@ TEST(CCmSpareMapNodesT, KeepsNodes_WithoutMemory) {
 TEST(CCmSpareMapNodesT, ChangesNothing_WhenMemoryRunsOut) {
     MapNodes spares;
     std::map<int, int> map;
-    spares.Insert(map, map.end(), 1, 10);
+    spares.Insert(map, map.end(), 1)->second = 10;
     unsigned long ulNth = 0;
     bool bHit = true;
     while (bHit) {
         ScopedAllocationFault fault(++ulNth);
         try {
-            spares.Insert(map, map.end(), 2, 20);
+            spares.Insert(map, map.end(), 2)->second = 20;
         } catch (const std::bad_alloc&) {
             EXPECT_EQ((std::map<int, int>{{1, 10}}), map) << ulNth;
         }
@@ -142,8 +143,8 @@ TEST(CCmSpareMapNodesT, FreesWhatItKept_WhenItEnds) {
     {
         MapNodes spares;
         std::map<int, int> map;
-        spares.Insert(map, map.end(), 1, 1);
-        spares.Insert(map, map.end(), 2, 2);
+        spares.Insert(map, map.end(), 1);
+        spares.Insert(map, map.end(), 2);
         spares.Keep(map, map.begin());
     }
     EXPECT_EQ(lLive, LiveAllocations());

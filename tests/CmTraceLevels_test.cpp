@@ -10,6 +10,7 @@
 #include <sstream>
 #include <string>
 
+#include "CmT120TraceFile.h"
 #include "support/Faults.h"
 #include "support/TraceSink.h"
 
@@ -67,6 +68,15 @@ TEST_F(CmTraceToFileTest, WritesTheLinesOfTheLibrary) {
     EXPECT_EQ(std::string::npos, Content().find("elsewhere"));
 }
 
+TEST_F(CmTraceToFileTest, TakesTheNewSizeLimit_WhenTheFileIsTheSame) {
+    ASSERT_EQ(CM_OK, CmTraceToFile(m_sPath.c_str()));
+    ASSERT_EQ(CM_OK, CmTraceToFile(m_sPath.c_str(), 2048));
+    for (int i = 0; i < 100; ++i) {
+        CmAssertFailed("file.cpp", i, "bGood");
+    }
+    EXPECT_GT(2048u + 512, Content().size());
+}
+
 TEST_F(CmTraceToFileTest, ChangesNothing_WhenTheFileCannotBeOpened) {
     ScopedTraceSink sink;
     const UtilTraceSink pfnBefore = g_util_trace_sink;
@@ -77,9 +87,49 @@ TEST_F(CmTraceToFileTest, ChangesNothing_WhenTheFileCannotBeOpened) {
 TEST_F(CmTraceToFileTest, ChangesNothing_WhenMemoryRunsOut) {
     ScopedTraceSink sink;
     const UtilTraceSink pfnBefore = g_util_trace_sink;
-    const ScopedAllocationFault fault(1);
-    EXPECT_EQ(CM_ERROR_OUT_OF_MEMORY, CmTraceToFile(m_sPath.c_str()));
-    EXPECT_EQ(pfnBefore, g_util_trace_sink.load());
+    unsigned long ulNth = 1;
+    for (bool bHit = true; bHit; ++ulNth) {
+        const ScopedAllocationFault fault(ulNth);
+        const CmResult rv = CmTraceToFile(m_sPath.c_str());
+        bHit = fault.hit();
+        EXPECT_EQ(bHit, CM_FAILED(rv)) << ulNth;
+        EXPECT_EQ(bHit, pfnBefore == g_util_trace_sink) << ulNth;
+    }
+    EXPECT_LT(3u, ulNth);
+}
+
+// What a host may do with records of its own, which the manager finds by the same path.
+TEST_F(CmTraceToFileTest, LeavesAHostsRecordAlone_WhenTheFileCannotBeOpened) {
+    const char* const pszPath = "/no such directory/file";
+    void* const hRecord = T120_Open_Trace_Dev(pszPath, 0, 1, 0);
+    ASSERT_NE(nullptr, hRecord);
+    EXPECT_EQ(CM_ERROR_FAILURE, CmTraceToFile(pszPath));
+    // Takes the memory of a record that was freed.
+    void* const hOther = T120_Open_Trace_Dev(nullptr, 0, 1, 0);
+    EXPECT_EQ(hRecord, T120_Open_Trace_Dev(pszPath, 0, 1, 0));
+    T120_Close_Trace_Dev(hOther);
+    T120_Close_Trace_Dev(T120_Open_Trace_Dev(pszPath, 0, 1, 0));
+}
+
+TEST_F(CmTraceToFileTest, GoesOn_WhenAHostClosesItsRecordOfTheFile) {
+    ASSERT_EQ(CM_OK, CmTraceToFile(m_sPath.c_str()));
+    CmAssertFailed("first.cpp", 1, "too early");
+    T120_Close_Trace_Dev(T120_Open_Trace_Dev(m_sPath.c_str(), 0, 1, 0));
+    CmAssertFailed("file.cpp", 12, "bGood");
+    EXPECT_NE(std::string::npos, Content().find("file.cpp:12 Assert failed: bGood\n"));
+}
+
+TEST_F(CmTraceToFileTest, WritesToTheFile_WhenAHostsRecordOfThatNameWritesElsewhere) {
+    auto* pRecord = static_cast<CCmT120TraceFile*>(T120_Open_Trace_Dev(m_sPath.c_str(), 0, 1, 0));
+    ASSERT_NE(nullptr, pRecord);
+    const std::string sElsewhere = m_sPath + ".elsewhere";
+    ASSERT_EQ(CM_OK, pRecord->attach(sElsewhere.c_str()));
+    EXPECT_EQ(CM_OK, CmTraceToFile(m_sPath.c_str()));
+    CmAssertFailed("first.cpp", 1, "too early");
+    CmAssertFailed("file.cpp", 12, "bGood");
+    EXPECT_NE(std::string::npos, Content().find("file.cpp:12 Assert failed: bGood\n"));
+    T120_Close_Trace_Dev(pRecord);
+    unlink(sElsewhere.c_str());
 }
 
 }  // namespace

@@ -4,16 +4,21 @@
 #include <string>
 
 #include "CmConfigReader.h"
+#include "CmEvent.h"
 #include "CmWatch.h"
+#include "CmWorker.h"
 #include "support/ChildProcess.h"
 #include "support/Home.h"
+#include "support/Watch.h"
 #include "support/Workers.h"
 
 namespace UTIL_NS {
 namespace {
 
 using kelto_test::EndProcess;
+using kelto_test::FiguresAtRest;
 using kelto_test::ScopedHome;
+using kelto_test::ScopedWatch;
 using kelto_test::StatusOfChild;
 using kelto_test::TaskThread;
 
@@ -67,6 +72,24 @@ TEST(CCmWatch, IsStartedByTheSnapshotAlone_WhenTheHostHasOne) {
     };
     EXPECT_TRUE(isOnWith("[Watch]\nEnable = 1\nRecord = 0\n", ""));
     EXPECT_FALSE(isOnWith("", "[Watch]\nEnable = 1\nRecord = 0\n"));
+}
+
+// Starts are numbered, and the first counts as any other.
+TEST(CCmWatch, CountsWhatOthersAndTheWorkerItselfPost_WhenItIsStartedForTheFirstTime) {
+    EXPECT_EQ(0, StatusOfChild([] {
+                  CCmWorker worker;
+                  const ScopedWatch watch;
+                  for (int i = 0; i < 3; ++i) {
+                      CmCall(worker, [&worker] {
+                          CmPost(worker, [] {});
+                          CmPost(worker, [] {});
+                      });
+                  }
+                  const CCmWorkerFigures figures = FiguresAtRest(worker);
+                  EXPECT_EQ(9U, figures.m_ullPosted);
+                  EXPECT_EQ(9U, figures.m_ullRun);
+                  EXPECT_EQ(9U, figures.m_Run.m_ullCount);
+              }));
 }
 
 }  // namespace

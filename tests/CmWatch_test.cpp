@@ -18,6 +18,8 @@
 #include <vector>
 
 #include "CmEvent.h"
+#include "CmFlight.h"
+#include "CmSystem.h"
 #include "CmThread.h"
 #include "CmTimerQueueCalendar.h"
 #include "CmTimerQueueOrderedList.h"
@@ -45,6 +47,7 @@ using kelto_test::FiguresAtRest;
 using kelto_test::FiguresOf;
 using kelto_test::FlightFile;
 using kelto_test::FlightRecord;
+using kelto_test::FlightThread;
 using kelto_test::Gate;
 using kelto_test::LiveAllocations;
 using kelto_test::NamelessEvent;
@@ -603,6 +606,8 @@ TEST(CCmWatch, KeepsItsFigures_WhenItIsStopped) {
     CmCall(sleeper, [] {});
     EXPECT_EQ(asleep.m_ullAsleep, FiguresOf(sleeper).m_ullAsleep);
     const CCmWorkerFigures after = FiguresOf(worker);
+    EXPECT_EQ(0U, after.m_Run.m_ullCount);  // it ended later
+    EXPECT_EQ(before.m_ullInEvents, after.m_ullInEvents);
     EXPECT_EQ(2U, after.m_ullPosted);
     EXPECT_EQ(1U, after.m_ullRun);
     EXPECT_EQ(1U, after.m_ullPending);
@@ -751,6 +756,40 @@ TEST(CCmWatch, CountsWhatIsPendingAsPosted_WhenItIsStartedAgainDuringAnEvent) {
     EXPECT_EQ(2U, figures.m_ullPending);
     go.Open();
     EXPECT_EQ(2U, FiguresAtRest(worker).m_ullRun);
+}
+
+// What runs when the watch is started does not count, however it goes on.
+TEST(CCmWatch, CountsNothingOfTheEventThatRuns_WhenItIsStartedAgainDuringThat) {
+    Gate next;
+    CCmTimeValue tvAgain;
+    CCmWorker worker(Named("restarted"));
+    const ScopedWatch watch;
+    CmPost(worker, [&] {
+        TakeLong();
+        CCmWatch::Stop();
+        tvAgain = CCmTimeValue::GetTimeOfDay();
+        EXPECT_EQ(CM_OK, CCmWatch::Start(CCmWatchOptions().Record(false)));
+        CmPost(worker, [&next] { next.Open(); });
+    });
+    ASSERT_TRUE(next.Wait());
+    const CCmWorkerFigures figures = FiguresAtRest(worker);
+    EXPECT_EQ(1U, figures.m_ullPosted);
+    EXPECT_EQ(1U, figures.m_ullRun);
+    EXPECT_EQ(1U, figures.m_Run.m_ullCount);
+    EXPECT_GE(static_cast<uint64_t>(CmUsecOf(CCmTimeValue::GetTimeOfDay() - tvAgain)),
+              figures.m_ullInEvents);
+}
+
+TEST(CCmWatch, CountsNoSend_WhenItIsStartedAgainDuringThat) {
+    CCmWorker worker(Named("answers"));
+    const ScopedWatch watch;
+    CmCall(worker, [] {
+        CCmWatch::Stop();
+        EXPECT_EQ(CM_OK, CCmWatch::Start(CCmWatchOptions().Record(false)));
+    });
+    EXPECT_EQ(0U, CmEnsureWatchedThread()->m_Sends.Copy().m_ullCount);
+    CmCall(worker, [] {});
+    EXPECT_EQ(1U, CmEnsureWatchedThread()->m_Sends.Copy().m_ullCount);
 }
 
 TEST(CCmWatch, TellsHowLongEventsRunAndWhatTheLongestWas) {
@@ -1031,6 +1070,83 @@ TEST(CCmWatch, TheRecordingCallsAThreadByItsName_WhenItTracedBeforeItHadOne) {
     CCmWatch::Stop();
 }
 
+TEST(CCmWatch, RecordsAThreadThatFoundNoPlace_WhenAnotherHasEnded) {
+    const ScopedDirectory directory;
+    ASSERT_EQ(CM_OK,
+              CCmWatch::Start(
+                  CCmWatchOptions().Directory(directory.path().c_str()).Threads(4).Lines(false)));
+    char szPath[1024];
+    EXPECT_EQ(CM_OK, CCmWatch::GetRecording(szPath, sizeof(szPath)));
+    {
+        // There may be more than four places, if a test before has kept them.
+        Gate end;
+        std::atomic<int> nThere{0};
+        std::atomic<bool> bFull{false};
+        std::vector<std::thread> threads;
+        while (!bFull) {
+            threads.emplace_back([&] {
+                bFull = CCmFlight::AttachThisThread("has a place") == nullptr;
+                ++nThere;
+                end.Wait();
+            });
+            ASSERT_TRUE(Eventually([&] { return nThere == static_cast<int>(threads.size()); }));
+        }
+        CCmWorker late(Named("came late"));
+        CmPost(late, [] {});
+        FiguresAtRest(late);
+        EXPECT_EQ(0u, FlightFile(szPath).Named("came late").size());
+        end.Open();
+        for (std::thread& thread : threads) {
+            thread.join();
+        }
+        late.GetEventQueue()->PostEvent(new CNothing, ICmEventQueue::EPRIORITY_NORMAL);
+        FiguresAtRest(late);
+        const FlightFile file(szPath);
+        EXPECT_EQ(1u, file.Named("came late").size());
+        for (const FlightThread* pThread : file.Named("came late")) {
+            EXPECT_EQ(1, std::count_if(pThread->records.begin(), pThread->records.end(),
+                                       [](const FlightRecord& aRecord) {
+                                           return aRecord.kind == CCmFlightUnit::EVENT;
+                                       }));
+        }
+    }
+    CCmWatch::Stop();
+}
+
+// What is called when a thread ends comes in the order of its keys, round by round.
+decltype(g_cmSystem.pthread_setspecific) s_pfnSetSpecific = nullptr;
+thread_local const CCmWatchedThread* t_pEnding = nullptr;
+std::atomic<int> s_nGivenBack{0};
+
+int SetSpecific(pthread_key_t aKey, const void* aValue) {
+    if (aValue == nullptr && t_pEnding != nullptr) {
+        ++s_nGivenBack;
+        EXPECT_EQ(nullptr, t_pEnding->Ring()) << "another thread may have it from now on";
+    }
+    return s_pfnSetSpecific(aKey, aValue);
+}
+
+TEST(CCmWatch, LetsGoOfItsRecordsBeforeAnotherThreadGetsThem_WhenItComesWhileItsThreadEnds) {
+    const ScopedDirectory directory;
+    const ScopedTraceSink sink;
+    ASSERT_EQ(CM_OK, CCmWatch::Start(CCmWatchOptions().Directory(directory.path().c_str())));
+    CmEnsureWatchedThread();  // so that the keys of the library come before that of the test
+    pthread_key_t key = 0;
+    ASSERT_EQ(0, pthread_key_create(&key, [](void*) { t_pEnding = CmEnsureWatchedThread(); }));
+    s_pfnSetSpecific = g_cmSystem.pthread_setspecific;
+    {
+        const kelto_test::ScopedEntry<decltype(g_cmSystem.pthread_setspecific)> entry(
+            g_cmSystem.pthread_setspecific, &SetSpecific);
+        std::thread([&] {
+            pthread_setspecific(key, &key);
+            util_adapter_trace(0, "a line", 6);
+        }).join();
+    }
+    EXPECT_EQ(1, s_nGivenBack);
+    pthread_key_delete(key);
+    CCmWatch::Stop();
+}
+
 TEST(CCmWatch, ForgetsThreadsThatHaveEnded) {
     const ScopedWatch watch;
     const auto count = [] {
@@ -1301,6 +1417,20 @@ TEST(CCmWatch, TakesNoTimeOfOthersForATimers_WhenItIsTurnedOnAgainInTheSamePass)
         EXPECT_TRUE(CCmWatch::IsOn());
     }
     EXPECT_EQ(0U, sink.count(", watch, "));
+}
+
+TEST(CCmWatch, CountsNothingOfTheTimerThatRuns_WhenItIsStartedAgainDuringThat) {
+    CSwitchHandler again([] {
+        TakeLong();
+        CCmWatch::Stop();
+        EXPECT_EQ(CM_OK, CCmWatch::Start(CCmWatchOptions().Record(false)));
+        CmEnsureWatchedThread();
+    });
+    const ScopedWatch watch;
+    FireInOnePass({&again});
+    EXPECT_EQ(0U, CmWatchedThread()->m_ullTimersFired.Get());
+    EXPECT_EQ(0U, CmWatchedThread()->m_Late.Copy().m_ullCount);
+    EXPECT_EQ(0U, CmWatchedThread()->m_ullInTimers.Get());
 }
 
 TEST(CCmWatch, SaysNothing_WhileItIsOff) {

@@ -8,8 +8,6 @@
 #include <algorithm>
 #include <atomic>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <memory>
 #include <random>
 #include <set>
@@ -34,6 +32,7 @@ using kelto_test::EMoment;
 using kelto_test::FaultOf;
 using kelto_test::Gate;
 using kelto_test::NumberedText;
+using kelto_test::ReadFile;
 using kelto_test::ScopedCallHook;
 using kelto_test::ScopedClock;
 using kelto_test::ScopedEntry;
@@ -45,11 +44,6 @@ constexpr unsigned long LIMIT = 400;  // bytes: a shared file starts again after
 
 using PwriteEntry = ScopedEntry<decltype(g_cmSystem.pwrite)>;
 using PreadEntry = ScopedEntry<decltype(g_cmSystem.pread)>;
-
-std::string ReadFile(const std::string& aPath) {
-    std::ifstream file(aPath, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
-}
 
 struct Way {
     const char* name;

@@ -7,8 +7,6 @@
 
 #include <atomic>
 #include <cstdio>
-#include <fstream>
-#include <iterator>
 #include <set>
 #include <string>
 #include <thread>
@@ -28,6 +26,7 @@ using kelto_test::EndProcess;
 using kelto_test::FaultOf;
 using kelto_test::NumberedFile;
 using kelto_test::NumberedText;
+using kelto_test::ReadFile;
 using kelto_test::ScopedCallHook;
 using kelto_test::ScopedHome;
 using kelto_test::TraceLineId;
@@ -144,13 +143,6 @@ Ids ReadIds(int aPipe) {
         ids.insert({achId[0], achId[1]});
     }
     return ids;
-}
-
-// ---- What must be true of the file
-
-std::string ReadFile(const std::string& aPath) {
-    std::ifstream file(aPath, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
 }
 
 // ---- The test

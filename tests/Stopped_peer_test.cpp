@@ -7,8 +7,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <fstream>
-#include <iterator>
 #include <memory>
 #include <set>
 #include <string>
@@ -34,16 +32,12 @@ using kelto_test::EndProcess;
 using kelto_test::Eventually;
 using kelto_test::Gate;
 using kelto_test::NumberedText;
+using kelto_test::ReadFile;
 using kelto_test::ScopedCallHook;
 using kelto_test::ScopedEntry;
 using kelto_test::ScopedHome;
 using kelto_test::StatusOfChild;
 using kelto_test::WriteFile;
-
-std::string ReadFile(const std::string& aPath) {
-    std::ifstream file(aPath, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
-}
 
 std::string Header(long aPosition) {
     std::string sHeader = std::to_string(aPosition);

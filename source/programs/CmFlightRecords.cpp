@@ -222,21 +222,39 @@ class CRingDecoder {
     int64_t m_llEnd = 0;  // of the thread's last event or timer
 };
 
-// A post of an event's address, the youngest before it ran; the address may be used again later.
+// Posts of an event's address that have not led to an event yet, the latest ones: those of one
+// time, as their clock stands still for some milliseconds in which the address may be used again.
+struct CPosts {
+    uint32_t first;
+    uint32_t last;
+};
+
+// Which post led to an event: of those the first.
 void FindPosts(CCmFlightRecords* aRecords) {
-    std::unordered_map<uint64_t, uint32_t> posts;
-    for (uint32_t i = 0; i < aRecords->records.size(); ++i) {
-        CCmFlightRecord& record = aRecords->records[i];
+    std::vector<CCmFlightRecord>& records = aRecords->records;
+    std::unordered_map<uint64_t, CPosts> posts;  // by address
+    std::vector<uint32_t> next(records.size(), CM_NO_RECORD);
+    for (uint32_t i = 0; i < records.size(); ++i) {
+        CCmFlightRecord& record = records[i];
         if (record.kind == ECmRecord::POST) {
-            posts[record.object] = i;
+            const auto [post, bIsNew] = posts.try_emplace(record.object, CPosts{i, i});
+            if (!bIsNew && records[post->second.last].usec == record.usec) {
+                next[post->second.last] = i;
+                post->second.last = i;
+            } else {
+                post->second = {i, i};
+            }
         } else if (record.kind == ECmRecord::EVENT) {
             const auto post = posts.find(record.object);
-            if (post == posts.end() || aRecords->records[post->second].table != record.table) {
+            if (post == posts.end() || records[post->second.first].table != record.table) {
                 continue;
             }
-            record.post = post->second;
-            aRecords->queues[aRecords->records[post->second].queue] = record.thread;
-            posts.erase(post);
+            record.post = post->second.first;
+            aRecords->queues[records[record.post].queue] = record.thread;
+            post->second.first = next[record.post];
+            if (post->second.first == CM_NO_RECORD) {
+                posts.erase(post);
+            }
         }
     }
 }

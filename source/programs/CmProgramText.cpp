@@ -351,6 +351,11 @@ std::string CmShortClassName(std::string_view aClassName) {
     return strOut.empty() ? std::string(aClassName) : strOut;
 }
 
+bool CmPutOut(std::string_view aText) {
+    return std::fwrite(aText.data(), 1, aText.size(), stdout) == aText.size() &&
+           std::fflush(stdout) == 0;
+}
+
 int64_t CmNowUsec() {
     return std::chrono::duration_cast<std::chrono::microseconds>(
                std::chrono::system_clock::now().time_since_epoch())
@@ -463,9 +468,11 @@ bool CmReadTime(std::string_view aText, int64_t aDayUsec, int64_t* aUsec) {
     if (time.tm_hour > 23 || time.tm_min > 59 || llSecondsUsec >= 61 * USEC_PER_SEC) {
         return false;
     }
+    const int nDay = time.tm_mday;
     const std::time_t tSeconds = std::mktime(&time);
     *aUsec = static_cast<int64_t>(tSeconds) * USEC_PER_SEC + llSecondsUsec;
-    return tSeconds != static_cast<std::time_t>(-1);
+    // A month that has no such day is counted on into the next one.
+    return tSeconds != static_cast<std::time_t>(-1) && time.tm_mday == nDay;
 }
 
 }  // namespace UTIL_NS

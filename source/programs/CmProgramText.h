@@ -49,6 +49,9 @@ std::string CmFormat(const char* aFormat, Args... aArgs) {
     return strText;
 }
 
+// Writes to standard output, and has it there. False: not all of it could be written.
+bool CmPutOut(std::string_view aText);
+
 // The wall clock.
 int64_t CmNowUsec();
 // Local time, "2026-11-22 09:30:00.000001"; the number itself where there is no such time.
@@ -65,8 +68,7 @@ std::string CmCountText(uint64_t aCount);
 bool CmReadNumber(std::string_view aText, uint64_t aMax, uint64_t* aNumber);
 // Seconds with up to six figures after the point, as microseconds. False: they are none.
 bool CmReadSeconds(std::string_view aText, int64_t* aUsec);
-// "[YYYY-MM-DD ]HH:MM[:SS[.FRACTION]]" in local time, its date that of aDayUsec where it has none,
-// or
+// "[YYYY-MM-DD ]HH:MM[:SS[.FRACTION]]" in local time, without a date on the day of aDayUsec, or
 // "@SECONDS[.FRACTION]" since 1970. False: it is none.
 bool CmReadTime(std::string_view aText, int64_t aDayUsec, int64_t* aUsec);
 

@@ -64,8 +64,14 @@ bool Enter() {
     return tcsetattr(STDIN_FILENO, TCSAFLUSH, &now) == 0 && Write(ENTER);
 }
 
-// Calls nothing that a signal handler may not.
-void Leave() {
+// Calls nothing that a signal handler may not. aLetsGo: of a terminal that the user holds (Ctrl-S),
+// which would hold up a process that a signal ends. To start what was not stopped by this call has
+// no effect.
+void Leave(bool aLetsGo) {
+    if (aLetsGo) {
+        tcflow(STDOUT_FILENO, TCOOFF);
+        tcflow(STDOUT_FILENO, TCOON);
+    }
     const ssize_t nWritten = write(STDOUT_FILENO, LEAVE, sizeof(LEAVE) - 1);
     static_cast<void>(nWritten);  // nothing is left to do where it fails
     tcsetattr(STDIN_FILENO, TCSANOW, &s_before);
@@ -85,7 +91,7 @@ void OnSize(int /*aSignal*/) {
 
 // The signal comes again, with what it does by default.
 void OnCrash(int aSignal) {
-    Leave();
+    Leave(true);
     raise(aSignal);
 }
 
@@ -138,7 +144,7 @@ CCmTopScreen::CCmTopScreen() {
 }
 
 CCmTopScreen::~CCmTopScreen() {
-    Leave();
+    Leave(s_nEnd != 0);
     for (const int nSignal : CRASHES) {
         Handle(nSignal, SIG_DFL, 0);
     }
@@ -184,7 +190,7 @@ CCmTopScreen::EWhat CCmTopScreen::Wait(int64_t aUsec, char* aKey) {
     }
     if (s_bStop != 0) {
         s_bStop = 0;
-        Leave();
+        Leave(false);
         kill(getpid(), SIGSTOP);
         Enter();
         return EWhat::SIZE;

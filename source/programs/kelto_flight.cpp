@@ -93,6 +93,10 @@ int Misused(const std::string& aWhat) {
     return Complain(aWhat + "; --help tells more", 2);
 }
 
+int Say(const std::string& aText) {
+    return CmPutOut(aText) ? 0 : Complain("standard output: cannot be written", 1);
+}
+
 // What text goes to; standard output, or a file that is made.
 class COutput final : public ICmTextSink {
   public:
@@ -131,12 +135,13 @@ int List(const std::string& aDirectory) {
     if (!CmListRecordings(aDirectory, &files, &strError)) {
         return Complain(strError, 1);
     }
+    std::string strList;
     for (const CCmRecording& file : files) {
-        std::printf("%s %llu %s %s %s\n", CmPrintable(file.process).c_str(),
-                    static_cast<unsigned long long>(file.pid), CmTimeText(file.startUsec).c_str(),
-                    file.isLive ? "runs" : "over", CmPrintable(file.path).c_str());
+        strList += CmPrintable(file.process) + " " + std::to_string(file.pid) + " " +
+                   CmTimeText(file.startUsec) + (file.isLive ? " runs " : " over ") +
+                   CmPrintable(file.path) + "\n";
     }
-    return std::fflush(stdout) == 0 ? 0 : Complain("standard output: cannot be written", 1);
+    return Say(strList);
 }
 
 // Fills in the file where none is given. False: there is none, as aError says.
@@ -224,7 +229,12 @@ bool IsCalledLikeRecording(const std::string& aPath) {
 int Run(int aCount, char** aValues) {
     CArguments arguments;
     arguments.directory = CmRecordingDirectory();
-    for (int nOption = 0; (nOption = getopt_long(aCount, aValues, "", OPTIONS, nullptr)) != -1;) {
+    int nIndex = 0;
+    for (int nOption = 0; (nOption = getopt_long(aCount, aValues, "", OPTIONS, &nIndex)) != -1;) {
+        // As of a variable that a script has not set.
+        if (nOption != '?' && OPTIONS[nIndex].has_arg == required_argument && *optarg == '\0') {
+            return Misused(std::string("--") + OPTIONS[nIndex].name + " is empty");
+        }
         ECmRecord eKind = ECmRecord::EVENT;
         switch (nOption) {
             case THREAD:
@@ -261,11 +271,9 @@ int Run(int aCount, char** aValues) {
                 arguments.directory = optarg;
                 break;
             case HELP_TEXT:
-                std::fputs(HELP, stdout);
-                return 0;
+                return Say(HELP);
             case VERSION:
-                std::puts("kelto-flight " KELTO_PROGRAM_VERSION);
-                return 0;
+                return Say("kelto-flight " KELTO_PROGRAM_VERSION "\n");
             default:
                 return 2;
         }
@@ -275,11 +283,17 @@ int Run(int aCount, char** aValues) {
     }
     if (optind < aCount) {
         arguments.file = aValues[optind];
+        if (arguments.file.empty()) {
+            return Misused("the name of the file is empty");
+        }
     }
     for (const std::string& strOut : {arguments.json, arguments.svg}) {
         if (IsCalledLikeRecording(strOut)) {
             return Misused("'" + CmPrintable(strOut) + "' is called like a recording");
         }
+    }
+    if (!arguments.json.empty() && arguments.json == arguments.svg) {
+        return Misused("'" + CmPrintable(arguments.json) + "' is to have both");
     }
     return arguments.isList ? List(arguments.directory) : Show(arguments);
 }

@@ -82,6 +82,10 @@ int Misused(const std::string& aWhat) {
     return Complain(aWhat + "; --help tells more", 2);
 }
 
+int Say(const std::string& aText) {
+    return CmPutOut(aText) ? 0 : Complain("standard output: cannot be written", 1);
+}
+
 std::string Described(const CCmRecording& aFile) {
     return CmPrintable(aFile.process) + " " + std::to_string(aFile.pid);
 }
@@ -226,14 +230,9 @@ class CTop {
     }
 
     int Print() const {
-        const std::string strText =
-            m_Arguments.isJson
-                ? CmTopJson(m_Reading, m_Arguments.order) + "\n"
-                : CmTopTable(m_Reading, m_Arguments.order, Columns(), ALL_ROWS, false);
-        const bool bGood =
-            std::fwrite(strText.data(), 1, strText.size(), stdout) == strText.size() &&
-            std::fflush(stdout) == 0;
-        return bGood ? 0 : Complain("standard output: cannot be written", 1);
+        return Say(m_Arguments.isJson
+                       ? CmTopJson(m_Reading, m_Arguments.order) + "\n"
+                       : CmTopTable(m_Reading, m_Arguments.order, Columns(), ALL_ROWS, false));
     }
 
     std::string Table(const CCmTopScreen& aScreen, const CCmTopOrder& aOrder) const {
@@ -291,7 +290,12 @@ int Show(const CArguments& aArguments) {
 int Run(int aCount, char** aValues) {
     CArguments arguments;
     arguments.directory = CmRecordingDirectory();
-    for (int nOption = 0; (nOption = getopt_long(aCount, aValues, "", OPTIONS, nullptr)) != -1;) {
+    int nIndex = 0;
+    for (int nOption = 0; (nOption = getopt_long(aCount, aValues, "", OPTIONS, &nIndex)) != -1;) {
+        // As of a variable that a script has not set.
+        if (nOption != '?' && OPTIONS[nIndex].has_arg == required_argument && *optarg == '\0') {
+            return Misused(std::string("--") + OPTIONS[nIndex].name + " is empty");
+        }
         switch (nOption) {
             case ONCE:
                 arguments.isOnce = true;
@@ -315,11 +319,9 @@ int Run(int aCount, char** aValues) {
                 arguments.directory = optarg;
                 break;
             case HELP_TEXT:
-                std::fputs((HELP + CmTopColumnHelp() + MORE_HELP).c_str(), stdout);
-                return 0;
+                return Say(HELP + CmTopColumnHelp() + MORE_HELP);
             case VERSION:
-                std::puts("kelto-top " KELTO_PROGRAM_VERSION);
-                return 0;
+                return Say("kelto-top " KELTO_PROGRAM_VERSION "\n");
             default:
                 return 2;
         }
@@ -333,6 +335,9 @@ int Run(int aCount, char** aValues) {
     }
     if (optind < aCount) {
         arguments.process = aValues[optind];
+        if (arguments.process.empty()) {
+            return Misused("the name of the process is empty");
+        }
     }
     return Show(arguments);
 }

@@ -1,6 +1,6 @@
 // Memory of small objects that one thread makes and another ends; internal.
 //
-// Events, the wrappers of synchronous sends, message blocks and small data blocks come from here.
+// Events, the wrappers of synchronous sends and small data blocks come from here.
 // Blocks travel back from the thread that frees to the thread that allocates in magazines of up to
 // MAGAZINE_BLOCKS, so that most allocations and releases touch nothing that another thread uses.
 //

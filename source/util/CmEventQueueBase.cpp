@@ -46,7 +46,7 @@ constexpr size_t SPARES_AT_MOST = 16384;
 constexpr size_t SPARES_OF_LOOP = 16;
 
 // Waits of a consumer are numbered from 1.
-constexpr DWORD NO_WAIT = 0;
+constexpr uint64_t NO_WAIT = 0;
 
 // How long a sender looks out for its result, and a loop for that sender's next post, before they
 // sleep: as long as it takes to wake a thread on an idle core.
@@ -216,9 +216,6 @@ class CCmEventQueueSteps::CPosting {
         }
         // Before the event is there: the watch may begin with what is.
         m_pWatched = CmWatchIsOn() ? Watched_l(m_Queue) : nullptr;
-        if (CM_UNLIKELY(m_pWatched != nullptr && !m_bIsRecorded)) {
-            m_bIsWayBack = See(m_pEvent).m_bIsWayBack;
-        }
         m_Queue.m_Events.splice(m_Queue.m_Events.end(), aNodes, aNodes.begin());
         m_Queue.m_Events.back() = m_pEvent;
         const DWORD dwSize = m_Queue.m_dwSize.load(std::memory_order_relaxed) + 1;
@@ -281,17 +278,15 @@ class CCmEventQueueSteps::CPosting {
     // takes long.
     void Record() {
         EnsureWatched(m_Queue);
-        m_bIsRecorded = true;
         CCmFlightRing* const pRing = RingOfThisThread();
         const CSeenEvent seen = See(m_pEvent);
-        m_bIsWayBack = seen.m_bIsWayBack;
-        if (pRing != nullptr && !m_bIsWayBack) {
+        if (pRing != nullptr && !seen.m_bIsWayBack) {
             pRing->Post(CmUsecOf(CCmTimeValue(m_tvCoarseNow)), seen.m_pTable, m_pEvent, &m_Queue);
         }
     }
     void CountWatched(bool aIsAwaited, DWORD aOwn) {
         CCmWatchedQueue& watched = *m_pWatched;
-        if (m_bIsWayBack) {
+        if (See(m_pEvent).m_bIsWayBack) {
             watched.m_dwWaysBack.Add(1);
             return;
         }
@@ -315,8 +310,6 @@ class CCmEventQueueSteps::CPosting {
     DWORD m_dwReportSize = 0;               // the size to report; 0: nothing
     DWORD m_dwMark = 0;                     // a high-water mark to record; 0: none
     CCmWatchedQueue* m_pWatched = nullptr;  // since Append
-    bool m_bIsRecorded = false;             // the watch was on before the lock was taken
-    bool m_bIsWayBack = false;              // of a synchronous send
 };
 
 void CCmEventQueueSteps::LearnTableOfSends() {
@@ -463,8 +456,7 @@ class CCmEventQueueSteps::CPass {
     void RunAndDestroy(ICmEvent* aEvent) {
         CM_ASSERTE_RETURN(aEvent, void());
         // An event within this pass may have turned the watch off, and on again.
-        if (CM_UNLIKELY(m_pWatched != nullptr &&
-                        m_dwStart == g_cmWatchOn.load(std::memory_order_relaxed))) {
+        if (CM_UNLIKELY(m_pWatched != nullptr && CmWatchIsOnSince(m_dwStart))) {
             RunWatched(aEvent);
             return;
         }
@@ -549,8 +541,8 @@ void CCmEventQueueSteps::CPass::BeginWatch() {
         return;
     }
     pWatched->SetConsumer(pThread);
-    m_dwStart = g_cmWatchOn.load(std::memory_order_relaxed);
-    if (pWatched->m_dwTakenStart == m_dwStart && pWatched->IsOwnOf(m_dwStart)) {
+    m_dwStart = pWatched->OwnStart();
+    if (pWatched->m_dwTakenStart == m_dwStart) {
         m_pWatched = pWatched;
         m_Run.Enter(pThread);
     }
@@ -577,8 +569,9 @@ void CCmEventQueueSteps::CPass::RunWatched(ICmEvent* aEvent) {
     }
     const CCmTimeValue tvElapsed = FireAndEnd(aEvent);
     const long long llRan = CmUsecOf(tvElapsed);
+    const bool bIsOnSince = CmWatchIsOnSince(m_dwStart);
     if (bCounts) {
-        if (CM_UNLIKELY(thread.m_Run.Add(llRan))) {
+        if (bIsOnSince && CM_UNLIKELY(thread.m_Run.Add(llRan))) {
             thread.m_pLongest.Set(seen.m_pTable);
         }
         if (CCmFlightRing* const pRing = thread.Ring()) {
@@ -586,7 +579,7 @@ void CCmEventQueueSteps::CPass::RunWatched(ICmEvent* aEvent) {
                          m_pWatched->PendingAfter(m_dwStart, llRan));
         }
     }
-    if (m_Run.IsOutermost()) {
+    if (bIsOnSince && m_Run.IsOutermost()) {
         thread.m_ullInEvents.Add(static_cast<uint64_t>(std::max(llRan, 0LL)));
     }
     if (CM_UNLIKELY(tvElapsed > CCmEventQueueBase::s_tvReportInterval)) {
@@ -1154,22 +1147,22 @@ class CCmEventQueueUsingConditionVariable::CConditionQueueState {
             return CM_OK;
         }
         CCmEventQueueSteps::CPosting posting(m_Queue, aEvent);
-        DWORD dwWait = NO_WAIT;
+        uint64_t ullWait = NO_WAIT;
         CmResult rv = posting.Prepare(m_dwSpares.load(std::memory_order_relaxed) == 0);
         if (CM_SUCCEEDED(rv)) {
             CCmScopedLockT<CCmMutexThread> lock(m_Queue.m_Mutex);
             rv = Append_l(posting);
             if (CM_SUCCEEDED(rv)) {
-                dwWait = WaitToSignal_l();
-                posting.Count(dwWait != NO_WAIT,
+                ullWait = WaitToSignal_l();
+                posting.Count(ullWait != NO_WAIT,
                               pLoop != nullptr ? CCmEventQueueSteps::OwnCount(m_Queue) : 0);
             }
             if (pLoop != nullptr) {
                 pLoop->NoteWatch();
             }
         }
-        if (dwWait != NO_WAIT) {
-            Signal(dwWait);
+        if (ullWait != NO_WAIT) {
+            Signal(ullWait);
         }
         posting.Conclude(rv);
         return rv;
@@ -1286,43 +1279,37 @@ class CCmEventQueueUsingConditionVariable::CConditionQueueState {
     // for, is not taken for one of the next wait.
     void EnterWait_l() CM_REQUIRES(m_Queue.m_Mutex) {
         ++m_dwWaiters;
-        Renumber_l();
+        ++m_ullWait;
     }
     void LeaveWait_l() CM_REQUIRES(m_Queue.m_Mutex) {
         if (--m_dwWaiters > 0) {
-            Renumber_l();  // the last signal may have been for this one: the others need another
+            ++m_ullWait;  // the last signal may have been for this one: the others need another
         }
-    }
-    void Renumber_l() CM_REQUIRES(m_Queue.m_Mutex) {
-        if (++m_dwWait == NO_WAIT) {
-            ++m_dwWait;
-        }
-        m_dwSignalled.store(NO_WAIT, std::memory_order_relaxed);
     }
     // The wait that a post has to signal, or NO_WAIT. One that has been signalled needs no second
     // signal. Only a signal that has been given counts: a poster that is about to give one may be
     // held up for any time. Acquire, paired with the release in Signal, which stores the number
     // after the signal was given.
-    DWORD WaitToSignal_l() const CM_REQUIRES(m_Queue.m_Mutex) {
+    uint64_t WaitToSignal_l() const CM_REQUIRES(m_Queue.m_Mutex) {
         const bool bIsSignalled =
-            m_dwWaiters == 1 && m_dwSignalled.load(std::memory_order_acquire) == m_dwWait;
-        return m_dwWaiters == 0 || bIsSignalled ? NO_WAIT : m_dwWait;
+            m_dwWaiters == 1 && m_ullSignalled.load(std::memory_order_acquire) == m_ullWait;
+        return m_dwWaiters == 0 || bIsSignalled ? NO_WAIT : m_ullWait;
     }
     // After the lock was released: the consumer does not wake up only to find it taken. A signal
     // that fails for good is left to the next post.
-    void Signal(DWORD aWait) {
+    void Signal(uint64_t aWait) {
         int nError = 0;
         if (CCmConditionSteps::SignalSurely(m_Queue.m_Condition, nError)) {
-            m_dwSignalled.store(aWait, std::memory_order_release);
+            m_ullSignalled.store(aWait, std::memory_order_release);
         }
         CCmConditionSteps::SignalResult(m_Queue.m_Condition, nError);
     }
 
     CCmEventQueueUsingConditionVariable& m_Queue;
-    DWORD m_dwWaiters CM_GUARDED_BY(m_Queue.m_Mutex) = 0;     // consumers inside the wait
-    DWORD m_dwWait CM_GUARDED_BY(m_Queue.m_Mutex) = NO_WAIT;  // the number of the latest wait
-    CmStd::atomic<DWORD> m_dwSignalled{NO_WAIT};              // the last wait that was signalled
+    DWORD m_dwWaiters CM_GUARDED_BY(m_Queue.m_Mutex) = 0;  // consumers inside the wait
     CmStd::atomic<DWORD> m_dwSpares{0};  // the size of m_Spares, as a hint for posts (relaxed)
+    uint64_t m_ullWait CM_GUARDED_BY(m_Queue.m_Mutex) = NO_WAIT;   // the number of the latest wait
+    CmStd::atomic<uint64_t> m_ullSignalled{NO_WAIT};               // the last that was signalled
     std::list<ICmEvent*> m_Spares CM_GUARDED_BY(m_Queue.m_Mutex);  // nodes for coming posts
     std::list<ICmEvent*> m_Spent;  // consumer thread only: nodes that are to become spare
 };

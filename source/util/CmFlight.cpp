@@ -37,6 +37,9 @@ struct COwner {
     uint64_t m_ullFirst = 0;
     uint64_t m_ullOrder = 0;  // of those that have ended, the least did first
     char m_szName[CM_FLIGHT_NAME_SIZE] = {};
+    // Of the one before, for who has found a post of it in the ring.
+    uint64_t m_ullFirstBefore = 0;
+    char m_szNameBefore[CM_FLIGHT_NAME_SIZE] = {};
 };
 
 struct CThisThread {
@@ -223,11 +226,17 @@ void SayWhyThereIsNone(const CCmFlightFile& aFile) {
 // Guards the state below.
 CM_CONSTANT_INIT CCmEternalLockT<CCmMutexThread> s_Lock;
 
-// Holds the lock. The thread is not cancelled, and what it traces is not taken.
+// Holds the lock. The thread is not cancelled, and what it traces is not taken. Bus errors reach
+// it, as the file may be cut at any time: in here, and for as long as it has a ring.
 class CM_SCOPED_CAPABILITY CHold {
   public:
-    CHold() CM_ACQUIRE(s_Lock.m_Lock) : m_Lock(s_Lock.m_Lock) {}
-    ~CHold() CM_RELEASE() {}
+    CHold() CM_ACQUIRE(s_Lock.m_Lock)
+        : m_Lock(s_Lock.m_Lock), m_bBlocksBusErrors(CmPortUnblockBusErrors()) {}
+    ~CHold() CM_RELEASE() {
+        if (m_bBlocksBusErrors && t_this.m_pRing == nullptr) {
+            CmPortBlockBusErrors();
+        }
+    }
     CHold(const CHold&) = delete;
     CHold& operator=(const CHold&) = delete;
 
@@ -242,6 +251,7 @@ class CM_SCOPED_CAPABILITY CHold {
     CCmTraceGuard m_Guard;
     CBusy m_Busy;
     CCmScopedLockT<CCmMutexThread> m_Lock;
+    const bool m_bBlocksBusErrors;
 };
 
 }  // namespace
@@ -267,6 +277,11 @@ struct CCmFlight::CState {
     COwner& OwnerOf(const CCmFlightRing& aRing) const CM_REQUIRES(s_Lock.m_Lock) {
         return m_pOwners[&aRing - m_pRings];
     }
+    static const CCmFlightRing* Search(const void* aEvent, const void* aTable, const void* aQueue,
+                                       long long aNotAfterUsec, long long& aUsec,
+                                       uint64_t& aNumber) CM_NO_THREAD_SAFETY_ANALYSIS;
+    void CopyNameAt(const CCmFlightRing& aRing, uint64_t aNumber,
+                    char (&aName)[CM_FLIGHT_NAME_SIZE]) const CM_REQUIRES(s_Lock.m_Lock);
     uint64_t Size() const CM_REQUIRES(s_Lock.m_Lock) {
         return CmFlightFileSize(m_dwSlots, m_dwUnits);
     }
@@ -359,20 +374,31 @@ void CCmFlight::CState::EndRings() {
     m_dwSlots = 0;
 }
 
-// Puts a file in the place of the memory.
+// Puts a file in the place of the memory. It is mapped elsewhere first: a call that fails at a
+// fixed address may have unmapped what was there, in which threads record.
 bool CCmFlight::CState::MapFile(const char* aDirectory, const char* aProcess, uint64_t aStartUsec) {
     if (!CmFlightMakeFile(aDirectory, aProcess, static_cast<long long>(aStartUsec), Size(),
                           m_File)) {
         return false;
     }
     void* const pBegin = s_pBegin.load(std::memory_order_relaxed);
-    if (g_cmSystem.mmap(pBegin, Size(), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_FIXED,
-                        m_File.m_nFile, 0) == pBegin) {
-        CmPortGuardMapping(pBegin, Size());
-        return true;
+    const auto map = [this](void* aAddress, int aFlags) CM_REQUIRES(s_Lock.m_Lock) {
+        return g_cmSystem.mmap(aAddress, Size(), PROT_READ | PROT_WRITE, MAP_SHARED | aFlags,
+                               m_File.m_nFile, 0);
+    };
+    void* const pTrial = map(nullptr, 0);
+    if (pTrial != MAP_FAILED) {
+        munmap(pTrial, Size());
+        if (map(pBegin, MAP_FIXED) == pBegin) {
+            CmPortGuardMapping(pBegin, Size());
+            return true;
+        }
     }
     m_File.m_pszCall = "mmap";
     m_File.m_nError = errno;
+    if (pTrial != MAP_FAILED) {
+        CmPortReplaceMapping(pBegin, Size());
+    }
     CmFlightRemoveFile(m_File);
     return false;
 }
@@ -403,6 +429,7 @@ void CCmFlight::CState::BeginSlots() {
     for (uint32_t i = 0; i < m_dwSlots; ++i) {
         COwner& owner = m_pOwners[i];
         owner.m_ullFirst = __atomic_load_n(&m_pRings[i].m_ullWritten, __ATOMIC_RELAXED);
+        owner.m_ullFirstBefore = owner.m_ullFirst;
         owner.m_eState =
             owner.m_eState == CCmFlightSlot::ENDED ? CCmFlightSlot::FREE : owner.m_eState;
         StoreOwner(m_pRings[i]);
@@ -548,6 +575,8 @@ CCmFlightRing* CCmFlight::AttachThisThread(const char* aName) {
     CHold hold;
     if (t_this.m_pRing != nullptr) {
         CState::s_State.Rename(*t_this.m_pRing, szName);
+        // Somebody who detaches it counts on it from now on; the thread may be about to end.
+        g_cmSystem.pthread_setspecific(CState::s_State.m_Key, t_this.m_pRing);
     } else {
         t_this.m_pRing = CState::s_State.TakeSlot(szName);
         t_this.m_bHasEnded = false;
@@ -597,6 +626,7 @@ uint32_t CCmFlight::CState::FindSlot() const {
 
 CCmFlightRing* CCmFlight::CState::TakeSlot(const char* aName) {
     if (!m_bIsOpen) {
+        t_this.m_dwRefusedAt = s_dwVacancies.load(std::memory_order_relaxed);
         return nullptr;
     }
     const uint32_t dwSlot = FindSlot();
@@ -608,9 +638,10 @@ CCmFlightRing* CCmFlight::CState::TakeSlot(const char* aName) {
     if (g_cmSystem.pthread_setspecific(m_Key, &ring) != 0) {
         return nullptr;  // its end would not be seen
     }
-    CmPortUnblockBusErrors();  // the ring may lie in a file that is cut
     const uint64_t ullNow = WallUsec();
     COwner& owner = m_pOwners[dwSlot];
+    owner.m_ullFirstBefore = owner.m_ullFirst;
+    std::memcpy(owner.m_szNameBefore, owner.m_szName, sizeof(owner.m_szNameBefore));
     owner.m_eState = CCmFlightSlot::LIVE;
     owner.m_dwNumber = ++m_dwCame;
     owner.m_Thread = pthread_self();
@@ -848,33 +879,56 @@ bool CCmFlight::CopyClassName(const void* aTable, char (&aName)[CM_FLIGHT_CLASS_
     return false;
 }
 
+// Without the lock for a thread that has a ring: then all of them stay.
+const CCmFlightRing* CCmFlight::CState::Search(const void* aEvent, const void* aTable,
+                                               const void* aQueue, long long aNotAfterUsec,
+                                               long long& aUsec, uint64_t& aNumber) {
+    const CCmFlightRing* pFound = nullptr;
+    for (uint32_t i = 0; i < s_State.m_dwSlots; ++i) {
+        const CCmFlightRing& ring = s_State.m_pRings[i];
+        long long llUsec = 0;
+        uint64_t ullNumber = 0;
+        if (ring.Find(aEvent, aTable, aQueue, aNotAfterUsec, llUsec, ullNumber) &&
+            (pFound == nullptr || llUsec > aUsec)) {
+            pFound = &ring;
+            aNumber = ullNumber;
+            aUsec = llUsec;
+        }
+    }
+    return pFound;
+}
+
+// Of the thread whose ring it was when unit aNumber was written; empty when it is not known.
+void CCmFlight::CState::CopyNameAt(const CCmFlightRing& aRing, uint64_t aNumber,
+                                   char (&aName)[CM_FLIGHT_NAME_SIZE]) const {
+    const COwner& owner = OwnerOf(aRing);
+    if (aNumber >= owner.m_ullFirst) {
+        std::memcpy(aName, owner.m_szName, sizeof(aName));
+    } else if (aNumber >= owner.m_ullFirstBefore) {
+        std::memcpy(aName, owner.m_szNameBefore, sizeof(aName));
+    } else {
+        aRing.FindName(aNumber, aName);
+    }
+}
+
 bool CCmFlight::FindPost(const void* aEvent, const void* aTable, const void* aQueue,
                          long long aNotAfterUsec, long long& aUsec,
                          char (&aPoster)[CM_FLIGHT_NAME_SIZE]) {
-    CHold hold;
-    const CState& state = CState::s_State;
+    const bool bHasRing = t_this.m_pRing != nullptr;
     const CCmFlightRing* pFound = nullptr;
-    uint64_t ullFound = 0;
-    for (uint32_t i = 0; i < state.m_dwSlots; ++i) {
-        long long llUsec = 0;
-        uint64_t ullNumber = 0;
-        if (state.m_pRings[i].Find(aEvent, aTable, aQueue, aNotAfterUsec, llUsec, ullNumber) &&
-            (pFound == nullptr || llUsec > aUsec)) {
-            pFound = &state.m_pRings[i];
-            ullFound = ullNumber;
-            aUsec = llUsec;
-        }
+    uint64_t ullNumber = 0;
+    if (bHasRing) {
+        pFound = CState::Search(aEvent, aTable, aQueue, aNotAfterUsec, aUsec, ullNumber);
+    }
+    CHold hold;
+    if (!bHasRing) {
+        pFound = CState::Search(aEvent, aTable, aQueue, aNotAfterUsec, aUsec, ullNumber);
     }
     if (pFound == nullptr) {
         return false;
     }
-    const COwner& owner = state.OwnerOf(*pFound);
     char szName[CM_FLIGHT_NAME_SIZE];
-    if (ullFound >= owner.m_ullFirst) {
-        std::memcpy(szName, owner.m_szName, sizeof(szName));
-    } else {
-        pFound->FindName(ullFound, szName);
-    }
+    CState::s_State.CopyNameAt(*pFound, ullNumber, szName);
     if (szName[0] != '\0') {
         std::memcpy(aPoster, szName, sizeof(aPoster));
     }

@@ -198,12 +198,17 @@ void CopyName(const char* aName, char (&aCopy)[CM_FLIGHT_NAME_SIZE]) {
     }
 }
 
-// For a file beyond the process's limit the system sends a signal that may end it.
+// For a file beyond the process's limit the system sends a signal that may end it. Any other signal
+// may interrupt the call.
 int Allocate(int aFile, uint64_t aSize) {
+    constexpr int ATTEMPTS = 20;
     rlimit limit = {};
     getrlimit(RLIMIT_FSIZE, &limit);
-    return limit.rlim_cur < aSize ? EFBIG
-                                  : g_cmSystem.posix_fallocate(aFile, 0, static_cast<off_t>(aSize));
+    int rv = limit.rlim_cur < aSize ? EFBIG : EINTR;
+    for (int i = 0; i < ATTEMPTS && rv == EINTR; ++i) {
+        rv = g_cmSystem.posix_fallocate(aFile, 0, static_cast<off_t>(aSize));
+    }
+    return rv;
 }
 
 // Whoever asks whether a file is in use locks it for a moment. Where files cannot be locked,

@@ -119,18 +119,21 @@ static_assert(offsetof(CCmFlightFigures, m_RunTime) == 96);
 // 32 bytes of a ring. By kind, which is the uppermost byte of the first word, with a time in the
 // other seven:
 //
-//               m_ullHead's time   m_ullWords[0]      [1]                  [2]
+//               m_ullHead's time   m_ullWords[0]      [1]                [2]
 //   NOTHING     all four words are 0: never written, or lost
-//   EVENT       start              length, pending    table                event
-//   POST        of a coarse clock  table              event                queue
-//   TIMER       start              length             how late             handler's table
-//   SEND        start              length             table                queue
-//   HIGH_WATER  when               pending            queue                0
-//   STEP        after the step     by how much (two's complement; negative: set back)   0   0
-//   LINE        when               level, flags, text's length (CmFlightLine...); text's first 16
-//   bytes TEXT        number in place of the time: 1 for the first after its LINE or THREAD; 24
-//   bytes THREAD      when it came       thread's number    pthread_self         name's length END
-//   when it ended      thread's number    0                    0
+//   EVENT       start              length, pending    table              event
+//   POST        of a coarse clock  table              event              queue
+//   TIMER       start              length             how late           handler's table
+//   SEND        start              length             table              queue
+//   HIGH_WATER  when               pending            queue              0
+//   STEP        after the step     by how much        0                  0
+//   LINE        when               CmFlightLine       first 16 bytes of the text
+//   TEXT        number             24 bytes of text
+//   THREAD      when it came       thread's number    pthread_self       name's length
+//   END         when it ended      thread's number    0                  0
+//
+// A STEP is a two's complement, negative when the clock was set back. The number of a TEXT is 1 for
+// the first after its LINE or THREAD.
 //
 // An EVENT, TIMER or SEND is written when it is over, so a ring is not in the order of their
 // starts. A THREAD's name is in the TEXT units after it.

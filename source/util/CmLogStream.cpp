@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <string_view>
 
 #include "CmConfig.h"
 #include "CmScopedLock.h"
@@ -39,29 +40,28 @@ bool IsDelivered(unsigned long aLevel) {
     return aLevel >= _getTraceLevel();
 }
 
-// Delivers aText in pieces. aLength includes the terminator: where that alone is left over, the
-// last piece is empty.
-void DeliverPieces(unsigned long aLevel, const char* aModule, const char* aText,
-                   unsigned long aLength) {
-    constexpr unsigned long PIECE_LENGTH = CHUNK_SIZE - 1;
-    for (unsigned long ulStart = 0; ulStart < aLength; ulStart += PIECE_LENGTH) {
-        const unsigned long ulRest = aLength - ulStart;
+// Delivers aText in pieces. The terminator counts: where that alone is left over, the last piece is
+// empty.
+void DeliverPieces(unsigned long aLevel, const char* aModule, std::string_view aText) {
+    constexpr size_t PIECE_LENGTH = CHUNK_SIZE - 1;
+    for (size_t nStart = 0; nStart <= aText.size(); nStart += PIECE_LENGTH) {
         char szPiece[CHUNK_SIZE] = {};
-        std::memcpy(szPiece, aText + ulStart, ulRest < PIECE_LENGTH ? ulRest : PIECE_LENGTH);
+        aText.copy(szPiece, PIECE_LENGTH, nStart);
         char szPrefix[PREFIX_SIZE] = {};
         YRKTRACERAWA(aLevel, aModule, szPrefix, szPiece);
     }
 }
 
-// aLength includes the terminator; more than aChunkSize goes out in pieces. False when the trace
-// library threw. Callers have disabled cancellation, so no unwinding of the thread is caught here.
-bool Deliver(unsigned long aLevel, const char* aModule, const char* aText, unsigned long aLength,
+// aText is terminated; what fills aChunkSize without the terminator goes out in pieces. False when
+// the trace library threw. Callers have disabled cancellation, so no unwinding of the thread is
+// caught here.
+bool Deliver(unsigned long aLevel, const char* aModule, std::string_view aText,
              unsigned long aChunkSize = CHUNK_SIZE) {
     try {
-        if (aChunkSize < aLength) {
-            DeliverPieces(aLevel, aModule, aText, aLength);
+        if (aText.size() >= aChunkSize) {
+            DeliverPieces(aLevel, aModule, aText);
         } else {
-            YRKTRACERAWA(aLevel, aModule, nullptr, aText);
+            YRKTRACERAWA(aLevel, aModule, nullptr, aText.data());
         }
     } catch (...) {
         return false;
@@ -70,11 +70,11 @@ bool Deliver(unsigned long aLevel, const char* aModule, const char* aText, unsig
 }
 
 // What a log stream of this level would ask and deliver for the text of a level function, without
-// the stream: the threshold is asked for on insertion and again at the end.
-void DeliverAsStream(const char* aModule, const char* aText, size_t aLength) {
+// the stream: the threshold is asked for on insertion and again at the end. aText is terminated.
+void DeliverAsStream(const char* aModule, std::string_view aText) {
     const bool bInserted = IsDelivered(DELIVERY_LEVEL);
     if (IsDelivered(DELIVERY_LEVEL)) {
-        Deliver(DELIVERY_LEVEL, aModule, bInserted ? aText : "", bInserted ? aLength + 1 : 1);
+        Deliver(DELIVERY_LEVEL, aModule, bInserted ? aText : "");
     }
 }
 
@@ -93,7 +93,7 @@ void DeliverLong(const char* aModule, const char* aFormat, va_list aArguments, s
         return;
     }
     Format(pszText, nSize, aFormat, aArguments, aErrno);
-    DeliverAsStream(aModule, pszText, std::strlen(pszText));
+    DeliverAsStream(aModule, pszText);
     std::free(pszText);
 }
 
@@ -105,9 +105,9 @@ void DeliverFormatted(const char* aModule, const char* aFormat, va_list aArgumen
     const int nLength = Format(szText, sizeof(szText), aFormat, arguments, aErrno);
     va_end(arguments);
     if (nLength < 0) {
-        DeliverAsStream(aModule, "", 0);
+        DeliverAsStream(aModule, "");
     } else if (static_cast<size_t>(nLength) < sizeof(szText)) {
-        DeliverAsStream(aModule, szText, std::strlen(szText));
+        DeliverAsStream(aModule, szText);
     } else {
         DeliverLong(aModule, aFormat, aArguments, static_cast<size_t>(nLength), aErrno);
     }
@@ -126,11 +126,11 @@ bool DeliverPlain(const char* aModule, const char* aFormat, va_list aArguments) 
     if (pszText == nullptr) {
         return false;
     }
-    const size_t nLength = std::strlen(pszText);
-    if (nLength >= TEXT_LIMIT) {
+    const std::string_view text(pszText);
+    if (text.size() >= TEXT_LIMIT) {
         return false;
     }
-    DeliverAsStream(aModule, pszText, nLength);
+    DeliverAsStream(aModule, text);
     return true;
 }
 
@@ -146,7 +146,7 @@ int TraceToLibrary(const char* aModule, const char* aFormat, va_list aArguments)
         }
     } else if (IsDelivered(DELIVERY_LEVEL)) {
         // The threshold fell between the two questions: an empty stream is delivered.
-        Deliver(DELIVERY_LEVEL, aModule, "", 1);
+        Deliver(DELIVERY_LEVEL, aModule, "");
     }
     return 1;
 }
@@ -215,7 +215,7 @@ void YrktraStreamA::flusha(const char* aModule) {
         return;
     }
     CCmTraceGuard guard;
-    if (Deliver(m_ulLevel, aModule, m_pchBuffer, m_ulLength, m_ulChunkSize)) {
+    if (Deliver(m_ulLevel, aModule, m_pchBuffer, m_ulChunkSize)) {
         std::free(m_pchBuffer);
     }
     m_pchBuffer = nullptr;

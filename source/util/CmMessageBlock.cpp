@@ -232,7 +232,6 @@ CCmMessageBlock::CCmMessageBlock(const CCmMessageBlock& aShared, unsigned long a
 // Each owned block is cut from its successor before it is deleted, so the deletions do not nest.
 void CCmMessageBlock::DestroyOwned_i() {
     CCmMessageBlock* pOwned = m_pNext;
-    m_pNext = nullptr;
     while (pOwned != nullptr) {
         CCmMessageBlock* pNext = pOwned->m_bRtpChainedFlag ? pOwned->m_pNext : nullptr;
         pOwned->m_pNext = nullptr;

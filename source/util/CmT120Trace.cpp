@@ -167,8 +167,7 @@ void ReadModules(CSettings& aSettings, const char* aProcess,
 
 void ReadSettings(CSettings& aSettings, const char* aProcess,
                   const CCmT120TraceMapEntry* aLevelTable, unsigned long aLevelCount) {
-    const int nFlushCount = get_int_param(SECTION, "FlushPerLines");
-    aSettings.m_nFlushCount = nFlushCount <= 0 ? 1 : nFlushCount;
+    aSettings.m_nFlushCount = get_int_param(SECTION, "FlushPerLines");  // below 1: 1 to the files
     aSettings.m_ulSizeLimit = ConfiguredSizeLimit(aProcess);
     aSettings.m_bEnabled = get_bool_param(SECTION, "Enable", 1);
     ReadLevels(aSettings, aProcess, aLevelTable, aLevelCount);

@@ -47,6 +47,10 @@ constexpr char FILTER_FILE[] = "conf/keltoexp.filter";
 constexpr size_t FILTER_PATH_SIZE = 64;    // bytes; the home directory has at most 16
 constexpr size_t FILTER_LINE_SIZE = 1024;  // bytes
 
+// Keeps records alive while refresh_settings goes from one to the next without the mutex of their
+// manager: closing one takes this first. The first line of any thread may bring that about, by
+// loading the trace facility, so that a host could not avoid it.
+CCmEternalLockT<CCmMutexThread> s_walkMutex;
 CCmEternalLockT<CCmMutexThread> s_filterMutex;
 int s_nCompiled = 0;  // entries of re in use, guarded by s_filterMutex
 
@@ -161,7 +165,7 @@ struct CM_UTIL_HIDDEN CCmT120TraceFile::CRecordState {
         CM_REQUIRES(m_Mutex);
     void WriteAt_l(long aPosition, const char* aText, size_t aLength) CM_REQUIRES(m_Mutex);
     bool WriteHeader_l(long aPosition) CM_REQUIRES(m_Mutex);
-    bool ReadPosition_l(long& aPosition) const CM_REQUIRES(m_Mutex);
+    long ReadPosition_l() const CM_REQUIRES(m_Mutex);
     bool IsAtLimit_l(long aPosition) const CM_REQUIRES(m_Mutex);
     void Truncate_l(long aPosition) CM_REQUIRES(m_Mutex);
     void ForgetLines_l() CM_REQUIRES(m_Mutex);
@@ -331,8 +335,8 @@ void CCmT120TraceFile::CRecordState::Flush_l() {
     if (m_File.m_pStream == nullptr || m_File.m_ulBufferedBytes == 0) {
         return;
     }
-    long lPosition = 0;
-    if (ReadPosition_l(lPosition)) {
+    const long lPosition = ReadPosition_l();
+    if (lPosition >= 0) {
         // The file is cut off, but lines go on at the same position; only a shared record starts at
         // the top again.
         if (IsAtLimit_l(lPosition)) {
@@ -362,8 +366,11 @@ bool CCmT120TraceFile::CRecordState::HasLineBuffer() {
 // With the file's lock. The record may have been closed while this thread waited for that.
 void CCmT120TraceFile::CRecordState::WriteShared_l(const char* aTag, const char* aModule,
                                                    const char* aText) {
-    long lPosition = 0;
-    if (m_File.m_pStream == nullptr || !ReadPosition_l(lPosition)) {
+    if (m_File.m_pStream == nullptr) {
+        return;
+    }
+    long lPosition = ReadPosition_l();
+    if (lPosition < 0) {
         return;
     }
     if (IsAtLimit_l(lPosition)) {
@@ -425,18 +432,18 @@ void CCmT120TraceFile::CRecordState::RequestFileLock(struct flock& aRequest) con
     }
 }
 
-// The position in the header; 0 where there is none. False when it cannot be read: then nothing
-// may be written, since that could overwrite lines.
+// The position in the header; 0 where there is none. Negative when it cannot be read or is no
+// position: then nothing may be written, since that could overwrite lines.
 //
 // Files are read and written by their descriptor; the stream, a required field, only owns it. Its
 // buffer would hide what another process has changed.
-bool CCmT120TraceFile::CRecordState::ReadPosition_l(long& aPosition) const {
+long CCmT120TraceFile::CRecordState::ReadPosition_l() const {
     char szHeader[HEADER_LENGTH + 1] = {};
     if (!ReadFully(m_File.m_nDescriptor, szHeader, HEADER_LENGTH)) {
-        return false;
+        return -1;
     }
-    aPosition = std::strtol(szHeader, nullptr, 10);
-    return aPosition >= 0 && aPosition <= POSITION_MAX;
+    const long lPosition = std::strtol(szHeader, nullptr, 10);
+    return lPosition <= POSITION_MAX ? lPosition : -1;
 }
 
 bool CCmT120TraceFile::CRecordState::IsAtLimit_l(long aPosition) const {
@@ -557,6 +564,7 @@ void CCmT120TraceFileMgr::close(void* aRecord) {
         return;
     }
     CCmTraceGuard guard;
+    CCmScopedLockT<CCmMutexThread> walk(s_walkMutex.m_Lock);
     delete CManagerState::Unlink(*this, aRecord);
 }
 
@@ -584,6 +592,8 @@ void CCmT120TraceFileMgr::write(void* aRecord, const char* aTag, const char* aMo
 }
 
 void CCmT120TraceFileMgr::refresh_settings(unsigned long aSizeLimit, int aFlushCount) {
+    CCmTraceGuard guard;
+    CCmScopedLockT<CCmMutexThread> walk(s_walkMutex.m_Lock);
     for (CCmT120TraceFile* pFile = m_pHeader.load(std::memory_order_acquire); pFile != nullptr;
          pFile = pFile->m_pNext.load(std::memory_order_acquire)) {
         pFile->refresh_settings(aSizeLimit, aFlushCount);

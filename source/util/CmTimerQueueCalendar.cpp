@@ -120,7 +120,7 @@ class CTimerStore {
     // nothing.
     HandlersType::iterator NewEntry(HandlersType& aHandlers, ICmTimerHandler* aEh) {
         m_Index.Reserve();  // first: once the map has the entry, nothing may fail
-        const HandlersType::iterator itEntry = m_SpareEntries.Insert(aHandlers, m_itHint, aEh, 0);
+        const HandlersType::iterator itEntry = m_SpareEntries.Insert(aHandlers, m_itHint, aEh);
         m_Index.Insert(aEh, itEntry);
         return itEntry;
     }

@@ -1,5 +1,6 @@
 #include "CmTimerQueueOrderedList.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <iterator>
 #include <type_traits>
@@ -43,17 +44,13 @@ class CM_UTIL_HIDDEN CCmTimerQueueOrderedList::COrderedListState {
     // Nodes in a list that is worth marks.
     static constexpr size_t LONG_LIST = 128;
 
-    // Grows with the time. Times beyond what it can tell apart, 270,000 years from 1970, share it.
+    // Grows with the time. Times beyond what it can tell apart, 270,000 years from 1970, share that
+    // last second.
     static int64_t KeyOf(const CCmTimeValue& aTime) {
         constexpr int64_t USEC_RANGE = int64_t{1} << 20;  // a second's, rounded up
-        constexpr int64_t MOST_SEC = INT64_MAX / USEC_RANGE - 1;
-        if (CM_UNLIKELY(aTime.GetSec() > MOST_SEC)) {
-            return INT64_MAX;
-        }
-        if (CM_UNLIKELY(aTime.GetSec() < -MOST_SEC)) {
-            return INT64_MIN;
-        }
-        return aTime.GetSec() * USEC_RANGE + aTime.GetUsec();
+        constexpr int64_t MOST_SEC = INT64_MAX / USEC_RANGE;
+        return std::clamp<int64_t>(aTime.GetSec(), -MOST_SEC, MOST_SEC) * USEC_RANGE +
+               aTime.GetUsec();
     }
     struct CHolds {
         bool operator()(Iterator aNode, int64_t aKey) const {

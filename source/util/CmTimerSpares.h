@@ -47,19 +47,19 @@ class CCmSpareMapNodesT {
     typedef typename MapType::iterator Iterator;
 
     // Inserts a key that the map does not have; at once when it belongs right before aHint, by a
-    // walk down the map otherwise. Throws std::bad_alloc, having changed nothing.
-    Iterator Insert(MapType& aMap, Iterator aHint, const KeyType& aKey, const ValueType& aValue) {
+    // walk down the map otherwise. Its value is yet to be set: it may be that of another key.
+    // Throws std::bad_alloc, having changed nothing.
+    Iterator Insert(MapType& aMap, Iterator aHint, const KeyType& aKey) {
         if (CM_UNLIKELY(m_Nodes.empty())) {
             // Keep must not allocate: there is room here for as many nodes as the map has.
             if (aMap.size() == m_Nodes.capacity()) {
                 m_Nodes.reserve(2 * aMap.size() + 1);
             }
-            return aMap.emplace_hint(aHint, aKey, aValue);
+            return aMap.emplace_hint(aHint, aKey, ValueType());
         }
         NodeType node = std::move(m_Nodes.back());
         m_Nodes.pop_back();
         node.key() = aKey;
-        node.mapped() = aValue;
         return aMap.insert(aHint, std::move(node));
     }
     // Takes a node out of the map, all of whose nodes came by Insert. Allocates nothing, since

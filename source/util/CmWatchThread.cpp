@@ -98,7 +98,9 @@ void CCmWatchRounds::LookAtWallClock(long long aWallNsec, long long aMonotonicNs
     }
 }
 
+// On any thread: bus errors reach it meanwhile, as the file may have been cut.
 void CCmWatchRounds::StoreFigures(long long aWallNsec) {
+    const bool bBlocksBusErrors = CmPortUnblockBusErrors();
     CmForEachWatchedThread([aWallNsec](CCmWatchedThread& aThread) {
         if (CCmFlightRing* const pRing = aThread.Ring()) {
             CCmFlightFigures figures = {};
@@ -106,6 +108,9 @@ void CCmWatchRounds::StoreFigures(long long aWallNsec) {
             pRing->Figures(figures, aWallNsec / NSEC_PER_USEC);
         }
     });
+    if (bBlocksBusErrors) {
+        CmPortBlockBusErrors();
+    }
 }
 
 void CCmWatchRounds::TellLongSends(long long aMonotonicNsec) const {

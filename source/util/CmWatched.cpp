@@ -137,6 +137,9 @@ class CCmWatchRegistry {
         }
     }
     static void Clear(CCmWatchedThread& aThread, DWORD aStart) { aThread.Clear(aStart); }
+    static void EnsureRing(CCmWatchedThread& aThread) {
+        aThread.m_pRing.Set(CCmFlight::AttachThisThread(nullptr));
+    }
     DWORD Start_l() const { return m_dwStart; }
     // The time of what the figures tell.
     long long Now_l() const { return m_llEnd != 0 ? m_llEnd : NowUsec(); }
@@ -369,9 +372,6 @@ void CCmWatchedThread::Clear(DWORD aStart) {
     m_ullInTimers.Set(0);
     m_ullTimersFired.Set(0);
     m_pCurrent.Set(nullptr);
-    if (Ring() == nullptr) {
-        m_pRing.Set(CCmFlight::AttachThisThread(nullptr));
-    }
     m_dwStart.store(aStart, std::memory_order_release);
 }
 
@@ -443,9 +443,16 @@ CCmWatchedThread* CmEnsureWatchedThread() {
     }
     if (CM_UNLIKELY(t_pThread == nullptr)) {
         t_pThread = CCmWatchRegistry::Instance().MakeThread();
+        if (t_pThread == nullptr) {
+            return nullptr;
+        }
     }
-    if (t_pThread != nullptr && CM_UNLIKELY(!t_pThread->IsOf(dwStart))) {
+    if (CM_UNLIKELY(!t_pThread->IsOf(dwStart))) {
         CCmWatchRegistry::Clear(*t_pThread, dwStart);
+    }
+    // One that found no place among the rings gets that of a thread that has ended since.
+    if (CM_UNLIKELY(t_pThread->Ring() == nullptr)) {
+        CCmWatchRegistry::EnsureRing(*t_pThread);
     }
     return t_pThread;
 }
@@ -547,14 +554,19 @@ void CCmWatchedRun::SetCurrent(const void* aTable, long long aStartUsec) {
 }
 
 void CCmWatchedTimers::Begin(const void* aTable, const CCmTimeValue* aNow) {
-    if (m_Run.Thread() == nullptr) {
+    if (m_Run.Thread() == nullptr || CM_UNLIKELY(!CmWatchIsOnSince(m_dwStart))) {
+        m_dwStart = g_cmWatchOn.load(std::memory_order_relaxed);
         CCmWatchedThread* const pThread = CmEnsureWatchedThread();
         if (pThread == nullptr) {
+            m_pTable = nullptr;
+            m_bHasMissed = true;
             return;
         }
-        m_Run.Enter(pThread);
-        m_llBegin = aNow != nullptr ? CmUsecOf(*aNow) : NowUsec();
-        m_llStart = m_llBegin;
+        if (m_Run.Thread() == nullptr) {
+            m_Run.Enter(pThread);
+            m_llBegin = aNow != nullptr ? CmUsecOf(*aNow) : NowUsec();
+            m_llStart = m_llBegin;
+        }
     }
     if (m_bHasMissed) {
         m_bHasMissed = false;
@@ -572,15 +584,18 @@ bool CCmWatchedTimers::Count(long long aLateUsec) {
     m_llRan = m_llStart - llStart;
     const bool bIsLateKnown = aLateUsec != UNKNOWN_USEC;
     m_llLate = bIsLateKnown ? aLateUsec + (llStart - m_llBegin) : 0;
-    if (m_Run.IsOutermost()) {
+    const bool bCounts = CmWatchIsOnSince(m_dwStart);
+    if (bCounts && m_Run.IsOutermost()) {
         thread.m_ullInTimers.Add(ToFigure(m_llRan));
     }
     if (thread.m_bFiresOthers) {
         thread.m_bFiresOthers = false;
         return false;
     }
-    thread.m_ullTimersFired.Add(1);
-    if (bIsLateKnown) {
+    if (bCounts) {
+        thread.m_ullTimersFired.Add(1);
+    }
+    if (bCounts && bIsLateKnown) {
         thread.m_Late.Add(m_llLate);
     }
     if (CCmFlightRing* const pRing = thread.Ring()) {
@@ -600,6 +615,7 @@ void CCmWatchedTimers::CountOthersOnly() {
 }
 
 void CCmWatchedSend::Begin(const ICmEvent* aEvent) {
+    m_dwStart = g_cmWatchOn.load(std::memory_order_relaxed);
     m_pThread = CmEnsureWatchedThread();
     if (m_pThread != nullptr) {
         m_pTable = CmTableOf(aEvent);
@@ -609,7 +625,9 @@ void CCmWatchedSend::Begin(const ICmEvent* aEvent) {
 
 void CCmWatchedSend::Count(const void* aQueue) {
     const long long llBlocked = NowUsec() - m_llStart;
-    m_pThread->m_Sends.Add(llBlocked);
+    if (CmWatchIsOnSince(m_dwStart)) {
+        m_pThread->m_Sends.Add(llBlocked);
+    }
     if (CCmFlightRing* const pRing = m_pThread->Ring()) {
         pRing->Send(m_llStart, llBlocked, m_pTable, aQueue);
     }

@@ -38,6 +38,10 @@ extern CmStd::atomic<DWORD> g_cmWatchOn;
 inline bool CmWatchIsOn() {
     return CM_UNLIKELY(g_cmWatchOn.load(std::memory_order_relaxed) != 0);
 }
+// Whether it has been on since then: what began before a start does not count for it.
+inline bool CmWatchIsOnSince(DWORD aStart) {
+    return CM_LIKELY(g_cmWatchOn.load(std::memory_order_relaxed) == aStart);
+}
 
 inline long long CmUsecOf(const CCmTimeValue& aTime) {
     return aTime.GetSec() * 1000000LL + aTime.GetUsec();
@@ -433,6 +437,7 @@ class CCmWatchedTimers {
     bool Count(long long aLateUsec);
 
     CCmWatchedRun m_Run;
+    DWORD m_dwStart = 0;             // of the watch, when the one that runs began
     const void* m_pTable = nullptr;  // of the one that runs; null: it began without the watch
     bool m_bHasMissed = false;       // as did the one before
     long long m_llBegin = 0;         // of the pass
@@ -461,6 +466,7 @@ class CCmWatchedSend {
     void Count(const void* aQueue);
 
     CCmWatchedThread* m_pThread = nullptr;
+    DWORD m_dwStart = 0;  // of the watch, when it began
     const void* m_pTable = nullptr;
     long long m_llStart = 0;
 };

@@ -1,5 +1,6 @@
 // What the gdb test looks at: stops with one object of each kind in sight.
 #include <kelto_util.h>
+#include <pthread.h>
 
 #include <cstdio>
 
@@ -51,6 +52,7 @@ extern "C" __attribute__((noinline)) void LookAtThem(const void* aObject) {
 }
 
 int main() {
+    pthread_setname_np(pthread_self(), "pro\x1bgram");  // which its worker takes over
     if (CM_FAILED(CCmWatch::Start())) {
         return 1;
     }

@@ -237,6 +237,21 @@ class FlightTest(ProgramTest):
                  if " event " in record]
         self.assertEqual([wait and int(wait.group(1)) for wait in waits], [0, 10, 20, None, None])
 
+    def test_FindsThePostsOfOneTick_WhenTheirAddressIsUsedAgain(self):
+        """Their clock moves every few milliseconds: all of them seem to come before the first event."""
+        recording = Recording()
+        net, worker = recording.add(1, "net"), recording.add(2, "worker")
+        net.post(START - 4000, 1, 0xA, 0xC)  # its event was not run
+        for n in range(3):
+            net.post(START, 1, 0xA, 0xC).post(START, 2, 0xB, 0xC)
+            worker.event(START + 1000 * n + 10, 1, 1, 0xA).event(START + 1000 * n + 20, 1, 2, 0xB)
+        net.post(START + 4000, 1, 0xA, 0xC)
+        worker.event(START + 4010, 1, 1, 0xA)
+        waits = [re.search(r"waitedUsec=(\d+)", record) for record in self.records(recording)
+                 if " event " in record]
+        self.assertEqual([wait and int(wait.group(1)) for wait in waits],
+                         [10, 20, 1010, 1020, 2010, 2020, 10])
+
     def test_TakesTheLastRecords_WhenThereAreTooMany(self):
         recording = Recording(units=4096)
         slot = recording.add(1, "net")
@@ -438,9 +453,14 @@ class FlightTest(ProgramTest):
         for arguments, sentence in (
                 (["--kind", "x"], "'x' is no kind"), (["--from", "x"], "'x' is no time"),
                 (["--to", "25:00"], "'25:00' is no time"), (["--last", "-1"], "'-1' are no seconds"),
-                ([path], "there is more than one file"), (["--from", "\x1b"], "'\\x1b' is no time")):
+                ([path], "there is more than one file"), (["--from", "\x1b"], "'\\x1b' is no time"),
+                (["--from", ""], "--from is empty"), (["--to", ""], "--to is empty"),
+                (["--last", ""], "--last is empty"), (["--json", ""], "--json is empty"),
+                (["--svg", ""], "--svg is empty"), (["--directory", ""], "--directory is empty"),
+                (["--json", "-", "--svg", "-"], "'-' is to have both")):
             self.assert_complains(self.flight(path, *arguments), sentence, status=2)
         self.assertEqual(self.flight("--no-such-option").returncode, 2)
+        self.assert_complains(self.flight(""), "the name of the file is empty", status=2)
 
     def test_Complains_WhenThereIsNoRecording(self):
         self.assert_complains(self.flight(), "kelto: there is no recording")
@@ -458,6 +478,12 @@ class FlightTest(ProgramTest):
             self.skipTest("only root gives directories away")
         os.chown(self.directory, 12345, -1)
         self.assert_complains(self.flight(), "it is not this user's directory")
+
+    def test_Complains_WhenItsHelpCannotBeWritten(self):
+        for option in ("--help", "--version"):
+            with open("/dev/full", "w") as full:
+                done = self.run_program("flight", option, stdout=full)
+            self.assert_complains(done, "standard output: cannot be written")
 
     def test_PageOfTheManualHasTheOptions(self):
         self.assert_page_of_the_manual_has_the_options("flight")

@@ -267,9 +267,17 @@ class TopTest(ProgramTest):
                 (["--sort", "x"], "'x' is no column; there are name, busy, "),
                 (["--interval", "x"], "'x' is no interval"), (["--interval", "0"], "too short"),
                 (["--interval", "0.4"], "too short"), (["--interval", "9999"], "is no interval"),
-                (["a", "b"], "there is more than one process")):
+                (["a", "b"], "there is more than one process"),
+                (["--directory", ""], "--directory is empty"),
+                ([""], "the name of the process is empty")):
             self.assert_complains(self.top(*arguments), sentence, status=2)
         self.assertEqual(self.top("--no-such-option").returncode, 2)
+
+    def test_Complains_WhenItsHelpCannotBeWritten(self):
+        for option in ("--help", "--version"):
+            with open("/dev/full", "w") as full:
+                done = self.run_program("top", option, stdout=full)
+            self.assert_complains(done, "standard output: cannot be written")
 
     def test_PageOfTheManualHasTheOptions(self):
         self.assert_page_of_the_manual_has_the_options("top")
@@ -391,6 +399,16 @@ class TopTest(ProgramTest):
             status = terminal.wait()
             self.assertTrue(os.WIFSIGNALED(status), (number, status))
             self.assertEqual(os.WTERMSIG(status), number)
+            terminal.assert_restored()
+
+    def test_RestoresTheTerminal_WhenASignalEndsItWhileTheUserHoldsIt(self):
+        path = self.live(host())
+        for number in (signal.SIGTERM, signal.SIGHUP):
+            terminal = Terminal(self, 80, 10, path, "--interval", "3600")
+            terminal.show()
+            os.write(terminal.master, b"\x13")  # Ctrl-S
+            os.kill(terminal.pid, number)
+            self.assertEqual(os.WTERMSIG(terminal.wait()), number)
             terminal.assert_restored()
 
     def test_RestoresTheTerminal_WhenItCrashes(self):

@@ -315,6 +315,39 @@ void EndWait(CThread& aThread) {
     }
 }
 
+// For a choice beyond the threads: ends the wait of one, by its time or woken by nobody.
+void EndWaitAs(int aValue) {
+    const int nThread = aValue % BY_TIMEOUT;
+    CThread& thread = s_Threads[nThread];
+    EndWait(thread);
+    const int nBefore = s_nCurrent;
+    s_nCurrent = nThread;
+    if (aValue < BY_NOBODY) {
+        thread.m_bTimedOut = true;
+        s_llNow = std::max(s_llNow, thread.m_llDeadline);
+        Touch(&s_chClock, true);
+    } else {
+        ++s_nSpurious;
+    }
+    if (s_bTells) {
+        Tell("        thread %d %s\n", nThread,
+             aValue < BY_NOBODY ? "has waited long enough" : "is woken by nobody");
+    }
+    Touch(*thread.m_pObject, true, static_cast<uint64_t>(aValue));
+    s_nCurrent = nBefore;
+}
+
+// Lets the scenario look at them, which is no part of the schedule.
+void TellThatAllSleep() {
+    if (*s_pAllSleep != nullptr) {
+        s_bChecks = true;
+        g_bScheduled = false;
+        (*s_pAllSleep)();
+        g_bScheduled = true;
+        s_bChecks = false;
+    }
+}
+
 // The thread that goes on; -1: all have ended.
 int PickThread() {
     if (++s_nSteps > static_cast<unsigned>(s_pSettings->m_nSteps)) {
@@ -344,13 +377,7 @@ int PickThread() {
         }
         const bool bAllSleep = candidates.m_nCount == 0;
         if (bAllSleep && nEarliest >= 0) {
-            if (*s_pAllSleep != nullptr) {
-                s_bChecks = true;
-                g_bScheduled = false;
-                (*s_pAllSleep)();
-                g_bScheduled = true;
-                s_bChecks = false;
-            }
+            TellThatAllSleep();
             candidates.Add(nEarliest + BY_TIMEOUT, 0);
         }
         if (s_pExploration->HasBudget(1)) {
@@ -379,27 +406,10 @@ int PickThread() {
             Mix(s_ullTrace, bGoesOn ? static_cast<uint64_t>(s_nCurrent + 2) : 0);
         nValue = s_pExploration->Pick(s_nSteps, ullState, candidates);
     }
-    const int nThread = nValue % BY_TIMEOUT;
-    CThread& thread = s_Threads[nThread];
     if (nValue >= BY_TIMEOUT) {
-        EndWait(thread);
-        const int nBefore = s_nCurrent;
-        s_nCurrent = nThread;
-        if (nValue < BY_NOBODY) {
-            thread.m_bTimedOut = true;
-            s_llNow = std::max(s_llNow, thread.m_llDeadline);
-            Touch(&s_chClock, true);
-        } else {
-            ++s_nSpurious;
-        }
-        if (s_bTells) {
-            Tell("        thread %d %s\n", nThread,
-                 nValue < BY_NOBODY ? "has waited long enough" : "is woken by nobody");
-        }
-        Touch(*thread.m_pObject, true, static_cast<uint64_t>(nValue));
-        s_nCurrent = nBefore;
+        EndWaitAs(nValue);
     }
-    return nThread;
+    return nValue % BY_TIMEOUT;
 }
 
 // One line about the step that the current thread is about to do, with the frames that led there.

@@ -31,6 +31,7 @@ CCmWorkerFigures ReadFigures() {
         sum.m_ullRefused += row.m_ullRefused;
         sum.m_ullUnfired += row.m_ullUnfired;
         sum.m_ullPending += row.m_ullPending;
+        sum.m_ullMostPending += row.m_ullMostPending;
     }
     return sum;
 }
@@ -170,6 +171,58 @@ TEST(ScheduledWatch, KeepsItsFigures_WhenItIsStoppedDuringAPost) {
         const CCmWorkerFigures later = FiguresAtRest();
         SCHEDULE_EXPECT(later.m_ullPosted == atEnd.m_ullPosted && later.m_ullRun == atEnd.m_ullRun);
         SCHEDULE_EXPECT(later.m_ullUnfired == 0 && later.m_ullPending == atEnd.m_ullPending);
+    });
+}
+
+TEST(ScheduledWatch, CountsASendAsOneEvent_WhenTheWorkerIsStoppedMeanwhile) {
+    ExploreWatch([](CWatch& aWatch) {
+        aWatch.Start();
+        ACmThread& worker = MakeWorker();
+        {
+            CThreadOf sender(
+                [&worker] { worker.GetEventQueue()->SendEvent(new CWatchedEvent(0)); });
+            worker.Stop(nullptr);
+        }
+        SCHEDULE_EXPECT(worker.Join() == CM_OK);
+        // The stop is an event as well.
+        const CCmWorkerFigures figures = FiguresAtRest();
+        SCHEDULE_EXPECT(figures.m_ullPosted + figures.m_ullRefused == 2);
+        SCHEDULE_EXPECT(figures.m_ullPending == 0);
+        worker.Destory(CM_OK);
+    });
+}
+
+TEST(ScheduledWatch, CountsEachSendOnce_WhenTwoThreadsSend) {
+    ExploreWatch([](CWatch& aWatch) {
+        aWatch.Start();
+        ACmThread& worker = MakeWorker();
+        ICmEventQueue& queue = *worker.GetEventQueue();
+        {
+            CThreadOf sender([&queue] { queue.SendEvent(new CWatchedEvent(0)); });
+            queue.SendEvent(new CWatchedEvent(1));
+        }
+        worker.Stop(nullptr);
+        SCHEDULE_EXPECT(worker.Join() == CM_OK);
+        const CCmWorkerFigures figures = FiguresAtRest();
+        SCHEDULE_EXPECT(figures.m_ullPosted == 3 && figures.m_ullPending == 0);
+        SCHEDULE_EXPECT(figures.m_ullMostPending == 1 || figures.m_ullMostPending == 2);
+        worker.Destory(CM_OK);
+    });
+}
+
+TEST(ScheduledWatch, LeavesNoSendPending_WhenItIsStartedDuringIt) {
+    ExploreWatch([](CWatch& aWatch) {
+        ACmThread& worker = MakeWorker();
+        {
+            CThreadOf sender(
+                [&worker] { worker.GetEventQueue()->SendEvent(new CWatchedEvent(0)); });
+            aWatch.Start();
+        }
+        worker.Stop(nullptr);
+        SCHEDULE_EXPECT(worker.Join() == CM_OK);
+        const CCmWorkerFigures figures = FiguresAtRest();
+        SCHEDULE_EXPECT(figures.m_ullPosted <= 2 && figures.m_ullPending == 0);
+        worker.Destory(CM_OK);
     });
 }
 

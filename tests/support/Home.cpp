@@ -6,6 +6,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 
 #include "CmConfig.h"
 
@@ -46,6 +47,11 @@ void WriteFile(const std::string& aPath, const std::string& aContent) {
     std::error_code error;
     std::filesystem::resize_file(aPath, aContent.size(), error);
     EXPECT_FALSE(error) << aPath;
+}
+
+std::string ReadFile(const std::string& aPath) {
+    std::ifstream file(aPath, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
 }
 
 }  // namespace kelto_test

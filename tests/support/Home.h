@@ -1,4 +1,4 @@
-// A home directory of a test's own.
+// A home directory of a test's own, and the files in it.
 #ifndef TESTS_SUPPORT_HOME_H
 #define TESTS_SUPPORT_HOME_H
 
@@ -27,6 +27,8 @@ class ScopedHome {
 
 // Replaces the file's content.
 void WriteFile(const std::string& aPath, const std::string& aContent);
+// The whole content; empty when there is no such file.
+std::string ReadFile(const std::string& aPath);
 
 }  // namespace kelto_test
 

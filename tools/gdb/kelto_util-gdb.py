@@ -260,6 +260,13 @@ class Printers(gdb.printing.PrettyPrinter):
             level = [field.type for each in level for field in each.fields() if field.is_base_class]
 
 
+def printable(text):
+    """What a terminal would act on, and what is no UTF-8, as \\xNN: names may hold any bytes."""
+    return "".join(each if each.isprintable() else
+                   "".join(f"\\x{byte:02x}" for byte in each.encode("utf-8", "surrogateescape"))
+                   for each in text)
+
+
 class Workers(gdb.Command):
     """kelto-workers: the registered workers of the process, with what is pending in their queues.
 
@@ -285,7 +292,7 @@ and its class, its state, events pending and timers due. Works on a core file, t
         workers = list(list_members(gdb.parse_and_eval("UTIL_NS::g_threadList")))
         for worker in workers:
             thread = threads.get(int(plain(worker["m_Tid"])))
-            name = f" \"{thread.name}\"" if thread is not None and thread.name else ""
+            name = f" \"{printable(thread.name)}\"" if thread is not None and thread.name else ""
             number = f"thread {thread.num}{name}" if thread is not None else "no thread"
             print(f"{number}: {worker.format_string(raw=False)}")
         print(f"{len(workers)} workers")
@@ -318,7 +325,8 @@ class Watch:
     def record():
         """The path of the recorder's file; empty when there is none."""
         state = gdb.parse_and_eval("UTIL_NS::CCmFlight::CState::s_State")
-        return state["m_File"]["m_szPath"].string() if state["m_bIsOpen"] else ""
+        has_file = state["m_bIsOpen"] and int(state["m_File"]["m_nFile"]) >= 0
+        return printable(state["m_File"]["m_szPath"].string(errors="surrogateescape")) if has_file else ""
 
     def shared(self, count):
         """Of a count that other threads than one write; it names its start in its upper bits."""
@@ -333,6 +341,7 @@ class Watch:
             if int(plain(queue["m_pConsumer"])) != int(thread):
                 continue
             found = found or dict(posted=0, run=0, refused=0, unfired=0, pending=0)
+            before = dict(found)
             size, own = (int(plain(queue["m_Counts"][name].referenced_value()))
                          for name in ("m_dwSize", "m_dwOwn"))
             pending = size + own
@@ -351,6 +360,9 @@ class Watch:
                 found["posted"] += own
             found["refused"] += self.shared(queue["m_Refused"])
             found["unfired"] += self.shared(queue["m_Unfired"])
+            if not self.is_on():  # what was pending at its end: the queue goes on
+                pending = sum(sign * (found[name] - before[name])
+                              for name, sign in (("posted", 1), ("run", -1), ("unfired", -1)))
             found["pending"] += max(pending, 0)
         return found
 
@@ -418,7 +430,7 @@ and the longest. The records of what it did last are in the recorder's file, who
               f"{counts['unfired']} ended unfired, {counts['pending']} pending")
 
     def show_thread(self, watch, thread, numbers):
-        name = thread["m_szName"].string(errors="replace")
+        name = printable(thread["m_szName"].string(errors="surrogateescape"))
         found = None if thread["m_bHasEnded"] else numbers.get(int(thread["m_Tid"]))
         who = f"thread {found.num if found else '(ended)'} \"{name}\""
         counts = watch.counts(thread)

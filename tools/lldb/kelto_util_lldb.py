@@ -232,8 +232,10 @@ class Watch:
     def record(self):
         """The path of the recorder's file; empty when there is none."""
         state = self.variable("UTIL_NS::CCmFlight::CState::s_State")
-        path = text_of(field(field(state, "m_File"), "m_szPath"))
-        return path if self.number_of(state, "m_bIsOpen") else ""
+        file = field(state, "m_File")
+        descriptor = field(file, "m_nFile").GetValueAsSigned()
+        has_file = self.number_of(state, "m_bIsOpen") and descriptor >= 0
+        return text_of(field(file, "m_szPath")) if has_file else ""
 
     def shared(self, count):
         """Of a count that other threads than one write; it names its start in its upper bits."""
@@ -249,6 +251,7 @@ class Watch:
             if self.number_of(queue, "m_pConsumer") != thread:
                 continue
             found = found or dict(posted=0, run=0, refused=0, unfired=0, pending=0)
+            before = dict(found)
             size, own = (number(field(field(queue, "m_Counts"), name).Dereference())
                          for name in ("m_dwSize", "m_dwOwn"))
             pending = size + own
@@ -268,6 +271,9 @@ class Watch:
                 found["posted"] += own
             found["refused"] += self.shared(field(queue, "m_Refused"))
             found["unfired"] += self.shared(field(queue, "m_Unfired"))
+            if not self.is_on():  # what was pending at its end: the queue goes on
+                pending = sum(sign * (found[name] - before[name])
+                              for name, sign in (("posted", 1), ("run", -1), ("unfired", -1)))
             found["pending"] += max(pending, 0)
         return found
 
@@ -277,11 +283,18 @@ class Watch:
         return symbol[len(TABLE):] if symbol.startswith(TABLE) else f"{table:#x}"
 
 
+def printable(text):
+    """What a terminal would act on, and what is no UTF-8, as \\xNN: names may hold any bytes."""
+    return "".join(each if each.isprintable() else
+                   "".join(f"\\x{byte:02x}" for byte in each.encode("utf-8", "surrogateescape"))
+                   for each in text)
+
+
 def text_of(array):
     """Of an array of characters."""
     error = lldb.SBError()
-    address = array.GetLoadAddress()
-    return array.GetProcess().ReadCStringFromMemory(address, array.GetByteSize(), error)
+    data = array.GetProcess().ReadMemory(array.GetLoadAddress(), array.GetByteSize(), error)
+    return printable((data or b"").split(b"\0")[0].decode("utf-8", "surrogateescape"))
 
 
 def moment_text(microseconds):

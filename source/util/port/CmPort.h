@@ -154,8 +154,10 @@ void CmPortGuardMapping(void* aBegin, size_t aSize);
 void CmPortUnguardMapping();
 // Whether that has happened since CmPortGuardMapping.
 bool CmPortIsMappingLost();
-// Lets bus errors reach the calling thread: one that is blocked ends the process.
-void CmPortUnblockBusErrors();
+// Lets bus errors reach the calling thread: one that is blocked ends the process. True: they were
+// blocked.
+bool CmPortUnblockBusErrors();
+void CmPortBlockBusErrors();
 
 // A counting semaphore: as sem_init, sem_destroy, sem_wait and sem_post, 0 or -1 with errno set.
 // The units call them through g_cmSystem. CmConditionSemaphore.h serves where the system has no

@@ -87,6 +87,13 @@ void OnBusError(int aSignal, siginfo_t* aInfo, void* aContext) {
     errno = nError;
 }
 
+sigset_t BusErrors() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGBUS);
+    return signals;
+}
+
 bool IsOurs(const struct sigaction& aAction) {
     return (aAction.sa_flags & SA_SIGINFO) != 0 && aAction.sa_sigaction == &OnBusError;
 }
@@ -134,11 +141,17 @@ bool CmPortIsMappingLost() {
     return s_nState.load(std::memory_order_relaxed) == STATE_LOST;
 }
 
-void CmPortUnblockBusErrors() {
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGBUS);
-    pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+bool CmPortUnblockBusErrors() {
+    const sigset_t signals = BusErrors();
+    sigset_t before;
+    sigemptyset(&before);
+    pthread_sigmask(SIG_UNBLOCK, &signals, &before);
+    return sigismember(&before, SIGBUS) == 1;
+}
+
+void CmPortBlockBusErrors() {
+    const sigset_t signals = BusErrors();
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 }
 
 }  // namespace UTIL_NS
