@@ -895,6 +895,20 @@ int SignalledWait(pthread_cond_t*, pthread_mutex_t* aMutex) {
     return LockAndCount(aMutex);
 }
 
+TEST(CmEvent, PulseTracesTheCallThatItMade_WhenThatFails) {
+    typedef CCmSystemTable T;
+    const FailingCall<&T::pthread_cond_broadcast> broadcast(EINVAL, EINVAL);
+    const FailingCall<&T::pthread_cond_signal> signal(EINVAL, EINVAL);
+    for (const bool bManualReset : {true, false}) {
+        const ScopedTraceSink sink;
+        CCmEventThread event(bManualReset ? 1 : 0, 0);
+        EXPECT_EQ(CM_ERROR_FAILURE, event.Pulse());
+        EXPECT_EQ(1u, sink.lines().size());
+        EXPECT_EQ(1u, sink.count(bManualReset ? "pthread_cond_broadcast() failed!"
+                                              : "pthread_cond_signal() failed!"));
+    }
+}
+
 TEST(CmEvent, SignalTracesAfterTheUnlock_WhenItFailsAndSomebodyWaits) {
     CCmEventThread event(AUTO, 0, nullptr);
     g_pEventToSignal = &event;
