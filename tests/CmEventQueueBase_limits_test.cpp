@@ -48,6 +48,19 @@ TEST(CmEventQueueUsingConditionVariable, AllocatesNothing_WhenPassesAreAlike) {
     }
 }
 
+// Each pass leaves its nodes to the posts that come before the next one.
+TEST(CmEventQueueUsingConditionVariable, AllocatesNothing_WhenItsConsumerLooksAgainAfterEachPass) {
+    constexpr int COUNT = 300;
+    CCmEventQueueUsingConditionVariable queue;
+    EXPECT_EQ(static_cast<unsigned long>(COUNT), RunPass(queue, COUNT));
+    for (int i = 0; i < 3; ++i) {
+        CCmTimeValue tvNone(0, 0);
+        std::list<ICmEvent*> events;
+        queue.PopOrWaitPendingEvents(events, &tvNone);
+        EXPECT_EQ(0u, RunPass(queue, COUNT));
+    }
+}
+
 TEST(CmEventQueueUsingConditionVariable, GivesItsMemoryBack_WhenABurstIsOver) {
     constexpr int BURST = 100000;
     const long lLive = LiveAllocationsBefore();

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "CmEvent.h"
+#include "CmEventQueueSteps.h"
 #include "CmSystem.h"
 #include "CmThread.h"
 #include "CmWorker.h"
@@ -458,6 +459,77 @@ TEST(CmEventSelfPost, EndsUnfired_WhenAnotherThreadDestroysWhatIsPending) {
     task.RunHere();
     EXPECT_EQ((Ids{1, 2, 7, 5, 6}), log.fired());
     EXPECT_EQ((Ids{1, 4, 2, 7, 3, 5, 6}), log.ended());
+}
+
+TEST(CmEventSelfPost, IsNotFound_WhenAnEventTakesWhatAnotherThreadHasDestroyed) {
+    CShownTask task;
+    EventLog log;
+    const auto take = [&] {
+        task.Queue().PostEvent(new LoggedEvent(log, 2), NORMAL);
+        OnAnotherThread([&] { task.Queue().DestoryPendingEvents(); });
+        CCmTimeValue tvNone(0, 0);
+        Events events;
+        EXPECT_EQ(CM_ERROR_NOT_FOUND, task.Queue().PopOrWaitPendingEvents(events, &tvNone));
+        EXPECT_TRUE(events.empty());
+        EXPECT_EQ(Ids{2}, log.ended());
+        return task.Stop(nullptr);
+    };
+    task.Queue().PostEvent(new LoggedEvent(log, 1, take), NORMAL);
+    task.RunHere();
+    EXPECT_EQ(Ids{1}, log.fired());
+}
+
+// The nodes that a loop has allocated for its own posts stay with it.
+TEST(CmEventSelfPost, AllocatesNoNode_WhenOthersPostInBetween) {
+    constexpr int ROUNDS = 10;
+    CShownTask task;
+    EventLog log;
+    int nRound = 0;
+    unsigned long ulAllocations = 0;
+    const std::function<CmResult()> go = [&] {
+        if (++nRound > ROUNDS) {
+            return task.Stop(nullptr);
+        }
+        ICmEvent* const pOwn = new LoggedEvent(log, 2);
+        const unsigned long ulBefore = kelto_test::AllocationsOfThisThread();
+        task.Queue().PostEvent(pOwn, NORMAL);
+        ulAllocations += kelto_test::AllocationsOfThisThread() - ulBefore;
+        OnAnotherThread([&] { task.Queue().PostEvent(new LoggedEvent(log, 1, go), NORMAL); });
+        return CM_OK;
+    };
+    task.Queue().PostEvent(new LoggedEvent(log, 1, go), NORMAL);
+    task.RunHere();
+    EXPECT_EQ(2u * ROUNDS + 1, log.ended().size());
+    EXPECT_EQ(1u, ulAllocations);
+}
+
+TEST(CmEventSelfPost, LeavesAllNodesToOthers_WhileThereWasNone) {
+    constexpr int COUNT = 12;
+    CCmEventQueueUsingConditionVariable queue;
+    CCmEventQueueSteps::CLoop loop(queue);
+    EventLog log;
+    unsigned long ulAllocations = 0;
+    for (int i = 0; i < 2; ++i) {
+        OnAnotherThread([&] {
+            Events posted;
+            for (int j = 0; j < COUNT; ++j) {
+                posted.push_back(new LoggedEvent(log, j));
+            }
+            const unsigned long ulBefore = kelto_test::AllocationsOfThisThread();
+            for (ICmEvent* const pEvent : posted) {
+                queue.PostEvent(pEvent, NORMAL);
+            }
+            ulAllocations = kelto_test::AllocationsOfThisThread() - ulBefore;
+        });
+        CCmTimeValue tvNone(0, 0);
+        Events events;
+        queue.PopOrWaitPendingEvents(events, &tvNone);
+        queue.ProcessAndRecycleEvents(events);
+        queue.PopOrWaitPendingEvents(events, &tvNone);
+    }
+    loop.End();
+    EXPECT_EQ(2u * COUNT, log.ended().size());
+    EXPECT_EQ(0u, ulAllocations);
 }
 
 TEST(CmEventSelfPost, EndsUnfiredAtOnce_WhenItIsDestroyedAsItsWorkerIsAboutToWait) {
