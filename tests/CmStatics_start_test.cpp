@@ -17,8 +17,7 @@ bool s_bFoundNoThread = false;
 // included.
 __attribute__((constructor(101))) void StartWithoutMemory() {
     // As a constructor that fails may leave it.
-    std::memset(static_cast<void*>(&g_rabbitmq_config_file_name), 0xA5,
-                sizeof(g_rabbitmq_config_file_name));
+    std::memset(static_cast<void*>(&g_rabbitmq_config_file_name), 0xA5, sizeof(CCmString));
     const kelto_test::ScopedAllocationFault fault(1, kelto_test::Failing::FROM_THERE_ON);
     s_bFoundNoThread = getCurrentThread() == nullptr;
 }
