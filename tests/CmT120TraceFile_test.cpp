@@ -166,7 +166,7 @@ TEST_F(CmT120TraceFile, WriteStampsWholeMilliseconds_WhateverTheMicroseconds) {
         CCmT120TraceFile file(m_sPath.c_str(), 0, 0, 0);
         file.attach();
         file.write(nullptr, nullptr, "text");
-        char szTime[32];
+        char szTime[64];
         std::snprintf(szTime, sizeof(szTime), " 06:33:20.%03ld pid=", lUsec / 1000);
         EXPECT_NE(std::string::npos, Content().find(szTime)) << lUsec;
     }
