@@ -214,8 +214,12 @@ class CCmEventQueueSteps::CPosting {
         if (CM_UNLIKELY(m_Queue.m_bIsStopped.load(std::memory_order_relaxed))) {
             return CM_ERROR_NOT_INITIALIZED;
         }
-        // Before the event is there: the watch may begin with what is.
+        // Before the event is there: the watch may begin with what is. Not left to CountWatched:
+        // the way without the watch would be slower for it.
         m_pWatched = CmWatchIsOn() ? Watched_l(m_Queue) : nullptr;
+        if (CM_UNLIKELY(m_pWatched != nullptr && !m_bIsRecorded)) {
+            m_bIsWayBack = See(m_pEvent).m_bIsWayBack;
+        }
         m_Queue.m_Events.splice(m_Queue.m_Events.end(), aNodes, aNodes.begin());
         m_Queue.m_Events.back() = m_pEvent;
         const DWORD dwSize = m_Queue.m_dwSize.load(std::memory_order_relaxed) + 1;
@@ -278,15 +282,17 @@ class CCmEventQueueSteps::CPosting {
     // takes long.
     void Record() {
         EnsureWatched(m_Queue);
+        m_bIsRecorded = true;
         CCmFlightRing* const pRing = RingOfThisThread();
         const CSeenEvent seen = See(m_pEvent);
-        if (pRing != nullptr && !seen.m_bIsWayBack) {
+        m_bIsWayBack = seen.m_bIsWayBack;
+        if (pRing != nullptr && !m_bIsWayBack) {
             pRing->Post(CmUsecOf(CCmTimeValue(m_tvCoarseNow)), seen.m_pTable, m_pEvent, &m_Queue);
         }
     }
     void CountWatched(bool aIsAwaited, DWORD aOwn) {
         CCmWatchedQueue& watched = *m_pWatched;
-        if (See(m_pEvent).m_bIsWayBack) {
+        if (m_bIsWayBack) {
             watched.m_dwWaysBack.Add(1);
             return;
         }
@@ -310,6 +316,8 @@ class CCmEventQueueSteps::CPosting {
     DWORD m_dwReportSize = 0;               // the size to report; 0: nothing
     DWORD m_dwMark = 0;                     // a high-water mark to record; 0: none
     CCmWatchedQueue* m_pWatched = nullptr;  // since Append
+    bool m_bIsRecorded = false;             // the watch was on before the lock was taken
+    bool m_bIsWayBack = false;              // of a synchronous send
 };
 
 void CCmEventQueueSteps::LearnTableOfSends() {
