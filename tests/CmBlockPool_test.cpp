@@ -293,8 +293,14 @@ TEST(CmBlockPool, TakesAThreadsBlocksBack_WhenItIsCancelled) {
 TEST(CmBlockPool, TakesAThreadsBlocksBack_WhenItIsDetached) {
     const ScopedBlockPool pool;
     std::vector<Event*> events;
-    std::thread([&events] { events = MakeEvents(100); }).detach();
-    ASSERT_TRUE(Eventually([] { return kelto_test::ThreadsOfThisProcess() <= 2; }));
+    std::atomic<bool> bMade{false};
+    const auto nThreads = kelto_test::ThreadsOfThisProcess();
+    std::thread([&] {
+        events = MakeEvents(100);
+        bMade = true;
+    }).detach();
+    ASSERT_TRUE(Eventually([&] { return bMade.load(); }));
+    ASSERT_TRUE(Eventually([&] { return kelto_test::ThreadsOfThisProcess() <= nThreads; }));
     // 256 of them lie in a chunk; those that were not used have come back.
     ASSERT_TRUE(Eventually([&events] {
         std::vector<Event*> more = MakeEvents(100);
