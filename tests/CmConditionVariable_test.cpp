@@ -20,6 +20,7 @@
 #include "CmScopedLock.h"
 #include "port/CmPort.h"
 #include "support/Faults.h"
+#include "support/Threads.h"
 #include "support/TraceSink.h"
 
 namespace UTIL_NS {
@@ -27,6 +28,7 @@ namespace {
 
 using kelto_test::FailingCall;
 using kelto_test::MaskAddresses;
+using kelto_test::OnAnotherThread;
 using kelto_test::ScopedEntry;
 using kelto_test::ScopedTraceSink;
 
@@ -56,11 +58,6 @@ std::string OnlyLine(const ScopedTraceSink& aSink, unsigned long aLevel) {
 CmResult WaitShortly(CCmEventThread& aEvent) {
     CCmTimeValue tvTimeout(0, SHORT_WAIT_USEC);
     return aEvent.Wait(&tvTimeout);
-}
-
-// Runs on a thread of its own and waits for its end.
-void OnAnotherThread(const std::function<void()>& aStep) {
-    std::thread(aStep).join();
 }
 
 // Threads that wait on one event; counts those that came through.

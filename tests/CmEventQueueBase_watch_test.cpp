@@ -24,6 +24,7 @@
 #include "support/Faults.h"
 #include "support/Flight.h"
 #include "support/FlightFile.h"
+#include "support/Threads.h"
 #include "support/TraceSink.h"
 #include "support/Watch.h"
 
@@ -37,6 +38,7 @@ using kelto_test::FiguresAtRest;
 using kelto_test::FiguresOf;
 using kelto_test::FlightFile;
 using kelto_test::FlightRecord;
+using kelto_test::OnAnotherThread;
 using kelto_test::Rows;
 using kelto_test::ScopedClock;
 using kelto_test::ScopedDirectory;
@@ -63,11 +65,6 @@ int LockAfterWork(pthread_mutex_t* aMutex) {
 int CoarseTimeAfterWork(timeval* aTime, void* aUnused) {
     DoOnce();
     return gettimeofday(aTime, aUnused);
-}
-
-template <class Function>
-void OnAnotherThread(Function aFunction) {
-    std::thread(aFunction).join();
 }
 
 void PostSome(ICmEventQueue& aQueue, unsigned aCount) {

@@ -25,6 +25,7 @@
 #include "support/ChildProcess.h"
 #include "support/Clock.h"
 #include "support/Faults.h"
+#include "support/Fields.h"
 #include "support/Gate.h"
 #include "support/Home.h"
 #include "support/LockCalls.h"
@@ -1231,28 +1232,20 @@ TEST_F(CmT120TraceFile, ManagerWaitsAndFlushes_WhenItEnds) {
     EXPECT_NE(std::string::npos, Content().find(" last\n"));
 }
 
-// What host code sees of a record and of the manager: their first fields.
-template <typename Field>
-Field FieldAt(const void* aObject, size_t aOffset) {
-    Field field;
-    std::memcpy(&field, static_cast<const char*>(aObject) + aOffset, sizeof(field));
-    return field;
-}
-
 TEST_F(CmT120TraceFile, ManagerPutsTheNewestFirstAndCountsAllThatWereEverCreated) {
-    const uint32_t dwBefore = FieldAt<uint32_t>(&g_trace_mgr, 8);
-    void* pHeader = FieldAt<void*>(&g_trace_mgr, 0);
+    const uint32_t dwBefore = kelto_test::FieldAt<uint32_t>(&g_trace_mgr, 8);
+    void* pHeader = kelto_test::FieldAt<void*>(&g_trace_mgr, 0);
     void* pFirst = T120_Open_Trace_Dev("a", 0, 0, 0);
     void* pSecond = T120_Open_Trace_Dev("b", 0, 0, 0);
     T120_Open_Trace_Dev("a", 0, 0, 0);
-    EXPECT_EQ(dwBefore + 2, FieldAt<uint32_t>(&g_trace_mgr, 8));
-    EXPECT_EQ(pSecond, FieldAt<void*>(&g_trace_mgr, 0));
-    EXPECT_EQ(pFirst, FieldAt<void*>(pSecond, 0));
-    EXPECT_EQ(pHeader, FieldAt<void*>(pFirst, 0));
+    EXPECT_EQ(dwBefore + 2, kelto_test::FieldAt<uint32_t>(&g_trace_mgr, 8));
+    EXPECT_EQ(pSecond, kelto_test::FieldAt<void*>(&g_trace_mgr, 0));
+    EXPECT_EQ(pFirst, kelto_test::FieldAt<void*>(pSecond, 0));
+    EXPECT_EQ(pHeader, kelto_test::FieldAt<void*>(pFirst, 0));
     T120_Close_Trace_Dev(pSecond);
     T120_Close_Trace_Dev(pFirst);
-    EXPECT_EQ(dwBefore + 2, FieldAt<uint32_t>(&g_trace_mgr, 8));
-    EXPECT_EQ(pHeader, FieldAt<void*>(&g_trace_mgr, 0));
+    EXPECT_EQ(dwBefore + 2, kelto_test::FieldAt<uint32_t>(&g_trace_mgr, 8));
+    EXPECT_EQ(pHeader, kelto_test::FieldAt<void*>(&g_trace_mgr, 0));
 }
 
 // What the last handler of a program that ends expects of a record; without one it does nothing.
@@ -1271,7 +1264,7 @@ void UseLast() {
     const bool bAttaches = g_pLastRecord->attach() == CM_OK;
     const bool bOpens = T120_Open_Trace_Dev("new", 0, 0, 0) != nullptr;
     T120_Close_Trace_Dev(g_pLastRecord);
-    const bool bStays = FieldAt<void*>(&g_trace_mgr, 0) == g_pLastRecord &&
+    const bool bStays = kelto_test::FieldAt<void*>(&g_trace_mgr, 0) == g_pLastRecord &&
                         g_pLastRecord->is_same_file(sPath.c_str()) == 1;
     const std::string sContent = ReadFile(sPath);
     const bool bFlushed = sContent.find(" kept\n") != std::string::npos &&
@@ -1335,9 +1328,9 @@ TEST_F(CmT120TraceFile, FlushMarksTheRecordAsWrapped_WhenTheSizeLimitIsReached) 
     CCmT120TraceFile file(m_sPath.c_str(), 100, 0, 0);
     file.attach();
     file.write(nullptr, nullptr, "below");
-    EXPECT_EQ(0, FieldAt<unsigned char>(&file, 8));
+    EXPECT_EQ(0, kelto_test::FieldAt<unsigned char>(&file, 8));
     file.write(nullptr, nullptr, "at the limit");
-    EXPECT_EQ(1, FieldAt<unsigned char>(&file, 8));
+    EXPECT_EQ(1, kelto_test::FieldAt<unsigned char>(&file, 8));
 }
 
 TEST_F(CmT120TraceFile, RecordIsMarkedAsValid_WhileItLives) {
@@ -1349,7 +1342,7 @@ TEST_F(CmT120TraceFile, RecordIsMarkedAsValid_WhileItLives) {
                     reinterpret_cast<const char*>(&nMark + 1));
     ASSERT_NE(achMemory + sizeof(achMemory), pchMark);
     pFile->~CCmT120TraceFile();
-    EXPECT_EQ(0, FieldAt<int>(pchMark, 0));
+    EXPECT_EQ(0, kelto_test::FieldAt<int>(pchMark, 0));
 }
 
 // Destroys a record in a thread that is being cancelled: acting on that in the destructor would

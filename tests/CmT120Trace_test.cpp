@@ -23,6 +23,7 @@
 #include "support/ChildProcess.h"
 #include "support/Clock.h"
 #include "support/Faults.h"
+#include "support/Fields.h"
 #include "support/Gate.h"
 #include "support/Home.h"
 #include "support/LockCalls.h"
@@ -435,14 +436,6 @@ TEST_F(CmT120Trace, ConfigIsThatOfTheAgent_WhenTheProcessIsNamedSo) {
 
 // ---- Trace file
 
-// What host code sees of an object: its first fields.
-template <typename Field>
-Field FieldAt(const void* aObject, size_t aOffset) {
-    Field field;
-    std::memcpy(&field, static_cast<const char*>(aObject) + aOffset, sizeof(field));
-    return field;
-}
-
 TEST_F(CmT120Trace, KeepsTheDayAndMonthOfItsConstruction_WhateverTheDayLater) {
     const time_t START = 1100000000;
     kelto_test::ScopedClock clock(START);
@@ -451,15 +444,15 @@ TEST_F(CmT120Trace, KeepsTheDayAndMonthOfItsConstruction_WhateverTheDayLater) {
     std::unique_ptr<CCmT120Trace> pTrace = Create();
     clock.Set(START + 40 * 24 * 3600);
     pTrace->load(nullptr);
-    EXPECT_EQ(date.tm_mday, FieldAt<int>(pTrace.get(), 72));
-    EXPECT_EQ(date.tm_mon + 1, FieldAt<int>(pTrace.get(), 76));
+    EXPECT_EQ(date.tm_mday, kelto_test::FieldAt<int>(pTrace.get(), 72));
+    EXPECT_EQ(date.tm_mon + 1, kelto_test::FieldAt<int>(pTrace.get(), 76));
 }
 
 TEST_F(CmT120Trace, HasNoDayOfItsConstruction_WhenTheLocalTimeFails) {
     kelto_test::FailingCall<&CCmSystemTable::localtime_r> fault(EOVERFLOW, nullptr);
     std::unique_ptr<CCmT120Trace> pTrace = Create();
-    EXPECT_EQ(0, FieldAt<int>(pTrace.get(), 72));
-    EXPECT_EQ(0, FieldAt<int>(pTrace.get(), 76));
+    EXPECT_EQ(0, kelto_test::FieldAt<int>(pTrace.get(), 72));
+    EXPECT_EQ(0, kelto_test::FieldAt<int>(pTrace.get(), 76));
 }
 
 // The record that the facility opened, by its path.
@@ -535,7 +528,7 @@ int s_nFilesRead = 0;
 // Takes the limit of the facility's record when the configuration is read for the second time.
 int OpenThatLooksAtTheRecord(const char* aPath, int aFlags, mode_t aMode) {
     if (++s_nFilesRead == 2) {
-        s_ulLimitMeanwhile = FieldAt<unsigned long>(RecordOf(s_sLookedAt), 32);
+        s_ulLimitMeanwhile = kelto_test::FieldAt<unsigned long>(RecordOf(s_sLookedAt), 32);
     }
     return open(aPath, aFlags, aMode);
 }
@@ -550,7 +543,7 @@ TEST_F(CmT120Trace, FileIsLimitedByItsOwnName_UntilTheConfigurationIsRead) {
     s_nFilesRead = 0;
     pTrace->load(nullptr);
     EXPECT_EQ(2000U, s_ulLimitMeanwhile);
-    EXPECT_EQ(3000U, FieldAt<unsigned long>(RecordOf(s_sLookedAt), 32));
+    EXPECT_EQ(3000U, kelto_test::FieldAt<unsigned long>(RecordOf(s_sLookedAt), 32));
     T120_Close_Trace_Dev(RecordOf(s_sLookedAt));
 }
 
@@ -612,9 +605,9 @@ TEST_F(CmT120Trace, FileIsNamedAfterTheProcessOrAsGiven) {
     for (const auto& file : CASES) {
         std::unique_ptr<CCmT120Trace> pTrace = Create(file.fileName, file.single);
         pTrace->load(nullptr);
-        const auto dwRecords = FieldAt<uint32_t>(&g_trace_mgr, 8);  // ever opened
+        const auto dwRecords = kelto_test::FieldAt<uint32_t>(&g_trace_mgr, 8);  // ever opened
         CCmT120TraceFile* pRecord = RecordOf(file.path);
-        EXPECT_EQ(dwRecords, FieldAt<uint32_t>(&g_trace_mgr, 8)) << file.path;
+        EXPECT_EQ(dwRecords, kelto_test::FieldAt<uint32_t>(&g_trace_mgr, 8)) << file.path;
         EXPECT_EQ(1, pRecord->is_same_file(file.path.c_str()));
         ASSERT_EQ(CM_OK, pRecord->attach());
         kelto_test::WriteFile(file.path, Header(32));

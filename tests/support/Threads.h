@@ -1,4 +1,4 @@
-// How many threads the process has.
+// How many threads the process has, and one more for a step of a test.
 #ifndef TESTS_SUPPORT_THREADS_H
 #define TESTS_SUPPORT_THREADS_H
 
@@ -34,6 +34,12 @@ inline int LiveThreadsAtRest() {
         Eventually([&] { return !std::filesystem::exists("/proc" / ended, error); });
     }
     return LiveThreads();
+}
+
+// Runs aStep on a thread of its own and waits for its end.
+template <class Step>
+void OnAnotherThread(Step aStep) {
+    std::thread(aStep).join();
 }
 
 }  // namespace kelto_test
